@@ -1,0 +1,315 @@
+/* The module's private header: the copy request record and the error record, their values, the status codes, and what each source offers
+ * the others. Everything runs on the agent's one thread, except what the copy worker runs in its own process (copy_function and what it
+ * calls).
+ *
+ * Functions marked CC_EXPORT stand in the symbol table under their own names. */
+#ifndef CONFIG_COPY_MIB_H
+#define CONFIG_COPY_MIB_H
+
+#include <net-snmp/net-snmp-config.h>
+
+#include <net-snmp/net-snmp-includes.h>
+
+#include <net-snmp/agent/net-snmp-agent-includes.h>
+
+#include <stddef.h>
+#include <stdint.h>
+#include <stdio.h>
+
+#include "platform/agent_extension.h"
+#include "platform/evtrace.h"
+#include "platform/inet_address.h"
+#include "platform/keyedset.h"
+#include "platform/msgbus.h"
+
+#define CC_EXPORT __attribute__((visibility("default")))
+
+/* --- values -------------------------------------------------------------------------------------------------------------------- */
+
+enum copy_protocol { COPY_PROTO_TFTP = 1, COPY_PROTO_FTP = 2, COPY_PROTO_RCP = 3, COPY_PROTO_SCP = 4, COPY_PROTO_SFTP = 5 };
+
+enum copy_file_type {
+    COPY_FILE_NETWORK = 1,
+    COPY_FILE_KEX = 2,
+    COPY_FILE_STARTUP = 3,
+    COPY_FILE_RUNNING = 4,
+    COPY_FILE_TYPE5 = 5,
+    COPY_FILE_FABRIC_STARTUP = 6,
+    COPY_FILE_ALL_STARTUP = 7,
+};
+
+enum copy_state { COPY_STATE_WAITING = 1, COPY_STATE_RUNNING = 2, COPY_STATE_SUCCESSFUL = 3, COPY_STATE_FAILED = 4 };
+
+enum copy_fail_cause {
+    COPY_FAIL_GENERAL = 1,
+    COPY_FAIL_BAD_FILE_NAME = 2,
+    COPY_FAIL_TIMEOUT = 3,
+    COPY_FAIL_NO_SPACE = 4,
+    COPY_FAIL_BAD_CONFIG = 5, /* the file is no configuration */
+    COPY_FAIL_UNSUPPORTED_PROTOCOL = 6,
+    COPY_FAIL_CONFIG_NOT_APPLIED = 7, /* the configuration was refused while it was applied */
+    COPY_FAIL_WARDEN_REFUSED = 8,     /* the system manager refused to start */
+    COPY_FAIL_WARDEN_FAILED = 9,      /* the system manager reported a failed copy */
+};
+
+/* RowStatus of SNMPv2-TC (RFC 2579). */
+enum row_status {
+    ROW_STATUS_ACTIVE = 1,
+    ROW_STATUS_NOT_IN_SERVICE = 2,
+    ROW_STATUS_NOT_READY = 3,
+    ROW_STATUS_CREATE_AND_GO = 4,
+    ROW_STATUS_CREATE_AND_WAIT = 5,
+    ROW_STATUS_DESTROY = 6,
+};
+
+/* TruthValue of SNMPv2-TC (RFC 2579). */
+enum truth_value { TRUTH_TRUE = 1, TRUTH_FALSE = 2 };
+
+/* Module status codes. */
+#define CCERR_FAILED 0x40490001U
+#define CCERR_NOT_FOUND 0x40490002U
+#define CCERR_SEND_FAILED 0x40490009U
+/* Reasons of refused requests, for log_set_error() together with CC_ERROR_FACILITY. */
+#define CCERR_COPY_IN_PROGRESS 0x40490049U
+#define CCERR_ONLY_RUNNING_TO_FABRIC 0x4049004AU
+#define CCERR_BOTH_NETWORK 0x4049004BU
+#define CCERR_NETWORK_TO_STARTUP 0x4049004CU
+#define CCERR_SAME_FILE_TYPE 0x4049004DU
+#define CCERR_ONLY_RUNNING_TO_ALL 0x4049005BU
+#define CC_ERROR_FACILITY 584U
+
+/* Magic numbers of the registered variables: the switch keys of the read handlers. */
+enum cc_magic {
+    CC_MAGIC_PROTOCOL = 4,
+    CC_MAGIC_SOURCE_FILE_TYPE = 5,
+    CC_MAGIC_DEST_FILE_TYPE = 6,
+    CC_MAGIC_SERVER_ADDRESS = 7,
+    CC_MAGIC_FILE_NAME = 8,
+    CC_MAGIC_USER_NAME = 9,
+    CC_MAGIC_USER_PASSWORD = 10,
+    CC_MAGIC_NOTIFICATION_ON_COMPLETION = 11,
+    CC_MAGIC_STATE = 12,
+    CC_MAGIC_TIME_STARTED = 13,
+    CC_MAGIC_TIME_COMPLETED = 14,
+    CC_MAGIC_FAIL_CAUSE = 15,
+    CC_MAGIC_ENTRY_ROW_STATUS = 16,
+    CC_MAGIC_SERVER_ADDRESS_TYPE = 17,
+    CC_MAGIC_SERVER_ADDRESS_REV1 = 18,
+    CC_MAGIC_ERROR_DEVICE_ADDR_TYPE = 25,
+    CC_MAGIC_ERROR_DEVICE_ADDR = 26,
+    CC_MAGIC_ERROR_SWITCH_WWN = 27,
+    CC_MAGIC_ERROR_TEXT = 28,
+};
+
+/* The root 1.3.6.1.4.1.41927.9.96 and what hangs below it. */
+#define CC_ROOT_OID 1, 3, 6, 1, 4, 1, 41927, 9, 96
+#define CC_ROOT_OID_LENGTH 9
+#define CC_COLUMN_OID_LENGTH 14                      /* root, table and column: the prefix of an instance */
+#define CC_ROW_OID_LENGTH (CC_COLUMN_OID_LENGTH + 1) /* an instance of ccCopyTable */
+#define CC_COPY_COLUMN_OID(column) CC_ROOT_OID, 1, 1, 1, 1, (column)
+
+/* Numbers of the columns of ccCopyTable (the sub-identifier after the table's entry). */
+enum cc_column {
+    CC_COLUMN_SERVER_ADDRESS = 5,
+    CC_COLUMN_FILE_NAME = 6,
+    CC_COLUMN_STATE = 10,
+    CC_COLUMN_TIME_STARTED = 11,
+    CC_COLUMN_TIME_COMPLETED = 12,
+    CC_COLUMN_FAIL_CAUSE = 13,
+    CC_COLUMN_ENTRY_ROW_STATUS = 14,
+    CC_COLUMN_SERVER_ADDRESS_TYPE = 15,
+    CC_COLUMN_SERVER_ADDRESS_REV1 = 16,
+};
+
+/* --- records ------------------------------------------------------------------------------------------------------------------- */
+
+#define CC_FILE_NAME_SIZE 256
+#define CC_FILE_NAME_MAX 128 /* octets that a manager may write */
+#define CC_CREDENTIAL_SIZE 41
+#define CC_ADDRESS_TEXT_SIZE 64
+
+/* A point in wall-clock time; 0, 0: not yet. */
+struct ccTime {
+    int32_t tv_sec;
+    int32_t tv_usec;
+};
+
+/* One row of ccCopyTable. Texts end with a NUL, or fill their field: a user name or password of 41 octets has no terminator inside it,
+ * so a reader takes at most the field's size. */
+struct ccCopyEntry {
+    int32_t ccCopyIndex; /* the store's key, 1..2147483647 */
+    int32_t ccCopyProtocol;
+    int32_t ccCopySourceFileType;
+    int32_t ccCopyDestFileType;
+    uint32_t ccCopyServerAddress; /* keeps the column order; never read or written */
+    char ccCopyFileName[CC_FILE_NAME_SIZE];
+    char ccCopySrcFileName[CC_FILE_NAME_SIZE]; /* local file of the copy; only the worker writes it, and nobody reads it before */
+    char ccCopyUserName[CC_CREDENTIAL_SIZE];   /* the terminator of 41 octets is the password's first octet */
+    char ccCopyUserPassword[CC_CREDENTIAL_SIZE];
+    int32_t ccCopyNotificationOnCompletion; /* TruthValue, or whatever 32-bit value the manager wrote */
+    int32_t ccCopyState;
+    int32_t create_time; /* seconds since the epoch, wraps */
+    struct ccTime ccCopyTimeStarted;
+    struct ccTime ccCopyTimeCompleted;
+    int32_t ccCopyFailCause;
+    int32_t reserve2_seen; /* 1 once a SET of the row status has reached RESERVE2 */
+    int32_t ccCopyEntryRowStatus;
+    int32_t ccCopyServerAddressType;                    /* InetAddressType */
+    char ccCopyServerAddressRev1[CC_ADDRESS_TEXT_SIZE]; /* the server's address as text */
+};
+static_assert(offsetof(ccCopyEntry, ccCopyFileName) == 20 && offsetof(ccCopyEntry, ccCopySrcFileName) == 276 &&
+                  offsetof(ccCopyEntry, ccCopyUserName) == 532 && offsetof(ccCopyEntry, ccCopyUserPassword) == 573 &&
+                  offsetof(ccCopyEntry, ccCopyNotificationOnCompletion) == 616 && offsetof(ccCopyEntry, create_time) == 624 &&
+                  offsetof(ccCopyEntry, ccCopyTimeStarted) == 628 && offsetof(ccCopyEntry, ccCopyFailCause) == 644 &&
+                  offsetof(ccCopyEntry, ccCopyEntryRowStatus) == 652 && offsetof(ccCopyEntry, ccCopyServerAddressRev1) == 660 &&
+                  sizeof(ccCopyEntry) == 724,
+              "the copy request record has the same layout everywhere");
+
+#define CC_ERROR_ADDRESS_TEXT_SIZE 129
+#define CC_ERROR_TEXT_SIZE 257
+#define CC_WWN_SIZE 8
+
+/* One row of ccCopyErrorTable. */
+struct ccCopyErrorEntry {
+    int32_t ccCopyIndex;      /* first key: the copy request */
+    int32_t ccCopyErrorIndex; /* second key, counted from 1 within the request */
+    int32_t ccCopyErrorDeviceAddrType;
+    char ccCopyErrorDeviceAddr[CC_ERROR_ADDRESS_TEXT_SIZE];
+    uint8_t ccCopyErrorSwitchWwn[CC_WWN_SIZE];
+    char ccCopyErrorText[CC_ERROR_TEXT_SIZE];
+};
+
+/* The registration record of one variable, as register_mib() takes it. */
+#define CC_VARIABLE_COUNT 19
+static_assert(sizeof(void *) != 4 || (sizeof(struct variable7) == 40 && 13 * sizeof(oid) == 52), "the 32-bit target's sizes");
+
+extern "C" {
+
+/* --- log (copy_store.cpp) ------------------------------------------------------------------------------------------------------- */
+
+/* Formats a message once and gives it to the debug history and to the debug print, as far as either wants it. `subtype` is EVTRACE_DEBUG or
+ * EVTRACE_ERROR. Messages longer than 511 octets are cut. Keeps errno. */
+void cc_log(uint32_t subtype, const char *format, ...) __attribute__((format(printf, 2, 3)));
+
+/* Appends a record to the private trace file when is_snmp_debug_enabled is set. Never fails. Keeps errno. */
+void cc_trace(const char *format, ...) __attribute__((format(printf, 1, 2)));
+/* The same with the usual prefix: function, line and function again, a colon, and then the text. */
+#define CC_TRACE(format, ...) cc_trace("%s(%d):%s" format, __func__, __LINE__, __func__ __VA_OPT__(, ) __VA_ARGS__)
+
+/* --- module frame (config_copy_mib.cpp) ------------------------------------------------------------------------------------------- */
+
+CC_EXPORT extern oid config_copy_mib_variables_oid[CC_ROOT_OID_LENGTH];
+CC_EXPORT extern struct variable7 config_copy_mib_variables[CC_VARIABLE_COUNT];
+
+/* Called by the agent when it loads and unloads the module; may follow each other any number of times in one process. */
+CC_EXPORT int init_config_copy_mib(void);
+CC_EXPORT void deinit_config_copy_mib(void);
+CC_EXPORT void set_ccCopyTable_setmethods(uint8_t magic, WriteMethod **write_method);
+CC_EXPORT unsigned char *get_config_copy_mib(struct variable *vp, oid *name, size_t *length, int exact, size_t *var_len,
+                                             WriteMethod **write_method);
+
+/* --- record store and trace file (copy_store.cpp) ---------------------------------------------------------------------------------- */
+
+extern struct keyedset ccCopyTable;             /* the rows; present exactly while it holds one; written by the store */
+extern struct keyedset ccCopyUndoList;          /* row copies of the SET transaction in progress; written by the row-status handler */
+extern int32_t child_copy_running;              /* 1 while a worker runs; set by start_copy(), cleared by handle_copy_done() */
+CC_EXPORT extern unsigned int ageouttimer;      /* handle of the age-out alarm; written by the store */
+CC_EXPORT extern int32_t is_snmp_debug_enabled; /* non-zero: write the trace file; written only from outside the module */
+
+/* A heap record with all defaults and index 0, the caller's until addCcCopyEntry() took it; null when memory is exhausted. */
+CC_EXPORT struct ccCopyEntry *createCcCopyEntry(void);
+CC_EXPORT uint32_t addCcCopyEntry(struct ccCopyEntry *record);
+/* Copy the stored row into the caller's buffer, whose ccCopyIndex is the key (getnext: the key before it; 0 begins at the first row). */
+CC_EXPORT uint32_t getCcCopyEntry(struct ccCopyEntry *buffer);
+CC_EXPORT uint32_t getnextCcCopyEntry(struct ccCopyEntry *buffer);
+CC_EXPORT uint32_t deleteCcCopyEntry(const struct ccCopyEntry *key);
+CC_EXPORT int8_t ccCopyEntry_comp_func(const void *a, const void *b);
+CC_EXPORT void ccCopyEntry_free(struct ccCopyEntry *record);
+/* The first row in that state; CCERR_FAILED when there is none, and the buffer then holds the last row. */
+CC_EXPORT uint32_t get_config_entry_with_status(int32_t state, struct ccCopyEntry *buffer);
+CC_EXPORT bool copy_inprogress(void);
+CC_EXPORT FILE *trace_file_get(void);
+CC_EXPORT int8_t search_all_cmp(const void *a, const void *b);
+
+/* --- read access and error store (copy_read.cpp) ------------------------------------------------------------------------------------ */
+
+extern struct ccCopyEntry cc_last_read_row; /* the row that the read handler answered from last; returned values point into it */
+extern struct keyedset ccCopyErrorTable;    /* present exactly while it holds a row, or from its creation to the first one */
+
+CC_EXPORT unsigned char *get_ccCopyTable(struct variable *vp, oid *name, size_t *length, int exact, size_t *var_len,
+                                         WriteMethod **write_method);
+CC_EXPORT uint32_t copy_row_lookup(const oid *prefix, size_t prefix_len, oid *name, size_t *length, int exact, struct ccCopyEntry *record);
+CC_EXPORT uint32_t copy_oid_index_parse(const oid *prefix, size_t prefix_len, const oid *name, size_t length, int exact, int32_t *index);
+
+CC_EXPORT int8_t ccCopyErrorEntry_comp_func(const void *a, const void *b);
+CC_EXPORT uint32_t addCcCopyErrorEntry(const struct ccCopyEntry *copy_request, const struct ccCopyErrorEntry *record);
+CC_EXPORT uint32_t getCcCopyErrorEntry(struct ccCopyErrorEntry *buffer);
+CC_EXPORT uint32_t getnextCcCopyErrorEntry(struct ccCopyErrorEntry *buffer);
+CC_EXPORT uint32_t deleteCcCopyErrorEntries(const struct ccCopyEntry *key);
+CC_EXPORT uint32_t getFirstErrorEntryForNextCopyEntry(struct ccCopyErrorEntry *buffer);
+CC_EXPORT unsigned char *get_ccCopyErrorTable(struct variable *vp, oid *name, size_t *length, int exact, size_t *var_len,
+                                              WriteMethod **write_method);
+
+/* --- write access (copy_write*.cpp) -------------------------------------------------------------------------------------------------- */
+
+/* Overwrites the stored row of the record's index with the record; then, when asked, fills the error table with the fabric's switches.
+ * Returns 0, or CCERR_NOT_FOUND. */
+CC_EXPORT uint32_t setCcCopyEntry(const struct ccCopyEntry *record, int32_t fill_error_table);
+
+/* Write methods as the agent calls them, once a phase (RESERVE1 0 .. UNDO 5); the result is an SNMP error status. */
+CC_EXPORT WriteMethod set_ccCopyProtocol, set_ccCopySourceFileType, set_ccCopyDestFileType, set_ccCopyServerAddress, set_ccCopyFileName,
+    set_ccCopyUserName, set_ccCopyUserPassword, set_ccCopyNotificationOnCompletion, set_ccCopyEntryRowStatus, set_ccCopyServerAddressType,
+    set_ccCopyServerAddressRev1;
+
+/* The value of an INTEGER that a manager wrote: its low 32 bits. */
+int32_t cc_integer_value(const unsigned char *value, size_t length);
+/* Whether an INTEGER may have this length: 0..4 octets, or the long that a 64-bit agent hands over. */
+bool cc_integer_length_ok(size_t length);
+
+/* 1 when the request may be started, else 0 with *err_out an SNMP error status or 0. May change the record's row status and fail cause. */
+CC_EXPORT int32_t validate_entry(struct ccCopyEntry *record, int32_t *err_out, int32_t requested_status);
+
+/* --- execution (copy_execute*.cpp) ---------------------------------------------------------------------------------------------------- */
+
+CC_EXPORT int32_t validate_n_start_copy(struct ccCopyEntry *record, int32_t row_status_value);
+CC_EXPORT uint32_t start_copy(struct ccCopyEntry *record);
+CC_EXPORT uint32_t copy_function(struct ccCopyEntry *record);
+
+enum copy_direction { COPY_DOWNLOAD = 1, COPY_UPLOAD = 2 };
+/* Move one file; the result is 0 or a fail cause. */
+CC_EXPORT int32_t do_nw_upload_download(int32_t direction, char *work_dir, struct ccCopyEntry *entry);
+CC_EXPORT int32_t do_nw_upload_download_on_vrf(int32_t direction, char *work_dir, struct ccCopyEntry *entry);
+CC_EXPORT int32_t tftperr2miberr(int32_t tftp_error);
+
+extern msgbus_msg cfg_action_request; /* the last start request to the system manager, kept while its exchange lasts */
+CC_EXPORT uint32_t do_cp_runningtostartup(struct ccCopyEntry *record);
+CC_EXPORT uint32_t handle_abort(const struct ccCopyEntry *record);
+/* True for a copy from the running configuration to a startup configuration: this switch's, the fabric's or all. */
+bool cc_is_running_to_startup(const struct ccCopyEntry *record);
+
+CC_EXPORT uint32_t send_status_2_parent(int32_t status);
+
+/* --- completion and housekeeping (copy_complete.cpp) ------------------------------------------------------------------------------------
+ */
+
+CC_EXPORT netsnmp_variable_list *handle_notifications(msgbus_msg message, oid *oid_buffer, uint32_t *oid_length, uint32_t *send_flag);
+CC_EXPORT uint32_t handle_copy_done(int32_t status);
+CC_EXPORT uint32_t handle_copy_failure(void);
+CC_EXPORT uint32_t handle_copy_success(void);
+
+#define CC_NOTIFICATION_OID_LENGTH 13
+#define CC_NOTIFICATION_KIND 6 /* enterprise specific */
+/* The bindings of ccCopyCompletion for the row, the caller's to send. `oid_buffer` has room for CC_NOTIFICATION_OID_LENGTH sub-identifiers.
+ */
+CC_EXPORT netsnmp_variable_list *build_notification(const struct ccCopyEntry *record, oid *oid_buffer, uint32_t *oid_length);
+
+CC_EXPORT void cfgentry_age_timer_handler(unsigned int clientreg, void *clientarg);
+CC_EXPORT int cc_handle_starttime_change(int major, int minor, void *serverarg, void *clientarg);
+
+/* The current wall-clock time. */
+struct ccTime cc_now(void);
+/* The agent's uptime in hundredths of a second at that moment (netsnmp_timeval_uptime()); negative before its start. */
+int32_t cc_uptime_of(struct ccTime when);
+
+} /* extern "C" */
+#endif
