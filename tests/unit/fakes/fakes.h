@@ -5,6 +5,15 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
+#include <vector>
+
+/* Calls that no test may leave unread: a fake's verify() fails when some are left. */
+template <class Call> struct Calls {
+    std::vector<Call> items;
+    /* The calls so far, oldest first; the record is empty afterwards. */
+    std::vector<Call> take() { return std::exchange(items, {}); }
+};
 
 /* One faked service: a record of what was asked of it, and knobs for what it answers. Each fake is one object of static storage; being
  * constructed puts it into the list that ModuleTest goes through. */
