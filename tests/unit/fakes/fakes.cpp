@@ -19,13 +19,6 @@ void reset_all() {
     }
 }
 
-void empty_undo_list() {
-    while (auto *copy = static_cast<ccCopyEntry *>(keyedset_find_nth_obj(&ccCopyUndoList, 1))) {
-        keyedset_remove(&ccCopyUndoList, copy);
-        ccCopyEntry_free(copy);
-    }
-}
-
 /* Through the module's own operations as far as they reach: what a test leaves in the tables is also a check of the deletion. */
 void empty_tables() {
     is_snmp_debug_enabled = 0;
@@ -43,7 +36,6 @@ void empty_tables() {
         error = ccCopyErrorEntry{};
     }
     keyedset_destroy(&ccCopyErrorTable);
-    empty_undo_list();
     cc_last_read_row = ccCopyEntry{};
 }
 
@@ -59,6 +51,7 @@ FakeBase::~FakeBase() {
 
 void ModuleTest::SetUp() {
     reset_all();
+    empty_undo_list();
     empty_tables();
     reset_all();
 }
@@ -68,6 +61,14 @@ void ModuleTest::TearDown() {
         fake->verify();
     }
     reset_all();
+    empty_undo_list();
     empty_tables();
     reset_all();
+}
+
+void ModuleTest::empty_undo_list() {
+    while (auto *copy = static_cast<ccCopyEntry *>(keyedset_find_nth_obj(&ccCopyUndoList, 1))) {
+        keyedset_remove(&ccCopyUndoList, copy);
+        ccCopyEntry_free(copy);
+    }
 }
