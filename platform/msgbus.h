@@ -57,7 +57,7 @@ uint32_t msgbus_opc_get(msgbus_msg message);
 /* The payload, which lives as long as the message, or null when the message carries fewer than `at_least` octets. */
 const void *msgbus_payload_get(msgbus_msg message, uint32_t at_least);
 
-/* The request/response token of a sent request or of the answer to it. */
+/* The request/response token of a sent request or of the answer to it, never 0; 0 for no message. */
 uint32_t msgbus_rr_token_get(msgbus_msg message);
 
 #ifdef __cplusplus
