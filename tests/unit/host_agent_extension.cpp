@@ -4,7 +4,7 @@
 #include "platform/host/agent_extension_request.h"
 #include "platform/host/agent_extension_workers.h"
 #include "platform/host/host_config.h"
-#include "platform/host/msgbus_wire.h"
+#include "platform/host/msgbus_server.h"
 
 #include "host_bus_support.h"
 
@@ -472,6 +472,28 @@ TEST_F(HostAgentExtension, FailedForkEndsTheCopy) {
         return deliveries.size() == 1 && deliveries[0].payload == 1 ? 0 : 3;
     });
     EXPECT_EQ(exit_status_of(agent), 0);
+}
+
+// In a process of its own, because the agent's side starts once.
+int follow_workers_beside_another_agent() {
+    const host_test::TemporaryDirectory directory;
+    const host_test::Platform platform(directory.path());
+    auto other_agent = std::make_unique<ulmo::MsgbusServer>(MSGBUS_SAP_AGENT);
+    if (register_for_notification(AGENT_OPC_WORKER_STATUS, record_delivery) != EADDRINUSE) {
+        return 1;
+    }
+    start_worker([] { send_status(5); });
+    if (!delivered(1) || deliveries[0].payload != 1) {
+        return 2; // the report went to the other agent, but the end was seen
+    }
+    other_agent.reset();
+    start_worker([] { send_status(5); });
+    return delivered(2) && deliveries[1].payload == 5 ? 0 : 3;
+}
+
+TEST(HostAgentExtensionDeathTest, AccessPointOfAnotherAgent) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(std::exit(follow_workers_beside_another_agent()), testing::ExitedWithCode(0), "");
 }
 
 // --- notifications ---

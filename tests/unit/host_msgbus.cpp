@@ -32,7 +32,10 @@ constexpr uint32_t sap = 3;
 
 class HostMsgbus : public testing::Test {
   protected:
-    void TearDown() override { msgbus_drop(msgbus_response_q, &request_); }
+    void TearDown() override {
+        msgbus_drop(msgbus_response_q, &request_);
+        msgbus_drop(msgbus_response_q, &answer_);
+    }
 
     int32_t ask(uint32_t opcode, const std::string &payload = "") {
         msgbus_drop(msgbus_response_q, &request_);
