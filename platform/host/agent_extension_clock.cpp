@@ -18,6 +18,7 @@ namespace {
 
 using std::chrono::duration_cast;
 using std::chrono::microseconds;
+using std::chrono::milliseconds;
 using std::chrono::nanoseconds;
 using std::chrono::seconds;
 
@@ -27,9 +28,9 @@ nanoseconds clock_now(clockid_t clock) {
     return seconds(now.tv_sec) + nanoseconds(now.tv_nsec);
 }
 
-void move_start_time(nanoseconds change) {
+void move_start_time(milliseconds change) {
     const auto *start = static_cast<const timeval *>(netsnmp_get_agent_starttime());
-    const auto moved = seconds(start->tv_sec) + microseconds(start->tv_usec) + std::chrono::round<microseconds>(change);
+    const auto moved = seconds(start->tv_sec) + microseconds(start->tv_usec) + change;
     const auto whole = std::chrono::floor<seconds>(moved);
     timeval moved_start{};
     moved_start.tv_sec = whole.count();
@@ -65,13 +66,14 @@ ClockReading read_clocks() {
 StartTimeKeeper::StartTimeKeeper(ClockReading now) : seen_(now.wall - now.running) {}
 
 void StartTimeKeeper::observe(ClockReading now) {
-    const auto offset = now.wall - now.running;
-    const auto change = offset - seen_;
-    seen_ = offset;
-    unreported_ += change;
-    if (change != nanoseconds{0}) {
-        move_start_time(change);
+    // Two readings never agree to the nanosecond: without rounding, a clock set by an hour would be one second short of it at times.
+    const auto change = std::chrono::round<milliseconds>(now.wall - now.running - seen_);
+    if (change == milliseconds{0}) {
+        return;
     }
+    seen_ += change;
+    unreported_ += change;
+    move_start_time(change);
     const auto whole = duration_cast<seconds>(unreported_);
     if (whole != seconds{0}) {
         unreported_ -= whole;

@@ -26,8 +26,8 @@ class StartTimeKeeper {
     void observe(ClockReading now);
 
   private:
-    std::chrono::nanoseconds seen_;          // wall clock ahead of the running one
-    std::chrono::nanoseconds unreported_{0}; // moved, but not yet told of
+    std::chrono::nanoseconds seen_;           // wall clock ahead of the running one
+    std::chrono::milliseconds unreported_{0}; // moved, but not yet told of
 };
 
 // A descriptor that becomes readable when the wall clock is set.

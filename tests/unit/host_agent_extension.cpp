@@ -815,6 +815,15 @@ TEST_F(HostAgentClock, SetForwardAndBack) {
     EXPECT_EQ(raised_changes, (std::vector<RaisedChange>{{3600, AGENT_STARTTIME_ADDED}, {3610, AGENT_STARTTIME_SUBTRACTED}}));
 }
 
+TEST_F(HostAgentClock, ReadingsThatDifferALittle) {
+    observe(3600s - 300ns);
+    observe(500ns);
+    observe(-400us);
+    EXPECT_EQ(start().tv_sec, 1000000);
+    EXPECT_EQ(start().tv_usec, 250000);
+    EXPECT_EQ(raised_changes, (std::vector<RaisedChange>{{3600, AGENT_STARTTIME_ADDED}, {3600, AGENT_STARTTIME_SUBTRACTED}}));
+}
+
 TEST_F(HostAgentClock, FractionsAreReportedOnceTheyMakeASecond) {
     observe(600ms);
     EXPECT_EQ(start().tv_sec, 1000000);

@@ -232,6 +232,16 @@ TEST_F(HostMsgbus, NewRequestAbandonsTheFormer) {
     EXPECT_EQ(payload_of(answer_), "new");
 }
 
+TEST_F(HostMsgbus, RequestThatCantBeSentAbandonsTheFormerToo) {
+    auto server = std::make_unique<MsgbusServer>(sap);
+    ASSERT_EQ(ask(1381), 0);
+    serve(*server);
+    ASSERT_EQ(received_.at(0).reply(1381, "old", 3), 0);
+    server.reset();
+    ASSERT_EQ(ask(1381), -1);
+    EXPECT_EQ(listen(1), ENOMSG);
+}
+
 TEST_F(HostMsgbus, AnswerToAnotherRequestIsDropped) {
     MsgbusServer server(sap);
     ASSERT_EQ(ask(1381), 0);
