@@ -478,9 +478,14 @@ TEST_F(HostAgentExtension, FailedForkEndsTheCopy) {
 int follow_workers_beside_another_agent() {
     const host_test::TemporaryDirectory directory;
     const host_test::Platform platform(directory.path());
+    const auto stale = ulmo::worker_directory(4000001);
+    std::filesystem::create_directory(stale);
     auto other_agent = std::make_unique<ulmo::MsgbusServer>(MSGBUS_SAP_AGENT);
     if (register_for_notification(AGENT_OPC_WORKER_STATUS, record_delivery) != EADDRINUSE) {
         return 1;
+    }
+    if (std::filesystem::exists(stale)) {
+        return 4;
     }
     start_worker([] { send_status(5); });
     if (!delivered(1) || deliveries[0].payload != 1) {

@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/un.h>
 
 #include <array>
@@ -543,6 +544,24 @@ TEST_F(HostMsgbus, FullQueueIsAnErrorAndNoWait) {
     serve(server);
     EXPECT_EQ(static_cast<int>(received_.size()), sent) << "one round takes all that was sent";
     EXPECT_EQ(tell(1), 0);
+}
+
+TEST_F(HostMsgbus, ShortageOfDescriptorsPasses) {
+    MsgbusServer server(sap);
+    ASSERT_EQ(tell(1), 0);
+    const ulmo::UniqueFd highest(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    const rlimit none_left{static_cast<rlim_t>(highest.get()) + 1, limit.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none_left), 0);
+    serve(server);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+    EXPECT_TRUE(received_.empty());
+    EXPECT_FALSE(readable(server.fd())) << "the server does not run in circles";
+    ASSERT_TRUE(readable(server.fd(), 3s));
+    serve(server);
+    EXPECT_EQ(received_.size(), 1U);
+    EXPECT_FALSE(readable(server.fd()));
 }
 
 TEST_F(HostMsgbus, NoDescriptorIsLeftOpen) {
