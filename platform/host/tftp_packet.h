@@ -36,10 +36,10 @@ inline constexpr std::size_t largest_packet = std::size_t{65535}; // of UDP
 
 // Options, asked for or agreed on. What is absent is not asked for, or stays as in RFC 1350.
 struct Options {
-    std::optional<std::uint16_t> block_size;    // octets, 8..65464
-    std::optional<std::uint8_t> timeout;        // seconds, 1..255
-    std::optional<std::uint64_t> transfer_size; // octets; 0 in a read request asks for the size
-    std::optional<std::uint16_t> window_size;   // blocks, 1..65535
+    std::optional<std::uint16_t> block_size{};    // octets, 8..65464
+    std::optional<std::uint8_t> timeout{};        // seconds, 1..255
+    std::optional<std::uint64_t> transfer_size{}; // octets; 0 in a read request asks for the size
+    std::optional<std::uint16_t> window_size{};   // blocks, 1..65535
 
     [[nodiscard]] bool empty() const { return !block_size && !timeout && !transfer_size && !window_size; }
     bool operator==(const Options &) const = default;

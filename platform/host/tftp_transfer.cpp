@@ -11,6 +11,10 @@
 namespace ulmo::tftp {
 namespace {
 
+// The soonest that a repeated acknowledgment means more than a doubled packet: on a short path the processes' turns, not the network,
+// decide how far apart doubles come.
+constexpr Clock::duration least_doubt = std::chrono::milliseconds(10);
+
 // Which of the blocks near `around` has this number on the wire: numbers have 16 bits and go on with 0 after 65535.
 std::uint64_t unwrapped(std::uint16_t number, std::uint64_t around) {
     const auto distance = static_cast<std::int16_t>(static_cast<std::uint16_t>(number - static_cast<std::uint16_t>(around)));
@@ -302,8 +306,8 @@ class Sender {
     // window, never sooner than the server could have seen what it misses, and never for two windows in a row.
     [[nodiscard]] bool lacks_first_of_window() const {
         const std::uint64_t window = conversation_.window_size();
-        return window > 1 && Clock::now() - window_sent_at_ > conversation_.clock().round_trip() / 2 &&
-               (!gone_back_to_ || unacknowledged_ > *gone_back_to_ + window);
+        const Clock::duration soonest = std::max<Clock::duration>(conversation_.clock().round_trip() / 2, least_doubt);
+        return window > 1 && Clock::now() - window_sent_at_ > soonest && (!gone_back_to_ || unacknowledged_ > *gone_back_to_ + window);
     }
 
     Conversation &conversation_;
