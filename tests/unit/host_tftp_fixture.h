@@ -25,7 +25,8 @@ class TftpTest : public testing::Test {
 
     void connect(const TestServer &server) { ASSERT_EQ(session.connect(server.address(), server.port()), 0); }
     [[nodiscard]] std::string path(const std::string &name) const { return (directory / name).string(); }
-    [[nodiscard]] std::string write(const std::string &name, const std::string &content) const;
+    // Makes a file; its path.
+    std::string write(const std::string &name, const std::string &content) const;
     [[nodiscard]] std::string read(const std::string &name) const;
     // Names in the directory, hidden ones included.
     [[nodiscard]] std::size_t entries() const;

@@ -68,6 +68,11 @@ Request parse_request(const std::string &packet) {
     return request;
 }
 
+unsigned number_at(const std::string &packet, std::size_t at) {
+    const auto octet = [&packet](std::size_t index) { return static_cast<unsigned>(static_cast<unsigned char>(packet[index])); };
+    return packet.size() < at + 2 ? 0 : octet(at) << 8U | octet(at + 1);
+}
+
 bool spoilt(const std::function<bool(unsigned)> &fate, unsigned turn) {
     return fate && fate(turn);
 }
@@ -96,11 +101,10 @@ std::string oack(const std::vector<std::pair<std::string, std::string>> &options
 }
 
 unsigned opcode_of(const std::string &packet) {
-    return packet.size() < 2 ? 0 : static_cast<unsigned char>(packet[0]) << 8U | static_cast<unsigned char>(packet[1]);
+    return number_at(packet, 0);
 }
-
 unsigned block_of(const std::string &packet) {
-    return packet.size() < 4 ? 0 : static_cast<unsigned char>(packet[2]) << 8U | static_cast<unsigned char>(packet[3]);
+    return number_at(packet, 2);
 }
 
 Dialogue::Dialogue(const Request &request, const char *local_address) : request_(request), socket_(bound_socket(local_address, nullptr)) {}
