@@ -1,7 +1,6 @@
 #include "platform/host/state_file.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -48,22 +47,24 @@ class TemporaryFile {
     bool renamed_ = false;
 };
 
-} // namespace
+// The lock file's octets that are locked (none needs to be there). Whoever wants the files waits in the turnstile, so that a steady
+// stream of readers cannot keep a writer out.
+constexpr off_t turnstile = 0;
+constexpr off_t protected_files = 1;
 
-FileLock::FileLock(const std::filesystem::path &path, Mode mode, std::chrono::milliseconds wait)
-    : file_(::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, owner_only)) {
-    if (!file_) {
-        fail(errno, "cannot open " + path.string());
-    }
-    // flock(2) knows no time limit, and an alarm would disturb the program around us.
+// Locks or unlocks (fcntl(2), l_type) one octet. The locks belong to the open file, so that threads exclude each other as well.
+void lock_octet(const FileDescriptor &file, const std::filesystem::path &path, off_t octet, short type,
+                std::chrono::steady_clock::time_point deadline) {
+    struct flock request {};
+    request.l_type = type;
+    request.l_whence = SEEK_SET;
+    request.l_start = octet;
+    request.l_len = 1;
+    // The waiting call knows no time limit, and an alarm would disturb the program around us.
     constexpr std::chrono::milliseconds first_pause{1};
-    constexpr std::chrono::milliseconds longest_pause{20};
-    const auto deadline = std::chrono::steady_clock::now() + wait;
-    for (auto pause = first_pause;; pause = std::min(2 * pause, longest_pause)) {
-        if (::flock(file_.get(), (mode == Mode::shared ? LOCK_SH : LOCK_EX) | LOCK_NB) == 0) {
-            return;
-        }
-        if (errno != EWOULDBLOCK && errno != EINTR) {
+    constexpr std::chrono::milliseconds longest_pause{10};
+    for (auto pause = first_pause; ::fcntl(file.get(), F_OFD_SETLK, &request) != 0; pause = std::min(2 * pause, longest_pause)) {
+        if (errno != EAGAIN && errno != EACCES && errno != EINTR) {
             fail(errno, "cannot lock " + path.string());
         }
         if (std::chrono::steady_clock::now() >= deadline) {
@@ -71,6 +72,19 @@ FileLock::FileLock(const std::filesystem::path &path, Mode mode, std::chrono::mi
         }
         std::this_thread::sleep_for(pause);
     }
+}
+
+} // namespace
+
+FileLock::FileLock(const std::filesystem::path &path, Mode mode, std::chrono::milliseconds wait)
+    : file_(::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, owner_only)) {
+    if (!file_) {
+        fail(errno, "cannot open " + path.string());
+    }
+    const auto deadline = std::chrono::steady_clock::now() + wait;
+    lock_octet(file_, path, turnstile, F_WRLCK, deadline);
+    lock_octet(file_, path, protected_files, mode == Mode::shared ? F_RDLCK : F_WRLCK, deadline);
+    lock_octet(file_, path, turnstile, F_UNLCK, deadline);
 }
 
 std::string read_whole(const FileDescriptor &file, const std::filesystem::path &path, std::size_t limit) {

@@ -13,7 +13,8 @@
 namespace ulmo {
 
 // A lock on the file `path`, which is made (mode 0600) when it is not there; held until the object, or the process, ends. Waits at most
-// `wait` for other holders. Throws std::system_error, ETIMEDOUT when the lock was not to be had.
+// `wait` for other holders; who waits for the exclusive lock is not overtaken by later shared ones. Throws std::system_error, ETIMEDOUT
+// when the lock was not to be had.
 class FileLock {
   public:
     enum class Mode { shared, exclusive };

@@ -27,7 +27,9 @@ using ulmo::ConfigurationStore;
 constexpr const char *factory = "hostname switch\nend\n";
 
 // Runs `body` in a process of its own and returns its exit status, 100 for an exception, or -1 when a signal ended it.
-int in_child(const std::function<int()> &body) {
+// `meanwhile` runs in this process.
+int in_child(
+    const std::function<int()> &body, const std::function<void()> &meanwhile = [] {}) {
     const pid_t child = ::fork();
     if (child == 0) {
         int status = 100;
@@ -38,6 +40,7 @@ int in_child(const std::function<int()> &body) {
         }
         ::_exit(status);
     }
+    meanwhile();
     int status = 0;
     EXPECT_EQ(::waitpid(child, &status, 0), child);
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
@@ -202,6 +205,35 @@ TEST_F(DeviceBackend, TheWaitForTheLockHasAnEnd) {
     EXPECT_EQ(content(startup()), factory);
 }
 
+TEST_F(DeviceBackend, AStreamOfReadersDoesNotKeepAWriterOut) {
+    const auto lock_file = state() / "configuration.lock";
+    std::atomic<bool> done{false};
+    std::atomic<unsigned> reads{0};
+    std::vector<std::thread> readers;
+    for (unsigned i = 0; i < 6; ++i) {
+        readers.emplace_back([&] {
+            while (!done) {
+                const ulmo::FileLock lock(lock_file, ulmo::FileLock::Mode::shared, ulmo::device_lock_wait);
+                ++reads;
+                std::this_thread::sleep_for(milliseconds(7));
+            }
+        });
+    }
+    while (reads < 20) {
+        std::this_thread::yield();
+    }
+    EXPECT_EQ(failure([&] {
+                  for (unsigned i = 0; i < 5; ++i) {
+                      device(milliseconds(2000))->store_startup("hostname a\n");
+                  }
+              }),
+              "no failure");
+    done = true;
+    for (std::thread &reader : readers) {
+        reader.join();
+    }
+}
+
 TEST_F(DeviceBackend, ConcurrentReadersSeeWholeConfigurations) {
     // Every version names its number twice, far apart.
     const auto version = [](unsigned number) {
@@ -225,20 +257,24 @@ TEST_F(DeviceBackend, ConcurrentReadersSeeWholeConfigurations) {
             }
         }
     };
-    std::vector<std::thread> readers;
-    readers.emplace_back(read);
-    readers.emplace_back(read);
-    const int written = in_child([&] {
-        for (unsigned i = 1; i <= 60; ++i) {
-            device()->apply(version(i));
-            device()->save();
-        }
-        return 0;
-    });
+    // The writer is forked before there are threads, whose locks it would inherit.
+    std::thread first_reader;
+    std::thread second_reader;
+    const int written = in_child(
+        [&] {
+            for (unsigned i = 1; i <= 60; ++i) {
+                device()->apply(version(i));
+                device()->save();
+            }
+            return 0;
+        },
+        [&] {
+            first_reader = std::thread(read);
+            second_reader = std::thread(read);
+        });
     done = true;
-    for (std::thread &reader : readers) {
-        reader.join();
-    }
+    first_reader.join();
+    second_reader.join();
     EXPECT_EQ(written, 0);
     EXPECT_EQ(shown().substr(0, 13), "hostname v60\n");
 }
