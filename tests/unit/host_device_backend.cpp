@@ -156,7 +156,7 @@ TEST_F(DeviceBackend, AConfigurationCannotGrowBeyondWhatCanBeRead) {
         other[at + 10] = 'b';
     }
     EXPECT_EQ(failure([&] { device()->apply(other); }), "the configuration would be larger than 8388608 octets");
-    EXPECT_EQ(content(running()), before);
+    EXPECT_TRUE(content(running()) == before); // too large to be printed
 }
 
 TEST_F(DeviceBackend, LinksInPlaceOfTheFilesAreNotFollowed) {
