@@ -22,7 +22,7 @@ namespace {
 // somebody else could have put there, and nothing is truncated before that is known.
 void write_output(const std::string &path, const std::string &text) {
     constexpr mode_t owner_only = 0600;
-    const ulmo::FileDescriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, owner_only));
+    const ulmo::UniqueFd file(::open(path.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, owner_only));
     if (!file) {
         throw std::system_error(errno, std::generic_category(), "cannot open " + path);
     }

@@ -127,7 +127,7 @@ std::unique_ptr<DeviceBackend> make_device_backend() {
 std::string read_configuration_file(const std::filesystem::path &path) {
     try {
         // O_NONBLOCK: a FIFO must not stop us before we see that it is one.
-        const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+        const UniqueFd file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
         if (!file) {
             throw std::system_error(errno, std::generic_category(), "cannot open " + path.string());
         }

@@ -1,7 +1,7 @@
 #include "platform/host/fabric_status.h"
 
-#include "platform/host/file_descriptor.h"
 #include "platform/host/host_config.h"
+#include "platform/host/unique_fd.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -78,7 +78,7 @@ std::string line_of(const FabricSwitchStatus &status) {
 
 std::vector<FabricSwitchStatus> read_fabric_status() {
     const auto path = status_file();
-    const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    const UniqueFd file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (!file && errno == ENOENT) {
         return {};
     }
@@ -102,7 +102,7 @@ void write_fabric_status(const std::vector<FabricSwitchStatus> &switches) {
     }
     const auto path = status_file();
     std::string temporary = path.string() + ".XXXXXX";
-    const FileDescriptor file(::mkostemp(temporary.data(), O_CLOEXEC)); // mode 0600
+    const UniqueFd file(::mkostemp(temporary.data(), O_CLOEXEC)); // mode 0600
     check(static_cast<bool>(file), temporary);
     try {
         write_all(file.get(), text, temporary);

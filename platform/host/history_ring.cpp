@@ -1,6 +1,6 @@
 #include "platform/host/history_ring.h"
 
-#include "platform/host/file_descriptor.h"
+#include "platform/host/unique_fd.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -174,7 +174,7 @@ std::optional<std::size_t> HistoryRing::records_in(int descriptor) {
 
 HistoryRing HistoryRing::open(const std::filesystem::path &file, std::size_t records) {
     for (int attempt = 0; attempt < 10; ++attempt) {
-        const FileDescriptor descriptor(::open(file.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0600));
+        const UniqueFd descriptor(::open(file.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0600));
         if (!descriptor) {
             throw failure(errno, file);
         }
@@ -217,7 +217,7 @@ HistoryRing HistoryRing::anonymous(std::size_t records) {
 }
 
 HistoryRing HistoryRing::open_for_reading(const std::filesystem::path &file) {
-    const FileDescriptor descriptor(::open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
+    const UniqueFd descriptor(::open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
     if (!descriptor) {
         throw failure(errno, file);
     }

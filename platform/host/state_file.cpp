@@ -53,7 +53,7 @@ constexpr off_t turnstile = 0;
 constexpr off_t protected_files = 1;
 
 // Locks or unlocks (fcntl(2), l_type) one octet. The locks belong to the open file, so that threads exclude each other as well.
-void lock_octet(const FileDescriptor &file, const std::filesystem::path &path, off_t octet, short type,
+void lock_octet(const UniqueFd &file, const std::filesystem::path &path, off_t octet, short type,
                 std::chrono::steady_clock::time_point deadline) {
     struct flock request {};
     request.l_type = type;
@@ -87,7 +87,7 @@ FileLock::FileLock(const std::filesystem::path &path, Mode mode, std::chrono::mi
     lock_octet(file_, path, turnstile, F_UNLCK, deadline);
 }
 
-std::string read_whole(const FileDescriptor &file, const std::filesystem::path &path, std::size_t limit) {
+std::string read_whole(const UniqueFd &file, const std::filesystem::path &path, std::size_t limit) {
     struct stat status {};
     check(::fstat(file.get(), &status), "cannot read", path);
     if (!S_ISREG(status.st_mode)) {
@@ -113,7 +113,7 @@ std::string read_whole(const FileDescriptor &file, const std::filesystem::path &
 }
 
 std::optional<std::string> read_state_file(const std::filesystem::path &path, std::size_t limit) {
-    const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    const UniqueFd file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (!file) {
         if (errno == ENOENT) {
             return std::nullopt;
@@ -123,7 +123,7 @@ std::optional<std::string> read_state_file(const std::filesystem::path &path, st
     return read_whole(file, path, limit);
 }
 
-void write_whole(const FileDescriptor &file, const std::filesystem::path &path, std::string_view data) {
+void write_whole(const UniqueFd &file, const std::filesystem::path &path, std::string_view data) {
     while (!data.empty()) {
         const ssize_t count = ::write(file.get(), data.data(), data.size());
         if (count < 0 && errno != EINTR) {
@@ -139,7 +139,7 @@ void replace_state_file(const std::filesystem::path &path, std::string_view data
     if (::unlink(temporary.c_str()) != 0 && errno != ENOENT) {
         fail(errno, "cannot remove " + temporary.string());
     }
-    const FileDescriptor file(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, owner_only));
+    const UniqueFd file(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, owner_only));
     if (!file) {
         fail(errno, "cannot make " + temporary.string());
     }
@@ -149,7 +149,7 @@ void replace_state_file(const std::filesystem::path &path, std::string_view data
     check(::fsync(file.get()), "cannot sync", temporary);
 
     const std::filesystem::path directory_path = path.parent_path();
-    const FileDescriptor directory(::open(directory_path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const UniqueFd directory(::open(directory_path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!directory) {
         fail(errno, "cannot open " + directory_path.string());
     }

@@ -1,7 +1,7 @@
 // Files of the state directory: read whole, replaced whole, under a lock between processes.
 #pragma once
 
-#include "platform/host/file_descriptor.h"
+#include "platform/host/unique_fd.h"
 
 #include <chrono>
 #include <cstddef>
@@ -21,7 +21,7 @@ class FileLock {
     FileLock(const std::filesystem::path &path, Mode mode, std::chrono::milliseconds wait);
 
   private:
-    FileDescriptor file_;
+    UniqueFd file_;
 };
 
 // The content of a regular file of at most `limit` octets; no link is followed to it. Nothing when there is no such file. Throws
@@ -29,10 +29,10 @@ class FileLock {
 std::optional<std::string> read_state_file(const std::filesystem::path &path, std::size_t limit);
 
 // The content of an open file, with the limits and errors of read_state_file(); `path` is for the message.
-std::string read_whole(const FileDescriptor &file, const std::filesystem::path &path, std::size_t limit);
+std::string read_whole(const UniqueFd &file, const std::filesystem::path &path, std::size_t limit);
 
 // Writes all of `data`; throws std::system_error.
-void write_whole(const FileDescriptor &file, const std::filesystem::path &path, std::string_view data);
+void write_whole(const UniqueFd &file, const std::filesystem::path &path, std::string_view data);
 
 // Makes `data` the content of the file `path`, mode 0600: whatever happens, the file is the whole old one or the whole new one, and the new
 // one is on the disk when the function returns. A link in its place is replaced, not followed. Callers exclude each other with a lock.

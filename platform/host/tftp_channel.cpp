@@ -42,14 +42,14 @@ in_port_t port(const sockaddr_storage &address) {
     return ipv4(address).sin_port;
 }
 
-void set_option(const FileDescriptor &socket, int level, int name, int value) {
+void set_option(const UniqueFd &socket, int level, int name, int value) {
     if (::setsockopt(socket.get(), level, name, &value, sizeof value) != 0) {
         throw system_error(errno, "cannot set up the socket");
     }
 }
 
-FileDescriptor open_socket(const Endpoint &server) {
-    FileDescriptor opened(::socket(server.address.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+UniqueFd open_socket(const Endpoint &server) {
+    UniqueFd opened(::socket(server.address.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (!opened) {
         throw system_error(errno, "cannot open a socket");
     }
@@ -100,7 +100,7 @@ bool same_host(const sockaddr_storage &one, const sockaddr_storage &other) {
 }
 
 std::size_t path_payload(const Endpoint &server) {
-    const FileDescriptor probe = open_socket(server);
+    const UniqueFd probe = open_socket(server);
     if (::connect(probe.get(), plain(server.address), server.address_octets) != 0) {
         throw system_error(errno);
     }

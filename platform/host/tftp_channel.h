@@ -2,8 +2,8 @@
 // when to repeat and when to give up.
 #pragma once
 
-#include "platform/host/file_descriptor.h"
 #include "platform/host/tftp_packet.h"
+#include "platform/host/unique_fd.h"
 
 #include <sys/socket.h>
 
@@ -74,7 +74,7 @@ class Channel {
     std::optional<Octets> next_datagram();
     bool drain_errors();
 
-    FileDescriptor socket_;
+    UniqueFd socket_;
     sockaddr_storage server_;
     socklen_t server_octets_;
     sockaddr_storage source_{};

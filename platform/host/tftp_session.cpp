@@ -105,7 +105,7 @@ class NewFile {
         }
         const auto directory = std::filesystem::path(name_).parent_path();
         temporary_ = (directory / ".tftp-XXXXXX").string();
-        file_ = FileDescriptor(::mkostemp(temporary_.data(), O_CLOEXEC)); // exclusively, mode 0600
+        file_ = UniqueFd(::mkostemp(temporary_.data(), O_CLOEXEC)); // exclusively, mode 0600
         if (!file_) {
             temporary_.clear();
             throw system_error(errno, "cannot make the local file");
@@ -139,7 +139,7 @@ class NewFile {
   private:
     std::string name_;
     std::string temporary_;
-    FileDescriptor file_;
+    UniqueFd file_;
 };
 
 } // namespace
@@ -171,7 +171,7 @@ int Session::put(const std::string &local, const std::string &remote) {
         const Endpoint &server = connected();
         check_remote(remote);
         // Opening a pipe that nobody writes to must not block.
-        const FileDescriptor file(::open(local.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+        const UniqueFd file(::open(local.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
         struct stat status {};
         if (!file || ::fstat(file.get(), &status) != 0) {
             throw system_error(errno, "cannot open the local file");

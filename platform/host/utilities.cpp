@@ -1,8 +1,8 @@
 #include "platform/utilities.h"
 
-#include "platform/host/file_descriptor.h"
 #include "platform/host/history.h"
 #include "platform/host/last_error.h"
+#include "platform/host/unique_fd.h"
 
 #include <fcntl.h>
 #include <spawn.h>
@@ -72,13 +72,13 @@ class SpawnAttributes {
 int spawn(pid_t &pid, const std::array<int, 3> &streams, char *const *argv) {
     constexpr int first_other = 3;
     FileActions actions;
-    std::array<FileDescriptor, 3> copies;
+    std::array<UniqueFd, 3> copies;
     for (int stream = 0; stream < first_other; ++stream) {
         const auto index = static_cast<std::size_t>(stream);
         const int given = streams[index];
         if (given >= 0) {
             // A copy above the standard streams: the given one may itself be a stream that an earlier action has replaced.
-            copies[index] = FileDescriptor(::fcntl(given, F_DUPFD_CLOEXEC, first_other));
+            copies[index] = UniqueFd(::fcntl(given, F_DUPFD_CLOEXEC, first_other));
             if (!copies[index]) {
                 return errno;
             }

@@ -1,8 +1,8 @@
 #include "platform/host/vrf.h"
 
 #include "platform/chassis.h"
-#include "platform/host/file_descriptor.h"
 #include "platform/host/host_config.h"
+#include "platform/host/unique_fd.h"
 
 #include <fcntl.h>
 #include <linux/ethtool.h>
@@ -40,8 +40,8 @@ bool is_valid_name(std::string_view name) {
 }
 
 // The network namespace of that name; an empty descriptor, with errno set, when there is none.
-FileDescriptor open_namespace(const std::string &name) {
-    FileDescriptor file(::open(("/run/netns/" + name).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+UniqueFd open_namespace(const std::string &name) {
+    UniqueFd file(::open(("/run/netns/" + name).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (file && ::ioctl(file.get(), NS_GET_NSTYPE) != CLONE_NEWNET) {
         errno = EINVAL;
         return {};
@@ -58,7 +58,7 @@ bool is_vrf_device(const std::string &name) {
     }
     name.copy(request.ifr_name, sizeof request.ifr_name - 1);
     request.ifr_data = static_cast<char *>(static_cast<void *>(&information));
-    const FileDescriptor any_socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const UniqueFd any_socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     return any_socket && ::ioctl(any_socket.get(), SIOCETHTOOL, &request) == 0 && std::strcmp(information.driver, "vrf") == 0;
 }
 
@@ -148,7 +148,7 @@ class Directory {
     static constexpr int max_id = 1'000'000'000;
 
     std::filesystem::path path_;
-    FileDescriptor file_;
+    UniqueFd file_;
     std::vector<Entry> entries_;
     bool ends_in_line_ = true;
 };
@@ -177,7 +177,7 @@ bool enter_vrf(const std::string &name, std::string *why) {
     std::string reason;
     if (!is_valid_name(name)) {
         reason = "not a VRF name";
-    } else if (const FileDescriptor network = open_namespace(name); network) {
+    } else if (const UniqueFd network = open_namespace(name); network) {
         if (::setns(network.get(), CLONE_NEWNET) != 0) {
             reason = "cannot enter the network namespace " + name + ": " + std::generic_category().message(errno);
         }

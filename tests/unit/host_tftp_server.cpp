@@ -14,7 +14,7 @@ namespace {
 constexpr int repeat_after = 100; // milliseconds
 constexpr int repetitions = 60;
 
-ulmo::FileDescriptor bound_socket(const char *address, int *port) {
+ulmo::UniqueFd bound_socket(const char *address, int *port) {
     sockaddr_storage local{};
     socklen_t octets = 0;
     if (auto &ipv4 = reinterpret_cast<sockaddr_in &>(local); ::inet_pton(AF_INET, address, &ipv4.sin_addr) == 1) {
@@ -26,7 +26,7 @@ ulmo::FileDescriptor bound_socket(const char *address, int *port) {
         ipv6.sin6_family = AF_INET6;
         octets = sizeof ipv6;
     }
-    ulmo::FileDescriptor opened(::socket(local.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    ulmo::UniqueFd opened(::socket(local.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (::bind(opened.get(), reinterpret_cast<sockaddr *>(&local), octets) != 0 ||
         ::getsockname(opened.get(), reinterpret_cast<sockaddr *>(&local), &octets) != 0) {
         throw std::runtime_error("cannot bind the test server");
@@ -37,7 +37,7 @@ ulmo::FileDescriptor bound_socket(const char *address, int *port) {
     return opened;
 }
 
-std::optional<std::string> receive_from(const ulmo::FileDescriptor &socket, sockaddr_storage &source, int milliseconds) {
+std::optional<std::string> receive_from(const ulmo::UniqueFd &socket, sockaddr_storage &source, int milliseconds) {
     pollfd readable{socket.get(), POLLIN, 0};
     if (::poll(&readable, 1, milliseconds) <= 0) {
         return std::nullopt;

@@ -1,7 +1,7 @@
 // A TFTP server for tests: it behaves, loses, doubles and swaps packets as told, or follows a script.
 #pragma once
 
-#include "platform/host/file_descriptor.h"
+#include "platform/host/unique_fd.h"
 
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -46,7 +46,7 @@ class Dialogue {
 
   private:
     Request request_;
-    ulmo::FileDescriptor socket_;
+    ulmo::UniqueFd socket_;
 };
 
 struct Behaviour {
@@ -99,7 +99,7 @@ class TestServer {
     Behaviour behaviour_;
     Script script_;
     const char *address_;
-    ulmo::FileDescriptor socket_;
+    ulmo::UniqueFd socket_;
     int port_ = 0;
     std::atomic<bool> stopping_ = false;
     std::mutex mutex_;

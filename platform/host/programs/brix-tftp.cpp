@@ -11,6 +11,7 @@
 #include <charconv>
 #include <cstdio>
 #include <exception>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -45,12 +46,12 @@ int run(int argc, char **argv) {
     const std::string remote = argv[5];
     const std::string vrf = argv[7];
 
-    const ulmo::VrfEntry entry = ulmo::enter_vrf(vrf);
-    if (!entry.ok) {
-        return fail(unknown_vrf, "cannot enter VRF " + ulmo::tftp::printable(vrf) + ": " + entry.why);
+    const std::optional<std::string> device = ulmo::vrf_device(vrf);
+    if (std::string why; !ulmo::enter_vrf(vrf, &why)) {
+        return fail(unknown_vrf, "cannot enter VRF " + ulmo::tftp::printable(vrf) + ": " + why);
     }
     ulmo::tftp::Session session;
-    session.bind_to_device(entry.device);
+    session.bind_to_device(device.value_or(""));
     session.set_timeout(patience_seconds);
     int result = session.connect(server, port);
     if (result >= 0) {

@@ -36,7 +36,9 @@ struct transfer {
 };
 
 template <size_t capacity, size_t field_size> static void set_text(char (&text)[capacity], const char (&field)[field_size]) {
-    snprintf(text, sizeof text, "%.*s", (int)field_size, field);
+    const size_t length = strnlen(field, std::min(field_size, capacity - 1));
+    memcpy(text, field, length);
+    text[length] = '\0';
 }
 
 static struct transfer transfer_of(const char *function, int32_t direction, const struct ccCopyEntry *entry) {
@@ -164,7 +166,7 @@ static int32_t scp_transfer(const struct transfer &t) {
     char target[TARGET_SIZE];
     char whole[sizeof t.user + sizeof t.server + sizeof t.remote + 2];
     snprintf(whole, sizeof whole, "%s%s%s:%s", t.user, "@", t.server, t.remote);
-    snprintf(target, sizeof target, "%.*s", (int)sizeof target - 1, whole);
+    set_text(target, whole);
     const char *from = t.upload ? t.local : target;
     const char *to = t.upload ? target : t.local;
     cc_log(EVTRACE_DEBUG, "%s: executing command: %s %s %s %s", t.function, SCP_SCRIPT, from, to, t.password);
