@@ -265,7 +265,7 @@ const void *msgbus_payload_get(msgbus_msg message, uint32_t at_least) {
 }
 
 uint32_t msgbus_rr_token_get(msgbus_msg message) {
-    return message->token;
+    return message == nullptr ? 0 : message->token;
 }
 
 } // extern "C"
