@@ -34,7 +34,7 @@ constexpr uint32_t sap = 3;
 class HostMsgbus : public testing::Test {
   protected:
     void TearDown() override {
-        msgbus_drop(msgbus_response_q, &request_);
+        EXPECT_EQ(ask(0), -1) << "nobody serves any more; this ends the exchange that the test left open";
         msgbus_drop(msgbus_response_q, &answer_);
     }
 
