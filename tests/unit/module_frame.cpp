@@ -1,4 +1,6 @@
 /* Registration with the agent, load and unload. */
+#include <regex>
+
 #include "fakes/fake_agent.h"
 #include "fakes/fake_evtrace.h"
 #include "fakes/fake_keyedset.h"
@@ -175,15 +177,11 @@ TEST_F(Frame, FailedRegistrationIsOnlyADebugMessage) {
     const auto debug = fake_agent.debug.take();
     ASSERT_EQ(debug.size(), 4U);
     /* Each message comes as the token, which decides about the prefix, and then the text. */
-    EXPECT_EQ(debug[0].first, "trace");
-    EXPECT_EQ(debug[1].first, "trace");
-    EXPECT_EQ(debug[0].second, debug[1].second);
-    const std::string begin = "init_config_copy_mib(): infra/system_manager/lib/libmib/configcopymib/config_copy_mib, ";
-    ASSERT_EQ(debug[1].second.substr(0, begin.size()), begin);
-    const std::string line = debug[1].second.substr(begin.size());
-    ASSERT_GE(line.size(), 3U);
-    EXPECT_EQ(line.substr(line.size() - 2), ":\n");
-    EXPECT_EQ(line.find_first_not_of("0123456789"), line.size() - 2);
+    for (const std::size_t i : {0U, 1U}) {
+        EXPECT_EQ(debug[i].first, "trace");
+        EXPECT_EQ(std::regex_replace(debug[i].second, std::regex(", [0-9]+:"), ", #:"),
+                  "init_config_copy_mib(): infra/system_manager/lib/libmib/configcopymib/config_copy_mib, #:\n");
+    }
     EXPECT_EQ(debug[2], (std::pair<std::string, std::string>{"register_mib", "config_copy_mib registration failed\n"}));
     EXPECT_EQ(debug[3], debug[2]);
     deinit_config_copy_mib();
@@ -266,16 +264,6 @@ TEST_F(Frame, UnloadFreesTheRowCopiesThatAreLeft) {
     EXPECT_EQ(ccCopyUndoList.impl, nullptr);
     EXPECT_EQ(init_config_copy_mib(), 0);
     EXPECT_EQ(keyedset_size(&ccCopyUndoList), 0U);
-    deinit_config_copy_mib();
-}
-
-TEST_F(Frame, SecondLoadWorksWithARowCopyLeft) {
-    ASSERT_EQ(init_config_copy_mib(), 0);
-    abandon_a_destroy(3);
-    EXPECT_EQ(init_config_copy_mib(), 0);
-    EXPECT_EQ(fake_agent.variables, every_variable());
-    EXPECT_NE(ccCopyUndoList.impl, nullptr);
-    empty_undo_list();
     deinit_config_copy_mib();
 }
 

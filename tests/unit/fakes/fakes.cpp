@@ -36,6 +36,7 @@ void empty_tables() {
         error = ccCopyErrorEntry{};
     }
     keyedset_destroy(&ccCopyErrorTable);
+    cc_undo_clear();
     cc_last_read_row = ccCopyEntry{};
 }
 
@@ -51,7 +52,6 @@ FakeBase::~FakeBase() {
 
 void ModuleTest::SetUp() {
     reset_all();
-    empty_undo_list();
     empty_tables();
     reset_all();
 }
@@ -61,14 +61,6 @@ void ModuleTest::TearDown() {
         fake->verify();
     }
     reset_all();
-    empty_undo_list();
     empty_tables();
     reset_all();
-}
-
-void ModuleTest::empty_undo_list() {
-    while (auto *copy = static_cast<ccCopyEntry *>(keyedset_find_nth_obj(&ccCopyUndoList, 1))) {
-        keyedset_remove(&ccCopyUndoList, copy);
-        ccCopyEntry_free(copy);
-    }
 }
