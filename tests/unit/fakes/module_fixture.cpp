@@ -31,7 +31,7 @@ std::optional<struct variable> variable_of(const Oid &column) {
         if (name == column) {
             struct variable found {};
             found.magic = registered.magic;
-            found.type = registered.type;
+            found.type = static_cast<char>(registered.type);
             found.acl = registered.acl;
             found.findVar = registered.findVar;
             found.namelen = static_cast<u_char>(name.size());
