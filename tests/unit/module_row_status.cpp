@@ -462,14 +462,16 @@ TEST_F(RowStatus, FreeDropsTheCopyOfARowThatIsStillBeingCreated) {
     EXPECT_FALSE(saved());
     EXPECT_TRUE(row_exists(5));
 
-    /* An activation keeps it. */
+    /* A destroy keeps both. */
     Request third = status_request(ROW_STATUS_DESTROY);
     ASSERT_EQ(third.run(reserve1), 0);
     ccCopyEntry row = stored_row(5);
     row.ccCopyEntryRowStatus = ROW_STATUS_CREATE_AND_WAIT;
+    row.reserve2_seen = 1;
     store_row(row);
     EXPECT_EQ(third.run(free_phase), 0);
     EXPECT_TRUE(saved());
+    EXPECT_TRUE(row_exists(5));
 }
 
 TEST_F(RowStatus, FreeWithoutARow) {

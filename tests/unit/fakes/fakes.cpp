@@ -33,6 +33,7 @@ void empty_tables() {
         ccCopyEntry key{};
         key.ccCopyIndex = error.ccCopyIndex;
         ASSERT_EQ(deleteCcCopyErrorEntries(&key), 0U);
+        ASSERT_NE(getCcCopyErrorEntry(&error), 0U) << "an error row stays";
         error = ccCopyErrorEntry{};
     }
     keyedset_destroy(&ccCopyErrorTable);

@@ -124,6 +124,10 @@ std::vector<int32_t> stored_indexes() {
     std::vector<int32_t> indexes;
     ccCopyEntry row{};
     while (getnextCcCopyEntry(&row) == 0) {
+        if (row.ccCopyIndex == 0) {
+            ADD_FAILURE() << "a row of index 0: the walk does not end";
+            break;
+        }
         indexes.push_back(row.ccCopyIndex);
     }
     return indexes;
