@@ -13,6 +13,7 @@
 #include <net-snmp/agent/net-snmp-agent-includes.h>
 #include <net-snmp/agent/util_funcs.h>
 
+#include <signal.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -318,4 +319,15 @@ struct ccTime cc_now(void);
 int32_t cc_uptime_of(struct ccTime when);
 
 } /* extern "C" */
+
+/* SIGCHLD at its default for as long as the object lives, so that a child program can be waited for whatever the agent had set. */
+struct default_sigchld {
+    default_sigchld() : previous(signal(SIGCHLD, SIG_DFL)) {}
+    ~default_sigchld() { signal(SIGCHLD, previous); }
+    default_sigchld(const default_sigchld &) = delete;
+    default_sigchld &operator=(const default_sigchld &) = delete;
+
+  private:
+    void (*previous)(int);
+};
 #endif
