@@ -2,6 +2,7 @@
 #include <regex>
 
 #include "fakes/fake_agent.h"
+#include "fakes/fake_agent_extension.h"
 #include "fakes/fake_evtrace.h"
 #include "fakes/fake_keyedset.h"
 #include "fakes/module_fixture.h"
@@ -146,6 +147,25 @@ TEST_F(LoadedFrame, LoadMakesTheUndoListAndTheThirdContainer) {
     }
 }
 
+const std::vector<uint32_t> opcodes = {1391, 1361, 10273};
+
+TEST_F(LoadedFrame, LoadSubscribesToTheMessages) {
+    EXPECT_EQ(fake_agent_extension.registered, opcodes);
+    for (const uint32_t opcode : opcodes) {
+        EXPECT_EQ(fake_agent_extension.handlers[opcode], &handle_notifications) << opcode;
+    }
+    EXPECT_TRUE(fake_agent_extension.unregistered.empty());
+}
+
+TEST_F(Frame, ResultOfTheLoadIsThatOfTheLastSubscription) {
+    fake_agent_extension.register_results = {{1391, 5}, {1361, 6}};
+    EXPECT_EQ(init_config_copy_mib(), 0);
+    deinit_config_copy_mib();
+    fake_agent_extension.register_results = {{10273, 7}};
+    EXPECT_EQ(init_config_copy_mib(), 7);
+    deinit_config_copy_mib();
+}
+
 TEST_F(LoadedFrame, IndexColumnsAreNotRegistered) {
     EXPECT_FALSE(fake_agent.serves(copy_instance(1, 5)));
     EXPECT_TRUE(fake_agent.serves(copy_instance(2, 5)));
@@ -197,6 +217,7 @@ TEST_P(FailedContainer, WithdrawsTheRegistration) {
     EXPECT_TRUE(fake_agent.variables.empty());
     EXPECT_EQ(fake_agent.lookup_cache_size, AgentFake::lookup_cache_default);
     EXPECT_EQ(fake_agent.callbacks, starttime_callback);
+    EXPECT_TRUE(fake_agent_extension.registered.empty());
     deinit_config_copy_mib();
 }
 
@@ -215,6 +236,8 @@ TEST_F(Frame, UnloadWithdrawsEveryVariable) {
     EXPECT_EQ(fake_keyedset.destroys[0], &ccCopyUndoList);
     EXPECT_EQ(fake_keyedset.destroys[1], fake_keyedset.creates[1].set);
     EXPECT_EQ(fake_agent.callbacks, starttime_callback);
+    EXPECT_EQ(fake_agent_extension.unregistered, opcodes);
+    EXPECT_TRUE(fake_agent_extension.handlers.empty());
 }
 
 TEST_F(Frame, UnloadAndLoadKeepRowsAndAlarm) {
@@ -229,6 +252,7 @@ TEST_F(Frame, UnloadAndLoadKeepRowsAndAlarm) {
         EXPECT_EQ(init_config_copy_mib(), 0);
         EXPECT_EQ(fake_agent.variables, every_variable());
         EXPECT_EQ(fake_agent.callbacks, starttime_callback);
+        EXPECT_EQ(fake_agent_extension.handlers.size(), opcodes.size());
         ASSERT_EQ(fake_agent.alarms.size(), 1U);
         EXPECT_EQ(fake_agent.alarms[0].handle, alarm);
         EXPECT_EQ(stored_indexes(), (std::vector<int32_t>{3, 5}));

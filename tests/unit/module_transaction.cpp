@@ -1,6 +1,9 @@
 /* Whole SETs through the registered handlers, phase by phase as a stock agent runs them. */
 #include "fakes/fake_agent.h"
+#include "fakes/fake_process.h"
+#include "fakes/fake_time.h"
 #include "fakes/fake_utilities.h"
+#include "fakes/journal.h"
 #include "fakes/module_fixture.h"
 
 namespace {
@@ -178,6 +181,70 @@ TEST_F(Transaction, LegacyAddressOfAFailedSetIsEmptied) {
     EXPECT_EQ(result.status, SNMP_ERR_NOSUCHNAME);
     EXPECT_EQ(text_of(stored_row(5).ccCopyServerAddressRev1), "");
     EXPECT_EQ(stored_row(5).ccCopyServerAddressType, INET_ADDRESS_IPV4);
+}
+
+/* A network copy by TFTP that lacks nothing. */
+std::vector<Varbind> complete_copy(oid index) {
+    return {{protocol, index, integer(COPY_PROTO_TFTP)},
+            {source_type, index, integer(COPY_FILE_RUNNING)},
+            {dest_type, index, integer(COPY_FILE_NETWORK)},
+            {address_type, index, integer(INET_ADDRESS_IPV4)},
+            {address_rev1, index, octet_string(std::string("\x0a\0\0\x01", 4))},
+            {file_name, index, octet_string("switch.cfg")}};
+}
+
+TEST_F(Transaction, ActivationStartsTheCopy) {
+    create(5);
+    ASSERT_EQ(set(complete_copy(5)).status, 0);
+    fake_time.seconds = 1234567890;
+    EXPECT_EQ(set({{row_status, 5, integer(ROW_STATUS_ACTIVE)}}).status, 0);
+    EXPECT_EQ(journal.take(), Lines{"fork"});
+    EXPECT_EQ(child_copy_running, 1);
+    const ccCopyEntry row = stored_row(5);
+    EXPECT_EQ(row.ccCopyEntryRowStatus, ROW_STATUS_ACTIVE);
+    EXPECT_EQ(row.ccCopyState, COPY_STATE_RUNNING);
+    EXPECT_EQ(row.ccCopyTimeStarted.tv_sec, 1234567890);
+    EXPECT_EQ(keyedset_size(&ccCopyUndoList), 0U);
+
+    /* A second one is refused in RESERVE1, and the running row takes no value. */
+    create(6);
+    EXPECT_EQ(set({{row_status, 6, integer(ROW_STATUS_ACTIVE)}}).status, SNMP_ERR_GENERR);
+    EXPECT_EQ(fake_utilities.errors.take().size(), 1U);
+    EXPECT_EQ(stored_row(6).ccCopyEntryRowStatus, ROW_STATUS_NOT_READY);
+    EXPECT_EQ(set({{file_name, 5, octet_string("other.cfg")}}).status, SNMP_ERR_INCONSISTENTVALUE);
+    EXPECT_EQ(text_of(stored_row(5).ccCopyFileName), "switch.cfg");
+}
+
+TEST_F(Transaction, CreateAndGoWithEveryColumnStartsTheCopy) {
+    std::vector<Varbind> varbinds = complete_copy(5);
+    varbinds.insert(varbinds.begin(), {row_status, 5, integer(ROW_STATUS_CREATE_AND_GO)});
+    EXPECT_EQ(set(varbinds).status, 0);
+    EXPECT_EQ(journal.take(), Lines{"fork"});
+    EXPECT_EQ(stored_row(5).ccCopyEntryRowStatus, ROW_STATUS_ACTIVE);
+    EXPECT_EQ(stored_row(5).ccCopyState, COPY_STATE_RUNNING);
+}
+
+/* The agent runs ACTION by column too: a row that is activated ahead of a failing one has a running copy, and UNDO puts its row back. */
+TEST_F(Transaction, StartedCopyWhoseSetFails) {
+    create(5);
+    ASSERT_EQ(set(complete_copy(5)).status, 0);
+    create(6);
+    ASSERT_EQ(set({{dest_type, 6, integer(COPY_FILE_RUNNING)}}).status, 0);
+    const SetResult result = set({{row_status, 5, integer(ROW_STATUS_ACTIVE)}, {row_status, 6, integer(ROW_STATUS_ACTIVE)}});
+    EXPECT_EQ(result.status, SNMP_ERR_INCONSISTENTVALUE);
+    EXPECT_EQ(journal.take(), Lines{"fork"});
+    EXPECT_EQ(child_copy_running, 1);
+    EXPECT_EQ(stored_row(5).ccCopyEntryRowStatus, ROW_STATUS_NOT_READY);
+    EXPECT_EQ(stored_row(5).ccCopyState, COPY_STATE_WAITING);
+}
+
+TEST_F(Transaction, FileTypesThatNobodyKnowsStartNothing) {
+    create(5);
+    ASSERT_EQ(set({{source_type, 5, integer(99)}, {dest_type, 5, integer(98)}}).status, 0);
+    EXPECT_EQ(set({{row_status, 5, integer(ROW_STATUS_ACTIVE)}}).status, 0);
+    EXPECT_EQ(stored_row(5).ccCopyState, COPY_STATE_WAITING);
+    EXPECT_EQ(stored_row(5).ccCopyTimeStarted.tv_sec, 0);
+    EXPECT_FALSE(copy_inprogress());
 }
 
 } // namespace
