@@ -159,7 +159,10 @@ TEST_F(ErrorTable, SecondRowOfAKeyIsRefused) {
     add(error);
     error.ccCopyErrorDeviceAddrType = 2;
     const ccCopyEntry request = request_of(3);
-    EXPECT_EQ(addCcCopyErrorEntry(&request, &error), CCERR_FAILED);
+    {
+        const LeaksAllowed leaks; /* the block of a refused row is left behind */
+        EXPECT_EQ(addCcCopyErrorEntry(&request, &error), CCERR_FAILED);
+    }
     EXPECT_LOGGED(EVTRACE_ERROR, "addCcCopyErrorEntry : failed to add to index object\n");
     EXPECT_EQ(keyedset_size(&ccCopyErrorTable), 1U);
     EXPECT_EQ(value(type_column), word(0));
@@ -237,10 +240,11 @@ TEST_F(ErrorTable, NextRowFromBeforeTheColumn) {
 
 TEST_F(ErrorTable, NoRowFollowsALargeSubIdentifier) {
     add_three();
+    add(error_of(2147483647, 1));
     for (const oid large : {2147483648UL, 4294967295UL}) {
         EXPECT_EQ(next({large}), "none");
         EXPECT_EQ(next({large, 1}), "none");
-        EXPECT_EQ(next({7, large}), "none");
+        EXPECT_EQ(next({2147483647, large}), "none");
         /* The next request's rows still follow a large second index. */
         EXPECT_EQ(next({3, large}), "7.1");
     }
@@ -255,7 +259,7 @@ TEST_F(ErrorTable, ExactRow) {
     EXPECT_EQ(exact({}), "none");
 }
 
-TEST_F(ErrorTable, ExactIgnoresUpToNineMoreSubIdentifiers) {
+TEST_F(ErrorTable, ExactToleratesElevenSubIdentifiers) {
     add_three();
     EXPECT_EQ(exact({3, 1, 7}), "3.1");
     EXPECT_EQ(exact({3, 1, 7, 7, 7, 7, 7, 7, 7, 7, 7}), "3.1");

@@ -171,6 +171,16 @@ TEST_F(Store, WalkIsInAscendingOrder) {
     EXPECT_EQ(row.ccCopyIndex, 5);
 }
 
+TEST_F(Store, WalkFromZeroBeginsAtTheFirstRowWhateverItsIndex) {
+    add_row(4);
+    add_row(-3);
+    ccCopyEntry row{};
+    EXPECT_EQ(getnextCcCopyEntry(&row), 0U);
+    EXPECT_EQ(row.ccCopyIndex, -3);
+    EXPECT_EQ(getnextCcCopyEntry(&row), 0U);
+    EXPECT_EQ(row.ccCopyIndex, 4);
+}
+
 TEST_F(Store, LookupsThatFindNothingLeaveTheBufferAlone) {
     ccCopyEntry buffer{};
     buffer.ccCopyIndex = 4;

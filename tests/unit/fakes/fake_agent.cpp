@@ -9,7 +9,7 @@ namespace {
 constexpr long hundredths = 100;
 constexpr long microseconds_of_a_hundredth = 10000;
 
-std::string formatted(const char *format, va_list arguments) {
+__attribute__((format(printf, 1, 0))) std::string formatted(const char *format, va_list arguments) {
     char text[1024];
     vsnprintf(text, sizeof text, format, arguments);
     return text;

@@ -17,10 +17,10 @@ void MemoryFake::verify() {
 namespace {
 
 bool fails(std::size_t size) {
-    if (fake_memory.failing_size == 0 || size != fake_memory.failing_size) {
+    if (MemoryFake::failing_size == 0 || size != MemoryFake::failing_size) {
         return false;
     }
-    ++fake_memory.failures;
+    ++MemoryFake::failures;
     return true;
 }
 

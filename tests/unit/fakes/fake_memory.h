@@ -7,8 +7,9 @@
 #include "fakes.h"
 
 struct MemoryFake : FakeBase {
-    std::size_t failing_size = 0; /* allocations of this many octets fail, unless 0 */
-    int failures = 0;
+    /* Static, as blocks are allocated before this object is constructed. */
+    static inline std::size_t failing_size = 0; /* allocations of this many octets fail, unless 0 */
+    static inline int failures = 0;
 
     void reset() override;
     void verify() override;

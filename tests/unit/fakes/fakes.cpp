@@ -33,9 +33,11 @@ void empty_tables() {
         ccCopyEntry key{};
         key.ccCopyIndex = error.ccCopyIndex;
         ASSERT_EQ(deleteCcCopyErrorEntries(&key), 0U);
+        ASSERT_NE(getCcCopyErrorEntry(&error), 0U) << "an error row stays";
         error = ccCopyErrorEntry{};
     }
     keyedset_destroy(&ccCopyErrorTable);
+    cc_undo_clear();
     cc_last_read_row = ccCopyEntry{};
 }
 
@@ -51,7 +53,6 @@ FakeBase::~FakeBase() {
 
 void ModuleTest::SetUp() {
     reset_all();
-    empty_undo_list();
     empty_tables();
     reset_all();
 }
@@ -61,14 +62,6 @@ void ModuleTest::TearDown() {
         fake->verify();
     }
     reset_all();
-    empty_undo_list();
     empty_tables();
     reset_all();
-}
-
-void ModuleTest::empty_undo_list() {
-    while (auto *copy = static_cast<ccCopyEntry *>(keyedset_find_nth_obj(&ccCopyUndoList, 1))) {
-        keyedset_remove(&ccCopyUndoList, copy);
-        ccCopyEntry_free(copy);
-    }
 }

@@ -38,9 +38,6 @@ class ModuleTest : public ::testing::Test {
   protected:
     void SetUp() override;
     void TearDown() override;
-
-    /* Frees the row copies of an unfinished SET. */
-    static void empty_undo_list();
 };
 
 #endif

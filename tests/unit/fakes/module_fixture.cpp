@@ -4,6 +4,10 @@
 #include <regex>
 #include <unistd.h>
 
+#ifdef __SANITIZE_ADDRESS__
+#include <sanitizer/lsan_interface.h>
+#endif
+
 #include "fake_agent.h"
 #include "fake_time.h"
 
@@ -27,7 +31,7 @@ std::optional<struct variable> variable_of(const Oid &column) {
         if (name == column) {
             struct variable found {};
             found.magic = registered.magic;
-            found.type = registered.type;
+            found.type = static_cast<char>(registered.type);
             found.acl = registered.acl;
             found.findVar = registered.findVar;
             found.namelen = static_cast<u_char>(name.size());
@@ -69,8 +73,9 @@ std::optional<Answer> answer(const Oid &column, const Oid &name, int exact) {
 }
 
 Value value_of(unsigned char type, const void *octets, std::size_t length, std::size_t given) {
-    std::shared_ptr<unsigned char[]> block(new unsigned char[length]());
-    memcpy(block.get(), octets, std::min(length, given));
+    const std::size_t size = type == ASN_INTEGER ? std::max(length, sizeof(int32_t)) : length;
+    std::shared_ptr<unsigned char[]> block(new unsigned char[size]());
+    memcpy(block.get(), octets, std::min(size, given));
     return {type, length, block};
 }
 
@@ -119,6 +124,10 @@ std::vector<int32_t> stored_indexes() {
     std::vector<int32_t> indexes;
     ccCopyEntry row{};
     while (getnextCcCopyEntry(&row) == 0) {
+        if (row.ccCopyIndex == 0) {
+            ADD_FAILURE() << "a row of index 0: the walk does not end";
+            break;
+        }
         indexes.push_back(row.ccCopyIndex);
     }
     return indexes;
@@ -210,10 +219,21 @@ void LoadedModuleTest::SetUp() {
 }
 
 void LoadedModuleTest::TearDown() {
-    empty_undo_list();
     deinit_config_copy_mib();
     ModuleTest::TearDown();
 }
+
+#ifdef __SANITIZE_ADDRESS__
+LeaksAllowed::LeaksAllowed() {
+    __lsan_disable();
+}
+LeaksAllowed::~LeaksAllowed() {
+    __lsan_enable();
+}
+#else
+LeaksAllowed::LeaksAllowed() = default;
+LeaksAllowed::~LeaksAllowed() = default;
+#endif
 
 TraceFile::TraceFile() : fd_(-1) {
     is_snmp_debug_enabled = 1;

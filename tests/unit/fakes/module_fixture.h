@@ -42,7 +42,8 @@ template <std::size_t Size> void put_text(char (&field)[Size], std::string_view 
     std::copy_n(text.begin(), std::min(Size, text.size()), field);
 }
 
-/* A value as the agent hands it to a write method: exactly `length` octets in a block of their own. */
+/* A value as the agent hands it to a write method, in a block of its own: as long as the value, and for an INTEGER at least a 32-bit word,
+ * which is what the agent's buffer holds at least. */
 struct Value {
     unsigned char type;
     std::size_t length;
@@ -50,7 +51,7 @@ struct Value {
 };
 /* An INTEGER of a 64-bit agent: a long. */
 Value integer(long value);
-/* An INTEGER of another length: the low octets of the value, or all of them and zeros. */
+/* An INTEGER that is announced with another length. */
 Value integer_of_length(long value, std::size_t length);
 Value octet_string(std::string_view octets);
 Value ip_address(std::string_view octets);
@@ -107,6 +108,15 @@ class LoadedModuleTest : public ModuleTest {
     void TearDown() override;
 };
 
+/* Blocks that are allocated while an object of this lives may leak: for the few that the module drops on purpose. */
+class LeaksAllowed {
+  public:
+    LeaksAllowed();
+    ~LeaksAllowed();
+    LeaksAllowed(const LeaksAllowed &) = delete;
+    LeaksAllowed &operator=(const LeaksAllowed &) = delete;
+};
+
 /* The private trace file of this process, switched on for as long as the object lives. The module keeps its stream open for the life of the
  * process, so each object reads what was written since it was made. */
 class TraceFile {
@@ -124,6 +134,20 @@ class TraceFile {
 
   private:
     int fd_;
+};
+
+/* A fixture whose tests read the trace file. */
+template <class Base> class Traced : public Base {
+  protected:
+    void SetUp() override {
+        Base::SetUp();
+        file = std::make_unique<TraceFile>();
+    }
+    void TearDown() override {
+        file.reset();
+        Base::TearDown();
+    }
+    std::unique_ptr<TraceFile> file;
 };
 
 #endif
