@@ -52,15 +52,6 @@ TEST_F(Launch, NetworkCopyIsRecordedBeforeTheWorkerExists) {
     EXPECT_LOGGED(EVTRACE_DEBUG, "start_copy : Created the process to copy with pid = 4711\n");
 }
 
-TEST_F(Launch, SetOfActiveLaunches) {
-    const auto request = copy_request(COPY_FILE_NETWORK, COPY_FILE_RUNNING);
-    store(*request);
-    EXPECT_EQ(set({{CC_COLUMN_ENTRY_ROW_STATUS, index_of_row, integer(ROW_STATUS_ACTIVE)}}).status, SNMP_ERR_NOERROR);
-    EXPECT_EQ(journal.take(), Lines{"fork"});
-    EXPECT_EQ(stored_row(index_of_row).ccCopyState, COPY_STATE_RUNNING);
-    EXPECT_EQ(stored_row(index_of_row).ccCopyEntryRowStatus, ROW_STATUS_ACTIVE);
-}
-
 /* What becomes of a pair of file types: the rules of the launch, told once more. */
 struct Expected {
     enum { fork, system_manager, nothing, refused } way;
@@ -296,6 +287,73 @@ TEST_F(Launch, RequestIsTraced) {
                    "ccCopyServerAddressType= 1\n",
                "validate_entry(#):validate_entry : KEX file type is not supported ",
                "validate_n_start_copy(#):validate_n_start_copy : Validation failed row index = 7 \n"}));
+}
+
+/* --- through a SET ---------------------------------------------------------------------------------------------------------------- */
+
+class LaunchBySet : public Launch {
+  protected:
+    void SetUp() override {
+        Launch::SetUp();
+        ASSERT_EQ(init_config_copy_mib(), 0);
+    }
+    void TearDown() override {
+        deinit_config_copy_mib();
+        Launch::TearDown();
+    }
+    static int activate() { return set({{CC_COLUMN_ENTRY_ROW_STATUS, index_of_row, integer(ROW_STATUS_ACTIVE)}}).status; }
+};
+
+TEST_F(LaunchBySet, NetworkCopy) {
+    store(*copy_request(COPY_FILE_NETWORK, COPY_FILE_RUNNING));
+    EXPECT_EQ(activate(), SNMP_ERR_NOERROR);
+    EXPECT_EQ(journal.take(), Lines{"fork"});
+    EXPECT_EQ(stored_row(index_of_row).ccCopyState, COPY_STATE_RUNNING);
+    EXPECT_EQ(stored_row(index_of_row).ccCopyEntryRowStatus, ROW_STATUS_ACTIVE);
+    EXPECT_EQ(stored_row(index_of_row).ccCopyTimeStarted.tv_sec, TimeFake::start);
+}
+
+TEST_F(LaunchBySet, RefusedServer) {
+    const auto request = copy_request(COPY_FILE_NETWORK, COPY_FILE_RUNNING);
+    put_text(request->ccCopyServerAddressRev1, "127.0.0.1");
+    store(*request);
+    const std::string before = octets_of_stored_row();
+    EXPECT_EQ(activate(), SNMP_ERR_WRONGVALUE);
+    EXPECT_EQ(octets_of_stored_row(), before);
+}
+
+/* The stored row goes on running, whatever became of the request itself. */
+TEST_F(LaunchBySet, SavedCopyThatEndsAtOnce) {
+    const auto request = copy_request(COPY_FILE_RUNNING, COPY_FILE_STARTUP);
+    store(*request);
+    fake_msgbus.answers = {{0, MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION, std::string(4, '\0')}};
+    EXPECT_EQ(activate(), SNMP_ERR_NOERROR);
+    EXPECT_EQ(stored_row(index_of_row).ccCopyState, COPY_STATE_RUNNING);
+    EXPECT_EQ(stored_row(index_of_row).ccCopyTimeCompleted.tv_sec, 0);
+
+    store_row(*request);
+    fake_msgbus.send_errors = {ECONNREFUSED};
+    EXPECT_EQ(activate(), SNMP_ERR_NOERROR);
+    EXPECT_EQ(stored_row(index_of_row).ccCopyState, COPY_STATE_RUNNING);
+    EXPECT_EQ(stored_row(index_of_row).ccCopyTimeCompleted.tv_sec, 0);
+    journal.take();
+}
+
+TEST_F(LaunchBySet, RefusedSaveIsSeenInTheRow) {
+    store(*copy_request(COPY_FILE_RUNNING, COPY_FILE_STARTUP));
+    fake_msgbus.answers = {{0, MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION, std::string(4, '\1')}};
+    EXPECT_EQ(activate(), SNMP_ERR_NOERROR);
+    EXPECT_EQ(stored_row(index_of_row).ccCopyState, COPY_STATE_FAILED);
+    EXPECT_EQ(stored_row(index_of_row).ccCopyFailCause, COPY_FAIL_WARDEN_REFUSED);
+    journal.take();
+}
+
+TEST_F(LaunchBySet, PairThatNothingCopies) {
+    const auto request = copy_request(COPY_FILE_FABRIC_STARTUP, COPY_FILE_STARTUP);
+    store(*request);
+    EXPECT_EQ(activate(), SNMP_ERR_NOERROR);
+    EXPECT_EQ(stored_row(index_of_row).ccCopyState, COPY_STATE_WAITING);
+    EXPECT_EQ(stored_row(index_of_row).ccCopyTimeStarted.tv_sec, 0);
 }
 
 } // namespace

@@ -319,12 +319,12 @@ TEST_F(Worker, DumpReplacesAnOlderFile) {
 
 TEST_F(Worker, UploadOfAnotherSource) {
     const auto request = copy_request(COPY_FILE_FABRIC_STARTUP, COPY_FILE_NETWORK);
-    put_text(request->ccCopySrcFileName, "as it was");
-    std::ofstream("as it was") << "text";
+    put_text(request->ccCopySrcFileName, "left by the allocator");
+    std::ofstream("left by the allocator") << "text";
     run(request);
-    EXPECT_EQ(journal.take(), (Lines{shell_endpoint + "100"} + connected + Lines{"tftp put as it was dir/remote.cfg 0 default"}) +
+    EXPECT_EQ(journal.take(), (Lines{shell_endpoint + "100"} + connected + Lines{"tftp put  dir/remote.cfg 0 default"}) +
                                   status_report(101, status_word(0)));
-    EXPECT_EQ(files(), Lines{"as it was"});
+    EXPECT_EQ(files(), Lines{"left by the allocator"});
     EXPECT_LOGGED(EVTRACE_DEBUG, "copy_function : Copying done with SUCCESS\n");
 }
 
