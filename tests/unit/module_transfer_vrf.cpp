@@ -177,6 +177,14 @@ TEST_F(Shell, LongestNames) {
     EXPECT_EQ(words_of(command_of(COPY_UPLOAD, local, remote)), (Lines{"1", "10.0.0.1", "69", local, remote, "1", "red"}));
 }
 
+TEST_F(Shell, VrfNameIsOneWordToo) {
+    for (const char *name : {"a b", "$(touch ran)", "a;touch ran", "'", "\"", "a\\b", "*"}) {
+        fake_agent_extension.vrf = name;
+        EXPECT_EQ(words_of(command_of(COPY_UPLOAD, "a", "b")), (Lines{"1", "10.0.0.1", "69", "a", "b", "1", name}));
+    }
+    EXPECT_EQ(files(), Lines{"arguments"});
+}
+
 /* --- scripts ---------------------------------------------------------------------------------------------------------------------- */
 
 struct Script {
