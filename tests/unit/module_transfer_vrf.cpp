@@ -230,7 +230,8 @@ TEST_P(VrfScripts, ArgumentsMessagesAndResults) {
                                  {0x200, "0x200", 2, 2},
                                  {0x300, "0x300", 3, 4},
                                  {0x900, "0x900", 9, 1},
-                                 {-1, "0xffffffff", 255, 1}}) {
+                                 {-1, "0xffffffff", 255, 1},
+                                 {INT32_MIN, "0x80000000", 0, 1}}) {
         fake_execute.result = result.status;
         EXPECT_EQ(run(script.direction, request(script.protocol)), result.cause) << result.status;
         EXPECT_EQ(calls_, (Lines{"vrf id red", std::string("execute -1 -1 -1 ") + script.command + " default"}));
