@@ -1,5 +1,6 @@
 #include "platform/evtrace.h"
 #include "platform/host/history.h"
+#include "platform/host/host_log.h"
 #include "platform/host/history_ring.h"
 #include "platform/utilities.h"
 #include "tests/unit/scratch.h"
@@ -415,8 +416,8 @@ TEST_F(EvtraceDeathTest, RefusedRequestIsRecorded) {
 TEST_F(EvtraceDeathTest, LongErrorOfTheHostIsCut) {
     EXPECT_EXIT(
         {
-            ulmo::history_error("%s", std::string(2000, 'y').c_str());
-            finish(logged() == std::string(HistoryRing::text_size - 1, 'y') + '|', logged());
+            ulmo::log_error("%s", std::string(2000, 'y').c_str());
+            finish(logged() == std::string(511, 'y') + '|', logged());
         },
         testing::ExitedWithCode(0), "");
 }
