@@ -28,7 +28,8 @@ extern "C" {
 typedef netsnmp_variable_list *(*agent_message_handler)(msgbus_msg message, oid *oid_buffer, uint32_t *oid_length, uint32_t *send_flag);
 
 /* Every later message of this opcode reaches the handler, on the agent's thread and between requests. One handler an opcode; registering
- * again replaces it. Returns 0, or an errno value. */
+ * again replaces it. Returns 0, or an errno value: EINVAL without a handler; after any other the subscription holds, but messages of other
+ * processes can't be received for now (EADDRINUSE: another agent has the access point). */
 int register_for_notification(uint32_t opcode, agent_message_handler handler);
 
 /* Ends the subscription. Returns 0, or ENOENT when there was none. */

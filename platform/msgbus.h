@@ -39,7 +39,8 @@ int32_t msgbus_unbind(int32_t handle, int32_t second);
 
 /* Sends one message. With `store` not null a copy of the request is kept there (the caller drops it), it carries a token that no other
  * request of this endpoint has, and its answer can be had with msgbus_recv(). Does not wait for the receiver. The last two arguments are
- * always 0. Returns 0, or a negative value with errno set: ENOENT or ECONNREFUSED when nobody serves the access point. */
+ * always 0. A further request on the endpoint gives up the answer of the former one. Returns 0, or a negative value with errno set and
+ * *store untouched: ENOENT or ECONNREFUSED when nobody serves the access point. */
 int32_t msgbus_send(int32_t handle, uint32_t node, uint32_t sap, uint32_t opcode, const void *payload, uint32_t length, msgbus_msg *store,
                     uint32_t eighth, uint32_t ninth);
 
@@ -57,7 +58,7 @@ uint32_t msgbus_opc_get(msgbus_msg message);
 /* The payload, which lives as long as the message, or null when the message carries fewer than `at_least` octets. */
 const void *msgbus_payload_get(msgbus_msg message, uint32_t at_least);
 
-/* The request/response token of a sent request or of the answer to it. */
+/* The request/response token of a sent request or of the answer to it, never 0; 0 for no message. */
 uint32_t msgbus_rr_token_get(msgbus_msg message);
 
 #ifdef __cplusplus

@@ -191,12 +191,11 @@ class Switch:
         return self.build / "lib" / "config_copy_mib.so"
 
     def agent(self, unpacked):
-        environment = {"SNMPCONFPATH": str(self.home / "agent"), "SNMP_PERSISTENT_DIR": str(self.home / "agent"), **self.environment()}
+        environment = {"SNMPCONFPATH": str(self.home / "agent"), "SNMP_PERSISTENT_DIR": str(self.home / "agent-persistent"), **self.environment()}
         if self.options["faketime"]:
             library = next(Path("/usr/lib").glob("*/faketime/libfaketime.so.1"))
             environment |= {"LD_PRELOAD": str(library), "FAKETIME_TIMESTAMP_FILE": str(self.clock), "FAKETIME_NO_CACHE": "1"}
-        command = [unpacked / "root-snmpd/usr/sbin/snmpd", "-f", "-Le", "-I", "-smux,mteTrigger,mteTriggerConf", "-C",
-                   "-c", self.home / "agent" / "snmpd.conf"]
+        command = [unpacked / "root-snmpd/usr/sbin/snmpd", "-f", "-Le", "-I", "-smux,mteTrigger,mteTriggerConf"]
         return Daemon(f"snmpd{self.number}", command, self._agent_answers, cwd=self.work, environment=environment)
 
     def _agent_answers(self):
@@ -282,9 +281,8 @@ class Receiver:
         TRAPS.touch()
         reading, writing = os.pipe()
         lines = Daemon("trap-lines", [sys.executable, "-B", HERE / "trap_lines.py", TRAPS], lambda: True, stdin=reading)
-        environment = {"SNMPCONFPATH": str(home), "SNMP_PERSISTENT_DIR": str(home)}
-        command = [self.unpacked / "root-snmptrapd/usr/sbin/snmptrapd", "-f", "-Lo", "-n", "-On", "-C", "-c", home / "snmptrapd.conf",
-                   "-F", self.format, f"udp:{network.SERVER4}:162"]
+        environment = {"SNMPCONFPATH": str(home), "SNMP_PERSISTENT_DIR": str(home / "persistent")}
+        command = [self.unpacked / "root-snmptrapd/usr/sbin/snmptrapd", "-f", "-Lo", "-n", "-On", "-F", self.format, f"udp:{network.SERVER4}:162"]
         receiver = Daemon("snmptrapd", network.on_server(*command), self._notes, environment=environment, stdout=writing)
         return (lines, receiver), (reading, writing)
 

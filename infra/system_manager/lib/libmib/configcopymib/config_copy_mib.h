@@ -11,7 +11,9 @@
 #include <net-snmp/net-snmp-includes.h>
 
 #include <net-snmp/agent/net-snmp-agent-includes.h>
+#include <net-snmp/agent/util_funcs.h>
 
+#include <signal.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -211,7 +213,6 @@ CC_EXPORT unsigned char *get_config_copy_mib(struct variable *vp, oid *name, siz
 /* --- record store and trace file (copy_store.cpp) ---------------------------------------------------------------------------------- */
 
 extern struct keyedset ccCopyTable;             /* the rows; present exactly while it holds one; written by the store */
-extern struct keyedset ccCopyUndoList;          /* row copies of the SET transaction in progress; written by the row-status handler */
 extern int32_t child_copy_running;              /* 1 while a worker runs; set by start_copy(), cleared by handle_copy_done() */
 CC_EXPORT extern unsigned int ageouttimer;      /* handle of the age-out alarm; written by the store */
 CC_EXPORT extern int32_t is_snmp_debug_enabled; /* non-zero: write the trace file; written only from outside the module */
@@ -260,6 +261,12 @@ CC_EXPORT uint32_t setCcCopyEntry(const struct ccCopyEntry *record, int32_t fill
 CC_EXPORT WriteMethod set_ccCopyProtocol, set_ccCopySourceFileType, set_ccCopyDestFileType, set_ccCopyServerAddress, set_ccCopyFileName,
     set_ccCopyUserName, set_ccCopyUserPassword, set_ccCopyNotificationOnCompletion, set_ccCopyEntryRowStatus, set_ccCopyServerAddressType,
     set_ccCopyServerAddressRev1;
+
+/* Row copies of SETs of the row status, from RESERVE1 to the end of the transaction; written by the row-status handler. */
+extern struct keyedset ccCopyUndoList;
+/* Take a row's copy out of the undo list and free it, if there is one; and the same for every copy. */
+void cc_undo_drop(int32_t index);
+void cc_undo_clear(void);
 
 /* The value of an INTEGER that a manager wrote: its low 32 bits. */
 int32_t cc_integer_value(const unsigned char *value, size_t length);
@@ -312,4 +319,15 @@ struct ccTime cc_now(void);
 int32_t cc_uptime_of(struct ccTime when);
 
 } /* extern "C" */
+
+/* SIGCHLD at its default for as long as the object lives, so that a child program can be waited for whatever the agent had set. */
+struct default_sigchld {
+    default_sigchld() : previous(signal(SIGCHLD, SIG_DFL)) {}
+    ~default_sigchld() { signal(SIGCHLD, previous); }
+    default_sigchld(const default_sigchld &) = delete;
+    default_sigchld &operator=(const default_sigchld &) = delete;
+
+  private:
+    void (*previous)(int);
+};
 #endif

@@ -1,0 +1,34 @@
+"""What the benchmarks that run in the lab share: commands that must succeed, time taken, and a table of the results."""
+
+import os
+import statistics
+import subprocess
+import sys
+import time
+
+
+def lab(variable):
+    """A variable of the lab, or the end of the program with the command that makes one."""
+    value = os.environ.get(variable)
+    if not value:
+        sys.exit(f"{variable} is not set: run this inside the lab, as in scripts/lab.sh exec -- {sys.argv[0]}")
+    return value
+
+
+def run(*command):
+    """Runs a command and returns (seconds, standard output). Ends the program when the command fails."""
+    begin = time.monotonic()
+    done = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, check=False)
+    seconds = time.monotonic() - begin
+    if done.returncode != 0:
+        shown = " ".join(command)
+        sys.exit(f"{shown[:500]}: exit status {done.returncode}\n{done.stdout[-2000:]}{done.stderr[-2000:]}")
+    return seconds, done.stdout
+
+
+def print_table(unit, columns, rates):
+    """One line for each name in `rates`: what `columns` holds of it, and least, median and greatest rate of its runs."""
+    print(f"{'':36} {'size':>16} {'min':>10} {'median':>10} {'max':>10}  {unit}")
+    for name, values in rates.items():
+        low, middle, high = min(values), statistics.median(values), max(values)
+        print(f"{name:36} {columns[name]:>16} {low:10.1f} {middle:10.1f} {high:10.1f}")

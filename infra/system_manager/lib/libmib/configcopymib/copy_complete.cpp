@@ -1,0 +1,231 @@
+/* The end of a copy: the platform's messages, the completion notification; and the ageing of rows. */
+#include "config_copy_mib.h"
+
+#include <string.h>
+#include <sys/time.h>
+#include <time.h>
+
+#include "platform/system_manager.h"
+
+/* --- time ----------------------------------------------------------------------------------------------------------------------------- */
+
+struct ccTime cc_now(void) {
+    struct timeval now = {};
+    gettimeofday(&now, nullptr);
+    return {(int32_t)now.tv_sec, (int32_t)now.tv_usec};
+}
+
+int32_t cc_uptime_of(struct ccTime when) {
+    struct timeval moment = {};
+    moment.tv_sec = when.tv_sec;
+    moment.tv_usec = when.tv_usec;
+    return (int32_t)netsnmp_timeval_uptime(&moment);
+}
+
+/* --- completion notification ---------------------------------------------------------------------------------------------------------- */
+
+/* The notification's OID; its last sub-identifier is the row's index, written by build_notification(). */
+static oid notification_oid[CC_NOTIFICATION_OID_LENGTH] = {CC_ROOT_OID, 2, 1, 1, 0};
+
+/* The server's address as it was parsed last. Deliberate: an address text that does not parse leaves what was there. */
+static struct inet_address notification_address;
+
+/* A list of bindings of one row, in order; a binding that can't be built is left out. */
+struct binding_list {
+    int32_t index;
+    netsnmp_variable_list *head;
+    netsnmp_variable_list *last;
+};
+
+static void add_binding(struct binding_list &list, oid column, uint8_t type, const void *value, uint32_t length) {
+    const oid instance[CC_ROW_OID_LENGTH] = {CC_COPY_COLUMN_OID(column), (oid)list.index};
+    netsnmp_variable_list *built = build_varbind(list.last, value, type, length, instance, CC_ROW_OID_LENGTH);
+    if (built == nullptr) {
+        return;
+    }
+    if (list.head == nullptr) {
+        list.head = built;
+    }
+    list.last = built;
+}
+
+static void add_integer(struct binding_list &list, oid column, uint8_t type, int32_t value) {
+    add_binding(list, column, type, &value, sizeof value);
+}
+
+netsnmp_variable_list *build_notification(const struct ccCopyEntry *record, oid *oid_buffer, uint32_t *oid_length) {
+    notification_oid[CC_NOTIFICATION_OID_LENGTH - 1] = (oid)record->ccCopyIndex;
+    ip_addr_from_str(record->ccCopyServerAddressRev1, &notification_address);
+    const uint32_t address_type = notification_address.type;
+    const int32_t started = cc_uptime_of(record->ccCopyTimeStarted);
+    const int32_t completed = cc_uptime_of(record->ccCopyTimeCompleted);
+    const uint32_t file_name_length = (uint32_t)strnlen(record->ccCopyFileName, CC_FILE_NAME_SIZE);
+
+    struct binding_list list = {record->ccCopyIndex, nullptr, nullptr};
+    if (address_type == INET_ADDRESS_IPV4) {
+        add_binding(list, CC_COLUMN_SERVER_ADDRESS, ASN_IPADDRESS, notification_address.octets, 4);
+    }
+    if (address_type == INET_ADDRESS_IPV4 || address_type == INET_ADDRESS_IPV6) {
+        /* Deliberate: all 16 octets for an IPv4 address too. */
+        add_binding(list, CC_COLUMN_SERVER_ADDRESS_REV1, ASN_OCTET_STR, notification_address.octets, sizeof notification_address.octets);
+    }
+    add_binding(list, CC_COLUMN_FILE_NAME, ASN_OCTET_STR, record->ccCopyFileName, file_name_length);
+    add_integer(list, CC_COLUMN_STATE, ASN_INTEGER, record->ccCopyState);
+    add_integer(list, CC_COLUMN_TIME_STARTED, ASN_TIMETICKS, started);
+    add_integer(list, CC_COLUMN_TIME_COMPLETED, ASN_TIMETICKS, completed);
+    add_integer(list, CC_COLUMN_FAIL_CAUSE, ASN_INTEGER, record->ccCopyFailCause);
+    add_integer(list, CC_COLUMN_SERVER_ADDRESS_TYPE, ASN_INTEGER, record->ccCopyServerAddressType);
+
+    memmove(oid_buffer, notification_oid, sizeof notification_oid);
+    *oid_length = CC_NOTIFICATION_OID_LENGTH;
+    cc_log(EVTRACE_DEBUG,
+           "%s: Sending ccCopyCompletion notification : ccCopyServerAddressRev1 = %.*s, ccCopyFileName= %.*s,ccCopyState=%d, "
+           "ccCopyTimeStarted=%d, "
+           "ccCopyTimeCompleted = %d, ccCopyFailCause=%d, ccCopyServerAddressType = %d\n",
+           __func__, CC_ADDRESS_TEXT_SIZE, record->ccCopyServerAddressRev1, CC_FILE_NAME_SIZE, record->ccCopyFileName, record->ccCopyState,
+           started, completed, record->ccCopyFailCause, record->ccCopyServerAddressType);
+    return list.head;
+}
+
+/* --- messages ------------------------------------------------------------------------------------------------------------------------- */
+
+uint32_t handle_copy_done(int32_t status) {
+    child_copy_running = 0;
+    cc_log(EVTRACE_ERROR, "%s : Copy is done with status %d\n", __func__, status);
+    struct ccCopyEntry row = {};
+    if (get_config_entry_with_status(COPY_STATE_RUNNING, &row) != 0) {
+        cc_log(EVTRACE_ERROR, "%s : No copy is running... %d \n", __func__, row.ccCopyIndex);
+    } else {
+        row.ccCopyTimeCompleted = cc_now();
+        row.ccCopyState = status == 0 ? COPY_STATE_SUCCESSFUL : COPY_STATE_FAILED;
+        row.ccCopyFailCause = status == 0 ? (int32_t)COPY_FAIL_GENERAL : status; /* deliberate: a success reads 1 */
+        if (setCcCopyEntry(&row, 0) != 0) {
+            cc_log(EVTRACE_ERROR, "%s : Set to entry (index= %d) failed \n", __func__, row.ccCopyIndex);
+        }
+    }
+    /* Deliberate: also when no copy is running, on the table's last row. */
+    if (row.ccCopyNotificationOnCompletion == TRUTH_TRUE) {
+        oid notification[CC_NOTIFICATION_OID_LENGTH];
+        uint32_t length = 0;
+        netsnmp_variable_list *bindings = build_notification(&row, notification, &length);
+        enqueue_notification(CC_NOTIFICATION_KIND, notification, length, bindings);
+    }
+    return 0;
+}
+
+/* Deliberate: both record a general failure. */
+uint32_t handle_copy_failure(void) {
+    return handle_copy_done(COPY_FAIL_GENERAL);
+}
+uint32_t handle_copy_success(void) {
+    return handle_copy_done(COPY_FAIL_GENERAL);
+}
+
+static void worker_reported(const char *function, msgbus_msg message) {
+    int32_t status; /* host order */
+    const void *payload = msgbus_payload_get(message, sizeof status);
+    if (payload == nullptr) {
+        cc_log(EVTRACE_ERROR, "%s: MSGBUS Payload NULL\n", function);
+        handle_copy_done(COPY_FAIL_GENERAL);
+        return;
+    }
+    memcpy(&status, payload, sizeof status);
+    handle_copy_done(status);
+}
+
+static void action_begun(const char *function) {
+    struct ccCopyEntry row = {};
+    if (get_config_entry_with_status(COPY_STATE_WAITING, &row) != 0) {
+        return;
+    }
+    row.ccCopyState = COPY_STATE_RUNNING; /* deliberately without a further check */
+    if (setCcCopyEntry(&row, 0) != 0) {
+        cc_log(EVTRACE_ERROR, "ERROR  %s : Set to entry (index= %d) failed \n", function, row.ccCopyIndex);
+    }
+}
+
+/* The bindings of a notification to send, with *send_flag set, or null. */
+static netsnmp_variable_list *action_ended(const char *function, bool failed, oid *oid_buffer, uint32_t *oid_length, uint32_t *send_flag) {
+    struct ccCopyEntry row = {};
+    if (get_config_entry_with_status(COPY_STATE_RUNNING, &row) != 0) {
+        return nullptr;
+    }
+    if (!cc_is_running_to_startup(&row)) {
+        cc_log(EVTRACE_DEBUG, "%s: copy run2start not initiated by us. ignore it\n", function);
+        return nullptr;
+    }
+    row.ccCopyTimeCompleted = cc_now();
+    const bool notify = row.ccCopyNotificationOnCompletion == TRUTH_TRUE;
+    int32_t fill_error_table = 0;
+    if (failed) {
+        cc_log(EVTRACE_ERROR, "%s: COPY failed\n", function);
+        row.ccCopyState = COPY_STATE_FAILED;
+        row.ccCopyFailCause = COPY_FAIL_WARDEN_FAILED;
+        fill_error_table = row.ccCopyDestFileType == COPY_FILE_FABRIC_STARTUP ? 1 : 0;
+    } else {
+        cc_log(EVTRACE_DEBUG, "%s: COPY SUCCESSFULL trap enabled %d\n", function, notify ? 1 : 0);
+        row.ccCopyState = COPY_STATE_SUCCESSFUL;
+        set_mgmt_conf_last_change_time_extended(MGMT_CONF_CHANGE_STARTUP);
+        set_mgmt_conf_last_change_time_extended(MGMT_CONF_CHANGE_STARTUP_SAVED);
+    }
+    if (setCcCopyEntry(&row, fill_error_table) != 0) {
+        cc_log(EVTRACE_ERROR, "ERROR  %s : Set to entry (index= %d) failed \n", function, row.ccCopyIndex);
+    }
+    msgbus_drop(msgbus_response_q, &cfg_action_request);
+    if (!notify) {
+        return nullptr;
+    }
+    *send_flag = 1;
+    return build_notification(&row, oid_buffer, oid_length);
+}
+
+netsnmp_variable_list *handle_notifications(msgbus_msg message, oid *oid_buffer, uint32_t *oid_length, uint32_t *send_flag) {
+    *send_flag = 0;
+    switch (msgbus_opc_get(message)) {
+    case AGENT_OPC_WORKER_STATUS:
+        worker_reported(__func__, message);
+        return nullptr;
+    case MSGBUS_OPC_WARDEN_CFG_ACTION_BEGIN:
+        action_begun(__func__);
+        return nullptr;
+    case MSGBUS_OPC_WARDEN_CFG_ACTION_END:
+        return action_ended(__func__, *oid_length != 0, oid_buffer, oid_length, send_flag); /* the dispatcher left the outcome there */
+    default:
+        return nullptr;
+    }
+}
+
+/* --- ageing --------------------------------------------------------------------------------------------------------------------------- */
+
+static constexpr int32_t AGE_LIMIT_SECONDS = 305;
+
+void cfgentry_age_timer_handler(unsigned int, void *) {
+    cc_log(EVTRACE_DEBUG, "%s : enter...\n", __func__);
+    struct ccCopyEntry row = {};
+    while (getnextCcCopyEntry(&row) == 0) {
+        const time_t now = time(nullptr);
+        const int32_t age = (int32_t)((uint32_t)now - (uint32_t)row.create_time);
+        if (age <= AGE_LIMIT_SECONDS) {
+            continue;
+        }
+        if (row.ccCopyState == COPY_STATE_RUNNING && row.ccCopyEntryRowStatus != ROW_STATUS_DESTROY) {
+            continue;
+        }
+        cc_log(EVTRACE_DEBUG, "%s: Deleting the aged out entry %d (curtime = %ld, entrycreatetetime = %ld \n", __func__, row.ccCopyIndex,
+               (long)now, (long)row.create_time);
+        deleteCcCopyEntry(&row);
+        cc_undo_drop(row.ccCopyIndex); /* so that no stale copy meets a later row of this index */
+    }
+}
+
+int cc_handle_starttime_change(int, int, void *serverarg, void *) {
+    const auto *change = static_cast<const struct agent_starttime_change *>(serverarg);
+    struct ccCopyEntry row = {};
+    while (getnextCcCopyEntry(&row) == 0) {
+        const uint32_t created = (uint32_t)row.create_time;
+        row.create_time = (int32_t)(change->direction == AGENT_STARTTIME_ADDED ? created + *change->seconds : created - *change->seconds);
+        setCcCopyEntry(&row, 0);
+        snmp_heartbeat_send();
+    }
+    return 0;
+}

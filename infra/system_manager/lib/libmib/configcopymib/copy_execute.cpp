@@ -1,0 +1,115 @@
+/* Starting a copy: the checks at the activation, and the fork of a worker. The worker's report to the agent. */
+#include "config_copy_mib.h"
+
+#include <errno.h>
+#include <string.h>
+#include <unistd.h>
+
+static constexpr char LAUNCH[] = "validate_n_start_copy"; /* whose work the messages of the launch report */
+
+static pid_t worker_pid = 0; /* of the last fork; written by start_copy(), only logged */
+
+bool cc_is_running_to_startup(const struct ccCopyEntry *record) {
+    return record->ccCopySourceFileType == COPY_FILE_RUNNING &&
+           (record->ccCopyDestFileType == COPY_FILE_STARTUP || record->ccCopyDestFileType == COPY_FILE_FABRIC_STARTUP ||
+            record->ccCopyDestFileType == COPY_FILE_ALL_STARTUP);
+}
+
+uint32_t start_copy(struct ccCopyEntry *record) {
+    if (child_copy_running == 1) {
+        cc_log(EVTRACE_ERROR, "%s: child process is still running\n", __func__);
+        return CCERR_FAILED;
+    }
+    worker_pid = fork();
+    if (worker_pid == 0) {
+        copy_function(record);
+        cc_log(EVTRACE_DEBUG, "%s : exit = child_id %d\n", __func__, (int)getpid());
+        _exit(0); /* always 0: the outcome travels in the status message */
+    }
+    /* Deliberate: a failed fork (-1) counts as a started worker. */
+    child_copy_running = 1;
+    cc_log(EVTRACE_DEBUG, "%s : Created the process to copy with pid = %d\n", __func__, (int)worker_pid);
+    return 0;
+}
+
+/* Writes the row, which shows the copy as running from then on, and forks the worker. */
+static int32_t start_worker(struct ccCopyEntry *record) {
+    if (setCcCopyEntry(record, 0) != 0) {
+        cc_trace("%s(%d):%s : Set to entry (index= %d) failed just before starting the copy \n", LAUNCH, __LINE__, LAUNCH,
+                 record->ccCopyIndex);
+        return SNMP_ERR_GENERR;
+    }
+    return start_copy(record) == 0 ? SNMP_ERR_NOERROR : SNMP_ERR_GENERR;
+}
+
+int32_t validate_n_start_copy(struct ccCopyEntry *record, int32_t row_status_value) {
+    CC_TRACE(": Copy requested with: ccCopyServerAddressRev1 = %.*s,ccCopyFileName= %.*s, ccCopyUserName=%.*s, ccCopyTimeStarted=%d "
+             "ccCopyProtocol = %d ccCopySourceFileType = %d, ccCopyDestFileType= %d, ccCopyServerAddressType= %d\n",
+             CC_ADDRESS_TEXT_SIZE, record->ccCopyServerAddressRev1, CC_FILE_NAME_SIZE, record->ccCopyFileName, CC_CREDENTIAL_SIZE,
+             record->ccCopyUserName, cc_uptime_of(record->ccCopyTimeStarted), record->ccCopyProtocol, record->ccCopySourceFileType,
+             record->ccCopyDestFileType, record->ccCopyServerAddressType);
+    int32_t error_status = SNMP_ERR_NOERROR;
+    if (validate_entry(record, &error_status, row_status_value) != 1) {
+        CC_TRACE(" : Validation failed row index = %d \n", record->ccCopyIndex);
+        record->ccCopyTimeStarted = {0, 0};
+        if (setCcCopyEntry(record, 0) != 0) {
+            CC_TRACE(" : Set to entry (index= %d) failed after valdation failed\n", record->ccCopyIndex);
+            return SNMP_ERR_GENERR;
+        }
+        return error_status;
+    }
+
+    record->ccCopyEntryRowStatus = ROW_STATUS_ACTIVE;
+    record->ccCopyState = COPY_STATE_RUNNING;
+    record->ccCopyTimeStarted = cc_now();
+
+    const int32_t source = record->ccCopySourceFileType;
+    const int32_t dest = record->ccCopyDestFileType;
+    if (source == COPY_FILE_NETWORK || dest == COPY_FILE_NETWORK) {
+        const char *server = record->ccCopyServerAddressRev1;
+        if (strcmp(server, "0.0.0.0") == 0 || strcmp(server, "127.0.0.1") == 0) { /* deliberately these two and no other form */
+            CC_TRACE(" : Localhost address received (%s).  Disallowing this operation.", server);
+            return SNMP_ERR_WRONGVALUE;
+        }
+        return start_worker(record);
+    }
+    if (source == COPY_FILE_STARTUP && dest == COPY_FILE_RUNNING) {
+        return start_worker(record);
+    }
+    if (cc_is_running_to_startup(record)) {
+        if (setCcCopyEntry(record, 0) != 0) {
+            cc_log(EVTRACE_ERROR, "%s : Set to entry (index= %d) failed just beforestarting copy running to startup\n", __func__,
+                   record->ccCopyIndex);
+            return SNMP_ERR_GENERR;
+        }
+        do_cp_runningtostartup(record); /* its result shows in the row alone */
+    }
+    /* The row-status handler writes the record back. So it becomes what the table holds: after the exchange deliberately a running row also
+     * when the request could not be sent or was answered as done at once, and for any other pair of local files the row as it was. */
+    getCcCopyEntry(record);
+    return SNMP_ERR_NOERROR;
+}
+
+uint32_t send_status_2_parent(int32_t status) {
+    static constexpr int BIND_ATTEMPTS = 10;
+    static constexpr unsigned BIND_RETRY_SECONDS = 2;
+    static constexpr int32_t BIND_ONE_WAY = 1;
+    static constexpr struct msgbus_address ADDRESS = {{1, 0, 1024, 0, 0, 15}};
+
+    cc_log(EVTRACE_ERROR, "%s: status is %d\n", __func__, status);
+    for (int attempt = 0; attempt < BIND_ATTEMPTS; attempt++) {
+        const int32_t handle = msgbus_bind(BIND_ONE_WAY, -1, &ADDRESS, "config_copy_task");
+        if (handle >= 0) {
+            if (msgbus_send(handle, MSGBUS_NODE_LOCAL, MSGBUS_SAP_AGENT, AGENT_OPC_WORKER_STATUS, &status, sizeof status, nullptr, 0, 0) !=
+                0) {
+                cc_log(EVTRACE_ERROR, "%s: msgbus_send failed. errno %d\n", __func__, errno);
+            }
+            msgbus_unbind(handle, 0);
+            return 0;
+        }
+        cc_log(EVTRACE_ERROR, "%s: msgbus_bind failed. errno %d\n", __func__, errno);
+        sleep(BIND_RETRY_SECONDS);
+    }
+    cc_log(EVTRACE_ERROR, "%s: msgbus_bind failed. errno %d\n", __func__, errno);
+    return CCERR_SEND_FAILED;
+}

@@ -1,0 +1,207 @@
+/* Running to startup, by the system manager: the request, its first answer, and the abort. */
+#include "config_copy_mib.h"
+
+#include <arpa/inet.h>
+#include <ctype.h>
+#include <errno.h>
+#include <string.h>
+
+#include <algorithm>
+#include <string>
+
+#include "platform/system_manager.h"
+#include "platform/utilities.h"
+
+msgbus_msg cfg_action_request = nullptr;
+
+/* --- texts that are their own format -------------------------------------------------------------------------------------------------- */
+
+/* A decimal number, as far as a field of a request has room for its value. '*' stands for an argument, which is harmless: 0. */
+static unsigned take_number(const char *&p) {
+    unsigned number = 0;
+    if (*p == '*') {
+        p++;
+    }
+    for (; isdigit((unsigned char)*p) != 0; p++) {
+        number = std::min(number * 10 + (unsigned)(*p - '0'), WARDEN_CFG_ACTION_TEXT_SIZE);
+    }
+    return number;
+}
+
+/* What printf(3) makes of the conversion specification behind a '%' at `p`, which moves behind it. The argument is a harmless one: zero,
+ * the empty text, no pointer; nothing is ever stored. */
+static std::string take_conversion(const char *&p) {
+    std::string format = "%";
+    const char *digits = p;
+    if (take_number(digits) != 0 && *digits == '$') { /* the number of an argument: they are all alike */
+        p = digits + 1;
+    }
+    for (; *p != '\0' && strchr("-+ #0'", *p) != nullptr; p++) {
+        if (format.find(*p) == std::string::npos) {
+            format += *p;
+        }
+    }
+    if (const unsigned width = take_number(p); width != 0) {
+        format += std::to_string(width);
+    }
+    if (*p == '.') {
+        p++;
+        format += '.' + std::to_string(take_number(p));
+    }
+    p += strspn(p, "hlLqjzt");
+    if (*p == '\0') {
+        return "";
+    }
+    const char conversion = *p++;
+    char text[4 * WARDEN_CFG_ACTION_TEXT_SIZE] = "";
+    format += conversion;
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+    if (strchr("diouxX", conversion) != nullptr) {
+        snprintf(text, sizeof text, format.c_str(), 0);
+    } else if (strchr("eEfFgGaA", conversion) != nullptr) {
+        snprintf(text, sizeof text, format.c_str(), 0.0);
+    } else if (conversion == 's') {
+        snprintf(text, sizeof text, format.c_str(), "");
+    } else if (conversion == 'p') {
+        snprintf(text, sizeof text, format.c_str(), static_cast<void *>(nullptr));
+    } else if (conversion == '%') {
+        return "%";
+    } else if (conversion == 'm') {
+        return strerror(errno);
+    }
+#pragma GCC diagnostic pop
+    return text;
+}
+
+/* Deliberate: the text is formatted with itself as the format, so a '%' in it is a conversion. */
+static void format_as_its_own_format(char (&out)[WARDEN_CFG_ACTION_TEXT_SIZE], const char *text) {
+    std::string formatted;
+    while (*text != '\0' && formatted.size() < sizeof out) {
+        const char c = *text++;
+        if (c == '%') {
+            formatted += take_conversion(text);
+        } else {
+            formatted += c;
+        }
+    }
+    snprintf(out, sizeof out, "%s", formatted.c_str());
+}
+
+/* --- the exchange --------------------------------------------------------------------------------------------------------------------- */
+
+static struct warden_cfg_action start_request_of(const struct ccCopyEntry *record) {
+    struct warden_cfg_action request = {};
+    request.word0 = htonl(WARDEN_CFG_ACTION_WORD0);
+    request.word1 = htonl(WARDEN_CFG_ACTION_WORD1);
+    request.byte10 = 1;
+    request.fabric = htonl(record->ccCopyDestFileType == COPY_FILE_FABRIC_STARTUP ? 1 : 0);
+    request.all = htonl(record->ccCopyDestFileType == COPY_FILE_ALL_STARTUP ? 1 : 0);
+    format_as_its_own_format(request.user, get_snmp_username(0));
+    format_as_its_own_format(request.session, get_snmp_sessionid(0));
+    return request;
+}
+
+static void drop_start_request(void) {
+    msgbus_drop(msgbus_response_q, &cfg_action_request);
+}
+
+static void end_copy(struct ccCopyEntry *record, enum copy_state state) {
+    record->ccCopyTimeCompleted = cc_now();
+    record->ccCopyState = state;
+}
+
+static void refused(const char *function, struct ccCopyEntry *record) {
+    end_copy(record, COPY_STATE_FAILED);
+    record->ccCopyFailCause = COPY_FAIL_WARDEN_REFUSED;
+    if (setCcCopyEntry(record, 0) != 0) {
+        cc_log(EVTRACE_ERROR, "ERROR  %s : Set to entry (index= %d) failed \n", function, record->ccCopyIndex);
+    }
+    if (record->ccCopyNotificationOnCompletion == TRUTH_TRUE) {
+        oid notification[CC_NOTIFICATION_OID_LENGTH];
+        uint32_t length = 0;
+        netsnmp_variable_list *bindings = build_notification(record, notification, &length);
+        enqueue_notification(CC_NOTIFICATION_KIND, notification, length, bindings);
+    }
+}
+
+/* The first answer's status word has come: take it over into the record. */
+static void take_answer(const char *function, struct ccCopyEntry *record, uint32_t status) {
+    cc_log(EVTRACE_DEBUG, "%s : copy state : %s\n", function, syserr2str(status));
+    if (ld_dbg_fp != nullptr) {
+        fprintf(ld_dbg_fp, "%s : copy state : %s\n", function, syserr2str(status));
+    }
+    switch (status) {
+    case WARDEN_CFG_ACTION_INITIATED: /* the request is kept for the end message or an abort */
+        cc_log(EVTRACE_DEBUG, "%s : copy is initiated\n", function);
+        break;
+    case WARDEN_CFG_ACTION_DONE:
+        /* Deliberate: only the caller's copy ends, the stored row goes on running. */
+        end_copy(record, COPY_STATE_SUCCESSFUL);
+        drop_start_request();
+        cc_log(EVTRACE_DEBUG, "%s : %s\n", function, "copy is done\n");
+        break;
+    default:
+        cc_log(EVTRACE_ERROR, "%s : %s\n", function, "copy failed");
+        refused(function, record);
+        drop_start_request();
+        break;
+    }
+}
+
+uint32_t do_cp_runningtostartup(struct ccCopyEntry *record) {
+    struct msgbus_recv_options options = {};
+    options.wait = 1;
+    cc_log(EVTRACE_DEBUG, "Sending request to warden to start copy running to startup");
+    const struct warden_cfg_action request = start_request_of(record);
+    if (msgbus_send(msgbus_response_q, MSGBUS_NODE_LOCAL, MSGBUS_SAP_WARDEN, MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION, &request,
+                    sizeof request, &cfg_action_request, 0, 0) < 0) {
+        const int error = errno;
+        cc_log(EVTRACE_ERROR, "%s :  Unable to send message MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION: %s (%d).\n", __func__, strerror(error),
+               error);
+        /* Deliberate: only the caller's copy ends, the stored row goes on running. */
+        end_copy(record, COPY_STATE_FAILED);
+        drop_start_request();
+        return CCERR_SEND_FAILED;
+    }
+
+    msgbus_msg answer = nullptr;
+    int32_t received;
+    do {
+        received = msgbus_recv(msgbus_response_q, &answer, &options);
+    } while (received == -1 && errno == ETIME);
+    if (received != 0) {
+        cc_log(EVTRACE_ERROR, "%s : no response from warden (error id %x). may be copy is progress\n", __func__, (unsigned)received);
+        if (ld_dbg_fp != nullptr) {
+            fprintf(ld_dbg_fp, "%s : no response from warden (error id %x). may be copy is progress\n", __func__, (unsigned)received);
+        }
+        return 0;
+    }
+
+    const uint32_t opcode = msgbus_opc_get(answer);
+    if (opcode != MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION) {
+        cc_log(EVTRACE_ERROR, "%s: unknown message %d received, dropping.\n", __func__, (int)opcode);
+    } else {
+        static constexpr uint32_t NO_STATUS = CCERR_FAILED; /* an answer without a status word is a failure */
+        uint32_t status = htonl(NO_STATUS);
+        if (const void *payload = msgbus_payload_get(answer, sizeof status)) {
+            memcpy(&status, payload, sizeof status);
+        }
+        take_answer(__func__, record, ntohl(status));
+    }
+    msgbus_drop(msgbus_response_q, &answer);
+    return 0;
+}
+
+uint32_t handle_abort(const struct ccCopyEntry *record) {
+    if (record->ccCopyState != COPY_STATE_RUNNING || !cc_is_running_to_startup(record)) {
+        return 0;
+    }
+    cc_log(EVTRACE_DEBUG, "Sending request to warden to abort the copy running to startup");
+    struct warden_cfg_abort request = {};
+    request.token = htonl(msgbus_rr_token_get(cfg_action_request));
+    msgbus_send(msgbus_response_q, MSGBUS_NODE_LOCAL, MSGBUS_SAP_WARDEN, MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION_ABORT, &request,
+                sizeof request, nullptr, 0, 0);
+    drop_start_request();
+    return 0;
+}

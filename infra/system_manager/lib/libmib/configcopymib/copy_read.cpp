@@ -1,0 +1,300 @@
+/* GET and GETNEXT on both tables, and the store of the error table. */
+#include "config_copy_mib.h"
+
+#include <stdlib.h>
+#include <string.h>
+#include <sys/time.h>
+
+struct ccCopyEntry cc_last_read_row = {};
+struct keyedset ccCopyErrorTable = {};
+
+/* What the read handlers' results point into until the next call, besides cc_last_read_row; written by the handlers only. */
+static uint32_t read_ticks;
+static struct inet_address read_address;
+static struct ccCopyErrorEntry read_error_row;
+
+static constexpr size_t INTEGER_LENGTH = 4;
+static constexpr size_t IPV4_LENGTH = 4;
+static constexpr size_t IPV6_LENGTH = 16;
+
+template <typename Field> static unsigned char *field_value(Field &field, size_t length, size_t *var_len) {
+    *var_len = length;
+    return reinterpret_cast<unsigned char *>(&field);
+}
+
+/* A text field: as long as its text, and never longer than the field, which may have no terminator. */
+template <size_t capacity> static unsigned char *text_value(char (&field)[capacity], size_t *var_len) {
+    return field_value(field, strnlen(field, capacity), var_len);
+}
+
+static unsigned char *ticks_value(struct ccTime when, size_t *var_len) {
+    const int32_t uptime = when.tv_sec == 0 && when.tv_usec == 0 ? 0 : cc_uptime_of(when);
+    read_ticks = uptime < 0 ? 0 : (uint32_t)uptime;
+    return field_value(read_ticks, INTEGER_LENGTH, var_len);
+}
+
+/* The binary form of an address text; none when it is not an address. */
+static unsigned char *address_value(const char *text, size_t *var_len) {
+    if (ip_addr_from_str(text, &read_address) != 0) {
+        *var_len = 0;
+        return nullptr;
+    }
+    return field_value(read_address.octets, read_address.type == INET_ADDRESS_IPV4 ? IPV4_LENGTH : IPV6_LENGTH, var_len);
+}
+
+static unsigned char *no_value(void) {
+    snmp_set_detail("");
+    return nullptr;
+}
+
+/* A sub-identifier as the key of a GETNEXT. Indexes end at 2147483647: nothing lies beyond, so everything above counts as the last one. */
+static int32_t next_key(oid sub_identifier) {
+    return sub_identifier > INT32_MAX ? INT32_MAX : (int32_t)sub_identifier;
+}
+
+/* A sub-identifier as the key of a GET: above 2147483647 it is negative, and no row has such a key. */
+static int32_t exact_key(oid sub_identifier) {
+    return (int32_t)(uint32_t)sub_identifier;
+}
+
+/* --- ccCopyTable --------------------------------------------------------------------------------------------------------------------- */
+
+uint32_t copy_oid_index_parse(const oid *prefix, size_t prefix_len, const oid *name, size_t length, int exact, int32_t *index) {
+    *index = 0;
+    if (length <= prefix_len) {
+        return 0;
+    }
+    if (exact != 0) {
+        if (length != prefix_len + 1) {
+            return CCERR_FAILED;
+        }
+        *index = exact_key(name[prefix_len]);
+        return 0;
+    }
+    if (snmp_oid_compare(name, prefix_len, prefix, prefix_len) == 0) {
+        *index = next_key(name[prefix_len]);
+    }
+    return 0;
+}
+
+uint32_t copy_row_lookup(const oid *prefix, size_t prefix_len, oid *name, size_t *length, int exact, struct ccCopyEntry *record) {
+    oid found[MAX_OID_LEN];
+    memcpy(found, prefix, prefix_len * sizeof(oid));
+    copy_oid_index_parse(prefix, prefix_len, name, *length, exact, &record->ccCopyIndex);
+    const uint32_t status = exact != 0 ? getCcCopyEntry(record) : getnextCcCopyEntry(record);
+    if (status == 0) {
+        found[prefix_len] = (oid)record->ccCopyIndex;
+        *length = prefix_len + 1;
+        memcpy(name, found, *length * sizeof(oid));
+    }
+    return status;
+}
+
+unsigned char *get_ccCopyTable(struct variable *vp, oid *name, size_t *length, int exact, size_t *var_len, WriteMethod **write_method) {
+    const uint32_t status = copy_row_lookup(vp->name, vp->namelen, name, length, exact, &cc_last_read_row);
+    /* Also without a row: the write handler of the row status creates it. */
+    set_ccCopyTable_setmethods(vp->magic, write_method);
+    if (status != 0) {
+        return nullptr;
+    }
+
+    struct ccCopyEntry &row = cc_last_read_row;
+    switch (vp->magic) {
+    case CC_MAGIC_PROTOCOL:
+        return field_value(row.ccCopyProtocol, INTEGER_LENGTH, var_len);
+    case CC_MAGIC_SOURCE_FILE_TYPE:
+        return field_value(row.ccCopySourceFileType, INTEGER_LENGTH, var_len);
+    case CC_MAGIC_DEST_FILE_TYPE:
+        return field_value(row.ccCopyDestFileType, INTEGER_LENGTH, var_len);
+    case CC_MAGIC_SERVER_ADDRESS: {
+        unsigned char *octets = address_value(row.ccCopyServerAddressRev1, var_len);
+        if (octets != nullptr && read_address.type != INET_ADDRESS_IPV4) {
+            *var_len = 0;
+            return nullptr;
+        }
+        return octets;
+    }
+    case CC_MAGIC_FILE_NAME:
+        return text_value(row.ccCopyFileName, var_len);
+    case CC_MAGIC_USER_NAME:
+        return text_value(row.ccCopyUserName, var_len);
+    case CC_MAGIC_USER_PASSWORD: { /* never disclosed */
+        static char empty[1] = "";
+        return text_value(empty, var_len);
+    }
+    case CC_MAGIC_NOTIFICATION_ON_COMPLETION:
+        return field_value(row.ccCopyNotificationOnCompletion, INTEGER_LENGTH, var_len);
+    case CC_MAGIC_STATE:
+        return field_value(row.ccCopyState, INTEGER_LENGTH, var_len);
+    case CC_MAGIC_TIME_STARTED:
+        return ticks_value(row.ccCopyTimeStarted, var_len);
+    case CC_MAGIC_TIME_COMPLETED:
+        return ticks_value(row.ccCopyTimeCompleted, var_len);
+    case CC_MAGIC_FAIL_CAUSE:
+        return field_value(row.ccCopyFailCause, INTEGER_LENGTH, var_len);
+    case CC_MAGIC_ENTRY_ROW_STATUS:
+        return field_value(row.ccCopyEntryRowStatus, INTEGER_LENGTH, var_len);
+    case CC_MAGIC_SERVER_ADDRESS_TYPE:
+        return field_value(row.ccCopyServerAddressType, INTEGER_LENGTH, var_len);
+    case CC_MAGIC_SERVER_ADDRESS_REV1:
+        return address_value(row.ccCopyServerAddressRev1, var_len);
+    default:
+        return no_value();
+    }
+}
+
+/* --- ccCopyErrorTable ----------------------------------------------------------------------------------------------------------------- */
+
+int8_t ccCopyErrorEntry_comp_func(const void *a, const void *b) {
+    if (a == nullptr || b == nullptr) {
+        return -1;
+    }
+    const auto *first = static_cast<const struct ccCopyErrorEntry *>(a);
+    const auto *second = static_cast<const struct ccCopyErrorEntry *>(b);
+    if (second->ccCopyIndex != first->ccCopyIndex) {
+        return (int8_t)INTCMP(second->ccCopyIndex, first->ccCopyIndex);
+    }
+    return (int8_t)INTCMP(second->ccCopyErrorIndex, first->ccCopyErrorIndex);
+}
+
+uint32_t addCcCopyErrorEntry(const struct ccCopyEntry *, const struct ccCopyErrorEntry *record) {
+    static constexpr uint32_t NO_MEMORY = 5; /* not a module status code */
+    auto *stored = static_cast<struct ccCopyErrorEntry *>(malloc(sizeof(struct ccCopyErrorEntry)));
+    if (stored == nullptr) {
+        cc_log(EVTRACE_ERROR, "%s : Mallocing for ccCopyErrorEntryFailed\n", __func__);
+        return NO_MEMORY;
+    }
+    memcpy(stored, record, sizeof *stored);
+    if (keyedset_add(&ccCopyErrorTable, stored, stored) == nullptr) {
+        /* Deliberate: the block is left behind; nothing looks at the result, and the fill never repeats a key. */
+        cc_log(EVTRACE_ERROR, "%s : failed to add to index object\n", __func__);
+        return CCERR_FAILED;
+    }
+    return 0;
+}
+
+uint32_t getCcCopyErrorEntry(struct ccCopyErrorEntry *buffer) {
+    if (keyedset_size(&ccCopyErrorTable) == 0) {
+        cc_log(EVTRACE_DEBUG, "%s : ccCopyErrorTable empty\n", __func__);
+        return CCERR_NOT_FOUND;
+    }
+    const void *stored = keyedset_find(&ccCopyErrorTable, buffer);
+    if (stored == nullptr) {
+        return CCERR_NOT_FOUND;
+    }
+    memcpy(buffer, stored, sizeof *buffer);
+    cc_log(EVTRACE_DEBUG, "%s : found entry in ccCopyErrorTable\n", __func__);
+    return 0;
+}
+
+uint32_t getnextCcCopyErrorEntry(struct ccCopyErrorEntry *buffer) {
+    if (keyedset_size(&ccCopyErrorTable) == 0) {
+        cc_log(EVTRACE_DEBUG, "%s : ccCopyTable empty\n", __func__);
+        return CCERR_NOT_FOUND;
+    }
+    const void *stored = keyedset_find_nextgreater(&ccCopyErrorTable, buffer);
+    if (stored == nullptr) {
+        return CCERR_NOT_FOUND;
+    }
+    memcpy(buffer, stored, sizeof *buffer);
+    cc_log(EVTRACE_DEBUG, "%s :found entry in ccCopyErrorTable\n", __func__);
+    return 0;
+}
+
+uint32_t deleteCcCopyErrorEntries(const struct ccCopyEntry *key) {
+    if (key == nullptr) {
+        cc_log(EVTRACE_DEBUG, "%s : entry provided is NULL\n", __func__);
+        return 0;
+    }
+    if (keyedset_size(&ccCopyErrorTable) == 0) {
+        cc_log(EVTRACE_DEBUG, "%s : ccCopyErrorTable empty forcopy index: %d\n", __func__, key->ccCopyIndex);
+        return 0;
+    }
+    struct ccCopyErrorEntry walk = {};
+    walk.ccCopyIndex = key->ccCopyIndex;
+    for (;;) {
+        const void *next = keyedset_find_nextgreater(&ccCopyErrorTable, &walk);
+        if (next == nullptr || static_cast<const struct ccCopyErrorEntry *>(next)->ccCopyIndex != key->ccCopyIndex) {
+            break;
+        }
+        memcpy(&walk, next, sizeof walk);
+        free(keyedset_remove(&ccCopyErrorTable, &walk));
+    }
+    if (keyedset_size(&ccCopyErrorTable) == 0) {
+        keyedset_destroy(&ccCopyErrorTable);
+    }
+    return 0;
+}
+
+uint32_t getFirstErrorEntryForNextCopyEntry(struct ccCopyErrorEntry *buffer) {
+    struct ccCopyEntry request;
+    request.ccCopyIndex = buffer->ccCopyIndex;
+    while (getnextCcCopyEntry(&request) == 0) {
+        /* Deliberate: the store's very first record, whatever copy request it belongs to. */
+        const void *first = keyedset_find_nth_obj(&ccCopyErrorTable, 1);
+        if (first != nullptr) {
+            memcpy(buffer, first, sizeof *buffer);
+            cc_log(EVTRACE_DEBUG, "%s : found copyIndex: %d\n", __func__, request.ccCopyIndex);
+            cc_log(EVTRACE_DEBUG, "%s : found entry\n", __func__);
+            return 0;
+        }
+        cc_log(EVTRACE_DEBUG, "%s : ccCopyErrorTable empty forccCopyIndex: %d\n ", __func__, request.ccCopyIndex);
+    }
+    return CCERR_NOT_FOUND;
+}
+
+unsigned char *get_ccCopyErrorTable(struct variable *vp, oid *name, size_t *length, int exact, size_t *var_len, WriteMethod **) {
+    static constexpr size_t EXACT_EXTRA_MAX = 11;
+    const size_t prefix_len = vp->namelen;
+    oid found[MAX_OID_LEN];
+    cc_log(EVTRACE_DEBUG, "%s \n", __func__);
+    memcpy(found, vp->name, prefix_len * sizeof(oid));
+    read_error_row = {};
+    /* Deliberate: a GET with up to this many sub-identifiers goes on, and only the first two count. */
+    if (exact != 0 && *length > prefix_len + EXACT_EXTRA_MAX) {
+        return nullptr;
+    }
+    if (*length > prefix_len && snmp_oid_compare(name, prefix_len, vp->name, prefix_len) == 0) {
+        const bool two_keys = *length >= prefix_len + 2;
+        const oid request = name[prefix_len];
+        if (exact != 0) {
+            read_error_row.ccCopyIndex = exact_key(request);
+            read_error_row.ccCopyErrorIndex = two_keys ? exact_key(name[prefix_len + 1]) : 0;
+        } else {
+            read_error_row.ccCopyIndex = next_key(request);
+            if (request > INT32_MAX) {
+                read_error_row.ccCopyErrorIndex = INT32_MAX;
+            } else if (two_keys) {
+                read_error_row.ccCopyErrorIndex = next_key(name[prefix_len + 1]);
+            }
+        }
+    }
+    if ((exact != 0 ? getCcCopyErrorEntry(&read_error_row) : getnextCcCopyErrorEntry(&read_error_row)) != 0) {
+        return nullptr;
+    }
+    found[prefix_len] = (oid)read_error_row.ccCopyIndex;
+    found[prefix_len + 1] = (oid)read_error_row.ccCopyErrorIndex;
+    *length = prefix_len + 2;
+    memcpy(name, found, *length * sizeof(oid));
+
+    switch (vp->magic) {
+    case CC_MAGIC_ERROR_DEVICE_ADDR_TYPE:
+        return field_value(read_error_row.ccCopyErrorDeviceAddrType, INTEGER_LENGTH, var_len);
+    case CC_MAGIC_ERROR_DEVICE_ADDR: {
+        unsigned char *octets = address_value(read_error_row.ccCopyErrorDeviceAddr, var_len);
+        if (octets != nullptr) {
+            uint32_t first_word;
+            memcpy(&first_word, octets, sizeof first_word);
+            cc_log(EVTRACE_DEBUG, "%s: GET FUNCTION: returning device ip addr: %s (0x%08x), device ip addr type: %d\n", __func__,
+                   read_error_row.ccCopyErrorDeviceAddr, first_word, read_error_row.ccCopyErrorDeviceAddrType);
+        }
+        return octets;
+    }
+    case CC_MAGIC_ERROR_SWITCH_WWN:
+        return field_value(read_error_row.ccCopyErrorSwitchWwn, CC_WWN_SIZE, var_len);
+    case CC_MAGIC_ERROR_TEXT:
+        return text_value(read_error_row.ccCopyErrorText, var_len);
+    default:
+        return no_value();
+    }
+}

@@ -1,0 +1,140 @@
+#include "platform/host/device_backend.h"
+
+#include "platform/host/configuration_text.h"
+#include "platform/host/host_config.h"
+#include "platform/host/state_file.h"
+#include "platform/system_manager.h"
+
+#include <fcntl.h>
+
+#include <cerrno>
+#include <cstring>
+#include <optional>
+#include <stdexcept>
+#include <system_error>
+
+namespace ulmo {
+namespace {
+
+// The canonical form, which must stay within what can be read again.
+std::string bounded_text(const Configuration &configuration) {
+    std::string text = to_text(configuration);
+    if (text.size() > configuration_text_limit) {
+        throw std::runtime_error("the configuration would be larger than " + std::to_string(configuration_text_limit) + " octets");
+    }
+    return text;
+}
+
+class EmbeddedBackend final : public DeviceBackend {
+  public:
+    EmbeddedBackend(const std::filesystem::path &directory, std::chrono::milliseconds lock_wait)
+        : running_file_(directory / "running.cfg"), startup_file_(directory / WARDEN_STARTUP_FILE),
+          lock_file_(directory / "configuration.lock"), lock_wait_(lock_wait) {}
+
+    std::string show(ConfigurationStore which) override {
+        {
+            const auto lock = locked(FileLock::Mode::shared);
+            const auto text = stored(which == ConfigurationStore::running ? running_file_ : startup_file_);
+            if (which == ConfigurationStore::startup) {
+                if (!text) {
+                    throw std::runtime_error("there is no startup configuration");
+                }
+                return *text;
+            }
+            if (text) {
+                return to_text(parsed(*text, running_file_));
+            }
+        }
+        const auto lock = locked(FileLock::Mode::exclusive);
+        return to_text(running());
+    }
+
+    void apply(std::string_view text) override {
+        const auto lock = locked(FileLock::Mode::exclusive);
+        Configuration configuration = running();
+        const std::string before = to_text(configuration);
+        merge(configuration, text);
+        const std::string after = bounded_text(configuration);
+        if (after != before) {
+            replace_state_file(running_file_, after);
+        }
+    }
+
+    void save() override {
+        const auto lock = locked(FileLock::Mode::exclusive);
+        replace_state_file(startup_file_, to_text(running()));
+    }
+
+    void store_startup(std::string_view text) override {
+        const auto lock = locked(FileLock::Mode::exclusive);
+        Configuration configuration;
+        merge(configuration, text);
+        bounded_text(configuration); // a startup configuration that could never become the running one is none
+        replace_state_file(startup_file_, text);
+    }
+
+  private:
+    FileLock locked(FileLock::Mode mode) const { return {lock_file_, mode, lock_wait_}; }
+
+    static std::optional<std::string> stored(const std::filesystem::path &file) { return read_state_file(file, configuration_text_limit); }
+
+    // A stored text that is not valid is the device's failure, not a refusal of the text that a caller gave.
+    static Configuration parsed(std::string_view text, const std::filesystem::path &file) {
+        Configuration configuration;
+        try {
+            merge(configuration, text);
+        } catch (const ConfigurationError &error) {
+            throw std::runtime_error(file.string() + " is not valid: " + error.what());
+        }
+        return configuration;
+    }
+
+    // The running configuration, made when there is none. Needs the exclusive lock.
+    Configuration running() const {
+        if (const auto text = stored(running_file_)) {
+            return parsed(*text, running_file_);
+        }
+        Configuration configuration;
+        if (const auto text = stored(startup_file_)) {
+            configuration = parsed(*text, startup_file_);
+        } else {
+            configuration.hostname = "switch";
+        }
+        replace_state_file(running_file_, bounded_text(configuration));
+        return configuration;
+    }
+
+    std::filesystem::path running_file_;
+    std::filesystem::path startup_file_;
+    std::filesystem::path lock_file_;
+    std::chrono::milliseconds lock_wait_;
+};
+
+} // namespace
+
+std::unique_ptr<DeviceBackend> make_embedded_backend(const std::filesystem::path &directory, std::chrono::milliseconds lock_wait) {
+    return std::make_unique<EmbeddedBackend>(directory, lock_wait);
+}
+
+std::unique_ptr<DeviceBackend> make_device_backend() {
+    const std::string name = setting("device_backend", "embedded");
+    if (name != "embedded") {
+        throw std::runtime_error("setting device_backend: '" + name + "' is unknown, only 'embedded' is there");
+    }
+    return make_embedded_backend(state_dir());
+}
+
+std::string read_configuration_file(const std::filesystem::path &path) {
+    try {
+        // O_NONBLOCK: a FIFO must not stop us before we see that it is one.
+        const UniqueFd file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+        if (!file) {
+            throw std::system_error(errno, std::generic_category(), "cannot open " + path.string());
+        }
+        return read_whole(file, path, configuration_text_limit);
+    } catch (const std::system_error &error) {
+        throw ConfigurationError(ConfigurationError::Kind::bad_file, error.what());
+    }
+}
+
+} // namespace ulmo

@@ -1,0 +1,16 @@
+// What the host platform tells the debug history about itself.
+#pragma once
+
+#include <cstdint>
+
+namespace ulmo {
+
+// The host platform's own id in the history, beside those of the modules that use it.
+inline constexpr uint32_t host_module_id = 0x740000;
+
+// Record one formatted message of at most 511 octets; longer ones are cut. Nothing is formatted when the history declines the subtype.
+// Keep errno.
+void log_error(const char *format, ...) __attribute__((format(printf, 1, 2)));
+void log_debug(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+} // namespace ulmo

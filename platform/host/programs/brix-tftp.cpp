@@ -1,0 +1,76 @@
+// Copies one file to or from a TFTP server within a VRF.
+//
+//     brix-tftp DIRECTION SERVER PORT LOCAL REMOTE 1 VRF
+//
+// DIRECTION is 1 to put the local file under the remote name, 0 to get the remote file. The sixth argument is always 1. It exits with 0 if
+// the file was copied; otherwise with one line on standard error and 1 if the transfer failed, 2 if the arguments are wrong, 3 if the VRF
+// can't be entered.
+#include "platform/host/tftp_session.h"
+#include "platform/host/vrf.h"
+
+#include <charconv>
+#include <cstdio>
+#include <exception>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace {
+
+enum ExitStatus { done = 0, transfer_failed = 1, wrong_usage = 2, unknown_vrf = 3 };
+
+constexpr int patience_seconds = 20;
+
+int fail(ExitStatus status, const std::string &reason) {
+    std::fprintf(stderr, "brix-tftp: %s\n", reason.c_str());
+    return status;
+}
+
+int port_number(std::string_view text) {
+    constexpr int largest_port = 65535;
+    int port = 0;
+    const auto [end, problem] = std::from_chars(text.data(), text.data() + text.size(), port);
+    return problem == std::errc{} && end == text.data() + text.size() && port <= largest_port ? port : 0;
+}
+
+int run(int argc, char **argv) {
+    constexpr int arguments = 8;
+    const std::string_view direction = argc == arguments ? argv[1] : "";
+    const int port = argc == arguments ? port_number(argv[3]) : 0;
+    if ((direction != "0" && direction != "1") || port < 1 || std::string_view(argv[6]) != "1") {
+        return fail(wrong_usage, "usage: brix-tftp {1 (put) | 0 (get)} SERVER PORT LOCAL REMOTE 1 VRF");
+    }
+    const bool putting = direction == "1";
+    const std::string server = argv[2];
+    const std::string local = argv[4];
+    const std::string remote = argv[5];
+    const std::string vrf = argv[7];
+
+    const std::optional<std::string> device = ulmo::vrf_device(vrf);
+    if (std::string why; !ulmo::enter_vrf(vrf, &why)) {
+        return fail(unknown_vrf, "cannot enter VRF " + ulmo::tftp::printable(vrf) + ": " + why);
+    }
+    ulmo::tftp::Session session;
+    session.bind_to_device(device.value_or(""));
+    session.set_timeout(patience_seconds);
+    int result = session.connect(server, port);
+    if (result >= 0) {
+        result = putting ? session.put(local, remote) : session.get(remote, local);
+    }
+    if (result < 0) {
+        const std::string what =
+            putting ? "cannot put " + local + " as " + remote + " on " : "cannot get " + remote + " as " + local + " from ";
+        return fail(transfer_failed, ulmo::tftp::printable(what + server) + ": " + session.text(result));
+    }
+    return done;
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    try {
+        return run(argc, argv);
+    } catch (const std::exception &error) {
+        return fail(transfer_failed, error.what());
+    }
+}

@@ -1,0 +1,178 @@
+// cmdshell: the command line of the switch.
+//
+//   cmdshell -c COMMAND   runs one command
+//   cmdshell              reads commands, one a line, from standard input; `help` lists them. At a terminal it goes on after a command
+//                         that failed, otherwise it stops there, so that what follows in a script never builds on a failure.
+//
+// Exits with 0 when all went well, 1 when a command failed (one line on standard error says why) and 2 when it was called wrongly.
+#include "platform/host/device_backend.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <iostream>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <system_error>
+
+namespace {
+
+constexpr std::string_view blanks = " \t\r\n";
+
+std::string_view take_word(std::string_view &text) {
+    const std::string_view word = text.substr(0, text.find_first_of(blanks));
+    text.remove_prefix(word.size());
+    text.remove_prefix(std::min(text.find_first_not_of(blanks), text.size()));
+    return word;
+}
+
+std::string_view trimmed(std::string_view text) {
+    const auto first = text.find_first_not_of(blanks);
+    return first == std::string_view::npos ? std::string_view{} : text.substr(first, text.find_last_not_of(blanks) - first + 1);
+}
+
+// The words of a command with single blanks between them.
+std::string normalised(std::string_view text) {
+    std::string words;
+    while (!text.empty()) {
+        words.append(words.empty() ? "" : " ").append(take_word(text));
+    }
+    return words;
+}
+
+void print(std::string_view text) {
+    if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() || std::fflush(stdout) != 0) {
+        throw std::system_error(errno, std::generic_category(), "cannot write the output");
+    }
+}
+
+void show_running(ulmo::DeviceBackend &device) {
+    print(device.show(ulmo::ConfigurationStore::running));
+}
+
+void show_startup(ulmo::DeviceBackend &device) {
+    print(device.show(ulmo::ConfigurationStore::startup));
+}
+
+void copy_running_to_startup(ulmo::DeviceBackend &device) {
+    device.save();
+}
+
+void copy_startup_to_running(ulmo::DeviceBackend &device) {
+    device.apply(device.show(ulmo::ConfigurationStore::startup));
+}
+
+struct Command {
+    const char *words;
+    void (*run)(ulmo::DeviceBackend &device);
+    const char *help;
+};
+
+constexpr Command commands[] = {
+    {"show running-config", show_running, "print the running configuration"},
+    {"show startup-config", show_startup, "print the startup configuration"},
+    {"copy running-config startup-config", copy_running_to_startup, "save the running configuration"},
+    {"copy startup-config running-config", copy_startup_to_running, "apply the startup configuration"},
+};
+
+constexpr std::string_view configure = "configure";
+
+void help() {
+    std::string text;
+    const auto add = [&text](const std::string &words, const char *what) {
+        constexpr std::size_t column = 38;
+        text += words + std::string(column - words.size(), ' ') + what + "\n";
+    };
+    for (const Command &command : commands) {
+        add(command.words, command.help);
+    }
+    add("configure FILE", "apply a configuration file to the running configuration");
+    add("help", "print this list");
+    add("exit", "end the shell");
+    print(text);
+}
+
+void run(std::string_view text) {
+    const std::string words = normalised(text);
+    if (words == "help") {
+        help();
+        return;
+    }
+    for (const Command &command : commands) {
+        if (words == command.words) {
+            command.run(*ulmo::make_device_backend());
+            return;
+        }
+    }
+    std::string_view file = text; // a file name keeps its blanks
+    if (take_word(file) == configure) {
+        if (file.empty()) {
+            throw std::runtime_error("a file name is missing");
+        }
+        ulmo::make_device_backend()->apply(ulmo::read_configuration_file(file));
+        return;
+    }
+    throw std::runtime_error("unknown command, 'help' lists the commands");
+}
+
+bool succeeds(std::string_view line) {
+    const std::string_view text = trimmed(line);
+    try {
+        run(text);
+        return true;
+    } catch (const std::exception &error) {
+        std::fprintf(stderr, "cmdshell: %.*s: %s\n", static_cast<int>(text.size()), text.data(), error.what());
+        return false;
+    }
+}
+
+int read_commands() {
+    const bool terminal = ::isatty(STDIN_FILENO) == 1;
+    for (std::string line;;) {
+        if (terminal) {
+            std::cout << "cmdshell> " << std::flush;
+        }
+        if (!std::getline(std::cin, line)) {
+            break;
+        }
+        const std::string_view text = trimmed(line);
+        if (text.empty()) {
+            continue;
+        }
+        if (text == "exit") {
+            return 0;
+        }
+        if (!succeeds(text) && !terminal) {
+            return 1;
+        }
+    }
+    if (terminal) {
+        std::cout << std::endl;
+    }
+    if (std::cin.bad()) {
+        std::fputs("cmdshell: cannot read commands\n", stderr);
+        return 1;
+    }
+    return 0;
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    // A reader that went away is an output error like any other.
+    std::signal(SIGPIPE, SIG_IGN);
+    if (argc == 1) {
+        return read_commands();
+    }
+    if (argc == 3 && std::strcmp(argv[1], "-c") == 0) {
+        return succeeds(argv[2]) ? 0 : 1;
+    }
+    std::fputs("usage: cmdshell [-c COMMAND]\n", stderr);
+    return 2;
+}

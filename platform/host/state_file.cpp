@@ -1,0 +1,160 @@
+#include "platform/host/state_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+namespace ulmo {
+namespace {
+
+constexpr mode_t owner_only = 0600;
+
+[[noreturn]] void fail(int error, const std::string &what) {
+    throw std::system_error(error, std::generic_category(), what);
+}
+
+void check(int result, const char *what, const std::filesystem::path &path) {
+    if (result != 0) {
+        fail(errno, std::string(what) + " " + path.string());
+    }
+}
+
+// Removes a temporary file unless it has got its final name.
+class TemporaryFile {
+  public:
+    explicit TemporaryFile(std::filesystem::path path) : path_(std::move(path)) {}
+    TemporaryFile(const TemporaryFile &) = delete;
+    TemporaryFile &operator=(const TemporaryFile &) = delete;
+    ~TemporaryFile() {
+        if (!renamed_) {
+            ::unlink(path_.c_str());
+        }
+    }
+    void rename(const std::filesystem::path &path) {
+        check(std::rename(path_.c_str(), path.c_str()), "cannot rename to", path);
+        renamed_ = true;
+    }
+
+  private:
+    std::filesystem::path path_;
+    bool renamed_ = false;
+};
+
+// The lock file's octets that are locked (none needs to be there). Whoever wants the files waits in the turnstile, so that a steady
+// stream of readers cannot keep a writer out.
+constexpr off_t turnstile = 0;
+constexpr off_t protected_files = 1;
+
+// Locks or unlocks (fcntl(2), l_type) one octet. The locks belong to the open file, so that threads exclude each other as well.
+void lock_octet(const UniqueFd &file, const std::filesystem::path &path, off_t octet, short type,
+                std::chrono::steady_clock::time_point deadline) {
+    struct flock request {};
+    request.l_type = type;
+    request.l_whence = SEEK_SET;
+    request.l_start = octet;
+    request.l_len = 1;
+    // The waiting call knows no time limit, and an alarm would disturb the program around us.
+    constexpr std::chrono::milliseconds first_pause{1};
+    constexpr std::chrono::milliseconds longest_pause{10};
+    for (auto pause = first_pause; ::fcntl(file.get(), F_OFD_SETLK, &request) != 0; pause = std::min(2 * pause, longest_pause)) {
+        if (errno != EAGAIN && errno != EACCES && errno != EINTR) {
+            fail(errno, "cannot lock " + path.string());
+        }
+        if (std::chrono::steady_clock::now() >= deadline) {
+            fail(ETIMEDOUT, "cannot lock " + path.string());
+        }
+        std::this_thread::sleep_for(pause);
+    }
+}
+
+} // namespace
+
+FileLock::FileLock(const std::filesystem::path &path, Mode mode, std::chrono::milliseconds wait)
+    : file_(::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, owner_only)) {
+    if (!file_) {
+        fail(errno, "cannot open " + path.string());
+    }
+    const auto deadline = std::chrono::steady_clock::now() + wait;
+    lock_octet(file_, path, turnstile, F_WRLCK, deadline);
+    lock_octet(file_, path, protected_files, mode == Mode::shared ? F_RDLCK : F_WRLCK, deadline);
+    lock_octet(file_, path, turnstile, F_UNLCK, deadline);
+}
+
+std::string read_whole(const UniqueFd &file, const std::filesystem::path &path, std::size_t limit) {
+    struct stat status {};
+    check(::fstat(file.get(), &status), "cannot read", path);
+    if (!S_ISREG(status.st_mode)) {
+        fail(S_ISDIR(status.st_mode) ? EISDIR : EINVAL, "not a regular file: " + path.string());
+    }
+    if (static_cast<std::uintmax_t>(status.st_size) > limit) {
+        fail(EFBIG, path.string() + " is larger than " + std::to_string(limit) + " octets");
+    }
+    std::string content(static_cast<std::size_t>(status.st_size), '\0');
+    std::size_t length = 0;
+    while (length < content.size()) {
+        const ssize_t count = ::read(file.get(), content.data() + length, content.size() - length);
+        if (count < 0 && errno != EINTR) {
+            fail(errno, "cannot read " + path.string());
+        }
+        if (count == 0) {
+            break;
+        }
+        length += count > 0 ? static_cast<std::size_t>(count) : 0;
+    }
+    content.resize(length);
+    return content;
+}
+
+std::optional<std::string> read_state_file(const std::filesystem::path &path, std::size_t limit) {
+    const UniqueFd file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!file) {
+        if (errno == ENOENT) {
+            return std::nullopt;
+        }
+        fail(errno, "cannot open " + path.string());
+    }
+    return read_whole(file, path, limit);
+}
+
+void write_whole(const UniqueFd &file, const std::filesystem::path &path, std::string_view data) {
+    while (!data.empty()) {
+        const ssize_t count = ::write(file.get(), data.data(), data.size());
+        if (count < 0 && errno != EINTR) {
+            fail(errno, "cannot write " + path.string());
+        }
+        data.remove_prefix(count > 0 ? static_cast<std::size_t>(count) : 0);
+    }
+}
+
+void replace_state_file(const std::filesystem::path &path, std::string_view data) {
+    // One fixed name, so that what a killed process left behind is cleared away by the next one.
+    const std::filesystem::path temporary = path.string() + ".new";
+    if (::unlink(temporary.c_str()) != 0 && errno != ENOENT) {
+        fail(errno, "cannot remove " + temporary.string());
+    }
+    const UniqueFd file(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, owner_only));
+    if (!file) {
+        fail(errno, "cannot make " + temporary.string());
+    }
+    TemporaryFile owner(temporary);
+    check(::fchmod(file.get(), owner_only), "cannot protect", temporary);
+    write_whole(file, temporary, data);
+    check(::fsync(file.get()), "cannot sync", temporary);
+
+    const std::filesystem::path directory_path = path.parent_path();
+    const UniqueFd directory(::open(directory_path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!directory) {
+        fail(errno, "cannot open " + directory_path.string());
+    }
+    owner.rename(path);
+    check(::fsync(directory.get()), "cannot sync", directory_path);
+}
+
+} // namespace ulmo

@@ -1,0 +1,88 @@
+// The packets of TFTP (RFC 1350) and of its options (RFC 2347, 2348, 2349, 7440): encoding and bounds-checked decoding, nothing else.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <variant>
+#include <vector>
+
+namespace ulmo::tftp {
+
+using Octets = std::span<const std::uint8_t>;
+
+enum class Opcode : std::uint16_t {
+    read_request = 1,
+    write_request = 2,
+    data = 3,
+    acknowledgment = 4,
+    error = 5,
+    option_acknowledgment = 6
+};
+
+// The codes that this client itself sends (RFC 1350, appendix; 8: RFC 2347).
+enum class ErrorCode : std::uint16_t { undefined = 0, disk_full = 3, illegal_operation = 4, unknown_transfer_id = 5, options_refused = 8 };
+
+inline constexpr std::size_t header_octets = 4;
+inline constexpr std::size_t largest_request = 512;               // RFC 2347: a request, options included, fits in 512 octets
+inline constexpr std::uint16_t default_block_size = 512;          // RFC 1350
+inline constexpr std::uint16_t smallest_block_size = 8;           // RFC 2348
+inline constexpr std::uint16_t largest_block_size = 65464;        // RFC 2348
+inline constexpr std::size_t largest_packet = std::size_t{65535}; // of UDP
+
+// Options, asked for or agreed on. What is absent is not asked for, or stays as in RFC 1350.
+struct Options {
+    std::optional<std::uint16_t> block_size{};    // octets, 8..65464
+    std::optional<std::uint8_t> timeout{};        // seconds, 1..255
+    std::optional<std::uint64_t> transfer_size{}; // octets; 0 in a read request asks for the size
+    std::optional<std::uint16_t> window_size{};   // blocks, 1..65535
+
+    [[nodiscard]] bool empty() const { return !block_size && !timeout && !transfer_size && !window_size; }
+    bool operator==(const Options &) const = default;
+};
+
+struct Data {
+    std::uint16_t block;
+    Octets payload;
+};
+
+struct Acknowledgment {
+    std::uint16_t block;
+};
+
+struct Error {
+    std::uint16_t code;
+    std::string text; // printable
+};
+
+struct OptionAcknowledgment {
+    std::vector<std::pair<std::string_view, std::string_view>> options; // name, value: as sent
+};
+
+// What a server sends. The views point into the octets that were decoded.
+using Packet = std::variant<Data, Acknowledgment, Error, OptionAcknowledgment>;
+
+// The packet in the octets of one datagram; nothing if they are none that a server may send.
+std::optional<Packet> decode(Octets datagram);
+
+// A request in octet mode. Nothing if it exceeds 512 octets. The file name holds no NUL.
+std::optional<std::vector<std::uint8_t>> encode_request(Opcode opcode, std::string_view file_name, const Options &options);
+
+std::vector<std::uint8_t> encode_acknowledgment(std::uint16_t block);
+std::vector<std::uint8_t> encode_error(ErrorCode code, std::string_view text);
+
+// Writes the header of a DATA packet into the first octets of `packet`.
+void put_data_header(std::span<std::uint8_t> packet, std::uint16_t block);
+
+// What holds after the server's answer to the options of a request: nothing if the answer names an option that was not asked for, or twice,
+// or a value that RFC 2348, 2349 or 7440 does not allow in answer to the one asked for.
+std::optional<Options> agree(Opcode request, const Options &asked, const OptionAcknowledgment &answer);
+
+// The text with every octet other than the printable ones of ASCII replaced by '?', cut to 256 octets.
+std::string printable(std::string_view text);
+
+} // namespace ulmo::tftp

@@ -1,0 +1,26 @@
+// Fuzzes the configuration text: whatever is accepted has a canonical form that is accepted again and changes nothing.
+#include "platform/host/configuration_text.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
+    ulmo::Configuration configuration;
+    try {
+        ulmo::merge(configuration, std::string_view(reinterpret_cast<const char *>(data), size));
+    } catch (const ulmo::ConfigurationError &) {
+        return 0;
+    }
+    // From here on a refusal is a defect and ends the fuzzer as an uncaught exception.
+    const std::string text = ulmo::to_text(configuration);
+    ulmo::Configuration again;
+    ulmo::merge(again, text);
+    ulmo::merge(configuration, text);
+    if (ulmo::to_text(again) != text || ulmo::to_text(configuration) != text) {
+        std::abort();
+    }
+    return 0;
+}

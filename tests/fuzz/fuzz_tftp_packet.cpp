@@ -1,0 +1,45 @@
+// Feeds arbitrary datagrams to the decoder of TFTP packets and to the check of answered options.
+#include "platform/host/tftp_packet.h"
+
+#include <cstdlib>
+
+using namespace ulmo::tftp;
+
+namespace {
+
+const Options asked{.block_size = 1468, .timeout = 4, .transfer_size = 1000, .window_size = 64};
+
+void require(bool holds) {
+    if (!holds) {
+        std::abort();
+    }
+}
+
+void check(const Options &agreed, bool reading) {
+    require(!agreed.block_size || (*agreed.block_size >= smallest_block_size && *agreed.block_size <= *asked.block_size));
+    require(!agreed.timeout || agreed.timeout == asked.timeout);
+    require(!agreed.transfer_size || reading || agreed.transfer_size == asked.transfer_size);
+    require(!agreed.window_size || (*agreed.window_size >= 1 && *agreed.window_size <= *asked.window_size));
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *octets, std::size_t size) {
+    const auto packet = decode({octets, size});
+    if (!packet) {
+        return 0;
+    }
+    if (const auto *data = std::get_if<Data>(&*packet)) {
+        require(data->payload.size() == size - header_octets);
+    } else if (const auto *error = std::get_if<Error>(&*packet)) {
+        require(printable(error->text) == error->text);
+    } else if (const auto *answer = std::get_if<OptionAcknowledgment>(&*packet)) {
+        for (const Opcode request : {Opcode::read_request, Opcode::write_request}) {
+            if (const auto agreed = agree(request, asked, *answer)) {
+                check(*agreed, request == Opcode::read_request);
+            }
+            require(answer->options.empty() || !agree(request, {}, *answer));
+        }
+    }
+    return 0;
+}
