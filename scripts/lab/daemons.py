@@ -177,6 +177,7 @@ class Switch:
             f"createUser {OPERATOR} SHA-256 {AUTHENTICATION} AES {PRIVACY}",
             f"rwuser {OPERATOR} authPriv",
             f"rwcommunity {COMMUNITY}",
+            "dontLogTCPWrappersConnects yes",
             f"trap2sink {network.SERVER4}:162 {COMMUNITY}",
             f"sysName lab-switch{self.number}",
             "sysLocation the lab",
@@ -203,7 +204,7 @@ class Switch:
         if not succeeds(*get, ".1.3.6.1.2.1.1.3.0"):
             return False
         # The agent only logs a module that it can't load; its table of loaded ones tells (status 1: loaded).
-        return self.options["no_module"] or output_of(*get, "-Oqv", ".1.3.6.1.4.1.2021.13.14.2.1.4.1").strip() == "1"
+        return self.options["no_module"] or output_of(*get, "-Oqv", ".1.3.6.1.4.1.2021.13.14.2.1.5.1").strip() == "1"
 
 
 FIRST_CONFIGURATION = """\
@@ -236,8 +237,8 @@ class FileServer:
         for version, address in ((4, network.SERVER4), (6, network.SERVER6)):
             if self.options["tftp_server"] == "atftpd":
                 # On its own it listens on IPv4 only; handed a socket it serves either.
-                command = [sys.executable, "-B", HERE / "on_socket.py", address, "69", self.unpacked / "root-atftpd/usr/sbin/atftpd",
-                           "--tftpd-timeout", "86400", "--user", f"{USER}.{USER}", "--logfile", "-", "--verbose=6", SERVER_ROOT]
+                command = [sys.executable, "-B", HERE / "on_socket.py", address, "69", USER, self.unpacked / "root-atftpd/usr/sbin/atftpd",
+                           "--tftpd-timeout", "86400", "--logfile", "-", "--verbose=6", SERVER_ROOT]
             else:
                 bracketed = f"[{address}]" if version == 6 else address
                 command = [self.unpacked / "root-tftpd-hpa/usr/sbin/in.tftpd", "--foreground", "--verbose", "--user", USER, "--create", "--permissive",

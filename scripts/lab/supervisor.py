@@ -58,7 +58,7 @@ class Lab:
         os.environ |= {"SNMPCONFPATH": str(LAB / "manager"), "SNMP_PERSISTENT_DIR": str(LAB / "manager" / "persistent")}
         os.environ["PATH"] = f"{LAB}/bin:/ulmo/bin:{os.environ['PATH']}:/usr/sbin:/sbin"
         (LAB / "manager" / "snmp.conf").write_text(
-            "mibs :\ndefVersion 3\ndefSecurityLevel authPriv\n"
+            "mibs :\nhexOutputLength 0\ndefVersion 3\ndefSecurityLevel authPriv\n"
             f"defSecurityName {OPERATOR}\ndefAuthType SHA-256\ndefAuthPassphrase {AUTHENTICATION}\n"
             f"defPrivType AES\ndefPrivPassphrase {PRIVACY}\n")
 
