@@ -1,0 +1,40 @@
+/* A real container, a sorted vector, that can be told to fail. */
+#ifndef TESTS_UNIT_FAKE_KEYEDSET_H
+#define TESTS_UNIT_FAKE_KEYEDSET_H
+
+#include <deque>
+#include <optional>
+#include <vector>
+
+#include "fakes.h"
+#include "platform/keyedset.h"
+
+struct KeyedsetFake : FakeBase {
+    struct Create {
+        const keyedset *set;
+        int first;
+        int second;
+        keyedset_compare compare;
+        int fourth;
+    };
+    std::vector<Create> creates;
+    std::vector<const keyedset *> destroys;
+
+    std::deque<int> create_results;    /* results of the next creations; a result other than KEYEDSET_CREATED creates nothing */
+    std::optional<void *> next_add;    /* result of the next insertion, which then inserts nothing */
+    const keyedset *failing = nullptr; /* the set whose find_fails_in-th search from now on finds nothing */
+    int find_fails_in = 0;
+
+    /* Counts down to the search of `set` that finds nothing: 1 is the next one. */
+    void fail_find(const keyedset *set, int in) {
+        failing = set;
+        find_fails_in = in;
+    }
+
+    void reset() override;
+    void verify() override;
+};
+
+extern KeyedsetFake fake_keyedset;
+
+#endif

@@ -1,0 +1,56 @@
+#include "fake_memory.h"
+
+#include <cstdlib>
+#include <new>
+
+MemoryFake fake_memory;
+
+void MemoryFake::reset() {
+    failing_size = 0;
+    failures = 0;
+}
+
+void MemoryFake::verify() {
+    EXPECT_TRUE(failing_size == 0 || failures > 0) << "an allocation was to fail and never came";
+}
+
+namespace {
+
+bool fails(std::size_t size) {
+    if (MemoryFake::failing_size == 0 || size != MemoryFake::failing_size) {
+        return false;
+    }
+    ++MemoryFake::failures;
+    return true;
+}
+
+} // namespace
+
+extern "C" {
+
+void *__real_malloc(size_t size);
+void *__real_calloc(size_t count, size_t size);
+void *__real__Znwm(size_t size);
+void *__real__ZnwmRKSt9nothrow_t(size_t size, const std::nothrow_t &tag);
+
+void *__wrap_malloc(size_t size) {
+    return fails(size) ? nullptr : __real_malloc(size);
+}
+
+void *__wrap_calloc(size_t count, size_t size) {
+    return fails(count * size) ? nullptr : __real_calloc(count, size);
+}
+
+/* operator new, plain and not throwing, under the names that the linker knows them by */
+void *__wrap__Znwm(size_t size) {
+    if (fails(size)) {
+        throw std::bad_alloc();
+    }
+    return __real__Znwm(size);
+}
+
+void *__wrap__ZnwmRKSt9nothrow_t(size_t size, const std::nothrow_t &tag) {
+    return fails(size) ? nullptr : __real__ZnwmRKSt9nothrow_t(size, tag);
+}
+
+} /* extern "C" */

@@ -1,0 +1,20 @@
+/* The heap, which can run out for blocks of one size. */
+#ifndef TESTS_UNIT_FAKE_MEMORY_H
+#define TESTS_UNIT_FAKE_MEMORY_H
+
+#include <cstddef>
+
+#include "fakes.h"
+
+struct MemoryFake : FakeBase {
+    /* Static, as blocks are allocated before this object is constructed. */
+    static inline std::size_t failing_size = 0; /* allocations of this many octets fail, unless 0 */
+    static inline int failures = 0;
+
+    void reset() override;
+    void verify() override;
+};
+
+extern MemoryFake fake_memory;
+
+#endif
