@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <utility>
 
+#include "config_copy_mib.h"
 #include "journal.h"
 
 namespace {
@@ -47,12 +48,12 @@ void MsgbusFake::reset() {
     next_handle = 100;
     bind_errors.clear();
     send_errors.clear();
-    failed_send_keeps = false;
     answers.clear();
     next_token = first_token;
     for (msgbus_message *message : std::exchange(alive, {})) {
         delete message;
     }
+    cfg_action_request = nullptr; /* the module's hold on one of them */
 }
 
 void MsgbusFake::verify() {
@@ -95,7 +96,7 @@ int32_t msgbus_send(int32_t handle, uint32_t node, uint32_t sap, uint32_t opcode
     snprintf(head, sizeof head, "send %d %x %u %u ", handle, node, sap, opcode);
     journal.note(head + hex(payload, length) + (store == nullptr ? "" : " kept"));
     const int error = next(fake_msgbus.send_errors);
-    if (store != nullptr && (error == 0 || fake_msgbus.failed_send_keeps)) {
+    if (store != nullptr && error == 0) {
         const std::string octets(static_cast<const char *>(payload), length);
         *store = *fake_msgbus.alive.insert(new msgbus_message{handle, opcode, octets, fake_msgbus.next_token++}).first;
     }
@@ -146,7 +147,7 @@ const void *msgbus_payload_get(msgbus_msg message, uint32_t at_least) {
 }
 
 uint32_t msgbus_rr_token_get(msgbus_msg message) {
-    return is_alive(message) ? message->token : 0;
+    return message != nullptr && is_alive(message) ? message->token : 0;
 }
 
 } /* extern "C" */

@@ -26,7 +26,6 @@ struct MsgbusFake : FakeBase {
     int32_t next_handle = 100;   /* what the next bind gives; each takes the next number */
     std::deque<int> bind_errors; /* errno of the next binds, 0 for one that works */
     std::deque<int> send_errors; /* the same for sends */
-    bool failed_send_keeps = false;
 
     struct Answer {
         int error; /* errno of the receive, or 0 */
