@@ -3,6 +3,7 @@
 #include "platform/agent_extension.h"
 #include "platform/host/host_config.h"
 #include "platform/host/host_log.h"
+#include "platform/host/state_file.h"
 #include "platform/host/unique_fd.h"
 
 #include <net-snmp/agent/net-snmp-agent-includes.h>
@@ -74,20 +75,6 @@ void notify_service_manager(std::string target, std::string_view text) {
     }
 }
 
-std::system_error failed(const std::filesystem::path &path) {
-    return std::system_error(errno, std::generic_category(), path);
-}
-
-// The file is the old one or the new one at any moment.
-void replace_file(const std::filesystem::path &path, const std::string &text) {
-    const std::filesystem::path fresh = path.native() + ".new";
-    UniqueFd file(::open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600));
-    if (!file || ::write(file.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()) || ::fsync(file.get()) != 0 ||
-        ::rename(fresh.c_str(), path.c_str()) != 0) {
-        throw failed(path);
-    }
-}
-
 void mark_change(int kind) {
     const auto path = state_dir() / "change-times";
     std::map<int, long long> times;
@@ -101,7 +88,7 @@ void mark_change(int kind) {
     for (const auto &[marked, when] : times) {
         text << marked << ' ' << when << '\n';
     }
-    replace_file(path, text.str());
+    replace_state_file(path, text.str());
 }
 
 } // namespace

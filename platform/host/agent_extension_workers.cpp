@@ -39,7 +39,7 @@ UniqueFd opened_directory(const std::filesystem::path &path) {
 // The folder of all workers' folders. Its lock is held while one of them is made or looked at, so that no folder is swept between its
 // making and its own lock.
 std::filesystem::path work_root() {
-    const auto root = state_dir() / "work";
+    auto root = state_dir() / "work";
     if (::mkdir(root.c_str(), 0700) != 0 && errno != EEXIST) {
         throw failed(root);
     }
@@ -58,7 +58,7 @@ std::vector<int> open_descriptors() {
     if (listing) {
         while (const dirent *entry = ::readdir(listing.get())) {
             if (entry->d_name[0] != '.') {
-                all.push_back(std::atoi(entry->d_name));
+                all.push_back(static_cast<int>(std::strtol(entry->d_name, nullptr, 10)));
             }
         }
         return all;

@@ -30,8 +30,8 @@
 
 namespace ulmo {
 
-inline constexpr std::size_t configuration_text_limit = 8U * 1024 * 1024; // octets of a whole text
-inline constexpr std::size_t configuration_line_limit = 4096;             // octets of a line without its end
+inline constexpr std::size_t configuration_text_limit = std::size_t{8} * 1024 * 1024; // octets of a whole text
+inline constexpr std::size_t configuration_line_limit = 4096;                         // octets of a line without its end
 
 // Why a configuration text was refused; what() says it in one line, with the line number when there is one. Every other exception means
 // that the configuration was good and something else failed.

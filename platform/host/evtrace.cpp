@@ -104,20 +104,6 @@ std::filesystem::path history_file() {
     return run_dir() / "history";
 }
 
-void history_error(const char *format, ...) noexcept {
-    const int saved = errno;
-    char text[HistoryRing::text_size];
-    std::va_list arguments;
-    va_start(arguments, format);
-    const int length = std::vsnprintf(text, sizeof text, format, arguments);
-    va_end(arguments);
-    if (length > 0) {
-        evtrace_hist_event(host_module_id, EVTRACE_ERROR,
-                           static_cast<std::uint32_t>(std::min<std::size_t>(static_cast<std::size_t>(length), sizeof text - 1)), text);
-    }
-    errno = saved;
-}
-
 } // namespace ulmo
 
 int evtrace_hist_event_subtype_check(uint32_t /*module_id*/, uint32_t subtype) {

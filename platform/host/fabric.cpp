@@ -1,8 +1,8 @@
 #include "platform/fabric.h"
 
 #include "platform/host/fabric_status.h"
-#include "platform/host/history.h"
 #include "platform/host/host_config.h"
+#include "platform/host/host_log.h"
 #include "platform/host/wwn.h"
 
 #include <ifaddrs.h>
@@ -200,7 +200,7 @@ int ctlmsg_req_resp(uint32_t request, int /*second*/, const void * /*third*/, vo
     return ulmo::guarded([=] {
         const auto wwn = ulmo::local_wwn();
         if (!wwn) {
-            ulmo::history_error("the setting wwn is no world-wide name");
+            ulmo::log_error("the setting wwn is no world-wide name");
             return EINVAL;
         }
         void *answer = std::malloc(wwn->size());
@@ -254,7 +254,7 @@ void if_index_mgmt_sup_port_init(uint32_t *if_index, uint32_t /*second*/, uint32
         const std::string interface = ulmo::management_interface();
         *if_index = ::if_nametoindex(interface.c_str());
         if (*if_index == 0) {
-            ulmo::history_error("there is no management interface \"%s\"", interface.c_str());
+            ulmo::log_error("there is no management interface \"%s\"", interface.c_str());
         }
         return 0;
     });

@@ -1,48 +1,19 @@
 #include "platform/host/fabric_status.h"
 
 #include "platform/host/host_config.h"
-#include "platform/host/unique_fd.h"
+#include "platform/host/state_file.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <sstream>
-#include <system_error>
 
 namespace ulmo {
 namespace {
 
 std::filesystem::path status_file() {
     return state_dir() / "fabric-status";
-}
-
-void check(bool good, const std::filesystem::path &file) {
-    if (!good) {
-        throw std::system_error(errno, std::generic_category(), file);
-    }
-}
-
-std::string contents_of(int descriptor, const std::filesystem::path &file) {
-    std::string text;
-    char part[4096];
-    ssize_t octets = 0;
-    while ((octets = ::read(descriptor, part, sizeof part)) > 0) {
-        text.append(part, static_cast<std::size_t>(octets));
-    }
-    check(octets == 0, file);
-    return text;
-}
-
-void write_all(int descriptor, std::string_view text, const std::filesystem::path &file) {
-    while (!text.empty()) {
-        const ssize_t octets = ::write(descriptor, text.data(), text.size());
-        check(octets >= 0 || errno == EINTR, file);
-        text.remove_prefix(octets < 0 ? 0 : static_cast<std::size_t>(octets));
-    }
 }
 
 std::optional<FabricSwitchStatus> parsed(const std::string &line) {
@@ -77,14 +48,9 @@ std::string line_of(const FabricSwitchStatus &status) {
 } // namespace
 
 std::vector<FabricSwitchStatus> read_fabric_status() {
-    const auto path = status_file();
-    const UniqueFd file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    if (!file && errno == ENOENT) {
-        return {};
-    }
-    check(static_cast<bool>(file), path);
+    constexpr std::size_t largest = std::size_t{1} << 20;
     std::vector<FabricSwitchStatus> switches;
-    std::istringstream lines(contents_of(file.get(), path));
+    std::istringstream lines(read_state_file(status_file(), largest).value_or(""));
     for (std::string line; std::getline(lines, line);) {
         auto status = parsed(line);
         const auto is_same = [&](const FabricSwitchStatus &other) { return other.wwn == status->wwn; };
@@ -100,18 +66,7 @@ void write_fabric_status(const std::vector<FabricSwitchStatus> &switches) {
     for (const FabricSwitchStatus &status : switches) {
         text += line_of(status);
     }
-    const auto path = status_file();
-    std::string temporary = path.string() + ".XXXXXX";
-    const UniqueFd file(::mkostemp(temporary.data(), O_CLOEXEC)); // mode 0600
-    check(static_cast<bool>(file), temporary);
-    try {
-        write_all(file.get(), text, temporary);
-        check(::fsync(file.get()) == 0, temporary);
-        check(::rename(temporary.c_str(), path.c_str()) == 0, path);
-    } catch (...) {
-        ::unlink(temporary.c_str());
-        throw;
-    }
+    replace_state_file(status_file(), text);
 }
 
 } // namespace ulmo

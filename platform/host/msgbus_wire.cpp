@@ -41,17 +41,11 @@ static_assert(sizeof(PacketHeader) == 20);
 } // namespace
 
 std::filesystem::path msgbus_dir() {
-    const auto directory = run_dir() / "msgbus";
+    auto directory = run_dir() / "msgbus";
     struct stat status {};
-    int error = 0;
-    if (::mkdir(directory.c_str(), 0755) != 0 && errno != EEXIST) {
-        error = errno;
-    } else if (::stat(directory.c_str(), &status) != 0) {
-        error = errno;
-    } else if (!S_ISDIR(status.st_mode)) {
-        error = ENOTDIR;
-    }
-    if (error != 0) {
+    const bool there = (::mkdir(directory.c_str(), 0755) == 0 || errno == EEXIST) && ::stat(directory.c_str(), &status) == 0;
+    if (!there || !S_ISDIR(status.st_mode)) {
+        const int error = there ? ENOTDIR : errno;
         throw std::filesystem::filesystem_error("message bus", directory, std::error_code(error, std::generic_category()));
     }
     return directory;

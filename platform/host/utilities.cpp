@@ -1,6 +1,6 @@
 #include "platform/utilities.h"
 
-#include "platform/host/history.h"
+#include "platform/host/host_log.h"
 #include "platform/host/last_error.h"
 #include "platform/host/unique_fd.h"
 
@@ -203,7 +203,7 @@ int execute_program_and_wait_redirect(int in_fd, int out_fd, int err_fd, const c
 void log_set_error(uint32_t code, uint32_t facility) {
     ulmo::error_ring[ulmo::error_count++ % ulmo::last_errors_kept] = {code, facility, std::time(nullptr)};
     ulmo::StatusBuffer buffer;
-    ulmo::history_error("request refused: %s, facility %u", ulmo::text_with_code(code, buffer), facility);
+    ulmo::log_error("request refused: %s, facility %u", ulmo::text_with_code(code, buffer), facility);
 }
 
 const char *syserr2str(uint32_t code) {

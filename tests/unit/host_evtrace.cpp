@@ -1,5 +1,6 @@
 #include "platform/evtrace.h"
 #include "platform/host/history.h"
+#include "platform/host/host_log.h"
 #include "platform/host/history_ring.h"
 #include "platform/utilities.h"
 #include "tests/unit/scratch.h"
@@ -146,6 +147,9 @@ TEST_F(History, FollowsNoLink) {
     EXPECT_THROW(HistoryRing::open(file, 64), std::system_error);
     EXPECT_THROW(HistoryRing::open_for_reading(file), std::system_error);
     EXPECT_EQ(Scratch::read(elsewhere), "");
+    std::filesystem::remove(elsewhere);
+    EXPECT_THROW(HistoryRing::open(file, 64), std::system_error);
+    EXPECT_FALSE(std::filesystem::exists(elsewhere)) << "nothing is made at the end of a link";
 }
 
 TEST_F(History, StartsAnewOnAForeignFile) {
@@ -288,10 +292,11 @@ class Evtrace : public testing::Test {
         return all;
     }
     // Ends the process of the test, with 0 when the condition held and after a word about it when not.
-    static void finish(bool held, const std::string &about) {
+    void finish(bool held, const std::string &about) const {
         if (!held) {
             std::fprintf(stderr, "failed: %s\n", about.c_str());
         }
+        std::filesystem::remove_all(scratch.root()); // nothing is destroyed at this end
         ::_exit(held ? 0 : 1);
     }
     // Switches are looked at once a second: the change has to show within two.
@@ -345,6 +350,24 @@ TEST_F(EvtraceDeathTest, SwitchesHoldWithinASecond) {
         testing::ExitedWithCode(0), "");
 }
 
+TEST_F(EvtraceDeathTest, SettingsAreReadOnceASecondOnly) {
+    EXPECT_EXIT(
+        {
+            scratch.configure("history = off\n");
+            const auto begin = std::chrono::steady_clock::now();
+            const auto elapsed = [&] { return std::chrono::steady_clock::now() - begin; };
+            bool declined = evtrace_hist_event_subtype_check(module_id, EVTRACE_DEBUG) != 0;
+            scratch.configure("history = all\n");
+            // Many ticks of the coarse clock, and far from a second. A machine that stood still for that long tells nothing.
+            while (elapsed() < std::chrono::milliseconds(50)) {
+                const bool still = evtrace_hist_event_subtype_check(module_id, EVTRACE_DEBUG) != 0;
+                declined = declined && (still || elapsed() > std::chrono::milliseconds(900));
+            }
+            finish(declined, "the change was seen at once");
+        },
+        testing::ExitedWithCode(0), "");
+}
+
 TEST_F(EvtraceDeathTest, CarriesOnWithoutAFile) {
     EXPECT_EXIT(
         {
@@ -393,8 +416,8 @@ TEST_F(EvtraceDeathTest, RefusedRequestIsRecorded) {
 TEST_F(EvtraceDeathTest, LongErrorOfTheHostIsCut) {
     EXPECT_EXIT(
         {
-            ulmo::history_error("%s", std::string(2000, 'y').c_str());
-            finish(logged() == std::string(HistoryRing::text_size - 1, 'y') + '|', logged());
+            ulmo::log_error("%s", std::string(2000, 'y').c_str());
+            finish(logged() == std::string(511, 'y') + '|', logged());
         },
         testing::ExitedWithCode(0), "");
 }
@@ -403,7 +426,7 @@ TEST_F(EvtraceDeathTest, PrintsToStandardError) {
     EXPECT_EXIT(
         {
             dbgprint("%s is %d\n", "answer", 42);
-            ::_exit(0);
+            finish(true, "");
         },
         testing::ExitedWithCode(0), "^answer is 42\n$");
 }
@@ -455,7 +478,7 @@ using HistoryProgram = History;
 TEST_F(HistoryProgram, PrintsARecordALine) {
     ::setenv("TZ", "UTC-2", 1);
     HistoryRing ring = HistoryRing::open(file, 64);
-    ring.write(module_id, EVTRACE_DEBUG, "plain\n");
+    ring.write(module_id, EVTRACE_DEBUG, " plain ~\n");
     ring.write(module_id, EVTRACE_ERROR, std::string_view("a\tb\nc\rd\x1b[2J\\\xc3\xa4\0e\x7f", 17));
     ring.write(module_id, 7, "");
     const Output output = run_history("");
@@ -463,7 +486,7 @@ TEST_F(HistoryProgram, PrintsARecordALine) {
     EXPECT_EQ(output.status, 0);
     const std::string start = R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}\+02:00 )" + std::to_string(::getpid());
     const std::string lines =
-        start + R"( debug plain\n)" + start + R"( error a\\tb\\nc\\rd\\x1b\[2J\\\\\\xc3\\xa4\\x00e\\x7f\n)" + start + R"( 7 \n)";
+        start + R"( debug  plain ~\n)" + start + R"( error a\\tb\\nc\\rd\\x1b\[2J\\\\\\xc3\\xa4\\x00e\\x7f\n)" + start + R"( 7 \n)";
     EXPECT_TRUE(std::regex_match(output.text, std::regex(lines))) << output.text;
 }
 

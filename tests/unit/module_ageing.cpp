@@ -104,7 +104,7 @@ TEST_F(Ageing, EmptyTable) {
 TEST_F(Ageing, RowCopyOfAnAbandonedSetGoesWithTheRow) {
     add_aged(3, 306);
     add_aged(4, 0);
-    for (const oid index : {3, 4}) {
+    for (const oid index : {oid{3}, oid{4}}) {
         EXPECT_EQ(set({{CC_COLUMN_ENTRY_ROW_STATUS, index, integer(ROW_STATUS_DESTROY)}, {CC_COLUMN_FILE_NAME, 999, octet_string("none")}})
                       .status,
                   SNMP_ERR_NOSUCHNAME);

@@ -28,6 +28,10 @@ struct Facts {
     const char *restored_text; /* what FREE makes of the old text */
 };
 
+std::ostream &operator<<(std::ostream &out, const Facts &facts) {
+    return out << facts.column;
+}
+
 const Facts all_facts[] = {
     {"ccCopyProtocol", 2, set_ccCopyProtocol, false, 4, true, {reserve1, reserve2, action, free_phase}, "", "", ""},
     {"ccCopySourceFileType", 3, set_ccCopySourceFileType, false, 4, true, {reserve1, reserve2, action, free_phase}, "", "", ""},

@@ -30,6 +30,10 @@ struct Target {
     int run(int phase) const { return run(phase, good); }
 };
 
+std::ostream &operator<<(std::ostream &out, const Target &target) {
+    return out << target.name;
+}
+
 const Target type_column = {"set_ccCopyServerAddressType", CC_COLUMN_SERVER_ADDRESS_TYPE, set_ccCopyServerAddressType, integer(2), true};
 const Target rev1_column = {"set_ccCopyServerAddressRev1", CC_COLUMN_SERVER_ADDRESS_REV1, set_ccCopyServerAddressRev1,
                             octet_string(ipv4_octets), false};

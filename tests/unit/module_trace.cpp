@@ -163,6 +163,43 @@ TEST_F(Trace, PlantedLinkIsRefused) {
                        "^Can't open /tmp/cfg_snmp_debug\\.log\\.[0-9]+Can't open /tmp/cfg_snmp_debug\\.log\\.[0-9]+$");
 }
 
+void refuse_what_is_planted() {
+    is_snmp_debug_enabled = 1;
+    /* A pipe that nobody reads must not hold the agent up. */
+    unlink(trace_name().c_str());
+    EXPECT_EQ(mkfifo(trace_name().c_str(), 0666), 0);
+    cc_trace("text");
+    /* A second name of somebody's file. */
+    const std::string victim = trace_name() + ".victim";
+    unlink(trace_name().c_str());
+    std::ofstream(victim) << "untouched";
+    EXPECT_EQ(link(victim.c_str(), trace_name().c_str()), 0);
+    cc_trace("text");
+    EXPECT_EQ(contents(victim), "untouched");
+    unlink(victim.c_str());
+    unlink(trace_name().c_str());
+}
+
+TEST_F(Trace, PlantedPipeAndHardLinkAreRefused) {
+    IN_A_FRESH_PROCESS(refuse_what_is_planted, "^Can't open /tmp/cfg_snmp_debug\\.log\\.[0-9]+Can't open /tmp/cfg_snmp_debug\\.log\\.[0-9]+$");
+}
+
+void close_an_open_file() {
+    unlink(trace_name().c_str());
+    std::ofstream(trace_name()) << "";
+    EXPECT_EQ(chmod(trace_name().c_str(), 0644), 0);
+    is_snmp_debug_enabled = 1;
+    cc_trace("text");
+    struct stat status = {};
+    EXPECT_EQ(stat(trace_name().c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0600U);
+    unlink(trace_name().c_str());
+}
+
+TEST_F(Trace, FileThatOthersCouldReadIsClosedToThem) {
+    IN_A_FRESH_PROCESS(close_an_open_file, "^$");
+}
+
 void fail_to_open() {
     unlink(trace_name().c_str());
     EXPECT_EQ(mkdir(trace_name().c_str(), 0700), 0);

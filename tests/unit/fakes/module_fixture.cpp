@@ -1,5 +1,6 @@
 #include "module_fixture.h"
 
+#include <climits>
 #include <fcntl.h>
 #include <regex>
 #include <unistd.h>
@@ -242,10 +243,17 @@ TraceFile::TraceFile() : fd_(-1) {
         ADD_FAILURE() << "no trace file";
         return;
     }
-    /* By the descriptor, as the file may have been unlinked since it was opened. */
-    fd_ = open(("/proc/self/fd/" + std::to_string(fileno(stream))).c_str(), O_RDONLY | O_CLOEXEC);
+    const std::string path = "/proc/self/fd/" + std::to_string(fileno(stream));
+    fd_ = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     EXPECT_GE(fd_, 0);
     lseek(fd_, 0, SEEK_END);
+    /* The name is needed no more, and nothing is to be left in the folder. */
+    char name[PATH_MAX];
+    const ssize_t length = readlink(path.c_str(), name, sizeof name - 1);
+    if (length > 0) {
+        name[length] = '\0';
+        unlink(name);
+    }
 }
 
 TraceFile::~TraceFile() {

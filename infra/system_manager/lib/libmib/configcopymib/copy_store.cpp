@@ -6,6 +6,7 @@
 #include <stdarg.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -43,14 +44,26 @@ void cc_log(uint32_t subtype, const char *format, ...) {
     errno = saved_errno;
 }
 
+/* Opens a file for appending under a name that anyone can guess: what somebody else may have planted there, a link, a pipe or a file of his
+ * own, is refused, and nobody else reads what managers asked for. A descriptor, or -1. */
+static int open_private(const char *name) {
+    const int descriptor = open(name, O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
+    struct stat status;
+    if (descriptor >= 0 && (fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode) || status.st_uid != geteuid() ||
+                            status.st_nlink != 1 || fchmod(descriptor, 0600) != 0)) {
+        close(descriptor);
+        return -1;
+    }
+    return descriptor;
+}
+
 FILE *trace_file_get(void) {
     if (trace_stream != nullptr) {
         return trace_stream;
     }
     char name[128];
     snprintf(name, sizeof name, "%s.%d", "/tmp/cfg_snmp_debug.log", (int)getpid());
-    /* Anyone can guess the name: a planted link is refused, and nobody else reads what managers asked for. */
-    const int descriptor = open(name, O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0600);
+    const int descriptor = open_private(name);
     FILE *stream = descriptor < 0 ? nullptr : fdopen(descriptor, "a");
     if (stream == nullptr) {
         if (descriptor >= 0) {

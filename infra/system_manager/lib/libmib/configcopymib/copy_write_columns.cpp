@@ -77,7 +77,9 @@ bool cc_integer_length_ok(size_t length) {
 /* The first word of a value that may be shorter than one. */
 static uint32_t first_word(const struct written_value &value) {
     uint32_t word = 0;
-    memcpy(&word, value.octets, std::min(value.length, sizeof word));
+    if (value.length != 0) { /* a NULL comes without a buffer */
+        memcpy(&word, value.octets, std::min(value.length, sizeof word));
+    }
     return word;
 }
 

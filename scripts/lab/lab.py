@@ -1,0 +1,148 @@
+"""The lab's command line: builds what is missing, makes the namespaces, and runs supervisor.py as their first process."""
+
+import argparse
+import json
+import os
+import shutil
+import signal
+import subprocess
+import sys
+from pathlib import Path
+
+HERE = Path(__file__).resolve().parent
+REPOSITORY = HERE.parent.parent
+LAB_FAILED = 125  # as timeout(1) and env(1) have it: the status of the lab itself, not of COMMAND
+
+EPILOGUE = """\
+COMMAND runs as root on the switch, in the folder where lab.sh was called, and sees:
+  LAB_AGENT                the agent's address, as the Net-SNMP tools take it
+  LAB_SERVER4, LAB_SERVER6 the file server's addresses
+  LAB_SERVER_ROOT          the folder that the servers serve
+  LAB_USER, LAB_PASSWORD   the account on the file server
+  LAB_STATE                the switch's state directory (running.cfg, system.cfg)
+  LAB_TRAPS                received notifications, one a line: time, sender, then the bindings, parted by tabs, OIDs numeric
+  LAB_LOG                  the folder with the logs of every daemon
+`snmpget $LAB_AGENT OID` works without options, over SNMPv3 authPriv; the community `lab` (-v2c -c lab) may read and write too.
+
+In the lab, `lab-ctl` stops, starts and signals the agent, cuts the cable and runs commands on the file server's host: `lab-ctl help`.
+
+/tmp, /run, /etc, /var/log, /var/lib/snmp and /dev/shm are the lab's own and vanish with it; all other folders are the machine's. A file
+that is to outlive the lab goes into the repository or the folder where lab.sh was called.
+
+lab.sh exits with COMMAND's status, 128 + N when signal N ended it, and 125 when the lab itself failed.
+"""
+
+
+def fail(text):
+    print(f"lab: {text}", file=sys.stderr)
+    sys.exit(LAB_FAILED)
+
+
+def within(kind, least, most):
+    def convert(text):
+        value = kind(text)
+        if not least <= value <= most:
+            raise argparse.ArgumentTypeError(f"{text} is not from {least} to {most}")
+        return value
+
+    return convert
+
+
+def size(text):
+    if not text.rstrip("kKmMgG").isdigit():
+        raise argparse.ArgumentTypeError(f"{text} is not a size such as 512k or 4m")
+    return text
+
+
+def parse(arguments):
+    before, separator, command = arguments, None, []
+    if "--" in arguments:
+        at = arguments.index("--")
+        before, separator, command = arguments[:at], "--", arguments[at + 1 :]
+    parser = argparse.ArgumentParser(
+        prog="scripts/lab.sh",
+        usage="scripts/lab.sh exec [OPTIONS] -- COMMAND…  |  scripts/lab.sh shell [OPTIONS]  |  scripts/lab.sh help",
+        description="Makes a switch and its file server in namespaces of this machine, runs COMMAND there and takes all down again. Needs root.",
+        epilog=EPILOGUE,
+        formatter_class=argparse.RawDescriptionHelpFormatter,
+        allow_abbrev=False,
+        add_help=False,
+    )
+    parser.add_argument("action", choices=("exec", "shell", "help"), help=argparse.SUPPRESS)
+    parser.add_argument("--build-dir", metavar="DIR", type=Path, default=REPOSITORY / "build" / "release",
+                        help="the build to run; brought up to date first (default: build/release)")
+    parser.add_argument("--no-build", action="store_true", help="take the build as it is")
+    parser.add_argument("--no-module", action="store_true", help="the agent alone, without the module")
+    parser.add_argument("--tftp-server", choices=("atftpd", "hpa"), default="atftpd",
+                        help="which TFTP server: atftpd (default) knows windowsize, hpa does not")
+    parser.add_argument("--delay", metavar="MS", type=within(float, 0, 60000), default=0,
+                        help="delay of the link between switch and server, each way, in milliseconds")
+    parser.add_argument("--loss", metavar="PERCENT", type=within(float, 0, 100), default=0, help="part of the frames that the link loses, each way")
+    parser.add_argument("--rate", metavar="KBIT", type=within(float, 0, 1e9), default=0, help="speed of the link, each way, in kbit/s")
+    parser.add_argument("--cut-after", metavar="BYTES", type=within(int, 1, 2**63), help="the link goes dead after so many octets")
+    parser.add_argument("--seed", metavar="N", type=within(int, 0, 2**32 - 1), default=1, help="which frames are lost (default: 1)")
+    parser.add_argument("--chassis-type", metavar="N", type=int, help="the switch's chassis type")
+    parser.add_argument("--small-disk", metavar="SIZE", type=size, help="the switch's state and working directory hold so much, for example 256k")
+    parser.add_argument("--server-disk", metavar="SIZE", type=size, help="the folder of the file server holds so much")
+    parser.add_argument("--faketime", metavar="SPEC", help="the agent's clock, as faketime takes it, for example +0; lab-ctl agent-clock moves it later")
+    parser.add_argument("--keep-logs", metavar="DIR", type=Path, help="copy the daemons' logs and the notifications to DIR at the end")
+    options = parser.parse_args(before)
+    if options.action == "help":
+        parser.print_help()
+        sys.exit(0)
+    if options.action == "exec" and (separator is None or not command):
+        parser.error("exec wants `--` and a command")
+    if options.action == "shell":
+        if command:
+            parser.error("shell takes no command")
+        command = [os.environ.get("SHELL", "/bin/bash")]
+    return options, command
+
+
+def build(directory):
+    """Brings the build up to date. What the tools print is shown when they fail, and only then."""
+    steps = []
+    if not (directory / "CMakeCache.txt").exists():
+        if directory.parent != REPOSITORY / "build":
+            fail(f"{directory} is no build: configure it first")
+        steps.append(["cmake", "--preset", directory.name])
+    steps.append(["cmake", "--build", str(directory)])
+    print(f"lab: building in {directory}", file=sys.stderr)
+    for step in steps:
+        done = subprocess.run(step, cwd=REPOSITORY, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+        if done.returncode != 0:
+            print(done.stdout, file=sys.stderr)
+            fail(f"`{' '.join(step)}` failed")
+
+
+def become_root(options):
+    if os.geteuid() == 0:
+        return
+    sudo = shutil.which("sudo")
+    if sudo is None:
+        fail("needs root to make namespaces, and there is no sudo")
+    print("lab: needs root to make namespaces: asking sudo", file=sys.stderr)
+    arguments = sys.argv[1:]
+    if not options.no_build:
+        arguments.insert(1, "--no-build")
+    os.execv(sudo, [sudo, sys.executable, "-B", __file__, *arguments])
+
+
+def main():
+    options, command = parse(sys.argv[1:] or ["help"])
+    options.build_dir = options.build_dir.resolve()
+    if not options.no_build:
+        build(options.build_dir)
+    become_root(options)
+    orders = {name: str(value) if isinstance(value, Path) else value for name, value in vars(options).items()}
+    orders |= {"repository": str(REPOSITORY), "directory": os.getcwd(), "command": command}
+    # Whatever ends this process, the kernel ends unshare with it and then every process of the lab; mounts and devices go with the last one.
+    namespaces = ["--mount", "--propagation", "unchanged", "--pid", "--fork", "--kill-child=KILL", "--net", "--ipc", "--uts"]
+    # An interrupt from the terminal reaches COMMAND by itself; who waits for it stays. (A handler, as an ignored signal would be inherited.)
+    signal.signal(signal.SIGINT, lambda number, frame: None)
+    lab = subprocess.run(["setpriv", "--pdeathsig", "KILL", "unshare", *namespaces,
+                          sys.executable, "-B", str(HERE / "supervisor.py"), json.dumps(orders)])
+    sys.exit(lab.returncode if lab.returncode >= 0 else 128 - lab.returncode)
+
+
+main()

@@ -1,0 +1,78 @@
+"""A root directory of the lab's own, made of the machine's folders and of private ones, in a mount namespace of its own."""
+
+import ctypes
+import os
+import subprocess
+from pathlib import Path
+
+# linux/mount.h
+MS_NOSUID, MS_NODEV, MS_NOEXEC = 2, 4, 8
+MS_BIND, MS_REC, MS_PRIVATE, MS_SLAVE = 1 << 12, 1 << 14, 1 << 18, 1 << 19
+
+# What the lab has for itself. All else is the machine's.
+PRIVATE = ("/tmp", "/run", "/etc", "/var/tmp", "/var/log", "/var/lib/snmp", "/var/lib/ulmo", "/lab", "/ulmo", "/proc", "/sys")
+
+_libc = ctypes.CDLL(None, use_errno=True)
+
+
+def mount(source, target, kind=None, flags=0, data=None):
+    texts = [None if text is None else os.fsencode(text) for text in (source, target, kind, data)]
+    if _libc.mount(texts[0], texts[1], texts[2], ctypes.c_ulong(flags), texts[3]) != 0:
+        number = ctypes.get_errno()
+        raise OSError(number, os.strerror(number), f"mount on {target}")
+
+
+def _show(source, target):
+    """The machine's file, folder or link `source` under the name `target`."""
+    if source.is_symlink():
+        target.symlink_to(os.readlink(source))
+    elif source.is_dir():
+        target.mkdir()
+        mount(source, target, flags=MS_BIND | MS_REC)
+        mount(None, target, flags=MS_SLAVE | MS_REC)
+    elif source.is_file():
+        target.touch()
+        mount(source, target, flags=MS_BIND)
+
+
+def _assemble(source, target):
+    """The folder `source` with its content, but for what is private in it."""
+    for entry in sorted(source.iterdir()):
+        place = target / entry.name
+        if str(entry) in PRIVATE:
+            continue
+        if any(private.startswith(f"{entry}/") for private in PRIVATE) and not entry.is_symlink():
+            place.mkdir()
+            _assemble(entry, place)
+        else:
+            _show(entry, place)
+
+
+def enter(visible):
+    """Goes there. The folders `visible` are seen even where they lie in a private folder."""
+    # Made on top of /proc: it is a mount point on every machine and in every chroot, and once it is private nothing mounted there is seen
+    # outside. A root that is only a folder of a shared mount, as in a chroot, offers no other such place.
+    top = Path("/proc")
+    try:
+        mount(None, top, flags=MS_PRIVATE)
+    except OSError as error:
+        raise OSError(error.errno, "/proc must be mounted") from error
+    mount("lab", top, "tmpfs", data="mode=755")
+
+    _assemble(Path("/"), top)
+    for folder, mode in (("tmp", 0o1777), ("run", 0o755), ("var/tmp", 0o1777), ("var/log", 0o755), ("etc", 0o755), ("proc", 0o755), ("sys", 0o755),
+                         ("lab", 0o755), ("ulmo", 0o755), ("run/netns", 0o755), ("var/lib/snmp", 0o755)):
+        (top / folder).mkdir(parents=True)
+        (top / folder).chmod(mode)
+    subprocess.run(["cp", "-a", "/etc/.", str(top / "etc")], check=True)
+    mount("sysfs", top / "sys", "sysfs", MS_NOSUID | MS_NODEV | MS_NOEXEC)
+    if (top / "dev/shm").is_dir():
+        mount("shm", top / "dev/shm", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777")
+    for path in visible:
+        if any(str(path).startswith(f"{private}/") for private in PRIVATE):
+            place = top / path.relative_to("/")
+            place.mkdir(parents=True, exist_ok=True)
+            mount(path, place, flags=MS_BIND | MS_REC)
+    mount("proc", top / "proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC)
+    os.chroot(top)
+    os.chdir("/")

@@ -1,0 +1,102 @@
+#!/usr/bin/env bash
+# Builds everything and passes all tests: formatting, warnings of two compilers, clang-tidy, unit tests under sanitizers, the MIB module, fuzzers
+# for a few seconds each, and the system tests in the lab. Installs what it needs. Ends with "N passed, N failed".
+#
+# usage: scripts/test.sh [STEP…]      steps: format build tidy unit fuzz system (default: all of them)
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+readonly FUZZ_SECONDS=10
+passed=0
+failed=0
+began=$SECONDS
+
+section() { printf '\n=== %s (%d s)\n' "$*" "$((SECONDS - began))"; }
+
+# Runs a command with its output in a log, which is shown only when the command fails.
+quietly() {
+    local log
+    log=$(mktemp)
+    if ! "$@" >"$log" 2>&1; then
+        cat "$log"
+        rm -f "$log"
+        printf 'failed: %s\n' "$*" >&2
+        return 1
+    fi
+    rm -f "$log"
+}
+
+own_sources() { git ls-files '*.cpp' '*.h'; }
+
+build() {
+    quietly cmake --preset "$1"
+    quietly cmake --build --preset "$1"
+}
+
+step_format() {
+    section "clang-format"
+    own_sources | xargs clang-format --dry-run --Werror
+}
+
+step_build() {
+    section "build: g++ with sanitizers, g++ release, clang++"
+    build asan
+    build release
+    build clang
+}
+
+step_tidy() {
+    section "clang-tidy"
+    own_sources | grep -E '^(infra|platform)/.*\.cpp$' | xargs -P "$(nproc)" -n 4 clang-tidy -p build/clang --quiet 2>/dev/null
+}
+
+step_unit() {
+    section "unit tests under AddressSanitizer and UndefinedBehaviorSanitizer, symbol table, MIB module"
+    local log=build/asan/ctest.log status=0 total missed
+    UBSAN_OPTIONS=print_stacktrace=1 ctest --preset asan --parallel "$(nproc)" --output-on-failure >"$log" 2>&1 || status=$?
+    total=$(sed -n 's/.* tests failed out of \([0-9]*\)$/\1/p' "$log")
+    missed=$(sed -n 's/.*, \([0-9]*\) tests failed out of .*/\1/p' "$log")
+    if ((status != 0)) || grep -q '(Skipped)\|Not Run' "$log"; then
+        cat "$log"
+    fi
+    if grep -q '(Skipped)\|Not Run' "$log"; then
+        echo "a skipped test is an error" >&2
+        failed=$((failed + 1))
+    fi
+    : "${total:?ctest reported no total}"
+    passed=$((passed + total - missed))
+    failed=$((failed + missed))
+    printf '%d unit tests, %d failed\n' "$total" "$missed"
+}
+
+step_fuzz() {
+    section "fuzzers, $FUZZ_SECONDS s each"
+    local fuzzer
+    for fuzzer in build/clang/bin/fuzz_*; do
+        quietly "$fuzzer" -max_total_time="$FUZZ_SECONDS" -artifact_prefix=build/clang/
+        printf '%s found nothing\n' "${fuzzer##*/}"
+        passed=$((passed + 1))
+    done
+}
+
+step_system() {
+    section "system tests in the lab"
+    local log=build/system-tests.log status=0 counts
+    bash scripts/run-system-tests.sh 2>&1 | tee "$log" || status=$?
+    counts=$(tail -n 1 "$log")
+    [[ $counts =~ ^([0-9]+)\ passed,\ ([0-9]+)\ failed$ ]] || { echo "the system tests reported no total" >&2; exit 1; }
+    passed=$((passed + BASH_REMATCH[1]))
+    failed=$((failed + BASH_REMATCH[2]))
+    ((status == 0 || BASH_REMATCH[2] > 0)) || failed=$((failed + 1))
+}
+
+section "packages"
+bash scripts/install-packages.sh
+steps=("$@")
+((${#steps[@]})) || steps=(format build tidy unit fuzz system)
+for step in "${steps[@]}"; do
+    "step_$step"
+done
+section "done"
+printf '%d passed, %d failed\n' "$passed" "$failed"
+((failed == 0))
