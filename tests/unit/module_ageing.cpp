@@ -2,6 +2,7 @@
 #include "fakes/execution_fixture.h"
 #include "fakes/fake_agent.h"
 #include "fakes/fake_evtrace.h"
+#include "fakes/fake_keyedset.h"
 #include "fakes/fake_time.h"
 
 namespace {
@@ -183,6 +184,16 @@ TEST_F(ClockChange, KeepsTheRealAge) {
     age_out();
     EXPECT_EQ(stored_indexes(), std::vector<int32_t>{});
     journal.take();
+}
+
+TEST_F(ClockChange, GoesOnAfterARowThatCannotBeWritten) {
+    add_created(3, 1000);
+    add_created(7, 5000);
+    fake_keyedset.fail_find(&ccCopyTable, 1);
+    change(3600, 1);
+    EXPECT_EQ(stored_row(3).create_time, 1000);
+    EXPECT_EQ(stored_row(7).create_time, 8600);
+    EXPECT_EQ(journal.take(), (Lines{"heartbeat", "heartbeat"}));
 }
 
 TEST_F(ClockChange, NoRow) {

@@ -5,6 +5,7 @@
 #include "fakes/fake_agent_extension.h"
 #include "fakes/fake_evtrace.h"
 #include "fakes/fake_fabric.h"
+#include "fakes/fake_keyedset.h"
 #include "fakes/fake_msgbus.h"
 #include "fakes/fake_time.h"
 #include "platform/system_manager.h"
@@ -327,6 +328,46 @@ TEST_F(Completion, EndedCopyOfNobody) {
     expect_nothing_returned(handle(MSGBUS_OPC_WARDEN_CFG_ACTION_END, "", 0));
     EXPECT_EQ(octets_of(7), before);
     EXPECT_EQ(fake_evtrace.history, Records{});
+}
+
+/* --- rows that can't be written ----------------------------------------------------------------------------------------------------- */
+
+/* The first search of the table by key is the one of the write. */
+class UnwritableRow : public Completion {
+  protected:
+    static void fail_write() { fake_keyedset.fail_find(&ccCopyTable, 1); }
+};
+
+TEST_F(UnwritableRow, AtWorkerStatus) {
+    add(7, COPY_STATE_RUNNING, COPY_FILE_RUNNING, COPY_FILE_NETWORK, TRUTH_TRUE);
+    fail_write();
+    worker_status(2);
+    EXPECT_EQ(stored_row(7).ccCopyState, COPY_STATE_RUNNING);
+    EXPECT_LOGGED(EVTRACE_ERROR, "handle_copy_done : Set to entry (index= 7) failed \n");
+    const auto sent = fake_agent_extension.notifications.take(); /* of how the copy ended */
+    ASSERT_EQ(sent.size(), 1U);
+    EXPECT_EQ(sent[0].bindings.at(3).value, "4");
+}
+
+TEST_F(UnwritableRow, AtBegin) {
+    add(7, COPY_STATE_WAITING, COPY_FILE_RUNNING, COPY_FILE_STARTUP);
+    fail_write();
+    expect_nothing_returned(handle(MSGBUS_OPC_WARDEN_CFG_ACTION_BEGIN, ""));
+    EXPECT_EQ(stored_row(7).ccCopyState, COPY_STATE_WAITING);
+    EXPECT_EQ(fake_evtrace.history, (Records{{EVTRACE_ERROR, "ERROR  handle_notifications : Set to entry (index= 7) failed \n"}}));
+}
+
+TEST_F(UnwritableRow, AtEnd) {
+    add(7, COPY_STATE_RUNNING, COPY_FILE_RUNNING, COPY_FILE_STARTUP, TRUTH_TRUE);
+    keep_start_request();
+    fail_write();
+    const Handled handled = handle(MSGBUS_OPC_WARDEN_CFG_ACTION_END, "", 0);
+    EXPECT_EQ(handled.send_flag, 1U);
+    ASSERT_EQ(handled.bindings.size(), 8U);
+    EXPECT_EQ(handled.bindings[3].value, "3");
+    EXPECT_EQ(stored_row(7).ccCopyState, COPY_STATE_RUNNING);
+    EXPECT_LOGGED(EVTRACE_ERROR, "ERROR  handle_notifications : Set to entry (index= 7) failed \n");
+    EXPECT_EQ(journal.take(), (Lines{"configuration changed 2", "configuration changed 3", "drop 1381"}));
 }
 
 /* --- other messages, and subscriptions --------------------------------------------------------------------------------------------- */

@@ -66,9 +66,14 @@ TEST_F(Transfer, ChassisTypesWithVrf) {
 
 TEST_F(Transfer, UnknownChassisHasNoVrf) {
     fake_chassis.type = 26;
-    fake_chassis.type_result = 1;
-    EXPECT_EQ(run(COPY_UPLOAD, request(COPY_PROTO_RCP)), 1);
-    EXPECT_EQ(calls_, Lines{});
+    for (const bool stores : {false, true}) {
+        fake_chassis.stores_on_failure = stores;
+        for (const int result : {1, -1}) {
+            fake_chassis.type_result = result;
+            EXPECT_EQ(run(COPY_UPLOAD, request(COPY_PROTO_RCP)), 1);
+            EXPECT_EQ(calls_, Lines{});
+        }
+    }
 }
 
 TEST_F(Transfer, ResultWithinAVrfIsTheResult) {
@@ -208,7 +213,9 @@ TEST_P(Scripts, ArgumentsMessagesAndResults) {
                                  {0x400, "0x400", 4, 1},
                                  {0x900, "0x900", 9, 1},
                                  {0xff00, "0xff00", 255, 1},
-                                 {-1, "0xffffffff", 255, 1}}) {
+                                 {-1, "0xffffffff", 255, 1},
+                                 {-65280, "0xffff0100", 1, 1},
+                                 {INT32_MIN, "0x80000000", 0, 1}}) {
         fake_execute.result = result.status;
         EXPECT_EQ(run(script.direction, request(script.protocol)), result.cause) << result.status;
         EXPECT_EQ(calls_, Lines{std::string("execute -1 -1 -1 ") + script.command + " default"});

@@ -177,6 +177,14 @@ TEST_F(Shell, LongestNames) {
     EXPECT_EQ(words_of(command_of(COPY_UPLOAD, local, remote)), (Lines{"1", "10.0.0.1", "69", local, remote, "1", "red"}));
 }
 
+TEST_F(Shell, VrfNameIsOneWordToo) {
+    for (const char *name : {"a b", "$(touch ran)", "a;touch ran", "'", "\"", "a\\b", "*"}) {
+        fake_agent_extension.vrf = name;
+        EXPECT_EQ(words_of(command_of(COPY_UPLOAD, "a", "b")), (Lines{"1", "10.0.0.1", "69", "a", "b", "1", name}));
+    }
+    EXPECT_EQ(files(), Lines{"arguments"});
+}
+
 /* --- scripts ---------------------------------------------------------------------------------------------------------------------- */
 
 struct Script {
@@ -222,7 +230,8 @@ TEST_P(VrfScripts, ArgumentsMessagesAndResults) {
                                  {0x200, "0x200", 2, 2},
                                  {0x300, "0x300", 3, 4},
                                  {0x900, "0x900", 9, 1},
-                                 {-1, "0xffffffff", 255, 1}}) {
+                                 {-1, "0xffffffff", 255, 1},
+                                 {INT32_MIN, "0x80000000", 0, 1}}) {
         fake_execute.result = result.status;
         EXPECT_EQ(run(script.direction, request(script.protocol)), result.cause) << result.status;
         EXPECT_EQ(calls_, (Lines{"vrf id red", std::string("execute -1 -1 -1 ") + script.command + " default"}));

@@ -309,6 +309,24 @@ TEST_F(Worker, FailedUpload) {
     }
 }
 
+/* The dump is complete and closed before it is uploaded. */
+TEST_F(Worker, DumpIsClosedBeforeTheUpload) {
+    bool looked = false;
+    journal.on_line = [&](const std::string &line) {
+        if (!line.starts_with("tftp put")) {
+            return;
+        }
+        looked = true;
+        for (const auto &descriptor : std::filesystem::directory_iterator("/proc/self/fd")) {
+            std::error_code gone; /* the descriptor of this very look */
+            EXPECT_NE(std::filesystem::read_symlink(descriptor, gone), path("remote.cfg"));
+        }
+    };
+    run(copy_request(COPY_FILE_RUNNING, COPY_FILE_NETWORK));
+    EXPECT_TRUE(looked);
+    journal.take();
+}
+
 /* The dump is written whole over what stood under its name before. */
 TEST_F(Worker, DumpReplacesAnOlderFile) {
     std::ofstream("remote.cfg") << "an older and much longer file than the dump of the configuration\n";

@@ -10,6 +10,7 @@ ChassisFake fake_chassis;
 void ChassisFake::reset() {
     type_result = 0;
     type = 0;
+    stores_on_failure = false;
     vrf_id = 2;
 }
 
@@ -18,7 +19,7 @@ extern "C" {
 int hwinfo_get_chassis_type(int *type) {
     journal.note("chassis type");
     EXPECT_EQ(*type, -1);
-    if (fake_chassis.type_result == 0) {
+    if (fake_chassis.type_result == 0 || fake_chassis.stores_on_failure) {
         *type = fake_chassis.type;
     }
     return fake_chassis.type_result;

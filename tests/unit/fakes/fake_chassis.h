@@ -7,6 +7,7 @@
 struct ChassisFake : FakeBase {
     int type_result = 0;
     int type = 0; /* one without VRF */
+    bool stores_on_failure = false;
     int vrf_id = 2;
 
     void reset() override;
