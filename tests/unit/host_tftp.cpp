@@ -312,3 +312,46 @@ TEST_F(TftpTest, RepeatsTheRequestToASlowServer) {
     EXPECT_EQ(session.get("remote", path("got")), 0);
     EXPECT_EQ(read("got"), "late");
 }
+
+// Patience is with silence, not with slowness.
+TEST_F(TftpTest, SlowServerMayTakeLongerThanTheTimeout) {
+    session.set_timeout(1);
+    TestServer server([](Dialogue &dialogue) {
+        dialogue.send(data(1, std::string(512, 'a')));
+        for (unsigned number = 2; number <= 4; ++number) {
+            const auto begin = std::chrono::steady_clock::now();
+            while (std::chrono::steady_clock::now() - begin < std::chrono::milliseconds(400)) {
+                dialogue.receive(50); // the acknowledgment, and its repetitions
+            }
+            dialogue.send(data(number, number < 4 ? std::string(512, 'a') : ""));
+        }
+        auto answer = dialogue.receive();
+        while (answer == ack(3)) {
+            answer = dialogue.receive();
+        }
+        EXPECT_EQ(answer, ack(4));
+    });
+    connect(server);
+    EXPECT_EQ(session.get("remote", path("got")), 0) << session.text(-1);
+    EXPECT_EQ(read("got").size(), 3 * 512U);
+}
+
+// A block that comes again tells that its acknowledgment was lost; one before it is only late.
+TEST_F(TftpTest, RepeatedBlockIsAcknowledgedAgain) {
+    constexpr int soon = 100; // before the client would repeat itself
+    TestServer server([](Dialogue &dialogue) {
+        dialogue.send(data(1, std::string(512, 'a')));
+        EXPECT_EQ(dialogue.receive(), ack(1));
+        dialogue.send(data(1, std::string(512, 'a')));
+        EXPECT_EQ(dialogue.receive(soon), ack(1));
+        dialogue.send(data(2, std::string(512, 'b')));
+        EXPECT_EQ(dialogue.receive(), ack(2));
+        dialogue.send(data(1, std::string(512, 'a')));
+        EXPECT_FALSE(dialogue.receive(soon));
+        dialogue.send(data(3, ""));
+        EXPECT_EQ(dialogue.receive(), ack(3));
+    });
+    connect(server);
+    EXPECT_EQ(session.get("remote", path("got")), 0);
+    EXPECT_EQ(read("got"), std::string(512, 'a') + std::string(512, 'b'));
+}

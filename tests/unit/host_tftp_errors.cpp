@@ -124,7 +124,7 @@ TEST_F(TftpTest, NobodyListening) {
         TestServer gone{Behaviour{}};
         port = gone.port();
     }
-    for (const char *address : {"127.0.0.1", "::1"}) {
+    for (const char *address : {"127.0.0.1", "::1", "::ffff:127.0.0.1"}) {
         ASSERT_EQ(session.connect(address, port), 0);
         const auto begin = std::chrono::steady_clock::now();
         EXPECT_EQ(session.get("remote", path("got")), system_result(ECONNREFUSED));

@@ -1,0 +1,64 @@
+"""Fixtures of the system tests. They run inside the lab: scripts/run-system-tests.sh."""
+
+import os
+import sys
+from pathlib import Path
+
+import pytest
+
+sys.path.insert(0, str(Path(__file__).parent))
+
+import copy_table as ct
+
+if not ct.AGENT:
+    pytest.exit("these tests run in the lab: scripts/run-system-tests.sh", 2)
+
+
+def pytest_collection_modifyitems(items):
+    for item in items:
+        for marker in item.iter_markers():
+            assert marker.name not in ("skip", "skipif", "xfail"), f"{item.nodeid}: every test of the lab runs"
+
+
+@pytest.fixture(params=["v3", "v2c"])
+def manager(request):
+    """The stock tools, over SNMPv3 authPriv and then over v2c."""
+    return ct.Manager(request.param)
+
+
+@pytest.fixture
+def operator():
+    """The stock tools over SNMPv3 authPriv, for what does not hang on the version."""
+    return ct.Manager("v3")
+
+
+@pytest.fixture(autouse=True)
+def quiet_switch():
+    """Every test begins with an empty table, no copy and a known configuration, and leaves the agent alive and without zombies."""
+    pid = ct.agent_pid()
+    yield
+    manager = ct.Manager("v3")
+    for oid, _ in manager.walk(f"{ct.COPY_ENTRY}.{ct.ROW_STATUS}"):
+        manager.set((oid, "i", ct.DESTROY))
+    assert manager.walk(ct.ROOT) == []
+    ct.wait_for(lambda: not ct.children(ct.agent_pid()), 45, "the end of the agent's children")
+    for file in ct.SERVER_ROOT.iterdir():
+        file.unlink()
+    if pid == ct.agent_pid():
+        assert os.listdir(ct.work_directory()) == []
+
+
+@pytest.fixture
+def lines_of():
+    """The hosts' configuration, put back at the end of the test by what takes the given lines away again."""
+    added = []
+
+    def add(*statements):
+        added.extend(statements)
+        return "".join(f"{statement}\n" for statement in statements)
+
+    yield add
+    if added:
+        path = Path("/tmp/take-back.cfg")
+        path.write_text("".join(f"no {statement}\n" for statement in reversed(added)))
+        ct.run("cmdshell", "-c", f"configure {path}")

@@ -1,0 +1,268 @@
+"""The tables and the notification as a manager reaches them: OIDs by name, the stock tools as functions, one copy request as an object."""
+
+import itertools
+import os
+import re
+import subprocess
+import time
+from pathlib import Path
+
+ROOT = ".1.3.6.1.4.1.41927.9.96"
+COPY_ENTRY = f"{ROOT}.1.1.1.1"
+ERROR_ENTRY = f"{ROOT}.1.1.2.1"
+COMPLETION = f"{ROOT}.2.1.1"  # followed by the request's index
+
+PROTOCOL, SOURCE, DESTINATION, LEGACY_ADDRESS, FILE_NAME, USER_NAME, PASSWORD, NOTIFY = range(2, 10)
+STATE, TIME_STARTED, TIME_COMPLETED, FAIL_CAUSE, ROW_STATUS, ADDRESS_TYPE, ADDRESS = range(10, 17)
+COLUMNS = range(PROTOCOL, ADDRESS + 1)
+READ_ONLY = (STATE, TIME_STARTED, TIME_COMPLETED, FAIL_CAUSE)
+
+TFTP, FTP, RCP, SCP, SFTP = range(1, 6)
+NETWORK, KEX, STARTUP, RUNNING, TYPE5, FABRIC_STARTUP, ALL_STARTUP = range(1, 8)
+STATE_WAITING, STATE_RUNNING, STATE_SUCCESSFUL, STATE_FAILED = range(1, 5)
+ACTIVE, NOT_IN_SERVICE, NOT_READY, CREATE_AND_GO, CREATE_AND_WAIT, DESTROY = range(1, 7)
+GENERAL, BAD_FILE_NAME, TIMEOUT, NO_SPACE, BAD_FILE, UNSUPPORTED_PROTOCOL, BAD_LINE = range(1, 8)
+IPV4, IPV6 = 1, 2
+TRUE, FALSE = 1, 2
+
+AGENT = os.environ.get("LAB_AGENT", "")
+SERVER4, SERVER6 = os.environ.get("LAB_SERVER4", ""), os.environ.get("LAB_SERVER6", "")
+SERVER_ROOT = Path(os.environ.get("LAB_SERVER_ROOT", "/nonexistent"))
+STATE_DIRECTORY = Path(os.environ.get("LAB_STATE", "/nonexistent"))
+TRAPS = Path(os.environ.get("LAB_TRAPS", "/nonexistent"))
+LOGS = Path(os.environ.get("LAB_LOG", "/nonexistent"))
+
+
+class SnmpError(Exception):
+    """The agent's error status by its name in RFC 3416, or noResponse."""
+
+    def __init__(self, status, text):
+        super().__init__(f"{status}: {text}")
+        self.status = status
+
+
+def run(*words, within=60):
+    """Runs a command that must succeed and returns its standard output."""
+    done = subprocess.run([str(word) for word in words], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, timeout=within)
+    assert done.returncode == 0, f"{words}: status {done.returncode}\n{done.stdout}{done.stderr}"
+    return done.stdout
+
+
+def lab_ctl(*words):
+    return run("lab-ctl", *words).strip()
+
+
+def show(which):
+    return run("cmdshell", "-c", f"show {which}-config")
+
+
+def wait_for(condition, within=15, what="the condition"):
+    """Polls until the condition's value is true and returns that value."""
+    deadline = time.monotonic() + within
+    while not (value := condition()):
+        assert time.monotonic() < deadline, f"{what} did not come within {within} seconds"
+        time.sleep(0.03)
+    return value
+
+
+# The value of a line that a tool printed with -Ox -Ot -On: octets as hexadecimal, time ticks as a number.
+_VALUE = re.compile(r"^(?P<oid>\.[0-9.]+) = (?:(?P<type>[\w-]+): ?)?(?P<value>.*?)\s*$")
+_ABSENT = ("No Such Object", "No Such Instance", "No more variables")
+
+
+def parsed(line):
+    """(OID, value) of a printed binding: int, bytes, str for all else, None for what is not there."""
+    match = _VALUE.match(line)
+    assert match, f"unexpected line: {line!r}"
+    kind, value = match["type"], match["value"]
+    if kind is None and value.startswith(_ABSENT):
+        return match["oid"], None
+    if kind == "INTEGER" or (kind is None and value.isdigit()):
+        return match["oid"], int(value)
+    if kind == "Hex-STRING":
+        return match["oid"], bytes.fromhex(value)
+    if value == '""':
+        return match["oid"], b""
+    return match["oid"], value
+
+
+class Manager:
+    """The stock tools with one version of SNMP."""
+
+    def __init__(self, version):
+        self.version = version
+        self.options = ["-v2c", "-c", "lab"] if version == "v2c" else []
+
+    def tool(self, name, *words, options=("-r0", "-t8")):
+        """Runs a tool once: a SET that is repeated would be carried out again."""
+        command = [name, *self.options, *options, "-On", "-Ox", "-Ot", AGENT, *(str(word) for word in words)]
+        done = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, timeout=60)
+        if done.returncode == 0:
+            return done.stdout
+        reason = re.search(r"Reason: \(?(\w+)", done.stderr)
+        if reason is None and "Timeout" in done.stderr:
+            raise SnmpError("noResponse", done.stderr)
+        assert reason is not None, f"{command}: status {done.returncode}: {done.stderr}"
+        raise SnmpError({"genError": "genErr"}.get(reason[1], reason[1]), done.stderr)
+
+    def get(self, *oids):
+        values = [parsed(line)[1] for line in self.tool("snmpget", *oids).splitlines()]
+        return values if len(oids) > 1 else values[0]
+
+    def get_next(self, oid):
+        return parsed(self.tool("snmpgetnext", oid).strip())
+
+    def set(self, *triples):
+        self.tool("snmpset", *itertools.chain.from_iterable(triples))
+
+    def walk(self, oid, tool="snmpwalk"):
+        bindings = [parsed(line) for line in self.tool(tool, oid).splitlines()]
+        return [binding for binding in bindings if binding[1] is not None]
+
+
+def octets(value):
+    """A text or octets as the value of a SET."""
+    return value.encode() if isinstance(value, str) else value
+
+
+def address_octets(text):
+    import ipaddress
+
+    return ipaddress.ip_address(text).packed
+
+
+_indexes = itertools.count(1001)
+
+
+class Request:
+    """One row of ccCopyTable."""
+
+    def __init__(self, manager, index=None):
+        self.manager = manager
+        self.index = next(_indexes) if index is None else index
+
+    def oid(self, column):
+        return f"{COPY_ENTRY}.{column}.{self.index}"
+
+    def triple(self, column, value):
+        """OID, type and value for snmpset."""
+        if column == LEGACY_ADDRESS:
+            return self.oid(column), "a", value
+        if isinstance(value, int):
+            return self.oid(column), "i", value
+        # snmpset takes no empty hexadecimal text.
+        return (self.oid(column), "x", octets(value).hex()) if value else (self.oid(column), "s", "")
+
+    def set(self, *pairs):
+        """Writes the columns, given as (column, value), in one PDU."""
+        self.manager.set(*(self.triple(column, value) for column, value in pairs))
+        return self
+
+    def get(self, *columns):
+        return self.manager.get(*(self.oid(column) for column in columns))
+
+    def create(self, *pairs):
+        """createAndWait, then the columns."""
+        self.set((ROW_STATUS, CREATE_AND_WAIT))
+        return self.set(*pairs) if pairs else self
+
+    def activate(self):
+        return self.set((ROW_STATUS, ACTIVE))
+
+    def destroy(self):
+        return self.set((ROW_STATUS, DESTROY))
+
+    def exists(self):
+        return self.get(ROW_STATUS) is not None
+
+    def columns(self):
+        return dict(zip(COLUMNS, self.get(*COLUMNS)))
+
+    def finished(self, within=15):
+        """Waits for the end of the copy and returns (state, fail cause)."""
+        wait_for(lambda: self.get(STATE) in (STATE_SUCCESSFUL, STATE_FAILED), within, f"the end of copy {self.index}")
+        return tuple(self.get(STATE, FAIL_CAUSE))
+
+    def copied(self, within=15):
+        """Activates the request and sees it succeed."""
+        self.activate()
+        assert self.finished(within) == (STATE_SUCCESSFUL, GENERAL)
+        return self
+
+    def fails(self, within=15):
+        """Activates the request, sees it fail and returns the cause."""
+        self.activate()
+        state, cause = self.finished(within)
+        assert state == STATE_FAILED
+        return cause
+
+
+def server_columns(server):
+    return (ADDRESS_TYPE, IPV6 if ":" in server else IPV4), (ADDRESS, address_octets(server))
+
+
+def upload(server, name, source=RUNNING):
+    """The columns of a copy to the server."""
+    return (PROTOCOL, TFTP), (SOURCE, source), (DESTINATION, NETWORK), *server_columns(server), (FILE_NAME, name)
+
+
+def download(server, name, destination=RUNNING):
+    return (PROTOCOL, TFTP), (SOURCE, NETWORK), (DESTINATION, destination), *server_columns(server), (FILE_NAME, name)
+
+
+LOCAL_STARTUP_TO_RUNNING = (SOURCE, STARTUP), (DESTINATION, RUNNING)
+
+
+def serve(name, content, mode=0o644):
+    """Puts a file on the server."""
+    path = SERVER_ROOT / name
+    path.write_bytes(octets(content))
+    path.chmod(mode)
+    return path
+
+
+def completions(index):
+    """The completion notifications of one request that the receiver has, each a list of (OID, value)."""
+    found = []
+    for line in TRAPS.read_text().splitlines():
+        bindings = [parsed_trap_binding(text) for text in line.split("\t")[2:]]
+        if (".1.3.6.1.6.3.1.1.4.1.0", f"{COMPLETION}.{index}") in bindings:
+            found.append(bindings)
+    return found
+
+
+def parsed_trap_binding(text):
+    """As parsed(), for the receiver's notation: texts in quotes, time ticks with their number in parentheses."""
+    oid, _, value = text.partition(" = ")
+    if value.startswith("Timeticks: "):
+        return oid, int(re.search(r"\((\d+)\)", value)[1])
+    if value.startswith("STRING: "):
+        return oid, value.removeprefix("STRING: ").strip('"').encode()
+    if value.startswith("OID: "):
+        return oid, value.removeprefix("OID: ")
+    return parsed(text)
+
+
+def agent_pid():
+    return int(lab_ctl("agent-pid"))
+
+
+def children(pid):
+    return [int(child) for child in Path(f"/proc/{pid}/task/{pid}/children").read_text().split()]
+
+
+def process_state(pid):
+    """The state letter of proc(5), or None when there is no such process."""
+    try:
+        return Path(f"/proc/{pid}/stat").read_text().rpartition(")")[2].split()[0]
+    except (FileNotFoundError, ProcessLookupError):
+        return None
+
+
+def zombies(pid):
+    return [child for child in children(pid) if process_state(child) == "Z"]
+
+
+def work_directory():
+    """Where the agent's workers make their files."""
+    return Path(os.readlink(f"/proc/{agent_pid()}/cwd"))

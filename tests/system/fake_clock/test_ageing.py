@@ -1,0 +1,57 @@
+"""Rows age out. The agent's clock is moved; its alarm needs no more than a request that wakes it."""
+
+import subprocess
+
+import pytest
+from copy_table import *
+
+
+@pytest.fixture
+def later():
+    """Moves the agent's clock on, in seconds from the start of the test."""
+    moved = 0
+
+    def move(seconds):
+        nonlocal moved
+        moved = seconds
+        lab_ctl("agent-clock", f"+{seconds}")
+
+    yield move
+    lab_ctl("stop-agent")
+    lab_ctl("agent-clock", "+0")
+    lab_ctl("start-agent")
+
+
+def test_rows_age_out_but_not_before_their_time(operator, later):
+    waiting = Request(operator).create(*upload(SERVER4, "waiting.cfg"))
+    finished = Request(operator).create(*upload(SERVER4, "finished.cfg")).copied()
+    failed = Request(operator).create(*download(SERVER4, "absent.cfg"))
+    assert failed.fails() == BAD_FILE_NAME
+    rows = (waiting, finished, failed)
+    later(300)
+    # The pass of this moment finds them 300 seconds old and keeps them.
+    for _ in range(20):
+        assert all(row.exists() for row in rows)
+    later(420)
+    wait_for(lambda: not any(row.exists() for row in rows), what="the rows' end")
+    assert operator.walk(ROOT) == []
+    # The table begins anew, with an age of its own.
+    fresh = Request(operator).create(*upload(SERVER4, "fresh.cfg")).copied()
+    later(700)
+    assert fresh.exists()
+    later(900)
+    wait_for(lambda: not fresh.exists(), what="the fresh row's end")
+
+
+def test_running_copy_stays_until_it_has_ended(operator, later):
+    lab_ctl("break-link")
+    try:
+        request = Request(operator).create(*upload(SERVER4, "long.cfg")).activate()
+        later(420)
+        for _ in range(20):
+            assert request.get(STATE) == STATE_RUNNING
+    finally:
+        lab_ctl("mend-link")
+    wait_for(lambda: request.get(STATE) != STATE_RUNNING, 45, "the end of the copy")
+    later(900)
+    wait_for(lambda: not request.exists(), what="the row's end")

@@ -1,0 +1,21 @@
+"""The server has no room left."""
+
+import pytest
+from copy_table import *
+
+
+@pytest.mark.parametrize("server", [SERVER4, SERVER6], ids=["ipv4", "ipv6"])
+def test_disk_full_on_the_server(manager, server):
+    filler = SERVER_ROOT / "filler"
+    with open(filler, "wb", buffering=0) as file:
+        try:
+            while file.write(b"x" * 4096) == 4096:
+                pass
+        except OSError as error:
+            assert error.errno == 28  # ENOSPC
+    before = show("running")
+    assert Request(manager).create(*upload(server, "no-room.cfg")).fails() == NO_SPACE
+    assert show("running") == before
+    filler.unlink()
+    Request(manager).create(*upload(server, "room.cfg")).copied()
+    assert (SERVER_ROOT / "room.cfg").read_text() == before

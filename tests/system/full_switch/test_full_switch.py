@@ -1,0 +1,18 @@
+"""The switch has no room left."""
+
+import pytest
+from copy_table import *
+
+
+def test_download_that_does_not_fit(manager):
+    before = show("running")
+    serve("huge.cfg", "! comment\n" * 60_000)
+    request = Request(manager).create(*download(SERVER4, "huge.cfg"))
+    request.activate()
+    state, cause = request.finished()
+    assert state == STATE_FAILED and cause in (GENERAL, NO_SPACE)
+    assert show("running") == before
+    for left in work_directory().iterdir():
+        left.unlink()
+    Request(manager).create(*upload(SERVER4, "fits.cfg")).copied()
+    assert (SERVER_ROOT / "fits.cfg").read_text() == before

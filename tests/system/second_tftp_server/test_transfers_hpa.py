@@ -1,0 +1,3 @@
+"""The same copies with a server that knows no windowsize."""
+
+from transfers import *

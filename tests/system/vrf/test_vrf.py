@@ -1,0 +1,36 @@
+"""A chassis whose management traffic lives in a VRF: transfers go through the program."""
+
+import os
+
+import pytest
+from copy_table import *
+
+SERVERS = pytest.mark.parametrize("server", [SERVER4, SERVER6], ids=["ipv4", "ipv6"])
+
+
+@SERVERS
+def test_running_to_server(manager, server):
+    Request(manager).create(*upload(server, "vrf.cfg")).copied()
+    assert (SERVER_ROOT / "vrf.cfg").read_text() == show("running")
+
+
+@SERVERS
+def test_server_to_running(manager, server, lines_of):
+    serve("vrf-down.cfg", lines_of("vlan 66"))
+    Request(manager).create(*download(server, "vrf-down.cfg")).copied()
+    assert "vlan 66\n" in show("running")
+
+
+def test_every_failure_of_the_program_is_a_general_one(manager):
+    assert Request(manager).create(*download(SERVER4, "absent.cfg")).fails() == GENERAL
+    assert Request(manager).create(*upload("198.51.100.1", "nowhere.cfg")).fails() == GENERAL
+
+
+@pytest.mark.parametrize("name", ["$(touch /tmp/owned)", "`touch /tmp/owned`", 'a"b', "a b", "$HOME", "a\\b", "-x", '"; touch /tmp/owned; "', "x\ny", "!!"])
+def test_file_name_reaches_the_server_as_it_is(manager, name):
+    request = Request(manager).create(*upload(SERVER4, name))
+    request.activate()
+    state, _ = request.finished()
+    assert not os.path.exists("/tmp/owned")
+    assert state == STATE_SUCCESSFUL
+    assert os.listdir(SERVER_ROOT) == [name]
