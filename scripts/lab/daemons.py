@@ -170,6 +170,9 @@ class Switch:
                 raise Failure(f"cmdshell -c '{command}' failed: {done.stdout}")
 
     def _prepare_agent(self):
+        greeting = self.home / "greeting"
+        greeting.write_text("#!/bin/sh\necho hello from $$\n")
+        greeting.chmod(0o755)
         lines = [
             "# An engine id that stays, so that receivers and tests may name it.",
             f"exactEngineID 0x80001f8804{self.number:02x}6c6162",
@@ -182,7 +185,7 @@ class Switch:
             f"sysName lab-switch{self.number}",
             "sysLocation the lab",
             "sysContact nobody",
-            "extend greeting /bin/echo hello from the extend script",
+            f"extend -cacheTime 1 greeting {greeting}",
         ]
         if not self.options["no_module"]:
             lines.append(f"dlmod config_copy_mib {self.module()}")
@@ -200,11 +203,11 @@ class Switch:
         return Daemon(f"snmpd{self.number}", command, self._agent_answers, cwd=self.work, environment=environment)
 
     def _agent_answers(self):
-        get = ("snmpget", "-r0", "-t1", "-On", self.address4)
-        if not succeeds(*get, ".1.3.6.1.2.1.1.3.0"):
+        once = ("-r0", "-t1", "-On", "-Oqv", self.address4)
+        if not succeeds("snmpget", *once, ".1.3.6.1.2.1.1.3.0"):
             return False
-        # The agent only logs a module that it can't load; its table of loaded ones tells (status 1: loaded).
-        return self.options["no_module"] or output_of(*get, "-Oqv", ".1.3.6.1.4.1.2021.13.14.2.1.5.1").strip() == "1"
+        # The agent only logs a module that it can't load; its table of modules tells (dlmodStatus 1: loaded).
+        return self.options["no_module"] or output_of("snmpwalk", *once, ".1.3.6.1.4.1.2021.13.14.2.1.5").strip() == "1"
 
 
 FIRST_CONFIGURATION = """\

@@ -1,13 +1,15 @@
 """The agent around the copies: signals, restarts, its children, its resources."""
 
 import os
+import re
 import signal
+import subprocess
 
 import pytest
 from copy_table import *
 
 EXTEND_OUTPUT = '.1.3.6.1.4.1.8072.1.3.2.3.1.1.8.103.114.101.101.116.105.110.103'  # nsExtendOutput1Line."greeting"
-DLMOD_STATUS = ".1.3.6.1.4.1.2021.13.14.2.1.5.1"  # dlmodStatus: 1 loaded, 2 unloaded; 4 loads, 5 unloads
+DLMOD_STATUS = ".1.3.6.1.4.1.2021.13.14.2.1.5"  # dlmodStatus: 1 loaded, 2 unloaded; writing 4 loads, 5 unloads
 
 
 @pytest.fixture
@@ -17,9 +19,26 @@ def broken_link():
     lab_ctl("mend-link")
 
 
-def running_copy(manager, name):
-    """A copy that waits for a server behind a broken link."""
-    request = Request(manager).create(*upload(SERVER4, name), (NOTIFY, TRUE)).activate()
+SILENT = "192.0.2.66"
+
+
+@pytest.fixture
+def silent_server():
+    """A host on the link whose server takes everything and says nothing."""
+    run("lab-ctl", "server-exec", "ip", "address", "add", f"{SILENT}/24", "dev", "br0")
+    program = f"import socket; s = socket.socket(type=socket.SOCK_DGRAM); s.bind(('{SILENT}', 69)); print('ready', flush=True)\nwhile True: s.recv(9)"
+    server = subprocess.Popen(["lab-ctl", "server-exec", "/usr/bin/python3", "-c", program], stdout=subprocess.PIPE)
+    assert server.stdout.readline() == b"ready\n"
+    yield
+    server.terminate()
+    server.wait()
+    server.stdout.close()
+    run("lab-ctl", "server-exec", "ip", "address", "delete", f"{SILENT}/24", "dev", "br0")
+
+
+def running_copy(manager, name, server=SERVER4):
+    """A copy that waits for a server: behind a broken link, or a silent one."""
+    request = Request(manager).create(*upload(server, name), (NOTIFY, TRUE)).activate()
     assert request.get(STATE) == STATE_RUNNING
     return request
 
@@ -57,14 +76,16 @@ def test_reload_during_a_copy(manager, broken_link):
 def test_unload_and_load(manager):
     request = Request(manager).create(*upload(SERVER4, "unloaded.cfg"))
     before = request.columns()
+    ((status, loaded),) = manager.walk(DLMOD_STATUS)  # each reload of the agent gives the module a new number there
+    assert loaded == 1
     for _ in range(3):
-        manager.set((DLMOD_STATUS, "i", 5))
+        manager.set((status, "i", 5))
         assert set(request.columns().values()) == {None}
         assert manager.walk(ROOT) == []
         with pytest.raises(SnmpError) as refusal:
             request.set((USER_NAME, "nobody"))
         assert refusal.value.status == "notWritable"
-        manager.set((DLMOD_STATUS, "i", 4))
+        manager.set((status, "i", 4))
         assert request.columns() == before
     request.copied()
 
@@ -84,15 +105,14 @@ def test_restart_during_a_copy_binds_the_port(manager, broken_link):
         left.unlink()
 
 
-def test_killed_worker_fails_its_row_and_no_other(manager, broken_link):
-    request = running_copy(manager, "killed.cfg")
+def test_killed_worker_fails_its_row_and_no_other(manager, silent_server):
+    request = running_copy(manager, "killed.cfg", SILENT)
     process = worker()
     os.kill(process, signal.SIGKILL)
     assert request.finished(5) == (STATE_FAILED, GENERAL)
     assert request.get(TIME_COMPLETED) >= request.get(TIME_STARTED) > 0
     wait_for(lambda: completions(request.index), what="the notification")
     wait_for(lambda: process_state(process) is None, 5, "the worker's reaping")
-    broken_link()
     for left in work_directory().iterdir():
         left.unlink()  # a killed worker can't
     Request(manager).create(*upload(SERVER4, "after-kill.cfg")).copied()
@@ -100,20 +120,25 @@ def test_killed_worker_fails_its_row_and_no_other(manager, broken_link):
 
 
 def test_extend_script_works_before_during_and_after_a_copy(manager, broken_link):
-    greeting = b"hello from the extend script"
-    assert manager.get(EXTEND_OUTPUT) == greeting
-    # The agent keeps a script's output for some seconds; a changed command line has it run anew.
+    """Its output carries its process id: each answer is a run of its own, reaped by who started it."""
+
+    def greeting():
+        output = manager.get(EXTEND_OUTPUT).decode()
+        assert re.fullmatch(r"hello from \d+", output)
+        return output
+
+    def another_run_than(*earlier):
+        """The agent keeps an output for a second."""
+        return wait_for(lambda: (output := greeting()) not in earlier and output, 5, "another run of the script")
+
+    before = greeting()
     request = running_copy(manager, "extended.cfg")
-    assert fresh_extend(manager) == greeting
+    during = another_run_than(before)
+    assert request.get(STATE) == STATE_RUNNING
     broken_link()
     assert request.finished(45) == (STATE_SUCCESSFUL, GENERAL)
-    assert fresh_extend(manager) == greeting
+    another_run_than(before, during)
     assert zombies(agent_pid()) == []
-
-
-def fresh_extend(manager):
-    manager.set((".1.3.6.1.4.1.8072.1.3.2.2.1.5.8.103.114.101.101.116.105.110.103", "i", 0))  # nsExtendCacheTime
-    return manager.get(EXTEND_OUTPUT)
 
 
 def test_destroyed_row_of_a_running_copy(manager, broken_link):

@@ -17,22 +17,26 @@ def test_create_and_wait_then_columns_then_active(manager):
 
 
 @pytest.mark.parametrize("place", ["first", "last"])
-@pytest.mark.parametrize("status", [CREATE_AND_GO, ACTIVE])
-def test_new_row_and_all_columns_in_one_pdu(manager, place, status):
+def test_create_and_go_with_all_columns_in_one_pdu(manager, place):
     request = Request(manager)
     pairs = upload(SERVER4, "at-once.cfg")
-    row_status = ((ROW_STATUS, status),)
+    row_status = ((ROW_STATUS, CREATE_AND_GO),)
     request.set(*(row_status + pairs if place == "first" else pairs + row_status))
     assert request.finished() == (STATE_SUCCESSFUL, GENERAL)
     assert request.get(ROW_STATUS) == ACTIVE
     assert (SERVER_ROOT / "at-once.cfg").read_text() == show("running")
 
 
-def test_active_on_absent_row_without_its_columns_is_refused(manager):
+@pytest.mark.parametrize("pairs", [(), upload(SERVER4, "never.cfg")], ids=["alone", "with columns"])
+def test_active_on_absent_row(manager, pairs):
+    """It makes a row, and a row that says active takes no columns: so there is nothing that it could start. The row stays, until destroyed."""
     request = Request(manager)
     with pytest.raises(SnmpError) as refusal:
-        request.activate()
+        request.set((ROW_STATUS, ACTIVE), *pairs)
     assert refusal.value.status == "inconsistentValue"
+    assert request.get(ROW_STATUS, STATE, FILE_NAME) == [ACTIVE, STATE_WAITING, b""]
+    request.destroy()
+    assert not request.exists()
 
 
 def test_create_and_go_of_incomplete_request_waits_for_the_rest(manager):
@@ -68,7 +72,7 @@ def test_defaults(manager):
     request = Request(manager).create()
     assert request.columns() == {
         PROTOCOL: TFTP, SOURCE: NETWORK, DESTINATION: STARTUP, LEGACY_ADDRESS: None, FILE_NAME: b"", USER_NAME: b"", PASSWORD: b"", NOTIFY: FALSE,
-        STATE: STATE_WAITING, TIME_STARTED: 0, TIME_COMPLETED: 0, FAIL_CAUSE: GENERAL, ROW_STATUS: NOT_READY, ADDRESS_TYPE: IPV4, ADDRESS: None,
+        STATE: STATE_WAITING, TIME_STARTED: 0, TIME_COMPLETED: 0, FAIL_CAUSE: GENERAL, ROW_STATUS: NOT_READY, ADDRESS_TYPE: 0, ADDRESS: None,
     }
 
 
@@ -82,12 +86,12 @@ def test_walk_over_several_rows_is_in_order_and_complete(manager, tool):
         assert {column: value for oid, value in walked for column in COLUMNS if oid == row.oid(column)} == row.columns()
 
 
-def test_walk_leaves_out_the_legacy_address_of_an_ipv6_server(manager):
-    Request(manager, 3).create(*upload(SERVER6, "six.cfg"))
-    Request(manager, 5).create(*upload(SERVER4, "four.cfg"))
-    assert manager.walk(f"{COPY_ENTRY}.{LEGACY_ADDRESS}") == [(f"{COPY_ENTRY}.{LEGACY_ADDRESS}.5", f"{SERVER4}")]
-    assert manager.walk(f"{COPY_ENTRY}.{ADDRESS}") == [(f"{COPY_ENTRY}.{ADDRESS}.3", address_octets(SERVER6)),
-                                                       (f"{COPY_ENTRY}.{ADDRESS}.5", address_octets(SERVER4))]
+def test_ipv6_server_has_no_legacy_address(manager):
+    Request(manager, 3).create(*upload(SERVER4, "four.cfg"))
+    Request(manager, 5).create(*upload(SERVER6, "six.cfg"))
+    assert manager.walk(f"{COPY_ENTRY}.{LEGACY_ADDRESS}") == [(f"{COPY_ENTRY}.{LEGACY_ADDRESS}.3", SERVER4)]
+    assert manager.walk(f"{COPY_ENTRY}.{ADDRESS}") == [(f"{COPY_ENTRY}.{ADDRESS}.3", address_octets(SERVER4)),
+                                                       (f"{COPY_ENTRY}.{ADDRESS}.5", address_octets(SERVER6))]
 
 
 def test_get_next_between_rows_and_past_them(manager):
