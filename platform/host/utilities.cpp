@@ -106,6 +106,10 @@ int run_and_wait(const std::array<int, 3> &streams, std::vector<char *> &argv) {
             return -1;
         }
     }
+    if (WIFSIGNALED(status)) {
+        errno = EINTR;
+        return -WTERMSIG(status);
+    }
     return status;
 }
 
@@ -119,6 +123,9 @@ struct StatusText {
 constexpr StatusText status_texts[] = {
     {0x00000000U, "success"},
     {0x401E0003U, "configuration action initiated"},
+    {0x401E0010U, "the file can't be read or is no configuration"},
+    {0x401E0011U, "a line of the startup configuration is not valid"},
+    {0x401E0012U, "the startup configuration could not be stored"},
     {0x40490001U, "the operation failed"},
     {0x40490002U, "no such entry"},
     {0x40490009U, "the message could not be sent"},

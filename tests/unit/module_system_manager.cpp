@@ -314,6 +314,17 @@ TEST_F(SystemManager, AgentsDebugFileGetsStateAndSilence) {
     journal.take();
 }
 
+/* A request may be kept still when its row is gone, for example aged out after its destruction was asked and abandoned. */
+TEST_F(SystemManager, NextRequestReplacesOneThatIsKeptStill) {
+    cfg_action_request = fake_msgbus.make(answer_opcode, "");
+    fake_msgbus.answers = {{0, answer_opcode, initiated}};
+    EXPECT_EQ(do_cp_runningtostartup(running_request(COPY_FILE_STARTUP).get()), 0U);
+    ASSERT_EQ(journal.take().size(), 4U); /* the former request dropped; sent, received, answer dropped */
+    ASSERT_NE(cfg_action_request, nullptr);
+    EXPECT_EQ(msgbus_rr_token_get(cfg_action_request), MsgbusFake::first_token);
+    release_start_request(); /* the fake sees a message that is lost */
+}
+
 /* --- abort ------------------------------------------------------------------------------------------------------------------------ */
 
 class Abort : public SystemManager {

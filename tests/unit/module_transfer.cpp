@@ -10,12 +10,12 @@
 
 namespace {
 
-/* local file /work/local.cfg, remote file dir/remote.cfg */
+/* local file /data/local.cfg, remote file dir/remote.cfg */
 class Transfer : public ExecutionTest {
   protected:
     static std::unique_ptr<ccCopyEntry> request(int32_t protocol) {
         auto record = copy_request(COPY_FILE_RUNNING, COPY_FILE_NETWORK, protocol);
-        put_text(record->ccCopySrcFileName, "/work/local.cfg");
+        put_text(record->ccCopySrcFileName, "/data/local.cfg");
         return record;
     }
     /* Runs one transfer; what it wrote to standard error is in errors_, what it called without the chassis look-up in calls_. */
@@ -94,10 +94,10 @@ TEST_F(Transfer, TftpUpload) {
     for (const int good : {0, 1, 4096}) {
         fake_tftp.transfer_result = good;
         EXPECT_EQ(run(COPY_UPLOAD, request(COPY_PROTO_TFTP)), 0);
-        EXPECT_EQ(calls_, tftp_connected + Lines{"tftp put /work/local.cfg dir/remote.cfg 0 default"});
+        EXPECT_EQ(calls_, tftp_connected + Lines{"tftp put /data/local.cfg dir/remote.cfg 0 default"});
         EXPECT_EQ(history(),
                   (Records{{EVTRACE_DEBUG, "do_nw_upload_download : get chassis type return 0\n"},
-                           {EVTRACE_DEBUG, "do_nw_upload_download : Putting the file (/work/local.cfg)to the server (dir/remote.cfg)\n"},
+                           {EVTRACE_DEBUG, "do_nw_upload_download : Putting the file (/data/local.cfg)to the server (dir/remote.cfg)\n"},
                            {EVTRACE_DEBUG, "do_nw_upload_download : File dir/remote.cfg is uploaded\n"}}));
         EXPECT_EQ(errors_, "");
     }
@@ -106,9 +106,9 @@ TEST_F(Transfer, TftpUpload) {
 TEST_F(Transfer, TftpDownload) {
     fake_chassis.type_result = 77;
     EXPECT_EQ(run(COPY_DOWNLOAD, request(COPY_PROTO_TFTP)), 0);
-    EXPECT_EQ(calls_, tftp_connected + Lines{"tftp get dir/remote.cfg /work/local.cfg 0 default"});
+    EXPECT_EQ(calls_, tftp_connected + Lines{"tftp get dir/remote.cfg /data/local.cfg 0 default"});
     EXPECT_EQ(history(), (Records{{EVTRACE_DEBUG, "do_nw_upload_download : get chassis type return 77\n"},
-                                  {EVTRACE_DEBUG, "do_nw_upload_download : Getting file dir/remote.cfg to local file /work/local.cfg \n"},
+                                  {EVTRACE_DEBUG, "do_nw_upload_download : Getting file dir/remote.cfg to local file /data/local.cfg \n"},
                                   {EVTRACE_DEBUG, "do_nw_upload_download :  File dir/remote.cfg is downloaded\n"}}));
     EXPECT_EQ(errors_, "");
 }
@@ -136,12 +136,12 @@ TEST_F(Transfer, TftpTransferFails) {
         const std::string number = std::to_string(error);
         fake_tftp.transfer_result = error;
         EXPECT_EQ(run(COPY_UPLOAD, request(COPY_PROTO_TFTP)), cause);
-        EXPECT_EQ(calls_, tftp_connected + Lines{"tftp put /work/local.cfg dir/remote.cfg 0 default"});
+        EXPECT_EQ(calls_, tftp_connected + Lines{"tftp put /data/local.cfg dir/remote.cfg 0 default"});
         EXPECT_LOGGED(EVTRACE_ERROR,
                       "do_nw_upload_download : Putting to  the tftp server failed : tftp error " + number + " (errno: " + number + ")\n");
 
         EXPECT_EQ(run(COPY_DOWNLOAD, request(COPY_PROTO_TFTP)), cause);
-        EXPECT_EQ(calls_, tftp_connected + Lines{"tftp get dir/remote.cfg /work/local.cfg 0 default"});
+        EXPECT_EQ(calls_, tftp_connected + Lines{"tftp get dir/remote.cfg /data/local.cfg 0 default"});
         EXPECT_LOGGED(EVTRACE_ERROR,
                       "do_nw_upload_download : Getting from tftp server failed :(" + number + ") tftp error " + number + "\n");
     }
@@ -157,7 +157,7 @@ TEST_F(Transfer, ServerTextIsCut) {
     put_text(sftp->ccCopyServerAddressRev1, std::string(64, 's'));
     EXPECT_EQ(run(COPY_UPLOAD, sftp), 0);
     EXPECT_EQ(calls_[0], "execute -1 -1 -1 /ulmo/bin/sftp.expect [" + std::string(63, 's') +
-                             "] [alice] [secret] [put] [/work/local.cfg] [dir/remote.cfg] default");
+                             "] [alice] [secret] [put] [/data/local.cfg] [dir/remote.cfg] default");
 }
 
 /* --- scripts ---------------------------------------------------------------------------------------------------------------------- */
@@ -174,28 +174,28 @@ struct Script {
 class Scripts : public Transfer, public ::testing::WithParamInterface<Script> {};
 
 const Script scripts[] = {
-    {COPY_PROTO_FTP, COPY_UPLOAD, "/ulmo/bin/snmp.ftp.expect [10.0.0.1] [/work/local.cfg] [dir/remote.cfg] [alice] [secret] [put]",
-     " : Putting the file (/work/local.cfg)to the server (dir/remote.cfg)\n", "ftp.expect",
-     "FTP_PUT  add 10.0.0.1 ccCopySrcFileName /work/local.cfg ccCopyFileName dir/remote.cfg ccCopyUserName alice ccCopyUserPassword "
+    {COPY_PROTO_FTP, COPY_UPLOAD, "/ulmo/bin/snmp.ftp.expect [10.0.0.1] [/data/local.cfg] [dir/remote.cfg] [alice] [secret] [put]",
+     " : Putting the file (/data/local.cfg)to the server (dir/remote.cfg)\n", "ftp.expect",
+     "FTP_PUT  add 10.0.0.1 ccCopySrcFileName /data/local.cfg ccCopyFileName dir/remote.cfg ccCopyUserName alice ccCopyUserPassword "
      "secret"},
-    {COPY_PROTO_FTP, COPY_DOWNLOAD, "/ulmo/bin/snmp.ftp.expect [10.0.0.1] [dir/remote.cfg] [/work/local.cfg] [alice] [secret] [get]",
-     " : Getting file dir/remote.cfg to local file /work/local.cfg \n", "ftp.expect",
-     "FTP_GET  add 10.0.0.1 ccCopySrcFileName /work/local.cfg ccCopyFileName dir/remote.cfg ccCopyUserName alice ccCopyUserPassword "
+    {COPY_PROTO_FTP, COPY_DOWNLOAD, "/ulmo/bin/snmp.ftp.expect [10.0.0.1] [dir/remote.cfg] [/data/local.cfg] [alice] [secret] [get]",
+     " : Getting file dir/remote.cfg to local file /data/local.cfg \n", "ftp.expect",
+     "FTP_GET  add 10.0.0.1 ccCopySrcFileName /data/local.cfg ccCopyFileName dir/remote.cfg ccCopyUserName alice ccCopyUserPassword "
      "secret"},
-    {COPY_PROTO_SFTP, COPY_UPLOAD, "/ulmo/bin/sftp.expect [10.0.0.1] [alice] [secret] [put] [/work/local.cfg] [dir/remote.cfg]",
-     " : Putting the file (/work/local.cfg)to the server (dir/remote.cfg)\n", "sftp.expect",
-     "SFTP_PUT  add 10.0.0.1 ccCopySrcFileName /work/local.cfg ccCopyFileName dir/remote.cfg ccCopyUserName alice ccCopyUserPassword "
+    {COPY_PROTO_SFTP, COPY_UPLOAD, "/ulmo/bin/sftp.expect [10.0.0.1] [alice] [secret] [put] [/data/local.cfg] [dir/remote.cfg]",
+     " : Putting the file (/data/local.cfg)to the server (dir/remote.cfg)\n", "sftp.expect",
+     "SFTP_PUT  add 10.0.0.1 ccCopySrcFileName /data/local.cfg ccCopyFileName dir/remote.cfg ccCopyUserName alice ccCopyUserPassword "
      "secret"},
-    {COPY_PROTO_SFTP, COPY_DOWNLOAD, "/ulmo/bin/sftp.expect [10.0.0.1] [alice] [secret] [get] [dir/remote.cfg] [/work/local.cfg]",
-     " : Getting file dir/remote.cfg to local file /work/local.cfg \n", "sftp.expect",
-     "SFTP_GET  add 10.0.0.1 ccCopySrcFileName /work/local.cfg ccCopyFileName dir/remote.cfg ccCopyUserName alice ccCopyUserPassword "
+    {COPY_PROTO_SFTP, COPY_DOWNLOAD, "/ulmo/bin/sftp.expect [10.0.0.1] [alice] [secret] [get] [dir/remote.cfg] [/data/local.cfg]",
+     " : Getting file dir/remote.cfg to local file /data/local.cfg \n", "sftp.expect",
+     "SFTP_GET  add 10.0.0.1 ccCopySrcFileName /data/local.cfg ccCopyFileName dir/remote.cfg ccCopyUserName alice ccCopyUserPassword "
      "secret"},
-    {COPY_PROTO_SCP, COPY_UPLOAD, "/ulmo/bin/scp.expect [/work/local.cfg] [alice@10.0.0.1:dir/remote.cfg] [secret]",
-     ": executing command: /ulmo/bin/scp.expect /work/local.cfg alice@10.0.0.1:dir/remote.cfg secret", "scp.expect",
-     "SCP_PUT ccCopySrcFileName /work/local.cfg tmp_buf alice@10.0.0.1:dir/remote.cfg passwd secret"},
-    {COPY_PROTO_SCP, COPY_DOWNLOAD, "/ulmo/bin/scp.expect [alice@10.0.0.1:dir/remote.cfg] [/work/local.cfg] [secret]",
-     ": executing command: /ulmo/bin/scp.expect alice@10.0.0.1:dir/remote.cfg /work/local.cfg secret", "scp.expect",
-     "SCP_GET ccCopySrcFileName /work/local.cfg tmp_buf alice@10.0.0.1:dir/remote.cfg passwd secret"},
+    {COPY_PROTO_SCP, COPY_UPLOAD, "/ulmo/bin/scp.expect [/data/local.cfg] [alice@10.0.0.1:dir/remote.cfg] [secret]",
+     ": executing command: /ulmo/bin/scp.expect /data/local.cfg alice@10.0.0.1:dir/remote.cfg secret", "scp.expect",
+     "SCP_PUT ccCopySrcFileName /data/local.cfg tmp_buf alice@10.0.0.1:dir/remote.cfg passwd secret"},
+    {COPY_PROTO_SCP, COPY_DOWNLOAD, "/ulmo/bin/scp.expect [alice@10.0.0.1:dir/remote.cfg] [/data/local.cfg] [secret]",
+     ": executing command: /ulmo/bin/scp.expect alice@10.0.0.1:dir/remote.cfg /data/local.cfg secret", "scp.expect",
+     "SCP_GET ccCopySrcFileName /data/local.cfg tmp_buf alice@10.0.0.1:dir/remote.cfg passwd secret"},
 };
 
 TEST_P(Scripts, ArgumentsMessagesAndResults) {
@@ -257,7 +257,7 @@ TEST_F(Transfer, TargetOfScpIsCut) {
     put_text(record->ccCopyFileName, std::string(255, 'f'));
     EXPECT_EQ(run(COPY_UPLOAD, record), 0);
     const std::string target = ("alice@10.0.0.1:" + std::string(255, 'f')).substr(0, 255);
-    EXPECT_EQ(calls_, Lines{"execute -1 -1 -1 /ulmo/bin/scp.expect [/work/local.cfg] [" + target + "] [secret] default"});
+    EXPECT_EQ(calls_, Lines{"execute -1 -1 -1 /ulmo/bin/scp.expect [/data/local.cfg] [" + target + "] [secret] default"});
 }
 
 /* --- what is refused -------------------------------------------------------------------------------------------------------------- */

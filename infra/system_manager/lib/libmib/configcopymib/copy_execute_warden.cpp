@@ -154,6 +154,7 @@ uint32_t do_cp_runningtostartup(struct ccCopyEntry *record) {
     options.wait = 1;
     cc_log(EVTRACE_DEBUG, "Sending request to warden to start copy running to startup");
     const struct warden_cfg_action request = start_request_of(record);
+    drop_start_request(); /* one that outlived its row */
     if (msgbus_send(msgbus_response_q, MSGBUS_NODE_LOCAL, MSGBUS_SAP_WARDEN, MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION, &request,
                     sizeof request, &cfg_action_request, 0, 0) < 0) {
         const int error = errno;

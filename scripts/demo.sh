@@ -1,0 +1,101 @@
+#!/usr/bin/env bash
+# Shows the main job in a few seconds, with stock SNMP tools: a switch's running configuration travels to a TFTP server and back, driven by
+# SNMP, with the notification at the end; then a refused request and a failed copy. Installs and builds what it needs. Exits with 0 only
+# if all of it held.
+set -euo pipefail
+
+if [[ -z ${LAB_AGENT:-} ]]; then # outside: make the lab, and come back inside
+    scripts=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+    bash "$scripts/install-packages.sh"
+    exec bash "$scripts/lab.sh" exec -- bash "$scripts/demo.sh"
+fi
+
+repository=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+export MIBDIRS=$repository/mibs:$repository/mibs/base MIBS=CONFIG-COPY-MIB
+
+title() { printf '\n\033[1m--- %s\033[0m\n' "$*"; }
+say() { printf '# %s\n' "$*"; }
+fail() { printf 'demo: %s\n' "$*" >&2; exit 1; }
+
+# Shows a command and runs it.
+run() {
+    local word line='$'
+    for word in "$@"; do
+        [[ $word =~ ^[[:alnum:]./:_=+-]+$ ]] && line+=" $word" || line+=" '$word'"
+    done
+    printf '%s\n' "$line"
+    "$@"
+}
+
+value_of() { snmpget -Oqvt "$LAB_AGENT" "$1"; }
+
+# Polls a request until its copy has ended; the final state is left in $state.
+wait_for_end() {
+    local deadline=$((SECONDS + 30))
+    state=$(value_of "ccCopyState.$1")
+    while [[ $state == waiting || $state == running ]]; do
+        ((SECONDS < deadline)) || fail "request $1 is still $state"
+        sleep 0.1
+        state=$(value_of "ccCopyState.$1")
+    done
+    printf '$ snmpget %s ccCopyState.%s     # again and again, until it has ended\n%s\n' "$LAB_AGENT" "$1" "$state"
+}
+
+expect_state() { [[ $state == "$1" ]] || fail "the copy ended as $state instead of $1"; }
+
+title "The switch and what it runs"
+run /ulmo/bin/cmdshell -c "show running-config"
+
+title "Back up: running configuration to the TFTP server $LAB_SERVER4"
+say "1. a new request in row 1, filled column by column"
+run snmpset "$LAB_AGENT" ccCopyEntryRowStatus.1 i createAndWait
+run snmpset "$LAB_AGENT" ccCopyProtocol.1 i tftp ccCopySourceFileType.1 i runningConfig ccCopyDestFileType.1 i networkFile
+run snmpset "$LAB_AGENT" ccCopyServerAddressType.1 i ipv4 ccCopyServerAddressRev1.1 d "$LAB_SERVER4"
+run snmpset "$LAB_AGENT" ccCopyFileName.1 s backup.cfg ccCopyNotificationOnCompletion.1 i true
+say "2. go"
+run snmpset "$LAB_AGENT" ccCopyEntryRowStatus.1 i active
+wait_for_end 1
+expect_state successful
+say "3. the file on the server is, byte for byte, what the switch runs"
+run ls -l "$LAB_SERVER_ROOT/backup.cfg"
+/ulmo/bin/cmdshell -c "show running-config" | cmp - "$LAB_SERVER_ROOT/backup.cfg" || fail "the backup differs"
+echo "equal"
+say "4. the notification that the manager received"
+deadline=$((SECONDS + 5))
+until notification=$(grep -F '.1.3.6.1.4.1.41927.9.96.2.1.1.1' "$LAB_TRAPS"); do
+    ((SECONDS < deadline)) || fail "no notification came"
+    sleep 0.1
+done
+tr '\t' '\n' <<<"$notification" | sed 's/^/  /'
+
+title "Restore: change the file, copy it into the running configuration"
+run sed -i 's/^hostname .*/hostname restored-switch/' "$LAB_SERVER_ROOT/backup.cfg"
+say "one SET makes row 2, fills it and starts the copy"
+run snmpset "$LAB_AGENT" ccCopyEntryRowStatus.2 i createAndGo ccCopySourceFileType.2 i networkFile ccCopyDestFileType.2 i runningConfig \
+    ccCopyServerAddress.2 a "$LAB_SERVER4" ccCopyFileName.2 s backup.cfg
+wait_for_end 2
+expect_state successful
+run /ulmo/bin/cmdshell -c "show running-config"
+/ulmo/bin/cmdshell -c "show running-config" | grep -qx 'hostname restored-switch' || fail "the configuration was not applied"
+
+title "A request that is refused"
+say "the switch does not copy to itself"
+run snmpset "$LAB_AGENT" ccCopyEntryRowStatus.3 i createAndWait ccCopySourceFileType.3 i runningConfig ccCopyDestFileType.3 i networkFile \
+    ccCopyServerAddress.3 a 127.0.0.1 ccCopyFileName.3 s backup.cfg
+if run snmpset "$LAB_AGENT" ccCopyEntryRowStatus.3 i active 2>&1; then
+    fail "the request was accepted"
+fi
+
+title "A copy that fails"
+say "there is no such file on the server"
+run snmpset "$LAB_AGENT" ccCopyEntryRowStatus.4 i createAndGo ccCopySourceFileType.4 i networkFile ccCopyDestFileType.4 i runningConfig \
+    ccCopyServerAddress.4 a "$LAB_SERVER4" ccCopyFileName.4 s no-such-file.cfg
+wait_for_end 4
+expect_state failed
+run snmpget "$LAB_AGENT" ccCopyFailCause.4
+[[ $(value_of ccCopyFailCause.4) == badFileName ]] || fail "the cause is wrong"
+
+title "All requests; they age out by themselves after five minutes"
+run snmptable -CB -Cw 150 "$LAB_AGENT" ccCopyTable
+
+printf '\nAll of it held.\n'
