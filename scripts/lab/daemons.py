@@ -244,7 +244,7 @@ class FileServer:
                            "--tftpd-timeout", "86400", "--logfile", "-", "--verbose=6", SERVER_ROOT]
             else:
                 bracketed = f"[{address}]" if version == 6 else address
-                command = [self.unpacked / "root-tftpd-hpa/usr/sbin/in.tftpd", "--foreground", "--verbose", "--user", USER, "--create", "--permissive",
+                command = [self.unpacked / "root-tftpd-hpa/usr/sbin/in.tftpd", "--foreground", "--verbose", "--user", USER, "--create",
                            f"--ipv{version}", "--address", f"{bracketed}:69", "--secure", SERVER_ROOT]
             daemons.append(Daemon(f"tftp-ipv{version}", network.on_server(*command), self._serves_file(address)))
         return daemons

@@ -8,6 +8,8 @@ import pytest
 
 sys.path.insert(0, str(Path(__file__).parent))
 
+pytest.register_assert_rewrite("copy_table", "transfers")
+
 import copy_table as ct
 
 if not ct.AGENT:

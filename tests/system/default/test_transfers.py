@@ -1,3 +1,18 @@
-"""Copies over the network and between the switch's configurations."""
+"""Copies over the network."""
 
+import pytest
+from copy_table import *
 from transfers import *  # the cases that every TFTP server must pass
+
+
+def test_file_that_may_not_be_read(manager):
+    serve("secret.cfg", "hostname stolen\n", mode=0o600)
+    before = show("running")
+    assert Request(manager).create(*download(SERVER4, "secret.cfg")).fails() == BAD_FILE_NAME
+    assert show("running") == before
+
+
+def test_file_that_may_not_be_written(manager):
+    path = serve("protected.cfg", "untouched\n", mode=0o444)
+    assert Request(manager).create(*upload(SERVER4, "protected.cfg")).fails() == BAD_FILE_NAME
+    assert path.read_text() == "untouched\n"
