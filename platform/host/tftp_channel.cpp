@@ -71,6 +71,11 @@ bool is_unreachable(int number) {
            number == EPROTO || number == ENOPROTOOPT;
 }
 
+// Who asks for a file learns the same of a host that can't be reached as of a network: that there is no way to the server.
+int without_host(int number) {
+    return number == EHOSTUNREACH || number == EHOSTDOWN ? ENETUNREACH : number;
+}
+
 } // namespace
 
 TransferError system_error(int number, const std::string &detail) {
@@ -102,7 +107,7 @@ bool same_host(const sockaddr_storage &one, const sockaddr_storage &other) {
 std::size_t path_payload(const Endpoint &server) {
     const UniqueFd probe = open_socket(server);
     if (::connect(probe.get(), plain(server.address), server.address_octets) != 0) {
-        throw system_error(errno);
+        throw system_error(without_host(errno));
     }
     const bool is_ipv6 = server.address.ss_family == AF_INET6;
     int mtu = 0;
@@ -135,7 +140,7 @@ void Channel::send(Octets packet) {
             return; // as good as lost on the way
         }
         if (!drain_errors() && problem != EINTR) {
-            throw system_error(problem);
+            throw system_error(without_host(problem));
         }
     }
 }
@@ -161,6 +166,9 @@ std::optional<Packet> Channel::receive(Clock::time_point until) {
             }
             continue;
         }
+        if (final_ != 0) { // and nothing that the server said before is left
+            throw system_error(final_);
+        }
         if (Clock::now() >= until) {
             return std::nullopt;
         }
@@ -181,16 +189,21 @@ void Channel::adopt() {
 }
 
 std::optional<Octets> Channel::next_datagram() {
-    socklen_t octets = sizeof source_;
-    const ssize_t received = ::recvfrom(socket_.get(), buffer_.data(), buffer_.size(), MSG_DONTWAIT, plain(source_), &octets);
-    if (received >= 0) {
-        return Octets(buffer_.data(), static_cast<std::size_t>(received));
+    for (;;) {
+        socklen_t octets = sizeof source_;
+        const ssize_t received = ::recvfrom(socket_.get(), buffer_.data(), buffer_.size(), MSG_DONTWAIT, plain(source_), &octets);
+        if (received >= 0) {
+            return Octets(buffer_.data(), static_cast<std::size_t>(received));
+        }
+        const int problem = errno;
+        if (problem == EAGAIN || problem == EINTR) {
+            return std::nullopt;
+        }
+        // A report comes ahead of the datagrams that wait: read on behind it.
+        if (!drain_errors()) {
+            throw system_error(problem, "cannot receive");
+        }
     }
-    const int problem = errno;
-    if (problem != EAGAIN && problem != EINTR && !drain_errors()) {
-        throw system_error(problem, "cannot receive");
-    }
-    return std::nullopt;
 }
 
 // Reads what the network reported about packets of this socket. False if it reported nothing.
@@ -217,11 +230,11 @@ bool Channel::drain_errors() {
             }
             sock_extended_err report{};
             std::memcpy(&report, CMSG_DATA(header), sizeof report);
-            const int number = static_cast<int>(report.ee_errno);
+            const int number = without_host(static_cast<int>(report.ee_errno));
+            // A server that refuses a transfer says why and closes its port: its last words may still wait to be read.
             if (number == ECONNREFUSED || (is_unreachable(number) && !adopted_)) {
-                throw system_error(number);
-            }
-            if (is_unreachable(number)) {
+                final_ = number;
+            } else if (is_unreachable(number)) {
                 unreachable_ = number; // a path may come back in the course of a transfer
             }
         }

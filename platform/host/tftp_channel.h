@@ -80,6 +80,7 @@ class Channel {
     sockaddr_storage source_{};
     bool adopted_ = false;
     int unreachable_ = 0;
+    int final_ = 0; // an errno value that ends the transfer once nothing of the server's is left to read
     std::vector<std::uint8_t> buffer_;
 };
 

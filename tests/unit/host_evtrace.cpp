@@ -1,7 +1,7 @@
 #include "platform/evtrace.h"
 #include "platform/host/history.h"
-#include "platform/host/host_log.h"
 #include "platform/host/history_ring.h"
+#include "platform/host/host_log.h"
 #include "platform/utilities.h"
 #include "tests/unit/scratch.h"
 

@@ -139,6 +139,29 @@ TEST_F(TftpTest, ServerThatEndsInTheCourseOfATransfer) {
     EXPECT_EQ(session.put(write("local", std::string(5000, 'x')), "remote"), system_result(ECONNREFUSED));
 }
 
+// The server's reason counts, although the report about its closed port comes ahead of it.
+TEST_F(TftpTest, LastWordsOfAServerThatClosesItsPort) {
+    TestServer server([](Dialogue &dialogue) {
+        dialogue.send(ack(0));
+        dialogue.send(error(3, "Disk full"));
+    });
+    connect(server);
+    EXPECT_EQ(session.put(write("local", std::string(5000, 'x')), "remote"), -3);
+}
+
+// A network namespace where the kernel knows that there is no way to the host.
+TEST_F(TftpTest, HostWithoutAWayIsReportedAsItsNetwork) {
+    int result = 0;
+    int prepared = -1;
+    std::thread([&] {
+        prepared = ::unshare(CLONE_NEWNET) == 0 ? std::system("ip route add unreachable 192.0.2.1") : -1;
+        session.connect("192.0.2.1", -1);
+        result = session.get("remote", path("got"));
+    }).join();
+    ASSERT_EQ(prepared, 0) << "this test needs root and ip(8)";
+    EXPECT_EQ(result, -201);
+}
+
 // A network namespace without any route.
 TEST_F(TftpTest, NoRouteIsNetworkUnreachable) {
     int result = 0;
@@ -148,9 +171,7 @@ TEST_F(TftpTest, NoRouteIsNetworkUnreachable) {
         session.connect("192.0.2.1", -1);
         result = session.get("remote", path("got"));
     }).join();
-    if (unshared != 0) {
-        GTEST_SKIP() << "no right to make a network namespace";
-    }
+    ASSERT_EQ(unshared, 0) << "this test needs root";
     EXPECT_EQ(result, -201);
     EXPECT_EQ(session.text(result), "Network is unreachable");
 }

@@ -181,7 +181,8 @@ void refuse_what_is_planted() {
 }
 
 TEST_F(Trace, PlantedPipeAndHardLinkAreRefused) {
-    IN_A_FRESH_PROCESS(refuse_what_is_planted, "^Can't open /tmp/cfg_snmp_debug\\.log\\.[0-9]+Can't open /tmp/cfg_snmp_debug\\.log\\.[0-9]+$");
+    IN_A_FRESH_PROCESS(refuse_what_is_planted,
+                       "^Can't open /tmp/cfg_snmp_debug\\.log\\.[0-9]+Can't open /tmp/cfg_snmp_debug\\.log\\.[0-9]+$");
 }
 
 void close_an_open_file() {
