@@ -1,5 +1,6 @@
 #!/bin/bash
-# Runs the system tests, each folder of tests/system in a lab made with the options that stand in its file `options`.
+# Runs the system tests, each folder of tests/system in a lab made with the options that stand in its file `options`; then tests/lab, which tests
+# the lab itself, on this machine. The last line is "N passed, N failed".
 #
 #   scripts/run-system-tests.sh [--results DIR] [FOLDER… [-- PYTEST ARGUMENTS…]]
 #
@@ -7,7 +8,7 @@
 set -euo pipefail
 
 scripts=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
-tests=$(dirname "$scripts")/tests/system
+tests=$(dirname "$scripts")/tests
 results=$(dirname "$scripts")/build/system-tests
 folders=()
 while [[ $# -gt 0 ]]; do
@@ -18,23 +19,46 @@ while [[ $# -gt 0 ]]; do
     esac
 done
 if [[ ${#folders[@]} -eq 0 ]]; then
-    for options in "$tests"/*/options; do
+    for options in "$tests"/system/*/options; do
         folders+=("$(basename "$(dirname "$options")")")
     done
+    folders+=(lab)
 fi
 
 rm -rf "$results"
 mkdir -p "$results"
-build=(${LAB_NO_BUILD:+--no-build})
+"$scripts/lab.sh" exec -- true # brings the build up to date
 status=0
+pytest=(env PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 -m pytest -p no:cacheprovider -q --durations=5 --strict-markers)
 for folder in "${folders[@]}"; do
-    read -r -a options <"$tests/$folder/options" || [[ ${#options[@]} -eq 0 ]]
-    echo "== $folder ${options[*]}"
-    if ! "$scripts/lab.sh" exec "${build[@]}" "${options[@]}" --keep-logs "$results/$folder" -- \
-        env PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 -m pytest -p no:cacheprovider -q --durations=5 --strict-markers \
-        --junitxml="$results/$folder.xml" "$tests/$folder" "$@"; then
-        status=1
+    report=--junitxml=$results/$folder.xml
+    if [[ $folder == lab ]]; then
+        echo "== the lab itself"
+        as_root=()
+        [[ $EUID -eq 0 ]] || as_root=(sudo)
+        "${as_root[@]}" "${pytest[@]}" "$report" "$tests/lab" "$@" || status=1
+    else
+        read -r -a options <"$tests/system/$folder/options"
+        echo "== $folder ${options[*]}"
+        "$scripts/lab.sh" exec --no-build "${options[@]}" --keep-logs "$results/$folder" -- "${pytest[@]}" "$report" "$tests/system/$folder" "$@" || status=1
     fi
-    build=(--no-build)
 done
+/usr/bin/python3 - "$results" "${folders[@]}" <<'END' || status=1
+# Counts over all reports. A folder without a report, or a test that did not run, is a failure.
+import sys
+import xml.etree.ElementTree as xml
+
+total = bad = 0
+for folder in sys.argv[2:]:
+    try:
+        (suite,) = xml.parse(f"{sys.argv[1]}/{folder}.xml").getroot().iter("testsuite")
+    except FileNotFoundError:
+        print(f"{folder}: no report")
+        total, bad = total + 1, bad + 1
+        continue
+    total += int(suite.get("tests"))
+    bad += sum(int(suite.get(kind)) for kind in ("failures", "errors", "skipped"))
+print(f"{total - bad} passed, {bad} failed")
+sys.exit(bad > 0)
+END
 exit "$status"
