@@ -120,6 +120,27 @@ def test_server_without_a_route(manager):
     assert Request(manager).create(*upload("198.51.100.1", "nowhere.cfg")).fails() == TIMEOUT
 
 
+def test_server_that_is_not_there(manager):
+    """An address of the server's own network where nobody answers."""
+    assert Request(manager).create(*upload("192.0.2.99", "nowhere.cfg")).fails() == TIMEOUT
+
+
+def test_running_to_startup_without_a_system_manager(manager):
+    """Nobody takes the request: the row goes on running until it is destroyed, and the next copy starts."""
+    request = Request(manager).create((SOURCE, RUNNING), (DESTINATION, STARTUP), (NOTIFY, TRUE))
+    request.activate()
+    assert request.get(STATE, ROW_STATUS) == [STATE_RUNNING, ACTIVE]
+    other = Request(manager).create(*upload(SERVER4, "after.cfg"))
+    with pytest.raises(SnmpError) as refusal:
+        other.activate()
+    assert refusal.value.status == "genErr"
+    assert request.get(STATE) == STATE_RUNNING
+    request.destroy()
+    assert not request.exists()
+    other.copied()
+    assert completions(request.index) == []
+
+
 def test_server_that_never_answers(operator, broken_link):
     """As long as the client waits for an answer: about 20 seconds."""
     before = show("running")
