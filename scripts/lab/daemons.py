@@ -252,7 +252,7 @@ class FileServer:
     def _serves_file(self, address):
         """A real download works. From the switch, but for a link that loses frames, which says nothing about the server."""
         host = f"[{address}]" if ":" in address else address
-        fetch = ("curl", "--silent", "--max-time", "4", f"tftp://{host}/.probe")
+        fetch = ("curl", "--silent", "--max-time", "0.5", f"tftp://{host}/.probe")
         if network.wants_relay(self.options):
             fetch = network.on_server(*fetch)
 
