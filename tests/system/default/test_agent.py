@@ -102,6 +102,9 @@ def test_restart_during_a_copy_binds_the_port(manager, broken_link):
     # What the old agent's worker reports belongs to no row of the new agent.
     Request(manager).create(*upload(SERVER4, "anew.cfg")).copied()
     assert (SERVER_ROOT / "anew.cfg").read_text() == show("running")
+    # The orphan's folder had no agent left to clear it away; the next start of the agent does.
+    lab_ctl("restart-agent")
+    assert list(WORK.glob("*")) == []
 
 
 def test_killed_worker_fails_its_row_and_no_other(manager, silent_server):
