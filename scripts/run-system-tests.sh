@@ -38,7 +38,7 @@ for folder in "${folders[@]}"; do
         [[ $EUID -eq 0 ]] || as_root=(sudo)
         "${as_root[@]}" "${pytest[@]}" "$report" "$tests/lab" "$@" || status=1
     else
-        read -r -a options <"$tests/system/$folder/options"
+        read -r -a options <<<"$(<"$tests/system/$folder/options")"
         echo "== $folder ${options[*]}"
         "$scripts/lab.sh" exec --no-build "${options[@]}" --keep-logs "$results/$folder" -- "${pytest[@]}" "$report" "$tests/system/$folder" "$@" || status=1
     fi

@@ -21,6 +21,9 @@ constexpr Clock::duration first_wait = std::chrono::seconds(1);
 constexpr Clock::duration least_wait = std::chrono::milliseconds(200);
 constexpr Clock::duration longest_wait = std::chrono::seconds(8);
 
+// How long a report that the server's port is closed may be ahead of what the server sent before it closed it.
+constexpr Clock::duration last_words = std::chrono::milliseconds(200);
+
 // Room for a window that arrives while the file system is busy. The kernel bounds it as configured.
 constexpr int receive_buffer = 512 * 1024;
 
@@ -166,14 +169,15 @@ std::optional<Packet> Channel::receive(Clock::time_point until) {
             }
             continue;
         }
-        if (final_ != 0) { // and nothing that the server said before is left
+        const auto now = Clock::now();
+        if (final_ != 0 && now >= final_at_) { // and nothing that the server said before has come
             throw system_error(final_);
         }
-        if (Clock::now() >= until) {
+        if (now >= until) {
             return std::nullopt;
         }
         pollfd readable{socket_.get(), POLLIN, 0};
-        const timespec left = remaining(until);
+        const timespec left = remaining(final_ != 0 ? std::min(until, final_at_) : until);
         if (::ppoll(&readable, 1, &left, nullptr) < 0 && errno != EINTR) {
             throw system_error(errno, "cannot wait for the server");
         }
@@ -231,8 +235,9 @@ bool Channel::drain_errors() {
             sock_extended_err report{};
             std::memcpy(&report, CMSG_DATA(header), sizeof report);
             const int number = without_host(static_cast<int>(report.ee_errno));
-            // A server that refuses a transfer says why and closes its port: its last words may still wait to be read.
+            // A server that refuses a transfer says why and closes its port: its last words may still wait to be read, or be on the way.
             if (number == ECONNREFUSED || (is_unreachable(number) && !adopted_)) {
+                final_at_ = final_ == 0 ? Clock::now() + last_words : final_at_;
                 final_ = number;
             } else if (is_unreachable(number)) {
                 unreachable_ = number; // a path may come back in the course of a transfer

@@ -80,7 +80,8 @@ class Channel {
     sockaddr_storage source_{};
     bool adopted_ = false;
     int unreachable_ = 0;
-    int final_ = 0; // an errno value that ends the transfer once nothing of the server's is left to read
+    int final_ = 0;              // an errno value that ends the transfer once nothing of the server's is left to read ...
+    Clock::time_point final_at_; // ... and this time has come
     std::vector<std::uint8_t> buffer_;
 };
 

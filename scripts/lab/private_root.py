@@ -22,17 +22,22 @@ def mount(source, target, kind=None, flags=0, data=None):
         raise OSError(number, os.strerror(number), f"mount on {target}")
 
 
+def _bind(source, target):
+    """Shows `source` at `target`. What is mounted in it later on the machine appears here too, but nothing that is mounted here appears there."""
+    mount(source, target, flags=MS_BIND | MS_REC)
+    mount(None, target, flags=MS_SLAVE | MS_REC)
+
+
 def _show(source, target):
     """The machine's file, folder or link `source` under the name `target`."""
     if source.is_symlink():
         target.symlink_to(os.readlink(source))
     elif source.is_dir():
         target.mkdir()
-        mount(source, target, flags=MS_BIND | MS_REC)
-        mount(None, target, flags=MS_SLAVE | MS_REC)
+        _bind(source, target)
     elif source.is_file():
         target.touch()
-        mount(source, target, flags=MS_BIND)
+        _bind(source, target)
 
 
 def _assemble(source, target):
@@ -68,11 +73,11 @@ def enter(visible):
     mount("sysfs", top / "sys", "sysfs", MS_NOSUID | MS_NODEV | MS_NOEXEC)
     if (top / "dev/shm").is_dir():
         mount("shm", top / "dev/shm", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777")
-    for path in visible:
-        if any(str(path).startswith(f"{private}/") for private in PRIVATE):
-            place = top / path.relative_to("/")
-            place.mkdir(parents=True, exist_ok=True)
-            mount(path, place, flags=MS_BIND | MS_REC)
+    for path in sorted(visible):
+        place = top / path.relative_to("/")
+        if any(str(path).startswith(f"{private}/") for private in PRIVATE) and not place.exists():
+            place.mkdir(parents=True)
+            _bind(path, place)
     mount("proc", top / "proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC)
     os.chroot(top)
     os.chdir("/")

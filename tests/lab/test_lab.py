@@ -70,6 +70,15 @@ def test_nothing_is_left_on_the_machine():
     assert not Path("/tmp/left-by-the-lab").exists()
 
 
+def test_nothing_is_mounted_on_a_machine_that_shares_its_mounts():
+    """As under systemd, where what is mounted in one namespace appears in others."""
+    lab_words = " ".join(str(word) for word in command("true"))
+    script = f"mount --make-rshared / && cat /proc/self/mountinfo && echo === && {lab_words} && cat /proc/self/mountinfo"
+    done = subprocess.run(["unshare", "--mount", "sh", "-c", script], check=True, stdout=subprocess.PIPE, text=True)
+    before, after = done.stdout.split("===\n")
+    assert before == after and " shared:" in before
+
+
 @pytest.mark.parametrize("signal", [9, 15], ids=["SIGKILL", "SIGTERM"])
 def test_end_of_the_caller_ends_the_lab(signal):
     before, marker = machine(), f"{time.time_ns()}"

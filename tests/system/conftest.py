@@ -1,6 +1,5 @@
 """Fixtures of the system tests. They run inside the lab: scripts/run-system-tests.sh."""
 
-import os
 import sys
 from pathlib import Path
 
@@ -37,7 +36,6 @@ def operator():
 @pytest.fixture(autouse=True)
 def quiet_switch():
     """Every test begins with an empty table, no copy and a known configuration, and leaves the agent alive and without zombies."""
-    pid = ct.agent_pid()
     yield
     manager = ct.Manager("v3")
     for oid, _ in manager.walk(f"{ct.COPY_ENTRY}.{ct.ROW_STATUS}"):
@@ -52,8 +50,7 @@ def quiet_switch():
     ct.wait_for(lambda: not ct.children(ct.agent_pid()), 45, "the end of the agent's children")
     for file in ct.SERVER_ROOT.iterdir():
         file.unlink()
-    if pid == ct.agent_pid():
-        assert os.listdir(ct.work_directory()) == []
+    assert [*ct.WORK.glob("*"), *ct.work_directory().iterdir()] == []
 
 
 @pytest.fixture

@@ -263,6 +263,9 @@ def zombies(pid):
     return [child for child in children(pid) if process_state(child) == "Z"]
 
 
+WORK = STATE_DIRECTORY / "work"  # where the agent's workers have their directories
+
+
 def work_directory():
-    """Where the agent's workers make their files."""
+    """The agent's own."""
     return Path(os.readlink(f"/proc/{agent_pid()}/cwd"))

@@ -12,7 +12,5 @@ def test_download_that_does_not_fit(manager):
     state, cause = request.finished()
     assert state == STATE_FAILED and cause in (GENERAL, NO_SPACE)
     assert show("running") == before
-    for left in work_directory().iterdir():
-        left.unlink()
     Request(manager).create(*upload(SERVER4, "fits.cfg")).copied()
     assert (SERVER_ROOT / "fits.cfg").read_text() == before

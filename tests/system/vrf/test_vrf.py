@@ -31,4 +31,4 @@ def test_file_name_reaches_the_server_as_it_is(manager, name):
     request = Request(manager).create(*upload(SERVER4, name))
     request.copied()
     assert os.listdir(SERVER_ROOT) == [name]
-    assert os.listdir(work_directory()) == []
+    assert os.listdir(WORK) == []
