@@ -132,7 +132,10 @@ void become_worker(const std::vector<int> &foreign) noexcept {
         let_go_of(foreign);
         enter_private_directory();
     } catch (const std::exception &failure) {
+        // A copy writes files under names that a manager chose: not where the agent happens to run. The agent reports this end as a
+        // failure.
         log_error("worker: no private directory: %s", failure.what());
+        ::_exit(EXIT_FAILURE);
     }
 }
 

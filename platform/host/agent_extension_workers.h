@@ -19,7 +19,7 @@ std::filesystem::path worker_directory(pid_t worker);
 
 // Turns the calling process, just forked from the agent, into a worker: the agent's signal handlers are off, no socket and none of
 // `foreign` is held any more (their numbers stand for /dev/null, so that nothing else gets them), and the working directory is a private,
-// locked one. The standard streams stay when they lead to a local service, such as the journal. Does not throw.
+// locked one; without such a directory the process ends. The standard streams stay when they lead to a local service, such as the journal.
 void become_worker(const std::vector<int> &foreign) noexcept;
 
 // Removes the folders of workers that are gone. Does not throw.

@@ -305,10 +305,12 @@ CC_EXPORT uint32_t handle_copy_failure(void);
 CC_EXPORT uint32_t handle_copy_success(void);
 
 #define CC_NOTIFICATION_OID_LENGTH 13
-#define CC_NOTIFICATION_KIND 6 /* enterprise specific */
 /* The bindings of ccCopyCompletion for the row, the caller's to send. `oid_buffer` has room for CC_NOTIFICATION_OID_LENGTH sub-identifiers.
  */
 CC_EXPORT netsnmp_variable_list *build_notification(const struct ccCopyEntry *record, oid *oid_buffer, uint32_t *oid_length);
+
+/* Sends the completion notification of a row that asks for it. */
+void cc_notify_if_asked(const struct ccCopyEntry *record);
 
 CC_EXPORT void cfgentry_age_timer_handler(unsigned int clientreg, void *clientarg);
 CC_EXPORT int cc_handle_starttime_change(int major, int minor, void *serverarg, void *clientarg);

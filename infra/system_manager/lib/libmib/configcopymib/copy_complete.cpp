@@ -87,6 +87,17 @@ netsnmp_variable_list *build_notification(const struct ccCopyEntry *record, oid 
     return list.head;
 }
 
+void cc_notify_if_asked(const struct ccCopyEntry *record) {
+    static constexpr int ENTERPRISE_SPECIFIC = 6;
+    if (record->ccCopyNotificationOnCompletion != TRUTH_TRUE) {
+        return;
+    }
+    oid notification[CC_NOTIFICATION_OID_LENGTH];
+    uint32_t length = 0;
+    netsnmp_variable_list *bindings = build_notification(record, notification, &length);
+    enqueue_notification(ENTERPRISE_SPECIFIC, notification, length, bindings);
+}
+
 /* --- messages ------------------------------------------------------------------------------------------------------------------------- */
 
 uint32_t handle_copy_done(int32_t status) {
@@ -104,12 +115,7 @@ uint32_t handle_copy_done(int32_t status) {
         }
     }
     /* Deliberate: also when no copy is running, on the table's last row. */
-    if (row.ccCopyNotificationOnCompletion == TRUTH_TRUE) {
-        oid notification[CC_NOTIFICATION_OID_LENGTH];
-        uint32_t length = 0;
-        netsnmp_variable_list *bindings = build_notification(&row, notification, &length);
-        enqueue_notification(CC_NOTIFICATION_KIND, notification, length, bindings);
-    }
+    cc_notify_if_asked(&row);
     return 0;
 }
 

@@ -117,12 +117,7 @@ static void refused(const char *function, struct ccCopyEntry *record) {
     if (setCcCopyEntry(record, 0) != 0) {
         cc_log(EVTRACE_ERROR, "ERROR  %s : Set to entry (index= %d) failed \n", function, record->ccCopyIndex);
     }
-    if (record->ccCopyNotificationOnCompletion == TRUTH_TRUE) {
-        oid notification[CC_NOTIFICATION_OID_LENGTH];
-        uint32_t length = 0;
-        netsnmp_variable_list *bindings = build_notification(record, notification, &length);
-        enqueue_notification(CC_NOTIFICATION_KIND, notification, length, bindings);
-    }
+    cc_notify_if_asked(record);
 }
 
 /* The first answer's status word has come: take it over into the record. */
