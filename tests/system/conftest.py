@@ -67,3 +67,11 @@ def lines_of():
         path = Path("/tmp/take-back.cfg")
         path.write_text("".join(f"no {statement}\n" for statement in reversed(added)))
         ct.run("cmdshell", "-c", f"configure {path}")
+
+
+@pytest.fixture
+def broken_link():
+    """No frame passes between switch and server, until the test mends the link or ends."""
+    ct.lab_ctl("break-link")
+    yield lambda: ct.lab_ctl("mend-link")
+    ct.lab_ctl("mend-link")

@@ -10,14 +10,6 @@ from copy_table import *
 
 EXTEND_OUTPUT = '.1.3.6.1.4.1.8072.1.3.2.3.1.1.8.103.114.101.101.116.105.110.103'  # nsExtendOutput1Line."greeting"
 DLMOD_STATUS = ".1.3.6.1.4.1.2021.13.14.2.1.5"  # dlmodStatus: 1 loaded, 2 unloaded; writing 4 loads, 5 unloads
-
-
-@pytest.fixture
-def broken_link():
-    lab_ctl("break-link")
-    yield lambda: lab_ctl("mend-link")
-    lab_ctl("mend-link")
-
 NOTIFICATION_LOG_LIMIT = ".1.3.6.1.2.1.92.1.1.1.0"  # nlmConfigGlobalEntryLimit, RFC 3014
 
 SILENT = "192.0.2.66"

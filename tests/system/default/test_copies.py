@@ -6,14 +6,6 @@ from copy_table import *
 SERVERS = pytest.mark.parametrize("server", [SERVER4, SERVER6], ids=["ipv4", "ipv6"])
 
 
-@pytest.fixture
-def broken_link():
-    """No frame passes between switch and server, until the test mends the link or ends."""
-    lab_ctl("break-link")
-    yield lambda: lab_ctl("mend-link")
-    lab_ctl("mend-link")
-
-
 def test_state_goes_waiting_running_successful(manager, broken_link):
     request = Request(manager).create(*upload(SERVER4, "states.cfg"))
     assert request.get(STATE, TIME_STARTED, TIME_COMPLETED) == [STATE_WAITING, 0, 0]

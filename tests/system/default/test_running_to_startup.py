@@ -1,0 +1,132 @@
+"""The agent's side of a copy to the startup configuration, with a system manager that does what the test wants."""
+
+import struct
+import time
+
+import pytest
+from copy_table import *
+from stand_in import ABORT, ACTION, BEGUN, DONE, INITIATED, REFUSED, SystemManager
+
+SYSTEM_MANAGER_REFUSED, SYSTEM_MANAGER_FAILED = 8, 9
+DEVICE_ADDRESS_TYPE, DEVICE_ADDRESS, SWITCH_WWN, ERROR_TEXT = range(2, 6)
+
+
+def save(manager, destination=STARTUP, **index):
+    return Request(manager, **index).create((SOURCE, RUNNING), (DESTINATION, destination), (NOTIFY, TRUE))
+
+
+def change_times():
+    file = STATE_DIRECTORY / "change-times"
+    return {int(kind): int(when) for kind, when in map(str.split, file.read_text().splitlines())} if file.exists() else {}
+
+
+@pytest.fixture
+def fabric():
+    """How the last action went in a fabric of three; the local switch's address comes from its management port."""
+    file = STATE_DIRECTORY / "fabric-status"
+    file.write_text("20:00:00:00:00:00:00:01 local - saved\n"
+                    "20:00:00:00:00:00:00:02 remote 192.0.2.77 no answer in 10 s\n"
+                    "ff:00:00:00:00:00:00:03 remote 2001:db8::77 no space on device\n")
+    yield
+    file.unlink()
+
+
+@pytest.mark.parametrize("destination", [STARTUP, FABRIC_STARTUP, ALL_STARTUP])
+def test_save_that_succeeds(manager, destination):
+    began = int(time.time())
+    with SystemManager(INITIATED) as system_manager:
+        request = save(manager, destination)
+        request.activate()
+        assert request.get(STATE) == STATE_RUNNING
+        ((opcode, _, payload),) = system_manager.requests
+        assert (opcode, len(payload)) == (ACTION, 140)
+        fabric, everything = struct.unpack_from(">I", payload, 28)[0], struct.unpack_from(">I", payload, 40)[0]
+        assert (fabric, everything) == (destination == FABRIC_STARTUP, destination == ALL_STARTUP)
+        system_manager.ended(0)
+        assert request.finished() == (STATE_SUCCESSFUL, GENERAL)
+    wait_for(lambda: completions(request.index), what="the notification")
+    assert set(change_times()) >= {2, 3} and all(when >= began for when in change_times().values())
+
+
+def test_begun_makes_a_waiting_row_run(manager):
+    with SystemManager(INITIATED) as system_manager:
+        request = save(manager)
+        system_manager.tell(BEGUN)
+        wait_for(lambda: request.get(STATE) == STATE_RUNNING, what="the running row")
+        system_manager.ended(0)
+        assert request.finished() == (STATE_SUCCESSFUL, GENERAL)
+
+
+def test_refused_save(manager):
+    with SystemManager(REFUSED):
+        request = save(manager)
+        request.activate()
+        assert request.get(STATE, FAIL_CAUSE) == [STATE_FAILED, SYSTEM_MANAGER_REFUSED]
+    wait_for(lambda: completions(request.index), what="the notification")
+
+
+@pytest.mark.parametrize("answer", [None, DONE], ids=["none", "done"])
+def test_answer_that_leaves_the_row_running(manager, answer):
+    """A system manager that is gone before its answer does not hold the agent up."""
+    with SystemManager(answer):
+        request = save(manager)
+        request.activate()
+        assert request.get(STATE) == STATE_RUNNING
+        request.destroy()
+    Request(manager).create(*upload(SERVER4, "next.cfg")).copied()
+
+
+def test_destroy_aborts_and_the_next_copy_starts(manager):
+    with SystemManager(INITIATED) as system_manager:
+        request = save(manager)
+        request.activate()
+        request.destroy()
+        wait_for(lambda: len(system_manager.requests) == 2, what="the abort")
+        (_, token, _), (opcode, _, payload) = system_manager.requests
+        assert (opcode, payload) == (ABORT, struct.pack(">II", token, 0))
+    Request(manager).create(*upload(SERVER4, "next.cfg")).copied()
+
+
+def test_message_of_another_save_is_ignored(manager, broken_link):
+    """A save that nobody asked for over SNMP does not end a network copy."""
+    def ignored():
+        return run("ulmo-history").count("copy run2start not initiated by us. ignore it")
+
+    before = ignored()
+    with SystemManager(INITIATED) as system_manager:
+        request = Request(manager).create(*upload(SERVER4, "other.cfg"))
+        request.activate()
+        system_manager.ended(0)
+        wait_for(lambda: ignored() > before, what="the line in the history")
+        assert request.get(STATE) == STATE_RUNNING
+        broken_link()
+        assert request.finished(within=45) == (STATE_SUCCESSFUL, GENERAL)
+
+
+@pytest.mark.parametrize("tool", ["snmpwalk", "snmpbulkwalk"])
+def test_failed_fabric_saves_fill_the_error_table(manager, fabric, tool):
+    """Two failed requests and a walk over all 19 columns of both tables."""
+    with SystemManager(INITIATED) as system_manager:
+        requests = []
+        for index in (70, 7):
+            requests.append(save(manager, FABRIC_STARTUP, index=index))
+            requests[-1].set(*server_columns(SERVER4))
+            requests[-1].activate()
+            system_manager.ended(1)
+            assert requests[-1].finished() == (STATE_FAILED, SYSTEM_MANAGER_FAILED)
+    walked = manager.walk(ROOT, tool)
+    rows = [(7, 1), (7, 2), (7, 3), (70, 1), (70, 2), (70, 3)]
+    assert [oid for oid, _ in walked] == (
+        [f"{COPY_ENTRY}.{column}.{index}" for column in COLUMNS for index in (7, 70)]
+        + [f"{ERROR_ENTRY}.{column}.{index}.{error}" for column in range(DEVICE_ADDRESS_TYPE, ERROR_TEXT + 1) for index, error in rows])
+    values = dict(walked)
+
+    def error_row(index, error):
+        return [values[f"{ERROR_ENTRY}.{column}.{index}.{error}"] for column in range(DEVICE_ADDRESS_TYPE, ERROR_TEXT + 1)]
+
+    assert error_row(7, 1) == [IPV4, address_octets(AGENT), bytes.fromhex("2000000000000001"), octets("saved")]
+    assert error_row(70, 2) == [IPV4, address_octets("192.0.2.77"), bytes.fromhex("2000000000000002"), octets("no answer in 10 s")]
+    assert error_row(70, 3) == [IPV6, address_octets("2001:db8::77"), bytes.fromhex("ff00000000000003"), octets("no space on device")]
+    requests[1].destroy()
+    left = [oid for oid, _ in manager.walk(f"{ERROR_ENTRY}.{ERROR_TEXT}")]
+    assert left == [f"{ERROR_ENTRY}.{ERROR_TEXT}.70.{error}" for error in (1, 2, 3)]
