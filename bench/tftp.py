@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Moves a file over the lab's link with our TFTP client and with curl, and prints the throughput of each.
 
-Run it in a lab whose link takes 10 ms each way: scripts/lab.sh --delay 10 exec -- bench/tftp.py [--size MIB] [--runs N] [--put]
+Run it in a lab whose link takes 10 ms each way: scripts/lab.sh exec --delay 10 -- bench/tftp.py [--size MIB] [--runs N] [--put]
 
 curl sends one block and waits for its acknowledgement: with blocks of 512 octets and 20 ms for a round trip, 16 MiB take it eleven minutes, and
 with blocks of 1428 octets four. Give --size a smaller number for a quick look.

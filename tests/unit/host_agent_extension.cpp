@@ -797,6 +797,7 @@ class HostAgentClock : public testing::Test {
     }
     static timeval start() { return *static_cast<const timeval *>(netsnmp_get_agent_starttime()); }
 
+    host_test::Platform platform_{agent_directory().path()};
     std::chrono::nanoseconds passed_{0};
     ulmo::StartTimeKeeper keeper_{{1500000s, 500s}};
 };

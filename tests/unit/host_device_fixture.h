@@ -1,13 +1,13 @@
 // A state directory of its own for each test of the device and of what stands on it.
 #pragma once
 
+#include "scratch.h"
+
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -33,23 +33,6 @@ inline mode_t permissions(const std::filesystem::path &path) {
 
 class DeviceTest : public testing::Test {
   protected:
-    DeviceTest() {
-        std::string name = (std::filesystem::temp_directory_path() / "ulmo-device.XXXXXX").string();
-        if (::mkdtemp(name.data()) == nullptr) {
-            throw std::system_error(errno, std::generic_category(), name);
-        }
-        directory_ = name;
-        ::setenv("ULMO_STATE_DIR", state().c_str(), 1);
-        ::setenv("ULMO_CONF", (directory_ / "platform.conf").c_str(), 1);
-        std::filesystem::create_directory(state());
-    }
-    ~DeviceTest() override {
-        ::unsetenv("ULMO_STATE_DIR");
-        ::unsetenv("ULMO_CONF");
-        std::error_code ignored;
-        std::filesystem::remove_all(directory_, ignored);
-    }
-
     std::filesystem::path state() const { return directory_ / "state"; }
     std::filesystem::path running() const { return state() / "running.cfg"; }
     std::filesystem::path startup() const { return state() / "system.cfg"; }
@@ -59,5 +42,6 @@ class DeviceTest : public testing::Test {
         return directory_ / name;
     }
 
-    std::filesystem::path directory_;
+    const Scratch scratch_;
+    const std::filesystem::path directory_ = scratch_.root();
 };
