@@ -31,4 +31,4 @@ def print_table(unit, columns, rates):
     print(f"{'':36} {'size':>16} {'min':>10} {'median':>10} {'max':>10}  {unit}")
     for name, values in rates.items():
         low, middle, high = min(values), statistics.median(values), max(values)
-        print(f"{name:36} {columns[name]:>16} {low:10.4g} {middle:10.4g} {high:10.4g}")
+        print(f"{name:36} {columns[name]:>16} {low:12,.3f} {middle:12,.3f} {high:12,.3f}")
