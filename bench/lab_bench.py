@@ -28,7 +28,7 @@ def run(*command):
 
 def print_table(unit, columns, rates):
     """One line for each name in `rates`: what `columns` holds of it, and least, median and greatest rate of its runs."""
-    print(f"{'':36} {'size':>16} {'min':>10} {'median':>10} {'max':>10}  {unit}")
+    print(f"{'':36} {'size':>16} {'min':>12} {'median':>12} {'max':>12}  {unit}")
     for name, values in rates.items():
         low, middle, high = min(values), statistics.median(values), max(values)
         print(f"{name:36} {columns[name]:>16} {low:12,.3f} {middle:12,.3f} {high:12,.3f}")
