@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <system_error>
 
@@ -60,9 +61,30 @@ class EmbeddedBackend final : public DeviceBackend {
         }
     }
 
-    void save() override {
+    void save(const std::vector<std::filesystem::path> &copies, const std::function<void()> &before_commit) override {
         const auto lock = locked(FileLock::Mode::exclusive);
-        replace_state_file(startup_file_, to_text(running()));
+        const std::string text = to_text(running());
+        std::set<std::filesystem::path> paths; // a file may be named twice
+        for (const std::filesystem::path &copy : copies) {
+            paths.insert((startup_file_.parent_path() / copy).lexically_normal());
+        }
+        paths.erase(startup_file_.lexically_normal());
+        std::vector<PendingFile> files;
+        for (const std::filesystem::path &path : paths) {
+            files.emplace_back(path, text);
+        }
+        files.emplace_back(startup_file_, text);
+        if (before_commit) {
+            before_commit();
+        }
+        for (PendingFile &file : files) {
+            file.commit();
+        }
+    }
+
+    void start() override {
+        const auto lock = locked(FileLock::Mode::exclusive);
+        replace_state_file(running_file_, bounded_text(initial()));
     }
 
     void store_startup(std::string_view text) override {
@@ -94,13 +116,19 @@ class EmbeddedBackend final : public DeviceBackend {
         if (const auto text = stored(running_file_)) {
             return parsed(*text, running_file_);
         }
+        Configuration configuration = initial();
+        replace_state_file(running_file_, bounded_text(configuration));
+        return configuration;
+    }
+
+    // What a device that starts runs.
+    Configuration initial() const {
         Configuration configuration;
         if (const auto text = stored(startup_file_)) {
             configuration = parsed(*text, startup_file_);
         } else {
             configuration.hostname = "switch";
         }
-        replace_state_file(running_file_, bounded_text(configuration));
         return configuration;
     }
 

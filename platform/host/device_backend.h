@@ -3,15 +3,18 @@
 
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace ulmo {
 
 enum class ConfigurationStore { running, startup };
 
-// Every operation is seen whole or not at all, by other processes and after a crash. Operations that throw have changed nothing.
+// Every operation is seen whole or not at all, by other processes and after a crash. Operations that throw have changed nothing
+// (but for save() to several files, whose last one is the startup configuration: an earlier one may have got its new content).
 // ConfigurationError (configuration_text.h) says that a text given was refused; every other exception is a failure of the device.
 class DeviceBackend {
   public:
@@ -24,8 +27,14 @@ class DeviceBackend {
     // Executes the statements of `text` on the running configuration, in order, after the whole text has been checked.
     virtual void apply(std::string_view text) = 0;
 
-    // Makes the running configuration the startup configuration.
-    virtual void save() = 0;
+    // Makes the running configuration the startup configuration, and the content of the files `copies` as well (relative names are names in
+    // the device's own directory). `before_commit`, where there is one, is called when all of it lies prepared on the disk and nothing has
+    // changed yet; if it throws, nothing changes.
+    virtual void save(const std::vector<std::filesystem::path> &copies, const std::function<void()> &before_commit) = 0;
+    void save() { save({}, {}); }
+
+    // The device starts: the startup configuration, or else the factory default, becomes the running configuration.
+    virtual void start() = 0;
 
     // Makes `text` the startup configuration, octet for octet, after it has been checked.
     virtual void store_startup(std::string_view text) = 0;

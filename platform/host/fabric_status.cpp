@@ -13,7 +13,7 @@ namespace ulmo {
 namespace {
 
 std::filesystem::path status_file() {
-    return state_dir() / "fabric-status";
+    return run_dir() / "fabric-status";
 }
 
 std::optional<FabricSwitchStatus> parsed(const std::string &line) {

@@ -1,5 +1,5 @@
-// How the last fabric-wide action went on each switch, as the system manager leaves it for the agent: the file `fabric-status` of the state
-// directory, one switch a line: `WWN local|remote ADDRESS|- TEXT`.
+// How the last fabric-wide action went on each switch, as the system manager leaves it for the agent: the file `fabric-status` of the run
+// directory (the disk with the state may be full, which is then what is to be told), one switch a line: `WWN local|remote ADDRESS|- TEXT`.
 #pragma once
 
 #include "platform/host/wwn.h"

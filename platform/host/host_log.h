@@ -13,4 +13,11 @@ inline constexpr uint32_t host_module_id = 0x740000;
 void log_error(const char *format, ...) __attribute__((format(printf, 1, 2)));
 void log_debug(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
+// As log_debug(), for what an operator wants to read of a daemon.
+void log_notice(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+// Makes this process a daemon whose log is its standard error: errors and notices also go there, one line each with the UTC time in front,
+// or without it where the journal (systemd.exec(5), $JOURNAL_STREAM) writes the time itself.
+void log_to_standard_error();
+
 } // namespace ulmo

@@ -83,19 +83,6 @@ uint32_t next_token(Endpoint &endpoint) {
     return endpoint.last_token;
 }
 
-UniqueFd connect_to(uint32_t sap, int &error) {
-    UniqueFd connection = make_bus_socket();
-    const SocketAddress address(sap_path(sap));
-    error = 0;
-    if (::connect(connection.get(), address.get(), address.length()) != 0) {
-        error = errno;
-    } else if (const ucred server = peer_of(connection.get()); !is_trusted(server)) {
-        log_error("msgbus: access point %u is served by user %u, process %d: not trusted", sap, server.uid, server.pid);
-        error = EPERM;
-    }
-    return connection;
-}
-
 int bind_endpoint(int32_t kind, const msgbus_address *address, const char *name, int32_t &handle) {
     if ((kind != kind_one_way && kind != kind_requests) || address == nullptr) {
         return EINVAL;

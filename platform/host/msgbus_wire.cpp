@@ -1,6 +1,7 @@
 #include "platform/host/msgbus_wire.h"
 
 #include "platform/host/host_config.h"
+#include "platform/host/host_log.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -79,6 +80,19 @@ const sockaddr *SocketAddress::get() const {
 
 socklen_t SocketAddress::length() const {
     return sizeof(sockaddr_un);
+}
+
+UniqueFd connect_to(uint32_t sap, int &error) {
+    UniqueFd connection = make_bus_socket();
+    const SocketAddress address(sap_path(sap));
+    error = 0;
+    if (::connect(connection.get(), address.get(), address.length()) != 0) {
+        error = errno;
+    } else if (const ucred server = peer_of(connection.get()); !is_trusted(server)) {
+        log_error("msgbus: access point %u is served by user %u, process %d: not trusted", sap, server.uid, server.pid);
+        error = EPERM;
+    }
+    return connection;
 }
 
 int send_packet(int connection, uint32_t opcode, uint32_t token, const void *payload, uint32_t length) {

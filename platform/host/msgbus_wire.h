@@ -39,6 +39,10 @@ struct SocketAddress {
     sockaddr_storage storage{};
 };
 
+// A connection to who serves the access point, made without waiting; `error` is 0 or an errno value: ENOENT or ECONNREFUSED when nobody
+// serves it, EPERM when it is somebody who is not trusted. Throws std::system_error.
+UniqueFd connect_to(uint32_t sap, int &error);
+
 // Sends one packet without waiting. Returns 0 or an errno value.
 int send_packet(int connection, uint32_t opcode, uint32_t token, const void *payload, uint32_t length);
 

@@ -26,26 +26,10 @@ void check(int result, const char *what, const std::filesystem::path &path) {
     }
 }
 
-// Removes a temporary file unless it has got its final name.
-class TemporaryFile {
-  public:
-    explicit TemporaryFile(std::filesystem::path path) : path_(std::move(path)) {}
-    TemporaryFile(const TemporaryFile &) = delete;
-    TemporaryFile &operator=(const TemporaryFile &) = delete;
-    ~TemporaryFile() {
-        if (!renamed_) {
-            ::unlink(path_.c_str());
-        }
-    }
-    void rename(const std::filesystem::path &path) {
-        check(std::rename(path_.c_str(), path.c_str()), "cannot rename to", path);
-        renamed_ = true;
-    }
-
-  private:
-    std::filesystem::path path_;
-    bool renamed_ = false;
-};
+// One fixed name, so that what a killed process left behind is cleared away by the next one.
+std::filesystem::path temporary_of(const std::filesystem::path &path) {
+    return path.string() + ".new";
+}
 
 // The lock file's octets that are locked (none needs to be there). Whoever wants the files waits in the turnstile, so that a steady
 // stream of readers cannot keep a writer out.
@@ -133,28 +117,44 @@ void write_whole(const UniqueFd &file, const std::filesystem::path &path, std::s
     }
 }
 
-void replace_state_file(const std::filesystem::path &path, std::string_view data) {
-    // One fixed name, so that what a killed process left behind is cleared away by the next one.
-    const std::filesystem::path temporary = path.string() + ".new";
+PendingFile::PendingFile(std::filesystem::path path, std::string_view data) : path_(std::move(path)) {
+    const std::filesystem::path temporary = temporary_of(path_);
     if (::unlink(temporary.c_str()) != 0 && errno != ENOENT) {
         fail(errno, "cannot remove " + temporary.string());
     }
-    const UniqueFd file(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, owner_only));
-    if (!file) {
+    file_ = UniqueFd(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, owner_only));
+    if (!file_) {
         fail(errno, "cannot make " + temporary.string());
     }
-    TemporaryFile owner(temporary);
-    check(::fchmod(file.get(), owner_only), "cannot protect", temporary);
-    write_whole(file, temporary, data);
-    check(::fsync(file.get()), "cannot sync", temporary);
+    try {
+        check(::fchmod(file_.get(), owner_only), "cannot protect", temporary);
+        write_whole(file_, temporary, data);
+        check(::fsync(file_.get()), "cannot sync", temporary);
+    } catch (...) {
+        ::unlink(temporary.c_str()); // there is no object yet that would do it
+        throw;
+    }
+}
 
-    const std::filesystem::path directory_path = path.parent_path();
+PendingFile::~PendingFile() {
+    if (file_) {
+        ::unlink(temporary_of(path_).c_str());
+    }
+}
+
+void PendingFile::commit() {
+    const std::filesystem::path directory_path = path_.parent_path();
     const UniqueFd directory(::open(directory_path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!directory) {
         fail(errno, "cannot open " + directory_path.string());
     }
-    owner.rename(path);
+    check(std::rename(temporary_of(path_).c_str(), path_.c_str()), "cannot rename to", path_);
+    file_ = UniqueFd();
     check(::fsync(directory.get()), "cannot sync", directory_path);
+}
+
+void replace_state_file(const std::filesystem::path &path, std::string_view data) {
+    PendingFile(path, data).commit();
 }
 
 } // namespace ulmo

@@ -34,9 +34,24 @@ std::string read_whole(const UniqueFd &file, const std::filesystem::path &path, 
 // Writes all of `data`; throws std::system_error.
 void write_whole(const UniqueFd &file, const std::filesystem::path &path, std::string_view data);
 
-// Makes `data` the content of the file `path`, mode 0600: whatever happens, the file is the whole old one or the whole new one, and the new
-// one is on the disk when the function returns. A link in its place is replaced, not followed. Callers exclude each other with a lock.
-// Throws std::system_error.
+// A new content of the file `path`, mode 0600, that is on the disk under another name until commit() gives it its own: whatever happens,
+// the file is the whole old one or the whole new one. Callers exclude each other with a lock. Throws std::system_error.
+class PendingFile {
+  public:
+    PendingFile(std::filesystem::path path, std::string_view data);
+    PendingFile(PendingFile &&) noexcept = default;
+    PendingFile &operator=(PendingFile &&) = delete;
+    ~PendingFile(); // takes away what was not committed
+
+    // The new content is the file's, on the disk too, when the function returns. A link in its place is replaced, not followed.
+    void commit();
+
+  private:
+    std::filesystem::path path_;
+    UniqueFd file_; // holds nothing once committed
+};
+
+// Makes `data` the content of the file `path` in one step.
 void replace_state_file(const std::filesystem::path &path, std::string_view data);
 
 } // namespace ulmo

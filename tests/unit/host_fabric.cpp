@@ -69,7 +69,7 @@ class Fabric : public testing::Test {
         fabstat_status_clean();
         return switches;
     }
-    void write(const std::string &text) const { Scratch::write(scratch.state("fabric-status"), text); }
+    void write(const std::string &text) const { Scratch::write(scratch.run("fabric-status"), text); }
 
     Scratch scratch;
 };
@@ -136,8 +136,8 @@ TEST_F(Fabric, WalkEndsWhateverTheFileHolds) {
           "20:00:00:00:00:00:00:05 remote - first\n20:00:00:00:00:00:00:06 remote - second\n"
           "20:00:00:00:00:00:00:05 remote - again\n");
     EXPECT_EQ(walk(), (Texts{"05 r - first", "06 r - second"}));
-    std::filesystem::remove(scratch.state("fabric-status"));
-    std::filesystem::create_directory(scratch.state("fabric-status"));
+    std::filesystem::remove(scratch.run("fabric-status"));
+    std::filesystem::create_directory(scratch.run("fabric-status"));
     EXPECT_EQ(walk(), Texts{});
 }
 
@@ -189,17 +189,18 @@ TEST_F(Fabric, WhatIsWrittenIsRead) {
     ulmo::write_fabric_status(switches);
     EXPECT_EQ(walk(), (Texts{"01 l - saved", "02 r 2001:db8::7 two lines and a tab", "03 r - "}));
     struct stat status {};
-    ASSERT_EQ(::stat(scratch.state("fabric-status").c_str(), &status), 0);
+    ASSERT_EQ(::stat(scratch.run("fabric-status").c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777U, 0600U);
     ulmo::write_fabric_status({});
     EXPECT_EQ(walk(), Texts{});
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(scratch.root() / "state"), {}), 1) << "no temporary file stays";
+    EXPECT_FALSE(std::filesystem::exists(scratch.run("fabric-status.new")));
 }
 
 TEST_F(Fabric, FailedWriteLeavesTheOldFile) {
-    std::filesystem::create_directory(scratch.state("fabric-status"));
+    std::filesystem::create_directory(scratch.run("fabric-status"));
     EXPECT_THROW(ulmo::write_fabric_status({}), std::system_error);
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(scratch.root() / "state"), {}), 1);
+    EXPECT_TRUE(std::filesystem::is_directory(scratch.run("fabric-status")));
+    EXPECT_FALSE(std::filesystem::exists(scratch.run("fabric-status.new")));
 }
 
 // --- interfaces and addresses, each in a network namespace of its own ---

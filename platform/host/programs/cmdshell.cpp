@@ -6,7 +6,10 @@
 //
 // Exits with 0 when all went well, 1 when a command failed (one line on standard error says why) and 2 when it was called wrongly.
 #include "platform/host/device_backend.h"
+#include "platform/host/last_save.h"
+#include "platform/host/save_request.h"
 
+#include <pwd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -60,8 +63,26 @@ void show_startup(ulmo::DeviceBackend &device) {
     print(device.show(ulmo::ConfigurationStore::startup));
 }
 
+// Who runs this, for the system manager's log.
+std::string user_name() {
+    const passwd *entry = ::getpwuid(::getuid());
+    return entry != nullptr ? entry->pw_name : std::to_string(::getuid());
+}
+
 void copy_running_to_startup(ulmo::DeviceBackend &device) {
-    device.save();
+    // Through the system manager, so that it is one save at a time and everybody is told; a switch that has none running saves all the
+    // same.
+    if (!ulmo::request_save(user_name())) {
+        device.save();
+    }
+}
+
+void show_last_save(ulmo::DeviceBackend & /*device*/) {
+    const auto outcome = ulmo::last_save();
+    if (!outcome) {
+        throw std::runtime_error("nothing has been saved since the switch started");
+    }
+    print(*outcome + "\n");
 }
 
 void copy_startup_to_running(ulmo::DeviceBackend &device) {
@@ -77,6 +98,7 @@ struct Command {
 constexpr Command commands[] = {
     {"show running-config", show_running, "print the running configuration"},
     {"show startup-config", show_startup, "print the startup configuration"},
+    {"show last-save", show_last_save, "tell how the system manager's last save of this switch went"},
     {"copy running-config startup-config", copy_running_to_startup, "save the running configuration"},
     {"copy startup-config running-config", copy_startup_to_running, "apply the startup configuration"},
 };

@@ -23,7 +23,7 @@ def change_times():
 @pytest.fixture
 def fabric():
     """How the last action went in a fabric of three; the local switch's address comes from its management port."""
-    file = STATE_DIRECTORY / "fabric-status"
+    file = Path(os.environ["ULMO_RUN_DIR"]) / "fabric-status"
     file.write_text("20:00:00:00:00:00:00:01 local - saved\n"
                     "20:00:00:00:00:00:00:02 remote 192.0.2.77 no answer in 10 s\n"
                     "ff:00:00:00:00:00:00:03 remote 2001:db8::77 no space on device\n")

@@ -1,0 +1,44 @@
+#include "platform/host/last_save.h"
+
+#include "platform/host/host_config.h"
+#include "platform/host/host_log.h"
+#include "platform/host/state_file.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <system_error>
+
+namespace ulmo {
+namespace {
+
+std::filesystem::path record() {
+    return run_dir() / "last-save";
+}
+
+} // namespace
+
+std::string reason_of(const std::exception &error) {
+    const auto *failure = dynamic_cast<const std::system_error *>(&error);
+    if (failure != nullptr && failure->code() == std::errc::no_space_on_device) {
+        return "no space on device";
+    }
+    std::string reason = error.what();
+    std::replace_if(
+        reason.begin(), reason.end(), [](char c) { return static_cast<unsigned char>(c) < ' '; }, ' ');
+    return reason;
+}
+
+void record_last_save(std::string_view outcome) {
+    try {
+        replace_state_file(record(), outcome);
+    } catch (const std::exception &error) {
+        log_error("the outcome of the save can't be kept: %s", error.what());
+    }
+}
+
+std::optional<std::string> last_save() {
+    constexpr std::size_t longest = 4096;
+    return read_state_file(record(), longest);
+}
+
+} // namespace ulmo

@@ -1,0 +1,24 @@
+// How saving this switch's running configuration went the last time, in words for an operator. Kept in the run directory: the disk with the
+// state may be full, which is then what is to be told.
+#pragma once
+
+#include <exception>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace ulmo {
+
+inline constexpr std::string_view saved_text = "saved";
+
+// The reason of a failed save, short and on one line: "no space on device", or what the error says.
+std::string reason_of(const std::exception &error);
+
+// Replaces what is kept, at once and whole; a failure is logged, the save is none the worse for it.
+void record_last_save(std::string_view outcome);
+
+// saved_text, or the reason; nothing when nothing was saved since the machine booted. Throws std::system_error and
+// std::filesystem::filesystem_error.
+std::optional<std::string> last_save();
+
+} // namespace ulmo

@@ -1,0 +1,46 @@
+// wardend: the system manager's daemon. It saves the running configuration when the agent or the command line asks for it over the message
+// bus: to the startup configuration of this switch, of the fabric, or to every startup configuration that this switch keeps. When the
+// switch starts it makes the startup configuration the running one.
+//
+//   wardend      runs in the foreground until SIGTERM or SIGINT, and writes its log to standard error
+//
+// Exits with 0 when it was told to end, 1 when it can't serve (another one runs, or its directories can't be used) and 2 when it was called
+// wrongly.
+#include "platform/host/host_log.h"
+#include "platform/host/warden/warden.h"
+
+#include <sys/stat.h>
+
+#include <csignal>
+#include <cstdio>
+#include <exception>
+#include <system_error>
+
+int main(int argc, char ** /*argv*/) {
+    if (argc != 1) {
+        std::fputs("usage: wardend\n", stderr);
+        return 2;
+    }
+    constexpr mode_t no_writing_for_others = 022;
+    ::umask(no_writing_for_others);
+    std::signal(SIGPIPE, SIG_IGN);
+    ulmo::log_to_standard_error();
+    try {
+        ulmo::Warden warden;
+        try {
+            ulmo::start_switch();
+        } catch (const std::exception &error) {
+            // An operator must be able to repair it, with the system manager at work.
+            ulmo::log_error("the startup configuration can't become the running configuration: %s", error.what());
+        }
+        ulmo::log_notice("ready");
+        warden.run();
+        ulmo::log_notice("ended");
+        return 0;
+    } catch (const std::system_error &error) {
+        ulmo::log_error("can't serve: %s", error.code() == std::errc::address_in_use ? "another system manager runs" : error.what());
+    } catch (const std::exception &error) {
+        ulmo::log_error("can't serve: %s", error.what());
+    }
+    return 1;
+}
