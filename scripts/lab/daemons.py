@@ -1,4 +1,4 @@
-"""What runs in the lab: the switch's agent, the file server's daemons, the notification receiver."""
+"""What runs in the lab: daemons, those of the file server, the notification receiver. The switches' own are in switch.py."""
 
 import crypt
 import os
@@ -21,8 +21,6 @@ HERE = Path(__file__).resolve().parent
 
 USER = "netops"
 COMMUNITY = "lab"
-OPERATOR = "operator"  # the SNMPv3 user
-AUTHENTICATION, PRIVACY = "lab-authentication", "lab-privacy-key"
 
 READY_WITHIN = 20  # seconds until a daemon must have answered
 STOP_WITHIN = 10
@@ -46,15 +44,17 @@ def poll(condition, within):
 
 
 class Daemon:
-    """One process, its log, and how to see that it works."""
+    """One process, its log, how to see that it works, and with which statuses it may end when it is told to."""
 
-    def __init__(self, name, command, probe, cwd=LAB, environment=(), stdin=subprocess.DEVNULL, stdout=None):
+    def __init__(self, name, command, probe, cwd=LAB, environment=(), stdin=subprocess.DEVNULL, stdout=None, ends_with=(0, -signal.SIGTERM)):
         self.name, self.command, self.probe, self.cwd, self.stdin, self.stdout = name, command, probe, cwd, stdin, stdout
+        self.ends_with = ends_with
         self.environment = {"PATH": os.environ["PATH"], "LC_ALL": "C.UTF-8", "MIBS": "", **dict(environment)}
         self.log = LOG / f"{name}.log"
         self.process = None
+        self.wanted = False  # whether it has to run; its end is a failure then
 
-    def start(self):
+    def spawn(self):
         self.cwd.mkdir(parents=True, exist_ok=True)
         with open(self.log, "ab") as log:
             self.process = subprocess.Popen(self.command, cwd=self.cwd, env=self.environment, stdin=self.stdin,
@@ -65,12 +65,32 @@ class Daemon:
             raise Failure(f"{self.name} does not answer after {READY_WITHIN} seconds", self)
         if self.ended():
             raise Failure(f"{self.name} ended with status {self.process.returncode} while starting", self)
+        self.wanted = True
 
     def ended(self):
         return self.process is None or self.process.poll() is not None
 
+    def pid(self):
+        if self.ended():
+            raise Failure(f"{self.name} does not run")
+        return self.process.pid
+
+    def start(self):
+        if self.ended():
+            self.spawn()
+            self.await_ready()
+
+    def restart(self):
+        self.stop()
+        self.start()
+
+    def reload(self):
+        os.kill(self.pid(), signal.SIGHUP)
+        self.await_ready()
+
     def stop(self):
         """Ends it as an init system does. Anything but a clean end is a failure."""
+        self.wanted = False
         process, self.process = self.process, None
         if process is None:
             return
@@ -81,8 +101,16 @@ class Daemon:
             process.kill()
             process.wait()
             raise Failure(f"{self.name} did not end within {STOP_WITHIN} seconds of SIGTERM", self) from None
-        if status not in (0, -signal.SIGTERM):
+        if status not in self.ends_with:
             raise Failure(f"{self.name} ended with status {status} at SIGTERM", self)
+
+    def kill(self):
+        """Ends it as a crash does: without a last act."""
+        self.wanted = False
+        process, self.process = self.process, None
+        if process is not None:
+            process.kill()
+            process.wait()
 
 
 def succeeds(*words, within=5):
@@ -126,97 +154,6 @@ class Account:
     def _append(name, line):
         with open(name, "a") as file:
             file.write(line + "\n")
-
-
-class Switch:
-    """A switch: its configuration, its directories and its agent."""
-
-    device = "mgmt0"
-
-    def __init__(self, options, number=1):
-        self.options, self.number = options, number
-        self.address4, self.address6 = network.switch_addresses(number)
-        self.home = LAB / f"switch{number}"
-        self.disk = self.home / "disk"
-        self.state = self.disk / "state"
-        self.work = self.disk / "work"
-        self.clock = self.home / "clock"
-        self.build = Path(options["build_dir"])
-
-    def environment(self):
-        return {"ULMO_STATE_DIR": str(self.state), "ULMO_RUN_DIR": str(self.home / "run"), "ULMO_CONF": str(self.home / "platform.conf")}
-
-    def prepare(self):
-        private_folder_of_size(self.disk, self.options["small_disk"])
-        folder(self.state, 0o700)
-        folder(self.work)
-        folder(self.home / "run")
-        folder(self.home / "agent", 0o700)
-        settings = [f"management_interface = {self.device}"]
-        if self.options["chassis_type"] is not None:
-            settings.append(f"chassis_type = {self.options['chassis_type']}")
-        (self.home / "platform.conf").write_text("\n".join(settings) + "\n")
-        self.clock.write_text(f"{self.options['faketime'] or '+0'}\n")
-        self._prepare_agent()
-
-    def seed(self):
-        """Gives the switch a configuration that looks like one, through its own command line."""
-        text = LAB / "first.cfg"
-        text.write_text(FIRST_CONFIGURATION.format(address=self.address4))
-        for command in (f"configure {text}", "copy running-config startup-config"):
-            done = subprocess.run(["/ulmo/bin/cmdshell", "-c", command], env={**os.environ, **self.environment()}, stdin=subprocess.DEVNULL,
-                                  stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
-            if done.returncode != 0:
-                raise Failure(f"cmdshell -c '{command}' failed: {done.stdout}")
-
-    def _prepare_agent(self):
-        greeting = self.home / "greeting"
-        greeting.write_text("#!/bin/sh\necho hello from $$\n")
-        greeting.chmod(0o755)
-        lines = [
-            "# An engine id that stays, so that receivers and tests may name it.",
-            f"exactEngineID 0x80001f8804{self.number:02x}6c6162",
-            f"agentAddress udp:{self.address4}:161",
-            f"createUser {OPERATOR} SHA-256 {AUTHENTICATION} AES {PRIVACY}",
-            f"rwuser {OPERATOR} authPriv",
-            f"rwcommunity {COMMUNITY}",
-            "dontLogTCPWrappersConnects yes",
-            f"trap2sink {network.SERVER4}:162 {COMMUNITY}",
-            f"sysName lab-switch{self.number}",
-            "sysLocation the lab",
-            "sysContact nobody",
-            f"extend -cacheTime 1 greeting {greeting}",
-        ]
-        if not self.options["no_module"]:
-            lines.append(f"dlmod config_copy_mib {self.module()}")
-        (self.home / "agent" / "snmpd.conf").write_text("\n".join(lines) + "\n")
-
-    def module(self):
-        return self.build / "lib" / "config_copy_mib.so"
-
-    def agent(self, unpacked):
-        environment = {"SNMPCONFPATH": str(self.home / "agent"), "SNMP_PERSISTENT_DIR": str(self.home / "agent-persistent"), **self.environment()}
-        if self.options["faketime"]:
-            library = next(Path("/usr/lib").glob("*/faketime/libfaketime.so.1"))
-            environment |= {"LD_PRELOAD": str(library), "FAKETIME_TIMESTAMP_FILE": str(self.clock), "FAKETIME_NO_CACHE": "1"}
-        command = [unpacked / "root-snmpd/usr/sbin/snmpd", "-f", "-Le", "-I", "-smux,mteTrigger,mteTriggerConf"]
-        return Daemon(f"snmpd{self.number}", command, self._agent_answers, cwd=self.work, environment=environment)
-
-    def _agent_answers(self):
-        once = ("-r0", "-t1", "-On", "-Oqv", self.address4)
-        if not succeeds("snmpget", *once, ".1.3.6.1.2.1.1.3.0"):
-            return False
-        # The agent only logs a module that it can't load; its table of modules tells (dlmodStatus 1: loaded).
-        return self.options["no_module"] or output_of("snmpwalk", *once, ".1.3.6.1.4.1.2021.13.14.2.1.5").strip() == "1"
-
-
-FIRST_CONFIGURATION = """\
-hostname lab-switch
-!
-interface mgmt0
- description management
- ip address {address}/24
-"""
 
 
 class FileServer:

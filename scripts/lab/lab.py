@@ -14,8 +14,9 @@ REPOSITORY = HERE.parent.parent
 LAB_FAILED = 125  # as timeout(1) and env(1) have it: the status of the lab itself, not of COMMAND
 
 EPILOGUE = """\
-COMMAND runs as root on the switch, in the folder where lab.sh was called, and sees:
+COMMAND runs as root on the first switch, in the folder where lab.sh was called, and sees:
   LAB_AGENT                the agent's address, as the Net-SNMP tools take it
+  LAB_AGENTS               the agents' addresses, parted by blanks, the first switch's first
   LAB_SERVER4, LAB_SERVER6 the file server's addresses
   LAB_SERVER_ROOT          the folder that the servers serve
   LAB_USER, LAB_PASSWORD   the account on the file server
@@ -24,7 +25,11 @@ COMMAND runs as root on the switch, in the folder where lab.sh was called, and s
   LAB_LOG                  the folder with the logs of every daemon
 `snmpget $LAB_AGENT OID` works without options, over SNMPv3 authPriv; the community `lab` (-v2c -c lab) may read and write too.
 
-In the lab, `lab-ctl` stops, starts and signals the agent, cuts the cable and runs commands on the file server's host: `lab-ctl help`.
+In the lab, `lab-ctl` stops, starts and signals agents and system managers, cuts cables and runs commands on other switches and on the file
+server's host: `lab-ctl help`.
+
+With --switches the switches make one fabric: each one's settings name all others, and the SNMPv3 user by which their system managers reach each
+other. All are alike, but for what options give only one of them. The state of switch N is in /lab/switchN/disk/state.
 
 /tmp, /run, /etc, /var/log, /var/lib/snmp and /dev/shm are the lab's own and vanish with it; all other folders are the machine's. A file
 that is to outlive the lab goes into the repository or the folder where lab.sh was called.
@@ -54,6 +59,17 @@ def size(text):
     return text
 
 
+def first_switch_size(text):
+    return 1, size(text)
+
+
+def switch_size(text):
+    number, _, limit = text.partition("=")
+    if not number.isdigit():
+        raise argparse.ArgumentTypeError(f"{text} is not a switch and a size such as 2=512k")
+    return int(number), size(limit)
+
+
 def parse(arguments):
     before, separator, command = arguments, None, []
     if "--" in arguments:
@@ -62,7 +78,7 @@ def parse(arguments):
     parser = argparse.ArgumentParser(
         prog="scripts/lab.sh",
         usage="scripts/lab.sh exec [OPTIONS] -- COMMAND…  |  scripts/lab.sh shell [OPTIONS]  |  scripts/lab.sh help",
-        description="Makes a switch and its file server in namespaces of this machine, runs COMMAND there and takes all down again. Needs root.",
+        description="Makes switches and their file server in namespaces of this machine, runs COMMAND there and takes all down again. Needs root.",
         epilog=EPILOGUE,
         formatter_class=argparse.RawDescriptionHelpFormatter,
         allow_abbrev=False,
@@ -75,16 +91,19 @@ def parse(arguments):
     parser.add_argument("--no-module", action="store_true", help="the agent alone, without the module")
     parser.add_argument("--tftp-server", choices=("atftpd", "hpa"), default="atftpd",
                         help="which TFTP server: atftpd (default) knows windowsize, hpa does not")
+    parser.add_argument("--switches", metavar="N", type=within(int, 1, 16), default=1, help="how many switches (default: 1)")
     parser.add_argument("--delay", metavar="MS", type=within(float, 0, 60000), default=0,
-                        help="delay of the link between switch and server, each way, in milliseconds")
+                        help="delay of the link between the first switch and the server, each way, in milliseconds")
     parser.add_argument("--loss", metavar="PERCENT", type=within(float, 0, 100), default=0, help="part of the frames that the link loses, each way")
     parser.add_argument("--rate", metavar="KBIT", type=within(float, 0, 1e9), default=0, help="speed of the link, each way, in kbit/s")
     parser.add_argument("--cut-after", metavar="BYTES", type=within(int, 1, 2**63), help="the link goes dead after so many octets")
     parser.add_argument("--seed", metavar="N", type=within(int, 0, 2**32 - 1), default=1, help="which frames are lost (default: 1)")
-    parser.add_argument("--chassis-type", metavar="N", type=int, help="the switch's chassis type")
-    parser.add_argument("--small-disk", metavar="SIZE", type=size, help="the switch's state and working directory hold so much, for example 256k")
+    parser.add_argument("--chassis-type", metavar="N", type=int, help="the switches' chassis type")
+    parser.add_argument("--small-disk", metavar="SIZE", type=first_switch_size, action="append", dest="small_disks", default=[],
+                        help="the first switch's state and working directory hold so much, for example 256k")
+    parser.add_argument("--small-disk-of", metavar="N=SIZE", type=switch_size, action="append", dest="small_disks", help="the same for switch N")
     parser.add_argument("--server-disk", metavar="SIZE", type=size, help="the folder of the file server holds so much")
-    parser.add_argument("--faketime", metavar="SPEC", help="the agent's clock, as faketime takes it, for example +0; lab-ctl agent-clock moves it later")
+    parser.add_argument("--faketime", metavar="SPEC", help="the agents' clock, as faketime takes it, for example +0; lab-ctl agent-clock moves it later")
     parser.add_argument("--keep-logs", metavar="DIR", type=Path, help="copy the daemons' logs and the notifications to DIR at the end")
     options = parser.parse_args(before)
     if options.action == "help":
@@ -96,6 +115,9 @@ def parse(arguments):
         if command:
             parser.error("shell takes no command")
         command = [os.environ.get("SHELL", "/bin/bash")]
+    for number, _ in options.small_disks:
+        if not 1 <= number <= options.switches:
+            parser.error(f"there is no switch {number}")
     return options, command
 
 

@@ -1,10 +1,13 @@
-"""The lab's network: each switch in a network namespace, the file server in another, joined by a bridge on the server's side."""
+"""The lab's network: each switch in a network namespace, the file server in another, joined by a bridge on the server's side.
+
+COMMAND and the first switch are in the lab's main namespace; the others are named as for ip-netns: switch2, switch3 … and `server`."""
 
 import subprocess
 from pathlib import Path
 
 SERVER4, SERVER6 = "192.0.2.20", "2001:db8::20"
-SERVER = "server"  # the namespace's name for ip-netns
+SERVER = "server"
+DEVICE = "mgmt0"  # each switch's end of its link
 TUN = Path("/lab/tun")
 
 
@@ -12,23 +15,30 @@ def run(*words):
     subprocess.run(words, check=True, stdin=subprocess.DEVNULL)
 
 
+def in_namespace(name, *words):
+    return ("nsenter", f"--net=/run/netns/{name}", "--", *words)
+
+
 def on_server(*words):
-    return ("nsenter", f"--net=/run/netns/{SERVER}", "--", *words)
+    return in_namespace(SERVER, *words)
+
+
+def on_switch(number, *words):
+    return words if number == 1 else in_namespace(switch_namespace(number), *words)
+
+
+def switch_namespace(number):
+    return f"switch{number}"
 
 
 def switch_addresses(number):
-    return f"192.0.2.{9 + number}", f"2001:db8::{9 + number}"
+    host = number + (9 if number < 11 else 10)  # 20 is the server
+    return f"192.0.2.{host}", f"2001:db8::{host}"
 
 
 def make_server():
     run("ip", "netns", "add", SERVER)
-    # Nobody else is on these links: waiting for another owner of an address would only cost seconds.
-    for file in ("all", "default"):
-        without_detection = ("sh", "-c", f"echo 0 > /proc/sys/net/ipv6/conf/{file}/accept_dad")
-        run(*without_detection)
-        run(*on_server(*without_detection))
-    run("ip", "link", "set", "lo", "up")
-    run("ip", "-n", SERVER, "link", "set", "lo", "up")
+    prepare_namespace(on_server)
     # Snooping would hold back the neighbour discovery of the first seconds.
     run("ip", "-n", SERVER, "link", "add", "br0", "type", "bridge", "mcast_snooping", "0")
     run("ip", "-n", SERVER, "link", "set", "br0", "up")
@@ -36,27 +46,39 @@ def make_server():
     run("ip", "-n", SERVER, "address", "add", f"{SERVER6}/64", "dev", "br0")
 
 
-def connect_switch(number, device, relayed):
-    """Joins the device of this namespace to the server's bridge. With a relay both ends are there already."""
+def make_switch(number):
+    if number > 1:
+        run("ip", "netns", "add", switch_namespace(number))
+    prepare_namespace(lambda *words: on_switch(number, *words))
+
+
+def prepare_namespace(within):
+    # Nobody else is on these links: waiting for another owner of an address would only cost seconds.
+    run(*within("sh", "-c", "for kind in all default; do echo 0 > /proc/sys/net/ipv6/conf/$kind/accept_dad; done"))
+    run(*within("ip", "link", "set", "lo", "up"))
+
+
+def connect_switch(number, relayed):
+    """Joins the switch's device to the server's bridge. With a relay both ends are there already."""
     port = port_name(number)
     if relayed:
         run("ip", "link", "set", port, "netns", SERVER)
     else:
-        run("ip", "link", "add", device, "type", "veth", "peer", "name", port, "netns", SERVER)
+        run(*on_switch(number, "ip", "link", "add", DEVICE, "type", "veth", "peer", "name", port, "netns", SERVER))
     run("ip", "-n", SERVER, "link", "set", port, "master", "br0")
     run("ip", "-n", SERVER, "link", "set", port, "txqueuelen", "10000", "up")
-    run("ip", "link", "set", device, "txqueuelen", "10000", "up")
+    run(*on_switch(number, "ip", "link", "set", DEVICE, "txqueuelen", "10000", "up"))
     address4, address6 = switch_addresses(number)
-    run("ip", "address", "add", f"{address4}/24", "dev", device)
-    run("ip", "address", "add", f"{address6}/64", "dev", device)
+    run(*on_switch(number, "ip", "address", "add", f"{address4}/24", "dev", DEVICE))
+    run(*on_switch(number, "ip", "address", "add", f"{address6}/64", "dev", DEVICE))
 
 
 def port_name(number):
     return f"port{number}"
 
 
-def relay_command(program, options, number, device):
-    words = [program, "--tun", str(TUN), "--left", device, "--right", port_name(number), "--delay", options["delay"], "--loss", options["loss"],
+def relay_command(program, options, number):
+    words = [program, "--tun", str(TUN), "--left", DEVICE, "--right", port_name(number), "--delay", options["delay"], "--loss", options["loss"],
              "--seed", options["seed"]]
     if options["rate"]:
         words += ["--rate", options["rate"]]
@@ -69,10 +91,11 @@ def wants_relay(options):
     return bool(options["delay"] or options["loss"] or options["rate"] or options["cut_after"])
 
 
-def settled(device):
+def settled(number):
     """Whether both ends are up and their IPv6 addresses may be used: a bridge takes a moment to see its first port."""
 
-    def tentative(device, *namespace):
-        return subprocess.run(("ip", *namespace, "-6", "address", "show", "dev", device, "tentative"), check=True, stdout=subprocess.PIPE).stdout
+    def tentative(*namespaced):
+        return subprocess.run(namespaced, check=True, stdout=subprocess.PIPE).stdout
 
-    return not tentative(device) and not tentative("br0", "-n", SERVER)
+    show = ("ip", "-6", "address", "show", "tentative", "dev")
+    return not tentative(*on_switch(number, *show, DEVICE)) and not tentative(*on_server(*show, "br0"))

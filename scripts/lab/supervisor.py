@@ -12,11 +12,28 @@ from pathlib import Path
 
 import network
 import private_root
-from daemons import (AUTHENTICATION, LAB, LOG, OPERATOR, PRIVACY, SERVER_ROOT, TRAPS, USER, Daemon, Failure, FileServer, Receiver, Switch, folder,
-                     poll, succeeds)
+from daemons import LAB, LOG, SERVER_ROOT, TRAPS, USER, Daemon, Failure, FileServer, Receiver, folder, poll
+from switch import AUTHENTICATION, OPERATOR, PRIVACY, Switch, environment
 
 LAB_FAILED = 125
 SHOWN_LINES = 40
+RELAYED = 1  # the switch whose link may be slow and lossy
+WARDEND = Path("/ulmo/bin/wardend")
+
+
+# What lab-ctl may ask for: which daemon of the switch, and what is done to it.
+COMMANDS = {
+    "agent-pid": ("agent", Daemon.pid),
+    "stop-agent": ("agent", Daemon.stop),
+    "start-agent": ("agent", Daemon.start),
+    "restart-agent": ("agent", Daemon.restart),
+    "reload-agent": ("agent", Daemon.reload),
+    "system-manager-pid": ("system_manager", Daemon.pid),
+    "stop-system-manager": ("system_manager", Daemon.stop),
+    "kill-system-manager": ("system_manager", Daemon.kill),
+    "start-system-manager": ("system_manager", Daemon.start),
+    "restart-system-manager": ("system_manager", Daemon.restart),
+}
 
 
 class Lab:
@@ -24,11 +41,9 @@ class Lab:
         self.orders = orders
         self.unpacked = Path(orders["repository"]) / "build" / "lab"
         self.build = Path(orders["build_dir"])
-        self.switch = Switch(orders)
+        self.switches = [Switch(orders, number) for number in range(1, orders["switches"] + 1)]
         self.server = FileServer(orders, self.unpacked)
-        self.agent = None
-        self.daemons = []  # those that must run until the end
-        self.agent_wanted = False
+        self.daemons = []
 
     # Setting up
 
@@ -44,15 +59,16 @@ class Lab:
         self._describe_manager()
         network.make_server()
         self.server.prepare()
-        self._join_switch()
+        self._join_switches()
         self._start_receiver()
-        for daemon in self.server.daemons():
-            self._start(daemon)
-        self.switch.prepare()
-        if not self.orders["no_module"]:
-            self.switch.seed()
-        self.agent = self.switch.agent(self.unpacked)
-        self.start_agent()
+        self._start(*self.server.daemons())
+        for switch in self.switches:
+            switch.prepare(self.unpacked)
+            if not self.orders["no_module"]:
+                switch.seed()
+        if WARDEND.exists():
+            self._start(*(switch.system_manager for switch in self.switches))
+        self._start(*(switch.agent for switch in self.switches))
 
     def _describe_manager(self):
         os.environ |= {"SNMPCONFPATH": str(LAB / "manager"), "SNMP_PERSISTENT_DIR": str(LAB / "manager" / "persistent")}
@@ -62,69 +78,66 @@ class Lab:
             f"defSecurityName {OPERATOR}\ndefAuthType SHA-256\ndefAuthPassphrase {AUTHENTICATION}\n"
             f"defPrivType AES\ndefPrivPassphrase {PRIVACY}\n")
 
-    def _join_switch(self):
+    def _join_switches(self):
+        for switch in self.switches:
+            network.make_switch(switch.number)
         relayed = network.wants_relay(self.orders)
         if relayed:
             # The device's number is fixed (Documentation/admin-guide/devices.txt); a chroot may have no /dev/net.
             os.mknod(network.TUN, 0o600 | 0o020000, os.makedev(10, 200))
-            device, port = Switch.device, network.port_name(self.switch.number)
-            command = network.relay_command(self.build / "bin" / "link_relay", self.orders, self.switch.number, device)
-            self._start(Daemon("link_relay", command, lambda: all(Path(f"/sys/class/net/{name}").exists() for name in (device, port))))
-        network.connect_switch(self.switch.number, Switch.device, relayed)
-        if not poll(lambda: network.settled(Switch.device), 10):
-            raise Failure("the link between switch and server does not come up")
+            command = network.relay_command(self.build / "bin" / "link_relay", self.orders, RELAYED)
+            ends = (network.DEVICE, network.port_name(RELAYED))
+            self._start(Daemon("link_relay", command, lambda: all(Path(f"/sys/class/net/{name}").exists() for name in ends)))
+        for switch in self.switches:
+            network.connect_switch(switch.number, relayed and switch.number == RELAYED)
+        for switch in self.switches:
+            if not poll(lambda: network.settled(switch.number), 10):
+                raise Failure(f"the link between switch {switch.number} and server does not come up")
 
     def _start_receiver(self):
         daemons, pipe = Receiver(self.unpacked).daemons()
-        for daemon in daemons:
-            self._start(daemon)
+        self._start(*daemons)
         for descriptor in pipe:
             os.close(descriptor)
         os.truncate(TRAPS, 0)
 
-    def _start(self, daemon):
-        daemon.start()
-        daemon.await_ready()
-        self.daemons.append(daemon)
+    def _start(self, *daemons):
+        """Starts them side by side."""
+        for daemon in daemons:
+            daemon.spawn()
+        self.daemons += daemons
+        for daemon in daemons:
+            daemon.await_ready()
 
-    # The agent, for lab-ctl
+    # For lab-ctl
 
-    def start_agent(self):
-        if self.agent.ended():
-            self.agent.start()
-            self.agent.await_ready()
-            self.agent_wanted = True
+    def control(self, name, *words):
+        """Does what lab-ctl asks for and returns what it prints."""
+        if name == "agent-clock":
+            return self.set_clock(*words)
+        kind, action = COMMANDS[name]
+        switch = self._switch(*words)
+        if action == Daemon.start and kind == "system_manager" and not WARDEND.exists():
+            return None
+        return action(getattr(switch, kind))
 
-    def stop_agent(self):
-        self.agent_wanted = False
-        self.agent.stop()
+    def _switch(self, number="1"):
+        if number not in (str(switch.number) for switch in self.switches):
+            raise Failure(f"there is no switch {number}")
+        return self.switches[int(number) - 1]
 
-    def restart_agent(self):
-        self.stop_agent()
-        self.start_agent()
-
-    def reload_agent(self):
-        self.agent.process.send_signal(signal.SIGHUP)
-        self.agent.await_ready()
-
-    def agent_pid(self):
-        if self.agent.ended():
-            raise Failure("the agent does not run")
-        return str(self.agent.process.pid)
-
-    def agent_clock(self, spec):
+    def set_clock(self, spec, *number):
         if not self.orders["faketime"]:
             raise Failure("the lab was made without --faketime")
-        new = self.switch.clock.with_suffix(".new")
-        new.write_text(f"{spec}\n")
-        new.rename(self.switch.clock)
+        self._switch(*number).set_clock(spec)
 
     # While COMMAND runs
 
     def environment(self):
-        return {**os.environ, **self.switch.environment(), "LAB_AGENT": self.switch.address4, "LAB_SERVER4": network.SERVER4,
+        first, agents = self.switches[0], " ".join(switch.address4 for switch in self.switches)
+        return {**os.environ, **environment(first.number), "LAB_AGENT": first.address4, "LAB_AGENTS": agents, "LAB_SERVER4": network.SERVER4,
                 "LAB_SERVER6": network.SERVER6, "LAB_SERVER_ROOT": str(SERVER_ROOT), "LAB_USER": USER, "LAB_PASSWORD": self.server.account.password,
-                "LAB_STATE": str(self.switch.state), "LAB_TRAPS": str(TRAPS), "LAB_LOG": str(LOG)}
+                "LAB_STATE": str(first.state), "LAB_TRAPS": str(TRAPS), "LAB_LOG": str(LOG)}
 
     def run_command(self):
         """Runs COMMAND to its end and returns its status; a daemon that ends meanwhile is a Failure."""
@@ -158,7 +171,7 @@ class Lab:
 
     def _reap(self, command):
         """Collects ended children: our own through their objects, and those that lost their parent."""
-        ours = {process.pid: process for process in (command, *(daemon.process for daemon in (*self.daemons, self.agent))) if process is not None}
+        ours = {process.pid: process for process in (command, *(daemon.process for daemon in self.daemons)) if process is not None}
         while True:
             try:
                 ended = os.waitid(os.P_ALL, 0, os.WEXITED | os.WNOHANG | os.WNOWAIT)
@@ -172,23 +185,24 @@ class Lab:
                 os.waitpid(ended.si_pid, 0)
 
     def _check_daemons(self):
-        for daemon in (*self.daemons, *((self.agent,) if self.agent_wanted else ())):
-            if daemon.ended():
+        for daemon in self.daemons:
+            if daemon.wanted and daemon.ended():
                 status = daemon.process.returncode
                 raise Failure(f"{daemon.name} ended {f'by signal {-status}' if status < 0 else f'with status {status}'}", daemon)
 
     def _serve(self, connection):
-        commands = {"start-agent": self.start_agent, "stop-agent": self.stop_agent, "restart-agent": self.restart_agent,
-                    "reload-agent": self.reload_agent, "agent-pid": self.agent_pid, "agent-clock": self.agent_clock}
         with connection:
-            name, *words = json.loads(connection.makefile().readline())
             try:
-                answer = {"status": 0, "text": commands[name](*words) or ""}
+                answer = {"status": 0, "text": str(self.control(*json.loads(connection.makefile().readline())) or "")}
             except Failure as failure:
                 answer = {"status": 1, "text": str(failure)}
-            except (KeyError, TypeError):
-                answer = {"status": 2, "text": f"no such command: {name}"}
             connection.sendall(json.dumps(answer).encode() + b"\n")
+
+    def stop_switches(self):
+        """The agents first, which ask the system managers."""
+        for daemon in (*(switch.agent for switch in self.switches), *(switch.system_manager for switch in self.switches)):
+            if daemon.wanted:
+                daemon.stop()
 
     def keep_logs(self):
         if self.orders["keep_logs"]:
@@ -209,8 +223,7 @@ def main():
         lab.set_up()
         status = lab.run_command()
         lab._check_daemons()
-        if lab.agent_wanted:
-            lab.stop_agent()
+        lab.stop_switches()
     except Failure as failure:
         print(f"lab: {failure}", file=sys.stderr)
         if failure.daemon is not None:

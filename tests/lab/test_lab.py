@@ -1,6 +1,7 @@
 """The lab from outside: its exit status, its privacy, and that it leaves nothing. The only tests that run on the machine itself."""
 
 import os
+import re
 import subprocess
 import time
 from pathlib import Path
@@ -118,6 +119,149 @@ def test_stock_agent_alone():
     assert done.stdout.startswith(NAME) and "No Such Object" in done.stdout
 
 
+def sections(*scripts, options):
+    """What each of the shell scripts prints. They run one after the other in one lab."""
+    done = lab("sh", "-c", "\necho =\n".join(scripts), options=options)
+    assert done.returncode == 0, done
+    return [output.strip() for output in done.stdout.split("=\n")]
+
+
+def test_several_switches():
+    """Each with an agent, a network and a state of its own."""
+    before = machine()
+    listed, names, networks, configurations, over_ipv6 = sections(
+        "echo $LAB_AGENT: $LAB_AGENTS",
+        "for agent in $LAB_AGENTS; do snmpget -Oqv $agent .1.3.6.1.2.1.1.5.0; done",
+        "for number in 1 2 3; do lab-ctl switch-exec $number readlink /proc/self/ns/net; readlink /proc/$(lab-ctl agent-pid $number)/ns/net; done",
+        "for number in 1 2 3; do lab-ctl switch-exec $number cmdshell -c 'show running-config'; done",
+        "lab-ctl switch-exec 3 snmpget -Oqv 'udp6:[2001:db8::11]' .1.3.6.1.2.1.1.5.0",
+        options=["--switches", "3"])
+    assert listed == "192.0.2.10: 192.0.2.10 192.0.2.11 192.0.2.12"
+    assert names.split() == ['"lab-switch1"', '"lab-switch2"', '"lab-switch3"']
+    namespaces = networks.split()
+    assert namespaces[::2] == namespaces[1::2] and len(set(namespaces)) == 3
+    assert re.findall("ip address (.*)", configurations) == ["192.0.2.10/24", "192.0.2.11/24", "192.0.2.12/24"]
+    assert over_ipv6 == '"lab-switch2"'
+    assert machine() == before
+
+
+def test_as_many_switches_as_there_may_be():
+    """Their addresses differ, also from the server's."""
+    (addresses,) = sections("echo $LAB_AGENTS $LAB_SERVER4", options=["--switches", "16"])
+    assert len(set(addresses.split())) == 17
+
+
+def test_one_agent_of_several_stops_and_starts():
+    get, get_third = (GET.replace("$LAB_AGENT", f"-r0 -t1 {address}") for address in ("192.0.2.11", "192.0.2.12"))
+    pids, stopped, started, cut, mended = sections(
+        "lab-ctl agent-pid 2; lab-ctl restart-agent 2; lab-ctl agent-pid 2; lab-ctl reload-agent 2; lab-ctl agent-pid 2",
+        f"lab-ctl stop-agent 2; {get}; {get_third}",
+        f"lab-ctl start-agent 2; {get}",
+        f"lab-ctl break-link 2; {get}; {get_third}",
+        f"lab-ctl mend-link 2; {get}",
+        options=["--switches", "3"])
+    first, second, third = pids.split()
+    assert first != second == third
+    assert stopped == cut == '"lab-switch3"' and started == mended == '"lab-switch2"'
+
+
+def test_switches_know_each_other():
+    """By IPv4 and by IPv6. A switch's system manager may copy on the others and see how it went there, and nothing else."""
+    manager = "-v3 -u $(setting user) -l $level -a SHA-256 -A $(setting auth_passphrase) -x AES -X $(setting priv_passphrase) -Oqv 192.0.2.12"
+    row_status = ".1.3.6.1.4.1.41927.9.96.1.1.1.1.14.7"
+    arguments, output = (f".1.3.6.1.4.1.8072.1.3.2.{column}.9.{'.'.join(str(ord(letter)) for letter in 'last-save')}" for column in ("2.1.3", "3.1.2"))
+    settings, copies, readable, refused, own = sections(
+        "stat -c %a /lab/switch2/platform.conf; grep -E '^(wwn|fabric_member)' /lab/switch2/platform.conf",
+        "setting() { sed -n \"s/^fabric_$1 = //p\" /lab/switch2/platform.conf; }\n"
+        f"level=authPriv; request() {{ tool=$1; shift; $tool {manager} \"$@\" 2>&1 | grep -v '^$'; }}\n"
+        f"request snmpset {row_status} i 5; request snmpset {row_status} i 6",
+        f"request snmpget .1.3.6.1.2.1.1.5.0 {arguments}",
+        f"request snmpset .1.3.6.1.2.1.1.5.0 s changed; request snmpset {arguments} s changed; request snmpget .1.3.6.1.2.1.2.1.0\n"
+        "level=authNoPriv; request snmpget .1.3.6.1.2.1.1.5.0",
+        # Any other command in its place shows on which switch the agent runs it.
+        "level=authPriv; sed -i 's/show last-save/show running-config/' /lab/switch3/agent/snmpd.conf; lab-ctl restart-agent 3\n"
+        f"request snmpget {output}",
+        options=["--switches", "3"])
+    assert settings.splitlines() == ["600", "wwn = 20:00:00:00:00:00:00:02", "fabric_member = 20:00:00:00:00:00:00:01 192.0.2.10",
+                                     "fabric_member = 20:00:00:00:00:00:00:03 2001:db8::12"]
+    assert copies.split() == ["5", "6"]
+    assert readable.splitlines() == ['"lab-switch3"', r'"-c \"show last-save\""']
+    assert refused.count("noAccess") == 2 and "No Such Object available on this agent at this OID" in refused and "authorizationError" in refused, refused
+    assert "ip address 192.0.2.12/24" in own
+
+
+def test_small_disks():
+    (sizes,) = sections("for number in 1 2 3; do stat -f -c %b $(lab-ctl switch-exec $number printenv ULMO_STATE_DIR); done",
+                        options=["--switches", "3", "--small-disk", "256k", "--small-disk-of", "3=512k"])
+    first, second, third = (int(size) * os.sysconf("SC_PAGE_SIZE") for size in sizes.split())
+    assert (first, third) == (256 << 10, 512 << 10) and second > third
+
+
+CLEANLY = "lambda *_: sys.exit(0)"
+SYSTEM_MANAGER = """\
+#!/usr/bin/python3
+import os, signal, socket, sys
+
+place = os.environ["ULMO_RUN_DIR"] + "/msgbus/3"
+os.makedirs(os.path.dirname(place), exist_ok=True)
+if os.path.exists(place):
+    os.unlink(place)
+listener = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+listener.bind(place)
+listener.listen()
+signal.signal(signal.SIGTERM, AT_END)
+print("system manager of", place, file=sys.stderr)
+while True:
+    listener.accept()
+"""
+
+
+@pytest.fixture
+def build_with(tmp_path):
+    """Makes a build whose system manager takes SIGTERM as given, and returns the option for it."""
+    release = LAB.parent.parent / "build" / "release"
+    (tmp_path / "lib").symlink_to(release / "lib")
+    (tmp_path / "bin").mkdir()
+    for program in (release / "bin").iterdir():
+        if program.name != "wardend":
+            (tmp_path / "bin" / program.name).symlink_to(program)
+
+    def build(at_end):
+        program = tmp_path / "bin" / "wardend"
+        program.write_text(SYSTEM_MANAGER.replace("AT_END", at_end))
+        program.chmod(0o755)
+        return ["--build-dir", tmp_path]
+
+    return build
+
+
+def test_system_managers_stop_and_start(build_with):
+    pid = "lab-ctl system-manager-pid 2 2>&1"
+    networks, pids, stopped, killed, others = sections(
+        f"readlink /proc/$({pid})/ns/net; lab-ctl switch-exec 2 readlink /proc/self/ns/net",
+        f"{pid}; lab-ctl restart-system-manager 2; {pid}; lab-ctl start-system-manager 2; {pid}",
+        f"lab-ctl stop-system-manager 2; {pid}; lab-ctl start-system-manager 2; cat /proc/$({pid})/comm",
+        f"lab-ctl kill-system-manager 2; {pid}; lab-ctl start-system-manager 2; cat /proc/$({pid})/comm; lab-ctl kill-system-manager 2",
+        "lab-ctl system-manager-pid && lab-ctl system-manager-pid 3; cat $LAB_LOG/wardend3.log",
+        options=["--switches", "3", *build_with(CLEANLY)])
+    assert len(set(networks.split())) == 1
+    first, second, third = pids.split()
+    assert first != second == third
+    assert stopped == killed == "wardend2 does not run\nwardend"
+    assert re.fullmatch(r"\d+\n\d+\nsystem manager of /lab/switch3/run/msgbus/3", others)
+
+
+def test_system_manager_that_ends_badly_fails_the_lab(build_with):
+    died = lab("sh", "-c", "kill -SEGV $(lab-ctl system-manager-pid 2); sleep 60", options=["--switches", "2", *build_with(CLEANLY)])
+    assert died.returncode == 125 and "wardend2 ended by signal 11" in died.stderr and "the end of wardend2.log" in died.stderr
+
+
+@pytest.mark.parametrize("at_end, status", [("lambda *_: sys.exit(3)", 3), ("signal.SIG_DFL", -15)])
+def test_system_manager_must_end_cleanly(build_with, at_end, status):
+    done = lab("true", options=build_with(at_end))
+    assert done.returncode == 125 and f"wardend1 ended with status {status} at SIGTERM" in done.stderr
+
+
 def test_link_that_is_cut():
     """Some kilobytes get through, then nothing."""
     fetch = "head -c 60000 /dev/zero > $LAB_SERVER_ROOT/zeros; timeout 3 /ulmo/bin/brix-tftp 0 $LAB_SERVER4 69 /tmp/got zeros 1 management"
@@ -138,10 +282,11 @@ def test_rate_of_the_link():
 
 def test_help_lists_the_options():
     text = subprocess.run([LAB, "help"], check=True, stdout=subprocess.PIPE, text=True).stdout
-    for word in ("--delay", "--loss", "--chassis-type", "--small-disk", "--tftp-server", "--faketime", "LAB_AGENT", "LAB_LOG"):
+    for word in ("--delay", "--loss", "--chassis-type", "--switches", "--small-disk", "--small-disk-of", "--tftp-server", "--faketime", "LAB_AGENT", "LAB_AGENTS", "LAB_LOG"):
         assert word in text
 
 
 def test_wrong_call_is_refused():
-    for words in (["exec"], ["exec", "--no-such-option", "--", "true"], ["shell", "--", "true"], ["fly"]):
+    for words in (["exec"], ["exec", "--no-such-option", "--", "true"], ["shell", "--", "true"], ["fly"], ["exec", "--switches", "17", "--", "true"],
+                  ["exec", "--small-disk-of", "2=256k", "--", "true"], ["exec", "--small-disk-of", "256k", "--", "true"]):
         assert subprocess.run([LAB, *words], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL).returncode == 2

@@ -1,0 +1,150 @@
+"""A switch of the lab: its configuration and folders, its agent and its system manager."""
+
+import os
+import socket
+import subprocess
+from pathlib import Path
+
+import network
+from daemons import COMMUNITY, LAB, Daemon, Failure, folder, output_of, private_folder_of_size, succeeds
+
+OPERATOR = "operator"  # the manager's SNMPv3 user
+AUTHENTICATION, PRIVACY = "lab-authentication", "lab-privacy-key"
+FABRIC_USER = "fabric"  # the SNMPv3 user of the other switches' system managers
+FABRIC_AUTHENTICATION, FABRIC_PRIVACY = "fabric-authentication", "fabric-privacy-key"
+SYSTEM_MANAGER = 3  # its service access point on the message bus
+
+
+def home(number):
+    return LAB / f"switch{number}"
+
+
+def environment(number):
+    """What tells the platform's programs that they run on this switch."""
+    return {"ULMO_STATE_DIR": str(home(number) / "disk" / "state"), "ULMO_RUN_DIR": str(home(number) / "run"),
+            "ULMO_CONF": str(home(number) / "platform.conf")}
+
+
+def wwn(number):
+    return f"20:00:00:00:00:00:00:{number:02x}"
+
+
+class Switch:
+    def __init__(self, options, number):
+        self.options, self.number = options, number
+        self.address4, self.address6 = network.switch_addresses(number)
+        self.home = home(number)
+        self.disk = self.home / "disk"
+        self.state = self.disk / "state"
+        self.work = self.disk / "work"
+        self.clock = self.home / "clock"
+        self.build = Path(options["build_dir"])
+        self.agent = self.system_manager = None
+
+    def prepare(self, unpacked):
+        private_folder_of_size(self.disk, dict(self.options["small_disks"]).get(self.number))
+        folder(self.state, 0o700)
+        folder(self.work)
+        folder(self.home / "run")
+        folder(self.home / "agent", 0o700)
+        self._write_settings()
+        self._write_agent_settings()
+        self.set_clock(self.options["faketime"] or "+0")
+        self.agent = self._agent(unpacked)
+        self.system_manager = Daemon(f"wardend{self.number}", network.on_switch(self.number, "/ulmo/bin/wardend"), self._system_manager_listens,
+                                     environment=environment(self.number), ends_with=(0,))
+
+    def seed(self):
+        """Gives the switch a configuration that looks like one, through its own command line."""
+        text = self.home / "first.cfg"
+        text.write_text(FIRST_CONFIGURATION.format(address=self.address4))
+        for command in (f"configure {text}", "copy running-config startup-config"):
+            done = subprocess.run(["/ulmo/bin/cmdshell", "-c", command], env={**os.environ, **environment(self.number)}, stdin=subprocess.DEVNULL,
+                                  stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+            if done.returncode != 0:
+                raise Failure(f"cmdshell -c '{command}' failed: {done.stdout}")
+
+    def set_clock(self, spec):
+        """The agent's clock in a lab with --faketime, also while it runs."""
+        new = self.clock.with_suffix(".new")
+        new.write_text(f"{spec}\n")
+        new.rename(self.clock)
+
+    def _write_settings(self):
+        lines = [f"management_interface = {network.DEVICE}", f"wwn = {wwn(self.number)}"]
+        if self.options["chassis_type"] is not None:
+            lines.append(f"chassis_type = {self.options['chassis_type']}")
+        others = [number for number in range(1, self.options["switches"] + 1) if number != self.number]
+        for other in others:
+            address4, address6 = network.switch_addresses(other)
+            # Some by one family and some by the other, so that both are in use.
+            lines.append(f"fabric_member = {wwn(other)} {address6 if other % 2 == 1 and other > 1 else address4}")
+        if others:
+            lines += [f"fabric_user = {FABRIC_USER}", f"fabric_auth_passphrase = {FABRIC_AUTHENTICATION}", f"fabric_priv_passphrase = {FABRIC_PRIVACY}"]
+        file = self.home / "platform.conf"
+        file.touch(0o600)
+        file.write_text("\n".join(lines) + "\n")
+
+    def _write_agent_settings(self):
+        greeting = self.home / "greeting"
+        greeting.write_text("#!/bin/sh\necho hello from $$\n")
+        greeting.chmod(0o755)
+        lines = [
+            "# An engine id that stays, so that receivers and tests may name it.",
+            f"exactEngineID 0x80001f8804{self.number:02x}6c6162",
+            f"agentAddress udp:{self.address4}:161,udp6:[{self.address6}]:161",
+            f"createUser {OPERATOR} SHA-256 {AUTHENTICATION} AES {PRIVACY}",
+            f"rwuser {OPERATOR} authPriv",
+            f"rwcommunity {COMMUNITY}",
+            "# Another switch's system manager may copy here and see how the last save went.",
+            f"createUser {FABRIC_USER} SHA-256 {FABRIC_AUTHENTICATION} AES {FABRIC_PRIVACY}",
+            f"group fabric usm {FABRIC_USER}",
+            "view fabric-seen included .1.3.6.1.2.1.1",
+            "view fabric-seen included .1.3.6.1.4.1.8072.1.3.2",
+            "view fabric-seen included .1.3.6.1.4.1.41927.9.96",
+            "view fabric-written included .1.3.6.1.4.1.41927.9.96",
+            'access fabric "" usm priv exact fabric-seen fabric-written none',
+            'extend -cacheTime 1 last-save /ulmo/bin/cmdshell -c "show last-save"',
+            "dontLogTCPWrappersConnects yes",
+            f"trap2sink {network.SERVER4}:162 {COMMUNITY}",
+            f"sysName lab-switch{self.number}",
+            "sysLocation the lab",
+            "sysContact nobody",
+            f"extend -cacheTime 1 greeting {greeting}",
+        ]
+        if not self.options["no_module"]:
+            lines.append(f"dlmod config_copy_mib {self.build / 'lib' / 'config_copy_mib.so'}")
+        (self.home / "agent" / "snmpd.conf").write_text("\n".join(lines) + "\n")
+
+    def _agent(self, unpacked):
+        settings = {"SNMPCONFPATH": str(self.home / "agent"), "SNMP_PERSISTENT_DIR": str(self.home / "agent-persistent"), **environment(self.number)}
+        if self.options["faketime"]:
+            library = next(Path("/usr/lib").glob("*/faketime/libfaketime.so.1"))
+            settings |= {"LD_PRELOAD": str(library), "FAKETIME_TIMESTAMP_FILE": str(self.clock), "FAKETIME_NO_CACHE": "1"}
+        command = network.on_switch(self.number, unpacked / "root-snmpd/usr/sbin/snmpd", "-f", "-Le", "-I", "-smux,mteTrigger,mteTriggerConf")
+        return Daemon(f"snmpd{self.number}", command, self._agent_answers, cwd=self.work, environment=settings)
+
+    def _agent_answers(self):
+        # A request that comes before the agent listens is lost: better to ask again soon.
+        once = ("-r0", "-t0.3", "-On", "-Oqv", self.address4)
+        if not succeeds("snmpget", *once, ".1.3.6.1.2.1.1.3.0"):
+            return False
+        # The agent only logs a module that it can't load; its table of modules tells (dlmodStatus 1: loaded).
+        return self.options["no_module"] or output_of("snmpwalk", *once, ".1.3.6.1.4.1.2021.13.14.2.1.5").strip() == "1"
+
+    def _system_manager_listens(self):
+        with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as connection:
+            try:
+                connection.connect(str(self.home / "run" / "msgbus" / str(SYSTEM_MANAGER)))
+            except OSError:
+                return False
+        return True
+
+
+FIRST_CONFIGURATION = """\
+hostname lab-switch
+!
+interface mgmt0
+ description management
+ ip address {address}/24
+"""
