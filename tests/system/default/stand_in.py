@@ -1,10 +1,12 @@
-"""A system manager for tests: it takes the agent's requests from the message bus, answers as told, and tells the agent what a test wants told."""
+"""A system manager for tests, in the real one's place: it takes the agent's requests from the message bus, answers as told, and tells the agent what a test wants told."""
 
 import os
 import socket
 import struct
 import threading
 from pathlib import Path
+
+from copy_table import lab_ctl
 
 HEADER = struct.Struct("=5I")  # magic, version, opcode, token, octets of payload: in the host's byte order
 MAGIC, VERSION = 0x6D736762, 1
@@ -29,6 +31,9 @@ class SystemManager:
         self.requests = []  # (opcode, token, payload) in order of arrival
 
     def __enter__(self):
+        lab_ctl("stop-system-manager")
+        # One that was killed leaves its socket; its lock has gone with it.
+        Path(_bus(SYSTEM_MANAGER)).unlink(missing_ok=True)
         self.listener = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
         self.listener.bind(_bus(SYSTEM_MANAGER))
         self.listener.listen()
@@ -41,6 +46,7 @@ class SystemManager:
         self.thread.join()
         self.listener.close()
         os.unlink(_bus(SYSTEM_MANAGER))
+        lab_ctl("start-system-manager")
 
     def _serve(self):
         while True:
