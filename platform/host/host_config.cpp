@@ -41,9 +41,13 @@ std::filesystem::path run_dir() {
     return made_directory(from_environment("ULMO_RUN_DIR", "/run/ulmo"), 0755);
 }
 
+std::filesystem::path settings_file() {
+    return from_environment("ULMO_CONF", "/etc/ulmo/platform.conf");
+}
+
 std::vector<std::string> settings(std::string_view key) {
     std::vector<std::string> values;
-    std::ifstream file(from_environment("ULMO_CONF", "/etc/ulmo/platform.conf"));
+    std::ifstream file(settings_file());
     for (std::string line; std::getline(file, line);) {
         const std::string_view text = trimmed(line);
         const auto equals = text.find('=');
