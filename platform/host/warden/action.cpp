@@ -1,10 +1,13 @@
 #include "platform/host/warden/action.h"
 
 #include "platform/host/device_backend.h"
+#include "platform/host/fabric_status.h"
 #include "platform/host/host_config.h"
 #include "platform/host/host_log.h"
 #include "platform/host/last_save.h"
 #include "platform/host/system_manager_status.h"
+#include "platform/host/warden/fabric_members.h"
+#include "platform/host/warden/fabric_save.h"
 
 #include <poll.h>
 
@@ -50,6 +53,56 @@ void save_here(const std::vector<std::filesystem::path> &copies, int stop) {
     record_last_save(saved_text);
 }
 
+// The outcome on this switch, as one of the fabric.
+std::string saved_here(int stop) {
+    try {
+        save_here({}, stop);
+        return std::string(saved_text);
+    } catch (const GivenUp &) {
+        throw;
+    } catch (const std::exception &error) {
+        return reason_of(error);
+    }
+}
+
+ActionOutcome save_fabric(int stop) {
+    FabricSwitchStatus here;
+    here.is_local = true;
+    const auto wwn = local_wwn();
+    if (!wwn) {
+        throw std::runtime_error("the setting wwn is no world-wide name");
+    }
+    here.wwn = *wwn;
+    write_fabric_status({}); // nobody takes an earlier outcome for this one
+    std::vector<FabricSwitchStatus> switches;
+    try {
+        switches = save_members(fabric_members(), fabric_time_limit(), stop);
+        // This switch comes last: until the others have answered the action can be given up with the startup configuration as it was.
+        check_stop(stop);
+        here.text = saved_here(stop);
+    } catch (const GivenUp &) {
+        throw;
+    } catch (const std::exception &error) { // the members are not known: nothing was saved anywhere
+        here.text = reason_of(error);
+    }
+    switches.insert(switches.begin(), here);
+    try {
+        write_fabric_status(switches);
+    } catch (const std::exception &error) {
+        log_error("the outcome on each switch can't be kept for the agent: %s", error.what());
+    }
+
+    std::size_t failed = 0;
+    for (const FabricSwitchStatus &each : switches) {
+        failed += each.text == saved_text ? 0 : 1;
+        log_notice("switch %s%s: %s", wwn_to_text(each.wwn).c_str(), each.is_local ? " (this one)" : "", each.text.c_str());
+    }
+    if (failed != 0) {
+        return {warden_err_fabric, std::to_string(failed) + " of " + std::to_string(switches.size()) + " switches did not save"};
+    }
+    return {0, std::string(saved_text) + " on " + std::to_string(switches.size()) + " switches"};
+}
+
 } // namespace
 
 const char *name_of(Action::Scope scope) {
@@ -66,6 +119,9 @@ const char *name_of(Action::Scope scope) {
 
 ActionOutcome perform(const Action &action, int stop) {
     try {
+        if (action.scope == Action::Scope::fabric) {
+            return save_fabric(stop);
+        }
         save_here(action.scope == Action::Scope::all ? startup_copies() : std::vector<std::filesystem::path>{}, stop);
         return {0, std::string(saved_text)};
     } catch (const GivenUp &error) {
