@@ -55,7 +55,7 @@ class Switch:
                                      environment=environment(self.number), ends_with=(0,))
 
     def seed(self):
-        """Gives the switch a configuration that looks like one, through its own command line. Before the system manager runs, so that no save shows."""
+        """Gives the switch a configuration that looks like one, through its own command line."""
         text = self.home / "first.cfg"
         text.write_text(FIRST_CONFIGURATION.format(address=self.address4))
         for command in (f"configure {text}", "copy running-config startup-config"):

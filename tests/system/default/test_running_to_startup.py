@@ -4,20 +4,8 @@ import struct
 import time
 
 import pytest
-from copy_table import *
+from saves import *
 from stand_in import ABORT, ACTION, BEGUN, DONE, INITIATED, REFUSED, SystemManager
-
-SYSTEM_MANAGER_REFUSED, SYSTEM_MANAGER_FAILED = 8, 9
-DEVICE_ADDRESS_TYPE, DEVICE_ADDRESS, SWITCH_WWN, ERROR_TEXT = range(2, 6)
-
-
-def save(manager, destination=STARTUP, **index):
-    return Request(manager, **index).create((SOURCE, RUNNING), (DESTINATION, destination), (NOTIFY, TRUE))
-
-
-def change_times():
-    file = STATE_DIRECTORY / "change-times"
-    return {int(kind): int(when) for kind, when in map(str.split, file.read_text().splitlines())} if file.exists() else {}
 
 
 @pytest.fixture

@@ -3,7 +3,7 @@
 import subprocess
 
 import pytest
-from copy_table import *
+from saves import *
 
 
 @pytest.fixture
@@ -55,3 +55,13 @@ def test_running_copy_stays_until_it_has_ended(operator, later):
     wait_for(lambda: request.get(STATE) != STATE_RUNNING, 45, "the end of the copy")
     later(900)
     wait_for(lambda: not request.exists(), what="the row's end")
+
+
+def test_error_rows_go_with_their_request(operator, later):
+    with damaged_running_configuration():
+        request = save(operator, FABRIC_STARTUP)
+        assert request.fails() == SYSTEM_MANAGER_FAILED
+    assert [key for key, _ in error_rows(operator)] == [(request.index, 1)]
+    later(420)
+    wait_for(lambda: not request.exists(), what="the row's end")
+    assert operator.walk(ROOT) == []

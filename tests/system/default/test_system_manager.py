@@ -1,0 +1,233 @@
+"""Saves of the running configuration, by the system manager itself."""
+
+import itertools
+import signal
+import threading
+import time
+
+import pytest
+from saves import *
+
+vlans = itertools.count(100)
+TO = pytest.mark.parametrize("destination", SAVES, ids=["startup", "fabric", "all"])
+
+
+@pytest.fixture(autouse=True)
+def served():
+    yield
+    lab_ctl("start-system-manager")
+
+
+@pytest.fixture
+def changed(lines_of):
+    """The running configuration differs from the startup configuration."""
+    path = Path("/tmp/changed.cfg")
+    path.write_text(lines_of(f"vlan {next(vlans)}"))
+    run("cmdshell", "-c", f"configure {path}")
+    assert running() != startup()
+
+
+@TO
+def test_save(manager, changed, destination):
+    began = int(time.time())
+    with busy_device():
+        request = save(manager, destination)
+        request.activate()
+        assert request.get(STATE, ROW_STATUS) == [STATE_RUNNING, ACTIVE]
+    assert request.finished() == (STATE_SUCCESSFUL, GENERAL)
+    assert startup() == running()
+    assert {2, 3} <= set(change_times()) and all(began <= when <= time.time() for when in change_times().values())
+    (bindings,) = wait_for(lambda: completions(request.index), what="the notification")
+    assert dict(bindings)[request.oid(STATE)] == STATE_SUCCESSFUL
+    assert error_rows(manager) == []
+    if destination == ALL_STARTUP:
+        assert (STATE_DIRECTORY / "backup.cfg").read_bytes() == running()
+
+
+def test_no_notification_unless_asked(operator):
+    request = save(operator, notify=FALSE)
+    request.activate()
+    assert request.finished() == (STATE_SUCCESSFUL, GENERAL)
+    marker = save(operator)
+    marker.activate()
+    wait_for(lambda: completions(marker.index), what="the notification of the later save")
+    assert completions(request.index) == []
+
+
+def next_copy_works(manager):
+    request = save(manager)
+    request.activate()
+    assert request.finished() == (STATE_SUCCESSFUL, GENERAL)
+    Request(manager).create(*upload(SERVER4, "next.cfg")).copied()
+
+
+@TO
+def test_no_system_manager(manager, destination):
+    """Deliberate: the row goes on running, and a destroy clears the way."""
+    lab_ctl("stop-system-manager")
+    request = save(manager, destination)
+    request.activate()
+    assert request.get(STATE, FAIL_CAUSE) == [STATE_RUNNING, GENERAL]
+    second = save(manager)
+    with pytest.raises(SnmpError, match="genErr"):
+        second.activate()
+    second.destroy()  # else it waits, and the begin of the next save takes it for the one that begins
+    request.destroy()
+    lab_ctl("start-system-manager")
+    next_copy_works(manager)
+
+
+@pytest.mark.parametrize("killed", [True, False], ids=["killed", "silent"])
+def test_no_answer(manager, changed, killed):
+    """The agent comes back by itself, at the latest when the bus gives the answer up."""
+    before, refused = startup(), logged("not begun: the requester is gone")
+    pid = system_manager_pid()
+    os.kill(pid, signal.SIGSTOP)
+
+    def asked():
+        return run("ulmo-history").count("Sending request to warden")
+
+    asked_before = asked()
+    request = save(manager)
+    setting = threading.Thread(target=request.activate)
+    began = time.monotonic()
+    setting.start()
+    if killed:
+        wait_for(lambda: asked() > asked_before, what="the request")
+        lab_ctl("kill-system-manager")
+    setting.join()
+    assert time.monotonic() - began < 5
+    assert request.get(STATE) == STATE_RUNNING
+    assert startup() == before
+    request.destroy()
+    if killed:
+        lab_ctl("start-system-manager")
+    else:
+        os.kill(pid, signal.SIGCONT)
+        # What it finds now is a request whose requester is gone.
+        wait_for(lambda: logged("not begun: the requester is gone") > refused, what="the line in the log")
+        assert startup() == before
+    next_copy_works(manager)
+
+
+def test_killed_while_it_saves(manager, changed):
+    before = startup()
+    with busy_device():
+        request = save(manager)
+        request.activate()
+        lab_ctl("kill-system-manager")
+    assert request.get(STATE) == STATE_RUNNING
+    assert startup() == before
+    request.destroy()
+    lab_ctl("start-system-manager")
+    next_copy_works(manager)
+
+
+def test_restarted_after_a_save_was_cut_short(manager, changed):
+    """The next system manager tells the agent that nothing came of it."""
+    with busy_device():
+        request = save(manager)
+        request.activate()
+        lab_ctl("kill-system-manager")
+    lab_ctl("start-system-manager")
+    assert request.finished() == (STATE_FAILED, SYSTEM_MANAGER_FAILED)
+    next_copy_works(manager)
+
+
+def test_refused(manager, changed):
+    """Somebody else's save is in progress."""
+    before = startup()
+    with busy_device():
+        other = subprocess.Popen(["cmdshell", "-c", "copy running-config startup-config"])
+        wait_for(lambda: logged(f"process {other.pid}"), what="the other save")
+        request = save(manager)
+        request.activate()
+        assert request.get(STATE, FAIL_CAUSE) == [STATE_FAILED, SYSTEM_MANAGER_REFUSED]
+        assert startup() == before
+    assert other.wait(10) == 0
+    (bindings,) = wait_for(lambda: completions(request.index), what="the notification")
+    assert dict(bindings)[request.oid(FAIL_CAUSE)] == SYSTEM_MANAGER_REFUSED
+    next_copy_works(manager)
+
+
+@TO
+def test_unreadable_running_configuration(manager, destination):
+    before = startup()
+    with damaged_running_configuration():
+        request = save(manager, destination)
+        assert request.fails() == SYSTEM_MANAGER_FAILED
+        wait_for(lambda: completions(request.index), what="the notification")
+        assert startup() == before
+        texts = [row[3] for _, row in error_rows(manager)]
+        assert len(texts) == (destination == FABRIC_STARTUP) and all(b"running.cfg is not valid" in text for text in texts)
+    next_copy_works(manager)
+
+
+@TO
+def test_destroy_aborts(manager, changed, destination):
+    before = startup()
+    given_up = logged("to be given up on request")
+    with busy_device():
+        request = save(manager, destination)
+        request.activate()
+        request.destroy()
+        wait_for(lambda: logged("to be given up on request") > given_up, what="the abort")
+        following = save(manager)
+        following.activate()
+        assert following.get(STATE) == STATE_RUNNING
+        assert startup() == before
+    assert following.finished() == (STATE_SUCCESSFUL, GENERAL)
+    assert startup() == running()
+
+
+def ignored():
+    return run("ulmo-history").count("copy run2start not initiated by us. ignore it")
+
+
+def test_save_outside_snmp_and_a_waiting_request(manager):
+    """Deliberate: the message about its begin takes the first waiting row for its own, the one about its end no network copy."""
+    before = ignored()
+    request = Request(manager).create(*upload(SERVER4, "waiting.cfg"))
+    run("cmdshell", "-c", "copy running-config startup-config")
+    wait_for(lambda: ignored() > before, what="the end of the save")
+    assert request.get(STATE, FAIL_CAUSE, ROW_STATUS) == [STATE_RUNNING, GENERAL, NOT_READY]
+    assert completions(request.index) == []
+    request.destroy()
+    next_copy_works(manager)
+
+
+def test_save_outside_snmp_and_a_network_copy(manager, broken_link):
+    before = ignored()
+    request = Request(manager).create(*upload(SERVER4, "other.cfg"))
+    request.activate()
+    run("cmdshell", "-c", "copy running-config startup-config")
+    wait_for(lambda: ignored() > before, what="the end of the save")
+    assert request.get(STATE) == STATE_RUNNING
+    broken_link()
+    assert request.finished(within=45) == (STATE_SUCCESSFUL, GENERAL)
+
+
+def test_save_outside_snmp_and_an_empty_table(manager):
+    run("cmdshell", "-c", "copy running-config startup-config")
+    assert startup() == running()
+    assert run("cmdshell", "-c", "show last-save") == "saved\n"
+    assert manager.walk(ROOT) == []
+
+
+def test_agent_restarted_during_a_save(operator, changed):
+    """The save is the system manager's: it goes on, and nobody is there to be told."""
+    with busy_device():
+        save(operator).activate()
+        lab_ctl("restart-agent")
+    wait_for(lambda: startup() == running(), what="the end of the save")
+    next_copy_works(operator)
+
+
+def test_configuration_of_the_start(operator, changed):
+    """The startup configuration is loaded when the switch starts, not when its system manager does."""
+    before = running()
+    lab_ctl("restart-system-manager")
+    assert running() == before
+    (Path(os.environ["ULMO_RUN_DIR"]) / "started").unlink()
+    lab_ctl("restart-system-manager")
+    assert running() == startup() != before
