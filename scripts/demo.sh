@@ -1,13 +1,13 @@
 #!/usr/bin/env bash
 # Shows the main job in a few seconds, with stock SNMP tools: a switch's running configuration travels to a TFTP server and back, driven by
-# SNMP, with the notification at the end; then a refused request and a failed copy. Installs and builds what it needs. Exits with 0 only
-# if all of it held.
+# SNMP, with the notification at the end; then a refused request and a failed copy; last a save on all three switches of a fabric, and one that
+# fails because a switch is down. Installs and builds what it needs. Exits with 0 only if all of it held.
 set -euo pipefail
 
 if [[ -z ${LAB_AGENT:-} ]]; then # outside: make the lab, and come back inside
     scripts=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
     bash "$scripts/install-packages.sh"
-    exec bash "$scripts/lab.sh" exec -- bash "$scripts/demo.sh"
+    exec bash "$scripts/lab.sh" exec --switches 3 -- bash "$scripts/demo.sh"
 fi
 
 repository=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -85,6 +85,8 @@ run snmpset "$LAB_AGENT" ccCopyEntryRowStatus.3 i createAndWait ccCopySourceFile
 if run snmpset "$LAB_AGENT" ccCopyEntryRowStatus.3 i active 2>&1; then
     fail "the request was accepted"
 fi
+say "a request that waits would be taken for the next save that begins: away with it"
+run snmpset "$LAB_AGENT" ccCopyEntryRowStatus.3 i destroy
 
 title "A copy that fails"
 say "there is no such file on the server"
@@ -94,6 +96,39 @@ wait_for_end 4
 expect_state failed
 run snmpget "$LAB_AGENT" ccCopyFailCause.4
 [[ $(value_of ccCopyFailCause.4) == badFileName ]] || fail "the cause is wrong"
+
+# Whether what a switch runs is what it would start with, octet for octet.
+has_saved() { cmp -s "/lab/switch$1/disk/state/running.cfg" "/lab/switch$1/disk/state/system.cfg"; }
+
+title "Save on every switch of the fabric: three of them, $LAB_AGENTS"
+for switch in 1 2 3; do
+    printf 'vlan 10%s\n' "$switch" >"/tmp/change$switch.cfg"
+    lab-ctl switch-exec "$switch" /ulmo/bin/cmdshell -c "configure /tmp/change$switch.cfg"
+    ! has_saved "$switch" || fail "switch $switch runs what it has saved already"
+done
+say "each runs something that it has not saved yet; one SET at the first switch has all of them save"
+run snmpset "$LAB_AGENT" ccCopyEntryRowStatus.5 i createAndGo ccCopySourceFileType.5 i runningConfig ccCopyDestFileType.5 i fabricStartupConfig
+wait_for_end 5
+expect_state successful
+for switch in 1 2 3; do
+    has_saved "$switch" || fail "switch $switch has not saved"
+    echo "switch $switch: the startup configuration is the running configuration"
+done
+say "what the system manager of the first switch has logged"
+tail -n 5 "$LAB_LOG/wardend1.log"
+
+title "The same with the second switch down"
+run lab-ctl stop-agent 2
+run snmpset "$LAB_AGENT" ccCopyEntryRowStatus.6 i createAndGo ccCopySourceFileType.6 i runningConfig ccCopyDestFileType.6 i fabricStartupConfig
+wait_for_end 6
+expect_state failed
+run snmpget "$LAB_AGENT" ccCopyFailCause.6
+[[ $(value_of ccCopyFailCause.6) == systemManagerFailed ]] || fail "the cause is wrong"
+say "the error table tells of each switch"
+run snmpwalk "$LAB_AGENT" ccCopyErrorTable
+errors=$(snmpwalk -Oqv "$LAB_AGENT" ccCopyErrorText | tr -d '"')
+[[ $errors == $'saved\nno answer in 10 s\nsaved' ]] || fail "the outcomes are wrong: $errors"
+run lab-ctl start-agent 2
 
 title "All requests; they age out by themselves after five minutes"
 run snmptable -CB -Cw 150 "$LAB_AGENT" ccCopyTable

@@ -1,6 +1,7 @@
 """Saves to the startup configuration of every switch of a fabric of three."""
 
 import ipaddress
+import itertools
 import time
 
 import pytest
@@ -10,7 +11,8 @@ HERE, SECOND, THIRD = 1, 2, 3
 AGENTS = dict(enumerate(os.environ["LAB_AGENTS"].split(), start=1))
 STATES = {number: Path(f"/lab/switch{number}/disk/state") for number in AGENTS}
 SETTINGS = Path("/lab/switch1/platform.conf")
-LIMIT = 3  # seconds that a member has in these tests
+vlans = itertools.count(100)
+LIMIT = 2  # seconds that a member has in these tests
 SAVED = "saved"
 
 
@@ -21,11 +23,11 @@ def cmdshell(number, command):
 @pytest.fixture(autouse=True)
 def whole_fabric():
     """Every switch runs something that its startup configuration does not hold; afterwards everything runs again, as it was set."""
-    settings = SETTINGS.read_text()
+    settings, vlan = SETTINGS.read_text(), next(vlans)
     SETTINGS.write_text(f"{settings}fabric_time_limit = {LIMIT}\n")
     for number, state in STATES.items():
         change = Path(f"/tmp/change{number}.cfg")
-        change.write_text(f"vlan {1000 + time.monotonic_ns() % 3000}\n")
+        change.write_text(f"vlan {vlan}\n")
         cmdshell(number, f"configure {change}")
         assert running(state) != startup(state)
     yield
@@ -82,8 +84,8 @@ def test_every_switch_saves(manager):
     assert rows_on(SECOND) == rows_on(THIRD) == []
 
 
-def test_a_save_of_one_switch_is_no_matter_of_the_others(manager):
-    request = save(manager, STARTUP)
+def test_a_save_of_one_switch_is_no_matter_of_the_others(operator):
+    request = save(operator, STARTUP)
     request.activate()
     assert request.finished() == (STATE_SUCCESSFUL, GENERAL)
     assert which_saved() == {HERE}
@@ -98,10 +100,10 @@ def test_member_down(manager):
     works_again(manager)
 
 
-def test_addresses_of_both_families(manager):
+def test_addresses_of_both_families(operator):
     lab_ctl("stop-agent", SECOND)
-    request = failed(manager)
-    rows = error_rows(manager, request.index)
+    request = failed(operator)
+    rows = error_rows(operator, request.index)
     assert [key for key, _ in rows] == [(request.index, error) for error in (1, 2, 3)]
     assert [row[:3] for _, row in rows] == [
         (IPV4, address_octets(AGENTS[HERE]), bytes.fromhex("2000000000000001")),
@@ -110,94 +112,94 @@ def test_addresses_of_both_families(manager):
 
 
 @pytest.mark.parametrize("key, outcome", [("auth-passphrase", "authentication failed"), ("priv-passphrase", "wrong privacy key"), ("user", "authentication failed")])
-def test_member_with_wrong_credentials(manager, key, outcome):
+def test_member_with_wrong_credentials(operator, key, outcome):
     SETTINGS.write_text(re.sub(r"(?m)^(fabric_member = \S+:02 .*)$", rf"\1 {key}=not-the-right-one", SETTINGS.read_text()))
-    request = failed(manager)
-    assert outcomes(manager, request) == {HERE: SAVED, SECOND: outcome, THIRD: SAVED}
+    request = failed(operator)
+    assert outcomes(operator, request) == {HERE: SAVED, SECOND: outcome, THIRD: SAVED}
     assert "not-the-right-one" not in DAEMON_LOG.read_text()
 
 
-def test_member_out_of_space(manager, saved_before):
+def test_member_out_of_space(operator, saved_before):
     with full_disk(STATES[THIRD]):
-        request = failed(manager)
-    assert outcomes(manager, request) == {HERE: SAVED, SECOND: SAVED, THIRD: "no space on device"}
+        request = failed(operator)
+    assert outcomes(operator, request) == {HERE: SAVED, SECOND: SAVED, THIRD: "no space on device"}
     assert startup(STATES[THIRD]) == saved_before[THIRD]
-    works_again(manager)
+    works_again(operator)
 
 
-def test_this_switch_fails(manager):
+def test_this_switch_fails(operator):
     with damaged_running_configuration():
-        request = failed(manager)
-        told = outcomes(manager, request)
+        request = failed(operator)
+        told = outcomes(operator, request)
     assert "is not valid" in told.pop(HERE) and told == {SECOND: SAVED, THIRD: SAVED}
-    works_again(manager)
+    works_again(operator)
 
 
-def test_member_with_a_copy_in_progress(manager):
+def test_member_with_a_copy_in_progress(operator):
     with busy_device(STATES[SECOND]):
         other = f"{COPY_ENTRY}.{{}}.9"
         triples = [(ROW_STATUS, CREATE_AND_GO), (SOURCE, RUNNING), (DESTINATION, STARTUP)]
         run("snmpset", AGENTS[SECOND], *[word for column, value in triples for word in (other.format(column), "i", value)])
-        request = failed(manager)
-        assert outcomes(manager, request)[SECOND] == "another copy is in progress"
+        request = failed(operator)
+        assert outcomes(operator, request)[SECOND] == "another copy is in progress"
     wait_for(lambda: run("snmpget", "-Oqv", AGENTS[SECOND], other.format(STATE)).strip() == str(STATE_SUCCESSFUL), what="the member's own save")
     run("snmpset", AGENTS[SECOND], other.format(ROW_STATUS), "i", DESTROY)
-    works_again(manager)
+    works_again(operator)
 
 
-def test_member_whose_system_manager_refuses(manager):
+def test_member_whose_system_manager_refuses(operator):
     with busy_device(STATES[SECOND]):
         own = subprocess.Popen(["lab-ctl", "switch-exec", str(SECOND), "cmdshell", "-c", "copy running-config startup-config"])
         wait_for(lambda: f"asked by user" in Path(LOGS / "wardend2.log").read_text().splitlines()[-1], what="the member's own save")
-        request = failed(manager)
+        request = failed(operator)
         assert outcomes(manager, request)[SECOND] == "refused by its system manager"
     assert own.wait(10) == 0
 
 
-def test_member_that_takes_too_long(manager, saved_before):
+def test_member_that_takes_too_long(operator, saved_before):
     with busy_device(STATES[SECOND]):
-        request = failed(manager)
-        assert outcomes(manager, request)[SECOND] == f"not saved in {LIMIT} s"
+        request = failed(operator)
+        assert outcomes(operator, request)[SECOND] == f"not saved in {LIMIT} s"
         wait_for(lambda: rows_on(SECOND) == [], what="the end of the row on the member")
     assert startup(STATES[SECOND]) == saved_before[SECOND]
-    works_again(manager)
+    works_again(operator)
 
 
-def test_bad_settings_save_nowhere(manager, saved_before):
+def test_bad_settings_save_nowhere(operator, saved_before):
     SETTINGS.write_text(f"{SETTINGS.read_text()}fabric_member = nonsense\n")
-    request = failed(manager)
-    assert [*outcomes(manager, request)] == [HERE] and "fabric_member" in outcomes(manager, request)[HERE]
+    request = failed(operator)
+    assert [*outcomes(operator, request)] == [HERE] and "fabric_member" in outcomes(operator, request)[HERE]
     assert {number: startup(state) for number, state in STATES.items()} == saved_before
 
 
-def test_destroy_gives_the_fabric_save_up(manager, saved_before):
+def test_destroy_gives_the_fabric_save_up(operator, saved_before):
     with busy_device(STATES[SECOND]):
-        request = fabric_save(manager)
+        request = fabric_save(operator)
         wait_for(lambda: rows_on(SECOND), what="the row on the member")
         request.destroy()
         wait_for(lambda: rows_on(SECOND) == rows_on(THIRD) == [], what="the end of the members' rows")
         assert startup(STATES[SECOND]) == saved_before[SECOND]
     assert startup() == saved_before[HERE]
-    works_again(manager)
+    works_again(operator)
 
 
-def test_error_table_in_order_over_several_requests(manager):
+def test_error_table_in_order_over_several_requests(operator):
     lab_ctl("stop-agent", SECOND)
-    requests = {index: failed(manager, index=index) for index in (700, 70, 7000)}
+    requests = {index: failed(operator, index=index) for index in (700, 70, 7000)}
     keys = [(index, error) for index in (70, 700, 7000) for error in (1, 2, 3)]
-    assert [key for key, _ in error_rows(manager)] == keys
+    assert [key for key, _ in error_rows(operator)] == keys
     oid, walked = f"{ERROR_ENTRY}.{ERROR_TEXT}", []
-    while (found := manager.get_next(oid))[0].startswith(f"{ERROR_ENTRY}.{ERROR_TEXT}."):
+    while (found := operator.get_next(oid))[0].startswith(f"{ERROR_ENTRY}.{ERROR_TEXT}."):
         oid = found[0]
         walked.append(tuple(map(int, oid.split(".")[-2:])))
     assert walked == keys
     requests[700].destroy()
-    assert [key for key, _ in error_rows(manager)] == [key for key in keys if key[0] != 700]
+    assert [key for key, _ in error_rows(operator)] == [key for key in keys if key[0] != 700]
 
 
-def test_killed_while_the_fabric_saves(manager, saved_before):
+def test_killed_while_the_fabric_saves(operator, saved_before):
     with busy_device(STATES[SECOND]):
-        request = fabric_save(manager)
+        request = fabric_save(operator)
         wait_for(lambda: rows_on(SECOND), what="the row on the member")
         lab_ctl("kill-system-manager", HERE)
         # Nobody is left who would do it later: the processes that drive the members clear up.
@@ -206,4 +208,4 @@ def test_killed_while_the_fabric_saves(manager, saved_before):
     assert startup() == saved_before[HERE]
     request.destroy()
     lab_ctl("start-system-manager", HERE)
-    works_again(manager)
+    works_again(operator)
