@@ -55,7 +55,8 @@ class Switch:
                                      environment=environment(self.number), ends_with=(0,))
 
     def seed(self):
-        """Gives the switch a configuration that looks like one, through its own command line."""
+        """Gives the switch a configuration that looks like one, through its own command line; before the system manager runs, which would
+        tell of the save later."""
         text = self.home / "first.cfg"
         text.write_text(FIRST_CONFIGURATION.format(address=self.address4))
         for command in (f"configure {text}", "copy running-config startup-config"):
@@ -80,7 +81,8 @@ class Switch:
             # Some by one family and some by the other, so that both are in use.
             lines.append(f"fabric_member = {wwn(other)} {address6 if other % 2 == 1 and other > 1 else address4}")
         if others:
-            lines += [f"fabric_user = {FABRIC_USER}", f"fabric_auth_passphrase = {FABRIC_AUTHENTICATION}", f"fabric_priv_passphrase = {FABRIC_PRIVACY}"]
+            lines += [f"fabric_user = {FABRIC_USER}", f"fabric_auth_passphrase = {FABRIC_AUTHENTICATION}",
+                      f"fabric_priv_passphrase = {FABRIC_PRIVACY}"]
         file = self.home / "platform.conf"
         file.touch(0o600)
         file.write_text("\n".join(lines) + "\n")

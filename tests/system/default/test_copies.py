@@ -117,7 +117,14 @@ def test_server_that_is_not_there(manager):
     assert Request(manager).create(*upload("192.0.2.99", "nowhere.cfg")).fails() == TIMEOUT
 
 
-def test_running_to_startup_without_a_system_manager(manager):
+@pytest.fixture
+def no_system_manager():
+    lab_ctl("stop-system-manager")
+    yield
+    lab_ctl("start-system-manager")
+
+
+def test_running_to_startup_without_a_system_manager(manager, no_system_manager):
     """Nobody takes the request: the row goes on running until it is destroyed, and the next copy starts."""
     request = Request(manager).create((SOURCE, RUNNING), (DESTINATION, STARTUP), (NOTIFY, TRUE))
     request.activate()
