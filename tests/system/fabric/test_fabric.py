@@ -150,9 +150,9 @@ def test_member_with_a_copy_in_progress(operator):
 def test_member_whose_system_manager_refuses(operator):
     with busy_device(STATES[SECOND]):
         own = subprocess.Popen(["lab-ctl", "switch-exec", str(SECOND), "cmdshell", "-c", "copy running-config startup-config"])
-        wait_for(lambda: f"asked by user" in Path(LOGS / "wardend2.log").read_text().splitlines()[-1], what="the member's own save")
+        wait_for(lambda: "asked by user" in Path(LOGS / "wardend2.log").read_text().splitlines()[-1], what="the member's own save")
         request = failed(operator)
-        assert outcomes(manager, request)[SECOND] == "refused by its system manager"
+        assert outcomes(operator, request)[SECOND] == "refused by its system manager"
     assert own.wait(10) == 0
 
 
