@@ -26,6 +26,11 @@ std::string bounded_text(const Configuration &configuration) {
     return text;
 }
 
+// One name for each file, whatever links lead to its directory. A link in the file's own place is not followed: it is what gets replaced.
+std::filesystem::path resolved(const std::filesystem::path &path) {
+    return std::filesystem::weakly_canonical(path.parent_path()) / path.filename();
+}
+
 class EmbeddedBackend final : public DeviceBackend {
   public:
     EmbeddedBackend(const std::filesystem::path &directory, std::chrono::milliseconds lock_wait)
@@ -66,9 +71,9 @@ class EmbeddedBackend final : public DeviceBackend {
         const std::string text = to_text(running());
         std::set<std::filesystem::path> paths; // a file may be named twice
         for (const std::filesystem::path &copy : copies) {
-            paths.insert((startup_file_.parent_path() / copy).lexically_normal());
+            paths.insert(resolved(startup_file_.parent_path() / copy));
         }
-        paths.erase(startup_file_.lexically_normal());
+        paths.erase(resolved(startup_file_));
         std::vector<PendingFile> files;
         for (const std::filesystem::path &path : paths) {
             files.emplace_back(path, text);

@@ -15,6 +15,7 @@
 #include <csignal>
 #include <functional>
 #include <random>
+#include <set>
 #include <thread>
 #include <vector>
 
@@ -183,6 +184,137 @@ TEST_F(DeviceBackend, TheModeDoesNotDependOnTheMask) {
     device()->apply("hostname x\n");
     ::umask(old);
     EXPECT_EQ(permissions(running()), 0600U);
+}
+
+// The files of a directory by name, locks left out.
+std::set<std::string> names_in(const std::filesystem::path &directory) {
+    std::set<std::string> names;
+    for (const auto &entry : std::filesystem::directory_iterator(directory)) {
+        if (entry.path().extension() != ".lock") {
+            names.insert(entry.path().filename());
+        }
+    }
+    return names;
+}
+
+TEST_F(DeviceBackend, SavesToFurtherFilesAsWell) {
+    device()->apply("hostname one\n");
+    std::filesystem::create_directory(directory_ / "usb");
+    const auto absolute = directory_ / "usb" / "one.cfg";
+    // The startup configuration is named here too, and one file under several names.
+    device()->save({"backup.cfg", absolute, "system.cfg", "backup.cfg", "./backup.cfg", "../usb/one.cfg", startup()}, {});
+    const std::string expected = "hostname one\nend\n";
+    for (const auto &saved : {state() / "backup.cfg", absolute, startup()}) {
+        EXPECT_EQ(content(saved), expected) << saved;
+        EXPECT_EQ(permissions(saved), 0600U) << saved;
+    }
+    EXPECT_EQ(names_in(state()), (std::set<std::string>{"backup.cfg", "running.cfg", "system.cfg"}));
+    EXPECT_EQ(names_in(directory_ / "usb"), std::set<std::string>{"one.cfg"});
+    device()->apply("hostname two\n");
+    device()->save();
+    EXPECT_EQ(content(startup()), "hostname two\nend\n");
+    EXPECT_EQ(content(state() / "backup.cfg"), expected) << "not asked for this time";
+}
+
+TEST_F(DeviceBackend, AFileThatIsNamedThroughALinkOfItsDirectoryIsOneFile) {
+    device()->apply("hostname one\n");
+    std::filesystem::create_directory_symlink(state(), directory_ / "link");
+    device()->save({directory_ / "link" / "system.cfg", directory_ / "link" / "backup.cfg", "backup.cfg"}, {});
+    EXPECT_EQ(content(startup()), "hostname one\nend\n");
+    EXPECT_EQ(content(state() / "backup.cfg"), "hostname one\nend\n");
+    EXPECT_EQ(names_in(state()), (std::set<std::string>{"backup.cfg", "running.cfg", "system.cfg"}));
+}
+
+TEST_F(DeviceBackend, ASaveThatIsGivenUpChangesNothing) {
+    device()->apply("hostname one\n");
+    device()->save({"backup.cfg"}, {});
+    device()->apply("hostname two\n");
+    std::set<std::string> prepared;
+    EXPECT_EQ(failure([&] {
+                  device()->save({"backup.cfg", "new.cfg"}, [&] {
+                      prepared = names_in(state());
+                      EXPECT_EQ(content(state() / "system.cfg.new"), "hostname two\nend\n");
+                      EXPECT_EQ(content(startup()), "hostname one\nend\n");
+                      throw std::runtime_error("given up");
+                  });
+              }),
+              "given up");
+    EXPECT_EQ(prepared,
+              (std::set<std::string>{"backup.cfg", "backup.cfg.new", "new.cfg.new", "running.cfg", "system.cfg", "system.cfg.new"}));
+    EXPECT_EQ(names_in(state()), (std::set<std::string>{"backup.cfg", "running.cfg", "system.cfg"}));
+    EXPECT_EQ(content(startup()), "hostname one\nend\n");
+    EXPECT_EQ(content(state() / "backup.cfg"), "hostname one\nend\n");
+    device()->save();
+    EXPECT_EQ(content(startup()), "hostname two\nend\n");
+}
+
+TEST_F(DeviceBackend, AFileThatCantBePreparedStopsTheSave) {
+    device()->save();
+    device()->apply("hostname two\n");
+    bool is_called = false;
+    const std::string missing = (directory_ / "none" / "a.cfg.new").string();
+    EXPECT_EQ(failure([&] {
+                  device()->save({"backup.cfg", directory_ / "none" / "a.cfg"}, [&] { is_called = true; });
+              }),
+              "cannot make " + missing + ": No such file or directory");
+    EXPECT_FALSE(is_called);
+    EXPECT_EQ(content(startup()), factory);
+    EXPECT_EQ(names_in(state()), (std::set<std::string>{"running.cfg", "system.cfg"}));
+}
+
+TEST_F(DeviceBackend, TheStartupConfigurationIsReplacedLast) {
+    device()->apply("hostname one\n");
+    device()->save();
+    device()->apply("hostname two\n");
+    // Nothing can be renamed to a directory. It comes after system.cfg in every order of names.
+    std::filesystem::create_directory(state() / "zzz.cfg");
+    EXPECT_NE(failure([&] { device()->save({"zzz.cfg", "backup.cfg"}, {}); }), "no failure");
+    EXPECT_EQ(content(startup()), "hostname one\nend\n");
+    EXPECT_EQ(content(state() / "backup.cfg"), "hostname two\nend\n") << "an earlier file may be new";
+    EXPECT_EQ(names_in(state()), (std::set<std::string>{"backup.cfg", "running.cfg", "system.cfg", "zzz.cfg"}));
+}
+
+TEST_F(DeviceBackend, StartsFromTheStartupConfiguration) {
+    device()->apply("hostname forgotten\n");
+    device()->store_startup("! rack 7\nvlan 7\nhostname seven\n");
+    device()->start();
+    EXPECT_EQ(content(running()), "hostname seven\nvlan 7\nend\n");
+    EXPECT_EQ(content(startup()), "! rack 7\nvlan 7\nhostname seven\n");
+}
+
+TEST_F(DeviceBackend, StartsFromTheFactoryDefaultWithoutAStartupConfiguration) {
+    device()->apply("hostname forgotten\n");
+    file("state/system.cfg.new", "hostname unfinished\n"); // of a save that was killed
+    device()->start();
+    EXPECT_EQ(content(running()), factory);
+    EXPECT_FALSE(std::filesystem::exists(startup()));
+}
+
+TEST_F(DeviceBackend, AStartupConfigurationThatIsNotValidStartsNothing) {
+    device()->apply("hostname stays\n");
+    file("state/system.cfg", "hostname a\nbogus\n");
+    EXPECT_EQ(failure([&] { device()->start(); }), startup().string() + " is not valid: line 2: unknown statement 'bogus'");
+    EXPECT_EQ(content(running()), "hostname stays\nend\n");
+    EXPECT_EQ(content(startup()), "hostname a\nbogus\n");
+}
+
+TEST_F(DeviceBackend, AFileThatIsNotCommittedLeavesTheOldOne) {
+    const auto target = file("state/a.cfg", "old");
+    {
+        const ulmo::PendingFile pending(target, "new");
+        EXPECT_EQ(content(target), "old");
+        EXPECT_EQ(content(target.string() + ".new"), "new");
+        EXPECT_EQ(permissions(target.string() + ".new"), 0600U);
+    }
+    EXPECT_EQ(content(target), "old");
+    EXPECT_FALSE(std::filesystem::exists(target.string() + ".new"));
+    std::vector<ulmo::PendingFile> files;
+    files.emplace_back(target, "newer");
+    files.emplace_back(state() / "b.cfg", "b"); // moves the first one
+    files.front().commit();
+    files.clear();
+    EXPECT_EQ(content(target), "newer");
+    EXPECT_EQ(names_in(state()), std::set<std::string>{"a.cfg"});
 }
 
 TEST_F(DeviceBackend, TheWaitForTheLockHasAnEnd) {
