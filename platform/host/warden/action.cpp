@@ -110,7 +110,7 @@ const char *name_of(Action::Scope scope) {
     case Action::Scope::fabric:
         return "startup configuration of every switch of the fabric";
     case Action::Scope::all:
-        return "every startup configuration of this switch";
+        return "startup configurations of this switch";
     case Action::Scope::startup:
         break;
     }
