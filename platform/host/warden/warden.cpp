@@ -106,7 +106,8 @@ Warden::Warden() : server_(MSGBUS_SAP_WARDEN), signals_(signals_that_are_read())
 
 void Warden::run() {
     while (!is_told_to_end_ || current_) {
-        std::array<pollfd, 2> sources{{{signals_.get(), POLLIN, 0}, {server_.fd(), POLLIN, 0}}};
+        // Requests that come too late are not served: they must not wake it either, again and again.
+        std::array<pollfd, 2> sources{{{signals_.get(), POLLIN, 0}, {is_told_to_end_ ? -1 : server_.fd(), POLLIN, 0}}};
         ::poll(sources.data(), sources.size(), time_to_wait());
         for (signalfd_siginfo told; ::read(signals_.get(), &told, sizeof told) == static_cast<ssize_t>(sizeof told);) {
             if (told.ssi_signo != SIGCHLD) {
