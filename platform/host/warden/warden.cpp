@@ -105,7 +105,7 @@ Warden::Warden() : server_(MSGBUS_SAP_WARDEN), signals_(signals_that_are_read())
 }
 
 void Warden::run() {
-    while (!is_told_to_end_ || current_) {
+    while (!is_told_to_end_ || current_ || agent_.has_waiting()) {
         // Requests that come too late are not served: they must not wake it either, again and again.
         std::array<pollfd, 2> sources{{{signals_.get(), POLLIN, 0}, {is_told_to_end_ ? -1 : server_.fd(), POLLIN, 0}}};
         ::poll(sources.data(), sources.size(), time_to_wait());

@@ -18,7 +18,7 @@ class Warden {
     // that run() reads. Throws std::system_error, with EADDRINUSE when another system manager runs, and std::filesystem::filesystem_error.
     Warden();
 
-    // Until SIGTERM or SIGINT; an action that runs then is given up.
+    // Until SIGTERM or SIGINT; an action that runs then is given up, and the agent still told.
     void run();
 
   private:
