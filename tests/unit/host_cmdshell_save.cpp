@@ -2,6 +2,9 @@
 #include "platform/utilities.h"
 #include "tests/unit/host_warden_fixture.h"
 
+#include <pwd.h>
+#include <unistd.h>
+
 using namespace host_test;
 
 namespace {
@@ -34,8 +37,8 @@ TEST_F(CmdshellSave, WaitsForTheEnd) {
     EXPECT_EQ(content(startup()), new_text);
     stop();
     EXPECT_EQ(told_, (Told{begun, ended_well})) << "the agent is told as well";
-    EXPECT_EQ(
-        count("save to the startup configuration of this switch asked by user \"" + std::string(::geteuid() == 0 ? "root" : "") + "*"), 1U);
+    const std::string user = ::getpwuid(::getuid())->pw_name;
+    EXPECT_EQ(count("save to the startup configuration of this switch asked by user \"" + user + "\", session \"#\", process #"), 1U);
 }
 
 TEST_F(CmdshellSave, SaysWhyItFailed) {

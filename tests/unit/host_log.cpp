@@ -62,6 +62,7 @@ TEST_F(HostLog, IsPrintedByADaemonOnly) {
 TEST_F(HostLog, HasTheTimeInFrontUnlessTheJournalWritesIt) {
     const auto log = [] {
         ::setenv("TZ", "XYZ-5", 1); // the time is UTC everywhere
+        ::tzset();
         ulmo::log_to_standard_error();
         ulmo::log_error("error %d", 1);
     };

@@ -276,14 +276,23 @@ class WardenTest : public DeviceTest {
     std::unique_ptr<ulmo::FileLock> hold_device() const {
         return std::make_unique<ulmo::FileLock>(state() / "configuration.lock", ulmo::FileLock::Mode::exclusive, 1s);
     }
-    // The process of the action that runs, the only child. It is there some time after the answer.
+    // The process of the action, the only child, once it waits for the device that is held. It comes some time after the answer.
     pid_t action() const {
         std::vector<pid_t> children;
         EXPECT_TRUE(comes_true([&] {
             children = children_of(warden_->pid());
-            return children.size() == 1;
+            return children.size() == 1 && has_open(children.front(), state() / "configuration.lock");
         }));
         return children.empty() ? -1 : children.front();
+    }
+    static bool has_open(pid_t pid, const std::filesystem::path &path) {
+        std::error_code gone;
+        for (const auto &entry : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd", gone)) {
+            if (std::filesystem::read_symlink(entry.path(), gone) == path) {
+                return true;
+            }
+        }
+        return false;
     }
     // Whether the process has been sent a SIGTERM, which it does not take.
     static bool is_told_to_stop(pid_t pid) {
