@@ -63,6 +63,11 @@ std::string act(const ulmo::FabricMember &member, std::chrono::seconds limit, bo
         ::raise(SIGKILL);
     } else if (what == "exit") {
         ::_exit(0);
+    } else if (what == "half") {
+        for (int descriptor = 3; descriptor < 1024; ++descriptor) {
+            static_cast<void>(!::write(descriptor, "save", 4)); // the pipe is the one that is open
+        }
+        ::_exit(0);
     } else if (what == "throw") {
         throw std::runtime_error("a test's");
     } else if (what == "obey") {
@@ -141,8 +146,8 @@ TEST_F(FabricSave, FiftyMembersAreSavedSideBySide) {
 }
 
 TEST_F(FabricSave, ProcessThatDiesIsAnInternalErrorOfItsMemberOnly) {
-    EXPECT_EQ(save({"crash", "saved", "exit", "throw", "slow"}),
-              (Texts{"internal error", "saved", "internal error", "internal error", "slow"}));
+    EXPECT_EQ(save({"crash", "saved", "exit", "half", "throw", "slow"}),
+              (Texts{"internal error", "saved", "internal error", "internal error", "internal error", "slow"}));
 }
 
 TEST_F(FabricSave, ProcessThatDoesNotEndIsEnded) {
@@ -168,6 +173,8 @@ TEST_F(FabricSave, StopWaitsTwoSecondsAtMost) {
 TEST_F(FabricSave, ProcessHoldsNothingOfItsParents) {
     const ulmo::UniqueFd file(::open("/dev/null", O_RDONLY));
     ASSERT_TRUE(file);
+    const ulmo::UniqueFd high_file(::fcntl(file.get(), F_DUPFD, 900));
+    ASSERT_TRUE(high_file);
     sigset_t block;
     sigset_t old;
     ::sigemptyset(&block);
