@@ -60,7 +60,7 @@ oid random_index() {
     return std::uniform_int_distribution<oid>(1, 0x7FFFFFFF)(source);
 }
 
-// The save ends here, with this outcome. Kept apart from the errors of the program.
+// Thrown where a save ends before its time. Kept apart from the errors of the program.
 struct Outcome {
     std::string words;
 };
@@ -101,15 +101,14 @@ std::optional<long> integer_of(const netsnmp_variable_list *variable) {
     return *variable->val.integer;
 }
 
-// The library must read no user's configuration, keep no state on this machine, load no MIB modules and print nothing.
+// The library must read no user's configuration, load no MIB modules, keep nothing on this machine and print nothing.
 void set_up_library() {
     ::setenv("MIBS", "", 1);
     ::setenv("MIBDIRS", "", 1);
-    ::snmp_disable_log();
+    ::netsnmp_register_loghandler(NETSNMP_LOGHANDLER_NONE, LOG_DEBUG);
     ::netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_READ_CONFIGS, 1);
     ::netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_PERSIST_STATE, 1);
-    ::netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DISABLE_PERSISTENT_LOAD, 1);
-    ::netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DISABLE_PERSISTENT_SAVE, 1);
+    ::set_persistent_directory("/dev/null"); // it makes folders for certificates in it even so
     ::init_snmp("wardend");
 }
 
@@ -120,14 +119,14 @@ std::string peer_name(const FabricMember &member) {
     return member.address.type == INET_ADDRESS_IPV6 ? "udp6:[" + std::string(address) + ']' + port : "udp:" + std::string(address) + port;
 }
 
-void make_key(std::span<const oid> hash, std::string passphrase, u_char *key, std::size_t &length) {
+void make_key(std::span<const oid> hash, const std::string &passphrase, u_char *key, std::size_t &length) {
     if (::generate_Ku(hash.data(), static_cast<u_int>(hash.size()), reinterpret_cast<const u_char *>(passphrase.data()), passphrase.size(),
                       key, &length) != SNMPERR_SUCCESS) {
         throw std::runtime_error("no key can be made of a passphrase");
     }
 }
 
-// One request at a time with one member, without a word of the library's own to it: what is lost stays lost.
+// One request at a time with one member. The library repeats none: what is lost stays lost.
 class Session {
   public:
     explicit Session(const FabricMember &member) : peer_(peer_name(member)), user_(member.user) {
@@ -189,8 +188,8 @@ class Session {
     }
 
   private:
-    static void give_up_for_good(int library_error) {
-        log_debug("asking a member of the fabric: %s", ::snmp_api_errstring(library_error));
+    void give_up_for_good(int library_error) const {
+        log_debug("asking %s: %s", peer_.c_str(), ::snmp_api_errstring(library_error));
         if (std::string words = words_of_library_error(library_error); !words.empty()) {
             throw Outcome{std::move(words)};
         }
