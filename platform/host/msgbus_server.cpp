@@ -66,8 +66,8 @@ MsgbusServer::MsgbusServer(uint32_t sap, Limits limits)
         throw std::system_error(errno, std::generic_category(), socket_path_);
     }
     require(::bind(listener_.get(), address.get(), address.length()), "bind of the access point");
-    // Nobody can connect before listen(), so that the socket is never open to others.
-    require(::chmod(socket_path_.c_str(), 0600), "mode of the access point");
+    // Whoever is not trusted may knock: what he sends is not read, and the log tells of it.
+    require(::chmod(socket_path_.c_str(), 0666), "mode of the access point");
     require(::listen(listener_.get(), backlog), "listen on the access point");
     watch(events_.get(), listener_.get());
     watch(events_.get(), timer_.get());
@@ -139,7 +139,7 @@ void MsgbusServer::accept_waiting(const Handler &handler) {
         Pending newcomer{std::move(connection), {}, Clock::now() + limits_.patience};
         newcomer.peer = peer_of(newcomer.connection.get());
         if (!is_trusted(newcomer.peer)) {
-            log_error("msgbus: access point %u: process %d of user %u refused", sap_, newcomer.peer.pid, newcomer.peer.uid);
+            log_refusal(newcomer.peer);
             continue;
         }
         if (take(newcomer, handler)) {
@@ -152,6 +152,20 @@ void MsgbusServer::accept_waiting(const Handler &handler) {
         }
         watch(events_.get(), newcomer.connection.get());
         pending_.push_back(std::move(newcomer));
+    }
+}
+
+void MsgbusServer::log_refusal(const ucred &peer) {
+    constexpr std::chrono::seconds interval{1};
+    if (const auto now = Clock::now(); now - refusals_since_ >= interval) {
+        refusals_since_ = now;
+        refusals_ = 0;
+    }
+    constexpr unsigned logged_in_interval = 10; // nobody fills the log by knocking
+    ++refusals_;
+    if (refusals_ <= logged_in_interval) {
+        log_error("msgbus: access point %u: process %d of user %u refused%s", sap_, peer.pid, peer.uid,
+                  refusals_ == logged_in_interval ? "; there may be more within this second" : "");
     }
 }
 

@@ -68,6 +68,7 @@ class MsgbusServer {
     void unwatch(const Pending &one) const;
     void take_pending(const Handler &handler);
     void accept_waiting(const Handler &handler);
+    void log_refusal(const ucred &peer);
     void listen_to_newcomers(bool on);
     void set_timer();
 
@@ -79,6 +80,8 @@ class MsgbusServer {
     UniqueFd timer_;
     UniqueFd events_;
     bool listening_ = true;
+    unsigned refusals_ = 0; // of peers that are not trusted, in the interval that began at refusals_since_
+    Clock::time_point refusals_since_{};
     std::vector<Pending> pending_; // the oldest first
 };
 

@@ -2,6 +2,8 @@
 
 import itertools
 import signal
+import socket
+import struct
 import threading
 import time
 
@@ -62,23 +64,23 @@ def next_copy_works(manager):
 
 
 @TO
-def test_no_system_manager(manager, destination):
+def test_no_system_manager(operator, destination):
     """Deliberate: the row goes on running, and a destroy clears the way."""
     lab_ctl("stop-system-manager")
-    request = save(manager, destination)
+    request = save(operator, destination)
     request.activate()
     assert request.get(STATE, FAIL_CAUSE) == [STATE_RUNNING, GENERAL]
-    second = save(manager)
+    second = save(operator)
     with pytest.raises(SnmpError, match="genErr"):
         second.activate()
     second.destroy()  # else it waits, and the begin of the next save takes it for the one that begins
     request.destroy()
     lab_ctl("start-system-manager")
-    next_copy_works(manager)
+    next_copy_works(operator)
 
 
 @pytest.mark.parametrize("killed", [True, False], ids=["killed", "silent"])
-def test_no_answer(manager, changed, killed):
+def test_no_answer(operator, changed, killed):
     """The agent comes back by itself, at the latest when the bus gives the answer up."""
     before, refused = startup(), logged("not begun: the requester is gone")
     pid = system_manager_pid()
@@ -88,7 +90,7 @@ def test_no_answer(manager, changed, killed):
         return run("ulmo-history").count("Sending request to warden")
 
     asked_before = asked()
-    request = save(manager)
+    request = save(operator)
     setting = threading.Thread(target=request.activate)
     began = time.monotonic()
     setting.start()
@@ -107,31 +109,31 @@ def test_no_answer(manager, changed, killed):
         # What it finds now is a request whose requester is gone.
         wait_for(lambda: logged("not begun: the requester is gone") > refused, what="the line in the log")
         assert startup() == before
-    next_copy_works(manager)
+    next_copy_works(operator)
 
 
-def test_killed_while_it_saves(manager, changed):
+def test_killed_while_it_saves(operator, changed):
     before = startup()
     with busy_device():
-        request = save(manager)
+        request = save(operator)
         request.activate()
         lab_ctl("kill-system-manager")
     assert request.get(STATE) == STATE_RUNNING
     assert startup() == before
     request.destroy()
     lab_ctl("start-system-manager")
-    next_copy_works(manager)
+    next_copy_works(operator)
 
 
-def test_restarted_after_a_save_was_cut_short(manager, changed):
+def test_restarted_after_a_save_was_cut_short(operator, changed):
     """The next system manager tells the agent that nothing came of it."""
     with busy_device():
-        request = save(manager)
+        request = save(operator)
         request.activate()
         lab_ctl("kill-system-manager")
     lab_ctl("start-system-manager")
     assert request.finished() == (STATE_FAILED, SYSTEM_MANAGER_FAILED)
-    next_copy_works(manager)
+    next_copy_works(operator)
 
 
 def test_refused(manager, changed):
@@ -184,21 +186,21 @@ def ignored():
     return run("ulmo-history").count("copy run2start not initiated by us. ignore it")
 
 
-def test_save_outside_snmp_and_a_waiting_request(manager):
+def test_save_outside_snmp_and_a_waiting_request(operator):
     """Deliberate: the message about its begin takes the first waiting row for its own, the one about its end no network copy."""
     before = ignored()
-    request = Request(manager).create(*upload(SERVER4, "waiting.cfg"))
+    request = Request(operator).create(*upload(SERVER4, "waiting.cfg"))
     run("cmdshell", "-c", "copy running-config startup-config")
     wait_for(lambda: ignored() > before, what="the end of the save")
     assert request.get(STATE, FAIL_CAUSE, ROW_STATUS) == [STATE_RUNNING, GENERAL, NOT_READY]
     assert completions(request.index) == []
     request.destroy()
-    next_copy_works(manager)
+    next_copy_works(operator)
 
 
-def test_save_outside_snmp_and_a_network_copy(manager, broken_link):
+def test_save_outside_snmp_and_a_network_copy(operator, broken_link):
     before = ignored()
-    request = Request(manager).create(*upload(SERVER4, "other.cfg"))
+    request = Request(operator).create(*upload(SERVER4, "other.cfg"))
     request.activate()
     run("cmdshell", "-c", "copy running-config startup-config")
     wait_for(lambda: ignored() > before, what="the end of the save")
@@ -207,11 +209,11 @@ def test_save_outside_snmp_and_a_network_copy(manager, broken_link):
     assert request.finished(within=45) == (STATE_SUCCESSFUL, GENERAL)
 
 
-def test_save_outside_snmp_and_an_empty_table(manager):
+def test_save_outside_snmp_and_an_empty_table(operator):
     run("cmdshell", "-c", "copy running-config startup-config")
     assert startup() == running()
     assert run("cmdshell", "-c", "show last-save") == "saved\n"
-    assert manager.walk(ROOT) == []
+    assert operator.walk(ROOT) == []
 
 
 def test_agent_restarted_during_a_save(operator, changed):
@@ -231,3 +233,63 @@ def test_configuration_of_the_start(operator, changed):
     (Path(os.environ["ULMO_RUN_DIR"]) / "started").unlink()
     lab_ctl("restart-system-manager")
     assert running() == startup() != before
+
+
+KNOCK = """
+import socket, sys
+connection = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+connection.connect(sys.argv[1])
+try:
+    connection.sendall(bytes.fromhex(sys.argv[2]))
+    answer = connection.recv(100)
+except (BrokenPipeError, ConnectionResetError):  # refused before the first octet
+    answer = b""
+assert answer == b""
+"""
+SYSTEM_MANAGER, SNMP_AGENT = 3, 28
+
+
+def access_point(point):
+    return str(Path(os.environ["ULMO_RUN_DIR"]) / "msgbus" / str(point))
+
+
+def packet(opcode, payload):
+    return struct.pack("=5I", 0x6D736762, 1, opcode, 1, len(payload)) + payload
+
+
+def errors_logged():
+    return run("ulmo-history", "--errors").splitlines()
+
+
+@pytest.fixture
+def undisturbed(operator, broken_link):
+    """A copy that runs meanwhile, and whose end nothing but its own worker may tell."""
+    copying = Request(operator).create(*upload(SERVER4, "mine.cfg")).activate()
+    yield
+    assert copying.get(STATE) == STATE_RUNNING
+    broken_link()
+    assert copying.finished(within=45) == (STATE_SUCCESSFUL, GENERAL)
+
+
+def test_another_users_messages_are_refused_and_logged(undisturbed):
+    """Neither the agent nor the system manager takes anything from a process of another user."""
+    for point, opcode in ((SYSTEM_MANAGER, 1381), (SYSTEM_MANAGER, 1383), (SNMP_AGENT, 1361), (SNMP_AGENT, 1391), (SNMP_AGENT, 10273)):
+        line = f"msgbus: access point {point}: process "
+        before = run("ulmo-history", "--errors").count(line)
+        message = packet(opcode, struct.pack(">II", 26, 1) + bytes(132))
+        run("setpriv", "--reuid", "nobody", "--clear-groups", "/usr/bin/python3", "-c", KNOCK, access_point(point), message.hex())
+        wait_for(lambda: run("ulmo-history", "--errors").count(line) > before, what=f"the line about {opcode}")
+
+
+def test_messages_that_mean_nothing_are_dropped_with_a_line(undisturbed):
+    for point, opcode, payload in (
+            (SYSTEM_MANAGER, 1381, b""), (SYSTEM_MANAGER, 1381, bytes(139)), (SYSTEM_MANAGER, 1381, bytes(141)), (SYSTEM_MANAGER, 1383, bytes(4)),
+            (SYSTEM_MANAGER, 1383, struct.pack(">II", 4711, 0)), (SYSTEM_MANAGER, 77, b""),
+            (SNMP_AGENT, 10273, struct.pack("=i", 0)), (SNMP_AGENT, 77, bytes(140)), (SNMP_AGENT, 1381, bytes(4))):
+        before = len(errors_logged())
+        with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as connection:
+            connection.connect(access_point(point))
+            connection.sendall(packet(opcode, payload))
+            connection.settimeout(5)
+            assert connection.recv(100) == b""
+        wait_for(lambda: any("dropped" in line for line in errors_logged()[before:]), what=f"the line about {opcode} with {len(payload)} octets")
