@@ -12,8 +12,8 @@ from pathlib import Path
 
 import network
 import private_root
-from daemons import (AUTHENTICATION, LAB, LOG, OPERATOR, PRIVACY, SERVER_ROOT, TRAPS, USER, Daemon, Failure, FileServer, Receiver, Switch, folder,
-                     poll, succeeds)
+from daemons import (AUTHENTICATION, LAB, LOG, OPERATOR, PRIVACY, SERVER_ROOT, TRAPS, USER, Daemon, Failure, Receiver, Switch, folder, poll, succeeds)
+from file_server import FileServer
 
 LAB_FAILED = 125
 SHOWN_LINES = 40
@@ -46,8 +46,7 @@ class Lab:
         self.server.prepare()
         self._join_switch()
         self._start_receiver()
-        for daemon in self.server.daemons():
-            self._start(daemon)
+        self._start(*self.server.daemons())
         self.switch.prepare()
         if not self.orders["no_module"]:
             self.switch.seed()
@@ -76,16 +75,41 @@ class Lab:
 
     def _start_receiver(self):
         daemons, pipe = Receiver(self.unpacked).daemons()
-        for daemon in daemons:
-            self._start(daemon)
+        self._start(*daemons)
         for descriptor in pipe:
             os.close(descriptor)
         os.truncate(TRAPS, 0)
 
-    def _start(self, daemon):
-        daemon.start()
-        daemon.await_ready()
-        self.daemons.append(daemon)
+    def _start(self, *daemons):
+        for daemon in daemons:
+            daemon.start()
+        for daemon in daemons:
+            daemon.await_ready()
+            self.daemons.append(daemon)
+
+    # The file server, for lab-ctl
+
+    def start_server(self, kind):
+        self._start(*(daemon for daemon in self.server.daemons(kind) if daemon.ended()))
+
+    def stop_server(self, kind):
+        for daemon in self._let_go(kind):
+            daemon.stop()
+
+    def kill_server(self, kind):
+        for daemon in self._let_go(kind):
+            daemon.kill()
+
+    def new_host_key(self):
+        self.stop_server("ssh")
+        self.server.new_host_key()
+        self.start_server("ssh")
+
+    def _let_go(self, kind):
+        """The daemons of that kind that run. From now on they may end."""
+        running = [daemon for daemon in self.server.daemons(kind) if daemon in self.daemons]
+        self.daemons = [daemon for daemon in self.daemons if daemon not in running]
+        return running
 
     # The agent, for lab-ctl
 
@@ -179,7 +203,9 @@ class Lab:
 
     def _serve(self, connection):
         commands = {"start-agent": self.start_agent, "stop-agent": self.stop_agent, "restart-agent": self.restart_agent,
-                    "reload-agent": self.reload_agent, "agent-pid": self.agent_pid, "agent-clock": self.agent_clock}
+                    "reload-agent": self.reload_agent, "agent-pid": self.agent_pid, "agent-clock": self.agent_clock,
+                    "start-server": self.start_server, "stop-server": self.stop_server, "kill-server": self.kill_server,
+                    "new-host-key": self.new_host_key}
         with connection:
             name, *words = json.loads(connection.makefile().readline())
             try:
