@@ -70,7 +70,7 @@ class FileServer:
         takes any password, and serves the same folder."""
         with open("/etc/passwd", "a") as passwd:
             passwd.write(f"anonymous:x:{self.account.id}:{self.account.id}::{SERVER_ROOT}:/usr/sbin/nologin\n")
-        Path("/etc/pam.d/lab-ftp").write_text("auth sufficient pam_succeed_if.so quiet user = anonymous\nauth required pam_unix.so\n"
+        Path("/etc/pam.d/lab-ftp").write_text("auth sufficient pam_succeed_if.so quiet user = anonymous\nauth required pam_unix.so nodelay\n"
                                               "account required pam_permit.so\nsession required pam_permit.so\n")
         empty = folder(self.home / "empty")
         daemons = []
