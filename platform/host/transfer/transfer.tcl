@@ -239,7 +239,7 @@ proc token {} {
 
 # Starts the client on a terminal of its own, which takes and gives every octet as it is, and begins to watch the limits.
 proc start_client {args} {
-    global spawn_id client_pid vrf idle_limit deadline moved progress here
+    global spawn_id client_pid vrf idle_limit deadline moved progress here env
     set idle_limit [seconds_setting transfer_idle_limit 30]
     set moved [clock seconds]
     set deadline [expr {$moved + [seconds_setting transfer_time_limit 3600]}]
@@ -247,7 +247,20 @@ proc start_client {args} {
     if {$vrf ne {}} {
         set args [linsert $args 0 $here/vrf-exec $vrf]
     }
-    set client_pid [spawn -noecho {*}$args]
+    # spawn would hand over each word in Tcl's own encoding, while the environment takes octets. The shell puts them back as they are.
+    set number 0
+    set words {}
+    set variables {}
+    foreach word $args {
+        set variable ULMO_WORD_[incr number]
+        set env($variable) $word
+        lappend variables $variable
+        append words " \"\$$variable\""
+    }
+    set client_pid [spawn -noecho /bin/sh -c "set --$words; unset $variables; exec \"\$@\""]
+    foreach variable $variables {
+        unset env($variable)
+    }
 }
 
 proc type {text} {
