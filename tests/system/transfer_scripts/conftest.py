@@ -64,10 +64,10 @@ def files(here):
 
 @pytest.fixture
 def small_disk():
-    """A full file system of 64 KiB, which the account may write."""
+    """A file system of 64 KiB and a few files, which the account may write."""
     path = Path("/tmp/small")
     path.mkdir()
-    run("mount", "-t", "tmpfs", "-o", "size=64k,mode=1777", "small", path)
+    run("mount", "-t", "tmpfs", "-o", "size=64k,nr_inodes=8,mode=1777", "small", path)
     yield path
     run("umount", path)
     path.rmdir()
@@ -95,7 +95,7 @@ def slow_link():
     """Both directions at the given speed, in kbit/s."""
 
     def limit(rate):
-        bucket = ("root", "tbf", "rate", f"{rate}kbit", "burst", "4k", "latency", "2s")
+        bucket = ("root", "tbf", "rate", f"{rate}kbit", "burst", "4k", "latency", "500ms")
         run("tc", "qdisc", "replace", "dev", "mgmt0", *bucket)
         on_server("tc", "qdisc", "replace", "dev", "port1", *bucket)
 
