@@ -1,10 +1,8 @@
-"""What runs in the lab: daemons, those of the file server, the notification receiver. The switches' own are in switch.py."""
+"""What runs in the lab: daemons, and the notification receiver. The switches' own are in switch.py, the file server's in file_server.py."""
 
-import crypt
+import contextlib
 import os
-import secrets
 import signal
-import string
 import subprocess
 import sys
 import time
@@ -112,6 +110,22 @@ class Daemon:
             process.kill()
             process.wait()
 
+    def kill_family(self):
+        """Ends it and all that it started."""
+        self.wanted = False
+        process, self.process = self.process, None
+        if process is None:
+            return
+        family = [process.pid]
+        for pid in family:  # grows while it is walked
+            with contextlib.suppress(FileNotFoundError, ProcessLookupError):
+                os.kill(pid, signal.SIGSTOP)  # starts no more
+                family += map(int, Path(f"/proc/{pid}/task/{pid}/children").read_text().split())
+        for pid in family:
+            with contextlib.suppress(ProcessLookupError):
+                os.kill(pid, signal.SIGKILL)
+        process.wait()
+
 
 def succeeds(*words, within=5):
     try:
@@ -137,72 +151,6 @@ def private_folder_of_size(path, limit, mode=0o755):
     folder(path, mode)
     if limit:
         private_root.mount("disk", path, "tmpfs", data=f"size={limit},mode={mode:o}")
-
-
-class Account:
-    """The account on the file server, in the lab's copies of the account files."""
-
-    def __init__(self, home):
-        self.password = "".join(secrets.choice(string.ascii_letters + string.digits) for _ in range(12))
-        taken = {int(line.split(":")[2]) for line in Path("/etc/passwd").read_text().splitlines() if line.count(":") >= 6}
-        self.id = next(number for number in range(20000, 60000) if number not in taken)
-        self._append("/etc/passwd", f"{USER}:x:{self.id}:{self.id}:the lab's account:{home}:/bin/bash")
-        self._append("/etc/group", f"{USER}:x:{self.id}:")
-        self._append("/etc/shadow", f"{USER}:{crypt.crypt(self.password, crypt.mksalt(crypt.METHOD_SHA512))}:19000:0:99999:7:::")
-
-    @staticmethod
-    def _append(name, line):
-        with open(name, "a") as file:
-            file.write(line + "\n")
-
-
-class FileServer:
-    """The host that the copies go to and come from. Its daemons run in the namespace `server`."""
-
-    def __init__(self, options, unpacked):
-        self.options, self.unpacked = options, unpacked
-        self.account = None
-
-    def prepare(self):
-        folder(SERVER_ROOT.parent)
-        private_folder_of_size(SERVER_ROOT, self.options["server_disk"])
-        self.account = Account(SERVER_ROOT)
-        os.chown(SERVER_ROOT, self.account.id, self.account.id)
-
-    def daemons(self):
-        return self._tftp()
-
-    def _tftp(self):
-        daemons = []
-        for version, address in ((4, network.SERVER4), (6, network.SERVER6)):
-            if self.options["tftp_server"] == "atftpd":
-                # On its own it listens on IPv4 only; handed a socket it serves either.
-                command = [sys.executable, "-B", HERE / "on_socket.py", address, "69", USER, self.unpacked / "root-atftpd/usr/sbin/atftpd",
-                           "--tftpd-timeout", "86400", "--logfile", "-", "--verbose=6", SERVER_ROOT]
-            else:
-                bracketed = f"[{address}]" if version == 6 else address
-                command = [self.unpacked / "root-tftpd-hpa/usr/sbin/in.tftpd", "--foreground", "--verbose", "--user", USER, "--create",
-                           f"--ipv{version}", "--address", f"{bracketed}:69", "--secure", SERVER_ROOT]
-            daemons.append(Daemon(f"tftp-ipv{version}", network.on_server(*command), self._serves_file(address)))
-        return daemons
-
-    def _serves_file(self, address):
-        """A real download works. From the switch, but for a link that loses frames, which says nothing about the server."""
-        host = f"[{address}]" if ":" in address else address
-        fetch = ("curl", "--silent", "--max-time", "0.5", f"tftp://{host}/.probe")
-        if network.wants_relay(self.options):
-            fetch = network.on_server(*fetch)
-
-        def works():
-            probe = SERVER_ROOT / ".probe"
-            probe.write_text("ready\n")
-            probe.chmod(0o644)
-            try:
-                return output_of(*fetch) == "ready\n"
-            finally:
-                probe.unlink()
-
-        return works
 
 
 class Receiver:

@@ -70,6 +70,12 @@ def switch_size(text):
     return int(number), size(limit)
 
 
+def vrf_name(text):
+    if not text.isalnum() or text == "server" or text.startswith("switch"):
+        raise argparse.ArgumentTypeError(f"{text} is not letters and digits, or the lab uses it itself")
+    return text
+
+
 def parse(arguments):
     before, separator, command = arguments, None, []
     if "--" in arguments:
@@ -98,6 +104,8 @@ def parse(arguments):
     parser.add_argument("--rate", metavar="KBIT", type=within(float, 0, 1e9), default=0, help="speed of the link, each way, in kbit/s")
     parser.add_argument("--cut-after", metavar="BYTES", type=within(int, 1, 2**63), help="the link goes dead after so many octets")
     parser.add_argument("--seed", metavar="N", type=within(int, 0, 2**32 - 1), default=1, help="which frames are lost (default: 1)")
+    parser.add_argument("--vrf", metavar="NAME", type=vrf_name, help="the file server is reached within this VRF of the first switch only, a network namespace; "
+                        "NAME is an SNMP context too")
     parser.add_argument("--chassis-type", metavar="N", type=int, help="the switches' chassis type")
     parser.add_argument("--small-disk", metavar="SIZE", type=first_switch_size, action="append", dest="small_disks", default=[],
                         help="the first switch's state and working directory hold so much, for example 256k")

@@ -6,6 +6,7 @@ import subprocess
 from pathlib import Path
 
 SERVER4, SERVER6 = "192.0.2.20", "2001:db8::20"
+IN_VRF4, IN_VRF6 = "203.0.113.20", "2001:db8:f::20"  # the server's addresses where it is reached within a VRF only
 SERVER = "server"
 DEVICE = "mgmt0"  # each switch's end of its link
 TUN = Path("/lab/tun")
@@ -44,6 +45,22 @@ def make_server():
     run("ip", "-n", SERVER, "link", "set", "br0", "up")
     run("ip", "-n", SERVER, "address", "add", f"{SERVER4}/24", "dev", "br0")
     run("ip", "-n", SERVER, "address", "add", f"{SERVER6}/64", "dev", "br0")
+
+
+def make_vrf(name):
+    """A VRF of the first switch, as a namespace of that name. Its device vrf0 leads to a network of the server's that nothing else reaches."""
+    run("ip", "netns", "add", name)
+    prepare_namespace(lambda *words: in_namespace(name, *words))
+    run("ip", "-n", name, "link", "add", "vrf0", "type", "veth", "peer", "name", port_name("vrf"), "netns", SERVER)
+    run("ip", "-n", SERVER, "link", "set", port_name("vrf"), "master", "br0", "up")
+    run("ip", "-n", name, "link", "set", "vrf0", "up")
+    for address in (f"{IN_VRF4}/24", f"{IN_VRF6}/64"):
+        run("ip", "-n", SERVER, "address", "add", address, "dev", "br0")
+        run("ip", "-n", name, "address", "add", address.replace("20/", "10/"), "dev", "vrf0")
+
+
+def file_server_addresses(options):
+    return {4: IN_VRF4, 6: IN_VRF6} if options["vrf"] else {4: SERVER4, 6: SERVER6}
 
 
 def make_switch(number):

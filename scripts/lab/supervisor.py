@@ -12,7 +12,8 @@ from pathlib import Path
 
 import network
 import private_root
-from daemons import LAB, LOG, SERVER_ROOT, TRAPS, USER, Daemon, Failure, FileServer, Receiver, folder, poll
+from daemons import LAB, LOG, SERVER_ROOT, TRAPS, USER, Daemon, Failure, Receiver, folder, poll
+from file_server import FileServer
 from switch import AUTHENTICATION, OPERATOR, PRIVACY, Switch, environment
 
 LAB_FAILED = 125
@@ -20,7 +21,7 @@ SHOWN_LINES = 40
 RELAYED = 1  # the switch whose link may be slow and lossy
 
 
-# What lab-ctl may ask for: which daemon of the switch, and what is done to it.
+# What lab-ctl may ask for: which daemon of the switch, or the file server's daemons of one kind, and what is done to them.
 COMMANDS = {
     "agent-pid": ("agent", Daemon.pid),
     "stop-agent": ("agent", Daemon.stop),
@@ -33,6 +34,7 @@ COMMANDS = {
     "start-system-manager": ("system_manager", Daemon.start),
     "restart-system-manager": ("system_manager", Daemon.restart),
 }
+SERVER_COMMANDS = {"stop-server": Daemon.stop, "kill-server": Daemon.kill_family, "start-server": Daemon.start}
 
 
 class Lab:
@@ -57,6 +59,8 @@ class Lab:
             (Path("/ulmo/bin") / program.name).symlink_to(program)
         self._describe_manager()
         network.make_server()
+        if self.orders["vrf"]:
+            network.make_vrf(self.orders["vrf"])
         self.server.prepare()
         self._join_switches()
         self._start_receiver()
@@ -113,6 +117,12 @@ class Lab:
         """Does what lab-ctl asks for and returns what it prints."""
         if name == "agent-clock":
             return self.set_clock(*words)
+        if name == "new-host-key":
+            return self.new_host_key()
+        if name in SERVER_COMMANDS:
+            for daemon in self.server.daemons(*words):
+                SERVER_COMMANDS[name](daemon)
+            return None
         kind, action = COMMANDS[name]
         return action(getattr(self._switch(*words), kind))
 
@@ -126,12 +136,17 @@ class Lab:
             raise Failure("the lab was made without --faketime")
         self._switch(*number).set_clock(spec)
 
+    def new_host_key(self):
+        self.control("stop-server", "ssh")
+        self.server.new_host_key()
+        self.control("start-server", "ssh")
+
     # While COMMAND runs
 
     def environment(self):
         first, agents = self.switches[0], " ".join(switch.address4 for switch in self.switches)
-        return {**os.environ, **environment(first.number), "LAB_AGENT": first.address4, "LAB_AGENTS": agents, "LAB_SERVER4": network.SERVER4,
-                "LAB_SERVER6": network.SERVER6, "LAB_SERVER_ROOT": str(SERVER_ROOT), "LAB_USER": USER, "LAB_PASSWORD": self.server.account.password,
+        return {**os.environ, **environment(first.number), "LAB_AGENT": first.address4, "LAB_AGENTS": agents, "LAB_SERVER4": self.server.addresses[4],
+                "LAB_SERVER6": self.server.addresses[6], "LAB_SERVER_ROOT": str(SERVER_ROOT), "LAB_USER": USER, "LAB_PASSWORD": self.server.account.password,
                 "LAB_STATE": str(first.state), "LAB_TRAPS": str(TRAPS), "LAB_LOG": str(LOG)}
 
     def run_command(self):

@@ -75,6 +75,8 @@ class Switch:
         lines = [f"management_interface = {network.DEVICE}", f"wwn = {wwn(self.number)}"]
         if self.options["chassis_type"] is not None:
             lines.append(f"chassis_type = {self.options['chassis_type']}")
+        if self.options["vrf"]:
+            lines.append(f"vrf_context = {self.options['vrf']}")
         others = [number for number in range(1, self.options["switches"] + 1) if number != self.number]
         for other in others:
             address4, address6 = network.switch_addresses(other)

@@ -1,0 +1,486 @@
+# What snmp.ftp.expect, sftp.expect and scp.expect have in common. Each moves one file between this switch and a server with the system's own
+# client, which runs on a pseudo terminal. The scripts say nothing when the file was moved; otherwise they say why in one line on standard error.
+#
+# Exit codes:
+#   0  done: the client, and where the protocol has such a word the server, has confirmed the whole file
+#   1  timed out, or the server can't be reached: no answer, no route, connection refused, no such host
+#   2  file name refused, here or by the server: missing, not permitted, a directory, a control character in it
+#   3  no space or quota left, here or on the server
+#   4  login refused
+#   5  host key refused: it has changed, or is not known and first contact is off
+#   6  connection lost
+#   7  wrong use, or the VRF is not known or can't be entered
+#   8  anything else
+#
+# Every script takes the number of a VRF as optional last argument, and runs the client within it.
+#
+# Settings (platform.conf): transfer_time_limit, transfer_idle_limit, ssh_accept_new_host_keys.
+#
+# All texts are octets: one character for each, whatever the locale, as the system encoding is ISO 8859-1 once take_arguments has returned.
+
+log_user 0
+match_max 65536
+set stty_init {raw -echo}
+
+array set CODE {done 0 unreachable 1 name 2 space 3 login 4 host_key 5 lost 6 use 7 other 8}
+set password {}
+set temporary {}
+set client_pid 0
+set closed no
+set transcript {}
+
+# --- arguments ---------------------------------------------------------------------------------------------------------------------------------
+
+# Returns the script's arguments. They hold a password, so that the process list may not keep them: the script starts anew without arguments
+# and reads them from a pipe that is its standard input.
+proc take_arguments {} {
+    global env argc argv0
+    if {![info exists env(ULMO_ARGUMENTS_ON_STDIN)]} {
+        # Not $argv: Tcl has converted that from the caller's locale.
+        set words [lrange [split [contents /proc/self/cmdline] \0] end-$argc end-1]
+        lassign [chan pipe] reading writing
+        # More than a pipe holds can't be an honest file name, and would wait here for ever.
+        if {[string length [join $words]] > 4000} {
+            fail use "the arguments are too long"
+        }
+        fconfigure $writing -translation binary
+        puts -nonewline $writing [join [concat $words {{}}] \0]
+        close $writing
+        spawn -noecho -open $reading
+        set env(ULMO_ARGUMENTS_ON_STDIN) yes
+        set env(LC_ALL) C
+        overlay -0 [string range $spawn_id 3 end] [info nameofexecutable] -N -n -- $argv0
+    }
+    fconfigure stdin -translation binary
+    set words [lrange [split [read stdin] \0] 0 end-1]
+    # What the clients take from the environment (a home folder, an agent, a proxy, a pager) is not for them.
+    set path $env(PATH)
+    set kept [list PATH $path LC_ALL C TERM dumb HOME /nonexistent]
+    foreach name {ULMO_STATE_DIR ULMO_RUN_DIR ULMO_CONF} {
+        if {[info exists env($name)]} {
+            lappend kept $name $env($name)
+        }
+    }
+    foreach name [array names env] {
+        unset env($name)
+    }
+    array set env $kept
+    return $words
+}
+
+# Takes the VRF's number off the end of the arguments when there is one more than `count`.
+proc split_vrf {words count usage} {
+    global vrf
+    set vrf {}
+    if {[llength $words] == $count + 1} {
+        set vrf [lindex $words end]
+        set words [lrange $words 0 end-1]
+        if {![regexp {^-?[0-9]{1,10}$} $vrf]} {
+            fail use "the VRF's number is no number"
+        }
+    }
+    if {[llength $words] != $count} {
+        fail use "usage: $usage \[VRF\]"
+    }
+    return $words
+}
+
+proc refuse_control_characters {code what text} {
+    if {[regexp {[\x00-\x1f\x7f]} $text]} {
+        fail $code "a control character in the $what"
+    }
+}
+
+proc check_names {args} {
+    foreach name $args {
+        if {$name eq {}} {
+            fail name "no file name"
+        }
+        refuse_control_characters name "file name" $name
+    }
+}
+
+proc check_login {user} {
+    global password
+    refuse_control_characters login "user name" $user
+    refuse_control_characters login "password" $password
+}
+
+proc check_server {server} {
+    if {![regexp {^[A-Za-z0-9_.:][A-Za-z0-9_.:%-]*$} $server]} {
+        fail unreachable "not the name or address of a server"
+    }
+}
+
+# --- settings ----------------------------------------------------------------------------------------------------------------------------------
+
+proc contents {file} {
+    set channel [open $file rb]
+    set text [read $channel]
+    close $channel
+    return $text
+}
+
+proc from_environment {name default} {
+    global env
+    return [expr {[info exists env($name)] && $env($name) ne {} ? $env($name) : $default}]
+}
+
+proc setting {key default} {
+    set value $default
+    if {[catch {contents [absolute [from_environment ULMO_CONF /etc/ulmo/platform.conf]]} text]} {
+        return $value
+    }
+    foreach line [split $text \n] {
+        set line [string trim $line " \t\r"]
+        set equals [string first = $line]
+        if {$equals >= 0 && ![string match #* $line] && [string trimright [string range $line 0 $equals-1] " \t\r"] eq $key} {
+            set value [string trimleft [string range $line $equals+1 end] " \t\r"]
+        }
+    }
+    return $value
+}
+
+proc seconds_setting {key default} {
+    set value [setting $key $default]
+    return [expr {[regexp {^[1-9][0-9]{0,8}$} $value] ? $value : $default}]
+}
+
+# --- ending ------------------------------------------------------------------------------------------------------------------------------------
+
+# Ends the script. The line must not tell the password, not even that it is part of a message.
+proc fail {code text} {
+    global CODE password argv0
+    end_client
+    drop_temporary
+    regsub -all {[\x00-\x1f\x7f]+} [string trim [string range $text 0 400]] { } text
+    if {$text eq {} || ($password ne {} && [string first $password $text] >= 0)} {
+        array set plain {unreachable "the server does not answer" name "file name refused" space "no space left" login "login refused"
+            host_key "host key refused" lost "connection lost" use "wrong use" other "the transfer failed"}
+        set text $plain($code)
+    }
+    fconfigure stderr -translation {binary lf}
+    catch {puts stderr "[string range $argv0 [string last / $argv0]+1 end]: $text"}
+    exit $CODE($code)
+}
+
+# Runs the script's body.
+proc transfer {body} {
+    trap {fail other "ended by a signal"} {SIGTERM SIGINT SIGHUP}
+    if {[catch {uplevel #0 $body} text]} {
+        fail other $text
+    }
+    exit 0
+}
+
+# --- local files -------------------------------------------------------------------------------------------------------------------------------
+
+# An absolute name means the same to Tcl, whose own names know `~` and `|`, and to each client.
+proc absolute {name} {
+    return [expr {[string match /* $name] ? $name : "[pwd]/$name"}]
+}
+
+proc fail_for_local_file {problem} {
+    fail [expr {[lindex $::errorCode 1] in {ENOSPC EDQUOT} ? "space" : "name"}] $problem
+}
+
+# The local file of an upload, by its absolute name.
+proc local_source {name} {
+    set name [absolute $name]
+    if {![catch {file type $name}] && ![file isfile $name]} {
+        fail name "$name is not a regular file"
+    }
+    if {[catch {close [open $name r]} problem]} {
+        fail_for_local_file $problem
+    }
+    return $name
+}
+
+# The local file of a download: a new file beside the wanted one, that only its owner reads. keep_download gives it its name.
+proc local_target {name} {
+    global target temporary
+    set target [absolute $name]
+    if {[file isdirectory $target]} {
+        fail name "$target is a directory"
+    }
+    set new "[string range $target 0 [string last / $target]].transfer-[pid]-[token]"
+    if {[catch {close [open $new {WRONLY CREAT EXCL} 0600]} problem]} {
+        fail_for_local_file $problem
+    }
+    set temporary $new
+    return $new
+}
+
+proc keep_download {} {
+    global target temporary
+    if {[catch {file rename -force $temporary $target} problem]} {
+        fail_for_local_file $problem
+    }
+    set temporary {}
+}
+
+proc drop_temporary {} {
+    global temporary
+    if {$temporary ne {}} {
+        catch {file delete $temporary}
+    }
+}
+
+# Something that no server can guess.
+proc token {} {
+    set channel [open /dev/urandom rb]
+    fconfigure $channel -buffering none -buffersize 16
+    binary scan [read $channel 8] H* text
+    close $channel
+    return $text
+}
+
+# --- the client --------------------------------------------------------------------------------------------------------------------------------
+
+# Starts the client on a terminal of its own, which takes and gives every octet as it is, and begins to watch the limits.
+proc start_client {args} {
+    global spawn_id client_pid vrf idle_limit deadline moved progress here env
+    set idle_limit [seconds_setting transfer_idle_limit 30]
+    set moved [clock seconds]
+    set deadline [expr {$moved + [seconds_setting transfer_time_limit 3600]}]
+    set progress {}
+    if {$vrf ne {}} {
+        set args [linsert $args 0 $here/vrf-exec $vrf]
+    }
+    # spawn would hand over each word in Tcl's own encoding, while the environment takes octets. The shell puts them back as they are.
+    set number 0
+    set words {}
+    set variables {}
+    foreach word $args {
+        set variable ULMO_WORD_[incr number]
+        set env($variable) $word
+        lappend variables $variable
+        append words " \"\$$variable\""
+    }
+    set client_pid [spawn -noecho /bin/sh -c "set --$words; unset $variables; exec \"\$@\""]
+    foreach variable $variables {
+        unset env($variable)
+    }
+}
+
+proc type {text} {
+    send -- $text
+}
+
+# Waits until the client's output matches one of the regular expressions, and returns the name that stands before it, or `end` when the client
+# has closed its terminal. What the client has said up to there is then appended to `transcript` and is `said`.
+proc await {args} {
+    global spawn_id transcript said closed
+    set said {}
+    if {$closed} {
+        return end
+    }
+    set clauses {}
+    foreach {name pattern} $args {
+        lappend clauses -re $pattern [list set event $name]
+    }
+    lappend clauses eof {set event end} full_buffer {set event more} timeout {set event quiet}
+    while 1 {
+        expect -timeout 1 {*}$clauses
+        check_limits $event
+        if {$event eq "quiet"} {
+            continue
+        }
+        if {[info exists expect_out(buffer)]} {
+            append said [string map {\r {}} $expect_out(buffer)]
+            unset expect_out
+        }
+        if {$event ne "more"} {
+            set closed [expr {$event eq "end"}]
+            set transcript [string range $transcript$said end-200000 end]
+            return $event
+        }
+    }
+}
+
+proc check_limits {event} {
+    global moved deadline idle_limit progress
+    set now [clock seconds]
+    if {$event ni {quiet more} || $progress ne [set progress [progress_now]]} {
+        set moved $now
+    }
+    if {$event eq "end"} {
+        return
+    }
+    if {$now >= $deadline} {
+        fail unreachable "not finished within the time limit"
+    }
+    if {$now - $moved >= $idle_limit} {
+        fail unreachable "nothing has moved for $idle_limit seconds"
+    }
+}
+
+# A text that changes whenever the client, or what it has started, has read something or the other end has taken something. A slow transfer
+# shows only here: the clients move data in large blocks, and the kernel holds more.
+proc progress_now {} {
+    set seen {}
+    foreach pid [family] {
+        catch {lappend seen [lindex [contents /proc/$pid/io] 1]}
+        foreach link [glob -nocomplain /proc/$pid/fd/*] {
+            if {![catch {file readlink $link} end] && [regexp {^socket:\[(.*)\]$} $end - inode]} {
+                set sockets($inode) yes
+            }
+        }
+        foreach table {tcp tcp6} {
+            if {![array exists sockets] || [catch {contents /proc/$pid/net/$table} lines]} {
+                continue
+            }
+            foreach line [split $lines \n] {
+                if {[info exists sockets([lindex $line 9])]} {
+                    lappend seen [lindex $line 4]
+                }
+            }
+        }
+    }
+    return $seen
+}
+
+# The client and its descendants.
+proc family {} {
+    global client_pid
+    set pids $client_pid
+    for {set at 0} {$at < [llength $pids]} {incr at} {
+        set pid [lindex $pids $at]
+        catch {lappend pids {*}[contents /proc/$pid/task/$pid/children]}
+    }
+    return $pids
+}
+
+# Waits for the client, which has closed its terminal, and returns its exit status; -1 when a signal has ended it.
+proc exit_status {} {
+    global client_pid
+    set ended [wait]
+    set client_pid 0
+    return [expr {[llength $ended] > 4 ? -1 : [lindex $ended 3]}]
+}
+
+# Ends the client and all that it has started, whatever they are doing.
+proc end_client {} {
+    global spawn_id client_pid
+    if {$client_pid != 0} {
+        catch {exec kill -KILL {*}[family]}
+        catch {close}
+        catch {wait}
+        set client_pid 0
+    }
+}
+
+# The first kind of `table`, pairs of a kind and a regular expression, that a line of the text matches, and that line; nothing if none does.
+proc classified {text table} {
+    foreach {kind pattern} $table {
+        foreach line [split $text \n] {
+            if {[regexp -- $pattern $line]} {
+                return [list $kind $line]
+            }
+        }
+    }
+    return {}
+}
+
+# --- SSH ---------------------------------------------------------------------------------------------------------------------------------------
+
+# A word of an OpenSSH configuration line.
+proc ssh_word {text} {
+    return "\"[string map {\\ \\\\ \" \\\" % %%} $text]\""
+}
+
+# The options with which ssh asks for the password on its terminal and for nothing else, and uses nothing of the user who runs it.
+proc ssh_options {user} {
+    set hosts [absolute [from_environment ULMO_STATE_DIR /var/lib/ulmo]]/ssh_known_hosts
+    set new [expr {[setting ssh_accept_new_host_keys yes] eq "no" ? "yes" : "accept-new"}]
+    set options [list -F none]
+    foreach option [list LogLevel=VERBOSE "User=\"[string map {\\ \\\\ \" \\\"} $user]\"" \
+            StrictHostKeyChecking=$new UserKnownHostsFile=[ssh_word $hosts] GlobalKnownHostsFile=/dev/null UpdateHostKeys=no \
+            CheckHostIP=no HashKnownHosts=no VerifyHostKeyDNS=no \
+            BatchMode=no NumberOfPasswordPrompts=1 PreferredAuthentications=password,keyboard-interactive \
+            PubkeyAuthentication=no GSSAPIAuthentication=no HostbasedAuthentication=no IdentityAgent=none AddKeysToAgent=no \
+            ForwardAgent=no ForwardX11=no ClearAllForwardings=yes PermitLocalCommand=no ProxyCommand=none ControlMaster=no ControlPath=none] {
+        lappend options -o $option
+    }
+    return $options
+}
+
+# A server's address as sftp and scp take it before a colon.
+proc ssh_host {server} {
+    return "\[$server\]"
+}
+
+# Answers ssh's question for the password, once. Returns when the server has let us in; when the client ends before, the transfer fails.
+proc ssh_login {user server} {
+    global password said
+    if {$user eq {}} {
+        fail login "no user name"
+    }
+    set who [regsub -all {[^A-Za-z0-9_]} $user@$server {\\&}]
+    set prompt "(^|\[\\r\\n])($who's password: |\\($who\\) \[^\\r\\n]+)\$"
+    set asked 0
+    while 1 {
+        switch [await in {(^|[\r\n])Authenticated to [^\r\n]*[\r\n]} prompt $prompt] {
+            in {return}
+            prompt {
+                if {[incr asked] > 1} {
+                    fail login "$user@$server: the password is refused"
+                }
+                type $password\n
+            }
+            end {ssh_failed [exit_status]}
+        }
+    }
+}
+
+# The client has closed its terminal: success if its status says so, and the end of a download.
+proc ssh_finish {} {
+    global temporary
+    set status [exit_status]
+    if {$status != 0} {
+        ssh_failed $status
+    }
+    if {$temporary ne {}} {
+        keep_download
+    }
+}
+
+# Fails for what the client has said.
+proc ssh_failed {status} {
+    global transcript
+    set transcript [join [lsearch -inline -all -not -regexp [split $transcript \n] {^(scp: )?debug[123]: }] \n]
+    if {$status == 125} {
+        fail use [last_line]
+    }
+    lassign [classified $transcript {
+        host_key {^Host key verification failed\.?$}
+        login {Permission denied \([^ ]*\)\.?$}
+        login {Too many authentication failures$}
+        login {^remote username contains invalid characters$}
+        space {: (No space left on device|Disk quota exceeded)$}
+        space {(write|close|fsync) remote .*: Failure$}
+        unreachable {^ssh: }
+        unreachable {(Connection|Operation) timed out}
+        lost {[Cc]onnection (closed|reset)|Connection to .* (closed|aborted)|[Bb]roken pipe$|^lost connection$}
+        name {: (No such file or directory|Permission denied|Failure|Is a directory|Not a directory|Bad message|Operation unsupported)$}
+        name {" not found\.$| not a regular file$|non-regular file: |[Ff]ile name too long|is not a directory$}
+    }] kind line
+    if {$kind eq {}} {
+        fail other [last_line]
+    }
+    fail $kind $line
+}
+
+# The client's last line of its own; ssh is made to tell of its progress.
+proc last_line {} {
+    global transcript
+    set last "the client failed"
+    foreach line [split $transcript \n] {
+        if {[string trim $line] ne {} && ![regexp {^(sftp> |Authenticated to|Transferred: |Bytes per second: )} $line]} {
+            set last $line
+        }
+    }
+    return $last
+}
+
+set here [file dirname [file normalize [info script]]]

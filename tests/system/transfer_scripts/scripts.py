@@ -1,0 +1,121 @@
+"""The three transfer scripts as functions, and what the tests do to the servers and the link."""
+
+import contextlib
+import crypt
+import os
+import re
+import signal
+import subprocess
+import threading
+import time
+from concurrent.futures import ThreadPoolExecutor
+from pathlib import Path
+
+from copy_table import *
+
+DONE, UNREACHABLE, NAME, SPACE, LOGIN, HOST_KEY, LOST, USE, OTHER = range(9)
+ACCOUNT, SECRET = os.environ.get("LAB_USER", ""), os.environ.get("LAB_PASSWORD", "")
+SETTINGS = Path(os.environ.get("ULMO_CONF", "/nonexistent"))
+KNOWN_HOSTS = STATE_DIRECTORY / "ssh_known_hosts"
+OTHER_HOST = "192.0.2.30"  # a second address of the server's host, where a test may listen on ports 21 and 22
+NO_ROUTE = "198.51.100.1"
+FOREVER = 40
+
+
+class Script:
+    """One protocol: its program and the order of its arguments."""
+
+    def __init__(self, program):
+        self.program = program
+
+    def words(self, action, local, remote, server=None, user=None, password=None, vrf=None):
+        server, user, password = server or SERVER4, ACCOUNT if user is None else user, SECRET if password is None else password
+        first, second = (local, remote) if action == "put" else (remote, local)
+        if self.program == "snmp.ftp.expect":
+            words = [server, first, second, user, password, action]
+        elif self.program == "sftp.expect":
+            words = [server, user, password, action, first, second]
+        else:
+            there = os.fsencode(f"{user}@{server}:") + os.fsencode(remote)
+            words = [local, there, password] if action == "put" else [there, local, password]
+        return [f"/ulmo/bin/{self.program}", *words, *([] if vrf is None else [str(vrf)])]
+
+    def start(self, *arguments, environment=(), **more):
+        return Running(self.words(*arguments, **more), environment)
+
+    def put(self, local, remote, **more):
+        return self.start("put", local, remote, **more).result()
+
+    def get(self, remote, local, **more):
+        return self.start("get", local, remote, **more).result()
+
+    def move(self, action, local, remote, **more):
+        return self.start(action, local, remote, **more).result()
+
+
+class Running:
+    def __init__(self, words, environment=()):
+        self.words = words
+        # The lab tells the password in its environment, and the tests look for it there.
+        environment = {name: value for name, value in {**os.environ, **dict(environment)}.items() if name != "LAB_PASSWORD"}
+        self.process = subprocess.Popen(words, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=environment)
+
+    @property
+    def pid(self):
+        return self.process.pid
+
+    def family(self):
+        """The script and all that it has started."""
+        pids = [self.pid]
+        for pid in pids:
+            with contextlib.suppress(OSError):
+                pids += map(int, Path(f"/proc/{pid}/task/{pid}/children").read_text().split())
+        return pids
+
+    def result(self, within=FOREVER):
+        output, error = self.process.communicate(timeout=within)
+        assert output == b"", output
+        # A failure is one line, a success is silent, and neither tells the password.
+        if self.process.returncode == DONE:
+            assert error == b"", error
+        elif self.process.returncode > 0:
+            assert re.fullmatch(rb"(snmp\.ftp|sftp|scp)\.expect: [^\n]+\n", error), (self.process.returncode, error)
+            assert SECRET.encode() not in error
+        return self.process.returncode
+
+
+FTP, SFTP, SCP = Script("snmp.ftp.expect"), Script("sftp.expect"), Script("scp.expect")
+SCRIPTS = {"ftp": FTP, "sftp": SFTP, "scp": SCP}
+
+
+def side_by_side(function, *cases):
+    """The results of the function for all cases, several at a time."""
+    with ThreadPoolExecutor(6) as pool:
+        return list(pool.map(lambda case: function(*case), cases))
+
+
+def on_server(*words):
+    run("lab-ctl", "server-exec", *words)
+
+
+def set_password(password):
+    """Gives the account another password."""
+    shadow = Path("/etc/shadow")
+    lines = shadow.read_text().splitlines()
+    new = crypt.crypt(password, "$5$rounds=1000$salt")
+    shadow.write_text("".join((f"{ACCOUNT}:{new}:19000:0:99999:7:::" if line.startswith(f"{ACCOUNT}:") else line) + "\n" for line in lines))
+
+
+def settings(**values):
+    with open(SETTINGS, "a") as file:
+        file.writelines(f"{name} = {value}\n" for name, value in values.items())
+
+
+def gone(pids):
+    def alive(pid):
+        try:
+            return Path(f"/proc/{pid}/stat").read_text().rpartition(")")[2].split()[0] != "Z"
+        except OSError:
+            return False
+
+    return not any(alive(pid) for pid in pids)

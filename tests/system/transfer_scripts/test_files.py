@@ -1,0 +1,107 @@
+"""Files arrive whole and under their own names."""
+
+import pytest
+from scripts import *
+
+CONTENT = bytes(range(256)) * 40
+
+# What a shell, Tcl, a client's command line, a pattern, an option or an address might see in a name.
+NAMES = [
+    b"plain.cfg",
+    b"a  b'c\"d`touch owned`$(touch owned)$HOME;touch owned&<>#x!%d%n^",
+    b"*?[a-z]{b,c}\\*\\\\",
+    b"-oProxyCommand=touch owned",
+    b"-",
+    b"| touch owned",
+    b"!touch owned",
+    b"~root",
+    b"[exec touch owned]${x}",
+    b"2:b:[c]:d@e",
+    b"trailing blanks  ",
+    "h\u00e4\u20ac\U0001f600".encode(),
+    b"\xff\xe4 no UTF-8",
+    b"l" * 128,
+]
+
+
+@pytest.mark.parametrize("server", [SERVER4, SERVER6], ids=["ipv4", "ipv6"])
+def test_there_and_back(script, server, here):
+    (here / "out").write_bytes(CONTENT)
+    assert script.put(here / "out", "there.cfg", server=server) == DONE
+    assert (SERVER_ROOT / "there.cfg").read_bytes() == CONTENT
+    assert script.get("there.cfg", here / "back", server=server) == DONE
+    assert (here / "back").read_bytes() == CONTENT
+    assert (here / "back").stat().st_mode & 0o777 == 0o600
+    assert sorted(os.listdir(here)) == ["back", "out"]
+
+
+@pytest.mark.parametrize("locale", ["C", "C.UTF-8"])
+def test_names_are_literal(script, here, locale, monkeypatch):
+    monkeypatch.chdir(here)
+    environment = {"LC_ALL": locale, "HOME": "/root"}
+
+    def round_trip(name):
+        local = here / os.fsdecode(name)
+        local.write_bytes(CONTENT + name)
+        up = script.put(local, os.fsdecode(name), environment=environment)
+        back = here / os.fsdecode(b"back-" + name[:100])
+        return up, script.get(os.fsdecode(name), back, environment=environment), back.exists() and back.read_bytes() == CONTENT + name
+
+    names = NAMES if locale == "C" else NAMES[-4:]
+    assert side_by_side(round_trip, *((name,) for name in names)) == [(DONE, DONE, True)] * len(names)
+    assert sorted(os.listdir(os.fsencode(SERVER_ROOT))) == sorted(names)
+    assert all((SERVER_ROOT / os.fsdecode(name)).read_bytes() == CONTENT + name for name in names)
+    assert not Path("/root/owned").exists() and len(os.listdir(here)) == 2 * len(names)
+
+
+def test_names_relative_to_the_working_folder(script, here, monkeypatch):
+    monkeypatch.chdir(here)
+    Path("~x").write_bytes(CONTENT)
+    assert script.put("~x", "~y") == DONE
+    assert script.get("~y", "-z") == DONE
+    assert Path("-z").read_bytes() == CONTENT
+    assert sorted(os.listdir(here)) == ["-z", "~x"]
+
+
+def test_absolute_name_and_empty_file(script, here):
+    (here / "empty").touch()
+    assert script.put(here / "empty", str(SERVER_ROOT / "empty.cfg")) == DONE
+    assert script.get(str(SERVER_ROOT / "empty.cfg"), here / "back") == DONE
+    assert (here / "back").read_bytes() == b""
+
+
+def test_a_longer_file_is_replaced(script, action, files):
+    local, remote, target = files(action, b"short")
+    target.write_bytes(CONTENT)
+    target.chmod(0o666)
+    assert script.move(action, local, remote) == DONE
+    assert target.read_bytes() == b"short"
+
+
+def test_scp_takes_targets_apart(here):
+    """A user's name with an '@', an IPv6 address in brackets, a file after an address that could end elsewhere."""
+    (here / "out").write_bytes(CONTENT)
+    with open("/etc/passwd", "a") as passwd, open("/etc/shadow", "a") as shadow:
+        number = os.stat(SERVER_ROOT).st_uid
+        passwd.write(f"a@b:x:{number}:{number}::{SERVER_ROOT}:/bin/bash\n")
+        shadow.write(f"a@b:{crypt.crypt(SECRET, '$5$rounds=1000$salt')}:19000:0:99999:7:::\n")
+    assert SCP.put(here / "out", "one", user="a@b") == DONE
+    assert SCP.put(here / "out", "2:two", server=f"[{SERVER6}]") == DONE
+    assert SCP.put(here / "out", ":three", server=SERVER6) == DONE
+    assert sorted(os.listdir(SERVER_ROOT)) == ["2:two", ":three", "one"]
+
+
+def test_in_a_vrf(script, here, broken_link):
+    """The VRF is the server's own namespace: from there the server can be reached, and from nowhere else."""
+    (STATE_DIRECTORY / "vrfs").write_text("7 server\n8 gone\n")
+    (here / "out").write_bytes(CONTENT)
+    settings(transfer_idle_limit=1)
+    try:
+        assert script.put(here / "out", "vrf.cfg", vrf=7) == DONE
+        assert script.get("vrf.cfg", here / "back", vrf=7) == DONE
+        assert (here / "back").read_bytes() == CONTENT
+        assert [script.put(here / "out", "no.cfg", vrf=number) for number in (8, 9, -1)] == [USE] * 3
+        assert script.put(here / "out", "no.cfg", vrf=1) == UNREACHABLE  # the ordinary network
+    finally:
+        (STATE_DIRECTORY / "vrfs").unlink()
+    assert os.listdir(SERVER_ROOT) == ["vrf.cfg"]
