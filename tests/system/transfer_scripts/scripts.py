@@ -6,7 +6,6 @@ import os
 import re
 import signal
 import subprocess
-import threading
 import time
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
@@ -49,9 +48,6 @@ class Script:
     def get(self, remote, local, **more):
         return self.start("get", local, remote, **more).result()
 
-    def move(self, action, local, remote, **more):
-        return self.start(action, local, remote, **more).result()
-
 
 class Running:
     def __init__(self, words, environment=()):
@@ -84,14 +80,52 @@ class Running:
         return self.process.returncode
 
 
+class Transfer:
+    """One transfer to come, with folders of its own at the switch and files of its own at the server."""
+
+    def __init__(self, script, action, here):
+        self.script, self.action = script, action
+        self.folder = here / f"{script.program}-{action}"
+        self.folder.mkdir()
+        self.local, self.remote = self.folder / "here.cfg", f"{self.folder.name}.cfg"
+        there = SERVER_ROOT / self.remote
+        self.source, self.target = (self.local, there) if action == "put" else (there, self.local)
+        self.running = None
+
+    def start(self, **more):
+        self.running = self.script.start(self.action, self.local, self.remote, **more)
+
+    def moves(self, **more):
+        self.start(**more)
+        return self.running.result()
+
+    def is_moving(self):
+        """Whether some of it has arrived, be it under its name or a temporary one."""
+        assert self.running.process.poll() is None, "it has ended already"
+        places = [self.target] if self.action == "put" else self.folder.iterdir()
+        return any(path.exists() and path.stat().st_size > 0 for path in places)
+
+    def left_nothing(self):
+        """No part of a download is there."""
+        return self.action == "put" or os.listdir(self.folder) == []
+
+
 FTP, SFTP, SCP = Script("snmp.ftp.expect"), Script("sftp.expect"), Script("scp.expect")
 SCRIPTS = {"ftp": FTP, "sftp": SFTP, "scp": SCP}
+SSH_SCRIPTS = (SFTP, SCP)
 
 
 def side_by_side(function, *cases):
     """The results of the function for all cases, several at a time."""
     with ThreadPoolExecutor(6) as pool:
         return list(pool.map(lambda case: function(*case), cases))
+
+
+def results(transfers, **more):
+    """The exit codes of the transfers, all at a time."""
+    for transfer in transfers:
+        transfer.start(**more)
+    return [transfer.running.result() for transfer in transfers]
 
 
 def on_server(*words):

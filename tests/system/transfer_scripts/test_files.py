@@ -70,12 +70,12 @@ def test_absolute_name_and_empty_file(script, here):
     assert (here / "back").read_bytes() == b""
 
 
-def test_a_longer_file_is_replaced(script, action, files):
-    local, remote, target = files(action, b"short")
-    target.write_bytes(CONTENT)
-    target.chmod(0o666)
-    assert script.move(action, local, remote) == DONE
-    assert target.read_bytes() == b"short"
+def test_a_longer_file_is_replaced(script, transfers):
+    for transfer in transfers([script], b"short"):
+        transfer.target.write_bytes(CONTENT)
+        transfer.target.chmod(0o666)
+        assert transfer.moves() == DONE
+        assert transfer.target.read_bytes() == b"short"
 
 
 def test_scp_takes_targets_apart(here):
@@ -91,17 +91,19 @@ def test_scp_takes_targets_apart(here):
     assert sorted(os.listdir(SERVER_ROOT)) == ["2:two", ":three", "one"]
 
 
-def test_in_a_vrf(script, here, broken_link):
+def test_in_a_vrf(transfers, here, broken_link):
     """The VRF is the server's own namespace: from there the server can be reached, and from nowhere else."""
-    (STATE_DIRECTORY / "vrfs").write_text("7 server\n8 gone\n")
-    (here / "out").write_bytes(CONTENT)
+    vrfs = STATE_DIRECTORY / "vrfs"
+    vrfs.write_text("7 server\n8 gone\n")
+    every = transfers(SCRIPTS.values(), CONTENT)
     settings(transfer_idle_limit=1)
     try:
-        assert script.put(here / "out", "vrf.cfg", vrf=7) == DONE
-        assert script.get("vrf.cfg", here / "back", vrf=7) == DONE
-        assert (here / "back").read_bytes() == CONTENT
-        assert [script.put(here / "out", "no.cfg", vrf=number) for number in (8, 9, -1)] == [USE] * 3
-        assert script.put(here / "out", "no.cfg", vrf=1) == UNREACHABLE  # the ordinary network
+        for number in (8, 9, -1, "x"):
+            assert results(every, vrf=number) == [USE] * 6
+        assert results(every, vrf=1) == [UNREACHABLE] * 6  # the ordinary network
+        assert not any(transfer.target.exists() for transfer in every)
+        settings(transfer_idle_limit=10)
+        assert results(every, vrf=7) == [DONE] * 6
     finally:
-        (STATE_DIRECTORY / "vrfs").unlink()
-    assert os.listdir(SERVER_ROOT) == ["vrf.cfg"]
+        vrfs.unlink()
+    assert all(transfer.target.read_bytes() == CONTENT for transfer in every)
