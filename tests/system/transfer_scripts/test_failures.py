@@ -169,8 +169,8 @@ def test_cut_link(transfers, slow_link, broken_link):
 def test_slow_is_not_idle(transfers, slow_link):
     """The files are hardly longer than the blocks that the clients move at once, and one takes longer than the limit."""
     settings(transfer_idle_limit=2)
-    slow_link(240)
-    content = os.urandom(32_000)
+    slow_link(120)
+    content = os.urandom(28_000)
     every = transfers(SCRIPTS.values(), content)
     began = time.monotonic()
     assert results(every) == [DONE] * 6

@@ -89,6 +89,13 @@ def test_scp_takes_targets_apart(here):
     assert SCP.put(here / "out", "2:two", server=f"[{SERVER6}]") == DONE
     assert SCP.put(here / "out", ":three", server=SERVER6) == DONE
     assert sorted(os.listdir(SERVER_ROOT)) == ["2:two", ":three", "one"]
+    # Not the file `1:four` on a server that is there, but `four` on one where nobody listens.
+    longer = f"{SERVER6}:1"
+    on_server("ip", "address", "add", f"{longer}/64", "dev", "br0")
+    try:
+        assert SCP.put(here / "out", "four", server=longer) == UNREACHABLE
+    finally:
+        on_server("ip", "address", "del", f"{longer}/64", "dev", "br0")
 
 
 def test_in_a_vrf(transfers, here, broken_link):
