@@ -34,24 +34,10 @@ def test_unreachable(script, transfers, other_host):
         assert transfer.target.read_bytes() == b"old" and len(os.listdir(transfer.folder)) == 1
 
 
-SILENT = f"""
-import select, socket
-listeners = [socket.create_server(("{OTHER_HOST}", port)) for port in (21, 22)]
-accepted = []
-while True:
-    for listener in select.select(listeners, [], [])[0]:
-        accepted.append(listener.accept())
-"""
-
-
-def listening():
-    return all(subprocess.run(["lab-ctl", "server-exec", "ss", "-Hltn", f"src {OTHER_HOST}:{port}"], stdout=subprocess.PIPE).stdout for port in (21, 22))
-
-
 def test_silent_server(transfers, other_host):
     settings(transfer_idle_limit=2)
     other_host("/usr/bin/python3", "-c", SILENT)
-    wait_for(listening)
+    wait_for(lambda: listening(21, 22))
     every = transfers(SCRIPTS.values(), b"text")
     began = time.monotonic()
     assert results(every, server=OTHER_HOST) == [UNREACHABLE] * 6
@@ -192,6 +178,8 @@ def test_killed_script_leaves_no_client(number, code, transfers, slow_link):
     every = transfers(SCRIPTS.values(), bytes(LASTING))
     moving(every)
     families = [transfer.running.family() for transfer in every]
+    streams = [transfer.running.process.stderr for transfer in every]
+    assert not any(f"pipe:[{os.fstat(stream.fileno()).st_ino}]" in opened_by(family[1:]) for family, stream in zip(families, streams))
     assert [len(family) for family in families] == [2, 2, 3, 3, 3, 3]
     for transfer in every:
         os.kill(transfer.running.pid, number)
@@ -202,7 +190,7 @@ def test_killed_script_leaves_no_client(number, code, transfers, slow_link):
 
 def test_killed_script_that_waits_for_a_server(other_host, here):
     other_host("/usr/bin/python3", "-c", SILENT)
-    wait_for(listening)
+    wait_for(lambda: listening(21, 22))
     for script in SCRIPTS.values():
         running = script.start("get", here / "x", "x", server=OTHER_HOST)
         wait_for(lambda: len(running.family()) == (2 if script is FTP else 3), what="the client")
@@ -213,45 +201,6 @@ def test_killed_script_that_waits_for_a_server(other_host, here):
 
 
 # A server that does not keep to what it says
-
-FTP_SERVER = """
-import socket, sys
-address, reply_before, data, reply_after, size = sys.argv[1:6]
-control = socket.create_server((address, 21))
-while True:
-    peer, _ = control.accept()
-    lines = peer.makefile("rb")
-    def say(text):
-        peer.sendall(text.encode() + b"\\r\\n")
-    say("220 ready-0> Password: ")
-    passive = None
-    for line in lines:
-        word, _, rest = line.decode().strip().partition(" ")
-        word = word.upper()
-        if word == "EPSV":
-            passive = socket.create_server((address, 0))
-            say(f"229 Entering Extended Passive Mode (|||{passive.getsockname()[1]}|)")
-        elif word in ("RETR", "STOR"):
-            if not reply_before.startswith("1"):
-                say(reply_before)
-                continue
-            say(reply_before)
-            connection, _ = passive.accept()
-            if word == "RETR":
-                connection.sendall(data.encode())
-            else:
-                while connection.recv(65536):
-                    pass
-            connection.close()
-            if reply_after == "close":
-                break
-            say(reply_after)
-        else:
-            say({"USER": "331 password", "PASS": "230 welcome", "SYST": "215 UNIX Type: L8", "TYPE": "200 type", "SIZE": size, "QUIT": "221 bye"}.get(word, "500 what"))
-    lines.close()
-    peer.close()
-"""
-
 
 @pytest.mark.parametrize("replies, code", [
     (("150 here", "data", "226 done", "213 4"), DONE),
@@ -270,7 +219,7 @@ while True:
 ], ids=lambda value: "-".join(value)[:40] if isinstance(value, tuple) else str(value))
 def test_the_servers_last_word(replies, code, here, other_host):
     other_host("/usr/bin/python3", "-c", FTP_SERVER, OTHER_HOST, *replies)
-    wait_for(lambda: subprocess.run(["lab-ctl", "server-exec", "ss", "-Hltn", f"src {OTHER_HOST}:21"], stdout=subprocess.PIPE).stdout)
+    wait_for(lambda: listening(21))
     (here / "out").write_bytes(b"data")
     assert FTP.put(here / "out", "x", server=OTHER_HOST) == code
     assert FTP.get("x", here / "back", server=OTHER_HOST) == code

@@ -79,13 +79,14 @@ def test_a_longer_file_is_replaced(script, transfers):
 
 
 def test_scp_takes_targets_apart(here):
-    """A user's name with an '@', an IPv6 address in brackets, a file after an address that could end elsewhere."""
+    """A user's name with an '@' and much else, an IPv6 address in brackets, a file after an address that could end elsewhere."""
     (here / "out").write_bytes(CONTENT)
+    user = "a@b %u \u00e4"
     with open("/etc/passwd", "a") as passwd, open("/etc/shadow", "a") as shadow:
         number = os.stat(SERVER_ROOT).st_uid
-        passwd.write(f"a@b:x:{number}:{number}::{SERVER_ROOT}:/bin/bash\n")
-        shadow.write(f"a@b:{crypt.crypt(SECRET, '$5$rounds=1000$salt')}:19000:0:99999:7:::\n")
-    assert SCP.put(here / "out", "one", user="a@b") == DONE
+        passwd.write(f"{user}:x:{number}:{number}::{SERVER_ROOT}:/bin/bash\n")
+        shadow.write(f"{user}:{crypt.crypt(SECRET, '$5$rounds=1000$salt')}:19000:0:99999:7:::\n")
+    assert SCP.put(here / "out", "one", user=user) == DONE
     assert SCP.put(here / "out", "2:two", server=f"[{SERVER6}]") == DONE
     assert SCP.put(here / "out", ":three", server=SERVER6) == DONE
     assert sorted(os.listdir(SERVER_ROOT)) == ["2:two", ":three", "one"]

@@ -21,8 +21,11 @@ def test_every_password(script, text, password, here):
 
 
 @pytest.mark.parametrize("user", ["", "anonymous"])
-def test_anonymous_ftp_without_a_password(here, user):
+def test_anonymous_ftp_without_a_password(here, user, other_host):
     (here / "out").write_text("text\n")
+    other_host("/usr/bin/python3", "-c", FTP_SERVER, OTHER_HOST, "150 here", "", "226 done", "500")
+    wait_for(lambda: listening(21))
+    assert FTP.put(here / "out", "there.cfg", user=user, password="", server=OTHER_HOST) == DONE  # which knows empty from blank
     assert FTP.put(here / "out", "there.cfg", user=user, password="") == DONE
     assert FTP.get("there.cfg", here / "back", user=user, password="") == DONE
     assert (here / "back").read_text() == "text\n"
