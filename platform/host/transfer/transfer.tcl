@@ -247,7 +247,8 @@ proc start_client {args} {
     if {$vrf ne {}} {
         set args [linsert $args 0 $here/vrf-exec $vrf]
     }
-    # spawn would hand over each word in Tcl's own encoding, while the environment takes octets. The shell puts them back as they are.
+    # spawn would hand over each word in Tcl's own encoding, while the environment takes octets. The shell puts them back as they are,
+    # and closes what spawn leaves open.
     set number 0
     set words {}
     set variables {}
@@ -257,14 +258,15 @@ proc start_client {args} {
         lappend variables $variable
         append words " \"\$$variable\""
     }
-    set client_pid [spawn -noecho /bin/sh -c "set --$words; unset $variables; exec \"\$@\""]
+    set client_pid [spawn -noecho /bin/sh -c "set --$words; unset $variables; exec \"\$@\" 3>&- 4>&- 5>&- 6>&- 7>&- 8>&- 9>&-"]
     foreach variable $variables {
         unset env($variable)
     }
 }
 
+# A client that has gone meanwhile is noticed by what waits for its answer.
 proc type {text} {
-    send -- $text
+    catch {send -- $text}
 }
 
 # Waits until the client's output matches one of the regular expressions, and returns the name that stands before it, or `end` when the client
@@ -416,8 +418,8 @@ proc ssh_login {user server} {
     if {$user eq {}} {
         fail login "no user name"
     }
-    set who [regsub -all {[^A-Za-z0-9_]} $user@$server {\\&}]
-    set prompt "(^|\[\\r\\n])($who's password: |\\($who\\) \[^\\r\\n]+)\$"
+    # The client's own question, and those of the server, in front of which it writes who asks.
+    set prompt {(^|[\r\n])([^\r\n]*'s password: |\([^\r\n]*@[^\r\n]*\) [^\r\n]+)$}
     set asked 0
     while 1 {
         switch [await in {(^|[\r\n])Authenticated to [^\r\n]*[\r\n]} prompt $prompt] {

@@ -10,7 +10,7 @@ pytest.register_assert_rewrite("scripts")
 from scripts import *
 
 
-@pytest.fixture(params=SCRIPTS, autouse=False)
+@pytest.fixture(params=SCRIPTS)
 def script(request):
     return SCRIPTS[request.param]
 
@@ -20,26 +20,20 @@ def ssh_script(request):
     return SCRIPTS[request.param]
 
 
-@pytest.fixture(params=["put", "get"])
-def action(request):
-    return request.param
-
-
 @pytest.fixture(autouse=True)
-def clean_hosts(quiet_switch):
-    """Every test begins and ends with the settings as they were, without known hosts, and with empty folders on the server."""
+def quiet_switch():
+    """Every test begins and ends with the settings as they were, without known hosts, and with an empty folder on the server."""
     before = SETTINGS.read_bytes()
     yield
     SETTINGS.write_bytes(before)
     KNOWN_HOSTS.unlink(missing_ok=True)
     for entry in SERVER_ROOT.iterdir():
-        if entry.is_dir():
-            shutil.rmtree(entry)
+        shutil.rmtree(entry) if entry.is_dir() else entry.unlink()
 
 
 @pytest.fixture
 def here():
-    """A folder of the switch, which a test leaves with the files it names and no others."""
+    """A folder of the switch."""
     path = Path("/tmp/transfers")
     path.mkdir()
     yield path
@@ -47,17 +41,14 @@ def here():
 
 
 @pytest.fixture
-def files(here):
-    """A file on either side, `(local, remote)` of a transfer in the given direction."""
+def transfers(here):
+    """An upload and a download with each of the scripts, of files with the given content."""
 
-    def make(action, content, name="moved.cfg"):
-        source, target = here / "here.cfg", SERVER_ROOT / name
-        if action == "get":
-            source, target = target, source
-        source.write_bytes(content)
-        source.chmod(0o644)
-        os.chown(SERVER_ROOT, *(os.stat(SERVER_ROOT).st_uid,) * 2)
-        return here / "here.cfg", name, target
+    def make(scripts, content):
+        both = [Transfer(script, action, here) for script in scripts for action in ("put", "get")]
+        for transfer in both:
+            transfer.source.write_bytes(content)
+        return both
 
     return make
 

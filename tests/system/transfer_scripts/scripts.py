@@ -1,17 +1,20 @@
 """The three transfer scripts as functions, and what the tests do to the servers and the link."""
 
 import contextlib
-import crypt
 import os
 import re
 import signal
 import subprocess
-import threading
 import time
+import warnings
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 from copy_table import *
+
+with warnings.catch_warnings():
+    warnings.simplefilter("ignore")  # it goes with Python 3.13; Debian 12 has 3.11
+    import crypt
 
 DONE, UNREACHABLE, NAME, SPACE, LOGIN, HOST_KEY, LOST, USE, OTHER = range(9)
 ACCOUNT, SECRET = os.environ.get("LAB_USER", ""), os.environ.get("LAB_PASSWORD", "")
@@ -49,9 +52,6 @@ class Script:
     def get(self, remote, local, **more):
         return self.start("get", local, remote, **more).result()
 
-    def move(self, action, local, remote, **more):
-        return self.start(action, local, remote, **more).result()
-
 
 class Running:
     def __init__(self, words, environment=()):
@@ -84,14 +84,52 @@ class Running:
         return self.process.returncode
 
 
+class Transfer:
+    """One transfer to come, with folders of its own at the switch and files of its own at the server."""
+
+    def __init__(self, script, action, here):
+        self.script, self.action = script, action
+        self.folder = here / f"{script.program}-{action}"
+        self.folder.mkdir()
+        self.local, self.remote = self.folder / "here.cfg", f"{self.folder.name}.cfg"
+        there = SERVER_ROOT / self.remote
+        self.source, self.target = (self.local, there) if action == "put" else (there, self.local)
+        self.running = None
+
+    def start(self, **more):
+        self.running = self.script.start(self.action, self.local, self.remote, **more)
+
+    def moves(self, **more):
+        self.start(**more)
+        return self.running.result()
+
+    def is_moving(self):
+        """Whether some of it has arrived, be it under its name or a temporary one."""
+        assert self.running.process.poll() is None, "it has ended already"
+        places = [self.target] if self.action == "put" else self.folder.iterdir()
+        return any(path.exists() and path.stat().st_size > 0 for path in places)
+
+    def left_nothing(self):
+        """No part of a download is there."""
+        return self.action == "put" or os.listdir(self.folder) == []
+
+
 FTP, SFTP, SCP = Script("snmp.ftp.expect"), Script("sftp.expect"), Script("scp.expect")
 SCRIPTS = {"ftp": FTP, "sftp": SFTP, "scp": SCP}
+SSH_SCRIPTS = (SFTP, SCP)
 
 
 def side_by_side(function, *cases):
     """The results of the function for all cases, several at a time."""
     with ThreadPoolExecutor(6) as pool:
         return list(pool.map(lambda case: function(*case), cases))
+
+
+def results(transfers, **more):
+    """The exit codes of the transfers, all at a time."""
+    for transfer in transfers:
+        transfer.start(**more)
+    return [transfer.running.result() for transfer in transfers]
 
 
 def on_server(*words):
@@ -111,6 +149,11 @@ def settings(**values):
         file.writelines(f"{name} = {value}\n" for name, value in values.items())
 
 
+def opened_by(pids):
+    """What the processes have open, as /proc names it."""
+    return {os.readlink(link) for pid in pids for link in Path(f"/proc/{pid}/fd").iterdir()}
+
+
 def gone(pids):
     def alive(pid):
         try:
@@ -119,3 +162,65 @@ def gone(pids):
             return False
 
     return not any(alive(pid) for pid in pids)
+
+
+# Servers for the other host
+
+def listening(*ports):
+    """Whether the other host listens there."""
+    return all(run("lab-ctl", "server-exec", "ss", "-Hltn", f"src {OTHER_HOST}:{port}") for port in ports)
+
+
+# Takes connections and never says a word.
+SILENT = f"""
+import select, socket
+listeners = [socket.create_server(("{OTHER_HOST}", port)) for port in (21, 22)]
+accepted = []
+while True:
+    for listener in select.select(listeners, [], [])[0]:
+        accepted.append(listener.accept())
+"""
+
+# An FTP server that says what it is told to, knows the account's password and the empty one, and does not answer a farewell.
+FTP_SERVER = """
+import socket, sys
+address, reply_before, data, reply_after, size = sys.argv[1:6]
+control = socket.create_server((address, 21))
+while True:
+    peer, _ = control.accept()
+    lines = peer.makefile("rb")
+    def say(text):
+        peer.sendall(text.encode() + b"\\r\\n")
+    say("220 ready-0> Password: ")
+    passive = None
+    for line in lines:
+        word, _, rest = line.decode().strip().partition(" ")
+        word = word.upper()
+        if word == "EPSV":
+            passive = socket.create_server((address, 0))
+            say(f"229 Entering Extended Passive Mode (|||{passive.getsockname()[1]}|)")
+        elif word in ("RETR", "STOR"):
+            if not reply_before.startswith("1"):
+                say(reply_before)
+                continue
+            say(reply_before)
+            connection, _ = passive.accept()
+            if word == "RETR":
+                connection.sendall(data.encode())
+            else:
+                while connection.recv(65536):
+                    pass
+            connection.close()
+            if reply_after == "close":
+                break
+            say(reply_after)
+        else:
+            if word == "PASS" and line not in (b"PASS \\r\\n", b"PASS LAB_PASSWORD\\r\\n"):
+                say("530 no")
+                continue
+            if word == "QUIT":
+                continue
+            say({"USER": "331 password", "PASS": "230 welcome", "SYST": "215 UNIX Type: L8", "TYPE": "200 type", "SIZE": size}.get(word, "500 what"))
+    lines.close()
+    peer.close()
+""".replace("LAB_PASSWORD", SECRET)

@@ -4,6 +4,7 @@ import pytest
 from scripts import *
 
 LARGE = 3_000_000
+LASTING = 20_000_000  # not done within a few seconds on the links below
 
 
 @pytest.fixture
@@ -22,37 +23,26 @@ def untouched(here):
 # The server can't be reached
 
 
-def test_unreachable(script, action, files, untouched, other_host):
-    local, remote, target = files(action, b"text")
-    target.write_bytes(b"old")
-    untouched()
-    servers = [OTHER_HOST, NO_ROUTE, "no-such-host.invalid", "-x", "a b"] if script is not SCP else [OTHER_HOST, NO_ROUTE, "no-such-host.invalid"]
-    assert side_by_side(lambda server: script.move(action, local, remote, server=server), *((server,) for server in servers)) == [UNREACHABLE] * len(servers)
+def test_unreachable(script, transfers, other_host):
+    servers = [OTHER_HOST, NO_ROUTE, "no-such-host.invalid"]
+    if script is not SCP:  # of whose targets these are no servers
+        servers += ["-x", "a b"]
+    for transfer in transfers([script], b"text"):
+        transfer.target.write_bytes(b"old")
+        assert side_by_side(lambda server: transfer.script.start(transfer.action, transfer.local, transfer.remote, server=server).result(),
+                            *((server,) for server in servers)) == [UNREACHABLE] * len(servers)
+        assert transfer.target.read_bytes() == b"old" and len(os.listdir(transfer.folder)) == 1
 
 
-SILENT = f"""
-import select, socket
-listeners = [socket.create_server(("{OTHER_HOST}", port)) for port in (21, 22)]
-accepted = []
-while True:
-    for listener in select.select(listeners, [], [])[0]:
-        accepted.append(listener.accept())
-"""
-
-
-def listening():
-    return all(subprocess.run(["lab-ctl", "server-exec", "ss", "-Hltn", f"src {OTHER_HOST}:{port}"], stdout=subprocess.PIPE).stdout for port in (21, 22))
-
-
-def test_silent_server(action, files, other_host, untouched):
+def test_silent_server(transfers, other_host):
     settings(transfer_idle_limit=2)
     other_host("/usr/bin/python3", "-c", SILENT)
-    wait_for(listening)
-    local, remote, target = files(action, b"text")
-    untouched()
+    wait_for(lambda: listening(21, 22))
+    every = transfers(SCRIPTS.values(), b"text")
     began = time.monotonic()
-    assert side_by_side(lambda script: script.move(action, local, remote, server=OTHER_HOST), *((script,) for script in SCRIPTS.values())) == [UNREACHABLE] * 3
+    assert results(every, server=OTHER_HOST) == [UNREACHABLE] * 6
     assert 1 < time.monotonic() - began < 10
+    assert all(transfer.left_nothing() for transfer in every)
 
 
 # File names
@@ -122,50 +112,38 @@ def test_switch_without_any_room(script, small_disk):
 # In the middle
 
 
-def moving(running, target):
-    """Waits until some of a transfer has arrived, be it under its name or a temporary one."""
-
-    def size():
-        return max((path.stat().st_size for path in target.parent.iterdir() if path.name == target.name or path.name.startswith(".transfer-")), default=0)
-
-    wait_for(lambda: size() > 0 or running.process.poll() is not None, what="the first octets")
-    assert running.process.poll() is None
+def moving(transfers):
+    """Starts them all and waits until some of each has arrived."""
+    for transfer in transfers:
+        transfer.start()
+    wait_for(lambda: all(transfer.is_moving() for transfer in transfers), what="the first octets")
 
 
-def test_killed_server(script, action, files, slow_link):
-    slow_link(4000)
-    local, remote, target = files(action, bytes(LARGE))
-    running = script.start(action, local, remote)
-    moving(running, target)
-    kind = "ftp" if script is FTP else "ssh"
+@pytest.mark.parametrize("kind, scripts", [("ftp", [FTP]), ("ssh", SSH_SCRIPTS)], ids=["ftp", "ssh"])
+def test_killed_server(kind, scripts, transfers, slow_link):
+    slow_link(8000)
+    every = transfers(scripts, bytes(LASTING))
+    moving(every)
     lab_ctl("kill-server", kind)
     try:
-        assert running.result() == LOST
+        assert [transfer.running.result() for transfer in every] == [LOST] * len(every)
     finally:
+        slow_link(100_000)
         lab_ctl("start-server", kind)
-    if action == "get":
-        assert not target.exists() and os.listdir(target.parent) == []
+    assert all(transfer.left_nothing() for transfer in every)
 
 
-def test_cut_link(action, files, here, slow_link, broken_link):
-    """All protocols at once, since each has to wait for the limit."""
-    settings(transfer_idle_limit=2)
+def test_cut_link(transfers, slow_link, broken_link):
+    settings(transfer_idle_limit=1)
     lab_ctl("mend-link")
-    slow_link(4000)
-    transfers = [(script, *files(action, bytes(LARGE))) for script in SCRIPTS.values()]
-    running = []
-    for number, (script, local, remote, target) in enumerate(transfers):
-        folder = here / str(number)
-        folder.mkdir()
-        target = folder / "x" if action == "get" else SERVER_ROOT / f"x{number}"
-        running.append((script.start(action, target if action == "get" else local, remote if action == "get" else target.name), target))
-    for transfer, target in running:
-        moving(transfer, target)
+    slow_link(8000)
+    every = transfers(SCRIPTS.values(), bytes(LASTING))
+    moving(every)
     lab_ctl("break-link")
     began = time.monotonic()
-    assert [transfer.result() for transfer, _ in running] == [UNREACHABLE] * 3
+    assert [transfer.running.result() for transfer in every] == [UNREACHABLE] * 6
     assert time.monotonic() - began < 10
-    assert action == "put" or all(os.listdir(target.parent) == [] for _, target in running)
+    assert all(transfer.left_nothing() for transfer in every)
     # Servers that have lost their peers without a word do not end their sessions.
     slow_link(100_000)
     lab_ctl("mend-link")
@@ -174,53 +152,45 @@ def test_cut_link(action, files, here, slow_link, broken_link):
         lab_ctl("start-server", kind)
 
 
-def test_slow_is_not_idle(files, here, slow_link):
-    """What arrives is far less than a block a second."""
-    settings(transfer_idle_limit=3)
-    slow_link(200)
-    content = os.urandom(40_000)
-    (here / "out").write_bytes(content)
-    for number in range(3):
-        serve(f"down{number}", "").write_bytes(content)
-    cases = [(script, action, number) for number, script in enumerate(SCRIPTS.values()) for action in ("put", "get")]
-
-    def transfer(script, action, number):
-        began = time.monotonic()
-        code = script.put(here / "out", f"up{number}") if action == "put" else script.get(f"down{number}", here / f"down{number}")
-        return code, time.monotonic() - began
-
-    results = side_by_side(transfer, *cases)
-    assert [code for code, _ in results] == [DONE] * 6
-    assert min(seconds for _, seconds in results) > 4
-    assert all((SERVER_ROOT / f"up{number}").read_bytes() == (here / f"down{number}").read_bytes() == content for number in range(3))
+def test_slow_is_not_idle(transfers, slow_link):
+    """The files are hardly longer than the blocks that the clients move at once, and one takes longer than the limit."""
+    settings(transfer_idle_limit=2)
+    slow_link(120)
+    content = os.urandom(28_000)
+    every = transfers(SCRIPTS.values(), content)
+    began = time.monotonic()
+    assert results(every) == [DONE] * 6
+    assert time.monotonic() - began > 4
+    assert all(transfer.target.read_bytes() == content for transfer in every)
 
 
-def test_time_limit(action, files, slow_link):
-    settings(transfer_time_limit=3)
-    slow_link(1000)
-    local, remote, target = files(action, bytes(LARGE))
-    assert side_by_side(lambda script: script.move(action, local, remote), *((script,) for script in SCRIPTS.values())) == [UNREACHABLE] * 3
-    assert action == "put" or os.listdir(target.parent) == []
+def test_time_limit(transfers, slow_link):
+    settings(transfer_time_limit=2)
+    slow_link(2000)
+    every = transfers(SCRIPTS.values(), bytes(LASTING))
+    assert results(every) == [UNREACHABLE] * 6
+    assert all(transfer.left_nothing() for transfer in every)
 
 
-@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGKILL], ids=["SIGTERM", "SIGKILL"])
-def test_killed_script_leaves_no_client(script, action, number, files, slow_link):
-    slow_link(4000)
-    local, remote, target = files(action, bytes(LARGE))
-    running = script.start(action, local, remote)
-    moving(running, target)
-    family = running.family()
-    assert len(family) == (2 if script is FTP else 3)
-    os.kill(running.pid, number)
-    assert running.result() == (OTHER if number == signal.SIGTERM else -signal.SIGKILL)
-    wait_for(lambda: gone(family), 5, "the end of the client")
-    if action == "get" and number == signal.SIGTERM:
-        assert os.listdir(target.parent) == []
+@pytest.mark.parametrize("number, code", [(signal.SIGTERM, OTHER), (signal.SIGKILL, -signal.SIGKILL)], ids=["SIGTERM", "SIGKILL"])
+def test_killed_script_leaves_no_client(number, code, transfers, slow_link):
+    slow_link(8000)
+    every = transfers(SCRIPTS.values(), bytes(LASTING))
+    moving(every)
+    families = [transfer.running.family() for transfer in every]
+    streams = [transfer.running.process.stderr for transfer in every]
+    assert not any(f"pipe:[{os.fstat(stream.fileno()).st_ino}]" in opened_by(family[1:]) for family, stream in zip(families, streams))
+    assert [len(family) for family in families] == [2, 2, 3, 3, 3, 3]
+    for transfer in every:
+        os.kill(transfer.running.pid, number)
+    assert [transfer.running.result() for transfer in every] == [code] * 6
+    wait_for(lambda: all(map(gone, families)), 5, "the end of the clients")
+    assert number == signal.SIGKILL or all(transfer.left_nothing() for transfer in every)
 
 
 def test_killed_script_that_waits_for_a_server(other_host, here):
     other_host("/usr/bin/python3", "-c", SILENT)
-    wait_for(listening)
+    wait_for(lambda: listening(21, 22))
     for script in SCRIPTS.values():
         running = script.start("get", here / "x", "x", server=OTHER_HOST)
         wait_for(lambda: len(running.family()) == (2 if script is FTP else 3), what="the client")
@@ -231,45 +201,6 @@ def test_killed_script_that_waits_for_a_server(other_host, here):
 
 
 # A server that does not keep to what it says
-
-FTP_SERVER = """
-import socket, sys
-address, reply_before, data, reply_after, size = sys.argv[1:6]
-control = socket.create_server((address, 21))
-while True:
-    peer, _ = control.accept()
-    lines = peer.makefile("rb")
-    def say(text):
-        peer.sendall(text.encode() + b"\\r\\n")
-    say("220 ready-0> Password: ")
-    passive = None
-    for line in lines:
-        word, _, rest = line.decode().strip().partition(" ")
-        word = word.upper()
-        if word == "EPSV":
-            passive = socket.create_server((address, 0))
-            say(f"229 Entering Extended Passive Mode (|||{passive.getsockname()[1]}|)")
-        elif word in ("RETR", "STOR"):
-            if not reply_before.startswith("1"):
-                say(reply_before)
-                continue
-            say(reply_before)
-            connection, _ = passive.accept()
-            if word == "RETR":
-                connection.sendall(data.encode())
-            else:
-                while connection.recv(65536):
-                    pass
-            connection.close()
-            if reply_after == "close":
-                break
-            say(reply_after)
-        else:
-            say({"USER": "331 password", "PASS": "230 welcome", "SYST": "215 UNIX Type: L8", "TYPE": "200 type", "SIZE": size, "QUIT": "221 bye"}.get(word, "500 what"))
-    lines.close()
-    peer.close()
-"""
-
 
 @pytest.mark.parametrize("replies, code", [
     (("150 here", "data", "226 done", "213 4"), DONE),
@@ -288,7 +219,7 @@ while True:
 ], ids=lambda value: "-".join(value)[:40] if isinstance(value, tuple) else str(value))
 def test_the_servers_last_word(replies, code, here, other_host):
     other_host("/usr/bin/python3", "-c", FTP_SERVER, OTHER_HOST, *replies)
-    wait_for(lambda: subprocess.run(["lab-ctl", "server-exec", "ss", "-Hltn", f"src {OTHER_HOST}:21"], stdout=subprocess.PIPE).stdout)
+    wait_for(lambda: listening(21))
     (here / "out").write_bytes(b"data")
     assert FTP.put(here / "out", "x", server=OTHER_HOST) == code
     assert FTP.get("x", here / "back", server=OTHER_HOST) == code

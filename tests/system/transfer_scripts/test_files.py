@@ -70,38 +70,48 @@ def test_absolute_name_and_empty_file(script, here):
     assert (here / "back").read_bytes() == b""
 
 
-def test_a_longer_file_is_replaced(script, action, files):
-    local, remote, target = files(action, b"short")
-    target.write_bytes(CONTENT)
-    target.chmod(0o666)
-    assert script.move(action, local, remote) == DONE
-    assert target.read_bytes() == b"short"
+def test_a_longer_file_is_replaced(script, transfers):
+    for transfer in transfers([script], b"short"):
+        transfer.target.write_bytes(CONTENT)
+        transfer.target.chmod(0o666)
+        assert transfer.moves() == DONE
+        assert transfer.target.read_bytes() == b"short"
 
 
 def test_scp_takes_targets_apart(here):
-    """A user's name with an '@', an IPv6 address in brackets, a file after an address that could end elsewhere."""
+    """A user's name with an '@' and much else, an IPv6 address in brackets, a file after an address that could end elsewhere."""
     (here / "out").write_bytes(CONTENT)
+    user = "a@b %u \u00e4"
     with open("/etc/passwd", "a") as passwd, open("/etc/shadow", "a") as shadow:
         number = os.stat(SERVER_ROOT).st_uid
-        passwd.write(f"a@b:x:{number}:{number}::{SERVER_ROOT}:/bin/bash\n")
-        shadow.write(f"a@b:{crypt.crypt(SECRET, '$5$rounds=1000$salt')}:19000:0:99999:7:::\n")
-    assert SCP.put(here / "out", "one", user="a@b") == DONE
+        passwd.write(f"{user}:x:{number}:{number}::{SERVER_ROOT}:/bin/bash\n")
+        shadow.write(f"{user}:{crypt.crypt(SECRET, '$5$rounds=1000$salt')}:19000:0:99999:7:::\n")
+    assert SCP.put(here / "out", "one", user=user) == DONE
     assert SCP.put(here / "out", "2:two", server=f"[{SERVER6}]") == DONE
     assert SCP.put(here / "out", ":three", server=SERVER6) == DONE
     assert sorted(os.listdir(SERVER_ROOT)) == ["2:two", ":three", "one"]
+    # Not the file `1:four` on a server that is there, but `four` on one where nobody listens.
+    longer = f"{SERVER6}:1"
+    on_server("ip", "address", "add", f"{longer}/64", "dev", "br0")
+    try:
+        assert SCP.put(here / "out", "four", server=longer) == UNREACHABLE
+    finally:
+        on_server("ip", "address", "del", f"{longer}/64", "dev", "br0")
 
 
-def test_in_a_vrf(script, here, broken_link):
+def test_in_a_vrf(transfers, here, broken_link):
     """The VRF is the server's own namespace: from there the server can be reached, and from nowhere else."""
-    (STATE_DIRECTORY / "vrfs").write_text("7 server\n8 gone\n")
-    (here / "out").write_bytes(CONTENT)
+    vrfs = STATE_DIRECTORY / "vrfs"
+    vrfs.write_text("7 server\n8 gone\n")
+    every = transfers(SCRIPTS.values(), CONTENT)
     settings(transfer_idle_limit=1)
     try:
-        assert script.put(here / "out", "vrf.cfg", vrf=7) == DONE
-        assert script.get("vrf.cfg", here / "back", vrf=7) == DONE
-        assert (here / "back").read_bytes() == CONTENT
-        assert [script.put(here / "out", "no.cfg", vrf=number) for number in (8, 9, -1)] == [USE] * 3
-        assert script.put(here / "out", "no.cfg", vrf=1) == UNREACHABLE  # the ordinary network
+        for number in (8, 9, -1, "x"):
+            assert results(every, vrf=number) == [USE] * 6
+        assert results(every, vrf=1) == [UNREACHABLE] * 6  # the ordinary network
+        assert not any(transfer.target.exists() for transfer in every)
+        settings(transfer_idle_limit=10)
+        assert results(every, vrf=7) == [DONE] * 6
     finally:
-        (STATE_DIRECTORY / "vrfs").unlink()
-    assert os.listdir(SERVER_ROOT) == ["vrf.cfg"]
+        vrfs.unlink()
+    assert all(transfer.target.read_bytes() == CONTENT for transfer in every)

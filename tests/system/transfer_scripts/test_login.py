@@ -21,20 +21,24 @@ def test_every_password(script, text, password, here):
 
 
 @pytest.mark.parametrize("user", ["", "anonymous"])
-def test_anonymous_ftp_without_a_password(here, user):
+def test_anonymous_ftp_without_a_password(here, user, other_host):
     (here / "out").write_text("text\n")
+    other_host("/usr/bin/python3", "-c", FTP_SERVER, OTHER_HOST, "150 here", "", "226 done", "500")
+    wait_for(lambda: listening(21))
+    assert FTP.put(here / "out", "there.cfg", user=user, password="", server=OTHER_HOST) == DONE  # which knows empty from blank
     assert FTP.put(here / "out", "there.cfg", user=user, password="") == DONE
     assert FTP.get("there.cfg", here / "back", user=user, password="") == DONE
     assert (here / "back").read_text() == "text\n"
 
 
-def test_login_refused(script, action, files):
-    local, remote, target = files(action, b"text")
+def test_login_refused(script, transfers):
     refused = [{"password": "wrong"}, {"password": ""}, {"user": "nobody-knows"}, {"password": "a\nb"}, {"user": "a\tb"}]
     if script is not FTP:
         refused.append({"user": ""})
-    assert side_by_side(lambda case: script.move(action, local, remote, **case), *((case,) for case in refused)) == [LOGIN] * len(refused)
-    assert not target.exists()
+    for transfer in transfers([script], b"text"):
+        assert side_by_side(lambda case: transfer.script.start(transfer.action, transfer.local, transfer.remote, **case).result(),
+                            *((case,) for case in refused)) == [LOGIN] * len(refused)
+        assert not transfer.target.exists()
 
 
 def test_message_that_would_hold_the_password(script, here):
@@ -43,7 +47,7 @@ def test_message_that_would_hold_the_password(script, here):
     assert running.result() == NAME  # and result() has looked at what it said
 
 
-def test_keyboard_interactive(ssh_script, other_host, here):
+def test_keyboard_interactive(other_host, here):
     """A server that asks by itself what it wants to know."""
     key, configuration = here / "key", here / "sshd_config"
     run("ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", key)
@@ -55,40 +59,43 @@ def test_keyboard_interactive(ssh_script, other_host, here):
     other_host(daemon, "-D", "-f", configuration)
     wait_for(lambda: subprocess.run(["ssh-keyscan", "-T1", OTHER_HOST], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL).stdout, what="the server")
     (here / "out").write_text("text\n")
-    assert ssh_script.put(here / "out", "asked.cfg", server=OTHER_HOST) == DONE
-    assert (SERVER_ROOT / "asked.cfg").read_text() == "text\n"
-    assert ssh_script.put(here / "out", "asked.cfg", server=OTHER_HOST, password="wrong") == LOGIN
+    for script in SSH_SCRIPTS:
+        assert script.put(here / "out", f"asked-{script.program}", server=OTHER_HOST) == DONE
+        assert (SERVER_ROOT / f"asked-{script.program}").read_text() == "text\n"
+        assert script.put(here / "out", "asked.cfg", server=OTHER_HOST, password="wrong") == LOGIN
 
 
-def test_changed_host_key(ssh_script, action, files):
-    local, remote, target = files(action, b"text")
-    assert ssh_script.move(action, local, remote) == DONE
+def test_changed_host_key(transfers):
+    both = transfers(SSH_SCRIPTS, b"text")
+    assert both[0].moves() == DONE
+    both[0].target.unlink()
     assert KNOWN_HOSTS.read_text().startswith(f"{SERVER4} ssh-ed25519 ")
-    target.unlink()
     lab_ctl("new-host-key")
-    assert ssh_script.move(action, local, remote) == HOST_KEY
-    assert not target.exists()
+    assert results(both) == [HOST_KEY] * 4
+    assert not any(transfer.target.exists() for transfer in both)
     KNOWN_HOSTS.unlink()
-    assert ssh_script.move(action, local, remote) == DONE
+    assert results(both) == [DONE] * 4
 
 
-def test_first_contact_off(ssh_script, action, files):
-    local, remote, target = files(action, b"text")
+def test_first_contact_off(transfers):
+    both = transfers(SSH_SCRIPTS, b"text")
     settings(ssh_accept_new_host_keys="no")
-    assert ssh_script.move(action, local, remote) == HOST_KEY
-    assert not KNOWN_HOSTS.exists() and not target.exists()
+    assert results(both) == [HOST_KEY] * 4
+    assert not KNOWN_HOSTS.exists() and not any(transfer.target.exists() for transfer in both)
     settings(ssh_accept_new_host_keys="yes")
-    assert ssh_script.move(action, local, remote) == DONE
+    assert both[0].moves() == DONE
     settings(ssh_accept_new_host_keys="no")
-    assert ssh_script.move(action, local, remote) == DONE
+    assert results(both) == [DONE] * 4
 
 
-def test_password_is_nowhere_to_be_seen(script, action, files, slow_link):
+@pytest.mark.parametrize("which", [0, 1], ids=["put", "get"])
+def test_password_is_nowhere_to_be_seen(script, which, transfers, slow_link):
     """The script shows it in its arguments until it has started anew, which is before it starts anything; no other process does, none in its
     environment."""
     slow_link(800)
-    local, remote, _ = files(action, bytes(40_000))
-    running = script.start(action, local, remote, vrf=1)
+    transfer = transfers([script], bytes(40_000))[which]
+    transfer.start(vrf=1)
+    running = transfer.running
     secret, seen, clients = SECRET.encode(), [], set()
     while running.process.poll() is None:
         family = running.family()
