@@ -30,8 +30,9 @@
 
 namespace ulmo {
 
-inline constexpr std::size_t configuration_text_limit = std::size_t{8} * 1024 * 1024; // octets of a whole text
-inline constexpr std::size_t configuration_line_limit = 4096;                         // octets of a line without its end
+inline constexpr std::size_t configuration_text_limit = std::size_t{128} * 1024 * 1024;    // octets of a whole text, with its comments
+inline constexpr std::size_t configuration_canonical_limit = std::size_t{8} * 1024 * 1024; // octets of what a device keeps of it
+inline constexpr std::size_t configuration_line_limit = 4096;                              // octets of a line without its end
 
 // Why a configuration text was refused; what() says it in one line, with the line number when there is one. Every other exception means
 // that the configuration was good and something else failed.

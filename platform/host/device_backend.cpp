@@ -17,11 +17,11 @@
 namespace ulmo {
 namespace {
 
-// The canonical form, which must stay within what can be read again.
+// The canonical form, which a device keeps within bounds.
 std::string bounded_text(const Configuration &configuration) {
     std::string text = to_text(configuration);
-    if (text.size() > configuration_text_limit) {
-        throw std::runtime_error("the configuration would be larger than " + std::to_string(configuration_text_limit) + " octets");
+    if (text.size() > configuration_canonical_limit) {
+        throw std::runtime_error("the configuration would be larger than " + std::to_string(configuration_canonical_limit) + " octets");
     }
     return text;
 }

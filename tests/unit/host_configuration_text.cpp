@@ -240,8 +240,15 @@ TEST(ConfigurationText, WhatIsNoTextIsABadFile) {
         expect_refused("bogus\nhostname ok\n! " + text + "\n", Kind::bad_file, "line 3: not a text (octet 0x" + octet + ")");
     }
     expect_refused("hostname a\r", Kind::bad_file, "line 1: not a text (octet 0x0d)");
-    expect_refused(std::string(ulmo::configuration_text_limit + 1, '\n'), Kind::bad_file, "larger than 8388608 octets");
-    EXPECT_EQ(canonical(std::string(ulmo::configuration_text_limit, '\n')), "end\n");
+    expect_refused(std::string(ulmo::configuration_text_limit + 1, '\n'), Kind::bad_file, "larger than 134217728 octets");
+    std::string longest;
+    longest.reserve(ulmo::configuration_text_limit);
+    const std::string comment = '!' + std::string(4095, 'x') + '\n';
+    while (longest.size() + comment.size() <= ulmo::configuration_text_limit) {
+        longest += comment;
+    }
+    longest.append(ulmo::configuration_text_limit - longest.size(), '\n');
+    EXPECT_EQ(canonical(longest), "end\n");
 }
 
 // Statements at random, valid and frequent enough to meet each other.

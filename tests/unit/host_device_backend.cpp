@@ -145,9 +145,9 @@ TEST_F(DeviceBackend, ARefusedTextChangesNothing) {
     EXPECT_EQ(after.st_ino, before.st_ino) << "the file was written again for nothing";
 }
 
-TEST_F(DeviceBackend, AConfigurationCannotGrowBeyondWhatCanBeRead) {
+TEST_F(DeviceBackend, AConfigurationCannotGrowWithoutEnd) {
     std::string half;
-    for (unsigned i = 0; half.size() < ulmo::configuration_text_limit * 6 / 10; ++i) {
+    for (unsigned i = 0; half.size() < ulmo::configuration_canonical_limit * 6 / 10; ++i) {
         half += "interface a" + std::to_string(i) + "\n description " + std::string(250, 'x') + "\n";
     }
     device()->apply(half);
@@ -542,7 +542,7 @@ TEST_F(DeviceBackend, AConfigurationFileIsARegularFileOfBoundedSize) {
     std::filesystem::resize_file(large, ulmo::configuration_text_limit);
     EXPECT_EQ(ulmo::read_configuration_file(large).size(), ulmo::configuration_text_limit);
     std::filesystem::resize_file(large, ulmo::configuration_text_limit + 1);
-    EXPECT_EQ(refused(large), large.string() + " is larger than 8388608 octets: File too large");
+    EXPECT_EQ(refused(large), large.string() + " is larger than 134217728 octets: File too large");
 }
 
 } // namespace
