@@ -6,7 +6,10 @@
 #include "platform/system_manager.h"
 
 #include <fcntl.h>
+#include <sys/sendfile.h>
+#include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <optional>
@@ -31,6 +34,40 @@ std::filesystem::path resolved(const std::filesystem::path &path) {
     return std::filesystem::weakly_canonical(path.parent_path()) / path.filename();
 }
 
+constexpr const char *no_startup = "there is no startup configuration";
+
+[[noreturn]] void fail_output() {
+    throw std::system_error(errno, std::generic_category(), "cannot write the output");
+}
+
+void write_output(std::string_view text, int descriptor) {
+    while (!text.empty()) {
+        const ssize_t count = ::write(descriptor, text.data(), text.size());
+        if (count < 0 && errno != EINTR) {
+            fail_output();
+        }
+        text.remove_prefix(count > 0 ? static_cast<std::size_t>(count) : 0);
+    }
+}
+
+// The rest of the file. The kernel copies it where it can; it does not where the output is one that is appended to.
+void copy_output(const UniqueFd &file, int descriptor) {
+    constexpr std::size_t most = 0x7ffff000; // sendfile(2)
+    ssize_t count = 0;
+    while ((count = ::sendfile(descriptor, file.get(), nullptr, most)) > 0) {
+    }
+    if (count < 0 && errno != EINVAL) {
+        fail_output();
+    }
+    std::array<char, std::size_t{64} * 1024> part;
+    while ((count = ::read(file.get(), part.data(), part.size())) > 0) {
+        write_output({part.data(), static_cast<std::size_t>(count)}, descriptor);
+    }
+    if (count < 0) {
+        throw std::system_error(errno, std::generic_category(), "cannot read the configuration");
+    }
+}
+
 class EmbeddedBackend final : public DeviceBackend {
   public:
     EmbeddedBackend(const std::filesystem::path &directory, std::chrono::milliseconds lock_wait)
@@ -43,7 +80,7 @@ class EmbeddedBackend final : public DeviceBackend {
             const auto text = stored(which == ConfigurationStore::running ? running_file_ : startup_file_);
             if (which == ConfigurationStore::startup) {
                 if (!text) {
-                    throw std::runtime_error("there is no startup configuration");
+                    throw std::runtime_error(no_startup);
                 }
                 return *text;
             }
@@ -53,6 +90,22 @@ class EmbeddedBackend final : public DeviceBackend {
         }
         const auto lock = locked(FileLock::Mode::exclusive);
         return to_text(running());
+    }
+
+    void print(ConfigurationStore which, int descriptor) override {
+        if (which == ConfigurationStore::running) {
+            DeviceBackend::print(which, descriptor);
+            return;
+        }
+        UniqueFd file;
+        {
+            const auto lock = locked(FileLock::Mode::shared);
+            file = open_state_file(startup_file_, configuration_text_limit);
+        }
+        if (!file) {
+            throw std::runtime_error(no_startup);
+        }
+        copy_output(file, descriptor); // the open file stays what it is, whatever takes its name
     }
 
     void apply(std::string_view text) override {
@@ -144,6 +197,10 @@ class EmbeddedBackend final : public DeviceBackend {
 };
 
 } // namespace
+
+void DeviceBackend::print(ConfigurationStore which, int descriptor) {
+    write_output(show(which), descriptor);
+}
 
 std::unique_ptr<DeviceBackend> make_embedded_backend(const std::filesystem::path &directory, std::chrono::milliseconds lock_wait) {
     return std::make_unique<EmbeddedBackend>(directory, lock_wait);

@@ -24,6 +24,9 @@ class DeviceBackend {
     // std::runtime_error when there is no startup configuration.
     virtual std::string show(ConfigurationStore which) = 0;
 
+    // Writes what show() returns to a descriptor. Throws as it does, and std::system_error when it can't be written.
+    virtual void print(ConfigurationStore which, int descriptor);
+
     // Executes the statements of `text` on the running configuration, in order, after the whole text has been checked.
     virtual void apply(std::string_view text) = 0;
 

@@ -71,7 +71,10 @@ FileLock::FileLock(const std::filesystem::path &path, Mode mode, std::chrono::mi
     lock_octet(file_, path, turnstile, F_UNLCK, deadline);
 }
 
-std::string read_whole(const UniqueFd &file, const std::filesystem::path &path, std::size_t limit) {
+namespace {
+
+// The size of a regular file, in octets.
+std::size_t checked_size(const UniqueFd &file, const std::filesystem::path &path, std::size_t limit) {
     struct stat status {};
     check(::fstat(file.get(), &status), "cannot read", path);
     if (!S_ISREG(status.st_mode)) {
@@ -80,7 +83,13 @@ std::string read_whole(const UniqueFd &file, const std::filesystem::path &path, 
     if (static_cast<std::uintmax_t>(status.st_size) > limit) {
         fail(EFBIG, path.string() + " is larger than " + std::to_string(limit) + " octets");
     }
-    std::string content(static_cast<std::size_t>(status.st_size), '\0');
+    return static_cast<std::size_t>(status.st_size);
+}
+
+} // namespace
+
+std::string read_whole(const UniqueFd &file, const std::filesystem::path &path, std::size_t limit) {
+    std::string content(checked_size(file, path, limit), '\0');
     std::size_t length = 0;
     while (length < content.size()) {
         const ssize_t count = ::read(file.get(), content.data() + length, content.size() - length);
@@ -96,15 +105,19 @@ std::string read_whole(const UniqueFd &file, const std::filesystem::path &path, 
     return content;
 }
 
-std::optional<std::string> read_state_file(const std::filesystem::path &path, std::size_t limit) {
-    const UniqueFd file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    if (!file) {
-        if (errno == ENOENT) {
-            return std::nullopt;
-        }
+UniqueFd open_state_file(const std::filesystem::path &path, std::size_t limit) {
+    UniqueFd file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (file) {
+        checked_size(file, path, limit);
+    } else if (errno != ENOENT) {
         fail(errno, "cannot open " + path.string());
     }
-    return read_whole(file, path, limit);
+    return file;
+}
+
+std::optional<std::string> read_state_file(const std::filesystem::path &path, std::size_t limit) {
+    const UniqueFd file = open_state_file(path, limit);
+    return file ? std::optional(read_whole(file, path, limit)) : std::nullopt;
 }
 
 void write_whole(const UniqueFd &file, const std::filesystem::path &path, std::string_view data) {

@@ -24,6 +24,10 @@ class FileLock {
     UniqueFd file_;
 };
 
+// A regular file of at most `limit` octets, open for reading; no link is followed to it. Nothing when there is no such file. Throws as
+// below.
+UniqueFd open_state_file(const std::filesystem::path &path, std::size_t limit);
+
 // The content of a regular file of at most `limit` octets; no link is followed to it. Nothing when there is no such file. Throws
 // std::system_error, EFBIG for a larger file and EINVAL for one that is not regular.
 std::optional<std::string> read_state_file(const std::filesystem::path &path, std::size_t limit);

@@ -62,7 +62,7 @@ TEST_F(CliShell, EveryRefusalHasItsCodeAndChangesNothing) {
         {"\x7F"
          "ELF\x02\x01",
          0x40540002U, "line 1: not a text (octet 0x7f)"},
-        {std::string(8388609, '\n'), 0x40540002U, name + " is larger than 8388608 octets: File too large"},
+        {std::string(134217729, '\n'), 0x40540002U, name + " is larger than 134217728 octets: File too large"},
     };
     for (const Case &refused : cases) {
         EXPECT_EQ(execute(refused.text), refused.code) << refused.reason;

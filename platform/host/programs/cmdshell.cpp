@@ -56,11 +56,11 @@ void print(std::string_view text) {
 }
 
 void show_running(ulmo::DeviceBackend &device) {
-    print(device.show(ulmo::ConfigurationStore::running));
+    device.print(ulmo::ConfigurationStore::running, STDOUT_FILENO);
 }
 
 void show_startup(ulmo::DeviceBackend &device) {
-    print(device.show(ulmo::ConfigurationStore::startup));
+    device.print(ulmo::ConfigurationStore::startup, STDOUT_FILENO);
 }
 
 // Who runs this, for the system manager's log.

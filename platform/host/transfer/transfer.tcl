@@ -239,9 +239,10 @@ proc token {} {
 
 # Starts the client on a terminal of its own, which takes and gives every octet as it is, and begins to watch the limits.
 proc start_client {args} {
-    global spawn_id client_pid vrf idle_limit deadline moved progress here env
+    global spawn_id client_pid vrf idle_limit deadline moved looked progress here env
     set idle_limit [seconds_setting transfer_idle_limit 30]
     set moved [clock seconds]
+    set looked $moved
     set deadline [expr {$moved + [seconds_setting transfer_time_limit 3600]}]
     set progress {}
     if {$vrf ne {}} {
@@ -301,10 +302,15 @@ proc await {args} {
 }
 
 proc check_limits {event} {
-    global moved deadline idle_limit progress
+    global moved looked deadline idle_limit progress
     set now [clock seconds]
-    if {$event ni {quiet more} || $progress ne [set progress [progress_now]]} {
+    if {$event ni {quiet more}} {
         set moved $now
+    } elseif {$now != $looked} {
+        set looked $now
+        if {$progress ne [set progress [progress_now]]} {
+            set moved $now
+        }
     }
     if {$event eq "end"} {
         return

@@ -1,0 +1,102 @@
+#!/usr/bin/python3
+"""Backs a startup configuration up by FTP, SFTP and SCP over SNMP, and moves the same file with the stock client, in turns.
+
+Run it in the lab: scripts/lab.sh exec -- bench/transfers.py [--size OCTETS[k|M]] [--runs N]
+
+The time of a copy is that from the start of the SET that activates the request to the first GET that finds it successful: it holds the print-out of
+the configuration, the worker's, the script's and the client's start, and the login. The client by hand does the login and the transfer only; it gets
+the password from an askpass program (SSH) or as part of a URL (FTP).
+"""
+
+import argparse
+import os
+import statistics
+import sys
+import tempfile
+import time
+from pathlib import Path
+
+from lab_bench import lab, print_table, run
+
+ENTRY = ".1.3.6.1.4.1.41927.9.96.1.1.1.1"
+PROTOCOL, SOURCE, DESTINATION, ADDRESS, FILE_NAME, USER_NAME, PASSWORD, STATE, ROW_STATUS = 2, 3, 4, 5, 6, 7, 8, 10, 14
+PROTOCOLS = {"ftp": "2", "sftp": "5", "scp": "4"}
+STARTUP, NETWORK = "3", "1"
+ACTIVE, CREATE_AND_WAIT, DESTROY = "1", "5", "6"
+RUNNING_STATE, SUCCESSFUL = "2", "3"
+INDEX = "12"
+NAME = "bench.cfg"
+
+
+def octets(text):
+    factor = {"k": 1 << 10, "M": 1 << 20}.get(text[-1])
+    return int(text[:-1]) * factor if factor else int(text)
+
+
+def column(number):
+    return f"{ENTRY}.{number}.{INDEX}"
+
+
+def copy_over_snmp(protocol):
+    """Returns the seconds from the SET to the success."""
+    agent, user, password = lab("LAB_AGENT"), lab("LAB_USER"), lab("LAB_PASSWORD")
+    run("snmpset", "-r0", agent, column(ROW_STATUS), "i", CREATE_AND_WAIT, column(PROTOCOL), "i", PROTOCOLS[protocol], column(SOURCE), "i", STARTUP,
+        column(DESTINATION), "i", NETWORK, column(ADDRESS), "a", lab("LAB_SERVER4"), column(FILE_NAME), "s", NAME)
+    run("snmpset", "-r0", agent, column(USER_NAME), "s", user, column(PASSWORD), "s", password)
+    began = time.monotonic()
+    run("snmpset", "-r0", "-t10", agent, column(ROW_STATUS), "i", ACTIVE)
+    while (state := run("snmpget", "-Oqve", agent, column(STATE))[1].strip()) == RUNNING_STATE:
+        time.sleep(0.002)
+    seconds = time.monotonic() - began
+    run("snmpset", "-r0", agent, column(ROW_STATUS), "i", DESTROY)
+    if state != SUCCESSFUL:
+        sys.exit(f"the copy by {protocol} failed")
+    return seconds
+
+
+def client_by_hand(protocol, file, askpass):
+    server, user, password = lab("LAB_SERVER4"), lab("LAB_USER"), lab("LAB_PASSWORD")
+    os.environ |= {"SSH_ASKPASS": str(askpass), "SSH_ASKPASS_REQUIRE": "force"}
+    quiet = ["-q", "-F", "none", "-o", "StrictHostKeyChecking=no", "-o", "UserKnownHostsFile=/dev/null", "-o", "PubkeyAuthentication=no"]
+    if protocol == "ftp":
+        return run("ftp", "-V", "-u", f"ftp://{user}:{password}@{server}/{NAME}", str(file))[0]
+    if protocol == "scp":
+        return run("scp", *quiet, str(file), f"{user}@{server}:{NAME}")[0]
+    batch = file.with_name("batch")
+    batch.write_text(f"put {file} {NAME}\n")
+    return run("sftp", *quiet, "-o", "BatchMode=no", "-b", str(batch), f"{user}@{server}")[0]
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--size", type=octets, default="100M", help="of the configuration (default: 100M)")
+    parser.add_argument("--runs", type=int, default=5, help="transfers of each kind (default: 5)")
+    options = parser.parse_args()
+    os.environ["MIBS"] = ""
+    startup, served = Path(lab("LAB_STATE")) / "system.cfg", Path(lab("LAB_SERVER_ROOT")) / NAME
+    comment = "!" + "x" * 62 + "\n"
+    text = (comment * (options.size // len(comment) + 1))[: options.size - 1] + "\n"
+    before = startup.read_bytes()
+    startup.write_text(text)
+    times = {}
+    with tempfile.TemporaryDirectory() as folder:
+        file, askpass = Path(folder) / "file", Path(folder) / "askpass"
+        file.write_text(text)
+        askpass.write_text('#!/bin/sh\necho "$LAB_PASSWORD"\n')
+        askpass.chmod(0o700)
+        for _ in range(options.runs):
+            for protocol in PROTOCOLS:
+                for name, transfer in ((f"{protocol} by hand", lambda: client_by_hand(protocol, file, askpass)), (f"{protocol} over SNMP", lambda: copy_over_snmp(protocol))):
+                    served.unlink(missing_ok=True)
+                    times.setdefault(name, []).append(transfer() * 1000)
+                    if served.read_text() != text:
+                        sys.exit(f"{name}: the file that arrived is another one")
+    served.unlink()
+    startup.write_bytes(before)
+    print_table("ms", dict.fromkeys(times, f"{options.size} octets"), times)
+    for protocol in PROTOCOLS:
+        ours, theirs = statistics.median(times[f"{protocol} over SNMP"]), statistics.median(times[f"{protocol} by hand"])
+        print(f"{protocol}: {ours / theirs:.2f} times the client's own time, {ours - theirs:.0f} ms more")
+
+
+main()
