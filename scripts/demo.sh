@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Shows the main job in a few seconds, with stock SNMP tools: a switch's running configuration travels to a TFTP server and back, driven by
-# SNMP, with the notification at the end; then a refused request and a failed copy; last a save on all three switches of a fabric, and one that
-# fails because a switch is down. Installs and builds what it needs. Exits with 0 only if all of it held.
+# SNMP, with the notification at the end, and its startup configuration to an SFTP server; then a refused request and a failed copy; last a
+# save on all three switches of a fabric, and one that fails because a switch is down. Installs and builds what it needs. Exits with 0 only
+# if all of it held.
 set -euo pipefail
 
 if [[ -z ${LAB_AGENT:-} ]]; then # outside: make the lab, and come back inside
@@ -77,6 +78,18 @@ wait_for_end 2
 expect_state successful
 run /ulmo/bin/cmdshell -c "show running-config"
 /ulmo/bin/cmdshell -c "show running-config" | grep -qx 'hostname restored-switch' || fail "the configuration was not applied"
+
+title "Back up by SFTP: the startup configuration, with user and password"
+run snmpset "$LAB_AGENT" ccCopyEntryRowStatus.7 i createAndWait ccCopyProtocol.7 i sftp ccCopySourceFileType.7 i startupConfig \
+    ccCopyDestFileType.7 i networkFile ccCopyServerAddress.7 a "$LAB_SERVER4" ccCopyFileName.7 s startup.cfg
+printf '$ snmpset %s ccCopyUserName.7 s %s ccCopyUserPassword.7 s "$LAB_PASSWORD"\n' "$LAB_AGENT" "$LAB_USER"
+snmpset "$LAB_AGENT" ccCopyUserName.7 s "$LAB_USER" ccCopyUserPassword.7 s "$LAB_PASSWORD"
+run snmpset "$LAB_AGENT" ccCopyEntryRowStatus.7 i active
+wait_for_end 7
+expect_state successful
+/ulmo/bin/cmdshell -c "show startup-config" | cmp - "$LAB_SERVER_ROOT/startup.cfg" || fail "the backup differs"
+echo "equal; the server's host key is known from now on:"
+run cut -c 1-60 "$LAB_STATE/ssh_known_hosts"
 
 title "A request that is refused"
 say "the switch does not copy to itself"
