@@ -248,6 +248,14 @@ def test_system_manager_must_end_cleanly(tmp_path, at_end, status):
     assert done.returncode == 125 and f"wardend1 ended with status {status} at SIGTERM" in done.stderr
 
 
+def test_file_server_within_a_vrf():
+    reach = 'for address in $LAB_SERVER4 $LAB_SERVER6; do timeout 2 bash -c ": </dev/tcp/$address/22" 2>/dev/null && echo reached; done; true'
+    from_switch, from_vrf, agent, settings = sections(reach, f"ip netns exec red bash -c '{reach}'", GET, "cat $ULMO_CONF", options=["--vrf", "red"])
+    assert (from_switch, from_vrf) == ("", "reached\nreached")
+    assert agent == NAME.strip() and "vrf_context = red" in settings
+    assert lab("true", options=["--vrf", "switch2"]).returncode == 2
+
+
 def test_link_that_is_cut():
     """Some kilobytes get through, then nothing."""
     fetch = "head -c 60000 /dev/zero > $LAB_SERVER_ROOT/zeros; timeout 3 /ulmo/bin/brix-tftp 0 $LAB_SERVER4 69 /tmp/got zeros 1 management"

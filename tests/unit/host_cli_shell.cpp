@@ -279,6 +279,22 @@ TEST_F(CmdshellProgram, ReadsCommandsUntilOneFails) {
     expect_result(run({}), 0, "", "");
 }
 
+TEST_F(CmdshellProgram, PrintsAStartupConfigurationAsItIsWhereverTheOutputGoes) {
+    std::string text = "hostname a\n";
+    for (unsigned line = 0; text.size() < 300'000; ++line) { // more than a pipe holds, or the copy moves at once
+        text += "! comment " + std::to_string(line) + "\n";
+    }
+    const auto appended = file("appended", "before\n");
+    std::ofstream(startup(), std::ios::binary) << text;
+    EXPECT_EQ(command("show startup-config").output, text);
+    expect_result(run({"-c", "show startup-config"}, "", ">" + appended.string()), 0, "", "");
+    EXPECT_EQ(content(appended), "before\n" + text);
+    expect_result(run({"-c", "show startup-config"}, "", "/dev/full"), 1, "",
+                  "cmdshell: show startup-config: cannot write the output: No space left on device\n");
+    expect_result(run({"-c", "show startup-config"}, "", "&-"), 1, "",
+                  "cmdshell: show startup-config: cannot write the output: Bad file descriptor\n");
+}
+
 TEST_F(CmdshellProgram, OutputThatGetsLostIsAFailure) {
     expect_result(run({"-c", "show running-config"}, "", "/dev/full"), 1, "",
                   "cmdshell: show running-config: cannot write the output: No space left on device\n");
