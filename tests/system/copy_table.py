@@ -65,6 +65,21 @@ def wait_for(condition, within=15, what="the condition"):
     return value
 
 
+class History:
+    """What the debug history has recorded since this object was made. The history is a ring: numbers of lines mean nothing in it."""
+
+    def __init__(self, *options):
+        self.command = ["ulmo-history", *options]
+        self.last = run(*self.command).splitlines()[-1:]
+
+    def lines(self):
+        lines = run(*self.command).splitlines()
+        return lines[lines.index(self.last[0]) + 1:] if self.last and self.last[0] in lines else lines
+
+    def tells(self, text):
+        return any(text in line for line in self.lines())
+
+
 # The value of a line that a tool printed with -Ox -Ot -On: octets as hexadecimal, time ticks as a number.
 _VALUE = re.compile(r"^(?P<oid>\.[0-9.]+) = (?:(?P<type>[\w-]+): ?)?(?P<value>.*?)\s*$")
 _ABSENT = ("No Such Object", "No Such Instance", "No more variables")

@@ -77,15 +77,12 @@ def test_destroy_aborts_and_the_next_copy_starts(manager):
 
 def test_message_of_another_save_is_ignored(manager, broken_link):
     """A save that nobody asked for over SNMP does not end a network copy."""
-    def ignored():
-        return run("ulmo-history").count("copy run2start not initiated by us. ignore it")
-
-    before = ignored()
+    history = History()
     with SystemManager(INITIATED) as system_manager:
         request = Request(manager).create(*upload(SERVER4, "other.cfg"))
         request.activate()
         system_manager.ended(0)
-        wait_for(lambda: ignored() > before, what="the line in the history")
+        wait_for(lambda: history.tells("copy run2start not initiated by us. ignore it"), what="the line in the history")
         assert request.get(STATE) == STATE_RUNNING
         broken_link()
         assert request.finished(within=45) == (STATE_SUCCESSFUL, GENERAL)

@@ -85,17 +85,13 @@ def test_no_answer(operator, changed, killed):
     before, refused = startup(), logged("not begun: the requester is gone")
     pid = system_manager_pid()
     os.kill(pid, signal.SIGSTOP)
-
-    def asked():
-        return run("ulmo-history").count("Sending request to warden")
-
-    asked_before = asked()
+    history = History()
     request = save(operator)
     setting = threading.Thread(target=request.activate)
     began = time.monotonic()
     setting.start()
     if killed:
-        wait_for(lambda: asked() > asked_before, what="the request")
+        wait_for(lambda: history.tells("Sending request to warden"), what="the request")
         lab_ctl("kill-system-manager")
     setting.join()
     assert time.monotonic() - began < 5
@@ -182,16 +178,15 @@ def test_destroy_aborts(manager, changed, destination):
     assert startup() == running()
 
 
-def ignored():
-    return run("ulmo-history").count("copy run2start not initiated by us. ignore it")
+IGNORED = "copy run2start not initiated by us. ignore it"
 
 
 def test_save_outside_snmp_and_a_waiting_request(operator):
     """Deliberate: the message about its begin takes the first waiting row for its own, the one about its end no network copy."""
-    before = ignored()
+    history = History()
     request = Request(operator).create(*upload(SERVER4, "waiting.cfg"))
     run("cmdshell", "-c", "copy running-config startup-config")
-    wait_for(lambda: ignored() > before, what="the end of the save")
+    wait_for(lambda: history.tells(IGNORED), what="the end of the save")
     assert request.get(STATE, FAIL_CAUSE, ROW_STATUS) == [STATE_RUNNING, GENERAL, NOT_READY]
     assert completions(request.index) == []
     request.destroy()
@@ -199,11 +194,11 @@ def test_save_outside_snmp_and_a_waiting_request(operator):
 
 
 def test_save_outside_snmp_and_a_network_copy(operator, broken_link):
-    before = ignored()
+    history = History()
     request = Request(operator).create(*upload(SERVER4, "other.cfg"))
     request.activate()
     run("cmdshell", "-c", "copy running-config startup-config")
-    wait_for(lambda: ignored() > before, what="the end of the save")
+    wait_for(lambda: history.tells(IGNORED), what="the end of the save")
     assert request.get(STATE) == STATE_RUNNING
     broken_link()
     assert request.finished(within=45) == (STATE_SUCCESSFUL, GENERAL)
@@ -257,10 +252,6 @@ def packet(opcode, payload):
     return struct.pack("=5I", 0x6D736762, 1, opcode, 1, len(payload)) + payload
 
 
-def errors_logged():
-    return run("ulmo-history", "--errors").splitlines()
-
-
 @pytest.fixture
 def undisturbed(operator, broken_link):
     """A copy that runs meanwhile, and whose end nothing but its own worker may tell."""
@@ -275,10 +266,10 @@ def test_another_users_messages_are_refused_and_logged(undisturbed):
     """Neither the agent nor the system manager takes anything from a process of another user."""
     for point, opcode in ((SYSTEM_MANAGER, 1381), (SYSTEM_MANAGER, 1383), (SNMP_AGENT, 1361), (SNMP_AGENT, 1391), (SNMP_AGENT, 10273)):
         line = f"msgbus: access point {point}: process "
-        before = run("ulmo-history", "--errors").count(line)
+        history = History("--errors")
         message = packet(opcode, struct.pack(">II", 26, 1) + bytes(132))
         run("setpriv", "--reuid", "nobody", "--clear-groups", "/usr/bin/python3", "-c", KNOCK, access_point(point), message.hex())
-        wait_for(lambda: run("ulmo-history", "--errors").count(line) > before, what=f"the line about {opcode}")
+        wait_for(lambda: history.tells(line), what=f"the line about {opcode}")
 
 
 def test_messages_that_mean_nothing_are_dropped_with_a_line(undisturbed):
@@ -286,10 +277,10 @@ def test_messages_that_mean_nothing_are_dropped_with_a_line(undisturbed):
             (SYSTEM_MANAGER, 1381, b""), (SYSTEM_MANAGER, 1381, bytes(139)), (SYSTEM_MANAGER, 1381, bytes(141)), (SYSTEM_MANAGER, 1383, bytes(4)),
             (SYSTEM_MANAGER, 1383, struct.pack(">II", 4711, 0)), (SYSTEM_MANAGER, 77, b""),
             (SNMP_AGENT, 10273, struct.pack("=i", 0)), (SNMP_AGENT, 77, bytes(140)), (SNMP_AGENT, 1381, bytes(4))):
-        before = len(errors_logged())
+        history = History("--errors")
         with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as connection:
             connection.connect(access_point(point))
             connection.sendall(packet(opcode, payload))
             connection.settimeout(5)
             assert connection.recv(100) == b""
-        wait_for(lambda: any("dropped" in line for line in errors_logged()[before:]), what=f"the line about {opcode} with {len(payload)} octets")
+        wait_for(lambda: history.tells("dropped"), what=f"the line about {opcode} with {len(payload)} octets")
