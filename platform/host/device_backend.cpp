@@ -128,6 +128,7 @@ class EmbeddedBackend final : public DeviceBackend {
         }
         paths.erase(resolved(startup_file_));
         std::vector<PendingFile> files;
+        files.reserve(paths.size() + 1);
         for (const std::filesystem::path &path : paths) {
             files.emplace_back(path, text);
         }
