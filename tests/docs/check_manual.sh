@@ -1,0 +1,29 @@
+#!/bin/bash
+# Checks the manual pages: mandoc's lint has nothing to say of any, each page bears its file's name and section, and refers only to pages that
+# are here or in the list of those of other packages. Needs mandoc.
+set -euo pipefail
+
+here=$(cd "$(dirname "$0")" && pwd)
+cd "$here/../../docs/man"
+
+# Pages of Debian's packages, which need not be installed where this runs: what mandoc says of them, and of its index of them, does not count.
+foreign=$(grep -v '^#' "$here/foreign_pages.txt")
+failed=0
+complain() { printf 'FAILED: %s\n' "$*" >&2; failed=1; }
+
+shopt -s nullglob
+pages=(*.[1-9])
+((${#pages[@]})) || complain "there are no manual pages"
+for page in "${pages[@]}"; do
+    lint=$(mandoc -T lint "$page" 2>&1 | grep -v ': STYLE: referenced manual not found: \|^mandoc: outdated mandoc\.db ' || true)
+    [[ -z $lint ]] || complain "$lint"
+    title=$(sed -n 's/^\.Dt //p' "$page")
+    [[ $title == "$(tr '[:lower:]' '[:upper:]' <<<"${page%.*}") ${page##*.}" ]] || complain "$page: the title is '$title'"
+    while read -r name section; do
+        [[ -f $name.$section ]] || grep -qxF "$name $section" <<<"$foreign" || complain "$page refers to $name($section)"
+    done < <(sed -n '/^\./p' "$page" | grep -oP '\bXr \K\S+ [1-9]')
+done
+if ((failed == 0)); then
+    printf '%d manual pages as expected\n' "${#pages[@]}"
+fi
+exit "$failed"
