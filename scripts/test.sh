@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Builds everything and passes all tests: formatting, warnings of two compilers, clang-tidy, unit tests under sanitizers, the MIB module, fuzzers
-# for a few seconds each, and the system tests in the lab. Installs what it needs. Ends with "N passed, N failed".
+# Builds everything and passes all tests: formatting, warnings of two compilers, clang-tidy, unit tests under sanitizers, the MIB module, the
+# documentation against the sources, fuzzers for a few seconds each, and the system tests in the lab. Installs what it needs. Ends with
+# "N passed, N failed".
 #
 # usage: scripts/test.sh [STEP…]      steps: format build tidy unit fuzz system (default: all of them)
 set -euo pipefail
@@ -71,7 +72,7 @@ run_ctest() {
 }
 
 step_unit() {
-    section "unit tests under AddressSanitizer and UndefinedBehaviorSanitizer, MIB module; symbol table of the release"
+    section "unit tests under AddressSanitizer and UndefinedBehaviorSanitizer, MIB module, documentation; symbol table of the release"
     run_ctest asan
     run_ctest release --tests-regex '^symbols$'
 }
