@@ -269,11 +269,12 @@ def traps_for_names():
 
 
 HOSTILE = [
-    "a  \"b'c$(owned;touch owned)`owned;touch owned`;owned;touch owned;&owned|owned #%d%n*?[exec owned]${x}",
+    "a  \"b'c$(owned;touch owned)`owned;touch owned`;owned;touch owned;&owned|owned #%d%n*?",
     '"; owned; touch owned; "',
     "| owned",
     "!owned",
     "-oProxyCommand=owned",
+    "[exec owned]${x}",
 ]
 
 
