@@ -197,11 +197,6 @@ def settings(number=1, **values):
         file.write_bytes(before)
 
 
-def of_the_account(path):
-    os.chown(path, *(os.stat(SERVER_ROOT).st_uid,) * 2)
-    return path
-
-
 def content(size):
     return (LINE * (size // len(LINE) + 1))[:size]
 
