@@ -1,6 +1,6 @@
 #!/bin/bash
-# Runs the system tests, each folder of tests/system in a lab made with the options that stand in its file `options`; then tests/lab, which tests
-# the lab itself, on this machine. The last line is "N passed, N failed".
+# Runs the system tests, each folder of tests/system in a lab made with the options that stand in its file `options`, two folders at a time; then
+# tests/lab, which tests the lab itself, on this machine. The last line is "N passed, N failed".
 #
 #   scripts/run-system-tests.sh [--results DIR] [FOLDER… [-- PYTEST ARGUMENTS…]]
 #
@@ -30,19 +30,41 @@ mkdir -p "$results"
 "$scripts/lab.sh" exec -- true # brings the build up to date
 status=0
 pytest=(env PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 -m pytest -p no:cacheprovider -q --durations=5 --strict-markers)
+
+# Runs the tests of one folder, with what they print in a file of the results.
+run_folder() {
+    local folder=$1 options
+    shift
+    read -r -a options <<<"$(<"$tests/system/$folder/options")"
+    echo "== $folder ${options[*]}"
+    "$scripts/lab.sh" exec --no-build "${options[@]}" --keep-logs "$results/$folder" -- \
+        "${pytest[@]}" "--junitxml=$results/$folder.xml" "$tests/system/$folder" "$@"
+} >"$results/$1.log" 2>&1
+
+# Labs don't meet, and their tests mostly wait: two at a time. A folder's output is shown when it has ended.
+declare -A running
+show_next() {
+    local ended
+    wait -n -p ended "${!running[@]}" || status=1
+    cat "$results/${running[$ended]}.log"
+    unset "running[$ended]"
+}
 for folder in "${folders[@]}"; do
-    report=--junitxml=$results/$folder.xml
-    if [[ $folder == lab ]]; then
-        echo "== the lab itself"
-        as_root=()
-        [[ $EUID -eq 0 ]] || as_root=(sudo)
-        "${as_root[@]}" "${pytest[@]}" "$report" "$tests/lab" "$@" || status=1
-    else
-        read -r -a options <<<"$(<"$tests/system/$folder/options")"
-        echo "== $folder ${options[*]}"
-        "$scripts/lab.sh" exec --no-build "${options[@]}" --keep-logs "$results/$folder" -- "${pytest[@]}" "$report" "$tests/system/$folder" "$@" || status=1
-    fi
+    [[ $folder != lab ]] || continue
+    ((${#running[@]} < 2)) || show_next
+    run_folder "$folder" "$@" &
+    running[$!]=$folder
 done
+while ((${#running[@]})); do
+    show_next
+done
+# These look at the whole machine, so they have it for themselves.
+if [[ " ${folders[*]} " == *" lab "* ]]; then
+    echo "== the lab itself"
+    as_root=()
+    [[ $EUID -eq 0 ]] || as_root=(sudo)
+    "${as_root[@]}" "${pytest[@]}" "--junitxml=$results/lab.xml" "$tests/lab" "$@" || status=1
+fi
 /usr/bin/python3 - "$results" "${folders[@]}" <<'END' || status=1
 # Counts over all reports. A folder without a report, or a test that did not run, is a failure.
 import sys

@@ -26,6 +26,7 @@ IPV4, IPV6 = 1, 2
 TRUE, FALSE = 1, 2
 
 AGENT = os.environ.get("LAB_AGENT", "")
+ACCOUNT, SECRET = os.environ.get("LAB_USER", ""), os.environ.get("LAB_PASSWORD", "")
 SERVER4, SERVER6 = os.environ.get("LAB_SERVER4", ""), os.environ.get("LAB_SERVER6", "")
 SERVER_ROOT = Path(os.environ.get("LAB_SERVER_ROOT", "/nonexistent"))
 STATE_DIRECTORY = Path(os.environ.get("LAB_STATE", "/nonexistent"))
@@ -102,15 +103,15 @@ def parsed(line):
 
 
 class Manager:
-    """The stock tools with one version of SNMP."""
+    """The stock tools with one version of SNMP, an agent, an SNMP context of SNMPv3's, and a command that runs them elsewhere."""
 
-    def __init__(self, version):
-        self.version = version
-        self.options = ["-v2c", "-c", "lab"] if version == "v2c" else []
+    def __init__(self, version, agent=AGENT, context="", within=()):
+        self.version, self.agent, self.within = version, agent, within
+        self.options = ["-v2c", "-c", "lab"] if version == "v2c" else ["-n", context] if context else []
 
     def tool(self, name, *words, options=("-r0", "-t8")):
         """Runs a tool once: a SET that is repeated would be carried out again."""
-        command = [name, *self.options, *options, "-On", "-Ox", "-Ot", AGENT, *(str(word) for word in words)]
+        command = [*self.within, name, *self.options, *options, "-On", "-Ox", "-Ot", self.agent, *(str(word) for word in words)]
         done = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, timeout=60)
         if done.returncode == 0:
             return done.stdout
@@ -216,13 +217,18 @@ def server_columns(server):
     return (ADDRESS_TYPE, IPV6 if ":" in server else IPV4), (ADDRESS, address_octets(server))
 
 
-def upload(server, name, source=RUNNING):
+def protocol_columns(protocol, user, password):
+    """TFTP knows no users. A user name that is written empties the password, so it comes first."""
+    return ((PROTOCOL, protocol),) if protocol == TFTP else ((PROTOCOL, protocol), (USER_NAME, user), (PASSWORD, password))
+
+
+def upload(server, name, source=RUNNING, protocol=TFTP, user=ACCOUNT, password=SECRET):
     """The columns of a copy to the server."""
-    return (PROTOCOL, TFTP), (SOURCE, source), (DESTINATION, NETWORK), *server_columns(server), (FILE_NAME, name)
+    return *protocol_columns(protocol, user, password), (SOURCE, source), (DESTINATION, NETWORK), *server_columns(server), (FILE_NAME, name)
 
 
-def download(server, name, destination=RUNNING):
-    return (PROTOCOL, TFTP), (SOURCE, NETWORK), (DESTINATION, destination), *server_columns(server), (FILE_NAME, name)
+def download(server, name, destination=RUNNING, protocol=TFTP, user=ACCOUNT, password=SECRET):
+    return *protocol_columns(protocol, user, password), (SOURCE, NETWORK), (DESTINATION, destination), *server_columns(server), (FILE_NAME, name)
 
 
 LOCAL_STARTUP_TO_RUNNING = (SOURCE, STARTUP), (DESTINATION, RUNNING)
