@@ -42,7 +42,7 @@ run_folder() {
 } >"$results/$1.log" 2>&1
 
 # Labs don't meet, and their tests mostly wait: two at a time. A folder's output is shown when it has ended.
-declare -A running
+declare -A running=()
 show_next() {
     local ended
     wait -n -p ended "${!running[@]}" || status=1
