@@ -73,6 +73,9 @@ def enter(visible):
     mount("sysfs", top / "sys", "sysfs", MS_NOSUID | MS_NODEV | MS_NOEXEC)
     if (top / "dev/shm").is_dir():
         mount("shm", top / "dev/shm", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777")
+    # A chroot may come without terminals, which the transfer scripts run their clients on.
+    if (top / "dev/pts").is_dir() and not (top / "dev/pts/ptmx").exists():
+        mount("devpts", top / "dev/pts", "devpts", MS_NOSUID | MS_NOEXEC, "mode=620,ptmxmode=666")
     for path in sorted(visible):
         place = top / path.relative_to("/")
         if any(str(path).startswith(f"{private}/") for private in PRIVATE) and not place.exists():
