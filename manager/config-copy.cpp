@@ -40,8 +40,12 @@ CopyOrder order_of(const Options &options) {
     return order;
 }
 
-Ending copy(const Options &options, Output &output) {
-    const CopyOrder order = order_of(options);
+void tell_interruption(const CopyOrder &order) {
+    std::cerr << "\nconfig-copy: interrupted: no request stays on the switch"
+              << (order.has_file() ? "; a transfer that runs may still end there" : "") << std::endl;
+}
+
+Ending copy(const Options &options, const CopyOrder &order, Output &output) {
     if (options.hosts_file) {
         return ending_of_all(copy_on_all(options.session, options.agents, order, options.jobs, output));
     }
@@ -63,7 +67,13 @@ Ending run(const Options &options) {
         return Ending::done;
     }
     if (options.command == Command::copy) {
-        return copy(options, output);
+        const CopyOrder order = order_of(options);
+        try {
+            return copy(options, order, output);
+        } catch (const Interrupted &) {
+            tell_interruption(order);
+            throw;
+        }
     }
     Session session(options.session, options.agents.front());
     if (options.command == Command::list) {
@@ -85,9 +95,6 @@ int main_of(int count, char **words) {
         std::cerr << "config-copy: " << failure.what() << std::endl;
         return static_cast<int>(failure.ending());
     } catch (const Interrupted &) {
-        std::cerr
-            << "\nconfig-copy: interrupted: the request is removed; a save was given up, a transfer that runs may still end on the switch"
-            << std::endl;
         end_by_signal(interrupting_signal());
     } catch (const std::exception &error) {
         std::cerr << "config-copy: " << error.what() << std::endl;

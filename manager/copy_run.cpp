@@ -79,8 +79,9 @@ class Run {
             const auto waited = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - began);
             if (waited >= order_.wait_turn) {
                 throw Failure(Ending::busy,
-                              reason + (order_.wait_turn > 0s ? " and did not end in " + std::to_string(order_.wait_turn.count()) + " s"
-                                                              : ": try again later, or queue with --wait-turn SECONDS"));
+                              session_.agent() + ": " + reason +
+                                  (order_.wait_turn > 0s ? " and did not end in " + std::to_string(order_.wait_turn.count()) + " s"
+                                                         : ": try again later, or queue with --wait-turn SECONDS"));
             }
             progress_("waiting for another copy", waited);
             pause_for(Milliseconds(random_index(700) + 300)); // at random, so that those who wait do not always meet

@@ -18,7 +18,7 @@ const std::vector<std::string> switch_headings{"ADDRESS", "SWITCH", "REPORTED"};
 std::vector<std::vector<std::string>> switch_rows(const std::vector<SwitchOutcome> &switches) {
     std::vector<std::vector<std::string>> rows;
     for (const auto &[address, wwn, text] : switches) {
-        rows.push_back({address.empty() ? "?" : address, wwn, text});
+        rows.push_back({address.empty() ? std::string(absent) : address, wwn, text});
     }
     return rows;
 }
@@ -98,7 +98,8 @@ void Output::table(const std::vector<std::string> &headings, const std::vector<s
     if (is_json_) {
         for (const auto &row : rows) {
             for (std::size_t i = 0; i < headings.size(); ++i) {
-                std::cout << (i == 0 ? "{" : ", ") << json_string(in_lower_case(headings[i])) << ": " << json_string(row[i]);
+                std::cout << (i == 0 ? "{" : ", ") << json_string(in_lower_case(headings[i])) << ": "
+                          << (row[i] == absent ? "null" : json_string(row[i]));
             }
             std::cout << "}\n";
         }

@@ -12,6 +12,8 @@
 
 namespace config_copy {
 
+inline constexpr std::string_view absent = "-"; // in a table
+
 class Output {
   public:
     Output(bool is_quiet, bool is_json);
@@ -26,7 +28,7 @@ class Output {
     // How many of several copies ended how.
     void summary(const std::vector<Outcome> &outcomes);
 
-    // Rows under headings; in JSON an object a row, with the headings in lower case as its keys.
+    // Rows under headings; in JSON an object a row, with the headings in lower case as its keys and null for what is absent.
     void table(const std::vector<std::string> &headings, const std::vector<std::vector<std::string>> &rows,
                std::string_view when_empty) const;
 

@@ -48,7 +48,7 @@ std::string type_name(long type) {
 
 std::string seconds_between(long started, long completed) {
     if (started == 0 || completed == 0) {
-        return "-";
+        return std::string(absent);
     }
     std::ostringstream text;
     text << std::fixed << std::setprecision(2) << static_cast<double>(static_cast<std::uint32_t>(completed - started)) / 100;
@@ -80,7 +80,7 @@ void list_requests(Session &session, const Output &output) {
         };
         const long state = number(values[6]);
         rows.push_back({std::to_string(index), printable(side(number(values[0]))), printable(side(number(values[1]))), state_name(state),
-                        state == state_failed ? cause_name(number(values[7])) : "-",
+                        state == state_failed ? cause_name(number(values[7])) : std::string(absent),
                         seconds_between(number(values[8]), number(values[9]))});
     }
     output.table({"INDEX", "FROM", "TO", "STATE", "CAUSE", "SECONDS"}, rows, "no copy requests on " + session.agent());
@@ -90,7 +90,7 @@ void list_errors(Session &session, std::optional<oid> index, const Output &outpu
     std::vector<std::vector<std::string>> rows;
     for (const oid request : index ? std::vector{*index} : indexes(session)) {
         for (const auto &[address, wwn, text] : switches_of(session, request)) {
-            rows.push_back({std::to_string(request), address.empty() ? "?" : address, wwn, text});
+            rows.push_back({std::to_string(request), address.empty() ? std::string(absent) : address, wwn, text});
         }
     }
     output.table({"INDEX", "ADDRESS", "SWITCH", "REPORTED"}, rows, "no errors of fabric saves on " + session.agent());

@@ -126,8 +126,14 @@ void Session::begin_to_clean_up(Milliseconds most) {
 // --- one request ---
 
 // Called by the library, which holds the lock through us.
-int Session::on_event(int operation, netsnmp_session *, int, netsnmp_pdu *pdu, void *magic) {
+int Session::on_event(int operation, netsnmp_session *session, int, netsnmp_pdu *pdu, void *magic) {
     auto &pending = *static_cast<Pending *>(magic);
+    if (operation == NETSNMP_CALLBACK_OP_SEC_ERROR) { // a report that names no user, as one about a user who is not known
+        const bool is_report = pdu != nullptr && pdu->command == SNMP_MSG_REPORT;
+        pending.report = is_report ? ::snmpv3_get_report_type(pdu) : session->s_snmp_errno;
+        pending.ended = true;
+        return 1;
+    }
     if (operation != NETSNMP_CALLBACK_OP_RECEIVED_MESSAGE) {
         pending.ended = pending.is_silent = true;
         return 1;
