@@ -300,8 +300,10 @@ std::string Session::seconds_waited() const {
 
 void Session::give_up_silent() const {
     std::string text = "no answer from " + agent_ + " in " + seconds_waited() + " s: ";
-    if (answered_ || discovered_) {
+    if (answered_) {
         text += "it answered before; is it still running?";
+    } else if (discovered_) {
+        text += "an agent is there, but does not answer this user's requests: check the context (-n) and the user's settings";
     } else {
         text += "check the address, whether the agent runs, and whether a firewall lets SNMP pass";
         text += session_->version == SNMP_VERSION_3 ? "" : "; a wrong community (-c) is not answered either";

@@ -1,7 +1,5 @@
 """Each exit status but 0, and what is said with it. No request of the command's stays on the switch."""
 
-import socket
-
 import pytest
 from command import *
 from saves import *
@@ -33,7 +31,7 @@ def test_no_such_file():
 def test_no_configuration():
     serve("no.cfg", b"\0\1\2\n")
     done = config_copy(AGENT, f"{SERVER}/no.cfg", "running")
-    assert done.status == FAILED and "(badConfig)" in done.err or "(configNotApplied)" in done.err, done
+    assert done.status == FAILED and ("(badConfig): the file is no configuration" in done.err or "(configNotApplied)" in done.err), done
 
 
 def test_save_that_the_system_manager_fails():
