@@ -183,13 +183,16 @@ std::vector<std::string> read_hosts(const std::string &file) {
         throw bad_usage("the hosts file " + file + " can't be read: " + std::strerror(errno));
     }
     std::vector<std::string> hosts;
+    const auto refused = [&](const std::string &line) {
+        return bad_usage("in the hosts file " + file + " \"" + line + "\" is not one agent: write one a line");
+    };
     constexpr std::string_view blanks = " \t\r";
     for (std::string line; std::getline(stream, line);) {
         line.erase(std::min(line.find('#'), line.size()));
         line.erase(line.find_last_not_of(blanks) + 1);
         line.erase(0, std::min(line.find_first_not_of(blanks), line.size()));
         if (line.find_first_of(blanks) != std::string::npos) {
-            throw bad_usage("in the hosts file " + file + " \"" + line + "\" is not one agent: write one a line");
+            throw refused(line);
         }
         if (!line.empty()) {
             hosts.push_back(line);

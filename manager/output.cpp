@@ -17,6 +17,7 @@ const std::vector<std::string> switch_headings{"ADDRESS", "SWITCH", "REPORTED"};
 
 std::vector<std::vector<std::string>> switch_rows(const std::vector<SwitchOutcome> &switches) {
     std::vector<std::vector<std::string>> rows;
+    rows.reserve(switches.size());
     for (const auto &[address, wwn, text] : switches) {
         rows.push_back({address.empty() ? std::string(absent) : address, wwn, text});
     }

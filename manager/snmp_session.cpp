@@ -333,6 +333,7 @@ std::vector<Value> Session::get(const std::vector<Oid> &names) {
         return values;
     }
     std::vector<Binding> bindings;
+    bindings.reserve(names.size());
     for (const Oid &name : names) {
         bindings.push_back({name, {}});
     }
