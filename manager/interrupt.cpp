@@ -29,6 +29,7 @@ void watch_signals() {
     if (::pipe2(wake.data(), O_CLOEXEC | O_NONBLOCK) != 0) {
         throw std::system_error(errno, std::generic_category(), "pipe2");
     }
+    std::signal(SIGPIPE, SIG_IGN); // a reader that goes is no reason to leave requests behind
     struct sigaction action {};
     action.sa_handler = note_signal;
     action.sa_flags = static_cast<int>(SA_RESETHAND | SA_RESTART);

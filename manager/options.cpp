@@ -223,6 +223,7 @@ std::optional<Options> parse_options(int count, char **words) {
     ::netsnmp_register_loghandler(NETSNMP_LOGHANDLER_NONE, LOG_DEBUG);
     const int result = ::netsnmp_parse_args(static_cast<int>(split.library.size()) - 1, split.library.data(), &options.session, nullptr,
                                             nullptr, NETSNMP_PARSE_ARGS_NOLOGGING);
+    options.community.reset(options.session.community, &std::free);
     if (result == NETSNMP_PARSE_ARGS_SUCCESS_EXIT) {
         return std::nullopt;
     }

@@ -8,6 +8,7 @@
 #include <net-snmp/net-snmp-includes.h>
 
 #include <chrono>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -29,7 +30,8 @@ struct Options {
     std::optional<std::string> password_file;
     std::chrono::seconds wait_turn{0};
     std::chrono::seconds time_limit{600};
-    netsnmp_session session{}; // all but the agent
+    netsnmp_session session{};         // all but the agent
+    std::shared_ptr<u_char> community; // the session's, which the library leaves to us
 };
 
 // Throws a Failure of usage. Sets the Net-SNMP library up for the process. Nothing when the library did what an option asked for, such as

@@ -75,7 +75,7 @@ class Agent:
         shutil.copy(STATE_DIRECTORY / "running.cfg", state)
         shutil.copy(STATE_DIRECTORY / "system.cfg", state)
         (self.home / "platform.conf").write_text("management_interface = lo\n")
-        lines = [f"agentAddress udp:{self.name}", f"exactEngineID 0x80001f8804{port:04x}746573", *settings]
+        lines = [f"agentAddress udp:{self.name},tcp:{self.name}", f"exactEngineID 0x80001f8804{port:04x}746573", *settings]
         if with_module:
             (module,) = [line for line in Path("/lab/switch1/agent/snmpd.conf").read_text().splitlines() if line.startswith("dlmod ")]
             lines.append(module)

@@ -204,3 +204,13 @@ def test_interruption_aborts_a_save(operator, number, lines_of, tmp_path):
         assert rows(operator) == []
     wait_for(lambda: config_copy("--wait-turn", 10, AGENT, "startup", "running").status == DONE)
     assert startup() == before
+
+
+def test_reader_that_goes(operator):
+    """As in `config-copy … | head -0`."""
+    with busy_device():
+        process = started(AGENT, "running", "startup")
+        wait_for(lambda: rows(operator))
+        process.stdout.close()
+    assert process.wait(15) == DONE
+    process.stderr.close()

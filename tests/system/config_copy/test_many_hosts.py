@@ -67,6 +67,13 @@ def test_endings_of_several_kinds(own_agents, tmp_path):
     assert done.status == FAILED and done.out.endswith("\n3 agents: 1 done, 1 refused, 1 not reachable\n"), done
 
 
+def test_transports(own_agents, tmp_path):
+    first, second = own_agents(2, SETTINGS)
+    done = config_copy(*USER, "--hosts", hosts_file(tmp_path, [f"tcp:{first.name}", f"udp:{second.name}", "tcp:127.0.0.1:9"]), "running", f"tftp://{SERVER4}/{{host}}")
+    assert done.status == UNREACHABLE and done.out.endswith("3 agents: 2 done, 1 not reachable\n"), done
+    assert sorted(file.name for file in SERVER_ROOT.iterdir()) == [f"tcp-{first.name.replace(':', '-')}", f"udp-{second.name.replace(':', '-')}"]
+
+
 def test_quiet(own_agents, tmp_path):
     (alive,) = own_agents(1, SETTINGS)
     done = config_copy(*USER, "--quiet", "--hosts", hosts_file(tmp_path, [alive.name]), "running", f"tftp://{SERVER4}/{{host}}")
