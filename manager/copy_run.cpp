@@ -21,9 +21,9 @@ bool is_taken(long status) {
     return status == SNMP_ERR_INCONSISTENTVALUE || status == SNMP_ERR_BADVALUE;
 }
 
-oid random_index(oid most) {
+oid random_number(oid least, oid most) {
     std::random_device source;
-    return std::uniform_int_distribution<oid>(1, most)(source);
+    return std::uniform_int_distribution<oid>(least, most)(source);
 }
 
 std::optional<long> number(const Value &value) {
@@ -84,27 +84,22 @@ class Run {
                                                          : ": try again later, or queue with --wait-turn SECONDS"));
             }
             progress_("waiting for another copy", waited);
-            pause_for(Milliseconds(random_index(700) + 300)); // at random, so that those who wait do not always meet
+            pause_for(Milliseconds(random_number(300, 1000))); // at random, so that those who wait do not always meet
         }
     }
 
     // When a save begins, the agent marks the first request that waits as running, and when it ends, the first one that runs as ended. So a
     // save of ours would leave another manager's request running for ever, and that one would block the switch.
     std::string reason_to_wait() {
-        lowest_ = largest_index;
         if (!is_save()) {
             return {};
         }
         const Oid column = copy_column(column_state);
         Oid at = column;
-        bool is_first = true;
         while (const auto found = session_.next(at)) {
             at = found->name;
             if (at.size() != column.size() + 1 || !std::equal(column.begin(), column.end(), at.begin())) {
                 break;
-            }
-            if (std::exchange(is_first, false)) {
-                lowest_ = at.back();
             }
             if (number(found->value) == state_waiting) {
                 return "another manager's request " + std::to_string(at.back()) +
@@ -117,15 +112,13 @@ class Run {
 
     // --- the request ---
 
-    // A free one. The outcome of a save goes to the request with the lowest index that runs, so for a save one below all others, if there
-    // is.
+    // At random, as another manager may look for one at the same time.
     oid free_index() {
         for (;;) {
-            const oid index = random_index(lowest_ > 1 ? lowest_ - 1 : largest_index);
+            const oid index = random_number(1, largest_index);
             if (!number(session_.get({copy_cell(column_row_status, index)}).front())) {
                 return index;
             }
-            lowest_ = largest_index;
         }
     }
 
@@ -282,7 +275,6 @@ class Run {
     const CopyOrder &order_;
     const Progress &progress_;
     PathValues path_values_;
-    oid lowest_ = largest_index;
     std::vector<oid> rows_; // all that may be there
 };
 
