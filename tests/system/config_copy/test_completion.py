@@ -5,8 +5,8 @@ import re
 import pytest
 from command import *
 
-MANAGER = Path(__file__).parents[3] / "manager"
-COMPLETION = MANAGER / "config-copy.bash-completion"
+REPOSITORY = Path(__file__).parents[3]
+COMPLETION = REPOSITORY / "manager/config-copy.bash-completion"
 
 
 def completed(*words):
@@ -43,7 +43,7 @@ def test_files_are_completed(tmp_path):
 def test_every_option_is_completed_and_in_the_manual():
     options = set(re.findall(r"--[a-z-]+", config_copy("--help").out))
     assert len(options) >= 9
-    manual = (MANAGER / "config-copy.1").read_text()
+    manual = (REPOSITORY / "docs/man/config-copy.1").read_text()
     for option in options:
         assert completed(option) == [option]
         assert f"Fl -{option.removeprefix('--')}" in manual, option
