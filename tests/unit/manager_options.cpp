@@ -77,7 +77,7 @@ TEST(Options, HostsFile) {
     EXPECT_EQ("the hosts file /nonexistent can't be read: No such file or directory", usage_failure([] { read_hosts("/nonexistent"); }));
 }
 
-TEST(Agent, Specifications) {
+TEST(Agent, AsTheUserWritesIt) {
     const auto parts = [](const char *text) {
         const AgentAddress agent = parse_agent(text);
         return Texts{agent.transport, agent.host, agent.port, agent.is_understood ? "understood" : "not"};
