@@ -6,9 +6,9 @@
 
 namespace config_copy {
 
-// The agent as the user writes it ([transport:]host[:port], see snmpcmd(1)), with the host's name replaced by its address. What is no such form
-// (other transports, paths) is returned as it is. Throws a Failure of unreachable when the name is not known, or no TCP connection comes
-// about in some seconds.
+// The agent as the user writes it ([transport:]host[:port], see snmpcmd(1)), with the host's name replaced by its address. What is no such
+// form (other transports, paths) is returned as it is. Throws a Failure of unreachable when the name is not known, or no TCP connection
+// comes about in some seconds.
 std::string reachable_address(const std::string &agent);
 
 // --- parts ---
