@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Shows the main job in a few seconds, with stock SNMP tools: a switch's running configuration travels to a TFTP server and back, driven by
-# SNMP, with the notification at the end, and its startup configuration to an SFTP server; then a refused request and a failed copy; last a
-# save on all three switches of a fabric, and one that fails because a switch is down. Installs and builds what it needs. Exits with 0 only
-# if all of it held.
+# SNMP, with the notification at the end, and its startup configuration to an SFTP server; then a refused request and a failed copy; then a
+# save on all three switches of a fabric, one that fails because a switch is down, and the same with the manager's command. Installs and builds
+# what it needs. Exits with 0 only if all of it held.
 set -euo pipefail
 
 if [[ -z ${LAB_AGENT:-} ]]; then # outside: make the lab, and come back inside
@@ -142,6 +142,20 @@ run snmpwalk "$LAB_AGENT" ccCopyErrorTable
 errors=$(snmpwalk -Oqv "$LAB_AGENT" ccCopyErrorText | tr -d '"')
 [[ $errors == $'saved\nno answer in 10 s\nsaved' ]] || fail "the outcomes are wrong: $errors"
 run lab-ctl start-agent 2
+
+title "The same with the manager's command"
+run config-copy "$LAB_AGENT" running "tftp://$LAB_SERVER4/one-command.cfg"
+/ulmo/bin/cmdshell -c "show running-config" | cmp - "$LAB_SERVER_ROOT/one-command.cfg" || fail "the backup differs"
+say "a failed copy is told in words, and by the exit status"
+status=0
+run config-copy "$LAB_AGENT" "tftp://$LAB_SERVER4/no-such-file.cfg" running 2>&1 || status=$?
+((status == 1)) || fail "the exit status is $status"
+say "all three switches side by side, each into a file of its own"
+run tee /tmp/switches <<<"${LAB_AGENTS// /$'\n'}"
+run config-copy --hosts /tmp/switches running "tftp://$LAB_SERVER4/{host}.cfg"
+for agent in $LAB_AGENTS; do
+    [[ -s $LAB_SERVER_ROOT/$agent.cfg ]] || fail "there is no backup of $agent"
+done
 
 title "All requests; they age out by themselves after five minutes"
 run snmptable -CB -Cw 150 "$LAB_AGENT" ccCopyTable

@@ -48,7 +48,7 @@ step_build() {
 
 step_tidy() {
     section "clang-tidy"
-    own_sources | grep -E '^(infra|platform)/.*\.cpp$' | xargs -P "$(nproc)" -n 4 clang-tidy -p build/clang --quiet 2>/dev/null
+    own_sources | grep -E '^(infra|manager|platform)/.*\.cpp$' | xargs -P "$(nproc)" -n 4 clang-tidy -p build/clang --quiet 2>/dev/null
 }
 
 # Runs tests of a build and counts them: PRESET [CTEST ARGUMENT…]

@@ -1,0 +1,337 @@
+#include "manager/copy_run.h"
+
+#include "manager/interrupt.h"
+
+#include <algorithm>
+#include <iomanip>
+#include <random>
+#include <sstream>
+#include <utility>
+
+namespace config_copy {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using namespace std::chrono_literals;
+
+constexpr int most_attempts = 8; // to make a row, each with another index
+
+// What v1 agents make of the finer statuses of v2 (RFC 3584, section 4.4).
+bool is_taken(long status) {
+    return status == SNMP_ERR_INCONSISTENTVALUE || status == SNMP_ERR_BADVALUE;
+}
+
+oid random_number(oid least, oid most) {
+    std::random_device source;
+    return std::uniform_int_distribution<oid>(least, most)(source);
+}
+
+std::optional<long> number(const Value &value) {
+    const long *found = std::get_if<long>(&value);
+    return found == nullptr ? std::nullopt : std::optional(*found);
+}
+
+class Run {
+  public:
+    Run(Session &session, const CopyOrder &order, const Progress &progress)
+        : session_(session), order_(order), progress_(progress), path_values_{host_value(session.agent()), order.date} {}
+
+    Outcome run() {
+        Outcome outcome;
+        outcome.agent = session_.agent();
+        try {
+            start_when_it_is_our_turn();
+            await_end(outcome);
+        } catch (const Failure &failure) {
+            outcome.ending = failure.ending();
+            outcome.text = failure.what();
+        } catch (const Interrupted &) {
+            session_.begin_to_clean_up(2s);
+            take_rows_away();
+            throw;
+        }
+        session_.begin_to_clean_up(2s);
+        take_rows_away();
+        if (!rows_.empty()) {
+            outcome.text += "; its request " + std::to_string(rows_.back()) + " could not be removed and goes by itself within 7 minutes";
+        }
+        return outcome;
+    }
+
+  private:
+    bool is_save() const { return !order_.has_file() && order_.from.type == FileType::running; }
+
+    // --- our turn ---
+
+    void start_when_it_is_our_turn() {
+        const auto began = Clock::now();
+        for (;;) {
+            std::string reason = reason_to_wait();
+            if (reason.empty()) {
+                make_row();
+                if (activate()) {
+                    return;
+                }
+                reason = "another copy is in progress";
+                // A row that waits would be taken for the next save that begins on the switch, whoever asks for it.
+                take_rows_away();
+            }
+            const auto waited = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - began);
+            if (waited >= order_.wait_turn) {
+                throw Failure(Ending::busy,
+                              session_.agent() + ": " + reason +
+                                  (order_.wait_turn > 0s ? " and did not end in " + std::to_string(order_.wait_turn.count()) + " s"
+                                                         : ": try again later, or queue with --wait-turn SECONDS"));
+            }
+            progress_("waiting for another copy", waited);
+            pause_for(Milliseconds(random_number(300, 1000))); // at random, so that those who wait do not always meet
+        }
+    }
+
+    // When a save begins, the agent marks the first request that waits as running, and when it ends, the first one that runs as ended. So a
+    // save of ours would leave another manager's request running for ever, and that one would block the switch.
+    std::string reason_to_wait() {
+        if (!is_save()) {
+            return {};
+        }
+        const Oid column = copy_column(column_state);
+        Oid at = column;
+        while (const auto found = session_.next(at)) {
+            at = found->name;
+            if (at.size() != column.size() + 1 || !std::equal(column.begin(), column.end(), at.begin())) {
+                break;
+            }
+            if (number(found->value) == state_waiting) {
+                return "another manager's request " + std::to_string(at.back()) +
+                       " waits to be started and would be spoilt by this save (`config-copy abort " + session_.agent() + ' ' +
+                       std::to_string(at.back()) + "` removes it)";
+            }
+        }
+        return {};
+    }
+
+    // --- the request ---
+
+    // At random, as another manager may look for one at the same time.
+    oid free_index() {
+        for (;;) {
+            const oid index = random_number(1, largest_index);
+            if (!number(session_.get({copy_cell(column_row_status, index)}).front())) {
+                return index;
+            }
+        }
+    }
+
+    std::vector<Binding> columns(oid index) const {
+        std::vector<Binding> bindings;
+        const auto add = [&](oid column, Value value) { bindings.push_back({copy_cell(column, index), std::move(value)}); };
+        add(column_row_status, row_create_and_wait);
+        add(column_source, static_cast<long>(order_.from.type));
+        add(column_destination, static_cast<long>(order_.to.type));
+        if (order_.has_file()) {
+            add(column_protocol, static_cast<long>(order_.file().protocol));
+            add(column_address_type, order_.server.type); // before the address, which is read by it
+            add(column_address, order_.server.octets);
+            add(column_file_name, file_name(order_.file(), path_values_));
+            if (!order_.file().user.empty()) {
+                add(column_user_name, order_.file().user);
+            }
+            if (!order_.password.empty()) {
+                add(column_password, order_.password);
+            }
+        }
+        return bindings;
+    }
+
+    // Each attempt has an index of its own: a second createAndWait that meets a late first one would block the row.
+    void make_row() {
+        for (int attempt = 0; attempt < most_attempts; ++attempt) {
+            const oid index = free_index();
+            const std::vector<Binding> bindings = columns(index);
+            rows_.push_back(index);
+            const auto result = session_.set(bindings);
+            if (!result) {
+                if (number(session_.get({copy_cell(column_row_status, index)}).front())) {
+                    return; // the answer was lost
+                }
+            } else if (result->status == SNMP_ERR_NOERROR) {
+                return;
+            } else if (result->at == 1 && is_taken(result->status)) {
+                rows_.pop_back(); // somebody else's since we looked
+            } else {
+                const bool is_about_one = result->at > 0 && result->at <= bindings.size();
+                const Oid &name = bindings[is_about_one ? result->at - 1 : 0].name;
+                throw Failure(Ending::refused, session_.agent() + ": " + words_of_refusal(result->status, name[name.size() - 2]));
+            }
+        }
+        throw Failure(Ending::unreachable, session_.agent() + " answers, but no copy request can be made: too much is lost on the way");
+    }
+
+    // Alone in its SET, so that a refusal does not harm the row. False when another copy is in progress.
+    bool activate() {
+        bool is_sure = true; // that no earlier one is under way
+        for (int attempt = 0; attempt < most_attempts; ++attempt) {
+            const auto result = session_.set({{copy_cell(column_row_status, rows_.back()), row_active}});
+            if (result && result->status == SNMP_ERR_NOERROR) {
+                return true;
+            }
+            if ((!result || !is_sure) && state() != state_waiting) {
+                return true; // it was carried out, and its answer was lost
+            }
+            if (result) {
+                if (result->status == SNMP_ERR_GENERR) {
+                    return false;
+                }
+                throw Failure(Ending::refused, session_.agent() + ": " + words_of_refused_activation(result->status));
+            }
+            is_sure = false;
+        }
+        throw Failure(Ending::unreachable, session_.agent() + " answers, but the copy can't be started: too much is lost on the way");
+    }
+
+    long state() {
+        const auto state = number(session_.get({copy_cell(column_state, rows_.back())}).front());
+        if (!state) {
+            rows_.pop_back();
+            throw Failure(Ending::failed, session_.agent() +
+                                              ": the request is gone, so the outcome is not known: the agent was restarted, or somebody "
+                                              "removed it");
+        }
+        return *state;
+    }
+
+    // --- the outcome ---
+
+    void await_end(Outcome &outcome) {
+        const auto began = Clock::now();
+        Milliseconds pause = 50ms;
+        for (;;) {
+            const long now = state();
+            if (now == state_successful || now == state_failed) {
+                tell(outcome, now);
+                return;
+            }
+            const auto elapsed = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - began);
+            if (elapsed >= order_.time_limit) {
+                throw Failure(Ending::failed,
+                              session_.agent() + ": not finished in " + std::to_string(order_.time_limit.count()) +
+                                  " s, so the request was given up: does the system manager run? (--time-limit gives more time)");
+            }
+            progress_(state_name(now), elapsed);
+            pause_for(pause);
+            pause = std::min<Milliseconds>(pause * 3 / 2, 1s);
+        }
+    }
+
+    void tell(Outcome &outcome, long end) {
+        const oid row = rows_.back();
+        const std::vector<Value> values =
+            session_.get({copy_cell(column_fail_cause, row), copy_cell(column_time_started, row), copy_cell(column_time_completed, row)});
+        outcome.state = state_name(end);
+        std::ostringstream duration;
+        if (const auto started = number(values[1]), completed = number(values[2]); started && completed) {
+            // The agent's clock may have begun anew meanwhile, after 497 days.
+            outcome.seconds = static_cast<double>(static_cast<std::uint32_t>(*completed - *started)) / 100;
+            duration << (end == state_successful ? " in " : " after ") << std::fixed << std::setprecision(2) << *outcome.seconds << " s";
+        }
+        const std::string what = side_text(order_.from, path_values_) + " to " + side_text(order_.to, path_values_);
+        if (end == state_successful) {
+            outcome.text = outcome.agent + ": " + what + " copied" + duration.str();
+            return;
+        }
+        const long cause = number(values[0]).value_or(0);
+        const bool is_fabric = order_.to.type == FileType::fabric_startup;
+        outcome.ending = Ending::failed;
+        outcome.cause = cause_name(cause);
+        const std::string server = order_.has_file() ? order_.file().host : "";
+        outcome.text = outcome.agent + ": " + what + " failed" + duration.str() + " (" + outcome.cause +
+                       "): " + words_of_cause(cause, server, is_fabric);
+        if (is_fabric && cause == cause_manager_failed) {
+            outcome.switches = switches_of(session_, row);
+        }
+    }
+
+    // --- cleaning up ---
+
+    // All that may be there, also those whose making was not answered. A destroy of what is not there is no error, and may be repeated.
+    void take_rows_away() {
+        constexpr int attempts = 3;
+        try {
+            while (!rows_.empty()) {
+                std::optional<SetResult> result;
+                for (int attempt = 0; attempt < attempts && !result; ++attempt) {
+                    result = session_.set({{copy_cell(column_row_status, rows_.back()), row_destroy}});
+                }
+                if (!result || result->status == SNMP_ERR_GENERR) {
+                    return;
+                }
+                rows_.pop_back();
+            }
+        } catch (const Failure &) { // what is left goes with its age
+        }
+    }
+
+    Session &session_;
+    const CopyOrder &order_;
+    const Progress &progress_;
+    PathValues path_values_;
+    std::vector<oid> rows_; // all that may be there
+};
+
+std::string wwn_text(const std::string &octets) {
+    std::ostringstream text;
+    for (std::size_t i = 0; i < octets.size(); ++i) {
+        text << (i == 0 ? "" : ":") << std::hex << std::setw(2) << std::setfill('0')
+             << static_cast<int>(static_cast<unsigned char>(octets[i]));
+    }
+    return text.str();
+}
+
+std::string octets(const Value &value) {
+    const auto *found = std::get_if<std::string>(&value);
+    return found == nullptr ? "" : *found;
+}
+
+} // namespace
+
+std::string side_text(const CopySide &side, const PathValues &values) {
+    if (side.type != FileType::network) {
+        return std::string(name_of(side.type));
+    }
+    const bool is_ipv6 = side.url.host.find(':') != std::string::npos;
+    return std::string(name_of(side.url.protocol)) + "://" + (side.url.user.empty() ? "" : side.url.user + '@') +
+           (is_ipv6 ? '[' + side.url.host + ']' : side.url.host) + '/' + file_name(side.url, values);
+}
+
+std::vector<SwitchOutcome> switches_of(Session &session, oid index) {
+    std::vector<SwitchOutcome> switches;
+    Oid request = error_column(error_switch);
+    request.push_back(index);
+    Oid at = request;
+    while (const auto found = session.next(at)) {
+        at = found->name;
+        if (at.size() != request.size() + 1 || !std::equal(request.begin(), request.end(), at.begin())) {
+            break;
+        }
+        const std::vector<Value> values =
+            session.get({error_cell(error_address, index, at.back()), error_cell(error_text, index, at.back())});
+        const std::string address = octets(values[0]);
+        switches.push_back({address.empty() ? "" : address_text(address), wwn_text(octets(found->value)), printable(octets(values[1]))});
+    }
+    return switches;
+}
+
+Outcome copy(const netsnmp_session &defaults, const std::string &agent, const CopyOrder &order, const Progress &progress) {
+    try {
+        Session session(defaults, agent);
+        return Run(session, order, progress).run();
+    } catch (const Failure &failure) {
+        Outcome outcome;
+        outcome.agent = agent;
+        outcome.ending = failure.ending();
+        outcome.text = failure.what();
+        return outcome;
+    }
+}
+
+} // namespace config_copy

@@ -1,0 +1,40 @@
+// One copy on one agent, from the setting-up of a request to its removal.
+#pragma once
+
+#include "manager/copy_side.h"
+#include "manager/outcome.h"
+#include "manager/server_address.h"
+#include "manager/snmp_session.h"
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <string_view>
+
+namespace config_copy {
+
+struct CopyOrder {
+    CopySide from;
+    CopySide to;
+    ServerAddress server; // of the side that is a file
+    std::string password;
+    std::string date;                   // for {date}
+    std::chrono::seconds wait_turn{0};  // how long to wait while another copy is in progress
+    std::chrono::seconds time_limit{0}; // how long the copy may take
+    bool has_file() const { return from.type == FileType::network || to.type == FileType::network; }
+    const FileUrl &file() const { return from.type == FileType::network ? from.url : to.url; }
+};
+
+// Called again and again while the copy goes on: what it is doing, and for how long.
+using Progress = std::function<void(std::string_view state, std::chrono::seconds elapsed)>;
+
+// Does the copy. No request of ours stays on the switch, whatever happens, as long as the agent answers. Throws Interrupted only.
+Outcome copy(const netsnmp_session &defaults, const std::string &agent, const CopyOrder &order, const Progress &progress);
+
+// The rows of ccCopyErrorTable of one request.
+std::vector<SwitchOutcome> switches_of(Session &session, oid index);
+
+// A side as the user wrote it, with the templates filled in; never with a password.
+std::string side_text(const CopySide &side, const PathValues &values);
+
+} // namespace config_copy

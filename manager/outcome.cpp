@@ -1,0 +1,149 @@
+#include "manager/outcome.h"
+
+#include "manager/copy_table.h"
+
+#include <net-snmp/net-snmp-config.h>
+
+#include <net-snmp/net-snmp-includes.h>
+
+#include <algorithm>
+#include <array>
+
+namespace config_copy {
+namespace {
+
+std::string numbered(long number) {
+    return std::to_string(number);
+}
+
+std::string name_of_column(unsigned long column) {
+    switch (column) {
+    case column_protocol:
+        return "the protocol";
+    case column_source:
+    case column_destination:
+        return "the file types";
+    case column_file_name:
+        return "the file name";
+    case column_user_name:
+        return "the user name";
+    case column_password:
+        return "the password";
+    case column_address_type:
+    case column_address:
+        return "the file server's address";
+    default:
+        return "the request";
+    }
+}
+
+} // namespace
+
+std::string_view name_of(Ending ending) {
+    constexpr std::array<std::string_view, 6> names{"done", "failed", "usage", "refused", "not reachable", "busy"};
+    return names.at(static_cast<std::size_t>(ending));
+}
+
+Ending ending_of_all(const std::vector<Outcome> &outcomes) {
+    Ending all = Ending::done;
+    for (const Outcome &outcome : outcomes) {
+        if (outcome.ending == Ending::done || outcome.ending == all) {
+            continue;
+        }
+        all = all == Ending::done ? outcome.ending : Ending::failed;
+        if (all == Ending::failed) {
+            break;
+        }
+    }
+    return all;
+}
+
+std::string state_name(long state) {
+    constexpr std::array<std::string_view, 5> names{"", "waiting", "running", "successful", "failed"};
+    return state > 0 && state < static_cast<long>(names.size()) ? std::string(names.at(static_cast<std::size_t>(state))) : numbered(state);
+}
+
+std::string cause_name(long cause) {
+    constexpr std::array<std::string_view, 10> names{"",
+                                                     "general",
+                                                     "badFileName",
+                                                     "timeout",
+                                                     "noSpace",
+                                                     "badConfig",
+                                                     "unsupportedProtocol",
+                                                     "configNotApplied",
+                                                     "systemManagerRefused",
+                                                     "systemManagerFailed"};
+    return cause > 0 && cause < static_cast<long>(names.size()) ? std::string(names.at(static_cast<std::size_t>(cause))) : numbered(cause);
+}
+
+std::string words_of_cause(long cause, std::string_view server, bool is_fabric) {
+    const std::string the_server = server.empty() ? "the file server" : "the file server " + std::string(server);
+    switch (cause) {
+    case cause_general:
+        return "the switch gives no cause: see its history (ulmo-history) and whether its disk is full" +
+               std::string(server.empty() ? "" : "; check user and password, too");
+    case cause_bad_file_name:
+        return the_server +
+               " has no such file or grants no access to it: check the name as the server sees it, and for an upload whether the file "
+               "may be created there";
+    case cause_timeout:
+        return the_server + " did not answer the switch: check its address and the way to it, and whether it runs";
+    case cause_no_space:
+        return "the side that receives is full: check the disk and quota of " + the_server;
+    case cause_bad_config:
+        return "the file is no configuration: look at what it holds, and shorten a name of more than 100 octets";
+    case cause_unsupported_protocol:
+        return "the switch does not offer the protocol: use another one";
+    case cause_not_applied:
+        return "the configuration was refused while it was applied: see /tmp/configcopy.txt on the switch for the line";
+    case cause_manager_refused:
+        return "the system manager did not begin to save: another save may be in progress, so try again, or see its log";
+    case cause_manager_failed:
+        return is_fabric ? "not every switch of the fabric has saved: see below"
+                         : "the system manager could not save: see `cmdshell -c \"show last-save\"` on the switch";
+    default:
+        return "the switch gives the unknown cause " + numbered(cause);
+    }
+}
+
+std::string words_of_refusal(long status, unsigned long column) {
+    switch (status) {
+    case SNMP_ERR_NOACCESS:
+    case SNMP_ERR_AUTHORIZATIONERROR:
+    case SNMP_ERR_READONLY:
+        return "this user or community may not write copy requests: it needs a write view with .1.3.6.1.4.1.41927.9.96";
+    case SNMP_ERR_NOTWRITABLE:
+    case SNMP_ERR_NOCREATION:
+        return "the agent has no copy table: load config_copy_mib into it (its log tells why it is not)";
+    case SNMP_ERR_NOSUCHNAME:
+        return "the agent has no copy table, or this user or community may not write it: load config_copy_mib, and check the write view";
+    case SNMP_ERR_WRONGVALUE:
+    case SNMP_ERR_WRONGLENGTH:
+    case SNMP_ERR_WRONGTYPE:
+    case SNMP_ERR_BADVALUE:
+        return "the switch does not take " + name_of_column(column);
+    default:
+        return std::string("the switch refuses ") + name_of_column(column) + " with " + ::snmp_errstring(static_cast<int>(status));
+    }
+}
+
+std::string words_of_refused_activation(long status) {
+    switch (status) {
+    case SNMP_ERR_INCONSISTENTVALUE:
+        return "the switch finds the request incomplete: check user and password";
+    case SNMP_ERR_WRONGVALUE:
+        return "the switch takes neither this pair of sides nor this server";
+    default:
+        return words_of_refusal(status, column_row_status);
+    }
+}
+
+std::string printable(std::string_view text) {
+    std::string result(text);
+    std::replace_if(
+        result.begin(), result.end(), [](unsigned char c) { return c < ' ' || c == 0x7F; }, '?');
+    return result;
+}
+
+} // namespace config_copy

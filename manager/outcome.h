@@ -1,0 +1,52 @@
+// What came of a copy, and how it is said in words.
+#pragma once
+
+#include "manager/failure.h"
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace config_copy {
+
+// What one switch of a fabric reported.
+struct SwitchOutcome {
+    std::string address; // in words; empty when it is not known
+    std::string wwn;     // as in 20:00:00:00:00:00:00:01
+    std::string text;
+};
+
+struct Outcome {
+    std::string agent;
+    Ending ending = Ending::done;
+    std::string text;              // one line: what happened and what to do about it
+    std::string state;             // ccCopyState as the copy ended, in words; empty when it never ran
+    std::string cause;             // ccCopyFailCause in words; empty unless the copy failed
+    std::optional<double> seconds; // how long the copy took, by the agent's clock
+    std::vector<SwitchOutcome> switches;
+};
+
+// As in the summary: "done", "failed", "usage", "refused", "not reachable", "busy".
+std::string_view name_of(Ending ending);
+
+// The exit status of several copies: 0 when all are done, the one of those that are not when they ended alike, and 1 otherwise.
+Ending ending_of_all(const std::vector<Outcome> &outcomes);
+
+// Names of the MIB, the number itself when it has none.
+std::string state_name(long state);
+std::string cause_name(long cause);
+
+// Why the copy failed and what to do about it. `server` is the file server in words, empty for a copy without one.
+std::string words_of_cause(long cause, std::string_view server, bool is_fabric);
+
+// Why the agent refuses the setting-up of a request with this error status about this column (0: about none), and what to do about it.
+std::string words_of_refusal(long status, unsigned long column);
+
+// The same of the activation.
+std::string words_of_refused_activation(long status);
+
+// Text of a switch fit for a terminal: control characters become question marks.
+std::string printable(std::string_view text);
+
+} // namespace config_copy

@@ -1,0 +1,35 @@
+import itertools
+import shutil
+import sys
+from pathlib import Path
+
+import pytest
+
+sys.path.insert(0, str(Path(__file__).parent))
+
+pytest.register_assert_rewrite("saves", "command")
+
+import command as cc
+
+_ports = itertools.count(20001)
+
+
+@pytest.fixture
+def own_agents(tmp_path):
+    """Starts so many agents with these settings and returns them when they answer."""
+    agents = []
+
+    def start(count=1, settings=(), with_module=True):
+        new = [cc.Agent(tmp_path / f"agent{port}", port, ("rocommunity probe default .1.3.6.1.2.1.1", *settings), with_module)
+               for port in itertools.islice(_ports, count)]
+        agents.extend(new)
+        for agent in new:
+            cc.wait_for(agent.answers, 60, f"an answer of {agent.name}")
+        return new
+
+    yield start
+    for agent in agents:
+        agent.process.terminate()
+    for agent in agents:
+        agent.process.wait(15)
+    shutil.rmtree(tmp_path)

@@ -1,0 +1,167 @@
+"""Copies that succeed, and how the command tells of them."""
+
+import itertools
+import re
+
+import pytest
+from command import *
+from saves import *
+
+SERVERS = pytest.mark.parametrize("server", [SERVER4, f"[{SERVER6}]"], ids=["ipv4", "ipv6"])
+vlans = itertools.count(200)
+VERSIONS = pytest.mark.parametrize("options", [(), ("-v2c", "-c", "lab"), ("-v1", "-c", "lab")], ids=["v3", "v2c", "v1"])
+
+
+def account(protocol="sftp"):
+    return f"{protocol}://{os.environ['LAB_USER']}@{SERVER4}"
+
+
+@pytest.fixture(autouse=True)
+def no_row_stays(operator):
+    yield
+    assert rows(operator) == []
+
+
+@VERSIONS
+@SERVERS
+def test_running_to_a_file(options, server):
+    done = config_copy(*options, AGENT, "running", f"tftp://{server}/up.cfg")
+    assert done.status == DONE, done
+    assert (SERVER_ROOT / "up.cfg").read_text() == show("running")
+    assert re.fullmatch(rf"({AGENT}: running\n)?{AGENT}: running to tftp://{re.escape(server)}/up.cfg copied in \d+\.\d\d s\n", done.out), done
+    assert done.err == ""
+
+
+def test_startup_to_a_file():
+    assert config_copy(AGENT, "startup", f"tftp://{SERVER4}/startup.cfg").status == DONE
+    assert (SERVER_ROOT / "startup.cfg").read_text() == show("startup")
+
+
+def test_a_file_to_running(lines_of):
+    serve("new.cfg", lines_of("vlan 77"))
+    assert config_copy(AGENT, f"tftp://{SERVER4}/new.cfg", "running").status == DONE
+    assert "vlan 77\n" in show("running")
+
+
+@VERSIONS
+@pytest.mark.parametrize("to", ["startup", "fabric-startup", "all-startup"])
+def test_saves(options, to, lines_of, tmp_path):
+    (tmp_path / "new.cfg").write_text(lines_of(f"vlan {next(vlans)}"))
+    run("cmdshell", "-c", f"configure {tmp_path / 'new.cfg'}")
+    assert startup() != running()
+    done = config_copy(*options, AGENT, "running", to)
+    assert done.status == DONE, done
+    assert startup() == running()
+
+
+def test_startup_to_running():
+    assert config_copy(AGENT, "startup", "running").status == DONE
+
+
+def test_the_agent_over_ipv6():
+    assert config_copy("udp6:[2001:db8::10]", "running", "startup").status == DONE
+
+
+def test_names_are_resolved():
+    with open("/etc/hosts", "a") as hosts:
+        hosts.write(f"{SERVER4} files.example.net\n{AGENT} switch1.example.net\n")
+    assert config_copy("switch1.example.net", "running", "tftp://files.example.net/named.cfg").status == DONE
+    assert (SERVER_ROOT / "named.cfg").exists()
+
+
+def test_templates_and_percent_encoding():
+    assert config_copy(AGENT, "running", f"tftp://{SERVER4}/%7Bx%7D-{{host}}-{{date}}.cfg").status == DONE
+    assert (SERVER_ROOT / f"{{x}}-{AGENT}-{time.strftime('%Y-%m-%d')}.cfg").exists()
+
+
+def test_the_librarys_options_reach_the_requests():
+    """The lab's agent serves no such context."""
+    done = config_copy("-n", "elsewhere", *QUICK, AGENT, "running", "startup")
+    assert done.status == UNREACHABLE and "does not answer this user's requests: check the context (-n)" in done.err, done
+
+
+# Passwords
+
+def test_password_on_standard_input():
+    done = config_copy(AGENT, "running", f"{account()}/in.cfg", stdin=os.environ["LAB_PASSWORD"] + "\n")
+    assert done.status == DONE, done
+    assert (SERVER_ROOT / "in.cfg").exists() and done.err == ""
+
+
+def test_password_from_a_file(tmp_path):
+    file = tmp_path / "password"
+    file.write_text(os.environ["LAB_PASSWORD"] + "\n")
+    file.chmod(0o600)
+    done = config_copy("--password-file", file, AGENT, "running", f"{account()}/file.cfg")
+    assert (done.status, done.err) == (DONE, ""), done
+    file.chmod(0o644)
+    done = config_copy("--password-file", file, AGENT, "running", f"{account('scp')}/file.cfg")
+    assert (done.status, done.err) == (DONE, f"config-copy: warning: others may read the password file {file}: chmod 600 it\n"), done
+    done = config_copy("--password-file", "-", AGENT, "running", f"{account('ftp')}/file.cfg", stdin=os.environ["LAB_PASSWORD"])
+    assert (done.status, done.err) == (DONE, ""), done
+
+
+def test_password_at_the_prompt():
+    prompt = f"Password of {os.environ['LAB_USER']}@{SERVER4}: "
+    status, shown = on_terminal(AGENT, "running", f"{account()}/prompt.cfg", answers=[(prompt, os.environ["LAB_PASSWORD"] + "\n")])
+    assert status == DONE, shown
+    assert shown.startswith(prompt) and os.environ["LAB_PASSWORD"] not in shown
+    assert (SERVER_ROOT / "prompt.cfg").exists()
+
+
+def test_wrong_password():
+    done = config_copy(AGENT, "running", f"{account()}/wrong.cfg", stdin="wrong\n")
+    assert done.status == FAILED and "check user and password" in done.err, done
+
+
+def test_warning_of_a_password_in_clear():
+    for options in (("-v2c", "-c", "lab"), ("-v1", "-c", "lab")):
+        done = config_copy(*options, AGENT, "running", f"{account()}/clear.cfg", stdin=os.environ["LAB_PASSWORD"])
+        assert done.status == DONE, done
+        assert done.err == "config-copy: warning: the password travels to the agent unencrypted: use SNMPv3 with -l authPriv\n"
+    done = config_copy("-l", "authNoPriv", *QUICK, AGENT, "running", f"{account()}/clear.cfg", stdin=os.environ["LAB_PASSWORD"])
+    assert "travels to the agent unencrypted" in done.err, done
+
+
+# What is shown
+
+def test_quiet():
+    done = config_copy("--quiet", AGENT, "running", f"tftp://{SERVER4}/quiet.cfg")
+    assert (done.status, done.out, done.err) == (DONE, "", ""), done
+    done = config_copy("--quiet", AGENT, f"tftp://{SERVER4}/absent.cfg", "running")
+    assert done.status == FAILED and done.out == "" and done.err.startswith("config-copy: "), done
+
+
+def test_json():
+    done = config_copy("--json", AGENT, "running", f"tftp://{SERVER4}/a.cfg")
+    (copy,) = done.objects()
+    assert done.status == DONE and done.err == ""
+    assert {key: copy[key] for key in ("agent", "ending", "status", "state", "cause", "switches")} == {
+        "agent": AGENT, "ending": "done", "status": 0, "state": "successful", "cause": None, "switches": []}
+    assert 0 <= copy["seconds"] < 10 and copy["text"].startswith(f"{AGENT}: running to ")
+    done = config_copy("--json", AGENT, f"tftp://{SERVER4}/absent.cfg", "running")
+    (copy,) = done.objects()
+    assert (done.status, copy["status"], copy["state"], copy["cause"]) == (FAILED, FAILED, "failed", "badFileName")
+
+
+def test_lines_without_a_terminal():
+    with busy_device():
+        process = started(AGENT, "running", "startup")
+        assert process.stdout.readline() == f"{AGENT}: running\n"
+    done = ended(process)
+    assert done.status == DONE and re.fullmatch(rf"{AGENT}: running to startup copied in \d+\.\d\d s\n", done.out), done
+
+
+def test_live_line_on_a_terminal():
+    with busy_device():
+        status, shown = on_terminal("--time-limit", "2", AGENT, "running", "startup")
+    assert status == FAILED
+    assert f"\r{AGENT}: running, 0 s\033[K" in shown and f"\r{AGENT}: running, 1 s\033[K" in shown, shown
+    assert "\r\033[Kconfig-copy: " in shown
+
+
+def test_help_and_version():
+    done = config_copy("--help")
+    assert done.status == DONE and done.out.startswith("usage: config-copy ") and "5 another copy is in progress" in done.out
+    assert re.fullmatch(r"config-copy \d+\.\d+\.\d+\n", config_copy("--version").out)
+    assert config_copy("-V").status == DONE

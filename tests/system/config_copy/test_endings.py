@@ -1,0 +1,216 @@
+"""Each exit status but 0, and what is said with it. No request of the command's stays on the switch."""
+
+import pytest
+from command import *
+from saves import *
+
+SERVER = f"tftp://{SERVER4}"
+VIEW = "this user or community may not write copy requests: it needs a write view with .1.3.6.1.4.1.41927.9.96"
+NO_TABLE = "the agent has no copy table: load config_copy_mib into it (its log tells why it is not)"
+
+
+@pytest.fixture(autouse=True)
+def no_row_stays(operator):
+    yield
+    assert rows(operator) == []
+
+
+def check(done, status, text):
+    """One clear line."""
+    assert (done.status, done.out.replace(f"{AGENT}: running\n", ""), done.err) == (status, "", f"config-copy: {text}\n")
+
+
+# 1: the copy failed
+
+def test_no_such_file():
+    done = config_copy(AGENT, f"{SERVER}/absent.cfg", "running")
+    assert done.status == FAILED
+    assert "failed after" in done.err and f"(badFileName): the file server {SERVER4} has no such file or grants no access to it: check" in done.err, done
+
+
+def test_no_configuration():
+    serve("no.cfg", b"\0\1\2\n")
+    done = config_copy(AGENT, f"{SERVER}/no.cfg", "running")
+    assert done.status == FAILED and ("(badConfig): the file is no configuration" in done.err or "(configNotApplied)" in done.err), done
+
+
+def test_save_that_the_system_manager_fails():
+    with damaged_running_configuration():
+        done = config_copy(AGENT, "running", "startup")
+    assert done.status == FAILED and "(systemManagerFailed): the system manager could not save" in done.err, done
+
+
+def test_fabric_with_a_table_of_its_switches(operator):
+    settings = Path("/lab/switch1/platform.conf")
+    before = settings.read_text()
+    settings.write_text(f"{before}fabric_time_limit = 1\n")
+    lab_ctl("stop-agent", 2)
+    try:
+        done = config_copy(AGENT, "running", "fabric-startup")
+        as_json = config_copy("--json", AGENT, "running", "fabric-startup")
+    finally:
+        lab_ctl("start-agent", 2)
+        settings.write_text(before)
+    assert done.status == FAILED and "not every switch of the fabric has saved: see below" in done.err, done
+    table = [line.split(maxsplit=2) for line in done.err.splitlines()[1:]]
+    assert table[0] == ["ADDRESS", "SWITCH", "REPORTED"]
+    assert sorted(table[1:]) == [[AGENT, "20:00:00:00:00:00:00:01", "saved"], ["192.0.2.11", "20:00:00:00:00:00:00:02", "no answer in 1 s"]]
+    (copy,) = as_json.objects()
+    assert {entry["switch"]: entry["reported"] for entry in copy["switches"]} == {"20:00:00:00:00:00:00:01": "saved", "20:00:00:00:00:00:00:02": "no answer in 1 s"}
+
+
+def test_time_limit():
+    with busy_device():
+        done = config_copy("--time-limit", 1, AGENT, "running", "startup")
+    check(done, FAILED, f"{AGENT}: not finished in 1 s, so the request was given up: does the system manager run? (--time-limit gives more time)")
+
+
+def test_request_that_somebody_removes(operator):
+    with busy_device():
+        process = started(AGENT, "running", "startup")
+        (index,) = wait_for(lambda: rows(operator))
+        Request(operator, index).destroy()
+        check(ended(process), FAILED, f"{AGENT}: the request is gone, so the outcome is not known: the agent was restarted, or somebody removed it")
+
+
+# 2: usage
+
+@pytest.mark.parametrize("words, text", [
+    ((), "name AGENT, FROM and TO (config-copy --help)"),
+    ((AGENT, "running", "running"), "from running to running is no copy: name two different sides"),
+    ((AGENT, "http://h/a", "running"), 'unknown scheme "http": use tftp, ftp, sftp or scp'),
+    ((AGENT, "running", "tftp:///a"), 'no host in "tftp:///a": write tftp://host/path'),
+    ((AGENT, "running", "tftp://127.0.0.1/a"), 'the file server "127.0.0.1" is 127.0.0.1, which on the switch is the switch itself: write the address by '
+                                               "which the switch reaches the server"),
+    ((AGENT, "running", f"sftp://u@{SERVER4}/a"), f"no password of u@{SERVER4} on standard input: give it at the prompt, with --password-file FILE, or on "
+                                                  "standard input"),
+    (("--password-file", "/nonexistent", AGENT, "running", f"sftp://u@{SERVER4}/a"), "the password file /nonexistent can't be read: No such file or directory"),
+    (("--jobs", "0", AGENT, "running", "startup"), '--jobs wants a number from 1 to 1000, not "0"'),
+    (("abort", AGENT), "write config-copy abort AGENT INDEX"),
+    (("errors", AGENT, "0"), 'INDEX wants a number from 1 to 2147483647, not "0"'),
+])
+def test_usage(words, text):
+    check(config_copy(*words), USAGE, text)
+
+
+def test_usage_of_the_librarys_options():
+    done = config_copy("-v", "9", AGENT, "running", "startup")
+    assert done.status == USAGE and done.err.endswith("config-copy: the SNMP options are not as in snmpcmd(1) (config-copy --help)\n"), done
+
+
+def test_no_user(tmp_path):
+    check(config_copy(AGENT, "running", "startup", env={**os.environ, "SNMPCONFPATH": str(tmp_path)}), USAGE,
+          "no SNMPv3 user: give -u USER, or defSecurityName in snmp.conf")
+
+
+# 3: refused by the agent
+
+def test_agent_without_the_module(own_agents):
+    (agent,) = own_agents(settings=["rwcommunity writer"], with_module=False)
+    check(config_copy("-v2c", "-c", "writer", agent.name, "running", "startup"), REFUSED, f"{agent.name}: {NO_TABLE}")
+    done = config_copy("-v1", "-c", "writer", agent.name, "running", "startup")
+    assert done.status == REFUSED and "has no copy table, or" in done.err, done
+
+
+def test_read_only_user(own_agents):
+    (agent,) = own_agents(settings=["createUser reader SHA-256 reader-authentication AES reader-privacy-key", "rouser reader authPriv", "rocommunity reader"])
+    user = ("-u", "reader", "-a", "SHA-256", "-A", "reader-authentication", "-x", "AES", "-X", "reader-privacy-key")
+    check(config_copy(*user, agent.name, "running", f"{SERVER}/a"), REFUSED, f"{agent.name}: {VIEW}")
+    check(config_copy("-v2c", "-c", "reader", agent.name, "running", f"{SERVER}/a"), REFUSED, f"{agent.name}: {VIEW}")
+
+
+@pytest.mark.parametrize("options, text", [
+    (("-u", "nobody"), "the agent does not know this SNMPv3 user: check -u"),
+    (("-a", "SHA-256", "-A", "not-the-right-one"), "the agent does not accept the user's authentication: check passphrase and protocol (-A, -a)"),
+    (("-a", "SHA-256", "-x", "AES", "-X", "not-the-right-one"), "the agent can't decrypt the user's requests: check passphrase and protocol (-X, -x)"),
+], ids=["user", "authentication", "privacy"])
+def test_wrong_credentials(options, text):
+    check(config_copy(*options, *QUICK, AGENT, "running", "startup"), REFUSED, f"{AGENT}: {text}")
+
+
+# 4: not reachable
+
+def test_wrong_community():
+    for version in ("-v1", "-v2c"):
+        check(config_copy(version, "-c", "wrong", *QUICK, AGENT, "running", "startup"), UNREACHABLE,
+              f"no answer from {AGENT} in 0.6 s: check the address, whether the agent runs, and whether a firewall lets SNMP pass; a wrong community (-c) is "
+              "not answered either")
+
+
+def test_no_agent_there():
+    silent = "check the address, whether the agent runs, and whether a firewall lets SNMP pass"
+    check(config_copy(*QUICK, "127.0.0.1:9", "running", "startup"), UNREACHABLE, f"no answer from 127.0.0.1:9 in 0.6 s: {silent}")
+    check(config_copy(*QUICK, "198.51.100.9", "running", "startup"), UNREACHABLE, f"no answer from 198.51.100.9 in 0.6 s: {silent}")
+    check(config_copy("tcp:127.0.0.1:9", "running", "startup"), UNREACHABLE,
+          "no connection to tcp:127.0.0.1:9: check the address, and whether the agent listens on TCP")
+    assert config_copy("name.invalid", "running", "startup").status == UNREACHABLE
+
+
+def test_agent_that_stops_answering(operator):
+    """It keeps the request, which it can't be told about, until it answers again."""
+    pid = agent_pid()
+    with busy_device():
+        process = started(*QUICK, AGENT, "running", "startup")
+        try:
+            (index,) = wait_for(lambda: rows(operator))
+            wait_for(lambda: Request(operator, index).get(STATE) == STATE_RUNNING)
+            freeze(pid)
+            done = ended(process)
+        finally:
+            thaw(pid)
+    assert done.status == UNREACHABLE
+    assert done.err.startswith(f"config-copy: no answer from {AGENT} in 0.6 s: it answered before; is it still running?; its request {index} could not be"), done
+    wait_for(lambda: rows(operator) == [], what="the removal that waited for the agent")
+
+
+# 5: another copy
+
+def test_another_copy_is_in_progress(operator):
+    with busy_device():
+        other = save(operator)
+        other.activate()
+        check(config_copy(AGENT, "running", f"{SERVER}/a"), BUSY, f"{AGENT}: another copy is in progress: try again later, or queue with --wait-turn SECONDS")
+        check(config_copy("--quiet", "--wait-turn", 1, AGENT, "running", "startup"), BUSY, f"{AGENT}: another copy is in progress and did not end in 1 s")
+        assert rows(operator) == [other.index]
+        process = started("--wait-turn", 30, AGENT, "running", f"{SERVER}/a")
+        assert process.stdout.readline() == f"{AGENT}: waiting for another copy\n"
+    done = ended(process)
+    assert done.status == DONE, done
+    other.destroy()
+
+
+def test_a_save_spoils_no_request_that_waits(operator):
+    other = Request(operator).create(*upload(SERVER4, "later.cfg"))
+    done = config_copy(AGENT, "running", "startup")
+    assert done.status == BUSY and f"another manager's request {other.index} waits to be started and would be spoilt by this save" in done.err, done
+    assert other.get(STATE) == STATE_WAITING
+    assert config_copy(AGENT, "running", f"{SERVER}/now.cfg").status == DONE
+    other.copied().destroy()
+
+
+# Interrupted
+
+@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM])
+def test_interruption_aborts_a_save(operator, number, lines_of, tmp_path):
+    (tmp_path / "new.cfg").write_text(lines_of("vlan 99"))
+    run("cmdshell", "-c", f"configure {tmp_path / 'new.cfg'}")
+    before = startup()
+    with busy_device():
+        process = started(AGENT, "running", "startup")
+        assert process.stdout.readline() == f"{AGENT}: running\n"
+        process.send_signal(number)
+        done = ended(process)
+        assert (done.status, done.err) == (-number, "\nconfig-copy: interrupted: no request stays on the switch\n")
+        assert rows(operator) == []
+    wait_for(lambda: config_copy("--wait-turn", 10, AGENT, "startup", "running").status == DONE)
+    assert startup() == before
+
+
+def test_reader_that_goes(operator):
+    """As in `config-copy … | head -0`."""
+    with busy_device():
+        process = started(AGENT, "running", "startup")
+        wait_for(lambda: rows(operator))
+        process.stdout.close()
+    assert process.wait(15) == DONE
+    process.stderr.close()

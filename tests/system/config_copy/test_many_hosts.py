@@ -1,0 +1,107 @@
+"""The same copy on many agents: stock agents with the module, each with a switch's state of its own, on ports of the loopback."""
+
+import contextlib
+import socket
+
+import pytest
+from command import *
+
+ALIVE = 47
+DEAD_AFTER = 10  # seconds: two requests
+USER = ("-u", "many", "-a", "SHA-256", "-A", "many-authentication", "-x", "AES", "-X", "many-privacy-key")
+SETTINGS = ("createUser many SHA-256 many-authentication AES many-privacy-key", "rwuser many authPriv")
+
+
+@contextlib.contextmanager
+def silent_agent():
+    """Takes requests and answers none."""
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as silent:
+        silent.bind(("127.0.0.1", 0))
+        yield f"127.0.0.1:{silent.getsockname()[1]}"
+
+
+def hosts_file(tmp_path, agents):
+    file = tmp_path / "hosts"
+    file.write_text("# all\n" + "".join(f"{agent}\n" for agent in agents))
+    return file
+
+
+def test_fifty_agents_three_of_them_dead(own_agents, tmp_path):
+    alive = [agent.name for agent in own_agents(ALIVE, SETTINGS)]
+    with silent_agent() as silent:
+        dead = [silent, "127.0.0.1:9", "198.51.100.9"]  # nobody there, and no way there
+        hosts = hosts_file(tmp_path, dead + alive)
+        process = started(*USER, "-t", "5", "-r", "1", "--hosts", hosts, "--jobs", "50", "running", f"tftp://{SERVER4}/{{host}}.cfg")
+        began = time.monotonic()
+        lines = [process.stdout.readline() for _ in alive]
+        took = time.monotonic() - began
+        # The live ones are done before any of the dead is given up.
+        assert took < DEAD_AFTER and process.poll() is None, f"{took:.1f} s"
+        assert sorted(line.split(": ")[0] for line in lines) == sorted(alive)
+        done = ended(process)
+    assert DEAD_AFTER <= time.monotonic() - began < 2 * DEAD_AFTER
+    assert done.status == UNREACHABLE and done.out == "50 agents: 47 done, 3 not reachable\n", done
+    assert sorted(line.split()[4] for line in done.err.splitlines()) == sorted(dead), done
+    for agent in alive:
+        assert (SERVER_ROOT / f"{agent.replace(':', '-')}.cfg").read_text() == show("running")
+    print(f"{ALIVE} agents in {took:.2f} s")
+
+
+def test_jobs_and_json(own_agents, tmp_path):
+    alive = [agent.name for agent in own_agents(3, SETTINGS)]
+    with silent_agent() as silent:
+        done = config_copy(*USER, *QUICK, "--json", "--jobs", "1", "--hosts", hosts_file(tmp_path, [alive[0], silent, *alive[1:]]), "running",
+                           f"tftp://{SERVER4}/{{host}}.cfg")
+        *copies, summary = done.objects()
+        # One at a time: in the order of the file.
+        assert [(copy["agent"], copy["ending"]) for copy in copies] == [(alive[0], "done"), (silent, "not reachable"), (alive[1], "done"), (alive[2], "done")]
+    assert summary == {"agents": 4, "done": 3, "failed": 0, "usage": 0, "refused": 0, "not reachable": 1, "busy": 0}
+    assert done.status == UNREACHABLE
+
+
+def test_endings_of_several_kinds(own_agents, tmp_path):
+    (alive,) = own_agents(1, SETTINGS)
+    (bare,) = own_agents(1, SETTINGS, with_module=False)
+    with silent_agent() as silent:
+        done = config_copy(*USER, *QUICK, "--hosts", hosts_file(tmp_path, [alive.name, bare.name, silent]), "running", f"tftp://{SERVER4}/{{host}}")
+    assert done.status == FAILED and done.out.endswith("\n3 agents: 1 done, 1 refused, 1 not reachable\n"), done
+
+
+def test_transports(own_agents, tmp_path):
+    first, second = own_agents(2, SETTINGS)
+    done = config_copy(*USER, "--hosts", hosts_file(tmp_path, [f"tcp:{first.name}", f"udp:{second.name}", "tcp:127.0.0.1:9"]), "running", f"tftp://{SERVER4}/{{host}}")
+    assert done.status == UNREACHABLE and done.out.endswith("3 agents: 2 done, 1 not reachable\n"), done
+    assert sorted(file.name for file in SERVER_ROOT.iterdir()) == [f"tcp-{first.name.replace(':', '-')}", f"udp-{second.name.replace(':', '-')}"]
+
+
+def test_quiet(own_agents, tmp_path):
+    (alive,) = own_agents(1, SETTINGS)
+    done = config_copy(*USER, "--quiet", "--hosts", hosts_file(tmp_path, [alive.name]), "running", f"tftp://{SERVER4}/{{host}}")
+    assert (done.status, done.out, done.err) == (DONE, "", "")
+
+
+def test_interruption(own_agents, tmp_path, broken_link):
+    """The transfers hang; no request stays on any agent."""
+    agents = own_agents(2, SETTINGS)
+    process = started(*USER, "--hosts", hosts_file(tmp_path, [agent.name for agent in agents]), "running", f"tftp://{SERVER4}/{{host}}")
+
+    def listed():
+        return [config_copy(*USER, "--json", "list", agent.name).objects() for agent in agents]
+
+    wait_for(lambda: all(requests and requests[0]["state"] == "running" for requests in listed()))
+    process.send_signal(signal.SIGINT)
+    done = ended(process)
+    assert done.status == -signal.SIGINT and "a transfer that runs may still end there" in done.err, done
+    assert listed() == [[], []]
+
+
+@pytest.mark.parametrize("lines, url, text", [
+    ("a\nb\n", "tftp://h/a", "every agent would write the same file: put {host} into the path"),
+    ("a\na\n", "tftp://h/{host}", "a is listed twice in {file}, or looks like another agent there in a file's name"),
+    ("", "tftp://h/{host}", "the hosts file {file} lists no agent: write one a line"),
+])
+def test_bad_hosts(tmp_path, lines, url, text):
+    file = tmp_path / "hosts"
+    file.write_text(lines)
+    done = config_copy("--hosts", file, "running", url)
+    assert (done.status, done.err) == (USAGE, f"config-copy: {text.replace('{file}', str(file))}\n")

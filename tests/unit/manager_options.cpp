@@ -1,0 +1,122 @@
+// The command line apart from what the Net-SNMP library reads of it, hosts files, and addresses of agents and servers.
+#include "manager/options.h"
+
+#include "manager/agent_address.h"
+#include "manager/server_address.h"
+#include "manager_support.h"
+#include "scratch.h"
+
+#include <fstream>
+
+namespace config_copy {
+namespace {
+
+struct Split {
+    Options options;
+    std::vector<std::string> library;
+    std::vector<std::string> arguments;
+};
+
+Split split(std::vector<std::string> words) {
+    words.insert(words.begin(), "config-copy");
+    std::vector<char *> pointers;
+    for (std::string &word : words) {
+        pointers.push_back(word.data());
+    }
+    Split result;
+    const Words parts = split_words(static_cast<int>(pointers.size()), pointers.data(), result.options);
+    result.library.assign(parts.library.begin() + 1, parts.library.end());
+    result.arguments = parts.arguments;
+    return result;
+}
+
+using Texts = std::vector<std::string>;
+
+TEST(Options, OursAndTheLibrarys) {
+    const Split words =
+        split({"-v", "2c", "--quiet", "-clab", "agent", "--jobs", "7", "running", "--wait-turn=9", "startup", "-t", "--json"});
+    EXPECT_EQ((Texts{"-v", "2c", "-clab", "-t", "--json"}), words.library);
+    EXPECT_EQ((Texts{"agent", "running", "startup"}), words.arguments);
+    EXPECT_TRUE(words.options.is_quiet);
+    EXPECT_FALSE(words.options.is_json);
+    EXPECT_EQ(7, words.options.jobs);
+    EXPECT_EQ(std::chrono::seconds(9), words.options.wait_turn);
+}
+
+TEST(Options, LettersInOneWord) {
+    EXPECT_EQ((Texts{"-dv", "1"}), split({"-dv", "1", "agent"}).library);
+    EXPECT_EQ((Texts{"-dv1"}), split({"-dv1", "agent"}).library);
+    EXPECT_EQ((Texts{"-Lf", "log"}), split({"-Lf", "log", "agent"}).library);
+}
+
+TEST(Options, LongOptionsOfTheLibraryStay) {
+    EXPECT_EQ((Texts{"--defVersion=2c"}), split({"--defVersion=2c", "agent"}).library);
+}
+
+TEST(Options, AfterTwoHyphensAllAreArguments) {
+    EXPECT_EQ((Texts{"--json", "-v"}), split({"--", "--json", "-v"}).arguments);
+}
+
+TEST(Options, RefusedValues) {
+    EXPECT_EQ("--jobs wants a number from 1 to 1000, not \"0\"", usage_failure([] { split({"--jobs", "0"}); }));
+    EXPECT_EQ("--wait-turn wants a number from 0 to 604800, not \"5s\"", usage_failure([] { split({"--wait-turn=5s"}); }));
+    EXPECT_EQ("--time-limit wants a value (config-copy --help)", usage_failure([] { split({"--time-limit"}); }));
+    EXPECT_EQ("no password belongs into an argument, where others see it: use --password-file, standard input or the prompt",
+              usage_failure([] { split({"--password=secret"}); }));
+}
+
+TEST(Options, HostsFile) {
+    const Scratch scratch;
+    const std::string file = scratch.root() / "hosts";
+    std::ofstream(file) << "# all\n switch1 # the first\r\n\n\tudp6:[::1]:161\n";
+    EXPECT_EQ((Texts{"switch1", "udp6:[::1]:161"}), read_hosts(file));
+    std::ofstream(file) << "a b\n";
+    EXPECT_EQ("in the hosts file " + file + " \"a b\" is not one agent: write one a line", usage_failure([&] { read_hosts(file); }));
+    std::ofstream(file) << "#\n";
+    EXPECT_EQ("the hosts file " + file + " lists no agent: write one a line", usage_failure([&] { read_hosts(file); }));
+    EXPECT_EQ("the hosts file /nonexistent can't be read: No such file or directory", usage_failure([] { read_hosts("/nonexistent"); }));
+}
+
+TEST(Agent, AsTheUserWritesIt) {
+    const auto parts = [](const char *text) {
+        const AgentAddress agent = parse_agent(text);
+        return Texts{agent.transport, agent.host, agent.port, agent.is_understood ? "understood" : "not"};
+    };
+    EXPECT_EQ((Texts{"", "switch1", "", "understood"}), parts("switch1"));
+    EXPECT_EQ((Texts{"", "switch1", "1161", "understood"}), parts("switch1:1161"));
+    EXPECT_EQ((Texts{"tcp:", "192.0.2.1", "161", "understood"}), parts("tcp:192.0.2.1:161"));
+    EXPECT_EQ((Texts{"udp6:", "2001:db8::1", "161", "understood"}), parts("udp6:[2001:db8::1]:161"));
+    EXPECT_EQ((Texts{"udp6:", "2001:db8::1", "", "understood"}), parts("udp6:2001:db8::1"));
+    EXPECT_EQ("not", parts("unix:/run/agent").back());
+    EXPECT_EQ("not", parts("dtlsudp:switch1:10161").back());
+    EXPECT_EQ("not", parts("udp6:[::1").back());
+}
+
+TEST(Agent, AddressForTheLibrary) {
+    EXPECT_EQ("udp:192.0.2.1:161", reachable_address("192.0.2.1"));
+    EXPECT_EQ("udp6:[2001:db8::1]:1161", reachable_address("[2001:db8::1]:1161"));
+    EXPECT_EQ("unix:/run/agent", reachable_address("unix:/run/agent"));
+    try {
+        reachable_address("udp:name.invalid");
+        ADD_FAILURE() << "nothing was thrown";
+    } catch (const Failure &failure) {
+        EXPECT_EQ(Ending::unreachable, failure.ending());
+    }
+}
+
+TEST(Server, Addresses) {
+    EXPECT_EQ(address_ipv4, server_address("192.0.2.20").type);
+    EXPECT_EQ(std::string("\xC0\0\x02\x14", 4), server_address("192.0.2.20").octets);
+    EXPECT_EQ(address_ipv6, server_address("2001:db8::20").type);
+    EXPECT_EQ("2001:db8::20", address_text(server_address("2001:db8::20").octets));
+    EXPECT_EQ("?", address_text("123"));
+}
+
+TEST(Server, AddressesThatLeadBack) {
+    for (const char *host : {"127.0.0.1", "127.9.9.9", "0.0.0.0", "::1", "::"}) {
+        EXPECT_NE(std::string::npos, usage_failure([&] { server_address(host); }).find("which on the switch is the switch itself")) << host;
+    }
+}
+
+} // namespace
+} // namespace config_copy

@@ -1,0 +1,106 @@
+// Outcomes in words and in JSON.
+#include "manager/outcome.h"
+
+#include "manager/copy_table.h"
+#include "manager/output.h"
+#include "manager_support.h"
+
+#include <net-snmp/net-snmp-config.h>
+
+#include <net-snmp/net-snmp-includes.h>
+
+#include <set>
+
+namespace config_copy {
+namespace {
+
+Outcome ended(Ending ending) {
+    Outcome outcome;
+    outcome.ending = ending;
+    return outcome;
+}
+
+TEST(Outcome, NamesAreThoseOfTheMib) {
+    EXPECT_EQ("waiting", state_name(1));
+    EXPECT_EQ("failed", state_name(4));
+    EXPECT_EQ("5", state_name(5));
+    EXPECT_EQ("general", cause_name(1));
+    EXPECT_EQ("configNotApplied", cause_name(7));
+    EXPECT_EQ("systemManagerFailed", cause_name(9));
+    EXPECT_EQ("10", cause_name(10));
+    EXPECT_EQ("0", cause_name(0));
+}
+
+TEST(Outcome, EachCauseHasItsWords) {
+    std::set<std::string> words;
+    for (long cause = cause_general; cause <= cause_manager_failed; ++cause) {
+        words.insert(words_of_cause(cause, "192.0.2.1", false));
+    }
+    EXPECT_EQ(9U, words.size());
+    EXPECT_EQ("the switch gives the unknown cause 12", words_of_cause(12, "", false));
+    EXPECT_EQ("the file server 192.0.2.1 did not answer the switch: check its address and the way to it, and whether it runs",
+              words_of_cause(cause_timeout, "192.0.2.1", false));
+    EXPECT_EQ("not every switch of the fabric has saved: see below", words_of_cause(cause_manager_failed, "", true));
+}
+
+TEST(Outcome, RefusalsTellWhatToDo) {
+    const std::string view = "this user or community may not write copy requests: it needs a write view with .1.3.6.1.4.1.41927.9.96";
+    EXPECT_EQ(view, words_of_refusal(SNMP_ERR_NOACCESS, column_row_status));
+    EXPECT_EQ(view, words_of_refusal(SNMP_ERR_AUTHORIZATIONERROR, column_row_status));
+    EXPECT_EQ("the agent has no copy table: load config_copy_mib into it (its log tells why it is not)",
+              words_of_refusal(SNMP_ERR_NOTWRITABLE, column_row_status));
+    EXPECT_EQ("the switch does not take the file server's address", words_of_refusal(SNMP_ERR_WRONGVALUE, column_address));
+    EXPECT_TRUE(words_of_refusal(SNMP_ERR_RESOURCEUNAVAILABLE, column_user_name).starts_with("the switch refuses the user name with "));
+    EXPECT_EQ("the switch finds the request incomplete: check user and password", words_of_refused_activation(SNMP_ERR_INCONSISTENTVALUE));
+}
+
+TEST(Outcome, StatusOfSeveral) {
+    const auto status = [](std::initializer_list<Ending> endings) {
+        std::vector<Outcome> outcomes;
+        for (const Ending ending : endings) {
+            outcomes.push_back(ended(ending));
+        }
+        return ending_of_all(outcomes);
+    };
+    EXPECT_EQ(Ending::done, status({Ending::done, Ending::done}));
+    EXPECT_EQ(Ending::unreachable, status({Ending::done, Ending::unreachable, Ending::unreachable}));
+    EXPECT_EQ(Ending::failed, status({Ending::busy, Ending::done, Ending::unreachable}));
+    EXPECT_EQ(Ending::failed, status({Ending::busy, Ending::refused, Ending::refused}));
+    EXPECT_EQ(Ending::busy, status({Ending::busy}));
+}
+
+TEST(Outcome, Summary) {
+    EXPECT_EQ("3 agents: 1 done, 2 not reachable",
+              summary_of({ended(Ending::unreachable), ended(Ending::done), ended(Ending::unreachable)}));
+    EXPECT_EQ("1 agent: 0 done, 1 busy", summary_of({ended(Ending::busy)}));
+}
+
+TEST(Outcome, Json) {
+    Outcome outcome;
+    outcome.agent = "a\"b";
+    outcome.text = "a\\\n";
+    EXPECT_EQ(
+        R"({"agent": "a\"b", "ending": "done", "status": 0, "state": null, "cause": null, "seconds": null, "text": "a\\\u000a", "switches": []})",
+        json_of(outcome));
+    outcome.ending = Ending::failed;
+    outcome.state = "failed";
+    outcome.cause = "timeout";
+    outcome.seconds = 1.25;
+    outcome.text = "";
+    outcome.switches = {{"", "20:00", "saved"}, {"192.0.2.1", "20:01", "no"}};
+    EXPECT_EQ(
+        R"({"agent": "a\"b", "ending": "failed", "status": 1, "state": "failed", "cause": "timeout", "seconds": 1.25, "text": "", "switches": )"
+        R"([{"address": null, "switch": "20:00", "reported": "saved"}, {"address": "192.0.2.1", "switch": "20:01", "reported": "no"}]})",
+        json_of(outcome));
+}
+
+TEST(Outcome, Table) {
+    EXPECT_EQ((std::vector<std::string>{"INDEX  B", "1      x y", "123    z"}), table_lines({"INDEX", "B"}, {{"1", "x y"}, {"123", "z"}}));
+}
+
+TEST(Outcome, TextOfASwitchCannotDriveATerminal) {
+    EXPECT_EQ("a?[31mb?", printable("a\033[31mb\n"));
+}
+
+} // namespace
+} // namespace config_copy
