@@ -35,6 +35,18 @@ def test_there_and_back(script, server, here):
     assert sorted(os.listdir(here)) == ["back", "out"]
 
 
+def test_machine_without_a_list_of_services(script, here):
+    """A bare system does not know the ports' names."""
+    services, away = Path("/etc/services"), Path("/etc/services.away")
+    services.rename(away)
+    try:
+        (here / "out").write_bytes(CONTENT)
+        assert script.put(here / "out", "there.cfg") == DONE
+    finally:
+        away.rename(services)
+    assert (SERVER_ROOT / "there.cfg").read_bytes() == CONTENT
+
+
 @pytest.mark.parametrize("locale", ["C", "C.UTF-8"])
 def test_names_are_literal(script, here, locale, monkeypatch):
     monkeypatch.chdir(here)
