@@ -19,8 +19,10 @@ while [[ $# -gt 0 ]]; do
     esac
 done
 if [[ ${#folders[@]} -eq 0 ]]; then
+    folders=(vrf default protocols transfer_scripts) # the longest ones first, so that none is left to run alone
     for options in "$tests"/system/*/options; do
-        folders+=("$(basename "$(dirname "$options")")")
+        folder=$(basename "$(dirname "$options")")
+        [[ " ${folders[*]} " == *" $folder "* ]] || folders+=("$folder")
     done
     folders+=(lab)
 fi
