@@ -51,11 +51,12 @@ step_tidy() {
     own_sources | grep -E '^(infra|manager|platform)/.*\.cpp$' | xargs -P "$(nproc)" -n 4 clang-tidy -p build/clang --quiet 2>/dev/null
 }
 
-# Runs tests of a build and counts them: PRESET [CTEST ARGUMENT…]
+# Runs tests of a build and counts them: PRESET [CTEST ARGUMENT…]. Some act as other users, mount disks or make namespaces: as root.
 run_ctest() {
-    local preset=$1 log=build/$1/ctest.log status=0 total missed
+    local preset=$1 log=build/$1/ctest.log status=0 total missed as_root=()
     shift
-    UBSAN_OPTIONS=print_stacktrace=1 ctest --preset "$preset" --parallel "$(nproc)" --output-on-failure --no-tests=error "$@" >"$log" 2>&1 || status=$?
+    ((EUID == 0)) || as_root=(sudo)
+    "${as_root[@]}" env UBSAN_OPTIONS=print_stacktrace=1 ctest --preset "$preset" --parallel "$(nproc)" --output-on-failure --no-tests=error "$@" >"$log" 2>&1 || status=$?
     if ((status != 0)) || grep -q '(Skipped)\|Not Run' "$log"; then
         grep -v ' Passed \| Start ' "$log"
     fi
