@@ -20,7 +20,6 @@
 
 log_user 0
 match_max 65536
-set stty_init {raw -echo}
 
 array set CODE {done 0 unreachable 1 name 2 space 3 login 4 host_key 5 lost 6 use 7 other 8}
 set password {}
@@ -249,7 +248,7 @@ proc start_client {args} {
         set args [linsert $args 0 $here/vrf-exec $vrf]
     }
     # spawn would hand over each word in Tcl's own encoding, while the environment takes octets. The shell puts them back as they are,
-    # and closes what spawn leaves open.
+    # and closes what spawn leaves open. It sets the terminal up too: spawn would start two shells more for that.
     set number 0
     set words {}
     set variables {}
@@ -259,7 +258,7 @@ proc start_client {args} {
         lappend variables $variable
         append words " \"\$$variable\""
     }
-    set client_pid [spawn -noecho /bin/sh -c "set --$words; unset $variables; exec \"\$@\" 3>&- 4>&- 5>&- 6>&- 7>&- 8>&- 9>&-"]
+    set client_pid [spawn -noecho -nottycopy -nottyinit /bin/sh -c "stty raw -echo || exit; set --$words; unset $variables; exec \"\$@\" 3>&- 4>&- 5>&- 6>&- 7>&- 8>&- 9>&-"]
     foreach variable $variables {
         unset env($variable)
     }
@@ -409,6 +408,10 @@ proc ssh_options {user} {
             PubkeyAuthentication=no GSSAPIAuthentication=no HostbasedAuthentication=no IdentityAgent=none AddKeysToAgent=no \
             ForwardAgent=no ForwardX11=no ClearAllForwardings=yes PermitLocalCommand=no ProxyCommand=none ControlMaster=no ControlPath=none] {
         lappend options -o $option
+    }
+    # Where the processor has instructions for AES, its ciphers take half the time of the client's first choice. What the client offers stays.
+    if {![catch {contents /proc/cpuinfo} processor] && [regexp -line {^(flags|Features)[ \t]*:.* aes( |$)} $processor]} {
+        lappend options -o Ciphers=^aes128-gcm@openssh.com,aes256-gcm@openssh.com
     }
     return $options
 }
