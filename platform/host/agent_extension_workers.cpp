@@ -2,6 +2,7 @@
 
 #include "platform/host/host_config.h"
 #include "platform/host/host_log.h"
+#include "platform/host/ownership.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -40,7 +41,9 @@ UniqueFd opened_directory(const std::filesystem::path &path) {
 // making and its own lock.
 std::filesystem::path work_root() {
     auto root = state_dir() / "work";
-    if (::mkdir(root.c_str(), 0700) != 0 && errno != EEXIST) {
+    if (::mkdir(root.c_str(), 0700) == 0) {
+        give_to_owner_around(root);
+    } else if (errno != EEXIST) {
         throw failed(root);
     }
     return root;

@@ -1,5 +1,6 @@
 #include "platform/host/history_ring.h"
 
+#include "platform/host/ownership.h"
 #include "platform/host/unique_fd.h"
 
 #include <fcntl.h>
@@ -186,7 +187,9 @@ HistoryRing HistoryRing::open(const std::filesystem::path &file, std::size_t rec
         if (!is_file_at(file, status.st_dev, status.st_ino)) {
             continue; // replaced while we waited for it
         }
-        const bool is_own = S_ISREG(status.st_mode) && status.st_uid == ::geteuid() && (status.st_mode & 0077U) == 0;
+        give_to_owner_around(file, descriptor.get());
+        const bool is_own = S_ISREG(status.st_mode) && (status.st_uid == ::geteuid() || status.st_uid == owner_around(file)) &&
+                            (status.st_mode & 0077U) == 0;
         if (is_own && status.st_size == 0) {
             // Room on the disk for all of it: a full disk must not show as SIGBUS in whoever logs.
             if (const int error = ::posix_fallocate(descriptor.get(), 0, static_cast<off_t>(file_size(records))); error != 0) {

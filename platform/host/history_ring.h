@@ -24,9 +24,9 @@ class HistoryRing {
     static constexpr std::size_t default_records = 4096;
     static constexpr std::size_t max_records = 1U << 20U;
 
-    // The ring in a file of the caller's own, mode 0600, that is made when it is not there. What an earlier ring of the same size holds
-    // stays; a file that is anything else (damaged, of another size, open to other users) is replaced by an empty ring. No link is
-    // followed. Throws std::system_error.
+    // The ring in a file of the caller's own, or of the owner of the folder that it is in, mode 0600, that is made when it is not there.
+    // What an earlier ring of the same size holds stays; a file that is anything else (damaged, of another size, open to other users) is
+    // replaced by an empty ring. No link is followed. Throws std::system_error.
     static HistoryRing open(const std::filesystem::path &file, std::size_t records);
 
     // A ring that this process shares with its forked children only. Throws std::system_error.

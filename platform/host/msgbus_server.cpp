@@ -1,6 +1,7 @@
 #include "platform/host/msgbus_server.h"
 
 #include "platform/host/host_log.h"
+#include "platform/host/ownership.h"
 
 #include <fcntl.h>
 #include <sys/epoll.h>
@@ -42,6 +43,7 @@ UniqueFd locked(const std::filesystem::path &path) {
     if (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
         throw std::system_error(errno == EWOULDBLOCK ? EADDRINUSE : errno, std::generic_category(), "lock of the access point");
     }
+    give_to_owner_around(path, lock.get());
     return lock;
 }
 
@@ -68,6 +70,7 @@ MsgbusServer::MsgbusServer(uint32_t sap, Limits limits)
     require(::bind(listener_.get(), address.get(), address.length()), "bind of the access point");
     // Whoever is not trusted may knock: what he sends is not read, and the log tells of it.
     require(::chmod(socket_path_.c_str(), 0666), "mode of the access point");
+    give_to_owner_around(socket_path_);
     require(::listen(listener_.get(), backlog), "listen on the access point");
     watch(events_.get(), listener_.get());
     watch(events_.get(), timer_.get());

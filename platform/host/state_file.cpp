@@ -1,5 +1,7 @@
 #include "platform/host/state_file.h"
 
+#include "platform/host/ownership.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -65,6 +67,7 @@ FileLock::FileLock(const std::filesystem::path &path, Mode mode, std::chrono::mi
     if (!file_) {
         fail(errno, "cannot open " + path.string());
     }
+    give_to_owner_around(path, file_.get());
     const auto deadline = std::chrono::steady_clock::now() + wait;
     lock_octet(file_, path, turnstile, F_WRLCK, deadline);
     lock_octet(file_, path, protected_files, mode == Mode::shared ? F_RDLCK : F_WRLCK, deadline);
@@ -141,6 +144,7 @@ PendingFile::PendingFile(std::filesystem::path path, std::string_view data) : pa
     }
     try {
         check(::fchmod(file_.get(), owner_only), "cannot protect", temporary);
+        give_to_owner_around(temporary, file_.get());
         write_whole(file_, temporary, data);
         check(::fsync(file_.get()), "cannot sync", temporary);
     } catch (...) {

@@ -2,6 +2,7 @@
 
 #include "platform/chassis.h"
 #include "platform/host/host_config.h"
+#include "platform/host/ownership.h"
 #include "platform/host/unique_fd.h"
 
 #include <fcntl.h>
@@ -70,6 +71,7 @@ class Directory {
           file_(::open(path_.c_str(), O_RDWR | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600)) {
         struct stat status {};
         check(file_ && ::fstat(file_.get(), &status) == 0);
+        give_to_owner_around(path_, file_.get());
         if (!S_ISREG(status.st_mode)) {
             errno = EINVAL;
             check(false);

@@ -1,0 +1,144 @@
+// The superuser, as whom the agent loads its modules and administrators type commands, leaves nothing that the platform's own user can't
+// open.
+#include "platform/host/ownership.h"
+
+#include "platform/host/history_ring.h"
+#include "platform/host/msgbus_wire.h"
+#include "platform/host/state_file.h"
+#include "tests/unit/scratch.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <stdexcept>
+
+namespace {
+
+constexpr uid_t platform_user = 4711;
+constexpr gid_t platform_group = 4712;
+
+struct stat status_of(const std::filesystem::path &path) {
+    struct stat status {};
+    EXPECT_EQ(::lstat(path.c_str(), &status), 0) << path;
+    return status;
+}
+
+class Ownership : public testing::Test {
+  protected:
+    void SetUp() override {
+        if (::geteuid() != 0) {
+            GTEST_SKIP() << "only the superuser gives files away";
+        }
+        std::filesystem::create_directory(folder_);
+        ASSERT_EQ(::chown(folder_.c_str(), platform_user, platform_group), 0);
+        std::filesystem::permissions(scratch_.root(), std::filesystem::perms(0755));
+    }
+
+    // As the platform's user, in a process of its own: whether `body` throws nothing.
+    static bool holds_for_platform_user(const std::function<void()> &body) {
+        const pid_t child = ::fork();
+        if (child == 0) {
+            int result = 1;
+            try {
+                if (::setgid(platform_group) == 0 && ::setuid(platform_user) == 0) {
+                    body();
+                    result = 0;
+                }
+            } catch (const std::exception &error) {
+                std::fprintf(stderr, "%s\n", error.what());
+            }
+            ::_exit(result);
+        }
+        int status = -1;
+        EXPECT_EQ(::waitpid(child, &status, 0), child);
+        return status == 0;
+    }
+
+    static void expect_given(const std::filesystem::path &path) {
+        EXPECT_EQ(status_of(path).st_uid, platform_user) << path;
+        EXPECT_EQ(status_of(path).st_gid, platform_group) << path;
+    }
+
+    const Scratch scratch_;
+    const std::filesystem::path folder_ = scratch_.root() / "state";
+    const std::filesystem::path file_ = folder_ / "file";
+};
+
+TEST_F(Ownership, AReplacedFileAndALockBelongToTheFoldersOwner) {
+    {
+        const ulmo::FileLock lock(folder_ / "lock", ulmo::FileLock::Mode::exclusive, std::chrono::milliseconds(0));
+        ulmo::replace_state_file(file_, "text");
+    }
+    expect_given(file_);
+    expect_given(folder_ / "lock");
+    EXPECT_TRUE(holds_for_platform_user([this] {
+        const ulmo::FileLock lock(folder_ / "lock", ulmo::FileLock::Mode::exclusive, std::chrono::milliseconds(0));
+        if (ulmo::read_state_file(file_, 100) != "text") {
+            throw std::runtime_error("another text");
+        }
+        ulmo::replace_state_file(file_, "other");
+    }));
+    EXPECT_EQ(ulmo::read_state_file(file_, 100), "other");
+}
+
+TEST_F(Ownership, TheHistoryIsSharedByTheSuperuserAndTheFoldersOwner) {
+    ulmo::HistoryRing ring = ulmo::HistoryRing::open(file_, 64);
+    expect_given(file_);
+    EXPECT_TRUE(holds_for_platform_user([this] { ulmo::HistoryRing::open(file_, 64).write(1, 100, "by the platform"); }));
+    ulmo::HistoryRing::open(file_, 64).write(1, 100, "by the superuser");
+    EXPECT_TRUE(ring.is_in(file_)) << "somebody has begun a new history";
+    EXPECT_EQ(ring.end() - ring.begin(), 2U);
+}
+
+TEST_F(Ownership, OthersHistoriesAreReplaced) {
+    std::ofstream(file_).close();
+    ASSERT_EQ(::chown(file_.c_str(), platform_user + 1, platform_group), 0);
+    ASSERT_EQ(::chmod(file_.c_str(), 0600), 0);
+    const ulmo::HistoryRing ring = ulmo::HistoryRing::open(file_, 64);
+    EXPECT_TRUE(ring.is_in(file_));
+    expect_given(file_);
+}
+
+TEST_F(Ownership, TheFolderOfTheBusBelongsToTheRunFoldersOwner) {
+    ASSERT_EQ(::setenv("ULMO_RUN_DIR", folder_.c_str(), 1), 0);
+    expect_given(ulmo::msgbus_dir());
+}
+
+TEST_F(Ownership, NothingIsGivenAwayThatHasAnotherNameOrOwner) {
+    const auto other_name = scratch_.root() / "elsewhere";
+    std::ofstream(other_name).close();
+    std::filesystem::create_hard_link(other_name, file_);
+    ulmo::give_to_owner_around(file_);
+    EXPECT_EQ(status_of(file_).st_uid, 0U);
+
+    std::filesystem::remove(other_name);
+    ASSERT_EQ(::chown(file_.c_str(), platform_user + 1, 0), 0);
+    ulmo::give_to_owner_around(file_);
+    EXPECT_EQ(status_of(file_).st_uid, platform_user + 1);
+
+    const auto link = folder_ / "link";
+    std::ofstream(other_name).close();
+    std::filesystem::create_symlink(other_name, link);
+    ulmo::give_to_owner_around(link);
+    EXPECT_EQ(status_of(other_name).st_uid, 0U);
+    EXPECT_EQ(status_of(link).st_uid, 0U);
+}
+
+TEST_F(Ownership, AFolderOfTheSuperusersKeepsWhatHeMakes) {
+    const auto own = scratch_.root() / "own";
+    std::ofstream(own).close();
+    ASSERT_EQ(::chown(own.c_str(), 0, platform_group), 0);
+    ulmo::give_to_owner_around(own);
+    EXPECT_EQ(status_of(own).st_gid, platform_group);
+}
+
+} // namespace
