@@ -1,6 +1,7 @@
 #!/bin/bash
-# Runs the system tests, each folder of tests/system in a lab made with the options that stand in its file `options`, two folders at a time; then
-# tests/lab, which tests the lab itself, on this machine. The last line is "N passed, N failed".
+# Runs the system tests, each folder of tests/system in a lab made with the options that stand in its file `options`, two folders at a time, and
+# among them tests/packages, which installs the packages in a Debian of its own; then tests/lab, which tests the lab itself, on this machine. The
+# last line is "N passed, N failed".
 #
 #   scripts/run-system-tests.sh [--results DIR] [FOLDER… [-- PYTEST ARGUMENTS…]]
 #
@@ -19,7 +20,7 @@ while [[ $# -gt 0 ]]; do
     esac
 done
 if [[ ${#folders[@]} -eq 0 ]]; then
-    folders=(vrf default protocols transfer_scripts) # the longest ones first, so that none is left to run alone
+    folders=(packages vrf default protocols transfer_scripts) # the longest ones first, so that none is left to run alone
     for options in "$tests"/system/*/options; do
         folder=$(basename "$(dirname "$options")")
         [[ " ${folders[*]} " == *" $folder "* ]] || folders+=("$folder")
@@ -30,6 +31,11 @@ fi
 rm -rf "$results"
 mkdir -p "$results"
 "$scripts/lab.sh" exec -- true # brings the build up to date
+if [[ " ${folders[*]} " == *" packages "* ]]; then
+    "$scripts/package.sh" >"$results/package.log" 2>&1 || { cat "$results/package.log"; exit 1; }
+fi
+as_root=()
+[[ $EUID -eq 0 ]] || as_root=(sudo)
 status=0
 pytest=(env PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 -m pytest -p no:cacheprovider -q --durations=5 --strict-markers)
 
@@ -37,6 +43,11 @@ pytest=(env PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 -m pytest -p no:cacheprov
 run_folder() {
     local folder=$1 options
     shift
+    if [[ $folder == packages ]]; then
+        echo "== the packages"
+        "${as_root[@]}" "${pytest[@]}" "--junitxml=$results/packages.xml" "$tests/packages" "$@"
+        return
+    fi
     read -r -a options <<<"$(<"$tests/system/$folder/options")"
     echo "== $folder ${options[*]}"
     "$scripts/lab.sh" exec --no-build "${options[@]}" --keep-logs "$results/$folder" -- \
@@ -63,8 +74,6 @@ done
 # These look at the whole machine, so they have it for themselves.
 if [[ " ${folders[*]} " == *" lab "* ]]; then
     echo "== the lab itself"
-    as_root=()
-    [[ $EUID -eq 0 ]] || as_root=(sudo)
     "${as_root[@]}" "${pytest[@]}" "--junitxml=$results/lab.xml" "$tests/lab" "$@" || status=1
 fi
 /usr/bin/python3 - "$results" "${folders[@]}" <<'END' || status=1

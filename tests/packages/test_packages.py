@@ -1,0 +1,176 @@
+"""The packages on a Debian 12 with an agent: they come, work, are upgraded and go. Each test goes on from the one before."""
+
+import shutil
+import subprocess
+
+import pytest
+from conftest import PLACE, SERVER, run, wait_until
+
+COPY_STATE, ROW_STATUS = ".1.3.6.1.4.1.41927.9.96.1.1.1.1.10", ".1.3.6.1.4.1.41927.9.96.1.1.1.1.14"
+CREATE_AND_WAIT, DESTROY = "5", "6"
+UPTIME = ".1.3.6.1.2.1.1.3.0"
+USER = "-v3 -l authPriv -u operator -a SHA-256 -A auth-passphrase -x AES -X priv-passphrase"
+ACCESS = """
+rwuser operator priv -V copies
+view copies included .1.3.6.1.2.1.1
+view copies included .1.3.6.1.4.1.41927.9.96
+"""
+
+
+def agent_answers(switch):
+    return switch.run("sh", "-c", f"MIBS= snmpget -r0 -t1 {USER} 127.0.0.1 {UPTIME}", check=False).returncode == 0
+
+
+def takes_requests(switch):
+    """Whether the agent makes a row of the copy table, and takes it away again."""
+    return all(switch.run("sh", "-c", f"MIBS= snmpset -r0 -t1 {USER} 127.0.0.1 {ROW_STATUS}.1 i {value}", check=False).returncode == 0
+               for value in (CREATE_AND_WAIT, DESTROY))
+
+
+def config_copy(switch, arguments, check=True):
+    return switch.run("sh", "-c", f"config-copy {USER} 127.0.0.1 {arguments}", check=check)
+
+
+def cmdshell(switch, line):
+    return switch.run("cmdshell", "-c", line).stdout
+
+
+def owner(switch, path):
+    return switch.run("stat", "-c", "%U", path).stdout.strip()
+
+
+@pytest.fixture(scope="module", autouse=True)
+def agent(switch):
+    """The agent as Debian sets it up, with a user who may copy."""
+    switch.shell(f"cat >> /etc/snmp/snmpd.conf <<'END'\n{ACCESS}\nEND")
+    switch.shell("echo 'createUser operator SHA-256 auth-passphrase AES priv-passphrase' >> /var/lib/snmp/snmpd.conf")
+    switch.shell("invoke-rc.d snmpd start")
+    wait_until(lambda: agent_answers(switch))
+
+
+@pytest.fixture(scope="module")
+def system_manager(switch):
+    """As its unit says, where there is no systemd."""
+    unit = (switch.root / "lib/systemd/system/wardend.service").read_text()
+    settings = dict(line.split("=", 1) for line in unit.splitlines() if "=" in line and not line.startswith("#"))
+    log = PLACE / "wardend.log"
+    with log.open("w") as output:
+        daemon = subprocess.Popen(switch.words("setpriv", f"--reuid={settings['User']}", f"--regid={settings['Group']}", "--clear-groups", "--no-new-privs",
+                                               settings["ExecStart"]), stdin=subprocess.DEVNULL, stdout=output, stderr=output)
+    wait_until(lambda: "ready" in log.read_text())
+    yield daemon
+    switch.run("kill", *switch.pids_of("wardend"))
+    assert daemon.wait(10) == 0
+
+
+def test_before(switch):
+    assert not takes_requests(switch)
+    assert not (switch.root / "ulmo").exists()
+
+
+def test_install(switch, packages):
+    before = switch.pids_of("snmpd")
+    assert len(before) == 1
+    switch.install(packages["config-copy-mib"], packages["config-copy"])
+    wait_until(lambda: agent_answers(switch))
+    assert switch.pids_of("snmpd") != before, "the agent was not started anew"
+    assert owner(switch, f"/proc/{switch.pids_of('snmpd')[0]}") == "Debian-snmp"
+    assert takes_requests(switch)
+    assert switch.shell("stat -c '%U %a' /var/lib/ulmo /run/ulmo").splitlines() == ["Debian-snmp 700", "Debian-snmp 755"]
+
+
+def test_backup_and_restore(switch):
+    ended = config_copy(switch, f"running tftp://{SERVER}/backup.cfg")
+    assert "copied" in ended.stdout
+    running = cmdshell(switch, "show running-config")
+    assert (switch.served / "backup.cfg").read_text() == running
+    (switch.served / "backup.cfg").write_text(running.replace("hostname ", "hostname restored-"))
+    config_copy(switch, f"tftp://{SERVER}/backup.cfg running")
+    assert cmdshell(switch, "show running-config") == running.replace("hostname ", "hostname restored-")
+
+
+def test_save(switch, system_manager):
+    assert not (switch.root / "var/lib/ulmo/system.cfg").exists()
+    config_copy(switch, "running startup")
+    assert cmdshell(switch, "show startup-config") == cmdshell(switch, "show running-config")
+    assert owner(switch, "/var/lib/ulmo/system.cfg") == "Debian-snmp"
+    assert cmdshell(switch, "show last-save") == "saved\n"
+
+
+def test_superuser_at_the_command_line_leaves_the_agent_its_files(switch, system_manager):
+    switch.shell("echo 'vlan 1234' > /root/change.cfg")
+    cmdshell(switch, "configure /root/change.cfg")
+    cmdshell(switch, "copy running-config startup-config")
+    assert "vlan 1234" in cmdshell(switch, "show startup-config")
+    config_copy(switch, f"startup tftp://{SERVER}/after.cfg")
+    assert "vlan 1234" in (switch.served / "after.cfg").read_text()
+    strangers = switch.run("find", "/var/lib/ulmo", "/run/ulmo", "!", "-user", "Debian-snmp").stdout
+    assert strangers == ""
+
+
+def test_history_of_all_processes(switch, system_manager):
+    history = switch.run("/ulmo/bin/ulmo-history").stdout
+    for process in (*switch.pids_of("snmpd"), *switch.pids_of("wardend")):
+        assert f" {process} " in history
+    assert "copy_function : Copying done with SUCCESS" in history
+
+
+@pytest.mark.parametrize("protocol", ["ftp", "sftp", "scp"])
+def test_transfer_scripts_run(switch, protocol):
+    """There is no such server beside the switch, as only the client can tell."""
+    switch.shell("umask 077; echo secret > /root/password")
+    ended = config_copy(switch, f"--password-file /root/password running {protocol}://netops@{SERVER}/backup.cfg", check=False)
+    assert ended.returncode == 1
+    assert f"(timeout): the file server {SERVER} did not answer the switch" in ended.stdout
+
+
+def test_mib_module(switch):
+    names = switch.shell("snmptranslate -M /usr/share/snmp/mibs:/usr/share/config-copy-mib/mibs -m CONFIG-COPY-MIB -On CONFIG-COPY-MIB::ccCopyState.7")
+    assert names == f"{COPY_STATE}.7\n"
+
+
+def test_manual_and_completion(switch, packages):
+    listed = "".join(run("dpkg", "-c", packages[name]).stdout for name in ("config-copy", "config-copy-mib"))
+    for page in ("man1/config-copy.1.gz", "man1/cmdshell.1.gz", "man5/config_copy_mib.5.gz", "man5/platform.conf.5.gz", "man8/wardend.8.gz"):
+        assert f"./usr/share/man/{page}\n" in listed
+    completed = switch.run("bash", "-c", ". /usr/share/bash-completion/completions/config-copy; COMP_LINE='config-copy --ho' COMP_POINT=16; "
+                           "_config_copy config-copy --ho config-copy; echo ${COMPREPLY[@]}").stdout
+    assert completed == "--hosts\n"
+
+
+def test_upgrade(switch, packages, system_manager):
+    switch.shell("echo 'history_records = 128' >> /etc/ulmo/platform.conf")
+    startup, before = cmdshell(switch, "show startup-config"), switch.pids_of("snmpd")
+    tree = PLACE / "upgrade"
+    shutil.rmtree(tree, ignore_errors=True)
+    run("dpkg-deb", "-R", packages["config-copy-mib"], tree)
+    control = tree / "DEBIAN/control"
+    control.write_text(control.read_text().replace("\nVersion: ", "\nVersion: 1:"))
+    run("dpkg-deb", "--root-owner-group", "-b", tree, PLACE / "config-copy-mib_next.deb")
+    switch.install(PLACE / "config-copy-mib_next.deb")
+    wait_until(lambda: agent_answers(switch))
+    assert switch.pids_of("snmpd") != before, "the agent was not started anew"
+    assert "history_records = 128" in switch.shell("cat /etc/ulmo/platform.conf")
+    assert cmdshell(switch, "show startup-config") == startup
+    config_copy(switch, f"startup tftp://{SERVER}/upgraded.cfg")
+    assert (switch.served / "upgraded.cfg").read_text() == startup
+
+
+def test_remove(switch):
+    before = switch.pids_of("snmpd")
+    switch.run("apt-get", "remove", "-y", "config-copy-mib", "config-copy")
+    wait_until(lambda: agent_answers(switch))
+    assert switch.pids_of("snmpd") != before, "the agent was not started anew"
+    assert not takes_requests(switch)
+    assert not (switch.root / "ulmo").exists()
+    assert not (switch.root / "usr/bin/config-copy").exists()
+    assert not list((switch.root / "etc/snmp/snmpd.conf.d").iterdir())
+    assert switch.run("snmpd", "-Lo", "-f", "-C", "-c", "/etc/snmp/snmpd.conf", "-H", check=False).stdout.count("config_copy_mib") == 0
+    assert (switch.root / "var/lib/ulmo/system.cfg").exists(), "the switch's configuration went with the package"
+
+
+def test_purge(switch):
+    switch.run("apt-get", "purge", "-y", "config-copy-mib", "config-copy")
+    for path in ("var/lib/ulmo", "etc/ulmo", "usr/share/config-copy-mib"):
+        assert not (switch.root / path).exists()
+    assert agent_answers(switch)
