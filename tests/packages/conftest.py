@@ -1,4 +1,4 @@
-"""A Debian 12 of its own in build/package-test, with a network of its own and a file server beside it."""
+"""A Debian 12 of its own in build/package-test: a switch with its own systemd and network, and a file server beside it."""
 
 import os
 import shutil
@@ -14,7 +14,7 @@ PLACE = REPOSITORY / "build/package-test"
 UNPACKED = REPOSITORY / "build/lab"
 SWITCH, SERVER = "192.0.2.1", "192.0.2.2"
 # What a switch has before the packages come: the agent, its tools, and what the packages say that they need.
-PRESENT = "snmpd,snmp,expect,ftp,openssh-client,iproute2,procps"
+PRESENT = "systemd-sysv,dbus,snmpd,snmp,expect,ftp,openssh-client,iproute2,procps"
 
 
 def run(*words, check=True, **options):
@@ -24,46 +24,65 @@ def run(*words, check=True, **options):
     return done
 
 
-class Switch:
-    """Debian in a chroot. Whatever runs in it is in namespaces that end with the object."""
+def wait_until(holds, within=20):
+    deadline = time.monotonic() + within
+    while not (result := holds()):
+        assert time.monotonic() < deadline, "it did not come to that"
+        time.sleep(0.05)
+    return result
 
-    # The shell stays as the first process: it takes in what its daemons leave behind.
-    first_process = """
-        mount --make-rprivate / && mount --bind {0} {0} && mount -t proc proc {0}/proc && mount -t tmpfs run {0}/run &&
-        mount -t devpts -o newinstance,ptmxmode=666 devpts {0}/dev/pts && echo ready && while :; do sleep 0.1; done"""
+
+class Switch:
+    """A Debian that runs its own systemd, in namespaces that end with the object, and a TFTP server in another network beside it."""
+
+    # Of the machine's devices it sees copies, of its control groups a hierarchy without controllers.
+    boot = """
+        mount --make-rprivate / && mount --bind {0} {0} && mount -t proc proc {0}/proc && mount -t sysfs -o ro sysfs {0}/sys &&
+        mount -t tmpfs cgroup {0}/sys/fs/cgroup && mount -t cgroup2 cgroup {0}/sys/fs/cgroup && mount -t tmpfs -o mode=755 run {0}/run &&
+        mount -t devpts -o newinstance,ptmxmode=666 devpts {0}/dev/pts && echo ready &&
+        exec env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin container=chroot chroot {0} /lib/systemd/systemd --show-status=no"""
 
     def __init__(self, root):
         self.root = root
-        # Without an init system there is nobody else to say that services may be started.
-        policy = root / "usr/sbin/policy-rc.d"
-        policy.write_text("#!/bin/sh\nexit 0\n")
-        policy.chmod(0o755)
-        self.holder = subprocess.Popen(["unshare", "--mount", "--net", "--pid", "--ipc", "--fork", "--kill-child", "sh", "-c", self.first_process.format(root)],
-                                       stdout=subprocess.PIPE, text=True)
-        assert self.holder.stdout.readline() == "ready\n"
-        children = Path(f"/proc/{self.holder.pid}/task/{self.holder.pid}/children").read_text().split()
-        self.pid = int(children[0])
+        self.served = PLACE / "served"
+        shutil.rmtree(self.served, ignore_errors=True)
+        self.served.mkdir()
+        self.served.chmod(0o777)
         self.server_network = subprocess.Popen(["unshare", "--net", "sh", "-c", "echo ready; exec sleep infinity"], stdout=subprocess.PIPE, text=True)
         assert self.server_network.stdout.readline() == "ready\n"
-        network = ["nsenter", "-n", "-t", str(self.pid)]
+        self.start()
+        self.file_server = subprocess.Popen([*self.on_server(), UNPACKED / "root-atftpd/usr/sbin/atftpd", "--daemon", "--no-fork", "--user", "root.root",
+                                             "--bind-address", SERVER, self.served], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+
+    def start(self):
+        with (PLACE / "boot.log").open("w") as log:
+            self.holder = subprocess.Popen(["unshare", "--mount", "--net", "--pid", "--ipc", "--uts", "--cgroup", "--fork", "--kill-child",
+                                            "sh", "-c", self.boot.format(self.root)], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=log, text=True)
+        assert self.holder.stdout.readline() == "ready\n", (PLACE / "boot.log").read_text()
+        (self.init,) = Path(f"/proc/{self.holder.pid}/task/{self.holder.pid}/children").read_text().split()
+        network = ["nsenter", "-n", "-t", self.init]
         run(*network, "ip", "link", "add", "eth0", "type", "veth", "peer", "name", "eth0", "netns", str(self.server_network.pid))
         for prefix, address in ((network, SWITCH), (self.on_server(), SERVER)):
             run(*prefix, "ip", "link", "set", "lo", "up")
             run(*prefix, "ip", "address", "add", f"{address}/24", "dev", "eth0")
             run(*prefix, "ip", "link", "set", "eth0", "up")
-        self.served = PLACE / "served"
-        shutil.rmtree(self.served, ignore_errors=True)
-        self.served.mkdir()
-        self.served.chmod(0o777)
-        self.file_server = subprocess.Popen([*self.on_server(), UNPACKED / "root-atftpd/usr/sbin/atftpd", "--daemon", "--no-fork", "--user", "root.root",
-                                             "--bind-address", SERVER, self.served], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        wait_until(lambda: self.run("systemctl", "is-system-running", check=False).stdout.strip() in ("running", "degraded"), within=60)
+
+    def stop(self):
+        """As if the power went."""
+        os.kill(int(self.init), signal.SIGKILL)
+        self.holder.wait()
+
+    def start_again(self):
+        self.stop()
+        self.start()
 
     def on_server(self):
         return ["nsenter", "-n", "-t", str(self.server_network.pid)]
 
     def words(self, *words):
         environment = ["env", "-i", "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin", "HOME=/root", "LC_ALL=C.UTF-8", "DEBIAN_FRONTEND=noninteractive"]
-        return ["nsenter", "-m", "-n", "-p", "-i", "-t", str(self.pid), "chroot", str(self.root), *environment, *words]
+        return ["nsenter", "-a", "-r", "-w", "-t", self.init, *environment, *words]
 
     def run(self, *words, **options):
         return run(*self.words(*words), **options)
@@ -72,25 +91,19 @@ class Switch:
         return self.run("sh", "-c", script, **options).stdout
 
     def install(self, *packages):
+        """The switch's network leads to no archive: what a package needs and does not say is missing."""
         for package in packages:
-            shutil.copy(package, self.root / "tmp")
-        return self.run("apt-get", "install", "-y", "--no-install-recommends", *(f"/tmp/{package.name}" for package in packages)).stdout
+            shutil.copy(package, self.root / "root")
+        return self.run("apt-get", "install", "-y", "--no-install-recommends", *(f"/root/{package.name}" for package in packages)).stdout
 
-    def pids_of(self, program):
-        return self.shell(f"pgrep -x {program} || true").split()
+    def main_process(self, service):
+        return int(self.run("systemctl", "show", "-P", "MainPID", service).stdout)
 
     def end(self):
-        for process in (self.file_server, self.server_network, self.holder):
-            process.send_signal(signal.SIGKILL)
+        for process in (self.file_server, self.server_network):
+            process.kill()
             process.wait()
-
-
-def wait_until(holds, within=10):
-    deadline = time.monotonic() + within
-    while not (result := holds()):
-        assert time.monotonic() < deadline, "it did not come to that"
-        time.sleep(0.05)
-    return result
+        self.stop()
 
 
 @pytest.fixture(scope="session")

@@ -1,10 +1,9 @@
 """The packages on a Debian 12 with an agent: they come, work, are upgraded and go. Each test goes on from the one before."""
 
 import shutil
-import subprocess
 
 import pytest
-from conftest import PLACE, SERVER, run, wait_until
+from conftest import PLACE, REPOSITORY, SERVER, run, wait_until
 
 COPY_STATE, ROW_STATUS = ".1.3.6.1.4.1.41927.9.96.1.1.1.1.10", ".1.3.6.1.4.1.41927.9.96.1.1.1.1.14"
 CREATE_AND_WAIT, DESTROY = "5", "6"
@@ -42,25 +41,11 @@ def owner(switch, path):
 @pytest.fixture(scope="module", autouse=True)
 def agent(switch):
     """The agent as Debian sets it up, with a user who may copy."""
+    switch.shell("systemctl stop snmpd")
     switch.shell(f"cat >> /etc/snmp/snmpd.conf <<'END'\n{ACCESS}\nEND")
     switch.shell("echo 'createUser operator SHA-256 auth-passphrase AES priv-passphrase' >> /var/lib/snmp/snmpd.conf")
-    switch.shell("invoke-rc.d snmpd start")
+    switch.shell("systemctl start snmpd")
     wait_until(lambda: agent_answers(switch))
-
-
-@pytest.fixture(scope="module")
-def system_manager(switch):
-    """As its unit says, where there is no systemd."""
-    unit = (switch.root / "lib/systemd/system/wardend.service").read_text()
-    settings = dict(line.split("=", 1) for line in unit.splitlines() if "=" in line and not line.startswith("#"))
-    log = PLACE / "wardend.log"
-    with log.open("w") as output:
-        daemon = subprocess.Popen(switch.words("setpriv", f"--reuid={settings['User']}", f"--regid={settings['Group']}", "--clear-groups", "--no-new-privs",
-                                               settings["ExecStart"]), stdin=subprocess.DEVNULL, stdout=output, stderr=output)
-    wait_until(lambda: "ready" in log.read_text())
-    yield daemon
-    switch.run("kill", *switch.pids_of("wardend"))
-    assert daemon.wait(10) == 0
 
 
 def test_before(switch):
@@ -69,13 +54,13 @@ def test_before(switch):
 
 
 def test_install(switch, packages):
-    before = switch.pids_of("snmpd")
-    assert len(before) == 1
+    before = switch.main_process("snmpd")
     switch.install(packages["config-copy-mib"], packages["config-copy"])
-    wait_until(lambda: agent_answers(switch))
-    assert switch.pids_of("snmpd") != before, "the agent was not started anew"
-    assert owner(switch, f"/proc/{switch.pids_of('snmpd')[0]}") == "Debian-snmp"
-    assert takes_requests(switch)
+    wait_until(lambda: takes_requests(switch))
+    assert switch.main_process("snmpd") != before, "the agent was not started anew"
+    for service in ("snmpd", "wardend"):
+        assert owner(switch, f"/proc/{switch.main_process(service)}") == "Debian-snmp"
+        assert switch.run("systemctl", "is-enabled", service).stdout == "enabled\n"
     assert switch.shell("stat -c '%U %a' /var/lib/ulmo /run/ulmo").splitlines() == ["Debian-snmp 700", "Debian-snmp 755"]
 
 
@@ -89,7 +74,7 @@ def test_backup_and_restore(switch):
     assert cmdshell(switch, "show running-config") == running.replace("hostname ", "hostname restored-")
 
 
-def test_save(switch, system_manager):
+def test_save(switch):
     assert not (switch.root / "var/lib/ulmo/system.cfg").exists()
     config_copy(switch, "running startup")
     assert cmdshell(switch, "show startup-config") == cmdshell(switch, "show running-config")
@@ -97,7 +82,7 @@ def test_save(switch, system_manager):
     assert cmdshell(switch, "show last-save") == "saved\n"
 
 
-def test_superuser_at_the_command_line_leaves_the_agent_its_files(switch, system_manager):
+def test_superuser_at_the_command_line_leaves_the_agent_its_files(switch):
     switch.shell("echo 'vlan 1234' > /root/change.cfg")
     cmdshell(switch, "configure /root/change.cfg")
     cmdshell(switch, "copy running-config startup-config")
@@ -108,11 +93,65 @@ def test_superuser_at_the_command_line_leaves_the_agent_its_files(switch, system
     assert strangers == ""
 
 
-def test_history_of_all_processes(switch, system_manager):
+def test_history_of_all_processes(switch):
     history = switch.run("/ulmo/bin/ulmo-history").stdout
-    for process in (*switch.pids_of("snmpd"), *switch.pids_of("wardend")):
-        assert f" {process} " in history
+    for service in ("snmpd", "wardend"):
+        assert f" {switch.main_process(service)} " in history
     assert "copy_function : Copying done with SUCCESS" in history
+
+
+def test_reload_of_the_agent(switch):
+    before = switch.main_process("snmpd")
+    switch.run("systemctl", "reload", "snmpd")
+    wait_until(lambda: takes_requests(switch))
+    config_copy(switch, "running startup")
+    assert switch.main_process("snmpd") == before
+
+
+def test_agent_may_run_as_the_superuser(switch):
+    drop_in = "/run/systemd/system/snmpd.service.d"
+    switch.shell(f"mkdir -p {drop_in} && printf '[Service]\nExecStart=\nExecStart=/usr/sbin/snmpd -LOw -I -smux,mteTrigger,mteTriggerConf -f\n' > {drop_in}/user.conf")
+    switch.shell("systemctl daemon-reload && systemctl restart snmpd")
+    wait_until(lambda: takes_requests(switch))
+    assert owner(switch, f"/proc/{switch.main_process('snmpd')}") == "root"
+    config_copy(switch, "running startup")
+    config_copy(switch, "startup running")
+    switch.shell(f"rm {drop_in}/user.conf && systemctl daemon-reload && systemctl restart snmpd")
+    wait_until(lambda: takes_requests(switch))
+    assert owner(switch, f"/proc/{switch.main_process('snmpd')}") == "Debian-snmp"
+    config_copy(switch, "running startup")
+
+
+def test_power_cut(switch):
+    """The switch starts with what was saved, and its run directory is made anew."""
+    saved = cmdshell(switch, "show startup-config")
+    switch.shell("echo 'vlan 999' > /root/change.cfg")
+    cmdshell(switch, "configure /root/change.cfg")
+    switch.start_again()
+    wait_until(lambda: takes_requests(switch))
+    assert cmdshell(switch, "show running-config") == saved
+    config_copy(switch, "running startup")
+    assert switch.run("systemctl", "--failed", "--quiet").stdout == ""
+
+
+def test_nightly_backup(switch):
+    """The timer of docs/operations.md. There is no such server beside the switch, so what it says shows how far it came."""
+    text = (REPOSITORY / "docs/operations.md").read_text()
+    units = {name: text.split(f"# /etc/systemd/system/{name}\n")[1].split("```")[0] for name in ("backup.service", "backup.timer")}
+    assert "files.example.net" in units["backup.service"]
+    for name, unit in units.items():
+        (switch.root / "etc/systemd/system" / name).write_text(unit.replace("files.example.net", SERVER))
+    switch.shell("echo 127.0.0.1 > /etc/switches; umask 077; echo secret > /etc/backup.password; chown backup /etc/backup.password; umask 022; mkdir /var/backups/.snmp")
+    (switch.root / "var/backups/.snmp/snmp.conf").write_text("".join(f"{line}\n" for line in (
+        "defVersion 3", "defSecurityLevel authPriv", "defSecurityName operator", "defAuthType SHA-256", "defAuthPassphrase auth-passphrase", "defPrivType AES",
+        "defPrivPassphrase priv-passphrase")))
+    switch.shell("systemctl daemon-reload && systemctl enable --now backup.timer")
+    assert "backup.service" in switch.run("systemctl", "list-timers").stdout
+    assert switch.run("systemctl", "start", "backup", check=False).returncode != 0
+    journal = switch.run("journalctl", "-u", "backup", "-o", "cat").stdout
+    assert f"(timeout): the file server {SERVER} did not answer the switch" in journal
+    switch.run("systemctl", "disable", "--now", "backup.timer")
+    switch.run("systemctl", "reset-failed")
 
 
 @pytest.mark.parametrize("protocol", ["ftp", "sftp", "scp"])
@@ -138,9 +177,10 @@ def test_manual_and_completion(switch, packages):
     assert completed == "--hosts\n"
 
 
-def test_upgrade(switch, packages, system_manager):
+def test_upgrade(switch, packages):
     switch.shell("echo 'history_records = 128' >> /etc/ulmo/platform.conf")
-    startup, before = cmdshell(switch, "show startup-config"), switch.pids_of("snmpd")
+    startup = cmdshell(switch, "show startup-config")
+    before, warden = switch.main_process("snmpd"), switch.main_process("wardend")
     tree = PLACE / "upgrade"
     shutil.rmtree(tree, ignore_errors=True)
     run("dpkg-deb", "-R", packages["config-copy-mib"], tree)
@@ -148,8 +188,9 @@ def test_upgrade(switch, packages, system_manager):
     control.write_text(control.read_text().replace("\nVersion: ", "\nVersion: 1:"))
     run("dpkg-deb", "--root-owner-group", "-b", tree, PLACE / "config-copy-mib_next.deb")
     switch.install(PLACE / "config-copy-mib_next.deb")
-    wait_until(lambda: agent_answers(switch))
-    assert switch.pids_of("snmpd") != before, "the agent was not started anew"
+    wait_until(lambda: takes_requests(switch))
+    assert switch.main_process("snmpd") != before, "the agent was not started anew"
+    assert switch.main_process("wardend") != warden, "the system manager was not started anew"
     assert "history_records = 128" in switch.shell("cat /etc/ulmo/platform.conf")
     assert cmdshell(switch, "show startup-config") == startup
     config_copy(switch, f"startup tftp://{SERVER}/upgraded.cfg")
@@ -157,15 +198,17 @@ def test_upgrade(switch, packages, system_manager):
 
 
 def test_remove(switch):
-    before = switch.pids_of("snmpd")
+    before = switch.main_process("snmpd")
     switch.run("apt-get", "remove", "-y", "config-copy-mib", "config-copy")
     wait_until(lambda: agent_answers(switch))
-    assert switch.pids_of("snmpd") != before, "the agent was not started anew"
+    assert switch.main_process("snmpd") != before, "the agent was not started anew"
     assert not takes_requests(switch)
     assert not (switch.root / "ulmo").exists()
     assert not (switch.root / "usr/bin/config-copy").exists()
     assert not list((switch.root / "etc/snmp/snmpd.conf.d").iterdir())
-    assert switch.run("snmpd", "-Lo", "-f", "-C", "-c", "/etc/snmp/snmpd.conf", "-H", check=False).stdout.count("config_copy_mib") == 0
+    assert switch.run("systemctl", "is-active", "wardend", check=False).stdout != "active\n"
+    assert "config_copy_mib" not in switch.shell(f"journalctl -o cat _PID={switch.main_process('snmpd')}")
+    assert switch.run("systemctl", "--failed", "--quiet").stdout == ""
     assert (switch.root / "var/lib/ulmo/system.cfg").exists(), "the switch's configuration went with the package"
 
 
