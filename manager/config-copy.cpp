@@ -75,13 +75,18 @@ Ending run(const Options &options) {
             throw;
         }
     }
-    Session session(options.session, options.agents.front());
-    if (options.command == Command::list) {
-        list_requests(session, output);
-    } else if (options.command == Command::errors) {
-        list_errors(session, options.index, output);
-    } else {
-        abort_request(session, *options.index, output);
+    try {
+        Session session(options.session, options.agents.front());
+        if (options.command == Command::list) {
+            list_requests(session, output);
+        } else if (options.command == Command::errors) {
+            list_errors(session, options.index, output);
+        } else {
+            abort_request(session, *options.index, output);
+        }
+    } catch (const Failure &failure) {
+        output.outcome(outcome_of(options.agents.front(), failure));
+        return failure.ending();
     }
     return Ending::done;
 }

@@ -69,6 +69,7 @@ class Run {
             std::string reason = reason_to_wait();
             if (reason.empty()) {
                 make_row();
+                check_that_we_may_read_it();
                 if (activate()) {
                     return;
                 }
@@ -141,6 +142,15 @@ class Run {
             }
         }
         return bindings;
+    }
+
+    // A row that can't be read could be started, and would then seem to be gone.
+    void check_that_we_may_read_it() {
+        if (!number(session_.get({copy_cell(column_state, rows_.back())}).front())) {
+            throw Failure(Ending::refused, session_.agent() +
+                                               ": the user may write the copy table but not read it: the user needs a read view with "
+                                               ".1.3.6.1.4.1.41927.9.96");
+        }
     }
 
     // Each attempt has an index of its own: a second createAndWait that meets a late first one would block the row.
@@ -326,11 +336,7 @@ Outcome copy(const netsnmp_session &defaults, const std::string &agent, const Co
         Session session(defaults, agent);
         return Run(session, order, progress).run();
     } catch (const Failure &failure) {
-        Outcome outcome;
-        outcome.agent = agent;
-        outcome.ending = failure.ending();
-        outcome.text = failure.what();
-        return outcome;
+        return outcome_of(agent, failure);
     }
 }
 

@@ -35,7 +35,7 @@ bool take_option(std::string_view name, const std::function<std::string()> &valu
         options.is_quiet = true;
     } else if (name == "--json") {
         options.is_json = true;
-    } else if (name == "--help") {
+    } else if (name == "--help" || name == "-h") {
         options.command = Command::help;
     } else if (name == "--version") {
         options.command = Command::version;
@@ -211,7 +211,7 @@ std::optional<Options> parse_options(int count, char **words) {
         return options;
     }
     const bool is_for_library =
-        std::any_of(split.library.begin() + 1, split.library.end(), [](std::string_view word) { return word == "-V" || word == "-h"; });
+        std::any_of(split.library.begin() + 1, split.library.end(), [](std::string_view word) { return word == "-V" || word == "-H"; });
     if (!is_for_library) {
         parse_arguments(split.arguments, options);
     }

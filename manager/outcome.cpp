@@ -39,6 +39,14 @@ std::string name_of_column(unsigned long column) {
 
 } // namespace
 
+Outcome outcome_of(const std::string &agent, const Failure &failure) {
+    Outcome outcome;
+    outcome.agent = agent;
+    outcome.ending = failure.ending();
+    outcome.text = failure.what();
+    return outcome;
+}
+
 std::string_view name_of(Ending ending) {
     constexpr std::array<std::string_view, 6> names{"done", "failed", "usage", "refused", "not reachable", "busy"};
     return names.at(static_cast<std::size_t>(ending));

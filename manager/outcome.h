@@ -27,6 +27,9 @@ struct Outcome {
     std::vector<SwitchOutcome> switches;
 };
 
+// What ended before its time.
+Outcome outcome_of(const std::string &agent, const Failure &failure);
+
 // As in the summary: "done", "failed", "usage", "refused", "not reachable", "busy".
 std::string_view name_of(Ending ending);
 

@@ -29,6 +29,21 @@ std::string in_lower_case(std::string text) {
     return text;
 }
 
+// How many octets the character takes that the text begins with, one of several octets; 0 when it is not well formed (RFC 3629, section 4).
+std::size_t utf8_length(std::string_view text) {
+    const auto octet = [&](std::size_t at) { return at < text.size() ? static_cast<unsigned char>(text[at]) : 0U; };
+    const unsigned first = octet(0);
+    const std::size_t length = first < 0xC2 ? 0 : first < 0xE0 ? 2 : first < 0xF0 ? 3 : first < 0xF5 ? 4 : 0;
+    const unsigned least = first == 0xE0 ? 0xA0 : first == 0xF0 ? 0x90 : 0x80; // no longer form than needed
+    const unsigned most = first == 0xED ? 0x9F : first == 0xF4 ? 0x8F : 0xBF;  // no surrogates, nothing beyond U+10FFFF
+    for (std::size_t at = 1; at < length; ++at) {
+        if (octet(at) < (at == 1 ? least : 0x80) || octet(at) > (at == 1 ? most : 0xBF)) {
+            return 0;
+        }
+    }
+    return length;
+}
+
 constexpr std::array<Ending, 6> endings{Ending::done, Ending::failed, Ending::usage, Ending::refused, Ending::unreachable, Ending::busy};
 
 std::size_t count_of(const std::vector<Outcome> &outcomes, Ending ending) {
@@ -120,10 +135,22 @@ void Output::line(std::string_view text) const {
     }
 }
 
+void Output::removed(std::string_view agent, unsigned long index, std::string_view text) const {
+    if (is_json_) {
+        std::cout << "{\"agent\": " << json_string(agent) << ", \"index\": \"" << index << "\", \"removed\": true}" << std::endl;
+    }
+    line(text);
+}
+
 std::string json_string(std::string_view text) {
     std::string result = "\"";
-    for (const char c : text) {
-        if (c == '"' || c == '\\') {
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (static_cast<unsigned char>(c) >= 0x80) {
+            const std::size_t length = utf8_length(text.substr(i));
+            result += length == 0 ? "\\ufffd" : text.substr(i, length);
+            i += length == 0 ? 0 : length - 1;
+        } else if (c == '"' || c == '\\') {
             result += '\\';
             result += c;
         } else if (static_cast<unsigned char>(c) < ' ') {

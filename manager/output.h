@@ -34,6 +34,9 @@ class Output {
 
     void line(std::string_view text) const;
 
+    // A request that was taken away: the text, or in JSON an object.
+    void removed(std::string_view agent, unsigned long index, std::string_view text) const;
+
   private:
     void end_live_line();
 
@@ -47,6 +50,7 @@ class Output {
 
 // --- parts ---
 
+// What is no UTF-8 in the text becomes U+FFFD.
 std::string json_string(std::string_view text);
 std::string json_of(const Outcome &outcome);
 std::string summary_of(const std::vector<Outcome> &outcomes);

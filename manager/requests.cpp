@@ -55,11 +55,24 @@ std::string seconds_between(long started, long completed) {
     return text.str();
 }
 
+// An empty table looks like none.
+void check_table(Session &session) {
+    if (!session.has_object(copy_cell(column_row_status, largest_index))) {
+        throw Failure(Ending::refused, session.agent() +
+                                           " has no copy table that this user may read: does it load config_copy_mib, and does the "
+                                           "user's read view hold .1.3.6.1.4.1.41927.9.96?");
+    }
+}
+
 } // namespace
 
 void list_requests(Session &session, const Output &output) {
     std::vector<std::vector<std::string>> rows;
-    for (const oid index : indexes(session)) {
+    const std::vector<oid> found = indexes(session);
+    if (found.empty()) {
+        check_table(session);
+    }
+    for (const oid index : found) {
         const std::vector<Value> values =
             session.get({copy_cell(column_source, index), copy_cell(column_destination, index), copy_cell(column_protocol, index),
                          copy_cell(column_address, index), copy_cell(column_file_name, index), copy_cell(column_user_name, index),
@@ -87,6 +100,7 @@ void list_requests(Session &session, const Output &output) {
 }
 
 void list_errors(Session &session, std::optional<oid> index, const Output &output) {
+    check_table(session);
     std::vector<std::vector<std::string>> rows;
     for (const oid request : index ? std::vector{*index} : indexes(session)) {
         for (const auto &[address, wwn, text] : switches_of(session, request)) {
@@ -100,6 +114,7 @@ void abort_request(Session &session, oid index, const Output &output) {
     const std::string name = "request " + std::to_string(index) + " of " + session.agent();
     const auto state = session.get({copy_cell(column_state, index)}).front();
     if (number(state) == 0) {
+        check_table(session);
         throw Failure(Ending::failed, "there is no " + name + ": see `config-copy list " + session.agent() + '`');
     }
     const auto result = session.set({{copy_cell(column_row_status, index), row_destroy}});
@@ -114,7 +129,7 @@ void abort_request(Session &session, oid index, const Output &output) {
         throw Failure(Ending::unreachable,
                       session.agent() + " did not answer the removal of request " + std::to_string(index) + ": try again");
     }
-    output.line(name + " removed" + (number(state) == state_running ? ", while its copy was running" : ""));
+    output.removed(session.agent(), index, name + " removed" + (number(state) == state_running ? ", while its copy was running" : ""));
 }
 
 } // namespace config_copy

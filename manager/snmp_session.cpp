@@ -354,6 +354,11 @@ std::vector<Value> Session::get(const std::vector<Oid> &names) {
     return values;
 }
 
+bool Session::has_object(const Oid &name) {
+    const Pdu answer = ask_again_and_again(SNMP_MSG_GET, {{name, {}}});
+    return answer->variables == nullptr || answer->variables->type != SNMP_NOSUCHOBJECT;
+}
+
 std::optional<Binding> Session::next(const Oid &name) {
     const Pdu answer = ask_again_and_again(SNMP_MSG_GETNEXT, {{name, {}}});
     const netsnmp_variable_list *variable = answer->variables;

@@ -44,11 +44,15 @@ class Session {
     Session &operator=(const Session &) = delete;
     ~Session();
 
-    // All three wait for an answer as long as the settings say, and throw: a Failure when the agent does not answer (unreachable) or takes
+    // They wait for an answer as long as the settings say, and throw: a Failure when the agent does not answer (unreachable) or takes
     // no request of ours (refused), Interrupted when the user wants to end.
 
     // The values in the order of the names; a read does no harm when it is repeated, so it is.
     std::vector<Value> get(const std::vector<Oid> &names);
+
+    // Whether the agent has objects at the name that this user may read, be there an instance or not. Agents of SNMPv1 do not tell: then it
+    // is true.
+    bool has_object(const Oid &name);
 
     // The first instance behind the name, whatever it is; nothing at the end of the agent's objects.
     std::optional<Binding> next(const Oid &name);

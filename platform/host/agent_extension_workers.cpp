@@ -40,10 +40,10 @@ UniqueFd opened_directory(const std::filesystem::path &path) {
 // The folder of all workers' folders. Its lock is held while one of them is made or looked at, so that no folder is swept between its
 // making and its own lock.
 std::filesystem::path work_root() {
-    auto root = state_dir() / "work";
-    if (::mkdir(root.c_str(), 0700) == 0) {
-        give_to_owner_around(root);
-    } else if (errno != EEXIST) {
+    const auto state = state_dir();
+    const ActingAsOwner owner(state);
+    auto root = state / "work";
+    if (::mkdir(root.c_str(), 0700) != 0 && errno != EEXIST) {
         throw failed(root);
     }
     return root;
@@ -100,6 +100,7 @@ void let_go_of(const std::vector<int> &foreign) {
 }
 
 void enter_private_directory() {
+    const ActingAsOwner owner(state_dir());
     const UniqueFd root_lock = opened_directory(work_root());
     if (::flock(root_lock.get(), LOCK_EX) != 0) {
         throw failed("lock of the workers' folder");
@@ -144,6 +145,7 @@ void become_worker(const std::vector<int> &foreign) noexcept {
 
 void sweep_worker_directories() noexcept {
     try {
+        const ActingAsOwner owner(state_dir());
         const auto root = work_root();
         const UniqueFd root_lock = opened_directory(root);
         if (::flock(root_lock.get(), LOCK_EX | LOCK_NB) != 0) {
@@ -198,6 +200,7 @@ std::optional<WorkerTable::Ended> WorkerTable::reap(pid_t worker) {
     Ended ended{std::move(found->second.watch), found->second.reported, reaped == worker ? how_it_ended(status) : "unseen"};
     workers_.erase(found);
     try {
+        const ActingAsOwner owner(state_dir());
         std::filesystem::remove_all(worker_directory(worker));
     } catch (const std::exception &failure) {
         log_error("worker: cannot remove the folder of process %d: %s", worker, failure.what());

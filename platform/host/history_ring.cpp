@@ -174,8 +174,12 @@ std::optional<std::size_t> HistoryRing::records_in(int descriptor) {
 }
 
 HistoryRing HistoryRing::open(const std::filesystem::path &file, std::size_t records) {
+    const ActingAsOwner owner(file.parent_path());
     for (int attempt = 0; attempt < 10; ++attempt) {
         const UniqueFd descriptor(::open(file.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0600));
+        if (!descriptor && errno == EACCES && ::unlink(file.c_str()) == 0) {
+            continue; // another user's
+        }
         if (!descriptor) {
             throw failure(errno, file);
         }
@@ -187,8 +191,7 @@ HistoryRing HistoryRing::open(const std::filesystem::path &file, std::size_t rec
         if (!is_file_at(file, status.st_dev, status.st_ino)) {
             continue; // replaced while we waited for it
         }
-        give_to_owner_around(file, descriptor.get());
-        const bool is_own = S_ISREG(status.st_mode) && (status.st_uid == ::geteuid() || status.st_uid == owner_around(file)) &&
+        const bool is_own = S_ISREG(status.st_mode) && (status.st_uid == ::geteuid() || status.st_uid == owner_of(file.parent_path())) &&
                             (status.st_mode & 0077U) == 0;
         if (is_own && status.st_size == 0) {
             // Room on the disk for all of it: a full disk must not show as SIGBUS in whoever logs.

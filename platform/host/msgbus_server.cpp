@@ -1,5 +1,6 @@
 #include "platform/host/msgbus_server.h"
 
+#include "platform/host/host_config.h"
 #include "platform/host/host_log.h"
 #include "platform/host/ownership.h"
 
@@ -39,11 +40,11 @@ void require(int result, const char *what) {
 
 // A lock that the kernel releases with its holder tells a living server from a socket file that was left over.
 UniqueFd locked(const std::filesystem::path &path) {
+    const ActingAsOwner owner(run_dir());
     UniqueFd lock = checked(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600), "lock of the access point");
     if (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
         throw std::system_error(errno == EWOULDBLOCK ? EADDRINUSE : errno, std::generic_category(), "lock of the access point");
     }
-    give_to_owner_around(path, lock.get());
     return lock;
 }
 
@@ -63,6 +64,7 @@ MsgbusServer::MsgbusServer(uint32_t sap, Limits limits)
     : sap_(sap), limits_(limits), socket_path_(sap_path(sap)), lock_(locked(msgbus_dir() / (std::to_string(sap) + ".lock"))),
       listener_(make_bus_socket()), timer_(checked(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK), "timer")),
       events_(checked(::epoll_create1(EPOLL_CLOEXEC), "event set")) {
+    const ActingAsOwner owner(run_dir());
     const SocketAddress address(socket_path_);
     if (::unlink(socket_path_.c_str()) != 0 && errno != ENOENT) {
         throw std::system_error(errno, std::generic_category(), socket_path_);
@@ -70,13 +72,13 @@ MsgbusServer::MsgbusServer(uint32_t sap, Limits limits)
     require(::bind(listener_.get(), address.get(), address.length()), "bind of the access point");
     // Whoever is not trusted may knock: what he sends is not read, and the log tells of it.
     require(::chmod(socket_path_.c_str(), 0666), "mode of the access point");
-    give_to_owner_around(socket_path_);
     require(::listen(listener_.get(), backlog), "listen on the access point");
     watch(events_.get(), listener_.get());
     watch(events_.get(), timer_.get());
 }
 
 MsgbusServer::~MsgbusServer() {
+    const ActingAsOwner owner(socket_path_.parent_path());
     ::unlink(socket_path_.c_str());
 }
 

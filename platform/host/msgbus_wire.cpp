@@ -43,13 +43,11 @@ static_assert(sizeof(PacketHeader) == 20);
 } // namespace
 
 std::filesystem::path msgbus_dir() {
-    auto directory = run_dir() / "msgbus";
+    const auto run = run_dir();
+    const ActingAsOwner owner(run);
+    auto directory = run / "msgbus";
     struct stat status {};
-    const bool made = ::mkdir(directory.c_str(), 0755) == 0;
-    if (made) {
-        give_to_owner_around(directory);
-    }
-    const bool there = (made || errno == EEXIST) && ::stat(directory.c_str(), &status) == 0;
+    const bool there = (::mkdir(directory.c_str(), 0755) == 0 || errno == EEXIST) && ::stat(directory.c_str(), &status) == 0;
     if (!there || !S_ISDIR(status.st_mode)) {
         const int error = there ? ENOTDIR : errno;
         throw std::filesystem::filesystem_error("message bus", directory, std::error_code(error, std::generic_category()));
@@ -139,7 +137,7 @@ ucred peer_of(int connection) {
 }
 
 bool is_trusted(const ucred &peer) {
-    return peer.uid == 0 || peer.uid == ::geteuid() || peer.uid == owner_around(msgbus_dir());
+    return peer.uid == 0 || peer.uid == ::geteuid() || peer.uid == owner_of(run_dir());
 }
 
 } // namespace ulmo

@@ -1,54 +1,35 @@
 #include "platform/host/ownership.h"
 
-#include "platform/host/unique_fd.h"
-
-#include <fcntl.h>
+#include <sys/fsuid.h>
+#include <sys/stat.h>
 #include <unistd.h>
-
-#include <cerrno>
-#include <system_error>
 
 namespace ulmo {
 namespace {
 
-void check(int result, const std::filesystem::path &path) {
-    if (result != 0) {
-        throw std::system_error(errno, std::generic_category(), "owner of " + path.string());
-    }
-}
-
-struct stat folder_around(const std::filesystem::path &path) {
-    struct stat folder {};
-    check(::stat(path.parent_path().c_str(), &folder), path);
-    return folder;
-}
+// What setfsuid(2) and setfsgid(2) answer to an impossible id: the one in force.
+constexpr uid_t no_user = static_cast<uid_t>(-1);
+constexpr gid_t no_group = static_cast<gid_t>(-1);
 
 } // namespace
 
-uid_t owner_around(const std::filesystem::path &path) {
-    return folder_around(path).st_uid;
-}
-
-void give_to_owner_around(const std::filesystem::path &path, int descriptor) {
-    if (::geteuid() != 0) {
-        return;
-    }
-    struct stat status {};
-    check(::fstatat(descriptor, "", &status, AT_EMPTY_PATH), path);
-    // The folder's owner could have put another name of somebody's file there, to have it given to him.
-    const bool single = S_ISREG(status.st_mode) ? status.st_nlink == 1 : S_ISDIR(status.st_mode) || S_ISSOCK(status.st_mode);
-    const struct stat folder = folder_around(path);
-    if (single && status.st_uid == 0 && folder.st_uid != 0) {
-        check(::fchownat(descriptor, "", folder.st_uid, folder.st_gid, AT_EMPTY_PATH), path);
+ActingAsOwner::ActingAsOwner(const std::filesystem::path &folder) noexcept
+    : former_user_(static_cast<uid_t>(::setfsuid(no_user))), former_group_(static_cast<gid_t>(::setfsgid(no_group))) {
+    struct stat owned {};
+    if (former_user_ == 0 && ::stat(folder.c_str(), &owned) == 0 && owned.st_uid != 0) {
+        ::setfsgid(owned.st_gid);
+        ::setfsuid(owned.st_uid);
     }
 }
 
-void give_to_owner_around(const std::filesystem::path &path) {
-    if (::geteuid() == 0) {
-        const UniqueFd place(::open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
-        check(place ? 0 : -1, path);
-        give_to_owner_around(path, place.get());
-    }
+ActingAsOwner::~ActingAsOwner() {
+    ::setfsuid(former_user_);
+    ::setfsgid(former_group_);
+}
+
+std::optional<uid_t> owner_of(const std::filesystem::path &folder) noexcept {
+    struct stat owned {};
+    return ::stat(folder.c_str(), &owned) == 0 ? std::optional(owned.st_uid) : std::nullopt;
 }
 
 } // namespace ulmo

@@ -1,23 +1,30 @@
-// Whose the files of the platform are.
+// As whom the platform works in its folders.
 #pragma once
 
-#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <filesystem>
+#include <optional>
 
 namespace ulmo {
 
-// The owner of the folder that `path` is in: the user for whom the platform works there. Throws std::system_error.
-uid_t owner_around(const std::filesystem::path &path);
+// As long as the object is there, what a thread of the superuser does with files it does as the owner of `folder`, setfsuid(2); for other
+// users, where the superuser is the owner, and where there is no such folder, nothing changes. The agent is the superuser while it loads
+// its modules and somebody else afterwards, and administrators use cmdshell as they are: neither may leave behind what the other can't
+// open, nor follow what the owner has put there to a place where the owner could do nothing. Objects of one thread may be nested.
+class ActingAsOwner {
+  public:
+    explicit ActingAsOwner(const std::filesystem::path &folder) noexcept;
+    ActingAsOwner(const ActingAsOwner &) = delete;
+    ActingAsOwner &operator=(const ActingAsOwner &) = delete;
+    ~ActingAsOwner();
 
-// Gives what the superuser has just made at `path`, open as `descriptor`, to the owner of the folder around it; does nothing for other
-// users. The agent is the superuser while it loads its modules and somebody else afterwards, and administrators use cmdshell as they are:
-// neither may leave behind what the other can't open. Only an own regular file with a single name, a folder or a socket is given away.
-// Throws std::system_error.
-void give_to_owner_around(const std::filesystem::path &path, int descriptor);
+  private:
+    uid_t former_user_;
+    gid_t former_group_;
+};
 
-// The same for what is not open, such as a socket. A symbolic link is not followed, and not given away.
-void give_to_owner_around(const std::filesystem::path &path);
+// The owner of the folder; nothing when there is none.
+std::optional<uid_t> owner_of(const std::filesystem::path &folder) noexcept;
 
 } // namespace ulmo

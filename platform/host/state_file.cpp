@@ -62,12 +62,14 @@ void lock_octet(const UniqueFd &file, const std::filesystem::path &path, off_t o
 
 } // namespace
 
-FileLock::FileLock(const std::filesystem::path &path, Mode mode, std::chrono::milliseconds wait)
-    : file_(::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, owner_only)) {
+FileLock::FileLock(const std::filesystem::path &path, Mode mode, std::chrono::milliseconds wait) {
+    {
+        const ActingAsOwner owner(path.parent_path());
+        file_ = UniqueFd(::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, owner_only));
+    }
     if (!file_) {
         fail(errno, "cannot open " + path.string());
     }
-    give_to_owner_around(path, file_.get());
     const auto deadline = std::chrono::steady_clock::now() + wait;
     lock_octet(file_, path, turnstile, F_WRLCK, deadline);
     lock_octet(file_, path, protected_files, mode == Mode::shared ? F_RDLCK : F_WRLCK, deadline);
@@ -134,6 +136,7 @@ void write_whole(const UniqueFd &file, const std::filesystem::path &path, std::s
 }
 
 PendingFile::PendingFile(std::filesystem::path path, std::string_view data) : path_(std::move(path)) {
+    const ActingAsOwner owner(path_.parent_path());
     const std::filesystem::path temporary = temporary_of(path_);
     if (::unlink(temporary.c_str()) != 0 && errno != ENOENT) {
         fail(errno, "cannot remove " + temporary.string());
@@ -144,7 +147,6 @@ PendingFile::PendingFile(std::filesystem::path path, std::string_view data) : pa
     }
     try {
         check(::fchmod(file_.get(), owner_only), "cannot protect", temporary);
-        give_to_owner_around(temporary, file_.get());
         write_whole(file_, temporary, data);
         check(::fsync(file_.get()), "cannot sync", temporary);
     } catch (...) {
@@ -155,12 +157,14 @@ PendingFile::PendingFile(std::filesystem::path path, std::string_view data) : pa
 
 PendingFile::~PendingFile() {
     if (file_) {
+        const ActingAsOwner owner(path_.parent_path());
         ::unlink(temporary_of(path_).c_str());
     }
 }
 
 void PendingFile::commit() {
     const std::filesystem::path directory_path = path_.parent_path();
+    const ActingAsOwner owner(directory_path);
     const UniqueFd directory(::open(directory_path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!directory) {
         fail(errno, "cannot open " + directory_path.string());

@@ -66,12 +66,9 @@ bool is_vrf_device(const std::string &name) {
 // The numbers that were given out: lines of number, blank and name in a file of the state directory, under a lock while it is open.
 class Directory {
   public:
-    Directory()
-        : path_(state_dir() / "vrfs"),
-          file_(::open(path_.c_str(), O_RDWR | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600)) {
+    Directory() : path_(state_dir() / "vrfs"), file_(opened(path_)) {
         struct stat status {};
         check(file_ && ::fstat(file_.get(), &status) == 0);
-        give_to_owner_around(path_, file_.get());
         if (!S_ISREG(status.st_mode)) {
             errno = EINVAL;
             check(false);
@@ -82,6 +79,11 @@ class Directory {
         } while (locked != 0 && errno == EINTR);
         check(locked == 0);
         read();
+    }
+
+    static UniqueFd opened(const std::filesystem::path &path) {
+        const ActingAsOwner owner(path.parent_path());
+        return UniqueFd(::open(path.c_str(), O_RDWR | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600));
     }
 
     [[nodiscard]] std::optional<std::string> name_of(int id) const {

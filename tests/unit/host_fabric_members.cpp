@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <stdexcept>
@@ -172,6 +173,23 @@ TEST_F(FabricMembers, PassphrasesAreForTheOwnerOnly) {
         EXPECT_EQ(refusal("fabric_user = operator\n", mode), "accepted 0");
     }
     EXPECT_EQ(refusal(credentials + line, 0400), "accepted 1");
+}
+
+TEST_F(FabricMembers, PassphrasesMayBeForTheOwnGroupToo) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "needs the superuser to act in another group";
+    }
+    constexpr gid_t own_group = 4712;
+    const std::string readable = (scratch.root() / "platform.conf").string() + " holds passphrases and is readable by other users";
+    ASSERT_EQ(::setegid(own_group), 0);
+    const auto as_others = refusal(std::string(credentials) + "fabric_member = " + second + " 192.0.2.2\n", 0644);
+    const auto as_group = refusal(std::string(credentials) + "fabric_member = " + second + " 192.0.2.2\n", 0640);
+    ASSERT_EQ(::chown((scratch.root() / "platform.conf").c_str(), 0, own_group + 1), 0);
+    const auto as_other_group = refusal(std::string(credentials) + "fabric_member = " + second + " 192.0.2.2\n", 0640);
+    ASSERT_EQ(::setegid(0), 0);
+    EXPECT_EQ(as_group, "accepted 1");
+    EXPECT_EQ(as_others, readable);
+    EXPECT_EQ(as_other_group, readable);
 }
 
 TEST_F(FabricMembers, TimeLimitIsTenSecondsOrWhatIsSet) {

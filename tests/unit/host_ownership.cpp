@@ -3,12 +3,14 @@
 #include "platform/host/ownership.h"
 
 #include "platform/host/history_ring.h"
+#include "platform/host/msgbus_server.h"
 #include "platform/host/msgbus_wire.h"
 #include "platform/host/state_file.h"
 #include "tests/unit/scratch.h"
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -36,7 +38,7 @@ class Ownership : public testing::Test {
   protected:
     void SetUp() override {
         if (::geteuid() != 0) {
-            GTEST_SKIP() << "only the superuser gives files away";
+            GTEST_SKIP() << "only the superuser acts as others";
         }
         std::filesystem::create_directory(folder_);
         ASSERT_EQ(::chown(folder_.c_str(), platform_user, platform_group), 0);
@@ -113,32 +115,39 @@ TEST_F(Ownership, TheFolderOfTheBusBelongsToTheRunFoldersOwner) {
     expect_given(ulmo::msgbus_dir());
 }
 
-TEST_F(Ownership, NothingIsGivenAwayThatHasAnotherNameOrOwner) {
-    const auto other_name = scratch_.root() / "elsewhere";
-    std::ofstream(other_name).close();
-    std::filesystem::create_hard_link(other_name, file_);
-    ulmo::give_to_owner_around(file_);
-    EXPECT_EQ(status_of(file_).st_uid, 0U);
+TEST_F(Ownership, NothingIsDoneThatTheFoldersOwnerCouldNotDo) {
+    const auto elsewhere = scratch_.root() / "elsewhere";
+    std::filesystem::create_directory(elsewhere); // the superuser's
+    std::filesystem::create_directory_symlink(elsewhere, folder_ / "msgbus");
+    ASSERT_EQ(::setenv("ULMO_RUN_DIR", folder_.c_str(), 1), 0);
+    EXPECT_THROW(ulmo::MsgbusServer(4), std::system_error);
+    EXPECT_TRUE(std::filesystem::is_empty(elsewhere));
 
-    std::filesystem::remove(other_name);
-    ASSERT_EQ(::chown(file_.c_str(), platform_user + 1, 0), 0);
-    ulmo::give_to_owner_around(file_);
-    EXPECT_EQ(status_of(file_).st_uid, platform_user + 1);
+    const auto others = scratch_.root() / "others";
+    std::ofstream(others) << "secret";
+    ASSERT_EQ(::chmod(others.c_str(), 0600), 0);
+    std::filesystem::create_hard_link(others, folder_ / "lock");
+    EXPECT_THROW(ulmo::FileLock(folder_ / "lock", ulmo::FileLock::Mode::exclusive, std::chrono::milliseconds(0)), std::system_error);
+    EXPECT_EQ(status_of(others).st_uid, 0U);
+}
 
-    const auto link = folder_ / "link";
-    std::ofstream(other_name).close();
-    std::filesystem::create_symlink(other_name, link);
-    ulmo::give_to_owner_around(link);
-    EXPECT_EQ(status_of(other_name).st_uid, 0U);
-    EXPECT_EQ(status_of(link).st_uid, 0U);
+TEST_F(Ownership, TheSuperuserIsHimselfAgainAfterwards) {
+    {
+        const ulmo::ActingAsOwner owner(folder_);
+        const ulmo::ActingAsOwner again(folder_);
+        EXPECT_EQ(::open("/etc/shadow", O_RDONLY | O_CLOEXEC), -1);
+    }
+    std::ofstream(scratch_.root() / "mine").close();
+    EXPECT_EQ(status_of(scratch_.root() / "mine").st_uid, 0U);
+    EXPECT_EQ(::access("/etc/shadow", R_OK), 0);
+    const ulmo::ActingAsOwner nobody(scratch_.root() / "absent");
+    std::ofstream(scratch_.root() / "also mine").close();
+    EXPECT_EQ(status_of(scratch_.root() / "also mine").st_uid, 0U);
 }
 
 TEST_F(Ownership, AFolderOfTheSuperusersKeepsWhatHeMakes) {
-    const auto own = scratch_.root() / "own";
-    std::ofstream(own).close();
-    ASSERT_EQ(::chown(own.c_str(), 0, platform_group), 0);
-    ulmo::give_to_owner_around(own);
-    EXPECT_EQ(status_of(own).st_gid, platform_group);
+    ulmo::replace_state_file(scratch_.root() / "own", "text");
+    EXPECT_EQ(status_of(scratch_.root() / "own").st_uid, 0U);
 }
 
 } // namespace

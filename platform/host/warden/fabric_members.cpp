@@ -7,6 +7,7 @@
 #include <net-snmp/net-snmp-includes.h>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -136,9 +137,14 @@ FabricMember member_from(const std::string &text, const FabricMember &defaults) 
     return member;
 }
 
+// The group that the system manager runs as is none of the others: so the file can be the superuser's.
 bool is_read_by_others() {
     struct stat status {};
-    return ::stat(settings_file().c_str(), &status) == 0 && (status.st_mode & (S_IRGRP | S_IROTH)) != 0;
+    if (::stat(settings_file().c_str(), &status) != 0) {
+        return false;
+    }
+    const bool is_own_group = ::getegid() != 0 && status.st_gid == ::getegid();
+    return (status.st_mode & (is_own_group ? S_IROTH : S_IRGRP | S_IROTH)) != 0;
 }
 
 } // namespace
