@@ -220,7 +220,9 @@ std::optional<Options> parse_options(int count, char **words) {
     split.library.push_back(agent.data());
     split.library.push_back(nullptr);
     ::setenv("MIBS", "", 1); // numbers are all that is needed
-    ::netsnmp_register_loghandler(NETSNMP_LOGHANDLER_NONE, LOG_DEBUG);
+    if (!is_for_library) {   // which logs what it is asked for
+        ::netsnmp_register_loghandler(NETSNMP_LOGHANDLER_NONE, LOG_DEBUG);
+    }
     const int result = ::netsnmp_parse_args(static_cast<int>(split.library.size()) - 1, split.library.data(), &options.session, nullptr,
                                             nullptr, NETSNMP_PARSE_ARGS_NOLOGGING);
     options.community.reset(options.session.community, &std::free);

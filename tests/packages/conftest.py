@@ -13,8 +13,8 @@ REPOSITORY = Path(__file__).resolve().parents[2]
 PLACE = REPOSITORY / "build/package-test"
 UNPACKED = REPOSITORY / "build/lab"
 SWITCH, SERVER = "192.0.2.1", "192.0.2.2"
-# What a switch has before the packages come: the agent, its tools, and what the packages say that they need.
-PRESENT = "systemd-sysv,dbus,snmpd,snmp,expect,ftp,openssh-client,iproute2,procps"
+# What a switch has before the packages come, beside what they say that they need, the agent among it.
+PRESENT = ("systemd-sysv", "dbus", "snmp")
 
 
 def run(*words, check=True, **options):
@@ -22,6 +22,11 @@ def run(*words, check=True, **options):
     if check and done.returncode != 0:
         raise AssertionError(f"{' '.join(map(str, words))}: exit status {done.returncode}\n{done.stdout}")
     return done
+
+
+def needs_of(package):
+    """The packages that it depends on, of alternatives the first."""
+    return [need.split("|")[0].split("(")[0].strip() for need in run("dpkg-deb", "-f", package, "Depends").stdout.split(",")]
 
 
 def wait_until(holds, within=20):
@@ -48,15 +53,17 @@ class Switch:
         shutil.rmtree(self.served, ignore_errors=True)
         self.served.mkdir()
         self.served.chmod(0o777)
-        self.server_network = subprocess.Popen(["unshare", "--net", "sh", "-c", "echo ready; exec sleep infinity"], stdout=subprocess.PIPE, text=True)
+        # All end with this process, whatever ends it.
+        self.server_network = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", "unshare", "--net", "sh", "-c", "echo ready; exec sleep infinity"],
+                                               stdout=subprocess.PIPE, text=True)
         assert self.server_network.stdout.readline() == "ready\n"
         self.start()
-        self.file_server = subprocess.Popen([*self.on_server(), UNPACKED / "root-atftpd/usr/sbin/atftpd", "--daemon", "--no-fork", "--user", "root.root",
+        self.file_server = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", *self.on_server(), UNPACKED / "root-atftpd/usr/sbin/atftpd", "--daemon", "--no-fork", "--user", "root.root",
                                              "--bind-address", SERVER, self.served], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
 
     def start(self):
         with (PLACE / "boot.log").open("w") as log:
-            self.holder = subprocess.Popen(["unshare", "--mount", "--net", "--pid", "--ipc", "--uts", "--cgroup", "--fork", "--kill-child",
+            self.holder = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", "unshare", "--mount", "--net", "--pid", "--ipc", "--uts", "--cgroup", "--fork", "--kill-child",
                                             "sh", "-c", self.boot.format(self.root)], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=log, text=True)
         assert self.holder.stdout.readline() == "ready\n", (PLACE / "boot.log").read_text()
         (self.init,) = Path(f"/proc/{self.holder.pid}/task/{self.holder.pid}/children").read_text().split()
@@ -94,7 +101,7 @@ class Switch:
         """The switch's network leads to no archive: what a package needs and does not say is missing."""
         for package in packages:
             shutil.copy(package, self.root / "root")
-        return self.run("apt-get", "install", "-y", "--no-install-recommends", *(f"/root/{package.name}" for package in packages)).stdout
+        return self.run("apt-get", "install", "-y", "--no-install-recommends", "-o", "Dpkg::Options::=--force-confold", *(f"/root/{package.name}" for package in packages)).stdout
 
     def main_process(self, service):
         return int(self.run("systemctl", "show", "-P", "MainPID", service).stdout)
@@ -109,17 +116,18 @@ class Switch:
 @pytest.fixture(scope="session")
 def packages():
     """The packages of scripts/package.sh, by name."""
-    found = {path.name.split("_")[0]: path for path in (REPOSITORY / "build/packages").glob("*.deb")}
-    assert {"config-copy", "config-copy-mib"} <= set(found), "scripts/package.sh makes them"
-    return found
+    found = {name: list((REPOSITORY / "build/packages").glob(f"{name}_*.deb")) for name in ("config-copy", "config-copy-mib")}
+    assert all(len(files) == 1 for files in found.values()), "scripts/package.sh makes them"
+    return {name: files[0] for name, files in found.items()}
 
 
 @pytest.fixture(scope="session")
-def switch():
+def switch(packages):
     PLACE.mkdir(parents=True, exist_ok=True)
     root = PLACE / "root"
     shutil.rmtree(root, ignore_errors=True)
-    run("debootstrap", "--variant=minbase", f"--include={PRESENT}", "bookworm", str(root), env={**os.environ, "DEBIAN_FRONTEND": "noninteractive"})
+    present = ",".join({*PRESENT, *(need for package in packages.values() for need in needs_of(package))})
+    run("debootstrap", "--variant=minbase", f"--include={present}", "bookworm", str(root), env={**os.environ, "DEBIAN_FRONTEND": "noninteractive"})
     made = Switch(root)
     yield made
     made.end()

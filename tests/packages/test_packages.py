@@ -48,6 +48,11 @@ def agent(switch):
     wait_until(lambda: agent_answers(switch))
 
 
+def strangers(switch):
+    """What the platform's user may not open."""
+    return switch.run("find", "/var/lib/ulmo", "/run/ulmo", "!", "-user", "Debian-snmp").stdout
+
+
 def test_before(switch):
     assert not takes_requests(switch)
     assert not (switch.root / "ulmo").exists()
@@ -55,13 +60,14 @@ def test_before(switch):
 
 def test_install(switch, packages):
     before = switch.main_process("snmpd")
-    switch.install(packages["config-copy-mib"], packages["config-copy"])
+    switch.install(packages["config-copy-mib"])
     wait_until(lambda: takes_requests(switch))
     assert switch.main_process("snmpd") != before, "the agent was not started anew"
     for service in ("snmpd", "wardend"):
         assert owner(switch, f"/proc/{switch.main_process(service)}") == "Debian-snmp"
         assert switch.run("systemctl", "is-enabled", service).stdout == "enabled\n"
     assert switch.shell("stat -c '%U %a' /var/lib/ulmo /run/ulmo").splitlines() == ["Debian-snmp 700", "Debian-snmp 755"]
+    switch.install(packages["config-copy"])
 
 
 def test_backup_and_restore(switch):
@@ -89,8 +95,7 @@ def test_superuser_at_the_command_line_leaves_the_agent_its_files(switch):
     assert "vlan 1234" in cmdshell(switch, "show startup-config")
     config_copy(switch, f"startup tftp://{SERVER}/after.cfg")
     assert "vlan 1234" in (switch.served / "after.cfg").read_text()
-    strangers = switch.run("find", "/var/lib/ulmo", "/run/ulmo", "!", "-user", "Debian-snmp").stdout
-    assert strangers == ""
+    assert strangers(switch) == ""
 
 
 def test_history_of_all_processes(switch):
@@ -101,8 +106,11 @@ def test_history_of_all_processes(switch):
 
 
 def test_reload_of_the_agent(switch):
-    before = switch.main_process("snmpd")
-    switch.run("systemctl", "reload", "snmpd")
+    """It lets go of the module, as user Debian-snmp, and loads it again."""
+    before, link = switch.main_process("snmpd"), "/etc/snmp/snmpd.conf.d/config-copy-mib.conf"
+    switch.shell(f"mv {link} /root/link && ln -s /dev/null {link} && systemctl reload snmpd")
+    wait_until(lambda: agent_answers(switch) and not takes_requests(switch))
+    switch.shell(f"mv /root/link {link} && systemctl reload snmpd")
     wait_until(lambda: takes_requests(switch))
     config_copy(switch, "running startup")
     assert switch.main_process("snmpd") == before
@@ -116,6 +124,11 @@ def test_agent_may_run_as_the_superuser(switch):
     assert owner(switch, f"/proc/{switch.main_process('snmpd')}") == "root"
     config_copy(switch, "running startup")
     config_copy(switch, "startup running")
+    config_copy(switch, f"running tftp://{SERVER}/as-root.cfg")
+    switch.shell("rm -f /var/lib/ulmo/ssh_known_hosts; umask 077; echo secret > /root/password")
+    config_copy(switch, f"--password-file /root/password running sftp://netops@{SERVER}/backup.cfg", check=False)
+    assert owner(switch, "/var/lib/ulmo/ssh_known_hosts") == "Debian-snmp"
+    assert strangers(switch) == ""
     switch.shell(f"rm {drop_in}/user.conf && systemctl daemon-reload && systemctl restart snmpd")
     wait_until(lambda: takes_requests(switch))
     assert owner(switch, f"/proc/{switch.main_process('snmpd')}") == "Debian-snmp"
@@ -148,6 +161,7 @@ def test_nightly_backup(switch):
     switch.shell("systemctl daemon-reload && systemctl enable --now backup.timer")
     assert "backup.service" in switch.run("systemctl", "list-timers").stdout
     assert switch.run("systemctl", "start", "backup", check=False).returncode != 0
+    switch.run("journalctl", "--sync")
     journal = switch.run("journalctl", "-u", "backup", "-o", "cat").stdout
     assert f"(timeout): the file server {SERVER} did not answer the switch" in journal
     switch.run("systemctl", "disable", "--now", "backup.timer")
@@ -161,6 +175,12 @@ def test_transfer_scripts_run(switch, protocol):
     ended = config_copy(switch, f"--password-file /root/password running {protocol}://netops@{SERVER}/backup.cfg", check=False)
     assert ended.returncode == 1
     assert f"(timeout): the file server {SERVER} did not answer the switch" in ended.stdout
+    # The password is for the superuser's eyes.
+    log = "/var/log/snmpd-transfers.log"
+    assert f"{protocol.upper()}_PUT" in switch.run("cat", log).stdout and " secret" in switch.run("cat", log).stdout
+    assert switch.shell(f"stat -c '%U %a' {log}") == "root 600\n"
+    switch.run("journalctl", "--sync")
+    assert "secret" not in switch.shell("journalctl --no-pager")
 
 
 def test_mib_module(switch):
@@ -186,12 +206,16 @@ def test_upgrade(switch, packages):
     run("dpkg-deb", "-R", packages["config-copy-mib"], tree)
     control = tree / "DEBIAN/control"
     control.write_text(control.read_text().replace("\nVersion: ", "\nVersion: 1:"))
+    with (tree / "etc/ulmo/platform.conf").open("a") as settings:
+        settings.write("# of the next version\n")
     run("dpkg-deb", "--root-owner-group", "-b", tree, PLACE / "config-copy-mib_next.deb")
     switch.install(PLACE / "config-copy-mib_next.deb")
     wait_until(lambda: takes_requests(switch))
     assert switch.main_process("snmpd") != before, "the agent was not started anew"
     assert switch.main_process("wardend") != warden, "the system manager was not started anew"
-    assert "history_records = 128" in switch.shell("cat /etc/ulmo/platform.conf")
+    assert "history_records = 128" in (switch.root / "etc/ulmo/platform.conf").read_text()
+    assert "of the next version" in (switch.root / "etc/ulmo/platform.conf.dpkg-dist").read_text()
+    assert switch.shell("stat -c '%U %G %a' /etc/ulmo/platform.conf") == "root Debian-snmp 640\n"
     assert cmdshell(switch, "show startup-config") == startup
     config_copy(switch, f"startup tftp://{SERVER}/upgraded.cfg")
     assert (switch.served / "upgraded.cfg").read_text() == startup
@@ -206,8 +230,11 @@ def test_remove(switch):
     assert not (switch.root / "ulmo").exists()
     assert not (switch.root / "usr/bin/config-copy").exists()
     assert not list((switch.root / "etc/snmp/snmpd.conf.d").iterdir())
-    assert switch.run("systemctl", "is-active", "wardend", check=False).stdout != "active\n"
-    assert "config_copy_mib" not in switch.shell(f"journalctl -o cat _PID={switch.main_process('snmpd')}")
+    assert switch.run("systemctl", "is-active", "wardend", check=False).stdout == "inactive\n"
+    switch.run("journalctl", "--sync")
+    journal = switch.shell("journalctl -o cat -u wardend")
+    assert "\nended\n" in journal
+    assert switch.shell(f"journalctl -o cat _PID={switch.main_process('snmpd')}") == "", "the agent complains"
     assert switch.run("systemctl", "--failed", "--quiet").stdout == ""
     assert (switch.root / "var/lib/ulmo/system.cfg").exists(), "the switch's configuration went with the package"
 
@@ -217,3 +244,23 @@ def test_purge(switch):
     for path in ("var/lib/ulmo", "etc/ulmo", "usr/share/config-copy-mib"):
         assert not (switch.root / path).exists()
     assert agent_answers(switch)
+
+
+def test_stopped_agent_stays_stopped(switch, packages):
+    switch.run("systemctl", "stop", "snmpd")
+    switch.install(packages["config-copy-mib"])
+    assert switch.run("systemctl", "is-active", "snmpd", check=False).stdout == "inactive\n"
+    switch.run("apt-get", "purge", "-y", "config-copy-mib")
+
+
+def test_agent_that_comes_with_the_package(switch, packages):
+    """It is started before the package has made its folders."""
+    switch.shell("cp /etc/snmp/snmpd.conf /root && apt-get purge -y snmpd")
+    archives = list((switch.root / "var/cache/apt/archives").glob("snmpd_*.deb"))
+    switch.install(*archives, packages["config-copy-mib"])
+    switch.shell("systemctl stop snmpd && cp /root/snmpd.conf /etc/snmp && systemctl start snmpd")
+    switch.shell("systemctl stop snmpd; echo 'createUser operator SHA-256 auth-passphrase AES priv-passphrase' >> /var/lib/snmp/snmpd.conf; systemctl start snmpd")
+    wait_until(lambda: takes_requests(switch))
+    assert strangers(switch) == ""
+    switch.install(packages["config-copy"])
+    config_copy(switch, "running startup")

@@ -396,9 +396,19 @@ proc ssh_word {text} {
     return "\"[string map {\\ \\\\ \" \\\" % %%} $text]\""
 }
 
+# The superuser's ssh would make the file for himself, and an agent that runs as another user again could not use it.
+proc own_by_folder {file} {
+    set folder [file dirname $file]
+    catch {
+        close [open $file {WRONLY CREAT EXCL} 0600]
+        file attributes $file -owner [file attributes $folder -owner] -group [file attributes $folder -group]
+    }
+}
+
 # The options with which ssh asks for the password on its terminal and for nothing else, and uses nothing of the user who runs it.
 proc ssh_options {user} {
     set hosts [absolute [from_environment ULMO_STATE_DIR /var/lib/ulmo]]/ssh_known_hosts
+    own_by_folder $hosts
     set new [expr {[setting ssh_accept_new_host_keys yes] eq "no" ? "yes" : "accept-new"}]
     set options [list -F none]
     foreach option [list LogLevel=VERBOSE "User=\"[string map {\\ \\\\ \" \\\"} $user]\"" \

@@ -165,3 +165,5 @@ def test_help_and_version():
     assert done.status == DONE and done.out.startswith("usage: config-copy ") and "5 another copy is in progress" in done.out
     assert re.fullmatch(r"config-copy \d+\.\d+\.\d+\n", config_copy("--version").out)
     assert config_copy("-V").status == DONE
+    assert config_copy("-h").out == done.out
+    assert (done := config_copy("-H")).status == DONE and "defSecurityName" in done.out + done.err

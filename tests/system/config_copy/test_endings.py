@@ -119,6 +119,28 @@ def test_read_only_user(own_agents):
     check(config_copy("-v2c", "-c", "reader", agent.name, "running", f"{SERVER}/a"), REFUSED, f"{agent.name}: {VIEW}")
 
 
+def test_user_who_may_write_and_not_read(own_agents):
+    (agent,) = own_agents(settings=[
+        "createUser writer SHA-256 writer-authentication AES writer-privacy-key", "group writers usm writer", "view copies included .1.3.6.1.4.1.41927.9.96",
+        "view system included .1.3.6.1.2.1.1", 'access writers "" usm priv exact system copies none', "rocommunity reader default .1.3.6.1.4.1.41927.9.96"])
+    user = ("-u", "writer", "-a", "SHA-256", "-A", "writer-authentication", "-x", "AES", "-X", "writer-privacy-key")
+    check(config_copy(*user, agent.name, "running", f"{SERVER}/a"), REFUSED,
+          f"{agent.name}: the user may write the copy table but not read it: the user needs a read view with .1.3.6.1.4.1.41927.9.96")
+    assert config_copy("-v2c", "-c", "reader", "list", agent.name).out == f"no copy requests on {agent.name}\n"
+
+
+@pytest.mark.parametrize("words", [("list",), ("errors",), ("abort", 7)], ids=lambda words: words[0])
+def test_look_at_an_agent_without_the_module(own_agents, words):
+    (agent,) = own_agents(settings=["rwcommunity writer"], with_module=False)
+    command, *index = words
+    text = (f"{agent.name} has no copy table that this user may read: does it load config_copy_mib, and does the user's read view hold "
+            ".1.3.6.1.4.1.41927.9.96?")
+    check(config_copy("-v2c", "-c", "writer", command, agent.name, *index), REFUSED, text)
+    done = config_copy("--json", "-v2c", "-c", "writer", command, agent.name, *index)
+    (told,) = done.objects()
+    assert done.status == REFUSED and (told["agent"], told["ending"], told["status"], told["text"]) == (agent.name, "refused", REFUSED, text), done
+
+
 @pytest.mark.parametrize("options, text", [
     (("-u", "nobody"), "the agent does not know this SNMPv3 user: check -u"),
     (("-a", "SHA-256", "-A", "not-the-right-one"), "the agent does not accept the user's authentication: check passphrase and protocol (-A, -a)"),

@@ -26,6 +26,8 @@ def test_abort(operator):
         done = config_copy("abort", AGENT, request.index)
         assert (done.status, done.out) == (DONE, f"request {request.index} of {AGENT} removed, while its copy was running\n")
         assert not request.exists()
+    request = Request(operator).create()
+    assert config_copy("--json", "abort", AGENT, request.index).objects() == [{"agent": AGENT, "index": str(request.index), "removed": True}]
     done = config_copy("abort", AGENT, request.index)
     assert (done.status, done.err) == (FAILED, f"config-copy: there is no request {request.index} of {AGENT}: see `config-copy list {AGENT}`\n")
 
