@@ -102,5 +102,20 @@ TEST(Outcome, TextOfASwitchCannotDriveATerminal) {
     EXPECT_EQ("a?[31mb?", printable("a\033[31mb\n"));
 }
 
+TEST(Output, JsonTextsAreUtf8) {
+    EXPECT_EQ("\"\\\"\\\\\\u000a\x7f\"", json_string("\"\\\n\x7f"));
+    for (const char *whole :
+         {"\xc2\x80", "\xdf\xbf", "\xe0\xa0\x80", "\xed\x9f\xbf", "\xef\xbf\xbf", "\xf0\x90\x80\x80", "\xf4\x8f\xbf\xbf"}) {
+        EXPECT_EQ('"' + std::string(whole) + "a\"", json_string(std::string(whole) + 'a'));
+    }
+    const std::string no_character = "\\ufffd";
+    for (const char *broken : {"\x80", "\xc1", "\xc3", "\xff", "\xf5"}) {
+        EXPECT_EQ('"' + no_character + "a\"", json_string(std::string(broken) + 'a'));
+    }
+    EXPECT_EQ('"' + no_character + no_character + '"', json_string("\xe2\x82")) << "cut off";
+    EXPECT_EQ('"' + no_character + no_character + no_character + '"', json_string("\xed\xa0\x80")) << "a surrogate";
+    EXPECT_EQ('"' + no_character + no_character + no_character + '"', json_string("\xe0\x9f\x80")) << "longer than needed";
+}
+
 } // namespace
 } // namespace config_copy
