@@ -255,6 +255,8 @@ void Session::make_ready() {
     }
     if (session_->version == SNMP_VERSION_3 && session_->securityModel == SNMP_SEC_MODEL_USM) {
         discover_engine();
+    } else if (session_->version == SNMP_VERSION_3 && session_->contextEngineIDLen == 0) {
+        discover_context_engine();
     }
     is_ready_ = true;
 }
@@ -278,6 +280,25 @@ void Session::discover_engine() {
     if (const int error = ::usm_create_user_from_session(session_); error != SNMPERR_SUCCESS) {
         throw Failure(Ending::usage, "no SNMPv3 user can be made of the options and snmp.conf: check -u, -l, -A and -X");
     }
+}
+
+// Where the transport secures the messages nothing tells the engine, and the agent is asked: RFC 5343, section 3.2.
+void Session::discover_context_engine() {
+    constexpr std::array<unsigned char, 5> local_engine{0x80, 0, 0, 0, 6};
+    for (int attempt = 0; attempt < attempts_; ++attempt) {
+        Pdu probe = request(SNMP_MSG_GET, {{{1, 3, 6, 1, 6, 3, 10, 2, 1, 1, 0}, {}}}); // snmpEngineID
+        probe->version = SNMP_VERSION_3;
+        probe->contextEngineID = static_cast<unsigned char *>(::netsnmp_memdup(local_engine.data(), local_engine.size()));
+        probe->contextEngineIDLen = local_engine.size();
+        const Pdu answer = exchange(std::move(probe));
+        const netsnmp_variable_list *engine = answer ? answer->variables : nullptr;
+        if (engine != nullptr && engine->type == ASN_OCTET_STR && engine->val_len > 0) {
+            session_->contextEngineID = static_cast<unsigned char *>(::netsnmp_memdup(engine->val.string, engine->val_len));
+            session_->contextEngineIDLen = engine->val_len;
+            return;
+        }
+    }
+    give_up_silent();
 }
 
 // An agent says nothing to a request that it can't decrypt, but answers the same user's request without privacy, if only with a refusal.

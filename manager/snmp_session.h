@@ -76,6 +76,7 @@ class Session {
     void open(const netsnmp_session &defaults);
     void make_ready();
     void discover_engine();
+    void discover_context_engine();
     void check_privacy();
     Pdu request(int command, const std::vector<Binding> &bindings) const;
     Pdu exchange(Pdu pdu, bool reports_are_answers = false);
