@@ -400,8 +400,11 @@ proc ssh_word {text} {
 proc own_by_folder {file} {
     set folder [file dirname $file]
     catch {
-        close [open $file {WRONLY CREAT EXCL} 0600]
-        file attributes $file -owner [file attributes $folder -owner] -group [file attributes $folder -group]
+        set owner [file attributes $folder -owner]
+        if {$owner ne [file attributes /proc/self -owner]} {
+            close [open $file {WRONLY CREAT EXCL} 0600]
+            file attributes $file -owner $owner -group [file attributes $folder -group]
+        }
     }
 }
 
