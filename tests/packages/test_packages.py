@@ -225,7 +225,9 @@ def test_remove(switch):
     before = switch.main_process("snmpd")
     switch.run("apt-get", "remove", "-y", "config-copy-mib", "config-copy")
     wait_until(lambda: agent_answers(switch))
-    assert switch.main_process("snmpd") != before, "the agent was not started anew"
+    after = switch.main_process("snmpd")
+    assert after != before, "the agent was not started anew"
+    assert "transfers.log" not in switch.run("readlink", f"/proc/{after}/fd/2").stdout, "it writes its errors where the package wanted them"
     assert not takes_requests(switch)
     assert not (switch.root / "ulmo").exists()
     assert not (switch.root / "usr/bin/config-copy").exists()
@@ -234,14 +236,14 @@ def test_remove(switch):
     switch.run("journalctl", "--sync")
     journal = switch.shell("journalctl -o cat -u wardend")
     assert "\nended\n" in journal
-    assert switch.shell(f"journalctl -o cat _PID={switch.main_process('snmpd')}") == "", "the agent complains"
+    assert switch.shell(f"journalctl -o cat _PID={after}") == "", "the agent complains"
     assert switch.run("systemctl", "--failed", "--quiet").stdout == ""
     assert (switch.root / "var/lib/ulmo/system.cfg").exists(), "the switch's configuration went with the package"
 
 
 def test_purge(switch):
     switch.run("apt-get", "purge", "-y", "config-copy-mib", "config-copy")
-    for path in ("var/lib/ulmo", "etc/ulmo", "usr/share/config-copy-mib"):
+    for path in ("var/lib/ulmo", "etc/ulmo", "usr/share/config-copy-mib", "var/log/snmpd-transfers.log"):
         assert not (switch.root / path).exists()
     assert agent_answers(switch)
 
