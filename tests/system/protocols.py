@@ -405,10 +405,12 @@ class Pair:
 
         def reached():
             up = self.target.stat().st_size if self.target.exists() else 0
-            return min(up, self.switches[1].arrived()) >= part * self.size
+            parts = up, self.switches[1].arrived()
+            states = [request.get(STATE) for request in self.requests]
+            assert states == [STATE_RUNNING] * 2, f"{states} with {parts} of {self.size} octets moved"
+            return min(parts) >= part * self.size
 
         wait_for(reached, 20, "that part of the files")
-        assert [request.get(STATE) for request in self.requests] == [STATE_RUNNING] * 2
 
     def fail(self, cause, within=35, tells=True):
         for request in self.requests:
