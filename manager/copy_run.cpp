@@ -331,10 +331,14 @@ std::vector<SwitchOutcome> switches_of(Session &session, oid index) {
     return switches;
 }
 
+Outcome copy(Session &session, const CopyOrder &order, const Progress &progress) {
+    return Run(session, order, progress).run();
+}
+
 Outcome copy(const netsnmp_session &defaults, const std::string &agent, const CopyOrder &order, const Progress &progress) {
     try {
         Session session(defaults, agent);
-        return Run(session, order, progress).run();
+        return copy(session, order, progress);
     } catch (const Failure &failure) {
         return outcome_of(agent, failure);
     }

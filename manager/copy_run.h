@@ -28,7 +28,11 @@ struct CopyOrder {
 // Called again and again while the copy goes on: what it is doing, and for how long.
 using Progress = std::function<void(std::string_view state, std::chrono::seconds elapsed)>;
 
-// Does the copy. No request of ours stays on the switch, whatever happens, as long as the agent answers. Throws Interrupted only.
+// Does the copy, after which the session is of no more use. No request of ours stays on the switch, whatever happens, as long as the agent
+// answers. Throws Interrupted only.
+Outcome copy(Session &session, const CopyOrder &order, const Progress &progress);
+
+// The same with a session of its own.
 Outcome copy(const netsnmp_session &defaults, const std::string &agent, const CopyOrder &order, const Progress &progress);
 
 // The rows of ccCopyErrorTable of one request.

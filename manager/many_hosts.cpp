@@ -35,9 +35,10 @@ class Place {
 
 Outcome copy_on(const netsnmp_session &defaults, const std::string &agent, const CopyOrder &order, std::counting_semaphore<> &places) {
     try {
-        Session(defaults, agent).get({copy_cell(column_row_status, largest_index)});
+        Session session(defaults, agent);
+        session.get({copy_cell(column_row_status, largest_index)}); // who does not answer takes no place
         const Place place(places);
-        return copy(defaults, agent, order, [](std::string_view, std::chrono::seconds) {});
+        return copy(session, order, [](std::string_view, std::chrono::seconds) {});
     } catch (const Failure &failure) {
         return outcome_of(agent, failure);
     } catch (const std::exception &error) {
