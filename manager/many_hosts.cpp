@@ -2,6 +2,8 @@
 
 #include "manager/interrupt.h"
 
+#include <sys/resource.h>
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -12,8 +14,24 @@
 namespace config_copy {
 namespace {
 
-// Each has a socket, and select(2), with which the library waits for an answer, takes 1024 descriptors.
-constexpr std::size_t most_contacts = 512;
+// Agents that are asked or wait for their place, beside those that copy: so many may be silent and hold up nobody.
+constexpr rlim_t most_beside = 512;
+
+// How many agents to be in contact with at a time. The files that the process may open bound it, as each contact holds a socket, and before
+// that, while its name is looked up, one for each of up to three name servers. Waiting is no bound: it is poll(2)'s, and the library's
+// sets of descriptors grow. The soft limit of 1024 that processes mostly begin with is there for select(2), so it may be raised.
+std::size_t contacts_for(std::size_t agents, int jobs) {
+    constexpr rlim_t files_each = 3;
+    constexpr rlim_t other_files = 32;
+    const rlim_t wanted = std::min<rlim_t>(agents, static_cast<rlim_t>(jobs) + most_beside);
+    rlimit files{};
+    ::getrlimit(RLIMIT_NOFILE, &files);
+    if (const rlim_t needed = wanted * files_each + other_files; files.rlim_cur < needed) {
+        files.rlim_cur = std::min(needed, files.rlim_max);
+        ::setrlimit(RLIMIT_NOFILE, &files);
+    }
+    return std::clamp<rlim_t>(files.rlim_cur > other_files ? (files.rlim_cur - other_files) / files_each : 0, 1, wanted);
+}
 
 // One of the copies that may run at a time, held as long as the object is there.
 class Place {
@@ -63,8 +81,9 @@ std::vector<Outcome> copy_on_all(const netsnmp_session &defaults, const std::vec
         }
     };
     {
+        const std::size_t contacts = contacts_for(agents.size(), jobs);
         std::vector<std::jthread> workers;
-        for (std::size_t i = 0; i < std::min(agents.size(), most_contacts); ++i) {
+        for (std::size_t i = 0; i < contacts; ++i) {
             workers.emplace_back(work);
         }
     }

@@ -10,6 +10,7 @@
 #include <fstream>
 #include <functional>
 #include <limits>
+#include <set>
 #include <string_view>
 
 namespace config_copy {
@@ -83,9 +84,9 @@ void parse_copy(const std::vector<std::string> &arguments, Options &options) {
     if (options.to.type == FileType::network && options.agents.size() > 1 && !has_template(options.to.url, "host")) {
         throw bad_usage("every agent would write the same file: put {host} into the path");
     }
+    std::set<std::string> seen;
     for (const std::string &agent : options.agents) {
-        const auto same = [&](const std::string &other) { return host_value(other) == host_value(agent); };
-        if (std::count_if(options.agents.begin(), options.agents.end(), same) > 1) {
+        if (!seen.insert(host_value(agent)).second) {
             throw bad_usage(agent + " is listed twice in " + *options.hosts_file + ", or looks like another agent there in a file's name");
         }
     }

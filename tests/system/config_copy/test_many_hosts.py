@@ -1,6 +1,7 @@
 """The same copy on many agents: stock agents with the module, each with a switch's state of its own, on ports of the loopback."""
 
 import contextlib
+import resource
 import socket
 
 import pytest
@@ -58,6 +59,20 @@ def test_jobs_and_json(own_agents, tmp_path):
         assert (copies[3]["agent"], copies[3]["ending"]) == (silent, "not reachable")
     assert summary == {"agents": 4, "done": 3, "failed": 0, "usage": 0, "refused": 0, "not reachable": 1, "busy": 0}
     assert done.status == UNREACHABLE
+
+
+@pytest.mark.parametrize("soft, hard, count", [(256, resource.getrlimit(resource.RLIMIT_NOFILE)[1], 1100), (128, 128, 100)], ids=["soft", "hard"])
+def test_more_agents_than_open_files(own_agents, tmp_path, soft, hard, count):
+    """A soft limit is raised, so that the last agent is asked beside the silent ones; with a low hard limit it has to wait for them."""
+    (alive,) = own_agents(1, SETTINGS)
+    silent = [f"127.1.{number // 250}.{number % 250 + 1}:9" for number in range(count)]
+    done = config_copy(*USER, "-t", "3" if hard > soft else "0.3", "-r", "0", "--json", "--jobs", 1000, "--hosts", hosts_file(tmp_path, [*silent, alive.name]), "running",
+                       f"tftp://{SERVER4}/{{host}}.cfg", preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (soft, hard)))
+    *copies, summary = done.objects()
+    assert summary == {"agents": count + 1, "done": 1, "failed": 0, "usage": 0, "refused": 0, "not reachable": count, "busy": 0}
+    (own,) = [number for number, copy in enumerate(copies) if copy["agent"] == alive.name]
+    assert copies.pop(own)["ending"] == "done" and (own == 0) == (hard > soft), f"it was number {own}"
+    assert all(copy["text"].startswith(f"no answer from {copy['agent']} in ") for copy in copies), copies
 
 
 def test_endings_of_several_kinds(own_agents, tmp_path):
