@@ -26,11 +26,6 @@ oid random_number(oid least, oid most) {
     return std::uniform_int_distribution<oid>(least, most)(source);
 }
 
-std::optional<long> number(const Value &value) {
-    const long *found = std::get_if<long>(&value);
-    return found == nullptr ? std::nullopt : std::optional(*found);
-}
-
 class Run {
   public:
     Run(Session &session, const CopyOrder &order, const Progress &progress)
@@ -95,17 +90,11 @@ class Run {
         if (!is_save()) {
             return {};
         }
-        const Oid column = copy_column(column_state);
-        Oid at = column;
-        while (const auto found = session_.next(at)) {
-            at = found->name;
-            if (at.size() != column.size() + 1 || !std::equal(column.begin(), column.end(), at.begin())) {
-                break;
-            }
-            if (number(found->value) == state_waiting) {
-                return "another manager's request " + std::to_string(at.back()) +
-                       " waits to be started and would be spoilt by this save (`config-copy abort " + session_.agent() + ' ' +
-                       std::to_string(at.back()) + "` removes it)";
+        for (const auto &[name, value] : session_.instances(copy_column(column_state))) {
+            if (number(value) == state_waiting) {
+                const std::string index = std::to_string(name.back());
+                return "another manager's request " + index + " waits to be started and would be spoilt by this save (`config-copy abort " +
+                       session_.agent() + ' ' + index + "` removes it)";
             }
         }
         return {};
@@ -147,9 +136,7 @@ class Run {
     // A row that can't be read could be started, and would then seem to be gone.
     void check_that_we_may_read_it() {
         if (!number(session_.get({copy_cell(column_state, rows_.back())}).front())) {
-            throw Failure(Ending::refused, session_.agent() +
-                                               ": the user may write the copy table but not read it: the user needs a read view with "
-                                               ".1.3.6.1.4.1.41927.9.96");
+            throw Failure(Ending::refused, session_.agent() + ": the user may write the copy table but not read it: " + read_view_needed);
         }
     }
 
@@ -238,15 +225,12 @@ class Run {
         const std::vector<Value> values =
             session_.get({copy_cell(column_fail_cause, row), copy_cell(column_time_started, row), copy_cell(column_time_completed, row)});
         outcome.state = state_name(end);
-        std::ostringstream duration;
-        if (const auto started = number(values[1]), completed = number(values[2]); started && completed) {
-            // The agent's clock may have begun anew meanwhile, after 497 days.
-            outcome.seconds = static_cast<double>(static_cast<std::uint32_t>(*completed - *started)) / 100;
-            duration << (end == state_successful ? " in " : " after ") << std::fixed << std::setprecision(2) << *outcome.seconds << " s";
-        }
+        outcome.seconds = seconds_between(values[1], values[2]);
+        const std::string duration =
+            outcome.seconds ? (end == state_successful ? " in " : " after ") + seconds_text(*outcome.seconds) + " s" : "";
         const std::string what = side_text(order_.from, path_values_) + " to " + side_text(order_.to, path_values_);
         if (end == state_successful) {
-            outcome.text = outcome.agent + ": " + what + " copied" + duration.str();
+            outcome.text = outcome.agent + ": " + what + " copied" + duration;
             return;
         }
         const long cause = number(values[0]).value_or(0);
@@ -254,8 +238,8 @@ class Run {
         outcome.ending = Ending::failed;
         outcome.cause = cause_name(cause);
         const std::string server = order_.has_file() ? order_.file().host : "";
-        outcome.text = outcome.agent + ": " + what + " failed" + duration.str() + " (" + outcome.cause +
-                       "): " + words_of_cause(cause, server, is_fabric);
+        outcome.text =
+            outcome.agent + ": " + what + " failed" + duration + " (" + outcome.cause + "): " + words_of_cause(cause, server, is_fabric);
         if (is_fabric && cause == cause_manager_failed) {
             outcome.switches = switches_of(session_, row);
         }
@@ -297,36 +281,34 @@ std::string wwn_text(const std::string &octets) {
     return text.str();
 }
 
-std::string octets(const Value &value) {
-    const auto *found = std::get_if<std::string>(&value);
-    return found == nullptr ? "" : *found;
-}
-
 } // namespace
 
 std::string side_text(const CopySide &side, const PathValues &values) {
     if (side.type != FileType::network) {
         return std::string(name_of(side.type));
     }
-    const bool is_ipv6 = side.url.host.find(':') != std::string::npos;
-    return std::string(name_of(side.url.protocol)) + "://" + (side.url.user.empty() ? "" : side.url.user + '@') +
-           (is_ipv6 ? '[' + side.url.host + ']' : side.url.host) + '/' + file_name(side.url, values);
+    return url_text(side.url.protocol, side.url.user, side.url.host, file_name(side.url, values));
+}
+
+std::optional<double> seconds_between(const Value &started, const Value &completed) {
+    const long start = number(started).value_or(0);
+    const long end = number(completed).value_or(0);
+    if (start == 0 || end == 0) {
+        return std::nullopt;
+    }
+    // The agent's clock may have begun anew meanwhile, after 497 days.
+    return static_cast<double>(static_cast<std::uint32_t>(end - start)) / 100;
 }
 
 std::vector<SwitchOutcome> switches_of(Session &session, oid index) {
     std::vector<SwitchOutcome> switches;
     Oid request = error_column(error_switch);
     request.push_back(index);
-    Oid at = request;
-    while (const auto found = session.next(at)) {
-        at = found->name;
-        if (at.size() != request.size() + 1 || !std::equal(request.begin(), request.end(), at.begin())) {
-            break;
-        }
+    for (const auto &[name, wwn] : session.instances(request)) {
         const std::vector<Value> values =
-            session.get({error_cell(error_address, index, at.back()), error_cell(error_text, index, at.back())});
+            session.get({error_cell(error_address, index, name.back()), error_cell(error_text, index, name.back())});
         const std::string address = octets(values[0]);
-        switches.push_back({address.empty() ? "" : address_text(address), wwn_text(octets(found->value)), printable(octets(values[1]))});
+        switches.push_back({address.empty() ? "" : address_text(address), wwn_text(octets(wwn)), printable(octets(values[1]))});
     }
     return switches;
 }

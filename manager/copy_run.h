@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -34,6 +35,9 @@ Outcome copy(Session &session, const CopyOrder &order, const Progress &progress)
 
 // The same with a session of its own.
 Outcome copy(const netsnmp_session &defaults, const std::string &agent, const CopyOrder &order, const Progress &progress);
+
+// How long a copy took, of ccCopyTimeStarted and ccCopyTimeCompleted; nothing when it has not ended.
+std::optional<double> seconds_between(const Value &started, const Value &completed);
 
 // The rows of ccCopyErrorTable of one request.
 std::vector<SwitchOutcome> switches_of(Session &session, oid index);

@@ -247,6 +247,11 @@ std::string date_value(std::time_t now) {
     return {text.data(), std::strftime(text.data(), text.size(), "%Y-%m-%d", &local)};
 }
 
+std::string url_text(Protocol protocol, const std::string &user, const std::string &host, const std::string &path) {
+    const bool is_ipv6 = host.find(':') != std::string::npos;
+    return std::string(name_of(protocol)) + "://" + (user.empty() ? "" : user + '@') + (is_ipv6 ? '[' + host + ']' : host) + '/' + path;
+}
+
 bool needs_password(const FileUrl &url) {
     constexpr std::string_view anonymous = "anonymous";
     return url.protocol == Protocol::sftp ||

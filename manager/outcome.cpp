@@ -8,6 +8,8 @@
 
 #include <algorithm>
 #include <array>
+#include <iomanip>
+#include <sstream>
 
 namespace config_copy {
 namespace {
@@ -50,6 +52,12 @@ Outcome outcome_of(const std::string &agent, const Failure &failure) {
 std::string_view name_of(Ending ending) {
     constexpr std::array<std::string_view, 6> names{"done", "failed", "usage", "refused", "not reachable", "busy"};
     return names.at(static_cast<std::size_t>(ending));
+}
+
+std::string seconds_text(double seconds) {
+    std::ostringstream text;
+    text << std::fixed << std::setprecision(2) << seconds;
+    return text.str();
 }
 
 Ending ending_of_all(const std::vector<Outcome> &outcomes) {

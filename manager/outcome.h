@@ -30,6 +30,9 @@ struct Outcome {
 // What ended before its time.
 Outcome outcome_of(const std::string &agent, const Failure &failure);
 
+// With two decimals.
+std::string seconds_text(double seconds);
+
 // As in the summary: "done", "failed", "usage", "refused", "not reachable", "busy".
 std::string_view name_of(Ending ending);
 
@@ -48,6 +51,9 @@ std::string words_of_refusal(long status, unsigned long column);
 
 // The same of the activation.
 std::string words_of_refused_activation(long status);
+
+// What to do when the agent refuses a read.
+inline constexpr char read_view_needed[] = "the user needs a read view with .1.3.6.1.4.1.41927.9.96";
 
 // Text of a switch fit for a terminal: control characters become question marks.
 std::string printable(std::string_view text);

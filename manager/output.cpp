@@ -6,7 +6,6 @@
 #include <array>
 #include <cctype>
 #include <cstdio>
-#include <iomanip>
 #include <iostream>
 #include <sstream>
 
@@ -169,13 +168,8 @@ std::string json_of(const Outcome &outcome) {
     const auto or_null = [](const std::string &value) { return value.empty() ? "null" : json_string(value); };
     text << "{\"agent\": " << json_string(outcome.agent) << ", \"ending\": " << json_string(name_of(outcome.ending))
          << ", \"status\": " << static_cast<int>(outcome.ending) << ", \"state\": " << or_null(outcome.state)
-         << ", \"cause\": " << or_null(outcome.cause) << ", \"seconds\": ";
-    if (outcome.seconds) {
-        text << std::fixed << std::setprecision(2) << *outcome.seconds;
-    } else {
-        text << "null";
-    }
-    text << ", \"text\": " << json_string(outcome.text) << ", \"switches\": [";
+         << ", \"cause\": " << or_null(outcome.cause) << ", \"seconds\": " << (outcome.seconds ? seconds_text(*outcome.seconds) : "null")
+         << ", \"text\": " << json_string(outcome.text) << ", \"switches\": [";
     for (std::size_t i = 0; i < outcome.switches.size(); ++i) {
         const auto &[address, wwn, reported] = outcome.switches[i];
         text << (i == 0 ? "" : ", ") << "{\"address\": " << or_null(address) << ", \"switch\": " << json_string(wwn)

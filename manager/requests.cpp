@@ -2,33 +2,13 @@
 
 #include "manager/copy_run.h"
 
-#include <algorithm>
-#include <iomanip>
-#include <sstream>
-
 namespace config_copy {
 namespace {
 
-long number(const Value &value) {
-    const long *found = std::get_if<long>(&value);
-    return found == nullptr ? 0 : *found;
-}
-
-std::string octets(const Value &value) {
-    const auto *found = std::get_if<std::string>(&value);
-    return found == nullptr ? "" : *found;
-}
-
 std::vector<oid> indexes(Session &session) {
     std::vector<oid> found;
-    const Oid column = copy_column(column_row_status);
-    Oid at = column;
-    while (const auto next = session.next(at)) {
-        at = next->name;
-        if (at.size() != column.size() + 1 || !std::equal(column.begin(), column.end(), at.begin())) {
-            break;
-        }
-        found.push_back(at.back());
+    for (const auto &[name, value] : session.instances(copy_column(column_row_status))) {
+        found.push_back(name.back());
     }
     return found;
 }
@@ -44,15 +24,6 @@ std::string type_name(long type) {
     default:
         return std::to_string(type);
     }
-}
-
-std::string seconds_between(long started, long completed) {
-    if (started == 0 || completed == 0) {
-        return std::string(absent);
-    }
-    std::ostringstream text;
-    text << std::fixed << std::setprecision(2) << static_cast<double>(static_cast<std::uint32_t>(completed - started)) / 100;
-    return text.str();
 }
 
 // An empty table looks like none.
@@ -78,23 +49,21 @@ void list_requests(Session &session, const Output &output) {
                          copy_cell(column_address, index), copy_cell(column_file_name, index), copy_cell(column_user_name, index),
                          copy_cell(column_state, index), copy_cell(column_fail_cause, index), copy_cell(column_time_started, index),
                          copy_cell(column_time_completed, index)});
-        if (number(values[6]) == 0) {
+        const auto state = number(values[6]);
+        if (!state) {
             continue; // gone since
         }
-        const auto side = [&](long type) {
-            if (type != static_cast<long>(FileType::network)) {
-                return type_name(type);
+        const auto side = [&](const Value &type) {
+            if (type != Value(static_cast<long>(FileType::network))) {
+                return type_name(number(type).value_or(0));
             }
-            const std::string address = octets(values[3]);
-            const std::string server = address.empty() ? "?" : address_text(address);
-            const std::string user = octets(values[5]);
-            return std::string(name_of(static_cast<Protocol>(number(values[2])))) + "://" + (user.empty() ? "" : user + '@') +
-                   (address.size() == 16 ? '[' + server + ']' : server) + '/' + octets(values[4]);
+            const auto protocol = static_cast<Protocol>(number(values[2]).value_or(0));
+            return printable(url_text(protocol, octets(values[5]), address_text(octets(values[3])), octets(values[4])));
         };
-        const long state = number(values[6]);
-        rows.push_back({std::to_string(index), printable(side(number(values[0]))), printable(side(number(values[1]))), state_name(state),
-                        state == state_failed ? cause_name(number(values[7])) : std::string(absent),
-                        seconds_between(number(values[8]), number(values[9]))});
+        const auto seconds = seconds_between(values[8], values[9]);
+        rows.push_back({std::to_string(index), side(values[0]), side(values[1]), state_name(*state),
+                        state == state_failed ? cause_name(number(values[7]).value_or(0)) : std::string(absent),
+                        seconds ? seconds_text(*seconds) : std::string(absent)});
     }
     output.table({"INDEX", "FROM", "TO", "STATE", "CAUSE", "SECONDS"}, rows, "no copy requests on " + session.agent());
 }
@@ -112,8 +81,8 @@ void list_errors(Session &session, std::optional<oid> index, const Output &outpu
 
 void abort_request(Session &session, oid index, const Output &output) {
     const std::string name = "request " + std::to_string(index) + " of " + session.agent();
-    const auto state = session.get({copy_cell(column_state, index)}).front();
-    if (number(state) == 0) {
+    const auto state = number(session.get({copy_cell(column_state, index)}).front());
+    if (!state) {
         check_table(session);
         throw Failure(Ending::failed, "there is no " + name + ": see `config-copy list " + session.agent() + '`');
     }
@@ -125,11 +94,11 @@ void abort_request(Session &session, oid index, const Output &output) {
     if (result && result->status != SNMP_ERR_NOERROR) {
         throw Failure(Ending::refused, session.agent() + ": " + words_of_refusal(result->status, column_row_status));
     }
-    if (!result && number(session.get({copy_cell(column_state, index)}).front()) != 0) {
+    if (!result && number(session.get({copy_cell(column_state, index)}).front())) {
         throw Failure(Ending::unreachable,
                       session.agent() + " did not answer the removal of request " + std::to_string(index) + ": try again");
     }
-    output.removed(session.agent(), index, name + " removed" + (number(state) == state_running ? ", while its copy was running" : ""));
+    output.removed(session.agent(), index, name + " removed" + (state == state_running ? ", while its copy was running" : ""));
 }
 
 } // namespace config_copy

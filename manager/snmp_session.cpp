@@ -3,6 +3,7 @@
 #include "manager/agent_address.h"
 #include "manager/failure.h"
 #include "manager/interrupt.h"
+#include "manager/outcome.h"
 
 #include <net-snmp/library/large_fd_set.h>
 
@@ -65,6 +66,16 @@ std::string words_of_report(int error) {
 }
 
 } // namespace
+
+std::optional<long> number(const Value &value) {
+    const long *found = std::get_if<long>(&value);
+    return found == nullptr ? std::nullopt : std::optional(*found);
+}
+
+std::string octets(const Value &value) {
+    const auto *found = std::get_if<std::string>(&value);
+    return found == nullptr ? "" : *found;
+}
 
 struct Session::Pending {
     bool ended = false;
@@ -363,10 +374,7 @@ std::vector<Value> Session::get(const std::vector<Oid> &names) {
     if (answer->errstat == SNMP_ERR_NOSUCHNAME) {
         return values;
     }
-    if (answer->errstat != SNMP_ERR_NOERROR) {
-        throw Failure(Ending::refused, agent_ + " refuses a read with " + ::snmp_errstring(static_cast<int>(answer->errstat)) +
-                                           ": the user needs a read view with .1.3.6.1.4.1.41927.9.96");
-    }
+    check_read(*answer);
     std::size_t i = 0;
     for (const netsnmp_variable_list *variable = answer->variables; variable != nullptr && i < values.size();
          variable = variable->next_variable) {
@@ -380,17 +388,31 @@ bool Session::has_object(const Oid &name) {
     return answer->variables == nullptr || answer->variables->type != SNMP_NOSUCHOBJECT;
 }
 
+void Session::check_read(const netsnmp_pdu &answer) const {
+    if (answer.errstat != SNMP_ERR_NOERROR) {
+        throw Failure(Ending::refused,
+                      agent_ + " refuses a read with " + ::snmp_errstring(static_cast<int>(answer.errstat)) + ": " + read_view_needed);
+    }
+}
+
+// The first instance behind the name, whatever it is; nothing at the end of the agent's objects.
 std::optional<Binding> Session::next(const Oid &name) {
     const Pdu answer = ask_again_and_again(SNMP_MSG_GETNEXT, {{name, {}}});
     const netsnmp_variable_list *variable = answer->variables;
     if (answer->errstat == SNMP_ERR_NOSUCHNAME || variable == nullptr || variable->type == SNMP_ENDOFMIBVIEW) {
         return std::nullopt;
     }
-    if (answer->errstat != SNMP_ERR_NOERROR) {
-        throw Failure(Ending::refused, agent_ + " refuses a read with " + ::snmp_errstring(static_cast<int>(answer->errstat)) +
-                                           ": the user needs a read view with .1.3.6.1.4.1.41927.9.96");
-    }
+    check_read(*answer);
     return Binding{Oid(variable->name, variable->name + variable->name_length), value_of(*variable)};
+}
+
+std::vector<Binding> Session::instances(const Oid &name) {
+    std::vector<Binding> found;
+    for (auto at = next(name); at && at->name.size() == name.size() + 1 && std::equal(name.begin(), name.end(), at->name.begin());
+         at = next(found.back().name)) {
+        found.push_back(std::move(*at));
+    }
+    return found;
 }
 
 std::optional<SetResult> Session::set(const std::vector<Binding> &bindings) {

@@ -24,6 +24,10 @@ using Milliseconds = std::chrono::milliseconds;
 // A value as the copy table has them: a number, octets, or nothing where there is no such instance.
 using Value = std::variant<std::monostate, long, std::string>;
 
+// What is no number is nothing, what are no octets is empty.
+std::optional<long> number(const Value &value);
+std::string octets(const Value &value);
+
 struct Binding {
     Oid name;
     Value value;
@@ -54,8 +58,8 @@ class Session {
     // is true.
     bool has_object(const Oid &name);
 
-    // The first instance behind the name, whatever it is; nothing at the end of the agent's objects.
-    std::optional<Binding> next(const Oid &name);
+    // The instances whose names are this one and one number more, as those of a column are.
+    std::vector<Binding> instances(const Oid &name);
 
     // Sends the SET once: one that is repeated may come twice. Nothing when it is not known whether it was carried out.
     std::optional<SetResult> set(const std::vector<Binding> &bindings);
@@ -83,6 +87,8 @@ class Session {
     void await(Pending &pending);
     bool wait_for_input(Milliseconds time) const;
     Pdu ask_again_and_again(int command, const std::vector<Binding> &bindings);
+    std::optional<Binding> next(const Oid &name);
+    void check_read(const netsnmp_pdu &answer) const;
     [[noreturn]] void give_up_silent() const;
     std::string seconds_waited() const;
 
