@@ -130,7 +130,7 @@ FileUrl parse_url(std::string_view text, std::size_t scheme_length) {
     if (url.protocol == Protocol::tftp && !url.user.empty()) {
         throw bad_usage("TFTP knows no users: leave out " + quoted(url.user + '@') + ", or use another protocol");
     }
-    if ((url.protocol == Protocol::ftp || url.protocol == Protocol::sftp) && url.user.empty()) {
+    if (url.protocol != Protocol::tftp && url.user.empty()) {
         throw bad_usage("no user in " + quoted(text) + ": write " + std::string(name_of(url.protocol)) + "://user@host/path");
     }
     if (url.user.size() > longest_user_name) {
@@ -259,7 +259,7 @@ bool needs_password(const FileUrl &url) {
 }
 
 bool takes_password(const FileUrl &url) {
-    return needs_password(url) || (url.protocol == Protocol::scp && !url.user.empty());
+    return needs_password(url) || url.protocol == Protocol::scp;
 }
 
 } // namespace config_copy

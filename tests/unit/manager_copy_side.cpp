@@ -39,7 +39,7 @@ TEST(CopySide, Urls) {
     EXPECT_EQ("Joe", ftp.url.user);
     EXPECT_EQ("files.example.net", ftp.url.host);
     EXPECT_EQ(Protocol::sftp, parse_side("sftp://u@h/a").url.protocol);
-    EXPECT_EQ(Protocol::scp, parse_side("scp://h/a").url.protocol);
+    EXPECT_EQ(Protocol::scp, parse_side("scp://u@h/a").url.protocol);
 }
 
 TEST(CopySide, Ipv6InBrackets) {
@@ -95,6 +95,8 @@ TEST(CopySide, RefusedUrls) {
     EXPECT_EQ("TFTP knows no users: leave out \"u@\", or use another protocol", refusal("tftp://u@h/a"));
     EXPECT_EQ("no user in \"sftp://h/a\": write sftp://user@host/path", refusal("sftp://h/a"));
     EXPECT_EQ("no user in \"ftp://h/a\": write ftp://user@host/path", refusal("ftp://h/a"));
+    EXPECT_EQ("no user in \"scp://h/a\": write scp://user@host/path", refusal("scp://h/a"));
+    EXPECT_EQ("no user in \"scp://@h/a\": write scp://user@host/path", refusal("scp://@h/a"));
     EXPECT_EQ("no password belongs into a URL, where others see it: use --password-file, standard input or the prompt",
               refusal("ftp://u:p@h/a"));
     EXPECT_EQ("a port can't be chosen (\"scp://h:22/a\"): the switch uses the protocol's own, so leave it out", refusal("scp://h:22/a"));
@@ -140,7 +142,6 @@ TEST(CopySide, WhoNeedsAPassword) {
     EXPECT_FALSE(takes_password(url("tftp://h/a")));
     EXPECT_FALSE(needs_password(url("scp://u@h/a")));
     EXPECT_TRUE(takes_password(url("scp://u@h/a")));
-    EXPECT_FALSE(takes_password(url("scp://h/a")));
 }
 
 } // namespace

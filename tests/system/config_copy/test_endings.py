@@ -80,6 +80,8 @@ def test_request_that_somebody_removes(operator):
     ((AGENT, "running", "running"), "from running to running is no copy: name two different sides"),
     ((AGENT, "http://h/a", "running"), 'unknown scheme "http": use tftp, ftp, sftp or scp'),
     ((AGENT, "running", "tftp:///a"), 'no host in "tftp:///a": write tftp://host/path'),
+    ((AGENT, "running", f"scp://{SERVER4}/a"), f'no user in "scp://{SERVER4}/a": write scp://user@host/path'),
+    ((AGENT, f"sftp://{SERVER4}/a", "running"), f'no user in "sftp://{SERVER4}/a": write sftp://user@host/path'),
     ((AGENT, "running", "tftp://127.0.0.1/a"), 'the file server "127.0.0.1" is 127.0.0.1, which on the switch is the switch itself: write the address by '
                                                "which the switch reaches the server"),
     ((AGENT, "running", f"sftp://u@{SERVER4}/a"), f"no password of u@{SERVER4} on standard input: give it at the prompt, with --password-file FILE, or on "
