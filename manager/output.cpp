@@ -108,20 +108,25 @@ void Output::summary(const std::vector<Outcome> &outcomes) {
     std::cout << '}' << std::endl;
 }
 
-void Output::table(const std::vector<std::string> &headings, const std::vector<std::vector<std::string>> &rows,
+void Output::table(const std::vector<Heading> &headings, const std::vector<std::vector<std::string>> &rows,
                    std::string_view when_empty) const {
     if (is_json_) {
         for (const auto &row : rows) {
             for (std::size_t i = 0; i < headings.size(); ++i) {
-                std::cout << (i == 0 ? "{" : ", ") << json_string(in_lower_case(headings[i])) << ": "
-                          << (row[i] == absent ? "null" : json_string(row[i]));
+                const std::string value = headings[i].cells == Heading::numbers ? row[i] : json_string(row[i]);
+                std::cout << (i == 0 ? "{" : ", ") << json_string(in_lower_case(headings[i].text)) << ": "
+                          << (row[i] == absent ? "null" : value);
             }
             std::cout << "}\n";
         }
     } else if (rows.empty()) {
         line(when_empty);
     } else {
-        for (const std::string &text : table_lines(headings, rows)) {
+        std::vector<std::string> texts;
+        for (const Heading &heading : headings) {
+            texts.push_back(heading.text);
+        }
+        for (const std::string &text : table_lines(texts, rows)) {
             std::cout << text << '\n';
         }
     }
@@ -136,7 +141,7 @@ void Output::line(std::string_view text) const {
 
 void Output::removed(std::string_view agent, unsigned long index, std::string_view text) const {
     if (is_json_) {
-        std::cout << "{\"agent\": " << json_string(agent) << ", \"index\": \"" << index << "\", \"removed\": true}" << std::endl;
+        std::cout << "{\"agent\": " << json_string(agent) << ", \"index\": " << index << ", \"removed\": true}" << std::endl;
     }
     line(text);
 }

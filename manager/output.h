@@ -14,6 +14,12 @@ namespace config_copy {
 
 inline constexpr std::string_view absent = "-"; // in a table
 
+// A column's heading and what its cells hold.
+struct Heading {
+    std::string text;
+    enum { words, numbers } cells = words;
+};
+
 class Output {
   public:
     Output(bool is_quiet, bool is_json);
@@ -29,8 +35,7 @@ class Output {
     void summary(const std::vector<Outcome> &outcomes);
 
     // Rows under headings; in JSON an object a row, with the headings in lower case as its keys and null for what is absent.
-    void table(const std::vector<std::string> &headings, const std::vector<std::vector<std::string>> &rows,
-               std::string_view when_empty) const;
+    void table(const std::vector<Heading> &headings, const std::vector<std::vector<std::string>> &rows, std::string_view when_empty) const;
 
     void line(std::string_view text) const;
 

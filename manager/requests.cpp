@@ -65,7 +65,8 @@ void list_requests(Session &session, const Output &output) {
                         state == state_failed ? cause_name(number(values[7]).value_or(0)) : std::string(absent),
                         seconds ? seconds_text(*seconds) : std::string(absent)});
     }
-    output.table({"INDEX", "FROM", "TO", "STATE", "CAUSE", "SECONDS"}, rows, "no copy requests on " + session.agent());
+    output.table({{"INDEX", Heading::numbers}, {"FROM"}, {"TO"}, {"STATE"}, {"CAUSE"}, {"SECONDS", Heading::numbers}}, rows,
+                 "no copy requests on " + session.agent());
 }
 
 void list_errors(Session &session, std::optional<oid> index, const Output &output) {
@@ -76,7 +77,8 @@ void list_errors(Session &session, std::optional<oid> index, const Output &outpu
             rows.push_back({std::to_string(request), address.empty() ? std::string(absent) : address, wwn, text});
         }
     }
-    output.table({"INDEX", "ADDRESS", "SWITCH", "REPORTED"}, rows, "no errors of fabric saves on " + session.agent());
+    output.table({{"INDEX", Heading::numbers}, {"ADDRESS"}, {"SWITCH"}, {"REPORTED"}}, rows,
+                 "no errors of fabric saves on " + session.agent());
 }
 
 void abort_request(Session &session, oid index, const Output &output) {

@@ -15,8 +15,8 @@ def test_list(operator):
     assert lines[2][:5] == ["6", f"tftp://[{SERVER6}]/absent.cfg", "running", "failed", "badFileName"] and float(lines[2][5]) >= 0
     assert config_copy("list", "-v1", "-c", "lab", AGENT).out == done.out
     first, second = config_copy("--json", "list", AGENT).objects()
-    assert first == {"index": "5", "from": "running", "to": f"tftp://joe@{SERVER4}/a.cfg", "state": "waiting", "cause": None, "seconds": None}
-    assert second["cause"] == "badFileName"
+    assert first == {"index": 5, "from": "running", "to": f"tftp://joe@{SERVER4}/a.cfg", "state": "waiting", "cause": None, "seconds": None}
+    assert (second["index"], second["cause"], second["seconds"]) == (6, "badFileName", float(lines[2][5]))
 
 
 def test_abort(operator):
@@ -27,7 +27,7 @@ def test_abort(operator):
         assert (done.status, done.out) == (DONE, f"request {request.index} of {AGENT} removed, while its copy was running\n")
         assert not request.exists()
     request = Request(operator).create()
-    assert config_copy("--json", "abort", AGENT, request.index).objects() == [{"agent": AGENT, "index": str(request.index), "removed": True}]
+    assert config_copy("--json", "abort", AGENT, request.index).objects() == [{"agent": AGENT, "index": request.index, "removed": True}]
     done = config_copy("abort", AGENT, request.index)
     assert (done.status, done.err) == (FAILED, f"config-copy: there is no request {request.index} of {AGENT}: see `config-copy list {AGENT}`\n")
 
@@ -59,4 +59,6 @@ def test_errors(operator):
     assert lines == [[str(request.index), AGENT, "20:00:00:00:00:00:00:01", "saved"], [str(request.index), "192.0.2.11", "20:00:00:00:00:00:00:02", "no answer in 1 s"]]
     assert config_copy("errors", AGENT, request.index).out == done.out
     assert config_copy("errors", AGENT, request.index + 1).out == f"no errors of fabric saves on {AGENT}\n"
-    assert len(config_copy("--json", "errors", AGENT).objects()) == 2
+    own, other = sorted(config_copy("--json", "errors", AGENT).objects(), key=lambda error: error["switch"])
+    assert own == {"index": request.index, "address": AGENT, "switch": "20:00:00:00:00:00:00:01", "reported": "saved"}
+    assert (other["index"], other["reported"]) == (request.index, "no answer in 1 s")
