@@ -7,6 +7,7 @@ import select
 import shutil
 import signal
 import subprocess
+import termios
 import time
 from pathlib import Path
 
@@ -42,11 +43,16 @@ def ended(process, within=30):
 
 
 def on_terminal(*words, answers=(), within=30):
-    """Runs the command on a terminal of its own, which echoes; types each answer when its prompt stands there. (status, all that was shown)."""
+    """Runs the command on a terminal of its own, which echoes; types each answer when its prompt stands there. (status, all that was shown, whether
+    the terminal echoed when each answer was typed and at the end)."""
     pid, terminal = pty.fork()
     if pid == 0:
         os.execvp("config-copy", ["config-copy", *map(str, words)])
-    shown, answers, deadline = b"", list(answers), time.monotonic() + within
+    shown, echoes, answers, deadline = b"", [], list(answers), time.monotonic() + within
+
+    def note_echo():
+        echoes.append(bool(termios.tcgetattr(terminal)[3] & termios.ECHO))
+
     try:
         while True:
             assert time.monotonic() < deadline, shown
@@ -57,10 +63,12 @@ def on_terminal(*words, answers=(), within=30):
             except OSError:  # the other end is closed
                 break
             if answers and answers[0][0].encode() in shown:
+                note_echo()
                 os.write(terminal, answers.pop(0)[1].encode())
+        note_echo()
     finally:
         os.close(terminal)
-    return os.waitstatus_to_exitcode(os.waitpid(pid, 0)[1]), shown.decode()
+    return os.waitstatus_to_exitcode(os.waitpid(pid, 0)[1]), shown.decode(), echoes
 
 
 class Agent:

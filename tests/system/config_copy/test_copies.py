@@ -12,8 +12,8 @@ vlans = itertools.count(200)
 VERSIONS = pytest.mark.parametrize("options", [(), ("-v2c", "-c", "lab"), ("-v1", "-c", "lab")], ids=["v3", "v2c", "v1"])
 
 
-def account(protocol="sftp"):
-    return f"{protocol}://{os.environ['LAB_USER']}@{SERVER4}"
+def account(protocol="sftp", server=SERVER4):
+    return f"{protocol}://{os.environ['LAB_USER']}@{server}"
 
 
 @pytest.fixture(autouse=True)
@@ -52,6 +52,17 @@ def test_saves(options, to, lines_of, tmp_path):
     done = config_copy(*options, AGENT, "running", to)
     assert done.status == DONE, done
     assert startup() == running()
+
+
+@SERVERS
+@pytest.mark.parametrize("protocol", ["ftp", "sftp", "scp"])
+def test_there_and_back_with_a_password(protocol, server, lines_of):
+    serve("new.cfg", lines_of(f"vlan {next(vlans)}"))
+    for words in ((f"{account(protocol, server)}/new.cfg", "running"), ("running", f"{account(protocol, server)}/back.cfg")):
+        done = config_copy(AGENT, *words, stdin=os.environ["LAB_PASSWORD"] + "\n")
+        assert done.status == DONE and done.out.endswith(" s\n") and f"{words[0]} to {words[1]} copied in" in done.out, done
+    assert (SERVER_ROOT / "new.cfg").read_text() in show("running")
+    assert (SERVER_ROOT / "back.cfg").read_text() == show("running")
 
 
 def test_startup_to_running():
@@ -103,9 +114,9 @@ def test_password_from_a_file(tmp_path):
 
 def test_password_at_the_prompt():
     prompt = f"Password of {os.environ['LAB_USER']}@{SERVER4}: "
-    status, shown = on_terminal(AGENT, "running", f"{account()}/prompt.cfg", answers=[(prompt, os.environ["LAB_PASSWORD"] + "\n")])
+    status, shown, echoes = on_terminal(AGENT, "running", f"{account()}/prompt.cfg", answers=[(prompt, os.environ["LAB_PASSWORD"] + "\n")])
     assert status == DONE, shown
-    assert shown.startswith(prompt) and os.environ["LAB_PASSWORD"] not in shown
+    assert shown.startswith(prompt) and os.environ["LAB_PASSWORD"] not in shown and echoes == [False, True]
     assert (SERVER_ROOT / "prompt.cfg").exists()
 
 
@@ -154,7 +165,7 @@ def test_lines_without_a_terminal():
 
 def test_live_line_on_a_terminal():
     with busy_device():
-        status, shown = on_terminal("--time-limit", "2", AGENT, "running", "startup")
+        status, shown, _ = on_terminal("--time-limit", "2", AGENT, "running", "startup")
     assert status == FAILED
     assert f"\r{AGENT}: running, 0 s\033[K" in shown and f"\r{AGENT}: running, 1 s\033[K" in shown, shown
     assert "\r\033[Kconfig-copy: " in shown

@@ -230,6 +230,15 @@ def test_interruption_aborts_a_save(operator, number, lines_of, tmp_path):
     assert startup() == before
 
 
+@pytest.mark.parametrize("key, number", [("\x03", signal.SIGINT), ("\x04", None)], ids=["ctrl-c", "ctrl-d"])
+def test_the_terminal_echoes_again_after_the_prompt(key, number):
+    prompt = f"Password of u@{SERVER4}: "
+    status, shown, echoes = on_terminal(AGENT, "running", f"sftp://u@{SERVER4}/a", answers=[(prompt, key)])
+    assert status == (-number if number else USAGE) and echoes == [False, True], shown
+    assert shown == f"{prompt}\r\n" + ("" if number else f"config-copy: no password of u@{SERVER4}: give it at the prompt, with --password-file FILE, or on "
+                                                         "standard input\r\n")
+
+
 def test_reader_that_goes(operator):
     """As in `config-copy … | head -0`."""
     with busy_device():

@@ -96,6 +96,36 @@ def test_quiet(own_agents, tmp_path):
     assert (done.status, done.out, done.err) == (DONE, "", "")
 
 
+def test_waiting_for_turns(own_agents, tmp_path, broken_link):
+    """A copy that hangs makes one agent busy; the other one's is done meanwhile."""
+    busy, free = [agent.name for agent in own_agents(2, SETTINGS)]
+    words = (*USER, "--hosts", hosts_file(tmp_path, [busy, free]), "startup", "running")
+    hanging = started(*USER, busy, "running", f"tftp://{SERVER4}/hanging.cfg")
+    assert hanging.stdout.readline() == f"{busy}: running\n"
+    for options, ending in ((), ": try again later, or queue with --wait-turn SECONDS"), (("--wait-turn", 1), " and did not end in 1 s"):
+        done = config_copy(*options, *words)
+        assert done.status == BUSY and done.out.endswith("\n2 agents: 1 done, 1 busy\n") and done.out.startswith(f"{free}: "), done
+        assert done.err == f"config-copy: {busy}: another copy is in progress{ending}\n"
+    waiting = started("--wait-turn", 30, *words)
+    assert waiting.stdout.readline().startswith(f"{free}: startup to running copied in ")
+    broken_link()
+    assert ended(hanging).status == DONE
+    done = ended(waiting)
+    assert done.status == DONE and done.out.startswith(f"{busy}: startup to running copied in ") and done.out.endswith("\n2 agents: 2 done\n"), done
+
+
+def test_time_limit(own_agents, tmp_path, broken_link):
+    """Of each copy by itself: with one job, the second one has its full time."""
+    agents = [agent.name for agent in own_agents(2, SETTINGS)]
+    began = time.monotonic()
+    done = config_copy(*USER, "--time-limit", 1, "--jobs", 1, "--hosts", hosts_file(tmp_path, agents), "running", f"tftp://{SERVER4}/{{host}}")
+    assert 2 <= time.monotonic() - began < 10
+    assert done.status == FAILED and done.out == "2 agents: 0 done, 2 failed\n", done
+    assert sorted(done.err.splitlines()) == [f"config-copy: {agent}: not finished in 1 s, so the request was given up: does the system manager run? (--time-limit "
+                                             "gives more time)" for agent in sorted(agents)]
+    assert [config_copy(*USER, "list", agent).out for agent in agents] == [f"no copy requests on {agent}\n" for agent in agents]
+
+
 def test_interruption(own_agents, tmp_path, broken_link):
     """The transfers hang; no request stays on any agent."""
     agents = own_agents(2, SETTINGS)
