@@ -90,14 +90,15 @@ class Run {
         if (!is_save()) {
             return {};
         }
-        for (const auto &[name, value] : session_.instances(copy_column(column_state))) {
-            if (number(value) == state_waiting) {
-                const std::string index = std::to_string(name.back());
-                return "another manager's request " + index + " waits to be started and would be spoilt by this save (`config-copy abort " +
-                       session_.agent() + ' ' + index + "` removes it)";
-            }
+        const auto states = session_.instances(copy_column(column_state));
+        const auto waiting =
+            std::find_if(states.begin(), states.end(), [](const Binding &state) { return number(state.value) == state_waiting; });
+        if (waiting == states.end()) {
+            return {};
         }
-        return {};
+        const std::string index = std::to_string(waiting->name.back());
+        return "another manager's request " + index + " waits to be started and would be spoilt by this save (`config-copy abort " +
+               session_.agent() + ' ' + index + "` removes it)";
     }
 
     // --- the request ---

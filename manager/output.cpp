@@ -123,6 +123,7 @@ void Output::table(const std::vector<Heading> &headings, const std::vector<std::
         line(when_empty);
     } else {
         std::vector<std::string> texts;
+        texts.reserve(headings.size());
         for (const Heading &heading : headings) {
             texts.push_back(heading.text);
         }

@@ -134,6 +134,11 @@ TEST(CopySide, ValueOfHost) {
     EXPECT_EQ("etc-passwd", host_value("/etc/passwd"));
 }
 
+TEST(CopySide, UrlInWords) {
+    EXPECT_EQ("tftp://192.0.2.1/a b", url_text(Protocol::tftp, "", "192.0.2.1", "a b"));
+    EXPECT_EQ("sftp://u@[2001:db8::1]//a", url_text(Protocol::sftp, "u", "2001:db8::1", "/a"));
+}
+
 TEST(CopySide, WhoNeedsAPassword) {
     const auto url = [](const char *text) { return parse_side(text).url; };
     EXPECT_TRUE(needs_password(url("sftp://u@h/a")));

@@ -1,6 +1,7 @@
 // Outcomes in words and in JSON.
 #include "manager/outcome.h"
 
+#include "manager/copy_run.h"
 #include "manager/copy_table.h"
 #include "manager/output.h"
 #include "manager_support.h"
@@ -67,6 +68,15 @@ TEST(Outcome, StatusOfSeveral) {
     EXPECT_EQ(Ending::failed, status({Ending::busy, Ending::done, Ending::unreachable}));
     EXPECT_EQ(Ending::failed, status({Ending::busy, Ending::refused, Ending::refused}));
     EXPECT_EQ(Ending::busy, status({Ending::busy}));
+}
+
+TEST(Outcome, Duration) {
+    EXPECT_EQ(1.25, seconds_between(1000L, 1125L));
+    EXPECT_EQ(0.02, seconds_between(0xFFFFFFFFL, 1L)) << "the agent's clock has begun anew";
+    EXPECT_EQ(std::nullopt, seconds_between(1000L, 0L)) << "not ended";
+    EXPECT_EQ(std::nullopt, seconds_between(0L, 1000L));
+    EXPECT_EQ(std::nullopt, seconds_between({}, {})) << "gone";
+    EXPECT_EQ("1.20", seconds_text(1.2));
 }
 
 TEST(Outcome, Summary) {
