@@ -1,6 +1,7 @@
 #include "platform/chassis.h"
 #include "platform/host/vrf.h"
 #include "tests/unit/scratch.h"
+#include "tests/unit/superuser.h"
 
 #include <gtest/gtest.h>
 
@@ -109,9 +110,7 @@ TEST(Vrf, UnknownNameHasNoNumberAndCannotBeEntered) {
 class VrfNamespace : public testing::Test {
   protected:
     void SetUp() override {
-        if (::geteuid() != 0) {
-            GTEST_SKIP() << "network namespaces are made by root only";
-        }
+        REQUIRE_SUPERUSER("makes network namespaces");
         ASSERT_TRUE(blue.made() && red.made());
     }
     Scratch scratch;

@@ -3,6 +3,7 @@
 #include "platform/host/configuration_text.h"
 #include "platform/host/state_file.h"
 #include "tests/unit/host_device_fixture.h"
+#include "tests/unit/superuser.h"
 
 #include <sys/mount.h>
 #include <sys/wait.h>
@@ -480,9 +481,7 @@ TEST_F(DeviceBackend, AKilledWriterLeavesWholeFiles) {
 }
 
 TEST_F(DeviceBackend, AFullDiskChangesNothing) {
-    if (::geteuid() != 0) {
-        GTEST_SKIP() << "mounting a small disk needs root";
-    }
+    REQUIRE_SUPERUSER("mounts a small disk");
     // In a mount namespace of its own, so that the disk goes with the process.
     EXPECT_EQ(in_child([this] {
                   if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||

@@ -2,6 +2,7 @@
 #include "platform/host/fabric_status.h"
 #include "platform/host/wwn.h"
 #include "tests/unit/scratch.h"
+#include "tests/unit/superuser.h"
 
 #include <gtest/gtest.h>
 
@@ -231,11 +232,7 @@ std::string management_name() {
 
 class Network : public Fabric {
   protected:
-    void SetUp() override {
-        if (::geteuid() != 0) {
-            GTEST_SKIP() << "network namespaces are made by root only";
-        }
-    }
+    void SetUp() override { REQUIRE_SUPERUSER("makes network namespaces"); }
 };
 
 constexpr const char *two_ports = "ip link set lo up\nip link add one type veth peer name two\n"

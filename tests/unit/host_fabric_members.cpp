@@ -1,5 +1,6 @@
 #include "platform/host/warden/fabric_members.h"
 #include "tests/unit/scratch.h"
+#include "tests/unit/superuser.h"
 
 #include <gtest/gtest.h>
 
@@ -164,6 +165,7 @@ TEST_F(FabricMembers, CredentialThatCannotBeIsRefused) {
 }
 
 TEST_F(FabricMembers, PassphrasesAreForTheOwnerOnly) {
+    REQUIRE_SUPERUSER("acts in the superuser's group");
     const std::string readable = (scratch.root() / "platform.conf").string() + " holds passphrases and is readable by other users";
     const std::string line = "fabric_member = " + second + " 192.0.2.2 ";
     for (const mode_t mode : {0640U, 0604U, 0644U}) {
@@ -176,9 +178,7 @@ TEST_F(FabricMembers, PassphrasesAreForTheOwnerOnly) {
 }
 
 TEST_F(FabricMembers, PassphrasesMayBeForTheOwnGroupToo) {
-    if (::geteuid() != 0) {
-        GTEST_SKIP() << "needs the superuser to act in another group";
-    }
+    REQUIRE_SUPERUSER("acts in another group");
     constexpr gid_t own_group = 4712;
     const std::string readable = (scratch.root() / "platform.conf").string() + " holds passphrases and is readable by other users";
     ASSERT_EQ(::setegid(own_group), 0);

@@ -2,6 +2,7 @@
 #include "platform/msgbus.h"
 
 #include "host_bus_support.h"
+#include "tests/unit/superuser.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -439,9 +440,7 @@ TEST_F(HostMsgbus, EverybodyMayKnock) {
 }
 
 TEST_F(HostMsgbus, OtherUsersAreRefused) {
-    if (::geteuid() != 0) {
-        GTEST_SKIP() << "needs the superuser to act as another user";
-    }
+    REQUIRE_SUPERUSER("acts as another user");
     MsgbusServer server(sap);
     const auto tell_as_nobody = [] {
         if (::setresuid(host_test::nobody, host_test::nobody, host_test::nobody) != 0) {
@@ -459,9 +458,7 @@ TEST_F(HostMsgbus, OtherUsersAreRefused) {
 }
 
 TEST_F(HostMsgbus, ServerOfAnotherUserIsNotTrusted) {
-    if (::geteuid() != 0) {
-        GTEST_SKIP() << "needs the superuser to act as another user";
-    }
+    REQUIRE_SUPERUSER("acts as another user");
     ASSERT_EQ(::chmod(ulmo::msgbus_dir().c_str(), 0777), 0);
     std::array<int, 2> ready{};
     ASSERT_EQ(::pipe(ready.data()), 0);

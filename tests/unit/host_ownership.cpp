@@ -7,6 +7,7 @@
 #include "platform/host/msgbus_wire.h"
 #include "platform/host/state_file.h"
 #include "tests/unit/scratch.h"
+#include "tests/unit/superuser.h"
 
 #include <gtest/gtest.h>
 
@@ -37,9 +38,7 @@ struct stat status_of(const std::filesystem::path &path) {
 class Ownership : public testing::Test {
   protected:
     void SetUp() override {
-        if (::geteuid() != 0) {
-            GTEST_SKIP() << "only the superuser acts as others";
-        }
+        REQUIRE_SUPERUSER("acts as other users");
         std::filesystem::create_directory(folder_);
         ASSERT_EQ(::chown(folder_.c_str(), platform_user, platform_group), 0);
         std::filesystem::permissions(scratch_.root(), std::filesystem::perms(0755));

@@ -1,5 +1,6 @@
 // Transfers that fail: the results, what the server is told, and that nothing is left behind.
 #include "tests/unit/host_tftp_fixture.h"
+#include "tests/unit/superuser.h"
 
 #include "platform/tftp_client.h"
 
@@ -151,6 +152,7 @@ TEST_F(TftpTest, LastWordsOfAServerThatClosesItsPort) {
 
 // A network namespace where the kernel knows that there is no way to the host.
 TEST_F(TftpTest, HostWithoutAWayIsReportedAsItsNetwork) {
+    REQUIRE_SUPERUSER("makes a network namespace");
     int result = 0;
     int prepared = -1;
     std::thread([&] {
@@ -158,12 +160,13 @@ TEST_F(TftpTest, HostWithoutAWayIsReportedAsItsNetwork) {
         session.connect("192.0.2.1", -1);
         result = session.get("remote", path("got"));
     }).join();
-    ASSERT_EQ(prepared, 0) << "this test needs root and ip(8)";
+    ASSERT_EQ(prepared, 0) << "this test needs ip(8)";
     EXPECT_EQ(result, -201);
 }
 
 // A network namespace without any route.
 TEST_F(TftpTest, NoRouteIsNetworkUnreachable) {
+    REQUIRE_SUPERUSER("makes a network namespace");
     int result = 0;
     int unshared = -1;
     std::thread([&] {
@@ -171,7 +174,7 @@ TEST_F(TftpTest, NoRouteIsNetworkUnreachable) {
         session.connect("192.0.2.1", -1);
         result = session.get("remote", path("got"));
     }).join();
-    ASSERT_EQ(unshared, 0) << "this test needs root";
+    ASSERT_EQ(unshared, 0);
     EXPECT_EQ(result, -201);
     EXPECT_EQ(session.text(result), "Network is unreachable");
 }
@@ -236,6 +239,7 @@ TEST_F(TftpTest, LocalFileThatShrinksIsAnError) {
 }
 
 TEST_F(TftpTest, FullDiskIsToldToTheServer) {
+    REQUIRE_SUPERUSER("mounts a small disk");
     int mounted = -1;
     int result = 0;
     std::size_t left = 0;
@@ -266,7 +270,7 @@ TEST_F(TftpTest, FullDiskIsToldToTheServer) {
         }
     })
         .join();
-    ASSERT_EQ(mounted, 0) << "this test needs root";
+    ASSERT_EQ(mounted, 0);
     EXPECT_EQ(result, -128);
     EXPECT_EQ(left, 0U);
 }

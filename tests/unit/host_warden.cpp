@@ -1,5 +1,6 @@
 // The system manager's daemon: what it does when it is asked for a configuration action, and when it starts and ends.
 #include "tests/unit/host_warden_fixture.h"
+#include "tests/unit/superuser.h"
 
 #include <set>
 
@@ -342,9 +343,7 @@ TEST_F(Warden, NothingBeginsForARequesterThatIsGone) {
 }
 
 TEST_F(Warden, AnotherUsersProcessIsRefused) {
-    if (::geteuid() != 0) {
-        GTEST_SKIP() << "needs the superuser to act as another user";
-    }
+    REQUIRE_SUPERUSER("acts as another user");
     prepare_and_start();
     const auto ask_as_nobody = [](int expected) {
         elsewhere([expected] {
@@ -374,9 +373,7 @@ TEST_F(Warden, AnotherUsersProcessIsRefused) {
 }
 
 TEST_F(Warden, NobodyFillsTheLogByKnocking) {
-    if (::geteuid() != 0) {
-        GTEST_SKIP() << "needs the superuser to act as another user";
-    }
+    REQUIRE_SUPERUSER("acts as another user");
     prepare_and_start();
     const auto began = std::chrono::steady_clock::now();
     elsewhere([] {

@@ -3,6 +3,7 @@
 #include "platform/host/warden/action_process.h"
 #include "platform/host/warden/agent_line.h"
 #include "tests/unit/host_warden_fixture.h"
+#include "tests/unit/superuser.h"
 
 #include <sys/mount.h>
 
@@ -217,9 +218,7 @@ TEST_F(LastSave, ASaveThatWasGivenUpIsNone) {
 }
 
 TEST_F(LastSave, AFullDiskIsNamed) {
-    if (::geteuid() != 0) {
-        GTEST_SKIP() << "mounting a small disk needs root";
-    }
+    REQUIRE_SUPERUSER("mounts a small disk");
     const pid_t process = ::fork();
     if (process == 0) {
         // In a mount namespace of its own, so that the disk goes with the process.
