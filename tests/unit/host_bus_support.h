@@ -1,16 +1,16 @@
 // What the tests of the message bus and of the agent's side share.
 #pragma once
 
+#include "host_child.h"
+
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <string>
 
 namespace host_test {
@@ -77,20 +77,5 @@ struct Platform {
     ScopedVariable run_variable;
     ScopedVariable conf_variable;
 };
-
-// Runs `work` in a plain child of the test's process; its result is the exit status.
-inline pid_t start_child(const std::function<int()> &work) {
-    const pid_t child = ::fork();
-    if (child == 0) {
-        ::_exit(work());
-    }
-    return child;
-}
-
-// Waits for it; the exit status, or -1 when it ended otherwise.
-inline int exit_status_of(pid_t child) {
-    int status = 0;
-    return ::waitpid(child, &status, 0) == child && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
 
 } // namespace host_test

@@ -1,5 +1,6 @@
 #include "platform/chassis.h"
 #include "platform/host/vrf.h"
+#include "tests/unit/host_child.h"
 #include "tests/unit/scratch.h"
 #include "tests/unit/superuser.h"
 
@@ -9,12 +10,15 @@
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <string>
 
 namespace {
+
+using host_test::exit_status_of;
+using host_test::in_child; // whose namespace nobody else shares
+using host_test::start_child;
 
 // A network namespace in /run/netns, as ip-netns(8) makes one.
 class NamedNamespace {
@@ -44,17 +48,6 @@ class NamedNamespace {
 ino_t own_namespace() {
     struct stat status {};
     return ::stat("/proc/self/ns/net", &status) == 0 ? status.st_ino : 0;
-}
-
-// What the call returns in a child process, whose namespace nobody else shares.
-template <typename Call> int in_child(Call call) {
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        ::_exit(call());
-    }
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 TEST(Chassis, TypeComesFromTheSetting) {
@@ -125,9 +118,7 @@ TEST_F(VrfNamespace, KeepsItsNumber) {
     EXPECT_EQ(ulmo::vrf_name(2), blue.name());
     EXPECT_EQ(ulmo::vrf_name(3), red.name());
     EXPECT_EQ(ulmo::vrf_name(4), std::nullopt);
-    struct stat status {};
-    ASSERT_EQ(::stat(scratch.state("vrfs").c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 07777U, 0600U);
+    EXPECT_EQ(Scratch::status_of(scratch.state("vrfs")).st_mode, S_IFREG | 0600U);
 }
 
 TEST_F(VrfNamespace, DirectorySurvivesDamagedLines) {
@@ -146,14 +137,9 @@ TEST_F(VrfNamespace, DirectoryIsNotReachedThroughALink) {
 
 TEST_F(VrfNamespace, TwoProcessesNeverShareANumber) {
     const auto number_of = [](const std::string &name) { return in_child([&] { return vrfdir_get_context_id(name.c_str()); }); };
-    const pid_t other = ::fork();
-    if (other == 0) {
-        ::_exit(vrfdir_get_context_id(red.name().c_str()) > 0 ? 0 : 1);
-    }
+    const pid_t other = start_child([&] { return vrfdir_get_context_id(red.name().c_str()) > 0 ? 0 : 1; });
     const int first = number_of(blue.name());
-    int status = 0;
-    ::waitpid(other, &status, 0);
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(exit_status_of(other), 0);
     const int second = number_of(red.name());
     EXPECT_EQ(first + second, 2 + 3);
     EXPECT_NE(first, second);

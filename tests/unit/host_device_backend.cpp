@@ -2,6 +2,7 @@
 
 #include "platform/host/configuration_text.h"
 #include "platform/host/state_file.h"
+#include "tests/unit/host_child.h"
 #include "tests/unit/host_device_fixture.h"
 #include "tests/unit/superuser.h"
 
@@ -27,26 +28,6 @@ using ulmo::ConfigurationError;
 using ulmo::ConfigurationStore;
 
 constexpr const char *factory = "hostname switch\nend\n";
-
-// Runs `body` in a process of its own and returns its exit status, 100 for an exception, or -1 when a signal ended it.
-// `meanwhile` runs in this process.
-int in_child(
-    const std::function<int()> &body, const std::function<void()> &meanwhile = [] {}) {
-    const pid_t child = ::fork();
-    if (child == 0) {
-        int status = 100;
-        try {
-            status = body();
-        } catch (const std::exception &error) {
-            std::fprintf(stderr, "child: %s\n", error.what());
-        }
-        ::_exit(status);
-    }
-    meanwhile();
-    int status = 0;
-    EXPECT_EQ(::waitpid(child, &status, 0), child);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
 
 template <typename Operation> std::string failure(Operation operation) {
     try {
@@ -391,20 +372,16 @@ TEST_F(DeviceBackend, ConcurrentReadersSeeWholeConfigurations) {
         }
     };
     // The writer is forked before there are threads, whose locks it would inherit.
-    std::thread first_reader;
-    std::thread second_reader;
-    const int written = in_child(
-        [&] {
-            for (unsigned i = 1; i <= 60; ++i) {
-                device()->apply(version(i));
-                device()->save();
-            }
-            return 0;
-        },
-        [&] {
-            first_reader = std::thread(read);
-            second_reader = std::thread(read);
-        });
+    const pid_t writer = host_test::start_child([&] {
+        for (unsigned i = 1; i <= 60; ++i) {
+            device()->apply(version(i));
+            device()->save();
+        }
+        return 0;
+    });
+    std::thread first_reader(read);
+    std::thread second_reader(read);
+    const int written = host_test::exit_status_of(writer);
     done = true;
     first_reader.join();
     second_reader.join();
@@ -483,7 +460,7 @@ TEST_F(DeviceBackend, AKilledWriterLeavesWholeFiles) {
 TEST_F(DeviceBackend, AFullDiskChangesNothing) {
     REQUIRE_SUPERUSER("mounts a small disk");
     // In a mount namespace of its own, so that the disk goes with the process.
-    EXPECT_EQ(in_child([this] {
+    EXPECT_EQ(host_test::in_child([this] {
                   if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
                       ::mount("small", state().c_str(), "tmpfs", 0, "size=64k,mode=0700") != 0) {
                       return 1;

@@ -5,15 +5,11 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
-
-#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
 #include <string>
-#include <system_error>
 
 inline std::string content(const std::filesystem::path &path) {
     std::ifstream file(path, std::ios::binary);
@@ -24,11 +20,7 @@ inline std::string content(const std::filesystem::path &path) {
 }
 
 inline mode_t permissions(const std::filesystem::path &path) {
-    struct stat status {};
-    if (::lstat(path.c_str(), &status) != 0) {
-        throw std::system_error(errno, std::generic_category(), path.string());
-    }
-    return status.st_mode & 07777U;
+    return Scratch::status_of(path).st_mode & 07777U;
 }
 
 class DeviceTest : public testing::Test {

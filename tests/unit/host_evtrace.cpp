@@ -52,12 +52,6 @@ std::vector<std::string> texts_of(const HistoryRing &ring) {
     return texts;
 }
 
-struct stat status_of(const std::filesystem::path &file) {
-    struct stat status {};
-    EXPECT_EQ(::lstat(file.c_str(), &status), 0) << file;
-    return status;
-}
-
 class History : public testing::Test {
   protected:
     Scratch scratch;
@@ -137,7 +131,7 @@ TEST_F(History, IsForItsOwnerOnly) {
     ::umask(0);
     const HistoryRing ring = HistoryRing::open(file, 64);
     ::umask(022);
-    EXPECT_EQ(status_of(file).st_mode, S_IFREG | 0600U);
+    EXPECT_EQ(Scratch::status_of(file).st_mode, S_IFREG | 0600U);
 }
 
 TEST_F(History, FollowsNoLink) {
@@ -178,7 +172,7 @@ TEST_F(History, StartsAnewOnAForeignFile) {
         EXPECT_EQ(texts_of(ring).size(), 0U) << i;
         ring.write(module_id, EVTRACE_DEBUG, "new");
         EXPECT_EQ(texts_of(HistoryRing::open_for_reading(file)), std::vector<std::string>{"new"}) << i;
-        EXPECT_EQ(status_of(file).st_mode, S_IFREG | 0600U) << i;
+        EXPECT_EQ(Scratch::status_of(file).st_mode, S_IFREG | 0600U) << i;
     }
     Scratch::write(file, whole);
     EXPECT_EQ(texts_of(HistoryRing::open(file, 64)), std::vector<std::string>{"old"}) << "the undamaged file is taken";
@@ -188,7 +182,7 @@ TEST_F(History, DoesNotTrustAFileThatOthersCanOpen) {
     HistoryRing::open(file, 64).write(module_id, EVTRACE_DEBUG, "old");
     ::chmod(file.c_str(), 0666);
     EXPECT_TRUE(texts_of(HistoryRing::open(file, 64)).empty());
-    EXPECT_EQ(status_of(file).st_mode, S_IFREG | 0600U);
+    EXPECT_EQ(Scratch::status_of(file).st_mode, S_IFREG | 0600U);
 }
 
 TEST_F(History, ReplacingLeavesTheOldMappingUsable) {

@@ -1,6 +1,7 @@
 #include "platform/fabric.h"
 #include "platform/host/fabric_status.h"
 #include "platform/host/wwn.h"
+#include "tests/unit/host_child.h"
 #include "tests/unit/scratch.h"
 #include "tests/unit/superuser.h"
 
@@ -10,7 +11,6 @@
 #include <net/if.h>
 #include <sched.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -189,9 +189,7 @@ TEST_F(Fabric, WhatIsWrittenIsRead) {
     switches[1].text = "two\nlines\tand a tab";
     ulmo::write_fabric_status(switches);
     EXPECT_EQ(walk(), (Texts{"01 l - saved", "02 r 2001:db8::7 two lines and a tab", "03 r - "}));
-    struct stat status {};
-    ASSERT_EQ(::stat(scratch.run("fabric-status").c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 07777U, 0600U);
+    EXPECT_EQ(Scratch::status_of(scratch.run("fabric-status")).st_mode, S_IFREG | 0600U);
     ulmo::write_fabric_status({});
     EXPECT_EQ(walk(), Texts{});
     EXPECT_FALSE(std::filesystem::exists(scratch.run("fabric-status.new")));
@@ -208,19 +206,15 @@ TEST_F(Fabric, FailedWriteLeavesTheOldFile) {
 
 // What the call returns in a child process with its own network, which `setup` (shell commands) has set up. 77: no such namespace.
 template <typename Call> int in_network(const std::string &setup, Call call) {
-    const pid_t pid = ::fork();
-    if (pid == 0) {
+    return host_test::in_child([&] {
         if (::unshare(CLONE_NEWNET) != 0) {
-            ::_exit(77);
+            return 77;
         }
         if (::system(("set -e\n" + setup).c_str()) != 0) {
-            ::_exit(78);
+            return 78;
         }
-        ::_exit(call());
-    }
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        return call();
+    });
 }
 
 std::string management_name() {

@@ -6,6 +6,7 @@
 #include "platform/host/msgbus_server.h"
 #include "platform/host/msgbus_wire.h"
 #include "platform/host/state_file.h"
+#include "tests/unit/host_child.h"
 #include "tests/unit/scratch.h"
 #include "tests/unit/superuser.h"
 
@@ -13,11 +14,9 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -29,12 +28,6 @@ namespace {
 constexpr uid_t platform_user = 4711;
 constexpr gid_t platform_group = 4712;
 
-struct stat status_of(const std::filesystem::path &path) {
-    struct stat status {};
-    EXPECT_EQ(::lstat(path.c_str(), &status), 0) << path;
-    return status;
-}
-
 class Ownership : public testing::Test {
   protected:
     void SetUp() override {
@@ -44,29 +37,20 @@ class Ownership : public testing::Test {
         std::filesystem::permissions(scratch_.root(), std::filesystem::perms(0755));
     }
 
-    // As the platform's user, in a process of its own: whether `body` throws nothing.
+    // In a process of the platform's user: whether `body` throws nothing.
     static bool holds_for_platform_user(const std::function<void()> &body) {
-        const pid_t child = ::fork();
-        if (child == 0) {
-            int result = 1;
-            try {
-                if (::setgid(platform_group) == 0 && ::setuid(platform_user) == 0) {
-                    body();
-                    result = 0;
-                }
-            } catch (const std::exception &error) {
-                std::fprintf(stderr, "%s\n", error.what());
-            }
-            ::_exit(result);
-        }
-        int status = -1;
-        EXPECT_EQ(::waitpid(child, &status, 0), child);
-        return status == 0;
+        return host_test::in_child([&] {
+                   if (::setgid(platform_group) != 0 || ::setuid(platform_user) != 0) {
+                       return 1;
+                   }
+                   body();
+                   return 0;
+               }) == 0;
     }
 
     static void expect_given(const std::filesystem::path &path) {
-        EXPECT_EQ(status_of(path).st_uid, platform_user) << path;
-        EXPECT_EQ(status_of(path).st_gid, platform_group) << path;
+        EXPECT_EQ(Scratch::status_of(path).st_uid, platform_user) << path;
+        EXPECT_EQ(Scratch::status_of(path).st_gid, platform_group) << path;
     }
 
     const Scratch scratch_;
@@ -127,7 +111,7 @@ TEST_F(Ownership, NothingIsDoneThatTheFoldersOwnerCouldNotDo) {
     ASSERT_EQ(::chmod(others.c_str(), 0600), 0);
     std::filesystem::create_hard_link(others, folder_ / "lock");
     EXPECT_THROW(ulmo::FileLock(folder_ / "lock", ulmo::FileLock::Mode::exclusive, std::chrono::milliseconds(0)), std::system_error);
-    EXPECT_EQ(status_of(others).st_uid, 0U);
+    EXPECT_EQ(Scratch::status_of(others).st_uid, 0U);
 }
 
 TEST_F(Ownership, TheSuperuserIsHimselfAgainAfterwards) {
@@ -137,16 +121,16 @@ TEST_F(Ownership, TheSuperuserIsHimselfAgainAfterwards) {
         EXPECT_EQ(::open("/etc/shadow", O_RDONLY | O_CLOEXEC), -1);
     }
     std::ofstream(scratch_.root() / "mine").close();
-    EXPECT_EQ(status_of(scratch_.root() / "mine").st_uid, 0U);
+    EXPECT_EQ(Scratch::status_of(scratch_.root() / "mine").st_uid, 0U);
     EXPECT_EQ(::access("/etc/shadow", R_OK), 0);
     const ulmo::ActingAsOwner nobody(scratch_.root() / "absent");
     std::ofstream(scratch_.root() / "also mine").close();
-    EXPECT_EQ(status_of(scratch_.root() / "also mine").st_uid, 0U);
+    EXPECT_EQ(Scratch::status_of(scratch_.root() / "also mine").st_uid, 0U);
 }
 
 TEST_F(Ownership, AFolderOfTheSuperusersKeepsWhatHeMakes) {
     ulmo::replace_state_file(scratch_.root() / "own", "text");
-    EXPECT_EQ(status_of(scratch_.root() / "own").st_uid, 0U);
+    EXPECT_EQ(Scratch::status_of(scratch_.root() / "own").st_uid, 0U);
 }
 
 } // namespace

@@ -1,12 +1,12 @@
 #include "platform/host/last_error.h"
 #include "platform/utilities.h"
+#include "tests/unit/host_child.h"
 #include "tests/unit/scratch.h"
 
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
 #include <sys/time.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,6 +19,8 @@
 #include <string>
 
 namespace {
+
+using host_test::in_child; // which may do to its standard streams and signals what it likes
 
 constexpr const char *shell = "/bin/sh";
 
@@ -37,17 +39,6 @@ class OpenFile {
     std::filesystem::path path_;
     int descriptor_;
 };
-
-// The call in a child process, which may do to its standard streams and signals what it likes.
-template <typename Call> int in_child(Call call) {
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        ::_exit(call());
-    }
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
 
 class RunProgram : public testing::Test {
   protected:

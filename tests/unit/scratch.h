@@ -1,6 +1,9 @@
 // A fresh home for the host platform: state, run directory and settings file in a directory that goes with the object.
 #pragma once
 
+#include <sys/stat.h>
+
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -43,6 +46,14 @@ class Scratch {
     static std::string read(const std::filesystem::path &file) {
         std::ifstream stream(file, std::ios::binary);
         return {std::istreambuf_iterator<char>(stream), {}};
+    }
+    // Of the file itself, where it is a link.
+    static struct stat status_of(const std::filesystem::path &file) {
+        struct stat status {};
+        if (::lstat(file.c_str(), &status) != 0) {
+            throw std::system_error(errno, std::generic_category(), file);
+        }
+        return status;
     }
 
   private:
