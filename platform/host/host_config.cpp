@@ -38,7 +38,11 @@ std::filesystem::path state_dir() {
 }
 
 std::filesystem::path run_dir() {
-    return made_directory(from_environment("ULMO_RUN_DIR", "/run/ulmo"), 0755);
+    return made_directory(run_path(), 0755);
+}
+
+std::filesystem::path run_path() {
+    return from_environment("ULMO_RUN_DIR", "/run/ulmo");
 }
 
 std::filesystem::path settings_file() {

@@ -15,6 +15,9 @@ std::filesystem::path state_dir();
 // Sockets and shared memory of the running system: $ULMO_RUN_DIR, or /run/ulmo. Made with mode 0755 when it is not there. Throws as above.
 std::filesystem::path run_dir();
 
+// Its path alone: nothing is made.
+std::filesystem::path run_path();
+
 // The file of the settings: $ULMO_CONF, or /etc/ulmo/platform.conf.
 std::filesystem::path settings_file();
 

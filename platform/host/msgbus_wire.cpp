@@ -137,7 +137,7 @@ ucred peer_of(int connection) {
 }
 
 bool is_trusted(const ucred &peer) {
-    return peer.uid == 0 || peer.uid == ::geteuid() || peer.uid == owner_of(run_dir());
+    return peer.uid == 0 || peer.uid == ::geteuid() || peer.uid == owner_of(run_path());
 }
 
 } // namespace ulmo

@@ -59,7 +59,7 @@ Receipt receive_packet(int connection, std::unique_ptr<msgbus_message> &message)
 // The process at the other end, by the kernel's word: pid 0 and an impossible user when the kernel doesn't tell.
 ucred peer_of(int connection);
 
-// The superuser, the process's own user and the one to whom the run directory belongs are trusted, nobody else.
+// The superuser, the process's own user and the one to whom the run directory belongs, while it is there, are trusted, nobody else.
 bool is_trusted(const ucred &peer);
 
 } // namespace ulmo

@@ -1,3 +1,5 @@
+#include "platform/host/host_config.h"
+#include "platform/host/host_log.h"
 #include "platform/host/msgbus_server.h"
 #include "platform/msgbus.h"
 
@@ -48,6 +50,16 @@ class HostMsgbus : public testing::Test {
     static int32_t tell(uint32_t opcode, const std::string &payload = "") {
         return msgbus_send(msgbus_response_q, MSGBUS_NODE_LOCAL, sap, opcode, payload.data(), static_cast<uint32_t>(payload.size()),
                            nullptr, 0, 0);
+    }
+
+    // 0 when the message of another user was sent; otherwise his errno value.
+    static int tell_as_nobody(uint32_t opcode) {
+        return host_test::in_child([opcode] {
+            if (::setresuid(host_test::nobody, host_test::nobody, host_test::nobody) != 0) {
+                return 255;
+            }
+            return tell(opcode) == 0 ? 0 : errno;
+        });
     }
 
     // errno of a receive that brings no message, 0 when it brought one.
@@ -442,19 +454,44 @@ TEST_F(HostMsgbus, EverybodyMayKnock) {
 TEST_F(HostMsgbus, OtherUsersAreRefused) {
     REQUIRE_SUPERUSER("acts as another user");
     MsgbusServer server(sap);
-    const auto tell_as_nobody = [] {
-        if (::setresuid(host_test::nobody, host_test::nobody, host_test::nobody) != 0) {
-            return 255;
-        }
-        return tell(1391) == 0 ? 0 : errno;
-    };
-    EXPECT_EQ(exit_status_of(start_child(tell_as_nobody)), 0);
+    EXPECT_EQ(tell_as_nobody(1391), 0);
     serve(server);
     EXPECT_TRUE(received_.empty());
     EXPECT_EQ(server.pending(), 0U);
     EXPECT_EQ(exit_status_of(start_child([] { return tell(1391) == 0 ? 0 : errno; })), 0);
     serve(server);
     EXPECT_EQ(received_.size(), 1U);
+}
+
+TEST_F(HostMsgbus, TheOwnerOfTheRunDirectoryIsTrusted) {
+    REQUIRE_SUPERUSER("acts as another user");
+    ASSERT_EQ(::chown(ulmo::run_dir().c_str(), host_test::nobody, host_test::nobody), 0);
+    MsgbusServer server(sap);
+    EXPECT_EQ(tell_as_nobody(1391), 0);
+    serve(server);
+    ASSERT_EQ(received_.size(), 1U);
+    EXPECT_EQ(received_[0].peer.uid, host_test::nobody);
+}
+
+TEST_F(HostMsgbus, ServesOnWithoutTheRunDirectory) {
+    REQUIRE_SUPERUSER("acts as another user");
+    const auto above = directory_.path() / "above";
+    const host_test::ScopedVariable run_variable("ULMO_RUN_DIR", above / "run");
+    ulmo::log_debug("a process makes the history, and the run directory with it, when it logs for the first time");
+    for (const bool can_be_made : {true, false}) {
+        MsgbusServer server(sap);
+        EXPECT_EQ(tell_as_nobody(1391), 0);
+        EXPECT_EQ(tell(1361), 0);
+        std::filesystem::remove_all(above);
+        if (!can_be_made) {
+            std::ofstream(above).close();
+        }
+        received_.clear();
+        EXPECT_NO_THROW(serve(server)) << can_be_made;
+        ASSERT_EQ(received_.size(), 1U) << can_be_made;
+        EXPECT_EQ(received_[0].message->opcode, 1361U) << "whose folder is gone is trusted no more";
+        EXPECT_FALSE(std::filesystem::is_directory(above)) << "a knock makes no folder";
+    }
 }
 
 TEST_F(HostMsgbus, ServerOfAnotherUserIsNotTrusted) {
