@@ -78,7 +78,7 @@ MsgbusServer::MsgbusServer(uint32_t sap, Limits limits)
 }
 
 MsgbusServer::~MsgbusServer() {
-    const ActingAsOwner owner(socket_path_.parent_path());
+    const ActingAsOwner owner(run_path()); // he may have put another folder in the place of the bus's
     ::unlink(socket_path_.c_str());
 }
 
