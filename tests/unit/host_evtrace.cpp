@@ -185,6 +185,12 @@ TEST_F(History, DoesNotTrustAFileThatOthersCanOpen) {
     EXPECT_EQ(Scratch::status_of(file).st_mode, S_IFREG | 0600U);
 }
 
+TEST_F(History, APipeInItsPlaceIsReplaced) {
+    ASSERT_EQ(::mkfifo(file.c_str(), 0600), 0);
+    EXPECT_TRUE(HistoryRing::open(file, 64).is_in(file));
+    EXPECT_EQ(Scratch::status_of(file).st_mode, S_IFREG | 0600U);
+}
+
 TEST_F(History, ReplacingLeavesTheOldMappingUsable) {
     HistoryRing first = HistoryRing::open(file, 64);
     EXPECT_TRUE(first.is_in(file));

@@ -170,6 +170,7 @@ TEST_F(FabricMembers, PassphrasesAreForTheOwnerOnly) {
     const std::string line = "fabric_member = " + second + " 192.0.2.2 ";
     for (const mode_t mode : {0640U, 0604U, 0644U}) {
         EXPECT_EQ(refusal(credentials + line, mode), readable);
+        EXPECT_EQ(refusal("fabric_auth_passphrase = secret-1\n", mode), readable);
         EXPECT_EQ(refusal("fabric_priv_passphrase = secret-1\n", mode), readable);
         EXPECT_EQ(refusal(line + "auth-passphrase=secret-1\n", mode), readable);
         EXPECT_EQ(refusal("fabric_user = operator\n", mode), "accepted 0");

@@ -430,6 +430,13 @@ TEST_F(HostMsgbus, OneServerAnAccessPoint) {
     EXPECT_EQ(second_server_error(), 0);
 }
 
+TEST_F(HostMsgbus, ALinkInPlaceOfTheLockIsNotFollowed) {
+    const auto elsewhere = directory_.path() / "elsewhere";
+    std::filesystem::create_symlink(elsewhere, ulmo::msgbus_dir() / (std::to_string(sap) + ".lock"));
+    EXPECT_THROW(MsgbusServer{sap}, std::system_error);
+    EXPECT_FALSE(std::filesystem::exists(elsewhere));
+}
+
 TEST_F(HostMsgbus, SocketOfADeadServerIsReplaced) {
     EXPECT_EQ(exit_status_of(start_child([] {
                   new MsgbusServer(sap); // ends without taking the socket away
@@ -473,6 +480,24 @@ TEST_F(HostMsgbus, TheOwnerOfTheRunDirectoryIsTrusted) {
     EXPECT_EQ(received_[0].peer.uid, host_test::nobody);
 }
 
+TEST_F(HostMsgbus, AUserTrustsHimself) {
+    REQUIRE_SUPERUSER("acts as another user");
+    ASSERT_EQ(::chmod(ulmo::msgbus_dir().c_str(), 0777), 0); // in the superuser's run directory
+    EXPECT_EQ(host_test::in_child([] {
+                  if (::setresuid(host_test::nobody, host_test::nobody, host_test::nobody) != 0) {
+                      return 255;
+                  }
+                  MsgbusServer server(sap);
+                  if (tell(1391) != 0) {
+                      return errno;
+                  }
+                  int received = 0;
+                  server.serve([&received](const Incoming &) { ++received; });
+                  return received == 1 ? 0 : 254;
+              }),
+              0);
+}
+
 TEST_F(HostMsgbus, ServesOnWithoutTheRunDirectory) {
     REQUIRE_SUPERUSER("acts as another user");
     const auto above = directory_.path() / "above";
@@ -506,6 +531,7 @@ TEST_F(HostMsgbus, ServerOfAnotherUserIsNotTrusted) {
         MsgbusServer server(sap);
         return ::write(ready[1], "r", 1) == 1 ? ::pause() : 1;
     });
+    ::close(ready[1]); // so that a child that fails is not waited for
     char token = 0;
     ASSERT_EQ(::read(ready[0], &token, 1), 1);
     EXPECT_EQ(tell(1), -1);
@@ -513,7 +539,6 @@ TEST_F(HostMsgbus, ServerOfAnotherUserIsNotTrusted) {
     ::kill(child, SIGKILL);
     EXPECT_EQ(exit_status_of(child), -1);
     ::close(ready[0]);
-    ::close(ready[1]);
 }
 
 TEST_F(HostMsgbus, SilentConnectionsEndAfterAWhile) {
