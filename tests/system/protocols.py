@@ -387,7 +387,8 @@ def test_nobody_listens(operator, place, protocol, other_server, unchanged):
 class Pair:
     """An upload and a download by one protocol at the same time, from one switch and to another."""
 
-    size = 1_300_000  # several times what SSH's clients and servers write at once
+    size = 6_500_000  # several times what SSH's clients and servers write at once
+    rate = 20_000  # kbit/s: neither direction is through before the other one has half, even when one loses its first second to TCP's recovery
 
     def __init__(self, place, protocol, up=1, down=2):
         self.place, self.protocol, self.numbers = place, protocol, (up, down)
@@ -431,7 +432,7 @@ def cut_at_half(place, protocol, *numbers):
     with contextlib.ExitStack() as stack:
         for number in numbers:
             stack.enter_context(settings(number, **LIMITS))
-        with place.slow(4000, *numbers, protocol=protocol):
+        with place.slow(Pair.rate, *numbers, protocol=protocol):
             pair.start_and_reach(0.5)
             with place.broken(*numbers):
                 pair.fail(place.cause(protocol, TIMEOUT), tells=place.vrf is not None)  # what would tell goes the same way
@@ -477,7 +478,7 @@ def test_silence(place, other_server, startup, unchanged):
 @EVERY_PROTOCOL
 def test_server_that_dies(place, protocol, startup):
     pair = Pair(place, protocol)
-    with place.slow(4000, 1, 2, protocol=protocol):
+    with place.slow(Pair.rate, 1, 2, protocol=protocol):
         pair.start_and_reach(0.25)
         lab_ctl("kill-server", KINDS[protocol])
         try:
