@@ -79,11 +79,16 @@ step_unit() {
 }
 
 step_fuzz() {
-    section "fuzzers, $FUZZ_SECONDS s each"
+    section "fuzzers, $FUZZ_SECONDS s each, side by side"
     local fuzzer
+    local -A running=()
     for fuzzer in build/clang/bin/fuzz_*; do
-        quietly "$fuzzer" -max_total_time="$FUZZ_SECONDS" -artifact_prefix=build/clang/
-        printf '%s found nothing\n' "${fuzzer##*/}"
+        quietly "$fuzzer" -max_total_time="$FUZZ_SECONDS" -artifact_prefix=build/clang/ &
+        running[${fuzzer##*/}]=$!
+    done
+    for fuzzer in "${!running[@]}"; do
+        wait "${running[$fuzzer]}"
+        printf '%s found nothing\n' "$fuzzer"
         passed=$((passed + 1))
     done
 }
