@@ -212,6 +212,13 @@ static int32_t prepare_upload(struct ccCopyEntry *record, const struct upload_so
     return 0;
 }
 
+/* Deletes the dump. To give back the space of a large one takes long, so a descriptor, which is never closed, keeps it until the worker
+ * ends: that is right after its report. */
+static void delete_dump(const char *path) {
+    (void)open(path, O_RDONLY | O_CLOEXEC);
+    unlink(path);
+}
+
 static int32_t copy_to_network(struct ccCopyEntry *record, char (&directory)[PATH_SIZE], const char *base_name) {
     const int32_t endpoint = bind_endpoint();
     const struct upload_source *source = record->ccCopySourceFileType == COPY_FILE_RUNNING   ? &RUNNING_SOURCE
@@ -230,7 +237,7 @@ static int32_t copy_to_network(struct ccCopyEntry *record, char (&directory)[PAT
         cc_log(EVTRACE_ERROR, "%s : Upload to n/w failed with code = %d \n", WORKER, cause);
     }
     if (source != nullptr) {
-        unlink(record->ccCopySrcFileName);
+        delete_dump(record->ccCopySrcFileName);
     }
     return cause;
 }
