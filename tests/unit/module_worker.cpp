@@ -328,6 +328,17 @@ TEST_F(Worker, DumpIsClosedBeforeTheUpload) {
 }
 
 /* The dump is written whole over what stood under its name before. */
+TEST_F(Worker, SpaceOfTheDumpIsGivenBackAfterTheReport) {
+    run(copy_request(COPY_FILE_RUNNING, COPY_FILE_NETWORK));
+    EXPECT_EQ(files(), Lines{});
+    const std::filesystem::directory_iterator descriptors("/proc/self/fd");
+    EXPECT_TRUE(std::any_of(begin(descriptors), end(descriptors), [this](const std::filesystem::path &descriptor) {
+        std::error_code gone; /* the iterator's own */
+        return std::filesystem::read_symlink(descriptor, gone) == path("remote.cfg") + " (deleted)";
+    })) << "the worker waits for the file system before it reports";
+    journal.take();
+}
+
 TEST_F(Worker, DumpReplacesAnOlderFile) {
     std::ofstream("remote.cfg") << "an older and much longer file than the dump of the configuration\n";
     run(copy_request(COPY_FILE_RUNNING, COPY_FILE_NETWORK));
