@@ -5,8 +5,8 @@ Run it in the lab: scripts/lab.sh exec -- bench/transfers.py [--size OCTETS[k|M]
 
 The time of a copy is what the SET that activates the request takes beyond a GET by the same tool, and what passes from ccCopyTimeStarted to
 ccCopyTimeCompleted, which the agent tells to 10 ms: asking it all the while would take one of two processors from the transfer. It holds the
-print-out of the configuration, the worker's, the script's and the client's start, and the login. The client by hand does the login and the transfer only; it gets the password from an askpass
-program (SSH) or as part of a URL (FTP).
+print-out of the configuration, the worker's, the script's and the client's start, and the login. The client by hand does the login and the
+transfer only; it gets the password from an askpass program (SSH) or as part of a URL (FTP).
 """
 
 import argparse

@@ -20,7 +20,7 @@ while [[ $# -gt 0 ]]; do
     esac
 done
 if [[ ${#folders[@]} -eq 0 ]]; then
-    folders=(packages vrf default protocols transfer_scripts) # the longest ones first, so that none is left to run alone
+    folders=(packages vrf default protocols transfer_scripts config_copy) # the longest ones first, so that none is left to run alone
     for options in "$tests"/system/*/options; do
         folder=$(basename "$(dirname "$options")")
         [[ " ${folders[*]} " == *" $folder "* ]] || folders+=("$folder")
