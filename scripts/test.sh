@@ -10,6 +10,7 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 readonly FUZZ_SECONDS=10
 passed=0
 failed=0
+tidy= # its process, while it runs
 began=$SECONDS
 
 section() { printf '\n=== %s (%d s)\n' "$*" "$((SECONDS - began))"; }
@@ -46,9 +47,18 @@ step_build() {
     build clang
 }
 
+# In the background and with what the other steps leave of the processors: they wait a lot.
 step_tidy() {
-    section "clang-tidy"
-    own_sources | grep -E '^(infra|manager|platform)/.*\.cpp$' | xargs -P "$(nproc)" -n 4 clang-tidy -p build/clang --quiet 2>/dev/null
+    section "clang-tidy, beside the next steps"
+    own_sources | grep -E '^(infra|manager|platform)/.*\.cpp$' | chrt --idle 0 xargs -P "$(nproc)" -n 4 clang-tidy -p build/clang --quiet >build/clang-tidy.log 2>&1 &
+    tidy=$!
+    trap 'kill "$tidy" 2>/dev/null' EXIT
+}
+
+end_of_tidy() {
+    section "the end of clang-tidy"
+    wait "$tidy" || { cat build/clang-tidy.log; exit 1; }
+    trap - EXIT
 }
 
 # Runs tests of a build and counts them: PRESET [CTEST ARGUMENT…]. Some act as other users, mount disks or make namespaces: as root.
@@ -111,6 +121,7 @@ steps=("$@")
 for step in "${steps[@]}"; do
     "step_$step"
 done
+[[ -z $tidy ]] || end_of_tidy
 section "done"
 printf '%d passed, %d failed\n' "$passed" "$failed"
 ((failed == 0))
