@@ -1,12 +1,12 @@
 #!/usr/bin/python3
-"""Backs a startup configuration up by FTP, SFTP and SCP over SNMP, and moves the same file with the stock client, in turns.
+"""Backs a startup configuration up over SNMP, and moves the same file with the stock client, in turns.
 
-Run it in the lab: scripts/lab.sh exec -- bench/transfers.py [--size OCTETS[k|M]] [--runs N]
+Run it in the lab: scripts/lab.sh exec -- bench/transfers.py [--size OCTETS[k|M]] [--runs N] [PROTOCOL…]
 
 The time of a copy is what the SET that activates the request takes beyond a GET by the same tool, and what passes from ccCopyTimeStarted to
 ccCopyTimeCompleted, which the agent tells to 10 ms: asking it all the while would take one of two processors from the transfer. It holds the
 print-out of the configuration, the worker's, the script's and the client's start, and the login. The client by hand does the login and the
-transfer only; it gets the password from an askpass program (SSH) or as part of a URL (FTP).
+transfer only; it gets the password from an askpass program (SSH) or as part of a URL (FTP). For TFTP it is curl.
 """
 
 import argparse
@@ -21,7 +21,7 @@ from lab_bench import lab, print_table, run
 
 ENTRY = ".1.3.6.1.4.1.41927.9.96.1.1.1.1"
 PROTOCOL, SOURCE, DESTINATION, ADDRESS, FILE_NAME, USER_NAME, PASSWORD, STATE, STARTED, COMPLETED, ROW_STATUS = 2, 3, 4, 5, 6, 7, 8, 10, 11, 12, 14
-PROTOCOLS = {"ftp": "2", "sftp": "5", "scp": "4"}
+PROTOCOLS = {"tftp": "1", "ftp": "2", "sftp": "5", "scp": "4"}
 STARTUP, NETWORK = "3", "1"
 ACTIVE, CREATE_AND_WAIT, DESTROY = "1", "5", "6"
 RUNNING_STATE, SUCCESSFUL = "2", "3"
@@ -60,6 +60,8 @@ def client_by_hand(protocol, file, askpass):
     server, user, password = lab("LAB_SERVER4"), lab("LAB_USER"), lab("LAB_PASSWORD")
     os.environ |= {"SSH_ASKPASS": str(askpass), "SSH_ASKPASS_REQUIRE": "force"}
     quiet = ["-q", "-F", "none", "-o", "StrictHostKeyChecking=no", "-o", "UserKnownHostsFile=/dev/null", "-o", "PubkeyAuthentication=no"]
+    if protocol == "tftp":
+        return run("curl", "-s", "-T", str(file), f"tftp://{server}/{NAME}")[0]
     if protocol == "ftp":
         return run("ftp", "-V", "-u", f"ftp://{user}:{password}@{server}/{NAME}", str(file))[0]
     if protocol == "scp":
@@ -73,7 +75,11 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--size", type=octets, default="100M", help="of the configuration (default: 100M)")
     parser.add_argument("--runs", type=int, default=5, help="transfers of each kind (default: 5)")
+    parser.add_argument("protocols", nargs="*", metavar="PROTOCOL", help="tftp, ftp, sftp or scp (default: the last three)")
     options = parser.parse_args()
+    protocols = options.protocols or ["ftp", "sftp", "scp"]
+    if not PROTOCOLS.keys() >= {*protocols}:
+        parser.error("the protocols are " + ", ".join(PROTOCOLS))
     os.environ["MIBS"] = ""
     startup, served = Path(lab("LAB_STATE")) / "system.cfg", Path(lab("LAB_SERVER_ROOT")) / NAME
     comment = "!" + "x" * 62 + "\n"
@@ -87,7 +93,7 @@ def main():
         askpass.write_text('#!/bin/sh\necho "$LAB_PASSWORD"\n')
         askpass.chmod(0o700)
         for _ in range(options.runs):
-            for protocol in PROTOCOLS:
+            for protocol in protocols:
                 for name, transfer in ((f"{protocol} by hand", lambda: client_by_hand(protocol, file, askpass)), (f"{protocol} over SNMP", lambda: copy_over_snmp(protocol))):
                     served.unlink(missing_ok=True)
                     times.setdefault(name, []).append(transfer() * 1000)
@@ -96,7 +102,7 @@ def main():
     served.unlink()
     startup.write_bytes(before)
     print_table("ms", dict.fromkeys(times, f"{options.size} octets"), times)
-    for protocol in PROTOCOLS:
+    for protocol in protocols:
         ours, theirs = statistics.median(times[f"{protocol} over SNMP"]), statistics.median(times[f"{protocol} by hand"])
         print(f"{protocol}: {ours / theirs:.2f} times the client's own time, {ours - theirs:.0f} ms more")
 
