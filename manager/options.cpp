@@ -2,16 +2,20 @@
 
 #include "manager/failure.h"
 
+#include <strings.h>
+
 #include <algorithm>
+#include <array>
+#include <cctype>
 #include <cerrno>
 #include <charconv>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <functional>
-#include <limits>
+#include <numeric>
 #include <set>
 #include <string_view>
+#include <utility>
 
 namespace config_copy {
 namespace {
@@ -30,32 +34,58 @@ long number_of(std::string_view what, std::string_view text, long least, long mo
     return value;
 }
 
-// Takes one of our own options. `value` returns what follows it. False when the option is none of ours.
-bool take_option(std::string_view name, const std::function<std::string()> &value, Options &options) {
-    if (name == "--quiet") {
-        options.is_quiet = true;
-    } else if (name == "--json") {
-        options.is_json = true;
-    } else if (name == "--help" || name == "-h") {
-        options.command = Command::help;
-    } else if (name == "--version") {
-        options.command = Command::version;
-    } else if (name == "--wait-turn") {
-        options.wait_turn = std::chrono::seconds(number_of(name, value(), 0, longest_wait));
-    } else if (name == "--time-limit") {
-        options.time_limit = std::chrono::seconds(number_of(name, value(), 1, longest_wait));
-    } else if (name == "--jobs") {
-        options.jobs = static_cast<int>(number_of(name, value(), 1, most_jobs));
-    } else if (name == "--hosts") {
-        options.hosts_file = value();
-    } else if (name == "--password-file") {
-        options.password_file = value();
-    } else if (name == "--password") {
-        throw bad_usage("no password belongs into an argument, where others see it: use --password-file, standard input or the prompt");
-    } else {
-        return false;
+// An option of ours. One that takes a value may be given once: which of two values counts is not for us to guess.
+struct OwnOption {
+    std::string_view name;
+    bool takes_value;
+    void (*take)(Options &options, std::string_view name, const std::string &value);
+};
+
+constexpr std::array<OwnOption, 10> own_options{
+    {{"--hosts", true, [](Options &options, std::string_view, const std::string &value) { options.hosts_file = value; }},
+     {"--jobs", true,
+      [](Options &options, std::string_view name, const std::string &value) {
+          options.jobs = static_cast<int>(number_of(name, value, 1, most_jobs));
+      }},
+     {"--password-file", true, [](Options &options, std::string_view, const std::string &value) { options.password_file = value; }},
+     {"--wait-turn", true,
+      [](Options &options, std::string_view name, const std::string &value) {
+          options.wait_turn = std::chrono::seconds(number_of(name, value, 0, longest_wait));
+      }},
+     {"--time-limit", true,
+      [](Options &options, std::string_view name, const std::string &value) {
+          options.time_limit = std::chrono::seconds(number_of(name, value, 1, longest_wait));
+      }},
+     {"--quiet", false, [](Options &options, std::string_view, const std::string &) { options.is_quiet = true; }},
+     {"--json", false, [](Options &options, std::string_view, const std::string &) { options.is_json = true; }},
+     {"--help", false, [](Options &options, std::string_view, const std::string &) { options.command = Command::help; }},
+     {"-h", false, [](Options &options, std::string_view, const std::string &) { options.command = Command::help; }},
+     {"--version", false, [](Options &options, std::string_view, const std::string &) { options.command = Command::version; }}}};
+
+// How many letters must be changed, put in or left out to make the one word the other (Levenshtein), case and '_' for '-' aside.
+std::size_t distance(std::string_view a, std::string_view b) {
+    const auto plain = [](char c) { return c == '_' ? '-' : static_cast<char>(std::tolower(static_cast<unsigned char>(c))); };
+    std::vector<std::size_t> row(b.size() + 1);
+    std::iota(row.begin(), row.end(), 0);
+    for (std::size_t i = 0; i < a.size(); ++i) {
+        std::size_t diagonal = std::exchange(row[0], i + 1);
+        for (std::size_t j = 0; j < b.size(); ++j) {
+            const std::size_t changed = diagonal + (plain(a[i]) == plain(b[j]) ? 0 : 1);
+            diagonal = std::exchange(row[j + 1], std::min({changed, row[j] + 1, row[j + 1] + 1}));
+        }
     }
-    return true;
+    return row.back();
+}
+
+// The library remembers every long option as a line of snmp.conf, and only warns of one that means nothing to it.
+std::vector<const config_line *> library_tokens() {
+    std::vector<const config_line *> tokens;
+    for (const char *type : {"snmp", NETSNMP_APPLICATION_CONFIG_TYPE}) {
+        for (const config_line *line = ::read_config_get_handlers(type); line != nullptr; line = line->next) {
+            tokens.push_back(line);
+        }
+    }
+    return tokens;
 }
 
 // Whether the last option in a word such as -dv takes the next word as its value.
@@ -64,6 +94,10 @@ bool wants_next_word(std::string_view word) {
         return true;
     }
     const std::size_t at = word.find_first_of(letters_with_value, 1);
+    if (const std::size_t hyphen = word.find('-', 1); hyphen < at) { // where the library would see a long option
+        throw bad_usage("in " + std::string(word.substr(0, hyphen + 1)) +
+                        " a hyphen follows a letter: write a long option apart, with two hyphens");
+    }
     return at != std::string_view::npos && at + 1 == word.size();
 }
 
@@ -144,6 +178,7 @@ exit status: 0 done, 1 the copy failed, 2 bad usage, 3 refused by the agent, 4 a
 
 Words split_words(int count, char **words, Options &options) {
     Words result;
+    std::set<std::string_view> given;
     result.library.push_back(words[0]);
     for (int i = 1; i < count; ++i) {
         const std::string_view word = words[i];
@@ -157,17 +192,31 @@ Words split_words(int count, char **words, Options &options) {
         }
         const std::size_t equals = word.find('=');
         const std::string_view name = word.substr(0, equals);
-        const auto value = [&]() -> std::string {
-            if (equals != std::string_view::npos) {
-                return std::string(word.substr(equals + 1));
-            }
-            if (i + 1 == count) {
+        if (name == "--password") {
+            throw bad_usage("no password belongs into an argument, where others see it: use --password-file, standard input or the prompt");
+        }
+        const auto *own =
+            std::find_if(own_options.begin(), own_options.end(), [&](const OwnOption &option) { return option.name == name; });
+        if (own != own_options.end()) {
+            std::string value;
+            if (!own->takes_value) {
+                if (equals != std::string_view::npos) {
+                    throw bad_usage(std::string(name) + " takes no value");
+                }
+            } else if (!given.insert(name).second) {
+                throw bad_usage(std::string(name) + " is given twice");
+            } else if (equals != std::string_view::npos) {
+                value = word.substr(equals + 1);
+            } else if (i + 1 == count) {
                 throw bad_usage(std::string(name) + " wants a value (config-copy --help)");
+            } else {
+                value = words[++i];
             }
-            return words[++i];
-        };
-        if (take_option(name, value, options)) {
+            own->take(options, name, value);
             continue;
+        }
+        if (word.starts_with("--")) {
+            result.long_options.emplace_back(word.substr(0, word.find_first_of("= \t")));
         }
         // The words themselves, not copies: the library blanks the passphrases in them, which others see.
         result.library.push_back(words[i]);
@@ -176,6 +225,33 @@ Words split_words(int count, char **words, Options &options) {
         }
     }
     return result;
+}
+
+void check_long_options(const std::vector<std::string> &names) {
+    const auto tokens = library_tokens();
+    for (const std::string &name : names) {
+        if (std::any_of(tokens.begin(), tokens.end(),
+                        [&](const config_line *token) { return ::strcasecmp(name.c_str() + 2, token->config_token) == 0; })) {
+            continue;
+        }
+        std::size_t least = 3; // more has no likeness
+        std::string nearest;
+        const auto consider = [&](const std::string &known) {
+            if (const std::size_t far = distance(name, known); far < least) {
+                least = far;
+                nearest = known;
+            }
+        };
+        for (const OwnOption &option : own_options) {
+            if (option.name.starts_with("--")) {
+                consider(std::string(option.name));
+            }
+        }
+        for (const config_line *token : tokens) {
+            consider("--" + std::string(token->config_token));
+        }
+        throw bad_usage("there is no option " + name + (nearest.empty() ? " (config-copy --help)" : ": did you mean " + nearest + '?'));
+    }
 }
 
 std::vector<std::string> read_hosts(const std::string &file) {
@@ -213,11 +289,8 @@ std::optional<Options> parse_options(int count, char **words) {
     }
     const bool is_for_library =
         std::any_of(split.library.begin() + 1, split.library.end(), [](std::string_view word) { return word == "-V" || word == "-H"; });
-    if (!is_for_library) {
-        parse_arguments(split.arguments, options);
-    }
     // The agent is told to each session; the library only wants to see one.
-    std::string agent = options.agents.empty() ? "-" : options.agents.front();
+    std::string agent = "-";
     split.library.push_back(agent.data());
     split.library.push_back(nullptr);
     ::setenv("MIBS", "", 1); // numbers are all that is needed
@@ -234,6 +307,8 @@ std::optional<Options> parse_options(int count, char **words) {
         throw bad_usage("the SNMP options are not as in snmpcmd(1) (config-copy --help)");
     }
     options.session.peername = nullptr;
+    check_long_options(split.long_options);
+    parse_arguments(split.arguments, options);
     if (options.session.version == SNMP_VERSION_3 && options.session.securityModel != SNMP_SEC_MODEL_TSM &&
         options.session.securityNameLen == 0 && default_text(NETSNMP_DS_LIB_SECNAME).empty()) {
         throw bad_usage("no SNMPv3 user: give -u USER, or defSecurityName in snmp.conf");

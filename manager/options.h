@@ -47,10 +47,14 @@ extern const char *const usage_text;
 
 // Our own options and the arguments apart from the options that are the library's.
 struct Words {
-    std::vector<char *> library; // the program's name first
+    std::vector<char *> library;           // the program's name first
+    std::vector<std::string> long_options; // the names of those in `library`, with their hyphens
     std::vector<std::string> arguments;
 };
 Words split_words(int count, char **words, Options &options);
+
+// Throws a Failure of usage when the library knows no such token of snmp.conf(5). The library must have been initialised.
+void check_long_options(const std::vector<std::string> &names);
 
 // The agents of a hosts file: one a line, blank lines and what follows a '#' left out. Throws a Failure of usage.
 std::vector<std::string> read_hosts(const std::string &file);

@@ -6,6 +6,7 @@
 #include "manager_support.h"
 #include "scratch.h"
 
+#include <cstdlib>
 #include <fstream>
 
 namespace config_copy {
@@ -63,6 +64,61 @@ TEST(Options, RefusedValues) {
     EXPECT_EQ("--time-limit wants a value (config-copy --help)", usage_failure([] { split({"--time-limit"}); }));
     EXPECT_EQ("no password belongs into an argument, where others see it: use --password-file, standard input or the prompt",
               usage_failure([] { split({"--password=secret"}); }));
+}
+
+TEST(Options, OnesThatAreNotUnderstoodAreRefused) {
+    EXPECT_EQ("--quiet takes no value", usage_failure([] { split({"--quiet=no"}); }));
+    EXPECT_EQ("--hosts is given twice", usage_failure([] { split({"--hosts", "a", "--hosts=b"}); }));
+    EXPECT_NO_THROW(split({"--json", "--json"}));
+    EXPECT_EQ("in -d- a hyphen follows a letter: write a long option apart, with two hyphens",
+              usage_failure([] { split({"-d-defVersion=1"}); }));
+    EXPECT_EQ((Texts{"-Xa-b"}), split({"-Xa-b"}).library);
+}
+
+// The whole command line, as the library reads it.
+class CommandLine : public testing::Test {
+  protected:
+    CommandLine() {
+        ::setenv("SNMPCONFPATH", scratch_.root().c_str(), 1);
+        ::setenv("SNMP_PERSISTENT_DIR", scratch_.root().c_str(), 1);
+    }
+
+    std::optional<Options> parse(std::vector<std::string> words) {
+        words.insert(words.begin(), {"config-copy", "-v2c", "-clab"});
+        std::vector<char *> pointers;
+        for (std::string &word : words) {
+            pointers.push_back(word.data());
+        }
+        return parse_options(static_cast<int>(words.size()), pointers.data());
+    }
+
+    std::string refusal(const std::string &option) {
+        return usage_failure([&] { parse({option, "agent", "running", "startup"}); });
+    }
+
+  private:
+    Scratch scratch_;
+};
+
+TEST_F(CommandLine, LongOptionsAreOursOrTokensOfSnmpConf) {
+    EXPECT_EQ("there is no option --foo (config-copy --help)", refusal("--foo"));
+    EXPECT_EQ("there is no option --quiett: did you mean --quiet?", refusal("--quiett"));
+    EXPECT_EQ("there is no option --Quiet: did you mean --quiet?", refusal("--Quiet"));
+    EXPECT_EQ("there is no option --wait_turn: did you mean --wait-turn?", refusal("--wait_turn=60"));
+    EXPECT_EQ("there is no option --defSecurityModle: did you mean --defSecurityModel?", refusal("--defSecurityModle=tsm"));
+    EXPECT_EQ("there is no option --defAuthPass (config-copy --help)", refusal("--defAuthPass=secret")) << "no value is told";
+    EXPECT_EQ("there is no option -- (config-copy --help)", refusal("--=x"));
+    EXPECT_EQ("there is no option --foo (config-copy --help)", refusal("--foo defVersion"));
+    EXPECT_EQ("there is no option --foo (config-copy --help)", usage_failure([&] {
+                  parse({"--foo", "1", "2", "3", "4"});
+              }))
+        << "and not that the arguments are too many";
+    for (const char *option : {"--defSecurityModel=tsm", "--DEFSECURITYMODEL=tsm", "--defSecurityModel tsm", "--noRangeCheck"}) {
+        const auto options = parse({option, "agent", "running", "startup"});
+        ASSERT_TRUE(options) << option;
+        EXPECT_EQ(Texts{"agent"}, options->agents);
+    }
+    EXPECT_NO_THROW(parse({"-n", "--foo", "agent", "running", "startup"})) << "a value";
 }
 
 TEST(Options, HostsFile) {

@@ -95,6 +95,20 @@ def test_usage(words, text):
     check(config_copy(*words), USAGE, text)
 
 
+@pytest.mark.parametrize("option, text", [
+    ("--foo", "there is no option --foo (config-copy --help)"),
+    ("--quiett", "there is no option --quiett: did you mean --quiet?"),
+    ("--wait_turn=60", "there is no option --wait_turn: did you mean --wait-turn?"),
+])
+def test_nothing_is_done_on_an_option_that_means_nothing(option, text, lines_of):
+    before = show("running")
+    serve("other.cfg", lines_of("vlan 666"))
+    check(config_copy(option, AGENT, f"{SERVER}/other.cfg", "running"), USAGE, text)
+    assert show("running") == before
+    assert config_copy("--defVersion=2c", "--defCommunity=lab", AGENT, f"{SERVER}/other.cfg", "running").status == DONE
+    assert "vlan 666\n" in show("running")
+
+
 def test_usage_of_the_librarys_options():
     done = config_copy("-v", "9", AGENT, "running", "startup")
     assert done.status == USAGE and done.err.endswith("config-copy: the SNMP options are not as in snmpcmd(1) (config-copy --help)\n"), done
