@@ -2,9 +2,9 @@
 
 #include "manager/failure.h"
 #include "manager/interrupt.h"
+#include "manager/name_lookup.h"
 
 #include <arpa/inet.h>
-#include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -14,7 +14,6 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <memory>
 #include <string_view>
 
 namespace config_copy {
@@ -115,14 +114,8 @@ std::string reachable_address(const std::string &agent) {
     addrinfo hints{};
     hints.ai_socktype = transport->is_tcp ? SOCK_STREAM : SOCK_DGRAM;
     hints.ai_family = transport->family == Family::ipv4 ? AF_INET : transport->family == Family::ipv6 ? AF_INET6 : AF_UNSPEC;
-    addrinfo *list = nullptr;
     const std::string port = parts.port.empty() ? "161" : parts.port;
-    const int error = ::getaddrinfo(parts.host.c_str(), port.c_str(), &hints, &list);
-    const std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> owned(list, &::freeaddrinfo);
-    if (error != 0) {
-        throw Failure(Ending::unreachable, "the agent \"" + parts.host + "\" can't be found: " + ::gai_strerror(error) +
-                                               "; check its name, or write its address");
-    }
+    const Addresses list = look_up("agent", parts.host, port.c_str(), hints);
     if (transport->is_tcp && !connects(*list)) {
         throw Failure(Ending::unreachable, "no connection to " + agent + ": check the address, and whether the agent listens on TCP");
     }

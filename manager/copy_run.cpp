@@ -159,7 +159,8 @@ class Run {
             } else {
                 const bool is_about_one = result->at > 0 && result->at <= bindings.size();
                 const Oid &name = bindings[is_about_one ? result->at - 1 : 0].name;
-                throw Failure(Ending::refused, session_.agent() + ": " + words_of_refusal(result->status, name[name.size() - 2]));
+                throw Failure(Ending::refused,
+                              session_.agent() + ": " + words_of_refusal(result->status, name[name.size() - 2], session_.low_level()));
             }
         }
         throw Failure(Ending::unreachable, session_.agent() + " answers, but no copy request can be made: too much is lost on the way");
@@ -180,7 +181,7 @@ class Run {
                 if (result->status == SNMP_ERR_GENERR) {
                     return false;
                 }
-                throw Failure(Ending::refused, session_.agent() + ": " + words_of_refused_activation(result->status));
+                throw Failure(Ending::refused, session_.agent() + ": " + words_of_refused_activation(result->status, session_.low_level()));
             }
             is_sure = false;
         }

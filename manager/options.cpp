@@ -1,6 +1,7 @@
 #include "manager/options.h"
 
 #include "manager/failure.h"
+#include "manager/snmp_session.h"
 
 #include <strings.h>
 
@@ -88,17 +89,50 @@ std::vector<const config_line *> library_tokens() {
     return tokens;
 }
 
-// Whether the last option in a word such as -dv takes the next word as its value.
-bool wants_next_word(std::string_view word) {
+// Where the library would only say that something is wrong, or say nothing and do another thing than was meant.
+void check_value(char letter, const std::string &value) {
+    constexpr std::size_t shortest_passphrase = 8; // RFC 3414, section 11.2
+    const std::string option = std::string("-") + letter;
+    if (letter == 'v' && value != "1" && ::strcasecmp(value.c_str(), "2c") != 0 && value != "3") {
+        throw bad_usage("-v wants the version of SNMP, 1, 2c or 3, not \"" + value + '"');
+    }
+    if (letter == 'a' && ::usm_lookup_auth_type(value.c_str()) < 0) {
+        throw bad_usage("-a wants an authentication protocol, such as SHA-256, not \"" + value + '"');
+    }
+    if (letter == 'x' && ::usm_lookup_priv_type(value.c_str()) < 0) {
+        throw bad_usage("-x wants a privacy protocol, such as AES, not \"" + value + '"');
+    }
+    if ((letter == 'A' || letter == 'X') && value.size() < shortest_passphrase) {
+        throw bad_usage(option + " wants a passphrase of at least " + std::to_string(shortest_passphrase) + " characters");
+    }
+}
+
+// Checks a word of the library's single letters, such as -dv2c, of which the last may have its value in the next word. Whether it has.
+bool takes_next_word(std::string_view word, const char *next) {
     if (word == "-Lf" || word == "-Ls") {
-        return true;
+        return next != nullptr;
     }
     const std::size_t at = word.find_first_of(letters_with_value, 1);
     if (const std::size_t hyphen = word.find('-', 1); hyphen < at) { // where the library would see a long option
         throw bad_usage("in " + std::string(word.substr(0, hyphen + 1)) +
                         " a hyphen follows a letter: write a long option apart, with two hyphens");
     }
-    return at != std::string_view::npos && at + 1 == word.size();
+    if (at == std::string_view::npos) {
+        return false;
+    }
+    const bool is_next = at + 1 == word.size();
+    if (is_next && next == nullptr) {
+        throw bad_usage(std::string("-") + word[at] + " wants a value (config-copy --help)");
+    }
+    check_value(word[at], is_next ? std::string(next) : std::string(word.substr(at + 1)));
+    return is_next;
+}
+
+const std::string &agent_of(const std::string &argument) {
+    if (argument.empty()) {
+        throw bad_usage("AGENT is empty: write the switch's name or address");
+    }
+    return argument;
 }
 
 void parse_copy(const std::vector<std::string> &arguments, Options &options) {
@@ -111,7 +145,7 @@ void parse_copy(const std::vector<std::string> &arguments, Options &options) {
     options.to = parse_side(arguments[expected - 1]);
     check_pair(options.from, options.to);
     if (!options.hosts_file) {
-        options.agents = {arguments[0]};
+        options.agents = {agent_of(arguments[0])};
         return;
     }
     options.agents = read_hosts(*options.hosts_file);
@@ -139,7 +173,7 @@ void parse_arguments(std::vector<std::string> arguments, Options &options) {
     if (arguments.size() < least || arguments.size() > most || options.hosts_file) {
         throw bad_usage("write config-copy " + name + (name == "list" ? " AGENT" : name == "errors" ? " AGENT [INDEX]" : " AGENT INDEX"));
     }
-    options.agents = {arguments[1]};
+    options.agents = {agent_of(arguments[1])};
     if (arguments.size() == 3) {
         options.index = static_cast<oid>(number_of("INDEX", arguments[2], 1, static_cast<long>(largest_index)));
     }
@@ -220,7 +254,7 @@ Words split_words(int count, char **words, Options &options) {
         }
         // The words themselves, not copies: the library blanks the passphrases in them, which others see.
         result.library.push_back(words[i]);
-        if (!word.starts_with("--") && wants_next_word(word) && i + 1 < count) {
+        if (!word.starts_with("--") && takes_next_word(word, i + 1 < count ? words[i + 1] : nullptr)) {
             result.library.push_back(words[++i]);
         }
     }
@@ -321,9 +355,7 @@ bool is_readable_on_the_way(const netsnmp_session &session, const std::string &a
     if (is_over("dtls") || is_over("tls") || is_over("ssh") || is_over("unix")) {
         return false;
     }
-    const int level =
-        session.securityLevel > 0 ? session.securityLevel : ::netsnmp_ds_get_int(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_SECLEVEL);
-    return session.version != SNMP_VERSION_3 || level != SNMP_SEC_LEVEL_AUTHPRIV;
+    return session.version != SNMP_VERSION_3 || security_level(session) != SNMP_SEC_LEVEL_AUTHPRIV;
 }
 
 } // namespace config_copy

@@ -123,7 +123,15 @@ std::string words_of_cause(long cause, std::string_view server, bool is_fabric) 
     }
 }
 
-std::string words_of_refusal(long status, unsigned long column) {
+std::string words_of_low_level(std::string_view low_level) {
+    return "the agent grants this user nothing at the security level " + std::string(low_level) +
+           ": choose a higher one, such as -l authPriv (if that is refused too, check the user's views)";
+}
+
+std::string words_of_refusal(long status, unsigned long column, std::string_view low_level) {
+    if (status == SNMP_ERR_AUTHORIZATIONERROR && !low_level.empty()) {
+        return words_of_low_level(low_level);
+    }
     switch (status) {
     case SNMP_ERR_NOACCESS:
     case SNMP_ERR_AUTHORIZATIONERROR:
@@ -144,14 +152,14 @@ std::string words_of_refusal(long status, unsigned long column) {
     }
 }
 
-std::string words_of_refused_activation(long status) {
+std::string words_of_refused_activation(long status, std::string_view low_level) {
     switch (status) {
     case SNMP_ERR_INCONSISTENTVALUE:
         return "the switch finds the request incomplete: check user and password";
     case SNMP_ERR_WRONGVALUE:
         return "the switch takes neither this pair of sides nor this server";
     default:
-        return words_of_refusal(status, column_row_status);
+        return words_of_refusal(status, column_row_status, low_level);
     }
 }
 

@@ -47,10 +47,14 @@ std::string cause_name(long cause);
 std::string words_of_cause(long cause, std::string_view server, bool is_fabric);
 
 // Why the agent refuses the setting-up of a request with this error status about this column (0: about none), and what to do about it.
-std::string words_of_refusal(long status, unsigned long column);
+// `low_level` as of Session::low_level().
+std::string words_of_refusal(long status, unsigned long column, std::string_view low_level);
 
 // The same of the activation.
-std::string words_of_refused_activation(long status);
+std::string words_of_refused_activation(long status, std::string_view low_level);
+
+// What an authorizationError most probably means at a security level below authPriv.
+std::string words_of_low_level(std::string_view low_level);
 
 // What to do when the agent refuses a read.
 inline constexpr char read_view_needed[] = "the user needs a read view with .1.3.6.1.4.1.41927.9.96";

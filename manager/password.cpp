@@ -14,11 +14,12 @@
 #include <cerrno>
 #include <cstring>
 #include <iostream>
+#include <system_error>
 
 namespace config_copy {
 namespace {
 
-// One line, octet by octet, so that what follows stays for others. Stops at an interruption.
+// One line, octet by octet, so that what follows stays for others. Stops at an interruption. Throws std::system_error.
 std::string line_of(int descriptor) {
     std::string line;
     for (;;) {
@@ -31,6 +32,9 @@ std::string line_of(int descriptor) {
         const ssize_t count = ::read(descriptor, &octet, 1);
         if (count < 0 && (errno == EINTR || errno == EAGAIN)) {
             continue;
+        }
+        if (count < 0) {
+            throw std::system_error(errno, std::generic_category());
         }
         if (count <= 0 || octet == '\n') {
             break;
@@ -97,15 +101,20 @@ std::string from_terminal(const std::string &account) {
 }
 
 std::string from_file(const std::string &name) {
+    const auto unreadable = [&](int error) { return bad_usage("the password file " + name + " can't be read: " + std::strerror(error)); };
     const Descriptor file(::open(name.c_str(), O_RDONLY | O_CLOEXEC));
     struct stat status {};
     if (file.number() < 0 || ::fstat(file.number(), &status) != 0) {
-        throw bad_usage("the password file " + name + " can't be read: " + std::strerror(errno));
+        throw unreadable(errno);
     }
     if (S_ISREG(status.st_mode) && (status.st_mode & (S_IRGRP | S_IROTH)) != 0) {
         std::cerr << "config-copy: warning: others may read the password file " << name << ": chmod 600 it\n";
     }
-    return line_of(file.number());
+    try {
+        return line_of(file.number());
+    } catch (const std::system_error &error) { // of a folder, too
+        throw unreadable(error.code().value());
+    }
 }
 
 } // namespace

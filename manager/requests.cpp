@@ -94,7 +94,7 @@ void abort_request(Session &session, oid index, const Output &output) {
                       name + " can't be removed: it is stuck after a refused request, and goes by itself within 7 minutes");
     }
     if (result && result->status != SNMP_ERR_NOERROR) {
-        throw Failure(Ending::refused, session.agent() + ": " + words_of_refusal(result->status, column_row_status));
+        throw Failure(Ending::refused, session.agent() + ": " + words_of_refusal(result->status, column_row_status, session.low_level()));
     }
     if (!result && number(session.get({copy_cell(column_state, index)}).front())) {
         throw Failure(Ending::unreachable,

@@ -1,15 +1,14 @@
 #include "manager/server_address.h"
 
 #include "manager/failure.h"
+#include "manager/name_lookup.h"
 
 #include <arpa/inet.h>
-#include <netdb.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <array>
 #include <cstring>
-#include <memory>
 
 namespace config_copy {
 namespace {
@@ -28,12 +27,7 @@ bool leads_back(const ServerAddress &address) {
 ServerAddress server_address(const std::string &host) {
     addrinfo hints{};
     hints.ai_socktype = SOCK_DGRAM;
-    addrinfo *list = nullptr;
-    const int error = ::getaddrinfo(host.c_str(), nullptr, &hints, &list);
-    const std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> owned(list, &::freeaddrinfo);
-    if (error != 0) {
-        throw bad_usage("the file server \"" + host + "\" can't be found: " + ::gai_strerror(error) + "; write its address instead");
-    }
+    const Addresses list = look_up("file server", host, nullptr, hints);
     ServerAddress address;
     if (list->ai_family == AF_INET6) {
         sockaddr_in6 socket_address{};

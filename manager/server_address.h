@@ -12,7 +12,8 @@ struct ServerAddress {
     std::string octets; // in network order, 4 or 16
 };
 
-// Throws a Failure of usage when the name is not known, or names this machine's own loopback, which on the switch would be another one.
+// Throws a Failure of unreachable when the name can't be looked up, and of usage when it is this machine's own loopback, which on the
+// switch would be another one.
 ServerAddress server_address(const std::string &host);
 
 // An address of 4 or 16 octets in words, "?" for any other length.

@@ -39,21 +39,33 @@ Value value_of(const netsnmp_variable_list &variable) {
     }
 }
 
+// "here AES", so that a protocol that nobody chose shows, too.
+std::string protocol_in_use(const char *name) {
+    return name == nullptr ? "" : std::string(", here ") + name;
+}
+
 // What a report says of our credentials, or nothing when it says nothing about them.
-std::string words_of_report(int error) {
+std::string words_of_report(int error, const netsnmp_session &session) {
     switch (error) {
     case SNMPERR_UNKNOWN_USER_NAME:
     case SNMPERR_USM_UNKNOWNSECURITYNAME:
         return "the agent does not know this SNMPv3 user: check -u";
     case SNMPERR_AUTHENTICATION_FAILURE:
     case SNMPERR_USM_AUTHENTICATIONFAILURE:
-        return "the agent does not accept the user's authentication: check passphrase and protocol (-A, -a)";
+        return "the agent does not accept the user's authentication: check the passphrase (-A) and the protocol (-a" +
+               protocol_in_use(
+                   ::usm_lookup_auth_str(::sc_get_authtype(session.securityAuthProto, static_cast<u_int>(session.securityAuthProtoLen)))) +
+               ')';
     case SNMPERR_DECRYPTION_ERR:
     case SNMPERR_USM_DECRYPTIONERROR:
-        return "the agent can't decrypt the user's requests: check passphrase and protocol (-X, -x)";
+        return "the agent can't decrypt the user's requests: check the passphrase (-X) and the protocol (-x" +
+               protocol_in_use(
+                   ::usm_lookup_priv_str(::sc_get_privtype(session.securityPrivProto, static_cast<u_int>(session.securityPrivProtoLen)))) +
+               ')';
     case SNMPERR_UNSUPPORTED_SEC_LEVEL:
     case SNMPERR_USM_UNSUPPORTEDSECURITYLEVEL:
-        return "the agent has no keys for this security level of the user: check -l";
+        return "the agent has no keys of this user for the security level " + std::string(name_of_level(security_level(session))) +
+               ": choose another one with -l, or add the keys on the agent";
     case SNMPERR_UNKNOWN_ENG_ID:
     case SNMPERR_USM_UNKNOWNENGINEID:
         return "the agent has another engine id: check -e";
@@ -76,6 +88,44 @@ std::string octets(const Value &value) {
     const auto *found = std::get_if<std::string>(&value);
     return found == nullptr ? "" : *found;
 }
+
+int security_level(const netsnmp_session &session) {
+    const int level =
+        session.securityLevel > 0 ? session.securityLevel : ::netsnmp_ds_get_int(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_SECLEVEL);
+    return level > 0 ? level : SNMP_SEC_LEVEL_NOAUTH;
+}
+
+std::string_view name_of_level(int level) {
+    return level == SNMP_SEC_LEVEL_AUTHPRIV ? "authPriv" : level == SNMP_SEC_LEVEL_AUTHNOPRIV ? "authNoPriv" : "noAuthNoPriv";
+}
+
+namespace {
+
+// A user of SNMPv3 needs a key for all that the security level promises. The library finds out no sooner than it sends.
+void check_keys(const netsnmp_session &session) {
+    const auto is_any_set = [](std::initializer_list<int> settings) {
+        return std::any_of(settings.begin(), settings.end(),
+                           [](int which) { return ::netsnmp_ds_get_string(NETSNMP_DS_LIBRARY_ID, which) != nullptr; });
+    };
+    const int level = security_level(session);
+    const bool has_authentication = session.securityAuthKeyLen > 0 || session.securityAuthLocalKeyLen > 0 ||
+                                    is_any_set({NETSNMP_DS_LIB_PASSPHRASE, NETSNMP_DS_LIB_AUTHPASSPHRASE, NETSNMP_DS_LIB_AUTHMASTERKEY,
+                                                NETSNMP_DS_LIB_AUTHLOCALIZEDKEY});
+    const bool has_privacy = session.securityPrivKeyLen > 0 || session.securityPrivLocalKeyLen > 0 ||
+                             is_any_set({NETSNMP_DS_LIB_PASSPHRASE, NETSNMP_DS_LIB_PRIVPASSPHRASE, NETSNMP_DS_LIB_PRIVMASTERKEY,
+                                         NETSNMP_DS_LIB_PRIVLOCALIZEDKEY});
+    const auto missing = [&](const std::string &what) {
+        return bad_usage("the security level " + std::string(name_of_level(level)) + " needs " + what);
+    };
+    if (level >= SNMP_SEC_LEVEL_AUTHNOPRIV && !has_authentication) {
+        throw missing("an authentication passphrase: give -A PASSPHRASE with -a PROTOCOL, or defAuthPassphrase in snmp.conf");
+    }
+    if (level >= SNMP_SEC_LEVEL_AUTHPRIV && !has_privacy) {
+        throw missing("a privacy passphrase: give -X PASSPHRASE with -x PROTOCOL, or defPrivPassphrase in snmp.conf");
+    }
+}
+
+} // namespace
 
 struct Session::Pending {
     bool ended = false;
@@ -126,6 +176,11 @@ void Session::open(const netsnmp_session &defaults) {
 
 bool Session::is_version_1() const {
     return session_->version == SNMP_VERSION_1;
+}
+
+std::string Session::low_level() const {
+    const int level = security_level(*session_);
+    return session_->version == SNMP_VERSION_3 && level < SNMP_SEC_LEVEL_AUTHPRIV ? std::string(name_of_level(level)) : "";
 }
 
 void Session::begin_to_clean_up(Milliseconds most) {
@@ -193,7 +248,7 @@ Session::Pdu Session::exchange(Pdu pdu, bool reports_are_answers) {
             const int error = session_->s_snmp_errno;
             pending_.pop_back();
             if (error != SNMPERR_BAD_SENDTO) {
-                const std::string words = words_of_report(error);
+                const std::string words = words_of_report(error, *session_);
                 throw Failure(Ending::usage,
                               "no request to " + agent_ + " can be made: " + (words.empty() ? ::snmp_api_errstring(error) : words));
             }
@@ -216,7 +271,7 @@ Session::Pdu Session::exchange(Pdu pdu, bool reports_are_answers) {
     }
     answered_ = true;
     if (report != SNMPERR_SUCCESS && !reports_are_answers) {
-        const std::string words = words_of_report(report);
+        const std::string words = words_of_report(report, *session_);
         throw Failure(Ending::refused, agent_ + ": " + (words.empty() ? ::snmp_api_errstring(report) : words));
     }
     return answer;
@@ -265,6 +320,7 @@ void Session::make_ready() {
         return;
     }
     if (session_->version == SNMP_VERSION_3 && session_->securityModel == SNMP_SEC_MODEL_USM) {
+        check_keys(*session_);
         discover_engine();
     } else if (session_->version == SNMP_VERSION_3 && session_->contextEngineIDLen == 0) {
         discover_context_engine();
@@ -320,7 +376,7 @@ void Session::check_privacy() {
     Pdu plain = request(SNMP_MSG_GET, {{{1, 3, 6, 1, 2, 1, 1, 3, 0}, {}}});
     plain->securityLevel = SNMP_SEC_LEVEL_AUTHNOPRIV;
     if (exchange(std::move(plain))) {
-        throw Failure(Ending::refused, agent_ + ": " + words_of_report(SNMPERR_DECRYPTION_ERR));
+        throw Failure(Ending::refused, agent_ + ": " + words_of_report(SNMPERR_DECRYPTION_ERR, *session_));
     }
 }
 
@@ -390,8 +446,11 @@ bool Session::has_object(const Oid &name) {
 
 void Session::check_read(const netsnmp_pdu &answer) const {
     if (answer.errstat != SNMP_ERR_NOERROR) {
-        throw Failure(Ending::refused,
-                      agent_ + " refuses a read with " + ::snmp_errstring(static_cast<int>(answer.errstat)) + ": " + read_view_needed);
+        const std::string level = low_level();
+        throw Failure(Ending::refused, answer.errstat == SNMP_ERR_AUTHORIZATIONERROR && !level.empty()
+                                           ? agent_ + ": " + words_of_low_level(level)
+                                           : agent_ + " refuses a read with " + ::snmp_errstring(static_cast<int>(answer.errstat)) + ": " +
+                                                 read_view_needed);
     }
 }
 

@@ -14,6 +14,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <variant>
 #include <vector>
 
@@ -32,6 +33,10 @@ struct Binding {
     Oid name;
     Value value;
 };
+
+// SNMP_SEC_LEVEL_… of SNMPv3 that requests of such a session have, and its name.
+int security_level(const netsnmp_session &session);
+std::string_view name_of_level(int level);
 
 // An agent's answer to a SET.
 struct SetResult {
@@ -69,6 +74,9 @@ class Session {
 
     const std::string &agent() const { return agent_; }
     bool is_version_1() const;
+
+    // The name of the security level if the user could have a higher one; otherwise empty.
+    std::string low_level() const;
 
   private:
     struct FreePdu {

@@ -2,6 +2,7 @@
 #include "manager/options.h"
 
 #include "manager/agent_address.h"
+#include "manager/name_lookup.h"
 #include "manager/server_address.h"
 #include "manager_support.h"
 #include "scratch.h"
@@ -72,7 +73,7 @@ TEST(Options, OnesThatAreNotUnderstoodAreRefused) {
     EXPECT_NO_THROW(split({"--json", "--json"}));
     EXPECT_EQ("in -d- a hyphen follows a letter: write a long option apart, with two hyphens",
               usage_failure([] { split({"-d-defVersion=1"}); }));
-    EXPECT_EQ((Texts{"-Xa-b"}), split({"-Xa-b"}).library);
+    EXPECT_EQ((Texts{"-Xhyphen-ated"}), split({"-Xhyphen-ated"}).library);
 }
 
 // The whole command line, as the library reads it.
@@ -121,6 +122,23 @@ TEST_F(CommandLine, LongOptionsAreOursOrTokensOfSnmpConf) {
     EXPECT_NO_THROW(parse({"-n", "--foo", "agent", "running", "startup"})) << "a value";
 }
 
+TEST(Options, TheLibrarysHaveTheirValues) {
+    const auto refusal = [](const char *option, const char *value) { return usage_failure([&] { split({option, value}); }); };
+    EXPECT_EQ("-v wants the version of SNMP, 1, 2c or 3, not \"agent\"", refusal("-v", "agent"));
+    EXPECT_EQ("-v wants the version of SNMP, 1, 2c or 3, not \"4\"", refusal("-dv4", "agent"));
+    EXPECT_EQ("-v wants a value (config-copy --help)", refusal("agent", "-v"));
+    EXPECT_EQ("-a wants an authentication protocol, such as SHA-256, not \"-A\"", refusal("-a", "-A"));
+    EXPECT_EQ("-x wants a privacy protocol, such as AES, not \"-X\"", refusal("-x", "-X"));
+    EXPECT_EQ("-X wants a passphrase of at least 8 characters", refusal("-X", "agent"));
+    EXPECT_EQ((Texts{"-v", "2C", "-aSHA", "-x", "aes", "-A", "12345678"}),
+              split({"-v", "2C", "-aSHA", "-x", "aes", "-A", "12345678"}).library);
+}
+
+TEST_F(CommandLine, AnAgentHasAName) {
+    EXPECT_EQ("AGENT is empty: write the switch's name or address", usage_failure([&] { parse({"", "running", "startup"}); }));
+    EXPECT_EQ("AGENT is empty: write the switch's name or address", usage_failure([&] { parse({"list", ""}); }));
+}
+
 TEST(Options, HostsFile) {
     const Scratch scratch;
     const std::string file = scratch.root() / "hosts";
@@ -166,6 +184,19 @@ TEST(Server, Addresses) {
     EXPECT_EQ(address_ipv6, server_address("2001:db8::20").type);
     EXPECT_EQ("2001:db8::20", address_text(server_address("2001:db8::20").octets));
     EXPECT_EQ("?", address_text("123"));
+}
+
+TEST(Names, OneThatIsNotFoundIsNoBadUsage) {
+    const auto told = [](int error) { return std::string(not_found("file server", "a", error).what()); };
+    EXPECT_EQ("the file server \"a\" can't be found: Name or service not known; check its name, or write its address", told(EAI_NONAME));
+    EXPECT_EQ("the file server \"a\" can't be found: Temporary failure in name resolution; try again later, or write its address",
+              told(EAI_AGAIN));
+    try {
+        server_address("name.invalid");
+        ADD_FAILURE() << "nothing was thrown";
+    } catch (const Failure &failure) {
+        EXPECT_EQ(Ending::unreachable, failure.ending());
+    }
 }
 
 TEST(Server, AddressesThatLeadBack) {

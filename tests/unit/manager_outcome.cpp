@@ -46,13 +46,20 @@ TEST(Outcome, EachCauseHasItsWords) {
 
 TEST(Outcome, RefusalsTellWhatToDo) {
     const std::string view = "this user or community may not write copy requests: it needs a write view with .1.3.6.1.4.1.41927.9.96";
-    EXPECT_EQ(view, words_of_refusal(SNMP_ERR_NOACCESS, column_row_status));
-    EXPECT_EQ(view, words_of_refusal(SNMP_ERR_AUTHORIZATIONERROR, column_row_status));
+    EXPECT_EQ(view, words_of_refusal(SNMP_ERR_NOACCESS, column_row_status, ""));
+    EXPECT_EQ(view, words_of_refusal(SNMP_ERR_AUTHORIZATIONERROR, column_row_status, ""));
     EXPECT_EQ("the agent has no copy table: load config_copy_mib into it (its log tells why it is not)",
-              words_of_refusal(SNMP_ERR_NOTWRITABLE, column_row_status));
-    EXPECT_EQ("the switch does not take the file server's address", words_of_refusal(SNMP_ERR_WRONGVALUE, column_address));
-    EXPECT_TRUE(words_of_refusal(SNMP_ERR_RESOURCEUNAVAILABLE, column_user_name).starts_with("the switch refuses the user name with "));
-    EXPECT_EQ("the switch finds the request incomplete: check user and password", words_of_refused_activation(SNMP_ERR_INCONSISTENTVALUE));
+              words_of_refusal(SNMP_ERR_NOTWRITABLE, column_row_status, ""));
+    EXPECT_EQ("the switch does not take the file server's address", words_of_refusal(SNMP_ERR_WRONGVALUE, column_address, ""));
+    EXPECT_TRUE(words_of_refusal(SNMP_ERR_RESOURCEUNAVAILABLE, column_user_name, "").starts_with("the switch refuses the user name with "));
+    const std::string level =
+        "the agent grants this user nothing at the security level authNoPriv: choose a higher one, such as -l authPriv "
+        "(if that is refused too, check the user's views)";
+    EXPECT_EQ(level, words_of_refusal(SNMP_ERR_AUTHORIZATIONERROR, column_row_status, "authNoPriv"));
+    EXPECT_EQ(level, words_of_refused_activation(SNMP_ERR_AUTHORIZATIONERROR, "authNoPriv"));
+    EXPECT_EQ(view, words_of_refusal(SNMP_ERR_NOACCESS, column_row_status, "authNoPriv"));
+    EXPECT_EQ("the switch finds the request incomplete: check user and password",
+              words_of_refused_activation(SNMP_ERR_INCONSISTENTVALUE, ""));
 }
 
 TEST(Outcome, StatusOfSeveral) {

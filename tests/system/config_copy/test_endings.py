@@ -87,6 +87,9 @@ def test_request_that_somebody_removes(operator):
     ((AGENT, "running", f"sftp://u@{SERVER4}/a"), f"no password of u@{SERVER4} on standard input: give it at the prompt, with --password-file FILE, or on "
                                                   "standard input"),
     (("--password-file", "/nonexistent", AGENT, "running", f"sftp://u@{SERVER4}/a"), "the password file /nonexistent can't be read: No such file or directory"),
+    (("--password-file", "/tmp", AGENT, "running", f"sftp://u@{SERVER4}/a"), "the password file /tmp can't be read: Is a directory"),
+    (("-v", AGENT, "running", "startup"), f'-v wants the version of SNMP, 1, 2c or 3, not "{AGENT}"'),
+    (("", "running", "startup"), "AGENT is empty: write the switch's name or address"),
     (("--jobs", "0", AGENT, "running", "startup"), '--jobs wants a number from 1 to 1000, not "0"'),
     (("abort", AGENT), "write config-copy abort AGENT INDEX"),
     (("errors", AGENT, "0"), 'INDEX wants a number from 1 to 2147483647, not "0"'),
@@ -109,9 +112,42 @@ def test_nothing_is_done_on_an_option_that_means_nothing(option, text, lines_of)
     assert "vlan 666\n" in show("running")
 
 
+@pytest.mark.parametrize("level", ["noAuthNoPriv", "authNoPriv"])
+def test_security_level_that_is_too_low(level):
+    text = (f"{AGENT}: the agent grants this user nothing at the security level {level}: choose a higher one, such as -l authPriv (if that is refused too, "
+            "check the user's views)")
+    check(config_copy("-l", level, AGENT, "running", "startup"), REFUSED, text)
+    check(config_copy("-l", level, "list", AGENT), REFUSED, text)
+
+
+def test_security_level_that_the_user_has_no_keys_for(own_agents):
+    (agent,) = own_agents(settings=["createUser half SHA-256 half-authentication", "rwuser half authNoPriv"])
+    user = ("-u", "half", "-a", "SHA-256", "-A", "half-authentication")
+    check(config_copy(*user, "-x", "AES", "-X", "half-privacy-key", agent.name, "running", f"{SERVER}/a"), REFUSED,
+          f"{agent.name}: the agent has no keys of this user for the security level authPriv: choose another one with -l, or add the keys on the agent")
+    assert config_copy(*user, "-l", "authNoPriv", agent.name, "running", f"{SERVER}/a").status == DONE
+
+
+def test_privacy_protocol_that_nobody_chose(tmp_path):
+    """Neither an option nor snmp.conf names one, and the library takes DES."""
+    done = config_copy("-u", "operator", "-l", "authPriv", "-a", "SHA-256", "-A", "lab-authentication", "-X", "lab-privacy-key", *QUICK, AGENT, "running", "startup",
+                       env={**os.environ, "SNMPCONFPATH": str(tmp_path)})
+    check(done, REFUSED, f"{AGENT}: the agent can't decrypt the user's requests: check the passphrase (-X) and the protocol (-x, here DES)")
+
+
 def test_usage_of_the_librarys_options():
-    done = config_copy("-v", "9", AGENT, "running", "startup")
+    done = config_copy("-l", "high", AGENT, "running", "startup")
     assert done.status == USAGE and done.err.endswith("config-copy: the SNMP options are not as in snmpcmd(1) (config-copy --help)\n"), done
+
+
+@pytest.mark.parametrize("options, text", [
+    ((), "an authentication passphrase: give -A PASSPHRASE with -a PROTOCOL, or defAuthPassphrase in snmp.conf"),
+    (("-a", "SHA-256", "-A", "lab-authentication"), "a privacy passphrase: give -X PASSPHRASE with -x PROTOCOL, or defPrivPassphrase in snmp.conf"),
+    (("-a", "SHA-256", "-A", "lab-authentication", "-x", "AES"), "a privacy passphrase: give -X PASSPHRASE with -x PROTOCOL, or defPrivPassphrase in snmp.conf"),
+])
+def test_missing_keys(options, text, tmp_path):
+    check(config_copy("-u", "operator", "-l", "authPriv", *options, AGENT, "running", "startup", env={**os.environ, "SNMPCONFPATH": str(tmp_path)}), USAGE,
+          f"the security level authPriv needs {text}")
 
 
 def test_no_user(tmp_path):
@@ -159,8 +195,8 @@ def test_look_at_an_agent_without_the_module(own_agents, words):
 
 @pytest.mark.parametrize("options, text", [
     (("-u", "nobody"), "the agent does not know this SNMPv3 user: check -u"),
-    (("-a", "SHA-256", "-A", "not-the-right-one"), "the agent does not accept the user's authentication: check passphrase and protocol (-A, -a)"),
-    (("-a", "SHA-256", "-x", "AES", "-X", "not-the-right-one"), "the agent can't decrypt the user's requests: check passphrase and protocol (-X, -x)"),
+    (("-a", "SHA-256", "-A", "not-the-right-one"), "the agent does not accept the user's authentication: check the passphrase (-A) and the protocol (-a, here SHA-256)"),
+    (("-a", "SHA-256", "-x", "AES", "-X", "not-the-right-one"), "the agent can't decrypt the user's requests: check the passphrase (-X) and the protocol (-x, here AES)"),
 ], ids=["user", "authentication", "privacy"])
 def test_wrong_credentials(options, text):
     check(config_copy(*options, *QUICK, AGENT, "running", "startup"), REFUSED, f"{AGENT}: {text}")
@@ -181,7 +217,13 @@ def test_no_agent_there():
     check(config_copy(*QUICK, "198.51.100.9", "running", "startup"), UNREACHABLE, f"no answer from 198.51.100.9 in 0.6 s: {silent}")
     check(config_copy("tcp:127.0.0.1:9", "running", "startup"), UNREACHABLE,
           "no connection to tcp:127.0.0.1:9: check the address, and whether the agent listens on TCP")
-    assert config_copy("name.invalid", "running", "startup").status == UNREACHABLE
+
+
+def test_names_that_are_not_known():
+    """The lab has no name server: the failure is a temporary one."""
+    reason = "can't be found: Temporary failure in name resolution; try again later, or write its address"
+    check(config_copy("name.invalid", "running", "startup"), UNREACHABLE, f'the agent "name.invalid" {reason}')
+    check(config_copy(AGENT, "running", "tftp://name.invalid/a"), UNREACHABLE, f'the file server "name.invalid" {reason}')
 
 
 def test_agent_that_stops_answering(operator):
