@@ -145,6 +145,40 @@ TEST_F(Notification, TimesBeforeAgentsStart) {
     EXPECT_NE(fake_evtrace.history.at(0).text.find("ccCopyTimeStarted=-100, ccCopyTimeCompleted = 0,"), std::string::npos);
 }
 
+/* What a GET reads, whatever the uptime: around the ends of 31 and of 32 bits, and far behind them. */
+TEST_F(Notification, TimesAreThoseOfAGet) {
+    add_row(index_of_row);
+    constexpr int64_t day = 8640000;
+    for (const int64_t uptime : {int64_t{0}, int64_t{2147483647}, int64_t{2147483648}, int64_t{2147483649}, 300 * day, int64_t{4294967295},
+                                 int64_t{4294967296}, int64_t{4294967297}, 600 * day}) {
+        SCOPED_TRACE(uptime);
+        const auto record = ended_copy("10.1.1.1");
+        record->ccCopyTimeStarted = {TimeFake::start, static_cast<int32_t>(uptime % 100 * 10000)};
+        record->ccCopyTimeCompleted = {TimeFake::start + 1, static_cast<int32_t>(uptime % 100 * 10000)};
+        fake_agent.start_seconds = TimeFake::start - uptime / 100;
+        store_row(*record);
+        const std::vector<Binding> bindings = build(*record);
+        for (const auto &[position, column, ticks] :
+             {std::tuple{4U, CC_COLUMN_TIME_STARTED, uptime}, std::tuple{5U, CC_COLUMN_TIME_COMPLETED, uptime + 100}}) {
+            const std::optional<Answer> answer = get(copy_column(column), copy_instance(column, index_of_row));
+            ASSERT_TRUE(answer);
+            uint32_t read;
+            ASSERT_EQ(answer->octets.size(), sizeof read);
+            memcpy(&read, answer->octets.data(), sizeof read);
+            EXPECT_EQ(read, ticks % 4294967296);
+            EXPECT_EQ(bindings[position], binding(column, ASN_TIMETICKS, std::to_string(read)));
+        }
+    }
+}
+
+/* Deliberate: unlike a GET, which reads 0. */
+TEST_F(Notification, TimesLongBeforeAgentsStart) {
+    const auto record = ended_copy("10.1.1.1");
+    fake_agent.start_seconds = TimeFake::start + 21474837; /* 31 bits of ticks and 52 more */
+    record->ccCopyTimeStarted = {TimeFake::start, 0};
+    EXPECT_EQ(build(*record)[4], binding(11, ASN_TIMETICKS, "2147483596"));
+}
+
 TEST_F(Notification, EmptyFileName) {
     const auto record = ended_copy("10.1.1.1");
     put_text(record->ccCopyFileName, "");

@@ -99,6 +99,37 @@ TEST_F(Read, TimesBeforeTheAgentsStartAreZero) {
     EXPECT_EQ(value_of(12), word(1));
 }
 
+/* Uptimes around the ends of 31 and of 32 bits, at 248.55 and 497.1 days. */
+TEST_F(Read, TimesOfALongUptime) {
+    add_row(5);
+    fake_agent.start_seconds = -1000000000;
+    const auto at = [](int64_t ticks) {
+        return ccTime{static_cast<int32_t>(fake_agent.start_seconds + ticks / 100), static_cast<int32_t>(ticks % 100 * 10000)};
+    };
+    constexpr int64_t day = 8640000;
+    for (const auto &[uptime, read] :
+         std::vector<std::pair<int64_t, uint32_t>>{{2147483647, 2147483647},
+                                                   {2147483648, 2147483648},
+                                                   {2147483649, 2147483649},
+                                                   {300 * day, 2592000000},
+                                                   {4294967295, 4294967295},
+                                                   {4294967296, 0},
+                                                   {4294967297, 1},
+                                                   {600 * day, 889032704},
+                                                   {-1, 0},
+                                                   {-2147483648, 0},
+                                                   {-2147483649, 0}, /* the low 32 bits alone would be positive */
+                                                   {-4294967295, 0}}) {
+        SCOPED_TRACE(uptime);
+        ccCopyEntry row = stored_row(5);
+        row.ccCopyTimeStarted = at(uptime);
+        row.ccCopyTimeCompleted = at(uptime);
+        store_row(row);
+        EXPECT_EQ(value_of(11), word(static_cast<int32_t>(read)));
+        EXPECT_EQ(value_of(12), word(static_cast<int32_t>(read)));
+    }
+}
+
 TEST_F(Read, EitherWordOfATimeCounts) {
     add_row(5);
     ccCopyEntry row = stored_row(5);

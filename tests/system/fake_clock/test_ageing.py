@@ -65,3 +65,18 @@ def test_error_rows_go_with_their_request(operator, later):
     later(420)
     wait_for(lambda: not request.exists(), what="the row's end")
     assert operator.walk(ROOT) == []
+
+
+DAY = 24 * 60 * 60
+
+
+@pytest.mark.parametrize("days", [300, 600])
+def test_times_of_an_agent_that_has_run_for_long(operator, later, days):
+    """TimeTicks pass the end of 31 bits after 248 days and start again after 497."""
+    later(days * DAY)
+    before = days * DAY * 100 % 2**32
+    request = Request(operator).create(*upload(SERVER4, "late.cfg"), (NOTIFY, TRUE)).copied()
+    started, completed = request.get(TIME_STARTED, TIME_COMPLETED)
+    assert before < started < completed < before + 10 * 60 * 100
+    (bindings,) = wait_for(lambda: completions(request.index), what="the notification")
+    assert (request.oid(TIME_STARTED), started) in bindings and (request.oid(TIME_COMPLETED), completed) in bindings

@@ -317,8 +317,9 @@ CC_EXPORT int cc_handle_starttime_change(int major, int minor, void *serverarg, 
 
 /* The current wall-clock time. */
 struct ccTime cc_now(void);
-/* The agent's uptime in hundredths of a second at that moment (netsnmp_timeval_uptime()); negative before its start. */
-int32_t cc_uptime_of(struct ccTime when);
+/* The agent's uptime in hundredths of a second at that moment (netsnmp_timeval_uptime()); negative
+ * before its start. TimeTicks are its low 32 bits: they start again after 497 days. */
+long cc_uptime_of(struct ccTime when);
 
 } /* extern "C" */
 

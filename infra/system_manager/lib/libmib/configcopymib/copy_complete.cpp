@@ -15,11 +15,11 @@ struct ccTime cc_now(void) {
     return {(int32_t)now.tv_sec, (int32_t)now.tv_usec};
 }
 
-int32_t cc_uptime_of(struct ccTime when) {
+long cc_uptime_of(struct ccTime when) {
     struct timeval moment = {};
     moment.tv_sec = when.tv_sec;
     moment.tv_usec = when.tv_usec;
-    return (int32_t)netsnmp_timeval_uptime(&moment);
+    return (long)netsnmp_timeval_uptime(&moment);
 }
 
 /* --- completion notification ---------------------------------------------------------------------------------------------------------- */
@@ -57,8 +57,9 @@ netsnmp_variable_list *build_notification(const struct ccCopyEntry *record, oid 
     notification_oid[CC_NOTIFICATION_OID_LENGTH - 1] = (oid)record->ccCopyIndex;
     ip_addr_from_str(record->ccCopyServerAddressRev1, &notification_address);
     const uint32_t address_type = notification_address.type;
-    const int32_t started = cc_uptime_of(record->ccCopyTimeStarted);
-    const int32_t completed = cc_uptime_of(record->ccCopyTimeCompleted);
+    /* Deliberate: for a moment before the agent's start a GET reads 0, and this is not 0. */
+    const int32_t started = (int32_t)cc_uptime_of(record->ccCopyTimeStarted);
+    const int32_t completed = (int32_t)cc_uptime_of(record->ccCopyTimeCompleted);
     const uint32_t file_name_length = (uint32_t)strnlen(record->ccCopyFileName, CC_FILE_NAME_SIZE);
 
     struct binding_list list = {record->ccCopyIndex, nullptr, nullptr};

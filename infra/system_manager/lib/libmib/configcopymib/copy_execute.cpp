@@ -46,7 +46,7 @@ int32_t validate_n_start_copy(struct ccCopyEntry *record, int32_t row_status_val
     CC_TRACE(": Copy requested with: ccCopyServerAddressRev1 = %.*s,ccCopyFileName= %.*s, ccCopyUserName=%.*s, ccCopyTimeStarted=%d "
              "ccCopyProtocol = %d ccCopySourceFileType = %d, ccCopyDestFileType= %d, ccCopyServerAddressType= %d\n",
              CC_ADDRESS_TEXT_SIZE, record->ccCopyServerAddressRev1, CC_FILE_NAME_SIZE, record->ccCopyFileName, CC_CREDENTIAL_SIZE,
-             record->ccCopyUserName, cc_uptime_of(record->ccCopyTimeStarted), record->ccCopyProtocol, record->ccCopySourceFileType,
+             record->ccCopyUserName, (int32_t)cc_uptime_of(record->ccCopyTimeStarted), record->ccCopyProtocol, record->ccCopySourceFileType,
              record->ccCopyDestFileType, record->ccCopyServerAddressType);
     int32_t error_status = SNMP_ERR_NOERROR;
     if (validate_entry(record, &error_status, row_status_value) != 1) {

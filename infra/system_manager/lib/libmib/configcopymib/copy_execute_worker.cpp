@@ -272,7 +272,7 @@ uint32_t copy_function(struct ccCopyEntry *record) {
     CC_TRACE(": Copy started with : ccCopyServerAddressRev1 = %.*s,ccCopyFileName= %.*s, ccCopyUserName=%.*s,ccCopyTimeStarted=%d "
              "ccCopyProtocol = %d ccCopySourceFileType = %d, ccCopyDestFileType= %d, ccCopyServerAddressType= %d\n",
              CC_ADDRESS_TEXT_SIZE, record->ccCopyServerAddressRev1, CC_FILE_NAME_SIZE, record->ccCopyFileName, CC_CREDENTIAL_SIZE,
-             record->ccCopyUserName, cc_uptime_of(record->ccCopyTimeStarted), record->ccCopyProtocol, record->ccCopySourceFileType,
+             record->ccCopyUserName, (int32_t)cc_uptime_of(record->ccCopyTimeStarted), record->ccCopyProtocol, record->ccCopySourceFileType,
              record->ccCopyDestFileType, record->ccCopyServerAddressType);
     char directory[PATH_SIZE];
     char base_name[PATH_SIZE];

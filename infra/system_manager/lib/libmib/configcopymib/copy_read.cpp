@@ -28,7 +28,7 @@ template <size_t capacity> static unsigned char *text_value(char (&field)[capaci
 }
 
 static unsigned char *ticks_value(struct ccTime when, size_t *var_len) {
-    const int32_t uptime = when.tv_sec == 0 && when.tv_usec == 0 ? 0 : cc_uptime_of(when);
+    const long uptime = when.tv_sec == 0 && when.tv_usec == 0 ? 0 : cc_uptime_of(when);
     read_ticks = uptime < 0 ? 0 : (uint32_t)uptime;
     return field_value(read_ticks, INTEGER_LENGTH, var_len);
 }
