@@ -207,6 +207,44 @@ TEST_F(ServerAddress, TypeOfTheWrongKind) {
     }
 }
 
+/* The message shows the value that is stored, however short its length was said to be. */
+TEST_F(ServerAddress, TypeThatIsLoggedIsTheOneThatIsStored) {
+    add();
+    for (const std::size_t length : {std::size_t{0}, std::size_t{1}, std::size_t{2}, std::size_t{3}, std::size_t{4}, sizeof(long)}) {
+        for (const long value : {2L, 0x102L, 0x10002L, 0x1000002L, 0x300000002L}) {
+            SCOPED_TRACE(std::to_string(value) + " of length " + std::to_string(length));
+            fake_evtrace.clear();
+            set_type(0);
+            const Value written = integer_of_length(value, length);
+            const auto whole = static_cast<int32_t>(value);
+            EXPECT_EQ(type_column.run(reserve1, written), whole == 2 ? SNMP_ERR_NOERROR : SNMP_ERR_WRONGVALUE);
+            EXPECT_LOGGED(EVTRACE_DEBUG,
+                          "set_ccCopyServerAddressType : Entering RESERVE1 of entry (index = 5) : The server address type being set = " +
+                              std::to_string(whole) + "\n");
+            EXPECT_EQ(type_column.run(reserve2, written), 0);
+            EXPECT_EQ(type(), whole);
+        }
+    }
+}
+
+/* What is no INTEGER of a fitting length shows as far as it goes, and no octet behind it is read. */
+TEST_F(ServerAddress, TypeThatIsRefusedIsLoggedAsFarAsItGoes) {
+    const auto logged = [](const Value &value) {
+        fake_evtrace.clear();
+        ::testing::internal::CaptureStderr();
+        EXPECT_NE(type_column.run(reserve1, value), SNMP_ERR_NOERROR);
+        ::testing::internal::GetCapturedStderr();
+        return fake_evtrace.history.at(0).text.substr(std::string("set_ccCopyServerAddressType : Entering RESERVE1 of entry ").size());
+    };
+    const std::string head = "(index = 5) : The server address type being set = ";
+    EXPECT_EQ(logged(Value{ASN_NULL, 0, nullptr}), head + "0\n");
+    EXPECT_EQ(logged(octet_string("")), head + "0\n");
+    EXPECT_EQ(logged(octet_string("\1")), head + "1\n");
+    EXPECT_EQ(logged(octet_string("\1\1\1\1\1\1\1\1")), head + "16843009\n");
+    EXPECT_EQ(logged(integer_of_length(2, 5)), head + "2\n");
+    EXPECT_EQ(logged(integer_of_length(2, 20)), head + "2\n");
+}
+
 TEST_F(ServerAddress, TypeIsStoredAndTheAddressStays) {
     add();
     ASSERT_EQ(type_column.run(reserve1), 0);

@@ -223,8 +223,10 @@ static void announce_entry(const struct column &column, const struct written_val
 }
 
 static void announce_address_type(const struct column &column, const struct written_value &value, int32_t index) {
+    /* The checks come later: what is no INTEGER may end before a whole word. */
+    const bool well_formed = value.type == ASN_INTEGER && cc_integer_length_ok(value.length);
     cc_log(EVTRACE_DEBUG, "%s : Entering RESERVE1 of entry (index = %d) : The server address type being set = %d\n", column.handler, index,
-           (int32_t)first_word(value));
+           well_formed ? cc_integer_value(value.octets, value.length) : (int32_t)first_word(value));
 }
 
 static void announce_address(const struct column &column, const struct written_value &value, int32_t index) {
