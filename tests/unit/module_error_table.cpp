@@ -159,10 +159,7 @@ TEST_F(ErrorTable, SecondRowOfAKeyIsRefused) {
     add(error);
     error.ccCopyErrorDeviceAddrType = 2;
     const ccCopyEntry request = request_of(3);
-    {
-        const LeaksAllowed leaks; /* the block of a refused row is left behind */
-        EXPECT_EQ(addCcCopyErrorEntry(&request, &error), CCERR_FAILED);
-    }
+    EXPECT_EQ(addCcCopyErrorEntry(&request, &error), CCERR_FAILED);
     EXPECT_LOGGED(EVTRACE_ERROR, "addCcCopyErrorEntry : failed to add to index object\n");
     EXPECT_EQ(keyedset_size(&ccCopyErrorTable), 1U);
     EXPECT_EQ(value(type_column), word(0));

@@ -2,12 +2,14 @@
 
 #include <cstdlib>
 #include <new>
+#include <unordered_set>
 
 MemoryFake fake_memory;
 
 void MemoryFake::reset() {
     failing_size = 0;
     failures = 0;
+    counting = false;
 }
 
 void MemoryFake::verify() {
@@ -24,17 +26,46 @@ bool fails(std::size_t size) {
     return true;
 }
 
+std::unordered_set<const void *> &counted_blocks() {
+    static std::unordered_set<const void *> blocks;
+    return blocks;
+}
+
 } // namespace
+
+void MemoryFake::count_blocks() {
+    counted_blocks().clear();
+    counting = true;
+}
+
+std::size_t MemoryFake::blocks() {
+    return counted_blocks().size();
+}
 
 extern "C" {
 
 void *__real_malloc(size_t size);
+void __real_free(void *block);
 void *__real_calloc(size_t count, size_t size);
 void *__real__Znwm(size_t size);
 void *__real__ZnwmRKSt9nothrow_t(size_t size, const std::nothrow_t &tag);
 
 void *__wrap_malloc(size_t size) {
-    return fails(size) ? nullptr : __real_malloc(size);
+    if (fails(size)) {
+        return nullptr;
+    }
+    void *block = __real_malloc(size);
+    if (MemoryFake::counting) {
+        counted_blocks().insert(block);
+    }
+    return block;
+}
+
+void __wrap_free(void *block) {
+    if (MemoryFake::counting) {
+        counted_blocks().erase(block);
+    }
+    __real_free(block);
 }
 
 void *__wrap_calloc(size_t count, size_t size) {

@@ -5,10 +5,6 @@
 #include <regex>
 #include <unistd.h>
 
-#ifdef __SANITIZE_ADDRESS__
-#include <sanitizer/lsan_interface.h>
-#endif
-
 #include "fake_agent.h"
 #include "fake_time.h"
 
@@ -160,13 +156,25 @@ int call_phase(WriteMethod *method, int phase, const Value &value, oid column, o
     return method(phase, value.octets.get(), value.type, value.length, state, name.data(), name.size());
 }
 
+Oid Varbind::name() const {
+    Oid name = copy_column(column);
+    name.insert(name.end(), between.begin(), between.end());
+    name.push_back(index);
+    return name;
+}
+
 int Request::run(int phase) {
     if (phase == SNMP_MSG_INTERNAL_SET_RESERVE1) {
-        const Lookup found = look_up(copy_column(varbind_.column), copy_instance(varbind_.column, varbind_.index), 1);
+        const Lookup found = look_up(copy_column(varbind_.column), varbind_.name(), 1);
         write_method_ = found.write_method;
         state_ = found.value;
     }
-    return writable() ? call_phase(write_method_, phase, varbind_.value, varbind_.column, varbind_.index, state_) : SNMP_ERR_NOTWRITABLE;
+    if (!writable()) {
+        return SNMP_ERR_NOTWRITABLE;
+    }
+    Oid name = varbind_.name();
+    const Value &value = varbind_.value;
+    return write_method_(phase, value.octets.get(), value.type, value.length, state_, name.data(), name.size());
 }
 
 SetResult set(const std::vector<Varbind> &varbinds) {
@@ -223,18 +231,6 @@ void LoadedModuleTest::TearDown() {
     deinit_config_copy_mib();
     ModuleTest::TearDown();
 }
-
-#ifdef __SANITIZE_ADDRESS__
-LeaksAllowed::LeaksAllowed() {
-    __lsan_disable();
-}
-LeaksAllowed::~LeaksAllowed() {
-    __lsan_enable();
-}
-#else
-LeaksAllowed::LeaksAllowed() = default;
-LeaksAllowed::~LeaksAllowed() = default;
-#endif
 
 TraceFile::TraceFile() : fd_(-1) {
     is_snmp_debug_enabled = 1;

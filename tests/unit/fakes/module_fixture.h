@@ -64,6 +64,9 @@ struct Varbind {
     oid column;
     oid index;
     Value value;
+    Oid between{}; /* sub-identifiers between column and index: too many for a row */
+
+    Oid name() const;
 };
 
 /* One variable of a SET: the agent looks it up once, ahead of RESERVE1, and calls the write method that it found for every phase. */
@@ -106,15 +109,6 @@ class LoadedModuleTest : public ModuleTest {
   protected:
     void SetUp() override;
     void TearDown() override;
-};
-
-/* Blocks that are allocated while an object of this lives may leak: for the few that the module drops on purpose. */
-class LeaksAllowed {
-  public:
-    LeaksAllowed();
-    ~LeaksAllowed();
-    LeaksAllowed(const LeaksAllowed &) = delete;
-    LeaksAllowed &operator=(const LeaksAllowed &) = delete;
 };
 
 /* The private trace file of this process, switched on for as long as the object lives. The module keeps its stream open for the life of the

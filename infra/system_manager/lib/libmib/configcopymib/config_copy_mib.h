@@ -264,9 +264,9 @@ CC_EXPORT WriteMethod set_ccCopyProtocol, set_ccCopySourceFileType, set_ccCopyDe
 
 /* Row copies of SETs of the row status, from RESERVE1 to the end of the transaction; written by the row-status handler. */
 extern struct keyedset ccCopyUndoList;
-/* Take a row's copy out of the undo list and free it, if there is one; and the same for every copy. */
-void cc_undo_drop(int32_t index);
+/* Take out of the undo list and free: every copy; every copy whose row is gone. */
 void cc_undo_clear(void);
+void cc_undo_drop_orphans(void);
 
 /* The value of an INTEGER that a manager wrote: its low 32 bits. */
 int32_t cc_integer_value(const unsigned char *value, size_t length);

@@ -221,8 +221,8 @@ void cfgentry_age_timer_handler(unsigned int, void *) {
         cc_log(EVTRACE_DEBUG, "%s: Deleting the aged out entry %d (curtime = %ld, entrycreatetetime = %ld \n", __func__, row.ccCopyIndex,
                (long)now, (long)row.create_time);
         deleteCcCopyEntry(&row);
-        cc_undo_drop(row.ccCopyIndex); /* so that no stale copy meets a later row of this index */
     }
+    cc_undo_drop_orphans(); /* so that no stale copy meets a later row of its index, nor do they pile up */
 }
 
 int cc_handle_starttime_change(int, int, void *serverarg, void *) {

@@ -166,7 +166,8 @@ uint32_t addCcCopyErrorEntry(const struct ccCopyEntry *, const struct ccCopyErro
     }
     memcpy(stored, record, sizeof *stored);
     if (keyedset_add(&ccCopyErrorTable, stored, stored) == nullptr) {
-        /* Deliberate: the block is left behind; nothing looks at the result, and the fill never repeats a key. */
+        /* A copy that fails once more reports its switches under the same keys. Deliberate: its first errors stay. */
+        free(stored);
         cc_log(EVTRACE_ERROR, "%s : failed to add to index object\n", __func__);
         return CCERR_FAILED;
     }

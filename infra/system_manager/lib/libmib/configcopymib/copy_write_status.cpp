@@ -22,13 +22,23 @@ static struct ccCopyEntry *undo_take(int32_t index) {
     return static_cast<struct ccCopyEntry *>(keyedset_remove(&ccCopyUndoList, &key));
 }
 
-void cc_undo_drop(int32_t index) {
+static void undo_drop(int32_t index) {
     ccCopyEntry_free(undo_take(index));
 }
 
 void cc_undo_clear(void) {
     while (const void *copy = keyedset_find_nth_obj(&ccCopyUndoList, 1)) {
-        cc_undo_drop(static_cast<const struct ccCopyEntry *>(copy)->ccCopyIndex);
+        undo_drop(static_cast<const struct ccCopyEntry *>(copy)->ccCopyIndex);
+    }
+}
+
+void cc_undo_drop_orphans(void) {
+    struct ccCopyEntry row = {}; /* index 0: ahead of every copy */
+    while (const void *copy = keyedset_find_nextgreater(&ccCopyUndoList, &row)) {
+        row.ccCopyIndex = static_cast<const struct ccCopyEntry *>(copy)->ccCopyIndex;
+        if (getCcCopyEntry(&row) != 0) {
+            undo_drop(row.ccCopyIndex);
+        }
     }
 }
 
@@ -94,6 +104,9 @@ static int reserve1(int32_t requested, unsigned char type, size_t length, bool r
         cc_log(EVTRACE_ERROR, ": %s : Another Copy is in progress\n", HANDLER);
         log_set_error(CCERR_COPY_IN_PROGRESS, CC_ERROR_FACILITY);
         return SNMP_ERR_GENERR;
+    }
+    if (keyedset_size(&ccCopyTable) == 0) {
+        cc_undo_clear(); /* no age-out pass comes while there is no row */
     }
     if (row_was_read) {
         const int kept = undo_keep_last_read_row();
@@ -198,7 +211,7 @@ static int commit(int32_t requested, int32_t index) {
         change_time_flag = 0;
     }
     cc_trace("%s(%d):%s : COMMIT Removing the entry from undo list  (index = %d)\n", HANDLER, __LINE__, HANDLER, index);
-    cc_undo_drop(index);
+    undo_drop(index);
     return SNMP_ERR_NOERROR;
 }
 
@@ -216,7 +229,7 @@ static int free_phase(int32_t requested, int32_t index) {
         }
     }
     if (creates(requested)) {
-        cc_undo_drop(index);
+        undo_drop(index);
     }
     return SNMP_ERR_NOERROR;
 }
@@ -230,11 +243,9 @@ static int undo_change(int32_t requested, int32_t index) {
     }
     if (requested != ROW_STATUS_DESTROY) {
         cc_log(EVTRACE_DEBUG, "%s : UNDO Setting back the value  (index = %d)\n", HANDLER, index);
-        if (setCcCopyEntry(copy, 0) != 0) {
-            return SNMP_ERR_GENERR; /* deliberate: the copy is not freed */
-        }
+        const uint32_t put_back = setCcCopyEntry(copy, 0); /* fails when the same SET destroyed the row */
         ccCopyEntry_free(copy);
-        return SNMP_ERR_NOERROR;
+        return put_back == 0 ? SNMP_ERR_NOERROR : SNMP_ERR_GENERR;
     }
     cc_log(EVTRACE_DEBUG, "%s : UNDO Adding the deleted entry (index = %d)\n", HANDLER, index);
     /* Deliberate: the test is inverted, a row that could be put back is released and reported as a failure. Released means out of the table
