@@ -1,6 +1,6 @@
 #!/bin/bash
-# Checks the manual pages: mandoc's lint has nothing to say of any, each page bears its file's name and section, and refers only to pages that
-# are here or in the list of those of other packages. Needs mandoc.
+# Checks the manual pages: mandoc's lint has nothing to say of any, each page bears its file's name and section, refers only to pages that
+# are here or in the list of those of other packages, and fits into a terminal of 80 columns. Needs mandoc.
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
@@ -25,6 +25,9 @@ for page in "${pages[@]}"; do
     while read -r name section; do
         [[ -f $name.$section ]] || grep -qxF "$name $section" <<<"$foreign" || complain "$page refers to $name($section)"
     done < <(sed -n '/^\./p' "$page" | grep -oP '\bXr \K\S+ [1-9]')
+    while read -r line; do
+        complain "$page is wider than 80 columns: $line"
+    done < <(mandoc -T utf8 -O width=80 "$page" | LC_ALL=C.UTF-8 sed -n $'s/.\b//g; /^.\\{81\\}/p')
 done
 if ((failed == 0)); then
     printf '%d manual pages as expected\n' "${#pages[@]}"
