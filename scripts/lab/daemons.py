@@ -180,3 +180,9 @@ class Receiver:
         # coldStart (RFC 3418) from the receiver's own host; the agent's notifications come from the switch.
         succeeds(*network.on_server("snmptrap", "-v2c", "-c", COMMUNITY, network.SERVER4, "", ".1.3.6.1.6.3.1.1.5.1"))
         return poll(lambda: TRAPS.stat().st_size > 0, 1)
+
+
+def system_log():
+    """Whatever the lab's processes give to the system's log, in LOG/system."""
+    file = LOG / "system"
+    return Daemon("system-log", [sys.executable, "-B", HERE / "system_log.py", file], lambda: file.exists() and Path("/dev/log").exists())

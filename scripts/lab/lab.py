@@ -22,7 +22,7 @@ COMMAND runs as root on the first switch, in the folder where lab.sh was called,
   LAB_USER, LAB_PASSWORD   the account on the file server
   LAB_STATE                the switch's state directory (running.cfg, system.cfg)
   LAB_TRAPS                received notifications, one a line: time, sender, then the bindings, parted by tabs, OIDs numeric
-  LAB_LOG                  the folder with the logs of every daemon
+  LAB_LOG                  the folder with the logs of every daemon; `system` has what went to the system's log, syslog(3)
 `snmpget $LAB_AGENT OID` works without options, over SNMPv3 authPriv; the community `lab` (-v2c -c lab) may read and write too.
 
 In the lab, `lab-ctl` stops, starts and signals agents and system managers, cuts cables and runs commands on other switches and on the file

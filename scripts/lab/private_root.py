@@ -10,7 +10,7 @@ MS_NOSUID, MS_NODEV, MS_NOEXEC = 2, 4, 8
 MS_BIND, MS_REC, MS_PRIVATE, MS_SLAVE = 1 << 12, 1 << 14, 1 << 18, 1 << 19
 
 # What the lab has for itself. All else is the machine's.
-PRIVATE = ("/tmp", "/run", "/etc", "/var/tmp", "/var/log", "/var/lib/snmp", "/var/lib/ulmo", "/lab", "/ulmo", "/proc", "/sys")
+PRIVATE = ("/tmp", "/run", "/etc", "/var/tmp", "/var/log", "/var/lib/snmp", "/var/lib/ulmo", "/lab", "/ulmo", "/proc", "/sys", "/dev/log")
 
 _libc = ctypes.CDLL(None, use_errno=True)
 
@@ -29,13 +29,13 @@ def _bind(source, target):
 
 
 def _show(source, target):
-    """The machine's file, folder or link `source` under the name `target`."""
+    """The machine's file, device, folder or link `source` under the name `target`."""
     if source.is_symlink():
         target.symlink_to(os.readlink(source))
     elif source.is_dir():
         target.mkdir()
         _bind(source, target)
-    elif source.is_file():
+    elif source.is_file() or source.is_char_device() or source.is_block_device():
         target.touch()
         _bind(source, target)
 
@@ -44,7 +44,7 @@ def _assemble(source, target):
     """The folder `source` with its content, but for what is private in it."""
     for entry in sorted(source.iterdir()):
         place = target / entry.name
-        if str(entry) in PRIVATE:
+        if str(entry) in PRIVATE or str(entry) == "/dev/ptmx":
             continue
         if any(private.startswith(f"{entry}/") for private in PRIVATE) and not entry.is_symlink():
             place.mkdir()
@@ -71,6 +71,8 @@ def enter(visible):
         (top / folder).chmod(mode)
     subprocess.run(["cp", "-a", "/etc/.", str(top / "etc")], check=True)
     mount("sysfs", top / "sys", "sysfs", MS_NOSUID | MS_NODEV | MS_NOEXEC)
+    # The kernel looks for the terminals beside the device, and that is where the machine's are no longer.
+    (top / "dev/ptmx").symlink_to("pts/ptmx")
     if (top / "dev/shm").is_dir():
         mount("shm", top / "dev/shm", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777")
     # A chroot may come without terminals, which the transfer scripts run their clients on.

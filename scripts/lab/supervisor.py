@@ -12,7 +12,7 @@ from pathlib import Path
 
 import network
 import private_root
-from daemons import LAB, LOG, SERVER_ROOT, TRAPS, USER, Daemon, Failure, Receiver, folder, poll
+from daemons import LAB, LOG, SERVER_ROOT, TRAPS, USER, Daemon, Failure, Receiver, folder, poll, system_log
 from file_server import FileServer
 from switch import AUTHENTICATION, OPERATOR, PRIVACY, Switch, environment
 
@@ -58,6 +58,7 @@ class Lab:
         for program in (self.build / "bin").glob("*"):
             (Path("/ulmo/bin") / program.name).symlink_to(program)
         self._describe_manager()
+        self._start(system_log())
         network.make_server()
         if self.orders["vrf"]:
             network.make_vrf(self.orders["vrf"])

@@ -1,0 +1,12 @@
+"""The system's log of the lab: writes what is sent to /dev/log (syslog(3)) into a file, one message a line, with its priority in front."""
+
+import re
+import socket
+import sys
+
+WELL_KNOWN = "/dev/log"
+
+with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as messages, open(sys.argv[1], "ab", buffering=0) as log:
+    messages.bind(WELL_KNOWN)
+    while True:
+        log.write(re.sub(rb"[\n\0]+", b" ", messages.recv(65536)).rstrip() + b"\n")
