@@ -1,6 +1,7 @@
 #include "platform/agent_extension.h"
 
 #include "platform/host/agent_extension_clock.h"
+#include "platform/host/agent_extension_copies.h"
 #include "platform/host/agent_extension_request.h"
 #include "platform/host/agent_extension_workers.h"
 #include "platform/host/host_log.h"
@@ -14,8 +15,11 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdlib>
+#include <cstring>
 #include <map>
 #include <memory>
+#include <optional>
 #include <system_error>
 #include <utility>
 #include <vector>
@@ -36,6 +40,12 @@ class Agent {
     pid_t fork_worker();
 
   private:
+    // A copy for which there is no process.
+    struct Unforked {
+        CopyWatch::Copy copy;
+        int error;
+    };
+
     static constexpr uint64_t no_worker = 0; // in the event data; otherwise the worker's process id
 
     static void on_readable(int, void *self);
@@ -58,6 +68,7 @@ class Agent {
     std::unique_ptr<MsgbusServer> server_;
     std::unique_ptr<ClockWatch> clock_;
     WorkerTable workers_;
+    std::optional<Unforked> unforked_;
     unsigned int poll_alarm_ = 0; // runs while a worker has no descriptor of its own
 };
 
@@ -80,6 +91,15 @@ template <typename Operation> void guarded(Operation operation) {
 
 uint32_t first_word_or_failure(const msgbus_message &message) {
     return message.length >= sizeof(uint32_t) ? ntohl(message.words[0]) : failed_outcome;
+}
+
+// What a worker says; nothing when it says nothing.
+std::optional<int32_t> status_in(const msgbus_message &message) {
+    std::optional<int32_t> status;
+    if (message.length >= sizeof(int32_t)) {
+        std::memcpy(&status.emplace(), message.words.data(), sizeof(int32_t));
+    }
+    return status;
 }
 
 int Agent::subscribe(uint32_t opcode, agent_message_handler handler) {
@@ -119,6 +139,8 @@ void Agent::start() {
         auto server = std::make_unique<MsgbusServer>(MSGBUS_SAP_AGENT);
         add_event(server->fd(), no_worker);
         server_ = std::move(server);
+        observe_bus(copy_watch());
+        copy_watch().close_unfinished();
     }
 }
 
@@ -162,6 +184,11 @@ void Agent::receive(const Incoming &incoming) {
         return;
     }
     deliver(*incoming.message);
+    if (incoming.message->opcode == AGENT_OPC_WORKER_STATUS) {
+        copy_watch().reported(incoming.peer.pid, status_in(*incoming.message));
+    } else if (incoming.message->opcode == MSGBUS_OPC_WARDEN_CFG_ACTION_END) {
+        copy_watch().action_ended(first_word_or_failure(*incoming.message));
+    }
 }
 
 void Agent::deliver(msgbus_message &message) {
@@ -197,6 +224,7 @@ void Agent::settle(const std::vector<pid_t> &ended) {
         if (!end->reported) {
             log_error("agent: worker %d ended %s without a report", worker, end->how.c_str());
             deliver_lost_status();
+            copy_watch().died(worker, end->how);
         }
     }
 }
@@ -218,21 +246,31 @@ void Agent::on_poll_alarm(unsigned int, void *self) {
 void Agent::on_failed_fork(unsigned int, void *self) {
     guarded([self] {
         log_error("agent: a worker could not be started");
-        static_cast<Agent *>(self)->deliver_lost_status();
+        auto *agent = static_cast<Agent *>(self);
+        agent->deliver_lost_status();
+        if (const auto unforked = std::exchange(agent->unforked_, std::nullopt)) {
+            copy_watch().not_forked(unforked->copy, unforked->error);
+        }
     });
 }
 
 pid_t Agent::fork_worker() {
     guarded([this] { start(); }); // the access point may have been another agent's when this one was loaded
     const std::vector<int> own = descriptors();
+    auto copy = copy_watch().begin();
     const pid_t worker = ::fork();
     if (worker == 0) {
+        ::setenv(copy_report_variable, copy ? copy->report.c_str() : "", 1);
         become_worker(own);
     } else if (worker > 0) {
+        guarded([&] { copy_watch().follow(worker, std::move(copy)); });
         guarded([=, this] { follow(worker); });
     } else {
         // The caller goes on as if there were a worker; its end is reported once the request has been served.
         const int saved_errno = errno;
+        if (copy) {
+            unforked_ = Unforked{std::move(*copy), saved_errno};
+        }
         snmp_alarm_register_hr(timeval{0, 1000}, 0, on_failed_fork, this);
         errno = saved_errno;
     }

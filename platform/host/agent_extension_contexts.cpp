@@ -1,4 +1,6 @@
-// SNMP contexts (RFC 3411, 3.3.1) that name VRFs: what a module registers with the agent is to be had in each of them too.
+// What a module registers with the agent. SNMP contexts (RFC 3411, 3.3.1) that name VRFs: what a module registers with the agent is to be
+// had in each of them too.
+#include "platform/host/agent_extension_copies.h"
 #include "platform/host/host_config.h"
 #include "platform/host/host_log.h"
 
@@ -45,6 +47,7 @@ int __wrap_register_mib(const char *module, const struct variable *variables, si
                         size_t root_length) {
     const int result = register_mib(module, variables, variable_size, count, root, root_length);
     try {
+        ulmo::copy_watch().learn(variables, variable_size, count, root, root_length);
         ulmo::read_contexts();
         for (const std::string &name : ulmo::contexts()) {
             if (register_mib_context(module, variables, variable_size, count, root, root_length, DEFAULT_MIB_PRIORITY, 0, 0, nullptr,

@@ -7,6 +7,11 @@
 #include "platform/host/unique_fd.h"
 
 #include <net-snmp/agent/net-snmp-agent-includes.h>
+#include <net-snmp/library/snmpTCPDomain.h>
+#include <net-snmp/library/snmpTCPIPv6Domain.h>
+#include <net-snmp/library/snmpUDPDomain.h>
+#include <net-snmp/library/snmpUDPIPv6Domain.h>
+#include <net-snmp/library/snmpUnixDomain.h>
 
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -21,6 +26,7 @@
 #include <ctime>
 #include <fstream>
 #include <map>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -37,11 +43,6 @@ const char *handed_out(TextBuffer &buffer, std::string_view text) {
     std::memcpy(buffer.data(), text.data(), length);
     buffer[length] = '\0';
     return buffer.data();
-}
-
-const netsnmp_pdu *current_request() {
-    const netsnmp_agent_session *session = netsnmp_get_current_agent_session();
-    return session != nullptr ? session->pdu : nullptr;
 }
 
 std::string_view user_of(const netsnmp_pdu &request) {
@@ -91,7 +92,52 @@ void mark_change(int kind) {
     replace_state_file(path, text.str());
 }
 
+// The name that the agent's settings give to the community at that address.
+std::string security_name(const netsnmp_pdu &request) {
+    const char *name = nullptr;
+    const char *context = nullptr;
+    const auto *community = reinterpret_cast<const char *>(request.community);
+    const auto length = static_cast<int>(request.community_len);
+    if (request.tDomain == netsnmpUDPDomain || request.tDomain == netsnmp_snmpTCPDomain) {
+        netsnmp_udp_getSecName(request.transport_data, request.transport_data_length, community, length, &name, &context);
+    } else if (request.tDomain == netsnmp_UDPIPv6Domain || request.tDomain == netsnmp_TCPIPv6Domain) {
+        netsnmp_udp6_getSecName(request.transport_data, request.transport_data_length, community, length, &name, &context);
+    } else if (request.tDomain == netsnmp_UnixDomain) {
+        netsnmp_unix_getSecName(request.transport_data, request.transport_data_length, community, length, &name, &context);
+    }
+    return name != nullptr ? name : "";
+}
+
 } // namespace
+
+const netsnmp_pdu *current_request() {
+    const netsnmp_agent_session *session = netsnmp_get_current_agent_session();
+    return session != nullptr ? session->pdu : nullptr;
+}
+
+std::string requester_name() {
+    const netsnmp_pdu *request = current_request();
+    if (request == nullptr) {
+        return "";
+    }
+    return request->version == SNMP_VERSION_3 ? std::string(user_of(*request)) : security_name(*request);
+}
+
+std::string requester_address() {
+    const netsnmp_pdu *request = current_request();
+    netsnmp_session *session = request != nullptr ? netsnmp_get_current_agent_session()->session : nullptr;
+    netsnmp_transport *transport = session != nullptr ? ::snmp_sess_transport(::snmp_sess_pointer(session)) : nullptr;
+    if (transport == nullptr || transport->f_fmtaddr == nullptr) {
+        return "";
+    }
+    // Such as "UDP: [192.0.2.1]:40000->[192.0.2.2]:161".
+    const std::unique_ptr<char, void (*)(void *)> text(
+        transport->f_fmtaddr(transport, request->transport_data, request->transport_data_length), std::free);
+    const std::string whole = text ? text.get() : "";
+    const auto begin = whole.find('[');
+    const auto end = whole.find(']', begin);
+    return end == std::string::npos ? whole.substr(0, whole.find(':')) : whole.substr(begin + 1, end - begin - 1);
+}
 
 void remember_watchdog() {
     const char *address = std::getenv("NOTIFY_SOCKET");

@@ -1,5 +1,6 @@
 #include "platform/host/agent_extension_workers.h"
 
+#include "platform/host/copy_report.h"
 #include "platform/host/host_config.h"
 #include "platform/host/host_log.h"
 #include "platform/host/ownership.h"
@@ -139,6 +140,7 @@ void become_worker(const std::vector<int> &foreign) noexcept {
         // A copy writes files under names that a manager chose: not where the agent happens to run. The agent reports this end as a
         // failure.
         log_error("worker: no private directory: %s", failure.what());
+        report_reason(std::string("no private directory: ") + failure.what());
         ::_exit(EXIT_FAILURE);
     }
 }

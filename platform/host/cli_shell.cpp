@@ -1,8 +1,10 @@
 #include "platform/cli_shell.h"
 
 #include "platform/host/configuration_text.h"
+#include "platform/host/copy_report.h"
 #include "platform/host/device_backend.h"
 #include "platform/host/host_log.h"
+#include "platform/host/last_save.h"
 #include "platform/host/state_file.h"
 
 #include <fcntl.h>
@@ -60,9 +62,11 @@ uint32_t execute(const std::string &file, const std::string &output) {
     } catch (const ulmo::ConfigurationError &error) {
         result = error.kind() == ulmo::ConfigurationError::Kind::bad_line ? CMDSHELL_ERR_BAD_LINE : CMDSHELL_ERR_BAD_FILE;
         text = file + ": " + error.what();
+        ulmo::report_reason(error.what());
     } catch (const std::exception &error) {
         result = CMDSHELL_ERR_APPLY;
         text = file + ": " + error.what();
+        ulmo::report_reason(ulmo::reason_of(error));
     }
     if (result != 0) {
         ulmo::log_error("cmdshell_execute_cfg_file2: %s (0x%08x)\n", text.c_str(), result);

@@ -1,5 +1,6 @@
 #include "platform/msgbus.h"
 
+#include "platform/host/bus_observer.h"
 #include "platform/host/host_config.h"
 #include "platform/host/host_log.h"
 #include "platform/host/msgbus_wire.h"
@@ -27,6 +28,8 @@ constexpr int32_t kind_requests = 4;
 constexpr milliseconds short_wait{100};
 constexpr milliseconds default_answer_limit{2000};
 constexpr milliseconds longest_answer_limit{60000};
+
+BusObserver *observer = nullptr;
 
 // A request whose answer has not come.
 struct Exchange {
@@ -205,6 +208,11 @@ int32_t guarded(const std::function<int()> &operation) {
 }
 
 } // namespace
+
+void observe_bus(BusObserver &new_observer) {
+    observer = &new_observer;
+}
+
 } // namespace ulmo
 
 extern "C" {
@@ -229,11 +237,23 @@ int32_t msgbus_unbind(int32_t handle, int32_t) {
 
 int32_t msgbus_send(int32_t handle, uint32_t node, uint32_t sap, uint32_t opcode, const void *payload, uint32_t length, msgbus_msg *store,
                     uint32_t, uint32_t) {
-    return ulmo::guarded([&] { return ulmo::send_message(handle, node, sap, opcode, payload, length, store); });
+    const int32_t result = ulmo::guarded([&] { return ulmo::send_message(handle, node, sap, opcode, payload, length, store); });
+    if (ulmo::observer != nullptr) {
+        const int saved_errno = errno;
+        ulmo::observer->sent(opcode, result == 0 ? 0 : saved_errno);
+        errno = saved_errno;
+    }
+    return result;
 }
 
 int32_t msgbus_recv(int32_t handle, msgbus_msg *message, const struct msgbus_recv_options *options) {
-    return ulmo::guarded([&] { return ulmo::receive_answer(handle, message, options != nullptr && options->wait == 1); });
+    const int32_t result = ulmo::guarded([&] { return ulmo::receive_answer(handle, message, options != nullptr && options->wait == 1); });
+    const int saved_errno = errno;
+    if (ulmo::observer != nullptr && (result == 0 || saved_errno != ETIME)) {
+        ulmo::observer->answered(result == 0 ? *message : nullptr, result == 0 ? 0 : saved_errno);
+    }
+    errno = saved_errno;
+    return result;
 }
 
 void msgbus_drop(int32_t, msgbus_msg *message) {

@@ -135,7 +135,7 @@ void write_whole(const UniqueFd &file, const std::filesystem::path &path, std::s
     }
 }
 
-PendingFile::PendingFile(std::filesystem::path path, std::string_view data) : path_(std::move(path)) {
+PendingFile::PendingFile(std::filesystem::path path, std::string_view data, bool lasting) : path_(std::move(path)), lasting_(lasting) {
     const ActingAsOwner owner(path_.parent_path());
     const std::filesystem::path temporary = temporary_of(path_);
     if (::unlink(temporary.c_str()) != 0 && errno != ENOENT) {
@@ -148,7 +148,9 @@ PendingFile::PendingFile(std::filesystem::path path, std::string_view data) : pa
     try {
         check(::fchmod(file_.get(), owner_only), "cannot protect", temporary);
         write_whole(file_, temporary, data);
-        check(::fsync(file_.get()), "cannot sync", temporary);
+        if (lasting_) {
+            check(::fsync(file_.get()), "cannot sync", temporary);
+        }
     } catch (...) {
         ::unlink(temporary.c_str()); // there is no object yet that would do it
         throw;
@@ -171,11 +173,18 @@ void PendingFile::commit() {
     }
     check(std::rename(temporary_of(path_).c_str(), path_.c_str()), "cannot rename to", path_);
     file_ = UniqueFd();
-    check(::fsync(directory.get()), "cannot sync", directory_path);
+    if (lasting_) {
+        check(::fsync(directory.get()), "cannot sync", directory_path);
+    }
 }
 
 void replace_state_file(const std::filesystem::path &path, std::string_view data) {
     PendingFile(path, data).commit();
+}
+
+void replace_volatile_file(const std::filesystem::path &path, std::string_view data) {
+    constexpr bool lasting = false;
+    PendingFile(path, data, lasting).commit();
 }
 
 } // namespace ulmo

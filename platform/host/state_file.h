@@ -42,7 +42,8 @@ void write_whole(const UniqueFd &file, const std::filesystem::path &path, std::s
 // the file is the whole old one or the whole new one. Callers exclude each other with a lock. Throws std::system_error.
 class PendingFile {
   public:
-    PendingFile(std::filesystem::path path, std::string_view data);
+    // Without `lasting` nobody waits for the disk: for what need not outlive a failure of the power.
+    PendingFile(std::filesystem::path path, std::string_view data, bool lasting = true);
     PendingFile(PendingFile &&) noexcept = default;
     PendingFile &operator=(PendingFile &&) = delete;
     ~PendingFile(); // takes away what was not committed
@@ -53,9 +54,13 @@ class PendingFile {
   private:
     std::filesystem::path path_;
     UniqueFd file_; // holds nothing once committed
+    bool lasting_;
 };
 
 // Makes `data` the content of the file `path` in one step.
 void replace_state_file(const std::filesystem::path &path, std::string_view data);
+
+// The same for a file of the run directory, which goes when the machine does: without a wait for the disk.
+void replace_volatile_file(const std::filesystem::path &path, std::string_view data);
 
 } // namespace ulmo

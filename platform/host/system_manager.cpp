@@ -1,9 +1,11 @@
 #include "platform/system_manager.h"
 
 #include "platform/host/configuration_text.h"
+#include "platform/host/copy_report.h"
 #include "platform/host/device_backend.h"
 #include "platform/host/host_config.h"
 #include "platform/host/host_log.h"
+#include "platform/host/last_save.h"
 #include "platform/host/system_manager_status.h"
 
 #include <exception>
@@ -27,9 +29,11 @@ uint32_t warden_cli_write_ascii_cfg(int32_t /*handle*/, const char *path) {
         return 0;
     } catch (const ulmo::ConfigurationError &error) {
         ulmo::log_error("%s: %s: %s\n", __func__, path, error.what());
+        ulmo::report_reason(error.what());
         return error.kind() == ulmo::ConfigurationError::Kind::bad_line ? ulmo::warden_err_bad_line : ulmo::warden_err_bad_file;
     } catch (const std::exception &error) {
         ulmo::log_error("%s: %s: %s\n", __func__, path, error.what());
+        ulmo::report_reason(ulmo::reason_of(error));
         return ulmo::warden_err_store;
     }
 }

@@ -1,5 +1,6 @@
 #include "platform/host/tftp_session.h"
 
+#include "platform/host/copy_report.h"
 #include "platform/host/tftp_transfer.h"
 
 #include <arpa/inet.h>
@@ -180,7 +181,7 @@ int Session::put(const std::string &local, const std::string &remote) {
             throw system_error(S_ISDIR(status.st_mode) ? EISDIR : EINVAL, "the local name is no regular file's");
         }
         write_file(server, remote, static_cast<std::uint64_t>(status.st_size),
-                   [&file](std::uint64_t offset, std::span<std::uint8_t> block) {
+                   [this, &file](std::uint64_t offset, std::span<std::uint8_t> block) {
                        std::size_t filled = 0;
                        while (filled < block.size()) {
                            const ssize_t octets =
@@ -193,8 +194,10 @@ int Session::put(const std::string &local, const std::string &remote) {
                            }
                            filled += static_cast<std::size_t>(std::max<ssize_t>(octets, 0));
                        }
+                       moved_ = std::max(moved_, offset + filled);
                        return filled;
                    });
+        report_file(local);
     });
 }
 
@@ -203,8 +206,12 @@ int Session::get(const std::string &remote, const std::string &local) {
         const Endpoint &server = connected();
         check_remote(remote);
         NewFile file(local);
-        read_file(server, remote, [&file](Octets octets) { file.append(octets); });
+        read_file(server, remote, [this, &file](Octets octets) {
+            file.append(octets);
+            moved_ += octets.size();
+        });
         file.finish();
+        report_file(local);
     });
 }
 
@@ -229,6 +236,7 @@ std::string Session::text(int result) const {
 
 template <typename Work> int Session::guarded(Work &&work) {
     latest_ = 0;
+    moved_ = 0;
     detail_.clear();
     try {
         work();
@@ -237,6 +245,10 @@ template <typename Work> int Session::guarded(Work &&work) {
         detail_ = error.what();
     } catch (const std::bad_alloc &) {
         latest_ = system_error(ENOMEM).result();
+    }
+    if (latest_ < 0) {
+        report_reason(text(latest_));
+        report_moved(moved_);
     }
     return latest_;
 }

@@ -30,6 +30,7 @@ class Session {
 
     Endpoint server_;
     int latest_ = 0;
+    std::uint64_t moved_ = 0; // octets that the latest transfer has sent or stored
     std::string detail_;
 };
 

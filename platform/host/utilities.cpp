@@ -1,5 +1,6 @@
 #include "platform/utilities.h"
 
+#include "platform/host/copy_report.h"
 #include "platform/host/host_log.h"
 #include "platform/host/last_error.h"
 #include "platform/host/unique_fd.h"
@@ -204,7 +205,9 @@ int execute_program_and_wait_redirect(int in_fd, int out_fd, int err_fd, const c
             argv.push_back(va_arg(arguments, char *));
         } while (argv.back() != nullptr);
         va_end(arguments);
-        return ulmo::run_and_wait({in_fd, out_fd, err_fd}, argv);
+        const int status = ulmo::run_and_wait({in_fd, out_fd, err_fd}, argv);
+        ulmo::report_named_file();
+        return status;
     } catch (const std::exception &) {
         errno = ENOMEM;
         return -1;

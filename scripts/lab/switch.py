@@ -109,6 +109,7 @@ class Switch:
             "view fabric-written included .1.3.6.1.4.1.41927.9.96",
             'access fabric "" usm priv exact fabric-seen fabric-written none',
             'extend -cacheTime 1 last-save /ulmo/bin/cmdshell -c "show last-save"',
+            'extend -cacheTime 1 last-copy /ulmo/bin/cmdshell -c "show copies"',
             "dontLogTCPWrappersConnects yes",
             f"trap2sink {network.SERVER4}:162 {COMMUNITY}",
             f"sysName lab-switch{self.number}",

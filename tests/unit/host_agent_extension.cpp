@@ -7,6 +7,7 @@
 #include "platform/host/msgbus_server.h"
 
 #include "host_bus_support.h"
+#include "host_current_request.h"
 
 #include <net-snmp/agent/agent_callbacks.h>
 #include <net-snmp/agent/net-snmp-agent-includes.h>
@@ -28,20 +29,16 @@
 #include <string>
 #include <vector>
 
-namespace {
-
-// The request that the agent is said to serve.
-netsnmp_agent_session *current_session = nullptr;
-
-} // namespace
+netsnmp_agent_session *host_test::current_session = nullptr;
 
 // Stands before the agent library's own.
 extern "C" netsnmp_agent_session *netsnmp_get_current_agent_session(void) {
-    return current_session;
+    return host_test::current_session;
 }
 
 namespace {
 
+using host_test::current_session;
 using namespace std::chrono_literals;
 using host_test::exit_status_of;
 using host_test::start_child;

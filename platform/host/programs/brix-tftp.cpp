@@ -5,6 +5,7 @@
 // DIRECTION is 1 to put the local file under the remote name, 0 to get the remote file. The sixth argument is always 1. It exits with 0 if
 // the file was copied; otherwise with one line on standard error and 1 if the transfer failed, 2 if the arguments are wrong, 3 if the VRF
 // can't be entered.
+#include "platform/host/copy_report.h"
 #include "platform/host/tftp_session.h"
 #include "platform/host/vrf.h"
 
@@ -22,6 +23,7 @@ enum ExitStatus { done = 0, transfer_failed = 1, wrong_usage = 2, unknown_vrf = 
 constexpr int patience_seconds = 20;
 
 int fail(ExitStatus status, const std::string &reason) {
+    ulmo::report_reason(reason); // what the session has said before counts for more
     std::fprintf(stderr, "brix-tftp: %s\n", reason.c_str());
     return status;
 }

@@ -5,6 +5,8 @@
 //                         that failed, otherwise it stops there, so that what follows in a script never builds on a failure.
 //
 // Exits with 0 when all went well, 1 when a command failed (one line on standard error says why) and 2 when it was called wrongly.
+#include "platform/host/copy_record.h"
+#include "platform/host/copy_report.h"
 #include "platform/host/device_backend.h"
 #include "platform/host/last_save.h"
 #include "platform/host/save_request.h"
@@ -85,6 +87,14 @@ void show_last_save(ulmo::DeviceBackend & /*device*/) {
     print(*outcome + "\n");
 }
 
+void show_copies(ulmo::DeviceBackend & /*device*/) {
+    const std::string lines = ulmo::kept_copy_lines();
+    if (lines.empty()) {
+        throw std::runtime_error("no manager has copied or saved anything since the switch started");
+    }
+    print(lines);
+}
+
 void copy_startup_to_running(ulmo::DeviceBackend &device) {
     device.apply(device.show(ulmo::ConfigurationStore::startup));
 }
@@ -99,6 +109,7 @@ constexpr Command commands[] = {
     {"show running-config", show_running, "print the running configuration"},
     {"show startup-config", show_startup, "print the startup configuration"},
     {"show last-save", show_last_save, "tell how the system manager's last save of this switch went"},
+    {"show copies", show_copies, "tell of the last copies and saves that managers asked for"},
     {"copy running-config startup-config", copy_running_to_startup, "save the running configuration"},
     {"copy startup-config running-config", copy_startup_to_running, "apply the startup configuration"},
 };
@@ -150,6 +161,7 @@ bool succeeds(std::string_view line) {
         return true;
     } catch (const std::exception &error) {
         std::fprintf(stderr, "cmdshell: %.*s: %s\n", static_cast<int>(text.size()), text.data(), error.what());
+        ulmo::report_reason(ulmo::reason_of(error)); // when a copy runs it
         return false;
     }
 }

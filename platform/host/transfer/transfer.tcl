@@ -27,13 +27,15 @@ set temporary {}
 set client_pid 0
 set closed no
 set transcript {}
+set report {} ;# where the copy that this transfer belongs to wants to hear of it: platform/host/copy_report.h
+set moved_file {} ;# the local one
 
 # --- arguments ---------------------------------------------------------------------------------------------------------------------------------
 
 # Returns the script's arguments. They hold a password, so that the process list may not keep them: the script starts anew without arguments
 # and reads them from a pipe that is its standard input.
 proc take_arguments {} {
-    global env argc argv0
+    global env argc argv0 report
     if {![info exists env(ULMO_ARGUMENTS_ON_STDIN)]} {
         # Not $argv: Tcl has converted that from the caller's locale.
         set words [lrange [split [contents /proc/self/cmdline] \0] end-$argc end-1]
@@ -50,6 +52,7 @@ proc take_arguments {} {
         set env(LC_ALL) C
         overlay -0 [string range $spawn_id 3 end] [info nameofexecutable] -N -n -- $argv0
     }
+    set report [from_environment ULMO_COPY_REPORT {}]
     fconfigure stdin -translation binary
     set words [lrange [split [read stdin] \0] 0 end-1]
     # What the clients take from the environment (a home folder, an agent, a proxy, a pager) is not for them.
@@ -147,19 +150,80 @@ proc seconds_setting {key default} {
 
 # --- ending ------------------------------------------------------------------------------------------------------------------------------------
 
-# Ends the script. The line must not tell the password, not even that it is part of a message.
-proc fail {code text} {
-    global CODE password argv0
-    end_client
-    drop_temporary
-    regsub -all {[\x00-\x1f\x7f]+} [string trim [string range $text 0 400]] { } text
-    if {$text eq {} || ($password ne {} && [string first $password $text] >= 0)} {
+# Adds a line to the copy's report.
+proc report {key text} {
+    global report
+    if {$report ne {}} {
+        catch {
+            set channel [open $report {WRONLY APPEND}]
+            fconfigure $channel -translation {binary lf}
+            puts $channel "$key [one_line $text]"
+            close $channel
+        }
+    }
+}
+
+# What of a text a reader would take for the password, or for a part of it, however it is written.
+proc bare {text} {
+    return [regsub -all {[^a-z0-9\x80-\xff]} [string tolower $text] {}]
+}
+
+# Whether the text tells the password. A server or a client may echo it in a line of its own making.
+proc tells_password {text} {
+    global password
+    if {$password eq {}} {
+        return no
+    }
+    set text_bare [bare $text]
+    set password_bare [bare $password]
+    for {set at 0} {$at == 0 || $at + 4 <= [string length $password_bare]} {incr at} {
+        set part [string range $password_bare $at $at+3]
+        if {$part ne {} && [string first $part $text_bare] >= 0} {
+            return yes
+        }
+    }
+    return [expr {[string first $password $text] >= 0}]
+}
+
+# Why the transfer fails, for a reader who sees neither the server nor what the client has said: `line`,
+# where we have no better words.
+proc reason {code line} {
+    global transcript user server
+    if {$code eq "login" && [info exists user]} {
+        return "login refused for $user"
+    }
+    if {$code eq "host_key" && [info exists server]} {
+        set has_changed [regexp {REMOTE HOST IDENTIFICATION HAS CHANGED} $transcript]
+        return "host key [expr {$has_changed ? "changed" : "not known"}] for $server"
+    }
+    return $line
+}
+
+proc one_line {text} {
+    return [regsub -all {[\x00-\x1f\x7f]+} [string trim $text] { }]
+}
+
+# A text on one line; without the password, not even where that is part of a message.
+proc harmless {code text} {
+    set text [one_line $text]
+    if {$text eq {} || [tells_password $text]} {
         array set plain {unreachable "the server does not answer" name "file name refused" space "no space left" login "login refused"
             host_key "host key refused" lost "connection lost" use "wrong use" other "the transfer failed"}
-        set text $plain($code)
+        return $plain($code)
     }
+    return [string range $text 0 400]
+}
+
+# Ends the script.
+proc fail {code text} {
+    global CODE argv0
+    end_client
+    report_part
+    drop_temporary
+    set line [harmless $code $text]
+    report reason [reason $code $line]
     fconfigure stderr -translation {binary lf}
-    catch {puts stderr "[string range $argv0 [string last / $argv0]+1 end]: $text"}
+    catch {puts stderr "[string range $argv0 [string last / $argv0]+1 end]: $line"}
     exit $CODE($code)
 }
 
@@ -169,6 +233,7 @@ proc transfer {body} {
     if {[catch {uplevel #0 $body} text]} {
         fail other $text
     }
+    report file $::moved_file
     exit 0
 }
 
@@ -185,6 +250,7 @@ proc fail_for_local_file {problem} {
 
 # The local file of an upload, by its absolute name.
 proc local_source {name} {
+    global moved_file
     set name [absolute $name]
     if {![catch {file type $name}] && ![file isfile $name]} {
         fail name "$name is not a regular file"
@@ -192,6 +258,7 @@ proc local_source {name} {
     if {[catch {close [open $name r]} problem]} {
         fail_for_local_file $problem
     }
+    set moved_file $name
     return $name
 }
 
@@ -211,11 +278,20 @@ proc local_target {name} {
 }
 
 proc keep_download {} {
-    global target temporary
+    global target temporary moved_file
     if {[catch {file rename -force $temporary $target} problem]} {
         fail_for_local_file $problem
     }
     set temporary {}
+    set moved_file $target
+}
+
+# How much of a download has come.
+proc report_part {} {
+    global temporary
+    if {$temporary ne {} && ![catch {file size $temporary} size]} {
+        report moved $size
+    }
 }
 
 proc drop_temporary {} {
