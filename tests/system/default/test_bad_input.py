@@ -127,7 +127,7 @@ def snapshot():
                 path = os.path.join(directory, name)
                 status = os.lstat(path)
                 found[path] = (status.st_size, status.st_mtime_ns)
-    expected = ("/tmp/configcopy.txt", "/lab/switch1/run/history")
+    expected = ("/tmp/configcopy.txt", "/lab/switch1/run/history", "/lab/switch1/run/last-copies")
     return {path: seen for path, seen in found.items() if path not in expected and "/agent-persistent/" not in path}
 
 

@@ -1,0 +1,262 @@
+"""The line that the switch keeps of each copy and save, and gives to the system's log: who, what, and why not."""
+
+import hashlib
+import itertools
+import signal
+from datetime import datetime, timezone
+
+import pytest
+from saves import *
+
+LAST_COPY = ".1.3.6.1.4.1.8072.1.3.2.4.1.2.9." + ".".join(str(octet) for octet in b"last-copy")
+LOG = LOGS / "system"
+PROTOCOLS = {"tftp": TFTP, "ftp": FTP, "scp": SCP, "sftp": SFTP}
+OTHER = {"scp": SCP, "sftp": SFTP, "ftp": FTP}
+ADDRESS_OF_OURS = AGENT  # the tests run on the switch
+WORD = re.compile(r' ([a-z0-9]+)=(?:"((?:[^"\\]|\\.)*)"|(\S*))')
+vlans = itertools.count(2000)
+
+
+def unescaped(text):
+    return re.sub(r"\\(x..|.)", lambda match: chr(int(match[1][1:], 16)) if len(match[1]) == 3 else match[1], text)
+
+
+def parsed_line(text):
+    when, _, words = text.partition(" ")
+    found = {"when": datetime.strptime(when, "%Y-%m-%dT%H:%M:%SZ").replace(tzinfo=timezone.utc)}
+    position = len(when)
+    while position < len(text):
+        match = WORD.match(text, position)
+        assert match, text[position:]
+        found[match[1]] = match[3] if match[2] is None else unescaped(match[2])
+        position = match.end()
+    return found
+
+
+def kept():
+    return run("cmdshell", "-c", "show copies").splitlines()
+
+
+def line_of(request):
+    """Of the request's copy, once it is there; and the log has the same."""
+    def newest():
+        lines = [line for line in kept() if f" request={request.index} " in line]
+        return lines[0] if lines else None
+
+    line = wait_for(newest, what="the copy's line")
+    messages = wait_for(lambda: [text for text in LOG.read_text().splitlines() if text.endswith(f"config-copy: {line}")], what="the log's line")
+    assert len(messages) == 1 and messages[0].startswith("<85>"), messages  # authpriv (10) and notice (5), RFC 5424, 6.2.1
+    assert " snmpd" in messages[0]  # the agent's own name in the log
+    return parsed_line(line)
+
+
+def failed(request, within=15):
+    cause = request.fails(within)
+    line = line_of(request)
+    assert line["outcome"] == "failed"
+    return cause, line
+
+
+@pytest.fixture(autouse=True)
+def no_password_anywhere():
+    """Whatever a test does, the account's password is in none of the lines; and nothing stays of the reports."""
+    yield
+    assert SECRET not in "\n".join(kept()) and SECRET not in LOG.read_text()
+    assert list(Path("/lab/switch1/run").glob("copy-report*")) == []
+
+
+@pytest.mark.parametrize("name", PROTOCOLS)
+@pytest.mark.parametrize("server", [SERVER4, SERVER6], ids=["ipv4", "ipv6"])
+def test_upload(operator, name, server):
+    request = Request(operator).create(*upload(server, "told there.cfg" if name != "scp" else "told.cfg", protocol=PROTOCOLS[name])).copied()
+    line = line_of(request)
+    content = next(SERVER_ROOT.glob("told*")).read_bytes()
+    assert content == show("running").encode()
+    user = "" if name == "tftp" else f"{ACCOUNT}@"
+    host = f"[{server}]" if ":" in server else server
+    file = "told.cfg" if name == "scp" else "told%20there.cfg"
+    now = datetime.now(timezone.utc)
+    assert abs((now - line.pop("when")).total_seconds()) < 60
+    assert float(line.pop("seconds")) < 30
+    assert line == {"request": str(request.index), "started": str(request.get(TIME_STARTED)), "user": "operator", "requester": ADDRESS_OF_OURS,
+                    "from": "running", "to": f"{name}://{user}{host}/{file}", "outcome": "successful", "bytes": str(len(content)),
+                    "sha256": hashlib.sha256(content).hexdigest()}
+
+
+@pytest.mark.parametrize("name", PROTOCOLS)
+def test_download(operator, name, lines_of):
+    content = lines_of(f"vlan {next(vlans)}").encode()
+    serve("new.cfg", content)
+    line = line_of(Request(operator).create(*download(SERVER4, "new.cfg", protocol=PROTOCOLS[name])).copied())
+    assert (line["from"].rpartition("/")[2], line["to"], line["outcome"]) == ("new.cfg", "running", "successful")
+    assert (line["bytes"], line["sha256"]) == (str(len(content)), hashlib.sha256(content).hexdigest())
+
+
+def test_community_is_told_by_the_name_that_stands_for_it():
+    request = Request(Manager("v2c")).create(*upload(SERVER4, "by-v2c.cfg")).copied()
+    line = line_of(request)
+    assert re.fullmatch(r"comm\d", line["user"]) and line["requester"] == ADDRESS_OF_OURS, line
+
+
+def test_requester_is_another_host():
+    """The second switch asks the first."""
+    manager = Manager("v3", within=("lab-ctl", "switch-exec", "2", "env", *(f"{name}={os.environ[name]}" for name in ("SNMPCONFPATH", "SNMP_PERSISTENT_DIR"))))
+    assert line_of(Request(manager).create(*upload(SERVER4, "asked.cfg")).copied())["requester"] == "192.0.2.11"
+
+
+@pytest.mark.parametrize("name", OTHER)
+def test_login_refused(operator, name):
+    for user, password in ((ACCOUNT, "wrong-one"), ("nobody-knows", SECRET)):
+        cause, line = failed(Request(operator).create(*upload(SERVER4, "no.cfg", protocol=OTHER[name], user=user, password=password)))
+        assert (cause, line["cause"], line["reason"]) == (GENERAL, "general", f"login refused for {user}")
+        assert "sha256" not in line and "wrong-one" not in "\n".join(kept())
+
+
+def test_changed_host_key(operator):
+    for name in ("sftp", "scp"):
+        Request(operator).create(*upload(SERVER4, f"{name}.cfg", protocol=OTHER[name])).copied()
+    lab_ctl("new-host-key")
+    try:
+        for name in ("sftp", "scp"):
+            cause, line = failed(Request(operator).create(*upload(SERVER4, f"{name}.cfg", protocol=OTHER[name])))
+            assert (cause, line["reason"]) == (GENERAL, f"host key changed for {SERVER4}")
+    finally:
+        (STATE_DIRECTORY / "ssh_known_hosts").unlink()
+
+
+def test_refused_by_tftp(operator):
+    serve("secret.cfg", "hostname other\n", mode=0)
+    cause, line = failed(Request(operator).create(*download(SERVER4, "secret.cfg")))
+    assert cause == BAD_FILE_NAME and re.match("(Access violation|File not found)", line["reason"]), line
+    assert line["bytes"] == "0"
+
+
+def test_refused_line(operator):
+    content = b"hostname fine\n" + b"!\n" * 12 + b"vlna 7\n"
+    serve("bad.cfg", content)
+    cause, line = failed(Request(operator).create(*download(SERVER4, "bad.cfg")))
+    assert (cause, line["cause"], line["reason"]) == (BAD_LINE, "configNotApplied", "line 14: unknown statement 'vlna'")
+    assert (line["bytes"], line["sha256"]) == (str(len(content)), hashlib.sha256(content).hexdigest())
+
+
+@pytest.mark.parametrize("name", PROTOCOLS)
+def test_full_server(operator, name, lines_of):
+    # More than a server may keep in its buffers until it has acknowledged all of it.
+    serve("much.cfg", lines_of(*(f"vlan {number}" for number in range(100, 2000))))
+    Request(operator).create(*download(SERVER4, "much.cfg")).copied()
+    with full_disk(SERVER_ROOT):
+        cause, line = failed(Request(operator).create(*upload(SERVER4, "no-room.cfg", protocol=PROTOCOLS[name])))
+    assert (cause, line["cause"]) == (NO_SPACE, "noSpace")
+    assert "space" in line["reason"] or "full" in line["reason"] or "ailure" in line["reason"], line
+
+
+def test_dead_server(operator):
+    for kind, name in (("tftp", "tftp"), ("ssh", "sftp"), ("ssh", "scp"), ("ftp", "ftp")):
+        lab_ctl("stop-server", kind)
+        try:
+            _, line = failed(Request(operator).create(*upload(SERVER4, "dead.cfg", protocol=PROTOCOLS[name])))
+            assert "onnection refused" in line["reason"] or "Can't connect" in line["reason"], line
+        finally:
+            lab_ctl("start-server", kind)
+
+
+def test_killed_worker(operator, broken_link):
+    request = Request(operator).create(*upload(SERVER4, "killed.cfg")).activate()
+    (worker,) = wait_for(lambda: children(agent_pid()), what="the worker")
+    os.kill(worker, signal.SIGKILL)
+    assert request.finished() == (STATE_FAILED, GENERAL)
+    assert line_of(request)["reason"] == "the copy process ended by signal 9"
+
+
+def test_copy_whose_request_is_removed(operator, broken_link):
+    request = Request(operator).create(*upload(SERVER4, "removed.cfg")).activate()
+    (worker,) = wait_for(lambda: children(agent_pid()), what="the worker")
+    request.destroy()
+    broken_link()
+    line = line_of(request)
+    assert line["outcome"] == "successful" and line["reason"] == "the request was removed before the end", line
+
+
+def test_copy_that_outlives_its_agent(operator, broken_link):
+    request = Request(operator).create(*upload(SERVER4, "outlived.cfg")).activate()
+    (worker,) = wait_for(lambda: children(agent_pid()), what="the worker")
+    lab_ctl("restart-agent")
+    line = line_of(request)
+    assert (line["outcome"], line["reason"], line["user"]) == ("unknown", "the agent ended before the copy did", "operator")
+    broken_link()
+    wait_for(lambda: process_state(worker) in (None, "Z"), 30, "the worker's end")
+    lab_ctl("restart-agent")  # which sweeps the worker's folder
+
+
+def test_startup_to_running(operator):
+    line = line_of(Request(operator).create(*LOCAL_STARTUP_TO_RUNNING).copied())
+    assert (line["from"], line["to"], line["outcome"]) == ("startup", "running", "successful")
+
+
+def test_save(operator):
+    request = save(operator).copied()
+    line = line_of(request)
+    assert (line["from"], line["to"], line["outcome"], line["user"]) == ("running", "startup", "successful", "operator")
+
+
+def test_failed_save(operator):
+    with damaged_running_configuration():
+        cause, line = failed(save(operator))
+    assert (cause, line["cause"]) == (SYSTEM_MANAGER_FAILED, "systemManagerFailed")
+    assert line["reason"] == run("cmdshell", "-c", "show last-save").strip()
+
+
+def test_refused_save(operator):
+    with busy_device():
+        shell = subprocess.Popen(["cmdshell", "-c", "copy running-config startup-config"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        wait_for(lambda: Path("/lab/switch1/run/action-in-progress").exists(), what="the shell's save")
+        cause, line = failed(save(operator))
+    assert (cause, line["cause"], line["reason"]) == (SYSTEM_MANAGER_REFUSED, "systemManagerRefused", "another configuration action is in progress")
+    shell.wait()
+
+
+def test_save_without_a_system_manager(operator):
+    lab_ctl("stop-system-manager")
+    request = save(operator).activate()
+    line = line_of(request)
+    lab_ctl("start-system-manager")
+    assert (line["outcome"], line["reason"]) == ("failed", "no system manager runs")
+
+
+def test_save_that_is_given_up(operator):
+    with busy_device():
+        request = save(operator).activate()
+        request.destroy()
+        line = line_of(request)
+    assert (line["outcome"], line["reason"]) == ("unknown", "the request was removed before the end")
+
+
+def test_fabric_save_with_a_member_down(operator):
+    settings = Path("/lab/switch1/platform.conf")
+    before = settings.read_text()
+    settings.write_text(f"{before}fabric_time_limit = 1\n")
+    lab_ctl("stop-agent", 2)
+    try:
+        cause, line = failed(save(operator, FABRIC_STARTUP))
+    finally:
+        lab_ctl("start-agent", 2)
+        settings.write_text(before)
+    assert (cause, line["to"], line["cause"]) == (SYSTEM_MANAGER_FAILED, "fabric-startup", "systemManagerFailed")
+    assert line["reason"] == "20:00:00:00:00:00:00:02: no answer in 1 s"
+
+
+def test_agent_serves_the_lines(operator):
+    request = Request(operator).create(*LOCAL_STARTUP_TO_RUNNING).copied()
+    line_of(request)
+    served = wait_for(lambda: [value for oid, value in operator.walk(LAST_COPY)
+                               if f" request={request.index} ".encode() in (value if isinstance(value, bytes) else value.encode())], 3, "the line")
+    assert len(served) == 1
+
+
+def test_longest_line_passes(operator):
+    name = "\u00fc" * 64  # 128 octets, each of which needs three signs
+    request = Request(operator).create(*upload(SERVER4, name.encode(), protocol=SFTP, user="u" * 40, password="wrong"))
+    request.fails(30)
+    line = line_of(request)
+    assert line["reason"] == "login refused for " + "u" * 40 and line["to"].endswith("%C3%BC" * 64)
+    assert any("%C3%BC" in str(value) for _, value in operator.walk(LAST_COPY))
