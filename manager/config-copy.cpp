@@ -9,9 +9,12 @@
 #include "manager/requests.h"
 
 #include <algorithm>
+#include <cstring>
 #include <ctime>
 #include <exception>
 #include <iostream>
+#include <memory>
+#include <optional>
 
 namespace config_copy {
 namespace {
@@ -23,6 +26,9 @@ CopyOrder order_of(const Options &options) {
     order.date = date_value(std::time(nullptr));
     order.wait_turn = options.wait_turn;
     order.time_limit = options.time_limit;
+    order.is_dry_run = options.is_dry_run;
+    order.is_verbose = options.is_verbose;
+    order.snmp_user = security_name(options.session);
     if (!order.has_file()) {
         return order;
     }
@@ -30,19 +36,22 @@ CopyOrder order_of(const Options &options) {
     for (const std::string &agent : options.agents) {
         file_name(order.file(), {host_value(agent), order.date}); // one that is too long shows before any copy begins
     }
-    if (takes_password(order.file())) {
-        order.password = read_password(options.password_file, order.file().user + '@' + order.file().host, !needs_password(order.file()));
+    const bool is_needed = needs_password(order.file());
+    if (takes_password(order.file()) && (!order.is_dry_run || options.password_file)) { // which asks nobody for one that it does not send
+        order.password =
+            read_password(options.password_file, order.file().user + '@' + order.file().host, !is_needed, options.hosts_file == "-");
     }
-    if (!order.password.empty() && std::any_of(options.agents.begin(), options.agents.end(),
-                                               [&](const std::string &agent) { return is_readable_on_the_way(options.session, agent); })) {
+    if ((is_needed || !order.password.empty()) && std::any_of(options.agents.begin(), options.agents.end(), [&](const std::string &agent) {
+            return is_readable_on_the_way(options.session, agent);
+        })) {
         std::cerr << "config-copy: warning: the password travels to the agent unencrypted: use SNMPv3 with -l authPriv\n";
     }
     return order;
 }
 
 void tell_interruption(const CopyOrder &order) {
-    std::cerr << "\nconfig-copy: interrupted: no request stays on the switch"
-              << (order.has_file() ? "; a transfer that runs may still end there" : "") << std::endl;
+    const std::string rest = words_of_what_goes_on(order.from.type, order.to.type);
+    std::cerr << "\nconfig-copy: interrupted: no request stays on the switch" << (rest.empty() ? "" : "; once begun, " + rest) << std::endl;
 }
 
 Ending copy(const Options &options, const CopyOrder &order, Output &output) {
@@ -56,14 +65,13 @@ Ending copy(const Options &options, const CopyOrder &order, Output &output) {
     return outcome.ending;
 }
 
-Ending run(const Options &options) {
-    Output output(options.is_quiet, options.is_json);
+Ending run(const Options &options, Output &output) {
     if (options.command == Command::help) {
-        std::cout << usage_text;
+        output.put(usage_text);
         return Ending::done;
     }
     if (options.command == Command::version) {
-        std::cout << "config-copy " << CONFIG_COPY_VERSION << '\n';
+        output.put("config-copy " CONFIG_COPY_VERSION "\n");
         return Ending::done;
     }
     if (options.command == Command::copy) {
@@ -75,8 +83,9 @@ Ending run(const Options &options) {
             throw;
         }
     }
+    const std::string &agent = options.agents.front();
     try {
-        Session session(options.session, options.agents.front());
+        Session session(options.session, agent, options.is_verbose);
         if (options.command == Command::list) {
             list_requests(session, output);
         } else if (options.command == Command::errors) {
@@ -85,25 +94,40 @@ Ending run(const Options &options) {
             abort_request(session, *options.index, output);
         }
     } catch (const Failure &failure) {
-        output.outcome(outcome_of(options.agents.front(), failure));
+        output.failure(failure, agent);
         return failure.ending();
     }
     return Ending::done;
 }
 
-int main_of(int count, char **words) {
+Ending run(int count, char **words) {
+    std::unique_ptr<Output> output = make_output(false, asks_for_json(count, words), false);
+    Ending ending = Ending::done;
     try {
         watch_signals();
-        const std::optional<Options> options = parse_options(count, words);
-        return options ? static_cast<int>(run(*options)) : 0;
+        if (const std::optional<Options> options = parse_options(count, words)) {
+            output = make_output(options->is_quiet, options->is_json, options->is_verbose);
+            ending = run(*options, *output);
+        }
     } catch (const Failure &failure) {
-        std::cerr << "config-copy: " << failure.what() << std::endl;
-        return static_cast<int>(failure.ending());
+        output->failure(failure, "");
+        ending = failure.ending();
+    } catch (const std::exception &error) {
+        ending = Ending::failed;
+        output->failure({ending, error.what()}, "");
+    }
+    if (output->error() != 0) {
+        std::cerr << "config-copy: standard output can't be written: " << std::strerror(output->error()) << std::endl;
+        return ending == Ending::done ? Ending::failed : ending;
+    }
+    return ending;
+}
+
+int main_of(int count, char **words) {
+    try {
+        return static_cast<int>(run(count, words));
     } catch (const Interrupted &) {
         end_by_signal(interrupting_signal());
-    } catch (const std::exception &error) {
-        std::cerr << "config-copy: " << error.what() << std::endl;
-        return static_cast<int>(Ending::failed);
     }
 }
 

@@ -3,6 +3,8 @@
 #include "manager/interrupt.h"
 
 #include <algorithm>
+#include <array>
+#include <ctime>
 #include <iomanip>
 #include <random>
 #include <sstream>
@@ -26,20 +28,25 @@ oid random_number(oid least, oid most) {
     return std::uniform_int_distribution<oid>(least, most)(source);
 }
 
+std::string time_text(std::time_t time) {
+    std::tm utc{};
+    ::gmtime_r(&time, &utc);
+    std::array<char, 32> text{};
+    return {text.data(), std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &utc)};
+}
+
 class Run {
   public:
     Run(Session &session, const CopyOrder &order, const Progress &progress)
         : session_(session), order_(order), progress_(progress), path_values_{host_value(session.agent()), order.date} {}
 
     Outcome run() {
-        Outcome outcome;
-        outcome.agent = session_.agent();
+        Outcome outcome = planned(order_, session_.agent());
         try {
-            start_when_it_is_our_turn();
+            start_when_it_is_our_turn(outcome);
             await_end(outcome);
         } catch (const Failure &failure) {
-            outcome.ending = failure.ending();
-            outcome.text = failure.what();
+            outcome.fail(failure);
         } catch (const Interrupted &) {
             session_.begin_to_clean_up(2s);
             take_rows_away();
@@ -53,35 +60,81 @@ class Run {
         return outcome;
     }
 
+    // Sets nothing.
+    Outcome rehearse() {
+        Outcome outcome = planned(order_, session_.agent());
+        try {
+            check_table(session_);
+            const std::string reason = is_any(state_running) ? another_copy : reason_to_wait();
+            if (!reason.empty() && order_.wait_turn == 0s) {
+                throw busy(reason);
+            }
+            outcome.text = outcome.agent + ": dry run, nothing is set: would copy " + outcome.from + " to " + outcome.to;
+            if (order_.has_file()) {
+                outcome.text += " (server " + outcome.server + ", file \"" + printable(outcome.file) + "\")";
+            }
+            outcome.text += reason.empty() ? "" : " when its turn comes, as " + reason;
+            outcome.text += "; whether this user may write shows only when a copy is made";
+        } catch (const Failure &failure) {
+            outcome.fail(failure);
+        }
+        return outcome;
+    }
+
   private:
+    static constexpr const char *another_copy = "another copy is in progress";
+
     bool is_save() const { return !order_.has_file() && order_.from.type == FileType::running; }
 
     // --- our turn ---
 
-    void start_when_it_is_our_turn() {
+    void start_when_it_is_our_turn(Outcome &outcome) {
         const auto began = Clock::now();
         for (;;) {
             std::string reason = reason_to_wait();
             if (reason.empty()) {
                 make_row();
+                outcome.index = rows_.back();
                 check_that_we_may_read_it();
-                if (activate()) {
+                outcome.start_time = time_text(std::time(nullptr));
+                reason = activate() ? "" : reason_of_refusal();
+                if (reason.empty()) {
                     return;
                 }
-                reason = "another copy is in progress";
+                outcome.start_time.clear();
                 // A row that waits would be taken for the next save that begins on the switch, whoever asks for it.
                 take_rows_away();
             }
             const auto waited = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - began);
             if (waited >= order_.wait_turn) {
-                throw Failure(Ending::busy,
-                              session_.agent() + ": " + reason +
-                                  (order_.wait_turn > 0s ? " and did not end in " + std::to_string(order_.wait_turn.count()) + " s"
-                                                         : ": try again later, or queue with --wait-turn SECONDS"));
+                throw busy(reason);
             }
             progress_("waiting for another copy", waited);
             pause_for(Milliseconds(random_number(300, 1000))); // at random, so that those who wait do not always meet
         }
+    }
+
+    Failure busy(const std::string &reason) const {
+        return {Ending::busy, session_.agent() + ": " + reason +
+                                  (order_.wait_turn > 0s ? ", and did not end in " + std::to_string(order_.wait_turn.count()) + " s"
+                                                         : ": try again later, or queue with --wait-turn SECONDS")};
+    }
+
+    bool is_any(long state) {
+        const auto states = session_.instances(copy_column(column_state));
+        return std::any_of(states.begin(), states.end(), [&](const Binding &row) { return number(row.value) == state; });
+    }
+
+    // Why the activation was refused; nothing when it succeeds after all. A transfer outlives its request, and then no request shows why
+    // the switch is busy. One that ended since the refusal has no request that runs either, so the switch is asked once more.
+    std::string reason_of_refusal() {
+        if (is_any(state_running)) {
+            return another_copy;
+        }
+        if (activate()) {
+            return {};
+        }
+        return is_any(state_running) ? another_copy : "a transfer whose request was removed is still running";
     }
 
     // When a save begins, the agent marks the first request that waits as running, and when it ends, the first one that runs as ended. So a
@@ -212,11 +265,13 @@ class Run {
             }
             const auto elapsed = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - began);
             if (elapsed >= order_.time_limit) {
+                const std::string rest = words_of_what_goes_on(order_.from.type, order_.to.type);
                 throw Failure(Ending::failed,
-                              session_.agent() + ": not finished in " + std::to_string(order_.time_limit.count()) +
-                                  " s, so the request was given up: does the system manager run? (--time-limit gives more time)");
+                              session_.agent() + ": not finished in " + std::to_string(order_.time_limit.count()) + " s, so the " +
+                                  (rest.empty() ? "save was given up: does the system manager run?" : "request was removed; " + rest) +
+                                  " (--time-limit gives more time)");
             }
-            progress_(state_name(now), elapsed);
+            progress_("copy " + state_name(now), elapsed);
             pause_for(pause);
             pause = std::min<Milliseconds>(pause * 3 / 2, 1s);
         }
@@ -230,7 +285,7 @@ class Run {
         outcome.seconds = seconds_between(values[1], values[2]);
         const std::string duration =
             outcome.seconds ? (end == state_successful ? " in " : " after ") + seconds_text(*outcome.seconds) + " s" : "";
-        const std::string what = side_text(order_.from, path_values_) + " to " + side_text(order_.to, path_values_);
+        const std::string what = outcome.from + " to " + outcome.to;
         if (end == state_successful) {
             outcome.text = outcome.agent + ": " + what + " copied" + duration;
             return;
@@ -315,16 +370,42 @@ std::vector<SwitchOutcome> switches_of(Session &session, oid index) {
     return switches;
 }
 
+void check_table(Session &session) {
+    if (!session.has_object(copy_cell(column_row_status, largest_index))) {
+        throw Failure(Ending::refused, session.agent() + " has no copy table that this user may read: does it load config_copy_mib, and "
+                                                         "does the user's read view hold .1.3.6.1.4.1.41927.9.96?");
+    }
+}
+
+Outcome planned(const CopyOrder &order, const std::string &agent) {
+    const PathValues values{host_value(agent), order.date};
+    Outcome outcome;
+    outcome.agent = agent;
+    outcome.is_dry_run = order.is_dry_run;
+    outcome.from = side_text(order.from, values);
+    outcome.to = side_text(order.to, values);
+    if (order.has_file()) {
+        outcome.server = address_text(order.server.octets);
+        outcome.file = file_name(order.file(), values);
+        outcome.user = order.file().user;
+    }
+    outcome.snmp_user = order.snmp_user;
+    return outcome;
+}
+
 Outcome copy(Session &session, const CopyOrder &order, const Progress &progress) {
-    return Run(session, order, progress).run();
+    Run run(session, order, progress);
+    return order.is_dry_run ? run.rehearse() : run.run();
 }
 
 Outcome copy(const netsnmp_session &defaults, const std::string &agent, const CopyOrder &order, const Progress &progress) {
     try {
-        Session session(defaults, agent);
+        Session session(defaults, agent, order.is_verbose);
         return copy(session, order, progress);
     } catch (const Failure &failure) {
-        return outcome_of(agent, failure);
+        Outcome outcome = planned(order, agent);
+        outcome.fail(failure);
+        return outcome;
     }
 }
 

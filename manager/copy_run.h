@@ -22,6 +22,9 @@ struct CopyOrder {
     std::string date;                   // for {date}
     std::chrono::seconds wait_turn{0};  // how long to wait while another copy is in progress
     std::chrono::seconds time_limit{0}; // how long the copy may take
+    bool is_dry_run = false;            // ask, and set nothing
+    bool is_verbose = false;            // as of Session
+    std::string snmp_user;              // of SNMPv3
     bool has_file() const { return from.type == FileType::network || to.type == FileType::network; }
     const FileUrl &file() const { return from.type == FileType::network ? from.url : to.url; }
 };
@@ -29,8 +32,11 @@ struct CopyOrder {
 // Called again and again while the copy goes on: what it is doing, and for how long.
 using Progress = std::function<void(std::string_view state, std::chrono::seconds elapsed)>;
 
+// What is known of a copy on the agent before it begins.
+Outcome planned(const CopyOrder &order, const std::string &agent);
+
 // Does the copy, after which the session is of no more use. No request of ours stays on the switch, whatever happens, as long as the agent
-// answers. Throws Interrupted only.
+// answers. A dry run asks what a request could meet. Throws Interrupted only.
 Outcome copy(Session &session, const CopyOrder &order, const Progress &progress);
 
 // The same with a session of its own.
@@ -42,7 +48,10 @@ std::optional<double> seconds_between(const Value &started, const Value &complet
 // The rows of ccCopyErrorTable of one request.
 std::vector<SwitchOutcome> switches_of(Session &session, oid index);
 
-// A side as the user wrote it, with the templates filled in; never with a password.
+// Throws a Failure of refused when the agent has no copy table that we may read. Agents of SNMPv1 do not tell.
+void check_table(Session &session);
+
+// A side as parse_side() takes it, with the templates filled in; never with a password.
 std::string side_text(const CopySide &side, const PathValues &values);
 
 } // namespace config_copy

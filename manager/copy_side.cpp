@@ -23,6 +23,7 @@ constexpr std::array<Named<FileType>, 4> local_files{{{"running", FileType::runn
                                                       {"startup", FileType::startup},
                                                       {"fabric-startup", FileType::fabric_startup},
                                                       {"all-startup", FileType::all_startup}}};
+constexpr std::array<Named<FileType>, 2> synonyms{{{"running-config", FileType::running}, {"startup-config", FileType::startup}}};
 constexpr std::array<Named<Protocol>, 4> protocols{
     {{"tftp", Protocol::tftp}, {"ftp", Protocol::ftp}, {"sftp", Protocol::sftp}, {"scp", Protocol::scp}}};
 
@@ -60,6 +61,22 @@ std::string decoded(std::string_view text) {
             i += 2;
         } else {
             result += text[i];
+        }
+    }
+    return result;
+}
+
+// What parse_side() reads as this text. Letters beyond ASCII stay, so that a person can read them.
+std::string encoded(std::string_view text, std::string_view special) {
+    constexpr std::string_view digits = "0123456789ABCDEF";
+    std::string result;
+    for (const char c : text) {
+        const auto octet = static_cast<unsigned char>(c);
+        if (octet <= ' ' || octet == 0x7F || std::string_view("%{}?#").find(c) != std::string_view::npos ||
+            special.find(c) != std::string_view::npos) {
+            result += {'%', digits[octet / 16], digits[octet % 16]};
+        } else {
+            result += c;
         }
     }
     return result;
@@ -165,6 +182,11 @@ CopySide parse_side(std::string_view text) {
             return {value, {}};
         }
     }
+    for (const auto &[name, value] : synonyms) {
+        if (text == name) {
+            return {value, {}};
+        }
+    }
     const std::size_t scheme_length = text.find("://");
     if (scheme_length == std::string_view::npos) {
         throw bad_usage(quoted(text) + " is neither running, startup, fabric-startup nor all-startup, nor a URL such as tftp://host/path");
@@ -249,7 +271,8 @@ std::string date_value(std::time_t now) {
 
 std::string url_text(Protocol protocol, const std::string &user, const std::string &host, const std::string &path) {
     const bool is_ipv6 = host.find(':') != std::string::npos;
-    return std::string(name_of(protocol)) + "://" + (user.empty() ? "" : user + '@') + (is_ipv6 ? '[' + host + ']' : host) + '/' + path;
+    return std::string(name_of(protocol)) + "://" + (user.empty() ? "" : encoded(user, "@:/") + '@') +
+           (is_ipv6 ? '[' + host + ']' : encoded(host, "@:/")) + '/' + encoded(path, "");
 }
 
 bool needs_password(const FileUrl &url) {

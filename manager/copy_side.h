@@ -49,7 +49,7 @@ std::string date_value(std::time_t now);
 bool needs_password(const FileUrl &url);
 bool takes_password(const FileUrl &url);
 
-// A file's URL in words for the user, with nothing encoded. `host` is a name or an address.
+// A file's URL as parse_side() takes it, from its decoded parts. `host` is a name or an address.
 std::string url_text(Protocol protocol, const std::string &user, const std::string &host, const std::string &path);
 
 std::string_view name_of(FileType type);

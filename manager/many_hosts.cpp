@@ -52,15 +52,20 @@ class Place {
 };
 
 Outcome copy_on(const netsnmp_session &defaults, const std::string &agent, const CopyOrder &order, std::counting_semaphore<> &places) {
+    const auto failed = [&](const Failure &failure) {
+        Outcome outcome = planned(order, agent);
+        outcome.fail(failure);
+        return outcome;
+    };
     try {
-        Session session(defaults, agent);
+        Session session(defaults, agent, order.is_verbose);
         session.get({copy_cell(column_row_status, largest_index)}); // who does not answer takes no place
         const Place place(places);
         return copy(session, order, [](std::string_view, std::chrono::seconds) {});
     } catch (const Failure &failure) {
-        return outcome_of(agent, failure);
+        return failed(failure);
     } catch (const std::exception &error) {
-        return outcome_of(agent, {Ending::failed, agent + ": " + error.what()});
+        return failed({Ending::failed, agent + ": " + error.what()});
     }
 }
 

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <iostream>
 #include <numeric>
 #include <set>
 #include <string_view>
@@ -42,7 +43,7 @@ struct OwnOption {
     void (*take)(Options &options, std::string_view name, const std::string &value);
 };
 
-constexpr std::array<OwnOption, 10> own_options{
+constexpr std::array<OwnOption, 13> own_options{
     {{"--hosts", true, [](Options &options, std::string_view, const std::string &value) { options.hosts_file = value; }},
      {"--jobs", true,
       [](Options &options, std::string_view name, const std::string &value) {
@@ -57,6 +58,9 @@ constexpr std::array<OwnOption, 10> own_options{
       [](Options &options, std::string_view name, const std::string &value) {
           options.time_limit = std::chrono::seconds(number_of(name, value, 1, longest_wait));
       }},
+     {"--dry-run", false, [](Options &options, std::string_view, const std::string &) { options.is_dry_run = true; }},
+     {"--verbose", false, [](Options &options, std::string_view, const std::string &) { options.is_verbose = true; }},
+     {"-q", false, [](Options &options, std::string_view, const std::string &) { options.is_quiet = true; }},
      {"--quiet", false, [](Options &options, std::string_view, const std::string &) { options.is_quiet = true; }},
      {"--json", false, [](Options &options, std::string_view, const std::string &) { options.is_json = true; }},
      {"--help", false, [](Options &options, std::string_view, const std::string &) { options.command = Command::help; }},
@@ -128,6 +132,10 @@ bool takes_next_word(std::string_view word, const char *next) {
     return is_next;
 }
 
+std::string name_of_hosts(const std::string &file) {
+    return file == "-" ? "standard input" : "the hosts file " + file;
+}
+
 const std::string &agent_of(const std::string &argument) {
     if (argument.empty()) {
         throw bad_usage("AGENT is empty: write the switch's name or address");
@@ -148,6 +156,9 @@ void parse_copy(const std::vector<std::string> &arguments, Options &options) {
         options.agents = {agent_of(arguments[0])};
         return;
     }
+    if (options.hosts_file == "-" && options.password_file == "-") {
+        throw bad_usage("standard input can't hold both the agents and the password: name a file for one of them");
+    }
     options.agents = read_hosts(*options.hosts_file);
     if (options.to.type == FileType::network && options.agents.size() > 1 && !has_template(options.to.url, "host")) {
         throw bad_usage("every agent would write the same file: put {host} into the path");
@@ -155,7 +166,8 @@ void parse_copy(const std::vector<std::string> &arguments, Options &options) {
     std::set<std::string> seen;
     for (const std::string &agent : options.agents) {
         if (!seen.insert(host_value(agent)).second) {
-            throw bad_usage(agent + " is listed twice in " + *options.hosts_file + ", or looks like another agent there in a file's name");
+            throw bad_usage(agent + " is listed twice in " + name_of_hosts(*options.hosts_file) +
+                            ", or looks like another agent there in a file's name");
         }
     }
 }
@@ -165,6 +177,9 @@ void parse_arguments(std::vector<std::string> arguments, Options &options) {
     if (!has_command) {
         parse_copy(arguments, options);
         return;
+    }
+    if (options.is_dry_run) {
+        throw bad_usage("--dry-run is for copies only");
     }
     const std::string name = arguments[0];
     options.command = name == "list" ? Command::list : name == "errors" ? Command::errors : Command::abort;
@@ -179,11 +194,6 @@ void parse_arguments(std::vector<std::string> arguments, Options &options) {
     }
 }
 
-std::string default_text(int which) {
-    const char *text = ::netsnmp_ds_get_string(NETSNMP_DS_LIBRARY_ID, which);
-    return text == nullptr ? "" : text;
-}
-
 } // namespace
 
 const char *const usage_text =
@@ -193,19 +203,22 @@ const char *const usage_text =
        config-copy [OPTIONS] errors AGENT [INDEX]
        config-copy [OPTIONS] abort AGENT INDEX
 
-Copies the configuration of a switch over SNMP. FROM and TO are running, startup, fabric-startup (TO only), all-startup (TO only), or one of
+Copies the configuration of a switch over SNMP. FROM and TO are running, startup, fabric-startup (TO only),
+all-startup (TO only), or one of
   tftp://HOST/PATH  ftp://USER@HOST/PATH  sftp://USER@HOST/PATH  scp://USER@HOST/PATH
 with percent-encoding; {host} and {date} in PATH are filled in.
 
 options: those of snmpcmd(1), such as -v 3 -l authPriv -u USER -A PASSPHRASE -X PASSPHRASE, whose defaults come from snmp.conf, and
-  --hosts FILE           copy on each agent that FILE lists, one a line
+  --hosts FILE           copy on each agent that FILE lists, one a line; standard input for -
   --jobs N               on so many agents at a time (default: 50)
   --password-file FILE   the file server's password is the first line of FILE, of standard input for -; otherwise it is asked for
   --wait-turn SECONDS    wait so long for another copy on the switch to end
   --time-limit SECONDS   give a copy up after so long (default: 600)
-  --quiet                print nothing but what went wrong
+  --dry-run              ask the agent and tell what would be done, but change nothing
+  -q, --quiet            print nothing but what went wrong
+  --verbose              tell each SNMP message on standard error
   --json                 print one JSON object a line
-  --help, --version
+  -h, --help, --version
 
 exit status: 0 done, 1 the copy failed, 2 bad usage, 3 refused by the agent, 4 agent not reachable, 5 another copy is in progress
 )";
@@ -288,14 +301,24 @@ void check_long_options(const std::vector<std::string> &names) {
     }
 }
 
+bool asks_for_json(int count, char **words) {
+    char **const end = std::find(words + 1, words + count, std::string_view("--"));
+    return std::find(words + 1, end, std::string_view("--json")) != end;
+}
+
 std::vector<std::string> read_hosts(const std::string &file) {
-    std::ifstream stream(file);
-    if (!stream) {
-        throw bad_usage("the hosts file " + file + " can't be read: " + std::strerror(errno));
+    const std::string where = name_of_hosts(file);
+    std::ifstream opened;
+    if (file != "-") {
+        opened.open(file);
     }
+    if (!opened) {
+        throw bad_usage(where + " can't be read: " + std::strerror(errno));
+    }
+    std::istream &stream = file == "-" ? std::cin : opened;
     std::vector<std::string> hosts;
     const auto refused = [&](const std::string &line) {
-        return bad_usage("in the hosts file " + file + " \"" + line + "\" is not one agent: write one a line");
+        return bad_usage("in " + where + " \"" + line + "\" is not one agent: write one a line");
     };
     constexpr std::string_view blanks = " \t\r";
     for (std::string line; std::getline(stream, line);) {
@@ -310,7 +333,7 @@ std::vector<std::string> read_hosts(const std::string &file) {
         }
     }
     if (hosts.empty()) {
-        throw bad_usage("the hosts file " + file + " lists no agent: write one a line");
+        throw bad_usage(where + " lists no agent: write one a line");
     }
     return hosts;
 }
@@ -344,7 +367,7 @@ std::optional<Options> parse_options(int count, char **words) {
     check_long_options(split.long_options);
     parse_arguments(split.arguments, options);
     if (options.session.version == SNMP_VERSION_3 && options.session.securityModel != SNMP_SEC_MODEL_TSM &&
-        options.session.securityNameLen == 0 && default_text(NETSNMP_DS_LIB_SECNAME).empty()) {
+        security_name(options.session).empty()) {
         throw bad_usage("no SNMPv3 user: give -u USER, or defSecurityName in snmp.conf");
     }
     return options;

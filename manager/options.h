@@ -25,8 +25,10 @@ struct Options {
     CopySide from;
     CopySide to;
     std::optional<oid> index;
+    bool is_dry_run = false;
     bool is_quiet = false;
     bool is_json = false;
+    bool is_verbose = false;
     std::optional<std::string> password_file;
     std::chrono::seconds wait_turn{0};
     std::chrono::seconds time_limit{600};
@@ -45,6 +47,9 @@ extern const char *const usage_text;
 
 // --- parts ---
 
+// Whether the words ask for JSON, be the others right or not.
+bool asks_for_json(int count, char **words);
+
 // Our own options and the arguments apart from the options that are the library's.
 struct Words {
     std::vector<char *> library;           // the program's name first
@@ -56,7 +61,8 @@ Words split_words(int count, char **words, Options &options);
 // Throws a Failure of usage when the library knows no such token of snmp.conf(5). The library must have been initialised.
 void check_long_options(const std::vector<std::string> &names);
 
-// The agents of a hosts file: one a line, blank lines and what follows a '#' left out. Throws a Failure of usage.
+// The agents of a hosts file, or of standard input for "-": one a line, blank lines and what follows a '#' left out. Throws a Failure of
+// usage.
 std::vector<std::string> read_hosts(const std::string &file);
 
 } // namespace config_copy

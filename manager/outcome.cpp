@@ -41,12 +41,14 @@ std::string name_of_column(unsigned long column) {
 
 } // namespace
 
-Outcome outcome_of(const std::string &agent, const Failure &failure) {
-    Outcome outcome;
-    outcome.agent = agent;
-    outcome.ending = failure.ending();
-    outcome.text = failure.what();
-    return outcome;
+std::string words_of_what_goes_on(FileType from, FileType to) {
+    if (from == FileType::network) {
+        return "the transfer goes on at the switch and may still be applied";
+    }
+    if (to == FileType::network) {
+        return "the transfer goes on at the switch and may still write the file";
+    }
+    return from == FileType::startup ? "the copy goes on at the switch and may still be applied" : "";
 }
 
 std::string_view name_of(Ending ending) {

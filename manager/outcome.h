@@ -1,8 +1,10 @@
 // What came of a copy, and how it is said in words.
 #pragma once
 
+#include "manager/copy_table.h"
 #include "manager/failure.h"
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -17,18 +19,36 @@ struct SwitchOutcome {
     std::string text;
 };
 
+// What is not known is empty.
 struct Outcome {
     std::string agent;
     Ending ending = Ending::done;
-    std::string text;              // one line: what happened and what to do about it
-    std::string state;             // ccCopyState as the copy ended, in words; empty when it never ran
-    std::string cause;             // ccCopyFailCause in words; empty unless the copy failed
-    std::optional<double> seconds; // how long the copy took, by the agent's clock
+    std::string text; // one line: what happened and what to do about it
+    bool is_dry_run = false;
+    std::string from; // as of side_text()
+    std::string to;
+    std::string server;                 // the file server's address
+    std::string file;                   // its name on the server
+    std::string user;                   // the account on the server
+    std::string snmp_user;              // of SNMPv3
+    std::optional<unsigned long> index; // of the last request that was made
+    std::string start_time;             // UTC by this machine's clock, as in 2026-11-21T09:30:00Z; empty when it never ran
+    std::string state;                  // ccCopyState as the copy ended, in words; empty when it never ran
+    std::string cause;                  // ccCopyFailCause in words; empty unless the copy failed
+    std::string reason;                 // what the switch says of the failure in its own words
+    std::optional<double> seconds;      // how long the copy took, by the agent's clock
+    std::optional<std::uint64_t> bytes; // what travelled
+    std::string sha256;                 // of what travelled, in hexadecimal
     std::vector<SwitchOutcome> switches;
+
+    void fail(const Failure &failure) {
+        ending = failure.ending();
+        text = failure.what();
+    }
 };
 
-// What ended before its time.
-Outcome outcome_of(const std::string &agent, const Failure &failure);
+// What still happens on the switch after the request of such a copy was removed while it ran; empty for a save, which is given up.
+std::string words_of_what_goes_on(FileType from, FileType to);
 
 // With two decimals.
 std::string seconds_text(double seconds);

@@ -5,9 +5,9 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cerrno>
 #include <cstdio>
 #include <iostream>
-#include <sstream>
 
 namespace config_copy {
 namespace {
@@ -43,6 +43,17 @@ std::size_t utf8_length(std::string_view text) {
     return length;
 }
 
+// The name of an ending without blanks.
+std::string key_of(Ending ending) {
+    std::string key(name_of(ending));
+    std::replace(key.begin(), key.end(), ' ', '_');
+    return key;
+}
+
+std::string json_or_null(const std::string &text) {
+    return text.empty() ? "null" : json_string(text);
+}
+
 constexpr std::array<Ending, 6> endings{Ending::done, Ending::failed, Ending::usage, Ending::refused, Ending::unreachable, Ending::busy};
 
 std::size_t count_of(const std::vector<Outcome> &outcomes, Ending ending) {
@@ -52,99 +63,161 @@ std::size_t count_of(const std::vector<Outcome> &outcomes, Ending ending) {
 
 } // namespace
 
-Output::Output(bool is_quiet, bool is_json)
-    : is_quiet_(is_quiet), is_json_(is_json), is_terminal_(::isatty(STDOUT_FILENO) == 1 && ::isatty(STDERR_FILENO) == 1) {}
-
-void Output::progress(std::string_view agent, std::string_view state, std::chrono::seconds elapsed) {
-    if (is_quiet_ || is_json_) {
+void Output::put(std::string_view text) {
+    if (error_ != 0) {
         return;
     }
-    if (is_terminal_) {
-        std::cout << '\r' << agent << ": " << state << ", " << elapsed.count() << " s\033[K" << std::flush;
-        has_live_line_ = true;
-    } else if (state != last_state_) {
-        std::cout << agent << ": " << state << std::endl;
-    }
-    last_state_ = state;
-}
-
-void Output::end_live_line() {
-    if (has_live_line_) {
-        std::cout << "\r\033[K" << std::flush;
-        has_live_line_ = false;
+    std::cout << text << std::flush;
+    if (!std::cout && errno != EPIPE) {
+        error_ = errno;
     }
 }
 
-void Output::outcome(const Outcome &outcome) {
-    const std::lock_guard lock(mutex_);
-    end_live_line();
-    if (is_json_) {
-        std::cout << json_of(outcome) << std::endl;
-        return;
-    }
-    if (outcome.ending == Ending::done) {
-        line(outcome.text);
-        return;
-    }
-    std::cerr << "config-copy: " << outcome.text << std::endl;
-    if (!outcome.switches.empty()) {
-        for (const std::string &text : table_lines(switch_headings, switch_rows(outcome.switches))) {
-            std::cerr << text << '\n';
+namespace {
+
+// Success goes to standard output, all else to standard error.
+class TextOutput : public Output {
+  public:
+    TextOutput(bool is_quiet, bool has_live_line) : is_quiet_(is_quiet), has_live_line_(has_live_line) {}
+
+    // A terminal's line is written anew; otherwise only a change is told.
+    void progress(std::string_view agent, std::string_view state, std::chrono::seconds elapsed) override {
+        if (is_quiet_) {
+            return;
         }
-        std::cerr << std::flush;
+        const std::string line = std::string(agent) + ": " + std::string(state);
+        if (has_live_line_) {
+            put('\r' + line + ", " + std::to_string(elapsed.count()) + " s\033[K");
+            is_live_ = true;
+        } else if (state != last_state_) {
+            put(line + '\n');
+        }
+        last_state_ = state;
     }
-}
 
-void Output::summary(const std::vector<Outcome> &outcomes) {
-    const std::lock_guard lock(mutex_);
-    if (!is_json_) {
-        line(summary_of(outcomes));
-        return;
+    void outcome(const Outcome &outcome) override {
+        const std::lock_guard lock(mutex_);
+        end_live_line();
+        if (outcome.ending == Ending::done) {
+            line(outcome.text);
+            return;
+        }
+        std::string text = "config-copy: " + outcome.text + '\n';
+        if (!outcome.switches.empty()) {
+            text += lines(switch_headings, switch_rows(outcome.switches));
+        }
+        std::cerr << text << std::flush;
     }
-    std::cout << "{\"agents\": " << outcomes.size();
-    for (const Ending ending : endings) {
-        std::cout << ", " << json_string(name_of(ending)) << ": " << count_of(outcomes, ending);
-    }
-    std::cout << '}' << std::endl;
-}
 
-void Output::table(const std::vector<Heading> &headings, const std::vector<std::vector<std::string>> &rows,
-                   std::string_view when_empty) const {
-    if (is_json_) {
-        for (const auto &row : rows) {
-            for (std::size_t i = 0; i < headings.size(); ++i) {
-                const std::string value = headings[i].cells == Heading::numbers ? row[i] : json_string(row[i]);
-                std::cout << (i == 0 ? "{" : ", ") << json_string(in_lower_case(headings[i].text)) << ": "
-                          << (row[i] == absent ? "null" : value);
+    void summary(const std::vector<Outcome> &outcomes) override { line(summary_of(outcomes)); }
+
+    void table(const Table &table) override {
+        if (table.rows.empty()) {
+            line(table.when_empty);
+            return;
+        }
+        std::vector<std::string> headings;
+        headings.reserve(table.headings.size());
+        for (const Heading &heading : table.headings) {
+            headings.push_back(heading.text);
+        }
+        put(lines(headings, table.rows));
+    }
+
+    void removed(const std::string &, unsigned long, const std::string &text) override { line(text); }
+
+    void failure(const Failure &failure, const std::string &) override {
+        end_live_line();
+        std::cerr << "config-copy: " + std::string(failure.what()) + '\n' << std::flush;
+    }
+
+  private:
+    void line(const std::string &text) {
+        if (!is_quiet_) {
+            put(text + '\n');
+        }
+    }
+
+    static std::string lines(const std::vector<std::string> &headings, const std::vector<std::vector<std::string>> &rows) {
+        std::string text;
+        for (const std::string &line : table_lines(headings, rows)) {
+            text += line + '\n';
+        }
+        return text;
+    }
+
+    void end_live_line() {
+        if (std::exchange(is_live_, false)) {
+            put("\r\033[K");
+        }
+    }
+
+    bool is_quiet_;
+    bool has_live_line_;
+    bool is_live_ = false;
+    std::string last_state_;
+};
+
+// All to standard output.
+class JsonOutput : public Output {
+  public:
+    void progress(std::string_view, std::string_view, std::chrono::seconds) override {}
+
+    void outcome(const Outcome &outcome) override {
+        const std::lock_guard lock(mutex_);
+        put(json_of(outcome) + '\n');
+    }
+
+    void summary(const std::vector<Outcome> &outcomes) override { put(json_summary(outcomes) + '\n'); }
+
+    void table(const Table &table) override {
+        for (const auto &row : table.rows) {
+            Members members{{"type", json_string(table.type)}, {"agent", json_string(table.agent)}};
+            for (std::size_t i = 0; i < table.headings.size(); ++i) {
+                const bool is_number = table.headings[i].cells == Heading::numbers;
+                members.emplace_back(in_lower_case(table.headings[i].text), row[i] == absent ? "null"
+                                                                            : is_number      ? row[i]
+                                                                                             : json_string(row[i]));
             }
-            std::cout << "}\n";
-        }
-    } else if (rows.empty()) {
-        line(when_empty);
-    } else {
-        std::vector<std::string> texts;
-        texts.reserve(headings.size());
-        for (const Heading &heading : headings) {
-            texts.push_back(heading.text);
-        }
-        for (const std::string &text : table_lines(texts, rows)) {
-            std::cout << text << '\n';
+            put(json_object(members) + '\n');
         }
     }
-    std::cout << std::flush;
+
+    void removed(const std::string &agent, unsigned long index, const std::string &text) override {
+        put(json_object({{"type", json_string("removal")},
+                         {"agent", json_string(agent)},
+                         {"index", std::to_string(index)},
+                         {"removed", "true"},
+                         {"text", json_string(text)}}) +
+            '\n');
+    }
+
+    void failure(const Failure &failure, const std::string &agent) override {
+        put(json_object({{"type", json_string("error")},
+                         {"agent", json_or_null(agent)},
+                         {"ending", json_string(key_of(failure.ending()))},
+                         {"status", std::to_string(static_cast<int>(failure.ending()))},
+                         {"text", json_string(failure.what())}}) +
+            '\n');
+    }
+};
+
+} // namespace
+
+std::unique_ptr<Output> make_output(bool is_quiet, bool is_json, bool is_verbose) {
+    if (is_json) {
+        return std::make_unique<JsonOutput>();
+    }
+    const bool is_terminal = ::isatty(STDOUT_FILENO) == 1 && ::isatty(STDERR_FILENO) == 1;
+    return std::make_unique<TextOutput>(is_quiet, is_terminal && !is_verbose); // whose lines would run into the live one
 }
 
-void Output::line(std::string_view text) const {
-    if (!is_quiet_ && !is_json_) {
-        std::cout << text << std::endl;
+std::string json_object(const Members &members) {
+    std::string text;
+    for (const auto &[key, value] : members) {
+        text += (text.empty() ? "{" : ", ") + json_string(key) + ": " + value;
     }
-}
-
-void Output::removed(std::string_view agent, unsigned long index, std::string_view text) const {
-    if (is_json_) {
-        std::cout << "{\"agent\": " << json_string(agent) << ", \"index\": " << index << ", \"removed\": true}" << std::endl;
-    }
-    line(text);
+    return text + '}';
 }
 
 std::string json_string(std::string_view text) {
@@ -170,26 +243,50 @@ std::string json_string(std::string_view text) {
 }
 
 std::string json_of(const Outcome &outcome) {
-    std::ostringstream text;
-    const auto or_null = [](const std::string &value) { return value.empty() ? "null" : json_string(value); };
-    text << "{\"agent\": " << json_string(outcome.agent) << ", \"ending\": " << json_string(name_of(outcome.ending))
-         << ", \"status\": " << static_cast<int>(outcome.ending) << ", \"state\": " << or_null(outcome.state)
-         << ", \"cause\": " << or_null(outcome.cause) << ", \"seconds\": " << (outcome.seconds ? seconds_text(*outcome.seconds) : "null")
-         << ", \"text\": " << json_string(outcome.text) << ", \"switches\": [";
-    for (std::size_t i = 0; i < outcome.switches.size(); ++i) {
-        const auto &[address, wwn, reported] = outcome.switches[i];
-        text << (i == 0 ? "" : ", ") << "{\"address\": " << or_null(address) << ", \"switch\": " << json_string(wwn)
-             << ", \"reported\": " << json_string(reported) << '}';
+    const auto number_or_null = [](const auto &number) { return number ? std::to_string(*number) : "null"; };
+    std::string switches;
+    for (const auto &[address, wwn, reported] : outcome.switches) {
+        switches += (switches.empty() ? "" : ", ") +
+                    json_object({{"address", json_or_null(address)}, {"switch", json_string(wwn)}, {"reported", json_string(reported)}});
     }
-    text << "]}";
-    return text.str();
+    return json_object({{"type", json_string("copy")},
+                        {"agent", json_string(outcome.agent)},
+                        {"ending", json_string(key_of(outcome.ending))},
+                        {"status", std::to_string(static_cast<int>(outcome.ending))},
+                        {"dry_run", outcome.is_dry_run ? "true" : "false"},
+                        {"from", json_or_null(outcome.from)},
+                        {"to", json_or_null(outcome.to)},
+                        {"server", json_or_null(outcome.server)},
+                        {"file", json_or_null(outcome.file)},
+                        {"user", json_or_null(outcome.user)},
+                        {"snmp_user", json_or_null(outcome.snmp_user)},
+                        {"index", number_or_null(outcome.index)},
+                        {"start_time", json_or_null(outcome.start_time)},
+                        {"state", json_or_null(outcome.state)},
+                        {"cause", json_or_null(outcome.cause)},
+                        {"reason", json_or_null(outcome.reason)},
+                        {"seconds", outcome.seconds ? seconds_text(*outcome.seconds) : "null"},
+                        {"bytes", number_or_null(outcome.bytes)},
+                        {"sha256", json_or_null(outcome.sha256)},
+                        {"text", json_string(outcome.text)},
+                        {"switches", '[' + switches + ']'}});
+}
+
+std::string json_summary(const std::vector<Outcome> &outcomes) {
+    Members members{{"type", json_string("summary")}, {"agents", std::to_string(outcomes.size())}};
+    for (const Ending ending : endings) {
+        members.emplace_back(key_of(ending), std::to_string(count_of(outcomes, ending)));
+    }
+    return json_object(members);
 }
 
 std::string summary_of(const std::vector<Outcome> &outcomes) {
+    const bool is_dry_run = !outcomes.empty() && outcomes.front().is_dry_run;
     std::string text = std::to_string(outcomes.size()) + (outcomes.size() == 1 ? " agent" : " agents");
     for (const Ending ending : endings) {
-        if (const std::size_t count = count_of(outcomes, ending); count > 0 || ending == Ending::done) {
-            text += (ending == Ending::done ? ": " : ", ") + std::to_string(count) + ' ' + std::string(name_of(ending));
+        const bool is_done = ending == Ending::done;
+        if (const std::size_t count = count_of(outcomes, ending); count > 0 || is_done) {
+            text += (is_done ? ": " : ", ") + std::to_string(count) + ' ' + std::string(is_done && is_dry_run ? "ready" : name_of(ending));
         }
     }
     return text;

@@ -1,9 +1,10 @@
-// What the user sees: a live line on a terminal, plain lines otherwise, or JSON, one object a line.
+// What the user sees: texts, with a live line on a terminal, or JSON, one object a line.
 #pragma once
 
 #include "manager/outcome.h"
 
 #include <chrono>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -20,44 +21,62 @@ struct Heading {
     enum { words, numbers } cells = words;
 };
 
+// In JSON each row is an object of this type, with the headings in lower case as keys and null for what is absent.
+struct Table {
+    std::string_view type;
+    std::string agent;
+    std::vector<Heading> headings;
+    std::vector<std::vector<std::string>> rows;
+    std::string when_empty; // the text instead of an empty table
+};
+
 class Output {
   public:
-    Output(bool is_quiet, bool is_json);
+    virtual ~Output() = default;
 
-    // How the one copy stands. A terminal's line is written anew; otherwise only a change is told.
-    void progress(std::string_view agent, std::string_view state, std::chrono::seconds elapsed);
+    // How the one copy stands.
+    virtual void progress(std::string_view agent, std::string_view state, std::chrono::seconds elapsed) = 0;
 
-    // How a copy ended. Success goes to standard output, all else to standard error; in JSON both go to standard output. Any thread may
-    // call it.
-    void outcome(const Outcome &outcome);
+    // How a copy ended. Any thread may call it.
+    virtual void outcome(const Outcome &outcome) = 0;
 
     // How many of several copies ended how.
-    void summary(const std::vector<Outcome> &outcomes);
+    virtual void summary(const std::vector<Outcome> &outcomes) = 0;
 
-    // Rows under headings; in JSON an object a row, with the headings in lower case as its keys and null for what is absent.
-    void table(const std::vector<Heading> &headings, const std::vector<std::vector<std::string>> &rows, std::string_view when_empty) const;
+    virtual void table(const Table &table) = 0;
 
-    void line(std::string_view text) const;
+    // A request that was taken away.
+    virtual void removed(const std::string &agent, unsigned long index, const std::string &text) = 0;
 
-    // A request that was taken away: the text, or in JSON an object.
-    void removed(std::string_view agent, unsigned long index, std::string_view text) const;
+    // Why there is no outcome; `agent` may be empty.
+    virtual void failure(const Failure &failure, const std::string &agent) = 0;
+
+    // Writes to standard output, as it is.
+    void put(std::string_view text);
+
+    // Why not all could be written, or 0. A reader that went away is no reason.
+    int error() const { return error_; }
+
+  protected:
+    std::mutex mutex_;
 
   private:
-    void end_live_line();
-
-    bool is_quiet_;
-    bool is_json_;
-    bool is_terminal_;
-    bool has_live_line_ = false;
-    std::string last_state_;
-    std::mutex mutex_;
+    int error_ = 0;
 };
+
+std::unique_ptr<Output> make_output(bool is_quiet, bool is_json, bool is_verbose);
 
 // --- parts ---
 
 // What is no UTF-8 in the text becomes U+FFFD.
 std::string json_string(std::string_view text);
+
+// Keys, and their values in JSON.
+using Members = std::vector<std::pair<std::string, std::string>>;
+std::string json_object(const Members &members);
+
 std::string json_of(const Outcome &outcome);
+std::string json_summary(const std::vector<Outcome> &outcomes);
 std::string summary_of(const std::vector<Outcome> &outcomes);
 std::vector<std::string> table_lines(const std::vector<std::string> &headings, const std::vector<std::vector<std::string>> &rows);
 

@@ -119,8 +119,8 @@ std::string from_file(const std::string &name) {
 
 } // namespace
 
-std::string read_password(const std::optional<std::string> &file, const std::string &account, bool may_be_empty) {
-    const bool is_standard_input = file ? *file == "-" : ::isatty(STDIN_FILENO) == 0;
+std::string read_password(const std::optional<std::string> &file, const std::string &account, bool may_be_empty, bool is_input_taken) {
+    const bool is_standard_input = file ? *file == "-" : !is_input_taken && ::isatty(STDIN_FILENO) == 0;
     std::string password = is_standard_input ? line_of(STDIN_FILENO) : file ? from_file(*file) : from_terminal(account);
     if (password.empty() && !may_be_empty) {
         throw bad_usage("no password of " + account + (is_standard_input ? " on standard input" : "") +

@@ -26,18 +26,9 @@ std::string type_name(long type) {
     }
 }
 
-// An empty table looks like none.
-void check_table(Session &session) {
-    if (!session.has_object(copy_cell(column_row_status, largest_index))) {
-        throw Failure(Ending::refused, session.agent() +
-                                           " has no copy table that this user may read: does it load config_copy_mib, and does the "
-                                           "user's read view hold .1.3.6.1.4.1.41927.9.96?");
-    }
-}
-
 } // namespace
 
-void list_requests(Session &session, const Output &output) {
+void list_requests(Session &session, Output &output) {
     std::vector<std::vector<std::string>> rows;
     const std::vector<oid> found = indexes(session);
     if (found.empty()) {
@@ -58,18 +49,21 @@ void list_requests(Session &session, const Output &output) {
                 return type_name(number(type).value_or(0));
             }
             const auto protocol = static_cast<Protocol>(number(values[2]).value_or(0));
-            return printable(url_text(protocol, octets(values[5]), address_text(octets(values[3])), octets(values[4])));
+            return url_text(protocol, octets(values[5]), address_text(octets(values[3])), octets(values[4]));
         };
         const auto seconds = seconds_between(values[8], values[9]);
         rows.push_back({std::to_string(index), side(values[0]), side(values[1]), state_name(*state),
                         state == state_failed ? cause_name(number(values[7]).value_or(0)) : std::string(absent),
                         seconds ? seconds_text(*seconds) : std::string(absent)});
     }
-    output.table({{"INDEX", Heading::numbers}, {"FROM"}, {"TO"}, {"STATE"}, {"CAUSE"}, {"SECONDS", Heading::numbers}}, rows,
-                 "no copy requests on " + session.agent());
+    output.table({"request",
+                  session.agent(),
+                  {{"INDEX", Heading::numbers}, {"FROM"}, {"TO"}, {"STATE"}, {"CAUSE"}, {"SECONDS", Heading::numbers}},
+                  rows,
+                  "no copy requests on " + session.agent()});
 }
 
-void list_errors(Session &session, std::optional<oid> index, const Output &output) {
+void list_errors(Session &session, std::optional<oid> index, Output &output) {
     check_table(session);
     std::vector<std::vector<std::string>> rows;
     for (const oid request : index ? std::vector{*index} : indexes(session)) {
@@ -77,13 +71,18 @@ void list_errors(Session &session, std::optional<oid> index, const Output &outpu
             rows.push_back({std::to_string(request), address.empty() ? std::string(absent) : address, wwn, text});
         }
     }
-    output.table({{"INDEX", Heading::numbers}, {"ADDRESS"}, {"SWITCH"}, {"REPORTED"}}, rows,
-                 "no errors of fabric saves on " + session.agent());
+    output.table({"switch",
+                  session.agent(),
+                  {{"INDEX", Heading::numbers}, {"ADDRESS"}, {"SWITCH"}, {"REPORTED"}},
+                  rows,
+                  "no errors of fabric saves on " + session.agent()});
 }
 
-void abort_request(Session &session, oid index, const Output &output) {
+void abort_request(Session &session, oid index, Output &output) {
     const std::string name = "request " + std::to_string(index) + " of " + session.agent();
-    const auto state = number(session.get({copy_cell(column_state, index)}).front());
+    const std::vector<Value> values =
+        session.get({copy_cell(column_state, index), copy_cell(column_source, index), copy_cell(column_destination, index)});
+    const auto state = number(values[0]);
     if (!state) {
         check_table(session);
         throw Failure(Ending::failed, "there is no " + name + ": see `config-copy list " + session.agent() + '`');
@@ -100,7 +99,13 @@ void abort_request(Session &session, oid index, const Output &output) {
         throw Failure(Ending::unreachable,
                       session.agent() + " did not answer the removal of request " + std::to_string(index) + ": try again");
     }
-    output.removed(session.agent(), index, name + " removed" + (state == state_running ? ", while its copy was running" : ""));
+    std::string text = name + " removed";
+    if (state == state_running) {
+        const std::string rest = words_of_what_goes_on(static_cast<FileType>(number(values[1]).value_or(0)),
+                                                       static_cast<FileType>(number(values[2]).value_or(0)));
+        text += rest.empty() ? "; its save is given up" : "; " + rest;
+    }
+    output.removed(session.agent(), index, text);
 }
 
 } // namespace config_copy

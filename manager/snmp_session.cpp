@@ -3,6 +3,7 @@
 #include "manager/agent_address.h"
 #include "manager/failure.h"
 #include "manager/interrupt.h"
+#include "manager/message_text.h"
 #include "manager/outcome.h"
 
 #include <net-snmp/library/large_fd_set.h>
@@ -13,6 +14,7 @@
 #include <array>
 #include <cstdlib>
 #include <cstring>
+#include <iostream>
 #include <mutex>
 #include <new>
 #include <sstream>
@@ -95,6 +97,17 @@ int security_level(const netsnmp_session &session) {
     return level > 0 ? level : SNMP_SEC_LEVEL_NOAUTH;
 }
 
+std::string security_name(const netsnmp_session &session) {
+    if (session.version != SNMP_VERSION_3) {
+        return {};
+    }
+    if (session.securityNameLen > 0) {
+        return {session.securityName, session.securityNameLen};
+    }
+    const char *name = ::netsnmp_ds_get_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_SECNAME);
+    return name == nullptr ? "" : name;
+}
+
 std::string_view name_of_level(int level) {
     return level == SNMP_SEC_LEVEL_AUTHPRIV ? "authPriv" : level == SNMP_SEC_LEVEL_AUTHNOPRIV ? "authNoPriv" : "noAuthNoPriv";
 }
@@ -139,7 +152,7 @@ void Session::FreePdu::operator()(netsnmp_pdu *pdu) const {
     ::snmp_free_pdu(pdu);
 }
 
-Session::Session(const netsnmp_session &defaults, const std::string &agent) : agent_(agent) {
+Session::Session(const netsnmp_session &defaults, const std::string &agent, bool is_verbose) : agent_(agent), is_verbose_(is_verbose) {
     open(defaults);
 }
 
@@ -237,6 +250,9 @@ Session::Pdu Session::request(int command, const std::vector<Binding> &bindings)
 
 // Sends the request and returns the answer; nothing when none came. Throws the Failure that a report means.
 Session::Pdu Session::exchange(Pdu pdu, bool reports_are_answers) {
+    if (is_verbose_) {
+        tell(words_of_request(*pdu));
+    }
     pending_.emplace_back();
     Pending &pending = pending_.back();
     {
@@ -255,6 +271,9 @@ Session::Pdu Session::exchange(Pdu pdu, bool reports_are_answers) {
         }
     }
     if (pdu) { // not sent, for the network says so at once: it may come back
+        if (is_verbose_) {
+            tell("  not sent: the network refuses it");
+        }
         if (cleans_up_) {
             return nullptr;
         }
@@ -266,6 +285,11 @@ Session::Pdu Session::exchange(Pdu pdu, bool reports_are_answers) {
     const int report = pending.is_silent ? SNMPERR_SUCCESS : pending.report;
     const bool is_silent = pending.is_silent;
     pending_.pop_back();
+    if (is_verbose_) {
+        tell(is_silent                   ? "  no answer"
+             : report != SNMPERR_SUCCESS ? std::string("  report: ") + ::snmp_api_errstring(report)
+                                         : "  " + words_of_answer(*answer));
+    }
     if (is_silent) {
         return nullptr;
     }
@@ -311,6 +335,11 @@ bool Session::wait_for_input(Milliseconds time) const {
         throw Interrupted{};
     }
     return waited[0].revents != 0;
+}
+
+// In one piece, as other sessions tell theirs at the same time.
+void Session::tell(const std::string &text) const {
+    std::cerr << "config-copy: " + agent_ + ": " + text + '\n' << std::flush;
 }
 
 // --- the way to the agent ---

@@ -38,6 +38,9 @@ struct Binding {
 int security_level(const netsnmp_session &session);
 std::string_view name_of_level(int level);
 
+// The user of SNMPv3 that requests of such a session name; empty in other versions.
+std::string security_name(const netsnmp_session &session);
+
 // An agent's answer to a SET.
 struct SetResult {
     long status = 0;    // SNMP_ERR_… of RFC 3416
@@ -47,8 +50,8 @@ struct SetResult {
 class Session {
   public:
     // `defaults` is what the command line and snmp.conf say, without the agent; it must outlive the session. Throws a Failure when the
-    // agent's name is not known or a session can't be made of the settings.
-    Session(const netsnmp_session &defaults, const std::string &agent);
+    // agent's name is not known or a session can't be made of the settings. A verbose one tells each message on standard error.
+    Session(const netsnmp_session &defaults, const std::string &agent, bool is_verbose);
     Session(const Session &) = delete;
     Session &operator=(const Session &) = delete;
     ~Session();
@@ -102,7 +105,10 @@ class Session {
 
     static int on_event(int operation, netsnmp_session *session, int request, netsnmp_pdu *pdu, void *pending);
 
+    void tell(const std::string &text) const;
+
     std::string agent_;
+    bool is_verbose_;
     void *handle_ = nullptr;
     netsnmp_session *session_ = nullptr; // the library's, of handle_
     std::list<Pending> pending_;         // those that were given up may be answered yet

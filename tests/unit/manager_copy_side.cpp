@@ -134,8 +134,19 @@ TEST(CopySide, ValueOfHost) {
     EXPECT_EQ("etc-passwd", host_value("/etc/passwd"));
 }
 
-TEST(CopySide, UrlInWords) {
-    EXPECT_EQ("tftp://192.0.2.1/a b", url_text(Protocol::tftp, "", "192.0.2.1", "a b"));
+TEST(CopySide, Synonyms) {
+    EXPECT_EQ(FileType::running, parse_side("running-config").type);
+    EXPECT_EQ(FileType::startup, parse_side("startup-config").type);
+}
+
+TEST(CopySide, UrlThatCanBeGivenAgain) {
+    EXPECT_EQ("tftp://192.0.2.1/a%20b", url_text(Protocol::tftp, "", "192.0.2.1", "a b"));
+    const std::string user = "j@d:/%";
+    const std::string path = "/{host}\x1b[31m?#%/\xc3\xa4";
+    const std::string url = url_text(Protocol::sftp, user, "h", path);
+    EXPECT_EQ("sftp://j%40d%3A%2F%25@h//%7Bhost%7D%1B[31m%3F%23%25/\xc3\xa4", url);
+    EXPECT_EQ("j@d:/%", parse_side("sftp://j%40d%3A%2F%25@h/a").url.user);
+    EXPECT_EQ("/{host}?#%", name_in("sftp://u@h//%7Bhost%7D%3F%23%25"));
     EXPECT_EQ("sftp://u@[2001:db8::1]//a", url_text(Protocol::sftp, "u", "2001:db8::1", "/a"));
 }
 

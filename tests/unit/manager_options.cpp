@@ -134,6 +134,37 @@ TEST(Options, TheLibrarysHaveTheirValues) {
               split({"-v", "2C", "-aSHA", "-x", "aes", "-A", "12345678"}).library);
 }
 
+TEST(Options, ShortNames) {
+    EXPECT_TRUE(split({"-q"}).options.is_quiet);
+    EXPECT_EQ(Command::help, split({"-h"}).options.command);
+}
+
+TEST_F(CommandLine, DryRun) {
+    EXPECT_TRUE(parse({"--dry-run", "agent", "running", "startup"})->is_dry_run);
+    EXPECT_EQ("--dry-run is for copies only", usage_failure([&] { parse({"--dry-run", "abort", "agent", "7"}); }));
+}
+
+TEST_F(CommandLine, StandardInputHoldsOneThing) {
+    EXPECT_EQ("standard input can't hold both the agents and the password: name a file for one of them", usage_failure([&] {
+                  parse({"--hosts", "-", "--password-file", "-", "running", "scp://u@h/{host}"});
+              }));
+}
+
+TEST(Options, JsonIsSeenBesideMistakes) {
+    const auto asks = [](std::vector<std::string> words) {
+        words.insert(words.begin(), "config-copy");
+        std::vector<char *> pointers;
+        for (std::string &word : words) {
+            pointers.push_back(word.data());
+        }
+        return asks_for_json(static_cast<int>(words.size()), pointers.data());
+    };
+    EXPECT_TRUE(asks({"--foo", "--json"}));
+    EXPECT_FALSE(asks({"--foo"}));
+    EXPECT_FALSE(asks({"--", "--json"}));
+    EXPECT_FALSE(asks({}));
+}
+
 TEST_F(CommandLine, AnAgentHasAName) {
     EXPECT_EQ("AGENT is empty: write the switch's name or address", usage_failure([&] { parse({"", "running", "startup"}); }));
     EXPECT_EQ("AGENT is empty: write the switch's name or address", usage_failure([&] { parse({"list", ""}); }));

@@ -92,23 +92,60 @@ TEST(Outcome, Summary) {
     EXPECT_EQ("1 agent: 0 done, 1 busy", summary_of({ended(Ending::busy)}));
 }
 
+TEST(Outcome, SummaryOfADryRun) {
+    Outcome ready = ended(Ending::done);
+    ready.is_dry_run = true;
+    EXPECT_EQ("2 agents: 1 ready, 1 busy", summary_of({ready, ended(Ending::busy)}));
+}
+
+TEST(Outcome, WhatGoesOnWithoutItsRequest) {
+    EXPECT_EQ("", words_of_what_goes_on(FileType::running, FileType::startup)) << "a save is given up";
+    EXPECT_EQ("", words_of_what_goes_on(FileType::running, FileType::fabric_startup));
+    EXPECT_EQ("the copy goes on at the switch and may still be applied", words_of_what_goes_on(FileType::startup, FileType::running));
+    EXPECT_EQ("the transfer goes on at the switch and may still be applied", words_of_what_goes_on(FileType::network, FileType::running));
+    EXPECT_EQ("the transfer goes on at the switch and may still write the file",
+              words_of_what_goes_on(FileType::startup, FileType::network));
+}
+
 TEST(Outcome, Json) {
     Outcome outcome;
     outcome.agent = "a\"b";
     outcome.text = "a\\\n";
     EXPECT_EQ(
-        R"({"agent": "a\"b", "ending": "done", "status": 0, "state": null, "cause": null, "seconds": null, "text": "a\\\u000a", "switches": []})",
+        R"({"type": "copy", "agent": "a\"b", "ending": "done", "status": 0, "dry_run": false, "from": null, "to": null, "server": null, )"
+        R"("file": null, "user": null, "snmp_user": null, "index": null, "start_time": null, "state": null, "cause": null, "reason": null, )"
+        R"("seconds": null, "bytes": null, "sha256": null, "text": "a\\\u000a", "switches": []})",
         json_of(outcome));
-    outcome.ending = Ending::failed;
+    outcome.ending = Ending::unreachable;
+    outcome.text = "";
+    outcome.is_dry_run = true;
+    outcome.from = "running";
+    outcome.to = "sftp://joe@h/x-a.cfg";
+    outcome.server = "192.0.2.1";
+    outcome.file = "x-a.cfg";
+    outcome.user = "joe";
+    outcome.snmp_user = "operator";
+    outcome.index = 7;
+    outcome.start_time = "2026-11-21T09:30:00Z";
     outcome.state = "failed";
     outcome.cause = "timeout";
+    outcome.reason = "no way";
     outcome.seconds = 1.25;
-    outcome.text = "";
+    outcome.bytes = 0x100000000;
+    outcome.sha256 = "00ff";
     outcome.switches = {{"", "20:00", "saved"}, {"192.0.2.1", "20:01", "no"}};
     EXPECT_EQ(
-        R"({"agent": "a\"b", "ending": "failed", "status": 1, "state": "failed", "cause": "timeout", "seconds": 1.25, "text": "", "switches": )"
+        R"({"type": "copy", "agent": "a\"b", "ending": "not_reachable", "status": 4, "dry_run": true, "from": "running", )"
+        R"("to": "sftp://joe@h/x-a.cfg", "server": "192.0.2.1", "file": "x-a.cfg", "user": "joe", "snmp_user": "operator", "index": 7, )"
+        R"("start_time": "2026-11-21T09:30:00Z", "state": "failed", "cause": "timeout", "reason": "no way", "seconds": 1.25, )"
+        R"("bytes": 4294967296, "sha256": "00ff", "text": "", "switches": )"
         R"([{"address": null, "switch": "20:00", "reported": "saved"}, {"address": "192.0.2.1", "switch": "20:01", "reported": "no"}]})",
         json_of(outcome));
+}
+
+TEST(Outcome, JsonOfASummary) {
+    EXPECT_EQ(R"({"type": "summary", "agents": 2, "done": 1, "failed": 0, "usage": 0, "refused": 0, "not_reachable": 1, "busy": 0})",
+              json_summary({ended(Ending::unreachable), ended(Ending::done)}));
 }
 
 TEST(Outcome, Table) {

@@ -28,7 +28,7 @@ def test_running_to_a_file(options, server):
     done = config_copy(*options, AGENT, "running", f"tftp://{server}/up.cfg")
     assert done.status == DONE, done
     assert (SERVER_ROOT / "up.cfg").read_text() == show("running")
-    assert re.fullmatch(rf"({AGENT}: running\n)?{AGENT}: running to tftp://{re.escape(server)}/up.cfg copied in \d+\.\d\d s\n", done.out), done
+    assert re.fullmatch(rf"({AGENT}: copy running\n)?{AGENT}: running to tftp://{re.escape(server)}/up.cfg copied in \d+\.\d\d s\n", done.out), done
     assert done.err == ""
 
 
@@ -136,29 +136,47 @@ def test_warning_of_a_password_in_clear():
 
 # What is shown
 
-def test_quiet():
-    done = config_copy("--quiet", AGENT, "running", f"tftp://{SERVER4}/quiet.cfg")
+@pytest.mark.parametrize("quiet", ["-q", "--quiet"])
+def test_quiet(quiet):
+    done = config_copy(quiet, AGENT, "running", f"tftp://{SERVER4}/quiet.cfg")
     assert (done.status, done.out, done.err) == (DONE, "", ""), done
-    done = config_copy("--quiet", AGENT, f"tftp://{SERVER4}/absent.cfg", "running")
+    done = config_copy(quiet, AGENT, f"tftp://{SERVER4}/absent.cfg", "running")
     assert done.status == FAILED and done.out == "" and done.err.startswith("config-copy: "), done
 
 
-def test_json():
-    done = config_copy("--json", AGENT, "running", f"tftp://{SERVER4}/a.cfg")
-    (copy,) = done.objects()
-    assert done.status == DONE and done.err == ""
-    assert {key: copy[key] for key in ("agent", "ending", "status", "state", "cause", "switches")} == {
-        "agent": AGENT, "ending": "done", "status": 0, "state": "successful", "cause": None, "switches": []}
-    assert 0 <= copy["seconds"] < 10 and copy["text"].startswith(f"{AGENT}: running to ")
-    done = config_copy("--json", AGENT, f"tftp://{SERVER4}/absent.cfg", "running")
-    (copy,) = done.objects()
-    assert (done.status, copy["status"], copy["state"], copy["cause"]) == (FAILED, FAILED, "failed", "badFileName")
+def test_synonyms():
+    done = config_copy(AGENT, "startup-config", "running-config")
+    assert done.status == DONE and f"{AGENT}: startup to running copied in " in done.out, done
+
+
+def test_each_message_is_told_on_request():
+    done = config_copy("--verbose", AGENT, "running", f"{account()}/verbose.cfg", stdin=os.environ["LAB_PASSWORD"] + "\n")
+    assert done.status == DONE, done
+    lines = done.err.splitlines()
+    assert all(line.startswith(f"config-copy: {AGENT}: ") for line in lines), done
+    made, activated, destroyed = [line for line in lines if ": SET " in line]
+    index = re.search(r": SET ccCopyEntryRowStatus\.(\d+) = 5, ", made)[1]
+    for binding in (f"ccCopySourceFileType.{index} = 4", f'ccCopyFileName.{index} = "verbose.cfg"', f"ccCopyUserPassword.{index} = (not shown)",
+                    f"ccCopyServerAddressRev1.{index} = 0x{bytes(map(int, SERVER4.split('.'))).hex()}"):
+        assert binding in made, made
+    assert activated.endswith(f": SET ccCopyEntryRowStatus.{index} = 1") and destroyed.endswith(f": SET ccCopyEntryRowStatus.{index} = 6")
+    assert f"config-copy: {AGENT}:   answer: ccCopyState.{index} = 3" in lines, done
+    assert os.environ["LAB_PASSWORD"] not in done.err
+    done = config_copy("--verbose", *QUICK, "127.0.0.1:9", "running", "startup")
+    assert done.status == UNREACHABLE and "config-copy: 127.0.0.1:9: GET nothing\nconfig-copy: 127.0.0.1:9:   no" in done.err, done
+
+
+@pytest.mark.parametrize("words", [("--help",), ("list", AGENT), ("--json", AGENT, "running", "startup")], ids=["help", "list", "json"])
+def test_output_that_cannot_be_written(words):
+    with open("/dev/full", "w") as full:
+        done = subprocess.run(["config-copy", *words], stdin=subprocess.DEVNULL, stdout=full, stderr=subprocess.PIPE, text=True, timeout=60)
+    assert (done.returncode, done.stderr) == (FAILED, "config-copy: standard output can't be written: No space left on device\n")
 
 
 def test_lines_without_a_terminal():
     with busy_device():
         process = started(AGENT, "running", "startup")
-        assert process.stdout.readline() == f"{AGENT}: running\n"
+        assert process.stdout.readline() == f"{AGENT}: copy running\n"
     done = ended(process)
     assert done.status == DONE and re.fullmatch(rf"{AGENT}: running to startup copied in \d+\.\d\d s\n", done.out), done
 
@@ -167,7 +185,7 @@ def test_live_line_on_a_terminal():
     with busy_device():
         status, shown, _ = on_terminal("--time-limit", "2", AGENT, "running", "startup")
     assert status == FAILED
-    assert f"\r{AGENT}: running, 0 s\033[K" in shown and f"\r{AGENT}: running, 1 s\033[K" in shown, shown
+    assert f"\r{AGENT}: copy running, 0 s\033[K" in shown and f"\r{AGENT}: copy running, 1 s\033[K" in shown, shown
     assert "\r\033[Kconfig-copy: " in shown
 
 

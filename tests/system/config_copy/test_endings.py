@@ -17,7 +17,7 @@ def no_row_stays(operator):
 
 def check(done, status, text):
     """One clear line."""
-    assert (done.status, done.out.replace(f"{AGENT}: running\n", ""), done.err) == (status, "", f"config-copy: {text}\n")
+    assert (done.status, done.out.replace(f"{AGENT}: copy running\n", ""), done.err) == (status, "", f"config-copy: {text}\n")
 
 
 # 1: the copy failed
@@ -62,7 +62,36 @@ def test_fabric_with_a_table_of_its_switches(operator):
 def test_time_limit():
     with busy_device():
         done = config_copy("--time-limit", 1, AGENT, "running", "startup")
-    check(done, FAILED, f"{AGENT}: not finished in 1 s, so the request was given up: does the system manager run? (--time-limit gives more time)")
+    check(done, FAILED, f"{AGENT}: not finished in 1 s, so the save was given up: does the system manager run? (--time-limit gives more time)")
+
+
+TRANSFERS = pytest.mark.parametrize("words, rest", [
+    ((f"{SERVER}/absent.cfg", "running"), "the transfer goes on at the switch and may still be applied"),
+    (("running", f"{SERVER}/late.cfg"), "the transfer goes on at the switch and may still write the file"),
+], ids=["from the server", "to the server"])
+
+
+@TRANSFERS
+def test_time_limit_of_a_transfer(words, rest, broken_link):
+    """The switch goes on, and no request shows that it does."""
+    done = config_copy("--time-limit", 1, AGENT, *words)
+    check(done, FAILED, f"{AGENT}: not finished in 1 s, so the request was removed; {rest} (--time-limit gives more time)")
+    assert config_copy("list", AGENT).out == f"no copy requests on {AGENT}\n"
+    check(config_copy(AGENT, "startup", "running"), BUSY,
+          f"{AGENT}: a transfer whose request was removed is still running: try again later, or queue with --wait-turn SECONDS")
+    broken_link()
+    assert config_copy("--wait-turn", 60, AGENT, "startup", "running").status == DONE
+
+
+@TRANSFERS
+def test_interruption_of_a_transfer(operator, words, rest, broken_link):
+    process = started(AGENT, *words)
+    assert process.stdout.readline() == f"{AGENT}: copy running\n"
+    process.send_signal(signal.SIGINT)
+    done = ended(process)
+    assert (done.status, done.err) == (-signal.SIGINT, f"\nconfig-copy: interrupted: no request stays on the switch; once begun, {rest}\n")
+    broken_link()
+    assert config_copy("--wait-turn", 60, AGENT, "startup", "running").status == DONE
 
 
 def test_request_that_somebody_removes(operator):
@@ -250,7 +279,7 @@ def test_another_copy_is_in_progress(operator):
         other = save(operator)
         other.activate()
         check(config_copy(AGENT, "running", f"{SERVER}/a"), BUSY, f"{AGENT}: another copy is in progress: try again later, or queue with --wait-turn SECONDS")
-        check(config_copy("--quiet", "--wait-turn", 1, AGENT, "running", "startup"), BUSY, f"{AGENT}: another copy is in progress and did not end in 1 s")
+        check(config_copy("--quiet", "--wait-turn", 1, AGENT, "running", "startup"), BUSY, f"{AGENT}: another copy is in progress, and did not end in 1 s")
         assert rows(operator) == [other.index]
         process = started("--wait-turn", 30, AGENT, "running", f"{SERVER}/a")
         assert process.stdout.readline() == f"{AGENT}: waiting for another copy\n"
@@ -277,7 +306,7 @@ def test_interruption_aborts_a_save(operator, number, lines_of, tmp_path):
     before = startup()
     with busy_device():
         process = started(AGENT, "running", "startup")
-        assert process.stdout.readline() == f"{AGENT}: running\n"
+        assert process.stdout.readline() == f"{AGENT}: copy running\n"
         process.send_signal(number)
         done = ended(process)
         assert (done.status, done.err) == (-number, "\nconfig-copy: interrupted: no request stays on the switch\n")

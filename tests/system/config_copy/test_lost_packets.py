@@ -1,34 +1,7 @@
 """Single packets are lost between the steps of a request, which a link that loses some at random seldom does."""
 
-import socket
-
 import pytest
 from command import *
-
-ANSWER, SET = 0xA2, 0xA3
-
-
-def through_relay(passes, *options):
-    """Backs up through a relay to the agent, which carries what `passes(kind, number)` lets pass: the kind's so many-th packet. (the end, what kinds were
-    carried)."""
-    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as near, socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as far:
-        near.bind(("127.0.0.1", 0))
-        far.connect((AGENT, 161))
-        counts, carried = {}, []
-        process = started("-v2c", "-c", "lab", *options, f"127.0.0.1:{near.getsockname()[1]}", "running", f"tftp://{SERVER4}/lost.cfg")
-        while process.poll() is None:
-            for end in select.select([near, far], [], [], 0.05)[0]:
-                if end is near:
-                    packet, client = near.recvfrom(65535)
-                else:
-                    packet = far.recv(65535)
-                kind = packet[packet.index(b"\x04\x03lab") + 5]  # behind version and community
-                counts[kind] = counts.get(kind, 0) + 1
-                if passes(kind, counts[kind]):
-                    carried.append(kind)
-                    far.send(packet) if end is near else near.sendto(packet, client)
-        return ended(process), carried
-
 
 @pytest.mark.parametrize("lost, writes", [((SET, 1), 4), ((ANSWER, 2), 3), ((SET, 2), 3), ((ANSWER, 4), 3)],
                          ids=["making", "made", "activation", "activated"])
@@ -59,3 +32,20 @@ def test_no_write_comes_through_after_the_first(operator):
     (index,) = rows(operator)
     assert done.status == UNREACHABLE and " answers, but the copy can't be started: too much is lost on the way; its request " in done.err, done
     assert Request(operator, index).get(STATE) == STATE_WAITING
+
+
+def test_transfer_that_ends_between_refusal_and_question(operator, broken_link):
+    """The other copy has no request any more. When the activation is tried again, the switch is free: this is not told as busy."""
+    other = Request(operator).create(*download(SERVER4, "absent.cfg"))
+    other.activate()
+    other.destroy()
+
+    def passes(kind, number):
+        if kind == SET and number == 3:
+            broken_link()
+            wait_for(lambda: not children(agent_pid()), 45, "the end of the transfer")
+        return True
+
+    done, carried = through_relay(passes, "-t", "60", "-r", "0")
+    assert done.status == DONE and carried.count(SET) == 4, (done, carried)
+    assert (SERVER_ROOT / "lost.cfg").read_text() == show("running")

@@ -56,8 +56,8 @@ def test_jobs_and_json(own_agents, tmp_path):
         *copies, summary = done.objects()
         # The one that is not there takes the only place from nobody.
         assert sorted((copy["agent"], copy["ending"]) for copy in copies[:3]) == sorted((agent, "done") for agent in alive)
-        assert (copies[3]["agent"], copies[3]["ending"]) == (silent, "not reachable")
-    assert summary == {"agents": 4, "done": 3, "failed": 0, "usage": 0, "refused": 0, "not reachable": 1, "busy": 0}
+        assert (copies[3]["agent"], copies[3]["ending"]) == (silent, "not_reachable")
+    assert summary == {"type": "summary", "agents": 4, "done": 3, "failed": 0, "usage": 0, "refused": 0, "not_reachable": 1, "busy": 0}
     assert done.status == UNREACHABLE
 
 
@@ -69,7 +69,7 @@ def test_more_agents_than_open_files(own_agents, tmp_path, soft, hard, count):
     done = config_copy(*USER, "-t", "3" if hard > soft else "0.3", "-r", "0", "--json", "--jobs", 1000, "--hosts", hosts_file(tmp_path, [*silent, alive.name]), "running",
                        f"tftp://{SERVER4}/{{host}}.cfg", preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (soft, hard)))
     *copies, summary = done.objects()
-    assert summary == {"agents": count + 1, "done": 1, "failed": 0, "usage": 0, "refused": 0, "not reachable": count, "busy": 0}
+    assert summary == {"type": "summary", "agents": count + 1, "done": 1, "failed": 0, "usage": 0, "refused": 0, "not_reachable": count, "busy": 0}
     (own,) = [number for number, copy in enumerate(copies) if copy["agent"] == alive.name]
     assert copies.pop(own)["ending"] == "done" and (own == 0) == (hard > soft), f"it was number {own}"
     assert all(copy["text"].startswith(f"no answer from {copy['agent']} in ") for copy in copies), copies
@@ -101,8 +101,8 @@ def test_waiting_for_turns(own_agents, tmp_path, broken_link):
     busy, free = [agent.name for agent in own_agents(2, SETTINGS)]
     words = (*USER, "--hosts", hosts_file(tmp_path, [busy, free]), "startup", "running")
     hanging = started(*USER, busy, "running", f"tftp://{SERVER4}/hanging.cfg")
-    assert hanging.stdout.readline() == f"{busy}: running\n"
-    for options, ending in ((), ": try again later, or queue with --wait-turn SECONDS"), (("--wait-turn", 1), " and did not end in 1 s"):
+    assert hanging.stdout.readline() == f"{busy}: copy running\n"
+    for options, ending in ((), ": try again later, or queue with --wait-turn SECONDS"), (("--wait-turn", 1), ", and did not end in 1 s"):
         done = config_copy(*options, *words)
         assert done.status == BUSY and done.out.endswith("\n2 agents: 1 done, 1 busy\n") and done.out.startswith(f"{free}: "), done
         assert done.err == f"config-copy: {busy}: another copy is in progress{ending}\n"
@@ -121,8 +121,8 @@ def test_time_limit(own_agents, tmp_path, broken_link):
     done = config_copy(*USER, "--time-limit", 1, "--jobs", 1, "--hosts", hosts_file(tmp_path, agents), "running", f"tftp://{SERVER4}/{{host}}")
     assert 2 <= time.monotonic() - began < 6
     assert done.status == FAILED and done.out == "2 agents: 0 done, 2 failed\n", done
-    assert sorted(done.err.splitlines()) == [f"config-copy: {agent}: not finished in 1 s, so the request was given up: does the system manager run? (--time-limit "
-                                             "gives more time)" for agent in sorted(agents)]
+    assert sorted(done.err.splitlines()) == [f"config-copy: {agent}: not finished in 1 s, so the request was removed; the transfer goes on at the switch "
+                                             "and may still write the file (--time-limit gives more time)" for agent in sorted(agents)]
     assert [config_copy(*USER, "list", agent).out for agent in agents] == [f"no copy requests on {agent}\n" for agent in agents]
 
 
@@ -137,13 +137,23 @@ def test_interruption(own_agents, tmp_path, broken_link):
     wait_for(lambda: all(requests and requests[0]["state"] == "running" for requests in listed()))
     process.send_signal(signal.SIGINT)
     done = ended(process)
-    assert done.status == -signal.SIGINT and "a transfer that runs may still end there" in done.err, done
+    assert done.status == -signal.SIGINT and "once begun, the transfer goes on at the switch and may still write the file" in done.err, done
     assert listed() == [[], []]
+
+
+def test_agents_on_standard_input(own_agents):
+    first, second = [agent.name for agent in own_agents(2, SETTINGS)]
+    done = config_copy(*USER, "--hosts", "-", "running", f"tftp://{SERVER4}/{{host}}", stdin=f"# all\n{first}\n{second}\n")
+    assert done.status == DONE and done.out.endswith("\n2 agents: 2 done\n"), done
+    done = config_copy(*USER, "--hosts", "-", "running", f"scp://u@{SERVER4}/{{host}}", stdin=first, start_new_session=True)
+    assert (done.status, done.err) == (USAGE, f"config-copy: no terminal to ask for the password of u@{SERVER4}: use --password-file or standard input\n")
+    done = config_copy("--hosts", "-", "running", "startup", stdin="#\n")
+    assert (done.status, done.err) == (USAGE, "config-copy: standard input lists no agent: write one a line\n")
 
 
 @pytest.mark.parametrize("lines, url, text", [
     ("a\nb\n", "tftp://h/a", "every agent would write the same file: put {host} into the path"),
-    ("a\na\n", "tftp://h/{host}", "a is listed twice in {file}, or looks like another agent there in a file's name"),
+    ("a\na\n", "tftp://h/{host}", "a is listed twice in the hosts file {file}, or looks like another agent there in a file's name"),
     ("", "tftp://h/{host}", "the hosts file {file} lists no agent: write one a line"),
 ])
 def test_bad_hosts(tmp_path, lines, url, text):

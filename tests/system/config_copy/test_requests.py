@@ -15,7 +15,7 @@ def test_list(operator):
     assert lines[2][:5] == ["6", f"tftp://[{SERVER6}]/absent.cfg", "running", "failed", "badFileName"] and float(lines[2][5]) >= 0
     assert config_copy("list", "-v1", "-c", "lab", AGENT).out == done.out
     first, second = config_copy("--json", "list", AGENT).objects()
-    assert first == {"index": 5, "from": "running", "to": f"tftp://joe@{SERVER4}/a.cfg", "state": "waiting", "cause": None, "seconds": None}
+    assert first == {"type": "request", "agent": AGENT, "index": 5, "from": "running", "to": f"tftp://joe@{SERVER4}/a.cfg", "state": "waiting", "cause": None, "seconds": None}
     assert (second["index"], second["cause"], second["seconds"]) == (6, "badFileName", float(lines[2][5]))
 
 
@@ -24,12 +24,24 @@ def test_abort(operator):
         request = save(operator)
         request.activate()
         done = config_copy("abort", AGENT, request.index)
-        assert (done.status, done.out) == (DONE, f"request {request.index} of {AGENT} removed, while its copy was running\n")
+        assert (done.status, done.out) == (DONE, f"request {request.index} of {AGENT} removed; its save is given up\n")
         assert not request.exists()
     request = Request(operator).create()
-    assert config_copy("--json", "abort", AGENT, request.index).objects() == [{"agent": AGENT, "index": request.index, "removed": True}]
+    assert config_copy("--json", "abort", AGENT, request.index).objects() == [
+        {"type": "removal", "agent": AGENT, "index": request.index, "removed": True, "text": f"request {request.index} of {AGENT} removed"}]
     done = config_copy("abort", AGENT, request.index)
     assert (done.status, done.err) == (FAILED, f"config-copy: there is no request {request.index} of {AGENT}: see `config-copy list {AGENT}`\n")
+
+
+def test_abort_of_a_transfer(operator, broken_link):
+    """The agent forgets it; the switch does not."""
+    request = Request(operator).create(*download(SERVER4, "absent.cfg"))
+    request.activate()
+    done = config_copy("abort", AGENT, request.index)
+    assert (done.status, done.out) == (
+        DONE, f"request {request.index} of {AGENT} removed; the transfer goes on at the switch and may still be applied\n")
+    broken_link()
+    assert config_copy("--wait-turn", 60, AGENT, "startup", "running").status == DONE
 
 
 def test_abort_of_a_request_that_is_stuck(operator):
@@ -60,5 +72,5 @@ def test_errors(operator):
     assert config_copy("errors", AGENT, request.index).out == done.out
     assert config_copy("errors", AGENT, request.index + 1).out == f"no errors of fabric saves on {AGENT}\n"
     own, other = sorted(config_copy("--json", "errors", AGENT).objects(), key=lambda error: error["switch"])
-    assert own == {"index": request.index, "address": AGENT, "switch": "20:00:00:00:00:00:00:01", "reported": "saved"}
+    assert own == {"type": "switch", "agent": AGENT, "index": request.index, "address": AGENT, "switch": "20:00:00:00:00:00:00:01", "reported": "saved"}
     assert (other["index"], other["reported"]) == (request.index, "no answer in 1 s")
