@@ -50,7 +50,6 @@ constexpr std::array known_columns{column_protocol, column_source,       column_
 constexpr std::array<oid, 4> table_below_root{1, 1, 1, 1};
 
 constexpr long file_network = 1;
-constexpr long file_fabric_startup = 6;
 constexpr long state_running = 2;
 constexpr long state_successful = 3;
 constexpr long row_active = 1;
@@ -393,7 +392,7 @@ void CopyWatch::save_sent(int error) {
     if (!row) {
         return;
     }
-    save_ = Save{request_of(*row), Clock::now(), rows_.number(column_destination, *row).value_or(0), false};
+    save_ = Save{request_of(*row), Clock::now(), false};
     if (error != 0) {
         CopyEnd end;
         end.outcome = CopyEnd::Outcome::failed;

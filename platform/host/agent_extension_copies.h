@@ -77,7 +77,6 @@ class CopyWatch final : public BusObserver {
     struct Save {
         CopyRequest request;
         std::chrono::steady_clock::time_point began;
-        long scope = 0; // ccCopyDestFileType
         bool answered = false;
     };
 

@@ -97,11 +97,12 @@ std::string security_name(const netsnmp_pdu &request) {
     const char *name = nullptr;
     const char *context = nullptr;
     const auto *community = reinterpret_cast<const char *>(request.community);
-    const auto length = static_cast<int>(request.community_len);
+    const std::size_t length = request.community_len;
     if (request.tDomain == netsnmpUDPDomain || request.tDomain == netsnmp_snmpTCPDomain) {
         netsnmp_udp_getSecName(request.transport_data, request.transport_data_length, community, length, &name, &context);
     } else if (request.tDomain == netsnmp_UDPIPv6Domain || request.tDomain == netsnmp_TCPIPv6Domain) {
-        netsnmp_udp6_getSecName(request.transport_data, request.transport_data_length, community, length, &name, &context);
+        netsnmp_udp6_getSecName(request.transport_data, request.transport_data_length, community, static_cast<int>(length), &name,
+                                &context);
     } else if (request.tDomain == netsnmp_UnixDomain) {
         netsnmp_unix_getSecName(request.transport_data, request.transport_data_length, community, length, &name, &context);
     }

@@ -37,12 +37,13 @@ std::string value_text(std::string_view value) {
         return std::string(value);
     }
     std::string text = "\"";
-    for (const unsigned char c : value) {
+    for (const char each : value) {
+        const auto c = static_cast<unsigned char>(each);
         if (c == '"' || c == '\\') {
             text += '\\';
-            text += static_cast<char>(c);
+            text += each;
         } else if (c >= ' ' && c <= '~') {
-            text += static_cast<char>(c);
+            text += each;
         } else {
             text += escaped("\\x", c, "0123456789abcdef");
         }
@@ -87,9 +88,10 @@ std::string_view name_of(CopyEnd::Outcome outcome) {
 // RFC 3986, 2.3; `also` stands for itself too.
 std::string percent_encoded(std::string_view text, std::string_view also) {
     std::string encoded;
-    for (const unsigned char c : text) {
+    for (const char each : text) {
+        const auto c = static_cast<unsigned char>(each);
         if (is_alphanumeric(c) || is_one_of(c, "-._~") || is_one_of(c, also)) {
-            encoded += static_cast<char>(c);
+            encoded += each;
         } else {
             encoded += escaped("%", c, "0123456789ABCDEF");
         }
