@@ -15,7 +15,9 @@ LAB = Path("/lab")
 LOG = LAB / "log"
 TRAPS = LAB / "traps"
 SERVER_ROOT = LAB / "server" / "files"
-HERE = Path(__file__).resolve().parent
+# The repository may lie where only its owner may go, and its path may hold blanks, which not every
+# daemon's settings can. So no daemon is told that path, but these.
+UNPACKED, BUILD, SCRIPTS = LAB / "unpacked", LAB / "build", LAB / "scripts"
 
 USER = "netops"
 COMMUNITY = "lab"
@@ -160,18 +162,15 @@ class Receiver:
     # The line feed has it write each record out at once.
     format = "%y-%02.2m-%02.2l %02.2h:%02.2j:%02.2k\x1f%b\x1f%V\x1f%v\x1e\n"
 
-    def __init__(self, unpacked):
-        self.unpacked = unpacked
-
     def daemons(self):
         home = folder(LAB / "receiver", 0o700)
         (home / "snmptrapd.conf").write_text(f"authCommunity log {COMMUNITY}\n")
         (home / "snmp.conf").write_text("hexOutputLength 0\n")
         TRAPS.touch()
         reading, writing = os.pipe()
-        lines = Daemon("trap-lines", [sys.executable, "-B", HERE / "trap_lines.py", TRAPS], lambda: True, stdin=reading)
+        lines = Daemon("trap-lines", [sys.executable, "-B", SCRIPTS / "trap_lines.py", TRAPS], lambda: True, stdin=reading)
         environment = {"SNMPCONFPATH": str(home), "SNMP_PERSISTENT_DIR": str(home / "persistent")}
-        command = [self.unpacked / "root-snmptrapd/usr/sbin/snmptrapd", "-f", "-Lo", "-n", "-On", "-F", self.format, f"udp:{network.SERVER4}:162"]
+        command = [UNPACKED / "root-snmptrapd/usr/sbin/snmptrapd", "-f", "-Lo", "-n", "-On", "-F", self.format, f"udp:{network.SERVER4}:162"]
         receiver = Daemon("snmptrapd", network.on_server(*command), self._notes, environment=environment, stdout=writing)
         return (lines, receiver), (reading, writing)
 
@@ -185,4 +184,4 @@ class Receiver:
 def system_log():
     """Whatever the lab's processes give to the system's log, in LOG/system."""
     file = LOG / "system"
-    return Daemon("system-log", [sys.executable, "-B", HERE / "system_log.py", file], lambda: file.exists() and Path("/dev/log").exists())
+    return Daemon("system-log", [sys.executable, "-B", SCRIPTS / "system_log.py", file], lambda: file.exists() and Path("/dev/log").exists())

@@ -9,7 +9,7 @@ import sys
 from pathlib import Path
 
 import network
-from daemons import HERE, LAB, SERVER_ROOT, USER, Daemon, folder, output_of, private_folder_of_size
+from daemons import LAB, SCRIPTS, SERVER_ROOT, UNPACKED, USER, Daemon, folder, output_of, private_folder_of_size
 
 
 class Account:
@@ -33,8 +33,8 @@ class Account:
 class FileServer:
     """The host that the copies go to and come from. Its daemons run in the namespace `server`."""
 
-    def __init__(self, options, unpacked):
-        self.options, self.unpacked = options, unpacked
+    def __init__(self, options):
+        self.options = options
         self.home = SERVER_ROOT.parent
         self.addresses = network.file_server_addresses(options)
         self.account = None
@@ -56,10 +56,10 @@ class FileServer:
         for version, address in self.addresses.items():
             if self.options["tftp_server"] == "atftpd":
                 # On its own it listens on IPv4 only; handed a socket it serves either.
-                command = [sys.executable, "-B", HERE / "on_socket.py", address, "69", USER, self.unpacked / "root-atftpd/usr/sbin/atftpd",
+                command = [sys.executable, "-B", SCRIPTS / "on_socket.py", address, "69", USER, UNPACKED / "root-atftpd/usr/sbin/atftpd",
                            "--tftpd-timeout", "86400", "--logfile", "-", "--verbose=6", SERVER_ROOT]
             else:
-                command = [self.unpacked / "root-tftpd-hpa/usr/sbin/in.tftpd", "--foreground", "--verbose", "--user", USER, "--create",
+                command = [UNPACKED / "root-tftpd-hpa/usr/sbin/in.tftpd", "--foreground", "--verbose", "--user", USER, "--create",
                            f"--ipv{version}", "--address", f"{in_url(address)}:69", "--secure", SERVER_ROOT]
             daemons.append(Daemon(f"tftp-ipv{version}", network.on_server(*command), self._serves_file(f"tftp://{in_url(address)}/")))
         return daemons
@@ -81,7 +81,7 @@ class FileServer:
             file = self.home / f"vsftpd-ipv{version}.conf"
             file.write_text("".join(f"{name}={value}\n" for name, value in settings.items()))
             probe = self._serves_file(f"ftp://{in_url(address)}/", "--user", f"{USER}:{self.account.password}")
-            daemons.append(Daemon(f"ftp-ipv{version}", network.on_server(self.unpacked / "root-vsftpd/usr/sbin/vsftpd", file), probe))
+            daemons.append(Daemon(f"ftp-ipv{version}", network.on_server(UNPACKED / "root-vsftpd/usr/sbin/vsftpd", file), probe))
         return daemons
 
     def _ssh(self):
@@ -92,10 +92,10 @@ class FileServer:
         self.new_host_key()
         settings = [*(f"ListenAddress {in_url(address)}:22" for _, address in self.addresses.items()), f"HostKey {self._host_key()}", "PidFile none", "UsePAM no",
                     "PasswordAuthentication yes", "PubkeyAuthentication no", "KbdInteractiveAuthentication no", "UseDNS no", "PrintMotd no",
-                    f"Subsystem sftp {self.unpacked / 'root-openssh-sftp-server/usr/lib/openssh/sftp-server'}"]
+                    f"Subsystem sftp {UNPACKED / 'root-openssh-sftp-server/usr/lib/openssh/sftp-server'}"]
         file = self.home / "sshd_config"
         file.write_text("\n".join(settings) + "\n")
-        command = [self.unpacked / "root-openssh-server/usr/sbin/sshd", "-D", "-e", "-f", file]
+        command = [UNPACKED / "root-openssh-server/usr/sbin/sshd", "-D", "-e", "-f", file]
         works = [self._serves_file(f"sftp://{in_url(address)}/~/", "--insecure", "--user", f"{USER}:{self.account.password}")
                  for _, address in self.addresses.items()]
         return [Daemon("ssh", network.on_server(*command), lambda: all(probe() for probe in works))]

@@ -53,8 +53,9 @@ def _assemble(source, target):
             _show(entry, place)
 
 
-def enter(visible):
-    """Goes there. The folders `visible` are seen even where they lie in a private folder."""
+def enter(visible, shown):
+    """Goes there. The folders `visible` are seen even where they lie in a private folder. `shown` tells which
+    folders are seen under a second name as well, where every user may reach them."""
     # Made on top of /proc: it is a mount point on every machine and in every chroot, and once it is private nothing mounted there is seen
     # outside. A root that is only a folder of a shared mount, as in a chroot, offers no other such place.
     top = Path("/proc")
@@ -83,6 +84,10 @@ def enter(visible):
         if any(str(path).startswith(f"{private}/") for private in PRIVATE) and not place.exists():
             place.mkdir(parents=True)
             _bind(path, place)
+    for place, folder in shown.items():
+        place = top / place.relative_to("/")
+        place.mkdir()
+        _bind(folder, place)
     mount("proc", top / "proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC)
     os.chroot(top)
     os.chdir("/")

@@ -12,7 +12,7 @@ from pathlib import Path
 
 import network
 import private_root
-from daemons import LAB, LOG, SERVER_ROOT, TRAPS, USER, Daemon, Failure, Receiver, folder, poll, system_log
+from daemons import BUILD, LAB, LOG, SCRIPTS, SERVER_ROOT, TRAPS, UNPACKED, USER, Daemon, Failure, Receiver, folder, poll, system_log
 from file_server import FileServer
 from switch import AUTHENTICATION, OPERATOR, PRIVACY, Switch, environment
 
@@ -40,22 +40,22 @@ SERVER_COMMANDS = {"stop-server": Daemon.stop, "kill-server": Daemon.kill_family
 class Lab:
     def __init__(self, orders):
         self.orders = orders
-        self.unpacked = Path(orders["repository"]) / "build" / "lab"
-        self.build = Path(orders["build_dir"])
         self.switches = [Switch(orders, number) for number in range(1, orders["switches"] + 1)]
-        self.server = FileServer(orders, self.unpacked)
+        self.server = FileServer(orders)
         self.daemons = []
 
     # Setting up
 
     def set_up(self):
-        private_root.enter([Path(self.orders["repository"]), self.build, Path(self.orders["directory"])])
+        repository, build, directory = (Path(self.orders[name]) for name in ("repository", "build_dir", "directory"))
+        private_root.enter([repository, build, directory],
+                           {UNPACKED: repository / "build" / "lab", BUILD: build, SCRIPTS: repository / "scripts" / "lab"})
         os.umask(0o022)
         socket.sethostname("lab-switch")
         for path in (LOG, LAB / "bin", LAB / "manager", Path("/ulmo/bin")):
             folder(path)
-        (LAB / "bin" / "lab-ctl").symlink_to(Path(self.orders["repository"]) / "scripts" / "lab" / "lab-ctl")
-        for program in (self.build / "bin").glob("*"):
+        (LAB / "bin" / "lab-ctl").symlink_to(SCRIPTS / "lab-ctl")
+        for program in (BUILD / "bin").glob("*"):
             (Path("/ulmo/bin") / program.name).symlink_to(program)
         self._describe_manager()
         self._start(system_log())
@@ -67,7 +67,7 @@ class Lab:
         self._start_receiver()
         self._start(*self.server.daemons())
         for switch in self.switches:
-            switch.prepare(self.unpacked)
+            switch.prepare()
             if not self.orders["no_module"]:
                 switch.seed()
         self._start(*(switch.system_manager for switch in self.switches))
@@ -88,7 +88,7 @@ class Lab:
         if relayed:
             # The device's number is fixed (Documentation/admin-guide/devices.txt); a chroot may have no /dev/net.
             os.mknod(network.TUN, 0o600 | 0o020000, os.makedev(10, 200))
-            command = network.relay_command(self.build / "bin" / "link_relay", self.orders, RELAYED)
+            command = network.relay_command(BUILD / "bin" / "link_relay", self.orders, RELAYED)
             ends = (network.DEVICE, network.port_name(RELAYED))
             self._start(Daemon("link_relay", command, lambda: all(Path(f"/sys/class/net/{name}").exists() for name in ends)))
         for switch in self.switches:
@@ -98,7 +98,7 @@ class Lab:
                 raise Failure(f"the link between switch {switch.number} and server does not come up")
 
     def _start_receiver(self):
-        daemons, pipe = Receiver(self.unpacked).daemons()
+        daemons, pipe = Receiver().daemons()
         self._start(*daemons)
         for descriptor in pipe:
             os.close(descriptor)

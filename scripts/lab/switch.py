@@ -6,7 +6,7 @@ import subprocess
 from pathlib import Path
 
 import network
-from daemons import COMMUNITY, LAB, Daemon, Failure, folder, output_of, private_folder_of_size, succeeds
+from daemons import BUILD, COMMUNITY, LAB, UNPACKED, Daemon, Failure, folder, output_of, private_folder_of_size, succeeds
 
 OPERATOR = "operator"  # the manager's SNMPv3 user
 AUTHENTICATION, PRIVACY = "lab-authentication", "lab-privacy-key"
@@ -38,10 +38,9 @@ class Switch:
         self.state = self.disk / "state"
         self.work = self.disk / "work"
         self.clock = self.home / "clock"
-        self.build = Path(options["build_dir"])
         self.agent = self.system_manager = None
 
-    def prepare(self, unpacked):
+    def prepare(self):
         private_folder_of_size(self.disk, dict(self.options["small_disks"]).get(self.number))
         folder(self.state, 0o700)
         folder(self.work)
@@ -50,7 +49,7 @@ class Switch:
         self._write_settings()
         self._write_agent_settings()
         self.set_clock(self.options["faketime"] or "+0")
-        self.agent = self._agent(unpacked)
+        self.agent = self._agent()
         self.system_manager = Daemon(f"wardend{self.number}", network.on_switch(self.number, "/ulmo/bin/wardend"), self._system_manager_listens,
                                      environment=environment(self.number), ends_with=(0,))
 
@@ -118,15 +117,17 @@ class Switch:
             f"extend -cacheTime 1 greeting {greeting}",
         ]
         if not self.options["no_module"]:
-            lines.append(f"dlmod config_copy_mib {self.build / 'lib' / 'config_copy_mib.so'}")
+            lines.append(f"dlmod config_copy_mib {BUILD / 'lib' / 'config_copy_mib.so'}")
         (self.home / "agent" / "snmpd.conf").write_text("\n".join(lines) + "\n")
 
-    def _agent(self, unpacked):
+    def _agent(self):
         settings = {"SNMPCONFPATH": str(self.home / "agent"), "SNMP_PERSISTENT_DIR": str(self.home / "agent-persistent"), **environment(self.number)}
         if self.options["faketime"]:
-            library = next(Path("/usr/lib").glob("*/faketime/libfaketime.so.1"))
+            library = next(Path("/usr/lib").glob("*/faketime/libfaketime.so.1"), None)
+            if library is None:
+                raise Failure("--faketime needs the package faketime: scripts/install-packages.sh installs it")
             settings |= {"LD_PRELOAD": str(library), "FAKETIME_TIMESTAMP_FILE": str(self.clock), "FAKETIME_NO_CACHE": "1"}
-        command = network.on_switch(self.number, unpacked / "root-snmpd/usr/sbin/snmpd", "-f", "-Le", "-I", "-smux,mteTrigger,mteTriggerConf")
+        command = network.on_switch(self.number, UNPACKED / "root-snmpd/usr/sbin/snmpd", "-f", "-Le", "-I", "-smux,mteTrigger,mteTriggerConf")
         return Daemon(f"snmpd{self.number}", command, self._agent_answers, cwd=self.work, environment=settings)
 
     def _agent_answers(self):

@@ -2,6 +2,7 @@
 
 import os
 import re
+import shlex
 import shutil
 import subprocess
 import time
@@ -9,7 +10,9 @@ from pathlib import Path
 
 import pytest
 
-LAB = Path(__file__).resolve().parents[2] / "scripts" / "lab.sh"
+REPOSITORY = Path(__file__).resolve().parents[2]
+LAB = REPOSITORY / "scripts" / "lab.sh"
+OWN_MOUNTS = REPOSITORY / "tests" / "own-mounts.sh"
 GET = "snmpget -Oqv $LAB_AGENT .1.3.6.1.2.1.1.5.0"
 NAME = '"lab-switch1"\n'
 
@@ -74,9 +77,9 @@ def test_nothing_is_left_on_the_machine():
 
 def test_nothing_is_mounted_on_a_machine_that_shares_its_mounts():
     """As under systemd, where what is mounted in one namespace appears in others."""
-    lab_words = " ".join(str(word) for word in command("true"))
+    lab_words = shlex.join(str(word) for word in command("true"))
     script = f"mount --make-rshared / && cat /proc/self/mountinfo && echo === && {lab_words} && cat /proc/self/mountinfo"
-    done = subprocess.run(["unshare", "--mount", "sh", "-c", script], check=True, stdout=subprocess.PIPE, text=True)
+    done = subprocess.run([OWN_MOUNTS, "sh", "-c", script], check=True, stdout=subprocess.PIPE, text=True)
     before, after = done.stdout.split("===\n")
     assert before == after and " shared:" in before
 
@@ -238,7 +241,7 @@ while True:
 
 @pytest.mark.parametrize("at_end, status", [("lambda *_: sys.exit(3)", 3), ("signal.SIG_DFL", -15)])
 def test_system_manager_must_end_cleanly(tmp_path, at_end, status):
-    release = LAB.parent.parent / "build" / "release"
+    release = REPOSITORY / "build" / "release"
     (tmp_path / "lib").symlink_to(release / "lib")
     shutil.copytree(release / "bin", tmp_path / "bin", ignore=shutil.ignore_patterns("wardend"), copy_function=os.symlink)
     program = tmp_path / "bin" / "wardend"
@@ -272,6 +275,44 @@ def test_rate_of_the_link():
     assert done.returncode == 0, done
     seconds = float(next(line for line in done.stderr.splitlines() if line.startswith("real")).split()[1])
     assert 0.8 <= seconds < 3
+
+
+@pytest.fixture
+def checkout_elsewhere():
+    """The repository and its build in a folder that only its owner may enter, with a blank and a letter beyond ASCII in
+    its path. Beside the repository's own build, as the lab shows /tmp only in parts."""
+    folder = REPOSITORY / "build" / "the lab's café"
+    shutil.rmtree(folder, ignore_errors=True)
+    folder.mkdir(mode=0o700)
+    clone = folder / "my clone"
+    shutil.copytree(REPOSITORY, clone, symlinks=True, ignore=lambda place, _: {"build", ".git"} if Path(place) == REPOSITORY else ())
+    (clone / "build").mkdir()
+    for built in ("lab", "release"):
+        subprocess.run(["cp", "-al", REPOSITORY / "build" / built, clone / "build"], check=True)
+    yield clone
+    shutil.rmtree(folder)
+
+
+EVERY_PROTOCOL = """
+umask 077
+echo "$LAB_PASSWORD" >/tmp/password
+for server in tftp://$LAB_SERVER4 "tftp://[$LAB_SERVER6]" ftp://$LAB_USER@$LAB_SERVER4 sftp://$LAB_USER@$LAB_SERVER4 scp://$LAB_USER@$LAB_SERVER4; do
+    config-copy --password-file /tmp/password $LAB_AGENT running "$server/copy.cfg" &&
+        cmdshell -c 'show running-config' | cmp - $LAB_SERVER_ROOT/copy.cfg && rm $LAB_SERVER_ROOT/copy.cfg && echo equal
+done
+"""
+
+
+def test_checkout_that_only_its_owner_may_enter(checkout_elsewhere):
+    words = [checkout_elsewhere / "scripts" / "lab.sh", "exec", "--no-build", "--", "sh", "-c", EVERY_PROTOCOL]
+    done = subprocess.run(words, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, timeout=120)
+    assert done.returncode == 0 and done.stdout.splitlines().count("equal") == 5, done.stdout
+
+
+def test_build_in_such_a_place(checkout_elsewhere):
+    for words in (["cmake", "--preset", "dev"], ["cmake", "--build", "--preset", "dev", "--target", "vrf-exec", "count_sync"]):
+        done = subprocess.run(words, cwd=checkout_elsewhere, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+        assert done.returncode == 0, done.stdout
 
 
 def test_help_lists_the_options():

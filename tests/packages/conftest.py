@@ -40,12 +40,14 @@ def wait_until(holds, within=20):
 class Switch:
     """A Debian that runs its own systemd, in namespaces that end with the object, and a TFTP server in another network beside it."""
 
-    # Of the machine's devices it sees copies, of its control groups a hierarchy without controllers.
+    # Its root goes on top of /proc, see own-mounts.sh. Of the machine's devices it sees copies, of its control groups a
+    # hierarchy without controllers.
     boot = """
-        mount --make-rprivate / && mount --bind {0} {0} && mount -t proc proc {0}/proc && mount -t sysfs -o ro sysfs {0}/sys &&
-        mount -t tmpfs cgroup {0}/sys/fs/cgroup && mount -t cgroup2 cgroup {0}/sys/fs/cgroup && mount -t tmpfs -o mode=755 run {0}/run &&
-        mount -t devpts -o newinstance,ptmxmode=666 devpts {0}/dev/pts && echo ready &&
-        exec env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin container=chroot chroot {0} /lib/systemd/systemd --show-status=no"""
+        mount --make-private /proc && mount --bind "$1" /proc && mount --make-private /proc && cd /proc &&
+        mount -t proc proc proc && mount -t sysfs -o ro sysfs sys &&
+        mount -t tmpfs cgroup sys/fs/cgroup && mount -t cgroup2 cgroup sys/fs/cgroup && mount -t tmpfs -o mode=755 run run &&
+        mount -t devpts -o newinstance,ptmxmode=666 devpts dev/pts && echo ready &&
+        exec env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin container=chroot chroot . /lib/systemd/systemd --show-status=no"""
 
     def __init__(self, root):
         self.root = root
@@ -63,8 +65,8 @@ class Switch:
 
     def start(self):
         with (PLACE / "boot.log").open("w") as log:
-            self.holder = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", "unshare", "--mount", "--net", "--pid", "--ipc", "--uts", "--cgroup", "--fork", "--kill-child",
-                                            "sh", "-c", self.boot.format(self.root)], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=log, text=True)
+            self.holder = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", "unshare", "--mount", "--propagation", "unchanged", "--net", "--pid", "--ipc", "--uts", "--cgroup", "--fork", "--kill-child",
+                                            "sh", "-c", self.boot, "boot", self.root], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=log, text=True)
         assert self.holder.stdout.readline() == "ready\n", (PLACE / "boot.log").read_text()
         (self.init,) = Path(f"/proc/{self.holder.pid}/task/{self.holder.pid}/children").read_text().split()
         network = ["nsenter", "-n", "-t", self.init]
@@ -127,7 +129,10 @@ def switch(packages):
     root = PLACE / "root"
     shutil.rmtree(root, ignore_errors=True)
     present = ",".join({*PRESENT, *(need for package in packages.values() for need in needs_of(package))})
-    run("debootstrap", "--variant=minbase", f"--include={present}", "bookworm", str(root), env={**os.environ, "DEBIAN_FRONTEND": "noninteractive"})
+    root.mkdir()
+    # debootstrap takes no path with blanks, so it sees the folder under another name.
+    run(REPOSITORY / "tests/own-mounts.sh", "sh", "-c", 'mount --bind "$1" /mnt && exec debootstrap --variant=minbase "--include=$2" bookworm /mnt',
+        "make", root, present, env={**os.environ, "DEBIAN_FRONTEND": "noninteractive"})
     made = Switch(root)
     yield made
     made.end()

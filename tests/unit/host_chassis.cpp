@@ -1,13 +1,13 @@
 #include "platform/chassis.h"
 #include "platform/host/vrf.h"
 #include "tests/unit/host_child.h"
+#include "tests/unit/own_mounts.h"
 #include "tests/unit/scratch.h"
 #include "tests/unit/superuser.h"
 
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -160,7 +160,7 @@ TEST_F(VrfNamespace, NamedManagementTakesPrecedence) {
     // In a mount namespace of its own, so that nobody else ever sees a namespace of that name.
     const ino_t expected = blue.inode();
     const int result = in_child([&] {
-        if (::unshare(CLONE_NEWNS) != 0 || ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+        if (!get_own_mounts()) {
             return 2;
         }
         const std::string kept = scratch.root() / "net";

@@ -4,12 +4,11 @@
 #include "platform/host/state_file.h"
 #include "tests/unit/host_child.h"
 #include "tests/unit/host_device_fixture.h"
+#include "tests/unit/own_mounts.h"
 #include "tests/unit/superuser.h"
 
 #include <sys/mount.h>
 #include <sys/wait.h>
-
-#include <sched.h>
 
 #include <algorithm>
 #include <atomic>
@@ -461,8 +460,7 @@ TEST_F(DeviceBackend, AFullDiskChangesNothing) {
     REQUIRE_SUPERUSER("mounts a small disk");
     // In a mount namespace of its own, so that the disk goes with the process.
     EXPECT_EQ(host_test::in_child([this] {
-                  if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-                      ::mount("small", state().c_str(), "tmpfs", 0, "size=64k,mode=0700") != 0) {
+                  if (!get_own_mounts() || ::mount("small", state().c_str(), "tmpfs", 0, "size=64k,mode=0700") != 0) {
                       return 1;
                   }
                   device()->apply("hostname one\n");

@@ -1,5 +1,6 @@
 // Transfers that fail: the results, what the server is told, and that nothing is left behind.
 #include "tests/unit/host_tftp_fixture.h"
+#include "tests/unit/own_mounts.h"
 #include "tests/unit/superuser.h"
 
 #include "platform/tftp_client.h"
@@ -257,11 +258,7 @@ TEST_F(TftpTest, FullDiskIsToldToTheServer) {
     });
     connect(server);
     std::thread([&] { // the mount is seen by this thread alone, and goes with it
-        mounted = ::unshare(CLONE_NEWNS);
-        if (mounted == 0) {
-            mounted = ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
-        }
-        if (mounted == 0) {
+        if (get_own_mounts()) {
             mounted = ::mount("tmpfs", directory.c_str(), "tmpfs", 0, "size=64k");
         }
         if (mounted == 0) {

@@ -3,11 +3,10 @@
 #include "platform/host/warden/action_process.h"
 #include "platform/host/warden/agent_line.h"
 #include "tests/unit/host_warden_fixture.h"
+#include "tests/unit/own_mounts.h"
 #include "tests/unit/superuser.h"
 
 #include <sys/mount.h>
-
-#include <sched.h>
 
 #include <array>
 #include <set>
@@ -222,8 +221,7 @@ TEST_F(LastSave, AFullDiskIsNamed) {
     const pid_t process = ::fork();
     if (process == 0) {
         // In a mount namespace of its own, so that the disk goes with the process.
-        if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-            ::mount("small", state().c_str(), "tmpfs", 0, "size=64k,mode=0700") != 0) {
+        if (!get_own_mounts() || ::mount("small", state().c_str(), "tmpfs", 0, "size=64k,mode=0700") != 0) {
             ::_exit(1);
         }
         std::string large = "hostname large\n";
