@@ -7,7 +7,6 @@ set -euo pipefail
 
 if [[ -z ${LAB_AGENT:-} ]]; then # outside: make the lab, and come back inside
     scripts=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
-    bash "$scripts/install-packages.sh"
     exec bash "$scripts/lab.sh" exec --switches 3 -- bash "$scripts/demo.sh"
 fi
 

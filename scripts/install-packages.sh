@@ -1,45 +1,58 @@
 #!/bin/bash
-# Installs what packages.txt lists and this machine lacks, and unpacks the daemons of the lab. Does nothing, and needs no root, when all is there.
+# install-packages.sh [GROUP…]: installs what packages.txt lists in the groups lab, packaging and tests (default: all)
+# and this machine lacks, and unpacks the daemons of the lab. Does nothing, and needs no root, when all is there.
 set -euo pipefail
+umask 022 # the daemons of the lab, which are unpacked here, run as users of their own
 
 scripts=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 lab=$(dirname "$scripts")/build/lab
 
-listed() { awk -v kind="$1" '$1 == kind { for (i = 2; i <= NF; i++) print $i }' "$scripts/packages.txt"; }
+groups=("$@")
+((${#groups[@]})) || groups=(lab packaging tests)
 
+# The packages of the groups.
+listed() {
+    local group
+    for group in "$@"; do
+        awk -v group="$group" '$1 == group { for (i = 2; i <= NF; i++) print $i }' "$scripts/packages.txt"
+    done
+}
+
+# as_root TEXT COMMAND…: runs the command as root and tells under that name how far it is.
 as_root() {
-    if [[ $EUID -eq 0 ]]; then
-        "$@"
-    elif command -v sudo >/dev/null; then
-        sudo "$@"
-    else
-        echo "install-packages: '$*' needs root, and there is no sudo" >&2
-        return 1
+    local text=$1 sudo=()
+    shift
+    if [[ $EUID -ne 0 ]]; then
+        command -v sudo >/dev/null || { echo "install-packages: '$*' needs root, and there is no sudo" >&2; return 1; }
+        sudo=(sudo)
+        sudo true # asks for the password now, while it can be seen
     fi
+    "$scripts/progress.sh" "$text" "${sudo[@]}" "$@"
 }
 
 updated=
 update_lists() {
     if [[ -z $updated ]]; then
-        as_root apt-get update -q
+        as_root "package lists" apt-get update -q
         updated=yes
     fi
 }
 
 present=$(dpkg-query -W -f '${db:Status-Status} ${Package}\n' 2>/dev/null | sed -n 's/^installed //p')
 missing=()
-for package in $(listed install); do
+for package in $(listed "${groups[@]}"); do
     grep -qxF "$package" <<<"$present" || missing+=("$package")
 done
 if [[ ${#missing[@]} -gt 0 ]]; then
-    echo "install-packages: installing ${missing[*]}"
+    echo "install-packages: this machine lacks ${missing[*]}" | fold -s -w 100
     update_lists
-    as_root env DEBIAN_FRONTEND=noninteractive apt-get install -q -y --no-install-recommends "${missing[@]}"
+    as_root "packages" env DEBIAN_FRONTEND=noninteractive \
+        apt-get install -q -y --no-install-recommends -o APT::Status-Fd=1 -o Dpkg::Use-Pty=0 "${missing[@]}"
 fi
 
 # A list that is older than the archive names files that are gone from it: then it is fetched anew, once.
 download() {
-    apt-get download -q -o APT::Sandbox::User=root "$1" || { update_lists && apt-get download -q -o APT::Sandbox::User=root "$1"; }
+    apt-get download -qq -o APT::Sandbox::User=root "$1" || { update_lists && apt-get download -qq -o APT::Sandbox::User=root "$1"; }
 }
 
 mkdir -p "$lab"

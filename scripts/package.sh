@@ -3,7 +3,7 @@
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
-bash scripts/install-packages.sh
+bash scripts/install-packages.sh lab packaging
 rm -rf build/packages
 mkdir -p build/packages
 dh_clean

@@ -130,19 +130,18 @@ def parse(arguments):
 
 
 def build(directory):
-    """Brings the build up to date. What the tools print is shown when they fail, and only then."""
+    """Brings up to date what the lab needs of the build."""
     steps = []
     if not (directory / "CMakeCache.txt").exists():
         if directory.parent != REPOSITORY / "build":
             fail(f"{directory} is no build: configure it first")
-        steps.append(["cmake", "--preset", directory.name])
-    steps.append(["cmake", "--build", str(directory)])
-    print(f"lab: building in {directory}", file=sys.stderr)
-    for step in steps:
-        done = subprocess.run(step, cwd=REPOSITORY, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+        steps.append(("configuring", ["cmake", "--preset", directory.name]))
+    steps.append((f"building in {directory}", ["cmake", "--build", str(directory), "--target", "lab"]))
+    for text, command in steps:
+        # Programs of the switch may run as any user.
+        done = subprocess.run([HERE.parent / "progress.sh", text, *command], cwd=REPOSITORY, stdout=sys.stderr, umask=0o022)
         if done.returncode != 0:
-            print(done.stdout, file=sys.stderr)
-            fail(f"`{' '.join(step)}` failed")
+            sys.exit(LAB_FAILED)
 
 
 def become_root(options):
