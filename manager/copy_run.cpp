@@ -96,12 +96,11 @@ class Run {
                 make_row();
                 outcome.index = rows_.back();
                 check_that_we_may_read_it();
-                outcome.start_time = time_text(std::time(nullptr));
                 reason = activate() ? "" : reason_of_refusal();
                 if (reason.empty()) {
+                    outcome.start_time = time_text(std::time(nullptr));
                     return;
                 }
-                outcome.start_time.clear();
                 // A row that waits would be taken for the next save that begins on the switch, whoever asks for it.
                 take_rows_away();
             }

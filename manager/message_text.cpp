@@ -26,27 +26,28 @@ constexpr std::array<Named, 13> copy_columns{{{column_protocol, "ccCopyProtocol"
                                               {column_address_type, "ccCopyServerAddressType"},
                                               {column_address, "ccCopyServerAddressRev1"}}};
 
+bool is_below(const netsnmp_variable_list &variable, const Oid &prefix) {
+    return variable.name_length >= prefix.size() && std::equal(prefix.begin(), prefix.end(), variable.name);
+}
+
 // An object of the copy table by its name, all else by its numbers.
 std::string name_of(const netsnmp_variable_list &variable) {
-    const Oid name(variable.name, variable.name + variable.name_length);
     std::string text;
-    std::size_t rest = 0;
-    for (const auto &[column, column_name] : copy_columns) {
-        if (const Oid prefix = copy_column(column);
-            name.size() >= prefix.size() && std::equal(prefix.begin(), prefix.end(), name.begin())) {
-            text = column_name;
-            rest = prefix.size();
+    std::size_t at = 0;
+    for (const auto &[column, name] : copy_columns) {
+        if (const Oid prefix = copy_column(column); is_below(variable, prefix)) {
+            text = name;
+            at = prefix.size();
         }
     }
-    for (; rest < name.size(); ++rest) {
-        text += '.' + std::to_string(name[rest]);
+    for (; at < variable.name_length; ++at) {
+        text += '.' + std::to_string(variable.name[at]);
     }
     return text;
 }
 
 std::string value_of(const netsnmp_variable_list &variable) {
-    const Oid secret = copy_column(column_password);
-    if (variable.name_length >= secret.size() && std::equal(secret.begin(), secret.end(), variable.name)) {
+    if (is_below(variable, copy_column(column_password))) {
         return "(not shown)";
     }
     switch (variable.type) {
@@ -85,7 +86,7 @@ std::string bindings(const netsnmp_pdu &pdu, bool has_values) {
     for (const netsnmp_variable_list *variable = pdu.variables; variable != nullptr; variable = variable->next_variable) {
         text += (text.empty() ? "" : ", ") + name_of(*variable) + (has_values ? " = " + value_of(*variable) : "");
     }
-    return text.empty() ? "nothing" : text;
+    return text.empty() ? "no object" : text;
 }
 
 } // namespace

@@ -14,7 +14,7 @@ namespace config_copy {
 // Such as "SET ccCopyEntryRowStatus.7 = 6".
 std::string words_of_request(const netsnmp_pdu &pdu);
 
-// Such as "ccCopyState.7 = 2" or "genErr, about the first binding".
+// Such as "answer: ccCopyState.7 = 2" or "refused: genErr …, binding 1".
 std::string words_of_answer(const netsnmp_pdu &pdu);
 
 } // namespace config_copy

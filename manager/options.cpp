@@ -203,24 +203,31 @@ const char *const usage_text =
        config-copy [OPTIONS] errors AGENT [INDEX]
        config-copy [OPTIONS] abort AGENT INDEX
 
-Copies the configuration of a switch over SNMP. FROM and TO are running, startup, fabric-startup (TO only),
-all-startup (TO only), or one of
-  tftp://HOST/PATH  ftp://USER@HOST/PATH  sftp://USER@HOST/PATH  scp://USER@HOST/PATH
+Copies the configuration of a switch over SNMP. FROM and TO are running,
+startup, fabric-startup (TO only), all-startup (TO only), or one of
+  tftp://HOST/PATH       ftp://USER@HOST/PATH
+  sftp://USER@HOST/PATH  scp://USER@HOST/PATH
 with percent-encoding; {host} and {date} in PATH are filled in.
 
-options: those of snmpcmd(1), such as -v 3 -l authPriv -u USER -A PASSPHRASE -X PASSPHRASE, whose defaults come from snmp.conf, and
-  --hosts FILE           copy on each agent that FILE lists, one a line; standard input for -
+options: those of snmpcmd(1), such as
+  -v 3 -u USER -l authPriv -a SHA-256 -A PASSPHRASE -x AES -X PASSPHRASE,
+whose defaults come from snmp.conf, and
+  --hosts FILE           copy on each agent that FILE lists, one a line;
+                         standard input for -
   --jobs N               on so many agents at a time (default: 50)
-  --password-file FILE   the file server's password is the first line of FILE, of standard input for -; otherwise it is asked for
+  --password-file FILE   the file server's password is the first line of FILE,
+                         of standard input for -; otherwise it is asked for
   --wait-turn SECONDS    wait so long for another copy on the switch to end
   --time-limit SECONDS   give a copy up after so long (default: 600)
-  --dry-run              ask the agent and tell what would be done, but change nothing
+  --dry-run              ask the agent and tell what would be done; set nothing
   -q, --quiet            print nothing but what went wrong
   --verbose              tell each SNMP message on standard error
-  --json                 print one JSON object a line
-  -h, --help, --version
+  --json                 print JSON, one object a line
+  -h, --help             print this
+  --version              print the version
 
-exit status: 0 done, 1 the copy failed, 2 bad usage, 3 refused by the agent, 4 agent not reachable, 5 another copy is in progress
+exit status: 0 done, 1 the copy failed, 2 bad usage, 3 refused by the agent,
+  4 agent not reachable or name not found, 5 another copy is in progress
 )";
 
 Words split_words(int count, char **words, Options &options) {

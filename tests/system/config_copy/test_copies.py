@@ -163,7 +163,7 @@ def test_each_message_is_told_on_request():
     assert f"config-copy: {AGENT}:   answer: ccCopyState.{index} = 3" in lines, done
     assert os.environ["LAB_PASSWORD"] not in done.err
     done = config_copy("--verbose", *QUICK, "127.0.0.1:9", "running", "startup")
-    assert done.status == UNREACHABLE and "config-copy: 127.0.0.1:9: GET nothing\nconfig-copy: 127.0.0.1:9:   no" in done.err, done
+    assert done.status == UNREACHABLE and "config-copy: 127.0.0.1:9: GET no object\nconfig-copy: 127.0.0.1:9:   no" in done.err, done
 
 
 @pytest.mark.parametrize("words", [("--help",), ("list", AGENT), ("--json", AGENT, "running", "startup")], ids=["help", "list", "json"])
@@ -192,6 +192,7 @@ def test_live_line_on_a_terminal():
 def test_help_and_version():
     done = config_copy("--help")
     assert done.status == DONE and done.out.startswith("usage: config-copy ") and "5 another copy is in progress" in done.out
+    assert max(map(len, done.out.splitlines())) <= 80
     assert re.fullmatch(r"config-copy \d+\.\d+\.\d+\n", config_copy("--version").out)
     assert config_copy("-V").status == DONE
     assert config_copy("-h").out == done.out
