@@ -6,6 +6,7 @@
 #include "platform/host/agent_extension_workers.h"
 #include "platform/host/host_log.h"
 #include "platform/host/msgbus_server.h"
+#include "platform/host/settings.h"
 #include "platform/system_manager.h"
 
 #include <net-snmp/agent/net-snmp-agent-includes.h>
@@ -255,7 +256,8 @@ void Agent::on_failed_fork(unsigned int, void *self) {
 }
 
 pid_t Agent::fork_worker() {
-    guarded([this] { start(); }); // the access point may have been another agent's when this one was loaded
+    guarded([this] { start(); });         // the access point may have been another agent's when this one was loaded
+    guarded([] { settings_problems(); }); // so that this process tells them, and not each worker anew
     const std::vector<int> own = descriptors();
     auto copy = copy_watch().begin();
     const pid_t worker = ::fork();

@@ -1,8 +1,8 @@
 // What a module registers with the agent. SNMP contexts (RFC 3411, 3.3.1) that name VRFs: what a module registers with the agent is to be
 // had in each of them too.
 #include "platform/host/agent_extension_copies.h"
-#include "platform/host/host_config.h"
 #include "platform/host/host_log.h"
+#include "platform/host/settings.h"
 
 #include <net-snmp/net-snmp-config.h>
 
@@ -26,12 +26,9 @@ std::vector<std::string> &contexts() {
 }
 
 void read_contexts() {
-    constexpr std::size_t longest = 32; // vacmContextName (RFC 3415)
     contexts().clear();
-    for (const std::string &name : settings("vrf_context")) {
-        if (name.empty() || name.size() > longest) {
-            log_error("setting vrf_context: '%s' is no context name: 1 to 32 octets", name.c_str());
-        } else if (std::find(contexts().begin(), contexts().end(), name) == contexts().end()) {
+    for (const std::string &name : list_setting("vrf_context")) {
+        if (std::find(contexts().begin(), contexts().end(), name) == contexts().end()) {
             contexts().push_back(name);
         }
     }

@@ -3,6 +3,7 @@
 #include "platform/agent_extension.h"
 #include "platform/host/host_config.h"
 #include "platform/host/host_log.h"
+#include "platform/host/settings.h"
 #include "platform/host/state_file.h"
 #include "platform/host/unique_fd.h"
 
@@ -146,7 +147,7 @@ void remember_watchdog() {
 }
 
 void open_debug_file() {
-    const std::string path = setting("agent_debug_file", "");
+    const std::string path = text_setting("agent_debug_file");
     if (path.empty() || ld_dbg_fp != nullptr) {
         return;
     }

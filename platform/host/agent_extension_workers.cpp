@@ -4,6 +4,7 @@
 #include "platform/host/host_config.h"
 #include "platform/host/host_log.h"
 #include "platform/host/ownership.h"
+#include "platform/host/settings.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -133,6 +134,15 @@ std::filesystem::path worker_directory(pid_t worker) {
 
 void become_worker(const std::vector<int> &foreign) noexcept {
     reset_signals();
+    try {
+        // Before anything is sent: other rules might hold for it than those that could be read, and the module can't refuse by them.
+        require_settings();
+        static_cast<void>(number_setting("chassis_type"));
+    } catch (const std::exception &failure) {
+        log_error("worker: the copy is refused: %s", failure.what());
+        report_reason(failure.what());
+        ::_exit(EXIT_FAILURE);
+    }
     try {
         let_go_of(foreign);
         enter_private_directory();

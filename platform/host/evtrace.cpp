@@ -3,16 +3,15 @@
 #include "platform/host/history.h"
 #include "platform/host/history_ring.h"
 #include "platform/host/host_config.h"
+#include "platform/host/settings.h"
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <charconv>
 #include <cstdarg>
 #include <cstdio>
 #include <ctime>
 #include <exception>
-#include <string>
+#include <string_view>
 
 namespace ulmo {
 namespace {
@@ -23,9 +22,8 @@ bool wants(Wanted wanted, std::uint32_t subtype) {
     return wanted == Wanted::all || (wanted == Wanted::errors && subtype == EVTRACE_ERROR);
 }
 
-Wanted wanted_by(const char *key, Wanted fallback) {
-    const std::string value = setting(key, "");
-    return value == "off" ? Wanted::none : value == "errors" ? Wanted::errors : value == "all" ? Wanted::all : fallback;
+Wanted wanted_by(std::string_view word) {
+    return word == "all" ? Wanted::all : word == "errors" ? Wanted::errors : Wanted::none;
 }
 
 // The switches are asked at every log call, so that the settings file is looked at no more than once a second.
@@ -39,6 +37,9 @@ class Switches {
         refresh();
         return print_.load(std::memory_order_relaxed);
     }
+    std::size_t records() { // of when history() was asked last: to read settings may log, and the history is just being made
+        return records_.load(std::memory_order_relaxed);
+    }
 
   private:
     void refresh() {
@@ -49,13 +50,15 @@ class Switches {
             return;
         }
         next_ms_.store(now_ms + 1000, std::memory_order_relaxed);
-        history_.store(wanted_by("history", Wanted::all), std::memory_order_relaxed);
-        print_.store(wanted_by("debug_print", Wanted::none), std::memory_order_relaxed);
+        history_.store(wanted_by(text_setting("history")), std::memory_order_relaxed);
+        print_.store(wanted_by(text_setting("debug_print")), std::memory_order_relaxed);
+        records_.store(static_cast<std::size_t>(number_setting("history_records").value()), std::memory_order_relaxed);
     }
 
     std::atomic<std::int64_t> next_ms_ = 0;
-    std::atomic<Wanted> history_ = Wanted::all;
+    std::atomic<Wanted> history_ = Wanted::errors; // what is amiss with the settings is logged before they are known
     std::atomic<Wanted> print_ = Wanted::none;
+    std::atomic<std::size_t> records_ = HistoryRing::default_records;
 };
 
 Switches switches;
@@ -72,19 +75,8 @@ template <typename Call> auto quietly(Call call) noexcept {
     return result;
 }
 
-std::size_t configured_records() {
-    constexpr std::size_t fewest = 64;
-    const std::string text = setting("history_records", "");
-    std::size_t records = HistoryRing::default_records;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), records);
-    if (error != std::errc{} || end != text.data() + text.size()) {
-        return HistoryRing::default_records;
-    }
-    return std::clamp(records, fewest, HistoryRing::max_records);
-}
-
 HistoryRing make_ring() {
-    const std::size_t records = configured_records();
+    const std::size_t records = switches.records();
     try {
         return HistoryRing::open(history_file(), records);
     } catch (const std::exception &) {

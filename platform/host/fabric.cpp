@@ -1,8 +1,8 @@
 #include "platform/fabric.h"
 
 #include "platform/host/fabric_status.h"
-#include "platform/host/host_config.h"
 #include "platform/host/host_log.h"
+#include "platform/host/settings.h"
 #include "platform/host/wwn.h"
 
 #include <ifaddrs.h>
@@ -88,7 +88,7 @@ std::string any_interface() {
 }
 
 std::string management_interface() {
-    if (std::string named = setting("management_interface", ""); !named.empty()) {
+    if (std::string named = text_setting("management_interface"); !named.empty()) {
         return named;
     }
     const RouteFile ipv4{"/proc/self/net/route", 0, 3, 6, {1, 7}};
@@ -179,6 +179,9 @@ template <typename Call> int guarded(Call call) noexcept {
         return call();
     } catch (const std::system_error &error) {
         return error.code().value();
+    } catch (const SettingsError &error) {
+        log_error("fabric: %s", error.what());
+        return EINVAL;
     } catch (const std::exception &) {
         return ENOMEM;
     }
@@ -198,16 +201,12 @@ int ctlmsg_req_resp(uint32_t request, int /*second*/, const void * /*third*/, vo
         return ENOTSUP;
     }
     return ulmo::guarded([=] {
-        const auto wwn = ulmo::local_wwn();
-        if (!wwn) {
-            ulmo::log_error("the setting wwn is no world-wide name");
-            return EINVAL;
-        }
-        void *answer = std::malloc(wwn->size());
+        const ulmo::Wwn wwn = ulmo::local_wwn();
+        void *answer = std::malloc(wwn.size());
         if (answer == nullptr) {
             return ENOMEM;
         }
-        std::memcpy(answer, wwn->data(), wwn->size());
+        std::memcpy(answer, wwn.data(), wwn.size());
         *response = answer;
         *length = SWITCH_WWN_SIZE;
         return 0;

@@ -4,7 +4,7 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <fstream>
+#include <string>
 #include <system_error>
 
 namespace ulmo {
@@ -25,12 +25,6 @@ std::filesystem::path made_directory(const std::filesystem::path &directory, mod
     return directory;
 }
 
-std::string_view trimmed(std::string_view text) {
-    constexpr std::string_view blanks = " \t\r";
-    const auto first = text.find_first_not_of(blanks);
-    return first == std::string_view::npos ? std::string_view{} : text.substr(first, text.find_last_not_of(blanks) - first + 1);
-}
-
 } // namespace
 
 std::filesystem::path state_dir() {
@@ -47,27 +41,6 @@ std::filesystem::path run_path() {
 
 std::filesystem::path settings_file() {
     return from_environment("ULMO_CONF", "/etc/ulmo/platform.conf");
-}
-
-std::vector<std::string> settings(std::string_view key) {
-    std::vector<std::string> values;
-    std::ifstream file(settings_file());
-    for (std::string line; std::getline(file, line);) {
-        const std::string_view text = trimmed(line);
-        const auto equals = text.find('=');
-        if (text.empty() || text.front() == '#' || equals == std::string_view::npos) {
-            continue;
-        }
-        if (trimmed(text.substr(0, equals)) == key) {
-            values.emplace_back(trimmed(text.substr(equals + 1)));
-        }
-    }
-    return values;
-}
-
-std::string setting(std::string_view key, std::string_view fallback) {
-    auto values = settings(key);
-    return values.empty() ? std::string(fallback) : std::move(values.back());
 }
 
 } // namespace ulmo

@@ -1,10 +1,7 @@
-// Where the host platform keeps things, and its settings.
+// Where the host platform keeps things.
 #pragma once
 
 #include <filesystem>
-#include <string>
-#include <string_view>
-#include <vector>
 
 namespace ulmo {
 
@@ -20,11 +17,5 @@ std::filesystem::path run_path();
 
 // The file of the settings: $ULMO_CONF, or /etc/ulmo/platform.conf.
 std::filesystem::path settings_file();
-
-// A setting of settings_file(): lines of `key = value`, blanks around both do not count, a line that begins
-// with '#' is a comment. The file is read at each call, so that a change holds at once; a missing file is an empty one. A key that occurs
-// several times has its last value in setting() and all of them, in order, in settings().
-std::string setting(std::string_view key, std::string_view fallback);
-std::vector<std::string> settings(std::string_view key);
 
 } // namespace ulmo

@@ -1,6 +1,7 @@
 #include "platform/host/host_log.h"
 
 #include "platform/evtrace.h"
+#include "platform/host/settings.h"
 
 #include <algorithm>
 #include <array>
@@ -58,6 +59,12 @@ __attribute__((format(printf, 3, 0))) void record(uint32_t subtype, Reader reade
     }
     errno = saved_errno;
 }
+
+// Every process of the platform tells here what is amiss with the settings.
+[[maybe_unused]] const bool is_told_of_settings = [] {
+    tell_settings_problems_to([](const std::string &problem) { log_error("settings: %s", problem.c_str()); });
+    return true;
+}();
 
 } // namespace
 

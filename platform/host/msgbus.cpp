@@ -1,16 +1,15 @@
 #include "platform/msgbus.h"
 
 #include "platform/host/bus_observer.h"
-#include "platform/host/host_config.h"
 #include "platform/host/host_log.h"
 #include "platform/host/msgbus_wire.h"
+#include "platform/host/settings.h"
 
 #include <poll.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <charconv>
 #include <chrono>
 #include <functional>
 #include <optional>
@@ -26,8 +25,6 @@ using std::chrono::milliseconds;
 constexpr int32_t kind_one_way = 1;
 constexpr int32_t kind_requests = 4;
 constexpr milliseconds short_wait{100};
-constexpr milliseconds default_answer_limit{2000};
-constexpr milliseconds longest_answer_limit{60000};
 
 BusObserver *observer = nullptr;
 
@@ -68,15 +65,9 @@ Endpoint *find_endpoint(int32_t handle) {
     return &*table[static_cast<size_t>(handle)];
 }
 
-// How long an asked peer may be silent: the setting `msgbus_answer_limit`, in milliseconds.
+// How long an asked peer may be silent.
 milliseconds answer_limit() {
-    const std::string text = setting("msgbus_answer_limit", "");
-    int32_t value = 0;
-    const auto parsed = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (parsed.ec != std::errc{} || parsed.ptr != text.data() + text.size() || value <= 0) {
-        return default_answer_limit;
-    }
-    return std::min(milliseconds(value), longest_answer_limit);
+    return milliseconds(number_setting("msgbus_answer_limit").value());
 }
 
 uint32_t next_token(Endpoint &endpoint) {

@@ -1,12 +1,13 @@
 #include "platform/host/wwn.h"
 
-#include "platform/host/host_config.h"
+#include "platform/host/settings.h"
 
 #include <unistd.h>
 
-#include <charconv>
-#include <cstdio>
+#include <cstddef>
 #include <fstream>
+#include <string>
+#include <string_view>
 
 namespace ulmo {
 namespace {
@@ -42,33 +43,8 @@ Wwn locally_assigned() {
 
 } // namespace
 
-std::optional<Wwn> wwn_from_text(std::string_view text) {
-    Wwn wwn{};
-    constexpr std::size_t step = 3; // two digits and a colon
-    if (text.size() != wwn.size() * step - 1) {
-        return std::nullopt;
-    }
-    for (std::size_t i = 0; i < wwn.size(); ++i) {
-        const char *digits = text.data() + i * step;
-        const auto [end, error] = std::from_chars(digits, digits + 2, wwn[i], 16);
-        if (error != std::errc{} || end != digits + 2 || (i + 1 < wwn.size() && *end != ':')) {
-            return std::nullopt;
-        }
-    }
-    return wwn;
-}
-
-std::string wwn_to_text(const Wwn &wwn) {
-    char text[24];
-    std::snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x:%02x:%02x", wwn[0], wwn[1], wwn[2], wwn[3], wwn[4], wwn[5], wwn[6],
-                  wwn[7]);
-    return text;
-}
-
-std::optional<Wwn> local_wwn() {
-    const std::string text = setting("wwn", "");
-    const std::optional<Wwn> wwn = text.empty() ? locally_assigned() : wwn_from_text(text);
-    return wwn == Wwn{} ? std::nullopt : wwn;
+Wwn local_wwn() {
+    return wwn_from_text(text_setting("wwn")).value_or(locally_assigned());
 }
 
 } // namespace ulmo

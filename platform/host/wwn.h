@@ -1,22 +1,11 @@
-// World-wide names of switches: eight octets, in text xx:xx:xx:xx:xx:xx:xx:xx.
+// This switch's world-wide name.
 #pragma once
 
-#include <array>
-#include <cstdint>
-#include <optional>
-#include <string>
-#include <string_view>
+#include "platform/host/wwn_text.h"
 
 namespace ulmo {
 
-using Wwn = std::array<std::uint8_t, 8>;
-
-// Nothing when the text is no world-wide name. Upper and lower case digits do.
-std::optional<Wwn> wwn_from_text(std::string_view text);
-std::string wwn_to_text(const Wwn &wwn);
-
-// This switch's: the setting `wwn`, or a locally assigned one (NAA 3) made of the machine id. Nothing when the setting is no name or the
-// all-zero one, which names nobody.
-std::optional<Wwn> local_wwn();
+// The setting `wwn`, or a locally assigned name (NAA 3) made of the machine id. Throws SettingsError when the setting is bad.
+Wwn local_wwn();
 
 } // namespace ulmo

@@ -71,7 +71,8 @@ class Switch:
         new.rename(self.clock)
 
     def _write_settings(self):
-        lines = [f"management_interface = {network.DEVICE}", f"wwn = {wwn(self.number)}"]
+        # Tests look into the course of things.
+        lines = [f"management_interface = {network.DEVICE}", f"wwn = {wwn(self.number)}", "history = all"]
         if self.options["chassis_type"] is not None:
             lines.append(f"chassis_type = {self.options['chassis_type']}")
         if self.options["vrf"]:

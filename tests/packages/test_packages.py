@@ -1,6 +1,8 @@
 """The packages on a Debian 12 with an agent: they come, work, are upgraded and go. Each test goes on from the one before."""
 
+import re
 import shutil
+import time
 
 import pytest
 from conftest import PLACE, REPOSITORY, SERVER, run, wait_until
@@ -99,10 +101,36 @@ def test_superuser_at_the_command_line_leaves_the_agent_its_files(switch):
 
 
 def test_history_of_all_processes(switch):
-    history = switch.run("/ulmo/bin/ulmo-history").stdout
+    """By default of errors alone; on request of the course of things."""
+    lines = switch.run("ulmo-history").stdout.splitlines()
+    assert lines and all(" error " in line for line in lines), lines
+    switch.shell("echo 'history = all' >> /etc/ulmo/platform.conf")
+    time.sleep(1.1)  # within which the change holds
+    config_copy(switch, f"startup tftp://{SERVER}/history.cfg")
+    assert "vlan" in cmdshell(switch, "show running-config")
+    cmdshell(switch, "copy running-config startup-config")
+    history = switch.run("ulmo-history").stdout
+    switch.shell("sed -i '/^history = all$/d' /etc/ulmo/platform.conf")
     for service in ("snmpd", "wardend"):
         assert f" {switch.main_process(service)} " in history
     assert "copy_function : Copying done with SUCCESS" in history
+
+
+def test_settings_that_the_agent_cant_read(switch):
+    """The package lets the agent's user read them. When somebody takes that away, nothing is copied and nothing is saved, and the reason is told."""
+    file = "/etc/ulmo/platform.conf"
+    assert switch.shell(f"stat -c '%U %G %a' {file}") == "root Debian-snmp 640\n"
+    startup = cmdshell(switch, "show startup-config")
+    switch.shell(f"chmod 600 {file}")
+    try:
+        assert config_copy(switch, f"startup tftp://{SERVER}/never.cfg", check=False).returncode != 0
+        assert config_copy(switch, "running startup", check=False).returncode != 0
+    finally:
+        switch.shell(f"chmod 640 {file}")
+    assert not (switch.served / "never.cfg").exists() and cmdshell(switch, "show startup-config") == startup
+    errors = switch.run("ulmo-history", "--errors").stdout
+    assert f"worker: the copy is refused: {file} can't be read: Permission denied" in errors
+    assert re.search(rf"not saved to the startup configuration of this switch, \d+ ms: {file} can't be read: Permission denied", errors)
 
 
 def test_reload_of_the_agent(switch):
@@ -190,7 +218,7 @@ def test_mib_module(switch):
 
 def test_manual_and_completion(switch, packages):
     listed = "".join(run("dpkg", "-c", packages[name]).stdout for name in ("config-copy", "config-copy-mib"))
-    for page in ("man1/config-copy.1.gz", "man1/cmdshell.1.gz", "man5/config_copy_mib.5.gz", "man5/platform.conf.5.gz", "man8/wardend.8.gz"):
+    for page in ("man1/config-copy.1.gz", "man1/cmdshell.1.gz", "man1/ulmo-history.1.gz", "man5/config_copy_mib.5.gz", "man5/platform.conf.5.gz", "man8/wardend.8.gz"):
         assert f"./usr/share/man/{page}\n" in listed
     completed = switch.run("bash", "-c", ". /usr/share/bash-completion/completions/config-copy; COMP_LINE='config-copy --ho' COMP_POINT=16; "
                            "_config_copy config-copy --ho config-copy; echo ${COMPREPLY[@]}").stdout

@@ -199,6 +199,25 @@ TEST_F(HostAgentExtension, KilledWorkerIsReportedOnce) {
     EXPECT_FALSE(std::filesystem::exists(ulmo::worker_directory(worker)));
 }
 
+TEST_F(HostAgentExtension, NoCopyBeginsUnderSettingsThatAreNotKnown) {
+    const auto copy_fails = [] {
+        deliveries.clear();
+        start_worker([] { send_status(0); });
+        ASSERT_TRUE(delivered(1));
+        EXPECT_EQ(deliveries[0].payload, 1);
+    };
+    std::filesystem::create_directory(platform_.conf);
+    copy_fails();
+    std::filesystem::remove(platform_.conf);
+    platform_.set("chassis_type = x");
+    copy_fails();
+    platform_.set("chassis_type = 10");
+    deliveries.clear();
+    start_worker([] { send_status(0); });
+    ASSERT_TRUE(delivered(1));
+    EXPECT_EQ(deliveries[0].payload, 0);
+}
+
 TEST_F(HostAgentExtension, WorkerKilledAfterItsReport) {
     const pid_t worker = start_worker([] {
         send_status(0);

@@ -78,8 +78,8 @@ TEST_F(CliShell, EveryRefusalHasItsCodeAndChangesNothing) {
 TEST_F(CliShell, AFailureOfTheDeviceIsAnErrorOfApplying) {
     file("platform.conf", "device_backend = remote\n");
     EXPECT_EQ(execute("hostname x\n"), 0x40540001U);
-    EXPECT_EQ(content(output()),
-              (directory_ / "new.cfg").string() + ": setting device_backend: 'remote' is unknown, only 'embedded' is there\n");
+    EXPECT_EQ(content(output()), (directory_ / "new.cfg").string() + ": " + (directory_ / "platform.conf").string() +
+                                     " line 1: device_backend = remote: not embedded; copies and saves fail\n");
     file("platform.conf", "");
     file("state/running.cfg", "damaged\n");
     EXPECT_EQ(execute("hostname x\n"), 0x40540001U);
@@ -253,13 +253,43 @@ TEST_F(CmdshellProgram, SaysWhyACommandFailed) {
     expect_result(command("show running-config"), 0, factory, "");
     file("platform.conf", "device_backend = remote\n");
     expect_result(command("show running-config"), 1, "",
-                  "cmdshell: show running-config: setting device_backend: 'remote' is unknown, only 'embedded' is there\n");
+                  "cmdshell: show running-config: " + (directory_ / "platform.conf").string() +
+                      " line 1: device_backend = remote: not embedded; copies and saves fail\n");
+}
+
+TEST_F(CmdshellProgram, ShowsTheSettingsAndWhatIsWrongWithThem) {
+    const Result defaults = command("show settings");
+    EXPECT_EQ(defaults.status, 0);
+    EXPECT_EQ(defaults.errors, "");
+    EXPECT_NE(defaults.output.find("\n#startup_copy = backup.cfg\n"), std::string::npos);
+    EXPECT_NE(defaults.output.find("\n#wwn =\n"), std::string::npos);
+    const auto path = file("platform.conf", "startup_copy = a\nstartup_copy = b\nfabric_auth_passphrase = hush-hush\n"
+                                            "fabric_member = x auth-passphrase=hush-hush\n"
+                                            "device_backend = remote\nhistori = all\n");
+    const Result set = command("show settings");
+    EXPECT_EQ(set.status, 0);
+    for (const char *lines : {"\nstartup_copy = a\nstartup_copy = b\n", "\nfabric_auth_passphrase = ...\n", "\nfabric_member = ...\n",
+                              "\ndevice_backend = (bad: copies and saves fail)\n", "\n#history = errors\n"}) {
+        EXPECT_NE(set.output.find(lines), std::string::npos) << lines;
+    }
+    EXPECT_EQ(set.output.find("hush"), std::string::npos);
+    EXPECT_EQ(set.errors, "cmdshell: " + path.string() + " line 5: device_backend = remote: not embedded; copies and saves fail\n" +
+                              "cmdshell: " + path.string() + " line 6: histori: unknown setting; the line is ignored\n");
+}
+
+TEST_F(CmdshellProgram, TellsWhatHappenedUnderSettingsThatCantBeRead) {
+    file("run/last-save", "saved");
+    std::filesystem::create_directory(directory_ / "platform.conf");
+    expect_result(command("show last-save"), 0, "saved\n", "");
+    const std::string why = (directory_ / "platform.conf").string() + " can't be read: Is a directory; copies and saves fail\n";
+    expect_result(command("show running-config"), 1, "", "cmdshell: show running-config: " + why);
+    EXPECT_EQ(command("show settings").errors, "cmdshell: " + why);
 }
 
 TEST_F(CmdshellProgram, ListsItsCommands) {
     const Result result = command("help");
     EXPECT_EQ(result.status, 0);
-    for (const char *words : {"show running-config ", "show startup-config ", "copy running-config startup-config ",
+    for (const char *words : {"show running-config ", "show startup-config ", "show settings ", "copy running-config startup-config ",
                               "copy startup-config running-config ", "configure FILE ", "help ", "exit "}) {
         EXPECT_NE(("\n" + result.output).find(std::string("\n") + words), std::string::npos) << words;
     }

@@ -489,7 +489,8 @@ TEST_F(DeviceBackend, TheSettingChoosesTheBackend) {
     file("platform.conf", "device_backend = embedded\n");
     EXPECT_EQ(ulmo::make_device_backend()->show(ConfigurationStore::running), factory);
     file("platform.conf", "device_backend = remote\n");
-    EXPECT_EQ(failure([] { ulmo::make_device_backend(); }), "setting device_backend: 'remote' is unknown, only 'embedded' is there");
+    EXPECT_EQ(failure([] { ulmo::make_device_backend(); }),
+              (directory_ / "platform.conf").string() + " line 1: device_backend = remote: not embedded; copies and saves fail");
 }
 
 TEST_F(DeviceBackend, AConfigurationFileIsARegularFileOfBoundedSize) {

@@ -315,18 +315,31 @@ class Evtrace : public testing::Test {
 };
 using EvtraceDeathTest = Evtrace;
 
-TEST_F(EvtraceDeathTest, RecordsEverythingAndPrintsNothingByDefault) {
+TEST_F(EvtraceDeathTest, RecordsErrorsAndPrintsNothingByDefault) {
     EXPECT_EXIT(
         {
+            // Then nobody formats the course of things, in which passwords are.
             const bool open = evtrace_hist_event_subtype_check(module_id, EVTRACE_ERROR) == 0 &&
-                              evtrace_hist_event_subtype_check(module_id, EVTRACE_DEBUG) == 0;
+                              evtrace_hist_event_subtype_check(module_id, EVTRACE_DEBUG) != 0;
             const bool silent = evtrace_chk_int(EVTRACE_ERROR, 0, 0, 1) == 0 && evtrace_chk_int(EVTRACE_DEBUG, 0, 0, 1) == 0;
+            log(EVTRACE_DEBUG, "a secret");
+            log(EVTRACE_ERROR, "one");
+            finish(open && silent && logged() == "one|", logged());
+        },
+        testing::ExitedWithCode(0), "");
+}
+
+TEST_F(EvtraceDeathTest, RecordsEverythingOnRequest) {
+    EXPECT_EXIT(
+        {
+            scratch.configure("history = all\n");
+            const bool open = evtrace_hist_event_subtype_check(module_id, EVTRACE_DEBUG) == 0;
             log(EVTRACE_DEBUG, "one");
             log(EVTRACE_ERROR, "two");
             evtrace_hist_event(module_id, EVTRACE_DEBUG, 3, "cut off");
             evtrace_hist_event(module_id, EVTRACE_DEBUG, 0, "x");
             evtrace_hist_event(module_id, EVTRACE_DEBUG, 5, nullptr);
-            finish(open && silent && logged() == "one|two|cut||", logged());
+            finish(open && logged() == "one|two|cut||", logged());
         },
         testing::ExitedWithCode(0), "");
 }
@@ -344,8 +357,11 @@ TEST_F(EvtraceDeathTest, SwitchesHoldWithinASecond) {
             const bool off = comes_true([&] { return declines(EVTRACE_ERROR) && prints(EVTRACE_DEBUG) && prints(EVTRACE_ERROR); });
             log(EVTRACE_ERROR, "declined as well");
             scratch.configure("history = nonsense\ndebug_print = nonsense\n");
-            const bool defaults = comes_true([&] { return !declines(EVTRACE_DEBUG) && !prints(EVTRACE_ERROR); });
-            finish(errors && off && defaults && logged() == "kept|", logged());
+            const bool defaults = comes_true([&] { return !declines(EVTRACE_ERROR) && declines(EVTRACE_DEBUG) && !prints(EVTRACE_ERROR); });
+            const std::string at = "settings: " + (scratch.root() / "platform.conf").string() + " line ";
+            const std::string told = at + "1: history = nonsense: not one of all, errors, off; errors holds|" + at +
+                                     "2: debug_print = nonsense: not one of all, errors, off; off holds|";
+            finish(errors && off && defaults && (logged() == "kept|" + told || logged() == "kept|"), logged());
         },
         testing::ExitedWithCode(0), "");
 }
@@ -390,7 +406,7 @@ TEST_F(EvtraceDeathTest, CarriesOnWithoutAFile) {
 TEST_F(EvtraceDeathTest, NumberOfRecordsIsASetting) {
     EXPECT_EXIT(
         {
-            scratch.configure("history_records = 100\n");
+            scratch.configure("history = all\nhistory_records = 100\n");
             log(EVTRACE_DEBUG, "0");
             for (int i = 0; i < 200; ++i) {
                 log(EVTRACE_DEBUG, "x");
@@ -436,6 +452,7 @@ TEST_F(EvtraceDeathTest, IsCheap) {
     EXPECT_EXIT(
         {
             constexpr int events = 20'000;
+            scratch.configure("history = all\n");
             log(EVTRACE_DEBUG, "the first one opens the history");
             const auto begin = std::chrono::steady_clock::now();
             for (int i = 0; i < events; ++i) {

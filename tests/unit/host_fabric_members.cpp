@@ -125,7 +125,7 @@ TEST_F(FabricMembers, NameThatIsNoMembersIsRefused) {
 
 TEST_F(FabricMembers, LocalNameThatIsNoneIsRefused) {
     EXPECT_EQ(refusal(std::string(credentials) + "wwn = x\nfabric_member = " + second + " 192.0.2.2\n"),
-              "setting wwn: that is no world-wide name");
+              (scratch.root() / "platform.conf").string() + " line 5: wwn = x: not a world-wide name; saves in the fabric fail");
 }
 
 TEST_F(FabricMembers, UnknownKeyIsRefusedAndNotQuoted) {
@@ -216,7 +216,8 @@ TEST_F(FabricMembers, TimeLimitIsTenSecondsOrWhatIsSet) {
             limit(text);
             ADD_FAILURE() << text;
         } catch (const std::runtime_error &error) {
-            EXPECT_STREQ(error.what(), "setting fabric_time_limit: that is no number of seconds from 1 to 300") << text;
+            EXPECT_EQ(error.what(), (scratch.root() / "platform.conf").string() + " line 2: fabric_time_limit = " + text +
+                                        ": not a number from 1 to 300; saves in the fabric fail");
         }
     }
 }

@@ -154,6 +154,23 @@ TEST_F(Warden, TheScopeOfAllWritesTheFilesOfTheSetting) {
     EXPECT_EQ(count("save to the startup configurations of this switch asked by *"), 3U);
 }
 
+TEST_F(Warden, NothingIsSavedUnderSettingsThatCantBeRead) {
+    prepare_and_start();
+    const auto settings = directory_ / "platform.conf";
+    std::filesystem::remove(settings);
+    std::filesystem::create_directory(settings);
+    const std::string why = settings.string() + " can't be read: Is a directory; copies and saves fail";
+    for (const Scope scope : {Scope::startup, Scope::all, Scope::fabric}) {
+        Request request = ask(scope);
+        EXPECT_EQ(request.answer(), WARDEN_CFG_ACTION_INITIATED);
+        EXPECT_EQ(request.end(), ulmo::warden_err_store);
+        EXPECT_EQ(request.text(), why);
+    }
+    EXPECT_EQ(content(startup()), old_text);
+    EXPECT_EQ(count("not saved to the startup configuration of this switch, # ms: " + why), 1U);
+    EXPECT_GE(count("settings: " + why), 1U);
+}
+
 TEST_F(Warden, OneFileThatCantBeWrittenStopsAllOfThem) {
     prepare();
     file("platform.conf", "startup_copy = first.cfg\nstartup_copy = none/second.cfg\n");

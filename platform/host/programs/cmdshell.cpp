@@ -10,6 +10,7 @@
 #include "platform/host/device_backend.h"
 #include "platform/host/last_save.h"
 #include "platform/host/save_request.h"
+#include "platform/host/settings.h"
 
 #include <pwd.h>
 #include <unistd.h>
@@ -25,6 +26,7 @@
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <vector>
 
 namespace {
 
@@ -57,12 +59,12 @@ void print(std::string_view text) {
     }
 }
 
-void show_running(ulmo::DeviceBackend &device) {
-    device.print(ulmo::ConfigurationStore::running, STDOUT_FILENO);
+void show_running() {
+    ulmo::make_device_backend()->print(ulmo::ConfigurationStore::running, STDOUT_FILENO);
 }
 
-void show_startup(ulmo::DeviceBackend &device) {
-    device.print(ulmo::ConfigurationStore::startup, STDOUT_FILENO);
+void show_startup() {
+    ulmo::make_device_backend()->print(ulmo::ConfigurationStore::startup, STDOUT_FILENO);
 }
 
 // Who runs this, for the system manager's log.
@@ -71,15 +73,15 @@ std::string user_name() {
     return entry != nullptr ? entry->pw_name : std::to_string(::getuid());
 }
 
-void copy_running_to_startup(ulmo::DeviceBackend &device) {
+void copy_running_to_startup() {
     // Through the system manager, so that it is one save at a time and everybody is told; a switch that has none running saves all the
     // same.
     if (!ulmo::request_save(user_name())) {
-        device.save();
+        ulmo::make_device_backend()->save();
     }
 }
 
-void show_last_save(ulmo::DeviceBackend & /*device*/) {
+void show_last_save() {
     const auto outcome = ulmo::last_save();
     if (!outcome) {
         throw std::runtime_error("nothing has been saved since the switch started");
@@ -87,7 +89,7 @@ void show_last_save(ulmo::DeviceBackend & /*device*/) {
     print(*outcome + "\n");
 }
 
-void show_copies(ulmo::DeviceBackend & /*device*/) {
+void show_copies() {
     const std::string lines = ulmo::kept_copy_lines();
     if (lines.empty()) {
         throw std::runtime_error("no manager has copied or saved anything since the switch started");
@@ -95,13 +97,44 @@ void show_copies(ulmo::DeviceBackend & /*device*/) {
     print(lines);
 }
 
-void copy_startup_to_running(ulmo::DeviceBackend &device) {
-    device.apply(device.show(ulmo::ConfigurationStore::startup));
+void copy_startup_to_running() {
+    const auto device = ulmo::make_device_backend();
+    device->apply(device->show(ulmo::ConfigurationStore::startup));
+}
+
+std::string told(const ulmo::Setting &setting) {
+    const std::string begin = (ulmo::is_default(setting) ? "#" : "") + std::string(setting.name) + " =";
+    try {
+        const auto values = ulmo::setting_values(setting);
+        std::string lines = values.empty() ? begin + "\n" : "";
+        for (const std::string &value : values) {
+            lines += begin + " " + (setting.is_secret ? "..." : value) + "\n";
+        }
+        return lines;
+    } catch (const ulmo::SettingsError &) {
+        return begin + " (bad: " + std::string(setting.fails) + ")\n"; // and tell_problems() why
+    }
+}
+
+void tell_problems() {
+    for (const std::string &problem : ulmo::settings_problems()) {
+        std::fprintf(stderr, "cmdshell: %s\n", problem.c_str());
+    }
+}
+
+// What holds of platform.conf, in its form; what is a default has a '#' in front.
+void show_settings() {
+    std::string text;
+    for (const ulmo::Setting &setting : ulmo::all_settings) {
+        text += told(setting);
+    }
+    print(text);
+    tell_problems();
 }
 
 struct Command {
     const char *words;
-    void (*run)(ulmo::DeviceBackend &device);
+    void (*run)();
     const char *help;
 };
 
@@ -110,6 +143,7 @@ constexpr Command commands[] = {
     {"show startup-config", show_startup, "print the startup configuration"},
     {"show last-save", show_last_save, "tell how the system manager's last save of this switch went"},
     {"show copies", show_copies, "tell of the last copies and saves that managers asked for"},
+    {"show settings", show_settings, "print the settings that hold, defaults with a '#' in front"},
     {"copy running-config startup-config", copy_running_to_startup, "save the running configuration"},
     {"copy startup-config running-config", copy_startup_to_running, "apply the startup configuration"},
 };
@@ -139,7 +173,7 @@ void run(std::string_view text) {
     }
     for (const Command &command : commands) {
         if (words == command.words) {
-            command.run(*ulmo::make_device_backend());
+            command.run();
             return;
         }
     }
@@ -201,6 +235,9 @@ int read_commands() {
 int main(int argc, char **argv) {
     // A reader that went away is an output error like any other.
     std::signal(SIGPIPE, SIG_IGN);
+    if (::isatty(STDERR_FILENO) == 1) {
+        tell_problems();
+    }
     if (argc == 1) {
         return read_commands();
     }

@@ -7,6 +7,7 @@
 // Exits with 0 when it was told to end, 1 when it can't serve (another one runs, or its directories can't be used) and 2 when it was called
 // wrongly.
 #include "platform/host/host_log.h"
+#include "platform/host/settings.h"
 #include "platform/host/warden/warden.h"
 
 #include <sys/stat.h>
@@ -25,6 +26,7 @@ int main(int argc, char ** /*argv*/) {
     ::umask(no_writing_for_others);
     std::signal(SIGPIPE, SIG_IGN);
     ulmo::log_to_standard_error();
+    static_cast<void>(ulmo::settings_problems()); // what is amiss is logged first of all
     try {
         ulmo::Warden warden;
         try {

@@ -9,7 +9,7 @@
 #   4  login refused
 #   5  host key refused: it has changed, or is not known and first contact is off
 #   6  connection lost
-#   7  wrong use, or the VRF is not known or can't be entered
+#   7  wrong use, bad settings, or the VRF is not known or can't be entered
 #   8  anything else
 #
 # Every script takes the number of a VRF as optional last argument, and runs the client within it.
@@ -128,24 +128,13 @@ proc from_environment {name default} {
     return [expr {[info exists env($name)] && $env($name) ne {} ? $env($name) : $default}]
 }
 
-proc setting {key default} {
-    set value $default
-    if {[catch {contents [absolute [from_environment ULMO_CONF /etc/ulmo/platform.conf]]} text]} {
-        return $value
+# The values of these settings as the platform judges them. Where that must not be passed over, the transfer fails with its reason.
+proc settings {args} {
+    global here
+    if {[catch {exec $here/ulmo-setting {*}$args} values]} {
+        fail use [regsub {^ulmo-setting: } $values {}]
     }
-    foreach line [split $text \n] {
-        set line [string trim $line " \t\r"]
-        set equals [string first = $line]
-        if {$equals >= 0 && ![string match #* $line] && [string trimright [string range $line 0 $equals-1] " \t\r"] eq $key} {
-            set value [string trimleft [string range $line $equals+1 end] " \t\r"]
-        }
-    }
-    return $value
-}
-
-proc seconds_setting {key default} {
-    set value [setting $key $default]
-    return [expr {[regexp {^[1-9][0-9]{0,8}$} $value] ? $value : $default}]
+    return [split $values \n]
 }
 
 # --- ending ------------------------------------------------------------------------------------------------------------------------------------
@@ -315,10 +304,10 @@ proc token {} {
 # Starts the client on a terminal of its own, which takes and gives every octet as it is, and begins to watch the limits.
 proc start_client {args} {
     global spawn_id client_pid vrf idle_limit deadline moved looked progress here env
-    set idle_limit [seconds_setting transfer_idle_limit 30]
+    lassign [settings transfer_idle_limit transfer_time_limit] idle_limit time_limit
     set moved [clock seconds]
     set looked $moved
-    set deadline [expr {$moved + [seconds_setting transfer_time_limit 3600]}]
+    set deadline [expr {$moved + $time_limit}]
     set progress {}
     if {$vrf ne {}} {
         set args [linsert $args 0 $here/vrf-exec $vrf]
@@ -488,7 +477,7 @@ proc own_by_folder {file} {
 proc ssh_options {user} {
     set hosts [absolute [from_environment ULMO_STATE_DIR /var/lib/ulmo]]/ssh_known_hosts
     own_by_folder $hosts
-    set new [expr {[setting ssh_accept_new_host_keys yes] eq "no" ? "yes" : "accept-new"}]
+    set new [expr {[settings ssh_accept_new_host_keys] eq "yes" ? "accept-new" : "yes"}]
     set options [list -F none]
     foreach option [list LogLevel=VERBOSE "User=\"[string map {\\ \\\\ \" \\\"} $user]\"" \
             StrictHostKeyChecking=$new UserKnownHostsFile=[ssh_word $hosts] GlobalKnownHostsFile=/dev/null UpdateHostKeys=no \

@@ -2,9 +2,9 @@
 
 #include "platform/host/device_backend.h"
 #include "platform/host/fabric_status.h"
-#include "platform/host/host_config.h"
 #include "platform/host/host_log.h"
 #include "platform/host/last_save.h"
+#include "platform/host/settings.h"
 #include "platform/host/system_manager_status.h"
 #include "platform/host/warden/fabric_members.h"
 #include "platform/host/warden/fabric_save.h"
@@ -33,10 +33,7 @@ void check_stop(int stop) {
 
 // The further files of an action on all startup configurations.
 std::vector<std::filesystem::path> startup_copies() {
-    std::vector<std::string> names = settings("startup_copy");
-    if (names.empty()) {
-        names = {"backup.cfg"};
-    }
+    std::vector<std::string> names = list_setting("startup_copy");
     names.erase(std::remove(names.begin(), names.end(), ""), names.end());
     return {names.begin(), names.end()};
 }
@@ -68,11 +65,7 @@ std::string saved_here(int stop) {
 ActionOutcome save_fabric(int stop) {
     FabricSwitchStatus here;
     here.is_local = true;
-    const auto wwn = local_wwn();
-    if (!wwn) {
-        throw std::runtime_error("the setting wwn is no world-wide name");
-    }
-    here.wwn = *wwn;
+    here.wwn = local_wwn();
     write_fabric_status({}); // nobody takes an earlier outcome for this one
     std::vector<FabricSwitchStatus> switches;
     try {

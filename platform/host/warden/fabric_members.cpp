@@ -1,6 +1,7 @@
 #include "platform/host/warden/fabric_members.h"
 
 #include "platform/host/host_config.h"
+#include "platform/host/settings.h"
 
 #include <net-snmp/net-snmp-config.h>
 
@@ -26,16 +27,15 @@ constexpr std::uint16_t snmp_port = 161;
 // What a member's line may say of its own, beside the setting that says it for all members.
 struct Key {
     std::string_view name;
-    const char *setting;
-    const char *fallback;
+    TextSetting setting;
     std::string FabricMember::*field;
 };
 constexpr std::array<Key, 5> keys{{
-    {"user", "fabric_user", "", &FabricMember::user},
-    {"auth-protocol", "fabric_auth_protocol", "SHA-256", &FabricMember::auth_protocol},
-    {"auth-passphrase", "fabric_auth_passphrase", "", &FabricMember::auth_passphrase},
-    {"priv-protocol", "fabric_priv_protocol", "AES", &FabricMember::priv_protocol},
-    {"priv-passphrase", "fabric_priv_passphrase", "", &FabricMember::priv_passphrase},
+    {"user", "fabric_user", &FabricMember::user},
+    {"auth-protocol", "fabric_auth_protocol", &FabricMember::auth_protocol},
+    {"auth-passphrase", "fabric_auth_passphrase", &FabricMember::auth_passphrase},
+    {"priv-protocol", "fabric_priv_protocol", &FabricMember::priv_protocol},
+    {"priv-passphrase", "fabric_priv_passphrase", &FabricMember::priv_passphrase},
 }};
 
 [[noreturn]] void refuse(const std::string &setting, const std::string &reason) {
@@ -91,7 +91,8 @@ void check_credentials(const std::string &line, const FabricMember &member) {
     for (const Key &key : keys) {
         const std::string &value = member.*key.field;
         if (value.empty()) {
-            refuse(line, std::string("there is no ") + std::string(key.name) + ", neither there nor as " + key.setting);
+            refuse(line,
+                   std::string("there is no ") + std::string(key.name) + ", neither there nor as " + std::string((*key.setting).name));
         }
     }
     if (member.user.size() > 32) { // SnmpAdminString of usmUserName, RFC 3414
@@ -152,9 +153,9 @@ bool is_read_by_others() {
 std::vector<FabricMember> fabric_members() {
     FabricMember defaults;
     for (const Key &key : keys) {
-        defaults.*key.field = setting(key.setting, key.fallback);
+        defaults.*key.field = text_setting(key.setting);
     }
-    const std::vector<std::string> lines = settings("fabric_member");
+    const std::vector<std::string> lines = list_setting("fabric_member");
     const bool holds_passphrases =
         !defaults.auth_passphrase.empty() || !defaults.priv_passphrase.empty() ||
         std::any_of(lines.begin(), lines.end(), [](const std::string &line) { return line.find("-passphrase=") != std::string::npos; });
@@ -165,14 +166,11 @@ std::vector<FabricMember> fabric_members() {
     if (lines.empty()) {
         return members;
     }
-    const auto local = local_wwn();
-    if (!local) {
-        refuse("wwn", "that is no world-wide name");
-    }
+    const Wwn local = local_wwn();
     for (const std::string &line : lines) {
         FabricMember member = member_from(line, defaults);
         const std::string name = "fabric_member " + wwn_to_text(member.wwn);
-        if (member.wwn == *local) {
+        if (member.wwn == local) {
             refuse(name, "that is this switch itself");
         }
         for (const FabricMember &other : members) {
@@ -189,11 +187,7 @@ std::vector<FabricMember> fabric_members() {
 }
 
 std::chrono::seconds fabric_time_limit() {
-    const auto seconds = number_from<int>(setting("fabric_time_limit", "10"), 1, 300);
-    if (!seconds) {
-        refuse("fabric_time_limit", "that is no number of seconds from 1 to 300");
-    }
-    return std::chrono::seconds(*seconds);
+    return std::chrono::seconds(number_setting("fabric_time_limit").value());
 }
 
 } // namespace ulmo

@@ -88,6 +88,67 @@ def test_first_contact_off(transfers):
     assert results(both) == [DONE] * 4
 
 
+SERVER_LOG = LOGS / "ssh.log"  # the server tells there of each connection
+
+
+def test_first_contact_off_in_other_words(transfers):
+    both = transfers(SSH_SCRIPTS, b"text")
+    for word in ("No", "off", "false", "FALSE"):
+        settings(ssh_accept_new_host_keys=word)
+        before = len(SERVER_LOG.read_text())
+        assert results(both) == [HOST_KEY] * 4, word
+        logins = [line for line in SERVER_LOG.read_text()[before:].splitlines() if "password" in line]
+        assert logins == [], word  # the password was never sent
+    for word in ("Yes", "on", "TRUE"):
+        settings(ssh_accept_new_host_keys=word)
+        assert results(both[:1]) == [DONE], word
+        KNOWN_HOSTS.unlink()
+
+
+@contextlib.contextmanager
+def unreadable_settings():
+    """In the place of the file is a folder, which nobody reads."""
+    text = SETTINGS.read_text()
+    SETTINGS.unlink()
+    SETTINGS.mkdir()
+    try:
+        yield
+    finally:
+        SETTINGS.rmdir()
+        SETTINGS.write_text(text)
+
+
+def test_settings_that_refuse(transfers):
+    """No server is asked under settings that are bad where they guard something, or can't be read."""
+    both, every = transfers(SSH_SCRIPTS, b"text"), [FTP, *SSH_SCRIPTS]
+    before = len(SERVER_LOG.read_text())
+
+    def reason(transfer):
+        transfer.start()
+        output, error = transfer.running.process.communicate(timeout=FOREVER)
+        assert transfer.running.process.returncode == USE and output == b""
+        return error.decode().partition(": ")[2]
+
+    for word in ("maybe", "", "0", "yes please"):
+        settings(ssh_accept_new_host_keys=word)
+        lines = len(SETTINGS.read_text().splitlines())
+        expected = f"{SETTINGS} line {lines}: ssh_accept_new_host_keys = {word}: neither yes nor no; copies by SFTP and SCP fail\n"
+        assert {reason(transfer) for transfer in both} == {expected}
+    with unreadable_settings():
+        for script in every:
+            done = script.start("put", both[0].source, "never.cfg")
+            assert done.process.communicate(timeout=FOREVER) == (
+                b"", f"{script.program}: {SETTINGS} can't be read: Is a directory; copies and saves fail\n".encode())
+            assert done.process.returncode == USE
+    assert SERVER_LOG.read_text()[before:] == "" and not KNOWN_HOSTS.exists()
+
+
+def test_bad_limits_leave_the_default(transfers):
+    both = transfers([SFTP], b"text")
+    settings(transfer_idle_limit="30s", transfer_time_limit="0")
+    assert results(both) == [DONE] * 2
+
+
 @pytest.mark.parametrize("which", [0, 1], ids=["put", "get"])
 def test_password_is_nowhere_to_be_seen(script, which, transfers, slow_link):
     """The script shows it in its arguments until it has started anew, which is before it starts anything; no other process does, none in its
