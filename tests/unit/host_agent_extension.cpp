@@ -86,7 +86,7 @@ void turn_loop(std::chrono::milliseconds longest) {
 }
 
 template <typename Condition> bool loop_until(Condition condition) {
-    for (const auto end = Clock::now() + 5s; Clock::now() < end;) {
+    for (const auto end = Clock::now() + 30s; Clock::now() < end;) {
         if (condition()) {
             return true;
         }

@@ -337,7 +337,7 @@ TEST_F(DeviceBackend, AStreamOfReadersDoesNotKeepAWriterOut) {
     }
     EXPECT_EQ(failure([&] {
                   for (unsigned i = 0; i < 5; ++i) {
-                      device(milliseconds(2000))->store_startup("hostname a\n");
+                      device(milliseconds(60'000))->store_startup("hostname a\n");
                   }
               }),
               "no failure");

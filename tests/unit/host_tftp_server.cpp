@@ -245,10 +245,13 @@ unsigned TestServer::received(unsigned opcode) {
 }
 
 void TestServer::run() {
-    while (!stopping_) {
+    for (;;) {
         sockaddr_storage client{};
         const auto packet = receive_from(socket_, client, 20);
         if (!packet) {
+            if (stopping_) { // nothing that came before is left
+                return;
+            }
             continue;
         }
         Request request = parse_request(*packet);
@@ -296,7 +299,7 @@ void TestServer::serve_read(Transmission &line, const std::string &content) {
             line.send(data(static_cast<unsigned>(block & 0xffffU), content.substr(offset, line.block_size)));
         }
         const auto packet = line.receive();
-        send_again = !packet;
+        send_again = !packet && behaviour_.repeats;
         silent = packet ? 0 : silent + 1;
         if (packet && opcode_of(*packet) == 4) {
             for (std::size_t block = base == 0 ? 0 : base - 1; block <= end; ++block) {
@@ -329,8 +332,10 @@ void TestServer::serve_write(Transmission &line, const std::string &name) {
         const auto packet = line.receive();
         silent = packet ? 0 : silent + 1;
         if (!packet) {
-            gap_told = true;
-            acknowledge();
+            if (behaviour_.repeats) {
+                gap_told = true;
+                acknowledge();
+            }
         } else if (opcode_of(*packet) == 5) {
             return;
         } else if (block_of(*packet) == (expected & 0xffffU)) {

@@ -57,6 +57,7 @@ struct Behaviour {
     bool answer_block_size = true;
     bool answer_window_size = true;
     bool answer_size = true;
+    bool repeats = true; // of its own accord, when it hears nothing
     // Fates of the n-th packet, counted from 1, that leaves the server or reaches it. Empty: none is spoilt.
     std::function<bool(unsigned)> lose_sent{};
     std::function<bool(unsigned)> lose_received{};

@@ -84,7 +84,7 @@ TEST_F(SystemManager, StartRequest) {
 }
 
 TEST_F(SystemManager, LongUserAndSessionAreCut) {
-    const std::string payload = payload_of(COPY_FILE_STARTUP, std::string(31, 'u') + "U", std::string(200, 's'));
+    const std::string payload = payload_of(COPY_FILE_STARTUP, std::string(31, 'u').append("U"), std::string(200, 's'));
     const std::string expected = start_payload(false, false, std::string(31, 'u'), std::string(31, 's'));
     EXPECT_EQ(hex(payload.data(), payload.size()), hex(expected.data(), expected.size()));
 }
