@@ -1,5 +1,6 @@
 #include "manager/copy_run.h"
 
+#include "manager/copy_line.h"
 #include "manager/interrupt.h"
 
 #include <algorithm>
@@ -282,11 +283,17 @@ class Run {
             session_.get({copy_cell(column_fail_cause, row), copy_cell(column_time_started, row), copy_cell(column_time_completed, row)});
         outcome.state = state_name(end);
         outcome.seconds = seconds_between(values[1], values[2]);
+        if (const auto line = line_of_copy(session_, row, number(values[1]).value_or(0))) {
+            outcome.reason = line->reason;
+            outcome.bytes = line->bytes;
+            outcome.sha256 = line->sha256;
+        }
         const std::string duration =
             outcome.seconds ? (end == state_successful ? " in " : " after ") + seconds_text(*outcome.seconds) + " s" : "";
         const std::string what = outcome.from + " to " + outcome.to;
         if (end == state_successful) {
-            outcome.text = outcome.agent + ": " + what + " copied" + duration;
+            outcome.text = outcome.agent + ": " + what + " copied" + duration +
+                           (outcome.bytes ? ", " + std::to_string(*outcome.bytes) + " octets" : "");
             return;
         }
         const long cause = number(values[0]).value_or(0);
@@ -294,8 +301,8 @@ class Run {
         outcome.ending = Ending::failed;
         outcome.cause = cause_name(cause);
         const std::string server = order_.has_file() ? order_.file().host : "";
-        outcome.text =
-            outcome.agent + ": " + what + " failed" + duration + " (" + outcome.cause + "): " + words_of_cause(cause, server, is_fabric);
+        outcome.text = outcome.agent + ": " + what + " failed" + duration + " (" + outcome.cause +
+                       "): " + words_of_cause(cause, server, is_fabric, outcome.reason);
         if (is_fabric && cause == cause_manager_failed) {
             outcome.switches = switches_of(session_, row);
         }

@@ -95,33 +95,42 @@ std::string cause_name(long cause) {
     return cause > 0 && cause < static_cast<long>(names.size()) ? std::string(names.at(static_cast<std::size_t>(cause))) : numbered(cause);
 }
 
-std::string words_of_cause(long cause, std::string_view server, bool is_fabric) {
+std::string words_of_cause(long cause, std::string_view server, bool is_fabric, std::string_view reason) {
     const std::string the_server = server.empty() ? "the file server" : "the file server " + std::string(server);
+    // What the switch says stands for where to look.
+    const auto because = [reason](const char *what, const char *where) {
+        return std::string(what) + ": " + (reason.empty() ? where : std::string(reason));
+    };
+    const std::string also = reason.empty() ? "" : "; the switch says: " + std::string(reason);
     switch (cause) {
     case cause_general:
+        if (!reason.empty()) {
+            return "the switch says: " + std::string(reason);
+        }
         return "the switch gives no cause: see its history (ulmo-history) and whether its disk is full" +
                std::string(server.empty() ? "" : "; check user and password, too");
     case cause_bad_file_name:
         return the_server +
                " has no such file or grants no access to it: check the name as the server sees it, and for an upload whether the file "
-               "may be created there";
+               "may be created there" +
+               also;
     case cause_timeout:
-        return the_server + " did not answer the switch: check its address and the way to it, and whether it runs";
+        return the_server + " did not answer the switch: check its address and the way to it, and whether it runs" + also;
     case cause_no_space:
-        return "the side that receives is full: check the disk and quota of " + the_server;
+        return "the side that receives is full: check the disk and quota of " + the_server + also;
     case cause_bad_config:
-        return "the file is no configuration: look at what it holds, and shorten a name of more than 100 octets";
+        return "the file is no configuration: look at what it holds, and shorten a name of more than 100 octets" + also;
     case cause_unsupported_protocol:
-        return "the switch does not offer the protocol: use another one";
+        return "the switch does not offer the protocol: use another one" + also;
     case cause_not_applied:
-        return "the configuration was refused while it was applied: see /tmp/configcopy.txt on the switch for the line";
+        return because("the configuration was refused while it was applied", "see /tmp/configcopy.txt on the switch for the line");
     case cause_manager_refused:
-        return "the system manager did not begin to save: another save may be in progress, so try again, or see its log";
+        return because("the system manager did not begin to save", "another save may be in progress, so try again, or see its log");
     case cause_manager_failed:
         return is_fabric ? "not every switch of the fabric has saved: see below"
-                         : "the system manager could not save: see `cmdshell -c \"show last-save\"` on the switch";
+                         : because("the system manager could not save", "see `cmdshell -c \"show last-save\"` on the switch");
     default:
-        return "the switch gives the unknown cause " + numbered(cause);
+        return "the switch gives the unknown cause " + numbered(cause) + also;
     }
 }
 

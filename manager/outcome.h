@@ -63,8 +63,9 @@ Ending ending_of_all(const std::vector<Outcome> &outcomes);
 std::string state_name(long state);
 std::string cause_name(long cause);
 
-// Why the copy failed and what to do about it. `server` is the file server in words, empty for a copy without one.
-std::string words_of_cause(long cause, std::string_view server, bool is_fabric);
+// Why the copy failed and what to do about it. `server` is the file server in words, empty for a copy without one;
+// `reason` what the switch says, empty when it says nothing.
+std::string words_of_cause(long cause, std::string_view server, bool is_fabric, std::string_view reason = {});
 
 // Why the agent refuses the setting-up of a request with this error status about this column (0: about none), and what to do about it.
 // `low_level` as of Session::low_level().

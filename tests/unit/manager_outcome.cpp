@@ -44,6 +44,16 @@ TEST(Outcome, EachCauseHasItsWords) {
     EXPECT_EQ("not every switch of the fabric has saved: see below", words_of_cause(cause_manager_failed, "", true));
 }
 
+TEST(Outcome, WhatTheSwitchSaysIsPassedOn) {
+    constexpr char why[] = "login refused for backup";
+    for (long cause = cause_general; cause <= cause_manager_failed; ++cause) {
+        EXPECT_TRUE(words_of_cause(cause, "192.0.2.1", false, why).ends_with(why)) << cause;
+    }
+    EXPECT_EQ("the switch says: login refused for backup", words_of_cause(cause_general, "192.0.2.1", false, why));
+    EXPECT_EQ("the configuration was refused while it was applied: line 14: unknown statement 'vlna'",
+              words_of_cause(cause_not_applied, "192.0.2.1", false, "line 14: unknown statement 'vlna'"));
+}
+
 TEST(Outcome, RefusalsTellWhatToDo) {
     const std::string view = "this user or community may not write copy requests: it needs a write view with .1.3.6.1.4.1.41927.9.96";
     EXPECT_EQ(view, words_of_refusal(SNMP_ERR_NOACCESS, column_row_status, ""));

@@ -28,7 +28,7 @@ def test_running_to_a_file(options, server):
     done = config_copy(*options, AGENT, "running", f"tftp://{server}/up.cfg")
     assert done.status == DONE, done
     assert (SERVER_ROOT / "up.cfg").read_text() == show("running")
-    assert re.fullmatch(rf"({AGENT}: copy running\n)?{AGENT}: running to tftp://{re.escape(server)}/up.cfg copied in \d+\.\d\d s\n", done.out), done
+    assert re.fullmatch(rf"({AGENT}: copy running\n)?{AGENT}: running to tftp://{re.escape(server)}/up.cfg copied in \d+\.\d\d s, \d+ octets\n", done.out), done
     assert done.err == ""
 
 
@@ -60,7 +60,7 @@ def test_there_and_back_with_a_password(protocol, server, lines_of):
     serve("new.cfg", lines_of(f"vlan {next(vlans)}"))
     for words in ((f"{account(protocol, server)}/new.cfg", "running"), ("running", f"{account(protocol, server)}/back.cfg")):
         done = config_copy(AGENT, *words, stdin=os.environ["LAB_PASSWORD"] + "\n")
-        assert done.status == DONE and done.out.endswith(" s\n") and f"{words[0]} to {words[1]} copied in" in done.out, done
+        assert done.status == DONE and done.out.endswith(" octets\n") and f"{words[0]} to {words[1]} copied in" in done.out, done
     assert (SERVER_ROOT / "new.cfg").read_text() in show("running")
     assert (SERVER_ROOT / "back.cfg").read_text() == show("running")
 
@@ -122,7 +122,7 @@ def test_password_at_the_prompt():
 
 def test_wrong_password():
     done = config_copy(AGENT, "running", f"{account()}/wrong.cfg", stdin="wrong\n")
-    assert done.status == FAILED and "check user and password" in done.err, done
+    assert done.status == FAILED and f"login refused for {ACCOUNT}" in done.err, done
 
 
 def test_warning_of_a_password_in_clear():
