@@ -1,4 +1,5 @@
-"""The system's log of the lab: writes what is sent to /dev/log (syslog(3)) into a file, one message a line, with its priority in front."""
+"""The system's log of the lab: writes what is sent to /dev/log (syslog(3)) into a file, one message
+a line, with its priority in front."""
 
 import re
 import socket
@@ -6,7 +7,8 @@ import sys
 
 WELL_KNOWN = "/dev/log"
 
-with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as messages, open(sys.argv[1], "ab", buffering=0) as log:
-    messages.bind(WELL_KNOWN)
+messages = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+messages.bind(WELL_KNOWN)
+with open(sys.argv[1], "ab", buffering=0) as log:
     while True:
         log.write(re.sub(rb"[\n\0]+", b" ", messages.recv(65536)).rstrip() + b"\n")

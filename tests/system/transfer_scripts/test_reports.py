@@ -1,4 +1,5 @@
-"""What the scripts tell the copy that they work for: the reason of a failure, and what was moved. Never the password."""
+"""What the scripts tell the copy that they work for: the reason of a failure, and what was moved.
+Never the password."""
 
 import pytest
 from scripts import *
@@ -22,9 +23,15 @@ def report(here):
     return path
 
 
+def told_to(report):
+    """The environment of a script that works for a copy."""
+    return {"ULMO_COPY_REPORT": str(report)}
+
+
 def told(report):
     """The lines by their first words."""
-    return dict(line.split(" ", 1) for line in report.read_text(errors="surrogateescape").splitlines())
+    lines = report.read_text(errors="surrogateescape").splitlines()
+    return dict(line.split(" ", 1) for line in lines)
 
 
 def holds_password(text, password=SECRET):
@@ -37,9 +44,10 @@ def holds_password(text, password=SECRET):
 @pytest.mark.parametrize("when", ["before", "after"])
 def test_server_that_echoes_the_password(here, report, other_host, form, when):
     text = f"550 what is {FORMS[form]}"
-    other_host("/usr/bin/python3", "-c", FTP_SERVER, OTHER_HOST, *((text, "") if when == "before" else ("150 here", "data")), text, "500")
+    first, data = (text, "") if when == "before" else ("150 here", "data")
+    other_host("/usr/bin/python3", "-c", FTP_SERVER, OTHER_HOST, first, data, text, "500")
     wait_for(lambda: listening(21))
-    running = FTP.start("get", here / "back", "x.cfg", server=OTHER_HOST, environment={"ULMO_COPY_REPORT": str(report)})
+    running = FTP.start("get", here / "back", "x.cfg", server=OTHER_HOST, environment=told_to(report))
     running.process.wait(FOREVER)
     said = running.process.stderr.read().decode()
     assert running.process.returncode == NAME
@@ -52,7 +60,8 @@ def test_server_that_echoes_a_wrong_password(here, report, other_host):
     wait_for(lambda: listening(21))
     (here / "out").write_text("text\n")
     password = "hunter7battery"
-    running = FTP.start("put", here / "out", "x.cfg", server=OTHER_HOST, password=password, environment={"ULMO_COPY_REPORT": str(report)})
+    running = FTP.start("put", here / "out", "x.cfg", server=OTHER_HOST, password=password,
+                        environment=told_to(report))
     running.process.wait(FOREVER)
     assert running.process.returncode == LOGIN
     said = running.process.stderr.read().decode()
@@ -62,23 +71,24 @@ def test_server_that_echoes_a_wrong_password(here, report, other_host):
 
 def test_success_names_the_file(script, here, report):
     (here / "out").write_text("text\n")
-    assert script.put(here / "out", "there.cfg", environment={"ULMO_COPY_REPORT": str(report)}) == DONE
+    assert script.put(here / "out", "there.cfg", environment=told_to(report)) == DONE
     assert report.read_text() == f"file {here}/out\n"
     report.write_text("")
-    assert script.get("there.cfg", here / "back", environment={"ULMO_COPY_REPORT": str(report)}) == DONE
+    assert script.get("there.cfg", here / "back", environment=told_to(report)) == DONE
     assert report.read_text() == f"file {here}/back\n"
 
 
 def test_no_line_of_the_report_is_of_others_making(script, here, report):
     """A name that breaks the line is refused, and told on one line."""
-    assert script.put(here / "out", "x", user="a\nfile /etc/shadow", environment={"ULMO_COPY_REPORT": str(report)}) == LOGIN
+    user = "a\nfile /etc/shadow"
+    assert script.put(here / "out", "x", user=user, environment=told_to(report)) == LOGIN
     assert report.read_text() == "reason login refused for a file /etc/shadow\n"
 
 
 def test_clients_do_not_see_the_report(script, here, report, transfers, slow_link):
     slow_link(800)
     transfer = transfers([script], bytes(40_000))[0]
-    transfer.start(environment={"ULMO_COPY_REPORT": str(report)})
+    transfer.start(environment=told_to(report))
     seen = set()
     while transfer.running.process.poll() is None:
         for pid in transfer.running.family()[1:]:
