@@ -150,7 +150,7 @@ class Run {
             return {};
         }
         const std::string index = std::to_string(waiting->name.back());
-        return "another manager's request " + index + " waits to be started and would be spoilt by this save (`config-copy abort " +
+        return "another manager's request " + index + " waits to be started, and this save would disturb it (`config-copy abort " +
                session_.agent() + ' ' + index + "` removes it)";
     }
 
@@ -216,7 +216,7 @@ class Run {
                               session_.agent() + ": " + words_of_refusal(result->status, name[name.size() - 2], session_.low_level()));
             }
         }
-        throw Failure(Ending::unreachable, session_.agent() + " answers, but no copy request can be made: too much is lost on the way");
+        throw Failure(Ending::unreachable, session_.agent() + " answers, but no copy request can be made: too many packets are lost");
     }
 
     // Alone in its SET, so that a refusal does not harm the row. False when another copy is in progress.
@@ -238,7 +238,7 @@ class Run {
             }
             is_sure = false;
         }
-        throw Failure(Ending::unreachable, session_.agent() + " answers, but the copy can't be started: too much is lost on the way");
+        throw Failure(Ending::unreachable, session_.agent() + " answers, but the copy can't be started: too many packets are lost");
     }
 
     long state() {

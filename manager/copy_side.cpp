@@ -127,7 +127,7 @@ FileUrl parse_url(std::string_view text, std::size_t scheme_length) {
     if (const std::size_t at = authority.rfind('@'); at != std::string_view::npos) {
         const std::string_view user = authority.substr(0, at);
         if (user.find(':') != std::string_view::npos) {
-            throw bad_usage("no password belongs into a URL, where others see it: use --password-file, standard input or the prompt");
+            throw bad_usage("a password in a URL can be seen by others: use --password-file, standard input or the prompt");
         }
         url.user = decoded(user);
         check_characters("user name", url.user);
@@ -199,14 +199,14 @@ CopySide parse_side(std::string_view text) {
 void check_pair(const CopySide &from, const CopySide &to) {
     const auto is_several = [](FileType type) { return type == FileType::fabric_startup || type == FileType::all_startup; };
     if (is_several(from.type)) {
-        throw bad_usage(std::string(name_of(from.type)) + " is only something to copy to; to copy from this switch's own, write startup");
+        throw bad_usage(std::string(name_of(from.type)) + " can only be copied to; to copy from this switch's own, write startup");
     }
     if (from.type == FileType::network && to.type == FileType::network) {
         throw bad_usage("both sides are files on a server: one of them must be running or startup");
     }
     if (from.type == to.type) {
         throw bad_usage("from " + std::string(name_of(from.type)) + " to " + std::string(name_of(to.type)) +
-                        " is no copy: name two different sides");
+                        " copies nothing: name two different sides");
     }
     if (from.type == FileType::network && to.type == FileType::startup) {
         throw bad_usage("the switch copies no file straight to startup: copy it to running, then running to startup");

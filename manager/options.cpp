@@ -30,7 +30,7 @@ long number_of(std::string_view what, std::string_view text, long least, long mo
     long value = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
     if (error != std::errc() || end != text.data() + text.size() || value < least || value > most) {
-        throw bad_usage(std::string(what) + " wants a number from " + std::to_string(least) + " to " + std::to_string(most) + ", not \"" +
+        throw bad_usage(std::string(what) + " needs a number from " + std::to_string(least) + " to " + std::to_string(most) + ", not \"" +
                         std::string(text) + '"');
     }
     return value;
@@ -98,16 +98,16 @@ void check_value(char letter, const std::string &value) {
     constexpr std::size_t shortest_passphrase = 8; // RFC 3414, section 11.2
     const std::string option = std::string("-") + letter;
     if (letter == 'v' && value != "1" && ::strcasecmp(value.c_str(), "2c") != 0 && value != "3") {
-        throw bad_usage("-v wants the version of SNMP, 1, 2c or 3, not \"" + value + '"');
+        throw bad_usage("-v needs the version of SNMP, 1, 2c or 3, not \"" + value + '"');
     }
     if (letter == 'a' && ::usm_lookup_auth_type(value.c_str()) < 0) {
-        throw bad_usage("-a wants an authentication protocol, such as SHA-256, not \"" + value + '"');
+        throw bad_usage("-a needs an authentication protocol, such as SHA-256, not \"" + value + '"');
     }
     if (letter == 'x' && ::usm_lookup_priv_type(value.c_str()) < 0) {
-        throw bad_usage("-x wants a privacy protocol, such as AES, not \"" + value + '"');
+        throw bad_usage("-x needs a privacy protocol, such as AES, not \"" + value + '"');
     }
     if ((letter == 'A' || letter == 'X') && value.size() < shortest_passphrase) {
-        throw bad_usage(option + " wants a passphrase of at least " + std::to_string(shortest_passphrase) + " characters");
+        throw bad_usage(option + " needs a passphrase of at least " + std::to_string(shortest_passphrase) + " characters");
     }
 }
 
@@ -126,7 +126,7 @@ bool takes_next_word(std::string_view word, const char *next) {
     }
     const bool is_next = at + 1 == word.size();
     if (is_next && next == nullptr) {
-        throw bad_usage(std::string("-") + word[at] + " wants a value (config-copy --help)");
+        throw bad_usage(std::string("-") + word[at] + " needs a value (config-copy --help)");
     }
     check_value(word[at], is_next ? std::string(next) : std::string(word.substr(at + 1)));
     return is_next;
@@ -212,17 +212,17 @@ with percent-encoding; {host} and {date} in PATH are filled in.
 options: those of snmpcmd(1), such as
   -v 3 -u USER -l authPriv -a SHA-256 -A PASSPHRASE -x AES -X PASSPHRASE,
 whose defaults come from snmp.conf, and
-  --hosts FILE           copy on each agent that FILE lists, one a line;
+  --hosts FILE           copy on each agent that FILE lists, one per line;
                          standard input for -
-  --jobs N               on so many agents at a time (default: 50)
+  --jobs N               on up to N agents at a time (default: 50)
   --password-file FILE   the file server's password is the first line of FILE,
                          of standard input for -; otherwise it is asked for
-  --wait-turn SECONDS    wait so long for another copy on the switch to end
-  --time-limit SECONDS   give a copy up after so long (default: 600)
+  --wait-turn SECONDS    wait up to SECONDS for another copy to end
+  --time-limit SECONDS   give up a copy that takes longer (default: 600)
   --dry-run              ask the agent and tell what would be done; set nothing
   -q, --quiet            print nothing but what went wrong
   --verbose              tell each SNMP message on standard error
-  --json                 print JSON, one object a line
+  --json                 print JSON, one object per line
   -h, --help             print this
   --version              print the version
 
@@ -247,7 +247,7 @@ Words split_words(int count, char **words, Options &options) {
         const std::size_t equals = word.find('=');
         const std::string_view name = word.substr(0, equals);
         if (name == "--password") {
-            throw bad_usage("no password belongs into an argument, where others see it: use --password-file, standard input or the prompt");
+            throw bad_usage("a password in an argument can be seen by others: use --password-file, standard input or the prompt");
         }
         const auto *own =
             std::find_if(own_options.begin(), own_options.end(), [&](const OwnOption &option) { return option.name == name; });
@@ -262,7 +262,7 @@ Words split_words(int count, char **words, Options &options) {
             } else if (equals != std::string_view::npos) {
                 value = word.substr(equals + 1);
             } else if (i + 1 == count) {
-                throw bad_usage(std::string(name) + " wants a value (config-copy --help)");
+                throw bad_usage(std::string(name) + " needs a value (config-copy --help)");
             } else {
                 value = words[++i];
             }
@@ -325,7 +325,7 @@ std::vector<std::string> read_hosts(const std::string &file) {
     std::istream &stream = file == "-" ? std::cin : opened;
     std::vector<std::string> hosts;
     const auto refused = [&](const std::string &line) {
-        return bad_usage("in " + where + " \"" + line + "\" is not one agent: write one a line");
+        return bad_usage("in " + where + " \"" + line + "\" is more than one agent: write one per line");
     };
     constexpr std::string_view blanks = " \t\r";
     for (std::string line; std::getline(stream, line);) {
@@ -340,7 +340,7 @@ std::vector<std::string> read_hosts(const std::string &file) {
         }
     }
     if (hosts.empty()) {
-        throw bad_usage(where + " lists no agent: write one a line");
+        throw bad_usage(where + " lists no agent: write one per line");
     }
     return hosts;
 }

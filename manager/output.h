@@ -1,4 +1,4 @@
-// What the user sees: texts, with a live line on a terminal, or JSON, one object a line.
+// What the user sees: texts, with a live line on a terminal, or JSON, one object per line.
 #pragma once
 
 #include "manager/outcome.h"

@@ -33,7 +33,7 @@ ServerAddress server_address(const std::string &host) {
         sockaddr_in6 socket_address{};
         std::memcpy(&socket_address, list->ai_addr, sizeof socket_address);
         if (socket_address.sin6_scope_id != 0) {
-            throw bad_usage("the file server's address " + host + " holds on one link of this machine only: write a global address");
+            throw bad_usage("the file server's address " + host + " is valid on one link of this machine only: write a global address");
         }
         address = {address_ipv6, std::string(reinterpret_cast<const char *>(&socket_address.sin6_addr), sizeof socket_address.sin6_addr)};
     } else {

@@ -97,8 +97,7 @@ TEST(CopySide, RefusedUrls) {
     EXPECT_EQ("no user in \"ftp://h/a\": write ftp://user@host/path", refusal("ftp://h/a"));
     EXPECT_EQ("no user in \"scp://h/a\": write scp://user@host/path", refusal("scp://h/a"));
     EXPECT_EQ("no user in \"scp://@h/a\": write scp://user@host/path", refusal("scp://@h/a"));
-    EXPECT_EQ("no password belongs into a URL, where others see it: use --password-file, standard input or the prompt",
-              refusal("ftp://u:p@h/a"));
+    EXPECT_EQ("a password in a URL can be seen by others: use --password-file, standard input or the prompt", refusal("ftp://u:p@h/a"));
     EXPECT_EQ("a port can't be chosen (\"scp://h:22/a\"): the switch uses the protocol's own, so leave it out", refusal("scp://h:22/a"));
     EXPECT_EQ("a port can't be chosen (\"scp://[::2]:22/a\"): the switch uses the protocol's own, so leave it out",
               refusal("scp://[::2]:22/a"));
@@ -117,14 +116,14 @@ TEST(CopySide, PairsThatAreCopies) {
 }
 
 TEST(CopySide, PairsThatAreNone) {
-    EXPECT_EQ("from running to running is no copy: name two different sides", pair_refusal("running", "running"));
-    EXPECT_EQ("from startup to startup is no copy: name two different sides", pair_refusal("startup", "startup"));
+    EXPECT_EQ("from running to running copies nothing: name two different sides", pair_refusal("running", "running"));
+    EXPECT_EQ("from startup to startup copies nothing: name two different sides", pair_refusal("startup", "startup"));
     EXPECT_EQ("both sides are files on a server: one of them must be running or startup", pair_refusal("tftp://h/a", "tftp://h/b"));
     EXPECT_EQ("the switch copies no file straight to startup: copy it to running, then running to startup",
               pair_refusal("tftp://h/a", "startup"));
     EXPECT_EQ("only running can be copied to fabric-startup", pair_refusal("startup", "fabric-startup"));
     EXPECT_EQ("only running can be copied to all-startup", pair_refusal("tftp://h/a", "all-startup"));
-    EXPECT_EQ("fabric-startup is only something to copy to; to copy from this switch's own, write startup",
+    EXPECT_EQ("fabric-startup can only be copied to; to copy from this switch's own, write startup",
               pair_refusal("fabric-startup", "running"));
 }
 

@@ -60,10 +60,10 @@ TEST(Options, AfterTwoHyphensAllAreArguments) {
 }
 
 TEST(Options, RefusedValues) {
-    EXPECT_EQ("--jobs wants a number from 1 to 1000, not \"0\"", usage_failure([] { split({"--jobs", "0"}); }));
-    EXPECT_EQ("--wait-turn wants a number from 0 to 604800, not \"5s\"", usage_failure([] { split({"--wait-turn=5s"}); }));
-    EXPECT_EQ("--time-limit wants a value (config-copy --help)", usage_failure([] { split({"--time-limit"}); }));
-    EXPECT_EQ("no password belongs into an argument, where others see it: use --password-file, standard input or the prompt",
+    EXPECT_EQ("--jobs needs a number from 1 to 1000, not \"0\"", usage_failure([] { split({"--jobs", "0"}); }));
+    EXPECT_EQ("--wait-turn needs a number from 0 to 604800, not \"5s\"", usage_failure([] { split({"--wait-turn=5s"}); }));
+    EXPECT_EQ("--time-limit needs a value (config-copy --help)", usage_failure([] { split({"--time-limit"}); }));
+    EXPECT_EQ("a password in an argument can be seen by others: use --password-file, standard input or the prompt",
               usage_failure([] { split({"--password=secret"}); }));
 }
 
@@ -124,12 +124,12 @@ TEST_F(CommandLine, LongOptionsAreOursOrTokensOfSnmpConf) {
 
 TEST(Options, TheLibrarysHaveTheirValues) {
     const auto refusal = [](const char *option, const char *value) { return usage_failure([&] { split({option, value}); }); };
-    EXPECT_EQ("-v wants the version of SNMP, 1, 2c or 3, not \"agent\"", refusal("-v", "agent"));
-    EXPECT_EQ("-v wants the version of SNMP, 1, 2c or 3, not \"4\"", refusal("-dv4", "agent"));
-    EXPECT_EQ("-v wants a value (config-copy --help)", refusal("agent", "-v"));
-    EXPECT_EQ("-a wants an authentication protocol, such as SHA-256, not \"-A\"", refusal("-a", "-A"));
-    EXPECT_EQ("-x wants a privacy protocol, such as AES, not \"-X\"", refusal("-x", "-X"));
-    EXPECT_EQ("-X wants a passphrase of at least 8 characters", refusal("-X", "agent"));
+    EXPECT_EQ("-v needs the version of SNMP, 1, 2c or 3, not \"agent\"", refusal("-v", "agent"));
+    EXPECT_EQ("-v needs the version of SNMP, 1, 2c or 3, not \"4\"", refusal("-dv4", "agent"));
+    EXPECT_EQ("-v needs a value (config-copy --help)", refusal("agent", "-v"));
+    EXPECT_EQ("-a needs an authentication protocol, such as SHA-256, not \"-A\"", refusal("-a", "-A"));
+    EXPECT_EQ("-x needs a privacy protocol, such as AES, not \"-X\"", refusal("-x", "-X"));
+    EXPECT_EQ("-X needs a passphrase of at least 8 characters", refusal("-X", "agent"));
     EXPECT_EQ((Texts{"-v", "2C", "-aSHA", "-x", "aes", "-A", "12345678"}),
               split({"-v", "2C", "-aSHA", "-x", "aes", "-A", "12345678"}).library);
 }
@@ -176,9 +176,10 @@ TEST(Options, HostsFile) {
     std::ofstream(file) << "# all\n switch1 # the first\r\n\n\tudp6:[::1]:161\n";
     EXPECT_EQ((Texts{"switch1", "udp6:[::1]:161"}), read_hosts(file));
     std::ofstream(file) << "a b\n";
-    EXPECT_EQ("in the hosts file " + file + " \"a b\" is not one agent: write one a line", usage_failure([&] { read_hosts(file); }));
+    EXPECT_EQ("in the hosts file " + file + " \"a b\" is more than one agent: write one per line",
+              usage_failure([&] { read_hosts(file); }));
     std::ofstream(file) << "#\n";
-    EXPECT_EQ("the hosts file " + file + " lists no agent: write one a line", usage_failure([&] { read_hosts(file); }));
+    EXPECT_EQ("the hosts file " + file + " lists no agent: write one per line", usage_failure([&] { read_hosts(file); }));
     EXPECT_EQ("the hosts file /nonexistent can't be read: No such file or directory", usage_failure([] { read_hosts("/nonexistent"); }));
 }
 

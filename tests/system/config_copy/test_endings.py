@@ -106,7 +106,7 @@ def test_request_that_somebody_removes(operator):
 
 @pytest.mark.parametrize("words, text", [
     ((), "name AGENT, FROM and TO (config-copy --help)"),
-    ((AGENT, "running", "running"), "from running to running is no copy: name two different sides"),
+    ((AGENT, "running", "running"), "from running to running copies nothing: name two different sides"),
     ((AGENT, "http://h/a", "running"), 'unknown scheme "http": use tftp, ftp, sftp or scp'),
     ((AGENT, "running", "tftp:///a"), 'no host in "tftp:///a": write tftp://host/path'),
     ((AGENT, "running", f"scp://{SERVER4}/a"), f'no user in "scp://{SERVER4}/a": write scp://user@host/path'),
@@ -117,11 +117,11 @@ def test_request_that_somebody_removes(operator):
                                                   "standard input"),
     (("--password-file", "/nonexistent", AGENT, "running", f"sftp://u@{SERVER4}/a"), "the password file /nonexistent can't be read: No such file or directory"),
     (("--password-file", "/tmp", AGENT, "running", f"sftp://u@{SERVER4}/a"), "the password file /tmp can't be read: Is a directory"),
-    (("-v", AGENT, "running", "startup"), f'-v wants the version of SNMP, 1, 2c or 3, not "{AGENT}"'),
+    (("-v", AGENT, "running", "startup"), f'-v needs the version of SNMP, 1, 2c or 3, not "{AGENT}"'),
     (("", "running", "startup"), "AGENT is empty: write the switch's name or address"),
-    (("--jobs", "0", AGENT, "running", "startup"), '--jobs wants a number from 1 to 1000, not "0"'),
+    (("--jobs", "0", AGENT, "running", "startup"), '--jobs needs a number from 1 to 1000, not "0"'),
     (("abort", AGENT), "write config-copy abort AGENT INDEX"),
-    (("errors", AGENT, "0"), 'INDEX wants a number from 1 to 2147483647, not "0"'),
+    (("errors", AGENT, "0"), 'INDEX needs a number from 1 to 2147483647, not "0"'),
 ])
 def test_usage(words, text):
     check(config_copy(*words), USAGE, text)
@@ -291,7 +291,7 @@ def test_another_copy_is_in_progress(operator):
 def test_a_save_spoils_no_request_that_waits(operator):
     other = Request(operator).create(*upload(SERVER4, "later.cfg"))
     done = config_copy(AGENT, "running", "startup")
-    assert done.status == BUSY and f"another manager's request {other.index} waits to be started and would be spoilt by this save" in done.err, done
+    assert done.status == BUSY and f"another manager's request {other.index} waits to be started, and this save would disturb it" in done.err, done
     assert other.get(STATE) == STATE_WAITING
     assert config_copy(AGENT, "running", f"{SERVER}/now.cfg").status == DONE
     other.copied().destroy()

@@ -30,7 +30,7 @@ def test_agent_that_goes_before_the_activation(operator):
 def test_no_write_comes_through_after_the_first(operator):
     done, carried = through_relay(lambda kind, number: kind != SET or number == 1, "-t", "0.3", "-r", "0")
     (index,) = rows(operator)
-    assert done.status == UNREACHABLE and " answers, but the copy can't be started: too much is lost on the way; its request " in done.err, done
+    assert done.status == UNREACHABLE and " answers, but the copy can't be started: too many packets are lost; its request " in done.err, done
     assert Request(operator, index).get(STATE) == STATE_WAITING
 
 

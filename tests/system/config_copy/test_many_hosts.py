@@ -148,13 +148,13 @@ def test_agents_on_standard_input(own_agents):
     done = config_copy(*USER, "--hosts", "-", "running", f"scp://u@{SERVER4}/{{host}}", stdin=first, start_new_session=True)
     assert (done.status, done.err) == (USAGE, f"config-copy: no terminal to ask for the password of u@{SERVER4}: use --password-file or standard input\n")
     done = config_copy("--hosts", "-", "running", "startup", stdin="#\n")
-    assert (done.status, done.err) == (USAGE, "config-copy: standard input lists no agent: write one a line\n")
+    assert (done.status, done.err) == (USAGE, "config-copy: standard input lists no agent: write one per line\n")
 
 
 @pytest.mark.parametrize("lines, url, text", [
     ("a\nb\n", "tftp://h/a", "every agent would write the same file: put {host} into the path"),
     ("a\na\n", "tftp://h/{host}", "a is listed twice in the hosts file {file}, or looks like another agent there in a file's name"),
-    ("", "tftp://h/{host}", "the hosts file {file} lists no agent: write one a line"),
+    ("", "tftp://h/{host}", "the hosts file {file} lists no agent: write one per line"),
 ])
 def test_bad_hosts(tmp_path, lines, url, text):
     file = tmp_path / "hosts"
