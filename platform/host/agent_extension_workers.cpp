@@ -135,8 +135,7 @@ std::filesystem::path worker_directory(pid_t worker) {
 void become_worker(const std::vector<int> &foreign) noexcept {
     reset_signals();
     try {
-        // Before anything is sent: other rules might hold for it than those that could be read, and the module can't refuse by them.
-        require_settings();
+        // Before anything is sent, and not where the module asks: it can't refuse. Throws, too, when the file can't be read.
         static_cast<void>(number_setting("chassis_type"));
     } catch (const std::exception &failure) {
         log_error("worker: the copy is refused: %s", failure.what());
