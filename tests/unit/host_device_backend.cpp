@@ -8,6 +8,7 @@
 #include "tests/unit/superuser.h"
 
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <algorithm>
@@ -421,7 +422,18 @@ TEST_F(DeviceBackend, AKilledWriterLeavesWholeFiles) {
     std::mt19937 random(20240501);
     unsigned seen[2] = {0, 0};
     unsigned interrupted = 0;
-    for (unsigned round = 0; round < 250; ++round) {
+    // What tells that a writer is at work on one of the files that it then renames.
+    const auto traces = [this] {
+        std::vector<long> all;
+        for (const char *name : {"running.cfg.new", "system.cfg.new"}) {
+            struct stat status {};
+            ::stat((state() / name).c_str(), &status);
+            all.insert(all.end(), {static_cast<long>(status.st_ino), status.st_size, status.st_mtim.tv_sec, status.st_mtim.tv_nsec});
+        }
+        return all;
+    };
+    for (unsigned round = 0; round < 150; ++round) {
+        const auto left = traces();
         const pid_t child = ::fork();
         if (child == 0) {
             try {
@@ -434,7 +446,13 @@ TEST_F(DeviceBackend, AKilledWriterLeavesWholeFiles) {
                 ::_exit(1);
             }
         }
-        std::this_thread::sleep_for(std::chrono::microseconds(500 + random() % 15'000));
+        const auto given_up = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        while (traces() == left && std::chrono::steady_clock::now() < given_up) {
+            std::this_thread::yield();
+        }
+        if (round % 2 != 0) { // not at once, but in whatever it does then
+            std::this_thread::sleep_for(std::chrono::microseconds(random() % 15'000));
+        }
         ASSERT_EQ(::kill(child, SIGKILL), 0);
         int status = 0;
         ASSERT_EQ(::waitpid(child, &status, 0), child);

@@ -314,7 +314,7 @@ class WardenTest : public DeviceTest {
             std::count_if(lines.begin(), lines.end(), [&](const std::string &line) { return matches(line, wanted); }));
     }
     bool logs(const std::string &line) const {
-        return comes_true([&] { return count(line) > 0; }, 5s);
+        return comes_true([&] { return count(line) > 0; });
     }
     static bool matches(const std::string &line, const std::string &wanted) {
         std::size_t at = 0;
