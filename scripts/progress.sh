@@ -34,13 +34,14 @@ follow() {
     local line far
     while IFS= read -r line; do
         printf '%s\n' "$line" >&3
+        far=
         case $line in
             '['*/*']'*) [[ $line =~ ^\[([0-9]+)/([0-9]+)\] ]] && far="${BASH_REMATCH[1]} of ${BASH_REMATCH[2]}" ;;
             *' Test '*) [[ $line =~ ^\ *([0-9]+)/([0-9]+)\ Test\  ]] && far="${BASH_REMATCH[1]} of ${BASH_REMATCH[2]}" ;;
             dlstatus:*) [[ $line =~ ^dlstatus:[^:]*:([0-9]+) ]] && far="${BASH_REMATCH[1]} % downloaded" ;;
             pmstatus:*) [[ $line =~ ^pmstatus:[^:]*:([0-9]+) ]] && far="${BASH_REMATCH[1]} % installed" ;;
         esac
-        if [[ ${far:-} ]] && ((SECONDS - last >= every)); then
+        if [[ $far ]] && ((SECONDS - last >= every)); then
             last=$SECONDS
             tell "$far"
         fi

@@ -7,6 +7,7 @@
 #
 # Without FOLDER all of them. With --results, a report in JUnit's form for each folder, and the daemons' logs, go to DIR.
 set -euo pipefail
+umask 022 # what the tests leave as root is for the caller to read
 
 scripts=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 tests=$(dirname "$scripts")/tests
@@ -28,14 +29,14 @@ if [[ ${#folders[@]} -eq 0 ]]; then
     folders+=(lab)
 fi
 
-rm -rf "$results"
+as_root=()
+[[ $EUID -eq 0 ]] || as_root=(sudo)
+"${as_root[@]}" rm -rf "$results" # a lab leaves its logs as root
 mkdir -p "$results"
 "$scripts/lab.sh" exec -- true # brings the build up to date
 if [[ " ${folders[*]} " == *" packages "* ]]; then
     "$scripts/package.sh" >"$results/package.log" 2>&1 || { cat "$results/package.log"; exit 1; }
 fi
-as_root=()
-[[ $EUID -eq 0 ]] || as_root=(sudo)
 status=0
 pytest=(env PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 -m pytest -p no:cacheprovider -q --durations=5 --strict-markers)
 
@@ -56,11 +57,13 @@ run_folder() {
 
 # Labs don't meet, and their tests mostly wait: two at a time. A folder's output is shown when it has ended.
 declare -A running=()
+shown=0
 show_next() {
     local ended
     wait -n -p ended "${!running[@]}" || status=1
     cat "$results/${running[$ended]}.log"
     unset "running[$ended]"
+    echo "-- $((++shown)) of ${#folders[@]} folders, $SECONDS s"
 }
 for folder in "${folders[@]}"; do
     [[ $folder != lab ]] || continue

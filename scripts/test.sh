@@ -38,6 +38,8 @@ build() {
     scripts/progress.sh "build/$preset" cmake --build --preset "$preset"
 }
 
+build_release() { build release -DCCM_UNIT_TESTS=ON -DCCM_BENCH=ON; }
+
 step_format() {
     section "clang-format"
     own_sources | xargs clang-format --dry-run --Werror
@@ -46,7 +48,7 @@ step_format() {
 step_build() {
     section "build: clang++ with sanitizers, g++ release"
     build asan
-    build release -DCCM_UNIT_TESTS=ON -DCCM_BENCH=ON
+    build_release
 }
 
 # In the background and with what the other steps leave of the processors: they wait a lot.
@@ -87,6 +89,7 @@ run_ctest() {
 step_unit() {
     section "unit tests under AddressSanitizer and UndefinedBehaviorSanitizer, and of the release; MIB module, documentation"
     run_ctest asan
+    build_release # again, as to make the packages leaves the tests out
     run_ctest release
 }
 
