@@ -112,7 +112,8 @@ class FileServer:
 
     def _serves_file(self, url, *options):
         """A real download works. From the switch, but for a link that loses frames, which says nothing about the server, and for a VRF."""
-        fetch = ("curl", "--silent", "--max-time", "0.5", *options, f"{url}.probe")
+        # A TFTP request that comes before the server listens is lost: better to ask again soon. A login takes its time.
+        fetch = ("curl", "--silent", "--max-time", "0.5" if url.startswith("tftp:") else "5", *options, f"{url}.probe")
         if network.wants_relay(self.options) or self.options["vrf"]:
             fetch = network.on_server(*fetch)
 
@@ -121,7 +122,7 @@ class FileServer:
             probe.write_text("ready\n")
             probe.chmod(0o644)
             try:
-                return output_of(*fetch) == "ready\n"
+                return output_of(*fetch, within=10) == "ready\n"
             finally:
                 probe.unlink()
 

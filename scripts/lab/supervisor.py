@@ -47,10 +47,10 @@ class Lab:
     # Setting up
 
     def set_up(self):
+        os.umask(0o022)
         repository, build, directory = (Path(self.orders[name]) for name in ("repository", "build_dir", "directory"))
         private_root.enter([repository, build, directory],
                            {UNPACKED: repository / "build" / "lab", BUILD: build, SCRIPTS: repository / "scripts" / "lab"})
-        os.umask(0o022)
         socket.sethostname("lab-switch")
         for path in (LOG, LAB / "bin", LAB / "manager", Path("/ulmo/bin")):
             folder(path)

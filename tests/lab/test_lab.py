@@ -305,7 +305,8 @@ done
 
 def test_checkout_that_only_its_owner_may_enter(checkout_elsewhere):
     words = [checkout_elsewhere / "scripts" / "lab.sh", "exec", "--no-build", "--", "sh", "-c", EVERY_PROTOCOL]
-    done = subprocess.run(words, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, timeout=120)
+    done = subprocess.run(words, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, timeout=120,
+                          umask=0o077)
     assert done.returncode == 0 and done.stdout.splitlines().count("equal") == 5, done.stdout
 
 
