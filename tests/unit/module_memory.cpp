@@ -67,7 +67,7 @@ class Memory : public LoadedModuleTest {
 TEST_F(Memory, CopiesWhoseRowsAreGoneGoWithTheNextAgeOutPass) {
     create(50);
     leave_copy(50);
-    for (const oid index : {1, 49, 51, 2147483647}) {
+    for (const oid index : {1UL, 49UL, 51UL, 2147483647UL}) {
         leave_orphan(index);
     }
     ASSERT_EQ(copies(), (std::vector<int32_t>{1, 49, 50, 51, 2147483647}));
