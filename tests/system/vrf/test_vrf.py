@@ -1,9 +1,16 @@
 """A chassis whose management traffic lives in a VRF: transfers go through the program."""
 
+import hashlib
 import os
 
 import pytest
 from copy_table import *
+
+
+def newest_line():
+    """Of the copies' lines: it is there before the row can be seen to have ended."""
+    return run("cmdshell", "-c", "show copies").splitlines()[0]
+
 
 SERVERS = pytest.mark.parametrize("server", [SERVER4, SERVER6], ids=["ipv4", "ipv6"])
 
@@ -12,6 +19,8 @@ SERVERS = pytest.mark.parametrize("server", [SERVER4, SERVER6], ids=["ipv4", "ip
 def test_running_to_server(manager, server):
     Request(manager).create(*upload(server, "vrf.cfg")).copied()
     assert (SERVER_ROOT / "vrf.cfg").read_text() == show("running")
+    digest = hashlib.sha256((SERVER_ROOT / "vrf.cfg").read_bytes()).hexdigest()
+    assert f" sha256={digest} " in newest_line()
 
 
 @SERVERS
@@ -23,6 +32,7 @@ def test_server_to_running(manager, server, lines_of):
 
 def test_every_failure_of_the_program_is_a_general_one(manager):
     assert Request(manager).create(*download(SERVER4, "absent.cfg")).fails() == GENERAL
+    assert 'reason="File not found (' in newest_line()
     assert Request(manager).create(*upload("198.51.100.1", "nowhere.cfg")).fails() == GENERAL
 
 
