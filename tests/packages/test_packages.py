@@ -211,6 +211,10 @@ def test_transfer_scripts_run(switch, protocol):
     assert "secret" not in switch.shell("journalctl --no-pager")
 
 
+def test_system_manager_may_do_little(switch):
+    switch.run("systemd-analyze", "security", "--no-pager", "--threshold=20", "wardend.service")  # 2.0
+
+
 def test_mib_module(switch):
     names = switch.shell("snmptranslate -M /usr/share/snmp/mibs:/usr/share/config-copy-mib/mibs -m CONFIG-COPY-MIB -On CONFIG-COPY-MIB::ccCopyState.7")
     assert names == f"{COPY_STATE}.7\n"
