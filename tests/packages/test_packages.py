@@ -1,6 +1,7 @@
 """The packages on a Debian 12 with an agent: they come, work, are upgraded and go. Each test goes on from the one before."""
 
 import re
+import os
 import shutil
 import time
 
@@ -298,3 +299,11 @@ def test_agent_that_comes_with_the_package(switch, packages):
     assert strangers(switch) == ""
     switch.install(packages["config-copy"])
     config_copy(switch, "running startup")
+
+
+def test_packages_tell_nothing_of_where_they_were_made(packages):
+    """So they are the same wherever they are made: neither the code, nor what is stripped from it and goes into its build ID."""
+    packed = {path.rpartition("/")[2] for package in packages.values() for path in run("dpkg", "-c", package).stdout.split()}
+    made = [path for folder in ("bin", "lib") for path in (REPOSITORY / "build/release" / folder).iterdir() if path.name in packed]
+    assert {"config_copy_mib.so", "libulmo_platform.so", "wardend", "config-copy"} <= {path.name for path in made}
+    assert [path.name for path in made if os.fsencode(REPOSITORY) in path.read_bytes()] == []
