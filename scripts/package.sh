@@ -1,13 +1,13 @@
 #!/usr/bin/env bash
-# Builds the Debian packages config-copy-mib and config-copy from the release build, and checks them with lintian. They are in build/packages.
+# Makes the Debian packages of the release build, the one that the lab runs, and checks them with lintian. They are in build/packages.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 bash scripts/install-packages.sh lab packaging
 rm -rf build/packages
 mkdir -p build/packages
-dh_clean
-DEB_RULES_REQUIRES_ROOT=no debian/rules binary packages=build/packages
-dh_clean
+builddir=build/release packages=build/packages dpkg-buildpackage --build=binary --no-sign --post-clean \
+    --buildinfo-file=build/packages/build.buildinfo --buildinfo-option=-ubuild/packages \
+    --changes-file=build/packages/build.changes --changes-option=-ubuild/packages
 lintian --fail-on error --tag-display-limit 0 build/packages/*.deb
 ls -l build/packages

@@ -14,7 +14,7 @@ PLACE = REPOSITORY / "build/package-test"
 UNPACKED = REPOSITORY / "build/lab"
 SWITCH, SERVER = "192.0.2.1", "192.0.2.2"
 # What a switch has before the packages come, beside what they say that they need, the agent among it.
-PRESENT = ("systemd-sysv", "dbus", "snmp")
+PRESENT = ("systemd-sysv", "dbus", "snmp", "tftpd-hpa")  # the last one for debian/tests
 
 
 def run(*words, check=True, **options):
@@ -25,8 +25,9 @@ def run(*words, check=True, **options):
 
 
 def needs_of(package):
-    """The packages that it depends on, of alternatives the first."""
-    return [need.split("|")[0].split("(")[0].strip() for need in run("dpkg-deb", "-f", package, "Depends").stdout.split(",")]
+    """The packages of Debian that it depends on, of alternatives the first."""
+    needs = (need.split("|")[0].split("(")[0].strip() for need in run("dpkg-deb", "-f", package, "Depends").stdout.split(","))
+    return [need for need in needs if need and not need.startswith("config-copy")]
 
 
 def wait_until(holds, within=20):
@@ -118,7 +119,7 @@ class Switch:
 @pytest.fixture(scope="session")
 def packages():
     """The packages of scripts/package.sh, by name."""
-    found = {name: list((REPOSITORY / "build/packages").glob(f"{name}_*.deb")) for name in ("config-copy", "config-copy-mib")}
+    found = {name: list((REPOSITORY / "build/packages").glob(f"{name}_*.deb")) for name in ("config-copy", "config-copy-mib", "config-copy-mib-common")}
     assert all(len(files) == 1 for files in found.values()), "scripts/package.sh makes them"
     return {name: files[0] for name, files in found.items()}
 

@@ -1,22 +1,19 @@
 """The packages on a Debian 12 with an agent: they come, work, are upgraded and go. Each test goes on from the one before."""
 
-import re
 import os
+import re
 import shutil
 import time
 
 import pytest
-from conftest import PLACE, REPOSITORY, SERVER, run, wait_until
+from conftest import PLACE, REPOSITORY, SERVER, SWITCH, run, wait_until
 
 COPY_STATE, ROW_STATUS = ".1.3.6.1.4.1.41927.9.96.1.1.1.1.10", ".1.3.6.1.4.1.41927.9.96.1.1.1.1.14"
 CREATE_AND_WAIT, DESTROY = "5", "6"
 UPTIME = ".1.3.6.1.2.1.1.3.0"
 USER = "-v3 -l authPriv -u operator -a SHA-256 -A auth-passphrase -x AES -X priv-passphrase"
-ACCESS = """
-rwuser operator priv -V copies
-view copies included .1.3.6.1.2.1.1
-view copies included .1.3.6.1.4.1.41927.9.96
-"""
+README = (REPOSITORY / "debian/config-copy-mib.README.Debian").read_text()
+LOG_OF_BEFORE = "/var/log/snmpd-transfers.log"
 
 
 def agent_answers(switch):
@@ -41,14 +38,35 @@ def owner(switch, path):
     return switch.run("stat", "-c", "%U", path).stdout.strip()
 
 
+def lines_of_readme(first, last):
+    """Its lines from the one that begins with the first words to the one that begins with the last."""
+    lines = [line.removeprefix("    ") for line in README.splitlines()]
+    (begin,) = [number for number, line in enumerate(lines) if line.startswith(first)]
+    end = next(number for number in range(begin, len(lines)) if lines[number].startswith(last))
+    return "".join(f"{line}\n" for line in lines[begin:end + 1])
+
+
 @pytest.fixture(scope="module", autouse=True)
 def agent(switch):
-    """The agent as Debian sets it up, with a user who may copy."""
-    switch.shell("systemctl stop snmpd")
-    switch.shell(f"cat >> /etc/snmp/snmpd.conf <<'END'\n{ACCESS}\nEND")
-    switch.shell("echo 'createUser operator SHA-256 auth-passphrase AES priv-passphrase' >> /var/lib/snmp/snmpd.conf")
-    switch.shell("systemctl start snmpd")
+    """The agent with the settings and the user of README.Debian."""
+    assert not reached_by_manager(switch), "Debian's agent listens to more than the loopback now: README.Debian says otherwise"
+    (switch.root / "etc/snmp/snmpd.conf").write_text(lines_of_readme("agentaddress", "includeDir"))
+    switch.shell(lines_of_readme("systemctl stop", "systemctl start"))
     wait_until(lambda: agent_answers(switch))
+
+
+def reached_by_manager(switch):
+    return run(*switch.on_server(), "sh", "-c", f"MIBS= snmpget -r0 -t1 {USER} {SWITCH} {UPTIME}", check=False).returncode == 0
+
+
+def journal_of_agent(switch):
+    switch.run("journalctl", "--sync")
+    return switch.shell("journalctl -o cat -u snmpd")
+
+
+def outputs_of_agent(switch):
+    process = switch.main_process("snmpd")
+    return switch.shell(f"readlink /proc/{process}/fd/1 /proc/{process}/fd/2").splitlines()
 
 
 def strangers(switch):
@@ -57,13 +75,14 @@ def strangers(switch):
 
 
 def test_before(switch):
+    assert reached_by_manager(switch)
     assert not takes_requests(switch)
     assert not (switch.root / "ulmo").exists()
 
 
 def test_install(switch, packages):
     before = switch.main_process("snmpd")
-    switch.install(packages["config-copy-mib"])
+    switch.install(packages["config-copy-mib-common"], packages["config-copy-mib"])
     wait_until(lambda: takes_requests(switch))
     assert switch.main_process("snmpd") != before, "the agent was not started anew"
     for service in ("snmpd", "wardend"):
@@ -204,12 +223,21 @@ def test_transfer_scripts_run(switch, protocol):
     ended = config_copy(switch, f"--password-file /root/password running {protocol}://netops@{SERVER}/backup.cfg", check=False)
     assert ended.returncode == 1
     assert f"(timeout): the file server {SERVER} did not answer the switch" in ended.stdout
-    # The password is for the superuser's eyes.
-    log = "/var/log/snmpd-transfers.log"
-    assert f"{protocol.upper()}_PUT" in switch.run("cat", log).stdout and " secret" in switch.run("cat", log).stdout
-    assert switch.shell(f"stat -c '%U %a' {log}") == "root 600\n"
+    # Nobody keeps the password.
+    assert outputs_of_agent(switch) == ["/dev/null", "/dev/null"]
     switch.run("journalctl", "--sync")
+    assert switch.run("grep", "-rl", " secret", "/var/log", "/run/log", check=False).stdout == ""
     assert "secret" not in switch.shell("journalctl --no-pager")
+
+
+def test_journal_has_the_log_of_the_agent_and_not_the_lines_of_requests(switch):
+    copy_server = ".1.3.6.1.4.1.41927.9.96.1.1.1.1.5"
+    switch.shell(f"MIBS= snmpset {USER} 127.0.0.1 {ROW_STATUS}.2 i {CREATE_AND_WAIT} && MIBS= snmpset {USER} 127.0.0.1 {copy_server}.2 a {SERVER}")
+    switch.shell("echo wrong line > /etc/snmp/snmpd.conf.d/wrong.conf && systemctl restart snmpd && rm /etc/snmp/snmpd.conf.d/wrong.conf")
+    wait_until(lambda: takes_requests(switch))
+    journal = journal_of_agent(switch)
+    assert "/etc/snmp/snmpd.conf.d/wrong.conf: line 1: Warning: Unknown token: wrong." in journal
+    assert "DEBUG :" not in journal and "Connection from" not in journal
 
 
 def test_system_manager_may_do_little(switch):
@@ -222,7 +250,7 @@ def test_mib_module(switch):
 
 
 def test_manual_and_completion(switch, packages):
-    listed = "".join(run("dpkg", "-c", packages[name]).stdout for name in ("config-copy", "config-copy-mib"))
+    listed = "".join(run("dpkg", "-c", package).stdout for package in packages.values())
     for page in ("man1/config-copy.1.gz", "man1/cmdshell.1.gz", "man1/ulmo-history.1.gz", "man5/config_copy_mib.5.gz", "man5/platform.conf.5.gz", "man8/wardend.8.gz"):
         assert f"./usr/share/man/{page}\n" in listed
     completed = switch.run("bash", "-c", ". /usr/share/bash-completion/completions/config-copy; COMP_LINE='config-copy --ho' COMP_POINT=16; "
@@ -260,7 +288,7 @@ def test_remove(switch):
     wait_until(lambda: agent_answers(switch))
     after = switch.main_process("snmpd")
     assert after != before, "the agent was not started anew"
-    assert "transfers.log" not in switch.run("readlink", f"/proc/{after}/fd/2").stdout, "it writes its errors where the package wanted them"
+    assert "/dev/null" not in outputs_of_agent(switch), "it writes where the package wanted it"
     assert not takes_requests(switch)
     assert not (switch.root / "ulmo").exists()
     assert not (switch.root / "usr/bin/config-copy").exists()
@@ -275,15 +303,15 @@ def test_remove(switch):
 
 
 def test_purge(switch):
-    switch.run("apt-get", "purge", "-y", "config-copy-mib", "config-copy")
-    for path in ("var/lib/ulmo", "etc/ulmo", "usr/share/config-copy-mib", "var/log/snmpd-transfers.log"):
+    switch.run("apt-get", "purge", "-y", "config-copy-mib", "config-copy", "config-copy-mib-common")
+    for path in ("var/lib/ulmo", "etc/ulmo", "usr/share/config-copy-mib", "usr/share/snmp/mibs/CONFIG-COPY-MIB.txt"):
         assert not (switch.root / path).exists()
     assert agent_answers(switch)
 
 
 def test_stopped_agent_stays_stopped(switch, packages):
     switch.run("systemctl", "stop", "snmpd")
-    switch.install(packages["config-copy-mib"])
+    switch.install(packages["config-copy-mib-common"], packages["config-copy-mib"])
     assert switch.run("systemctl", "is-active", "snmpd", check=False).stdout == "inactive\n"
     switch.run("apt-get", "purge", "-y", "config-copy-mib")
 
@@ -292,7 +320,7 @@ def test_agent_that_comes_with_the_package(switch, packages):
     """It is started before the package has made its folders."""
     switch.shell("cp /etc/snmp/snmpd.conf /root && apt-get purge -y snmpd")
     archives = list((switch.root / "var/cache/apt/archives").glob("snmpd_*.deb"))
-    switch.install(*archives, packages["config-copy-mib"])
+    switch.install(*archives, packages["config-copy-mib-common"], packages["config-copy-mib"])
     switch.shell("systemctl stop snmpd && cp /root/snmpd.conf /etc/snmp && systemctl start snmpd")
     switch.shell("systemctl stop snmpd; echo 'createUser operator SHA-256 auth-passphrase AES priv-passphrase' >> /var/lib/snmp/snmpd.conf; systemctl start snmpd")
     wait_until(lambda: takes_requests(switch))
@@ -301,9 +329,58 @@ def test_agent_that_comes_with_the_package(switch, packages):
     config_copy(switch, "running startup")
 
 
+def test_upgrade_from_the_package_that_kept_passwords(switch, packages):
+    """Of 0.1.0 it has what matters here."""
+    switch.run("apt-get", "purge", "-y", "config-copy-mib", "config-copy", "config-copy-mib-common")
+    tree = PLACE / "before"
+    shutil.rmtree(tree, ignore_errors=True)
+    run("dpkg-deb", "-R", packages["config-copy-mib"], tree)
+    control = (tree / "DEBIAN/control").read_text()
+    (tree / "DEBIAN/control").write_text(re.sub(r"config-copy-mib-common \(.*?\), ", "", re.sub(r"\nVersion: .*", "\nVersion: 0.1.0", control)))
+    (tree / "DEBIAN/conffiles").write_text((tree / "DEBIAN/conffiles").read_text() + "/etc/logrotate.d/config-copy-mib\n")
+    (tree / "etc/logrotate.d").mkdir()
+    (tree / "etc/logrotate.d/config-copy-mib").write_text(f"{LOG_OF_BEFORE} {{\n\tweekly\n}}\n")
+    (tree / "lib/systemd/system/snmpd.service.d/config-copy-mib.conf").write_text(f"[Service]\nStandardError=append:{LOG_OF_BEFORE}\n")
+    for script in ("preinst", "postinst", "prerm", "postrm"):
+        path = tree / "DEBIAN" / script
+        path.write_text("\n".join(line for line in path.read_text().splitlines() if "rm_conffile" not in line) + "\n")
+    run("dpkg-deb", "--root-owner-group", "-b", tree, PLACE / "config-copy-mib_before.deb")
+    switch.install(PLACE / "config-copy-mib_before.deb")
+    wait_until(lambda: takes_requests(switch))
+    assert outputs_of_agent(switch)[1] == LOG_OF_BEFORE
+    switch.shell(f"echo secret > {LOG_OF_BEFORE}.1.gz")
+    said = switch.install(packages["config-copy-mib-common"], packages["config-copy-mib"])
+    assert f"config-copy-mib: removed {LOG_OF_BEFORE} and its rotations, which held passwords" in said
+    wait_until(lambda: takes_requests(switch))
+    assert outputs_of_agent(switch) == ["/dev/null", "/dev/null"]
+    assert not (switch.root / "etc/logrotate.d/config-copy-mib").exists()
+    assert list((switch.root / "var/log").glob("snmpd-transfers*")) == []
+
+
+def test_manager_alone(switch, packages):
+    switch.run("apt-get", "purge", "-y", "config-copy-mib", "config-copy-mib-common")
+    switch.install(packages["config-copy-mib-common"], packages["config-copy"])
+    test_mib_module(switch)
+    for path in ("man/man5/config_copy_mib.5.gz", "doc/config-copy-mib-common/operations.md.gz"):
+        assert (switch.root / "usr/share" / path).exists()
+    assert not (switch.root / "ulmo").exists()
+
+
+def test_of_the_packages_own(switch, packages):
+    """debian/tests, which Debian runs where the packages are."""
+    switch.install(packages["config-copy-mib"])
+    shutil.copytree(REPOSITORY / "debian", switch.root / "root/debian")
+    said = switch.shell("/root/debian/tests/copy")
+    assert said.count("hostname after\n") == 2  # running, and saved
+
+
 def test_packages_tell_nothing_of_where_they_were_made(packages):
     """So they are the same wherever they are made: neither the code, nor what is stripped from it and goes into its build ID."""
     packed = {path.rpartition("/")[2] for package in packages.values() for path in run("dpkg", "-c", package).stdout.split()}
     made = [path for folder in ("bin", "lib") for path in (REPOSITORY / "build/release" / folder).iterdir() if path.name in packed]
     assert {"config_copy_mib.so", "libulmo_platform.so", "wardend", "config-copy"} <= {path.name for path in made}
     assert [path.name for path in made if os.fsencode(REPOSITORY) in path.read_bytes()] == []
+
+
+def test_making_packages_leaves_nothing_behind():
+    assert run("git", "-c", f"safe.directory={REPOSITORY}", "-C", REPOSITORY, "status", "--porcelain", "--ignored", "debian").stdout == ""
