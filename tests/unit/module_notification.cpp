@@ -176,7 +176,10 @@ TEST_F(Notification, TimesLongBeforeAgentsStart) {
     const auto record = ended_copy("10.1.1.1");
     fake_agent.start_seconds = TimeFake::start + 21474837; /* 31 bits of ticks and 52 more */
     record->ccCopyTimeStarted = {TimeFake::start, 0};
-    EXPECT_EQ(build(*record)[4], binding(11, ASN_TIMETICKS, "2147483596"));
+    record->ccCopyTimeCompleted = {TimeFake::start + 1, 0};
+    const std::vector<Binding> bindings = build(*record);
+    EXPECT_EQ(bindings[4], binding(11, ASN_TIMETICKS, "2147483596"));
+    EXPECT_EQ(bindings[5], binding(12, ASN_TIMETICKS, "2147483696"));
 }
 
 TEST_F(Notification, EmptyFileName) {
