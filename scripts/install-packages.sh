@@ -46,8 +46,10 @@ done
 if [[ ${#missing[@]} -gt 0 ]]; then
     echo "install-packages: this machine lacks ${missing[*]}" | fold -s -w 100
     update_lists
-    as_root "packages" env DEBIAN_FRONTEND=noninteractive \
-        apt-get install -q -y --no-install-recommends -o APT::Status-Fd=1 -o Dpkg::Use-Pty=0 "${missing[@]}"
+    # apt-get closes the descriptor of its progress before it runs a package's scripts, so that must not be their standard
+    # output; and sudo passes on no other than the standard ones.
+    as_root "packages" sh -c 'exec "$@" 3>&1' sh env DEBIAN_FRONTEND=noninteractive \
+        apt-get install -q -y --no-install-recommends -o APT::Status-Fd=3 -o Dpkg::Use-Pty=0 "${missing[@]}"
 fi
 
 # A list that is older than the archive names files that are gone from it: then it is fetched anew, once.
