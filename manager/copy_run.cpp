@@ -247,7 +247,7 @@ class Run {
             rows_.pop_back();
             throw Failure(Ending::failed, session_.agent() +
                                               ": the request is gone, so the outcome is not known: the agent was restarted, or somebody "
-                                              "removed it");
+                                              "removed it; `cmdshell -c \"show copies\"` on the switch may show it");
         }
         return *state;
     }
@@ -271,7 +271,7 @@ class Run {
                                   (rest.empty() ? "save was given up: does the system manager run?" : "request was removed; " + rest) +
                                   " (--time-limit gives more time)");
             }
-            progress_("copy " + state_name(now), elapsed);
+            progress_("copying", elapsed);
             pause_for(pause);
             pause = std::min<Milliseconds>(pause * 3 / 2, 1s);
         }

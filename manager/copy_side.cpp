@@ -1,6 +1,7 @@
 #include "manager/copy_side.h"
 
 #include "manager/failure.h"
+#include "manager/server_address.h"
 
 #include <strings.h>
 
@@ -271,8 +272,12 @@ std::string date_value(std::time_t now) {
 
 std::string url_text(Protocol protocol, const std::string &user, const std::string &host, const std::string &path) {
     const bool is_ipv6 = host.find(':') != std::string::npos;
+    const bool is_missing = host == address_text(""); // of a request that is not filled in yet
     return std::string(name_of(protocol)) + "://" + (user.empty() ? "" : encoded(user, "@:/") + '@') +
-           (is_ipv6 ? '[' + host + ']' : encoded(host, "@:/")) + '/' + encoded(path, "");
+           (is_ipv6      ? '[' + host + ']'
+            : is_missing ? host
+                         : encoded(host, "@:/")) +
+           '/' + encoded(path, "");
 }
 
 bool needs_password(const FileUrl &url) {

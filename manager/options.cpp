@@ -172,9 +172,15 @@ void parse_copy(const std::vector<std::string> &arguments, Options &options) {
     }
 }
 
+bool is_command(const std::string &word) {
+    return word == "list" || word == "errors" || word == "abort";
+}
+
 void parse_arguments(std::vector<std::string> arguments, Options &options) {
-    const bool has_command = !arguments.empty() && (arguments[0] == "list" || arguments[0] == "errors" || arguments[0] == "abort");
-    if (!has_command) {
+    if (arguments.empty() || !is_command(arguments[0])) {
+        if (arguments.size() > 1 && is_command(arguments[1])) {
+            throw bad_usage("the command comes before the agent: write config-copy " + arguments[1] + ' ' + arguments[0]);
+        }
         parse_copy(arguments, options);
         return;
     }
@@ -219,9 +225,9 @@ whose defaults come from snmp.conf, and
                          of standard input for -; otherwise it is asked for
   --wait-turn SECONDS    wait up to SECONDS for another copy to end
   --time-limit SECONDS   give up a copy that takes longer (default: 600)
-  --dry-run              ask the agent and tell what would be done; set nothing
-  -q, --quiet            print nothing but what went wrong
-  --verbose              tell each SNMP message on standard error
+  --dry-run              ask the agent, print what would be done, set nothing
+  -q, --quiet            print errors only
+  --verbose              print each SNMP message on standard error
   --json                 print JSON, one object per line
   -h, --help             print this
   --version              print the version

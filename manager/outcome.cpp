@@ -107,19 +107,16 @@ std::string words_of_cause(long cause, std::string_view server, bool is_fabric, 
         if (!reason.empty()) {
             return "the switch says: " + std::string(reason);
         }
-        return "the switch gives no cause: see its history (ulmo-history) and whether its disk is full" +
-               std::string(server.empty() ? "" : "; check user and password, too");
+        return "the switch gives no reason: see ulmo-history there, and check that its disk is not full" +
+               std::string(server.empty() ? "" : "; check the user and the password, too");
     case cause_bad_file_name:
-        return the_server +
-               " has no such file or grants no access to it: check the name as the server sees it, and for an upload whether the file "
-               "may be created there" +
-               also;
+        return the_server + " has no such file or refuses access to it: check the file's name, and the permissions on the server" + also;
     case cause_timeout:
-        return the_server + " did not answer the switch: check its address and the way to it, and whether it runs" + also;
+        return the_server + " did not answer the switch: check its address, the route to it, and whether the server runs" + also;
     case cause_no_space:
-        return "the side that receives is full: check the disk and quota of " + the_server + also;
+        return "no space is left on the switch or on " + the_server + ": check the disks, and the quota on the server" + also;
     case cause_bad_config:
-        return "the file is no configuration: look at what it holds, and shorten a name of more than 100 octets" + also;
+        return "the file is not a configuration: check its contents, and shorten a file name of more than 100 octets" + also;
     case cause_unsupported_protocol:
         return "the switch does not offer the protocol: use another one" + also;
     case cause_not_applied:
@@ -127,7 +124,7 @@ std::string words_of_cause(long cause, std::string_view server, bool is_fabric, 
     case cause_manager_refused:
         return because("the system manager did not begin to save", "another save may be in progress, so try again, or see its log");
     case cause_manager_failed:
-        return is_fabric ? "not every switch of the fabric has saved: see below"
+        return is_fabric ? because("not every switch of the fabric has saved", "see `cmdshell -c \"show last-save\"` on the switch")
                          : because("the system manager could not save", "see `cmdshell -c \"show last-save\"` on the switch");
     default:
         return "the switch gives the unknown cause " + numbered(cause) + also;
@@ -157,7 +154,7 @@ std::string words_of_refusal(long status, unsigned long column, std::string_view
     case SNMP_ERR_WRONGLENGTH:
     case SNMP_ERR_WRONGTYPE:
     case SNMP_ERR_BADVALUE:
-        return "the switch does not take " + name_of_column(column);
+        return "the switch does not accept " + name_of_column(column);
     default:
         return std::string("the switch refuses ") + name_of_column(column) + " with " + ::snmp_errstring(static_cast<int>(status));
     }
@@ -168,7 +165,7 @@ std::string words_of_refused_activation(long status, std::string_view low_level)
     case SNMP_ERR_INCONSISTENTVALUE:
         return "the switch finds the request incomplete: check user and password";
     case SNMP_ERR_WRONGVALUE:
-        return "the switch takes neither this pair of sides nor this server";
+        return "the switch does not accept this source and destination, or not this file server";
     default:
         return words_of_refusal(status, column_row_status, low_level);
     }

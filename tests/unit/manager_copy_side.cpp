@@ -1,5 +1,6 @@
 // FROM and TO on the command line.
 #include "manager/copy_side.h"
+#include "manager/server_address.h"
 
 #include "manager_support.h"
 
@@ -140,6 +141,7 @@ TEST(CopySide, Synonyms) {
 
 TEST(CopySide, UrlThatCanBeGivenAgain) {
     EXPECT_EQ("tftp://192.0.2.1/a%20b", url_text(Protocol::tftp, "", "192.0.2.1", "a b"));
+    EXPECT_EQ("tftp://?/", url_text(Protocol::tftp, "", address_text(""), ""));
     const std::string user = "j@d:/%";
     const std::string path = "/{host}\x1b[31m?#%/\xc3\xa4";
     const std::string url = url_text(Protocol::sftp, user, "h", path);

@@ -165,6 +165,11 @@ TEST(Options, JsonIsSeenBesideMistakes) {
     EXPECT_FALSE(asks({}));
 }
 
+TEST_F(CommandLine, ACommandComesBeforeTheAgent) {
+    const std::string text = "the command comes before the agent: write config-copy list switch";
+    EXPECT_EQ(text, usage_failure([&] { parse({"switch", "list"}); }));
+}
+
 TEST_F(CommandLine, AnAgentHasAName) {
     EXPECT_EQ("AGENT is empty: write the switch's name or address", usage_failure([&] { parse({"", "running", "startup"}); }));
     EXPECT_EQ("AGENT is empty: write the switch's name or address", usage_failure([&] { parse({"list", ""}); }));

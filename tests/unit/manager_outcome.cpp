@@ -39,9 +39,10 @@ TEST(Outcome, EachCauseHasItsWords) {
     }
     EXPECT_EQ(9U, words.size());
     EXPECT_EQ("the switch gives the unknown cause 12", words_of_cause(12, "", false));
-    EXPECT_EQ("the file server 192.0.2.1 did not answer the switch: check its address and the way to it, and whether it runs",
+    EXPECT_EQ("the file server 192.0.2.1 did not answer the switch: check its address, the route to it, and whether the server runs",
               words_of_cause(cause_timeout, "192.0.2.1", false));
-    EXPECT_EQ("not every switch of the fabric has saved: see below", words_of_cause(cause_manager_failed, "", true));
+    EXPECT_EQ("not every switch of the fabric has saved: see `cmdshell -c \"show last-save\"` on the switch",
+              words_of_cause(cause_manager_failed, "", true));
 }
 
 TEST(Outcome, WhatTheSwitchSaysIsPassedOn) {
@@ -60,7 +61,7 @@ TEST(Outcome, RefusalsTellWhatToDo) {
     EXPECT_EQ(view, words_of_refusal(SNMP_ERR_AUTHORIZATIONERROR, column_row_status, ""));
     EXPECT_EQ("the agent has no copy table: load config_copy_mib into it (its log tells why it is not)",
               words_of_refusal(SNMP_ERR_NOTWRITABLE, column_row_status, ""));
-    EXPECT_EQ("the switch does not take the file server's address", words_of_refusal(SNMP_ERR_WRONGVALUE, column_address, ""));
+    EXPECT_EQ("the switch does not accept the file server's address", words_of_refusal(SNMP_ERR_WRONGVALUE, column_address, ""));
     EXPECT_TRUE(words_of_refusal(SNMP_ERR_RESOURCEUNAVAILABLE, column_user_name, "").starts_with("the switch refuses the user name with "));
     const std::string level =
         "the agent grants this user nothing at the security level authNoPriv: choose a higher one, such as -l authPriv "

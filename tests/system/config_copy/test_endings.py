@@ -17,7 +17,7 @@ def no_row_stays(operator):
 
 def check(done, status, text):
     """One clear line."""
-    assert (done.status, done.out.replace(f"{AGENT}: copy running\n", ""), done.err) == (status, "", f"config-copy: {text}\n")
+    assert (done.status, done.out.replace(f"{AGENT}: copying\n", ""), done.err) == (status, "", f"config-copy: {text}\n")
 
 
 # 1: the copy failed
@@ -25,13 +25,13 @@ def check(done, status, text):
 def test_no_such_file():
     done = config_copy(AGENT, f"{SERVER}/absent.cfg", "running")
     assert done.status == FAILED
-    assert "failed after" in done.err and f"(badFileName): the file server {SERVER4} has no such file or grants no access to it: check" in done.err, done
+    assert "failed after" in done.err and f"(badFileName): the file server {SERVER4} has no such file or refuses access to it: check" in done.err, done
 
 
 def test_no_configuration():
     serve("no.cfg", b"\0\1\2\n")
     done = config_copy(AGENT, f"{SERVER}/no.cfg", "running")
-    assert done.status == FAILED and ("(badConfig): the file is no configuration" in done.err or "(configNotApplied)" in done.err), done
+    assert done.status == FAILED and ("(badConfig): the file is not a configuration" in done.err or "(configNotApplied)" in done.err), done
 
 
 def test_save_that_the_system_manager_fails():
@@ -51,7 +51,7 @@ def test_fabric_with_a_table_of_its_switches(operator):
     finally:
         lab_ctl("start-agent", 2)
         settings.write_text(before)
-    assert done.status == FAILED and "not every switch of the fabric has saved: see below" in done.err, done
+    assert done.status == FAILED and "not every switch of the fabric has saved: " in done.err, done
     table = [line.split(maxsplit=2) for line in done.err.splitlines()[1:]]
     assert table[0] == ["ADDRESS", "SWITCH", "REPORTED"]
     assert sorted(table[1:]) == [[AGENT, "20:00:00:00:00:00:00:01", "saved"], ["192.0.2.11", "20:00:00:00:00:00:00:02", "no answer in 1 s"]]
@@ -86,7 +86,7 @@ def test_time_limit_of_a_transfer(words, rest, broken_link):
 @TRANSFERS
 def test_interruption_of_a_transfer(operator, words, rest, broken_link):
     process = started(AGENT, *words)
-    assert process.stdout.readline() == f"{AGENT}: copy running\n"
+    assert process.stdout.readline() == f"{AGENT}: copying\n"
     process.send_signal(signal.SIGINT)
     done = ended(process)
     assert (done.status, done.err) == (-signal.SIGINT, f"\nconfig-copy: interrupted: no request stays on the switch; once begun, {rest}\n")
@@ -99,7 +99,8 @@ def test_request_that_somebody_removes(operator):
         process = started(AGENT, "running", "startup")
         (index,) = wait_for(lambda: rows(operator))
         Request(operator, index).destroy()
-        check(ended(process), FAILED, f"{AGENT}: the request is gone, so the outcome is not known: the agent was restarted, or somebody removed it")
+        check(ended(process), FAILED, f"{AGENT}: the request is gone, so the outcome is not known: the agent was restarted, or somebody removed it; "
+              "`cmdshell -c \"show copies\"` on the switch may show it")
 
 
 # 2: usage
@@ -306,7 +307,7 @@ def test_interruption_aborts_a_save(operator, number, lines_of, tmp_path):
     before = startup()
     with busy_device():
         process = started(AGENT, "running", "startup")
-        assert process.stdout.readline() == f"{AGENT}: copy running\n"
+        assert process.stdout.readline() == f"{AGENT}: copying\n"
         process.send_signal(number)
         done = ended(process)
         assert (done.status, done.err) == (-number, "\nconfig-copy: interrupted: no request stays on the switch\n")

@@ -88,6 +88,6 @@ def test_user_who_may_not_read_the_line(own_agents, password_file):
     began = time.monotonic()
     done = config_copy(*CREDENTIALS, "--password-file", password_file("wrong"), agent.name, "running",
                        f"sftp://{ACCOUNT}@{SERVER4}/no.cfg")
-    assert done.status == FAILED and "(general): the switch gives no cause: " in done.err, done
-    assert "check user and password" in done.err, done
+    assert done.status == FAILED and "(general): the switch gives no reason: " in done.err, done
+    assert "check the user and the password" in done.err, done
     assert time.monotonic() - began < 3
