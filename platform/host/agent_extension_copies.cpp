@@ -175,7 +175,7 @@ template <typename Work> void quietly(Work &&work) noexcept {
     try {
         work();
     } catch (const std::exception &error) {
-        log_error("agent: a copy is not told of: %s", error.what());
+        log_error("agent: no line for a copy: %s", error.what());
     }
 }
 
@@ -320,7 +320,7 @@ void CopyWatch::not_forked(const Copy &copy, int error) noexcept {
         CopyEnd end;
         end.outcome = CopyEnd::Outcome::failed;
         end.cause = cause_name(1);
-        end.reason = std::string("no process could be started for the copy: ") + std::strerror(error);
+        end.reason = std::string("the copy process could not be started: ") + std::strerror(error);
         end_copy(copy, end);
     });
 }
@@ -351,7 +351,8 @@ void CopyWatch::died(pid_t worker, const std::string &how) noexcept {
             CopyEnd end = end_of(read_copy_report(copy.report));
             end.outcome = CopyEnd::Outcome::failed;
             end.cause = cause_name(1);
-            end.reason = "the copy process ended " + how + (end.reason.empty() ? "" : ": " + end.reason);
+            const std::string ending = "the copy process ended " + how;
+            end.reason = end.reason.empty() ? ending : end.reason + " (" + ending + ')';
             end_copy(copy, std::move(end));
         }
     });
@@ -396,7 +397,7 @@ void CopyWatch::save_sent(int error) {
     if (error != 0) {
         CopyEnd end;
         end.outcome = CopyEnd::Outcome::failed;
-        end.reason = error == ENOENT || error == ECONNREFUSED ? "no system manager runs"
+        end.reason = error == ENOENT || error == ECONNREFUSED ? "the system manager is not running"
                                                               : std::string("the system manager can't be asked: ") + std::strerror(error);
         end_save(std::move(end));
     }

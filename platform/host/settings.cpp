@@ -90,23 +90,23 @@ std::optional<std::string> accepted(const Setting &setting, std::string_view tex
     return is_good ? std::optional(std::move(value)) : std::nullopt;
 }
 
-std::string what_it_is_not(const Setting &setting) {
+std::string what_it_must_be(const Setting &setting) {
     const std::string range = std::to_string(setting.least) + " to " + std::to_string(setting.most);
     switch (setting.kind) {
     case SettingKind::number:
-        return "not a number from " + range;
+        return "must be a number from " + range;
     case SettingKind::yes_no:
-        return "neither yes nor no";
+        return "must be yes or no";
     case SettingKind::choice:
-        return (setting.words.find(',') == std::string_view::npos ? "not " : "not one of ") + std::string(setting.words);
+        return (setting.words.find(',') == std::string_view::npos ? "must be " : "must be one of ") + std::string(setting.words);
     case SettingKind::list:
-        return "not " + range + " octets long";
+        return "must be " + range + " octets long";
     case SettingKind::wwn:
-        return "not a world-wide name";
+        return "must be a world-wide name, such as 20:00:00:00:00:00:00:01";
     case SettingKind::text:
         break;
     }
-    return "not a value";
+    return "must have another value";
 }
 
 // One short line whatever the file holds.
@@ -188,10 +188,6 @@ std::string text_of(const std::filesystem::path &path, Stamp &stamp) {
     return text;
 }
 
-std::string listed(const Setting &setting) {
-    return setting.fallback.empty() ? "nothing" : std::string(setting.fallback);
-}
-
 // Takes what a line says of a setting, or what is wrong with it.
 void take(Contents &contents, const Setting &setting, std::string_view text, const std::string &place) {
     State &state = contents.states[static_cast<std::size_t>(&setting - all_settings)];
@@ -207,14 +203,14 @@ void take(Contents &contents, const Setting &setting, std::string_view text, con
         return;
     }
     std::string problem = place + ": " + std::string(setting.name) + " = " + (setting.is_secret ? "..." : shown(text)) + ": " +
-                          what_it_is_not(setting) + "; ";
+                          what_it_must_be(setting) + "; ";
     if (!setting.fails.empty()) {
         problem += setting.fails;
         state.refusal = problem;
     } else if (setting.kind == SettingKind::list) {
-        problem += "it is left out";
+        problem += "the line is ignored";
     } else {
-        problem += listed(setting) + " holds";
+        problem += setting.fallback.empty() ? "it counts as not set" : "the default " + std::string(setting.fallback) + " is used";
         state.values = {std::string(setting.fallback)};
     }
     contents.problems.push_back(std::move(problem));

@@ -96,7 +96,7 @@ using NumberSetting = SettingName<SettingKind::number>;
 using TextSetting = SettingName<SettingKind::text, SettingKind::choice, SettingKind::wwn>;
 using ListSetting = SettingName<SettingKind::list>;
 
-// Something is amiss with the file, and may not be passed over. The text names the file, the line and what fails, and holds no passphrase.
+// Something is wrong with the file, and may not be passed over. The text names the file, the line and what fails, and holds no passphrase.
 class SettingsError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;

@@ -102,7 +102,7 @@ class NewFile {
     explicit NewFile(const std::string &name) : name_(name) {
         struct stat present {};
         if (::lstat(name_.c_str(), &present) == 0 && !S_ISREG(present.st_mode) && !S_ISLNK(present.st_mode)) {
-            throw system_error(S_ISDIR(present.st_mode) ? EISDIR : EINVAL, "the local name is no regular file's");
+            throw system_error(S_ISDIR(present.st_mode) ? EISDIR : EINVAL, "the local name is not that of a regular file");
         }
         const auto directory = std::filesystem::path(name_).parent_path();
         temporary_ = (directory / ".tftp-XXXXXX").string();
@@ -162,7 +162,7 @@ int Session::connect(const std::string &server, int port) {
             throw system_error(EINVAL, "no UDP port");
         }
         if (!parse_server(server, htons(static_cast<std::uint16_t>(number)), server_)) {
-            throw system_error(EINVAL, "the server is no IPv4 or IPv6 address");
+            throw system_error(EINVAL, "the server must be an IPv4 or IPv6 address");
         }
     });
 }
@@ -178,7 +178,7 @@ int Session::put(const std::string &local, const std::string &remote) {
             throw system_error(errno, "cannot open the local file");
         }
         if (!S_ISREG(status.st_mode)) {
-            throw system_error(S_ISDIR(status.st_mode) ? EISDIR : EINVAL, "the local name is no regular file's");
+            throw system_error(S_ISDIR(status.st_mode) ? EISDIR : EINVAL, "the local name is not that of a regular file");
         }
         write_file(server, remote, static_cast<std::uint64_t>(status.st_size),
                    [this, &file](std::uint64_t offset, std::span<std::uint8_t> block) {

@@ -79,7 +79,7 @@ TEST_F(CliShell, AFailureOfTheDeviceIsAnErrorOfApplying) {
     file("platform.conf", "device_backend = remote\n");
     EXPECT_EQ(execute("hostname x\n"), 0x40540001U);
     EXPECT_EQ(content(output()), (directory_ / "new.cfg").string() + ": " + (directory_ / "platform.conf").string() +
-                                     " line 1: device_backend = remote: not embedded; copies and saves fail\n");
+                                     " line 1: device_backend = remote: must be embedded; copies and saves fail\n");
     file("platform.conf", "");
     file("state/running.cfg", "damaged\n");
     EXPECT_EQ(execute("hostname x\n"), 0x40540001U);
@@ -244,9 +244,9 @@ TEST_F(CmdshellProgram, ShowsAndCopies) {
 }
 
 TEST_F(CmdshellProgram, SaysWhyACommandFailed) {
-    expect_result(command("shew"), 1, "", "cmdshell: shew: unknown command, 'help' lists the commands\n");
-    expect_result(command(""), 1, "", "cmdshell: : unknown command, 'help' lists the commands\n");
-    expect_result(command("show running-config x"), 1, "", "cmdshell: show running-config x: unknown command, 'help' lists the commands\n");
+    expect_result(command("shew"), 1, "", "cmdshell: shew: unknown command; 'help' lists the commands\n");
+    expect_result(command(""), 1, "", "cmdshell: : unknown command; 'help' lists the commands\n");
+    expect_result(command("show running-config x"), 1, "", "cmdshell: show running-config x: unknown command; 'help' lists the commands\n");
     expect_result(command("configure"), 1, "", "cmdshell: configure: a file name is missing\n");
     const std::string bad = "configure " + file("bad.cfg", "hostname x\nfoo\n").string();
     expect_result(command(bad), 1, "", "cmdshell: " + bad + ": line 2: unknown statement 'foo'\n");
@@ -254,7 +254,7 @@ TEST_F(CmdshellProgram, SaysWhyACommandFailed) {
     file("platform.conf", "device_backend = remote\n");
     expect_result(command("show running-config"), 1, "",
                   "cmdshell: show running-config: " + (directory_ / "platform.conf").string() +
-                      " line 1: device_backend = remote: not embedded; copies and saves fail\n");
+                      " line 1: device_backend = remote: must be embedded; copies and saves fail\n");
 }
 
 TEST_F(CmdshellProgram, ShowsTheSettingsAndWhatIsWrongWithThem) {
@@ -273,7 +273,7 @@ TEST_F(CmdshellProgram, ShowsTheSettingsAndWhatIsWrongWithThem) {
         EXPECT_NE(set.output.find(lines), std::string::npos) << lines;
     }
     EXPECT_EQ(set.output.find("hush"), std::string::npos);
-    EXPECT_EQ(set.errors, "cmdshell: " + path.string() + " line 5: device_backend = remote: not embedded; copies and saves fail\n" +
+    EXPECT_EQ(set.errors, "cmdshell: " + path.string() + " line 5: device_backend = remote: must be embedded; copies and saves fail\n" +
                               "cmdshell: " + path.string() + " line 6: histori: unknown setting; the line is ignored\n");
 }
 
@@ -304,7 +304,7 @@ TEST_F(CmdshellProgram, RefusesAWrongCall) {
 
 TEST_F(CmdshellProgram, ReadsCommandsUntilOneFails) {
     expect_result(run({}, "\n copy running-config startup-config\r\nshow startup-config"), 0, factory, "");
-    expect_result(run({}, "shew\nshow running-config\n"), 1, "", "cmdshell: shew: unknown command, 'help' lists the commands\n");
+    expect_result(run({}, "shew\nshow running-config\n"), 1, "", "cmdshell: shew: unknown command; 'help' lists the commands\n");
     expect_result(run({}, "exit\nshew\n"), 0, "", "");
     expect_result(run({}), 0, "", "");
 }

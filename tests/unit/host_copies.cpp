@@ -182,6 +182,13 @@ TEST_F(HostCopies, DeadWorkerIsToldWithItsSignal) {
                           std::string("outcome=failed cause=general reason=\"the copy process ended by signal 9\" bytes=12 seconds=S\n"));
 }
 
+TEST_F(HostCopies, ReasonOfADeadWorkerComesFirst) {
+    std::ofstream(start_upload(), std::ios::app) << "reason settings are bad\n";
+    watch_.died(worker, "with exit status 1");
+    const std::string reason = "settings are bad (the copy process ended with exit status 1)";
+    EXPECT_EQ(line(), begin_of_upload + ("outcome=failed cause=general reason=\"" + reason) + "\" seconds=S\n");
+}
+
 TEST_F(HostCopies, CopyIsToldOfOnce) {
     start_upload();
     watch_.reported(worker, 0);
@@ -203,7 +210,7 @@ TEST_F(HostCopies, CopyWithoutAProcessIsTold) {
     const auto copy = watch_.begin();
     ASSERT_TRUE(copy);
     watch_.not_forked(*copy, EAGAIN);
-    EXPECT_EQ(line(), begin_of_upload + std::string("outcome=failed cause=general reason=\"no process could be started for the copy: "
+    EXPECT_EQ(line(), begin_of_upload + std::string("outcome=failed cause=general reason=\"the copy process could not be started: "
                                                     "Resource temporarily unavailable\" seconds=S\n"));
 }
 
@@ -300,7 +307,7 @@ TEST_F(HostCopies, RefusedSaveIsTold) {
 
 TEST_F(HostCopies, SaveThatCannotBeAskedForIsTold) {
     start_save(3, ENOENT);
-    EXPECT_EQ(line(), begin_of_save + std::string("outcome=failed reason=\"no system manager runs\" seconds=S\n"));
+    EXPECT_EQ(line(), begin_of_save + std::string("outcome=failed reason=\"the system manager is not running\" seconds=S\n"));
 }
 
 TEST_F(HostCopies, UnansweredSaveIsTold) {

@@ -508,7 +508,7 @@ TEST_F(DeviceBackend, TheSettingChoosesTheBackend) {
     EXPECT_EQ(ulmo::make_device_backend()->show(ConfigurationStore::running), factory);
     file("platform.conf", "device_backend = remote\n");
     EXPECT_EQ(failure([] { ulmo::make_device_backend(); }),
-              (directory_ / "platform.conf").string() + " line 1: device_backend = remote: not embedded; copies and saves fail");
+              (directory_ / "platform.conf").string() + " line 1: device_backend = remote: must be embedded; copies and saves fail");
 }
 
 TEST_F(DeviceBackend, AConfigurationFileIsARegularFileOfBoundedSize) {

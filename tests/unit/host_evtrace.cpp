@@ -359,8 +359,8 @@ TEST_F(EvtraceDeathTest, SwitchesHoldWithinASecond) {
             scratch.configure("history = nonsense\ndebug_print = nonsense\n");
             const bool defaults = comes_true([&] { return !declines(EVTRACE_ERROR) && declines(EVTRACE_DEBUG) && !prints(EVTRACE_ERROR); });
             const std::string at = "settings: " + (scratch.root() / "platform.conf").string() + " line ";
-            const std::string told = at + "1: history = nonsense: not one of all, errors, off; errors holds|" + at +
-                                     "2: debug_print = nonsense: not one of all, errors, off; off holds|";
+            const std::string told = at + "1: history = nonsense: must be one of all, errors, off; the default errors is used|" + at +
+                                     "2: debug_print = nonsense: must be one of all, errors, off; the default off is used|";
             finish(errors && off && defaults && (logged() == "kept|" + told || logged() == "kept|"), logged());
         },
         testing::ExitedWithCode(0), "");

@@ -102,7 +102,7 @@ TEST_F(FabricMembers, AddressThatIsNoneIsRefused) {
                                 "[192.0.2.2]", "[192.0.2.2]:161", "[2001:db8::2", "2001:db8::2]", "[2001:db8::2]161", "[2001:db8::2]:", "[",
                                 "[]", "]", ":", ":161", "user=second"}) {
         EXPECT_EQ(refusal_of_line(second + ' ' + address),
-                  "setting fabric_member " + second + ": the second word is no IPv4 or IPv6 address with or without a port")
+                  "setting fabric_member " + second + ": the second word must be an IPv4 or IPv6 address, with or without a port")
             << address;
     }
     EXPECT_EQ(refusal_of_line(second), "setting fabric_member " + second + ": there is no address");
@@ -113,11 +113,11 @@ TEST_F(FabricMembers, NameThatIsNoMembersIsRefused) {
         EXPECT_EQ(refusal_of_line(line), "setting fabric_member: the line does not begin with a world-wide name") << line;
     }
     EXPECT_EQ(refusal_of_line("00:00:00:00:00:00:00:00 192.0.2.2"),
-              "setting fabric_member 00:00:00:00:00:00:00:00: the all-zero name is no switch's");
+              "setting fabric_member 00:00:00:00:00:00:00:00: a world-wide name can't be all zeros");
     EXPECT_EQ(refusal_of_line("20:00:00:00:00:00:00:01 192.0.2.2"),
-              "setting fabric_member 20:00:00:00:00:00:00:01: that is this switch itself");
+              "setting fabric_member 20:00:00:00:00:00:00:01: that is this switch itself: remove the line");
     EXPECT_EQ(refusal_of_line(second + " 192.0.2.2\nfabric_member = " + second + " 192.0.2.3"),
-              "setting fabric_member " + second + ": there are two lines of that name");
+              "setting fabric_member " + second + ": two lines have this name");
     EXPECT_EQ(refusal_of_line(second + " 192.0.2.2\nfabric_member = 20:00:00:00:00:00:00:03 192.0.2.2:161"),
               "setting fabric_member 20:00:00:00:00:00:00:03: the address is also that of " + second);
     EXPECT_EQ(refusal_of_line(second + " 192.0.2.2\nfabric_member = 20:00:00:00:00:00:00:03 192.0.2.2:162"), "accepted 2");
@@ -125,7 +125,8 @@ TEST_F(FabricMembers, NameThatIsNoMembersIsRefused) {
 
 TEST_F(FabricMembers, LocalNameThatIsNoneIsRefused) {
     EXPECT_EQ(refusal(std::string(credentials) + "wwn = x\nfabric_member = " + second + " 192.0.2.2\n"),
-              (scratch.root() / "platform.conf").string() + " line 5: wwn = x: not a world-wide name; saves in the fabric fail");
+              (scratch.root() / "platform.conf").string() +
+                  " line 5: wwn = x: must be a world-wide name, such as 20:00:00:00:00:00:00:01; saves in the fabric fail");
 }
 
 TEST_F(FabricMembers, UnknownKeyIsRefusedAndNotQuoted) {
@@ -217,7 +218,7 @@ TEST_F(FabricMembers, TimeLimitIsTenSecondsOrWhatIsSet) {
             ADD_FAILURE() << text;
         } catch (const std::runtime_error &error) {
             EXPECT_EQ(error.what(), (scratch.root() / "platform.conf").string() + " line 2: fabric_time_limit = " + text +
-                                        ": not a number from 1 to 300; saves in the fabric fail");
+                                        ": must be a number from 1 to 300; saves in the fabric fail");
         }
     }
 }

@@ -95,7 +95,7 @@ TEST_F(HostSettings, AListHasAllItsLines) {
     EXPECT_EQ(values("startup_copy", "startup_copy = b\nstartup_copy = a\nstartup_copy = b\n"), (Texts{"b", "a", "b"}));
     EXPECT_EQ(values("startup_copy", "startup_copy =\n"), Texts{""});
     EXPECT_EQ(values("vrf_context", "vrf_context = " + std::string(33, 'x') + "\nvrf_context = red\n"), Texts{"red"});
-    EXPECT_EQ(told, Texts{line(1) + "vrf_context = " + std::string(33, 'x') + ": not 1 to 32 octets long; it is left out"});
+    EXPECT_EQ(told, Texts{line(1) + "vrf_context = " + std::string(33, 'x') + ": must be 1 to 32 octets long; the line is ignored"});
 }
 
 TEST_F(HostSettings, YesAndNoHaveSixWordsInAnyCase) {
@@ -108,7 +108,7 @@ TEST_F(HostSettings, YesAndNoHaveSixWordsInAnyCase) {
     EXPECT_EQ(told, Texts{});
     for (const char *word : {"maybe", "", "0", "1", "y", "n", "none", "yes no", "yes,", ","}) {
         EXPECT_EQ(refusal([&] { value("ssh_accept_new_host_keys", word); }),
-                  line(1) + "ssh_accept_new_host_keys = " + word + ": neither yes nor no; copies by SFTP and SCP fail");
+                  line(1) + "ssh_accept_new_host_keys = " + word + ": must be yes or no; copies by SFTP and SCP fail");
     }
 }
 
@@ -120,12 +120,12 @@ TEST_F(HostSettings, ABadValueLeavesTheDefaultAndIsTold) {
     EXPECT_EQ(ulmo::number_setting("transfer_idle_limit"), 30);
     EXPECT_EQ(ulmo::number_setting("transfer_time_limit"), 3600);
     EXPECT_EQ(ulmo::number_setting("history_records"), 4096);
-    EXPECT_EQ(told, (Texts{line(1) + "msgbus_answer_limit = 2s: not a number from 1 to 60000; 2000 holds",
-                           line(3) + "history = erors: not one of all, errors, off; errors holds",
-                           line(4) + "transfer_idle_limit = 0: not a number from 1 to 999999999; 30 holds",
-                           line(5) + "transfer_time_limit = 1000000000: not a number from 1 to 999999999; 3600 holds",
-                           line(6) + "history_records = 63: not a number from 64 to 1048576; 4096 holds",
-                           line(7) + "debug_print = off,: not one of all, errors, off; off holds"}));
+    EXPECT_EQ(told, (Texts{line(1) + "msgbus_answer_limit = 2s: must be a number from 1 to 60000; the default 2000 is used",
+                           line(3) + "history = erors: must be one of all, errors, off; the default errors is used",
+                           line(4) + "transfer_idle_limit = 0: must be a number from 1 to 999999999; the default 30 is used",
+                           line(5) + "transfer_time_limit = 1000000000: must be a number from 1 to 999999999; the default 3600 is used",
+                           line(6) + "history_records = 63: must be a number from 64 to 1048576; the default 4096 is used",
+                           line(7) + "debug_print = off,: must be one of all, errors, off; the default off is used"}));
     EXPECT_EQ(ulmo::settings_problems(), told);
 }
 
@@ -139,16 +139,18 @@ TEST_F(HostSettings, NumbersAreTakenUpToTheirBounds) {
 }
 
 TEST_F(HostSettings, ABadValueThatGuardsSomethingIsRefused) {
-    EXPECT_EQ(refusal([&] { value("chassis_type", "1O"); }), line(1) + "chassis_type = 1O: not a number from 0 to 2147483647; copies fail");
+    EXPECT_EQ(refusal([&] { value("chassis_type", "1O"); }),
+              line(1) + "chassis_type = 1O: must be a number from 0 to 2147483647; copies fail");
     EXPECT_EQ(refusal([&] { value("device_backend", "remote"); }),
-              line(1) + "device_backend = remote: not embedded; copies and saves fail");
+              line(1) + "device_backend = remote: must be embedded; copies and saves fail");
     EXPECT_EQ(refusal([&] { value("wwn", "00:00:00:00:00:00:00:00"); }),
-              line(1) + "wwn = 00:00:00:00:00:00:00:00: not a world-wide name; saves in the fabric fail");
+              line(1) +
+                  "wwn = 00:00:00:00:00:00:00:00: must be a world-wide name, such as 20:00:00:00:00:00:00:01; saves in the fabric fail");
     EXPECT_EQ(refusal([&] { value("fabric_time_limit", "301"); }),
-              line(1) + "fabric_time_limit = 301: not a number from 1 to 300; saves in the fabric fail");
+              line(1) + "fabric_time_limit = 301: must be a number from 1 to 300; saves in the fabric fail");
     scratch.configure("chassis_type = x\nchassis_type = 10\n");
     EXPECT_EQ(ulmo::number_setting("chassis_type"), 10) << "the last line counts, and the other one is told";
-    EXPECT_EQ(told.back(), line(1) + "chassis_type = x: not a number from 0 to 2147483647; copies fail");
+    EXPECT_EQ(told.back(), line(1) + "chassis_type = x: must be a number from 0 to 2147483647; copies fail");
 }
 
 TEST_F(HostSettings, WhatIsNoSettingIsToldWithoutItsValue) {

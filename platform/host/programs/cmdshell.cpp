@@ -141,9 +141,9 @@ struct Command {
 constexpr Command commands[] = {
     {"show running-config", show_running, "print the running configuration"},
     {"show startup-config", show_startup, "print the startup configuration"},
-    {"show last-save", show_last_save, "tell how the system manager's last save of this switch went"},
-    {"show copies", show_copies, "tell of the last copies and saves that managers asked for"},
-    {"show settings", show_settings, "print the settings that hold, defaults with a '#' in front"},
+    {"show last-save", show_last_save, "print the outcome of the last save"},
+    {"show copies", show_copies, "print the last copies and saves that managers asked for"},
+    {"show settings", show_settings, "print the settings in force, defaults with a '#' in front"},
     {"copy running-config startup-config", copy_running_to_startup, "save the running configuration"},
     {"copy startup-config running-config", copy_startup_to_running, "apply the startup configuration"},
 };
@@ -185,7 +185,7 @@ void run(std::string_view text) {
         ulmo::make_device_backend()->apply(ulmo::read_configuration_file(file));
         return;
     }
-    throw std::runtime_error("unknown command, 'help' lists the commands");
+    throw std::runtime_error("unknown command; 'help' lists the commands");
 }
 
 bool succeeds(std::string_view line) {

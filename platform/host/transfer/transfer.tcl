@@ -78,7 +78,7 @@ proc split_vrf {words count usage} {
         set vrf [lindex $words end]
         set words [lrange $words 0 end-1]
         if {![regexp {^-?[0-9]{1,10}$} $vrf]} {
-            fail use "the VRF's number is no number"
+            fail use "the VRF must be a number"
         }
     }
     if {[llength $words] != $count} {

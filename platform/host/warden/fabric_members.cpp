@@ -125,13 +125,13 @@ FabricMember member_from(const std::string &text, const FabricMember &defaults) 
     member.wwn = *wwn;
     const std::string line = "fabric_member " + wwn_to_text(*wwn);
     if (*wwn == Wwn{}) {
-        refuse(line, "the all-zero name is no switch's");
+        refuse(line, "a world-wide name can't be all zeros");
     }
     if (endpoint.empty()) {
         refuse(line, "there is no address");
     }
     if (!read_endpoint(endpoint, member)) {
-        refuse(line, "the second word is no IPv4 or IPv6 address with or without a port");
+        refuse(line, "the second word must be an IPv4 or IPv6 address, with or without a port");
     }
     read_keys(words, line, member);
     check_credentials(line, member);
@@ -171,11 +171,11 @@ std::vector<FabricMember> fabric_members() {
         FabricMember member = member_from(line, defaults);
         const std::string name = "fabric_member " + wwn_to_text(member.wwn);
         if (member.wwn == local) {
-            refuse(name, "that is this switch itself");
+            refuse(name, "that is this switch itself: remove the line");
         }
         for (const FabricMember &other : members) {
             if (other.wwn == member.wwn) {
-                refuse(name, "there are two lines of that name");
+                refuse(name, "two lines have this name");
             }
             if (std::memcmp(&other.address, &member.address, sizeof member.address) == 0 && other.port == member.port) {
                 refuse(name, "the address is also that of " + wwn_to_text(other.wwn));

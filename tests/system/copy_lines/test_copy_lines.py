@@ -252,7 +252,7 @@ def test_save_without_a_system_manager(operator):
     request = save(operator).activate()
     line = line_of(request)
     lab_ctl("start-system-manager")
-    assert (line["outcome"], line["reason"]) == ("failed", "no system manager runs")
+    assert (line["outcome"], line["reason"]) == ("failed", "the system manager is not running")
 
 
 def test_save_that_is_given_up(operator):

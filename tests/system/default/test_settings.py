@@ -69,7 +69,7 @@ def test_bad_kind_of_switch_refuses_copies(manager, settings):
     request = Request(manager).create(*upload(SERVER4, "never.cfg", protocol=TFTP))
     request.activate()
     assert request.finished() == (STATE_FAILED, GENERAL)
-    reason = f"{SETTINGS} line {lines}: chassis_type = 1O: not a number from 0 to 2147483647; copies fail"
+    reason = f"{SETTINGS} line {lines}: chassis_type = 1O: must be a number from 0 to 2147483647; copies fail"
     assert any(line.endswith(f" error worker: the copy is refused: {reason}") for line in history.lines())
     assert contacts() == before
 
@@ -79,7 +79,7 @@ def test_what_is_wrong_is_told_once_by_the_agent(manager, settings):
     lines, agent, history = len(SETTINGS.read_text().splitlines()), lab_ctl("agent-pid", 1), History()
     for _ in range(3):
         Request(manager).create(*upload(SERVER4, "copied.cfg", protocol=TFTP)).copied()
-    expected = [f"{SETTINGS} line {lines - 1}: msgbus_answer_limit = 2s: not a number from 1 to 60000; 2000 holds",
+    expected = [f"{SETTINGS} line {lines - 1}: msgbus_answer_limit = 2s: must be a number from 1 to 60000; the default 2000 is used",
                 f"{SETTINGS} line {lines}: histroy: unknown setting; the line is ignored"]
     told = [line.partition(" error settings: ")[2] for line in history.lines() if f" {agent} error settings: " in line]
     assert told == expected

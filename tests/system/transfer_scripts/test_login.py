@@ -132,7 +132,7 @@ def test_settings_that_refuse(transfers):
     for word in ("maybe", "", "0", "yes please"):
         settings(ssh_accept_new_host_keys=word)
         lines = len(SETTINGS.read_text().splitlines())
-        expected = f"{SETTINGS} line {lines}: ssh_accept_new_host_keys = {word}: neither yes nor no; copies by SFTP and SCP fail\n"
+        expected = f"{SETTINGS} line {lines}: ssh_accept_new_host_keys = {word}: must be yes or no; copies by SFTP and SCP fail\n"
         assert {reason(transfer) for transfer in both} == {expected}
     with unreadable_settings():
         for script in every:
