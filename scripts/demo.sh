@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# Shows the main job in a few seconds, with stock SNMP tools: a switch's running configuration travels to a TFTP server and back, driven by
-# SNMP, with the notification at the end, and its startup configuration to an SFTP server; then a refused request and a failed copy; then a
+# Shows the main job in a few seconds, with stock SNMP tools: a switch copies its running configuration to a TFTP server and back on request
+# by SNMP, with the notification at the end, and its startup configuration to an SFTP server; then a refused request and a failed copy; then a
 # save on all three switches of a fabric, one that fails because a switch is down, and the same with the manager's command. Installs and builds
-# what it needs. Exits with 0 only if all of it held.
+# what it needs. Exits with 0 only if every step worked.
 set -euo pipefail
 
 if [[ -z ${LAB_AGENT:-} ]]; then # outside: make the lab, and come back inside
@@ -47,19 +47,19 @@ title "The switch and what it runs"
 run /ulmo/bin/cmdshell -c "show running-config"
 
 title "Back up: running configuration to the TFTP server $LAB_SERVER4"
-say "1. a new request in row 1, filled column by column"
+say "1. create a request in row 1 and fill in its columns"
 run snmpset "$LAB_AGENT" ccCopyEntryRowStatus.1 i createAndWait
 run snmpset "$LAB_AGENT" ccCopyProtocol.1 i tftp ccCopySourceFileType.1 i runningConfig ccCopyDestFileType.1 i networkFile
 run snmpset "$LAB_AGENT" ccCopyServerAddressType.1 i ipv4 ccCopyServerAddressRev1.1 d "$LAB_SERVER4"
 run snmpset "$LAB_AGENT" ccCopyFileName.1 s backup.cfg ccCopyNotificationOnCompletion.1 i true
-say "2. go"
+say "2. start the copy"
 run snmpset "$LAB_AGENT" ccCopyEntryRowStatus.1 i active
 wait_for_end 1
 expect_state successful
-say "3. the file on the server is, byte for byte, what the switch runs"
+say "3. compare the file on the server with the running configuration"
 run ls -l "$LAB_SERVER_ROOT/backup.cfg"
 /ulmo/bin/cmdshell -c "show running-config" | cmp - "$LAB_SERVER_ROOT/backup.cfg" || fail "the backup differs"
-echo "equal"
+echo "identical"
 say "4. the notification that the manager received"
 deadline=$((SECONDS + 5))
 until notification=$(grep -F '.1.3.6.1.4.1.41927.9.96.2.1.1.1' "$LAB_TRAPS"); do
@@ -68,9 +68,9 @@ until notification=$(grep -F '.1.3.6.1.4.1.41927.9.96.2.1.1.1' "$LAB_TRAPS"); do
 done
 tr '\t' '\n' <<<"$notification" | sed 's/^/  /'
 
-title "Restore: change the file, copy it into the running configuration"
+title "Restore: change the file and copy it to the running configuration"
 run sed -i 's/^hostname .*/hostname restored-switch/' "$LAB_SERVER_ROOT/backup.cfg"
-say "one SET makes row 2, fills it and starts the copy"
+say "one SET creates row 2, fills it in and starts the copy"
 run snmpset "$LAB_AGENT" ccCopyEntryRowStatus.2 i createAndGo ccCopySourceFileType.2 i networkFile ccCopyDestFileType.2 i runningConfig \
     ccCopyServerAddress.2 a "$LAB_SERVER4" ccCopyFileName.2 s backup.cfg
 wait_for_end 2
@@ -87,17 +87,17 @@ run snmpset "$LAB_AGENT" ccCopyEntryRowStatus.7 i active
 wait_for_end 7
 expect_state successful
 /ulmo/bin/cmdshell -c "show startup-config" | cmp - "$LAB_SERVER_ROOT/startup.cfg" || fail "the backup differs"
-echo "equal; the server's host key is known from now on:"
+echo "identical; the switch keeps the server's host key:"
 run cut -c 1-60 "$LAB_STATE/ssh_known_hosts"
 
 title "A request that is refused"
-say "the switch does not copy to itself"
+say "the switch refuses itself as the file server"
 run snmpset "$LAB_AGENT" ccCopyEntryRowStatus.3 i createAndWait ccCopySourceFileType.3 i runningConfig ccCopyDestFileType.3 i networkFile \
     ccCopyServerAddress.3 a 127.0.0.1 ccCopyFileName.3 s backup.cfg
 if run snmpset "$LAB_AGENT" ccCopyEntryRowStatus.3 i active 2>&1; then
     fail "the request was accepted"
 fi
-say "a request that waits would be taken for the next save that begins: away with it"
+say "destroy the request: the next save would mark a waiting request as running"
 run snmpset "$LAB_AGENT" ccCopyEntryRowStatus.3 i destroy
 
 title "A copy that fails"
@@ -118,7 +118,7 @@ for switch in 1 2 3; do
     lab-ctl switch-exec "$switch" /ulmo/bin/cmdshell -c "configure /tmp/change$switch.cfg"
     ! has_saved "$switch" || fail "switch $switch runs what it has saved already"
 done
-say "each runs something that it has not saved yet; one SET at the first switch has all of them save"
+say "each switch has unsaved changes; one SET at the first switch makes all of them save"
 run snmpset "$LAB_AGENT" ccCopyEntryRowStatus.5 i createAndGo ccCopySourceFileType.5 i runningConfig ccCopyDestFileType.5 i fabricStartupConfig
 wait_for_end 5
 expect_state successful
@@ -126,7 +126,7 @@ for switch in 1 2 3; do
     has_saved "$switch" || fail "switch $switch has not saved"
     echo "switch $switch: the startup configuration is the running configuration"
 done
-say "what the system manager of the first switch has logged"
+say "the log of the first switch's system manager"
 tail -n 5 "$LAB_LOG/wardend1.log"
 
 title "The same with the second switch down"
@@ -136,7 +136,7 @@ wait_for_end 6
 expect_state failed
 run snmpget "$LAB_AGENT" ccCopyFailCause.6
 [[ $(value_of ccCopyFailCause.6) == systemManagerFailed ]] || fail "the cause is wrong"
-say "the error table tells of each switch"
+say "the error table has the outcome of each switch"
 run snmpwalk "$LAB_AGENT" ccCopyErrorTable
 errors=$(snmpwalk -Oqv "$LAB_AGENT" ccCopyErrorText | tr -d '"')
 [[ $errors == $'saved\nno answer in 10 s\nsaved' ]] || fail "the outcomes are wrong: $errors"
@@ -145,18 +145,18 @@ run lab-ctl start-agent 2
 title "The same with the manager's command"
 run config-copy "$LAB_AGENT" running "tftp://$LAB_SERVER4/one-command.cfg"
 /ulmo/bin/cmdshell -c "show running-config" | cmp - "$LAB_SERVER_ROOT/one-command.cfg" || fail "the backup differs"
-say "a failed copy is told in words, and by the exit status"
+say "a failed copy: the reason in words, and the exit status 1"
 status=0
 run config-copy "$LAB_AGENT" "tftp://$LAB_SERVER4/no-such-file.cfg" running 2>&1 || status=$?
 ((status == 1)) || fail "the exit status is $status"
-say "all three switches side by side, each into a file of its own"
+say "all three switches at the same time, each to a file of its own"
 run tee /tmp/switches <<<"${LAB_AGENTS// /$'\n'}"
 run config-copy --hosts /tmp/switches running "tftp://$LAB_SERVER4/{host}.cfg"
 for agent in $LAB_AGENTS; do
     [[ -s $LAB_SERVER_ROOT/$agent.cfg ]] || fail "there is no backup of $agent"
 done
 
-title "All requests; they age out by themselves after five minutes"
+title "All requests; the agent removes them after five minutes"
 run snmptable -CB -Cw 150 "$LAB_AGENT" ccCopyTable
 
-printf '\nAll of it held.\n'
+printf '\nEvery step worked.\n'

@@ -16,23 +16,23 @@ LAB_FAILED = 125  # as timeout(1) and env(1) have it: the status of the lab itse
 EPILOGUE = """\
 COMMAND runs as root on the first switch, in the folder where lab.sh was called, and sees:
   LAB_AGENT                the agent's address, as the Net-SNMP tools take it
-  LAB_AGENTS               the agents' addresses, parted by blanks, the first switch's first
+  LAB_AGENTS               the agents' addresses, separated by blanks, that of the first switch first
   LAB_SERVER4, LAB_SERVER6 the file server's addresses
   LAB_SERVER_ROOT          the folder that the servers serve
   LAB_USER, LAB_PASSWORD   the account on the file server
   LAB_STATE                the switch's state directory (running.cfg, system.cfg)
-  LAB_TRAPS                received notifications, one a line: time, sender, then the bindings, parted by tabs, OIDs numeric
-  LAB_LOG                  the folder with the logs of every daemon; `system` has what went to the system's log, syslog(3)
-`snmpget $LAB_AGENT OID` works without options, over SNMPv3 authPriv; the community `lab` (-v2c -c lab) may read and write too.
+  LAB_TRAPS                received notifications, one per line: time, sender, bindings, separated by tabs, OIDs numeric
+  LAB_LOG                  the folder with the logs of every daemon; `system` is the system's log, syslog(3)
+`snmpget $LAB_AGENT OID` works without options, over SNMPv3 authPriv; the community `lab` (-v2c -c lab) may read and write, too.
 
 In the lab, `lab-ctl` stops, starts and signals agents and system managers, cuts cables and runs commands on other switches and on the file
 server's host: `lab-ctl help`.
 
-With --switches the switches make one fabric: each one's settings name all others, and the SNMPv3 user by which their system managers reach each
-other. All are alike, but for what options give only one of them. The state of switch N is in /lab/switchN/disk/state.
+With --switches the switches form one fabric: the settings of each one name all others, and the SNMPv3 user with which their system managers
+reach each other. They differ only by options that affect one switch. The state of switch N is in /lab/switchN/disk/state.
 
-/tmp, /run, /etc, /var/log, /var/lib/snmp and /dev/shm are the lab's own and vanish with it; all other folders are the machine's. A file
-that is to outlive the lab goes into the repository or the folder where lab.sh was called.
+/tmp, /run, /etc, /var/log, /var/lib/snmp and /dev/shm belong to the lab and vanish with it; all other folders are the machine's. To keep a
+file, write it to the folder where lab.sh was called or to the repository.
 
 lab.sh exits with COMMAND's status, 128 + N when signal N ended it, and 125 when the lab itself failed.
 """
@@ -84,7 +84,8 @@ def parse(arguments):
     parser = argparse.ArgumentParser(
         prog="scripts/lab.sh",
         usage="scripts/lab.sh exec [OPTIONS] -- COMMAND…  |  scripts/lab.sh shell [OPTIONS]  |  scripts/lab.sh help",
-        description="Makes switches and their file server in namespaces of this machine, runs COMMAND there and takes all down again. Needs root.",
+        description="Creates switches and their file server in namespaces of this machine, runs COMMAND there and removes everything again. "
+                    "Needs root or sudo.",
         epilog=EPILOGUE,
         formatter_class=argparse.RawDescriptionHelpFormatter,
         allow_abbrev=False,
@@ -92,25 +93,25 @@ def parse(arguments):
     )
     parser.add_argument("action", choices=("exec", "shell", "help"), help=argparse.SUPPRESS)
     parser.add_argument("--build-dir", metavar="DIR", type=Path, default=REPOSITORY / "build" / "release",
-                        help="the build to run; brought up to date first (default: build/release)")
-    parser.add_argument("--no-build", action="store_true", help="take the build as it is")
-    parser.add_argument("--no-module", action="store_true", help="the agent alone, without the module")
+                        help="the build to run, which is updated first (default: build/release)")
+    parser.add_argument("--no-build", action="store_true", help="do not update the build")
+    parser.add_argument("--no-module", action="store_true", help="run the agent without the module")
     parser.add_argument("--tftp-server", choices=("atftpd", "hpa"), default="atftpd",
-                        help="which TFTP server: atftpd (default) knows windowsize, hpa does not")
+                        help="which TFTP server: atftpd (default) supports windowsize, hpa does not")
     parser.add_argument("--switches", metavar="N", type=within(int, 1, 16), default=1, help="how many switches (default: 1)")
     parser.add_argument("--delay", metavar="MS", type=within(float, 0, 60000), default=0,
                         help="delay of the link between the first switch and the server, each way, in milliseconds")
-    parser.add_argument("--loss", metavar="PERCENT", type=within(float, 0, 100), default=0, help="part of the frames that the link loses, each way")
+    parser.add_argument("--loss", metavar="PERCENT", type=within(float, 0, 100), default=0, help="share of the frames that the link loses, each way")
     parser.add_argument("--rate", metavar="KBIT", type=within(float, 0, 1e9), default=0, help="speed of the link, each way, in kbit/s")
-    parser.add_argument("--cut-after", metavar="BYTES", type=within(int, 1, 2**63), help="the link goes dead after so many octets")
-    parser.add_argument("--seed", metavar="N", type=within(int, 0, 2**32 - 1), default=1, help="which frames are lost (default: 1)")
-    parser.add_argument("--vrf", metavar="NAME", type=vrf_name, help="the file server is reached within this VRF of the first switch only, a network namespace; "
-                        "NAME is an SNMP context too")
+    parser.add_argument("--cut-after", metavar="BYTES", type=within(int, 1, 2**63), help="cut the link after so many octets")
+    parser.add_argument("--seed", metavar="N", type=within(int, 0, 2**32 - 1), default=1, help="choose which frames are lost (default: 1)")
+    parser.add_argument("--vrf", metavar="NAME", type=vrf_name, help="only this VRF of the first switch, a network namespace, reaches the file server; "
+                        "NAME is also an SNMP context")
     parser.add_argument("--chassis-type", metavar="N", type=int, help="the switches' chassis type")
     parser.add_argument("--small-disk", metavar="SIZE", type=first_switch_size, action="append", dest="small_disks", default=[],
-                        help="the first switch's state and working directory hold so much, for example 256k")
+                        help="size of the first switch's state and working directory, for example 256k")
     parser.add_argument("--small-disk-of", metavar="N=SIZE", type=switch_size, action="append", dest="small_disks", help="the same for switch N")
-    parser.add_argument("--server-disk", metavar="SIZE", type=size, help="the folder of the file server holds so much")
+    parser.add_argument("--server-disk", metavar="SIZE", type=size, help="size of the file server's folder")
     parser.add_argument("--faketime", metavar="SPEC", help="the agents' clock, as faketime takes it, for example +0; lab-ctl agent-clock moves it later")
     parser.add_argument("--keep-logs", metavar="DIR", type=Path, help="copy the daemons' logs and the notifications to DIR at the end")
     options = parser.parse_args(before)
