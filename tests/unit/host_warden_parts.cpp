@@ -210,6 +210,18 @@ TEST_F(LastSave, KeepsHowItWent) {
     EXPECT_EQ(ulmo::last_save(), outcome.text);
 }
 
+TEST_F(LastSave, ASaveThatABadSettingRefusesIsOne) {
+    ulmo::record_last_save("before");
+    const std::string path = file("platform.conf", "wwn = x\n").string();
+    ulmo::Action fabric;
+    fabric.scope = ulmo::Action::Scope::fabric;
+    ulmo::ActionProcess process(fabric);
+    const ulmo::ActionOutcome outcome = outcome_of(process);
+    EXPECT_EQ(outcome.status, ulmo::warden_err_store);
+    EXPECT_EQ(outcome.text.substr(0, path.size()), path);
+    EXPECT_EQ(ulmo::last_save(), outcome.text);
+}
+
 TEST_F(LastSave, ASaveThatWasGivenUpIsNone) {
     ulmo::record_last_save("before");
     auto lock = std::make_unique<ulmo::FileLock>(held());

@@ -38,15 +38,15 @@ std::vector<std::filesystem::path> startup_copies() {
     return {names.begin(), names.end()};
 }
 
+// The reason of a failed save, which is kept as the outcome of the last one, too.
+std::string recorded(const std::exception &error) {
+    std::string reason = reason_of(error);
+    record_last_save(reason);
+    return reason;
+}
+
 void save_here(const std::vector<std::filesystem::path> &copies, int stop) {
-    try {
-        make_device_backend()->save(copies, [stop] { check_stop(stop); });
-    } catch (const GivenUp &) {
-        throw;
-    } catch (const std::exception &error) {
-        record_last_save(reason_of(error));
-        throw;
-    }
+    make_device_backend()->save(copies, [stop] { check_stop(stop); });
     record_last_save(saved_text);
 }
 
@@ -58,7 +58,7 @@ std::string saved_here(int stop) {
     } catch (const GivenUp &) {
         throw;
     } catch (const std::exception &error) {
-        return reason_of(error);
+        return recorded(error);
     }
 }
 
@@ -76,7 +76,7 @@ ActionOutcome save_fabric(int stop) {
     } catch (const GivenUp &) {
         throw;
     } catch (const std::exception &error) { // the members are not known: nothing was saved anywhere
-        here.text = reason_of(error);
+        here.text = recorded(error);
     }
     switches.insert(switches.begin(), here);
     try {
@@ -120,7 +120,7 @@ ActionOutcome perform(const Action &action, int stop) {
     } catch (const GivenUp &error) {
         return {warden_err_given_up, error.what()};
     } catch (const std::exception &error) {
-        return {warden_err_store, reason_of(error)};
+        return {warden_err_store, recorded(error)};
     }
 }
 
