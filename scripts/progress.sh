@@ -1,7 +1,7 @@
 #!/bin/bash
 # progress.sh [--log FILE] TEXT COMMAND…: runs COMMAND and tells under the name TEXT how far it is and how long it took:
 # every second on a terminal, every ten seconds elsewhere. Understands what ninja, ctest and apt-get (with
-# APT::Status-Fd=1) print. COMMAND's output goes to FILE; without one it is shown when COMMAND fails, and only then.
+# APT::Status-Fd) print. COMMAND's output goes to FILE; without one it is shown when COMMAND fails, and only then.
 set -uo pipefail
 
 kept=
