@@ -1,6 +1,6 @@
 #include "platform/tftp_client.h"
 
-#include "platform/host/tftp_session.h"
+#include "platform/host/tftp_copy.h"
 
 #include <cerrno>
 #include <exception>
@@ -31,19 +31,19 @@ template <typename Work> int checked(bool valid, Work &&work) noexcept {
 } // namespace
 
 extern "C" int tftp_timeout_set(int seconds) {
-    return checked(true, [&] { return session().set_timeout(seconds); });
+    return checked(true, [&] { return ulmo::set_timeout(session(), seconds); });
 }
 
 extern "C" int tftp_connect(const char *server, int port) {
-    return checked(server != nullptr, [&] { return session().connect(server, port); });
+    return checked(server != nullptr, [&] { return ulmo::connect(session(), server, port); });
 }
 
 extern "C" int tftp_put2(const char *local, const char *remote, int flags) {
-    return checked(local != nullptr && remote != nullptr && flags == 0, [&] { return session().put(local, remote); });
+    return checked(local != nullptr && remote != nullptr && flags == 0, [&] { return ulmo::put(session(), local, remote); });
 }
 
 extern "C" int tftp_get2(const char *remote, const char *local, int flags) {
-    return checked(local != nullptr && remote != nullptr && flags == 0, [&] { return session().get(remote, local); });
+    return checked(local != nullptr && remote != nullptr && flags == 0, [&] { return ulmo::get(session(), remote, local); });
 }
 
 extern "C" const char *tftp_strerror(int error) {

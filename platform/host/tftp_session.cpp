@@ -1,6 +1,5 @@
 #include "platform/host/tftp_session.h"
 
-#include "platform/host/copy_report.h"
 #include "platform/host/tftp_transfer.h"
 
 #include <arpa/inet.h>
@@ -197,7 +196,6 @@ int Session::put(const std::string &local, const std::string &remote) {
                        moved_ = std::max(moved_, offset + filled);
                        return filled;
                    });
-        report_file(local);
     });
 }
 
@@ -211,7 +209,6 @@ int Session::get(const std::string &remote, const std::string &local) {
             moved_ += octets.size();
         });
         file.finish();
-        report_file(local);
     });
 }
 
@@ -245,10 +242,6 @@ template <typename Work> int Session::guarded(Work &&work) {
         detail_ = error.what();
     } catch (const std::bad_alloc &) {
         latest_ = system_error(ENOMEM).result();
-    }
-    if (latest_ < 0) {
-        report_reason(text(latest_));
-        report_moved(moved_);
     }
     return latest_;
 }

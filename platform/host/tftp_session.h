@@ -21,6 +21,9 @@ class Session {
     // Upper bounds of the block size and of the window that later transfers ask for.
     void limit(std::uint16_t block_size, std::uint16_t window_size);
 
+    // Octets that the latest transfer has sent or stored.
+    [[nodiscard]] std::uint64_t moved() const { return moved_; }
+
     // The meaning of a result and, if it is the latest one, what is known beyond that.
     [[nodiscard]] std::string text(int result) const;
 
@@ -30,7 +33,7 @@ class Session {
 
     Endpoint server_;
     int latest_ = 0;
-    std::uint64_t moved_ = 0; // octets that the latest transfer has sent or stored
+    std::uint64_t moved_ = 0;
     std::string detail_;
 };
 

@@ -6,7 +6,7 @@
 // the file was copied; otherwise with one line on standard error and 1 if the transfer failed, 2 if the arguments are wrong, 3 if the VRF
 // can't be entered.
 #include "platform/host/copy_report.h"
-#include "platform/host/tftp_session.h"
+#include "platform/host/tftp_copy.h"
 #include "platform/host/vrf.h"
 
 #include <charconv>
@@ -54,10 +54,10 @@ int run(int argc, char **argv) {
     }
     ulmo::tftp::Session session;
     session.bind_to_device(device.value_or(""));
-    session.set_timeout(patience_seconds);
-    int result = session.connect(server, port);
+    ulmo::set_timeout(session, patience_seconds);
+    int result = ulmo::connect(session, server, port);
     if (result >= 0) {
-        result = putting ? session.put(local, remote) : session.get(remote, local);
+        result = putting ? ulmo::put(session, local, remote) : ulmo::get(session, remote, local);
     }
     if (result < 0) {
         const std::string what =
