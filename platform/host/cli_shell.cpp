@@ -4,7 +4,7 @@
 #include "platform/host/copy_report.h"
 #include "platform/host/device_backend.h"
 #include "platform/host/host_log.h"
-#include "platform/host/last_save.h"
+#include "platform/host/reason.h"
 #include "platform/host/state_file.h"
 
 #include <fcntl.h>

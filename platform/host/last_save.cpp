@@ -4,9 +4,7 @@
 #include "platform/host/host_log.h"
 #include "platform/host/state_file.h"
 
-#include <algorithm>
-#include <cerrno>
-#include <system_error>
+#include <exception>
 
 namespace ulmo {
 namespace {
@@ -16,17 +14,6 @@ std::filesystem::path record() {
 }
 
 } // namespace
-
-std::string reason_of(const std::exception &error) {
-    const auto *failure = dynamic_cast<const std::system_error *>(&error);
-    if (failure != nullptr && failure->code() == std::errc::no_space_on_device) {
-        return "no space on device";
-    }
-    std::string reason = error.what();
-    std::replace_if(
-        reason.begin(), reason.end(), [](char c) { return static_cast<unsigned char>(c) < ' '; }, ' ');
-    return reason;
-}
 
 void record_last_save(std::string_view outcome) {
     try {

@@ -2,7 +2,6 @@
 // state may be full, which is then what is to be told.
 #pragma once
 
-#include <exception>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -10,9 +9,6 @@
 namespace ulmo {
 
 inline constexpr std::string_view saved_text = "saved";
-
-// The reason of a failed save, short and on one line: "no space on device", or what the error says.
-std::string reason_of(const std::exception &error);
 
 // Replaces what is kept, at once and whole; a failure is logged, the save is none the worse for it.
 void record_last_save(std::string_view outcome);

@@ -5,7 +5,7 @@
 #include "platform/host/device_backend.h"
 #include "platform/host/host_config.h"
 #include "platform/host/host_log.h"
-#include "platform/host/last_save.h"
+#include "platform/host/reason.h"
 #include "platform/host/system_manager_status.h"
 
 #include <exception>

@@ -9,6 +9,7 @@
 #include "platform/host/copy_report.h"
 #include "platform/host/device_backend.h"
 #include "platform/host/last_save.h"
+#include "platform/host/reason.h"
 #include "platform/host/save_request.h"
 #include "platform/host/settings.h"
 

@@ -4,6 +4,7 @@
 #include "platform/host/fabric_status.h"
 #include "platform/host/host_log.h"
 #include "platform/host/last_save.h"
+#include "platform/host/reason.h"
 #include "platform/host/settings.h"
 #include "platform/host/system_manager_status.h"
 #include "platform/host/warden/fabric_members.h"
