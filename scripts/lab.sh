@@ -6,4 +6,4 @@ scripts=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 if [[ ${1:-help} != help ]]; then
     "$scripts/install-packages.sh" lab >&2
 fi
-exec /usr/bin/python3 -B "$scripts/lab/lab.py" "$@"
+exec /usr/bin/python3 -B "$(dirname "$scripts")/lab/lab.py" "$@"

@@ -23,7 +23,7 @@ def message_of(literals):
 def of_sources(problems):
     """The messages, each with the files that log it."""
     found = {}
-    for path in sorted(path for folder in ("infra", "platform") for path in (ROOT / folder).rglob("*") if path.suffix in (".cpp", ".h")):
+    for path in sorted(path for folder in ("base", "infra", "platform", "tftp") for path in (ROOT / folder).rglob("*") if path.suffix in (".cpp", ".h")):
         text = path.read_text()
         for call in CALL.finditer(text):
             literals = LITERAL.match(text, call.end())

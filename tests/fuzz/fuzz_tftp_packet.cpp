@@ -1,5 +1,5 @@
 // Feeds arbitrary datagrams to the decoder of TFTP packets and to the check of answered options.
-#include "platform/host/tftp_packet.h"
+#include "tftp/packet.h"
 
 #include <cstdlib>
 

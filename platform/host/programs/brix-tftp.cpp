@@ -5,9 +5,9 @@
 // DIRECTION is 1 to put the local file under the remote name, 0 to get the remote file. The sixth argument is always 1. It exits with 0 if
 // the file was copied; otherwise with one line on standard error and 1 if the transfer failed, 2 if the arguments are wrong, 3 if the VRF
 // can't be entered.
-#include "platform/host/copy_report.h"
-#include "platform/host/tftp_copy.h"
-#include "platform/host/vrf.h"
+#include "platform/host/history/copy_report.h"
+#include "platform/host/transfer/tftp_copy.h"
+#include "platform/host/vrf/vrf.h"
 
 #include <charconv>
 #include <cstdio>

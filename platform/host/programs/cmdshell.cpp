@@ -5,13 +5,13 @@
 //                         that failed, otherwise it stops there, so that what follows in a script never builds on a failure.
 //
 // Exits with 0 when all went well, 1 when a command failed (one line on standard error says why) and 2 when it was called wrongly.
-#include "platform/host/copy_record.h"
-#include "platform/host/copy_report.h"
-#include "platform/host/device_backend.h"
-#include "platform/host/last_save.h"
-#include "platform/host/reason.h"
-#include "platform/host/save_request.h"
-#include "platform/host/settings.h"
+#include "base/reason.h"
+#include "base/settings.h"
+#include "platform/host/device/backend.h"
+#include "platform/host/history/copy_record.h"
+#include "platform/host/history/copy_report.h"
+#include "platform/host/system_manager/last_save.h"
+#include "platform/host/system_manager/save_request.h"
 
 #include <pwd.h>
 #include <unistd.h>

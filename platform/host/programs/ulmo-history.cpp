@@ -1,7 +1,7 @@
 // ulmo-history: prints the debug history.
 #include "platform/evtrace.h"
-#include "platform/host/history.h"
-#include "platform/host/history_ring.h"
+#include "platform/host/history/history.h"
+#include "platform/host/history/ring.h"
 
 #include <getopt.h>
 

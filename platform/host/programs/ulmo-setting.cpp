@@ -6,7 +6,7 @@
 //
 // Exits with 0; with 1 when the file can't be read or a bad value must not be passed over, and a line on standard error; with 2 when it was
 // called wrongly.
-#include "platform/host/settings.h"
+#include "base/settings.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -4,8 +4,8 @@
 //
 // ID is the VRF's number (vrfdir_get_context_id()), PROGRAM is searched in PATH. It exits with the program's status; with one line on
 // standard error and 125 if the arguments are wrong, or the VRF is not known or can't be entered, and 127 if the program can't be run.
-#include "platform/host/host_log.h"
-#include "platform/host/vrf.h"
+#include "platform/host/history/log.h"
+#include "platform/host/vrf/vrf.h"
 
 #include <unistd.h>
 

@@ -6,9 +6,9 @@
 //
 // Exits with 0 when it was told to end, 1 when it can't serve (another one runs, or its directories can't be used) and 2 when it was called
 // wrongly.
-#include "platform/host/host_log.h"
-#include "platform/host/settings.h"
-#include "platform/host/warden/warden.h"
+#include "base/settings.h"
+#include "platform/host/history/log.h"
+#include "platform/host/system_manager/warden.h"
 
 #include <sys/stat.h>
 

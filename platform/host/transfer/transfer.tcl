@@ -27,7 +27,7 @@ set temporary {}
 set client_pid 0
 set closed no
 set transcript {}
-set report {} ;# where the copy that this transfer belongs to wants to hear of it: platform/host/copy_report.h
+set report {} ;# where the copy that this transfer belongs to wants to hear of it: platform/host/history/copy_report.h
 set moved_file {} ;# the local one
 
 # --- arguments ---------------------------------------------------------------------------------------------------------------------------------

@@ -6,7 +6,7 @@ import pytest
 from command import *
 
 REPOSITORY = Path(__file__).parents[3]
-COMPLETION = REPOSITORY / "manager/config-copy.bash-completion"
+COMPLETION = REPOSITORY / "config-copy/config-copy.bash-completion"
 
 
 def completed(*words):

@@ -1,0 +1,46 @@
+#include "base/folders.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <string>
+#include <system_error>
+
+namespace ulmo {
+namespace {
+
+std::string from_environment(const char *name, const char *fallback) {
+    const char *value = std::getenv(name);
+    return value != nullptr && *value != '\0' ? value : fallback;
+}
+
+std::filesystem::path made_directory(const std::filesystem::path &directory, mode_t mode) {
+    if (!directory.parent_path().empty()) {
+        std::filesystem::create_directories(directory.parent_path());
+    }
+    if (::mkdir(directory.c_str(), mode) != 0 && errno != EEXIST) {
+        throw std::filesystem::filesystem_error("cannot make directory", directory, std::error_code(errno, std::generic_category()));
+    }
+    return directory;
+}
+
+} // namespace
+
+std::filesystem::path state_dir() {
+    return made_directory(from_environment("ULMO_STATE_DIR", "/var/lib/ulmo"), 0700);
+}
+
+std::filesystem::path run_dir() {
+    return made_directory(run_path(), 0755);
+}
+
+std::filesystem::path run_path() {
+    return from_environment("ULMO_RUN_DIR", "/run/ulmo");
+}
+
+std::filesystem::path settings_file() {
+    return from_environment("ULMO_CONF", "/etc/ulmo/platform.conf");
+}
+
+} // namespace ulmo

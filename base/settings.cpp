@@ -1,0 +1,380 @@
+#include "base/settings.h"
+
+#include "base/folders.h"
+#include "base/unique_fd.h"
+#include "base/wwn_text.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <charconv>
+#include <ctime>
+#include <iterator>
+#include <memory>
+#include <mutex>
+#include <system_error>
+#include <tuple>
+
+namespace ulmo {
+namespace {
+
+std::string_view trimmed(std::string_view text) {
+    constexpr std::string_view blanks = " \t\r";
+    const auto first = text.find_first_not_of(blanks);
+    return first == std::string_view::npos ? std::string_view{} : text.substr(first, text.find_last_not_of(blanks) - first + 1);
+}
+
+// --- one value ---
+
+std::string lower(std::string_view text) {
+    std::string result(text);
+    for (char &c : result) {
+        c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+    }
+    return result;
+}
+
+bool is_one_of(std::string_view word, std::string_view words) {
+    while (!words.empty()) {
+        const std::string_view next = words.substr(0, words.find(','));
+        if (word == trimmed(next)) {
+            return true;
+        }
+        words.remove_prefix(std::min(next.size() + 1, words.size()));
+    }
+    return false;
+}
+
+// The value in the form that the getters return; nothing when it is none.
+std::optional<std::string> accepted(const Setting &setting, std::string_view text) {
+    std::string value(text);
+    if (setting.kind != SettingKind::list && text == setting.fallback) {
+        return value; // also an empty one, which is not set
+    }
+    bool is_good = true;
+    switch (setting.kind) {
+    case SettingKind::number: {
+        long number = 0;
+        const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+        is_good = error == std::errc{} && end == text.data() + text.size() && number >= setting.least && number <= setting.most;
+        value = std::to_string(number);
+        break;
+    }
+    case SettingKind::yes_no: {
+        const std::string word = lower(text);
+        const bool is_yes = is_one_of(word, "yes, on, true");
+        is_good = is_yes || is_one_of(word, "no, off, false");
+        value = is_yes ? "yes" : "no";
+        break;
+    }
+    case SettingKind::choice:
+        is_good = is_one_of(text, setting.words);
+        break;
+    case SettingKind::list:
+        is_good = setting.most == 0 ||
+                  (text.size() >= static_cast<std::size_t>(setting.least) && text.size() <= static_cast<std::size_t>(setting.most));
+        break;
+    case SettingKind::wwn: {
+        const auto wwn = wwn_from_text(text);
+        is_good = wwn && *wwn != Wwn{}; // which names nobody
+        break;
+    }
+    case SettingKind::text:
+        break;
+    }
+    return is_good ? std::optional(std::move(value)) : std::nullopt;
+}
+
+std::string what_it_must_be(const Setting &setting) {
+    const std::string range = std::to_string(setting.least) + " to " + std::to_string(setting.most);
+    switch (setting.kind) {
+    case SettingKind::number:
+        return "must be a number from " + range;
+    case SettingKind::yes_no:
+        return "must be yes or no";
+    case SettingKind::choice:
+        return (setting.words.find(',') == std::string_view::npos ? "must be " : "must be one of ") + std::string(setting.words);
+    case SettingKind::list:
+        return "must be " + range + " octets long";
+    case SettingKind::wwn:
+        return "must be a world-wide name, such as 20:00:00:00:00:00:00:01";
+    case SettingKind::text:
+        break;
+    }
+    return "must have another value";
+}
+
+// One short line whatever the file holds.
+std::string shown(std::string_view text) {
+    constexpr std::size_t longest = 60;
+    std::string line(text.substr(0, longest));
+    std::replace_if(
+        line.begin(), line.end(), [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7f'; }, '?');
+    return text.size() > longest ? line + "..." : line;
+}
+
+// --- the file ---
+
+// What tells one content of the file from the next.
+using Stamp = std::tuple<std::string, dev_t, ino_t, off_t, time_t, long, time_t, long, uid_t>;
+
+struct State {
+    std::vector<std::string> values; // of a setting that is no list, the last good one
+    bool is_default = true;
+    std::string refusal; // why the setting can't be asked for
+};
+
+struct Contents {
+    Stamp stamp;
+    std::string unreadable; // why, when it can't be read
+    std::array<State, std::size(all_settings)> states;
+    std::vector<std::string> problems;
+};
+
+[[noreturn]] void fail(int error) {
+    throw std::system_error(error, std::generic_category());
+}
+
+// The status of the file; nothing when there is none. Throws std::runtime_error.
+std::optional<struct stat> status_of(const std::filesystem::path &path) {
+    if (path.is_relative()) { // a worker has another working directory than the agent, and would find no file
+        throw std::runtime_error("its path is not absolute");
+    }
+    struct stat status {};
+    if (::stat(path.c_str(), &status) == 0) {
+        return status;
+    }
+    const int error = errno;
+    // A link that leads nowhere is there and can't be read.
+    if (error == ENOENT && ::lstat(path.c_str(), &status) != 0 && errno == ENOENT) {
+        return std::nullopt;
+    }
+    fail(error);
+}
+
+Stamp stamp_of(const std::filesystem::path &path, const struct stat &status) {
+    // Another user may not be able to read what this process read before.
+    return {path.string(),          status.st_dev,         status.st_ino,          status.st_size, status.st_mtim.tv_sec,
+            status.st_mtim.tv_nsec, status.st_ctim.tv_sec, status.st_ctim.tv_nsec, ::geteuid()};
+}
+
+std::string text_of(const std::filesystem::path &path, Stamp &stamp) {
+    // O_NONBLOCK: a FIFO must not stop us before we see that it is one.
+    const UniqueFd file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    struct stat status {};
+    if (!file || ::fstat(file.get(), &status) != 0) {
+        fail(errno);
+    }
+    if (S_ISDIR(status.st_mode)) {
+        fail(EISDIR);
+    }
+    if (!S_ISREG(status.st_mode)) {
+        throw std::runtime_error("it is not a regular file");
+    }
+    stamp = stamp_of(path, status);
+    std::string text;
+    std::array<char, 16384> part;
+    for (ssize_t count = 0; (count = ::read(file.get(), part.data(), part.size())) != 0;) {
+        if (count < 0 && errno != EINTR) {
+            fail(errno);
+        }
+        text.append(part.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+    }
+    return text;
+}
+
+// Takes what a line says of a setting, or what is wrong with it.
+void take(Contents &contents, const Setting &setting, std::string_view text, const std::string &place) {
+    State &state = contents.states[static_cast<std::size_t>(&setting - all_settings)];
+    if (setting.kind != SettingKind::list || state.is_default) {
+        state.values.clear();
+    }
+    state.is_default = false;
+    state.refusal.clear();
+    if (auto value = accepted(setting, text)) {
+        if (setting.kind == SettingKind::list || !value->empty()) {
+            state.values.push_back(*std::move(value));
+        }
+        return;
+    }
+    std::string problem = place + ": " + std::string(setting.name) + " = " + (setting.is_secret ? "..." : shown(text)) + ": " +
+                          what_it_must_be(setting) + "; ";
+    if (!setting.fails.empty()) {
+        problem += setting.fails;
+        state.refusal = problem;
+    } else if (setting.kind == SettingKind::list) {
+        problem += "the line is ignored";
+    } else {
+        problem += setting.fallback.empty() ? "it counts as not set" : "the default " + std::string(setting.fallback) + " is used";
+        state.values = {std::string(setting.fallback)};
+    }
+    contents.problems.push_back(std::move(problem));
+}
+
+void judge(Contents &contents, const std::filesystem::path &path, std::string_view text) {
+    for (std::size_t number = 1; !text.empty(); ++number) {
+        const std::string_view line = text.substr(0, text.find('\n'));
+        text.remove_prefix(std::min(line.size() + 1, text.size()));
+        const std::string_view words = trimmed(line);
+        if (words.empty() || words.front() == '#') {
+            continue;
+        }
+        const std::string place = path.string() + " line " + std::to_string(number);
+        const auto equals = words.find('=');
+        if (equals == std::string_view::npos) {
+            contents.problems.push_back(place + ": no '='; the line is ignored");
+            continue;
+        }
+        const std::string_view key = trimmed(words.substr(0, equals));
+        const auto *const setting =
+            std::find_if(std::begin(all_settings), std::end(all_settings), [key](const Setting &each) { return each.name == key; });
+        if (setting == std::end(all_settings)) {
+            // Without its value, which may be a passphrase.
+            contents.problems.push_back(place + ": " + shown(key) + ": unknown setting; the line is ignored");
+            continue;
+        }
+        take(contents, *setting, trimmed(words.substr(equals + 1)), place);
+    }
+}
+
+Contents read_contents(const std::filesystem::path &path) {
+    Contents contents;
+    for (std::size_t i = 0; i < std::size(all_settings); ++i) {
+        if (const std::string_view fallback = all_settings[i].fallback; !fallback.empty()) {
+            contents.states[i].values.emplace_back(fallback);
+        }
+    }
+    try {
+        if (const auto status = status_of(path)) {
+            contents.stamp = stamp_of(path, *status); // also of one that can't be read
+            judge(contents, path, text_of(path, contents.stamp));
+        }
+    } catch (const std::exception &error) {
+        contents.unreadable = path.string() + " can't be read: " + error.what() + "; copies and saves fail";
+        contents.problems = {contents.unreadable};
+    }
+    return contents;
+}
+
+// A change right after the reading may bear the same time: what is that young is read again.
+bool is_settled(const Stamp &stamp) {
+    timespec now{};
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    constexpr std::int64_t age_ms = 100; // many ticks of the clock that stamps files
+    const auto milliseconds = [](time_t seconds, long nanoseconds) { return std::int64_t{seconds} * 1000 + nanoseconds / 1'000'000; };
+    return milliseconds(now.tv_sec, now.tv_nsec) - milliseconds(std::get<6>(stamp), std::get<7>(stamp)) > age_ms;
+}
+
+// What was read last, for the process's life, past all destructors: whatever runs at its end may still log.
+struct Cache {
+    std::mutex mutex;
+    std::shared_ptr<const Contents> contents;
+    bool was_settled = false;
+    Stamp told_stamp;
+    std::vector<std::string> told;
+};
+
+Cache &cache() {
+    static auto *const instance = new Cache;
+    return *instance;
+}
+
+std::atomic<SettingsListener> listener = nullptr;
+
+// Whether `contents` are what the file still holds.
+bool is_current(const Contents &contents, const std::filesystem::path &path) {
+    try {
+        const auto status = status_of(path);
+        return contents.unreadable.empty() && contents.stamp == (status ? stamp_of(path, *status) : Stamp{});
+    } catch (const std::runtime_error &) {
+        return false;
+    }
+}
+
+std::shared_ptr<const Contents> current() {
+    const std::filesystem::path path = settings_file();
+    std::vector<std::string> news;
+    std::shared_ptr<const Contents> contents;
+    {
+        Cache &known = cache();
+        const std::lock_guard lock(known.mutex);
+        if (!known.contents || !known.was_settled || !is_current(*known.contents, path)) {
+            auto fresh = std::make_shared<const Contents>(read_contents(path));
+            known.was_settled = fresh->stamp == Stamp{} || is_settled(fresh->stamp);
+            known.contents = std::move(fresh);
+            if (known.contents->stamp != known.told_stamp || known.contents->problems != known.told) {
+                news = known.contents->problems;
+                known.told_stamp = known.contents->stamp;
+                known.told = news;
+            }
+        }
+        contents = known.contents;
+    }
+    // Not under the lock: to log takes settings.
+    if (const SettingsListener told = listener) {
+        for (const std::string &problem : news) {
+            told(problem);
+        }
+    }
+    return contents;
+}
+
+const State &state_in(const Contents &contents, const Setting &setting) {
+    const State &state = contents.states[static_cast<std::size_t>(&setting - all_settings)];
+    if (!setting.fails.empty() && !contents.unreadable.empty()) {
+        throw SettingsError(contents.unreadable);
+    }
+    if (!state.refusal.empty()) {
+        throw SettingsError(state.refusal);
+    }
+    return state;
+}
+
+std::string only_value(const Setting &setting) {
+    const auto values = setting_values(setting);
+    return values.empty() ? "" : values.front();
+}
+
+} // namespace
+
+std::vector<std::string> setting_values(const Setting &setting) {
+    return state_in(*current(), setting).values;
+}
+
+std::optional<long> number_setting(NumberSetting name) {
+    const std::string text = only_value(*name);
+    return text.empty() ? std::nullopt : std::optional(std::stol(text));
+}
+
+std::string text_setting(TextSetting name) {
+    return only_value(*name);
+}
+
+std::vector<std::string> list_setting(ListSetting name) {
+    return setting_values(*name);
+}
+
+bool is_default(const Setting &setting) {
+    return current()->states[static_cast<std::size_t>(&setting - all_settings)].is_default;
+}
+
+void require_settings() {
+    if (const auto contents = current(); !contents->unreadable.empty()) {
+        throw SettingsError(contents->unreadable);
+    }
+}
+
+std::vector<std::string> settings_problems() {
+    return current()->problems;
+}
+
+void tell_settings_problems_to(SettingsListener told) {
+    listener = told;
+}
+
+} // namespace ulmo

@@ -1,0 +1,123 @@
+#include "config-copy/copy_line.h"
+
+#include "config-copy/interrupt.h"
+#include "config-copy/outcome.h"
+
+#include <algorithm>
+#include <charconv>
+#include <map>
+#include <thread>
+
+namespace config_copy {
+namespace {
+
+using namespace std::chrono_literals;
+
+// Behind an opening quote: the value, and `rest` begins behind the closing one. Nothing when there is none.
+std::optional<std::string> take_quoted(std::string_view &rest) {
+    constexpr std::size_t octet_length = 3; // xHH
+    constexpr int hexadecimal = 16;
+    std::string value;
+    while (!rest.empty() && rest.front() != '"') {
+        if (rest.front() != '\\') {
+            value += rest.front();
+            rest.remove_prefix(1);
+            continue;
+        }
+        rest.remove_prefix(1);
+        unsigned char octet = 0;
+        const bool is_octet =
+            rest.size() >= octet_length && rest.front() == 'x' &&
+            std::from_chars(rest.data() + 1, rest.data() + octet_length, octet, hexadecimal).ptr == rest.data() + octet_length;
+        if (!is_octet && rest.empty()) {
+            return std::nullopt;
+        }
+        value += is_octet ? static_cast<char>(octet) : rest.front();
+        rest.remove_prefix(is_octet ? octet_length : 1);
+    }
+    if (rest.empty()) {
+        return std::nullopt;
+    }
+    rest.remove_prefix(1);
+    return value;
+}
+
+// The words behind the time, by their keys; none at all when one of them is no such word.
+std::map<std::string, std::string, std::less<>> words_of(std::string_view line) {
+    std::map<std::string, std::string, std::less<>> words;
+    line.remove_prefix(std::min(line.find(' '), line.size()));
+    while (!line.empty()) {
+        const std::size_t equals = line.find('=');
+        if (line.front() != ' ' || equals == std::string_view::npos) {
+            return {};
+        }
+        const std::string key(line.substr(1, equals - 1));
+        line.remove_prefix(equals + 1);
+        if (line.starts_with('"')) {
+            line.remove_prefix(1);
+            const auto value = take_quoted(line);
+            if (!value) {
+                return {};
+            }
+            words[key] = *value;
+        } else {
+            words[key] = line.substr(0, line.find(' '));
+            line.remove_prefix(words[key].size());
+        }
+    }
+    return words;
+}
+
+Oid last_copy_line(oid number) {
+    constexpr std::string_view name = "last-copy";
+    Oid line{1, 3, 6, 1, 4, 1, 8072, 1, 3, 2, 4, 1, 2, name.size()};
+    line.insert(line.end(), name.begin(), name.end());
+    line.push_back(number);
+    return line;
+}
+
+} // namespace
+
+std::optional<CopyLine> parsed_copy_line(std::string_view line, oid index, long started) {
+    auto words = words_of(line);
+    if (words["request"] != std::to_string(index) || words["started"] != std::to_string(started)) {
+        return std::nullopt;
+    }
+    CopyLine copy;
+    copy.reason = printable(words["reason"]);
+    const std::string &bytes = words["bytes"];
+    std::uint64_t octets = 0;
+    if (const auto [end, problem] = std::from_chars(bytes.data(), bytes.data() + bytes.size(), octets);
+        problem == std::errc{} && end == bytes.data() + bytes.size()) {
+        copy.bytes = octets;
+    }
+    copy.sha256 = printable(words["sha256"]);
+    return copy;
+}
+
+std::optional<CopyLine> line_of_copy(Session &session, oid index, long started) {
+    // The newest come first, and hardly another copy has ended since.
+    constexpr oid lines_looked_at = 4;
+    constexpr int attempts = 5;
+    constexpr auto pause = 350ms;
+    try {
+        for (int attempt = 0; attempt < attempts; ++attempt) {
+            if (attempt > 0) {
+                pause_for(pause);
+            }
+            for (oid number = 1; number <= lines_looked_at; ++number) {
+                const std::string line = octets(session.get({last_copy_line(number)}).front());
+                if (line.empty() && number == 1) {
+                    return std::nullopt;
+                }
+                if (auto found = parsed_copy_line(line, index, started)) {
+                    return found;
+                }
+            }
+        }
+    } catch (const Failure &) { // the outcome is known without it
+    }
+    return std::nullopt;
+}
+
+} // namespace config_copy

@@ -1,0 +1,418 @@
+#include "config-copy/copy_run.h"
+
+#include "config-copy/copy_line.h"
+#include "config-copy/interrupt.h"
+
+#include <algorithm>
+#include <array>
+#include <ctime>
+#include <iomanip>
+#include <random>
+#include <sstream>
+#include <utility>
+
+namespace config_copy {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using namespace std::chrono_literals;
+
+constexpr int most_attempts = 8; // to make a row, each with another index
+
+// What v1 agents make of the finer statuses of v2 (RFC 3584, section 4.4).
+bool is_taken(long status) {
+    return status == SNMP_ERR_INCONSISTENTVALUE || status == SNMP_ERR_BADVALUE;
+}
+
+oid random_number(oid least, oid most) {
+    std::random_device source;
+    return std::uniform_int_distribution<oid>(least, most)(source);
+}
+
+std::string time_text(std::time_t time) {
+    std::tm utc{};
+    ::gmtime_r(&time, &utc);
+    std::array<char, 32> text{};
+    return {text.data(), std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &utc)};
+}
+
+class Run {
+  public:
+    Run(Session &session, const CopyOrder &order, const Progress &progress)
+        : session_(session), order_(order), progress_(progress), path_values_{host_value(session.agent()), order.date} {}
+
+    Outcome run() {
+        Outcome outcome = planned(order_, session_.agent());
+        try {
+            start_when_it_is_our_turn(outcome);
+            await_end(outcome);
+        } catch (const Failure &failure) {
+            outcome.fail(failure);
+        } catch (const Interrupted &) {
+            session_.begin_to_clean_up(2s);
+            take_rows_away();
+            throw;
+        }
+        session_.begin_to_clean_up(2s);
+        take_rows_away();
+        if (!rows_.empty()) {
+            outcome.text += "; its request " + std::to_string(rows_.back()) + " could not be removed and goes by itself within 7 minutes";
+        }
+        return outcome;
+    }
+
+    // Sets nothing.
+    Outcome rehearse() {
+        Outcome outcome = planned(order_, session_.agent());
+        try {
+            check_table(session_);
+            const std::string reason = is_any(state_running) ? another_copy : reason_to_wait();
+            if (!reason.empty() && order_.wait_turn == 0s) {
+                throw busy(reason);
+            }
+            outcome.text = outcome.agent + ": dry run, nothing is set: would copy " + outcome.from + " to " + outcome.to;
+            if (order_.has_file()) {
+                outcome.text += " (server " + outcome.server + ", file \"" + printable(outcome.file) + "\")";
+            }
+            outcome.text += reason.empty() ? "" : " when its turn comes, as " + reason;
+            outcome.text += "; whether this user may write shows only when a copy is made";
+        } catch (const Failure &failure) {
+            outcome.fail(failure);
+        }
+        return outcome;
+    }
+
+  private:
+    static constexpr const char *another_copy = "another copy is in progress";
+
+    bool is_save() const { return !order_.has_file() && order_.from.type == FileType::running; }
+
+    // --- our turn ---
+
+    void start_when_it_is_our_turn(Outcome &outcome) {
+        const auto began = Clock::now();
+        for (;;) {
+            std::string reason = reason_to_wait();
+            if (reason.empty()) {
+                make_row();
+                outcome.index = rows_.back();
+                check_that_we_may_read_it();
+                reason = activate() ? "" : reason_of_refusal();
+                if (reason.empty()) {
+                    outcome.start_time = time_text(std::time(nullptr));
+                    return;
+                }
+                // A row that waits would be taken for the next save that begins on the switch, whoever asks for it.
+                take_rows_away();
+            }
+            const auto waited = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - began);
+            if (waited >= order_.wait_turn) {
+                throw busy(reason);
+            }
+            progress_("waiting for another copy", waited);
+            pause_for(Milliseconds(random_number(300, 1000))); // at random, so that those who wait do not always meet
+        }
+    }
+
+    Failure busy(const std::string &reason) const {
+        return {Ending::busy, session_.agent() + ": " + reason +
+                                  (order_.wait_turn > 0s ? ", and did not end in " + std::to_string(order_.wait_turn.count()) + " s"
+                                                         : ": try again later, or queue with --wait-turn SECONDS")};
+    }
+
+    bool is_any(long state) {
+        const auto states = session_.instances(copy_column(column_state));
+        return std::any_of(states.begin(), states.end(), [&](const Binding &row) { return number(row.value) == state; });
+    }
+
+    // Why the activation was refused; nothing when it succeeds after all. A transfer outlives its request, and then no request shows why
+    // the switch is busy. One that ended since the refusal has no request that runs either, so the switch is asked once more.
+    std::string reason_of_refusal() {
+        if (is_any(state_running)) {
+            return another_copy;
+        }
+        if (activate()) {
+            return {};
+        }
+        return is_any(state_running) ? another_copy : "a transfer whose request was removed is still running";
+    }
+
+    // When a save begins, the agent marks the first request that waits as running, and when it ends, the first one that runs as ended. So a
+    // save of ours would leave another manager's request running for ever, and that one would block the switch.
+    std::string reason_to_wait() {
+        if (!is_save()) {
+            return {};
+        }
+        const auto states = session_.instances(copy_column(column_state));
+        const auto waiting =
+            std::find_if(states.begin(), states.end(), [](const Binding &state) { return number(state.value) == state_waiting; });
+        if (waiting == states.end()) {
+            return {};
+        }
+        const std::string index = std::to_string(waiting->name.back());
+        return "another manager's request " + index + " waits to be started, and this save would disturb it (`config-copy abort " +
+               session_.agent() + ' ' + index + "` removes it)";
+    }
+
+    // --- the request ---
+
+    // At random, as another manager may look for one at the same time.
+    oid free_index() {
+        for (;;) {
+            const oid index = random_number(1, largest_index);
+            if (!number(session_.get({copy_cell(column_row_status, index)}).front())) {
+                return index;
+            }
+        }
+    }
+
+    std::vector<Binding> columns(oid index) const {
+        std::vector<Binding> bindings;
+        const auto add = [&](oid column, Value value) { bindings.push_back({copy_cell(column, index), std::move(value)}); };
+        add(column_row_status, row_create_and_wait);
+        add(column_source, static_cast<long>(order_.from.type));
+        add(column_destination, static_cast<long>(order_.to.type));
+        if (order_.has_file()) {
+            add(column_protocol, static_cast<long>(order_.file().protocol));
+            add(column_address_type, order_.server.type); // before the address, which is read by it
+            add(column_address, order_.server.octets);
+            add(column_file_name, file_name(order_.file(), path_values_));
+            if (!order_.file().user.empty()) {
+                add(column_user_name, order_.file().user);
+            }
+            if (!order_.password.empty()) {
+                add(column_password, order_.password);
+            }
+        }
+        return bindings;
+    }
+
+    // A row that can't be read could be started, and would then seem to be gone.
+    void check_that_we_may_read_it() {
+        if (!number(session_.get({copy_cell(column_state, rows_.back())}).front())) {
+            throw Failure(Ending::refused, session_.agent() + ": the user may write the copy table but not read it: " + read_view_needed);
+        }
+    }
+
+    // Each attempt has an index of its own: a second createAndWait that meets a late first one would block the row.
+    void make_row() {
+        for (int attempt = 0; attempt < most_attempts; ++attempt) {
+            const oid index = free_index();
+            const std::vector<Binding> bindings = columns(index);
+            rows_.push_back(index);
+            const auto result = session_.set(bindings);
+            if (!result) {
+                if (number(session_.get({copy_cell(column_row_status, index)}).front())) {
+                    return; // the answer was lost
+                }
+            } else if (result->status == SNMP_ERR_NOERROR) {
+                return;
+            } else if (result->at == 1 && is_taken(result->status)) {
+                rows_.pop_back(); // somebody else's since we looked
+            } else {
+                const bool is_about_one = result->at > 0 && result->at <= bindings.size();
+                const Oid &name = bindings[is_about_one ? result->at - 1 : 0].name;
+                throw Failure(Ending::refused,
+                              session_.agent() + ": " + words_of_refusal(result->status, name[name.size() - 2], session_.low_level()));
+            }
+        }
+        throw Failure(Ending::unreachable, session_.agent() + " answers, but no copy request can be made: too many packets are lost");
+    }
+
+    // Alone in its SET, so that a refusal does not harm the row. False when another copy is in progress.
+    bool activate() {
+        bool is_sure = true; // that no earlier one is under way
+        for (int attempt = 0; attempt < most_attempts; ++attempt) {
+            const auto result = session_.set({{copy_cell(column_row_status, rows_.back()), row_active}});
+            if (result && result->status == SNMP_ERR_NOERROR) {
+                return true;
+            }
+            if ((!result || !is_sure) && state() != state_waiting) {
+                return true; // it was carried out, and its answer was lost
+            }
+            if (result) {
+                if (result->status == SNMP_ERR_GENERR) {
+                    return false;
+                }
+                throw Failure(Ending::refused, session_.agent() + ": " + words_of_refused_activation(result->status, session_.low_level()));
+            }
+            is_sure = false;
+        }
+        throw Failure(Ending::unreachable, session_.agent() + " answers, but the copy can't be started: too many packets are lost");
+    }
+
+    long state() {
+        const auto state = number(session_.get({copy_cell(column_state, rows_.back())}).front());
+        if (!state) {
+            rows_.pop_back();
+            throw Failure(Ending::failed, session_.agent() +
+                                              ": the request is gone, so the outcome is not known: the agent was restarted, or somebody "
+                                              "removed it; `cmdshell -c \"show copies\"` on the switch may show it");
+        }
+        return *state;
+    }
+
+    // --- the outcome ---
+
+    void await_end(Outcome &outcome) {
+        const auto began = Clock::now();
+        Milliseconds pause = 50ms;
+        for (;;) {
+            const long now = state();
+            if (now == state_successful || now == state_failed) {
+                tell(outcome, now);
+                return;
+            }
+            const auto elapsed = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - began);
+            if (elapsed >= order_.time_limit) {
+                const std::string rest = words_of_what_goes_on(order_.from.type, order_.to.type);
+                throw Failure(Ending::failed,
+                              session_.agent() + ": not finished in " + std::to_string(order_.time_limit.count()) + " s, so the " +
+                                  (rest.empty() ? "save was given up: does the system manager run?" : "request was removed; " + rest) +
+                                  " (--time-limit gives more time)");
+            }
+            progress_("copying", elapsed);
+            pause_for(pause);
+            pause = std::min<Milliseconds>(pause * 3 / 2, 1s);
+        }
+    }
+
+    void tell(Outcome &outcome, long end) {
+        const oid row = rows_.back();
+        const std::vector<Value> values =
+            session_.get({copy_cell(column_fail_cause, row), copy_cell(column_time_started, row), copy_cell(column_time_completed, row)});
+        outcome.state = state_name(end);
+        outcome.seconds = seconds_between(values[1], values[2]);
+        if (const auto line = line_of_copy(session_, row, number(values[1]).value_or(0))) {
+            outcome.reason = line->reason;
+            outcome.bytes = line->bytes;
+            outcome.sha256 = line->sha256;
+        }
+        const std::string duration =
+            outcome.seconds ? (end == state_successful ? " in " : " after ") + seconds_text(*outcome.seconds) + " s" : "";
+        const std::string what = outcome.from + " to " + outcome.to;
+        if (end == state_successful) {
+            outcome.text = outcome.agent + ": " + what + " copied" + duration +
+                           (outcome.bytes ? ", " + std::to_string(*outcome.bytes) + " octets" : "");
+            return;
+        }
+        const long cause = number(values[0]).value_or(0);
+        const bool is_fabric = order_.to.type == FileType::fabric_startup;
+        outcome.ending = Ending::failed;
+        outcome.cause = cause_name(cause);
+        const std::string server = order_.has_file() ? order_.file().host : "";
+        outcome.text = outcome.agent + ": " + what + " failed" + duration + " (" + outcome.cause +
+                       "): " + words_of_cause(cause, server, is_fabric, outcome.reason);
+        if (is_fabric && cause == cause_manager_failed) {
+            outcome.switches = switches_of(session_, row);
+        }
+    }
+
+    // --- cleaning up ---
+
+    // All that may be there, also those whose making was not answered. A destroy of what is not there is no error, and may be repeated.
+    void take_rows_away() {
+        constexpr int attempts = 3;
+        try {
+            while (!rows_.empty()) {
+                std::optional<SetResult> result;
+                for (int attempt = 0; attempt < attempts && !result; ++attempt) {
+                    result = session_.set({{copy_cell(column_row_status, rows_.back()), row_destroy}});
+                }
+                if (!result || result->status == SNMP_ERR_GENERR) {
+                    return;
+                }
+                rows_.pop_back();
+            }
+        } catch (const Failure &) { // what is left goes with its age
+        }
+    }
+
+    Session &session_;
+    const CopyOrder &order_;
+    const Progress &progress_;
+    PathValues path_values_;
+    std::vector<oid> rows_; // all that may be there
+};
+
+std::string wwn_text(const std::string &octets) {
+    std::ostringstream text;
+    for (std::size_t i = 0; i < octets.size(); ++i) {
+        text << (i == 0 ? "" : ":") << std::hex << std::setw(2) << std::setfill('0')
+             << static_cast<int>(static_cast<unsigned char>(octets[i]));
+    }
+    return text.str();
+}
+
+} // namespace
+
+std::string side_text(const CopySide &side, const PathValues &values) {
+    if (side.type != FileType::network) {
+        return std::string(name_of(side.type));
+    }
+    return url_text(side.url.protocol, side.url.user, side.url.host, file_name(side.url, values));
+}
+
+std::optional<double> seconds_between(const Value &started, const Value &completed) {
+    const long start = number(started).value_or(0);
+    const long end = number(completed).value_or(0);
+    if (start == 0 || end == 0) {
+        return std::nullopt;
+    }
+    // The agent's clock may have begun anew meanwhile, after 497 days.
+    return static_cast<double>(static_cast<std::uint32_t>(end - start)) / 100;
+}
+
+std::vector<SwitchOutcome> switches_of(Session &session, oid index) {
+    std::vector<SwitchOutcome> switches;
+    Oid request = error_column(error_switch);
+    request.push_back(index);
+    for (const auto &[name, wwn] : session.instances(request)) {
+        const std::vector<Value> values =
+            session.get({error_cell(error_address, index, name.back()), error_cell(error_text, index, name.back())});
+        const std::string address = octets(values[0]);
+        switches.push_back({address.empty() ? "" : address_text(address), wwn_text(octets(wwn)), printable(octets(values[1]))});
+    }
+    return switches;
+}
+
+void check_table(Session &session) {
+    if (!session.has_object(copy_cell(column_row_status, largest_index))) {
+        throw Failure(Ending::refused, session.agent() + " has no copy table that this user may read: does it load config_copy_mib, and "
+                                                         "does the user's read view hold .1.3.6.1.4.1.41927.9.96?");
+    }
+}
+
+Outcome planned(const CopyOrder &order, const std::string &agent) {
+    const PathValues values{host_value(agent), order.date};
+    Outcome outcome;
+    outcome.agent = agent;
+    outcome.is_dry_run = order.is_dry_run;
+    outcome.from = side_text(order.from, values);
+    outcome.to = side_text(order.to, values);
+    if (order.has_file()) {
+        outcome.server = address_text(order.server.octets);
+        outcome.file = file_name(order.file(), values);
+        outcome.user = order.file().user;
+    }
+    outcome.snmp_user = order.snmp_user;
+    return outcome;
+}
+
+Outcome copy(Session &session, const CopyOrder &order, const Progress &progress) {
+    Run run(session, order, progress);
+    return order.is_dry_run ? run.rehearse() : run.run();
+}
+
+Outcome copy(const netsnmp_session &defaults, const std::string &agent, const CopyOrder &order, const Progress &progress) {
+    try {
+        Session session(defaults, agent, order.is_verbose);
+        return copy(session, order, progress);
+    } catch (const Failure &failure) {
+        Outcome outcome = planned(order, agent);
+        outcome.fail(failure);
+        return outcome;
+    }
+}
+
+} // namespace config_copy

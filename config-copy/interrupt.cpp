@@ -1,0 +1,74 @@
+#include "config-copy/interrupt.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <system_error>
+
+namespace config_copy {
+namespace {
+
+volatile std::sig_atomic_t caught = 0;
+std::array<int, 2> wake{-1, -1};
+
+extern "C" void note_signal(int number) {
+    const int saved = errno;
+    caught = number;
+    [[maybe_unused]] const auto written = ::write(wake[1], "", 1);
+    errno = saved;
+}
+
+} // namespace
+
+void watch_signals() {
+    if (::pipe2(wake.data(), O_CLOEXEC | O_NONBLOCK) != 0) {
+        throw std::system_error(errno, std::generic_category(), "pipe2");
+    }
+    std::signal(SIGPIPE, SIG_IGN); // a reader that goes is no reason to leave requests behind
+    struct sigaction action {};
+    action.sa_handler = note_signal;
+    action.sa_flags = static_cast<int>(SA_RESETHAND | SA_RESTART);
+    for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+        struct sigaction before {};
+        ::sigaction(number, nullptr, &before);
+        if (before.sa_handler != SIG_IGN) { // as under nohup(1)
+            ::sigaction(number, &action, nullptr);
+        }
+    }
+}
+
+int interrupting_signal() {
+    return caught;
+}
+
+int interrupt_descriptor() {
+    return wake[0];
+}
+
+void pause_for(std::chrono::milliseconds time) {
+    const auto end = std::chrono::steady_clock::now() + time;
+    for (;;) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+        if (interrupting_signal() != 0) {
+            throw Interrupted{};
+        }
+        if (left.count() <= 0) {
+            return;
+        }
+        pollfd woken{wake[0], POLLIN, 0};
+        ::poll(&woken, 1, static_cast<int>(left.count()));
+    }
+}
+
+void end_by_signal(int signal) {
+    std::signal(signal, SIG_DFL);
+    std::raise(signal);
+    std::_Exit(128 + signal); // it was blocked
+}
+
+} // namespace config_copy

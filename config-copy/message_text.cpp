@@ -1,0 +1,107 @@
+#include "config-copy/message_text.h"
+
+#include <algorithm>
+#include <array>
+#include <string_view>
+
+namespace config_copy {
+namespace {
+
+struct Named {
+    oid column;
+    std::string_view name;
+};
+
+constexpr std::array<Named, 13> copy_columns{{{column_protocol, "ccCopyProtocol"},
+                                              {column_source, "ccCopySourceFileType"},
+                                              {column_destination, "ccCopyDestFileType"},
+                                              {column_file_name, "ccCopyFileName"},
+                                              {column_user_name, "ccCopyUserName"},
+                                              {column_password, "ccCopyUserPassword"},
+                                              {column_state, "ccCopyState"},
+                                              {column_time_started, "ccCopyTimeStarted"},
+                                              {column_time_completed, "ccCopyTimeCompleted"},
+                                              {column_fail_cause, "ccCopyFailCause"},
+                                              {column_row_status, "ccCopyEntryRowStatus"},
+                                              {column_address_type, "ccCopyServerAddressType"},
+                                              {column_address, "ccCopyServerAddressRev1"}}};
+
+bool is_below(const netsnmp_variable_list &variable, const Oid &prefix) {
+    return variable.name_length >= prefix.size() && std::equal(prefix.begin(), prefix.end(), variable.name);
+}
+
+// An object of the copy table by its name, all else by its numbers.
+std::string name_of(const netsnmp_variable_list &variable) {
+    std::string text;
+    std::size_t at = 0;
+    for (const auto &[column, name] : copy_columns) {
+        if (const Oid prefix = copy_column(column); is_below(variable, prefix)) {
+            text = name;
+            at = prefix.size();
+        }
+    }
+    for (; at < variable.name_length; ++at) {
+        text += '.' + std::to_string(variable.name[at]);
+    }
+    return text;
+}
+
+std::string value_of(const netsnmp_variable_list &variable) {
+    if (is_below(variable, copy_column(column_password))) {
+        return "(not shown)";
+    }
+    switch (variable.type) {
+    case ASN_INTEGER:
+    case ASN_TIMETICKS:
+    case ASN_GAUGE:
+    case ASN_COUNTER:
+        return std::to_string(*variable.val.integer);
+    case ASN_OCTET_STR: {
+        const std::string_view octets(reinterpret_cast<const char *>(variable.val.string), variable.val_len);
+        const bool is_text = std::all_of(octets.begin(), octets.end(), [](unsigned char c) { return c >= ' ' && c < 0x7F; });
+        if (is_text) {
+            return '"' + std::string(octets) + '"';
+        }
+        constexpr std::string_view digits = "0123456789abcdef";
+        std::string text = "0x";
+        for (const char c : octets) {
+            const auto octet = static_cast<unsigned char>(c);
+            text += {digits[octet / 16], digits[octet % 16]};
+        }
+        return text;
+    }
+    case SNMP_NOSUCHOBJECT:
+        return "no such object";
+    case SNMP_NOSUCHINSTANCE:
+        return "no such instance";
+    case SNMP_ENDOFMIBVIEW:
+        return "the end";
+    default:
+        return "a value of type " + std::to_string(variable.type);
+    }
+}
+
+std::string bindings(const netsnmp_pdu &pdu, bool has_values) {
+    std::string text;
+    for (const netsnmp_variable_list *variable = pdu.variables; variable != nullptr; variable = variable->next_variable) {
+        text += (text.empty() ? "" : ", ") + name_of(*variable) + (has_values ? " = " + value_of(*variable) : "");
+    }
+    return text.empty() ? "no object" : text;
+}
+
+} // namespace
+
+std::string words_of_request(const netsnmp_pdu &pdu) {
+    const bool is_set = pdu.command == SNMP_MSG_SET;
+    return (is_set ? "SET " : pdu.command == SNMP_MSG_GETNEXT ? "GETNEXT " : "GET ") + bindings(pdu, is_set);
+}
+
+std::string words_of_answer(const netsnmp_pdu &pdu) {
+    if (pdu.errstat != SNMP_ERR_NOERROR) {
+        return std::string("refused: ") + ::snmp_errstring(static_cast<int>(pdu.errstat)) +
+               (pdu.errindex > 0 ? ", binding " + std::to_string(pdu.errindex) : "");
+    }
+    return "answer: " + bindings(pdu, true);
+}
+
+} // namespace config_copy

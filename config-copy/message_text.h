@@ -1,0 +1,20 @@
+// SNMP messages in words, for those who look for a fault. No password is told.
+#pragma once
+
+#include "config-copy/copy_table.h"
+
+#include <net-snmp/net-snmp-config.h>
+
+#include <net-snmp/net-snmp-includes.h>
+
+#include <string>
+
+namespace config_copy {
+
+// Such as "SET ccCopyEntryRowStatus.7 = 6".
+std::string words_of_request(const netsnmp_pdu &pdu);
+
+// Such as "answer: ccCopyState.7 = 2" or "refused: genErr …, binding 1".
+std::string words_of_answer(const netsnmp_pdu &pdu);
+
+} // namespace config_copy

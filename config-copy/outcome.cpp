@@ -1,0 +1,181 @@
+#include "config-copy/outcome.h"
+
+#include "config-copy/copy_table.h"
+
+#include <net-snmp/net-snmp-config.h>
+
+#include <net-snmp/net-snmp-includes.h>
+
+#include <algorithm>
+#include <array>
+#include <iomanip>
+#include <sstream>
+
+namespace config_copy {
+namespace {
+
+std::string numbered(long number) {
+    return std::to_string(number);
+}
+
+std::string name_of_column(unsigned long column) {
+    switch (column) {
+    case column_protocol:
+        return "the protocol";
+    case column_source:
+    case column_destination:
+        return "the file types";
+    case column_file_name:
+        return "the file name";
+    case column_user_name:
+        return "the user name";
+    case column_password:
+        return "the password";
+    case column_address_type:
+    case column_address:
+        return "the file server's address";
+    default:
+        return "the request";
+    }
+}
+
+} // namespace
+
+std::string words_of_what_goes_on(FileType from, FileType to) {
+    if (from == FileType::network) {
+        return "the transfer goes on at the switch and may still be applied";
+    }
+    if (to == FileType::network) {
+        return "the transfer goes on at the switch and may still write the file";
+    }
+    return from == FileType::startup ? "the copy goes on at the switch and may still be applied" : "";
+}
+
+std::string_view name_of(Ending ending) {
+    constexpr std::array<std::string_view, 6> names{"done", "failed", "usage", "refused", "not reachable", "busy"};
+    return names.at(static_cast<std::size_t>(ending));
+}
+
+std::string seconds_text(double seconds) {
+    std::ostringstream text;
+    text << std::fixed << std::setprecision(2) << seconds;
+    return text.str();
+}
+
+Ending ending_of_all(const std::vector<Outcome> &outcomes) {
+    Ending all = Ending::done;
+    for (const Outcome &outcome : outcomes) {
+        if (outcome.ending == Ending::done || outcome.ending == all) {
+            continue;
+        }
+        all = all == Ending::done ? outcome.ending : Ending::failed;
+        if (all == Ending::failed) {
+            break;
+        }
+    }
+    return all;
+}
+
+std::string state_name(long state) {
+    constexpr std::array<std::string_view, 5> names{"", "waiting", "running", "successful", "failed"};
+    return state > 0 && state < static_cast<long>(names.size()) ? std::string(names.at(static_cast<std::size_t>(state))) : numbered(state);
+}
+
+std::string cause_name(long cause) {
+    constexpr std::array<std::string_view, 10> names{"",
+                                                     "general",
+                                                     "badFileName",
+                                                     "timeout",
+                                                     "noSpace",
+                                                     "badConfig",
+                                                     "unsupportedProtocol",
+                                                     "configNotApplied",
+                                                     "systemManagerRefused",
+                                                     "systemManagerFailed"};
+    return cause > 0 && cause < static_cast<long>(names.size()) ? std::string(names.at(static_cast<std::size_t>(cause))) : numbered(cause);
+}
+
+std::string words_of_cause(long cause, std::string_view server, bool is_fabric, std::string_view reason) {
+    const std::string the_server = server.empty() ? "the file server" : "the file server " + std::string(server);
+    // What the switch says stands for where to look.
+    const auto because = [reason](const char *what, const char *where) {
+        return std::string(what) + ": " + (reason.empty() ? where : std::string(reason));
+    };
+    const std::string also = reason.empty() ? "" : "; the switch says: " + std::string(reason);
+    switch (cause) {
+    case cause_general:
+        if (!reason.empty()) {
+            return "the switch says: " + std::string(reason);
+        }
+        return "the switch gives no reason: see ulmo-history there, and check that its disk is not full" +
+               std::string(server.empty() ? "" : "; check the user and the password, too");
+    case cause_bad_file_name:
+        return the_server + " has no such file or refuses access to it: check the file's name, and the permissions on the server" + also;
+    case cause_timeout:
+        return the_server + " did not answer the switch: check its address, the route to it, and whether the server runs" + also;
+    case cause_no_space:
+        return "no space is left on the switch or on " + the_server + ": check the disks, and the quota on the server" + also;
+    case cause_bad_config:
+        return "the file is not a configuration: check its contents, and shorten a file name of more than 100 octets" + also;
+    case cause_unsupported_protocol:
+        return "the switch does not offer the protocol: use another one" + also;
+    case cause_not_applied:
+        return because("the configuration was refused while it was applied", "see /tmp/configcopy.txt on the switch for the line");
+    case cause_manager_refused:
+        return because("the system manager did not begin to save", "another save may be in progress, so try again, or see its log");
+    case cause_manager_failed:
+        return is_fabric ? because("not every switch of the fabric has saved", "see `cmdshell -c \"show last-save\"` on the switch")
+                         : because("the system manager could not save", "see `cmdshell -c \"show last-save\"` on the switch");
+    default:
+        return "the switch gives the unknown cause " + numbered(cause) + also;
+    }
+}
+
+std::string words_of_low_level(std::string_view low_level) {
+    return "the agent grants this user nothing at the security level " + std::string(low_level) +
+           ": choose a higher one, such as -l authPriv (if that is refused too, check the user's views)";
+}
+
+std::string words_of_refusal(long status, unsigned long column, std::string_view low_level) {
+    if (status == SNMP_ERR_AUTHORIZATIONERROR && !low_level.empty()) {
+        return words_of_low_level(low_level);
+    }
+    switch (status) {
+    case SNMP_ERR_NOACCESS:
+    case SNMP_ERR_AUTHORIZATIONERROR:
+    case SNMP_ERR_READONLY:
+        return "this user or community may not write copy requests: it needs a write view with .1.3.6.1.4.1.41927.9.96";
+    case SNMP_ERR_NOTWRITABLE:
+    case SNMP_ERR_NOCREATION:
+        return "the agent has no copy table: load config_copy_mib into it (its log tells why it is not)";
+    case SNMP_ERR_NOSUCHNAME:
+        return "the agent has no copy table, or this user or community may not write it: load config_copy_mib, and check the write view";
+    case SNMP_ERR_WRONGVALUE:
+    case SNMP_ERR_WRONGLENGTH:
+    case SNMP_ERR_WRONGTYPE:
+    case SNMP_ERR_BADVALUE:
+        return "the switch does not accept " + name_of_column(column);
+    default:
+        return std::string("the switch refuses ") + name_of_column(column) + " with " + ::snmp_errstring(static_cast<int>(status));
+    }
+}
+
+std::string words_of_refused_activation(long status, std::string_view low_level) {
+    switch (status) {
+    case SNMP_ERR_INCONSISTENTVALUE:
+        return "the switch finds the request incomplete: check user and password";
+    case SNMP_ERR_WRONGVALUE:
+        return "the switch does not accept this source and destination, or not this file server";
+    default:
+        return words_of_refusal(status, column_row_status, low_level);
+    }
+}
+
+std::string printable(std::string_view text) {
+    std::string result(text);
+    std::replace_if(
+        result.begin(), result.end(), [](unsigned char c) { return c < ' ' || c == 0x7F; }, '?');
+    return result;
+}
+
+} // namespace config_copy

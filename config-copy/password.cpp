@@ -1,0 +1,135 @@
+#include "config-copy/password.h"
+
+#include "config-copy/copy_table.h"
+#include "config-copy/failure.h"
+#include "config-copy/interrupt.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <iostream>
+#include <system_error>
+
+namespace config_copy {
+namespace {
+
+// One line, octet by octet, so that what follows stays for others. Stops at an interruption. Throws std::system_error.
+std::string line_of(int descriptor) {
+    std::string line;
+    for (;;) {
+        std::array<pollfd, 2> waited{{{descriptor, POLLIN, 0}, {interrupt_descriptor(), POLLIN, 0}}};
+        ::poll(waited.data(), waited.size(), -1);
+        if (interrupting_signal() != 0) {
+            throw Interrupted{};
+        }
+        char octet = 0;
+        const ssize_t count = ::read(descriptor, &octet, 1);
+        if (count < 0 && (errno == EINTR || errno == EAGAIN)) {
+            continue;
+        }
+        if (count < 0) {
+            throw std::system_error(errno, std::generic_category());
+        }
+        if (count <= 0 || octet == '\n') {
+            break;
+        }
+        line += octet;
+    }
+    if (line.ends_with('\r')) {
+        line.pop_back();
+    }
+    return line;
+}
+
+class Descriptor {
+  public:
+    explicit Descriptor(int number) : number_(number) {}
+    Descriptor(const Descriptor &) = delete;
+    Descriptor &operator=(const Descriptor &) = delete;
+    ~Descriptor() {
+        if (number_ >= 0) {
+            ::close(number_);
+        }
+    }
+    int number() const { return number_; }
+
+  private:
+    int number_;
+};
+
+// The terminal shows nothing of what is typed as long as this exists.
+class Silence {
+  public:
+    explicit Silence(int terminal) : terminal_(terminal) {
+        ::tcgetattr(terminal_, &before_);
+        termios silent = before_;
+        silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+        ::tcsetattr(terminal_, TCSAFLUSH, &silent);
+    }
+    Silence(const Silence &) = delete;
+    Silence &operator=(const Silence &) = delete;
+    ~Silence() { ::tcsetattr(terminal_, TCSAFLUSH, &before_); }
+
+  private:
+    int terminal_;
+    termios before_{};
+};
+
+std::string from_terminal(const std::string &account) {
+    const Descriptor terminal(::open("/dev/tty", O_RDWR | O_CLOEXEC));
+    if (terminal.number() < 0) {
+        throw bad_usage("no terminal to ask for the password of " + account + ": use --password-file or standard input");
+    }
+    const std::string prompt = "Password of " + account + ": ";
+    const Silence silence(terminal.number());
+    [[maybe_unused]] auto written = ::write(terminal.number(), prompt.data(), prompt.size());
+    std::string password;
+    try {
+        password = line_of(terminal.number());
+    } catch (const Interrupted &) {
+        written = ::write(terminal.number(), "\n", 1);
+        throw;
+    }
+    written = ::write(terminal.number(), "\n", 1);
+    return password;
+}
+
+std::string from_file(const std::string &name) {
+    const auto unreadable = [&](int error) { return bad_usage("the password file " + name + " can't be read: " + std::strerror(error)); };
+    const Descriptor file(::open(name.c_str(), O_RDONLY | O_CLOEXEC));
+    struct stat status {};
+    if (file.number() < 0 || ::fstat(file.number(), &status) != 0) {
+        throw unreadable(errno);
+    }
+    if (S_ISREG(status.st_mode) && (status.st_mode & (S_IRGRP | S_IROTH)) != 0) {
+        std::cerr << "config-copy: warning: others may read the password file " << name << ": chmod 600 it\n";
+    }
+    try {
+        return line_of(file.number());
+    } catch (const std::system_error &error) { // of a folder, too
+        throw unreadable(error.code().value());
+    }
+}
+
+} // namespace
+
+std::string read_password(const std::optional<std::string> &file, const std::string &account, bool may_be_empty, bool is_input_taken) {
+    const bool is_standard_input = file ? *file == "-" : !is_input_taken && ::isatty(STDIN_FILENO) == 0;
+    std::string password = is_standard_input ? line_of(STDIN_FILENO) : file ? from_file(*file) : from_terminal(account);
+    if (password.empty() && !may_be_empty) {
+        throw bad_usage("no password of " + account + (is_standard_input ? " on standard input" : "") +
+                        ": give it at the prompt, with --password-file FILE, or on standard input");
+    }
+    if (password.size() > longest_password) {
+        throw bad_usage("the password is longer than the " + std::to_string(longest_password) + " octets that the switch takes");
+    }
+    return password;
+}
+
+} // namespace config_copy

@@ -1,0 +1,111 @@
+#include "config-copy/requests.h"
+
+#include "config-copy/copy_run.h"
+
+namespace config_copy {
+namespace {
+
+std::vector<oid> indexes(Session &session) {
+    std::vector<oid> found;
+    for (const auto &[name, value] : session.instances(copy_column(column_row_status))) {
+        found.push_back(name.back());
+    }
+    return found;
+}
+
+std::string type_name(long type) {
+    switch (static_cast<FileType>(type)) {
+    case FileType::network:
+    case FileType::startup:
+    case FileType::running:
+    case FileType::fabric_startup:
+    case FileType::all_startup:
+        return std::string(name_of(static_cast<FileType>(type)));
+    default:
+        return std::to_string(type);
+    }
+}
+
+} // namespace
+
+void list_requests(Session &session, Output &output) {
+    std::vector<std::vector<std::string>> rows;
+    const std::vector<oid> found = indexes(session);
+    if (found.empty()) {
+        check_table(session);
+    }
+    for (const oid index : found) {
+        const std::vector<Value> values =
+            session.get({copy_cell(column_source, index), copy_cell(column_destination, index), copy_cell(column_protocol, index),
+                         copy_cell(column_address, index), copy_cell(column_file_name, index), copy_cell(column_user_name, index),
+                         copy_cell(column_state, index), copy_cell(column_fail_cause, index), copy_cell(column_time_started, index),
+                         copy_cell(column_time_completed, index)});
+        const auto state = number(values[6]);
+        if (!state) {
+            continue; // gone since
+        }
+        const auto side = [&](const Value &type) {
+            if (type != Value(static_cast<long>(FileType::network))) {
+                return type_name(number(type).value_or(0));
+            }
+            const auto protocol = static_cast<Protocol>(number(values[2]).value_or(0));
+            return url_text(protocol, octets(values[5]), address_text(octets(values[3])), octets(values[4]));
+        };
+        const auto seconds = seconds_between(values[8], values[9]);
+        rows.push_back({std::to_string(index), side(values[0]), side(values[1]), state_name(*state),
+                        state == state_failed ? cause_name(number(values[7]).value_or(0)) : std::string(absent),
+                        seconds ? seconds_text(*seconds) : std::string(absent)});
+    }
+    output.table({"request",
+                  session.agent(),
+                  {{"INDEX", Heading::numbers}, {"FROM"}, {"TO"}, {"STATE"}, {"CAUSE"}, {"SECONDS", Heading::numbers}},
+                  rows,
+                  "no copy requests on " + session.agent()});
+}
+
+void list_errors(Session &session, std::optional<oid> index, Output &output) {
+    check_table(session);
+    std::vector<std::vector<std::string>> rows;
+    for (const oid request : index ? std::vector{*index} : indexes(session)) {
+        for (const auto &[address, wwn, text] : switches_of(session, request)) {
+            rows.push_back({std::to_string(request), address.empty() ? std::string(absent) : address, wwn, text});
+        }
+    }
+    output.table({"switch",
+                  session.agent(),
+                  {{"INDEX", Heading::numbers}, {"ADDRESS"}, {"SWITCH"}, {"REPORTED"}},
+                  rows,
+                  "no errors of fabric saves on " + session.agent()});
+}
+
+void abort_request(Session &session, oid index, Output &output) {
+    const std::string name = "request " + std::to_string(index) + " of " + session.agent();
+    const std::vector<Value> values =
+        session.get({copy_cell(column_state, index), copy_cell(column_source, index), copy_cell(column_destination, index)});
+    const auto state = number(values[0]);
+    if (!state) {
+        check_table(session);
+        throw Failure(Ending::failed, "there is no " + name + ": see `config-copy list " + session.agent() + '`');
+    }
+    const auto result = session.set({{copy_cell(column_row_status, index), row_destroy}});
+    if (result && result->status == SNMP_ERR_GENERR) {
+        throw Failure(Ending::refused,
+                      name + " can't be removed: it is stuck after a refused request, and goes by itself within 7 minutes");
+    }
+    if (result && result->status != SNMP_ERR_NOERROR) {
+        throw Failure(Ending::refused, session.agent() + ": " + words_of_refusal(result->status, column_row_status, session.low_level()));
+    }
+    if (!result && number(session.get({copy_cell(column_state, index)}).front())) {
+        throw Failure(Ending::unreachable,
+                      session.agent() + " did not answer the removal of request " + std::to_string(index) + ": try again");
+    }
+    std::string text = name + " removed";
+    if (state == state_running) {
+        const std::string rest = words_of_what_goes_on(static_cast<FileType>(number(values[1]).value_or(0)),
+                                                       static_cast<FileType>(number(values[2]).value_or(0)));
+        text += rest.empty() ? "; its save is given up" : "; " + rest;
+    }
+    output.removed(session.agent(), index, text);
+}
+
+} // namespace config_copy

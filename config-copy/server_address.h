@@ -1,0 +1,22 @@
+// The address of a file server, as the copy table takes it.
+#pragma once
+
+#include "config-copy/copy_table.h"
+
+#include <string>
+
+namespace config_copy {
+
+struct ServerAddress {
+    AddressType type = address_ipv4;
+    std::string octets; // in network order, 4 or 16
+};
+
+// Throws a Failure of unreachable when the name can't be looked up, and of usage when it is this machine's own loopback, which on the
+// switch would be another one.
+ServerAddress server_address(const std::string &host);
+
+// An address of 4 or 16 octets in words, "?" for any other length.
+std::string address_text(const std::string &octets);
+
+} // namespace config_copy

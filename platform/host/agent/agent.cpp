@@ -1,0 +1,337 @@
+#include "platform/agent_extension.h"
+
+#include "base/settings.h"
+#include "platform/host/agent/clock.h"
+#include "platform/host/agent/copies.h"
+#include "platform/host/agent/request.h"
+#include "platform/host/agent/workers.h"
+#include "platform/host/bus/server.h"
+#include "platform/host/history/log.h"
+#include "platform/system_manager.h"
+
+#include <net-snmp/agent/net-snmp-agent-includes.h>
+
+#include <arpa/inet.h>
+#include <sys/epoll.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <optional>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+namespace ulmo {
+namespace {
+
+constexpr int32_t lost_worker_status = 1; // what a worker that can't report any more is taken to have reported
+constexpr uint32_t failed_outcome = 1;
+constexpr int enterprise_specific = 6;
+
+// The agent's side of the platform: one set of descriptors in the agent's loop, from the first subscription to the end of the process.
+// Modules may come and go meanwhile (SIGHUP); only their subscriptions go with them.
+class Agent {
+  public:
+    int subscribe(uint32_t opcode, agent_message_handler handler);
+    int unsubscribe(uint32_t opcode);
+    pid_t fork_worker();
+
+  private:
+    // A copy for which there is no process.
+    struct Unforked {
+        CopyWatch::Copy copy;
+        int error;
+    };
+
+    static constexpr uint64_t no_worker = 0; // in the event data; otherwise the worker's process id
+
+    static void on_readable(int, void *self);
+    static void on_poll_alarm(unsigned int, void *self);
+    static void on_failed_fork(unsigned int, void *self);
+
+    void start();
+    void add_event(int descriptor, uint64_t data);
+    void handle_events();
+    void receive_messages();
+    void receive(const Incoming &incoming);
+    void deliver(msgbus_message &message);
+    void deliver_lost_status();
+    void settle(const std::vector<pid_t> &ended);
+    void follow(pid_t worker);
+    std::vector<int> descriptors() const;
+
+    std::map<uint32_t, agent_message_handler> handlers_;
+    UniqueFd events_;
+    std::unique_ptr<MsgbusServer> server_;
+    std::unique_ptr<ClockWatch> clock_;
+    WorkerTable workers_;
+    std::optional<Unforked> unforked_;
+    unsigned int poll_alarm_ = 0; // runs while a worker has no descriptor of its own
+};
+
+// Lives as long as the process, past all destructors: the agent's loop and alarms hold its address.
+Agent &agent() {
+    static Agent *const instance = new Agent;
+    return *instance;
+}
+
+// Runs what the agent's loop called; nothing may be thrown into it.
+template <typename Operation> void guarded(Operation operation) {
+    try {
+        operation();
+    } catch (const std::exception &failure) {
+        log_error("agent: %s", failure.what());
+    } catch (...) {
+        log_error("agent: unknown failure");
+    }
+}
+
+uint32_t first_word_or_failure(const msgbus_message &message) {
+    return message.length >= sizeof(uint32_t) ? ntohl(message.words[0]) : failed_outcome;
+}
+
+// What a worker says; nothing when it says nothing.
+std::optional<int32_t> status_in(const msgbus_message &message) {
+    std::optional<int32_t> status;
+    if (message.length >= sizeof(int32_t)) {
+        std::memcpy(&status.emplace(), message.words.data(), sizeof(int32_t));
+    }
+    return status;
+}
+
+int Agent::subscribe(uint32_t opcode, agent_message_handler handler) {
+    if (handler == nullptr) {
+        return EINVAL;
+    }
+    // The subscription holds even when the access point can't be served: what becomes of a worker is still to be delivered.
+    handlers_[opcode] = handler;
+    start();
+    return 0;
+}
+
+int Agent::unsubscribe(uint32_t opcode) {
+    return handlers_.erase(opcode) == 1 ? 0 : ENOENT;
+}
+
+void Agent::start() {
+    if (!events_) {
+        remember_watchdog();
+        open_debug_file();
+        sweep_worker_directories();
+        UniqueFd events(::epoll_create1(EPOLL_CLOEXEC));
+        if (!events) {
+            throw std::system_error(errno, std::generic_category(), "event set");
+        }
+        if (register_readfd(events.get(), on_readable, this) != FD_REGISTERED_OK) {
+            throw std::system_error(ENFILE, std::generic_category(), "event set");
+        }
+        events_ = std::move(events);
+    }
+    if (!clock_) {
+        auto clock = std::make_unique<ClockWatch>();
+        add_event(clock->fd(), no_worker);
+        clock_ = std::move(clock);
+    }
+    if (!server_) {
+        auto server = std::make_unique<MsgbusServer>(MSGBUS_SAP_AGENT);
+        add_event(server->fd(), no_worker);
+        server_ = std::move(server);
+        observe_bus(copy_watch());
+        copy_watch().close_unfinished();
+    }
+}
+
+void Agent::add_event(int descriptor, uint64_t data) {
+    epoll_event wanted{};
+    wanted.events = EPOLLIN;
+    wanted.data.u64 = data;
+    if (::epoll_ctl(events_.get(), EPOLL_CTL_ADD, descriptor, &wanted) != 0) {
+        throw std::system_error(errno, std::generic_category(), "event set");
+    }
+}
+
+void Agent::on_readable(int, void *self) {
+    guarded([self] { static_cast<Agent *>(self)->handle_events(); });
+}
+
+void Agent::handle_events() {
+    std::array<epoll_event, 16> happened;
+    const int count = ::epoll_wait(events_.get(), happened.data(), static_cast<int>(happened.size()), 0);
+    std::vector<pid_t> ended;
+    for (int i = 0; i < count; ++i) {
+        if (happened[static_cast<size_t>(i)].data.u64 != no_worker) {
+            ended.push_back(static_cast<pid_t>(happened[static_cast<size_t>(i)].data.u64));
+        }
+    }
+    if (clock_) {
+        clock_->handle_change();
+    }
+    settle(ended);
+}
+
+void Agent::receive_messages() {
+    if (server_) {
+        server_->serve([this](const Incoming &incoming) { guarded([&] { receive(incoming); }); });
+    }
+}
+
+void Agent::receive(const Incoming &incoming) {
+    if (incoming.message->opcode == AGENT_OPC_WORKER_STATUS && !workers_.take_report(incoming.peer.pid)) {
+        log_error("agent: status message of process %d dropped: no worker that has to report", incoming.peer.pid);
+        return;
+    }
+    deliver(*incoming.message);
+    if (incoming.message->opcode == AGENT_OPC_WORKER_STATUS) {
+        copy_watch().reported(incoming.peer.pid, status_in(*incoming.message));
+    } else if (incoming.message->opcode == MSGBUS_OPC_WARDEN_CFG_ACTION_END) {
+        copy_watch().action_ended(first_word_or_failure(*incoming.message));
+    }
+}
+
+void Agent::deliver(msgbus_message &message) {
+    const auto found = handlers_.find(message.opcode);
+    if (found == handlers_.end()) {
+        log_error("agent: message %u dropped: nobody has subscribed", message.opcode);
+        return;
+    }
+    std::array<oid, AGENT_NOTIFICATION_OID_MAX> notification{};
+    uint32_t notification_length = message.opcode == MSGBUS_OPC_WARDEN_CFG_ACTION_END ? first_word_or_failure(message) : 0;
+    uint32_t send_flag = 0;
+    const agent_message_handler handler = found->second; // it may end its own subscription
+    netsnmp_variable_list *list = handler(&message, notification.data(), &notification_length, &send_flag);
+    if (list != nullptr && send_flag == 1) {
+        enqueue_notification(enterprise_specific, notification.data(), notification_length, list);
+    } else {
+        snmp_free_varbind(list);
+    }
+}
+
+void Agent::settle(const std::vector<pid_t> &ended) {
+    // What a worker sent before it ended comes first.
+    receive_messages();
+    for (const pid_t worker : ended) {
+        const auto end = workers_.reap(worker);
+        if (!end) {
+            continue;
+        }
+        if (end->watch) {
+            // Closing alone does not end the watch while another worker is about to let go of its copy.
+            ::epoll_ctl(events_.get(), EPOLL_CTL_DEL, end->watch.get(), nullptr);
+        }
+        if (!end->reported) {
+            log_error("agent: worker %d ended %s without a report", worker, end->how.c_str());
+            deliver_lost_status();
+            copy_watch().died(worker, end->how);
+        }
+    }
+}
+
+void Agent::deliver_lost_status() {
+    msgbus_message report(AGENT_OPC_WORKER_STATUS, 0, &lost_worker_status, sizeof lost_worker_status);
+    deliver(report);
+}
+
+void Agent::on_poll_alarm(unsigned int, void *self) {
+    auto *agent = static_cast<Agent *>(self);
+    guarded([agent] { agent->settle(agent->workers_.ended()); });
+    if (agent->workers_.empty()) {
+        snmp_alarm_unregister(agent->poll_alarm_);
+        agent->poll_alarm_ = 0;
+    }
+}
+
+void Agent::on_failed_fork(unsigned int, void *self) {
+    guarded([self] {
+        log_error("agent: a worker could not be started");
+        auto *agent = static_cast<Agent *>(self);
+        agent->deliver_lost_status();
+        if (const auto unforked = std::exchange(agent->unforked_, std::nullopt)) {
+            copy_watch().not_forked(unforked->copy, unforked->error);
+        }
+    });
+}
+
+pid_t Agent::fork_worker() {
+    guarded([this] { start(); });         // the access point may have been another agent's when this one was loaded
+    guarded([] { settings_problems(); }); // so that this process tells them, and not each worker anew
+    const std::vector<int> own = descriptors();
+    auto copy = copy_watch().begin();
+    const pid_t worker = ::fork();
+    if (worker == 0) {
+        ::setenv(copy_report_variable, copy ? copy->report.c_str() : "", 1);
+        become_worker(own);
+    } else if (worker > 0) {
+        guarded([&] { copy_watch().follow(worker, std::move(copy)); });
+        guarded([=, this] { follow(worker); });
+    } else {
+        // The caller goes on as if there were a worker; its end is reported once the request has been served.
+        const int saved_errno = errno;
+        if (copy) {
+            unforked_ = Unforked{std::move(*copy), saved_errno};
+        }
+        snmp_alarm_register_hr(timeval{0, 1000}, 0, on_failed_fork, this);
+        errno = saved_errno;
+    }
+    return worker;
+}
+
+void Agent::follow(pid_t worker) {
+    const int watch = workers_.add(worker);
+    epoll_event wanted{};
+    wanted.events = EPOLLIN;
+    wanted.data.u64 = static_cast<uint64_t>(worker);
+    const bool watched = watch >= 0 && events_ && ::epoll_ctl(events_.get(), EPOLL_CTL_ADD, watch, &wanted) == 0;
+    if (!watched && poll_alarm_ == 0) {
+        poll_alarm_ = snmp_alarm_register(1, SA_REPEAT, on_poll_alarm, this);
+    }
+}
+
+std::vector<int> Agent::descriptors() const {
+    std::vector<int> all = workers_.descriptors();
+    if (events_) {
+        all.push_back(events_.get());
+    }
+    if (clock_) {
+        all.push_back(clock_->fd());
+    }
+    if (server_) {
+        const auto of_server = server_->descriptors();
+        all.insert(all.end(), of_server.begin(), of_server.end());
+    }
+    return all;
+}
+
+} // namespace
+} // namespace ulmo
+
+extern "C" {
+
+int register_for_notification(uint32_t opcode, agent_message_handler handler) {
+    try {
+        return ulmo::agent().subscribe(opcode, handler);
+    } catch (const std::system_error &failure) {
+        ulmo::log_error("agent: messages can't be received: %s", failure.what());
+        return failure.code().value();
+    } catch (...) {
+        return ENOMEM;
+    }
+}
+
+int unregister_for_notification(uint32_t opcode) {
+    return ulmo::agent().unsubscribe(opcode);
+}
+
+pid_t __wrap_fork(void) {
+    try {
+        return ulmo::agent().fork_worker();
+    } catch (...) {
+        errno = ENOMEM;
+        return -1;
+    }
+}
+
+} // extern "C"

@@ -1,0 +1,68 @@
+// What a module registers with the agent. SNMP contexts (RFC 3411, 3.3.1) that name VRFs: what a module registers with the agent is to be
+// had in each of them too.
+#include "base/settings.h"
+#include "platform/host/agent/copies.h"
+#include "platform/host/history/log.h"
+
+#include <net-snmp/net-snmp-config.h>
+
+#include <net-snmp/net-snmp-includes.h>
+
+#include <net-snmp/agent/net-snmp-agent-includes.h>
+
+#include <algorithm>
+#include <exception>
+#include <string>
+#include <vector>
+
+namespace ulmo {
+namespace {
+
+// Contexts that hold a module's registrations, on the agent's thread; what was registered there is withdrawn there, whatever the setting
+// says by then.
+std::vector<std::string> &contexts() {
+    static auto *const names = new std::vector<std::string>; // for the process's life, past all destructors
+    return *names;
+}
+
+void read_contexts() {
+    contexts().clear();
+    for (const std::string &name : list_setting("vrf_context")) {
+        if (std::find(contexts().begin(), contexts().end(), name) == contexts().end()) {
+            contexts().push_back(name);
+        }
+    }
+}
+
+} // namespace
+} // namespace ulmo
+
+extern "C" {
+
+// A module is linked so that its calls of register_mib() and unregister_mib() come here (ld(1), --wrap).
+int __wrap_register_mib(const char *module, const struct variable *variables, size_t variable_size, size_t count, const oid *root,
+                        size_t root_length) {
+    const int result = register_mib(module, variables, variable_size, count, root, root_length);
+    try {
+        ulmo::copy_watch().learn(variables, variable_size, count, root, root_length);
+        ulmo::read_contexts();
+        for (const std::string &name : ulmo::contexts()) {
+            if (register_mib_context(module, variables, variable_size, count, root, root_length, DEFAULT_MIB_PRIORITY, 0, 0, nullptr,
+                                     name.c_str(), -1, 0) != MIB_REGISTERED_OK) {
+                ulmo::log_error("%s can't be registered in context %s", module, name.c_str());
+            }
+        }
+    } catch (const std::exception &error) {
+        ulmo::log_error("%s: contexts: %s", module, error.what());
+    }
+    return result;
+}
+
+int __wrap_unregister_mib(oid *name, size_t length) {
+    for (const std::string &context : ulmo::contexts()) {
+        unregister_mib_context(name, length, DEFAULT_MIB_PRIORITY, 0, 0, context.c_str());
+    }
+    return unregister_mib(name, length);
+}
+
+} // extern "C"

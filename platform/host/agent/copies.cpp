@@ -1,0 +1,481 @@
+#include "platform/host/agent/copies.h"
+
+#include "base/folders.h"
+#include "base/ownership.h"
+#include "base/state_file.h"
+#include "base/unique_fd.h"
+#include "platform/agent_extension.h"
+#include "platform/host/agent/request.h"
+#include "platform/host/bus/wire.h"
+#include "platform/host/fabric/status.h"
+#include "platform/host/history/log.h"
+#include "platform/host/system_manager/last_save.h"
+#include "platform/host/system_manager/status.h"
+#include "platform/system_manager.h"
+#include "platform/utilities.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <utility>
+
+namespace ulmo {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Columns of the copy table, below the module's root at 1.1.1.1.
+enum Column : oid {
+    column_protocol = 2,
+    column_source = 3,
+    column_destination = 4,
+    column_file_name = 6,
+    column_user_name = 7,
+    column_state = 10,
+    column_time_started = 11,
+    column_fail_cause = 13,
+    column_row_status = 14,
+    column_address = 16,
+};
+constexpr std::array known_columns{column_protocol, column_source,       column_destination, column_file_name,  column_user_name,
+                                   column_state,    column_time_started, column_fail_cause,  column_row_status, column_address};
+constexpr std::array<oid, 4> table_below_root{1, 1, 1, 1};
+
+constexpr long file_network = 1;
+constexpr long state_running = 2;
+constexpr long state_successful = 3;
+constexpr long row_active = 1;
+constexpr long row_create_and_go = 4;
+constexpr long row_destroy = 6;
+constexpr long cause_manager_refused = 8;
+
+constexpr std::string_view report_prefix = "copy-report.";
+constexpr std::string_view begun_key = "begun ";
+constexpr char gone[] = "the request was removed before the end";
+
+std::string name_or_number(const auto &names, long value) {
+    const bool is_known = value > 0 && value < static_cast<long>(names.size()) && !names.at(static_cast<std::size_t>(value)).empty();
+    return is_known ? std::string(names.at(static_cast<std::size_t>(value))) : std::to_string(value);
+}
+
+std::string protocol_name(long protocol) {
+    constexpr std::array<std::string_view, 6> names{"", "tftp", "ftp", "rcp", "scp", "sftp"};
+    return name_or_number(names, protocol);
+}
+
+std::string file_type_name(long type) {
+    constexpr std::array<std::string_view, 8> names{"", "", "", "startup", "running", "", "fabric-startup", "all-startup"};
+    return name_or_number(names, type);
+}
+
+std::string cause_name(long cause) {
+    constexpr std::array<std::string_view, 10> names{"",
+                                                     "general",
+                                                     "badFileName",
+                                                     "timeout",
+                                                     "noSpace",
+                                                     "badConfig",
+                                                     "unsupportedProtocol",
+                                                     "configNotApplied",
+                                                     "systemManagerRefused",
+                                                     "systemManagerFailed"};
+    return name_or_number(names, cause);
+}
+
+std::string address_text(const std::string &octets) {
+    constexpr std::size_t ipv4_octets = 4;
+    std::array<char, INET6_ADDRSTRLEN> text{};
+    ::inet_ntop(octets.size() == ipv4_octets ? AF_INET : AF_INET6, octets.data(), text.data(), text.size());
+    return text.data();
+}
+
+std::chrono::milliseconds since(Clock::time_point began) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - began);
+}
+
+// Keeps the line and gives it to the system's log. Neither harms the copy when it fails.
+void tell(const std::string &line) {
+    // The priority says what it is; the agent's own name in that log stays as the agent has set it.
+    ::syslog(LOG_AUTHPRIV | LOG_NOTICE, "config-copy: %s", line.c_str());
+    try {
+        keep_copy_line(line);
+    } catch (const std::exception &error) {
+        log_error("agent: the line of a copy can't be kept: %s", error.what());
+    }
+}
+
+void forget_report(const std::filesystem::path &report) {
+    const ActingAsOwner owner(report.parent_path());
+    ::unlink(report.c_str());
+}
+
+// The file of a copy's report, with what is to be told of it should this agent end before the copy.
+// Empty when it can't be made: the copy is none the worse for it.
+std::filesystem::path make_report(const CopyRequest &request) {
+    try {
+        const std::filesystem::path directory = run_dir();
+        const ActingAsOwner owner(directory);
+        std::string path = (directory / report_prefix).string() + "XXXXXX";
+        const UniqueFd file(::mkostemp(path.data(), O_CLOEXEC));
+        if (!file) {
+            throw std::system_error(errno, std::generic_category(), path);
+        }
+        write_whole(file, path, std::string(begun_key) + line_of(request) + '\n');
+        return path;
+    } catch (const std::exception &error) {
+        log_error("agent: no report of a copy: %s", error.what());
+        return {};
+    }
+}
+
+CopyEnd end_of(const CopyReport &report) {
+    CopyEnd end;
+    end.reason = report.reason;
+    end.octets = report.octets;
+    end.sha256 = report.sha256;
+    return end;
+}
+
+// What of a fabric's switches was not saved, and why.
+std::string fabric_reason() {
+    std::string reason;
+    for (const FabricSwitchStatus &each : read_fabric_status()) {
+        if (each.text != saved_text) {
+            reason += (reason.empty() ? "" : "; ") + wwn_to_text(each.wwn) + ": " + each.text;
+        }
+    }
+    return reason;
+}
+
+std::string reason_of_save(std::uint32_t status) {
+    std::string reason;
+    if (status == warden_err_fabric) {
+        reason = fabric_reason();
+    } else if (status == warden_err_store) {
+        reason = last_save().value_or("");
+    }
+    return reason.empty() || reason == saved_text ? ::syserr2str(status) : reason;
+}
+
+// The reason in a refusal, behind its status word.
+std::string text_in(msgbus_msg answer) {
+    const auto *begin = static_cast<const char *>(::msgbus_payload_get(answer, sizeof(std::uint32_t)));
+    return begin == nullptr ? "" : std::string(begin, answer->length).substr(sizeof(std::uint32_t));
+}
+
+template <typename Work> void quietly(Work &&work) noexcept {
+    try {
+        work();
+    } catch (const std::exception &error) {
+        log_error("agent: no line for a copy: %s", error.what());
+    }
+}
+
+} // namespace
+
+// --- rows ---
+
+void CopyRows::learn(const variable *variables, std::size_t size, std::size_t count, const oid *root, std::size_t root_length) {
+    columns_.clear();
+    for (std::size_t i = 0; i < count; ++i) {
+        // The agent's own way with arrays of records that differ in the length of their names.
+        const auto *each = reinterpret_cast<const variable *>(reinterpret_cast<const char *>(variables) + i * size);
+        const bool is_in_table =
+            each->namelen == table_below_root.size() + 1 && std::equal(table_below_root.begin(), table_below_root.end(), each->name);
+        if (!is_in_table || root_length + each->namelen > MAX_OID_LEN) {
+            continue;
+        }
+        const oid column = each->name[table_below_root.size()];
+        if (std::find(known_columns.begin(), known_columns.end(), column) == known_columns.end()) {
+            continue;
+        }
+        variable &whole = columns_[column];
+        whole = {};
+        whole.magic = each->magic;
+        whole.type = each->type;
+        whole.acl = each->acl;
+        whole.findVar = each->findVar;
+        whole.namelen = static_cast<u_char>(root_length + each->namelen);
+        std::copy(each->name, each->name + each->namelen, std::copy(root, root + root_length, whole.name));
+    }
+}
+
+std::optional<std::string> CopyRows::octets(oid column, oid row) const {
+    const auto found = columns_.find(column);
+    if (found == columns_.end()) {
+        return std::nullopt;
+    }
+    variable method = found->second;
+    std::array<oid, MAX_OID_LEN> name{};
+    std::copy(method.name, method.name + method.namelen, name.begin());
+    std::size_t length = method.namelen;
+    name.at(length++) = row;
+    constexpr int exact = 1;
+    std::size_t value_length = 0;
+    WriteMethod *write_method = nullptr;
+    const unsigned char *value = method.findVar(&method, name.data(), &length, exact, &value_length, &write_method);
+    return value != nullptr ? std::optional(std::string(reinterpret_cast<const char *>(value), value_length)) : std::nullopt;
+}
+
+std::optional<long> CopyRows::number(oid column, oid row) const {
+    const auto value = octets(column, row);
+    std::uint32_t word = 0;
+    if (!value || value->size() != sizeof word) {
+        return std::nullopt;
+    }
+    std::memcpy(&word, value->data(), sizeof word);
+    return static_cast<long>(word);
+}
+
+std::vector<oid> CopyRows::set_by_request(long status, long other_status) const {
+    std::vector<oid> rows;
+    const netsnmp_pdu *request = current_request();
+    const auto found = columns_.find(column_row_status);
+    if (request == nullptr || found == columns_.end()) {
+        return rows;
+    }
+    const variable &column = found->second;
+    for (const netsnmp_variable_list *each = request->variables; each != nullptr; each = each->next_variable) {
+        if (each->type == ASN_INTEGER && each->name_length == column.namelen + 1U &&
+            ::snmp_oid_compare(each->name, column.namelen, column.name, column.namelen) == 0 && each->val.integer != nullptr &&
+            (*each->val.integer == status || *each->val.integer == other_status)) {
+            rows.push_back(each->name[column.namelen]);
+        }
+    }
+    return rows;
+}
+
+// --- what begins ---
+
+// One copy runs at a time, so that of those that a request activates it is the one that runs.
+std::optional<oid> CopyWatch::activated_row() const {
+    for (const oid row : rows_.set_by_request(row_active, row_create_and_go)) {
+        if (rows_.number(column_state, row) == state_running) {
+            return row;
+        }
+    }
+    return std::nullopt;
+}
+
+CopyRequest CopyWatch::request_of(oid row) const {
+    const auto side = [&](oid column) {
+        const long type = rows_.number(column, row).value_or(0);
+        if (type != file_network) {
+            return file_type_name(type);
+        }
+        return url_of(protocol_name(rows_.number(column_protocol, row).value_or(0)), rows_.octets(column_user_name, row).value_or(""),
+                      address_text(rows_.octets(column_address, row).value_or("")), rows_.octets(column_file_name, row).value_or(""));
+    };
+    CopyRequest request;
+    request.began = std::time(nullptr);
+    request.index = static_cast<std::uint32_t>(row);
+    request.started = static_cast<std::uint32_t>(rows_.number(column_time_started, row).value_or(0));
+    request.user = requester_name();
+    request.requester = requester_address();
+    request.from = side(column_source);
+    request.to = side(column_destination);
+    return request;
+}
+
+std::optional<CopyWatch::Copy> CopyWatch::begin() noexcept {
+    std::optional<Copy> copy;
+    quietly([&] {
+        if (const auto row = activated_row()) {
+            copy = Copy{request_of(*row), Clock::now(), {}};
+            copy->report = make_report(copy->request);
+        }
+    });
+    return copy;
+}
+
+void CopyWatch::follow(pid_t worker, std::optional<Copy> copy) {
+    if (copy) {
+        copies_.insert_or_assign(worker, std::move(*copy));
+    }
+}
+
+// --- what ends ---
+
+void CopyWatch::end_copy(const Copy &copy, CopyEnd end) {
+    end.duration = since(copy.began);
+    if (!rows_.number(column_state, copy.request.index) && end.reason.empty()) {
+        end.reason = gone;
+    }
+    tell(line_of(copy.request) + ' ' + line_of(end));
+    if (!copy.report.empty()) {
+        forget_report(copy.report);
+    }
+}
+
+void CopyWatch::not_forked(const Copy &copy, int error) noexcept {
+    quietly([&] {
+        CopyEnd end;
+        end.outcome = CopyEnd::Outcome::failed;
+        end.cause = cause_name(1);
+        end.reason = std::string("the copy process could not be started: ") + std::strerror(error);
+        end_copy(copy, end);
+    });
+}
+
+void CopyWatch::reported(pid_t worker, std::optional<std::int32_t> status) noexcept {
+    quietly([&] {
+        if (const auto found = copies_.find(worker); found != copies_.end()) {
+            const Copy copy = std::move(found->second);
+            copies_.erase(found);
+            CopyEnd end = end_of(read_copy_report(copy.report));
+            end.outcome = status == 0 ? CopyEnd::Outcome::successful : CopyEnd::Outcome::failed;
+            if (status == 0) {
+                end.reason.clear();
+            } else {
+                constexpr std::int32_t general = 1;
+                end.cause = cause_name(status.value_or(general));
+            }
+            end_copy(copy, std::move(end));
+        }
+    });
+}
+
+void CopyWatch::died(pid_t worker, const std::string &how) noexcept {
+    quietly([&] {
+        if (const auto found = copies_.find(worker); found != copies_.end()) {
+            const Copy copy = std::move(found->second);
+            copies_.erase(found);
+            CopyEnd end = end_of(read_copy_report(copy.report));
+            end.outcome = CopyEnd::Outcome::failed;
+            end.cause = cause_name(1);
+            const std::string ending = "the copy process ended " + how;
+            end.reason = end.reason.empty() ? ending : end.reason + " (" + ending + ')';
+            end_copy(copy, std::move(end));
+        }
+    });
+}
+
+void CopyWatch::close_unfinished() noexcept {
+    quietly([&] {
+        for (const auto &entry : std::filesystem::directory_iterator(run_dir())) {
+            const std::filesystem::path &path = entry.path();
+            const bool is_ours = std::any_of(copies_.begin(), copies_.end(), [&](const auto &copy) { return copy.second.report == path; });
+            if (is_ours || !path.filename().string().starts_with(report_prefix)) {
+                continue;
+            }
+            constexpr std::size_t limit = std::size_t{64} * 1024;
+            const std::string text = read_state_file(path, limit).value_or("");
+            CopyEnd end = end_of(read_copy_report(path));
+            end.reason = "the agent ended before the copy did";
+            if (text.starts_with(begun_key)) {
+                tell(text.substr(begun_key.size(), text.find('\n') - begun_key.size()) + ' ' + line_of(end));
+            }
+            forget_report(path);
+        }
+    });
+}
+
+// --- saves ---
+
+void CopyWatch::end_save(CopyEnd end) {
+    const Save save = std::move(*save_);
+    save_.reset();
+    end.duration = since(save.began);
+    end.reason = end.reason.substr(0, longest_reason);
+    tell(line_of(save.request) + ' ' + line_of(end));
+}
+
+void CopyWatch::save_sent(int error) {
+    const auto row = activated_row();
+    if (!row) {
+        return;
+    }
+    save_ = Save{request_of(*row), Clock::now(), false};
+    if (error != 0) {
+        CopyEnd end;
+        end.outcome = CopyEnd::Outcome::failed;
+        end.reason = error == ENOENT || error == ECONNREFUSED ? "the system manager is not running"
+                                                              : std::string("the system manager can't be asked: ") + std::strerror(error);
+        end_save(std::move(end));
+    }
+}
+
+void CopyWatch::sent(std::uint32_t opcode, int error) noexcept {
+    quietly([&] {
+        if (opcode == MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION) {
+            save_sent(error);
+        } else if (opcode == MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION_ABORT && save_) {
+            const auto destroyed = rows_.set_by_request(row_destroy, row_destroy);
+            if (std::find(destroyed.begin(), destroyed.end(), save_->request.index) != destroyed.end()) {
+                CopyEnd end;
+                end.reason = gone;
+                end_save(std::move(end));
+            }
+        }
+    });
+}
+
+void CopyWatch::answered(msgbus_msg answer, int error) noexcept {
+    quietly([&] {
+        if (!save_ || save_->answered) {
+            return;
+        }
+        save_->answered = true;
+        CopyEnd end;
+        if (answer == nullptr) {
+            end.reason = std::string("the system manager did not answer: ") + std::strerror(error);
+            end_save(std::move(end));
+            return;
+        }
+        std::uint32_t status = warden_err_request;
+        if (const void *payload = ::msgbus_payload_get(answer, sizeof status)) {
+            std::memcpy(&status, payload, sizeof status);
+            status = ntohl(status);
+        }
+        if (status == WARDEN_CFG_ACTION_INITIATED) {
+            return;
+        }
+        if (status == WARDEN_CFG_ACTION_DONE) {
+            end.outcome = CopyEnd::Outcome::successful;
+        } else {
+            end.outcome = CopyEnd::Outcome::failed;
+            end.cause = cause_name(cause_manager_refused);
+            const std::string text = text_in(answer);
+            end.reason = text.empty() ? ::syserr2str(status) : text;
+        }
+        end_save(std::move(end));
+    });
+}
+
+void CopyWatch::action_ended(std::uint32_t status) noexcept {
+    quietly([&] {
+        if (!save_) {
+            return;
+        }
+        const auto state = rows_.number(column_state, save_->request.index);
+        if (state == state_running) {
+            return; // another action's end
+        }
+        CopyEnd end;
+        if (!state) {
+            end.reason = gone;
+        } else if (state == state_successful) {
+            end.outcome = CopyEnd::Outcome::successful;
+        } else {
+            end.outcome = CopyEnd::Outcome::failed;
+            end.cause = cause_name(rows_.number(column_fail_cause, save_->request.index).value_or(0));
+            end.reason = reason_of_save(status);
+        }
+        end_save(std::move(end));
+    });
+}
+
+CopyWatch &copy_watch() {
+    static auto *const watch = new CopyWatch; // for the process's life, past all destructors
+    return *watch;
+}
+
+} // namespace ulmo

@@ -1,0 +1,97 @@
+// The copies and saves that managers ask of this agent, from their activation to the line that is
+// kept, and given to the system's log, of each. The module that serves the copy table takes no part
+// in it: the request being served names the row, and the module's own read methods tell what stands
+// in it. All of it belongs to the agent's thread.
+#pragma once
+
+#include "platform/host/bus/observer.h"
+#include "platform/host/history/copy_record.h"
+#include "platform/host/history/copy_report.h"
+
+#include <net-snmp/net-snmp-config.h>
+
+#include <net-snmp/net-snmp-includes.h>
+
+#include <net-snmp/agent/net-snmp-agent-includes.h>
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace ulmo {
+
+// Reads columns of the copy table's rows by the methods that the module has registered. The column of
+// the passwords is not among them.
+class CopyRows {
+  public:
+    // What a module registers: as register_mib(3) has it.
+    void learn(const variable *variables, std::size_t size, std::size_t count, const oid *root, std::size_t root_length);
+
+    std::optional<std::string> octets(oid column, oid row) const;
+    std::optional<long> number(oid column, oid row) const;
+
+    // The rows whose status the request being served sets to one of two values, in its order.
+    std::vector<oid> set_by_request(long status, long other_status) const;
+
+  private:
+    std::map<oid, variable> columns_; // with whole names
+};
+
+class CopyWatch final : public BusObserver {
+  public:
+    void learn(const variable *variables, std::size_t size, std::size_t count, const oid *root, std::size_t root_length) {
+        rows_.learn(variables, size, count, root, root_length);
+    }
+
+    // A copy that has been activated, and where its worker reports.
+    struct Copy {
+        CopyRequest request;
+        std::chrono::steady_clock::time_point began;
+        std::filesystem::path report;
+    };
+
+    // The agent has started: copies of an earlier one have lost whoever would tell of their end.
+    void close_unfinished() noexcept;
+
+    // The copy for which a worker is about to be forked; nothing when no request is being served.
+    std::optional<Copy> begin() noexcept;
+
+    void follow(pid_t worker, std::optional<Copy> copy);
+    void not_forked(const Copy &copy, int error) noexcept;
+
+    // The module has been told of the end: by the worker's own report, or because it died.
+    void reported(pid_t worker, std::optional<std::int32_t> status) noexcept;
+    void died(pid_t worker, const std::string &how) noexcept;
+    // An action of the system manager has ended, and the module has been told.
+    void action_ended(std::uint32_t status) noexcept;
+
+    void sent(std::uint32_t opcode, int error) noexcept override;
+    void answered(msgbus_msg answer, int error) noexcept override;
+
+  private:
+    struct Save {
+        CopyRequest request;
+        std::chrono::steady_clock::time_point began;
+        bool answered = false;
+    };
+
+    std::optional<oid> activated_row() const;
+    CopyRequest request_of(oid row) const;
+    void end_copy(const Copy &copy, CopyEnd end);
+    void end_save(CopyEnd end);
+    void save_sent(int error);
+
+    CopyRows rows_;
+    std::map<pid_t, Copy> copies_;
+    std::optional<Save> save_;
+};
+
+// Of this process; lives to its end.
+CopyWatch &copy_watch();
+
+} // namespace ulmo

@@ -1,0 +1,232 @@
+#include "platform/host/agent/workers.h"
+
+#include "base/folders.h"
+#include "base/ownership.h"
+#include "base/settings.h"
+#include "platform/host/history/copy_report.h"
+#include "platform/host/history/log.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <system_error>
+#include <utility>
+
+namespace ulmo {
+namespace {
+
+std::system_error failed(const std::filesystem::path &path) {
+    return std::system_error(errno, std::generic_category(), path);
+}
+
+UniqueFd opened_directory(const std::filesystem::path &path) {
+    UniqueFd directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!directory) {
+        throw failed(path);
+    }
+    return directory;
+}
+
+// The folder of all workers' folders. Its lock is held while one of them is made or looked at, so that no folder is swept between its
+// making and its own lock.
+std::filesystem::path work_root() {
+    const auto state = state_dir();
+    const ActingAsOwner owner(state);
+    auto root = state / "work";
+    if (::mkdir(root.c_str(), 0700) != 0 && errno != EEXIST) {
+        throw failed(root);
+    }
+    return root;
+}
+
+void reset_signals() {
+    for (const int number : {SIGTERM, SIGINT, SIGHUP, SIGUSR1, SIGALRM}) {
+        std::signal(number, SIG_DFL);
+    }
+}
+
+std::vector<int> open_descriptors() {
+    std::vector<int> all;
+    const std::unique_ptr<DIR, int (*)(DIR *)> listing(::opendir("/proc/self/fd"), ::closedir);
+    if (listing) {
+        while (const dirent *entry = ::readdir(listing.get())) {
+            if (entry->d_name[0] != '.') {
+                all.push_back(static_cast<int>(std::strtol(entry->d_name, nullptr, 10)));
+            }
+        }
+        return all;
+    }
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    for (int number = 0; number < static_cast<int>(std::min<rlim_t>(limit.rlim_cur, 65536)); ++number) {
+        all.push_back(number);
+    }
+    return all;
+}
+
+bool is_socket(int descriptor) {
+    struct stat status {};
+    return ::fstat(descriptor, &status) == 0 && S_ISSOCK(status.st_mode);
+}
+
+bool is_local_standard_stream(int descriptor) {
+    int domain = 0;
+    socklen_t length = sizeof domain;
+    return descriptor <= STDERR_FILENO && ::getsockopt(descriptor, SOL_SOCKET, SO_DOMAIN, &domain, &length) == 0 && domain == AF_UNIX;
+}
+
+void let_go_of(const std::vector<int> &foreign) {
+    const UniqueFd nowhere(::open("/dev/null", O_RDWR | O_CLOEXEC));
+    for (const int descriptor : open_descriptors()) {
+        const bool is_foreign = std::find(foreign.begin(), foreign.end(), descriptor) != foreign.end();
+        if (!is_foreign && (!is_socket(descriptor) || is_local_standard_stream(descriptor))) {
+            continue;
+        }
+        // syslog(3) and others remember their numbers: a number that stands for nothing must not come to stand for a file of the worker.
+        if (!nowhere || ::dup3(nowhere.get(), descriptor, descriptor > STDERR_FILENO ? O_CLOEXEC : 0) < 0) {
+            ::close(descriptor);
+        }
+    }
+}
+
+void enter_private_directory() {
+    const ActingAsOwner owner(state_dir());
+    const UniqueFd root_lock = opened_directory(work_root());
+    if (::flock(root_lock.get(), LOCK_EX) != 0) {
+        throw failed("lock of the workers' folder");
+    }
+    const auto directory = worker_directory(::getpid());
+    std::filesystem::remove_all(directory); // of a former process with this id
+    if (::mkdir(directory.c_str(), 0700) != 0) {
+        throw failed(directory);
+    }
+    UniqueFd own = opened_directory(directory);
+    if (::flock(own.get(), LOCK_EX | LOCK_NB) != 0 || ::fchdir(own.get()) != 0) {
+        throw failed(directory);
+    }
+    static_cast<void>(own.release()); // the lock lasts as long as the worker
+}
+
+std::string how_it_ended(int status) {
+    if (WIFSIGNALED(status)) {
+        return "by signal " + std::to_string(WTERMSIG(status));
+    }
+    return "with exit status " + std::to_string(WEXITSTATUS(status));
+}
+
+} // namespace
+
+std::filesystem::path worker_directory(pid_t worker) {
+    return work_root() / std::to_string(worker);
+}
+
+void become_worker(const std::vector<int> &foreign) noexcept {
+    reset_signals();
+    try {
+        // Before anything is sent, and not where the module asks: it can't refuse. Throws, too, when the file can't be read.
+        static_cast<void>(number_setting("chassis_type"));
+    } catch (const std::exception &failure) {
+        log_error("worker: the copy is refused: %s", failure.what());
+        report_reason(failure.what());
+        ::_exit(EXIT_FAILURE);
+    }
+    try {
+        let_go_of(foreign);
+        enter_private_directory();
+    } catch (const std::exception &failure) {
+        // A copy writes files under names that a manager chose: not where the agent happens to run. The agent reports this end as a
+        // failure.
+        log_error("worker: no private directory: %s", failure.what());
+        report_reason(std::string("no private directory: ") + failure.what());
+        ::_exit(EXIT_FAILURE);
+    }
+}
+
+void sweep_worker_directories() noexcept {
+    try {
+        const ActingAsOwner owner(state_dir());
+        const auto root = work_root();
+        const UniqueFd root_lock = opened_directory(root);
+        if (::flock(root_lock.get(), LOCK_EX | LOCK_NB) != 0) {
+            return; // somebody sweeps already, or a worker just begins
+        }
+        for (const auto &entry : std::filesystem::directory_iterator(root)) {
+            const UniqueFd directory(::open(entry.path().c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+            if (directory && ::flock(directory.get(), LOCK_EX | LOCK_NB) == 0) {
+                std::error_code ignored;
+                std::filesystem::remove_all(entry.path(), ignored);
+                log_debug("worker: folder %s of an ended worker removed", entry.path().c_str());
+            }
+        }
+    } catch (const std::exception &failure) {
+        log_error("worker: cannot sweep the folders of ended workers: %s", failure.what());
+    }
+}
+
+int WorkerTable::add(pid_t worker) {
+    Worker &added = workers_[worker];
+    added.watch.reset(static_cast<int>(::syscall(SYS_pidfd_open, worker, 0))); // close-on-exec by itself
+    return added.watch.get();
+}
+
+bool WorkerTable::take_report(pid_t worker) {
+    const auto found = workers_.find(worker);
+    return found != workers_.end() && !std::exchange(found->second.reported, true);
+}
+
+std::vector<pid_t> WorkerTable::ended() const {
+    std::vector<pid_t> all;
+    for (const auto &[pid, worker] : workers_) {
+        siginfo_t information{};
+        const int result = ::waitid(P_PID, static_cast<id_t>(pid), &information, WEXITED | WNOHANG | WNOWAIT);
+        if ((result == 0 && information.si_pid == pid) || (result != 0 && errno == ECHILD)) {
+            all.push_back(pid);
+        }
+    }
+    return all;
+}
+
+std::optional<WorkerTable::Ended> WorkerTable::reap(pid_t worker) {
+    const auto found = workers_.find(worker);
+    if (found == workers_.end()) {
+        return std::nullopt;
+    }
+    int status = 0;
+    const pid_t reaped = ::waitpid(worker, &status, WNOHANG);
+    if (reaped == 0) {
+        return std::nullopt;
+    }
+    Ended ended{std::move(found->second.watch), found->second.reported, reaped == worker ? how_it_ended(status) : "unseen"};
+    workers_.erase(found);
+    try {
+        const ActingAsOwner owner(state_dir());
+        std::filesystem::remove_all(worker_directory(worker));
+    } catch (const std::exception &failure) {
+        log_error("worker: cannot remove the folder of process %d: %s", worker, failure.what());
+    }
+    return ended;
+}
+
+std::vector<int> WorkerTable::descriptors() const {
+    std::vector<int> all;
+    for (const auto &[pid, worker] : workers_) {
+        if (worker.watch) {
+            all.push_back(worker.watch.get());
+        }
+    }
+    return all;
+}
+
+} // namespace ulmo

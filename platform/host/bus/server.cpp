@@ -1,0 +1,205 @@
+#include "platform/host/bus/server.h"
+
+#include "base/folders.h"
+#include "base/ownership.h"
+#include "platform/host/history/log.h"
+
+#include <fcntl.h>
+#include <sys/epoll.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/timerfd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <string>
+#include <system_error>
+#include <utility>
+
+namespace ulmo {
+namespace {
+
+constexpr int backlog = 128;
+// One round takes everything that can stand in the listener's queue, but is not kept for ever by who sends faster than it reads.
+constexpr int round_limit = 2 * backlog;
+// How long newcomers wait when the process is short of descriptors.
+constexpr std::chrono::seconds shortage_pause{1};
+
+UniqueFd checked(int descriptor, const char *what) {
+    if (descriptor < 0) {
+        throw std::system_error(errno, std::generic_category(), what);
+    }
+    return UniqueFd(descriptor);
+}
+
+void require(int result, const char *what) {
+    if (result != 0) {
+        throw std::system_error(errno, std::generic_category(), what);
+    }
+}
+
+// A lock that the kernel releases with its holder tells a living server from a socket file that was left over.
+UniqueFd locked(const std::filesystem::path &path) {
+    const ActingAsOwner owner(run_dir());
+    UniqueFd lock = checked(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600), "lock of the access point");
+    if (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
+        throw std::system_error(errno == EWOULDBLOCK ? EADDRINUSE : errno, std::generic_category(), "lock of the access point");
+    }
+    return lock;
+}
+
+void watch(int events, int descriptor) {
+    epoll_event wanted{};
+    wanted.events = EPOLLIN;
+    require(::epoll_ctl(events, EPOLL_CTL_ADD, descriptor, &wanted), "watch of the access point");
+}
+
+} // namespace
+
+int Incoming::reply(uint32_t opcode, const void *payload, uint32_t length) const {
+    return send_packet(connection.get(), opcode, message->token, payload, length);
+}
+
+MsgbusServer::MsgbusServer(uint32_t sap, Limits limits)
+    : sap_(sap), limits_(limits), socket_path_(sap_path(sap)), lock_(locked(msgbus_dir() / (std::to_string(sap) + ".lock"))),
+      listener_(make_bus_socket()), timer_(checked(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK), "timer")),
+      events_(checked(::epoll_create1(EPOLL_CLOEXEC), "event set")) {
+    const ActingAsOwner owner(run_dir());
+    const SocketAddress address(socket_path_);
+    if (::unlink(socket_path_.c_str()) != 0 && errno != ENOENT) {
+        throw std::system_error(errno, std::generic_category(), socket_path_);
+    }
+    require(::bind(listener_.get(), address.get(), address.length()), "bind of the access point");
+    // Whoever is not trusted may knock: what he sends is not read, and the log tells of it.
+    require(::chmod(socket_path_.c_str(), 0666), "mode of the access point");
+    require(::listen(listener_.get(), backlog), "listen on the access point");
+    watch(events_.get(), listener_.get());
+    watch(events_.get(), timer_.get());
+}
+
+MsgbusServer::~MsgbusServer() {
+    const ActingAsOwner owner(run_path()); // he may have put another folder in the place of the bus's
+    ::unlink(socket_path_.c_str());
+}
+
+std::vector<int> MsgbusServer::descriptors() const {
+    return {lock_.get(), listener_.get(), timer_.get(), events_.get()};
+}
+
+void MsgbusServer::serve(const Handler &handler) {
+    take_pending(handler);
+    accept_waiting(handler);
+    set_timer();
+}
+
+bool MsgbusServer::take(Pending &from, const Handler &handler) const {
+    std::unique_ptr<msgbus_message> message;
+    const Receipt receipt = receive_packet(from.connection.get(), message);
+    if (receipt == Receipt::none) {
+        return false;
+    }
+    unwatch(from);
+    if (receipt == Receipt::malformed) {
+        log_error("msgbus: access point %u: malformed message of process %d dropped", sap_, from.peer.pid);
+    } else if (receipt == Receipt::message) {
+        handler(Incoming{std::move(message), from.peer, std::move(from.connection)});
+    }
+    return true;
+}
+
+void MsgbusServer::take_pending(const Handler &handler) {
+    const auto now = Clock::now();
+    for (auto &one : std::exchange(pending_, {})) {
+        if (take(one, handler)) {
+            continue;
+        }
+        if (one.deadline <= now) {
+            log_error("msgbus: access point %u: process %d connected and sent nothing, dropped", sap_, one.peer.pid);
+            unwatch(one);
+        } else {
+            pending_.push_back(std::move(one));
+        }
+    }
+}
+
+// Before the connection is closed or given away: as long as a forked child holds a copy, closing alone does not end the watch.
+void MsgbusServer::unwatch(const Pending &one) const {
+    ::epoll_ctl(events_.get(), EPOLL_CTL_DEL, one.connection.get(), nullptr); // a newcomer is not watched yet
+}
+
+void MsgbusServer::accept_waiting(const Handler &handler) {
+    listen_to_newcomers(true);
+    for (int round = 0; round < round_limit; ++round) {
+        UniqueFd connection(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        if (!connection) {
+            if (errno == EINTR || errno == ECONNABORTED) {
+                continue;
+            }
+            if (errno != EAGAIN) {
+                log_error("msgbus: access point %u: accept failed, errno %d", sap_, errno);
+                listen_to_newcomers(false);
+            }
+            return;
+        }
+        Pending newcomer{std::move(connection), {}, Clock::now() + limits_.patience};
+        newcomer.peer = peer_of(newcomer.connection.get());
+        if (!is_trusted(newcomer.peer)) {
+            log_refusal(newcomer.peer);
+            continue;
+        }
+        if (take(newcomer, handler)) {
+            continue;
+        }
+        if (pending_.size() >= limits_.pending) {
+            log_error("msgbus: access point %u: too many silent connections, process %d dropped", sap_, pending_.front().peer.pid);
+            unwatch(pending_.front());
+            pending_.erase(pending_.begin());
+        }
+        watch(events_.get(), newcomer.connection.get());
+        pending_.push_back(std::move(newcomer));
+    }
+}
+
+void MsgbusServer::log_refusal(const ucred &peer) {
+    constexpr std::chrono::seconds interval{1};
+    if (const auto now = Clock::now(); now - refusals_since_ >= interval) {
+        refusals_since_ = now;
+        refusals_ = 0;
+    }
+    constexpr unsigned logged_in_interval = 10; // nobody fills the log by knocking
+    ++refusals_;
+    if (refusals_ <= logged_in_interval) {
+        log_error("msgbus: access point %u: process %d of user %u refused%s", sap_, peer.pid, peer.uid,
+                  refusals_ == logged_in_interval ? "; there may be more within this second" : "");
+    }
+}
+
+void MsgbusServer::listen_to_newcomers(bool on) {
+    if (on == listening_) {
+        return;
+    }
+    epoll_event wanted{};
+    wanted.events = on ? EPOLLIN : 0U;
+    ::epoll_ctl(events_.get(), EPOLL_CTL_MOD, listener_.get(), &wanted);
+    listening_ = on;
+}
+
+void MsgbusServer::set_timer() {
+    itimerspec setting{};
+    auto wake_up = Clock::time_point::max();
+    if (!pending_.empty()) {
+        wake_up = pending_.front().deadline;
+    }
+    if (!listening_) {
+        wake_up = std::min(wake_up, Clock::now() + shortage_pause);
+    }
+    if (wake_up != Clock::time_point::max()) {
+        // Past deadlines fire at once; an all-zero setting would switch the timer off.
+        const auto left = std::max<Clock::duration>(wake_up - Clock::now(), std::chrono::nanoseconds{1});
+        setting.it_value.tv_sec = std::chrono::duration_cast<std::chrono::seconds>(left).count();
+        setting.it_value.tv_nsec = (left % std::chrono::seconds{1}).count();
+    }
+    ::timerfd_settime(timer_.get(), 0, &setting, nullptr); // also takes the last expiry away
+}
+
+} // namespace ulmo

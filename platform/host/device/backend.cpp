@@ -1,0 +1,229 @@
+#include "platform/host/device/backend.h"
+
+#include "base/folders.h"
+#include "base/settings.h"
+#include "base/state_file.h"
+#include "platform/host/device/configuration_text.h"
+#include "platform/system_manager.h"
+
+#include <fcntl.h>
+#include <sys/sendfile.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <optional>
+#include <set>
+#include <stdexcept>
+#include <system_error>
+
+namespace ulmo {
+namespace {
+
+// The canonical form, which a device keeps within bounds.
+std::string bounded_text(const Configuration &configuration) {
+    std::string text = to_text(configuration);
+    if (text.size() > configuration_canonical_limit) {
+        throw std::runtime_error("the configuration would be larger than " + std::to_string(configuration_canonical_limit) + " octets");
+    }
+    return text;
+}
+
+// One name for each file, whatever links lead to its directory. A link in the file's own place is not followed: it is what gets replaced.
+std::filesystem::path resolved(const std::filesystem::path &path) {
+    return std::filesystem::weakly_canonical(path.parent_path()) / path.filename();
+}
+
+constexpr const char *no_startup = "there is no startup configuration";
+
+[[noreturn]] void fail_output() {
+    throw std::system_error(errno, std::generic_category(), "cannot write the output");
+}
+
+void write_output(std::string_view text, int descriptor) {
+    while (!text.empty()) {
+        const ssize_t count = ::write(descriptor, text.data(), text.size());
+        if (count < 0 && errno != EINTR) {
+            fail_output();
+        }
+        text.remove_prefix(count > 0 ? static_cast<std::size_t>(count) : 0);
+    }
+}
+
+// The rest of the file. The kernel copies it where it can; it does not where the output is one that is appended to.
+void copy_output(const UniqueFd &file, int descriptor) {
+    constexpr std::size_t most = 0x7ffff000; // sendfile(2)
+    ssize_t count = 0;
+    while ((count = ::sendfile(descriptor, file.get(), nullptr, most)) > 0) {
+    }
+    if (count < 0 && errno != EINVAL) {
+        fail_output();
+    }
+    std::array<char, std::size_t{64} * 1024> part;
+    while ((count = ::read(file.get(), part.data(), part.size())) > 0) {
+        write_output({part.data(), static_cast<std::size_t>(count)}, descriptor);
+    }
+    if (count < 0) {
+        throw std::system_error(errno, std::generic_category(), "cannot read the configuration");
+    }
+}
+
+class EmbeddedBackend final : public DeviceBackend {
+  public:
+    EmbeddedBackend(const std::filesystem::path &directory, std::chrono::milliseconds lock_wait)
+        : running_file_(directory / "running.cfg"), startup_file_(directory / WARDEN_STARTUP_FILE),
+          lock_file_(directory / "configuration.lock"), lock_wait_(lock_wait) {}
+
+    std::string show(ConfigurationStore which) override {
+        {
+            const auto lock = locked(FileLock::Mode::shared);
+            const auto text = stored(which == ConfigurationStore::running ? running_file_ : startup_file_);
+            if (which == ConfigurationStore::startup) {
+                if (!text) {
+                    throw std::runtime_error(no_startup);
+                }
+                return *text;
+            }
+            if (text) {
+                return to_text(parsed(*text, running_file_));
+            }
+        }
+        const auto lock = locked(FileLock::Mode::exclusive);
+        return to_text(running());
+    }
+
+    void print(ConfigurationStore which, int descriptor) override {
+        if (which == ConfigurationStore::running) {
+            DeviceBackend::print(which, descriptor);
+            return;
+        }
+        UniqueFd file;
+        {
+            const auto lock = locked(FileLock::Mode::shared);
+            file = open_state_file(startup_file_, configuration_text_limit);
+        }
+        if (!file) {
+            throw std::runtime_error(no_startup);
+        }
+        copy_output(file, descriptor); // the open file stays what it is, whatever takes its name
+    }
+
+    void apply(std::string_view text) override {
+        const auto lock = locked(FileLock::Mode::exclusive);
+        Configuration configuration = running();
+        const std::string before = to_text(configuration);
+        merge(configuration, text);
+        const std::string after = bounded_text(configuration);
+        if (after != before) {
+            replace_state_file(running_file_, after);
+        }
+    }
+
+    void save(const std::vector<std::filesystem::path> &copies, const std::function<void()> &before_commit) override {
+        const auto lock = locked(FileLock::Mode::exclusive);
+        const std::string text = to_text(running());
+        std::set<std::filesystem::path> paths; // a file may be named twice
+        for (const std::filesystem::path &copy : copies) {
+            paths.insert(resolved(startup_file_.parent_path() / copy));
+        }
+        paths.erase(resolved(startup_file_));
+        std::vector<PendingFile> files;
+        files.reserve(paths.size() + 1);
+        for (const std::filesystem::path &path : paths) {
+            files.emplace_back(path, text);
+        }
+        files.emplace_back(startup_file_, text);
+        if (before_commit) {
+            before_commit();
+        }
+        for (PendingFile &file : files) {
+            file.commit();
+        }
+    }
+
+    void start() override {
+        const auto lock = locked(FileLock::Mode::exclusive);
+        replace_state_file(running_file_, bounded_text(initial()));
+    }
+
+    void store_startup(std::string_view text) override {
+        const auto lock = locked(FileLock::Mode::exclusive);
+        Configuration configuration;
+        merge(configuration, text);
+        bounded_text(configuration); // a startup configuration that could never become the running one is none
+        replace_state_file(startup_file_, text);
+    }
+
+  private:
+    FileLock locked(FileLock::Mode mode) const { return {lock_file_, mode, lock_wait_}; }
+
+    static std::optional<std::string> stored(const std::filesystem::path &file) { return read_state_file(file, configuration_text_limit); }
+
+    // A stored text that is not valid is the device's failure, not a refusal of the text that a caller gave.
+    static Configuration parsed(std::string_view text, const std::filesystem::path &file) {
+        Configuration configuration;
+        try {
+            merge(configuration, text);
+        } catch (const ConfigurationError &error) {
+            throw std::runtime_error(file.string() + " is not valid: " + error.what());
+        }
+        return configuration;
+    }
+
+    // The running configuration, made when there is none. Needs the exclusive lock.
+    Configuration running() const {
+        if (const auto text = stored(running_file_)) {
+            return parsed(*text, running_file_);
+        }
+        Configuration configuration = initial();
+        replace_state_file(running_file_, bounded_text(configuration));
+        return configuration;
+    }
+
+    // What a device that starts runs.
+    Configuration initial() const {
+        Configuration configuration;
+        if (const auto text = stored(startup_file_)) {
+            configuration = parsed(*text, startup_file_);
+        } else {
+            configuration.hostname = "switch";
+        }
+        return configuration;
+    }
+
+    std::filesystem::path running_file_;
+    std::filesystem::path startup_file_;
+    std::filesystem::path lock_file_;
+    std::chrono::milliseconds lock_wait_;
+};
+
+} // namespace
+
+void DeviceBackend::print(ConfigurationStore which, int descriptor) {
+    write_output(show(which), descriptor);
+}
+
+std::unique_ptr<DeviceBackend> make_embedded_backend(const std::filesystem::path &directory, std::chrono::milliseconds lock_wait) {
+    return std::make_unique<EmbeddedBackend>(directory, lock_wait);
+}
+
+std::unique_ptr<DeviceBackend> make_device_backend() {
+    static_cast<void>(text_setting("device_backend")); // embedded is all that there is
+    return make_embedded_backend(state_dir());
+}
+
+std::string read_configuration_file(const std::filesystem::path &path) {
+    try {
+        // O_NONBLOCK: a FIFO must not stop us before we see that it is one.
+        const UniqueFd file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+        if (!file) {
+            throw std::system_error(errno, std::generic_category(), "cannot open " + path.string());
+        }
+        return read_whole(file, path, configuration_text_limit);
+    } catch (const std::system_error &error) {
+        throw ConfigurationError(ConfigurationError::Kind::bad_file, error.what());
+    }
+}
+
+} // namespace ulmo

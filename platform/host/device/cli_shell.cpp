@@ -1,0 +1,102 @@
+#include "platform/cli_shell.h"
+
+#include "base/reason.h"
+#include "base/state_file.h"
+#include "platform/host/device/backend.h"
+#include "platform/host/device/configuration_text.h"
+#include "platform/host/history/copy_report.h"
+#include "platform/host/history/log.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <exception>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+
+namespace {
+
+// Writes what the shell prints into the output file. Its name can be guessed by every user of the machine, so nothing is opened that
+// somebody else could have put there, and nothing is truncated before that is known.
+void write_output(const std::string &path, const std::string &text) {
+    constexpr mode_t owner_only = 0600;
+    const ulmo::UniqueFd file(::open(path.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, owner_only));
+    if (!file) {
+        throw std::system_error(errno, std::generic_category(), "cannot open " + path);
+    }
+    struct stat status {};
+    if (::fstat(file.get(), &status) != 0) {
+        throw std::system_error(errno, std::generic_category(), path);
+    }
+    if (!S_ISREG(status.st_mode) || status.st_uid != ::geteuid() || status.st_nlink != 1) {
+        throw std::runtime_error(path + " is not a regular file of our own with one name");
+    }
+    if (::fchmod(file.get(), owner_only) != 0 || ::ftruncate(file.get(), 0) != 0) {
+        throw std::system_error(errno, std::generic_category(), path);
+    }
+    ulmo::write_whole(file, path, text);
+}
+
+// The output helps who looks for the reason; without it the configuration is applied all the same.
+void report(const std::string &output, const std::string &text) {
+    if (output.empty()) {
+        return;
+    }
+    try {
+        write_output(output, text);
+    } catch (const std::exception &error) {
+        ulmo::log_error("cmdshell_execute_cfg_file2: no output: %s\n", error.what());
+    }
+}
+
+uint32_t execute(const std::string &file, const std::string &output) {
+    uint32_t result = 0;
+    std::string text;
+    try {
+        ulmo::make_device_backend()->apply(ulmo::read_configuration_file(file));
+        text = file + ": applied";
+    } catch (const ulmo::ConfigurationError &error) {
+        result = error.kind() == ulmo::ConfigurationError::Kind::bad_line ? CMDSHELL_ERR_BAD_LINE : CMDSHELL_ERR_BAD_FILE;
+        text = file + ": " + error.what();
+        ulmo::report_reason(error.what());
+    } catch (const std::exception &error) {
+        result = CMDSHELL_ERR_APPLY;
+        text = file + ": " + error.what();
+        ulmo::report_reason(ulmo::reason_of(error));
+    }
+    if (result != 0) {
+        ulmo::log_error("cmdshell_execute_cfg_file2: %s (0x%08x)\n", text.c_str(), result);
+    }
+    // Only now: the configuration file may bear the output file's name.
+    report(output, text + "\n");
+    return result;
+}
+
+} // namespace
+
+uint32_t cmdshell_execute_cfg_file2(const struct cmdshell_exec_params *params) {
+    try {
+        return execute(std::string(params->file, ::strnlen(params->file, sizeof(params->file))),
+                       std::string(params->output, ::strnlen(params->output, sizeof(params->output))));
+    } catch (...) { // out of memory
+        return CMDSHELL_ERR_APPLY;
+    }
+}
+
+int cmdshell_notify_cfg_update(int32_t /*handle*/, int /*second*/, int kind, int /*fourth*/) {
+    switch (kind) {
+    case CMDSHELL_CFG_STARTUP_TO_RUNNING:
+        ulmo::log_debug("configuration update: startup configuration copied to running\n");
+        return 0;
+    case CMDSHELL_CFG_RUNNING_COPIED:
+        ulmo::log_debug("configuration update: running configuration copied\n");
+        return 0;
+    default:
+        ulmo::log_error("configuration update: unknown kind %d\n", kind);
+        return -1;
+    }
+}

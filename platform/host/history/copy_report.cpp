@@ -1,0 +1,178 @@
+#include "platform/host/history/copy_report.h"
+
+#include "base/state_file.h"
+#include "base/unique_fd.h"
+#include "platform/host/history/log.h"
+
+#include <openssl/evp.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <cstdlib>
+#include <exception>
+#include <memory>
+#include <system_error>
+#include <vector>
+
+namespace ulmo {
+namespace {
+
+constexpr std::size_t report_limit = std::size_t{64} * 1024;
+constexpr std::string_view reason_key = "reason ";
+constexpr std::string_view moved_key = "moved ";
+constexpr std::string_view file_key = "file ";
+constexpr std::string_view sha256_key = "sha256 ";
+
+const char *report_path() {
+    const char *path = std::getenv(copy_report_variable);
+    return path != nullptr && *path != '\0' ? path : nullptr;
+}
+
+std::string one_line(std::string_view text, std::size_t longest) {
+    std::string line(text.substr(0, longest));
+    std::replace_if(
+        line.begin(), line.end(), [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7f'; }, ' ');
+    line.erase(line.find_last_not_of(' ') + 1);
+    line.erase(0, line.find_first_not_of(' '));
+    return line;
+}
+
+void append(std::string_view key, std::string_view text) {
+    const char *path = report_path();
+    if (path == nullptr) {
+        return;
+    }
+    const UniqueFd file(::open(path, O_WRONLY | O_APPEND | O_NOFOLLOW | O_CLOEXEC));
+    if (!file) {
+        throw std::system_error(errno, std::generic_category(), path);
+    }
+    write_whole(file, path, std::string(key) + std::string(text) + '\n');
+}
+
+// The copy goes on whatever becomes of its report.
+template <typename Work> void quietly(Work &&work) noexcept {
+    const int saved_errno = errno;
+    try {
+        if (report_path() != nullptr) {
+            work();
+        }
+    } catch (const std::exception &error) {
+        log_error("worker: no report: %s", error.what());
+    }
+    errno = saved_errno;
+}
+
+struct Measured {
+    std::uint64_t octets = 0;
+    std::string sha256;
+};
+
+Measured measured(const std::filesystem::path &path) {
+    const UniqueFd file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat status {};
+    if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+        throw std::system_error(errno, std::generic_category(), "cannot measure " + path.string());
+    }
+    const std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX *)> digest(EVP_MD_CTX_new(), EVP_MD_CTX_free);
+    bool works = digest && EVP_DigestInit_ex(digest.get(), EVP_sha256(), nullptr) == 1;
+    Measured result;
+    std::vector<char> buffer(std::size_t{256} * 1024);
+    while (works) {
+        const ssize_t count = ::read(file.get(), buffer.data(), buffer.size());
+        if (count == 0) {
+            break;
+        }
+        if (count > 0) {
+            result.octets += static_cast<std::uint64_t>(count);
+            works = EVP_DigestUpdate(digest.get(), buffer.data(), static_cast<std::size_t>(count)) == 1;
+        } else if (errno != EINTR) {
+            throw std::system_error(errno, std::generic_category(), "cannot measure " + path.string());
+        }
+    }
+    std::array<unsigned char, EVP_MAX_MD_SIZE> octets{};
+    unsigned int length = 0;
+    if (!works || EVP_DigestFinal_ex(digest.get(), octets.data(), &length) != 1) {
+        throw std::runtime_error("SHA-256 is not available");
+    }
+    constexpr std::string_view digits = "0123456789abcdef";
+    for (unsigned int i = 0; i < length; ++i) {
+        result.sha256 += {digits[octets[i] >> 4U], digits[octets[i] & 0xFU]};
+    }
+    return result;
+}
+
+bool is_sha256(std::string_view text) {
+    constexpr std::size_t length = 64;
+    return text.size() == length && text.find_first_not_of("0123456789abcdef") == std::string_view::npos;
+}
+
+// The rest of the line behind the key, when it begins with it.
+std::optional<std::string_view> behind(std::string_view key, std::string_view line) {
+    return line.starts_with(key) ? std::optional(line.substr(key.size())) : std::nullopt;
+}
+
+void take_line(CopyReport &report, std::string_view line) {
+    if (const auto reason = behind(reason_key, line); reason && report.reason.empty()) {
+        report.reason = one_line(*reason, longest_reason);
+    } else if (const auto moved = behind(moved_key, line)) {
+        std::uint64_t octets = 0;
+        const auto [end, problem] = std::from_chars(moved->data(), moved->data() + moved->size(), octets);
+        if (problem == std::errc{} && end == moved->data() + moved->size()) {
+            report.octets = octets;
+        }
+    } else if (const auto sha256 = behind(sha256_key, line); sha256 && is_sha256(*sha256)) {
+        report.sha256 = *sha256;
+        report.file.clear();
+    } else if (const auto file = behind(file_key, line)) {
+        report.file = *file;
+    }
+}
+
+} // namespace
+
+void report_reason(std::string_view reason) noexcept {
+    quietly([&] { append(reason_key, one_line(reason, longest_reason)); });
+}
+
+void report_moved(std::uint64_t octets) noexcept {
+    quietly([&] { append(moved_key, std::to_string(octets)); });
+}
+
+void report_file(const std::filesystem::path &file) noexcept {
+    quietly([&] {
+        const Measured result = measured(file);
+        append(moved_key, std::to_string(result.octets));
+        append(sha256_key, result.sha256);
+    });
+}
+
+void report_named_file() noexcept {
+    quietly([] {
+        if (const CopyReport report = read_copy_report(report_path()); !report.file.empty()) {
+            report_file(report.file);
+        }
+    });
+}
+
+CopyReport read_copy_report(const std::filesystem::path &path) noexcept {
+    CopyReport report;
+    try {
+        const std::string content = read_state_file(path, report_limit).value_or("");
+        for (std::string_view rest = content; !rest.empty();) {
+            const std::string_view line = rest.substr(0, rest.find('\n'));
+            rest.remove_prefix(std::min(line.size() + 1, rest.size()));
+            take_line(report, line);
+        }
+    } catch (const std::exception &error) {
+        log_error("the report of a copy can't be read: %s", error.what());
+    }
+    return report;
+}
+
+} // namespace ulmo

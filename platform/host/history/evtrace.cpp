@@ -1,0 +1,125 @@
+#include "platform/evtrace.h"
+
+#include "base/folders.h"
+#include "base/settings.h"
+#include "platform/host/history/history.h"
+#include "platform/host/history/ring.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <ctime>
+#include <exception>
+#include <string_view>
+
+namespace ulmo {
+namespace {
+
+enum class Wanted { none, errors, all };
+
+bool wants(Wanted wanted, std::uint32_t subtype) {
+    return wanted == Wanted::all || (wanted == Wanted::errors && subtype == EVTRACE_ERROR);
+}
+
+Wanted wanted_by(std::string_view word) {
+    return word == "all" ? Wanted::all : word == "errors" ? Wanted::errors : Wanted::none;
+}
+
+// The switches are asked at every log call, so that the settings file is looked at no more than once a second.
+class Switches {
+  public:
+    Wanted history() {
+        refresh();
+        return history_.load(std::memory_order_relaxed);
+    }
+    Wanted print() {
+        refresh();
+        return print_.load(std::memory_order_relaxed);
+    }
+    std::size_t records() { // of when history() was asked last: to read settings may log, and the history is just being made
+        return records_.load(std::memory_order_relaxed);
+    }
+
+  private:
+    void refresh() {
+        timespec now{};
+        ::clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+        const std::int64_t now_ms = std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
+        if (now_ms < next_ms_.load(std::memory_order_relaxed)) {
+            return;
+        }
+        next_ms_.store(now_ms + 1000, std::memory_order_relaxed);
+        history_.store(wanted_by(text_setting("history")), std::memory_order_relaxed);
+        print_.store(wanted_by(text_setting("debug_print")), std::memory_order_relaxed);
+        records_.store(static_cast<std::size_t>(number_setting("history_records").value()), std::memory_order_relaxed);
+    }
+
+    std::atomic<std::int64_t> next_ms_ = 0;
+    std::atomic<Wanted> history_ = Wanted::errors; // what is amiss with the settings is logged before they are known
+    std::atomic<Wanted> print_ = Wanted::none;
+    std::atomic<std::size_t> records_ = HistoryRing::default_records;
+};
+
+Switches switches;
+
+// A log call leaves no trace in its caller: neither in errno nor as an exception.
+template <typename Call> auto quietly(Call call) noexcept {
+    const int saved = errno;
+    decltype(call()) result{};
+    try {
+        result = call();
+    } catch (const std::exception &) { // NOLINT: there is nobody to tell
+    }
+    errno = saved;
+    return result;
+}
+
+HistoryRing make_ring() {
+    const std::size_t records = switches.records();
+    try {
+        return HistoryRing::open(history_file(), records);
+    } catch (const std::exception &) {
+        return HistoryRing::anonymous(records);
+    }
+}
+
+// Never unmapped: whatever runs at the end of the process may still log.
+HistoryRing &ring() {
+    static auto *const instance = new HistoryRing(make_ring());
+    return *instance;
+}
+
+} // namespace
+
+std::filesystem::path history_file() {
+    return run_dir() / "history";
+}
+
+} // namespace ulmo
+
+int evtrace_hist_event_subtype_check(uint32_t /*module_id*/, uint32_t subtype) {
+    return ulmo::quietly([=] { return ulmo::wants(ulmo::switches.history(), subtype) ? 0 : 1; });
+}
+
+void evtrace_hist_event(uint32_t module_id, uint32_t subtype, uint32_t length, const char *text) {
+    ulmo::quietly([=] {
+        if (text != nullptr && ulmo::wants(ulmo::switches.history(), subtype)) {
+            ulmo::ring().write(module_id, subtype, {text, length});
+        }
+        return true;
+    });
+}
+
+int evtrace_chk_int(uint32_t subtype, int32_t /*second*/, int32_t /*third*/, int32_t /*fourth*/) {
+    return ulmo::quietly([=] { return ulmo::wants(ulmo::switches.print(), subtype) ? 1 : 0; });
+}
+
+void dbgprint(const char *format, ...) {
+    const int saved = errno;
+    std::va_list arguments;
+    va_start(arguments, format);
+    std::vfprintf(stderr, format, arguments);
+    va_end(arguments);
+    errno = saved;
+}

@@ -1,0 +1,97 @@
+#include "platform/host/history/log.h"
+
+#include "base/settings.h"
+#include "platform/evtrace.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdarg>
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <string>
+
+namespace ulmo {
+namespace {
+
+using Message = std::array<char, 512>;
+
+bool is_daemon = false;
+bool stamps_lines = false;
+
+enum class Reader { developer, operator_too };
+
+// One line whatever the message holds: parts of it may come from a stranger.
+void print_line(const Message &text, std::size_t length) {
+    std::string line;
+    if (stamps_lines) {
+        std::array<char, sizeof "2026-01-01T00:00:00Z "> stamp{};
+        const std::time_t now = std::time(nullptr);
+        std::tm utc{};
+        line.assign(stamp.data(), std::strftime(stamp.data(), stamp.size(), "%Y-%m-%dT%H:%M:%SZ ", ::gmtime_r(&now, &utc)));
+    }
+    const std::size_t begin = line.size();
+    line.append(text.data(), length);
+    line.erase(line.find_last_not_of('\n') + 1);
+    std::replace_if(
+        line.begin() + static_cast<std::ptrdiff_t>(begin), line.end(),
+        [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7f'; }, '?');
+    line += '\n';
+    std::fwrite(line.data(), 1, line.size(), stderr); // unbuffered: one write(2)
+}
+
+__attribute__((format(printf, 3, 0))) void record(uint32_t subtype, Reader reader, const char *format, va_list arguments) {
+    const int saved_errno = errno;
+    const bool is_recorded = evtrace_hist_event_subtype_check(host_module_id, subtype) == 0;
+    const bool is_printed = is_daemon && reader == Reader::operator_too;
+    if (is_recorded || is_printed) {
+        Message text;
+        const int wanted = std::vsnprintf(text.data(), text.size(), format, arguments);
+        const auto length = wanted < 0 ? 0 : std::min(static_cast<std::size_t>(wanted), text.size() - 1);
+        if (is_recorded && length > 0) {
+            evtrace_hist_event(host_module_id, subtype, static_cast<uint32_t>(length), text.data());
+        }
+        if (is_printed) {
+            print_line(text, length);
+        }
+    }
+    errno = saved_errno;
+}
+
+// Every process of the platform tells here what is amiss with the settings.
+[[maybe_unused]] const bool is_told_of_settings = [] {
+    tell_settings_problems_to([](const std::string &problem) { log_error("settings: %s", problem.c_str()); });
+    return true;
+}();
+
+} // namespace
+
+void log_error(const char *format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    record(EVTRACE_ERROR, Reader::operator_too, format, arguments);
+    va_end(arguments);
+}
+
+void log_debug(const char *format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    record(EVTRACE_DEBUG, Reader::developer, format, arguments);
+    va_end(arguments);
+}
+
+void log_notice(const char *format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    record(EVTRACE_DEBUG, Reader::operator_too, format, arguments);
+    va_end(arguments);
+}
+
+void log_to_standard_error() {
+    is_daemon = true;
+    stamps_lines = std::getenv("JOURNAL_STREAM") == nullptr;
+}
+
+} // namespace ulmo

@@ -1,0 +1,271 @@
+#include "platform/host/system_manager/warden.h"
+
+#include "base/folders.h"
+#include "base/state_file.h"
+#include "platform/host/device/backend.h"
+#include "platform/host/history/log.h"
+#include "platform/host/system_manager/status.h"
+#include "platform/system_manager.h"
+
+#include <arpa/inet.h>
+#include <poll.h>
+#include <sys/signalfd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <system_error>
+#include <utility>
+
+namespace ulmo {
+namespace {
+
+UniqueFd signals_that_are_read() {
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int signal : {SIGTERM, SIGINT, SIGCHLD}) {
+        sigaddset(&set, signal);
+    }
+    if (::sigprocmask(SIG_BLOCK, &set, nullptr) != 0) {
+        throw std::system_error(errno, std::generic_category(), "signals");
+    }
+    UniqueFd descriptor(::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
+    if (!descriptor) {
+        throw std::system_error(errno, std::generic_category(), "signals");
+    }
+    return descriptor;
+}
+
+// --- what outlives this process ---
+
+// There while an action runs: who finds it at his start knows that the agent was never told of the end.
+std::filesystem::path unfinished_mark() {
+    return run_dir() / "action-in-progress";
+}
+
+void forget_unfinished() {
+    std::error_code ignored;
+    std::filesystem::remove(unfinished_mark(), ignored);
+}
+
+std::string current_boot() {
+    std::string id;
+    std::getline(std::ifstream("/proc/sys/kernel/random/boot_id"), id); // random(4)
+    return id;
+}
+
+// --- requests ---
+
+std::string text_of(const char (&field)[WARDEN_CFG_ACTION_TEXT_SIZE]) {
+    return {field, ::strnlen(field, sizeof field)};
+}
+
+Action action_of(const warden_cfg_action &request) {
+    Action action;
+    if (request.fabric != 0) {
+        action.scope = Action::Scope::fabric;
+    } else if (request.all != 0) {
+        action.scope = Action::Scope::all;
+    }
+    action.user = text_of(request.user);
+    action.session = text_of(request.session);
+    return action;
+}
+
+bool is_known(const warden_cfg_action &request) {
+    return ntohl(request.word0) == WARDEN_CFG_ACTION_WORD0 && ntohl(request.word1) == WARDEN_CFG_ACTION_WORD1 &&
+           (request.fabric == 0 || request.all == 0);
+}
+
+// An answer on the requester's connection; whether it could be sent.
+bool answer(const Incoming &request, std::uint32_t opcode, std::uint32_t status, const std::string &text = "") {
+    const std::uint32_t word = htonl(status);
+    std::string payload(sizeof word, '\0');
+    std::memcpy(payload.data(), &word, sizeof word);
+    payload += text;
+    return request.reply(opcode, payload.data(), static_cast<std::uint32_t>(payload.size())) == 0;
+}
+
+void drop(const Incoming &incoming, const char *why) {
+    log_error("message %u of process %d, %u octets, dropped: %s", incoming.message->opcode, incoming.peer.pid, incoming.message->length,
+              why);
+}
+
+} // namespace
+
+Warden::Warden() : server_(MSGBUS_SAP_WARDEN), signals_(signals_that_are_read()) {
+    if (std::filesystem::exists(unfinished_mark())) {
+        log_error("an action was not finished when the system manager ended; the agent is told that it failed");
+        agent_.ended(warden_err_given_up);
+        forget_unfinished();
+    }
+}
+
+void Warden::run() {
+    while (!is_told_to_end_ || current_ || agent_.has_waiting()) {
+        // Requests that come too late are not served: they must not wake it either, again and again.
+        std::array<pollfd, 2> sources{{{signals_.get(), POLLIN, 0}, {is_told_to_end_ ? -1 : server_.fd(), POLLIN, 0}}};
+        ::poll(sources.data(), sources.size(), time_to_wait());
+        for (signalfd_siginfo told; ::read(signals_.get(), &told, sizeof told) == static_cast<ssize_t>(sizeof told);) {
+            if (told.ssi_signo != SIGCHLD) {
+                is_told_to_end_ = true;
+            }
+        }
+        // The end of an action comes before a request that was sent because of it.
+        collect();
+        if (!is_told_to_end_) {
+            server_.serve([this](Incoming incoming) {
+                try {
+                    take(std::move(incoming));
+                } catch (const std::exception &error) {
+                    log_error("a message could not be handled: %s", error.what());
+                }
+            });
+        } else if (current_) {
+            current_->process->give_up();
+        }
+        agent_.flush();
+    }
+}
+
+// Milliseconds for poll(2).
+int Warden::time_to_wait() const {
+    constexpr int soon = 100;
+    const bool has_deadline = agent_.has_waiting() || (current_ && (current_->is_given_up || is_told_to_end_));
+    return has_deadline ? soon : -1;
+}
+
+void Warden::take(Incoming incoming) {
+    switch (incoming.message->opcode) {
+    case MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION:
+        if (incoming.message->length == sizeof(warden_cfg_action)) {
+            take_request(std::move(incoming));
+            return;
+        }
+        break;
+    case MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION_ABORT:
+        if (incoming.message->length == sizeof(warden_cfg_abort)) {
+            take_abort(incoming);
+            return;
+        }
+        break;
+    default:
+        drop(incoming, "unknown opcode");
+        return;
+    }
+    drop(incoming, "wrong length");
+}
+
+void Warden::take_request(Incoming incoming) {
+    warden_cfg_action request{};
+    std::memcpy(&request, incoming.message->words.data(), sizeof request);
+    const Action action = action_of(request);
+    log_notice("save to the %s asked by user \"%s\", session \"%s\", process %d", name_of(action.scope), action.user.c_str(),
+               action.session.c_str(), incoming.peer.pid);
+    std::uint32_t refusal = 0;
+    if (!is_known(request)) {
+        refusal = warden_err_request;
+        log_error("refused: the request is not understood");
+    } else if (next_ || (current_ && !current_->is_given_up)) {
+        refusal = warden_err_busy;
+        log_error("refused: another action is in progress");
+    }
+    if (refusal != 0) {
+        answer(incoming, MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION, refusal);
+        return;
+    }
+    // First of all: the requester waits for it.
+    if (!answer(incoming, MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION, WARDEN_CFG_ACTION_INITIATED)) {
+        log_error("not begun: the requester is gone");
+        return;
+    }
+    std::optional<Work> &place = current_ ? next_ : current_;
+    place = Work{action, std::move(incoming), Clock::now(), nullptr};
+    if (&place == &current_) {
+        begin(*current_);
+    }
+}
+
+void Warden::take_abort(const Incoming &incoming) {
+    warden_cfg_abort request{};
+    std::memcpy(&request, incoming.message->words.data(), sizeof request);
+    const std::uint32_t token = ntohl(request.token);
+    const auto is_meant = [&](const std::optional<Work> &work) {
+        return work && !work->is_given_up && token != 0 && work->request.message->token == token &&
+               work->request.peer.pid == incoming.peer.pid;
+    };
+    if (is_meant(next_)) {
+        log_notice("given up before it began, on request of process %d", incoming.peer.pid);
+        next_.reset();
+    } else if (is_meant(current_)) {
+        log_notice("to be given up on request of process %d", incoming.peer.pid);
+        current_->is_given_up = true;
+        current_->process->give_up();
+    } else {
+        drop(incoming, "no such action is in progress");
+    }
+}
+
+void Warden::begin(Work &work) {
+    work.began = Clock::now();
+    try {
+        std::ofstream mark(unfinished_mark()); // without it the action is no worse
+        work.process = std::make_unique<ActionProcess>(work.action);
+    } catch (const std::exception &error) {
+        agent_.begun();
+        end({warden_err_store, std::string("the action could not begin: ") + error.what()});
+        return;
+    }
+    agent_.begun();
+}
+
+void Warden::collect() {
+    if (!current_) {
+        return;
+    }
+    current_->process->kill_if_overdue();
+    if (const auto outcome = current_->process->outcome()) {
+        end(*outcome);
+    }
+}
+
+// Tells everybody how the current action ended, and goes on with the one that waits.
+void Warden::end(const ActionOutcome &outcome) {
+    forget_unfinished();
+    const Work work = std::move(*current_);
+    current_.reset();
+    const auto duration = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - work.began).count();
+    if (outcome.status == 0) {
+        log_notice("%s, %lld ms%s", outcome.text.c_str(), static_cast<long long>(duration),
+                   work.is_given_up ? ": too late to be given up" : "");
+    } else {
+        log_error("not saved to the %s, %lld ms: %s", name_of(work.action.scope), static_cast<long long>(duration), outcome.text.c_str());
+    }
+    // The row of an action that was given up is gone: a message about its end would be taken for another's.
+    if (!work.is_given_up) {
+        agent_.ended(outcome.status);
+        answer(work.request, MSGBUS_OPC_WARDEN_CFG_ACTION_END, outcome.status, outcome.text);
+    }
+    if (next_) {
+        current_ = std::exchange(next_, std::nullopt);
+        begin(*current_);
+    }
+}
+
+void start_switch() {
+    const std::filesystem::path mark = run_dir() / "started";
+    constexpr std::size_t longest = 4096;
+    const std::string boot = current_boot();
+    if (read_state_file(mark, longest) == boot) {
+        log_notice("the switch has been started before: the running configuration stays");
+        return;
+    }
+    make_device_backend()->start();
+    replace_state_file(mark, boot);
+    log_notice("the switch starts: the startup configuration is the running configuration now");
+}
+
+} // namespace ulmo

@@ -1,0 +1,61 @@
+// Room: the system manager: its daemon, and what the worker and the shell ask of it.
+// Used by: agent, programs.
+// May use: base, history, bus, device, fabric, platform.
+//
+// The system manager: takes configuration actions from the message bus, one at a time, and tells the agent when they begin and end.
+#pragma once
+
+#include "base/unique_fd.h"
+#include "platform/host/bus/server.h"
+#include "platform/host/system_manager/action_process.h"
+#include "platform/host/system_manager/agent_line.h"
+
+#include <chrono>
+#include <memory>
+#include <optional>
+
+namespace ulmo {
+
+class Warden {
+  public:
+    // Serves from here on; an action that an earlier system manager left unfinished is reported to the agent as failed. Blocks the signals
+    // that run() reads. Throws std::system_error, with EADDRINUSE when another system manager runs, and std::filesystem::filesystem_error.
+    Warden();
+
+    // Until SIGTERM or SIGINT; an action that runs then is given up, and the agent still told.
+    void run();
+
+  private:
+    using Clock = std::chrono::steady_clock;
+
+    // An action from its request to its end.
+    struct Work {
+        Action action;
+        Incoming request;
+        Clock::time_point began;
+        std::unique_ptr<ActionProcess> process; // none: not begun yet
+        bool is_given_up = false;               // nobody waits for its end any more
+    };
+
+    void take(Incoming incoming);
+    void take_request(Incoming incoming);
+    void take_abort(const Incoming &incoming);
+    void begin(Work &work);
+    void collect();
+    void end(const ActionOutcome &outcome);
+    void give_up_current();
+    int time_to_wait() const;
+
+    MsgbusServer server_;
+    AgentLine agent_;
+    UniqueFd signals_;
+    std::optional<Work> current_;
+    std::optional<Work> next_; // waits for the end of a current one that was given up
+    bool is_told_to_end_ = false;
+};
+
+// The switch starts with this system manager: the startup configuration becomes the running configuration. Does nothing when the switch has
+// been started already, that is, when a system manager before this one did it since the machine booted. Throws as the device does.
+void start_switch();
+
+} // namespace ulmo

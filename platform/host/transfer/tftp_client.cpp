@@ -1,0 +1,57 @@
+#include "platform/tftp_client.h"
+
+#include "platform/host/transfer/tftp_copy.h"
+
+#include <cerrno>
+#include <exception>
+#include <string>
+
+namespace {
+
+// The process's one connection.
+ulmo::tftp::Session &session() {
+    static ulmo::tftp::Session the_session;
+    return the_session;
+}
+
+// Does the work unless an argument is amiss. No exception may reach a caller in C.
+template <typename Work> int checked(bool valid, Work &&work) noexcept {
+    constexpr int refused = -(100 + EINVAL);
+    constexpr int failed = -(100 + ENOMEM);
+    if (!valid) {
+        return refused;
+    }
+    try {
+        return work();
+    } catch (const std::exception &) {
+        return failed; // all else has a result of its own
+    }
+}
+
+} // namespace
+
+extern "C" int tftp_timeout_set(int seconds) {
+    return checked(true, [&] { return ulmo::set_timeout(session(), seconds); });
+}
+
+extern "C" int tftp_connect(const char *server, int port) {
+    return checked(server != nullptr, [&] { return ulmo::connect(session(), server, port); });
+}
+
+extern "C" int tftp_put2(const char *local, const char *remote, int flags) {
+    return checked(local != nullptr && remote != nullptr && flags == 0, [&] { return ulmo::put(session(), local, remote); });
+}
+
+extern "C" int tftp_get2(const char *remote, const char *local, int flags) {
+    return checked(local != nullptr && remote != nullptr && flags == 0, [&] { return ulmo::get(session(), remote, local); });
+}
+
+extern "C" const char *tftp_strerror(int error) {
+    static std::string text;
+    try {
+        text = session().text(error);
+        return text.c_str();
+    } catch (const std::exception &) {
+        return "Out of memory";
+    }
+}

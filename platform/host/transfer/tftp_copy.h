@@ -1,0 +1,20 @@
+// Room: how the file of a copy travels: the Expect scripts, TFTP, the programs that a copy runs.
+// Used by: programs.
+// May use: base, tftp, history, platform.
+//
+// TFTP sessions of a copy's worker and its programs: what they do, and the copy's report of it.
+#pragma once
+
+#include "tftp/session.h"
+
+#include <string>
+
+namespace ulmo {
+
+// Each as the session's own function, whose result it returns after it was reported (copy_report.h).
+int set_timeout(tftp::Session &session, int seconds);
+int connect(tftp::Session &session, const std::string &server, int port);
+int put(tftp::Session &session, const std::string &local, const std::string &remote);
+int get(tftp::Session &session, const std::string &remote, const std::string &local);
+
+} // namespace ulmo

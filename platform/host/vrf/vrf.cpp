@@ -1,0 +1,214 @@
+#include "platform/host/vrf/vrf.h"
+
+#include "base/folders.h"
+#include "base/ownership.h"
+#include "base/unique_fd.h"
+#include "platform/chassis.h"
+
+#include <fcntl.h>
+#include <linux/ethtool.h>
+#include <linux/nsfs.h>
+#include <linux/sockios.h>
+#include <net/if.h>
+#include <sched.h>
+#include <sys/file.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <exception>
+#include <filesystem>
+#include <string_view>
+#include <system_error>
+#include <vector>
+
+namespace ulmo {
+namespace {
+
+constexpr std::string_view ordinary_name = "management";
+constexpr int ordinary_id = 1;
+constexpr int first_id = 2;
+constexpr int no_vrf = -1;
+
+// A name is one component of a path and one line of the directory file.
+bool is_valid_name(std::string_view name) {
+    const auto is_unfit = [](char c) { return c == '/' || static_cast<unsigned char>(c) < ' ' || c == '\x7f'; };
+    return !name.empty() && name.size() <= 255 && name != "." && name != ".." && std::none_of(name.begin(), name.end(), is_unfit);
+}
+
+// The network namespace of that name; an empty descriptor, with errno set, when there is none.
+UniqueFd open_namespace(const std::string &name) {
+    UniqueFd file(::open(("/run/netns/" + name).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (file && ::ioctl(file.get(), NS_GET_NSTYPE) != CLONE_NEWNET) {
+        errno = EINVAL;
+        return {};
+    }
+    return file;
+}
+
+bool is_vrf_device(const std::string &name) {
+    ethtool_drvinfo information{};
+    information.cmd = ETHTOOL_GDRVINFO;
+    ifreq request{};
+    if (name.size() >= sizeof request.ifr_name) {
+        return false;
+    }
+    name.copy(request.ifr_name, sizeof request.ifr_name - 1);
+    request.ifr_data = static_cast<char *>(static_cast<void *>(&information));
+    const UniqueFd any_socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    return any_socket && ::ioctl(any_socket.get(), SIOCETHTOOL, &request) == 0 && std::strcmp(information.driver, "vrf") == 0;
+}
+
+// The numbers that were given out: lines of number, blank and name in a file of the state directory, under a lock while it is open.
+class Directory {
+  public:
+    Directory() : path_(state_dir() / "vrfs"), file_(opened(path_)) {
+        struct stat status {};
+        check(file_ && ::fstat(file_.get(), &status) == 0);
+        if (!S_ISREG(status.st_mode)) {
+            errno = EINVAL;
+            check(false);
+        }
+        int locked = -1;
+        do {
+            locked = ::flock(file_.get(), LOCK_EX);
+        } while (locked != 0 && errno == EINTR);
+        check(locked == 0);
+        read();
+    }
+
+    static UniqueFd opened(const std::filesystem::path &path) {
+        const ActingAsOwner owner(path.parent_path());
+        return UniqueFd(::open(path.c_str(), O_RDWR | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600));
+    }
+
+    [[nodiscard]] std::optional<std::string> name_of(int id) const {
+        const auto found = std::find_if(entries_.begin(), entries_.end(), [id](const Entry &entry) { return entry.id == id; });
+        return found == entries_.end() ? std::nullopt : std::optional<std::string>(found->name);
+    }
+
+    // The number of that name, a new one when it has none yet.
+    int id_of(const std::string &name) {
+        const auto found = std::find_if(entries_.begin(), entries_.end(), [&](const Entry &entry) { return entry.name == name; });
+        if (found != entries_.end()) {
+            return found->id;
+        }
+        int id = first_id;
+        for (const Entry &entry : entries_) {
+            id = std::max(id, entry.id + 1);
+        }
+        append(std::to_string(id) + ' ' + name + '\n');
+        return id;
+    }
+
+  private:
+    struct Entry {
+        int id;
+        std::string name;
+    };
+
+    void check(bool good) const {
+        if (!good) {
+            throw std::filesystem::filesystem_error("VRF directory", path_, std::error_code(errno, std::generic_category()));
+        }
+    }
+
+    void read() {
+        std::string text;
+        char part[4096];
+        ssize_t octets = 0;
+        while ((octets = ::read(file_.get(), part, sizeof part)) > 0) {
+            text.append(part, static_cast<std::size_t>(octets));
+        }
+        check(octets == 0);
+        for (std::string_view rest = text; !rest.empty();) {
+            const std::string_view line = rest.substr(0, rest.find('\n'));
+            rest.remove_prefix(std::min(line.size() + 1, rest.size()));
+            int id = 0;
+            const auto [end, error] = std::from_chars(line.data(), line.data() + line.size(), id);
+            const auto digits = static_cast<std::size_t>(end - line.data());
+            if (error == std::errc{} && id >= first_id && id < max_id && digits + 1 < line.size() && line[digits] == ' ') {
+                entries_.push_back({id, std::string(line.substr(digits + 1))});
+            }
+        }
+        ends_in_line_ = text.empty() || text.back() == '\n';
+    }
+
+    void append(std::string line) {
+        if (!ends_in_line_) {
+            line.insert(line.begin(), '\n'); // what a full disk cut stays a line of its own
+        }
+        const ssize_t written = ::write(file_.get(), line.data(), line.size());
+        if (written >= 0 && static_cast<std::size_t>(written) < line.size()) {
+            errno = ENOSPC;
+        }
+        check(written == static_cast<ssize_t>(line.size()));
+    }
+
+    static constexpr int max_id = 1'000'000'000;
+
+    std::filesystem::path path_;
+    UniqueFd file_;
+    std::vector<Entry> entries_;
+    bool ends_in_line_ = true;
+};
+
+} // namespace
+
+std::optional<std::string> vrf_name(int id) {
+    if (id == ordinary_id) {
+        return std::string(ordinary_name);
+    }
+    try {
+        return id < first_id ? std::nullopt : Directory().name_of(id);
+    } catch (const std::exception &) {
+        return std::nullopt;
+    }
+}
+
+std::optional<std::string> vrf_device(const std::string &name) {
+    if (!is_valid_name(name) || open_namespace(name) || !is_vrf_device(name)) {
+        return std::nullopt;
+    }
+    return name;
+}
+
+bool enter_vrf(const std::string &name, std::string *why) {
+    std::string reason;
+    if (!is_valid_name(name)) {
+        reason = "not a VRF name";
+    } else if (const UniqueFd network = open_namespace(name); network) {
+        if (::setns(network.get(), CLONE_NEWNET) != 0) {
+            reason = "cannot enter the network namespace " + name + ": " + std::generic_category().message(errno);
+        }
+    } else if (const int error = errno; error != ENOENT) {
+        reason = "cannot open the network namespace " + name + ": " + std::generic_category().message(error);
+    } else if (name != ordinary_name && !is_vrf_device(name)) {
+        reason = "there is no VRF " + name;
+    }
+    if (why != nullptr) {
+        *why = reason;
+    }
+    return reason.empty();
+}
+
+} // namespace ulmo
+
+int vrfdir_get_context_id(const char *vrf_name) {
+    try {
+        if (vrf_name == nullptr || !ulmo::is_valid_name(vrf_name)) {
+            return ulmo::no_vrf;
+        }
+        const std::string name = vrf_name;
+        if (ulmo::open_namespace(name) || ulmo::is_vrf_device(name)) {
+            return ulmo::Directory().id_of(name);
+        }
+        return name == ulmo::ordinary_name ? ulmo::ordinary_id : ulmo::no_vrf;
+    } catch (const std::exception &) {
+        return ulmo::no_vrf;
+    }
+}

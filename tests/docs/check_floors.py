@@ -1,0 +1,77 @@
+#!/usr/bin/python3
+"""Holds the folders of the C++ sources in the order of their floors.
+
+The main header of each folder begins with what the folder is for, who uses it and what it may use. An include that is
+not announced there, one that is announced and not made, and a circle are errors. `platform` are the contracts in C.
+"""
+
+import re
+import sys
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parents[2]
+HOST = "platform/host"
+ROOMS = {"base": "base", "tftp": "tftp"} | {path.name: f"{HOST}/{path.name}" for path in (ROOT / HOST).iterdir() if any(path.glob("*.cpp"))}
+TOP = "programs"  # one source a program, without a header: may use every room
+ALONE = {"infra": {"platform"}, "config-copy": set()}  # each with a header of its own that says what it is
+HEAD = re.compile(r"\A// Room: .+\.\n// Used by: (.+)\.\n// May use: (.+)\.\n")
+INCLUDE = re.compile(r'^#include "([^"]+/[^"]+)"', re.MULTILINE)
+
+
+def sources(folder):
+    return [path for path in sorted((ROOT / folder).rglob("*")) if path.suffix in (".cpp", ".h")]
+
+
+def room_of(path):
+    """The room in which an included file lies; None for a header of a library."""
+    if path.startswith(f"{HOST}/"):
+        return path.split("/")[2]
+    first = path.split("/")[0]
+    return first if first in (*ROOMS, *ALONE, "platform") else None
+
+
+def used_by(name, folder):
+    found = {}
+    for source in sources(folder):
+        for included in INCLUDE.findall(source.read_text()):
+            room = room_of(included)
+            if room is not None and room != name:
+                found.setdefault(room, f"{source.relative_to(ROOT)} includes {included}")
+    return found
+
+
+def head_of(name, folder):
+    heads = [match for match in (HEAD.match(source.read_text()) for source in sources(folder)) if match]
+    if len(heads) != 1:
+        raise SystemExit(f"{folder}: {len(heads)} headers begin with what the folder is for, who uses it and what it may use")
+    users, allowed = (set(text.split(", ")) for text in heads[0].groups())
+    return users & {*ROOMS}, allowed
+
+
+def circle_from(name, uses, above=()):
+    if name in above:
+        return (*above[above.index(name):], name)
+    return next((found for used in sorted(uses.get(name, ())) if (found := circle_from(used, uses, (*above, name)))), None)
+
+
+def main():
+    problems = []
+    uses = {name: used_by(name, folder) for name, folder in {**ROOMS, **{name: name for name in ALONE}}.items()}
+    for name, folder in ROOMS.items():
+        if name == TOP:
+            continue
+        users, allowed = head_of(name, folder)
+        problems += [f"{place}: {folder} may not use {used}" for used, place in uses[name].items() if used not in allowed]
+        problems += [f"{folder} may use {room}, and does not" for room in sorted(allowed - set(uses[name]))]
+        actual = {user for user in ROOMS if name in uses[user]}
+        problems += [f"{folder} is used by {user}, and does not say so" for user in sorted(actual - users)]
+        problems += [f"{folder} is not used by {user}" for user in sorted(users - actual)]
+    for name, allowed in ALONE.items():
+        problems += [f"{place}: {name} may not use {used}" for used, place in uses[name].items() if used not in allowed]
+    if found := next((found for name in sorted(uses) if (found := circle_from(name, uses))), None):
+        problems.append("a circle: " + " > ".join(found))
+    print(*problems, sep="\n", end="\n" if problems else "")
+    return 1 if problems else 0
+
+
+sys.exit(main())

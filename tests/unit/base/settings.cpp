@@ -1,0 +1,276 @@
+// What platform.conf says, what of it holds, and who is told of the rest.
+#include "base/settings.h"
+
+#include "base/unique_fd.h"
+#include "tests/unit/child.h"
+#include "tests/unit/scratch.h"
+#include "tests/unit/superuser.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <functional>
+#include <iterator>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using Texts = std::vector<std::string>;
+
+const ulmo::Setting &setting(std::string_view name) {
+    return *std::find_if(std::begin(ulmo::all_settings), std::end(ulmo::all_settings), [&](const auto &each) { return each.name == name; });
+}
+
+// What a call throws as SettingsError.
+std::string refusal(const std::function<void()> &call) {
+    try {
+        call();
+    } catch (const ulmo::SettingsError &error) {
+        return error.what();
+    }
+    return "accepted";
+}
+
+Texts told; // of one test
+
+class HostSettings : public testing::Test {
+  protected:
+    void SetUp() override {
+        told.clear();
+        ulmo::tell_settings_problems_to([](const std::string &problem) { told.push_back(problem); });
+    }
+    void TearDown() override { ulmo::tell_settings_problems_to(nullptr); }
+
+    [[nodiscard]] std::filesystem::path file() const { return scratch.root() / "platform.conf"; }
+    [[nodiscard]] std::string line(int number) const { return file().string() + " line " + std::to_string(number) + ": "; }
+    [[nodiscard]] std::string unreadable(const std::string &why) const {
+        return file().string() + " can't be read: " + why + "; copies and saves fail";
+    }
+    Texts values(const std::string &name, const std::string &text) const {
+        scratch.configure(text);
+        return ulmo::setting_values(setting(name));
+    }
+    std::string value(const std::string &name, const std::string &text) const {
+        const Texts all = values(name, name + " = " + text + "\n");
+        return all.size() == 1 ? all[0] : std::to_string(all.size()) + " values";
+    }
+
+    const Scratch scratch;
+};
+
+TEST_F(HostSettings, AMissingFileMeansDefaultsForAll) {
+    for (const ulmo::Setting &each : ulmo::all_settings) {
+        EXPECT_EQ(ulmo::setting_values(each), each.fallback.empty() ? Texts{} : Texts{std::string(each.fallback)}) << each.name;
+        EXPECT_TRUE(ulmo::is_default(each)) << each.name;
+    }
+    EXPECT_NO_THROW(ulmo::require_settings());
+    EXPECT_EQ(ulmo::number_setting("chassis_type"), std::nullopt);
+    EXPECT_EQ(ulmo::number_setting("msgbus_answer_limit"), 2000);
+    EXPECT_EQ(ulmo::text_setting("history"), "errors") << "nothing with a password is kept unasked";
+    EXPECT_EQ(ulmo::list_setting("startup_copy"), Texts{"backup.cfg"});
+    EXPECT_EQ(told, Texts{});
+}
+
+TEST_F(HostSettings, ValuesAreTakenFromTheirLines) {
+    scratch.configure("# history = off\n\n  history\t=  all \r\nmsgbus_answer_limit=007\nagent_debug_file = /a b=c\nchassis_type =\n"
+                      "msgbus_answer_limit = 8");
+    EXPECT_EQ(ulmo::text_setting("history"), "all");
+    EXPECT_EQ(ulmo::number_setting("msgbus_answer_limit"), 8) << "the last line counts";
+    EXPECT_EQ(ulmo::text_setting("agent_debug_file"), "/a b=c");
+    EXPECT_EQ(ulmo::number_setting("chassis_type"), std::nullopt);
+    EXPECT_FALSE(ulmo::is_default(setting("history")));
+    EXPECT_TRUE(ulmo::is_default(setting("wwn")));
+    EXPECT_EQ(told, Texts{});
+}
+
+TEST_F(HostSettings, AListHasAllItsLines) {
+    EXPECT_EQ(values("startup_copy", "startup_copy = b\nstartup_copy = a\nstartup_copy = b\n"), (Texts{"b", "a", "b"}));
+    EXPECT_EQ(values("startup_copy", "startup_copy =\n"), Texts{""});
+    EXPECT_EQ(values("vrf_context", "vrf_context = " + std::string(33, 'x') + "\nvrf_context = red\n"), Texts{"red"});
+    EXPECT_EQ(told, Texts{line(1) + "vrf_context = " + std::string(33, 'x') + ": must be 1 to 32 octets long; the line is ignored"});
+}
+
+TEST_F(HostSettings, YesAndNoHaveSixWordsInAnyCase) {
+    for (const char *word : {"yes", "Yes", "YES", "on", "On", "true", "TRUE"}) {
+        EXPECT_EQ(value("ssh_accept_new_host_keys", word), "yes") << word;
+    }
+    for (const char *word : {"no", "No", "NO", "off", "Off", "false", "False"}) {
+        EXPECT_EQ(value("ssh_accept_new_host_keys", word), "no") << word;
+    }
+    EXPECT_EQ(told, Texts{});
+    for (const char *word : {"maybe", "", "0", "1", "y", "n", "none", "yes no", "yes,", ","}) {
+        EXPECT_EQ(refusal([&] { value("ssh_accept_new_host_keys", word); }),
+                  line(1) + "ssh_accept_new_host_keys = " + word + ": must be yes or no; copies by SFTP and SCP fail");
+    }
+}
+
+TEST_F(HostSettings, ABadValueLeavesTheDefaultAndIsTold) {
+    scratch.configure("msgbus_answer_limit = 2s\n#\nhistory = erors\ntransfer_idle_limit = 0\ntransfer_time_limit = 1000000000\n"
+                      "history_records = 63\ndebug_print = off,\n");
+    EXPECT_EQ(ulmo::number_setting("msgbus_answer_limit"), 2000);
+    EXPECT_EQ(ulmo::text_setting("history"), "errors");
+    EXPECT_EQ(ulmo::number_setting("transfer_idle_limit"), 30);
+    EXPECT_EQ(ulmo::number_setting("transfer_time_limit"), 3600);
+    EXPECT_EQ(ulmo::number_setting("history_records"), 4096);
+    EXPECT_EQ(told, (Texts{line(1) + "msgbus_answer_limit = 2s: must be a number from 1 to 60000; the default 2000 is used",
+                           line(3) + "history = erors: must be one of all, errors, off; the default errors is used",
+                           line(4) + "transfer_idle_limit = 0: must be a number from 1 to 999999999; the default 30 is used",
+                           line(5) + "transfer_time_limit = 1000000000: must be a number from 1 to 999999999; the default 3600 is used",
+                           line(6) + "history_records = 63: must be a number from 64 to 1048576; the default 4096 is used",
+                           line(7) + "debug_print = off,: must be one of all, errors, off; the default off is used"}));
+    EXPECT_EQ(ulmo::settings_problems(), told);
+}
+
+TEST_F(HostSettings, NumbersAreTakenUpToTheirBounds) {
+    for (const char *number : {"1", "60000"}) {
+        EXPECT_EQ(value("msgbus_answer_limit", number), number);
+    }
+    for (const char *number : {"0", "60001", "-1", "+1", "1.5", "0x10", "1 2", "99999999999999999999"}) {
+        EXPECT_EQ(value("msgbus_answer_limit", number), "2000") << number;
+    }
+}
+
+TEST_F(HostSettings, ABadValueThatGuardsSomethingIsRefused) {
+    EXPECT_EQ(refusal([&] { value("chassis_type", "1O"); }),
+              line(1) + "chassis_type = 1O: must be a number from 0 to 2147483647; copies fail");
+    EXPECT_EQ(refusal([&] { value("device_backend", "remote"); }),
+              line(1) + "device_backend = remote: must be embedded; copies and saves fail");
+    EXPECT_EQ(refusal([&] { value("wwn", "00:00:00:00:00:00:00:00"); }),
+              line(1) +
+                  "wwn = 00:00:00:00:00:00:00:00: must be a world-wide name, such as 20:00:00:00:00:00:00:01; saves in the fabric fail");
+    EXPECT_EQ(refusal([&] { value("fabric_time_limit", "301"); }),
+              line(1) + "fabric_time_limit = 301: must be a number from 1 to 300; saves in the fabric fail");
+    scratch.configure("chassis_type = x\nchassis_type = 10\n");
+    EXPECT_EQ(ulmo::number_setting("chassis_type"), 10) << "the last line counts, and the other one is told";
+    EXPECT_EQ(told.back(), line(1) + "chassis_type = x: must be a number from 0 to 2147483647; copies fail");
+}
+
+TEST_F(HostSettings, WhatIsNoSettingIsToldWithoutItsValue) {
+    scratch.configure("chasis_type = 10\nfabric_auth_pasphrase = hush\nHistory = all\n= 5\nhush\nkey\x1b[2J = 5\n" + std::string(100, 'k') +
+                      " = 1\n");
+    EXPECT_EQ(ulmo::text_setting("history"), "errors");
+    const std::string ignored = ": unknown setting; the line is ignored";
+    EXPECT_EQ(told, (Texts{line(1) + "chasis_type" + ignored, line(2) + "fabric_auth_pasphrase" + ignored, line(3) + "History" + ignored,
+                           line(4) + ignored, line(5) + "no '='; the line is ignored", line(6) + "key?[2J" + ignored,
+                           line(7) + std::string(60, 'k') + "..." + ignored}));
+}
+
+TEST_F(HostSettings, ProblemsAreToldOnceForEachChangeOfTheFile) {
+    scratch.configure("history = erors\n");
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(ulmo::text_setting("history"), "errors");
+    }
+    EXPECT_EQ(told.size(), 1U);
+    std::this_thread::sleep_for(std::chrono::milliseconds(150)); // until what was read is old enough not to be read again
+    EXPECT_EQ(ulmo::text_setting("history"), "errors");
+    EXPECT_EQ(ulmo::text_setting("history"), "errors");
+    EXPECT_EQ(told.size(), 1U);
+    scratch.configure("history = error\n");
+    ulmo::require_settings();
+    EXPECT_EQ(told.size(), 2U);
+    scratch.configure("history = all\n");
+    ulmo::require_settings();
+    EXPECT_EQ(told.size(), 2U);
+    scratch.configure("history = error\n");
+    ulmo::require_settings();
+    EXPECT_EQ(told.size(), 3U);
+}
+
+TEST_F(HostSettings, AChangeHoldsAtOnce) {
+    // Files of one length, written faster than the clock that stamps them ticks.
+    for (int i = 0; i < 200; ++i) {
+        EXPECT_EQ(value("history", i % 2 == 0 ? "all" : "off"), i % 2 == 0 ? "all" : "off") << i;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    EXPECT_EQ(ulmo::text_setting("history"), "off");
+    EXPECT_EQ(value("history", "all"), "all");
+    std::filesystem::remove(file());
+    EXPECT_EQ(ulmo::text_setting("history"), "errors");
+}
+
+TEST_F(HostSettings, AFileThatIsNotReadRefusesWhatItMayGuard) {
+    const auto expect_refused = [&](const std::string &why) {
+        EXPECT_EQ(refusal([] { ulmo::require_settings(); }), unreadable(why));
+        for (const ulmo::Setting &each : ulmo::all_settings) {
+            EXPECT_EQ(refusal([&] { ulmo::setting_values(each); }), each.fails.empty() ? "accepted" : unreadable(why)) << each.name;
+        }
+        EXPECT_EQ(ulmo::text_setting("history"), "errors") << "the log goes on";
+        EXPECT_EQ(told, Texts{unreadable(why)});
+        told.clear();
+        std::filesystem::remove_all(file());
+        EXPECT_NO_THROW(ulmo::require_settings());
+    };
+    std::filesystem::create_directory(file());
+    expect_refused("Is a directory");
+    std::filesystem::create_symlink("nowhere", file());
+    expect_refused("No such file or directory");
+    std::filesystem::create_symlink(file(), file());
+    expect_refused("Too many levels of symbolic links");
+    ASSERT_EQ(::mkfifo(file().c_str(), 0600), 0);
+    expect_refused("it is not a regular file");
+    // A file of which each read fails, proc(5): nothing is mapped at its beginning.
+    std::filesystem::create_symlink("/proc/self/mem", file());
+    expect_refused("Input/output error");
+}
+
+TEST_F(HostSettings, ARelativePathIsRefused) {
+    ::setenv("ULMO_CONF", "platform.conf", 1);
+    EXPECT_EQ(refusal([] { ulmo::require_settings(); }), "platform.conf can't be read: its path is not absolute; copies and saves fail");
+}
+
+TEST_F(HostSettings, AnotherUserReadsForItself) {
+    REQUIRE_SUPERUSER("becomes another user");
+    constexpr uid_t other = 65534;
+    scratch.configure("history = all\n");
+    ASSERT_EQ(::chmod(scratch.root().c_str(), 0755), 0);
+    ASSERT_EQ(::chmod(file().c_str(), 0600), 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    EXPECT_EQ(ulmo::text_setting("history"), "all");
+    const auto is_refused = [&] {
+        return ::setresuid(other, other, other) == 0 && refusal([] { ulmo::require_settings(); }) == unreadable("Permission denied") ? 0
+                                                                                                                                     : 1;
+    };
+    EXPECT_EQ(host_test::in_child(is_refused), 0) << "what the superuser read before must not hold for the user it becomes";
+    ASSERT_EQ(::chmod(file().c_str(), 0644), 0);
+    EXPECT_EQ(host_test::in_child(is_refused), 1);
+}
+
+TEST_F(HostSettings, AnUnchangedFileIsNotReadAgain) {
+    scratch.configure("history = all\n");
+    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    ASSERT_EQ(ulmo::text_setting("history"), "all");
+    const ulmo::UniqueFd watch(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    ASSERT_GE(::inotify_add_watch(watch.get(), file().c_str(), IN_OPEN), 0);
+    const auto is_opened = [&] {
+        char event[512];
+        return ::read(watch.get(), event, sizeof event) > 0;
+    };
+    for (int i = 0; i < 10; ++i) {
+        EXPECT_EQ(ulmo::text_setting("history"), "all");
+    }
+    EXPECT_FALSE(is_opened());
+    // One that has just been written is: another change may bear the same time.
+    bool is_read_again = false;
+    for (int i = 0; i < 50 && !is_read_again; ++i) { // a machine that stands still for 100 ms tells nothing
+        scratch.configure("history = all\n");
+        EXPECT_EQ(ulmo::text_setting("history"), "all");
+        EXPECT_TRUE(is_opened());
+        EXPECT_EQ(ulmo::text_setting("history"), "all");
+        is_read_again = is_opened();
+    }
+    EXPECT_TRUE(is_read_again);
+    scratch.configure("history = off\n");
+    EXPECT_TRUE(is_opened());
+    EXPECT_EQ(ulmo::text_setting("history"), "off");
+    EXPECT_TRUE(is_opened());
+}
+
+} // namespace

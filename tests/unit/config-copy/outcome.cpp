@@ -1,0 +1,186 @@
+// Outcomes in words and in JSON.
+#include "config-copy/outcome.h"
+
+#include "config-copy/copy_run.h"
+#include "config-copy/copy_table.h"
+#include "config-copy/output.h"
+#include "tests/unit/config-copy/support.h"
+
+#include <net-snmp/net-snmp-config.h>
+
+#include <net-snmp/net-snmp-includes.h>
+
+#include <set>
+
+namespace config_copy {
+namespace {
+
+Outcome ended(Ending ending) {
+    Outcome outcome;
+    outcome.ending = ending;
+    return outcome;
+}
+
+TEST(Outcome, NamesAreThoseOfTheMib) {
+    EXPECT_EQ("waiting", state_name(1));
+    EXPECT_EQ("failed", state_name(4));
+    EXPECT_EQ("5", state_name(5));
+    EXPECT_EQ("general", cause_name(1));
+    EXPECT_EQ("configNotApplied", cause_name(7));
+    EXPECT_EQ("systemManagerFailed", cause_name(9));
+    EXPECT_EQ("10", cause_name(10));
+    EXPECT_EQ("0", cause_name(0));
+}
+
+TEST(Outcome, EachCauseHasItsWords) {
+    std::set<std::string> words;
+    for (long cause = cause_general; cause <= cause_manager_failed; ++cause) {
+        words.insert(words_of_cause(cause, "192.0.2.1", false));
+    }
+    EXPECT_EQ(9U, words.size());
+    EXPECT_EQ("the switch gives the unknown cause 12", words_of_cause(12, "", false));
+    EXPECT_EQ("the file server 192.0.2.1 did not answer the switch: check its address, the route to it, and whether the server runs",
+              words_of_cause(cause_timeout, "192.0.2.1", false));
+    EXPECT_EQ("not every switch of the fabric has saved: see `cmdshell -c \"show last-save\"` on the switch",
+              words_of_cause(cause_manager_failed, "", true));
+}
+
+TEST(Outcome, WhatTheSwitchSaysIsPassedOn) {
+    constexpr char why[] = "login refused for backup";
+    for (long cause = cause_general; cause <= cause_manager_failed; ++cause) {
+        EXPECT_TRUE(words_of_cause(cause, "192.0.2.1", false, why).ends_with(why)) << cause;
+    }
+    EXPECT_EQ("the switch says: login refused for backup", words_of_cause(cause_general, "192.0.2.1", false, why));
+    EXPECT_EQ("the configuration was refused while it was applied: line 14: unknown statement 'vlna'",
+              words_of_cause(cause_not_applied, "192.0.2.1", false, "line 14: unknown statement 'vlna'"));
+}
+
+TEST(Outcome, RefusalsTellWhatToDo) {
+    const std::string view = "this user or community may not write copy requests: it needs a write view with .1.3.6.1.4.1.41927.9.96";
+    EXPECT_EQ(view, words_of_refusal(SNMP_ERR_NOACCESS, column_row_status, ""));
+    EXPECT_EQ(view, words_of_refusal(SNMP_ERR_AUTHORIZATIONERROR, column_row_status, ""));
+    EXPECT_EQ("the agent has no copy table: load config_copy_mib into it (its log tells why it is not)",
+              words_of_refusal(SNMP_ERR_NOTWRITABLE, column_row_status, ""));
+    EXPECT_EQ("the switch does not accept the file server's address", words_of_refusal(SNMP_ERR_WRONGVALUE, column_address, ""));
+    EXPECT_TRUE(words_of_refusal(SNMP_ERR_RESOURCEUNAVAILABLE, column_user_name, "").starts_with("the switch refuses the user name with "));
+    const std::string level =
+        "the agent grants this user nothing at the security level authNoPriv: choose a higher one, such as -l authPriv "
+        "(if that is refused too, check the user's views)";
+    EXPECT_EQ(level, words_of_refusal(SNMP_ERR_AUTHORIZATIONERROR, column_row_status, "authNoPriv"));
+    EXPECT_EQ(level, words_of_refused_activation(SNMP_ERR_AUTHORIZATIONERROR, "authNoPriv"));
+    EXPECT_EQ(view, words_of_refusal(SNMP_ERR_NOACCESS, column_row_status, "authNoPriv"));
+    EXPECT_EQ("the switch finds the request incomplete: check user and password",
+              words_of_refused_activation(SNMP_ERR_INCONSISTENTVALUE, ""));
+}
+
+TEST(Outcome, StatusOfSeveral) {
+    const auto status = [](std::initializer_list<Ending> endings) {
+        std::vector<Outcome> outcomes;
+        for (const Ending ending : endings) {
+            outcomes.push_back(ended(ending));
+        }
+        return ending_of_all(outcomes);
+    };
+    EXPECT_EQ(Ending::done, status({Ending::done, Ending::done}));
+    EXPECT_EQ(Ending::unreachable, status({Ending::done, Ending::unreachable, Ending::unreachable}));
+    EXPECT_EQ(Ending::failed, status({Ending::busy, Ending::done, Ending::unreachable}));
+    EXPECT_EQ(Ending::failed, status({Ending::busy, Ending::refused, Ending::refused}));
+    EXPECT_EQ(Ending::busy, status({Ending::busy}));
+}
+
+TEST(Outcome, Duration) {
+    EXPECT_EQ(1.25, seconds_between(1000L, 1125L));
+    EXPECT_EQ(0.02, seconds_between(0xFFFFFFFFL, 1L)) << "the agent's clock has begun anew";
+    EXPECT_EQ(std::nullopt, seconds_between(1000L, 0L)) << "not ended";
+    EXPECT_EQ(std::nullopt, seconds_between(0L, 1000L));
+    EXPECT_EQ(std::nullopt, seconds_between({}, {})) << "gone";
+    EXPECT_EQ("1.20", seconds_text(1.2));
+}
+
+TEST(Outcome, Summary) {
+    EXPECT_EQ("3 agents: 1 done, 2 not reachable",
+              summary_of({ended(Ending::unreachable), ended(Ending::done), ended(Ending::unreachable)}));
+    EXPECT_EQ("1 agent: 0 done, 1 busy", summary_of({ended(Ending::busy)}));
+}
+
+TEST(Outcome, SummaryOfADryRun) {
+    Outcome ready = ended(Ending::done);
+    ready.is_dry_run = true;
+    EXPECT_EQ("2 agents: 1 ready, 1 busy", summary_of({ready, ended(Ending::busy)}));
+}
+
+TEST(Outcome, WhatGoesOnWithoutItsRequest) {
+    EXPECT_EQ("", words_of_what_goes_on(FileType::running, FileType::startup)) << "a save is given up";
+    EXPECT_EQ("", words_of_what_goes_on(FileType::running, FileType::fabric_startup));
+    EXPECT_EQ("the copy goes on at the switch and may still be applied", words_of_what_goes_on(FileType::startup, FileType::running));
+    EXPECT_EQ("the transfer goes on at the switch and may still be applied", words_of_what_goes_on(FileType::network, FileType::running));
+    EXPECT_EQ("the transfer goes on at the switch and may still write the file",
+              words_of_what_goes_on(FileType::startup, FileType::network));
+}
+
+TEST(Outcome, Json) {
+    Outcome outcome;
+    outcome.agent = "a\"b";
+    outcome.text = "a\\\n";
+    EXPECT_EQ(
+        R"({"type": "copy", "agent": "a\"b", "ending": "done", "status": 0, "dry_run": false, "from": null, "to": null, "server": null, )"
+        R"("file": null, "user": null, "snmp_user": null, "index": null, "start_time": null, "state": null, "cause": null, "reason": null, )"
+        R"("seconds": null, "bytes": null, "sha256": null, "text": "a\\\u000a", "switches": []})",
+        json_of(outcome));
+    outcome.ending = Ending::unreachable;
+    outcome.text = "";
+    outcome.is_dry_run = true;
+    outcome.from = "running";
+    outcome.to = "sftp://joe@h/x-a.cfg";
+    outcome.server = "192.0.2.1";
+    outcome.file = "x-a.cfg";
+    outcome.user = "joe";
+    outcome.snmp_user = "operator";
+    outcome.index = 7;
+    outcome.start_time = "2026-11-21T09:30:00Z";
+    outcome.state = "failed";
+    outcome.cause = "timeout";
+    outcome.reason = "no way";
+    outcome.seconds = 1.25;
+    outcome.bytes = 0x100000000;
+    outcome.sha256 = "00ff";
+    outcome.switches = {{"", "20:00", "saved"}, {"192.0.2.1", "20:01", "no"}};
+    EXPECT_EQ(
+        R"({"type": "copy", "agent": "a\"b", "ending": "not_reachable", "status": 4, "dry_run": true, "from": "running", )"
+        R"("to": "sftp://joe@h/x-a.cfg", "server": "192.0.2.1", "file": "x-a.cfg", "user": "joe", "snmp_user": "operator", "index": 7, )"
+        R"("start_time": "2026-11-21T09:30:00Z", "state": "failed", "cause": "timeout", "reason": "no way", "seconds": 1.25, )"
+        R"("bytes": 4294967296, "sha256": "00ff", "text": "", "switches": )"
+        R"([{"address": null, "switch": "20:00", "reported": "saved"}, {"address": "192.0.2.1", "switch": "20:01", "reported": "no"}]})",
+        json_of(outcome));
+}
+
+TEST(Outcome, JsonOfASummary) {
+    EXPECT_EQ(R"({"type": "summary", "agents": 2, "done": 1, "failed": 0, "usage": 0, "refused": 0, "not_reachable": 1, "busy": 0})",
+              json_summary({ended(Ending::unreachable), ended(Ending::done)}));
+}
+
+TEST(Outcome, Table) {
+    EXPECT_EQ((std::vector<std::string>{"INDEX  B", "1      x y", "123    z"}), table_lines({"INDEX", "B"}, {{"1", "x y"}, {"123", "z"}}));
+}
+
+TEST(Outcome, TextOfASwitchCannotDriveATerminal) {
+    EXPECT_EQ("a?[31mb?", printable("a\033[31mb\n"));
+}
+
+TEST(Output, JsonTextsAreUtf8) {
+    EXPECT_EQ("\"\\\"\\\\\\u000a\x7f\"", json_string("\"\\\n\x7f"));
+    for (const char *whole :
+         {"\xc2\x80", "\xdf\xbf", "\xe0\xa0\x80", "\xed\x9f\xbf", "\xef\xbf\xbf", "\xf0\x90\x80\x80", "\xf4\x8f\xbf\xbf"}) {
+        EXPECT_EQ('"' + std::string(whole) + "a\"", json_string(std::string(whole) + 'a'));
+    }
+    const std::string no_character = "\\ufffd";
+    for (const char *broken : {"\x80", "\xc1", "\xc3", "\xff", "\xf5"}) {
+        EXPECT_EQ('"' + no_character + "a\"", json_string(std::string(broken) + 'a'));
+    }
+    EXPECT_EQ('"' + no_character + no_character + '"', json_string("\xe2\x82")) << "cut off";
+    EXPECT_EQ('"' + no_character + no_character + no_character + '"', json_string("\xed\xa0\x80")) << "a surrogate";
+    EXPECT_EQ('"' + no_character + no_character + no_character + '"', json_string("\xe0\x9f\x80")) << "longer than needed";
+}
+
+} // namespace
+} // namespace config_copy

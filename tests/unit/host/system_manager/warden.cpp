@@ -1,0 +1,643 @@
+// The system manager's daemon: what it does when it is asked for a configuration action, and when it starts and ends.
+#include "tests/unit/host/system_manager/fixture.h"
+#include "tests/unit/superuser.h"
+
+#include <set>
+
+using namespace host_test;
+
+namespace {
+
+class Warden : public WardenTest {
+  protected:
+    // A process of another pid does it.
+    static void elsewhere(const std::function<void()> &work) {
+        const pid_t child = ::fork();
+        if (child == 0) {
+            work();
+            ::_exit(0);
+        }
+        int status = 0;
+        EXPECT_EQ(::waitpid(child, &status, 0), child);
+        EXPECT_EQ(status, 0);
+    }
+};
+
+// --- a save ---
+
+TEST_F(Warden, AnswersThenTellsTheBeginningThenTheEnd) {
+    prepare_and_start();
+    const std::string payload = action_payload();
+    msgbus_msg request = nullptr;
+    auto held = hold_device();
+    ASSERT_EQ(msgbus_send(msgbus_response_q, MSGBUS_NODE_LOCAL, MSGBUS_SAP_WARDEN, 1381, payload.data(),
+                          static_cast<uint32_t>(payload.size()), &request, 0, 0),
+              0);
+    hear(1);
+    EXPECT_EQ(told_, Told{begun});
+    // The answer was there before.
+    msgbus_msg answer = nullptr;
+    ASSERT_EQ(msgbus_recv(msgbus_response_q, &answer, nullptr), 0) << std::strerror(errno);
+    EXPECT_EQ(msgbus_opc_get(answer), 1381U);
+    ASSERT_NE(msgbus_payload_get(answer, 4), nullptr);
+    EXPECT_EQ(ntohl(*static_cast<const uint32_t *>(msgbus_payload_get(answer, 4))), 0x401E0003U);
+    EXPECT_EQ(msgbus_rr_token_get(answer), msgbus_rr_token_get(request));
+    msgbus_drop(msgbus_response_q, &answer);
+    msgbus_drop(msgbus_response_q, &request);
+    EXPECT_EQ(content(startup()), old_text);
+    held.reset();
+    hear(2);
+    EXPECT_EQ(told_, (Told{begun, ended_well}));
+    EXPECT_EQ(content(startup()), new_text);
+    EXPECT_EQ(content(running()), new_text);
+    stop();
+    EXPECT_EQ(told_.size(), 2U);
+    EXPECT_EQ(count("save to the startup configuration of this switch asked by user \"operator\", session \"7\", process " +
+                    std::to_string(::getpid())),
+              1U);
+    EXPECT_EQ(count("saved, # ms"), 1U);
+    EXPECT_EQ(log().back(), "ended");
+}
+
+TEST_F(Warden, ARequesterThatStaysIsToldTheEndAsWell) {
+    prepare_and_start();
+    Request request = ask(Scope::startup, 77);
+    EXPECT_EQ(request.answer(), WARDEN_CFG_ACTION_INITIATED);
+    EXPECT_EQ(request.end(), 0U);
+    EXPECT_EQ(request.text(), "saved");
+    EXPECT_TRUE(request.is_closed_without_answer()) << "nothing more comes";
+}
+
+TEST_F(Warden, ASaveThatFailsLeavesTheOldStartupConfiguration) {
+    prepare();
+    file("state/running.cfg", "hostname new\nbogus\n");
+    start();
+    Request request = ask();
+    EXPECT_EQ(request.answer(), WARDEN_CFG_ACTION_INITIATED);
+    EXPECT_EQ(request.end(), ulmo::warden_err_store);
+    const std::string reason = running().string() + " is not valid: line 2: unknown statement 'bogus'";
+    EXPECT_EQ(request.text(), reason);
+    stop();
+    EXPECT_EQ(told_, (Told{begun, ended_badly}));
+    EXPECT_EQ(content(startup()), old_text);
+    EXPECT_EQ(count("not saved to the startup configuration of this switch, # ms: " + reason), 1U);
+}
+
+TEST_F(Warden, WithoutAnAgentTheSaveIsDone) {
+    agent_.reset();
+    prepare_and_start();
+    Request request = ask();
+    EXPECT_EQ(request.answer(), WARDEN_CFG_ACTION_INITIATED);
+    EXPECT_EQ(request.end(), 0U);
+    EXPECT_EQ(content(startup()), new_text);
+    warden_->signal(SIGTERM);
+    EXPECT_EQ(warden_->wait(), 0);
+    EXPECT_EQ(count("message *"), 0U) << "no agent is no error";
+}
+
+TEST_F(Warden, OneActionAtATime) {
+    prepare_and_start();
+    auto held = hold_device();
+    Request first = ask(Scope::startup, 1);
+    EXPECT_EQ(first.answer(), WARDEN_CFG_ACTION_INITIATED);
+    Request second = ask(Scope::all, 2);
+    EXPECT_EQ(second.answer(), ulmo::warden_err_busy);
+    EXPECT_TRUE(second.is_closed_without_answer());
+    held.reset();
+    EXPECT_EQ(first.end(), 0U);
+    EXPECT_EQ(ask().answer(), WARDEN_CFG_ACTION_INITIATED) << "the next one is not refused";
+    hear(4);
+    stop();
+    EXPECT_EQ(told_, (Told{begun, ended_well, begun, ended_well}));
+    EXPECT_EQ(count("refused: another action is in progress"), 1U);
+    EXPECT_FALSE(std::filesystem::exists(state() / "backup.cfg"));
+}
+
+// --- which files ---
+
+TEST_F(Warden, TheStartupScopeWritesOneFile) {
+    prepare();
+    file("platform.conf", "startup_copy = more.cfg\n");
+    start();
+    Request request = ask();
+    EXPECT_EQ(request.answer(), WARDEN_CFG_ACTION_INITIATED);
+    EXPECT_EQ(request.end(), 0U);
+    EXPECT_EQ(content(startup()), new_text);
+    EXPECT_FALSE(std::filesystem::exists(state() / "more.cfg"));
+}
+
+TEST_F(Warden, TheScopeOfAllWritesTheFilesOfTheSetting) {
+    prepare_and_start();
+    const auto save_all = [] {
+        Request request = ask(Scope::all);
+        EXPECT_EQ(request.answer(), WARDEN_CFG_ACTION_INITIATED);
+        EXPECT_EQ(request.end(), 0U) << request.text();
+    };
+    save_all();
+    EXPECT_EQ(content(startup()), new_text);
+    EXPECT_EQ(content(state() / "backup.cfg"), new_text);
+
+    // A change of the setting holds at once.
+    file("platform.conf", "startup_copy = one.cfg\nstartup_copy = " + (directory_ / "two.cfg").string() + "\n");
+    file("state/running.cfg", old_text);
+    save_all();
+    EXPECT_EQ(content(startup()), old_text);
+    EXPECT_EQ(content(state() / "one.cfg"), old_text);
+    EXPECT_EQ(content(directory_ / "two.cfg"), old_text);
+    EXPECT_EQ(content(state() / "backup.cfg"), new_text) << "no longer one of them";
+
+    file("platform.conf", "startup_copy =\n");
+    file("state/running.cfg", new_text);
+    save_all();
+    EXPECT_EQ(content(startup()), new_text);
+    EXPECT_EQ(content(state() / "one.cfg"), old_text);
+    EXPECT_EQ(count("save to the startup configurations of this switch asked by *"), 3U);
+}
+
+TEST_F(Warden, NothingIsSavedUnderSettingsThatCantBeRead) {
+    prepare_and_start();
+    const auto settings = directory_ / "platform.conf";
+    std::filesystem::remove(settings);
+    std::filesystem::create_directory(settings);
+    const std::string why = settings.string() + " can't be read: Is a directory; copies and saves fail";
+    for (const Scope scope : {Scope::startup, Scope::all, Scope::fabric}) {
+        Request request = ask(scope);
+        EXPECT_EQ(request.answer(), WARDEN_CFG_ACTION_INITIATED);
+        EXPECT_EQ(request.end(), ulmo::warden_err_store);
+        EXPECT_EQ(request.text(), why);
+    }
+    EXPECT_EQ(content(startup()), old_text);
+    EXPECT_EQ(count("not saved to the startup configuration of this switch, # ms: " + why), 1U);
+    EXPECT_GE(count("settings: " + why), 1U);
+}
+
+TEST_F(Warden, OneFileThatCantBeWrittenStopsAllOfThem) {
+    prepare();
+    file("platform.conf", "startup_copy = first.cfg\nstartup_copy = none/second.cfg\n");
+    start();
+    Request request = ask(Scope::all);
+    EXPECT_EQ(request.answer(), WARDEN_CFG_ACTION_INITIATED);
+    EXPECT_EQ(request.end(), ulmo::warden_err_store);
+    EXPECT_EQ(request.text(), "cannot make " + (state() / "none" / "second.cfg.new").string() + ": No such file or directory");
+    EXPECT_EQ(content(startup()), old_text);
+    EXPECT_FALSE(std::filesystem::exists(state() / "first.cfg"));
+    EXPECT_FALSE(std::filesystem::exists(state() / "first.cfg.new"));
+    EXPECT_FALSE(std::filesystem::exists(state() / "system.cfg.new"));
+}
+
+// --- giving up ---
+
+TEST_F(Warden, AnActionIsGivenUpOnRequest) {
+    prepare_and_start();
+    auto held = hold_device();
+    Request request = ask(Scope::startup, 4711);
+    EXPECT_EQ(request.answer(), WARDEN_CFG_ACTION_INITIATED);
+    abort_action(4711);
+    ASSERT_TRUE(logs("to be given up on request of process " + std::to_string(::getpid())));
+    held.reset();
+    ASSERT_TRUE(logs("not saved to the startup configuration of this switch, # ms: given up"));
+    EXPECT_TRUE(request.is_closed_without_answer());
+    EXPECT_EQ(content(startup()), old_text);
+    EXPECT_FALSE(std::filesystem::exists(state() / "system.cfg.new"));
+    Request next = ask();
+    EXPECT_EQ(next.answer(), WARDEN_CFG_ACTION_INITIATED);
+    EXPECT_EQ(next.end(), 0U);
+    EXPECT_EQ(content(startup()), new_text);
+    stop();
+    EXPECT_EQ(told_, (Told{begun, begun, ended_well})) << "nobody is told the end of what was given up";
+}
+
+TEST_F(Warden, TheNextActionWaitsForTheEndOfOneThatIsGivenUp) {
+    prepare_and_start();
+    auto held = hold_device();
+    Request first = ask(Scope::startup, 4711);
+    EXPECT_EQ(first.answer(), WARDEN_CFG_ACTION_INITIATED);
+    abort_action(4711);
+    ASSERT_TRUE(logs("to be given up on request of process #"));
+    const pid_t given_up = action();
+    Request second = ask(Scope::startup, 4712);
+    EXPECT_EQ(second.answer(), WARDEN_CFG_ACTION_INITIATED);
+    EXPECT_EQ(ask(Scope::startup, 4713).answer(), ulmo::warden_err_busy) << "one may wait, not more";
+    EXPECT_EQ(action(), given_up);
+    hear();
+    EXPECT_EQ(told_, Told{begun}) << "not begun yet";
+    held.reset();
+    EXPECT_EQ(second.end(), 0U);
+    EXPECT_EQ(content(startup()), new_text);
+    stop();
+    EXPECT_EQ(told_, (Told{begun, begun, ended_well}));
+}
+
+TEST_F(Warden, AnActionThatWaitsIsGivenUpBeforeItBegins) {
+    prepare_and_start();
+    auto held = hold_device();
+    Request first = ask(Scope::startup, 4711);
+    EXPECT_EQ(first.answer(), WARDEN_CFG_ACTION_INITIATED);
+    abort_action(4711);
+    ASSERT_TRUE(logs("to be given up on request of process #"));
+    Request second = ask(Scope::startup, 4712);
+    EXPECT_EQ(second.answer(), WARDEN_CFG_ACTION_INITIATED);
+    abort_action(4712);
+    ASSERT_TRUE(logs("given up before it began, on request of process " + std::to_string(::getpid())));
+    EXPECT_TRUE(second.is_closed_without_answer());
+    held.reset();
+    ASSERT_TRUE(logs("not saved to the startup configuration of this switch, # ms: given up"));
+    stop();
+    EXPECT_EQ(told_, Told{begun});
+    EXPECT_EQ(content(startup()), old_text);
+}
+
+TEST_F(Warden, AnAbortThatIsNotMeantForTheActionIsDropped) {
+    prepare_and_start();
+    abort_action(4711); // nothing runs
+    ASSERT_TRUE(logs("message 1383 of process " + std::to_string(::getpid()) + ", 8 octets, dropped: no such action is in progress"));
+    auto held = hold_device();
+    Request request = ask(Scope::startup, 4711);
+    EXPECT_EQ(request.answer(), WARDEN_CFG_ACTION_INITIATED);
+    const pid_t process = action();
+    abort_action(4710);
+    abort_action(0);
+    elsewhere([] { abort_action(4711); });
+    ASSERT_TRUE(comes_true([this] { return count("message 1383 of process #, 8 octets, dropped: no such action is in progress") == 4; }));
+    EXPECT_FALSE(is_told_to_stop(process));
+    held.reset();
+    EXPECT_EQ(request.end(), 0U);
+    EXPECT_EQ(content(startup()), new_text);
+    stop();
+    EXPECT_EQ(told_, (Told{begun, ended_well}));
+}
+
+TEST_F(Warden, ARequestWithoutATokenCantBeGivenUp) {
+    prepare_and_start();
+    auto held = hold_device();
+    Request request = ask(Scope::startup, 0);
+    EXPECT_EQ(request.answer(), WARDEN_CFG_ACTION_INITIATED);
+    abort_action(0);
+    ASSERT_TRUE(logs("message 1383 of process #, 8 octets, dropped: no such action is in progress"));
+    held.reset();
+    EXPECT_EQ(request.end(), 0U);
+}
+
+// --- messages that are none ---
+
+TEST_F(Warden, MessagesOfAWrongLengthAreDropped) {
+    prepare_and_start();
+    const std::string process = std::to_string(::getpid());
+    const std::string request = action_payload();
+    const std::string abort = abort_payload(1);
+    struct Case {
+        uint32_t opcode;
+        std::string payload;
+        const char *why;
+    };
+    const Case cases[] = {
+        {1381, request.substr(0, 139), "wrong length"},
+        {1381, request + "x", "wrong length"},
+        {1381, "", "wrong length"},
+        {1381, std::string(4096, 'x'), "wrong length"},
+        {1383, abort.substr(0, 7), "wrong length"},
+        {1383, abort + "x", "wrong length"},
+        {1383, "", "wrong length"},
+        {1391, "", "unknown opcode"},
+        {0, request, "unknown opcode"},
+        {0xFFFFFFFF, "", "unknown opcode"},
+    };
+    for (const Case &one : cases) {
+        EXPECT_TRUE(Request(one.opcode, one.payload).is_closed_without_answer()) << one.opcode << ", " << one.payload.size();
+        const std::string line = "message " + std::to_string(one.opcode) + " of process " + process + ", " +
+                                 std::to_string(one.payload.size()) + " octets, dropped: " + one.why;
+        EXPECT_TRUE(logs(line)) << line;
+    }
+    stop();
+    EXPECT_EQ(told_, Told{});
+    EXPECT_EQ(content(startup()), old_text);
+}
+
+TEST_F(Warden, WhatIsNoMessageIsDropped) {
+    prepare_and_start();
+    for (const std::string &octets : {std::string("x"), std::string(5000, 'x')}) {
+        int error = 0;
+        const ulmo::UniqueFd connection = ulmo::connect_to(MSGBUS_SAP_WARDEN, error);
+        ASSERT_EQ(error, 0);
+        ASSERT_EQ(::send(connection.get(), octets.data(), octets.size(), MSG_NOSIGNAL), static_cast<ssize_t>(octets.size()));
+        pollfd readable{connection.get(), POLLIN, 0};
+        ASSERT_EQ(::poll(&readable, 1, 5000), 1);
+        char octet = 0;
+        EXPECT_EQ(::recv(connection.get(), &octet, 1, MSG_DONTWAIT), 0) << "closed";
+    }
+    EXPECT_EQ(count("msgbus: access point 3: malformed message of process " + std::to_string(::getpid()) + " dropped"), 2U);
+    EXPECT_EQ(ask().answer(), WARDEN_CFG_ACTION_INITIATED);
+}
+
+TEST_F(Warden, ARequestWithOtherFixedWordsIsRefused) {
+    prepare_and_start();
+    const std::function<void(warden_cfg_action &)> changes[] = {
+        [](warden_cfg_action &request) { request.word0 = htonl(27); },
+        [](warden_cfg_action &request) { request.word1 = 0; },
+        [](warden_cfg_action &request) { request.fabric = request.all = htonl(1); },
+    };
+    for (const auto &change : changes) {
+        Request request(MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION, action_payload(Scope::startup, "operator", "7", change));
+        EXPECT_EQ(request.answer(), ulmo::warden_err_request);
+        EXPECT_TRUE(request.is_closed_without_answer());
+    }
+    stop();
+    EXPECT_EQ(count("refused: the request is not understood"), 3U);
+    EXPECT_EQ(told_, Told{});
+    EXPECT_EQ(content(startup()), old_text);
+}
+
+TEST_F(Warden, NothingBeginsForARequesterThatIsGone) {
+    prepare_and_start();
+    warden_->signal(SIGSTOP);
+    ASSERT_TRUE(comes_true([this] { return status_of(warden_->pid(), "State").rfind("T", 0) == 0; }));
+    ask();
+    warden_->signal(SIGCONT);
+    EXPECT_TRUE(logs("not begun: the requester is gone"));
+    stop();
+    EXPECT_EQ(told_, Told{});
+    EXPECT_EQ(content(startup()), old_text);
+}
+
+TEST_F(Warden, AnotherUsersProcessIsRefused) {
+    REQUIRE_SUPERUSER("acts as another user");
+    prepare_and_start();
+    const auto ask_as_nobody = [](int expected) {
+        elsewhere([expected] {
+            constexpr uid_t nobody = 65534;
+            int error = 0;
+            if (::setresuid(nobody, nobody, nobody) != 0) {
+                ::_exit(1);
+            }
+            const ulmo::UniqueFd connection = ulmo::connect_to(MSGBUS_SAP_WARDEN, error);
+            const std::string payload = action_payload();
+            if (error == 0) {
+                ulmo::send_packet(connection.get(), 1381, 1, payload.data(), static_cast<uint32_t>(payload.size()));
+                pollfd readable{connection.get(), POLLIN, 0};
+                std::unique_ptr<msgbus_message> message;
+                if (::poll(&readable, 1, 5000) != 1 || ulmo::receive_packet(connection.get(), message) != ulmo::Receipt::closed) {
+                    ::_exit(2);
+                }
+            }
+            ::_exit(error == expected ? 0 : 3);
+        });
+    };
+    ask_as_nobody(0); // he trusts the superuser's server
+    EXPECT_EQ(count("msgbus: access point 3: process # of user 65534 refused"), 1U);
+    stop();
+    EXPECT_EQ(told_, Told{});
+    EXPECT_EQ(content(startup()), old_text);
+}
+
+TEST_F(Warden, NobodyFillsTheLogByKnocking) {
+    REQUIRE_SUPERUSER("acts as another user");
+    prepare_and_start();
+    const auto began = std::chrono::steady_clock::now();
+    elsewhere([] {
+        constexpr uid_t nobody = 65534;
+        constexpr int knocks = 300;
+        if (::setresuid(nobody, nobody, nobody) != 0) {
+            ::_exit(1);
+        }
+        for (int heard = 0; heard < knocks;) {
+            int error = 0;
+            const ulmo::UniqueFd connection = ulmo::connect_to(MSGBUS_SAP_WARDEN, error);
+            if (error == 0) {
+                ++heard;
+            } else { // its queue is full
+                std::this_thread::sleep_for(1ms);
+            }
+        }
+        ::_exit(0);
+    });
+    stop();
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - began).count();
+    EXPECT_GE(count("msgbus: access point 3: process # of user 65534 refused; there may be more within this second"), 1U);
+    const std::size_t lines = count("msgbus: access point 3: process # of user 65534 refused*");
+    EXPECT_GE(lines, 10U);
+    EXPECT_LE(lines, 10U * (static_cast<std::size_t>(seconds) + 2)) << "ten a second";
+}
+
+TEST_F(Warden, WhateverTextArrivesIsLoggedOnOneLine) {
+    prepare_and_start();
+    const auto lines_before = log().size();
+    // The fields may be full to the last octet.
+    const std::string user = "eve\nready\x1b[2J\x7f %s%n" + std::string(32, 'x');
+    Request request(MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION, action_payload(Scope::startup, user, "\r\t"));
+    EXPECT_EQ(request.answer(), WARDEN_CFG_ACTION_INITIATED);
+    EXPECT_EQ(request.end(), 0U);
+    ASSERT_EQ(log().size(), lines_before + 2);
+    EXPECT_EQ(log()[lines_before], "save to the startup configuration of this switch asked by user \"eve?ready?[2J? %s%n" +
+                                       std::string(32 - 19, 'x') + "\", session \"??\", process " + std::to_string(::getpid()));
+    EXPECT_EQ(count("ready"), 1U);
+}
+
+// --- its own end ---
+
+TEST_F(Warden, ASaveIsGivenUpWhenItIsToldToEnd) {
+    for (const int signal : {SIGTERM, SIGINT}) {
+        prepare_and_start();
+        auto held = hold_device();
+        Request request = ask();
+        EXPECT_EQ(request.answer(), WARDEN_CFG_ACTION_INITIATED);
+        const pid_t process = action();
+        warden_->signal(signal);
+        ASSERT_TRUE(comes_true([process] { return is_told_to_stop(process); }));
+        EXPECT_FALSE(warden_->ended()) << "it waits for the action's end";
+        held.reset();
+        EXPECT_EQ(request.end(), ulmo::warden_err_given_up);
+        EXPECT_EQ(request.text(), "given up");
+        EXPECT_EQ(warden_->wait(), 0);
+        hear();
+        EXPECT_EQ(told_, (Told{begun, ended_given_up}));
+        EXPECT_EQ(content(startup()), old_text);
+        EXPECT_TRUE(is_gone(process));
+        EXPECT_EQ(log().back(), "ended");
+        EXPECT_FALSE(std::filesystem::exists(scratch_.run("action-in-progress")));
+        EXPECT_FALSE(std::filesystem::exists(ulmo::sap_path(MSGBUS_SAP_WARDEN)));
+        told_.clear();
+    }
+}
+
+TEST_F(Warden, WhileItEndsANewRequestIsLeftAlone) {
+    prepare_and_start();
+    auto held = hold_device();
+    Request request = ask();
+    EXPECT_EQ(request.answer(), WARDEN_CFG_ACTION_INITIATED);
+    const pid_t process = action();
+    warden_->signal(SIGTERM);
+    ASSERT_TRUE(comes_true([process] { return is_told_to_stop(process); }));
+    Request late = ask();
+    const unsigned long rests = rests_of(warden_->pid());
+    EXPECT_TRUE(comes_true([&] { return rests_of(warden_->pid()) >= rests + 3; })) << "it runs in circles";
+    held.reset();
+    EXPECT_EQ(warden_->wait(), 0);
+    EXPECT_TRUE(late.is_closed_without_answer());
+    hear();
+    EXPECT_EQ(told_, (Told{begun, ended_given_up}));
+}
+
+TEST_F(Warden, WhoeverStartsAfterAKilledOneTellsTheAgentOnce) {
+    prepare_and_start();
+    auto held = hold_device();
+    Request request = ask();
+    EXPECT_EQ(request.answer(), WARDEN_CFG_ACTION_INITIATED);
+    hear(1);
+    const pid_t process = action();
+    warden_->signal(SIGKILL);
+    EXPECT_EQ(warden_->wait(), -SIGKILL);
+    EXPECT_TRUE(request.is_closed_without_answer());
+    EXPECT_TRUE(comes_true([process] { return is_gone(process); })) << "the action ends with it";
+    file("state/system.cfg.new", "hostname unfinished\n"); // as one killed later would have left it
+    held.reset();
+    start();
+    hear(2);
+    EXPECT_EQ(told_, (Told{begun, ended_given_up}));
+    EXPECT_EQ(count("an action was not finished when the system manager ended; the agent is told that it failed"), 1U);
+    EXPECT_EQ(content(startup()), old_text);
+    stop();
+    start();
+    EXPECT_EQ(told_.size(), 2U) << "once";
+    Request next = ask();
+    EXPECT_EQ(next.answer(), WARDEN_CFG_ACTION_INITIATED);
+    EXPECT_EQ(next.end(), 0U);
+    EXPECT_EQ(content(startup()), new_text);
+    EXPECT_FALSE(std::filesystem::exists(state() / "system.cfg.new"));
+    stop();
+    EXPECT_EQ(told_, (Told{begun, ended_given_up, begun, ended_well}));
+}
+
+TEST_F(Warden, AnActionWhoseProcessIsKilledHasFailed) {
+    prepare_and_start();
+    auto held = hold_device();
+    Request request = ask();
+    EXPECT_EQ(request.answer(), WARDEN_CFG_ACTION_INITIATED);
+    send_signal(action(), SIGKILL);
+    EXPECT_EQ(request.end(), ulmo::warden_err_store);
+    EXPECT_EQ(request.text(), "the process of the action was ended by signal 9");
+    held.reset();
+    stop();
+    EXPECT_EQ(told_, (Told{begun, ended_badly}));
+    EXPECT_EQ(content(startup()), old_text);
+}
+
+// --- its start ---
+
+TEST_F(Warden, TheSwitchStartsOnceABoot) {
+    file("state/system.cfg", old_text);
+    file("state/running.cfg", "hostname lost\n"); // not saved before the machine went down
+    file("state/system.cfg.new", "hostname unfinished\n");
+    file("run/started", "another boot");
+    start();
+    EXPECT_EQ(content(running()), old_text);
+    EXPECT_EQ(count("the switch starts: the startup configuration is the running configuration now"), 1U);
+    ulmo::make_device_backend()->apply("hostname new\n");
+    stop();
+    start();
+    EXPECT_EQ(content(running()), new_text) << "another system manager is no start of the switch";
+    EXPECT_EQ(count("the switch has been started before: the running configuration stays"), 1U);
+    stop();
+    std::filesystem::remove(scratch_.run("started"));
+    start();
+    EXPECT_EQ(content(running()), old_text);
+    EXPECT_EQ(content(startup()), old_text);
+}
+
+TEST_F(Warden, TheFirstStartIsFromTheFactoryDefault) {
+    start();
+    EXPECT_EQ(content(running()), "hostname switch\nend\n");
+    EXPECT_EQ(content(scratch_.run("started")), boot_id());
+}
+
+TEST_F(Warden, ServesWithAStartupConfigurationThatIsNotValid) {
+    file("state/system.cfg", "hostname a\nbogus\n");
+    file("state/running.cfg", new_text);
+    start();
+    EXPECT_EQ(count("the startup configuration can't become the running configuration: " + startup().string() +
+                    " is not valid: line 2: unknown statement 'bogus'"),
+              1U);
+    EXPECT_EQ(content(running()), new_text);
+    EXPECT_FALSE(std::filesystem::exists(scratch_.run("started"))) << "the next one tries again";
+    Request request = ask();
+    EXPECT_EQ(request.answer(), WARDEN_CFG_ACTION_INITIATED);
+    EXPECT_EQ(request.end(), 0U);
+    EXPECT_EQ(content(startup()), new_text) << "the way out";
+}
+
+TEST_F(Warden, OneAtATime) {
+    prepare_and_start();
+    Program second("wardend", {}, directory_ / "stdout2", directory_ / "log2");
+    EXPECT_EQ(second.wait(), 1);
+    EXPECT_EQ(content(directory_ / "log2"), "can't serve: another system manager runs\n");
+    Request request = ask();
+    EXPECT_EQ(request.answer(), WARDEN_CFG_ACTION_INITIATED) << "the first one is unharmed";
+    EXPECT_EQ(request.end(), 0U);
+}
+
+TEST_F(Warden, CantServeWithoutItsDirectories) {
+    agent_.reset();
+    std::filesystem::remove_all(directory_ / "run");
+    const auto in_the_way = file("run", "no folder");
+    Program program("wardend", {}, directory_ / "stdout", log_file());
+    EXPECT_EQ(program.wait(), 1);
+    ASSERT_EQ(log().size(), 1U);
+    EXPECT_EQ(log().front().rfind("can't serve: ", 0), 0U) << testing::PrintToString(log());
+    EXPECT_NE(log().front().find("Not a directory"), std::string::npos) << testing::PrintToString(log());
+}
+
+TEST_F(Warden, AWrongCallIs2) {
+    Program program("wardend", {"--help"}, directory_ / "stdout", log_file());
+    EXPECT_EQ(program.wait(), 2);
+    EXPECT_EQ(log(), std::vector<std::string>{"usage: wardend"});
+}
+
+TEST_F(Warden, ItsFilesAreTheOwnersOnly) {
+    const mode_t old = ::umask(0);
+    prepare();
+    std::filesystem::remove(scratch_.run("started"));
+    start();
+    ::umask(old);
+    Request request = ask();
+    EXPECT_EQ(request.answer(), WARDEN_CFG_ACTION_INITIATED);
+    EXPECT_EQ(request.end(), 0U);
+    EXPECT_EQ(permissions(startup()), 0600U);
+    EXPECT_EQ(permissions(running()), 0600U);
+    for (const auto &entry : std::filesystem::recursive_directory_iterator(directory_ / "run")) {
+        if (!entry.is_socket()) { // at these everybody may knock
+            EXPECT_EQ(permissions(entry.path()) & 022U, 0U) << entry.path();
+        }
+    }
+}
+
+// --- an agent that is slow ---
+
+TEST_F(Warden, AnAgentThatIsBusyIsToldLater) {
+    agent_.reset();
+    prepare_and_start();
+    const ulmo::UniqueFd listener = ulmo::make_bus_socket();
+    const ulmo::SocketAddress address(ulmo::sap_path(MSGBUS_SAP_AGENT));
+    std::filesystem::remove(ulmo::sap_path(MSGBUS_SAP_AGENT));
+    ASSERT_EQ(::bind(listener.get(), address.get(), address.length()), 0);
+    ASSERT_EQ(::listen(listener.get(), 0), 0); // room for one
+    Request request = ask();
+    EXPECT_EQ(request.answer(), WARDEN_CFG_ACTION_INITIATED);
+    EXPECT_EQ(request.end(), 0U);
+    warden_->signal(SIGTERM);
+    ASSERT_TRUE(comes_true([&] { return !is_told_to_stop(warden_->pid()); })); // it has taken the signal
+    const unsigned long rests = rests_of(warden_->pid());
+    EXPECT_TRUE(comes_true([&] { return rests_of(warden_->pid()) >= rests + 2; })) << "a message waits";
+    std::vector<uint32_t> opcodes;
+    EXPECT_TRUE(comes_true([&] {
+        const ulmo::UniqueFd connection(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        std::unique_ptr<msgbus_message> message;
+        if (connection && ulmo::receive_packet(connection.get(), message) == ulmo::Receipt::message) {
+            opcodes.push_back(message->opcode);
+        }
+        return opcodes.size() == 2;
+    }));
+    EXPECT_EQ(opcodes, (std::vector<uint32_t>{1391, 1361}));
+    EXPECT_EQ(warden_->wait(), 0);
+    EXPECT_EQ(count("message *"), 0U) << "none was lost";
+}
+
+} // namespace

@@ -1,0 +1,38 @@
+// A private directory, and a session of the client under test.
+#pragma once
+
+#include "tests/unit/tftp/scripted_server.h"
+#include "tftp/session.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+
+namespace tftp_test {
+
+constexpr int system_result(int number) {
+    return -(100 + number);
+}
+
+// Octets that differ from block to block.
+std::string content_of(std::size_t octets);
+
+class TftpTest : public testing::Test {
+  protected:
+    TftpTest();
+    ~TftpTest() override;
+
+    void connect(const TestServer &server) { ASSERT_EQ(session.connect(server.address(), server.port()), 0); }
+    [[nodiscard]] std::string path(const std::string &name) const { return (directory / name).string(); }
+    // Makes a file; its path.
+    std::string write(const std::string &name, const std::string &content) const;
+    [[nodiscard]] std::string read(const std::string &name) const;
+    // Names in the directory, hidden ones included.
+    [[nodiscard]] std::size_t entries() const;
+
+    std::filesystem::path directory;
+    ulmo::tftp::Session session;
+};
+
+} // namespace tftp_test

@@ -1,0 +1,357 @@
+#include "tftp/transfer.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <memory>
+#include <system_error>
+#include <utility>
+#include <variant>
+#include <vector>
+
+namespace ulmo::tftp {
+namespace {
+
+// The soonest that a repeated acknowledgment means more than a doubled packet: on a short path the processes' turns, not the network,
+// decide how far apart doubles come.
+constexpr Clock::duration least_doubt = std::chrono::milliseconds(10);
+
+// Which of the blocks near `around` has this number on the wire: numbers have 16 bits and go on with 0 after 65535.
+std::uint64_t unwrapped(std::uint16_t number, std::uint64_t around) {
+    const auto distance = static_cast<std::int16_t>(static_cast<std::uint16_t>(number - static_cast<std::uint16_t>(around)));
+    return around + static_cast<std::uint64_t>(std::int64_t{distance});
+}
+
+std::uint16_t wire_number(std::uint64_t block) {
+    return static_cast<std::uint16_t>(block);
+}
+
+// A conversation from the server's first answer on.
+class Conversation {
+  public:
+    Conversation(const Endpoint &server, Opcode opcode, const std::string &name, std::uint64_t size) : clock_(server.patience) {
+        Options asked = options_for(server, size);
+        auto request = encode_request(opcode, name, asked);
+        if (!request) {
+            // A long name may leave no room for options.
+            asked = {};
+            request = encode_request(opcode, name, asked);
+        }
+        if (!request) {
+            throw system_error(ENAMETOOLONG);
+        }
+        if (!open(server, opcode, *request, asked)) {
+            clock_ = Retransmission(server.patience);
+            open(server, opcode, *encode_request(opcode, name, {}), {});
+        }
+    }
+
+    // The block and window sizes and the size of the file, as agreed.
+    [[nodiscard]] std::size_t block_size() const { return agreed_.block_size.value_or(default_block_size); }
+    [[nodiscard]] std::uint64_t window_size() const { return agreed_.window_size.value_or(1); }
+    [[nodiscard]] std::optional<std::uint64_t> transfer_size() const { return agreed_.transfer_size; }
+
+    // The server's first answer. It may be a block of data, which the next call of wait() overwrites.
+    [[nodiscard]] const Packet &first() const { return first_; }
+
+    // The server's next packet, or nothing if it is time to repeat. Throws when the server sends an error and when patience ends.
+    std::optional<Packet> wait() {
+        auto packet = channel_->receive(clock_.wake());
+        if (!packet && !clock_.repeat()) {
+            throw system_error(channel_->unreachable() != 0 ? channel_->unreachable() : ETIMEDOUT);
+        }
+        if (const auto *error = packet ? std::get_if<Error>(&*packet) : nullptr) {
+            throw server_error(*error);
+        }
+        return packet;
+    }
+
+    void send(Octets packet) { channel_->send(packet); }
+    Retransmission &clock() { return clock_; }
+
+    // Tells the server why the transfer ends.
+    void refuse(ErrorCode code, const std::string &text) {
+        try {
+            channel_->send(encode_error(code, text));
+        } catch (const TransferError &) {
+            // What made us refuse is the result, not that the server may miss the word.
+        }
+    }
+
+    // Does what concerns the file on this side, and tells the server if that fails.
+    template <typename Work> auto locally(Work &&work) {
+        try {
+            return work();
+        } catch (const TransferError &failure) {
+            const int number = -failure.result() - 100;
+            const bool full = number == ENOSPC || number == EDQUOT || number == EFBIG;
+            refuse(full ? ErrorCode::disk_full : ErrorCode::undefined, std::generic_category().message(number));
+            throw;
+        }
+    }
+
+  private:
+    // Sends the request until the server answers. False if the server refuses the options.
+    bool open(const Endpoint &server, Opcode opcode, Octets request, const Options &asked) {
+        // Repetitions of an earlier request's answer go to an earlier socket, and so can't be taken for this one's.
+        channel_ = std::make_unique<Channel>(server);
+        clock_.sent();
+        channel_->send(request);
+        for (;;) {
+            auto packet = channel_->receive(clock_.wake());
+            if (!packet) {
+                if (!clock_.repeat()) {
+                    throw system_error(ETIMEDOUT);
+                }
+                channel_->send(request);
+                continue;
+            }
+            if (const auto *error = std::get_if<Error>(&*packet)) {
+                if (error->code == static_cast<std::uint16_t>(ErrorCode::options_refused) && !asked.empty()) {
+                    return false;
+                }
+                throw server_error(*error);
+            }
+            if (const auto *answer = std::get_if<OptionAcknowledgment>(&*packet)) {
+                channel_->adopt();
+                const auto agreed = agree(opcode, asked, *answer);
+                if (!agreed) {
+                    const std::string reason = "Options answered other than asked for";
+                    refuse(ErrorCode::options_refused, reason);
+                    throw TransferError(-static_cast<int>(ErrorCode::options_refused), reason);
+                }
+                agreed_ = *agreed;
+            } else if (!starts_plainly(opcode, *packet)) {
+                continue;
+            } else {
+                channel_->adopt();
+            }
+            clock_.progressed();
+            first_ = std::move(*packet);
+            return true;
+        }
+    }
+
+    static bool starts_plainly(Opcode opcode, const Packet &packet) {
+        if (opcode == Opcode::read_request) {
+            const auto *data = std::get_if<Data>(&packet);
+            return data != nullptr && data->block == 1;
+        }
+        const auto *acknowledgment = std::get_if<Acknowledgment>(&packet);
+        return acknowledgment != nullptr && acknowledgment->block == 0;
+    }
+
+    Retransmission clock_;
+    std::unique_ptr<Channel> channel_;
+    Options agreed_;
+    Packet first_;
+};
+
+// The receiving side: takes blocks in order, acknowledges each window and, once a gap shows, the last block before it.
+class Receiver {
+  public:
+    Receiver(Conversation &conversation, const Sink &sink) : conversation_(conversation), sink_(sink) {}
+
+    void run() {
+        std::optional<Packet> packet = conversation_.first();
+        while (!take(packet)) {
+            packet = conversation_.wait();
+        }
+        // The last acknowledgment may get lost. Then the server repeats its last block, meets a closed port, and ends.
+    }
+
+  private:
+    // True after the last block.
+    bool take(const std::optional<Packet> &packet) {
+        if (!packet) {
+            acknowledge_again();
+        } else if (const auto *data = std::get_if<Data>(&*packet)) {
+            return take_block(*data);
+        } else if (std::holds_alternative<OptionAcknowledgment>(*packet) && expected_ == 1) {
+            acknowledge();
+        }
+        return false;
+    }
+
+    bool take_block(const Data &data) {
+        const std::uint64_t block = unwrapped(data.block, expected_);
+        if (block != expected_) {
+            // Behind a gap, and with a block that was acknowledged before, the server needs to hear where we are; but once a round trip is
+            // enough, since it may have sent all of a window before it could.
+            const bool gap = block > expected_ && (!gap_told_ || Clock::now() - acknowledged_at_ > 2 * conversation_.clock().round_trip());
+            const bool repetition = block + 1 == expected_ && block == acknowledged_;
+            if (gap || repetition) {
+                acknowledge_again();
+            }
+            return false;
+        }
+        check(data.payload.size());
+        conversation_.locally([&] { sink_(data.payload); });
+        ++expected_;
+        gap_told_ = false;
+        conversation_.clock().progressed();
+        const bool last = data.payload.size() < conversation_.block_size();
+        if (last || block - acknowledged_ == conversation_.window_size()) {
+            acknowledge();
+        }
+        return last;
+    }
+
+    void check(std::size_t octets) {
+        if (octets > conversation_.block_size()) {
+            const std::string reason = "Block longer than agreed";
+            conversation_.refuse(ErrorCode::illegal_operation, reason);
+            throw system_error(EPROTO, reason);
+        }
+        total_ += octets;
+        const auto announced = conversation_.transfer_size();
+        if (announced && (total_ > *announced || (octets < conversation_.block_size() && total_ != *announced))) {
+            const std::string reason = "File of " + std::to_string(total_) + (total_ > *announced ? " or more" : "") +
+                                       " octets, announced were " + std::to_string(*announced);
+            conversation_.refuse(ErrorCode::undefined, reason);
+            throw system_error(EPROTO, reason);
+        }
+    }
+
+    void acknowledge() {
+        send_acknowledgment();
+        conversation_.clock().sent();
+    }
+
+    void acknowledge_again() {
+        send_acknowledgment();
+        conversation_.clock().resent();
+        gap_told_ = true;
+    }
+
+    void send_acknowledgment() {
+        acknowledged_ = expected_ - 1;
+        acknowledged_at_ = Clock::now();
+        conversation_.send(encode_acknowledgment(wire_number(acknowledged_)));
+    }
+
+    Conversation &conversation_;
+    const Sink &sink_;
+    std::uint64_t expected_ = 1;
+    std::uint64_t acknowledged_ = 0;
+    std::uint64_t total_ = 0;
+    bool gap_told_ = false;
+    Clock::time_point acknowledged_at_;
+};
+
+// The sending side: keeps a window of blocks under way and goes back to the first one that the server lacks.
+class Sender {
+  public:
+    Sender(Conversation &conversation, std::uint64_t size, const Source &source)
+        : conversation_(conversation), size_(size), source_(source), last_(size / conversation.block_size() + 1),
+          packet_(header_octets + conversation.block_size()) {}
+
+    void run() {
+        while (unacknowledged_ <= last_) {
+            send_window();
+            const auto packet = conversation_.wait();
+            if (!packet) {
+                next_ = unacknowledged_;
+            } else if (const auto *acknowledgment = std::get_if<Acknowledgment>(&*packet)) {
+                take(*acknowledgment);
+            }
+        }
+    }
+
+  private:
+    void send_window() {
+        const std::uint64_t end = std::min(unacknowledged_ + conversation_.window_size(), last_ + 1);
+        if (next_ == unacknowledged_) {
+            window_sent_at_ = Clock::now();
+        }
+        for (; next_ < end; ++next_) {
+            send_block(next_);
+        }
+    }
+
+    void send_block(std::uint64_t block) {
+        const std::uint64_t offset = (block - 1) * conversation_.block_size();
+        const std::size_t octets = static_cast<std::size_t>(std::min<std::uint64_t>(conversation_.block_size(), size_ - offset));
+        const std::span<std::uint8_t> payload = std::span(packet_).subspan(header_octets, octets);
+        conversation_.locally([&] {
+            if (octets > 0 && source_(offset, payload) != octets) {
+                throw system_error(EIO, "the file became shorter while it was sent");
+            }
+        });
+        put_data_header(packet_, wire_number(block));
+        if (block > highest_) {
+            highest_ = block;
+            conversation_.clock().sent();
+        }
+        conversation_.send(Octets(packet_).first(header_octets + octets));
+    }
+
+    void take(const Acknowledgment &acknowledgment) {
+        const std::uint64_t block = unwrapped(acknowledgment.block, unacknowledged_);
+        if (block >= unacknowledged_ && block <= highest_) {
+            if (block != highest_) {
+                conversation_.clock().resent(); // not the answer to what went out last
+            }
+            unacknowledged_ = block + 1;
+            next_ = unacknowledged_;
+            conversation_.clock().progressed();
+        } else if (block + 1 == unacknowledged_ && lacks_first_of_window()) {
+            gone_back_to_ = unacknowledged_;
+            next_ = unacknowledged_;
+            conversation_.clock().resent();
+        }
+    }
+
+    // Whether an acknowledgment that came once more says that the server lacks the first block of the window, rather than that the network
+    // doubled a packet. To answer a mere double would double every packet from then on (RFC 1123, section 4.2.3.1): so never without a
+    // window, never sooner than the server could have seen what it misses, and never for two windows in a row.
+    [[nodiscard]] bool lacks_first_of_window() const {
+        const std::uint64_t window = conversation_.window_size();
+        const Clock::duration soonest = std::max<Clock::duration>(conversation_.clock().round_trip() / 2, least_doubt);
+        return window > 1 && Clock::now() - window_sent_at_ > soonest && (!gone_back_to_ || unacknowledged_ > *gone_back_to_ + window);
+    }
+
+    Conversation &conversation_;
+    std::uint64_t size_;
+    const Source &source_;
+    std::uint64_t last_;
+    std::vector<std::uint8_t> packet_;
+    std::uint64_t unacknowledged_ = 1; // first block that the server has not acknowledged
+    std::uint64_t next_ = 1;           // next block to send
+    std::uint64_t highest_ = 0;        // highest block sent so far
+    Clock::time_point window_sent_at_;
+    std::optional<std::uint64_t> gone_back_to_; // first block of the window last sent again for an acknowledgment that came once more
+};
+
+} // namespace
+
+Options options_for(const Endpoint &server, std::uint64_t transfer_size) {
+    // What a window may occupy of the other side's socket buffer, of which nothing but the kernel's usual default is known; each packet
+    // costs more there than its octets.
+    constexpr std::size_t window_octets = std::size_t{160} * 1024;
+    constexpr std::size_t packet_overhead = 1024;
+    // Servers give up after about five of their timeouts: so they are as patient as we are. Loss is found sooner by the measured round
+    // trip.
+    constexpr int server_repetitions = 5;
+
+    const std::size_t payload = std::max(path_payload(server), header_octets) - header_octets;
+    Options options;
+    options.block_size =
+        std::min(static_cast<std::uint16_t>(std::clamp<std::size_t>(payload, default_block_size, largest_block_size)), server.block_size);
+    options.timeout = static_cast<std::uint8_t>(std::clamp<long>(server.patience.count() / server_repetitions, 1, 255));
+    options.transfer_size = transfer_size;
+    options.window_size =
+        static_cast<std::uint16_t>(std::clamp<std::size_t>(window_octets / (*options.block_size + packet_overhead), 1, server.window_size));
+    return options;
+}
+
+void write_file(const Endpoint &server, const std::string &name, std::uint64_t size, const Source &source) {
+    Conversation conversation(server, Opcode::write_request, name, size);
+    Sender(conversation, size, source).run();
+}
+
+void read_file(const Endpoint &server, const std::string &name, const Sink &sink) {
+    Conversation conversation(server, Opcode::read_request, name, 0);
+    Receiver(conversation, sink).run();
+}
+
+} // namespace ulmo::tftp
