@@ -1,4 +1,4 @@
-// Work in plain children of the test's process, which may become other users and end as they like.
+// Work in plain children of the test's process, which may become other users and end as they like; and the programs of the build.
 #pragma once
 
 #include <sys/wait.h>
@@ -6,7 +6,9 @@
 
 #include <cstdio>
 #include <exception>
+#include <filesystem>
 #include <functional>
+#include <string>
 
 namespace host_test {
 
@@ -33,6 +35,14 @@ inline int exit_status_of(pid_t child) {
 
 inline int in_child(const std::function<int()> &work) {
     return exit_status_of(start_child(work));
+}
+
+// A program that was built beside the tests; in the shell's quotes, as the build may lie anywhere.
+inline std::string program(const std::string &name) {
+    return std::filesystem::read_symlink("/proc/self/exe").parent_path() / name;
+}
+inline std::string quoted_program(const std::string &name) {
+    return '"' + program(name) + '"';
 }
 
 } // namespace host_test

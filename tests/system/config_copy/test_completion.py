@@ -1,6 +1,7 @@
 """The completion for bash, and that it and the manual know every option."""
 
 import re
+import shlex
 
 import pytest
 from command import *
@@ -11,7 +12,7 @@ COMPLETION = REPOSITORY / "config-copy/config-copy.bash-completion"
 
 def completed(*words):
     """What bash offers for the last word."""
-    script = f"source {COMPLETION}; COMP_LINE=\"config-copy $*\" COMP_POINT=1000; _config_copy config-copy \"${{@: -1}}\" -; printf '%s\\n' \"${{COMPREPLY[@]}}\""
+    script = f"source {shlex.quote(str(COMPLETION))}; COMP_LINE=\"config-copy $*\" COMP_POINT=1000; _config_copy config-copy \"${{@: -1}}\" -; printf '%s\\n' \"${{COMPREPLY[@]}}\""
     return run("bash", "-c", script, "bash", *words).split()
 
 

@@ -497,7 +497,7 @@ TEST_F(HostMsgbus, ServesOnWithoutTheRunDirectory) {
     REQUIRE_SUPERUSER("acts as another user");
     const auto above = directory_.path() / "above";
     const host_test::ScopedVariable run_variable("ULMO_RUN_DIR", above / "run");
-    ulmo::log_debug("a process makes the history, and the run directory with it, when it logs for the first time");
+    ulmo::log_error("a process makes the history, and the run directory with it, when it logs for the first time");
     for (const bool can_be_made : {true, false}) {
         MsgbusServer server(sap);
         EXPECT_EQ(tell_as_nobody(1391), 0);

@@ -2,6 +2,7 @@
 
 #include "platform/host/system_manager/status.h"
 #include "platform/system_manager.h"
+#include "tests/unit/child.h"
 #include "tests/unit/host/device/fixture.h"
 
 #include <fcntl.h>
@@ -209,10 +210,9 @@ class CmdshellProgram : public DeviceTest {
 
     // Runs cmdshell with standard input from a file of that text, and standard output to `sink` unless that is empty.
     Result run(const std::vector<std::string> &arguments, const std::string &input = "", const std::string &sink = "") const {
-        const auto program = std::filesystem::read_symlink("/proc/self/exe").parent_path() / "cmdshell";
         const auto in = file("stdin", input);
         const std::string out = sink.empty() ? (directory_ / "stdout").string() : sink;
-        std::string command = "exec " + program.string();
+        std::string command = "exec " + host_test::quoted_program("cmdshell");
         for (const std::string &argument : arguments) {
             command += " '" + argument + "'";
         }

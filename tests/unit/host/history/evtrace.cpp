@@ -3,6 +3,7 @@
 #include "platform/host/history/log.h"
 #include "platform/host/history/ring.h"
 #include "platform/utilities.h"
+#include "tests/unit/child.h"
 #include "tests/unit/scratch.h"
 
 #include <gtest/gtest.h>
@@ -469,17 +470,13 @@ TEST_F(EvtraceDeathTest, IsCheap) {
 
 // --- the program ---
 
-std::filesystem::path program(const std::string &name) {
-    return std::filesystem::read_symlink("/proc/self/exe").parent_path() / name;
-}
-
 struct Output {
     int status = -1;
     std::string text;
 };
 
 Output run_history(const std::string &arguments) {
-    const std::string command = program("ulmo-history").string() + ' ' + arguments + " 2>&1";
+    const std::string command = host_test::quoted_program("ulmo-history") + ' ' + arguments + " 2>&1";
     std::FILE *pipe = ::popen(command.c_str(), "r");
     Output output;
     char line[4096];
@@ -541,7 +538,7 @@ TEST_F(HistoryProgram, FollowsAlsoIntoANewHistory) {
     HistoryRing ring = HistoryRing::open(file, 64);
     ring.write(module_id, EVTRACE_DEBUG, "before");
     const auto printed = scratch.root() / "printed";
-    const std::string binary = program("ulmo-history");
+    const std::string binary = host_test::program("ulmo-history");
     const pid_t child = ::fork();
     if (child == 0) {
         const int output = ::open(printed.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);

@@ -1,4 +1,5 @@
 // The program brix-tftp: its arguments, exit status and what it says.
+#include "tests/unit/child.h"
 #include "tests/unit/tftp/fixture.h"
 
 #include <sys/wait.h>
@@ -16,9 +17,8 @@ struct Ended {
 
 // Runs the program with arguments as a shell reads them.
 Ended brix_tftp(const std::string &arguments) {
-    const std::string program = std::filesystem::read_symlink("/proc/self/exe").parent_path() / "brix-tftp";
     Ended ended;
-    FILE *errors = ::popen((program + " " + arguments + " 2>&1 >/dev/null").c_str(), "r");
+    FILE *errors = ::popen((host_test::quoted_program("brix-tftp") + " " + arguments + " 2>&1 >/dev/null").c_str(), "r");
     if (errors == nullptr) {
         return ended;
     }

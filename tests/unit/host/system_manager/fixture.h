@@ -7,6 +7,7 @@
 #include "platform/host/system_manager/status.h"
 #include "platform/msgbus.h"
 #include "platform/system_manager.h"
+#include "tests/unit/child.h"
 #include "tests/unit/host/device/fixture.h"
 
 #include <arpa/inet.h>
@@ -55,7 +56,7 @@ class Program {
     // Its standard output goes to the file `output`, its standard error to the end of the file `errors`.
     Program(const std::string &name, const std::vector<std::string> &arguments, const std::filesystem::path &output,
             const std::filesystem::path &errors) {
-        const std::string path = std::filesystem::read_symlink("/proc/self/exe").parent_path() / name;
+        const std::string path = program(name);
         std::vector<char *> argv{const_cast<char *>(path.c_str())};
         for (const std::string &argument : arguments) {
             argv.push_back(const_cast<char *>(argument.c_str()));
