@@ -271,7 +271,7 @@ class Run {
                                   (rest.empty() ? "save was given up: does the system manager run?" : "request was removed; " + rest) +
                                   " (--time-limit gives more time)");
             }
-            progress_("copying", elapsed);
+            progress_("copy running", elapsed);
             pause_for(pause);
             pause = std::min<Milliseconds>(pause * 3 / 2, 1s);
         }

@@ -17,7 +17,7 @@ def no_row_stays(operator):
 
 def check(done, status, text):
     """One clear line."""
-    assert (done.status, done.out.replace(f"{AGENT}: copying\n", ""), done.err) == (status, "", f"config-copy: {text}\n")
+    assert (done.status, done.out.replace(f"{AGENT}: copy running\n", ""), done.err) == (status, "", f"config-copy: {text}\n")
 
 
 # 1: the copy failed
@@ -86,7 +86,7 @@ def test_time_limit_of_a_transfer(words, rest, broken_link):
 @TRANSFERS
 def test_interruption_of_a_transfer(operator, words, rest, broken_link):
     process = started(AGENT, *words)
-    assert process.stdout.readline() == f"{AGENT}: copying\n"
+    assert process.stdout.readline() == f"{AGENT}: copy running\n"
     process.send_signal(signal.SIGINT)
     done = ended(process)
     assert (done.status, done.err) == (-signal.SIGINT, f"\nconfig-copy: interrupted: no request stays on the switch; once begun, {rest}\n")
@@ -307,7 +307,7 @@ def test_interruption_aborts_a_save(operator, number, lines_of, tmp_path):
     before = startup()
     with busy_device():
         process = started(AGENT, "running", "startup")
-        assert process.stdout.readline() == f"{AGENT}: copying\n"
+        assert process.stdout.readline() == f"{AGENT}: copy running\n"
         process.send_signal(number)
         done = ended(process)
         assert (done.status, done.err) == (-number, "\nconfig-copy: interrupted: no request stays on the switch\n")
