@@ -68,6 +68,7 @@ static void withdraw_variables(void) {
 }
 
 int init_config_copy_mib(void) {
+    /* The platform's, by the linker's --wrap, as is unregister_mib(): it registers the variables in the contexts of VRFs, too. */
     if (register_mib(MODULE_NAME, reinterpret_cast<struct variable *>(config_copy_mib_variables), sizeof(struct variable7),
                      CC_VARIABLE_COUNT, config_copy_mib_variables_oid, CC_ROOT_OID_LENGTH) != MIB_REGISTERED_OK &&
         snmp_get_do_debugging() != 0) {

@@ -187,7 +187,7 @@ static_assert(sizeof(void *) != 4 || (sizeof(struct variable7) == 40 && 13 * siz
 
 extern "C" {
 
-/* --- log (copy_store.cpp) ------------------------------------------------------------------------------------------------------- */
+/* --- the two logs (copy_log.cpp) */
 
 /* Formats a message once and gives it to the debug history and to the debug print, as far as either wants it. `subtype` is EVTRACE_DEBUG or
  * EVTRACE_ERROR. Messages longer than 511 octets are cut. Keeps errno. */
@@ -197,6 +197,9 @@ void cc_log(uint32_t subtype, const char *format, ...) __attribute__((format(pri
 void cc_trace(const char *format, ...) __attribute__((format(printf, 1, 2)));
 /* The same with the usual prefix: function, line and function again, a colon, and then the text. */
 #define CC_TRACE(format, ...) cc_trace("%s(%d):%s" format, __func__, __LINE__, __func__ __VA_OPT__(, ) __VA_ARGS__)
+
+CC_EXPORT extern int32_t is_snmp_debug_enabled; /* non-zero: write the trace file; written only from outside the module */
+CC_EXPORT FILE *trace_file_get(void);
 
 /* --- module frame (config_copy_mib.cpp) ------------------------------------------------------------------------------------------- */
 
@@ -210,12 +213,11 @@ CC_EXPORT void set_ccCopyTable_setmethods(uint8_t magic, WriteMethod **write_met
 CC_EXPORT unsigned char *get_config_copy_mib(struct variable *vp, oid *name, size_t *length, int exact, size_t *var_len,
                                              WriteMethod **write_method);
 
-/* --- record store and trace file (copy_store.cpp) ---------------------------------------------------------------------------------- */
+/* --- rows (copy_store.cpp) ---------------------------------------------------------------------------------- */
 
-extern struct keyedset ccCopyTable;             /* the rows; present exactly while it holds one; written by the store */
-extern int32_t child_copy_running;              /* 1 while a worker runs; set by start_copy(), cleared by handle_copy_done() */
-CC_EXPORT extern unsigned int ageouttimer;      /* handle of the age-out alarm; written by the store */
-CC_EXPORT extern int32_t is_snmp_debug_enabled; /* non-zero: write the trace file; written only from outside the module */
+extern struct keyedset ccCopyTable;        /* the rows; present exactly while it holds one; written by the store */
+extern int32_t child_copy_running;         /* 1 while a worker runs; set by start_copy(), cleared by handle_copy_done() */
+CC_EXPORT extern unsigned int ageouttimer; /* handle of the age-out alarm; written by the store */
 
 /* A heap record with all defaults and index 0, the caller's until addCcCopyEntry() took it; null when memory is exhausted. */
 CC_EXPORT struct ccCopyEntry *createCcCopyEntry(void);
@@ -223,24 +225,32 @@ CC_EXPORT uint32_t addCcCopyEntry(struct ccCopyEntry *record);
 /* Copy the stored row into the caller's buffer, whose ccCopyIndex is the key (getnext: the key before it; 0 begins at the first row). */
 CC_EXPORT uint32_t getCcCopyEntry(struct ccCopyEntry *buffer);
 CC_EXPORT uint32_t getnextCcCopyEntry(struct ccCopyEntry *buffer);
+/* Overwrites the stored row of the record's index with the record; then, when asked, fills the error table with the fabric's switches.
+ * Returns 0, or CCERR_NOT_FOUND. */
+CC_EXPORT uint32_t setCcCopyEntry(const struct ccCopyEntry *record, int32_t fill_error_table);
 CC_EXPORT uint32_t deleteCcCopyEntry(const struct ccCopyEntry *key);
 CC_EXPORT int8_t ccCopyEntry_comp_func(const void *a, const void *b);
 CC_EXPORT void ccCopyEntry_free(struct ccCopyEntry *record);
 /* The first row in that state; CCERR_FAILED when there is none, and the buffer then holds the last row. */
 CC_EXPORT uint32_t get_config_entry_with_status(int32_t state, struct ccCopyEntry *buffer);
 CC_EXPORT bool copy_inprogress(void);
-CC_EXPORT FILE *trace_file_get(void);
 CC_EXPORT int8_t search_all_cmp(const void *a, const void *b);
 
-/* --- read access and error store (copy_read.cpp) ------------------------------------------------------------------------------------ */
+/* --- read access (copy_read.cpp) ------------------------------------------------------------------------------------ */
 
 extern struct ccCopyEntry cc_last_read_row; /* the row that the read handler answered from last; returned values point into it */
-extern struct keyedset ccCopyErrorTable;    /* present exactly while it holds a row, or from its creation to the first one */
 
 CC_EXPORT unsigned char *get_ccCopyTable(struct variable *vp, oid *name, size_t *length, int exact, size_t *var_len,
                                          WriteMethod **write_method);
 CC_EXPORT uint32_t copy_row_lookup(const oid *prefix, size_t prefix_len, oid *name, size_t *length, int exact, struct ccCopyEntry *record);
 CC_EXPORT uint32_t copy_oid_index_parse(const oid *prefix, size_t prefix_len, const oid *name, size_t length, int exact, int32_t *index);
+
+CC_EXPORT unsigned char *get_ccCopyErrorTable(struct variable *vp, oid *name, size_t *length, int exact, size_t *var_len,
+                                              WriteMethod **write_method);
+
+/* --- error rows (copy_errors.cpp) */
+
+extern struct keyedset ccCopyErrorTable; /* present exactly while it holds a row, or from its creation to the first one */
 
 CC_EXPORT int8_t ccCopyErrorEntry_comp_func(const void *a, const void *b);
 CC_EXPORT uint32_t addCcCopyErrorEntry(const struct ccCopyEntry *copy_request, const struct ccCopyErrorEntry *record);
@@ -248,14 +258,10 @@ CC_EXPORT uint32_t getCcCopyErrorEntry(struct ccCopyErrorEntry *buffer);
 CC_EXPORT uint32_t getnextCcCopyErrorEntry(struct ccCopyErrorEntry *buffer);
 CC_EXPORT uint32_t deleteCcCopyErrorEntries(const struct ccCopyEntry *key);
 CC_EXPORT uint32_t getFirstErrorEntryForNextCopyEntry(struct ccCopyErrorEntry *buffer);
-CC_EXPORT unsigned char *get_ccCopyErrorTable(struct variable *vp, oid *name, size_t *length, int exact, size_t *var_len,
-                                              WriteMethod **write_method);
+/* Adds a row for every switch that the fabric service reports; failures are logged and end it. */
+void cc_errors_fill(const struct ccCopyEntry *stored);
 
 /* --- write access (copy_write*.cpp) -------------------------------------------------------------------------------------------------- */
-
-/* Overwrites the stored row of the record's index with the record; then, when asked, fills the error table with the fabric's switches.
- * Returns 0, or CCERR_NOT_FOUND. */
-CC_EXPORT uint32_t setCcCopyEntry(const struct ccCopyEntry *record, int32_t fill_error_table);
 
 /* Write methods as the agent calls them, once a phase (RESERVE1 0 .. UNDO 5); the result is an SNMP error status. */
 CC_EXPORT WriteMethod set_ccCopyProtocol, set_ccCopySourceFileType, set_ccCopyDestFileType, set_ccCopyServerAddress, set_ccCopyFileName,
@@ -276,7 +282,8 @@ bool cc_integer_length_ok(size_t length);
 /* 1 when the request may be started, else 0 with *err_out an SNMP error status or 0. May change the record's row status and fail cause. */
 CC_EXPORT int32_t validate_entry(struct ccCopyEntry *record, int32_t *err_out, int32_t requested_status);
 
-/* --- execution (copy_execute*.cpp) ---------------------------------------------------------------------------------------------------- */
+/* --- execution (copy_launch.cpp, copy_worker.cpp, copy_transfer.cpp, copy_save.cpp)
+ * ---------------------------------------------------------------------------------------------------- */
 
 CC_EXPORT int32_t validate_n_start_copy(struct ccCopyEntry *record, int32_t row_status_value);
 CC_EXPORT uint32_t start_copy(struct ccCopyEntry *record);
@@ -291,12 +298,14 @@ CC_EXPORT int32_t tftperr2miberr(int32_t tftp_error);
 extern msgbus_msg cfg_action_request; /* the last start request to the system manager, kept while its exchange lasts */
 CC_EXPORT uint32_t do_cp_runningtostartup(struct ccCopyEntry *record);
 CC_EXPORT uint32_t handle_abort(const struct ccCopyEntry *record);
+/* Formats the text with itself as the format, so that a '%' in it is a conversion; its arguments do no harm (copy_format.cpp). */
+void cc_format_as_its_own_format(char *out, size_t size, const char *text);
 /* True for a copy from the running configuration to a startup configuration: this switch's, the fabric's or all. */
 bool cc_is_running_to_startup(const struct ccCopyEntry *record);
 
 CC_EXPORT uint32_t send_status_2_parent(int32_t status);
 
-/* --- completion and housekeeping (copy_complete.cpp) ------------------------------------------------------------------------------------
+/* --- completion (copy_complete.cpp) ------------------------------------------------------------------------------------
  */
 
 CC_EXPORT netsnmp_variable_list *handle_notifications(msgbus_msg message, oid *oid_buffer, uint32_t *oid_length, uint32_t *send_flag);
@@ -311,6 +320,8 @@ CC_EXPORT netsnmp_variable_list *build_notification(const struct ccCopyEntry *re
 
 /* Sends the completion notification of a row that asks for it. */
 void cc_notify_if_asked(const struct ccCopyEntry *record);
+
+/* --- ageing (copy_age.cpp) */
 
 CC_EXPORT void cfgentry_age_timer_handler(unsigned int clientreg, void *clientarg);
 CC_EXPORT int cc_handle_starttime_change(int major, int minor, void *serverarg, void *clientarg);

@@ -1,4 +1,4 @@
-/* GET and GETNEXT on both tables, and the store of the error table. */
+/* GET and GETNEXT on both tables. */
 #include "config_copy_mib.h"
 
 #include <stdlib.h>
@@ -6,7 +6,6 @@
 #include <sys/time.h>
 
 struct ccCopyEntry cc_last_read_row = {};
-struct keyedset ccCopyErrorTable = {};
 
 /* What the read handlers' results point into until the next call, besides cc_last_read_row; written by the handlers only. */
 static uint32_t read_ticks;
@@ -144,105 +143,6 @@ unsigned char *get_ccCopyTable(struct variable *vp, oid *name, size_t *length, i
 }
 
 /* --- ccCopyErrorTable ----------------------------------------------------------------------------------------------------------------- */
-
-int8_t ccCopyErrorEntry_comp_func(const void *a, const void *b) {
-    if (a == nullptr || b == nullptr) {
-        return -1;
-    }
-    const auto *first = static_cast<const struct ccCopyErrorEntry *>(a);
-    const auto *second = static_cast<const struct ccCopyErrorEntry *>(b);
-    if (second->ccCopyIndex != first->ccCopyIndex) {
-        return (int8_t)INTCMP(second->ccCopyIndex, first->ccCopyIndex);
-    }
-    return (int8_t)INTCMP(second->ccCopyErrorIndex, first->ccCopyErrorIndex);
-}
-
-uint32_t addCcCopyErrorEntry(const struct ccCopyEntry *, const struct ccCopyErrorEntry *record) {
-    static constexpr uint32_t NO_MEMORY = 5; /* not a module status code */
-    auto *stored = static_cast<struct ccCopyErrorEntry *>(malloc(sizeof(struct ccCopyErrorEntry)));
-    if (stored == nullptr) {
-        cc_log(EVTRACE_ERROR, "%s : Mallocing for ccCopyErrorEntryFailed\n", __func__);
-        return NO_MEMORY;
-    }
-    memcpy(stored, record, sizeof *stored);
-    if (keyedset_add(&ccCopyErrorTable, stored, stored) == nullptr) {
-        /* A copy that fails once more reports its switches under the same keys. Deliberate: its first errors stay. */
-        free(stored);
-        cc_log(EVTRACE_ERROR, "%s : failed to add to index object\n", __func__);
-        return CCERR_FAILED;
-    }
-    return 0;
-}
-
-uint32_t getCcCopyErrorEntry(struct ccCopyErrorEntry *buffer) {
-    if (keyedset_size(&ccCopyErrorTable) == 0) {
-        cc_log(EVTRACE_DEBUG, "%s : ccCopyErrorTable empty\n", __func__);
-        return CCERR_NOT_FOUND;
-    }
-    const void *stored = keyedset_find(&ccCopyErrorTable, buffer);
-    if (stored == nullptr) {
-        return CCERR_NOT_FOUND;
-    }
-    memcpy(buffer, stored, sizeof *buffer);
-    cc_log(EVTRACE_DEBUG, "%s : found entry in ccCopyErrorTable\n", __func__);
-    return 0;
-}
-
-uint32_t getnextCcCopyErrorEntry(struct ccCopyErrorEntry *buffer) {
-    if (keyedset_size(&ccCopyErrorTable) == 0) {
-        cc_log(EVTRACE_DEBUG, "%s : ccCopyTable empty\n", __func__);
-        return CCERR_NOT_FOUND;
-    }
-    const void *stored = keyedset_find_nextgreater(&ccCopyErrorTable, buffer);
-    if (stored == nullptr) {
-        return CCERR_NOT_FOUND;
-    }
-    memcpy(buffer, stored, sizeof *buffer);
-    cc_log(EVTRACE_DEBUG, "%s :found entry in ccCopyErrorTable\n", __func__);
-    return 0;
-}
-
-uint32_t deleteCcCopyErrorEntries(const struct ccCopyEntry *key) {
-    if (key == nullptr) {
-        cc_log(EVTRACE_DEBUG, "%s : entry provided is NULL\n", __func__);
-        return 0;
-    }
-    if (keyedset_size(&ccCopyErrorTable) == 0) {
-        cc_log(EVTRACE_DEBUG, "%s : ccCopyErrorTable empty forcopy index: %d\n", __func__, key->ccCopyIndex);
-        return 0;
-    }
-    struct ccCopyErrorEntry walk = {};
-    walk.ccCopyIndex = key->ccCopyIndex;
-    for (;;) {
-        const void *next = keyedset_find_nextgreater(&ccCopyErrorTable, &walk);
-        if (next == nullptr || static_cast<const struct ccCopyErrorEntry *>(next)->ccCopyIndex != key->ccCopyIndex) {
-            break;
-        }
-        memcpy(&walk, next, sizeof walk);
-        free(keyedset_remove(&ccCopyErrorTable, &walk));
-    }
-    if (keyedset_size(&ccCopyErrorTable) == 0) {
-        keyedset_destroy(&ccCopyErrorTable);
-    }
-    return 0;
-}
-
-uint32_t getFirstErrorEntryForNextCopyEntry(struct ccCopyErrorEntry *buffer) {
-    struct ccCopyEntry request;
-    request.ccCopyIndex = buffer->ccCopyIndex;
-    while (getnextCcCopyEntry(&request) == 0) {
-        /* Deliberate: the store's very first record, whatever copy request it belongs to. */
-        const void *first = keyedset_find_nth_obj(&ccCopyErrorTable, 1);
-        if (first != nullptr) {
-            memcpy(buffer, first, sizeof *buffer);
-            cc_log(EVTRACE_DEBUG, "%s : found copyIndex: %d\n", __func__, request.ccCopyIndex);
-            cc_log(EVTRACE_DEBUG, "%s : found entry\n", __func__);
-            return 0;
-        }
-        cc_log(EVTRACE_DEBUG, "%s : ccCopyErrorTable empty forccCopyIndex: %d\n ", __func__, request.ccCopyIndex);
-    }
-    return CCERR_NOT_FOUND;
-}
 
 unsigned char *get_ccCopyErrorTable(struct variable *vp, oid *name, size_t *length, int exact, size_t *var_len, WriteMethod **) {
     static constexpr size_t EXACT_EXTRA_MAX = 11;

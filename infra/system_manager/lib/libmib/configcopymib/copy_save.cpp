@@ -2,93 +2,13 @@
 #include "config_copy_mib.h"
 
 #include <arpa/inet.h>
-#include <ctype.h>
 #include <errno.h>
 #include <string.h>
-
-#include <algorithm>
-#include <string>
 
 #include "platform/system_manager.h"
 #include "platform/utilities.h"
 
 msgbus_msg cfg_action_request = nullptr;
-
-/* --- texts that are their own format -------------------------------------------------------------------------------------------------- */
-
-/* A decimal number, as far as a field of a request has room for its value. '*' stands for an argument, which is harmless: 0. */
-static unsigned take_number(const char *&p) {
-    unsigned number = 0;
-    if (*p == '*') {
-        p++;
-    }
-    for (; isdigit((unsigned char)*p) != 0; p++) {
-        number = std::min(number * 10 + (unsigned)(*p - '0'), WARDEN_CFG_ACTION_TEXT_SIZE);
-    }
-    return number;
-}
-
-/* What printf(3) makes of the conversion specification behind a '%' at `p`, which moves behind it. The argument is a harmless one: zero,
- * the empty text, no pointer; nothing is ever stored. */
-static std::string take_conversion(const char *&p) {
-    std::string format = "%";
-    const char *digits = p;
-    if (take_number(digits) != 0 && *digits == '$') { /* the number of an argument: they are all alike */
-        p = digits + 1;
-    }
-    for (; *p != '\0' && strchr("-+ #0'", *p) != nullptr; p++) {
-        if (format.find(*p) == std::string::npos) {
-            format += *p;
-        }
-    }
-    if (const unsigned width = take_number(p); width != 0) {
-        format += std::to_string(width);
-    }
-    if (*p == '.') {
-        p++;
-        format += '.' + std::to_string(take_number(p));
-    }
-    p += strspn(p, "hlLqjzt");
-    if (*p == '\0') {
-        return "";
-    }
-    const char conversion = *p++;
-    char text[4 * WARDEN_CFG_ACTION_TEXT_SIZE] = "";
-    format += conversion;
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-    if (strchr("diouxX", conversion) != nullptr) {
-        snprintf(text, sizeof text, format.c_str(), 0);
-    } else if (strchr("eEfFgGaA", conversion) != nullptr) {
-        snprintf(text, sizeof text, format.c_str(), 0.0);
-    } else if (conversion == 's') {
-        snprintf(text, sizeof text, format.c_str(), "");
-    } else if (conversion == 'p') {
-        snprintf(text, sizeof text, format.c_str(), static_cast<void *>(nullptr));
-    } else if (conversion == '%') {
-        return "%";
-    } else if (conversion == 'm') {
-        return strerror(errno);
-    }
-#pragma GCC diagnostic pop
-    return text;
-}
-
-/* Deliberate: the text is formatted with itself as the format, so a '%' in it is a conversion. */
-static void format_as_its_own_format(char (&out)[WARDEN_CFG_ACTION_TEXT_SIZE], const char *text) {
-    std::string formatted;
-    while (*text != '\0' && formatted.size() < sizeof out) {
-        const char c = *text++;
-        if (c == '%') {
-            formatted += take_conversion(text);
-        } else {
-            formatted += c;
-        }
-    }
-    snprintf(out, sizeof out, "%s", formatted.c_str());
-}
-
-/* --- the exchange --------------------------------------------------------------------------------------------------------------------- */
 
 static struct warden_cfg_action start_request_of(const struct ccCopyEntry *record) {
     struct warden_cfg_action request = {};
@@ -97,8 +17,8 @@ static struct warden_cfg_action start_request_of(const struct ccCopyEntry *recor
     request.byte10 = 1;
     request.fabric = htonl(record->ccCopyDestFileType == COPY_FILE_FABRIC_STARTUP ? 1 : 0);
     request.all = htonl(record->ccCopyDestFileType == COPY_FILE_ALL_STARTUP ? 1 : 0);
-    format_as_its_own_format(request.user, get_snmp_username(0));
-    format_as_its_own_format(request.session, get_snmp_sessionid(0));
+    cc_format_as_its_own_format(request.user, sizeof request.user, get_snmp_username(0));
+    cc_format_as_its_own_format(request.session, sizeof request.session, get_snmp_sessionid(0));
     return request;
 }
 

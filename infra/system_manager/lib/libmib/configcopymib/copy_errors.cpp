@@ -1,10 +1,115 @@
-/* The one operation that changes a stored row, and the error rows that it makes for a failed copy to the fabric. */
+/* The error table: its store, and the rows that a failed copy to the fabric makes. */
 #include "config_copy_mib.h"
 
 #include <stdlib.h>
 #include <string.h>
 
 #include "platform/fabric.h"
+
+struct keyedset ccCopyErrorTable = {};
+
+/* --- the store */
+
+int8_t ccCopyErrorEntry_comp_func(const void *a, const void *b) {
+    if (a == nullptr || b == nullptr) {
+        return -1;
+    }
+    const auto *first = static_cast<const struct ccCopyErrorEntry *>(a);
+    const auto *second = static_cast<const struct ccCopyErrorEntry *>(b);
+    if (second->ccCopyIndex != first->ccCopyIndex) {
+        return (int8_t)INTCMP(second->ccCopyIndex, first->ccCopyIndex);
+    }
+    return (int8_t)INTCMP(second->ccCopyErrorIndex, first->ccCopyErrorIndex);
+}
+
+uint32_t addCcCopyErrorEntry(const struct ccCopyEntry *, const struct ccCopyErrorEntry *record) {
+    static constexpr uint32_t NO_MEMORY = 5; /* not a module status code */
+    auto *stored = static_cast<struct ccCopyErrorEntry *>(malloc(sizeof(struct ccCopyErrorEntry)));
+    if (stored == nullptr) {
+        cc_log(EVTRACE_ERROR, "%s : Mallocing for ccCopyErrorEntryFailed\n", __func__);
+        return NO_MEMORY;
+    }
+    memcpy(stored, record, sizeof *stored);
+    if (keyedset_add(&ccCopyErrorTable, stored, stored) == nullptr) {
+        /* A copy that fails once more reports its switches under the same keys. Deliberate: its first errors stay. */
+        free(stored);
+        cc_log(EVTRACE_ERROR, "%s : failed to add to index object\n", __func__);
+        return CCERR_FAILED;
+    }
+    return 0;
+}
+
+uint32_t getCcCopyErrorEntry(struct ccCopyErrorEntry *buffer) {
+    if (keyedset_size(&ccCopyErrorTable) == 0) {
+        cc_log(EVTRACE_DEBUG, "%s : ccCopyErrorTable empty\n", __func__);
+        return CCERR_NOT_FOUND;
+    }
+    const void *stored = keyedset_find(&ccCopyErrorTable, buffer);
+    if (stored == nullptr) {
+        return CCERR_NOT_FOUND;
+    }
+    memcpy(buffer, stored, sizeof *buffer);
+    cc_log(EVTRACE_DEBUG, "%s : found entry in ccCopyErrorTable\n", __func__);
+    return 0;
+}
+
+uint32_t getnextCcCopyErrorEntry(struct ccCopyErrorEntry *buffer) {
+    if (keyedset_size(&ccCopyErrorTable) == 0) {
+        cc_log(EVTRACE_DEBUG, "%s : ccCopyTable empty\n", __func__);
+        return CCERR_NOT_FOUND;
+    }
+    const void *stored = keyedset_find_nextgreater(&ccCopyErrorTable, buffer);
+    if (stored == nullptr) {
+        return CCERR_NOT_FOUND;
+    }
+    memcpy(buffer, stored, sizeof *buffer);
+    cc_log(EVTRACE_DEBUG, "%s :found entry in ccCopyErrorTable\n", __func__);
+    return 0;
+}
+
+uint32_t deleteCcCopyErrorEntries(const struct ccCopyEntry *key) {
+    if (key == nullptr) {
+        cc_log(EVTRACE_DEBUG, "%s : entry provided is NULL\n", __func__);
+        return 0;
+    }
+    if (keyedset_size(&ccCopyErrorTable) == 0) {
+        cc_log(EVTRACE_DEBUG, "%s : ccCopyErrorTable empty forcopy index: %d\n", __func__, key->ccCopyIndex);
+        return 0;
+    }
+    struct ccCopyErrorEntry walk = {};
+    walk.ccCopyIndex = key->ccCopyIndex;
+    for (;;) {
+        const void *next = keyedset_find_nextgreater(&ccCopyErrorTable, &walk);
+        if (next == nullptr || static_cast<const struct ccCopyErrorEntry *>(next)->ccCopyIndex != key->ccCopyIndex) {
+            break;
+        }
+        memcpy(&walk, next, sizeof walk);
+        free(keyedset_remove(&ccCopyErrorTable, &walk));
+    }
+    if (keyedset_size(&ccCopyErrorTable) == 0) {
+        keyedset_destroy(&ccCopyErrorTable);
+    }
+    return 0;
+}
+
+uint32_t getFirstErrorEntryForNextCopyEntry(struct ccCopyErrorEntry *buffer) {
+    struct ccCopyEntry request;
+    request.ccCopyIndex = buffer->ccCopyIndex;
+    while (getnextCcCopyEntry(&request) == 0) {
+        /* Deliberate: the store's very first record, whatever copy request it belongs to. */
+        const void *first = keyedset_find_nth_obj(&ccCopyErrorTable, 1);
+        if (first != nullptr) {
+            memcpy(buffer, first, sizeof *buffer);
+            cc_log(EVTRACE_DEBUG, "%s : found copyIndex: %d\n", __func__, request.ccCopyIndex);
+            cc_log(EVTRACE_DEBUG, "%s : found entry\n", __func__);
+            return 0;
+        }
+        cc_log(EVTRACE_DEBUG, "%s : ccCopyErrorTable empty forccCopyIndex: %d\n ", __func__, request.ccCopyIndex);
+    }
+    return CCERR_NOT_FOUND;
+}
+
+/* --- the outcome on each switch of the fabric */
 
 /* A failure that both the debug history and the agent's log get, in the same words. */
 #define LOG_FAILURE(format, ...)                                                                                                           \
@@ -74,8 +179,7 @@ static void log_error_row(const struct ccCopyErrorEntry *error, const char *stat
     cc_log(EVTRACE_DEBUG, "%s:adding errorentry to errortable index object %s : %s\n", FILL_NAME, wwn, error->ccCopyErrorText);
 }
 
-/* Adds one error row for every switch that the fabric service reports; failures are logged and end it. */
-static void fill_error_table_of(const struct ccCopyEntry *stored) {
+void cc_errors_fill(const struct ccCopyEntry *stored) {
     cc_log(EVTRACE_DEBUG, "%s: filling up ccCopyErrorTable\n", FILL_NAME);
     if (keyedset_size(&ccCopyErrorTable) == 0 &&
         keyedset_create(&ccCopyErrorTable, 1, 1, ccCopyErrorEntry_comp_func, 1) != KEYEDSET_CREATED) {
@@ -110,19 +214,4 @@ static void fill_error_table_of(const struct ccCopyEntry *stored) {
         addCcCopyErrorEntry(stored, &error);
     }
     fabstat_status_clean();
-}
-
-uint32_t setCcCopyEntry(const struct ccCopyEntry *record, int32_t fill_error_table) {
-    if (keyedset_size(&ccCopyTable) == 0) {
-        return CCERR_NOT_FOUND;
-    }
-    auto *stored = static_cast<struct ccCopyEntry *>(keyedset_find(&ccCopyTable, record));
-    if (stored == nullptr) {
-        return CCERR_NOT_FOUND;
-    }
-    memcpy(stored, record, sizeof *stored);
-    if (fill_error_table != 0) {
-        fill_error_table_of(stored);
-    }
-    return 0;
 }

@@ -1,7 +1,6 @@
-/* Starting a copy: the checks at the activation, and the fork of a worker. The worker's report to the agent. */
+/* Starting a copy: the checks at the activation, and the fork of a worker. */
 #include "config_copy_mib.h"
 
-#include <errno.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -20,7 +19,7 @@ uint32_t start_copy(struct ccCopyEntry *record) {
         cc_log(EVTRACE_ERROR, "%s: child process is still running\n", __func__);
         return CCERR_FAILED;
     }
-    worker_pid = fork();
+    worker_pid = fork(); /* the platform's, by the linker's --wrap: it empties the worker's descriptors and follows it to its end */
     if (worker_pid == 0) {
         copy_function(record);
         cc_log(EVTRACE_DEBUG, "%s : exit = child_id %d\n", __func__, (int)getpid());
@@ -88,28 +87,4 @@ int32_t validate_n_start_copy(struct ccCopyEntry *record, int32_t row_status_val
      * when the request could not be sent or was answered as done at once, and for any other pair of local files the row as it was. */
     getCcCopyEntry(record);
     return SNMP_ERR_NOERROR;
-}
-
-uint32_t send_status_2_parent(int32_t status) {
-    static constexpr int BIND_ATTEMPTS = 10;
-    static constexpr unsigned BIND_RETRY_SECONDS = 2;
-    static constexpr int32_t BIND_ONE_WAY = 1;
-    static constexpr struct msgbus_address ADDRESS = {{1, 0, 1024, 0, 0, 15}};
-
-    cc_log(EVTRACE_ERROR, "%s: status is %d\n", __func__, status);
-    for (int attempt = 0; attempt < BIND_ATTEMPTS; attempt++) {
-        const int32_t handle = msgbus_bind(BIND_ONE_WAY, -1, &ADDRESS, "config_copy_task");
-        if (handle >= 0) {
-            if (msgbus_send(handle, MSGBUS_NODE_LOCAL, MSGBUS_SAP_AGENT, AGENT_OPC_WORKER_STATUS, &status, sizeof status, nullptr, 0, 0) !=
-                0) {
-                cc_log(EVTRACE_ERROR, "%s: msgbus_send failed. errno %d\n", __func__, errno);
-            }
-            msgbus_unbind(handle, 0);
-            return 0;
-        }
-        cc_log(EVTRACE_ERROR, "%s: msgbus_bind failed. errno %d\n", __func__, errno);
-        sleep(BIND_RETRY_SECONDS);
-    }
-    cc_log(EVTRACE_ERROR, "%s: msgbus_bind failed. errno %d\n", __func__, errno);
-    return CCERR_SEND_FAILED;
 }

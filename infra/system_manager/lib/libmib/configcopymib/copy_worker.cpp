@@ -268,6 +268,30 @@ static int32_t copy_startup_to_running(void) {
     return result == 0 ? 0 : fail_cause_of_shell(result);
 }
 
+uint32_t send_status_2_parent(int32_t status) {
+    static constexpr int BIND_ATTEMPTS = 10;
+    static constexpr unsigned BIND_RETRY_SECONDS = 2;
+    static constexpr int32_t BIND_ONE_WAY = 1;
+    static constexpr struct msgbus_address ADDRESS = {{1, 0, 1024, 0, 0, 15}};
+
+    cc_log(EVTRACE_ERROR, "%s: status is %d\n", __func__, status);
+    for (int attempt = 0; attempt < BIND_ATTEMPTS; attempt++) {
+        const int32_t handle = msgbus_bind(BIND_ONE_WAY, -1, &ADDRESS, "config_copy_task");
+        if (handle >= 0) {
+            if (msgbus_send(handle, MSGBUS_NODE_LOCAL, MSGBUS_SAP_AGENT, AGENT_OPC_WORKER_STATUS, &status, sizeof status, nullptr, 0, 0) !=
+                0) {
+                cc_log(EVTRACE_ERROR, "%s: msgbus_send failed. errno %d\n", __func__, errno);
+            }
+            msgbus_unbind(handle, 0);
+            return 0;
+        }
+        cc_log(EVTRACE_ERROR, "%s: msgbus_bind failed. errno %d\n", __func__, errno);
+        sleep(BIND_RETRY_SECONDS);
+    }
+    cc_log(EVTRACE_ERROR, "%s: msgbus_bind failed. errno %d\n", __func__, errno);
+    return CCERR_SEND_FAILED;
+}
+
 uint32_t copy_function(struct ccCopyEntry *record) {
     CC_TRACE(": Copy started with : ccCopyServerAddressRev1 = %.*s,ccCopyFileName= %.*s, ccCopyUserName=%.*s,ccCopyTimeStarted=%d "
              "ccCopyProtocol = %d ccCopySourceFileType = %d, ccCopyDestFileType= %d, ccCopyServerAddressType= %d\n",
