@@ -66,7 +66,7 @@ class Run {
         Outcome outcome = planned(order_, session_.agent());
         try {
             check_table(session_);
-            const std::string reason = is_any(state_running) ? another_copy : reason_to_wait();
+            const std::string reason = is_any(COPY_STATE_RUNNING) ? another_copy : reason_to_wait();
             if (!reason.empty() && order_.wait_turn == 0s) {
                 throw busy(reason);
             }
@@ -121,20 +121,20 @@ class Run {
     }
 
     bool is_any(long state) {
-        const auto states = session_.instances(copy_column(column_state));
+        const auto states = session_.instances(copy_column(CC_COLUMN_STATE));
         return std::any_of(states.begin(), states.end(), [&](const Binding &row) { return number(row.value) == state; });
     }
 
     // Why the activation was refused; nothing when it succeeds after all. A transfer outlives its request, and then no request shows why
     // the switch is busy. One that ended since the refusal has no request that runs either, so the switch is asked once more.
     std::string reason_of_refusal() {
-        if (is_any(state_running)) {
+        if (is_any(COPY_STATE_RUNNING)) {
             return another_copy;
         }
         if (activate()) {
             return {};
         }
-        return is_any(state_running) ? another_copy : "a transfer whose request was removed is still running";
+        return is_any(COPY_STATE_RUNNING) ? another_copy : "a transfer whose request was removed is still running";
     }
 
     // When a save begins, the agent marks the first request that waits as running, and when it ends, the first one that runs as ended. So a
@@ -143,9 +143,9 @@ class Run {
         if (!is_save()) {
             return {};
         }
-        const auto states = session_.instances(copy_column(column_state));
+        const auto states = session_.instances(copy_column(CC_COLUMN_STATE));
         const auto waiting =
-            std::find_if(states.begin(), states.end(), [](const Binding &state) { return number(state.value) == state_waiting; });
+            std::find_if(states.begin(), states.end(), [](const Binding &state) { return number(state.value) == COPY_STATE_WAITING; });
         if (waiting == states.end()) {
             return {};
         }
@@ -160,7 +160,7 @@ class Run {
     oid free_index() {
         for (;;) {
             const oid index = random_number(1, largest_index);
-            if (!number(session_.get({copy_cell(column_row_status, index)}).front())) {
+            if (!number(session_.get({copy_cell(CC_COLUMN_ENTRY_ROW_STATUS, index)}).front())) {
                 return index;
             }
         }
@@ -169,19 +169,19 @@ class Run {
     std::vector<Binding> columns(oid index) const {
         std::vector<Binding> bindings;
         const auto add = [&](oid column, Value value) { bindings.push_back({copy_cell(column, index), std::move(value)}); };
-        add(column_row_status, row_create_and_wait);
-        add(column_source, static_cast<long>(order_.from.type));
-        add(column_destination, static_cast<long>(order_.to.type));
+        add(CC_COLUMN_ENTRY_ROW_STATUS, ROW_STATUS_CREATE_AND_WAIT);
+        add(CC_COLUMN_SOURCE_FILE_TYPE, static_cast<long>(order_.from.type));
+        add(CC_COLUMN_DEST_FILE_TYPE, static_cast<long>(order_.to.type));
         if (order_.has_file()) {
-            add(column_protocol, static_cast<long>(order_.file().protocol));
-            add(column_address_type, order_.server.type); // before the address, which is read by it
-            add(column_address, order_.server.octets);
-            add(column_file_name, file_name(order_.file(), path_values_));
+            add(CC_COLUMN_PROTOCOL, static_cast<long>(order_.file().protocol));
+            add(CC_COLUMN_SERVER_ADDRESS_TYPE, order_.server.type); // before the address, which is read by it
+            add(CC_COLUMN_SERVER_ADDRESS_REV1, order_.server.octets);
+            add(CC_COLUMN_FILE_NAME, file_name(order_.file(), path_values_));
             if (!order_.file().user.empty()) {
-                add(column_user_name, order_.file().user);
+                add(CC_COLUMN_USER_NAME, order_.file().user);
             }
             if (!order_.password.empty()) {
-                add(column_password, order_.password);
+                add(CC_COLUMN_USER_PASSWORD, order_.password);
             }
         }
         return bindings;
@@ -189,7 +189,7 @@ class Run {
 
     // A row that can't be read could be started, and would then seem to be gone.
     void check_that_we_may_read_it() {
-        if (!number(session_.get({copy_cell(column_state, rows_.back())}).front())) {
+        if (!number(session_.get({copy_cell(CC_COLUMN_STATE, rows_.back())}).front())) {
             throw Failure(Ending::refused, session_.agent() + ": the user may write the copy table but not read it: " + read_view_needed);
         }
     }
@@ -202,7 +202,7 @@ class Run {
             rows_.push_back(index);
             const auto result = session_.set(bindings);
             if (!result) {
-                if (number(session_.get({copy_cell(column_row_status, index)}).front())) {
+                if (number(session_.get({copy_cell(CC_COLUMN_ENTRY_ROW_STATUS, index)}).front())) {
                     return; // the answer was lost
                 }
             } else if (result->status == SNMP_ERR_NOERROR) {
@@ -223,11 +223,11 @@ class Run {
     bool activate() {
         bool is_sure = true; // that no earlier one is under way
         for (int attempt = 0; attempt < most_attempts; ++attempt) {
-            const auto result = session_.set({{copy_cell(column_row_status, rows_.back()), row_active}});
+            const auto result = session_.set({{copy_cell(CC_COLUMN_ENTRY_ROW_STATUS, rows_.back()), ROW_STATUS_ACTIVE}});
             if (result && result->status == SNMP_ERR_NOERROR) {
                 return true;
             }
-            if ((!result || !is_sure) && state() != state_waiting) {
+            if ((!result || !is_sure) && state() != COPY_STATE_WAITING) {
                 return true; // it was carried out, and its answer was lost
             }
             if (result) {
@@ -242,7 +242,7 @@ class Run {
     }
 
     long state() {
-        const auto state = number(session_.get({copy_cell(column_state, rows_.back())}).front());
+        const auto state = number(session_.get({copy_cell(CC_COLUMN_STATE, rows_.back())}).front());
         if (!state) {
             rows_.pop_back();
             throw Failure(Ending::failed, session_.agent() +
@@ -259,7 +259,7 @@ class Run {
         Milliseconds pause = 50ms;
         for (;;) {
             const long now = state();
-            if (now == state_successful || now == state_failed) {
+            if (now == COPY_STATE_SUCCESSFUL || now == COPY_STATE_FAILED) {
                 tell(outcome, now);
                 return;
             }
@@ -279,8 +279,8 @@ class Run {
 
     void tell(Outcome &outcome, long end) {
         const oid row = rows_.back();
-        const std::vector<Value> values =
-            session_.get({copy_cell(column_fail_cause, row), copy_cell(column_time_started, row), copy_cell(column_time_completed, row)});
+        const std::vector<Value> values = session_.get(
+            {copy_cell(CC_COLUMN_FAIL_CAUSE, row), copy_cell(CC_COLUMN_TIME_STARTED, row), copy_cell(CC_COLUMN_TIME_COMPLETED, row)});
         outcome.state = state_name(end);
         outcome.seconds = seconds_between(values[1], values[2]);
         if (const auto line = line_of_copy(session_, row, number(values[1]).value_or(0))) {
@@ -289,9 +289,9 @@ class Run {
             outcome.sha256 = line->sha256;
         }
         const std::string duration =
-            outcome.seconds ? (end == state_successful ? " in " : " after ") + seconds_text(*outcome.seconds) + " s" : "";
+            outcome.seconds ? (end == COPY_STATE_SUCCESSFUL ? " in " : " after ") + seconds_text(*outcome.seconds) + " s" : "";
         const std::string what = outcome.from + " to " + outcome.to;
-        if (end == state_successful) {
+        if (end == COPY_STATE_SUCCESSFUL) {
             outcome.text = outcome.agent + ": " + what + " copied" + duration +
                            (outcome.bytes ? ", " + std::to_string(*outcome.bytes) + " octets" : "");
             return;
@@ -303,7 +303,7 @@ class Run {
         const std::string server = order_.has_file() ? order_.file().host : "";
         outcome.text = outcome.agent + ": " + what + " failed" + duration + " (" + outcome.cause +
                        "): " + words_of_cause(cause, server, is_fabric, outcome.reason);
-        if (is_fabric && cause == cause_manager_failed) {
+        if (is_fabric && cause == COPY_FAIL_WARDEN_FAILED) {
             outcome.switches = switches_of(session_, row);
         }
     }
@@ -317,7 +317,7 @@ class Run {
             while (!rows_.empty()) {
                 std::optional<SetResult> result;
                 for (int attempt = 0; attempt < attempts && !result; ++attempt) {
-                    result = session_.set({{copy_cell(column_row_status, rows_.back()), row_destroy}});
+                    result = session_.set({{copy_cell(CC_COLUMN_ENTRY_ROW_STATUS, rows_.back()), ROW_STATUS_DESTROY}});
                 }
                 if (!result || result->status == SNMP_ERR_GENERR) {
                     return;
@@ -365,11 +365,11 @@ std::optional<double> seconds_between(const Value &started, const Value &complet
 
 std::vector<SwitchOutcome> switches_of(Session &session, oid index) {
     std::vector<SwitchOutcome> switches;
-    Oid request = error_column(error_switch);
+    Oid request = error_column(CC_ERROR_COLUMN_SWITCH_WWN);
     request.push_back(index);
     for (const auto &[name, wwn] : session.instances(request)) {
-        const std::vector<Value> values =
-            session.get({error_cell(error_address, index, name.back()), error_cell(error_text, index, name.back())});
+        const std::vector<Value> values = session.get(
+            {error_cell(CC_ERROR_COLUMN_DEVICE_ADDR, index, name.back()), error_cell(CC_ERROR_COLUMN_TEXT, index, name.back())});
         const std::string address = octets(values[0]);
         switches.push_back({address.empty() ? "" : address_text(address), wwn_text(octets(wwn)), printable(octets(values[1]))});
     }
@@ -377,7 +377,7 @@ std::vector<SwitchOutcome> switches_of(Session &session, oid index) {
 }
 
 void check_table(Session &session) {
-    if (!session.has_object(copy_cell(column_row_status, largest_index))) {
+    if (!session.has_object(copy_cell(CC_COLUMN_ENTRY_ROW_STATUS, largest_index))) {
         throw Failure(Ending::refused, session.agent() + " has no copy table that this user may read: does it load config_copy_mib, and "
                                                          "does the user's read view hold .1.3.6.1.4.1.41927.9.96?");
     }

@@ -59,7 +59,7 @@ Outcome copy_on(const netsnmp_session &defaults, const std::string &agent, const
     };
     try {
         Session session(defaults, agent, order.is_verbose);
-        session.get({copy_cell(column_row_status, largest_index)}); // who does not answer takes no place
+        session.get({copy_cell(CC_COLUMN_ENTRY_ROW_STATUS, largest_index)}); // who does not answer takes no place
         const Place place(places);
         return copy(session, order, [](std::string_view, std::chrono::seconds) {});
     } catch (const Failure &failure) {

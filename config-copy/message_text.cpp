@@ -12,19 +12,19 @@ struct Named {
     std::string_view name;
 };
 
-constexpr std::array<Named, 13> copy_columns{{{column_protocol, "ccCopyProtocol"},
-                                              {column_source, "ccCopySourceFileType"},
-                                              {column_destination, "ccCopyDestFileType"},
-                                              {column_file_name, "ccCopyFileName"},
-                                              {column_user_name, "ccCopyUserName"},
-                                              {column_password, "ccCopyUserPassword"},
-                                              {column_state, "ccCopyState"},
-                                              {column_time_started, "ccCopyTimeStarted"},
-                                              {column_time_completed, "ccCopyTimeCompleted"},
-                                              {column_fail_cause, "ccCopyFailCause"},
-                                              {column_row_status, "ccCopyEntryRowStatus"},
-                                              {column_address_type, "ccCopyServerAddressType"},
-                                              {column_address, "ccCopyServerAddressRev1"}}};
+constexpr std::array<Named, 13> copy_columns{{{CC_COLUMN_PROTOCOL, "ccCopyProtocol"},
+                                              {CC_COLUMN_SOURCE_FILE_TYPE, "ccCopySourceFileType"},
+                                              {CC_COLUMN_DEST_FILE_TYPE, "ccCopyDestFileType"},
+                                              {CC_COLUMN_FILE_NAME, "ccCopyFileName"},
+                                              {CC_COLUMN_USER_NAME, "ccCopyUserName"},
+                                              {CC_COLUMN_USER_PASSWORD, "ccCopyUserPassword"},
+                                              {CC_COLUMN_STATE, "ccCopyState"},
+                                              {CC_COLUMN_TIME_STARTED, "ccCopyTimeStarted"},
+                                              {CC_COLUMN_TIME_COMPLETED, "ccCopyTimeCompleted"},
+                                              {CC_COLUMN_FAIL_CAUSE, "ccCopyFailCause"},
+                                              {CC_COLUMN_ENTRY_ROW_STATUS, "ccCopyEntryRowStatus"},
+                                              {CC_COLUMN_SERVER_ADDRESS_TYPE, "ccCopyServerAddressType"},
+                                              {CC_COLUMN_SERVER_ADDRESS_REV1, "ccCopyServerAddressRev1"}}};
 
 bool is_below(const netsnmp_variable_list &variable, const Oid &prefix) {
     return variable.name_length >= prefix.size() && std::equal(prefix.begin(), prefix.end(), variable.name);
@@ -47,7 +47,7 @@ std::string name_of(const netsnmp_variable_list &variable) {
 }
 
 std::string value_of(const netsnmp_variable_list &variable) {
-    if (is_below(variable, copy_column(column_password))) {
+    if (is_below(variable, copy_column(CC_COLUMN_USER_PASSWORD))) {
         return "(not shown)";
     }
     switch (variable.type) {

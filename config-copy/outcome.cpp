@@ -20,19 +20,19 @@ std::string numbered(long number) {
 
 std::string name_of_column(unsigned long column) {
     switch (column) {
-    case column_protocol:
+    case CC_COLUMN_PROTOCOL:
         return "the protocol";
-    case column_source:
-    case column_destination:
+    case CC_COLUMN_SOURCE_FILE_TYPE:
+    case CC_COLUMN_DEST_FILE_TYPE:
         return "the file types";
-    case column_file_name:
+    case CC_COLUMN_FILE_NAME:
         return "the file name";
-    case column_user_name:
+    case CC_COLUMN_USER_NAME:
         return "the user name";
-    case column_password:
+    case CC_COLUMN_USER_PASSWORD:
         return "the password";
-    case column_address_type:
-    case column_address:
+    case CC_COLUMN_SERVER_ADDRESS_TYPE:
+    case CC_COLUMN_SERVER_ADDRESS_REV1:
         return "the file server's address";
     default:
         return "the request";
@@ -103,27 +103,27 @@ std::string words_of_cause(long cause, std::string_view server, bool is_fabric, 
     };
     const std::string also = reason.empty() ? "" : "; the switch says: " + std::string(reason);
     switch (cause) {
-    case cause_general:
+    case COPY_FAIL_GENERAL:
         if (!reason.empty()) {
             return "the switch says: " + std::string(reason);
         }
         return "the switch gives no reason: see ulmo-history there, and check that its disk is not full" +
                std::string(server.empty() ? "" : "; check the user and the password, too");
-    case cause_bad_file_name:
+    case COPY_FAIL_BAD_FILE_NAME:
         return the_server + " has no such file or refuses access to it: check the file's name, and the permissions on the server" + also;
-    case cause_timeout:
+    case COPY_FAIL_TIMEOUT:
         return the_server + " did not answer the switch: check its address, the route to it, and whether the server runs" + also;
-    case cause_no_space:
+    case COPY_FAIL_NO_SPACE:
         return "no space is left on the switch or on " + the_server + ": check the disks, and the quota on the server" + also;
-    case cause_bad_config:
+    case COPY_FAIL_BAD_CONFIG:
         return "the file is not a configuration: check its contents, and shorten a file name of more than 100 octets" + also;
-    case cause_unsupported_protocol:
+    case COPY_FAIL_UNSUPPORTED_PROTOCOL:
         return "the switch does not offer the protocol: use another one" + also;
-    case cause_not_applied:
+    case COPY_FAIL_CONFIG_NOT_APPLIED:
         return because("the configuration was refused while it was applied", "see /tmp/configcopy.txt on the switch for the line");
-    case cause_manager_refused:
+    case COPY_FAIL_WARDEN_REFUSED:
         return because("the system manager did not begin to save", "another save may be in progress, so try again, or see its log");
-    case cause_manager_failed:
+    case COPY_FAIL_WARDEN_FAILED:
         return is_fabric ? because("not every switch of the fabric has saved", "see `cmdshell -c \"show last-save\"` on the switch")
                          : because("the system manager could not save", "see `cmdshell -c \"show last-save\"` on the switch");
     default:
@@ -167,7 +167,7 @@ std::string words_of_refused_activation(long status, std::string_view low_level)
     case SNMP_ERR_WRONGVALUE:
         return "the switch does not accept this source and destination, or not this file server";
     default:
-        return words_of_refusal(status, column_row_status, low_level);
+        return words_of_refusal(status, CC_COLUMN_ENTRY_ROW_STATUS, low_level);
     }
 }
 

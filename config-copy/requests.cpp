@@ -7,7 +7,7 @@ namespace {
 
 std::vector<oid> indexes(Session &session) {
     std::vector<oid> found;
-    for (const auto &[name, value] : session.instances(copy_column(column_row_status))) {
+    for (const auto &[name, value] : session.instances(copy_column(CC_COLUMN_ENTRY_ROW_STATUS))) {
         found.push_back(name.back());
     }
     return found;
@@ -35,11 +35,11 @@ void list_requests(Session &session, Output &output) {
         check_table(session);
     }
     for (const oid index : found) {
-        const std::vector<Value> values =
-            session.get({copy_cell(column_source, index), copy_cell(column_destination, index), copy_cell(column_protocol, index),
-                         copy_cell(column_address, index), copy_cell(column_file_name, index), copy_cell(column_user_name, index),
-                         copy_cell(column_state, index), copy_cell(column_fail_cause, index), copy_cell(column_time_started, index),
-                         copy_cell(column_time_completed, index)});
+        const std::vector<Value> values = session.get(
+            {copy_cell(CC_COLUMN_SOURCE_FILE_TYPE, index), copy_cell(CC_COLUMN_DEST_FILE_TYPE, index), copy_cell(CC_COLUMN_PROTOCOL, index),
+             copy_cell(CC_COLUMN_SERVER_ADDRESS_REV1, index), copy_cell(CC_COLUMN_FILE_NAME, index), copy_cell(CC_COLUMN_USER_NAME, index),
+             copy_cell(CC_COLUMN_STATE, index), copy_cell(CC_COLUMN_FAIL_CAUSE, index), copy_cell(CC_COLUMN_TIME_STARTED, index),
+             copy_cell(CC_COLUMN_TIME_COMPLETED, index)});
         const auto state = number(values[6]);
         if (!state) {
             continue; // gone since
@@ -53,7 +53,7 @@ void list_requests(Session &session, Output &output) {
         };
         const auto seconds = seconds_between(values[8], values[9]);
         rows.push_back({std::to_string(index), side(values[0]), side(values[1]), state_name(*state),
-                        state == state_failed ? cause_name(number(values[7]).value_or(0)) : std::string(absent),
+                        state == COPY_STATE_FAILED ? cause_name(number(values[7]).value_or(0)) : std::string(absent),
                         seconds ? seconds_text(*seconds) : std::string(absent)});
     }
     output.table({"request",
@@ -80,27 +80,28 @@ void list_errors(Session &session, std::optional<oid> index, Output &output) {
 
 void abort_request(Session &session, oid index, Output &output) {
     const std::string name = "request " + std::to_string(index) + " of " + session.agent();
-    const std::vector<Value> values =
-        session.get({copy_cell(column_state, index), copy_cell(column_source, index), copy_cell(column_destination, index)});
+    const std::vector<Value> values = session.get(
+        {copy_cell(CC_COLUMN_STATE, index), copy_cell(CC_COLUMN_SOURCE_FILE_TYPE, index), copy_cell(CC_COLUMN_DEST_FILE_TYPE, index)});
     const auto state = number(values[0]);
     if (!state) {
         check_table(session);
         throw Failure(Ending::failed, "there is no " + name + ": see `config-copy list " + session.agent() + '`');
     }
-    const auto result = session.set({{copy_cell(column_row_status, index), row_destroy}});
+    const auto result = session.set({{copy_cell(CC_COLUMN_ENTRY_ROW_STATUS, index), ROW_STATUS_DESTROY}});
     if (result && result->status == SNMP_ERR_GENERR) {
         throw Failure(Ending::refused,
                       name + " can't be removed: it is stuck after a refused request, and goes by itself within 7 minutes");
     }
     if (result && result->status != SNMP_ERR_NOERROR) {
-        throw Failure(Ending::refused, session.agent() + ": " + words_of_refusal(result->status, column_row_status, session.low_level()));
+        throw Failure(Ending::refused,
+                      session.agent() + ": " + words_of_refusal(result->status, CC_COLUMN_ENTRY_ROW_STATUS, session.low_level()));
     }
-    if (!result && number(session.get({copy_cell(column_state, index)}).front())) {
+    if (!result && number(session.get({copy_cell(CC_COLUMN_STATE, index)}).front())) {
         throw Failure(Ending::unreachable,
                       session.agent() + " did not answer the removal of request " + std::to_string(index) + ": try again");
     }
     std::string text = name + " removed";
-    if (state == state_running) {
+    if (state == COPY_STATE_RUNNING) {
         const std::string rest = words_of_what_goes_on(static_cast<FileType>(number(values[1]).value_or(0)),
                                                        static_cast<FileType>(number(values[2]).value_or(0)));
         text += rest.empty() ? "; its save is given up" : "; " + rest;

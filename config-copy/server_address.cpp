@@ -14,7 +14,7 @@ namespace config_copy {
 namespace {
 
 bool leads_back(const ServerAddress &address) {
-    if (address.type == address_ipv4) {
+    if (address.type == INET_ADDRESS_IPV4) {
         return address.octets[0] == 127 || address.octets == std::string(4, '\0');
     }
     in6_addr octets{};
@@ -35,11 +35,13 @@ ServerAddress server_address(const std::string &host) {
         if (socket_address.sin6_scope_id != 0) {
             throw bad_usage("the file server's address " + host + " is valid on one link of this machine only: write a global address");
         }
-        address = {address_ipv6, std::string(reinterpret_cast<const char *>(&socket_address.sin6_addr), sizeof socket_address.sin6_addr)};
+        address = {INET_ADDRESS_IPV6,
+                   std::string(reinterpret_cast<const char *>(&socket_address.sin6_addr), sizeof socket_address.sin6_addr)};
     } else {
         sockaddr_in socket_address{};
         std::memcpy(&socket_address, list->ai_addr, sizeof socket_address);
-        address = {address_ipv4, std::string(reinterpret_cast<const char *>(&socket_address.sin_addr), sizeof socket_address.sin_addr)};
+        address = {INET_ADDRESS_IPV4,
+                   std::string(reinterpret_cast<const char *>(&socket_address.sin_addr), sizeof socket_address.sin_addr)};
     }
     if (leads_back(address)) {
         throw bad_usage("the file server \"" + host + "\" is " + address_text(address.octets) +

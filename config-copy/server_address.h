@@ -8,7 +8,7 @@
 namespace config_copy {
 
 struct ServerAddress {
-    AddressType type = address_ipv4;
+    inet_address_type type = INET_ADDRESS_IPV4;
     std::string octets; // in network order, 4 or 16
 };
 

@@ -5,6 +5,7 @@
 #include "base/state_file.h"
 #include "base/unique_fd.h"
 #include "platform/agent_extension.h"
+#include "platform/copy_table.h"
 #include "platform/host/agent/request.h"
 #include "platform/host/bus/wire.h"
 #include "platform/host/fabric/status.h"
@@ -32,30 +33,11 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Columns of the copy table, below the module's root at 1.1.1.1.
-enum Column : oid {
-    column_protocol = 2,
-    column_source = 3,
-    column_destination = 4,
-    column_file_name = 6,
-    column_user_name = 7,
-    column_state = 10,
-    column_time_started = 11,
-    column_fail_cause = 13,
-    column_row_status = 14,
-    column_address = 16,
-};
-constexpr std::array known_columns{column_protocol, column_source,       column_destination, column_file_name,  column_user_name,
-                                   column_state,    column_time_started, column_fail_cause,  column_row_status, column_address};
+// The columns that are read, below the module's root at 1.1.1.1.
+constexpr std::array known_columns{
+    CC_COLUMN_PROTOCOL, CC_COLUMN_SOURCE_FILE_TYPE, CC_COLUMN_DEST_FILE_TYPE, CC_COLUMN_FILE_NAME,        CC_COLUMN_USER_NAME,
+    CC_COLUMN_STATE,    CC_COLUMN_TIME_STARTED,     CC_COLUMN_FAIL_CAUSE,     CC_COLUMN_ENTRY_ROW_STATUS, CC_COLUMN_SERVER_ADDRESS_REV1};
 constexpr std::array<oid, 4> table_below_root{1, 1, 1, 1};
-
-constexpr long file_network = 1;
-constexpr long state_running = 2;
-constexpr long state_successful = 3;
-constexpr long row_active = 1;
-constexpr long row_create_and_go = 4;
-constexpr long row_destroy = 6;
-constexpr long cause_manager_refused = 8;
 
 constexpr std::string_view report_prefix = "copy-report.";
 constexpr std::string_view begun_key = "begun ";
@@ -238,7 +220,7 @@ std::optional<long> CopyRows::number(oid column, oid row) const {
 std::vector<oid> CopyRows::set_by_request(long status, long other_status) const {
     std::vector<oid> rows;
     const netsnmp_pdu *request = current_request();
-    const auto found = columns_.find(column_row_status);
+    const auto found = columns_.find(CC_COLUMN_ENTRY_ROW_STATUS);
     if (request == nullptr || found == columns_.end()) {
         return rows;
     }
@@ -257,8 +239,8 @@ std::vector<oid> CopyRows::set_by_request(long status, long other_status) const 
 
 // One copy runs at a time, so that of those that a request activates it is the one that runs.
 std::optional<oid> CopyWatch::activated_row() const {
-    for (const oid row : rows_.set_by_request(row_active, row_create_and_go)) {
-        if (rows_.number(column_state, row) == state_running) {
+    for (const oid row : rows_.set_by_request(ROW_STATUS_ACTIVE, ROW_STATUS_CREATE_AND_GO)) {
+        if (rows_.number(CC_COLUMN_STATE, row) == COPY_STATE_RUNNING) {
             return row;
         }
     }
@@ -268,20 +250,21 @@ std::optional<oid> CopyWatch::activated_row() const {
 CopyRequest CopyWatch::request_of(oid row) const {
     const auto side = [&](oid column) {
         const long type = rows_.number(column, row).value_or(0);
-        if (type != file_network) {
+        if (type != COPY_FILE_NETWORK) {
             return file_type_name(type);
         }
-        return url_of(protocol_name(rows_.number(column_protocol, row).value_or(0)), rows_.octets(column_user_name, row).value_or(""),
-                      address_text(rows_.octets(column_address, row).value_or("")), rows_.octets(column_file_name, row).value_or(""));
+        return url_of(protocol_name(rows_.number(CC_COLUMN_PROTOCOL, row).value_or(0)), rows_.octets(CC_COLUMN_USER_NAME, row).value_or(""),
+                      address_text(rows_.octets(CC_COLUMN_SERVER_ADDRESS_REV1, row).value_or("")),
+                      rows_.octets(CC_COLUMN_FILE_NAME, row).value_or(""));
     };
     CopyRequest request;
     request.began = std::time(nullptr);
     request.index = static_cast<std::uint32_t>(row);
-    request.started = static_cast<std::uint32_t>(rows_.number(column_time_started, row).value_or(0));
+    request.started = static_cast<std::uint32_t>(rows_.number(CC_COLUMN_TIME_STARTED, row).value_or(0));
     request.user = requester_name();
     request.requester = requester_address();
-    request.from = side(column_source);
-    request.to = side(column_destination);
+    request.from = side(CC_COLUMN_SOURCE_FILE_TYPE);
+    request.to = side(CC_COLUMN_DEST_FILE_TYPE);
     return request;
 }
 
@@ -306,7 +289,7 @@ void CopyWatch::follow(pid_t worker, std::optional<Copy> copy) {
 
 void CopyWatch::end_copy(const Copy &copy, CopyEnd end) {
     end.duration = since(copy.began);
-    if (!rows_.number(column_state, copy.request.index) && end.reason.empty()) {
+    if (!rows_.number(CC_COLUMN_STATE, copy.request.index) && end.reason.empty()) {
         end.reason = gone;
     }
     tell(line_of(copy.request) + ' ' + line_of(end));
@@ -408,7 +391,7 @@ void CopyWatch::sent(std::uint32_t opcode, int error) noexcept {
         if (opcode == MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION) {
             save_sent(error);
         } else if (opcode == MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION_ABORT && save_) {
-            const auto destroyed = rows_.set_by_request(row_destroy, row_destroy);
+            const auto destroyed = rows_.set_by_request(ROW_STATUS_DESTROY, ROW_STATUS_DESTROY);
             if (std::find(destroyed.begin(), destroyed.end(), save_->request.index) != destroyed.end()) {
                 CopyEnd end;
                 end.reason = gone;
@@ -442,7 +425,7 @@ void CopyWatch::answered(msgbus_msg answer, int error) noexcept {
             end.outcome = CopyEnd::Outcome::successful;
         } else {
             end.outcome = CopyEnd::Outcome::failed;
-            end.cause = cause_name(cause_manager_refused);
+            end.cause = cause_name(COPY_FAIL_WARDEN_REFUSED);
             const std::string text = text_in(answer);
             end.reason = text.empty() ? ::syserr2str(status) : text;
         }
@@ -455,18 +438,18 @@ void CopyWatch::action_ended(std::uint32_t status) noexcept {
         if (!save_) {
             return;
         }
-        const auto state = rows_.number(column_state, save_->request.index);
-        if (state == state_running) {
+        const auto state = rows_.number(CC_COLUMN_STATE, save_->request.index);
+        if (state == COPY_STATE_RUNNING) {
             return; // another action's end
         }
         CopyEnd end;
         if (!state) {
             end.reason = gone;
-        } else if (state == state_successful) {
+        } else if (state == COPY_STATE_SUCCESSFUL) {
             end.outcome = CopyEnd::Outcome::successful;
         } else {
             end.outcome = CopyEnd::Outcome::failed;
-            end.cause = cause_name(rows_.number(column_fail_cause, save_->request.index).value_or(0));
+            end.cause = cause_name(rows_.number(CC_COLUMN_FAIL_CAUSE, save_->request.index).value_or(0));
             end.reason = reason_of_save(status);
         }
         end_save(std::move(end));

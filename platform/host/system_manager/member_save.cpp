@@ -1,5 +1,6 @@
 #include "platform/host/system_manager/member_save.h"
 
+#include "platform/copy_table.h"
 #include "platform/host/history/log.h"
 
 #include <net-snmp/net-snmp-config.h>
@@ -27,22 +28,8 @@ using Milliseconds = std::chrono::milliseconds;
 using namespace std::chrono_literals;
 using Oid = std::vector<oid>;
 
-// Columns of ccCopyTable and their values.
-constexpr oid source_file_type = 3;
-constexpr oid destination_file_type = 4;
-constexpr oid copy_state = 10;
-constexpr oid fail_cause = 13;
-constexpr oid row_status = 14;
-constexpr long running_config = 4;
-constexpr long startup_config = 3;
-constexpr long state_waiting = 1;
-constexpr long state_successful = 3;
-constexpr long state_failed = 4;
-constexpr long cause_manager_refused = 8;
-constexpr long cause_manager_failed = 9;
-
 Oid copy_entry(oid column, oid index) {
-    return {1, 3, 6, 1, 4, 1, 41927, 9, 96, 1, 1, 1, 1, column, index};
+    return {CC_COPY_COLUMN_OID(column), index};
 }
 
 // nsExtendOutputFull (NET-SNMP-EXTEND-MIB) of the member's `extend last-save`.
@@ -57,7 +44,7 @@ const Oid system_up_time{1, 3, 6, 1, 2, 1, 1, 3, 0};
 
 oid random_index() {
     std::random_device source;
-    return std::uniform_int_distribution<oid>(1, 0x7FFFFFFF)(source);
+    return std::uniform_int_distribution<oid>(1, CC_INDEX_MAX)(source);
 }
 
 // Thrown where a save ends before its time. Kept apart from the errors of the program.
@@ -286,13 +273,13 @@ class Save {
         for (;;) {
             // Each attempt has an index of its own: a second createAndWait that meets the late first one would block the row.
             row_ = random_index();
-            if (integer_of(get({copy_entry(row_status, row_)})->variables)) {
+            if (integer_of(get({copy_entry(CC_COLUMN_ENTRY_ROW_STATUS, row_)})->variables)) {
                 continue; // somebody else's
             }
             rows_.push_back(row_);
-            const auto status = set({{copy_entry(row_status, row_), RS_CREATEANDWAIT},
-                                     {copy_entry(source_file_type, row_), running_config},
-                                     {copy_entry(destination_file_type, row_), startup_config}});
+            const auto status = set({{copy_entry(CC_COLUMN_ENTRY_ROW_STATUS, row_), RS_CREATEANDWAIT},
+                                     {copy_entry(CC_COLUMN_SOURCE_FILE_TYPE, row_), COPY_FILE_RUNNING},
+                                     {copy_entry(CC_COLUMN_DEST_FILE_TYPE, row_), COPY_FILE_STARTUP}});
             if (status == SNMP_ERR_NOERROR) {
                 return;
             }
@@ -300,7 +287,7 @@ class Save {
                 rows_.pop_back();
             } else if (status) {
                 throw Outcome{words_of_error_status(SaveStep::create, *status)};
-            } else if (integer_of(get({copy_entry(row_status, row_)})->variables)) {
+            } else if (integer_of(get({copy_entry(CC_COLUMN_ENTRY_ROW_STATUS, row_)})->variables)) {
                 return;
             }
         }
@@ -334,14 +321,14 @@ class Save {
     void activate() {
         bool is_sure = true; // that no earlier SET is under way
         for (;;) {
-            const auto status = set({{copy_entry(row_status, row_), RS_ACTIVE}});
+            const auto status = set({{copy_entry(CC_COLUMN_ENTRY_ROW_STATUS, row_), RS_ACTIVE}});
             if (status == SNMP_ERR_NOERROR) {
                 return;
             }
             if (status && is_sure) {
                 throw Outcome{words_of_error_status(SaveStep::activate, *status)};
             }
-            if (state() != state_waiting) {
+            if (state() != COPY_STATE_WAITING) {
                 return; // it was carried out, and its answer was lost
             }
             if (status) {
@@ -352,7 +339,7 @@ class Save {
     }
 
     long state() {
-        const auto state = integer_of(get({copy_entry(copy_state, row_)})->variables);
+        const auto state = integer_of(get({copy_entry(CC_COLUMN_STATE, row_)})->variables);
         if (!state) {
             throw Outcome{"its copy request is gone"}; // its agent began anew, or somebody destroyed the row
         }
@@ -363,17 +350,17 @@ class Save {
         Milliseconds pause = 50ms;
         for (;;) {
             const long now = state();
-            if (now == state_successful) {
+            if (now == COPY_STATE_SUCCESSFUL) {
                 return "saved";
             }
-            if (now == state_failed) {
+            if (now == COPY_STATE_FAILED) {
                 break;
             }
             wait(pause);
             pause = std::min<Milliseconds>(pause * 2, 500ms);
         }
-        const auto cause = integer_of(get({copy_entry(fail_cause, row_)})->variables);
-        return words_of_failure(cause.value_or(0), cause == cause_manager_failed ? last_save() : "");
+        const auto cause = integer_of(get({copy_entry(CC_COLUMN_FAIL_CAUSE, row_)})->variables);
+        return words_of_failure(cause.value_or(0), cause == COPY_FAIL_WARDEN_FAILED ? last_save() : "");
     }
 
     // What the member itself says; empty when that is not to be had.
@@ -396,7 +383,7 @@ class Save {
             try {
                 for (auto left = end - Clock::now(); left > 0ms; left = end - Clock::now()) {
                     const auto timeout = std::max<Milliseconds>(std::chrono::duration_cast<Milliseconds>(left / 2), 50ms);
-                    if (session_.ask(set_request({{copy_entry(row_status, *row), RS_DESTROY}}), timeout)) {
+                    if (session_.ask(set_request({{copy_entry(CC_COLUMN_ENTRY_ROW_STATUS, *row), RS_DESTROY}}), timeout)) {
                         break;
                     }
                 }
@@ -467,10 +454,10 @@ std::string words_of_library_error(int error) {
 }
 
 std::string words_of_failure(long cause, std::string_view last_save) {
-    if (cause == cause_manager_refused) {
+    if (cause == COPY_FAIL_WARDEN_REFUSED) {
         return "refused by its system manager";
     }
-    if (cause != cause_manager_failed) {
+    if (cause != COPY_FAIL_WARDEN_FAILED) {
         return "failed with cause " + std::to_string(cause);
     }
     std::string reason = first_line(last_save);

@@ -216,9 +216,9 @@ TEST(Agent, AddressForTheLibrary) {
 }
 
 TEST(Server, Addresses) {
-    EXPECT_EQ(address_ipv4, server_address("192.0.2.20").type);
+    EXPECT_EQ(INET_ADDRESS_IPV4, server_address("192.0.2.20").type);
     EXPECT_EQ(std::string("\xC0\0\x02\x14", 4), server_address("192.0.2.20").octets);
-    EXPECT_EQ(address_ipv6, server_address("2001:db8::20").type);
+    EXPECT_EQ(INET_ADDRESS_IPV6, server_address("2001:db8::20").type);
     EXPECT_EQ("2001:db8::20", address_text(server_address("2001:db8::20").octets));
     EXPECT_EQ("?", address_text("123"));
 }

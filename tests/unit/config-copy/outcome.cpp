@@ -34,41 +34,43 @@ TEST(Outcome, NamesAreThoseOfTheMib) {
 
 TEST(Outcome, EachCauseHasItsWords) {
     std::set<std::string> words;
-    for (long cause = cause_general; cause <= cause_manager_failed; ++cause) {
+    for (long cause = COPY_FAIL_GENERAL; cause <= COPY_FAIL_WARDEN_FAILED; ++cause) {
         words.insert(words_of_cause(cause, "192.0.2.1", false));
     }
     EXPECT_EQ(9U, words.size());
     EXPECT_EQ("the switch gives the unknown cause 12", words_of_cause(12, "", false));
     EXPECT_EQ("the file server 192.0.2.1 did not answer the switch: check its address, the route to it, and whether the server runs",
-              words_of_cause(cause_timeout, "192.0.2.1", false));
+              words_of_cause(COPY_FAIL_TIMEOUT, "192.0.2.1", false));
     EXPECT_EQ("not every switch of the fabric has saved: see `cmdshell -c \"show last-save\"` on the switch",
-              words_of_cause(cause_manager_failed, "", true));
+              words_of_cause(COPY_FAIL_WARDEN_FAILED, "", true));
 }
 
 TEST(Outcome, WhatTheSwitchSaysIsPassedOn) {
     constexpr char why[] = "login refused for backup";
-    for (long cause = cause_general; cause <= cause_manager_failed; ++cause) {
+    for (long cause = COPY_FAIL_GENERAL; cause <= COPY_FAIL_WARDEN_FAILED; ++cause) {
         EXPECT_TRUE(words_of_cause(cause, "192.0.2.1", false, why).ends_with(why)) << cause;
     }
-    EXPECT_EQ("the switch says: login refused for backup", words_of_cause(cause_general, "192.0.2.1", false, why));
+    EXPECT_EQ("the switch says: login refused for backup", words_of_cause(COPY_FAIL_GENERAL, "192.0.2.1", false, why));
     EXPECT_EQ("the configuration was refused while it was applied: line 14: unknown statement 'vlna'",
-              words_of_cause(cause_not_applied, "192.0.2.1", false, "line 14: unknown statement 'vlna'"));
+              words_of_cause(COPY_FAIL_CONFIG_NOT_APPLIED, "192.0.2.1", false, "line 14: unknown statement 'vlna'"));
 }
 
 TEST(Outcome, RefusalsTellWhatToDo) {
     const std::string view = "this user or community may not write copy requests: it needs a write view with .1.3.6.1.4.1.41927.9.96";
-    EXPECT_EQ(view, words_of_refusal(SNMP_ERR_NOACCESS, column_row_status, ""));
-    EXPECT_EQ(view, words_of_refusal(SNMP_ERR_AUTHORIZATIONERROR, column_row_status, ""));
+    EXPECT_EQ(view, words_of_refusal(SNMP_ERR_NOACCESS, CC_COLUMN_ENTRY_ROW_STATUS, ""));
+    EXPECT_EQ(view, words_of_refusal(SNMP_ERR_AUTHORIZATIONERROR, CC_COLUMN_ENTRY_ROW_STATUS, ""));
     EXPECT_EQ("the agent has no copy table: load config_copy_mib into it (its log tells why it is not)",
-              words_of_refusal(SNMP_ERR_NOTWRITABLE, column_row_status, ""));
-    EXPECT_EQ("the switch does not accept the file server's address", words_of_refusal(SNMP_ERR_WRONGVALUE, column_address, ""));
-    EXPECT_TRUE(words_of_refusal(SNMP_ERR_RESOURCEUNAVAILABLE, column_user_name, "").starts_with("the switch refuses the user name with "));
+              words_of_refusal(SNMP_ERR_NOTWRITABLE, CC_COLUMN_ENTRY_ROW_STATUS, ""));
+    EXPECT_EQ("the switch does not accept the file server's address",
+              words_of_refusal(SNMP_ERR_WRONGVALUE, CC_COLUMN_SERVER_ADDRESS_REV1, ""));
+    EXPECT_TRUE(
+        words_of_refusal(SNMP_ERR_RESOURCEUNAVAILABLE, CC_COLUMN_USER_NAME, "").starts_with("the switch refuses the user name with "));
     const std::string level =
         "the agent grants this user nothing at the security level authNoPriv: choose a higher one, such as -l authPriv "
         "(if that is refused too, check the user's views)";
-    EXPECT_EQ(level, words_of_refusal(SNMP_ERR_AUTHORIZATIONERROR, column_row_status, "authNoPriv"));
+    EXPECT_EQ(level, words_of_refusal(SNMP_ERR_AUTHORIZATIONERROR, CC_COLUMN_ENTRY_ROW_STATUS, "authNoPriv"));
     EXPECT_EQ(level, words_of_refused_activation(SNMP_ERR_AUTHORIZATIONERROR, "authNoPriv"));
-    EXPECT_EQ(view, words_of_refusal(SNMP_ERR_NOACCESS, column_row_status, "authNoPriv"));
+    EXPECT_EQ(view, words_of_refusal(SNMP_ERR_NOACCESS, CC_COLUMN_ENTRY_ROW_STATUS, "authNoPriv"));
     EXPECT_EQ("the switch finds the request incomplete: check user and password",
               words_of_refused_activation(SNMP_ERR_INCONSISTENTVALUE, ""));
 }

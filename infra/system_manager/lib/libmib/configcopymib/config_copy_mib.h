@@ -19,6 +19,7 @@
 #include <stdio.h>
 
 #include "platform/agent_extension.h"
+#include "platform/copy_table.h"
 #include "platform/evtrace.h"
 #include "platform/inet_address.h"
 #include "platform/keyedset.h"
@@ -27,45 +28,6 @@
 #define CC_EXPORT __attribute__((visibility("default")))
 
 /* --- values -------------------------------------------------------------------------------------------------------------------- */
-
-enum copy_protocol { COPY_PROTO_TFTP = 1, COPY_PROTO_FTP = 2, COPY_PROTO_RCP = 3, COPY_PROTO_SCP = 4, COPY_PROTO_SFTP = 5 };
-
-enum copy_file_type {
-    COPY_FILE_NETWORK = 1,
-    COPY_FILE_KEX = 2,
-    COPY_FILE_STARTUP = 3,
-    COPY_FILE_RUNNING = 4,
-    COPY_FILE_TYPE5 = 5,
-    COPY_FILE_FABRIC_STARTUP = 6,
-    COPY_FILE_ALL_STARTUP = 7,
-};
-
-enum copy_state { COPY_STATE_WAITING = 1, COPY_STATE_RUNNING = 2, COPY_STATE_SUCCESSFUL = 3, COPY_STATE_FAILED = 4 };
-
-enum copy_fail_cause {
-    COPY_FAIL_GENERAL = 1,
-    COPY_FAIL_BAD_FILE_NAME = 2,
-    COPY_FAIL_TIMEOUT = 3,
-    COPY_FAIL_NO_SPACE = 4,
-    COPY_FAIL_BAD_CONFIG = 5, /* the file is no configuration */
-    COPY_FAIL_UNSUPPORTED_PROTOCOL = 6,
-    COPY_FAIL_CONFIG_NOT_APPLIED = 7, /* the configuration was refused while it was applied */
-    COPY_FAIL_WARDEN_REFUSED = 8,     /* the system manager refused to start */
-    COPY_FAIL_WARDEN_FAILED = 9,      /* the system manager reported a failed copy */
-};
-
-/* RowStatus of SNMPv2-TC (RFC 2579). */
-enum row_status {
-    ROW_STATUS_ACTIVE = 1,
-    ROW_STATUS_NOT_IN_SERVICE = 2,
-    ROW_STATUS_NOT_READY = 3,
-    ROW_STATUS_CREATE_AND_GO = 4,
-    ROW_STATUS_CREATE_AND_WAIT = 5,
-    ROW_STATUS_DESTROY = 6,
-};
-
-/* TruthValue of SNMPv2-TC (RFC 2579). */
-enum truth_value { TRUTH_TRUE = 1, TRUTH_FALSE = 2 };
 
 /* Module status codes. */
 #define CCERR_FAILED 0x40490001U
@@ -103,25 +65,10 @@ enum cc_magic {
     CC_MAGIC_ERROR_TEXT = 28,
 };
 
-/* The root 1.3.6.1.4.1.41927.9.96 and what hangs below it. */
-#define CC_ROOT_OID 1, 3, 6, 1, 4, 1, 41927, 9, 96
+/* Lengths of OIDs: of the root, of a column (the prefix of an instance), and of an instance of ccCopyTable. */
 #define CC_ROOT_OID_LENGTH 9
-#define CC_COLUMN_OID_LENGTH 14                      /* root, table and column: the prefix of an instance */
-#define CC_ROW_OID_LENGTH (CC_COLUMN_OID_LENGTH + 1) /* an instance of ccCopyTable */
-#define CC_COPY_COLUMN_OID(column) CC_ROOT_OID, 1, 1, 1, 1, (column)
-
-/* Numbers of the columns of ccCopyTable (the sub-identifier after the table's entry). */
-enum cc_column {
-    CC_COLUMN_SERVER_ADDRESS = 5,
-    CC_COLUMN_FILE_NAME = 6,
-    CC_COLUMN_STATE = 10,
-    CC_COLUMN_TIME_STARTED = 11,
-    CC_COLUMN_TIME_COMPLETED = 12,
-    CC_COLUMN_FAIL_CAUSE = 13,
-    CC_COLUMN_ENTRY_ROW_STATUS = 14,
-    CC_COLUMN_SERVER_ADDRESS_TYPE = 15,
-    CC_COLUMN_SERVER_ADDRESS_REV1 = 16,
-};
+#define CC_COLUMN_OID_LENGTH 14
+#define CC_ROW_OID_LENGTH (CC_COLUMN_OID_LENGTH + 1)
 
 /* --- records ------------------------------------------------------------------------------------------------------------------- */
 
