@@ -3,6 +3,7 @@
 
 #include "config-copy/outcome.h"
 
+#include <array>
 #include <chrono>
 #include <memory>
 #include <mutex>
@@ -68,16 +69,8 @@ std::unique_ptr<Output> make_output(bool is_quiet, bool is_json, bool is_verbose
 
 // --- parts ---
 
-// What is no UTF-8 in the text becomes U+FFFD.
-std::string json_string(std::string_view text);
-
-// Keys, and their values in JSON.
-using Members = std::vector<std::pair<std::string, std::string>>;
-std::string json_object(const Members &members);
-
-std::string json_of(const Outcome &outcome);
-std::string json_summary(const std::vector<Outcome> &outcomes);
-std::string summary_of(const std::vector<Outcome> &outcomes);
-std::vector<std::string> table_lines(const std::vector<std::string> &headings, const std::vector<std::vector<std::string>> &rows);
+inline constexpr std::array<Ending, 6> all_endings{Ending::done,    Ending::failed,      Ending::usage,
+                                                   Ending::refused, Ending::unreachable, Ending::busy};
+std::size_t count_of(const std::vector<Outcome> &outcomes, Ending ending);
 
 } // namespace config_copy

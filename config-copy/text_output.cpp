@@ -1,0 +1,144 @@
+// Texts for people, with a live line on a terminal.
+#include "config-copy/text_output.h"
+
+#include <algorithm>
+#include <iostream>
+#include <utility>
+
+namespace config_copy {
+namespace {
+
+const std::vector<std::string> switch_headings{"ADDRESS", "SWITCH", "REPORTED"};
+
+std::vector<std::vector<std::string>> switch_rows(const std::vector<SwitchOutcome> &switches) {
+    std::vector<std::vector<std::string>> rows;
+    rows.reserve(switches.size());
+    for (const auto &[address, wwn, text] : switches) {
+        rows.push_back({address.empty() ? std::string(absent) : address, wwn, text});
+    }
+    return rows;
+}
+
+// Success goes to standard output, all else to standard error.
+class TextOutput : public Output {
+  public:
+    TextOutput(bool is_quiet, bool has_live_line) : is_quiet_(is_quiet), has_live_line_(has_live_line) {}
+
+    // A terminal's line is written anew; otherwise only a change is told.
+    void progress(std::string_view agent, std::string_view state, std::chrono::seconds elapsed) override {
+        if (is_quiet_) {
+            return;
+        }
+        const std::string line = std::string(agent) + ": " + std::string(state);
+        if (has_live_line_) {
+            put('\r' + line + ", " + std::to_string(elapsed.count()) + " s\033[K");
+            is_live_ = true;
+        } else if (state != last_state_) {
+            put(line + '\n');
+        }
+        last_state_ = state;
+    }
+
+    void outcome(const Outcome &outcome) override {
+        const std::lock_guard lock(mutex_);
+        end_live_line();
+        if (outcome.ending == Ending::done) {
+            line(outcome.text);
+            return;
+        }
+        std::string text = "config-copy: " + outcome.text + '\n';
+        if (!outcome.switches.empty()) {
+            text += lines(switch_headings, switch_rows(outcome.switches));
+        }
+        std::cerr << text << std::flush;
+    }
+
+    void summary(const std::vector<Outcome> &outcomes) override { line(summary_of(outcomes)); }
+
+    void table(const Table &table) override {
+        if (table.rows.empty()) {
+            line(table.when_empty);
+            return;
+        }
+        std::vector<std::string> headings;
+        headings.reserve(table.headings.size());
+        for (const Heading &heading : table.headings) {
+            headings.push_back(heading.text);
+        }
+        put(lines(headings, table.rows));
+    }
+
+    void removed(const std::string &, unsigned long, const std::string &text) override { line(text); }
+
+    void failure(const Failure &failure, const std::string &) override {
+        end_live_line();
+        std::cerr << "config-copy: " + std::string(failure.what()) + '\n' << std::flush;
+    }
+
+  private:
+    void line(const std::string &text) {
+        if (!is_quiet_) {
+            put(text + '\n');
+        }
+    }
+
+    static std::string lines(const std::vector<std::string> &headings, const std::vector<std::vector<std::string>> &rows) {
+        std::string text;
+        for (const std::string &line : table_lines(headings, rows)) {
+            text += line + '\n';
+        }
+        return text;
+    }
+
+    void end_live_line() {
+        if (std::exchange(is_live_, false)) {
+            put("\r\033[K");
+        }
+    }
+
+    bool is_quiet_;
+    bool has_live_line_;
+    bool is_live_ = false;
+    std::string last_state_;
+};
+
+} // namespace
+
+std::unique_ptr<Output> text_output(bool is_quiet, bool has_live_line) {
+    return std::make_unique<TextOutput>(is_quiet, has_live_line);
+}
+
+std::string summary_of(const std::vector<Outcome> &outcomes) {
+    const bool is_dry_run = !outcomes.empty() && outcomes.front().is_dry_run;
+    std::string text = std::to_string(outcomes.size()) + (outcomes.size() == 1 ? " agent" : " agents");
+    for (const Ending ending : all_endings) {
+        const bool is_done = ending == Ending::done;
+        if (const std::size_t count = count_of(outcomes, ending); count > 0 || is_done) {
+            text += (is_done ? ": " : ", ") + std::to_string(count) + ' ' + std::string(is_done && is_dry_run ? "ready" : name_of(ending));
+        }
+    }
+    return text;
+}
+
+std::vector<std::string> table_lines(const std::vector<std::string> &headings, const std::vector<std::vector<std::string>> &rows) {
+    std::vector<std::size_t> widths(headings.size(), 0);
+    std::vector<std::vector<std::string>> all{headings};
+    all.insert(all.end(), rows.begin(), rows.end());
+    for (const auto &row : all) {
+        for (std::size_t i = 0; i < widths.size(); ++i) {
+            widths[i] = std::max(widths[i], row[i].size());
+        }
+    }
+    std::vector<std::string> lines;
+    for (const auto &row : all) {
+        std::string line;
+        for (std::size_t i = 0; i < widths.size(); ++i) {
+            line += row[i];
+            line.append(i + 1 < widths.size() ? widths[i] - row[i].size() + 2 : 0, ' ');
+        }
+        lines.push_back(std::move(line));
+    }
+    return lines;
+}
+
+} // namespace config_copy
