@@ -7,43 +7,17 @@
 
 oid config_copy_mib_variables_oid[CC_ROOT_OID_LENGTH] = {CC_ROOT_OID};
 
-#define COPY_COLUMN(magic, type, access, column)                                                                                           \
-    {                                                                                                                                      \
-        magic, type, access, get_ccCopyTable, 5, {                                                                                         \
-            1, 1, 1, 1, column                                                                                                             \
-        }                                                                                                                                  \
-    }
-#define ERROR_COLUMN(magic, type, column)                                                                                                  \
-    {                                                                                                                                      \
-        magic, type, NETSNMP_OLDAPI_RONLY, get_ccCopyErrorTable, 5, {                                                                      \
-            1, 1, 2, 1, column                                                                                                             \
-        }                                                                                                                                  \
-    }
-
+/* clang-format off */
 struct variable7 config_copy_mib_variables[CC_VARIABLE_COUNT] = {
-    COPY_COLUMN(CC_MAGIC_PROTOCOL, ASN_INTEGER, NETSNMP_OLDAPI_RWRITE, CC_COLUMN_PROTOCOL),
-    COPY_COLUMN(CC_MAGIC_SOURCE_FILE_TYPE, ASN_INTEGER, NETSNMP_OLDAPI_RWRITE, CC_COLUMN_SOURCE_FILE_TYPE),
-    COPY_COLUMN(CC_MAGIC_DEST_FILE_TYPE, ASN_INTEGER, NETSNMP_OLDAPI_RWRITE, CC_COLUMN_DEST_FILE_TYPE),
-    COPY_COLUMN(CC_MAGIC_SERVER_ADDRESS, ASN_IPADDRESS, NETSNMP_OLDAPI_RWRITE, CC_COLUMN_SERVER_ADDRESS),
-    COPY_COLUMN(CC_MAGIC_FILE_NAME, ASN_OCTET_STR, NETSNMP_OLDAPI_RWRITE, CC_COLUMN_FILE_NAME),
-    COPY_COLUMN(CC_MAGIC_USER_NAME, ASN_OCTET_STR, NETSNMP_OLDAPI_RWRITE, CC_COLUMN_USER_NAME),
-    COPY_COLUMN(CC_MAGIC_USER_PASSWORD, ASN_OCTET_STR, NETSNMP_OLDAPI_RWRITE, CC_COLUMN_USER_PASSWORD),
-    COPY_COLUMN(CC_MAGIC_NOTIFICATION_ON_COMPLETION, ASN_INTEGER, NETSNMP_OLDAPI_RWRITE, CC_COLUMN_NOTIFICATION_ON_COMPLETION),
-    COPY_COLUMN(CC_MAGIC_STATE, ASN_INTEGER, NETSNMP_OLDAPI_RONLY, CC_COLUMN_STATE),
-    COPY_COLUMN(CC_MAGIC_TIME_STARTED, ASN_TIMETICKS, NETSNMP_OLDAPI_RONLY, CC_COLUMN_TIME_STARTED),
-    COPY_COLUMN(CC_MAGIC_TIME_COMPLETED, ASN_TIMETICKS, NETSNMP_OLDAPI_RONLY, CC_COLUMN_TIME_COMPLETED),
-    COPY_COLUMN(CC_MAGIC_FAIL_CAUSE, ASN_INTEGER, NETSNMP_OLDAPI_RONLY, CC_COLUMN_FAIL_CAUSE),
-    COPY_COLUMN(CC_MAGIC_ENTRY_ROW_STATUS, ASN_INTEGER, NETSNMP_OLDAPI_RWRITE, CC_COLUMN_ENTRY_ROW_STATUS),
-    COPY_COLUMN(CC_MAGIC_SERVER_ADDRESS_TYPE, ASN_INTEGER, NETSNMP_OLDAPI_RWRITE, CC_COLUMN_SERVER_ADDRESS_TYPE),
-    COPY_COLUMN(CC_MAGIC_SERVER_ADDRESS_REV1, ASN_OCTET_STR, NETSNMP_OLDAPI_RWRITE, CC_COLUMN_SERVER_ADDRESS_REV1),
-    ERROR_COLUMN(CC_MAGIC_ERROR_DEVICE_ADDR_TYPE, ASN_INTEGER, CC_ERROR_COLUMN_DEVICE_ADDR_TYPE),
-    ERROR_COLUMN(CC_MAGIC_ERROR_DEVICE_ADDR, ASN_OCTET_STR, CC_ERROR_COLUMN_DEVICE_ADDR),
-    ERROR_COLUMN(CC_MAGIC_ERROR_SWITCH_WWN, ASN_OCTET_STR, CC_ERROR_COLUMN_SWITCH_WWN),
-    ERROR_COLUMN(CC_MAGIC_ERROR_TEXT, ASN_OCTET_STR, CC_ERROR_COLUMN_TEXT),
+#define COPY_VARIABLE(name, number, type, access, ...) \
+    {CC_MAGIC_##number, type, NETSNMP_OLDAPI_##access, get_ccCopyTable, 5, {1, 1, 1, 1, CC_COLUMN_##number}},
+#define ERROR_VARIABLE(name, number, type, access, ...) \
+    {CC_MAGIC_ERROR_##number, type, NETSNMP_OLDAPI_##access, get_ccCopyErrorTable, 5, {1, 1, 2, 1, CC_ERROR_COLUMN_##number}},
+    CC_COPY_COLUMNS(COPY_VARIABLE) CC_ERROR_COLUMNS(ERROR_VARIABLE)
+#undef COPY_VARIABLE
+#undef ERROR_VARIABLE
 };
-
-#undef COPY_COLUMN
-#undef ERROR_COLUMN
+/* clang-format on */
 
 static constexpr char MODULE_NAME[] = "config_copy_mib";
 static constexpr char SOURCE_PATH[] = "infra/system_manager/lib/libmib/configcopymib/config_copy_mib";
@@ -107,40 +81,16 @@ void deinit_config_copy_mib(void) {
 
 void set_ccCopyTable_setmethods(uint8_t magic, WriteMethod **write_method) {
     switch (magic) {
-    case CC_MAGIC_PROTOCOL:
-        *write_method = set_ccCopyProtocol;
-        break;
-    case CC_MAGIC_SOURCE_FILE_TYPE:
-        *write_method = set_ccCopySourceFileType;
-        break;
-    case CC_MAGIC_DEST_FILE_TYPE:
-        *write_method = set_ccCopyDestFileType;
-        break;
-    case CC_MAGIC_SERVER_ADDRESS:
-        *write_method = set_ccCopyServerAddress;
-        break;
-    case CC_MAGIC_FILE_NAME:
-        *write_method = set_ccCopyFileName;
-        break;
-    case CC_MAGIC_USER_NAME:
-        *write_method = set_ccCopyUserName;
-        break;
-    case CC_MAGIC_USER_PASSWORD:
-        *write_method = set_ccCopyUserPassword;
-        break;
-    case CC_MAGIC_NOTIFICATION_ON_COMPLETION:
-        *write_method = set_ccCopyNotificationOnCompletion;
-        break;
-    case CC_MAGIC_ENTRY_ROW_STATUS:
-        *write_method = set_ccCopyEntryRowStatus;
-        break;
-    case CC_MAGIC_SERVER_ADDRESS_TYPE:
-        *write_method = set_ccCopyServerAddressType;
-        break;
-    case CC_MAGIC_SERVER_ADDRESS_REV1:
-        *write_method = set_ccCopyServerAddressRev1;
-        break;
-    default: /* read-only: the agent's preset stays */
+/* clang-format off */
+#define METHOD_RWRITE(name, number) case CC_MAGIC_##number: *write_method = set_##name; break;
+#define METHOD_RONLY(name, number) /* the agent's preset stays */
+#define METHOD(name, number, type, access, ...) METHOD_##access(name, number)
+        CC_COPY_COLUMNS(METHOD)
+#undef METHOD
+#undef METHOD_RONLY
+#undef METHOD_RWRITE
+        /* clang-format on */
+    default:
         break;
     }
 }

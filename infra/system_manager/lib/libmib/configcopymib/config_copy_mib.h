@@ -42,28 +42,42 @@
 #define CCERR_ONLY_RUNNING_TO_ALL 0x4049005BU
 #define CC_ERROR_FACILITY 584U
 
-/* Magic numbers of the registered variables: the switch keys of the read handlers. */
+/* The columns of ccCopyTable, one line each: name, number (CC_COLUMN_…), ASN.1 type, access, and which reader answers a GET from which
+ * field of the record. */
+/* clang-format off */
+#define CC_COPY_COLUMNS(COLUMN) \
+    COLUMN(ccCopyProtocol, PROTOCOL, ASN_INTEGER, RWRITE, integer_value, ccCopyProtocol) \
+    COLUMN(ccCopySourceFileType, SOURCE_FILE_TYPE, ASN_INTEGER, RWRITE, integer_value, ccCopySourceFileType) \
+    COLUMN(ccCopyDestFileType, DEST_FILE_TYPE, ASN_INTEGER, RWRITE, integer_value, ccCopyDestFileType) \
+    COLUMN(ccCopyServerAddress, SERVER_ADDRESS, ASN_IPADDRESS, RWRITE, ipv4_value, ccCopyServerAddressRev1) \
+    COLUMN(ccCopyFileName, FILE_NAME, ASN_OCTET_STR, RWRITE, text_value, ccCopyFileName) \
+    COLUMN(ccCopyUserName, USER_NAME, ASN_OCTET_STR, RWRITE, text_value, ccCopyUserName) \
+    COLUMN(ccCopyUserPassword, USER_PASSWORD, ASN_OCTET_STR, RWRITE, undisclosed_value, ccCopyUserPassword) \
+    COLUMN(ccCopyNotificationOnCompletion, NOTIFICATION_ON_COMPLETION, ASN_INTEGER, RWRITE, integer_value, ccCopyNotificationOnCompletion) \
+    COLUMN(ccCopyState, STATE, ASN_INTEGER, RONLY, integer_value, ccCopyState) \
+    COLUMN(ccCopyTimeStarted, TIME_STARTED, ASN_TIMETICKS, RONLY, ticks_value, ccCopyTimeStarted) \
+    COLUMN(ccCopyTimeCompleted, TIME_COMPLETED, ASN_TIMETICKS, RONLY, ticks_value, ccCopyTimeCompleted) \
+    COLUMN(ccCopyFailCause, FAIL_CAUSE, ASN_INTEGER, RONLY, integer_value, ccCopyFailCause) \
+    COLUMN(ccCopyEntryRowStatus, ENTRY_ROW_STATUS, ASN_INTEGER, RWRITE, integer_value, ccCopyEntryRowStatus) \
+    COLUMN(ccCopyServerAddressType, SERVER_ADDRESS_TYPE, ASN_INTEGER, RWRITE, integer_value, ccCopyServerAddressType) \
+    COLUMN(ccCopyServerAddressRev1, SERVER_ADDRESS_REV1, ASN_OCTET_STR, RWRITE, address_value, ccCopyServerAddressRev1)
+
+/* The same of ccCopyErrorTable, whose numbers are CC_ERROR_COLUMN_…. */
+#define CC_ERROR_COLUMNS(COLUMN) \
+    COLUMN(ccCopyErrorDeviceAddrType, DEVICE_ADDR_TYPE, ASN_INTEGER, RONLY, integer_value, ccCopyErrorDeviceAddrType) \
+    COLUMN(ccCopyErrorDeviceAddr, DEVICE_ADDR, ASN_OCTET_STR, RONLY, device_address_value, ccCopyErrorDeviceAddr) \
+    COLUMN(ccCopyErrorSwitchWwn, SWITCH_WWN, ASN_OCTET_STR, RONLY, wwn_value, ccCopyErrorSwitchWwn) \
+    COLUMN(ccCopyErrorText, TEXT, ASN_OCTET_STR, RONLY, text_value, ccCopyErrorText)
+
+/* Magic numbers of the registered variables: the switch keys of the read handlers, 4 and 25 for the first column of each table. */
 enum cc_magic {
-    CC_MAGIC_PROTOCOL = 4,
-    CC_MAGIC_SOURCE_FILE_TYPE = 5,
-    CC_MAGIC_DEST_FILE_TYPE = 6,
-    CC_MAGIC_SERVER_ADDRESS = 7,
-    CC_MAGIC_FILE_NAME = 8,
-    CC_MAGIC_USER_NAME = 9,
-    CC_MAGIC_USER_PASSWORD = 10,
-    CC_MAGIC_NOTIFICATION_ON_COMPLETION = 11,
-    CC_MAGIC_STATE = 12,
-    CC_MAGIC_TIME_STARTED = 13,
-    CC_MAGIC_TIME_COMPLETED = 14,
-    CC_MAGIC_FAIL_CAUSE = 15,
-    CC_MAGIC_ENTRY_ROW_STATUS = 16,
-    CC_MAGIC_SERVER_ADDRESS_TYPE = 17,
-    CC_MAGIC_SERVER_ADDRESS_REV1 = 18,
-    CC_MAGIC_ERROR_DEVICE_ADDR_TYPE = 25,
-    CC_MAGIC_ERROR_DEVICE_ADDR = 26,
-    CC_MAGIC_ERROR_SWITCH_WWN = 27,
-    CC_MAGIC_ERROR_TEXT = 28,
+#define MAGIC_OF_COPY_COLUMN(name, number, ...) CC_MAGIC_##number = CC_COLUMN_##number + 2,
+#define MAGIC_OF_ERROR_COLUMN(name, number, ...) CC_MAGIC_ERROR_##number = CC_ERROR_COLUMN_##number + 23,
+    CC_COPY_COLUMNS(MAGIC_OF_COPY_COLUMN) CC_ERROR_COLUMNS(MAGIC_OF_ERROR_COLUMN)
+#undef MAGIC_OF_COPY_COLUMN
+#undef MAGIC_OF_ERROR_COLUMN
 };
+/* clang-format on */
 
 /* Lengths of OIDs: of the root, of a column (the prefix of an instance), and of an instance of ccCopyTable. */
 #define CC_ROOT_OID_LENGTH 9

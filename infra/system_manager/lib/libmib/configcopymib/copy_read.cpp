@@ -21,6 +21,10 @@ template <typename Field> static unsigned char *field_value(Field &field, size_t
     return reinterpret_cast<unsigned char *>(&field);
 }
 
+static unsigned char *integer_value(int32_t &field, size_t *var_len) {
+    return field_value(field, INTEGER_LENGTH, var_len);
+}
+
 /* A text field: as long as its text, and never longer than the field, which may have no terminator. */
 template <size_t capacity> static unsigned char *text_value(char (&field)[capacity], size_t *var_len) {
     return field_value(field, strnlen(field, capacity), var_len);
@@ -39,6 +43,21 @@ static unsigned char *address_value(const char *text, size_t *var_len) {
         return nullptr;
     }
     return field_value(read_address.octets, read_address.type == INET_ADDRESS_IPV4 ? IPV4_LENGTH : IPV6_LENGTH, var_len);
+}
+
+/* The same of the legacy column, which knows IPv4 alone. */
+static unsigned char *ipv4_value(const char *text, size_t *var_len) {
+    unsigned char *octets = address_value(text, var_len);
+    if (octets != nullptr && read_address.type != INET_ADDRESS_IPV4) {
+        *var_len = 0;
+        return nullptr;
+    }
+    return octets;
+}
+
+static unsigned char *undisclosed_value(const char *, size_t *var_len) {
+    static char empty[1] = "";
+    return text_value(empty, var_len);
 }
 
 static unsigned char *no_value(void) {
@@ -97,52 +116,35 @@ unsigned char *get_ccCopyTable(struct variable *vp, oid *name, size_t *length, i
         return nullptr;
     }
 
-    struct ccCopyEntry &row = cc_last_read_row;
     switch (vp->magic) {
-    case CC_MAGIC_PROTOCOL:
-        return field_value(row.ccCopyProtocol, INTEGER_LENGTH, var_len);
-    case CC_MAGIC_SOURCE_FILE_TYPE:
-        return field_value(row.ccCopySourceFileType, INTEGER_LENGTH, var_len);
-    case CC_MAGIC_DEST_FILE_TYPE:
-        return field_value(row.ccCopyDestFileType, INTEGER_LENGTH, var_len);
-    case CC_MAGIC_SERVER_ADDRESS: {
-        unsigned char *octets = address_value(row.ccCopyServerAddressRev1, var_len);
-        if (octets != nullptr && read_address.type != INET_ADDRESS_IPV4) {
-            *var_len = 0;
-            return nullptr;
-        }
-        return octets;
-    }
-    case CC_MAGIC_FILE_NAME:
-        return text_value(row.ccCopyFileName, var_len);
-    case CC_MAGIC_USER_NAME:
-        return text_value(row.ccCopyUserName, var_len);
-    case CC_MAGIC_USER_PASSWORD: { /* never disclosed */
-        static char empty[1] = "";
-        return text_value(empty, var_len);
-    }
-    case CC_MAGIC_NOTIFICATION_ON_COMPLETION:
-        return field_value(row.ccCopyNotificationOnCompletion, INTEGER_LENGTH, var_len);
-    case CC_MAGIC_STATE:
-        return field_value(row.ccCopyState, INTEGER_LENGTH, var_len);
-    case CC_MAGIC_TIME_STARTED:
-        return ticks_value(row.ccCopyTimeStarted, var_len);
-    case CC_MAGIC_TIME_COMPLETED:
-        return ticks_value(row.ccCopyTimeCompleted, var_len);
-    case CC_MAGIC_FAIL_CAUSE:
-        return field_value(row.ccCopyFailCause, INTEGER_LENGTH, var_len);
-    case CC_MAGIC_ENTRY_ROW_STATUS:
-        return field_value(row.ccCopyEntryRowStatus, INTEGER_LENGTH, var_len);
-    case CC_MAGIC_SERVER_ADDRESS_TYPE:
-        return field_value(row.ccCopyServerAddressType, INTEGER_LENGTH, var_len);
-    case CC_MAGIC_SERVER_ADDRESS_REV1:
-        return address_value(row.ccCopyServerAddressRev1, var_len);
+/* clang-format off */
+#define READ_COLUMN(name, number, type, access, reader, field) case CC_MAGIC_##number: return reader(cc_last_read_row.field, var_len);
+        CC_COPY_COLUMNS(READ_COLUMN)
+#undef READ_COLUMN
+        /* clang-format on */
     default:
         return no_value();
     }
 }
 
 /* --- ccCopyErrorTable ----------------------------------------------------------------------------------------------------------------- */
+
+static constexpr char READ_ERROR_NAME[] = "get_ccCopyErrorTable"; /* whose work the message reports */
+
+static unsigned char *device_address_value(const char *text, size_t *var_len) {
+    unsigned char *octets = address_value(text, var_len);
+    if (octets != nullptr) {
+        uint32_t first_word;
+        memcpy(&first_word, octets, sizeof first_word);
+        cc_log(EVTRACE_DEBUG, "%s: GET FUNCTION: returning device ip addr: %s (0x%08x), device ip addr type: %d\n", READ_ERROR_NAME, text,
+               first_word, read_error_row.ccCopyErrorDeviceAddrType);
+    }
+    return octets;
+}
+
+static unsigned char *wwn_value(uint8_t (&wwn)[CC_WWN_SIZE], size_t *var_len) {
+    return field_value(wwn, sizeof wwn, var_len);
+}
 
 unsigned char *get_ccCopyErrorTable(struct variable *vp, oid *name, size_t *length, int exact, size_t *var_len, WriteMethod **) {
     static constexpr size_t EXACT_EXTRA_MAX = 11;
@@ -179,22 +181,11 @@ unsigned char *get_ccCopyErrorTable(struct variable *vp, oid *name, size_t *leng
     memcpy(name, found, *length * sizeof(oid));
 
     switch (vp->magic) {
-    case CC_MAGIC_ERROR_DEVICE_ADDR_TYPE:
-        return field_value(read_error_row.ccCopyErrorDeviceAddrType, INTEGER_LENGTH, var_len);
-    case CC_MAGIC_ERROR_DEVICE_ADDR: {
-        unsigned char *octets = address_value(read_error_row.ccCopyErrorDeviceAddr, var_len);
-        if (octets != nullptr) {
-            uint32_t first_word;
-            memcpy(&first_word, octets, sizeof first_word);
-            cc_log(EVTRACE_DEBUG, "%s: GET FUNCTION: returning device ip addr: %s (0x%08x), device ip addr type: %d\n", __func__,
-                   read_error_row.ccCopyErrorDeviceAddr, first_word, read_error_row.ccCopyErrorDeviceAddrType);
-        }
-        return octets;
-    }
-    case CC_MAGIC_ERROR_SWITCH_WWN:
-        return field_value(read_error_row.ccCopyErrorSwitchWwn, CC_WWN_SIZE, var_len);
-    case CC_MAGIC_ERROR_TEXT:
-        return text_value(read_error_row.ccCopyErrorText, var_len);
+/* clang-format off */
+#define READ_COLUMN(name, number, type, access, reader, field) case CC_MAGIC_ERROR_##number: return reader(read_error_row.field, var_len);
+        CC_ERROR_COLUMNS(READ_COLUMN)
+#undef READ_COLUMN
+        /* clang-format on */
     default:
         return no_value();
     }
