@@ -81,20 +81,6 @@ std::string state_name(long state) {
     return state > 0 && state < static_cast<long>(names.size()) ? std::string(names.at(static_cast<std::size_t>(state))) : numbered(state);
 }
 
-std::string cause_name(long cause) {
-    constexpr std::array<std::string_view, 10> names{"",
-                                                     "general",
-                                                     "badFileName",
-                                                     "timeout",
-                                                     "noSpace",
-                                                     "badConfig",
-                                                     "unsupportedProtocol",
-                                                     "configNotApplied",
-                                                     "systemManagerRefused",
-                                                     "systemManagerFailed"};
-    return cause > 0 && cause < static_cast<long>(names.size()) ? std::string(names.at(static_cast<std::size_t>(cause))) : numbered(cause);
-}
-
 std::string words_of_cause(long cause, std::string_view server, bool is_fabric, std::string_view reason) {
     const std::string the_server = server.empty() ? "the file server" : "the file server " + std::string(server);
     // What the switch says stands for where to look.

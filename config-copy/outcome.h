@@ -1,6 +1,7 @@
 // What came of a copy, and how it is said in words.
 #pragma once
 
+#include "base/copy_names.h"
 #include "config-copy/copy_table.h"
 #include "config-copy/failure.h"
 
@@ -61,7 +62,7 @@ Ending ending_of_all(const std::vector<Outcome> &outcomes);
 
 // Names of the MIB, the number itself when it has none.
 std::string state_name(long state);
-std::string cause_name(long cause);
+using ulmo::cause_name;
 
 // Why the copy failed and what to do about it. `server` is the file server in words, empty for a copy without one;
 // `reason` what the switch says, empty when it says nothing.

@@ -13,7 +13,7 @@ ROOT = Path(__file__).resolve().parents[2]
 HOST = "platform/host"
 ROOMS = {"base": "base", "tftp": "tftp"} | {path.name: f"{HOST}/{path.name}" for path in (ROOT / HOST).iterdir() if any(path.glob("*.cpp"))}
 TOP = "programs"  # one source a program, without a header: may use every room
-ALONE = {"infra": {"platform"}, "config-copy": {"platform"}}  # above no room
+ALONE = {"infra": {"platform"}, "config-copy": {"base", "platform"}}  # above no room
 HEAD = re.compile(r"\A// Room: .+\.\n// Used by: (.+)\.\n// May use: (.+)\.\n")
 INCLUDE = re.compile(r'^#include "([^"]+/[^"]+)"', re.MULTILINE)
 

@@ -1,5 +1,4 @@
-// What a module registers with the agent. SNMP contexts (RFC 3411, 3.3.1) that name VRFs: what a module registers with the agent is to be
-// had in each of them too.
+// What a module registers with the agent: it is repeated in each SNMP context (RFC 3411, 3.3.1) that names a VRF.
 #include "base/settings.h"
 #include "platform/host/agent/copies.h"
 #include "platform/host/history/log.h"

@@ -1,5 +1,6 @@
 #include "platform/host/agent/copies.h"
 
+#include "base/copy_names.h"
 #include "base/folders.h"
 #include "base/ownership.h"
 #include "base/state_file.h"
@@ -56,20 +57,6 @@ std::string protocol_name(long protocol) {
 std::string file_type_name(long type) {
     constexpr std::array<std::string_view, 8> names{"", "", "", "startup", "running", "", "fabric-startup", "all-startup"};
     return name_or_number(names, type);
-}
-
-std::string cause_name(long cause) {
-    constexpr std::array<std::string_view, 10> names{"",
-                                                     "general",
-                                                     "badFileName",
-                                                     "timeout",
-                                                     "noSpace",
-                                                     "badConfig",
-                                                     "unsupportedProtocol",
-                                                     "configNotApplied",
-                                                     "systemManagerRefused",
-                                                     "systemManagerFailed"};
-    return name_or_number(names, cause);
 }
 
 std::string address_text(const std::string &octets) {
@@ -302,7 +289,7 @@ void CopyWatch::not_forked(const Copy &copy, int error) noexcept {
     quietly([&] {
         CopyEnd end;
         end.outcome = CopyEnd::Outcome::failed;
-        end.cause = cause_name(1);
+        end.cause = cause_name(COPY_FAIL_GENERAL);
         end.reason = std::string("the copy process could not be started: ") + std::strerror(error);
         end_copy(copy, end);
     });
@@ -318,8 +305,7 @@ void CopyWatch::reported(pid_t worker, std::optional<std::int32_t> status) noexc
             if (status == 0) {
                 end.reason.clear();
             } else {
-                constexpr std::int32_t general = 1;
-                end.cause = cause_name(status.value_or(general));
+                end.cause = cause_name(status.value_or(COPY_FAIL_GENERAL));
             }
             end_copy(copy, std::move(end));
         }
@@ -333,7 +319,7 @@ void CopyWatch::died(pid_t worker, const std::string &how) noexcept {
             copies_.erase(found);
             CopyEnd end = end_of(read_copy_report(copy.report));
             end.outcome = CopyEnd::Outcome::failed;
-            end.cause = cause_name(1);
+            end.cause = cause_name(COPY_FAIL_GENERAL);
             const std::string ending = "the copy process ended " + how;
             end.reason = end.reason.empty() ? ending : end.reason + " (" + ending + ')';
             end_copy(copy, std::move(end));
