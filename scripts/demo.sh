@@ -81,6 +81,7 @@ run /ulmo/bin/cmdshell -c "show running-config"
 title "Back up by SFTP: the startup configuration, with user and password"
 run snmpset "$LAB_AGENT" ccCopyEntryRowStatus.7 i createAndWait ccCopyProtocol.7 i sftp ccCopySourceFileType.7 i startupConfig \
     ccCopyDestFileType.7 i networkFile ccCopyServerAddress.7 a "$LAB_SERVER4" ccCopyFileName.7 s startup.cfg
+# shellcheck disable=SC2016 # the password is shown as the name of its variable
 printf '$ snmpset %s ccCopyUserName.7 s %s ccCopyUserPassword.7 s "$LAB_PASSWORD"\n' "$LAB_AGENT" "$LAB_USER"
 snmpset "$LAB_AGENT" ccCopyUserName.7 s "$LAB_USER" ccCopyUserPassword.7 s "$LAB_PASSWORD"
 run snmpset "$LAB_AGENT" ccCopyEntryRowStatus.7 i active
@@ -112,6 +113,7 @@ run snmpget "$LAB_AGENT" ccCopyFailCause.4
 # Whether what a switch runs is what it would start with, octet for octet.
 has_saved() { cmp -s "/lab/switch$1/disk/state/running.cfg" "/lab/switch$1/disk/state/system.cfg"; }
 
+# shellcheck disable=SC2153 # the lab sets LAB_AGENTS beside LAB_AGENT
 title "Save on every switch of the fabric: three of them, $LAB_AGENTS"
 for switch in 1 2 3; do
     printf 'vlan 10%s\n' "$switch" >"/tmp/change$switch.cfg"

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Builds everything and passes all tests: formatting, warnings of two compilers, clang-tidy, unit tests under sanitizers
+# Builds everything and passes all tests: formatting, shellcheck, warnings of two compilers, clang-tidy, unit tests under sanitizers
 # and as the release build makes them, the MIB module, the documentation against the sources, fuzzers for a few seconds
 # each, and the system tests in the lab. Installs what it needs, and tells how far it is. Ends with "N passed, N failed".
 #
@@ -30,6 +30,9 @@ quietly() {
 
 own_sources() { git ls-files '*.cpp' '*.h'; }
 
+# By their first line, as most have no suffix. What is only read by a shell names it for shellcheck.
+shell_sources() { git grep -lIE '^(#!.*[/ ](ba)?sh|# shellcheck shell=.*)$'; }
+
 # PRESET [CMAKE ARGUMENT…]
 build() {
     local preset=$1
@@ -41,8 +44,9 @@ build() {
 build_release() { build release -DCCM_UNIT_TESTS=ON -DCCM_BENCH=ON; }
 
 step_format() {
-    section "clang-format"
+    section "clang-format, shellcheck"
     own_sources | xargs clang-format --dry-run --Werror
+    shell_sources | xargs shellcheck
 }
 
 step_build() {
