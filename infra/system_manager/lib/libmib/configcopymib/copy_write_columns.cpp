@@ -38,8 +38,8 @@ struct column {
     const char *handler;
     unsigned char type;
     const char *type_name;
-    const struct column_kind *kind;
     size_t field; /* of the record: its offset */
+    const struct column_kind *kind;
     enum save_order order;
     unsigned logs = 0;                 /* column_log bits */
     size_t longest = 0;                /* octets of a value that is no INTEGER */
@@ -348,13 +348,27 @@ static int write_column(struct column &column, int action, const struct written_
     }
 }
 
-/* --- the columns -------------------------------------------------------------------------------------------------------------------------
- */
+/* --- the columns */
 
-/* Makes the facts of a column and its exported write handler; the column's name is spelt here only. */
-#define COLUMN(column_name, asn_type, ...)                                                                                                 \
-    static struct column column_name##_column = {                                                                                          \
-        .name = #column_name, .handler = "set_" #column_name, .type = asn_type, .type_name = #asn_type, __VA_ARGS__};                      \
+/* What the list of columns says of each: its ASN.1 type, and where the record keeps its value. */
+struct listed_column {
+    unsigned char type;
+    const char *type_name;
+    size_t field;
+};
+#define LISTED(name, number, asn_type, access, reader, record_field)                                                                       \
+    [[maybe_unused]] static constexpr struct listed_column name##_listed = {asn_type, #asn_type, offsetof(ccCopyEntry, record_field)};
+CC_COPY_COLUMNS(LISTED)
+#undef LISTED
+
+/* Makes the facts of writing a column, beside those of the list, and its exported write handler. */
+#define COLUMN(column_name, ...)                                                                                                           \
+    static struct column column_name##_column = {.name = #column_name,                                                                     \
+                                                 .handler = "set_" #column_name,                                                           \
+                                                 .type = column_name##_listed.type,                                                        \
+                                                 .type_name = column_name##_listed.type_name,                                              \
+                                                 .field = column_name##_listed.field,                                                      \
+                                                 __VA_ARGS__};                                                                             \
     int set_##column_name(int action, unsigned char *var_val, unsigned char var_val_type, size_t var_val_len, unsigned char *, oid *name,  \
                           size_t name_len) {                                                                                               \
         return write_column(column_name##_column, action, {var_val, var_val_type, var_val_len}, (int32_t)name[name_len - 1]);              \
@@ -363,43 +377,40 @@ static int write_column(struct column &column, int action, const struct written_
 /* A bit for each value that may be written. */
 #define VALUE(value) (1U << (value))
 
-COLUMN(ccCopyProtocol, ASN_INTEGER, .kind = &INTEGER_KIND, .field = offsetof(ccCopyEntry, ccCopyProtocol), .order = SAVE_THEN_TEST,
+COLUMN(ccCopyProtocol, .kind = &INTEGER_KIND, .order = SAVE_THEN_TEST,
        .logs = LOG_RESERVE2 | LOG_ACTION | LOG_FREE | LOG_ROW_STATUS_REFUSED,
        /* RCP is a value elsewhere, and deliberately none that can be written. */
        .accepted = VALUE(COPY_PROTO_TFTP) | VALUE(COPY_PROTO_FTP) | VALUE(COPY_PROTO_SCP) | VALUE(COPY_PROTO_SFTP),
        .announce = announce_protocol)
 
 /* File types and the notification flag take any value here; the activation judges them. */
-COLUMN(ccCopySourceFileType, ASN_INTEGER, .kind = &INTEGER_KIND, .field = offsetof(ccCopyEntry, ccCopySourceFileType),
-       .order = SAVE_THEN_TEST, .logs = LOG_RESERVE2 | LOG_ACTION | LOG_FREE, .announce = announce_entry)
+COLUMN(ccCopySourceFileType, .kind = &INTEGER_KIND, .order = SAVE_THEN_TEST, .logs = LOG_RESERVE2 | LOG_ACTION | LOG_FREE,
+       .announce = announce_entry)
 
-COLUMN(ccCopyDestFileType, ASN_INTEGER, .kind = &INTEGER_KIND, .field = offsetof(ccCopyEntry, ccCopyDestFileType), .order = SAVE_THEN_TEST,
-       .logs = LOG_FREE)
+COLUMN(ccCopyDestFileType, .kind = &INTEGER_KIND, .order = SAVE_THEN_TEST, .logs = LOG_FREE)
 
-COLUMN(ccCopyFileName, ASN_OCTET_STR, .kind = &TEXT_KIND, .field = offsetof(ccCopyEntry, ccCopyFileName), .order = TEST_THEN_SAVE,
-       .logs = LOG_ACTION | LOG_FREE | PRINT_ROW_MISSING, .longest = CC_FILE_NAME_MAX)
+COLUMN(ccCopyFileName, .kind = &TEXT_KIND, .order = TEST_THEN_SAVE, .logs = LOG_ACTION | LOG_FREE | PRINT_ROW_MISSING,
+       .longest = CC_FILE_NAME_MAX)
 
-COLUMN(ccCopyUserName, ASN_OCTET_STR, .kind = &TEXT_KIND, .field = offsetof(ccCopyEntry, ccCopyUserName), .order = TEST_THEN_SAVE,
-       .logs = LOG_FREE, .longest = CC_CREDENTIAL_SIZE, .saved_bound = CC_CREDENTIAL_SIZE)
+COLUMN(ccCopyUserName, .kind = &TEXT_KIND, .order = TEST_THEN_SAVE, .logs = LOG_FREE, .longest = CC_CREDENTIAL_SIZE,
+       .saved_bound = CC_CREDENTIAL_SIZE)
 
-COLUMN(ccCopyUserPassword, ASN_OCTET_STR, .kind = &TEXT_KIND, .field = offsetof(ccCopyEntry, ccCopyUserPassword), .order = TEST_THEN_SAVE,
-       .logs = LOG_FREE, .longest = CC_CREDENTIAL_SIZE, .saved_bound = CC_CREDENTIAL_SIZE)
+COLUMN(ccCopyUserPassword, .kind = &TEXT_KIND, .order = TEST_THEN_SAVE, .logs = LOG_FREE, .longest = CC_CREDENTIAL_SIZE,
+       .saved_bound = CC_CREDENTIAL_SIZE)
 
-COLUMN(ccCopyNotificationOnCompletion, ASN_INTEGER, .kind = &INTEGER_KIND, .field = offsetof(ccCopyEntry, ccCopyNotificationOnCompletion),
-       .order = TEST_THEN_SAVE, .logs = LOG_FREE)
+COLUMN(ccCopyNotificationOnCompletion, .kind = &INTEGER_KIND, .order = TEST_THEN_SAVE, .logs = LOG_FREE)
 
-COLUMN(ccCopyServerAddressType, ASN_INTEGER, .kind = &ADDRESS_TYPE_KIND, .field = offsetof(ccCopyEntry, ccCopyServerAddressType),
-       .order = SAVE_THEN_TEST, .logs = LOG_RESERVE2 | LOG_ACTION | LOG_FREE | LOG_ROW_STATUS_REFUSED,
+COLUMN(ccCopyServerAddressType, .kind = &ADDRESS_TYPE_KIND, .order = SAVE_THEN_TEST,
+       .logs = LOG_RESERVE2 | LOG_ACTION | LOG_FREE | LOG_ROW_STATUS_REFUSED,
        .accepted = VALUE(INET_ADDRESS_IPV4) | VALUE(INET_ADDRESS_IPV6),
        .refused = "var_val is not INET_ADDRESS_IPV4 or INET_ADDRESS_IPV6- returning SNMP_ERR_WRONGVALUE", .length_name_tail = "l",
        .announce = announce_address_type, .announce_first = true)
 
-COLUMN(ccCopyServerAddressRev1, ASN_OCTET_STR, .kind = &ADDRESS_KIND, .field = offsetof(ccCopyEntry, ccCopyServerAddressRev1),
-       .order = TEST_THEN_SAVE, .logs = LOG_RESERVE2 | LOG_ACTION | LOG_FREE, .longest = CC_ADDRESS_TEXT_SIZE, .announce = announce_address,
-       .announce_first = true)
+COLUMN(ccCopyServerAddressRev1, .kind = &ADDRESS_KIND, .order = TEST_THEN_SAVE, .logs = LOG_RESERVE2 | LOG_ACTION | LOG_FREE,
+       .longest = CC_ADDRESS_TEXT_SIZE, .announce = announce_address, .announce_first = true)
 
-COLUMN(ccCopyServerAddress, ASN_IPADDRESS, .kind = &LEGACY_ADDRESS_KIND, .field = offsetof(ccCopyEntry, ccCopyServerAddressRev1),
-       .order = SAVE_THEN_TEST, .logs = LOG_RESERVE2 | LOG_ACTION | PRINT_FREE, .longest = 4, .announce = print_legacy_address)
+COLUMN(ccCopyServerAddress, .kind = &LEGACY_ADDRESS_KIND, .order = SAVE_THEN_TEST, .logs = LOG_RESERVE2 | LOG_ACTION | PRINT_FREE,
+       .longest = 4, .announce = print_legacy_address)
 
 #undef COLUMN
 #undef VALUE
