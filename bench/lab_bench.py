@@ -5,6 +5,9 @@ import statistics
 import subprocess
 import sys
 import time
+from pathlib import Path
+
+sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "tests"))  # copy_numbers
 
 
 def lab(variable):
@@ -17,6 +20,7 @@ def lab(variable):
 
 def run(*command):
     """Runs a command and returns (seconds, standard output). Ends the program when the command fails."""
+    command = [str(word) for word in command]
     begin = time.monotonic()
     done = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, check=False)
     seconds = time.monotonic() - begin

@@ -13,30 +13,28 @@ import os
 import sys
 import time
 
-from lab_bench import lab, print_table, run
+from lab_bench import lab, print_table, run  # first: it knows where copy_numbers is
+from copy_numbers import COPY_ENTRY, C
 
-ENTRY = ".1.3.6.1.4.1.41927.9.96.1.1.1.1"
-SOURCE, DESTINATION, STATE, ROW_STATUS = 3, 4, 10, 14
-RUNNING, STARTUP, FABRIC_STARTUP = "4", "3", "6"
-ACTIVE, CREATE_AND_WAIT, DESTROY = "1", "5", "6"
-SUCCESSFUL, FAILED = "3", "4"
-INDEX = "11"
+INDEX = 11
+ENDED = (C.COPY_STATE_SUCCESSFUL, C.COPY_STATE_FAILED)
 
 
 def column(number):
-    return f"{ENTRY}.{number}.{INDEX}"
+    return f"{COPY_ENTRY}.{number}.{INDEX}"
 
 
 def save(agent, destination):
     """Returns the seconds until the answer, and until the save was done."""
-    run("snmpset", "-r0", "-t30", agent, column(ROW_STATUS), "i", CREATE_AND_WAIT, column(SOURCE), "i", RUNNING, column(DESTINATION), "i", destination)
+    run("snmpset", "-r0", "-t30", agent, column(C.CC_COLUMN_ENTRY_ROW_STATUS), "i", C.ROW_STATUS_CREATE_AND_WAIT, column(C.CC_COLUMN_SOURCE_FILE_TYPE), "i", C.COPY_FILE_RUNNING, column(C.CC_COLUMN_DEST_FILE_TYPE), "i", destination)
     began = time.monotonic()
-    answered, _ = run("snmpset", "-r0", "-t30", agent, column(ROW_STATUS), "i", ACTIVE)
-    while (state := run("snmpget", "-Oqve", agent, column(STATE))[1].strip()) not in (SUCCESSFUL, FAILED):
+    answered, _ = run("snmpset", "-r0", "-t30", agent, row_status, "i", C.ROW_STATUS_ACTIVE)
+    answered, _ = run("snmpset", "-r0", "-t30", agent, column(C.CC_COLUMN_ENTRY_ROW_STATUS), "i", C.ROW_STATUS_ACTIVE)
+    while (state := int(run("snmpget", "-Oqve", agent, column(C.CC_COLUMN_STATE))[1])) not in ENDED:
         pass
     saved = time.monotonic() - began
-    run("snmpset", "-r0", agent, column(ROW_STATUS), "i", DESTROY)
-    if state == FAILED:
+    run("snmpset", "-r0", agent, row_status, "i", C.ROW_STATUS_DESTROY)
+    if state == C.COPY_STATE_FAILED:
         sys.exit("a save failed")
     return answered, saved
 
@@ -46,7 +44,9 @@ def main():
     parser.add_argument("--runs", type=int, default=20, help="saves of each kind (default: 20)")
     runs = parser.parse_args().runs
     agent, switches = lab("LAB_AGENT"), len(lab("LAB_AGENTS").split())
-    kinds = {"this switch": STARTUP} | ({f"fabric of {switches}": FABRIC_STARTUP} if switches > 1 else {})
+    kinds = {"this switch": C.COPY_FILE_STARTUP}
+    if switches > 1:
+        kinds[f"fabric of {switches}"] = C.COPY_FILE_FABRIC_STARTUP
     os.environ["MIBS"] = ""
     times = {"one GET": []}
     for _ in range(runs):

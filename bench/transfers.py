@@ -17,15 +17,12 @@ import tempfile
 import time
 from pathlib import Path
 
-from lab_bench import lab, print_table, run
+from lab_bench import lab, print_table, run  # first: it knows where copy_numbers is
+from copy_numbers import COPY_ENTRY, C
 
-ENTRY = ".1.3.6.1.4.1.41927.9.96.1.1.1.1"
-PROTOCOL, SOURCE, DESTINATION, ADDRESS, FILE_NAME, USER_NAME, PASSWORD, STATE, STARTED, COMPLETED, ROW_STATUS = 2, 3, 4, 5, 6, 7, 8, 10, 11, 12, 14
-PROTOCOLS = {"tftp": "1", "ftp": "2", "sftp": "5", "scp": "4"}
-STARTUP, NETWORK = "3", "1"
-ACTIVE, CREATE_AND_WAIT, DESTROY = "1", "5", "6"
-RUNNING_STATE, SUCCESSFUL = "2", "3"
-INDEX = "12"
+PROTOCOLS = {"tftp": C.COPY_PROTO_TFTP, "ftp": C.COPY_PROTO_FTP,
+             "sftp": C.COPY_PROTO_SFTP, "scp": C.COPY_PROTO_SCP}
+INDEX = 12
 NAME = "bench.cfg"
 
 
@@ -35,23 +32,31 @@ def octets(text):
 
 
 def column(number):
-    return f"{ENTRY}.{number}.{INDEX}"
+    return f"{COPY_ENTRY}.{number}.{INDEX}"
 
 
 def copy_over_snmp(protocol):
     """Returns the seconds from the SET to the success."""
     agent, user, password = lab("LAB_AGENT"), lab("LAB_USER"), lab("LAB_PASSWORD")
-    run("snmpset", "-r0", agent, column(ROW_STATUS), "i", CREATE_AND_WAIT, column(PROTOCOL), "i", PROTOCOLS[protocol], column(SOURCE), "i", STARTUP,
-        column(DESTINATION), "i", NETWORK, column(ADDRESS), "a", lab("LAB_SERVER4"), column(FILE_NAME), "s", NAME)
-    run("snmpset", "-r0", agent, column(USER_NAME), "s", user, column(PASSWORD), "s", password)
-    tool, _ = run("snmpget", "-r0", agent, column(STATE))
-    seconds = run("snmpset", "-r0", "-t10", agent, column(ROW_STATUS), "i", ACTIVE)[0] - tool
-    while (state := run("snmpget", "-Oqve", agent, column(STATE))[1].strip()) == RUNNING_STATE:
+    row_status = column(C.CC_COLUMN_ENTRY_ROW_STATUS)
+    run("snmpset", "-r0", agent, row_status, "i", C.ROW_STATUS_CREATE_AND_WAIT,
+        column(C.CC_COLUMN_PROTOCOL), "i", PROTOCOLS[protocol],
+        column(C.CC_COLUMN_SOURCE_FILE_TYPE), "i", C.COPY_FILE_STARTUP,
+        column(C.CC_COLUMN_DEST_FILE_TYPE), "i", C.COPY_FILE_NETWORK,
+        column(C.CC_COLUMN_SERVER_ADDRESS), "a", lab("LAB_SERVER4"),
+        column(C.CC_COLUMN_FILE_NAME), "s", NAME)
+    run("snmpset", "-r0", agent, column(C.CC_COLUMN_USER_NAME), "s", user,
+        column(C.CC_COLUMN_USER_PASSWORD), "s", password)
+    tool, _ = run("snmpget", "-r0", agent, column(C.CC_COLUMN_STATE))
+    activation, _ = run("snmpset", "-r0", "-t10", agent, row_status, "i", C.ROW_STATUS_ACTIVE)
+    seconds = activation - tool
+    while (state := int(run("snmpget", "-Oqve", agent, column(C.CC_COLUMN_STATE))[1])) == C.COPY_STATE_RUNNING:
         time.sleep(3)
-    started, completed = run("snmpget", "-Oqvt", agent, column(STARTED), column(COMPLETED))[1].split()
+    started, completed = run("snmpget", "-Oqvt", agent, column(C.CC_COLUMN_TIME_STARTED),
+                             column(C.CC_COLUMN_TIME_COMPLETED))[1].split()
     seconds += (int(completed) - int(started)) / 100
-    run("snmpset", "-r0", agent, column(ROW_STATUS), "i", DESTROY)
-    if state != SUCCESSFUL:
+    run("snmpset", "-r0", agent, row_status, "i", C.ROW_STATUS_DESTROY)
+    if state != C.COPY_STATE_SUCCESSFUL:
         sys.exit(f"the copy by {protocol} failed")
     return seconds
 

@@ -13,12 +13,10 @@ import argparse
 import random
 import sys
 
-from lab_bench import lab, print_table, run
+from lab_bench import lab, print_table, run  # first: it knows where copy_numbers is
+from copy_numbers import COPY_ENTRY, C
 
-ENTRY = ".1.3.6.1.4.1.41927.9.96.1.1.1.1"
 COLUMNS = 15  # that a complete IPv4 row answers
-SERVER_ADDRESS, ROW_STATUS = 5, 14
-CREATE_AND_WAIT, DESTROY = "5", "6"
 INSTALLED = ".1.3.6.1.2.1.25.6.3.1"
 SYS_UP_TIME = ".1.3.6.1.2.1.1.3.0"
 BINDINGS_PER_SET = 25  # keeps a SET within one Ethernet frame
@@ -29,13 +27,13 @@ def set_column(agent, indexes, column, kind, value):
     for first in range(0, len(indexes), BINDINGS_PER_SET):
         bindings = []
         for index in indexes[first : first + BINDINGS_PER_SET]:
-            bindings += [f"{ENTRY}.{column}.{index}", kind, value]
+            bindings += [f"{COPY_ENTRY}.{column}.{index}", kind, value]
         run("snmpset", "-On", agent, *bindings)
 
 
 def create(agent, indexes):
-    set_column(agent, indexes, ROW_STATUS, "i", CREATE_AND_WAIT)
-    set_column(agent, indexes, SERVER_ADDRESS, "a", "192.0.2.1")
+    set_column(agent, indexes, C.CC_COLUMN_ENTRY_ROW_STATUS, "i", C.ROW_STATUS_CREATE_AND_WAIT)
+    set_column(agent, indexes, C.CC_COLUMN_SERVER_ADDRESS, "a", "192.0.2.1")
 
 
 def walk(agent, table):
@@ -47,7 +45,7 @@ def walk(agent, table):
 def measure(agent, rows, reference, pairs):
     """Walks both tables; `rows` and `reference` are the sizes that they must have, in rows and in varbinds."""
     walks = {
-        f"ccCopyTable, {rows} rows": (ENTRY, rows * COLUMNS),
+        f"ccCopyTable, {rows} rows": (COPY_ENTRY, rows * COLUMNS),
         "hrSWInstalledTable": (INSTALLED, reference),
     }
     rates = {name: [] for name in walks}
@@ -83,7 +81,7 @@ def main():
     measure(agent, alike, reference, options.runs)
     create(agent, indexes[alike:])
     measure(agent, options.rows, reference, options.runs)
-    set_column(agent, indexes, ROW_STATUS, "i", DESTROY)
+    set_column(agent, indexes, C.CC_COLUMN_ENTRY_ROW_STATUS, "i", C.ROW_STATUS_DESTROY)
 
 
 if __name__ == "__main__":

@@ -9,6 +9,7 @@ import time
 from pathlib import Path
 
 import pytest
+from copy_numbers import COPY_ENTRY, C
 
 REPOSITORY = Path(__file__).resolve().parents[2]
 LAB = REPOSITORY / "scripts" / "lab.sh"
@@ -119,7 +120,7 @@ def test_agent_may_be_stopped_on_purpose():
 
 
 def test_stock_agent_alone():
-    done = lab("sh", "-c", f"{GET}; snmpget $LAB_AGENT .1.3.6.1.4.1.41927.9.96.1.1.1.1.2.1", options=["--no-module"])
+    done = lab("sh", "-c", f"{GET}; snmpget $LAB_AGENT {COPY_ENTRY}.{C.CC_COLUMN_PROTOCOL}.1", options=["--no-module"])
     assert done.stdout.startswith(NAME) and "No Such Object" in done.stdout
 
 
@@ -172,7 +173,7 @@ def test_one_agent_of_several_stops_and_starts():
 def test_switches_know_each_other():
     """By IPv4 and by IPv6. A switch's system manager may copy on the others and see how it went there, and nothing else."""
     manager = "-v3 -u $(setting user) -l $level -a SHA-256 -A $(setting auth_passphrase) -x AES -X $(setting priv_passphrase) -Oqv 192.0.2.12"
-    row_status = ".1.3.6.1.4.1.41927.9.96.1.1.1.1.14.7"
+    row_status = f"{COPY_ENTRY}.{C.CC_COLUMN_ENTRY_ROW_STATUS}.7"
     arguments, output = (f".1.3.6.1.4.1.8072.1.3.2.{column}.9.{'.'.join(str(ord(letter)) for letter in 'last-save')}" for column in ("2.1.3", "3.1.2"))
     settings, copies, readable, refused, saved = sections(
         "stat -c %a /lab/switch2/platform.conf; grep -E '^(wwn|fabric_member)' /lab/switch2/platform.conf",

@@ -7,9 +7,12 @@ import time
 
 import pytest
 from conftest import PLACE, REPOSITORY, SERVER, SWITCH, run, wait_until
+from copy_numbers import COPY_ENTRY, C
 
-COPY_STATE, ROW_STATUS = ".1.3.6.1.4.1.41927.9.96.1.1.1.1.10", ".1.3.6.1.4.1.41927.9.96.1.1.1.1.14"
-CREATE_AND_WAIT, DESTROY = "5", "6"
+COPY_STATE = f"{COPY_ENTRY}.{C.CC_COLUMN_STATE}"
+COPY_SERVER = f"{COPY_ENTRY}.{C.CC_COLUMN_SERVER_ADDRESS}"
+ROW_STATUS = f"{COPY_ENTRY}.{C.CC_COLUMN_ENTRY_ROW_STATUS}"
+CREATE_AND_WAIT, DESTROY = C.ROW_STATUS_CREATE_AND_WAIT, C.ROW_STATUS_DESTROY
 UPTIME = ".1.3.6.1.2.1.1.3.0"
 USER = "-v3 -l authPriv -u operator -a SHA-256 -A auth-passphrase -x AES -X priv-passphrase"
 README = (REPOSITORY / "debian/config-copy-mib.README.Debian").read_text()
@@ -231,8 +234,7 @@ def test_transfer_scripts_run(switch, protocol):
 
 
 def test_journal_has_the_log_of_the_agent_and_not_the_lines_of_requests(switch):
-    copy_server = ".1.3.6.1.4.1.41927.9.96.1.1.1.1.5"
-    switch.shell(f"MIBS= snmpset {USER} 127.0.0.1 {ROW_STATUS}.2 i {CREATE_AND_WAIT} && MIBS= snmpset {USER} 127.0.0.1 {copy_server}.2 a {SERVER}")
+    switch.shell(f"MIBS= snmpset {USER} 127.0.0.1 {ROW_STATUS}.2 i {CREATE_AND_WAIT} && MIBS= snmpset {USER} 127.0.0.1 {COPY_SERVER}.2 a {SERVER}")
     switch.shell("echo wrong line > /etc/snmp/snmpd.conf.d/wrong.conf && systemctl restart snmpd && rm /etc/snmp/snmpd.conf.d/wrong.conf")
     wait_until(lambda: takes_requests(switch))
     journal = journal_of_agent(switch)
