@@ -26,10 +26,12 @@ def column(number):
 
 def save(agent, destination):
     """Returns the seconds until the answer, and until the save was done."""
-    run("snmpset", "-r0", "-t30", agent, column(C.CC_COLUMN_ENTRY_ROW_STATUS), "i", C.ROW_STATUS_CREATE_AND_WAIT, column(C.CC_COLUMN_SOURCE_FILE_TYPE), "i", C.COPY_FILE_RUNNING, column(C.CC_COLUMN_DEST_FILE_TYPE), "i", destination)
+    row_status = column(C.CC_COLUMN_ENTRY_ROW_STATUS)
+    run("snmpset", "-r0", "-t30", agent, row_status, "i", C.ROW_STATUS_CREATE_AND_WAIT,
+        column(C.CC_COLUMN_SOURCE_FILE_TYPE), "i", C.COPY_FILE_RUNNING,
+        column(C.CC_COLUMN_DEST_FILE_TYPE), "i", destination)
     began = time.monotonic()
     answered, _ = run("snmpset", "-r0", "-t30", agent, row_status, "i", C.ROW_STATUS_ACTIVE)
-    answered, _ = run("snmpset", "-r0", "-t30", agent, column(C.CC_COLUMN_ENTRY_ROW_STATUS), "i", C.ROW_STATUS_ACTIVE)
     while (state := int(run("snmpget", "-Oqve", agent, column(C.CC_COLUMN_STATE))[1])) not in ENDED:
         pass
     saved = time.monotonic() - began
