@@ -237,6 +237,9 @@ std::string file_name(const FileUrl &url, const PathValues &values) {
         }
     }
     check_characters("file name", name);
+    if (name.empty() || name.ends_with('/')) {
+        throw bad_usage("the file name " + quoted(name) + " names no file: write something after the last '/'");
+    }
     if (name.size() > longest_file_name) {
         throw bad_usage("the file name " + quoted(name) + " is longer than the " + std::to_string(longest_file_name) +
                         " octets that the switch takes");
@@ -271,12 +274,14 @@ std::string date_value(std::time_t now) {
 }
 
 std::string url_text(Protocol protocol, const std::string &user, const std::string &host, const std::string &path) {
-    const bool is_ipv6 = host.find(':') != std::string::npos;
+    constexpr std::string_view of_ipv6 = "0123456789abcdefABCDEF:.";
+    const bool has_colon = host.find(':') != std::string::npos;
+    const bool is_ipv6 = has_colon && host.find_first_not_of(of_ipv6) == std::string::npos;
     const bool is_missing = host == address_text(""); // of a request that is not filled in yet
     return std::string(name_of(protocol)) + "://" + (user.empty() ? "" : encoded(user, "@:/") + '@') +
            (is_ipv6      ? '[' + host + ']'
             : is_missing ? host
-                         : encoded(host, "@:/")) +
+                         : encoded(host, "@:/[]")) +
            '/' + encoded(path, "");
 }
 

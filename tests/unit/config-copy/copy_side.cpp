@@ -151,6 +151,18 @@ TEST(CopySide, UrlThatCanBeGivenAgain) {
     EXPECT_EQ("sftp://u@[2001:db8::1]//a", url_text(Protocol::sftp, "u", "2001:db8::1", "/a"));
 }
 
+// Names that no server has, and that are shown all the same when they were asked for.
+TEST(CopySide, ATextOfAnOddHostIsReadAsThatHost) {
+    for (const std::string host : {"[x", "x]", "a:]b", "a:/b", "a:\x1b[31m", "fe80::1%eth0"}) {
+        EXPECT_EQ(host, parse_side(url_text(Protocol::tftp, "", host, "a")).url.host);
+    }
+}
+
+TEST(CopySide, AFolderIsNoFileHoweverItIsWritten) {
+    EXPECT_EQ("no file name in \"tftp://h/a/\": write tftp://host/path", refusal("tftp://h/a/"));
+    EXPECT_EQ("the file name \"a/\" names no file: write something after the last '/'", refusal("tftp://h/a%2F"));
+}
+
 TEST(CopySide, WhoNeedsAPassword) {
     const auto url = [](const char *text) { return parse_side(text).url; };
     EXPECT_TRUE(needs_password(url("sftp://u@h/a")));
