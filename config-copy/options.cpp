@@ -328,13 +328,16 @@ std::vector<std::string> read_hosts(const std::string &file) {
     if (!opened) {
         throw bad_usage(where + " can't be read: " + std::strerror(errno));
     }
-    std::istream &stream = file == "-" ? std::cin : opened;
+    return hosts_in(file == "-" ? std::cin : opened, where);
+}
+
+std::vector<std::string> hosts_in(std::istream &text, const std::string &where) {
     std::vector<std::string> hosts;
     const auto refused = [&](const std::string &line) {
         return bad_usage("in " + where + " \"" + line + "\" is more than one agent: write one per line");
     };
     constexpr std::string_view blanks = " \t\r";
-    for (std::string line; std::getline(stream, line);) {
+    for (std::string line; std::getline(text, line);) {
         line.erase(std::min(line.find('#'), line.size()));
         line.erase(line.find_last_not_of(blanks) + 1);
         line.erase(0, std::min(line.find_first_not_of(blanks), line.size()));

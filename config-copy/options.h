@@ -8,6 +8,7 @@
 #include <net-snmp/net-snmp-includes.h>
 
 #include <chrono>
+#include <istream>
 #include <memory>
 #include <optional>
 #include <string>
@@ -61,8 +62,11 @@ Words split_words(int count, char **words, Options &options);
 // Throws a Failure of usage when the library knows no such token of snmp.conf(5). The library must have been initialised.
 void check_long_options(const std::vector<std::string> &names);
 
-// The agents of a hosts file, or of standard input for "-": one a line, blank lines and what follows a '#' left out. Throws a Failure of
-// usage.
+// The agents of a hosts file, or of standard input for "-". Throws a Failure of usage.
 std::vector<std::string> read_hosts(const std::string &file);
+
+// The agents that a text lists: one a line, blank lines and what follows a '#' left out. Throws a
+// Failure of usage that says where the text came from.
+std::vector<std::string> hosts_in(std::istream &text, const std::string &where);
 
 } // namespace config_copy

@@ -99,10 +99,11 @@ step_unit() {
 
 step_fuzz() {
     section "fuzzers, $FUZZ_SECONDS s each, side by side"
-    local fuzzer
+    local fuzzer seeds
     local -A running=()
     for fuzzer in build/asan/bin/fuzz_*; do
-        quietly "$fuzzer" -max_total_time="$FUZZ_SECONDS" -artifact_prefix=build/asan/ &
+        seeds=$(find "tests/fuzz/seeds/${fuzzer##*/fuzz_}" -type f -printf '%p,')
+        quietly "$fuzzer" -max_total_time="$FUZZ_SECONDS" -seed_inputs="${seeds%,}" -artifact_prefix=build/asan/ &
         running[${fuzzer##*/}]=$!
     done
     for fuzzer in "${!running[@]}"; do

@@ -1,11 +1,11 @@
-// Fuzzes the configuration text: whatever is accepted has a canonical form that is accepted again and changes nothing.
+// Fuzzes the configuration text: whatever is accepted has a canonical form that is accepted again and
+// changes nothing.
 #include "platform/host/device/configuration_text.h"
+
+#include "tests/fuzz/property.h"
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
-#include <string>
-#include <string_view>
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
     ulmo::Configuration configuration;
@@ -19,8 +19,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     ulmo::Configuration again;
     ulmo::merge(again, text);
     ulmo::merge(configuration, text);
-    if (ulmo::to_text(again) != text || ulmo::to_text(configuration) != text) {
-        std::abort();
-    }
+    require(ulmo::to_text(again) == text && ulmo::to_text(configuration) == text);
     return 0;
 }

@@ -1,19 +1,13 @@
 // Feeds arbitrary datagrams to the decoder of TFTP packets and to the check of answered options.
 #include "tftp/packet.h"
 
-#include <cstdlib>
+#include "tests/fuzz/property.h"
 
 using namespace ulmo::tftp;
 
 namespace {
 
 const Options asked{.block_size = 1468, .timeout = 4, .transfer_size = 1000, .window_size = 64};
-
-void require(bool holds) {
-    if (!holds) {
-        std::abort();
-    }
-}
 
 void check(const Options &agreed, bool reading) {
     require(!agreed.block_size || (*agreed.block_size >= smallest_block_size && *agreed.block_size <= *asked.block_size));
