@@ -1,11 +1,12 @@
 #include "base/folders.h"
 
+#include "base/posix.h"
+
 #include <sys/stat.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <string>
-#include <system_error>
 
 namespace ulmo {
 namespace {
@@ -20,7 +21,7 @@ std::filesystem::path made_directory(const std::filesystem::path &directory, mod
         std::filesystem::create_directories(directory.parent_path());
     }
     if (::mkdir(directory.c_str(), mode) != 0 && errno != EEXIST) {
-        throw std::filesystem::filesystem_error("cannot make directory", directory, std::error_code(errno, std::generic_category()));
+        throw_errno("cannot make the directory", directory.native());
     }
     return directory;
 }

@@ -10,7 +10,7 @@
 namespace ulmo {
 
 // State that outlives a restart: $ULMO_STATE_DIR, or /var/lib/ulmo. Made with mode 0700 when it is not there. Throws
-// std::filesystem::filesystem_error.
+// std::system_error.
 std::filesystem::path state_dir();
 
 // Sockets and shared memory of the running system: $ULMO_RUN_DIR, or /run/ulmo. Made with mode 0755 when it is not there. Throws as above.

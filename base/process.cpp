@@ -1,5 +1,6 @@
 #include "base/process.h"
 
+#include "base/posix.h"
 #include "base/unique_fd.h"
 
 #include <fcntl.h>
@@ -9,27 +10,26 @@
 
 #include <cerrno>
 #include <csignal>
-#include <system_error>
 
 namespace ulmo {
 namespace {
 
 class FileActions {
   public:
-    FileActions() { check(posix_spawn_file_actions_init(&actions_)); }
+    FileActions() { require(posix_spawn_file_actions_init(&actions_)); }
     FileActions(const FileActions &) = delete;
     FileActions &operator=(const FileActions &) = delete;
     ~FileActions() { posix_spawn_file_actions_destroy(&actions_); }
 
-    void duplicate(int from, int to) { check(posix_spawn_file_actions_adddup2(&actions_, from, to)); }
-    void open_null(int as) { check(posix_spawn_file_actions_addopen(&actions_, as, "/dev/null", O_RDWR, 0)); }
-    void close_from(int lowest) { check(posix_spawn_file_actions_addclosefrom_np(&actions_, lowest)); }
+    void duplicate(int from, int to) { require(posix_spawn_file_actions_adddup2(&actions_, from, to)); }
+    void open_null(int as) { require(posix_spawn_file_actions_addopen(&actions_, as, "/dev/null", O_RDWR, 0)); }
+    void close_from(int lowest) { require(posix_spawn_file_actions_addclosefrom_np(&actions_, lowest)); }
     [[nodiscard]] const posix_spawn_file_actions_t *get() const { return &actions_; }
 
   private:
-    static void check(int error) {
+    static void require(int error) {
         if (error != 0) {
-            throw std::system_error(error, std::generic_category());
+            throw_error(error);
         }
     }
     posix_spawn_file_actions_t actions_{};

@@ -1,6 +1,7 @@
 #include "base/settings.h"
 
 #include "base/folders.h"
+#include "base/posix.h"
 #include "base/unique_fd.h"
 #include "base/wwn_text.h"
 
@@ -136,10 +137,6 @@ struct Contents {
     std::vector<std::string> problems;
 };
 
-[[noreturn]] void fail(int error) {
-    throw std::system_error(error, std::generic_category());
-}
-
 // The status of the file; nothing when there is none. Throws std::runtime_error.
 std::optional<struct stat> status_of(const std::filesystem::path &path) {
     if (path.is_relative()) { // a worker has another working directory than the agent, and would find no file
@@ -154,7 +151,7 @@ std::optional<struct stat> status_of(const std::filesystem::path &path) {
     if (error == ENOENT && ::lstat(path.c_str(), &status) != 0 && errno == ENOENT) {
         return std::nullopt;
     }
-    fail(error);
+    throw_error(error);
 }
 
 Stamp stamp_of(const std::filesystem::path &path, const struct stat &status) {
@@ -168,24 +165,16 @@ std::string text_of(const std::filesystem::path &path, Stamp &stamp) {
     const UniqueFd file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     struct stat status {};
     if (!file || ::fstat(file.get(), &status) != 0) {
-        fail(errno);
+        throw_errno();
     }
     if (S_ISDIR(status.st_mode)) {
-        fail(EISDIR);
+        throw_error(EISDIR);
     }
     if (!S_ISREG(status.st_mode)) {
         throw std::runtime_error("it is not a regular file");
     }
     stamp = stamp_of(path, status);
-    std::string text;
-    std::array<char, 16384> part;
-    for (ssize_t count = 0; (count = ::read(file.get(), part.data(), part.size())) != 0;) {
-        if (count < 0 && errno != EINTR) {
-            fail(errno);
-        }
-        text.append(part.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
-    }
-    return text;
+    return read_whole(file.get(), {});
 }
 
 // Takes what a line says of a setting, or what is wrong with it.
@@ -249,14 +238,19 @@ Contents read_contents(const std::filesystem::path &path) {
             contents.states[i].values.emplace_back(fallback);
         }
     }
+    const auto refuse = [&](const std::string &why) {
+        contents.unreadable = path.string() + " can't be read: " + why + "; copies and saves fail";
+        contents.problems = {contents.unreadable};
+    };
     try {
         if (const auto status = status_of(path)) {
             contents.stamp = stamp_of(path, *status); // also of one that can't be read
             judge(contents, path, text_of(path, contents.stamp));
         }
+    } catch (const std::system_error &error) {
+        refuse(error.code().message());
     } catch (const std::exception &error) {
-        contents.unreadable = path.string() + " can't be read: " + error.what() + "; copies and saves fail";
-        contents.problems = {contents.unreadable};
+        refuse(error.what());
     }
     return contents;
 }

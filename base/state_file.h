@@ -32,31 +32,6 @@ UniqueFd open_state_file(const std::filesystem::path &path, std::size_t limit);
 // std::system_error, EFBIG for a larger file and EINVAL for one that is not regular.
 std::optional<std::string> read_state_file(const std::filesystem::path &path, std::size_t limit);
 
-// The content of an open file, with the limits and errors of read_state_file(); `path` is for the message.
-std::string read_whole(const UniqueFd &file, const std::filesystem::path &path, std::size_t limit);
-
-// Writes all of `data`; throws std::system_error.
-void write_whole(const UniqueFd &file, const std::filesystem::path &path, std::string_view data);
-
-// A new content of the file `path`, mode 0600, that is on the disk under another name until commit() gives it its own: whatever happens,
-// the file is the whole old one or the whole new one. Callers exclude each other with a lock. Throws std::system_error.
-class PendingFile {
-  public:
-    // Without `lasting` nobody waits for the disk: for what need not outlive a failure of the power.
-    PendingFile(std::filesystem::path path, std::string_view data, bool lasting = true);
-    PendingFile(PendingFile &&) noexcept = default;
-    PendingFile &operator=(PendingFile &&) = delete;
-    ~PendingFile(); // takes away what was not committed
-
-    // The new content is the file's, on the disk too, when the function returns. A link in its place is replaced, not followed.
-    void commit();
-
-  private:
-    std::filesystem::path path_;
-    UniqueFd file_; // holds nothing once committed
-    bool lasting_;
-};
-
 // Makes `data` the content of the file `path` in one step.
 void replace_state_file(const std::filesystem::path &path, std::string_view data);
 

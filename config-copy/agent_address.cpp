@@ -1,5 +1,6 @@
 #include "config-copy/agent_address.h"
 
+#include "base/unique_fd.h"
 #include "config-copy/failure.h"
 #include "config-copy/interrupt.h"
 #include "config-copy/name_lookup.h"
@@ -8,7 +9,6 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -53,20 +53,19 @@ bool is_numeric(const std::string &text) {
 }
 
 bool connects(const addrinfo &address) {
-    const int connection = ::socket(address.ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (connection < 0) {
+    const ulmo::UniqueFd connection(::socket(address.ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (!connection) {
         return false;
     }
-    int error = ::connect(connection, address.ai_addr, address.ai_addrlen) == 0 ? 0 : errno;
+    int error = ::connect(connection.get(), address.ai_addr, address.ai_addrlen) == 0 ? 0 : errno;
     if (error == EINPROGRESS) {
-        std::array<pollfd, 2> waited{{{connection, POLLOUT, 0}, {interrupt_descriptor(), POLLIN, 0}}};
+        std::array<pollfd, 2> waited{{{connection.get(), POLLOUT, 0}, {interrupt_descriptor(), POLLIN, 0}}};
         error = ETIMEDOUT;
         if (::poll(waited.data(), waited.size(), connect_time) > 0 && waited[0].revents != 0) {
             socklen_t length = sizeof error;
-            ::getsockopt(connection, SOL_SOCKET, SO_ERROR, &error, &length);
+            ::getsockopt(connection.get(), SOL_SOCKET, SO_ERROR, &error, &length);
         }
     }
-    ::close(connection);
     if (interrupting_signal() != 0) {
         throw Interrupted{};
     }

@@ -1,5 +1,7 @@
 #include "config-copy/interrupt.h"
 
+#include "base/posix.h"
+
 #include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
@@ -8,7 +10,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
-#include <system_error>
 
 namespace config_copy {
 namespace {
@@ -26,9 +27,7 @@ extern "C" void note_signal(int number) {
 } // namespace
 
 void watch_signals() {
-    if (::pipe2(wake.data(), O_CLOEXEC | O_NONBLOCK) != 0) {
-        throw std::system_error(errno, std::generic_category(), "pipe2");
-    }
+    ulmo::check(::pipe2(wake.data(), O_CLOEXEC | O_NONBLOCK), "pipe2");
     std::signal(SIGPIPE, SIG_IGN); // a reader that goes is no reason to leave requests behind
     struct sigaction action {};
     action.sa_handler = note_signal;

@@ -1,5 +1,7 @@
 #include "config-copy/password.h"
 
+#include "base/posix.h"
+#include "base/unique_fd.h"
 #include "config-copy/copy_table.h"
 #include "config-copy/failure.h"
 #include "config-copy/interrupt.h"
@@ -33,10 +35,7 @@ std::string line_of(int descriptor) {
         if (count < 0 && (errno == EINTR || errno == EAGAIN)) {
             continue;
         }
-        if (count < 0) {
-            throw std::system_error(errno, std::generic_category());
-        }
-        if (count <= 0 || octet == '\n') {
+        if (ulmo::check(count) == 0 || octet == '\n') {
             break;
         }
         line += octet;
@@ -46,22 +45,6 @@ std::string line_of(int descriptor) {
     }
     return line;
 }
-
-class Descriptor {
-  public:
-    explicit Descriptor(int number) : number_(number) {}
-    Descriptor(const Descriptor &) = delete;
-    Descriptor &operator=(const Descriptor &) = delete;
-    ~Descriptor() {
-        if (number_ >= 0) {
-            ::close(number_);
-        }
-    }
-    int number() const { return number_; }
-
-  private:
-    int number_;
-};
 
 // The terminal shows nothing of what is typed as long as this exists.
 class Silence {
@@ -82,36 +65,36 @@ class Silence {
 };
 
 std::string from_terminal(const std::string &account) {
-    const Descriptor terminal(::open("/dev/tty", O_RDWR | O_CLOEXEC));
-    if (terminal.number() < 0) {
+    const ulmo::UniqueFd terminal(::open("/dev/tty", O_RDWR | O_CLOEXEC));
+    if (!terminal) {
         throw bad_usage("no terminal to ask for the password of " + account + ": use --password-file or standard input");
     }
     const std::string prompt = "Password of " + account + ": ";
-    const Silence silence(terminal.number());
-    [[maybe_unused]] auto written = ::write(terminal.number(), prompt.data(), prompt.size());
+    const Silence silence(terminal.get());
+    [[maybe_unused]] auto written = ::write(terminal.get(), prompt.data(), prompt.size());
     std::string password;
     try {
-        password = line_of(terminal.number());
+        password = line_of(terminal.get());
     } catch (const Interrupted &) {
-        written = ::write(terminal.number(), "\n", 1);
+        written = ::write(terminal.get(), "\n", 1);
         throw;
     }
-    written = ::write(terminal.number(), "\n", 1);
+    written = ::write(terminal.get(), "\n", 1);
     return password;
 }
 
 std::string from_file(const std::string &name) {
     const auto unreadable = [&](int error) { return bad_usage("the password file " + name + " can't be read: " + std::strerror(error)); };
-    const Descriptor file(::open(name.c_str(), O_RDONLY | O_CLOEXEC));
+    const ulmo::UniqueFd file(::open(name.c_str(), O_RDONLY | O_CLOEXEC));
     struct stat status {};
-    if (file.number() < 0 || ::fstat(file.number(), &status) != 0) {
+    if (!file || ::fstat(file.get(), &status) != 0) {
         throw unreadable(errno);
     }
     if (S_ISREG(status.st_mode) && (status.st_mode & (S_IRGRP | S_IROTH)) != 0) {
         std::cerr << "config-copy: warning: others may read the password file " << name << ": chmod 600 it\n";
     }
     try {
-        return line_of(file.number());
+        return line_of(file.get());
     } catch (const std::system_error &error) { // of a folder, too
         throw unreadable(error.code().value());
     }

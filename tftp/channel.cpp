@@ -1,5 +1,7 @@
 #include "tftp/channel.h"
 
+#include "base/posix.h"
+
 #include <linux/errqueue.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -46,19 +48,14 @@ in_port_t port(const sockaddr_storage &address) {
 }
 
 void set_option(const UniqueFd &socket, int level, int name, int value) {
-    if (::setsockopt(socket.get(), level, name, &value, sizeof value) != 0) {
-        throw system_error(errno, "cannot set up the socket");
-    }
+    check(::setsockopt(socket.get(), level, name, &value, sizeof value), "cannot set up the socket");
 }
 
 UniqueFd open_socket(const Endpoint &server) {
-    UniqueFd opened(::socket(server.address.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    if (!opened) {
-        throw system_error(errno, "cannot open a socket");
-    }
+    UniqueFd opened(check(::socket(server.address.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0), "cannot open a socket"));
     if (!server.device.empty() &&
         ::setsockopt(opened.get(), SOL_SOCKET, SO_BINDTODEVICE, server.device.c_str(), static_cast<socklen_t>(server.device.size())) != 0) {
-        throw system_error(errno, "cannot bind to " + server.device);
+        throw_errno("cannot bind to", server.device);
     }
     return opened;
 }
@@ -81,14 +78,10 @@ int without_host(int number) {
 
 } // namespace
 
-TransferError system_error(int number, const std::string &detail) {
-    return {-(100 + number), detail};
-}
-
 TransferError server_error(const Error &error) {
     const std::string detail = "the server reports error " + std::to_string(error.code) + (error.text.empty() ? "" : ", " + error.text);
     if (error.code == 0 || error.code > 99) {
-        return system_error(EPROTO, detail);
+        return {system_result(EPROTO), detail};
     }
     return {-static_cast<int>(error.code), detail};
 }
@@ -110,13 +103,13 @@ bool same_host(const sockaddr_storage &one, const sockaddr_storage &other) {
 std::size_t path_payload(const Endpoint &server) {
     const UniqueFd probe = open_socket(server);
     if (::connect(probe.get(), plain(server.address), server.address_octets) != 0) {
-        throw system_error(without_host(errno));
+        throw_error(without_host(errno));
     }
     const bool is_ipv6 = server.address.ss_family == AF_INET6;
     int mtu = 0;
     socklen_t octets = sizeof mtu;
     if (::getsockopt(probe.get(), is_ipv6 ? IPPROTO_IPV6 : IPPROTO_IP, is_ipv6 ? IPV6_MTU : IP_MTU, &mtu, &octets) != 0) {
-        throw system_error(errno, "cannot tell the path's MTU");
+        throw_errno("cannot tell the path's MTU");
     }
     const std::size_t headers = (is_ipv6 ? ipv6_header : ipv4_header) + udp_header;
     return static_cast<std::size_t>(mtu) > headers ? static_cast<std::size_t>(mtu) - headers : 0;
@@ -143,7 +136,7 @@ void Channel::send(Octets packet) {
             return; // as good as lost on the way
         }
         if (!drain_errors() && problem != EINTR) {
-            throw system_error(without_host(problem));
+            throw_error(without_host(problem));
         }
     }
 }
@@ -171,7 +164,7 @@ std::optional<Packet> Channel::receive(Clock::time_point until) {
         }
         const auto now = Clock::now();
         if (final_ != 0 && now >= final_at_) { // and nothing that the server said before has come
-            throw system_error(final_);
+            throw_error(final_);
         }
         if (now >= until) {
             return std::nullopt;
@@ -179,7 +172,7 @@ std::optional<Packet> Channel::receive(Clock::time_point until) {
         pollfd readable{socket_.get(), POLLIN, 0};
         const timespec left = remaining(final_ != 0 ? std::min(until, final_at_) : until);
         if (::ppoll(&readable, 1, &left, nullptr) < 0 && errno != EINTR) {
-            throw system_error(errno, "cannot wait for the server");
+            throw_errno("cannot wait for the server");
         }
         if ((readable.revents & POLLERR) != 0) {
             drain_errors();
@@ -205,7 +198,7 @@ std::optional<Octets> Channel::next_datagram() {
         }
         // A report comes ahead of the datagrams that wait: read on behind it.
         if (!drain_errors()) {
-            throw system_error(problem, "cannot receive");
+            throw_error(problem, "cannot receive");
         }
     }
 }

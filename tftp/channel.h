@@ -18,8 +18,9 @@ namespace ulmo::tftp {
 
 using Clock = std::chrono::steady_clock;
 
-// A transfer that cannot go on. `result` is what the C interface returns for it (platform/tftp_client.h), what() says what happened, beyond
-// the meaning of the result itself; it may be empty.
+// What the server says against a transfer. `result` is what the C interface returns for it
+// (platform/tftp_client.h), what() says what happened, beyond the meaning of the result itself; it may
+// be empty. What fails on this side or on the way is a std::system_error.
 class TransferError : public std::runtime_error {
   public:
     TransferError(int result, const std::string &detail) : std::runtime_error(detail), result_(result) {}
@@ -29,8 +30,10 @@ class TransferError : public std::runtime_error {
     int result_;
 };
 
-// The error of an errno value: its result is -(100 + number).
-TransferError system_error(int number, const std::string &detail = {});
+// What the C interface returns for an errno value. The same function tells the number of a result.
+constexpr int system_result(int number) {
+    return -(100 + number);
+}
 
 // The error that a server reported. Code 0 says no more than its text, and a code above 99 has no result of its own: both become EPROTO.
 TransferError server_error(const Error &error);

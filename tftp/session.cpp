@@ -1,5 +1,7 @@
 #include "tftp/session.h"
 
+#include "base/posix.h"
+#include "base/replaced_file.h"
 #include "tftp/transfer.h"
 
 #include <arpa/inet.h>
@@ -7,15 +9,11 @@
 #include <net/if.h>
 #include <netinet/in.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <charconv>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <new>
 #include <optional>
 #include <string_view>
@@ -91,63 +89,33 @@ bool parse_server(const std::string &text, in_port_t port, Endpoint &server) {
 
 void check_remote(const std::string &remote) {
     if (remote.empty() || remote.find('\0') != std::string::npos) {
-        throw system_error(EINVAL, "no remote file name");
+        throw_error(EINVAL, "no remote file name");
     }
 }
 
-// The local file of a read, under another name until it is whole.
-class NewFile {
-  public:
-    explicit NewFile(const std::string &name) : name_(name) {
-        struct stat present {};
-        if (::lstat(name_.c_str(), &present) == 0 && !S_ISREG(present.st_mode) && !S_ISLNK(present.st_mode)) {
-            throw system_error(S_ISDIR(present.st_mode) ? EISDIR : EINVAL, "the local name is not that of a regular file");
-        }
-        const auto directory = std::filesystem::path(name_).parent_path();
-        temporary_ = (directory / ".tftp-XXXXXX").string();
-        file_ = UniqueFd(::mkostemp(temporary_.data(), O_CLOEXEC)); // exclusively, mode 0600
-        if (!file_) {
-            temporary_.clear();
-            throw system_error(errno, "cannot make the local file");
-        }
-    }
-    NewFile(const NewFile &) = delete;
-    NewFile &operator=(const NewFile &) = delete;
-    ~NewFile() {
-        if (!temporary_.empty()) {
-            ::unlink(temporary_.c_str());
-        }
-    }
+constexpr std::string_view local_file = "the local file";
 
-    void append(Octets octets) {
-        while (!octets.empty()) {
-            const ssize_t written = ::write(file_.get(), octets.data(), octets.size());
-            if (written < 0 && errno != EINTR) {
-                throw system_error(errno, "cannot write the local file");
-            }
-            octets = octets.subspan(static_cast<std::size_t>(std::max<ssize_t>(written, 0)));
-        }
+// A file, or a link that a file may take the place of, or nothing at all.
+void check_replaceable(const std::string &name) {
+    struct stat present {};
+    if (::lstat(name.c_str(), &present) == 0 && !S_ISREG(present.st_mode) && !S_ISLNK(present.st_mode)) {
+        throw_error(S_ISDIR(present.st_mode) ? EISDIR : EINVAL, "not a regular file:", local_file);
     }
+}
 
-    void finish() {
-        if (::rename(temporary_.c_str(), name_.c_str()) != 0) {
-            throw system_error(errno, "cannot rename the local file");
-        }
-        temporary_.clear();
-    }
-
-  private:
-    std::string name_;
-    std::string temporary_;
-    UniqueFd file_;
-};
+// What the text of a system error says before the meaning of its number.
+std::string detail_of(const std::system_error &error) {
+    const std::string text = error.what();
+    const std::size_t colon = text.rfind(": " + error.code().message());
+    return colon == std::string::npos ? "" : text.substr(0, colon);
+}
 
 } // namespace
 
 int Session::set_timeout(int seconds) {
     return guarded([&] {
         if (seconds < 1 || seconds > longest_patience) {
-            throw system_error(EINVAL, "a timeout is 1 to 255 seconds");
+            throw_error(EINVAL, "a timeout is 1 to 255 seconds");
         }
         server_.patience = std::chrono::seconds(seconds);
     });
@@ -158,10 +126,10 @@ int Session::connect(const std::string &server, int port) {
         server_.address_octets = 0;
         const int number = port == -1 ? default_port : port;
         if (number < 1 || number > largest_port) {
-            throw system_error(EINVAL, "no UDP port");
+            throw_error(EINVAL, "no UDP port");
         }
         if (!parse_server(server, htons(static_cast<std::uint16_t>(number)), server_)) {
-            throw system_error(EINVAL, "the server must be an IPv4 or IPv6 address");
+            throw_error(EINVAL, "the server must be an IPv4 or IPv6 address");
         }
     });
 }
@@ -171,27 +139,22 @@ int Session::put(const std::string &local, const std::string &remote) {
         const Endpoint &server = connected();
         check_remote(remote);
         // Opening a pipe that nobody writes to must not block.
-        const UniqueFd file(::open(local.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-        struct stat status {};
-        if (!file || ::fstat(file.get(), &status) != 0) {
-            throw system_error(errno, "cannot open the local file");
-        }
-        if (!S_ISREG(status.st_mode)) {
-            throw system_error(S_ISDIR(status.st_mode) ? EISDIR : EINVAL, "the local name is not that of a regular file");
-        }
+        constexpr int flags = O_RDONLY | O_CLOEXEC | O_NONBLOCK;
+        const UniqueFd file(check(::open(local.c_str(), flags), "cannot open", local_file));
+        const struct stat status = regular_file_status(file.get(), local_file);
         write_file(server, remote, static_cast<std::uint64_t>(status.st_size),
                    [this, &file](std::uint64_t offset, std::span<std::uint8_t> block) {
                        std::size_t filled = 0;
                        while (filled < block.size()) {
                            const ssize_t octets =
                                ::pread(file.get(), block.data() + filled, block.size() - filled, static_cast<off_t>(offset + filled));
-                           if (octets == 0) {
+                           if (octets < 0 && errno == EINTR) {
+                               continue;
+                           }
+                           if (check(octets, "cannot read", local_file) == 0) {
                                break;
                            }
-                           if (octets < 0 && errno != EINTR) {
-                               throw system_error(errno, "cannot read the local file");
-                           }
-                           filled += static_cast<std::size_t>(std::max<ssize_t>(octets, 0));
+                           filled += static_cast<std::size_t>(octets);
                        }
                        moved_ = std::max(moved_, offset + filled);
                        return filled;
@@ -203,12 +166,14 @@ int Session::get(const std::string &remote, const std::string &local) {
     return guarded([&] {
         const Endpoint &server = connected();
         check_remote(remote);
-        NewFile file(local);
+        check_replaceable(local);
+        ReplacedFile file(local, ReplacedFile::Manner::unlocked);
         read_file(server, remote, [this, &file](Octets octets) {
-            file.append(octets);
+            file.append({reinterpret_cast<const char *>(octets.data()), octets.size()});
             moved_ += octets.size();
         });
         file.finish();
+        file.commit();
     });
 }
 
@@ -222,7 +187,7 @@ std::string Session::text(int result) const {
     if (result >= 0) {
         meaning = "Success";
     } else if (result < -100) {
-        meaning = std::generic_category().message(-(result + 100));
+        meaning = std::generic_category().message(system_result(result));
     } else if (static_cast<std::size_t>(-result) < protocol_texts.size()) {
         meaning = protocol_texts[static_cast<std::size_t>(-result)];
     } else {
@@ -240,15 +205,18 @@ template <typename Work> int Session::guarded(Work &&work) {
     } catch (const TransferError &error) {
         latest_ = error.result();
         detail_ = error.what();
+    } catch (const std::system_error &error) {
+        latest_ = system_result(error.code().value());
+        detail_ = detail_of(error);
     } catch (const std::bad_alloc &) {
-        latest_ = system_error(ENOMEM).result();
+        latest_ = system_result(ENOMEM);
     }
     return latest_;
 }
 
 const Endpoint &Session::connected() const {
     if (server_.address_octets == 0) {
-        throw system_error(ENOTCONN);
+        throw_error(ENOTCONN);
     }
     return server_;
 }

@@ -1,5 +1,7 @@
 #include "tftp/transfer.h"
 
+#include "base/posix.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <memory>
@@ -37,7 +39,7 @@ class Conversation {
             request = encode_request(opcode, name, asked);
         }
         if (!request) {
-            throw system_error(ENAMETOOLONG);
+            throw_error(ENAMETOOLONG);
         }
         if (!open(server, opcode, *request, asked)) {
             clock_ = Retransmission(server.patience);
@@ -57,7 +59,7 @@ class Conversation {
     std::optional<Packet> wait() {
         auto packet = channel_->receive(clock_.wake());
         if (!packet && !clock_.repeat()) {
-            throw system_error(channel_->unreachable() != 0 ? channel_->unreachable() : ETIMEDOUT);
+            throw_error(channel_->unreachable() != 0 ? channel_->unreachable() : ETIMEDOUT);
         }
         if (const auto *error = packet ? std::get_if<Error>(&*packet) : nullptr) {
             throw server_error(*error);
@@ -72,7 +74,7 @@ class Conversation {
     void refuse(ErrorCode code, const std::string &text) {
         try {
             channel_->send(encode_error(code, text));
-        } catch (const TransferError &) {
+        } catch (const std::system_error &) {
             // What made us refuse is the result, not that the server may miss the word.
         }
     }
@@ -81,8 +83,8 @@ class Conversation {
     template <typename Work> auto locally(Work &&work) {
         try {
             return work();
-        } catch (const TransferError &failure) {
-            const int number = -failure.result() - 100;
+        } catch (const std::system_error &failure) {
+            const int number = failure.code().value();
             const bool full = number == ENOSPC || number == EDQUOT || number == EFBIG;
             refuse(full ? ErrorCode::disk_full : ErrorCode::undefined, std::generic_category().message(number));
             throw;
@@ -100,7 +102,7 @@ class Conversation {
             auto packet = channel_->receive(clock_.wake());
             if (!packet) {
                 if (!clock_.repeat()) {
-                    throw system_error(ETIMEDOUT);
+                    throw_error(ETIMEDOUT);
                 }
                 channel_->send(request);
                 continue;
@@ -200,7 +202,7 @@ class Receiver {
         if (octets > conversation_.block_size()) {
             const std::string reason = "Block longer than agreed";
             conversation_.refuse(ErrorCode::illegal_operation, reason);
-            throw system_error(EPROTO, reason);
+            throw_error(EPROTO, reason);
         }
         total_ += octets;
         const auto announced = conversation_.transfer_size();
@@ -208,7 +210,7 @@ class Receiver {
             const std::string reason = "File of " + std::to_string(total_) + (total_ > *announced ? " or more" : "") +
                                        " octets, announced were " + std::to_string(*announced);
             conversation_.refuse(ErrorCode::undefined, reason);
-            throw system_error(EPROTO, reason);
+            throw_error(EPROTO, reason);
         }
     }
 
@@ -274,7 +276,7 @@ class Sender {
         const std::span<std::uint8_t> payload = std::span(packet_).subspan(header_octets, octets);
         conversation_.locally([&] {
             if (octets > 0 && source_(offset, payload) != octets) {
-                throw system_error(EIO, "the file became shorter while it was sent");
+                throw_error(EIO, "the file became shorter while it was sent");
             }
         });
         put_data_header(packet_, wire_number(block));

@@ -1,5 +1,6 @@
 #include "platform/agent_extension.h"
 
+#include "base/posix.h"
 #include "base/settings.h"
 #include "platform/host/agent/clock.h"
 #include "platform/host/agent/copies.h"
@@ -122,12 +123,9 @@ void Agent::start() {
         remember_watchdog();
         open_debug_file();
         sweep_worker_directories();
-        UniqueFd events(::epoll_create1(EPOLL_CLOEXEC));
-        if (!events) {
-            throw std::system_error(errno, std::generic_category(), "event set");
-        }
+        UniqueFd events(check(::epoll_create1(EPOLL_CLOEXEC), "event set"));
         if (register_readfd(events.get(), on_readable, this) != FD_REGISTERED_OK) {
-            throw std::system_error(ENFILE, std::generic_category(), "event set");
+            throw_error(ENFILE, "event set");
         }
         events_ = std::move(events);
     }
@@ -149,9 +147,7 @@ void Agent::add_event(int descriptor, uint64_t data) {
     epoll_event wanted{};
     wanted.events = EPOLLIN;
     wanted.data.u64 = data;
-    if (::epoll_ctl(events_.get(), EPOLL_CTL_ADD, descriptor, &wanted) != 0) {
-        throw std::system_error(errno, std::generic_category(), "event set");
-    }
+    check(::epoll_ctl(events_.get(), EPOLL_CTL_ADD, descriptor, &wanted), "event set");
 }
 
 void Agent::on_readable(int, void *self) {

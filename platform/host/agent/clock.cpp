@@ -1,5 +1,6 @@
 #include "platform/host/agent/clock.h"
 
+#include "base/posix.h"
 #include "platform/agent_extension.h"
 #include "platform/host/history/log.h"
 
@@ -11,7 +12,6 @@
 #include <cerrno>
 #include <cstdint>
 #include <limits>
-#include <system_error>
 
 namespace ulmo {
 namespace {
@@ -82,10 +82,8 @@ void StartTimeKeeper::observe(ClockReading now) {
     }
 }
 
-ClockWatch::ClockWatch() : timer_(::timerfd_create(CLOCK_REALTIME, TFD_NONBLOCK | TFD_CLOEXEC)), keeper_(read_clocks()) {
-    if (!timer_) {
-        throw std::system_error(errno, std::generic_category(), "clock watch");
-    }
+ClockWatch::ClockWatch()
+    : timer_(check(::timerfd_create(CLOCK_REALTIME, TFD_NONBLOCK | TFD_CLOEXEC), "clock watch")), keeper_(read_clocks()) {
     arm();
 }
 

@@ -3,6 +3,7 @@
 #include "base/copy_names.h"
 #include "base/folders.h"
 #include "base/ownership.h"
+#include "base/posix.h"
 #include "base/state_file.h"
 #include "base/unique_fd.h"
 #include "platform/agent_extension.h"
@@ -93,11 +94,8 @@ std::filesystem::path make_report(const CopyRequest &request) {
         const std::filesystem::path directory = run_dir();
         const ActingAsOwner owner(directory);
         std::string path = (directory / report_prefix).string() + "XXXXXX";
-        const UniqueFd file(::mkostemp(path.data(), O_CLOEXEC));
-        if (!file) {
-            throw std::system_error(errno, std::generic_category(), path);
-        }
-        write_whole(file, path, std::string(begun_key) + line_of(request) + '\n');
+        const UniqueFd file(check(::mkostemp(path.data(), O_CLOEXEC), "cannot make", path));
+        write_whole(file.get(), std::string(begun_key) + line_of(request) + '\n', path);
         return path;
     } catch (const std::exception &error) {
         log_error("agent: no report of a copy: %s", error.what());

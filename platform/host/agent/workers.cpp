@@ -2,6 +2,7 @@
 
 #include "base/folders.h"
 #include "base/ownership.h"
+#include "base/posix.h"
 #include "base/settings.h"
 #include "platform/host/history/copy_report.h"
 #include "platform/host/history/log.h"
@@ -21,22 +22,14 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <system_error>
 #include <utility>
 
 namespace ulmo {
 namespace {
 
-std::system_error failed(const std::filesystem::path &path) {
-    return std::system_error(errno, std::generic_category(), path);
-}
-
 UniqueFd opened_directory(const std::filesystem::path &path) {
-    UniqueFd directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!directory) {
-        throw failed(path);
-    }
-    return directory;
+    constexpr int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    return UniqueFd(check(::open(path.c_str(), flags), path.native()));
 }
 
 // The folder of all workers' folders. Its lock is held while one of them is made or looked at, so that no folder is swept between its
@@ -46,7 +39,7 @@ std::filesystem::path work_root() {
     const ActingAsOwner owner(state);
     auto root = state / "work";
     if (::mkdir(root.c_str(), 0700) != 0 && errno != EEXIST) {
-        throw failed(root);
+        throw_errno(root.native());
     }
     return root;
 }
@@ -104,18 +97,13 @@ void let_go_of(const std::vector<int> &foreign) {
 void enter_private_directory() {
     const ActingAsOwner owner(state_dir());
     const UniqueFd root_lock = opened_directory(work_root());
-    if (::flock(root_lock.get(), LOCK_EX) != 0) {
-        throw failed("lock of the workers' folder");
-    }
+    check(::flock(root_lock.get(), LOCK_EX), "lock of the workers' folder");
     const auto directory = worker_directory(::getpid());
     std::filesystem::remove_all(directory); // of a former process with this id
-    if (::mkdir(directory.c_str(), 0700) != 0) {
-        throw failed(directory);
-    }
+    check(::mkdir(directory.c_str(), 0700), directory.native());
     UniqueFd own = opened_directory(directory);
-    if (::flock(own.get(), LOCK_EX | LOCK_NB) != 0 || ::fchdir(own.get()) != 0) {
-        throw failed(directory);
-    }
+    check(::flock(own.get(), LOCK_EX | LOCK_NB), directory.native());
+    check(::fchdir(own.get()), directory.native());
     static_cast<void>(own.release()); // the lock lasts as long as the worker
 }
 

@@ -2,6 +2,7 @@
 
 #include "base/folders.h"
 #include "base/ownership.h"
+#include "base/posix.h"
 #include "platform/host/history/log.h"
 
 #include <fcntl.h>
@@ -13,7 +14,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <string>
-#include <system_error>
+#include <string_view>
 #include <utility>
 
 namespace ulmo {
@@ -25,25 +26,13 @@ constexpr int round_limit = 2 * backlog;
 // How long newcomers wait when the process is short of descriptors.
 constexpr std::chrono::seconds shortage_pause{1};
 
-UniqueFd checked(int descriptor, const char *what) {
-    if (descriptor < 0) {
-        throw std::system_error(errno, std::generic_category(), what);
-    }
-    return UniqueFd(descriptor);
-}
-
-void require(int result, const char *what) {
-    if (result != 0) {
-        throw std::system_error(errno, std::generic_category(), what);
-    }
-}
-
 // A lock that the kernel releases with its holder tells a living server from a socket file that was left over.
 UniqueFd locked(const std::filesystem::path &path) {
     const ActingAsOwner owner(run_dir());
-    UniqueFd lock = checked(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600), "lock of the access point");
+    constexpr std::string_view what = "lock of the access point";
+    UniqueFd lock(check(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600), what));
     if (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
-        throw std::system_error(errno == EWOULDBLOCK ? EADDRINUSE : errno, std::generic_category(), "lock of the access point");
+        throw_error(errno == EWOULDBLOCK ? EADDRINUSE : errno, what);
     }
     return lock;
 }
@@ -51,7 +40,7 @@ UniqueFd locked(const std::filesystem::path &path) {
 void watch(int events, int descriptor) {
     epoll_event wanted{};
     wanted.events = EPOLLIN;
-    require(::epoll_ctl(events, EPOLL_CTL_ADD, descriptor, &wanted), "watch of the access point");
+    check(::epoll_ctl(events, EPOLL_CTL_ADD, descriptor, &wanted), "watch of the access point");
 }
 
 } // namespace
@@ -62,17 +51,17 @@ int Incoming::reply(uint32_t opcode, const void *payload, uint32_t length) const
 
 MsgbusServer::MsgbusServer(uint32_t sap, Limits limits)
     : sap_(sap), limits_(limits), socket_path_(sap_path(sap)), lock_(locked(msgbus_dir() / (std::to_string(sap) + ".lock"))),
-      listener_(make_bus_socket()), timer_(checked(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK), "timer")),
-      events_(checked(::epoll_create1(EPOLL_CLOEXEC), "event set")) {
+      listener_(make_bus_socket()), timer_(check(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK), "timer")),
+      events_(check(::epoll_create1(EPOLL_CLOEXEC), "event set")) {
     const ActingAsOwner owner(run_dir());
     const SocketAddress address(socket_path_);
     if (::unlink(socket_path_.c_str()) != 0 && errno != ENOENT) {
-        throw std::system_error(errno, std::generic_category(), socket_path_);
+        throw_errno(socket_path_.native());
     }
-    require(::bind(listener_.get(), address.get(), address.length()), "bind of the access point");
+    check(::bind(listener_.get(), address.get(), address.length()), "bind of the access point");
     // Whoever is not trusted may knock: what he sends is not read, and the log tells of it.
-    require(::chmod(socket_path_.c_str(), 0666), "mode of the access point");
-    require(::listen(listener_.get(), backlog), "listen on the access point");
+    check(::chmod(socket_path_.c_str(), 0666), "mode of the access point");
+    check(::listen(listener_.get(), backlog), "listen on the access point");
     watch(events_.get(), listener_.get());
     watch(events_.get(), timer_.get());
 }

@@ -2,6 +2,7 @@
 
 #include "base/folders.h"
 #include "base/ownership.h"
+#include "base/posix.h"
 #include "platform/host/history/log.h"
 
 #include <fcntl.h>
@@ -15,7 +16,6 @@
 #include <cstddef>
 #include <cstring>
 #include <string>
-#include <system_error>
 
 msgbus_message::msgbus_message(uint32_t message_opcode, uint32_t message_token, const void *payload, uint32_t payload_length)
     : opcode(message_opcode), token(message_token), length(payload_length), words(payload_length / sizeof(uint32_t) + 1) {
@@ -49,8 +49,7 @@ std::filesystem::path msgbus_dir() {
     struct stat status {};
     const bool there = (::mkdir(directory.c_str(), 0755) == 0 || errno == EEXIST) && ::stat(directory.c_str(), &status) == 0;
     if (!there || !S_ISDIR(status.st_mode)) {
-        const int error = there ? ENOTDIR : errno;
-        throw std::filesystem::filesystem_error("message bus", directory, std::error_code(error, std::generic_category()));
+        throw_error(there ? ENOTDIR : errno, "message bus", directory.native());
     }
     return directory;
 }
@@ -60,18 +59,15 @@ std::filesystem::path sap_path(uint32_t sap) {
 }
 
 UniqueFd make_bus_socket() {
-    UniqueFd socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (!socket) {
-        throw std::system_error(errno, std::generic_category(), "message bus socket");
-    }
-    return socket;
+    constexpr int type = SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK;
+    return UniqueFd(check(::socket(AF_UNIX, type, 0), "message bus socket"));
 }
 
 SocketAddress::SocketAddress(const std::filesystem::path &path) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     if (path.native().size() >= sizeof address.sun_path) {
-        throw std::system_error(ENAMETOOLONG, std::generic_category(), path);
+        throw_error(ENAMETOOLONG, path.native());
     }
     std::memcpy(address.sun_path, path.c_str(), path.native().size());
     std::memcpy(&storage, &address, sizeof address);

@@ -23,7 +23,7 @@ struct msgbus_message {
 
 namespace ulmo {
 
-// The folder of the access points' sockets, made when it is not there. Throws std::filesystem::filesystem_error.
+// The folder of the access points' sockets, made when it is not there. Throws std::system_error.
 std::filesystem::path msgbus_dir();
 std::filesystem::path sap_path(uint32_t sap);
 

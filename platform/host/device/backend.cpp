@@ -1,6 +1,8 @@
 #include "platform/host/device/backend.h"
 
 #include "base/folders.h"
+#include "base/posix.h"
+#include "base/replaced_file.h"
 #include "base/settings.h"
 #include "base/state_file.h"
 #include "platform/host/device/configuration_text.h"
@@ -10,7 +12,6 @@
 #include <sys/sendfile.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <cstring>
 #include <optional>
@@ -37,19 +38,7 @@ std::filesystem::path resolved(const std::filesystem::path &path) {
 
 constexpr const char *no_startup = "there is no startup configuration";
 
-[[noreturn]] void fail_output() {
-    throw std::system_error(errno, std::generic_category(), "cannot write the output");
-}
-
-void write_output(std::string_view text, int descriptor) {
-    while (!text.empty()) {
-        const ssize_t count = ::write(descriptor, text.data(), text.size());
-        if (count < 0 && errno != EINTR) {
-            fail_output();
-        }
-        text.remove_prefix(count > 0 ? static_cast<std::size_t>(count) : 0);
-    }
-}
+constexpr std::string_view output = "the output";
 
 // The rest of the file. The kernel copies it where it can; it does not where the output is one that is appended to.
 void copy_output(const UniqueFd &file, int descriptor) {
@@ -58,15 +47,9 @@ void copy_output(const UniqueFd &file, int descriptor) {
     while ((count = ::sendfile(descriptor, file.get(), nullptr, most)) > 0) {
     }
     if (count < 0 && errno != EINVAL) {
-        fail_output();
+        throw_errno("cannot write", output);
     }
-    std::array<char, std::size_t{64} * 1024> part;
-    while ((count = ::read(file.get(), part.data(), part.size())) > 0) {
-        write_output({part.data(), static_cast<std::size_t>(count)}, descriptor);
-    }
-    if (count < 0) {
-        throw std::system_error(errno, std::generic_category(), "cannot read the configuration");
-    }
+    write_whole(descriptor, read_whole(file.get(), "the configuration"), output);
 }
 
 class EmbeddedBackend final : public DeviceBackend {
@@ -128,7 +111,7 @@ class EmbeddedBackend final : public DeviceBackend {
             paths.insert(resolved(startup_file_.parent_path() / copy));
         }
         paths.erase(resolved(startup_file_));
-        std::vector<PendingFile> files;
+        std::vector<ReplacedFile> files;
         files.reserve(paths.size() + 1);
         for (const std::filesystem::path &path : paths) {
             files.emplace_back(path, text);
@@ -137,7 +120,7 @@ class EmbeddedBackend final : public DeviceBackend {
         if (before_commit) {
             before_commit();
         }
-        for (PendingFile &file : files) {
+        for (ReplacedFile &file : files) {
             file.commit();
         }
     }
@@ -201,7 +184,7 @@ class EmbeddedBackend final : public DeviceBackend {
 } // namespace
 
 void DeviceBackend::print(ConfigurationStore which, int descriptor) {
-    write_output(show(which), descriptor);
+    write_whole(descriptor, show(which), output);
 }
 
 std::unique_ptr<DeviceBackend> make_embedded_backend(const std::filesystem::path &directory, std::chrono::milliseconds lock_wait) {
@@ -216,11 +199,10 @@ std::unique_ptr<DeviceBackend> make_device_backend() {
 std::string read_configuration_file(const std::filesystem::path &path) {
     try {
         // O_NONBLOCK: a FIFO must not stop us before we see that it is one.
-        const UniqueFd file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-        if (!file) {
-            throw std::system_error(errno, std::generic_category(), "cannot open " + path.string());
-        }
-        return read_whole(file, path, configuration_text_limit);
+        constexpr int flags = O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+        const UniqueFd file(check(::open(path.c_str(), flags), "cannot open", path.native()));
+        regular_file_status(file.get(), path.native(), configuration_text_limit);
+        return read_whole(file.get(), path.native(), configuration_text_limit);
     } catch (const std::system_error &error) {
         throw ConfigurationError(ConfigurationError::Kind::bad_file, error.what());
     }

@@ -1,7 +1,8 @@
 #include "platform/cli_shell.h"
 
+#include "base/posix.h"
 #include "base/reason.h"
-#include "base/state_file.h"
+#include "base/unique_fd.h"
 #include "platform/host/device/backend.h"
 #include "platform/host/device/configuration_text.h"
 #include "platform/host/history/copy_report.h"
@@ -16,7 +17,6 @@
 #include <exception>
 #include <stdexcept>
 #include <string>
-#include <system_error>
 
 namespace {
 
@@ -24,21 +24,16 @@ namespace {
 // somebody else could have put there, and nothing is truncated before that is known.
 void write_output(const std::string &path, const std::string &text) {
     constexpr mode_t owner_only = 0600;
-    const ulmo::UniqueFd file(::open(path.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, owner_only));
-    if (!file) {
-        throw std::system_error(errno, std::generic_category(), "cannot open " + path);
-    }
+    constexpr int flags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    const ulmo::UniqueFd file(ulmo::check(::open(path.c_str(), flags, owner_only), "cannot open", path));
     struct stat status {};
-    if (::fstat(file.get(), &status) != 0) {
-        throw std::system_error(errno, std::generic_category(), path);
-    }
+    ulmo::check(::fstat(file.get(), &status), path);
     if (!S_ISREG(status.st_mode) || status.st_uid != ::geteuid() || status.st_nlink != 1) {
         throw std::runtime_error(path + " is not a regular file of our own with one name");
     }
-    if (::fchmod(file.get(), owner_only) != 0 || ::ftruncate(file.get(), 0) != 0) {
-        throw std::system_error(errno, std::generic_category(), path);
-    }
-    ulmo::write_whole(file, path, text);
+    ulmo::check(::fchmod(file.get(), owner_only), path);
+    ulmo::check(::ftruncate(file.get(), 0), path);
+    ulmo::write_whole(file.get(), text, path);
 }
 
 // The output helps who looks for the reason; without it the configuration is applied all the same.

@@ -1,5 +1,6 @@
 #include "platform/fabric.h"
 
+#include "base/posix.h"
 #include "base/settings.h"
 #include "platform/host/fabric/status.h"
 #include "platform/host/fabric/wwn.h"
@@ -33,9 +34,7 @@ using InterfaceAddresses = std::unique_ptr<ifaddrs, FreeAddresses>;
 
 InterfaceAddresses interface_addresses() {
     ifaddrs *list = nullptr;
-    if (::getifaddrs(&list) != 0) {
-        throw std::system_error(errno, std::generic_category(), "getifaddrs");
-    }
+    check(::getifaddrs(&list), "getifaddrs");
     return InterfaceAddresses(list);
 }
 

@@ -46,7 +46,7 @@ std::string line_of(const CopyEnd &end); // goes on behind the request's, after 
 std::string url_of(std::string_view protocol, std::string_view user, std::string_view address, std::string_view file);
 
 // Puts the line in front of those that are kept, in the run directory, and drops the oldest. Throws
-// std::system_error and std::filesystem::filesystem_error.
+// std::system_error.
 void keep_copy_line(std::string_view line);
 
 // The newest first, each with its end of line; nothing when there are none. Throws as above.

@@ -1,5 +1,6 @@
 #include "platform/host/history/copy_report.h"
 
+#include "base/posix.h"
 #include "base/state_file.h"
 #include "base/unique_fd.h"
 #include "platform/host/history/log.h"
@@ -7,7 +8,6 @@
 #include <openssl/evp.h>
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,7 +17,6 @@
 #include <cstdlib>
 #include <exception>
 #include <memory>
-#include <system_error>
 #include <vector>
 
 namespace ulmo {
@@ -48,11 +47,8 @@ void append(std::string_view key, std::string_view text) {
     if (path == nullptr) {
         return;
     }
-    const UniqueFd file(::open(path, O_WRONLY | O_APPEND | O_NOFOLLOW | O_CLOEXEC));
-    if (!file) {
-        throw std::system_error(errno, std::generic_category(), path);
-    }
-    write_whole(file, path, std::string(key) + std::string(text) + '\n');
+    const UniqueFd file(check(::open(path, O_WRONLY | O_APPEND | O_NOFOLLOW | O_CLOEXEC), "cannot open", path));
+    write_whole(file.get(), std::string(key) + std::string(text) + '\n', path);
 }
 
 // The copy goes on whatever becomes of its report.
@@ -74,11 +70,10 @@ struct Measured {
 };
 
 Measured measured(const std::filesystem::path &path) {
-    const UniqueFd file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    struct stat status {};
-    if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
-        throw std::system_error(errno, std::generic_category(), "cannot measure " + path.string());
-    }
+    constexpr std::string_view what = "cannot measure";
+    constexpr int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    const UniqueFd file(check(::open(path.c_str(), flags), what, path.native()));
+    regular_file_status(file.get(), path.native());
     const std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX *)> digest(EVP_MD_CTX_new(), EVP_MD_CTX_free);
     bool works = digest && EVP_DigestInit_ex(digest.get(), EVP_sha256(), nullptr) == 1;
     Measured result;
@@ -92,7 +87,7 @@ Measured measured(const std::filesystem::path &path) {
             result.octets += static_cast<std::uint64_t>(count);
             works = EVP_DigestUpdate(digest.get(), buffer.data(), static_cast<std::size_t>(count)) == 1;
         } else if (errno != EINTR) {
-            throw std::system_error(errno, std::generic_category(), "cannot measure " + path.string());
+            throw_errno(what, path.native());
         }
     }
     std::array<unsigned char, EVP_MAX_MD_SIZE> octets{};

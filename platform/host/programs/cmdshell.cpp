@@ -5,6 +5,7 @@
 //                         that failed, otherwise it stops there, so that what follows in a script never builds on a failure.
 //
 // Exits with 0 when all went well, 1 when a command failed (one line on standard error says why) and 2 when it was called wrongly.
+#include "base/posix.h"
 #include "base/reason.h"
 #include "base/settings.h"
 #include "platform/host/device/backend.h"
@@ -26,7 +27,6 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
-#include <system_error>
 #include <vector>
 
 namespace {
@@ -56,7 +56,7 @@ std::string normalised(std::string_view text) {
 
 void print(std::string_view text) {
     if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() || std::fflush(stdout) != 0) {
-        throw std::system_error(errno, std::generic_category(), "cannot write the output");
+        ulmo::throw_errno("cannot write the output");
     }
 }
 

@@ -1,5 +1,6 @@
 #include "platform/host/system_manager/action_process.h"
 
+#include "base/posix.h"
 #include "platform/host/system_manager/status.h"
 
 #include <fcntl.h>
@@ -13,7 +14,6 @@
 #include <csignal>
 #include <cstring>
 #include <string>
-#include <system_error>
 
 namespace ulmo {
 namespace {
@@ -61,16 +61,11 @@ sigset_t only(std::initializer_list<int> signals) {
 
 ActionProcess::ActionProcess(const Action &action) {
     std::array<int, 2> ends{};
-    if (::pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK) != 0) {
-        throw std::system_error(errno, std::generic_category(), "pipe");
-    }
+    check(::pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK), "pipe");
     report_ = UniqueFd(ends[0]);
     const UniqueFd to_child(ends[1]);
     const pid_t parent = ::getpid();
-    process_ = ::fork();
-    if (process_ < 0) {
-        throw std::system_error(errno, std::generic_category(), "fork");
-    }
+    process_ = check(::fork(), "fork");
     if (process_ == 0) {
         run(action, to_child.get(), parent);
     }

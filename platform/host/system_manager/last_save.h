@@ -13,8 +13,7 @@ inline constexpr std::string_view saved_text = "saved";
 // Replaces what is kept, at once and whole; a failure is logged, the save is none the worse for it.
 void record_last_save(std::string_view outcome);
 
-// saved_text, or the reason; nothing when nothing was saved since the machine booted. Throws std::system_error and
-// std::filesystem::filesystem_error.
+// saved_text, or the reason; nothing when nothing was saved since the machine booted. Throws std::system_error.
 std::optional<std::string> last_save();
 
 } // namespace ulmo

@@ -1,5 +1,6 @@
 #include "platform/host/system_manager/save_request.h"
 
+#include "base/posix.h"
 #include "platform/host/bus/wire.h"
 #include "platform/system_manager.h"
 #include "platform/utilities.h"
@@ -12,14 +13,9 @@
 #include <cstring>
 #include <memory>
 #include <stdexcept>
-#include <system_error>
 
 namespace ulmo {
 namespace {
-
-[[noreturn]] void fail(int error, const char *what) {
-    throw std::system_error(error, std::generic_category(), what);
-}
 
 // Requester and system manager are on one connection: the answer comes first, the end when it has come.
 std::unique_ptr<msgbus_message> next_message(int connection, std::uint32_t opcode) {
@@ -58,7 +54,7 @@ bool request_save(const std::string &user) {
         return false;
     }
     if (error != 0) {
-        fail(error, "system manager");
+        throw_error(error, "system manager");
     }
     warden_cfg_action request{};
     request.word0 = htonl(WARDEN_CFG_ACTION_WORD0);
@@ -69,7 +65,7 @@ bool request_save(const std::string &user) {
     constexpr std::uint32_t token = 1; // the only request on its connection
     if (const int failure = send_packet(connection.get(), MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION, token, &request, sizeof request);
         failure != 0) {
-        fail(failure, "system manager");
+        throw_error(failure, "system manager");
     }
     const auto answer = next_message(connection.get(), MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION);
     if (const std::uint32_t status = ntohl(answer->words[0]); status != WARDEN_CFG_ACTION_INITIATED && status != WARDEN_CFG_ACTION_DONE) {

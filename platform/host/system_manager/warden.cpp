@@ -1,6 +1,7 @@
 #include "platform/host/system_manager/warden.h"
 
 #include "base/folders.h"
+#include "base/posix.h"
 #include "base/state_file.h"
 #include "platform/host/device/backend.h"
 #include "platform/host/history/log.h"
@@ -29,14 +30,8 @@ UniqueFd signals_that_are_read() {
     for (const int signal : {SIGTERM, SIGINT, SIGCHLD}) {
         sigaddset(&set, signal);
     }
-    if (::sigprocmask(SIG_BLOCK, &set, nullptr) != 0) {
-        throw std::system_error(errno, std::generic_category(), "signals");
-    }
-    UniqueFd descriptor(::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
-    if (!descriptor) {
-        throw std::system_error(errno, std::generic_category(), "signals");
-    }
-    return descriptor;
+    check(::sigprocmask(SIG_BLOCK, &set, nullptr), "signals");
+    return UniqueFd(check(::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK), "signals"));
 }
 
 // --- what outlives this process ---

@@ -19,7 +19,7 @@ namespace ulmo {
 class Warden {
   public:
     // Serves from here on; an action that an earlier system manager left unfinished is reported to the agent as failed. Blocks the signals
-    // that run() reads. Throws std::system_error, with EADDRINUSE when another system manager runs, and std::filesystem::filesystem_error.
+    // that run() reads. Throws std::system_error, with EADDRINUSE when another system manager runs.
     Warden();
 
     // Until SIGTERM or SIGINT; an action that runs then is given up, and the agent still told.

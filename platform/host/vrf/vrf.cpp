@@ -2,6 +2,7 @@
 
 #include "base/folders.h"
 #include "base/ownership.h"
+#include "base/posix.h"
 #include "base/unique_fd.h"
 #include "platform/chassis.h"
 
@@ -23,7 +24,6 @@
 #include <exception>
 #include <filesystem>
 #include <string_view>
-#include <system_error>
 #include <vector>
 
 namespace ulmo {
@@ -67,23 +67,19 @@ bool is_vrf_device(const std::string &name) {
 class Directory {
   public:
     Directory() : path_(state_dir() / "vrfs"), file_(opened(path_)) {
-        struct stat status {};
-        check(file_ && ::fstat(file_.get(), &status) == 0);
-        if (!S_ISREG(status.st_mode)) {
-            errno = EINVAL;
-            check(false);
-        }
+        regular_file_status(file_.get(), path_.native());
         int locked = -1;
         do {
             locked = ::flock(file_.get(), LOCK_EX);
         } while (locked != 0 && errno == EINTR);
-        check(locked == 0);
+        check(locked, "cannot lock", path_.native());
         read();
     }
 
     static UniqueFd opened(const std::filesystem::path &path) {
         const ActingAsOwner owner(path.parent_path());
-        return UniqueFd(::open(path.c_str(), O_RDWR | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600));
+        constexpr int flags = O_RDWR | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+        return UniqueFd(check(::open(path.c_str(), flags, 0600), "cannot open", path.native()));
     }
 
     [[nodiscard]] std::optional<std::string> name_of(int id) const {
@@ -111,20 +107,8 @@ class Directory {
         std::string name;
     };
 
-    void check(bool good) const {
-        if (!good) {
-            throw std::filesystem::filesystem_error("VRF directory", path_, std::error_code(errno, std::generic_category()));
-        }
-    }
-
     void read() {
-        std::string text;
-        char part[4096];
-        ssize_t octets = 0;
-        while ((octets = ::read(file_.get(), part, sizeof part)) > 0) {
-            text.append(part, static_cast<std::size_t>(octets));
-        }
-        check(octets == 0);
+        const std::string text = read_whole(file_.get(), path_.native());
         for (std::string_view rest = text; !rest.empty();) {
             const std::string_view line = rest.substr(0, rest.find('\n'));
             rest.remove_prefix(std::min(line.size() + 1, rest.size()));
@@ -142,11 +126,7 @@ class Directory {
         if (!ends_in_line_) {
             line.insert(line.begin(), '\n'); // what a full disk cut stays a line of its own
         }
-        const ssize_t written = ::write(file_.get(), line.data(), line.size());
-        if (written >= 0 && static_cast<std::size_t>(written) < line.size()) {
-            errno = ENOSPC;
-        }
-        check(written == static_cast<ssize_t>(line.size()));
+        write_whole(file_.get(), line, path_.native());
     }
 
     static constexpr int max_id = 1'000'000'000;

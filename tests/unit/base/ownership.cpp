@@ -2,6 +2,7 @@
 // open.
 #include "base/ownership.h"
 
+#include "base/replaced_file.h"
 #include "base/state_file.h"
 #include "platform/host/agent/workers.h"
 #include "platform/host/bus/server.h"
@@ -99,7 +100,7 @@ TEST_F(Ownership, AReplacedFileAndALockBelongToTheFoldersOwner) {
 
 TEST_F(Ownership, AFolderThatItsOwnerHasClosedStaysAsItIs) {
     {
-        ulmo::PendingFile pending(file_, "text");
+        ulmo::ReplacedFile pending(file_, "text");
         std::filesystem::permissions(folder_, std::filesystem::perms(0500));
         EXPECT_THROW(pending.commit(), std::system_error);
     }

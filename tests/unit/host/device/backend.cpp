@@ -1,5 +1,6 @@
 #include "platform/host/device/backend.h"
 
+#include "base/replaced_file.h"
 #include "base/state_file.h"
 #include "platform/host/device/configuration_text.h"
 #include "tests/unit/child.h"
@@ -234,7 +235,7 @@ TEST_F(DeviceBackend, AFileThatCantBePreparedStopsTheSave) {
     device()->save();
     device()->apply("hostname two\n");
     bool is_called = false;
-    const std::string missing = (directory_ / "none" / "a.cfg.new").string();
+    const std::string missing = (directory_ / "none" / "a.cfg").string();
     EXPECT_EQ(failure([&] {
                   device()->save({"backup.cfg", directory_ / "none" / "a.cfg"}, [&] { is_called = true; });
               }),
@@ -283,14 +284,14 @@ TEST_F(DeviceBackend, AStartupConfigurationThatIsNotValidStartsNothing) {
 TEST_F(DeviceBackend, AFileThatIsNotCommittedLeavesTheOldOne) {
     const auto target = file("state/a.cfg", "old");
     {
-        const ulmo::PendingFile pending(target, "new");
+        const ulmo::ReplacedFile pending(target, "new");
         EXPECT_EQ(content(target), "old");
         EXPECT_EQ(content(target.string() + ".new"), "new");
         EXPECT_EQ(permissions(target.string() + ".new"), 0600U);
     }
     EXPECT_EQ(content(target), "old");
     EXPECT_FALSE(std::filesystem::exists(target.string() + ".new"));
-    std::vector<ulmo::PendingFile> files;
+    std::vector<ulmo::ReplacedFile> files;
     files.emplace_back(target, "newer");
     files.emplace_back(state() / "b.cfg", "b"); // moves the first one
     files.front().commit();
@@ -489,8 +490,8 @@ TEST_F(DeviceBackend, AFullDiskChangesNothing) {
                   }
                   const std::string applied = failure([&] { device()->apply(large); });
                   const std::string stored = failure([&] { device()->store_startup(large); });
-                  EXPECT_EQ(applied, "cannot write " + running().string() + ".new: No space left on device");
-                  EXPECT_EQ(stored, "cannot write " + startup().string() + ".new: No space left on device");
+                  EXPECT_EQ(applied, "cannot write " + running().string() + ": No space left on device");
+                  EXPECT_EQ(stored, "cannot write " + startup().string() + ": No space left on device");
                   EXPECT_EQ(content(running()), "hostname one\nend\n");
                   EXPECT_EQ(content(startup()), "hostname one\nend\n");
                   EXPECT_FALSE(std::filesystem::exists(running().string() + ".new"));
@@ -525,7 +526,7 @@ TEST_F(DeviceBackend, AConfigurationFileIsARegularFileOfBoundedSize) {
     EXPECT_EQ(ulmo::read_configuration_file(file("empty", "")), "");
     const auto path = directory_ / "none";
     EXPECT_EQ(refused(path), "cannot open " + path.string() + ": No such file or directory");
-    EXPECT_EQ(refused(""), "cannot open : No such file or directory");
+    EXPECT_EQ(refused(""), "cannot open: No such file or directory");
     EXPECT_EQ(refused(directory_), "not a regular file: " + directory_.string() + ": Is a directory");
     EXPECT_EQ(refused("/dev/zero"), "not a regular file: /dev/zero: Invalid argument");
     const auto fifo = directory_ / "fifo";

@@ -178,7 +178,7 @@ TEST_F(Warden, OneFileThatCantBeWrittenStopsAllOfThem) {
     Request request = ask(Scope::all);
     EXPECT_EQ(request.answer(), WARDEN_CFG_ACTION_INITIATED);
     EXPECT_EQ(request.end(), ulmo::warden_err_store);
-    EXPECT_EQ(request.text(), "cannot make " + (state() / "none" / "second.cfg.new").string() + ": No such file or directory");
+    EXPECT_EQ(request.text(), "cannot make " + (state() / "none" / "second.cfg").string() + ": No such file or directory");
     EXPECT_EQ(content(startup()), old_text);
     EXPECT_FALSE(std::filesystem::exists(state() / "first.cfg"));
     EXPECT_FALSE(std::filesystem::exists(state() / "first.cfg.new"));

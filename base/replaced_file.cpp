@@ -1,0 +1,82 @@
+#include "base/replaced_file.h"
+
+#include "base/ownership.h"
+#include "base/posix.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <utility>
+
+namespace ulmo {
+namespace {
+
+constexpr mode_t owner_only = 0600;
+
+UniqueFd made_under_any_name(std::filesystem::path &temporary, const std::filesystem::path &path) {
+    std::string name = path.parent_path() / ".new-XXXXXX";
+    UniqueFd file(check(::mkostemp(name.data(), O_CLOEXEC), "cannot make", path.native()));
+    temporary = name;
+    return file;
+}
+
+UniqueFd made_under_fixed_name(const std::filesystem::path &temporary, const std::filesystem::path &path) {
+    if (::unlink(temporary.c_str()) != 0 && errno != ENOENT) {
+        throw_errno("cannot remove", temporary.native());
+    }
+    constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+    return UniqueFd(check(::open(temporary.c_str(), flags, owner_only), "cannot make", path.native()));
+}
+
+} // namespace
+
+ReplacedFile::ReplacedFile(std::filesystem::path path, Manner manner)
+    : path_(std::move(path)), temporary_(path_.native() + ".new"), manner_(manner) {
+    const ActingAsOwner owner(path_.parent_path());
+    file_ = manner_ == Manner::unlocked ? made_under_any_name(temporary_, path_) : made_under_fixed_name(temporary_, path_);
+}
+
+ReplacedFile::ReplacedFile(std::filesystem::path path, std::string_view content, Manner manner) : ReplacedFile(std::move(path), manner) {
+    append(content);
+    finish();
+}
+
+ReplacedFile::~ReplacedFile() {
+    if (file_) {
+        const ActingAsOwner owner(path_.parent_path());
+        ::unlink(temporary_.c_str());
+    }
+}
+
+void ReplacedFile::append(std::string_view data) {
+    write_whole(file_.get(), data, path_.native());
+}
+
+void ReplacedFile::finish() {
+    check(::fchmod(file_.get(), owner_only), "cannot protect", path_.native()); // whatever the umask
+    if (manner_ == Manner::lasting) {
+        check(::fsync(file_.get()), "cannot sync", path_.native());
+    }
+}
+
+void ReplacedFile::commit() {
+    const std::filesystem::path folder = path_.parent_path();
+    const ActingAsOwner owner(folder);
+    UniqueFd directory;
+    if (manner_ == Manner::lasting) { // which may fail only as long as nothing has been done
+        constexpr int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+        directory = UniqueFd(check(::open(folder.c_str(), flags), "cannot open", folder.native()));
+    }
+    check(std::rename(temporary_.c_str(), path_.c_str()), "cannot rename to", path_.native());
+    file_.reset();
+    if (directory) {
+        check(::fsync(directory.get()), "cannot sync", folder.native());
+    }
+}
+
+} // namespace ulmo
