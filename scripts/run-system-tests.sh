@@ -79,22 +79,6 @@ if [[ " ${folders[*]} " == *" lab "* ]]; then
     echo "== the lab itself"
     "${as_root[@]}" "${pytest[@]}" "--junitxml=$results/lab.xml" "$tests/lab" "$@" || status=1
 fi
-/usr/bin/python3 - "$results" "${folders[@]}" <<'END' || status=1
-# Counts over all reports. A folder without a report, or a test that did not run, is a failure.
-import sys
-import xml.etree.ElementTree as xml
-
-total = bad = 0
-for folder in sys.argv[2:]:
-    try:
-        (suite,) = xml.parse(f"{sys.argv[1]}/{folder}.xml").getroot().iter("testsuite")
-    except FileNotFoundError:
-        print(f"{folder}: no report")
-        total, bad = total + 1, bad + 1
-        continue
-    total += int(suite.get("tests"))
-    bad += sum(int(suite.get(kind)) for kind in ("failures", "errors", "skipped"))
-print(f"{total - bad} passed, {bad} failed")
-sys.exit(bad > 0)
-END
+reports=("${folders[@]/#/$results/}")
+/usr/bin/python3 "$scripts/count-tests.py" "${reports[@]/%/.xml}" || status=1
 exit "$status"
