@@ -1,4 +1,5 @@
-"""What the benchmarks that run in the lab share: commands that must succeed, time taken, and a table of the results."""
+"""What the benchmarks that run in the lab share: commands that must succeed, time taken, and a
+table of the results."""
 
 import os
 import statistics
@@ -14,24 +15,33 @@ def lab(variable):
     """A variable of the lab, or the end of the program with the command that makes one."""
     value = os.environ.get(variable)
     if not value:
-        sys.exit(f"{variable} is not set: run this inside the lab, as in scripts/lab.sh exec -- {sys.argv[0]}")
+        sys.exit(
+            f"{variable} is not set: run this inside the lab, as in scripts/lab.sh exec -- "
+            f"{sys.argv[0]}"
+        )
     return value
 
 
 def run(*command):
-    """Runs a command and returns (seconds, standard output). Ends the program when the command fails."""
+    """Runs a command and returns (seconds, standard output). Ends the program when the command
+    fails."""
     command = [str(word) for word in command]
     begin = time.monotonic()
-    done = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, check=False)
+    done = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+                          check=False)
     seconds = time.monotonic() - begin
     if done.returncode != 0:
         shown = " ".join(command)
-        sys.exit(f"{shown[:500]}: exit status {done.returncode}\n{done.stdout[-2000:]}{done.stderr[-2000:]}")
+        sys.exit(
+            f"{shown[:500]}: exit status {done.returncode}\n"
+            f"{done.stdout[-2000:]}{done.stderr[-2000:]}"
+        )
     return seconds, done.stdout
 
 
 def print_table(unit, columns, rates):
-    """One line for each name in `rates`: what `columns` holds of it, and least, median and greatest rate of its runs."""
+    """One line for each name in `rates`: what `columns` holds of it, and least, median and greatest
+    rate of its runs."""
     print(f"{'':36} {'size':>16} {'min':>12} {'median':>12} {'max':>12}  {unit}")
     for name, values in rates.items():
         low, middle, high = min(values), statistics.median(values), max(values)

@@ -1,11 +1,13 @@
 #!/usr/bin/python3
-"""Moves a file over the lab's link with our TFTP client and with curl, and prints the throughput of each.
+"""Moves a file over the lab's link with our TFTP client and with curl, and prints the throughput of
+each.
 
-Run it in a lab whose link takes 10 ms each way: scripts/lab.sh exec --delay 10 -- bench/tftp.py [--size MIB] [--runs N] [--put]
+Run it in a lab whose link takes 10 ms each way: scripts/lab.sh exec --delay 10 -- bench/tftp.py
+[--size MIB] [--runs N] [--put]
 
-curl sends one block and waits for its acknowledgement: with blocks of 512 octets and 20 ms for a round trip, 16 MiB take it eleven minutes, and
-with blocks of 1428 octets four. Give --size a smaller number for a quick look.
-"""
+curl sends one block and waits for its acknowledgement: with blocks of 512 octets and 20 ms for a
+round trip, 16 MiB take it eleven minutes, and with blocks of 1428 octets four. Give --size a
+smaller number for a quick look. """
 
 import argparse
 import filecmp
@@ -33,11 +35,16 @@ def commands(client, server, put, local, remote):
 
 
 def main():
-    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("--size", type=int, default=16, help="size of the file in MiB (default %(default)s)")
-    parser.add_argument("--runs", type=int, default=3, help="transfers by each program (default %(default)s)")
-    parser.add_argument("--put", action="store_true", help="send the file to the server instead of getting it")
-    parser.add_argument("--client", default="/ulmo/bin/brix-tftp", help="our TFTP program (default %(default)s)")
+    parser = argparse.ArgumentParser(description=__doc__,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--size", type=int, default=16,
+                        help="size of the file in MiB (default %(default)s)")
+    parser.add_argument("--runs", type=int, default=3,
+                        help="transfers by each program (default %(default)s)")
+    parser.add_argument("--put", action="store_true",
+                        help="send the file to the server instead of getting it")
+    parser.add_argument("--client", default="/ulmo/bin/brix-tftp",
+                        help="our TFTP program (default %(default)s)")
     options = parser.parse_args()
     server, root = lab("LAB_SERVER4"), lab("LAB_SERVER_ROOT")
 
@@ -51,11 +58,13 @@ def main():
             file.write(os.urandom(options.size * MIB))
         try:
             for _ in range(options.runs):
-                for name, command in commands(options.client, server, options.put, local, remote).items():
+                for name, command in commands(options.client, server, options.put, local,
+                                              remote).items():
                     source, target = (local, served) if options.put else (served, local)
                     with open(content, "rb") as original, open(source, "wb") as file:
                         file.write(original.read())
-                    # A server that makes no files writes into one that is there; nothing of the last transfer may pass for this one.
+                    # A server that makes no files writes into one that is there; nothing of the
+                    # last transfer may pass for this one.
                     with open(target, "wb"):
                         pass
                     os.chmod(served, 0o666)
@@ -66,7 +75,9 @@ def main():
         finally:
             if os.path.exists(served):
                 os.remove(served)
-    print_table("MiB/s", dict.fromkeys(rates, f"{options.size} MiB {'put' if options.put else 'get'}"), rates)
+    print_table("MiB/s",
+                dict.fromkeys(rates, f"{options.size} MiB {'put' if options.put else 'get'}"),
+                rates)
 
 
 if __name__ == "__main__":

@@ -1,13 +1,16 @@
 #!/usr/bin/python3
-"""Backs a startup configuration up over SNMP, and moves the same file with the stock client, in turns.
+"""Backs a startup configuration up over SNMP, and moves the same file with the stock client, in
+turns.
 
-Run it in the lab: scripts/lab.sh exec -- bench/transfers.py [--size OCTETS[k|M]] [--runs N] [PROTOCOL…]
+Run it in the lab: scripts/lab.sh exec -- bench/transfers.py [--size OCTETS[k|M]] [--runs N]
+[PROTOCOL…]
 
-The time of a copy is what the SET that activates the request takes beyond a GET by the same tool, and what passes from ccCopyTimeStarted to
-ccCopyTimeCompleted, which the agent tells to 10 ms: asking it all the while would take one of two processors from the transfer. It holds the
-print-out of the configuration, the worker's, the script's and the client's start, and the login. The client by hand does the login and the
-transfer only; it gets the password from an askpass program (SSH) or as part of a URL (FTP). For TFTP it is curl.
-"""
+The time of a copy is what the SET that activates the request takes beyond a GET by the same tool,
+and what passes from ccCopyTimeStarted to ccCopyTimeCompleted, which the agent tells to 10 ms:
+asking it all the while would take one of two processors from the transfer. It holds the print-out
+of the configuration, the worker's, the script's and the client's start, and the login. The client
+by hand does the login and the transfer only; it gets the password from an askpass program (SSH) or
+as part of a URL (FTP). For TFTP it is curl. """
 
 import argparse
 import os
@@ -50,7 +53,8 @@ def copy_over_snmp(protocol):
     tool, _ = run("snmpget", "-r0", agent, column(C.CC_COLUMN_STATE))
     activation, _ = run("snmpset", "-r0", "-t10", agent, row_status, "i", C.ROW_STATUS_ACTIVE)
     seconds = activation - tool
-    while (state := int(run("snmpget", "-Oqve", agent, column(C.CC_COLUMN_STATE))[1])) == C.COPY_STATE_RUNNING:
+    while (state := int(run("snmpget", "-Oqve", agent,
+                            column(C.CC_COLUMN_STATE))[1])) == C.COPY_STATE_RUNNING:
         time.sleep(3)
     started, completed = run("snmpget", "-Oqvt", agent, column(C.CC_COLUMN_TIME_STARTED),
                              column(C.CC_COLUMN_TIME_COMPLETED))[1].split()
@@ -64,7 +68,10 @@ def copy_over_snmp(protocol):
 def client_by_hand(protocol, file, askpass):
     server, user, password = lab("LAB_SERVER4"), lab("LAB_USER"), lab("LAB_PASSWORD")
     os.environ |= {"SSH_ASKPASS": str(askpass), "SSH_ASKPASS_REQUIRE": "force"}
-    quiet = ["-q", "-F", "none", "-o", "StrictHostKeyChecking=no", "-o", "UserKnownHostsFile=/dev/null", "-o", "PubkeyAuthentication=no"]
+    quiet = [
+        "-q", "-F", "none", "-o", "StrictHostKeyChecking=no", "-o", "UserKnownHostsFile=/dev/null",
+        "-o", "PubkeyAuthentication=no"
+    ]
     if protocol == "tftp":
         return run("curl", "-s", "-T", str(file), f"tftp://{server}/{NAME}")[0]
     if protocol == "ftp":
@@ -78,9 +85,11 @@ def client_by_hand(protocol, file, askpass):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--size", type=octets, default="100M", help="of the configuration (default: 100M)")
+    parser.add_argument("--size", type=octets, default="100M",
+                        help="of the configuration (default: 100M)")
     parser.add_argument("--runs", type=int, default=5, help="transfers of each kind (default: 5)")
-    parser.add_argument("protocols", nargs="*", metavar="PROTOCOL", help="tftp, ftp, sftp or scp (default: the last three)")
+    parser.add_argument("protocols", nargs="*", metavar="PROTOCOL",
+                        help="tftp, ftp, sftp or scp (default: the last three)")
     options = parser.parse_args()
     protocols = options.protocols or ["ftp", "sftp", "scp"]
     if not PROTOCOLS.keys() >= {*protocols}:
@@ -99,7 +108,9 @@ def main():
         askpass.chmod(0o700)
         for _ in range(options.runs):
             for protocol in protocols:
-                for name, transfer in ((f"{protocol} by hand", lambda: client_by_hand(protocol, file, askpass)), (f"{protocol} over SNMP", lambda: copy_over_snmp(protocol))):
+                for name, transfer in ((f"{protocol} by hand",
+                                        lambda: client_by_hand(protocol, file, askpass)),
+                                       (f"{protocol} over SNMP", lambda: copy_over_snmp(protocol))):
                     served.unlink(missing_ok=True)
                     times.setdefault(name, []).append(transfer() * 1000)
                     if served.read_text() != text:
@@ -108,8 +119,12 @@ def main():
     startup.write_bytes(before)
     print_table("ms", dict.fromkeys(times, f"{options.size} octets"), times)
     for protocol in protocols:
-        ours, theirs = statistics.median(times[f"{protocol} over SNMP"]), statistics.median(times[f"{protocol} by hand"])
-        print(f"{protocol}: {ours / theirs:.2f} times the client's own time, {ours - theirs:.0f} ms more")
+        ours, theirs = statistics.median(times[f"{protocol} over SNMP"]), statistics.median(
+            times[f"{protocol} by hand"])
+        print(
+            f"{protocol}: {ours / theirs:.2f} times the client's own time, "
+            f"{ours - theirs:.0f} ms more"
+        )
 
 
 main()

@@ -1,13 +1,15 @@
 #!/usr/bin/python3
-"""Walks ccCopyTable through the stock agent, beside a table of the agent's own, and prints varbinds a second.
+"""Walks ccCopyTable through the stock agent, beside a table of the agent's own, and prints varbinds
+a second.
 
 Run it in the lab: scripts/lab.sh exec -- bench/walk.py [--rows N] [--runs N]
 
-The agent's own table is hrSWInstalledTable of HOST-RESOURCES-MIB: like ccCopyTable it has one integer index and some hundred rows that the
-agent holds in memory. ccCopyTable is walked twice: with as many rows as make it about as large as that table, and with all its rows. The walks
-of a pair run right after each other, the order reversed from pair to pair, so that what else the machine does falls on both. The time is that
-of the whole command, its SNMPv3 discovery included; "one GET" shows how much of it that is.
-"""
+The agent's own table is hrSWInstalledTable of HOST-RESOURCES-MIB: like ccCopyTable it has one
+integer index and some hundred rows that the agent holds in memory. ccCopyTable is walked twice:
+with as many rows as make it about as large as that table, and with all its rows. The walks of a
+pair run right after each other, the order reversed from pair to pair, so that what else the machine
+does falls on both. The time is that of the whole command, its SNMPv3 discovery included; "one GET"
+shows how much of it that is. """
 
 import argparse
 import random
@@ -43,7 +45,8 @@ def walk(agent, table):
 
 
 def measure(agent, rows, reference, pairs):
-    """Walks both tables; `rows` and `reference` are the sizes that they must have, in rows and in varbinds."""
+    """Walks both tables; `rows` and `reference` are the sizes that they must have, in rows and in
+    varbinds."""
     walks = {
         f"ccCopyTable, {rows} rows": (COPY_ENTRY, rows * COLUMNS),
         "hrSWInstalledTable": (INSTALLED, reference),
@@ -63,8 +66,10 @@ def measure(agent, rows, reference, pairs):
 
 
 def main():
-    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("--rows", type=int, default=1000, help="copy requests of the larger table (default %(default)s)")
+    parser = argparse.ArgumentParser(description=__doc__,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--rows", type=int, default=1000,
+                        help="copy requests of the larger table (default %(default)s)")
     parser.add_argument("--runs", type=int, default=9, help="pairs of walks (default %(default)s)")
     options = parser.parse_args()
     agent = lab("LAB_AGENT")
@@ -73,9 +78,13 @@ def main():
     reference = walk(agent, INSTALLED)[1]
     alike = round(reference / COLUMNS)
     if not FEWEST_ROWS <= alike <= options.rows:
-        sys.exit(f"hrSWInstalledTable, with {reference} varbinds, can't be compared with {options.rows} rows of ccCopyTable")
+        sys.exit(
+            f"hrSWInstalledTable, with {reference} varbinds, can't be compared with {options.rows} "
+            "rows of ccCopyTable"
+        )
 
-    # The rows age out after five minutes: the walks must be over by then. A walk that finds another number of varbinds ends the program.
+    # The rows age out after five minutes: the walks must be over by then. A walk that finds another
+    # number of varbinds ends the program.
     indexes = random.sample(range(1, 2**31), options.rows)
     create(agent, indexes[:alike])
     measure(agent, alike, reference, options.runs)

@@ -1,4 +1,5 @@
-"""What runs in the lab: daemons, and the notification receiver. The switches' own are in switch.py, the file server's in file_server.py."""
+"""What runs in the lab: daemons, and the notification receiver. The switches' own are in switch.py,
+the file server's in file_server.py."""
 
 import contextlib
 import os
@@ -44,12 +45,17 @@ def poll(condition, within):
 
 
 class Daemon:
-    """One process, its log, how to see that it works, and with which statuses it may end when it is told to."""
+    """One process, its log, how to see that it works, and with which statuses it may end when it is
+    told to."""
 
-    def __init__(self, name, command, probe, cwd=LAB, environment=(), stdin=subprocess.DEVNULL, stdout=None, ends_with=(0, -signal.SIGTERM)):
-        self.name, self.command, self.probe, self.cwd, self.stdin, self.stdout = name, command, probe, cwd, stdin, stdout
+    def __init__(self, name, command, probe, cwd=LAB, environment=(), stdin=subprocess.DEVNULL,
+                 stdout=None, ends_with=(0, -signal.SIGTERM)):
+        self.name, self.command, self.probe = name, command, probe
+        self.cwd, self.stdin, self.stdout = cwd, stdin, stdout
         self.ends_with = ends_with
-        self.environment = {"PATH": os.environ["PATH"], "LC_ALL": "C.UTF-8", "MIBS": "", **dict(environment)}
+        self.environment = {
+            "PATH": os.environ["PATH"], "LC_ALL": "C.UTF-8", "MIBS": "", **dict(environment)
+        }
         self.log = LOG / f"{name}.log"
         self.process = None
         self.wanted = False  # whether it has to run; its end is a failure then
@@ -57,14 +63,17 @@ class Daemon:
     def spawn(self):
         self.cwd.mkdir(parents=True, exist_ok=True)
         with open(self.log, "ab") as log:
-            self.process = subprocess.Popen(self.command, cwd=self.cwd, env=self.environment, stdin=self.stdin,
-                                            stdout=log if self.stdout is None else self.stdout, stderr=log, start_new_session=True)
+            self.process = subprocess.Popen(self.command, cwd=self.cwd, env=self.environment,
+                                            stdin=self.stdin,
+                                            stdout=log if self.stdout is None else self.stdout,
+                                            stderr=log, start_new_session=True)
 
     def await_ready(self):
         if not poll(lambda: self.ended() or self.probe(), READY_WITHIN):
             raise Failure(f"{self.name} does not answer after {READY_WITHIN} seconds", self)
         if self.ended():
-            raise Failure(f"{self.name} ended with status {self.process.returncode} while starting", self)
+            raise Failure(f"{self.name} ended with status {self.process.returncode} while starting",
+                          self)
         self.wanted = True
 
     def ended(self):
@@ -100,7 +109,8 @@ class Daemon:
         except subprocess.TimeoutExpired:
             process.kill()
             process.wait()
-            raise Failure(f"{self.name} did not end within {STOP_WITHIN} seconds of SIGTERM", self) from None
+            raise Failure(f"{self.name} did not end within {STOP_WITHIN} seconds of SIGTERM",
+                          self) from None
         if status not in self.ends_with:
             raise Failure(f"{self.name} ended with status {status} at SIGTERM", self)
 
@@ -131,14 +141,16 @@ class Daemon:
 
 def succeeds(*words, within=5):
     try:
-        return subprocess.run(words, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, timeout=within).returncode == 0
+        return subprocess.run(words, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                              stderr=subprocess.DEVNULL, timeout=within).returncode == 0
     except subprocess.TimeoutExpired:
         return False
 
 
 def output_of(*words, within=5):
     try:
-        return subprocess.run(words, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, timeout=within, text=True).stdout
+        return subprocess.run(words, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                              stderr=subprocess.DEVNULL, timeout=within, text=True).stdout
     except subprocess.TimeoutExpired:
         return ""
 
@@ -156,10 +168,12 @@ def private_folder_of_size(path, limit, mode=0o755):
 
 
 class Receiver:
-    """The stock notification receiver, and the filter that writes what it prints one line a notification."""
+    """The stock notification receiver, and the filter that writes what it prints one line a
+    notification."""
 
-    # Between the bindings and at the end stand characters that no text can hold unquoted: the receiver prints a text with such as hexadecimal.
-    # The line feed has it write each record out at once.
+    # Between the bindings and at the end stand characters that no text can hold unquoted: the
+    # receiver prints a text with such as hexadecimal. The line feed has it write each record out at
+    # once.
     format = "%y-%02.2m-%02.2l %02.2h:%02.2j:%02.2k\x1f%b\x1f%V\x1f%v\x1e\n"
 
     def daemons(self):
@@ -168,20 +182,28 @@ class Receiver:
         (home / "snmp.conf").write_text("hexOutputLength 0\n")
         TRAPS.touch()
         reading, writing = os.pipe()
-        lines = Daemon("trap-lines", [sys.executable, "-B", SCRIPTS / "trap_lines.py", TRAPS], lambda: True, stdin=reading)
+        lines = Daemon("trap-lines", [sys.executable, "-B", SCRIPTS / "trap_lines.py", TRAPS],
+                       lambda: True, stdin=reading)
         environment = {"SNMPCONFPATH": str(home), "SNMP_PERSISTENT_DIR": str(home / "persistent")}
-        command = [UNPACKED / "root-snmptrapd/usr/sbin/snmptrapd", "-f", "-Lo", "-n", "-On", "-F", self.format, f"udp:{network.SERVER4}:162"]
-        receiver = Daemon("snmptrapd", network.on_server(*command), self._notes, environment=environment, stdout=writing)
+        command = [
+            UNPACKED / "root-snmptrapd/usr/sbin/snmptrapd", "-f", "-Lo", "-n", "-On", "-F",
+            self.format, f"udp:{network.SERVER4}:162"
+        ]
+        receiver = Daemon("snmptrapd", network.on_server(*command), self._notes,
+                          environment=environment, stdout=writing)
         return (lines, receiver), (reading, writing)
 
     @staticmethod
     def _notes():
-        # coldStart (RFC 3418) from the receiver's own host; the agent's notifications come from the switch.
-        succeeds(*network.on_server("snmptrap", "-v2c", "-c", COMMUNITY, network.SERVER4, "", ".1.3.6.1.6.3.1.1.5.1"))
+        # coldStart (RFC 3418) from the receiver's own host; the agent's notifications come from the
+        # switch.
+        succeeds(*network.on_server("snmptrap", "-v2c", "-c", COMMUNITY, network.SERVER4, "",
+                                    ".1.3.6.1.6.3.1.1.5.1"))
         return poll(lambda: TRAPS.stat().st_size > 0, 1)
 
 
 def system_log():
     """Whatever the lab's processes give to the system's log, in LOG/system."""
     file = LOG / "system"
-    return Daemon("system-log", [sys.executable, "-B", SCRIPTS / "system_log.py", file], lambda: file.exists() and Path("/dev/log").exists())
+    return Daemon("system-log", [sys.executable, "-B", SCRIPTS / "system_log.py", file],
+                  lambda: file.exists() and Path("/dev/log").exists())

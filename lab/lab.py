@@ -1,4 +1,5 @@
-"""The lab's command line: builds what is missing, makes the namespaces, and runs supervisor.py as their first process."""
+"""The lab's command line: builds what is missing, makes the namespaces, and runs supervisor.py as
+their first process."""
 
 import argparse
 import json
@@ -16,25 +17,31 @@ LAB_FAILED = 125  # as timeout(1) and env(1) have it: the status of the lab itse
 EPILOGUE = """\
 COMMAND runs as root on the first switch, in the folder where lab.sh was called, and sees:
   LAB_AGENT                the agent's address, as the Net-SNMP tools take it
-  LAB_AGENTS               the agents' addresses, separated by blanks, that of the first switch first
+  LAB_AGENTS               the agents' addresses, separated by blanks, the first switch's first
   LAB_SERVER4, LAB_SERVER6 the file server's addresses
   LAB_SERVER_ROOT          the folder that the servers serve
   LAB_USER, LAB_PASSWORD   the account on the file server
   LAB_STATE                the switch's state directory (running.cfg, system.cfg)
-  LAB_TRAPS                received notifications, one per line: time, sender, bindings, separated by tabs, OIDs numeric
-  LAB_LOG                  the folder with the logs of every daemon; `system` is the system's log, syslog(3)
-`snmpget $LAB_AGENT OID` works without options, over SNMPv3 authPriv; the community `lab` (-v2c -c lab) may read and write, too.
+  LAB_TRAPS                received notifications, one per line: time, sender, bindings, separated
+                           by tabs, OIDs numeric
+  LAB_LOG                  the folder with the logs of every daemon; `system` is the system's log,
+                           syslog(3)
+`snmpget $LAB_AGENT OID` works without options, over SNMPv3 authPriv; the community `lab`
+(-v2c -c lab) may read and write, too.
 
-In the lab, `lab-ctl` stops, starts and signals agents and system managers, cuts cables and runs commands on other switches and on the file
-server's host: `lab-ctl help`.
+In the lab, `lab-ctl` stops, starts and signals agents and system managers, cuts cables and runs
+commands on other switches and on the file server's host: `lab-ctl help`.
 
-With --switches the switches form one fabric: the settings of each one name all others, and the SNMPv3 user with which their system managers
-reach each other. They differ only by options that affect one switch. The state of switch N is in /lab/switchN/disk/state.
+With --switches the switches form one fabric: the settings of each one name all others, and the
+SNMPv3 user with which their system managers reach each other. They differ only by options that
+affect one switch. The state of switch N is in /lab/switchN/disk/state.
 
-/tmp, /run, /etc, /var/log, /var/lib/snmp and /dev/shm belong to the lab and vanish with it; all other folders are the machine's. To keep a
-file, write it to the folder where lab.sh was called or to the repository.
+/tmp, /run, /etc, /var/log, /var/lib/snmp and /dev/shm belong to the lab and vanish with it; all
+other folders are the machine's. To keep a file, write it to the folder where lab.sh was called or
+to the repository.
 
-lab.sh exits with COMMAND's status, 128 + N when signal N ended it, and 125 when the lab itself failed.
+lab.sh exits with COMMAND's status, 128 + N when signal N ended it, and 125 when the lab itself
+failed.
 """
 
 
@@ -72,7 +79,8 @@ def switch_size(text):
 
 def vrf_name(text):
     if not text.isalnum() or text == "server" or text.startswith("switch"):
-        raise argparse.ArgumentTypeError(f"{text} is not letters and digits, or the lab uses it itself")
+        raise argparse.ArgumentTypeError(
+            f"{text} is not letters and digits, or the lab uses it itself")
     return text
 
 
@@ -83,37 +91,52 @@ def parse(arguments):
         before, separator, command = arguments[:at], "--", arguments[at + 1 :]
     parser = argparse.ArgumentParser(
         prog="scripts/lab.sh",
-        usage="scripts/lab.sh exec [OPTIONS] -- COMMAND…  |  scripts/lab.sh shell [OPTIONS]  |  scripts/lab.sh help",
-        description="Creates switches and their file server in namespaces of this machine, runs COMMAND there and removes everything again. "
-                    "Needs root or sudo.",
-        epilog=EPILOGUE,
-        formatter_class=argparse.RawDescriptionHelpFormatter,
-        allow_abbrev=False,
-        add_help=False,
-    )
+        usage="scripts/lab.sh exec [OPTIONS] -- COMMAND…  |  scripts/lab.sh shell [OPTIONS]  |  "
+              "scripts/lab.sh help",
+        description="Creates switches and their file server in namespaces of this machine, runs "
+                    "COMMAND there and removes everything again. Needs root or sudo.",
+        epilog=EPILOGUE, formatter_class=argparse.RawDescriptionHelpFormatter,
+        allow_abbrev=False, add_help=False)
     parser.add_argument("action", choices=("exec", "shell", "help"), help=argparse.SUPPRESS)
-    parser.add_argument("--build-dir", metavar="DIR", type=Path, default=REPOSITORY / "build" / "release",
+    parser.add_argument("--build-dir", metavar="DIR", type=Path,
+                        default=REPOSITORY / "build" / "release",
                         help="the build to run, which is updated first (default: build/release)")
     parser.add_argument("--no-build", action="store_true", help="do not update the build")
     parser.add_argument("--no-module", action="store_true", help="run the agent without the module")
-    parser.add_argument("--tftp-server", choices=("atftpd", "hpa"), default="atftpd",
-                        help="which TFTP server: atftpd (default) supports windowsize, hpa does not")
-    parser.add_argument("--switches", metavar="N", type=within(int, 1, 16), default=1, help="how many switches (default: 1)")
-    parser.add_argument("--delay", metavar="MS", type=within(float, 0, 60000), default=0,
-                        help="delay of the link between the first switch and the server, each way, in milliseconds")
-    parser.add_argument("--loss", metavar="PERCENT", type=within(float, 0, 100), default=0, help="share of the frames that the link loses, each way")
-    parser.add_argument("--rate", metavar="KBIT", type=within(float, 0, 1e9), default=0, help="speed of the link, each way, in kbit/s")
-    parser.add_argument("--cut-after", metavar="BYTES", type=within(int, 1, 2**63), help="cut the link after so many octets")
-    parser.add_argument("--seed", metavar="N", type=within(int, 0, 2**32 - 1), default=1, help="choose which frames are lost (default: 1)")
-    parser.add_argument("--vrf", metavar="NAME", type=vrf_name, help="only this VRF of the first switch, a network namespace, reaches the file server; "
-                        "NAME is also an SNMP context")
+    parser.add_argument(
+        "--tftp-server", choices=("atftpd", "hpa"), default="atftpd",
+        help="which TFTP server: atftpd (default) supports windowsize, hpa does not")
+    parser.add_argument("--switches", metavar="N", type=within(int, 1, 16), default=1,
+                        help="how many switches (default: 1)")
+    parser.add_argument(
+        "--delay", metavar="MS", type=within(float, 0, 60000), default=0,
+        help="delay of the link between the first switch and the server, each way, in milliseconds")
+    parser.add_argument("--loss", metavar="PERCENT", type=within(float, 0, 100), default=0,
+                        help="share of the frames that the link loses, each way")
+    parser.add_argument("--rate", metavar="KBIT", type=within(float, 0, 1e9), default=0,
+                        help="speed of the link, each way, in kbit/s")
+    parser.add_argument("--cut-after", metavar="BYTES", type=within(int, 1, 2**63),
+                        help="cut the link after so many octets")
+    parser.add_argument("--seed", metavar="N", type=within(int, 0, 2**32 - 1), default=1,
+                        help="choose which frames are lost (default: 1)")
+    parser.add_argument(
+        "--vrf", metavar="NAME", type=vrf_name,
+        help="only this VRF of the first switch, a network namespace, reaches the file server; "
+        "NAME is also an SNMP context")
     parser.add_argument("--chassis-type", metavar="N", type=int, help="the switches' chassis type")
-    parser.add_argument("--small-disk", metavar="SIZE", type=first_switch_size, action="append", dest="small_disks", default=[],
-                        help="size of the first switch's state and working directory, for example 256k")
-    parser.add_argument("--small-disk-of", metavar="N=SIZE", type=switch_size, action="append", dest="small_disks", help="the same for switch N")
-    parser.add_argument("--server-disk", metavar="SIZE", type=size, help="size of the file server's folder")
-    parser.add_argument("--faketime", metavar="SPEC", help="the agents' clock, as faketime takes it, for example +0; lab-ctl agent-clock moves it later")
-    parser.add_argument("--keep-logs", metavar="DIR", type=Path, help="copy the daemons' logs and the notifications to DIR at the end")
+    parser.add_argument(
+        "--small-disk", metavar="SIZE", type=first_switch_size, action="append", dest="small_disks",
+        default=[], help="size of the first switch's state and working directory, for example 256k")
+    parser.add_argument("--small-disk-of", metavar="N=SIZE", type=switch_size, action="append",
+                        dest="small_disks", help="the same for switch N")
+    parser.add_argument("--server-disk", metavar="SIZE", type=size,
+                        help="size of the file server's folder")
+    parser.add_argument(
+        "--faketime", metavar="SPEC",
+        help="the agents' clock, as faketime takes it, for example +0; lab-ctl agent-clock moves "
+             "it later")
+    parser.add_argument("--keep-logs", metavar="DIR", type=Path,
+                        help="copy the daemons' logs and the notifications to DIR at the end")
     options = parser.parse_args(before)
     if options.action == "help":
         parser.print_help()
@@ -137,10 +160,13 @@ def build(directory):
         if directory.parent != REPOSITORY / "build":
             fail(f"{directory} is no build: configure it first")
         steps.append(("configuring", ["cmake", "--preset", directory.name]))
-    steps.append((f"building in {directory}", ["cmake", "--build", str(directory), "--target", "lab"]))
+    steps.append(
+        (f"building in {directory}", ["cmake", "--build",
+                                      str(directory), "--target", "lab"]))
     for text, command in steps:
         # Programs of the switch may run as any user.
-        done = subprocess.run([REPOSITORY / "scripts" / "progress.sh", text, *command], cwd=REPOSITORY, stdout=sys.stderr, umask=0o022)
+        done = subprocess.run([REPOSITORY / "scripts" / "progress.sh", text, *command],
+                              cwd=REPOSITORY, stdout=sys.stderr, umask=0o022)
         if done.returncode != 0:
             sys.exit(LAB_FAILED)
 
@@ -164,11 +190,19 @@ def main():
     if not options.no_build:
         build(options.build_dir)
     become_root(options)
-    orders = {name: str(value) if isinstance(value, Path) else value for name, value in vars(options).items()}
+    orders = {
+        name: str(value) if isinstance(value, Path) else value
+        for name, value in vars(options).items()
+    }
     orders |= {"repository": str(REPOSITORY), "directory": os.getcwd(), "command": command}
-    # Whatever ends this process, the kernel ends unshare with it and then every process of the lab; mounts and devices go with the last one.
-    namespaces = ["--mount", "--propagation", "unchanged", "--pid", "--fork", "--kill-child=KILL", "--net", "--ipc", "--uts"]
-    # An interrupt from the terminal reaches COMMAND by itself; who waits for it stays. (A handler, as an ignored signal would be inherited.)
+    # Whatever ends this process, the kernel ends unshare with it and then every process of the lab;
+    # mounts and devices go with the last one.
+    namespaces = [
+        "--mount", "--propagation", "unchanged", "--pid", "--fork", "--kill-child=KILL", "--net",
+        "--ipc", "--uts"
+    ]
+    # An interrupt from the terminal reaches COMMAND by itself; who waits for it stays. (A handler,
+    # as an ignored signal would be inherited.)
     signal.signal(signal.SIGINT, lambda number, frame: None)
     lab = subprocess.run(["setpriv", "--pdeathsig", "KILL", "unshare", *namespaces,
                           sys.executable, "-B", str(HERE / "supervisor.py"), json.dumps(orders)])

@@ -1,12 +1,15 @@
-"""The lab's network: each switch in a network namespace, the file server in another, joined by a bridge on the server's side.
+"""The lab's network: each switch in a network namespace, the file server in another, joined by a
+bridge on the server's side.
 
-COMMAND and the first switch are in the lab's main namespace; the others are named as for ip-netns: switch2, switch3 … and `server`."""
+COMMAND and the first switch are in the lab's main namespace; the others are named as for ip-netns:
+switch2, switch3 … and `server`."""
 
 import subprocess
 from pathlib import Path
 
 SERVER4, SERVER6 = "192.0.2.20", "2001:db8::20"
-IN_VRF4, IN_VRF6 = "203.0.113.20", "2001:db8:f::20"  # the server's addresses where it is reached within a VRF only
+# The server's addresses where it is reached within a VRF only.
+IN_VRF4, IN_VRF6 = "203.0.113.20", "2001:db8:f::20"
 SERVER = "server"
 DEVICE = "mgmt0"  # each switch's end of its link
 TUN = Path("/lab/tun")
@@ -48,10 +51,12 @@ def make_server():
 
 
 def make_vrf(name):
-    """A VRF of the first switch, as a namespace of that name. Its device vrf0 leads to a network of the server's that nothing else reaches."""
+    """A VRF of the first switch, as a namespace of that name. Its device vrf0 leads to a network of
+    the server's that nothing else reaches."""
     run("ip", "netns", "add", name)
     prepare_namespace(lambda *words: in_namespace(name, *words))
-    run("ip", "-n", name, "link", "add", "vrf0", "type", "veth", "peer", "name", port_name("vrf"), "netns", SERVER)
+    run("ip", "-n", name, "link", "add", "vrf0", "type", "veth", "peer", "name", port_name("vrf"),
+        "netns", SERVER)
     run("ip", "-n", SERVER, "link", "set", port_name("vrf"), "master", "br0", "up")
     run("ip", "-n", name, "link", "set", "vrf0", "up")
     for address in (f"{IN_VRF4}/24", f"{IN_VRF6}/64"):
@@ -70,18 +75,23 @@ def make_switch(number):
 
 
 def prepare_namespace(within):
-    # Nobody else is on these links: waiting for another owner of an address would only cost seconds.
-    run(*within("sh", "-c", "for kind in all default; do echo 0 > /proc/sys/net/ipv6/conf/$kind/accept_dad; done"))
+    # Nobody else is on these links: waiting for another owner of an address would only cost
+    # seconds.
+    run(*within(
+        "sh", "-c",
+        "for kind in all default; do echo 0 > /proc/sys/net/ipv6/conf/$kind/accept_dad; done"))
     run(*within("ip", "link", "set", "lo", "up"))
 
 
 def connect_switch(number, relayed):
-    """Joins the switch's device to the server's bridge. With a relay both ends are there already."""
+    """Joins the switch's device to the server's bridge. With a relay both ends are there
+    already."""
     port = port_name(number)
     if relayed:
         run("ip", "link", "set", port, "netns", SERVER)
     else:
-        run(*on_switch(number, "ip", "link", "add", DEVICE, "type", "veth", "peer", "name", port, "netns", SERVER))
+        run(*on_switch(number, "ip", "link", "add", DEVICE, "type", "veth", "peer", "name", port,
+                       "netns", SERVER))
     run("ip", "-n", SERVER, "link", "set", port, "master", "br0")
     run("ip", "-n", SERVER, "link", "set", port, "txqueuelen", "10000", "up")
     run(*on_switch(number, "ip", "link", "set", DEVICE, "txqueuelen", "10000", "up"))
@@ -95,8 +105,12 @@ def port_name(number):
 
 
 def relay_command(program, options, number):
-    words = [program, "--tun", str(TUN), "--left", DEVICE, "--right", port_name(number), "--delay", options["delay"], "--loss", options["loss"],
-             "--seed", options["seed"]]
+    words = [
+        program, "--tun",
+        str(TUN), "--left", DEVICE, "--right",
+        port_name(number), "--delay", options["delay"], "--loss", options["loss"], "--seed",
+        options["seed"]
+    ]
     if options["rate"]:
         words += ["--rate", options["rate"]]
     if options["cut_after"]:
@@ -109,10 +123,12 @@ def wants_relay(options):
 
 
 def settled(number):
-    """Whether both ends are up and their IPv6 addresses may be used: a bridge takes a moment to see its first port."""
+    """Whether both ends are up and their IPv6 addresses may be used: a bridge takes a moment to see
+    its first port."""
 
     def tentative(*namespaced):
         return subprocess.run(namespaced, check=True, stdout=subprocess.PIPE).stdout
 
     show = ("ip", "-6", "address", "show", "tentative", "dev")
-    return not tentative(*on_switch(number, *show, DEVICE)) and not tentative(*on_server(*show, "br0"))
+    return not tentative(*on_switch(number, *show, DEVICE)) and not tentative(
+        *on_server(*show, "br0"))

@@ -1,4 +1,5 @@
-"""on_socket.py ADDRESS PORT USER COMMAND…: runs COMMAND as USER with a UDP socket bound there as its standard input, as inetd does."""
+"""on_socket.py ADDRESS PORT USER COMMAND…: runs COMMAND as USER with a UDP socket bound there as
+its standard input, as inetd does."""
 
 import os
 import pwd

@@ -1,4 +1,5 @@
-"""A root directory of the lab's own, made of the machine's folders and of private ones, in a mount namespace of its own."""
+"""A root directory of the lab's own, made of the machine's folders and of private ones, in a mount
+namespace of its own."""
 
 import ctypes
 import os
@@ -10,7 +11,8 @@ MS_NOSUID, MS_NODEV, MS_NOEXEC = 2, 4, 8
 MS_BIND, MS_REC, MS_PRIVATE, MS_SLAVE = 1 << 12, 1 << 14, 1 << 18, 1 << 19
 
 # What the lab has for itself. All else is the machine's.
-PRIVATE = ("/tmp", "/run", "/etc", "/var/tmp", "/var/log", "/var/lib/snmp", "/var/lib/ulmo", "/lab", "/ulmo", "/proc", "/sys", "/dev/log")
+PRIVATE = ("/tmp", "/run", "/etc", "/var/tmp", "/var/log", "/var/lib/snmp", "/var/lib/ulmo", "/lab",
+           "/ulmo", "/proc", "/sys", "/dev/log")
 
 _libc = ctypes.CDLL(None, use_errno=True)
 
@@ -23,7 +25,8 @@ def mount(source, target, kind=None, flags=0, data=None):
 
 
 def _bind(source, target):
-    """Shows `source` at `target`. What is mounted in it later on the machine appears here too, but nothing that is mounted here appears there."""
+    """Shows `source` at `target`. What is mounted in it later on the machine appears here too, but
+    nothing that is mounted here appears there."""
     mount(source, target, flags=MS_BIND | MS_REC)
     mount(None, target, flags=MS_SLAVE | MS_REC)
 
@@ -54,10 +57,11 @@ def _assemble(source, target):
 
 
 def enter(visible, shown):
-    """Goes there. The folders `visible` are seen even where they lie in a private folder. `shown` tells which
-    folders are seen under a second name as well, where every user may reach them."""
-    # Made on top of /proc: it is a mount point on every machine and in every chroot, and once it is private nothing mounted there is seen
-    # outside. A root that is only a folder of a shared mount, as in a chroot, offers no other such place.
+    """Goes there. The folders `visible` are seen even where they lie in a private folder. `shown`
+    tells which folders are seen under a second name as well, where every user may reach them."""
+    # Made on top of /proc: it is a mount point on every machine and in every chroot, and once it is
+    # private nothing mounted there is seen outside. A root that is only a folder of a shared mount,
+    # as in a chroot, offers no other such place.
     top = Path("/proc")
     try:
         mount(None, top, flags=MS_PRIVATE)
@@ -66,13 +70,15 @@ def enter(visible, shown):
     mount("lab", top, "tmpfs", data="mode=755")
 
     _assemble(Path("/"), top)
-    for folder, mode in (("tmp", 0o1777), ("run", 0o755), ("var/tmp", 0o1777), ("var/log", 0o755), ("etc", 0o755), ("proc", 0o755), ("sys", 0o755),
-                         ("lab", 0o755), ("ulmo", 0o755), ("run/netns", 0o755), ("var/lib/snmp", 0o755)):
+    for folder, mode in (("tmp", 0o1777), ("run", 0o755), ("var/tmp", 0o1777), ("var/log", 0o755),
+                         ("etc", 0o755), ("proc", 0o755), ("sys", 0o755), ("lab", 0o755),
+                         ("ulmo", 0o755), ("run/netns", 0o755), ("var/lib/snmp", 0o755)):
         (top / folder).mkdir(parents=True)
         (top / folder).chmod(mode)
     subprocess.run(["cp", "-a", "/etc/.", str(top / "etc")], check=True)
     mount("sysfs", top / "sys", "sysfs", MS_NOSUID | MS_NODEV | MS_NOEXEC)
-    # The kernel looks for the terminals beside the device, and that is where the machine's are no longer.
+    # The kernel looks for the terminals beside the device, and that is where the machine's are no
+    # longer.
     (top / "dev/ptmx").symlink_to("pts/ptmx")
     if (top / "dev/shm").is_dir():
         mount("shm", top / "dev/shm", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777")

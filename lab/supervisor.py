@@ -1,4 +1,5 @@
-"""The first process of the lab's namespaces: sets the lab up, runs COMMAND, serves lab-ctl and tells how it went."""
+"""The first process of the lab's namespaces: sets the lab up, runs COMMAND, serves lab-ctl and
+tells how it went."""
 
 import json
 import os
@@ -12,7 +13,10 @@ from pathlib import Path
 
 import network
 import private_root
-from daemons import BUILD, LAB, LOG, SCRIPTS, SERVER_ROOT, TRAPS, UNPACKED, USER, Daemon, Failure, Receiver, folder, poll, system_log
+from daemons import (
+    BUILD, LAB, LOG, SCRIPTS, SERVER_ROOT, TRAPS, UNPACKED, USER, Daemon, Failure, Receiver, folder,
+    poll, system_log,
+)
 from file_server import FileServer
 from switch import AUTHENTICATION, OPERATOR, PRIVACY, Switch, environment
 
@@ -21,7 +25,8 @@ SHOWN_LINES = 40
 RELAYED = 1  # the switch whose link may be slow and lossy
 
 
-# What lab-ctl may ask for: which daemon of the switch, or the file server's daemons of one kind, and what is done to them.
+# What lab-ctl may ask for: which daemon of the switch, or the file server's daemons of one kind,
+# and what is done to them.
 COMMANDS = {
     "agent-pid": ("agent", Daemon.pid),
     "stop-agent": ("agent", Daemon.stop),
@@ -34,7 +39,9 @@ COMMANDS = {
     "start-system-manager": ("system_manager", Daemon.start),
     "restart-system-manager": ("system_manager", Daemon.restart),
 }
-SERVER_COMMANDS = {"stop-server": Daemon.stop, "kill-server": Daemon.kill_family, "start-server": Daemon.start}
+SERVER_COMMANDS = {
+    "stop-server": Daemon.stop, "kill-server": Daemon.kill_family, "start-server": Daemon.start
+}
 
 
 class Lab:
@@ -48,9 +55,11 @@ class Lab:
 
     def set_up(self):
         os.umask(0o022)
-        repository, build, directory = (Path(self.orders[name]) for name in ("repository", "build_dir", "directory"))
-        private_root.enter([repository, build, directory],
-                           {UNPACKED: repository / "build" / "lab", BUILD: build, SCRIPTS: repository / "lab"})
+        repository, build, directory = (Path(self.orders[name])
+                                        for name in ("repository", "build_dir", "directory"))
+        private_root.enter(
+            [repository, build, directory],
+            {UNPACKED: repository / "build" / "lab", BUILD: build, SCRIPTS: repository / "lab"})
         socket.sethostname("lab-switch")
         for path in (LOG, LAB / "bin", LAB / "manager", Path("/ulmo/bin")):
             folder(path)
@@ -74,7 +83,10 @@ class Lab:
         self._start(*(switch.agent for switch in self.switches))
 
     def _describe_manager(self):
-        os.environ |= {"SNMPCONFPATH": str(LAB / "manager"), "SNMP_PERSISTENT_DIR": str(LAB / "manager" / "persistent")}
+        os.environ |= {
+            "SNMPCONFPATH": str(LAB / "manager"),
+            "SNMP_PERSISTENT_DIR": str(LAB / "manager" / "persistent")
+        }
         os.environ["PATH"] = f"{LAB}/bin:/ulmo/bin:{os.environ['PATH']}:/usr/sbin:/sbin"
         (LAB / "manager" / "snmp.conf").write_text(
             "mibs :\nhexOutputLength 0\ndefVersion 3\ndefSecurityLevel authPriv\n"
@@ -86,16 +98,20 @@ class Lab:
             network.make_switch(switch.number)
         relayed = network.wants_relay(self.orders)
         if relayed:
-            # The device's number is fixed (Documentation/admin-guide/devices.txt); a chroot may have no /dev/net.
+            # The device's number is fixed (Documentation/admin-guide/devices.txt); a chroot may
+            # have no /dev/net.
             os.mknod(network.TUN, 0o600 | 0o020000, os.makedev(10, 200))
             command = network.relay_command(BUILD / "bin" / "link_relay", self.orders, RELAYED)
             ends = (network.DEVICE, network.port_name(RELAYED))
-            self._start(Daemon("link_relay", command, lambda: all(Path(f"/sys/class/net/{name}").exists() for name in ends)))
+            self._start(
+                Daemon("link_relay", command,
+                       lambda: all(Path(f"/sys/class/net/{name}").exists() for name in ends)))
         for switch in self.switches:
             network.connect_switch(switch.number, relayed and switch.number == RELAYED)
         for switch in self.switches:
             if not poll(lambda: network.settled(switch.number), 10):
-                raise Failure(f"the link between switch {switch.number} and server does not come up")
+                raise Failure(
+                    f"the link between switch {switch.number} and server does not come up")
 
     def _start_receiver(self):
         daemons, pipe = Receiver().daemons()
@@ -146,12 +162,17 @@ class Lab:
 
     def environment(self):
         first, agents = self.switches[0], " ".join(switch.address4 for switch in self.switches)
-        return {**os.environ, **environment(first.number), "LAB_AGENT": first.address4, "LAB_AGENTS": agents, "LAB_SERVER4": self.server.addresses[4],
-                "LAB_SERVER6": self.server.addresses[6], "LAB_SERVER_ROOT": str(SERVER_ROOT), "LAB_USER": USER, "LAB_PASSWORD": self.server.account.password,
-                "LAB_STATE": str(first.state), "LAB_TRAPS": str(TRAPS), "LAB_LOG": str(LOG)}
+        return {
+            **os.environ, **environment(first.number), "LAB_AGENT": first.address4,
+            "LAB_AGENTS": agents, "LAB_SERVER4": self.server.addresses[4],
+            "LAB_SERVER6": self.server.addresses[6], "LAB_SERVER_ROOT": str(SERVER_ROOT),
+            "LAB_USER": USER, "LAB_PASSWORD": self.server.account.password, "LAB_STATE": str(
+                first.state), "LAB_TRAPS": str(TRAPS), "LAB_LOG": str(LOG)
+        }
 
     def run_command(self):
-        """Runs COMMAND to its end and returns its status; a daemon that ends meanwhile is a Failure."""
+        """Runs COMMAND to its end and returns its status; a daemon that ends meanwhile is a
+        Failure."""
         directory = self.orders["directory"]
         control = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
         control.bind(str(LAB / "control"))
@@ -163,7 +184,8 @@ class Lab:
         signal.signal(signal.SIGINT, lambda number, frame: None)  # COMMAND's business
         signal.set_wakeup_fd(wake_write)
         try:
-            command = subprocess.Popen(self.orders["command"], env=self.environment(), cwd=directory if os.path.isdir(directory) else "/")
+            command = subprocess.Popen(self.orders["command"], env=self.environment(),
+                                       cwd=directory if os.path.isdir(directory) else "/")
         except OSError as error:
             raise Failure(f"cannot run {self.orders['command'][0]}: {error.strerror}") from None
         with selectors.DefaultSelector() as selector:
@@ -172,7 +194,8 @@ class Lab:
             while True:
                 self._reap(command)
                 if command.returncode is not None:
-                    return command.returncode if command.returncode >= 0 else 128 - command.returncode
+                    status = command.returncode
+                    return status if status >= 0 else 128 - status
                 self._check_daemons()
                 for key, _ in selector.select():
                     if key.fileobj is control:
@@ -181,8 +204,13 @@ class Lab:
                         os.read(wake_read, 4096)
 
     def _reap(self, command):
-        """Collects ended children: our own through their objects, and those that lost their parent."""
-        ours = {process.pid: process for process in (command, *(daemon.process for daemon in self.daemons)) if process is not None}
+        """Collects ended children: our own through their objects, and those that lost their
+        parent."""
+        ours = {
+            process.pid: process
+            for process in (command, *(daemon.process for daemon in self.daemons))
+            if process is not None
+        }
         while True:
             try:
                 ended = os.waitid(os.P_ALL, 0, os.WEXITED | os.WNOHANG | os.WNOWAIT)
@@ -199,19 +227,26 @@ class Lab:
         for daemon in self.daemons:
             if daemon.wanted and daemon.ended():
                 status = daemon.process.returncode
-                raise Failure(f"{daemon.name} ended {f'by signal {-status}' if status < 0 else f'with status {status}'}", daemon)
+                raise Failure(
+                    f"{daemon.name} ended "
+                    f"{f'by signal {-status}' if status < 0 else f'with status {status}'}",
+                    daemon)
 
     def _serve(self, connection):
         with connection:
             try:
-                answer = {"status": 0, "text": str(self.control(*json.loads(connection.makefile().readline())) or "")}
+                answer = {
+                    "status": 0,
+                    "text": str(self.control(*json.loads(connection.makefile().readline())) or "")
+                }
             except Failure as failure:
                 answer = {"status": 1, "text": str(failure)}
             connection.sendall(json.dumps(answer).encode() + b"\n")
 
     def stop_switches(self):
         """The agents first, which ask the system managers."""
-        for daemon in (*(switch.agent for switch in self.switches), *(switch.system_manager for switch in self.switches)):
+        for daemon in (*(switch.agent for switch in self.switches), *(switch.system_manager
+                                                                      for switch in self.switches)):
             if daemon.wanted:
                 daemon.stop()
 

@@ -6,7 +6,10 @@ import subprocess
 from pathlib import Path
 
 import network
-from daemons import BUILD, COMMUNITY, LAB, UNPACKED, Daemon, Failure, folder, output_of, private_folder_of_size, succeeds
+from daemons import (
+    BUILD, COMMUNITY, LAB, UNPACKED, Daemon, Failure, folder, output_of, private_folder_of_size,
+    succeeds,
+)
 
 OPERATOR = "operator"  # the manager's SNMPv3 user
 AUTHENTICATION, PRIVACY = "lab-authentication", "lab-privacy-key"
@@ -21,8 +24,10 @@ def home(number):
 
 def environment(number):
     """What tells the platform's programs that they run on this switch."""
-    return {"ULMO_STATE_DIR": str(home(number) / "disk" / "state"), "ULMO_RUN_DIR": str(home(number) / "run"),
-            "ULMO_CONF": str(home(number) / "platform.conf")}
+    return {
+        "ULMO_STATE_DIR": str(home(number) / "disk" / "state"),
+        "ULMO_RUN_DIR": str(home(number) / "run"), "ULMO_CONF": str(home(number) / "platform.conf")
+    }
 
 
 def wwn(number):
@@ -50,16 +55,20 @@ class Switch:
         self._write_agent_settings()
         self.set_clock(self.options["faketime"] or "+0")
         self.agent = self._agent()
-        self.system_manager = Daemon(f"wardend{self.number}", network.on_switch(self.number, "/ulmo/bin/wardend"), self._system_manager_listens,
+        self.system_manager = Daemon(f"wardend{self.number}",
+                                     network.on_switch(self.number, "/ulmo/bin/wardend"),
+                                     self._system_manager_listens,
                                      environment=environment(self.number), ends_with=(0,))
 
     def seed(self):
-        """Gives the switch a configuration that looks like one, through its own command line; before the system manager runs, which would
-        tell of the save later."""
+        """Gives the switch a configuration that looks like one, through its own command line;
+        before the system manager runs, which would tell of the save later."""
         text = self.home / "first.cfg"
         text.write_text(FIRST_CONFIGURATION.format(address=self.address4))
         for command in (f"configure {text}", "copy running-config startup-config"):
-            done = subprocess.run(["/ulmo/bin/cmdshell", "-c", command], env={**os.environ, **environment(self.number)}, stdin=subprocess.DEVNULL,
+            done = subprocess.run(["/ulmo/bin/cmdshell", "-c", command],
+                                  env={**os.environ,
+                                       **environment(self.number)}, stdin=subprocess.DEVNULL,
                                   stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
             if done.returncode != 0:
                 raise Failure(f"cmdshell -c '{command}' failed: {done.stdout}")
@@ -72,19 +81,28 @@ class Switch:
 
     def _write_settings(self):
         # Tests look into the course of things.
-        lines = [f"management_interface = {network.DEVICE}", f"wwn = {wwn(self.number)}", "history = all"]
+        lines = [
+            f"management_interface = {network.DEVICE}", f"wwn = {wwn(self.number)}", "history = all"
+        ]
         if self.options["chassis_type"] is not None:
             lines.append(f"chassis_type = {self.options['chassis_type']}")
         if self.options["vrf"]:
             lines.append(f"vrf_context = {self.options['vrf']}")
-        others = [number for number in range(1, self.options["switches"] + 1) if number != self.number]
+        others = [
+            number for number in range(1, self.options["switches"] + 1) if number != self.number
+        ]
         for other in others:
             address4, address6 = network.switch_addresses(other)
             # Some by one family and some by the other, so that both are in use.
-            lines.append(f"fabric_member = {wwn(other)} {address6 if other % 2 == 1 and other > 1 else address4}")
+            lines.append(
+                f"fabric_member = {wwn(other)} "
+                f"{address6 if other % 2 == 1 and other > 1 else address4}"
+            )
         if others:
-            lines += [f"fabric_user = {FABRIC_USER}", f"fabric_auth_passphrase = {FABRIC_AUTHENTICATION}",
-                      f"fabric_priv_passphrase = {FABRIC_PRIVACY}"]
+            lines += [
+                f"fabric_user = {FABRIC_USER}", f"fabric_auth_passphrase = {FABRIC_AUTHENTICATION}",
+                f"fabric_priv_passphrase = {FABRIC_PRIVACY}"
+            ]
         file = self.home / "platform.conf"
         file.touch(0o600)
         file.write_text("\n".join(lines) + "\n")
@@ -122,22 +140,34 @@ class Switch:
         (self.home / "agent" / "snmpd.conf").write_text("\n".join(lines) + "\n")
 
     def _agent(self):
-        settings = {"SNMPCONFPATH": str(self.home / "agent"), "SNMP_PERSISTENT_DIR": str(self.home / "agent-persistent"), **environment(self.number)}
+        settings = {
+            "SNMPCONFPATH": str(self.home / "agent"),
+            "SNMP_PERSISTENT_DIR": str(self.home / "agent-persistent"), **environment(self.number)
+        }
         if self.options["faketime"]:
             library = next(Path("/usr/lib").glob("*/faketime/libfaketime.so.1"), None)
             if library is None:
-                raise Failure("--faketime needs the package faketime: scripts/install-packages.sh installs it")
-            settings |= {"LD_PRELOAD": str(library), "FAKETIME_TIMESTAMP_FILE": str(self.clock), "FAKETIME_NO_CACHE": "1"}
-        command = network.on_switch(self.number, UNPACKED / "root-snmpd/usr/sbin/snmpd", "-f", "-Le", "-I", "-smux,mteTrigger,mteTriggerConf")
-        return Daemon(f"snmpd{self.number}", command, self._agent_answers, cwd=self.work, environment=settings)
+                raise Failure(
+                    "--faketime needs the package faketime: scripts/install-packages.sh installs it"
+                )
+            settings |= {
+                "LD_PRELOAD": str(library), "FAKETIME_TIMESTAMP_FILE": str(self.clock),
+                "FAKETIME_NO_CACHE": "1"
+            }
+        command = network.on_switch(self.number, UNPACKED / "root-snmpd/usr/sbin/snmpd", "-f",
+                                    "-Le", "-I", "-smux,mteTrigger,mteTriggerConf")
+        return Daemon(f"snmpd{self.number}", command, self._agent_answers, cwd=self.work,
+                      environment=settings)
 
     def _agent_answers(self):
         # A request that comes before the agent listens is lost: better to ask again soon.
         once = ("-r0", "-t0.3", "-On", "-Oqv", self.address4)
         if not succeeds("snmpget", *once, ".1.3.6.1.2.1.1.3.0"):
             return False
-        # The agent only logs a module that it can't load; its table of modules tells (dlmodStatus 1: loaded).
-        return self.options["no_module"] or output_of("snmpwalk", *once, ".1.3.6.1.4.1.2021.13.14.2.1.5").strip() == "1"
+        # The agent only logs a module that it can't load; its table of modules tells (dlmodStatus
+        # 1: loaded).
+        return self.options["no_module"] or output_of(
+            "snmpwalk", *once, ".1.3.6.1.4.1.2021.13.14.2.1.5").strip() == "1"
 
     def _system_manager_listens(self):
         with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as connection:

@@ -1,4 +1,5 @@
-"""Reads the notification receiver's records from standard input and appends each as one line: fields parted by tabs, control characters of texts escaped."""
+"""Reads the notification receiver's records from standard input and appends each as one line:
+fields parted by tabs, control characters of texts escaped."""
 
 import os
 import re
@@ -6,7 +7,8 @@ import sys
 
 
 def line(record):
-    fields = (re.sub(rb"[\x00-\x1e\\]", lambda match: b"\\x%02x" % match[0][0], field.strip(b"\n")) for field in record.split(b"\x1f"))
+    fields = (re.sub(rb"[\x00-\x1e\\]", lambda match: b"\\x%02x" % match[0][0], field.strip(b"\n"))
+              for field in record.split(b"\x1f"))
     return b"\t".join(fields) + b"\n"
 
 

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Builds everything and passes all tests: formatting, shellcheck, warnings of two compilers, clang-tidy, unit tests under sanitizers
-# and as the release build makes them, the MIB module, the documentation against the sources, fuzzers for a few seconds
-# each, and the system tests in the lab. Installs what it needs, and tells how far it is. Ends with "N passed, N failed".
+# Builds everything and passes all tests: formatting, shellcheck and flake8, warnings of two
+# compilers, clang-tidy, unit tests under sanitizers and as the release build makes them, the MIB
+# module, the documentation against the sources, fuzzers for a few seconds each, and the system
+# tests in the lab. Installs what it needs, and tells how far it is. Ends with "N passed, N failed".
 #
 # usage: scripts/test.sh [STEP…]      steps: format build tidy unit fuzz system (default: all of them)
 set -euo pipefail
@@ -32,6 +33,7 @@ own_sources() { git ls-files '*.cpp' '*.h'; }
 
 # By their first line, as most have no suffix. What is only read by a shell names it for shellcheck.
 shell_sources() { git grep -lIE '^(#!.*[/ ](ba)?sh|# shellcheck shell=.*)$'; }
+python_sources() { { git ls-files '*.py'; git grep -lIE '^#!/usr/bin/python3'; } | sort -u; }
 
 # PRESET [CMAKE ARGUMENT…]
 build() {
@@ -44,9 +46,10 @@ build() {
 build_release() { build release -DCCM_UNIT_TESTS=ON -DCCM_BENCH=ON; }
 
 step_format() {
-    section "clang-format, shellcheck"
+    section "clang-format, shellcheck, flake8"
     own_sources | xargs clang-format --dry-run --Werror
     shell_sources | xargs shellcheck
+    python_sources | xargs flake8
 }
 
 step_build() {

@@ -1,4 +1,5 @@
-"""The numbers of platform/copy_table.h for tests and benchmarks: OIDs, and every value under its name in C."""
+"""The numbers of platform/copy_table.h for tests and benchmarks: OIDs, and every value under its
+name in C."""
 
 import re
 from pathlib import Path
@@ -11,7 +12,8 @@ HEADER = (Path(__file__).resolve().parents[1] / "platform/copy_table.h").read_te
 
 
 def _entry(macro):
-    (words,) = re.findall(rf"^#define {macro}\(column\) CC_ROOT_OID, (.+), \(column\)$", HEADER, re.MULTILINE)
+    (words,) = re.findall(rf"^#define {macro}\(column\) CC_ROOT_OID, (.+), \(column\)$", HEADER,
+                          re.MULTILINE)
     return _oid(f"{_root}, {words}")
 
 
@@ -22,4 +24,5 @@ def _oid(words):
 ROOT = _oid(_root)
 COPY_ENTRY = _entry("CC_COPY_COLUMN_OID")
 ERROR_ENTRY = _entry("CC_ERROR_COLUMN_OID")
-C = SimpleNamespace(**{name: int(number) for name, number in re.findall(r"\b([A-Z][A-Z0-9_]*) = (\d+)", HEADER)})
+C = SimpleNamespace(
+    **{name: int(number) for name, number in re.findall(r"\b([A-Z][A-Z0-9_]*) = (\d+)", HEADER)})

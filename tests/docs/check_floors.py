@@ -1,9 +1,9 @@
 #!/usr/bin/python3
 """Holds the folders of the C++ sources in the order of their floors.
 
-The main header of each folder begins with what the folder is for, who uses it and what it may use. An include that is
-not announced there, one that is announced and not made, and a circle are errors. `platform` are the contracts in C.
-"""
+The main header of each folder begins with what the folder is for, who uses it and what it may use.
+An include that is not announced there, one that is announced and not made, and a circle are errors.
+`platform` are the contracts in C. """
 
 import re
 import sys
@@ -11,7 +11,9 @@ from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[2]
 HOST = "platform/host"
-ROOMS = {"base": "base", "tftp": "tftp"} | {path.name: f"{HOST}/{path.name}" for path in (ROOT / HOST).iterdir() if any(path.glob("*.cpp"))}
+ROOMS = {"base": "base", "tftp": "tftp"} | {
+    path.name: f"{HOST}/{path.name}" for path in (ROOT / HOST).iterdir() if any(path.glob("*.cpp"))
+}
 TOP = "programs"  # one source a program, without a header: may use every room
 ALONE = {"infra": {"platform"}, "config-copy": {"base", "platform"}}  # above no room
 HEAD = re.compile(r"\A// Room: .+\.\n// Used by: (.+)\.\n// May use: (.+)\.\n")
@@ -41,9 +43,14 @@ def used_by(name, folder):
 
 
 def head_of(name, folder):
-    heads = [match for match in (HEAD.match(source.read_text()) for source in sources(folder)) if match]
+    heads = [
+        match for match in (HEAD.match(source.read_text()) for source in sources(folder)) if match
+    ]
     if len(heads) != 1:
-        raise SystemExit(f"{folder}: {len(heads)} headers begin with what the folder is for, who uses it and what it may use")
+        raise SystemExit(
+            f"{folder}: {len(heads)} headers begin with what the folder is for, "
+            "who uses it and what it may use"
+        )
     users, allowed = (set(text.split(", ")) for text in heads[0].groups())
     return users & {*ROOMS}, allowed
 
@@ -51,23 +58,37 @@ def head_of(name, folder):
 def circle_from(name, uses, above=()):
     if name in above:
         return (*above[above.index(name):], name)
-    return next((found for used in sorted(uses.get(name, ())) if (found := circle_from(used, uses, (*above, name)))), None)
+    return next((found for used in sorted(uses.get(name, ()))
+                 if (found := circle_from(used, uses, (*above, name)))), None)
 
 
 def main():
     problems = []
-    uses = {name: used_by(name, folder) for name, folder in {**ROOMS, **{name: name for name in ALONE}}.items()}
+    uses = {
+        name: used_by(name, folder)
+        for name, folder in {**ROOMS, **{name: name for name in ALONE}}.items()
+    }
     for name, folder in ROOMS.items():
         if name == TOP:
             continue
         users, allowed = head_of(name, folder)
-        problems += [f"{place}: {folder} may not use {used}" for used, place in uses[name].items() if used not in allowed]
-        problems += [f"{folder} may use {room}, and does not" for room in sorted(allowed - set(uses[name]))]
+        problems += [
+            f"{place}: {folder} may not use {used}" for used, place in uses[name].items()
+            if used not in allowed
+        ]
+        problems += [
+            f"{folder} may use {room}, and does not" for room in sorted(allowed - set(uses[name]))
+        ]
         actual = {user for user in ROOMS if name in uses[user]}
-        problems += [f"{folder} is used by {user}, and does not say so" for user in sorted(actual - users)]
+        problems += [
+            f"{folder} is used by {user}, and does not say so" for user in sorted(actual - users)
+        ]
         problems += [f"{folder} is not used by {user}" for user in sorted(users - actual)]
     for name, allowed in ALONE.items():
-        problems += [f"{place}: {name} may not use {used}" for used, place in uses[name].items() if used not in allowed]
+        problems += [
+            f"{place}: {name} may not use {used}" for used, place in uses[name].items()
+            if used not in allowed
+        ]
     if found := next((found for name in sorted(uses) if (found := circle_from(name, uses))), None):
         problems.append("a circle: " + " > ".join(found))
     print(*problems, sep="\n", end="\n" if problems else "")

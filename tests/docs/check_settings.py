@@ -1,6 +1,7 @@
 #!/usr/bin/python3
-"""Compares the table of settings, as `ulmo-setting --list` prints it, with the manual page and the example file, in all
-directions: names, defaults, ranges, words, when a change holds and what fails with a bad value.
+"""Compares the table of settings, as `ulmo-setting --list` prints it, with the manual page and the
+example file, in all directions: names, defaults, ranges, words, when a change holds and what fails
+with a bad value.
 
 Usage: check_settings.py ULMO_SETTING
 """
@@ -28,7 +29,8 @@ class Setting(NamedTuple):
 
 
 def of_table(program):
-    output = subprocess.run([program, "--list"], stdout=subprocess.PIPE, text=True, check=True).stdout
+    output = subprocess.run([program, "--list"], stdout=subprocess.PIPE, text=True,
+                            check=True).stdout
     return [Setting(*line.split("\t")) for line in output.splitlines()]
 
 
@@ -45,7 +47,8 @@ def of_manual():
         above, *entries = re.split(r"^\.It Cm (\w+) =", section, flags=re.M)
         for name, entry in zip(entries[::2], entries[1::2]):
             default, _, text = entry.partition("\n")
-            found[name] = (default.strip(), plain(above + re.split(r"^\.El\b", text, flags=re.M)[0]))
+            found[name] = (default.strip(),
+                           plain(above + re.split(r"^\.El\b", text, flags=re.M)[0]))
     return found
 
 
@@ -60,7 +63,8 @@ def of_example():
             comment = [*(comment if is_open else []), line[2:]]
             is_open = True
         elif line:
-            raise SystemExit(f"FAILED: {EXAMPLE.name} has a line that is neither comment nor setting: {line}")
+            raise SystemExit(
+                f"FAILED: {EXAMPLE.name} has a line that is neither comment nor setting: {line}")
         else:
             comment, is_open = [], False
     return found
@@ -68,7 +72,8 @@ def of_example():
 
 def phrases_of(setting):
     """What each text has to say of a setting, as regular expressions."""
-    if setting.kind == "number" and int(setting.most) < 10**8 or setting.kind == "list" and setting.most != "0":
+    is_small = setting.kind == "number" and int(setting.most) < 10**8
+    if is_small or setting.kind == "list" and setting.most != "0":
         yield rf"\b{setting.least} to {setting.most}\b"
     if setting.words:
         yield from (rf"\b{word}\b" for word in setting.words.split(", "))
@@ -76,13 +81,17 @@ def phrases_of(setting):
         yield from (r"\byes\b", r"\bno\b")
 
 
-READ = {"at once": "", "within a second": r"\bwithin a second\b", "when a transfer begins": r"\bwhen (?:a transfer|it) begins\b",
-        "when the agent loads the module": r"\bwhen the agent loads the module\b",
-        "when a process begins to log": r"\bwhen a process begins to log\b"}
+READ = {
+    "at once": "", "within a second": r"\bwithin a second\b",
+    "when a transfer begins": r"\bwhen (?:a transfer|it) begins\b",
+    "when the agent loads the module": r"\bwhen the agent loads the module\b",
+    "when a process begins to log": r"\bwhen a process begins to log\b"
+}
 
 
 def problems_of(setting, place, default, text):
-    if default != setting.default and setting.name != "fabric_member":  # whose example is no default
+    # Whose example is no default.
+    if default != setting.default and setting.name != "fabric_member":
         yield f"{setting.name}: the default is '{setting.default}' and in {place} '{default}'"
     for phrase in phrases_of(setting):
         if not re.search(phrase, text):

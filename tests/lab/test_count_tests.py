@@ -26,7 +26,8 @@ PASSED = '<testcase classname="a" name="passed" status="run"/>'
 
 
 def test_reports_are_added_up(report):
-    assert counted(report("one", PASSED), report("two", PASSED, PASSED)) == (0, "3 passed, 0 failed\n")
+    one, two = report("one", PASSED), report("two", PASSED, PASSED)
+    assert counted(one, two) == (0, "3 passed, 0 failed\n")
 
 
 @pytest.mark.parametrize("case", [
@@ -38,12 +39,14 @@ def test_reports_are_added_up(report):
     '<testcase classname="a" name="bad" status="disabled"/>',
 ])
 def test_whatever_did_not_pass_is_a_failure(report, case):
-    assert counted(report("one", PASSED, case)) == (1, "failed or not run: a.bad\n1 passed, 1 failed\n")
+    expected = "failed or not run: a.bad\n1 passed, 1 failed\n"
+    assert counted(report("one", PASSED, case)) == (1, expected)
 
 
 def test_missing_report_is_a_failure(report, tmp_path):
     missing = tmp_path / "missing.xml"
-    assert counted(report("one", PASSED), missing) == (1, f"failed or not run: {missing}: no report\n1 passed, 1 failed\n")
+    expected = f"failed or not run: {missing}: no report\n1 passed, 1 failed\n"
+    assert counted(report("one", PASSED), missing) == (1, expected)
 
 
 def test_nothing_at_all_is_no_success(report):

@@ -11,12 +11,15 @@ import pytest
 PROGRESS = Path(__file__).resolve().parents[2] / "scripts" / "progress.sh"
 # Lines as the three tools print them, with a pause after which progress is told on a terminal.
 NINJA = "echo '[1/92] Building CXX object a.o'; sleep 1.1; echo '[2/92] Linking b'"
-CTEST = "echo '  1/791 Test  #1: A.B ...   Passed'; sleep 1.1; echo '        Start   3: A.C'; echo '  2/791 Test  #3: A.C ...   Passed'"
-APT = "echo 'dlstatus:1:4.5:Retrieving file 1 of 9'; sleep 1.1; echo 'pmstatus:libc6:37.5:Unpacking libc6'"
+CTEST = ("echo '  1/791 Test  #1: A.B ...   Passed'; sleep 1.1; echo '        Start   3: A.C'; "
+         "echo '  2/791 Test  #3: A.C ...   Passed'")
+APT = ("echo 'dlstatus:1:4.5:Retrieving file 1 of 9'; sleep 1.1; "
+       "echo 'pmstatus:libc6:37.5:Unpacking libc6'")
 
 
 def told(script, *options):
-    done = subprocess.run([PROGRESS, *options, "the build", "sh", "-c", script], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+    done = subprocess.run([PROGRESS, *options, "the build", "sh", "-c", script],
+                          stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                           stderr=subprocess.STDOUT, text=True)
     return done.returncode, done.stdout
 
@@ -35,7 +38,8 @@ def told_on_terminal(script):
     return shown.decode()
 
 
-@pytest.mark.parametrize("script, far", [(NINJA, "2 of 92"), (CTEST, "2 of 791"), (APT, "37 % installed")])
+@pytest.mark.parametrize("script, far", [(NINJA, "2 of 92"), (CTEST, "2 of 791"),
+                                         (APT, "37 % installed")])
 def test_how_far_it_is(script, far):
     shown = told_on_terminal(script)
     assert f"the build: {far}" in shown and re.search(r"the build: done in \d+ s", shown), shown

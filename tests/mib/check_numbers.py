@@ -1,5 +1,6 @@
 #!/usr/bin/python3
-"""The numbers in platform/copy_table.h against CONFIG-COPY-MIB: columns by name, and the values of each enumeration."""
+"""The numbers in platform/copy_table.h against CONFIG-COPY-MIB: columns by name, and the values of
+each enumeration."""
 
 import re
 import sys
@@ -10,8 +11,10 @@ MIB = (ROOT / "mibs/CONFIG-COPY-MIB.txt").read_text()
 HEADER = (ROOT / "platform/copy_table.h").read_text()
 
 # An enumeration of the header, and where the MIB module has its values.
-VALUES = {"copy_protocol": "ConfigCopyProtocol", "copy_file_type": "ConfigCopyFileType", "copy_state": "ConfigCopyState",
-          "copy_fail_cause": "ConfigCopyFailCause"}
+VALUES = {
+    "copy_protocol": "ConfigCopyProtocol", "copy_file_type": "ConfigCopyFileType",
+    "copy_state": "ConfigCopyState", "copy_fail_cause": "ConfigCopyFailCause"
+}
 # The names of a few values are not the MIB module's in other letters.
 OTHER_NAMES = {"WARDEN_REFUSED": "SYSTEM_MANAGER_REFUSED", "WARDEN_FAILED": "SYSTEM_MANAGER_FAILED"}
 SUFFIXES = {"copy_file_type": ("_FILE", "_CONFIG")}
@@ -28,12 +31,16 @@ def of_header(enumeration, prefix):
 
 
 def columns_of_mib(entry, prefix):
-    found = re.findall(rf"^{prefix}(\w+)\s+OBJECT-TYPE(?:(?!OBJECT-TYPE).)*?::= \{{ {entry} (\d+) \}}", MIB, re.DOTALL | re.MULTILINE)
-    return {upper(name): int(number) for name, number in found if int(number) > 1}  # the first is the index
+    found = re.findall(
+        rf"^{prefix}(\w+)\s+OBJECT-TYPE(?:(?!OBJECT-TYPE).)*?::= \{{ {entry} (\d+) \}}", MIB,
+        re.DOTALL | re.MULTILINE)
+    return {upper(name): int(number) for name, number in found
+            if int(number) > 1}  # the first is the index
 
 
 def values_of_mib(convention, suffixes):
-    (body,) = re.findall(rf"^{convention} ::= TEXTUAL-CONVENTION.*?SYNTAX\s+INTEGER \{{(.*?)\}}", MIB, re.DOTALL | re.MULTILINE)
+    (body,) = re.findall(rf"^{convention} ::= TEXTUAL-CONVENTION.*?SYNTAX\s+INTEGER \{{(.*?)\}}",
+                         MIB, re.DOTALL | re.MULTILINE)
     found = {}
     for name, number in re.findall(r"(\w+)\((\d+)\)", body):
         name = upper(name)
@@ -45,14 +52,24 @@ def values_of_mib(convention, suffixes):
 
 def main():
     root = re.findall(r"#define CC_ROOT_OID ([\d, ]+)", HEADER)
-    expected = re.findall(r"^configCopyMIB (\S+)", (ROOT / "tests/mib/objects.txt").read_text(), re.MULTILINE)
+    expected = re.findall(r"^configCopyMIB (\S+)", (ROOT / "tests/mib/objects.txt").read_text(),
+                          re.MULTILINE)
     pairs = [("CC_ROOT_OID", ["." + number.replace(", ", ".") for number in root], expected),
-             ("enum cc_column", of_header("cc_column", "CC_COLUMN_"), columns_of_mib("ccCopyEntry", "ccCopy")),
-             ("enum cc_error_column", of_header("cc_error_column", "CC_ERROR_COLUMN_"), columns_of_mib("ccCopyErrorEntry", "ccCopyError"))]
+             ("enum cc_column", of_header("cc_column", "CC_COLUMN_"),
+              columns_of_mib("ccCopyEntry", "ccCopy")),
+             ("enum cc_error_column", of_header("cc_error_column", "CC_ERROR_COLUMN_"),
+              columns_of_mib("ccCopyErrorEntry", "ccCopyError"))]
     for enumeration, convention in VALUES.items():
-        actual = {OTHER_NAMES.get(name, name): number for name, number in of_header(enumeration, r"COPY_[A-Z]+?_").items()}
-        pairs.append((f"enum {enumeration}", actual, values_of_mib(convention, SUFFIXES.get(enumeration, ()))))
-    bad = [f"{what}: {actual} in the header, {mib} in the MIB module" for what, actual, mib in pairs if actual != mib or not actual]
+        actual = {
+            OTHER_NAMES.get(name, name): number
+            for name, number in of_header(enumeration, r"COPY_[A-Z]+?_").items()
+        }
+        expected = values_of_mib(convention, SUFFIXES.get(enumeration, ()))
+        pairs.append((f"enum {enumeration}", actual, expected))
+    bad = [
+        f"{what}: {actual} in the header, {mib} in the MIB module" for what, actual, mib in pairs
+        if actual != mib or not actual
+    ]
     print(*bad, sep="\n", end="\n" if bad else "")
     return 1 if bad else 0
 

@@ -1,4 +1,5 @@
-"""A Debian 12 of its own in build/package-test: a switch with its own systemd and network, and a file server beside it."""
+"""A Debian 12 of its own in build/package-test: a switch with its own systemd and network, and a
+file server beside it."""
 
 import os
 import shutil
@@ -13,20 +14,24 @@ REPOSITORY = Path(__file__).resolve().parents[2]
 PLACE = REPOSITORY / "build/package-test"
 UNPACKED = REPOSITORY / "build/lab"
 SWITCH, SERVER = "192.0.2.1", "192.0.2.2"
-# What a switch has before the packages come, beside what they say that they need, the agent among it.
+# What a switch has before the packages come, beside what they say that they need, the agent among
+# it.
 PRESENT = ("systemd-sysv", "dbus", "snmp", "tftpd-hpa")  # the last one for debian/tests
 
 
 def run(*words, check=True, **options):
-    done = subprocess.run(words, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, errors="replace", **options)
+    done = subprocess.run(words, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+                          errors="replace", **options)
     if check and done.returncode != 0:
-        raise AssertionError(f"{' '.join(map(str, words))}: exit status {done.returncode}\n{done.stdout}")
+        raise AssertionError(
+            f"{' '.join(map(str, words))}: exit status {done.returncode}\n{done.stdout}")
     return done
 
 
 def needs_of(package):
     """The packages of Debian that it depends on, of alternatives the first."""
-    needs = (need.split("|")[0].split("(")[0].strip() for need in run("dpkg-deb", "-f", package, "Depends").stdout.split(","))
+    needs = (need.split("|")[0].split("(")[0].strip()
+             for need in run("dpkg-deb", "-f", package, "Depends").stdout.split(","))
     return [need for need in needs if need and not need.startswith("config-copy")]
 
 
@@ -39,16 +44,19 @@ def wait_until(holds, within=20):
 
 
 class Switch:
-    """A Debian that runs its own systemd, in namespaces that end with the object, and a TFTP server in another network beside it."""
+    """A Debian that runs its own systemd, in namespaces that end with the object, and a TFTP server
+    in another network beside it."""
 
-    # Its root goes on top of /proc, see own-mounts.sh. Of the machine's devices it sees copies, of its control groups a
-    # hierarchy without controllers.
+    # Its root goes on top of /proc, see own-mounts.sh. Of the machine's devices it sees copies, of
+    # its control groups a hierarchy without controllers.
     boot = """
-        mount --make-private /proc && mount --bind "$1" /proc && mount --make-private /proc && cd /proc &&
-        mount -t proc proc proc && mount -t sysfs -o ro sysfs sys &&
-        mount -t tmpfs cgroup sys/fs/cgroup && mount -t cgroup2 cgroup sys/fs/cgroup && mount -t tmpfs -o mode=755 run run &&
+        mount --make-private /proc && mount --bind "$1" /proc && mount --make-private /proc &&
+        cd /proc && mount -t proc proc proc && mount -t sysfs -o ro sysfs sys &&
+        mount -t tmpfs cgroup sys/fs/cgroup && mount -t cgroup2 cgroup sys/fs/cgroup &&
+        mount -t tmpfs -o mode=755 run run &&
         mount -t devpts -o newinstance,ptmxmode=666 devpts dev/pts && echo ready &&
-        exec env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin container=chroot chroot . /lib/systemd/systemd --show-status=no"""
+        exec env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin container=chroot \\
+            chroot . /lib/systemd/systemd --show-status=no"""
 
     def __init__(self, root):
         self.root = root
@@ -57,26 +65,38 @@ class Switch:
         self.served.mkdir()
         self.served.chmod(0o777)
         # All end with this process, whatever ends it.
-        self.server_network = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", "unshare", "--net", "sh", "-c", "echo ready; exec sleep infinity"],
-                                               stdout=subprocess.PIPE, text=True)
+        self.server_network = subprocess.Popen([
+            "setpriv", "--pdeathsig", "KILL", "unshare", "--net", "sh", "-c",
+            "echo ready; exec sleep infinity"
+        ], stdout=subprocess.PIPE, text=True)
         assert self.server_network.stdout.readline() == "ready\n"
         self.start()
-        self.file_server = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", *self.on_server(), UNPACKED / "root-atftpd/usr/sbin/atftpd", "--daemon", "--no-fork", "--user", "root.root",
-                                             "--bind-address", SERVER, self.served], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.file_server = subprocess.Popen([
+            "setpriv", "--pdeathsig", "KILL", *self.on_server(),
+            UNPACKED / "root-atftpd/usr/sbin/atftpd", "--daemon", "--no-fork", "--user",
+            "root.root", "--bind-address", SERVER, self.served
+        ], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
 
     def start(self):
         with (PLACE / "boot.log").open("w") as log:
-            self.holder = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", "unshare", "--mount", "--propagation", "unchanged", "--net", "--pid", "--ipc", "--uts", "--cgroup", "--fork", "--kill-child",
-                                            "sh", "-c", self.boot, "boot", self.root], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=log, text=True)
+            self.holder = subprocess.Popen([
+                "setpriv", "--pdeathsig", "KILL", "unshare", "--mount", "--propagation",
+                "unchanged", "--net", "--pid", "--ipc", "--uts", "--cgroup", "--fork",
+                "--kill-child", "sh", "-c", self.boot, "boot", self.root
+            ], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=log, text=True)
         assert self.holder.stdout.readline() == "ready\n", (PLACE / "boot.log").read_text()
-        (self.init,) = Path(f"/proc/{self.holder.pid}/task/{self.holder.pid}/children").read_text().split()
+        pid = self.holder.pid
+        (self.init,) = Path(f"/proc/{pid}/task/{pid}/children").read_text().split()
         network = ["nsenter", "-n", "-t", self.init]
-        run(*network, "ip", "link", "add", "eth0", "type", "veth", "peer", "name", "eth0", "netns", str(self.server_network.pid))
+        run(*network, "ip", "link", "add", "eth0", "type", "veth", "peer", "name", "eth0", "netns",
+            str(self.server_network.pid))
         for prefix, address in ((network, SWITCH), (self.on_server(), SERVER)):
             run(*prefix, "ip", "link", "set", "lo", "up")
             run(*prefix, "ip", "address", "add", f"{address}/24", "dev", "eth0")
             run(*prefix, "ip", "link", "set", "eth0", "up")
-        wait_until(lambda: self.run("systemctl", "is-system-running", check=False).stdout.strip() in ("running", "degraded"), within=60)
+        wait_until(
+            lambda: self.run("systemctl", "is-system-running", check=False).stdout.strip() in
+            ("running", "degraded"), within=60)
 
     def stop(self):
         """As if the power went."""
@@ -91,7 +111,10 @@ class Switch:
         return ["nsenter", "-n", "-t", str(self.server_network.pid)]
 
     def words(self, *words):
-        environment = ["env", "-i", "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin", "HOME=/root", "LC_ALL=C.UTF-8", "DEBIAN_FRONTEND=noninteractive"]
+        environment = [
+            "env", "-i", "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin",
+            "HOME=/root", "LC_ALL=C.UTF-8", "DEBIAN_FRONTEND=noninteractive"
+        ]
         return ["nsenter", "-a", "-r", "-w", "-t", self.init, *environment, *words]
 
     def run(self, *words, **options):
@@ -101,10 +124,13 @@ class Switch:
         return self.run("sh", "-c", script, **options).stdout
 
     def install(self, *packages):
-        """The switch's network leads to no archive: what a package needs and does not say is missing."""
+        """The switch's network leads to no archive: what a package needs and does not say is
+        missing."""
         for package in packages:
             shutil.copy(package, self.root / "root")
-        return self.run("apt-get", "install", "-y", "--no-install-recommends", "-o", "Dpkg::Options::=--force-confold", *(f"/root/{package.name}" for package in packages)).stdout
+        return self.run("apt-get", "install", "-y", "--no-install-recommends", "-o",
+                        "Dpkg::Options::=--force-confold",
+                        *(f"/root/{package.name}" for package in packages)).stdout
 
     def main_process(self, service):
         return int(self.run("systemctl", "show", "-P", "MainPID", service).stdout)
@@ -119,7 +145,10 @@ class Switch:
 @pytest.fixture(scope="session")
 def packages():
     """The packages of scripts/package.sh, by name."""
-    found = {name: list((REPOSITORY / "build/packages").glob(f"{name}_*.deb")) for name in ("config-copy", "config-copy-mib", "config-copy-mib-common")}
+    found = {
+        name: list((REPOSITORY / "build/packages").glob(f"{name}_*.deb"))
+        for name in ("config-copy", "config-copy-mib", "config-copy-mib-common")
+    }
     assert all(len(files) == 1 for files in found.values()), "scripts/package.sh makes them"
     return {name: files[0] for name, files in found.items()}
 
@@ -129,10 +158,13 @@ def switch(packages):
     PLACE.mkdir(parents=True, exist_ok=True)
     root = PLACE / "root"
     shutil.rmtree(root, ignore_errors=True)
-    present = ",".join({*PRESENT, *(need for package in packages.values() for need in needs_of(package))})
+    present = ",".join(
+        {*PRESENT, *(need for package in packages.values() for need in needs_of(package))})
     root.mkdir()
     # debootstrap takes no path with blanks, so it sees the folder under another name.
-    run(REPOSITORY / "tests/own-mounts.sh", "sh", "-c", 'mount --bind "$1" /mnt && exec debootstrap --variant=minbase "--include=$2" bookworm /mnt',
+    run(
+        REPOSITORY / "tests/own-mounts.sh", "sh", "-c",
+        'mount --bind "$1" /mnt && exec debootstrap --variant=minbase "--include=$2" bookworm /mnt',
         "make", root, present, env={**os.environ, "DEBIAN_FRONTEND": "noninteractive"})
     made = Switch(root)
     yield made

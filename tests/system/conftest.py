@@ -1,5 +1,6 @@
 """Fixtures of the system tests. They run inside the lab: scripts/run-system-tests.sh."""
 
+import subprocess
 import sys
 from pathlib import Path
 
@@ -14,11 +15,14 @@ import copy_table as ct
 if not ct.AGENT:
     pytest.exit("these tests run in the lab: scripts/run-system-tests.sh", 2)
 
+import protocols
+
 
 def pytest_collection_modifyitems(items):
     for item in items:
         for marker in item.iter_markers():
-            assert marker.name not in ("skip", "skipif", "xfail"), f"{item.nodeid}: every test of the lab runs"
+            assert marker.name not in ("skip", "skipif",
+                                       "xfail"), f"{item.nodeid}: every test of the lab runs"
 
 
 @pytest.fixture(params=["v3", "v2c"])
@@ -28,21 +32,29 @@ def manager(request):
 
 
 @pytest.fixture
-def operator():
+def place():
+    """Where the transfers run. A folder whose lab has VRFs says which."""
+    return protocols.Place()
+
+
+@pytest.fixture
+def operator(place):
     """The stock tools over SNMPv3 authPriv, for what does not hang on the version."""
-    return ct.Manager("v3")
+    return place.manager()
 
 
 @pytest.fixture(autouse=True)
 def quiet_switch():
-    """Every test begins with an empty table, no copy and a known configuration, and leaves the agent alive and without zombies."""
+    """Every test begins with an empty table, no copy and a known configuration, and leaves the
+    agent alive and without zombies."""
     yield
     manager = ct.Manager("v3")
     for oid, _ in manager.walk(f"{ct.COPY_ENTRY}.{ct.ROW_STATUS}"):
         try:
             manager.set((oid, "i", ct.DESTROY))
         except ct.SnmpError as error:
-            # A refused write to RowStatus leaves its saved copy in the undo list, and the row takes no other until it ages out.
+            # A refused write to RowStatus leaves its saved copy in the undo list, and the row takes
+            # no other until it ages out.
             assert error.status == "genErr"
             ct.lab_ctl("restart-agent")
             break
@@ -55,7 +67,8 @@ def quiet_switch():
 
 @pytest.fixture
 def lines_of():
-    """The hosts' configuration, put back at the end of the test by what takes the given lines away again."""
+    """The hosts' configuration, put back at the end of the test by what takes the given lines away
+    again."""
     added = []
 
     def add(*statements):
@@ -75,3 +88,52 @@ def broken_link():
     ct.lab_ctl("break-link")
     yield lambda: ct.lab_ctl("mend-link")
     ct.lab_ctl("mend-link")
+
+
+@pytest.fixture
+def unchanged():
+    """The switch's configuration is the same afterwards, and nothing of a transfer is left."""
+    switch = protocols.Switch()
+    before = ct.show("running"), switch.running()
+    yield
+    assert (ct.show("running"), switch.running()) == before
+    protocols.left_clean()
+
+
+@pytest.fixture
+def startup():
+    """Gives the switch a startup configuration of any content, until the end of the test."""
+    file = ct.STATE_DIRECTORY / "system.cfg"
+    before = file.read_bytes()
+    yield file.write_bytes
+    file.write_bytes(before)
+
+
+@pytest.fixture
+def traps_for_names():
+    """Programs that a name might have run, here and on the server: none was."""
+    mark, program = Path("/tmp/owned"), Path("/ulmo/bin/owned")
+    program.write_text(f"#!/bin/sh\ntouch {mark}\n")
+    program.chmod(0o755)
+    yield
+    program.unlink()
+    assert not mark.exists()
+
+
+@pytest.fixture
+def other_server(place):
+    """Starts a program on the second address of the server's host. Nobody else listens there."""
+    ct.run("lab-ctl", "server-exec", "ip", "address", "add", f"{protocols.OTHER_SERVER}/24", "dev",
+           "br0")
+    started = []
+
+    def start(*words):
+        started.append(
+            subprocess.Popen(["lab-ctl", "server-exec", *words], stdin=subprocess.DEVNULL))
+
+    yield start
+    for process in started:
+        process.kill()
+        process.wait()
+    ct.run("lab-ctl", "server-exec", "ip", "address", "del", f"{protocols.OTHER_SERVER}/24", "dev",
+           "br0")

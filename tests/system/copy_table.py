@@ -1,4 +1,5 @@
-"""The tables and the notification as a manager reaches them: OIDs by name, the stock tools as functions, one copy request as an object."""
+"""The tables and the notification as a manager reaches them: OIDs by name, the stock tools as
+functions, one copy request as an object."""
 
 import itertools
 import os
@@ -7,11 +8,12 @@ import subprocess
 import time
 from pathlib import Path
 
-from copy_numbers import COPY_ENTRY, ERROR_ENTRY, ROOT, C
+from copy_numbers import COPY_ENTRY, ROOT, C
 
 COMPLETION = f"{ROOT}.2.1.1"  # followed by the request's index
 
-PROTOCOL, SOURCE, DESTINATION = C.CC_COLUMN_PROTOCOL, C.CC_COLUMN_SOURCE_FILE_TYPE, C.CC_COLUMN_DEST_FILE_TYPE
+PROTOCOL = C.CC_COLUMN_PROTOCOL
+SOURCE, DESTINATION = C.CC_COLUMN_SOURCE_FILE_TYPE, C.CC_COLUMN_DEST_FILE_TYPE
 LEGACY_ADDRESS, FILE_NAME = C.CC_COLUMN_SERVER_ADDRESS, C.CC_COLUMN_FILE_NAME
 USER_NAME, PASSWORD = C.CC_COLUMN_USER_NAME, C.CC_COLUMN_USER_PASSWORD
 NOTIFY, STATE = C.CC_COLUMN_NOTIFICATION_ON_COMPLETION, C.CC_COLUMN_STATE
@@ -57,7 +59,8 @@ class SnmpError(Exception):
 
 def run(*words, within=60):
     """Runs a command that must succeed and returns its standard output."""
-    done = subprocess.run([str(word) for word in words], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, timeout=within)
+    done = subprocess.run([str(word) for word in words], stdin=subprocess.DEVNULL,
+                          stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, timeout=within)
     assert done.returncode == 0, f"{words}: status {done.returncode}\n{done.stdout}{done.stderr}"
     return done.stdout
 
@@ -80,7 +83,8 @@ def wait_for(condition, within=15, what="the condition"):
 
 
 class History:
-    """What the debug history has recorded since this object was made. The history is a ring: numbers of lines mean nothing in it."""
+    """What the debug history has recorded since this object was made. The history is a ring:
+    numbers of lines mean nothing in it."""
 
     def __init__(self, *options):
         self.command = ["ulmo-history", *options]
@@ -88,19 +92,22 @@ class History:
 
     def lines(self):
         lines = run(*self.command).splitlines()
-        return lines[lines.index(self.last[0]) + 1:] if self.last and self.last[0] in lines else lines
+        return lines[lines.index(self.last[0]) +
+                     1:] if self.last and self.last[0] in lines else lines
 
     def tells(self, text):
         return any(text in line for line in self.lines())
 
 
-# The value of a line that a tool printed with -Ox -Ot -On: octets as hexadecimal, time ticks as a number.
+# The value of a line that a tool printed with -Ox -Ot -On: octets as hexadecimal, time ticks as a
+# number.
 _VALUE = re.compile(r"^(?P<oid>\.[0-9.]+) = (?:(?P<type>[\w-]+): ?)?(?P<value>.*?)\s*$")
 _ABSENT = ("No Such Object", "No Such Instance", "No more variables")
 
 
 def parsed(line):
-    """(OID, value) of a printed binding: int, bytes, str for all else, None for what is not there."""
+    """(OID, value) of a printed binding: int, bytes, str for all else, None for what is not
+    there."""
     match = _VALUE.match(line)
     assert match, f"unexpected line: {line!r}"
     kind, value = match["type"], match["value"]
@@ -116,16 +123,22 @@ def parsed(line):
 
 
 class Manager:
-    """The stock tools with one version of SNMP, an agent, an SNMP context of SNMPv3's, and a command that runs them elsewhere."""
+    """The stock tools with one version of SNMP, an agent, an SNMP context of SNMPv3's, and a
+    command that runs them elsewhere."""
 
     def __init__(self, version, agent=AGENT, context="", within=()):
         self.version, self.agent, self.within = version, agent, within
-        self.options = ["-v2c", "-c", "lab"] if version == "v2c" else ["-n", context] if context else []
+        in_context = ["-n", context] if context else []
+        self.options = ["-v2c", "-c", "lab"] if version == "v2c" else in_context
 
     def tool(self, name, *words, options=("-r0", "-t8")):
         """Runs a tool once: a SET that is repeated would be carried out again."""
-        command = [*self.within, name, *self.options, *options, "-On", "-Ox", "-Ot", self.agent, *(str(word) for word in words)]
-        done = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, timeout=60)
+        command = [
+            *self.within, name, *self.options, *options, "-On", "-Ox", "-Ot", self.agent,
+            *(str(word) for word in words)
+        ]
+        done = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                              stderr=subprocess.PIPE, text=True, timeout=60)
         if done.returncode == 0:
             return done.stdout
         reason = re.search(r"Reason: \(?(\w+)", done.stderr)
@@ -180,7 +193,8 @@ class Request:
         if isinstance(value, int):
             return self.oid(column), "i", value
         # snmpset takes no empty hexadecimal text.
-        return (self.oid(column), "x", octets(value).hex()) if value else (self.oid(column), "s", "")
+        return (self.oid(column), "x", octets(value).hex()) if value else (self.oid(column), "s",
+                                                                           "")
 
     def set(self, *pairs):
         """Writes the columns, given as (column, value), in one PDU."""
@@ -209,7 +223,8 @@ class Request:
 
     def finished(self, within=15):
         """Waits for the end of the copy and returns (state, fail cause)."""
-        wait_for(lambda: self.get(STATE) in (STATE_SUCCESSFUL, STATE_FAILED), within, f"the end of copy {self.index}")
+        wait_for(lambda: self.get(STATE) in (STATE_SUCCESSFUL, STATE_FAILED), within,
+                 f"the end of copy {self.index}")
         return tuple(self.get(STATE, FAIL_CAUSE))
 
     def copied(self, within=15):
@@ -232,16 +247,19 @@ def server_columns(server):
 
 def protocol_columns(protocol, user, password):
     """TFTP knows no users. A user name that is written empties the password, so it comes first."""
-    return ((PROTOCOL, protocol),) if protocol == TFTP else ((PROTOCOL, protocol), (USER_NAME, user), (PASSWORD, password))
+    account = () if protocol == TFTP else ((USER_NAME, user), (PASSWORD, password))
+    return ((PROTOCOL, protocol), *account)
 
 
 def upload(server, name, source=RUNNING, protocol=TFTP, user=ACCOUNT, password=SECRET):
     """The columns of a copy to the server."""
-    return *protocol_columns(protocol, user, password), (SOURCE, source), (DESTINATION, NETWORK), *server_columns(server), (FILE_NAME, name)
+    return *protocol_columns(protocol, user, password), (SOURCE, source), (
+        DESTINATION, NETWORK), *server_columns(server), (FILE_NAME, name)
 
 
 def download(server, name, destination=RUNNING, protocol=TFTP, user=ACCOUNT, password=SECRET):
-    return *protocol_columns(protocol, user, password), (SOURCE, NETWORK), (DESTINATION, destination), *server_columns(server), (FILE_NAME, name)
+    return *protocol_columns(protocol, user, password), (SOURCE, NETWORK), (
+        DESTINATION, destination), *server_columns(server), (FILE_NAME, name)
 
 
 LOCAL_STARTUP_TO_RUNNING = (SOURCE, STARTUP), (DESTINATION, RUNNING)
@@ -256,7 +274,8 @@ def serve(name, content, mode=0o644):
 
 
 def completions(index):
-    """The completion notifications of one request that the receiver has, each a list of (OID, value)."""
+    """The completion notifications of one request that the receiver has, each a list of (OID,
+    value)."""
     found = []
     for line in TRAPS.read_text().splitlines():
         bindings = [parsed_trap_binding(text) for text in line.split("\t")[2:]]
@@ -266,7 +285,8 @@ def completions(index):
 
 
 def parsed_trap_binding(text):
-    """As parsed(), for the receiver's notation: texts in quotes, time ticks with their number in parentheses."""
+    """As parsed(), for the receiver's notation: texts in quotes, time ticks with their number in
+    parentheses."""
     oid, _, value = text.partition(" = ")
     if value.startswith("Timeticks: "):
         return oid, int(re.search(r"\((\d+)\)", value)[1])
@@ -303,3 +323,8 @@ WORK = STATE_DIRECTORY / "work"  # where the agent's workers have their director
 def work_directory():
     """The agent's own."""
     return Path(os.readlink(f"/proc/{agent_pid()}/cwd"))
+
+
+def shared_tests(module):
+    """What a file has to know for pytest to run another module's tests as its own."""
+    return {name: value for name, value in vars(module).items() if name.startswith("test_")}

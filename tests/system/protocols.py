@@ -1,40 +1,50 @@
-"""The copies of every protocol, collected by the folders of the labs that they run in: without a VRF and within one. What differs there is a Place.
+"""The copies of every protocol, collected by the folders of the labs that they run in: without a
+VRF and within one. What differs there is a Place.
 
-Files of any size go both ways. Up: the startup configuration, which the switch hands over octet for octet. Down: the file as it lies in the
-worker's folder, read through a descriptor that was opened while it arrived. Applying it comes after that: comments alone change nothing."""
+Files of any size go both ways. Up: the startup configuration, which the switch hands over octet for
+octet. Down: the file as it lies in the worker's folder, read through a descriptor that was opened
+while it arrived. Applying it comes after that: comments alone change nothing."""
 
 import contextlib
 import itertools
 import os
 import re
-import subprocess
 import threading
 import time
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 import pytest
-from copy_table import *
+from copy_table import (
+    BAD_FILE_NAME, FAIL_CAUSE, FTP, GENERAL, LOGS, NOTIFY, NO_SPACE, SCP, SECRET, SERVER4, SERVER6,
+    SERVER_ROOT, SFTP, STARTUP, STATE, STATE_DIRECTORY, STATE_FAILED, STATE_SUCCESSFUL, TFTP,
+    TIMEOUT, TRUE, Manager, Request, children, completions, download, lab_ctl, run, serve, show,
+    upload, wait_for,
+)
 from saves import busy_device, full_disk
 
 SCRIPTS = {"ftp": FTP, "sftp": SFTP, "scp": SCP}
 PROTOCOLS = {"tftp": TFTP, **SCRIPTS}
-KINDS = {TFTP: "tftp", FTP: "ftp", SFTP: "ssh", SCP: "ssh"}  # the file server's daemons, as lab-ctl names them
+# The file server's daemons, as lab-ctl names them.
+KINDS = {TFTP: "tftp", FTP: "ftp", SFTP: "ssh", SCP: "ssh"}
 EVERY_PROTOCOL = pytest.mark.parametrize("protocol", PROTOCOLS.values(), ids=PROTOCOLS)
 EVERY_SCRIPT = pytest.mark.parametrize("protocol", SCRIPTS.values(), ids=SCRIPTS)
 LINE = b"! nothing but a comment, to fill a file with lines 01234567890\n"
-OTHER_SERVER = SERVER4.rpartition(".")[0] + ".30"  # a second address of the server's host, on which nothing listens but what a test starts
+# A second address of the server's host, on which nothing listens but what a test starts.
+OTHER_SERVER = SERVER4.rpartition(".")[0] + ".30"
 KNOWN_HOSTS = STATE_DIRECTORY / "ssh_known_hosts"
 
 
 class Place:
-    """Where the transfers run: the ordinary network, or a VRF; and the SNMP context that says so."""
+    """Where the transfers run: the ordinary network, or a VRF; and the SNMP context that says
+    so."""
 
     def __init__(self, vrf=None, context=""):
         self.vrf, self.context = vrf, context
 
     def manager(self, number=1):
-        """A manager of that switch, who sits there: it is to be asked also when its link is broken."""
+        """A manager of that switch, who sits there: it is to be asked also when its link is
+        broken."""
         within = ("nsenter", f"--net=/run/netns/switch{number}", "--") if number > 1 else ()
         return Manager("v3", os.environ["LAB_AGENTS"].split()[number - 1], self.context, within)
 
@@ -54,13 +64,18 @@ class Place:
 
     @contextlib.contextmanager
     def slow(self, rate, *numbers, protocol=TFTP):
-        """Both directions of the switches' links at so many kbit/s. A window of TFTP's fits into the queue; TCP makes do with less, and what it
-        acknowledges does not stand in line behind the other direction's data."""
+        """Both directions of the switches' links at so many kbit/s. A window of TFTP's fits into
+        the queue; TCP makes do with less, and what it acknowledges does not stand in line behind
+        the other direction's data."""
         latency = "300ms" if protocol == TFTP else "40ms"
-        ends = [(self.within, "vrf0")] if self.vrf else [((lambda *words, n=n: ["lab-ctl", "switch-exec", n, *words]), "mgmt0") for n in numbers]
-        ends += [((lambda *words: ["lab-ctl", "server-exec", *words]), f"port{self.link(n)}") for n in ([1] if self.vrf else numbers)]
+        ends = [(self.within, "vrf0")] if self.vrf else [
+            ((lambda *words, n=n: ["lab-ctl", "switch-exec", n, *words]), "mgmt0") for n in numbers
+        ]
+        ends += [((lambda *words: ["lab-ctl", "server-exec", *words]), f"port{self.link(n)}")
+                 for n in ([1] if self.vrf else numbers)]
         for within, device in ends:
-            run(*within("tc", "qdisc", "replace", "dev", device, "root", "tbf", "rate", f"{rate}kbit", "burst", "4k", "latency", latency))
+            run(*within("tc", "qdisc", "replace", "dev", device, "root", "tbf", "rate",
+                        f"{rate}kbit", "burst", "4k", "latency", latency))
         try:
             yield
         finally:
@@ -77,7 +92,8 @@ class Place:
             lab_ctl("mend-link", *links)
 
     def octets_seen(self):
-        """Octets on the link to the server, and on the switch's other one, which a switch without a VRF does not have."""
+        """Octets on the link to the server, and on the switch's other one, which a switch without a
+        VRF does not have."""
 
         def on(device, *command):
             counts = run(*command, "cat", "/proc/net/dev").partition(f"{device}:")[2].split()
@@ -131,29 +147,6 @@ def left_clean(number=1):
     wait_for(Switch(number).is_clean, 10, f"the end of what switch {number} has started")
 
 
-@pytest.fixture
-def operator(place):
-    return place.manager()
-
-
-@pytest.fixture
-def unchanged():
-    """The switch's configuration is the same afterwards, and nothing of a transfer is left."""
-    before = show("running"), Switch().running()
-    yield
-    assert (show("running"), Switch().running()) == before
-    left_clean()
-
-
-@pytest.fixture
-def startup():
-    """Gives the switch a startup configuration of any content, until the end of the test."""
-    file = STATE_DIRECTORY / "system.cfg"
-    before = file.read_bytes()
-    yield file.write_bytes
-    file.write_bytes(before)
-
-
 def notified(request, state, cause):
     """One notification has told of it."""
     (bindings,) = wait_for(lambda: completions(request.index), what="the notification")
@@ -172,7 +165,8 @@ def fails(request, cause, within=15):
 def settings(number=1, **values):
     file = Switch(number).settings
     before = file.read_bytes()
-    file.write_bytes(before + "".join(f"{name} = {value}\n" for name, value in values.items()).encode())
+    file.write_bytes(before + "".join(f"{name} = {value}\n"
+                                      for name, value in values.items()).encode())
     try:
         yield
     finally:
@@ -186,12 +180,14 @@ def content(size):
 def received(request):
     """Activates a download and returns what arrived."""
     with contextlib.ExitStack() as stack:
-        # The worker applies the file when the device is free and then removes it, but not from under who has opened it.
+        # The worker applies the file when the device is free and then removes it, but not from
+        # under who has opened it.
         with busy_device():
             request.activate()
 
             def opened():
-                with contextlib.suppress(FileNotFoundError):  # it gets another name when it is complete
+                with contextlib.suppress(
+                        FileNotFoundError):  # it gets another name when it is complete
                     return [stack.enter_context(open(path, "rb")) for path in Switch().arriving()]
 
             (file,) = wait_for(opened, what="the file")
@@ -208,13 +204,15 @@ def test_every_octet(operator, place, protocol, server, startup, unchanged):
     for whole in map(content, (0, 1, 100_000, 20_000_000)):
         seen = place.octets_seen()
         startup(whole)
-        request = Request(operator).create(*upload(server, "up.cfg", STARTUP, protocol), (NOTIFY, TRUE)).copied(30)
+        request = Request(operator).create(*upload(server, "up.cfg", STARTUP, protocol),
+                                           (NOTIFY, TRUE)).copied(30)
         notified(request, STATE_SUCCESSFUL, GENERAL)
         assert (SERVER_ROOT / "up.cfg").read_bytes() == whole
         left_clean()
 
         serve("down.cfg", whole)
-        request = Request(operator).create(*download(server, "down.cfg", protocol=protocol), (NOTIFY, TRUE))
+        request = Request(operator).create(*download(server, "down.cfg", protocol=protocol),
+                                           (NOTIFY, TRUE))
         assert received(request) == whole
         assert request.get(STATE, FAIL_CAUSE) == [STATE_SUCCESSFUL, GENERAL]
         notified(request, STATE_SUCCESSFUL, GENERAL)
@@ -235,17 +233,6 @@ def test_configuration_comes_into_force(operator, protocol, lines_of):
 # File names
 
 
-@pytest.fixture
-def traps_for_names():
-    """Programs that a name might have run, here and on the server: none was."""
-    mark, program = Path("/tmp/owned"), Path("/ulmo/bin/owned")
-    program.write_text(f"#!/bin/sh\ntouch {mark}\n")
-    program.chmod(0o755)
-    yield
-    program.unlink()
-    assert not mark.exists()
-
-
 HOSTILE = [
     "a  \"b'c$(owned;touch owned)`owned;touch owned`;owned;touch owned;&owned|owned #%d%n*?",
     '"; owned; touch owned; "',
@@ -260,7 +247,8 @@ HOSTILE = [
 def test_name_is_nothing_but_a_name(operator, protocol, unchanged, traps_for_names):
     for name in HOSTILE:
         Request(operator).create(*upload(SERVER4, name, protocol=protocol)).copied()
-        assert os.listdir(SERVER_ROOT) == [name] and (SERVER_ROOT / name).read_text() == show("running")
+        assert os.listdir(SERVER_ROOT) == [name]
+        assert (SERVER_ROOT / name).read_text() == show("running")
         Request(operator).create(*download(SERVER4, name, protocol=protocol)).copied()
         assert os.listdir(SERVER_ROOT) == [name]
         (SERVER_ROOT / name).unlink()
@@ -270,7 +258,9 @@ def test_name_is_nothing_but_a_name(operator, protocol, unchanged, traps_for_nam
 def test_name_with_a_folder_that_is_not_there(operator, place, protocol, unchanged):
     """Here the folder's name is the beginning of a command."""
     for direction in (upload, download):
-        fails(Request(operator).create(*direction(SERVER4, "$(touch /tmp/x)", protocol=protocol), (NOTIFY, TRUE)), place.cause(protocol, BAD_FILE_NAME))
+        fails(
+            Request(operator).create(*direction(SERVER4, "$(touch /tmp/x)", protocol=protocol),
+                                     (NOTIFY, TRUE)), place.cause(protocol, BAD_FILE_NAME))
     assert not Path("/tmp/x").exists() and os.listdir(SERVER_ROOT) == []
 
 
@@ -285,10 +275,16 @@ def test_names_that_the_server_refuses(operator, place, protocol, unchanged):
     serve("unreadable.cfg", "hostname stolen\n", mode=0o600)
     protected = serve("protected.cfg", "untouched\n", mode=0o444)
     try:
-        for direction, name in ((download, "missing.cfg"), (download, "unreadable.cfg"), (download, "folder"), (upload, "protected.cfg"), (upload, "folder")):
-            request = Request(operator).create(*direction(SERVER4, name, protocol=protocol), (NOTIFY, TRUE))
+        for direction, name in ((download, "missing.cfg"), (download, "unreadable.cfg"),
+                                (download, "folder"), (upload, "protected.cfg"), (upload,
+                                                                                  "folder")):
+            request = Request(operator).create(*direction(SERVER4, name, protocol=protocol),
+                                               (NOTIFY, TRUE))
             # The TFTP server opens a folder as if it were a file, and then has nothing to send.
-            fails(request, place.cause(protocol, BAD_FILE_NAME, GENERAL if (direction, name) == (download, "folder") else None))
+            fails(
+                request,
+                place.cause(protocol, BAD_FILE_NAME, GENERAL if
+                            (direction, name) == (download, "folder") else None))
         assert protected.read_text() == "untouched\n"
     finally:
         for file in folder.iterdir():
@@ -300,8 +296,11 @@ def test_names_that_the_server_refuses(operator, place, protocol, unchanged):
 def test_login_that_the_server_refuses(operator, protocol, unchanged):
     """TFTP has no login."""
     serve("there.cfg", "hostname stolen\n")
-    for direction, name, login in ((download, "there.cfg", {"password": "wrong"}), (upload, "new.cfg", {"user": "nobody-knows"})):
-        fails(Request(operator).create(*direction(SERVER4, name, protocol=protocol, **login), (NOTIFY, TRUE)), GENERAL)
+    for direction, name, login in ((download, "there.cfg", {"password": "wrong"}),
+                                   (upload, "new.cfg", {"user": "nobody-knows"})):
+        fails(
+            Request(operator).create(*direction(SERVER4, name, protocol=protocol, **login),
+                                     (NOTIFY, TRUE)), GENERAL)
     assert os.listdir(SERVER_ROOT) == ["there.cfg"]
 
 
@@ -313,7 +312,9 @@ def test_changed_host_key(operator, protocol, unchanged):
     serve("there.cfg", "hostname stolen\n")
     known = KNOWN_HOSTS.read_bytes()
     for direction, name in ((download, "there.cfg"), (upload, "second.cfg")):
-        fails(Request(operator).create(*direction(SERVER4, name, protocol=protocol), (NOTIFY, TRUE)), GENERAL)
+        fails(
+            Request(operator).create(*direction(SERVER4, name, protocol=protocol), (NOTIFY, TRUE)),
+            GENERAL)
     assert KNOWN_HOSTS.read_bytes() == known and not (SERVER_ROOT / "second.cfg").exists()
     KNOWN_HOSTS.unlink()
     Request(operator).create(*upload(SERVER4, "second.cfg", protocol=protocol)).copied()
@@ -326,40 +327,31 @@ def test_changed_host_key(operator, protocol, unchanged):
 def test_full_disk_of_the_server(operator, place, protocol, startup, unchanged):
     startup(content(1_000_000))  # more than a server may keep in its buffers
     with full_disk(SERVER_ROOT):
-        fails(Request(operator).create(*upload(SERVER4, "no-room.cfg", STARTUP, protocol), (NOTIFY, TRUE)), place.cause(protocol, NO_SPACE))
+        fails(
+            Request(operator).create(*upload(SERVER4, "no-room.cfg", STARTUP, protocol),
+                                     (NOTIFY, TRUE)), place.cause(protocol, NO_SPACE))
     Request(operator).create(*upload(SERVER4, "room.cfg", STARTUP, protocol)).copied()
     assert (SERVER_ROOT / "room.cfg").read_bytes() == content(1_000_000)
 
 
 @EVERY_PROTOCOL
 def test_full_disk_of_the_switch(operator, place, protocol, unchanged):
-    """TFTP tells of its own side by the system's error, and the table of causes knows no number for that one. What is to be uploaded is written
-    down first, which fails before any protocol begins."""
+    """TFTP tells of its own side by the system's error, and the table of causes knows no number for
+    that one. What is to be uploaded is written down first, which fails before any protocol
+    begins."""
     serve("large.cfg", content(1_000_000))
     with full_disk(STATE_DIRECTORY):
-        fails(Request(operator).create(*download(SERVER4, "large.cfg", protocol=protocol), (NOTIFY, TRUE)), place.cause(protocol, NO_SPACE, GENERAL))
-        fails(Request(operator).create(*upload(SERVER4, "none.cfg", protocol=protocol), (NOTIFY, TRUE)), GENERAL)
+        fails(
+            Request(operator).create(*download(SERVER4, "large.cfg", protocol=protocol),
+                                     (NOTIFY, TRUE)), place.cause(protocol, NO_SPACE, GENERAL))
+        fails(
+            Request(operator).create(*upload(SERVER4, "none.cfg", protocol=protocol),
+                                     (NOTIFY, TRUE)), GENERAL)
     assert os.listdir(SERVER_ROOT) == ["large.cfg"]
     Request(operator).create(*download(SERVER4, "large.cfg", protocol=protocol)).copied()
 
 
 # Servers that do not answer, and links that break
-
-
-@pytest.fixture
-def other_server(place):
-    """Starts a program on the second address of the server's host. Nobody else listens there."""
-    run("lab-ctl", "server-exec", "ip", "address", "add", f"{OTHER_SERVER}/24", "dev", "br0")
-    started = []
-
-    def start(*words):
-        started.append(subprocess.Popen(["lab-ctl", "server-exec", *words], stdin=subprocess.DEVNULL))
-
-    yield start
-    for process in started:
-        process.kill()
-        process.wait()
-    run("lab-ctl", "server-exec", "ip", "address", "del", f"{OTHER_SERVER}/24", "dev", "br0")
 
 
 # Takes connections and datagrams and never says a word.
@@ -373,20 +365,26 @@ time.sleep(600)
 
 
 def listening():
-    return all(run("lab-ctl", "server-exec", "ss", "-Hln", "-A", kind, f"src {OTHER_SERVER}:{port}") for kind, port in (("tcp", 21), ("tcp", 22), ("udp", 69)))
+    return all(
+        run("lab-ctl", "server-exec", "ss", "-Hln", "-A", kind, f"src {OTHER_SERVER}:{port}")
+        for kind, port in (("tcp", 21), ("tcp", 22), ("udp", 69)))
 
 
 @EVERY_PROTOCOL
 def test_nobody_listens(operator, place, protocol, other_server, unchanged):
     for direction in (upload, download):
-        fails(Request(operator).create(*direction(OTHER_SERVER, "x.cfg", protocol=protocol), (NOTIFY, TRUE)), place.cause(protocol, TIMEOUT, GENERAL))
+        fails(
+            Request(operator).create(*direction(OTHER_SERVER, "x.cfg", protocol=protocol),
+                                     (NOTIFY, TRUE)), place.cause(protocol, TIMEOUT, GENERAL))
 
 
 class Pair:
     """An upload and a download by one protocol at the same time, from one switch and to another."""
 
     size = 6_500_000  # several times what SSH's clients and servers write at once
-    rate = 13_000  # kbit/s: so that neither direction is through before the other one has half, even when that one loses two seconds to TCP's
+    # Kbit/s: so that neither direction is through before the other one has half, even when that one
+    # loses two seconds to TCP's.
+    rate = 13_000
     # recovery or to a busy machine
 
     def __init__(self, place, protocol, up=1, down=2):
@@ -396,8 +394,10 @@ class Pair:
         self.target = SERVER_ROOT / f"up{protocol}.cfg"
         self.switches[0].startup(content(self.size))
         serve(f"down{protocol}.cfg", content(self.size))
-        self.requests = (Request(place.manager(up)).create(*upload(SERVER4, self.target.name, STARTUP, protocol), (NOTIFY, TRUE)),
-                         Request(place.manager(down)).create(*download(SERVER4, f"down{protocol}.cfg", protocol=protocol), (NOTIFY, TRUE)))
+        self.requests = (Request(place.manager(up)).create(
+            *upload(SERVER4, self.target.name, STARTUP, protocol),
+            (NOTIFY, TRUE)), Request(place.manager(down)).create(
+                *download(SERVER4, f"down{protocol}.cfg", protocol=protocol), (NOTIFY, TRUE)))
 
     def start_and_reach(self, part):
         for request in self.requests:
@@ -409,7 +409,8 @@ class Pair:
             nonlocal most
             up = self.target.stat().st_size if self.target.exists() else 0
             down = self.switches[1].arrived()
-            assert down >= most, f"the download ended with {most} of {self.size} octets; the upload has moved {up}"
+            assert down >= most, (f"the download ended with {most} of {self.size} octets; "
+                                  f"the upload has moved {up}")
             most = down
             return min(up, down) >= part * self.size
 
@@ -437,12 +438,14 @@ def cut_at_half(place, protocol, *numbers):
         with place.slow(Pair.rate, *numbers, protocol=protocol):
             pair.start_and_reach(0.5)
             with place.broken(*numbers):
-                pair.fail(place.cause(protocol, TIMEOUT), tells=place.vrf is not None)  # what would tell goes the same way
+                # What would tell goes the same way.
+                pair.fail(place.cause(protocol, TIMEOUT), tells=place.vrf is not None)
 
 
 def test_silence(place, other_server, startup, unchanged):
-    """A server that takes connections and says nothing, and a link that breaks at half of the file. TFTP waits 20 seconds each time; meanwhile
-    other switches have their turn. Within a VRF all switches share the link, so that the protocols cut it one after the other."""
+    """A server that takes connections and says nothing, and a link that breaks at half of the file.
+    TFTP waits 20 seconds each time; meanwhile other switches have their turn. Within a VRF all
+    switches share the link, so that the protocols cut it one after the other."""
     other_server("/usr/bin/python3", "-c", SILENT)
     wait_for(listening, what="the silent server")
     last = len(os.environ["LAB_AGENTS"].split())
@@ -452,13 +455,17 @@ def test_silence(place, other_server, startup, unchanged):
 
     def silent(protocol, number):
         with settings(number, **LIMITS):
-            fails_on(number, Request(place.manager(number)).create(*download(OTHER_SERVER, "x.cfg", protocol=protocol), (NOTIFY, TRUE)), TIMEOUT)
+            fails_on(
+                number,
+                Request(place.manager(number)).create(
+                    *download(OTHER_SERVER, "x.cfg", protocol=protocol), (NOTIFY, TRUE)), TIMEOUT)
 
     def fails_on(number, request, cause):
         start = time.monotonic()
         request.activate()
         assert request.finished() == (STATE_FAILED, cause)
-        assert LIMITS["transfer_idle_limit"] - 1 < time.monotonic() - start < LIMITS["transfer_idle_limit"] + 4
+        took = time.monotonic() - start
+        assert LIMITS["transfer_idle_limit"] - 1 < took < LIMITS["transfer_idle_limit"] + 4
         notified(request, STATE_FAILED, cause)
         left_clean(number)
 
@@ -469,7 +476,10 @@ def test_silence(place, other_server, startup, unchanged):
             for protocol in PROTOCOLS.values():
                 cut_at_half(place, protocol, 1, 2)
         else:
-            list(pool.map(lambda protocol: cut_at_half(place, protocol, next(numbers), next(numbers)), PROTOCOLS.values()))
+            cuts = pool.map(
+                lambda protocol: cut_at_half(place, protocol, next(numbers), next(numbers)),
+                PROTOCOLS.values())
+            list(cuts)
     assert patient.finished(30) == (STATE_FAILED, place.cause(TFTP, TIMEOUT))
     notified(patient, STATE_FAILED, place.cause(TFTP, TIMEOUT))
     assert time.monotonic() - began > 19
@@ -498,7 +508,8 @@ class Watch(threading.Thread):
     def __init__(self):
         super().__init__()
         self.over = threading.Event()
-        self.seen = set()  # (what shows it, the program and its script, the process's age in tenths of a second)
+        # (What shows it, the program and its script, the process's age in tenths of a second.)
+        self.seen = set()
         self.clients = {}  # how often each was looked at
 
     def run(self):
@@ -513,11 +524,14 @@ class Watch(threading.Thread):
         words = [os.path.basename(word.decode(errors="replace")) for word in arguments.split(b"\0")]
         if words[0] in ("ftp", "sftp", "scp", "ssh"):
             self.clients[words[0]] = self.clients.get(words[0], 0) + 1
-        for what, text in (("arguments", arguments), ("environment", (process / "environ").read_bytes())):
+        environment = (process / "environ").read_bytes()
+        for what, text in (("arguments", arguments), ("environment", environment)):
             if SECRET.encode() in text and not self.is_ours(int(process.name)):
-                started = int((process / "stat").read_text().rpartition(")")[2].split()[19]) / os.sysconf("SC_CLK_TCK")
+                ticks = int((process / "stat").read_text().rpartition(")")[2].split()[19])
+                started = ticks / os.sysconf("SC_CLK_TCK")
                 script = next((word for word in words if word.endswith(".expect")), words[0])
-                self.seen.add((what, script, int(10 * (time.clock_gettime(time.CLOCK_BOOTTIME) - started))))
+                self.seen.add(
+                    (what, script, int(10 * (time.clock_gettime(time.CLOCK_BOOTTIME) - started))))
 
     def is_ours(self, pid):
         while pid > 1 and pid != os.getpid():
@@ -530,11 +544,15 @@ def lines_with_the_password(text):
 
 
 @EVERY_SCRIPT
-def test_password_is_nowhere_but_where_it_is_said_to_be(operator, place, protocol, startup, unchanged):
-    """A script shows it among its arguments until it has read them, which is at once; nobody else does, ever. The agent's log has a trace line of
-    each transfer with it, and the debug history the command of SCP."""
-    name, program, clients = {FTP: ("FTP", "snmp.ftp.expect", ["ftp"]), SFTP: ("SFTP", "sftp.expect", ["sftp", "ssh"]),
-                              SCP: ("SCP", "scp.expect", ["scp", "ssh"])}[protocol]
+def test_password_is_nowhere_but_where_it_is_said_to_be(operator, place, protocol, startup,
+                                                        unchanged):
+    """A script shows it among its arguments until it has read them, which is at once; nobody else
+    does, ever. The agent's log has a trace line of each transfer with it, and the debug history the
+    command of SCP."""
+    name, program, clients = {
+        FTP: ("FTP", "snmp.ftp.expect", ["ftp"]), SFTP: ("SFTP", "sftp.expect", ["sftp", "ssh"]),
+        SCP: ("SCP", "scp.expect", ["scp", "ssh"])
+    }[protocol]
     startup(content(100_000))
     log = LOGS / "snmpd1.log"
     before = len(log.read_text()), run("ulmo-history")
@@ -548,12 +566,22 @@ def test_password_is_nowhere_but_where_it_is_said_to_be(operator, place, protoco
         finally:
             watch.over.set()
             watch.join()
-    assert {(what, script) for what, script, _ in watch.seen} <= {("arguments", program)} and all(age < 5 for *_, age in watch.seen), watch.seen
+    assert {(what, script)
+            for what, script, _ in watch.seen} <= {("arguments", program)}, watch.seen
+    assert all(age < 5 for *_, age in watch.seen), watch.seen
     assert all(watch.clients.get(client, 0) > 10 for client in clients)
 
     traces = lines_with_the_password(log.read_text()[before[0]:])
-    assert [re.search(r"(FTP|SFTP|SCP)_(PUT|GET)", line)[0] for line in traces] == [f"{name}_PUT", f"{name}_GET"]
+    assert [re.search(r"(FTP|SFTP|SCP)_(PUT|GET)", line)[0]
+            for line in traces] == [f"{name}_PUT", f"{name}_GET"]
     told = [line for line in lines_with_the_password(run("ulmo-history")) if line not in before[1]]
-    assert len(told) == (2 if protocol == SCP else 0) and all("executing command" in line for line in told)
-    files = [path for path in (*LOGS.iterdir(), *STATE_DIRECTORY.rglob("*"), *Path("/tmp").iterdir()) if path.is_file()]
-    assert [path for path in files if SECRET.encode() in path.read_bytes() and not re.fullmatch(r"snmpd\d+\.log", path.name)] == []
+    assert len(told) == (2 if protocol == SCP else 0)
+    assert all("executing command" in line for line in told)
+    files = [
+        path for path in (*LOGS.iterdir(), *STATE_DIRECTORY.rglob("*"), *Path("/tmp").iterdir())
+        if path.is_file()
+    ]
+    assert [
+        path for path in files
+        if SECRET.encode() in path.read_bytes() and not re.fullmatch(r"snmpd\d+\.log", path.name)
+    ] == []

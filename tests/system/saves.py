@@ -1,13 +1,16 @@
-"""Saves through the system manager: what tests need to start one, to hold it up, and to see what it did. Beside copy_table.py."""
+"""Saves through the system manager: what tests need to start one, to hold it up, and to see what it
+did. Beside copy_table.py."""
 
 import contextlib
 import fcntl
 import os
 import struct
-import time
-from pathlib import Path
 
-from copy_table import *
+from copy_numbers import ERROR_ENTRY
+from copy_table import (
+    ALL_STARTUP, DESTINATION, FABRIC_STARTUP, LOGS, NOTIFY, RUNNING, SOURCE, STARTUP,
+    STATE_DIRECTORY, TRUE, Request, lab_ctl,
+)
 
 SYSTEM_MANAGER_REFUSED, SYSTEM_MANAGER_FAILED = 8, 9
 DEVICE_ADDRESS_TYPE, DEVICE_ADDRESS, SWITCH_WWN, ERROR_TEXT = range(2, 6)
@@ -17,7 +20,8 @@ DAEMON_LOG = LOGS / "wardend1.log"
 
 def save(manager, destination=STARTUP, notify=TRUE, **index):
     """A request, not yet active."""
-    return Request(manager, **index).create((SOURCE, RUNNING), (DESTINATION, destination), (NOTIFY, notify))
+    return Request(manager, **index).create((SOURCE, RUNNING), (DESTINATION, destination),
+                                            (NOTIFY, notify))
 
 
 def startup(state=STATE_DIRECTORY):
@@ -30,7 +34,9 @@ def running(state=STATE_DIRECTORY):
 
 def change_times():
     file = STATE_DIRECTORY / "change-times"
-    return {int(kind): int(when) for kind, when in map(str.split, file.read_text().splitlines())} if file.exists() else {}
+    return {int(kind): int(when)
+            for kind, when in map(str.split,
+                                  file.read_text().splitlines())} if file.exists() else {}
 
 
 @contextlib.contextmanager
@@ -39,7 +45,8 @@ def busy_device(state=STATE_DIRECTORY):
     file = os.open(state / "configuration.lock", os.O_RDWR)
     try:
         # struct flock of fcntl(2): a write lock on everything.
-        fcntl.fcntl(file, fcntl.F_OFD_SETLKW, struct.pack("hhqqi", fcntl.F_WRLCK, os.SEEK_SET, 0, 0, 0))
+        fcntl.fcntl(file, fcntl.F_OFD_SETLKW,
+                    struct.pack("hhqqi", fcntl.F_WRLCK, os.SEEK_SET, 0, 0, 0))
         yield
     finally:
         os.close(file)
@@ -81,7 +88,8 @@ def logged(text):
 
 
 def error_rows(manager, index=None):
-    """The rows of the error table in the order of a walk: ((index, error), (address type, address, WWN, text))."""
+    """The rows of the error table in the order of a walk: ((index, error), (address type, address,
+    WWN, text))."""
     columns = {}
     for oid, value in manager.walk(ERROR_ENTRY):
         column, *key = map(int, oid.removeprefix(f"{ERROR_ENTRY}.").split("."))

@@ -1,7 +1,11 @@
-"""The copies that hold with every TFTP server, collected by the folders of the labs that they run in."""
+"""The copies that hold with every TFTP server, collected by the folders of the labs that they run
+in."""
 
 import pytest
-from copy_table import *
+from copy_table import (
+    BAD_FILE_NAME, SERVER4, SERVER6, SERVER_ROOT, STARTUP, TIME_COMPLETED, TIME_STARTED, Request,
+    download, serve, show, upload,
+)
 
 SERVERS = pytest.mark.parametrize("server", [SERVER4, SERVER6], ids=["ipv4", "ipv6"])
 

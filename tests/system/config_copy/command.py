@@ -12,7 +12,8 @@ import termios
 import time
 from pathlib import Path
 
-from copy_table import *
+from copy_numbers import COPY_ENTRY
+from copy_table import AGENT, ROW_STATUS, SERVER4, STATE_DIRECTORY, agent_pid
 
 DONE, FAILED, USAGE, REFUSED, UNREACHABLE, BUSY = range(6)
 ANSWER, SET = 0xA2, 0xA3  # kinds of SNMP messages
@@ -31,12 +32,14 @@ class Ended:
 
 
 def config_copy(*words, stdin="", within=60, **settings):
-    done = subprocess.run(["config-copy", *map(str, words)], input=stdin, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, timeout=within, **settings)
+    done = subprocess.run(["config-copy", *map(str, words)], input=stdin, stdout=subprocess.PIPE,
+                          stderr=subprocess.PIPE, text=True, timeout=within, **settings)
     return Ended(done.returncode, done.stdout, done.stderr)
 
 
 def started(*words):
-    return subprocess.Popen(["config-copy", *map(str, words)], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    return subprocess.Popen(["config-copy", *map(str, words)], stdin=subprocess.DEVNULL,
+                            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
 
 
 def ended(process, within=30):
@@ -45,8 +48,9 @@ def ended(process, within=30):
 
 
 def on_terminal(*words, answers=(), within=30):
-    """Runs the command on a terminal of its own, which echoes; types each answer when its prompt stands there. (status, all that was shown, whether
-    the terminal echoed when each answer was typed and at the end)."""
+    """Runs the command on a terminal of its own, which echoes; types each answer when its prompt
+    stands there. (status, all that was shown, whether the terminal echoed when each answer was
+    typed and at the end)."""
     pid, terminal = pty.fork()
     if pid == 0:
         os.execvp("config-copy", ["config-copy", *map(str, words)])
@@ -74,13 +78,15 @@ def on_terminal(*words, answers=(), within=30):
 
 
 def through_relay(passes, *options, words=("running", f"tftp://{SERVER4}/lost.cfg")):
-    """Runs the command through a relay to the agent, which carries what `passes(kind, number)` lets pass: the kind's so many-th packet. (the end, what
-    kinds were carried)."""
-    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as near, socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as far:
+    """Runs the command through a relay to the agent, which carries what `passes(kind, number)` lets
+    pass: the kind's so many-th packet. (the end, what kinds were carried)."""
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as near, socket.socket(
+            socket.AF_INET, socket.SOCK_DGRAM) as far:
         near.bind(("127.0.0.1", 0))
         far.connect((AGENT, 161))
         counts, carried = {}, []
-        process = started("-v2c", "-c", "lab", *options, f"127.0.0.1:{near.getsockname()[1]}", *words)
+        process = started("-v2c", "-c", "lab", *options, f"127.0.0.1:{near.getsockname()[1]}",
+                          *words)
         while process.poll() is None:
             for end in select.select([near, far], [], [], 0.05)[0]:
                 if end is near:
@@ -107,21 +113,34 @@ class Agent:
         shutil.copy(STATE_DIRECTORY / "running.cfg", state)
         shutil.copy(STATE_DIRECTORY / "system.cfg", state)
         (self.home / "platform.conf").write_text("management_interface = lo\n")
-        lines = [f"agentAddress udp:{self.name},tcp:{self.name}", f"exactEngineID 0x80001f8804{port:04x}746573", *settings]
+        lines = [
+            f"agentAddress udp:{self.name},tcp:{self.name}",
+            f"exactEngineID 0x80001f8804{port:04x}746573", *settings
+        ]
         if with_module:
-            (module,) = [line for line in Path("/lab/switch1/agent/snmpd.conf").read_text().splitlines() if line.startswith("dlmod ")]
+            (module,) = [
+                line for line in Path("/lab/switch1/agent/snmpd.conf").read_text().splitlines()
+                if line.startswith("dlmod ")
+            ]
             lines.append(module)
         (self.home / "snmpd.conf").write_text("\n".join(lines) + "\n")
-        environment = {**os.environ, "SNMPCONFPATH": str(self.home), "SNMP_PERSISTENT_DIR": str(self.home / "persistent"), "ULMO_STATE_DIR": str(state),
-                       "ULMO_RUN_DIR": str(self.home / "run"), "ULMO_CONF": str(self.home / "platform.conf")}
+        environment = {
+            **os.environ, "SNMPCONFPATH": str(self.home),
+            "SNMP_PERSISTENT_DIR": str(self.home / "persistent"), "ULMO_STATE_DIR": str(state),
+            "ULMO_RUN_DIR": str(self.home / "run"), "ULMO_CONF": str(self.home / "platform.conf")
+        }
         with open(self.home / "log", "wb") as log:
-            self.process = subprocess.Popen([os.readlink(f"/proc/{agent_pid()}/exe"), "-f", "-Le", "-I", "-smux,mteTrigger,mteTriggerConf"], cwd=work,
-                                            env=environment, stdin=subprocess.DEVNULL, stdout=log, stderr=log)
+            self.process = subprocess.Popen([
+                os.readlink(f"/proc/{agent_pid()}/exe"), "-f", "-Le", "-I",
+                "-smux,mteTrigger,mteTriggerConf"
+            ], cwd=work, env=environment, stdin=subprocess.DEVNULL, stdout=log, stderr=log)
 
     def answers(self):
         assert self.process.poll() is None, (self.home / "log").read_text()
-        return subprocess.run(["snmpget", "-v2c", "-c", "probe", "-r0", "-t0.5", self.name, ".1.3.6.1.2.1.1.3.0"], stdin=subprocess.DEVNULL,
-                              stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL).returncode == 0
+        return subprocess.run(
+            ["snmpget", "-v2c", "-c", "probe", "-r0", "-t0.5", self.name, ".1.3.6.1.2.1.1.3.0"],
+            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+            stderr=subprocess.DEVNULL).returncode == 0
 
     def stop(self):
         self.process.terminate()

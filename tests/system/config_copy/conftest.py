@@ -20,8 +20,11 @@ def own_agents(tmp_path):
     agents = []
 
     def start(count=1, settings=(), with_module=True):
-        new = [cc.Agent(tmp_path / f"agent{port}", port, ("rocommunity probe default .1.3.6.1.2.1.1", *settings), with_module)
-               for port in itertools.islice(_ports, count)]
+        new = [
+            cc.Agent(tmp_path / f"agent{port}", port,
+                     ("rocommunity probe default .1.3.6.1.2.1.1", *settings), with_module)
+            for port in itertools.islice(_ports, count)
+        ]
         agents.extend(new)
         for agent in new:
             cc.wait_for(agent.answers, 60, f"an answer of {agent.name}")

@@ -2,9 +2,11 @@
 
 import re
 import shlex
+from pathlib import Path
 
 import pytest
-from command import *
+from command import config_copy
+from copy_table import run
 
 REPOSITORY = Path(__file__).parents[3]
 COMPLETION = REPOSITORY / "config-copy/config-copy.bash-completion"
@@ -12,7 +14,9 @@ COMPLETION = REPOSITORY / "config-copy/config-copy.bash-completion"
 
 def completed(*words):
     """What bash offers for the last word."""
-    script = f"source {shlex.quote(str(COMPLETION))}; COMP_LINE=\"config-copy $*\" COMP_POINT=1000; _config_copy config-copy \"${{@: -1}}\" -; printf '%s\\n' \"${{COMPREPLY[@]}}\""
+    script = (f"source {shlex.quote(str(COMPLETION))}; COMP_LINE=\"config-copy $*\" "
+              f"COMP_POINT=1000; _config_copy config-copy \"${{@: -1}}\" -; "
+              f"printf '%s\\n' \"${{COMPREPLY[@]}}\"")
     return run("bash", "-c", script, "bash", *words).split()
 
 

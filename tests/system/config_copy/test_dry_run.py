@@ -1,11 +1,18 @@
 """--dry-run: asks, tells, and sets nothing."""
 
-import pytest
-from command import *
-from saves import *
+import time
 
-READER = ("createUser reader SHA-256 reader-authentication AES reader-privacy-key", "rouser reader authPriv")
-AS_READER = ("-u", "reader", "-a", "SHA-256", "-A", "reader-authentication", "-x", "AES", "-X", "reader-privacy-key")
+import pytest
+from command import (
+    ANSWER, BUSY, DONE, QUICK, REFUSED, SET, UNREACHABLE, USAGE, config_copy, rows, through_relay,
+)
+from copy_table import AGENT, SERVER4, SERVER_ROOT, Request, serve, show, upload
+from saves import busy_device, save
+
+READER = ("createUser reader SHA-256 reader-authentication AES reader-privacy-key",
+          "rouser reader authPriv")
+AS_READER = ("-u", "reader", "-a", "SHA-256", "-A", "reader-authentication", "-x", "AES", "-X",
+             "reader-privacy-key")
 RIGHTS = "; whether this user may write shows only when a copy is made\n"
 
 
@@ -15,7 +22,9 @@ def no_row_stays(operator):
     assert rows(operator) == []
 
 
-@pytest.mark.parametrize("words", [("running", "startup"), (f"tftp://{SERVER4}/evil.cfg", "running"), ("running", f"scp://u@{SERVER4}/a")])
+@pytest.mark.parametrize("words", [("running", "startup"),
+                                   (f"tftp://{SERVER4}/evil.cfg", "running"),
+                                   ("running", f"scp://u@{SERVER4}/a")])
 def test_no_set_is_sent(words, lines_of):
     serve("evil.cfg", lines_of("vlan 666"))
     before = show("running"), show("startup")
@@ -28,14 +37,19 @@ def test_no_set_is_sent(words, lines_of):
 
 def test_what_would_be_done():
     done = config_copy("--dry-run", AGENT, "running", "startup")
-    assert (done.status, done.out, done.err) == (DONE, f"{AGENT}: dry run, nothing is set: would copy running to startup{RIGHTS}", "")
+    assert (done.status, done.out, done.err) == (
+        DONE, f"{AGENT}: dry run, nothing is set: would copy running to startup{RIGHTS}", "")
     with open("/etc/hosts", "a") as hosts:
         hosts.write(f"{SERVER4} dry.example.net\n")
     name = f"{AGENT}-{time.strftime('%Y-%m-%d')} %.cfg"
-    done = config_copy("--dry-run", AGENT, "startup-config", "sftp://joe@dry.example.net/{host}-{date}%20%25.cfg")
+    done = config_copy("--dry-run", AGENT, "startup-config",
+                       "sftp://joe@dry.example.net/{host}-{date}%20%25.cfg")
     assert (done.status, done.out, done.err) == (
-        DONE, f"{AGENT}: dry run, nothing is set: would copy startup to sftp://joe@dry.example.net/{name.replace('%', '%25').replace(' ', '%20')} "
-              f'(server {SERVER4}, file "{name}"){RIGHTS}', "")
+        DONE,
+        f"{AGENT}: dry run, nothing is set: "
+        "would copy startup to "
+        f"sftp://joe@dry.example.net/{name.replace('%', '%25').replace(' ', '%20')} "
+        f'(server {SERVER4}, file "{name}"){RIGHTS}', "")
 
 
 def test_a_user_who_may_only_read(own_agents):
@@ -54,9 +68,15 @@ def test_busy(operator):
         request = save(operator)
         request.activate()
         done = config_copy("--dry-run", AGENT, "startup", "running")
-        assert (done.status, done.err) == (BUSY, f"config-copy: {AGENT}: another copy is in progress: try again later, or queue with --wait-turn SECONDS\n")
+        assert (done.status, done.err) == (
+            BUSY,
+            f"config-copy: {AGENT}: another copy is in progress: try again later, "
+            "or queue with --wait-turn SECONDS\n"
+        )
         done = config_copy("--dry-run", "--wait-turn", 60, AGENT, "startup", "running")
-        assert done.status == DONE and " would copy startup to running when its turn comes, as another copy is in progress; " in done.out, done
+        assert done.status == DONE, done
+        assert (" would copy startup to running when its turn comes, as another copy is in "
+                "progress; ") in done.out, done
     request.finished()
     request.destroy()
 
@@ -64,14 +84,17 @@ def test_busy(operator):
 def test_a_request_that_waits(operator):
     other = Request(operator).create(*upload(SERVER4, "later.cfg"))
     done = config_copy("--dry-run", AGENT, "running", "startup")
-    assert done.status == BUSY and f"another manager's request {other.index} waits to be started" in done.err, done
+    assert done.status == BUSY, done
+    assert f"another manager's request {other.index} waits to be started" in done.err, done
     other.destroy()
 
 
 def test_a_password_file_is_read_and_nobody_is_asked(tmp_path):
     assert config_copy("--dry-run", AGENT, "running", f"sftp://u@{SERVER4}/a").status == DONE
-    done = config_copy("--dry-run", "--password-file", tmp_path, AGENT, "running", f"sftp://u@{SERVER4}/a")
-    assert (done.status, done.err) == (USAGE, f"config-copy: the password file {tmp_path} can't be read: Is a directory\n")
+    done = config_copy("--dry-run", "--password-file", tmp_path, AGENT, "running",
+                       f"sftp://u@{SERVER4}/a")
+    assert (done.status, done.err) == (
+        USAGE, f"config-copy: the password file {tmp_path} can't be read: Is a directory\n")
     done = config_copy("--dry-run", "-v2c", "-c", "lab", AGENT, "running", f"sftp://u@{SERVER4}/a")
     assert "travels to the agent unencrypted" in done.err, done
 
@@ -79,4 +102,5 @@ def test_a_password_file_is_read_and_nobody_is_asked(tmp_path):
 def test_many(tmp_path):
     (tmp_path / "hosts").write_text(f"{AGENT}\n127.0.0.1:9\n")
     done = config_copy("--dry-run", *QUICK, "--hosts", tmp_path / "hosts", "running", "startup")
-    assert done.status == UNREACHABLE and done.out.endswith("\n2 agents: 1 ready, 1 not reachable\n"), done
+    assert done.status == UNREACHABLE, done
+    assert done.out.endswith("\n2 agents: 1 ready, 1 not reachable\n"), done

@@ -1,12 +1,20 @@
-"""Single packets are lost between the steps of a request, which a link that loses some at random seldom does."""
+"""Single packets are lost between the steps of a request, which a link that loses some at random
+seldom does."""
 
 import pytest
-from command import *
+from command import ANSWER, DONE, SET, UNREACHABLE, rows, through_relay
+from copy_table import (
+    SERVER4, SERVER_ROOT, STATE, STATE_WAITING, Request, agent_pid, children, download, show,
+    wait_for,
+)
 
-@pytest.mark.parametrize("lost, writes", [((SET, 1), 4), ((ANSWER, 2), 3), ((SET, 2), 3), ((ANSWER, 4), 3)],
+
+@pytest.mark.parametrize("lost, writes", [((SET, 1), 4), ((ANSWER, 2), 3), ((SET, 2), 3),
+                                          ((ANSWER, 4), 3)],
                          ids=["making", "made", "activation", "activated"])
 def test_one_packet_is_lost(operator, lost, writes):
-    """A request is made, activated and destroyed once. One whose making is not answered and that is not there may still come, so it is destroyed, too."""
+    """A request is made, activated and destroyed once. One whose making is not answered and that is
+    not there may still come, so it is destroyed, too."""
     done, carried = through_relay(lambda *packet: packet != lost, "-t", "1", "-r", "3")
     assert done.status == DONE, done
     assert carried.count(SET) == writes and rows(operator) == []
@@ -22,20 +30,27 @@ def test_agent_that_goes_before_the_activation(operator):
 
     done, carried = through_relay(passes, "-t", "0.5", "-r", "0")
     (index,) = rows(operator)
-    assert done.status == UNREACHABLE and " in 0.5 s: it answered before; is it still running?" in done.err, done
-    assert done.err.endswith(f"; its request {index} could not be removed and goes by itself within 7 minutes\n") and carried.count(SET) == 1
+    assert done.status == UNREACHABLE, done
+    assert " in 0.5 s: it answered before; is it still running?" in done.err, done
+    assert done.err.endswith(
+        f"; its request {index} could not be removed and goes by itself within 7 minutes\n")
+    assert carried.count(SET) == 1
     assert Request(operator, index).get(STATE) == STATE_WAITING
 
 
 def test_no_write_comes_through_after_the_first(operator):
-    done, carried = through_relay(lambda kind, number: kind != SET or number == 1, "-t", "0.3", "-r", "0")
+    done, carried = through_relay(lambda kind, number: kind != SET or number == 1, "-t", "0.3",
+                                  "-r", "0")
     (index,) = rows(operator)
-    assert done.status == UNREACHABLE and " answers, but the copy can't be started: too many packets are lost; its request " in done.err, done
+    assert done.status == UNREACHABLE, done
+    said = " answers, but the copy can't be started: too many packets are lost; its request "
+    assert said in done.err, done
     assert Request(operator, index).get(STATE) == STATE_WAITING
 
 
 def test_transfer_that_ends_between_refusal_and_question(operator, broken_link):
-    """The other copy has no request any more. When the activation is tried again, the switch is free: this is not told as busy."""
+    """The other copy has no request any more. When the activation is tried again, the switch is
+    free: this is not told as busy."""
     other = Request(operator).create(*download(SERVER4, "absent.cfg"))
     other.activate()
     other.destroy()

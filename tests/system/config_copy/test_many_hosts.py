@@ -1,16 +1,22 @@
-"""The same copy on many agents: stock agents with the module, each with a switch's state of its own, on ports of the loopback."""
+"""The same copy on many agents: stock agents with the module, each with a switch's state of its
+own, on ports of the loopback."""
 
 import contextlib
 import resource
+import signal
 import socket
+import time
 
 import pytest
-from command import *
+from command import BUSY, DONE, FAILED, QUICK, UNREACHABLE, USAGE, config_copy, ended, started
+from copy_table import SERVER4, SERVER_ROOT, show, wait_for
 
 ALIVE = 47
 DEAD_AFTER = 10  # seconds: two requests
-USER = ("-u", "many", "-a", "SHA-256", "-A", "many-authentication", "-x", "AES", "-X", "many-privacy-key")
-SETTINGS = ("createUser many SHA-256 many-authentication AES many-privacy-key", "rwuser many authPriv")
+USER = ("-u", "many", "-a", "SHA-256", "-A", "many-authentication", "-x", "AES", "-X",
+        "many-privacy-key")
+SETTINGS = ("createUser many SHA-256 many-authentication AES many-privacy-key",
+            "rwuser many authPriv")
 
 
 @contextlib.contextmanager
@@ -32,7 +38,8 @@ def test_fifty_agents_three_of_them_dead(own_agents, tmp_path):
     with silent_agent() as silent:
         dead = [silent, "127.0.0.1:9", "198.51.100.9"]  # nobody there, and no way there
         hosts = hosts_file(tmp_path, dead + alive)
-        process = started(*USER, "-t", "5", "-r", "1", "--hosts", hosts, "--jobs", "50", "running", f"tftp://{SERVER4}/{{host}}.cfg")
+        process = started(*USER, "-t", "5", "-r", "1", "--hosts", hosts, "--jobs", "50", "running",
+                          f"tftp://{SERVER4}/{{host}}.cfg")
         began = time.monotonic()
         lines = [process.stdout.readline() for _ in alive]
         took = time.monotonic() - began
@@ -51,48 +58,73 @@ def test_fifty_agents_three_of_them_dead(own_agents, tmp_path):
 def test_jobs_and_json(own_agents, tmp_path):
     alive = [agent.name for agent in own_agents(3, SETTINGS)]
     with silent_agent() as silent:
-        done = config_copy(*USER, "-t", "3", "-r", "0", "--json", "--jobs", "1", "--hosts", hosts_file(tmp_path, [silent, *alive]), "running",
+        done = config_copy(*USER, "-t", "3", "-r", "0", "--json", "--jobs", "1", "--hosts",
+                           hosts_file(tmp_path, [silent, *alive]), "running",
                            f"tftp://{SERVER4}/{{host}}.cfg")
         *copies, summary = done.objects()
         # The one that is not there takes the only place from nobody.
-        assert sorted((copy["agent"], copy["ending"]) for copy in copies[:3]) == sorted((agent, "done") for agent in alive)
+        assert sorted((copy["agent"], copy["ending"]) for copy in copies[:3]) == sorted(
+            (agent, "done") for agent in alive)
         assert (copies[3]["agent"], copies[3]["ending"]) == (silent, "not_reachable")
-    assert summary == {"type": "summary", "agents": 4, "done": 3, "failed": 0, "usage": 0, "refused": 0, "not_reachable": 1, "busy": 0}
+    assert summary == {
+        "type": "summary", "agents": 4, "done": 3, "failed": 0, "usage": 0, "refused": 0,
+        "not_reachable": 1, "busy": 0
+    }
     assert done.status == UNREACHABLE
 
 
-@pytest.mark.parametrize("soft, hard, count", [(256, resource.getrlimit(resource.RLIMIT_NOFILE)[1], 1100), (128, 128, 100)], ids=["soft", "hard"])
+@pytest.mark.parametrize("soft, hard, count",
+                         [(256, resource.getrlimit(resource.RLIMIT_NOFILE)[1], 1100),
+                          (128, 128, 100)], ids=["soft", "hard"])
 def test_more_agents_than_open_files(own_agents, tmp_path, soft, hard, count):
-    """A soft limit is raised, so that the last agent is asked beside the silent ones; with a low hard limit it has to wait for them."""
+    """A soft limit is raised, so that the last agent is asked beside the silent ones; with a low
+    hard limit it has to wait for them."""
     (alive,) = own_agents(1, SETTINGS)
     silent = [f"127.1.{number // 250}.{number % 250 + 1}:9" for number in range(count)]
-    done = config_copy(*USER, "-t", "3" if hard > soft else "0.3", "-r", "0", "--json", "--jobs", 1000, "--hosts", hosts_file(tmp_path, [*silent, alive.name]), "running",
-                       f"tftp://{SERVER4}/{{host}}.cfg", preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (soft, hard)))
+    done = config_copy(
+        *USER, "-t", "3" if hard > soft else "0.3", "-r", "0", "--json", "--jobs", 1000, "--hosts",
+        hosts_file(tmp_path, [*silent, alive.name]), "running", f"tftp://{SERVER4}/{{host}}.cfg",
+        preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (soft, hard)))
     *copies, summary = done.objects()
-    assert summary == {"type": "summary", "agents": count + 1, "done": 1, "failed": 0, "usage": 0, "refused": 0, "not_reachable": count, "busy": 0}
+    assert summary == {
+        "type": "summary", "agents": count + 1, "done": 1, "failed": 0, "usage": 0, "refused": 0,
+        "not_reachable": count, "busy": 0
+    }
     (own,) = [number for number, copy in enumerate(copies) if copy["agent"] == alive.name]
-    assert copies.pop(own)["ending"] == "done" and (own == 0) == (hard > soft), f"it was number {own}"
-    assert all(copy["text"].startswith(f"no answer from {copy['agent']} in ") for copy in copies), copies
+    assert copies.pop(own)["ending"] == "done", f"it was number {own}"
+    assert (own == 0) == (hard > soft), f"it was number {own}"
+    assert all(copy["text"].startswith(f"no answer from {copy['agent']} in ")
+               for copy in copies), copies
 
 
 def test_endings_of_several_kinds(own_agents, tmp_path):
     (alive,) = own_agents(1, SETTINGS)
     (bare,) = own_agents(1, SETTINGS, with_module=False)
     with silent_agent() as silent:
-        done = config_copy(*USER, *QUICK, "--hosts", hosts_file(tmp_path, [alive.name, bare.name, silent]), "running", f"tftp://{SERVER4}/{{host}}")
-    assert done.status == FAILED and done.out.endswith("\n3 agents: 1 done, 1 refused, 1 not reachable\n"), done
+        done = config_copy(*USER, *QUICK, "--hosts",
+                           hosts_file(tmp_path, [alive.name, bare.name, silent]), "running",
+                           f"tftp://{SERVER4}/{{host}}")
+    assert done.status == FAILED, done
+    assert done.out.endswith("\n3 agents: 1 done, 1 refused, 1 not reachable\n"), done
 
 
 def test_transports(own_agents, tmp_path):
     first, second = own_agents(2, SETTINGS)
-    done = config_copy(*USER, "--hosts", hosts_file(tmp_path, [f"tcp:{first.name}", f"udp:{second.name}", "tcp:127.0.0.1:9"]), "running", f"tftp://{SERVER4}/{{host}}")
-    assert done.status == UNREACHABLE and done.out.endswith("3 agents: 2 done, 1 not reachable\n"), done
-    assert sorted(file.name for file in SERVER_ROOT.iterdir()) == [f"tcp-{first.name.replace(':', '-')}", f"udp-{second.name.replace(':', '-')}"]
+    done = config_copy(
+        *USER, "--hosts",
+        hosts_file(tmp_path, [f"tcp:{first.name}", f"udp:{second.name}", "tcp:127.0.0.1:9"]),
+        "running", f"tftp://{SERVER4}/{{host}}")
+    assert done.status == UNREACHABLE, done
+    assert done.out.endswith("3 agents: 2 done, 1 not reachable\n"), done
+    assert sorted(file.name for file in SERVER_ROOT.iterdir()) == [
+        f"tcp-{first.name.replace(':', '-')}", f"udp-{second.name.replace(':', '-')}"
+    ]
 
 
 def test_quiet(own_agents, tmp_path):
     (alive,) = own_agents(1, SETTINGS)
-    done = config_copy(*USER, "--quiet", "--hosts", hosts_file(tmp_path, [alive.name]), "running", f"tftp://{SERVER4}/{{host}}")
+    done = config_copy(*USER, "--quiet", "--hosts", hosts_file(tmp_path, [alive.name]), "running",
+                       f"tftp://{SERVER4}/{{host}}")
     assert (done.status, done.out, done.err) == (DONE, "", "")
 
 
@@ -102,34 +134,45 @@ def test_waiting_for_turns(own_agents, tmp_path, broken_link):
     words = (*USER, "--hosts", hosts_file(tmp_path, [busy, free]), "startup", "running")
     hanging = started(*USER, busy, "running", f"tftp://{SERVER4}/hanging.cfg")
     assert hanging.stdout.readline() == f"{busy}: copy running\n"
-    for options, ending in ((), ": try again later, or queue with --wait-turn SECONDS"), (("--wait-turn", 1), ", and did not end in 1 s"):
+    for options, ending in ((), ": try again later, or queue with --wait-turn SECONDS"), ((
+            "--wait-turn", 1), ", and did not end in 1 s"):
         done = config_copy(*options, *words)
-        assert done.status == BUSY and done.out.endswith("\n2 agents: 1 done, 1 busy\n") and done.out.startswith(f"{free}: "), done
+        assert done.status == BUSY, done
+        assert done.out.endswith("\n2 agents: 1 done, 1 busy\n"), done
+        assert done.out.startswith(f"{free}: "), done
         assert done.err == f"config-copy: {busy}: another copy is in progress{ending}\n"
     waiting = started("--wait-turn", 30, *words)
     assert waiting.stdout.readline().startswith(f"{free}: startup to running copied in ")
     broken_link()
     assert ended(hanging).status == DONE
     done = ended(waiting)
-    assert done.status == DONE and done.out.startswith(f"{busy}: startup to running copied in ") and done.out.endswith("\n2 agents: 2 done\n"), done
+    assert done.status == DONE, done
+    assert done.out.startswith(f"{busy}: startup to running copied in "), done
+    assert done.out.endswith("\n2 agents: 2 done\n"), done
 
 
 def test_time_limit(own_agents, tmp_path, broken_link):
     """Of each copy by itself: with one job, the second one has its full time."""
     agents = [agent.name for agent in own_agents(2, SETTINGS)]
     began = time.monotonic()
-    done = config_copy(*USER, "--time-limit", 1, "--jobs", 1, "--hosts", hosts_file(tmp_path, agents), "running", f"tftp://{SERVER4}/{{host}}")
+    done = config_copy(*USER, "--time-limit", 1, "--jobs", 1, "--hosts",
+                       hosts_file(tmp_path, agents), "running", f"tftp://{SERVER4}/{{host}}")
     assert 2 <= time.monotonic() - began < 6
     assert done.status == FAILED and done.out == "2 agents: 0 done, 2 failed\n", done
-    assert sorted(done.err.splitlines()) == [f"config-copy: {agent}: not finished in 1 s, so the request was removed; the transfer goes on at the switch "
-                                             "and may still write the file (--time-limit gives more time)" for agent in sorted(agents)]
-    assert [config_copy(*USER, "list", agent).out for agent in agents] == [f"no copy requests on {agent}\n" for agent in agents]
+    assert sorted(done.err.splitlines()) == [
+        f"config-copy: {agent}: not finished in 1 s, so the request was removed; "
+        "the transfer goes on at the switch "
+        "and may still write the file (--time-limit gives more time)" for agent in sorted(agents)
+    ]
+    assert [config_copy(*USER, "list", agent).out
+            for agent in agents] == [f"no copy requests on {agent}\n" for agent in agents]
 
 
 def test_interruption(own_agents, tmp_path, broken_link):
     """The transfers hang; no request stays on any agent."""
     agents = own_agents(2, SETTINGS)
-    process = started(*USER, "--hosts", hosts_file(tmp_path, [agent.name for agent in agents]), "running", f"tftp://{SERVER4}/{{host}}")
+    process = started(*USER, "--hosts", hosts_file(tmp_path, [agent.name for agent in agents]),
+                      "running", f"tftp://{SERVER4}/{{host}}")
 
     def listed():
         return [config_copy(*USER, "--json", "list", agent.name).objects() for agent in agents]
@@ -137,24 +180,35 @@ def test_interruption(own_agents, tmp_path, broken_link):
     wait_for(lambda: all(requests and requests[0]["state"] == "running" for requests in listed()))
     process.send_signal(signal.SIGINT)
     done = ended(process)
-    assert done.status == -signal.SIGINT and "once begun, the transfer goes on at the switch and may still write the file" in done.err, done
+    assert done.status == -signal.SIGINT, done
+    said = "once begun, the transfer goes on at the switch and may still write the file"
+    assert said in done.err, done
     assert listed() == [[], []]
 
 
 def test_agents_on_standard_input(own_agents):
     first, second = [agent.name for agent in own_agents(2, SETTINGS)]
-    done = config_copy(*USER, "--hosts", "-", "running", f"tftp://{SERVER4}/{{host}}", stdin=f"# all\n{first}\n{second}\n")
+    done = config_copy(*USER, "--hosts", "-", "running", f"tftp://{SERVER4}/{{host}}",
+                       stdin=f"# all\n{first}\n{second}\n")
     assert done.status == DONE and done.out.endswith("\n2 agents: 2 done\n"), done
-    done = config_copy(*USER, "--hosts", "-", "running", f"scp://u@{SERVER4}/{{host}}", stdin=first, start_new_session=True)
-    assert (done.status, done.err) == (USAGE, f"config-copy: no terminal to ask for the password of u@{SERVER4}: use --password-file or standard input\n")
+    done = config_copy(*USER, "--hosts", "-", "running", f"scp://u@{SERVER4}/{{host}}", stdin=first,
+                       start_new_session=True)
+    assert (done.status, done.err) == (
+        USAGE,
+        f"config-copy: no terminal to ask for the password of u@{SERVER4}: "
+        "use --password-file or standard input\n"
+    )
     done = config_copy("--hosts", "-", "running", "startup", stdin="#\n")
-    assert (done.status, done.err) == (USAGE, "config-copy: standard input lists no agent: write one per line\n")
+    assert (done.status,
+            done.err) == (USAGE, "config-copy: standard input lists no agent: write one per line\n")
 
 
 @pytest.mark.parametrize("lines, url, text", [
     ("a\nb\n", "tftp://h/a", "every agent would write the same file: put {host} into the path"),
-    ("a\na\n", "tftp://h/{host}", "a is listed twice in the hosts file {file}, or looks like another agent there in a file's name"),
-    ("", "tftp://h/{host}", "the hosts file {file} lists no agent: write one per line"),
+    ("a\na\n", "tftp://h/{host}",
+     "a is listed twice in the hosts file {file}, or looks like another agent there in a file's "
+     "name"
+     ), ("", "tftp://h/{host}", "the hosts file {file} lists no agent: write one per line"),
 ])
 def test_bad_hosts(tmp_path, lines, url, text):
     file = tmp_path / "hosts"

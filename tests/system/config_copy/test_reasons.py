@@ -1,11 +1,13 @@
 """What the command tells of the switch's own line of a copy: the reason of a failure, the size."""
 
 import hashlib
+import re
 import time
 
 import pytest
-from command import *
-from saves import *
+from command import DONE, FAILED, config_copy
+from copy_table import ACCOUNT, AGENT, SERVER4, SERVER_ROOT, run, serve
+from saves import damaged_running_configuration
 
 # A user who may read the copy table and nothing else.
 SETTINGS = (
@@ -15,8 +17,8 @@ SETTINGS = (
     'access limited "" usm priv exact copies copies none',
     'extend -cacheTime 1 last-copy /ulmo/bin/cmdshell -c "show copies"',
 )
-CREDENTIALS = ("-u", "limited", "-a", "SHA-256", "-A", "limited-auth", "-x", "AES", "-X", "limited-priv",
-               "-l", "authPriv")
+CREDENTIALS = ("-u", "limited", "-a", "SHA-256", "-A", "limited-auth", "-x", "AES", "-X",
+               "limited-priv", "-l", "authPriv")
 
 
 @pytest.fixture
@@ -86,8 +88,8 @@ def test_user_who_may_not_read_the_line(own_agents, password_file):
     """The outcome is told without it, and as quickly."""
     (agent,) = own_agents(1, SETTINGS)
     began = time.monotonic()
-    done = config_copy(*CREDENTIALS, "--password-file", password_file("wrong"), agent.name, "running",
-                       f"sftp://{ACCOUNT}@{SERVER4}/no.cfg")
+    done = config_copy(*CREDENTIALS, "--password-file", password_file("wrong"), agent.name,
+                       "running", f"sftp://{ACCOUNT}@{SERVER4}/no.cfg")
     assert done.status == FAILED and "(general): the switch gives no reason: " in done.err, done
     assert "check the user and the password" in done.err, done
     assert time.monotonic() - began < 3

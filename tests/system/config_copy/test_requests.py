@@ -1,7 +1,13 @@
 """A look at the requests on an agent: list, errors, abort."""
 
-from command import *
-from saves import *
+from pathlib import Path
+
+from command import DONE, FAILED, REFUSED, config_copy
+from copy_table import (
+    AGENT, CREATE_AND_WAIT, FABRIC_STARTUP, ROW_STATUS, SERVER4, SERVER6, STATE_FAILED, USER_NAME,
+    Request, SnmpError, download, lab_ctl, upload,
+)
+from saves import SYSTEM_MANAGER_FAILED, busy_device, save
 
 
 def test_list(operator):
@@ -12,11 +18,18 @@ def test_list(operator):
     lines = [line.split() for line in done.out.splitlines()]
     assert lines[0] == ["INDEX", "FROM", "TO", "STATE", "CAUSE", "SECONDS"]
     assert lines[1] == ["5", "running", f"tftp://joe@{SERVER4}/a.cfg", "waiting", "-", "-"]
-    assert lines[2][:5] == ["6", f"tftp://[{SERVER6}]/absent.cfg", "running", "failed", "badFileName"] and float(lines[2][5]) >= 0
+    assert lines[2][:5] == [
+        "6", f"tftp://[{SERVER6}]/absent.cfg", "running", "failed", "badFileName"
+    ]
+    assert float(lines[2][5]) >= 0
     assert config_copy("list", "-v1", "-c", "lab", AGENT).out == done.out
     first, second = config_copy("--json", "list", AGENT).objects()
-    assert first == {"type": "request", "agent": AGENT, "index": 5, "from": "running", "to": f"tftp://joe@{SERVER4}/a.cfg", "state": "waiting", "cause": None, "seconds": None}
-    assert (second["index"], second["cause"], second["seconds"]) == (6, "badFileName", float(lines[2][5]))
+    assert first == {
+        "type": "request", "agent": AGENT, "index": 5, "from": "running",
+        "to": f"tftp://joe@{SERVER4}/a.cfg", "state": "waiting", "cause": None, "seconds": None
+    }
+    assert (second["index"], second["cause"], second["seconds"]) == (6, "badFileName",
+                                                                     float(lines[2][5]))
 
 
 def test_abort(operator):
@@ -24,13 +37,21 @@ def test_abort(operator):
         request = save(operator)
         request.activate()
         done = config_copy("abort", AGENT, request.index)
-        assert (done.status, done.out) == (DONE, f"request {request.index} of {AGENT} removed; its save is given up\n")
+        assert (done.status,
+                done.out) == (DONE,
+                              f"request {request.index} of {AGENT} removed; its save is given up\n")
         assert not request.exists()
     request = Request(operator).create()
-    assert config_copy("--json", "abort", AGENT, request.index).objects() == [
-        {"type": "removal", "agent": AGENT, "index": request.index, "removed": True, "text": f"request {request.index} of {AGENT} removed"}]
+    assert config_copy("--json", "abort", AGENT, request.index).objects() == [{
+        "type": "removal", "agent": AGENT, "index": request.index, "removed": True,
+        "text": f"request {request.index} of {AGENT} removed"
+    }]
     done = config_copy("abort", AGENT, request.index)
-    assert (done.status, done.err) == (FAILED, f"config-copy: there is no request {request.index} of {AGENT}: see `config-copy list {AGENT}`\n")
+    assert (done.status, done.err) == (
+        FAILED,
+        f"config-copy: there is no request {request.index} of {AGENT}: "
+        f"see `config-copy list {AGENT}`\n"
+    )
 
 
 def test_abort_of_a_transfer(operator, broken_link):
@@ -39,7 +60,10 @@ def test_abort_of_a_transfer(operator, broken_link):
     request.activate()
     done = config_copy("abort", AGENT, request.index)
     assert (done.status, done.out) == (
-        DONE, f"request {request.index} of {AGENT} removed; the transfer goes on at the switch and may still be applied\n")
+        DONE,
+        f"request {request.index} of {AGENT} removed; the transfer goes on at the switch and may "
+        "still be applied\n"
+    )
     broken_link()
     assert config_copy("--wait-turn", 60, AGENT, "startup", "running").status == DONE
 
@@ -51,7 +75,9 @@ def test_abort_of_a_request_that_is_stuck(operator):
     except SnmpError:
         pass
     done = config_copy("abort", AGENT, request.index)
-    assert done.status == REFUSED and "it is stuck after a refused request, and goes by itself within 7 minutes" in done.err, done
+    assert done.status == REFUSED, done
+    said = "it is stuck after a refused request, and goes by itself within 7 minutes"
+    assert said in done.err, done
 
 
 def test_errors(operator):
@@ -68,9 +94,18 @@ def test_errors(operator):
         settings.write_text(before)
     done = config_copy("errors", AGENT)
     lines = sorted(line.split(maxsplit=3) for line in done.out.splitlines()[1:])
-    assert lines == [[str(request.index), AGENT, "20:00:00:00:00:00:00:01", "saved"], [str(request.index), "192.0.2.11", "20:00:00:00:00:00:00:02", "no answer in 1 s"]]
+    assert lines == [[str(request.index), AGENT, "20:00:00:00:00:00:00:01", "saved"],
+                     [
+                         str(request.index), "192.0.2.11", "20:00:00:00:00:00:00:02",
+                         "no answer in 1 s"
+                     ]]
     assert config_copy("errors", AGENT, request.index).out == done.out
-    assert config_copy("errors", AGENT, request.index + 1).out == f"no errors of fabric saves on {AGENT}\n"
-    own, other = sorted(config_copy("--json", "errors", AGENT).objects(), key=lambda error: error["switch"])
-    assert own == {"type": "switch", "agent": AGENT, "index": request.index, "address": AGENT, "switch": "20:00:00:00:00:00:00:01", "reported": "saved"}
+    assert config_copy("errors", AGENT,
+                       request.index + 1).out == f"no errors of fabric saves on {AGENT}\n"
+    own, other = sorted(
+        config_copy("--json", "errors", AGENT).objects(), key=lambda error: error["switch"])
+    assert own == {
+        "type": "switch", "agent": AGENT, "index": request.index, "address": AGENT,
+        "switch": "20:00:00:00:00:00:00:01", "reported": "saved"
+    }
     assert (other["index"], other["reported"]) == (request.index, "no answer in 1 s")

@@ -3,11 +3,24 @@ what was to be copied, and what came of it."""
 
 import hashlib
 import itertools
+import os
+import re
 import signal
+import subprocess
 from datetime import datetime, timezone
+from pathlib import Path
 
 import pytest
-from saves import *
+from copy_table import (
+    ACCOUNT, AGENT, BAD_FILE_NAME, BAD_LINE, FABRIC_STARTUP, FTP, GENERAL, LOCAL_STARTUP_TO_RUNNING,
+    LOGS, NO_SPACE, SCP, SECRET, SERVER4, SERVER6, SERVER_ROOT, SFTP, STATE_DIRECTORY, STATE_FAILED,
+    TFTP, TIME_STARTED, Manager, Request, agent_pid, children, download, lab_ctl, process_state,
+    run, serve, show, upload, wait_for,
+)
+from saves import (
+    SYSTEM_MANAGER_FAILED, SYSTEM_MANAGER_REFUSED, busy_device, damaged_running_configuration,
+    full_disk, save, system_manager_pid,
+)
 
 LAST_COPY = ".1.3.6.1.4.1.8072.1.3.2.4.1.2.9." + ".".join(str(octet) for octet in b"last-copy")
 LOG = LOGS / "system"
@@ -52,8 +65,11 @@ def line_of(request):
         return lines[0] if lines else None
 
     line = wait_for(newest, what="the copy's line")
+
     def logged_messages():
-        return [text for text in LOG.read_text().splitlines() if text.endswith(f"config-copy: {line}")]
+        return [
+            text for text in LOG.read_text().splitlines() if text.endswith(f"config-copy: {line}")
+        ]
 
     messages = wait_for(logged_messages, what="the log's line")
     # authpriv (10) and notice (5), RFC 5424, 6.2.1
@@ -93,9 +109,11 @@ def test_upload(operator, name, server):
     assert abs((now - line.pop("when")).total_seconds()) < 60
     assert float(line.pop("seconds")) < 30
     assert line == {
-        "request": str(request.index), "started": str(request.get(TIME_STARTED)), "user": "operator",
-        "requester": ADDRESS_OF_OURS, "from": "running", "to": f"{name}://{user}{host}/{file}",
-        "outcome": "successful", "bytes": str(len(content)), "sha256": digest(content)}
+        "request": str(request.index), "started": str(request.get(TIME_STARTED)),
+        "user": "operator", "requester": ADDRESS_OF_OURS, "from": "running",
+        "to": f"{name}://{user}{host}/{file}", "outcome": "successful", "bytes": str(len(content)),
+        "sha256": digest(content)
+    }
 
 
 @pytest.mark.parametrize("name", PROTOCOLS)
@@ -150,7 +168,8 @@ def test_changed_host_key(operator):
 def test_refused_by_tftp(operator):
     serve("secret.cfg", "hostname other\n", mode=0)
     cause, line = failed(Request(operator).create(*download(SERVER4, "secret.cfg")))
-    assert cause == BAD_FILE_NAME and re.match("(Access violation|File not found)", line["reason"]), line
+    assert cause == BAD_FILE_NAME, line
+    assert re.match("(Access violation|File not found)", line["reason"]), line
     assert line["bytes"] == "0"
 
 
@@ -284,7 +303,10 @@ def test_agent_serves_the_lines(operator):
     line_of(request)
 
     def served():
-        return [value for _, value in operator.walk(LAST_COPY) if f" request={request.index} " in str(value)]
+        return [
+            value for _, value in operator.walk(LAST_COPY)
+            if f" request={request.index} " in str(value)
+        ]
 
     assert len(wait_for(served, 3, "the line")) == 1
 

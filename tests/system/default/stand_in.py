@@ -1,5 +1,5 @@
-"""A system manager for tests, in the real one's place: it takes the agent's requests from the message bus, answers as told, and tells the agent
-what a test wants told."""
+"""A system manager for tests, in the real one's place: it takes the agent's requests from the
+message bus, answers as told, and tells the agent what a test wants told."""
 
 import os
 import socket
@@ -9,7 +9,8 @@ from pathlib import Path
 
 from copy_table import lab_ctl
 
-HEADER = struct.Struct("=5I")  # magic, version, opcode, token, octets of payload: in the host's byte order
+# Magic, version, opcode, token, octets of payload: in the host's byte order.
+HEADER = struct.Struct("=5I")
 MAGIC, VERSION = 0x6D736762, 1
 SYSTEM_MANAGER, SNMP_AGENT = 3, 28  # service access points
 ACTION, ABORT, BEGUN, ENDED = 1381, 1383, 1391, 1361
@@ -25,7 +26,8 @@ def _packet(opcode, token, payload):
 
 
 class SystemManager:
-    """`answer` is the status word of the answer to a start request; with None the connection is closed without one."""
+    """`answer` is the status word of the answer to a start request; with None the connection is
+    closed without one."""
 
     def __init__(self, answer):
         self.answer = answer

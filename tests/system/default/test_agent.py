@@ -4,12 +4,20 @@ import os
 import re
 import signal
 import subprocess
+from pathlib import Path
 
 import pytest
-from copy_table import *
+from copy_numbers import ROOT
+from copy_table import (
+    COLUMNS, GENERAL, NOTIFY, SERVER4, SERVER_ROOT, STATE, STATE_FAILED, STATE_RUNNING,
+    STATE_SUCCESSFUL, TIME_COMPLETED, TIME_STARTED, TRUE, USER_NAME, WORK, Request, SnmpError,
+    agent_pid, children, completions, lab_ctl, process_state, run, show, upload, wait_for, zombies,
+)
 
-EXTEND_OUTPUT = '.1.3.6.1.4.1.8072.1.3.2.3.1.1.8.103.114.101.101.116.105.110.103'  # nsExtendOutput1Line."greeting"
-DLMOD_STATUS = ".1.3.6.1.4.1.2021.13.14.2.1.5"  # dlmodStatus: 1 loaded, 2 unloaded; writing 4 loads, 5 unloads
+# NsExtendOutput1Line."greeting".
+EXTEND_OUTPUT = '.1.3.6.1.4.1.8072.1.3.2.3.1.1.8.103.114.101.101.116.105.110.103'
+# DlmodStatus: 1 loaded, 2 unloaded; writing 4 loads, 5 unloads.
+DLMOD_STATUS = ".1.3.6.1.4.1.2021.13.14.2.1.5"
 NOTIFICATION_LOG_LIMIT = ".1.3.6.1.2.1.92.1.1.1.0"  # nlmConfigGlobalEntryLimit, RFC 3014
 
 SILENT = "192.0.2.66"
@@ -19,8 +27,10 @@ SILENT = "192.0.2.66"
 def silent_server():
     """A host on the link whose server takes everything and says nothing."""
     run("lab-ctl", "server-exec", "ip", "address", "add", f"{SILENT}/24", "dev", "br0")
-    program = f"import socket; s = socket.socket(type=socket.SOCK_DGRAM); s.bind(('{SILENT}', 69)); print('ready', flush=True)\nwhile True: s.recv(9)"
-    server = subprocess.Popen(["lab-ctl", "server-exec", "/usr/bin/python3", "-c", program], stdout=subprocess.PIPE)
+    program = (f"import socket; s = socket.socket(type=socket.SOCK_DGRAM); s.bind(('{SILENT}', "
+               "69)); print('ready', flush=True)\nwhile True: s.recv(9)")
+    server = subprocess.Popen(["lab-ctl", "server-exec", "/usr/bin/python3", "-c", program],
+                              stdout=subprocess.PIPE)
     assert server.stdout.readline() == b"ready\n"
     yield
     server.terminate()
@@ -69,7 +79,8 @@ def test_reload_during_a_copy(manager, broken_link):
 def test_unload_and_load(manager):
     request = Request(manager).create(*upload(SERVER4, "unloaded.cfg"))
     before = request.columns()
-    ((status, loaded),) = manager.walk(DLMOD_STATUS)  # each reload of the agent gives the module a new number there
+    # Each reload of the agent gives the module a new number there.
+    ((status, loaded),) = manager.walk(DLMOD_STATUS)
     assert loaded == 1
     for _ in range(3):
         manager.set((status, "i", 5))
@@ -112,7 +123,8 @@ def test_killed_worker_fails_its_row_and_no_other(manager, silent_server):
 
 
 def test_extend_script_works_before_during_and_after_a_copy(manager, broken_link):
-    """Its output carries its process id: each answer is a run of its own, reaped by who started it."""
+    """Its output carries its process id: each answer is a run of its own, reaped by who started
+    it."""
 
     def greeting():
         output = manager.get(EXTEND_OUTPUT).decode()
@@ -121,7 +133,8 @@ def test_extend_script_works_before_during_and_after_a_copy(manager, broken_link
 
     def another_run_than(*earlier):
         """The agent keeps an output for a second."""
-        return wait_for(lambda: (output := greeting()) not in earlier and output, 5, "another run of the script")
+        return wait_for(lambda: (output := greeting()) not in earlier and output, 5,
+                        "another run of the script")
 
     before = greeting()
     request = running_copy(manager, "extended.cfg")
@@ -148,8 +161,10 @@ def test_destroyed_row_of_a_running_copy(manager, broken_link):
 
 
 def private_memory_kib(pid):
-    """What the process itself wrote; pages of its libraries come and go with the machine's memory."""
-    return int(re.search(r"^RssAnon:\s+(\d+)", Path(f"/proc/{pid}/status").read_text(), re.MULTILINE)[1])
+    """What the process itself wrote; pages of its libraries come and go with the machine's
+    memory."""
+    status = Path(f"/proc/{pid}/status").read_text()
+    return int(re.search(r"^RssAnon:\s+(\d+)", status, re.MULTILINE)[1])
 
 
 def descriptors(pid):
@@ -157,13 +172,16 @@ def descriptors(pid):
 
 
 def test_two_hundred_copies_cost_nothing(operator):
-    """No descriptor, no zombie, no memory: what the first copies take for good is counted before."""
+    """No descriptor, no zombie, no memory: what the first copies take for good is counted
+    before."""
 
     def copies(count):
         for _ in range(count):
-            Request(operator).create(*upload(SERVER4, "many.cfg"), (NOTIFY, TRUE)).copied().destroy()
+            Request(operator).create(*upload(SERVER4, "many.cfg"),
+                                     (NOTIFY, TRUE)).copied().destroy()
 
-    # The agent keeps the last notifications, 1000 unless told otherwise; that is its memory, not ours.
+    # The agent keeps the last notifications, 1000 unless told otherwise; that is its memory, not
+    # ours.
     operator.set((NOTIFICATION_LOG_LIMIT, "u", 10))
     pid = agent_pid()
     copies(30)

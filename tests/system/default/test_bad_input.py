@@ -1,9 +1,17 @@
-"""Refusals with their SNMP errors, and values that no manager should send: the table stays as it was, the agent as it runs."""
+"""Refusals with their SNMP errors, and values that no manager should send: the table stays as it
+was, the agent as it runs."""
 
 import os
 
 import pytest
-from copy_table import *
+from copy_numbers import ROOT
+from copy_table import (
+    ACTIVE, ADDRESS, ADDRESS_TYPE, BAD_FILE_NAME, CREATE_AND_GO, CREATE_AND_WAIT, DESTINATION,
+    FAIL_CAUSE, FILE_NAME, FTP, GENERAL, IPV4, IPV6, LEGACY_ADDRESS, NETWORK, NOTIFY, PASSWORD,
+    PROTOCOL, ROW_STATUS, RUNNING, SERVER4, SFTP, SOURCE, STARTUP, STATE, STATE_SUCCESSFUL,
+    STATE_WAITING, TFTP, TIME_COMPLETED, TIME_STARTED, TRUE, USER_NAME, Request, SnmpError,
+    agent_pid, children, download, octets, show, upload, wait_for,
+)
 
 WORDS = {USER_NAME: "user", PASSWORD: "pass", FILE_NAME: "name"}
 
@@ -28,22 +36,27 @@ def text(request, column, value):
 
 
 REFUSALS = [
-    *((column, "s", "4", "wrongType") for column in (PROTOCOL, SOURCE, DESTINATION, NOTIFY, ROW_STATUS, ADDRESS_TYPE)),
-    *((column, "i", 4, "wrongType") for column in (FILE_NAME, USER_NAME, PASSWORD, ADDRESS, LEGACY_ADDRESS)),
+    *((column, "s", "4", "wrongType")
+      for column in (PROTOCOL, SOURCE, DESTINATION, NOTIFY, ROW_STATUS, ADDRESS_TYPE)),
+    *((column, "i", 4, "wrongType")
+      for column in (FILE_NAME, USER_NAME, PASSWORD, ADDRESS, LEGACY_ADDRESS)),
     *((column, "u", 1, "wrongType") for column in (PROTOCOL, ROW_STATUS)),
-    (LEGACY_ADDRESS, "s", "abcd", "wrongType"),
-    (FILE_NAME, "s", "n" * 129, "wrongLength"),
-    (USER_NAME, "s", "u" * 42, "wrongLength"),
-    (PASSWORD, "s", "p" * 42, "wrongLength"),
-    (ADDRESS, "s", "a" * 65, "wrongLength"),
-    *((PROTOCOL, "i", value, "wrongValue") for value in (-1, 0, 3, 6, 2147483647, -2147483648)),
-    *((ADDRESS_TYPE, "i", value, "wrongValue") for value in (-1, 0, 3, 4, 16)),
-    *((ROW_STATUS, "i", value, "inconsistentValue") for value in (-1, 0, 2, 3, 4, 5, 7, 2147483647)),
-    *((column, kind, value, "notWritable") for column, kind, value in ((STATE, "i", 1), (TIME_STARTED, "t", 1), (TIME_COMPLETED, "t", 1), (FAIL_CAUSE, "i", 1))),
+    (LEGACY_ADDRESS, "s", "abcd", "wrongType"), (FILE_NAME, "s", "n" * 129, "wrongLength"),
+    (USER_NAME, "s", "u" * 42, "wrongLength"), (PASSWORD, "s", "p" * 42, "wrongLength"),
+    (ADDRESS, "s", "a" * 65, "wrongLength"), *((PROTOCOL, "i", value, "wrongValue")
+                                               for value in (-1, 0, 3, 6, 2147483647, -2147483648)),
+    *((ADDRESS_TYPE, "i", value, "wrongValue")
+      for value in (-1, 0, 3, 4, 16)), *((ROW_STATUS, "i", value, "inconsistentValue")
+                                         for value in (-1, 0, 2, 3, 4, 5, 7, 2147483647)),
+    *((column, kind, value, "notWritable")
+      for column, kind, value in ((STATE, "i", 1), (TIME_STARTED, "t", 1), (TIME_COMPLETED, "t", 1),
+                                  (FAIL_CAUSE, "i", 1))),
 ]
 
 
-@pytest.mark.parametrize("column, kind, value, status", REFUSALS, ids=[f"{column}-{kind}-{str(value)[:11]}-{status}" for column, kind, value, status in REFUSALS])
+@pytest.mark.parametrize("column, kind, value, status", REFUSALS, ids=[
+    f"{column}-{kind}-{str(value)[:11]}-{status}" for column, kind, value, status in REFUSALS
+])
 def test_refused_write_leaves_the_row(manager, row, column, kind, value, status):
     before = row.columns()
     assert refused(manager, (row.oid(column), kind, value)) == status
@@ -51,15 +64,18 @@ def test_refused_write_leaves_the_row(manager, row, column, kind, value, status)
     assert after == before
 
 
-@pytest.mark.parametrize("column, value", [(FILE_NAME, "n" * 128), (USER_NAME, "u" * 41), (PASSWORD, "p" * 41), (SOURCE, 99), (NOTIFY, -7)])
+@pytest.mark.parametrize("column, value", [(FILE_NAME, "n" * 128), (USER_NAME, "u" * 41),
+                                           (PASSWORD, "p" * 41), (SOURCE, 99), (NOTIFY, -7)])
 def test_the_most_that_is_taken(row, column, value):
     row.set((column, value))
-    assert row.get(column) == (b"" if column == PASSWORD else octets(value) if isinstance(value, str) else value)
+    assert row.get(column) == (b"" if column == PASSWORD else
+                               octets(value) if isinstance(value, str) else value)
 
 
 def test_write_to_absent_row(manager):
     request = Request(manager)
-    for column, value in ((PROTOCOL, TFTP), (SOURCE, RUNNING), (DESTINATION, NETWORK), (NOTIFY, TRUE), (ADDRESS_TYPE, IPV4), *WORDS.items()):
+    for column, value in ((PROTOCOL, TFTP), (SOURCE, RUNNING), (DESTINATION, NETWORK),
+                          (NOTIFY, TRUE), (ADDRESS_TYPE, IPV4), *WORDS.items()):
         assert refused(manager, request.triple(column, value)) == "noSuchName"
     assert refused(manager, (request.oid(ADDRESS), "x", "c0000201")) == "noSuchName"
     assert refused(manager, (request.oid(LEGACY_ADDRESS), "a", "192.0.2.1")) == "noSuchName"
@@ -77,8 +93,9 @@ def test_index_that_names_no_row(manager, index, status):
 def test_write_to_finished_active_row(manager):
     request = Request(manager).create(*upload(SERVER4, "done.cfg")).copied()
     before = request.columns()
-    for column, value in ((PROTOCOL, FTP), (SOURCE, STARTUP), (DESTINATION, RUNNING), (NOTIFY, TRUE), (ADDRESS_TYPE, IPV6), (ADDRESS, b"\1\2\3\4"),
-                          *WORDS.items()):
+    for column, value in ((PROTOCOL, FTP), (SOURCE, STARTUP), (DESTINATION, RUNNING),
+                          (NOTIFY, TRUE), (ADDRESS_TYPE, IPV6), (ADDRESS,
+                                                                 b"\1\2\3\4"), *WORDS.items()):
         assert refused(manager, request.triple(column, value)) == "inconsistentValue"
     assert request.columns() == before
 
@@ -86,7 +103,8 @@ def test_write_to_finished_active_row(manager):
 def test_failed_pdu_takes_back_its_other_values(manager, row):
     """Integers and addresses come back as they were, whatever stands first in the PDU."""
     before = row.columns()
-    good = (integer(row, PROTOCOL, SFTP), integer(row, SOURCE, STARTUP), integer(row, DESTINATION, RUNNING), integer(row, NOTIFY, TRUE))
+    good = (integer(row, PROTOCOL, SFTP), integer(row, SOURCE, STARTUP),
+            integer(row, DESTINATION, RUNNING), integer(row, NOTIFY, TRUE))
     bad = (row.oid(PASSWORD), "s", "p" * 42)
     for triples in ((*good, bad), (bad, *good)):
         assert refused(manager, *triples) == "wrongLength"
@@ -96,14 +114,16 @@ def test_failed_pdu_takes_back_its_other_values(manager, row):
 def test_pdu_that_fails_while_it_is_stored_makes_no_row(manager):
     """An address wants the address type before it: that is seen when the values are stored."""
     request = Request(manager)
-    assert refused(manager, (request.oid(ROW_STATUS), "i", CREATE_AND_WAIT), (request.oid(ADDRESS), "x", "c0000214")) == "wrongValue"
+    assert refused(manager, (request.oid(ROW_STATUS), "i", CREATE_AND_WAIT),
+                   (request.oid(ADDRESS), "x", "c0000214")) == "wrongValue"
     assert not request.exists()
 
 
 def test_pdu_that_fails_in_its_first_check_leaves_a_row_to_go_on_with(manager):
     """Its value is refused before any is stored; the row is there by then, and holds nothing."""
     request = Request(manager)
-    assert refused(manager, (request.oid(ROW_STATUS), "i", CREATE_AND_WAIT), text(request, FILE_NAME, "n" * 129)) == "wrongLength"
+    assert refused(manager, (request.oid(ROW_STATUS), "i", CREATE_AND_WAIT),
+                   text(request, FILE_NAME, "n" * 129)) == "wrongLength"
     assert request.get(FILE_NAME, STATE, TIME_STARTED) == [b"", STATE_WAITING, 0]
     request.set(*upload(SERVER4, "went-on.cfg")).copied()
 
@@ -128,20 +148,25 @@ def snapshot():
                 status = os.lstat(path)
                 found[path] = (status.st_size, status.st_mtime_ns)
     expected = ("/tmp/configcopy.txt", "/lab/switch1/run/history", "/lab/switch1/run/last-copies")
-    return {path: seen for path, seen in found.items() if path not in expected and "/agent-persistent/" not in path}
+    return {
+        path: seen for path, seen in found.items()
+        if path not in expected and "/agent-persistent/" not in path
+    }
 
 
 HOSTILE = [
-    "$(touch /tmp/owned)", "`touch /tmp/owned`", '"; touch /tmp/owned; "', "'; touch /tmp/owned; '", "a b  c.cfg", "|touch /tmp/owned", "x\ntouch /tmp/owned\n",
-    "-rf", "--help", "../escape.cfg", "../../../../tmp/owned", "/../../tmp/owned", "/tmp/owned", "..", ".", "/", "//", "a/", "\\..\\owned", "%s%n%x%s%n", "\x01\x7f\x1b[2J",
-    "caf\u00e9", "n" * 128, "../" * 42 + "x",
+    "$(touch /tmp/owned)", "`touch /tmp/owned`", '"; touch /tmp/owned; "', "'; touch /tmp/owned; '",
+    "a b  c.cfg", "|touch /tmp/owned", "x\ntouch /tmp/owned\n", "-rf", "--help", "../escape.cfg",
+    "../../../../tmp/owned", "/../../tmp/owned", "/tmp/owned", "..", ".", "/", "//", "a/",
+    "\\..\\owned", "%s%n%x%s%n", "\x01\x7f\x1b[2J", "caf\u00e9", "n" * 128, "../" * 42 + "x",
 ]
 
 
 @pytest.mark.parametrize("name", HOSTILE, ids=[f"{number}" for number in range(len(HOSTILE))])
 @pytest.mark.parametrize("direction", [upload, download], ids=["upload", "download"])
 def test_hostile_file_name(operator, name, direction):
-    """Whatever the outcome is, there is one, no command runs and nothing outside the worker's directory changes."""
+    """Whatever the outcome is, there is one, no command runs and nothing outside the worker's
+    directory changes."""
     before, running = snapshot(), show("running")
     request = Request(operator).create(*direction(SERVER4, name))
     assert request.get(FILE_NAME) == octets(name)
@@ -155,7 +180,8 @@ def test_hostile_file_name(operator, name, direction):
 
 @pytest.mark.parametrize("user", ["%s%n%x", "$(touch /tmp/owned)", '"', "\n", "-l"])
 def test_hostile_credentials(manager, user):
-    request = Request(manager).create(*upload(SERVER4, "credentials.cfg"), (USER_NAME, user), (PASSWORD, user))
+    request = Request(manager).create(*upload(SERVER4, "credentials.cfg"), (USER_NAME, user),
+                                      (PASSWORD, user))
     assert request.get(USER_NAME, PASSWORD) == [octets(user), b""]
     request.copied()
     assert not os.path.exists("/tmp/owned")

@@ -1,7 +1,17 @@
-"""What a copy does beside moving a file: states, the notification, causes of failure, one at a time."""
+"""What a copy does beside moving a file: states, the notification, causes of failure, one at a
+time."""
+
+from pathlib import Path
 
 import pytest
-from copy_table import *
+from copy_table import (
+    ACTIVE, ADDRESS, ADDRESS_TYPE, ALL_STARTUP, BAD_FILE, BAD_FILE_NAME, BAD_LINE, COMPLETION,
+    CREATE_AND_GO, DESTINATION, FABRIC_STARTUP, FAIL_CAUSE, FILE_NAME, GENERAL, KEX, LEGACY_ADDRESS,
+    LOCAL_STARTUP_TO_RUNNING, NETWORK, NOTIFY, ROW_STATUS, RUNNING, SERVER4, SERVER6, SERVER_ROOT,
+    SOURCE, STARTUP, STATE, STATE_DIRECTORY, STATE_FAILED, STATE_RUNNING, STATE_SUCCESSFUL,
+    STATE_WAITING, TIMEOUT, TIME_COMPLETED, TIME_STARTED, TRUE, TYPE5, USER_NAME, Request,
+    SnmpError, address_octets, completions, download, lab_ctl, run, serve, show, upload, wait_for,
+)
 
 SERVERS = pytest.mark.parametrize("server", [SERVER4, SERVER6], ids=["ipv4", "ipv6"])
 
@@ -24,7 +34,8 @@ def test_second_activation_while_a_copy_runs(manager, broken_link):
     second = Request(manager).create(*upload(SERVER4, "second.cfg"))
     first.activate()
     before = second.columns()
-    for refused in (second.activate, lambda: Request(manager).set((ROW_STATUS, CREATE_AND_GO), *upload(SERVER4, "third.cfg"))):
+    third = (ROW_STATUS, CREATE_AND_GO), *upload(SERVER4, "third.cfg")
+    for refused in (second.activate, lambda: Request(manager).set(*third)):
         with pytest.raises(SnmpError) as refusal:
             refused()
         assert refusal.value.status == "genErr"
@@ -69,11 +80,14 @@ def test_notification_has_its_bindings_in_order(manager, server):
     wait_for(lambda: completions(request.index), what="the notification")
     row = request.columns()
     address = address_octets(server)
-    expected = [(request.oid(ADDRESS), address.ljust(16, b"\0")), (request.oid(FILE_NAME), b"told.cfg")]
+    expected = [(request.oid(ADDRESS), address.ljust(16, b"\0")),
+                (request.oid(FILE_NAME), b"told.cfg")]
     if ":" not in server:
         expected.insert(0, (request.oid(LEGACY_ADDRESS), server))
-    expected += [(request.oid(column), row[column]) for column in (STATE, TIME_STARTED, TIME_COMPLETED, FAIL_CAUSE, ADDRESS_TYPE)]
-    # A second one would come on the same way and be here before the answer to the next copy's request.
+    expected += [(request.oid(column), row[column])
+                 for column in (STATE, TIME_STARTED, TIME_COMPLETED, FAIL_CAUSE, ADDRESS_TYPE)]
+    # A second one would come on the same way and be here before the answer to the next copy's
+    # request.
     Request(manager).create(*upload(server, "untold.cfg")).copied()
     (bindings,) = completions(request.index)
     assert bindings[0][0] == ".1.3.6.1.2.1.1.3.0" and bindings[0][1] >= row[TIME_COMPLETED]
@@ -85,7 +99,8 @@ def test_notification_of_a_failure(manager):
     request = Request(manager).create(*download(SERVER4, "absent.cfg"), (NOTIFY, TRUE))
     assert request.fails() == BAD_FILE_NAME
     (bindings,) = wait_for(lambda: completions(request.index), what="the notification")
-    assert (request.oid(STATE), STATE_FAILED) in bindings and (request.oid(FAIL_CAUSE), BAD_FILE_NAME) in bindings
+    assert (request.oid(STATE), STATE_FAILED) in bindings
+    assert (request.oid(FAIL_CAUSE), BAD_FILE_NAME) in bindings
 
 
 def test_no_notification_when_none_is_asked_for(manager):
@@ -96,11 +111,12 @@ def test_no_notification_when_none_is_asked_for(manager):
     assert completions(quiet.index) == []
 
 
-@pytest.mark.parametrize(
-    "content, cause",
-    [(b"hostname good\nvlan 5000\n", BAD_LINE), (b"no such statement\n", BAD_LINE), (b"\x7fELF\0\1\2\3", BAD_FILE), (b"hostname caf\xe9\n", BAD_FILE)],
-    ids=["bad value", "unknown statement", "binary", "not UTF-8"],
-)
+@pytest.mark.parametrize("content, cause", [(b"hostname good\nvlan 5000\n", BAD_LINE),
+                                            (b"no such statement\n", BAD_LINE),
+                                            (b"\x7fELF\0\1\2\3", BAD_FILE),
+                                            (b"hostname caf\xe9\n", BAD_FILE)],
+                         ids=["bad value", "unknown statement", "binary", "not UTF-8"],
+                         )
 def test_bad_configuration_file_changes_nothing(manager, content, cause):
     serve("bad.cfg", content)
     before = show("running")
@@ -125,7 +141,8 @@ def no_system_manager():
 
 
 def test_running_to_startup_without_a_system_manager(manager, no_system_manager):
-    """Nobody takes the request: the row goes on running until it is destroyed, and the next copy starts."""
+    """Nobody takes the request: the row goes on running until it is destroyed, and the next copy
+    starts."""
     request = Request(manager).create((SOURCE, RUNNING), (DESTINATION, STARTUP), (NOTIFY, TRUE))
     request.activate()
     assert request.get(STATE, ROW_STATUS) == [STATE_RUNNING, ACTIVE]
@@ -157,10 +174,14 @@ def test_row_of_a_finished_copy_can_be_activated_again(manager):
 
 def test_refused_validation_keeps_the_row(manager):
     """Every pair of file types that is refused, with its error."""
-    for source, destination, status in ((STARTUP, FABRIC_STARTUP, "genErr"), (NETWORK, ALL_STARTUP, "genErr"), (KEX, NETWORK, "wrongValue"),
-                                        (RUNNING, TYPE5, "wrongValue"), (NETWORK, NETWORK, "genErr"), (NETWORK, STARTUP, "genErr"),
-                                        (RUNNING, RUNNING, "genErr")):
-        request = Request(manager).create(*upload(SERVER4, "refused.cfg"), (SOURCE, source), (DESTINATION, destination))
+    for source, destination, status in ((STARTUP, FABRIC_STARTUP,
+                                         "genErr"), (NETWORK, ALL_STARTUP,
+                                                     "genErr"), (KEX, NETWORK, "wrongValue"),
+                                        (RUNNING, TYPE5, "wrongValue"), (NETWORK, NETWORK,
+                                                                         "genErr"),
+                                        (NETWORK, STARTUP, "genErr"), (RUNNING, RUNNING, "genErr")):
+        request = Request(manager).create(*upload(SERVER4, "refused.cfg"), (SOURCE, source),
+                                          (DESTINATION, destination))
         with pytest.raises(SnmpError) as refusal:
             request.activate()
         assert (source, destination, refusal.value.status) == (source, destination, status)
@@ -179,7 +200,8 @@ def test_refused_addresses(manager):
 
 @pytest.mark.parametrize("missing", [FILE_NAME, ADDRESS])
 def test_incomplete_request_is_refused(manager, missing):
-    request = Request(manager).create(*(pair for pair in upload(SERVER4, "part.cfg") if pair[0] != missing))
+    request = Request(manager).create(*(pair for pair in upload(SERVER4, "part.cfg")
+                                        if pair[0] != missing))
     with pytest.raises(SnmpError) as refusal:
         request.activate()
     assert refusal.value.status == "inconsistentValue"

@@ -1,12 +1,17 @@
-"""The documented ways to send and receive the notification, with the agent and the receiver as the documents say."""
+"""The documented ways to send and receive the notification, with the agent and the receiver as the
+documents say."""
 
+import os
 import re
 import subprocess
 import threading
 import time
+from pathlib import Path
 
 import pytest
-from copy_table import *
+from copy_table import (
+    COMPLETION, LOGS, NOTIFY, SERVER4, TRUE, Manager, Request, agent_pid, lab_ctl, upload, wait_for,
+)
 
 DOCUMENTS = Path(__file__).resolve().parents[3] / "docs"
 PAGES = ("operations.md", "man/config_copy_mib.5")
@@ -17,7 +22,8 @@ RECEIVER = f"{SERVER4}:1162"
 
 
 def lines_of_page(page, *tokens):
-    """The lines of configuration in it that begin with one of these tokens. In a manual page a backslash joins lines."""
+    """The lines of configuration in it that begin with one of these tokens. In a manual page a
+    backslash joins lines."""
     text = (DOCUMENTS / page).read_text().replace("\\\n", "")
     return "".join(re.findall(rf"^(?:{'|'.join(tokens)}) .*\n", text, re.MULTILINE))
 
@@ -40,7 +46,8 @@ def sends_to():
 
 
 def slowest_answer(manager, request):
-    """In seconds, of those that the agent gives from the activation of a copy until two seconds later."""
+    """In seconds, of those that the agent gives from the activation of a copy until two seconds
+    later."""
     slowest, ended = [0.0], threading.Event()
 
     def ask():
@@ -61,7 +68,8 @@ def slowest_answer(manager, request):
 
 
 @pytest.mark.parametrize("page", PAGES)
-@pytest.mark.parametrize("receiver", ["192.0.2.77", RECEIVER], ids=["no such host", "nobody listens"])
+@pytest.mark.parametrize("receiver", ["192.0.2.77", RECEIVER],
+                         ids=["no such host", "nobody listens"])
 def test_agent_does_not_wait_for_a_receiver_that_is_down(sends_to, page, receiver):
     sends_to(page, receiver)
     manager = Manager("v2c")
@@ -75,8 +83,10 @@ def test_agent_does_not_wait_for_a_receiver_that_is_down(sends_to, page, receive
 
 @pytest.fixture
 def receiver(tmp_path):
-    """Runs a receiver with a page's lines on the file server's host, in place of the one before, and returns where it writes."""
-    program = Path(os.readlink(f"/proc/{agent_pid()}/exe")).parents[3] / "root-snmptrapd/usr/sbin/snmptrapd"
+    """Runs a receiver with a page's lines on the file server's host, in place of the one before,
+    and returns where it writes."""
+    program = Path(
+        os.readlink(f"/proc/{agent_pid()}/exe")).parents[3] / "root-snmptrapd/usr/sbin/snmptrapd"
     log = tmp_path / "log"
     running = []
 
@@ -88,10 +98,15 @@ def receiver(tmp_path):
 
     def start(page):
         stop()
-        (tmp_path / "snmptrapd.conf").write_text(lines_of_page(page, "exactEngineID", "createUser notices", "authUser"))
+        (tmp_path / "snmptrapd.conf").write_text(
+            lines_of_page(page, "exactEngineID", "createUser notices", "authUser"))
         with log.open("wb") as output:
-            running.append(subprocess.Popen(["lab-ctl", "server-exec", "env", f"SNMPCONFPATH={tmp_path}", f"SNMP_PERSISTENT_DIR={tmp_path}", "MIBS=",
-                                             program, "-f", "-Lo", "-n", "-On", f"udp:{RECEIVER}"], stdout=output, stderr=output))
+            running.append(
+                subprocess.Popen([
+                    "lab-ctl", "server-exec", "env", f"SNMPCONFPATH={tmp_path}",
+                    f"SNMP_PERSISTENT_DIR={tmp_path}", "MIBS=", program, "-f", "-Lo", "-n", "-On",
+                    f"udp:{RECEIVER}"
+                ], stdout=output, stderr=output))
         wait_for(lambda: "NET-SNMP version" in log.read_text(), what="the receiver")
         return log
 
@@ -105,6 +120,7 @@ def test_notification_is_received_and_acknowledged(operator, sends_to, receiver,
     for _ in range(2):  # once more after a restart of the receiver, which then has another clock
         log = receiver(page)
         request = Request(operator).create(*upload(SERVER4, "told.cfg"), (NOTIFY, TRUE)).copied()
-        wait_for(lambda: f"{COMPLETION}.{request.index}" in log.read_text(), what="the notification")
+        wait_for(lambda: f"{COMPLETION}.{request.index}" in log.read_text(),
+                 what="the notification")
         time.sleep(3)  # what is not acknowledged comes again after a second
         assert log.read_text().count(f"{COMPLETION}.{request.index}") == 1

@@ -1,16 +1,29 @@
-"""The agent's side of a copy to the startup configuration, with a system manager that does what the test wants."""
+"""The agent's side of a copy to the startup configuration, with a system manager that does what the
+test wants."""
 
+import os
 import struct
 import time
+from pathlib import Path
 
 import pytest
-from saves import *
+from copy_numbers import COPY_ENTRY, ERROR_ENTRY, ROOT
+from copy_table import (
+    AGENT, ALL_STARTUP, COLUMNS, FABRIC_STARTUP, FAIL_CAUSE, GENERAL, IPV4, IPV6, SERVER4, STARTUP,
+    STATE, STATE_FAILED, STATE_RUNNING, STATE_SUCCESSFUL, History, Request, address_octets,
+    completions, octets, server_columns, upload, wait_for,
+)
+from saves import (
+    DEVICE_ADDRESS_TYPE, ERROR_TEXT, SYSTEM_MANAGER_FAILED, SYSTEM_MANAGER_REFUSED, change_times,
+    save,
+)
 from stand_in import ABORT, ACTION, BEGUN, DONE, INITIATED, REFUSED, SystemManager
 
 
 @pytest.fixture
 def fabric():
-    """How the last action went in a fabric of three; the local switch's address comes from its management port."""
+    """How the last action went in a fabric of three; the local switch's address comes from its
+    management port."""
     file = Path(os.environ["ULMO_RUN_DIR"]) / "fabric-status"
     file.write_text("20:00:00:00:00:00:00:01 local - saved\n"
                     "20:00:00:00:00:00:00:02 remote 192.0.2.77 no answer in 10 s\n"
@@ -28,7 +41,8 @@ def test_save_that_succeeds(manager, destination):
         assert request.get(STATE) == STATE_RUNNING
         ((opcode, _, payload),) = system_manager.requests
         assert (opcode, len(payload)) == (ACTION, 140)
-        fabric, everything = struct.unpack_from(">I", payload, 28)[0], struct.unpack_from(">I", payload, 40)[0]
+        fabric, everything = struct.unpack_from(">I", payload,
+                                                28)[0], struct.unpack_from(">I", payload, 40)[0]
         assert (fabric, everything) == (destination == FABRIC_STARTUP, destination == ALL_STARTUP)
         system_manager.ended(0)
         assert request.finished() == (STATE_SUCCESSFUL, GENERAL)
@@ -82,7 +96,8 @@ def test_message_of_another_save_is_ignored(manager, broken_link):
         request = Request(manager).create(*upload(SERVER4, "other.cfg"))
         request.activate()
         system_manager.ended(0)
-        wait_for(lambda: history.tells("copy run2start not initiated by us. ignore it"), what="the line in the history")
+        wait_for(lambda: history.tells("copy run2start not initiated by us. ignore it"),
+                 what="the line in the history")
         assert request.get(STATE) == STATE_RUNNING
         broken_link()
         assert request.finished(within=45) == (STATE_SUCCESSFUL, GENERAL)
@@ -101,17 +116,36 @@ def test_failed_fabric_saves_fill_the_error_table(manager, fabric, tool):
             assert requests[-1].finished() == (STATE_FAILED, SYSTEM_MANAGER_FAILED)
     walked = manager.walk(ROOT, tool)
     rows = [(7, 1), (7, 2), (7, 3), (70, 1), (70, 2), (70, 3)]
-    assert [oid for oid, _ in walked] == (
-        [f"{COPY_ENTRY}.{column}.{index}" for column in COLUMNS for index in (7, 70)]
-        + [f"{ERROR_ENTRY}.{column}.{index}.{error}" for column in range(DEVICE_ADDRESS_TYPE, ERROR_TEXT + 1) for index, error in rows])
+    assert [oid for oid, _ in walked
+            ] == ([f"{COPY_ENTRY}.{column}.{index}" for column in COLUMNS for index in (7, 70)] + [
+                f"{ERROR_ENTRY}.{column}.{index}.{error}"
+                for column in range(DEVICE_ADDRESS_TYPE, ERROR_TEXT + 1) for index, error in rows
+            ])
     values = dict(walked)
 
     def error_row(index, error):
-        return [values[f"{ERROR_ENTRY}.{column}.{index}.{error}"] for column in range(DEVICE_ADDRESS_TYPE, ERROR_TEXT + 1)]
+        return [
+            values[f"{ERROR_ENTRY}.{column}.{index}.{error}"]
+            for column in range(DEVICE_ADDRESS_TYPE, ERROR_TEXT + 1)
+        ]
 
-    assert error_row(7, 1) == [IPV4, address_octets(AGENT), bytes.fromhex("2000000000000001"), octets("saved")]
-    assert error_row(70, 2) == [IPV4, address_octets("192.0.2.77"), bytes.fromhex("2000000000000002"), octets("no answer in 10 s")]
-    assert error_row(70, 3) == [IPV6, address_octets("2001:db8::77"), bytes.fromhex("ff00000000000003"), octets("no space on device")]
+    assert error_row(
+        7, 1) == [IPV4,
+                  address_octets(AGENT),
+                  bytes.fromhex("2000000000000001"),
+                  octets("saved")]
+    assert error_row(70, 2) == [
+        IPV4,
+        address_octets("192.0.2.77"),
+        bytes.fromhex("2000000000000002"),
+        octets("no answer in 10 s")
+    ]
+    assert error_row(70, 3) == [
+        IPV6,
+        address_octets("2001:db8::77"),
+        bytes.fromhex("ff00000000000003"),
+        octets("no space on device")
+    ]
     requests[1].destroy()
     left = [oid for oid, _ in manager.walk(f"{ERROR_ENTRY}.{ERROR_TEXT}")]
     assert left == [f"{ERROR_ENTRY}.{ERROR_TEXT}.70.{error}" for error in (1, 2, 3)]

@@ -1,9 +1,17 @@
-"""What holds of platform.conf while the switch runs: what is wrong in it, and what a file that can't be read makes fail."""
+"""What holds of platform.conf while the switch runs: what is wrong in it, and what a file that
+can't be read makes fail."""
 
-import contextlib
+import os
+import re
+import time
+from pathlib import Path
 
 import pytest
-from saves import *
+from copy_table import (
+    DESTINATION, FTP, GENERAL, LOGS, RUNNING, SCP, SECRET, SERVER4, SFTP, SOURCE, STARTUP,
+    STATE_DIRECTORY, STATE_FAILED, TFTP, History, Request, download, lab_ctl, run, upload,
+)
+from saves import SYSTEM_MANAGER_FAILED, save
 
 SETTINGS = Path(os.environ.get("ULMO_CONF", "/nonexistent"))
 UNREADABLE = f"{SETTINGS} can't be read: Is a directory; copies and saves fail"
@@ -29,7 +37,10 @@ def settings():
 
 def contacts():
     """What the servers have told of their clients. The TFTP server tells of each request."""
-    return {log.name: log.read_text() for log in LOGS.iterdir() if re.match(r"(ssh|vsftpd|tftp)", log.name)}
+    return {
+        log.name: log.read_text() for log in LOGS.iterdir()
+        if re.match(r"(ssh|vsftpd|tftp)", log.name)
+    }
 
 
 @pytest.mark.parametrize("protocol", [TFTP, FTP, SFTP, SCP], ids=["tftp", "ftp", "sftp", "scp"])
@@ -42,8 +53,13 @@ def test_copies_fail_while_the_settings_cant_be_read(manager, settings, protocol
         assert request.finished() == (STATE_FAILED, GENERAL)
         assert UNREADABLE in run("cmdshell", "-c", "show copies").splitlines()[0]
     assert contacts() == before
-    assert len([line for line in history.lines() if line.endswith(f" error worker: the copy is refused: {UNREADABLE}")]) == 2
-    assert len([line for line in history.lines() if line.endswith(f" error settings: {UNREADABLE}")]) == 1  # by the agent, not by each worker
+    assert len([
+        line for line in history.lines()
+        if line.endswith(f" error worker: the copy is refused: {UNREADABLE}")
+    ]) == 2
+    assert len([
+        line for line in history.lines() if line.endswith(f" error settings: {UNREADABLE}")
+    ]) == 1, "told by a worker, too"
 
 
 def test_local_copies_and_saves_fail_while_the_settings_cant_be_read(manager, settings):
@@ -58,7 +74,10 @@ def test_local_copies_and_saves_fail_while_the_settings_cant_be_read(manager, se
     request.activate()
     assert request.finished() == (STATE_FAILED, SYSTEM_MANAGER_FAILED)
     assert (STATE_DIRECTORY / "system.cfg").read_bytes() == startup
-    assert re.search(rf"not saved to the startup configuration of this switch, \d+ ms: {re.escape(UNREADABLE)}\n", log.read_text()[told:])
+    assert re.search(
+        r"not saved to the startup configuration of this switch, \d+ ms: "
+        rf"{re.escape(UNREADABLE)}\n",
+        log.read_text()[told:])
     assert any(UNREADABLE in line and "not saved" in line for line in history.lines())
 
 
@@ -69,25 +88,35 @@ def test_bad_kind_of_switch_refuses_copies(manager, settings):
     request = Request(manager).create(*upload(SERVER4, "never.cfg", protocol=TFTP))
     request.activate()
     assert request.finished() == (STATE_FAILED, GENERAL)
-    reason = f"{SETTINGS} line {lines}: chassis_type = 1O: must be a number from 0 to 2147483647; copies fail"
-    assert any(line.endswith(f" error worker: the copy is refused: {reason}") for line in history.lines())
+    reason = (f"{SETTINGS} line {lines}: chassis_type = 1O: must be a number from 0 to 2147483647; "
+              "copies fail")
+    assert any(
+        line.endswith(f" error worker: the copy is refused: {reason}") for line in history.lines())
     assert contacts() == before
 
 
 def test_what_is_wrong_is_told_once_by_the_agent(manager, settings):
     settings("msgbus_answer_limit = 2s\nhistroy = all\n")
-    lines, agent, history = len(SETTINGS.read_text().splitlines()), lab_ctl("agent-pid", 1), History()
+    lines, agent, history = len(SETTINGS.read_text().splitlines()), lab_ctl("agent-pid",
+                                                                            1), History()
     for _ in range(3):
         Request(manager).create(*upload(SERVER4, "copied.cfg", protocol=TFTP)).copied()
-    expected = [f"{SETTINGS} line {lines - 1}: msgbus_answer_limit = 2s: must be a number from 1 to 60000; the default 2000 is used",
-                f"{SETTINGS} line {lines}: histroy: unknown setting; the line is ignored"]
-    told = [line.partition(" error settings: ")[2] for line in history.lines() if f" {agent} error settings: " in line]
+    expected = [
+        f"{SETTINGS} line {lines - 1}: msgbus_answer_limit = 2s: must be a number from 1 to 60000; "
+        "the default 2000 is used",
+        f"{SETTINGS} line {lines}: histroy: unknown setting; the line is ignored"
+    ]
+    told = [
+        line.partition(" error settings: ")[2] for line in history.lines()
+        if f" {agent} error settings: " in line
+    ]
     assert told == expected
 
 
 def test_history_holds_no_password_by_default(manager, settings):
     settings("")
-    time.sleep(1.1)  # within which the change holds: what is recorded until then is the course of things
+    # Within which the change holds: what is recorded until then is the course of things.
+    time.sleep(1.1)
     history = History()
     for protocol in (FTP, SFTP, SCP):
         Request(manager).create(*upload(SERVER4, "copied.cfg", protocol=protocol)).copied()

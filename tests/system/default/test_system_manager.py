@@ -1,14 +1,26 @@
 """Saves of the running configuration, by the system manager itself."""
 
 import itertools
+import os
 import signal
 import socket
 import struct
+import subprocess
 import threading
 import time
+from pathlib import Path
 
 import pytest
-from saves import *
+from copy_numbers import ROOT
+from copy_table import (
+    ACTIVE, ALL_STARTUP, FABRIC_STARTUP, FAIL_CAUSE, FALSE, GENERAL, NOT_READY, ROW_STATUS, SERVER4,
+    STATE, STATE_DIRECTORY, STATE_FAILED, STATE_RUNNING, STATE_SUCCESSFUL, History, Request,
+    SnmpError, completions, lab_ctl, run, upload, wait_for,
+)
+from saves import (
+    SAVES, SYSTEM_MANAGER_FAILED, SYSTEM_MANAGER_REFUSED, busy_device, change_times,
+    damaged_running_configuration, error_rows, logged, running, save, startup, system_manager_pid,
+)
 
 vlans = itertools.count(100)
 TO = pytest.mark.parametrize("destination", SAVES, ids=["startup", "fabric", "all"])
@@ -38,7 +50,8 @@ def test_save(manager, changed, destination):
         assert request.get(STATE, ROW_STATUS) == [STATE_RUNNING, ACTIVE]
     assert request.finished() == (STATE_SUCCESSFUL, GENERAL)
     assert startup() == running()
-    assert {2, 3} <= set(change_times()) and all(began <= when <= time.time() for when in change_times().values())
+    assert {2, 3} <= set(change_times())
+    assert all(began <= when <= time.time() for when in change_times().values())
     (bindings,) = wait_for(lambda: completions(request.index), what="the notification")
     assert dict(bindings)[request.oid(STATE)] == STATE_SUCCESSFUL
     assert error_rows(manager) == []
@@ -73,7 +86,8 @@ def test_no_system_manager(operator, destination):
     second = save(operator)
     with pytest.raises(SnmpError, match="genErr"):
         second.activate()
-    second.destroy()  # else it waits, and the begin of the next save takes it for the one that begins
+    # Else it waits, and the begin of the next save takes it for the one that begins.
+    second.destroy()
     request.destroy()
     lab_ctl("start-system-manager")
     next_copy_works(operator)
@@ -103,7 +117,8 @@ def test_no_answer(operator, changed, killed):
     else:
         os.kill(pid, signal.SIGCONT)
         # What it finds now is a request whose requester is gone.
-        wait_for(lambda: logged("not begun: the requester is gone") > refused, what="the line in the log")
+        wait_for(lambda: logged("not begun: the requester is gone") > refused,
+                 what="the line in the log")
         assert startup() == before
     next_copy_works(operator)
 
@@ -157,7 +172,8 @@ def test_unreadable_running_configuration(manager, destination):
         wait_for(lambda: completions(request.index), what="the notification")
         assert startup() == before
         texts = [row[3] for _, row in error_rows(manager)]
-        assert len(texts) == (destination == FABRIC_STARTUP) and all(b"running.cfg is not valid" in text for text in texts)
+        assert len(texts) == (destination == FABRIC_STARTUP)
+        assert all(b"running.cfg is not valid" in text for text in texts)
     next_copy_works(manager)
 
 
@@ -182,7 +198,8 @@ IGNORED = "copy run2start not initiated by us. ignore it"
 
 
 def test_save_outside_snmp_and_a_waiting_request(operator):
-    """Deliberate: the message about its begin takes the first waiting row for its own, the one about its end no network copy."""
+    """Deliberate: the message about its begin takes the first waiting row for its own, the one
+    about its end no network copy."""
     history = History()
     request = Request(operator).create(*upload(SERVER4, "waiting.cfg"))
     run("cmdshell", "-c", "copy running-config startup-config")
@@ -221,7 +238,8 @@ def test_agent_restarted_during_a_save(operator, changed):
 
 
 def test_configuration_of_the_start(operator, changed):
-    """The startup configuration is loaded when the switch starts, not when its system manager does."""
+    """The startup configuration is loaded when the switch starts, not when its system manager
+    does."""
     before = running()
     lab_ctl("restart-system-manager")
     assert running() == before
@@ -264,23 +282,30 @@ def undisturbed(operator, broken_link):
 
 def test_another_users_messages_are_refused_and_logged(undisturbed):
     """Neither the agent nor the system manager takes anything from a process of another user."""
-    for point, opcode in ((SYSTEM_MANAGER, 1381), (SYSTEM_MANAGER, 1383), (SNMP_AGENT, 1361), (SNMP_AGENT, 1391), (SNMP_AGENT, 10273)):
+    for point, opcode in ((SYSTEM_MANAGER, 1381), (SYSTEM_MANAGER, 1383), (SNMP_AGENT, 1361),
+                          (SNMP_AGENT, 1391), (SNMP_AGENT, 10273)):
         line = f"msgbus: access point {point}: process "
         history = History("--errors")
         message = packet(opcode, struct.pack(">II", 26, 1) + bytes(132))
-        run("setpriv", "--reuid", "nobody", "--clear-groups", "/usr/bin/python3", "-c", KNOCK, access_point(point), message.hex())
+        run("setpriv", "--reuid", "nobody", "--clear-groups", "/usr/bin/python3", "-c", KNOCK,
+            access_point(point), message.hex())
         wait_for(lambda: history.tells(line), what=f"the line about {opcode}")
 
 
 def test_messages_that_mean_nothing_are_dropped_with_a_line(undisturbed):
-    for point, opcode, payload in (
-            (SYSTEM_MANAGER, 1381, b""), (SYSTEM_MANAGER, 1381, bytes(139)), (SYSTEM_MANAGER, 1381, bytes(141)), (SYSTEM_MANAGER, 1383, bytes(4)),
-            (SYSTEM_MANAGER, 1383, struct.pack(">II", 4711, 0)), (SYSTEM_MANAGER, 77, b""),
-            (SNMP_AGENT, 10273, struct.pack("=i", 0)), (SNMP_AGENT, 77, bytes(140)), (SNMP_AGENT, 1381, bytes(4))):
+    for point, opcode, payload in ((SYSTEM_MANAGER, 1381, b""), (SYSTEM_MANAGER, 1381, bytes(139)),
+                                   (SYSTEM_MANAGER, 1381, bytes(141)), (SYSTEM_MANAGER, 1383,
+                                                                        bytes(4)),
+                                   (SYSTEM_MANAGER, 1383, struct.pack(
+                                       ">II", 4711,
+                                       0)), (SYSTEM_MANAGER, 77, b""), (SNMP_AGENT, 10273,
+                                                                        struct.pack("=i", 0)),
+                                   (SNMP_AGENT, 77, bytes(140)), (SNMP_AGENT, 1381, bytes(4))):
         history = History("--errors")
         with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as connection:
             connection.connect(access_point(point))
             connection.sendall(packet(opcode, payload))
             connection.settimeout(5)
             assert connection.recv(100) == b""
-        wait_for(lambda: history.tells("dropped"), what=f"the line about {opcode} with {len(payload)} octets")
+        wait_for(lambda: history.tells("dropped"),
+                 what=f"the line about {opcode} with {len(payload)} octets")

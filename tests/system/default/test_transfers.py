@@ -1,8 +1,9 @@
 """Copies over the network."""
 
-import pytest
-from copy_table import *
-from transfers import *  # the cases that every TFTP server must pass
+import transfers
+from copy_table import BAD_FILE_NAME, SERVER4, Request, download, serve, shared_tests, show, upload
+
+globals().update(shared_tests(transfers))
 
 
 def test_file_that_may_not_be_read(manager):

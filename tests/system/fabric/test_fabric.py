@@ -2,10 +2,23 @@
 
 import ipaddress
 import itertools
+import os
+import re
+import subprocess
 import time
+from pathlib import Path
 
 import pytest
-from saves import *
+from copy_numbers import COPY_ENTRY, ERROR_ENTRY, ROOT
+from copy_table import (
+    CREATE_AND_GO, DESTINATION, DESTROY, FABRIC_STARTUP, GENERAL, IPV4, IPV6, LOGS, ROW_STATUS,
+    RUNNING, SOURCE, STARTUP, STATE, STATE_FAILED, STATE_RUNNING, STATE_SUCCESSFUL, address_octets,
+    completions, lab_ctl, run, wait_for,
+)
+from saves import (
+    DAEMON_LOG, ERROR_TEXT, SYSTEM_MANAGER_FAILED, busy_device, change_times,
+    damaged_running_configuration, error_rows, full_disk, outcomes, running, save, startup,
+)
 
 HERE, SECOND, THIRD = 1, 2, 3
 AGENTS = dict(enumerate(os.environ["LAB_AGENTS"].split(), start=1))
@@ -22,7 +35,8 @@ def cmdshell(number, command):
 
 @pytest.fixture(autouse=True)
 def whole_fabric():
-    """Every switch runs something that its startup configuration does not hold; afterwards everything runs again, as it was set."""
+    """Every switch runs something that its startup configuration does not hold; afterwards
+    everything runs again, as it was set."""
     settings, vlan = SETTINGS.read_text(), next(vlans)
     SETTINGS.write_text(f"{settings}fabric_time_limit = {LIMIT}\n")
     for number, state in STATES.items():
@@ -48,7 +62,8 @@ def which_saved():
 
 def rows_on(number):
     """The members' agents take the same tools and user as the first one."""
-    done = subprocess.run(["snmpwalk", "-On", "-r0", "-t2", AGENTS[number], ROOT], stdout=subprocess.PIPE, text=True, check=True)
+    done = subprocess.run(["snmpwalk", "-On", "-r0", "-t2", AGENTS[number], ROOT],
+                          stdout=subprocess.PIPE, text=True, check=True)
     return [line for line in done.stdout.splitlines() if "No " not in line]
 
 
@@ -94,7 +109,8 @@ def test_a_save_of_one_switch_is_no_matter_of_the_others(operator):
 def test_member_down(manager):
     lab_ctl("stop-agent", SECOND)
     request = failed(manager)
-    assert outcomes(manager, request) == {HERE: SAVED, SECOND: f"no answer in {LIMIT} s", THIRD: SAVED}
+    assert outcomes(manager,
+                    request) == {HERE: SAVED, SECOND: f"no answer in {LIMIT} s", THIRD: SAVED}
     assert which_saved() == {HERE, THIRD}
     lab_ctl("start-agent", SECOND)
     works_again(manager)
@@ -111,9 +127,13 @@ def test_addresses_of_both_families(operator):
         (IPV6, ipaddress.ip_address("2001:db8::12").packed, bytes.fromhex("2000000000000003"))]
 
 
-@pytest.mark.parametrize("key, outcome", [("auth-passphrase", "authentication failed"), ("priv-passphrase", "wrong privacy key"), ("user", "authentication failed")])
+@pytest.mark.parametrize("key, outcome", [("auth-passphrase", "authentication failed"),
+                                          ("priv-passphrase", "wrong privacy key"),
+                                          ("user", "authentication failed")])
 def test_member_with_wrong_credentials(operator, key, outcome):
-    SETTINGS.write_text(re.sub(r"(?m)^(fabric_member = \S+:02 .*)$", rf"\1 {key}=not-the-right-one", SETTINGS.read_text()))
+    SETTINGS.write_text(
+        re.sub(r"(?m)^(fabric_member = \S+:02 .*)$", rf"\1 {key}=not-the-right-one",
+               SETTINGS.read_text()))
     request = failed(operator)
     assert outcomes(operator, request) == {HERE: SAVED, SECOND: outcome, THIRD: SAVED}
     assert "not-the-right-one" not in DAEMON_LOG.read_text()
@@ -139,18 +159,26 @@ def test_member_with_a_copy_in_progress(operator):
     with busy_device(STATES[SECOND]):
         other = f"{COPY_ENTRY}.{{}}.9"
         triples = [(ROW_STATUS, CREATE_AND_GO), (SOURCE, RUNNING), (DESTINATION, STARTUP)]
-        run("snmpset", AGENTS[SECOND], *[word for column, value in triples for word in (other.format(column), "i", value)])
+        run("snmpset", AGENTS[SECOND],
+            *[word for column, value in triples for word in (other.format(column), "i", value)])
         request = failed(operator)
         assert outcomes(operator, request)[SECOND] == "another copy is in progress"
-    wait_for(lambda: run("snmpget", "-Oqv", AGENTS[SECOND], other.format(STATE)).strip() == str(STATE_SUCCESSFUL), what="the member's own save")
+    wait_for(
+        lambda: run("snmpget", "-Oqv", AGENTS[SECOND], other.format(STATE)).strip() == str(
+            STATE_SUCCESSFUL), what="the member's own save")
     run("snmpset", AGENTS[SECOND], other.format(ROW_STATUS), "i", DESTROY)
     works_again(operator)
 
 
 def test_member_whose_system_manager_refuses(operator):
     with busy_device(STATES[SECOND]):
-        own = subprocess.Popen(["lab-ctl", "switch-exec", str(SECOND), "cmdshell", "-c", "copy running-config startup-config"])
-        wait_for(lambda: "asked by user" in Path(LOGS / "wardend2.log").read_text().splitlines()[-1], what="the member's own save")
+        own = subprocess.Popen([
+            "lab-ctl", "switch-exec",
+            str(SECOND), "cmdshell", "-c", "copy running-config startup-config"
+        ])
+        wait_for(
+            lambda: "asked by user" in Path(LOGS / "wardend2.log").read_text().splitlines()[-1],
+            what="the member's own save")
         request = failed(operator)
         assert outcomes(operator, request)[SECOND] == "refused by its system manager"
     assert own.wait(10) == 0
@@ -168,7 +196,8 @@ def test_member_that_takes_too_long(operator, saved_before):
 def test_bad_settings_save_nowhere(operator, saved_before):
     SETTINGS.write_text(f"{SETTINGS.read_text()}fabric_member = nonsense\n")
     request = failed(operator)
-    assert [*outcomes(operator, request)] == [HERE] and "fabric_member" in outcomes(operator, request)[HERE]
+    assert [*outcomes(operator, request)] == [HERE]
+    assert "fabric_member" in outcomes(operator, request)[HERE]
     assert {number: startup(state) for number, state in STATES.items()} == saved_before
 
 
@@ -177,7 +206,8 @@ def test_destroy_gives_the_fabric_save_up(operator, saved_before):
         request = fabric_save(operator)
         wait_for(lambda: rows_on(SECOND), what="the row on the member")
         request.destroy()
-        wait_for(lambda: rows_on(SECOND) == rows_on(THIRD) == [], what="the end of the members' rows")
+        wait_for(lambda: rows_on(SECOND) == rows_on(THIRD) == [],
+                 what="the end of the members' rows")
         assert startup(STATES[SECOND]) == saved_before[SECOND]
     assert startup() == saved_before[HERE]
     works_again(operator)

@@ -1,9 +1,13 @@
-"""Rows age out. The agent's clock is moved; its alarm needs no more than a request that wakes it."""
-
-import subprocess
+"""Rows age out. The agent's clock is moved; its alarm needs no more than a request that wakes
+it."""
 
 import pytest
-from saves import *
+from copy_numbers import ROOT
+from copy_table import (
+    BAD_FILE_NAME, FABRIC_STARTUP, NOTIFY, SERVER4, STATE, STATE_RUNNING, TIME_COMPLETED,
+    TIME_STARTED, TRUE, Request, completions, download, lab_ctl, upload, wait_for,
+)
+from saves import SYSTEM_MANAGER_FAILED, damaged_running_configuration, error_rows, save
 
 
 @pytest.fixture
@@ -79,4 +83,5 @@ def test_times_of_an_agent_that_has_run_for_long(operator, later, days):
     started, completed = request.get(TIME_STARTED, TIME_COMPLETED)
     assert before < started <= completed < before + 10 * 60 * 100
     (bindings,) = wait_for(lambda: completions(request.index), what="the notification")
-    assert (request.oid(TIME_STARTED), started) in bindings and (request.oid(TIME_COMPLETED), completed) in bindings
+    assert (request.oid(TIME_STARTED), started) in bindings
+    assert (request.oid(TIME_COMPLETED), completed) in bindings

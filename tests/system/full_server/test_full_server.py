@@ -3,7 +3,9 @@
 import errno
 
 import pytest
-from copy_table import *
+from copy_table import (
+    NO_SPACE, SERVER4, SERVER6, SERVER_ROOT, Request, download, serve, show, upload,
+)
 
 
 @pytest.mark.parametrize("server", [SERVER4, SERVER6], ids=["ipv4", "ipv6"])

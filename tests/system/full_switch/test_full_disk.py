@@ -1,7 +1,8 @@
 """A save that does not fit."""
 
 import pytest
-from saves import *
+from copy_table import FABRIC_STARTUP, GENERAL, STATE_DIRECTORY, STATE_SUCCESSFUL, run
+from saves import SAVES, SYSTEM_MANAGER_FAILED, error_rows, full_disk, running, save, startup
 
 
 @pytest.mark.parametrize("destination", SAVES, ids=["startup", "fabric", "all"])
@@ -13,7 +14,8 @@ def test_save_that_does_not_fit(manager, destination):
         assert startup() == before
         assert not [*STATE_DIRECTORY.glob("*.new")]
         assert run("cmdshell", "-c", "show last-save") == "no space on device\n"
-        assert [row[3] for _, row in error_rows(manager)] == ([b"no space on device"] if destination == FABRIC_STARTUP else [])
+        told = [b"no space on device"] if destination == FABRIC_STARTUP else []
+        assert [row[3] for _, row in error_rows(manager)] == told
     again = save(manager, destination)
     again.activate()
     assert again.finished() == (STATE_SUCCESSFUL, GENERAL)

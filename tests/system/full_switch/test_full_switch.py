@@ -1,7 +1,8 @@
 """The switch has no room left."""
 
-import pytest
-from copy_table import *
+from copy_table import (
+    GENERAL, NO_SPACE, SERVER4, SERVER_ROOT, STATE_FAILED, Request, download, serve, show, upload,
+)
 
 
 def test_download_that_does_not_fit(manager):

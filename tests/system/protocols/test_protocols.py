@@ -1,9 +1,6 @@
 """Every protocol over the ordinary network."""
 
-import pytest
-from protocols import *
+import protocols
+from copy_table import shared_tests
 
-
-@pytest.fixture
-def place():
-    return Place()
+globals().update(shared_tests(protocols))

@@ -3,9 +3,12 @@
 import os
 import shutil
 
-import pytest
-from copy_table import *
-from transfers import *
+import transfers
+from copy_table import (
+    BAD_FILE_NAME, GENERAL, SERVER4, Request, download, serve, show, shared_tests, upload,
+)
+
+globals().update(shared_tests(transfers))
 
 
 def owned(name, content, mode):
@@ -29,6 +32,7 @@ def test_file_that_may_not_be_written(manager):
 
 
 def test_refusal_that_the_server_gives_no_number(manager):
-    """The system refuses the server the file; it then answers with the protocol's error 0, undefined."""
+    """The system refuses the server the file; it then answers with the protocol's error 0,
+    undefined."""
     serve("foreign.cfg", "hostname stolen\n", 0o600)
     assert Request(manager).create(*download(SERVER4, "foreign.cfg")).fails() == GENERAL

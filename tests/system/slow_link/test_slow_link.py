@@ -3,8 +3,9 @@
 import statistics
 import time
 
-import pytest
-from copy_table import *
+from copy_table import (
+    SERVER4, SERVER6, SERVER_ROOT, Request, download, serve, show, upload, wait_for,
+)
 
 ECHO = f"""
 import socket
@@ -42,7 +43,8 @@ def test_round_trip_takes_twice_the_delay_and_some_are_lost():
         server.wait()
     came = [seconds for seconds in times if seconds is not None]
     assert 0.050 <= min(came) and statistics.median(came) < 0.060
-    # 5 % each way lose 9.75 % of 200 round trips; fewer than 3 or more than 50 come once in a million runs, and the seed is fixed anyway.
+    # 5 % each way lose 9.75 % of 200 round trips; fewer than 3 or more than 50 come once in a
+    # million runs, and the seed is fixed anyway.
     assert 3 <= times.count(None) <= 50
 
 

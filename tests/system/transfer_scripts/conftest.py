@@ -1,4 +1,5 @@
 import shutil
+import subprocess
 import sys
 from pathlib import Path
 
@@ -7,7 +8,8 @@ import pytest
 sys.path.insert(0, str(Path(__file__).parent))
 pytest.register_assert_rewrite("scripts")
 
-from scripts import *
+from copy_table import SERVER_ROOT, run
+from scripts import KNOWN_HOSTS, OTHER_HOST, SCRIPTS, SETTINGS, Transfer, on_server
 
 
 @pytest.fixture(params=SCRIPTS)
@@ -22,7 +24,8 @@ def ssh_script(request):
 
 @pytest.fixture(autouse=True)
 def quiet_switch():
-    """Every test begins and ends with the settings as they were, without known hosts, and with an empty folder on the server."""
+    """Every test begins and ends with the settings as they were, without known hosts, and with an
+    empty folder on the server."""
     before = SETTINGS.read_bytes()
     yield
     SETTINGS.write_bytes(before)
@@ -71,7 +74,9 @@ def other_host():
     started = []
 
     def start(*words):
-        started.append(subprocess.Popen(["lab-ctl", "server-exec", *map(str, words)], stdin=subprocess.DEVNULL))
+        started.append(
+            subprocess.Popen(["lab-ctl", "server-exec", *map(str, words)],
+                             stdin=subprocess.DEVNULL))
         return started[-1]
 
     yield start

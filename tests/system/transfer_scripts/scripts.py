@@ -3,14 +3,12 @@
 import contextlib
 import os
 import re
-import signal
 import subprocess
-import time
 import warnings
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
-from copy_table import *
+from copy_table import SERVER4, SERVER_ROOT, STATE_DIRECTORY, run
 
 with warnings.catch_warnings():
     warnings.simplefilter("ignore")  # it goes with Python 3.13; Debian 12 has 3.11
@@ -20,7 +18,8 @@ DONE, UNREACHABLE, NAME, SPACE, LOGIN, HOST_KEY, LOST, USE, OTHER = range(9)
 ACCOUNT, SECRET = os.environ.get("LAB_USER", ""), os.environ.get("LAB_PASSWORD", "")
 SETTINGS = Path(os.environ.get("ULMO_CONF", "/nonexistent"))
 KNOWN_HOSTS = STATE_DIRECTORY / "ssh_known_hosts"
-OTHER_HOST = "192.0.2.30"  # a second address of the server's host, where a test may listen on ports 21 and 22
+# A second address of the server's host, where a test may listen on ports 21 and 22.
+OTHER_HOST = "192.0.2.30"
 NO_ROUTE = "198.51.100.1"
 FOREVER = 40
 
@@ -32,7 +31,9 @@ class Script:
         self.program = program
 
     def words(self, action, local, remote, server=None, user=None, password=None, vrf=None):
-        server, user, password = server or SERVER4, ACCOUNT if user is None else user, SECRET if password is None else password
+        server = server or SERVER4
+        user = ACCOUNT if user is None else user
+        password = SECRET if password is None else password
         first, second = (local, remote) if action == "put" else (remote, local)
         if self.program == "snmp.ftp.expect":
             words = [server, first, second, user, password, action]
@@ -57,8 +58,12 @@ class Running:
     def __init__(self, words, environment=()):
         self.words = words
         # The lab tells the password in its environment, and the tests look for it there.
-        environment = {name: value for name, value in {**os.environ, **dict(environment)}.items() if name != "LAB_PASSWORD"}
-        self.process = subprocess.Popen(words, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=environment)
+        environment = {
+            name: value for name, value in {**os.environ, **dict(environment)}.items()
+            if name != "LAB_PASSWORD"
+        }
+        self.process = subprocess.Popen(words, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                                        stderr=subprocess.PIPE, env=environment)
 
     @property
     def pid(self):
@@ -79,13 +84,15 @@ class Running:
         if self.process.returncode == DONE:
             assert error == b"", error
         elif self.process.returncode > 0:
-            assert re.fullmatch(rb"(snmp\.ftp|sftp|scp)\.expect: [^\n]+\n", error), (self.process.returncode, error)
+            assert re.fullmatch(rb"(snmp\.ftp|sftp|scp)\.expect: [^\n]+\n",
+                                error), (self.process.returncode, error)
             assert SECRET.encode() not in error
         return self.process.returncode
 
 
 class Transfer:
-    """One transfer to come, with folders of its own at the switch and files of its own at the server."""
+    """One transfer to come, with folders of its own at the switch and files of its own at the
+    server."""
 
     def __init__(self, script, action, here):
         self.script, self.action = script, action
@@ -141,7 +148,9 @@ def set_password(password):
     shadow = Path("/etc/shadow")
     lines = shadow.read_text().splitlines()
     new = crypt.crypt(password, "$5$rounds=1000$salt")
-    shadow.write_text("".join((f"{ACCOUNT}:{new}:19000:0:99999:7:::" if line.startswith(f"{ACCOUNT}:") else line) + "\n" for line in lines))
+    shadow.write_text("".join(
+        (f"{ACCOUNT}:{new}:19000:0:99999:7:::" if line.startswith(f"{ACCOUNT}:") else line) + "\n"
+        for line in lines))
 
 
 def settings(**values):
@@ -168,7 +177,8 @@ def gone(pids):
 
 def listening(*ports):
     """Whether the other host listens there."""
-    return all(run("lab-ctl", "server-exec", "ss", "-Hltn", f"src {OTHER_HOST}:{port}") for port in ports)
+    return all(
+        run("lab-ctl", "server-exec", "ss", "-Hltn", f"src {OTHER_HOST}:{port}") for port in ports)
 
 
 # Takes connections and never says a word.
@@ -181,7 +191,8 @@ while True:
         accepted.append(listener.accept())
 """
 
-# An FTP server that says what it is told to, knows the account's password and the empty one, and does not answer a farewell.
+# An FTP server that says what it is told to, knows the account's password and the empty one, and
+# does not answer a farewell.
 FTP_SERVER = """
 import socket, sys
 address, reply_before, data, reply_after, size = sys.argv[1:6]
@@ -220,7 +231,9 @@ while True:
                 continue
             if word == "QUIT":
                 continue
-            say({"USER": "331 password", "PASS": "230 welcome", "SYST": "215 UNIX Type: L8", "TYPE": "200 type", "SIZE": size}.get(word, "500 what"))
+            answers = {"USER": "331 password", "PASS": "230 welcome", "SYST": "215 UNIX Type: L8",
+                       "TYPE": "200 type", "SIZE": size}
+            say(answers.get(word, "500 what"))
     lines.close()
     peer.close()
 """.replace("LAB_PASSWORD", SECRET)

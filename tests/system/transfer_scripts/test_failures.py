@@ -1,7 +1,18 @@
 """Every way in which a transfer fails has its exit code, and leaves no part of a download."""
 
+import contextlib
+import os
+import signal
+import time
+from pathlib import Path
+
 import pytest
-from scripts import *
+from copy_table import SERVER_ROOT, lab_ctl, serve, wait_for
+from scripts import (
+    DONE, FTP, FTP_SERVER, LOST, NAME, NO_ROUTE, OTHER, OTHER_HOST, SCP, SCRIPTS, SILENT, SPACE,
+    SSH_SCRIPTS, UNREACHABLE, USE, Running, gone, listening, opened_by, results, settings,
+    side_by_side,
+)
 
 LARGE = 3_000_000
 LASTING = 20_000_000  # not done within a few seconds on the links below
@@ -17,7 +28,8 @@ def untouched(here):
         before = {path: path.read_bytes() if path.is_file() else None for path in here.iterdir()}
 
     yield keep
-    assert {path: path.read_bytes() if path.is_file() else None for path in here.iterdir()} == before
+    assert {path: path.read_bytes() if path.is_file() else None
+            for path in here.iterdir()} == before
 
 
 # The server can't be reached
@@ -29,8 +41,10 @@ def test_unreachable(script, transfers, other_host):
         servers += ["-x", "a b"]
     for transfer in transfers([script], b"text"):
         transfer.target.write_bytes(b"old")
-        assert side_by_side(lambda server: transfer.script.start(transfer.action, transfer.local, transfer.remote, server=server).result(),
-                            *((server,) for server in servers)) == [UNREACHABLE] * len(servers)
+        assert side_by_side(
+            lambda server: transfer.script.start(transfer.action, transfer.local, transfer.remote,
+                                                 server=server).result(),
+            *((server,) for server in servers)) == [UNREACHABLE] * len(servers)
         assert transfer.target.read_bytes() == b"old" and len(os.listdir(transfer.folder)) == 1
 
 
@@ -57,8 +71,10 @@ def test_names_refused_by_the_server(script, here, untouched):
     serve("protected", "text\n", mode=0o444)
     downloads = ["missing", "folder", "unreadable", "missing/x", "x" * 300]
     uploads = ["folder", "protected", "missing/x", "/etc/x", "x" * 300, "folder/"]
-    assert side_by_side(lambda name: script.get(name, here / "back"), *((name,) for name in downloads)) == [NAME] * len(downloads)
-    assert side_by_side(lambda name: script.put(here / "out", name), *((name,) for name in uploads)) == [NAME] * len(uploads)
+    assert side_by_side(lambda name: script.get(name, here / "back"),
+                        *((name,) for name in downloads)) == [NAME] * len(downloads)
+    assert side_by_side(lambda name: script.put(here / "out", name),
+                        *((name,) for name in uploads)) == [NAME] * len(uploads)
     if script is not SCP:  # which notices the folder only when it has begun
         assert os.listdir(SERVER_ROOT / "folder") == []
 
@@ -67,8 +83,10 @@ def test_control_characters_are_refused_before_any_connection(script, here, unto
     (here / "out").write_bytes(b"text")
     untouched()
     names = ["a\nb", "\ta", "a\r", "\x7f", "\x01", "a\x1b[m"]
-    assert side_by_side(lambda name: script.put(here / "out", name, server=NO_ROUTE), *((name,) for name in names)) == [NAME] * len(names)
-    assert side_by_side(lambda name: script.get(name, here / "back", server=NO_ROUTE), *((name,) for name in names)) == [NAME] * len(names)
+    assert side_by_side(lambda name: script.put(here / "out", name, server=NO_ROUTE),
+                        *((name,) for name in names)) == [NAME] * len(names)
+    assert side_by_side(lambda name: script.get(name, here / "back", server=NO_ROUTE),
+                        *((name,) for name in names)) == [NAME] * len(names)
     assert script.put(here / "o\nut", "x", server=NO_ROUTE) == NAME
     assert script.get("x", here / "o\nut", server=NO_ROUTE) == NAME
 
@@ -80,8 +98,10 @@ def test_local_names_refused(script, here, untouched):
     serve("there.cfg", "text\n")
     sources = [here / "missing", here / "folder", here / "pipe", here / "missing" / "x", ""]
     targets = [here / "folder", here / "missing" / "x", "/proc/x", ""]
-    assert side_by_side(lambda name: script.put(str(name), "x"), *((name,) for name in sources)) == [NAME] * len(sources)
-    assert side_by_side(lambda name: script.get("there.cfg", str(name)), *((name,) for name in targets)) == [NAME] * len(targets)
+    assert side_by_side(lambda name: script.put(str(name), "x"),
+                        *((name,) for name in sources)) == [NAME] * len(sources)
+    assert side_by_side(lambda name: script.get("there.cfg", str(name)),
+                        *((name,) for name in targets)) == [NAME] * len(targets)
 
 
 # Space
@@ -119,7 +139,8 @@ def moving(transfers):
     wait_for(lambda: all(transfer.is_moving() for transfer in transfers), what="the first octets")
 
 
-@pytest.mark.parametrize("kind, scripts", [("ftp", [FTP]), ("ssh", SSH_SCRIPTS)], ids=["ftp", "ssh"])
+@pytest.mark.parametrize("kind, scripts", [("ftp", [FTP]), ("ssh", SSH_SCRIPTS)],
+                         ids=["ftp", "ssh"])
 def test_killed_server(kind, scripts, transfers, slow_link):
     slow_link(8000)
     every = transfers(scripts, bytes(LASTING))
@@ -153,8 +174,9 @@ def test_cut_link(transfers, slow_link, broken_link):
 
 
 def test_slow_is_not_idle(transfers, slow_link):
-    """The files are hardly longer than the blocks that the clients move at once, and together they take longer than the limit. It is long enough
-    for the one that waits for the others' octets on their common link."""
+    """The files are hardly longer than the blocks that the clients move at once, and together they
+    take longer than the limit. It is long enough for the one that waits for the others' octets on
+    their common link."""
     settings(transfer_idle_limit=5)
     slow_link(120)
     content = os.urandom(28_000)
@@ -173,14 +195,17 @@ def test_time_limit(transfers, slow_link):
     assert all(transfer.left_nothing() for transfer in every)
 
 
-@pytest.mark.parametrize("number, code", [(signal.SIGTERM, OTHER), (signal.SIGKILL, -signal.SIGKILL)], ids=["SIGTERM", "SIGKILL"])
+@pytest.mark.parametrize("number, code", [(signal.SIGTERM, OTHER),
+                                          (signal.SIGKILL, -signal.SIGKILL)],
+                         ids=["SIGTERM", "SIGKILL"])
 def test_killed_script_leaves_no_client(number, code, transfers, slow_link):
     slow_link(8000)
     every = transfers(SCRIPTS.values(), bytes(LASTING))
     moving(every)
     families = [transfer.running.family() for transfer in every]
     streams = [transfer.running.process.stderr for transfer in every]
-    assert not any(f"pipe:[{os.fstat(stream.fileno()).st_ino}]" in opened_by(family[1:]) for family, stream in zip(families, streams))
+    assert not any(f"pipe:[{os.fstat(stream.fileno()).st_ino}]" in opened_by(family[1:])
+                   for family, stream in zip(families, streams))
     assert [len(family) for family in families] == [2, 2, 3, 3, 3, 3]
     for transfer in every:
         os.kill(transfer.running.pid, number)
@@ -230,8 +255,10 @@ def test_the_servers_last_word(replies, code, here, other_host):
 # Arguments
 
 
-@pytest.mark.parametrize("words", [(), ("-c", "exec touch /tmp/owned"), ("-d", "-c", "exec touch /tmp/owned", "x", "x", "x"), ("-f", "/etc/passwd"),
-                                   ("a", "b", "c", "d", "e", "f", "g", "h"), ("a", "b", "c", "d", "e", "f", "g"), ("x" * 100_000,)],
+@pytest.mark.parametrize("words", [(), ("-c", "exec touch /tmp/owned"),
+                                   ("-d", "-c", "exec touch /tmp/owned", "x", "x", "x"),
+                                   ("-f", "/etc/passwd"), ("a", "b", "c", "d", "e", "f", "g", "h"),
+                                   ("a", "b", "c", "d", "e", "f", "g"), ("x" * 100_000,)],
                          ids=["none", "-c", "-d", "-f", "many", "seven", "long"])
 def test_wrong_use(script, words):
     assert Running([f"/ulmo/bin/{script.program}", *words]).result() == USE

@@ -1,11 +1,19 @@
 """Files arrive whole and under their own names."""
 
+import crypt
+import os
+from pathlib import Path
+
 import pytest
-from scripts import *
+from copy_table import SERVER4, SERVER6, SERVER_ROOT, STATE_DIRECTORY
+from scripts import (
+    DONE, SCP, SCRIPTS, SECRET, UNREACHABLE, USE, on_server, results, settings, side_by_side,
+)
 
 CONTENT = bytes(range(256)) * 40
 
-# What a shell, Tcl, a client's command line, a pattern, an option or an address might see in a name.
+# What a shell, Tcl, a client's command line, a pattern, an option or an address might see in a
+# name.
 NAMES = [
     b"plain.cfg",
     b"a  b'c\"d`touch owned`$(touch owned)$HOME;touch owned&<>#x!%d%n^",
@@ -57,10 +65,13 @@ def test_names_are_literal(script, here, locale, monkeypatch):
         local.write_bytes(CONTENT + name)
         up = script.put(local, os.fsdecode(name), environment=environment)
         back = here / os.fsdecode(b"back-" + name[:100])
-        return up, script.get(os.fsdecode(name), back, environment=environment), back.exists() and back.read_bytes() == CONTENT + name
+        return up, script.get(
+            os.fsdecode(name), back,
+            environment=environment), back.exists() and back.read_bytes() == CONTENT + name
 
     names = NAMES if locale == "C" else NAMES[-4:]
-    assert side_by_side(round_trip, *((name,) for name in names)) == [(DONE, DONE, True)] * len(names)
+    assert side_by_side(round_trip,
+                        *((name,) for name in names)) == [(DONE, DONE, True)] * len(names)
     assert sorted(os.listdir(os.fsencode(SERVER_ROOT))) == sorted(names)
     assert all((SERVER_ROOT / os.fsdecode(name)).read_bytes() == CONTENT + name for name in names)
     assert not Path("/root/owned").exists() and len(os.listdir(here)) == 2 * len(names)
@@ -91,7 +102,8 @@ def test_a_longer_file_is_replaced(script, transfers):
 
 
 def test_scp_takes_targets_apart(here):
-    """A user's name with an '@' and much else, an IPv6 address in brackets, a file after an address that could end elsewhere."""
+    """A user's name with an '@' and much else, an IPv6 address in brackets, a file after an address
+    that could end elsewhere."""
     (here / "out").write_bytes(CONTENT)
     user = "a@b %u \u00e4"
     with open("/etc/passwd", "a") as passwd, open("/etc/shadow", "a") as shadow:
@@ -112,7 +124,8 @@ def test_scp_takes_targets_apart(here):
 
 
 def test_in_a_vrf(transfers, here, broken_link):
-    """The VRF is the server's own namespace: from there the server can be reached, and from nowhere else."""
+    """The VRF is the server's own namespace: from there the server can be reached, and from nowhere
+    else."""
     vrfs = STATE_DIRECTORY / "vrfs"
     vrfs.write_text("7 server\n8 gone\n")
     every = transfers(SCRIPTS.values(), CONTENT)

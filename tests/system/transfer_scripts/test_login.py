@@ -1,7 +1,16 @@
 """Passwords, host keys, and who gets to see them."""
 
+import contextlib
+import os
+import subprocess
+from pathlib import Path
+
 import pytest
-from scripts import *
+from copy_table import LOGS, SERVER4, SERVER_ROOT, lab_ctl, run, wait_for
+from scripts import (
+    DONE, FOREVER, FTP, FTP_SERVER, HOST_KEY, KNOWN_HOSTS, LOGIN, NAME, OTHER_HOST, SECRET,
+    SETTINGS, SFTP, SSH_SCRIPTS, USE, listening, results, set_password, settings, side_by_side,
+)
 
 PRINTABLE = "".join(map(chr, range(32, 127)))
 
@@ -12,7 +21,8 @@ def password():
     set_password(SECRET)
 
 
-@pytest.mark.parametrize("text", [PRINTABLE[:48], PRINTABLE[48:], " \u00e4\u20ac ", "-f"], ids=["first", "second", "utf-8", "option"])
+@pytest.mark.parametrize("text", [PRINTABLE[:48], PRINTABLE[48:], " \u00e4\u20ac ", "-f"],
+                         ids=["first", "second", "utf-8", "option"])
 def test_every_password(script, text, password, here):
     password(text)
     (here / "out").write_text("text\n")
@@ -25,19 +35,23 @@ def test_anonymous_ftp_without_a_password(here, user, other_host):
     (here / "out").write_text("text\n")
     other_host("/usr/bin/python3", "-c", FTP_SERVER, OTHER_HOST, "150 here", "", "226 done", "500")
     wait_for(lambda: listening(21))
-    assert FTP.put(here / "out", "there.cfg", user=user, password="", server=OTHER_HOST) == DONE  # which knows empty from blank
+    # It knows empty from blank.
+    assert FTP.put(here / "out", "there.cfg", user=user, password="", server=OTHER_HOST) == DONE
     assert FTP.put(here / "out", "there.cfg", user=user, password="") == DONE
     assert FTP.get("there.cfg", here / "back", user=user, password="") == DONE
     assert (here / "back").read_text() == "text\n"
 
 
 def test_login_refused(script, transfers):
-    refused = [{"password": "wrong"}, {"password": ""}, {"user": "nobody-knows"}, {"password": "a\nb"}, {"user": "a\tb"}]
+    refused = [{"password": "wrong"}, {"password": ""}, {"user": "nobody-knows"},
+               {"password": "a\nb"}, {"user": "a\tb"}]
     if script is not FTP:
         refused.append({"user": ""})
     for transfer in transfers([script], b"text"):
-        assert side_by_side(lambda case: transfer.script.start(transfer.action, transfer.local, transfer.remote, **case).result(),
-                            *((case,) for case in refused)) == [LOGIN] * len(refused)
+        assert side_by_side(
+            lambda case: transfer.script.start(
+                transfer.action, transfer.local, transfer.remote, **case).result(),
+            *((case,) for case in refused)) == [LOGIN] * len(refused)
         assert not transfer.target.exists()
 
 
@@ -51,13 +65,22 @@ def test_keyboard_interactive(other_host, here):
     """A server that asks by itself what it wants to know."""
     key, configuration = here / "key", here / "sshd_config"
     run("ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", key)
-    Path("/etc/pam.d/sshd").write_text("auth required pam_unix.so nodelay\naccount required pam_permit.so\nsession required pam_permit.so\n")
-    configuration.write_text(f"ListenAddress {OTHER_HOST}\nHostKey {key}\nPidFile none\nUsePAM yes\nPasswordAuthentication no\n"
-                             "KbdInteractiveAuthentication yes\nPubkeyAuthentication no\nUseDNS no\nSubsystem sftp internal-sftp\n")
+    Path("/etc/pam.d/sshd").write_text(
+        "auth required pam_unix.so nodelay\naccount required pam_permit.so\n"
+        "session required pam_permit.so\n"
+    )
+    configuration.write_text(
+        f"ListenAddress {OTHER_HOST}\nHostKey {key}\nPidFile none\nUsePAM yes\n"
+        "PasswordAuthentication no\n"
+        "KbdInteractiveAuthentication yes\nPubkeyAuthentication no\nUseDNS no\n"
+        "Subsystem sftp internal-sftp\n"
+    )
     daemon = next(Path(os.path.realpath(f"/proc/{pid}/exe")) for pid in os.listdir("/proc")
                   if pid.isdigit() and os.path.realpath(f"/proc/{pid}/exe").endswith("/sshd"))
     other_host(daemon, "-D", "-f", configuration)
-    wait_for(lambda: subprocess.run(["ssh-keyscan", "-T1", OTHER_HOST], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL).stdout, what="the server")
+    scan = ["ssh-keyscan", "-T1", OTHER_HOST]
+    wait_for(lambda: subprocess.run(scan, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL).stdout,
+             what="the server")
     (here / "out").write_text("text\n")
     for script in SSH_SCRIPTS:
         assert script.put(here / "out", f"asked-{script.program}", server=OTHER_HOST) == DONE
@@ -97,7 +120,9 @@ def test_first_contact_off_in_other_words(transfers):
         settings(ssh_accept_new_host_keys=word)
         before = len(SERVER_LOG.read_text())
         assert results(both) == [HOST_KEY] * 4, word
-        logins = [line for line in SERVER_LOG.read_text()[before:].splitlines() if "password" in line]
+        logins = [
+            line for line in SERVER_LOG.read_text()[before:].splitlines() if "password" in line
+        ]
         assert logins == [], word  # the password was never sent
     for word in ("Yes", "on", "TRUE"):
         settings(ssh_accept_new_host_keys=word)
@@ -119,7 +144,8 @@ def unreadable_settings():
 
 
 def test_settings_that_refuse(transfers):
-    """No server is asked under settings that are bad where they guard something, or can't be read."""
+    """No server is asked under settings that are bad where they guard something, or can't be
+    read."""
     both, every = transfers(SSH_SCRIPTS, b"text"), [FTP, *SSH_SCRIPTS]
     before = len(SERVER_LOG.read_text())
 
@@ -132,13 +158,17 @@ def test_settings_that_refuse(transfers):
     for word in ("maybe", "", "0", "yes please"):
         settings(ssh_accept_new_host_keys=word)
         lines = len(SETTINGS.read_text().splitlines())
-        expected = f"{SETTINGS} line {lines}: ssh_accept_new_host_keys = {word}: must be yes or no; copies by SFTP and SCP fail\n"
+        expected = (f"{SETTINGS} line {lines}: ssh_accept_new_host_keys = {word}: "
+                    "must be yes or no; copies by SFTP and SCP fail\n")
         assert {reason(transfer) for transfer in both} == {expected}
     with unreadable_settings():
         for script in every:
             done = script.start("put", both[0].source, "never.cfg")
             assert done.process.communicate(timeout=FOREVER) == (
-                b"", f"{script.program}: {SETTINGS} can't be read: Is a directory; copies and saves fail\n".encode())
+                b"",
+                f"{script.program}: {SETTINGS} can't be read: Is a directory; "
+                "copies and saves fail\n"
+                .encode())
             assert done.process.returncode == USE
     assert SERVER_LOG.read_text()[before:] == "" and not KNOWN_HOSTS.exists()
 
@@ -151,8 +181,8 @@ def test_bad_limits_leave_the_default(transfers):
 
 @pytest.mark.parametrize("which", [0, 1], ids=["put", "get"])
 def test_password_is_nowhere_to_be_seen(script, which, transfers, slow_link):
-    """The script shows it in its arguments until it has started anew, which is before it starts anything; no other process does, none in its
-    environment."""
+    """The script shows it in its arguments until it has started anew, which is before it starts
+    anything; no other process does, none in its environment."""
     slow_link(800)
     transfer = transfers([script], bytes(40_000))[which]
     transfer.start(vrf=1)

@@ -1,8 +1,15 @@
 """What the scripts tell the copy that they work for: the reason of a failure, and what was moved.
 Never the password."""
 
+import contextlib
+import re
+from pathlib import Path
+
 import pytest
-from scripts import *
+from copy_table import wait_for
+from scripts import (
+    ACCOUNT, DONE, FOREVER, FTP, FTP_SERVER, LOGIN, NAME, OTHER_HOST, SECRET, listening,
+)
 
 # One server that echoes what it was given where it refuses a login.
 ECHO = FTP_SERVER.replace('say("530 no")', 'say("530 no, not with " + rest + "-" + rest)')
@@ -47,7 +54,8 @@ def test_server_that_echoes_the_password(here, report, other_host, form, when):
     first, data = (text, "") if when == "before" else ("150 here", "data")
     other_host("/usr/bin/python3", "-c", FTP_SERVER, OTHER_HOST, first, data, text, "500")
     wait_for(lambda: listening(21))
-    running = FTP.start("get", here / "back", "x.cfg", server=OTHER_HOST, environment=told_to(report))
+    running = FTP.start("get", here / "back", "x.cfg", server=OTHER_HOST,
+                        environment=told_to(report))
     running.process.wait(FOREVER)
     said = running.process.stderr.read().decode()
     assert running.process.returncode == NAME

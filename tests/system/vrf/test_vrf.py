@@ -4,7 +4,9 @@ import hashlib
 import os
 
 import pytest
-from copy_table import *
+from copy_table import (
+    GENERAL, SERVER4, SERVER6, SERVER_ROOT, WORK, Request, download, run, serve, show, upload,
+)
 
 
 def newest_line():
@@ -36,7 +38,10 @@ def test_every_failure_of_the_program_is_a_general_one(manager):
     assert Request(manager).create(*upload("198.51.100.1", "nowhere.cfg")).fails() == GENERAL
 
 
-@pytest.mark.parametrize("name", ["$(touch owned)", "`touch owned`", '"; touch owned; "', "&touch owned", 'a"b', "a  b", "$HOME", "a\\b", "-x", "x\ny", "!!", "*"])
+@pytest.mark.parametrize("name", [
+    "$(touch owned)", "`touch owned`", '"; touch owned; "', "&touch owned", 'a"b', "a  b", "$HOME",
+    "a\\b", "-x", "x\ny", "!!", "*"
+])
 def test_file_name_reaches_the_server_as_it_is(manager, name):
     request = Request(manager).create(*upload(SERVER4, name))
     request.copied()

@@ -1,8 +1,12 @@
-"""The SNMP context of a request names the VRF of its transfer. Here the server is reached within the VRF `red` only."""
+"""The SNMP context of a request names the VRF of its transfer. Here the server is reached within
+the VRF `red` only."""
 
 import pytest
-from copy_table import *
-from protocols import EVERY_PROTOCOL, Place, content, fails, operator, received, startup, unchanged  # fixtures among them
+from copy_table import (
+    CREATE_AND_WAIT, NOTIFY, ROW_STATUS, SERVER4, SERVER6, SERVER_ROOT, STARTUP, STATE,
+    STATE_SUCCESSFUL, TIMEOUT, TRUE, Manager, Request, SnmpError, download, serve, upload,
+)
+from protocols import EVERY_PROTOCOL, Place, content, fails, received
 
 LITTLE = 1000  # octets of what passes by itself, such as neighbour discovery and notifications
 
@@ -29,11 +33,14 @@ def test_context_names_the_vrf(operator, place, protocol, server, startup, uncha
 
 @EVERY_PROTOCOL
 def test_without_a_context_the_vrf_is_management(place, protocol, unchanged):
-    """There is none of that name, so that it is the ordinary network, which has no way to the server."""
+    """There is none of that name, so that it is the ordinary network, which has no way to the
+    server."""
     before = place.octets_seen()[0]
     serve("there.cfg", "hostname stolen\n")
     for direction in (upload, download):
-        fails(Request(Manager("v3")).create(*direction(SERVER4, "there.cfg", protocol=protocol), (NOTIFY, TRUE)), place.cause(protocol, TIMEOUT))
+        fails(
+            Request(Manager("v3")).create(*direction(SERVER4, "there.cfg", protocol=protocol),
+                                          (NOTIFY, TRUE)), place.cause(protocol, TIMEOUT))
     assert place.octets_seen()[0] - before < LITTLE
 
 
@@ -48,6 +55,7 @@ def test_unknown_context_gets_no_answer(operator):
     stranger = Manager("v3", context="blue")
     request = Request(stranger)
     with pytest.raises(SnmpError) as error:
-        stranger.tool("snmpset", *request.triple(ROW_STATUS, CREATE_AND_WAIT), options=("-r0", "-t1"))
+        stranger.tool("snmpset", *request.triple(ROW_STATUS, CREATE_AND_WAIT),
+                      options=("-r0", "-t1"))
     assert error.value.status == "noResponse"
     assert not Request(operator, request.index).exists()

@@ -14,7 +14,8 @@ NOTHING_OF_OURS = (
 
 def names_in(text):
     for pattern in NOTHING_OF_OURS:
-        text = re.sub(pattern, "", text, flags=re.DOTALL if pattern.startswith("/") else re.MULTILINE)
+        flags = re.DOTALL if pattern.startswith("/") else re.MULTILINE
+        text = re.sub(pattern, "", text, flags=flags)
     text = re.sub(r"\{[^{}]*\}", "", text)  # members, enumerators
     for statement in text.split(";"):
         if "typedef" in statement:
