@@ -1,6 +1,7 @@
 #include "base/reason.h"
 
-#include <algorithm>
+#include "base/text.h"
+
 #include <cerrno>
 #include <system_error>
 
@@ -11,10 +12,7 @@ std::string reason_of(const std::exception &error) {
     if (failure != nullptr && failure->code() == std::errc::no_space_on_device) {
         return "no space on device";
     }
-    std::string reason = error.what();
-    std::replace_if(
-        reason.begin(), reason.end(), [](char c) { return static_cast<unsigned char>(c) < ' '; }, ' ');
-    return reason;
+    return one_line(error.what());
 }
 
 } // namespace ulmo

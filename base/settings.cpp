@@ -1,7 +1,9 @@
 #include "base/settings.h"
 
 #include "base/folders.h"
+#include "base/number.h"
 #include "base/posix.h"
+#include "base/text.h"
 #include "base/unique_fd.h"
 #include "base/wwn_text.h"
 
@@ -13,7 +15,6 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
-#include <charconv>
 #include <ctime>
 #include <iterator>
 #include <memory>
@@ -23,12 +24,6 @@
 
 namespace ulmo {
 namespace {
-
-std::string_view trimmed(std::string_view text) {
-    constexpr std::string_view blanks = " \t\r";
-    const auto first = text.find_first_not_of(blanks);
-    return first == std::string_view::npos ? std::string_view{} : text.substr(first, text.find_last_not_of(blanks) - first + 1);
-}
 
 // --- one value ---
 
@@ -60,10 +55,9 @@ std::optional<std::string> accepted(const Setting &setting, std::string_view tex
     bool is_good = true;
     switch (setting.kind) {
     case SettingKind::number: {
-        long number = 0;
-        const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-        is_good = error == std::errc{} && end == text.data() + text.size() && number >= setting.least && number <= setting.most;
-        value = std::to_string(number);
+        const auto number = parsed_number(text, setting.least, setting.most);
+        is_good = number.has_value();
+        value = std::to_string(number.value_or(0));
         break;
     }
     case SettingKind::yes_no: {
@@ -113,10 +107,7 @@ std::string what_it_must_be(const Setting &setting) {
 // One short line whatever the file holds.
 std::string shown(std::string_view text) {
     constexpr std::size_t longest = 60;
-    std::string line(text.substr(0, longest));
-    std::replace_if(
-        line.begin(), line.end(), [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7f'; }, '?');
-    return text.size() > longest ? line + "..." : line;
+    return one_line(text, longest) + (text.size() > longest ? "..." : "");
 }
 
 // --- the file ---

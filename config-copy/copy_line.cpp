@@ -1,5 +1,7 @@
 #include "config-copy/copy_line.h"
 
+#include "base/number.h"
+#include "base/text.h"
 #include "config-copy/interrupt.h"
 #include "config-copy/outcome.h"
 
@@ -84,14 +86,9 @@ std::optional<CopyLine> parsed_copy_line(std::string_view line, oid index, long 
         return std::nullopt;
     }
     CopyLine copy;
-    copy.reason = printable(words["reason"]);
-    const std::string &bytes = words["bytes"];
-    std::uint64_t octets = 0;
-    if (const auto [end, problem] = std::from_chars(bytes.data(), bytes.data() + bytes.size(), octets);
-        problem == std::errc{} && end == bytes.data() + bytes.size()) {
-        copy.bytes = octets;
-    }
-    copy.sha256 = printable(words["sha256"]);
+    copy.reason = ulmo::one_line(words["reason"]);
+    copy.bytes = ulmo::parsed_number<std::uint64_t>(words["bytes"]);
+    copy.sha256 = ulmo::one_line(words["sha256"]);
     return copy;
 }
 

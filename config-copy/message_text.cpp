@@ -1,5 +1,7 @@
 #include "config-copy/message_text.h"
 
+#include "base/text.h"
+
 #include <algorithm>
 #include <array>
 #include <string_view>
@@ -58,8 +60,7 @@ std::string value_of(const netsnmp_variable_list &variable) {
         return std::to_string(*variable.val.integer);
     case ASN_OCTET_STR: {
         const std::string_view octets(reinterpret_cast<const char *>(variable.val.string), variable.val_len);
-        const bool is_text = std::all_of(octets.begin(), octets.end(), [](unsigned char c) { return c >= ' ' && c < 0x7F; });
-        if (is_text) {
+        if (ulmo::one_line(octets) == octets) {
             return '"' + std::string(octets) + '"';
         }
         constexpr std::string_view digits = "0123456789abcdef";

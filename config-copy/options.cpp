@@ -1,5 +1,6 @@
 #include "config-copy/options.h"
 
+#include "base/number.h"
 #include "config-copy/failure.h"
 #include "config-copy/snmp_session.h"
 
@@ -9,7 +10,6 @@
 #include <array>
 #include <cctype>
 #include <cerrno>
-#include <charconv>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -27,13 +27,12 @@ constexpr long longest_wait = 7L * 24 * 3600;
 constexpr long most_jobs = 1000;
 
 long number_of(std::string_view what, std::string_view text, long least, long most) {
-    long value = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (error != std::errc() || end != text.data() + text.size() || value < least || value > most) {
+    const auto value = ulmo::parsed_number(text, least, most);
+    if (!value) {
         throw bad_usage(std::string(what) + " needs a number from " + std::to_string(least) + " to " + std::to_string(most) + ", not \"" +
                         std::string(text) + '"');
     }
-    return value;
+    return *value;
 }
 
 // An option of ours. One that takes a value may be given once: which of two values counts is not for us to guess.

@@ -1,12 +1,12 @@
 #include "config-copy/outcome.h"
 
+#include "base/text.h"
 #include "config-copy/copy_table.h"
 
 #include <net-snmp/net-snmp-config.h>
 
 #include <net-snmp/net-snmp-includes.h>
 
-#include <algorithm>
 #include <array>
 #include <iomanip>
 #include <sstream>
@@ -158,10 +158,7 @@ std::string words_of_refused_activation(long status, std::string_view low_level)
 }
 
 std::string printable(std::string_view text) {
-    std::string result(text);
-    std::replace_if(
-        result.begin(), result.end(), [](unsigned char c) { return c < ' ' || c == 0x7F; }, '?');
-    return result;
+    return ulmo::one_line(text);
 }
 
 } // namespace config_copy

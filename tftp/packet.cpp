@@ -1,9 +1,10 @@
 #include "tftp/packet.h"
 
+#include "base/number.h"
+#include "base/text.h"
+
 #include <strings.h>
 
-#include <algorithm>
-#include <charconv>
 #include <limits>
 
 namespace ulmo::tftp {
@@ -64,9 +65,8 @@ std::optional<OptionAcknowledgment> decode_options(std::string_view rest) {
 // Takes one answered value over if it is a decimal number within the bounds and neither unasked for nor a repetition.
 template <typename Value>
 bool take_value(std::string_view text, const std::optional<Value> &asked, Value least, Value most, std::optional<Value> &agreed) {
-    Value value = 0;
-    const auto [end, problem] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (!asked || agreed || problem != std::errc{} || end != text.data() + text.size() || value < least || value > most) {
+    const auto value = parsed_number(text, least, most);
+    if (!asked || agreed || !value) {
         return false;
     }
     agreed = value;
@@ -101,7 +101,7 @@ std::optional<Packet> decode(Octets datagram) {
     case Opcode::error: {
         // Some servers leave the NUL out; the text is worth having all the same.
         const std::string_view text = texts.substr(header_octets);
-        return Error{number, printable(text.substr(0, text.find('\0')))};
+        return Error{number, one_line(text.substr(0, text.find('\0')), longest_text)};
     }
     default:
         return std::nullopt;
@@ -169,13 +169,6 @@ std::optional<Options> agree(Opcode request, const Options &asked, const OptionA
         }
     }
     return agreed;
-}
-
-std::string printable(std::string_view text) {
-    std::string clean(text.substr(0, longest_text));
-    std::replace_if(
-        clean.begin(), clean.end(), [](char octet) { return octet < ' ' || octet > '~'; }, '?');
-    return clean;
 }
 
 } // namespace ulmo::tftp

@@ -56,7 +56,7 @@ struct Acknowledgment {
 
 struct Error {
     std::uint16_t code;
-    std::string text; // printable
+    std::string text; // one line of at most 256 octets
 };
 
 struct OptionAcknowledgment {
@@ -81,8 +81,5 @@ void put_data_header(std::span<std::uint8_t> packet, std::uint16_t block);
 // What holds after the server's answer to the options of a request: nothing if the answer names an option that was not asked for, or twice,
 // or a value that RFC 2348, 2349 or 7440 does not allow in answer to the one asked for.
 std::optional<Options> agree(Opcode request, const Options &asked, const OptionAcknowledgment &answer);
-
-// The text with every octet other than the printable ones of ASCII replaced by '?', cut to 256 octets.
-std::string printable(std::string_view text);
 
 } // namespace ulmo::tftp

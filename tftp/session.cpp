@@ -1,5 +1,6 @@
 #include "tftp/session.h"
 
+#include "base/number.h"
 #include "base/posix.h"
 #include "base/replaced_file.h"
 #include "tftp/transfer.h"
@@ -12,7 +13,6 @@
 
 #include <array>
 #include <cerrno>
-#include <charconv>
 #include <cstring>
 #include <new>
 #include <optional>
@@ -43,9 +43,7 @@ std::optional<std::uint32_t> scope_index(const std::string &scope) {
     if (const auto index = ::if_nametoindex(scope.c_str()); index != 0) {
         return index;
     }
-    std::uint32_t index = 0;
-    const auto [end, problem] = std::from_chars(scope.data(), scope.data() + scope.size(), index);
-    return problem == std::errc{} && end == scope.data() + scope.size() && index != 0 ? std::optional(index) : std::nullopt;
+    return parsed_number<std::uint32_t>(scope, 1);
 }
 
 // Fills the address in. False if the text is no IPv4 or IPv6 address.

@@ -1,6 +1,7 @@
 #include "platform/host/agent/workers.h"
 
 #include "base/folders.h"
+#include "base/number.h"
 #include "base/ownership.h"
 #include "base/posix.h"
 #include "base/settings.h"
@@ -55,8 +56,8 @@ std::vector<int> open_descriptors() {
     const std::unique_ptr<DIR, int (*)(DIR *)> listing(::opendir("/proc/self/fd"), ::closedir);
     if (listing) {
         while (const dirent *entry = ::readdir(listing.get())) {
-            if (entry->d_name[0] != '.') {
-                all.push_back(static_cast<int>(std::strtol(entry->d_name, nullptr, 10)));
+            if (const auto number = parsed_number<int>(entry->d_name)) {
+                all.push_back(*number);
             }
         }
         return all;

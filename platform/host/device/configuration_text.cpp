@@ -1,11 +1,13 @@
 #include "platform/host/device/configuration_text.h"
 
+#include "base/number.h"
+#include "base/text.h"
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -43,33 +45,11 @@ bool consists_of_names(std::string_view text, std::string_view punctuation) {
                        [&](char c) { return is_letter(c) || is_digit(c) || punctuation.find(c) != punctuation.npos; });
 }
 
-// Length of the well-formed UTF-8 sequence (RFC 3629, 4) of more than one octet at the beginning of `text`, 0 when there is none.
-std::size_t utf8_length(std::string_view text) {
-    const auto lead = static_cast<unsigned char>(text[0]);
-    const std::size_t length = lead >= 0xC2 && lead <= 0xDF ? 2 : lead >= 0xE0 && lead <= 0xEF ? 3 : lead >= 0xF0 && lead <= 0xF4 ? 4 : 0;
-    if (length == 0 || text.size() < length) {
-        return 0;
-    }
-    std::uint32_t code = lead & (0xFFU >> (length + 1));
-    for (std::size_t i = 1; i < length; ++i) {
-        const auto octet = static_cast<unsigned char>(text[i]);
-        if ((octet & 0xC0U) != 0x80U) {
-            return 0;
-        }
-        code = (code << 6) | (octet & 0x3FU);
-    }
-    const bool overlong = (length == 3 && code < 0x800) || (length == 4 && code < 0x10000);
-    const bool surrogate = code >= 0xD800 && code <= 0xDFFF;
-    const bool control = code < 0xA0;
-    return overlong || surrogate || control || code > 0x10FFFF ? 0 : length;
-}
-
 // Throws unless the line, whose end is cut off, is text.
 void check_text(std::string_view line, std::size_t number) {
     for (std::size_t i = 0; i < line.size();) {
         const auto octet = static_cast<unsigned char>(line[i]);
-        const bool ascii = (octet >= 0x20 && octet < 0x7F) || octet == '\t';
-        const std::size_t length = ascii ? 1 : octet < 0x80 ? 0 : utf8_length(line.substr(i));
+        const std::size_t length = octet == '\t' ? 1 : printable_length(line.substr(i));
         if (length == 0) {
             std::array<char, 64> reason{};
             std::snprintf(reason.data(), reason.size(), "line %zu: not a text (octet 0x%02x)", number, octet);
@@ -349,11 +329,7 @@ class Merger {
     }
 
     // A decimal number; limit + 1 when `word` is none or a larger one.
-    static unsigned number(std::string_view word, unsigned limit) {
-        unsigned value = 0;
-        const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), value);
-        return error == std::errc{} && end == word.data() + word.size() && value <= limit ? value : limit + 1;
-    }
+    static unsigned number(std::string_view word, unsigned limit) { return parsed_number(word, 0U, limit).value_or(limit + 1); }
 
     static bool is_host_name(std::string_view name, std::size_t limit) {
         if (name.empty() || name.size() > limit) {

@@ -2,6 +2,7 @@
 
 #include "base/folders.h"
 #include "base/state_file.h"
+#include "base/text.h"
 
 #include <arpa/inet.h>
 
@@ -39,10 +40,7 @@ std::string line_of(const FabricSwitchStatus &status) {
     if (ip_addr_to_str(&status.address, address, sizeof address) != 0) {
         std::snprintf(address, sizeof address, "-");
     }
-    std::string text = status.text;
-    std::replace_if(
-        text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7f'; }, ' ');
-    return wwn_to_text(status.wwn) + (status.is_local ? " local " : " remote ") + address + ' ' + text + '\n';
+    return wwn_to_text(status.wwn) + (status.is_local ? " local " : " remote ") + address + ' ' + one_line(status.text) + '\n';
 }
 
 } // namespace

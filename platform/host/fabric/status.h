@@ -25,7 +25,7 @@ struct FabricSwitchStatus {
 // an earlier line has is left out. Throws std::system_error when the file is there and can't be read.
 std::vector<FabricSwitchStatus> read_fabric_status();
 
-// Replaces the file at once and whole: a reader has the old one or the new one. Control characters of a text become blanks. Throws
+// Replaces the file at once and whole: a reader has the old one or the new one. A text becomes one line. Throws
 // std::system_error; the old file is then as it was.
 void write_fabric_status(const std::vector<FabricSwitchStatus> &switches);
 

@@ -1,7 +1,9 @@
 #include "platform/host/history/copy_report.h"
 
+#include "base/number.h"
 #include "base/posix.h"
 #include "base/state_file.h"
+#include "base/text.h"
 #include "base/unique_fd.h"
 #include "platform/host/history/log.h"
 
@@ -13,7 +15,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <charconv>
 #include <cstdlib>
 #include <exception>
 #include <memory>
@@ -33,13 +34,8 @@ const char *report_path() {
     return path != nullptr && *path != '\0' ? path : nullptr;
 }
 
-std::string one_line(std::string_view text, std::size_t longest) {
-    std::string line(text.substr(0, longest));
-    std::replace_if(
-        line.begin(), line.end(), [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7f'; }, ' ');
-    line.erase(line.find_last_not_of(' ') + 1);
-    line.erase(0, line.find_first_not_of(' '));
-    return line;
+std::string reason_in(std::string_view text) {
+    return one_line(trimmed(text), longest_reason);
 }
 
 void append(std::string_view key, std::string_view text) {
@@ -114,11 +110,9 @@ std::optional<std::string_view> behind(std::string_view key, std::string_view li
 
 void take_line(CopyReport &report, std::string_view line) {
     if (const auto reason = behind(reason_key, line); reason && report.reason.empty()) {
-        report.reason = one_line(*reason, longest_reason);
+        report.reason = reason_in(*reason);
     } else if (const auto moved = behind(moved_key, line)) {
-        std::uint64_t octets = 0;
-        const auto [end, problem] = std::from_chars(moved->data(), moved->data() + moved->size(), octets);
-        if (problem == std::errc{} && end == moved->data() + moved->size()) {
+        if (const auto octets = parsed_number<std::uint64_t>(*moved)) {
             report.octets = octets;
         }
     } else if (const auto sha256 = behind(sha256_key, line); sha256 && is_sha256(*sha256)) {
@@ -132,7 +126,7 @@ void take_line(CopyReport &report, std::string_view line) {
 } // namespace
 
 void report_reason(std::string_view reason) noexcept {
-    quietly([&] { append(reason_key, one_line(reason, longest_reason)); });
+    quietly([&] { append(reason_key, reason_in(reason)); });
 }
 
 void report_moved(std::uint64_t octets) noexcept {

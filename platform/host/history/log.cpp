@@ -1,6 +1,7 @@
 #include "platform/host/history/log.h"
 
 #include "base/settings.h"
+#include "base/text.h"
 #include "platform/evtrace.h"
 
 #include <algorithm>
@@ -12,6 +13,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <string>
+#include <string_view>
 
 namespace ulmo {
 namespace {
@@ -32,13 +34,9 @@ void print_line(const Message &text, std::size_t length) {
         std::tm utc{};
         line.assign(stamp.data(), std::strftime(stamp.data(), stamp.size(), "%Y-%m-%dT%H:%M:%SZ ", ::gmtime_r(&now, &utc)));
     }
-    const std::size_t begin = line.size();
-    line.append(text.data(), length);
-    line.erase(line.find_last_not_of('\n') + 1);
-    std::replace_if(
-        line.begin() + static_cast<std::ptrdiff_t>(begin), line.end(),
-        [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7f'; }, '?');
-    line += '\n';
+    std::string_view message(text.data(), length);
+    message = message.substr(0, message.find_last_not_of('\n') + 1);
+    line += one_line(message) + '\n';
     std::fwrite(line.data(), 1, line.size(), stderr); // unbuffered: one write(2)
 }
 

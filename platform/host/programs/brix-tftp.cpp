@@ -5,11 +5,12 @@
 // DIRECTION is 1 to put the local file under the remote name, 0 to get the remote file. The sixth argument is always 1. It exits with 0 if
 // the file was copied; otherwise with one line on standard error and 1 if the transfer failed, 2 if the arguments are wrong, 3 if the VRF
 // can't be entered.
+#include "base/number.h"
+#include "base/text.h"
 #include "platform/host/history/copy_report.h"
 #include "platform/host/transfer/tftp_copy.h"
 #include "platform/host/vrf/vrf.h"
 
-#include <charconv>
 #include <cstdio>
 #include <exception>
 #include <optional>
@@ -28,18 +29,12 @@ int fail(ExitStatus status, const std::string &reason) {
     return status;
 }
 
-int port_number(std::string_view text) {
-    constexpr int largest_port = 65535;
-    int port = 0;
-    const auto [end, problem] = std::from_chars(text.data(), text.data() + text.size(), port);
-    return problem == std::errc{} && end == text.data() + text.size() && port <= largest_port ? port : 0;
-}
-
 int run(int argc, char **argv) {
     constexpr int arguments = 8;
     const std::string_view direction = argc == arguments ? argv[1] : "";
-    const int port = argc == arguments ? port_number(argv[3]) : 0;
-    if ((direction != "0" && direction != "1") || port < 1 || std::string_view(argv[6]) != "1") {
+    constexpr int largest_port = 65535;
+    const auto port = argc == arguments ? ulmo::parsed_number(argv[3], 1, largest_port) : std::nullopt;
+    if ((direction != "0" && direction != "1") || !port || std::string_view(argv[6]) != "1") {
         return fail(wrong_usage, "usage: brix-tftp {1 (put) | 0 (get)} SERVER PORT LOCAL REMOTE 1 VRF");
     }
     const bool putting = direction == "1";
@@ -50,19 +45,19 @@ int run(int argc, char **argv) {
 
     const std::optional<std::string> device = ulmo::vrf_device(vrf);
     if (std::string why; !ulmo::enter_vrf(vrf, &why)) {
-        return fail(unknown_vrf, "cannot enter VRF " + ulmo::tftp::printable(vrf) + ": " + why);
+        return fail(unknown_vrf, "cannot enter VRF " + ulmo::one_line(vrf) + ": " + why);
     }
     ulmo::tftp::Session session;
     session.bind_to_device(device.value_or(""));
     ulmo::set_timeout(session, patience_seconds);
-    int result = ulmo::connect(session, server, port);
+    int result = ulmo::connect(session, server, *port);
     if (result >= 0) {
         result = putting ? ulmo::put(session, local, remote) : ulmo::get(session, remote, local);
     }
     if (result < 0) {
         const std::string what =
             putting ? "cannot put " + local + " as " + remote + " on " : "cannot get " + remote + " as " + local + " from ";
-        return fail(transfer_failed, ulmo::tftp::printable(what + server) + ": " + session.text(result));
+        return fail(transfer_failed, ulmo::one_line(what + server) + ": " + session.text(result));
     }
     return done;
 }

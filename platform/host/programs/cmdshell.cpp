@@ -8,6 +8,7 @@
 #include "base/posix.h"
 #include "base/reason.h"
 #include "base/settings.h"
+#include "base/text.h"
 #include "platform/host/device/backend.h"
 #include "platform/host/history/copy_record.h"
 #include "platform/host/history/copy_report.h"
@@ -38,11 +39,6 @@ std::string_view take_word(std::string_view &text) {
     text.remove_prefix(word.size());
     text.remove_prefix(std::min(text.find_first_not_of(blanks), text.size()));
     return word;
-}
-
-std::string_view trimmed(std::string_view text) {
-    const auto first = text.find_first_not_of(blanks);
-    return first == std::string_view::npos ? std::string_view{} : text.substr(first, text.find_last_not_of(blanks) - first + 1);
 }
 
 // The words of a command with single blanks between them.
@@ -190,7 +186,7 @@ void run(std::string_view text) {
 }
 
 bool succeeds(std::string_view line) {
-    const std::string_view text = trimmed(line);
+    const std::string_view text = ulmo::trimmed(line);
     try {
         run(text);
         return true;
@@ -210,7 +206,7 @@ int read_commands() {
         if (!std::getline(std::cin, line)) {
             break;
         }
-        const std::string_view text = trimmed(line);
+        const std::string_view text = ulmo::trimmed(line);
         if (text.empty()) {
             continue;
         }

@@ -4,13 +4,13 @@
 //
 // ID is the VRF's number (vrfdir_get_context_id()), PROGRAM is searched in PATH. It exits with the program's status; with one line on
 // standard error and 125 if the arguments are wrong, or the VRF is not known or can't be entered, and 127 if the program can't be run.
+#include "base/number.h"
 #include "platform/host/history/log.h"
 #include "platform/host/vrf/vrf.h"
 
 #include <unistd.h>
 
 #include <cerrno>
-#include <charconv>
 #include <cstdio>
 #include <exception>
 #include <optional>
@@ -29,14 +29,8 @@ int fail(ExitStatus status, const std::string &reason) {
     return status;
 }
 
-std::optional<int> number(std::string_view text) {
-    int value = 0;
-    const auto [end, problem] = std::from_chars(text.data(), text.data() + text.size(), value);
-    return problem == std::errc{} && end == text.data() + text.size() ? std::optional(value) : std::nullopt;
-}
-
 int run(int argc, char **argv) {
-    const std::optional<int> id = argc > 2 ? number(argv[1]) : std::nullopt;
+    const std::optional<int> id = argc > 2 ? ulmo::parsed_number<int>(argv[1]) : std::nullopt;
     if (!id) {
         return fail(no_vrf, "usage: vrf-exec ID PROGRAM [ARGUMENT...]");
     }

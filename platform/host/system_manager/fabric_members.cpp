@@ -1,6 +1,7 @@
 #include "platform/host/system_manager/fabric_members.h"
 
 #include "base/folders.h"
+#include "base/number.h"
 #include "base/settings.h"
 
 #include <net-snmp/net-snmp-config.h>
@@ -12,7 +13,6 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <cstring>
 #include <optional>
 #include <sstream>
@@ -42,15 +42,6 @@ constexpr std::array<Key, 5> keys{{
     throw std::runtime_error("setting " + setting + ": " + reason);
 }
 
-template <typename Number> std::optional<Number> number_from(std::string_view text, Number least, Number most) {
-    Number number{};
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (error != std::errc{} || end != text.data() + text.size() || number < least || number > most) {
-        return std::nullopt;
-    }
-    return number;
-}
-
 // ADDRESS, ADDRESS:PORT with IPv4, [ADDRESS]:PORT with IPv6.
 bool read_endpoint(const std::string &text, FabricMember &member) {
     std::string address = text;
@@ -58,7 +49,7 @@ bool read_endpoint(const std::string &text, FabricMember &member) {
     const bool is_bracketed = text.front() == '[';
     const bool is_bare_ipv6 = !is_bracketed && std::count(text.begin(), text.end(), ':') > 1;
     if (const auto colon = text.rfind(':'); colon != std::string::npos && !is_bare_ipv6 && text.back() != ']') {
-        const auto port = number_from<std::uint16_t>(std::string_view(text).substr(colon + 1), 1, 65535);
+        const auto port = parsed_number<std::uint16_t>(std::string_view(text).substr(colon + 1), 1);
         if (!port) {
             return false;
         }

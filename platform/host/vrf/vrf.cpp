@@ -1,6 +1,7 @@
 #include "platform/host/vrf/vrf.h"
 
 #include "base/folders.h"
+#include "base/number.h"
 #include "base/ownership.h"
 #include "base/posix.h"
 #include "base/unique_fd.h"
@@ -19,7 +20,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cstring>
 #include <exception>
 #include <filesystem>
@@ -112,11 +112,10 @@ class Directory {
         for (std::string_view rest = text; !rest.empty();) {
             const std::string_view line = rest.substr(0, rest.find('\n'));
             rest.remove_prefix(std::min(line.size() + 1, rest.size()));
-            int id = 0;
-            const auto [end, error] = std::from_chars(line.data(), line.data() + line.size(), id);
-            const auto digits = static_cast<std::size_t>(end - line.data());
-            if (error == std::errc{} && id >= first_id && id < max_id && digits + 1 < line.size() && line[digits] == ' ') {
-                entries_.push_back({id, std::string(line.substr(digits + 1))});
+            const std::string_view digits = line.substr(0, line.find(' '));
+            const auto id = parsed_number(digits, first_id, max_id - 1);
+            if (id && digits.size() + 1 < line.size()) {
+                entries_.push_back({*id, std::string(line.substr(digits.size() + 1))});
             }
         }
         ends_in_line_ = text.empty() || text.back() == '\n';

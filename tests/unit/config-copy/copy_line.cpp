@@ -16,7 +16,7 @@ constexpr char failed[] =
 TEST(ManagerCopyLine, ReasonAndSizeOfTheRequest) {
     const auto line = parsed_copy_line(failed, 7, 4711);
     ASSERT_TRUE(line);
-    EXPECT_EQ(line->reason, "no \"answer\" \\ yet?\xC3\xBC");
+    EXPECT_EQ(line->reason, "no \"answer\" \\ yet \xC3\xBC");
     EXPECT_EQ(line->bytes, 12U);
     EXPECT_EQ(line->sha256, "");
 }

@@ -165,7 +165,7 @@ TEST(Outcome, Table) {
 }
 
 TEST(Outcome, TextOfASwitchCannotDriveATerminal) {
-    EXPECT_EQ("a?[31mb?", printable("a\033[31mb\n"));
+    EXPECT_EQ("a?[31mb ", printable("a\033[31mb\n"));
 }
 
 // What stands in the object for this text.

@@ -91,7 +91,7 @@ TEST_F(HostLog, AMessageIsOneLineWhateverItHolds) {
                   ulmo::log_notice("\n");
                   ulmo::log_notice("%s", "gr\xc3\xbc\xc3\x9f");
               }),
-              "<" + std::string(32, '?') + ">\ntwo?lines\n\ngr\xc3\xbc\xc3\x9f\n");
+              "<" + std::string(8, '?') + "  ?? " + std::string(19, '?') + ">\ntwo lines\n\ngr\xc3\xbc\xc3\x9f\n");
 }
 
 TEST_F(HostLog, ALongMessageIsCut) {

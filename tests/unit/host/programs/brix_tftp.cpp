@@ -63,7 +63,7 @@ TEST_F(BrixTftp, FailureIsOneLineAnd1) {
     Ended ended = brix_tftp(command(0, server, "got"));
     EXPECT_EQ(ended.status, 1);
     EXPECT_EQ(ended.said, "brix-tftp: cannot get re mote as " + path("got") +
-                              " from 127.0.0.1: File not found (the server reports error 1, not?here)\n");
+                              " from 127.0.0.1: File not found (the server reports error 1, not here)\n");
     EXPECT_EQ(entries(), 0U);
     ended = brix_tftp(command(1, server, "missing"));
     EXPECT_EQ(ended.status, 1);

@@ -427,8 +427,8 @@ TEST_F(Warden, WhateverTextArrivesIsLoggedOnOneLine) {
     EXPECT_EQ(request.answer(), WARDEN_CFG_ACTION_INITIATED);
     EXPECT_EQ(request.end(), 0U);
     ASSERT_EQ(log().size(), lines_before + 2);
-    EXPECT_EQ(log()[lines_before], "save to the startup configuration of this switch asked by user \"eve?ready?[2J? %s%n" +
-                                       std::string(32 - 19, 'x') + "\", session \"??\", process " + std::to_string(::getpid()));
+    EXPECT_EQ(log()[lines_before], "save to the startup configuration of this switch asked by user \"eve ready?[2J? %s%n" +
+                                       std::string(32 - 19, 'x') + "\", session \"  \", process " + std::to_string(::getpid()));
     EXPECT_EQ(count("ready"), 1U);
 }
 
