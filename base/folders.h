@@ -1,5 +1,5 @@
 // Room: what any program of ours stands on: descriptors, errors, settings, files replaced whole, processes, sets, addresses.
-// Used by: tftp, history, bus, vrf, device, fabric, transfer, system_manager, agent, programs.
+// Used by: tftp, copy_client, history, bus, vrf, device, fabric, transfer, system_manager, agent, programs.
 // May use: platform.
 //
 // Where the host platform keeps things.

@@ -1,4 +1,5 @@
 // config-copy: copies configurations of switches over SNMP. See config-copy(1).
+#include "config-copy/agent_session.h"
 #include "config-copy/copy_run.h"
 #include "config-copy/failure.h"
 #include "config-copy/interrupt.h"
@@ -85,7 +86,7 @@ Ending run(const Options &options, Output &output) {
     }
     const std::string &agent = options.agents.front();
     try {
-        Session session(options.session, agent, options.is_verbose);
+        Session session = session_with(options.session, agent, options.is_verbose);
         if (options.command == Command::list) {
             list_requests(session, output);
         } else if (options.command == Command::errors) {
@@ -94,6 +95,10 @@ Ending run(const Options &options, Output &output) {
             abort_request(session, *options.index, output);
         }
     } catch (const Failure &failure) {
+        output.failure(failure, agent);
+        return failure.ending();
+    } catch (const Trouble &trouble) {
+        const Failure failure = failure_of(trouble, agent);
         output.failure(failure, agent);
         return failure.ending();
     }

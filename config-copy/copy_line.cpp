@@ -2,13 +2,11 @@
 
 #include "base/number.h"
 #include "base/text.h"
-#include "config-copy/interrupt.h"
 #include "config-copy/outcome.h"
 
 #include <algorithm>
 #include <charconv>
 #include <map>
-#include <thread>
 
 namespace config_copy {
 namespace {
@@ -100,7 +98,7 @@ std::optional<CopyLine> line_of_copy(Session &session, oid index, long started) 
     try {
         for (int attempt = 0; attempt < attempts; ++attempt) {
             if (attempt > 0) {
-                pause_for(pause);
+                session.pause(pause);
             }
             for (oid number = 1; number <= lines_looked_at; ++number) {
                 const std::string line = octets(session.get({last_copy_line(number)}).front());
@@ -112,7 +110,7 @@ std::optional<CopyLine> line_of_copy(Session &session, oid index, long started) 
                 }
             }
         }
-    } catch (const Failure &) { // the outcome is known without it
+    } catch (const Trouble &) { // the outcome is known without it
     }
     return std::nullopt;
 }

@@ -2,7 +2,8 @@
 // read the agent's nsExtendOutLine."last-copy" (NET-SNMP-EXTEND-MIB). cmdshell(1) has its words.
 #pragma once
 
-#include "config-copy/snmp_session.h"
+#include "config-copy/copy_table.h"
+#include "copy_client/session.h"
 
 #include <cstdint>
 #include <optional>

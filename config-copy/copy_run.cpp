@@ -1,7 +1,9 @@
 #include "config-copy/copy_run.h"
 
+#include "config-copy/agent_session.h"
 #include "config-copy/copy_line.h"
 #include "config-copy/interrupt.h"
+#include "copy_client/copy_row.h"
 
 #include <algorithm>
 #include <array>
@@ -14,19 +16,12 @@
 namespace config_copy {
 namespace {
 
-using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
-constexpr int most_attempts = 8; // to make a row, each with another index
-
-// What v1 agents make of the finer statuses of v2 (RFC 3584, section 4.4).
-bool is_taken(long status) {
-    return status == SNMP_ERR_INCONSISTENTVALUE || status == SNMP_ERR_BADVALUE;
-}
-
-oid random_number(oid least, oid most) {
+// At random, so that those who wait do not always meet.
+Milliseconds some_time() {
     std::random_device source;
-    return std::uniform_int_distribution<oid>(least, most)(source);
+    return Milliseconds(std::uniform_int_distribution(300, 1000)(source));
 }
 
 std::string time_text(std::time_t time) {
@@ -39,7 +34,7 @@ std::string time_text(std::time_t time) {
 class Run {
   public:
     Run(Session &session, const CopyOrder &order, const Progress &progress)
-        : session_(session), order_(order), progress_(progress), path_values_{host_value(session.agent()), order.date} {}
+        : session_(session), order_(order), progress_(progress), row_(session), path_values_{host_value(session.agent()), order.date} {}
 
     Outcome run() {
         Outcome outcome = planned(order_, session_.agent());
@@ -48,15 +43,15 @@ class Run {
             await_end(outcome);
         } catch (const Failure &failure) {
             outcome.fail(failure);
+        } catch (const Trouble &trouble) {
+            outcome.fail(failure_of(trouble, session_.agent()));
         } catch (const Interrupted &) {
-            session_.begin_to_clean_up(2s);
-            take_rows_away();
+            clean_up();
             throw;
         }
-        session_.begin_to_clean_up(2s);
-        take_rows_away();
-        if (!rows_.empty()) {
-            outcome.text += "; its request " + std::to_string(rows_.back()) + " could not be removed and goes by itself within 7 minutes";
+        clean_up();
+        if (row_.is_left()) {
+            outcome.text += "; its request " + std::to_string(row_.index()) + " could not be removed and goes by itself within 7 minutes";
         }
         return outcome;
     }
@@ -78,6 +73,8 @@ class Run {
             outcome.text += "; whether this user may write shows only when a copy is made";
         } catch (const Failure &failure) {
             outcome.fail(failure);
+        } catch (const Trouble &trouble) {
+            outcome.fail(failure_of(trouble, session_.agent()));
         }
         return outcome;
     }
@@ -94,8 +91,8 @@ class Run {
         for (;;) {
             std::string reason = reason_to_wait();
             if (reason.empty()) {
-                make_row();
-                outcome.index = rows_.back();
+                row_.make(columns());
+                outcome.index = row_.index();
                 check_that_we_may_read_it();
                 reason = activate() ? "" : reason_of_refusal();
                 if (reason.empty()) {
@@ -103,14 +100,14 @@ class Run {
                     return;
                 }
                 // A row that waits would be taken for the next save that begins on the switch, whoever asks for it.
-                take_rows_away();
+                row_.destroy();
             }
             const auto waited = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - began);
             if (waited >= order_.wait_turn) {
                 throw busy(reason);
             }
             progress_("waiting for another copy", waited);
-            pause_for(Milliseconds(random_number(300, 1000))); // at random, so that those who wait do not always meet
+            session_.pause(some_time());
         }
     }
 
@@ -156,20 +153,9 @@ class Run {
 
     // --- the request ---
 
-    // At random, as another manager may look for one at the same time.
-    oid free_index() {
-        for (;;) {
-            const oid index = random_number(1, largest_index);
-            if (!number(session_.get({copy_cell(CC_COLUMN_ENTRY_ROW_STATUS, index)}).front())) {
-                return index;
-            }
-        }
-    }
-
-    std::vector<Binding> columns(oid index) const {
-        std::vector<Binding> bindings;
-        const auto add = [&](oid column, Value value) { bindings.push_back({copy_cell(column, index), std::move(value)}); };
-        add(CC_COLUMN_ENTRY_ROW_STATUS, ROW_STATUS_CREATE_AND_WAIT);
+    std::vector<std::pair<oid, Value>> columns() const {
+        std::vector<std::pair<oid, Value>> columns;
+        const auto add = [&](oid column, Value value) { columns.emplace_back(column, std::move(value)); };
         add(CC_COLUMN_SOURCE_FILE_TYPE, static_cast<long>(order_.from.type));
         add(CC_COLUMN_DEST_FILE_TYPE, static_cast<long>(order_.to.type));
         if (order_.has_file()) {
@@ -184,85 +170,30 @@ class Run {
                 add(CC_COLUMN_USER_PASSWORD, order_.password);
             }
         }
-        return bindings;
+        return columns;
     }
 
     // A row that can't be read could be started, and would then seem to be gone.
     void check_that_we_may_read_it() {
-        if (!number(session_.get({copy_cell(CC_COLUMN_STATE, rows_.back())}).front())) {
+        if (!number(session_.get({copy_cell(CC_COLUMN_STATE, row_.index())}).front())) {
             throw Failure(Ending::refused, session_.agent() + ": the user may write the copy table but not read it: " + read_view_needed);
         }
     }
 
-    // Each attempt has an index of its own: a second createAndWait that meets a late first one would block the row.
-    void make_row() {
-        for (int attempt = 0; attempt < most_attempts; ++attempt) {
-            const oid index = free_index();
-            const std::vector<Binding> bindings = columns(index);
-            rows_.push_back(index);
-            const auto result = session_.set(bindings);
-            if (!result) {
-                if (number(session_.get({copy_cell(CC_COLUMN_ENTRY_ROW_STATUS, index)}).front())) {
-                    return; // the answer was lost
-                }
-            } else if (result->status == SNMP_ERR_NOERROR) {
-                return;
-            } else if (result->at == 1 && is_taken(result->status)) {
-                rows_.pop_back(); // somebody else's since we looked
-            } else {
-                const bool is_about_one = result->at > 0 && result->at <= bindings.size();
-                const Oid &name = bindings[is_about_one ? result->at - 1 : 0].name;
-                throw Failure(Ending::refused,
-                              session_.agent() + ": " + words_of_refusal(result->status, name[name.size() - 2], session_.low_level()));
-            }
-        }
-        throw Failure(Ending::unreachable, session_.agent() + " answers, but no copy request can be made: too many packets are lost");
-    }
-
-    // Alone in its SET, so that a refusal does not harm the row. False when another copy is in progress.
+    // False when another copy is in progress.
     bool activate() {
-        bool is_sure = true; // that no earlier one is under way
-        for (int attempt = 0; attempt < most_attempts; ++attempt) {
-            const auto result = session_.set({{copy_cell(CC_COLUMN_ENTRY_ROW_STATUS, rows_.back()), ROW_STATUS_ACTIVE}});
-            if (result && result->status == SNMP_ERR_NOERROR) {
-                return true;
-            }
-            if ((!result || !is_sure) && state() != COPY_STATE_WAITING) {
-                return true; // it was carried out, and its answer was lost
-            }
-            if (result) {
-                if (result->status == SNMP_ERR_GENERR) {
-                    return false;
-                }
-                throw Failure(Ending::refused, session_.agent() + ": " + words_of_refused_activation(result->status, session_.low_level()));
-            }
-            is_sure = false;
+        const long status = row_.activate();
+        if (status != SNMP_ERR_NOERROR && status != SNMP_ERR_GENERR) {
+            throw Failure(Ending::refused, session_.agent() + ": " + words_of_refused_activation(status, session_.low_level()));
         }
-        throw Failure(Ending::unreachable, session_.agent() + " answers, but the copy can't be started: too many packets are lost");
-    }
-
-    long state() {
-        const auto state = number(session_.get({copy_cell(CC_COLUMN_STATE, rows_.back())}).front());
-        if (!state) {
-            rows_.pop_back();
-            throw Failure(Ending::failed, session_.agent() +
-                                              ": the request is gone, so the outcome is not known: the agent was restarted, or somebody "
-                                              "removed it; `cmdshell -c \"show copies\"` on the switch may show it");
-        }
-        return *state;
+        return status == SNMP_ERR_NOERROR;
     }
 
     // --- the outcome ---
 
     void await_end(Outcome &outcome) {
         const auto began = Clock::now();
-        Milliseconds pause = 50ms;
-        for (;;) {
-            const long now = state();
-            if (now == COPY_STATE_SUCCESSFUL || now == COPY_STATE_FAILED) {
-                tell(outcome, now);
-                return;
-            }
+        const CopyState end = row_.await_end([&] {
             const auto elapsed = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - began);
             if (elapsed >= order_.time_limit) {
                 const std::string rest = words_of_what_goes_on(order_.from.type, order_.to.type);
@@ -272,67 +203,47 @@ class Run {
                                   " (--time-limit gives more time)");
             }
             progress_("copy running", elapsed);
-            pause_for(pause);
-            pause = std::min<Milliseconds>(pause * 3 / 2, 1s);
-        }
+        });
+        tell(outcome, end);
     }
 
-    void tell(Outcome &outcome, long end) {
-        const oid row = rows_.back();
-        const std::vector<Value> values = session_.get(
-            {copy_cell(CC_COLUMN_FAIL_CAUSE, row), copy_cell(CC_COLUMN_TIME_STARTED, row), copy_cell(CC_COLUMN_TIME_COMPLETED, row)});
-        outcome.state = state_name(end);
-        outcome.seconds = seconds_between(values[1], values[2]);
-        if (const auto line = line_of_copy(session_, row, number(values[1]).value_or(0))) {
+    void tell(Outcome &outcome, const CopyState &end) {
+        const bool is_done = end.state == COPY_STATE_SUCCESSFUL;
+        outcome.state = state_name(end.state);
+        outcome.seconds = seconds_between(end.started, end.completed);
+        if (const auto line = line_of_copy(session_, row_.index(), number(end.started).value_or(0))) {
             outcome.reason = line->reason;
             outcome.bytes = line->bytes;
             outcome.sha256 = line->sha256;
         }
-        const std::string duration =
-            outcome.seconds ? (end == COPY_STATE_SUCCESSFUL ? " in " : " after ") + seconds_text(*outcome.seconds) + " s" : "";
+        const std::string duration = outcome.seconds ? (is_done ? " in " : " after ") + seconds_text(*outcome.seconds) + " s" : "";
         const std::string what = outcome.from + " to " + outcome.to;
-        if (end == COPY_STATE_SUCCESSFUL) {
+        if (is_done) {
             outcome.text = outcome.agent + ": " + what + " copied" + duration +
                            (outcome.bytes ? ", " + std::to_string(*outcome.bytes) + " octets" : "");
             return;
         }
-        const long cause = number(values[0]).value_or(0);
         const bool is_fabric = order_.to.type == FileType::fabric_startup;
         outcome.ending = Ending::failed;
-        outcome.cause = cause_name(cause);
+        outcome.cause = cause_name(end.cause);
         const std::string server = order_.has_file() ? order_.file().host : "";
         outcome.text = outcome.agent + ": " + what + " failed" + duration + " (" + outcome.cause +
-                       "): " + words_of_cause(cause, server, is_fabric, outcome.reason);
-        if (is_fabric && cause == COPY_FAIL_WARDEN_FAILED) {
-            outcome.switches = switches_of(session_, row);
+                       "): " + words_of_cause(end.cause, server, is_fabric, outcome.reason);
+        if (is_fabric && end.cause == COPY_FAIL_WARDEN_FAILED) {
+            outcome.switches = switches_of(session_, row_.index());
         }
     }
 
-    // --- cleaning up ---
-
-    // All that may be there, also those whose making was not answered. A destroy of what is not there is no error, and may be repeated.
-    void take_rows_away() {
-        constexpr int attempts = 3;
-        try {
-            while (!rows_.empty()) {
-                std::optional<SetResult> result;
-                for (int attempt = 0; attempt < attempts && !result; ++attempt) {
-                    result = session_.set({{copy_cell(CC_COLUMN_ENTRY_ROW_STATUS, rows_.back()), ROW_STATUS_DESTROY}});
-                }
-                if (!result || result->status == SNMP_ERR_GENERR) {
-                    return;
-                }
-                rows_.pop_back();
-            }
-        } catch (const Failure &) { // what is left goes with its age
-        }
+    void clean_up() {
+        session_.begin_to_clean_up(2s);
+        row_.destroy();
     }
 
     Session &session_;
     const CopyOrder &order_;
     const Progress &progress_;
+    CopyRow row_;
     PathValues path_values_;
-    std::vector<oid> rows_; // all that may be there
 };
 
 std::string wwn_text(const std::string &octets) {
@@ -405,14 +316,16 @@ Outcome copy(Session &session, const CopyOrder &order, const Progress &progress)
 }
 
 Outcome copy(const netsnmp_session &defaults, const std::string &agent, const CopyOrder &order, const Progress &progress) {
+    Outcome outcome = planned(order, agent);
     try {
-        Session session(defaults, agent, order.is_verbose);
+        Session session = session_with(defaults, agent, order.is_verbose);
         return copy(session, order, progress);
     } catch (const Failure &failure) {
-        Outcome outcome = planned(order, agent);
         outcome.fail(failure);
-        return outcome;
+    } catch (const Trouble &trouble) {
+        outcome.fail(failure_of(trouble, agent));
     }
+    return outcome;
 }
 
 } // namespace config_copy

@@ -4,7 +4,7 @@
 #include "config-copy/copy_side.h"
 #include "config-copy/outcome.h"
 #include "config-copy/server_address.h"
-#include "config-copy/snmp_session.h"
+#include "copy_client/session.h"
 
 #include <chrono>
 #include <functional>

@@ -3,7 +3,6 @@
 #include "base/posix.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <unistd.h>
 
 #include <array>
@@ -47,21 +46,6 @@ int interrupting_signal() {
 
 int interrupt_descriptor() {
     return wake[0];
-}
-
-void pause_for(std::chrono::milliseconds time) {
-    const auto end = std::chrono::steady_clock::now() + time;
-    for (;;) {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
-        if (interrupting_signal() != 0) {
-            throw Interrupted{};
-        }
-        if (left.count() <= 0) {
-            return;
-        }
-        pollfd woken{wake[0], POLLIN, 0};
-        ::poll(&woken, 1, static_cast<int>(left.count()));
-    }
 }
 
 void end_by_signal(int signal) {

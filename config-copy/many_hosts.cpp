@@ -1,5 +1,6 @@
 #include "config-copy/many_hosts.h"
 
+#include "config-copy/agent_session.h"
 #include "config-copy/interrupt.h"
 
 #include <sys/resource.h>
@@ -52,21 +53,21 @@ class Place {
 };
 
 Outcome copy_on(const netsnmp_session &defaults, const std::string &agent, const CopyOrder &order, std::counting_semaphore<> &places) {
-    const auto failed = [&](const Failure &failure) {
-        Outcome outcome = planned(order, agent);
-        outcome.fail(failure);
-        return outcome;
-    };
+    Outcome outcome = planned(order, agent);
     try {
-        Session session(defaults, agent, order.is_verbose);
-        session.get({copy_cell(CC_COLUMN_ENTRY_ROW_STATUS, largest_index)}); // who does not answer takes no place
+        Session session = session_with(defaults, agent, order.is_verbose);
+        // An agent that does not answer takes no place.
+        session.get({copy_cell(CC_COLUMN_ENTRY_ROW_STATUS, largest_index)});
         const Place place(places);
         return copy(session, order, [](std::string_view, std::chrono::seconds) {});
     } catch (const Failure &failure) {
-        return failed(failure);
+        outcome.fail(failure);
+    } catch (const Trouble &trouble) {
+        outcome.fail(failure_of(trouble, agent));
     } catch (const std::exception &error) {
-        return failed({Ending::failed, agent + ": " + error.what()});
+        outcome.fail({Ending::failed, agent + ": " + error.what()});
     }
+    return outcome;
 }
 
 } // namespace

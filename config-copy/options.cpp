@@ -2,7 +2,7 @@
 
 #include "base/number.h"
 #include "config-copy/failure.h"
-#include "config-copy/snmp_session.h"
+#include "copy_client/session.h"
 
 #include <strings.h>
 

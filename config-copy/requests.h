@@ -2,7 +2,7 @@
 #pragma once
 
 #include "config-copy/output.h"
-#include "config-copy/snmp_session.h"
+#include "copy_client/session.h"
 
 #include <optional>
 

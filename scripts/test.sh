@@ -61,7 +61,7 @@ step_build() {
 # In the background and with what the other steps leave of the processors: they wait a lot.
 step_tidy() {
     section "clang-tidy, beside the next steps"
-    own_sources | grep -E '^(base|config-copy|infra|platform|tftp)/.*\.cpp$' | chrt --idle 0 xargs -P "$(nproc)" -n 4 clang-tidy -p build/asan --quiet >build/clang-tidy.log 2>&1 &
+    own_sources | grep -E '^(base|config-copy|copy_client|infra|platform|tftp)/.*\.cpp$' | chrt --idle 0 xargs -P "$(nproc)" -n 4 clang-tidy -p build/asan --quiet >build/clang-tidy.log 2>&1 &
     tidy=$!
     trap 'kill "$tidy" 2>/dev/null' EXIT
 }

@@ -11,11 +11,11 @@ from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[2]
 HOST = "platform/host"
-ROOMS = {"base": "base", "tftp": "tftp"} | {
+ROOMS = {name: name for name in ("base", "tftp", "copy_client")} | {
     path.name: f"{HOST}/{path.name}" for path in (ROOT / HOST).iterdir() if any(path.glob("*.cpp"))
 }
 TOP = "programs"  # one source a program, without a header: may use every room
-ALONE = {"infra": {"platform"}, "config-copy": {"base", "platform"}}  # above no room
+ALONE = {"infra": {"platform"}, "config-copy": {"base", "copy_client", "platform"}}  # above no room
 HEAD = re.compile(r"\A// Room: .+\.\n// Used by: (.+)\.\n// May use: (.+)\.\n")
 INCLUDE = re.compile(r'^#include "([^"]+/[^"]+)"', re.MULTILINE)
 

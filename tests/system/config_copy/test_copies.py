@@ -188,7 +188,8 @@ def test_each_message_is_told_on_request():
         assert binding in made, made
     assert activated.endswith(f": SET ccCopyEntryRowStatus.{index} = 1")
     assert destroyed.endswith(f": SET ccCopyEntryRowStatus.{index} = 6")
-    assert f"config-copy: {AGENT}:   answer: ccCopyState.{index} = 3" in lines, done
+    ended = f"config-copy: {AGENT}:   answer: ccCopyState.{index} = 3, ccCopyFailCause.{index} = "
+    assert any(line.startswith(ended) for line in lines), done
     assert os.environ["LAB_PASSWORD"] not in done.err
     done = config_copy("--verbose", *QUICK, "127.0.0.1:9", "running", "startup")
     assert done.status == UNREACHABLE, done

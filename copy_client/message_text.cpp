@@ -1,4 +1,4 @@
-#include "config-copy/message_text.h"
+#include "copy_client/message_text.h"
 
 #include "base/text.h"
 
@@ -6,7 +6,7 @@
 #include <array>
 #include <string_view>
 
-namespace config_copy {
+namespace copy_client {
 namespace {
 
 struct Named {
@@ -105,4 +105,4 @@ std::string words_of_answer(const netsnmp_pdu &pdu) {
     return "answer: " + bindings(pdu, true);
 }
 
-} // namespace config_copy
+} // namespace copy_client

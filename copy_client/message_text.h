@@ -1,7 +1,7 @@
 // SNMP messages in words, for those who look for a fault. No password is told.
 #pragma once
 
-#include "config-copy/copy_table.h"
+#include "copy_client/copy_table.h"
 
 #include <net-snmp/net-snmp-config.h>
 
@@ -9,7 +9,7 @@
 
 #include <string>
 
-namespace config_copy {
+namespace copy_client {
 
 // Such as "SET ccCopyEntryRowStatus.7 = 6".
 std::string words_of_request(const netsnmp_pdu &pdu);
@@ -17,4 +17,4 @@ std::string words_of_request(const netsnmp_pdu &pdu);
 // Such as "answer: ccCopyState.7 = 2" or "refused: genErr …, binding 1".
 std::string words_of_answer(const netsnmp_pdu &pdu);
 
-} // namespace config_copy
+} // namespace copy_client

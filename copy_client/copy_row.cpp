@@ -1,0 +1,130 @@
+#include "copy_client/copy_row.h"
+
+#include <algorithm>
+#include <random>
+
+namespace copy_client {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr int most_attempts = 8; // to make a row, each with another index, and to activate it
+constexpr int most_removals = 3; // of one row
+
+// What v1 agents make of the finer statuses of v2 (RFC 3584, section 4.4).
+bool is_taken(long status) {
+    return status == SNMP_ERR_INCONSISTENTVALUE || status == SNMP_ERR_BADVALUE;
+}
+
+} // namespace
+
+bool CopyRow::is_there(oid index) {
+    return number(session_.get({copy_cell(CC_COLUMN_ENTRY_ROW_STATUS, index)}).front()).has_value();
+}
+
+// At random, as another manager may look for a free one at the same time.
+oid CopyRow::free_index() {
+    std::random_device source;
+    std::uniform_int_distribution<oid> any(1, largest_index);
+    for (;;) {
+        if (const oid index = any(source); !is_there(index)) {
+            return index;
+        }
+    }
+}
+
+// Each attempt has an index of its own: a second createAndWait that meets a late first one would block
+// the row.
+void CopyRow::make(const std::vector<std::pair<oid, Value>> &columns) {
+    for (int attempt = 0; attempt < most_attempts; ++attempt) {
+        indexes_.push_back(free_index());
+        std::vector<Binding> bindings{{copy_cell(CC_COLUMN_ENTRY_ROW_STATUS, index()), ROW_STATUS_CREATE_AND_WAIT}};
+        for (const auto &[column, value] : columns) {
+            bindings.push_back({copy_cell(column, index()), value});
+        }
+        const auto result = session_.set(bindings);
+        if (!result) {
+            if (is_there(index())) {
+                return; // the answer was lost
+            }
+        } else if (result->status == SNMP_ERR_NOERROR) {
+            return;
+        } else if (result->at == 1 && is_taken(result->status)) {
+            indexes_.pop_back(); // somebody else's since we looked
+        } else {
+            const std::size_t refused = result->at > 0 && result->at <= bindings.size() ? result->at - 1 : 0;
+            const Oid &name = bindings[refused].name;
+            throw Trouble(TroubleKind::making_refused, result->status, session_.low_level(), name[name.size() - 2]);
+        }
+    }
+    throw Trouble(TroubleKind::making_lost);
+}
+
+// Alone in its SET, so that a refusal does not harm the row.
+long CopyRow::activate() {
+    bool is_sure = true; // that no earlier one is under way
+    for (int attempt = 0; attempt < most_attempts; ++attempt) {
+        const auto result = session_.set({{copy_cell(CC_COLUMN_ENTRY_ROW_STATUS, index()), ROW_STATUS_ACTIVE}});
+        if (result && result->status == SNMP_ERR_NOERROR) {
+            return SNMP_ERR_NOERROR;
+        }
+        if ((!result || !is_sure) && read().state != COPY_STATE_WAITING) {
+            return SNMP_ERR_NOERROR; // it was carried out, and its answer was lost
+        }
+        if (result) {
+            return result->status;
+        }
+        is_sure = false;
+    }
+    throw Trouble(TroubleKind::activation_lost);
+}
+
+CopyState CopyRow::read() {
+    std::vector<Oid> names;
+    for (const oid column : {CC_COLUMN_STATE, CC_COLUMN_FAIL_CAUSE, CC_COLUMN_TIME_STARTED, CC_COLUMN_TIME_COMPLETED}) {
+        names.push_back(copy_cell(column, index()));
+    }
+    const std::vector<Value> values = session_.get(names);
+    const auto state = number(values[0]);
+    if (!state) {
+        indexes_.pop_back();
+        throw Trouble(TroubleKind::row_gone);
+    }
+    return {*state, number(values[1]).value_or(0), values[2], values[3]};
+}
+
+CopyState CopyRow::await_end(const std::function<void()> &meanwhile) {
+    constexpr Milliseconds longest = 1s;
+    // A save takes some ten milliseconds, a transfer may take minutes.
+    for (Milliseconds pause = 5ms;; pause = std::min(pause * 2, longest)) {
+        CopyState now = read();
+        if (now.state == COPY_STATE_SUCCESSFUL || now.state == COPY_STATE_FAILED) {
+            return now;
+        }
+        meanwhile();
+        session_.pause(pause);
+    }
+}
+
+void CopyRow::destroy() {
+    std::vector<oid> left;
+    try {
+        while (!indexes_.empty()) {
+            std::optional<SetResult> result;
+            for (int attempt = 0; attempt < most_removals && !result; ++attempt) {
+                result = session_.set({{copy_cell(CC_COLUMN_ENTRY_ROW_STATUS, index()), ROW_STATUS_DESTROY}});
+            }
+            if (!result) {
+                break; // silent, and so it would be to the others
+            }
+            if (result->status == SNMP_ERR_GENERR) {
+                left.push_back(index()); // blocked, for instance after a refused request
+            }
+            indexes_.pop_back();
+        }
+    } catch (const Trouble &) { // what is left goes with its age
+    }
+    indexes_.insert(indexes_.end(), left.rbegin(), left.rend());
+}
+
+} // namespace copy_client

@@ -1,0 +1,51 @@
+#include "copy_client/user_key.h"
+
+#include <algorithm>
+#include <array>
+#include <map>
+#include <mutex>
+#include <stdexcept>
+#include <utility>
+#include <vector>
+
+namespace copy_client {
+namespace {
+
+using Key = std::vector<u_char>;
+using Hash = std::vector<oid>;
+
+Key made_key(const Hash &hash, const std::string &passphrase) {
+    std::array<u_char, USM_AUTH_KU_LEN> key{};
+    std::size_t length = key.size();
+    if (::generate_Ku(hash.data(), static_cast<u_int>(hash.size()), reinterpret_cast<const u_char *>(passphrase.data()), passphrase.size(),
+                      key.data(), &length) != SNMPERR_SUCCESS) {
+        throw std::runtime_error("no key can be made of a passphrase");
+    }
+    return {key.begin(), key.begin() + static_cast<std::ptrdiff_t>(length)};
+}
+
+// Those who want a key that is being made wait for it.
+Key key_of(const Hash &hash, const std::string &passphrase) {
+    static std::mutex mutex;
+    static std::map<std::pair<Hash, std::string>, Key> keys;
+    const std::lock_guard lock(mutex);
+    Key &key = keys[{hash, passphrase}];
+    if (key.empty()) {
+        key = made_key(hash, passphrase);
+    }
+    return key;
+}
+
+} // namespace
+
+void set_keys(netsnmp_session &session, const std::string &auth_passphrase, const std::string &priv_passphrase) {
+    const Hash hash(session.securityAuthProto, session.securityAuthProto + session.securityAuthProtoLen);
+    const Key auth = key_of(hash, auth_passphrase);
+    const Key priv = key_of(hash, priv_passphrase);
+    std::copy(auth.begin(), auth.end(), session.securityAuthKey);
+    std::copy(priv.begin(), priv.end(), session.securityPrivKey);
+    session.securityAuthKeyLen = auth.size();
+    session.securityPrivKeyLen = priv.size();
+}
+
+} // namespace copy_client

@@ -1,0 +1,342 @@
+// The life of a row against an agent that loses, delays or refuses: whatever is lost, the copy runs
+// once, its outcome is known, and no row stays.
+#include "copy_client/copy_row.h"
+#include "copy_client/user_key.h"
+#include "tests/unit/copy_client/scripted_agent.h"
+
+#include <sys/timerfd.h>
+
+#include <algorithm>
+#include <functional>
+#include <ostream>
+#include <random>
+
+using namespace copy_client;
+using namespace copy_client_test;
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr Milliseconds answer_time = 60ms;
+
+class Manager {
+  public:
+    explicit Manager(long version = SNMP_VERSION_2c, const char *user = agent_user, const char *auth = agent_auth,
+                     const char *priv = agent_priv)
+        : user_(user) {
+        prepare_library();
+        ::snmp_sess_init(&settings_);
+        settings_.version = version;
+        settings_.retries = 5;
+        settings_.timeout = std::chrono::microseconds(answer_time).count();
+        settings_.community = community_.data();
+        settings_.community_len = std::size(community_) - 1;
+        if (version == SNMP_VERSION_3) {
+            settings_.securityModel = SNMP_SEC_MODEL_USM;
+            settings_.securityName = user_.data();
+            settings_.securityNameLen = user_.size();
+            settings_.securityLevel = SNMP_SEC_LEVEL_AUTHPRIV;
+            settings_.securityAuthProto = ::sc_get_auth_oid(::usm_lookup_auth_type("SHA-256"), &settings_.securityAuthProtoLen);
+            settings_.securityPrivProto = ::sc_get_priv_oid(::usm_lookup_priv_type("AES"), &settings_.securityPrivProtoLen);
+            set_keys(settings_, auth, priv);
+        }
+    }
+
+    netsnmp_session &settings() { return settings_; }
+    Session session_with(const ScriptedAgent &agent, int stop = -1) const { return {settings_, {"the agent", agent.address()}, stop}; }
+
+  private:
+    static void prepare_library() {
+        static const bool is_done = [] {
+            ::setenv("MIBS", "", 1);
+            ::netsnmp_register_loghandler(NETSNMP_LOGHANDLER_NONE, LOG_DEBUG);
+            ::netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_READ_CONFIGS, 1);
+            ::netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_PERSIST_STATE, 1);
+            ::set_persistent_directory("/dev/null");
+            ::init_snmp("copy_client_tests");
+            return true;
+        }();
+        ASSERT_TRUE(is_done);
+    }
+
+    std::string user_;
+    std::array<u_char, 7> community_{'p', 'u', 'b', 'l', 'i', 'c', 0};
+    netsnmp_session settings_{};
+};
+
+const std::vector<std::pair<oid, Value>> save_columns{{CC_COLUMN_SOURCE_FILE_TYPE, COPY_FILE_RUNNING},
+                                                      {CC_COLUMN_DEST_FILE_TYPE, COPY_FILE_STARTUP}};
+
+// A whole life. Whatever is thrown, the row is taken away, as users of the room do.
+CopyState live(Session &session, CopyRow &row) {
+    const auto clean_up = [&] {
+        session.begin_to_clean_up(answer_time);
+        row.destroy();
+    };
+    try {
+        row.make(save_columns);
+        EXPECT_EQ(row.activate(), SNMP_ERR_NOERROR);
+        const CopyState end = row.await_end([] {});
+        clean_up();
+        return end;
+    } catch (...) {
+        clean_up();
+        throw;
+    }
+}
+
+TroubleKind trouble_of(const std::function<void()> &call) {
+    try {
+        call();
+    } catch (const Trouble &trouble) {
+        return trouble.kind;
+    }
+    ADD_FAILURE() << "no trouble";
+    return {};
+}
+
+TEST(CopyRow, LivesWithNothingLost) {
+    const ScriptedAgent agent({});
+    Session session = Manager().session_with(agent);
+    CopyRow row(session);
+    EXPECT_EQ(live(session, row).state, COPY_STATE_SUCCESSFUL);
+    EXPECT_FALSE(row.is_left());
+    // Look, make, activate, two reads, destroy.
+    EXPECT_EQ(agent.seen().requests, 6);
+    EXPECT_EQ(agent.seen().made, 1);
+    EXPECT_EQ(agent.seen().copies, 1);
+    EXPECT_EQ(agent.seen().rows, 0);
+}
+
+enum class Loss { request, answer, late };
+struct Case {
+    Loss loss;
+    int number;
+    long version;
+};
+std::ostream &operator<<(std::ostream &out, const Case &one) {
+    const char *what = one.loss == Loss::request ? "request " : one.loss == Loss::answer ? "answer " : "late request ";
+    return out << what << one.number << (one.version == SNMP_VERSION_3 ? ", SNMPv3" : ", SNMPv2c");
+}
+
+class OneIsLost : public testing::TestWithParam<Case> {};
+
+TEST_P(OneIsLost, TheCopyRunsOnceAndNoRowStays) {
+    const Case &one = GetParam();
+    Script script;
+    (one.loss == Loss::request  ? script.loses_request
+     : one.loss == Loss::answer ? script.loses_answer
+                                : script.delays_request) = one.number;
+    const ScriptedAgent agent(script);
+    Session session = Manager(one.version).session_with(agent);
+    CopyRow row(session);
+    EXPECT_EQ(live(session, row).state, COPY_STATE_SUCCESSFUL);
+    EXPECT_FALSE(row.is_left());
+    EXPECT_EQ(agent.seen().copies, 1);
+    EXPECT_EQ(agent.seen().rows, 0);
+    EXPECT_EQ(agent.seen().removed, agent.seen().made);
+    EXPECT_EQ(agent.seen().lost, 1);
+}
+
+std::vector<Case> cases() {
+    constexpr int requests_of_a_life = 6;
+    std::vector<Case> all;
+    for (const Loss loss : {Loss::request, Loss::answer, Loss::late}) {
+        for (int number = 1; number <= requests_of_a_life; ++number) {
+            for (const long version : {SNMP_VERSION_2c, SNMP_VERSION_3}) {
+                all.push_back({loss, number, version});
+            }
+        }
+    }
+    return all;
+}
+
+INSTANTIATE_TEST_SUITE_P(EachOfALife, OneIsLost, testing::ValuesIn(cases()));
+
+TEST(CopyRow, AFailureIsToldWithItsCause) {
+    Script script;
+    script.end = COPY_STATE_FAILED;
+    script.cause = COPY_FAIL_NO_SPACE;
+    const ScriptedAgent agent(script);
+    Session session = Manager().session_with(agent);
+    CopyRow row(session);
+    const CopyState end = live(session, row);
+    EXPECT_EQ(end.state, COPY_STATE_FAILED);
+    EXPECT_EQ(end.cause, COPY_FAIL_NO_SPACE);
+}
+
+TEST(CopyRow, ARefusedMakingTellsTheColumn) {
+    Script script;
+    script.making_status = SNMP_ERR_WRONGVALUE;
+    script.making_index = 3;
+    const ScriptedAgent agent(script);
+    Session session = Manager().session_with(agent);
+    CopyRow row(session);
+    try {
+        row.make(save_columns);
+        FAIL() << "made";
+    } catch (const Trouble &trouble) {
+        EXPECT_EQ(trouble.kind, TroubleKind::making_refused);
+        EXPECT_EQ(trouble.number, SNMP_ERR_WRONGVALUE);
+        EXPECT_EQ(trouble.column, CC_COLUMN_DEST_FILE_TYPE);
+    }
+}
+
+TEST(CopyRow, AnIndexThatIsTakenMeanwhileIsLeftAlone) {
+    Script script;
+    script.making_status = SNMP_ERR_INCONSISTENTVALUE;
+    script.making_index = 1;
+    const ScriptedAgent agent(script);
+    Session session = Manager().session_with(agent);
+    CopyRow row(session);
+    EXPECT_EQ(trouble_of([&] { row.make(save_columns); }), TroubleKind::making_lost);
+    const int asked = agent.seen().requests;
+    EXPECT_FALSE(row.is_left());
+    row.destroy();
+    EXPECT_EQ(agent.seen().requests, asked) << "somebody else's row was destroyed";
+}
+
+TEST(CopyRow, ARefusedActivationIsAnAnswer) {
+    Script script;
+    script.activation_status = SNMP_ERR_GENERR;
+    const ScriptedAgent agent(script);
+    Session session = Manager().session_with(agent);
+    CopyRow row(session);
+    row.make(save_columns);
+    EXPECT_EQ(row.activate(), SNMP_ERR_GENERR);
+    row.destroy();
+    EXPECT_EQ(agent.seen().rows, 0);
+    EXPECT_EQ(agent.seen().copies, 0);
+}
+
+TEST(CopyRow, ARowThatIsGoneIsTold) {
+    Script script;
+    script.forgets_rows = true;
+    const ScriptedAgent agent(script);
+    Session session = Manager().session_with(agent);
+    CopyRow row(session);
+    EXPECT_EQ(trouble_of([&] { live(session, row); }), TroubleKind::row_gone);
+    EXPECT_FALSE(row.is_left());
+}
+
+TEST(CopyRow, AnAgentThatFallsSilentLeavesTheRow) {
+    Script script;
+    script.falls_silent = 3;
+    const ScriptedAgent agent(script);
+    Session session = Manager().session_with(agent);
+    CopyRow row(session);
+    EXPECT_EQ(trouble_of([&] { live(session, row); }), TroubleKind::silent_now);
+    EXPECT_TRUE(row.is_left());
+}
+
+TEST(CopyRow, NothingIsAskedBehindTheDeadline) {
+    Script script;
+    script.reads_until_end = -1;
+    const ScriptedAgent agent(script);
+    Session session = Manager().session_with(agent);
+    const auto began = Clock::now();
+    session.set_deadline(began + 300ms);
+    CopyRow row(session);
+    row.make(save_columns);
+    EXPECT_EQ(row.activate(), SNMP_ERR_NOERROR);
+    EXPECT_EQ(trouble_of([&] { row.await_end([] {}); }), TroubleKind::out_of_time);
+    EXPECT_GE(Clock::now() - began, 300ms);
+    const int asked = agent.seen().requests;
+    row.destroy();
+    EXPECT_EQ(agent.seen().requests, asked);
+    session.set_deadline(Clock::now() + 1s);
+    row.destroy();
+    EXPECT_EQ(agent.seen().rows, 0);
+}
+
+TEST(CopyRow, WithADeadlineSilenceIsWaitedOut) {
+    Script script;
+    script.falls_silent = 1;
+    const ScriptedAgent agent(script);
+    Session session = Manager().session_with(agent);
+    const auto began = Clock::now();
+    session.set_deadline(began + 12 * answer_time);
+    CopyRow row(session);
+    EXPECT_EQ(trouble_of([&] { row.make(save_columns); }), TroubleKind::silent);
+    EXPECT_GE(Clock::now() - began, 12 * answer_time);
+    EXPECT_FALSE(row.is_left());
+}
+
+TEST(CopyRow, AStopEndsTheWaitAndTheRowCanStillBeTakenAway) {
+    Script script;
+    script.reads_until_end = -1;
+    const ScriptedAgent agent(script);
+    const int stop = ::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC);
+    const itimerspec once{{}, {0, 200'000'000}};
+    ASSERT_EQ(::timerfd_settime(stop, 0, &once, nullptr), 0);
+    Session session = Manager().session_with(agent, stop);
+    CopyRow row(session);
+    EXPECT_THROW(live(session, row), Stopped);
+    EXPECT_FALSE(row.is_left());
+    EXPECT_EQ(agent.seen().rows, 0);
+    ::close(stop);
+}
+
+// --- the session ---
+
+// An agent each: what the library knows of a user at an engine it keeps.
+TroubleKind trouble_with(const char *user, const char *auth, const char *priv) {
+    const ScriptedAgent agent({});
+    Session session = Manager(SNMP_VERSION_3, user, auth, priv).session_with(agent);
+    const TroubleKind kind = trouble_of([&] { session.get({copy_cell(CC_COLUMN_STATE, 1)}); });
+    return kind;
+}
+
+TEST(Session, WrongCredentialsAreToldApart) {
+    EXPECT_EQ(trouble_with("stranger", agent_auth, agent_priv), TroubleKind::unknown_user);
+    EXPECT_EQ(trouble_with(agent_user, "not-the-right-one", agent_priv), TroubleKind::wrong_authentication);
+    EXPECT_EQ(trouble_with(agent_user, agent_auth, "not-the-right-one"), TroubleKind::wrong_privacy);
+}
+
+TEST(Session, NobodyThereIsSilence) {
+    std::string address;
+    {
+        const ScriptedAgent gone({});
+        address = gone.address();
+    }
+    Manager manager;
+    Session session(manager.settings(), {"nobody", address}, -1);
+    EXPECT_EQ(trouble_of([&] { session.get({copy_cell(CC_COLUMN_STATE, 1)}); }), TroubleKind::silent);
+}
+
+TEST(Session, AnAddressThatIsNoneIsNoSession) {
+    Manager manager;
+    EXPECT_EQ(trouble_of([&] { Session(manager.settings(), {"nobody", "udp:no.such.name.invalid:161"}, -1); }), TroubleKind::no_address);
+}
+
+TEST(UserKey, IsMadeOnceForAllAgents) {
+    netsnmp_session settings{};
+    std::size_t length = 0;
+    settings.securityAuthProto = ::sc_get_auth_oid(::usm_lookup_auth_type("SHA-256"), &length);
+    settings.securityAuthProtoLen = length;
+    const auto time_of = [&] {
+        const auto began = Clock::now();
+        set_keys(settings, "a-passphrase-of-this-test", "another-one-of-this-test");
+        return Clock::now() - began;
+    };
+    const auto first = time_of();
+    const std::vector<u_char> key(settings.securityAuthKey, settings.securityAuthKey + settings.securityAuthKeyLen);
+    const auto second = time_of();
+    EXPECT_LT(second * 10, first);
+    std::array<u_char, USM_AUTH_KU_LEN> expected{};
+    std::size_t expected_length = expected.size();
+    const std::string passphrase = "a-passphrase-of-this-test";
+    ASSERT_EQ(::generate_Ku(settings.securityAuthProto, static_cast<u_int>(length), reinterpret_cast<const u_char *>(passphrase.data()),
+                            passphrase.size(), expected.data(), &expected_length),
+              SNMPERR_SUCCESS);
+    EXPECT_EQ(key, std::vector<u_char>(expected.begin(), expected.begin() + static_cast<std::ptrdiff_t>(expected_length)));
+    EXPECT_NE(std::vector<u_char>(settings.securityPrivKey, settings.securityPrivKey + settings.securityPrivKeyLen), key);
+}
+
+TEST(UserKey, AShortPassphraseMakesNone) {
+    netsnmp_session settings{};
+    settings.securityAuthProto = ::sc_get_auth_oid(::usm_lookup_auth_type("SHA-256"), &settings.securityAuthProtoLen);
+    EXPECT_THROW(set_keys(settings, "short", "long-enough"), std::runtime_error);
+}
+
+} // namespace
