@@ -1,5 +1,6 @@
 #include "platform/agent_extension.h"
 
+#include "base/c_boundary.h"
 #include "base/posix.h"
 #include "base/settings.h"
 #include "platform/host/agent/clock.h"
@@ -22,7 +23,6 @@
 #include <map>
 #include <memory>
 #include <optional>
-#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -81,14 +81,8 @@ Agent &agent() {
 }
 
 // Runs what the agent's loop called; nothing may be thrown into it.
-template <typename Operation> void guarded(Operation operation) {
-    try {
-        operation();
-    } catch (const std::exception &failure) {
-        log_error("agent: %s", failure.what());
-    } catch (...) {
-        log_error("agent: unknown failure");
-    }
+template <typename Operation> void guarded(Operation &&operation) noexcept {
+    log_failure("agent", std::forward<Operation>(operation));
 }
 
 uint32_t first_word_or_failure(const msgbus_message &message) {
@@ -307,14 +301,14 @@ std::vector<int> Agent::descriptors() const {
 extern "C" {
 
 int register_for_notification(uint32_t opcode, agent_message_handler handler) {
-    try {
-        return ulmo::agent().subscribe(opcode, handler);
-    } catch (const std::system_error &failure) {
-        ulmo::log_error("agent: messages can't be received: %s", failure.what());
-        return failure.code().value();
-    } catch (...) {
-        return ENOMEM;
-    }
+    return ulmo::errno_of([=] {
+        try {
+            return ulmo::agent().subscribe(opcode, handler);
+        } catch (const std::exception &failure) {
+            ulmo::log_error("agent: messages can't be received: %s", failure.what());
+            throw;
+        }
+    });
 }
 
 int unregister_for_notification(uint32_t opcode) {
@@ -322,12 +316,7 @@ int unregister_for_notification(uint32_t opcode) {
 }
 
 pid_t __wrap_fork(void) {
-    try {
-        return ulmo::agent().fork_worker();
-    } catch (...) {
-        errno = ENOMEM;
-        return -1;
-    }
+    return ulmo::result_or_errno([] { return ulmo::agent().fork_worker(); });
 }
 
 } // extern "C"

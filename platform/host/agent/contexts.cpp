@@ -1,4 +1,5 @@
 // What a module registers with the agent: it is repeated in each SNMP context (RFC 3411, 3.3.1) that names a VRF.
+#include "base/c_boundary.h"
 #include "base/settings.h"
 #include "platform/host/agent/copies.h"
 #include "platform/host/history/log.h"
@@ -10,7 +11,6 @@
 #include <net-snmp/agent/net-snmp-agent-includes.h>
 
 #include <algorithm>
-#include <exception>
 #include <string>
 #include <vector>
 
@@ -42,7 +42,8 @@ extern "C" {
 int __wrap_register_mib(const char *module, const struct variable *variables, size_t variable_size, size_t count, const oid *root,
                         size_t root_length) {
     const int result = register_mib(module, variables, variable_size, count, root, root_length);
-    try {
+    const auto tell = [module](const char *why) { ulmo::log_error("%s: contexts: %s", module, why); };
+    const auto repeat = [&] {
         ulmo::copy_watch().learn(variables, variable_size, count, root, root_length);
         ulmo::read_contexts();
         for (const std::string &name : ulmo::contexts()) {
@@ -51,9 +52,8 @@ int __wrap_register_mib(const char *module, const struct variable *variables, si
                 ulmo::log_error("%s can't be registered in context %s", module, name.c_str());
             }
         }
-    } catch (const std::exception &error) {
-        ulmo::log_error("%s: contexts: %s", module, error.what());
-    }
+    };
+    ulmo::quietly(repeat, tell);
     return result;
 }
 

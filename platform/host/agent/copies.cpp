@@ -27,7 +27,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <exception>
 #include <utility>
 
 namespace ulmo {
@@ -75,11 +74,7 @@ std::chrono::milliseconds since(Clock::time_point began) {
 void tell(const std::string &line) {
     // The priority says what it is; the agent's own name in that log stays as the agent has set it.
     ::syslog(LOG_AUTHPRIV | LOG_NOTICE, "config-copy: %s", line.c_str());
-    try {
-        keep_copy_line(line);
-    } catch (const std::exception &error) {
-        log_error("agent: the line of a copy can't be kept: %s", error.what());
-    }
+    log_failure("agent: the line of a copy can't be kept", [&] { keep_copy_line(line); });
 }
 
 void forget_report(const std::filesystem::path &report) {
@@ -90,17 +85,16 @@ void forget_report(const std::filesystem::path &report) {
 // The file of a copy's report, with what is to be told of it should this agent end before the copy.
 // Empty when it can't be made: the copy is none the worse for it.
 std::filesystem::path make_report(const CopyRequest &request) {
-    try {
+    std::filesystem::path report;
+    log_failure("agent: no report of a copy", [&] {
         const std::filesystem::path directory = run_dir();
         const ActingAsOwner owner(directory);
         std::string path = (directory / report_prefix).string() + "XXXXXX";
         const UniqueFd file(check(::mkostemp(path.data(), O_CLOEXEC), "cannot make", path));
         write_whole(file.get(), std::string(begun_key) + line_of(request) + '\n', path);
-        return path;
-    } catch (const std::exception &error) {
-        log_error("agent: no report of a copy: %s", error.what());
-        return {};
-    }
+        report = path;
+    });
+    return report;
 }
 
 CopyEnd end_of(const CopyReport &report) {
@@ -138,12 +132,8 @@ std::string text_in(msgbus_msg answer) {
     return begin == nullptr ? "" : std::string(begin, answer->length).substr(sizeof(std::uint32_t));
 }
 
-template <typename Work> void quietly(Work &&work) noexcept {
-    try {
-        work();
-    } catch (const std::exception &error) {
-        log_error("agent: no line for a copy: %s", error.what());
-    }
+template <typename Work> void for_a_line(Work &&work) noexcept {
+    log_failure("agent: no line for a copy", std::forward<Work>(work));
 }
 
 } // namespace
@@ -255,7 +245,7 @@ CopyRequest CopyWatch::request_of(oid row) const {
 
 std::optional<CopyWatch::Copy> CopyWatch::begin() noexcept {
     std::optional<Copy> copy;
-    quietly([&] {
+    for_a_line([&] {
         if (const auto row = activated_row()) {
             copy = Copy{request_of(*row), Clock::now(), {}};
             copy->report = make_report(copy->request);
@@ -284,7 +274,7 @@ void CopyWatch::end_copy(const Copy &copy, CopyEnd end) {
 }
 
 void CopyWatch::not_forked(const Copy &copy, int error) noexcept {
-    quietly([&] {
+    for_a_line([&] {
         CopyEnd end;
         end.outcome = CopyEnd::Outcome::failed;
         end.cause = cause_name(COPY_FAIL_GENERAL);
@@ -294,7 +284,7 @@ void CopyWatch::not_forked(const Copy &copy, int error) noexcept {
 }
 
 void CopyWatch::reported(pid_t worker, std::optional<std::int32_t> status) noexcept {
-    quietly([&] {
+    for_a_line([&] {
         if (const auto found = copies_.find(worker); found != copies_.end()) {
             const Copy copy = std::move(found->second);
             copies_.erase(found);
@@ -311,7 +301,7 @@ void CopyWatch::reported(pid_t worker, std::optional<std::int32_t> status) noexc
 }
 
 void CopyWatch::died(pid_t worker, const std::string &how) noexcept {
-    quietly([&] {
+    for_a_line([&] {
         if (const auto found = copies_.find(worker); found != copies_.end()) {
             const Copy copy = std::move(found->second);
             copies_.erase(found);
@@ -326,7 +316,7 @@ void CopyWatch::died(pid_t worker, const std::string &how) noexcept {
 }
 
 void CopyWatch::close_unfinished() noexcept {
-    quietly([&] {
+    for_a_line([&] {
         for (const auto &entry : std::filesystem::directory_iterator(run_dir())) {
             const std::filesystem::path &path = entry.path();
             const bool is_ours = std::any_of(copies_.begin(), copies_.end(), [&](const auto &copy) { return copy.second.report == path; });
@@ -371,7 +361,7 @@ void CopyWatch::save_sent(int error) {
 }
 
 void CopyWatch::sent(std::uint32_t opcode, int error) noexcept {
-    quietly([&] {
+    for_a_line([&] {
         if (opcode == MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION) {
             save_sent(error);
         } else if (opcode == MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION_ABORT && save_) {
@@ -386,7 +376,7 @@ void CopyWatch::sent(std::uint32_t opcode, int error) noexcept {
 }
 
 void CopyWatch::answered(msgbus_msg answer, int error) noexcept {
-    quietly([&] {
+    for_a_line([&] {
         if (!save_ || save_->answered) {
             return;
         }
@@ -418,7 +408,7 @@ void CopyWatch::answered(msgbus_msg answer, int error) noexcept {
 }
 
 void CopyWatch::action_ended(std::uint32_t status) noexcept {
-    quietly([&] {
+    for_a_line([&] {
         if (!save_) {
             return;
         }

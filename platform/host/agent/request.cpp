@@ -1,5 +1,6 @@
 #include "platform/host/agent/request.h"
 
+#include "base/c_boundary.h"
 #include "base/folders.h"
 #include "base/settings.h"
 #include "base/state_file.h"
@@ -31,7 +32,6 @@
 #include <sstream>
 #include <string>
 #include <string_view>
-#include <system_error>
 
 namespace ulmo {
 namespace {
@@ -193,19 +193,12 @@ const char *snmp_get_ctx_vrf_for_current_req(int *status) {
 }
 
 void snmp_heartbeat_send(void) {
-    try {
-        ulmo::notify_service_manager(ulmo::watchdog_address(), "WATCHDOG=1");
-    } catch (const std::exception &failure) {
-        ulmo::log_error("agent: watchdog not fed: %s", failure.what());
-    }
+    ulmo::log_failure("agent: watchdog not fed", [] { ulmo::notify_service_manager(ulmo::watchdog_address(), "WATCHDOG=1"); });
 }
 
 void set_mgmt_conf_last_change_time_extended(int kind) {
-    try {
-        ulmo::mark_change(kind);
-    } catch (const std::exception &failure) {
-        ulmo::log_error("agent: time of configuration change %d not marked: %s", kind, failure.what());
-    }
+    ulmo::quietly([kind] { ulmo::mark_change(kind); },
+                  [kind](const char *why) { ulmo::log_error("agent: time of configuration change %d not marked: %s", kind, why); });
 }
 
 } // extern "C"

@@ -1,5 +1,6 @@
 #include "platform/host/agent/workers.h"
 
+#include "base/c_boundary.h"
 #include "base/folders.h"
 #include "base/number.h"
 #include "base/ownership.h"
@@ -144,7 +145,7 @@ void become_worker(const std::vector<int> &foreign) noexcept {
 }
 
 void sweep_worker_directories() noexcept {
-    try {
+    log_failure("worker: cannot sweep the folders of ended workers", [] {
         const ActingAsOwner owner(state_dir());
         const auto root = work_root();
         const UniqueFd root_lock = opened_directory(root);
@@ -159,9 +160,7 @@ void sweep_worker_directories() noexcept {
                 log_debug("worker: folder %s of an ended worker removed", entry.path().c_str());
             }
         }
-    } catch (const std::exception &failure) {
-        log_error("worker: cannot sweep the folders of ended workers: %s", failure.what());
-    }
+    });
 }
 
 int WorkerTable::add(pid_t worker) {
@@ -199,12 +198,11 @@ std::optional<WorkerTable::Ended> WorkerTable::reap(pid_t worker) {
     }
     Ended ended{std::move(found->second.watch), found->second.reported, reaped == worker ? how_it_ended(status) : "unseen"};
     workers_.erase(found);
-    try {
+    const auto remove = [worker] {
         const ActingAsOwner owner(state_dir());
         std::filesystem::remove_all(worker_directory(worker));
-    } catch (const std::exception &failure) {
-        log_error("worker: cannot remove the folder of process %d: %s", worker, failure.what());
-    }
+    };
+    quietly(remove, [worker](const char *why) { log_error("worker: cannot remove the folder of process %d: %s", worker, why); });
     return ended;
 }
 

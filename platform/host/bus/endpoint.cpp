@@ -1,5 +1,6 @@
 #include "platform/msgbus.h"
 
+#include "base/c_boundary.h"
 #include "base/settings.h"
 #include "platform/host/bus/observer.h"
 #include "platform/host/bus/wire.h"
@@ -11,10 +12,10 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
-#include <functional>
 #include <optional>
 #include <random>
 #include <string>
+#include <utility>
 
 namespace ulmo {
 namespace {
@@ -180,17 +181,8 @@ int receive_answer(int32_t handle, msgbus_msg *message, bool wait) {
 }
 
 // Runs an operation that returns an errno value or throws; returns 0, or -1 with errno set.
-int32_t guarded(const std::function<int()> &operation) {
-    int error = EIO;
-    try {
-        error = operation();
-    } catch (const std::system_error &failure) {
-        error = failure.code().value();
-    } catch (const std::bad_alloc &) {
-        error = ENOMEM;
-    } catch (...) {
-        error = EIO;
-    }
+template <typename Operation> int32_t guarded(Operation &&operation) noexcept {
+    const int error = errno_of(std::forward<Operation>(operation));
     if (error == 0) {
         return 0;
     }

@@ -1,5 +1,6 @@
 #include "platform/cli_shell.h"
 
+#include "base/c_boundary.h"
 #include "base/posix.h"
 #include "base/reason.h"
 #include "base/unique_fd.h"
@@ -41,11 +42,7 @@ void report(const std::string &output, const std::string &text) {
     if (output.empty()) {
         return;
     }
-    try {
-        write_output(output, text);
-    } catch (const std::exception &error) {
-        ulmo::log_error("cmdshell_execute_cfg_file2: no output: %s\n", error.what());
-    }
+    ulmo::log_failure("cmdshell_execute_cfg_file2: no output", [&] { write_output(output, text); });
 }
 
 uint32_t execute(const std::string &file, const std::string &output) {
@@ -74,12 +71,10 @@ uint32_t execute(const std::string &file, const std::string &output) {
 } // namespace
 
 uint32_t cmdshell_execute_cfg_file2(const struct cmdshell_exec_params *params) {
-    try {
+    return ulmo::result_or<uint32_t>(CMDSHELL_ERR_APPLY, [params] {
         return execute(std::string(params->file, ::strnlen(params->file, sizeof(params->file))),
                        std::string(params->output, ::strnlen(params->output, sizeof(params->output))));
-    } catch (...) { // out of memory
-        return CMDSHELL_ERR_APPLY;
-    }
+    });
 }
 
 int cmdshell_notify_cfg_update(int32_t /*handle*/, int /*second*/, int kind, int /*fourth*/) {

@@ -1,5 +1,6 @@
 #include "platform/fabric.h"
 
+#include "base/c_boundary.h"
 #include "base/posix.h"
 #include "base/settings.h"
 #include "platform/host/fabric/status.h"
@@ -15,7 +16,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <exception>
 #include <fstream>
 #include <iterator>
 #include <limits>
@@ -172,17 +172,13 @@ const FabricSwitchStatus *switch_after(const Wwn &cursor) {
     return next == walked.end() ? nullptr : &*next;
 }
 
-// Runs the call of a C function; its result, or an errno value when it threw.
-template <typename Call> int guarded(Call call) noexcept {
+// Nothing when the setting is bad, which is logged.
+std::optional<Wwn> own_wwn() {
     try {
-        return call();
-    } catch (const std::system_error &error) {
-        return error.code().value();
+        return local_wwn();
     } catch (const SettingsError &error) {
         log_error("fabric: %s", error.what());
-        return EINVAL;
-    } catch (const std::exception &) {
-        return ENOMEM;
+        return std::nullopt;
     }
 }
 
@@ -199,13 +195,16 @@ int ctlmsg_req_resp(uint32_t request, int /*second*/, const void * /*third*/, vo
     if (request != CTLMSG_REQ_SWITCH_WWN) {
         return ENOTSUP;
     }
-    return ulmo::guarded([=] {
-        const ulmo::Wwn wwn = ulmo::local_wwn();
-        void *answer = std::malloc(wwn.size());
+    return ulmo::errno_of([=] {
+        const auto wwn = ulmo::own_wwn();
+        if (!wwn) {
+            return EINVAL;
+        }
+        void *answer = std::malloc(wwn->size());
         if (answer == nullptr) {
             return ENOMEM;
         }
-        std::memcpy(answer, wwn.data(), wwn.size());
+        std::memcpy(answer, wwn->data(), wwn->size());
         *response = answer;
         *length = SWITCH_WWN_SIZE;
         return 0;
@@ -216,7 +215,7 @@ int fabstat_status_next_get(struct fabstat_status *status, char *text, uint32_t 
     if (status == nullptr || (text == nullptr && size != 0)) {
         return EINVAL;
     }
-    return ulmo::guarded([=] {
+    return ulmo::errno_of([=] {
         ulmo::Wwn cursor{};
         std::copy(std::begin(status->wwn), std::end(status->wwn), cursor.begin());
         const ulmo::FabricSwitchStatus *next = ulmo::switch_after(cursor);
@@ -248,13 +247,12 @@ void if_index_mgmt_sup_port_init(uint32_t *if_index, uint32_t /*second*/, uint32
         return;
     }
     *if_index = 0;
-    ulmo::guarded([=] {
+    ulmo::log_failure("the management interface is not known", [=] {
         const std::string interface = ulmo::management_interface();
         *if_index = ::if_nametoindex(interface.c_str());
         if (*if_index == 0) {
             ulmo::log_error("there is no management interface \"%s\"", interface.c_str());
         }
-        return 0;
     });
 }
 
@@ -263,7 +261,7 @@ int addrcfg_get_if_inet_addrs(int32_t /*queue*/, uint32_t if_index, struct addrc
         return EINVAL;
     }
     *addresses = nullptr;
-    return ulmo::guarded([=] {
+    return ulmo::errno_of([=] {
         char interface[IF_NAMESIZE];
         if (::if_indextoname(if_index, interface) == nullptr) {
             return errno;

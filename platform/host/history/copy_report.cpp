@@ -16,8 +16,8 @@
 #include <array>
 #include <cerrno>
 #include <cstdlib>
-#include <exception>
 #include <memory>
+#include <utility>
 #include <vector>
 
 namespace ulmo {
@@ -48,16 +48,10 @@ void append(std::string_view key, std::string_view text) {
 }
 
 // The copy goes on whatever becomes of its report.
-template <typename Work> void quietly(Work &&work) noexcept {
-    const int saved_errno = errno;
-    try {
-        if (report_path() != nullptr) {
-            work();
-        }
-    } catch (const std::exception &error) {
-        log_error("worker: no report: %s", error.what());
+template <typename Work> void in_report(Work &&work) noexcept {
+    if (report_path() != nullptr) {
+        log_failure("worker: no report", std::forward<Work>(work));
     }
-    errno = saved_errno;
 }
 
 struct Measured {
@@ -126,15 +120,15 @@ void take_line(CopyReport &report, std::string_view line) {
 } // namespace
 
 void report_reason(std::string_view reason) noexcept {
-    quietly([&] { append(reason_key, reason_in(reason)); });
+    in_report([&] { append(reason_key, reason_in(reason)); });
 }
 
 void report_moved(std::uint64_t octets) noexcept {
-    quietly([&] { append(moved_key, std::to_string(octets)); });
+    in_report([&] { append(moved_key, std::to_string(octets)); });
 }
 
 void report_file(const std::filesystem::path &file) noexcept {
-    quietly([&] {
+    in_report([&] {
         const Measured result = measured(file);
         append(moved_key, std::to_string(result.octets));
         append(sha256_key, result.sha256);
@@ -142,7 +136,7 @@ void report_file(const std::filesystem::path &file) noexcept {
 }
 
 void report_named_file() noexcept {
-    quietly([] {
+    in_report([] {
         if (const CopyReport report = read_copy_report(report_path()); !report.file.empty()) {
             report_file(report.file);
         }
@@ -151,16 +145,14 @@ void report_named_file() noexcept {
 
 CopyReport read_copy_report(const std::filesystem::path &path) noexcept {
     CopyReport report;
-    try {
+    log_failure("the report of a copy can't be read", [&] {
         const std::string content = read_state_file(path, report_limit).value_or("");
         for (std::string_view rest = content; !rest.empty();) {
             const std::string_view line = rest.substr(0, rest.find('\n'));
             rest.remove_prefix(std::min(line.size() + 1, rest.size()));
             take_line(report, line);
         }
-    } catch (const std::exception &error) {
-        log_error("the report of a copy can't be read: %s", error.what());
-    }
+    });
     return report;
 }
 

@@ -5,7 +5,10 @@
 // What the host platform tells the debug history about itself.
 #pragma once
 
+#include "base/c_boundary.h"
+
 #include <cstdint>
+#include <utility>
 
 namespace ulmo {
 
@@ -16,6 +19,12 @@ inline constexpr uint32_t host_module_id = 0x740000;
 // Keep errno.
 void log_error(const char *format, ...) __attribute__((format(printf, 1, 2)));
 void log_debug(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+// Runs what may fail without harm to the caller: a failure becomes an error in the log, "WHAT: why".
+// Keeps errno.
+template <typename Work> void log_failure(const char *what, Work &&work) noexcept {
+    quietly(std::forward<Work>(work), [what](const char *why) { log_error("%s: %s", what, why); });
+}
 
 // As log_debug(), for what an operator wants to read of a daemon.
 void log_notice(const char *format, ...) __attribute__((format(printf, 1, 2)));

@@ -80,11 +80,7 @@ ActionOutcome save_fabric(int stop) {
         here.text = recorded(error);
     }
     switches.insert(switches.begin(), here);
-    try {
-        write_fabric_status(switches);
-    } catch (const std::exception &error) {
-        log_error("the outcome on each switch can't be kept for the agent: %s", error.what());
-    }
+    log_failure("the outcome on each switch can't be kept for the agent", [&] { write_fabric_status(switches); });
 
     std::size_t failed = 0;
     for (const FabricSwitchStatus &each : switches) {

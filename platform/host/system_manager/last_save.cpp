@@ -4,8 +4,6 @@
 #include "base/state_file.h"
 #include "platform/host/history/log.h"
 
-#include <exception>
-
 namespace ulmo {
 namespace {
 
@@ -16,11 +14,7 @@ std::filesystem::path record() {
 } // namespace
 
 void record_last_save(std::string_view outcome) {
-    try {
-        replace_state_file(record(), outcome);
-    } catch (const std::exception &error) {
-        log_error("the outcome of the save can't be kept: %s", error.what());
-    }
+    log_failure("the outcome of the save can't be kept", [outcome] { replace_state_file(record(), outcome); });
 }
 
 std::optional<std::string> last_save() {

@@ -15,12 +15,9 @@
 const char *warden_cli_dir_get(int32_t /*handle*/, int32_t /*which*/) {
     // Texts that were handed out stay, even when the environment names another directory later.
     static std::set<std::string> handed_out;
-    try {
-        return handed_out.insert(ulmo::state_dir().string()).first->c_str();
-    } catch (const std::exception &error) {
-        ulmo::log_error("%s: %s\n", __func__, error.what());
-        return "/dev/null"; // no file is ever found below it
-    }
+    const char *path = "/dev/null"; // no file is ever found below it
+    ulmo::log_failure(__func__, [&] { path = handed_out.insert(ulmo::state_dir().string()).first->c_str(); });
+    return path;
 }
 
 uint32_t warden_cli_write_ascii_cfg(int32_t /*handle*/, const char *path) {

@@ -1,11 +1,11 @@
 // The programs that a copy runs: when one has ended, the file that it named is measured for the copy's report.
+#include "base/c_boundary.h"
 #include "base/process.h"
 #include "platform/host/history/copy_report.h"
 #include "platform/utilities.h"
 
 #include <cerrno>
 #include <cstdarg>
-#include <exception>
 #include <vector>
 
 int execute_program_and_wait_redirect(int in_fd, int out_fd, int err_fd, const char *program, ...) {
@@ -13,20 +13,18 @@ int execute_program_and_wait_redirect(int in_fd, int out_fd, int err_fd, const c
         errno = EINVAL;
         return -1;
     }
-    try {
+    std::va_list arguments;
+    va_start(arguments, program);
+    const int result = ulmo::result_or_errno([&] {
         // The argument vector is declared for writing (execve(2)), and not written.
         std::vector<char *> argv{const_cast<char *>(program)};
-        std::va_list arguments;
-        va_start(arguments, program);
         do {
             argv.push_back(va_arg(arguments, char *));
         } while (argv.back() != nullptr);
-        va_end(arguments);
         const int status = ulmo::run_and_wait({in_fd, out_fd, err_fd}, argv);
         ulmo::report_named_file();
         return status;
-    } catch (const std::exception &) {
-        errno = ENOMEM;
-        return -1;
-    }
+    });
+    va_end(arguments);
+    return result;
 }

@@ -1,10 +1,11 @@
 #include "platform/tftp_client.h"
 
+#include "base/c_boundary.h"
 #include "platform/host/transfer/tftp_copy.h"
 
 #include <cerrno>
-#include <exception>
 #include <string>
+#include <utility>
 
 namespace {
 
@@ -14,18 +15,11 @@ ulmo::tftp::Session &session() {
     return the_session;
 }
 
-// Does the work unless an argument is amiss. No exception may reach a caller in C.
+// Does the work unless an argument is missing.
 template <typename Work> int checked(bool valid, Work &&work) noexcept {
-    constexpr int refused = -(100 + EINVAL);
-    constexpr int failed = -(100 + ENOMEM);
-    if (!valid) {
-        return refused;
-    }
-    try {
-        return work();
-    } catch (const std::exception &) {
-        return failed; // all else has a result of its own
-    }
+    constexpr int refused = ulmo::tftp::system_result(EINVAL);
+    constexpr int failed = ulmo::tftp::system_result(ENOMEM); // all else has a result of its own
+    return valid ? ulmo::result_or(failed, std::forward<Work>(work)) : refused;
 }
 
 } // namespace
@@ -48,10 +42,8 @@ extern "C" int tftp_get2(const char *remote, const char *local, int flags) {
 
 extern "C" const char *tftp_strerror(int error) {
     static std::string text;
-    try {
+    return ulmo::result_or("Out of memory", [error] {
         text = session().text(error);
         return text.c_str();
-    } catch (const std::exception &) {
-        return "Out of memory";
-    }
+    });
 }

@@ -1,5 +1,6 @@
 #include "platform/host/vrf/vrf.h"
 
+#include "base/c_boundary.h"
 #include "base/folders.h"
 #include "base/number.h"
 #include "base/ownership.h"
@@ -21,7 +22,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <exception>
 #include <filesystem>
 #include <string_view>
 #include <vector>
@@ -142,11 +142,7 @@ std::optional<std::string> vrf_name(int id) {
     if (id == ordinary_id) {
         return std::string(ordinary_name);
     }
-    try {
-        return id < first_id ? std::nullopt : Directory().name_of(id);
-    } catch (const std::exception &) {
-        return std::nullopt;
-    }
+    return result_or(std::optional<std::string>(), [id] { return id < first_id ? std::nullopt : Directory().name_of(id); });
 }
 
 std::optional<std::string> vrf_device(const std::string &name) {
@@ -178,7 +174,7 @@ bool enter_vrf(const std::string &name, std::string *why) {
 } // namespace ulmo
 
 int vrfdir_get_context_id(const char *vrf_name) {
-    try {
+    return ulmo::result_or(ulmo::no_vrf, [vrf_name] {
         if (vrf_name == nullptr || !ulmo::is_valid_name(vrf_name)) {
             return ulmo::no_vrf;
         }
@@ -187,7 +183,5 @@ int vrfdir_get_context_id(const char *vrf_name) {
             return ulmo::Directory().id_of(name);
         }
         return name == ulmo::ordinary_name ? ulmo::ordinary_id : ulmo::no_vrf;
-    } catch (const std::exception &) {
-        return ulmo::no_vrf;
-    }
+    });
 }

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <functional>
 #include <regex>
+#include <stdexcept>
 #include <string>
 
 namespace {
@@ -92,6 +93,16 @@ TEST_F(HostLog, AMessageIsOneLineWhateverItHolds) {
                   ulmo::log_notice("%s", "gr\xc3\xbc\xc3\x9f");
               }),
               "<" + std::string(8, '?') + "  ?? " + std::string(19, '?') + ">\ntwo lines\n\ngr\xc3\xbc\xc3\x9f\n");
+}
+
+TEST_F(HostLog, AFailureWithoutHarmIsAnErrorInTheLog) {
+    EXPECT_EQ(daemon_prints([] {
+                  errno = ENOENT;
+                  ulmo::log_failure("no line", [] { throw std::runtime_error("why"); });
+                  ulmo::log_failure("no line", [] { errno = EBADF; });
+                  ulmo::log_notice("%d", errno);
+              }),
+              "no line: why\n" + std::to_string(ENOENT) + "\n");
 }
 
 TEST_F(HostLog, ALongMessageIsCut) {
