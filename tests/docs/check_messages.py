@@ -11,7 +11,7 @@ PAGE = "docs/messages.md"
 # What logs an error, up to its format.
 CALL = re.compile(
     r"\b(?:cc_log\(\s*EVTRACE_ERROR\s*,|snmp_log\(\s*LOG_ERR\s*,|LOG_FAILURE\("
-    r"|(?<!void )log_error\()\s*"
+    r"|(?<!void )log_(?:error|failure)\()\s*"
 )
 LITERAL = re.compile(r'(?:"(?:[^"\\]|\\.)*"\s*)+')
 CONVERSION = re.compile(r"%[-+ #0]*\d*(?:\.(?:\d+|\*))?(?:hh|h|ll|l|z)?[diouxXsc]")
@@ -33,7 +33,8 @@ def of_sources(problems):
         for call in CALL.finditer(text):
             literals = LITERAL.match(text, call.end())
             if literals:
-                found.setdefault(message_of(literals[0]), set()).add(path.name)
+                why = ": …" if "log_failure" in call[0] else ""
+                found.setdefault(message_of(literals[0]) + why, set()).add(path.name)
             elif not re.match(r"format\b",
                               text[call.end():]):  # of a macro that passes a message on
                 line = text.count("\n", 0, call.start()) + 1
