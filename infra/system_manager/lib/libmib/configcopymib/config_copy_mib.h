@@ -156,8 +156,10 @@ void cc_log(uint32_t subtype, const char *format, ...) __attribute__((format(pri
 
 /* Appends a record to the private trace file when is_snmp_debug_enabled is set. Never fails. Keeps errno. */
 void cc_trace(const char *format, ...) __attribute__((format(printf, 1, 2)));
-/* The same with the usual prefix: function, line and function again, a colon, and then the text. */
-#define CC_TRACE(format, ...) cc_trace("%s(%d):%s" format, __func__, __LINE__, __func__ __VA_OPT__(, ) __VA_ARGS__)
+/* The same with the usual prefix: function, line and function again, and then the text; and with another
+ * name than that of the function. */
+#define CC_TRACE(format, ...) CC_TRACE_AS(__func__, format __VA_OPT__(, ) __VA_ARGS__)
+#define CC_TRACE_AS(name, format, ...) cc_trace("%s(%d):%s" format, name, __LINE__, name __VA_OPT__(, ) __VA_ARGS__)
 
 CC_EXPORT extern int32_t is_snmp_debug_enabled; /* non-zero: write the trace file; written only from outside the module */
 CC_EXPORT FILE *trace_file_get(void);
@@ -295,14 +297,12 @@ long cc_uptime_of(struct ccTime when);
 
 } /* extern "C" */
 
-/* SIGCHLD at its default for as long as the object lives, so that a child program can be waited for whatever the agent had set. */
-struct default_sigchld {
-    default_sigchld() : previous(signal(SIGCHLD, SIG_DFL)) {}
-    ~default_sigchld() { signal(SIGCHLD, previous); }
-    default_sigchld(const default_sigchld &) = delete;
-    default_sigchld &operator=(const default_sigchld &) = delete;
-
-  private:
-    void (*previous)(int);
-};
+/* The result of a call that waits for a child program: SIGCHLD is at its default meanwhile, whatever
+ * the agent had set. */
+template <typename Call> auto with_default_sigchld(Call call) {
+    void (*const previous)(int) = signal(SIGCHLD, SIG_DFL);
+    const auto result = call();
+    signal(SIGCHLD, previous);
+    return result;
+}
 #endif

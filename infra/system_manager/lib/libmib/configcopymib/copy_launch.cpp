@@ -34,8 +34,7 @@ uint32_t start_copy(struct ccCopyEntry *record) {
 /* Writes the row, which shows the copy as running from then on, and forks the worker. */
 static int32_t start_worker(struct ccCopyEntry *record) {
     if (setCcCopyEntry(record, 0) != 0) {
-        cc_trace("%s(%d):%s : Set to entry (index= %d) failed just before starting the copy \n", LAUNCH, __LINE__, LAUNCH,
-                 record->ccCopyIndex);
+        CC_TRACE_AS(LAUNCH, " : Set to entry (index= %d) failed just before starting the copy \n", record->ccCopyIndex);
         return SNMP_ERR_GENERR;
     }
     return start_copy(record) == 0 ? SNMP_ERR_NOERROR : SNMP_ERR_GENERR;

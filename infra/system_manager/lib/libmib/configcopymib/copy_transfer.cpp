@@ -138,25 +138,21 @@ static int32_t script_result(const struct transfer &t, const char *script, int w
 /* Outside a VRF the argument list ends with the null that stands for the identifier. */
 static int32_t ftp_transfer(const struct transfer &t) {
     log_request(t);
-    int status;
-    {
-        const default_sigchld sigchld;
-        status = execute_program_and_wait_redirect(-1, -1, -1, FTP_SCRIPT, t.server, t.upload ? t.local : t.remote,
-                                                   t.upload ? t.remote : t.local, t.user, t.password, t.upload ? "put" : "get", t.vrf_id,
-                                                   nullptr);
-    }
+    const int status = with_default_sigchld([&] {
+        return execute_program_and_wait_redirect(-1, -1, -1, FTP_SCRIPT, t.server, t.upload ? t.local : t.remote,
+                                                 t.upload ? t.remote : t.local, t.user, t.password, t.upload ? "put" : "get", t.vrf_id,
+                                                 nullptr);
+    });
     trace_credentials(t, "FTP", status);
     return script_result(t, "ftp.expect", status);
 }
 
 static int32_t sftp_transfer(const struct transfer &t) {
     log_request(t);
-    int status;
-    {
-        const default_sigchld sigchld;
-        status = execute_program_and_wait_redirect(-1, -1, -1, SFTP_SCRIPT, t.server, t.user, t.password, t.upload ? "put" : "get",
-                                                   t.upload ? t.local : t.remote, t.upload ? t.remote : t.local, t.vrf_id, nullptr);
-    }
+    const int status = with_default_sigchld([&] {
+        return execute_program_and_wait_redirect(-1, -1, -1, SFTP_SCRIPT, t.server, t.user, t.password, t.upload ? "put" : "get",
+                                                 t.upload ? t.local : t.remote, t.upload ? t.remote : t.local, t.vrf_id, nullptr);
+    });
     trace_credentials(t, "SFTP", status);
     return script_result(t, "sftp.expect", status);
 }
@@ -170,11 +166,8 @@ static int32_t scp_transfer(const struct transfer &t) {
     const char *from = t.upload ? t.local : target;
     const char *to = t.upload ? target : t.local;
     cc_log(EVTRACE_DEBUG, "%s: executing command: %s %s %s %s", t.function, SCP_SCRIPT, from, to, t.password);
-    int status;
-    {
-        const default_sigchld sigchld;
-        status = execute_program_and_wait_redirect(-1, -1, -1, SCP_SCRIPT, from, to, t.password, t.vrf_id, nullptr);
-    }
+    const int status = with_default_sigchld(
+        [&] { return execute_program_and_wait_redirect(-1, -1, -1, SCP_SCRIPT, from, to, t.password, t.vrf_id, nullptr); });
     fprintf(stderr, "%s: SCP_%s ccCopySrcFileName %s tmp_buf %s passwd %s%s ret_code 0x%x\n", t.function, t.upload ? "PUT" : "GET", t.local,
             target, t.password, vrf_part_of(t).text, (unsigned)status);
     return script_result(t, "scp.expect", status);
@@ -201,11 +194,7 @@ static int32_t transfer_by_script(const struct transfer &t, int32_t protocol) {
 
 static int32_t tftp_upload(const struct transfer &t) {
     log_request(t);
-    int result;
-    {
-        const default_sigchld sigchld;
-        result = tftp_put2(t.local, t.remote, 0);
-    }
+    const int result = with_default_sigchld([&] { return tftp_put2(t.local, t.remote, 0); });
     if (result < 0) {
         cc_log(EVTRACE_ERROR, "%s : Putting to  the tftp server failed : %s (errno: %d)\n", t.function, tftp_strerror(result), result);
         return tftperr2miberr(result);
@@ -216,11 +205,7 @@ static int32_t tftp_upload(const struct transfer &t) {
 
 static int32_t tftp_download(const struct transfer &t) {
     log_request(t);
-    int result;
-    {
-        const default_sigchld sigchld;
-        result = tftp_get2(t.remote, t.local, 0);
-    }
+    const int result = with_default_sigchld([&] { return tftp_get2(t.remote, t.local, 0); });
     if (result < 0) {
         cc_log(EVTRACE_ERROR, "%s : Getting from tftp server failed :(%d) %s\n", t.function, result, tftp_strerror(result));
         return tftperr2miberr(result);
@@ -302,13 +287,12 @@ static int32_t tftp_transfer_on_vrf(const struct transfer &t, const char *vrf_na
     snprintf(command, sizeof command, "%s %d %s %d \"%s\" \"%s\" 1 %s", TFTP_PROGRAM, t.upload ? 1 : 0, t.server, TFTP_PORT, local, remote,
              vrf);
     cc_log(EVTRACE_DEBUG, "%s : tftp_cmd %s\n", t.function, command);
-    int status;
-    int error;
-    {
-        const default_sigchld sigchld;
-        status = system(command);
+    int error = 0;
+    const int status = with_default_sigchld([&] {
+        const int result = system(command);
         error = errno;
-    }
+        return result;
+    });
     if (status == -1) {
         return fail_cause_of_code(error);
     }

@@ -178,11 +178,8 @@ static int32_t dump_configuration(const struct upload_source &source, const char
         cc_log(EVTRACE_ERROR, "%s : could not open %s, errno = 0x%x\n", WORKER, base_name, (unsigned)error);
         return COPY_FAIL_GENERAL;
     }
-    int status;
-    {
-        const default_sigchld sigchld;
-        status = execute_program_and_wait_redirect(-1, file, -1, CMDSHELL_PROGRAM, "-c", source.show_command, nullptr);
-    }
+    const int status = with_default_sigchld(
+        [&] { return execute_program_and_wait_redirect(-1, file, -1, CMDSHELL_PROGRAM, "-c", source.show_command, nullptr); });
     cc_log(EVTRACE_DEBUG, "%s : ret val = 0x%x\n", WORKER, (unsigned)status);
     close(file);
     if (status != 0) {
@@ -201,7 +198,7 @@ static int32_t prepare_upload(struct ccCopyEntry *record, const struct upload_so
     }
     read_working_directory(directory);
     set_path(record->ccCopySrcFileName, directory, base_name);
-    cc_trace("%s(%d):%s: ccCopySrcFileName %s from %s to network\n", WORKER, __LINE__, WORKER, record->ccCopySrcFileName, source.word);
+    CC_TRACE_AS(WORKER, ": ccCopySrcFileName %s from %s to network\n", record->ccCopySrcFileName, source.word);
     if (endpoint != NO_ENDPOINT) {
         if (source.notify_shell) {
             cc_log(EVTRACE_DEBUG, "%s : notifiy copy running <file> done\n", WORKER);

@@ -146,7 +146,7 @@ static int reserve1(int32_t requested, unsigned char type, size_t length, bool r
 }
 
 static int reserve2(unsigned char *state, int32_t index) {
-    cc_trace("%s(%d):%s :  Entering RESERVE2\n", HANDLER, __LINE__, HANDLER);
+    CC_TRACE_AS(HANDLER, " :  Entering RESERVE2\n");
     if (state != nullptr) {
         *state = 1; /* into the read handler's buffer: no row changes */
     }
@@ -161,27 +161,26 @@ static int reserve2(unsigned char *state, int32_t index) {
 
 static int write_back(const struct ccCopyEntry *row, int32_t requested) {
     if (setCcCopyEntry(row, 0) != 0) {
-        cc_trace("%s(%d):%s : Set to %d failed \n", HANDLER, __LINE__, HANDLER, requested);
+        CC_TRACE_AS(HANDLER, " : Set to %d failed \n", requested);
         return SNMP_ERR_GENERR;
     }
     return SNMP_ERR_NOERROR;
 }
 
 static int action_phase(int32_t requested, int32_t index) {
-    cc_trace("%s(%d):%s : Entering ACTION for index = %d \n", HANDLER, __LINE__, HANDLER, index);
+    CC_TRACE_AS(HANDLER, " : Entering ACTION for index = %d \n", index);
     struct ccCopyEntry row;
     row.ccCopyIndex = index;
     const uint32_t status = getCcCopyEntry(&row);
     if (status == CCERR_NOT_FOUND) {
-        cc_trace("%s(%d):%s : second long_ret %d \n", HANDLER, __LINE__, HANDLER, requested);
+        CC_TRACE_AS(HANDLER, " : second long_ret %d \n", requested);
         return requested == ROW_STATUS_DESTROY ? SNMP_ERR_NOERROR : SNMP_ERR_GENERR;
     }
     if (status != 0) {
-        cc_trace("%s(%d):%s :  Some Generic error while getting the informatiom for the entry  in ACTION %d \n", HANDLER, __LINE__, HANDLER,
-                 requested);
+        CC_TRACE_AS(HANDLER, " :  Some Generic error while getting the informatiom for the entry  in ACTION %d \n", requested);
         return SNMP_ERR_GENERR;
     }
-    cc_trace("%s(%d):%s : long_ret %d \n", HANDLER, __LINE__, HANDLER, requested);
+    CC_TRACE_AS(HANDLER, " : long_ret %d \n", requested);
 
     switch (requested) {
     case ROW_STATUS_DESTROY:
@@ -195,7 +194,7 @@ static int action_phase(int32_t requested, int32_t index) {
         const int started = validate_n_start_copy(&row, requested);
         if (started != SNMP_ERR_NOERROR) {
             /* Deliberate: the line always shows 0. */
-            cc_trace("%s(%d):%s : Validation failed (ret_code = %d) \n", HANDLER, __LINE__, HANDLER, 0);
+            CC_TRACE_AS(HANDLER, " : Validation failed (ret_code = %d) \n", 0);
             return started;
         }
         return write_back(&row, requested);
@@ -210,13 +209,13 @@ static int commit(int32_t requested, int32_t index) {
     if (requested == ROW_STATUS_DESTROY || requested == ROW_STATUS_CREATE_AND_GO) {
         change_time_flag = 0;
     }
-    cc_trace("%s(%d):%s : COMMIT Removing the entry from undo list  (index = %d)\n", HANDLER, __LINE__, HANDLER, index);
+    CC_TRACE_AS(HANDLER, " : COMMIT Removing the entry from undo list  (index = %d)\n", index);
     undo_drop(index);
     return SNMP_ERR_NOERROR;
 }
 
 static int free_phase(int32_t requested, int32_t index) {
-    cc_trace("%s(%d):%s : Entering FREE for index = %d\n", HANDLER, __LINE__, HANDLER, index);
+    CC_TRACE_AS(HANDLER, " : Entering FREE for index = %d\n", index);
     struct ccCopyEntry row;
     row.ccCopyIndex = index;
     if (getCcCopyEntry(&row) == 0) {
