@@ -84,8 +84,10 @@ add_count() {
 run_ctest() {
     local build=$PWD/build/$1 as_root=() counts
     ((EUID == 0)) || as_root=(sudo)
-    "${as_root[@]}" rm -rf "$build/ctest.xml" "$build/unit-tests"
-    scripts/progress.sh --log "$build/ctest.log" "tests of build/$1" "${as_root[@]}" env UBSAN_OPTIONS=print_stacktrace=1 \
+    "${as_root[@]}" rm -rf "$build/ctest.xml" "$build/unit-tests" "$build/coverage"
+    mkdir -m 1777 "$build/coverage" # some tests act as other users
+    scripts/progress.sh --log "$build/ctest.log" "tests of build/$1" "${as_root[@]}" \
+        env UBSAN_OPTIONS=print_stacktrace=1 LLVM_PROFILE_FILE="$build/coverage/%m.profraw" \
         ctest --preset "$1" --parallel $((2 * $(nproc))) --output-junit "$build/ctest.xml" --output-on-failure --no-tests=error ||
         grep -v ' Passed \| Start ' "$build/ctest.log"
     counts=$(scripts/count-tests.py "$build/ctest.xml" "$build"/unit-tests/*.xml) || true
@@ -133,6 +135,10 @@ for step in "${steps[@]}"; do
     "step_$step"
 done
 [[ -z $tidy ]] || end_of_tidy
+if [[ " ${steps[*]} " == *" unit "* ]]; then
+    section "lines that the unit tests run"
+    scripts/coverage.py build/asan || failed=$((failed + 1))
+fi
 section "done"
 printf '%d passed, %d failed\n' "$passed" "$failed"
 ((failed == 0))
