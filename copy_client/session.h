@@ -1,5 +1,5 @@
 // Room: a manager's side of the copy table: requests to one agent, and the life of one row.
-// Used by: config-copy.
+// Used by: system_manager, config-copy.
 // May use: base, platform.
 //
 // Requests to one agent. Many sessions work side by side, each in a thread of its own: the Net-SNMP

@@ -11,8 +11,10 @@
 #include "platform/host/system_manager/status.h"
 
 #include <poll.h>
+#include <sys/prctl.h>
 
 #include <algorithm>
+#include <csignal>
 #include <filesystem>
 #include <stdexcept>
 #include <vector>
@@ -30,6 +32,26 @@ void check_stop(int stop) {
     if (::poll(&told, 1, 0) > 0) {
         throw GivenUp();
     }
+}
+
+// While members may hold rows of ours, the daemon's death is a reason to give the action up, which takes them away, and not to die with it.
+class OutlivesDaemon {
+  public:
+    OutlivesDaemon() {
+        ::prctl(PR_GET_PDEATHSIG, &former_);
+        ::prctl(PR_SET_PDEATHSIG, SIGTERM);
+    }
+    OutlivesDaemon(const OutlivesDaemon &) = delete;
+    OutlivesDaemon &operator=(const OutlivesDaemon &) = delete;
+    ~OutlivesDaemon() { ::prctl(PR_SET_PDEATHSIG, former_); }
+
+  private:
+    int former_ = 0;
+};
+
+std::vector<FabricSwitchStatus> save_all_members(int stop) {
+    const OutlivesDaemon outlives;
+    return save_members(fabric_members(), fabric_time_limit(), stop);
 }
 
 // The further files of an action on all startup configurations.
@@ -70,7 +92,7 @@ ActionOutcome save_fabric(int stop) {
     write_fabric_status({}); // nobody takes an earlier outcome for this one
     std::vector<FabricSwitchStatus> switches;
     try {
-        switches = save_members(fabric_members(), fabric_time_limit(), stop);
+        switches = save_all_members(stop);
         // This switch comes last: until the others have answered the action can be given up with the startup configuration as it was.
         check_stop(stop);
         here.text = saved_here(stop);

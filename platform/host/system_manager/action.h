@@ -24,7 +24,8 @@ struct ActionOutcome {
 };
 
 // Does the action and tells how it went; never throws. When the descriptor `stop` becomes readable the action is given up and this switch's
-// startup configuration stays as it was, unless it had been replaced already. For a process of its own: a fabric-wide action starts others.
+// startup configuration stays as it was, unless it had been replaced already. For a process of its own: a fabric-wide
+// action starts threads, and leaves behind those that do not end.
 ActionOutcome perform(const Action &action, int stop);
 
 } // namespace ulmo

@@ -2,6 +2,7 @@
 // privacy.
 #pragma once
 
+#include "copy_client/trouble.h"
 #include "platform/host/system_manager/fabric_members.h"
 
 #include <chrono>
@@ -12,21 +13,21 @@ namespace ulmo {
 
 inline constexpr std::string_view save_given_up = "given up";
 
+// Sets Net-SNMP up for the whole process, which is to be one of its own; to be called before the first member is saved.
+void prepare_member_saves();
+
 // Saves the member's running configuration as its startup configuration and returns the outcome in words: "saved", or why not. Takes no
-// longer than `limit`. `is_stopped` is asked again and again; once it says yes, the save is given up, within two seconds. Whatever the
-// outcome, no row stays at the member as long as it answers, and a copy that runs in such a row ends with it. Sets Net-SNMP up for the
-// whole process, so call it in a process of its own.
-std::string save_member(const FabricMember &member, std::chrono::seconds limit, bool (*is_stopped)());
+// longer than `limit`. Once the descriptor `stop` (-1: never) is readable, the save is given up, within a second. Whatever the outcome, no
+// row stays at the member as long as it answers, and a copy that runs in such a row ends with it. Threads may save members side by side.
+std::string save_member(const FabricMember &member, std::chrono::seconds limit, int stop);
 
 // --- what answers mean ---
 
-enum class SaveStep { create, activate, other };
+// In words, why no save of the member came about within `limit`.
+std::string words_of_trouble(const copy_client::Trouble &trouble, std::chrono::seconds limit);
 
-// In words, why the member answered a request with this error status (RFC 3416).
-std::string words_of_error_status(SaveStep step, long status);
-
-// In words, what this error of the Net-SNMP library (SNMPERR_…) says for good about the member; empty when another attempt may do better.
-std::string words_of_library_error(int error);
+// In words, why the member refused to start the save with this error status (RFC 3416).
+std::string words_of_refused_start(long status);
 
 // In words, how a row that reads ccCopyState failed(4) failed. `last_save` is what the member itself says of its last save; its first line
 // counts.

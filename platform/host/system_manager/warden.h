@@ -1,6 +1,6 @@
 // Room: the system manager: its daemon, and what the worker and the shell ask of it.
 // Used by: agent, programs.
-// May use: base, history, bus, device, fabric, platform.
+// May use: base, copy_client, history, bus, device, fabric, platform.
 //
 // The system manager: takes configuration actions from the message bus, one at a time, and tells the agent when they begin and end.
 #pragma once

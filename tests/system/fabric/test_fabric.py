@@ -88,8 +88,9 @@ def works_again(manager):
 
 def test_every_switch_saves(manager):
     began = time.monotonic()
-    request = fabric_save(manager)
-    assert request.get(STATE) == STATE_RUNNING
+    with busy_device(STATES[SECOND]):
+        request = fabric_save(manager)
+        assert request.get(STATE) == STATE_RUNNING
     assert request.finished() == (STATE_SUCCESSFUL, GENERAL)
     assert time.monotonic() - began < LIMIT
     assert which_saved() == set(AGENTS)
@@ -232,7 +233,7 @@ def test_killed_while_the_fabric_saves(operator, saved_before):
         request = fabric_save(operator)
         wait_for(lambda: rows_on(SECOND), what="the row on the member")
         lab_ctl("kill-system-manager", HERE)
-        # Nobody is left who would do it later: the processes that drive the members clear up.
+        # Nothing is left that would do it later: the process of the save outlives the daemon for it.
         wait_for(lambda: rows_on(SECOND) == [], what="the end of the row on the member")
     assert request.get(STATE) == STATE_RUNNING
     assert startup() == saved_before[HERE]

@@ -1,7 +1,7 @@
 #include "platform/host/system_manager/fabric_save.h"
 #include "base/unique_fd.h"
 #include "platform/host/system_manager/member_save.h"
-#include "tests/unit/scratch.h"
+#include "tests/unit/copy_client/scripted_agent.h"
 #include "tests/unit/test_clock.h"
 
 #include <gtest/gtest.h>
@@ -10,20 +10,12 @@
 
 #include <net-snmp/net-snmp-includes.h>
 
-#include <fcntl.h>
-#include <sys/mman.h>
+#include <poll.h>
 #include <sys/timerfd.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <csignal>
 #include <ctime>
-#include <filesystem>
-#include <fstream>
-#include <new>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -51,61 +43,40 @@ void pause(std::chrono::milliseconds time) {
     ::nanosleep(&span, nullptr);
 }
 
-// Shared with the processes: how many of them have come to meet, and how many there are.
 constexpr int expected_to_meet = 50;
-std::atomic<int> *arrived;
+std::atomic<int> arrived;
+std::atomic<int> hanging;
+std::atomic<bool> may_hang;
+
+bool is_readable(int descriptor) {
+    pollfd polled{descriptor, POLLIN, 0};
+    return ::poll(&polled, 1, 0) > 0;
+}
 
 // Stands in for the save of one member: does what the user's name says.
-std::string act(const ulmo::FabricMember &member, std::chrono::seconds limit, bool (*is_stopped)()) {
+std::string act(const ulmo::FabricMember &member, std::chrono::seconds limit, int stop) {
     const std::string &what = member.user;
-    const auto wait_for_stop = [&] {
-        while (!is_stopped()) {
-            pause(2s); // ends with the signal
-        }
-    };
     if (what == "slow") {
         pause(300ms);
     } else if (what == "meet") {
-        for (++*arrived; *arrived < expected_to_meet;) {
+        for (++arrived; arrived < expected_to_meet;) {
             pause(1ms);
         }
     } else if (what == "limit") {
         return std::to_string(limit.count());
-    } else if (what == "crash") {
-        ::raise(SIGKILL);
-    } else if (what == "exit") {
-        ::_exit(0);
-    } else if (what == "half") {
-        for (int descriptor = 3; descriptor < 1024; ++descriptor) {
-            static_cast<void>(!::write(descriptor, "save", 4)); // the pipe is the one that is open
-        }
-        ::_exit(0);
     } else if (what == "throw") {
         throw std::runtime_error("a test's");
     } else if (what == "obey") {
-        wait_for_stop();
+        while (!is_readable(stop)) {
+            pause(1ms);
+        }
         pause(100ms);
         return "obeyed";
     } else if (what == "hang") {
-        std::signal(SIGALRM, SIG_IGN);
-        for (;;) {
-            pause(10s);
+        for (++hanging; may_hang;) {
+            pause(1ms);
         }
-    } else if (what == "descriptors") {
-        std::string open;
-        for (int descriptor = 3; descriptor < 1024; ++descriptor) {
-            open += ::fcntl(descriptor, F_GETFD) >= 0 ? '#' : '.';
-        }
-        return std::to_string(std::count(open.begin(), open.end(), '#')) + " open";
-    } else if (what == "signals") {
-        sigset_t blocked;
-        ::sigprocmask(SIG_SETMASK, nullptr, &blocked);
-        struct sigaction action {};
-        ::sigaction(SIGUSR1, nullptr, &action);
-        return ::sigismember(&blocked, SIGUSR2) == 0 && action.sa_handler == SIG_DFL ? "clean" : "inherited";
-    } else if (what.starts_with("leave ")) {
-        wait_for_stop();
-        std::ofstream(what.substr(6)) << "stopped";
+        --hanging;
     }
     return what;
 }
@@ -135,11 +106,17 @@ class FabricSave : public testing::Test {
             EXPECT_EQ(outcomes[i].address.octets[3], i);
             texts.push_back(outcomes[i].text);
         }
-        EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1) << "a process is left";
         return texts;
     }
+    // A thread that was left behind ends with its test.
+    void SetUp() override { may_hang = true; }
+    void TearDown() override {
+        may_hang = false;
+        while (hanging > 0) {
+            pause(1ms);
+        }
+    }
 
-    Scratch scratch;
     std::chrono::milliseconds took{};
 };
 
@@ -152,28 +129,24 @@ TEST_F(FabricSave, OutcomesComeInTheOrderOfTheMembers) {
 }
 
 TEST_F(FabricSave, FiftyMembersAreSavedSideBySide) {
-    void *shared = ::mmap(nullptr, sizeof *arrived, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    ASSERT_NE(shared, MAP_FAILED);
-    arrived = new (shared) std::atomic<int>(0);
     const Texts all(expected_to_meet, "meet");
     EXPECT_EQ(save(all, -1, 60s), all);
-    ::munmap(shared, sizeof *arrived);
 }
 
-TEST_F(FabricSave, ProcessThatDiesIsAnInternalErrorOfItsMemberOnly) {
-    EXPECT_EQ(save({"crash", "saved", "exit", "half", "throw", "slow"}),
-              (Texts{"internal error", "saved", "internal error", "internal error", "internal error", "slow"}));
+TEST_F(FabricSave, OneThatFailsIsAnInternalErrorOfItsMemberOnly) {
+    EXPECT_EQ(save({"saved", "throw", "slow"}), (Texts{"saved", "internal error", "slow"}));
 }
 
-TEST_F(FabricSave, ProcessThatDoesNotEndIsEnded) {
+TEST_F(FabricSave, OneThatDoesNotEndIsLeftBehind) {
     EXPECT_EQ(save({"hang", "saved"}, -1, 1s), (Texts{"internal error", "saved"}));
     EXPECT_GE(took, 1000ms);
+    EXPECT_EQ(hanging, 1);
 }
 
 TEST_F(FabricSave, StopEndsTheWorkAndKeepsWhatIsKnown) {
     const host_test::TestClock clock;
     const ulmo::UniqueFd stop = readable_after(300ms);
-    EXPECT_EQ(save({"saved", "obey", "crash", "obey"}, stop.get(), 60s), (Texts{"saved", "obeyed", "given up", "obeyed"}));
+    EXPECT_EQ(save({"saved", "obey", "throw", "obey"}, stop.get(), 60s), (Texts{"saved", "obeyed", "internal error", "obeyed"}));
     EXPECT_EQ(clock.passed(), 0s) << "it ends with the last of them, not with the time that they have";
 }
 
@@ -183,71 +156,138 @@ TEST_F(FabricSave, StopWaitsTwoSecondsAtMost) {
     EXPECT_GE(took, 1900ms);
 }
 
-TEST_F(FabricSave, ProcessHoldsNothingOfItsParents) {
-    const ulmo::UniqueFd file(::open("/dev/null", O_RDONLY));
-    ASSERT_TRUE(file);
-    const ulmo::UniqueFd high_file(::fcntl(file.get(), F_DUPFD, 900));
-    ASSERT_TRUE(high_file);
-    sigset_t block;
-    sigset_t old;
-    ::sigemptyset(&block);
-    ::sigaddset(&block, SIGUSR2);
-    ::sigprocmask(SIG_BLOCK, &block, &old);
-    std::signal(SIGUSR1, [](int) {});
-    EXPECT_EQ(save({"slow", "descriptors", "descriptors", "signals"}), (Texts{"slow", "1 open", "1 open", "clean"}));
-    std::signal(SIGUSR1, SIG_DFL);
-    ::sigprocmask(SIG_SETMASK, &old, nullptr);
+// --- one member, over SNMPv3 ---
+
+using copy_client_test::agent_auth;
+using copy_client_test::agent_priv;
+using copy_client_test::agent_user;
+using copy_client_test::Script;
+using copy_client_test::ScriptedAgent;
+
+ulmo::FabricMember member_at(const ScriptedAgent &agent) {
+    ulmo::FabricMember member;
+    member.wwn = {0x20, 0, 0, 0, 0, 0, 1, 1};
+    member.address = {INET_ADDRESS_IPV4, {127, 0, 0, 1}};
+    member.port = agent.port();
+    member.user = agent_user;
+    member.auth_protocol = "SHA-256";
+    member.auth_passphrase = agent_auth;
+    member.priv_protocol = "AES";
+    member.priv_passphrase = agent_priv;
+    return member;
 }
 
-TEST_F(FabricSave, ProcessesAreToldWhenTheirParentDies) {
-    const std::filesystem::path mark = scratch.root() / "mark";
-    const pid_t parent = ::fork();
-    if (parent == 0) {
-        ulmo::save_members(members_named({"leave " + mark.string(), "kill"}), 60s, -1, [](auto &member, auto limit, auto is_stopped) {
-            if (member.user != "kill") {
-                return act(member, limit, is_stopped);
-            }
-            pause(200ms);
-            ::kill(::getppid(), SIGKILL);
-            return std::string();
-        });
-        ::_exit(0);
+// Alone, as action does it.
+std::string save_of(const ulmo::FabricMember &member, std::chrono::seconds limit = 5s, int stop = -1) {
+    return ulmo::save_members({member}, limit, stop).front().text;
+}
+
+TEST(MemberSave, IsOneCopyOfWhichNothingStays) {
+    const ScriptedAgent agent({});
+    EXPECT_EQ(save_of(member_at(agent)), "saved");
+    EXPECT_EQ(agent.seen().copies, 1);
+    EXPECT_EQ(agent.seen().rows, 0);
+    EXPECT_EQ(agent.seen().requests, 6) << "look, make, activate, two reads, destroy";
+}
+
+TEST(MemberSave, SeveralMembersKnowTheSameUser) {
+    const ScriptedAgent first({});
+    const ScriptedAgent second({});
+    for (const auto &outcome : ulmo::save_members({member_at(first), member_at(second)}, 5s, -1)) {
+        EXPECT_EQ(outcome.text, "saved");
     }
-    int status = 0;
-    ASSERT_EQ(::waitpid(parent, &status, 0), parent);
-    EXPECT_TRUE(WIFSIGNALED(status));
-    const auto end = Clock::now() + 5s;
-    while (Scratch::read(mark) != "stopped" && Clock::now() < end) {
-        pause(20ms);
-    }
-    EXPECT_EQ(Scratch::read(mark), "stopped");
+}
+
+TEST(MemberSave, AFailureIsToldInTheMembersOwnWords) {
+    Script script;
+    script.end = COPY_STATE_FAILED;
+    script.cause = COPY_FAIL_WARDEN_FAILED;
+    script.last_save = "no space on device\n";
+    const ScriptedAgent agent(script);
+    EXPECT_EQ(save_of(member_at(agent)), "no space on device");
+}
+
+TEST(MemberSave, ABusyMemberIsTold) {
+    Script script;
+    script.activation_status = SNMP_ERR_GENERR;
+    const ScriptedAgent agent(script);
+    EXPECT_EQ(save_of(member_at(agent)), "another copy is in progress");
+    EXPECT_EQ(agent.seen().rows, 0);
+}
+
+TEST(MemberSave, WrongCredentialsAreTold) {
+    const auto outcome_with = [](const char *user, const char *auth, const char *priv) {
+        const ScriptedAgent agent({});
+        ulmo::FabricMember member = member_at(agent);
+        member.user = user;
+        member.auth_passphrase = auth;
+        member.priv_passphrase = priv;
+        return save_of(member, 2s);
+    };
+    EXPECT_EQ(outcome_with("stranger", agent_auth, agent_priv), "authentication failed");
+    EXPECT_EQ(outcome_with(agent_user, "not-the-right-one", agent_priv), "authentication failed");
+    EXPECT_EQ(outcome_with(agent_user, agent_auth, "not-the-right-one"), "wrong privacy key");
+}
+
+TEST(MemberSave, OneThatTakesTooLongLosesItsRow) {
+    Script script;
+    script.reads_until_end = -1;
+    const ScriptedAgent agent(script);
+    EXPECT_EQ(save_of(member_at(agent), 1s), "not saved in 1 s");
+    EXPECT_EQ(agent.seen().rows, 0);
+}
+
+TEST(MemberSave, OneThatFallsSilentIsTold) {
+    Script script;
+    script.falls_silent = 4;
+    const ScriptedAgent agent(script);
+    EXPECT_EQ(save_of(member_at(agent), 2s), "no answer in 2 s");
+}
+
+TEST(MemberSave, AStopTakesTheRowAway) {
+    Script script;
+    script.reads_until_end = -1;
+    const ScriptedAgent agent(script);
+    const ulmo::UniqueFd stop = readable_after(300ms);
+    const auto began = Clock::now();
+    EXPECT_EQ(save_of(member_at(agent), 60s, stop.get()), "given up");
+    EXPECT_LT(Clock::now() - began, 30s);
+    EXPECT_EQ(agent.seen().copies, 1);
+    EXPECT_EQ(agent.seen().rows, 0);
 }
 
 // --- what answers mean ---
 
+using copy_client::Trouble;
+using copy_client::TroubleKind;
+
 TEST(MemberSave, ErrorStatusInWords) {
-    using ulmo::SaveStep;
-    const auto words = ulmo::words_of_error_status;
-    for (const SaveStep step : {SaveStep::create, SaveStep::activate, SaveStep::other}) {
-        EXPECT_EQ(words(step, SNMP_ERR_NOACCESS), "not permitted");
-        EXPECT_EQ(words(step, SNMP_ERR_AUTHORIZATIONERROR), "not permitted");
-        EXPECT_EQ(words(step, SNMP_ERR_NOTWRITABLE), "no copy table there");
-        EXPECT_EQ(words(step, SNMP_ERR_NOCREATION), "no copy table there");
-        EXPECT_EQ(words(step, SNMP_ERR_RESOURCEUNAVAILABLE), "refused with error status 13");
+    for (const TroubleKind kind : {TroubleKind::read_refused, TroubleKind::making_refused}) {
+        const auto words = [&](long status) { return ulmo::words_of_trouble(Trouble(kind, status), 5s); };
+        EXPECT_EQ(words(SNMP_ERR_NOACCESS), "not permitted");
+        EXPECT_EQ(words(SNMP_ERR_AUTHORIZATIONERROR), "not permitted");
+        EXPECT_EQ(words(SNMP_ERR_NOTWRITABLE), "no copy table there");
+        EXPECT_EQ(words(SNMP_ERR_NOCREATION), "no copy table there");
+        EXPECT_EQ(words(SNMP_ERR_RESOURCEUNAVAILABLE), "refused with error status 13");
+        EXPECT_EQ(words(SNMP_ERR_GENERR), "refused with error status 5");
     }
-    EXPECT_EQ(words(SaveStep::activate, SNMP_ERR_GENERR), "another copy is in progress");
-    EXPECT_EQ(words(SaveStep::activate, SNMP_ERR_INCONSISTENTVALUE), "another copy is in progress");
-    EXPECT_EQ(words(SaveStep::create, SNMP_ERR_GENERR), "refused with error status 5");
+    EXPECT_EQ(ulmo::words_of_refused_start(SNMP_ERR_GENERR), "another copy is in progress");
+    EXPECT_EQ(ulmo::words_of_refused_start(SNMP_ERR_INCONSISTENTVALUE), "another copy is in progress");
+    EXPECT_EQ(ulmo::words_of_refused_start(SNMP_ERR_NOACCESS), "not permitted");
 }
 
-TEST(MemberSave, LibraryErrorInWords) {
-    EXPECT_EQ(ulmo::words_of_library_error(SNMPERR_UNKNOWN_USER_NAME), "authentication failed");
-    EXPECT_EQ(ulmo::words_of_library_error(SNMPERR_AUTHENTICATION_FAILURE), "authentication failed");
-    EXPECT_EQ(ulmo::words_of_library_error(SNMPERR_DECRYPTION_ERR), "wrong privacy key");
-    EXPECT_EQ(ulmo::words_of_library_error(SNMPERR_UNSUPPORTED_SEC_LEVEL), "its user has no privacy key");
-    for (const int passing : {SNMPERR_TIMEOUT, SNMPERR_NOT_IN_TIME_WINDOW, SNMPERR_BAD_SENDTO, SNMPERR_UNKNOWN_ENG_ID}) {
-        EXPECT_EQ(ulmo::words_of_library_error(passing), "") << passing;
-    }
+TEST(MemberSave, TroubleInWords) {
+    const auto words = [](TroubleKind kind) { return ulmo::words_of_trouble(Trouble(kind), 5s); };
+    EXPECT_EQ(words(TroubleKind::unknown_user), "authentication failed");
+    EXPECT_EQ(words(TroubleKind::wrong_authentication), "authentication failed");
+    EXPECT_EQ(words(TroubleKind::wrong_privacy), "wrong privacy key");
+    EXPECT_EQ(words(TroubleKind::level_without_keys), "its user has no privacy key");
+    EXPECT_EQ(words(TroubleKind::silent), "no answer in 5 s");
+    EXPECT_EQ(words(TroubleKind::silent_to_user), "no answer in 5 s");
+    EXPECT_EQ(words(TroubleKind::silent_now), "no answer in 5 s");
+    EXPECT_EQ(words(TroubleKind::out_of_time), "not saved in 5 s");
+    EXPECT_EQ(words(TroubleKind::row_gone), "its copy request is gone");
+    EXPECT_EQ(words(TroubleKind::unsettled_time), "its engine id is not its own");
 }
 
 TEST(MemberSave, FailureInWords) {

@@ -1,10 +1,14 @@
 // The system manager's daemon: what it does when it is asked for a configuration action, and when it starts and ends.
+#include "tests/unit/copy_client/scripted_agent.h"
 #include "tests/unit/host/system_manager/fixture.h"
 #include "tests/unit/superuser.h"
+
+#include <sys/stat.h>
 
 #include <set>
 
 using namespace host_test;
+using namespace copy_client_test;
 
 namespace {
 
@@ -505,6 +509,30 @@ TEST_F(Warden, WhoeverStartsAfterAKilledOneTellsTheAgentOnce) {
     EXPECT_FALSE(std::filesystem::exists(state() / "system.cfg.new"));
     stop();
     EXPECT_EQ(told_, (Told{begun, ended_given_up, begun, ended_well}));
+}
+
+// Nothing else would: the next system manager does not know of the rows.
+TEST_F(Warden, AKilledOneLeavesNoRowAtAMember) {
+    Script script;
+    script.reads_until_end = -1;
+    const ScriptedAgent member(script);
+    prepare();
+    file("platform.conf",
+         "fabric_user = " + std::string(agent_user) + "\nfabric_auth_protocol = SHA-256\nfabric_auth_passphrase = " + agent_auth +
+             "\nfabric_priv_protocol = AES\nfabric_priv_passphrase = " + agent_priv +
+             "\nfabric_time_limit = 300\nfabric_member = 20:00:00:00:00:00:01:01 127.0.0.1:" + std::to_string(member.port()) + "\n");
+    ASSERT_EQ(::chmod((directory_ / "platform.conf").c_str(), S_IRUSR | S_IWUSR), 0);
+    start();
+    Request request = ask(Scope::fabric);
+    EXPECT_EQ(request.answer(), WARDEN_CFG_ACTION_INITIATED);
+    ASSERT_TRUE(comes_true([&] { return member.seen().copies == 1 && member.seen().rows == 1; }));
+    const auto children = children_of(warden_->pid());
+    ASSERT_EQ(children.size(), 1U);
+    warden_->signal(SIGKILL);
+    EXPECT_EQ(warden_->wait(), -SIGKILL);
+    EXPECT_TRUE(comes_true([&] { return member.seen().rows == 0; }));
+    EXPECT_TRUE(comes_true([&] { return is_gone(children.front()); }));
+    EXPECT_EQ(content(startup()), old_text);
 }
 
 TEST_F(Warden, AnActionWhoseProcessIsKilledHasFailed) {
