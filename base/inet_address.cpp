@@ -1,11 +1,36 @@
 #include "platform/inet_address.h"
 
+#include "base/address_text.h"
+#include "base/c_boundary.h"
+
 #include <arpa/inet.h>
 
+#include <array>
 #include <cerrno>
 #include <cstring>
 
 static_assert(sizeof(in6_addr) == sizeof(inet_address::octets) && sizeof(in_addr) == 4);
+
+namespace ulmo {
+
+std::string address_text(std::string_view octets) {
+    const int family = octets.size() == sizeof(in_addr) ? AF_INET : AF_INET6;
+    std::array<char, INET6_ADDRSTRLEN> text{};
+    if (octets.size() != sizeof(in_addr) && octets.size() != sizeof(in6_addr)) {
+        return "?";
+    }
+    ::inet_ntop(family, octets.data(), text.data(), text.size());
+    return text.data();
+}
+
+std::string address_text(const inet_address &address) {
+    const std::size_t length = address.type == INET_ADDRESS_IPV4   ? sizeof(in_addr)
+                               : address.type == INET_ADDRESS_IPV6 ? sizeof(in6_addr)
+                                                                   : 0;
+    return address_text({reinterpret_cast<const char *>(address.octets), length});
+}
+
+} // namespace ulmo
 
 int ip_addr_from_str(const char *text, struct inet_address *address) {
     if (text == nullptr || address == nullptr) {
@@ -27,23 +52,16 @@ int ip_addr_to_str(const struct inet_address *address, char *text, size_t size) 
     if (address == nullptr || text == nullptr) {
         return EINVAL;
     }
-    int family = AF_UNSPEC;
-    if (address->type == INET_ADDRESS_IPV4) {
-        family = AF_INET;
-    } else if (address->type == INET_ADDRESS_IPV6) {
-        family = AF_INET6;
-    } else {
+    if (address->type != INET_ADDRESS_IPV4 && address->type != INET_ADDRESS_IPV6) {
         return EAFNOSUPPORT;
     }
-    // Formatted aside, so that a caller whose room does not suffice keeps what he had.
-    char whole[INET6_ADDRSTRLEN];
-    if (inet_ntop(family, address->octets, whole, sizeof whole) == nullptr) {
-        return errno;
-    }
-    const size_t needed = std::strlen(whole) + 1;
-    if (needed > size) {
-        return ENOSPC;
-    }
-    std::memcpy(text, whole, needed);
-    return 0;
+    return ulmo::errno_of([=] {
+        // Formatted aside, so that a caller whose room does not suffice keeps what was there.
+        const std::string whole = ulmo::address_text(*address);
+        if (whole.size() + 1 > size) {
+            return ENOSPC;
+        }
+        std::memcpy(text, whole.c_str(), whole.size() + 1);
+        return 0;
+    });
 }

@@ -50,6 +50,17 @@ std::string one_line(std::string_view text, std::size_t longest) {
     return line;
 }
 
+std::string in_hex(std::string_view octets, std::string_view between) {
+    constexpr std::string_view digits = "0123456789abcdef";
+    std::string text;
+    for (const char c : octets) {
+        const auto octet = static_cast<unsigned char>(c);
+        text.append(text.empty() ? std::string_view() : between);
+        text += {digits[octet >> 4U], digits[octet & 0xFU]};
+    }
+    return text;
+}
+
 std::string_view trimmed(std::string_view text) {
     constexpr std::string_view blanks = " \t\r\n";
     const auto first = text.find_first_not_of(blanks);

@@ -15,6 +15,9 @@ std::size_t printable_length(std::string_view text);
 // tabs become blanks; any other octet that is no part of a printable character becomes '?'.
 std::string one_line(std::string_view text, std::size_t longest = std::string_view::npos);
 
+// The octets in hexadecimal, with `between` between them.
+std::string in_hex(std::string_view octets, std::string_view between = {});
+
 // Without the blanks, tabs and line ends at its ends.
 std::string_view trimmed(std::string_view text);
 

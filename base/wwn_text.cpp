@@ -1,7 +1,8 @@
 #include "base/wwn_text.h"
 
+#include "base/text.h"
+
 #include <charconv>
-#include <cstdio>
 
 namespace ulmo {
 
@@ -21,11 +22,12 @@ std::optional<Wwn> wwn_from_text(std::string_view text) {
     return wwn;
 }
 
+std::string wwn_to_text(std::string_view octets) {
+    return in_hex(octets, ":");
+}
+
 std::string wwn_to_text(const Wwn &wwn) {
-    char text[24];
-    std::snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x:%02x:%02x", wwn[0], wwn[1], wwn[2], wwn[3], wwn[4], wwn[5], wwn[6],
-                  wwn[7]);
-    return text;
+    return wwn_to_text({reinterpret_cast<const char *>(wwn.data()), wwn.size()});
 }
 
 } // namespace ulmo

@@ -1,5 +1,7 @@
 #include "config-copy/copy_run.h"
 
+#include "base/text.h"
+#include "base/wwn_text.h"
 #include "config-copy/agent_session.h"
 #include "config-copy/copy_line.h"
 #include "config-copy/interrupt.h"
@@ -8,9 +10,7 @@
 #include <algorithm>
 #include <array>
 #include <ctime>
-#include <iomanip>
 #include <random>
-#include <sstream>
 #include <utility>
 
 namespace config_copy {
@@ -67,7 +67,7 @@ class Run {
             }
             outcome.text = outcome.agent + ": dry run, nothing is set: would copy " + outcome.from + " to " + outcome.to;
             if (order_.has_file()) {
-                outcome.text += " (server " + outcome.server + ", file \"" + printable(outcome.file) + "\")";
+                outcome.text += " (server " + outcome.server + ", file \"" + ulmo::one_line(outcome.file) + "\")";
             }
             outcome.text += reason.empty() ? "" : " when its turn comes, as " + reason;
             outcome.text += "; whether this user may write shows only when a copy is made";
@@ -246,15 +246,6 @@ class Run {
     PathValues path_values_;
 };
 
-std::string wwn_text(const std::string &octets) {
-    std::ostringstream text;
-    for (std::size_t i = 0; i < octets.size(); ++i) {
-        text << (i == 0 ? "" : ":") << std::hex << std::setw(2) << std::setfill('0')
-             << static_cast<int>(static_cast<unsigned char>(octets[i]));
-    }
-    return text.str();
-}
-
 } // namespace
 
 std::string side_text(const CopySide &side, const PathValues &values) {
@@ -282,7 +273,8 @@ std::vector<SwitchOutcome> switches_of(Session &session, oid index) {
         const std::vector<Value> values = session.get(
             {error_cell(CC_ERROR_COLUMN_DEVICE_ADDR, index, name.back()), error_cell(CC_ERROR_COLUMN_TEXT, index, name.back())});
         const std::string address = octets(values[0]);
-        switches.push_back({address.empty() ? "" : address_text(address), wwn_text(octets(wwn)), printable(octets(values[1]))});
+        switches.push_back(
+            {address.empty() ? "" : address_text(address), ulmo::wwn_to_text(octets(wwn)), ulmo::one_line(octets(values[1]))});
     }
     return switches;
 }

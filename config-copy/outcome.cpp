@@ -1,6 +1,5 @@
 #include "config-copy/outcome.h"
 
-#include "base/text.h"
 #include "config-copy/copy_table.h"
 
 #include <net-snmp/net-snmp-config.h>
@@ -155,10 +154,6 @@ std::string words_of_refused_activation(long status, std::string_view low_level)
     default:
         return words_of_refusal(status, CC_COLUMN_ENTRY_ROW_STATUS, low_level);
     }
-}
-
-std::string printable(std::string_view text) {
-    return ulmo::one_line(text);
 }
 
 } // namespace config_copy

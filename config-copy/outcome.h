@@ -81,7 +81,4 @@ std::string words_of_low_level(std::string_view low_level);
 // What to do when the agent refuses a read.
 inline constexpr char read_view_needed[] = "the user needs a read view with .1.3.6.1.4.1.41927.9.96";
 
-// Text of a switch fit for a terminal: control characters become question marks.
-std::string printable(std::string_view text);
-
 } // namespace config_copy

@@ -3,11 +3,9 @@
 #include "config-copy/failure.h"
 #include "config-copy/name_lookup.h"
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include <array>
 #include <cstring>
 
 namespace config_copy {
@@ -48,18 +46,6 @@ ServerAddress server_address(const std::string &host) {
                         ", which on the switch is the switch itself: write the address by which the switch reaches the server");
     }
     return address;
-}
-
-std::string address_text(const std::string &octets) {
-    std::array<char, INET6_ADDRSTRLEN> text{};
-    if (octets.size() == 4) {
-        ::inet_ntop(AF_INET, octets.data(), text.data(), text.size());
-    } else if (octets.size() == 16) {
-        ::inet_ntop(AF_INET6, octets.data(), text.data(), text.size());
-    } else {
-        return "?";
-    }
-    return text.data();
 }
 
 } // namespace config_copy

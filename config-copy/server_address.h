@@ -1,6 +1,7 @@
 // The address of a file server, as the copy table takes it.
 #pragma once
 
+#include "base/address_text.h"
 #include "config-copy/copy_table.h"
 
 #include <string>
@@ -16,7 +17,6 @@ struct ServerAddress {
 // switch would be another one.
 ServerAddress server_address(const std::string &host);
 
-// An address of 4 or 16 octets in words, "?" for any other length.
-std::string address_text(const std::string &octets);
+using ulmo::address_text;
 
 } // namespace config_copy

@@ -63,13 +63,7 @@ std::string value_of(const netsnmp_variable_list &variable) {
         if (ulmo::one_line(octets) == octets) {
             return '"' + std::string(octets) + '"';
         }
-        constexpr std::string_view digits = "0123456789abcdef";
-        std::string text = "0x";
-        for (const char c : octets) {
-            const auto octet = static_cast<unsigned char>(c);
-            text += {digits[octet / 16], digits[octet % 16]};
-        }
-        return text;
+        return "0x" + ulmo::in_hex(octets);
     }
     case SNMP_NOSUCHOBJECT:
         return "no such object";

@@ -1,5 +1,6 @@
 #include "platform/host/agent/copies.h"
 
+#include "base/address_text.h"
 #include "base/copy_names.h"
 #include "base/folders.h"
 #include "base/ownership.h"
@@ -57,13 +58,6 @@ std::string protocol_name(long protocol) {
 std::string file_type_name(long type) {
     constexpr std::array<std::string_view, 8> names{"", "", "", "startup", "running", "", "fabric-startup", "all-startup"};
     return name_or_number(names, type);
-}
-
-std::string address_text(const std::string &octets) {
-    constexpr std::size_t ipv4_octets = 4;
-    std::array<char, INET6_ADDRSTRLEN> text{};
-    ::inet_ntop(octets.size() == ipv4_octets ? AF_INET : AF_INET6, octets.data(), text.data(), text.size());
-    return text.data();
 }
 
 std::chrono::milliseconds since(Clock::time_point began) {

@@ -1,13 +1,11 @@
 #include "platform/host/fabric/status.h"
 
+#include "base/address_text.h"
 #include "base/folders.h"
 #include "base/state_file.h"
 #include "base/text.h"
 
-#include <arpa/inet.h>
-
 #include <algorithm>
-#include <cstdio>
 #include <sstream>
 
 namespace ulmo {
@@ -36,10 +34,7 @@ std::optional<FabricSwitchStatus> parsed(const std::string &line) {
 }
 
 std::string line_of(const FabricSwitchStatus &status) {
-    char address[INET6_ADDRSTRLEN];
-    if (ip_addr_to_str(&status.address, address, sizeof address) != 0) {
-        std::snprintf(address, sizeof address, "-");
-    }
+    const std::string address = status.address.type == INET_ADDRESS_UNKNOWN ? "-" : address_text(status.address);
     return wwn_to_text(status.wwn) + (status.is_local ? " local " : " remote ") + address + ' ' + one_line(status.text) + '\n';
 }
 

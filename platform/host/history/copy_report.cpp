@@ -85,10 +85,7 @@ Measured measured(const std::filesystem::path &path) {
     if (!works || EVP_DigestFinal_ex(digest.get(), octets.data(), &length) != 1) {
         throw std::runtime_error("SHA-256 is not available");
     }
-    constexpr std::string_view digits = "0123456789abcdef";
-    for (unsigned int i = 0; i < length; ++i) {
-        result.sha256 += {digits[octets[i] >> 4U], digits[octets[i] & 0xFU]};
-    }
+    result.sha256 = in_hex({reinterpret_cast<const char *>(octets.data()), length});
     return result;
 }
 

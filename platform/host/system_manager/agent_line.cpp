@@ -1,5 +1,6 @@
 #include "platform/host/system_manager/agent_line.h"
 
+#include "base/posix.h"
 #include "platform/host/history/log.h"
 #include "platform/msgbus.h"
 #include "platform/system_manager.h"
@@ -8,7 +9,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <system_error>
 #include <utility>
 
 namespace ulmo {
@@ -21,10 +21,7 @@ constexpr std::chrono::seconds patience{10};
 
 AgentLine::AgentLine() {
     const msgbus_address address{{1, 0, 0, MSGBUS_SAP_WARDEN, 0, 0}};
-    endpoint_ = msgbus_bind(one_way, -1, &address, "system manager");
-    if (endpoint_ < 0) {
-        throw std::system_error(errno, std::generic_category(), "message bus");
-    }
+    endpoint_ = check(msgbus_bind(one_way, -1, &address, "system manager"), "message bus");
 }
 
 AgentLine::~AgentLine() {

@@ -1,5 +1,7 @@
 #include "platform/inet_address.h"
 
+#include "base/address_text.h"
+
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -75,6 +77,17 @@ TEST(InetAddress, HasNoTextForOtherTypes) {
     EXPECT_EQ(ip_addr_to_str(nullptr, text, sizeof text), EINVAL);
     const inet_address address{INET_ADDRESS_IPV4, {}};
     EXPECT_EQ(ip_addr_to_str(&address, nullptr, 64), EINVAL);
+}
+
+TEST(InetAddress, OctetsAsText) {
+    EXPECT_EQ(ulmo::address_text(std::string_view("\xc0\x00\x02\x11", 4)), "192.0.2.17");
+    EXPECT_EQ(ulmo::address_text(std::string("\x20\x01\x0d\xb8", 4) + std::string(11, '\0') + '\5'), "2001:db8::5");
+    EXPECT_EQ(ulmo::address_text("123"), "?");
+    EXPECT_EQ(ulmo::address_text(""), "?");
+    inet_address address{};
+    EXPECT_EQ(ulmo::address_text(address), "?");
+    ASSERT_EQ(ip_addr_from_str("2001:db8::5", &address), 0);
+    EXPECT_EQ(ulmo::address_text(address), "2001:db8::5");
 }
 
 } // namespace

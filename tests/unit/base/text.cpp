@@ -1,6 +1,7 @@
 #include "base/text.h"
 
 #include "base/number.h"
+#include "base/wwn_text.h"
 
 #include <gtest/gtest.h>
 
@@ -45,6 +46,17 @@ TEST(Text, OneLineEndsBeforeACharacterThatDoesNotFit) {
     EXPECT_EQ(one_line("a\xe2\x82\xac", 4), "a\xe2\x82\xac");
     EXPECT_EQ(one_line("a\xe2\x82\xac", 3), "a");
     EXPECT_EQ(one_line("abc", 0), "");
+}
+
+TEST(Text, OctetsInHexadecimal) {
+    EXPECT_EQ(ulmo::in_hex(std::string_view("\x00\x7f\xff", 3)), "007fff");
+    EXPECT_EQ(ulmo::in_hex("\x20\xa1", ":"), "20:a1");
+    EXPECT_EQ(ulmo::in_hex(""), "");
+}
+
+TEST(Text, AWorldWideNameOfAnyLength) {
+    EXPECT_EQ(ulmo::wwn_to_text(ulmo::Wwn{0x20, 0, 0, 0, 0, 0, 0, 0xa1}), "20:00:00:00:00:00:00:a1");
+    EXPECT_EQ(ulmo::wwn_to_text(std::string_view("\x20\xa1")), "20:a1");
 }
 
 TEST(Text, TrimmedTextHasNoBlanksAtItsEnds) {

@@ -164,10 +164,6 @@ TEST(Outcome, Table) {
     EXPECT_EQ((std::vector<std::string>{"INDEX  B", "1      x y", "123    z"}), table_lines({"INDEX", "B"}, {{"1", "x y"}, {"123", "z"}}));
 }
 
-TEST(Outcome, TextOfASwitchCannotDriveATerminal) {
-    EXPECT_EQ("a?[31mb ", printable("a\033[31mb\n"));
-}
-
 // What stands in the object for this text.
 std::string in_json(const std::string &text) {
     Outcome outcome;
