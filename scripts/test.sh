@@ -98,7 +98,6 @@ run_ctest() {
 step_unit() {
     section "unit tests under AddressSanitizer and UndefinedBehaviorSanitizer, and of the release; MIB module, documentation"
     run_ctest asan
-    build_release # again, as to make the packages leaves the tests out
     run_ctest release
 }
 

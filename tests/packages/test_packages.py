@@ -1,7 +1,6 @@
 """The packages on a Debian 12 with an agent: they come, work, are upgraded and go. Each test goes
 on from the one before."""
 
-import os
 import re
 import shutil
 import time
@@ -432,24 +431,3 @@ def test_of_the_packages_own(switch, packages):
     shutil.copytree(REPOSITORY / "debian", switch.root / "root/debian")
     said = switch.shell("/root/debian/tests/copy")
     assert said.count("hostname after\n") == 2  # running, and saved
-
-
-def test_packages_tell_nothing_of_where_they_were_made(packages):
-    """So they are the same wherever they are made: neither the code, nor what is stripped from it
-    and goes into its build ID."""
-    packed = {
-        path.rpartition("/")[2] for package in packages.values()
-        for path in run("dpkg", "-c", package).stdout.split()
-    }
-    made = [
-        path for folder in ("bin", "lib")
-        for path in (REPOSITORY / "build/release" / folder).iterdir() if path.name in packed
-    ]
-    expected = {"config_copy_mib.so", "libulmo_platform.so", "wardend", "config-copy"}
-    assert expected <= {path.name for path in made}
-    assert [path.name for path in made if os.fsencode(REPOSITORY) in path.read_bytes()] == []
-
-
-def test_making_packages_leaves_nothing_behind():
-    assert run("git", "-c", f"safe.directory={REPOSITORY}", "-C", REPOSITORY, "status",
-               "--porcelain", "--ignored", "debian").stdout == ""
