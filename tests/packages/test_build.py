@@ -67,6 +67,20 @@ def test_programs_are_hardened(built):
             assert re.search(r"__(?!stack_)\w+_chk@", symbols), f"{program.name} is not fortified"
 
 
+def test_package_for_another_platform():
+    """tests/own_platform builds with what is in it, and dh_missing sees to it that nothing is left
+    out."""
+    (package,) = (REPOSITORY / "build/packages").glob("config-copy-mib-dev_*_all.deb")
+    listed = run("dpkg", "-c", package).stdout.split()
+    for path in ("include/config-copy-mib/platform/msgbus.h",
+                 "share/config-copy-mib/fakes/fakes.h",
+                 "share/config-copy-mib/module/config_copy_mib.map",
+                 "share/doc/config-copy-mib-dev/examples/own_platform.cpp",
+                 "share/doc/config-copy-mib-dev/porting.md.gz",
+                 "share/pkgconfig/config-copy-mib.pc"):
+        assert f"./usr/{path}" in listed
+
+
 def test_making_packages_leaves_nothing_behind():
     assert run("git", "-c", f"safe.directory={REPOSITORY}", "-C", REPOSITORY, "status",
                "--porcelain", "--ignored", "debian").stdout == ""
