@@ -41,6 +41,21 @@ std::string refusal(const std::function<void()> &call) {
 
 Texts told; // of one test
 
+// Tells whether a file was opened since it was asked last.
+class OpenWatch {
+  public:
+    explicit OpenWatch(const std::filesystem::path &file) : events_(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
+        EXPECT_GE(::inotify_add_watch(events_.get(), file.c_str(), IN_OPEN), 0);
+    }
+    [[nodiscard]] bool is_opened() const {
+        char event[512];
+        return ::read(events_.get(), event, sizeof event) > 0;
+    }
+
+  private:
+    ulmo::UniqueFd events_;
+};
+
 class HostSettings : public testing::Test {
   protected:
     void SetUp() override {
@@ -53,6 +68,16 @@ class HostSettings : public testing::Test {
     [[nodiscard]] std::string line(int number) const { return file().string() + " line " + std::to_string(number) + ": "; }
     [[nodiscard]] std::string unreadable(const std::string &why) const {
         return file().string() + " can't be read: " + why + "; copies and saves fail";
+    }
+    // Asks for settings until the file is old enough not to be read in each call.
+    void ask_until_it_is_read_no_more() const {
+        const OpenWatch watch(file());
+        const auto given_up = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        do {
+            ASSERT_LT(std::chrono::steady_clock::now(), given_up) << "it is read in each call";
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            ulmo::text_setting("history");
+        } while (watch.is_opened());
     }
     Texts values(const std::string &name, const std::string &text) const {
         scratch.configure(text);
@@ -169,7 +194,7 @@ TEST_F(HostSettings, ProblemsAreToldOnceForEachChangeOfTheFile) {
         EXPECT_EQ(ulmo::text_setting("history"), "errors");
     }
     EXPECT_EQ(told.size(), 1U);
-    std::this_thread::sleep_for(std::chrono::milliseconds(150)); // until what was read is old enough not to be read again
+    ask_until_it_is_read_no_more();
     EXPECT_EQ(ulmo::text_setting("history"), "errors");
     EXPECT_EQ(ulmo::text_setting("history"), "errors");
     EXPECT_EQ(told.size(), 1U);
@@ -189,7 +214,7 @@ TEST_F(HostSettings, AChangeHoldsAtOnce) {
     for (int i = 0; i < 200; ++i) {
         EXPECT_EQ(value("history", i % 2 == 0 ? "all" : "off"), i % 2 == 0 ? "all" : "off") << i;
     }
-    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    ask_until_it_is_read_no_more();
     EXPECT_EQ(ulmo::text_setting("history"), "off");
     EXPECT_EQ(value("history", "all"), "all");
     std::filesystem::remove(file());
@@ -232,7 +257,7 @@ TEST_F(HostSettings, AnotherUserReadsForItself) {
     scratch.configure("history = all\n");
     ASSERT_EQ(::chmod(scratch.root().c_str(), 0755), 0);
     ASSERT_EQ(::chmod(file().c_str(), 0600), 0);
-    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    ask_until_it_is_read_no_more();
     EXPECT_EQ(ulmo::text_setting("history"), "all");
     const auto is_refused = [&] {
         return ::setresuid(other, other, other) == 0 && refusal([] { ulmo::require_settings(); }) == unreadable("Permission denied") ? 0
@@ -245,32 +270,26 @@ TEST_F(HostSettings, AnotherUserReadsForItself) {
 
 TEST_F(HostSettings, AnUnchangedFileIsNotReadAgain) {
     scratch.configure("history = all\n");
-    std::this_thread::sleep_for(std::chrono::milliseconds(150));
-    ASSERT_EQ(ulmo::text_setting("history"), "all");
-    const ulmo::UniqueFd watch(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
-    ASSERT_GE(::inotify_add_watch(watch.get(), file().c_str(), IN_OPEN), 0);
-    const auto is_opened = [&] {
-        char event[512];
-        return ::read(watch.get(), event, sizeof event) > 0;
-    };
+    ask_until_it_is_read_no_more();
+    const OpenWatch watch(file());
     for (int i = 0; i < 10; ++i) {
         EXPECT_EQ(ulmo::text_setting("history"), "all");
     }
-    EXPECT_FALSE(is_opened());
+    EXPECT_FALSE(watch.is_opened());
     // One that has just been written is: another change may bear the same time.
     bool is_read_again = false;
     for (int i = 0; i < 50 && !is_read_again; ++i) { // a machine that stands still for 100 ms tells nothing
         scratch.configure("history = all\n");
         EXPECT_EQ(ulmo::text_setting("history"), "all");
-        EXPECT_TRUE(is_opened());
+        EXPECT_TRUE(watch.is_opened());
         EXPECT_EQ(ulmo::text_setting("history"), "all");
-        is_read_again = is_opened();
+        is_read_again = watch.is_opened();
     }
     EXPECT_TRUE(is_read_again);
     scratch.configure("history = off\n");
-    EXPECT_TRUE(is_opened());
+    EXPECT_TRUE(watch.is_opened());
     EXPECT_EQ(ulmo::text_setting("history"), "off");
-    EXPECT_TRUE(is_opened());
+    EXPECT_TRUE(watch.is_opened());
 }
 
 } // namespace

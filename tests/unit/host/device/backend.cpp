@@ -433,7 +433,7 @@ TEST_F(DeviceBackend, AKilledWriterLeavesWholeFiles) {
         }
         return all;
     };
-    for (unsigned round = 0; round < 150; ++round) {
+    for (unsigned round = 0; round < 60; ++round) {
         const auto left = traces();
         const pid_t child = ::fork();
         if (child == 0) {
