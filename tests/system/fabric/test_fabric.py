@@ -233,7 +233,8 @@ def test_killed_while_the_fabric_saves(operator, saved_before):
         request = fabric_save(operator)
         wait_for(lambda: rows_on(SECOND), what="the row on the member")
         lab_ctl("kill-system-manager", HERE)
-        # Nothing is left that would do it later: the process of the save outlives the daemon for it.
+        # Nothing is left that would do it later: the process of the save outlives the daemon for
+        # it.
         wait_for(lambda: rows_on(SECOND) == [], what="the end of the row on the member")
     assert request.get(STATE) == STATE_RUNNING
     assert startup() == saved_before[HERE]
