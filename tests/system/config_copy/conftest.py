@@ -10,6 +10,7 @@ sys.path.insert(0, str(Path(__file__).parent))
 pytest.register_assert_rewrite("saves", "command")
 
 import command as cc
+from copy_table import wait_for
 
 _ports = itertools.count(20001)
 
@@ -27,7 +28,7 @@ def own_agents(tmp_path):
         ]
         agents.extend(new)
         for agent in new:
-            cc.wait_for(agent.answers, 60, f"an answer of {agent.name}")
+            wait_for(agent.answers, 60, f"an answer of {agent.name}")
         return new
 
     yield start
