@@ -1,5 +1,6 @@
 #include "platform/host/system_manager/fabric_save.h"
 
+#include "base/posix.h"
 #include "base/unique_fd.h"
 #include "copy_client/waiting.h"
 #include "platform/host/history/log.h"
@@ -7,7 +8,6 @@
 
 #include <sys/eventfd.h>
 
-#include <cerrno>
 #include <cstdint>
 #include <exception>
 #include <memory>
@@ -26,11 +26,7 @@ constexpr std::chrono::seconds ending_time{2}; // beyond what a thread has, for 
 // What has come of each member. The threads share it, so that one that is left behind has it still.
 class Outcomes {
   public:
-    explicit Outcomes(std::size_t count) : outcomes_(count), ended_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-        if (!ended_) {
-            throw std::system_error(errno, std::generic_category(), "saving the fabric");
-        }
-    }
+    explicit Outcomes(std::size_t count) : outcomes_(count), ended_(check(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "saving the fabric")) {}
 
     void tell(std::size_t member, std::string words, std::string error) {
         const std::lock_guard lock(mutex_);

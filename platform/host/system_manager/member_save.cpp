@@ -1,5 +1,7 @@
 #include "platform/host/system_manager/member_save.h"
 
+#include "base/address_text.h"
+#include "base/text.h"
 #include "copy_client/copy_row.h"
 #include "copy_client/user_key.h"
 
@@ -21,11 +23,9 @@ Oid last_save_output() {
 }
 
 Peer peer_of(const FabricMember &member) {
-    char address[INET6_ADDRSTRLEN] = "";
-    ip_addr_to_str(&member.address, address, sizeof address);
+    const std::string address = address_text(member.address);
     const bool is_ipv6 = member.address.type == INET_ADDRESS_IPV6;
-    return {wwn_to_text(member.wwn),
-            (is_ipv6 ? "udp6:[" + std::string(address) + ']' : "udp:" + std::string(address)) + ':' + std::to_string(member.port)};
+    return {wwn_to_text(member.wwn), (is_ipv6 ? "udp6:[" + address + ']' : "udp:" + address) + ':' + std::to_string(member.port)};
 }
 
 constexpr Milliseconds cleaning_time = 800ms;
@@ -91,17 +91,9 @@ std::string words_of_status(long status) {
     }
 }
 
-// The first line, as far as it is printable ASCII, without blanks at its ends.
 std::string first_line(std::string_view text) {
     constexpr std::size_t longest = 80;
-    std::string line;
-    for (const char c : text.substr(0, text.find_first_of("\r\n"))) {
-        if (c >= ' ' && c <= '~' && line.size() < longest && (c != ' ' || !line.empty())) {
-            line += c;
-        }
-    }
-    line.erase(line.find_last_not_of(' ') + 1);
-    return line;
+    return one_line(trimmed(text.substr(0, text.find_first_of("\r\n"))), longest);
 }
 
 } // namespace

@@ -295,7 +295,7 @@ TEST(MemberSave, FailureInWords) {
     EXPECT_EQ(ulmo::words_of_failure(1, "no space on device"), "failed with cause 1");
     EXPECT_EQ(ulmo::words_of_failure(9, "no space on device"), "no space on device");
     EXPECT_EQ(ulmo::words_of_failure(9, "  no space on device \r\nmore\n"), "no space on device");
-    EXPECT_EQ(ulmo::words_of_failure(9, "no\tspace\x1b[2J"), "nospace[2J") << "nothing that a terminal would take for an order";
+    EXPECT_EQ(ulmo::words_of_failure(9, "no\tspace\x1b[2J"), "no space?[2J") << "nothing that a terminal would take for an order";
     EXPECT_EQ(ulmo::words_of_failure(9, std::string(500, 'x')), std::string(80, 'x'));
     for (const char *nothing : {"", "saved", "saved\n", " \n", "\nno space"}) {
         EXPECT_EQ(ulmo::words_of_failure(9, nothing), "its system manager could not save") << nothing;
