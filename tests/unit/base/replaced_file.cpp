@@ -6,6 +6,7 @@
 
 #include <sys/stat.h>
 
+#include <optional>
 #include <set>
 #include <string>
 #include <system_error>
@@ -55,6 +56,15 @@ TEST_P(ReplacedFileTest, WhatIsNotCommittedIsRemoved) {
     }
     EXPECT_EQ(names(), std::set<std::string>{"file"});
     EXPECT_EQ(Scratch::read(path_), "old");
+}
+
+TEST_P(ReplacedFileTest, OnceCommittedItRemovesNothing) {
+    std::optional<ulmo::ReplacedFile> first(std::in_place, path_, "one", GetParam());
+    first->commit();
+    ulmo::ReplacedFile second(path_, "two", GetParam());
+    first.reset();
+    second.commit();
+    EXPECT_EQ(Scratch::read(path_), "two");
 }
 
 TEST_P(ReplacedFileTest, ALinkIsReplacedAndNotFollowed) {
