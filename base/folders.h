@@ -1,4 +1,4 @@
-// Room: what any program of ours stands on: descriptors, errors, settings, files replaced whole, processes, sets, addresses.
+// Room: what any program of ours stands on: system calls and errors, texts, settings, files, processes, sets, addresses.
 // Used by: tftp, copy_client, history, bus, vrf, device, fabric, transfer, system_manager, agent, programs.
 // May use: platform.
 //
