@@ -3,6 +3,7 @@
 #include "base/number.h"
 #include "config-copy/failure.h"
 #include "copy_client/session.h"
+#include "copy_client/user_key.h"
 
 #include <strings.h>
 
@@ -384,6 +385,9 @@ std::optional<Options> parse_options(int count, char **words) {
     if (options.session.version == SNMP_VERSION_3 && options.session.securityModel != SNMP_SEC_MODEL_TSM &&
         security_name(options.session).empty()) {
         throw bad_usage("no SNMPv3 user: give -u USER, or defSecurityName in snmp.conf");
+    }
+    if (options.hosts_file && options.session.version == SNMP_VERSION_3) {
+        keep_keys_of_settings(options.session);
     }
     return options;
 }

@@ -48,4 +48,20 @@ void set_keys(netsnmp_session &session, const std::string &auth_passphrase, cons
     session.securityPrivKeyLen = priv.size();
 }
 
+// Opening a session makes them. What keeps it from being opened shows with the agents.
+void keep_keys_of_settings(netsnmp_session &session) {
+    std::string nobody = "udp:127.0.0.1:161";
+    netsnmp_session settings = session;
+    settings.peername = nobody.data();
+    settings.flags |= SNMP_FLAGS_DONT_PROBE;
+    if (void *handle = ::snmp_sess_open(&settings)) {
+        const netsnmp_session &opened = *::snmp_sess_session(handle);
+        std::copy_n(opened.securityAuthKey, opened.securityAuthKeyLen, session.securityAuthKey);
+        std::copy_n(opened.securityPrivKey, opened.securityPrivKeyLen, session.securityPrivKey);
+        session.securityAuthKeyLen = opened.securityAuthKeyLen;
+        session.securityPrivKeyLen = opened.securityPrivKeyLen;
+        ::snmp_sess_close(handle);
+    }
+}
+
 } // namespace copy_client

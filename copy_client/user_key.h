@@ -14,4 +14,8 @@ namespace copy_client {
 // Throws std::runtime_error when a passphrase makes no key.
 void set_keys(netsnmp_session &session, const std::string &auth_passphrase, const std::string &priv_passphrase);
 
+// Makes the keys of the passphrases in snmp.conf, if the session's are to be made of them: otherwise the
+// library makes them anew for each agent. To be called before there are threads.
+void keep_keys_of_settings(netsnmp_session &session);
+
 } // namespace copy_client

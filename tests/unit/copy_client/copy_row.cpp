@@ -333,6 +333,29 @@ TEST(UserKey, IsMadeOnceForAllAgents) {
     EXPECT_NE(std::vector<u_char>(settings.securityPrivKey, settings.securityPrivKey + settings.securityPrivKeyLen), key);
 }
 
+TEST(UserKey, ThoseOfSnmpConfAreMadeOnceForAllSessions) {
+    const Manager library_is_ready;
+    ::netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_PASSPHRASE, "a-passphrase-of-snmp.conf");
+    netsnmp_session settings{};
+    ::snmp_sess_init(&settings);
+    settings.version = SNMP_VERSION_3;
+    settings.securityLevel = SNMP_SEC_LEVEL_AUTHPRIV;
+    std::string user = agent_user;
+    settings.securityName = user.data();
+    settings.securityNameLen = user.size();
+    const auto time_to_open = [&] {
+        const auto began = Clock::now();
+        const Session session(settings, {"nobody", "udp:127.0.0.1:9"}, -1);
+        return Clock::now() - began;
+    };
+    const auto before = time_to_open();
+    keep_keys_of_settings(settings);
+    EXPECT_GT(settings.securityAuthKeyLen, 0U);
+    EXPECT_GT(settings.securityPrivKeyLen, 0U);
+    EXPECT_LT(time_to_open() * 5, before);
+    ::netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_PASSPHRASE, nullptr);
+}
+
 TEST(UserKey, AShortPassphraseMakesNone) {
     netsnmp_session settings{};
     settings.securityAuthProto = ::sc_get_auth_oid(::usm_lookup_auth_type("SHA-256"), &settings.securityAuthProtoLen);
