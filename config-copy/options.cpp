@@ -3,7 +3,7 @@
 #include "base/number.h"
 #include "config-copy/failure.h"
 #include "copy_client/session.h"
-#include "copy_client/user_key.h"
+#include "copy_client/user.h"
 
 #include <strings.h>
 

@@ -120,6 +120,16 @@ std::string_view name_of_level(int level) {
     return level == SNMP_SEC_LEVEL_AUTHPRIV ? "authPriv" : level == SNMP_SEC_LEVEL_AUTHNOPRIV ? "authNoPriv" : "noAuthNoPriv";
 }
 
+void set_up_library(const char *program) {
+    ::setenv("MIBS", "", 1);
+    ::setenv("MIBDIRS", "", 1);
+    ::netsnmp_register_loghandler(NETSNMP_LOGHANDLER_NONE, LOG_DEBUG);
+    ::netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_READ_CONFIGS, 1);
+    ::netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_PERSIST_STATE, 1);
+    ::set_persistent_directory("/dev/null"); // it makes folders for certificates in it even so
+    ::init_snmp(program);
+}
+
 struct Session::Pending {
     bool ended = false;
     bool is_silent = false;

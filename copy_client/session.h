@@ -63,6 +63,11 @@ struct Peer {
 // Takes each message in words; several threads may call it at a time. No password is told.
 using Tell = std::function<void(const std::string &words)>;
 
+// Sets the library up for a program that says all to its sessions: it reads no user's configuration, loads
+// no MIB modules, keeps nothing on this machine and prints nothing. To be called before there are
+// threads.
+void set_up_library(const char *program);
+
 class Session {
   public:
     // `settings` is all but the peer: its timeout and its retries hold for each request, and what it

@@ -2,7 +2,7 @@
 
 #include "base/posix.h"
 #include "base/unique_fd.h"
-#include "copy_client/waiting.h"
+#include "copy_client/session.h"
 #include "platform/host/history/log.h"
 #include "platform/host/system_manager/member_save.h"
 
@@ -107,7 +107,7 @@ std::vector<FabricSwitchStatus> save_members(const std::vector<FabricMember> &me
 }
 
 std::vector<FabricSwitchStatus> save_members(const std::vector<FabricMember> &members, std::chrono::seconds limit, int stop) {
-    prepare_member_saves();
+    copy_client::set_up_library("wardend");
     return save_members(members, limit, stop, save_member);
 }
 

@@ -3,10 +3,9 @@
 #include "base/address_text.h"
 #include "base/text.h"
 #include "copy_client/copy_row.h"
-#include "copy_client/user_key.h"
+#include "copy_client/user.h"
 
 #include <algorithm>
-#include <cstdlib>
 
 namespace ulmo {
 namespace {
@@ -29,26 +28,6 @@ Peer peer_of(const FabricMember &member) {
 }
 
 constexpr Milliseconds cleaning_time = 800ms;
-
-// A member that answers nothing has this many chances before it is looked whether the privacy key is wrong.
-constexpr int attempts = 4;
-
-// `user` is the member's, which the settings point to.
-netsnmp_session settings_of(const FabricMember &member, std::string &user, Milliseconds request_time) {
-    netsnmp_session settings{};
-    ::snmp_sess_init(&settings);
-    settings.version = SNMP_VERSION_3;
-    settings.timeout = std::chrono::microseconds(request_time).count();
-    settings.retries = attempts - 1;
-    settings.securityModel = SNMP_SEC_MODEL_USM;
-    settings.securityName = user.data();
-    settings.securityNameLen = user.size();
-    settings.securityLevel = SNMP_SEC_LEVEL_AUTHPRIV;
-    settings.securityAuthProto = ::sc_get_auth_oid(::usm_lookup_auth_type(member.auth_protocol.c_str()), &settings.securityAuthProtoLen);
-    settings.securityPrivProto = ::sc_get_priv_oid(::usm_lookup_priv_type(member.priv_protocol.c_str()), &settings.securityPrivProtoLen);
-    set_keys(settings, member.auth_passphrase, member.priv_passphrase);
-    return settings;
-}
 
 // What the member itself says; empty when it says nothing.
 std::string last_save(Session &session) {
@@ -98,23 +77,18 @@ std::string first_line(std::string_view text) {
 
 } // namespace
 
-// The library must read no user's configuration, load no MIB modules, keep nothing on this machine and print nothing.
-void prepare_member_saves() {
-    ::setenv("MIBS", "", 1);
-    ::setenv("MIBDIRS", "", 1);
-    ::netsnmp_register_loghandler(NETSNMP_LOGHANDLER_NONE, LOG_DEBUG);
-    ::netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_READ_CONFIGS, 1);
-    ::netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_PERSIST_STATE, 1);
-    ::set_persistent_directory("/dev/null"); // it makes folders for certificates in it even so
-    ::init_snmp("wardend");
-}
-
 std::string save_member(const FabricMember &member, std::chrono::seconds limit, int stop) {
     const auto began = Clock::now();
     // A lost packet costs one request's time; the last part of the limit is kept for taking the row away.
     const auto request_time = std::clamp<Milliseconds>(Milliseconds(limit) / 6, 150ms, 1s);
-    std::string user = member.user;
-    const netsnmp_session settings = settings_of(member, user, request_time);
+    // A member that answers nothing has four chances before it is looked whether the privacy key is wrong.
+    constexpr int attempts = 4;
+    const User user{member.user, member.auth_protocol, member.auth_passphrase, member.priv_protocol, member.priv_passphrase};
+    netsnmp_session settings{};
+    ::snmp_sess_init(&settings);
+    settings.timeout = std::chrono::microseconds(request_time).count();
+    settings.retries = attempts - 1;
+    set_user(settings, user);
     try {
         Session session(settings, peer_of(member), stop);
         session.set_deadline(began + limit - std::min<Milliseconds>(Milliseconds(limit) / 4, 500ms));

@@ -13,12 +13,10 @@ namespace ulmo {
 
 inline constexpr std::string_view save_given_up = "given up";
 
-// Sets Net-SNMP up for the whole process, which is to be one of its own; to be called before the first member is saved.
-void prepare_member_saves();
-
 // Saves the member's running configuration as its startup configuration and returns the outcome in words: "saved", or why not. Takes no
 // longer than `limit`. Once the descriptor `stop` (-1: never) is readable, the save is given up, within a second. Whatever the outcome, no
-// row stays at the member as long as it answers, and a copy that runs in such a row ends with it. Threads may save members side by side.
+// row stays at the member as long as it answers, and a copy that runs in such a row ends with it. Threads may save members side by side,
+// in a process that has called copy_client::set_up_library().
 std::string save_member(const FabricMember &member, std::chrono::seconds limit, int stop);
 
 // --- what answers mean ---

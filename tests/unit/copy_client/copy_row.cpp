@@ -1,7 +1,7 @@
 // The life of a row against an agent that loses, delays or refuses: whatever is lost, the copy runs
 // once, its outcome is known, and no row stays.
 #include "copy_client/copy_row.h"
-#include "copy_client/user_key.h"
+#include "copy_client/user.h"
 #include "tests/unit/copy_client/scripted_agent.h"
 
 #include <sys/timerfd.h>
@@ -23,8 +23,8 @@ class Manager {
   public:
     explicit Manager(long version = SNMP_VERSION_2c, const char *user = agent_user, const char *auth = agent_auth,
                      const char *priv = agent_priv)
-        : user_(user) {
-        prepare_library();
+        : user_{user, "SHA-256", auth, "AES", priv} {
+        set_up_library("copy_client_tests");
         ::snmp_sess_init(&settings_);
         settings_.version = version;
         settings_.retries = 5;
@@ -32,13 +32,7 @@ class Manager {
         settings_.community = community_.data();
         settings_.community_len = std::size(community_) - 1;
         if (version == SNMP_VERSION_3) {
-            settings_.securityModel = SNMP_SEC_MODEL_USM;
-            settings_.securityName = user_.data();
-            settings_.securityNameLen = user_.size();
-            settings_.securityLevel = SNMP_SEC_LEVEL_AUTHPRIV;
-            settings_.securityAuthProto = ::sc_get_auth_oid(::usm_lookup_auth_type("SHA-256"), &settings_.securityAuthProtoLen);
-            settings_.securityPrivProto = ::sc_get_priv_oid(::usm_lookup_priv_type("AES"), &settings_.securityPrivProtoLen);
-            set_keys(settings_, auth, priv);
+            set_user(settings_, user_);
         }
     }
 
@@ -46,20 +40,7 @@ class Manager {
     Session session_with(const ScriptedAgent &agent, int stop = -1) const { return {settings_, {"the agent", agent.address()}, stop}; }
 
   private:
-    static void prepare_library() {
-        static const bool is_done = [] {
-            ::setenv("MIBS", "", 1);
-            ::netsnmp_register_loghandler(NETSNMP_LOGHANDLER_NONE, LOG_DEBUG);
-            ::netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_READ_CONFIGS, 1);
-            ::netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_PERSIST_STATE, 1);
-            ::set_persistent_directory("/dev/null");
-            ::init_snmp("copy_client_tests");
-            return true;
-        }();
-        ASSERT_TRUE(is_done);
-    }
-
-    std::string user_;
+    User user_;
     std::array<u_char, 7> community_{'p', 'u', 'b', 'l', 'i', 'c', 0};
     netsnmp_session settings_{};
 };
@@ -310,26 +291,24 @@ TEST(Session, AnAddressThatIsNoneIsNoSession) {
 }
 
 TEST(UserKey, IsMadeOnceForAllAgents) {
+    const User user{"user", "SHA-256", "a-passphrase-of-this-test", "AES", "another-one-of-this-test"};
     netsnmp_session settings{};
-    std::size_t length = 0;
-    settings.securityAuthProto = ::sc_get_auth_oid(::usm_lookup_auth_type("SHA-256"), &length);
-    settings.securityAuthProtoLen = length;
     const auto time_of = [&] {
         const auto began = Clock::now();
-        set_keys(settings, "a-passphrase-of-this-test", "another-one-of-this-test");
+        set_user(settings, user);
         return Clock::now() - began;
     };
     const auto first = time_of();
     const std::vector<u_char> key(settings.securityAuthKey, settings.securityAuthKey + settings.securityAuthKeyLen);
-    const auto second = time_of();
-    EXPECT_LT(second * 10, first);
-    std::array<u_char, USM_AUTH_KU_LEN> expected{};
-    std::size_t expected_length = expected.size();
-    const std::string passphrase = "a-passphrase-of-this-test";
-    ASSERT_EQ(::generate_Ku(settings.securityAuthProto, static_cast<u_int>(length), reinterpret_cast<const u_char *>(passphrase.data()),
-                            passphrase.size(), expected.data(), &expected_length),
+    EXPECT_LT(time_of() * 10, first);
+    std::vector<u_char> expected(USM_AUTH_KU_LEN);
+    std::size_t length = expected.size();
+    ASSERT_EQ(::generate_Ku(settings.securityAuthProto, static_cast<u_int>(settings.securityAuthProtoLen),
+                            reinterpret_cast<const u_char *>(user.auth_passphrase.data()), user.auth_passphrase.size(), expected.data(),
+                            &length),
               SNMPERR_SUCCESS);
-    EXPECT_EQ(key, std::vector<u_char>(expected.begin(), expected.begin() + static_cast<std::ptrdiff_t>(expected_length)));
+    expected.resize(length);
+    EXPECT_EQ(key, expected);
     EXPECT_NE(std::vector<u_char>(settings.securityPrivKey, settings.securityPrivKey + settings.securityPrivKeyLen), key);
 }
 
@@ -358,8 +337,7 @@ TEST(UserKey, ThoseOfSnmpConfAreMadeOnceForAllSessions) {
 
 TEST(UserKey, AShortPassphraseMakesNone) {
     netsnmp_session settings{};
-    settings.securityAuthProto = ::sc_get_auth_oid(::usm_lookup_auth_type("SHA-256"), &settings.securityAuthProtoLen);
-    EXPECT_THROW(set_keys(settings, "short", "long-enough"), std::runtime_error);
+    EXPECT_THROW(set_user(settings, {"user", "SHA-256", "short", "AES", "long-enough"}), std::runtime_error);
 }
 
 } // namespace

@@ -110,12 +110,7 @@ class ScriptedAgent {
     };
 
     [[noreturn]] static void serve(const Script &script, Seen &seen, std::uint8_t number, int port) {
-        ::setenv("MIBS", "", 1);
-        ::netsnmp_register_loghandler(NETSNMP_LOGHANDLER_NONE, LOG_DEBUG);
-        ::netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_READ_CONFIGS, 1);
-        ::netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_PERSIST_STATE, 1);
-        ::set_persistent_directory("/dev/null");
-        ::init_snmp("scripted");
+        copy_client::set_up_library("scripted");
         const std::array<unsigned char, 6> engine{0x80, 0, 0, 0, 5, number};
         ::set_exact_engineID(engine.data(), engine.size());
         ::set_enginetime(engine.data(), engine.size(), 1, 0, TRUE);

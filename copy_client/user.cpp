@@ -1,4 +1,4 @@
-#include "copy_client/user_key.h"
+#include "copy_client/user.h"
 
 #include <algorithm>
 #include <array>
@@ -38,10 +38,17 @@ Key key_of(const Hash &hash, const std::string &passphrase) {
 
 } // namespace
 
-void set_keys(netsnmp_session &session, const std::string &auth_passphrase, const std::string &priv_passphrase) {
+void set_user(netsnmp_session &session, const User &user) {
+    session.version = SNMP_VERSION_3;
+    session.securityModel = SNMP_SEC_MODEL_USM;
+    session.securityLevel = SNMP_SEC_LEVEL_AUTHPRIV;
+    session.securityName = const_cast<char *>(user.name.c_str()); // which the library copies
+    session.securityNameLen = user.name.size();
+    session.securityAuthProto = ::sc_get_auth_oid(::usm_lookup_auth_type(user.auth_protocol.c_str()), &session.securityAuthProtoLen);
+    session.securityPrivProto = ::sc_get_priv_oid(::usm_lookup_priv_type(user.priv_protocol.c_str()), &session.securityPrivProtoLen);
     const Hash hash(session.securityAuthProto, session.securityAuthProto + session.securityAuthProtoLen);
-    const Key auth = key_of(hash, auth_passphrase);
-    const Key priv = key_of(hash, priv_passphrase);
+    const Key auth = key_of(hash, user.auth_passphrase);
+    const Key priv = key_of(hash, user.priv_passphrase);
     std::copy(auth.begin(), auth.end(), session.securityAuthKey);
     std::copy(priv.begin(), priv.end(), session.securityPrivKey);
     session.securityAuthKeyLen = auth.size();
