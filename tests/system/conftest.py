@@ -8,7 +8,7 @@ import pytest
 
 sys.path.insert(0, str(Path(__file__).parent))
 
-pytest.register_assert_rewrite("copy_table", "transfers", "protocols")
+pytest.register_assert_rewrite("copy_table", "saves", "transfers", "protocols")
 
 import copy_table as ct
 

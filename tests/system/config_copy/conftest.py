@@ -7,7 +7,7 @@ import pytest
 
 sys.path.insert(0, str(Path(__file__).parent))
 
-pytest.register_assert_rewrite("saves", "command")
+pytest.register_assert_rewrite("command")
 
 import command as cc
 from copy_table import wait_for
