@@ -13,7 +13,7 @@ namespace ulmo {
 // std::system_error.
 std::filesystem::path state_dir();
 
-// Sockets and shared memory of the running system: $ULMO_RUN_DIR, or /run/ulmo. Made with mode 0755 when it is not there. Throws as above.
+// Sockets and records of the running system: $ULMO_RUN_DIR, or /run/ulmo. Made with mode 0755 when it is not there. Throws as above.
 std::filesystem::path run_dir();
 
 // Its path alone: nothing is made.

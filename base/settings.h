@@ -34,7 +34,6 @@ inline constexpr std::string_view at_once = "at once";
 inline constexpr std::string_view in_a_second = "within a second";
 inline constexpr std::string_view in_transfer = "when a transfer begins";
 inline constexpr std::string_view on_load = "when the agent loads the module";
-inline constexpr std::string_view on_log = "when a process begins to log";
 
 inline constexpr std::string_view nothing = {};
 inline constexpr std::string_view copies = "copies fail";
@@ -63,7 +62,7 @@ inline constexpr Setting rows[] = {
     // Otherwise a server that nobody has vouched for gets the password.
     {"ssh_accept_new_host_keys", yes_no, "yes", in_transfer, by_ssh},
     {"history", choice, "errors", in_a_second, nothing, 0, 0, "all, errors, off"},
-    {"history_records", number, "4096", on_log, nothing, 64, 1048576},
+    {"history_kilobytes", number, "512", in_a_second, nothing, 16, 1048576},
     {"debug_print", choice, "off", in_a_second, nothing, 0, 0, "all, errors, off"},
     {"agent_debug_file", text, "", on_load},
     {"msgbus_answer_limit", number, "2000", at_once, nothing, 1, 60000},

@@ -84,8 +84,7 @@ def phrases_of(setting):
 READ = {
     "at once": "", "within a second": r"\bwithin a second\b",
     "when a transfer begins": r"\bwhen (?:a transfer|it) begins\b",
-    "when the agent loads the module": r"\bwhen the agent loads the module\b",
-    "when a process begins to log": r"\bwhen a process begins to log\b"
+    "when the agent loads the module": r"\bwhen the agent loads the module\b"
 }
 
 

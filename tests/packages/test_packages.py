@@ -307,7 +307,7 @@ def test_manual_and_completion(switch, packages):
 
 
 def test_upgrade(switch, packages):
-    switch.shell("echo 'history_records = 128' >> /etc/ulmo/platform.conf")
+    switch.shell("echo 'history_kilobytes = 128' >> /etc/ulmo/platform.conf")
     startup = cmdshell(switch, "show startup-config")
     before, warden = switch.main_process("snmpd"), switch.main_process("wardend")
     tree = PLACE / "upgrade"
@@ -322,7 +322,7 @@ def test_upgrade(switch, packages):
     wait_until(lambda: takes_requests(switch))
     assert switch.main_process("snmpd") != before, "the agent was not started anew"
     assert switch.main_process("wardend") != warden, "the system manager was not started anew"
-    assert "history_records = 128" in (switch.root / "etc/ulmo/platform.conf").read_text()
+    assert "history_kilobytes = 128" in (switch.root / "etc/ulmo/platform.conf").read_text()
     assert "of the next version" in (switch.root / "etc/ulmo/platform.conf.dpkg-dist").read_text()
     assert switch.shell("stat -c '%U %G %a' /etc/ulmo/platform.conf") == "root Debian-snmp 640\n"
     assert cmdshell(switch, "show startup-config") == startup

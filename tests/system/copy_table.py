@@ -83,8 +83,8 @@ def wait_for(condition, within=15, what="the condition"):
 
 
 class History:
-    """What the debug history has recorded since this object was made. The history is a ring:
-    numbers of lines mean nothing in it."""
+    """What the debug history has recorded since this object was made. Its oldest lines go: numbers
+    of lines mean nothing in it."""
 
     def __init__(self, *options):
         self.command = ["ulmo-history", *options]

@@ -1,9 +1,7 @@
 #include "platform/evtrace.h"
 
-#include "base/folders.h"
 #include "base/settings.h"
 #include "platform/host/history/history.h"
-#include "platform/host/history/ring.h"
 
 #include <atomic>
 #include <cerrno>
@@ -11,6 +9,7 @@
 #include <cstdio>
 #include <ctime>
 #include <exception>
+#include <limits>
 #include <string_view>
 
 namespace ulmo {
@@ -37,8 +36,8 @@ class Switches {
         refresh();
         return print_.load(std::memory_order_relaxed);
     }
-    std::size_t records() { // of when history() was asked last: to read settings may log, and the history is just being made
-        return records_.load(std::memory_order_relaxed);
+    std::size_t limit() { // of when history() was asked last
+        return limit_.load(std::memory_order_relaxed);
     }
 
   private:
@@ -52,13 +51,13 @@ class Switches {
         next_ms_.store(now_ms + 1000, std::memory_order_relaxed);
         history_.store(wanted_by(text_setting("history")), std::memory_order_relaxed);
         print_.store(wanted_by(text_setting("debug_print")), std::memory_order_relaxed);
-        records_.store(static_cast<std::size_t>(number_setting("history_records").value()), std::memory_order_relaxed);
+        limit_.store(static_cast<std::size_t>(number_setting("history_kilobytes").value()) * 1024, std::memory_order_relaxed);
     }
 
     std::atomic<std::int64_t> next_ms_ = 0;
     std::atomic<Wanted> history_ = Wanted::errors; // what is amiss with the settings is logged before they are known
     std::atomic<Wanted> print_ = Wanted::none;
-    std::atomic<std::size_t> records_ = HistoryRing::default_records;
+    std::atomic<std::size_t> limit_ = std::numeric_limits<std::size_t>::max();
 };
 
 Switches switches;
@@ -75,37 +74,17 @@ template <typename Call> auto quietly(Call call) noexcept {
     return result;
 }
 
-HistoryRing make_ring() {
-    const std::size_t records = switches.records();
-    try {
-        return HistoryRing::open(history_file(), records);
-    } catch (const std::exception &) {
-        return HistoryRing::anonymous(records);
-    }
-}
-
-// Never unmapped: whatever runs at the end of the process may still log.
-HistoryRing &ring() {
-    static auto *const instance = new HistoryRing(make_ring());
-    return *instance;
-}
-
 } // namespace
-
-std::filesystem::path history_file() {
-    return run_dir() / "history";
-}
-
 } // namespace ulmo
 
 int evtrace_hist_event_subtype_check(uint32_t /*module_id*/, uint32_t subtype) {
     return ulmo::quietly([=] { return ulmo::wants(ulmo::switches.history(), subtype) ? 0 : 1; });
 }
 
-void evtrace_hist_event(uint32_t module_id, uint32_t subtype, uint32_t length, const char *text) {
+void evtrace_hist_event(uint32_t /*module_id*/, uint32_t subtype, uint32_t length, const char *text) {
     ulmo::quietly([=] {
         if (text != nullptr && ulmo::wants(ulmo::switches.history(), subtype)) {
-            ulmo::ring().write(module_id, subtype, {text, length});
+            ulmo::append_to_history(ulmo::history_line(subtype, {text, length}), ulmo::switches.limit());
         }
         return true;
     });

@@ -1,8 +1,10 @@
 #include "platform/host/history/log.h"
 
 #include "base/settings.h"
+#include "base/status_text.h"
 #include "base/text.h"
 #include "platform/evtrace.h"
+#include "platform/utilities.h"
 
 #include <algorithm>
 #include <array>
@@ -93,3 +95,8 @@ void log_to_standard_error() {
 }
 
 } // namespace ulmo
+
+void log_set_error(uint32_t code, uint32_t facility) {
+    ulmo::StatusBuffer buffer;
+    ulmo::log_error("request refused: %s, facility %u", ulmo::text_with_code(code, buffer), facility);
+}

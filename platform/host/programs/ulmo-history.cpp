@@ -1,17 +1,20 @@
-// ulmo-history: prints the debug history.
-#include "platform/evtrace.h"
+// ulmo-history: prints the debug history, and follows it from one file to the next.
+#include "base/posix.h"
+#include "base/unique_fd.h"
 #include "platform/host/history/history.h"
-#include "platform/host/history/ring.h"
 
+#include <fcntl.h>
 #include <getopt.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
-#include <charconv>
+#include <algorithm>
+#include <array>
+#include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <ctime>
-#include <deque>
 #include <exception>
-#include <limits>
+#include <list>
 #include <string>
 #include <string_view>
 
@@ -21,74 +24,97 @@ constexpr int exit_printed = 0;
 constexpr int exit_failed = 1;
 constexpr int exit_usage = 2;
 
-constexpr const char *help =
-    "Usage: ulmo-history [-f] [-n COUNT] [--errors]\n"
-    "Prints the platform's debug history, oldest record first: time, process id, error or debug (or the number of the subtype), text.\n"
-    "Octets of the text that are not printable ASCII are written as \\n, \\r, \\t or \\xNN, a backslash as \\\\; line ends at its end are "
-    "left out.\n"
-    "\n"
-    "  -f, --follow       go on with new records as they come, until interrupted\n"
-    "  -n, --lines COUNT  only the last COUNT records\n"
-    "      --errors       only errors\n"
-    "      --help         this text\n"
-    "\n"
-    "Exit status: 0 the history was printed; 1 there is none, it can't be read or the output can't be written; 2 wrong usage.\n";
+constexpr const char *help = "Usage: ulmo-history [-f] [--errors] [-p PID]\n"
+                             "Prints the platform's debug history, oldest record first, one a line: UTC time, process id, error or\n"
+                             "debug (or the number of the subtype), text. It is in /run/ulmo/history.log.1 and history.log, which\n"
+                             "any tool for logs can read, too.\n"
+                             "\n"
+                             "  -f, --follow       go on with new records as they come, until interrupted\n"
+                             "      --errors       only errors\n"
+                             "  -p, --process PID  only what this process has recorded\n"
+                             "      --help         this text\n"
+                             "\n"
+                             "Exit status: 0 the history was printed; 1 there is none, it can't be read or the output can't be\n"
+                             "written; 2 wrong usage.\n";
 
 struct Options {
     bool follow = false;
     bool errors_only = false;
-    std::size_t count = std::numeric_limits<std::size_t>::max();
+    std::string process;
 };
 
-std::string escaped(std::string_view text) {
-    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) {
-        text.remove_suffix(1);
+// The word at the start of `rest`, which loses it and the blank behind it.
+std::string_view next_word(std::string_view &rest) {
+    const std::string_view word = rest.substr(0, rest.find(' '));
+    rest.remove_prefix(std::min(word.size() + 1, rest.size()));
+    return word;
+}
+
+bool is_wanted(const Options &options, std::string_view line) {
+    next_word(line); // the time
+    const std::string_view process = next_word(line);
+    const std::string_view kind = next_word(line);
+    return (options.process.empty() || process == options.process) && (!options.errors_only || kind == "error");
+}
+
+struct stat status_of(const ulmo::UniqueFd &file) {
+    struct stat status {};
+    ulmo::check(::fstat(file.get(), &status));
+    return status;
+}
+
+// One of the history's files, under whatever name it now has.
+class Generation {
+  public:
+    explicit Generation(ulmo::UniqueFd file) : file_(std::move(file)) {}
+
+    [[nodiscard]] bool is(const struct stat &status) const {
+        const struct stat own = status_of(file_);
+        return own.st_dev == status.st_dev && own.st_ino == status.st_ino;
     }
-    std::string line;
-    for (const char c : text) {
-        if (c == '\\') {
-            line += "\\\\";
-        } else if (c >= ' ' && c <= '~') {
-            line += c;
-        } else if (c == '\n') {
-            line += "\\n";
-        } else if (c == '\r') {
-            line += "\\r";
-        } else if (c == '\t') {
-            line += "\\t";
-        } else {
-            char code[5];
-            std::snprintf(code, sizeof code, "\\x%02x", static_cast<unsigned>(static_cast<unsigned char>(c)));
-            line += code;
+
+    // Prints what has come since the last call. Returns false when nothing more will come.
+    bool print_new(const Options &options) {
+        const bool has_name = status_of(file_).st_nlink != 0;
+        std::array<char, 65536> part;
+        for (ssize_t count = 0; (count = ulmo::check(::read(file_.get(), part.data(), part.size()))) != 0;) {
+            print_lines({part.data(), static_cast<std::size_t>(count)}, options);
+        }
+        return has_name;
+    }
+
+  private:
+    // A record may be seen while it is being written: it is printed when its line is whole.
+    void print_lines(std::string_view part, const Options &options) {
+        unfinished_ += part;
+        std::string_view rest = unfinished_;
+        for (std::size_t end = 0; (end = rest.find('\n')) != std::string_view::npos; rest.remove_prefix(end + 1)) {
+            if (is_wanted(options, rest.substr(0, end))) {
+                std::fwrite(rest.data(), 1, end + 1, stdout);
+            }
+        }
+        unfinished_.erase(0, unfinished_.size() - rest.size());
+    }
+
+    ulmo::UniqueFd file_;
+    std::string unfinished_;
+};
+
+// Adds the files that are not among `generations` yet. A file that has just been renamed is missing under both names, or not found
+// under its new one, for a moment: the next look finds it.
+void find_new(std::list<Generation> &generations) {
+    for (const auto &path : {ulmo::older_history_file(), ulmo::history_file()}) {
+        ulmo::UniqueFd file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+        if (!file && errno == ENOENT) {
+            continue;
+        }
+        ulmo::check(file.get(), {}, path.native());
+        const struct stat status = ulmo::regular_file_status(file.get(), path.native());
+        const auto is_known = [&](const Generation &each) { return each.is(status); };
+        if (std::none_of(generations.begin(), generations.end(), is_known)) {
+            generations.emplace_back(std::move(file));
         }
     }
-    return line;
-}
-
-// Local time with its offset, as in RFC 3339, to the microsecond.
-std::string time_text(std::uint64_t time_ns) {
-    const auto seconds = static_cast<std::time_t>(time_ns / 1'000'000'000U);
-    std::tm parts{};
-    localtime_r(&seconds, &parts);
-    char date[32] = "";
-    char offset[8] = "";
-    std::strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%S", &parts);
-    std::strftime(offset, sizeof offset, "%z", &parts);
-    char text[64];
-    std::snprintf(text, sizeof text, "%s.%06u%.3s:%s", date, static_cast<unsigned>(time_ns / 1000U % 1'000'000U), offset,
-                  std::strlen(offset) > 3 ? offset + 3 : "00");
-    return text;
-}
-
-std::string line_of(const ulmo::HistoryRecord &record) {
-    const std::string subtype = record.subtype == EVTRACE_ERROR   ? "error"
-                                : record.subtype == EVTRACE_DEBUG ? "debug"
-                                                                  : std::to_string(record.subtype);
-    return time_text(record.time_ns) + ' ' + std::to_string(record.pid) + ' ' + subtype + ' ' + escaped(record.text) + '\n';
-}
-
-void print(const std::string &line) {
-    std::fwrite(line.data(), 1, line.size(), stdout);
 }
 
 // Pushes what was printed out; false when that failed.
@@ -100,96 +126,47 @@ bool flushed() {
     return false;
 }
 
-bool is_wanted(const Options &options, const ulmo::HistoryRecord &record) {
-    return !options.errors_only || record.subtype == EVTRACE_ERROR;
-}
-
-// Prints what the ring holds now and returns the number of the record to go on with.
-std::uint64_t print_kept(const ulmo::HistoryRing &ring, const Options &options) {
-    std::deque<std::string> lines;
-    const std::uint64_t end = ring.end();
-    ulmo::HistoryRecord record;
-    for (std::uint64_t number = ring.begin(); number < end; ++number) {
-        if (ring.read(number, record) != ulmo::HistoryRing::ReadResult::done || !is_wanted(options, record)) {
-            continue;
-        }
-        lines.push_back(line_of(record));
-        if (lines.size() > options.count) {
-            lines.pop_front();
-        }
+int print_history(const Options &options) {
+    std::list<Generation> generations;
+    find_new(generations);
+    if (generations.empty()) {
+        ulmo::throw_error(ENOENT, {}, ulmo::history_file().native());
     }
-    for (const std::string &line : lines) {
-        print(line);
-    }
-    return end;
-}
-
-void wait_a_little() {
-    const timespec pause{0, 200'000'000};
-    nanosleep(&pause, nullptr);
-}
-
-// Prints new records as they come. Returns only when the output fails.
-void follow(ulmo::HistoryRing ring, std::uint64_t next, const Options &options) {
-    // A writer that was killed between claim and text never delivers: after this many looks its record is given up.
-    constexpr int longest_wait = 5;
-    int waited = 0;
-    ulmo::HistoryRecord record;
-    while (flushed()) {
-        bool is_pending = false;
-        if (next < ring.begin()) {
-            std::fprintf(stderr, "ulmo-history: %llu records came too fast\n", static_cast<unsigned long long>(ring.begin() - next));
-            next = ring.begin();
-        }
-        while (next < ring.end() && !is_pending) {
-            const auto result = ring.read(next, record);
-            is_pending = result == ulmo::HistoryRing::ReadResult::pending && ++waited < longest_wait;
-            if (!is_pending) {
-                if (result == ulmo::HistoryRing::ReadResult::done && is_wanted(options, record)) {
-                    print(line_of(record));
-                }
-                waited = 0;
-                ++next;
-            }
-        }
+    for (;;) {
+        generations.remove_if([&](Generation &each) { return !each.print_new(options); });
         if (!flushed()) {
-            return;
+            return exit_failed;
         }
-        if (const auto file = ulmo::history_file(); !ring.is_in(file)) {
-            try {
-                ring = ulmo::HistoryRing::open_for_reading(file);
-                next = 0;
-                continue;
-            } catch (const std::exception &) { // NOLINT: it is being made; the next look finds it
-            }
+        if (!options.follow) {
+            return exit_printed;
         }
-        wait_a_little();
+        const timespec pause{0, 200'000'000};
+        ::nanosleep(&pause, nullptr);
+        find_new(generations);
     }
 }
 
 // Returns false on wrong usage.
 bool parse_options(int argc, char **argv, Options &options, bool &wants_help) {
     const option long_options[] = {{"follow", no_argument, nullptr, 'f'},
-                                   {"lines", required_argument, nullptr, 'n'},
                                    {"errors", no_argument, nullptr, 'e'},
+                                   {"process", required_argument, nullptr, 'p'},
                                    {"help", no_argument, nullptr, 'h'},
                                    {nullptr, 0, nullptr, 0}};
-    for (int choice = 0; (choice = getopt_long(argc, argv, "fn:", long_options, nullptr)) != -1;) {
+    for (int choice = 0; (choice = getopt_long(argc, argv, "fp:", long_options, nullptr)) != -1;) {
         switch (choice) {
         case 'f':
             options.follow = true;
             break;
-        case 'n': {
-            const std::string_view text = optarg;
-            const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), options.count);
-            if (error != std::errc{} || end != text.data() + text.size()) {
-                std::fprintf(stderr, "ulmo-history: not a number of records: %s\n", optarg);
-                return false;
-            }
-            break;
-        }
         case 'e':
             options.errors_only = true;
+            break;
+        case 'p':
+            options.process = optarg;
+            if (options.process.empty() || options.process.find_first_not_of("0123456789") != std::string::npos) {
+                std::fprintf(stderr, "ulmo-history: not a process id: %s\n", optarg);
+                return false;
+            }
             break;
         case 'h':
             wants_help = true;
@@ -218,13 +195,7 @@ int main(int argc, char **argv) try {
         std::fputs(help, stdout);
         return flushed() ? exit_printed : exit_failed;
     }
-    ulmo::HistoryRing ring = ulmo::HistoryRing::open_for_reading(ulmo::history_file());
-    const std::uint64_t next = print_kept(ring, options);
-    if (options.follow) {
-        follow(std::move(ring), next, options);
-        return exit_failed;
-    }
-    return flushed() ? exit_printed : exit_failed;
+    return print_history(options);
 } catch (const std::exception &error) {
     std::fprintf(stderr, "ulmo-history: cannot read the history: %s\n", error.what());
     return exit_failed;

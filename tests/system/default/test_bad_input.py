@@ -147,7 +147,10 @@ def snapshot():
                 path = os.path.join(directory, name)
                 status = os.lstat(path)
                 found[path] = (status.st_size, status.st_mtime_ns)
-    expected = ("/tmp/configcopy.txt", "/lab/switch1/run/history", "/lab/switch1/run/last-copies")
+    expected = (
+        "/tmp/configcopy.txt", "/lab/switch1/run/history.log", "/lab/switch1/run/history.log.1",
+        "/lab/switch1/run/last-copies"
+    )
     return {
         path: seen for path, seen in found.items()
         if path not in expected and "/agent-persistent/" not in path

@@ -7,7 +7,7 @@
 #include "platform/host/agent/workers.h"
 #include "platform/host/bus/server.h"
 #include "platform/host/bus/wire.h"
-#include "platform/host/history/ring.h"
+#include "platform/host/history/history.h"
 #include "platform/host/vrf/vrf.h"
 #include "tests/unit/child.h"
 #include "tests/unit/scratch.h"
@@ -50,6 +50,16 @@ class Ownership : public testing::Test {
                    body();
                    return 0;
                }) == 0;
+    }
+
+    // The superuser and the platform append in turns, each in a process of its own.
+    static std::size_t appended_in_turns(const std::filesystem::path &folder) {
+        EXPECT_EQ(::setenv("ULMO_RUN_DIR", folder.c_str(), 1), 0);
+        const auto append = [] { return ulmo::append_to_history("line\n", 1000), 0; };
+        EXPECT_EQ(host_test::in_child(append), 0);
+        EXPECT_TRUE(holds_for_platform_user(append));
+        EXPECT_EQ(host_test::in_child(append), 0);
+        return std::filesystem::file_size(folder / "history.log");
     }
 
     // A folder of the platform's user.
@@ -108,37 +118,24 @@ TEST_F(Ownership, AFolderThatItsOwnerHasClosedStaysAsItIs) {
 }
 
 TEST_F(Ownership, TheHistoryIsSharedByTheSuperuserAndTheFoldersOwner) {
-    ulmo::HistoryRing ring = ulmo::HistoryRing::open(file_, 64);
-    expect_given(file_);
-    EXPECT_TRUE(holds_for_platform_user([this] { ulmo::HistoryRing::open(file_, 64).write(1, 100, "by the platform"); }));
-    ulmo::HistoryRing::open(file_, 64).write(1, 100, "by the superuser");
-    EXPECT_TRUE(ring.is_in(file_)) << "somebody has begun a new history";
-    EXPECT_EQ(ring.end() - ring.begin(), 2U);
+    EXPECT_EQ(appended_in_turns(folder_), 15U);
+    expect_given(folder_ / "history.log");
 }
 
 TEST_F(Ownership, OthersHistoriesAreReplaced) {
-    std::ofstream(file_).close();
-    ASSERT_EQ(::chown(file_.c_str(), platform_user + 1, platform_group), 0);
-    ASSERT_EQ(::chmod(file_.c_str(), 0600), 0);
-    const ulmo::HistoryRing ring = ulmo::HistoryRing::open(file_, 64);
-    EXPECT_TRUE(ring.is_in(file_));
-    expect_given(file_);
+    std::ofstream(folder_ / "history.log") << "others";
+    ASSERT_EQ(::chown((folder_ / "history.log").c_str(), platform_user + 1, platform_group), 0);
+    ASSERT_EQ(::chmod((folder_ / "history.log").c_str(), 0600), 0);
+    EXPECT_EQ(appended_in_turns(folder_), 15U);
+    expect_given(folder_ / "history.log");
 }
 
 TEST_F(Ownership, AHistoryInAFolderForAllIsItsMakersAlone) {
     const auto shared = scratch_.root() / "shared";
     std::filesystem::create_directory(shared);
     std::filesystem::permissions(shared, std::filesystem::perms::all);
-    EXPECT_TRUE(holds_for_platform_user([&] {
-        const ulmo::HistoryRing ring = ulmo::HistoryRing::open(shared / "file", 64);
-        ulmo::HistoryRing::open(shared / "file", 64);
-        if (!ring.is_in(shared / "file")) {
-            throw std::runtime_error("another history");
-        }
-    }));
-    expect_given(shared / "file");
-    ulmo::HistoryRing::open(shared / "file", 64);
-    expect_superusers(shared / "file");
+    EXPECT_EQ(appended_in_turns(shared), 5U) << "each begins its own";
+    expect_superusers(shared / "history.log");
 }
 
 TEST_F(Ownership, AnAccessPointIsServedByTheSuperuserAndTheRunFoldersOwnerInTurn) {

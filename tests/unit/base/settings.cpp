@@ -139,17 +139,17 @@ TEST_F(HostSettings, YesAndNoHaveSixWordsInAnyCase) {
 
 TEST_F(HostSettings, ABadValueLeavesTheDefaultAndIsTold) {
     scratch.configure("msgbus_answer_limit = 2s\n#\nhistory = erors\ntransfer_idle_limit = 0\ntransfer_time_limit = 1000000000\n"
-                      "history_records = 63\ndebug_print = off,\n");
+                      "history_kilobytes = 15\ndebug_print = off,\n");
     EXPECT_EQ(ulmo::number_setting("msgbus_answer_limit"), 2000);
     EXPECT_EQ(ulmo::text_setting("history"), "errors");
     EXPECT_EQ(ulmo::number_setting("transfer_idle_limit"), 30);
     EXPECT_EQ(ulmo::number_setting("transfer_time_limit"), 3600);
-    EXPECT_EQ(ulmo::number_setting("history_records"), 4096);
+    EXPECT_EQ(ulmo::number_setting("history_kilobytes"), 512);
     EXPECT_EQ(told, (Texts{line(1) + "msgbus_answer_limit = 2s: must be a number from 1 to 60000; the default 2000 is used",
                            line(3) + "history = erors: must be one of all, errors, off; the default errors is used",
                            line(4) + "transfer_idle_limit = 0: must be a number from 1 to 999999999; the default 30 is used",
                            line(5) + "transfer_time_limit = 1000000000: must be a number from 1 to 999999999; the default 3600 is used",
-                           line(6) + "history_records = 63: must be a number from 64 to 1048576; the default 4096 is used",
+                           line(6) + "history_kilobytes = 15: must be a number from 16 to 1048576; the default 512 is used",
                            line(7) + "debug_print = off,: must be one of all, errors, off; the default off is used"}));
     EXPECT_EQ(ulmo::settings_problems(), told);
 }

@@ -106,7 +106,7 @@ TEST_F(HostCopyReport, NobodyNeedsAReport) {
     ulmo::report_reason("no space");
     ulmo::report_file("/etc/passwd");
     for (const auto &entry : std::filesystem::directory_iterator(scratch_.root() / "run")) {
-        EXPECT_EQ(entry.path().filename(), "history"); // which a process makes when it logs for the first time
+        EXPECT_EQ(entry.path().filename(), "history.log"); // which a process makes when it logs for the first time
     }
 }
 

@@ -1,5 +1,4 @@
 #include "platform/utilities.h"
-#include "platform/host/history/last_error.h"
 #include "tests/unit/child.h"
 #include "tests/unit/scratch.h"
 
@@ -188,25 +187,6 @@ TEST_F(RunProgram, LeavesNoDescriptorBehind) {
     const int after = ::dup(0);
     ::close(after);
     EXPECT_EQ(after, next);
-}
-
-TEST(LastError, KeepsTheLastSixteen) {
-    const Scratch scratch;
-    const std::size_t before = ulmo::last_errors().size();
-    EXPECT_LE(before, ulmo::last_errors_kept);
-    log_set_error(0x40490049U, 584);
-    EXPECT_EQ(ulmo::last_error_code(), 0x40490049U);
-    for (std::uint32_t code = 1; code <= 20; ++code) {
-        log_set_error(code, 584);
-    }
-    const auto errors = ulmo::last_errors();
-    ASSERT_EQ(errors.size(), 16U);
-    for (std::size_t i = 0; i < errors.size(); ++i) {
-        EXPECT_EQ(errors[i].code, i + 5);
-        EXPECT_EQ(errors[i].facility, 584U);
-        EXPECT_LE(std::abs(std::difftime(errors[i].time, std::time(nullptr))), 5);
-    }
-    EXPECT_EQ(ulmo::last_error_code(), 20U);
 }
 
 TEST(StatusText, KnownCodesHaveTexts) {
