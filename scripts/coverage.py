@@ -16,7 +16,7 @@ import subprocess
 import sys
 from pathlib import Path
 
-FLOOR = 75.5  # percent of all lines; about one less than there were when it was set
+FLOOR = 81.0  # percent of all lines; about one less than there were when it was set
 ROOT = Path(__file__).resolve().parent.parent
 PRODUCT = ("base", "copy_client", "config-copy", "infra", "platform", "tftp")
 
