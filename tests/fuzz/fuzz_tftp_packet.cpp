@@ -1,4 +1,5 @@
 // Feeds arbitrary datagrams to the decoder of TFTP packets and to the check of answered options.
+#include "base/text.h"
 #include "tftp/packet.h"
 
 #include "tests/fuzz/property.h"
@@ -26,7 +27,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *octets, std::size_t si
     if (const auto *data = std::get_if<Data>(&*packet)) {
         require(data->payload.size() == size - header_octets);
     } else if (const auto *error = std::get_if<Error>(&*packet)) {
-        require(printable(error->text) == error->text);
+        require(ulmo::one_line(error->text) == error->text);
     } else if (const auto *answer = std::get_if<OptionAcknowledgment>(&*packet)) {
         for (const Opcode request : {Opcode::read_request, Opcode::write_request}) {
             if (const auto agreed = agree(request, asked, *answer)) {
