@@ -7,8 +7,8 @@
 
 namespace ulmo {
 
-// The errno value of the exception that is being handled: a system error's own, ENOMEM when memory is
-// short, EIO for all else.
+// The errno value of the exception that is being handled: a system error's own, ENOMEM when memory
+// is short, EIO for all else.
 int errno_of_exception() noexcept;
 
 // The result of `call`, which is an errno value, or the one of what it threw.

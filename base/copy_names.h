@@ -1,4 +1,5 @@
-// The values of the copy table by their names in CONFIG-COPY-MIB, where both ends of a copy print them.
+// The values of the copy table by their names in CONFIG-COPY-MIB, where both ends of a copy print
+// them.
 #pragma once
 
 #include <array>
@@ -20,8 +21,9 @@ inline std::string cause_name(long cause) {
                                                      "configNotApplied",
                                                      "systemManagerRefused",
                                                      "systemManagerFailed"};
-    return cause > 0 && cause < static_cast<long>(names.size()) ? std::string(names.at(static_cast<std::size_t>(cause)))
-                                                                : std::to_string(cause);
+    return cause > 0 && cause < static_cast<long>(names.size())
+               ? std::string(names.at(static_cast<std::size_t>(cause)))
+               : std::to_string(cause);
 }
 
 } // namespace ulmo

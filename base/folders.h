@@ -1,5 +1,6 @@
-// Room: what any program of ours stands on: system calls and errors, texts, settings, files, processes, sets, addresses.
-// Used by: tftp, copy_client, history, bus, vrf, device, fabric, transfer, system_manager, agent, programs.
+// Room: what all our programs share: system calls, texts, settings, files, processes, addresses.
+// Used by: tftp, copy_client, history, bus, vrf, device, fabric, transfer, system_manager, agent,
+//          programs.
 // May use: platform.
 //
 // Where the host platform keeps things.
@@ -9,11 +10,12 @@
 
 namespace ulmo {
 
-// State that outlives a restart: $ULMO_STATE_DIR, or /var/lib/ulmo. Made with mode 0700 when it is not there. Throws
-// std::system_error.
+// State that outlives a restart: $ULMO_STATE_DIR, or /var/lib/ulmo. Made with mode 0700 when it is
+// not there. Throws std::system_error.
 std::filesystem::path state_dir();
 
-// Sockets and records of the running system: $ULMO_RUN_DIR, or /run/ulmo. Made with mode 0755 when it is not there. Throws as above.
+// Sockets and records of the running system: $ULMO_RUN_DIR, or /run/ulmo. Made with mode 0755 when
+// it is not there. Throws as above.
 std::filesystem::path run_dir();
 
 // Its path alone: nothing is made.

@@ -12,8 +12,8 @@ struct Less {
     bool operator()(const void *a, const void *b) const { return compare(a, b) > 0; }
 };
 
-using Tree =
-    __gnu_pbds::tree<const void *, __gnu_pbds::null_type, Less, __gnu_pbds::rb_tree_tag, __gnu_pbds::tree_order_statistics_node_update>;
+using Tree = __gnu_pbds::tree<const void *, __gnu_pbds::null_type, Less, __gnu_pbds::rb_tree_tag,
+                              __gnu_pbds::tree_order_statistics_node_update>;
 
 Tree *tree_of(const keyedset *set) {
     return set == nullptr ? nullptr : static_cast<Tree *>(set->impl);
@@ -26,7 +26,8 @@ void *object_at(const Tree &tree, Tree::const_iterator position) {
 
 } // namespace
 
-int keyedset_create(struct keyedset *set, int /*first*/, int /*second*/, keyedset_compare compare, int /*fourth*/) {
+int keyedset_create(struct keyedset *set, int /*first*/, int /*second*/, keyedset_compare compare,
+                    int /*fourth*/) {
     constexpr int not_created = 0;
     if (set == nullptr || compare == nullptr || keyedset_size(set) != 0) {
         return not_created;

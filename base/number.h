@@ -10,10 +10,11 @@
 
 namespace ulmo {
 
-// The number that the whole text is, in decimal digits, from `least` to `most`; nothing for any other
-// text, one with blanks or with a '+' too.
+// The number that the whole text is, in decimal digits, from `least` to `most`; nothing for any
+// other text, one with blanks or with a '+' too.
 template <std::integral Number>
-std::optional<Number> parsed_number(std::string_view text, Number least = std::numeric_limits<Number>::min(),
+std::optional<Number> parsed_number(std::string_view text,
+                                    Number least = std::numeric_limits<Number>::min(),
                                     Number most = std::numeric_limits<Number>::max()) {
     Number number{};
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);

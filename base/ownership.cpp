@@ -14,7 +14,8 @@ constexpr gid_t no_group = static_cast<gid_t>(-1);
 } // namespace
 
 ActingAsOwner::ActingAsOwner(const std::filesystem::path &folder) noexcept
-    : former_user_(static_cast<uid_t>(::setfsuid(no_user))), former_group_(static_cast<gid_t>(::setfsgid(no_group))) {
+    : former_user_(static_cast<uid_t>(::setfsuid(no_user))),
+      former_group_(static_cast<gid_t>(::setfsgid(no_group))) {
     struct stat owned {};
     if (former_user_ == 0 && ::stat(folder.c_str(), &owned) == 0 && owned.st_uid != 0) {
         ::setfsgid(owned.st_gid);

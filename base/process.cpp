@@ -21,9 +21,15 @@ class FileActions {
     FileActions &operator=(const FileActions &) = delete;
     ~FileActions() { posix_spawn_file_actions_destroy(&actions_); }
 
-    void duplicate(int from, int to) { require(posix_spawn_file_actions_adddup2(&actions_, from, to)); }
-    void open_null(int as) { require(posix_spawn_file_actions_addopen(&actions_, as, "/dev/null", O_RDWR, 0)); }
-    void close_from(int lowest) { require(posix_spawn_file_actions_addclosefrom_np(&actions_, lowest)); }
+    void duplicate(int from, int to) {
+        require(posix_spawn_file_actions_adddup2(&actions_, from, to));
+    }
+    void open_null(int as) {
+        require(posix_spawn_file_actions_addopen(&actions_, as, "/dev/null", O_RDWR, 0));
+    }
+    void close_from(int lowest) {
+        require(posix_spawn_file_actions_addclosefrom_np(&actions_, lowest));
+    }
     [[nodiscard]] const posix_spawn_file_actions_t *get() const { return &actions_; }
 
   private:
@@ -37,7 +43,8 @@ class FileActions {
 
 class SpawnAttributes {
   public:
-    // The program begins with no signal blocked and every disposition at its default, whatever its parent has made of them.
+    // The program begins with no signal blocked and every disposition at its default, whatever its
+    // parent has made of them.
     SpawnAttributes() {
         posix_spawnattr_init(&attributes_);
         sigset_t signals;
@@ -66,7 +73,8 @@ int spawn(pid_t &pid, const std::array<int, 3> &streams, char *const *argv) {
         const auto index = static_cast<std::size_t>(stream);
         const int given = streams[index];
         if (given >= 0) {
-            // A copy above the standard streams: the given one may itself be a stream that an earlier action has replaced.
+            // A copy above the standard streams: the given one may itself be a stream that an
+            // earlier action has replaced.
             copies[index] = UniqueFd(::fcntl(given, F_DUPFD_CLOEXEC, first_other));
             if (!copies[index]) {
                 return errno;
@@ -75,7 +83,8 @@ int spawn(pid_t &pid, const std::array<int, 3> &streams, char *const *argv) {
         } else if (::fcntl(stream, F_GETFD) >= 0) {
             actions.duplicate(stream, stream); // takes close-on-exec off
         } else {
-            actions.open_null(stream); // or the program's first file would become its standard stream
+            // or the program's first file would become its standard stream
+            actions.open_null(stream);
         }
     }
     actions.close_from(first_other);

@@ -25,12 +25,14 @@ UniqueFd made_under_any_name(std::filesystem::path &temporary, const std::filesy
     return file;
 }
 
-UniqueFd made_under_fixed_name(const std::filesystem::path &temporary, const std::filesystem::path &path) {
+UniqueFd made_under_fixed_name(const std::filesystem::path &temporary,
+                               const std::filesystem::path &path) {
     if (::unlink(temporary.c_str()) != 0 && errno != ENOENT) {
         throw_errno("cannot remove", temporary.native());
     }
     constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-    return UniqueFd(check(::open(temporary.c_str(), flags, owner_only), "cannot make", path.native()));
+    return UniqueFd(
+        check(::open(temporary.c_str(), flags, owner_only), "cannot make", path.native()));
 }
 
 } // namespace
@@ -38,10 +40,12 @@ UniqueFd made_under_fixed_name(const std::filesystem::path &temporary, const std
 ReplacedFile::ReplacedFile(std::filesystem::path path, Manner manner)
     : path_(std::move(path)), temporary_(path_.native() + ".new"), manner_(manner) {
     const ActingAsOwner owner(path_.parent_path());
-    file_ = manner_ == Manner::unlocked ? made_under_any_name(temporary_, path_) : made_under_fixed_name(temporary_, path_);
+    file_ = manner_ == Manner::unlocked ? made_under_any_name(temporary_, path_)
+                                        : made_under_fixed_name(temporary_, path_);
 }
 
-ReplacedFile::ReplacedFile(std::filesystem::path path, std::string_view content, Manner manner) : ReplacedFile(std::move(path), manner) {
+ReplacedFile::ReplacedFile(std::filesystem::path path, std::string_view content, Manner manner)
+    : ReplacedFile(std::move(path), manner) {
     append(content);
     finish();
 }
@@ -58,7 +62,8 @@ void ReplacedFile::append(std::string_view data) {
 }
 
 void ReplacedFile::finish() {
-    check(::fchmod(file_.get(), owner_only), "cannot protect", path_.native()); // whatever the umask
+    // whatever the umask
+    check(::fchmod(file_.get(), owner_only), "cannot protect", path_.native());
     if (manner_ == Manner::lasting) {
         check(::fsync(file_.get()), "cannot sync", path_.native());
     }

@@ -71,8 +71,8 @@ std::optional<std::string> accepted(const Setting &setting, std::string_view tex
         is_good = is_one_of(text, setting.words);
         break;
     case SettingKind::list:
-        is_good = setting.most == 0 ||
-                  (text.size() >= static_cast<std::size_t>(setting.least) && text.size() <= static_cast<std::size_t>(setting.most));
+        is_good = setting.most == 0 || (text.size() >= static_cast<std::size_t>(setting.least) &&
+                                        text.size() <= static_cast<std::size_t>(setting.most));
         break;
     case SettingKind::wwn: {
         const auto wwn = wwn_from_text(text);
@@ -93,7 +93,9 @@ std::string what_it_must_be(const Setting &setting) {
     case SettingKind::yes_no:
         return "must be yes or no";
     case SettingKind::choice:
-        return (setting.words.find(',') == std::string_view::npos ? "must be " : "must be one of ") + std::string(setting.words);
+        return (setting.words.find(',') == std::string_view::npos ? "must be "
+                                                                  : "must be one of ") +
+               std::string(setting.words);
     case SettingKind::list:
         return "must be " + range + " octets long";
     case SettingKind::wwn:
@@ -130,7 +132,8 @@ struct Contents {
 
 // The status of the file; nothing when there is none. Throws std::runtime_error.
 std::optional<struct stat> status_of(const std::filesystem::path &path) {
-    if (path.is_relative()) { // a worker has another working directory than the agent, and would find no file
+    // a worker has another working directory than the agent, and would find no file
+    if (path.is_relative()) {
         throw std::runtime_error("its path is not absolute");
     }
     struct stat status {};
@@ -147,8 +150,9 @@ std::optional<struct stat> status_of(const std::filesystem::path &path) {
 
 Stamp stamp_of(const std::filesystem::path &path, const struct stat &status) {
     // Another user may not be able to read what this process read before.
-    return {path.string(),          status.st_dev,         status.st_ino,          status.st_size, status.st_mtim.tv_sec,
-            status.st_mtim.tv_nsec, status.st_ctim.tv_sec, status.st_ctim.tv_nsec, ::geteuid()};
+    return {path.string(),         status.st_dev,          status.st_ino,
+            status.st_size,        status.st_mtim.tv_sec,  status.st_mtim.tv_nsec,
+            status.st_ctim.tv_sec, status.st_ctim.tv_nsec, ::geteuid()};
 }
 
 std::string text_of(const std::filesystem::path &path, Stamp &stamp) {
@@ -169,7 +173,8 @@ std::string text_of(const std::filesystem::path &path, Stamp &stamp) {
 }
 
 // Takes what a line says of a setting, or what is wrong with it.
-void take(Contents &contents, const Setting &setting, std::string_view text, const std::string &place) {
+void take(Contents &contents, const Setting &setting, std::string_view text,
+          const std::string &place) {
     State &state = contents.states[static_cast<std::size_t>(&setting - all_settings)];
     if (setting.kind != SettingKind::list || state.is_default) {
         state.values.clear();
@@ -182,7 +187,8 @@ void take(Contents &contents, const Setting &setting, std::string_view text, con
         }
         return;
     }
-    std::string problem = place + ": " + std::string(setting.name) + " = " + (setting.is_secret ? "..." : shown(text)) + ": " +
+    std::string problem = place + ": " + std::string(setting.name) + " = " +
+                          (setting.is_secret ? "..." : shown(text)) + ": " +
                           what_it_must_be(setting) + "; ";
     if (!setting.fails.empty()) {
         problem += setting.fails;
@@ -190,7 +196,9 @@ void take(Contents &contents, const Setting &setting, std::string_view text, con
     } else if (setting.kind == SettingKind::list) {
         problem += "the line is ignored";
     } else {
-        problem += setting.fallback.empty() ? "it counts as not set" : "the default " + std::string(setting.fallback) + " is used";
+        problem += setting.fallback.empty()
+                       ? "it counts as not set"
+                       : "the default " + std::string(setting.fallback) + " is used";
         state.values = {std::string(setting.fallback)};
     }
     contents.problems.push_back(std::move(problem));
@@ -212,10 +220,12 @@ void judge(Contents &contents, const std::filesystem::path &path, std::string_vi
         }
         const std::string_view key = trimmed(words.substr(0, equals));
         const auto *const setting =
-            std::find_if(std::begin(all_settings), std::end(all_settings), [key](const Setting &each) { return each.name == key; });
+            std::find_if(std::begin(all_settings), std::end(all_settings),
+                         [key](const Setting &each) { return each.name == key; });
         if (setting == std::end(all_settings)) {
             // Without its value, which may be a passphrase.
-            contents.problems.push_back(place + ": " + shown(key) + ": unknown setting; the line is ignored");
+            contents.problems.push_back(place + ": " + shown(key) +
+                                        ": unknown setting; the line is ignored");
             continue;
         }
         take(contents, *setting, trimmed(words.substr(equals + 1)), place);
@@ -251,11 +261,16 @@ bool is_settled(const Stamp &stamp) {
     timespec now{};
     ::clock_gettime(CLOCK_REALTIME, &now);
     constexpr std::int64_t age_ms = 100; // many ticks of the clock that stamps files
-    const auto milliseconds = [](time_t seconds, long nanoseconds) { return std::int64_t{seconds} * 1000 + nanoseconds / 1'000'000; };
-    return milliseconds(now.tv_sec, now.tv_nsec) - milliseconds(std::get<6>(stamp), std::get<7>(stamp)) > age_ms;
+    const auto milliseconds = [](time_t seconds, long nanoseconds) {
+        return std::int64_t{seconds} * 1000 + nanoseconds / 1'000'000;
+    };
+    return milliseconds(now.tv_sec, now.tv_nsec) -
+               milliseconds(std::get<6>(stamp), std::get<7>(stamp)) >
+           age_ms;
 }
 
-// What was read last, for the process's life, past all destructors: whatever runs at its end may still log.
+// What was read last, for the process's life, past all destructors: whatever runs at its end may
+// still log.
 struct Cache {
     std::mutex mutex;
     std::shared_ptr<const Contents> contents;
@@ -275,7 +290,8 @@ std::atomic<SettingsListener> listener = nullptr;
 bool is_current(const Contents &contents, const std::filesystem::path &path) {
     try {
         const auto status = status_of(path);
-        return contents.unreadable.empty() && contents.stamp == (status ? stamp_of(path, *status) : Stamp{});
+        return contents.unreadable.empty() &&
+               contents.stamp == (status ? stamp_of(path, *status) : Stamp{});
     } catch (const std::runtime_error &) {
         return false;
     }
@@ -292,7 +308,8 @@ std::shared_ptr<const Contents> current() {
             auto fresh = std::make_shared<const Contents>(read_contents(path));
             known.was_settled = fresh->stamp == Stamp{} || is_settled(fresh->stamp);
             known.contents = std::move(fresh);
-            if (known.contents->stamp != known.told_stamp || known.contents->problems != known.told) {
+            if (known.contents->stamp != known.told_stamp ||
+                known.contents->problems != known.told) {
                 news = known.contents->problems;
                 known.told_stamp = known.contents->stamp;
                 known.told = news;

@@ -1,8 +1,10 @@
-// The settings of platform.conf: one table of them, and getters that judge what the file says by it.
+// The settings of platform.conf: one table of them, and getters that judge what the file says by
+// it.
 //
-// The file has lines of `key = value`; blanks around both do not count, a line that begins with '#' is a comment. Of a key that occurs
-// several times the last line counts, of a list all of them, in order. The file is looked at in each call, so that a change holds at
-// once, and read again when it has changed. A missing file is an empty one.
+// The file has lines of `key = value`; blanks around both do not count, a line that begins with '#'
+// is a comment. Of a key that occurs several times the last line counts, of a list all of them, in
+// order. The file is looked at in each call, so that a change holds at once, and read again when it
+// has changed. A missing file is an empty one.
 #pragma once
 
 #include <optional>
@@ -18,10 +20,13 @@ enum class SettingKind { number, yes_no, choice, text, list, wwn };
 struct Setting {
     std::string_view name;
     SettingKind kind;
-    std::string_view fallback;   // what holds without the setting, as it would stand in the file; empty: not set
-    std::string_view read;       // when a change holds
-    std::string_view fails = {}; // what fails with a bad value or a file that can't be read; empty: the default holds
-    long least = 0;              // of a number its value; of a list the octets of each value, where `most` is not 0
+    // what holds without the setting, as it would stand in the file; empty: not set
+    std::string_view fallback;
+    std::string_view read; // when a change holds
+    std::string_view fails =
+        {}; // what fails with a bad value or a file that can't be read; empty: the default holds
+    long least =
+        0; // of a number its value; of a list the octets of each value, where `most` is not 0
     long most = 0;
     std::string_view words = {}; // of a choice
     bool is_secret = false;      // holds, or may hold, a passphrase: it is shown to nobody
@@ -95,31 +100,37 @@ using NumberSetting = SettingName<SettingKind::number>;
 using TextSetting = SettingName<SettingKind::text, SettingKind::choice, SettingKind::wwn>;
 using ListSetting = SettingName<SettingKind::list>;
 
-// Something is wrong with the file, and may not be passed over. The text names the file, the line and what fails, and holds no passphrase.
+// Something is wrong with the file, and may not be passed over. The text names the file, the line
+// and what fails, and holds no passphrase.
 class SettingsError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
 };
 
-// What holds. Where something `fails` with the setting, they throw SettingsError for a bad value, and when the file can't be read;
-// otherwise the default holds.
-std::optional<long> number_setting(NumberSetting name); // nothing when it is not set and has no default
+// What holds. Where something `fails` with the setting, they throw SettingsError for a bad value,
+// and when the file can't be read; otherwise the default holds. nothing when it is not set and has
+// no default
+std::optional<long> number_setting(NumberSetting name);
 std::string text_setting(TextSetting name);
 std::vector<std::string> list_setting(ListSetting name);
 
-// The same of any setting: its value, `yes` or `no` of that kind, or all values of a list; nothing when it is not set.
+// The same of any setting: its value, `yes` or `no` of that kind, or all values of a list; nothing
+// when it is not set.
 std::vector<std::string> setting_values(const Setting &setting);
 
 // Whether the file, as it is now, says nothing of the setting.
 bool is_default(const Setting &setting);
 
-// Throws SettingsError when the file is there and can't be read. Whoever goes on without it would go on under other rules.
+// Throws SettingsError when the file is there and can't be read. Whoever goes on without it would
+// go on under other rules.
 void require_settings();
 
-// What is amiss with the file as it is now: a line for each bad value, each unknown key, each line without '='; or that it can't be read.
+// What is amiss with the file as it is now: a line for each bad value, each unknown key, each line
+// without '='; or that it can't be read.
 std::vector<std::string> settings_problems();
 
-// Who is told of these problems, once in a process and after each change of the file: when one of the functions above comes upon them.
+// Who is told of these problems, once in a process and after each change of the file: when one of
+// the functions above comes upon them.
 using SettingsListener = void (*)(const std::string &problem);
 void tell_settings_problems_to(SettingsListener listener);
 

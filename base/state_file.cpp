@@ -17,12 +17,13 @@ namespace {
 
 constexpr mode_t owner_only = 0600;
 
-// The lock file's octets that are locked (none needs to be there). Whoever wants the files waits in the turnstile, so that a steady
-// stream of readers cannot keep a writer out.
+// The lock file's octets that are locked (none needs to be there). Whoever wants the files waits in
+// the turnstile, so that a steady stream of readers cannot keep a writer out.
 constexpr off_t turnstile = 0;
 constexpr off_t protected_files = 1;
 
-// Locks or unlocks (fcntl(2), l_type) one octet. The locks belong to the open file, so that threads exclude each other as well.
+// Locks or unlocks (fcntl(2), l_type) one octet. The locks belong to the open file, so that threads
+// exclude each other as well.
 void lock_octet(const UniqueFd &file, const std::filesystem::path &path, off_t octet, short type,
                 std::chrono::steady_clock::time_point deadline) {
     struct flock request {};
@@ -33,7 +34,8 @@ void lock_octet(const UniqueFd &file, const std::filesystem::path &path, off_t o
     // The waiting call knows no time limit, and an alarm would disturb the program around us.
     constexpr std::chrono::milliseconds first_pause{1};
     constexpr std::chrono::milliseconds longest_pause{10};
-    for (auto pause = first_pause; ::fcntl(file.get(), F_OFD_SETLK, &request) != 0; pause = std::min(2 * pause, longest_pause)) {
+    for (auto pause = first_pause; ::fcntl(file.get(), F_OFD_SETLK, &request) != 0;
+         pause = std::min(2 * pause, longest_pause)) {
         if (errno != EAGAIN && errno != EACCES && errno != EINTR) {
             throw_errno("cannot lock", path.native());
         }
@@ -49,7 +51,9 @@ void lock_octet(const UniqueFd &file, const std::filesystem::path &path, off_t o
 FileLock::FileLock(const std::filesystem::path &path, Mode mode, std::chrono::milliseconds wait) {
     {
         const ActingAsOwner owner(path.parent_path());
-        file_ = UniqueFd(check(::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, owner_only), "cannot open", path.native()));
+        file_ = UniqueFd(
+            check(::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, owner_only),
+                  "cannot open", path.native()));
     }
     const auto deadline = std::chrono::steady_clock::now() + wait;
     lock_octet(file_, path, turnstile, F_WRLCK, deadline);

@@ -28,7 +28,8 @@ constexpr StatusText status_texts[] = {
     {0x40490002U, "no such entry"},
     {0x40490009U, "the message could not be sent"},
     {0x40490049U, "another copy is in progress"},
-    {0x4049004AU, "only the running configuration can be copied to the startup configuration of the fabric"},
+    {0x4049004AU,
+     "only the running configuration can be copied to the startup configuration of the fabric"},
     {0x4049004BU, "source and destination are both network files"},
     {0x4049004CU, "a network file can't be copied to the startup configuration"},
     {0x4049004DU, "source and destination are the same"},
@@ -42,12 +43,14 @@ constexpr std::uint32_t system_manager_family = 0x401E0000U;
 
 const char *known_text(std::uint32_t code) {
     const auto *const found =
-        std::find_if(std::begin(status_texts), std::end(status_texts), [code](const StatusText &entry) { return entry.code == code; });
+        std::find_if(std::begin(status_texts), std::end(status_texts),
+                     [code](const StatusText &entry) { return entry.code == code; });
     return found == std::end(status_texts) ? nullptr : found->text;
 }
 
 const char *other_text(std::uint32_t code, StatusBuffer &buffer) {
-    const char *family = (code & family_mask) == system_manager_family ? "system manager" : "unknown";
+    const char *family =
+        (code & family_mask) == system_manager_family ? "system manager" : "unknown";
     std::snprintf(buffer.data(), buffer.size(), "%s status 0x%08x", family, code);
     return buffer.data();
 }

@@ -22,7 +22,7 @@ class UniqueFd {
     UniqueFd &operator=(const UniqueFd &) = delete;
     ~UniqueFd() { reset(); }
 
-    int get() const { return descriptor_; }
+    [[nodiscard]] int get() const { return descriptor_; }
     explicit operator bool() const { return descriptor_ >= 0; }
     int release() { return std::exchange(descriptor_, -1); }
     void reset(int descriptor = -1) {

@@ -27,7 +27,9 @@ constexpr int32_t written_index = 2;
 
 void choose_history(const std::string &word) {
     std::ofstream(std::getenv("ULMO_CONF")) << "history = " << word << "\n";
-    const auto takes = [](uint32_t subtype) { return evtrace_hist_event_subtype_check(0, subtype) == 0; };
+    const auto takes = [](uint32_t subtype) {
+        return evtrace_hist_event_subtype_check(0, subtype) == 0;
+    };
     while (takes(EVTRACE_DEBUG) != (word == "all")) {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
@@ -37,8 +39,9 @@ void choose_history(const std::string &word) {
 class Column {
   public:
     explicit Column(uint8_t magic) {
-        const auto *entry = std::find_if(std::begin(config_copy_mib_variables), std::end(config_copy_mib_variables),
-                                         [&](const variable7 &each) { return each.magic == magic; });
+        const auto *entry =
+            std::find_if(std::begin(config_copy_mib_variables), std::end(config_copy_mib_variables),
+                         [&](const variable7 &each) { return each.magic == magic; });
         variable_.magic = entry->magic;
         variable_.type = static_cast<decltype(variable_.type)>(entry->type);
         variable_.acl = entry->acl;
@@ -69,7 +72,8 @@ class Column {
     WriteMethod *write_ = nullptr;
 };
 
-void get(benchmark::State &state, const char *history, uint8_t magic, std::initializer_list<oid> index) {
+void get(benchmark::State &state, const char *history, uint8_t magic,
+         std::initializer_list<oid> index) {
     choose_history(history);
     Column column(magic);
     for (auto _ : state) {
@@ -113,17 +117,19 @@ void set(benchmark::State &state, const char *history) {
         for (size_t i = 0; i < columns.size(); ++i) {
             states[i] = columns[i].look_up({written_index});
         }
-        for (const int phase :
-             {SNMP_MSG_INTERNAL_SET_RESERVE1, SNMP_MSG_INTERNAL_SET_RESERVE2, SNMP_MSG_INTERNAL_SET_ACTION, SNMP_MSG_INTERNAL_SET_COMMIT}) {
+        for (const int phase : {SNMP_MSG_INTERNAL_SET_RESERVE1, SNMP_MSG_INTERNAL_SET_RESERVE2,
+                                SNMP_MSG_INTERNAL_SET_ACTION, SNMP_MSG_INTERNAL_SET_COMMIT}) {
             for (size_t i = 0; i < columns.size(); ++i) {
                 const Written &value = whole_row[i];
                 const bool is_text = !value.text.empty();
-                const int status = columns[i].write(phase, is_text ? ASN_OCTET_STR : ASN_INTEGER,
-                                                    is_text ? static_cast<const void *>(value.text.data()) : &value.number,
-                                                    is_text ? value.text.size() : sizeof value.number, states[i]);
+                const int status = columns[i].write(
+                    phase, is_text ? ASN_OCTET_STR : ASN_INTEGER,
+                    is_text ? static_cast<const void *>(value.text.data()) : &value.number,
+                    is_text ? value.text.size() : sizeof value.number, states[i]);
                 if (status != SNMP_ERR_NOERROR) {
-                    const std::string told = "phase " + std::to_string(phase) + ", column of magic " + std::to_string(value.magic) + ": " +
-                                             std::to_string(status);
+                    const std::string told = "phase " + std::to_string(phase) +
+                                             ", column of magic " + std::to_string(value.magic) +
+                                             ": " + std::to_string(status);
                     state.SkipWithError(told.c_str());
                     return;
                 }
@@ -138,7 +144,8 @@ void set(benchmark::State &state, const char *history) {
 
 void fill() {
     bench::fill_rows(read_index);
-    if (keyedset_create(&ccCopyErrorTable, 1, 1, ccCopyErrorEntry_comp_func, 1) != KEYEDSET_CREATED) {
+    if (keyedset_create(&ccCopyErrorTable, 1, 1, ccCopyErrorEntry_comp_func, 1) !=
+        KEYEDSET_CREATED) {
         throw std::runtime_error("the error table can't be created");
     }
     ccCopyEntry request = {};
@@ -159,12 +166,14 @@ int main(int argc, char **argv) {
         fill();
         for (const char *history : {"errors", "all"}) {
             const std::string name = std::string("/history:") + history;
-            benchmark::RegisterBenchmark(("GET_ccCopyState" + name).c_str(),
-                                         [=](auto &state) { get(state, history, CC_MAGIC_STATE, {read_index}); });
+            benchmark::RegisterBenchmark(("GET_ccCopyState" + name).c_str(), [=](auto &state) {
+                get(state, history, CC_MAGIC_STATE, {read_index});
+            });
             benchmark::RegisterBenchmark(("GET_ccCopyErrorText" + name).c_str(), [=](auto &state) {
                 get(state, history, CC_MAGIC_ERROR_TEXT, {read_index, 1});
             });
-            benchmark::RegisterBenchmark(("SET_of_a_row" + name).c_str(), [=](auto &state) { set(state, history); });
+            benchmark::RegisterBenchmark(("SET_of_a_row" + name).c_str(),
+                                         [=](auto &state) { set(state, history); });
         }
     });
 }

@@ -1,4 +1,5 @@
-// The read handlers: what one call of the agent costs, for each registered column, as a GET and as a GETNEXT.
+// The read handlers: what one call of the agent costs, for each registered column, as a GET and as
+// a GETNEXT.
 #include "bench_support.h"
 
 #include "config_copy_mib.h"
@@ -44,7 +45,8 @@ constexpr std::array COLUMNS{
 };
 static_assert(COLUMNS.size() == CC_VARIABLE_COUNT);
 
-// The variable as the agent hands it to a read handler: with the whole OID of the column instead of the suffix.
+// The variable as the agent hands it to a read handler: with the whole OID of the column instead of
+// the suffix.
 variable as_registered(const variable7 &entry) {
     variable whole = {};
     whole.magic = entry.magic;
@@ -74,7 +76,9 @@ void read_column(benchmark::State &state, const variable7 &entry, int exact) {
         name[length++] = exact != 0 ? wanted : wanted - 1; // a GETNEXT asks with the OID before
         size_t value_length = 0;
         WriteMethod *write_method = nullptr;
-        if (column.findVar(&column, name, &length, exact, &value_length, &write_method) == nullptr || index[errors ? 1 : 0] != wanted) {
+        if (column.findVar(&column, name, &length, exact, &value_length, &write_method) ==
+                nullptr ||
+            index[errors ? 1 : 0] != wanted) {
             state.SkipWithError("no value, or another row's");
             break;
         }
@@ -83,7 +87,8 @@ void read_column(benchmark::State &state, const variable7 &entry, int exact) {
 }
 
 void fill_errors() {
-    if (keyedset_create(&ccCopyErrorTable, 1, 1, ccCopyErrorEntry_comp_func, 1) != KEYEDSET_CREATED) {
+    if (keyedset_create(&ccCopyErrorTable, 1, 1, ccCopyErrorEntry_comp_func, 1) !=
+        KEYEDSET_CREATED) {
         throw std::runtime_error("the error table can't be created");
     }
     ccCopyEntry request = {};
@@ -92,7 +97,8 @@ void fill_errors() {
     error.ccCopyIndex = request.ccCopyIndex;
     error.ccCopyErrorDeviceAddrType = INET_ADDRESS_IPV4;
     std::snprintf(error.ccCopyErrorDeviceAddr, sizeof error.ccCopyErrorDeviceAddr, "192.0.2.7");
-    std::snprintf(error.ccCopyErrorText, sizeof error.ccCopyErrorText, "the startup configuration could not be written");
+    std::snprintf(error.ccCopyErrorText, sizeof error.ccCopyErrorText,
+                  "the startup configuration could not be written");
     for (error.ccCopyErrorIndex = 1; error.ccCopyErrorIndex <= ERRORS; ++error.ccCopyErrorIndex) {
         if (addCcCopyErrorEntry(&request, &error) != 0) {
             throw std::runtime_error("an error row can't be added");
@@ -102,13 +108,17 @@ void fill_errors() {
 
 void register_columns() {
     for (const variable7 &entry : config_copy_mib_variables) {
-        const auto *column = std::find_if(COLUMNS.begin(), COLUMNS.end(), [&](const Column &each) { return each.magic == entry.magic; });
+        const auto *column = std::find_if(COLUMNS.begin(), COLUMNS.end(), [&](const Column &each) {
+            return each.magic == entry.magic;
+        });
         if (column == COLUMNS.end()) {
             throw std::runtime_error("a registered column has no name here");
         }
         for (const int exact : {1, 0}) {
             const std::string name = std::string(column->name) + (exact != 0 ? "/get" : "/getnext");
-            benchmark::RegisterBenchmark(name.c_str(), [&entry, exact](benchmark::State &state) { read_column(state, entry, exact); });
+            benchmark::RegisterBenchmark(name.c_str(), [&entry, exact](benchmark::State &state) {
+                read_column(state, entry, exact);
+            });
         }
     }
 }

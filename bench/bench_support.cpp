@@ -25,8 +25,10 @@ void fill_rows(int32_t count) {
         row->ccCopyEntryRowStatus = ROW_STATUS_ACTIVE;
         row->ccCopyTimeStarted = row->ccCopyTimeCompleted = {row->create_time, 0};
         row->ccCopyServerAddressType = INET_ADDRESS_IPV4;
-        std::snprintf(row->ccCopyServerAddressRev1, sizeof row->ccCopyServerAddressRev1, "192.0.2.1");
-        std::snprintf(row->ccCopyFileName, sizeof row->ccCopyFileName, "/backup/switch-%d.cfg", index);
+        std::snprintf(row->ccCopyServerAddressRev1, sizeof row->ccCopyServerAddressRev1,
+                      "192.0.2.1");
+        std::snprintf(row->ccCopyFileName, sizeof row->ccCopyFileName, "/backup/switch-%d.cfg",
+                      index);
         std::snprintf(row->ccCopyUserName, sizeof row->ccCopyUserName, "operator");
         if (addCcCopyEntry(row) != 0) {
             ccCopyEntry_free(row);
@@ -68,7 +70,8 @@ int run(int argc, char **argv, const std::function<void()> &prepare) {
     try {
         benchmark::Initialize(&argc, argv);
         prepare();
-        if (!benchmark::ReportUnrecognizedArguments(argc, argv) && benchmark::RunSpecifiedBenchmarks() != 0) {
+        if (!benchmark::ReportUnrecognizedArguments(argc, argv) &&
+            benchmark::RunSpecifiedBenchmarks() != 0) {
             status = EXIT_SUCCESS;
         }
     } catch (const std::exception &error) {

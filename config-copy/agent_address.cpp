@@ -43,23 +43,27 @@ constexpr std::array<Transport, 10> transports{{{"", Family::any, false},
 
 const Transport *transport_of(std::string_view name) {
     const auto *found =
-        std::find_if(transports.begin(), transports.end(), [&](const Transport &transport) { return transport.name == name; });
+        std::find_if(transports.begin(), transports.end(),
+                     [&](const Transport &transport) { return transport.name == name; });
     return found == transports.end() ? nullptr : found;
 }
 
 bool is_numeric(const std::string &text) {
     in6_addr octets{};
-    return ::inet_pton(AF_INET, text.c_str(), &octets) == 1 || ::inet_pton(AF_INET6, text.c_str(), &octets) == 1;
+    return ::inet_pton(AF_INET, text.c_str(), &octets) == 1 ||
+           ::inet_pton(AF_INET6, text.c_str(), &octets) == 1;
 }
 
 bool connects(const addrinfo &address) {
-    const ulmo::UniqueFd connection(::socket(address.ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    const ulmo::UniqueFd connection(
+        ::socket(address.ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (!connection) {
         return false;
     }
     int error = ::connect(connection.get(), address.ai_addr, address.ai_addrlen) == 0 ? 0 : errno;
     if (error == EINPROGRESS) {
-        std::array<pollfd, 2> waited{{{connection.get(), POLLOUT, 0}, {interrupt_descriptor(), POLLIN, 0}}};
+        std::array<pollfd, 2> waited{
+            {{connection.get(), POLLOUT, 0}, {interrupt_descriptor(), POLLIN, 0}}};
         error = ETIMEDOUT;
         if (::poll(waited.data(), waited.size(), connect_time) > 0 && waited[0].revents != 0) {
             socklen_t length = sizeof error;
@@ -99,8 +103,8 @@ AgentAddress parse_agent(const std::string &agent) {
         parts.port = colon == std::string::npos ? "" : rest.substr(colon + 1);
     }
     const auto is_digit = [](char c) { return c >= '0' && c <= '9'; };
-    parts.is_understood =
-        !parts.host.empty() && parts.host.find('/') == std::string::npos && std::all_of(parts.port.begin(), parts.port.end(), is_digit);
+    parts.is_understood = !parts.host.empty() && parts.host.find('/') == std::string::npos &&
+                          std::all_of(parts.port.begin(), parts.port.end(), is_digit);
     return parts;
 }
 
@@ -112,16 +116,22 @@ std::string reachable_address(const std::string &agent) {
     }
     addrinfo hints{};
     hints.ai_socktype = transport->is_tcp ? SOCK_STREAM : SOCK_DGRAM;
-    hints.ai_family = transport->family == Family::ipv4 ? AF_INET : transport->family == Family::ipv6 ? AF_INET6 : AF_UNSPEC;
+    hints.ai_family = transport->family == Family::ipv4   ? AF_INET
+                      : transport->family == Family::ipv6 ? AF_INET6
+                                                          : AF_UNSPEC;
     const std::string port = parts.port.empty() ? "161" : parts.port;
     const Addresses list = look_up("agent", parts.host, port.c_str(), hints);
     if (transport->is_tcp && !connects(*list)) {
-        throw Failure(Ending::unreachable, "no connection to " + agent + ": check the address, and whether the agent listens on TCP");
+        throw Failure(Ending::unreachable,
+                      "no connection to " + agent +
+                          ": check the address, and whether the agent listens on TCP");
     }
     std::array<char, NI_MAXHOST> address{};
-    ::getnameinfo(list->ai_addr, list->ai_addrlen, address.data(), address.size(), nullptr, 0, NI_NUMERICHOST);
+    ::getnameinfo(list->ai_addr, list->ai_addrlen, address.data(), address.size(), nullptr, 0,
+                  NI_NUMERICHOST);
     const std::string family = list->ai_family == AF_INET6 ? "6:[" : ":";
-    return (transport->is_tcp ? "tcp" : "udp") + family + address.data() + (list->ai_family == AF_INET6 ? "]:" : ":") + port;
+    return (transport->is_tcp ? "tcp" : "udp") + family + address.data() +
+           (list->ai_family == AF_INET6 ? "]:" : ":") + port;
 }
 
 } // namespace config_copy

@@ -16,11 +16,13 @@ std::string words_of_credentials(TroubleKind kind, const std::string &detail) {
     case TroubleKind::unknown_user:
         return "the agent does not know this SNMPv3 user: check -u";
     case TroubleKind::wrong_authentication:
-        return "the agent does not accept the user's authentication: check the passphrase (-A) and the "
+        return "the agent does not accept the user's authentication: check the passphrase (-A) and "
+               "the "
                "protocol (-a" +
                in_use + ')';
     case TroubleKind::wrong_privacy:
-        return "the agent can't decrypt the user's requests: check the passphrase (-X) and the protocol "
+        return "the agent can't decrypt the user's requests: check the passphrase (-X) and the "
+               "protocol "
                "(-x" +
                in_use + ')';
     case TroubleKind::level_without_keys:
@@ -29,7 +31,8 @@ std::string words_of_credentials(TroubleKind kind, const std::string &detail) {
     case TroubleKind::other_engine:
         return "the agent has another engine id: check -e";
     case TroubleKind::unsettled_time:
-        return "the agent's engine time does not settle: does another agent have the same engine id?";
+        return "the agent's engine time does not settle: does another agent have the same engine "
+               "id?";
     default:
         return {};
     }
@@ -45,12 +48,16 @@ std::string words_of_silence(const Trouble &trouble) {
     case TroubleKind::silent_now:
         return "it answered before; is it still running?";
     case TroubleKind::silent_to_user:
-        return "an agent is there, but does not answer this user's requests: check the context (-n) and "
+        return "an agent is there, but does not answer this user's requests: check the context "
+               "(-n) and "
                "the user's settings";
     default:
-        return std::string("check the address, whether the agent runs, and whether a firewall lets SNMP "
-                           "pass") +
-               (trouble.number == SNMP_VERSION_3 ? "" : "; a wrong community (-c) is not answered either");
+        return std::string(
+                   "check the address, whether the agent runs, and whether a firewall lets SNMP "
+                   "pass") +
+               (trouble.number == SNMP_VERSION_3
+                    ? ""
+                    : "; a wrong community (-c) is not answered either");
     }
 }
 
@@ -59,13 +66,17 @@ std::string words_of_silence(const Trouble &trouble) {
 Session session_with(const netsnmp_session &defaults, const std::string &agent, bool is_verbose) {
     Tell tell;
     if (is_verbose) { // in one piece, as other sessions tell theirs at the same time
-        tell = [agent](const std::string &words) { std::cerr << "config-copy: " + agent + ": " + words + '\n' << std::flush; };
+        tell = [agent](const std::string &words) {
+            std::cerr << "config-copy: " + agent + ": " + words + '\n' << std::flush;
+        };
     }
     return {defaults, {agent, reachable_address(agent)}, interrupt_descriptor(), std::move(tell)};
 }
 
 Failure failure_of(const Trouble &trouble, const std::string &agent) {
-    const auto key_missing = [&](const char *what) { return bad_usage("the security level " + trouble.detail + " needs " + what); };
+    const auto key_missing = [&](const char *what) {
+        return bad_usage("the security level " + trouble.detail + " needs " + what);
+    };
     switch (trouble.kind) {
     case TroubleKind::no_session:
         return bad_usage("no session with " + agent + ": " + trouble.detail);
@@ -78,29 +89,39 @@ Failure failure_of(const Trouble &trouble, const std::string &agent) {
         return key_missing("a privacy passphrase: give -X PASSPHRASE with -x PROTOCOL, or "
                            "defPrivPassphrase in snmp.conf");
     case TroubleKind::no_user:
-        return bad_usage("no SNMPv3 user can be made of the options and snmp.conf: check -u, -l, -A and "
-                         "-X");
+        return bad_usage(
+            "no SNMPv3 user can be made of the options and snmp.conf: check -u, -l, -A and "
+            "-X");
     case TroubleKind::no_message:
-        return bad_usage("no request to " + agent +
-                         " can be made: " + words_of_error(kind_of_error(static_cast<int>(trouble.number)), trouble));
+        return bad_usage("no request to " + agent + " can be made: " +
+                         words_of_error(kind_of_error(static_cast<int>(trouble.number)), trouble));
     case TroubleKind::silent:
     case TroubleKind::silent_to_user:
     case TroubleKind::silent_now:
-        return {Ending::unreachable, "no answer from " + agent + " in " + trouble.detail + " s: " + words_of_silence(trouble)};
+        return {Ending::unreachable, "no answer from " + agent + " in " + trouble.detail +
+                                         " s: " + words_of_silence(trouble)};
     case TroubleKind::read_refused:
         return {Ending::refused,
                 trouble.number == SNMP_ERR_AUTHORIZATIONERROR && !trouble.detail.empty()
                     ? agent + ": " + words_of_low_level(trouble.detail)
-                    : agent + " refuses a read with " + ::snmp_errstring(static_cast<int>(trouble.number)) + ": " + read_view_needed};
+                    : agent + " refuses a read with " +
+                          ::snmp_errstring(static_cast<int>(trouble.number)) + ": " +
+                          read_view_needed};
     case TroubleKind::making_refused:
-        return {Ending::refused, agent + ": " + words_of_refusal(trouble.number, trouble.column, trouble.detail)};
+        return {Ending::refused,
+                agent + ": " + words_of_refusal(trouble.number, trouble.column, trouble.detail)};
     case TroubleKind::making_lost:
-        return {Ending::unreachable, agent + " answers, but no copy request can be made: too many packets are lost"};
+        return {Ending::unreachable,
+                agent + " answers, but no copy request can be made: too many packets are lost"};
     case TroubleKind::activation_lost:
-        return {Ending::unreachable, agent + " answers, but the copy can't be started: too many packets are lost"};
+        return {Ending::unreachable,
+                agent + " answers, but the copy can't be started: too many packets are lost"};
     case TroubleKind::row_gone:
-        return {Ending::failed, agent + ": the request is gone, so the outcome is not known: the agent was restarted, or "
-                                        "somebody removed it; `cmdshell -c \"show copies\"` on the switch may show it"};
+        return {
+            Ending::failed,
+            agent +
+                ": the request is gone, so the outcome is not known: the agent was restarted, or "
+                "somebody removed it; `cmdshell -c \"show copies\"` on the switch may show it"};
     default:
         return {Ending::refused, agent + ": " + words_of_error(trouble.kind, trouble)};
     }

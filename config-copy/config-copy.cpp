@@ -35,33 +35,42 @@ CopyOrder order_of(const Options &options) {
     }
     order.server = server_address(order.file().host);
     for (const std::string &agent : options.agents) {
-        file_name(order.file(), {host_value(agent), order.date}); // one that is too long shows before any copy begins
+        // one that is too long shows before any copy begins
+        file_name(order.file(), {host_value(agent), order.date});
     }
     const bool is_needed = needs_password(order.file());
-    if (takes_password(order.file()) && (!order.is_dry_run || options.password_file)) { // which asks nobody for one that it does not send
+    // which asks nobody for one that it does not send
+    if (takes_password(order.file()) && (!order.is_dry_run || options.password_file)) {
         order.password =
-            read_password(options.password_file, order.file().user + '@' + order.file().host, !is_needed, options.hosts_file == "-");
+            read_password(options.password_file, order.file().user + '@' + order.file().host,
+                          !is_needed, options.hosts_file == "-");
     }
-    if ((is_needed || !order.password.empty()) && std::any_of(options.agents.begin(), options.agents.end(), [&](const std::string &agent) {
+    if ((is_needed || !order.password.empty()) &&
+        std::any_of(options.agents.begin(), options.agents.end(), [&](const std::string &agent) {
             return is_readable_on_the_way(options.session, agent);
         })) {
-        std::cerr << "config-copy: warning: the password travels to the agent unencrypted: use SNMPv3 with -l authPriv\n";
+        std::cerr << "config-copy: warning: the password travels to the agent unencrypted: use "
+                     "SNMPv3 with -l authPriv\n";
     }
     return order;
 }
 
 void tell_interruption(const CopyOrder &order) {
     const std::string rest = words_of_what_goes_on(order.from.type, order.to.type);
-    std::cerr << "\nconfig-copy: interrupted: no request stays on the switch" << (rest.empty() ? "" : "; once begun, " + rest) << std::endl;
+    std::cerr << "\nconfig-copy: interrupted: no request stays on the switch"
+              << (rest.empty() ? "" : "; once begun, " + rest) << std::endl;
 }
 
 Ending copy(const Options &options, const CopyOrder &order, Output &output) {
     if (options.hosts_file) {
-        return ending_of_all(copy_on_all(options.session, options.agents, order, options.jobs, output));
+        return ending_of_all(
+            copy_on_all(options.session, options.agents, order, options.jobs, output));
     }
     const std::string &agent = options.agents.front();
     const Outcome outcome = copy(options.session, agent, order,
-                                 [&](std::string_view state, std::chrono::seconds elapsed) { output.progress(agent, state, elapsed); });
+                                 [&](std::string_view state, std::chrono::seconds elapsed) {
+                                     output.progress(agent, state, elapsed);
+                                 });
     output.outcome(outcome);
     return outcome.ending;
 }
@@ -122,7 +131,8 @@ Ending run(int count, char **words) {
         output->failure({ending, error.what()}, "");
     }
     if (output->error() != 0) {
-        std::cerr << "config-copy: standard output can't be written: " << std::strerror(output->error()) << std::endl;
+        std::cerr << "config-copy: standard output can't be written: "
+                  << std::strerror(output->error()) << std::endl;
         return ending == Ending::done ? Ending::failed : ending;
     }
     return ending;

@@ -13,7 +13,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Behind an opening quote: the value, and `rest` begins behind the closing one. Nothing when there is none.
+// Behind an opening quote: the value, and `rest` begins behind the closing one. Nothing when there
+// is none.
 std::optional<std::string> take_quoted(std::string_view &rest) {
     constexpr std::size_t octet_length = 3; // xHH
     constexpr int hexadecimal = 16;
@@ -28,7 +29,8 @@ std::optional<std::string> take_quoted(std::string_view &rest) {
         unsigned char octet = 0;
         const bool is_octet =
             rest.size() >= octet_length && rest.front() == 'x' &&
-            std::from_chars(rest.data() + 1, rest.data() + octet_length, octet, hexadecimal).ptr == rest.data() + octet_length;
+            std::from_chars(rest.data() + 1, rest.data() + octet_length, octet, hexadecimal).ptr ==
+                rest.data() + octet_length;
         if (!is_octet && rest.empty()) {
             return std::nullopt;
         }

@@ -34,7 +34,8 @@ std::string time_text(std::time_t time) {
 class Run {
   public:
     Run(Session &session, const CopyOrder &order, const Progress &progress)
-        : session_(session), order_(order), progress_(progress), row_(session), path_values_{host_value(session.agent()), order.date} {}
+        : session_(session), order_(order), progress_(progress),
+          row_(session), path_values_{host_value(session.agent()), order.date} {}
 
     Outcome run() {
         Outcome outcome = planned(order_, session_.agent());
@@ -51,7 +52,8 @@ class Run {
         }
         clean_up();
         if (row_.is_left()) {
-            outcome.text += "; its request " + std::to_string(row_.index()) + " could not be removed and goes by itself within 7 minutes";
+            outcome.text += "; its request " + std::to_string(row_.index()) +
+                            " could not be removed and goes by itself within 7 minutes";
         }
         return outcome;
     }
@@ -65,9 +67,11 @@ class Run {
             if (!reason.empty() && order_.wait_turn == 0s) {
                 throw busy(reason);
             }
-            outcome.text = outcome.agent + ": dry run, nothing is set: would copy " + outcome.from + " to " + outcome.to;
+            outcome.text = outcome.agent + ": dry run, nothing is set: would copy " + outcome.from +
+                           " to " + outcome.to;
             if (order_.has_file()) {
-                outcome.text += " (server " + outcome.server + ", file \"" + ulmo::one_line(outcome.file) + "\")";
+                outcome.text += " (server " + outcome.server + ", file \"" +
+                                ulmo::one_line(outcome.file) + "\")";
             }
             outcome.text += reason.empty() ? "" : " when its turn comes, as " + reason;
             outcome.text += "; whether this user may write shows only when a copy is made";
@@ -82,7 +86,9 @@ class Run {
   private:
     static constexpr const char *another_copy = "another copy is in progress";
 
-    bool is_save() const { return !order_.has_file() && order_.from.type == FileType::running; }
+    [[nodiscard]] bool is_save() const {
+        return !order_.has_file() && order_.from.type == FileType::running;
+    }
 
     // --- our turn ---
 
@@ -99,10 +105,12 @@ class Run {
                     outcome.start_time = time_text(std::time(nullptr));
                     return;
                 }
-                // A row that waits would be taken for the next save that begins on the switch, whoever asks for it.
+                // A row that waits would be taken for the next save that begins on the switch,
+                // whoever asks for it.
                 row_.destroy();
             }
-            const auto waited = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - began);
+            const auto waited =
+                std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - began);
             if (waited >= order_.wait_turn) {
                 throw busy(reason);
             }
@@ -111,19 +119,23 @@ class Run {
         }
     }
 
-    Failure busy(const std::string &reason) const {
-        return {Ending::busy, session_.agent() + ": " + reason +
-                                  (order_.wait_turn > 0s ? ", and did not end in " + std::to_string(order_.wait_turn.count()) + " s"
-                                                         : ": try again later, or queue with --wait-turn SECONDS")};
+    [[nodiscard]] Failure busy(const std::string &reason) const {
+        return {Ending::busy,
+                session_.agent() + ": " + reason +
+                    (order_.wait_turn > 0s
+                         ? ", and did not end in " + std::to_string(order_.wait_turn.count()) + " s"
+                         : ": try again later, or queue with --wait-turn SECONDS")};
     }
 
     bool is_any(long state) {
         const auto states = session_.instances(copy_column(CC_COLUMN_STATE));
-        return std::any_of(states.begin(), states.end(), [&](const Binding &row) { return number(row.value) == state; });
+        return std::any_of(states.begin(), states.end(),
+                           [&](const Binding &row) { return number(row.value) == state; });
     }
 
-    // Why the activation was refused; nothing when it succeeds after all. A transfer outlives its request, and then no request shows why
-    // the switch is busy. One that ended since the refusal has no request that runs either, so the switch is asked once more.
+    // Why the activation was refused; nothing when it succeeds after all. A transfer outlives its
+    // request, and then no request shows why the switch is busy. One that ended since the refusal
+    // has no request that runs either, so the switch is asked once more.
     std::string reason_of_refusal() {
         if (is_any(COPY_STATE_RUNNING)) {
             return another_copy;
@@ -131,36 +143,43 @@ class Run {
         if (activate()) {
             return {};
         }
-        return is_any(COPY_STATE_RUNNING) ? another_copy : "a transfer whose request was removed is still running";
+        return is_any(COPY_STATE_RUNNING) ? another_copy
+                                          : "a transfer whose request was removed is still running";
     }
 
-    // When a save begins, the agent marks the first request that waits as running, and when it ends, the first one that runs as ended. So a
-    // save of ours would leave another manager's request running for ever, and that one would block the switch.
+    // When a save begins, the agent marks the first request that waits as running, and when it
+    // ends, the first one that runs as ended. So a save of ours would leave another manager's
+    // request running for ever, and that one would block the switch.
     std::string reason_to_wait() {
         if (!is_save()) {
             return {};
         }
         const auto states = session_.instances(copy_column(CC_COLUMN_STATE));
-        const auto waiting =
-            std::find_if(states.begin(), states.end(), [](const Binding &state) { return number(state.value) == COPY_STATE_WAITING; });
+        const auto waiting = std::find_if(states.begin(), states.end(), [](const Binding &state) {
+            return number(state.value) == COPY_STATE_WAITING;
+        });
         if (waiting == states.end()) {
             return {};
         }
         const std::string index = std::to_string(waiting->name.back());
-        return "another manager's request " + index + " waits to be started, and this save would disturb it (`config-copy abort " +
+        return "another manager's request " + index +
+               " waits to be started, and this save would disturb it (`config-copy abort " +
                session_.agent() + ' ' + index + "` removes it)";
     }
 
     // --- the request ---
 
-    std::vector<std::pair<oid, Value>> columns() const {
+    [[nodiscard]] std::vector<std::pair<oid, Value>> columns() const {
         std::vector<std::pair<oid, Value>> columns;
-        const auto add = [&](oid column, Value value) { columns.emplace_back(column, std::move(value)); };
+        const auto add = [&](oid column, Value value) {
+            columns.emplace_back(column, std::move(value));
+        };
         add(CC_COLUMN_SOURCE_FILE_TYPE, static_cast<long>(order_.from.type));
         add(CC_COLUMN_DEST_FILE_TYPE, static_cast<long>(order_.to.type));
         if (order_.has_file()) {
             add(CC_COLUMN_PROTOCOL, static_cast<long>(order_.file().protocol));
-            add(CC_COLUMN_SERVER_ADDRESS_TYPE, order_.server.type); // before the address, which is read by it
+            // before the address, which is read by it
+            add(CC_COLUMN_SERVER_ADDRESS_TYPE, order_.server.type);
             add(CC_COLUMN_SERVER_ADDRESS_REV1, order_.server.octets);
             add(CC_COLUMN_FILE_NAME, file_name(order_.file(), path_values_));
             if (!order_.file().user.empty()) {
@@ -176,7 +195,10 @@ class Run {
     // A row that can't be read could be started, and would then seem to be gone.
     void check_that_we_may_read_it() {
         if (!number(session_.get({copy_cell(CC_COLUMN_STATE, row_.index())}).front())) {
-            throw Failure(Ending::refused, session_.agent() + ": the user may write the copy table but not read it: " + read_view_needed);
+            throw Failure(
+                Ending::refused,
+                session_.agent() +
+                    ": the user may write the copy table but not read it: " + read_view_needed);
         }
     }
 
@@ -184,7 +206,9 @@ class Run {
     bool activate() {
         const long status = row_.activate();
         if (status != SNMP_ERR_NOERROR && status != SNMP_ERR_GENERR) {
-            throw Failure(Ending::refused, session_.agent() + ": " + words_of_refused_activation(status, session_.low_level()));
+            throw Failure(Ending::refused,
+                          session_.agent() + ": " +
+                              words_of_refused_activation(status, session_.low_level()));
         }
         return status == SNMP_ERR_NOERROR;
     }
@@ -194,12 +218,15 @@ class Run {
     void await_end(Outcome &outcome) {
         const auto began = Clock::now();
         const CopyState end = row_.await_end([&] {
-            const auto elapsed = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - began);
+            const auto elapsed =
+                std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - began);
             if (elapsed >= order_.time_limit) {
                 const std::string rest = words_of_what_goes_on(order_.from.type, order_.to.type);
                 throw Failure(Ending::failed,
-                              session_.agent() + ": not finished in " + std::to_string(order_.time_limit.count()) + " s, so the " +
-                                  (rest.empty() ? "save was given up: does the system manager run?" : "request was removed; " + rest) +
+                              session_.agent() + ": not finished in " +
+                                  std::to_string(order_.time_limit.count()) + " s, so the " +
+                                  (rest.empty() ? "save was given up: does the system manager run?"
+                                                : "request was removed; " + rest) +
                                   " (--time-limit gives more time)");
             }
             progress_("copy running", elapsed);
@@ -211,12 +238,15 @@ class Run {
         const bool is_done = end.state == COPY_STATE_SUCCESSFUL;
         outcome.state = state_name(end.state);
         outcome.seconds = seconds_between(end.started, end.completed);
-        if (const auto line = line_of_copy(session_, row_.index(), number(end.started).value_or(0))) {
+        if (const auto line =
+                line_of_copy(session_, row_.index(), number(end.started).value_or(0))) {
             outcome.reason = line->reason;
             outcome.bytes = line->bytes;
             outcome.sha256 = line->sha256;
         }
-        const std::string duration = outcome.seconds ? (is_done ? " in " : " after ") + seconds_text(*outcome.seconds) + " s" : "";
+        const std::string duration =
+            outcome.seconds ? (is_done ? " in " : " after ") + seconds_text(*outcome.seconds) + " s"
+                            : "";
         const std::string what = outcome.from + " to " + outcome.to;
         if (is_done) {
             outcome.text = outcome.agent + ": " + what + " copied" + duration +
@@ -270,19 +300,23 @@ std::vector<SwitchOutcome> switches_of(Session &session, oid index) {
     Oid request = error_column(CC_ERROR_COLUMN_SWITCH_WWN);
     request.push_back(index);
     for (const auto &[name, wwn] : session.instances(request)) {
-        const std::vector<Value> values = session.get(
-            {error_cell(CC_ERROR_COLUMN_DEVICE_ADDR, index, name.back()), error_cell(CC_ERROR_COLUMN_TEXT, index, name.back())});
+        const std::vector<Value> values =
+            session.get({error_cell(CC_ERROR_COLUMN_DEVICE_ADDR, index, name.back()),
+                         error_cell(CC_ERROR_COLUMN_TEXT, index, name.back())});
         const std::string address = octets(values[0]);
-        switches.push_back(
-            {address.empty() ? "" : address_text(address), ulmo::wwn_to_text(octets(wwn)), ulmo::one_line(octets(values[1]))});
+        switches.push_back({address.empty() ? "" : address_text(address),
+                            ulmo::wwn_to_text(octets(wwn)), ulmo::one_line(octets(values[1]))});
     }
     return switches;
 }
 
 void check_table(Session &session) {
     if (!session.has_object(copy_cell(CC_COLUMN_ENTRY_ROW_STATUS, largest_index))) {
-        throw Failure(Ending::refused, session.agent() + " has no copy table that this user may read: does it load config_copy_mib, and "
-                                                         "does the user's read view hold .1.3.6.1.4.1.41927.9.96?");
+        throw Failure(
+            Ending::refused,
+            session.agent() +
+                " has no copy table that this user may read: does it load config_copy_mib, and "
+                "does the user's read view hold .1.3.6.1.4.1.41927.9.96?");
     }
 }
 
@@ -307,7 +341,8 @@ Outcome copy(Session &session, const CopyOrder &order, const Progress &progress)
     return order.is_dry_run ? run.rehearse() : run.run();
 }
 
-Outcome copy(const netsnmp_session &defaults, const std::string &agent, const CopyOrder &order, const Progress &progress) {
+Outcome copy(const netsnmp_session &defaults, const std::string &agent, const CopyOrder &order,
+             const Progress &progress) {
     Outcome outcome = planned(order, agent);
     try {
         Session session = session_with(defaults, agent, order.is_verbose);

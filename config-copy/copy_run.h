@@ -25,8 +25,12 @@ struct CopyOrder {
     bool is_dry_run = false;            // ask, and set nothing
     bool is_verbose = false;            // as of Session
     std::string snmp_user;              // of SNMPv3
-    bool has_file() const { return from.type == FileType::network || to.type == FileType::network; }
-    const FileUrl &file() const { return from.type == FileType::network ? from.url : to.url; }
+    [[nodiscard]] bool has_file() const {
+        return from.type == FileType::network || to.type == FileType::network;
+    }
+    [[nodiscard]] const FileUrl &file() const {
+        return from.type == FileType::network ? from.url : to.url;
+    }
 };
 
 // Called again and again while the copy goes on: what it is doing, and for how long.
@@ -35,20 +39,24 @@ using Progress = std::function<void(std::string_view state, std::chrono::seconds
 // What is known of a copy on the agent before it begins.
 Outcome planned(const CopyOrder &order, const std::string &agent);
 
-// Does the copy, after which the session is of no more use. No request of ours stays on the switch, whatever happens, as long as the agent
-// answers. A dry run asks what a request could meet. Throws Interrupted only.
+// Does the copy, after which the session is of no more use. No request of ours stays on the switch,
+// whatever happens, as long as the agent answers. A dry run asks what a request could meet. Throws
+// Interrupted only.
 Outcome copy(Session &session, const CopyOrder &order, const Progress &progress);
 
 // The same with a session of its own.
-Outcome copy(const netsnmp_session &defaults, const std::string &agent, const CopyOrder &order, const Progress &progress);
+Outcome copy(const netsnmp_session &defaults, const std::string &agent, const CopyOrder &order,
+             const Progress &progress);
 
-// How long a copy took, of ccCopyTimeStarted and ccCopyTimeCompleted; nothing when it has not ended.
+// How long a copy took, of ccCopyTimeStarted and ccCopyTimeCompleted; nothing when it has not
+// ended.
 std::optional<double> seconds_between(const Value &started, const Value &completed);
 
 // The rows of ccCopyErrorTable of one request.
 std::vector<SwitchOutcome> switches_of(Session &session, oid index);
 
-// Throws a Failure of refused when the agent has no copy table that we may read. Agents of SNMPv1 do not tell.
+// Throws a Failure of refused when the agent has no copy table that we may read. Agents of SNMPv1
+// do not tell.
 void check_table(Session &session);
 
 // A side as parse_side() takes it, with the templates filled in; never with a password.

@@ -24,9 +24,12 @@ constexpr std::array<Named<FileType>, 4> local_files{{{"running", FileType::runn
                                                       {"startup", FileType::startup},
                                                       {"fabric-startup", FileType::fabric_startup},
                                                       {"all-startup", FileType::all_startup}}};
-constexpr std::array<Named<FileType>, 2> synonyms{{{"running-config", FileType::running}, {"startup-config", FileType::startup}}};
-constexpr std::array<Named<Protocol>, 4> protocols{
-    {{"tftp", Protocol::tftp}, {"ftp", Protocol::ftp}, {"sftp", Protocol::sftp}, {"scp", Protocol::scp}}};
+constexpr std::array<Named<FileType>, 2> synonyms{
+    {{"running-config", FileType::running}, {"startup-config", FileType::startup}}};
+constexpr std::array<Named<Protocol>, 4> protocols{{{"tftp", Protocol::tftp},
+                                                    {"ftp", Protocol::ftp},
+                                                    {"sftp", Protocol::sftp},
+                                                    {"scp", Protocol::scp}}};
 
 std::string quoted(std::string_view text) {
     return '"' + std::string(text) + '"';
@@ -49,7 +52,9 @@ char decoded(std::string_view text, std::size_t at) {
     const auto high = at + 2 < text.size() ? hexadecimal(text[at + 1]) : std::nullopt;
     const auto low = at + 2 < text.size() ? hexadecimal(text[at + 2]) : std::nullopt;
     if (!high || !low) {
-        throw bad_usage("in " + quoted(text) + " two hexadecimal digits must follow each '%'; a '%' itself is written %25");
+        throw bad_usage(
+            "in " + quoted(text) +
+            " two hexadecimal digits must follow each '%'; a '%' itself is written %25");
     }
     return static_cast<char>(*high * 16 + *low);
 }
@@ -73,7 +78,8 @@ std::string encoded(std::string_view text, std::string_view special) {
     std::string result;
     for (const char c : text) {
         const auto octet = static_cast<unsigned char>(c);
-        if (octet <= ' ' || octet == 0x7F || std::string_view("%{}?#").find(c) != std::string_view::npos ||
+        if (octet <= ' ' || octet == 0x7F ||
+            std::string_view("%{}?#").find(c) != std::string_view::npos ||
             special.find(c) != std::string_view::npos) {
             result += {'%', digits[octet / 16], digits[octet % 16]};
         } else {
@@ -84,8 +90,10 @@ std::string encoded(std::string_view text, std::string_view special) {
 }
 
 void check_characters(std::string_view what, std::string_view text) {
-    if (std::any_of(text.begin(), text.end(), [](unsigned char c) { return c < ' ' || c == 0x7F; })) {
-        throw bad_usage("the " + std::string(what) + " has a control character: the switch takes none");
+    if (std::any_of(text.begin(), text.end(),
+                    [](unsigned char c) { return c < ' ' || c == 0x7F; })) {
+        throw bad_usage("the " + std::string(what) +
+                        " has a control character: the switch takes none");
     }
 }
 
@@ -105,7 +113,8 @@ std::string host_of(std::string_view text, std::string_view authority) {
             throw bad_usage("no ']' after the IPv6 address in " + quoted(text));
         }
         if (end + 1 != authority.size()) {
-            throw bad_usage("a port can't be chosen (" + quoted(text) + "): the switch uses the protocol's own, so leave it out");
+            throw bad_usage("a port can't be chosen (" + quoted(text) +
+                            "): the switch uses the protocol's own, so leave it out");
         }
         return std::string(authority.substr(1, end - 1));
     }
@@ -114,7 +123,8 @@ std::string host_of(std::string_view text, std::string_view authority) {
         throw bad_usage("write the IPv6 address in brackets, as in tftp://[2001:db8::1]/file");
     }
     if (colon != std::string_view::npos) {
-        throw bad_usage("a port can't be chosen (" + quoted(text) + "): the switch uses the protocol's own, so leave it out");
+        throw bad_usage("a port can't be chosen (" + quoted(text) +
+                        "): the switch uses the protocol's own, so leave it out");
     }
     return decoded(authority);
 }
@@ -128,7 +138,8 @@ FileUrl parse_url(std::string_view text, std::size_t scheme_length) {
     if (const std::size_t at = authority.rfind('@'); at != std::string_view::npos) {
         const std::string_view user = authority.substr(0, at);
         if (user.find(':') != std::string_view::npos) {
-            throw bad_usage("a password in a URL can be seen by others: use --password-file, standard input or the prompt");
+            throw bad_usage("a password in a URL can be seen by others: use --password-file, "
+                            "standard input or the prompt");
         }
         url.user = decoded(user);
         check_characters("user name", url.user);
@@ -136,23 +147,29 @@ FileUrl parse_url(std::string_view text, std::size_t scheme_length) {
     }
     url.host = host_of(text, authority);
     if (url.host.empty()) {
-        throw bad_usage("no host in " + quoted(text) + ": write " + std::string(name_of(url.protocol)) + "://host/path");
+        throw bad_usage("no host in " + quoted(text) + ": write " +
+                        std::string(name_of(url.protocol)) + "://host/path");
     }
     if (slash == std::string_view::npos || rest.ends_with('/')) {
-        throw bad_usage("no file name in " + quoted(text) + ": write " + std::string(name_of(url.protocol)) + "://host/path");
+        throw bad_usage("no file name in " + quoted(text) + ": write " +
+                        std::string(name_of(url.protocol)) + "://host/path");
     }
     url.path = std::string(rest.substr(slash + 1));
     if (const std::size_t at = url.path.find_first_of("?#"); at != std::string::npos) {
-        throw bad_usage("a '"s + url.path[at] + "' in a path is written " + (url.path[at] == '?' ? "%3F" : "%23"));
+        throw bad_usage("a '"s + url.path[at] + "' in a path is written " +
+                        (url.path[at] == '?' ? "%3F" : "%23"));
     }
     if (url.protocol == Protocol::tftp && !url.user.empty()) {
-        throw bad_usage("TFTP knows no users: leave out " + quoted(url.user + '@') + ", or use another protocol");
+        throw bad_usage("TFTP knows no users: leave out " + quoted(url.user + '@') +
+                        ", or use another protocol");
     }
     if (url.protocol != Protocol::tftp && url.user.empty()) {
-        throw bad_usage("no user in " + quoted(text) + ": write " + std::string(name_of(url.protocol)) + "://user@host/path");
+        throw bad_usage("no user in " + quoted(text) + ": write " +
+                        std::string(name_of(url.protocol)) + "://user@host/path");
     }
     if (url.user.size() > longest_user_name) {
-        throw bad_usage("the user name is longer than the " + std::to_string(longest_user_name) + " octets that the switch takes");
+        throw bad_usage("the user name is longer than the " + std::to_string(longest_user_name) +
+                        " octets that the switch takes");
     }
     return url;
 }
@@ -190,7 +207,8 @@ CopySide parse_side(std::string_view text) {
     }
     const std::size_t scheme_length = text.find("://");
     if (scheme_length == std::string_view::npos) {
-        throw bad_usage(quoted(text) + " is neither running, startup, fabric-startup nor all-startup, nor a URL such as tftp://host/path");
+        throw bad_usage(quoted(text) + " is neither running, startup, fabric-startup nor "
+                                       "all-startup, nor a URL such as tftp://host/path");
     }
     CopySide side{FileType::network, parse_url(text, scheme_length)};
     file_name(side.url, {"host", "date"}); // a bad name shows before anything is asked
@@ -198,19 +216,24 @@ CopySide parse_side(std::string_view text) {
 }
 
 void check_pair(const CopySide &from, const CopySide &to) {
-    const auto is_several = [](FileType type) { return type == FileType::fabric_startup || type == FileType::all_startup; };
+    const auto is_several = [](FileType type) {
+        return type == FileType::fabric_startup || type == FileType::all_startup;
+    };
     if (is_several(from.type)) {
-        throw bad_usage(std::string(name_of(from.type)) + " can only be copied to; to copy from this switch's own, write startup");
+        throw bad_usage(std::string(name_of(from.type)) +
+                        " can only be copied to; to copy from this switch's own, write startup");
     }
     if (from.type == FileType::network && to.type == FileType::network) {
         throw bad_usage("both sides are files on a server: one of them must be running or startup");
     }
     if (from.type == to.type) {
-        throw bad_usage("from " + std::string(name_of(from.type)) + " to " + std::string(name_of(to.type)) +
+        throw bad_usage("from " + std::string(name_of(from.type)) + " to " +
+                        std::string(name_of(to.type)) +
                         " copies nothing: name two different sides");
     }
     if (from.type == FileType::network && to.type == FileType::startup) {
-        throw bad_usage("the switch copies no file straight to startup: copy it to running, then running to startup");
+        throw bad_usage("the switch copies no file straight to startup: copy it to running, then "
+                        "running to startup");
     }
     if (is_several(to.type) && from.type != FileType::running) {
         throw bad_usage("only running can be copied to " + std::string(name_of(to.type)));
@@ -226,9 +249,11 @@ std::string file_name(const FileUrl &url, const PathValues &values) {
             i += 2;
         } else if (path[i] == '{') {
             const std::size_t end = path.find('}', i);
-            const std::string_view key = path.substr(i, end == std::string_view::npos ? end : end + 1 - i);
+            const std::string_view key =
+                path.substr(i, end == std::string_view::npos ? end : end + 1 - i);
             if (key != "{host}" && key != "{date}") {
-                throw bad_usage(quoted(key) + " can't be filled in: {host} and {date} can; a brace itself is written %7B or %7D");
+                throw bad_usage(quoted(key) + " can't be filled in: {host} and {date} can; a brace "
+                                              "itself is written %7B or %7D");
             }
             name += key == "{host}" ? values.host : values.date;
             i = end;
@@ -238,11 +263,12 @@ std::string file_name(const FileUrl &url, const PathValues &values) {
     }
     check_characters("file name", name);
     if (name.empty() || name.ends_with('/')) {
-        throw bad_usage("the file name " + quoted(name) + " names no file: write something after the last '/'");
+        throw bad_usage("the file name " + quoted(name) +
+                        " names no file: write something after the last '/'");
     }
     if (name.size() > longest_file_name) {
-        throw bad_usage("the file name " + quoted(name) + " is longer than the " + std::to_string(longest_file_name) +
-                        " octets that the switch takes");
+        throw bad_usage("the file name " + quoted(name) + " is longer than the " +
+                        std::to_string(longest_file_name) + " octets that the switch takes");
     }
     return name;
 }
@@ -273,12 +299,14 @@ std::string date_value(std::time_t now) {
     return {text.data(), std::strftime(text.data(), text.size(), "%Y-%m-%d", &local)};
 }
 
-std::string url_text(Protocol protocol, const std::string &user, const std::string &host, const std::string &path) {
+std::string url_text(Protocol protocol, const std::string &user, const std::string &host,
+                     const std::string &path) {
     constexpr std::string_view of_ipv6 = "0123456789abcdefABCDEF:.";
     const bool has_colon = host.find(':') != std::string::npos;
     const bool is_ipv6 = has_colon && host.find_first_not_of(of_ipv6) == std::string::npos;
     const bool is_missing = host == address_text(""); // of a request that is not filled in yet
-    return std::string(name_of(protocol)) + "://" + (user.empty() ? "" : encoded(user, "@:/") + '@') +
+    return std::string(name_of(protocol)) + "://" +
+           (user.empty() ? "" : encoded(user, "@:/") + '@') +
            (is_ipv6      ? '[' + host + ']'
             : is_missing ? host
                          : encoded(host, "@:/[]")) +
@@ -288,7 +316,8 @@ std::string url_text(Protocol protocol, const std::string &user, const std::stri
 bool needs_password(const FileUrl &url) {
     constexpr std::string_view anonymous = "anonymous";
     return url.protocol == Protocol::sftp ||
-           (url.protocol == Protocol::ftp && !equal_without_case(std::string_view(url.user).substr(0, anonymous.size()), anonymous));
+           (url.protocol == Protocol::ftp &&
+            !equal_without_case(std::string_view(url.user).substr(0, anonymous.size()), anonymous));
 }
 
 bool takes_password(const FileUrl &url) {

@@ -1,4 +1,5 @@
-// FROM and TO of a copy, as the user writes them: `running`, `startup`, `fabric-startup`, `all-startup`, or a file's URL.
+// FROM and TO of a copy, as the user writes them: `running`, `startup`, `fabric-startup`,
+// `all-startup`, or a file's URL.
 #pragma once
 
 #include "config-copy/copy_table.h"
@@ -33,14 +34,15 @@ struct PathValues {
     std::string date; // {date}: as in 2026-11-21
 };
 
-// The file's name on the server: the path with {host} and {date} filled in and percent-encoding undone. Throws a Failure of usage when it
-// is no name or longer than the switch takes.
+// The file's name on the server: the path with {host} and {date} filled in and percent-encoding
+// undone. Throws a Failure of usage when it is no name or longer than the switch takes.
 std::string file_name(const FileUrl &url, const PathValues &values);
 
 // Whether the path has the template, for instance "host".
 bool has_template(const FileUrl &url, std::string_view name);
 
-// The agent's name for {host}: letters, digits, dots, hyphens and underscores stay, whatever is between becomes a hyphen.
+// The agent's name for {host}: letters, digits, dots, hyphens and underscores stay, whatever is
+// between becomes a hyphen.
 std::string host_value(std::string_view agent);
 
 std::string date_value(std::time_t now);
@@ -50,7 +52,8 @@ bool needs_password(const FileUrl &url);
 bool takes_password(const FileUrl &url);
 
 // A file's URL as parse_side() takes it, from its decoded parts. `host` is a name or an address.
-std::string url_text(Protocol protocol, const std::string &user, const std::string &host, const std::string &path);
+std::string url_text(Protocol protocol, const std::string &user, const std::string &host,
+                     const std::string &path);
 
 std::string_view name_of(FileType type);
 std::string_view name_of(Protocol protocol);

@@ -10,7 +10,12 @@ namespace config_copy {
 
 using namespace copy_client;
 
-enum class Protocol { tftp = COPY_PROTO_TFTP, ftp = COPY_PROTO_FTP, scp = COPY_PROTO_SCP, sftp = COPY_PROTO_SFTP };
+enum class Protocol {
+    tftp = COPY_PROTO_TFTP,
+    ftp = COPY_PROTO_FTP,
+    scp = COPY_PROTO_SCP,
+    sftp = COPY_PROTO_SFTP
+};
 enum class FileType {
     network = COPY_FILE_NETWORK,
     startup = COPY_FILE_STARTUP,
@@ -20,7 +25,8 @@ enum class FileType {
 };
 
 inline constexpr std::size_t longest_file_name = 128; // octets, as of the columns
-inline constexpr std::size_t longest_user_name = 40;  // the column takes 41, and a name of 41 empties the password
+inline constexpr std::size_t longest_user_name =
+    40; // the column takes 41, and a name of 41 empties the password
 inline constexpr std::size_t longest_password = 41;
 
 } // namespace config_copy

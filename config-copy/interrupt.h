@@ -17,7 +17,8 @@ int interrupting_signal();
 // Becomes readable, for poll(2), when a signal has come, and stays so.
 int interrupt_descriptor();
 
-// Ends the process by the signal, as its starter expects it. To be called when everything is cleaned up.
+// Ends the process by the signal, as its starter expects it. To be called when everything is
+// cleaned up.
 [[noreturn]] void end_by_signal(int signal);
 
 } // namespace config_copy

@@ -15,7 +15,8 @@ namespace {
 using Json = nlohmann::ordered_json; // in the order of the manual page
 
 std::string line_of(const Json &object) {
-    return object.dump(-1, ' ', false, Json::error_handler_t::replace); // texts may come from anywhere
+    // texts may come from anywhere
+    return object.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
 // null for what is absent.
@@ -38,7 +39,8 @@ std::string key_of(Ending ending) {
 }
 
 std::string in_lower_case(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
     return text;
 }
 
@@ -48,10 +50,13 @@ Json cell(const std::string &text, bool is_number) {
     if (text == absent) {
         return {};
     }
-    if (!is_number || std::from_chars(text.data(), text.data() + text.size(), number).ec != std::errc{}) {
+    if (!is_number ||
+        std::from_chars(text.data(), text.data() + text.size(), number).ec != std::errc{}) {
         return text;
     }
-    return number == std::floor(number) && text.find('.') == std::string::npos ? Json(static_cast<std::uint64_t>(number)) : seconds(number);
+    return number == std::floor(number) && text.find('.') == std::string::npos
+               ? Json(static_cast<std::uint64_t>(number))
+               : seconds(number);
 }
 
 // All to standard output.
@@ -64,20 +69,28 @@ class JsonOutput : public Output {
         put(json_of(outcome) + '\n');
     }
 
-    void summary(const std::vector<Outcome> &outcomes) override { put(json_summary(outcomes) + '\n'); }
+    void summary(const std::vector<Outcome> &outcomes) override {
+        put(json_summary(outcomes) + '\n');
+    }
 
     void table(const Table &table) override {
         for (const auto &row : table.rows) {
             Json object{{"type", table.type}, {"agent", table.agent}};
             for (std::size_t i = 0; i < table.headings.size(); ++i) {
-                object[in_lower_case(table.headings[i].text)] = cell(row[i], table.headings[i].cells == Heading::numbers);
+                object[in_lower_case(table.headings[i].text)] =
+                    cell(row[i], table.headings[i].cells == Heading::numbers);
             }
             put(line_of(object) + '\n');
         }
     }
 
     void removed(const std::string &agent, unsigned long index, const std::string &text) override {
-        put(line_of({{"type", "removal"}, {"agent", agent}, {"index", index}, {"removed", true}, {"text", text}}) + '\n');
+        put(line_of({{"type", "removal"},
+                     {"agent", agent},
+                     {"index", index},
+                     {"removed", true},
+                     {"text", text}}) +
+            '\n');
     }
 
     void failure(const Failure &failure, const std::string &agent) override {
@@ -99,7 +112,8 @@ std::unique_ptr<Output> json_output() {
 std::string json_of(const Outcome &outcome) {
     Json switches = Json::array();
     for (const auto &[address, wwn, reported] : outcome.switches) {
-        switches.push_back({{"address", text_or_null(address)}, {"switch", wwn}, {"reported", reported}});
+        switches.push_back(
+            {{"address", text_or_null(address)}, {"switch", wwn}, {"reported", reported}});
     }
     return line_of({{"type", "copy"},
                     {"agent", outcome.agent},

@@ -15,12 +15,15 @@
 namespace config_copy {
 namespace {
 
-// Agents that are asked or wait for their place, beside those that copy: so many may be silent and hold up nobody.
+// Agents that are asked or wait for their place, beside those that copy: so many may be silent and
+// hold up nobody.
 constexpr rlim_t most_beside = 512;
 
-// How many agents to be in contact with at a time. The files that the process may open bound it, as each contact holds a socket, and before
-// that, while its name is looked up, one for each of up to three name servers. Waiting is no bound: it is poll(2)'s, and the library's
-// sets of descriptors grow. The soft limit of 1024 that processes mostly begin with is there for select(2), so it may be raised.
+// How many agents to be in contact with at a time. The files that the process may open bound it, as
+// each contact holds a socket, and before that, while its name is looked up, one for each of up to
+// three name servers. Waiting is no bound: it is poll(2)'s, and the library's sets of descriptors
+// grow. The soft limit of 1024 that processes mostly begin with is there for select(2), so it may
+// be raised.
 std::size_t contacts_for(std::size_t agents, int jobs) {
     constexpr rlim_t files_each = 3;
     constexpr rlim_t other_files = 32;
@@ -31,7 +34,8 @@ std::size_t contacts_for(std::size_t agents, int jobs) {
         files.rlim_cur = std::min(needed, files.rlim_max);
         ::setrlimit(RLIMIT_NOFILE, &files);
     }
-    return std::clamp<rlim_t>(files.rlim_cur > other_files ? (files.rlim_cur - other_files) / files_each : 0, 1, wanted);
+    return std::clamp<rlim_t>(
+        files.rlim_cur > other_files ? (files.rlim_cur - other_files) / files_each : 0, 1, wanted);
 }
 
 // One of the copies that may run at a time, held as long as the object is there.
@@ -52,7 +56,8 @@ class Place {
     std::counting_semaphore<> &places_;
 };
 
-Outcome copy_on(const netsnmp_session &defaults, const std::string &agent, const CopyOrder &order, std::counting_semaphore<> &places) {
+Outcome copy_on(const netsnmp_session &defaults, const std::string &agent, const CopyOrder &order,
+                std::counting_semaphore<> &places) {
     Outcome outcome = planned(order, agent);
     try {
         Session session = session_with(defaults, agent, order.is_verbose);
@@ -72,14 +77,16 @@ Outcome copy_on(const netsnmp_session &defaults, const std::string &agent, const
 
 } // namespace
 
-std::vector<Outcome> copy_on_all(const netsnmp_session &defaults, const std::vector<std::string> &agents, const CopyOrder &order, int jobs,
-                                 Output &output) {
+std::vector<Outcome> copy_on_all(const netsnmp_session &defaults,
+                                 const std::vector<std::string> &agents, const CopyOrder &order,
+                                 int jobs, Output &output) {
     std::vector<Outcome> outcomes(agents.size());
     std::atomic<std::size_t> next = 0;
     std::counting_semaphore<> places(jobs);
     const auto work = [&] {
         try {
-            for (std::size_t i = next++; i < agents.size() && interrupting_signal() == 0; i = next++) {
+            for (std::size_t i = next++; i < agents.size() && interrupting_signal() == 0;
+                 i = next++) {
                 outcomes[i] = copy_on(defaults, agents[i], order, places);
                 output.outcome(outcomes[i]);
             }

@@ -30,13 +30,14 @@ constexpr long most_jobs = 1000;
 long number_of(std::string_view what, std::string_view text, long least, long most) {
     const auto value = ulmo::parsed_number(text, least, most);
     if (!value) {
-        throw bad_usage(std::string(what) + " needs a number from " + std::to_string(least) + " to " + std::to_string(most) + ", not \"" +
-                        std::string(text) + '"');
+        throw bad_usage(std::string(what) + " needs a number from " + std::to_string(least) +
+                        " to " + std::to_string(most) + ", not \"" + std::string(text) + '"');
     }
     return *value;
 }
 
-// An option of ours. One that takes a value may be given once: which of two values counts is not for us to guess.
+// An option of ours. One that takes a value may be given once: which of two values counts is not
+// for us to guess.
 struct OwnOption {
     std::string_view name;
     bool takes_value;
@@ -44,12 +45,18 @@ struct OwnOption {
 };
 
 constexpr std::array<OwnOption, 13> own_options{
-    {{"--hosts", true, [](Options &options, std::string_view, const std::string &value) { options.hosts_file = value; }},
+    {{"--hosts", true,
+      [](Options &options, std::string_view, const std::string &value) {
+          options.hosts_file = value;
+      }},
      {"--jobs", true,
       [](Options &options, std::string_view name, const std::string &value) {
           options.jobs = static_cast<int>(number_of(name, value, 1, most_jobs));
       }},
-     {"--password-file", true, [](Options &options, std::string_view, const std::string &value) { options.password_file = value; }},
+     {"--password-file", true,
+      [](Options &options, std::string_view, const std::string &value) {
+          options.password_file = value;
+      }},
      {"--wait-turn", true,
       [](Options &options, std::string_view name, const std::string &value) {
           options.wait_turn = std::chrono::seconds(number_of(name, value, 0, longest_wait));
@@ -58,18 +65,34 @@ constexpr std::array<OwnOption, 13> own_options{
       [](Options &options, std::string_view name, const std::string &value) {
           options.time_limit = std::chrono::seconds(number_of(name, value, 1, longest_wait));
       }},
-     {"--dry-run", false, [](Options &options, std::string_view, const std::string &) { options.is_dry_run = true; }},
-     {"--verbose", false, [](Options &options, std::string_view, const std::string &) { options.is_verbose = true; }},
-     {"-q", false, [](Options &options, std::string_view, const std::string &) { options.is_quiet = true; }},
-     {"--quiet", false, [](Options &options, std::string_view, const std::string &) { options.is_quiet = true; }},
-     {"--json", false, [](Options &options, std::string_view, const std::string &) { options.is_json = true; }},
-     {"--help", false, [](Options &options, std::string_view, const std::string &) { options.command = Command::help; }},
-     {"-h", false, [](Options &options, std::string_view, const std::string &) { options.command = Command::help; }},
-     {"--version", false, [](Options &options, std::string_view, const std::string &) { options.command = Command::version; }}}};
+     {"--dry-run", false,
+      [](Options &options, std::string_view, const std::string &) { options.is_dry_run = true; }},
+     {"--verbose", false,
+      [](Options &options, std::string_view, const std::string &) { options.is_verbose = true; }},
+     {"-q", false,
+      [](Options &options, std::string_view, const std::string &) { options.is_quiet = true; }},
+     {"--quiet", false,
+      [](Options &options, std::string_view, const std::string &) { options.is_quiet = true; }},
+     {"--json", false,
+      [](Options &options, std::string_view, const std::string &) { options.is_json = true; }},
+     {"--help", false,
+      [](Options &options, std::string_view, const std::string &) {
+          options.command = Command::help;
+      }},
+     {"-h", false,
+      [](Options &options, std::string_view, const std::string &) {
+          options.command = Command::help;
+      }},
+     {"--version", false, [](Options &options, std::string_view, const std::string &) {
+          options.command = Command::version;
+      }}}};
 
-// How many letters must be changed, put in or left out to make the one word the other (Levenshtein), case and '_' for '-' aside.
+// How many letters must be changed, put in or left out to make the one word the other
+// (Levenshtein), case and '_' for '-' aside.
 std::size_t distance(std::string_view a, std::string_view b) {
-    const auto plain = [](char c) { return c == '_' ? '-' : static_cast<char>(std::tolower(static_cast<unsigned char>(c))); };
+    const auto plain = [](char c) {
+        return c == '_' ? '-' : static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    };
     std::vector<std::size_t> row(b.size() + 1);
     std::iota(row.begin(), row.end(), 0);
     for (std::size_t i = 0; i < a.size(); ++i) {
@@ -82,18 +105,21 @@ std::size_t distance(std::string_view a, std::string_view b) {
     return row.back();
 }
 
-// The library remembers every long option as a line of snmp.conf, and only warns of one that means nothing to it.
+// The library remembers every long option as a line of snmp.conf, and only warns of one that means
+// nothing to it.
 std::vector<const config_line *> library_tokens() {
     std::vector<const config_line *> tokens;
     for (const char *type : {"snmp", NETSNMP_APPLICATION_CONFIG_TYPE}) {
-        for (const config_line *line = ::read_config_get_handlers(type); line != nullptr; line = line->next) {
+        for (const config_line *line = ::read_config_get_handlers(type); line != nullptr;
+             line = line->next) {
             tokens.push_back(line);
         }
     }
     return tokens;
 }
 
-// Where the library would only say that something is wrong, or say nothing and do another thing than was meant.
+// Where the library would only say that something is wrong, or say nothing and do another thing
+// than was meant.
 void check_value(char letter, const std::string &value) {
     constexpr std::size_t shortest_passphrase = 8; // RFC 3414, section 11.2
     const std::string option = std::string("-") + letter;
@@ -101,23 +127,27 @@ void check_value(char letter, const std::string &value) {
         throw bad_usage("-v needs the version of SNMP, 1, 2c or 3, not \"" + value + '"');
     }
     if (letter == 'a' && ::usm_lookup_auth_type(value.c_str()) < 0) {
-        throw bad_usage("-a needs an authentication protocol, such as SHA-256, not \"" + value + '"');
+        throw bad_usage("-a needs an authentication protocol, such as SHA-256, not \"" + value +
+                        '"');
     }
     if (letter == 'x' && ::usm_lookup_priv_type(value.c_str()) < 0) {
         throw bad_usage("-x needs a privacy protocol, such as AES, not \"" + value + '"');
     }
     if ((letter == 'A' || letter == 'X') && value.size() < shortest_passphrase) {
-        throw bad_usage(option + " needs a passphrase of at least " + std::to_string(shortest_passphrase) + " characters");
+        throw bad_usage(option + " needs a passphrase of at least " +
+                        std::to_string(shortest_passphrase) + " characters");
     }
 }
 
-// Checks a word of the library's single letters, such as -dv2c, of which the last may have its value in the next word. Whether it has.
+// Checks a word of the library's single letters, such as -dv2c, of which the last may have its
+// value in the next word. Whether it has.
 bool takes_next_word(std::string_view word, const char *next) {
     if (word == "-Lf" || word == "-Ls") {
         return next != nullptr;
     }
     const std::size_t at = word.find_first_of(letters_with_value, 1);
-    if (const std::size_t hyphen = word.find('-', 1); hyphen < at) { // where the library would see a long option
+    // where the library would see a long option
+    if (const std::size_t hyphen = word.find('-', 1); hyphen < at) {
         throw bad_usage("in " + std::string(word.substr(0, hyphen + 1)) +
                         " a hyphen follows a letter: write a long option apart, with two hyphens");
     }
@@ -157,10 +187,12 @@ void parse_copy(const std::vector<std::string> &arguments, Options &options) {
         return;
     }
     if (options.hosts_file == "-" && options.password_file == "-") {
-        throw bad_usage("standard input can't hold both the agents and the password: name a file for one of them");
+        throw bad_usage("standard input can't hold both the agents and the password: name a file "
+                        "for one of them");
     }
     options.agents = read_hosts(*options.hosts_file);
-    if (options.to.type == FileType::network && options.agents.size() > 1 && !has_template(options.to.url, "host")) {
+    if (options.to.type == FileType::network && options.agents.size() > 1 &&
+        !has_template(options.to.url, "host")) {
         throw bad_usage("every agent would write the same file: put {host} into the path");
     }
     std::set<std::string> seen;
@@ -179,7 +211,8 @@ bool is_command(const std::string &word) {
 void parse_arguments(std::vector<std::string> arguments, Options &options) {
     if (arguments.empty() || !is_command(arguments[0])) {
         if (arguments.size() > 1 && is_command(arguments[1])) {
-            throw bad_usage("the command comes before the agent: write config-copy " + arguments[1] + ' ' + arguments[0]);
+            throw bad_usage("the command comes before the agent: write config-copy " +
+                            arguments[1] + ' ' + arguments[0]);
         }
         parse_copy(arguments, options);
         return;
@@ -188,15 +221,21 @@ void parse_arguments(std::vector<std::string> arguments, Options &options) {
         throw bad_usage("--dry-run is for copies only");
     }
     const std::string name = arguments[0];
-    options.command = name == "list" ? Command::list : name == "errors" ? Command::errors : Command::abort;
+    options.command = name == "list"     ? Command::list
+                      : name == "errors" ? Command::errors
+                                         : Command::abort;
     const std::size_t most = options.command == Command::list ? 2 : 3;
     const std::size_t least = options.command == Command::abort ? 3 : 2;
     if (arguments.size() < least || arguments.size() > most || options.hosts_file) {
-        throw bad_usage("write config-copy " + name + (name == "list" ? " AGENT" : name == "errors" ? " AGENT [INDEX]" : " AGENT INDEX"));
+        throw bad_usage("write config-copy " + name +
+                        (name == "list"     ? " AGENT"
+                         : name == "errors" ? " AGENT [INDEX]"
+                                            : " AGENT INDEX"));
     }
     options.agents = {agent_of(arguments[1])};
     if (arguments.size() == 3) {
-        options.index = static_cast<oid>(number_of("INDEX", arguments[2], 1, static_cast<long>(largest_index)));
+        options.index =
+            static_cast<oid>(number_of("INDEX", arguments[2], 1, static_cast<long>(largest_index)));
     }
 }
 
@@ -253,10 +292,12 @@ Words split_words(int count, char **words, Options &options) {
         const std::size_t equals = word.find('=');
         const std::string_view name = word.substr(0, equals);
         if (name == "--password") {
-            throw bad_usage("a password in an argument can be seen by others: use --password-file, standard input or the prompt");
+            throw bad_usage("a password in an argument can be seen by others: use --password-file, "
+                            "standard input or the prompt");
         }
         const auto *own =
-            std::find_if(own_options.begin(), own_options.end(), [&](const OwnOption &option) { return option.name == name; });
+            std::find_if(own_options.begin(), own_options.end(),
+                         [&](const OwnOption &option) { return option.name == name; });
         if (own != own_options.end()) {
             std::string value;
             if (!own->takes_value) {
@@ -278,9 +319,11 @@ Words split_words(int count, char **words, Options &options) {
         if (word.starts_with("--")) {
             result.long_options.emplace_back(word.substr(0, word.find_first_of("= \t")));
         }
-        // The words themselves, not copies: the library blanks the passphrases in them, which others see.
+        // The words themselves, not copies: the library blanks the passphrases in them, which
+        // others see.
         result.library.push_back(words[i]);
-        if (!word.starts_with("--") && takes_next_word(word, i + 1 < count ? words[i + 1] : nullptr)) {
+        if (!word.starts_with("--") &&
+            takes_next_word(word, i + 1 < count ? words[i + 1] : nullptr)) {
             result.library.push_back(words[++i]);
         }
     }
@@ -290,8 +333,9 @@ Words split_words(int count, char **words, Options &options) {
 void check_long_options(const std::vector<std::string> &names) {
     const auto tokens = library_tokens();
     for (const std::string &name : names) {
-        if (std::any_of(tokens.begin(), tokens.end(),
-                        [&](const config_line *token) { return ::strcasecmp(name.c_str() + 2, token->config_token) == 0; })) {
+        if (std::any_of(tokens.begin(), tokens.end(), [&](const config_line *token) {
+                return ::strcasecmp(name.c_str() + 2, token->config_token) == 0;
+            })) {
             continue;
         }
         std::size_t least = 3; // more has no likeness
@@ -310,7 +354,9 @@ void check_long_options(const std::vector<std::string> &names) {
         for (const config_line *token : tokens) {
             consider("--" + std::string(token->config_token));
         }
-        throw bad_usage("there is no option " + name + (nearest.empty() ? " (config-copy --help)" : ": did you mean " + nearest + '?'));
+        throw bad_usage(
+            "there is no option " + name +
+            (nearest.empty() ? " (config-copy --help)" : ": did you mean " + nearest + '?'));
     }
 }
 
@@ -334,7 +380,8 @@ std::vector<std::string> read_hosts(const std::string &file) {
 std::vector<std::string> hosts_in(std::istream &text, const std::string &where) {
     std::vector<std::string> hosts;
     const auto refused = [&](const std::string &line) {
-        return bad_usage("in " + where + " \"" + line + "\" is more than one agent: write one per line");
+        return bad_usage("in " + where + " \"" + line +
+                         "\" is more than one agent: write one per line");
     };
     constexpr std::string_view blanks = " \t\r";
     for (std::string line; std::getline(text, line);) {
@@ -361,7 +408,8 @@ std::optional<Options> parse_options(int count, char **words) {
         return options;
     }
     const bool is_for_library =
-        std::any_of(split.library.begin() + 1, split.library.end(), [](std::string_view word) { return word == "-V" || word == "-H"; });
+        std::any_of(split.library.begin() + 1, split.library.end(),
+                    [](std::string_view word) { return word == "-V" || word == "-H"; });
     // The agent is told to each session; the library only wants to see one.
     std::string agent = "-";
     split.library.push_back(agent.data());
@@ -370,8 +418,9 @@ std::optional<Options> parse_options(int count, char **words) {
     if (!is_for_library) {   // which logs what it is asked for
         ::netsnmp_register_loghandler(NETSNMP_LOGHANDLER_NONE, LOG_DEBUG);
     }
-    const int result = ::netsnmp_parse_args(static_cast<int>(split.library.size()) - 1, split.library.data(), &options.session, nullptr,
-                                            nullptr, NETSNMP_PARSE_ARGS_NOLOGGING);
+    const int result =
+        ::netsnmp_parse_args(static_cast<int>(split.library.size()) - 1, split.library.data(),
+                             &options.session, nullptr, nullptr, NETSNMP_PARSE_ARGS_NOLOGGING);
     options.community.reset(options.session.community, &std::free);
     if (result == NETSNMP_PARSE_ARGS_SUCCESS_EXIT) {
         return std::nullopt;
@@ -382,7 +431,8 @@ std::optional<Options> parse_options(int count, char **words) {
     options.session.peername = nullptr;
     check_long_options(split.long_options);
     parse_arguments(split.arguments, options);
-    if (options.session.version == SNMP_VERSION_3 && options.session.securityModel != SNMP_SEC_MODEL_TSM &&
+    if (options.session.version == SNMP_VERSION_3 &&
+        options.session.securityModel != SNMP_SEC_MODEL_TSM &&
         security_name(options.session).empty()) {
         throw bad_usage("no SNMPv3 user: give -u USER, or defSecurityName in snmp.conf");
     }

@@ -1,4 +1,5 @@
-// The command line: SNMP options are those of snmpcmd(1) and are read by the Net-SNMP library, together with snmp.conf.
+// The command line: SNMP options are those of snmpcmd(1) and are read by the Net-SNMP library,
+// together with snmp.conf.
 #pragma once
 
 #include "config-copy/copy_side.h"
@@ -37,8 +38,8 @@ struct Options {
     std::shared_ptr<u_char> community; // the session's, which the library leaves to us
 };
 
-// Throws a Failure of usage. Sets the Net-SNMP library up for the process. Nothing when the library did what an option asked for, such as
-// -V.
+// Throws a Failure of usage. Sets the Net-SNMP library up for the process. Nothing when the library
+// did what an option asked for, such as -V.
 std::optional<Options> parse_options(int count, char **words);
 
 // Whether what we write to the agent can be read on the way to it.
@@ -59,7 +60,8 @@ struct Words {
 };
 Words split_words(int count, char **words, Options &options);
 
-// Throws a Failure of usage when the library knows no such token of snmp.conf(5). The library must have been initialised.
+// Throws a Failure of usage when the library knows no such token of snmp.conf(5). The library must
+// have been initialised.
 void check_long_options(const std::vector<std::string> &names);
 
 // The agents of a hosts file, or of standard input for "-". Throws a Failure of usage.

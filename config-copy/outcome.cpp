@@ -47,11 +47,13 @@ std::string words_of_what_goes_on(FileType from, FileType to) {
     if (to == FileType::network) {
         return "the transfer goes on at the switch and may still write the file";
     }
-    return from == FileType::startup ? "the copy goes on at the switch and may still be applied" : "";
+    return from == FileType::startup ? "the copy goes on at the switch and may still be applied"
+                                     : "";
 }
 
 std::string_view name_of(Ending ending) {
-    constexpr std::array<std::string_view, 6> names{"done", "failed", "usage", "refused", "not reachable", "busy"};
+    constexpr std::array<std::string_view, 6> names{"done",    "failed",        "usage",
+                                                    "refused", "not reachable", "busy"};
     return names.at(static_cast<std::size_t>(ending));
 }
 
@@ -76,12 +78,17 @@ Ending ending_of_all(const std::vector<Outcome> &outcomes) {
 }
 
 std::string state_name(long state) {
-    constexpr std::array<std::string_view, 5> names{"", "waiting", "running", "successful", "failed"};
-    return state > 0 && state < static_cast<long>(names.size()) ? std::string(names.at(static_cast<std::size_t>(state))) : numbered(state);
+    constexpr std::array<std::string_view, 5> names{"", "waiting", "running", "successful",
+                                                    "failed"};
+    return state > 0 && state < static_cast<long>(names.size())
+               ? std::string(names.at(static_cast<std::size_t>(state)))
+               : numbered(state);
 }
 
-std::string words_of_cause(long cause, std::string_view server, bool is_fabric, std::string_view reason) {
-    const std::string the_server = server.empty() ? "the file server" : "the file server " + std::string(server);
+std::string words_of_cause(long cause, std::string_view server, bool is_fabric,
+                           std::string_view reason) {
+    const std::string the_server =
+        server.empty() ? "the file server" : "the file server " + std::string(server);
     // What the switch says stands for where to look.
     const auto because = [reason](const char *what, const char *where) {
         return std::string(what) + ": " + (reason.empty() ? where : std::string(reason));
@@ -92,25 +99,39 @@ std::string words_of_cause(long cause, std::string_view server, bool is_fabric, 
         if (!reason.empty()) {
             return "the switch says: " + std::string(reason);
         }
-        return "the switch gives no reason: see ulmo-history there, and check that its disk is not full" +
+        return "the switch gives no reason: see ulmo-history there, and check that its disk is not "
+               "full" +
                std::string(server.empty() ? "" : "; check the user and the password, too");
     case COPY_FAIL_BAD_FILE_NAME:
-        return the_server + " has no such file or refuses access to it: check the file's name, and the permissions on the server" + also;
+        return the_server +
+               " has no such file or refuses access to it: check the file's name, and the "
+               "permissions on the server" +
+               also;
     case COPY_FAIL_TIMEOUT:
-        return the_server + " did not answer the switch: check its address, the route to it, and whether the server runs" + also;
+        return the_server +
+               " did not answer the switch: check its address, the route to it, and whether the "
+               "server runs" +
+               also;
     case COPY_FAIL_NO_SPACE:
-        return "no space is left on the switch or on " + the_server + ": check the disks, and the quota on the server" + also;
+        return "no space is left on the switch or on " + the_server +
+               ": check the disks, and the quota on the server" + also;
     case COPY_FAIL_BAD_CONFIG:
-        return "the file is not a configuration: check its contents, and shorten a file name of more than 100 octets" + also;
+        return "the file is not a configuration: check its contents, and shorten a file name of "
+               "more than 100 octets" +
+               also;
     case COPY_FAIL_UNSUPPORTED_PROTOCOL:
         return "the switch does not offer the protocol: use another one" + also;
     case COPY_FAIL_CONFIG_NOT_APPLIED:
-        return because("the configuration was refused while it was applied", "see /tmp/configcopy.txt on the switch for the line");
+        return because("the configuration was refused while it was applied",
+                       "see /tmp/configcopy.txt on the switch for the line");
     case COPY_FAIL_WARDEN_REFUSED:
-        return because("the system manager did not begin to save", "another save may be in progress, so try again, or see its log");
+        return because("the system manager did not begin to save",
+                       "another save may be in progress, so try again, or see its log");
     case COPY_FAIL_WARDEN_FAILED:
-        return is_fabric ? because("not every switch of the fabric has saved", "see `cmdshell -c \"show last-save\"` on the switch")
-                         : because("the system manager could not save", "see `cmdshell -c \"show last-save\"` on the switch");
+        return is_fabric ? because("not every switch of the fabric has saved",
+                                   "see `cmdshell -c \"show last-save\"` on the switch")
+                         : because("the system manager could not save",
+                                   "see `cmdshell -c \"show last-save\"` on the switch");
     default:
         return "the switch gives the unknown cause " + numbered(cause) + also;
     }
@@ -118,7 +139,8 @@ std::string words_of_cause(long cause, std::string_view server, bool is_fabric, 
 
 std::string words_of_low_level(std::string_view low_level) {
     return "the agent grants this user nothing at the security level " + std::string(low_level) +
-           ": choose a higher one, such as -l authPriv (if that is refused too, check the user's views)";
+           ": choose a higher one, such as -l authPriv (if that is refused too, check the user's "
+           "views)";
 }
 
 std::string words_of_refusal(long status, unsigned long column, std::string_view low_level) {
@@ -129,19 +151,23 @@ std::string words_of_refusal(long status, unsigned long column, std::string_view
     case SNMP_ERR_NOACCESS:
     case SNMP_ERR_AUTHORIZATIONERROR:
     case SNMP_ERR_READONLY:
-        return "this user or community may not write copy requests: it needs a write view with .1.3.6.1.4.1.41927.9.96";
+        return "this user or community may not write copy requests: it needs a write view with "
+               ".1.3.6.1.4.1.41927.9.96";
     case SNMP_ERR_NOTWRITABLE:
     case SNMP_ERR_NOCREATION:
-        return "the agent has no copy table: load config_copy_mib into it (its log tells why it is not)";
+        return "the agent has no copy table: load config_copy_mib into it (its log tells why it is "
+               "not)";
     case SNMP_ERR_NOSUCHNAME:
-        return "the agent has no copy table, or this user or community may not write it: load config_copy_mib, and check the write view";
+        return "the agent has no copy table, or this user or community may not write it: load "
+               "config_copy_mib, and check the write view";
     case SNMP_ERR_WRONGVALUE:
     case SNMP_ERR_WRONGLENGTH:
     case SNMP_ERR_WRONGTYPE:
     case SNMP_ERR_BADVALUE:
         return "the switch does not accept " + name_of_column(column);
     default:
-        return std::string("the switch refuses ") + name_of_column(column) + " with " + ::snmp_errstring(static_cast<int>(status));
+        return std::string("the switch refuses ") + name_of_column(column) + " with " +
+               ::snmp_errstring(static_cast<int>(status));
     }
 }
 

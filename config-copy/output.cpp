@@ -26,12 +26,14 @@ std::unique_ptr<Output> make_output(bool is_quiet, bool is_json, bool is_verbose
         return json_output();
     }
     const bool is_terminal = ::isatty(STDOUT_FILENO) == 1 && ::isatty(STDERR_FILENO) == 1;
-    return text_output(is_quiet, is_terminal && !is_verbose); // whose lines would run into the live one
+    // whose lines would run into the live one
+    return text_output(is_quiet, is_terminal && !is_verbose);
 }
 
 std::size_t count_of(const std::vector<Outcome> &outcomes, Ending ending) {
     return static_cast<std::size_t>(
-        std::count_if(outcomes.begin(), outcomes.end(), [&](const Outcome &outcome) { return outcome.ending == ending; }));
+        std::count_if(outcomes.begin(), outcomes.end(),
+                      [&](const Outcome &outcome) { return outcome.ending == ending; }));
 }
 
 } // namespace config_copy

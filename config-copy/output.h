@@ -22,7 +22,8 @@ struct Heading {
     enum { words, numbers } cells = words;
 };
 
-// In JSON each row is an object of this type, with the headings in lower case as keys and null for what is absent.
+// In JSON each row is an object of this type, with the headings in lower case as keys and null for
+// what is absent.
 struct Table {
     std::string_view type;
     std::string agent;
@@ -36,7 +37,8 @@ class Output {
     virtual ~Output() = default;
 
     // How the one copy stands.
-    virtual void progress(std::string_view agent, std::string_view state, std::chrono::seconds elapsed) = 0;
+    virtual void progress(std::string_view agent, std::string_view state,
+                          std::chrono::seconds elapsed) = 0;
 
     // How a copy ended. Any thread may call it.
     virtual void outcome(const Outcome &outcome) = 0;
@@ -47,7 +49,8 @@ class Output {
     virtual void table(const Table &table) = 0;
 
     // A request that was taken away.
-    virtual void removed(const std::string &agent, unsigned long index, const std::string &text) = 0;
+    virtual void removed(const std::string &agent, unsigned long index,
+                         const std::string &text) = 0;
 
     // Why there is no outcome; `agent` may be empty.
     virtual void failure(const Failure &failure, const std::string &agent) = 0;
@@ -56,7 +59,7 @@ class Output {
     void put(std::string_view text);
 
     // Why not all could be written, or 0. A reader that went away is no reason.
-    int error() const { return error_; }
+    [[nodiscard]] int error() const { return error_; }
 
   protected:
     std::mutex mutex_;
@@ -69,8 +72,9 @@ std::unique_ptr<Output> make_output(bool is_quiet, bool is_json, bool is_verbose
 
 // --- parts ---
 
-inline constexpr std::array<Ending, 6> all_endings{Ending::done,    Ending::failed,      Ending::usage,
-                                                   Ending::refused, Ending::unreachable, Ending::busy};
+inline constexpr std::array<Ending, 6> all_endings{Ending::done,        Ending::failed,
+                                                   Ending::usage,       Ending::refused,
+                                                   Ending::unreachable, Ending::busy};
 std::size_t count_of(const std::vector<Outcome> &outcomes, Ending ending);
 
 } // namespace config_copy

@@ -21,11 +21,13 @@
 namespace config_copy {
 namespace {
 
-// One line, octet by octet, so that what follows stays for others. Stops at an interruption. Throws std::system_error.
+// One line, octet by octet, so that what follows stays for others. Stops at an interruption. Throws
+// std::system_error.
 std::string line_of(int descriptor) {
     std::string line;
     for (;;) {
-        std::array<pollfd, 2> waited{{{descriptor, POLLIN, 0}, {interrupt_descriptor(), POLLIN, 0}}};
+        std::array<pollfd, 2> waited{
+            {{descriptor, POLLIN, 0}, {interrupt_descriptor(), POLLIN, 0}}};
         ::poll(waited.data(), waited.size(), -1);
         if (interrupting_signal() != 0) {
             throw Interrupted{};
@@ -67,7 +69,8 @@ class Silence {
 std::string from_terminal(const std::string &account) {
     const ulmo::UniqueFd terminal(::open("/dev/tty", O_RDWR | O_CLOEXEC));
     if (!terminal) {
-        throw bad_usage("no terminal to ask for the password of " + account + ": use --password-file or standard input");
+        throw bad_usage("no terminal to ask for the password of " + account +
+                        ": use --password-file or standard input");
     }
     const std::string prompt = "Password of " + account + ": ";
     const Silence silence(terminal.get());
@@ -84,14 +87,17 @@ std::string from_terminal(const std::string &account) {
 }
 
 std::string from_file(const std::string &name) {
-    const auto unreadable = [&](int error) { return bad_usage("the password file " + name + " can't be read: " + std::strerror(error)); };
+    const auto unreadable = [&](int error) {
+        return bad_usage("the password file " + name + " can't be read: " + std::strerror(error));
+    };
     const ulmo::UniqueFd file(::open(name.c_str(), O_RDONLY | O_CLOEXEC));
     struct stat status {};
     if (!file || ::fstat(file.get(), &status) != 0) {
         throw unreadable(errno);
     }
     if (S_ISREG(status.st_mode) && (status.st_mode & (S_IRGRP | S_IROTH)) != 0) {
-        std::cerr << "config-copy: warning: others may read the password file " << name << ": chmod 600 it\n";
+        std::cerr << "config-copy: warning: others may read the password file " << name
+                  << ": chmod 600 it\n";
     }
     try {
         return line_of(file.get());
@@ -102,15 +108,21 @@ std::string from_file(const std::string &name) {
 
 } // namespace
 
-std::string read_password(const std::optional<std::string> &file, const std::string &account, bool may_be_empty, bool is_input_taken) {
-    const bool is_standard_input = file ? *file == "-" : !is_input_taken && ::isatty(STDIN_FILENO) == 0;
-    std::string password = is_standard_input ? line_of(STDIN_FILENO) : file ? from_file(*file) : from_terminal(account);
+std::string read_password(const std::optional<std::string> &file, const std::string &account,
+                          bool may_be_empty, bool is_input_taken) {
+    const bool is_standard_input =
+        file ? *file == "-" : !is_input_taken && ::isatty(STDIN_FILENO) == 0;
+    std::string password = is_standard_input ? line_of(STDIN_FILENO)
+                           : file            ? from_file(*file)
+                                             : from_terminal(account);
     if (password.empty() && !may_be_empty) {
-        throw bad_usage("no password of " + account + (is_standard_input ? " on standard input" : "") +
+        throw bad_usage("no password of " + account +
+                        (is_standard_input ? " on standard input" : "") +
                         ": give it at the prompt, with --password-file FILE, or on standard input");
     }
     if (password.size() > longest_password) {
-        throw bad_usage("the password is longer than the " + std::to_string(longest_password) + " octets that the switch takes");
+        throw bad_usage("the password is longer than the " + std::to_string(longest_password) +
+                        " octets that the switch takes");
     }
     return password;
 }

@@ -36,9 +36,11 @@ void list_requests(Session &session, Output &output) {
     }
     for (const oid index : found) {
         const std::vector<Value> values = session.get(
-            {copy_cell(CC_COLUMN_SOURCE_FILE_TYPE, index), copy_cell(CC_COLUMN_DEST_FILE_TYPE, index), copy_cell(CC_COLUMN_PROTOCOL, index),
-             copy_cell(CC_COLUMN_SERVER_ADDRESS_REV1, index), copy_cell(CC_COLUMN_FILE_NAME, index), copy_cell(CC_COLUMN_USER_NAME, index),
-             copy_cell(CC_COLUMN_STATE, index), copy_cell(CC_COLUMN_FAIL_CAUSE, index), copy_cell(CC_COLUMN_TIME_STARTED, index),
+            {copy_cell(CC_COLUMN_SOURCE_FILE_TYPE, index),
+             copy_cell(CC_COLUMN_DEST_FILE_TYPE, index), copy_cell(CC_COLUMN_PROTOCOL, index),
+             copy_cell(CC_COLUMN_SERVER_ADDRESS_REV1, index), copy_cell(CC_COLUMN_FILE_NAME, index),
+             copy_cell(CC_COLUMN_USER_NAME, index), copy_cell(CC_COLUMN_STATE, index),
+             copy_cell(CC_COLUMN_FAIL_CAUSE, index), copy_cell(CC_COLUMN_TIME_STARTED, index),
              copy_cell(CC_COLUMN_TIME_COMPLETED, index)});
         const auto state = number(values[6]);
         if (!state) {
@@ -49,16 +51,23 @@ void list_requests(Session &session, Output &output) {
                 return type_name(number(type).value_or(0));
             }
             const auto protocol = static_cast<Protocol>(number(values[2]).value_or(0));
-            return url_text(protocol, octets(values[5]), address_text(octets(values[3])), octets(values[4]));
+            return url_text(protocol, octets(values[5]), address_text(octets(values[3])),
+                            octets(values[4]));
         };
         const auto seconds = seconds_between(values[8], values[9]);
         rows.push_back({std::to_string(index), side(values[0]), side(values[1]), state_name(*state),
-                        state == COPY_STATE_FAILED ? cause_name(number(values[7]).value_or(0)) : std::string(absent),
+                        state == COPY_STATE_FAILED ? cause_name(number(values[7]).value_or(0))
+                                                   : std::string(absent),
                         seconds ? seconds_text(*seconds) : std::string(absent)});
     }
     output.table({"request",
                   session.agent(),
-                  {{"INDEX", Heading::numbers}, {"FROM"}, {"TO"}, {"STATE"}, {"CAUSE"}, {"SECONDS", Heading::numbers}},
+                  {{"INDEX", Heading::numbers},
+                   {"FROM"},
+                   {"TO"},
+                   {"STATE"},
+                   {"CAUSE"},
+                   {"SECONDS", Heading::numbers}},
                   rows,
                   "no copy requests on " + session.agent()});
 }
@@ -68,7 +77,8 @@ void list_errors(Session &session, std::optional<oid> index, Output &output) {
     std::vector<std::vector<std::string>> rows;
     for (const oid request : index ? std::vector{*index} : indexes(session)) {
         for (const auto &[address, wwn, text] : switches_of(session, request)) {
-            rows.push_back({std::to_string(request), address.empty() ? std::string(absent) : address, wwn, text});
+            rows.push_back({std::to_string(request),
+                            address.empty() ? std::string(absent) : address, wwn, text});
         }
     }
     output.table({"switch",
@@ -80,30 +90,37 @@ void list_errors(Session &session, std::optional<oid> index, Output &output) {
 
 void abort_request(Session &session, oid index, Output &output) {
     const std::string name = "request " + std::to_string(index) + " of " + session.agent();
-    const std::vector<Value> values = session.get(
-        {copy_cell(CC_COLUMN_STATE, index), copy_cell(CC_COLUMN_SOURCE_FILE_TYPE, index), copy_cell(CC_COLUMN_DEST_FILE_TYPE, index)});
+    const std::vector<Value> values = session.get({copy_cell(CC_COLUMN_STATE, index),
+                                                   copy_cell(CC_COLUMN_SOURCE_FILE_TYPE, index),
+                                                   copy_cell(CC_COLUMN_DEST_FILE_TYPE, index)});
     const auto state = number(values[0]);
     if (!state) {
         check_table(session);
-        throw Failure(Ending::failed, "there is no " + name + ": see `config-copy list " + session.agent() + '`');
+        throw Failure(Ending::failed,
+                      "there is no " + name + ": see `config-copy list " + session.agent() + '`');
     }
-    const auto result = session.set({{copy_cell(CC_COLUMN_ENTRY_ROW_STATUS, index), ROW_STATUS_DESTROY}});
+    const auto result =
+        session.set({{copy_cell(CC_COLUMN_ENTRY_ROW_STATUS, index), ROW_STATUS_DESTROY}});
     if (result && result->status == SNMP_ERR_GENERR) {
-        throw Failure(Ending::refused,
-                      name + " can't be removed: it is stuck after a refused request, and goes by itself within 7 minutes");
+        throw Failure(Ending::refused, name + " can't be removed: it is stuck after a refused "
+                                              "request, and goes by itself within 7 minutes");
     }
     if (result && result->status != SNMP_ERR_NOERROR) {
-        throw Failure(Ending::refused,
-                      session.agent() + ": " + words_of_refusal(result->status, CC_COLUMN_ENTRY_ROW_STATUS, session.low_level()));
+        throw Failure(
+            Ending::refused,
+            session.agent() + ": " +
+                words_of_refusal(result->status, CC_COLUMN_ENTRY_ROW_STATUS, session.low_level()));
     }
     if (!result && number(session.get({copy_cell(CC_COLUMN_STATE, index)}).front())) {
-        throw Failure(Ending::unreachable,
-                      session.agent() + " did not answer the removal of request " + std::to_string(index) + ": try again");
+        throw Failure(Ending::unreachable, session.agent() +
+                                               " did not answer the removal of request " +
+                                               std::to_string(index) + ": try again");
     }
     std::string text = name + " removed";
     if (state == COPY_STATE_RUNNING) {
-        const std::string rest = words_of_what_goes_on(static_cast<FileType>(number(values[1]).value_or(0)),
-                                                       static_cast<FileType>(number(values[2]).value_or(0)));
+        const std::string rest =
+            words_of_what_goes_on(static_cast<FileType>(number(values[1]).value_or(0)),
+                                  static_cast<FileType>(number(values[2]).value_or(0)));
         text += rest.empty() ? "; its save is given up" : "; " + rest;
     }
     output.removed(session.agent(), index, text);

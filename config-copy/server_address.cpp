@@ -31,19 +31,23 @@ ServerAddress server_address(const std::string &host) {
         sockaddr_in6 socket_address{};
         std::memcpy(&socket_address, list->ai_addr, sizeof socket_address);
         if (socket_address.sin6_scope_id != 0) {
-            throw bad_usage("the file server's address " + host + " is valid on one link of this machine only: write a global address");
+            throw bad_usage("the file server's address " + host +
+                            " is valid on one link of this machine only: write a global address");
         }
         address = {INET_ADDRESS_IPV6,
-                   std::string(reinterpret_cast<const char *>(&socket_address.sin6_addr), sizeof socket_address.sin6_addr)};
+                   std::string(reinterpret_cast<const char *>(&socket_address.sin6_addr),
+                               sizeof socket_address.sin6_addr)};
     } else {
         sockaddr_in socket_address{};
         std::memcpy(&socket_address, list->ai_addr, sizeof socket_address);
         address = {INET_ADDRESS_IPV4,
-                   std::string(reinterpret_cast<const char *>(&socket_address.sin_addr), sizeof socket_address.sin_addr)};
+                   std::string(reinterpret_cast<const char *>(&socket_address.sin_addr),
+                               sizeof socket_address.sin_addr)};
     }
     if (leads_back(address)) {
         throw bad_usage("the file server \"" + host + "\" is " + address_text(address.octets) +
-                        ", which on the switch is the switch itself: write the address by which the switch reaches the server");
+                        ", which on the switch is the switch itself: write the address by which "
+                        "the switch reaches the server");
     }
     return address;
 }

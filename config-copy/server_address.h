@@ -13,8 +13,8 @@ struct ServerAddress {
     std::string octets; // in network order, 4 or 16
 };
 
-// Throws a Failure of unreachable when the name can't be looked up, and of usage when it is this machine's own loopback, which on the
-// switch would be another one.
+// Throws a Failure of unreachable when the name can't be looked up, and of usage when it is this
+// machine's own loopback, which on the switch would be another one.
 ServerAddress server_address(const std::string &host);
 
 using ulmo::address_text;

@@ -22,10 +22,12 @@ std::vector<std::vector<std::string>> switch_rows(const std::vector<SwitchOutcom
 // Success goes to standard output, all else to standard error.
 class TextOutput : public Output {
   public:
-    TextOutput(bool is_quiet, bool has_live_line) : is_quiet_(is_quiet), has_live_line_(has_live_line) {}
+    TextOutput(bool is_quiet, bool has_live_line)
+        : is_quiet_(is_quiet), has_live_line_(has_live_line) {}
 
     // A terminal's line is written anew; otherwise only a change is told.
-    void progress(std::string_view agent, std::string_view state, std::chrono::seconds elapsed) override {
+    void progress(std::string_view agent, std::string_view state,
+                  std::chrono::seconds elapsed) override {
         if (is_quiet_) {
             return;
         }
@@ -68,7 +70,9 @@ class TextOutput : public Output {
         put(lines(headings, table.rows));
     }
 
-    void removed(const std::string &, unsigned long, const std::string &text) override { line(text); }
+    void removed(const std::string &, unsigned long, const std::string &text) override {
+        line(text);
+    }
 
     void failure(const Failure &failure, const std::string &) override {
         end_live_line();
@@ -82,7 +86,8 @@ class TextOutput : public Output {
         }
     }
 
-    static std::string lines(const std::vector<std::string> &headings, const std::vector<std::vector<std::string>> &rows) {
+    static std::string lines(const std::vector<std::string> &headings,
+                             const std::vector<std::vector<std::string>> &rows) {
         std::string text;
         for (const std::string &line : table_lines(headings, rows)) {
             text += line + '\n';
@@ -110,17 +115,20 @@ std::unique_ptr<Output> text_output(bool is_quiet, bool has_live_line) {
 
 std::string summary_of(const std::vector<Outcome> &outcomes) {
     const bool is_dry_run = !outcomes.empty() && outcomes.front().is_dry_run;
-    std::string text = std::to_string(outcomes.size()) + (outcomes.size() == 1 ? " agent" : " agents");
+    std::string text =
+        std::to_string(outcomes.size()) + (outcomes.size() == 1 ? " agent" : " agents");
     for (const Ending ending : all_endings) {
         const bool is_done = ending == Ending::done;
         if (const std::size_t count = count_of(outcomes, ending); count > 0 || is_done) {
-            text += (is_done ? ": " : ", ") + std::to_string(count) + ' ' + std::string(is_done && is_dry_run ? "ready" : name_of(ending));
+            text += (is_done ? ": " : ", ") + std::to_string(count) + ' ' +
+                    std::string(is_done && is_dry_run ? "ready" : name_of(ending));
         }
     }
     return text;
 }
 
-std::vector<std::string> table_lines(const std::vector<std::string> &headings, const std::vector<std::vector<std::string>> &rows) {
+std::vector<std::string> table_lines(const std::vector<std::string> &headings,
+                                     const std::vector<std::vector<std::string>> &rows) {
     std::vector<std::size_t> widths(headings.size(), 0);
     std::vector<std::vector<std::string>> all{headings};
     all.insert(all.end(), rows.begin(), rows.end());

@@ -10,6 +10,7 @@ std::unique_ptr<Output> text_output(bool is_quiet, bool has_live_line);
 // --- parts ---
 
 std::string summary_of(const std::vector<Outcome> &outcomes);
-std::vector<std::string> table_lines(const std::vector<std::string> &headings, const std::vector<std::vector<std::string>> &rows);
+std::vector<std::string> table_lines(const std::vector<std::string> &headings,
+                                     const std::vector<std::vector<std::string>> &rows);
 
 } // namespace config_copy

@@ -33,12 +33,13 @@ oid CopyRow::free_index() {
     }
 }
 
-// Each attempt has an index of its own: a second createAndWait that meets a late first one would block
-// the row.
+// Each attempt has an index of its own: a second createAndWait that meets a late first one would
+// block the row.
 void CopyRow::make(const std::vector<std::pair<oid, Value>> &columns) {
     for (int attempt = 0; attempt < most_attempts; ++attempt) {
         indexes_.push_back(free_index());
-        std::vector<Binding> bindings{{copy_cell(CC_COLUMN_ENTRY_ROW_STATUS, index()), ROW_STATUS_CREATE_AND_WAIT}};
+        std::vector<Binding> bindings{
+            {copy_cell(CC_COLUMN_ENTRY_ROW_STATUS, index()), ROW_STATUS_CREATE_AND_WAIT}};
         for (const auto &[column, value] : columns) {
             bindings.push_back({copy_cell(column, index()), value});
         }
@@ -52,9 +53,11 @@ void CopyRow::make(const std::vector<std::pair<oid, Value>> &columns) {
         } else if (result->at == 1 && is_taken(result->status)) {
             indexes_.pop_back(); // somebody else's since we looked
         } else {
-            const std::size_t refused = result->at > 0 && result->at <= bindings.size() ? result->at - 1 : 0;
+            const std::size_t refused =
+                result->at > 0 && result->at <= bindings.size() ? result->at - 1 : 0;
             const Oid &name = bindings[refused].name;
-            throw Trouble(TroubleKind::making_refused, result->status, session_.low_level(), name[name.size() - 2]);
+            throw Trouble(TroubleKind::making_refused, result->status, session_.low_level(),
+                          name[name.size() - 2]);
         }
     }
     throw Trouble(TroubleKind::making_lost);
@@ -64,7 +67,8 @@ void CopyRow::make(const std::vector<std::pair<oid, Value>> &columns) {
 long CopyRow::activate() {
     bool is_sure = true; // that no earlier one is under way
     for (int attempt = 0; attempt < most_attempts; ++attempt) {
-        const auto result = session_.set({{copy_cell(CC_COLUMN_ENTRY_ROW_STATUS, index()), ROW_STATUS_ACTIVE}});
+        const auto result =
+            session_.set({{copy_cell(CC_COLUMN_ENTRY_ROW_STATUS, index()), ROW_STATUS_ACTIVE}});
         if (result && result->status == SNMP_ERR_NOERROR) {
             return SNMP_ERR_NOERROR;
         }
@@ -81,7 +85,8 @@ long CopyRow::activate() {
 
 CopyState CopyRow::read() {
     std::vector<Oid> names;
-    for (const oid column : {CC_COLUMN_STATE, CC_COLUMN_FAIL_CAUSE, CC_COLUMN_TIME_STARTED, CC_COLUMN_TIME_COMPLETED}) {
+    for (const oid column : {CC_COLUMN_STATE, CC_COLUMN_FAIL_CAUSE, CC_COLUMN_TIME_STARTED,
+                             CC_COLUMN_TIME_COMPLETED}) {
         names.push_back(copy_cell(column, index()));
     }
     const std::vector<Value> values = session_.get(names);
@@ -112,7 +117,8 @@ void CopyRow::destroy() {
         while (!indexes_.empty()) {
             std::optional<SetResult> result;
             for (int attempt = 0; attempt < most_removals && !result; ++attempt) {
-                result = session_.set({{copy_cell(CC_COLUMN_ENTRY_ROW_STATUS, index()), ROW_STATUS_DESTROY}});
+                result = session_.set(
+                    {{copy_cell(CC_COLUMN_ENTRY_ROW_STATUS, index()), ROW_STATUS_DESTROY}});
             }
             if (!result) {
                 break; // silent, and so it would be to the others

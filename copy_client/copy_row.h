@@ -24,13 +24,13 @@ class CopyRow {
     CopyRow(const CopyRow &) = delete;
     CopyRow &operator=(const CopyRow &) = delete;
 
-    // Beside those of Session, the functions throw Trouble of a row. Whatever they throw, the row may
-    // be there from make() to destroy(), which is the caller's to call.
+    // Beside those of Session, the functions throw Trouble of a row. Whatever they throw, the row
+    // may be there from make() to destroy(), which is the caller's to call.
 
     // Leaves a row at the agent that waits to be activated and has these columns, in this order.
     void make(const std::vector<std::pair<oid, Value>> &columns);
 
-    oid index() const { return indexes_.back(); }
+    [[nodiscard]] oid index() const { return indexes_.back(); }
 
     // Starts the copy: SNMP_ERR_NOERROR when it runs, or has run already; otherwise why the agent
     // refuses to start it.
@@ -46,7 +46,7 @@ class CopyRow {
     void destroy();
 
     // Whether a row may still be there, which then goes with its age.
-    bool is_left() const { return !indexes_.empty(); }
+    [[nodiscard]] bool is_left() const { return !indexes_.empty(); }
 
   private:
     bool is_there(oid index);

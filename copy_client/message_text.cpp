@@ -14,22 +14,24 @@ struct Named {
     std::string_view name;
 };
 
-constexpr std::array<Named, 13> copy_columns{{{CC_COLUMN_PROTOCOL, "ccCopyProtocol"},
-                                              {CC_COLUMN_SOURCE_FILE_TYPE, "ccCopySourceFileType"},
-                                              {CC_COLUMN_DEST_FILE_TYPE, "ccCopyDestFileType"},
-                                              {CC_COLUMN_FILE_NAME, "ccCopyFileName"},
-                                              {CC_COLUMN_USER_NAME, "ccCopyUserName"},
-                                              {CC_COLUMN_USER_PASSWORD, "ccCopyUserPassword"},
-                                              {CC_COLUMN_STATE, "ccCopyState"},
-                                              {CC_COLUMN_TIME_STARTED, "ccCopyTimeStarted"},
-                                              {CC_COLUMN_TIME_COMPLETED, "ccCopyTimeCompleted"},
-                                              {CC_COLUMN_FAIL_CAUSE, "ccCopyFailCause"},
-                                              {CC_COLUMN_ENTRY_ROW_STATUS, "ccCopyEntryRowStatus"},
-                                              {CC_COLUMN_SERVER_ADDRESS_TYPE, "ccCopyServerAddressType"},
-                                              {CC_COLUMN_SERVER_ADDRESS_REV1, "ccCopyServerAddressRev1"}}};
+constexpr std::array<Named, 13> copy_columns{
+    {{CC_COLUMN_PROTOCOL, "ccCopyProtocol"},
+     {CC_COLUMN_SOURCE_FILE_TYPE, "ccCopySourceFileType"},
+     {CC_COLUMN_DEST_FILE_TYPE, "ccCopyDestFileType"},
+     {CC_COLUMN_FILE_NAME, "ccCopyFileName"},
+     {CC_COLUMN_USER_NAME, "ccCopyUserName"},
+     {CC_COLUMN_USER_PASSWORD, "ccCopyUserPassword"},
+     {CC_COLUMN_STATE, "ccCopyState"},
+     {CC_COLUMN_TIME_STARTED, "ccCopyTimeStarted"},
+     {CC_COLUMN_TIME_COMPLETED, "ccCopyTimeCompleted"},
+     {CC_COLUMN_FAIL_CAUSE, "ccCopyFailCause"},
+     {CC_COLUMN_ENTRY_ROW_STATUS, "ccCopyEntryRowStatus"},
+     {CC_COLUMN_SERVER_ADDRESS_TYPE, "ccCopyServerAddressType"},
+     {CC_COLUMN_SERVER_ADDRESS_REV1, "ccCopyServerAddressRev1"}}};
 
 bool is_below(const netsnmp_variable_list &variable, const Oid &prefix) {
-    return variable.name_length >= prefix.size() && std::equal(prefix.begin(), prefix.end(), variable.name);
+    return variable.name_length >= prefix.size() &&
+           std::equal(prefix.begin(), prefix.end(), variable.name);
 }
 
 // An object of the copy table by its name, all else by its numbers.
@@ -59,7 +61,8 @@ std::string value_of(const netsnmp_variable_list &variable) {
     case ASN_COUNTER:
         return std::to_string(*variable.val.integer);
     case ASN_OCTET_STR: {
-        const std::string_view octets(reinterpret_cast<const char *>(variable.val.string), variable.val_len);
+        const std::string_view octets(reinterpret_cast<const char *>(variable.val.string),
+                                      variable.val_len);
         if (ulmo::one_line(octets) == octets) {
             return '"' + std::string(octets) + '"';
         }
@@ -78,8 +81,10 @@ std::string value_of(const netsnmp_variable_list &variable) {
 
 std::string bindings(const netsnmp_pdu &pdu, bool has_values) {
     std::string text;
-    for (const netsnmp_variable_list *variable = pdu.variables; variable != nullptr; variable = variable->next_variable) {
-        text += (text.empty() ? "" : ", ") + name_of(*variable) + (has_values ? " = " + value_of(*variable) : "");
+    for (const netsnmp_variable_list *variable = pdu.variables; variable != nullptr;
+         variable = variable->next_variable) {
+        text += (text.empty() ? "" : ", ") + name_of(*variable) +
+                (has_values ? " = " + value_of(*variable) : "");
     }
     return text.empty() ? "no object" : text;
 }
@@ -88,7 +93,10 @@ std::string bindings(const netsnmp_pdu &pdu, bool has_values) {
 
 std::string words_of_request(const netsnmp_pdu &pdu) {
     const bool is_set = pdu.command == SNMP_MSG_SET;
-    return (is_set ? "SET " : pdu.command == SNMP_MSG_GETNEXT ? "GETNEXT " : "GET ") + bindings(pdu, is_set);
+    return (is_set                            ? "SET "
+            : pdu.command == SNMP_MSG_GETNEXT ? "GETNEXT "
+                                              : "GET ") +
+           bindings(pdu, is_set);
 }
 
 std::string words_of_answer(const netsnmp_pdu &pdu) {

@@ -39,16 +39,19 @@ Value value_of(const netsnmp_variable_list &variable) {
 // sooner than it sends.
 void check_keys(const netsnmp_session &session) {
     const auto is_any_set = [](std::initializer_list<int> settings) {
-        return std::any_of(settings.begin(), settings.end(),
-                           [](int which) { return ::netsnmp_ds_get_string(NETSNMP_DS_LIBRARY_ID, which) != nullptr; });
+        return std::any_of(settings.begin(), settings.end(), [](int which) {
+            return ::netsnmp_ds_get_string(NETSNMP_DS_LIBRARY_ID, which) != nullptr;
+        });
     };
     const int level = security_level(session);
-    const bool has_authentication = session.securityAuthKeyLen > 0 || session.securityAuthLocalKeyLen > 0 ||
-                                    is_any_set({NETSNMP_DS_LIB_PASSPHRASE, NETSNMP_DS_LIB_AUTHPASSPHRASE, NETSNMP_DS_LIB_AUTHMASTERKEY,
-                                                NETSNMP_DS_LIB_AUTHLOCALIZEDKEY});
-    const bool has_privacy = session.securityPrivKeyLen > 0 || session.securityPrivLocalKeyLen > 0 ||
-                             is_any_set({NETSNMP_DS_LIB_PASSPHRASE, NETSNMP_DS_LIB_PRIVPASSPHRASE, NETSNMP_DS_LIB_PRIVMASTERKEY,
-                                         NETSNMP_DS_LIB_PRIVLOCALIZEDKEY});
+    const bool has_authentication =
+        session.securityAuthKeyLen > 0 || session.securityAuthLocalKeyLen > 0 ||
+        is_any_set({NETSNMP_DS_LIB_PASSPHRASE, NETSNMP_DS_LIB_AUTHPASSPHRASE,
+                    NETSNMP_DS_LIB_AUTHMASTERKEY, NETSNMP_DS_LIB_AUTHLOCALIZEDKEY});
+    const bool has_privacy =
+        session.securityPrivKeyLen > 0 || session.securityPrivLocalKeyLen > 0 ||
+        is_any_set({NETSNMP_DS_LIB_PASSPHRASE, NETSNMP_DS_LIB_PRIVPASSPHRASE,
+                    NETSNMP_DS_LIB_PRIVMASTERKEY, NETSNMP_DS_LIB_PRIVLOCALIZEDKEY});
     const std::string name(name_of_level(level));
     if (level >= SNMP_SEC_LEVEL_AUTHNOPRIV && !has_authentication) {
         throw Trouble(TroubleKind::no_authentication_key, 0, name);
@@ -100,8 +103,9 @@ std::string octets(const Value &value) {
 }
 
 int security_level(const netsnmp_session &session) {
-    const int level =
-        session.securityLevel > 0 ? session.securityLevel : ::netsnmp_ds_get_int(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_SECLEVEL);
+    const int level = session.securityLevel > 0
+                          ? session.securityLevel
+                          : ::netsnmp_ds_get_int(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_SECLEVEL);
     return level > 0 ? level : SNMP_SEC_LEVEL_NOAUTH;
 }
 
@@ -117,7 +121,9 @@ std::string security_name(const netsnmp_session &session) {
 }
 
 std::string_view name_of_level(int level) {
-    return level == SNMP_SEC_LEVEL_AUTHPRIV ? "authPriv" : level == SNMP_SEC_LEVEL_AUTHNOPRIV ? "authNoPriv" : "noAuthNoPriv";
+    return level == SNMP_SEC_LEVEL_AUTHPRIV     ? "authPriv"
+           : level == SNMP_SEC_LEVEL_AUTHNOPRIV ? "authNoPriv"
+                                                : "noAuthNoPriv";
 }
 
 void set_up_library(const char *program) {
@@ -158,13 +164,16 @@ Session::Session(const netsnmp_session &settings, Peer peer, int stop, Tell tell
         ::snmp_error(&opened, &system_error, &error, &text);
         const std::string reason = text_of(text);
         std::free(text);
-        const bool is_address = error == SNMPERR_BAD_ADDRESS || error == SNMPERR_NO_SOCKET || error == SNMPERR_BAD_SENDTO;
+        const bool is_address = error == SNMPERR_BAD_ADDRESS || error == SNMPERR_NO_SOCKET ||
+                                error == SNMPERR_BAD_SENDTO;
         throw Trouble(is_address ? TroubleKind::no_address : TroubleKind::no_session, 0, reason);
     }
     session_ = ::snmp_sess_session(handle_);
     // Opening takes it away, so that the first request would look for the engine id.
     session_->flags |= SNMP_FLAGS_DONT_PROBE;
-    timeout_ = std::max(std::chrono::duration_cast<Milliseconds>(std::chrono::microseconds(session_->timeout)), Milliseconds(1));
+    timeout_ = std::max(
+        std::chrono::duration_cast<Milliseconds>(std::chrono::microseconds(session_->timeout)),
+        Milliseconds(1));
     attempts_ = session_->retries + 1;
     session_->retries = 0;
 }
@@ -180,7 +189,9 @@ bool Session::is_usm() const {
 
 std::string Session::low_level() const {
     const int level = security_level(*session_);
-    return session_->version == SNMP_VERSION_3 && level < SNMP_SEC_LEVEL_AUTHPRIV ? std::string(name_of_level(level)) : "";
+    return session_->version == SNMP_VERSION_3 && level < SNMP_SEC_LEVEL_AUTHPRIV
+               ? std::string(name_of_level(level))
+               : "";
 }
 
 void Session::begin_to_clean_up(Milliseconds most) {
@@ -197,8 +208,10 @@ void Session::pause(Milliseconds time) const {
 // --- time ---
 
 Milliseconds Session::time_left() const {
-    return deadline_ == Clock::time_point::max() ? Milliseconds::max()
-                                                 : std::max(std::chrono::ceil<Milliseconds>(deadline_ - Clock::now()), Milliseconds(0));
+    return deadline_ == Clock::time_point::max()
+               ? Milliseconds::max()
+               : std::max(std::chrono::ceil<Milliseconds>(deadline_ - Clock::now()),
+                          Milliseconds(0));
 }
 
 Trouble Session::silence() const {
@@ -228,7 +241,8 @@ template <typename Ask> void Session::ask_again_and_again(Ask ask) {
 // Called by the library, which holds the lock through us.
 int Session::on_event(int operation, netsnmp_session *session, int, netsnmp_pdu *pdu, void *magic) {
     auto &pending = *static_cast<Pending *>(magic);
-    if (operation == NETSNMP_CALLBACK_OP_SEC_ERROR) { // a report that names no user, as one about a user who is not known
+    // a report that names no user, as one about a user who is not known
+    if (operation == NETSNMP_CALLBACK_OP_SEC_ERROR) {
         const bool is_report = pdu != nullptr && pdu->command == SNMP_MSG_REPORT;
         pending.report = is_report ? ::snmpv3_get_report_type(pdu) : session->s_snmp_errno;
         pending.ended = true;
@@ -241,7 +255,8 @@ int Session::on_event(int operation, netsnmp_session *session, int, netsnmp_pdu 
     if (pdu->command == SNMP_MSG_REPORT) {
         pending.report = ::snmpv3_get_report_type(pdu);
         // The library itself repeats a request that the agent did not look at for its time, once.
-        if (pending.report == SNMPERR_NOT_IN_TIME_WINDOW && !std::exchange(pending.repeated, true)) {
+        if (pending.report == SNMPERR_NOT_IN_TIME_WINDOW &&
+            !std::exchange(pending.repeated, true)) {
             return 1;
         }
     } else {
@@ -260,9 +275,11 @@ Session::Pdu Session::request(int command, const std::vector<Binding> &bindings)
     }
     for (const auto &[name, value] : bindings) {
         if (const long *number = std::get_if<long>(&value)) {
-            ::snmp_pdu_add_variable(pdu.get(), name.data(), name.size(), ASN_INTEGER, number, sizeof *number);
+            ::snmp_pdu_add_variable(pdu.get(), name.data(), name.size(), ASN_INTEGER, number,
+                                    sizeof *number);
         } else if (const auto *octets = std::get_if<std::string>(&value)) {
-            ::snmp_pdu_add_variable(pdu.get(), name.data(), name.size(), ASN_OCTET_STR, octets->data(), octets->size());
+            ::snmp_pdu_add_variable(pdu.get(), name.data(), name.size(), ASN_OCTET_STR,
+                                    octets->data(), octets->size());
         } else {
             ::snmp_add_null_var(pdu.get(), name.data(), name.size());
         }
@@ -273,7 +290,8 @@ Session::Pdu Session::request(int command, const std::vector<Binding> &bindings)
 // Sends the request and returns the answer; nothing when none came.
 Session::Pdu Session::exchange(Pdu pdu, bool reports_are_answers) {
     if (time_left() == Milliseconds(0)) {
-        // A single request may have been lost, or cut short by the deadline: its silence tells nothing.
+        // A single request may have been lost, or cut short by the deadline: its silence tells
+        // nothing.
         throw has_answered_ && unanswered_ < 2 ? Trouble(TroubleKind::out_of_time) : silence();
     }
     if (tell_) {
@@ -294,9 +312,10 @@ Session::Pdu Session::exchange(Pdu pdu, bool reports_are_answers) {
     Pending ended = std::move(pending);
     pending_.pop_back();
     if (tell_) {
-        tell_(ended.is_silent                   ? "  no answer"
-              : ended.report != SNMPERR_SUCCESS ? std::string("  report: ") + ::snmp_api_errstring(ended.report)
-                                                : "  " + words_of_answer(*ended.answer));
+        tell_(ended.is_silent ? "  no answer"
+              : ended.report != SNMPERR_SUCCESS
+                  ? std::string("  report: ") + ::snmp_api_errstring(ended.report)
+                  : "  " + words_of_answer(*ended.answer));
     }
     if (ended.is_silent) {
         ++unanswered_;
@@ -343,7 +362,8 @@ void Session::await(Pending &pending) {
             ::snmp_sess_select_info2(handle_, &count, &descriptors, &time, &block);
             ::netsnmp_large_fd_set_cleanup(&descriptors);
         }
-        const auto left = std::chrono::seconds(time.tv_sec) + std::chrono::microseconds(time.tv_usec);
+        const auto left =
+            std::chrono::seconds(time.tv_sec) + std::chrono::microseconds(time.tv_usec);
         const int socket = ::snmp_sess_transport(handle_)->sock;
         const bool has_input = wait_for_input(socket, stop_, std::chrono::ceil<Milliseconds>(left));
         const std::lock_guard lock(library);
@@ -359,16 +379,16 @@ void Session::await(Pending &pending) {
     }
 }
 
-// What the words for an error need: the protocol in use, so that one that nobody chose shows, too, or
-// the level.
+// What the words for an error need: the protocol in use, so that one that nobody chose shows, too,
+// or the level.
 std::string Session::detail_of(TroubleKind kind) const {
     switch (kind) {
     case TroubleKind::wrong_authentication:
-        return text_of(
-            ::usm_lookup_auth_str(::sc_get_authtype(session_->securityAuthProto, static_cast<u_int>(session_->securityAuthProtoLen))));
+        return text_of(::usm_lookup_auth_str(::sc_get_authtype(
+            session_->securityAuthProto, static_cast<u_int>(session_->securityAuthProtoLen))));
     case TroubleKind::wrong_privacy:
-        return text_of(
-            ::usm_lookup_priv_str(::sc_get_privtype(session_->securityPrivProto, static_cast<u_int>(session_->securityPrivProtoLen))));
+        return text_of(::usm_lookup_priv_str(::sc_get_privtype(
+            session_->securityPrivProto, static_cast<u_int>(session_->securityPrivProtoLen))));
     case TroubleKind::level_without_keys:
         return std::string(name_of_level(security_level(*session_)));
     default:
@@ -391,8 +411,8 @@ void Session::make_ready() {
     is_ready_ = true;
 }
 
-// An empty request without a user, as of RFC 3414, section 4: the report tells the engine id, and the
-// library notes it.
+// An empty request without a user, as of RFC 3414, section 4: the report tells the engine id, and
+// the library notes it.
 void Session::discover_engine() {
     const auto is_known = [this] { return session_->securityEngineIDLen > 0; };
     if (!is_known()) {
@@ -412,21 +432,24 @@ void Session::discover_engine() {
     }
 }
 
-// Where the transport secures the messages nothing tells the engine, and the agent is asked: RFC 5343,
-// section 3.2.
+// Where the transport secures the messages nothing tells the engine, and the agent is asked: RFC
+// 5343, section 3.2.
 void Session::discover_context_engine() {
     constexpr std::array<unsigned char, 5> local_engine{0x80, 0, 0, 0, 6};
     ask_again_and_again([&] {
-        Pdu probe = request(SNMP_MSG_GET, {{{1, 3, 6, 1, 6, 3, 10, 2, 1, 1, 0}, {}}}); // snmpEngineID
+        // snmpEngineID
+        Pdu probe = request(SNMP_MSG_GET, {{{1, 3, 6, 1, 6, 3, 10, 2, 1, 1, 0}, {}}});
         probe->version = SNMP_VERSION_3;
-        probe->contextEngineID = static_cast<unsigned char *>(::netsnmp_memdup(local_engine.data(), local_engine.size()));
+        probe->contextEngineID = static_cast<unsigned char *>(
+            ::netsnmp_memdup(local_engine.data(), local_engine.size()));
         probe->contextEngineIDLen = local_engine.size();
         const Pdu answer = exchange(std::move(probe));
         const netsnmp_variable_list *engine = answer ? answer->variables : nullptr;
         if (engine == nullptr || engine->type != ASN_OCTET_STR || engine->val_len == 0) {
             return false;
         }
-        session_->contextEngineID = static_cast<unsigned char *>(::netsnmp_memdup(engine->val.string, engine->val_len));
+        session_->contextEngineID =
+            static_cast<unsigned char *>(::netsnmp_memdup(engine->val.string, engine->val_len));
         session_->contextEngineIDLen = engine->val_len;
         return true;
     });
@@ -435,7 +458,8 @@ void Session::discover_context_engine() {
 // An agent says nothing to a request that it can't decrypt, but answers the same user's request
 // without privacy, if only with a refusal.
 void Session::check_privacy() {
-    if (!is_usm() || session_->securityLevel != SNMP_SEC_LEVEL_AUTHPRIV || has_answered_ || !is_found_) {
+    if (!is_usm() || session_->securityLevel != SNMP_SEC_LEVEL_AUTHPRIV || has_answered_ ||
+        !is_found_) {
         return;
     }
     Pdu plain = request(SNMP_MSG_GET, {{{1, 3, 6, 1, 2, 1, 1, 3, 0}, {}}}); // sysUpTime
@@ -459,7 +483,8 @@ Session::Pdu Session::answer_to(int command, const std::vector<Binding> &binding
 
 std::vector<Value> Session::get(const std::vector<Oid> &names) {
     std::vector<Value> values;
-    if (session_->version == SNMP_VERSION_1 && names.size() > 1) { // which refuses the whole request for one that is not there
+    // which refuses the whole request for one that is not there
+    if (session_->version == SNMP_VERSION_1 && names.size() > 1) {
         for (const Oid &name : names) {
             values.push_back(get({name}).front());
         }
@@ -477,8 +502,8 @@ std::vector<Value> Session::get(const std::vector<Oid> &names) {
     }
     check_read(*answer);
     std::size_t i = 0;
-    for (const netsnmp_variable_list *variable = answer->variables; variable != nullptr && i < values.size();
-         variable = variable->next_variable) {
+    for (const netsnmp_variable_list *variable = answer->variables;
+         variable != nullptr && i < values.size(); variable = variable->next_variable) {
         values[i++] = value_of(*variable);
     }
     return values;
@@ -499,16 +524,19 @@ void Session::check_read(const netsnmp_pdu &answer) const {
 std::optional<Binding> Session::next(const Oid &name) {
     const Pdu answer = answer_to(SNMP_MSG_GETNEXT, {{name, {}}});
     const netsnmp_variable_list *variable = answer->variables;
-    if (answer->errstat == SNMP_ERR_NOSUCHNAME || variable == nullptr || variable->type == SNMP_ENDOFMIBVIEW) {
+    if (answer->errstat == SNMP_ERR_NOSUCHNAME || variable == nullptr ||
+        variable->type == SNMP_ENDOFMIBVIEW) {
         return std::nullopt;
     }
     check_read(*answer);
-    return Binding{Oid(variable->name, variable->name + variable->name_length), value_of(*variable)};
+    return Binding{Oid(variable->name, variable->name + variable->name_length),
+                   value_of(*variable)};
 }
 
 std::vector<Binding> Session::instances(const Oid &name) {
     std::vector<Binding> found;
-    for (auto at = next(name); at && at->name.size() == name.size() + 1 && std::equal(name.begin(), name.end(), at->name.begin());
+    for (auto at = next(name); at && at->name.size() == name.size() + 1 &&
+                               std::equal(name.begin(), name.end(), at->name.begin());
          at = next(found.back().name)) {
         found.push_back(std::move(*at));
     }

@@ -4,8 +4,8 @@
 //
 // Requests to one agent. Many sessions work side by side, each in a thread of its own: the Net-SNMP
 // library knows nothing of threads, so one lock guards every call of it, and none is held while an
-// answer is awaited. What the library knows of a user and of an engine's time it knows by the engine
-// id, for all sessions: two agents with the same one disturb each other.
+// answer is awaited. What the library knows of a user and of an engine's time it knows by the
+// engine id, for all sessions: two agents with the same one disturb each other.
 #pragma once
 
 #include "copy_client/copy_table.h"
@@ -63,16 +63,16 @@ struct Peer {
 // Takes each message in words; several threads may call it at a time. No password is told.
 using Tell = std::function<void(const std::string &words)>;
 
-// Sets the library up for a program that says all to its sessions: it reads no user's configuration, loads
-// no MIB modules, keeps nothing on this machine and prints nothing. To be called before there are
-// threads.
+// Sets the library up for a program that says all to its sessions: it reads no user's
+// configuration, loads no MIB modules, keeps nothing on this machine and prints nothing. To be
+// called before there are threads.
 void set_up_library(const char *program);
 
 class Session {
   public:
-    // `settings` is all but the peer: its timeout and its retries hold for each request, and what it
-    // leaves open the library's own settings say. It must outlive the session. A request ends with
-    // Stopped when the descriptor `stop` (-1: never) becomes readable. Throws Trouble.
+    // `settings` is all but the peer: its timeout and its retries hold for each request, and what
+    // it leaves open the library's own settings say. It must outlive the session. A request ends
+    // with Stopped when the descriptor `stop` (-1: never) becomes readable. Throws Trouble.
     Session(const netsnmp_session &settings, Peer peer, int stop, Tell tell = {});
     Session(const Session &) = delete;
     Session &operator=(const Session &) = delete;
@@ -105,10 +105,10 @@ class Session {
     // Lets time pass, or throws Stopped.
     void pause(Milliseconds time) const;
 
-    const std::string &agent() const { return peer_.name; }
+    [[nodiscard]] const std::string &agent() const { return peer_.name; }
 
     // The name of the security level if the user could have a higher one; otherwise empty.
-    std::string low_level() const;
+    [[nodiscard]] std::string low_level() const;
 
   private:
     struct FreePdu {
@@ -121,7 +121,7 @@ class Session {
     void discover_engine();
     void discover_context_engine();
     void check_privacy();
-    Pdu request(int command, const std::vector<Binding> &bindings) const;
+    [[nodiscard]] Pdu request(int command, const std::vector<Binding> &bindings) const;
     Pdu exchange(Pdu pdu, bool reports_are_answers = false);
     bool send(Pdu pdu, Pending &pending);
     void await(Pending &pending);
@@ -129,12 +129,13 @@ class Session {
     Pdu answer_to(int command, const std::vector<Binding> &bindings);
     std::optional<Binding> next(const Oid &name);
     void check_read(const netsnmp_pdu &answer) const;
-    Milliseconds time_left() const;
-    Trouble silence() const;
-    std::string detail_of(TroubleKind kind) const;
-    bool is_usm() const;
+    [[nodiscard]] Milliseconds time_left() const;
+    [[nodiscard]] Trouble silence() const;
+    [[nodiscard]] std::string detail_of(TroubleKind kind) const;
+    [[nodiscard]] bool is_usm() const;
 
-    static int on_event(int operation, netsnmp_session *session, int request, netsnmp_pdu *pdu, void *pending);
+    static int on_event(int operation, netsnmp_session *session, int request, netsnmp_pdu *pdu,
+                        void *pending);
 
     Peer peer_;
     int stop_;

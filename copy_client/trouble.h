@@ -41,9 +41,10 @@ enum class TroubleKind {
 };
 
 struct Trouble : std::exception {
-    explicit Trouble(TroubleKind kind_, long number_ = 0, std::string detail_ = {}, unsigned long column_ = 0)
-        : kind(kind_), number(number_), detail(std::move(detail_)), column(column_) {}
-    const char *what() const noexcept override { return "trouble with an agent"; }
+    explicit Trouble(TroubleKind what, long error = 0, std::string text = {},
+                     unsigned long where = 0)
+        : kind(what), number(error), detail(std::move(text)), column(where) {}
+    [[nodiscard]] const char *what() const noexcept override { return "trouble with an agent"; }
 
     TroubleKind kind;
     long number;
@@ -51,7 +52,8 @@ struct Trouble : std::exception {
     unsigned long column;
 };
 
-// What SNMPERR_… of the library says of our credentials; other_report when it says nothing of them.
+// What SNMPERR_… of the library says of our credentials; other_report when it says nothing of
+// them.
 TroubleKind kind_of_error(int error);
 
 } // namespace copy_client

@@ -17,7 +17,8 @@ using Hash = std::vector<oid>;
 Key made_key(const Hash &hash, const std::string &passphrase) {
     std::array<u_char, USM_AUTH_KU_LEN> key{};
     std::size_t length = key.size();
-    if (::generate_Ku(hash.data(), static_cast<u_int>(hash.size()), reinterpret_cast<const u_char *>(passphrase.data()), passphrase.size(),
+    if (::generate_Ku(hash.data(), static_cast<u_int>(hash.size()),
+                      reinterpret_cast<const u_char *>(passphrase.data()), passphrase.size(),
                       key.data(), &length) != SNMPERR_SUCCESS) {
         throw std::runtime_error("no key can be made of a passphrase");
     }
@@ -44,9 +45,12 @@ void set_user(netsnmp_session &session, const User &user) {
     session.securityLevel = SNMP_SEC_LEVEL_AUTHPRIV;
     session.securityName = const_cast<char *>(user.name.c_str()); // which the library copies
     session.securityNameLen = user.name.size();
-    session.securityAuthProto = ::sc_get_auth_oid(::usm_lookup_auth_type(user.auth_protocol.c_str()), &session.securityAuthProtoLen);
-    session.securityPrivProto = ::sc_get_priv_oid(::usm_lookup_priv_type(user.priv_protocol.c_str()), &session.securityPrivProtoLen);
-    const Hash hash(session.securityAuthProto, session.securityAuthProto + session.securityAuthProtoLen);
+    session.securityAuthProto = ::sc_get_auth_oid(
+        ::usm_lookup_auth_type(user.auth_protocol.c_str()), &session.securityAuthProtoLen);
+    session.securityPrivProto = ::sc_get_priv_oid(
+        ::usm_lookup_priv_type(user.priv_protocol.c_str()), &session.securityPrivProtoLen);
+    const Hash hash(session.securityAuthProto,
+                    session.securityAuthProto + session.securityAuthProtoLen);
     const Key auth = key_of(hash, user.auth_passphrase);
     const Key priv = key_of(hash, user.priv_passphrase);
     std::copy(auth.begin(), auth.end(), session.securityAuthKey);

@@ -1,5 +1,5 @@
-// Users of SNMPv3. Making the key of a passphrase takes milliseconds (RFC 3414, A.2.1), so each is made
-// once in a process, whatever the number of agents that know the user.
+// Users of SNMPv3. Making the key of a passphrase takes milliseconds (RFC 3414, A.2.1), so each is
+// made once in a process, whatever the number of agents that know the user.
 #pragma once
 
 #include <net-snmp/net-snmp-config.h>
@@ -18,12 +18,12 @@ struct User {
     std::string priv_passphrase;
 };
 
-// Gives the session the user, with authentication and privacy. The user's name must outlive it. Threads
-// may call it side by side. Throws std::runtime_error when a passphrase makes no key.
+// Gives the session the user, with authentication and privacy. The user's name must outlive it.
+// Threads may call it side by side. Throws std::runtime_error when a passphrase makes no key.
 void set_user(netsnmp_session &session, const User &user);
 
-// Makes the keys of the passphrases in snmp.conf, if the session's are to be made of them: otherwise the
-// library makes them anew for each agent. To be called before there are threads.
+// Makes the keys of the passphrases in snmp.conf, if the session's are to be made of them:
+// otherwise the library makes them anew for each agent. To be called before there are threads.
 void keep_keys_of_settings(netsnmp_session &session);
 
 } // namespace copy_client

@@ -9,9 +9,11 @@ namespace copy_client {
 bool wait_for_input(int descriptor, int stop, Milliseconds time) {
     const auto end = std::chrono::steady_clock::now() + time;
     for (;;) {
-        const auto left = std::chrono::ceil<Milliseconds>(end - std::chrono::steady_clock::now()).count();
+        const auto left =
+            std::chrono::ceil<Milliseconds>(end - std::chrono::steady_clock::now()).count();
         std::array<pollfd, 2> waited{{{stop, POLLIN, 0}, {descriptor, POLLIN, 0}}};
-        const int ready = ::poll(waited.data(), waited.size(), left > 0 ? static_cast<int>(left) : 0);
+        const int ready =
+            ::poll(waited.data(), waited.size(), left > 0 ? static_cast<int>(left) : 0);
         if (ready > 0 && waited[0].revents != 0) {
             throw Stopped{};
         }

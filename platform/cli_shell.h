@@ -9,16 +9,20 @@
 extern "C" {
 #endif
 
-#define CMDSHELL_PROGRAM "/ulmo/bin/cmdshell" /* cmdshell -c COMMAND: runs COMMAND, prints its output, exits with 0 on success */
+#define CMDSHELL_PROGRAM                                                                           \
+    "/ulmo/bin/cmdshell" /* cmdshell -c COMMAND: runs COMMAND, prints its output, exits with 0 on  \
+                            success */
 
 /* Results of cmdshell_execute_cfg_file2(). */
-#define CMDSHELL_ERR_APPLY 0x40540001U    /* the configuration could not be applied */
-#define CMDSHELL_ERR_BAD_FILE 0x40540002U /* the file is not there, can't be read, or is no configuration text at all */
+#define CMDSHELL_ERR_APPLY 0x40540001U /* the configuration could not be applied */
+#define CMDSHELL_ERR_BAD_FILE                                                                      \
+    0x40540002U /* the file is not there, can't be read, or is no configuration text at all */
 #define CMDSHELL_ERR_BAD_LINE 0x40540003U /* the shell refused a line of it */
 
 #define CMDSHELL_FILE_SIZE 128U
 
-/* What to execute. All octets but the two names are zero. A name of the full width has no terminator. */
+/* What to execute. All octets but the two names are zero. A name of the full width has no
+ * terminator. */
 struct cmdshell_exec_params {
     uint8_t reserved0[4];
     char file[CMDSHELL_FILE_SIZE]; /* the configuration file */
@@ -27,8 +31,9 @@ struct cmdshell_exec_params {
     uint8_t reserved516[528];
 };
 
-/* Applies the file to the running configuration, whole or not at all. The output file is made for its owner only and no link is followed
- * to it. Returns 0, one of the codes above, or another platform status code. */
+/* Applies the file to the running configuration, whole or not at all. The output file is made for
+ * its owner only and no link is followed to it. Returns 0, one of the codes above, or another
+ * platform status code. */
 uint32_t cmdshell_execute_cfg_file2(const struct cmdshell_exec_params *params);
 
 enum cmdshell_cfg_update {
@@ -36,7 +41,8 @@ enum cmdshell_cfg_update {
     CMDSHELL_CFG_RUNNING_COPIED = 2, /* the running configuration is about to be uploaded */
 };
 
-/* Tells the shell that the configuration was copied. `handle` is an endpoint of msgbus; `second` is always 1 and `fourth` always 3. */
+/* Tells the shell that the configuration was copied. `handle` is an endpoint of msgbus; `second` is
+ * always 1 and `fourth` always 3. */
 int cmdshell_notify_cfg_update(int32_t handle, int second, int kind, int fourth);
 
 #ifdef __cplusplus

@@ -1,9 +1,11 @@
-/* The copy table of CONFIG-COPY-MIB in numbers: for the module that serves it and for whatever asks it over SNMP. */
+/* The copy table of CONFIG-COPY-MIB in numbers: for the module that serves it and for whatever asks
+ * it over SNMP. */
 #ifndef PLATFORM_COPY_TABLE_H
 #define PLATFORM_COPY_TABLE_H
 
-/* The root 1.3.6.1.4.1.41927.9.96, and an instance's OID up to its column: ccCopyTable is indexed by a request's number, 1 to 2147483647,
- * ccCopyErrorTable by that and a number within the request. */
+/* The root 1.3.6.1.4.1.41927.9.96, and an instance's OID up to its column: ccCopyTable is indexed
+ * by a request's number, 1 to 2147483647, ccCopyErrorTable by that and a number within the request.
+ */
 #define CC_ROOT_OID 1, 3, 6, 1, 4, 1, 41927, 9, 96
 #define CC_COPY_COLUMN_OID(column) CC_ROOT_OID, 1, 1, 1, 1, (column)
 #define CC_ERROR_COLUMN_OID(column) CC_ROOT_OID, 1, 1, 2, 1, (column)
@@ -37,7 +39,13 @@ enum cc_error_column {
 };
 
 /* Values of ccCopyProtocol. */
-enum copy_protocol { COPY_PROTO_TFTP = 1, COPY_PROTO_FTP = 2, COPY_PROTO_RCP = 3, COPY_PROTO_SCP = 4, COPY_PROTO_SFTP = 5 };
+enum copy_protocol {
+    COPY_PROTO_TFTP = 1,
+    COPY_PROTO_FTP = 2,
+    COPY_PROTO_RCP = 3,
+    COPY_PROTO_SCP = 4,
+    COPY_PROTO_SFTP = 5
+};
 
 /* Values of ccCopySourceFileType and ccCopyDestFileType. */
 enum copy_file_type {
@@ -51,7 +59,12 @@ enum copy_file_type {
 };
 
 /* Values of ccCopyState. */
-enum copy_state { COPY_STATE_WAITING = 1, COPY_STATE_RUNNING = 2, COPY_STATE_SUCCESSFUL = 3, COPY_STATE_FAILED = 4 };
+enum copy_state {
+    COPY_STATE_WAITING = 1,
+    COPY_STATE_RUNNING = 2,
+    COPY_STATE_SUCCESSFUL = 3,
+    COPY_STATE_FAILED = 4
+};
 
 /* Values of ccCopyFailCause. */
 enum copy_fail_cause {

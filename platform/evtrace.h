@@ -1,4 +1,5 @@
-/* evtrace: the platform's debug history, and the conditional debug print. Callable from the agent and from its forked workers. */
+/* evtrace: the platform's debug history, and the conditional debug print. Callable from the agent
+ * and from its forked workers. */
 #ifndef PLATFORM_EVTRACE_H
 #define PLATFORM_EVTRACE_H
 
@@ -14,17 +15,19 @@ enum evtrace_subtype {
     EVTRACE_DEBUG = 101, /* the course of things */
 };
 
-/* Non-zero when the history declines records of this module and subtype; the caller then formats nothing for it. */
+/* Non-zero when the history declines records of this module and subtype; the caller then formats
+ * nothing for it. */
 int evtrace_hist_event_subtype_check(uint32_t module_id, uint32_t subtype);
 
-/* Records `length` octets of text (no terminator needed) with the time and the process id. A record that is longer than the history
- * takes is cut. Never fails and never blocks. */
+/* Records `length` octets of text (no terminator needed) with the time and the process id. A record
+ * that is longer than the history takes is cut. Never fails and never blocks. */
 void evtrace_hist_event(uint32_t module_id, uint32_t subtype, uint32_t length, const char *text);
 
 /* Non-zero when debug print is on for this subtype. The last three arguments are always 0, 0, 1. */
 int evtrace_chk_int(uint32_t subtype, int32_t second, int32_t third, int32_t fourth);
 
-/* Prints as printf(3) does to the platform's debug output (standard error of the process on a host). */
+/* Prints as printf(3) does to the platform's debug output (standard error of the process on a
+ * host). */
 void dbgprint(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 #ifdef __cplusplus

@@ -1,4 +1,5 @@
-/* Fabric and address services: who this switch is, how the last fabric-wide action went on each switch, and the management addresses. */
+/* Fabric and address services: who this switch is, how the last fabric-wide action went on each
+ * switch, and the management addresses. */
 #ifndef PLATFORM_FABRIC_H
 #define PLATFORM_FABRIC_H
 
@@ -13,12 +14,15 @@ extern "C" {
 
 #define SWITCH_WWN_SIZE 8U
 
-#define CTLMSG_REQ_SWITCH_WWN 1282U /* the answer begins with the local switch's world-wide name, SWITCH_WWN_SIZE octets */
+#define CTLMSG_REQ_SWITCH_WWN                                                                      \
+    1282U /* the answer begins with the local switch's world-wide name, SWITCH_WWN_SIZE octets */
 
-/* Asks a service of the switch and waits for its answer for at most `timeout` seconds. Returns 0 on success. *response is heap memory
- * (free(3)) that the caller releases whenever it is not null, or null; *length is its size in octets. */
-int ctlmsg_req_resp(uint32_t request, int second, const void *third, void **response, uint32_t *length, int sixth, int seventh,
-                    uint32_t destination, int32_t queue, uint32_t timeout);
+/* Asks a service of the switch and waits for its answer for at most `timeout` seconds. Returns 0 on
+ * success. *response is heap memory (free(3)) that the caller releases whenever it is not null, or
+ * null; *length is its size in octets. */
+int ctlmsg_req_resp(uint32_t request, int second, const void *third, void **response,
+                    uint32_t *length, int sixth, int seventh, uint32_t destination, int32_t queue,
+                    uint32_t timeout);
 
 /* One switch of the fabric: cursor and result of the walk. All zero begins a walk. */
 struct fabstat_status {
@@ -29,9 +33,11 @@ struct fabstat_status {
 
 #define FABSTAT_TEXT_SIZE 256U
 
-/* Steps to the next switch and writes its outcome in words to `text`, at most `size` octets, terminated when shorter. The local switch's
- * world-wide name comes as the two 32-bit halves of its octets as they lie in memory. Returns 0, or non-zero when the walk is over. */
-int fabstat_status_next_get(struct fabstat_status *status, char *text, uint32_t size, uint32_t local_wwn_first, uint32_t local_wwn_second);
+/* Steps to the next switch and writes its outcome in words to `text`, at most `size` octets,
+ * terminated when shorter. The local switch's world-wide name comes as the two 32-bit halves of its
+ * octets as they lie in memory. Returns 0, or non-zero when the walk is over. */
+int fabstat_status_next_get(struct fabstat_status *status, char *text, uint32_t size,
+                            uint32_t local_wwn_first, uint32_t local_wwn_second);
 
 /* Releases what the walk held. */
 void fabstat_status_clean(void);
@@ -46,11 +52,14 @@ struct addrcfg_inet_addrs {
     struct inet_address first;
 };
 
-/* The addresses of an interface. Returns 0 and a list in heap memory (free(3)) that the caller releases; non-zero on failure. */
-int addrcfg_get_if_inet_addrs(int32_t queue, uint32_t if_index, struct addrcfg_inet_addrs **addresses);
+/* The addresses of an interface. Returns 0 and a list in heap memory (free(3)) that the caller
+ * releases; non-zero on failure. */
+int addrcfg_get_if_inet_addrs(int32_t queue, uint32_t if_index,
+                              struct addrcfg_inet_addrs **addresses);
 
 #ifdef __cplusplus
 }
-static_assert(offsetof(addrcfg_inet_addrs, count) == 4 && offsetof(addrcfg_inet_addrs, first) == 12, "layout of the address list");
+static_assert(offsetof(addrcfg_inet_addrs, count) == 4 && offsetof(addrcfg_inet_addrs, first) == 12,
+              "layout of the address list");
 #endif
 #endif

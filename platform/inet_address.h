@@ -17,11 +17,13 @@ struct inet_address {
     uint8_t octets[16]; /* network order; an IPv4 address is the first four */
 };
 
-/* Reads an IPv4 address in dotted decimal or an IPv6 address (RFC 4291). Returns 0 and fills the whole address (the octets that an IPv4
- * address does not use become 0), or an errno value and leaves it alone. */
+/* Reads an IPv4 address in dotted decimal or an IPv6 address (RFC 4291). Returns 0 and fills the
+ * whole address (the octets that an IPv4 address does not use become 0), or an errno value and
+ * leaves it alone. */
 int ip_addr_from_str(const char *text, struct inet_address *address);
 
-/* Writes the address as text with its terminator. Returns 0, EAFNOSUPPORT for another type, or ENOSPC when `size` octets do not suffice. */
+/* Writes the address as text with its terminator. Returns 0, EAFNOSUPPORT for another type, or
+ * ENOSPC when `size` octets do not suffice. */
 int ip_addr_to_str(const struct inet_address *address, char *text, size_t size);
 
 #ifdef __cplusplus

@@ -1,4 +1,5 @@
-/* The system manager ("warden"): where the startup configuration lives, and the configuration actions that are asked of it over msgbus. */
+/* The system manager ("warden"): where the startup configuration lives, and the configuration
+ * actions that are asked of it over msgbus. */
 #ifndef PLATFORM_SYSTEM_MANAGER_H
 #define PLATFORM_SYSTEM_MANAGER_H
 
@@ -11,19 +12,24 @@ extern "C" {
 
 #define WARDEN_STARTUP_FILE "system.cfg"
 
-/* The directory in which the startup configuration file WARDEN_STARTUP_FILE lies. `handle` is an endpoint of msgbus, `which` is always 2.
- * The text lives as long as the process; never null. */
+/* The directory in which the startup configuration file WARDEN_STARTUP_FILE lies. `handle` is an
+ * endpoint of msgbus, `which` is always 2. The text lives as long as the process; never null. */
 const char *warden_cli_dir_get(int32_t handle, int32_t which);
 
-/* Makes the text configuration in the file `path` the startup configuration, whole or not at all: a file that can't be read or that is not
- * a valid configuration changes nothing. Returns 0 or a platform status code. */
+/* Makes the text configuration in the file `path` the startup configuration, whole or not at all: a
+ * file that can't be read or that is not a valid configuration changes nothing. Returns 0 or a
+ * platform status code. */
 uint32_t warden_cli_write_ascii_cfg(int32_t handle, const char *path);
 
 /* Opcodes between the agent and the system manager. */
-#define MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION 1381U       /* request, struct warden_cfg_action; answer, one status word */
-#define MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION_ABORT 1383U /* request without answer, struct warden_cfg_abort */
-#define MSGBUS_OPC_WARDEN_CFG_ACTION_BEGIN 1391U            /* to the agent: the action has begun; no payload */
-#define MSGBUS_OPC_WARDEN_CFG_ACTION_END 1361U              /* to the agent: it has ended; payload: one big-endian word, 0 success */
+#define MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION                                                    \
+    1381U /* request, struct warden_cfg_action; answer, one status word */
+#define MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION_ABORT                                              \
+    1383U /* request without answer, struct warden_cfg_abort */
+#define MSGBUS_OPC_WARDEN_CFG_ACTION_BEGIN                                                         \
+    1391U /* to the agent: the action has begun; no payload */
+#define MSGBUS_OPC_WARDEN_CFG_ACTION_END                                                           \
+    1361U /* to the agent: it has ended; payload: one big-endian word, 0 success */
 
 /* Status words of the answer, big-endian on the wire; any other value is a refusal. */
 #define WARDEN_CFG_ACTION_DONE 0U
@@ -46,8 +52,8 @@ struct warden_cfg_action {
     uint32_t fabric; /* 1: save on every switch of the fabric */
     uint32_t word32;
     uint32_t reserved36;
-    uint32_t all;                              /* 1: save every startup configuration of this switch */
-    char user[WARDEN_CFG_ACTION_TEXT_SIZE];    /* NUL-terminated */
+    uint32_t all;                           /* 1: save every startup configuration of this switch */
+    char user[WARDEN_CFG_ACTION_TEXT_SIZE]; /* NUL-terminated */
     char session[WARDEN_CFG_ACTION_TEXT_SIZE]; /* NUL-terminated */
     uint8_t reserved108[WARDEN_CFG_ACTION_TEXT_SIZE];
 };
@@ -61,8 +67,10 @@ struct warden_cfg_abort {
 
 #ifdef __cplusplus
 }
-static_assert(sizeof(warden_cfg_action) == 140 && offsetof(warden_cfg_action, fabric) == 28 && offsetof(warden_cfg_action, all) == 40 &&
-                  offsetof(warden_cfg_action, user) == 44 && offsetof(warden_cfg_action, session) == 76,
+static_assert(sizeof(warden_cfg_action) == 140 && offsetof(warden_cfg_action, fabric) == 28 &&
+                  offsetof(warden_cfg_action, all) == 40 &&
+                  offsetof(warden_cfg_action, user) == 44 &&
+                  offsetof(warden_cfg_action, session) == 76,
               "layout of the configuration action request");
 static_assert(sizeof(warden_cfg_abort) == 8, "layout of the abort request");
 #endif

@@ -23,7 +23,8 @@ constexpr Clock::duration first_wait = std::chrono::seconds(1);
 constexpr Clock::duration least_wait = std::chrono::milliseconds(200);
 constexpr Clock::duration longest_wait = std::chrono::seconds(8);
 
-// How long a report that the server's port is closed may be ahead of what the server sent before it closed it.
+// How long a report that the server's port is closed may be ahead of what the server sent before it
+// closed it.
 constexpr Clock::duration last_words = std::chrono::milliseconds(200);
 
 // Room for a window that arrives while the file system is busy. The kernel bounds it as configured.
@@ -48,30 +49,35 @@ in_port_t port(const sockaddr_storage &address) {
 }
 
 void set_option(const UniqueFd &socket, int level, int name, int value) {
-    check(::setsockopt(socket.get(), level, name, &value, sizeof value), "cannot set up the socket");
+    check(::setsockopt(socket.get(), level, name, &value, sizeof value),
+          "cannot set up the socket");
 }
 
 UniqueFd open_socket(const Endpoint &server) {
-    UniqueFd opened(check(::socket(server.address.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0), "cannot open a socket"));
+    UniqueFd opened(check(::socket(server.address.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0),
+                          "cannot open a socket"));
     if (!server.device.empty() &&
-        ::setsockopt(opened.get(), SOL_SOCKET, SO_BINDTODEVICE, server.device.c_str(), static_cast<socklen_t>(server.device.size())) != 0) {
+        ::setsockopt(opened.get(), SOL_SOCKET, SO_BINDTODEVICE, server.device.c_str(),
+                     static_cast<socklen_t>(server.device.size())) != 0) {
         throw_errno("cannot bind to", server.device);
     }
     return opened;
 }
 
 timespec remaining(Clock::time_point until) {
-    const auto left = std::max(std::chrono::nanoseconds(until - Clock::now()), std::chrono::nanoseconds(0));
+    const auto left =
+        std::max(std::chrono::nanoseconds(until - Clock::now()), std::chrono::nanoseconds(0));
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
     return {static_cast<time_t>(seconds.count()), static_cast<long>((left - seconds).count())};
 }
 
 bool is_unreachable(int number) {
-    return number == ENETUNREACH || number == EHOSTUNREACH || number == EHOSTDOWN || number == EACCES || number == ENONET ||
-           number == EPROTO || number == ENOPROTOOPT;
+    return number == ENETUNREACH || number == EHOSTUNREACH || number == EHOSTDOWN ||
+           number == EACCES || number == ENONET || number == EPROTO || number == ENOPROTOOPT;
 }
 
-// Who asks for a file learns the same of a host that can't be reached as of a network: that there is no way to the server.
+// Who asks for a file learns the same of a host that can't be reached as of a network: that there
+// is no way to the server.
 int without_host(int number) {
     return number == EHOSTUNREACH || number == EHOSTDOWN ? ENETUNREACH : number;
 }
@@ -79,7 +85,8 @@ int without_host(int number) {
 } // namespace
 
 TransferError server_error(const Error &error) {
-    const std::string detail = "the server reports error " + std::to_string(error.code) + (error.text.empty() ? "" : ", " + error.text);
+    const std::string detail = "the server reports error " + std::to_string(error.code) +
+                               (error.text.empty() ? "" : ", " + error.text);
     if (error.code == 0 || error.code > 99) {
         return {system_result(EPROTO), detail};
     }
@@ -108,27 +115,32 @@ std::size_t path_payload(const Endpoint &server) {
     const bool is_ipv6 = server.address.ss_family == AF_INET6;
     int mtu = 0;
     socklen_t octets = sizeof mtu;
-    if (::getsockopt(probe.get(), is_ipv6 ? IPPROTO_IPV6 : IPPROTO_IP, is_ipv6 ? IPV6_MTU : IP_MTU, &mtu, &octets) != 0) {
+    if (::getsockopt(probe.get(), is_ipv6 ? IPPROTO_IPV6 : IPPROTO_IP, is_ipv6 ? IPV6_MTU : IP_MTU,
+                     &mtu, &octets) != 0) {
         throw_errno("cannot tell the path's MTU");
     }
     const std::size_t headers = (is_ipv6 ? ipv6_header : ipv4_header) + udp_header;
     return static_cast<std::size_t>(mtu) > headers ? static_cast<std::size_t>(mtu) - headers : 0;
 }
 
-// The socket stays unconnected, because the server answers from another port than it is asked at; so the kernel has to be told to keep
-// what ICMP reports.
+// The socket stays unconnected, because the server answers from another port than it is asked at;
+// so the kernel has to be told to keep what ICMP reports.
 Channel::Channel(const Endpoint &server)
-    : socket_(open_socket(server)), server_(server.address), server_octets_(server.address_octets), buffer_(largest_packet) {
+    : socket_(open_socket(server)), server_(server.address), server_octets_(server.address_octets),
+      buffer_(largest_packet) {
     const bool is_ipv6 = server_.ss_family == AF_INET6;
-    set_option(socket_, is_ipv6 ? IPPROTO_IPV6 : IPPROTO_IP, is_ipv6 ? IPV6_RECVERR : IP_RECVERR, 1);
+    set_option(socket_, is_ipv6 ? IPPROTO_IPV6 : IPPROTO_IP, is_ipv6 ? IPV6_RECVERR : IP_RECVERR,
+               1);
     set_option(socket_, SOL_SOCKET, SO_RCVBUF, receive_buffer);
 }
 
 void Channel::send(Octets packet) {
-    // A send may also fail on account of a report about an earlier packet, and then sends nothing. Several reports may wait.
+    // A send may also fail on account of a report about an earlier packet, and then sends nothing.
+    // Several reports may wait.
     constexpr int attempts = 4;
     for (int attempt = 0; attempt < attempts; ++attempt) {
-        if (::sendto(socket_.get(), packet.data(), packet.size(), 0, plain(server_), server_octets_) >= 0) {
+        if (::sendto(socket_.get(), packet.data(), packet.size(), 0, plain(server_),
+                     server_octets_) >= 0) {
             return;
         }
         const int problem = errno;
@@ -151,8 +163,10 @@ std::optional<Packet> Channel::receive(Clock::time_point until) {
             if (adopted_ && port(source_) != port(server_)) {
                 // An error must not be answered, or two confused programs never come to rest.
                 if (packet && !std::holds_alternative<Error>(*packet)) {
-                    const auto refusal = encode_error(ErrorCode::unknown_transfer_id, "Unknown transfer ID");
-                    ::sendto(socket_.get(), refusal.data(), refusal.size(), 0, plain(source_), server_octets_);
+                    const auto refusal =
+                        encode_error(ErrorCode::unknown_transfer_id, "Unknown transfer ID");
+                    ::sendto(socket_.get(), refusal.data(), refusal.size(), 0, plain(source_),
+                             server_octets_);
                 }
                 continue;
             }
@@ -188,7 +202,8 @@ void Channel::adopt() {
 std::optional<Octets> Channel::next_datagram() {
     for (;;) {
         socklen_t octets = sizeof source_;
-        const ssize_t received = ::recvfrom(socket_.get(), buffer_.data(), buffer_.size(), MSG_DONTWAIT, plain(source_), &octets);
+        const ssize_t received = ::recvfrom(socket_.get(), buffer_.data(), buffer_.size(),
+                                            MSG_DONTWAIT, plain(source_), &octets);
         if (received >= 0) {
             return Octets(buffer_.data(), static_cast<std::size_t>(received));
         }
@@ -218,17 +233,21 @@ bool Channel::drain_errors() {
             return any;
         }
         any = true;
-        for (cmsghdr *header = CMSG_FIRSTHDR(&message); header != nullptr; header = CMSG_NXTHDR(&message, header)) {
-            const bool is_report = (header->cmsg_level == IPPROTO_IP && header->cmsg_type == IP_RECVERR) ||
-                                   (header->cmsg_level == IPPROTO_IPV6 && header->cmsg_type == IPV6_RECVERR);
+        for (cmsghdr *header = CMSG_FIRSTHDR(&message); header != nullptr;
+             header = CMSG_NXTHDR(&message, header)) {
+            const bool is_report =
+                (header->cmsg_level == IPPROTO_IP && header->cmsg_type == IP_RECVERR) ||
+                (header->cmsg_level == IPPROTO_IPV6 && header->cmsg_type == IPV6_RECVERR);
             // Reports about the refusals sent to foreign ports are nobody's concern.
-            if (!is_report || !same_host(destination, server_) || port(destination) != port(server_)) {
+            if (!is_report || !same_host(destination, server_) ||
+                port(destination) != port(server_)) {
                 continue;
             }
             sock_extended_err report{};
             std::memcpy(&report, CMSG_DATA(header), sizeof report);
             const int number = without_host(static_cast<int>(report.ee_errno));
-            // A server that refuses a transfer says why and closes its port: its last words may still wait to be read, or be on the way.
+            // A server that refuses a transfer says why and closes its port: its last words may
+            // still wait to be read, or be on the way.
             if (number == ECONNREFUSED || (is_unreachable(number) && !adopted_)) {
                 final_at_ = final_ == 0 ? Clock::now() + last_words : final_at_;
                 final_ = number;
@@ -240,8 +259,8 @@ bool Channel::drain_errors() {
 }
 
 Retransmission::Retransmission(std::chrono::seconds patience)
-    : patience_(patience), wait_(std::min(first_wait, patience_ / 4)), repeat_at_(Clock::now() + wait_),
-      give_up_at_(Clock::now() + patience_) {}
+    : patience_(patience), wait_(std::min(first_wait, patience_ / 4)),
+      repeat_at_(Clock::now() + wait_), give_up_at_(Clock::now() + patience_) {}
 
 void Retransmission::sent() {
     measured_from_ = Clock::now();
@@ -261,7 +280,8 @@ void Retransmission::progressed() {
             smoothed_ = std::max(sample, Clock::duration(1));
             variation_ = sample / 2;
         } else {
-            const Clock::duration difference = sample > smoothed_ ? sample - smoothed_ : smoothed_ - sample;
+            const Clock::duration difference =
+                sample > smoothed_ ? sample - smoothed_ : smoothed_ - sample;
             variation_ = (3 * variation_ + difference) / 4;
             smoothed_ = (7 * smoothed_ + sample) / 8;
         }

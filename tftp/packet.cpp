@@ -31,7 +31,9 @@ void append(std::vector<std::uint8_t> &packet, std::string_view text) {
     packet.push_back(0);
 }
 
-template <typename Value> void append_option(std::vector<std::uint8_t> &packet, std::string_view name, const std::optional<Value> &value) {
+template <typename Value>
+void append_option(std::vector<std::uint8_t> &packet, std::string_view name,
+                   const std::optional<Value> &value) {
     if (value) {
         append(packet, name);
         append(packet, std::to_string(*value));
@@ -62,9 +64,11 @@ std::optional<OptionAcknowledgment> decode_options(std::string_view rest) {
     return answer;
 }
 
-// Takes one answered value over if it is a decimal number within the bounds and neither unasked for nor a repetition.
+// Takes one answered value over if it is a decimal number within the bounds and neither unasked for
+// nor a repetition.
 template <typename Value>
-bool take_value(std::string_view text, const std::optional<Value> &asked, Value least, Value most, std::optional<Value> &agreed) {
+bool take_value(std::string_view text, const std::optional<Value> &asked, Value least, Value most,
+                std::optional<Value> &agreed) {
     const auto value = parsed_number(text, least, most);
     if (!asked || agreed || !value) {
         return false;
@@ -74,7 +78,8 @@ bool take_value(std::string_view text, const std::optional<Value> &asked, Value 
 }
 
 bool is_option(std::string_view name, std::string_view option) {
-    return name.size() == option.size() && ::strncasecmp(name.data(), option.data(), option.size()) == 0;
+    return name.size() == option.size() &&
+           ::strncasecmp(name.data(), option.data(), option.size()) == 0;
 }
 
 } // namespace
@@ -108,7 +113,8 @@ std::optional<Packet> decode(Octets datagram) {
     }
 }
 
-std::optional<std::vector<std::uint8_t>> encode_request(Opcode opcode, std::string_view file_name, const Options &options) {
+std::optional<std::vector<std::uint8_t>> encode_request(Opcode opcode, std::string_view file_name,
+                                                        const Options &options) {
     std::vector<std::uint8_t> packet;
     append(packet, static_cast<std::uint16_t>(opcode));
     append(packet, file_name);
@@ -145,9 +151,10 @@ void put_data_header(std::span<std::uint8_t> packet, std::uint16_t block) {
     packet[3] = static_cast<std::uint8_t>(block);
 }
 
-std::optional<Options> agree(Opcode request, const Options &asked, const OptionAcknowledgment &answer) {
-    // A server may lower the block size and the window; it answers the timeout and the size of what we write unchanged, and the size of
-    // what we read is its own to tell.
+std::optional<Options> agree(Opcode request, const Options &asked,
+                             const OptionAcknowledgment &answer) {
+    // A server may lower the block size and the window; it answers the timeout and the size of what
+    // we write unchanged, and the size of what we read is its own to tell.
     constexpr auto any_size = std::numeric_limits<std::uint64_t>::max();
     const std::uint64_t told = asked.transfer_size.value_or(0);
     const bool reading = request == Opcode::read_request;
@@ -155,14 +162,17 @@ std::optional<Options> agree(Opcode request, const Options &asked, const OptionA
     for (const auto &[name, value] : answer.options) {
         bool good = false;
         if (is_option(name, block_size_option)) {
-            good = take_value(value, asked.block_size, smallest_block_size, asked.block_size.value_or(0), agreed.block_size);
+            good = take_value(value, asked.block_size, smallest_block_size,
+                              asked.block_size.value_or(0), agreed.block_size);
         } else if (is_option(name, timeout_option)) {
             const std::uint8_t seconds = asked.timeout.value_or(0);
             good = take_value(value, asked.timeout, seconds, seconds, agreed.timeout);
         } else if (is_option(name, transfer_size_option)) {
-            good = take_value(value, asked.transfer_size, reading ? 0 : told, reading ? any_size : told, agreed.transfer_size);
+            good = take_value(value, asked.transfer_size, reading ? 0 : told,
+                              reading ? any_size : told, agreed.transfer_size);
         } else if (is_option(name, window_size_option)) {
-            good = take_value(value, asked.window_size, std::uint16_t{1}, asked.window_size.value_or(0), agreed.window_size);
+            good = take_value(value, asked.window_size, std::uint16_t{1},
+                              asked.window_size.value_or(0), agreed.window_size);
         }
         if (!good) {
             return std::nullopt;

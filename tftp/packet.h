@@ -1,4 +1,5 @@
-// The packets of TFTP (RFC 1350) and of its options (RFC 2347, 2348, 2349, 7440): encoding and bounds-checked decoding, nothing else.
+// The packets of TFTP (RFC 1350) and of its options (RFC 2347, 2348, 2349, 7440): encoding and
+// bounds-checked decoding, nothing else.
 #pragma once
 
 #include <cstddef>
@@ -25,10 +26,17 @@ enum class Opcode : std::uint16_t {
 };
 
 // The codes that this client itself sends (RFC 1350, appendix; 8: RFC 2347).
-enum class ErrorCode : std::uint16_t { undefined = 0, disk_full = 3, illegal_operation = 4, unknown_transfer_id = 5, options_refused = 8 };
+enum class ErrorCode : std::uint16_t {
+    undefined = 0,
+    disk_full = 3,
+    illegal_operation = 4,
+    unknown_transfer_id = 5,
+    options_refused = 8
+};
 
 inline constexpr std::size_t header_octets = 4;
-inline constexpr std::size_t largest_request = 512;               // RFC 2347: a request, options included, fits in 512 octets
+// RFC 2347: a request, options included, fits in 512 octets
+inline constexpr std::size_t largest_request = 512;
 inline constexpr std::uint16_t default_block_size = 512;          // RFC 1350
 inline constexpr std::uint16_t smallest_block_size = 8;           // RFC 2348
 inline constexpr std::uint16_t largest_block_size = 65464;        // RFC 2348
@@ -41,7 +49,9 @@ struct Options {
     std::optional<std::uint64_t> transfer_size{}; // octets; 0 in a read request asks for the size
     std::optional<std::uint16_t> window_size{};   // blocks, 1..65535
 
-    [[nodiscard]] bool empty() const { return !block_size && !timeout && !transfer_size && !window_size; }
+    [[nodiscard]] bool empty() const {
+        return !block_size && !timeout && !transfer_size && !window_size;
+    }
     bool operator==(const Options &) const = default;
 };
 
@@ -70,7 +80,8 @@ using Packet = std::variant<Data, Acknowledgment, Error, OptionAcknowledgment>;
 std::optional<Packet> decode(Octets datagram);
 
 // A request in octet mode. Nothing if it exceeds 512 octets. The file name holds no NUL.
-std::optional<std::vector<std::uint8_t>> encode_request(Opcode opcode, std::string_view file_name, const Options &options);
+std::optional<std::vector<std::uint8_t>> encode_request(Opcode opcode, std::string_view file_name,
+                                                        const Options &options);
 
 std::vector<std::uint8_t> encode_acknowledgment(std::uint16_t block);
 std::vector<std::uint8_t> encode_error(ErrorCode code, std::string_view text);
@@ -78,8 +89,10 @@ std::vector<std::uint8_t> encode_error(ErrorCode code, std::string_view text);
 // Writes the header of a DATA packet into the first octets of `packet`.
 void put_data_header(std::span<std::uint8_t> packet, std::uint16_t block);
 
-// What holds after the server's answer to the options of a request: nothing if the answer names an option that was not asked for, or twice,
-// or a value that RFC 2348, 2349 or 7440 does not allow in answer to the one asked for.
-std::optional<Options> agree(Opcode request, const Options &asked, const OptionAcknowledgment &answer);
+// What holds after the server's answer to the options of a request: nothing if the answer names an
+// option that was not asked for, or twice, or a value that RFC 2348, 2349 or 7440 does not allow in
+// answer to the one asked for.
+std::optional<Options> agree(Opcode request, const Options &asked,
+                             const OptionAcknowledgment &answer);
 
 } // namespace ulmo::tftp

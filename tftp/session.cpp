@@ -96,7 +96,8 @@ constexpr std::string_view local_file = "the local file";
 // A file, or a link that a file may take the place of, or nothing at all.
 void check_replaceable(const std::string &name) {
     struct stat present {};
-    if (::lstat(name.c_str(), &present) == 0 && !S_ISREG(present.st_mode) && !S_ISLNK(present.st_mode)) {
+    if (::lstat(name.c_str(), &present) == 0 && !S_ISREG(present.st_mode) &&
+        !S_ISLNK(present.st_mode)) {
         throw_error(S_ISDIR(present.st_mode) ? EISDIR : EINVAL, "not a regular file:", local_file);
     }
 }
@@ -145,7 +146,8 @@ int Session::put(const std::string &local, const std::string &remote) {
                        std::size_t filled = 0;
                        while (filled < block.size()) {
                            const ssize_t octets =
-                               ::pread(file.get(), block.data() + filled, block.size() - filled, static_cast<off_t>(offset + filled));
+                               ::pread(file.get(), block.data() + filled, block.size() - filled,
+                                       static_cast<off_t>(offset + filled));
                            if (octets < 0 && errno == EINTR) {
                                continue;
                            }
@@ -191,7 +193,8 @@ std::string Session::text(int result) const {
     } else {
         meaning = "TFTP error " + std::to_string(-result);
     }
-    return result < 0 && result == latest_ && !detail_.empty() ? meaning + " (" + detail_ + ")" : meaning;
+    return result < 0 && result == latest_ && !detail_.empty() ? meaning + " (" + detail_ + ")"
+                                                               : meaning;
 }
 
 template <typename Work> int Session::guarded(Work &&work) {

@@ -2,7 +2,8 @@
 // Used by: transfer.
 // May use: base.
 //
-// Copies of local files to and from one TFTP server, with the results of the C interface (platform/tftp_client.h).
+// Copies of local files to and from one TFTP server, with the results of the C interface
+// (platform/tftp_client.h).
 #pragma once
 
 #include "tftp/channel.h"
@@ -33,7 +34,7 @@ class Session {
 
   private:
     template <typename Work> int guarded(Work &&work);
-    const Endpoint &connected() const;
+    [[nodiscard]] const Endpoint &connected() const;
 
     Endpoint server_;
     int latest_ = 0;

@@ -13,13 +13,15 @@
 namespace ulmo::tftp {
 namespace {
 
-// The soonest that a repeated acknowledgment means more than a doubled packet: on a short path the processes' turns, not the network,
-// decide how far apart doubles come.
+// The soonest that a repeated acknowledgment means more than a doubled packet: on a short path the
+// processes' turns, not the network, decide how far apart doubles come.
 constexpr Clock::duration least_doubt = std::chrono::milliseconds(10);
 
-// Which of the blocks near `around` has this number on the wire: numbers have 16 bits and go on with 0 after 65535.
+// Which of the blocks near `around` has this number on the wire: numbers have 16 bits and go on
+// with 0 after 65535.
 std::uint64_t unwrapped(std::uint16_t number, std::uint64_t around) {
-    const auto distance = static_cast<std::int16_t>(static_cast<std::uint16_t>(number - static_cast<std::uint16_t>(around)));
+    const auto distance = static_cast<std::int16_t>(
+        static_cast<std::uint16_t>(number - static_cast<std::uint16_t>(around)));
     return around + static_cast<std::uint64_t>(std::int64_t{distance});
 }
 
@@ -30,7 +32,8 @@ std::uint16_t wire_number(std::uint64_t block) {
 // A conversation from the server's first answer on.
 class Conversation {
   public:
-    Conversation(const Endpoint &server, Opcode opcode, const std::string &name, std::uint64_t size) : clock_(server.patience) {
+    Conversation(const Endpoint &server, Opcode opcode, const std::string &name, std::uint64_t size)
+        : clock_(server.patience) {
         Options asked = options_for(server, size);
         auto request = encode_request(opcode, name, asked);
         if (!request) {
@@ -48,14 +51,20 @@ class Conversation {
     }
 
     // The block and window sizes and the size of the file, as agreed.
-    [[nodiscard]] std::size_t block_size() const { return agreed_.block_size.value_or(default_block_size); }
+    [[nodiscard]] std::size_t block_size() const {
+        return agreed_.block_size.value_or(default_block_size);
+    }
     [[nodiscard]] std::uint64_t window_size() const { return agreed_.window_size.value_or(1); }
-    [[nodiscard]] std::optional<std::uint64_t> transfer_size() const { return agreed_.transfer_size; }
+    [[nodiscard]] std::optional<std::uint64_t> transfer_size() const {
+        return agreed_.transfer_size;
+    }
 
-    // The server's first answer. It may be a block of data, which the next call of wait() overwrites.
+    // The server's first answer. It may be a block of data, which the next call of wait()
+    // overwrites.
     [[nodiscard]] const Packet &first() const { return first_; }
 
-    // The server's next packet, or nothing if it is time to repeat. Throws when the server sends an error and when patience ends.
+    // The server's next packet, or nothing if it is time to repeat. Throws when the server sends an
+    // error and when patience ends.
     std::optional<Packet> wait() {
         auto packet = channel_->receive(clock_.wake());
         if (!packet && !clock_.repeat()) {
@@ -86,7 +95,8 @@ class Conversation {
         } catch (const std::system_error &failure) {
             const int number = failure.code().value();
             const bool full = number == ENOSPC || number == EDQUOT || number == EFBIG;
-            refuse(full ? ErrorCode::disk_full : ErrorCode::undefined, std::generic_category().message(number));
+            refuse(full ? ErrorCode::disk_full : ErrorCode::undefined,
+                   std::generic_category().message(number));
             throw;
         }
     }
@@ -94,7 +104,8 @@ class Conversation {
   private:
     // Sends the request until the server answers. False if the server refuses the options.
     bool open(const Endpoint &server, Opcode opcode, Octets request, const Options &asked) {
-        // Repetitions of an earlier request's answer go to an earlier socket, and so can't be taken for this one's.
+        // Repetitions of an earlier request's answer go to an earlier socket, and so can't be taken
+        // for this one's.
         channel_ = std::make_unique<Channel>(server);
         clock_.sent();
         channel_->send(request);
@@ -108,7 +119,8 @@ class Conversation {
                 continue;
             }
             if (const auto *error = std::get_if<Error>(&*packet)) {
-                if (error->code == static_cast<std::uint16_t>(ErrorCode::options_refused) && !asked.empty()) {
+                if (error->code == static_cast<std::uint16_t>(ErrorCode::options_refused) &&
+                    !asked.empty()) {
                     return false;
                 }
                 throw server_error(*error);
@@ -148,17 +160,20 @@ class Conversation {
     Packet first_;
 };
 
-// The receiving side: takes blocks in order, acknowledges each window and, once a gap shows, the last block before it.
+// The receiving side: takes blocks in order, acknowledges each window and, once a gap shows, the
+// last block before it.
 class Receiver {
   public:
-    Receiver(Conversation &conversation, const Sink &sink) : conversation_(conversation), sink_(sink) {}
+    Receiver(Conversation &conversation, const Sink &sink)
+        : conversation_(conversation), sink_(sink) {}
 
     void run() {
         std::optional<Packet> packet = conversation_.first();
         while (!take(packet)) {
             packet = conversation_.wait();
         }
-        // The last acknowledgment may get lost. Then the server repeats its last block, meets a closed port, and ends.
+        // The last acknowledgment may get lost. Then the server repeats its last block, meets a
+        // closed port, and ends.
     }
 
   private:
@@ -177,9 +192,12 @@ class Receiver {
     bool take_block(const Data &data) {
         const std::uint64_t block = unwrapped(data.block, expected_);
         if (block != expected_) {
-            // Behind a gap, and with a block that was acknowledged before, the server needs to hear where we are; but once a round trip is
-            // enough, since it may have sent all of a window before it could.
-            const bool gap = block > expected_ && (!gap_told_ || Clock::now() - acknowledged_at_ > 2 * conversation_.clock().round_trip());
+            // Behind a gap, and with a block that was acknowledged before, the server needs to hear
+            // where we are; but once a round trip is enough, since it may have sent all of a window
+            // before it could.
+            const bool gap =
+                block > expected_ && (!gap_told_ || Clock::now() - acknowledged_at_ >
+                                                        2 * conversation_.clock().round_trip());
             const bool repetition = block + 1 == expected_ && block == acknowledged_;
             if (gap || repetition) {
                 acknowledge_again();
@@ -206,8 +224,10 @@ class Receiver {
         }
         total_ += octets;
         const auto announced = conversation_.transfer_size();
-        if (announced && (total_ > *announced || (octets < conversation_.block_size() && total_ != *announced))) {
-            const std::string reason = "File of " + std::to_string(total_) + (total_ > *announced ? " or more" : "") +
+        if (announced && (total_ > *announced ||
+                          (octets < conversation_.block_size() && total_ != *announced))) {
+            const std::string reason = "File of " + std::to_string(total_) +
+                                       (total_ > *announced ? " or more" : "") +
                                        " octets, announced were " + std::to_string(*announced);
             conversation_.refuse(ErrorCode::undefined, reason);
             throw_error(EPROTO, reason);
@@ -240,11 +260,13 @@ class Receiver {
     Clock::time_point acknowledged_at_;
 };
 
-// The sending side: keeps a window of blocks under way and goes back to the first one that the server lacks.
+// The sending side: keeps a window of blocks under way and goes back to the first one that the
+// server lacks.
 class Sender {
   public:
     Sender(Conversation &conversation, std::uint64_t size, const Source &source)
-        : conversation_(conversation), size_(size), source_(source), last_(size / conversation.block_size() + 1),
+        : conversation_(conversation), size_(size), source_(source),
+          last_(size / conversation.block_size() + 1),
           packet_(header_octets + conversation.block_size()) {}
 
     void run() {
@@ -261,7 +283,8 @@ class Sender {
 
   private:
     void send_window() {
-        const std::uint64_t end = std::min(unacknowledged_ + conversation_.window_size(), last_ + 1);
+        const std::uint64_t end =
+            std::min(unacknowledged_ + conversation_.window_size(), last_ + 1);
         if (next_ == unacknowledged_) {
             window_sent_at_ = Clock::now();
         }
@@ -272,7 +295,8 @@ class Sender {
 
     void send_block(std::uint64_t block) {
         const std::uint64_t offset = (block - 1) * conversation_.block_size();
-        const std::size_t octets = static_cast<std::size_t>(std::min<std::uint64_t>(conversation_.block_size(), size_ - offset));
+        const std::size_t octets = static_cast<std::size_t>(
+            std::min<std::uint64_t>(conversation_.block_size(), size_ - offset));
         const std::span<std::uint8_t> payload = std::span(packet_).subspan(header_octets, octets);
         conversation_.locally([&] {
             if (octets > 0 && source_(offset, payload) != octets) {
@@ -303,13 +327,17 @@ class Sender {
         }
     }
 
-    // Whether an acknowledgment that came once more says that the server lacks the first block of the window, rather than that the network
-    // doubled a packet. To answer a mere double would double every packet from then on (RFC 1123, section 4.2.3.1): so never without a
-    // window, never sooner than the server could have seen what it misses, and never for two windows in a row.
+    // Whether an acknowledgment that came once more says that the server lacks the first block of
+    // the window, rather than that the network doubled a packet. To answer a mere double would
+    // double every packet from then on (RFC 1123, section 4.2.3.1): so never without a window,
+    // never sooner than the server could have seen what it misses, and never for two windows in a
+    // row.
     [[nodiscard]] bool lacks_first_of_window() const {
         const std::uint64_t window = conversation_.window_size();
-        const Clock::duration soonest = std::max<Clock::duration>(conversation_.clock().round_trip() / 2, least_doubt);
-        return window > 1 && Clock::now() - window_sent_at_ > soonest && (!gone_back_to_ || unacknowledged_ > *gone_back_to_ + window);
+        const Clock::duration soonest =
+            std::max<Clock::duration>(conversation_.clock().round_trip() / 2, least_doubt);
+        return window > 1 && Clock::now() - window_sent_at_ > soonest &&
+               (!gone_back_to_ || unacknowledged_ > *gone_back_to_ + window);
     }
 
     Conversation &conversation_;
@@ -321,32 +349,36 @@ class Sender {
     std::uint64_t next_ = 1;           // next block to send
     std::uint64_t highest_ = 0;        // highest block sent so far
     Clock::time_point window_sent_at_;
-    std::optional<std::uint64_t> gone_back_to_; // first block of the window last sent again for an acknowledgment that came once more
+    // first block of the window last sent again for an acknowledgment that came once more
+    std::optional<std::uint64_t> gone_back_to_;
 };
 
 } // namespace
 
 Options options_for(const Endpoint &server, std::uint64_t transfer_size) {
-    // What a window may occupy of the other side's socket buffer, of which nothing but the kernel's usual default is known; each packet
-    // costs more there than its octets.
+    // What a window may occupy of the other side's socket buffer, of which nothing but the kernel's
+    // usual default is known; each packet costs more there than its octets.
     constexpr std::size_t window_octets = std::size_t{160} * 1024;
     constexpr std::size_t packet_overhead = 1024;
-    // Servers give up after about five of their timeouts: so they are as patient as we are. Loss is found sooner by the measured round
-    // trip.
+    // Servers give up after about five of their timeouts: so they are as patient as we are. Loss is
+    // found sooner by the measured round trip.
     constexpr int server_repetitions = 5;
 
     const std::size_t payload = std::max(path_payload(server), header_octets) - header_octets;
     Options options;
-    options.block_size =
-        std::min(static_cast<std::uint16_t>(std::clamp<std::size_t>(payload, default_block_size, largest_block_size)), server.block_size);
-    options.timeout = static_cast<std::uint8_t>(std::clamp<long>(server.patience.count() / server_repetitions, 1, 255));
+    options.block_size = std::min(static_cast<std::uint16_t>(std::clamp<std::size_t>(
+                                      payload, default_block_size, largest_block_size)),
+                                  server.block_size);
+    options.timeout = static_cast<std::uint8_t>(
+        std::clamp<long>(server.patience.count() / server_repetitions, 1, 255));
     options.transfer_size = transfer_size;
-    options.window_size =
-        static_cast<std::uint16_t>(std::clamp<std::size_t>(window_octets / (*options.block_size + packet_overhead), 1, server.window_size));
+    options.window_size = static_cast<std::uint16_t>(std::clamp<std::size_t>(
+        window_octets / (*options.block_size + packet_overhead), 1, server.window_size));
     return options;
 }
 
-void write_file(const Endpoint &server, const std::string &name, std::uint64_t size, const Source &source) {
+void write_file(const Endpoint &server, const std::string &name, std::uint64_t size,
+                const Source &source) {
     Conversation conversation(server, Opcode::write_request, name, size);
     Sender(conversation, size, source).run();
 }

@@ -16,7 +16,8 @@ ROOMS = {name: name for name in ("base", "tftp", "copy_client")} | {
 }
 TOP = "programs"  # one source a program, without a header: may use every room
 ALONE = {"infra": {"platform"}, "config-copy": {"base", "copy_client", "platform"}}  # above no room
-HEAD = re.compile(r"\A// Room: .+\.\n// Used by: (.+)\.\n// May use: (.+)\.\n")
+LINE = r"([^\n]+(?:\n//  +[^\n]+)*)\.\n"  # of a head: it goes on with more blanks
+HEAD = re.compile(rf"\A// Room: {LINE}// Used by: {LINE}// May use: {LINE}")
 INCLUDE = re.compile(r'^#include "([^"]+/[^"]+)"', re.MULTILINE)
 
 
@@ -51,7 +52,7 @@ def head_of(name, folder):
             f"{folder}: {len(heads)} headers begin with what the folder is for, "
             "who uses it and what it may use"
         )
-    users, allowed = (set(text.split(", ")) for text in heads[0].groups())
+    users, allowed = (set(re.split(r",\s+(?:// +)?", text)) for text in heads[0].groups()[1:])
     return users & {*ROOMS}, allowed
 
 

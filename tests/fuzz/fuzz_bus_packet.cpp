@@ -1,5 +1,5 @@
-// Sends arbitrary packets to a receiver of bus messages: what is taken for a message is sent again as
-// the same octets.
+// Sends arbitrary packets to a receiver of bus messages: what is taken for a message is sent again
+// as the same octets.
 #include "platform/host/bus/wire.h"
 
 #include "tests/fuzz/property.h"
@@ -15,7 +15,8 @@ using ulmo::Receipt;
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *octets, std::size_t size) {
     static const auto ends = [] {
         std::array<int, 2> made{};
-        require(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, made.data()) == 0);
+        require(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0,
+                             made.data()) == 0);
         return made;
     }();
     if (size == 0) {
@@ -27,7 +28,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *octets, std::size_t si
     require(receipt == (message ? Receipt::message : Receipt::malformed));
     if (message) {
         require(message->length <= MSGBUS_PAYLOAD_MAX);
-        require(ulmo::send_packet(ends[0], message->opcode, message->token, message->words.data(), message->length) == 0);
+        require(ulmo::send_packet(ends[0], message->opcode, message->token, message->words.data(),
+                                  message->length) == 0);
         std::vector<std::uint8_t> again(size + 1);
         require(::recv(ends[1], again.data(), again.size(), 0) == static_cast<ssize_t>(size));
         require(std::equal(octets, octets + size, again.begin()));

@@ -20,14 +20,16 @@ std::string line_of(const FabricMember &member) {
     char address[64] = "";
     require(ip_addr_to_str(&member.address, address, sizeof address) == 0);
     const bool is_ipv6 = member.address.type == INET_ADDRESS_IPV6;
-    return wwn_to_text(member.wwn) + (is_ipv6 ? " [" : " ") + address + (is_ipv6 ? "]:" : ":") + std::to_string(member.port) +
-           " user=" + member.user + " auth-protocol=" + member.auth_protocol + " auth-passphrase=" + member.auth_passphrase +
+    return wwn_to_text(member.wwn) + (is_ipv6 ? " [" : " ") + address + (is_ipv6 ? "]:" : ":") +
+           std::to_string(member.port) + " user=" + member.user +
+           " auth-protocol=" + member.auth_protocol + " auth-passphrase=" + member.auth_passphrase +
            " priv-protocol=" + member.priv_protocol + " priv-passphrase=" + member.priv_passphrase;
 }
 
 bool are_same(const FabricMember &a, const FabricMember &b) {
-    return a.wwn == b.wwn && std::memcmp(&a.address, &b.address, sizeof a.address) == 0 && a.port == b.port && a.user == b.user &&
-           a.auth_protocol == b.auth_protocol && a.auth_passphrase == b.auth_passphrase && a.priv_protocol == b.priv_protocol &&
+    return a.wwn == b.wwn && std::memcmp(&a.address, &b.address, sizeof a.address) == 0 &&
+           a.port == b.port && a.user == b.user && a.auth_protocol == b.auth_protocol &&
+           a.auth_passphrase == b.auth_passphrase && a.priv_protocol == b.priv_protocol &&
            a.priv_passphrase == b.priv_passphrase;
 }
 
@@ -46,7 +48,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *octets, std::size_t si
         return 0;
     }
     // From here on a refusal is a defect and ends the fuzzer as an uncaught exception.
-    require(member.wwn != Wwn{} && member.port != 0 && !member.user.empty() && member.user.size() <= 32);
+    require(member.wwn != Wwn{} && member.port != 0 && !member.user.empty() &&
+            member.user.size() <= 32);
     require(member.auth_passphrase.size() >= 8 && member.priv_passphrase.size() >= 8);
     require(are_same(member, member_from(line_of(member), {})));
     return 0;

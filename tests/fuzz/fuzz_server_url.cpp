@@ -1,5 +1,5 @@
-// Reads arbitrary words as FROM or TO of a copy: a file that is accepted is one that a switch takes,
-// and its URL, written anew from the parts, names the same file.
+// Reads arbitrary words as FROM or TO of a copy: a file that is accepted is one that a switch
+// takes, and its URL, written anew from the parts, names the same file.
 #include "config-copy/copy_side.h"
 #include "config-copy/failure.h"
 
@@ -23,8 +23,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *octets, std::size_t si
     // From here on a refusal is a defect and ends the fuzzer as an uncaught exception.
     require(!side.url.host.empty() && !name.empty());
     require(is_one_line(side.url.user) && is_one_line(name));
-    const FileUrl again = parse_side(url_text(side.url.protocol, side.url.user, side.url.host, name)).url;
-    require(again.protocol == side.url.protocol && again.user == side.url.user && again.host == side.url.host);
+    const FileUrl again =
+        parse_side(url_text(side.url.protocol, side.url.user, side.url.host, name)).url;
+    require(again.protocol == side.url.protocol && again.user == side.url.user &&
+            again.host == side.url.host);
     require(file_name(again, values) == name);
     return 0;
 }

@@ -1,6 +1,6 @@
-// Reads arbitrary texts as the file of settings: what holds afterwards is what the table allows, each
-// problem is one short line, and a text of what holds has no problem and says the same.
-// Its source, as reading a text is apart from reading the file there.
+// Reads arbitrary texts as the file of settings: what holds afterwards is what the table allows,
+// each problem is one short line, and a text of what holds has no problem and says the same. Its
+// source, as reading a text is apart from reading the file there.
 #include "base/settings.cpp"
 
 #include "tests/fuzz/property.h"

@@ -11,10 +11,12 @@ namespace {
 const Options asked{.block_size = 1468, .timeout = 4, .transfer_size = 1000, .window_size = 64};
 
 void check(const Options &agreed, bool reading) {
-    require(!agreed.block_size || (*agreed.block_size >= smallest_block_size && *agreed.block_size <= *asked.block_size));
+    require(!agreed.block_size ||
+            (*agreed.block_size >= smallest_block_size && *agreed.block_size <= *asked.block_size));
     require(!agreed.timeout || agreed.timeout == asked.timeout);
     require(!agreed.transfer_size || reading || agreed.transfer_size == asked.transfer_size);
-    require(!agreed.window_size || (*agreed.window_size >= 1 && *agreed.window_size <= *asked.window_size));
+    require(!agreed.window_size ||
+            (*agreed.window_size >= 1 && *agreed.window_size <= *asked.window_size));
 }
 
 } // namespace

@@ -13,5 +13,6 @@ inline void require(bool holds) {
 
 // Whether a text can be told to people as a line.
 inline bool is_one_line(std::string_view text) {
-    return std::none_of(text.begin(), text.end(), [](unsigned char c) { return c < ' ' || c == 0x7F; });
+    return std::none_of(text.begin(), text.end(),
+                        [](unsigned char c) { return c < ' ' || c == 0x7F; });
 }

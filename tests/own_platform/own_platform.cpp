@@ -55,7 +55,9 @@ struct Before {
 };
 using Objects = std::set<void *, Before>;
 
-Objects *objects_of(const keyedset *set) { return static_cast<Objects *>(set->impl); }
+Objects *objects_of(const keyedset *set) {
+    return static_cast<Objects *>(set->impl);
+}
 
 std::map<uint32_t, agent_message_handler> handlers;
 int bus[2]; // the agent's end, the worker's end
@@ -132,9 +134,15 @@ int enqueue_notification(int, const oid *name, uint32_t length, netsnmp_variable
     return 0;
 }
 
-const char *get_snmp_username(int) { return ""; }
-const char *get_snmp_sessionid(int) { return ""; }
-const char *snmp_get_ctx_vrf_for_current_req(int *status) { return *status = ENOENT, ""; }
+const char *get_snmp_username(int) {
+    return "";
+}
+const char *get_snmp_sessionid(int) {
+    return "";
+}
+const char *snmp_get_ctx_vrf_for_current_req(int *status) {
+    return *status = ENOENT, "";
+}
 void snmp_heartbeat_send(void) {}
 void set_mgmt_conf_last_change_time_extended(int) {}
 
@@ -154,8 +162,12 @@ pid_t __wrap_fork(void) {
 
 // msgbus.h: a worker's report to the agent; whoever asks the system manager is refused
 int32_t msgbus_response_q = 0;
-int32_t msgbus_bind(int32_t, int32_t, const struct msgbus_address *, const char *) { return 0; }
-int32_t msgbus_unbind(int32_t, int32_t) { return 0; }
+int32_t msgbus_bind(int32_t, int32_t, const struct msgbus_address *, const char *) {
+    return 0;
+}
+int32_t msgbus_unbind(int32_t, int32_t) {
+    return 0;
+}
 int32_t msgbus_send(int32_t, uint32_t, uint32_t sap, uint32_t opcode, const void *payload,
                     uint32_t length, msgbus_msg *store, uint32_t, uint32_t) {
     if (sap == MSGBUS_SAP_WARDEN && store != nullptr) {
@@ -174,12 +186,18 @@ int32_t msgbus_recv(int32_t, msgbus_msg *message, const struct msgbus_recv_optio
     *message = &refusal;
     return 0;
 }
-void msgbus_drop(int32_t, msgbus_msg *message) { *message = nullptr; }
-uint32_t msgbus_opc_get(msgbus_msg message) { return message->opcode; }
+void msgbus_drop(int32_t, msgbus_msg *message) {
+    *message = nullptr;
+}
+uint32_t msgbus_opc_get(msgbus_msg message) {
+    return message->opcode;
+}
 const void *msgbus_payload_get(msgbus_msg message, uint32_t at_least) {
     return at_least <= sizeof message->status ? &message->status : nullptr;
 }
-uint32_t msgbus_rr_token_get(msgbus_msg message) { return message != nullptr ? 1 : 0; }
+uint32_t msgbus_rr_token_get(msgbus_msg message) {
+    return message != nullptr ? 1 : 0;
+}
 
 // keyedset.h; a real one counts to the n-th object in O(log n) and returns null without memory
 int keyedset_create(struct keyedset *set, int, int, keyedset_compare compare, int) {
@@ -239,15 +257,21 @@ int ip_addr_to_str(const struct inet_address *address, char *text, size_t size) 
 }
 
 // tftp_client.h
-int tftp_timeout_set(int) { return 0; }
-int tftp_connect(const char *, int) { return 0; }
+int tftp_timeout_set(int) {
+    return 0;
+}
+int tftp_connect(const char *, int) {
+    return 0;
+}
 int tftp_put2(const char *local, const char *remote, int) {
     return copy_file(local, folder + "/server/" + remote);
 }
 int tftp_get2(const char *remote, const char *local, int) {
     return copy_file(folder + "/server/" + remote, local);
 }
-const char *tftp_strerror(int error) { return std::strerror(-error - 100); }
+const char *tftp_strerror(int error) {
+    return std::strerror(-error - 100);
+}
 
 // utilities.h: the one program that this switch runs prints a configuration
 int execute_program_and_wait_redirect(int, int out, int, const char *, ...) {
@@ -257,17 +281,25 @@ int execute_program_and_wait_redirect(int, int out, int, const char *, ...) {
     return error ? -1 : 0;
 }
 void log_set_error(uint32_t, uint32_t) {}
-const char *syserr2str(uint32_t) { return "failed"; }
-const char *syserr_format(uint32_t) { return "failed"; }
+const char *syserr2str(uint32_t) {
+    return "failed";
+}
+const char *syserr_format(uint32_t) {
+    return "failed";
+}
 
 // cli_shell.h
 uint32_t cmdshell_execute_cfg_file2(const struct cmdshell_exec_params *params) {
     return copy_file(params->file, folder + "/running.cfg") == 0 ? 0 : CMDSHELL_ERR_BAD_FILE;
 }
-int cmdshell_notify_cfg_update(int32_t, int, int, int) { return 0; }
+int cmdshell_notify_cfg_update(int32_t, int, int, int) {
+    return 0;
+}
 
 // system_manager.h
-const char *warden_cli_dir_get(int32_t, int32_t) { return folder.c_str(); }
+const char *warden_cli_dir_get(int32_t, int32_t) {
+    return folder.c_str();
+}
 uint32_t warden_cli_write_ascii_cfg(int32_t, const char *path) {
     return copy_file(path, folder + "/" WARDEN_STARTUP_FILE) == 0 ? 0 : 1;
 }
@@ -282,17 +314,29 @@ int fabstat_status_next_get(struct fabstat_status *, char *, uint32_t, uint32_t,
     return ENOENT;
 }
 void fabstat_status_clean(void) {}
-void if_index_mgmt_sup_port_init(uint32_t *if_index, uint32_t, uint32_t) { *if_index = 0; }
-int addrcfg_get_if_inet_addrs(int32_t, uint32_t, struct addrcfg_inet_addrs **) { return ENOENT; }
+void if_index_mgmt_sup_port_init(uint32_t *if_index, uint32_t, uint32_t) {
+    *if_index = 0;
+}
+int addrcfg_get_if_inet_addrs(int32_t, uint32_t, struct addrcfg_inet_addrs **) {
+    return ENOENT;
+}
 
 // chassis.h
-int hwinfo_get_chassis_type(int *) { return ENOENT; }
-int vrfdir_get_context_id(const char *) { return -1; }
+int hwinfo_get_chassis_type(int *) {
+    return ENOENT;
+}
+int vrfdir_get_context_id(const char *) {
+    return -1;
+}
 
 // evtrace.h
-int evtrace_hist_event_subtype_check(uint32_t, uint32_t) { return 1; }
+int evtrace_hist_event_subtype_check(uint32_t, uint32_t) {
+    return 1;
+}
 void evtrace_hist_event(uint32_t, uint32_t, uint32_t, const char *) {}
-int evtrace_chk_int(uint32_t, int32_t, int32_t, int32_t) { return 0; }
+int evtrace_chk_int(uint32_t, int32_t, int32_t, int32_t) {
+    return 0;
+}
 void dbgprint(const char *, ...) {}
 
 } // extern "C"

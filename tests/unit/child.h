@@ -1,4 +1,5 @@
-// Work in plain children of the test's process, which may become other users and end as they like; and the programs of the build.
+// Work in plain children of the test's process, which may become other users and end as they like;
+// and the programs of the build.
 #pragma once
 
 #include <sys/wait.h>

@@ -1,4 +1,5 @@
-// A fresh home for the host platform: state, run directory and settings file in a directory that goes with the object.
+// A fresh home for the host platform: state, run directory and settings file in a directory that
+// goes with the object.
 #pragma once
 
 #include <sys/stat.h>
@@ -35,8 +36,12 @@ class Scratch {
     }
 
     [[nodiscard]] std::filesystem::path root() const { return root_; }
-    [[nodiscard]] std::filesystem::path state(const std::string &name) const { return root_ / "state" / name; }
-    [[nodiscard]] std::filesystem::path run(const std::string &name) const { return root_ / "run" / name; }
+    [[nodiscard]] std::filesystem::path state(const std::string &name) const {
+        return root_ / "state" / name;
+    }
+    [[nodiscard]] std::filesystem::path run(const std::string &name) const {
+        return root_ / "run" / name;
+    }
 
     void configure(const std::string &text) const { write(root_ / "platform.conf", text); }
 

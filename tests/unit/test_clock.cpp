@@ -43,20 +43,24 @@ Duration machine_time() {
     return duration_of(time);
 }
 
-int machine_ppoll(pollfd *descriptors, nfds_t count, const timespec *timeout, const sigset_t *signals) {
+int machine_ppoll(pollfd *descriptors, nfds_t count, const timespec *timeout,
+                  const sigset_t *signals) {
     constexpr std::size_t signal_octets = 8;                    // of the kernel's set
     timespec left = timeout == nullptr ? timespec{} : *timeout; // the kernel writes into it
-    return static_cast<int>(::syscall(SYS_ppoll, descriptors, count, timeout == nullptr ? nullptr : &left, signals, signal_octets));
+    return static_cast<int>(::syscall(SYS_ppoll, descriptors, count,
+                                      timeout == nullptr ? nullptr : &left, signals,
+                                      signal_octets));
 }
 
 } // namespace
 
-// In place of the C library's, for every library of this process. Other names here, as the headers may
-// have inline functions of those.
+// In place of the C library's, for every library of this process. Other names here, as the headers
+// may have inline functions of those.
 extern "C" {
 int test_clock_gettime(clockid_t clock, timespec *time) __asm__("clock_gettime");
 int test_poll(pollfd *descriptors, nfds_t count, int milliseconds) __asm__("poll");
-int test_ppoll(pollfd *descriptors, nfds_t count, const timespec *timeout, const sigset_t *signals) __asm__("ppoll");
+int test_ppoll(pollfd *descriptors, nfds_t count, const timespec *timeout,
+               const sigset_t *signals) __asm__("ppoll");
 }
 
 int test_clock_gettime(clockid_t clock, timespec *time) {
@@ -68,7 +72,8 @@ int test_clock_gettime(clockid_t clock, timespec *time) {
     return 0;
 }
 
-int test_ppoll(pollfd *descriptors, nfds_t count, const timespec *timeout, const sigset_t *signals) {
+int test_ppoll(pollfd *descriptors, nfds_t count, const timespec *timeout,
+               const sigset_t *signals) {
     if (!waits_by_it || timeout == nullptr) {
         return machine_ppoll(descriptors, count, timeout, signals);
     }
@@ -78,7 +83,8 @@ int test_ppoll(pollfd *descriptors, nfds_t count, const timespec *timeout, const
     const Duration given_up = machine_time() + 60s; // a test that never ends tells nothing
     for (;;) {
         const bool is_last = in_vain || held_at.load() >= end;
-        const int ready = machine_ppoll(descriptors, count, is_last ? &at_once : &a_moment, signals);
+        const int ready =
+            machine_ppoll(descriptors, count, is_last ? &at_once : &a_moment, signals);
         if (ready != 0) {
             return ready;
         }

@@ -29,12 +29,14 @@
 namespace ulmo {
 namespace {
 
-constexpr int32_t lost_worker_status = 1; // what a worker that can't report any more is taken to have reported
+// what a worker that can't report any more is taken to have reported
+constexpr int32_t lost_worker_status = 1;
 constexpr uint32_t failed_outcome = 1;
 constexpr int enterprise_specific = 6;
 
-// The agent's side of the platform: one set of descriptors in the agent's loop, from the first subscription to the end of the process.
-// Modules may come and go meanwhile (SIGHUP); only their subscriptions go with them.
+// The agent's side of the platform: one set of descriptors in the agent's loop, from the first
+// subscription to the end of the process. Modules may come and go meanwhile (SIGHUP); only their
+// subscriptions go with them.
 class Agent {
   public:
     int subscribe(uint32_t opcode, agent_message_handler handler);
@@ -63,7 +65,7 @@ class Agent {
     void deliver_lost_status();
     void settle(const std::vector<pid_t> &ended);
     void follow(pid_t worker);
-    std::vector<int> descriptors() const;
+    [[nodiscard]] std::vector<int> descriptors() const;
 
     std::map<uint32_t, agent_message_handler> handlers_;
     UniqueFd events_;
@@ -102,7 +104,8 @@ int Agent::subscribe(uint32_t opcode, agent_message_handler handler) {
     if (handler == nullptr) {
         return EINVAL;
     }
-    // The subscription holds even when the access point can't be served: what becomes of a worker is still to be delivered.
+    // The subscription holds even when the access point can't be served: what becomes of a worker
+    // is still to be delivered.
     handlers_[opcode] = handler;
     start();
     return 0;
@@ -150,7 +153,8 @@ void Agent::on_readable(int, void *self) {
 
 void Agent::handle_events() {
     std::array<epoll_event, 16> happened;
-    const int count = ::epoll_wait(events_.get(), happened.data(), static_cast<int>(happened.size()), 0);
+    const int count =
+        ::epoll_wait(events_.get(), happened.data(), static_cast<int>(happened.size()), 0);
     std::vector<pid_t> ended;
     for (int i = 0; i < count; ++i) {
         if (happened[static_cast<size_t>(i)].data.u64 != no_worker) {
@@ -170,8 +174,10 @@ void Agent::receive_messages() {
 }
 
 void Agent::receive(const Incoming &incoming) {
-    if (incoming.message->opcode == AGENT_OPC_WORKER_STATUS && !workers_.take_report(incoming.peer.pid)) {
-        log_error("agent: status message of process %d dropped: no worker that has to report", incoming.peer.pid);
+    if (incoming.message->opcode == AGENT_OPC_WORKER_STATUS &&
+        !workers_.take_report(incoming.peer.pid)) {
+        log_error("agent: status message of process %d dropped: no worker that has to report",
+                  incoming.peer.pid);
         return;
     }
     deliver(*incoming.message);
@@ -189,10 +195,12 @@ void Agent::deliver(msgbus_message &message) {
         return;
     }
     std::array<oid, AGENT_NOTIFICATION_OID_MAX> notification{};
-    uint32_t notification_length = message.opcode == MSGBUS_OPC_WARDEN_CFG_ACTION_END ? first_word_or_failure(message) : 0;
+    uint32_t notification_length =
+        message.opcode == MSGBUS_OPC_WARDEN_CFG_ACTION_END ? first_word_or_failure(message) : 0;
     uint32_t send_flag = 0;
     const agent_message_handler handler = found->second; // it may end its own subscription
-    netsnmp_variable_list *list = handler(&message, notification.data(), &notification_length, &send_flag);
+    netsnmp_variable_list *list =
+        handler(&message, notification.data(), &notification_length, &send_flag);
     if (list != nullptr && send_flag == 1) {
         enqueue_notification(enterprise_specific, notification.data(), notification_length, list);
     } else {
@@ -209,7 +217,8 @@ void Agent::settle(const std::vector<pid_t> &ended) {
             continue;
         }
         if (end->watch) {
-            // Closing alone does not end the watch while another worker is about to let go of its copy.
+            // Closing alone does not end the watch while another worker is about to let go of its
+            // copy.
             ::epoll_ctl(events_.get(), EPOLL_CTL_DEL, end->watch.get(), nullptr);
         }
         if (!end->reported) {
@@ -221,7 +230,8 @@ void Agent::settle(const std::vector<pid_t> &ended) {
 }
 
 void Agent::deliver_lost_status() {
-    msgbus_message report(AGENT_OPC_WORKER_STATUS, 0, &lost_worker_status, sizeof lost_worker_status);
+    msgbus_message report(AGENT_OPC_WORKER_STATUS, 0, &lost_worker_status,
+                          sizeof lost_worker_status);
     deliver(report);
 }
 
@@ -246,8 +256,10 @@ void Agent::on_failed_fork(unsigned int, void *self) {
 }
 
 pid_t Agent::fork_worker() {
-    guarded([this] { start(); });         // the access point may have been another agent's when this one was loaded
-    guarded([] { settings_problems(); }); // so that this process tells them, and not each worker anew
+    // the access point may have been another agent's when this one was loaded
+    guarded([this] { start(); });
+    // so that this process tells them, and not each worker anew
+    guarded([] { settings_problems(); });
     const std::vector<int> own = descriptors();
     auto copy = copy_watch().begin();
     const pid_t worker = ::fork();
@@ -258,7 +270,8 @@ pid_t Agent::fork_worker() {
         guarded([&] { copy_watch().follow(worker, std::move(copy)); });
         guarded([=, this] { follow(worker); });
     } else {
-        // The caller goes on as if there were a worker; its end is reported once the request has been served.
+        // The caller goes on as if there were a worker; its end is reported once the request has
+        // been served.
         const int saved_errno = errno;
         if (copy) {
             unforked_ = Unforked{std::move(*copy), saved_errno};
@@ -274,7 +287,8 @@ void Agent::follow(pid_t worker) {
     epoll_event wanted{};
     wanted.events = EPOLLIN;
     wanted.data.u64 = static_cast<uint64_t>(worker);
-    const bool watched = watch >= 0 && events_ && ::epoll_ctl(events_.get(), EPOLL_CTL_ADD, watch, &wanted) == 0;
+    const bool watched =
+        watch >= 0 && events_ && ::epoll_ctl(events_.get(), EPOLL_CTL_ADD, watch, &wanted) == 0;
     if (!watched && poll_alarm_ == 0) {
         poll_alarm_ = snmp_alarm_register(1, SA_REPEAT, on_poll_alarm, this);
     }

@@ -35,20 +35,23 @@ void move_start_time(milliseconds change) {
     timeval moved_start{};
     moved_start.tv_sec = whole.count();
     moved_start.tv_usec = (moved - whole).count();
-    // The agent derives the start on its monotonic clock from this and the present time: both moved alike, so sysUpTime stays.
+    // The agent derives the start on its monotonic clock from this and the present time: both moved
+    // alike, so sysUpTime stays.
     netsnmp_set_agent_starttime(&moved_start);
 }
 
 void raise_callback(seconds change) {
     const auto size = static_cast<uint32_t>(change.count() < 0 ? -change.count() : change.count());
-    agent_starttime_change argument{&size, change.count() < 0 ? AGENT_STARTTIME_SUBTRACTED : AGENT_STARTTIME_ADDED};
+    agent_starttime_change argument{&size, change.count() < 0 ? AGENT_STARTTIME_SUBTRACTED
+                                                              : AGENT_STARTTIME_ADDED};
     snmp_call_callbacks(SNMP_CALLBACK_LIBRARY, AGENT_CALLBACK_STARTTIME_CHANGE, &argument);
 }
 
 } // namespace
 
 ClockReading read_clocks() {
-    // The reading with the wall clock least far from both neighbours, in case the process was interrupted in between.
+    // The reading with the wall clock least far from both neighbours, in case the process was
+    // interrupted in between.
     ClockReading best{};
     auto smallest_gap = nanoseconds::max();
     for (int attempt = 0; attempt < 3; ++attempt) {
@@ -66,7 +69,8 @@ ClockReading read_clocks() {
 StartTimeKeeper::StartTimeKeeper(ClockReading now) : seen_(now.wall - now.running) {}
 
 void StartTimeKeeper::observe(ClockReading now) {
-    // Two readings never agree to the nanosecond: without rounding, a clock set by an hour would be one second short of it at times.
+    // Two readings never agree to the nanosecond: without rounding, a clock set by an hour would be
+    // one second short of it at times.
     const auto change = std::chrono::round<milliseconds>(now.wall - now.running - seen_);
     if (change == milliseconds{0}) {
         return;
@@ -77,13 +81,15 @@ void StartTimeKeeper::observe(ClockReading now) {
     const auto whole = duration_cast<seconds>(unreported_);
     if (whole != seconds{0}) {
         unreported_ -= whole;
-        log_error("agent: the clock was set by %lld seconds", static_cast<long long>(whole.count()));
+        log_error("agent: the clock was set by %lld seconds",
+                  static_cast<long long>(whole.count()));
         raise_callback(whole);
     }
 }
 
 ClockWatch::ClockWatch()
-    : timer_(check(::timerfd_create(CLOCK_REALTIME, TFD_NONBLOCK | TFD_CLOEXEC), "clock watch")), keeper_(read_clocks()) {
+    : timer_(check(::timerfd_create(CLOCK_REALTIME, TFD_NONBLOCK | TFD_CLOEXEC), "clock watch")),
+      keeper_(read_clocks()) {
     arm();
 }
 

@@ -8,7 +8,8 @@
 
 namespace ulmo {
 
-// The wall clock and, read at the same moment, the clock that nobody sets (clock_gettime(2): CLOCK_REALTIME and CLOCK_BOOTTIME).
+// The wall clock and, read at the same moment, the clock that nobody sets (clock_gettime(2):
+// CLOCK_REALTIME and CLOCK_BOOTTIME).
 struct ClockReading {
     std::chrono::nanoseconds wall;
     std::chrono::nanoseconds running;
@@ -16,9 +17,10 @@ struct ClockReading {
 
 ClockReading read_clocks();
 
-// Moves the agent's start time along with the wall clock, so that netsnmp_timeval_uptime() gives the true uptime of moments after the
-// change and sysUpTime goes on undisturbed, and raises AGENT_CALLBACK_STARTTIME_CHANGE. The callback's unit is the second: what is
-// smaller is kept until it makes one.
+// Moves the agent's start time along with the wall clock, so that netsnmp_timeval_uptime() gives
+// the true uptime of moments after the change and sysUpTime goes on undisturbed, and raises
+// AGENT_CALLBACK_STARTTIME_CHANGE. The callback's unit is the second: what is smaller is kept until
+// it makes one.
 class StartTimeKeeper {
   public:
     explicit StartTimeKeeper(ClockReading now);
@@ -35,7 +37,7 @@ class ClockWatch {
   public:
     ClockWatch(); // throws std::system_error
 
-    int fd() const { return timer_.get(); }
+    [[nodiscard]] int fd() const { return timer_.get(); }
     // Moves the start time if the clock was set since the last call.
     void handle_change();
 

@@ -1,4 +1,5 @@
-// What a module registers with the agent: it is repeated in each SNMP context (RFC 3411, 3.3.1) that names a VRF.
+// What a module registers with the agent: it is repeated in each SNMP context (RFC 3411, 3.3.1)
+// that names a VRF.
 #include "base/c_boundary.h"
 #include "base/settings.h"
 #include "platform/host/agent/copies.h"
@@ -17,10 +18,11 @@
 namespace ulmo {
 namespace {
 
-// Contexts that hold a module's registrations, on the agent's thread; what was registered there is withdrawn there, whatever the setting
-// says by then.
+// Contexts that hold a module's registrations, on the agent's thread; what was registered there is
+// withdrawn there, whatever the setting says by then.
 std::vector<std::string> &contexts() {
-    static auto *const names = new std::vector<std::string>; // for the process's life, past all destructors
+    // for the process's life, past all destructors
+    static auto *const names = new std::vector<std::string>;
     return *names;
 }
 
@@ -38,17 +40,21 @@ void read_contexts() {
 
 extern "C" {
 
-// A module is linked so that its calls of register_mib() and unregister_mib() come here (ld(1), --wrap).
-int __wrap_register_mib(const char *module, const struct variable *variables, size_t variable_size, size_t count, const oid *root,
-                        size_t root_length) {
+// A module is linked so that its calls of register_mib() and unregister_mib() come here (ld(1),
+// --wrap).
+int __wrap_register_mib(const char *module, const struct variable *variables, size_t variable_size,
+                        size_t count, const oid *root, size_t root_length) {
     const int result = register_mib(module, variables, variable_size, count, root, root_length);
-    const auto tell = [module](const char *why) { ulmo::log_error("%s: contexts: %s", module, why); };
+    const auto tell = [module](const char *why) {
+        ulmo::log_error("%s: contexts: %s", module, why);
+    };
     const auto repeat = [&] {
         ulmo::copy_watch().learn(variables, variable_size, count, root, root_length);
         ulmo::read_contexts();
         for (const std::string &name : ulmo::contexts()) {
-            if (register_mib_context(module, variables, variable_size, count, root, root_length, DEFAULT_MIB_PRIORITY, 0, 0, nullptr,
-                                     name.c_str(), -1, 0) != MIB_REGISTERED_OK) {
+            if (register_mib_context(module, variables, variable_size, count, root, root_length,
+                                     DEFAULT_MIB_PRIORITY, 0, 0, nullptr, name.c_str(), -1,
+                                     0) != MIB_REGISTERED_OK) {
                 ulmo::log_error("%s can't be registered in context %s", module, name.c_str());
             }
         }

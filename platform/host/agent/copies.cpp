@@ -36,9 +36,11 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 // The columns that are read, below the module's root at 1.1.1.1.
-constexpr std::array known_columns{
-    CC_COLUMN_PROTOCOL, CC_COLUMN_SOURCE_FILE_TYPE, CC_COLUMN_DEST_FILE_TYPE, CC_COLUMN_FILE_NAME,        CC_COLUMN_USER_NAME,
-    CC_COLUMN_STATE,    CC_COLUMN_TIME_STARTED,     CC_COLUMN_FAIL_CAUSE,     CC_COLUMN_ENTRY_ROW_STATUS, CC_COLUMN_SERVER_ADDRESS_REV1};
+constexpr std::array known_columns{CC_COLUMN_PROTOCOL,         CC_COLUMN_SOURCE_FILE_TYPE,
+                                   CC_COLUMN_DEST_FILE_TYPE,   CC_COLUMN_FILE_NAME,
+                                   CC_COLUMN_USER_NAME,        CC_COLUMN_STATE,
+                                   CC_COLUMN_TIME_STARTED,     CC_COLUMN_FAIL_CAUSE,
+                                   CC_COLUMN_ENTRY_ROW_STATUS, CC_COLUMN_SERVER_ADDRESS_REV1};
 constexpr std::array<oid, 4> table_below_root{1, 1, 1, 1};
 
 constexpr std::string_view report_prefix = "copy-report.";
@@ -46,8 +48,10 @@ constexpr std::string_view begun_key = "begun ";
 constexpr char gone[] = "the request was removed before the end";
 
 std::string name_or_number(const auto &names, long value) {
-    const bool is_known = value > 0 && value < static_cast<long>(names.size()) && !names.at(static_cast<std::size_t>(value)).empty();
-    return is_known ? std::string(names.at(static_cast<std::size_t>(value))) : std::to_string(value);
+    const bool is_known = value > 0 && value < static_cast<long>(names.size()) &&
+                          !names.at(static_cast<std::size_t>(value)).empty();
+    return is_known ? std::string(names.at(static_cast<std::size_t>(value)))
+                    : std::to_string(value);
 }
 
 std::string protocol_name(long protocol) {
@@ -56,7 +60,8 @@ std::string protocol_name(long protocol) {
 }
 
 std::string file_type_name(long type) {
-    constexpr std::array<std::string_view, 8> names{"", "", "", "startup", "running", "", "fabric-startup", "all-startup"};
+    constexpr std::array<std::string_view, 8> names{
+        "", "", "", "startup", "running", "", "fabric-startup", "all-startup"};
     return name_or_number(names, type);
 }
 
@@ -122,7 +127,8 @@ std::string reason_of_save(std::uint32_t status) {
 
 // The reason in a refusal, behind its status word.
 std::string text_in(msgbus_msg answer) {
-    const auto *begin = static_cast<const char *>(::msgbus_payload_get(answer, sizeof(std::uint32_t)));
+    const auto *begin =
+        static_cast<const char *>(::msgbus_payload_get(answer, sizeof(std::uint32_t)));
     return begin == nullptr ? "" : std::string(begin, answer->length).substr(sizeof(std::uint32_t));
 }
 
@@ -134,13 +140,16 @@ template <typename Work> void for_a_line(Work &&work) noexcept {
 
 // --- rows ---
 
-void CopyRows::learn(const variable *variables, std::size_t size, std::size_t count, const oid *root, std::size_t root_length) {
+void CopyRows::learn(const variable *variables, std::size_t size, std::size_t count,
+                     const oid *root, std::size_t root_length) {
     columns_.clear();
     for (std::size_t i = 0; i < count; ++i) {
         // The agent's own way with arrays of records that differ in the length of their names.
-        const auto *each = reinterpret_cast<const variable *>(reinterpret_cast<const char *>(variables) + i * size);
+        const auto *each = reinterpret_cast<const variable *>(
+            reinterpret_cast<const char *>(variables) + i * size);
         const bool is_in_table =
-            each->namelen == table_below_root.size() + 1 && std::equal(table_below_root.begin(), table_below_root.end(), each->name);
+            each->namelen == table_below_root.size() + 1 &&
+            std::equal(table_below_root.begin(), table_below_root.end(), each->name);
         if (!is_in_table || root_length + each->namelen > MAX_OID_LEN) {
             continue;
         }
@@ -155,7 +164,8 @@ void CopyRows::learn(const variable *variables, std::size_t size, std::size_t co
         whole.acl = each->acl;
         whole.findVar = each->findVar;
         whole.namelen = static_cast<u_char>(root_length + each->namelen);
-        std::copy(each->name, each->name + each->namelen, std::copy(root, root + root_length, whole.name));
+        std::copy(each->name, each->name + each->namelen,
+                  std::copy(root, root + root_length, whole.name));
     }
 }
 
@@ -172,8 +182,11 @@ std::optional<std::string> CopyRows::octets(oid column, oid row) const {
     constexpr int exact = 1;
     std::size_t value_length = 0;
     WriteMethod *write_method = nullptr;
-    const unsigned char *value = method.findVar(&method, name.data(), &length, exact, &value_length, &write_method);
-    return value != nullptr ? std::optional(std::string(reinterpret_cast<const char *>(value), value_length)) : std::nullopt;
+    const unsigned char *value =
+        method.findVar(&method, name.data(), &length, exact, &value_length, &write_method);
+    return value != nullptr
+               ? std::optional(std::string(reinterpret_cast<const char *>(value), value_length))
+               : std::nullopt;
 }
 
 std::optional<long> CopyRows::number(oid column, oid row) const {
@@ -194,9 +207,11 @@ std::vector<oid> CopyRows::set_by_request(long status, long other_status) const 
         return rows;
     }
     const variable &column = found->second;
-    for (const netsnmp_variable_list *each = request->variables; each != nullptr; each = each->next_variable) {
+    for (const netsnmp_variable_list *each = request->variables; each != nullptr;
+         each = each->next_variable) {
         if (each->type == ASN_INTEGER && each->name_length == column.namelen + 1U &&
-            ::snmp_oid_compare(each->name, column.namelen, column.name, column.namelen) == 0 && each->val.integer != nullptr &&
+            ::snmp_oid_compare(each->name, column.namelen, column.name, column.namelen) == 0 &&
+            each->val.integer != nullptr &&
             (*each->val.integer == status || *each->val.integer == other_status)) {
             rows.push_back(each->name[column.namelen]);
         }
@@ -222,14 +237,16 @@ CopyRequest CopyWatch::request_of(oid row) const {
         if (type != COPY_FILE_NETWORK) {
             return file_type_name(type);
         }
-        return url_of(protocol_name(rows_.number(CC_COLUMN_PROTOCOL, row).value_or(0)), rows_.octets(CC_COLUMN_USER_NAME, row).value_or(""),
+        return url_of(protocol_name(rows_.number(CC_COLUMN_PROTOCOL, row).value_or(0)),
+                      rows_.octets(CC_COLUMN_USER_NAME, row).value_or(""),
                       address_text(rows_.octets(CC_COLUMN_SERVER_ADDRESS_REV1, row).value_or("")),
                       rows_.octets(CC_COLUMN_FILE_NAME, row).value_or(""));
     };
     CopyRequest request;
     request.began = std::time(nullptr);
     request.index = static_cast<std::uint32_t>(row);
-    request.started = static_cast<std::uint32_t>(rows_.number(CC_COLUMN_TIME_STARTED, row).value_or(0));
+    request.started =
+        static_cast<std::uint32_t>(rows_.number(CC_COLUMN_TIME_STARTED, row).value_or(0));
     request.user = requester_name();
     request.requester = requester_address();
     request.from = side(CC_COLUMN_SOURCE_FILE_TYPE);
@@ -313,7 +330,9 @@ void CopyWatch::close_unfinished() noexcept {
     for_a_line([&] {
         for (const auto &entry : std::filesystem::directory_iterator(run_dir())) {
             const std::filesystem::path &path = entry.path();
-            const bool is_ours = std::any_of(copies_.begin(), copies_.end(), [&](const auto &copy) { return copy.second.report == path; });
+            const bool is_ours = std::any_of(copies_.begin(), copies_.end(), [&](const auto &copy) {
+                return copy.second.report == path;
+            });
             if (is_ours || !path.filename().string().starts_with(report_prefix)) {
                 continue;
             }
@@ -322,7 +341,8 @@ void CopyWatch::close_unfinished() noexcept {
             CopyEnd end = end_of(read_copy_report(path));
             end.reason = "the agent ended before the copy did";
             if (text.starts_with(begun_key)) {
-                tell(text.substr(begun_key.size(), text.find('\n') - begun_key.size()) + ' ' + line_of(end));
+                tell(text.substr(begun_key.size(), text.find('\n') - begun_key.size()) + ' ' +
+                     line_of(end));
             }
             forget_report(path);
         }
@@ -348,8 +368,10 @@ void CopyWatch::save_sent(int error) {
     if (error != 0) {
         CopyEnd end;
         end.outcome = CopyEnd::Outcome::failed;
-        end.reason = error == ENOENT || error == ECONNREFUSED ? "the system manager is not running"
-                                                              : std::string("the system manager can't be asked: ") + std::strerror(error);
+        end.reason =
+            error == ENOENT || error == ECONNREFUSED
+                ? "the system manager is not running"
+                : std::string("the system manager can't be asked: ") + std::strerror(error);
         end_save(std::move(end));
     }
 }
@@ -360,7 +382,8 @@ void CopyWatch::sent(std::uint32_t opcode, int error) noexcept {
             save_sent(error);
         } else if (opcode == MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION_ABORT && save_) {
             const auto destroyed = rows_.set_by_request(ROW_STATUS_DESTROY, ROW_STATUS_DESTROY);
-            if (std::find(destroyed.begin(), destroyed.end(), save_->request.index) != destroyed.end()) {
+            if (std::find(destroyed.begin(), destroyed.end(), save_->request.index) !=
+                destroyed.end()) {
                 CopyEnd end;
                 end.reason = gone;
                 end_save(std::move(end));
@@ -417,7 +440,8 @@ void CopyWatch::action_ended(std::uint32_t status) noexcept {
             end.outcome = CopyEnd::Outcome::successful;
         } else {
             end.outcome = CopyEnd::Outcome::failed;
-            end.cause = cause_name(rows_.number(CC_COLUMN_FAIL_CAUSE, save_->request.index).value_or(0));
+            end.cause =
+                cause_name(rows_.number(CC_COLUMN_FAIL_CAUSE, save_->request.index).value_or(0));
             end.reason = reason_of_save(status);
         }
         end_save(std::move(end));

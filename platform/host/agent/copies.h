@@ -25,18 +25,19 @@
 
 namespace ulmo {
 
-// Reads columns of the copy table's rows by the methods that the module has registered. The column of
-// the passwords is not among them.
+// Reads columns of the copy table's rows by the methods that the module has registered. The column
+// of the passwords is not among them.
 class CopyRows {
   public:
     // What a module registers: as register_mib(3) has it.
-    void learn(const variable *variables, std::size_t size, std::size_t count, const oid *root, std::size_t root_length);
+    void learn(const variable *variables, std::size_t size, std::size_t count, const oid *root,
+               std::size_t root_length);
 
-    std::optional<std::string> octets(oid column, oid row) const;
-    std::optional<long> number(oid column, oid row) const;
+    [[nodiscard]] std::optional<std::string> octets(oid column, oid row) const;
+    [[nodiscard]] std::optional<long> number(oid column, oid row) const;
 
     // The rows whose status the request being served sets to one of two values, in its order.
-    std::vector<oid> set_by_request(long status, long other_status) const;
+    [[nodiscard]] std::vector<oid> set_by_request(long status, long other_status) const;
 
   private:
     std::map<oid, variable> columns_; // with whole names
@@ -44,7 +45,8 @@ class CopyRows {
 
 class CopyWatch final : public BusObserver {
   public:
-    void learn(const variable *variables, std::size_t size, std::size_t count, const oid *root, std::size_t root_length) {
+    void learn(const variable *variables, std::size_t size, std::size_t count, const oid *root,
+               std::size_t root_length) {
         rows_.learn(variables, size, count, root, root_length);
     }
 
@@ -80,8 +82,8 @@ class CopyWatch final : public BusObserver {
         bool answered = false;
     };
 
-    std::optional<oid> activated_row() const;
-    CopyRequest request_of(oid row) const;
+    [[nodiscard]] std::optional<oid> activated_row() const;
+    [[nodiscard]] CopyRequest request_of(oid row) const;
     void end_copy(const Copy &copy, CopyEnd end);
     void end_save(CopyEnd end);
     void save_sent(int error);

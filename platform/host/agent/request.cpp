@@ -48,9 +48,14 @@ const char *handed_out(TextBuffer &buffer, std::string_view text) {
 
 std::string_view user_of(const netsnmp_pdu &request) {
     if (request.version == SNMP_VERSION_3) {
-        return request.securityName != nullptr ? std::string_view(request.securityName, request.securityNameLen) : "";
+        return request.securityName != nullptr
+                   ? std::string_view(request.securityName, request.securityNameLen)
+                   : "";
     }
-    return request.community != nullptr ? std::string_view(reinterpret_cast<const char *>(request.community), request.community_len) : "";
+    return request.community != nullptr
+               ? std::string_view(reinterpret_cast<const char *>(request.community),
+                                  request.community_len)
+               : "";
 }
 
 // Of the start; the agent's environment loses it when the agent has told that it is up.
@@ -73,7 +78,8 @@ void notify_service_manager(std::string target, std::string_view text) {
     std::memcpy(address.sun_path, target.data(), target.size());
     const UniqueFd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (socket) {
-        ::sendto(socket.get(), text.data(), text.size(), MSG_NOSIGNAL, reinterpret_cast<const sockaddr *>(&address), length);
+        ::sendto(socket.get(), text.data(), text.size(), MSG_NOSIGNAL,
+                 reinterpret_cast<const sockaddr *>(&address), length);
     }
 }
 
@@ -100,12 +106,15 @@ std::string security_name(const netsnmp_pdu &request) {
     const auto *community = reinterpret_cast<const char *>(request.community);
     const std::size_t length = request.community_len;
     if (request.tDomain == netsnmpUDPDomain || request.tDomain == netsnmp_snmpTCPDomain) {
-        netsnmp_udp_getSecName(request.transport_data, request.transport_data_length, community, length, &name, &context);
-    } else if (request.tDomain == netsnmp_UDPIPv6Domain || request.tDomain == netsnmp_TCPIPv6Domain) {
-        netsnmp_udp6_getSecName(request.transport_data, request.transport_data_length, community, static_cast<int>(length), &name,
-                                &context);
+        netsnmp_udp_getSecName(request.transport_data, request.transport_data_length, community,
+                               length, &name, &context);
+    } else if (request.tDomain == netsnmp_UDPIPv6Domain ||
+               request.tDomain == netsnmp_TCPIPv6Domain) {
+        netsnmp_udp6_getSecName(request.transport_data, request.transport_data_length, community,
+                                static_cast<int>(length), &name, &context);
     } else if (request.tDomain == netsnmp_UnixDomain) {
-        netsnmp_unix_getSecName(request.transport_data, request.transport_data_length, community, length, &name, &context);
+        netsnmp_unix_getSecName(request.transport_data, request.transport_data_length, community,
+                                length, &name, &context);
     }
     return name != nullptr ? name : "";
 }
@@ -122,23 +131,28 @@ std::string requester_name() {
     if (request == nullptr) {
         return "";
     }
-    return request->version == SNMP_VERSION_3 ? std::string(user_of(*request)) : security_name(*request);
+    return request->version == SNMP_VERSION_3 ? std::string(user_of(*request))
+                                              : security_name(*request);
 }
 
 std::string requester_address() {
     const netsnmp_pdu *request = current_request();
-    netsnmp_session *session = request != nullptr ? netsnmp_get_current_agent_session()->session : nullptr;
-    netsnmp_transport *transport = session != nullptr ? ::snmp_sess_transport(::snmp_sess_pointer(session)) : nullptr;
+    netsnmp_session *session =
+        request != nullptr ? netsnmp_get_current_agent_session()->session : nullptr;
+    netsnmp_transport *transport =
+        session != nullptr ? ::snmp_sess_transport(::snmp_sess_pointer(session)) : nullptr;
     if (transport == nullptr || transport->f_fmtaddr == nullptr) {
         return "";
     }
     // Such as "UDP: [192.0.2.1]:40000->[192.0.2.2]:161".
     const std::unique_ptr<char, void (*)(void *)> text(
-        transport->f_fmtaddr(transport, request->transport_data, request->transport_data_length), std::free);
+        transport->f_fmtaddr(transport, request->transport_data, request->transport_data_length),
+        std::free);
     const std::string whole = text ? text.get() : "";
     const auto begin = whole.find('[');
     const auto end = whole.find(']', begin);
-    return end == std::string::npos ? whole.substr(0, whole.find(':')) : whole.substr(begin + 1, end - begin - 1);
+    return end == std::string::npos ? whole.substr(0, whole.find(':'))
+                                    : whole.substr(begin + 1, end - begin - 1);
 }
 
 void remember_watchdog() {
@@ -151,7 +165,8 @@ void open_debug_file() {
     if (path.empty() || ld_dbg_fp != nullptr) {
         return;
     }
-    UniqueFd file(::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600));
+    UniqueFd file(
+        ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600));
     if (!file || (ld_dbg_fp = ::fdopen(file.get(), "a")) == nullptr) {
         log_error("agent: debug file %s can't be opened, errno %d", path.c_str(), errno);
         return;
@@ -185,20 +200,26 @@ const char *get_snmp_sessionid(int) {
 const char *snmp_get_ctx_vrf_for_current_req(int *status) {
     static ulmo::TextBuffer buffer;
     const netsnmp_pdu *request = ulmo::current_request();
-    const bool has_context = request != nullptr && request->contextName != nullptr && request->contextNameLen > 0;
+    const bool has_context =
+        request != nullptr && request->contextName != nullptr && request->contextNameLen > 0;
     if (status != nullptr) {
         *status = has_context ? 0 : ENOENT;
     }
-    return ulmo::handed_out(buffer, has_context ? std::string_view(request->contextName, request->contextNameLen) : "");
+    return ulmo::handed_out(
+        buffer, has_context ? std::string_view(request->contextName, request->contextNameLen) : "");
 }
 
 void snmp_heartbeat_send(void) {
-    ulmo::log_failure("agent: watchdog not fed", [] { ulmo::notify_service_manager(ulmo::watchdog_address(), "WATCHDOG=1"); });
+    ulmo::log_failure("agent: watchdog not fed",
+                      [] { ulmo::notify_service_manager(ulmo::watchdog_address(), "WATCHDOG=1"); });
 }
 
 void set_mgmt_conf_last_change_time_extended(int kind) {
     ulmo::quietly([kind] { ulmo::mark_change(kind); },
-                  [kind](const char *why) { ulmo::log_error("agent: time of configuration change %d not marked: %s", kind, why); });
+                  [kind](const char *why) {
+                      ulmo::log_error("agent: time of configuration change %d not marked: %s", kind,
+                                      why);
+                  });
 }
 
 } // extern "C"

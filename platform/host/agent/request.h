@@ -19,10 +19,12 @@ std::string requester_name();
 // The network address that it came from, or the name of its transport where there is no address.
 std::string requester_address();
 
-// Keeps where the service manager's watchdog listens: the agent takes it out of its environment once it is up.
+// Keeps where the service manager's watchdog listens: the agent takes it out of its environment
+// once it is up.
 void remember_watchdog();
 
-// Opens ld_dbg_fp when the setting `agent_debug_file` names a file and it is not open yet. A link in its place is refused.
+// Opens ld_dbg_fp when the setting `agent_debug_file` names a file and it is not open yet. A link
+// in its place is refused.
 void open_debug_file();
 
 } // namespace ulmo

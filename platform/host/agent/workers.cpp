@@ -34,8 +34,8 @@ UniqueFd opened_directory(const std::filesystem::path &path) {
     return UniqueFd(check(::open(path.c_str(), flags), path.native()));
 }
 
-// The folder of all workers' folders. Its lock is held while one of them is made or looked at, so that no folder is swept between its
-// making and its own lock.
+// The folder of all workers' folders. Its lock is held while one of them is made or looked at, so
+// that no folder is swept between its making and its own lock.
 std::filesystem::path work_root() {
     const auto state = state_dir();
     const ActingAsOwner owner(state);
@@ -65,7 +65,8 @@ std::vector<int> open_descriptors() {
     }
     rlimit limit{};
     ::getrlimit(RLIMIT_NOFILE, &limit);
-    for (int number = 0; number < static_cast<int>(std::min<rlim_t>(limit.rlim_cur, 65536)); ++number) {
+    for (int number = 0; number < static_cast<int>(std::min<rlim_t>(limit.rlim_cur, 65536));
+         ++number) {
         all.push_back(number);
     }
     return all;
@@ -79,18 +80,23 @@ bool is_socket(int descriptor) {
 bool is_local_standard_stream(int descriptor) {
     int domain = 0;
     socklen_t length = sizeof domain;
-    return descriptor <= STDERR_FILENO && ::getsockopt(descriptor, SOL_SOCKET, SO_DOMAIN, &domain, &length) == 0 && domain == AF_UNIX;
+    return descriptor <= STDERR_FILENO &&
+           ::getsockopt(descriptor, SOL_SOCKET, SO_DOMAIN, &domain, &length) == 0 &&
+           domain == AF_UNIX;
 }
 
 void let_go_of(const std::vector<int> &foreign) {
     const UniqueFd nowhere(::open("/dev/null", O_RDWR | O_CLOEXEC));
     for (const int descriptor : open_descriptors()) {
-        const bool is_foreign = std::find(foreign.begin(), foreign.end(), descriptor) != foreign.end();
+        const bool is_foreign =
+            std::find(foreign.begin(), foreign.end(), descriptor) != foreign.end();
         if (!is_foreign && (!is_socket(descriptor) || is_local_standard_stream(descriptor))) {
             continue;
         }
-        // syslog(3) and others remember their numbers: a number that stands for nothing must not come to stand for a file of the worker.
-        if (!nowhere || ::dup3(nowhere.get(), descriptor, descriptor > STDERR_FILENO ? O_CLOEXEC : 0) < 0) {
+        // syslog(3) and others remember their numbers: a number that stands for nothing must not
+        // come to stand for a file of the worker.
+        if (!nowhere ||
+            ::dup3(nowhere.get(), descriptor, descriptor > STDERR_FILENO ? O_CLOEXEC : 0) < 0) {
             ::close(descriptor);
         }
     }
@@ -125,7 +131,8 @@ std::filesystem::path worker_directory(pid_t worker) {
 void become_worker(const std::vector<int> &foreign) noexcept {
     reset_signals();
     try {
-        // Before anything is sent, and not where the module asks: it can't refuse. Throws, too, when the file can't be read.
+        // Before anything is sent, and not where the module asks: it can't refuse. Throws, too,
+        // when the file can't be read.
         static_cast<void>(number_setting("chassis_type"));
     } catch (const std::exception &failure) {
         log_error("worker: the copy is refused: %s", failure.what());
@@ -136,8 +143,8 @@ void become_worker(const std::vector<int> &foreign) noexcept {
         let_go_of(foreign);
         enter_private_directory();
     } catch (const std::exception &failure) {
-        // A copy writes files under names that a manager chose: not where the agent happens to run. The agent reports this end as a
-        // failure.
+        // A copy writes files under names that a manager chose: not where the agent happens to run.
+        // The agent reports this end as a failure.
         log_error("worker: no private directory: %s", failure.what());
         report_reason(std::string("no private directory: ") + failure.what());
         ::_exit(EXIT_FAILURE);
@@ -153,7 +160,8 @@ void sweep_worker_directories() noexcept {
             return; // somebody sweeps already, or a worker just begins
         }
         for (const auto &entry : std::filesystem::directory_iterator(root)) {
-            const UniqueFd directory(::open(entry.path().c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+            const UniqueFd directory(
+                ::open(entry.path().c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
             if (directory && ::flock(directory.get(), LOCK_EX | LOCK_NB) == 0) {
                 std::error_code ignored;
                 std::filesystem::remove_all(entry.path(), ignored);
@@ -165,7 +173,8 @@ void sweep_worker_directories() noexcept {
 
 int WorkerTable::add(pid_t worker) {
     Worker &added = workers_[worker];
-    added.watch.reset(static_cast<int>(::syscall(SYS_pidfd_open, worker, 0))); // close-on-exec by itself
+    // close-on-exec by itself
+    added.watch.reset(static_cast<int>(::syscall(SYS_pidfd_open, worker, 0)));
     return added.watch.get();
 }
 
@@ -178,7 +187,8 @@ std::vector<pid_t> WorkerTable::ended() const {
     std::vector<pid_t> all;
     for (const auto &[pid, worker] : workers_) {
         siginfo_t information{};
-        const int result = ::waitid(P_PID, static_cast<id_t>(pid), &information, WEXITED | WNOHANG | WNOWAIT);
+        const int result =
+            ::waitid(P_PID, static_cast<id_t>(pid), &information, WEXITED | WNOHANG | WNOWAIT);
         if ((result == 0 && information.si_pid == pid) || (result != 0 && errno == ECHILD)) {
             all.push_back(pid);
         }
@@ -196,13 +206,16 @@ std::optional<WorkerTable::Ended> WorkerTable::reap(pid_t worker) {
     if (reaped == 0) {
         return std::nullopt;
     }
-    Ended ended{std::move(found->second.watch), found->second.reported, reaped == worker ? how_it_ended(status) : "unseen"};
+    Ended ended{std::move(found->second.watch), found->second.reported,
+                reaped == worker ? how_it_ended(status) : "unseen"};
     workers_.erase(found);
     const auto remove = [worker] {
         const ActingAsOwner owner(state_dir());
         std::filesystem::remove_all(worker_directory(worker));
     };
-    quietly(remove, [worker](const char *why) { log_error("worker: cannot remove the folder of process %d: %s", worker, why); });
+    quietly(remove, [worker](const char *why) {
+        log_error("worker: cannot remove the folder of process %d: %s", worker, why);
+    });
     return ended;
 }
 

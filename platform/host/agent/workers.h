@@ -1,8 +1,9 @@
-// Room: what only the agent loads: its loop, workers, current request, notifications, contexts, clock.
+// Room: what only the agent loads: its loop, workers, current request, notifications, contexts.
 // Used by: the agent, which loads it.
 // May use: base, history, bus, fabric, system_manager, platform.
 //
-// The agent's forked workers: how each is set up in the child, and how the agent learns that it ended.
+// The agent's forked workers: how each is set up in the child, and how the agent learns that it
+// ended.
 #pragma once
 
 #include "base/unique_fd.h"
@@ -18,12 +19,15 @@
 
 namespace ulmo {
 
-// The folder in which the worker of that process id keeps its temporary files. Throws as state_dir() does.
+// The folder in which the worker of that process id keeps its temporary files. Throws as
+// state_dir() does.
 std::filesystem::path worker_directory(pid_t worker);
 
-// Turns the calling process, just forked from the agent, into a worker: the agent's signal handlers are off, no socket and none of
-// `foreign` is held any more (their numbers stand for /dev/null, so that nothing else gets them), and the working directory is a private,
-// locked one; without such a directory the process ends. The standard streams stay when they lead to a local service, such as the journal.
+// Turns the calling process, just forked from the agent, into a worker: the agent's signal handlers
+// are off, no socket and none of `foreign` is held any more (their numbers stand for /dev/null, so
+// that nothing else gets them), and the working directory is a private, locked one; without such a
+// directory the process ends. The standard streams stay when they lead to a local service, such as
+// the journal.
 void become_worker(const std::vector<int> &foreign) noexcept;
 
 // Removes the folders of workers that are gone. Does not throw.
@@ -32,14 +36,15 @@ void sweep_worker_directories() noexcept;
 // The workers that this process forked and has not reaped. All of it belongs to one thread.
 class WorkerTable {
   public:
-    // Watches the child. Returns the descriptor that becomes readable when it ends, or -1 when the kernel offers none: ended() finds it.
+    // Watches the child. Returns the descriptor that becomes readable when it ends, or -1 when the
+    // kernel offers none: ended() finds it.
     int add(pid_t worker);
 
     // Whether the process is a worker whose status has not come yet; from then on it has.
     bool take_report(pid_t worker);
 
     // Those that have ended and wait to be reaped, each found without waiting.
-    std::vector<pid_t> ended() const;
+    [[nodiscard]] std::vector<pid_t> ended() const;
 
     // What is left of a worker that was reaped.
     struct Ended {
@@ -48,11 +53,12 @@ class WorkerTable {
         std::string how; // for people: by which signal, or with which status
     };
 
-    // Reaps one that has ended, and nothing else, and removes its folder. Nothing when it has not ended or is no worker.
+    // Reaps one that has ended, and nothing else, and removes its folder. Nothing when it has not
+    // ended or is no worker.
     std::optional<Ended> reap(pid_t worker);
 
-    bool empty() const { return workers_.empty(); }
-    std::vector<int> descriptors() const;
+    [[nodiscard]] bool empty() const { return workers_.empty(); }
+    [[nodiscard]] std::vector<int> descriptors() const;
 
   private:
     struct Worker {

@@ -40,7 +40,8 @@ struct Endpoint {
     std::string name;
     uint32_t own_sap = 0;
     bool takes_answers = false;
-    uint32_t last_token = std::random_device{}(); // so that tokens of a restarted process differ from those before
+    // so that tokens of a restarted process differ from those before
+    uint32_t last_token = std::random_device{}();
     std::optional<Exchange> exchange;
 };
 
@@ -60,7 +61,8 @@ EndpointTable &endpoints() {
 
 Endpoint *find_endpoint(int32_t handle) {
     auto &table = endpoints();
-    if (handle < 0 || static_cast<size_t>(handle) >= table.size() || !table[static_cast<size_t>(handle)]) {
+    if (handle < 0 || static_cast<size_t>(handle) >= table.size() ||
+        !table[static_cast<size_t>(handle)]) {
         return nullptr;
     }
     return &*table[static_cast<size_t>(handle)];
@@ -96,7 +98,8 @@ int bind_endpoint(int32_t kind, const msgbus_address *address, const char *name,
     return 0;
 }
 
-int send_message(int32_t handle, uint32_t node, uint32_t sap, uint32_t opcode, const void *payload, uint32_t length, msgbus_msg *store) {
+int send_message(int32_t handle, uint32_t node, uint32_t sap, uint32_t opcode, const void *payload,
+                 uint32_t length, msgbus_msg *store) {
     Endpoint *endpoint = find_endpoint(handle);
     if (endpoint == nullptr) {
         return EBADF;
@@ -114,14 +117,16 @@ int send_message(int32_t handle, uint32_t node, uint32_t sap, uint32_t opcode, c
         endpoint->exchange.reset(); // whoever asks anew no longer waits for the former answer
     }
     const uint32_t token = store != nullptr ? next_token(*endpoint) : 0;
-    auto copy = store != nullptr ? std::make_unique<msgbus_message>(opcode, token, payload, length) : nullptr;
+    auto copy = store != nullptr ? std::make_unique<msgbus_message>(opcode, token, payload, length)
+                                 : nullptr;
     int error = 0;
     UniqueFd connection = connect_to(sap, error);
     if (error == 0) {
         error = send_packet(connection.get(), opcode, token, payload, length);
     }
     if (error != 0) {
-        log_debug("msgbus: %s: message %u to access point %u failed, errno %d", endpoint->name.c_str(), opcode, sap, error);
+        log_debug("msgbus: %s: message %u to access point %u failed, errno %d",
+                  endpoint->name.c_str(), opcode, sap, error);
         return error;
     }
     if (store != nullptr) {
@@ -204,7 +209,8 @@ int32_t msgbus_response_q = 0;
 
 int32_t msgbus_bind(int32_t kind, int32_t, const struct msgbus_address *address, const char *name) {
     int32_t handle = -1;
-    const int32_t result = ulmo::guarded([&] { return ulmo::bind_endpoint(kind, address, name, handle); });
+    const int32_t result =
+        ulmo::guarded([&] { return ulmo::bind_endpoint(kind, address, name, handle); });
     return result == 0 ? handle : result;
 }
 
@@ -218,9 +224,10 @@ int32_t msgbus_unbind(int32_t handle, int32_t) {
     });
 }
 
-int32_t msgbus_send(int32_t handle, uint32_t node, uint32_t sap, uint32_t opcode, const void *payload, uint32_t length, msgbus_msg *store,
-                    uint32_t, uint32_t) {
-    const int32_t result = ulmo::guarded([&] { return ulmo::send_message(handle, node, sap, opcode, payload, length, store); });
+int32_t msgbus_send(int32_t handle, uint32_t node, uint32_t sap, uint32_t opcode,
+                    const void *payload, uint32_t length, msgbus_msg *store, uint32_t, uint32_t) {
+    const int32_t result = ulmo::guarded(
+        [&] { return ulmo::send_message(handle, node, sap, opcode, payload, length, store); });
     if (ulmo::observer != nullptr) {
         const int saved_errno = errno;
         ulmo::observer->sent(opcode, result == 0 ? 0 : saved_errno);
@@ -229,8 +236,11 @@ int32_t msgbus_send(int32_t handle, uint32_t node, uint32_t sap, uint32_t opcode
     return result;
 }
 
-int32_t msgbus_recv(int32_t handle, msgbus_msg *message, const struct msgbus_recv_options *options) {
-    const int32_t result = ulmo::guarded([&] { return ulmo::receive_answer(handle, message, options != nullptr && options->wait == 1); });
+int32_t msgbus_recv(int32_t handle, msgbus_msg *message,
+                    const struct msgbus_recv_options *options) {
+    const int32_t result = ulmo::guarded([&] {
+        return ulmo::receive_answer(handle, message, options != nullptr && options->wait == 1);
+    });
     const int saved_errno = errno;
     if (ulmo::observer != nullptr && (result == 0 || saved_errno != ETIME)) {
         ulmo::observer->answered(result == 0 ? *message : nullptr, result == 0 ? 0 : saved_errno);

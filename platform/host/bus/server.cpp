@@ -21,16 +21,19 @@ namespace ulmo {
 namespace {
 
 constexpr int backlog = 128;
-// One round takes everything that can stand in the listener's queue, but is not kept for ever by who sends faster than it reads.
+// One round takes everything that can stand in the listener's queue, but is not kept for ever by
+// who sends faster than it reads.
 constexpr int round_limit = 2 * backlog;
 // How long newcomers wait when the process is short of descriptors.
 constexpr std::chrono::seconds shortage_pause{1};
 
-// A lock that the kernel releases with its holder tells a living server from a socket file that was left over.
+// A lock that the kernel releases with its holder tells a living server from a socket file that was
+// left over.
 UniqueFd locked(const std::filesystem::path &path) {
     const ActingAsOwner owner(run_dir());
     constexpr std::string_view what = "lock of the access point";
-    UniqueFd lock(check(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600), what));
+    UniqueFd lock(
+        check(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600), what));
     if (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
         throw_error(errno == EWOULDBLOCK ? EADDRINUSE : errno, what);
     }
@@ -50,8 +53,9 @@ int Incoming::reply(uint32_t opcode, const void *payload, uint32_t length) const
 }
 
 MsgbusServer::MsgbusServer(uint32_t sap, Limits limits)
-    : sap_(sap), limits_(limits), socket_path_(sap_path(sap)), lock_(locked(msgbus_dir() / (std::to_string(sap) + ".lock"))),
-      listener_(make_bus_socket()), timer_(check(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK), "timer")),
+    : sap_(sap), limits_(limits), socket_path_(sap_path(sap)),
+      lock_(locked(msgbus_dir() / (std::to_string(sap) + ".lock"))), listener_(make_bus_socket()),
+      timer_(check(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK), "timer")),
       events_(check(::epoll_create1(EPOLL_CLOEXEC), "event set")) {
     const ActingAsOwner owner(run_dir());
     const SocketAddress address(socket_path_);
@@ -67,7 +71,8 @@ MsgbusServer::MsgbusServer(uint32_t sap, Limits limits)
 }
 
 MsgbusServer::~MsgbusServer() {
-    const ActingAsOwner owner(run_path()); // he may have put another folder in the place of the bus's
+    // he may have put another folder in the place of the bus's
+    const ActingAsOwner owner(run_path());
     ::unlink(socket_path_.c_str());
 }
 
@@ -89,7 +94,8 @@ bool MsgbusServer::take(Pending &from, const Handler &handler) const {
     }
     unwatch(from);
     if (receipt == Receipt::malformed) {
-        log_error("msgbus: access point %u: malformed message of process %d dropped", sap_, from.peer.pid);
+        log_error("msgbus: access point %u: malformed message of process %d dropped", sap_,
+                  from.peer.pid);
     } else if (receipt == Receipt::message) {
         handler(Incoming{std::move(message), from.peer, std::move(from.connection)});
     }
@@ -103,7 +109,8 @@ void MsgbusServer::take_pending(const Handler &handler) {
             continue;
         }
         if (one.deadline <= now) {
-            log_error("msgbus: access point %u: process %d connected and sent nothing, dropped", sap_, one.peer.pid);
+            log_error("msgbus: access point %u: process %d connected and sent nothing, dropped",
+                      sap_, one.peer.pid);
             unwatch(one);
         } else {
             pending_.push_back(std::move(one));
@@ -111,15 +118,18 @@ void MsgbusServer::take_pending(const Handler &handler) {
     }
 }
 
-// Before the connection is closed or given away: as long as a forked child holds a copy, closing alone does not end the watch.
+// Before the connection is closed or given away: as long as a forked child holds a copy, closing
+// alone does not end the watch.
 void MsgbusServer::unwatch(const Pending &one) const {
-    ::epoll_ctl(events_.get(), EPOLL_CTL_DEL, one.connection.get(), nullptr); // a newcomer is not watched yet
+    // a newcomer is not watched yet
+    ::epoll_ctl(events_.get(), EPOLL_CTL_DEL, one.connection.get(), nullptr);
 }
 
 void MsgbusServer::accept_waiting(const Handler &handler) {
     listen_to_newcomers(true);
     for (int round = 0; round < round_limit; ++round) {
-        UniqueFd connection(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        UniqueFd connection(
+            ::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (!connection) {
             if (errno == EINTR || errno == ECONNABORTED) {
                 continue;
@@ -140,7 +150,8 @@ void MsgbusServer::accept_waiting(const Handler &handler) {
             continue;
         }
         if (pending_.size() >= limits_.pending) {
-            log_error("msgbus: access point %u: too many silent connections, process %d dropped", sap_, pending_.front().peer.pid);
+            log_error("msgbus: access point %u: too many silent connections, process %d dropped",
+                      sap_, pending_.front().peer.pid);
             unwatch(pending_.front());
             pending_.erase(pending_.begin());
         }
@@ -158,7 +169,8 @@ void MsgbusServer::log_refusal(const ucred &peer) {
     constexpr unsigned logged_in_interval = 10; // nobody fills the log by knocking
     ++refusals_;
     if (refusals_ <= logged_in_interval) {
-        log_error("msgbus: access point %u: process %d of user %u refused%s", sap_, peer.pid, peer.uid,
+        log_error("msgbus: access point %u: process %d of user %u refused%s", sap_, peer.pid,
+                  peer.uid,
                   refusals_ == logged_in_interval ? "; there may be more within this second" : "");
     }
 }
@@ -184,7 +196,8 @@ void MsgbusServer::set_timer() {
     }
     if (wake_up != Clock::time_point::max()) {
         // Past deadlines fire at once; an all-zero setting would switch the timer off.
-        const auto left = std::max<Clock::duration>(wake_up - Clock::now(), std::chrono::nanoseconds{1});
+        const auto left =
+            std::max<Clock::duration>(wake_up - Clock::now(), std::chrono::nanoseconds{1});
         setting.it_value.tv_sec = std::chrono::duration_cast<std::chrono::seconds>(left).count();
         setting.it_value.tv_nsec = (left % std::chrono::seconds{1}).count();
     }

@@ -2,7 +2,8 @@
 // Used by: system_manager, agent.
 // May use: base, history, platform.
 //
-// The serving side of a msgbus access point: what the system manager's daemon and the agent listen with.
+// The serving side of a msgbus access point: what the system manager's daemon and the agent listen
+// with.
 #pragma once
 
 #include "platform/host/bus/wire.h"
@@ -17,7 +18,8 @@
 
 namespace ulmo {
 
-// One message that arrived. It may be kept to answer later: the sender waits as long as it lives and its own limit allows.
+// One message that arrived. It may be kept to answer later: the sender waits as long as it lives
+// and its own limit allows.
 struct Incoming {
     std::unique_ptr<msgbus_message> message; // never null
     ucred peer;                              // who sent it, by the kernel's word
@@ -37,8 +39,8 @@ class MsgbusServer {
         std::chrono::milliseconds patience{5000};
     };
 
-    // Serves the access point from here on. A socket that a dead server left is replaced. Throws std::system_error, with EADDRINUSE when
-    // a living process serves it.
+    // Serves the access point from here on. A socket that a dead server left is replaced. Throws
+    // std::system_error, with EADDRINUSE when a living process serves it.
     explicit MsgbusServer(uint32_t sap, Limits limits);
     explicit MsgbusServer(uint32_t sap) : MsgbusServer(sap, Limits{}) {}
     // Takes the socket away and lets others serve.
@@ -47,16 +49,18 @@ class MsgbusServer {
     MsgbusServer &operator=(const MsgbusServer &) = delete;
 
     // Readable (poll(2)) whenever serve() has something to do.
-    int fd() const { return events_.get(); }
+    [[nodiscard]] int fd() const { return events_.get(); }
 
-    // Hands over every message that had been sent when it was called, in order of arrival, and never waits. Messages of untrusted users
-    // and malformed ones are dropped and logged. The handler must not throw.
+    // Hands over every message that had been sent when it was called, in order of arrival, and
+    // never waits. Messages of untrusted users and malformed ones are dropped and logged. The
+    // handler must not throw.
     void serve(const Handler &handler);
 
-    // Every descriptor of the server that is no connection, for a child that must not keep the access point alive.
-    std::vector<int> descriptors() const;
+    // Every descriptor of the server that is no connection, for a child that must not keep the
+    // access point alive.
+    [[nodiscard]] std::vector<int> descriptors() const;
 
-    size_t pending() const { return pending_.size(); }
+    [[nodiscard]] size_t pending() const { return pending_.size(); }
 
   private:
     using Clock = std::chrono::steady_clock;
@@ -84,7 +88,8 @@ class MsgbusServer {
     UniqueFd timer_;
     UniqueFd events_;
     bool listening_ = true;
-    unsigned refusals_ = 0; // of peers that are not trusted, in the interval that began at refusals_since_
+    // of peers that are not trusted, in the interval that began at refusals_since_
+    unsigned refusals_ = 0;
     Clock::time_point refusals_since_{};
     std::vector<Pending> pending_; // the oldest first
 };

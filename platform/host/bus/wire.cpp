@@ -17,8 +17,10 @@
 #include <cstring>
 #include <string>
 
-msgbus_message::msgbus_message(uint32_t message_opcode, uint32_t message_token, const void *payload, uint32_t payload_length)
-    : opcode(message_opcode), token(message_token), length(payload_length), words(payload_length / sizeof(uint32_t) + 1) {
+msgbus_message::msgbus_message(uint32_t message_opcode, uint32_t message_token, const void *payload,
+                               uint32_t payload_length)
+    : opcode(message_opcode), token(message_token), length(payload_length),
+      words(payload_length / sizeof(uint32_t) + 1) {
     if (length > 0) {
         std::memcpy(words.data(), payload, length);
     }
@@ -47,7 +49,8 @@ std::filesystem::path msgbus_dir() {
     const ActingAsOwner owner(run);
     auto directory = run / "msgbus";
     struct stat status {};
-    const bool there = (::mkdir(directory.c_str(), 0755) == 0 || errno == EEXIST) && ::stat(directory.c_str(), &status) == 0;
+    const bool there = (::mkdir(directory.c_str(), 0755) == 0 || errno == EEXIST) &&
+                       ::stat(directory.c_str(), &status) == 0;
     if (!there || !S_ISDIR(status.st_mode)) {
         throw_error(there ? ENOTDIR : errno, "message bus", directory.native());
     }
@@ -88,13 +91,15 @@ UniqueFd connect_to(uint32_t sap, int &error) {
     if (::connect(connection.get(), address.get(), address.length()) != 0) {
         error = errno;
     } else if (const ucred server = peer_of(connection.get()); !is_trusted(server)) {
-        log_error("msgbus: access point %u is served by user %u, process %d: not trusted", sap, server.uid, server.pid);
+        log_error("msgbus: access point %u is served by user %u, process %d: not trusted", sap,
+                  server.uid, server.pid);
         error = EPERM;
     }
     return connection;
 }
 
-int send_packet(int connection, uint32_t opcode, uint32_t token, const void *payload, uint32_t length) {
+int send_packet(int connection, uint32_t opcode, uint32_t token, const void *payload,
+                uint32_t length) {
     PacketHeader header{packet_magic, packet_version, opcode, token, length};
     std::array<iovec, 2> parts{{{&header, sizeof header}, {const_cast<void *>(payload), length}}};
     msghdr packet{};
@@ -105,21 +110,24 @@ int send_packet(int connection, uint32_t opcode, uint32_t token, const void *pay
 
 Receipt receive_packet(int connection, std::unique_ptr<msgbus_message> &message) {
     std::array<std::byte, sizeof(PacketHeader) + MSGBUS_PAYLOAD_MAX> packet;
-    const ssize_t received = ::recv(connection, packet.data(), packet.size(), MSG_DONTWAIT | MSG_TRUNC);
+    const ssize_t received =
+        ::recv(connection, packet.data(), packet.size(), MSG_DONTWAIT | MSG_TRUNC);
     if (received < 0) {
         return errno == EAGAIN || errno == EINTR ? Receipt::none : Receipt::closed;
     }
     if (received == 0) {
         return Receipt::closed;
     }
-    const auto size = static_cast<size_t>(received); // of the packet, which may be longer than what was copied
+    // of the packet, which may be longer than what was copied
+    const auto size = static_cast<size_t>(received);
     PacketHeader header{};
     std::memcpy(&header, packet.data(), std::min(size, sizeof header));
-    if (size < sizeof header || size > packet.size() || header.magic != packet_magic || header.version != packet_version ||
-        header.length != size - sizeof header) {
+    if (size < sizeof header || size > packet.size() || header.magic != packet_magic ||
+        header.version != packet_version || header.length != size - sizeof header) {
         return Receipt::malformed;
     }
-    message = std::make_unique<msgbus_message>(header.opcode, header.token, packet.data() + sizeof header, header.length);
+    message = std::make_unique<msgbus_message>(header.opcode, header.token,
+                                               packet.data() + sizeof header, header.length);
     return Receipt::message;
 }
 

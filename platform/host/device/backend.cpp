@@ -26,12 +26,14 @@ namespace {
 std::string bounded_text(const Configuration &configuration) {
     std::string text = to_text(configuration);
     if (text.size() > configuration_canonical_limit) {
-        throw std::runtime_error("the configuration would be larger than " + std::to_string(configuration_canonical_limit) + " octets");
+        throw std::runtime_error("the configuration would be larger than " +
+                                 std::to_string(configuration_canonical_limit) + " octets");
     }
     return text;
 }
 
-// One name for each file, whatever links lead to its directory. A link in the file's own place is not followed: it is what gets replaced.
+// One name for each file, whatever links lead to its directory. A link in the file's own place is
+// not followed: it is what gets replaced.
 std::filesystem::path resolved(const std::filesystem::path &path) {
     return std::filesystem::weakly_canonical(path.parent_path()) / path.filename();
 }
@@ -40,7 +42,8 @@ constexpr const char *no_startup = "there is no startup configuration";
 
 constexpr std::string_view output = "the output";
 
-// The rest of the file. The kernel copies it where it can; it does not where the output is one that is appended to.
+// The rest of the file. The kernel copies it where it can; it does not where the output is one that
+// is appended to.
 void copy_output(const UniqueFd &file, int descriptor) {
     constexpr std::size_t most = 0x7ffff000; // sendfile(2)
     ssize_t count = 0;
@@ -61,7 +64,8 @@ class EmbeddedBackend final : public DeviceBackend {
     std::string show(ConfigurationStore which) override {
         {
             const auto lock = locked(FileLock::Mode::shared);
-            const auto text = stored(which == ConfigurationStore::running ? running_file_ : startup_file_);
+            const auto text =
+                stored(which == ConfigurationStore::running ? running_file_ : startup_file_);
             if (which == ConfigurationStore::startup) {
                 if (!text) {
                     throw std::runtime_error(no_startup);
@@ -103,7 +107,8 @@ class EmbeddedBackend final : public DeviceBackend {
         }
     }
 
-    void save(const std::vector<std::filesystem::path> &copies, const std::function<void()> &before_commit) override {
+    void save(const std::vector<std::filesystem::path> &copies,
+              const std::function<void()> &before_commit) override {
         const auto lock = locked(FileLock::Mode::exclusive);
         const std::string text = to_text(running());
         std::set<std::filesystem::path> paths; // a file may be named twice
@@ -134,16 +139,22 @@ class EmbeddedBackend final : public DeviceBackend {
         const auto lock = locked(FileLock::Mode::exclusive);
         Configuration configuration;
         merge(configuration, text);
-        bounded_text(configuration); // a startup configuration that could never become the running one is none
+        // a startup configuration that could never become the running one is none
+        bounded_text(configuration);
         replace_state_file(startup_file_, text);
     }
 
   private:
-    FileLock locked(FileLock::Mode mode) const { return {lock_file_, mode, lock_wait_}; }
+    [[nodiscard]] FileLock locked(FileLock::Mode mode) const {
+        return {lock_file_, mode, lock_wait_};
+    }
 
-    static std::optional<std::string> stored(const std::filesystem::path &file) { return read_state_file(file, configuration_text_limit); }
+    static std::optional<std::string> stored(const std::filesystem::path &file) {
+        return read_state_file(file, configuration_text_limit);
+    }
 
-    // A stored text that is not valid is the device's failure, not a refusal of the text that a caller gave.
+    // A stored text that is not valid is the device's failure, not a refusal of the text that a
+    // caller gave.
     static Configuration parsed(std::string_view text, const std::filesystem::path &file) {
         Configuration configuration;
         try {
@@ -155,7 +166,7 @@ class EmbeddedBackend final : public DeviceBackend {
     }
 
     // The running configuration, made when there is none. Needs the exclusive lock.
-    Configuration running() const {
+    [[nodiscard]] Configuration running() const {
         if (const auto text = stored(running_file_)) {
             return parsed(*text, running_file_);
         }
@@ -165,7 +176,7 @@ class EmbeddedBackend final : public DeviceBackend {
     }
 
     // What a device that starts runs.
-    Configuration initial() const {
+    [[nodiscard]] Configuration initial() const {
         Configuration configuration;
         if (const auto text = stored(startup_file_)) {
             configuration = parsed(*text, startup_file_);
@@ -187,7 +198,8 @@ void DeviceBackend::print(ConfigurationStore which, int descriptor) {
     write_whole(descriptor, show(which), output);
 }
 
-std::unique_ptr<DeviceBackend> make_embedded_backend(const std::filesystem::path &directory, std::chrono::milliseconds lock_wait) {
+std::unique_ptr<DeviceBackend> make_embedded_backend(const std::filesystem::path &directory,
+                                                     std::chrono::milliseconds lock_wait) {
     return std::make_unique<EmbeddedBackend>(directory, lock_wait);
 }
 

@@ -21,12 +21,14 @@
 
 namespace {
 
-// Writes what the shell prints into the output file. Its name can be guessed by every user of the machine, so nothing is opened that
-// somebody else could have put there, and nothing is truncated before that is known.
+// Writes what the shell prints into the output file. Its name can be guessed by every user of the
+// machine, so nothing is opened that somebody else could have put there, and nothing is truncated
+// before that is known.
 void write_output(const std::string &path, const std::string &text) {
     constexpr mode_t owner_only = 0600;
     constexpr int flags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-    const ulmo::UniqueFd file(ulmo::check(::open(path.c_str(), flags, owner_only), "cannot open", path));
+    const ulmo::UniqueFd file(
+        ulmo::check(::open(path.c_str(), flags, owner_only), "cannot open", path));
     struct stat status {};
     ulmo::check(::fstat(file.get(), &status), path);
     if (!S_ISREG(status.st_mode) || status.st_uid != ::geteuid() || status.st_nlink != 1) {
@@ -52,7 +54,8 @@ uint32_t execute(const std::string &file, const std::string &output) {
         ulmo::make_device_backend()->apply(ulmo::read_configuration_file(file));
         text = file + ": applied";
     } catch (const ulmo::ConfigurationError &error) {
-        result = error.kind() == ulmo::ConfigurationError::Kind::bad_line ? CMDSHELL_ERR_BAD_LINE : CMDSHELL_ERR_BAD_FILE;
+        result = error.kind() == ulmo::ConfigurationError::Kind::bad_line ? CMDSHELL_ERR_BAD_LINE
+                                                                          : CMDSHELL_ERR_BAD_FILE;
         text = file + ": " + error.what();
         ulmo::report_reason(error.what());
     } catch (const std::exception &error) {
@@ -72,8 +75,9 @@ uint32_t execute(const std::string &file, const std::string &output) {
 
 uint32_t cmdshell_execute_cfg_file2(const struct cmdshell_exec_params *params) {
     return ulmo::result_or<uint32_t>(CMDSHELL_ERR_APPLY, [params] {
-        return execute(std::string(params->file, ::strnlen(params->file, sizeof(params->file))),
-                       std::string(params->output, ::strnlen(params->output, sizeof(params->output))));
+        return execute(
+            std::string(params->file, ::strnlen(params->file, sizeof(params->file))),
+            std::string(params->output, ::strnlen(params->output, sizeof(params->output))));
     });
 }
 

@@ -41,8 +41,9 @@ bool is_digit(char c) {
 }
 
 bool consists_of_names(std::string_view text, std::string_view punctuation) {
-    return std::all_of(text.begin(), text.end(),
-                       [&](char c) { return is_letter(c) || is_digit(c) || punctuation.find(c) != punctuation.npos; });
+    return std::all_of(text.begin(), text.end(), [&](char c) {
+        return is_letter(c) || is_digit(c) || punctuation.find(c) != punctuation.npos;
+    });
 }
 
 // Throws unless the line, whose end is cut off, is text.
@@ -52,7 +53,8 @@ void check_text(std::string_view line, std::size_t number) {
         const std::size_t length = octet == '\t' ? 1 : printable_length(line.substr(i));
         if (length == 0) {
             std::array<char, 64> reason{};
-            std::snprintf(reason.data(), reason.size(), "line %zu: not a text (octet 0x%02x)", number, octet);
+            std::snprintf(reason.data(), reason.size(), "line %zu: not a text (octet 0x%02x)",
+                          number, octet);
             throw ConfigurationError(ConfigurationError::Kind::bad_file, reason.data());
         }
         i += length;
@@ -73,8 +75,11 @@ std::string_view next_line(std::string_view &text) {
 // What is left to read of a line.
 class Words {
   public:
-    explicit Words(std::string_view line) : rest_(line.substr(0, line.find_last_not_of(blanks) + 1)) { skip_blanks(); }
-    bool done() const { return rest_.empty(); }
+    explicit Words(std::string_view line)
+        : rest_(line.substr(0, line.find_last_not_of(blanks) + 1)) {
+        skip_blanks();
+    }
+    [[nodiscard]] bool done() const { return rest_.empty(); }
     std::string_view next() {
         const std::string_view word = rest_.substr(0, rest_.find_first_of(blanks));
         rest_.remove_prefix(word.size());
@@ -84,7 +89,9 @@ class Words {
     std::string_view remainder() { return std::exchange(rest_, std::string_view{}); }
 
   private:
-    void skip_blanks() { rest_.remove_prefix(std::min(rest_.find_first_not_of(blanks), rest_.size())); }
+    void skip_blanks() {
+        rest_.remove_prefix(std::min(rest_.find_first_not_of(blanks), rest_.size()));
+    }
     std::string_view rest_;
 };
 
@@ -92,7 +99,8 @@ class Words {
 std::string quoted(std::string_view word) {
     constexpr std::size_t shown = 40;
     std::size_t length = std::min(word.size(), shown);
-    while (length < word.size() && length > 0 && (static_cast<unsigned char>(word[length]) & 0xC0U) == 0x80U) {
+    while (length < word.size() && length > 0 &&
+           (static_cast<unsigned char>(word[length]) & 0xC0U) == 0x80U) {
         --length; // never half a character
     }
     return "'" + std::string(word.substr(0, length)) + (length < word.size() ? "...'" : "'");
@@ -141,16 +149,19 @@ class Merger {
 
   private:
     [[noreturn]] void refuse(const std::string &reason) const {
-        throw ConfigurationError(ConfigurationError::Kind::bad_line, "line " + std::to_string(number_) + ": " + reason);
+        throw ConfigurationError(ConfigurationError::Kind::bad_line,
+                                 "line " + std::to_string(number_) + ": " + reason);
     }
 
     [[noreturn]] void refuse_keyword(std::string_view keyword, const char *where) const {
-        refuse(keyword.empty() ? "'no' needs a statement" : "unknown statement " + quoted(keyword) + where);
+        refuse(keyword.empty() ? "'no' needs a statement"
+                               : "unknown statement " + quoted(keyword) + where);
     }
 
     void top_statement(std::string_view keyword, bool no, Words &words) {
         if (keyword == "hostname") {
-            set(configuration_.hostname, no, words, [&] { return host_name(words, hostname_limit); });
+            set(configuration_.hostname, no, words,
+                [&] { return host_name(words, hostname_limit); });
         } else if (keyword == "banner") {
             set(configuration_.banner, no, words, [&] { return text(words, banner_limit); });
         } else if (keyword == "username") {
@@ -192,7 +203,8 @@ class Merger {
         }
     }
 
-    // A statement that sets one value: after `no` the value is optional, and checked when it is there.
+    // A statement that sets one value: after `no` the value is optional, and checked when it is
+    // there.
     template <typename Read> void set(std::string &field, bool no, const Words &words, Read read) {
         if (no && words.done()) {
             field.clear();
@@ -234,7 +246,8 @@ class Merger {
 
     void interface(bool no, Words &words) {
         const std::string name(words.next());
-        if (name.empty() || name.size() > interface_name_limit || !is_letter(name.front()) || !consists_of_names(name, "/.:_-")) {
+        if (name.empty() || name.size() > interface_name_limit || !is_letter(name.front()) ||
+            !consists_of_names(name, "/.:_-")) {
             refuse("interface name expected, not " + quoted(name));
         }
         if (no) {
@@ -258,8 +271,8 @@ class Merger {
         if (what != "location" && what != "contact") {
             refuse("'location' or 'contact' expected, not " + quoted(what));
         }
-        set(what == "location" ? configuration_.snmp_location : configuration_.snmp_contact, no, words,
-            [&] { return text(words, snmp_text_limit); });
+        set(what == "location" ? configuration_.snmp_location : configuration_.snmp_contact, no,
+            words, [&] { return text(words, snmp_text_limit); });
     }
 
     void expect(Words &words, std::string_view keyword) const {
@@ -282,8 +295,8 @@ class Merger {
 
     std::string account(Words &words, const char *what) const {
         std::string name(words.next());
-        if (name.empty() || name.size() > account_limit || !(is_letter(name.front()) || name.front() == '_') ||
-            !consists_of_names(name, "_-.")) {
+        if (name.empty() || name.size() > account_limit ||
+            !(is_letter(name.front()) || name.front() == '_') || !consists_of_names(name, "_-.")) {
             refuse(what + (" expected, not " + quoted(name)));
         }
         return name;
@@ -307,7 +320,8 @@ class Merger {
         // A last label of digits alone means a dotted address, RFC 1123, 2.1.
         const std::string_view last = std::string_view(address).substr(address.rfind('.') + 1);
         const bool dotted = std::all_of(last.begin(), last.end(), is_digit);
-        if (dotted ? inet_pton(AF_INET, address.c_str(), octets.data()) != 1 : !is_host_name(address, server_name_limit)) {
+        if (dotted ? inet_pton(AF_INET, address.c_str(), octets.data()) != 1
+                   : !is_host_name(address, server_name_limit)) {
             refuse("server address expected, not " + quoted(address));
         }
         return address;
@@ -319,17 +333,22 @@ class Merger {
         const auto slash = word.find('/');
         const std::string host(word.substr(0, slash));
         in_addr address{};
-        const bool good = slash != std::string_view::npos && inet_pton(AF_INET, host.c_str(), &address) == 1;
+        const bool good =
+            slash != std::string_view::npos && inet_pton(AF_INET, host.c_str(), &address) == 1;
         const std::uint32_t first_octet = ntohl(address.s_addr) >> 24;
-        const unsigned prefix = good ? number(word.substr(slash + 1), prefix_limit) : prefix_limit + 1;
+        const unsigned prefix =
+            good ? number(word.substr(slash + 1), prefix_limit) : prefix_limit + 1;
         if (prefix > prefix_limit || first_octet == 0 || first_octet >= 224) {
-            refuse("unicast address with prefix length expected, as in 192.0.2.1/24, not " + quoted(word));
+            refuse("unicast address with prefix length expected, as in 192.0.2.1/24, not " +
+                   quoted(word));
         }
         return host + "/" + std::to_string(prefix);
     }
 
     // A decimal number; limit + 1 when `word` is none or a larger one.
-    static unsigned number(std::string_view word, unsigned limit) { return parsed_number(word, 0U, limit).value_or(limit + 1); }
+    static unsigned number(std::string_view word, unsigned limit) {
+        return parsed_number(word, 0U, limit).value_or(limit + 1);
+    }
 
     static bool is_host_name(std::string_view name, std::size_t limit) {
         if (name.empty() || name.size() > limit) {
@@ -338,8 +357,8 @@ class Merger {
         for (;;) {
             const auto dot = name.find('.');
             const std::string_view label = name.substr(0, dot);
-            if (label.empty() || label.size() > label_limit || label.front() == '-' || label.back() == '-' ||
-                !consists_of_names(label, "-")) {
+            if (label.empty() || label.size() > label_limit || label.front() == '-' ||
+                label.back() == '-' || !consists_of_names(label, "-")) {
                 return false;
             }
             if (dot == std::string_view::npos) {
@@ -377,7 +396,9 @@ bool NaturalOrder::operator()(const std::string &left, const std::string &right)
 
 void merge(Configuration &configuration, std::string_view text) {
     if (text.size() > configuration_text_limit) {
-        throw ConfigurationError(ConfigurationError::Kind::bad_file, "larger than " + std::to_string(configuration_text_limit) + " octets");
+        throw ConfigurationError(ConfigurationError::Kind::bad_file,
+                                 "larger than " + std::to_string(configuration_text_limit) +
+                                     " octets");
     }
     constexpr std::string_view byte_order_mark = "\xEF\xBB\xBF";
     if (text.starts_with(byte_order_mark)) {

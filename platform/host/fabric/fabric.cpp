@@ -40,7 +40,8 @@ InterfaceAddresses interface_addresses() {
 
 // --- the management interface ---
 
-// The fields of the kernel's routing table files (proc(5)) that matter here. The columns before the name differ between the families.
+// The fields of the kernel's routing table files (proc(5)) that matter here. The columns before the
+// name differ between the families.
 struct RouteFile {
     const char *path;
     std::size_t name_column, flags_column, metric_column;
@@ -51,19 +52,26 @@ std::string default_route_interface(const RouteFile &layout) {
     std::ifstream file(layout.path);
     std::string interface;
     unsigned long best = std::numeric_limits<unsigned long>::max();
-    const auto number = [](const std::string &text, int base) { return std::strtoul(text.c_str(), nullptr, base); };
+    const auto number = [](const std::string &text, int base) {
+        return std::strtoul(text.c_str(), nullptr, base);
+    };
     for (std::string line; std::getline(file, line);) {
         std::istringstream words(line);
         const std::vector<std::string> fields{std::istream_iterator<std::string>(words), {}};
-        const bool is_default = fields.size() > layout.name_column && fields.size() > layout.metric_column &&
-                                std::all_of(layout.zero_columns.begin(), layout.zero_columns.end(), [&](std::size_t column) {
-                                    return fields.size() > column && fields[column].find_first_not_of('0') == std::string::npos;
-                                });
-        if (!is_default || (number(fields[layout.flags_column], 16) & (RTF_UP | RTF_REJECT)) != RTF_UP) {
+        const bool is_default =
+            fields.size() > layout.name_column && fields.size() > layout.metric_column &&
+            std::all_of(layout.zero_columns.begin(), layout.zero_columns.end(),
+                        [&](std::size_t column) {
+                            return fields.size() > column &&
+                                   fields[column].find_first_not_of('0') == std::string::npos;
+                        });
+        if (!is_default ||
+            (number(fields[layout.flags_column], 16) & (RTF_UP | RTF_REJECT)) != RTF_UP) {
             continue;
         }
         // IPv4 metrics are decimal, IPv6 ones hexadecimal.
-        const unsigned long metric = number(fields[layout.metric_column], layout.name_column == 0 ? 10 : 16);
+        const unsigned long metric =
+            number(fields[layout.metric_column], layout.name_column == 0 ? 10 : 16);
         if (interface.empty() || metric < best) {
             interface = fields[layout.name_column];
             best = metric;
@@ -140,13 +148,16 @@ std::vector<RankedAddress> addresses_of(const std::string &interface) {
             found.push_back(*address);
         }
     }
-    std::stable_sort(found.begin(), found.end(), [](const RankedAddress &a, const RankedAddress &b) { return a.rank < b.rank; });
+    std::stable_sort(
+        found.begin(), found.end(),
+        [](const RankedAddress &a, const RankedAddress &b) { return a.rank < b.rank; });
     return found;
 }
 
 // --- the walk over the fabric ---
 
-std::vector<FabricSwitchStatus> walked; // read at the first step of a walk, kept until the walk is over
+// read at the first step of a walk, kept until the walk is over
+std::vector<FabricSwitchStatus> walked;
 bool is_walking = false;
 
 Wwn wwn_of(const std::uint32_t first, const std::uint32_t second) {
@@ -164,7 +175,8 @@ const FabricSwitchStatus *switch_after(const Wwn &cursor) {
     }
     auto next = walked.begin();
     if (!begins) {
-        next = std::find_if(walked.begin(), walked.end(), [&](const FabricSwitchStatus &each) { return each.wwn == cursor; });
+        next = std::find_if(walked.begin(), walked.end(),
+                            [&](const FabricSwitchStatus &each) { return each.wwn == cursor; });
         if (next != walked.end()) {
             ++next;
         }
@@ -185,8 +197,9 @@ std::optional<Wwn> own_wwn() {
 } // namespace
 } // namespace ulmo
 
-int ctlmsg_req_resp(uint32_t request, int /*second*/, const void * /*third*/, void **response, uint32_t *length, int /*sixth*/,
-                    int /*seventh*/, uint32_t /*destination*/, int32_t /*queue*/, uint32_t /*timeout*/) {
+int ctlmsg_req_resp(uint32_t request, int /*second*/, const void * /*third*/, void **response,
+                    uint32_t *length, int /*sixth*/, int /*seventh*/, uint32_t /*destination*/,
+                    int32_t /*queue*/, uint32_t /*timeout*/) {
     if (response == nullptr || length == nullptr) {
         return EINVAL;
     }
@@ -211,7 +224,8 @@ int ctlmsg_req_resp(uint32_t request, int /*second*/, const void * /*third*/, vo
     });
 }
 
-int fabstat_status_next_get(struct fabstat_status *status, char *text, uint32_t size, uint32_t local_wwn_first, uint32_t local_wwn_second) {
+int fabstat_status_next_get(struct fabstat_status *status, char *text, uint32_t size,
+                            uint32_t local_wwn_first, uint32_t local_wwn_second) {
     if (status == nullptr || (text == nullptr && size != 0)) {
         return EINVAL;
     }
@@ -222,7 +236,8 @@ int fabstat_status_next_get(struct fabstat_status *status, char *text, uint32_t 
         if (next == nullptr) {
             return ENOENT;
         }
-        const bool is_local = next->is_local || next->wwn == ulmo::wwn_of(local_wwn_first, local_wwn_second);
+        const bool is_local =
+            next->is_local || next->wwn == ulmo::wwn_of(local_wwn_first, local_wwn_second);
         *status = {};
         std::copy(next->wwn.begin(), next->wwn.end(), status->wwn);
         status->local = is_local ? 1 : 0;
@@ -256,7 +271,8 @@ void if_index_mgmt_sup_port_init(uint32_t *if_index, uint32_t /*second*/, uint32
     });
 }
 
-int addrcfg_get_if_inet_addrs(int32_t /*queue*/, uint32_t if_index, struct addrcfg_inet_addrs **addresses) {
+int addrcfg_get_if_inet_addrs(int32_t /*queue*/, uint32_t if_index,
+                              struct addrcfg_inet_addrs **addresses) {
     if (addresses == nullptr) {
         return EINVAL;
     }
@@ -269,14 +285,16 @@ int addrcfg_get_if_inet_addrs(int32_t /*queue*/, uint32_t if_index, struct addrc
         const auto found = ulmo::addresses_of(interface);
         // The record has room for one address also when there is none.
         const std::size_t entries = std::max<std::size_t>(found.size(), 1);
-        auto *octets = static_cast<char *>(std::calloc(1, offsetof(addrcfg_inet_addrs, first) + entries * sizeof(inet_address)));
+        auto *octets = static_cast<char *>(
+            std::calloc(1, offsetof(addrcfg_inet_addrs, first) + entries * sizeof(inet_address)));
         if (octets == nullptr) {
             return ENOMEM;
         }
         auto *list = static_cast<addrcfg_inet_addrs *>(static_cast<void *>(octets));
         list->count = static_cast<std::uint32_t>(found.size());
         for (std::size_t i = 0; i < found.size(); ++i) {
-            std::memcpy(octets + offsetof(addrcfg_inet_addrs, first) + i * sizeof(inet_address), &found[i].address, sizeof(inet_address));
+            std::memcpy(octets + offsetof(addrcfg_inet_addrs, first) + i * sizeof(inet_address),
+                        &found[i].address, sizeof(inet_address));
         }
         *addresses = list;
         return 0;

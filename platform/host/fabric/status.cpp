@@ -34,8 +34,10 @@ std::optional<FabricSwitchStatus> parsed(const std::string &line) {
 }
 
 std::string line_of(const FabricSwitchStatus &status) {
-    const std::string address = status.address.type == INET_ADDRESS_UNKNOWN ? "-" : address_text(status.address);
-    return wwn_to_text(status.wwn) + (status.is_local ? " local " : " remote ") + address + ' ' + one_line(status.text) + '\n';
+    const std::string address =
+        status.address.type == INET_ADDRESS_UNKNOWN ? "-" : address_text(status.address);
+    return wwn_to_text(status.wwn) + (status.is_local ? " local " : " remote ") + address + ' ' +
+           one_line(status.text) + '\n';
 }
 
 } // namespace
@@ -46,7 +48,9 @@ std::vector<FabricSwitchStatus> read_fabric_status() {
     std::istringstream lines(read_state_file(status_file(), largest).value_or(""));
     for (std::string line; std::getline(lines, line);) {
         auto status = parsed(line);
-        const auto is_same = [&](const FabricSwitchStatus &other) { return other.wwn == status->wwn; };
+        const auto is_same = [&](const FabricSwitchStatus &other) {
+            return other.wwn == status->wwn;
+        };
         if (status && std::none_of(switches.begin(), switches.end(), is_same)) {
             switches.push_back(std::move(*status));
         }

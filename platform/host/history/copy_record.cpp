@@ -31,8 +31,10 @@ std::string escaped(std::string_view announced, unsigned char c, std::string_vie
 }
 
 std::string value_text(std::string_view value) {
-    const bool is_plain = !value.empty() && std::all_of(value.begin(), value.end(),
-                                                        [](unsigned char c) { return is_alphanumeric(c) || is_one_of(c, "-._~:/@%[]+,"); });
+    const bool is_plain =
+        !value.empty() && std::all_of(value.begin(), value.end(), [](unsigned char c) {
+            return is_alphanumeric(c) || is_one_of(c, "-._~:/@%[]+,");
+        });
     if (is_plain) {
         return std::string(value);
     }
@@ -101,7 +103,8 @@ std::string percent_encoded(std::string_view text, std::string_view also) {
 
 } // namespace
 
-std::string url_of(std::string_view protocol, std::string_view user, std::string_view address, std::string_view file) {
+std::string url_of(std::string_view protocol, std::string_view user, std::string_view address,
+                   std::string_view file) {
     const bool is_ipv6 = address.find(':') != std::string_view::npos;
     std::string url = std::string(protocol) + "://";
     if (!user.empty()) {
@@ -112,12 +115,15 @@ std::string url_of(std::string_view protocol, std::string_view user, std::string
 }
 
 std::string line_of(const CopyRequest &request) {
-    return time_text(request.began) + word("request", std::to_string(request.index)) + word("started", std::to_string(request.started)) +
-           word("user", request.user) + word("requester", request.requester) + word("from", request.from) + word("to", request.to);
+    return time_text(request.began) + word("request", std::to_string(request.index)) +
+           word("started", std::to_string(request.started)) + word("user", request.user) +
+           word("requester", request.requester) + word("from", request.from) +
+           word("to", request.to);
 }
 
 std::string line_of(const CopyEnd &end) {
-    std::string line = "outcome=" + std::string(name_of(end.outcome)) + word_if_any("cause", end.cause) + word_if_any("reason", end.reason);
+    std::string line = "outcome=" + std::string(name_of(end.outcome)) +
+                       word_if_any("cause", end.cause) + word_if_any("reason", end.reason);
     if (end.octets) {
         line += word("bytes", std::to_string(*end.octets));
     }

@@ -1,7 +1,8 @@
-// The last copies and saves that managers have asked this switch for, one line each: who asked, what
-// was to be copied, and what came of it. A line is made of `key=value` words. A value that holds
-// anything but letters, digits and a few signs stands in double quotes, where \" and \\ stand for
-// the characters and \xHH for an octet that is no printable ASCII. No password is ever part of it.
+// The last copies and saves that managers have asked this switch for, one line each: who asked,
+// what was to be copied, and what came of it. A line is made of `key=value` words. A value that
+// holds anything but letters, digits and a few signs stands in double quotes, where \" and \\ stand
+// for the characters and \xHH for an octet that is no printable ASCII. No password is ever part of
+// it.
 #pragma once
 
 #include <chrono>
@@ -43,7 +44,8 @@ std::string line_of(const CopyRequest &request);
 std::string line_of(const CopyEnd &end); // goes on behind the request's, after a blank
 
 // The file of a copy as a URL without its password; `address` in text form.
-std::string url_of(std::string_view protocol, std::string_view user, std::string_view address, std::string_view file);
+std::string url_of(std::string_view protocol, std::string_view user, std::string_view address,
+                   std::string_view file);
 
 // Puts the line in front of those that are kept, in the run directory, and drops the oldest. Throws
 // std::system_error.

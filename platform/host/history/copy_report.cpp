@@ -43,7 +43,8 @@ void append(std::string_view key, std::string_view text) {
     if (path == nullptr) {
         return;
     }
-    const UniqueFd file(check(::open(path, O_WRONLY | O_APPEND | O_NOFOLLOW | O_CLOEXEC), "cannot open", path));
+    const UniqueFd file(
+        check(::open(path, O_WRONLY | O_APPEND | O_NOFOLLOW | O_CLOEXEC), "cannot open", path));
     write_whole(file.get(), std::string(key) + std::string(text) + '\n', path);
 }
 
@@ -64,7 +65,8 @@ Measured measured(const std::filesystem::path &path) {
     constexpr int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
     const UniqueFd file(check(::open(path.c_str(), flags), what, path.native()));
     regular_file_status(file.get(), path.native());
-    const std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX *)> digest(EVP_MD_CTX_new(), EVP_MD_CTX_free);
+    const std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX *)> digest(EVP_MD_CTX_new(),
+                                                                     EVP_MD_CTX_free);
     bool works = digest && EVP_DigestInit_ex(digest.get(), EVP_sha256(), nullptr) == 1;
     Measured result;
     std::vector<char> buffer(std::size_t{256} * 1024);
@@ -75,7 +77,8 @@ Measured measured(const std::filesystem::path &path) {
         }
         if (count > 0) {
             result.octets += static_cast<std::uint64_t>(count);
-            works = EVP_DigestUpdate(digest.get(), buffer.data(), static_cast<std::size_t>(count)) == 1;
+            works =
+                EVP_DigestUpdate(digest.get(), buffer.data(), static_cast<std::size_t>(count)) == 1;
         } else if (errno != EINTR) {
             throw_errno(what, path.native());
         }
@@ -91,7 +94,8 @@ Measured measured(const std::filesystem::path &path) {
 
 bool is_sha256(std::string_view text) {
     constexpr std::size_t length = 64;
-    return text.size() == length && text.find_first_not_of("0123456789abcdef") == std::string_view::npos;
+    return text.size() == length &&
+           text.find_first_not_of("0123456789abcdef") == std::string_view::npos;
 }
 
 // The rest of the line behind the key, when it begins with it.

@@ -1,7 +1,7 @@
-// What a copy's worker, and the programs that it runs, tell the agent of the copy: why it failed and
-// what was moved. The agent makes a file for each worker in the run directory and names it in their
-// environment; each of them appends lines of the forms `reason TEXT`, `moved OCTETS`, `file PATH`
-// and `sha256 HEX`. The transfer scripts know the forms too.
+// What a copy's worker, and the programs that it runs, tell the agent of the copy: why it failed
+// and what was moved. The agent makes a file for each worker in the run directory and names it in
+// their environment; each of them appends lines of the forms `reason TEXT`, `moved OCTETS`, `file
+// PATH` and `sha256 HEX`. The transfer scripts know the forms too.
 #pragma once
 
 #include <cstddef>
@@ -38,8 +38,8 @@ struct CopyReport {
 
 inline constexpr std::size_t longest_reason = 240;
 
-// What stands in a worker's file; an empty report when it can't be read. Whatever is no such line is
-// passed over.
+// What stands in a worker's file; an empty report when it can't be read. Whatever is no such line
+// is passed over.
 CopyReport read_copy_report(const std::filesystem::path &path) noexcept;
 
 } // namespace ulmo

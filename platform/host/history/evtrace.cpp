@@ -25,7 +25,8 @@ Wanted wanted_by(std::string_view word) {
     return word == "all" ? Wanted::all : word == "errors" ? Wanted::errors : Wanted::none;
 }
 
-// The switches are asked at every log call, so that the settings file is looked at no more than once a second.
+// The switches are asked at every log call, so that the settings file is looked at no more than
+// once a second.
 class Switches {
   public:
     Wanted history() {
@@ -51,11 +52,13 @@ class Switches {
         next_ms_.store(now_ms + 1000, std::memory_order_relaxed);
         history_.store(wanted_by(text_setting("history")), std::memory_order_relaxed);
         print_.store(wanted_by(text_setting("debug_print")), std::memory_order_relaxed);
-        limit_.store(static_cast<std::size_t>(number_setting("history_kilobytes").value()) * 1024, std::memory_order_relaxed);
+        limit_.store(static_cast<std::size_t>(number_setting("history_kilobytes").value()) * 1024,
+                     std::memory_order_relaxed);
     }
 
     std::atomic<std::int64_t> next_ms_ = 0;
-    std::atomic<Wanted> history_ = Wanted::errors; // what is amiss with the settings is logged before they are known
+    // what is amiss with the settings is logged before they are known
+    std::atomic<Wanted> history_ = Wanted::errors;
     std::atomic<Wanted> print_ = Wanted::none;
     std::atomic<std::size_t> limit_ = std::numeric_limits<std::size_t>::max();
 };
@@ -81,10 +84,12 @@ int evtrace_hist_event_subtype_check(uint32_t /*module_id*/, uint32_t subtype) {
     return ulmo::quietly([=] { return ulmo::wants(ulmo::switches.history(), subtype) ? 0 : 1; });
 }
 
-void evtrace_hist_event(uint32_t /*module_id*/, uint32_t subtype, uint32_t length, const char *text) {
+void evtrace_hist_event(uint32_t /*module_id*/, uint32_t subtype, uint32_t length,
+                        const char *text) {
     ulmo::quietly([=] {
         if (text != nullptr && ulmo::wants(ulmo::switches.history(), subtype)) {
-            ulmo::append_to_history(ulmo::history_line(subtype, {text, length}), ulmo::switches.limit());
+            ulmo::append_to_history(ulmo::history_line(subtype, {text, length}),
+                                    ulmo::switches.limit());
         }
         return true;
     });

@@ -30,12 +30,14 @@ bool is_written_to(const struct stat &status) {
 
 bool is_at(const std::filesystem::path &file, const struct stat &status) {
     struct stat there {};
-    return ::lstat(file.c_str(), &there) == 0 && there.st_dev == status.st_dev && there.st_ino == status.st_ino;
+    return ::lstat(file.c_str(), &there) == 0 && there.st_dev == status.st_dev &&
+           there.st_ino == status.st_ino;
 }
 
 // Takes the name from the open file, unless it has lost it already. Whoever finds the lock taken
 // leaves this to its holder. Returns whether the file has another name now, or none.
-bool retire(const UniqueFd &open, const struct stat &status, const std::filesystem::path &file, bool is_kept) {
+bool retire(const UniqueFd &open, const struct stat &status, const std::filesystem::path &file,
+            bool is_kept) {
     if (::flock(open.get(), LOCK_EX | LOCK_NB) != 0) {
         return false;
     }
@@ -50,11 +52,13 @@ bool retire(const UniqueFd &open, const struct stat &status, const std::filesyst
 }
 
 // The file to append to, and its status. It is not full, unless it can't be renamed. The run
-// directory is made only for what a process records first: one that has gone is not wanted any more.
+// directory is made only for what a process records first: one that has gone is not wanted any
+// more.
 UniqueFd opened(std::size_t limit, bool makes_folder, struct stat &status) {
     const std::filesystem::path file = history_file();
     const ActingAsOwner owner(file.parent_path());
-    constexpr int flags = O_RDWR | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    constexpr int flags =
+        O_RDWR | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
     for (int attempt = 0; attempt < most_attempts; ++attempt) {
         UniqueFd open(::open(file.c_str(), flags, 0600));
         if (!open) {
@@ -66,10 +70,13 @@ UniqueFd opened(std::size_t limit, bool makes_folder, struct stat &status) {
             continue;
         }
         check(::fstat(open.get(), &status), "history");
-        const bool is_own = is_written_to(status) && (status.st_uid == ::geteuid() || status.st_uid == owner_of(file.parent_path()));
+        const bool is_own =
+            is_written_to(status) &&
+            (status.st_uid == ::geteuid() || status.st_uid == owner_of(file.parent_path()));
         if (!is_own) {
             retire(open, status, file, false);
-        } else if (static_cast<std::size_t>(status.st_size) < limit || !retire(open, status, file, true)) {
+        } else if (static_cast<std::size_t>(status.st_size) < limit ||
+                   !retire(open, status, file, true)) {
             return open;
         }
     }
@@ -82,11 +89,13 @@ class LastFile {
     void append(std::string_view line, std::size_t limit) {
         for (int attempt = 0; attempt < most_attempts; ++attempt) {
             const struct stat before = make_ready(limit);
-            const ssize_t written = check(::write(open_.get(), line.data(), line.size()), "history");
+            const ssize_t written =
+                check(::write(open_.get(), line.data(), line.size()), "history");
             struct stat after {};
             ::fstat(open_.get(), &after);
             if (static_cast<std::size_t>(written) != line.size()) {
-                // The disk has become full in the middle: the next record must not go on in this line.
+                // The disk has become full in the middle: the next record must not go on in this
+                // line.
                 if (after.st_size == before.st_size + written) {
                     (void)!::ftruncate(open_.get(), before.st_size);
                 }
@@ -105,9 +114,12 @@ class LastFile {
     struct stat make_ready(std::size_t limit) {
         const std::size_t folder = std::filesystem::hash_value(run_path());
         struct stat status {};
-        if (::fstat(open_.get(), &status) != 0 || status.st_dev != device_ || status.st_ino != inode_) {
-            open_.release(); // closed by a forked process that closes all, and perhaps another file by now
-        } else if (is_written_to(status) && static_cast<std::size_t>(status.st_size) < limit && folder_ == folder) {
+        if (::fstat(open_.get(), &status) != 0 || status.st_dev != device_ ||
+            status.st_ino != inode_) {
+            // closed by a forked process that closes all, and perhaps another file by now
+            open_.release();
+        } else if (is_written_to(status) && static_cast<std::size_t>(status.st_size) < limit &&
+                   folder_ == folder) {
             return status;
         }
         open_ = opened(limit, folder_ != folder, status);
@@ -118,7 +130,8 @@ class LastFile {
     }
 
     UniqueFd open_;
-    std::size_t folder_ = 0; // its hash: a string would be gone when the end of the process is logged
+    // its hash: a string would be gone when the end of the process is logged
+    std::size_t folder_ = 0;
     dev_t device_ = 0;
     ino_t inode_ = 0;
 };
@@ -157,20 +170,25 @@ std::filesystem::path older_history_file() {
 }
 
 std::string history_line(std::uint32_t subtype, std::string_view text) {
-    const auto now = std::chrono::floor<std::chrono::microseconds>(std::chrono::system_clock::now());
+    const auto now =
+        std::chrono::floor<std::chrono::microseconds>(std::chrono::system_clock::now());
     const auto day = std::chrono::floor<std::chrono::days>(now);
     const std::chrono::year_month_day date(day);
     const std::chrono::hh_mm_ss time(now - day);
     std::array<char, 80> start{};
-    const int length =
-        std::snprintf(start.data(), start.size(), "%04d-%02u-%02uT%02d:%02d:%02d.%06dZ %d ", static_cast<int>(date.year()),
-                      static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()), static_cast<int>(time.hours().count()),
-                      static_cast<int>(time.minutes().count()), static_cast<int>(time.seconds().count()),
-                      static_cast<int>(time.subseconds().count()), static_cast<int>(::getpid()));
-    const std::string kind = subtype == EVTRACE_ERROR ? "error" : subtype == EVTRACE_DEBUG ? "debug" : std::to_string(subtype);
+    const int length = std::snprintf(
+        start.data(), start.size(), "%04d-%02u-%02uT%02d:%02d:%02d.%06dZ %d ",
+        static_cast<int>(date.year()), static_cast<unsigned>(date.month()),
+        static_cast<unsigned>(date.day()), static_cast<int>(time.hours().count()),
+        static_cast<int>(time.minutes().count()), static_cast<int>(time.seconds().count()),
+        static_cast<int>(time.subseconds().count()), static_cast<int>(::getpid()));
+    const std::string kind = subtype == EVTRACE_ERROR   ? "error"
+                             : subtype == EVTRACE_DEBUG ? "debug"
+                                                        : std::to_string(subtype);
     text = text.substr(0, longest_text);
     text = text.substr(0, text.find_last_not_of("\r\n") + 1);
-    return std::string(start.data(), static_cast<std::size_t>(length)) + kind + ' ' + escaped(text) + '\n';
+    return std::string(start.data(), static_cast<std::size_t>(length)) + kind + ' ' +
+           escaped(text) + '\n';
 }
 
 void append_to_history(std::string_view line, std::size_t limit) {

@@ -19,10 +19,10 @@ std::filesystem::path older_history_file();
 // a backslash as \\; line ends at its end are left out, and so is what exceeds 544 octets.
 std::string history_line(std::uint32_t subtype, std::string_view text);
 
-// Appends the line with one write(2). A file of `limit` octets or more is renamed first, in place of
-// the former older one. The file belongs to the caller or to the owner of the run directory, mode
-// 0600: anything else under its name is replaced, and a link refused. Throws std::system_error and
-// std::filesystem::filesystem_error; the line is then not recorded, not even a part of it.
+// Appends the line with one write(2). A file of `limit` octets or more is renamed first, in place
+// of the former older one. The file belongs to the caller or to the owner of the run directory,
+// mode 0600: anything else under its name is replaced, and a link refused. Throws std::system_error
+// and std::filesystem::filesystem_error; the line is then not recorded, not even a part of it.
 void append_to_history(std::string_view line, std::size_t limit);
 
 } // namespace ulmo

@@ -34,7 +34,8 @@ void print_line(const Message &text, std::size_t length) {
         std::array<char, sizeof "2026-01-01T00:00:00Z "> stamp{};
         const std::time_t now = std::time(nullptr);
         std::tm utc{};
-        line.assign(stamp.data(), std::strftime(stamp.data(), stamp.size(), "%Y-%m-%dT%H:%M:%SZ ", ::gmtime_r(&now, &utc)));
+        line.assign(stamp.data(), std::strftime(stamp.data(), stamp.size(), "%Y-%m-%dT%H:%M:%SZ ",
+                                                ::gmtime_r(&now, &utc)));
     }
     std::string_view message(text.data(), length);
     message = message.substr(0, message.find_last_not_of('\n') + 1);
@@ -42,14 +43,16 @@ void print_line(const Message &text, std::size_t length) {
     std::fwrite(line.data(), 1, line.size(), stderr); // unbuffered: one write(2)
 }
 
-__attribute__((format(printf, 3, 0))) void record(uint32_t subtype, Reader reader, const char *format, va_list arguments) {
+__attribute__((format(printf, 3, 0))) void record(uint32_t subtype, Reader reader,
+                                                  const char *format, va_list arguments) {
     const int saved_errno = errno;
     const bool is_recorded = evtrace_hist_event_subtype_check(host_module_id, subtype) == 0;
     const bool is_printed = is_daemon && reader == Reader::operator_too;
     if (is_recorded || is_printed) {
         Message text;
         const int wanted = std::vsnprintf(text.data(), text.size(), format, arguments);
-        const auto length = wanted < 0 ? 0 : std::min(static_cast<std::size_t>(wanted), text.size() - 1);
+        const auto length =
+            wanted < 0 ? 0 : std::min(static_cast<std::size_t>(wanted), text.size() - 1);
         if (is_recorded && length > 0) {
             evtrace_hist_event(host_module_id, subtype, static_cast<uint32_t>(length), text.data());
         }
@@ -62,7 +65,8 @@ __attribute__((format(printf, 3, 0))) void record(uint32_t subtype, Reader reade
 
 // Every process of the platform tells here what is amiss with the settings.
 [[maybe_unused]] const bool is_told_of_settings = [] {
-    tell_settings_problems_to([](const std::string &problem) { log_error("settings: %s", problem.c_str()); });
+    tell_settings_problems_to(
+        [](const std::string &problem) { log_error("settings: %s", problem.c_str()); });
     return true;
 }();
 
@@ -98,5 +102,6 @@ void log_to_standard_error() {
 
 void log_set_error(uint32_t code, uint32_t facility) {
     ulmo::StatusBuffer buffer;
-    ulmo::log_error("request refused: %s, facility %u", ulmo::text_with_code(code, buffer), facility);
+    ulmo::log_error("request refused: %s, facility %u", ulmo::text_with_code(code, buffer),
+                    facility);
 }

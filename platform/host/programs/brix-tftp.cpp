@@ -2,9 +2,9 @@
 //
 //     brix-tftp DIRECTION SERVER PORT LOCAL REMOTE 1 VRF
 //
-// DIRECTION is 1 to put the local file under the remote name, 0 to get the remote file. The sixth argument is always 1. It exits with 0 if
-// the file was copied; otherwise with one line on standard error and 1 if the transfer failed, 2 if the arguments are wrong, 3 if the VRF
-// can't be entered.
+// DIRECTION is 1 to put the local file under the remote name, 0 to get the remote file. The sixth
+// argument is always 1. It exits with 0 if the file was copied; otherwise with one line on standard
+// error and 1 if the transfer failed, 2 if the arguments are wrong, 3 if the VRF can't be entered.
 #include "base/number.h"
 #include "base/text.h"
 #include "platform/host/history/copy_report.h"
@@ -33,9 +33,11 @@ int run(int argc, char **argv) {
     constexpr int arguments = 8;
     const std::string_view direction = argc == arguments ? argv[1] : "";
     constexpr int largest_port = 65535;
-    const auto port = argc == arguments ? ulmo::parsed_number(argv[3], 1, largest_port) : std::nullopt;
+    const auto port =
+        argc == arguments ? ulmo::parsed_number(argv[3], 1, largest_port) : std::nullopt;
     if ((direction != "0" && direction != "1") || !port || std::string_view(argv[6]) != "1") {
-        return fail(wrong_usage, "usage: brix-tftp {1 (put) | 0 (get)} SERVER PORT LOCAL REMOTE 1 VRF");
+        return fail(wrong_usage,
+                    "usage: brix-tftp {1 (put) | 0 (get)} SERVER PORT LOCAL REMOTE 1 VRF");
     }
     const bool putting = direction == "1";
     const std::string server = argv[2];
@@ -55,8 +57,8 @@ int run(int argc, char **argv) {
         result = putting ? ulmo::put(session, local, remote) : ulmo::get(session, remote, local);
     }
     if (result < 0) {
-        const std::string what =
-            putting ? "cannot put " + local + " as " + remote + " on " : "cannot get " + remote + " as " + local + " from ";
+        const std::string what = putting ? "cannot put " + local + " as " + remote + " on "
+                                         : "cannot get " + remote + " as " + local + " from ";
         return fail(transfer_failed, ulmo::one_line(what + server) + ": " + session.text(result));
     }
     return done;

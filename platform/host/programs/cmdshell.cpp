@@ -1,10 +1,13 @@
 // cmdshell: the command line of the switch.
 //
 //   cmdshell -c COMMAND   runs one command
-//   cmdshell              reads commands, one a line, from standard input; `help` lists them. At a terminal it goes on after a command
-//                         that failed, otherwise it stops there, so that what follows in a script never builds on a failure.
+//   cmdshell              reads commands, one a line, from standard input; `help` lists them. At a
+//   terminal it goes on after a command
+//                         that failed, otherwise it stops there, so that what follows in a script
+//                         never builds on a failure.
 //
-// Exits with 0 when all went well, 1 when a command failed (one line on standard error says why) and 2 when it was called wrongly.
+// Exits with 0 when all went well, 1 when a command failed (one line on standard error says why)
+// and 2 when it was called wrongly.
 #include "base/posix.h"
 #include "base/reason.h"
 #include "base/settings.h"
@@ -51,7 +54,8 @@ std::string normalised(std::string_view text) {
 }
 
 void print(std::string_view text) {
-    if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() || std::fflush(stdout) != 0) {
+    if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() ||
+        std::fflush(stdout) != 0) {
         ulmo::throw_errno("cannot write the output");
     }
 }
@@ -71,8 +75,8 @@ std::string user_name() {
 }
 
 void copy_running_to_startup() {
-    // Through the system manager, so that it is one save at a time and everybody is told; a switch that has none running saves all the
-    // same.
+    // Through the system manager, so that it is one save at a time and everybody is told; a switch
+    // that has none running saves all the same.
     if (!ulmo::request_save(user_name())) {
         ulmo::make_device_backend()->save();
     }
@@ -89,7 +93,8 @@ void show_last_save() {
 void show_copies() {
     const std::string lines = ulmo::kept_copy_lines();
     if (lines.empty()) {
-        throw std::runtime_error("no manager has copied or saved anything since the switch started");
+        throw std::runtime_error(
+            "no manager has copied or saved anything since the switch started");
     }
     print(lines);
 }
@@ -100,7 +105,8 @@ void copy_startup_to_running() {
 }
 
 std::string told(const ulmo::Setting &setting) {
-    const std::string begin = (ulmo::is_default(setting) ? "#" : "") + std::string(setting.name) + " =";
+    const std::string begin =
+        (ulmo::is_default(setting) ? "#" : "") + std::string(setting.name) + " =";
     try {
         const auto values = ulmo::setting_values(setting);
         std::string lines = values.empty() ? begin + "\n" : "";
@@ -141,8 +147,10 @@ constexpr Command commands[] = {
     {"show last-save", show_last_save, "print the outcome of the last save"},
     {"show copies", show_copies, "print the last copies and saves that managers asked for"},
     {"show settings", show_settings, "print the settings in force, defaults with a '#' in front"},
-    {"copy running-config startup-config", copy_running_to_startup, "save the running configuration"},
-    {"copy startup-config running-config", copy_startup_to_running, "apply the startup configuration"},
+    {"copy running-config startup-config", copy_running_to_startup,
+     "save the running configuration"},
+    {"copy startup-config running-config", copy_startup_to_running,
+     "apply the startup configuration"},
 };
 
 constexpr std::string_view configure = "configure";
@@ -191,7 +199,8 @@ bool succeeds(std::string_view line) {
         run(text);
         return true;
     } catch (const std::exception &error) {
-        std::fprintf(stderr, "cmdshell: %.*s: %s\n", static_cast<int>(text.size()), text.data(), error.what());
+        std::fprintf(stderr, "cmdshell: %.*s: %s\n", static_cast<int>(text.size()), text.data(),
+                     error.what());
         ulmo::report_reason(ulmo::reason_of(error)); // when a copy runs it
         return false;
     }

@@ -24,18 +24,22 @@ constexpr int exit_printed = 0;
 constexpr int exit_failed = 1;
 constexpr int exit_usage = 2;
 
-constexpr const char *help = "Usage: ulmo-history [-f] [--errors] [-p PID]\n"
-                             "Prints the platform's debug history, oldest record first, one a line: UTC time, process id, error or\n"
-                             "debug (or the number of the subtype), text. It is in /run/ulmo/history.log.1 and history.log, which\n"
-                             "any tool for logs can read, too.\n"
-                             "\n"
-                             "  -f, --follow       go on with new records as they come, until interrupted\n"
-                             "      --errors       only errors\n"
-                             "  -p, --process PID  only what this process has recorded\n"
-                             "      --help         this text\n"
-                             "\n"
-                             "Exit status: 0 the history was printed; 1 there is none, it can't be read or the output can't be\n"
-                             "written; 2 wrong usage.\n";
+constexpr const char *help =
+    "Usage: ulmo-history [-f] [--errors] [-p PID]\n"
+    "Prints the platform's debug history, oldest record first, one a line: UTC time, process id, "
+    "error or\n"
+    "debug (or the number of the subtype), text. It is in /run/ulmo/history.log.1 and history.log, "
+    "which\n"
+    "any tool for logs can read, too.\n"
+    "\n"
+    "  -f, --follow       go on with new records as they come, until interrupted\n"
+    "      --errors       only errors\n"
+    "  -p, --process PID  only what this process has recorded\n"
+    "      --help         this text\n"
+    "\n"
+    "Exit status: 0 the history was printed; 1 there is none, it can't be read or the output can't "
+    "be\n"
+    "written; 2 wrong usage.\n";
 
 struct Options {
     bool follow = false;
@@ -54,7 +58,8 @@ bool is_wanted(const Options &options, std::string_view line) {
     next_word(line); // the time
     const std::string_view process = next_word(line);
     const std::string_view kind = next_word(line);
-    return (options.process.empty() || process == options.process) && (!options.errors_only || kind == "error");
+    return (options.process.empty() || process == options.process) &&
+           (!options.errors_only || kind == "error");
 }
 
 struct stat status_of(const ulmo::UniqueFd &file) {
@@ -77,7 +82,8 @@ class Generation {
     bool print_new(const Options &options) {
         const bool has_name = status_of(file_).st_nlink != 0;
         std::array<char, 65536> part;
-        for (ssize_t count = 0; (count = ulmo::check(::read(file_.get(), part.data(), part.size()))) != 0;) {
+        for (ssize_t count = 0;
+             (count = ulmo::check(::read(file_.get(), part.data(), part.size()))) != 0;) {
             print_lines({part.data(), static_cast<std::size_t>(count)}, options);
         }
         return has_name;
@@ -88,7 +94,8 @@ class Generation {
     void print_lines(std::string_view part, const Options &options) {
         unfinished_ += part;
         std::string_view rest = unfinished_;
-        for (std::size_t end = 0; (end = rest.find('\n')) != std::string_view::npos; rest.remove_prefix(end + 1)) {
+        for (std::size_t end = 0; (end = rest.find('\n')) != std::string_view::npos;
+             rest.remove_prefix(end + 1)) {
             if (is_wanted(options, rest.substr(0, end))) {
                 std::fwrite(rest.data(), 1, end + 1, stdout);
             }
@@ -100,8 +107,8 @@ class Generation {
     std::string unfinished_;
 };
 
-// Adds the files that are not among `generations` yet. A file that has just been renamed is missing under both names, or not found
-// under its new one, for a moment: the next look finds it.
+// Adds the files that are not among `generations` yet. A file that has just been renamed is missing
+// under both names, or not found under its new one, for a moment: the next look finds it.
 void find_new(std::list<Generation> &generations) {
     for (const auto &path : {ulmo::older_history_file(), ulmo::history_file()}) {
         ulmo::UniqueFd file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
@@ -163,7 +170,8 @@ bool parse_options(int argc, char **argv, Options &options, bool &wants_help) {
             break;
         case 'p':
             options.process = optarg;
-            if (options.process.empty() || options.process.find_first_not_of("0123456789") != std::string::npos) {
+            if (options.process.empty() ||
+                options.process.find_first_not_of("0123456789") != std::string::npos) {
                 std::fprintf(stderr, "ulmo-history: not a process id: %s\n", optarg);
                 return false;
             }

@@ -1,11 +1,12 @@
 // ulmo-setting: the settings as the platform judges them, for scripts.
 //
 //   ulmo-setting NAME...    prints the value of each, a line each; of a list a line for each value
-//   ulmo-setting --list     prints the table of settings: name, kind, default, least, most, words, what a bad value makes fail, and when a
+//   ulmo-setting --list     prints the table of settings: name, kind, default, least, most, words,
+//   what a bad value makes fail, and when a
 //                           change holds, with tabs between them
 //
-// Exits with 0; with 1 when the file can't be read or a bad value must not be passed over, and a line on standard error; with 2 when it was
-// called wrongly.
+// Exits with 0; with 1 when the file can't be read or a bad value must not be passed over, and a
+// line on standard error; with 2 when it was called wrongly.
 #include "base/settings.h"
 
 #include <algorithm>
@@ -51,8 +52,9 @@ int main(int argc, char **argv) try {
         ulmo::tell_settings_problems_to(nullptr); // the agent does, and not anew with each transfer
         ulmo::require_settings();
         for (int i = 1; i < argc; ++i) {
-            const auto *const setting = std::find_if(std::begin(ulmo::all_settings), std::end(ulmo::all_settings),
-                                                     [name = std::string_view(argv[i])](const auto &each) { return each.name == name; });
+            const auto *const setting = std::find_if(
+                std::begin(ulmo::all_settings), std::end(ulmo::all_settings),
+                [name = std::string_view(argv[i])](const auto &each) { return each.name == name; });
             if (setting == std::end(ulmo::all_settings)) {
                 std::fprintf(stderr, "ulmo-setting: there is no setting %s\n", argv[i]);
                 return usage();
@@ -66,7 +68,8 @@ int main(int argc, char **argv) try {
             }
         }
     }
-    if (std::fwrite(output.data(), 1, output.size(), stdout) != output.size() || std::fflush(stdout) != 0) {
+    if (std::fwrite(output.data(), 1, output.size(), stdout) != output.size() ||
+        std::fflush(stdout) != 0) {
         std::perror("ulmo-setting: cannot write");
         return 1;
     }

@@ -2,8 +2,9 @@
 //
 //     vrf-exec ID PROGRAM [ARGUMENT…]
 //
-// ID is the VRF's number (vrfdir_get_context_id()), PROGRAM is searched in PATH. It exits with the program's status; with one line on
-// standard error and 125 if the arguments are wrong, or the VRF is not known or can't be entered, and 127 if the program can't be run.
+// ID is the VRF's number (vrfdir_get_context_id()), PROGRAM is searched in PATH. It exits with the
+// program's status; with one line on standard error and 125 if the arguments are wrong, or the VRF
+// is not known or can't be entered, and 127 if the program can't be run.
 #include "base/number.h"
 #include "platform/host/history/log.h"
 #include "platform/host/vrf/vrf.h"
@@ -40,17 +41,20 @@ int run(int argc, char **argv) {
     }
     std::optional<std::string> device = ulmo::vrf_device(*name);
     if (std::string why; !ulmo::enter_vrf(*name, &why)) {
-        return fail(no_vrf, "cannot enter the VRF with the number " + std::to_string(*id) + ": " + why);
+        return fail(no_vrf,
+                    "cannot enter the VRF with the number " + std::to_string(*id) + ": " + why);
     }
     std::vector<char *> command(argv + 2, argv + argc + 1);
     std::string ip = "ip";
     std::string vrf = "vrf";
     std::string exec = "exec";
-    if (device) { // every socket of the program has to be bound to the device, which is ip-vrf(8)'s to do
+    // every socket of the program has to be bound to the device, which is ip-vrf(8)'s to do
+    if (device) {
         command.insert(command.begin(), {ip.data(), vrf.data(), exec.data(), device->data()});
     }
     ::execvp(command.front(), command.data());
-    return fail(no_program, "cannot run " + std::string(command.front()) + ": " + std::generic_category().message(errno));
+    return fail(no_program, "cannot run " + std::string(command.front()) + ": " +
+                                std::generic_category().message(errno));
 }
 
 } // namespace

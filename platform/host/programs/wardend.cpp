@@ -1,11 +1,13 @@
-// wardend: the system manager's daemon. It saves the running configuration when the agent or the command line asks for it over the message
-// bus: to the startup configuration of this switch, of the fabric, or to every startup configuration that this switch keeps. When the
-// switch starts it makes the startup configuration the running one.
+// wardend: the system manager's daemon. It saves the running configuration when the agent or the
+// command line asks for it over the message bus: to the startup configuration of this switch, of
+// the fabric, or to every startup configuration that this switch keeps. When the switch starts it
+// makes the startup configuration the running one.
 //
-//   wardend      runs in the foreground until SIGTERM or SIGINT, and writes its log to standard error
+//   wardend      runs in the foreground until SIGTERM or SIGINT, and writes its log to standard
+//   error
 //
-// Exits with 0 when it was told to end, 1 when it can't serve (another one runs, or its directories can't be used) and 2 when it was called
-// wrongly.
+// Exits with 0 when it was told to end, 1 when it can't serve (another one runs, or its directories
+// can't be used) and 2 when it was called wrongly.
 #include "base/settings.h"
 #include "platform/host/history/log.h"
 #include "platform/host/system_manager/warden.h"
@@ -33,14 +35,17 @@ int main(int argc, char ** /*argv*/) {
             ulmo::start_switch();
         } catch (const std::exception &error) {
             // An operator must be able to repair it, with the system manager at work.
-            ulmo::log_error("the startup configuration can't become the running configuration: %s", error.what());
+            ulmo::log_error("the startup configuration can't become the running configuration: %s",
+                            error.what());
         }
         ulmo::log_notice("ready");
         warden.run();
         ulmo::log_notice("ended");
         return 0;
     } catch (const std::system_error &error) {
-        ulmo::log_error("can't serve: %s", error.code() == std::errc::address_in_use ? "another system manager runs" : error.what());
+        ulmo::log_error("can't serve: %s", error.code() == std::errc::address_in_use
+                                               ? "another system manager runs"
+                                               : error.what());
     } catch (const std::exception &error) {
         ulmo::log_error("can't serve: %s", error.what());
     }

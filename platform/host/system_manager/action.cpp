@@ -24,7 +24,7 @@ namespace {
 
 class GivenUp : public std::exception {
   public:
-    const char *what() const noexcept override { return "given up"; }
+    [[nodiscard]] const char *what() const noexcept override { return "given up"; }
 };
 
 void check_stop(int stop) {
@@ -34,7 +34,8 @@ void check_stop(int stop) {
     }
 }
 
-// While members may hold rows of ours, the daemon's death is a reason to give the action up, which takes them away, and not to die with it.
+// While members may hold rows of ours, the daemon's death is a reason to give the action up, which
+// takes them away, and not to die with it.
 class OutlivesDaemon {
   public:
     OutlivesDaemon() {
@@ -93,7 +94,8 @@ ActionOutcome save_fabric(int stop) {
     std::vector<FabricSwitchStatus> switches;
     try {
         switches = save_all_members(stop);
-        // This switch comes last: until the others have answered the action can be given up with the startup configuration as it was.
+        // This switch comes last: until the others have answered the action can be given up with
+        // the startup configuration as it was.
         check_stop(stop);
         here.text = saved_here(stop);
     } catch (const GivenUp &) {
@@ -102,15 +104,18 @@ ActionOutcome save_fabric(int stop) {
         here.text = recorded(error);
     }
     switches.insert(switches.begin(), here);
-    log_failure("the outcome on each switch can't be kept for the agent", [&] { write_fabric_status(switches); });
+    log_failure("the outcome on each switch can't be kept for the agent",
+                [&] { write_fabric_status(switches); });
 
     std::size_t failed = 0;
     for (const FabricSwitchStatus &each : switches) {
         failed += each.text == saved_text ? 0 : 1;
-        log_notice("switch %s%s: %s", wwn_to_text(each.wwn).c_str(), each.is_local ? " (this one)" : "", each.text.c_str());
+        log_notice("switch %s%s: %s", wwn_to_text(each.wwn).c_str(),
+                   each.is_local ? " (this one)" : "", each.text.c_str());
     }
     if (failed != 0) {
-        return {warden_err_fabric, std::to_string(failed) + " of " + std::to_string(switches.size()) + " switches did not save"};
+        return {warden_err_fabric, std::to_string(failed) + " of " +
+                                       std::to_string(switches.size()) + " switches did not save"};
     }
     return {0, std::string(saved_text) + " on " + std::to_string(switches.size()) + " switches"};
 }
@@ -134,7 +139,9 @@ ActionOutcome perform(const Action &action, int stop) {
         if (action.scope == Action::Scope::fabric) {
             return save_fabric(stop);
         }
-        save_here(action.scope == Action::Scope::all ? startup_copies() : std::vector<std::filesystem::path>{}, stop);
+        save_here(action.scope == Action::Scope::all ? startup_copies()
+                                                     : std::vector<std::filesystem::path>{},
+                  stop);
         return {0, std::string(saved_text)};
     } catch (const GivenUp &error) {
         return {warden_err_given_up, error.what()};

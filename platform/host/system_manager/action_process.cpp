@@ -54,7 +54,9 @@ sigset_t only(std::initializer_list<int> signals) {
     std::string octets(sizeof outcome.status, '\0');
     std::memcpy(octets.data(), &outcome.status, sizeof outcome.status);
     octets.append(outcome.text, 0, longest_text);
-    ::_exit(::write(first_free, octets.data(), octets.size()) == static_cast<ssize_t>(octets.size()) ? 0 : 1);
+    ::_exit(::write(first_free, octets.data(), octets.size()) == static_cast<ssize_t>(octets.size())
+                ? 0
+                : 1);
 }
 
 } // namespace
@@ -113,8 +115,10 @@ ActionOutcome ActionProcess::reported(int status) {
     if (overdue_) {
         return {warden_err_given_up, "given up, killed"};
     }
-    return {warden_err_store, WIFSIGNALED(status) ? "the process of the action was ended by signal " + std::to_string(WTERMSIG(status))
-                                                  : "the process of the action could not run"};
+    return {warden_err_store, WIFSIGNALED(status)
+                                  ? "the process of the action was ended by signal " +
+                                        std::to_string(WTERMSIG(status))
+                                  : "the process of the action could not run"};
 }
 
 } // namespace ulmo

@@ -47,8 +47,9 @@ void AgentLine::send(std::uint32_t opcode, std::string payload) {
 void AgentLine::flush() {
     while (!waiting_.empty()) {
         const Message &next = waiting_.front();
-        if (msgbus_send(endpoint_, MSGBUS_NODE_LOCAL, MSGBUS_SAP_AGENT, next.opcode, next.payload.data(),
-                        static_cast<std::uint32_t>(next.payload.size()), nullptr, 0, 0) != 0) {
+        if (msgbus_send(endpoint_, MSGBUS_NODE_LOCAL, MSGBUS_SAP_AGENT, next.opcode,
+                        next.payload.data(), static_cast<std::uint32_t>(next.payload.size()),
+                        nullptr, 0, 0) != 0) {
             const int error = errno;
             if (error == EAGAIN && std::chrono::steady_clock::now() < next.deadline) {
                 return;

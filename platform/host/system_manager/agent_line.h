@@ -18,10 +18,11 @@ class AgentLine {
     void begun();
     void ended(std::uint32_t status); // 0: well
 
-    // Sends what could not be sent yet, in order: an agent that is busy takes no more messages for a while. Without an agent, or when it
-    // has been busy for too long, the message is dropped and logged.
+    // Sends what could not be sent yet, in order: an agent that is busy takes no more messages for
+    // a while. Without an agent, or when it has been busy for too long, the message is dropped and
+    // logged.
     void flush();
-    bool has_waiting() const { return !waiting_.empty(); }
+    [[nodiscard]] bool has_waiting() const { return !waiting_.empty(); }
 
   private:
     struct Message {

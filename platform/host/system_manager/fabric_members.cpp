@@ -48,7 +48,8 @@ bool read_endpoint(const std::string &text, FabricMember &member) {
     member.port = snmp_port;
     const bool is_bracketed = text.front() == '[';
     const bool is_bare_ipv6 = !is_bracketed && std::count(text.begin(), text.end(), ':') > 1;
-    if (const auto colon = text.rfind(':'); colon != std::string::npos && !is_bare_ipv6 && text.back() != ']') {
+    if (const auto colon = text.rfind(':');
+        colon != std::string::npos && !is_bare_ipv6 && text.back() != ']') {
         const auto port = parsed_number<std::uint16_t>(std::string_view(text).substr(colon + 1), 1);
         if (!port) {
             return false;
@@ -63,16 +64,21 @@ bool read_endpoint(const std::string &text, FabricMember &member) {
         address = address.substr(1, address.size() - 2);
     }
     return ip_addr_from_str(address.c_str(), &member.address) == 0 &&
-           member.address.type == (is_bracketed || is_bare_ipv6 ? INET_ADDRESS_IPV6 : INET_ADDRESS_IPV4);
+           member.address.type ==
+               (is_bracketed || is_bare_ipv6 ? INET_ADDRESS_IPV6 : INET_ADDRESS_IPV4);
 }
 
-// The words of a line after the address. A word that is no such key may be a passphrase that got astray: it is not quoted.
+// The words of a line after the address. A word that is no such key may be a passphrase that got
+// astray: it is not quoted.
 void read_keys(std::istream &words, const std::string &line, FabricMember &member) {
     for (std::string word; words >> word;) {
         const auto equals = word.find('=');
-        const auto key = std::find_if(keys.begin(), keys.end(), [&](const Key &each) { return word.compare(0, equals, each.name) == 0; });
+        const auto key = std::find_if(keys.begin(), keys.end(), [&](const Key &each) {
+            return word.compare(0, equals, each.name) == 0;
+        });
         if (equals == std::string::npos || key == keys.end()) {
-            refuse(line, "there is an unknown key; the keys are user, auth-protocol, auth-passphrase, priv-protocol and priv-passphrase");
+            refuse(line, "there is an unknown key; the keys are user, auth-protocol, "
+                         "auth-passphrase, priv-protocol and priv-passphrase");
         }
         member.*key->field = word.substr(equals + 1);
     }
@@ -82,8 +88,8 @@ void check_credentials(const std::string &line, const FabricMember &member) {
     for (const Key &key : keys) {
         const std::string &value = member.*key.field;
         if (value.empty()) {
-            refuse(line,
-                   std::string("there is no ") + std::string(key.name) + ", neither there nor as " + std::string((*key.setting).name));
+            refuse(line, std::string("there is no ") + std::string(key.name) +
+                             ", neither there nor as " + std::string((*key.setting).name));
         }
     }
     if (member.user.size() > 32) { // SnmpAdminString of usmUserName, RFC 3414
@@ -95,8 +101,8 @@ void check_credentials(const std::string &line, const FabricMember &member) {
     if (usm_lookup_priv_type(member.priv_protocol.c_str()) <= USM_CREATE_USER_PRIV_NONE) {
         refuse(line, "the priv-protocol is unknown");
     }
-    for (const auto &[name, passphrase] :
-         {std::pair("auth-passphrase", &member.auth_passphrase), {"priv-passphrase", &member.priv_passphrase}}) {
+    for (const auto &[name, passphrase] : {std::pair("auth-passphrase", &member.auth_passphrase),
+                                           {"priv-passphrase", &member.priv_passphrase}}) {
         if (passphrase->size() < USM_LENGTH_P_MIN) {
             refuse(line, std::string("the ") + name + " has less than 8 characters");
         }
@@ -129,7 +135,8 @@ FabricMember member_from(const std::string &text, const FabricMember &defaults) 
     return member;
 }
 
-// The group that the system manager runs as is none of the others: so the file can be the superuser's.
+// The group that the system manager runs as is none of the others: so the file can be the
+// superuser's.
 bool is_read_by_others() {
     struct stat status {};
     if (::stat(settings_file().c_str(), &status) != 0) {
@@ -149,9 +156,12 @@ std::vector<FabricMember> fabric_members() {
     const std::vector<std::string> lines = list_setting("fabric_member");
     const bool holds_passphrases =
         !defaults.auth_passphrase.empty() || !defaults.priv_passphrase.empty() ||
-        std::any_of(lines.begin(), lines.end(), [](const std::string &line) { return line.find("-passphrase=") != std::string::npos; });
+        std::any_of(lines.begin(), lines.end(), [](const std::string &line) {
+            return line.find("-passphrase=") != std::string::npos;
+        });
     if (holds_passphrases && is_read_by_others()) {
-        throw std::runtime_error(settings_file().string() + " holds passphrases and is readable by other users");
+        throw std::runtime_error(settings_file().string() +
+                                 " holds passphrases and is readable by other users");
     }
     std::vector<FabricMember> members;
     if (lines.empty()) {
@@ -168,7 +178,8 @@ std::vector<FabricMember> fabric_members() {
             if (other.wwn == member.wwn) {
                 refuse(name, "two lines have this name");
             }
-            if (std::memcmp(&other.address, &member.address, sizeof member.address) == 0 && other.port == member.port) {
+            if (std::memcmp(&other.address, &member.address, sizeof member.address) == 0 &&
+                other.port == member.port) {
                 refuse(name, "the address is also that of " + wwn_to_text(other.wwn));
             }
         }

@@ -1,4 +1,5 @@
-// The other switches of the fabric, from the settings: whom a save in the whole fabric is asked of, and as which SNMPv3 user.
+// The other switches of the fabric, from the settings: whom a save in the whole fabric is asked of,
+// and as which SNMPv3 user.
 #pragma once
 
 #include "platform/host/fabric/wwn.h"
@@ -22,8 +23,9 @@ struct FabricMember {
     std::string priv_passphrase;
 };
 
-// The members in the order of the settings, without this switch; none when none is set. Throws std::runtime_error when a setting is amiss,
-// or when users other than the owner may read the passphrases; the text names the setting and never holds a passphrase.
+// The members in the order of the settings, without this switch; none when none is set. Throws
+// std::runtime_error when a setting is amiss, or when users other than the owner may read the
+// passphrases; the text names the setting and never holds a passphrase.
 std::vector<FabricMember> fabric_members();
 
 // How long the save of one member may take, 1 to 300 s. Throws as above.

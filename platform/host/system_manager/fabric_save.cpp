@@ -21,12 +21,15 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::chrono::seconds ending_time{2}; // beyond what a thread has, for those that do not keep to it
+// beyond what a thread has, for those that do not keep to it
+constexpr std::chrono::seconds ending_time{2};
 
 // What has come of each member. The threads share it, so that one that is left behind has it still.
 class Outcomes {
   public:
-    explicit Outcomes(std::size_t count) : outcomes_(count), ended_(check(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "saving the fabric")) {}
+    explicit Outcomes(std::size_t count)
+        : outcomes_(count),
+          ended_(check(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "saving the fabric")) {}
 
     void tell(std::size_t member, std::string words, std::string error) {
         const std::lock_guard lock(mutex_);
@@ -35,10 +38,13 @@ class Outcomes {
         ::eventfd_write(ended_.get(), 1);
     }
 
-    // Until all are known or `end` comes. Throws copy_client::Stopped as soon as `stop` is readable.
+    // Until all are known or `end` comes. Throws copy_client::Stopped as soon as `stop` is
+    // readable.
     void await(Clock::time_point end, int stop) {
         while (!is_all_known() && Clock::now() < end) {
-            copy_client::wait_for_input(ended_.get(), stop, std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()));
+            copy_client::wait_for_input(
+                ended_.get(), stop,
+                std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()));
             eventfd_t count = 0;
             ::eventfd_read(ended_.get(), &count);
         }
@@ -62,8 +68,8 @@ class Outcomes {
     UniqueFd ended_;
 };
 
-void start(const std::shared_ptr<Outcomes> &outcomes, std::size_t number, const FabricMember &member, std::chrono::seconds limit, int stop,
-           MemberSave save) {
+void start(const std::shared_ptr<Outcomes> &outcomes, std::size_t number,
+           const FabricMember &member, std::chrono::seconds limit, int stop, MemberSave save) {
     try {
         std::thread([=] {
             try {
@@ -79,7 +85,8 @@ void start(const std::shared_ptr<Outcomes> &outcomes, std::size_t number, const 
 
 } // namespace
 
-std::vector<FabricSwitchStatus> save_members(const std::vector<FabricMember> &members, std::chrono::seconds limit, int stop,
+std::vector<FabricSwitchStatus> save_members(const std::vector<FabricMember> &members,
+                                             std::chrono::seconds limit, int stop,
                                              MemberSave save) {
     const auto outcomes = std::make_shared<Outcomes>(members.size());
     for (std::size_t i = 0; i < members.size(); ++i) {
@@ -98,7 +105,8 @@ std::vector<FabricSwitchStatus> save_members(const std::vector<FabricMember> &me
         if (words.empty() && error.empty() && is_given_up) {
             words = save_given_up;
         } else if (words.empty()) {
-            log_error("saving %s: %s", wwn_to_text(members[i].wwn).c_str(), error.empty() ? "it does not end" : error.c_str());
+            log_error("saving %s: %s", wwn_to_text(members[i].wwn).c_str(),
+                      error.empty() ? "it does not end" : error.c_str());
             words = "internal error";
         }
         told.push_back({members[i].wwn, false, members[i].address, std::move(words)});
@@ -106,7 +114,8 @@ std::vector<FabricSwitchStatus> save_members(const std::vector<FabricMember> &me
     return told;
 }
 
-std::vector<FabricSwitchStatus> save_members(const std::vector<FabricMember> &members, std::chrono::seconds limit, int stop) {
+std::vector<FabricSwitchStatus> save_members(const std::vector<FabricMember> &members,
+                                             std::chrono::seconds limit, int stop) {
     copy_client::set_up_library("wardend");
     return save_members(members, limit, stop, save_member);
 }

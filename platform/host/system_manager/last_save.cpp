@@ -14,7 +14,8 @@ std::filesystem::path record() {
 } // namespace
 
 void record_last_save(std::string_view outcome) {
-    log_failure("the outcome of the save can't be kept", [outcome] { replace_state_file(record(), outcome); });
+    log_failure("the outcome of the save can't be kept",
+                [outcome] { replace_state_file(record(), outcome); });
 }
 
 std::optional<std::string> last_save() {

@@ -24,7 +24,8 @@ Oid last_save_output() {
 Peer peer_of(const FabricMember &member) {
     const std::string address = address_text(member.address);
     const bool is_ipv6 = member.address.type == INET_ADDRESS_IPV6;
-    return {wwn_to_text(member.wwn), (is_ipv6 ? "udp6:[" + address + ']' : "udp:" + address) + ':' + std::to_string(member.port)};
+    return {wwn_to_text(member.wwn), (is_ipv6 ? "udp6:[" + address + ']' : "udp:" + address) + ':' +
+                                         std::to_string(member.port)};
 }
 
 constexpr Milliseconds cleaning_time = 800ms;
@@ -33,14 +34,16 @@ constexpr Milliseconds cleaning_time = 800ms;
 std::string last_save(Session &session) {
     try {
         return octets(session.get({last_save_output()}).front());
-    } catch (const Trouble &) { // the save failed either way, and why it did not answer this is of no interest
+    } catch (const Trouble &) { // the save failed either way, and why it did not answer this is of
+                                // no interest
         return {};
     }
 }
 
 std::string save(Session &session, CopyRow &row, std::chrono::seconds limit) {
     try {
-        row.make({{CC_COLUMN_SOURCE_FILE_TYPE, COPY_FILE_RUNNING}, {CC_COLUMN_DEST_FILE_TYPE, COPY_FILE_STARTUP}});
+        row.make({{CC_COLUMN_SOURCE_FILE_TYPE, COPY_FILE_RUNNING},
+                  {CC_COLUMN_DEST_FILE_TYPE, COPY_FILE_STARTUP}});
         if (const long status = row.activate(); status != SNMP_ERR_NOERROR) {
             return words_of_refused_start(status);
         }
@@ -48,7 +51,8 @@ std::string save(Session &session, CopyRow &row, std::chrono::seconds limit) {
         if (end.state == COPY_STATE_SUCCESSFUL) {
             return "saved";
         }
-        return words_of_failure(end.cause, end.cause == COPY_FAIL_WARDEN_FAILED ? last_save(session) : "");
+        return words_of_failure(end.cause,
+                                end.cause == COPY_FAIL_WARDEN_FAILED ? last_save(session) : "");
     } catch (const Stopped &) {
         return std::string(save_given_up);
     } catch (const Trouble &trouble) {
@@ -79,11 +83,14 @@ std::string first_line(std::string_view text) {
 
 std::string save_member(const FabricMember &member, std::chrono::seconds limit, int stop) {
     const auto began = Clock::now();
-    // A lost packet costs one request's time; the last part of the limit is kept for taking the row away.
+    // A lost packet costs one request's time; the last part of the limit is kept for taking the row
+    // away.
     const auto request_time = std::clamp<Milliseconds>(Milliseconds(limit) / 6, 150ms, 1s);
-    // A member that answers nothing has four chances before it is looked whether the privacy key is wrong.
+    // A member that answers nothing has four chances before it is looked whether the privacy key is
+    // wrong.
     constexpr int attempts = 4;
-    const User user{member.user, member.auth_protocol, member.auth_passphrase, member.priv_protocol, member.priv_passphrase};
+    const User user{member.user, member.auth_protocol, member.auth_passphrase, member.priv_protocol,
+                    member.priv_passphrase};
     netsnmp_session settings{};
     ::snmp_sess_init(&settings);
     settings.timeout = std::chrono::microseconds(request_time).count();
@@ -91,11 +98,13 @@ std::string save_member(const FabricMember &member, std::chrono::seconds limit, 
     set_user(settings, user);
     try {
         Session session(settings, peer_of(member), stop);
-        session.set_deadline(began + limit - std::min<Milliseconds>(Milliseconds(limit) / 4, 500ms));
+        session.set_deadline(began + limit -
+                             std::min<Milliseconds>(Milliseconds(limit) / 4, 500ms));
         CopyRow row(session);
         std::string words = save(session, row, limit);
         session.begin_to_clean_up(cleaning_time / 3); // each removal is tried three times
-        session.set_deadline(std::min<Clock::time_point>(began + limit, Clock::now() + cleaning_time));
+        session.set_deadline(
+            std::min<Clock::time_point>(began + limit, Clock::now() + cleaning_time));
         row.destroy();
         return words;
     } catch (const Trouble &trouble) { // of making the session
@@ -132,14 +141,17 @@ std::string words_of_trouble(const Trouble &trouble, std::chrono::seconds limit)
         return "its copy request is gone"; // its agent began anew, or somebody destroyed the row
     case TroubleKind::no_message:
     case TroubleKind::other_report:
-        return std::string("can't be asked: ") + ::snmp_api_errstring(static_cast<int>(trouble.number));
+        return std::string("can't be asked: ") +
+               ::snmp_api_errstring(static_cast<int>(trouble.number));
     default:
         return "can't be asked: " + trouble.detail;
     }
 }
 
 std::string words_of_refused_start(long status) {
-    return status == SNMP_ERR_GENERR || status == SNMP_ERR_INCONSISTENTVALUE ? "another copy is in progress" : words_of_status(status);
+    return status == SNMP_ERR_GENERR || status == SNMP_ERR_INCONSISTENTVALUE
+               ? "another copy is in progress"
+               : words_of_status(status);
 }
 
 std::string words_of_failure(long cause, std::string_view last_save) {

@@ -17,7 +17,8 @@
 namespace ulmo {
 namespace {
 
-// Requester and system manager are on one connection: the answer comes first, the end when it has come.
+// Requester and system manager are on one connection: the answer comes first, the end when it has
+// come.
 std::unique_ptr<msgbus_message> next_message(int connection, std::uint32_t opcode) {
     for (;;) {
         pollfd readable{connection, POLLIN, 0};
@@ -63,12 +64,14 @@ bool request_save(const std::string &user) {
     user.copy(request.user, sizeof request.user - 1);
     std::to_string(::getpid()).copy(request.session, sizeof request.session - 1);
     constexpr std::uint32_t token = 1; // the only request on its connection
-    if (const int failure = send_packet(connection.get(), MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION, token, &request, sizeof request);
+    if (const int failure = send_packet(connection.get(), MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION,
+                                        token, &request, sizeof request);
         failure != 0) {
         throw_error(failure, "system manager");
     }
     const auto answer = next_message(connection.get(), MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION);
-    if (const std::uint32_t status = ntohl(answer->words[0]); status != WARDEN_CFG_ACTION_INITIATED && status != WARDEN_CFG_ACTION_DONE) {
+    if (const std::uint32_t status = ntohl(answer->words[0]);
+        status != WARDEN_CFG_ACTION_INITIATED && status != WARDEN_CFG_ACTION_DONE) {
         throw std::runtime_error(reason_in(*answer, status));
     } else if (status == WARDEN_CFG_ACTION_DONE) {
         return true;

@@ -5,12 +5,19 @@
 
 namespace ulmo {
 
-inline constexpr std::uint32_t warden_err_bad_file = 0x401E0010; // the file is not there, can't be read, is too large or is no text
-inline constexpr std::uint32_t warden_err_bad_line = 0x401E0011; // a line of it is no valid statement
-inline constexpr std::uint32_t warden_err_store = 0x401E0012;    // the startup configuration could not be stored (disk, lock, settings)
-inline constexpr std::uint32_t warden_err_busy = 0x401E0013;     // another configuration action is in progress
-inline constexpr std::uint32_t warden_err_fabric = 0x401E0014;   // not every switch of the fabric has saved
-inline constexpr std::uint32_t warden_err_request = 0x401E0015;  // the request is none that the system manager knows
-inline constexpr std::uint32_t warden_err_given_up = 0x401E0016; // given up: on request, or because the system manager ended
+// the file is not there, can't be read, is too large or is no text
+inline constexpr std::uint32_t warden_err_bad_file = 0x401E0010;
+// a line of it is no valid statement
+inline constexpr std::uint32_t warden_err_bad_line = 0x401E0011;
+// the startup configuration could not be stored (disk, lock, settings)
+inline constexpr std::uint32_t warden_err_store = 0x401E0012;
+// another configuration action is in progress
+inline constexpr std::uint32_t warden_err_busy = 0x401E0013;
+// not every switch of the fabric has saved
+inline constexpr std::uint32_t warden_err_fabric = 0x401E0014;
+// the request is none that the system manager knows
+inline constexpr std::uint32_t warden_err_request = 0x401E0015;
+// given up: on request, or because the system manager ended
+inline constexpr std::uint32_t warden_err_given_up = 0x401E0016;
 
 } // namespace ulmo

@@ -16,7 +16,8 @@ const char *warden_cli_dir_get(int32_t /*handle*/, int32_t /*which*/) {
     // Texts that were handed out stay, even when the environment names another directory later.
     static std::set<std::string> handed_out;
     const char *path = "/dev/null"; // no file is ever found below it
-    ulmo::log_failure("warden_cli_dir_get", [&] { path = handed_out.insert(ulmo::state_dir().string()).first->c_str(); });
+    ulmo::log_failure("warden_cli_dir_get",
+                      [&] { path = handed_out.insert(ulmo::state_dir().string()).first->c_str(); });
     return path;
 }
 
@@ -27,7 +28,8 @@ uint32_t warden_cli_write_ascii_cfg(int32_t /*handle*/, const char *path) {
     } catch (const ulmo::ConfigurationError &error) {
         ulmo::log_error("%s: %s: %s\n", __func__, path, error.what());
         ulmo::report_reason(error.what());
-        return error.kind() == ulmo::ConfigurationError::Kind::bad_line ? ulmo::warden_err_bad_line : ulmo::warden_err_bad_file;
+        return error.kind() == ulmo::ConfigurationError::Kind::bad_line ? ulmo::warden_err_bad_line
+                                                                        : ulmo::warden_err_bad_file;
     } catch (const std::exception &error) {
         ulmo::log_error("%s: %s: %s\n", __func__, path, error.what());
         ulmo::report_reason(ulmo::reason_of(error));

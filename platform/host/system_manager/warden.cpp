@@ -36,7 +36,8 @@ UniqueFd signals_that_are_read() {
 
 // --- what outlives this process ---
 
-// There while an action runs: who finds it at his start knows that the agent was never told of the end.
+// There while an action runs: who finds it at his start knows that the agent was never told of the
+// end.
 std::filesystem::path unfinished_mark() {
     return run_dir() / "action-in-progress";
 }
@@ -71,12 +72,14 @@ Action action_of(const warden_cfg_action &request) {
 }
 
 bool is_known(const warden_cfg_action &request) {
-    return ntohl(request.word0) == WARDEN_CFG_ACTION_WORD0 && ntohl(request.word1) == WARDEN_CFG_ACTION_WORD1 &&
+    return ntohl(request.word0) == WARDEN_CFG_ACTION_WORD0 &&
+           ntohl(request.word1) == WARDEN_CFG_ACTION_WORD1 &&
            (request.fabric == 0 || request.all == 0);
 }
 
 // An answer on the requester's connection; whether it could be sent.
-bool answer(const Incoming &request, std::uint32_t opcode, std::uint32_t status, const std::string &text = "") {
+bool answer(const Incoming &request, std::uint32_t opcode, std::uint32_t status,
+            const std::string &text = "") {
     const std::uint32_t word = htonl(status);
     std::string payload(sizeof word, '\0');
     std::memcpy(payload.data(), &word, sizeof word);
@@ -85,15 +88,16 @@ bool answer(const Incoming &request, std::uint32_t opcode, std::uint32_t status,
 }
 
 void drop(const Incoming &incoming, const char *why) {
-    log_error("message %u of process %d, %u octets, dropped: %s", incoming.message->opcode, incoming.peer.pid, incoming.message->length,
-              why);
+    log_error("message %u of process %d, %u octets, dropped: %s", incoming.message->opcode,
+              incoming.peer.pid, incoming.message->length, why);
 }
 
 } // namespace
 
 Warden::Warden() : server_(MSGBUS_SAP_WARDEN), signals_(signals_that_are_read()) {
     if (std::filesystem::exists(unfinished_mark())) {
-        log_error("an action was not finished when the system manager ended; the agent is told that it failed");
+        log_error("an action was not finished when the system manager ended; the agent is told "
+                  "that it failed");
         agent_.ended(warden_err_given_up);
         forget_unfinished();
     }
@@ -101,10 +105,13 @@ Warden::Warden() : server_(MSGBUS_SAP_WARDEN), signals_(signals_that_are_read())
 
 void Warden::run() {
     while (!is_told_to_end_ || current_ || agent_.has_waiting()) {
-        // Requests that come too late are not served: they must not wake it either, again and again.
-        std::array<pollfd, 2> sources{{{signals_.get(), POLLIN, 0}, {is_told_to_end_ ? -1 : server_.fd(), POLLIN, 0}}};
+        // Requests that come too late are not served: they must not wake it either, again and
+        // again.
+        std::array<pollfd, 2> sources{
+            {{signals_.get(), POLLIN, 0}, {is_told_to_end_ ? -1 : server_.fd(), POLLIN, 0}}};
         ::poll(sources.data(), sources.size(), time_to_wait());
-        for (signalfd_siginfo told; ::read(signals_.get(), &told, sizeof told) == static_cast<ssize_t>(sizeof told);) {
+        for (signalfd_siginfo told;
+             ::read(signals_.get(), &told, sizeof told) == static_cast<ssize_t>(sizeof told);) {
             if (told.ssi_signo != SIGCHLD) {
                 is_told_to_end_ = true;
             }
@@ -129,7 +136,8 @@ void Warden::run() {
 // Milliseconds for poll(2).
 int Warden::time_to_wait() const {
     constexpr int soon = 100;
-    const bool has_deadline = agent_.has_waiting() || (current_ && (current_->is_given_up || is_told_to_end_));
+    const bool has_deadline =
+        agent_.has_waiting() || (current_ && (current_->is_given_up || is_told_to_end_));
     return has_deadline ? soon : -1;
 }
 
@@ -158,8 +166,9 @@ void Warden::take_request(Incoming incoming) {
     warden_cfg_action request{};
     std::memcpy(&request, incoming.message->words.data(), sizeof request);
     const Action action = action_of(request);
-    log_notice("save to the %s asked by user \"%s\", session \"%s\", process %d", name_of(action.scope), action.user.c_str(),
-               action.session.c_str(), incoming.peer.pid);
+    log_notice("save to the %s asked by user \"%s\", session \"%s\", process %d",
+               name_of(action.scope), action.user.c_str(), action.session.c_str(),
+               incoming.peer.pid);
     std::uint32_t refusal = 0;
     if (!is_known(request)) {
         refusal = warden_err_request;
@@ -232,14 +241,17 @@ void Warden::end(const ActionOutcome &outcome) {
     forget_unfinished();
     const Work work = std::move(*current_);
     current_.reset();
-    const auto duration = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - work.began).count();
+    const auto duration =
+        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - work.began).count();
     if (outcome.status == 0) {
         log_notice("%s, %lld ms%s", outcome.text.c_str(), static_cast<long long>(duration),
                    work.is_given_up ? ": too late to be given up" : "");
     } else {
-        log_error("not saved to the %s, %lld ms: %s", name_of(work.action.scope), static_cast<long long>(duration), outcome.text.c_str());
+        log_error("not saved to the %s, %lld ms: %s", name_of(work.action.scope),
+                  static_cast<long long>(duration), outcome.text.c_str());
     }
-    // The row of an action that was given up is gone: a message about its end would be taken for another's.
+    // The row of an action that was given up is gone: a message about its end would be taken for
+    // another's.
     if (!work.is_given_up) {
         agent_.ended(outcome.status);
         answer(work.request, MSGBUS_OPC_WARDEN_CFG_ACTION_END, outcome.status, outcome.text);

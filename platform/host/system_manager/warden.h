@@ -2,7 +2,8 @@
 // Used by: agent, programs.
 // May use: base, copy_client, history, bus, device, fabric, platform.
 //
-// The system manager: takes configuration actions from the message bus, one at a time, and tells the agent when they begin and end.
+// The system manager: takes configuration actions from the message bus, one at a time, and tells
+// the agent when they begin and end.
 #pragma once
 
 #include "base/unique_fd.h"
@@ -18,8 +19,9 @@ namespace ulmo {
 
 class Warden {
   public:
-    // Serves from here on; an action that an earlier system manager left unfinished is reported to the agent as failed. Blocks the signals
-    // that run() reads. Throws std::system_error, with EADDRINUSE when another system manager runs.
+    // Serves from here on; an action that an earlier system manager left unfinished is reported to
+    // the agent as failed. Blocks the signals that run() reads. Throws std::system_error, with
+    // EADDRINUSE when another system manager runs.
     Warden();
 
     // Until SIGTERM or SIGINT; an action that runs then is given up, and the agent still told.
@@ -44,7 +46,7 @@ class Warden {
     void collect();
     void end(const ActionOutcome &outcome);
     void give_up_current();
-    int time_to_wait() const;
+    [[nodiscard]] int time_to_wait() const;
 
     MsgbusServer server_;
     AgentLine agent_;
@@ -54,8 +56,9 @@ class Warden {
     bool is_told_to_end_ = false;
 };
 
-// The switch starts with this system manager: the startup configuration becomes the running configuration. Does nothing when the switch has
-// been started already, that is, when a system manager before this one did it since the machine booted. Throws as the device does.
+// The switch starts with this system manager: the startup configuration becomes the running
+// configuration. Does nothing when the switch has been started already, that is, when a system
+// manager before this one did it since the machine booted. Throws as the device does.
 void start_switch();
 
 } // namespace ulmo

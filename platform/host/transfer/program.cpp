@@ -1,4 +1,5 @@
-// The programs that a copy runs: when one has ended, the file that it named is measured for the copy's report.
+// The programs that a copy runs: when one has ended, the file that it named is measured for the
+// copy's report.
 #include "base/c_boundary.h"
 #include "base/process.h"
 #include "platform/host/history/copy_report.h"

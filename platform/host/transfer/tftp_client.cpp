@@ -33,11 +33,13 @@ extern "C" int tftp_connect(const char *server, int port) {
 }
 
 extern "C" int tftp_put2(const char *local, const char *remote, int flags) {
-    return checked(local != nullptr && remote != nullptr && flags == 0, [&] { return ulmo::put(session(), local, remote); });
+    return checked(local != nullptr && remote != nullptr && flags == 0,
+                   [&] { return ulmo::put(session(), local, remote); });
 }
 
 extern "C" int tftp_get2(const char *remote, const char *local, int flags) {
-    return checked(local != nullptr && remote != nullptr && flags == 0, [&] { return ulmo::get(session(), remote, local); });
+    return checked(local != nullptr && remote != nullptr && flags == 0,
+                   [&] { return ulmo::get(session(), remote, local); });
 }
 
 extern "C" const char *tftp_strerror(int error) {

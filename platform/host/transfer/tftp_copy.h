@@ -11,7 +11,8 @@
 
 namespace ulmo {
 
-// Each as the session's own function, whose result it returns after it was reported (copy_report.h).
+// Each as the session's own function, whose result it returns after it was reported
+// (copy_report.h).
 int set_timeout(tftp::Session &session, int seconds);
 int connect(tftp::Session &session, const std::string &server, int port);
 int put(tftp::Session &session, const std::string &local, const std::string &remote);

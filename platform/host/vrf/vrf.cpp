@@ -36,8 +36,11 @@ constexpr int no_vrf = -1;
 
 // A name is one component of a path and one line of the directory file.
 bool is_valid_name(std::string_view name) {
-    const auto is_unfit = [](char c) { return c == '/' || static_cast<unsigned char>(c) < ' ' || c == '\x7f'; };
-    return !name.empty() && name.size() <= 255 && name != "." && name != ".." && std::none_of(name.begin(), name.end(), is_unfit);
+    const auto is_unfit = [](char c) {
+        return c == '/' || static_cast<unsigned char>(c) < ' ' || c == '\x7f';
+    };
+    return !name.empty() && name.size() <= 255 && name != "." && name != ".." &&
+           std::none_of(name.begin(), name.end(), is_unfit);
 }
 
 // The network namespace of that name; an empty descriptor, with errno set, when there is none.
@@ -60,10 +63,12 @@ bool is_vrf_device(const std::string &name) {
     name.copy(request.ifr_name, sizeof request.ifr_name - 1);
     request.ifr_data = static_cast<char *>(static_cast<void *>(&information));
     const UniqueFd any_socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    return any_socket && ::ioctl(any_socket.get(), SIOCETHTOOL, &request) == 0 && std::strcmp(information.driver, "vrf") == 0;
+    return any_socket && ::ioctl(any_socket.get(), SIOCETHTOOL, &request) == 0 &&
+           std::strcmp(information.driver, "vrf") == 0;
 }
 
-// The numbers that were given out: lines of number, blank and name in a file of the state directory, under a lock while it is open.
+// The numbers that were given out: lines of number, blank and name in a file of the state
+// directory, under a lock while it is open.
 class Directory {
   public:
     Directory() : path_(state_dir() / "vrfs"), file_(opened(path_)) {
@@ -83,13 +88,15 @@ class Directory {
     }
 
     [[nodiscard]] std::optional<std::string> name_of(int id) const {
-        const auto found = std::find_if(entries_.begin(), entries_.end(), [id](const Entry &entry) { return entry.id == id; });
+        const auto found = std::find_if(entries_.begin(), entries_.end(),
+                                        [id](const Entry &entry) { return entry.id == id; });
         return found == entries_.end() ? std::nullopt : std::optional<std::string>(found->name);
     }
 
     // The number of that name, a new one when it has none yet.
     int id_of(const std::string &name) {
-        const auto found = std::find_if(entries_.begin(), entries_.end(), [&](const Entry &entry) { return entry.name == name; });
+        const auto found = std::find_if(entries_.begin(), entries_.end(),
+                                        [&](const Entry &entry) { return entry.name == name; });
         if (found != entries_.end()) {
             return found->id;
         }
@@ -142,7 +149,8 @@ std::optional<std::string> vrf_name(int id) {
     if (id == ordinary_id) {
         return std::string(ordinary_name);
     }
-    return result_or(std::optional<std::string>(), [id] { return id < first_id ? std::nullopt : Directory().name_of(id); });
+    return result_or(std::optional<std::string>(),
+                     [id] { return id < first_id ? std::nullopt : Directory().name_of(id); });
 }
 
 std::optional<std::string> vrf_device(const std::string &name) {
@@ -158,10 +166,12 @@ bool enter_vrf(const std::string &name, std::string *why) {
         reason = "not a VRF name";
     } else if (const UniqueFd network = open_namespace(name); network) {
         if (::setns(network.get(), CLONE_NEWNET) != 0) {
-            reason = "cannot enter the network namespace " + name + ": " + std::generic_category().message(errno);
+            reason = "cannot enter the network namespace " + name + ": " +
+                     std::generic_category().message(errno);
         }
     } else if (const int error = errno; error != ENOENT) {
-        reason = "cannot open the network namespace " + name + ": " + std::generic_category().message(error);
+        reason = "cannot open the network namespace " + name + ": " +
+                 std::generic_category().message(error);
     } else if (name != ordinary_name && !is_vrf_device(name)) {
         reason = "there is no VRF " + name;
     }

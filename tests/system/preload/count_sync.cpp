@@ -1,7 +1,9 @@
-// count_sync: preloaded into a program (LD_PRELOAD), notes the order in which it brings files to the disk.
+// count_sync: preloaded into a program (LD_PRELOAD), notes the order in which it brings files to
+// the disk.
 //
-// Appends a line to the file $COUNT_SYNC_LOG for each call that opened a file for writing, wrote to one, synced, renamed or removed one, by
-// this process or by its children: "open PATH", "write PATH", "sync PATH", "rename OLD NEW", "remove PATH". Only paths below the directory
+// Appends a line to the file $COUNT_SYNC_LOG for each call that opened a file for writing, wrote to
+// one, synced, renamed or removed one, by this process or by its children: "open PATH", "write
+// PATH", "sync PATH", "rename OLD NEW", "remove PATH". Only paths below the directory
 // $COUNT_SYNC_ROOT are noted, and only calls that succeeded.
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -30,8 +32,10 @@ void note(const std::string &line) {
         return;
     }
     const int saved_errno = errno;
-    const long file = ::syscall(SYS_openat, AT_FDCWD, log, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
-    if (file < 0 || ::syscall(SYS_write, file, (line + "\n").data(), line.size() + 1) != static_cast<long>(line.size()) + 1) {
+    const long file =
+        ::syscall(SYS_openat, AT_FDCWD, log, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+    if (file < 0 || ::syscall(SYS_write, file, (line + "\n").data(), line.size() + 1) !=
+                        static_cast<long>(line.size()) + 1) {
         std::abort(); // a log with gaps would prove what is not so
     }
     ::syscall(SYS_close, file);
@@ -40,7 +44,8 @@ void note(const std::string &line) {
 
 std::string path_of(int file) {
     std::array<char, PATH_MAX> path{};
-    const ssize_t length = ::readlink(("/proc/self/fd/" + std::to_string(file)).c_str(), path.data(), path.size());
+    const ssize_t length =
+        ::readlink(("/proc/self/fd/" + std::to_string(file)).c_str(), path.data(), path.size());
     return {path.data(), length > 0 ? static_cast<std::size_t>(length) : 0};
 }
 
@@ -128,7 +133,8 @@ int rename(const char *from, const char *to) noexcept {
 }
 
 int renameat(int from_directory, const char *from, int to_directory, const char *to) noexcept {
-    return noted_rename(next(renameat, "renameat")(from_directory, from, to_directory, to), from, to);
+    return noted_rename(next(renameat, "renameat")(from_directory, from, to_directory, to), from,
+                        to);
 }
 
 int unlink(const char *path) noexcept {

@@ -1,10 +1,13 @@
-// link_relay: a cable with properties. Makes two TAP devices and carries Ethernet frames between them, each after a delay, some not at all.
+// link_relay: a cable with properties. Makes two TAP devices and carries Ethernet frames between
+// them, each after a delay, some not at all.
 //
-//   link_relay --tun DEVICE --left NAME --right NAME [--delay MS] [--loss PERCENT] [--rate KBIT] [--cut-after BYTES] [--seed N]
+//   link_relay --tun DEVICE --left NAME --right NAME [--delay MS] [--loss PERCENT] [--rate KBIT]
+//   [--cut-after BYTES] [--seed N]
 //
-// Every property holds for each direction by itself. `--cut-after` ends the carrying for good in both directions once so many octets of
-// frames have entered the cable. The same seed loses the same frames of a direction, counted from the first. Prints "ready" when both
-// devices are there; they may then be moved to other network namespaces. Ends with SIGTERM.
+// Every property holds for each direction by itself. `--cut-after` ends the carrying for good in
+// both directions once so many octets of frames have entered the cable. The same seed loses the
+// same frames of a direction, counted from the first. Prints "ready" when both devices are there;
+// they may then be moved to other network namespaces. Ends with SIGTERM.
 #include <fcntl.h>
 #include <linux/if.h>
 #include <linux/if_tun.h>
@@ -39,7 +42,8 @@ namespace {
 using Clock = std::chrono::steady_clock; // CLOCK_MONOTONIC, the clock of the timer
 
 constexpr std::size_t largest_frame = 65536; // TAP never hands over more at a time
-constexpr std::size_t queue_frames = 4096;   // what the cable holds; more is lost, as in a switch with full buffers
+constexpr std::size_t queue_frames =
+    4096; // what the cable holds; more is lost, as in a switch with full buffers
 
 [[noreturn]] void fail(const char *what) {
     throw std::system_error(errno, std::generic_category(), what);
@@ -80,18 +84,20 @@ Descriptor open_tap(const std::string &device, std::string_view name) {
 
 struct Properties {
     std::chrono::microseconds delay{0};
-    double loss = 0;                               // 0 to 1
-    double octets_per_second = 0;                  // 0: no limit
-    std::optional<std::uint64_t> octets_until_cut; // left of the cable's life, both directions together
+    double loss = 0;              // 0 to 1
+    double octets_per_second = 0; // 0: no limit
+    std::optional<std::uint64_t>
+        octets_until_cut; // left of the cable's life, both directions together
     std::uint32_t seed = 1;
 };
 
-// One direction of the cable. Frames leave in the order in which they came, as the delay is the same for all.
+// One direction of the cable. Frames leave in the order in which they came, as the delay is the
+// same for all.
 class Direction {
   public:
     Direction(int from, int to, const Properties &properties, std::uint32_t seed)
-        : from_(from), to_(to), delay_(properties.delay), octets_per_second_(properties.octets_per_second), lost_(properties.loss),
-          random_(seed) {}
+        : from_(from), to_(to), delay_(properties.delay),
+          octets_per_second_(properties.octets_per_second), lost_(properties.loss), random_(seed) {}
 
     int from() const { return from_; }
 
@@ -124,8 +130,8 @@ class Direction {
             const auto now = Clock::now();
             sent_ = std::max(sent_, now);
             if (octets_per_second_ > 0) {
-                sent_ += std::chrono::duration_cast<Clock::duration>(
-                    std::chrono::duration<double>(static_cast<double>(octets) / octets_per_second_));
+                sent_ += std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(
+                    static_cast<double>(octets) / octets_per_second_));
             }
             queue_.push_back({sent_ + delay_, {frame.data(), frame.data() + octets}});
         }
@@ -135,8 +141,10 @@ class Direction {
     void release(Clock::time_point now) {
         while (!queue_.empty() && queue_.front().departure <= now) {
             const auto &octets = queue_.front().octets;
-            // EIO: the device is down; EAGAIN and ENOBUFS: its queue is full. The frame is lost, as on any link.
-            if (::write(to_, octets.data(), octets.size()) < 0 && errno != EIO && errno != EAGAIN && errno != ENOBUFS && errno != EINTR) {
+            // EIO: the device is down; EAGAIN and ENOBUFS: its queue is full. The frame is lost, as
+            // on any link.
+            if (::write(to_, octets.data(), octets.size()) < 0 && errno != EIO && errno != EAGAIN &&
+                errno != ENOBUFS && errno != EINTR) {
                 fail("writing a frame");
             }
             queue_.pop_front();
@@ -177,7 +185,8 @@ void set_alarm(int timer, std::optional<Clock::time_point> when) {
     if (timer.get() < 0) {
         fail("timerfd_create");
     }
-    Direction directions[] = {{left.get(), right.get(), cable, cable.seed}, {right.get(), left.get(), cable, cable.seed + 1}};
+    Direction directions[] = {{left.get(), right.get(), cable, cable.seed},
+                              {right.get(), left.get(), cable, cable.seed + 1}};
     pollfd events[] = {{left.get(), POLLIN, 0}, {right.get(), POLLIN, 0}, {timer.get(), POLLIN, 0}};
     for (;;) {
         std::optional<Clock::time_point> alarm;
@@ -198,11 +207,14 @@ void set_alarm(int timer, std::optional<Clock::time_point> when) {
     }
 }
 
-template <typename Number> Number number(std::string_view option, std::string_view text, Number most) {
+template <typename Number>
+Number number(std::string_view option, std::string_view text, Number most) {
     Number value{};
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (error != std::errc{} || end != text.data() + text.size() || value < Number{} || value > most) {
-        throw std::invalid_argument(std::string(option) + ": not a number in its range: " + std::string(text));
+    if (error != std::errc{} || end != text.data() + text.size() || value < Number{} ||
+        value > most) {
+        throw std::invalid_argument(std::string(option) +
+                                    ": not a number in its range: " + std::string(text));
     }
     return value;
 }
@@ -225,7 +237,8 @@ int run(std::span<char *> words) {
         } else if (option == "--right") {
             right = value;
         } else if (option == "--delay") {
-            cable.delay = std::chrono::microseconds(static_cast<std::int64_t>(number<double>(option, value, 60'000) * 1000));
+            cable.delay = std::chrono::microseconds(
+                static_cast<std::int64_t>(number<double>(option, value, 60'000) * 1000));
         } else if (option == "--loss") {
             cable.loss = number<double>(option, value, 100) / 100;
         } else if (option == "--rate") {

@@ -29,8 +29,10 @@ class HostConfig : public testing::Test {
 TEST_F(HostConfig, FoldersAreMadeWithWhatIsAboveThem) {
     EXPECT_EQ(ulmo::state_dir(), above() / "state" / "folder");
     EXPECT_EQ(ulmo::run_dir(), above() / "run" / "folder");
-    EXPECT_EQ(Scratch::status_of(ulmo::state_dir()).st_mode, S_IFDIR | 0700U) << "the owner's alone";
-    EXPECT_EQ(Scratch::status_of(ulmo::run_dir()).st_mode, S_IFDIR | 0755U) << "everybody may knock at what is in there";
+    EXPECT_EQ(Scratch::status_of(ulmo::state_dir()).st_mode, S_IFDIR | 0700U)
+        << "the owner's alone";
+    EXPECT_EQ(Scratch::status_of(ulmo::run_dir()).st_mode, S_IFDIR | 0755U)
+        << "everybody may knock at what is in there";
 }
 
 TEST_F(HostConfig, APathAloneMakesNothing) {

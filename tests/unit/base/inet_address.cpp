@@ -34,7 +34,8 @@ TEST(InetAddress, ReadsIpv6) {
 }
 
 TEST(InetAddress, WritesTheUsualForms) {
-    for (const std::string text : {"0.0.0.0", "255.255.255.255", "::", "::1", "2001:db8::5", "fe80::1:2", "::ffff:192.0.2.1"}) {
+    for (const std::string text : {"0.0.0.0", "255.255.255.255", "::", "::1", "2001:db8::5",
+                                   "fe80::1:2", "::ffff:192.0.2.1"}) {
         inet_address address;
         ASSERT_EQ(ip_addr_from_str(text.c_str(), &address), 0) << text;
         EXPECT_EQ(text_of(address), text);
@@ -42,8 +43,9 @@ TEST(InetAddress, WritesTheUsualForms) {
 }
 
 TEST(InetAddress, RefusesWhatIsNoAddressAndLeavesTheOldOne) {
-    const std::vector<const char *> texts = {"",    " ",         "1.2.3", "1.2.3.4.5",   "256.1.1.1",  " 1.2.3.4",      "1.2.3.4 ",
-                                             "1.2", "0x1.2.3.4", "host",  "2001:db8::g", "fe80::1%lo", "1:2:3:4:5:6:7", "1::2::3"};
+    const std::vector<const char *> texts = {
+        "",    " ",         "1.2.3", "1.2.3.4.5",   "256.1.1.1",  " 1.2.3.4",      "1.2.3.4 ",
+        "1.2", "0x1.2.3.4", "host",  "2001:db8::g", "fe80::1%lo", "1:2:3:4:5:6:7", "1::2::3"};
     for (const char *text : texts) {
         inet_address address{77, {1, 2, 3}};
         EXPECT_EQ(ip_addr_from_str(text, &address), EINVAL) << text;
@@ -81,7 +83,8 @@ TEST(InetAddress, HasNoTextForOtherTypes) {
 
 TEST(InetAddress, OctetsAsText) {
     EXPECT_EQ(ulmo::address_text(std::string_view("\xc0\x00\x02\x11", 4)), "192.0.2.17");
-    EXPECT_EQ(ulmo::address_text(std::string("\x20\x01\x0d\xb8", 4) + std::string(11, '\0') + '\5'), "2001:db8::5");
+    EXPECT_EQ(ulmo::address_text(std::string("\x20\x01\x0d\xb8", 4) + std::string(11, '\0') + '\5'),
+              "2001:db8::5");
     EXPECT_EQ(ulmo::address_text("123"), "?");
     EXPECT_EQ(ulmo::address_text(""), "?");
     inet_address address{};

@@ -19,7 +19,8 @@ unsigned comparisons = 0;
 
 std::int8_t compare_rows(const void *a, const void *b) {
     ++comparisons;
-    return static_cast<std::int8_t>(INTCMP(static_cast<const Row *>(b)->index, static_cast<const Row *>(a)->index));
+    return static_cast<std::int8_t>(
+        INTCMP(static_cast<const Row *>(b)->index, static_cast<const Row *>(a)->index));
 }
 std::int8_t compare_backwards(const void *a, const void *b) {
     return compare_rows(b, a);
@@ -29,7 +30,9 @@ class KeyedSet : public testing::Test {
   protected:
     ~KeyedSet() override { keyedset_destroy(&set); }
 
-    void create(keyedset_compare compare = compare_rows) { ASSERT_EQ(keyedset_create(&set, 1, 1, compare, 1), KEYEDSET_CREATED); }
+    void create(keyedset_compare compare = compare_rows) {
+        ASSERT_EQ(keyedset_create(&set, 1, 1, compare, 1), KEYEDSET_CREATED);
+    }
     void *add(Row &row) { return keyedset_add(&set, &row, &row); }
     [[nodiscard]] void *find(std::int32_t index) const {
         const Row key{index};
@@ -135,7 +138,8 @@ TEST_F(KeyedSet, CreateIsRefusedOnlyWhileTheContainerHoldsObjects) {
     Row high{2};
     add(low);
     add(high);
-    EXPECT_EQ(keyedset_find_nth_obj(&set, 1), &high) << "an empty container is made anew, with the new comparator";
+    EXPECT_EQ(keyedset_find_nth_obj(&set, 1), &high)
+        << "an empty container is made anew, with the new comparator";
     EXPECT_NE(keyedset_create(&set, 1, 1, compare_rows, 1), KEYEDSET_CREATED);
     EXPECT_EQ(keyedset_size(&set), 2U);
     keyedset_destroy(&set);
@@ -161,7 +165,8 @@ TEST_F(KeyedSet, LookUpsStayLogarithmic) {
     }
     ASSERT_EQ(keyedset_size(&set), static_cast<std::uint32_t>(count));
 
-    // A red-black tree of n nodes is at most 2 log2(n + 1) high: 34 here, and one more comparison settles equality.
+    // A red-black tree of n nodes is at most 2 log2(n + 1) high: 34 here, and one more comparison
+    // settles equality.
     constexpr unsigned most = 36;
     const auto costs = [&](auto look_up) {
         comparisons = 0;
@@ -172,7 +177,11 @@ TEST_F(KeyedSet, LookUpsStayLogarithmic) {
         const auto at = static_cast<std::size_t>(i);
         EXPECT_LE(costs([&] { EXPECT_EQ(find(2 * i), &rows[at]); }), most);
         EXPECT_LE(costs([&] { EXPECT_EQ(next(2 * i - 1), &rows[at]); }), most);
-        EXPECT_EQ(costs([&] { EXPECT_EQ(keyedset_find_nth_obj(&set, static_cast<std::uint32_t>(i) + 1), &rows[at]); }), 0U);
+        EXPECT_EQ(costs([&] {
+                      EXPECT_EQ(keyedset_find_nth_obj(&set, static_cast<std::uint32_t>(i) + 1),
+                                &rows[at]);
+                  }),
+                  0U);
     }
 }
 
@@ -202,7 +211,8 @@ TEST_F(KeyedSet, AgreesWithASortedListThroughManyChanges) {
         }
         ASSERT_EQ(keyedset_size(&set), model.size());
         const auto n = random() % (model.size() + 1);
-        ASSERT_EQ(keyedset_find_nth_obj(&set, static_cast<std::uint32_t>(n) + 1), n < model.size() ? model[n] : nullptr);
+        ASSERT_EQ(keyedset_find_nth_obj(&set, static_cast<std::uint32_t>(n) + 1),
+                  n < model.size() ? model[n] : nullptr);
     }
 }
 

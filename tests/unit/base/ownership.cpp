@@ -1,5 +1,5 @@
-// The superuser, as whom the agent loads its modules and administrators type commands, leaves nothing that the platform's own user can't
-// open.
+// The superuser, as whom the agent loads its modules and administrators type commands, leaves
+// nothing that the platform's own user can't open.
 #include "base/ownership.h"
 
 #include "base/replaced_file.h"
@@ -93,13 +93,15 @@ class Ownership : public testing::Test {
 
 TEST_F(Ownership, AReplacedFileAndALockBelongToTheFoldersOwner) {
     {
-        const ulmo::FileLock lock(folder_ / "lock", ulmo::FileLock::Mode::exclusive, std::chrono::milliseconds(0));
+        const ulmo::FileLock lock(folder_ / "lock", ulmo::FileLock::Mode::exclusive,
+                                  std::chrono::milliseconds(0));
         ulmo::replace_state_file(file_, "text");
     }
     expect_given(file_);
     expect_given(folder_ / "lock");
     EXPECT_TRUE(holds_for_platform_user([this] {
-        const ulmo::FileLock lock(folder_ / "lock", ulmo::FileLock::Mode::exclusive, std::chrono::milliseconds(0));
+        const ulmo::FileLock lock(folder_ / "lock", ulmo::FileLock::Mode::exclusive,
+                                  std::chrono::milliseconds(0));
         if (ulmo::read_state_file(file_, 100) != "text") {
             throw std::runtime_error("another text");
         }
@@ -175,7 +177,9 @@ TEST_F(Ownership, NothingIsMadeThatTheFoldersOwnerCouldNotMake) {
     std::ofstream(others) << "secret";
     ASSERT_EQ(::chmod(others.c_str(), 0600), 0);
     std::filesystem::create_hard_link(others, folder_ / "lock");
-    EXPECT_THROW(ulmo::FileLock(folder_ / "lock", ulmo::FileLock::Mode::exclusive, std::chrono::milliseconds(0)), std::system_error);
+    EXPECT_THROW(ulmo::FileLock(folder_ / "lock", ulmo::FileLock::Mode::exclusive,
+                                std::chrono::milliseconds(0)),
+                 std::system_error);
     expect_superusers(others);
 }
 
@@ -202,7 +206,8 @@ TEST_F(Ownership, NothingIsRemovedThatTheFoldersOwnerCouldNotRemove) {
     siginfo_t information{};
     ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(worker), &information, WEXITED | WNOWAIT), 0);
     EXPECT_TRUE(workers.reap(worker));
-    EXPECT_TRUE(std::filesystem::exists(ulmo::worker_directory(worker) / "superusers" / "4")) << "with a worker";
+    EXPECT_TRUE(std::filesystem::exists(ulmo::worker_directory(worker) / "superusers" / "4"))
+        << "with a worker";
 }
 
 TEST_F(Ownership, TheSuperuserIsHimselfAgainAfterwards) {

@@ -35,9 +35,12 @@ Thrown thrown_by(const std::function<void()> &call) {
 TEST(Posix, AnErrorSaysWhatFailedAndWhy) {
     EXPECT_EQ(thrown_by([] { ulmo::throw_error(ENOENT, "cannot open", "/a"); }),
               (Thrown{ENOENT, "cannot open /a: No such file or directory"}));
-    EXPECT_EQ(thrown_by([] { ulmo::throw_error(ENOENT, "signals"); }), (Thrown{ENOENT, "signals: No such file or directory"}));
-    EXPECT_EQ(thrown_by([] { ulmo::throw_error(ENOENT, {}, "/a"); }), (Thrown{ENOENT, "/a: No such file or directory"}));
-    EXPECT_EQ(thrown_by([] { ulmo::throw_error(ENOENT); }), (Thrown{ENOENT, "No such file or directory"}));
+    EXPECT_EQ(thrown_by([] { ulmo::throw_error(ENOENT, "signals"); }),
+              (Thrown{ENOENT, "signals: No such file or directory"}));
+    EXPECT_EQ(thrown_by([] { ulmo::throw_error(ENOENT, {}, "/a"); }),
+              (Thrown{ENOENT, "/a: No such file or directory"}));
+    EXPECT_EQ(thrown_by([] { ulmo::throw_error(ENOENT); }),
+              (Thrown{ENOENT, "No such file or directory"}));
     EXPECT_EQ(thrown_by([] { errno = EACCES, ulmo::throw_errno("cannot open", "/a"); }),
               (Thrown{EACCES, "cannot open /a: Permission denied"}));
 }
@@ -45,7 +48,8 @@ TEST(Posix, AnErrorSaysWhatFailedAndWhy) {
 TEST(Posix, ACheckedCallThrowsWhenItFailed) {
     EXPECT_EQ(ulmo::check(7, "call"), 7);
     EXPECT_EQ(ulmo::check(ssize_t{0}, "call"), 0);
-    EXPECT_EQ(thrown_by([] { ulmo::check(::open("/", O_WRONLY), "cannot open", "/"); }), (Thrown{EISDIR, "cannot open /: Is a directory"}));
+    EXPECT_EQ(thrown_by([] { ulmo::check(::open("/", O_WRONLY), "cannot open", "/"); }),
+              (Thrown{EISDIR, "cannot open /: Is a directory"}));
 }
 
 TEST(Posix, AWholeFileIsReadFromWhereItStands) {
@@ -59,7 +63,8 @@ TEST(Posix, AWholeFileIsReadFromWhereItStands) {
     ASSERT_EQ(::lseek(file.get(), 5, SEEK_SET), 5);
     EXPECT_EQ(thrown_by([&] { ulmo::read_whole(file.get(), "it", content.size() - 1); }),
               (Thrown{EFBIG, "it is larger than 199999 octets: File too large"}));
-    EXPECT_EQ(thrown_by([] { ulmo::read_whole(-1, "it"); }), (Thrown{EBADF, "cannot read it: Bad file descriptor"}));
+    EXPECT_EQ(thrown_by([] { ulmo::read_whole(-1, "it"); }),
+              (Thrown{EBADF, "cannot read it: Bad file descriptor"}));
 }
 
 TEST(Posix, AllIsWrittenThatAPipeTakesInParts) {
@@ -75,7 +80,8 @@ TEST(Posix, AllIsWrittenThatAPipeTakesInParts) {
     reader.join();
     EXPECT_EQ(read, data);
     const ulmo::UniqueFd full(::open("/dev/full", O_WRONLY | O_CLOEXEC));
-    EXPECT_EQ(thrown_by([&] { ulmo::write_whole(full.get(), "x", "it"); }), (Thrown{ENOSPC, "cannot write it: No space left on device"}));
+    EXPECT_EQ(thrown_by([&] { ulmo::write_whole(full.get(), "x", "it"); }),
+              (Thrown{ENOSPC, "cannot write it: No space left on device"}));
     EXPECT_EQ(thrown_by([&] { ulmo::write_whole(full.get(), "", "it"); }), Thrown{});
 }
 
@@ -87,7 +93,8 @@ TEST(Posix, OnlyARegularFileHasAStatus) {
     EXPECT_EQ(thrown_by([&] { ulmo::regular_file_status(file.get(), "it", 4); }),
               (Thrown{EFBIG, "it is larger than 4 octets: File too large"}));
     const ulmo::UniqueFd folder(::open("/", O_RDONLY | O_CLOEXEC));
-    EXPECT_EQ(thrown_by([&] { ulmo::regular_file_status(folder.get(), "/"); }), (Thrown{EISDIR, "not a regular file: /: Is a directory"}));
+    EXPECT_EQ(thrown_by([&] { ulmo::regular_file_status(folder.get(), "/"); }),
+              (Thrown{EISDIR, "not a regular file: /: Is a directory"}));
     const ulmo::UniqueFd device(::open("/dev/null", O_RDONLY | O_CLOEXEC));
     EXPECT_EQ(thrown_by([&] { ulmo::regular_file_status(device.get(), "null"); }),
               (Thrown{EINVAL, "not a regular file: null: Invalid argument"}));

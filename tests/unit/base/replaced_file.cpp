@@ -85,7 +85,8 @@ TEST_P(ReplacedFileTest, AFailureNamesTheFile) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Manners, ReplacedFileTest, ::testing::Values(Manner::lasting, Manner::passing, Manner::unlocked));
+INSTANTIATE_TEST_SUITE_P(Manners, ReplacedFileTest,
+                         ::testing::Values(Manner::lasting, Manner::passing, Manner::unlocked));
 
 TEST_F(ReplacedFileTest, UnderALockLeftoversOfAKilledProcessGo) {
     Scratch::write(scratch_.state("file.new"), "left over");

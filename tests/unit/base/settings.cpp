@@ -26,7 +26,8 @@ namespace {
 using Texts = std::vector<std::string>;
 
 const ulmo::Setting &setting(std::string_view name) {
-    return *std::find_if(std::begin(ulmo::all_settings), std::end(ulmo::all_settings), [&](const auto &each) { return each.name == name; });
+    return *std::find_if(std::begin(ulmo::all_settings), std::end(ulmo::all_settings),
+                         [&](const auto &each) { return each.name == name; });
 }
 
 // What a call throws as SettingsError.
@@ -44,7 +45,8 @@ Texts told; // of one test
 // Tells whether a file was opened since it was asked last.
 class OpenWatch {
   public:
-    explicit OpenWatch(const std::filesystem::path &file) : events_(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
+    explicit OpenWatch(const std::filesystem::path &file)
+        : events_(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
         EXPECT_GE(::inotify_add_watch(events_.get(), file.c_str(), IN_OPEN), 0);
     }
     [[nodiscard]] bool is_opened() const {
@@ -60,12 +62,15 @@ class HostSettings : public testing::Test {
   protected:
     void SetUp() override {
         told.clear();
-        ulmo::tell_settings_problems_to([](const std::string &problem) { told.push_back(problem); });
+        ulmo::tell_settings_problems_to(
+            [](const std::string &problem) { told.push_back(problem); });
     }
     void TearDown() override { ulmo::tell_settings_problems_to(nullptr); }
 
     [[nodiscard]] std::filesystem::path file() const { return scratch.root() / "platform.conf"; }
-    [[nodiscard]] std::string line(int number) const { return file().string() + " line " + std::to_string(number) + ": "; }
+    [[nodiscard]] std::string line(int number) const {
+        return file().string() + " line " + std::to_string(number) + ": ";
+    }
     [[nodiscard]] std::string unreadable(const std::string &why) const {
         return file().string() + " can't be read: " + why + "; copies and saves fail";
     }
@@ -93,7 +98,9 @@ class HostSettings : public testing::Test {
 
 TEST_F(HostSettings, AMissingFileMeansDefaultsForAll) {
     for (const ulmo::Setting &each : ulmo::all_settings) {
-        EXPECT_EQ(ulmo::setting_values(each), each.fallback.empty() ? Texts{} : Texts{std::string(each.fallback)}) << each.name;
+        EXPECT_EQ(ulmo::setting_values(each),
+                  each.fallback.empty() ? Texts{} : Texts{std::string(each.fallback)})
+            << each.name;
         EXPECT_TRUE(ulmo::is_default(each)) << each.name;
     }
     EXPECT_NO_THROW(ulmo::require_settings());
@@ -105,7 +112,8 @@ TEST_F(HostSettings, AMissingFileMeansDefaultsForAll) {
 }
 
 TEST_F(HostSettings, ValuesAreTakenFromTheirLines) {
-    scratch.configure("# history = off\n\n  history\t=  all \r\nmsgbus_answer_limit=007\nagent_debug_file = /a b=c\nchassis_type =\n"
+    scratch.configure("# history = off\n\n  history\t=  all "
+                      "\r\nmsgbus_answer_limit=007\nagent_debug_file = /a b=c\nchassis_type =\n"
                       "msgbus_answer_limit = 8");
     EXPECT_EQ(ulmo::text_setting("history"), "all");
     EXPECT_EQ(ulmo::number_setting("msgbus_answer_limit"), 8) << "the last line counts";
@@ -117,10 +125,14 @@ TEST_F(HostSettings, ValuesAreTakenFromTheirLines) {
 }
 
 TEST_F(HostSettings, AListHasAllItsLines) {
-    EXPECT_EQ(values("startup_copy", "startup_copy = b\nstartup_copy = a\nstartup_copy = b\n"), (Texts{"b", "a", "b"}));
+    EXPECT_EQ(values("startup_copy", "startup_copy = b\nstartup_copy = a\nstartup_copy = b\n"),
+              (Texts{"b", "a", "b"}));
     EXPECT_EQ(values("startup_copy", "startup_copy =\n"), Texts{""});
-    EXPECT_EQ(values("vrf_context", "vrf_context = " + std::string(33, 'x') + "\nvrf_context = red\n"), Texts{"red"});
-    EXPECT_EQ(told, Texts{line(1) + "vrf_context = " + std::string(33, 'x') + ": must be 1 to 32 octets long; the line is ignored"});
+    EXPECT_EQ(
+        values("vrf_context", "vrf_context = " + std::string(33, 'x') + "\nvrf_context = red\n"),
+        Texts{"red"});
+    EXPECT_EQ(told, Texts{line(1) + "vrf_context = " + std::string(33, 'x') +
+                          ": must be 1 to 32 octets long; the line is ignored"});
 }
 
 TEST_F(HostSettings, YesAndNoHaveSixWordsInAnyCase) {
@@ -133,24 +145,35 @@ TEST_F(HostSettings, YesAndNoHaveSixWordsInAnyCase) {
     EXPECT_EQ(told, Texts{});
     for (const char *word : {"maybe", "", "0", "1", "y", "n", "none", "yes no", "yes,", ","}) {
         EXPECT_EQ(refusal([&] { value("ssh_accept_new_host_keys", word); }),
-                  line(1) + "ssh_accept_new_host_keys = " + word + ": must be yes or no; copies by SFTP and SCP fail");
+                  line(1) + "ssh_accept_new_host_keys = " + word +
+                      ": must be yes or no; copies by SFTP and SCP fail");
     }
 }
 
 TEST_F(HostSettings, ABadValueLeavesTheDefaultAndIsTold) {
-    scratch.configure("msgbus_answer_limit = 2s\n#\nhistory = erors\ntransfer_idle_limit = 0\ntransfer_time_limit = 1000000000\n"
+    scratch.configure("msgbus_answer_limit = 2s\n#\nhistory = erors\ntransfer_idle_limit = "
+                      "0\ntransfer_time_limit = 1000000000\n"
                       "history_kilobytes = 15\ndebug_print = off,\n");
     EXPECT_EQ(ulmo::number_setting("msgbus_answer_limit"), 2000);
     EXPECT_EQ(ulmo::text_setting("history"), "errors");
     EXPECT_EQ(ulmo::number_setting("transfer_idle_limit"), 30);
     EXPECT_EQ(ulmo::number_setting("transfer_time_limit"), 3600);
     EXPECT_EQ(ulmo::number_setting("history_kilobytes"), 512);
-    EXPECT_EQ(told, (Texts{line(1) + "msgbus_answer_limit = 2s: must be a number from 1 to 60000; the default 2000 is used",
-                           line(3) + "history = erors: must be one of all, errors, off; the default errors is used",
-                           line(4) + "transfer_idle_limit = 0: must be a number from 1 to 999999999; the default 30 is used",
-                           line(5) + "transfer_time_limit = 1000000000: must be a number from 1 to 999999999; the default 3600 is used",
-                           line(6) + "history_kilobytes = 15: must be a number from 16 to 1048576; the default 512 is used",
-                           line(7) + "debug_print = off,: must be one of all, errors, off; the default off is used"}));
+    EXPECT_EQ(
+        told,
+        (Texts{
+            line(1) + "msgbus_answer_limit = 2s: must be a number from 1 to 60000; the default "
+                      "2000 is used",
+            line(3) +
+                "history = erors: must be one of all, errors, off; the default errors is used",
+            line(4) + "transfer_idle_limit = 0: must be a number from 1 to 999999999; the default "
+                      "30 is used",
+            line(5) + "transfer_time_limit = 1000000000: must be a number from 1 to 999999999; the "
+                      "default 3600 is used",
+            line(6) + "history_kilobytes = 15: must be a number from 16 to 1048576; the default "
+                      "512 is used",
+            line(7) +
+                "debug_print = off,: must be one of all, errors, off; the default off is used"}));
     EXPECT_EQ(ulmo::settings_problems(), told);
 }
 
@@ -158,7 +181,8 @@ TEST_F(HostSettings, NumbersAreTakenUpToTheirBounds) {
     for (const char *number : {"1", "60000"}) {
         EXPECT_EQ(value("msgbus_answer_limit", number), number);
     }
-    for (const char *number : {"0", "60001", "-1", "+1", "1.5", "0x10", "1 2", "99999999999999999999"}) {
+    for (const char *number :
+         {"0", "60001", "-1", "+1", "1.5", "0x10", "1 2", "99999999999999999999"}) {
         EXPECT_EQ(value("msgbus_answer_limit", number), "2000") << number;
     }
 }
@@ -169,23 +193,30 @@ TEST_F(HostSettings, ABadValueThatGuardsSomethingIsRefused) {
     EXPECT_EQ(refusal([&] { value("device_backend", "remote"); }),
               line(1) + "device_backend = remote: must be embedded; copies and saves fail");
     EXPECT_EQ(refusal([&] { value("wwn", "00:00:00:00:00:00:00:00"); }),
-              line(1) +
-                  "wwn = 00:00:00:00:00:00:00:00: must be a world-wide name, such as 20:00:00:00:00:00:00:01; saves in the fabric fail");
-    EXPECT_EQ(refusal([&] { value("fabric_time_limit", "301"); }),
-              line(1) + "fabric_time_limit = 301: must be a number from 1 to 300; saves in the fabric fail");
+              line(1) + "wwn = 00:00:00:00:00:00:00:00: must be a world-wide name, such as "
+                        "20:00:00:00:00:00:00:01; saves in the fabric fail");
+    EXPECT_EQ(
+        refusal([&] { value("fabric_time_limit", "301"); }),
+        line(1) +
+            "fabric_time_limit = 301: must be a number from 1 to 300; saves in the fabric fail");
     scratch.configure("chassis_type = x\nchassis_type = 10\n");
-    EXPECT_EQ(ulmo::number_setting("chassis_type"), 10) << "the last line counts, and the other one is told";
-    EXPECT_EQ(told.back(), line(1) + "chassis_type = x: must be a number from 0 to 2147483647; copies fail");
+    EXPECT_EQ(ulmo::number_setting("chassis_type"), 10)
+        << "the last line counts, and the other one is told";
+    EXPECT_EQ(told.back(),
+              line(1) + "chassis_type = x: must be a number from 0 to 2147483647; copies fail");
 }
 
 TEST_F(HostSettings, WhatIsNoSettingIsToldWithoutItsValue) {
-    scratch.configure("chasis_type = 10\nfabric_auth_pasphrase = hush\nHistory = all\n= 5\nhush\nkey\x1b[2J = 5\n" + std::string(100, 'k') +
-                      " = 1\n");
+    scratch.configure("chasis_type = 10\nfabric_auth_pasphrase = hush\nHistory = all\n= "
+                      "5\nhush\nkey\x1b[2J = 5\n" +
+                      std::string(100, 'k') + " = 1\n");
     EXPECT_EQ(ulmo::text_setting("history"), "errors");
     const std::string ignored = ": unknown setting; the line is ignored";
-    EXPECT_EQ(told, (Texts{line(1) + "chasis_type" + ignored, line(2) + "fabric_auth_pasphrase" + ignored, line(3) + "History" + ignored,
-                           line(4) + ignored, line(5) + "no '='; the line is ignored", line(6) + "key?[2J" + ignored,
-                           line(7) + std::string(60, 'k') + "..." + ignored}));
+    EXPECT_EQ(told,
+              (Texts{line(1) + "chasis_type" + ignored, line(2) + "fabric_auth_pasphrase" + ignored,
+                     line(3) + "History" + ignored, line(4) + ignored,
+                     line(5) + "no '='; the line is ignored", line(6) + "key?[2J" + ignored,
+                     line(7) + std::string(60, 'k') + "..." + ignored}));
 }
 
 TEST_F(HostSettings, ProblemsAreToldOnceForEachChangeOfTheFile) {
@@ -225,7 +256,9 @@ TEST_F(HostSettings, AFileThatIsNotReadRefusesWhatItMayGuard) {
     const auto expect_refused = [&](const std::string &why) {
         EXPECT_EQ(refusal([] { ulmo::require_settings(); }), unreadable(why));
         for (const ulmo::Setting &each : ulmo::all_settings) {
-            EXPECT_EQ(refusal([&] { ulmo::setting_values(each); }), each.fails.empty() ? "accepted" : unreadable(why)) << each.name;
+            EXPECT_EQ(refusal([&] { ulmo::setting_values(each); }),
+                      each.fails.empty() ? "accepted" : unreadable(why))
+                << each.name;
         }
         EXPECT_EQ(ulmo::text_setting("history"), "errors") << "the log goes on";
         EXPECT_EQ(told, Texts{unreadable(why)});
@@ -248,7 +281,8 @@ TEST_F(HostSettings, AFileThatIsNotReadRefusesWhatItMayGuard) {
 
 TEST_F(HostSettings, ARelativePathIsRefused) {
     ::setenv("ULMO_CONF", "platform.conf", 1);
-    EXPECT_EQ(refusal([] { ulmo::require_settings(); }), "platform.conf can't be read: its path is not absolute; copies and saves fail");
+    EXPECT_EQ(refusal([] { ulmo::require_settings(); }),
+              "platform.conf can't be read: its path is not absolute; copies and saves fail");
 }
 
 TEST_F(HostSettings, AnotherUserReadsForItself) {
@@ -260,10 +294,13 @@ TEST_F(HostSettings, AnotherUserReadsForItself) {
     ask_until_it_is_read_no_more();
     EXPECT_EQ(ulmo::text_setting("history"), "all");
     const auto is_refused = [&] {
-        return ::setresuid(other, other, other) == 0 && refusal([] { ulmo::require_settings(); }) == unreadable("Permission denied") ? 0
-                                                                                                                                     : 1;
+        return ::setresuid(other, other, other) == 0 &&
+                       refusal([] { ulmo::require_settings(); }) == unreadable("Permission denied")
+                   ? 0
+                   : 1;
     };
-    EXPECT_EQ(host_test::in_child(is_refused), 0) << "what the superuser read before must not hold for the user it becomes";
+    EXPECT_EQ(host_test::in_child(is_refused), 0)
+        << "what the superuser read before must not hold for the user it becomes";
     ASSERT_EQ(::chmod(file().c_str(), 0644), 0);
     EXPECT_EQ(host_test::in_child(is_refused), 1);
 }
@@ -278,7 +315,8 @@ TEST_F(HostSettings, AnUnchangedFileIsNotReadAgain) {
     EXPECT_FALSE(watch.is_opened());
     // One that has just been written is: another change may bear the same time.
     bool is_read_again = false;
-    for (int i = 0; i < 50 && !is_read_again; ++i) { // a machine that stands still for 100 ms tells nothing
+    // a machine that stands still for 100 ms tells nothing
+    for (int i = 0; i < 50 && !is_read_again; ++i) {
         scratch.configure("history = all\n");
         EXPECT_EQ(ulmo::text_setting("history"), "all");
         EXPECT_TRUE(watch.is_opened());

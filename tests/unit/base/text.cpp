@@ -22,8 +22,10 @@ TEST(Text, APrintableCharacterIsWellFormedAndNoControl) {
     EXPECT_EQ(printable_length("\xc2\xa0x"), 2U);
     EXPECT_EQ(printable_length("\xe2\x82\xac"), 3U);
     EXPECT_EQ(printable_length("\xf0\x9f\x98\x80"), 4U);
-    for (const std::string_view none : {"\x1f", "\x7f", "\xc2\x9f", "\x80", "\xc1\xbf", "\xe0\x9f\xbf", "\xed\xa0\x80", "\xf0\x8f\xbf\xbf",
-                                        "\xf4\x90\x80\x80", "\xf5\x80\x80\x80", "\xe2\x82", "\xe2\x28\xa1", "\xff"}) {
+    for (const std::string_view none :
+         {"\x1f", "\x7f", "\xc2\x9f", "\x80", "\xc1\xbf", "\xe0\x9f\xbf", "\xed\xa0\x80",
+          "\xf0\x8f\xbf\xbf", "\xf4\x90\x80\x80", "\xf5\x80\x80\x80", "\xe2\x82", "\xe2\x28\xa1",
+          "\xff"}) {
         EXPECT_EQ(printable_length(none), 0U) << testing::PrintToString(none);
     }
     EXPECT_EQ(printable_length(std::string_view("\0", 1)), 0U);
@@ -55,7 +57,8 @@ TEST(Text, OctetsInHexadecimal) {
 }
 
 TEST(Text, AWorldWideNameOfAnyLength) {
-    EXPECT_EQ(ulmo::wwn_to_text(ulmo::Wwn{0x20, 0, 0, 0, 0, 0, 0, 0xa1}), "20:00:00:00:00:00:00:a1");
+    EXPECT_EQ(ulmo::wwn_to_text(ulmo::Wwn{0x20, 0, 0, 0, 0, 0, 0, 0xa1}),
+              "20:00:00:00:00:00:00:a1");
     EXPECT_EQ(ulmo::wwn_to_text(std::string_view("\x20\xa1")), "20:a1");
 }
 

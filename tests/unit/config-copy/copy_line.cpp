@@ -8,10 +8,11 @@ namespace {
 
 using config_copy::parsed_copy_line;
 
-constexpr char failed[] =
-    "2026-11-22T00:15:02Z request=7 started=4711 user=\"a=b \\\" request=8\" requester=192.0.2.1 from=running "
-    "to=tftp://192.0.2.20/x.cfg outcome=failed cause=general reason=\"no \\\"answer\\\" \\\\ yet\\x0a\\xc3\\xbc\" bytes=12 "
-    "seconds=0.12";
+constexpr char failed[] = "2026-11-22T00:15:02Z request=7 started=4711 user=\"a=b \\\" request=8\" "
+                          "requester=192.0.2.1 from=running "
+                          "to=tftp://192.0.2.20/x.cfg outcome=failed cause=general reason=\"no "
+                          "\\\"answer\\\" \\\\ yet\\x0a\\xc3\\xbc\" bytes=12 "
+                          "seconds=0.12";
 
 TEST(ManagerCopyLine, ReasonAndSizeOfTheRequest) {
     const auto line = parsed_copy_line(failed, 7, 4711);
@@ -27,7 +28,8 @@ TEST(ManagerCopyLine, AnotherRequestsLineIsNotMeant) {
 }
 
 TEST(ManagerCopyLine, WhatIsNotThereIsNotKnown) {
-    const auto line = parsed_copy_line("2026-11-22T00:15:02Z request=7 started=1 outcome=successful sha256=ab bytes=x", 7, 1);
+    const auto line = parsed_copy_line(
+        "2026-11-22T00:15:02Z request=7 started=1 outcome=successful sha256=ab bytes=x", 7, 1);
     ASSERT_TRUE(line);
     EXPECT_EQ(line->reason, "");
     EXPECT_EQ(line->bytes, std::nullopt);
@@ -37,9 +39,11 @@ TEST(ManagerCopyLine, WhatIsNotThereIsNotKnown) {
 // What an agent sends is not to be trusted.
 TEST(ManagerCopyLine, NoSuchLineIsNone) {
     for (const std::string text :
-         {"", "x", "x ", "x  request=7", "x request=7 started=1 reason=\"open", "x request=7 started=1 reason=\"open\\",
-          "x request=7 started=1 reason=\"open\\x", "x request=7 started=1 reason=\"a\"b", "x request=7 started=1 lonely",
-          "cmdshell: show copies: no manager has copied or saved anything since the switch started"}) {
+         {"", "x", "x ", "x  request=7", "x request=7 started=1 reason=\"open",
+          "x request=7 started=1 reason=\"open\\", "x request=7 started=1 reason=\"open\\x",
+          "x request=7 started=1 reason=\"a\"b", "x request=7 started=1 lonely",
+          "cmdshell: show copies: no manager has copied or saved anything since the switch "
+          "started"}) {
         EXPECT_FALSE(parsed_copy_line(text, 7, 1)) << text;
     }
 }

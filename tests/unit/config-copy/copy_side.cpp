@@ -24,7 +24,8 @@ TEST(CopySide, LocalFiles) {
     EXPECT_EQ(FileType::startup, parse_side("startup").type);
     EXPECT_EQ(FileType::fabric_startup, parse_side("fabric-startup").type);
     EXPECT_EQ(FileType::all_startup, parse_side("all-startup").type);
-    EXPECT_EQ("\"Running\" is neither running, startup, fabric-startup nor all-startup, nor a URL such as tftp://host/path",
+    EXPECT_EQ("\"Running\" is neither running, startup, fabric-startup nor all-startup, nor a URL "
+              "such as tftp://host/path",
               refusal("Running"));
 }
 
@@ -47,8 +48,10 @@ TEST(CopySide, Ipv6InBrackets) {
     const FileUrl url = parse_side("sftp://u@[2001:db8::20]/a").url;
     EXPECT_EQ("2001:db8::20", url.host);
     EXPECT_EQ("u", url.user);
-    EXPECT_EQ("write the IPv6 address in brackets, as in tftp://[2001:db8::1]/file", refusal("tftp://2001:db8::20/a"));
-    EXPECT_EQ("no ']' after the IPv6 address in \"tftp://[2001:db8::20/a\"", refusal("tftp://[2001:db8::20/a"));
+    EXPECT_EQ("write the IPv6 address in brackets, as in tftp://[2001:db8::1]/file",
+              refusal("tftp://2001:db8::20/a"));
+    EXPECT_EQ("no ']' after the IPv6 address in \"tftp://[2001:db8::20/a\"",
+              refusal("tftp://[2001:db8::20/a"));
     EXPECT_EQ("no host in \"tftp://[]/a\": write tftp://host/path", refusal("tftp://[]/a"));
 }
 
@@ -56,18 +59,25 @@ TEST(CopySide, PercentEncoding) {
     EXPECT_EQ("a b%/{c}", name_in("tftp://h/a%20b%25%2f%7Bc%7D"));
     EXPECT_EQ("j@d", parse_side("scp://j%40d@h/a").url.user);
     EXPECT_EQ("/etc/a", name_in("sftp://u@h//etc/a"));
-    const std::string digits = " two hexadecimal digits must follow each '%'; a '%' itself is written %25";
+    const std::string digits =
+        " two hexadecimal digits must follow each '%'; a '%' itself is written %25";
     EXPECT_EQ("in \"a%2\"" + digits, refusal("tftp://h/a%2"));
     EXPECT_EQ("in \"a%g0\"" + digits, refusal("tftp://h/a%g0"));
     EXPECT_EQ("in \"%\"" + digits, refusal("tftp://h/%"));
-    EXPECT_EQ("the file name has a control character: the switch takes none", refusal("tftp://h/a%00b"));
-    EXPECT_EQ("the user name has a control character: the switch takes none", refusal("scp://a%0a@h/b"));
+    EXPECT_EQ("the file name has a control character: the switch takes none",
+              refusal("tftp://h/a%00b"));
+    EXPECT_EQ("the user name has a control character: the switch takes none",
+              refusal("scp://a%0a@h/b"));
 }
 
 TEST(CopySide, Templates) {
     EXPECT_EQ("x/sw-1-2026-11-21.cfg", name_in("tftp://h/x/{host}-{date}.cfg"));
-    EXPECT_EQ("\"{hosts}\" can't be filled in: {host} and {date} can; a brace itself is written %7B or %7D", refusal("tftp://h/{hosts}"));
-    EXPECT_EQ("\"{host\" can't be filled in: {host} and {date} can; a brace itself is written %7B or %7D", refusal("tftp://h/{host"));
+    EXPECT_EQ("\"{hosts}\" can't be filled in: {host} and {date} can; a brace itself is written "
+              "%7B or %7D",
+              refusal("tftp://h/{hosts}"));
+    EXPECT_EQ(
+        "\"{host\" can't be filled in: {host} and {date} can; a brace itself is written %7B or %7D",
+        refusal("tftp://h/{host"));
     EXPECT_TRUE(has_template(parse_side("tftp://h/{host}").url, "host"));
     EXPECT_FALSE(has_template(parse_side("tftp://h/{date}").url, "host"));
     EXPECT_FALSE(has_template(parse_side("tftp://h/%7Bhost%7D").url, "host"));
@@ -79,10 +89,12 @@ TEST(CopySide, AValueIsNotDecoded) {
 
 TEST(CopySide, LengthOfNames) {
     EXPECT_EQ(128U, name_in("tftp://h/" + std::string(128, 'x')).size());
-    EXPECT_EQ("the file name \"" + std::string(129, 'x') + "\" is longer than the 128 octets that the switch takes",
+    EXPECT_EQ("the file name \"" + std::string(129, 'x') +
+                  "\" is longer than the 128 octets that the switch takes",
               refusal("tftp://h/" + std::string(129, 'x')));
     EXPECT_EQ(40U, parse_side("scp://" + std::string(40, 'u') + "@h/a").url.user.size());
-    EXPECT_EQ("the user name is longer than the 40 octets that the switch takes", refusal("scp://" + std::string(41, 'u') + "@h/a"));
+    EXPECT_EQ("the user name is longer than the 40 octets that the switch takes",
+              refusal("scp://" + std::string(41, 'u') + "@h/a"));
 }
 
 TEST(CopySide, RefusedUrls) {
@@ -90,17 +102,24 @@ TEST(CopySide, RefusedUrls) {
     EXPECT_EQ("no host in \"tftp:///a\": write tftp://host/path", refusal("tftp:///a"));
     EXPECT_EQ("no file name in \"tftp://h\": write tftp://host/path", refusal("tftp://h"));
     EXPECT_EQ("no file name in \"tftp://h/\": write tftp://host/path", refusal("tftp://h/"));
-    EXPECT_EQ("no file name in \"tftp://h/dir/\": write tftp://host/path", refusal("tftp://h/dir/"));
+    EXPECT_EQ("no file name in \"tftp://h/dir/\": write tftp://host/path",
+              refusal("tftp://h/dir/"));
     EXPECT_EQ("a '?' in a path is written %3F", refusal("tftp://h/a?b"));
     EXPECT_EQ("a '#' in a path is written %23", refusal("tftp://h/a#b"));
-    EXPECT_EQ("TFTP knows no users: leave out \"u@\", or use another protocol", refusal("tftp://u@h/a"));
+    EXPECT_EQ("TFTP knows no users: leave out \"u@\", or use another protocol",
+              refusal("tftp://u@h/a"));
     EXPECT_EQ("no user in \"sftp://h/a\": write sftp://user@host/path", refusal("sftp://h/a"));
     EXPECT_EQ("no user in \"ftp://h/a\": write ftp://user@host/path", refusal("ftp://h/a"));
     EXPECT_EQ("no user in \"scp://h/a\": write scp://user@host/path", refusal("scp://h/a"));
     EXPECT_EQ("no user in \"scp://@h/a\": write scp://user@host/path", refusal("scp://@h/a"));
-    EXPECT_EQ("a password in a URL can be seen by others: use --password-file, standard input or the prompt", refusal("ftp://u:p@h/a"));
-    EXPECT_EQ("a port can't be chosen (\"scp://h:22/a\"): the switch uses the protocol's own, so leave it out", refusal("scp://h:22/a"));
-    EXPECT_EQ("a port can't be chosen (\"scp://[::2]:22/a\"): the switch uses the protocol's own, so leave it out",
+    EXPECT_EQ("a password in a URL can be seen by others: use --password-file, standard input or "
+              "the prompt",
+              refusal("ftp://u:p@h/a"));
+    EXPECT_EQ("a port can't be chosen (\"scp://h:22/a\"): the switch uses the protocol's own, so "
+              "leave it out",
+              refusal("scp://h:22/a"));
+    EXPECT_EQ("a port can't be chosen (\"scp://[::2]:22/a\"): the switch uses the protocol's own, "
+              "so leave it out",
               refusal("scp://[::2]:22/a"));
 }
 
@@ -117,13 +136,19 @@ TEST(CopySide, PairsThatAreCopies) {
 }
 
 TEST(CopySide, PairsThatAreNone) {
-    EXPECT_EQ("from running to running copies nothing: name two different sides", pair_refusal("running", "running"));
-    EXPECT_EQ("from startup to startup copies nothing: name two different sides", pair_refusal("startup", "startup"));
-    EXPECT_EQ("both sides are files on a server: one of them must be running or startup", pair_refusal("tftp://h/a", "tftp://h/b"));
-    EXPECT_EQ("the switch copies no file straight to startup: copy it to running, then running to startup",
+    EXPECT_EQ("from running to running copies nothing: name two different sides",
+              pair_refusal("running", "running"));
+    EXPECT_EQ("from startup to startup copies nothing: name two different sides",
+              pair_refusal("startup", "startup"));
+    EXPECT_EQ("both sides are files on a server: one of them must be running or startup",
+              pair_refusal("tftp://h/a", "tftp://h/b"));
+    EXPECT_EQ("the switch copies no file straight to startup: copy it to running, then running to "
+              "startup",
               pair_refusal("tftp://h/a", "startup"));
-    EXPECT_EQ("only running can be copied to fabric-startup", pair_refusal("startup", "fabric-startup"));
-    EXPECT_EQ("only running can be copied to all-startup", pair_refusal("tftp://h/a", "all-startup"));
+    EXPECT_EQ("only running can be copied to fabric-startup",
+              pair_refusal("startup", "fabric-startup"));
+    EXPECT_EQ("only running can be copied to all-startup",
+              pair_refusal("tftp://h/a", "all-startup"));
     EXPECT_EQ("fabric-startup can only be copied to; to copy from this switch's own, write startup",
               pair_refusal("fabric-startup", "running"));
 }
@@ -160,7 +185,8 @@ TEST(CopySide, ATextOfAnOddHostIsReadAsThatHost) {
 
 TEST(CopySide, AFolderIsNoFileHoweverItIsWritten) {
     EXPECT_EQ("no file name in \"tftp://h/a/\": write tftp://host/path", refusal("tftp://h/a/"));
-    EXPECT_EQ("the file name \"a/\" names no file: write something after the last '/'", refusal("tftp://h/a%2F"));
+    EXPECT_EQ("the file name \"a/\" names no file: write something after the last '/'",
+              refusal("tftp://h/a%2F"));
 }
 
 TEST(CopySide, WhoNeedsAPassword) {

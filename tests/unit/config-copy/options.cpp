@@ -1,4 +1,5 @@
-// The command line apart from what the Net-SNMP library reads of it, hosts files, and addresses of agents and servers.
+// The command line apart from what the Net-SNMP library reads of it, hosts files, and addresses of
+// agents and servers.
 #include "config-copy/options.h"
 
 #include "config-copy/agent_address.h"
@@ -26,7 +27,8 @@ Split split(std::vector<std::string> words) {
         pointers.push_back(word.data());
     }
     Split result;
-    const Words parts = split_words(static_cast<int>(pointers.size()), pointers.data(), result.options);
+    const Words parts =
+        split_words(static_cast<int>(pointers.size()), pointers.data(), result.options);
     result.library.assign(parts.library.begin() + 1, parts.library.end());
     result.arguments = parts.arguments;
     return result;
@@ -35,8 +37,8 @@ Split split(std::vector<std::string> words) {
 using Texts = std::vector<std::string>;
 
 TEST(Options, OursAndTheLibrarys) {
-    const Split words =
-        split({"-v", "2c", "--quiet", "-clab", "agent", "--jobs", "7", "running", "--wait-turn=9", "startup", "-t", "--json"});
+    const Split words = split({"-v", "2c", "--quiet", "-clab", "agent", "--jobs", "7", "running",
+                               "--wait-turn=9", "startup", "-t", "--json"});
     EXPECT_EQ((Texts{"-v", "2c", "-clab", "-t", "--json"}), words.library);
     EXPECT_EQ((Texts{"agent", "running", "startup"}), words.arguments);
     EXPECT_TRUE(words.options.is_quiet);
@@ -60,16 +62,23 @@ TEST(Options, AfterTwoHyphensAllAreArguments) {
 }
 
 TEST(Options, RefusedValues) {
-    EXPECT_EQ("--jobs needs a number from 1 to 1000, not \"0\"", usage_failure([] { split({"--jobs", "0"}); }));
-    EXPECT_EQ("--wait-turn needs a number from 0 to 604800, not \"5s\"", usage_failure([] { split({"--wait-turn=5s"}); }));
-    EXPECT_EQ("--time-limit needs a value (config-copy --help)", usage_failure([] { split({"--time-limit"}); }));
-    EXPECT_EQ("a password in an argument can be seen by others: use --password-file, standard input or the prompt",
+    EXPECT_EQ("--jobs needs a number from 1 to 1000, not \"0\"", usage_failure([] {
+                  split({"--jobs", "0"});
+              }));
+    EXPECT_EQ("--wait-turn needs a number from 0 to 604800, not \"5s\"",
+              usage_failure([] { split({"--wait-turn=5s"}); }));
+    EXPECT_EQ("--time-limit needs a value (config-copy --help)",
+              usage_failure([] { split({"--time-limit"}); }));
+    EXPECT_EQ("a password in an argument can be seen by others: use --password-file, standard "
+              "input or the prompt",
               usage_failure([] { split({"--password=secret"}); }));
 }
 
 TEST(Options, OnesThatAreNotUnderstoodAreRefused) {
     EXPECT_EQ("--quiet takes no value", usage_failure([] { split({"--quiet=no"}); }));
-    EXPECT_EQ("--hosts is given twice", usage_failure([] { split({"--hosts", "a", "--hosts=b"}); }));
+    EXPECT_EQ("--hosts is given twice", usage_failure([] {
+                  split({"--hosts", "a", "--hosts=b"});
+              }));
     EXPECT_NO_THROW(split({"--json", "--json"}));
     EXPECT_EQ("in -d- a hyphen follows a letter: write a long option apart, with two hyphens",
               usage_failure([] { split({"-d-defVersion=1"}); }));
@@ -105,16 +114,21 @@ TEST_F(CommandLine, LongOptionsAreOursOrTokensOfSnmpConf) {
     EXPECT_EQ("there is no option --foo (config-copy --help)", refusal("--foo"));
     EXPECT_EQ("there is no option --quiett: did you mean --quiet?", refusal("--quiett"));
     EXPECT_EQ("there is no option --Quiet: did you mean --quiet?", refusal("--Quiet"));
-    EXPECT_EQ("there is no option --wait_turn: did you mean --wait-turn?", refusal("--wait_turn=60"));
-    EXPECT_EQ("there is no option --defSecurityModle: did you mean --defSecurityModel?", refusal("--defSecurityModle=tsm"));
-    EXPECT_EQ("there is no option --defAuthPass (config-copy --help)", refusal("--defAuthPass=secret")) << "no value is told";
+    EXPECT_EQ("there is no option --wait_turn: did you mean --wait-turn?",
+              refusal("--wait_turn=60"));
+    EXPECT_EQ("there is no option --defSecurityModle: did you mean --defSecurityModel?",
+              refusal("--defSecurityModle=tsm"));
+    EXPECT_EQ("there is no option --defAuthPass (config-copy --help)",
+              refusal("--defAuthPass=secret"))
+        << "no value is told";
     EXPECT_EQ("there is no option -- (config-copy --help)", refusal("--=x"));
     EXPECT_EQ("there is no option --foo (config-copy --help)", refusal("--foo defVersion"));
     EXPECT_EQ("there is no option --foo (config-copy --help)", usage_failure([&] {
                   parse({"--foo", "1", "2", "3", "4"});
               }))
         << "and not that the arguments are too many";
-    for (const char *option : {"--defSecurityModel=tsm", "--DEFSECURITYMODEL=tsm", "--defSecurityModel tsm", "--noRangeCheck"}) {
+    for (const char *option : {"--defSecurityModel=tsm", "--DEFSECURITYMODEL=tsm",
+                               "--defSecurityModel tsm", "--noRangeCheck"}) {
         const auto options = parse({option, "agent", "running", "startup"});
         ASSERT_TRUE(options) << option;
         EXPECT_EQ(Texts{"agent"}, options->agents);
@@ -123,11 +137,14 @@ TEST_F(CommandLine, LongOptionsAreOursOrTokensOfSnmpConf) {
 }
 
 TEST(Options, TheLibrarysHaveTheirValues) {
-    const auto refusal = [](const char *option, const char *value) { return usage_failure([&] { split({option, value}); }); };
+    const auto refusal = [](const char *option, const char *value) {
+        return usage_failure([&] { split({option, value}); });
+    };
     EXPECT_EQ("-v needs the version of SNMP, 1, 2c or 3, not \"agent\"", refusal("-v", "agent"));
     EXPECT_EQ("-v needs the version of SNMP, 1, 2c or 3, not \"4\"", refusal("-dv4", "agent"));
     EXPECT_EQ("-v needs a value (config-copy --help)", refusal("agent", "-v"));
-    EXPECT_EQ("-a needs an authentication protocol, such as SHA-256, not \"-A\"", refusal("-a", "-A"));
+    EXPECT_EQ("-a needs an authentication protocol, such as SHA-256, not \"-A\"",
+              refusal("-a", "-A"));
     EXPECT_EQ("-x needs a privacy protocol, such as AES, not \"-X\"", refusal("-x", "-X"));
     EXPECT_EQ("-X needs a passphrase of at least 8 characters", refusal("-X", "agent"));
     EXPECT_EQ((Texts{"-v", "2C", "-aSHA", "-x", "aes", "-A", "12345678"}),
@@ -141,13 +158,17 @@ TEST(Options, ShortNames) {
 
 TEST_F(CommandLine, DryRun) {
     EXPECT_TRUE(parse({"--dry-run", "agent", "running", "startup"})->is_dry_run);
-    EXPECT_EQ("--dry-run is for copies only", usage_failure([&] { parse({"--dry-run", "abort", "agent", "7"}); }));
+    EXPECT_EQ("--dry-run is for copies only", usage_failure([&] {
+                  parse({"--dry-run", "abort", "agent", "7"});
+              }));
 }
 
 TEST_F(CommandLine, StandardInputHoldsOneThing) {
-    EXPECT_EQ("standard input can't hold both the agents and the password: name a file for one of them", usage_failure([&] {
-                  parse({"--hosts", "-", "--password-file", "-", "running", "scp://u@h/{host}"});
-              }));
+    EXPECT_EQ(
+        "standard input can't hold both the agents and the password: name a file for one of them",
+        usage_failure([&] {
+            parse({"--hosts", "-", "--password-file", "-", "running", "scp://u@h/{host}"});
+        }));
 }
 
 TEST(Options, JsonIsSeenBesideMistakes) {
@@ -171,8 +192,12 @@ TEST_F(CommandLine, ACommandComesBeforeTheAgent) {
 }
 
 TEST_F(CommandLine, AnAgentHasAName) {
-    EXPECT_EQ("AGENT is empty: write the switch's name or address", usage_failure([&] { parse({"", "running", "startup"}); }));
-    EXPECT_EQ("AGENT is empty: write the switch's name or address", usage_failure([&] { parse({"list", ""}); }));
+    EXPECT_EQ("AGENT is empty: write the switch's name or address", usage_failure([&] {
+                  parse({"", "running", "startup"});
+              }));
+    EXPECT_EQ("AGENT is empty: write the switch's name or address", usage_failure([&] {
+                  parse({"list", ""});
+              }));
 }
 
 TEST(Options, HostsFile) {
@@ -184,19 +209,23 @@ TEST(Options, HostsFile) {
     EXPECT_EQ("in the hosts file " + file + " \"a b\" is more than one agent: write one per line",
               usage_failure([&] { read_hosts(file); }));
     std::ofstream(file) << "#\n";
-    EXPECT_EQ("the hosts file " + file + " lists no agent: write one per line", usage_failure([&] { read_hosts(file); }));
-    EXPECT_EQ("the hosts file /nonexistent can't be read: No such file or directory", usage_failure([] { read_hosts("/nonexistent"); }));
+    EXPECT_EQ("the hosts file " + file + " lists no agent: write one per line",
+              usage_failure([&] { read_hosts(file); }));
+    EXPECT_EQ("the hosts file /nonexistent can't be read: No such file or directory",
+              usage_failure([] { read_hosts("/nonexistent"); }));
 }
 
 TEST(Agent, AsTheUserWritesIt) {
     const auto parts = [](const char *text) {
         const AgentAddress agent = parse_agent(text);
-        return Texts{agent.transport, agent.host, agent.port, agent.is_understood ? "understood" : "not"};
+        return Texts{agent.transport, agent.host, agent.port,
+                     agent.is_understood ? "understood" : "not"};
     };
     EXPECT_EQ((Texts{"", "switch1", "", "understood"}), parts("switch1"));
     EXPECT_EQ((Texts{"", "switch1", "1161", "understood"}), parts("switch1:1161"));
     EXPECT_EQ((Texts{"tcp:", "192.0.2.1", "161", "understood"}), parts("tcp:192.0.2.1:161"));
-    EXPECT_EQ((Texts{"udp6:", "2001:db8::1", "161", "understood"}), parts("udp6:[2001:db8::1]:161"));
+    EXPECT_EQ((Texts{"udp6:", "2001:db8::1", "161", "understood"}),
+              parts("udp6:[2001:db8::1]:161"));
     EXPECT_EQ((Texts{"udp6:", "2001:db8::1", "", "understood"}), parts("udp6:2001:db8::1"));
     EXPECT_EQ("not", parts("unix:/run/agent").back());
     EXPECT_EQ("not", parts("dtlsudp:switch1:10161").back());
@@ -224,9 +253,14 @@ TEST(Server, Addresses) {
 }
 
 TEST(Names, OneThatIsNotFoundIsNoBadUsage) {
-    const auto told = [](int error) { return std::string(not_found("file server", "a", error).what()); };
-    EXPECT_EQ("the file server \"a\" can't be found: Name or service not known; check its name, or write its address", told(EAI_NONAME));
-    EXPECT_EQ("the file server \"a\" can't be found: Temporary failure in name resolution; try again later, or write its address",
+    const auto told = [](int error) {
+        return std::string(not_found("file server", "a", error).what());
+    };
+    EXPECT_EQ("the file server \"a\" can't be found: Name or service not known; check its name, or "
+              "write its address",
+              told(EAI_NONAME));
+    EXPECT_EQ("the file server \"a\" can't be found: Temporary failure in name resolution; try "
+              "again later, or write its address",
               told(EAI_AGAIN));
     try {
         server_address("name.invalid");
@@ -238,7 +272,10 @@ TEST(Names, OneThatIsNotFoundIsNoBadUsage) {
 
 TEST(Server, AddressesThatLeadBack) {
     for (const char *host : {"127.0.0.1", "127.9.9.9", "0.0.0.0", "::1", "::"}) {
-        EXPECT_NE(std::string::npos, usage_failure([&] { server_address(host); }).find("which on the switch is the switch itself")) << host;
+        EXPECT_NE(std::string::npos, usage_failure([&] {
+                                         server_address(host);
+                                     }).find("which on the switch is the switch itself"))
+            << host;
     }
 }
 

@@ -40,9 +40,11 @@ TEST(Outcome, EachCauseHasItsWords) {
     }
     EXPECT_EQ(9U, words.size());
     EXPECT_EQ("the switch gives the unknown cause 12", words_of_cause(12, "", false));
-    EXPECT_EQ("the file server 192.0.2.1 did not answer the switch: check its address, the route to it, and whether the server runs",
+    EXPECT_EQ("the file server 192.0.2.1 did not answer the switch: check its address, the route "
+              "to it, and whether the server runs",
               words_of_cause(COPY_FAIL_TIMEOUT, "192.0.2.1", false));
-    EXPECT_EQ("not every switch of the fabric has saved: see `cmdshell -c \"show last-save\"` on the switch",
+    EXPECT_EQ("not every switch of the fabric has saved: see `cmdshell -c \"show last-save\"` on "
+              "the switch",
               words_of_cause(COPY_FAIL_WARDEN_FAILED, "", true));
 }
 
@@ -51,25 +53,31 @@ TEST(Outcome, WhatTheSwitchSaysIsPassedOn) {
     for (long cause = COPY_FAIL_GENERAL; cause <= COPY_FAIL_WARDEN_FAILED; ++cause) {
         EXPECT_TRUE(words_of_cause(cause, "192.0.2.1", false, why).ends_with(why)) << cause;
     }
-    EXPECT_EQ("the switch says: login refused for backup", words_of_cause(COPY_FAIL_GENERAL, "192.0.2.1", false, why));
-    EXPECT_EQ("the configuration was refused while it was applied: line 14: unknown statement 'vlna'",
-              words_of_cause(COPY_FAIL_CONFIG_NOT_APPLIED, "192.0.2.1", false, "line 14: unknown statement 'vlna'"));
+    EXPECT_EQ("the switch says: login refused for backup",
+              words_of_cause(COPY_FAIL_GENERAL, "192.0.2.1", false, why));
+    EXPECT_EQ(
+        "the configuration was refused while it was applied: line 14: unknown statement 'vlna'",
+        words_of_cause(COPY_FAIL_CONFIG_NOT_APPLIED, "192.0.2.1", false,
+                       "line 14: unknown statement 'vlna'"));
 }
 
 TEST(Outcome, RefusalsTellWhatToDo) {
-    const std::string view = "this user or community may not write copy requests: it needs a write view with .1.3.6.1.4.1.41927.9.96";
+    const std::string view = "this user or community may not write copy requests: it needs a write "
+                             "view with .1.3.6.1.4.1.41927.9.96";
     EXPECT_EQ(view, words_of_refusal(SNMP_ERR_NOACCESS, CC_COLUMN_ENTRY_ROW_STATUS, ""));
     EXPECT_EQ(view, words_of_refusal(SNMP_ERR_AUTHORIZATIONERROR, CC_COLUMN_ENTRY_ROW_STATUS, ""));
-    EXPECT_EQ("the agent has no copy table: load config_copy_mib into it (its log tells why it is not)",
-              words_of_refusal(SNMP_ERR_NOTWRITABLE, CC_COLUMN_ENTRY_ROW_STATUS, ""));
+    EXPECT_EQ(
+        "the agent has no copy table: load config_copy_mib into it (its log tells why it is not)",
+        words_of_refusal(SNMP_ERR_NOTWRITABLE, CC_COLUMN_ENTRY_ROW_STATUS, ""));
     EXPECT_EQ("the switch does not accept the file server's address",
               words_of_refusal(SNMP_ERR_WRONGVALUE, CC_COLUMN_SERVER_ADDRESS_REV1, ""));
-    EXPECT_TRUE(
-        words_of_refusal(SNMP_ERR_RESOURCEUNAVAILABLE, CC_COLUMN_USER_NAME, "").starts_with("the switch refuses the user name with "));
-    const std::string level =
-        "the agent grants this user nothing at the security level authNoPriv: choose a higher one, such as -l authPriv "
-        "(if that is refused too, check the user's views)";
-    EXPECT_EQ(level, words_of_refusal(SNMP_ERR_AUTHORIZATIONERROR, CC_COLUMN_ENTRY_ROW_STATUS, "authNoPriv"));
+    EXPECT_TRUE(words_of_refusal(SNMP_ERR_RESOURCEUNAVAILABLE, CC_COLUMN_USER_NAME, "")
+                    .starts_with("the switch refuses the user name with "));
+    const std::string level = "the agent grants this user nothing at the security level "
+                              "authNoPriv: choose a higher one, such as -l authPriv "
+                              "(if that is refused too, check the user's views)";
+    EXPECT_EQ(level, words_of_refusal(SNMP_ERR_AUTHORIZATIONERROR, CC_COLUMN_ENTRY_ROW_STATUS,
+                                      "authNoPriv"));
     EXPECT_EQ(level, words_of_refused_activation(SNMP_ERR_AUTHORIZATIONERROR, "authNoPriv"));
     EXPECT_EQ(view, words_of_refusal(SNMP_ERR_NOACCESS, CC_COLUMN_ENTRY_ROW_STATUS, "authNoPriv"));
     EXPECT_EQ("the switch finds the request incomplete: check user and password",
@@ -85,7 +93,8 @@ TEST(Outcome, StatusOfSeveral) {
         return ending_of_all(outcomes);
     };
     EXPECT_EQ(Ending::done, status({Ending::done, Ending::done}));
-    EXPECT_EQ(Ending::unreachable, status({Ending::done, Ending::unreachable, Ending::unreachable}));
+    EXPECT_EQ(Ending::unreachable,
+              status({Ending::done, Ending::unreachable, Ending::unreachable}));
     EXPECT_EQ(Ending::failed, status({Ending::busy, Ending::done, Ending::unreachable}));
     EXPECT_EQ(Ending::failed, status({Ending::busy, Ending::refused, Ending::refused}));
     EXPECT_EQ(Ending::busy, status({Ending::busy}));
@@ -101,8 +110,9 @@ TEST(Outcome, Duration) {
 }
 
 TEST(Outcome, Summary) {
-    EXPECT_EQ("3 agents: 1 done, 2 not reachable",
-              summary_of({ended(Ending::unreachable), ended(Ending::done), ended(Ending::unreachable)}));
+    EXPECT_EQ(
+        "3 agents: 1 done, 2 not reachable",
+        summary_of({ended(Ending::unreachable), ended(Ending::done), ended(Ending::unreachable)}));
     EXPECT_EQ("1 agent: 0 done, 1 busy", summary_of({ended(Ending::busy)}));
 }
 
@@ -113,10 +123,13 @@ TEST(Outcome, SummaryOfADryRun) {
 }
 
 TEST(Outcome, WhatGoesOnWithoutItsRequest) {
-    EXPECT_EQ("", words_of_what_goes_on(FileType::running, FileType::startup)) << "a save is given up";
+    EXPECT_EQ("", words_of_what_goes_on(FileType::running, FileType::startup))
+        << "a save is given up";
     EXPECT_EQ("", words_of_what_goes_on(FileType::running, FileType::fabric_startup));
-    EXPECT_EQ("the copy goes on at the switch and may still be applied", words_of_what_goes_on(FileType::startup, FileType::running));
-    EXPECT_EQ("the transfer goes on at the switch and may still be applied", words_of_what_goes_on(FileType::network, FileType::running));
+    EXPECT_EQ("the copy goes on at the switch and may still be applied",
+              words_of_what_goes_on(FileType::startup, FileType::running));
+    EXPECT_EQ("the transfer goes on at the switch and may still be applied",
+              words_of_what_goes_on(FileType::network, FileType::running));
     EXPECT_EQ("the transfer goes on at the switch and may still write the file",
               words_of_what_goes_on(FileType::startup, FileType::network));
 }
@@ -125,8 +138,10 @@ TEST(Outcome, Json) {
     Outcome outcome;
     outcome.agent = "a\"b";
     outcome.text = "a\\\n";
-    EXPECT_EQ(R"({"type":"copy","agent":"a\"b","ending":"done","status":0,"dry_run":false,"from":null,"to":null,"server":null,)"
-              R"("file":null,"user":null,"snmp_user":null,"index":null,"start_time":null,"state":null,"cause":null,"reason":null,)"
+    EXPECT_EQ(R"({"type":"copy","agent":"a\"b","ending":"done","status":0,"dry_run":false,)"
+              R"("from":null,"to":null,"server":null,)"
+              R"("file":null,"user":null,"snmp_user":null,"index":null,"start_time":null,)"
+              R"("state":null,"cause":null,"reason":null,)"
               R"("seconds":null,"bytes":null,"sha256":null,"text":"a\\\n","switches":[]})",
               json_of(outcome));
     outcome.ending = Ending::unreachable;
@@ -147,21 +162,27 @@ TEST(Outcome, Json) {
     outcome.bytes = 0x100000000;
     outcome.sha256 = "00ff";
     outcome.switches = {{"", "20:00", "saved"}, {"192.0.2.1", "20:01", "no"}};
-    EXPECT_EQ(R"({"type":"copy","agent":"a\"b","ending":"not_reachable","status":4,"dry_run":true,"from":"running",)"
-              R"("to":"sftp://joe@h/x-a.cfg","server":"192.0.2.1","file":"x-a.cfg","user":"joe","snmp_user":"operator","index":7,)"
-              R"("start_time":"2026-11-21T09:30:00Z","state":"failed","cause":"timeout","reason":"no way","seconds":1.25,)"
+    EXPECT_EQ(R"({"type":"copy","agent":"a\"b","ending":"not_reachable","status":4,"dry_run":true,)"
+              R"("from":"running",)"
+              R"("to":"sftp://joe@h/x-a.cfg","server":"192.0.2.1","file":"x-a.cfg","user":"joe",)"
+              R"("snmp_user":"operator","index":7,)"
+              R"("start_time":"2026-11-21T09:30:00Z","state":"failed","cause":"timeout",)"
+              R"("reason":"no way","seconds":1.25,)"
               R"("bytes":4294967296,"sha256":"00ff","text":"","switches":)"
-              R"([{"address":null,"switch":"20:00","reported":"saved"},{"address":"192.0.2.1","switch":"20:01","reported":"no"}]})",
+              R"([{"address":null,"switch":"20:00","reported":"saved"},{"address":"192.0.2.1",)"
+              R"("switch":"20:01","reported":"no"}]})",
               json_of(outcome));
 }
 
 TEST(Outcome, JsonOfASummary) {
-    EXPECT_EQ(R"({"type":"summary","agents":2,"done":1,"failed":0,"usage":0,"refused":0,"not_reachable":1,"busy":0})",
+    EXPECT_EQ(R"({"type":"summary","agents":2,"done":1,"failed":0,"usage":0,"refused":0,)"
+              R"("not_reachable":1,"busy":0})",
               json_summary({ended(Ending::unreachable), ended(Ending::done)}));
 }
 
 TEST(Outcome, Table) {
-    EXPECT_EQ((std::vector<std::string>{"INDEX  B", "1      x y", "123    z"}), table_lines({"INDEX", "B"}, {{"1", "x y"}, {"123", "z"}}));
+    EXPECT_EQ((std::vector<std::string>{"INDEX  B", "1      x y", "123    z"}),
+              table_lines({"INDEX", "B"}, {{"1", "x y"}, {"123", "z"}}));
 }
 
 // What stands in the object for this text.
@@ -177,8 +198,8 @@ TEST(Output, JsonTextsAreUtf8) {
     EXPECT_EQ(R"("\"\\\n)"
               "\x7f\"",
               in_json("\"\\\n\x7f"));
-    for (const char *whole :
-         {"\xc2\x80", "\xdf\xbf", "\xe0\xa0\x80", "\xed\x9f\xbf", "\xef\xbf\xbf", "\xf0\x90\x80\x80", "\xf4\x8f\xbf\xbf"}) {
+    for (const char *whole : {"\xc2\x80", "\xdf\xbf", "\xe0\xa0\x80", "\xed\x9f\xbf",
+                              "\xef\xbf\xbf", "\xf0\x90\x80\x80", "\xf4\x8f\xbf\xbf"}) {
         EXPECT_EQ('"' + std::string(whole) + "a\"", in_json(std::string(whole) + 'a'));
     }
     const std::string no_character = "\xef\xbf\xbd"; // U+FFFD

@@ -21,8 +21,8 @@ constexpr Milliseconds answer_time = 60ms;
 
 class Manager {
   public:
-    explicit Manager(long version = SNMP_VERSION_2c, const char *user = agent_user, const char *auth = agent_auth,
-                     const char *priv = agent_priv)
+    explicit Manager(long version = SNMP_VERSION_2c, const char *user = agent_user,
+                     const char *auth = agent_auth, const char *priv = agent_priv)
         : user_{user, "SHA-256", auth, "AES", priv} {
         set_up_library("copy_client_tests");
         ::snmp_sess_init(&settings_);
@@ -37,7 +37,9 @@ class Manager {
     }
 
     netsnmp_session &settings() { return settings_; }
-    Session session_with(const ScriptedAgent &agent, int stop = -1) const { return {settings_, {"the agent", agent.address()}, stop}; }
+    Session session_with(const ScriptedAgent &agent, int stop = -1) const {
+        return {settings_, {"the agent", agent.address()}, stop};
+    }
 
   private:
     User user_;
@@ -45,8 +47,8 @@ class Manager {
     netsnmp_session settings_{};
 };
 
-const std::vector<std::pair<oid, Value>> save_columns{{CC_COLUMN_SOURCE_FILE_TYPE, COPY_FILE_RUNNING},
-                                                      {CC_COLUMN_DEST_FILE_TYPE, COPY_FILE_STARTUP}};
+const std::vector<std::pair<oid, Value>> save_columns{
+    {CC_COLUMN_SOURCE_FILE_TYPE, COPY_FILE_RUNNING}, {CC_COLUMN_DEST_FILE_TYPE, COPY_FILE_STARTUP}};
 
 // A whole life. Whatever is thrown, the row is taken away, as users of the room do.
 CopyState live(Session &session, CopyRow &row) {
@@ -96,7 +98,9 @@ struct Case {
     long version;
 };
 std::ostream &operator<<(std::ostream &out, const Case &one) {
-    const char *what = one.loss == Loss::request ? "request " : one.loss == Loss::answer ? "answer " : "late request ";
+    const char *what = one.loss == Loss::request  ? "request "
+                       : one.loss == Loss::answer ? "answer "
+                                                  : "late request ";
     return out << what << one.number << (one.version == SNMP_VERSION_3 ? ", SNMPv3" : ", SNMPv2c");
 }
 
@@ -270,8 +274,10 @@ TroubleKind trouble_with(const char *user, const char *auth, const char *priv) {
 
 TEST(Session, WrongCredentialsAreToldApart) {
     EXPECT_EQ(trouble_with("stranger", agent_auth, agent_priv), TroubleKind::unknown_user);
-    EXPECT_EQ(trouble_with(agent_user, "not-the-right-one", agent_priv), TroubleKind::wrong_authentication);
-    EXPECT_EQ(trouble_with(agent_user, agent_auth, "not-the-right-one"), TroubleKind::wrong_privacy);
+    EXPECT_EQ(trouble_with(agent_user, "not-the-right-one", agent_priv),
+              TroubleKind::wrong_authentication);
+    EXPECT_EQ(trouble_with(agent_user, agent_auth, "not-the-right-one"),
+              TroubleKind::wrong_privacy);
 }
 
 TEST(Session, NobodyThereIsSilence) {
@@ -282,16 +288,21 @@ TEST(Session, NobodyThereIsSilence) {
     }
     Manager manager;
     Session session(manager.settings(), {"nobody", address}, -1);
-    EXPECT_EQ(trouble_of([&] { session.get({copy_cell(CC_COLUMN_STATE, 1)}); }), TroubleKind::silent);
+    EXPECT_EQ(trouble_of([&] { session.get({copy_cell(CC_COLUMN_STATE, 1)}); }),
+              TroubleKind::silent);
 }
 
 TEST(Session, AnAddressThatIsNoneIsNoSession) {
     Manager manager;
-    EXPECT_EQ(trouble_of([&] { Session(manager.settings(), {"nobody", "udp:no.such.name.invalid:161"}, -1); }), TroubleKind::no_address);
+    EXPECT_EQ(trouble_of([&] {
+                  Session(manager.settings(), {"nobody", "udp:no.such.name.invalid:161"}, -1);
+              }),
+              TroubleKind::no_address);
 }
 
 TEST(UserKey, IsMadeOnceForAllAgents) {
-    const User user{"user", "SHA-256", "a-passphrase-of-this-test", "AES", "another-one-of-this-test"};
+    const User user{"user", "SHA-256", "a-passphrase-of-this-test", "AES",
+                    "another-one-of-this-test"};
     netsnmp_session settings{};
     const auto time_of = [&] {
         const auto began = Clock::now();
@@ -299,22 +310,27 @@ TEST(UserKey, IsMadeOnceForAllAgents) {
         return Clock::now() - began;
     };
     const auto first = time_of();
-    const std::vector<u_char> key(settings.securityAuthKey, settings.securityAuthKey + settings.securityAuthKeyLen);
+    const std::vector<u_char> key(settings.securityAuthKey,
+                                  settings.securityAuthKey + settings.securityAuthKeyLen);
     EXPECT_LT(time_of() * 10, first);
     std::vector<u_char> expected(USM_AUTH_KU_LEN);
     std::size_t length = expected.size();
-    ASSERT_EQ(::generate_Ku(settings.securityAuthProto, static_cast<u_int>(settings.securityAuthProtoLen),
-                            reinterpret_cast<const u_char *>(user.auth_passphrase.data()), user.auth_passphrase.size(), expected.data(),
-                            &length),
+    ASSERT_EQ(::generate_Ku(settings.securityAuthProto,
+                            static_cast<u_int>(settings.securityAuthProtoLen),
+                            reinterpret_cast<const u_char *>(user.auth_passphrase.data()),
+                            user.auth_passphrase.size(), expected.data(), &length),
               SNMPERR_SUCCESS);
     expected.resize(length);
     EXPECT_EQ(key, expected);
-    EXPECT_NE(std::vector<u_char>(settings.securityPrivKey, settings.securityPrivKey + settings.securityPrivKeyLen), key);
+    EXPECT_NE(std::vector<u_char>(settings.securityPrivKey,
+                                  settings.securityPrivKey + settings.securityPrivKeyLen),
+              key);
 }
 
 TEST(UserKey, ThoseOfSnmpConfAreMadeOnceForAllSessions) {
     const Manager library_is_ready;
-    ::netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_PASSPHRASE, "a-passphrase-of-snmp.conf");
+    ::netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_PASSPHRASE,
+                            "a-passphrase-of-snmp.conf");
     netsnmp_session settings{};
     ::snmp_sess_init(&settings);
     settings.version = SNMP_VERSION_3;
@@ -337,7 +353,8 @@ TEST(UserKey, ThoseOfSnmpConfAreMadeOnceForAllSessions) {
 
 TEST(UserKey, AShortPassphraseMakesNone) {
     netsnmp_session settings{};
-    EXPECT_THROW(set_user(settings, {"user", "SHA-256", "short", "AES", "long-enough"}), std::runtime_error);
+    EXPECT_THROW(set_user(settings, {"user", "SHA-256", "short", "AES", "long-enough"}),
+                 std::runtime_error);
 }
 
 } // namespace

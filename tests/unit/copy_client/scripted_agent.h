@@ -63,7 +63,8 @@ inline constexpr const char *agent_priv = "privacy-key";
 class ScriptedAgent {
   public:
     explicit ScriptedAgent(const Script &script) {
-        void *shared = ::mmap(nullptr, sizeof(Seen), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        void *shared = ::mmap(nullptr, sizeof(Seen), PROT_READ | PROT_WRITE,
+                              MAP_SHARED | MAP_ANONYMOUS, -1, 0);
         seen_ = new (shared) Seen{};
         std::array<int, 2> ends{};
         EXPECT_EQ(::pipe(ends.data()), 0);
@@ -109,12 +110,14 @@ class ScriptedAgent {
         netsnmp_pdu *delayed = nullptr;
     };
 
-    [[noreturn]] static void serve(const Script &script, Seen &seen, std::uint8_t number, int port) {
+    [[noreturn]] static void serve(const Script &script, Seen &seen, std::uint8_t number,
+                                   int port) {
         copy_client::set_up_library("scripted");
         const std::array<unsigned char, 6> engine{0x80, 0, 0, 0, 5, number};
         ::set_exact_engineID(engine.data(), engine.size());
         ::set_enginetime(engine.data(), engine.size(), 1, 0, TRUE);
-        std::string user = std::string(agent_user) + " SHA-256 " + agent_auth + " AES " + agent_priv;
+        std::string user =
+            std::string(agent_user) + " SHA-256 " + agent_auth + " AES " + agent_priv;
         ::usm_parse_create_usmUser("createUser", user.data());
 
         World world{script, seen, {}};
@@ -155,14 +158,17 @@ class ScriptedAgent {
         }
     }
 
-    static int on_request(int operation, netsnmp_session *session, int, netsnmp_pdu *pdu, void *magic) {
+    static int on_request(int operation, netsnmp_session *session, int, netsnmp_pdu *pdu,
+                          void *magic) {
         auto &world = *static_cast<World *>(magic);
-        if (operation != NETSNMP_CALLBACK_OP_RECEIVED_MESSAGE || (pdu->command != SNMP_MSG_GET && pdu->command != SNMP_MSG_SET)) {
+        if (operation != NETSNMP_CALLBACK_OP_RECEIVED_MESSAGE ||
+            (pdu->command != SNMP_MSG_GET && pdu->command != SNMP_MSG_SET)) {
             return 1;
         }
         const int number = ++world.seen.requests;
         const Script &script = world.script;
-        if (number == script.loses_request || (script.falls_silent != 0 && number >= script.falls_silent)) {
+        if (number == script.loses_request ||
+            (script.falls_silent != 0 && number >= script.falls_silent)) {
             ++world.seen.lost;
             return 1;
         }
@@ -194,7 +200,8 @@ class ScriptedAgent {
             write(world, pdu);
             return;
         }
-        for (auto *variable = pdu.variables; variable != nullptr; variable = variable->next_variable) {
+        for (auto *variable = pdu.variables; variable != nullptr;
+             variable = variable->next_variable) {
             read(world, *variable);
         }
     }
@@ -205,12 +212,14 @@ class ScriptedAgent {
         const auto row = world.rows.find(name.back());
         std::optional<long> value;
         if (column.size() > 1 && column.front() == 1 && name.size() > 8 && name[6] == 8072) {
-            ::snmp_set_var_typed_value(&variable, ASN_OCTET_STR, world.script.last_save.data(), world.script.last_save.size());
+            ::snmp_set_var_typed_value(&variable, ASN_OCTET_STR, world.script.last_save.data(),
+                                       world.script.last_save.size());
             return;
         }
         if (row != world.rows.end()) {
             if (column == copy_client::copy_column(CC_COLUMN_ENTRY_ROW_STATUS)) {
-                value = row->second.state == COPY_STATE_WAITING ? ROW_STATUS_NOT_IN_SERVICE : ROW_STATUS_ACTIVE;
+                value = row->second.state == COPY_STATE_WAITING ? ROW_STATUS_NOT_IN_SERVICE
+                                                                : ROW_STATUS_ACTIVE;
             } else if (column == copy_client::copy_column(CC_COLUMN_STATE)) {
                 value = state(world, row->second);
             } else if (column == copy_client::copy_column(CC_COLUMN_FAIL_CAUSE)) {

@@ -38,7 +38,7 @@ std::unique_ptr<ccCopyEntry> copy_request(int32_t source, int32_t dest, int32_t 
 void put_full_credentials(ccCopyEntry &record) {
     put_text(record.ccCopyUserName, full_user);
     put_text(record.ccCopyUserPassword, full_password);
-    /* What follows the password must not show either. */
+    // What follows the password must not show either.
     record.ccCopyNotificationOnCompletion = 0x41414141;
 }
 
@@ -52,8 +52,8 @@ std::string status_word(int32_t status) {
 
 Lines status_report(int handle, const std::string &payload) {
     const std::string endpoint = std::to_string(handle);
-    return {"bind 1 -1 1,0,1024,0,0,15 config_copy_task = " + endpoint, "send " + endpoint + " fe000000 28 10273 " + payload,
-            "unbind " + endpoint + " 0"};
+    return {"bind 1 -1 1,0,1024,0,0,15 config_copy_task = " + endpoint,
+            "send " + endpoint + " fe000000 28 10273 " + payload, "unbind " + endpoint + " 0"};
 }
 
 Lines operator+(Lines first, const Lines &second) {

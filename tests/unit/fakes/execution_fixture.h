@@ -1,4 +1,4 @@
-/* Copy requests, and tests of what carries them out. */
+// Copy requests, and tests of what carries them out.
 #ifndef TESTS_UNIT_EXECUTION_FIXTURE_H
 #define TESTS_UNIT_EXECUTION_FIXTURE_H
 
@@ -9,15 +9,18 @@
 #include "journal.h"
 #include "module_fixture.h"
 
-/* A complete request in a heap block of exactly its size: server 10.0.0.1, file dir/remote.cfg, user alice, password secret. */
-std::unique_ptr<ccCopyEntry> copy_request(int32_t source, int32_t dest, int32_t protocol = COPY_PROTO_TFTP);
+// A complete request in a heap block of exactly its size: server 10.0.0.1, file dir/remote.cfg,
+// user alice, password secret.
+std::unique_ptr<ccCopyEntry> copy_request(int32_t source, int32_t dest,
+                                          int32_t protocol = COPY_PROTO_TFTP);
 
-/* A user name and a password of the full width, and the fields filled with them: no terminator stands between them. */
+// A user name and a password of the full width, and the fields filled with them: no terminator
+// stands between them.
 extern const std::string full_user;
 extern const std::string full_password;
 void put_full_credentials(ccCopyEntry &record);
 
-/* The trace file, switched on, that leaves no file behind. */
+// The trace file, switched on, that leaves no file behind.
 class Tracing {
   public:
     Tracing();
@@ -27,23 +30,24 @@ class Tracing {
     TraceFile file_;
 };
 
-/* The journal of a status report over this endpoint. */
+// The journal of a status report over this endpoint.
 Lines status_report(int handle, const std::string &payload);
-/* The status as the report's payload has it. */
+// The status as the report's payload has it.
 std::string status_word(int32_t status);
 
 Lines operator+(Lines first, const Lines &second);
 
-/* In a fresh working directory, and with a SIGCHLD handler that must be back in its place at the end. */
+// In a fresh working directory, and with a SIGCHLD handler that must be back in its place at the
+// end.
 class ExecutionTest : public ModuleTest {
   protected:
     void SetUp() override;
     void TearDown() override;
 
-    /* The working directory, and a file in it. */
+    // The working directory, and a file in it.
     const std::string &directory() const { return directory_; }
     std::string path(const std::string &name) const { return directory_ + "/" + name; }
-    /* Names of the files in it, in order. */
+    // Names of the files in it, in order.
     Lines files() const;
     static std::string contents(const std::string &name);
 

@@ -48,13 +48,15 @@ void AgentFake::verify() {
 
 bool AgentFake::serves(const Oid &name) const {
     return std::ranges::any_of(variables, [&](const Oid &variable) {
-        return variable.size() <= name.size() && std::equal(variable.begin(), variable.end(), name.begin());
+        return variable.size() <= name.size() &&
+               std::equal(variable.begin(), variable.end(), name.begin());
     });
 }
 
 extern "C" {
 
-int register_mib(const char *name, const struct variable *variables, size_t size, size_t count, const oid *root, size_t root_length) {
+int register_mib(const char *name, const struct variable *variables, size_t size, size_t count,
+                 const oid *root, size_t root_length) {
     fake_agent.registrations.push_back({name, variables, size, count, {root, root + root_length}});
     if (fake_agent.register_result != MIB_REGISTERED_OK) {
         return fake_agent.register_result;
@@ -72,7 +74,8 @@ int register_mib(const char *name, const struct variable *variables, size_t size
     return MIB_REGISTERED_OK;
 }
 
-/* Switches the lookup cache off while it works, and forgets to switch it on again when there was nothing to withdraw. */
+// Switches the lookup cache off while it works, and forgets to switch it on again when there was
+// nothing to withdraw.
 int unregister_mib(oid *name, size_t length) {
     const AgentFake::Oid wanted(name, name + length);
     fake_agent.unregistrations.push_back(wanted);
@@ -96,19 +99,25 @@ int snmp_register_callback(int major, int minor, SNMPCallback *function, void *a
     return SNMPERR_SUCCESS;
 }
 
-int snmp_unregister_callback(int major, int minor, SNMPCallback *function, void *argument, int match_arguments) {
-    return static_cast<int>(std::erase_if(fake_agent.callbacks, [&](const AgentFake::Callback &one) {
-        return one.major == major && one.minor == minor && one.function == function && (match_arguments == 0 || one.argument == argument);
-    }));
+int snmp_unregister_callback(int major, int minor, SNMPCallback *function, void *argument,
+                             int match_arguments) {
+    return static_cast<int>(
+        std::erase_if(fake_agent.callbacks, [&](const AgentFake::Callback &one) {
+            return one.major == major && one.minor == minor && one.function == function &&
+                   (match_arguments == 0 || one.argument == argument);
+        }));
 }
 
-unsigned int snmp_alarm_register(unsigned int seconds, unsigned int flags, SNMPAlarmCallback *function, void *argument) {
+unsigned int snmp_alarm_register(unsigned int seconds, unsigned int flags,
+                                 SNMPAlarmCallback *function, void *argument) {
     fake_agent.alarms.push_back({++fake_agent.last_alarm, seconds, flags, function, argument});
     return fake_agent.last_alarm;
 }
 
 void snmp_alarm_unregister(unsigned int handle) {
-    EXPECT_EQ(std::erase_if(fake_agent.alarms, [&](const AgentFake::Alarm &one) { return one.handle == handle; }), 1U)
+    EXPECT_EQ(std::erase_if(fake_agent.alarms,
+                            [&](const AgentFake::Alarm &one) { return one.handle == handle; }),
+              1U)
         << "no alarm " << handle;
 }
 
@@ -148,4 +157,4 @@ int snmp_log(int level, const char *format, ...) {
     return 0;
 }
 
-} /* extern "C" */
+} // extern "C"

@@ -1,4 +1,5 @@
-/* The agent's side: its registry of variables, callbacks and alarms, its clock, and its logs. It behaves as a stock agent does. */
+// The agent's side: its registry of variables, callbacks and alarms, its clock, and its logs. It
+// behaves as a stock agent does.
 #ifndef TESTS_UNIT_FAKE_AGENT_H
 #define TESTS_UNIT_FAKE_AGENT_H
 
@@ -25,10 +26,10 @@ struct AgentFake : FakeBase {
         size_t count;
         Oid root;
     };
-    std::vector<Registration> registrations; /* calls of register_mib() */
-    std::vector<Oid> unregistrations;        /* calls of unregister_mib() */
-    std::vector<Oid> variables;              /* what is registered: one OID a variable */
-    int register_result = 0;                 /* what register_mib() returns instead of registering, unless 0 */
+    std::vector<Registration> registrations; // calls of register_mib()
+    std::vector<Oid> unregistrations;        // calls of unregister_mib()
+    std::vector<Oid> variables;              // what is registered: one OID a variable
+    int register_result = 0; // what register_mib() returns instead of registering, unless 0
     int lookup_cache_size = lookup_cache_default;
 
     struct Callback {
@@ -38,7 +39,7 @@ struct AgentFake : FakeBase {
         void *argument;
         bool operator==(const Callback &) const = default;
     };
-    std::vector<Callback> callbacks; /* those in force */
+    std::vector<Callback> callbacks; // those in force
 
     struct Alarm {
         unsigned int handle;
@@ -47,18 +48,20 @@ struct AgentFake : FakeBase {
         SNMPAlarmCallback *function;
         void *argument;
     };
-    std::vector<Alarm> alarms;   /* those that run; kept over a reset, as they live as long as the module's rows */
-    unsigned int last_alarm = 0; /* handle given last */
+    // those that run; kept over a reset, as they live as long as the module's rows
+    std::vector<Alarm> alarms;
+    unsigned int last_alarm = 0; // handle given last
 
-    long start_seconds = 0; /* the agent's start on the wall clock */
+    long start_seconds = 0; // the agent's start on the wall clock
     long start_microseconds = 0;
 
     bool debugging = false;
-    Calls<std::pair<std::string, std::string>> debug; /* debugmsgtoken() and debugmsg(): token and text */
-    Calls<std::string> details;                       /* snmp_set_detail() */
-    Calls<std::pair<int, std::string>> log;           /* snmp_log(): level and text */
+    // debugmsgtoken() and debugmsg(): token and text
+    Calls<std::pair<std::string, std::string>> debug;
+    Calls<std::string> details;             // snmp_set_detail()
+    Calls<std::pair<int, std::string>> log; // snmp_log(): level and text
 
-    /* Whether a variable is registered at or above this OID. */
+    // Whether a variable is registered at or above this OID.
     bool serves(const Oid &name) const;
 
     void reset() override;

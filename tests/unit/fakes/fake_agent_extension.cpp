@@ -25,9 +25,10 @@ std::vector<Binding> taken_bindings(netsnmp_variable_list *list) {
     for (const netsnmp_variable_list *one = list; one != nullptr; one = one->next_variable) {
         const bool number = one->type == ASN_INTEGER || one->type == ASN_TIMETICKS;
         EXPECT_TRUE(!number || one->val_len == sizeof(long));
-        bindings.push_back({{one->name, one->name + one->name_length},
-                            one->type,
-                            number ? std::to_string(*one->val.integer) : hex(one->val.string, one->val_len)});
+        bindings.push_back(
+            {{one->name, one->name + one->name_length},
+             one->type,
+             number ? std::to_string(*one->val.integer) : hex(one->val.string, one->val_len)});
     }
     snmp_free_varbind(list);
     return bindings;
@@ -50,7 +51,8 @@ void AgentExtensionFake::reset() {
 
 void AgentExtensionFake::verify() {
     for (const Notification &one : notifications.items) {
-        unexpected("enqueue_notification with " + std::to_string(one.bindings.size()) + " bindings");
+        unexpected("enqueue_notification with " + std::to_string(one.bindings.size()) +
+                   " bindings");
     }
 }
 
@@ -60,7 +62,8 @@ FILE *ld_dbg_fp = nullptr;
 
 int register_for_notification(uint32_t opcode, agent_message_handler handler) {
     fake_agent_extension.registered.push_back(opcode);
-    if (const auto result = fake_agent_extension.register_results.find(opcode); result != fake_agent_extension.register_results.end()) {
+    if (const auto result = fake_agent_extension.register_results.find(opcode);
+        result != fake_agent_extension.register_results.end()) {
         return result->second;
     }
     fake_agent_extension.handlers[opcode] = handler;
@@ -72,22 +75,26 @@ int unregister_for_notification(uint32_t opcode) {
     return fake_agent_extension.handlers.erase(opcode) == 1 ? 0 : ENOENT;
 }
 
-netsnmp_variable_list *build_varbind(netsnmp_variable_list *previous, const void *value, uint8_t type, uint32_t value_length,
-                                     const oid *name, uint32_t name_length) {
+netsnmp_variable_list *build_varbind(netsnmp_variable_list *previous, const void *value,
+                                     uint8_t type, uint32_t value_length, const oid *name,
+                                     uint32_t name_length) {
     EXPECT_EQ(name_length, instance_length);
-    EXPECT_TRUE(previous == nullptr || previous->next_variable == nullptr) << "not the end of the list";
+    EXPECT_TRUE(previous == nullptr || previous->next_variable == nullptr)
+        << "not the end of the list";
     if (fake_agent_extension.unbuildable.contains(name[column_position])) {
         return nullptr;
     }
     long word = 0;
     if (type == ASN_INTEGER || type == ASN_TIMETICKS) {
         EXPECT_EQ(value_length, sizeof(int32_t));
-        word = type == ASN_INTEGER ? long{*static_cast<const int32_t *>(value)} : long{*static_cast<const uint32_t *>(value)};
+        word = type == ASN_INTEGER ? long{*static_cast<const int32_t *>(value)}
+                                   : long{*static_cast<const uint32_t *>(value)};
         value = &word;
         value_length = sizeof word;
     }
     netsnmp_variable_list *list = nullptr;
-    netsnmp_variable_list *added = snmp_varlist_add_variable(&list, name, name_length, type, value, value_length);
+    netsnmp_variable_list *added =
+        snmp_varlist_add_variable(&list, name, name_length, type, value, value_length);
     EXPECT_NE(added, nullptr);
     if (previous != nullptr) {
         previous->next_variable = added;
@@ -95,8 +102,10 @@ netsnmp_variable_list *build_varbind(netsnmp_variable_list *previous, const void
     return added;
 }
 
-int enqueue_notification(int kind, const oid *notification, uint32_t notification_length, netsnmp_variable_list *list) {
-    fake_agent_extension.notifications.items.push_back({kind, {notification, notification + notification_length}, taken_bindings(list)});
+int enqueue_notification(int kind, const oid *notification, uint32_t notification_length,
+                         netsnmp_variable_list *list) {
+    fake_agent_extension.notifications.items.push_back(
+        {kind, {notification, notification + notification_length}, taken_bindings(list)});
     return fake_agent_extension.enqueue_result;
 }
 
@@ -124,4 +133,4 @@ void set_mgmt_conf_last_change_time_extended(int kind) {
     journal.note("configuration changed " + std::to_string(kind));
 }
 
-} /* extern "C" */
+} // extern "C"

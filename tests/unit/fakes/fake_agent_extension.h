@@ -1,4 +1,4 @@
-/* The agent's extension interface. In the journal: "heartbeat" and "configuration changed 2". */
+// The agent's extension interface. In the journal: "heartbeat" and "configuration changed 2".
 #ifndef TESTS_UNIT_FAKE_AGENT_EXTENSION_H
 #define TESTS_UNIT_FAKE_AGENT_EXTENSION_H
 
@@ -11,7 +11,8 @@
 #include "fakes.h"
 #include "platform/agent_extension.h"
 
-/* One binding of a notification: its name, type, and its value in words: a number, or octets in hexadecimal. */
+// One binding of a notification: its name, type, and its value in words: a number, or octets in
+// hexadecimal.
 struct Binding {
     std::vector<oid> name;
     int type;
@@ -19,22 +20,22 @@ struct Binding {
     bool operator==(const Binding &) const = default;
 };
 std::ostream &operator<<(std::ostream &out, const Binding &binding);
-/* Reads a list and frees it. */
+// Reads a list and frees it.
 std::vector<Binding> taken_bindings(netsnmp_variable_list *list);
 
 struct AgentExtensionFake : FakeBase {
-    std::map<uint32_t, agent_message_handler> handlers; /* those in force, by opcode */
-    std::vector<uint32_t> registered;                   /* opcodes in the order of their registration */
+    std::map<uint32_t, agent_message_handler> handlers; // those in force, by opcode
+    std::vector<uint32_t> registered; // opcodes in the order of their registration
     std::vector<uint32_t> unregistered;
-    std::map<uint32_t, int> register_results; /* results other than 0, by opcode */
+    std::map<uint32_t, int> register_results; // results other than 0, by opcode
 
-    std::set<oid> unbuildable; /* columns whose bindings can't be built */
+    std::set<oid> unbuildable; // columns whose bindings can't be built
     struct Notification {
         int kind;
         std::vector<oid> name;
         std::vector<Binding> bindings;
     };
-    Calls<Notification> notifications; /* sent ones */
+    Calls<Notification> notifications; // sent ones
     int enqueue_result = 0;
 
     std::string user = "operator";

@@ -30,4 +30,4 @@ int vrfdir_get_context_id(const char *vrf_name) {
     return fake_chassis.vrf_id;
 }
 
-} /* extern "C" */
+} // extern "C"

@@ -1,4 +1,4 @@
-/* The chassis and its VRFs. In the journal: "chassis type" and "vrf id NAME". */
+// The chassis and its VRFs. In the journal: "chassis type" and "vrf id NAME".
 #ifndef TESTS_UNIT_FAKE_CHASSIS_H
 #define TESTS_UNIT_FAKE_CHASSIS_H
 
@@ -6,7 +6,7 @@
 
 struct ChassisFake : FakeBase {
     int type_result = 0;
-    int type = 0; /* one without VRF */
+    int type = 0; // one without VRF
     bool stores_on_failure = false;
     int vrf_id = 2;
 

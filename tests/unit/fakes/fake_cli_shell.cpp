@@ -38,9 +38,9 @@ uint32_t cmdshell_execute_cfg_file2(const struct cmdshell_exec_params *params) {
 }
 
 int cmdshell_notify_cfg_update(int32_t handle, int second, int kind, int fourth) {
-    journal.note("shell notified " + std::to_string(handle) + " " + std::to_string(second) + " " + std::to_string(kind) + " " +
-                 std::to_string(fourth));
+    journal.note("shell notified " + std::to_string(handle) + " " + std::to_string(second) + " " +
+                 std::to_string(kind) + " " + std::to_string(fourth));
     return 0;
 }
 
-} /* extern "C" */
+} // extern "C"

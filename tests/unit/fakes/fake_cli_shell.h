@@ -1,4 +1,4 @@
-/* The CLI shell. In the journal: "apply FILE to OUTPUT" and "shell notified 100 1 2 3". */
+// The CLI shell. In the journal: "apply FILE to OUTPUT" and "shell notified 100 1 2 3".
 #ifndef TESTS_UNIT_FAKE_CLI_SHELL_H
 #define TESTS_UNIT_FAKE_CLI_SHELL_H
 
@@ -10,8 +10,9 @@
 
 struct CliShellFake : FakeBase {
     uint32_t apply_result = 0;
-    std::string parameters;             /* octets of the last parameter block */
-    std::optional<std::string> applied; /* what the file held that was applied last; nothing when there was none */
+    std::string parameters; // octets of the last parameter block
+    std::optional<std::string>
+        applied; // what the file held that was applied last; nothing when there was none
 
     void reset() override;
 };

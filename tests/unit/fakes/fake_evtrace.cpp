@@ -66,4 +66,4 @@ void dbgprint(const char *format, ...) {
     fake_evtrace.printed.emplace_back(text);
 }
 
-} /* extern "C" */
+} // extern "C"

@@ -1,4 +1,4 @@
-/* The debug history and the debug print, remembered text by text. */
+// The debug history and the debug print, remembered text by text.
 #ifndef TESTS_UNIT_FAKE_EVTRACE_H
 #define TESTS_UNIT_FAKE_EVTRACE_H
 
@@ -18,12 +18,12 @@ struct EvtraceFake : FakeBase {
     };
     std::vector<Record> history;
     std::vector<std::string> printed;
-    std::vector<uint32_t> asked; /* subtypes that the debug print was asked about */
+    std::vector<uint32_t> asked; // subtypes that the debug print was asked about
 
-    bool declines = false; /* the history declines every record */
-    bool prints = false;   /* the debug print is on */
+    bool declines = false; // the history declines every record
+    bool prints = false;   // the debug print is on
 
-    /* How often this very record stands in the history. */
+    // How often this very record stands in the history.
     long count(uint32_t subtype, const std::string &text) const;
     void clear() {
         history.clear();
@@ -38,12 +38,14 @@ std::ostream &operator<<(std::ostream &out, const EvtraceFake::Record &record);
 
 extern EvtraceFake fake_evtrace;
 
-/* The history holds this record, once. */
-#define EXPECT_LOGGED(subtype, text)                                                                                                       \
-    EXPECT_EQ(fake_evtrace.count(subtype, text), 1)                                                                                        \
-        << ::testing::PrintToString(text) << " in " << ::testing::PrintToString(fake_evtrace.history)
-#define EXPECT_NOT_LOGGED(subtype, text)                                                                                                   \
-    EXPECT_EQ(fake_evtrace.count(subtype, text), 0)                                                                                        \
-        << ::testing::PrintToString(text) << " in " << ::testing::PrintToString(fake_evtrace.history)
+// The history holds this record, once.
+#define EXPECT_LOGGED(subtype, text)                                                               \
+    EXPECT_EQ(fake_evtrace.count(subtype, text), 1)                                                \
+        << ::testing::PrintToString(text) << " in "                                                \
+        << ::testing::PrintToString(fake_evtrace.history)
+#define EXPECT_NOT_LOGGED(subtype, text)                                                           \
+    EXPECT_EQ(fake_evtrace.count(subtype, text), 0)                                                \
+        << ::testing::PrintToString(text) << " in "                                                \
+        << ::testing::PrintToString(fake_evtrace.history)
 
 #endif

@@ -1,5 +1,5 @@
-/* The running of programs. In the journal, with how SIGCHLD was taken meanwhile: "execute -1 -1 -1 PROGRAM [FIRST] [SECOND] default"; a
- * real descriptor reads "fd". */
+// The running of programs. In the journal, with how SIGCHLD was taken meanwhile: "execute -1 -1 -1
+// PROGRAM [FIRST] [SECOND] default"; a real descriptor reads "fd".
 #ifndef TESTS_UNIT_FAKE_EXECUTE_H
 #define TESTS_UNIT_FAKE_EXECUTE_H
 
@@ -8,8 +8,8 @@
 #include "fakes.h"
 
 struct ExecuteFake : FakeBase {
-    int result = 0;     /* wait status, or a negative value */
-    std::string output; /* what the program writes where its standard output goes */
+    int result = 0;     // wait status, or a negative value
+    std::string output; // what the program writes where its standard output goes
 
     void reset() override;
 };

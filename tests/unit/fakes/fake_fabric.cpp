@@ -31,7 +31,7 @@ void FabricFake::reset() {
     last_status = {};
 }
 
-/* Records the call, which a test that scripted no fabric did not foresee. */
+// Records the call, which a test that scripted no fabric did not foresee.
 static void record(const char *call) {
     if (!fake_fabric.scripted) {
         ADD_FAILURE() << "unexpected call of the fabric: " << call;
@@ -41,8 +41,9 @@ static void record(const char *call) {
 
 extern "C" {
 
-int ctlmsg_req_resp(uint32_t request, int second, const void *third, void **response, uint32_t *length, int sixth, int seventh,
-                    uint32_t destination, int32_t queue, uint32_t timeout) {
+int ctlmsg_req_resp(uint32_t request, int second, const void *third, void **response,
+                    uint32_t *length, int sixth, int seventh, uint32_t destination, int32_t queue,
+                    uint32_t timeout) {
     record("wwn");
     EXPECT_EQ(request, 1282U);
     EXPECT_EQ(second, 1);
@@ -55,23 +56,26 @@ int ctlmsg_req_resp(uint32_t request, int second, const void *third, void **resp
     *response = nullptr;
     *length = 0;
     if (fake_fabric.wwn_response) {
-        *length = SWITCH_WWN_SIZE + 4; /* more than the name itself */
+        *length = SWITCH_WWN_SIZE + 4; // more than the name itself
         *response = calloc(1, *length);
         memcpy(*response, fake_fabric.local_wwn.data(), fake_fabric.local_wwn.size());
     }
     return fake_fabric.wwn_result;
 }
 
-int fabstat_status_next_get(struct fabstat_status *status, char *text, uint32_t size, uint32_t local_wwn_first, uint32_t local_wwn_second) {
+int fabstat_status_next_get(struct fabstat_status *status, char *text, uint32_t size,
+                            uint32_t local_wwn_first, uint32_t local_wwn_second) {
     record("next");
     EXPECT_EQ(size, FABSTAT_TEXT_SIZE);
     FabricFake::Wwn wwn;
     memcpy(wwn.data(), &local_wwn_first, sizeof local_wwn_first);
     memcpy(wwn.data() + sizeof local_wwn_first, &local_wwn_second, sizeof local_wwn_second);
     EXPECT_EQ(wwn, fake_fabric.local_wwn);
-    EXPECT_EQ(memcmp(status, &last_status, sizeof last_status), 0) << "the cursor did not come back as it was given";
+    EXPECT_EQ(memcmp(status, &last_status, sizeof last_status), 0)
+        << "the cursor did not come back as it was given";
     if (next_switch == 0) {
-        EXPECT_TRUE(std::all_of(text, text + size, [](char octet) { return octet == '\0'; })) << "the text was not cleared before the walk";
+        EXPECT_TRUE(std::all_of(text, text + size, [](char octet) { return octet == '\0'; }))
+            << "the text was not cleared before the walk";
     }
     if (next_switch == fake_fabric.switches.size()) {
         return 1;
@@ -100,7 +104,8 @@ void if_index_mgmt_sup_port_init(uint32_t *if_index, uint32_t second, uint32_t t
     *if_index = management_port;
 }
 
-int addrcfg_get_if_inet_addrs(int32_t queue, uint32_t if_index, struct addrcfg_inet_addrs **addresses) {
+int addrcfg_get_if_inet_addrs(int32_t queue, uint32_t if_index,
+                              struct addrcfg_inet_addrs **addresses) {
     record("addresses");
     EXPECT_EQ(queue, msgbus_response_q);
     EXPECT_EQ(if_index, management_port);
@@ -109,15 +114,17 @@ int addrcfg_get_if_inet_addrs(int32_t queue, uint32_t if_index, struct addrcfg_i
         return fake_fabric.addresses_result;
     }
     const std::vector<inet_address> &all = fake_fabric.management_addresses;
-    const std::size_t octets = offsetof(addrcfg_inet_addrs, first) + all.size() * sizeof(inet_address);
+    const std::size_t octets =
+        offsetof(addrcfg_inet_addrs, first) + all.size() * sizeof(inet_address);
     void *list = calloc(1, octets);
     const auto count = static_cast<uint32_t>(all.size());
     memcpy(static_cast<char *>(list) + offsetof(addrcfg_inet_addrs, count), &count, sizeof count);
     if (!all.empty()) {
-        memcpy(static_cast<char *>(list) + offsetof(addrcfg_inet_addrs, first), all.data(), all.size() * sizeof(inet_address));
+        memcpy(static_cast<char *>(list) + offsetof(addrcfg_inet_addrs, first), all.data(),
+               all.size() * sizeof(inet_address));
     }
     *addresses = static_cast<addrcfg_inet_addrs *>(list);
     return 0;
 }
 
-} /* extern "C" */
+} // extern "C"

@@ -40,7 +40,8 @@ int ip_addr_to_str(const struct inet_address *address, char *text, size_t size) 
         return EAFNOSUPPORT;
     }
     const int family = address->type == INET_ADDRESS_IPV4 ? AF_INET : AF_INET6;
-    return inet_ntop(family, address->octets, text, static_cast<socklen_t>(size)) == nullptr ? errno : 0;
+    return inet_ntop(family, address->octets, text, static_cast<socklen_t>(size)) == nullptr ? errno
+                                                                                             : 0;
 }
 
-} /* extern "C" */
+} // extern "C"

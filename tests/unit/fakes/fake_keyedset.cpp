@@ -10,10 +10,12 @@ struct Sorted {
 
     bool sorts_after(const void *object, const void *key) const { return compare(key, object) > 0; }
     std::vector<void *>::iterator at_or_after(const void *key) {
-        return std::ranges::find_if(objects, [&](const void *object) { return !sorts_after(key, object); });
+        return std::ranges::find_if(objects,
+                                    [&](const void *object) { return !sorts_after(key, object); });
     }
     std::vector<void *>::iterator equal(const void *key) {
-        return std::ranges::find_if(objects, [&](const void *object) { return compare(key, object) == 0; });
+        return std::ranges::find_if(objects,
+                                    [&](const void *object) { return compare(key, object) == 0; });
     }
 };
 
@@ -41,7 +43,8 @@ void KeyedsetFake::verify() {
 
 extern "C" {
 
-int keyedset_create(struct keyedset *set, int first, int second, keyedset_compare compare, int fourth) {
+int keyedset_create(struct keyedset *set, int first, int second, keyedset_compare compare,
+                    int fourth) {
     fake_keyedset.creates.push_back({set, first, second, compare, fourth});
     if (!fake_keyedset.create_results.empty()) {
         const int result = fake_keyedset.create_results.front();
@@ -71,7 +74,8 @@ void *keyedset_add(struct keyedset *set, const void *key, void *object) {
 }
 
 void *keyedset_find(const struct keyedset *set, const void *key) {
-    if (set == fake_keyedset.failing && fake_keyedset.find_fails_in > 0 && --fake_keyedset.find_fails_in == 0) {
+    if (set == fake_keyedset.failing && fake_keyedset.find_fails_in > 0 &&
+        --fake_keyedset.find_fails_in == 0) {
         return nullptr;
     }
     Sorted *impl = impl_of(set);
@@ -87,7 +91,8 @@ void *keyedset_find_nextgreater(const struct keyedset *set, const void *key) {
     if (impl == nullptr) {
         return nullptr;
     }
-    const auto found = std::ranges::find_if(impl->objects, [&](const void *object) { return impl->sorts_after(object, key); });
+    const auto found = std::ranges::find_if(
+        impl->objects, [&](const void *object) { return impl->sorts_after(object, key); });
     return found == impl->objects.end() ? nullptr : *found;
 }
 
@@ -121,4 +126,4 @@ void keyedset_destroy(struct keyedset *set) {
     set->impl = nullptr;
 }
 
-} /* extern "C" */
+} // extern "C"

@@ -72,7 +72,7 @@ void *__wrap_calloc(size_t count, size_t size) {
     return fails(count * size) ? nullptr : __real_calloc(count, size);
 }
 
-/* operator new, plain and not throwing, under the names that the linker knows them by */
+// operator new, plain and not throwing, under the names that the linker knows them by
 void *__wrap__Znwm(size_t size) {
     if (fails(size)) {
         throw std::bad_alloc();
@@ -84,4 +84,4 @@ void *__wrap__ZnwmRKSt9nothrow_t(size_t size, const std::nothrow_t &tag) {
     return fails(size) ? nullptr : __real__ZnwmRKSt9nothrow_t(size, tag);
 }
 
-} /* extern "C" */
+} // extern "C"

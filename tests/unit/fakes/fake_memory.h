@@ -1,4 +1,5 @@
-/* The heap, which can run out for blocks of one size, and counts the blocks that are not given back. */
+// The heap, which can run out for blocks of one size, and counts the blocks that are not given
+// back.
 #ifndef TESTS_UNIT_FAKE_MEMORY_H
 #define TESTS_UNIT_FAKE_MEMORY_H
 
@@ -7,12 +8,13 @@
 #include "fakes.h"
 
 struct MemoryFake : FakeBase {
-    /* Static, as blocks are allocated before this object is constructed. */
-    static inline std::size_t failing_size = 0; /* allocations of this many octets fail, unless 0 */
+    // Static, as blocks are allocated before this object is constructed.
+    static inline std::size_t failing_size = 0; // allocations of this many octets fail, unless 0
     static inline int failures = 0;
     static inline bool counting = false;
 
-    /* Counts from now on, and only blocks that come from malloc() and are seen from the module and its tests. */
+    // Counts from now on, and only blocks that come from malloc() and are seen from the module and
+    // its tests.
     static void count_blocks();
     static std::size_t blocks();
 

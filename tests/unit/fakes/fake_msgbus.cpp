@@ -53,7 +53,7 @@ void MsgbusFake::reset() {
     for (msgbus_message *message : std::exchange(alive, {})) {
         delete message;
     }
-    cfg_action_request = nullptr; /* the module's hold on one of them */
+    cfg_action_request = nullptr; // the module's hold on one of them
 }
 
 void MsgbusFake::verify() {
@@ -68,14 +68,16 @@ extern "C" {
 
 int32_t msgbus_response_q = MsgbusFake::response_queue;
 
-int32_t msgbus_bind(int32_t kind, int32_t second, const struct msgbus_address *address, const char *name) {
+int32_t msgbus_bind(int32_t kind, int32_t second, const struct msgbus_address *address,
+                    const char *name) {
     std::string words;
     for (const uint32_t word : address->word) {
         words += (words.empty() ? "" : ",") + std::to_string(word);
     }
     const int error = next(fake_msgbus.bind_errors);
     const int32_t handle = error == 0 ? fake_msgbus.next_handle++ : -1;
-    journal.note("bind " + std::to_string(kind) + " " + std::to_string(second) + " " + words + " " + name + " = " + std::to_string(handle));
+    journal.note("bind " + std::to_string(kind) + " " + std::to_string(second) + " " + words + " " +
+                 name + " = " + std::to_string(handle));
     errno = error == 0 ? errno : error;
     return handle;
 }
@@ -86,8 +88,9 @@ int32_t msgbus_unbind(int32_t handle, int32_t second) {
     return 0;
 }
 
-int32_t msgbus_send(int32_t handle, uint32_t node, uint32_t sap, uint32_t opcode, const void *payload, uint32_t length, msgbus_msg *store,
-                    uint32_t eighth, uint32_t ninth) {
+int32_t msgbus_send(int32_t handle, uint32_t node, uint32_t sap, uint32_t opcode,
+                    const void *payload, uint32_t length, msgbus_msg *store, uint32_t eighth,
+                    uint32_t ninth) {
     EXPECT_TRUE(known_endpoint(handle)) << endpoint_of_nobody;
     EXPECT_LE(length, MSGBUS_PAYLOAD_MAX);
     EXPECT_EQ(eighth, 0U);
@@ -98,7 +101,9 @@ int32_t msgbus_send(int32_t handle, uint32_t node, uint32_t sap, uint32_t opcode
     const int error = next(fake_msgbus.send_errors);
     if (store != nullptr && error == 0) {
         const std::string octets(static_cast<const char *>(payload), length);
-        *store = *fake_msgbus.alive.insert(new msgbus_message{handle, opcode, octets, fake_msgbus.next_token++}).first;
+        *store = *fake_msgbus.alive
+                      .insert(new msgbus_message{handle, opcode, octets, fake_msgbus.next_token++})
+                      .first;
     }
     if (error != 0) {
         errno = error;
@@ -107,7 +112,8 @@ int32_t msgbus_send(int32_t handle, uint32_t node, uint32_t sap, uint32_t opcode
     return 0;
 }
 
-int32_t msgbus_recv(int32_t handle, msgbus_msg *message, const struct msgbus_recv_options *options) {
+int32_t msgbus_recv(int32_t handle, msgbus_msg *message,
+                    const struct msgbus_recv_options *options) {
     EXPECT_TRUE(known_endpoint(handle)) << endpoint_of_nobody;
     static_assert(sizeof *options == 40);
     EXPECT_EQ(options->wait, 1U);
@@ -124,7 +130,9 @@ int32_t msgbus_recv(int32_t handle, msgbus_msg *message, const struct msgbus_rec
         errno = answer.error;
         return -1;
     }
-    *message = *fake_msgbus.alive.insert(new msgbus_message{handle, answer.opcode, answer.payload, 0}).first;
+    *message =
+        *fake_msgbus.alive.insert(new msgbus_message{handle, answer.opcode, answer.payload, 0})
+             .first;
     return 0;
 }
 
@@ -143,11 +151,13 @@ uint32_t msgbus_opc_get(msgbus_msg message) {
 }
 
 const void *msgbus_payload_get(msgbus_msg message, uint32_t at_least) {
-    return is_alive(message) && !message->payload.empty() && message->payload.size() >= at_least ? message->payload.data() : nullptr;
+    return is_alive(message) && !message->payload.empty() && message->payload.size() >= at_least
+               ? message->payload.data()
+               : nullptr;
 }
 
 uint32_t msgbus_rr_token_get(msgbus_msg message) {
     return message != nullptr && is_alive(message) ? message->token : 0;
 }
 
-} /* extern "C" */
+} // extern "C"

@@ -1,6 +1,8 @@
-/* The message service with scripted answers. Every bind, unbind, send, receive and drop is a line of the journal:
- *   "bind 4 -1 1,0,1024,26,0,15 req-resp = 100", "unbind 100 0", "send 7 fe000000 3 1381 <hex payload>" (" kept" when the bus keeps a
- * copy), "receive 7", "drop 1381". */
+// The message service with scripted answers. Every bind, unbind, send, receive and drop is a line
+// of the journal:
+//   "bind 4 -1 1,0,1024,26,0,15 req-resp = 100", "unbind 100 0", "send 7 fe000000 3 1381 <hex
+//   payload>" (" kept" when the bus keeps a
+// copy), "receive 7", "drop 1381".
 #ifndef TESTS_UNIT_FAKE_MSGBUS_H
 #define TESTS_UNIT_FAKE_MSGBUS_H
 
@@ -23,23 +25,23 @@ struct MsgbusFake : FakeBase {
     static constexpr int32_t response_queue = 7;
     static constexpr uint32_t first_token = 0xA1B2C3D4;
 
-    int32_t next_handle = 100;   /* what the next bind gives; each takes the next number */
-    std::deque<int> bind_errors; /* errno of the next binds, 0 for one that works */
-    std::deque<int> send_errors; /* the same for sends */
+    int32_t next_handle = 100;   // what the next bind gives; each takes the next number
+    std::deque<int> bind_errors; // errno of the next binds, 0 for one that works
+    std::deque<int> send_errors; // the same for sends
 
     struct Answer {
-        int error; /* errno of the receive, or 0 */
+        int error; // errno of the receive, or 0
         uint32_t opcode;
         std::string payload;
     };
-    std::deque<Answer> answers; /* of the next receives */
+    std::deque<Answer> answers; // of the next receives
 
-    std::set<msgbus_message *> alive; /* messages that nobody has dropped yet */
+    std::set<msgbus_message *> alive; // messages that nobody has dropped yet
     uint32_t next_token = first_token;
 
-    /* A message for a handler; it stays the test's, which drops it. */
+    // A message for a handler; it stays the test's, which drops it.
     msgbus_message *make(uint32_t opcode, const std::string &payload);
-    /* Drops a message outside the module's view: no line in the journal. */
+    // Drops a message outside the module's view: no line in the journal.
     void release(msgbus_message *message);
 
     void reset() override;

@@ -11,11 +11,11 @@
 
 namespace {
 
-constexpr char line_end = '\0'; /* lines of the report may hold newlines */
+constexpr char line_end = '\0'; // lines of the report may hold newlines
 
-int report_fd = -1; /* in a child: where its report goes */
+int report_fd = -1; // in a child: where its report goes
 
-/* Works also while the module takes SIGCHLD its own way. */
+// Works also while the module takes SIGCHLD its own way.
 class DefaultSigchld {
   public:
     DefaultSigchld() {
@@ -31,7 +31,7 @@ class DefaultSigchld {
     struct sigaction before_ {};
 };
 
-/* Empties what the parent has recorded so far: the child's report is about the child. */
+// Empties what the parent has recorded so far: the child's report is about the child.
 void become_child(int fd) {
     report_fd = fd;
     journal.take();
@@ -58,15 +58,18 @@ void write_report() {
 ProcessFake::Child read_report(pid_t pid, int fd) {
     std::string report;
     char block[4096];
-    for (ssize_t got = read(fd, block, sizeof block); got > 0; got = read(fd, block, sizeof block)) {
+    for (ssize_t got = read(fd, block, sizeof block); got > 0;
+         got = read(fd, block, sizeof block)) {
         report.append(block, static_cast<std::size_t>(got));
     }
     int status = 0;
     EXPECT_EQ(waitpid(pid, &status, 0), pid);
-    ProcessFake::Child child{pid, WIFEXITED(status) ? WEXITSTATUS(status) : -1, report.substr(0, 1) != "-", {}, {}};
+    ProcessFake::Child child{
+        pid, WIFEXITED(status) ? WEXITSTATUS(status) : -1, report.substr(0, 1) != "-", {}, {}};
     for (std::size_t at = 1; at < report.size();) {
         const std::size_t end = report.find(line_end, at);
-        (report[at] == 'j' ? child.journal : child.history).push_back(report.substr(at + 1, end - at - 1));
+        (report[at] == 'j' ? child.journal : child.history)
+            .push_back(report.substr(at + 1, end - at - 1));
         at = end + 1;
     }
     return child;
@@ -118,7 +121,7 @@ pid_t __wrap_fork(void) {
 
 [[noreturn]] void __wrap__exit(int status) {
     if (report_fd >= 0) {
-        fflush(nullptr); /* the words of checks that failed */
+        fflush(nullptr); // the words of checks that failed
         write_report();
     }
     __real__exit(status);
@@ -135,4 +138,4 @@ unsigned int __wrap_sleep(unsigned int seconds) {
     return 0;
 }
 
-} /* extern "C" */
+} // extern "C"

@@ -31,4 +31,4 @@ uint32_t warden_cli_write_ascii_cfg(int32_t handle, const char *path) {
     return fake_system_manager.write_result;
 }
 
-} /* extern "C" */
+} // extern "C"

@@ -1,4 +1,5 @@
-/* The system manager's library. In the journal: "startup directory 100 2" and "write startup 100 PATH". */
+// The system manager's library. In the journal: "startup directory 100 2" and "write startup 100
+// PATH".
 #ifndef TESTS_UNIT_FAKE_SYSTEM_MANAGER_H
 #define TESTS_UNIT_FAKE_SYSTEM_MANAGER_H
 
@@ -11,7 +12,8 @@
 struct SystemManagerFake : FakeBase {
     std::string directory = "/startup";
     uint32_t write_result = 0;
-    std::optional<std::string> written; /* what the file held that became the startup configuration last */
+    // what the file held that became the startup configuration last
+    std::optional<std::string> written;
 
     void reset() override;
 };

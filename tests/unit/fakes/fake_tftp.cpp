@@ -29,7 +29,8 @@ int tftp_connect(const char *server, int port) {
 }
 
 int tftp_put2(const char *local, const char *remote, int flags) {
-    journal.note(std::string("tftp put ") + local + " " + remote + " " + std::to_string(flags) + sigchld_disposition());
+    journal.note(std::string("tftp put ") + local + " " + remote + " " + std::to_string(flags) +
+                 sigchld_disposition());
     if (std::ifstream file(local); file) {
         std::ostringstream contents;
         contents << file.rdbuf();
@@ -39,7 +40,8 @@ int tftp_put2(const char *local, const char *remote, int flags) {
 }
 
 int tftp_get2(const char *remote, const char *local, int flags) {
-    journal.note(std::string("tftp get ") + remote + " " + local + " " + std::to_string(flags) + sigchld_disposition());
+    journal.note(std::string("tftp get ") + remote + " " + local + " " + std::to_string(flags) +
+                 sigchld_disposition());
     if (fake_tftp.transfer_result >= 0 && fake_tftp.remote_file) {
         std::ofstream(local) << *fake_tftp.remote_file;
     }
@@ -51,4 +53,4 @@ const char *tftp_strerror(int error) {
     return fake_tftp.text.c_str();
 }
 
-} /* extern "C" */
+} // extern "C"

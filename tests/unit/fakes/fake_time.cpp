@@ -26,4 +26,4 @@ int __wrap_gettimeofday(struct timeval *out, void *) {
     return 0;
 }
 
-} /* extern "C" */
+} // extern "C"

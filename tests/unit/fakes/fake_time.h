@@ -1,4 +1,4 @@
-/* A clock that moves only when a test moves it. */
+// A clock that moves only when a test moves it.
 #ifndef TESTS_UNIT_FAKE_TIME_H
 #define TESTS_UNIT_FAKE_TIME_H
 
@@ -9,7 +9,7 @@
 struct TimeFake : FakeBase {
     static constexpr int64_t start = 1700000000;
 
-    int64_t seconds = start; /* since the epoch */
+    int64_t seconds = start; // since the epoch
     int32_t microseconds = 250000;
 
     void reset() override;

@@ -6,7 +6,7 @@
 
 namespace {
 
-/* A text from which the code can be told. */
+// A text from which the code can be told.
 const char *text_of(const char *function, uint32_t code) {
     char text[64];
     snprintf(text, sizeof text, "%s 0x%08x", function, code);
@@ -42,4 +42,4 @@ const char *syserr_format(uint32_t code) {
     return text_of("syserr_format", code);
 }
 
-} /* extern "C" */
+} // extern "C"

@@ -1,4 +1,4 @@
-/* The last error and the texts of status codes. */
+// The last error and the texts of status codes.
 #ifndef TESTS_UNIT_FAKE_UTILITIES_H
 #define TESTS_UNIT_FAKE_UTILITIES_H
 
@@ -9,8 +9,8 @@
 #include "fakes.h"
 
 struct UtilitiesFake : FakeBase {
-    Calls<std::pair<uint32_t, uint32_t>> errors; /* log_set_error(): code and facility */
-    std::string text;                            /* what the text functions returned last */
+    Calls<std::pair<uint32_t, uint32_t>> errors; // log_set_error(): code and facility
+    std::string text;                            // what the text functions returned last
 
     void reset() override;
     void verify() override;

@@ -1,5 +1,5 @@
-/* One record of what the module asked of the world outside, in order over all services: a line a call. A test compares the lines with those
- * that it foresees; a line that no test reads fails it. */
+// One record of what the module asked of the world outside, in order over all services: a line a
+// call. A test compares the lines with those that it foresees; a line that no test reads fails it.
 #ifndef TESTS_UNIT_JOURNAL_H
 #define TESTS_UNIT_JOURNAL_H
 
@@ -13,7 +13,8 @@ using Lines = std::vector<std::string>;
 
 struct JournalFake : FakeBase {
     Calls<std::string> lines;
-    /* Called with each line while the call that it tells of is still going on: what is true then can be looked at. */
+    // Called with each line while the call that it tells of is still going on: what is true then
+    // can be looked at.
     std::function<void(const std::string &)> on_line;
 
     void note(const std::string &line);
@@ -25,10 +26,10 @@ struct JournalFake : FakeBase {
 
 extern JournalFake journal;
 
-/* " default", " ignored" or " other": how this process takes SIGCHLD now. */
+// " default", " ignored" or " other": how this process takes SIGCHLD now.
 std::string sigchld_disposition();
 
-/* Two lower-case hexadecimal digits an octet. */
+// Two lower-case hexadecimal digits an octet.
 std::string hex(const void *octets, std::size_t length);
 
 #endif

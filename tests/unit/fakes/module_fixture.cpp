@@ -12,7 +12,7 @@ namespace {
 
 constexpr oid copy_entry[] = {CC_ROOT_OID, 1, 1, 1, 1};
 constexpr oid error_entry[] = {CC_ROOT_OID, 1, 1, 2, 1};
-/* Room that the agent gives a handler for the OID. */
+// Room that the agent gives a handler for the OID.
 constexpr std::size_t oid_room = MAX_OID_LEN;
 
 Oid with(Oid name, oid last) {
@@ -20,7 +20,8 @@ Oid with(Oid name, oid last) {
     return name;
 }
 
-/* The variable of a column as the agent hands it to a read handler: with the whole OID of the column. */
+// The variable of a column as the agent hands it to a read handler: with the whole OID of the
+// column.
 std::optional<struct variable> variable_of(const Oid &column) {
     for (const struct variable7 &registered : config_copy_mib_variables) {
         Oid name(config_copy_mib_variables_oid, config_copy_mib_variables_oid + CC_ROOT_OID_LENGTH);
@@ -56,7 +57,8 @@ Lookup look_up(const Oid &column, const Oid &name, int exact) {
     std::ranges::copy(name, buffer);
     std::size_t name_length = name.size();
     Lookup result{};
-    result.value = found->findVar(&*found, buffer, &name_length, exact, &result.length, &result.write_method);
+    result.value =
+        found->findVar(&*found, buffer, &name_length, exact, &result.length, &result.write_method);
     result.name.assign(buffer, buffer + name_length);
     return result;
 }
@@ -66,7 +68,9 @@ std::optional<Answer> answer(const Oid &column, const Oid &name, int exact) {
     if (found.value == nullptr) {
         return std::nullopt;
     }
-    return Answer{found.name, std::string(reinterpret_cast<const char *>(found.value), found.length), found.write_method};
+    return Answer{found.name,
+                  std::string(reinterpret_cast<const char *>(found.value), found.length),
+                  found.write_method};
 }
 
 Value value_of(unsigned char type, const void *octets, std::size_t length, std::size_t given) {
@@ -151,9 +155,11 @@ Value with_type(Value value, unsigned char type) {
     return value;
 }
 
-int call_phase(WriteMethod *method, int phase, const Value &value, oid column, oid index, unsigned char *state) {
+int call_phase(WriteMethod *method, int phase, const Value &value, oid column, oid index,
+               unsigned char *state) {
     Oid name = copy_instance(column, index);
-    return method(phase, value.octets.get(), value.type, value.length, state, name.data(), name.size());
+    return method(phase, value.octets.get(), value.type, value.length, state, name.data(),
+                  name.size());
 }
 
 Oid Varbind::name() const {
@@ -174,13 +180,16 @@ int Request::run(int phase) {
     }
     Oid name = varbind_.name();
     const Value &value = varbind_.value;
-    return write_method_(phase, value.octets.get(), value.type, value.length, state_, name.data(), name.size());
+    return write_method_(phase, value.octets.get(), value.type, value.length, state_, name.data(),
+                         name.size());
 }
 
 SetResult set(const std::vector<Varbind> &varbinds) {
     std::vector<std::vector<Request>> groups;
     for (const Varbind &varbind : varbinds) {
-        auto group = std::ranges::find_if(groups, [&](const auto &one) { return one.front().varbind().column == varbind.column; });
+        auto group = std::ranges::find_if(groups, [&](const auto &one) {
+            return one.front().varbind().column == varbind.column;
+        });
         if (group == groups.end()) {
             group = groups.insert(groups.end(), std::vector<Request>{});
         }
@@ -194,7 +203,8 @@ SetResult set(const std::vector<Varbind> &varbinds) {
             for (Request &request : group) {
                 const int status = request.run(phase);
                 if (request.writable()) {
-                    result.history.push_back(std::string(phase_names[phase]) + " " + std::to_string(request.varbind().column) + "." +
+                    result.history.push_back(std::string(phase_names[phase]) + " " +
+                                             std::to_string(request.varbind().column) + "." +
                                              std::to_string(request.varbind().index));
                 }
                 first = first == SNMP_ERR_NOERROR ? status : first;
@@ -202,11 +212,13 @@ SetResult set(const std::vector<Varbind> &varbinds) {
         }
         return first;
     };
-    for (const int phase : {SNMP_MSG_INTERNAL_SET_RESERVE1, SNMP_MSG_INTERNAL_SET_RESERVE2, SNMP_MSG_INTERNAL_SET_ACTION}) {
+    for (const int phase : {SNMP_MSG_INTERNAL_SET_RESERVE1, SNMP_MSG_INTERNAL_SET_RESERVE2,
+                            SNMP_MSG_INTERNAL_SET_ACTION}) {
         result.status = run(phase);
         if (result.status != SNMP_ERR_NOERROR) {
             result.failed_phase = phase;
-            run(phase == SNMP_MSG_INTERNAL_SET_ACTION ? SNMP_MSG_INTERNAL_SET_UNDO : SNMP_MSG_INTERNAL_SET_FREE);
+            run(phase == SNMP_MSG_INTERNAL_SET_ACTION ? SNMP_MSG_INTERNAL_SET_UNDO
+                                                      : SNMP_MSG_INTERNAL_SET_FREE);
             return result;
         }
     }
@@ -243,7 +255,7 @@ TraceFile::TraceFile() : fd_(-1) {
     fd_ = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     EXPECT_GE(fd_, 0);
     lseek(fd_, 0, SEEK_END);
-    /* The name is needed no more, and nothing is to be left in the folder. */
+    // The name is needed no more, and nothing is to be left in the folder.
     char name[PATH_MAX];
     const ssize_t length = readlink(path.c_str(), name, sizeof name - 1);
     if (length > 0) {
@@ -260,7 +272,8 @@ TraceFile::~TraceFile() {
 std::string TraceFile::take_raw() {
     std::string text;
     char block[4096];
-    for (ssize_t got = read(fd_, block, sizeof block); got > 0; got = read(fd_, block, sizeof block)) {
+    for (ssize_t got = read(fd_, block, sizeof block); got > 0;
+         got = read(fd_, block, sizeof block)) {
         text.append(block, static_cast<std::size_t>(got));
     }
     return text;
@@ -273,12 +286,14 @@ std::vector<std::string> TraceFile::take() {
     const std::string raw = take_raw();
     std::vector<std::string> texts;
     for (std::size_t at = 0; at < raw.size();) {
-        EXPECT_EQ(raw.compare(at, stamp.size(), stamp), 0) << "no stamp at " << raw.substr(at, stamp.size());
+        EXPECT_EQ(raw.compare(at, stamp.size(), stamp), 0)
+            << "no stamp at " << raw.substr(at, stamp.size());
         const std::size_t begin = at + stamp.size();
         const std::size_t next = raw.find(stamp, begin);
         at = next == std::string::npos ? raw.size() : next;
         EXPECT_EQ(raw[at - 1], '\n');
-        texts.push_back(std::regex_replace(raw.substr(begin, at - 1 - begin), std::regex("^([A-Za-z_0-9]+)\\([0-9]+\\):"), "$1(#):"));
+        texts.push_back(std::regex_replace(raw.substr(begin, at - 1 - begin),
+                                           std::regex("^([A-Za-z_0-9]+)\\([0-9]+\\):"), "$1(#):"));
     }
     return texts;
 }

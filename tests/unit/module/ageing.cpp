@@ -1,4 +1,4 @@
-/* Ageing of rows, and changes of the system's clock. */
+// Ageing of rows, and changes of the system's clock.
 #include "tests/unit/fakes/execution_fixture.h"
 #include "tests/unit/fakes/fake_agent.h"
 #include "tests/unit/fakes/fake_evtrace.h"
@@ -9,8 +9,9 @@ namespace {
 
 class Ageing : public LoadedModuleTest {
   protected:
-    /* Puts a row of this age into the table. */
-    static void add_aged(int32_t index, int32_t age, int32_t state = COPY_STATE_WAITING, int32_t row_status = ROW_STATUS_NOT_READY) {
+    // Puts a row of this age into the table.
+    static void add_aged(int32_t index, int32_t age, int32_t state = COPY_STATE_WAITING,
+                         int32_t row_status = ROW_STATUS_NOT_READY) {
         add_row(index, row_status);
         ccCopyEntry row = stored_row(index);
         row.create_time = static_cast<int32_t>(fake_time.seconds - age);
@@ -20,7 +21,7 @@ class Ageing : public LoadedModuleTest {
     static void age_out() { cfgentry_age_timer_handler(fake_agent.last_alarm, nullptr); }
 };
 
-/* --- ageing ----------------------------------------------------------------------------------------------------------------------- */
+// --- ageing
 
 TEST_F(Ageing, LimitOfAge) {
     add_aged(1, 304);
@@ -28,18 +29,24 @@ TEST_F(Ageing, LimitOfAge) {
     add_aged(3, 306);
     add_aged(4, 0);
     add_aged(5, 100000);
-    add_aged(6, -10); /* made in the future */
+    add_aged(6, -10); // made in the future
     age_out();
     EXPECT_EQ(stored_indexes(), (std::vector<int32_t>{1, 2, 4, 6}));
     const auto deleting = [](int index, int age) {
-        return EvtraceFake::Record{EVTRACE_DEBUG, "cfgentry_age_timer_handler: Deleting the aged out entry " + std::to_string(index) +
-                                                      " (curtime = 1700000000, entrycreatetetime = " + std::to_string(1700000000 - age) +
-                                                      " \n"};
+        return EvtraceFake::Record{
+            EVTRACE_DEBUG,
+            "cfgentry_age_timer_handler: Deleting the aged out entry " + std::to_string(index) +
+                " (curtime = 1700000000, entrycreatetetime = " + std::to_string(1700000000 - age) +
+                " \n"};
     };
     std::vector<EvtraceFake::Record> of_the_handler = fake_evtrace.history;
-    std::erase_if(of_the_handler, [](const EvtraceFake::Record &one) { return !one.text.starts_with("cfgentry_age_timer_handler"); });
+    std::erase_if(of_the_handler, [](const EvtraceFake::Record &one) {
+        return !one.text.starts_with("cfgentry_age_timer_handler");
+    });
     EXPECT_EQ(of_the_handler, (std::vector<EvtraceFake::Record>{
-                                  {EVTRACE_DEBUG, "cfgentry_age_timer_handler : enter...\n"}, deleting(3, 306), deleting(5, 100000)}));
+                                  {EVTRACE_DEBUG, "cfgentry_age_timer_handler : enter...\n"},
+                                  deleting(3, 306),
+                                  deleting(5, 100000)}));
 }
 
 TEST_F(Ageing, EveryStateButRunningAgesOut) {
@@ -79,7 +86,8 @@ TEST_F(Ageing, LastRowTakesTableAndAlarmWithIt) {
 TEST_F(Ageing, ErrorRowsGoWithTheirRow) {
     add_aged(3, 306);
     add_aged(4, 0);
-    ASSERT_EQ(keyedset_create(&ccCopyErrorTable, 1, 1, ccCopyErrorEntry_comp_func, 1), KEYEDSET_CREATED);
+    ASSERT_EQ(keyedset_create(&ccCopyErrorTable, 1, 1, ccCopyErrorEntry_comp_func, 1),
+              KEYEDSET_CREATED);
     for (const int32_t index : {3, 4}) {
         ccCopyEntry request{};
         request.ccCopyIndex = index;
@@ -100,13 +108,15 @@ TEST_F(Ageing, EmptyTable) {
     EXPECT_EQ(stored_indexes(), std::vector<int32_t>{});
 }
 
-/* A destroy that was abandoned leaves a row copy behind: it must not meet a later row of that index. */
+// A destroy that was abandoned leaves a row copy behind: it must not meet a later row of that
+// index.
 TEST_F(Ageing, RowCopyOfAnAbandonedSetGoesWithTheRow) {
     add_aged(3, 306);
     add_aged(4, 0);
-    ::testing::internal::CaptureStderr(); /* the refusal of the second variable */
+    ::testing::internal::CaptureStderr(); // the refusal of the second variable
     for (const oid index : {oid{3}, oid{4}}) {
-        EXPECT_EQ(set({{CC_COLUMN_ENTRY_ROW_STATUS, index, integer(ROW_STATUS_DESTROY)}, {CC_COLUMN_FILE_NAME, 999, octet_string("none")}})
+        EXPECT_EQ(set({{CC_COLUMN_ENTRY_ROW_STATUS, index, integer(ROW_STATUS_DESTROY)},
+                       {CC_COLUMN_FILE_NAME, 999, octet_string("none")}})
                       .status,
                   SNMP_ERR_NOSUCHNAME);
     }
@@ -115,17 +125,20 @@ TEST_F(Ageing, RowCopyOfAnAbandonedSetGoesWithTheRow) {
     age_out();
     EXPECT_EQ(stored_indexes(), std::vector<int32_t>{4});
     ASSERT_EQ(keyedset_size(&ccCopyUndoList), 1U);
-    EXPECT_EQ(static_cast<const ccCopyEntry *>(keyedset_find_nth_obj(&ccCopyUndoList, 1))->ccCopyIndex, 4);
+    EXPECT_EQ(
+        static_cast<const ccCopyEntry *>(keyedset_find_nth_obj(&ccCopyUndoList, 1))->ccCopyIndex,
+        4);
 }
 
-/* --- clock changes ---------------------------------------------------------------------------------------------------------------- */
+// --- clock changes
 
 class ClockChange : public Ageing {
   protected:
     static void change(uint32_t seconds, uint32_t direction) {
         const agent_starttime_change change{&seconds, direction};
         EXPECT_EQ(cc_handle_starttime_change(SNMP_CALLBACK_LIBRARY, AGENT_CALLBACK_STARTTIME_CHANGE,
-                                             const_cast<agent_starttime_change *>(&change), nullptr),
+                                             const_cast<agent_starttime_change *>(&change),
+                                             nullptr),
                   0);
     }
     static void add_created(int32_t index, int32_t create_time) {
@@ -143,11 +156,12 @@ TEST_F(ClockChange, MovesEveryCreation) {
     add_created(7, 5000);
     Lines states;
     journal.on_line = [&](const std::string &) {
-        states.push_back(std::to_string(stored_row(3).create_time) + " " + std::to_string(stored_row(7).create_time));
+        states.push_back(std::to_string(stored_row(3).create_time) + " " +
+                         std::to_string(stored_row(7).create_time));
     };
     change(3600, 1);
     EXPECT_EQ(journal.take(), (Lines{"heartbeat", "heartbeat"}));
-    EXPECT_EQ(states, (Lines{"4600 5000", "4600 8600"})); /* after every row */
+    EXPECT_EQ(states, (Lines{"4600 5000", "4600 8600"})); // after every row
     EXPECT_EQ(stored_row(3).ccCopyTimeStarted.tv_sec, 100);
     EXPECT_EQ(stored_row(3).ccCopyTimeCompleted.tv_sec, 200);
 }

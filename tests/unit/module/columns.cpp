@@ -1,4 +1,4 @@
-/* Write methods of the seven plain columns. */
+// Write methods of the seven plain columns.
 #include "tests/unit/fakes/fake_evtrace.h"
 #include "tests/unit/fakes/fake_keyedset.h"
 #include "tests/unit/fakes/module_fixture.h"
@@ -14,18 +14,18 @@ constexpr int undo = 5;
 
 constexpr int32_t row_index = 5;
 
-/* What tells the columns apart. */
+// What tells the columns apart.
 struct Facts {
     const char *column;
     oid number;
     WriteMethod *method;
     bool text;
     std::size_t longest;
-    bool save_before_test; /* the old value is saved before the row status is tested */
+    bool save_before_test; // the old value is saved before the row status is tested
     std::vector<int> logged_phases;
     const char *old_text;
     const char *new_text;
-    const char *restored_text; /* what FREE makes of the old text */
+    const char *restored_text; // what FREE makes of the old text
 };
 
 std::ostream &operator<<(std::ostream &out, const Facts &facts) {
@@ -33,13 +33,67 @@ std::ostream &operator<<(std::ostream &out, const Facts &facts) {
 }
 
 const Facts all_facts[] = {
-    {"ccCopyProtocol", 2, set_ccCopyProtocol, false, 4, true, {reserve1, reserve2, action, free_phase}, "", "", ""},
-    {"ccCopySourceFileType", 3, set_ccCopySourceFileType, false, 4, true, {reserve1, reserve2, action, free_phase}, "", "", ""},
+    {"ccCopyProtocol",
+     2,
+     set_ccCopyProtocol,
+     false,
+     4,
+     true,
+     {reserve1, reserve2, action, free_phase},
+     "",
+     "",
+     ""},
+    {"ccCopySourceFileType",
+     3,
+     set_ccCopySourceFileType,
+     false,
+     4,
+     true,
+     {reserve1, reserve2, action, free_phase},
+     "",
+     "",
+     ""},
     {"ccCopyDestFileType", 4, set_ccCopyDestFileType, false, 4, true, {free_phase}, "", "", ""},
-    {"ccCopyFileName", 6, set_ccCopyFileName, true, 128, false, {action, free_phase}, "old-name.cfg", "new", "old-name.c"},
-    {"ccCopyUserName", 7, set_ccCopyUserName, true, 41, false, {free_phase}, "operator", "new", "operator"},
-    {"ccCopyUserPassword", 8, set_ccCopyUserPassword, true, 41, false, {free_phase}, "secret", "new", "secret"},
-    {"ccCopyNotificationOnCompletion", 9, set_ccCopyNotificationOnCompletion, false, 4, false, {free_phase}, "", "", ""},
+    {"ccCopyFileName",
+     6,
+     set_ccCopyFileName,
+     true,
+     128,
+     false,
+     {action, free_phase},
+     "old-name.cfg",
+     "new",
+     "old-name.c"},
+    {"ccCopyUserName",
+     7,
+     set_ccCopyUserName,
+     true,
+     41,
+     false,
+     {free_phase},
+     "operator",
+     "new",
+     "operator"},
+    {"ccCopyUserPassword",
+     8,
+     set_ccCopyUserPassword,
+     true,
+     41,
+     false,
+     {free_phase},
+     "secret",
+     "new",
+     "secret"},
+    {"ccCopyNotificationOnCompletion",
+     9,
+     set_ccCopyNotificationOnCompletion,
+     false,
+     4,
+     false,
+     {free_phase},
+     "",
+     "",
+     ""},
 };
 
 constexpr int32_t old_number = 4;
@@ -85,7 +139,7 @@ class Column : public ModuleTest, public ::testing::WithParamInterface<Facts> {
     const Facts &facts = GetParam();
     const std::string handler = std::string("set_") + facts.column;
 
-    /* Row 5 with the old value and this status. */
+    // Row 5 with the old value and this status.
     void add(int32_t row_status = ROW_STATUS_NOT_READY) {
         add_row(row_index, row_status);
         ccCopyEntry row = stored_row(row_index);
@@ -102,23 +156,36 @@ class Column : public ModuleTest, public ::testing::WithParamInterface<Facts> {
         }
     }
 
-    Value new_value() const { return facts.text ? octet_string(facts.new_text) : integer(new_number); }
+    Value new_value() const {
+        return facts.text ? octet_string(facts.new_text) : integer(new_number);
+    }
 
-    int run(int phase, const Value &value) const { return call_phase(facts.method, phase, value, facts.number, row_index); }
+    int run(int phase, const Value &value) const {
+        return call_phase(facts.method, phase, value, facts.number, row_index);
+    }
     int run(int phase) const { return run(phase, new_value()); }
 
-    /* The value of the row as text, whatever its type. */
+    // The value of the row as text, whatever its type.
     std::string value(int32_t index = row_index) const {
         ccCopyEntry row = stored_row(index);
-        return facts.text ? text_in(row, facts.number) : std::to_string(number_of(row, facts.number));
+        return facts.text ? text_in(row, facts.number)
+                          : std::to_string(number_of(row, facts.number));
     }
-    std::string old_value() const { return facts.text ? facts.old_text : std::to_string(old_number); }
-    std::string written_value() const { return facts.text ? facts.new_text : std::to_string(new_number); }
-    std::string restored_value() const { return facts.text ? facts.restored_text : std::to_string(old_number); }
+    std::string old_value() const {
+        return facts.text ? facts.old_text : std::to_string(old_number);
+    }
+    std::string written_value() const {
+        return facts.text ? facts.new_text : std::to_string(new_number);
+    }
+    std::string restored_value() const {
+        return facts.text ? facts.restored_text : std::to_string(old_number);
+    }
 
-    bool logs(int phase) const { return std::ranges::find(facts.logged_phases, phase) != facts.logged_phases.end(); }
+    bool logs(int phase) const {
+        return std::ranges::find(facts.logged_phases, phase) != facts.logged_phases.end();
+    }
 
-    /* The history is what the phase logs on entry, or empty. */
+    // The history is what the phase logs on entry, or empty.
     void expect_entry_logged(int phase) const {
         const std::string of_entry = " of entry (index = 5)";
         std::vector<EvtraceFake::Record> expected;
@@ -131,13 +198,16 @@ class Column : public ModuleTest, public ::testing::WithParamInterface<Facts> {
                     EXPECT_EQ(fake_evtrace.history.size(), 1U);
                     return;
                 }
-                /* The texts of the other columns' RESERVE1 begin alike. */
+                // The texts of the other columns' RESERVE1 begin alike.
                 ASSERT_EQ(fake_evtrace.history.size(), 1U);
                 EXPECT_EQ(fake_evtrace.history[0].subtype, EVTRACE_DEBUG);
                 EXPECT_EQ(fake_evtrace.history[0].text.substr(0, text.size()), text);
                 return;
             }
-            text += (phase == reserve2 ? "RESERVE2" : phase == action ? "ACTION" : "FREE") + of_entry + " \n";
+            text += (phase == reserve2 ? "RESERVE2"
+                     : phase == action ? "ACTION"
+                                       : "FREE") +
+                    of_entry + " \n";
             expected.push_back({EVTRACE_DEBUG, text});
         }
         EXPECT_EQ(fake_evtrace.history, expected);
@@ -153,7 +223,8 @@ TEST_P(Column, WrongType) {
         const int status = run(reserve1, with_type(new_value(), static_cast<unsigned char>(type)));
         const std::string text = ::testing::internal::GetCapturedStderr();
         ASSERT_EQ(status, SNMP_ERR_WRONGTYPE) << type;
-        ASSERT_EQ(text, "write to " + std::string(facts.column) + " not " + (facts.text ? "ASN_OCTET_STR" : "ASN_INTEGER") + "\n");
+        ASSERT_EQ(text, "write to " + std::string(facts.column) + " not " +
+                            (facts.text ? "ASN_OCTET_STR" : "ASN_INTEGER") + "\n");
     }
 }
 
@@ -169,7 +240,8 @@ TEST_P(Column, Length) {
         SCOPED_TRACE(length);
         const bool accepted = length <= facts.longest || (!facts.text && length == sizeof(long));
         ::testing::internal::CaptureStderr();
-        const int status = run(reserve1, facts.text ? octet_string(std::string(length, 'x')) : integer_of_length(new_number, length));
+        const int status = run(reserve1, facts.text ? octet_string(std::string(length, 'x'))
+                                                    : integer_of_length(new_number, length));
         const std::string text = ::testing::internal::GetCapturedStderr();
         ASSERT_EQ(status, accepted ? SNMP_ERR_NOERROR : SNMP_ERR_WRONGLENGTH);
         ASSERT_EQ(text, accepted ? "" : "write to " + std::string(facts.column) + ": bad length\n");
@@ -222,7 +294,8 @@ TEST_P(Column, OtherFieldsStay) {
     ASSERT_EQ(run(action), 0);
     ccCopyEntry row = stored_row(row_index);
     EXPECT_EQ(value(), written_value());
-    /* With the one field put back the row is as it was; octets behind a text's terminator do not count. */
+    // With the one field put back the row is as it was; octets behind a text's terminator do not
+    // count.
     write_old(row);
     write_old(expected);
     EXPECT_EQ(memcmp(&row, &expected, sizeof row), 0);
@@ -241,7 +314,8 @@ TEST_P(Column, RowThatDoesNotExist) {
     const int status = run(reserve2);
     const std::string text = ::testing::internal::GetCapturedStdout();
     EXPECT_EQ(status, SNMP_ERR_NOSUCHNAME);
-    EXPECT_EQ(text, facts.number == 6 ? "ERROR set_ccCopyFileName: Entry (index = 5) not found  " : "");
+    EXPECT_EQ(text,
+              facts.number == 6 ? "ERROR set_ccCopyFileName: Entry (index = 5) not found  " : "");
     EXPECT_EQ(run(action), SNMP_ERR_NOSUCHNAME);
     EXPECT_EQ(run(free_phase), 0);
     EXPECT_FALSE(row_exists(row_index));
@@ -260,8 +334,10 @@ TEST_P(Column, RowStatusDecides) {
         fake_evtrace.clear();
         EXPECT_EQ(run(reserve2), accepted ? SNMP_ERR_NOERROR : SNMP_ERR_INCONSISTENTVALUE);
         EXPECT_EQ(value(), accepted ? written_value() : old_value());
-        const std::string refusal = handler + " : The row status is not correctly set for this entry (index = 5) \n";
-        EXPECT_EQ(fake_evtrace.count(EVTRACE_ERROR, refusal), !accepted && facts.number == 2 ? 1 : 0);
+        const std::string refusal =
+            handler + " : The row status is not correctly set for this entry (index = 5) \n";
+        EXPECT_EQ(fake_evtrace.count(EVTRACE_ERROR, refusal),
+                  !accepted && facts.number == 2 ? 1 : 0);
         EXPECT_EQ(fake_evtrace.count(EVTRACE_DEBUG, refusal), 0);
     }
 }
@@ -300,7 +376,7 @@ TEST_P(Column, SavedValueStaysValidUntilTheNextReserve1) {
     EXPECT_EQ(run(free_phase), 0);
     EXPECT_NE(value(), facts.text ? "other" : "1");
 
-    /* Cleared ahead of the checks: also by a value that is refused. */
+    // Cleared ahead of the checks: also by a value that is refused.
     ::testing::internal::CaptureStderr();
     ASSERT_EQ(run(reserve1, with_type(new_value(), ASN_NULL)), SNMP_ERR_WRONGTYPE);
     ::testing::internal::GetCapturedStderr();
@@ -313,7 +389,7 @@ TEST_P(Column, FreeAfterARefusedRowStatus) {
     add(ROW_STATUS_ACTIVE);
     ASSERT_EQ(run(reserve1), 0);
     ASSERT_EQ(run(reserve2), SNMP_ERR_INCONSISTENTVALUE);
-    /* Another value tells whether FREE writes the saved one. */
+    // Another value tells whether FREE writes the saved one.
     ccCopyEntry row = stored_row(row_index);
     if (facts.text) {
         put_text_of(row, facts.number, "other");
@@ -368,7 +444,8 @@ TEST_P(Column, RowThatIsGoneInFree) {
     EXPECT_EQ(run(free_phase), 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Columns, Column, ::testing::ValuesIn(all_facts), [](const auto &one) { return one.param.column; });
+INSTANTIATE_TEST_SUITE_P(Columns, Column, ::testing::ValuesIn(all_facts),
+                         [](const auto &one) { return one.param.column; });
 
 class Columns : public ModuleTest {
   protected:
@@ -384,9 +461,10 @@ class Columns : public ModuleTest {
     static void release(WriteMethod *method, oid column, const Value &value) {
         ASSERT_EQ(call_phase(method, free_phase, value, column, row_index), 0);
     }
-    /* Writes a text and has it freed; the result is the restored text. */
+    // Writes a text and has it freed; the result is the restored text.
     template <std::size_t Size>
-    static std::string restored(WriteMethod *method, oid column, char (ccCopyEntry::*field)[Size], std::string_view old_text) {
+    static std::string restored(WriteMethod *method, oid column, char (ccCopyEntry::*field)[Size],
+                                std::string_view old_text) {
         ccCopyEntry row = stored_row(row_index);
         put_text(row.*field, old_text);
         store_row(row);
@@ -421,7 +499,8 @@ TEST_F(Columns, FileTypesAndFlagTakeAnyNumber) {
 TEST_F(Columns, IntegersAreTheLow32Bits) {
     reserve(set_ccCopySourceFileType, 3, integer(0x700000004));
     EXPECT_EQ(stored_row(row_index).ccCopySourceFileType, 4);
-    EXPECT_EQ(call_phase(set_ccCopyProtocol, reserve1, integer(0x700000003), 2, row_index), SNMP_ERR_WRONGVALUE);
+    EXPECT_EQ(call_phase(set_ccCopyProtocol, reserve1, integer(0x700000003), 2, row_index),
+              SNMP_ERR_WRONGVALUE);
 }
 
 TEST_F(Columns, IntegerLengths) {
@@ -430,13 +509,15 @@ TEST_F(Columns, IntegerLengths) {
     }
     EXPECT_EQ(cc_integer_value(integer_of_length(-2, 8).octets.get(), 8), -2);
     EXPECT_EQ(cc_integer_value(integer_of_length(-2, 4).octets.get(), 4), -2);
-    /* A shorter length still means the whole word of the agent's buffer. */
+    // A shorter length still means the whole word of the agent's buffer.
     EXPECT_EQ(cc_integer_value(integer_of_length(0x04030201, 2).octets.get(), 2), 0x04030201);
     EXPECT_EQ(cc_integer_value(integer_of_length(7, 0).octets.get(), 0), 7);
 }
 
 TEST_F(Columns, FileNameComesBackLessItsLastTwoCharacters) {
-    const auto file_name = [](std::string_view old) { return restored(set_ccCopyFileName, 6, &ccCopyEntry::ccCopyFileName, old); };
+    const auto file_name = [](std::string_view old) {
+        return restored(set_ccCopyFileName, 6, &ccCopyEntry::ccCopyFileName, old);
+    };
     EXPECT_EQ(file_name("abcd"), "ab");
     EXPECT_EQ(file_name("abc"), "a");
     EXPECT_EQ(file_name("ab"), "");
@@ -444,22 +525,26 @@ TEST_F(Columns, FileNameComesBackLessItsLastTwoCharacters) {
 }
 
 TEST_F(Columns, FileNameOfOneCharacter) {
-    /* The saved copy of one character is empty, and an empty copy writes nothing back: the new name stays. */
+    // The saved copy of one character is empty, and an empty copy writes nothing back: the new name
+    // stays.
     EXPECT_EQ(restored(set_ccCopyFileName, 6, &ccCopyEntry::ccCopyFileName, "a"), "something else");
 }
 
 TEST_F(Columns, EmptyFileNameLeavesTheSlotAlone) {
-    ASSERT_EQ(restored(set_ccCopyFileName, 6, &ccCopyEntry::ccCopyFileName, "earlier.cfg"), "earlier.c");
-    /* The slot still holds "earlier.cf". */
+    ASSERT_EQ(restored(set_ccCopyFileName, 6, &ccCopyEntry::ccCopyFileName, "earlier.cfg"),
+              "earlier.c");
+    // The slot still holds "earlier.cf".
     EXPECT_EQ(restored(set_ccCopyFileName, 6, &ccCopyEntry::ccCopyFileName, ""), "earlier.c");
 }
 
 TEST_F(Columns, CredentialsComeBackWithAtMost40Characters) {
     const std::string full(41, 'c');
     EXPECT_EQ(restored(set_ccCopyUserName, 7, &ccCopyEntry::ccCopyUserName, full), full.substr(1));
-    EXPECT_EQ(restored(set_ccCopyUserName, 7, &ccCopyEntry::ccCopyUserName, full.substr(1)), full.substr(1));
+    EXPECT_EQ(restored(set_ccCopyUserName, 7, &ccCopyEntry::ccCopyUserName, full.substr(1)),
+              full.substr(1));
     EXPECT_EQ(restored(set_ccCopyUserName, 7, &ccCopyEntry::ccCopyUserName, ""), "");
-    EXPECT_EQ(restored(set_ccCopyUserPassword, 8, &ccCopyEntry::ccCopyUserPassword, full), full.substr(1));
+    EXPECT_EQ(restored(set_ccCopyUserPassword, 8, &ccCopyEntry::ccCopyUserPassword, full),
+              full.substr(1));
     EXPECT_EQ(restored(set_ccCopyUserPassword, 8, &ccCopyEntry::ccCopyUserPassword, ""), "");
 }
 

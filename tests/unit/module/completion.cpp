@@ -1,4 +1,4 @@
-/* The platform messages that begin and end copies, and what they make of the rows. */
+// The platform messages that begin and end copies, and what they make of the rows.
 #include <cstring>
 
 #include "platform/system_manager.h"
@@ -16,13 +16,14 @@ using Records = std::vector<EvtraceFake::Record>;
 
 class Completion : public ModuleTest {
   protected:
-    /* Puts a row of this kind into the table. */
-    static void add(int32_t index, int32_t state, int32_t source, int32_t dest, int32_t notify = TRUTH_FALSE) {
+    // Puts a row of this kind into the table.
+    static void add(int32_t index, int32_t state, int32_t source, int32_t dest,
+                    int32_t notify = TRUTH_FALSE) {
         const auto record = copy_request(source, dest);
         record->ccCopyIndex = index;
         record->ccCopyState = state;
         record->ccCopyNotificationOnCompletion = notify;
-        record->ccCopyFailCause = 42; /* to see who writes it */
+        record->ccCopyFailCause = 42; // to see who writes it
         add_row(index);
         store_row(*record);
     }
@@ -33,10 +34,11 @@ class Completion : public ModuleTest {
 
     struct Handled {
         uint32_t send_flag;
-        std::vector<Binding> bindings; /* of the returned list */
-        Oid name;                      /* of the notification */
+        std::vector<Binding> bindings; // of the returned list
+        Oid name;                      // of the notification
     };
-    /* Hands a message to the handler as the agent's dispatcher does: with an old send flag and the outcome word. */
+    // Hands a message to the handler as the agent's dispatcher does: with an old send flag and the
+    // outcome word.
     static Handled handle(uint32_t opcode, const std::string &payload, uint32_t outcome = 0) {
         msgbus_message *message = fake_msgbus.make(opcode, payload);
         oid name[AGENT_NOTIFICATION_OID_MAX] = {};
@@ -53,9 +55,10 @@ class Completion : public ModuleTest {
         return handled;
     }
     static Handled worker_status(int32_t status) {
-        return handle(AGENT_OPC_WORKER_STATUS, std::string(reinterpret_cast<const char *>(&status), sizeof status));
+        return handle(AGENT_OPC_WORKER_STATUS,
+                      std::string(reinterpret_cast<const char *>(&status), sizeof status));
     }
-    /* Nothing for the dispatcher to send. */
+    // Nothing for the dispatcher to send.
     static void expect_nothing_returned(const Handled &handled) {
         EXPECT_EQ(handled.send_flag, 0U);
         EXPECT_TRUE(handled.bindings.empty());
@@ -64,14 +67,17 @@ class Completion : public ModuleTest {
         const auto sent = fake_agent_extension.notifications.take();
         ASSERT_EQ(sent.size(), 1U);
         EXPECT_EQ(sent[0].kind, 6);
-        EXPECT_EQ(sent[0].name, (Oid{1, 3, 6, 1, 4, 1, 41927, 9, 96, 2, 1, 1, static_cast<oid>(index)}));
+        EXPECT_EQ(sent[0].name,
+                  (Oid{1, 3, 6, 1, 4, 1, 41927, 9, 96, 2, 1, 1, static_cast<oid>(index)}));
         EXPECT_EQ(sent[0].bindings.size(), 8U);
     }
-    /* The start request of an initiated copy. */
-    static void keep_start_request() { cfg_action_request = fake_msgbus.make(MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION, ""); }
+    // The start request of an initiated copy.
+    static void keep_start_request() {
+        cfg_action_request = fake_msgbus.make(MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION, "");
+    }
 };
 
-/* --- worker status ---------------------------------------------------------------------------------------------------------------- */
+// --- worker status
 
 TEST_F(Completion, WorkerSucceeded) {
     add(3, COPY_STATE_WAITING, COPY_FILE_RUNNING, COPY_FILE_NETWORK);
@@ -85,7 +91,8 @@ TEST_F(Completion, WorkerSucceeded) {
     EXPECT_EQ(row.ccCopyTimeCompleted.tv_usec, 250000);
     EXPECT_EQ(child_copy_running, 0);
     EXPECT_EQ(stored_row(3).ccCopyState, COPY_STATE_WAITING);
-    EXPECT_EQ(fake_evtrace.history, (Records{{EVTRACE_ERROR, "handle_copy_done : Copy is done with status 0\n"}}));
+    EXPECT_EQ(fake_evtrace.history,
+              (Records{{EVTRACE_ERROR, "handle_copy_done : Copy is done with status 0\n"}}));
 }
 
 TEST_F(Completion, WorkerFailed) {
@@ -98,14 +105,16 @@ TEST_F(Completion, WorkerFailed) {
         EXPECT_EQ(stored_row(7).ccCopyFailCause, status);
         EXPECT_EQ(stored_row(7).ccCopyTimeCompleted.tv_sec, TimeFake::start);
         EXPECT_EQ(child_copy_running, 0);
-        EXPECT_LOGGED(EVTRACE_ERROR, "handle_copy_done : Copy is done with status " + std::to_string(status) + "\n");
+        EXPECT_LOGGED(EVTRACE_ERROR, "handle_copy_done : Copy is done with status " +
+                                         std::to_string(status) + "\n");
         const ccCopyEntry row = stored_row(7);
         ASSERT_EQ(deleteCcCopyEntry(&row), 0U);
     }
 }
 
 TEST_F(Completion, WorkerStatusWithoutPayloadIsAFailure) {
-    for (const std::string &payload : {std::string(), std::string(3, '\0')}) { /* none, or one that is too short */
+    // none, or one that is too short
+    for (const std::string &payload : {std::string(), std::string(3, '\0')}) {
         add(7, COPY_STATE_RUNNING, COPY_FILE_RUNNING, COPY_FILE_NETWORK);
         child_copy_running = 1;
         fake_evtrace.clear();
@@ -113,8 +122,9 @@ TEST_F(Completion, WorkerStatusWithoutPayloadIsAFailure) {
         EXPECT_EQ(stored_row(7).ccCopyState, COPY_STATE_FAILED);
         EXPECT_EQ(stored_row(7).ccCopyFailCause, 1);
         EXPECT_EQ(child_copy_running, 0);
-        EXPECT_EQ(fake_evtrace.history, (Records{{EVTRACE_ERROR, "handle_notifications: MSGBUS Payload NULL\n"},
-                                                 {EVTRACE_ERROR, "handle_copy_done : Copy is done with status 1\n"}}));
+        EXPECT_EQ(fake_evtrace.history,
+                  (Records{{EVTRACE_ERROR, "handle_notifications: MSGBUS Payload NULL\n"},
+                           {EVTRACE_ERROR, "handle_copy_done : Copy is done with status 1\n"}}));
         const ccCopyEntry row = stored_row(7);
         ASSERT_EQ(deleteCcCopyEntry(&row), 0U);
     }
@@ -130,12 +140,12 @@ TEST_F(Completion, FirstRunningRowIsCompleted) {
 
 TEST_F(Completion, WorkerEndIsNotified) {
     add(7, COPY_STATE_RUNNING, COPY_FILE_RUNNING, COPY_FILE_NETWORK, TRUTH_TRUE);
-    expect_nothing_returned(worker_status(2)); /* sent by the module itself */
+    expect_nothing_returned(worker_status(2)); // sent by the module itself
     const auto sent = fake_agent_extension.notifications.take();
     ASSERT_EQ(sent.size(), 1U);
     ASSERT_EQ(sent[0].bindings.size(), 8U);
     EXPECT_EQ(sent[0].name, (Oid{1, 3, 6, 1, 4, 1, 41927, 9, 96, 2, 1, 1, 7}));
-    EXPECT_EQ(sent[0].bindings[3].value, "4"); /* the row as it is now: state and fail cause */
+    EXPECT_EQ(sent[0].bindings[3].value, "4"); // the row as it is now: state and fail cause
     EXPECT_EQ(sent[0].bindings[6].value, "2");
 }
 
@@ -158,9 +168,10 @@ TEST_F(Completion, NoRunningRowSendsTheLastRowsNotification) {
     EXPECT_EQ(child_copy_running, 0);
     EXPECT_EQ(octets_of(9), before);
     expect_sent(9);
-    EXPECT_EQ(fake_evtrace.count(EVTRACE_DEBUG, "handle_copy_done : No copy is running... 9 \n") +
-                  fake_evtrace.count(EVTRACE_ERROR, "handle_copy_done : No copy is running... 9 \n"),
-              1);
+    EXPECT_EQ(
+        fake_evtrace.count(EVTRACE_DEBUG, "handle_copy_done : No copy is running... 9 \n") +
+            fake_evtrace.count(EVTRACE_ERROR, "handle_copy_done : No copy is running... 9 \n"),
+        1);
 }
 
 TEST_F(Completion, NoRunningRowAndALastRowWithoutNotification) {
@@ -174,9 +185,10 @@ TEST_F(Completion, NoRowAtAll) {
     child_copy_running = 1;
     expect_nothing_returned(worker_status(0));
     EXPECT_EQ(child_copy_running, 0);
-    EXPECT_EQ(fake_evtrace.count(EVTRACE_DEBUG, "handle_copy_done : No copy is running... 0 \n") +
-                  fake_evtrace.count(EVTRACE_ERROR, "handle_copy_done : No copy is running... 0 \n"),
-              1);
+    EXPECT_EQ(
+        fake_evtrace.count(EVTRACE_DEBUG, "handle_copy_done : No copy is running... 0 \n") +
+            fake_evtrace.count(EVTRACE_ERROR, "handle_copy_done : No copy is running... 0 \n"),
+        1);
 }
 
 TEST_F(Completion, ExportedEndsBothRecordAFailure) {
@@ -192,16 +204,18 @@ TEST_F(Completion, ExportedEndsBothRecordAFailure) {
     }
 }
 
-/* --- the system manager's copy begins --------------------------------------------------------------------------------------------- */
+// --- the system manager's copy begins
 
 TEST_F(Completion, BegunCopyRuns) {
     add(3, COPY_STATE_SUCCESSFUL, COPY_FILE_RUNNING, COPY_FILE_STARTUP);
-    add(5, COPY_STATE_WAITING, COPY_FILE_NETWORK, COPY_FILE_RUNNING); /* no further check */
+    add(5, COPY_STATE_WAITING, COPY_FILE_NETWORK, COPY_FILE_RUNNING); // no further check
     add(7, COPY_STATE_WAITING, COPY_FILE_RUNNING, COPY_FILE_STARTUP);
     ccCopyEntry expected = stored_row(5);
     expected.ccCopyState = COPY_STATE_RUNNING;
     expect_nothing_returned(handle(MSGBUS_OPC_WARDEN_CFG_ACTION_BEGIN, ""));
-    EXPECT_EQ(octets_of(5), std::string(reinterpret_cast<const char *>(&expected), sizeof expected)); /* and nothing else changes */
+    // and nothing else changes
+    EXPECT_EQ(octets_of(5),
+              std::string(reinterpret_cast<const char *>(&expected), sizeof expected));
     EXPECT_EQ(stored_row(7).ccCopyState, COPY_STATE_WAITING);
     EXPECT_EQ(stored_row(3).ccCopyState, COPY_STATE_SUCCESSFUL);
     EXPECT_EQ(fake_evtrace.history, Records{});
@@ -215,22 +229,26 @@ TEST_F(Completion, BegunCopyOfNobody) {
     EXPECT_EQ(fake_evtrace.history, Records{});
 }
 
-/* --- the system manager's copy ends ----------------------------------------------------------------------------------------------- */
+// --- the system manager's copy ends
 
 TEST_F(Completion, EndedCopySucceeded) {
-    for (const int32_t dest : {COPY_FILE_STARTUP, COPY_FILE_FABRIC_STARTUP, COPY_FILE_ALL_STARTUP}) {
+    for (const int32_t dest :
+         {COPY_FILE_STARTUP, COPY_FILE_FABRIC_STARTUP, COPY_FILE_ALL_STARTUP}) {
         add(7, COPY_STATE_RUNNING, COPY_FILE_RUNNING, dest);
         keep_start_request();
         fake_evtrace.clear();
         expect_nothing_returned(handle(MSGBUS_OPC_WARDEN_CFG_ACTION_END, std::string(4, '\0'), 0));
         const ccCopyEntry row = stored_row(7);
         EXPECT_EQ(row.ccCopyState, COPY_STATE_SUCCESSFUL);
-        EXPECT_EQ(row.ccCopyFailCause, 42); /* unchanged */
+        EXPECT_EQ(row.ccCopyFailCause, 42); // unchanged
         EXPECT_EQ(row.ccCopyTimeCompleted.tv_sec, TimeFake::start);
         EXPECT_EQ(row.ccCopyTimeCompleted.tv_usec, 250000);
-        EXPECT_EQ(journal.take(), (Lines{"configuration changed 2", "configuration changed 3", "drop 1381"}));
+        EXPECT_EQ(journal.take(),
+                  (Lines{"configuration changed 2", "configuration changed 3", "drop 1381"}));
         EXPECT_EQ(cfg_action_request, nullptr);
-        EXPECT_EQ(fake_evtrace.history, (Records{{EVTRACE_DEBUG, "handle_notifications: COPY SUCCESSFULL trap enabled 0\n"}}));
+        EXPECT_EQ(
+            fake_evtrace.history,
+            (Records{{EVTRACE_DEBUG, "handle_notifications: COPY SUCCESSFULL trap enabled 0\n"}}));
         ASSERT_EQ(deleteCcCopyEntry(&row), 0U);
     }
 }
@@ -240,13 +258,15 @@ TEST_F(Completion, EndedCopyFailed) {
         add(7, COPY_STATE_RUNNING, COPY_FILE_RUNNING, dest);
         keep_start_request();
         fake_evtrace.clear();
-        expect_nothing_returned(handle(MSGBUS_OPC_WARDEN_CFG_ACTION_END, "", 0x80000000)); /* any word but zero */
+        // any word but zero
+        expect_nothing_returned(handle(MSGBUS_OPC_WARDEN_CFG_ACTION_END, "", 0x80000000));
         const ccCopyEntry row = stored_row(7);
         EXPECT_EQ(row.ccCopyState, COPY_STATE_FAILED);
         EXPECT_EQ(row.ccCopyFailCause, COPY_FAIL_WARDEN_FAILED);
         EXPECT_EQ(row.ccCopyTimeCompleted.tv_sec, TimeFake::start);
         EXPECT_EQ(journal.take(), Lines{"drop 1381"});
-        EXPECT_EQ(fake_evtrace.history, (Records{{EVTRACE_ERROR, "handle_notifications: COPY failed\n"}}));
+        EXPECT_EQ(fake_evtrace.history,
+                  (Records{{EVTRACE_ERROR, "handle_notifications: COPY failed\n"}}));
         EXPECT_TRUE(fake_fabric.calls.empty());
         ASSERT_EQ(deleteCcCopyEntry(&row), 0U);
     }
@@ -254,8 +274,9 @@ TEST_F(Completion, EndedCopyFailed) {
 
 TEST_F(Completion, FailedFabricCopyFillsTheErrorTable) {
     fake_fabric.scripted = true;
-    fake_fabric.switches = {{{1, 2, 3, 4, 5, 6, 7, 8}, false, {INET_ADDRESS_IPV4, {10, 0, 0, 9}}, "no space left"},
-                            {{1, 2, 3, 4, 5, 6, 7, 9}, false, {INET_ADDRESS_IPV4, {10, 0, 0, 10}}, "success"}};
+    fake_fabric.switches = {
+        {{1, 2, 3, 4, 5, 6, 7, 8}, false, {INET_ADDRESS_IPV4, {10, 0, 0, 9}}, "no space left"},
+        {{1, 2, 3, 4, 5, 6, 7, 9}, false, {INET_ADDRESS_IPV4, {10, 0, 0, 10}}, "success"}};
     add(7, COPY_STATE_RUNNING, COPY_FILE_RUNNING, COPY_FILE_FABRIC_STARTUP);
     keep_start_request();
     expect_nothing_returned(handle(MSGBUS_OPC_WARDEN_CFG_ACTION_END, "", 1));
@@ -287,7 +308,9 @@ TEST_F(Completion, EndedCopyIsNotifiedThroughTheDispatcher) {
         ASSERT_EQ(handled.bindings.size(), 8U);
         EXPECT_EQ(handled.bindings[3].value, outcome == 0 ? "3" : "4");
         EXPECT_EQ(handled.bindings[6].value, outcome == 0 ? "42" : "9");
-        EXPECT_EQ(fake_evtrace.count(EVTRACE_DEBUG, "handle_notifications: COPY SUCCESSFULL trap enabled 1\n"), outcome == 0 ? 1 : 0);
+        EXPECT_EQ(fake_evtrace.count(EVTRACE_DEBUG,
+                                     "handle_notifications: COPY SUCCESSFULL trap enabled 1\n"),
+                  outcome == 0 ? 1 : 0);
         journal.take();
         const ccCopyEntry row = stored_row(7);
         ASSERT_EQ(deleteCcCopyEntry(&row), 0U);
@@ -306,14 +329,15 @@ TEST_F(Completion, EndedCopyOfSomebodyElse) {
             expect_nothing_returned(handle(MSGBUS_OPC_WARDEN_CFG_ACTION_END, "", 0));
             EXPECT_EQ(octets_of(7), before);
             ASSERT_EQ(fake_evtrace.history.size(), 1U);
-            EXPECT_EQ(fake_evtrace.history[0].text, "handle_notifications: copy run2start not initiated by us. ignore it\n");
+            EXPECT_EQ(fake_evtrace.history[0].text,
+                      "handle_notifications: copy run2start not initiated by us. ignore it\n");
             const ccCopyEntry row = stored_row(7);
             ASSERT_EQ(deleteCcCopyEntry(&row), 0U);
         }
     }
 }
 
-/* The first running row decides, though a later one would fit. */
+// The first running row decides, though a later one would fit.
 TEST_F(Completion, OnlyTheFirstRunningRowIsLookedAt) {
     add(3, COPY_STATE_RUNNING, COPY_FILE_RUNNING, COPY_FILE_NETWORK);
     add(7, COPY_STATE_RUNNING, COPY_FILE_RUNNING, COPY_FILE_STARTUP);
@@ -330,9 +354,9 @@ TEST_F(Completion, EndedCopyOfNobody) {
     EXPECT_EQ(fake_evtrace.history, Records{});
 }
 
-/* --- rows that can't be written ----------------------------------------------------------------------------------------------------- */
+// --- rows that can't be written
 
-/* The first search of the table by key is the one of the write. */
+// The first search of the table by key is the one of the write.
 class UnwritableRow : public Completion {
   protected:
     static void fail_write() { fake_keyedset.fail_find(&ccCopyTable, 1); }
@@ -344,7 +368,7 @@ TEST_F(UnwritableRow, AtWorkerStatus) {
     worker_status(2);
     EXPECT_EQ(stored_row(7).ccCopyState, COPY_STATE_RUNNING);
     EXPECT_LOGGED(EVTRACE_ERROR, "handle_copy_done : Set to entry (index= 7) failed \n");
-    const auto sent = fake_agent_extension.notifications.take(); /* of how the copy ended */
+    const auto sent = fake_agent_extension.notifications.take(); // of how the copy ended
     ASSERT_EQ(sent.size(), 1U);
     EXPECT_EQ(sent[0].bindings.at(3).value, "4");
 }
@@ -354,7 +378,9 @@ TEST_F(UnwritableRow, AtBegin) {
     fail_write();
     expect_nothing_returned(handle(MSGBUS_OPC_WARDEN_CFG_ACTION_BEGIN, ""));
     EXPECT_EQ(stored_row(7).ccCopyState, COPY_STATE_WAITING);
-    EXPECT_EQ(fake_evtrace.history, (Records{{EVTRACE_ERROR, "ERROR  handle_notifications : Set to entry (index= 7) failed \n"}}));
+    EXPECT_EQ(fake_evtrace.history,
+              (Records{{EVTRACE_ERROR,
+                        "ERROR  handle_notifications : Set to entry (index= 7) failed \n"}}));
 }
 
 TEST_F(UnwritableRow, AtEnd) {
@@ -367,10 +393,11 @@ TEST_F(UnwritableRow, AtEnd) {
     EXPECT_EQ(handled.bindings[3].value, "3");
     EXPECT_EQ(stored_row(7).ccCopyState, COPY_STATE_RUNNING);
     EXPECT_LOGGED(EVTRACE_ERROR, "ERROR  handle_notifications : Set to entry (index= 7) failed \n");
-    EXPECT_EQ(journal.take(), (Lines{"configuration changed 2", "configuration changed 3", "drop 1381"}));
+    EXPECT_EQ(journal.take(),
+              (Lines{"configuration changed 2", "configuration changed 3", "drop 1381"}));
 }
 
-/* --- other messages, and subscriptions --------------------------------------------------------------------------------------------- */
+// --- other messages, and subscriptions
 
 TEST_F(Completion, OtherMessagesDoNothing) {
     add(7, COPY_STATE_RUNNING, COPY_FILE_RUNNING, COPY_FILE_STARTUP, TRUTH_TRUE);
@@ -404,20 +431,28 @@ TEST_F(Completion, LastSubscriptionIsTheResultOfTheLoad) {
     deinit_config_copy_mib();
 }
 
-/* From the SET to the notification. */
+// From the SET to the notification.
 TEST_F(Completion, SavedCopyFromSetToEnd) {
     ASSERT_EQ(init_config_copy_mib(), 0);
     const oid index = 7;
-    fake_msgbus.answers = {{0, MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION, std::string("\x40\x1e\x00\x03", 4)}};
-    EXPECT_EQ(set({{CC_COLUMN_ENTRY_ROW_STATUS, index, integer(ROW_STATUS_CREATE_AND_WAIT)}}).status, SNMP_ERR_NOERROR);
-    EXPECT_EQ(set({{3, index, integer(COPY_FILE_RUNNING)}, {4, index, integer(COPY_FILE_STARTUP)}, {9, index, integer(TRUTH_TRUE)}}).status,
+    fake_msgbus.answers = {
+        {0, MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION, std::string("\x40\x1e\x00\x03", 4)}};
+    EXPECT_EQ(
+        set({{CC_COLUMN_ENTRY_ROW_STATUS, index, integer(ROW_STATUS_CREATE_AND_WAIT)}}).status,
+        SNMP_ERR_NOERROR);
+    EXPECT_EQ(set({{3, index, integer(COPY_FILE_RUNNING)},
+                   {4, index, integer(COPY_FILE_STARTUP)},
+                   {9, index, integer(TRUTH_TRUE)}})
+                  .status,
               SNMP_ERR_NOERROR);
-    EXPECT_EQ(set({{CC_COLUMN_ENTRY_ROW_STATUS, index, integer(ROW_STATUS_ACTIVE)}}).status, SNMP_ERR_NOERROR);
+    EXPECT_EQ(set({{CC_COLUMN_ENTRY_ROW_STATUS, index, integer(ROW_STATUS_ACTIVE)}}).status,
+              SNMP_ERR_NOERROR);
     EXPECT_EQ(stored_row(7).ccCopyState, COPY_STATE_RUNNING);
     EXPECT_EQ(handle(MSGBUS_OPC_WARDEN_CFG_ACTION_END, "", 0).send_flag, 1U);
     EXPECT_EQ(stored_row(7).ccCopyState, COPY_STATE_SUCCESSFUL);
     EXPECT_EQ(cfg_action_request, nullptr);
-    EXPECT_EQ(journal.take().size(), 6U); /* sent, received, answer dropped; both changes marked, request dropped */
+    // sent, received, answer dropped; both changes marked, request dropped
+    EXPECT_EQ(journal.take().size(), 6U);
     deinit_config_copy_mib();
 }
 

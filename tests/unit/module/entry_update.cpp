@@ -1,4 +1,4 @@
-/* Writing a row back, and filling the error table from the fabric. */
+// Writing a row back, and filling the error table from the fabric.
 #include <syslog.h>
 
 #include <cerrno>
@@ -26,7 +26,7 @@ class Update : public ModuleTest {
         fake_keyedset.creates.clear();
     }
 
-    /* Writes row 5 with another state and asks for the fill. */
+    // Writes row 5 with another state and asks for the fill.
     void fill() {
         fake_fabric.scripted = true;
         ccCopyEntry row = stored_row(5);
@@ -80,12 +80,16 @@ TEST_F(Update, FillWithThreeSwitches) {
     fake_fabric.switches = {
         {{0x20, 0, 0, 0, 0, 0, 0, 1}, false, ipv4(1), "switch 1: no space"},
         {{0x20, 0, 0, 0x0d, 0xec, 0x80, 0xff, 2}, true, {}, "local switch: done"},
-        {{0x20, 0, 0, 0, 0, 0, 0, 3}, false, {INET_ADDRESS_IPV6, {0x20, 1, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 7}}, ""},
+        {{0x20, 0, 0, 0, 0, 0, 0, 3},
+         false,
+         {INET_ADDRESS_IPV6, {0x20, 1, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 7}},
+         ""},
     };
     fake_fabric.management_addresses = {ipv4(77), ipv4(78)};
     fill();
 
-    EXPECT_EQ(fake_fabric.calls, (std::vector<std::string>{"wwn", "next", "next", "port", "addresses", "next", "next", "clean"}));
+    EXPECT_EQ(fake_fabric.calls, (std::vector<std::string>{"wwn", "next", "next", "port",
+                                                           "addresses", "next", "next", "clean"}));
     ASSERT_EQ(fake_keyedset.creates.size(), 1U);
     EXPECT_EQ(fake_keyedset.creates[0].set, &ccCopyErrorTable);
     EXPECT_EQ(fake_keyedset.creates[0].first, 1);
@@ -106,18 +110,24 @@ TEST_F(Update, FillWithThreeSwitches) {
     EXPECT_EQ(error(3).ccCopyErrorDeviceAddrType, INET_ADDRESS_IPV6);
     EXPECT_EQ(text_of(error(3).ccCopyErrorDeviceAddr), "2001:db8::7");
     EXPECT_EQ(text_of(error(3).ccCopyErrorText), "");
-    /* What no field holds is zero. */
-    EXPECT_EQ(std::string(error(1).ccCopyErrorText + 18, CC_ERROR_TEXT_SIZE - 18), std::string(CC_ERROR_TEXT_SIZE - 18, '\0'));
+    // What no field holds is zero.
+    EXPECT_EQ(std::string(error(1).ccCopyErrorText + 18, CC_ERROR_TEXT_SIZE - 18),
+              std::string(CC_ERROR_TEXT_SIZE - 18, '\0'));
 
     EXPECT_LOGGED(EVTRACE_DEBUG, "setCcCopyEntry: filling up ccCopyErrorTable\n");
     EXPECT_LOGGED(EVTRACE_DEBUG, "setCcCopyEntry: get switch wwn\n");
     EXPECT_LOGGED(EVTRACE_DEBUG, "setCcCopyEntry: calling fabstat_status_next_get(..)\n");
-    EXPECT_LOGGED(EVTRACE_DEBUG, "setCcCopyEntry: device ip addr: 10.0.0.1, device ip addr type: 1\n");
-    EXPECT_LOGGED(EVTRACE_DEBUG, "setCcCopyEntry: device ip addr: 10.0.0.77, device ip addr type: 1\n");
-    EXPECT_LOGGED(EVTRACE_DEBUG, "setCcCopyEntry: device ip addr: 2001:db8::7, device ip addr type: 2\n");
-    EXPECT_LOGGED(EVTRACE_DEBUG, "setCcCopyEntry: curr_entry contents: 20:00:00:0d:ec:80:ff:02 : local switch: done\n");
     EXPECT_LOGGED(EVTRACE_DEBUG,
-                  "setCcCopyEntry:adding errorentry to errortable index object 32:0:0:13:-20:-128:-1:2 : local switch: done\n");
+                  "setCcCopyEntry: device ip addr: 10.0.0.1, device ip addr type: 1\n");
+    EXPECT_LOGGED(EVTRACE_DEBUG,
+                  "setCcCopyEntry: device ip addr: 10.0.0.77, device ip addr type: 1\n");
+    EXPECT_LOGGED(EVTRACE_DEBUG,
+                  "setCcCopyEntry: device ip addr: 2001:db8::7, device ip addr type: 2\n");
+    EXPECT_LOGGED(
+        EVTRACE_DEBUG,
+        "setCcCopyEntry: curr_entry contents: 20:00:00:0d:ec:80:ff:02 : local switch: done\n");
+    EXPECT_LOGGED(EVTRACE_DEBUG, "setCcCopyEntry:adding errorentry to errortable index object "
+                                 "32:0:0:13:-20:-128:-1:2 : local switch: done\n");
 }
 
 TEST_F(Update, SecondFillAddsToTheTable) {
@@ -129,14 +139,16 @@ TEST_F(Update, SecondFillAddsToTheTable) {
     fake_keyedset.creates.clear();
     fill();
     EXPECT_TRUE(fake_keyedset.creates.empty());
-    /* The numbers begin at 1 again: the first row of this fill meets one that is there, and is refused. */
+    // The numbers begin at 1 again: the first row of this fill meets one that is there, and is
+    // refused.
     EXPECT_EQ(errors(), 2U);
     EXPECT_EQ(text_of(error(1).ccCopyErrorText), "first");
     EXPECT_EQ(text_of(error(2).ccCopyErrorText), "third");
 }
 
 TEST_F(Update, TextWithoutTerminatorIsTerminated) {
-    fake_fabric.switches = {{{0x20}, false, ipv4(1), std::string(256, 'x')}, {{0x21}, false, ipv4(2), "short"}};
+    fake_fabric.switches = {{{0x20}, false, ipv4(1), std::string(256, 'x')},
+                            {{0x21}, false, ipv4(2), "short"}};
     fill();
     EXPECT_EQ(std::string(error(1).ccCopyErrorText), std::string(256, 'x'));
     EXPECT_EQ(std::string(error(2).ccCopyErrorText), "short");
@@ -148,12 +160,13 @@ TEST_F(Update, ContainerThatCannotBeMade) {
     EXPECT_TRUE(fake_fabric.calls.empty());
     EXPECT_EQ(errors(), 0U);
     EXPECT_LOGGED(EVTRACE_ERROR, "setCcCopyEntry: failed to createccCopyErrorTable indx obj\n");
-    EXPECT_EQ(fake_agent.log.take(), (Log{{LOG_ERR, "setCcCopyEntry: failed to create ccCopyErrorTable indx obj\n"}}));
+    EXPECT_EQ(fake_agent.log.take(),
+              (Log{{LOG_ERR, "setCcCopyEntry: failed to create ccCopyErrorTable indx obj\n"}}));
 }
 
 class FailedName : public Update, public ::testing::WithParamInterface<std::pair<int, bool>> {};
 
-/* The leak checker sees an answer that comes with a failure and is not released. */
+// The leak checker sees an answer that comes with a failure and is not released.
 TEST_P(FailedName, AddsNoErrorRow) {
     fake_fabric.switches = {{{0x20}, false, ipv4(1), "never asked for"}};
     std::tie(fake_fabric.wwn_result, fake_fabric.wwn_response) = GetParam();
@@ -161,10 +174,13 @@ TEST_P(FailedName, AddsNoErrorRow) {
     EXPECT_EQ(fake_fabric.calls, std::vector<std::string>{"wwn"});
     EXPECT_EQ(errors(), 0U);
     EXPECT_LOGGED(EVTRACE_ERROR, "setCcCopyEntry: unable to get local switch wwn\n");
-    EXPECT_EQ(fake_agent.log.take(), (Log{{LOG_ERR, "setCcCopyEntry: unable to get local switch wwn\n"}}));
+    EXPECT_EQ(fake_agent.log.take(),
+              (Log{{LOG_ERR, "setCcCopyEntry: unable to get local switch wwn\n"}}));
 }
 
-INSTANTIATE_TEST_SUITE_P(Update, FailedName, ::testing::Values(std::pair{1, false}, std::pair{1, true}, std::pair{0, false}));
+INSTANTIATE_TEST_SUITE_P(Update, FailedName,
+                         ::testing::Values(std::pair{1, false}, std::pair{1, true},
+                                           std::pair{0, false}));
 
 TEST_F(Update, EmptyFabric) {
     fill();
@@ -179,7 +195,8 @@ TEST_F(Update, LocalSwitchWithoutAddressList) {
     EXPECT_EQ(errors(), 1U);
     EXPECT_EQ(text_of(error(1).ccCopyErrorDeviceAddr), "");
     EXPECT_EQ(error(1).ccCopyErrorDeviceAddrType, 0);
-    EXPECT_EQ(fake_agent.log.take(), (Log{{LOG_ERR, "setCcCopyEntry: Failed to get ip address of local switch\n"}}));
+    EXPECT_EQ(fake_agent.log.take(),
+              (Log{{LOG_ERR, "setCcCopyEntry: Failed to get ip address of local switch\n"}}));
     EXPECT_TRUE(fake_inet_address.written.empty());
 }
 
@@ -189,7 +206,8 @@ TEST_F(Update, LocalSwitchWithSuccessButNoList) {
     fill();
     EXPECT_EQ(errors(), 1U);
     EXPECT_EQ(text_of(error(1).ccCopyErrorDeviceAddr), "");
-    EXPECT_EQ(fake_agent.log.take(), (Log{{LOG_ERR, "setCcCopyEntry: Failed to get ip address of local switch\n"}}));
+    EXPECT_EQ(fake_agent.log.take(),
+              (Log{{LOG_ERR, "setCcCopyEntry: Failed to get ip address of local switch\n"}}));
 }
 
 TEST_F(Update, LocalSwitchWithoutAddress) {
@@ -214,18 +232,22 @@ TEST_F(Update, AddressThatHasNoText) {
     EXPECT_EQ(error(1).ccCopyErrorDeviceAddrType, INET_ADDRESS_IPV4);
     EXPECT_EQ(text_of(error(1).ccCopyErrorText), "remote");
     EXPECT_EQ(error(2).ccCopyErrorDeviceAddrType, INET_ADDRESS_IPV4);
-    const std::string text = "setCcCopyEntry: ip_addr_to_str() failed with error: " + std::to_string(ENOSPC) + "\n";
+    const std::string text =
+        "setCcCopyEntry: ip_addr_to_str() failed with error: " + std::to_string(ENOSPC) + "\n";
     EXPECT_EQ(fake_evtrace.count(EVTRACE_ERROR, text), 2);
     EXPECT_EQ(fake_agent.log.take(), (Log{{LOG_ERR, text}, {LOG_ERR, text}}));
 }
 
-/* Eight negative bytes are wider than the text that is made of them. */
+// Eight negative bytes are wider than the text that is made of them.
 TEST_F(Update, WidestName) {
-    fake_fabric.switches = {{{0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80}, false, ipv4(1), "remote"}};
+    fake_fabric.switches = {
+        {{0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80}, false, ipv4(1), "remote"}};
     fill();
     EXPECT_EQ(errors(), 1U);
-    EXPECT_LOGGED(EVTRACE_DEBUG, "setCcCopyEntry: curr_entry contents: 80:80:80:80:80:80:80:80 : remote\n");
-    EXPECT_LOGGED(EVTRACE_DEBUG, "setCcCopyEntry:adding errorentry to errortable index object -128:-128:-128:-128:-12 : remote\n");
+    EXPECT_LOGGED(EVTRACE_DEBUG,
+                  "setCcCopyEntry: curr_entry contents: 80:80:80:80:80:80:80:80 : remote\n");
+    EXPECT_LOGGED(EVTRACE_DEBUG, "setCcCopyEntry:adding errorentry to errortable index object "
+                                 "-128:-128:-128:-128:-12 : remote\n");
 }
 
 TEST_F(Update, RemoteSwitchOfAnUnknownType) {

@@ -1,4 +1,4 @@
-/* ccCopyErrorTable: its store and its read handler. */
+// ccCopyErrorTable: its store and its read handler.
 #include "tests/unit/fakes/fake_agent.h"
 #include "tests/unit/fakes/fake_evtrace.h"
 #include "tests/unit/fakes/fake_keyedset.h"
@@ -27,7 +27,10 @@ ccCopyEntry request_of(int32_t copy) {
 
 class ErrorTable : public ModuleTest {
   protected:
-    void create() { ASSERT_EQ(keyedset_create(&ccCopyErrorTable, 1, 1, ccCopyErrorEntry_comp_func, 1), KEYEDSET_CREATED); }
+    void create() {
+        ASSERT_EQ(keyedset_create(&ccCopyErrorTable, 1, 1, ccCopyErrorEntry_comp_func, 1),
+                  KEYEDSET_CREATED);
+    }
 
     void add(const ccCopyErrorEntry &error) {
         if (keyedset_size(&ccCopyErrorTable) == 0) {
@@ -43,7 +46,7 @@ class ErrorTable : public ModuleTest {
         add(error_of(3, 1));
     }
 
-    /* "copy.error" of the row that a GETNEXT answers with, "none" when there is none. */
+    // "copy.error" of the row that a GETNEXT answers with, "none" when there is none.
     std::string next(std::initializer_list<oid> rest) {
         Oid name = error_column(type_column);
         name.insert(name.end(), rest);
@@ -64,7 +67,8 @@ class ErrorTable : public ModuleTest {
         const Oid column = error_column(type_column);
         EXPECT_EQ(answer->name.size(), column.size() + 2);
         EXPECT_EQ(Oid(answer->name.begin(), answer->name.begin() + CC_COLUMN_OID_LENGTH), column);
-        return std::to_string(answer->name[CC_COLUMN_OID_LENGTH]) + "." + std::to_string(answer->name[CC_COLUMN_OID_LENGTH + 1]);
+        return std::to_string(answer->name[CC_COLUMN_OID_LENGTH]) + "." +
+               std::to_string(answer->name[CC_COLUMN_OID_LENGTH + 1]);
     }
 
     std::string value(oid column) {
@@ -82,12 +86,14 @@ std::string word(int32_t number) {
 TEST_F(ErrorTable, ComparisonIsByBothIndexes) {
     const ccCopyErrorEntry row = error_of(3, 5);
     EXPECT_EQ(ccCopyErrorEntry_comp_func(&row, &row), 0);
-    for (const auto &[copy, number] : {std::pair{4, 1}, std::pair{3, 6}, std::pair{2147483647, -1}}) {
+    for (const auto &[copy, number] :
+         {std::pair{4, 1}, std::pair{3, 6}, std::pair{2147483647, -1}}) {
         const ccCopyErrorEntry later = error_of(copy, number);
         EXPECT_EQ(ccCopyErrorEntry_comp_func(&row, &later), 1);
         EXPECT_EQ(ccCopyErrorEntry_comp_func(&later, &row), -1);
     }
-    for (const auto &[copy, number] : {std::pair{2, 9}, std::pair{3, 4}, std::pair{-2147483647, 1}}) {
+    for (const auto &[copy, number] :
+         {std::pair{2, 9}, std::pair{3, 4}, std::pair{-2147483647, 1}}) {
         const ccCopyErrorEntry earlier = error_of(copy, number);
         EXPECT_EQ(ccCopyErrorEntry_comp_func(&row, &earlier), -1);
         EXPECT_EQ(ccCopyErrorEntry_comp_func(&earlier, &row), 1);
@@ -121,10 +127,14 @@ TEST_F(ErrorTable, RowsAreStoredAndReadAsCopies) {
 TEST_F(ErrorTable, LookupsInAnEmptyStore) {
     ccCopyErrorEntry buffer = error_of(3, 1);
     EXPECT_EQ(getCcCopyErrorEntry(&buffer), CCERR_NOT_FOUND);
-    EXPECT_EQ(fake_evtrace.history, (std::vector<EvtraceFake::Record>{{EVTRACE_DEBUG, "getCcCopyErrorEntry : ccCopyErrorTable empty\n"}}));
+    EXPECT_EQ(fake_evtrace.history,
+              (std::vector<EvtraceFake::Record>{
+                  {EVTRACE_DEBUG, "getCcCopyErrorEntry : ccCopyErrorTable empty\n"}}));
     fake_evtrace.clear();
     EXPECT_EQ(getnextCcCopyErrorEntry(&buffer), CCERR_NOT_FOUND);
-    EXPECT_EQ(fake_evtrace.history, (std::vector<EvtraceFake::Record>{{EVTRACE_DEBUG, "getnextCcCopyErrorEntry : ccCopyTable empty\n"}}));
+    EXPECT_EQ(fake_evtrace.history,
+              (std::vector<EvtraceFake::Record>{
+                  {EVTRACE_DEBUG, "getnextCcCopyErrorEntry : ccCopyTable empty\n"}}));
 }
 
 TEST_F(ErrorTable, LookupsThatFindNothing) {
@@ -184,12 +194,15 @@ TEST_F(ErrorTable, DeletionByCopyRequest) {
 TEST_F(ErrorTable, DeletionWithNothingToDelete) {
     EXPECT_EQ(deleteCcCopyErrorEntries(nullptr), 0U);
     EXPECT_EQ(fake_evtrace.history,
-              (std::vector<EvtraceFake::Record>{{EVTRACE_DEBUG, "deleteCcCopyErrorEntries : entry provided is NULL\n"}}));
+              (std::vector<EvtraceFake::Record>{
+                  {EVTRACE_DEBUG, "deleteCcCopyErrorEntries : entry provided is NULL\n"}}));
     fake_evtrace.clear();
     const ccCopyEntry key = request_of(42);
     EXPECT_EQ(deleteCcCopyErrorEntries(&key), 0U);
     EXPECT_EQ(fake_evtrace.history,
-              (std::vector<EvtraceFake::Record>{{EVTRACE_DEBUG, "deleteCcCopyErrorEntries : ccCopyErrorTable empty forcopy index: 42\n"}}));
+              (std::vector<EvtraceFake::Record>{
+                  {EVTRACE_DEBUG,
+                   "deleteCcCopyErrorEntries : ccCopyErrorTable empty forcopy index: 42\n"}}));
 }
 
 TEST_F(ErrorTable, FirstErrorOfTheNextCopyIsTheStoresFirst) {
@@ -197,8 +210,12 @@ TEST_F(ErrorTable, FirstErrorOfTheNextCopyIsTheStoresFirst) {
     add_row(8);
     ccCopyErrorEntry buffer{};
     EXPECT_EQ(getFirstErrorEntryForNextCopyEntry(&buffer), CCERR_NOT_FOUND);
-    EXPECT_LOGGED(EVTRACE_DEBUG, "getFirstErrorEntryForNextCopyEntry : ccCopyErrorTable empty forccCopyIndex: 5\n ");
-    EXPECT_LOGGED(EVTRACE_DEBUG, "getFirstErrorEntryForNextCopyEntry : ccCopyErrorTable empty forccCopyIndex: 8\n ");
+    EXPECT_LOGGED(
+        EVTRACE_DEBUG,
+        "getFirstErrorEntryForNextCopyEntry : ccCopyErrorTable empty forccCopyIndex: 5\n ");
+    EXPECT_LOGGED(
+        EVTRACE_DEBUG,
+        "getFirstErrorEntryForNextCopyEntry : ccCopyErrorTable empty forccCopyIndex: 8\n ");
 
     add_three();
     buffer = error_of(5, 0);
@@ -242,7 +259,7 @@ TEST_F(ErrorTable, NoRowFollowsALargeSubIdentifier) {
         EXPECT_EQ(next({large}), "none");
         EXPECT_EQ(next({large, 1}), "none");
         EXPECT_EQ(next({2147483647, large}), "none");
-        /* The next request's rows still follow a large second index. */
+        // The next request's rows still follow a large second index.
         EXPECT_EQ(next({3, large}), "7.1");
     }
 }
@@ -277,8 +294,8 @@ TEST_F(ErrorTable, EveryColumn) {
     fake_evtrace.clear();
     EXPECT_EQ(value(address_column), "\x0a\x01\x02\x03");
     EXPECT_LOGGED(EVTRACE_DEBUG, "get_ccCopyErrorTable \n");
-    EXPECT_LOGGED(EVTRACE_DEBUG,
-                  "get_ccCopyErrorTable: GET FUNCTION: returning device ip addr: 10.1.2.3 (0x0302010a), device ip addr type: 1\n");
+    EXPECT_LOGGED(EVTRACE_DEBUG, "get_ccCopyErrorTable: GET FUNCTION: returning device ip addr: "
+                                 "10.1.2.3 (0x0302010a), device ip addr type: 1\n");
 }
 
 TEST_F(ErrorTable, Ipv6Device) {
@@ -287,8 +304,8 @@ TEST_F(ErrorTable, Ipv6Device) {
     put_text(error.ccCopyErrorDeviceAddr, "2001:db8::7");
     add(error);
     EXPECT_EQ(value(address_column), "\x20\x01\x0d\xb8" + std::string(11, '\0') + "\x07");
-    EXPECT_LOGGED(EVTRACE_DEBUG,
-                  "get_ccCopyErrorTable: GET FUNCTION: returning device ip addr: 2001:db8::7 (0xb80d0120), device ip addr type: 2\n");
+    EXPECT_LOGGED(EVTRACE_DEBUG, "get_ccCopyErrorTable: GET FUNCTION: returning device ip addr: "
+                                 "2001:db8::7 (0xb80d0120), device ip addr type: 2\n");
 }
 
 TEST_F(ErrorTable, DeviceAddressThatIsNone) {
@@ -314,7 +331,8 @@ TEST_F(ErrorTable, UnknownMagicHasNoValue) {
         name.resize(MAX_OID_LEN);
         size_t value_length = 77;
         WriteMethod *method = nullptr;
-        EXPECT_EQ(get_ccCopyErrorTable(&variable, name.data(), &length, 1, &value_length, &method), nullptr);
+        EXPECT_EQ(get_ccCopyErrorTable(&variable, name.data(), &length, 1, &value_length, &method),
+                  nullptr);
         EXPECT_EQ(value_length, 77U);
         EXPECT_EQ(fake_agent.details.take(), std::vector<std::string>{""});
     }

@@ -1,4 +1,4 @@
-/* Registration with the agent, load and unload. */
+// Registration with the agent, load and unload.
 #include <regex>
 
 #include "tests/unit/fakes/fake_agent.h"
@@ -21,23 +21,101 @@ struct Column {
 
 const std::vector<Column> columns = {
     {"ccCopyProtocol", {1, 1, 1, 1, 2}, 4, ASN_INTEGER, true, get_ccCopyTable, set_ccCopyProtocol},
-    {"ccCopySourceFileType", {1, 1, 1, 1, 3}, 5, ASN_INTEGER, true, get_ccCopyTable, set_ccCopySourceFileType},
-    {"ccCopyDestFileType", {1, 1, 1, 1, 4}, 6, ASN_INTEGER, true, get_ccCopyTable, set_ccCopyDestFileType},
-    {"ccCopyServerAddress", {1, 1, 1, 1, 5}, 7, ASN_IPADDRESS, true, get_ccCopyTable, set_ccCopyServerAddress},
-    {"ccCopyFileName", {1, 1, 1, 1, 6}, 8, ASN_OCTET_STR, true, get_ccCopyTable, set_ccCopyFileName},
-    {"ccCopyUserName", {1, 1, 1, 1, 7}, 9, ASN_OCTET_STR, true, get_ccCopyTable, set_ccCopyUserName},
-    {"ccCopyUserPassword", {1, 1, 1, 1, 8}, 10, ASN_OCTET_STR, true, get_ccCopyTable, set_ccCopyUserPassword},
-    {"ccCopyNotificationOnCompletion", {1, 1, 1, 1, 9}, 11, ASN_INTEGER, true, get_ccCopyTable, set_ccCopyNotificationOnCompletion},
+    {"ccCopySourceFileType",
+     {1, 1, 1, 1, 3},
+     5,
+     ASN_INTEGER,
+     true,
+     get_ccCopyTable,
+     set_ccCopySourceFileType},
+    {"ccCopyDestFileType",
+     {1, 1, 1, 1, 4},
+     6,
+     ASN_INTEGER,
+     true,
+     get_ccCopyTable,
+     set_ccCopyDestFileType},
+    {"ccCopyServerAddress",
+     {1, 1, 1, 1, 5},
+     7,
+     ASN_IPADDRESS,
+     true,
+     get_ccCopyTable,
+     set_ccCopyServerAddress},
+    {"ccCopyFileName",
+     {1, 1, 1, 1, 6},
+     8,
+     ASN_OCTET_STR,
+     true,
+     get_ccCopyTable,
+     set_ccCopyFileName},
+    {"ccCopyUserName",
+     {1, 1, 1, 1, 7},
+     9,
+     ASN_OCTET_STR,
+     true,
+     get_ccCopyTable,
+     set_ccCopyUserName},
+    {"ccCopyUserPassword",
+     {1, 1, 1, 1, 8},
+     10,
+     ASN_OCTET_STR,
+     true,
+     get_ccCopyTable,
+     set_ccCopyUserPassword},
+    {"ccCopyNotificationOnCompletion",
+     {1, 1, 1, 1, 9},
+     11,
+     ASN_INTEGER,
+     true,
+     get_ccCopyTable,
+     set_ccCopyNotificationOnCompletion},
     {"ccCopyState", {1, 1, 1, 1, 10}, 12, ASN_INTEGER, false, get_ccCopyTable, nullptr},
     {"ccCopyTimeStarted", {1, 1, 1, 1, 11}, 13, ASN_TIMETICKS, false, get_ccCopyTable, nullptr},
     {"ccCopyTimeCompleted", {1, 1, 1, 1, 12}, 14, ASN_TIMETICKS, false, get_ccCopyTable, nullptr},
     {"ccCopyFailCause", {1, 1, 1, 1, 13}, 15, ASN_INTEGER, false, get_ccCopyTable, nullptr},
-    {"ccCopyEntryRowStatus", {1, 1, 1, 1, 14}, 16, ASN_INTEGER, true, get_ccCopyTable, set_ccCopyEntryRowStatus},
-    {"ccCopyServerAddressType", {1, 1, 1, 1, 15}, 17, ASN_INTEGER, true, get_ccCopyTable, set_ccCopyServerAddressType},
-    {"ccCopyServerAddressRev1", {1, 1, 1, 1, 16}, 18, ASN_OCTET_STR, true, get_ccCopyTable, set_ccCopyServerAddressRev1},
-    {"ccCopyErrorDeviceAddrType", {1, 1, 2, 1, 2}, 25, ASN_INTEGER, false, get_ccCopyErrorTable, nullptr},
-    {"ccCopyErrorDeviceAddr", {1, 1, 2, 1, 3}, 26, ASN_OCTET_STR, false, get_ccCopyErrorTable, nullptr},
-    {"ccCopyErrorSwitchWwn", {1, 1, 2, 1, 4}, 27, ASN_OCTET_STR, false, get_ccCopyErrorTable, nullptr},
+    {"ccCopyEntryRowStatus",
+     {1, 1, 1, 1, 14},
+     16,
+     ASN_INTEGER,
+     true,
+     get_ccCopyTable,
+     set_ccCopyEntryRowStatus},
+    {"ccCopyServerAddressType",
+     {1, 1, 1, 1, 15},
+     17,
+     ASN_INTEGER,
+     true,
+     get_ccCopyTable,
+     set_ccCopyServerAddressType},
+    {"ccCopyServerAddressRev1",
+     {1, 1, 1, 1, 16},
+     18,
+     ASN_OCTET_STR,
+     true,
+     get_ccCopyTable,
+     set_ccCopyServerAddressRev1},
+    {"ccCopyErrorDeviceAddrType",
+     {1, 1, 2, 1, 2},
+     25,
+     ASN_INTEGER,
+     false,
+     get_ccCopyErrorTable,
+     nullptr},
+    {"ccCopyErrorDeviceAddr",
+     {1, 1, 2, 1, 3},
+     26,
+     ASN_OCTET_STR,
+     false,
+     get_ccCopyErrorTable,
+     nullptr},
+    {"ccCopyErrorSwitchWwn",
+     {1, 1, 2, 1, 4},
+     27,
+     ASN_OCTET_STR,
+     false,
+     get_ccCopyErrorTable,
+     nullptr},
     {"ccCopyErrorText", {1, 1, 2, 1, 5}, 28, ASN_OCTET_STR, false, get_ccCopyErrorTable, nullptr},
 };
 
@@ -61,13 +139,16 @@ int another_write_method(int, u_char *, u_char, size_t, u_char *, oid *, size_t)
     return 0;
 }
 
-const std::vector<AgentFake::Callback> starttime_callback = {{0, 9, &cc_handle_starttime_change, nullptr}};
+const std::vector<AgentFake::Callback> starttime_callback = {
+    {0, 9, &cc_handle_starttime_change, nullptr}};
 
 using Frame = ModuleTest;
 using LoadedFrame = LoadedModuleTest;
 
 TEST_F(Frame, VariableTable) {
-    EXPECT_EQ(Oid(std::begin(config_copy_mib_variables_oid), std::end(config_copy_mib_variables_oid)), root);
+    EXPECT_EQ(
+        Oid(std::begin(config_copy_mib_variables_oid), std::end(config_copy_mib_variables_oid)),
+        root);
     ASSERT_EQ(std::size(config_copy_mib_variables), 19U);
     ASSERT_EQ(columns.size(), 19U);
     for (std::size_t i = 0; i < columns.size(); ++i) {
@@ -112,7 +193,7 @@ TEST_F(Frame, ScalarHandlerNeverAnswers) {
     EXPECT_EQ(get_config_copy_mib(&scalar, asked, &length, 1, &value_length, &method), nullptr);
     EXPECT_EQ(fake_agent.details.take(), std::vector<std::string>{""});
 
-    asked[name.size()] = 1; /* no such instance: the header does not match */
+    asked[name.size()] = 1; // no such instance: the header does not match
     EXPECT_EQ(get_config_copy_mib(&scalar, asked, &length, 1, &value_length, &method), nullptr);
     EXPECT_TRUE(fake_agent.details.take().empty());
 }
@@ -196,18 +277,21 @@ TEST_F(Frame, FailedRegistrationIsOnlyADebugMessage) {
     EXPECT_EQ(init_config_copy_mib(), 0);
     const auto debug = fake_agent.debug.take();
     ASSERT_EQ(debug.size(), 4U);
-    /* Each message comes as the token, which decides about the prefix, and then the text. */
+    // Each message comes as the token, which decides about the prefix, and then the text.
     for (const std::size_t i : {0U, 1U}) {
         EXPECT_EQ(debug[i].first, "trace");
         EXPECT_EQ(std::regex_replace(debug[i].second, std::regex(", [0-9]+:"), ", #:"),
-                  "init_config_copy_mib(): infra/system_manager/lib/libmib/configcopymib/config_copy_mib, #:\n");
+                  "init_config_copy_mib(): "
+                  "infra/system_manager/lib/libmib/configcopymib/config_copy_mib, #:\n");
     }
-    EXPECT_EQ(debug[2], (std::pair<std::string, std::string>{"register_mib", "config_copy_mib registration failed\n"}));
+    EXPECT_EQ(debug[2], (std::pair<std::string, std::string>{
+                            "register_mib", "config_copy_mib registration failed\n"}));
     EXPECT_EQ(debug[3], debug[2]);
     deinit_config_copy_mib();
 }
 
-class FailedContainer : public ModuleTest, public ::testing::WithParamInterface<std::vector<int>> {};
+class FailedContainer : public ModuleTest,
+                        public ::testing::WithParamInterface<std::vector<int>> {};
 
 TEST_P(FailedContainer, WithdrawsTheRegistration) {
     fake_keyedset.create_results.assign(GetParam().begin(), GetParam().end());
@@ -221,7 +305,9 @@ TEST_P(FailedContainer, WithdrawsTheRegistration) {
     deinit_config_copy_mib();
 }
 
-INSTANTIATE_TEST_SUITE_P(Frame, FailedContainer, ::testing::Values(std::vector{0, 2}, std::vector{2, 0}, std::vector{1, 1}));
+INSTANTIATE_TEST_SUITE_P(Frame, FailedContainer,
+                         ::testing::Values(std::vector{0, 2}, std::vector{2, 0},
+                                           std::vector{1, 1}));
 
 TEST_F(Frame, UnloadWithdrawsEveryVariable) {
     ASSERT_EQ(init_config_copy_mib(), 0);
@@ -229,7 +315,8 @@ TEST_F(Frame, UnloadWithdrawsEveryVariable) {
     deinit_config_copy_mib();
     EXPECT_TRUE(fake_agent.variables.empty());
     ASSERT_FALSE(fake_agent.unregistrations.empty());
-    EXPECT_NE(std::ranges::find(fake_agent.unregistrations, root), fake_agent.unregistrations.end());
+    EXPECT_NE(std::ranges::find(fake_agent.unregistrations, root),
+              fake_agent.unregistrations.end());
     EXPECT_EQ(fake_agent.lookup_cache_size, 5);
     EXPECT_EQ(ccCopyUndoList.impl, nullptr);
     ASSERT_EQ(fake_keyedset.destroys.size(), 2U);
@@ -272,11 +359,12 @@ TEST_F(Frame, SecondLoadWithoutUnloadRegistersNothingTwice) {
     EXPECT_TRUE(fake_agent.variables.empty());
 }
 
-/* An abandoned destroy leaves its row copy in the undo list. */
+// An abandoned destroy leaves its row copy in the undo list.
 void abandon_a_destroy(int32_t index) {
     add_row(index);
-    const SetResult result = set({{CC_COLUMN_ENTRY_ROW_STATUS, static_cast<oid>(index), integer(ROW_STATUS_DESTROY)},
-                                  {CC_COLUMN_FILE_NAME, 999, octet_string("no such row")}});
+    const SetResult result =
+        set({{CC_COLUMN_ENTRY_ROW_STATUS, static_cast<oid>(index), integer(ROW_STATUS_DESTROY)},
+             {CC_COLUMN_FILE_NAME, 999, octet_string("no such row")}});
     ASSERT_EQ(result.status, SNMP_ERR_NOSUCHNAME);
     ASSERT_EQ(keyedset_size(&ccCopyUndoList), 1U);
 }
@@ -284,7 +372,7 @@ void abandon_a_destroy(int32_t index) {
 TEST_F(Frame, UnloadFreesTheRowCopiesThatAreLeft) {
     ASSERT_EQ(init_config_copy_mib(), 0);
     abandon_a_destroy(3);
-    deinit_config_copy_mib(); /* the leak checker sees a copy that is lost */
+    deinit_config_copy_mib(); // the leak checker sees a copy that is lost
     EXPECT_EQ(ccCopyUndoList.impl, nullptr);
     EXPECT_EQ(init_config_copy_mib(), 0);
     EXPECT_EQ(keyedset_size(&ccCopyUndoList), 0U);

@@ -1,4 +1,4 @@
-/* What an activated request becomes: a worker, a request to the system manager, or nothing. */
+// What an activated request becomes: a worker, a request to the system manager, or nothing.
 #include <cstring>
 
 #include "platform/system_manager.h"
@@ -17,7 +17,7 @@ const std::string initiated("\x40\x1e\x00\x03", 4);
 
 class Launch : public ExecutionTest {
   protected:
-    /* Puts the request into the table. */
+    // Puts the request into the table.
     static void store(const ccCopyEntry &request) {
         add_row(request.ccCopyIndex);
         store_row(request);
@@ -52,7 +52,7 @@ TEST_F(Launch, NetworkCopyIsRecordedBeforeTheWorkerExists) {
     EXPECT_LOGGED(EVTRACE_DEBUG, "start_copy : Created the process to copy with pid = 4711\n");
 }
 
-/* What becomes of a pair of file types: the rules of the launch, told once more. */
+// What becomes of a pair of file types: the rules of the launch, told once more.
 struct Expected {
     enum { fork, system_manager, nothing, refused } way;
     int32_t status;
@@ -130,7 +130,8 @@ TEST_F(Launch, EveryPairOfFileTypes) {
 class LoopbackRefused : public Launch, public ::testing::WithParamInterface<const char *> {};
 
 TEST_P(LoopbackRefused, AtBothEnds) {
-    for (const auto &[source, dest] : {std::pair{COPY_FILE_RUNNING, COPY_FILE_NETWORK}, {COPY_FILE_NETWORK, COPY_FILE_RUNNING}}) {
+    for (const auto &[source, dest] : {std::pair{COPY_FILE_RUNNING, COPY_FILE_NETWORK},
+                                       {COPY_FILE_NETWORK, COPY_FILE_RUNNING}}) {
         Tracing trace;
         const auto request = copy_request(source, dest);
         put_text(request->ccCopyServerAddressRev1, GetParam());
@@ -141,8 +142,11 @@ TEST_P(LoopbackRefused, AtBothEnds) {
         EXPECT_EQ(child_copy_running, 0);
         const Lines traced = trace.take();
         ASSERT_EQ(traced.size(), 2U);
-        EXPECT_EQ(traced[1], std::string("validate_n_start_copy(#):validate_n_start_copy : Localhost address received (") + GetParam() +
-                                 ").  Disallowing this operation.");
+        EXPECT_EQ(
+            traced[1],
+            std::string(
+                "validate_n_start_copy(#):validate_n_start_copy : Localhost address received (") +
+                GetParam() + ").  Disallowing this operation.");
         ASSERT_EQ(deleteCcCopyEntry(request.get()), 0U);
     }
 }
@@ -158,8 +162,9 @@ TEST_P(OtherServer, IsLaunched) {
     EXPECT_EQ(journal.take(), Lines{"fork"});
 }
 INSTANTIATE_TEST_SUITE_P(Launch, OtherServer,
-                         ::testing::Values("127.0.0.2", "127.0.0.10", "127.0.0.1 ", " 127.0.0.1", "127.0.0", "0.0.0.00", "0.0.0", "::1",
-                                           "localhost", "::ffff:127.0.0.1"));
+                         ::testing::Values("127.0.0.2", "127.0.0.10", "127.0.0.1 ", " 127.0.0.1",
+                                           "127.0.0", "0.0.0.00", "0.0.0", "::1", "localhost",
+                                           "::ffff:127.0.0.1"));
 
 TEST_F(Launch, ServerOfALocalCopyIsNotLookedAt) {
     const auto request = copy_request(COPY_FILE_STARTUP, COPY_FILE_RUNNING);
@@ -187,23 +192,24 @@ TEST_F(Launch, RowThatIsGone) {
     Tracing trace;
     const auto network = copy_request(COPY_FILE_RUNNING, COPY_FILE_NETWORK);
     EXPECT_EQ(validate_n_start_copy(network.get(), ROW_STATUS_ACTIVE), SNMP_ERR_GENERR);
-    EXPECT_EQ(trace.take().back(),
-              "validate_n_start_copy(#):validate_n_start_copy : Set to entry (index= 7) failed just before starting the copy \n");
+    EXPECT_EQ(trace.take().back(), "validate_n_start_copy(#):validate_n_start_copy : Set to entry "
+                                   "(index= 7) failed just before starting the copy \n");
 
     const auto local = copy_request(COPY_FILE_STARTUP, COPY_FILE_RUNNING);
     EXPECT_EQ(validate_n_start_copy(local.get(), ROW_STATUS_ACTIVE), SNMP_ERR_GENERR);
-    EXPECT_EQ(trace.take().back(),
-              "validate_n_start_copy(#):validate_n_start_copy : Set to entry (index= 7) failed just before starting the copy \n");
+    EXPECT_EQ(trace.take().back(), "validate_n_start_copy(#):validate_n_start_copy : Set to entry "
+                                   "(index= 7) failed just before starting the copy \n");
 
     const auto save = copy_request(COPY_FILE_RUNNING, COPY_FILE_ALL_STARTUP);
     EXPECT_EQ(validate_n_start_copy(save.get(), ROW_STATUS_ACTIVE), SNMP_ERR_GENERR);
-    EXPECT_LOGGED(EVTRACE_ERROR, "validate_n_start_copy : Set to entry (index= 7) failed just beforestarting copy running to startup\n");
+    EXPECT_LOGGED(EVTRACE_ERROR, "validate_n_start_copy : Set to entry (index= 7) failed just "
+                                 "beforestarting copy running to startup\n");
 
     const auto invalid = copy_request(COPY_FILE_KEX, COPY_FILE_RUNNING);
     trace.take();
     EXPECT_EQ(validate_n_start_copy(invalid.get(), ROW_STATUS_ACTIVE), SNMP_ERR_GENERR);
-    EXPECT_EQ(trace.take().back(),
-              "validate_n_start_copy(#):validate_n_start_copy : Set to entry (index= 7) failed after valdation failed\n");
+    EXPECT_EQ(trace.take().back(), "validate_n_start_copy(#):validate_n_start_copy : Set to entry "
+                                   "(index= 7) failed after valdation failed\n");
     EXPECT_EQ(child_copy_running, 0);
 }
 
@@ -212,7 +218,8 @@ TEST_F(Launch, WorkerStillRunning) {
     store(*request);
     child_copy_running = 1;
     EXPECT_EQ(validate_n_start_copy(request.get(), ROW_STATUS_ACTIVE), SNMP_ERR_GENERR);
-    EXPECT_EQ(stored_row(index_of_row).ccCopyState, COPY_STATE_RUNNING); /* written before the worker was looked at */
+    // written before the worker was looked at
+    EXPECT_EQ(stored_row(index_of_row).ccCopyState, COPY_STATE_RUNNING);
     EXPECT_LOGGED(EVTRACE_ERROR, "start_copy: child process is still running\n");
     EXPECT_EQ(start_copy(request.get()), CCERR_FAILED);
     EXPECT_EQ(child_copy_running, 1);
@@ -223,7 +230,7 @@ TEST_F(Launch, FailedForkIsNotSeen) {
     store(*request);
     fake_process.fork_result = -1;
     EXPECT_EQ(validate_n_start_copy(request.get(), ROW_STATUS_ACTIVE), SNMP_ERR_NOERROR);
-    EXPECT_EQ(journal.take(), Lines{"fork"}); /* no second attempt */
+    EXPECT_EQ(journal.take(), Lines{"fork"}); // no second attempt
     EXPECT_EQ(child_copy_running, 1);
     EXPECT_EQ(stored_row(index_of_row).ccCopyState, COPY_STATE_RUNNING);
     EXPECT_LOGGED(EVTRACE_DEBUG, "start_copy : Created the process to copy with pid = -1\n");
@@ -239,12 +246,16 @@ TEST_F(Launch, ChildCopiesReportsAndEnds) {
     const ProcessFake::Child &child = *fake_process.child;
     EXPECT_FALSE(child.failed);
     EXPECT_EQ(child.exit_code, 0);
-    EXPECT_EQ(child.journal, (Lines{"bind 4 -1 1,0,1024,26,0,15 req-resp = 100", "startup directory 100 2",
-                                    "apply /startup/system.cfg to /tmp/configcopy.txt", "shell notified 100 1 1 3", "unbind 100 0"}) +
-                                 status_report(101, status_word(0)));
+    EXPECT_EQ(child.journal,
+              (Lines{"bind 4 -1 1,0,1024,26,0,15 req-resp = 100", "startup directory 100 2",
+                     "apply /startup/system.cfg to /tmp/configcopy.txt", "shell notified 100 1 1 3",
+                     "unbind 100 0"}) +
+                  status_report(101, status_word(0)));
     ASSERT_FALSE(child.history.empty());
-    EXPECT_EQ(child.history.back(), "start_copy : exit = child_id " + std::to_string(child.pid) + "\n");
-    EXPECT_LOGGED(EVTRACE_DEBUG, "start_copy : Created the process to copy with pid = " + std::to_string(child.pid) + "\n");
+    EXPECT_EQ(child.history.back(),
+              "start_copy : exit = child_id " + std::to_string(child.pid) + "\n");
+    EXPECT_LOGGED(EVTRACE_DEBUG, "start_copy : Created the process to copy with pid = " +
+                                     std::to_string(child.pid) + "\n");
     EXPECT_EQ(child_copy_running, 1);
     EXPECT_EQ(stored_row(index_of_row).ccCopyState, COPY_STATE_RUNNING);
 }
@@ -278,18 +289,20 @@ TEST_F(Launch, RequestIsTraced) {
     request->ccCopyTimeStarted = {TimeFake::start - 90, 0};
     store(*request);
     EXPECT_EQ(validate_n_start_copy(request.get(), ROW_STATUS_ACTIVE), SNMP_ERR_WRONGVALUE);
-    EXPECT_EQ(
-        trace.take(),
-        (Lines{"validate_n_start_copy(#):validate_n_start_copy: Copy requested with: ccCopyServerAddressRev1 = 10.0.0.1,ccCopyFileName= "
-               "dir/remote.cfg, ccCopyUserName=" +
-                   full_user +
-                   ", ccCopyTimeStarted=1000 ccCopyProtocol = 5 ccCopySourceFileType = 2, ccCopyDestFileType= 1, "
-                   "ccCopyServerAddressType= 1\n",
-               "validate_entry(#):validate_entry : KEX file type is not supported ",
-               "validate_n_start_copy(#):validate_n_start_copy : Validation failed row index = 7 \n"}));
+    EXPECT_EQ(trace.take(),
+              (Lines{"validate_n_start_copy(#):validate_n_start_copy: Copy requested with: "
+                     "ccCopyServerAddressRev1 = 10.0.0.1,ccCopyFileName= "
+                     "dir/remote.cfg, ccCopyUserName=" +
+                         full_user +
+                         ", ccCopyTimeStarted=1000 ccCopyProtocol = 5 ccCopySourceFileType = 2, "
+                         "ccCopyDestFileType= 1, "
+                         "ccCopyServerAddressType= 1\n",
+                     "validate_entry(#):validate_entry : KEX file type is not supported ",
+                     "validate_n_start_copy(#):validate_n_start_copy : Validation failed row index "
+                     "= 7 \n"}));
 }
 
-/* --- through a SET ---------------------------------------------------------------------------------------------------------------- */
+// --- through a SET
 
 class LaunchBySet : public Launch {
   protected:
@@ -301,7 +314,9 @@ class LaunchBySet : public Launch {
         deinit_config_copy_mib();
         Launch::TearDown();
     }
-    static int activate() { return set({{CC_COLUMN_ENTRY_ROW_STATUS, index_of_row, integer(ROW_STATUS_ACTIVE)}}).status; }
+    static int activate() {
+        return set({{CC_COLUMN_ENTRY_ROW_STATUS, index_of_row, integer(ROW_STATUS_ACTIVE)}}).status;
+    }
 };
 
 TEST_F(LaunchBySet, NetworkCopy) {
@@ -322,7 +337,7 @@ TEST_F(LaunchBySet, RefusedServer) {
     EXPECT_EQ(octets_of_stored_row(), before);
 }
 
-/* The stored row goes on running, whatever became of the request itself. */
+// The stored row goes on running, whatever became of the request itself.
 TEST_F(LaunchBySet, SavedCopyThatEndsAtOnce) {
     const auto request = copy_request(COPY_FILE_RUNNING, COPY_FILE_STARTUP);
     store(*request);

@@ -1,4 +1,4 @@
-/* GET and GETNEXT on ccCopyTable. */
+// GET and GETNEXT on ccCopyTable.
 #include <net-snmp/net-snmp-config.h>
 
 #include <cerrno>
@@ -18,7 +18,7 @@ std::string word(int32_t value) {
     return std::string(reinterpret_cast<const char *>(&value), sizeof value);
 }
 
-/* The value of a column of row 5; "none" when there is none. */
+// The value of a column of row 5; "none" when there is none.
 std::string value_of(oid column) {
     const std::optional<Answer> answer = get(copy_column(column), copy_instance(column, 5));
     if (!answer) {
@@ -34,7 +34,7 @@ Oid prefix_with(std::initializer_list<oid> rest) {
     return name;
 }
 
-/* Index of the row that a GETNEXT of the protocol answers with; -1 when there is none. */
+// Index of the row that a GETNEXT of the protocol answers with; -1 when there is none.
 long next_index(const Oid &name) {
     const std::optional<Answer> answer = get_next(copy_column(2), name);
     if (!answer) {
@@ -83,7 +83,7 @@ TEST_F(Read, EveryColumn) {
 
 TEST_F(Read, TimesOfARowThatNeverRan) {
     add_row(5);
-    fake_agent.start_seconds = -1; /* the conversion of 0 would not be 0 */
+    fake_agent.start_seconds = -1; // the conversion of 0 would not be 0
     EXPECT_EQ(value_of(11), word(0));
     EXPECT_EQ(value_of(12), word(0));
 }
@@ -99,12 +99,13 @@ TEST_F(Read, TimesBeforeTheAgentsStartAreZero) {
     EXPECT_EQ(value_of(12), word(1));
 }
 
-/* Uptimes around the ends of 31 and of 32 bits, at 248.55 and 497.1 days. */
+// Uptimes around the ends of 31 and of 32 bits, at 248.55 and 497.1 days.
 TEST_F(Read, TimesOfALongUptime) {
     add_row(5);
     fake_agent.start_seconds = -1000000000;
     const auto at = [](int64_t ticks) {
-        return ccTime{static_cast<int32_t>(fake_agent.start_seconds + ticks / 100), static_cast<int32_t>(ticks % 100 * 10000)};
+        return ccTime{static_cast<int32_t>(fake_agent.start_seconds + ticks / 100),
+                      static_cast<int32_t>(ticks % 100 * 10000)};
     };
     constexpr int64_t day = 8640000;
     for (const auto &[uptime, read] :
@@ -118,7 +119,8 @@ TEST_F(Read, TimesOfALongUptime) {
                                                    {600 * day, 889032704},
                                                    {-1, 0},
                                                    {-2147483648, 0},
-                                                   {-2147483649, 0}, /* the low 32 bits alone would be positive */
+                                                   // the low 32 bits alone would be positive
+                                                   {-2147483649, 0},
                                                    {-4294967295, 0}}) {
         SCOPED_TRACE(uptime);
         ccCopyEntry row = stored_row(5);
@@ -180,7 +182,8 @@ TEST_F(Read, UnparsableServerAddressHasLengthZero) {
         size_t length = CC_ROW_OID_LENGTH;
         size_t value_length = 77;
         WriteMethod *method = nullptr;
-        EXPECT_EQ(get_ccCopyTable(&variable, name.data(), &length, 1, &value_length, &method), nullptr);
+        EXPECT_EQ(get_ccCopyTable(&variable, name.data(), &length, 1, &value_length, &method),
+                  nullptr);
         EXPECT_EQ(value_length, 0U);
     }
 }
@@ -208,7 +211,8 @@ TEST_F(Read, UnknownMagicHasNoValue) {
         size_t length = CC_ROW_OID_LENGTH;
         size_t value_length = 77;
         WriteMethod *method = nullptr;
-        EXPECT_EQ(get_ccCopyTable(&variable, name.data(), &length, 1, &value_length, &method), nullptr);
+        EXPECT_EQ(get_ccCopyTable(&variable, name.data(), &length, 1, &value_length, &method),
+                  nullptr);
         EXPECT_EQ(value_length, 77U);
         EXPECT_EQ(fake_agent.details.take(), std::vector<std::string>{""});
     }
@@ -224,15 +228,15 @@ TEST_F(Read, NextRow) {
     EXPECT_EQ(next_index(prefix_with({2})), 3);
     EXPECT_EQ(next_index(prefix_with({3})), 5);
     EXPECT_EQ(next_index(prefix_with({5})), 9);
-    EXPECT_EQ(next_index(prefix_with({5, 1, 2})), 9); /* further sub-identifiers are ignored */
+    EXPECT_EQ(next_index(prefix_with({5, 1, 2})), 9); // further sub-identifiers are ignored
     EXPECT_EQ(next_index(prefix_with({9})), -1);
     EXPECT_EQ(next_index(prefix_with({2147483647})), -1);
 }
 
 TEST_F(Read, NextRowFromBeforeTheColumn) {
     add_row(3);
-    EXPECT_EQ(next_index(copy_column(1)), 3);      /* not longer than the column's OID */
-    EXPECT_EQ(next_index(copy_instance(1, 7)), 3); /* longer, but of another column */
+    EXPECT_EQ(next_index(copy_column(1)), 3);      // not longer than the column's OID
+    EXPECT_EQ(next_index(copy_instance(1, 7)), 3); // longer, but of another column
     EXPECT_EQ(next_index({1, 3, 6, 1, 4, 1}), 3);
 }
 
@@ -268,7 +272,8 @@ TEST_F(Read, WriteMethodIsInstalledWithoutARow) {
         WriteMethod *method = nullptr;
         WriteMethod *expected = nullptr;
         set_ccCopyTable_setmethods(variable.magic, &expected);
-        EXPECT_EQ(get_ccCopyTable(&variable, name.data(), &length, 1, &value_length, &method), nullptr);
+        EXPECT_EQ(get_ccCopyTable(&variable, name.data(), &length, 1, &value_length, &method),
+                  nullptr);
         EXPECT_EQ(method, expected) << column;
         EXPECT_EQ(expected == nullptr, column >= 10 && column <= 13) << column;
     }
@@ -289,7 +294,8 @@ class Parse : public ModuleTest {
 
     uint32_t parse(const Oid &name, int exact) {
         index = 77;
-        return copy_oid_index_parse(prefix.data(), prefix.size(), name.data(), name.size(), exact, &index);
+        return copy_oid_index_parse(prefix.data(), prefix.size(), name.data(), name.size(), exact,
+                                    &index);
     }
 };
 
@@ -325,7 +331,8 @@ TEST_F(Read, RowLookupRewritesTheName) {
     EXPECT_EQ(length, 15U);
     EXPECT_EQ(Oid(name.begin(), name.begin() + 15), prefix_with({8}));
     EXPECT_EQ(row.ccCopyIndex, 8);
-    EXPECT_EQ(copy_row_lookup(prefix.data(), prefix.size(), name.data(), &length, 0, &row), CCERR_NOT_FOUND);
+    EXPECT_EQ(copy_row_lookup(prefix.data(), prefix.size(), name.data(), &length, 0, &row),
+              CCERR_NOT_FOUND);
     EXPECT_EQ(Oid(name.begin(), name.begin() + 15), prefix_with({8}));
     EXPECT_EQ(length, 15U);
     EXPECT_EQ(copy_row_lookup(prefix.data(), prefix.size(), name.data(), &length, 1, &row), 0U);

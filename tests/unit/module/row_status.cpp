@@ -1,4 +1,4 @@
-/* The write method of the row status, phase by phase, and its undo list. */
+// The write method of the row status, phase by phase, and its undo list.
 #include "tests/unit/fakes/fake_agent.h"
 #include "tests/unit/fakes/fake_evtrace.h"
 #include "tests/unit/fakes/fake_keyedset.h"
@@ -33,7 +33,7 @@ class RowStatus : public LoadedModuleTest {
         return keyedset_find(&ccCopyUndoList, &key) != nullptr;
     }
 
-    /* A row that is a network copy without server and file name, so that its activation is refused. */
+    // A row that is a network copy without server and file name, so that its activation is refused.
     static void add(int32_t index = 5) {
         add_row(index);
         fake_evtrace.clear();
@@ -54,11 +54,12 @@ class RowStatus : public LoadedModuleTest {
 
     static void expect_refused_while_copying() {
         EXPECT_LOGGED(EVTRACE_ERROR, ": set_ccCopyEntryRowStatus : Another Copy is in progress\n");
-        EXPECT_EQ(fake_utilities.errors.take(), (std::vector<std::pair<uint32_t, uint32_t>>{{0x40490049, 584}}));
+        EXPECT_EQ(fake_utilities.errors.take(),
+                  (std::vector<std::pair<uint32_t, uint32_t>>{{0x40490049, 584}}));
     }
 };
 
-/* --- RESERVE1 --- */
+// --- RESERVE1 ---
 
 TEST_F(RowStatus, WrongType) {
     for (int type = 0; type <= 255; ++type) {
@@ -66,14 +67,18 @@ TEST_F(RowStatus, WrongType) {
             continue;
         }
         ::testing::internal::CaptureStderr();
-        const int status = call_phase(set_ccCopyEntryRowStatus, reserve1, with_type(integer(5), static_cast<unsigned char>(type)), 14, 5);
+        const int status =
+            call_phase(set_ccCopyEntryRowStatus, reserve1,
+                       with_type(integer(5), static_cast<unsigned char>(type)), 14, 5);
         const std::string text = ::testing::internal::GetCapturedStderr();
         ASSERT_EQ(status, SNMP_ERR_WRONGTYPE) << type;
         ASSERT_EQ(text, "write to ccCopyEntryRowStatus not ASN_INTEGER\n");
     }
     ::testing::internal::CaptureStderr();
-    EXPECT_EQ(call_phase(set_ccCopyEntryRowStatus, reserve1, octet_string("5"), 14, 5), SNMP_ERR_WRONGTYPE);
-    EXPECT_EQ(call_phase(set_ccCopyEntryRowStatus, reserve1, Value{ASN_NULL, 0, nullptr}, 14, 5), SNMP_ERR_WRONGTYPE);
+    EXPECT_EQ(call_phase(set_ccCopyEntryRowStatus, reserve1, octet_string("5"), 14, 5),
+              SNMP_ERR_WRONGTYPE);
+    EXPECT_EQ(call_phase(set_ccCopyEntryRowStatus, reserve1, Value{ASN_NULL, 0, nullptr}, 14, 5),
+              SNMP_ERR_WRONGTYPE);
     ::testing::internal::GetCapturedStderr();
     EXPECT_TRUE(stored_indexes().empty());
 }
@@ -82,7 +87,8 @@ TEST_F(RowStatus, Length) {
     for (std::size_t length = 0; length <= 20; ++length) {
         SCOPED_TRACE(length);
         ::testing::internal::CaptureStderr();
-        const int status = call_phase(set_ccCopyEntryRowStatus, reserve1, integer_of_length(ROW_STATUS_DESTROY, length), 14, 5);
+        const int status = call_phase(set_ccCopyEntryRowStatus, reserve1,
+                                      integer_of_length(ROW_STATUS_DESTROY, length), 14, 5);
         const std::string text = ::testing::internal::GetCapturedStderr();
         const bool accepted = length <= 4 || length == sizeof(long);
         EXPECT_EQ(status, accepted ? SNMP_ERR_NOERROR : SNMP_ERR_WRONGLENGTH);
@@ -124,7 +130,8 @@ TEST_P(Creation, MakesTheRowInReserve1) {
 
 TEST_P(Creation, NeedsAnIndexFrom1To2147483647) {
     for (const oid index : {0UL, 2147483648UL, 2147483649UL, 4294967295UL}) {
-        EXPECT_EQ(status_request(GetParam(), index).run(reserve1), SNMP_ERR_INCONSISTENTNAME) << index;
+        EXPECT_EQ(status_request(GetParam(), index).run(reserve1), SNMP_ERR_INCONSISTENTNAME)
+            << index;
     }
     EXPECT_TRUE(stored_indexes().empty());
     EXPECT_TRUE(fake_agent.alarms.empty());
@@ -137,11 +144,13 @@ TEST_P(Creation, WithoutMemory) {
     fake_memory.failing_size = sizeof(ccCopyEntry);
     EXPECT_EQ(status_request(GetParam()).run(reserve1), SNMP_ERR_GENERR);
     fake_memory.failing_size = 0;
-    EXPECT_LOGGED(EVTRACE_ERROR, log_text(" : RESERVE1 - Could not malloc for the ccCopyEntry for  a new entry \n"));
+    EXPECT_LOGGED(
+        EVTRACE_ERROR,
+        log_text(" : RESERVE1 - Could not malloc for the ccCopyEntry for  a new entry \n"));
     EXPECT_FALSE(row_exists(5));
 }
 
-/* The leak checker sees a record that is not released. */
+// The leak checker sees a record that is not released.
 TEST_P(Creation, ThatTheTableRefuses) {
     fake_keyedset.next_add = nullptr;
     EXPECT_EQ(status_request(GetParam()).run(reserve1), SNMP_ERR_GENERR);
@@ -151,7 +160,7 @@ TEST_P(Creation, ThatTheTableRefuses) {
 
 TEST_P(Creation, WhoseStatusCannotBeStored) {
     add(9);
-    /* The second search after the one for the row itself is the one for its update. */
+    // The second search after the one for the row itself is the one for its update.
     fake_keyedset.fail_find(&ccCopyTable, 3);
     EXPECT_EQ(status_request(GetParam()).run(reserve1), SNMP_ERR_GENERR);
     EXPECT_LOGGED(EVTRACE_ERROR, log_text(" : Setting a new entry (index = 5) failed\n"));
@@ -159,7 +168,9 @@ TEST_P(Creation, WhoseStatusCannotBeStored) {
     EXPECT_TRUE(row_exists(9));
 }
 
-INSTANTIATE_TEST_SUITE_P(RowStatus, Creation, ::testing::Values(ROW_STATUS_ACTIVE, ROW_STATUS_CREATE_AND_GO, ROW_STATUS_CREATE_AND_WAIT));
+INSTANTIATE_TEST_SUITE_P(RowStatus, Creation,
+                         ::testing::Values(ROW_STATUS_ACTIVE, ROW_STATUS_CREATE_AND_GO,
+                                           ROW_STATUS_CREATE_AND_WAIT));
 
 TEST_F(RowStatus, DestroyOfAnAbsentRow) {
     for (const oid index : {5UL, 0UL, 2147483648UL}) {
@@ -191,7 +202,8 @@ TEST_F(RowStatus, CreateAndWaitOfAnExistingRow) {
 
 TEST_F(RowStatus, CreateAndGoOfARowThatAppearedMeanwhile) {
     add();
-    EXPECT_EQ(call_phase(set_ccCopyEntryRowStatus, reserve1, integer(ROW_STATUS_CREATE_AND_GO), 14, 5, nullptr),
+    EXPECT_EQ(call_phase(set_ccCopyEntryRowStatus, reserve1, integer(ROW_STATUS_CREATE_AND_GO), 14,
+                         5, nullptr),
               SNMP_ERR_INCONSISTENTVALUE);
     EXPECT_LOGGED(EVTRACE_ERROR, log_text(" : CREATE on a existing row (index = 5)\n"));
     EXPECT_FALSE(saved());
@@ -253,7 +265,7 @@ TEST_F(RowStatus, NoMemoryForTheCopyOfTheRow) {
     EXPECT_EQ(stored_row(5).ccCopyEntryRowStatus, ROW_STATUS_NOT_READY);
 }
 
-/* The leak checker sees a copy that is not freed. */
+// The leak checker sees a copy that is not freed.
 TEST_F(RowStatus, UndoListThatRefusesTheCopy) {
     add();
     fake_keyedset.next_add = nullptr;
@@ -266,20 +278,21 @@ TEST_F(RowStatus, StatusOfAnExistingRowThatCannotBeStored) {
     add();
     Request request = status_request(ROW_STATUS_DESTROY);
     ASSERT_EQ(request.run(6), SNMP_ERR_NOTWRITABLE);
-    /* One search is the agent's, ahead of the handler. */
+    // One search is the agent's, ahead of the handler.
     fake_keyedset.fail_find(&ccCopyTable, 3);
     EXPECT_EQ(request.run(reserve1), SNMP_ERR_GENERR);
     EXPECT_LOGGED(EVTRACE_ERROR, log_text(" : Setting a new entry (index = 5) failed\n"));
     EXPECT_TRUE(row_exists(5));
 }
 
-/* --- RESERVE2 --- */
+// --- RESERVE2 ---
 
 TEST_F(RowStatus, Reserve2MarksTheRowAndTheReadersBuffer) {
     add();
     Request request = status_request(ROW_STATUS_DESTROY);
     ASSERT_EQ(request.run(reserve1), 0);
-    ASSERT_EQ(request.state(), reinterpret_cast<unsigned char *>(&cc_last_read_row.ccCopyEntryRowStatus));
+    ASSERT_EQ(request.state(),
+              reinterpret_cast<unsigned char *>(&cc_last_read_row.ccCopyEntryRowStatus));
     EXPECT_EQ(request.run(reserve2), 0);
     EXPECT_EQ(*request.state(), 1);
     EXPECT_EQ(stored_row(5).reserve2_seen, 1);
@@ -299,17 +312,20 @@ TEST_F(RowStatus, Reserve2WithoutARow) {
     EXPECT_FALSE(row_exists(5));
 }
 
-/* --- ACTION --- */
+// --- ACTION ---
 
 TEST_F(RowStatus, ActionWithoutARow) {
     for (const long value : {1L, 4L, 5L}) {
-        EXPECT_EQ(call_phase(set_ccCopyEntryRowStatus, action, integer(value), 14, 5), SNMP_ERR_GENERR) << value;
+        EXPECT_EQ(call_phase(set_ccCopyEntryRowStatus, action, integer(value), 14, 5),
+                  SNMP_ERR_GENERR)
+            << value;
     }
     EXPECT_EQ(call_phase(set_ccCopyEntryRowStatus, action, integer(6), 14, 5), 0);
 }
 
 TEST_F(RowStatus, CreateAndWaitBecomesNotReady) {
-    EXPECT_EQ(set({{CC_COLUMN_ENTRY_ROW_STATUS, 5, integer(ROW_STATUS_CREATE_AND_WAIT)}}).status, 0);
+    EXPECT_EQ(set({{CC_COLUMN_ENTRY_ROW_STATUS, 5, integer(ROW_STATUS_CREATE_AND_WAIT)}}).status,
+              0);
     EXPECT_EQ(stored_row(5).ccCopyEntryRowStatus, ROW_STATUS_NOT_READY);
     EXPECT_EQ(keyedset_size(&ccCopyUndoList), 0U);
 }
@@ -334,7 +350,8 @@ TEST_F(RowStatus, DestroyDeletesTheRowAndItsErrors) {
     ccCopyErrorEntry error{};
     error.ccCopyIndex = 5;
     error.ccCopyErrorIndex = 1;
-    ASSERT_EQ(keyedset_create(&ccCopyErrorTable, 1, 1, ccCopyErrorEntry_comp_func, 1), KEYEDSET_CREATED);
+    ASSERT_EQ(keyedset_create(&ccCopyErrorTable, 1, 1, ccCopyErrorEntry_comp_func, 1),
+              KEYEDSET_CREATED);
     ASSERT_EQ(addCcCopyErrorEntry(nullptr, &error), 0U);
     EXPECT_EQ(set({{CC_COLUMN_ENTRY_ROW_STATUS, 5, integer(ROW_STATUS_DESTROY)}}).status, 0);
     EXPECT_EQ(stored_indexes(), std::vector<int32_t>{9});
@@ -351,7 +368,7 @@ TEST_F(RowStatus, IncompleteActivationIsRefused) {
     ASSERT_EQ(request.run(reserve1), 0);
     ASSERT_EQ(request.run(reserve2), 0);
     EXPECT_EQ(request.run(action), SNMP_ERR_INCONSISTENTVALUE);
-    EXPECT_EQ(stored_row(5).ccCopyEntryRowStatus, ROW_STATUS_ACTIVE); /* UNDO puts it back */
+    EXPECT_EQ(stored_row(5).ccCopyEntryRowStatus, ROW_STATUS_ACTIVE); // UNDO puts it back
     EXPECT_EQ(request.run(undo), 0);
     EXPECT_EQ(stored_row(5).ccCopyEntryRowStatus, ROW_STATUS_NOT_READY);
     EXPECT_EQ(stored_row(5).reserve2_seen, 0);
@@ -359,7 +376,8 @@ TEST_F(RowStatus, IncompleteActivationIsRefused) {
 }
 
 TEST_F(RowStatus, IncompleteCreateAndGoLeavesARowThatIsNotReady) {
-    /* The defaults are a copy from the network to startup: the destination is put right ahead of ACTION. */
+    // The defaults are a copy from the network to startup: the destination is put right ahead of
+    // ACTION.
     Request request = status_request(ROW_STATUS_CREATE_AND_GO);
     ASSERT_EQ(request.run(reserve1), 0);
     ASSERT_EQ(request.run(reserve2), 0);
@@ -372,7 +390,7 @@ TEST_F(RowStatus, IncompleteCreateAndGoLeavesARowThatIsNotReady) {
     EXPECT_EQ(stored_row(5).ccCopyState, COPY_STATE_WAITING);
 }
 
-/* --- COMMIT --- */
+// --- COMMIT ---
 
 TEST_F(RowStatus, CommitDropsTheCopyOfItsRowOnly) {
     add();
@@ -384,8 +402,8 @@ TEST_F(RowStatus, CommitDropsTheCopyOfItsRowOnly) {
     EXPECT_EQ(five.run(commit), 0);
     EXPECT_FALSE(saved(5));
     EXPECT_TRUE(saved(9));
-    EXPECT_EQ(five.run(commit), 0); /* there is none any more */
-    EXPECT_TRUE(row_exists(5));     /* COMMIT itself changes no row */
+    EXPECT_EQ(five.run(commit), 0); // there is none any more
+    EXPECT_TRUE(row_exists(5));     // COMMIT itself changes no row
 }
 
 TEST_F(RowStatus, CommitNeedsAnInstanceOfExactLength) {
@@ -394,11 +412,13 @@ TEST_F(RowStatus, CommitNeedsAnInstanceOfExactLength) {
     Oid name = copy_instance(CC_COLUMN_ENTRY_ROW_STATUS, 5);
     name.push_back(5);
     const Value value = integer(ROW_STATUS_DESTROY);
-    EXPECT_EQ(set_ccCopyEntryRowStatus(commit, value.octets.get(), value.type, value.length, nullptr, name.data(), name.size()), 0);
+    EXPECT_EQ(set_ccCopyEntryRowStatus(commit, value.octets.get(), value.type, value.length,
+                                       nullptr, name.data(), name.size()),
+              0);
     EXPECT_TRUE(saved());
 }
 
-/* --- FREE --- */
+// --- FREE ---
 
 TEST_F(RowStatus, FreeDeletesTheRowThatTheTransactionCreated) {
     for (const long value : {4L, 5L}) {
@@ -434,7 +454,7 @@ TEST_F(RowStatus, FreeKeepsTheCopyOfAnActiveOrDestroyRequest) {
         EXPECT_EQ(request.run(free_phase), 0);
         EXPECT_TRUE(saved());
         EXPECT_EQ(stored_row(5).ccCopyEntryRowStatus, value);
-        /* The copy that is left refuses the next one. */
+        // The copy that is left refuses the next one.
         EXPECT_EQ(status_request(ROW_STATUS_DESTROY).run(reserve1), SNMP_ERR_GENERR);
         EXPECT_LOGGED(EVTRACE_ERROR, log_text(" : Adding undolist failed\n"));
         cc_undo_clear();
@@ -448,7 +468,7 @@ TEST_F(RowStatus, FreeOfARefusedCreateAndWait) {
     ASSERT_EQ(request.run(reserve1), SNMP_ERR_INCONSISTENTVALUE);
     EXPECT_EQ(request.run(free_phase), 0);
     EXPECT_EQ(stored_row(5).ccCopyEntryRowStatus, ROW_STATUS_NOT_READY);
-    EXPECT_TRUE(saved()); /* the row's status is neither of the two, so nothing was looked at */
+    EXPECT_TRUE(saved()); // the row's status is neither of the two, so nothing was looked at
 }
 
 TEST_F(RowStatus, FreeDropsTheCopyOfARowThatIsStillBeingCreated) {
@@ -462,7 +482,7 @@ TEST_F(RowStatus, FreeDropsTheCopyOfARowThatIsStillBeingCreated) {
     EXPECT_FALSE(saved());
     EXPECT_TRUE(row_exists(5));
 
-    /* A destroy keeps both. */
+    // A destroy keeps both.
     Request third = status_request(ROW_STATUS_DESTROY);
     ASSERT_EQ(third.run(reserve1), 0);
     ccCopyEntry row = stored_row(5);
@@ -483,7 +503,7 @@ TEST_F(RowStatus, FreeWithoutARow) {
     EXPECT_FALSE(saved());
 }
 
-/* --- UNDO --- */
+// --- UNDO ---
 
 TEST_F(RowStatus, UndoOfAnActivationPutsTheRowBack) {
     add();
@@ -513,8 +533,11 @@ TEST_F(RowStatus, UndoOfAnActivationWhoseRowIsGone) {
 TEST_F(RowStatus, UndoWithoutACopy) {
     for (const long value : {1L, 6L}) {
         fake_evtrace.clear();
-        EXPECT_EQ(call_phase(set_ccCopyEntryRowStatus, undo, integer(value), 14, 5), SNMP_ERR_GENERR);
-        EXPECT_LOGGED(EVTRACE_ERROR, log_text(" : Could not get the structure for undo list for UNDO (index = 5)\n"));
+        EXPECT_EQ(call_phase(set_ccCopyEntryRowStatus, undo, integer(value), 14, 5),
+                  SNMP_ERR_GENERR);
+        EXPECT_LOGGED(
+            EVTRACE_ERROR,
+            log_text(" : Could not get the structure for undo list for UNDO (index = 5)\n"));
     }
 }
 
@@ -555,7 +578,8 @@ TEST_F(RowStatus, UndoOfACreationDeletesTheRow) {
         ASSERT_EQ(request.run(reserve2), 0);
         fake_evtrace.clear();
         EXPECT_EQ(request.run(undo), 0);
-        EXPECT_LOGGED(EVTRACE_DEBUG, log_text(" : UNDO - Deleting the added entry (index = 5) failed\n"));
+        EXPECT_LOGGED(EVTRACE_DEBUG,
+                      log_text(" : UNDO - Deleting the added entry (index = 5) failed\n"));
         EXPECT_FALSE(row_exists(5));
     }
 }
@@ -566,7 +590,8 @@ TEST_F(RowStatus, UndoOfACreationWithACopyKeepsTheRow) {
     ASSERT_EQ(request.run(reserve1), SNMP_ERR_INCONSISTENTVALUE);
     fake_evtrace.clear();
     EXPECT_EQ(request.run(undo), 0);
-    EXPECT_NOT_LOGGED(EVTRACE_DEBUG, log_text(" : UNDO - Deleting the added entry (index = 5) failed\n"));
+    EXPECT_NOT_LOGGED(EVTRACE_DEBUG,
+                      log_text(" : UNDO - Deleting the added entry (index = 5) failed\n"));
     EXPECT_FALSE(saved());
     EXPECT_TRUE(row_exists(5));
 }
@@ -577,32 +602,41 @@ TEST_F(RowStatus, UnknownPhase) {
     EXPECT_FALSE(row_exists(5));
 }
 
-/* --- trace --- */
+// --- trace ---
 
 class RowStatusTrace : public Traced<RowStatus> {
   protected:
-    static std::string traced(const std::string &text) { return "set_ccCopyEntryRowStatus(#):" + text; }
+    static std::string traced(const std::string &text) {
+        return "set_ccCopyEntryRowStatus(#):" + text;
+    }
 };
 
 TEST_F(RowStatusTrace, OfEveryPhase) {
     Request request = status_request(ROW_STATUS_CREATE_AND_WAIT);
     ASSERT_EQ(request.run(reserve1), 0);
-    EXPECT_EQ(file->take(), std::vector{traced("DEBUG: set_ccCopyEntryRowStatus :  Entering RESERVE1\n")});
+    EXPECT_EQ(file->take(),
+              std::vector{traced("DEBUG: set_ccCopyEntryRowStatus :  Entering RESERVE1\n")});
     ASSERT_EQ(request.run(reserve2), 0);
     EXPECT_EQ(file->take(), std::vector{traced("set_ccCopyEntryRowStatus :  Entering RESERVE2\n")});
     ASSERT_EQ(request.run(action), 0);
-    EXPECT_EQ(file->take(), (std::vector{traced("set_ccCopyEntryRowStatus : Entering ACTION for index = 5 \n"),
-                                         traced("set_ccCopyEntryRowStatus : long_ret 5 \n")}));
+    EXPECT_EQ(file->take(),
+              (std::vector{traced("set_ccCopyEntryRowStatus : Entering ACTION for index = 5 \n"),
+                           traced("set_ccCopyEntryRowStatus : long_ret 5 \n")}));
     ASSERT_EQ(request.run(commit), 0);
-    EXPECT_EQ(file->take(), std::vector{traced("set_ccCopyEntryRowStatus : COMMIT Removing the entry from undo list  (index = 5)\n")});
+    EXPECT_EQ(
+        file->take(),
+        std::vector{traced(
+            "set_ccCopyEntryRowStatus : COMMIT Removing the entry from undo list  (index = 5)\n")});
     ASSERT_EQ(request.run(free_phase), 0);
-    EXPECT_EQ(file->take(), std::vector{traced("set_ccCopyEntryRowStatus : Entering FREE for index = 5\n")});
+    EXPECT_EQ(file->take(),
+              std::vector{traced("set_ccCopyEntryRowStatus : Entering FREE for index = 5\n")});
 }
 
 TEST_F(RowStatusTrace, OfAnActionWithoutARow) {
     ASSERT_EQ(call_phase(set_ccCopyEntryRowStatus, action, integer(4), 14, 5), SNMP_ERR_GENERR);
-    EXPECT_EQ(file->take(), (std::vector{traced("set_ccCopyEntryRowStatus : Entering ACTION for index = 5 \n"),
-                                         traced("set_ccCopyEntryRowStatus : second long_ret 4 \n")}));
+    EXPECT_EQ(file->take(),
+              (std::vector{traced("set_ccCopyEntryRowStatus : Entering ACTION for index = 5 \n"),
+                           traced("set_ccCopyEntryRowStatus : second long_ret 4 \n")}));
 }
 
 TEST_F(RowStatusTrace, OfAFailedWrite) {
@@ -619,10 +653,12 @@ TEST_F(RowStatusTrace, OfARefusedActivationShowsZero) {
     ccCopyEntry row = stored_row(5);
     row.ccCopyDestFileType = COPY_FILE_RUNNING;
     store_row(row);
-    ASSERT_EQ(call_phase(set_ccCopyEntryRowStatus, action, integer(1), 14, 5), SNMP_ERR_INCONSISTENTVALUE);
+    ASSERT_EQ(call_phase(set_ccCopyEntryRowStatus, action, integer(1), 14, 5),
+              SNMP_ERR_INCONSISTENTVALUE);
     const std::vector<std::string> texts = file->take();
     ASSERT_FALSE(texts.empty());
-    EXPECT_EQ(texts.back(), traced("set_ccCopyEntryRowStatus : Validation failed (ret_code = 0) \n"));
+    EXPECT_EQ(texts.back(),
+              traced("set_ccCopyEntryRowStatus : Validation failed (ret_code = 0) \n"));
 }
 
 } // namespace

@@ -1,4 +1,4 @@
-/* Write methods of the three columns that name the server. */
+// Write methods of the three columns that name the server.
 #include <cerrno>
 
 #include "tests/unit/fakes/fake_evtrace.h"
@@ -18,7 +18,7 @@ constexpr int undo = 5;
 const std::string ipv4_octets("\x0a\0\0\x01", 4);
 const std::string ipv6_octets("\x20\x01\x0d\xb8\0\0\0\0\0\0\0\0\0\0\0\x07", 16);
 
-/* One of the three columns, on row 5. */
+// One of the three columns, on row 5.
 struct Target {
     const char *name;
     oid column;
@@ -26,7 +26,9 @@ struct Target {
     Value good;
     bool save_before_test;
 
-    int run(int phase, const Value &value, oid index = 5) const { return call_phase(method, phase, value, column, index); }
+    int run(int phase, const Value &value, oid index = 5) const {
+        return call_phase(method, phase, value, column, index);
+    }
     int run(int phase) const { return run(phase, good); }
 };
 
@@ -34,12 +36,14 @@ std::ostream &operator<<(std::ostream &out, const Target &target) {
     return out << target.name;
 }
 
-const Target type_column = {"set_ccCopyServerAddressType", CC_COLUMN_SERVER_ADDRESS_TYPE, set_ccCopyServerAddressType, integer(2), true};
-const Target rev1_column = {"set_ccCopyServerAddressRev1", CC_COLUMN_SERVER_ADDRESS_REV1, set_ccCopyServerAddressRev1,
-                            octet_string(ipv4_octets), false};
-const Target legacy_column = {"set_ccCopyServerAddress", CC_COLUMN_SERVER_ADDRESS, set_ccCopyServerAddress, ip_address(ipv4_octets), true};
+const Target type_column = {"set_ccCopyServerAddressType", CC_COLUMN_SERVER_ADDRESS_TYPE,
+                            set_ccCopyServerAddressType, integer(2), true};
+const Target rev1_column = {"set_ccCopyServerAddressRev1", CC_COLUMN_SERVER_ADDRESS_REV1,
+                            set_ccCopyServerAddressRev1, octet_string(ipv4_octets), false};
+const Target legacy_column = {"set_ccCopyServerAddress", CC_COLUMN_SERVER_ADDRESS,
+                              set_ccCopyServerAddress, ip_address(ipv4_octets), true};
 
-/* Runs a phase with standard output and standard error captured. */
+// Runs a phase with standard output and standard error captured.
 struct Captured {
     int status;
     std::string output;
@@ -53,7 +57,7 @@ Captured captured(const Target &target, int phase, const Value &value) {
     return {status, output, ::testing::internal::GetCapturedStderr()};
 }
 
-/* Puts the row into the state before a test: the address 192.0.2.9 as IPv4. */
+// Puts the row into the state before a test: the address 192.0.2.9 as IPv4.
 void add(int32_t row_status = ROW_STATUS_NOT_READY) {
     add_row(5, row_status);
     ccCopyEntry row = stored_row(5);
@@ -82,7 +86,7 @@ class AnyAddressColumn : public ModuleTest, public ::testing::WithParamInterface
 
     void SetUp() override {
         ModuleTest::SetUp();
-        ::testing::internal::CaptureStdout(); /* the legacy column prints */
+        ::testing::internal::CaptureStdout(); // the legacy column prints
     }
     void TearDown() override {
         ::testing::internal::GetCapturedStdout();
@@ -111,8 +115,11 @@ TEST_P(AnyAddressColumn, RowStatusDecides) {
         const bool accepted = row_status >= 3 && row_status <= 5;
         EXPECT_EQ(target.run(reserve2), accepted ? SNMP_ERR_NOERROR : SNMP_ERR_INCONSISTENTVALUE);
         EXPECT_EQ(type() != INET_ADDRESS_IPV4 || address() != "192.0.2.9", accepted);
-        const std::string refusal = target.name + std::string(" : The row status is not correctly set for this entry (index = 5) \n");
-        EXPECT_EQ(fake_evtrace.count(EVTRACE_ERROR, refusal), !accepted && target.column == CC_COLUMN_SERVER_ADDRESS_TYPE ? 1 : 0);
+        const std::string refusal =
+            target.name +
+            std::string(" : The row status is not correctly set for this entry (index = 5) \n");
+        EXPECT_EQ(fake_evtrace.count(EVTRACE_ERROR, refusal),
+                  !accepted && target.column == CC_COLUMN_SERVER_ADDRESS_TYPE ? 1 : 0);
         EXPECT_EQ(fake_evtrace.count(EVTRACE_DEBUG, refusal), 0);
     }
 }
@@ -137,7 +144,7 @@ TEST_P(AnyAddressColumn, FreeWithoutASavedValueDoesNothing) {
     EXPECT_EQ(address(), "192.0.2.9");
 }
 
-/* Also a value that is refused clears the flag of the SET before. */
+// Also a value that is refused clears the flag of the SET before.
 TEST_P(AnyAddressColumn, RefusedValueClearsTheSavedFlag) {
     add();
     ASSERT_EQ(target.run(reserve1), 0);
@@ -163,35 +170,40 @@ TEST_P(AnyAddressColumn, RowThatGoesWhileItIsWritten) {
 
 TEST_P(AnyAddressColumn, FailedConversion) {
     if (target.column == CC_COLUMN_SERVER_ADDRESS_TYPE) {
-        return; /* converts nothing */
+        return; // converts nothing
     }
     add();
     ASSERT_EQ(target.run(reserve1), 0);
     fake_inet_address.to_str_error = ENOSPC;
     EXPECT_EQ(target.run(reserve2), SNMP_ERR_WRONGVALUE);
-    EXPECT_LOGGED(EVTRACE_ERROR, target.name + std::string(": ip_addr_to_str() failed- returning SNMP_ERR_WRONGVALUE"));
+    EXPECT_LOGGED(EVTRACE_ERROR,
+                  target.name +
+                      std::string(": ip_addr_to_str() failed- returning SNMP_ERR_WRONGVALUE"));
     EXPECT_EQ(address(), "192.0.2.9");
     EXPECT_EQ(fake_inet_address.sizes, std::vector<std::size_t>{64});
 }
 
-INSTANTIATE_TEST_SUITE_P(ServerAddress, AnyAddressColumn, ::testing::Values(type_column, rev1_column, legacy_column),
+INSTANTIATE_TEST_SUITE_P(ServerAddress, AnyAddressColumn,
+                         ::testing::Values(type_column, rev1_column, legacy_column),
                          [](const auto &one) { return std::string(one.param.name); });
 
 using ServerAddress = ModuleTest;
 
-/* --- ccCopyServerAddressType --- */
+// --- ccCopyServerAddressType ---
 
 TEST_F(ServerAddress, TypeValues) {
     for (int32_t value = -1; value <= 20; ++value) {
-        const std::string refusal =
-            "set_ccCopyServerAddressType: var_val is not INET_ADDRESS_IPV4 or INET_ADDRESS_IPV6- returning SNMP_ERR_WRONGVALUE";
+        const std::string refusal = "set_ccCopyServerAddressType: var_val is not INET_ADDRESS_IPV4 "
+                                    "or INET_ADDRESS_IPV6- returning SNMP_ERR_WRONGVALUE";
         fake_evtrace.clear();
         const bool accepted = value == 1 || value == 2;
-        EXPECT_EQ(type_column.run(reserve1, integer(value)), accepted ? SNMP_ERR_NOERROR : SNMP_ERR_WRONGVALUE) << value;
+        EXPECT_EQ(type_column.run(reserve1, integer(value)),
+                  accepted ? SNMP_ERR_NOERROR : SNMP_ERR_WRONGVALUE)
+            << value;
         EXPECT_EQ(fake_evtrace.count(EVTRACE_ERROR, refusal), accepted ? 0 : 1);
-        EXPECT_LOGGED(EVTRACE_DEBUG,
-                      "set_ccCopyServerAddressType : Entering RESERVE1 of entry (index = 5) : The server address type being set = " +
-                          std::to_string(value) + "\n");
+        EXPECT_LOGGED(EVTRACE_DEBUG, "set_ccCopyServerAddressType : Entering RESERVE1 of entry "
+                                     "(index = 5) : The server address type being set = " +
+                                         std::to_string(value) + "\n");
     }
 }
 
@@ -207,34 +219,37 @@ TEST_F(ServerAddress, TypeOfTheWrongKind) {
     }
 }
 
-/* The message shows the value that is stored, however short its length was said to be. */
+// The message shows the value that is stored, however short its length was said to be.
 TEST_F(ServerAddress, TypeThatIsLoggedIsTheOneThatIsStored) {
     add();
-    for (const std::size_t length : {std::size_t{0}, std::size_t{1}, std::size_t{2}, std::size_t{3}, std::size_t{4}, sizeof(long)}) {
+    for (const std::size_t length : {std::size_t{0}, std::size_t{1}, std::size_t{2}, std::size_t{3},
+                                     std::size_t{4}, sizeof(long)}) {
         for (const long value : {2L, 0x102L, 0x10002L, 0x1000002L, 0x300000002L}) {
             SCOPED_TRACE(std::to_string(value) + " of length " + std::to_string(length));
             fake_evtrace.clear();
             set_type(0);
             const Value written = integer_of_length(value, length);
             const auto whole = static_cast<int32_t>(value);
-            EXPECT_EQ(type_column.run(reserve1, written), whole == 2 ? SNMP_ERR_NOERROR : SNMP_ERR_WRONGVALUE);
-            EXPECT_LOGGED(EVTRACE_DEBUG,
-                          "set_ccCopyServerAddressType : Entering RESERVE1 of entry (index = 5) : The server address type being set = " +
-                              std::to_string(whole) + "\n");
+            EXPECT_EQ(type_column.run(reserve1, written),
+                      whole == 2 ? SNMP_ERR_NOERROR : SNMP_ERR_WRONGVALUE);
+            EXPECT_LOGGED(EVTRACE_DEBUG, "set_ccCopyServerAddressType : Entering RESERVE1 of entry "
+                                         "(index = 5) : The server address type being set = " +
+                                             std::to_string(whole) + "\n");
             EXPECT_EQ(type_column.run(reserve2, written), 0);
             EXPECT_EQ(type(), whole);
         }
     }
 }
 
-/* What is no INTEGER of a fitting length shows as far as it goes, and no octet behind it is read. */
+// What is no INTEGER of a fitting length shows as far as it goes, and no octet behind it is read.
 TEST_F(ServerAddress, TypeThatIsRefusedIsLoggedAsFarAsItGoes) {
     const auto logged = [](const Value &value) {
         fake_evtrace.clear();
         ::testing::internal::CaptureStderr();
         EXPECT_NE(type_column.run(reserve1, value), SNMP_ERR_NOERROR);
         ::testing::internal::GetCapturedStderr();
-        return fake_evtrace.history.at(0).text.substr(std::string("set_ccCopyServerAddressType : Entering RESERVE1 of entry ").size());
+        return fake_evtrace.history.at(0).text.substr(
+            std::string("set_ccCopyServerAddressType : Entering RESERVE1 of entry ").size());
     };
     const std::string head = "(index = 5) : The server address type being set = ";
     EXPECT_EQ(logged(Value{ASN_NULL, 0, nullptr}), head + "0\n");
@@ -262,12 +277,12 @@ TEST_F(ServerAddress, RefusedTypeIsRestoredByFree) {
     ASSERT_EQ(type_column.run(reserve1), 0);
     ASSERT_EQ(type_column.run(reserve2), SNMP_ERR_INCONSISTENTVALUE);
     EXPECT_EQ(type(), 1);
-    set_type(0); /* tells whether FREE writes the saved type */
+    set_type(0); // tells whether FREE writes the saved type
     EXPECT_EQ(type_column.run(free_phase), 0);
     EXPECT_EQ(type(), 1);
 }
 
-/* --- ccCopyServerAddressRev1 --- */
+// --- ccCopyServerAddressRev1 ---
 
 TEST_F(ServerAddress, Rev1OfTheWrongKind) {
     const Captured wrong = captured(rev1_column, reserve1, integer(1));
@@ -275,13 +290,16 @@ TEST_F(ServerAddress, Rev1OfTheWrongKind) {
     EXPECT_EQ(wrong.error, "write to ccCopyServerAddressRev1 not ASN_OCTET_STR\n");
     for (std::size_t length = 0; length <= 70; ++length) {
         fake_evtrace.clear();
-        const Captured one = captured(rev1_column, reserve1, octet_string(std::string(length, 'x')));
+        const Captured one =
+            captured(rev1_column, reserve1, octet_string(std::string(length, 'x')));
         EXPECT_EQ(one.status, length <= 64 ? SNMP_ERR_NOERROR : SNMP_ERR_WRONGLENGTH) << length;
         EXPECT_EQ(one.error, length <= 64 ? "" : "write to ccCopyServerAddressRev1: bad length\n");
         EXPECT_EQ(fake_evtrace.history,
                   (std::vector<EvtraceFake::Record>{
-                      {EVTRACE_DEBUG, "set_ccCopyServerAddressRev1 : Entering RESERVE1 of entry (index = 5)\n"},
-                      {EVTRACE_DEBUG, "set_ccCopyServerAddressRev1 : length of value: " + std::to_string(length) + "\n"}}));
+                      {EVTRACE_DEBUG,
+                       "set_ccCopyServerAddressRev1 : Entering RESERVE1 of entry (index = 5)\n"},
+                      {EVTRACE_DEBUG, "set_ccCopyServerAddressRev1 : length of value: " +
+                                          std::to_string(length) + "\n"}}));
     }
 }
 
@@ -291,7 +309,8 @@ TEST_F(ServerAddress, Rev1AsIpv4) {
     EXPECT_EQ(rev1_column.run(reserve2), 0);
     EXPECT_EQ(address(), "10.0.0.1");
     EXPECT_EQ(type(), 1);
-    EXPECT_LOGGED(EVTRACE_DEBUG, "set_ccCopyServerAddressRev1: value copied into addr: 0x0100000A\n");
+    EXPECT_LOGGED(EVTRACE_DEBUG,
+                  "set_ccCopyServerAddressRev1: value copied into addr: 0x0100000A\n");
     EXPECT_LOGGED(EVTRACE_DEBUG, "set_ccCopyServerAddressRev1 : Server Address: 10.0.0.1\n");
     EXPECT_EQ(rev1_column.run(free_phase), 0);
     EXPECT_EQ(address(), "192.0.2.9");
@@ -306,15 +325,18 @@ TEST_F(ServerAddress, Rev1AsIpv6) {
     EXPECT_LOGGED(EVTRACE_DEBUG, "set_ccCopyServerAddressRev1 : Server Address: 2001:db8::7\n");
 }
 
-/* The value stands in a block of exactly its length: the address sanitizer sees an octet that is read behind it. */
+// The value stands in a block of exactly its length: the address sanitizer sees an octet that is
+// read behind it.
 TEST_F(ServerAddress, Rev1TakesWhatTheValueHas) {
     add();
     for (const auto &[type_now, octets, text] :
-         {std::tuple{INET_ADDRESS_IPV4, std::string("\x0a\x01"), "10.1.0.0"}, std::tuple{INET_ADDRESS_IPV4, std::string(""), "0.0.0.0"},
+         {std::tuple{INET_ADDRESS_IPV4, std::string("\x0a\x01"), "10.1.0.0"},
+          std::tuple{INET_ADDRESS_IPV4, std::string(""), "0.0.0.0"},
           std::tuple{INET_ADDRESS_IPV4, ipv6_octets, "32.1.13.184"},
           std::tuple{INET_ADDRESS_IPV6, std::string("\x20\x01\x0d\xb8"), "2001:db8::"},
           std::tuple{INET_ADDRESS_IPV6, std::string(""), "::"},
-          std::tuple{INET_ADDRESS_IPV6, std::string(64, '\x20'), "2020:2020:2020:2020:2020:2020:2020:2020"}}) {
+          std::tuple{INET_ADDRESS_IPV6, std::string(64, '\x20'),
+                     "2020:2020:2020:2020:2020:2020:2020:2020"}}) {
         SCOPED_TRACE(text);
         set_type(type_now);
         ASSERT_EQ(rev1_column.run(reserve1, octet_string(octets)), 0);
@@ -330,8 +352,9 @@ TEST_F(ServerAddress, Rev1WithoutAKnownType) {
         set_type(unknown);
         ASSERT_EQ(rev1_column.run(reserve1), 0);
         EXPECT_EQ(rev1_column.run(reserve2), SNMP_ERR_WRONGVALUE);
-        EXPECT_LOGGED(EVTRACE_ERROR, "set_ccCopyServerAddressRev1: error: server address type is: " + std::to_string(unknown) +
-                                         ", returning SNMP_ERR_WRONGVALUE\n");
+        EXPECT_LOGGED(EVTRACE_ERROR,
+                      "set_ccCopyServerAddressRev1: error: server address type is: " +
+                          std::to_string(unknown) + ", returning SNMP_ERR_WRONGVALUE\n");
         EXPECT_EQ(address(), "192.0.2.9");
         EXPECT_EQ(rev1_column.run(free_phase), 0);
         EXPECT_EQ(address(), "192.0.2.9");
@@ -361,7 +384,7 @@ TEST_F(ServerAddress, Rev1RowsShareOneSavedValue) {
     EXPECT_EQ(text_of(stored_row(6).ccCopyServerAddressRev1), "192.0.2.66");
 }
 
-/* --- ccCopyServerAddress --- */
+// --- ccCopyServerAddress ---
 
 TEST_F(ServerAddress, LegacyOfTheWrongKind) {
     const Captured wrong = captured(legacy_column, reserve1, octet_string(ipv4_octets));
@@ -369,7 +392,8 @@ TEST_F(ServerAddress, LegacyOfTheWrongKind) {
     EXPECT_EQ(wrong.error, "write to ccCopyServerAddress not ASN_IPADDRESS\n");
     EXPECT_EQ(wrong.output, "");
     for (std::size_t length = 5; length <= 20; ++length) {
-        const Captured one = captured(legacy_column, reserve1, ip_address(std::string(length, 'x')));
+        const Captured one =
+            captured(legacy_column, reserve1, ip_address(std::string(length, 'x')));
         EXPECT_EQ(one.status, SNMP_ERR_WRONGLENGTH) << length;
         EXPECT_EQ(one.error, "write to ccCopyServerAddress: bad length\n");
         EXPECT_EQ(one.output, "");
@@ -377,12 +401,14 @@ TEST_F(ServerAddress, LegacyOfTheWrongKind) {
 }
 
 TEST_F(ServerAddress, LegacyPrintsWhatItGets) {
-    for (const auto &[octets, text] : {std::pair{ipv4_octets, "16777226 Length 4"}, std::pair{std::string("\x0a\x01"), "266 Length 2"},
+    for (const auto &[octets, text] : {std::pair{ipv4_octets, "16777226 Length 4"},
+                                       std::pair{std::string("\x0a\x01"), "266 Length 2"},
                                        std::pair{std::string(""), "0 Length 0"}}) {
         const Captured one = captured(legacy_column, reserve1, ip_address(octets));
         EXPECT_EQ(one.status, 0);
         EXPECT_EQ(one.error, "");
-        EXPECT_EQ(one.output, "DEBUG : set_ccCopyServerAddress : Server Address : " + std::string(text) + "\n");
+        EXPECT_EQ(one.output,
+                  "DEBUG : set_ccCopyServerAddress : Server Address : " + std::string(text) + "\n");
     }
 }
 
@@ -395,11 +421,13 @@ TEST_F(ServerAddress, LegacySetsAddressAndType) {
     EXPECT_EQ(written.output, "");
     EXPECT_EQ(address(), "10.0.0.1");
     EXPECT_EQ(type(), INET_ADDRESS_IPV4);
-    EXPECT_LOGGED(EVTRACE_DEBUG, "set_ccCopyServerAddress : Server Address: 10.0.0.1, Server Address Type: 1\n");
+    EXPECT_LOGGED(EVTRACE_DEBUG,
+                  "set_ccCopyServerAddress : Server Address: 10.0.0.1, Server Address Type: 1\n");
 
     const Captured freed = captured(legacy_column, free_phase, legacy_column.good);
     EXPECT_EQ(freed.status, 0);
-    EXPECT_EQ(freed.output, "DEBUG : set_ccCopyServerAddress : Entering FREE of entry (index = 5) \n");
+    EXPECT_EQ(freed.output,
+              "DEBUG : set_ccCopyServerAddress : Entering FREE of entry (index = 5) \n");
     EXPECT_EQ(stored_row(5).ccCopyServerAddressRev1, std::string(""));
     EXPECT_EQ(type(), INET_ADDRESS_IPV4);
 }
@@ -415,7 +443,8 @@ TEST_F(ServerAddress, ShortLegacyAddress) {
 TEST_F(ServerAddress, RefusedLegacyAddressIsEmptiedByFree) {
     add(ROW_STATUS_ACTIVE);
     ASSERT_EQ(captured(legacy_column, reserve1, legacy_column.good).status, 0);
-    ASSERT_EQ(captured(legacy_column, reserve2, legacy_column.good).status, SNMP_ERR_INCONSISTENTVALUE);
+    ASSERT_EQ(captured(legacy_column, reserve2, legacy_column.good).status,
+              SNMP_ERR_INCONSISTENTVALUE);
     EXPECT_EQ(address(), "192.0.2.9");
     EXPECT_EQ(captured(legacy_column, free_phase, legacy_column.good).status, 0);
     EXPECT_EQ(address(), "");

@@ -1,4 +1,4 @@
-/* The store of copy requests. */
+// The store of copy requests.
 #include "tests/unit/fakes/fake_agent.h"
 #include "tests/unit/fakes/fake_evtrace.h"
 #include "tests/unit/fakes/fake_keyedset.h"
@@ -17,7 +17,8 @@ void add_error(int32_t copy, int32_t number) {
     error.ccCopyIndex = copy;
     error.ccCopyErrorIndex = number;
     if (keyedset_size(&ccCopyErrorTable) == 0) {
-        ASSERT_EQ(keyedset_create(&ccCopyErrorTable, 1, 1, ccCopyErrorEntry_comp_func, 1), KEYEDSET_CREATED);
+        ASSERT_EQ(keyedset_create(&ccCopyErrorTable, 1, 1, ccCopyErrorEntry_comp_func, 1),
+                  KEYEDSET_CREATED);
     }
     ASSERT_EQ(addCcCopyErrorEntry(&request, &error), 0U);
 }
@@ -45,7 +46,8 @@ TEST_F(Store, NewRecordHasTheDefaults) {
     EXPECT_EQ(row->ccCopyDestFileType, COPY_FILE_STARTUP);
     EXPECT_EQ(std::string(row->ccCopyFileName, sizeof row->ccCopyFileName), std::string(256, '\0'));
     EXPECT_EQ(std::string(row->ccCopyUserName, sizeof row->ccCopyUserName), std::string(41, '\0'));
-    EXPECT_EQ(std::string(row->ccCopyUserPassword, sizeof row->ccCopyUserPassword), std::string(41, '\0'));
+    EXPECT_EQ(std::string(row->ccCopyUserPassword, sizeof row->ccCopyUserPassword),
+              std::string(41, '\0'));
     EXPECT_EQ(row->ccCopyNotificationOnCompletion, TRUTH_FALSE);
     EXPECT_EQ(row->ccCopyState, COPY_STATE_WAITING);
     EXPECT_EQ(row->create_time, 1234567890);
@@ -57,7 +59,8 @@ TEST_F(Store, NewRecordHasTheDefaults) {
     EXPECT_EQ(row->reserve2_seen, 0);
     EXPECT_EQ(row->ccCopyEntryRowStatus, 0);
     EXPECT_EQ(row->ccCopyServerAddressType, INET_ADDRESS_UNKNOWN);
-    EXPECT_EQ(std::string(row->ccCopyServerAddressRev1, sizeof row->ccCopyServerAddressRev1), std::string(64, '\0'));
+    EXPECT_EQ(std::string(row->ccCopyServerAddressRev1, sizeof row->ccCopyServerAddressRev1),
+              std::string(64, '\0'));
     ccCopyEntry_free(row);
 }
 
@@ -129,7 +132,7 @@ TEST_F(Store, FirstInsertionTakesAnyResultLaterOnesOnlyTheRecord) {
     fake_keyedset.next_add = &other;
     EXPECT_EQ(addCcCopyEntry(row), 0U);
     EXPECT_EQ(fake_agent.alarms.size(), 1U);
-    /* The container refused the record behind the store's back: the alarm runs without a row. */
+    // The container refused the record behind the store's back: the alarm runs without a row.
     snmp_alarm_unregister(ageouttimer);
 
     add_row(1);
@@ -247,7 +250,7 @@ TEST_F(Store, FirstRowOfAStateIsTheOneWithTheLowestIndex) {
     set_state(9, COPY_STATE_RUNNING);
     set_state(4, COPY_STATE_RUNNING);
     ccCopyEntry found{};
-    found.ccCopyIndex = 8; /* the walk begins at the first row all the same */
+    found.ccCopyIndex = 8; // the walk begins at the first row all the same
     EXPECT_EQ(get_config_entry_with_status(COPY_STATE_RUNNING, &found), 0U);
     EXPECT_EQ(found.ccCopyIndex, 4);
 }
@@ -295,13 +298,15 @@ TEST_F(Store, EveryPairIsEqualForTheSearchOfAll) {
 
 TEST_F(Store, LogFeedsBothSinksAsFarAsTheyWantIt) {
     cc_log(EVTRACE_DEBUG, "%s : %d\n", "text", 7);
-    EXPECT_EQ(fake_evtrace.history, (std::vector<EvtraceFake::Record>{{EVTRACE_DEBUG, "text : 7\n"}}));
+    EXPECT_EQ(fake_evtrace.history,
+              (std::vector<EvtraceFake::Record>{{EVTRACE_DEBUG, "text : 7\n"}}));
     EXPECT_TRUE(fake_evtrace.printed.empty());
 
     fake_evtrace.clear();
     fake_evtrace.prints = true;
     cc_log(EVTRACE_ERROR, "%s", "100% of it\n");
-    EXPECT_EQ(fake_evtrace.history, (std::vector<EvtraceFake::Record>{{EVTRACE_ERROR, "100% of it\n"}}));
+    EXPECT_EQ(fake_evtrace.history,
+              (std::vector<EvtraceFake::Record>{{EVTRACE_ERROR, "100% of it\n"}}));
     EXPECT_EQ(fake_evtrace.printed, std::vector<std::string>{"100% of it\n"});
     EXPECT_EQ(fake_evtrace.asked, std::vector<uint32_t>{EVTRACE_ERROR});
 
@@ -314,7 +319,8 @@ TEST_F(Store, LogFeedsBothSinksAsFarAsTheyWantIt) {
 
 TEST_F(Store, LongMessagesAreCut) {
     cc_log(EVTRACE_DEBUG, "%s", std::string(600, 'x').c_str());
-    EXPECT_EQ(fake_evtrace.history, (std::vector<EvtraceFake::Record>{{EVTRACE_DEBUG, std::string(511, 'x')}}));
+    EXPECT_EQ(fake_evtrace.history,
+              (std::vector<EvtraceFake::Record>{{EVTRACE_DEBUG, std::string(511, 'x')}}));
 }
 
 } // namespace

@@ -1,4 +1,4 @@
-/* Copies that the system manager makes: the start request and its answer, and the abort. */
+// Copies that the system manager makes: the start request and its answer, and the abort.
 #include <cerrno>
 #include <cstring>
 #include <unistd.h>
@@ -22,8 +22,9 @@ constexpr uint32_t answer_opcode = MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION;
 
 class SystemManager : public ModuleTest {
   protected:
-    /* A request in the table, running as the launch leaves it. */
-    static std::unique_ptr<ccCopyEntry> running_request(int32_t dest, int32_t source = COPY_FILE_RUNNING) {
+    // A request in the table, running as the launch leaves it.
+    static std::unique_ptr<ccCopyEntry> running_request(int32_t dest,
+                                                        int32_t source = COPY_FILE_RUNNING) {
         auto record = copy_request(source, dest);
         record->ccCopyState = COPY_STATE_RUNNING;
         record->ccCopyEntryRowStatus = ROW_STATUS_ACTIVE;
@@ -34,13 +35,16 @@ class SystemManager : public ModuleTest {
         store_row(*record);
         return record;
     }
-    static std::string octets_of(const ccCopyEntry &record) { return {reinterpret_cast<const char *>(&record), sizeof record}; }
+    static std::string octets_of(const ccCopyEntry &record) {
+        return {reinterpret_cast<const char *>(&record), sizeof record};
+    }
     static void release_start_request() {
         ASSERT_NE(cfg_action_request, nullptr);
         fake_msgbus.release(std::exchange(cfg_action_request, nullptr));
     }
-    /* The payload of the start request that this destination, user and session make. */
-    static std::string payload_of(int32_t dest, const std::string &user, const std::string &session) {
+    // The payload of the start request that this destination, user and session make.
+    static std::string payload_of(int32_t dest, const std::string &user,
+                                  const std::string &session) {
         fake_agent_extension.user = user;
         fake_agent_extension.session = session;
         fake_msgbus.answers = {{0, answer_opcode, done}};
@@ -50,17 +54,21 @@ class SystemManager : public ModuleTest {
         const std::string head = "send 7 fe000000 3 1381 ";
         EXPECT_EQ(calls.at(0).substr(0, head.size()), head);
         std::string octets;
-        for (std::size_t at = head.size(); at + 1 < calls[0].size() && calls[0][at] != ' '; at += 2) {
+        for (std::size_t at = head.size(); at + 1 < calls[0].size() && calls[0][at] != ' ';
+             at += 2) {
             octets.push_back(static_cast<char>(std::stoi(calls[0].substr(at, 2), nullptr, 16)));
         }
         return octets;
     }
-    static std::string sent_user(const std::string &user) { return payload_of(COPY_FILE_STARTUP, user, "").substr(44, 32).c_str(); }
+    static std::string sent_user(const std::string &user) {
+        return payload_of(COPY_FILE_STARTUP, user, "").substr(44, 32).c_str();
+    }
 };
 
-/* --- the start request ------------------------------------------------------------------------------------------------------------ */
+// --- the start request
 
-std::string start_payload(bool fabric, bool all, const std::string &user, const std::string &session) {
+std::string start_payload(bool fabric, bool all, const std::string &user,
+                          const std::string &session) {
     std::string payload(140, '\0');
     payload[3] = 26;
     payload[7] = 1;
@@ -84,8 +92,10 @@ TEST_F(SystemManager, StartRequest) {
 }
 
 TEST_F(SystemManager, LongUserAndSessionAreCut) {
-    const std::string payload = payload_of(COPY_FILE_STARTUP, std::string(31, 'u').append("U"), std::string(200, 's'));
-    const std::string expected = start_payload(false, false, std::string(31, 'u'), std::string(31, 's'));
+    const std::string payload =
+        payload_of(COPY_FILE_STARTUP, std::string(31, 'u').append("U"), std::string(200, 's'));
+    const std::string expected =
+        start_payload(false, false, std::string(31, 'u'), std::string(31, 's'));
     EXPECT_EQ(hex(payload.data(), payload.size()), hex(expected.data(), expected.size()));
 }
 
@@ -95,7 +105,7 @@ TEST_F(SystemManager, NoUserAndNoSession) {
     EXPECT_EQ(hex(payload.data(), payload.size()), hex(expected.data(), expected.size()));
 }
 
-/* A '%' is a conversion, and a harmless one. */
+// A '%' is a conversion, and a harmless one.
 TEST_F(SystemManager, PercentSignInUserAndSession) {
     EXPECT_EQ(sent_user("100%%"), "100%");
     EXPECT_EQ(sent_user("a%%b%%%%c"), "a%b%%c");
@@ -108,7 +118,7 @@ class HostileName : public SystemManager, public ::testing::WithParamInterface<c
 TEST_P(HostileName, DoesNoHarm) {
     const std::string payload = payload_of(COPY_FILE_FABRIC_STARTUP, GetParam(), GetParam());
     ASSERT_EQ(payload.size(), 140U);
-    /* Both texts end inside their fields, and nothing beside them changes. */
+    // Both texts end inside their fields, and nothing beside them changes.
     for (const std::size_t at : {44U, 76U}) {
         EXPECT_NE(payload.substr(at, 32).find('\0'), std::string::npos);
     }
@@ -116,17 +126,20 @@ TEST_P(HostileName, DoesNoHarm) {
     EXPECT_EQ(payload.substr(0, 44), expected.substr(0, 44));
     EXPECT_EQ(payload.substr(108), expected.substr(108));
 }
-INSTANTIATE_TEST_SUITE_P(SystemManager, HostileName,
-                         ::testing::Values("%s%n%9$s%99999d%*d%Lf", "%s", "%n", "%hhn%hn%ln%lln%jn%zn%tn", "%9$s", "%1$n", "%99999d", "%*d",
-                                           "%*.*s", "%.99999s", "%.*s", "%Lf", "%La", "%p", "%c", "%lc", "%ls", "%S", "%C", "%m", "%", "a%",
-                                           "%-", "%l", "%5", "%5$", "%1$*2$d", "%hhd%hd%ld%lld%jd%zd%td", "%e%g%a%f%x%o%u%X%i",
-                                           "%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s", "%y", "%'d%I64d", "%2147483648d", "%4294967297$s",
-                                           "%-2147483647d", "%.2147483647f", "%20$n", "%#0- +10.3lls"));
+INSTANTIATE_TEST_SUITE_P(
+    SystemManager, HostileName,
+    ::testing::Values("%s%n%9$s%99999d%*d%Lf", "%s", "%n", "%hhn%hn%ln%lln%jn%zn%tn", "%9$s",
+                      "%1$n", "%99999d", "%*d", "%*.*s", "%.99999s", "%.*s", "%Lf", "%La", "%p",
+                      "%c", "%lc", "%ls", "%S", "%C", "%m", "%", "a%", "%-", "%l", "%5", "%5$",
+                      "%1$*2$d", "%hhd%hd%ld%lld%jd%zd%td", "%e%g%a%f%x%o%u%X%i",
+                      "%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s", "%y", "%'d%I64d", "%2147483648d",
+                      "%4294967297$s", "%-2147483647d", "%.2147483647f", "%20$n", "%#0- +10.3lls"));
 
-/* --- no answer -------------------------------------------------------------------------------------------------------------------- */
+// --- no answer
 
 TEST_F(SystemManager, RequestThatCannotBeSent) {
-    for (const bool kept : {false, true}) { /* a request of an earlier exchange, which ended without a word */
+    // a request of an earlier exchange, which ended without a word
+    for (const bool kept : {false, true}) {
         fake_msgbus.send_errors = {ECONNREFUSED};
         cfg_action_request = kept ? fake_msgbus.make(answer_opcode, "") : nullptr;
         fake_evtrace.clear();
@@ -144,19 +157,23 @@ TEST_F(SystemManager, RequestThatCannotBeSent) {
         EXPECT_EQ(octets_of(stored_row(index_of_row)), stored);
         EXPECT_LOGGED(EVTRACE_DEBUG, "Sending request to warden to start copy running to startup");
         EXPECT_LOGGED(EVTRACE_ERROR,
-                      function + " :  Unable to send message MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION: Connection refused (111).\n");
+                      function +
+                          " :  Unable to send message MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION: "
+                          "Connection refused (111).\n");
     }
 }
 
 TEST_F(SystemManager, EtimeIsWaitedOut) {
-    fake_msgbus.answers = {{ETIME, 0, ""}, {ETIME, 0, ""}, {ETIME, 0, ""}, {ETIME, 0, ""}, {0, answer_opcode, done}};
+    fake_msgbus.answers = {
+        {ETIME, 0, ""}, {ETIME, 0, ""}, {ETIME, 0, ""}, {ETIME, 0, ""}, {0, answer_opcode, done}};
     const auto record = running_request(COPY_FILE_STARTUP);
     EXPECT_EQ(do_cp_runningtostartup(record.get()), 0U);
     const Lines calls = journal.take();
     ASSERT_EQ(calls.size(), 8U);
     EXPECT_TRUE(calls[0].ends_with(" kept"));
     EXPECT_EQ(Lines(calls.begin() + 1, calls.end()),
-              (Lines{"receive 7", "receive 7", "receive 7", "receive 7", "receive 7", "drop 1381", "drop 1381"}));
+              (Lines{"receive 7", "receive 7", "receive 7", "receive 7", "receive 7", "drop 1381",
+                     "drop 1381"}));
     EXPECT_EQ(record->ccCopyState, COPY_STATE_SUCCESSFUL);
 }
 
@@ -171,7 +188,9 @@ TEST_F(SystemManager, AnyOtherErrorEndsTheWait) {
         EXPECT_EQ(Lines(calls.begin() + 1, calls.end()), (Lines{"receive 7", "receive 7"}));
         EXPECT_EQ(octets_of(stored_row(index_of_row)), stored);
         EXPECT_EQ(record->ccCopyState, COPY_STATE_RUNNING);
-        EXPECT_LOGGED(EVTRACE_ERROR, function + " : no response from warden (error id ffffffff). may be copy is progress\n");
+        EXPECT_LOGGED(
+            EVTRACE_ERROR,
+            function + " : no response from warden (error id ffffffff). may be copy is progress\n");
         release_start_request();
     }
 }
@@ -188,7 +207,7 @@ TEST_F(SystemManager, UnknownMessageEndsTheWait) {
     release_start_request();
 }
 
-/* --- answers ---------------------------------------------------------------------------------------------------------------------- */
+// --- answers
 
 TEST_F(SystemManager, CopyIsInitiated) {
     fake_msgbus.answers = {{0, answer_opcode, initiated}};
@@ -200,9 +219,10 @@ TEST_F(SystemManager, CopyIsInitiated) {
     EXPECT_EQ(octets_of(stored_row(index_of_row)), stored);
     EXPECT_EQ(octets_of(*record), stored);
     EXPECT_EQ(fake_evtrace.history,
-              (std::vector<EvtraceFake::Record>{{EVTRACE_DEBUG, "Sending request to warden to start copy running to startup"},
-                                                {EVTRACE_DEBUG, function + " : copy state : syserr2str 0x401e0003\n"},
-                                                {EVTRACE_DEBUG, function + " : copy is initiated\n"}}));
+              (std::vector<EvtraceFake::Record>{
+                  {EVTRACE_DEBUG, "Sending request to warden to start copy running to startup"},
+                  {EVTRACE_DEBUG, function + " : copy state : syserr2str 0x401e0003\n"},
+                  {EVTRACE_DEBUG, function + " : copy is initiated\n"}}));
     ASSERT_NE(cfg_action_request, nullptr);
     EXPECT_EQ(msgbus_rr_token_get(cfg_action_request), MsgbusFake::first_token);
     release_start_request();
@@ -219,11 +239,12 @@ TEST_F(SystemManager, CopyIsDone) {
     EXPECT_EQ(record->ccCopyState, COPY_STATE_SUCCESSFUL);
     EXPECT_EQ(record->ccCopyTimeCompleted.tv_sec, TimeFake::start);
     EXPECT_EQ(record->ccCopyTimeCompleted.tv_usec, 250000);
-    EXPECT_EQ(octets_of(stored_row(index_of_row)), stored); /* only the caller's copy changes */
+    EXPECT_EQ(octets_of(stored_row(index_of_row)), stored); // only the caller's copy changes
     EXPECT_EQ(fake_evtrace.history,
-              (std::vector<EvtraceFake::Record>{{EVTRACE_DEBUG, "Sending request to warden to start copy running to startup"},
-                                                {EVTRACE_DEBUG, function + " : copy state : syserr2str 0x00000000\n"},
-                                                {EVTRACE_DEBUG, function + " : copy is done\n\n"}}));
+              (std::vector<EvtraceFake::Record>{
+                  {EVTRACE_DEBUG, "Sending request to warden to start copy running to startup"},
+                  {EVTRACE_DEBUG, function + " : copy state : syserr2str 0x00000000\n"},
+                  {EVTRACE_DEBUG, function + " : copy is done\n\n"}}));
 }
 
 TEST_F(SystemManager, CopyIsRefused) {
@@ -244,20 +265,23 @@ TEST_F(SystemManager, CopyIsRefused) {
         EXPECT_LOGGED(EVTRACE_DEBUG, function + " : copy state : syserr2str 0x401e0007\n");
         EXPECT_LOGGED(EVTRACE_ERROR, function + " : copy failed\n");
         ccCopyErrorEntry error{};
-        EXPECT_NE(getnextCcCopyErrorEntry(&error), 0U); /* the error table is not filled */
+        EXPECT_NE(getnextCcCopyErrorEntry(&error), 0U); // the error table is not filled
         const auto notifications = fake_agent_extension.notifications.take();
         ASSERT_EQ(notifications.size(), notify == TRUTH_TRUE ? 1U : 0U);
         if (notify == TRUTH_TRUE) {
             EXPECT_EQ(notifications[0].kind, 6);
-            EXPECT_EQ(notifications[0].name, (Oid{1, 3, 6, 1, 4, 1, 41927, 9, 96, 2, 1, 1, index_of_row}));
+            EXPECT_EQ(notifications[0].name,
+                      (Oid{1, 3, 6, 1, 4, 1, 41927, 9, 96, 2, 1, 1, index_of_row}));
             EXPECT_EQ(notifications[0].bindings.size(), 8U);
         }
     }
 }
 
 TEST_F(SystemManager, EveryOtherStatusIsARefusal) {
-    for (const std::string &status : {std::string("\0\0\0\1", 4), std::string("\3\0\x1e\x40", 4), std::string("\xff\xff\xff\xff", 4),
-                                      std::string("\1\0\0\0", 4), std::string("\x40\x1e\0\3", 4).replace(3, 1, "\4")}) {
+    for (const std::string &status :
+         {std::string("\0\0\0\1", 4), std::string("\3\0\x1e\x40", 4),
+          std::string("\xff\xff\xff\xff", 4), std::string("\1\0\0\0", 4),
+          std::string("\x40\x1e\0\3", 4).replace(3, 1, "\4")}) {
         fake_msgbus.answers = {{0, answer_opcode, status}};
         const auto record = running_request(COPY_FILE_STARTUP);
         EXPECT_EQ(do_cp_runningtostartup(record.get()), 0U);
@@ -275,7 +299,7 @@ TEST_F(SystemManager, RefusedCopyOfARowThatIsGone) {
     journal.take();
 }
 
-/* An answer that carries no status word is no answer that says "done". */
+// An answer that carries no status word is no answer that says "done".
 TEST_F(SystemManager, AnswerWithoutAStatus) {
     fake_msgbus.answers = {{0, answer_opcode, ""}};
     const auto record = running_request(COPY_FILE_STARTUP);
@@ -307,29 +331,33 @@ TEST_F(SystemManager, AgentsDebugFileGetsStateAndSilence) {
 
     fake_msgbus.answers = {{EPIPE, 0, ""}};
     do_cp_runningtostartup(running_request(COPY_FILE_STARTUP).get());
-    EXPECT_EQ(written(), function + " : no response from warden (error id ffffffff). may be copy is progress\n");
+    EXPECT_EQ(written(),
+              function +
+                  " : no response from warden (error id ffffffff). may be copy is progress\n");
     release_start_request();
     ld_dbg_fp = nullptr;
     fclose(file);
     journal.take();
 }
 
-/* A request may be kept still when its row is gone, for example aged out after its destruction was asked and abandoned. */
+// A request may be kept still when its row is gone, for example aged out after its destruction was
+// asked and abandoned.
 TEST_F(SystemManager, NextRequestReplacesOneThatIsKeptStill) {
     cfg_action_request = fake_msgbus.make(answer_opcode, "");
     fake_msgbus.answers = {{0, answer_opcode, initiated}};
     EXPECT_EQ(do_cp_runningtostartup(running_request(COPY_FILE_STARTUP).get()), 0U);
-    ASSERT_EQ(journal.take().size(), 4U); /* the former request dropped; sent, received, answer dropped */
+    // the former request dropped; sent, received, answer dropped
+    ASSERT_EQ(journal.take().size(), 4U);
     ASSERT_NE(cfg_action_request, nullptr);
     EXPECT_EQ(msgbus_rr_token_get(cfg_action_request), MsgbusFake::first_token);
-    release_start_request(); /* the fake sees a message that is lost */
+    release_start_request(); // the fake sees a message that is lost
 }
 
-/* --- abort ------------------------------------------------------------------------------------------------------------------------ */
+// --- abort
 
 class Abort : public SystemManager {
   protected:
-    /* Leaves a start request kept, as an initiated copy does. */
+    // Leaves a start request kept, as an initiated copy does.
     static std::unique_ptr<ccCopyEntry> initiated_copy(int32_t dest) {
         fake_msgbus.answers = {{0, answer_opcode, initiated}};
         auto record = running_request(dest);
@@ -343,14 +371,17 @@ class Abort : public SystemManager {
 const Lines abort_calls = {"send 7 fe000000 3 1383 a1b2c3d400000000", "drop 1381"};
 
 TEST_F(Abort, OfEachDestination) {
-    for (const int32_t dest : {COPY_FILE_STARTUP, COPY_FILE_FABRIC_STARTUP, COPY_FILE_ALL_STARTUP}) {
+    for (const int32_t dest :
+         {COPY_FILE_STARTUP, COPY_FILE_FABRIC_STARTUP, COPY_FILE_ALL_STARTUP}) {
         fake_msgbus.next_token = MsgbusFake::first_token;
         const auto record = initiated_copy(dest);
         EXPECT_EQ(handle_abort(record.get()), 0U);
         EXPECT_EQ(journal.take(), abort_calls);
         EXPECT_EQ(cfg_action_request, nullptr);
         EXPECT_EQ(fake_evtrace.history,
-                  (std::vector<EvtraceFake::Record>{{EVTRACE_DEBUG, "Sending request to warden to abort the copy running to startup"}}));
+                  (std::vector<EvtraceFake::Record>{
+                      {EVTRACE_DEBUG,
+                       "Sending request to warden to abort the copy running to startup"}}));
     }
 }
 
@@ -367,7 +398,8 @@ TEST_F(Abort, OfAnyOtherRowSendsNothing) {
     for (int32_t state = 0; state <= 5; ++state) {
         for (int32_t source = 0; source <= 8; ++source) {
             for (int32_t dest = 0; dest <= 8; ++dest) {
-                if (state == COPY_STATE_RUNNING && source == 4 && (dest == 3 || dest == 6 || dest == 7)) {
+                if (state == COPY_STATE_RUNNING && source == 4 &&
+                    (dest == 3 || dest == 6 || dest == 7)) {
                     continue;
                 }
                 const auto other = copy_request(source, dest);
@@ -381,7 +413,7 @@ TEST_F(Abort, OfAnyOtherRowSendsNothing) {
     release_start_request();
 }
 
-/* The row still runs when the system manager gave no usable answer and the request was dropped. */
+// The row still runs when the system manager gave no usable answer and the request was dropped.
 TEST_F(Abort, WithoutAStartRequest) {
     const auto record = running_request(COPY_FILE_STARTUP);
     ASSERT_EQ(cfg_action_request, nullptr);
@@ -394,7 +426,8 @@ TEST_F(Abort, WithoutAStartRequest) {
 TEST_F(Abort, ComesWithTheDestructionOfTheRow) {
     ASSERT_EQ(init_config_copy_mib(), 0);
     initiated_copy(COPY_FILE_ALL_STARTUP);
-    EXPECT_EQ(set({{CC_COLUMN_ENTRY_ROW_STATUS, index_of_row, integer(ROW_STATUS_DESTROY)}}).status, SNMP_ERR_NOERROR);
+    EXPECT_EQ(set({{CC_COLUMN_ENTRY_ROW_STATUS, index_of_row, integer(ROW_STATUS_DESTROY)}}).status,
+              SNMP_ERR_NOERROR);
     EXPECT_EQ(journal.take(), abort_calls);
     EXPECT_FALSE(row_exists(index_of_row));
     deinit_config_copy_mib();

@@ -1,5 +1,5 @@
-/* The private trace file. Each test that opens it runs in a process of its own, as the module keeps its stream for the life of the process.
- */
+// The private trace file. Each test that opens it runs in a process of its own, as the module keeps
+// its stream for the life of the process.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -29,7 +29,7 @@ bool exists(const std::string &name) {
     return lstat(name.c_str(), &status) == 0;
 }
 
-/* Ends the process of a death test: with 0 when nothing failed in it. */
+// Ends the process of a death test: with 0 when nothing failed in it.
 [[noreturn]] void end() {
     exit(::testing::Test::HasFailure() ? 1 : 0);
 }
@@ -42,14 +42,14 @@ class Trace : public ModuleTest {
     }
 };
 
-/* Runs the function in a fresh process whose standard error must match. */
-#define IN_A_FRESH_PROCESS(function, standard_error)                                                                                       \
-    EXPECT_EXIT(                                                                                                                           \
-        {                                                                                                                                  \
-            function();                                                                                                                    \
-            unlink(trace_name().c_str());                                                                                                  \
-            end();                                                                                                                         \
-        },                                                                                                                                 \
+// Runs the function in a fresh process whose standard error must match.
+#define IN_A_FRESH_PROCESS(function, standard_error)                                               \
+    EXPECT_EXIT(                                                                                   \
+        {                                                                                          \
+            function();                                                                            \
+            unlink(trace_name().c_str());                                                          \
+            end();                                                                                 \
+        },                                                                                         \
         ::testing::ExitedWithCode(0), standard_error)
 
 void write_nothing() {
@@ -69,7 +69,7 @@ void write_two_records() {
     cc_trace("first %d\n", 1);
     const time_t when = 1234567890;
     const std::string stamp = std::string(ctime(&when)).substr(0, 24);
-    EXPECT_EQ(contents(trace_name()), "[" + stamp + "] first 1\n\n"); /* there at once */
+    EXPECT_EQ(contents(trace_name()), "[" + stamp + "] first 1\n\n"); // there at once
     is_snmp_debug_enabled = -1;
     cc_trace("second");
     EXPECT_EQ(contents(trace_name()), "[" + stamp + "] first 1\n\n[" + stamp + "] second\n");
@@ -89,7 +89,8 @@ void traced_function() {
 void write_the_usual_prefix() {
     TraceFile file;
     traced_function();
-    EXPECT_EQ(file.take(), std::vector<std::string>{"traced_function(#):traced_function : text with argument\n"});
+    EXPECT_EQ(file.take(), std::vector<std::string>{
+                               "traced_function(#):traced_function : text with argument\n"});
 }
 
 TEST_F(Trace, UsualPrefix) {
@@ -119,7 +120,7 @@ void go_on_in_a_deleted_file() {
     EXPECT_EQ(trace_file_get(), stream);
     struct stat status {};
     EXPECT_EQ(fstat(fileno(stream), &status), 0);
-    EXPECT_EQ(status.st_size, 32); /* stamp, blank, text and newline */
+    EXPECT_EQ(status.st_size, 32); // stamp, blank, text and newline
 }
 
 TEST_F(Trace, DeletedFileIsNotMadeAgain) {
@@ -152,24 +153,24 @@ void refuse_a_planted_link() {
     EXPECT_EQ(contents(victim), "untouched");
     unlink(victim.c_str());
     unlink(trace_name().c_str());
-    /* The next call tries again. */
+    // The next call tries again.
     cc_trace("text");
     EXPECT_EQ(contents(trace_name()).size(), 32U);
 }
 
-/* One line for each attempt, without a newline. */
+// One line for each attempt, without a newline.
 TEST_F(Trace, PlantedLinkIsRefused) {
-    IN_A_FRESH_PROCESS(refuse_a_planted_link,
-                       "^Can't open /tmp/cfg_snmp_debug\\.log\\.[0-9]+Can't open /tmp/cfg_snmp_debug\\.log\\.[0-9]+$");
+    IN_A_FRESH_PROCESS(refuse_a_planted_link, "^Can't open /tmp/cfg_snmp_debug\\.log\\.[0-9]+Can't "
+                                              "open /tmp/cfg_snmp_debug\\.log\\.[0-9]+$");
 }
 
 void refuse_what_is_planted() {
     is_snmp_debug_enabled = 1;
-    /* A pipe that nobody reads must not hold the agent up. */
+    // A pipe that nobody reads must not hold the agent up.
     unlink(trace_name().c_str());
     EXPECT_EQ(mkfifo(trace_name().c_str(), 0666), 0);
     cc_trace("text");
-    /* A second name of somebody's file. */
+    // A second name of somebody's file.
     const std::string victim = trace_name() + ".victim";
     unlink(trace_name().c_str());
     std::ofstream(victim) << "untouched";
@@ -182,7 +183,8 @@ void refuse_what_is_planted() {
 
 TEST_F(Trace, PlantedPipeAndHardLinkAreRefused) {
     IN_A_FRESH_PROCESS(refuse_what_is_planted,
-                       "^Can't open /tmp/cfg_snmp_debug\\.log\\.[0-9]+Can't open /tmp/cfg_snmp_debug\\.log\\.[0-9]+$");
+                       "^Can't open /tmp/cfg_snmp_debug\\.log\\.[0-9]+Can't open "
+                       "/tmp/cfg_snmp_debug\\.log\\.[0-9]+$");
 }
 
 void close_an_open_file() {

@@ -1,4 +1,4 @@
-/* Whole SETs through the registered handlers, phase by phase as a stock agent runs them. */
+// Whole SETs through the registered handlers, phase by phase as a stock agent runs them.
 #include "tests/unit/fakes/fake_agent.h"
 #include "tests/unit/fakes/fake_process.h"
 #include "tests/unit/fakes/fake_time.h"
@@ -25,24 +25,27 @@ constexpr int action = 2;
 
 class Transaction : public LoadedModuleTest {
   protected:
-    /* A row as a manager makes it. */
+    // A row as a manager makes it.
     static void create(oid index) {
         ASSERT_EQ(set({{row_status, index, integer(ROW_STATUS_CREATE_AND_WAIT)}}).status, 0);
-        ASSERT_EQ(stored_row(static_cast<int32_t>(index)).ccCopyEntryRowStatus, ROW_STATUS_NOT_READY);
+        ASSERT_EQ(stored_row(static_cast<int32_t>(index)).ccCopyEntryRowStatus,
+                  ROW_STATUS_NOT_READY);
     }
 };
 
 TEST_F(Transaction, RowIsMadeAndFilledInOneSet) {
-    const SetResult result = set({{row_status, 5, integer(ROW_STATUS_CREATE_AND_WAIT)},
-                                  {protocol, 5, integer(COPY_PROTO_SFTP)},
-                                  {source_type, 5, integer(COPY_FILE_RUNNING)},
-                                  {dest_type, 5, integer(COPY_FILE_NETWORK)},
-                                  {address_type, 5, integer(INET_ADDRESS_IPV6)},
-                                  {address_rev1, 5, octet_string(std::string("\x20\x01\x0d\xb8\0\0\0\0\0\0\0\0\0\0\0\x07", 16))},
-                                  {file_name, 5, octet_string("switch.cfg")},
-                                  {user_name, 5, octet_string(std::string(41, 'u'))},
-                                  {password, 5, octet_string("secret")},
-                                  {notification, 5, integer(TRUTH_TRUE)}});
+    const SetResult result =
+        set({{row_status, 5, integer(ROW_STATUS_CREATE_AND_WAIT)},
+             {protocol, 5, integer(COPY_PROTO_SFTP)},
+             {source_type, 5, integer(COPY_FILE_RUNNING)},
+             {dest_type, 5, integer(COPY_FILE_NETWORK)},
+             {address_type, 5, integer(INET_ADDRESS_IPV6)},
+             {address_rev1, 5,
+              octet_string(std::string("\x20\x01\x0d\xb8\0\0\0\0\0\0\0\0\0\0\0\x07", 16))},
+             {file_name, 5, octet_string("switch.cfg")},
+             {user_name, 5, octet_string(std::string(41, 'u'))},
+             {password, 5, octet_string("secret")},
+             {notification, 5, integer(TRUTH_TRUE)}});
     EXPECT_EQ(result.status, 0);
     const ccCopyEntry row = stored_row(5);
     EXPECT_EQ(row.ccCopyEntryRowStatus, ROW_STATUS_NOT_READY);
@@ -60,11 +63,13 @@ TEST_F(Transaction, RowIsMadeAndFilledInOneSet) {
 TEST_F(Transaction, PhasesGoByColumn) {
     create(5);
     create(6);
-    const SetResult result = set({{protocol, 5, integer(2)}, {dest_type, 5, integer(4)}, {protocol, 6, integer(4)}});
+    const SetResult result =
+        set({{protocol, 5, integer(2)}, {dest_type, 5, integer(4)}, {protocol, 6, integer(4)}});
     EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.history,
-              (std::vector<std::string>{"RESERVE1 2.5", "RESERVE1 2.6", "RESERVE1 4.5", "RESERVE2 2.5", "RESERVE2 2.6", "RESERVE2 4.5",
-                                        "ACTION 2.5", "ACTION 2.6", "ACTION 4.5", "COMMIT 2.5", "COMMIT 2.6", "COMMIT 4.5"}));
+    EXPECT_EQ(result.history, (std::vector<std::string>{
+                                  "RESERVE1 2.5", "RESERVE1 2.6", "RESERVE1 4.5", "RESERVE2 2.5",
+                                  "RESERVE2 2.6", "RESERVE2 4.5", "ACTION 2.5", "ACTION 2.6",
+                                  "ACTION 4.5", "COMMIT 2.5", "COMMIT 2.6", "COMMIT 4.5"}));
     EXPECT_EQ(stored_row(5).ccCopyProtocol, 2);
     EXPECT_EQ(stored_row(6).ccCopyProtocol, 4);
     EXPECT_EQ(stored_row(5).ccCopyDestFileType, 4);
@@ -72,7 +77,10 @@ TEST_F(Transaction, PhasesGoByColumn) {
 
 TEST_F(Transaction, FailureInReserve2RestoresTheColumns) {
     create(5);
-    ASSERT_EQ(set({{file_name, 5, octet_string("old-name.cfg")}, {user_name, 5, octet_string("old user")}}).status, 0);
+    ASSERT_EQ(set({{file_name, 5, octet_string("old-name.cfg")},
+                   {user_name, 5, octet_string("old user")}})
+                  .status,
+              0);
     const SetResult result = set({{protocol, 5, integer(COPY_PROTO_FTP)},
                                   {source_type, 5, integer(4)},
                                   {dest_type, 5, integer(1)},
@@ -94,31 +102,36 @@ TEST_F(Transaction, FailureInReserve2RestoresTheColumns) {
 TEST_F(Transaction, FailureInReserve1ChangesNoColumn) {
     create(5);
     const ccCopyEntry before = stored_row(5);
-    const SetResult result = set({{dest_type, 5, integer(4)}, {protocol, 5, integer(COPY_PROTO_RCP)}});
+    const SetResult result =
+        set({{dest_type, 5, integer(4)}, {protocol, 5, integer(COPY_PROTO_RCP)}});
     EXPECT_EQ(result.status, SNMP_ERR_WRONGVALUE);
     EXPECT_EQ(result.failed_phase, reserve1);
-    EXPECT_EQ(result.history, (std::vector<std::string>{"RESERVE1 4.5", "RESERVE1 2.5", "FREE 4.5", "FREE 2.5"}));
+    EXPECT_EQ(result.history,
+              (std::vector<std::string>{"RESERVE1 4.5", "RESERVE1 2.5", "FREE 4.5", "FREE 2.5"}));
     const ccCopyEntry after = stored_row(5);
     EXPECT_EQ(memcmp(&before, &after, sizeof after), 0);
 }
 
 TEST_F(Transaction, FailureInReserve2DeletesTheRowThatItMade) {
-    const SetResult result = set({{row_status, 5, integer(ROW_STATUS_CREATE_AND_WAIT)}, {protocol, 6, integer(COPY_PROTO_FTP)}});
+    const SetResult result = set({{row_status, 5, integer(ROW_STATUS_CREATE_AND_WAIT)},
+                                  {protocol, 6, integer(COPY_PROTO_FTP)}});
     EXPECT_EQ(result.status, SNMP_ERR_NOSUCHNAME);
     EXPECT_TRUE(stored_indexes().empty());
     EXPECT_TRUE(fake_agent.alarms.empty());
 }
 
 TEST_F(Transaction, FailureInReserve1LeavesTheRowThatItMade) {
-    const SetResult result = set({{row_status, 5, integer(ROW_STATUS_CREATE_AND_WAIT)}, {protocol, 5, integer(COPY_PROTO_RCP)}});
+    const SetResult result = set({{row_status, 5, integer(ROW_STATUS_CREATE_AND_WAIT)},
+                                  {protocol, 5, integer(COPY_PROTO_RCP)}});
     EXPECT_EQ(result.status, SNMP_ERR_WRONGVALUE);
     EXPECT_EQ(stored_row(5).ccCopyEntryRowStatus, ROW_STATUS_CREATE_AND_WAIT);
     EXPECT_EQ(stored_row(5).reserve2_seen, 0);
 }
 
 TEST_F(Transaction, ColumnAheadOfTheCreationFindsTheRow) {
-    /* RESERVE1 makes the row, so that every column's RESERVE2 finds it, whatever the order. */
-    const SetResult result = set({{protocol, 5, integer(COPY_PROTO_FTP)}, {row_status, 5, integer(ROW_STATUS_CREATE_AND_WAIT)}});
+    // RESERVE1 makes the row, so that every column's RESERVE2 finds it, whatever the order.
+    const SetResult result = set({{protocol, 5, integer(COPY_PROTO_FTP)},
+                                  {row_status, 5, integer(ROW_STATUS_CREATE_AND_WAIT)}});
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(stored_row(5).ccCopyProtocol, COPY_PROTO_FTP);
 }
@@ -127,20 +140,24 @@ TEST_F(Transaction, FailureInActionUndoesTheRowStatusAlone) {
     create(5);
     ASSERT_EQ(set({{dest_type, 5, integer(COPY_FILE_RUNNING)}}).status, 0);
     create(6);
-    const SetResult result = set({{protocol, 6, integer(COPY_PROTO_FTP)}, {row_status, 5, integer(ROW_STATUS_ACTIVE)}});
+    const SetResult result =
+        set({{protocol, 6, integer(COPY_PROTO_FTP)}, {row_status, 5, integer(ROW_STATUS_ACTIVE)}});
     EXPECT_EQ(result.status, SNMP_ERR_INCONSISTENTVALUE);
     EXPECT_EQ(result.failed_phase, action);
     EXPECT_EQ(result.history.back(), "UNDO 14.5");
     EXPECT_EQ(stored_row(5).ccCopyEntryRowStatus, ROW_STATUS_NOT_READY);
-    EXPECT_EQ(stored_row(6).ccCopyProtocol, COPY_PROTO_FTP); /* a column's value stays once RESERVE2 stored it */
+    // a column's value stays once RESERVE2 stored it
+    EXPECT_EQ(stored_row(6).ccCopyProtocol, COPY_PROTO_FTP);
     EXPECT_EQ(keyedset_size(&ccCopyUndoList), 0U);
 }
 
 TEST_F(Transaction, ColumnBehindAnActivationIsRefused) {
     create(5);
     ASSERT_EQ(set({{dest_type, 5, integer(COPY_FILE_RUNNING)}}).status, 0);
-    /* The row status is first, so it is stored as active before the column's RESERVE2: the column is refused. */
-    const SetResult first = set({{row_status, 5, integer(ROW_STATUS_ACTIVE)}, {file_name, 5, octet_string("switch.cfg")}});
+    // The row status is first, so it is stored as active before the column's RESERVE2: the column
+    // is refused.
+    const SetResult first = set(
+        {{row_status, 5, integer(ROW_STATUS_ACTIVE)}, {file_name, 5, octet_string("switch.cfg")}});
     EXPECT_EQ(first.status, SNMP_ERR_INCONSISTENTVALUE);
     EXPECT_EQ(first.failed_phase, reserve2);
     EXPECT_EQ(text_of(stored_row(5).ccCopyFileName), "");
@@ -150,7 +167,8 @@ TEST_F(Transaction, DestroyThatIsUndoneKeepsTheRowOut) {
     create(5);
     create(6);
     ASSERT_EQ(set({{dest_type, 6, integer(COPY_FILE_RUNNING)}}).status, 0);
-    const SetResult result = set({{row_status, 5, integer(ROW_STATUS_DESTROY)}, {row_status, 6, integer(ROW_STATUS_ACTIVE)}});
+    const SetResult result = set({{row_status, 5, integer(ROW_STATUS_DESTROY)},
+                                  {row_status, 6, integer(ROW_STATUS_ACTIVE)}});
     EXPECT_EQ(result.status, SNMP_ERR_INCONSISTENTVALUE);
     EXPECT_EQ(stored_indexes(), std::vector<int32_t>{6});
     EXPECT_EQ(stored_row(6).ccCopyEntryRowStatus, ROW_STATUS_NOT_READY);
@@ -173,17 +191,21 @@ TEST_F(Transaction, WholeWalk) {
 
 TEST_F(Transaction, LegacyAddressOfAFailedSetIsEmptied) {
     create(5);
-    ASSERT_EQ(set({{address_type, 5, integer(1)}, {address_rev1, 5, octet_string("\x0a\x01\x02\x03")}}).status, 0);
+    ASSERT_EQ(
+        set({{address_type, 5, integer(1)}, {address_rev1, 5, octet_string("\x0a\x01\x02\x03")}})
+            .status,
+        0);
     ASSERT_EQ(text_of(stored_row(5).ccCopyServerAddressRev1), "10.1.2.3");
     ::testing::internal::CaptureStdout();
-    const SetResult result = set({{CC_COLUMN_SERVER_ADDRESS, 5, ip_address("\x0a\x01\x02\x04")}, {protocol, 9, integer(COPY_PROTO_FTP)}});
+    const SetResult result = set({{CC_COLUMN_SERVER_ADDRESS, 5, ip_address("\x0a\x01\x02\x04")},
+                                  {protocol, 9, integer(COPY_PROTO_FTP)}});
     ::testing::internal::GetCapturedStdout();
     EXPECT_EQ(result.status, SNMP_ERR_NOSUCHNAME);
     EXPECT_EQ(text_of(stored_row(5).ccCopyServerAddressRev1), "");
     EXPECT_EQ(stored_row(5).ccCopyServerAddressType, INET_ADDRESS_IPV4);
 }
 
-/* A network copy by TFTP that lacks nothing. */
+// A network copy by TFTP that lacks nothing.
 std::vector<Varbind> complete_copy(oid index) {
     return {{protocol, index, integer(COPY_PROTO_TFTP)},
             {source_type, index, integer(COPY_FILE_RUNNING)},
@@ -206,7 +228,7 @@ TEST_F(Transaction, ActivationStartsTheCopy) {
     EXPECT_EQ(row.ccCopyTimeStarted.tv_sec, 1234567890);
     EXPECT_EQ(keyedset_size(&ccCopyUndoList), 0U);
 
-    /* A second one is refused in RESERVE1, and the running row takes no value. */
+    // A second one is refused in RESERVE1, and the running row takes no value.
     create(6);
     EXPECT_EQ(set({{row_status, 6, integer(ROW_STATUS_ACTIVE)}}).status, SNMP_ERR_GENERR);
     EXPECT_EQ(fake_utilities.errors.take().size(), 1U);
@@ -224,13 +246,15 @@ TEST_F(Transaction, CreateAndGoWithEveryColumnStartsTheCopy) {
     EXPECT_EQ(stored_row(5).ccCopyState, COPY_STATE_RUNNING);
 }
 
-/* The agent runs ACTION by column too: a row that is activated ahead of a failing one has a running copy, and UNDO puts its row back. */
+// The agent runs ACTION by column too: a row that is activated ahead of a failing one has a running
+// copy, and UNDO puts its row back.
 TEST_F(Transaction, StartedCopyWhoseSetFails) {
     create(5);
     ASSERT_EQ(set(complete_copy(5)).status, 0);
     create(6);
     ASSERT_EQ(set({{dest_type, 6, integer(COPY_FILE_RUNNING)}}).status, 0);
-    const SetResult result = set({{row_status, 5, integer(ROW_STATUS_ACTIVE)}, {row_status, 6, integer(ROW_STATUS_ACTIVE)}});
+    const SetResult result = set(
+        {{row_status, 5, integer(ROW_STATUS_ACTIVE)}, {row_status, 6, integer(ROW_STATUS_ACTIVE)}});
     EXPECT_EQ(result.status, SNMP_ERR_INCONSISTENTVALUE);
     EXPECT_EQ(journal.take(), Lines{"fork"});
     EXPECT_EQ(child_copy_running, 1);

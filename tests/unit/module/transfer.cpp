@@ -1,4 +1,4 @@
-/* File transfers with a server, outside any VRF. */
+// File transfers with a server, outside any VRF.
 #include <map>
 #include <set>
 
@@ -10,7 +10,7 @@
 
 namespace {
 
-/* local file /data/local.cfg, remote file dir/remote.cfg */
+// local file /data/local.cfg, remote file dir/remote.cfg
 class Transfer : public ExecutionTest {
   protected:
     static std::unique_ptr<ccCopyEntry> request(int32_t protocol) {
@@ -18,7 +18,8 @@ class Transfer : public ExecutionTest {
         put_text(record->ccCopySrcFileName, "/data/local.cfg");
         return record;
     }
-    /* Runs one transfer; what it wrote to standard error is in errors_, what it called without the chassis look-up in calls_. */
+    // Runs one transfer; what it wrote to standard error is in errors_, what it called without the
+    // chassis look-up in calls_.
     int32_t run(int32_t direction, const std::unique_ptr<ccCopyEntry> &record) {
         char work_dir[256] = "unused";
         fake_evtrace.clear();
@@ -40,10 +41,11 @@ class Transfer : public ExecutionTest {
 };
 using Records = std::vector<EvtraceFake::Record>;
 
-/* --- error numbers ---------------------------------------------------------------------------------------------------------------- */
+// --- error numbers
 
 TEST_F(Transfer, TftpErrorsAsFailCauses) {
-    const std::map<int, int> causes = {{-1, 2}, {-2, 2}, {-3, 4}, {-101, 2}, {-102, 2}, {-103, 4}, {-201, 3}, {-210, 3}};
+    const std::map<int, int> causes = {{-1, 2},   {-2, 2},   {-3, 4},   {-101, 2},
+                                       {-102, 2}, {-103, 4}, {-201, 3}, {-210, 3}};
     for (int error = -300; error <= 5; ++error) {
         const auto cause = causes.find(error);
         EXPECT_EQ(tftperr2miberr(error), cause == causes.end() ? 1 : cause->second) << error;
@@ -52,10 +54,11 @@ TEST_F(Transfer, TftpErrorsAsFailCauses) {
     EXPECT_EQ(tftperr2miberr(INT32_MAX), 1);
 }
 
-/* --- chassis ---------------------------------------------------------------------------------------------------------------------- */
+// --- chassis
 
 TEST_F(Transfer, ChassisTypesWithVrf) {
-    const std::set<int> with_vrf = {10, 11, 19, 20, 21, 22, 26, 27, 28, 29, 30, 31, 32, 33, 34, 39, 41, 42, 43, 44, 45, 46, 47, 49, 52};
+    const std::set<int> with_vrf = {10, 11, 19, 20, 21, 22, 26, 27, 28, 29, 30, 31, 32,
+                                    33, 34, 39, 41, 42, 43, 44, 45, 46, 47, 49, 52};
     ASSERT_EQ(with_vrf.size(), 25U);
     for (int type = -2; type <= 300; ++type) {
         fake_chassis.type = type;
@@ -86,7 +89,7 @@ TEST_F(Transfer, ResultWithinAVrfIsTheResult) {
     }
 }
 
-/* --- TFTP ------------------------------------------------------------------------------------------------------------------------- */
+// --- TFTP
 
 const Lines tftp_connected = {"tftp timeout 20", "tftp connect 10.0.0.1 -1"};
 
@@ -94,11 +97,14 @@ TEST_F(Transfer, TftpUpload) {
     for (const int good : {0, 1, 4096}) {
         fake_tftp.transfer_result = good;
         EXPECT_EQ(run(COPY_UPLOAD, request(COPY_PROTO_TFTP)), 0);
-        EXPECT_EQ(calls_, tftp_connected + Lines{"tftp put /data/local.cfg dir/remote.cfg 0 default"});
+        EXPECT_EQ(calls_,
+                  tftp_connected + Lines{"tftp put /data/local.cfg dir/remote.cfg 0 default"});
         EXPECT_EQ(history(),
                   (Records{{EVTRACE_DEBUG, "do_nw_upload_download : get chassis type return 0\n"},
-                           {EVTRACE_DEBUG, "do_nw_upload_download : Putting the file (/data/local.cfg)to the server (dir/remote.cfg)\n"},
-                           {EVTRACE_DEBUG, "do_nw_upload_download : File dir/remote.cfg is uploaded\n"}}));
+                           {EVTRACE_DEBUG, "do_nw_upload_download : Putting the file "
+                                           "(/data/local.cfg)to the server (dir/remote.cfg)\n"},
+                           {EVTRACE_DEBUG,
+                            "do_nw_upload_download : File dir/remote.cfg is uploaded\n"}}));
         EXPECT_EQ(errors_, "");
     }
 }
@@ -107,43 +113,58 @@ TEST_F(Transfer, TftpDownload) {
     fake_chassis.type_result = 77;
     EXPECT_EQ(run(COPY_DOWNLOAD, request(COPY_PROTO_TFTP)), 0);
     EXPECT_EQ(calls_, tftp_connected + Lines{"tftp get dir/remote.cfg /data/local.cfg 0 default"});
-    EXPECT_EQ(history(), (Records{{EVTRACE_DEBUG, "do_nw_upload_download : get chassis type return 77\n"},
-                                  {EVTRACE_DEBUG, "do_nw_upload_download : Getting file dir/remote.cfg to local file /data/local.cfg \n"},
-                                  {EVTRACE_DEBUG, "do_nw_upload_download :  File dir/remote.cfg is downloaded\n"}}));
+    EXPECT_EQ(
+        history(),
+        (Records{{EVTRACE_DEBUG, "do_nw_upload_download : get chassis type return 77\n"},
+                 {EVTRACE_DEBUG, "do_nw_upload_download : Getting file dir/remote.cfg to local "
+                                 "file /data/local.cfg \n"},
+                 {EVTRACE_DEBUG, "do_nw_upload_download :  File dir/remote.cfg is downloaded\n"}}));
     EXPECT_EQ(errors_, "");
 }
 
 TEST_F(Transfer, TftpTimeoutThatCannotBeSet) {
-    fake_tftp.timeout_result = -3; /* not mapped */
+    fake_tftp.timeout_result = -3; // not mapped
     EXPECT_EQ(run(COPY_UPLOAD, request(COPY_PROTO_TFTP)), 1);
     EXPECT_EQ(calls_, Lines{"tftp timeout 20"});
-    EXPECT_LOGGED(EVTRACE_ERROR, "do_nw_upload_download : Setting timeout failed : tftp error -3\n");
+    EXPECT_LOGGED(EVTRACE_ERROR,
+                  "do_nw_upload_download : Setting timeout failed : tftp error -3\n");
 }
 
 TEST_F(Transfer, TftpConnectFails) {
     for (const auto &[error, cause] : {std::pair{-201, 3}, {-2, 2}, {-122, 1}, {-3, 4}}) {
         fake_tftp.connect_result = error;
         EXPECT_EQ(run(COPY_DOWNLOAD, request(COPY_PROTO_TFTP)), cause);
-        EXPECT_EQ(calls_, tftp_connected); /* no second attempt */
+        EXPECT_EQ(calls_, tftp_connected); // no second attempt
         EXPECT_LOGGED(EVTRACE_ERROR,
-                      "do_nw_upload_download : Connecting to the tftp server failed : tftp error " + std::to_string(error) + "\n");
+                      "do_nw_upload_download : Connecting to the tftp server failed : tftp error " +
+                          std::to_string(error) + "\n");
     }
 }
 
 TEST_F(Transfer, TftpTransferFails) {
-    for (const auto &[error, cause] :
-         {std::pair{-1, 2}, {-2, 2}, {-3, 4}, {-5, 1}, {-102, 2}, {-103, 4}, {-110, 1}, {-201, 3}, {-210, 3}}) {
+    for (const auto &[error, cause] : {std::pair{-1, 2},
+                                       {-2, 2},
+                                       {-3, 4},
+                                       {-5, 1},
+                                       {-102, 2},
+                                       {-103, 4},
+                                       {-110, 1},
+                                       {-201, 3},
+                                       {-210, 3}}) {
         const std::string number = std::to_string(error);
         fake_tftp.transfer_result = error;
         EXPECT_EQ(run(COPY_UPLOAD, request(COPY_PROTO_TFTP)), cause);
-        EXPECT_EQ(calls_, tftp_connected + Lines{"tftp put /data/local.cfg dir/remote.cfg 0 default"});
+        EXPECT_EQ(calls_,
+                  tftp_connected + Lines{"tftp put /data/local.cfg dir/remote.cfg 0 default"});
         EXPECT_LOGGED(EVTRACE_ERROR,
-                      "do_nw_upload_download : Putting to  the tftp server failed : tftp error " + number + " (errno: " + number + ")\n");
+                      "do_nw_upload_download : Putting to  the tftp server failed : tftp error " +
+                          number + " (errno: " + number + ")\n");
 
         EXPECT_EQ(run(COPY_DOWNLOAD, request(COPY_PROTO_TFTP)), cause);
-        EXPECT_EQ(calls_, tftp_connected + Lines{"tftp get dir/remote.cfg /data/local.cfg 0 default"});
-        EXPECT_LOGGED(EVTRACE_ERROR,
-                      "do_nw_upload_download : Getting from tftp server failed :(" + number + ") tftp error " + number + "\n");
+        EXPECT_EQ(calls_,
+                  tftp_connected + Lines{"tftp get dir/remote.cfg /data/local.cfg 0 default"});
+        EXPECT_LOGGED(EVTRACE_ERROR, "do_nw_upload_download : Getting from tftp server failed :(" +
+                                         number + ") tftp error " + number + "\n");
     }
 }
 
@@ -160,42 +181,60 @@ TEST_F(Transfer, ServerTextIsCut) {
                              "] [alice] [secret] [put] [/data/local.cfg] [dir/remote.cfg] default");
 }
 
-/* --- scripts ---------------------------------------------------------------------------------------------------------------------- */
+// --- scripts
 
 struct Script {
     int32_t protocol;
     int32_t direction;
-    const char *command;  /* program and arguments */
-    const char *announce; /* message ahead of it */
-    const char *script;   /* name in the message behind it */
-    const char *trace;    /* line on standard error, up to the status */
+    const char *command;  // program and arguments
+    const char *announce; // message ahead of it
+    const char *script;   // name in the message behind it
+    const char *trace;    // line on standard error, up to the status
 };
 
 class Scripts : public Transfer, public ::testing::WithParamInterface<Script> {};
 
 const Script scripts[] = {
-    {COPY_PROTO_FTP, COPY_UPLOAD, "/ulmo/bin/snmp.ftp.expect [10.0.0.1] [/data/local.cfg] [dir/remote.cfg] [alice] [secret] [put]",
+    {COPY_PROTO_FTP, COPY_UPLOAD,
+     "/ulmo/bin/snmp.ftp.expect [10.0.0.1] [/data/local.cfg] [dir/remote.cfg] [alice] [secret] "
+     "[put]",
      " : Putting the file (/data/local.cfg)to the server (dir/remote.cfg)\n", "ftp.expect",
-     "FTP_PUT  add 10.0.0.1 ccCopySrcFileName /data/local.cfg ccCopyFileName dir/remote.cfg ccCopyUserName alice ccCopyUserPassword "
+     "FTP_PUT  add 10.0.0.1 ccCopySrcFileName /data/local.cfg ccCopyFileName dir/remote.cfg "
+     "ccCopyUserName alice ccCopyUserPassword "
      "secret"},
-    {COPY_PROTO_FTP, COPY_DOWNLOAD, "/ulmo/bin/snmp.ftp.expect [10.0.0.1] [dir/remote.cfg] [/data/local.cfg] [alice] [secret] [get]",
+    {COPY_PROTO_FTP, COPY_DOWNLOAD,
+     "/ulmo/bin/snmp.ftp.expect [10.0.0.1] [dir/remote.cfg] [/data/local.cfg] [alice] [secret] "
+     "[get]",
      " : Getting file dir/remote.cfg to local file /data/local.cfg \n", "ftp.expect",
-     "FTP_GET  add 10.0.0.1 ccCopySrcFileName /data/local.cfg ccCopyFileName dir/remote.cfg ccCopyUserName alice ccCopyUserPassword "
+     "FTP_GET  add 10.0.0.1 ccCopySrcFileName /data/local.cfg ccCopyFileName dir/remote.cfg "
+     "ccCopyUserName alice ccCopyUserPassword "
      "secret"},
-    {COPY_PROTO_SFTP, COPY_UPLOAD, "/ulmo/bin/sftp.expect [10.0.0.1] [alice] [secret] [put] [/data/local.cfg] [dir/remote.cfg]",
+    {COPY_PROTO_SFTP, COPY_UPLOAD,
+     "/ulmo/bin/sftp.expect [10.0.0.1] [alice] [secret] [put] [/data/local.cfg] [dir/remote.cfg]",
      " : Putting the file (/data/local.cfg)to the server (dir/remote.cfg)\n", "sftp.expect",
-     "SFTP_PUT  add 10.0.0.1 ccCopySrcFileName /data/local.cfg ccCopyFileName dir/remote.cfg ccCopyUserName alice ccCopyUserPassword "
+     "SFTP_PUT  add 10.0.0.1 ccCopySrcFileName /data/local.cfg ccCopyFileName dir/remote.cfg "
+     "ccCopyUserName alice ccCopyUserPassword "
      "secret"},
-    {COPY_PROTO_SFTP, COPY_DOWNLOAD, "/ulmo/bin/sftp.expect [10.0.0.1] [alice] [secret] [get] [dir/remote.cfg] [/data/local.cfg]",
+    {COPY_PROTO_SFTP, COPY_DOWNLOAD,
+     "/ulmo/bin/sftp.expect [10.0.0.1] [alice] [secret] [get] [dir/remote.cfg] [/data/local.cfg]",
      " : Getting file dir/remote.cfg to local file /data/local.cfg \n", "sftp.expect",
-     "SFTP_GET  add 10.0.0.1 ccCopySrcFileName /data/local.cfg ccCopyFileName dir/remote.cfg ccCopyUserName alice ccCopyUserPassword "
+     "SFTP_GET  add 10.0.0.1 ccCopySrcFileName /data/local.cfg ccCopyFileName dir/remote.cfg "
+     "ccCopyUserName alice ccCopyUserPassword "
      "secret"},
-    {COPY_PROTO_SCP, COPY_UPLOAD, "/ulmo/bin/scp.expect [/data/local.cfg] [alice@10.0.0.1:dir/remote.cfg] [secret]",
-     ": executing command: /ulmo/bin/scp.expect /data/local.cfg alice@10.0.0.1:dir/remote.cfg secret", "scp.expect",
-     "SCP_PUT ccCopySrcFileName /data/local.cfg tmp_buf alice@10.0.0.1:dir/remote.cfg passwd secret"},
-    {COPY_PROTO_SCP, COPY_DOWNLOAD, "/ulmo/bin/scp.expect [alice@10.0.0.1:dir/remote.cfg] [/data/local.cfg] [secret]",
-     ": executing command: /ulmo/bin/scp.expect alice@10.0.0.1:dir/remote.cfg /data/local.cfg secret", "scp.expect",
-     "SCP_GET ccCopySrcFileName /data/local.cfg tmp_buf alice@10.0.0.1:dir/remote.cfg passwd secret"},
+    {COPY_PROTO_SCP, COPY_UPLOAD,
+     "/ulmo/bin/scp.expect [/data/local.cfg] [alice@10.0.0.1:dir/remote.cfg] [secret]",
+     ": executing command: /ulmo/bin/scp.expect /data/local.cfg alice@10.0.0.1:dir/remote.cfg "
+     "secret",
+     "scp.expect",
+     "SCP_PUT ccCopySrcFileName /data/local.cfg tmp_buf alice@10.0.0.1:dir/remote.cfg passwd "
+     "secret"},
+    {COPY_PROTO_SCP, COPY_DOWNLOAD,
+     "/ulmo/bin/scp.expect [alice@10.0.0.1:dir/remote.cfg] [/data/local.cfg] [secret]",
+     ": executing command: /ulmo/bin/scp.expect alice@10.0.0.1:dir/remote.cfg /data/local.cfg "
+     "secret",
+     "scp.expect",
+     "SCP_GET ccCopySrcFileName /data/local.cfg tmp_buf alice@10.0.0.1:dir/remote.cfg passwd "
+     "secret"},
 };
 
 TEST_P(Scripts, ArgumentsMessagesAndResults) {
@@ -219,14 +258,18 @@ TEST_P(Scripts, ArgumentsMessagesAndResults) {
         fake_execute.result = result.status;
         EXPECT_EQ(run(script.direction, request(script.protocol)), result.cause) << result.status;
         EXPECT_EQ(calls_, Lines{std::string("execute -1 -1 -1 ") + script.command + " default"});
-        EXPECT_EQ(errors_, std::string("do_nw_upload_download: ") + script.trace + " ret_code " + result.shown + "\n");
-        EXPECT_EQ(history(), (Records{{EVTRACE_DEBUG, std::string("do_nw_upload_download") + script.announce},
-                                      {EVTRACE_DEBUG, std::string("do_nw_upload_download : Return code from ") + script.script + " is  " +
-                                                          std::to_string(result.exit_code) + "\n"}}));
+        EXPECT_EQ(errors_, std::string("do_nw_upload_download: ") + script.trace + " ret_code " +
+                               result.shown + "\n");
+        EXPECT_EQ(
+            history(),
+            (Records{{EVTRACE_DEBUG, std::string("do_nw_upload_download") + script.announce},
+                     {EVTRACE_DEBUG, std::string("do_nw_upload_download : Return code from ") +
+                                         script.script + " is  " +
+                                         std::to_string(result.exit_code) + "\n"}}));
     }
 }
 
-/* The exit code alone counts, which is 0 for a script that a signal ended. */
+// The exit code alone counts, which is 0 for a script that a signal ended.
 TEST_P(Scripts, OnlyBitsEightToFifteenCount) {
     fake_execute.result = 9;
     EXPECT_EQ(run(GetParam().direction, request(GetParam().protocol)), 0);
@@ -234,20 +277,23 @@ TEST_P(Scripts, OnlyBitsEightToFifteenCount) {
     EXPECT_EQ(run(GetParam().direction, request(GetParam().protocol)), 2);
 }
 
-/* User name and password fill their fields: neither runs into what follows it. */
+// User name and password fill their fields: neither runs into what follows it.
 TEST_P(Scripts, FullCredentials) {
     const Script &script = GetParam();
     const auto record = request(script.protocol);
     put_full_credentials(*record);
     EXPECT_EQ(run(script.direction, record), 0);
     const auto with_full_credentials = [](std::string text) {
-        for (const auto &[word, full] : {std::pair{"alice", full_user}, {"secret", full_password}}) {
+        for (const auto &[word, full] :
+             {std::pair{"alice", full_user}, {"secret", full_password}}) {
             text.replace(text.find(word), std::string(word).size(), full);
         }
         return text;
     };
-    EXPECT_EQ(calls_, Lines{"execute -1 -1 -1 " + with_full_credentials(script.command) + " default"});
-    EXPECT_EQ(errors_, "do_nw_upload_download: " + with_full_credentials(script.trace) + " ret_code 0x0\n");
+    EXPECT_EQ(calls_,
+              Lines{"execute -1 -1 -1 " + with_full_credentials(script.command) + " default"});
+    EXPECT_EQ(errors_,
+              "do_nw_upload_download: " + with_full_credentials(script.trace) + " ret_code 0x0\n");
 }
 
 INSTANTIATE_TEST_SUITE_P(Transfer, Scripts, ::testing::ValuesIn(scripts));
@@ -257,10 +303,11 @@ TEST_F(Transfer, TargetOfScpIsCut) {
     put_text(record->ccCopyFileName, std::string(255, 'f'));
     EXPECT_EQ(run(COPY_UPLOAD, record), 0);
     const std::string target = ("alice@10.0.0.1:" + std::string(255, 'f')).substr(0, 255);
-    EXPECT_EQ(calls_, Lines{"execute -1 -1 -1 /ulmo/bin/scp.expect [/data/local.cfg] [" + target + "] [secret] default"});
+    EXPECT_EQ(calls_, Lines{"execute -1 -1 -1 /ulmo/bin/scp.expect [/data/local.cfg] [" + target +
+                            "] [secret] default"});
 }
 
-/* --- what is refused -------------------------------------------------------------------------------------------------------------- */
+// --- what is refused
 
 TEST_F(Transfer, RcpIsRefusedWithoutAWord) {
     for (const int32_t direction : {COPY_UPLOAD, COPY_DOWNLOAD}) {
@@ -275,7 +322,8 @@ TEST_F(Transfer, UnknownProtocols) {
     for (const int32_t protocol : {-1, 0, 6, 7, INT32_MAX, INT32_MIN}) {
         EXPECT_EQ(run(COPY_UPLOAD, request(protocol)), 6);
         EXPECT_EQ(calls_, Lines{});
-        EXPECT_EQ(history(), (Records{{EVTRACE_ERROR, "do_nw_upload_download : Protocol not supported\n"}}));
+        EXPECT_EQ(history(),
+                  (Records{{EVTRACE_ERROR, "do_nw_upload_download : Protocol not supported\n"}}));
     }
 }
 

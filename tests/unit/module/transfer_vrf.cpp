@@ -1,4 +1,5 @@
-/* File transfers within a VRF: the same scripts with one argument more, and TFTP by a program of its own that a shell runs. */
+// File transfers within a VRF: the same scripts with one argument more, and TFTP by a program of
+// its own that a shell runs.
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -24,7 +25,8 @@ class VrfTransfer : public ExecutionTest {
         put_text(record->ccCopyFileName, "b");
         return record;
     }
-    /* Runs one transfer; what it wrote to standard error is in errors_, and what it called in calls_. */
+    // Runs one transfer; what it wrote to standard error is in errors_, and what it called in
+    // calls_.
     int32_t run(int32_t direction, const std::unique_ptr<ccCopyEntry> &record) {
         char work_dir[256] = "unused";
         fake_evtrace.clear();
@@ -39,20 +41,24 @@ class VrfTransfer : public ExecutionTest {
     Lines calls_;
 };
 
-/* --- the VRF ---------------------------------------------------------------------------------------------------------------------- */
+// --- the VRF
 
 TEST_F(VrfTransfer, VrfOfTheRequest) {
     EXPECT_EQ(run(COPY_UPLOAD, request(COPY_PROTO_RCP)), 1);
     EXPECT_EQ(calls_, Lines{"vrf id red"});
-    EXPECT_EQ(fake_evtrace.history, (Records{{EVTRACE_DEBUG, function + " : vrf name red vrf_id 2\n"}}));
+    EXPECT_EQ(fake_evtrace.history,
+              (Records{{EVTRACE_DEBUG, function + " : vrf name red vrf_id 2\n"}}));
     EXPECT_EQ(errors_, "");
 }
 
 TEST_F(VrfTransfer, ManagementIsTheDefaultVrf) {
     fake_agent_extension.vrf_status = 3;
-    fake_chassis.vrf_id = -1; /* passed on as it is */
+    fake_chassis.vrf_id = -1; // passed on as it is
     EXPECT_EQ(run(COPY_UPLOAD, request(COPY_PROTO_TFTP)), 0);
-    EXPECT_EQ(calls_, (Lines{"vrf id management", "system /ulmo/bin/brix-tftp 1 10.0.0.1 69 \"/tmp/a\" \"b\" 1 management default"}));
+    EXPECT_EQ(
+        calls_,
+        (Lines{"vrf id management",
+               "system /ulmo/bin/brix-tftp 1 10.0.0.1 69 \"/tmp/a\" \"b\" 1 management default"}));
     EXPECT_LOGGED(EVTRACE_ERROR, function + " : get vrf failed with 3\n");
     EXPECT_LOGGED(EVTRACE_DEBUG, function + " : vrf name management vrf_id -1\n");
 }
@@ -63,15 +69,16 @@ TEST_F(VrfTransfer, LongVrfNameIsCut) {
     EXPECT_EQ(calls_, Lines{"vrf id " + std::string(31, 'v')});
 }
 
-/* --- TFTP ------------------------------------------------------------------------------------------------------------------------- */
+// --- TFTP
 
 TEST_F(VrfTransfer, TftpCommand) {
     fake_agent_extension.vrf = "management";
     EXPECT_EQ(run(COPY_UPLOAD, request(COPY_PROTO_TFTP)), 0);
     const std::string upload = "/ulmo/bin/brix-tftp 1 10.0.0.1 69 \"/tmp/a\" \"b\" 1 management";
     EXPECT_EQ(calls_, (Lines{"vrf id management", "system " + upload + " default"}));
-    EXPECT_EQ(fake_evtrace.history, (Records{{EVTRACE_DEBUG, function + " : vrf name management vrf_id 2\n"},
-                                             {EVTRACE_DEBUG, function + " : tftp_cmd " + upload + "\n"}}));
+    EXPECT_EQ(fake_evtrace.history,
+              (Records{{EVTRACE_DEBUG, function + " : vrf name management vrf_id 2\n"},
+                       {EVTRACE_DEBUG, function + " : tftp_cmd " + upload + "\n"}}));
     EXPECT_EQ(errors_, "");
 
     EXPECT_EQ(run(COPY_DOWNLOAD, request(COPY_PROTO_TFTP)), 0);
@@ -83,7 +90,7 @@ TEST_F(VrfTransfer, TftpCommand) {
 TEST_F(VrfTransfer, StatusOfTheTftpCommand) {
     for (const int status : {1, 9, 0x100, 0x200, 0x300, 0x400, 127, 127 << 8, 0xff00}) {
         fake_process.system_result = status;
-        fake_process.system_errno = 3; /* of no consequence */
+        fake_process.system_errno = 3; // of no consequence
         EXPECT_EQ(run(COPY_UPLOAD, request(COPY_PROTO_TFTP)), 1) << status;
         EXPECT_EQ(run(COPY_DOWNLOAD, request(COPY_PROTO_TFTP)), 1) << status;
     }
@@ -97,7 +104,9 @@ TEST_F(VrfTransfer, TftpCommandThatCannotBeRun) {
     for (int error = 0; error <= 133; ++error) {
         fake_process.system_errno = error;
         const auto cause = causes.find(error);
-        EXPECT_EQ(run(COPY_UPLOAD, request(COPY_PROTO_TFTP)), cause == causes.end() ? 1 : cause->second) << error;
+        EXPECT_EQ(run(COPY_UPLOAD, request(COPY_PROTO_TFTP)),
+                  cause == causes.end() ? 1 : cause->second)
+            << error;
     }
 }
 
@@ -105,10 +114,11 @@ TEST_F(VrfTransfer, ServerTextIsCut) {
     const auto record = request(COPY_PROTO_TFTP);
     put_text(record->ccCopyServerAddressRev1, std::string(64, 's'));
     EXPECT_EQ(run(COPY_UPLOAD, record), 0);
-    EXPECT_EQ(calls_[1], "system /ulmo/bin/brix-tftp 1 " + std::string(63, 's') + " 69 \"/tmp/a\" \"b\" 1 red default");
+    EXPECT_EQ(calls_[1], "system /ulmo/bin/brix-tftp 1 " + std::string(63, 's') +
+                             " 69 \"/tmp/a\" \"b\" 1 red default");
 }
 
-/* --- TFTP through a real shell ---------------------------------------------------------------------------------------------------- */
+// --- TFTP through a real shell
 
 class Shell : public VrfTransfer, public ::testing::WithParamInterface<std::string> {
   protected:
@@ -117,7 +127,8 @@ class Shell : public VrfTransfer, public ::testing::WithParamInterface<std::stri
         std::ofstream("arguments") << "#!/bin/sh\nprintf '%s\\0' \"$@\"\n";
         std::filesystem::permissions("arguments", std::filesystem::perms::owner_all);
     }
-    /* The words that a program gets when a shell runs the command with it instead of the transfer program. */
+    // The words that a program gets when a shell runs the command with it instead of the transfer
+    // program.
     static Lines words_of(const std::string &command) {
         const std::string program = "/ulmo/bin/brix-tftp ";
         EXPECT_EQ(command.substr(0, program.size()), program);
@@ -158,34 +169,40 @@ TEST_P(Shell, NameArrivesUnharmedAndNeverRuns) {
         const std::string number = direction == COPY_UPLOAD ? "1" : "0";
         EXPECT_EQ(words_of(command_of(direction, "/tmp/a", GetParam())),
                   (Lines{number, "10.0.0.1", "69", "/tmp/a", GetParam(), "1", "red"}));
-        EXPECT_EQ(words_of(command_of(direction, GetParam(), "b")), (Lines{number, "10.0.0.1", "69", GetParam(), "b", "1", "red"}));
+        EXPECT_EQ(words_of(command_of(direction, GetParam(), "b")),
+                  (Lines{number, "10.0.0.1", "69", GetParam(), "b", "1", "red"}));
     }
     EXPECT_EQ(files(), Lines{"arguments"});
 }
 
-INSTANTIATE_TEST_SUITE_P(VrfTransfer, Shell,
-                         ::testing::Values("plain", "", " ", "two  blanks", " leading", "trailing ", "a\tb", "a\nb", "\n", "a\r\nb",
-                                           "$(touch ran)", "`touch ran`", "\"; touch ran; \"", "\"", "\"\"", "'", "'; touch ran; '",
-                                           "a;touch ran", "a|touch ran", "a&touch ran&", "a>ran", "$HOME", "${HOME}", "$", "$$", "a$", "*",
-                                           "?rguments", "~", "#a", "!1", "\\", "\\\\", "a\\", "\\n", "\\$(touch ran)", "\\\"$(touch ran)",
-                                           "\\`touch ran\\`", "a\\\nb", "$((1+1))", "-x", "%s%n", "\x01\x7f\xff\xfe", "b\xc3\xa4",
-                                           std::string(128, '"'), std::string(128, '$'), std::string(128, '\\'), std::string(128, '`')));
+INSTANTIATE_TEST_SUITE_P(
+    VrfTransfer, Shell,
+    ::testing::Values("plain", "", " ", "two  blanks", " leading", "trailing ", "a\tb", "a\nb",
+                      "\n", "a\r\nb", "$(touch ran)", "`touch ran`", "\"; touch ran; \"", "\"",
+                      "\"\"", "'", "'; touch ran; '", "a;touch ran", "a|touch ran", "a&touch ran&",
+                      "a>ran", "$HOME", "${HOME}", "$", "$$", "a$", "*", "?rguments", "~", "#a",
+                      "!1", "\\", "\\\\", "a\\", "\\n", "\\$(touch ran)", "\\\"$(touch ran)",
+                      "\\`touch ran\\`", "a\\\nb", "$((1+1))", "-x", "%s%n", "\x01\x7f\xff\xfe",
+                      "b\xc3\xa4", std::string(128, '"'), std::string(128, '$'),
+                      std::string(128, '\\'), std::string(128, '`')));
 
 TEST_F(Shell, LongestNames) {
     const std::string local(255, '"');
     const std::string remote(255, '$');
-    EXPECT_EQ(words_of(command_of(COPY_UPLOAD, local, remote)), (Lines{"1", "10.0.0.1", "69", local, remote, "1", "red"}));
+    EXPECT_EQ(words_of(command_of(COPY_UPLOAD, local, remote)),
+              (Lines{"1", "10.0.0.1", "69", local, remote, "1", "red"}));
 }
 
 TEST_F(Shell, VrfNameIsOneWordToo) {
     for (const char *name : {"a b", "$(touch ran)", "a;touch ran", "'", "\"", "a\\b", "*"}) {
         fake_agent_extension.vrf = name;
-        EXPECT_EQ(words_of(command_of(COPY_UPLOAD, "a", "b")), (Lines{"1", "10.0.0.1", "69", "a", "b", "1", name}));
+        EXPECT_EQ(words_of(command_of(COPY_UPLOAD, "a", "b")),
+                  (Lines{"1", "10.0.0.1", "69", "a", "b", "1", name}));
     }
     EXPECT_EQ(files(), Lines{"arguments"});
 }
 
-/* --- scripts ---------------------------------------------------------------------------------------------------------------------- */
+// --- scripts
 
 struct Script {
     int32_t protocol;
@@ -199,21 +216,31 @@ struct Script {
 class VrfScripts : public VrfTransfer, public ::testing::WithParamInterface<Script> {};
 
 const Script scripts[] = {
-    {COPY_PROTO_FTP, COPY_UPLOAD, "/ulmo/bin/snmp.ftp.expect [10.0.0.1] [/tmp/a] [b] [alice] [secret] [put] [2]",
+    {COPY_PROTO_FTP, COPY_UPLOAD,
+     "/ulmo/bin/snmp.ftp.expect [10.0.0.1] [/tmp/a] [b] [alice] [secret] [put] [2]",
      " : Putting the file (/tmp/a)to the server (b)\n", "ftp.expect",
-     "FTP_PUT  add 10.0.0.1 ccCopySrcFileName /tmp/a ccCopyFileName b ccCopyUserName alice ccCopyUserPassword secret vrf_id 2"},
-    {COPY_PROTO_FTP, COPY_DOWNLOAD, "/ulmo/bin/snmp.ftp.expect [10.0.0.1] [b] [/tmp/a] [alice] [secret] [get] [2]",
+     "FTP_PUT  add 10.0.0.1 ccCopySrcFileName /tmp/a ccCopyFileName b ccCopyUserName alice "
+     "ccCopyUserPassword secret vrf_id 2"},
+    {COPY_PROTO_FTP, COPY_DOWNLOAD,
+     "/ulmo/bin/snmp.ftp.expect [10.0.0.1] [b] [/tmp/a] [alice] [secret] [get] [2]",
      " : Getting file b to local file /tmp/a \n", "ftp.expect",
-     "FTP_GET  add 10.0.0.1 ccCopySrcFileName /tmp/a ccCopyFileName b ccCopyUserName alice ccCopyUserPassword secret vrf_id 2"},
-    {COPY_PROTO_SFTP, COPY_UPLOAD, "/ulmo/bin/sftp.expect [10.0.0.1] [alice] [secret] [put] [/tmp/a] [b] [2]",
+     "FTP_GET  add 10.0.0.1 ccCopySrcFileName /tmp/a ccCopyFileName b ccCopyUserName alice "
+     "ccCopyUserPassword secret vrf_id 2"},
+    {COPY_PROTO_SFTP, COPY_UPLOAD,
+     "/ulmo/bin/sftp.expect [10.0.0.1] [alice] [secret] [put] [/tmp/a] [b] [2]",
      " : Putting the file (/tmp/a)to the server (b)\n", "sftp.expect",
-     "SFTP_PUT  add 10.0.0.1 ccCopySrcFileName /tmp/a ccCopyFileName b ccCopyUserName alice ccCopyUserPassword secret vrf_id 2"},
-    {COPY_PROTO_SFTP, COPY_DOWNLOAD, "/ulmo/bin/sftp.expect [10.0.0.1] [alice] [secret] [get] [b] [/tmp/a] [2]",
+     "SFTP_PUT  add 10.0.0.1 ccCopySrcFileName /tmp/a ccCopyFileName b ccCopyUserName alice "
+     "ccCopyUserPassword secret vrf_id 2"},
+    {COPY_PROTO_SFTP, COPY_DOWNLOAD,
+     "/ulmo/bin/sftp.expect [10.0.0.1] [alice] [secret] [get] [b] [/tmp/a] [2]",
      " : Getting file b to local file /tmp/a \n", "sftp.expect",
-     "SFTP_GET  add 10.0.0.1 ccCopySrcFileName /tmp/a ccCopyFileName b ccCopyUserName alice ccCopyUserPassword secret vrf_id 2"},
-    {COPY_PROTO_SCP, COPY_UPLOAD, "/ulmo/bin/scp.expect [/tmp/a] [alice@10.0.0.1:b] [secret] [2]", nullptr, "scp.expect",
+     "SFTP_GET  add 10.0.0.1 ccCopySrcFileName /tmp/a ccCopyFileName b ccCopyUserName alice "
+     "ccCopyUserPassword secret vrf_id 2"},
+    {COPY_PROTO_SCP, COPY_UPLOAD, "/ulmo/bin/scp.expect [/tmp/a] [alice@10.0.0.1:b] [secret] [2]",
+     nullptr, "scp.expect",
      "SCP_PUT ccCopySrcFileName /tmp/a tmp_buf alice@10.0.0.1:b passwd secret vrf_id 2"},
-    {COPY_PROTO_SCP, COPY_DOWNLOAD, "/ulmo/bin/scp.expect [alice@10.0.0.1:b] [/tmp/a] [secret] [2]", nullptr, "scp.expect",
+    {COPY_PROTO_SCP, COPY_DOWNLOAD, "/ulmo/bin/scp.expect [alice@10.0.0.1:b] [/tmp/a] [secret] [2]",
+     nullptr, "scp.expect",
      "SCP_GET ccCopySrcFileName /tmp/a tmp_buf alice@10.0.0.1:b passwd secret vrf_id 2"},
 };
 
@@ -234,16 +261,20 @@ TEST_P(VrfScripts, ArgumentsMessagesAndResults) {
                                  {INT32_MIN, "0x80000000", 0, 1}}) {
         fake_execute.result = result.status;
         EXPECT_EQ(run(script.direction, request(script.protocol)), result.cause) << result.status;
-        EXPECT_EQ(calls_, (Lines{"vrf id red", std::string("execute -1 -1 -1 ") + script.command + " default"}));
+        EXPECT_EQ(calls_, (Lines{"vrf id red",
+                                 std::string("execute -1 -1 -1 ") + script.command + " default"}));
         EXPECT_EQ(errors_, function + ": " + script.trace + " ret_code " + result.shown + "\n");
         ASSERT_EQ(fake_evtrace.history.size(), 3U);
         if (script.announce != nullptr) {
             EXPECT_LOGGED(EVTRACE_DEBUG, function + script.announce);
         } else {
-            /* program and arguments, the VRF among them or not */
-            EXPECT_EQ(fake_evtrace.history[1].text.find(function + ": executing command: /ulmo/bin/scp.expect "), 0U);
+            // program and arguments, the VRF among them or not
+            EXPECT_EQ(fake_evtrace.history[1].text.find(
+                          function + ": executing command: /ulmo/bin/scp.expect "),
+                      0U);
         }
-        EXPECT_LOGGED(EVTRACE_DEBUG, function + " : Return code from " + script.script + " is  " + std::to_string(result.exit_code) + "\n");
+        EXPECT_LOGGED(EVTRACE_DEBUG, function + " : Return code from " + script.script + " is  " +
+                                         std::to_string(result.exit_code) + "\n");
     }
 }
 INSTANTIATE_TEST_SUITE_P(VrfTransfer, VrfScripts, ::testing::ValuesIn(scripts));
@@ -252,10 +283,13 @@ TEST_F(VrfTransfer, FullCredentials) {
     const auto record = request(COPY_PROTO_SFTP);
     put_full_credentials(*record);
     EXPECT_EQ(run(COPY_UPLOAD, record), 0);
-    EXPECT_EQ(calls_[1], "execute -1 -1 -1 /ulmo/bin/sftp.expect [10.0.0.1] [" + full_user + "] [" + full_password +
-                             "] [put] [/tmp/a] [b] [2] default");
-    EXPECT_EQ(errors_, function + ": SFTP_PUT  add 10.0.0.1 ccCopySrcFileName /tmp/a ccCopyFileName b ccCopyUserName " + full_user +
-                           " ccCopyUserPassword " + full_password + " vrf_id 2 ret_code 0x0\n");
+    EXPECT_EQ(calls_[1], "execute -1 -1 -1 /ulmo/bin/sftp.expect [10.0.0.1] [" + full_user + "] [" +
+                             full_password + "] [put] [/tmp/a] [b] [2] default");
+    EXPECT_EQ(
+        errors_,
+        function +
+            ": SFTP_PUT  add 10.0.0.1 ccCopySrcFileName /tmp/a ccCopyFileName b ccCopyUserName " +
+            full_user + " ccCopyUserPassword " + full_password + " vrf_id 2 ret_code 0x0\n");
 }
 
 TEST_F(VrfTransfer, UnknownProtocol) {

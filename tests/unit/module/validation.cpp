@@ -1,4 +1,4 @@
-/* The rules that a request must meet before it is started. */
+// The rules that a request must meet before it is started.
 #include "tests/unit/fakes/fake_utilities.h"
 #include "tests/unit/fakes/module_fixture.h"
 
@@ -14,14 +14,14 @@ struct Outcome {
     int32_t valid;
     int32_t error;
     std::vector<uint32_t> recorded;
-    std::vector<std::string> traced; /* behind the usual prefix */
+    std::vector<std::string> traced; // behind the usual prefix
 };
 
 class Validation : public Traced<ModuleTest> {
   protected:
     ccCopyEntry row = complete();
 
-    /* A request from the network to the running configuration with every field set. */
+    // A request from the network to the running configuration with every field set.
     static ccCopyEntry complete() {
         ccCopyEntry request{};
         request.ccCopyIndex = 5;
@@ -44,7 +44,7 @@ class Validation : public Traced<ModuleTest> {
 
     Outcome validate(int32_t requested = ROW_STATUS_ACTIVE) {
         Outcome outcome{};
-        outcome.error = 77; /* set on entry */
+        outcome.error = 77; // set on entry
         outcome.valid = validate_entry(&row, &outcome.error, requested);
         for (const auto &[code, facility] : fake_utilities.errors.take()) {
             EXPECT_EQ(facility, 584U);
@@ -68,7 +68,8 @@ class Validation : public Traced<ModuleTest> {
         EXPECT_EQ(row.ccCopyEntryRowStatus, ROW_STATUS_CREATE_AND_GO);
     }
 
-    /* The row breaks exactly one of the rules for network copies: as an activation it is refused, as a createAndGo it is made notReady. */
+    // The row breaks exactly one of the rules for network copies: as an activation it is refused,
+    // as a createAndGo it is made notReady.
     void expect_incomplete(const std::string &text, int32_t fail_cause = COPY_FAIL_GENERAL) {
         row.ccCopyEntryRowStatus = ROW_STATUS_CREATE_AND_GO;
         const ccCopyEntry before = row;
@@ -93,15 +94,17 @@ class Validation : public Traced<ModuleTest> {
 const std::string fabric_text = " : only running to fabric_startupconfig allowed";
 const std::string all_text = " : only running to all_startupconfig allowed";
 const std::string kex_text = " : KEX file type is not supported ";
-const std::string both_network_text = " : Both source (=1) and destination (=1) cannot be network protocol  ";
-const std::string to_startup_text = " :source cannot be networkfile and destination cannot be startup file  ";
+const std::string both_network_text =
+    " : Both source (=1) and destination (=1) cannot be network protocol  ";
+const std::string to_startup_text =
+    " :source cannot be networkfile and destination cannot be startup file  ";
 
 std::string same_text(int32_t type) {
     const std::string number = std::to_string(type);
     return " : Both source (=" + number + ") and destination (=" + number + ") cannot be same  ";
 }
 
-/* What every pair of file types gives, all other fields being set. */
+// What every pair of file types gives, all other fields being set.
 TEST_F(Validation, EveryPairOfFileTypes) {
     for (int32_t source = 0; source <= 8; ++source) {
         for (int32_t dest = 0; dest <= 8; ++dest) {
@@ -187,15 +190,18 @@ TEST_F(Validation, LastBrokenRuleDecides) {
     const ccCopyEntry before = row;
     const std::vector<std::string> texts = {
         kex_text,
-        " : The CopyProtocol (=3) should set if either source (=1)  or destination (=2) is network ",
-        " : The CopyServerAddressRev1 should be set if either source (=1)  or destination (=2) is network ",
+        " : The CopyProtocol (=3) should set if either source (=1)  or destination (=2) is "
+        "network ",
+        " : The CopyServerAddressRev1 should be set if either source (=1)  or destination (=2) is "
+        "network ",
         " :The Username and password must be set if  CopyProtocol ( = 3)  is either SFTP or RCP",
-        " : The CopyFileName must be set if  CopySourceFileType (=1) or CopyDestFileType (=2) is NETWORK FILE",
+        " : The CopyFileName must be set if  CopySourceFileType (=1) or CopyDestFileType (=2) is "
+        "NETWORK FILE",
     };
     Outcome outcome = validate(ROW_STATUS_ACTIVE);
     EXPECT_EQ(outcome.error, SNMP_ERR_INCONSISTENTVALUE);
     EXPECT_EQ(outcome.traced, texts);
-    /* A createAndGo leaves the error of the file types. */
+    // A createAndGo leaves the error of the file types.
     row = before;
     outcome = validate(ROW_STATUS_CREATE_AND_GO);
     EXPECT_EQ(outcome.valid, 0);
@@ -205,7 +211,8 @@ TEST_F(Validation, LastBrokenRuleDecides) {
 }
 
 TEST_F(Validation, Protocols) {
-    for (const int32_t protocol : {COPY_PROTO_TFTP, COPY_PROTO_FTP, COPY_PROTO_SCP, COPY_PROTO_SFTP}) {
+    for (const int32_t protocol :
+         {COPY_PROTO_TFTP, COPY_PROTO_FTP, COPY_PROTO_SCP, COPY_PROTO_SFTP}) {
         row = complete();
         row.ccCopyProtocol = protocol;
         expect_valid();
@@ -223,11 +230,13 @@ TEST_F(Validation, Protocols) {
 TEST_F(Validation, ServerAddress) {
     put_text(row.ccCopyServerAddressRev1, "");
     types(COPY_FILE_RUNNING, COPY_FILE_NETWORK);
-    expect_incomplete(" : The CopyServerAddressRev1 should be set if either source (=4)  or destination (=1) is network ");
+    expect_incomplete(" : The CopyServerAddressRev1 should be set if either source (=4)  or "
+                      "destination (=1) is network ");
 }
 
 TEST_F(Validation, SftpNeedsUserPasswordAndFileName) {
-    const std::string text = " :The Username and password must be set if  CopyProtocol ( = 5)  is either SFTP or RCP";
+    const std::string text =
+        " :The Username and password must be set if  CopyProtocol ( = 5)  is either SFTP or RCP";
     put_text(row.ccCopyUserName, "");
     expect_incomplete(text);
     row = complete();
@@ -239,13 +248,14 @@ TEST_F(Validation, SftpNeedsUserPasswordAndFileName) {
     expect_incomplete(text);
     row = complete();
     put_text(row.ccCopyFileName, "");
-    EXPECT_EQ(validate().traced,
-              (std::vector<std::string>{
-                  text, " : The CopyFileName must be set if  CopySourceFileType (=1) or CopyDestFileType (=4) is NETWORK FILE"}));
+    EXPECT_EQ(validate().traced, (std::vector<std::string>{
+                                     text, " : The CopyFileName must be set if  CopySourceFileType "
+                                           "(=1) or CopyDestFileType (=4) is NETWORK FILE"}));
 }
 
 TEST_F(Validation, FtpNeedsAUserWithPasswordUnlessAnonymous) {
-    const std::string text = " :The Username and password must be set if  CopyProtocol ( = 2)  is FTP";
+    const std::string text =
+        " :The Username and password must be set if  CopyProtocol ( = 2)  is FTP";
     row.ccCopyProtocol = COPY_PROTO_FTP;
     expect_valid();
     put_text(row.ccCopyUserName, "");
@@ -277,7 +287,8 @@ TEST_F(Validation, TftpAndScpNeedNoCredentials) {
 TEST_F(Validation, FileName) {
     row.ccCopyProtocol = COPY_PROTO_TFTP;
     put_text(row.ccCopyFileName, "");
-    expect_incomplete(" : The CopyFileName must be set if  CopySourceFileType (=1) or CopyDestFileType (=4) is NETWORK FILE");
+    expect_incomplete(" : The CopyFileName must be set if  CopySourceFileType (=1) or "
+                      "CopyDestFileType (=4) is NETWORK FILE");
 }
 
 TEST_F(Validation, CreateAndGoWithoutFileName) {

@@ -1,5 +1,5 @@
-// The built module and the host platform, loaded and unloaded as the agent's dlmod does it, again and
-// again: each time it registers the same and leaves nothing.
+// The built module and the host platform, loaded and unloaded as the agent's dlmod does it, again
+// and again: each time it registers the same and leaves nothing.
 #include "tests/unit/scratch.h"
 
 #include <net-snmp/net-snmp-config.h>
@@ -32,7 +32,8 @@ constexpr std::size_t smallest_allocation = 16;
 constexpr int starttime_change = 9;
 
 std::filesystem::path module_file() {
-    return std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path() / "lib" / "config_copy_mib.so";
+    return std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path() / "lib" /
+           "config_copy_mib.so";
 }
 
 // What is on the heap, of all libraries.
@@ -47,11 +48,14 @@ std::size_t octets_in_use() {
 // The variables of the module that the agent serves in the context, in order.
 std::vector<std::vector<oid>> served(const char *context) {
     std::vector<std::vector<oid>> names;
-    for (const netsnmp_subtree *tree = netsnmp_subtree_find_first(context); tree != nullptr; tree = tree->next) {
+    for (const netsnmp_subtree *tree = netsnmp_subtree_find_first(context); tree != nullptr;
+         tree = tree->next) {
         for (const netsnmp_subtree *each = tree; each != nullptr; each = each->children) {
             const netsnmp_handler_registration *registration = each->reginfo;
-            if (registration != nullptr && std::string_view(registration->handlerName) == "config_copy_mib") {
-                names.emplace_back(registration->rootoid, registration->rootoid + registration->rootoid_len);
+            if (registration != nullptr &&
+                std::string_view(registration->handlerName) == "config_copy_mib") {
+                names.emplace_back(registration->rootoid,
+                                   registration->rootoid + registration->rootoid_len);
             }
         }
     }
@@ -78,7 +82,9 @@ class Module {
     void deinit() const { function<void (*)()>("deinit_config_copy_mib")(); }
 
   private:
-    template <typename Function> Function function(const char *name) const { return reinterpret_cast<Function>(::dlsym(library_, name)); }
+    template <typename Function> Function function(const char *name) const {
+        return reinterpret_cast<Function>(::dlsym(library_, name));
+    }
 
     void *library_;
 };

@@ -46,15 +46,21 @@ std::optional<unsigned> error_told(Dialogue &dialogue) {
 
 class TftpErrorCode : public TftpTest, public testing::WithParamInterface<unsigned> {
   protected:
-    static int expected() { return GetParam() == 0 || GetParam() > 99 ? system_result(EPROTO) : -static_cast<int>(GetParam()); }
+    static int expected() {
+        return GetParam() == 0 || GetParam() > 99 ? system_result(EPROTO)
+                                                  : -static_cast<int>(GetParam());
+    }
 };
 
 TEST_P(TftpErrorCode, AsAnswerToTheRequest) {
-    TestServer server([](Dialogue &dialogue) { dialogue.send(error(GetParam(), "said\x1bthe server")); });
+    TestServer server(
+        [](Dialogue &dialogue) { dialogue.send(error(GetParam(), "said\x1bthe server")); });
     connect(server);
-    for (const int result : {session.get("remote", path("got")), session.put(write("local", "x"), "remote")}) {
+    for (const int result :
+         {session.get("remote", path("got")), session.put(write("local", "x"), "remote")}) {
         EXPECT_EQ(result, expected());
-        EXPECT_NE(session.text(result).find("said?the server"), std::string::npos) << session.text(result);
+        EXPECT_NE(session.text(result).find("said?the server"), std::string::npos)
+            << session.text(result);
     }
     EXPECT_EQ(entries(), 1U);
 }
@@ -71,7 +77,9 @@ TEST_P(TftpErrorCode, InTheCourseOfATransfer) {
     EXPECT_EQ(session.put(write("local", std::string(5000, 'x')), "remote"), expected());
 }
 
-INSTANTIATE_TEST_SUITE_P(Codes, TftpErrorCode, testing::Values(0U, 1U, 2U, 3U, 4U, 5U, 6U, 7U, 8U, 9U, 99U, 100U, 101U, 65535U));
+INSTANTIATE_TEST_SUITE_P(Codes, TftpErrorCode,
+                         testing::Values(0U, 1U, 2U, 3U, 4U, 5U, 6U, 7U, 8U, 9U, 99U, 100U, 101U,
+                                         65535U));
 
 TEST_F(TftpTest, SilentServerTimesOut) {
     host_test::TestClock clock;
@@ -104,7 +112,8 @@ TEST_F(TftpTest, ServerThatFallsSilentTimesOut) {
             }
         });
         connect(server);
-        EXPECT_EQ(putting ? session.put(local, "remote") : session.get("remote", path("got")), -210);
+        EXPECT_EQ(putting ? session.put(local, "remote") : session.get("remote", path("got")),
+                  -210);
         given_up = true;
         given_up.notify_all();
         server.stop();
@@ -151,9 +160,11 @@ TEST_F(TftpTest, NobodyListening) {
 }
 
 TEST_F(TftpTest, ServerThatEndsInTheCourseOfATransfer) {
-    TestServer server([](Dialogue &dialogue) { dialogue.send(ack(0)); }); // the socket is closed on return
+    // the socket is closed on return
+    TestServer server([](Dialogue &dialogue) { dialogue.send(ack(0)); });
     connect(server);
-    EXPECT_EQ(session.put(write("local", std::string(5000, 'x')), "remote"), system_result(ECONNREFUSED));
+    EXPECT_EQ(session.put(write("local", std::string(5000, 'x')), "remote"),
+              system_result(ECONNREFUSED));
 }
 
 // The server's reason counts, although the report about its closed port comes ahead of it.
@@ -172,7 +183,8 @@ TEST_F(TftpTest, HostWithoutAWayIsReportedAsItsNetwork) {
     int result = 0;
     int prepared = -1;
     std::thread([&] {
-        prepared = ::unshare(CLONE_NEWNET) == 0 ? std::system("ip route add unreachable 192.0.2.1") : -1;
+        prepared =
+            ::unshare(CLONE_NEWNET) == 0 ? std::system("ip route add unreachable 192.0.2.1") : -1;
         session.connect("192.0.2.1", -1);
         result = session.get("remote", path("got"));
     }).join();
@@ -197,8 +209,8 @@ TEST_F(TftpTest, NoRouteIsNetworkUnreachable) {
 
 TEST_F(TftpTest, OptionsOtherThanAskedForAreRefused) {
     using Answer = std::vector<std::pair<std::string, std::string>>;
-    for (const Answer &answer :
-         {Answer{{"blksize", "65465"}}, Answer{{"windowsize", "3"}}, Answer{{"timeout", "9"}}, Answer{{"multicast", "x"}}}) {
+    for (const Answer &answer : {Answer{{"blksize", "65465"}}, Answer{{"windowsize", "3"}},
+                                 Answer{{"timeout", "9"}}, Answer{{"multicast", "x"}}}) {
         TestServer server([&answer](Dialogue &dialogue) {
             dialogue.send(oack(answer));
             EXPECT_EQ(error_told(dialogue), 8U);
@@ -210,7 +222,8 @@ TEST_F(TftpTest, OptionsOtherThanAskedForAreRefused) {
 }
 
 TEST_F(TftpTest, FileOfAnotherSizeThanAnnouncedIsAnError) {
-    for (const auto &[announced, sent] : {std::pair{"600", 512U}, {"600", 599U}, {"600", 601U}, {"0", 1U}, {"511", 512U}}) {
+    for (const auto &[announced, sent] :
+         {std::pair{"600", 512U}, {"600", 599U}, {"600", 601U}, {"0", 1U}, {"511", 512U}}) {
         TestServer server([announced = announced, sent = sent](Dialogue &dialogue) {
             dialogue.send(oack({{"tsize", announced}}));
             EXPECT_EQ(dialogue.receive(), ack(0));
@@ -317,7 +330,8 @@ TEST_F(TftpTest, LocalNamesThatCannotBe) {
     ASSERT_EQ(::mkfifo(path("pipe").c_str(), 0600), 0);
     EXPECT_EQ(session.put(path("pipe"), "remote"), system_result(EINVAL));
     EXPECT_EQ(session.get("remote", path("pipe")), system_result(EINVAL));
-    EXPECT_EQ(session.get("remote", "/proc/got"), system_result(ENOENT)); // nobody may make a file there
+    // nobody may make a file there
+    EXPECT_EQ(session.get("remote", "/proc/got"), system_result(ENOENT));
     server.stop();
     EXPECT_TRUE(server.requests().empty()); // found before the server is bothered
 }
@@ -346,10 +360,12 @@ TEST_F(TftpTest, RemoteNamesThatCannotBe) {
 }
 
 TEST_F(TftpTest, ServerIsAnAddressInTextForm) {
-    for (const char *good : {"10.0.0.1", "::1", "fe80::1%lo", "fe80::1%1", "2001:db8::1", "::ffff:10.0.0.1"}) {
+    for (const char *good :
+         {"10.0.0.1", "::1", "fe80::1%lo", "fe80::1%1", "2001:db8::1", "::ffff:10.0.0.1"}) {
         EXPECT_EQ(session.connect(good, -1), 0) << good;
     }
-    for (const char *bad : {"", "localhost", "10.0.0", "10.0.0.1 ", "0x7f.1", "::1%nowhere", "fe80::1%", "10.0.0.1%lo", "[::1]"}) {
+    for (const char *bad : {"", "localhost", "10.0.0", "10.0.0.1 ", "0x7f.1", "::1%nowhere",
+                            "fe80::1%", "10.0.0.1%lo", "[::1]"}) {
         EXPECT_EQ(session.connect(bad, -1), system_result(EINVAL)) << bad;
     }
     for (const int port : {0, -2, 65536}) {

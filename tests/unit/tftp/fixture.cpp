@@ -41,7 +41,8 @@ std::string TftpTest::read(const std::string &name) const {
 }
 
 std::size_t TftpTest::entries() const {
-    return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(directory), {}));
+    return static_cast<std::size_t>(
+        std::distance(std::filesystem::directory_iterator(directory), {}));
 }
 
 } // namespace tftp_test

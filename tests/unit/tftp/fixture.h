@@ -23,8 +23,12 @@ class TftpTest : public testing::Test {
     TftpTest();
     ~TftpTest() override;
 
-    void connect(const TestServer &server) { ASSERT_EQ(session.connect(server.address(), server.port()), 0); }
-    [[nodiscard]] std::string path(const std::string &name) const { return (directory / name).string(); }
+    void connect(const TestServer &server) {
+        ASSERT_EQ(session.connect(server.address(), server.port()), 0);
+    }
+    [[nodiscard]] std::string path(const std::string &name) const {
+        return (directory / name).string();
+    }
     // Makes a file; its path.
     std::string write(const std::string &name, const std::string &content) const;
     [[nodiscard]] std::string read(const std::string &name) const;

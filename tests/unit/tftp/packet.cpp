@@ -18,7 +18,8 @@ std::string text(const std::vector<std::uint8_t> &packet) {
 
 const Options all_asked{.block_size = 1468, .timeout = 4, .transfer_size = 1000, .window_size = 64};
 
-std::optional<Options> answered(Opcode request, const std::vector<std::pair<std::string, std::string>> &options) {
+std::optional<Options> answered(Opcode request,
+                                const std::vector<std::pair<std::string, std::string>> &options) {
     const std::string packet = wire::oack(options);
     const auto decoded = decode(octets(packet));
     return agree(request, all_asked, std::get<OptionAcknowledgment>(decoded.value()));
@@ -58,14 +59,18 @@ TEST(TftpPacket, DecodesWhatServersSend) {
     const auto error = std::get<Error>(decode(octets(wire::error(2, "no\nway\x80"))).value());
     EXPECT_EQ(error.code, 2);
     EXPECT_EQ(error.text, "no way?");
-    EXPECT_EQ(std::get<Error>(decode(octets(wire::number(5) + wire::number(1) + "bare")).value()).text, "bare");
-    EXPECT_TRUE(std::get<OptionAcknowledgment>(decode(octets(wire::number(6))).value()).options.empty());
+    EXPECT_EQ(
+        std::get<Error>(decode(octets(wire::number(5) + wire::number(1) + "bare")).value()).text,
+        "bare");
+    EXPECT_TRUE(
+        std::get<OptionAcknowledgment>(decode(octets(wire::number(6))).value()).options.empty());
 }
 
 TEST(TftpPacket, RefusesWhatIsNoPacketOfAServer) {
     for (const std::string &packet :
-         {std::string(), std::string(1, '\0'), wire::number(3), wire::number(3) + "x", wire::number(4) + "x", wire::number(5),
-          wire::number(0) + wire::number(0), wire::number(1) + "file", wire::number(2) + "file", wire::number(7) + wire::number(0),
+         {std::string(), std::string(1, '\0'), wire::number(3), wire::number(3) + "x",
+          wire::number(4) + "x", wire::number(5), wire::number(0) + wire::number(0),
+          wire::number(1) + "file", wire::number(2) + "file", wire::number(7) + wire::number(0),
           wire::number(0x0103) + wire::number(1)}) {
         EXPECT_FALSE(decode(octets(packet))) << packet.size();
     }
@@ -76,10 +81,13 @@ TEST(TftpPacket, RefusesWhatIsNoPacketOfAServer) {
 
 TEST(TftpPacket, AgreesToSmallerBlocksAndWindowsAndToFewerOptions) {
     EXPECT_EQ(answered(Opcode::read_request, {}), Options{});
-    EXPECT_EQ(answered(Opcode::read_request, {{"BLKSIZE", "1468"}, {"windowSize", "1"}}), (Options{.block_size = 1468, .window_size = 1}));
-    EXPECT_EQ(answered(Opcode::write_request, {{"blksize", "8"}, {"timeout", "4"}, {"tsize", "1000"}}),
-              (Options{.block_size = 8, .timeout = 4, .transfer_size = 1000}));
-    EXPECT_EQ(answered(Opcode::read_request, {{"tsize", "18446744073709551615"}}), (Options{.transfer_size = 18446744073709551615ULL}));
+    EXPECT_EQ(answered(Opcode::read_request, {{"BLKSIZE", "1468"}, {"windowSize", "1"}}),
+              (Options{.block_size = 1468, .window_size = 1}));
+    EXPECT_EQ(
+        answered(Opcode::write_request, {{"blksize", "8"}, {"timeout", "4"}, {"tsize", "1000"}}),
+        (Options{.block_size = 8, .timeout = 4, .transfer_size = 1000}));
+    EXPECT_EQ(answered(Opcode::read_request, {{"tsize", "18446744073709551615"}}),
+              (Options{.transfer_size = 18446744073709551615ULL}));
 }
 
 TEST(TftpPacket, RefusesAnswersOtherThanAskedFor) {

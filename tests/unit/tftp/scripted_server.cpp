@@ -17,7 +17,8 @@ constexpr int repetitions = 60;
 ulmo::UniqueFd bound_socket(const char *address, int *port) {
     sockaddr_storage local{};
     socklen_t octets = 0;
-    if (auto &ipv4 = reinterpret_cast<sockaddr_in &>(local); ::inet_pton(AF_INET, address, &ipv4.sin_addr) == 1) {
+    if (auto &ipv4 = reinterpret_cast<sockaddr_in &>(local);
+        ::inet_pton(AF_INET, address, &ipv4.sin_addr) == 1) {
         ipv4.sin_family = AF_INET;
         octets = sizeof ipv4;
     } else {
@@ -37,15 +38,16 @@ ulmo::UniqueFd bound_socket(const char *address, int *port) {
     return opened;
 }
 
-std::optional<std::string> receive_from(const ulmo::UniqueFd &socket, sockaddr_storage &source, int milliseconds) {
+std::optional<std::string> receive_from(const ulmo::UniqueFd &socket, sockaddr_storage &source,
+                                        int milliseconds) {
     pollfd readable{socket.get(), POLLIN, 0};
     if (::poll(&readable, 1, milliseconds) <= 0) {
         return std::nullopt;
     }
     thread_local std::array<char, 65536> packet;
     socklen_t octets = sizeof source;
-    const ssize_t received =
-        ::recvfrom(socket.get(), packet.data(), packet.size(), MSG_DONTWAIT, reinterpret_cast<sockaddr *>(&source), &octets);
+    const ssize_t received = ::recvfrom(socket.get(), packet.data(), packet.size(), MSG_DONTWAIT,
+                                        reinterpret_cast<sockaddr *>(&source), &octets);
     if (received < 0) {
         return std::nullopt;
     }
@@ -69,7 +71,9 @@ Request parse_request(const std::string &packet) {
 }
 
 unsigned number_at(const std::string &packet, std::size_t at) {
-    const auto octet = [&packet](std::size_t index) { return static_cast<unsigned>(static_cast<unsigned char>(packet[index])); };
+    const auto octet = [&packet](std::size_t index) {
+        return static_cast<unsigned>(static_cast<unsigned char>(packet[index]));
+    };
     return packet.size() < at + 2 ? 0 : octet(at) << 8U | octet(at + 1);
 }
 
@@ -107,10 +111,12 @@ unsigned block_of(const std::string &packet) {
     return number_at(packet, 2);
 }
 
-Dialogue::Dialogue(const Request &request, const char *local_address) : request_(request), socket_(bound_socket(local_address, nullptr)) {}
+Dialogue::Dialogue(const Request &request, const char *local_address)
+    : request_(request), socket_(bound_socket(local_address, nullptr)) {}
 
 void Dialogue::send(const std::string &packet) {
-    ::sendto(socket_.get(), packet.data(), packet.size(), 0, reinterpret_cast<const sockaddr *>(&request_.client),
+    ::sendto(socket_.get(), packet.data(), packet.size(), 0,
+             reinterpret_cast<const sockaddr *>(&request_.client),
              request_.client.ss_family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6));
 }
 
@@ -154,7 +160,8 @@ class Transmission {
             const std::lock_guard lock(server_.mutex_);
             ++server_.received_[opcode_of(*packet)];
         }
-        return packet && spoilt(server_.behaviour_.lose_received, ++received_) ? std::nullopt : packet;
+        return packet && spoilt(server_.behaviour_.lose_received, ++received_) ? std::nullopt
+                                                                               : packet;
     }
 
     // Agrees on the options asked for; true if the client is to be told.
@@ -168,12 +175,14 @@ class Transmission {
         for (const auto &[name, value] : asked) {
             if (name == "blksize" && behaviour.answer_block_size) {
                 block_size = std::min<std::size_t>(std::stoul(value), behaviour.block_size);
-                answer.emplace_back("BlkSize", std::to_string(block_size)); // names are the same in either case
+                // names are the same in either case
+                answer.emplace_back("BlkSize", std::to_string(block_size));
             } else if (name == "windowsize" && behaviour.answer_window_size) {
                 window_size = std::min<std::size_t>(std::stoul(value), behaviour.window_size);
                 answer.emplace_back(name, std::to_string(window_size));
             } else if (name == "tsize" && behaviour.answer_size) {
-                answer.emplace_back(name, dialogue_.request().opcode == 1 ? std::to_string(content) : value);
+                answer.emplace_back(name, dialogue_.request().opcode == 1 ? std::to_string(content)
+                                                                          : value);
             } else if (name == "timeout") {
                 answer.emplace_back(name, value);
             }
@@ -200,10 +209,12 @@ class Transmission {
     std::optional<std::string> held_;
 };
 
-TestServer::TestServer(Behaviour behaviour, const char *address) : behaviour_(std::move(behaviour)), address_(address) {
+TestServer::TestServer(Behaviour behaviour, const char *address)
+    : behaviour_(std::move(behaviour)), address_(address) {
     open();
 }
-TestServer::TestServer(Script script, const char *address) : script_(std::move(script)), address_(address) {
+TestServer::TestServer(Script script, const char *address)
+    : script_(std::move(script)), address_(address) {
     open();
 }
 
@@ -287,7 +298,8 @@ void TestServer::serve(const Request &request) {
 
 void TestServer::serve_read(Transmission &line, const std::string &content) {
     const std::size_t last = (line.negotiate(content.size()), content.size() / line.block_size + 1);
-    std::size_t base = line.agreement.empty() ? 1 : 0; // block 0 stands for the answer to the options
+    // block 0 stands for the answer to the options
+    std::size_t base = line.agreement.empty() ? 1 : 0;
     bool send_again = true;
     for (int silent = 0; base <= last && silent < repetitions && !stopping_;) {
         const std::size_t end = base == 0 ? 0 : std::min(base + line.window_size - 1, last);
@@ -296,7 +308,8 @@ void TestServer::serve_read(Transmission &line, const std::string &content) {
         }
         for (std::size_t block = base; send_again && block != 0 && block <= end; ++block) {
             const std::size_t offset = (block - 1) * line.block_size;
-            line.send(data(static_cast<unsigned>(block & 0xffffU), content.substr(offset, line.block_size)));
+            line.send(data(static_cast<unsigned>(block & 0xffffU),
+                           content.substr(offset, line.block_size)));
         }
         const auto packet = line.receive();
         send_again = !packet && behaviour_.repeats;
@@ -325,7 +338,9 @@ void TestServer::serve_write(Transmission &line, const std::string &name) {
     bool gap_told = false;
     const auto acknowledge = [&] {
         acknowledged = expected - 1;
-        line.send(acknowledged == 0 && expected == 1 ? agreed : ack(static_cast<unsigned>(acknowledged & 0xffffU)));
+        line.send(acknowledged == 0 && expected == 1
+                      ? agreed
+                      : ack(static_cast<unsigned>(acknowledged & 0xffffU)));
     };
     acknowledge();
     for (int silent = 0; silent < repetitions && !stopping_;) {
@@ -353,7 +368,8 @@ void TestServer::serve_write(Transmission &line, const std::string &name) {
             if (last) {
                 break;
             }
-        } else if (block_of(*packet) == (acknowledged & 0xffffU) || (line.window_size > 1 && !gap_told)) {
+        } else if (block_of(*packet) == (acknowledged & 0xffffU) ||
+                   (line.window_size > 1 && !gap_told)) {
             gap_told = true;
             if (expected > 1) {
                 acknowledge();

@@ -1,4 +1,5 @@
-// A TFTP server for tests: it behaves, loses, doubles and swaps packets as told, or follows a script.
+// A TFTP server for tests: it behaves, loses, doubles and swaps packets as told, or follows a
+// script.
 #pragma once
 
 #include "base/unique_fd.h"
@@ -18,7 +19,8 @@
 
 namespace tftp_test {
 
-// Packets are strings of octets here, written out by hand, so that the client's own encoder is not its judge.
+// Packets are strings of octets here, written out by hand, so that the client's own encoder is not
+// its judge.
 std::string number(unsigned value);
 std::string data(unsigned block, const std::string &payload);
 std::string ack(unsigned block);
@@ -58,7 +60,8 @@ struct Behaviour {
     bool answer_window_size = true;
     bool answer_size = true;
     bool repeats = true; // of its own accord, when it hears nothing
-    // Fates of the n-th packet, counted from 1, that leaves the server or reaches it. Empty: none is spoilt.
+    // Fates of the n-th packet, counted from 1, that leaves the server or reaches it. Empty: none
+    // is spoilt.
     std::function<bool(unsigned)> lose_sent{};
     std::function<bool(unsigned)> lose_received{};
     std::function<bool(unsigned)> double_sent{};

@@ -25,7 +25,8 @@ Behaviour small_blocks(unsigned block_size, unsigned window_size) {
 } // namespace
 
 // Each size in both directions, with options agreed on, ignored and refused.
-class TftpSizes : public TftpTest, public testing::WithParamInterface<std::tuple<std::size_t, OptionHandling>> {};
+class TftpSizes : public TftpTest,
+                  public testing::WithParamInterface<std::tuple<std::size_t, OptionHandling>> {};
 
 TEST_P(TftpSizes, ArriveWhole) {
     const auto &[size, handling] = GetParam();
@@ -48,7 +49,9 @@ TEST_P(TftpSizes, ArriveWhole) {
 
 INSTANTIATE_TEST_SUITE_P(AllWays, TftpSizes,
                          testing::Combine(testing::Values(0U, 1U, 511U, 512U, 513U, 1024U, 20000U),
-                                          testing::Values(OptionHandling::agree, OptionHandling::ignore, OptionHandling::refuse)));
+                                          testing::Values(OptionHandling::agree,
+                                                          OptionHandling::ignore,
+                                                          OptionHandling::refuse)));
 
 TEST_F(TftpTest, AsksForWhatThePathAllows) {
     TestServer server{Behaviour{}};
@@ -62,7 +65,8 @@ TEST_F(TftpTest, AsksForWhatThePathAllows) {
     EXPECT_EQ(requests[0].opcode, 2U);
     EXPECT_EQ(requests[0].mode, "octet");
     EXPECT_EQ(requests[0].options,
-              (std::map<std::string, std::string>{{"blksize", "65464"}, {"timeout", "4"}, {"tsize", "5"}, {"windowsize", "2"}}));
+              (std::map<std::string, std::string>{
+                  {"blksize", "65464"}, {"timeout", "4"}, {"tsize", "5"}, {"windowsize", "2"}}));
     EXPECT_EQ(requests[1].opcode, 1U);
     EXPECT_EQ(requests[1].options.at("tsize"), "0");
 }
@@ -76,7 +80,9 @@ TEST_F(TftpTest, WindowFollowsTheBlockSize) {
     loopback.address_octets = sizeof address;
     loopback.block_size = 1468; // of Ethernet
     const auto options = ulmo::tftp::options_for(loopback, 7);
-    EXPECT_EQ(options, (ulmo::tftp::Options{.block_size = 1468, .timeout = 4, .transfer_size = 7, .window_size = 64}));
+    EXPECT_EQ(options,
+              (ulmo::tftp::Options{
+                  .block_size = 1468, .timeout = 4, .transfer_size = 7, .window_size = 64}));
 }
 
 TEST_F(TftpTest, SpeaksIpv6) {
@@ -98,8 +104,9 @@ TEST_F(TftpTest, ReachesAnIpv4MappedAddressAsIpv4) {
 }
 
 TEST_F(TftpTest, TakesPartOfTheOptions) {
-    for (const Behaviour &behaviour : {Behaviour{.answer_block_size = false}, Behaviour{.answer_window_size = false},
-                                       Behaviour{.answer_size = false}, Behaviour{.block_size = 8, .window_size = 1}}) {
+    for (const Behaviour &behaviour :
+         {Behaviour{.answer_block_size = false}, Behaviour{.answer_window_size = false},
+          Behaviour{.answer_size = false}, Behaviour{.block_size = 8, .window_size = 1}}) {
         TestServer server(behaviour);
         connect(server);
         const std::string content = content_of(3000);
@@ -183,21 +190,30 @@ TEST_P(TftpLine, DoesNoHarm) {
 
 INSTANTIATE_TEST_SUITE_P(
     Troubles, TftpLine,
-    testing::Combine(testing::Values(Line{"LosesFirstSent", [](Behaviour &b) { b.lose_sent = [](unsigned n) { return n == 1; }; }},
-                                     Line{"LosesSecondSent", [](Behaviour &b) { b.lose_sent = [](unsigned n) { return n == 2; }; }},
-                                     Line{"LosesSent", [](Behaviour &b) { b.lose_sent = [](unsigned n) { return n % 9 == 0; }; }},
-                                     Line{"LosesFirstReceived", [](Behaviour &b) { b.lose_received = [](unsigned n) { return n == 1; }; }},
-                                     Line{"LosesReceived", [](Behaviour &b) { b.lose_received = [](unsigned n) { return n % 9 == 5; }; }},
-                                     Line{"LosesBothWays",
-                                          [](Behaviour &b) {
-                                              b.lose_sent = [](unsigned n) { return n % 11 == 3; };
-                                              b.lose_received = [](unsigned n) { return n % 13 == 4; };
-                                          }},
-                                     Line{"Doubles", [](Behaviour &b) { b.double_sent = [](unsigned) { return true; }; }},
-                                     Line{"Swaps", [](Behaviour &b) { b.swap_sent = [](unsigned n) { return n % 4 == 0; }; }}),
-                     testing::Values(1U, 5U)),
+    testing::Combine(
+        testing::Values(
+            Line{"LosesFirstSent",
+                 [](Behaviour &b) { b.lose_sent = [](unsigned n) { return n == 1; }; }},
+            Line{"LosesSecondSent",
+                 [](Behaviour &b) { b.lose_sent = [](unsigned n) { return n == 2; }; }},
+            Line{"LosesSent",
+                 [](Behaviour &b) { b.lose_sent = [](unsigned n) { return n % 9 == 0; }; }},
+            Line{"LosesFirstReceived",
+                 [](Behaviour &b) { b.lose_received = [](unsigned n) { return n == 1; }; }},
+            Line{"LosesReceived",
+                 [](Behaviour &b) { b.lose_received = [](unsigned n) { return n % 9 == 5; }; }},
+            Line{"LosesBothWays",
+                 [](Behaviour &b) {
+                     b.lose_sent = [](unsigned n) { return n % 11 == 3; };
+                     b.lose_received = [](unsigned n) { return n % 13 == 4; };
+                 }},
+            Line{"Doubles", [](Behaviour &b) { b.double_sent = [](unsigned) { return true; }; }},
+            Line{"Swaps",
+                 [](Behaviour &b) { b.swap_sent = [](unsigned n) { return n % 4 == 0; }; }}),
+        testing::Values(1U, 5U)),
     [](const auto &instance) {
-        return std::get<0>(instance.param).name + std::string("Window") + std::to_string(std::get<1>(instance.param));
+        return std::get<0>(instance.param).name + std::string("Window") +
+               std::to_string(std::get<1>(instance.param));
     });
 
 // Answering each doubled acknowledgment would double every block from then on.
@@ -207,7 +223,8 @@ TEST_F(TftpTest, DoubledAcknowledgmentsDoNotDoubleTheData) {
         Behaviour behaviour = small_blocks(600, window);
         behaviour.repeats = false;
         behaviour.double_sent = [&clock](unsigned) {
-            clock.advance(20ms); // late enough to be taken for a sign of loss, too early for a repetition
+            // late enough to be taken for a sign of loss, too early for a repetition
+            clock.advance(20ms);
             return true;
         };
         TestServer server(behaviour);

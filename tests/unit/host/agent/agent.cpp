@@ -56,7 +56,8 @@ uint32_t next_send_flag = 0;
 
 constexpr std::array<oid, 3> notification_oid{1, 3, 7};
 
-netsnmp_variable_list *record_delivery(msgbus_msg message, oid *oid_buffer, uint32_t *oid_length, uint32_t *send_flag) {
+netsnmp_variable_list *record_delivery(msgbus_msg message, oid *oid_buffer, uint32_t *oid_length,
+                                       uint32_t *send_flag) {
     Delivery delivery{msgbus_opc_get(message), *oid_length, std::nullopt};
     if (const void *payload = msgbus_payload_get(message, sizeof(int32_t)); payload != nullptr) {
         delivery.payload.emplace();
@@ -109,7 +110,8 @@ bool delivered(size_t count) {
 int send_status(const void *payload, uint32_t length, uint32_t opcode = AGENT_OPC_WORKER_STATUS) {
     const msgbus_address address{{1, 0, 1024, 0, 0, 15}};
     const int32_t handle = msgbus_bind(1, -1, &address, "config_copy_task");
-    const int32_t sent = msgbus_send(handle, MSGBUS_NODE_LOCAL, MSGBUS_SAP_AGENT, opcode, payload, length, nullptr, 0, 0);
+    const int32_t sent = msgbus_send(handle, MSGBUS_NODE_LOCAL, MSGBUS_SAP_AGENT, opcode, payload,
+                                     length, nullptr, 0, 0);
     msgbus_unbind(handle, 0);
     return sent == 0 ? 0 : errno;
 }
@@ -331,7 +333,10 @@ template <typename Predicate> int count_descriptors(Predicate predicate) {
     int count = 0;
     for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd")) {
         std::error_code gone;
-        count += predicate(std::stoi(entry.path().filename()), std::filesystem::read_symlink(entry, gone).string()) ? 1 : 0;
+        count += predicate(std::stoi(entry.path().filename()),
+                           std::filesystem::read_symlink(entry, gone).string())
+                     ? 1
+                     : 0;
     }
     return count;
 }
@@ -343,16 +348,22 @@ TEST_F(HostAgentExtension, WorkerHoldsNoSocketAndNothingOfTheAgents) {
     const pid_t running = start_worker([] { ::pause(); });
     const pid_t worker = start_worker([=] {
         const int foreign = count_descriptors([](int number, const std::string &what) {
-            return number > STDERR_FILENO && (what.starts_with("socket:") || what.starts_with("anon_inode:") || what.ends_with(".lock"));
+            return number > STDERR_FILENO &&
+                   (what.starts_with("socket:") || what.starts_with("anon_inode:") ||
+                    what.ends_with(".lock"));
         });
-        const int kept_number =
-            count_descriptors([=](int number, const std::string &what) { return number == inet_number && what == "/dev/null"; });
+        const int kept_number = count_descriptors([=](int number, const std::string &what) {
+            return number == inet_number && what == "/dev/null";
+        });
         send_status(foreign * 10 + kept_number);
     });
     ASSERT_TRUE(loop_until([=] { return is_reaped(worker); }));
     ASSERT_EQ(deliveries.size(), 1U);
-    EXPECT_EQ(deliveries[0].payload, 1) << "tens: foreign descriptors; ones: the number stands for nothing";
-    EXPECT_EQ(count_descriptors([=](int number, const std::string &what) { return number == inet_number && what.starts_with("socket:"); }),
+    EXPECT_EQ(deliveries[0].payload, 1)
+        << "tens: foreign descriptors; ones: the number stands for nothing";
+    EXPECT_EQ(count_descriptors([=](int number, const std::string &what) {
+                  return number == inet_number && what.starts_with("socket:");
+              }),
               1)
         << "the agent keeps its own";
     ::kill(running, SIGKILL);
@@ -385,7 +396,8 @@ TEST_F(HostAgentExtension, WorkerHasAPrivateDirectory) {
     const pid_t worker = start_worker([] {
         struct stat status {};
         const auto own = ulmo::worker_directory(::getpid());
-        const bool there = std::filesystem::equivalent(".", own) && ::stat(".", &status) == 0 && (status.st_mode & 07777U) == 0700;
+        const bool there = std::filesystem::equivalent(".", own) && ::stat(".", &status) == 0 &&
+                           (status.st_mode & 07777U) == 0700;
         std::filesystem::create_directory("sub");
         std::ofstream("sub/file") << "temporary";
         std::filesystem::create_symlink("/etc", "link");
@@ -399,7 +411,8 @@ TEST_F(HostAgentExtension, WorkerHasAPrivateDirectory) {
     EXPECT_EQ(::flock(descriptor.get(), LOCK_EX | LOCK_NB), -1);
     EXPECT_EQ(errno, EWOULDBLOCK);
     ulmo::sweep_worker_directories();
-    EXPECT_EQ(text_of(directory / "sub" / "file"), "temporary") << "a living worker's folder is not swept";
+    EXPECT_EQ(text_of(directory / "sub" / "file"), "temporary")
+        << "a living worker's folder is not swept";
     ::kill(worker, SIGTERM);
     ASSERT_TRUE(loop_until([=] { return is_reaped(worker); }));
     EXPECT_FALSE(std::filesystem::exists(directory));
@@ -467,7 +480,8 @@ TEST_F(HostAgentExtension, FailedForkEndsTheCopy) {
     const pid_t agent = start_child([] {
         const rlimit no_process{0, 0}; // binds all users but the superuser
         if (::setrlimit(RLIMIT_NPROC, &no_process) != 0 ||
-            (::geteuid() == 0 && ::setresuid(host_test::nobody, host_test::nobody, host_test::nobody) != 0)) {
+            (::geteuid() == 0 &&
+             ::setresuid(host_test::nobody, host_test::nobody, host_test::nobody) != 0)) {
             return 255;
         }
         errno = 0;
@@ -528,7 +542,8 @@ std::vector<SentTrap> sent_traps;
 
 int record_trap(int, int, void *argument, void *) {
     SentTrap trap;
-    for (auto *one = static_cast<netsnmp_pdu *>(argument)->variables; one != nullptr; one = one->next_variable) {
+    for (auto *one = static_cast<netsnmp_pdu *>(argument)->variables; one != nullptr;
+         one = one->next_variable) {
         trap.names.emplace_back(one->name, one->name + one->name_length);
         if (one->type == ASN_OBJECT_ID) {
             trap.trap.assign(one->val.objid, one->val.objid + one->val_len / sizeof(oid));
@@ -545,10 +560,12 @@ class HostAgentNotification : public HostAgentExtension {
     void SetUp() override {
         HostAgentExtension::SetUp();
         sent_traps.clear();
-        snmp_register_callback(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_SEND_TRAP2, record_trap, nullptr);
+        snmp_register_callback(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_SEND_TRAP2, record_trap,
+                               nullptr);
     }
     void TearDown() override {
-        snmp_unregister_callback(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_SEND_TRAP2, record_trap, nullptr, 0);
+        snmp_unregister_callback(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_SEND_TRAP2, record_trap,
+                                 nullptr, 0);
         HostAgentExtension::TearDown();
     }
     static netsnmp_variable_list *one_binding() {
@@ -562,24 +579,32 @@ const std::vector<oid> snmp_trap_oid{1, 3, 6, 1, 6, 3, 1, 1, 4, 1, 0};
 
 TEST_F(HostAgentNotification, HasUpTimeAndTrapOidInFront) {
     netsnmp_set_agent_uptime(123400);
-    ASSERT_EQ(enqueue_notification(6, notification_oid.data(), notification_oid.size(), one_binding()), 0);
+    ASSERT_EQ(
+        enqueue_notification(6, notification_oid.data(), notification_oid.size(), one_binding()),
+        0);
     ASSERT_EQ(sent_traps.size(), 1U);
-    EXPECT_EQ(sent_traps[0].names, (std::vector<std::vector<oid>>{sys_up_time, snmp_trap_oid, {name.begin(), name.end()}}));
-    EXPECT_EQ(sent_traps[0].trap, std::vector<oid>(notification_oid.begin(), notification_oid.end()));
+    EXPECT_EQ(sent_traps[0].names, (std::vector<std::vector<oid>>{
+                                       sys_up_time, snmp_trap_oid, {name.begin(), name.end()}}));
+    EXPECT_EQ(sent_traps[0].trap,
+              std::vector<oid>(notification_oid.begin(), notification_oid.end()));
     EXPECT_NEAR(static_cast<double>(sent_traps[0].up_time), 123400, 200);
 }
 
 TEST_F(HostAgentNotification, EmptyListIsSent) {
-    EXPECT_EQ(enqueue_notification(6, notification_oid.data(), notification_oid.size(), nullptr), 0);
+    EXPECT_EQ(enqueue_notification(6, notification_oid.data(), notification_oid.size(), nullptr),
+              0);
     ASSERT_EQ(sent_traps.size(), 1U);
     EXPECT_EQ(sent_traps[0].names.size(), 2U);
 }
 
 TEST_F(HostAgentNotification, WrongArgumentsSendNothing) {
-    EXPECT_EQ(enqueue_notification(5, notification_oid.data(), notification_oid.size(), one_binding()), EINVAL);
+    EXPECT_EQ(
+        enqueue_notification(5, notification_oid.data(), notification_oid.size(), one_binding()),
+        EINVAL);
     EXPECT_EQ(enqueue_notification(6, nullptr, 3, one_binding()), EINVAL);
     EXPECT_EQ(enqueue_notification(6, notification_oid.data(), 0, one_binding()), EINVAL);
-    EXPECT_EQ(enqueue_notification(6, notification_oid.data(), MAX_OID_LEN + 1, one_binding()), EINVAL);
+    EXPECT_EQ(enqueue_notification(6, notification_oid.data(), MAX_OID_LEN + 1, one_binding()),
+              EINVAL);
     EXPECT_TRUE(sent_traps.empty());
 }
 
@@ -589,7 +614,8 @@ TEST_F(HostAgentNotification, DispatcherSendsWhatTheHandlerReturns) {
     ASSERT_EQ(send_status("", 0, 1361), 0);
     ASSERT_TRUE(delivered(1));
     ASSERT_EQ(sent_traps.size(), 1U);
-    EXPECT_EQ(sent_traps[0].trap, std::vector<oid>(notification_oid.begin(), notification_oid.end()));
+    EXPECT_EQ(sent_traps[0].trap,
+              std::vector<oid>(notification_oid.begin(), notification_oid.end()));
     next_notification = one_binding();
     next_send_flag = 0;
     ASSERT_EQ(send_status("", 0, 1361), 0);
@@ -620,7 +646,8 @@ TEST_F(HostAgentNotification, BindingsAreAppended) {
 TEST_F(HostAgentNotification, BindingsThatCantBeBuilt) {
     auto *first = one_binding();
     const int64_t wide = 5;
-    EXPECT_EQ(build_varbind(first, &wide, ASN_INTEGER, sizeof wide, name.data(), name.size()), nullptr);
+    EXPECT_EQ(build_varbind(first, &wide, ASN_INTEGER, sizeof wide, name.data(), name.size()),
+              nullptr);
     EXPECT_EQ(build_varbind(first, &wide, ASN_TIMETICKS, 2, name.data(), name.size()), nullptr);
     EXPECT_EQ(build_varbind(first, nullptr, ASN_INTEGER, 4, name.data(), name.size()), nullptr);
     EXPECT_EQ(build_varbind(first, &wide, ASN_INTEGER, 4, nullptr, 4), nullptr);
@@ -692,7 +719,9 @@ TEST_F(HostAgentRequest, WorkerStillKnowsTheContext) {
     serve_request();
     const pid_t worker = start_worker([] {
         int status = 1;
-        send_status(std::string(snmp_get_ctx_vrf_for_current_req(&status)) == "blue" && status == 0 ? 0 : 99);
+        send_status(std::string(snmp_get_ctx_vrf_for_current_req(&status)) == "blue" && status == 0
+                        ? 0
+                        : 99);
     });
     current_session = nullptr;
     ASSERT_TRUE(loop_until([=] { return is_reaped(worker); }));
@@ -711,7 +740,8 @@ TEST_F(HostAgentExtension, HeartbeatGoesToTheServiceManager) {
         address.sun_family = AF_UNIX;
         std::memcpy(address.sun_path, target.data(), target.size());
         address.sun_path[0] = abstract ? '\0' : '/';
-        const ulmo::UniqueFd manager(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+        const ulmo::UniqueFd manager(
+            ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
         ASSERT_EQ(::bind(manager.get(), reinterpret_cast<sockaddr *>(&address),
                          static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + target.size())),
                   0);
@@ -725,7 +755,8 @@ TEST_F(HostAgentExtension, HeartbeatGoesToTheServiceManager) {
         EXPECT_STREQ(text.data(), "WATCHDOG=1");
         ulmo::remember_watchdog();
         snmp_heartbeat_send();
-        EXPECT_EQ(::recv(manager.get(), text.data(), text.size(), 0), -1) << "no watchdog, no heartbeat";
+        EXPECT_EQ(::recv(manager.get(), text.data(), text.size(), 0), -1)
+            << "no watchdog, no heartbeat";
     }
 }
 
@@ -796,12 +827,14 @@ class HostAgentClock : public testing::Test {
   protected:
     void SetUp() override {
         raised_changes.clear();
-        snmp_register_callback(SNMP_CALLBACK_LIBRARY, AGENT_CALLBACK_STARTTIME_CHANGE, record_change, nullptr);
+        snmp_register_callback(SNMP_CALLBACK_LIBRARY, AGENT_CALLBACK_STARTTIME_CHANGE,
+                               record_change, nullptr);
         timeval start{1000000, 250000};
         netsnmp_set_agent_starttime(&start);
     }
     void TearDown() override {
-        snmp_unregister_callback(SNMP_CALLBACK_LIBRARY, AGENT_CALLBACK_STARTTIME_CHANGE, record_change, nullptr, 0);
+        snmp_unregister_callback(SNMP_CALLBACK_LIBRARY, AGENT_CALLBACK_STARTTIME_CHANGE,
+                                 record_change, nullptr, 0);
         netsnmp_set_agent_starttime(nullptr);
     }
     // The wall clock `shift` ahead of where it was at the beginning, after some time has passed.
@@ -832,7 +865,8 @@ TEST_F(HostAgentClock, SetForwardAndBack) {
     EXPECT_EQ(netsnmp_timeval_uptime(&event), up_time);
     observe(-10s);
     EXPECT_EQ(start().tv_sec, 999990);
-    EXPECT_EQ(raised_changes, (std::vector<RaisedChange>{{3600, AGENT_STARTTIME_ADDED}, {3610, AGENT_STARTTIME_SUBTRACTED}}));
+    EXPECT_EQ(raised_changes, (std::vector<RaisedChange>{{3600, AGENT_STARTTIME_ADDED},
+                                                         {3610, AGENT_STARTTIME_SUBTRACTED}}));
 }
 
 TEST_F(HostAgentClock, ReadingsThatDifferALittle) {
@@ -841,7 +875,8 @@ TEST_F(HostAgentClock, ReadingsThatDifferALittle) {
     observe(-400us);
     EXPECT_EQ(start().tv_sec, 1000000);
     EXPECT_EQ(start().tv_usec, 250000);
-    EXPECT_EQ(raised_changes, (std::vector<RaisedChange>{{3600, AGENT_STARTTIME_ADDED}, {3600, AGENT_STARTTIME_SUBTRACTED}}));
+    EXPECT_EQ(raised_changes, (std::vector<RaisedChange>{{3600, AGENT_STARTTIME_ADDED},
+                                                         {3600, AGENT_STARTTIME_SUBTRACTED}}));
 }
 
 TEST_F(HostAgentClock, FractionsAreReportedOnceTheyMakeASecond) {

@@ -1,4 +1,5 @@
-// The contexts in which a module's variables are registered, seen in the agent library's own registry.
+// The contexts in which a module's variables are registered, seen in the agent library's own
+// registry.
 #include "tests/unit/scratch.h"
 
 #include <net-snmp/net-snmp-config.h>
@@ -12,7 +13,8 @@
 #include <iterator>
 #include <string>
 
-extern "C" int __wrap_register_mib(const char *, const struct variable *, size_t, size_t, const oid *, size_t);
+extern "C" int __wrap_register_mib(const char *, const struct variable *, size_t, size_t,
+                                   const oid *, size_t);
 extern "C" int __wrap_unregister_mib(oid *, size_t);
 
 namespace {
@@ -28,17 +30,22 @@ class HostContexts : public testing::Test {
   protected:
     static void load() {
         variable7 variables[] = {{1, ASN_INTEGER, NETSNMP_OLDAPI_RONLY, read_nothing, 2, {1, 2}}};
-        ASSERT_EQ(__wrap_register_mib("test", reinterpret_cast<struct variable *>(variables), sizeof(variable7), 1, root, std::size(root)),
+        ASSERT_EQ(__wrap_register_mib("test", reinterpret_cast<struct variable *>(variables),
+                                      sizeof(variable7), 1, root, std::size(root)),
                   MIB_REGISTERED_OK);
     }
-    static void unload() { EXPECT_EQ(__wrap_unregister_mib(column, std::size(column)), MIB_UNREGISTERED_OK); }
+    static void unload() {
+        EXPECT_EQ(__wrap_unregister_mib(column, std::size(column)), MIB_UNREGISTERED_OK);
+    }
 
     // How many registrations of the module a request for the column finds in that context.
     static int registrations(const char *context) {
         int count = 0;
         netsnmp_subtree *found = netsnmp_subtree_find(column, std::size(column), nullptr, context);
         for (; found != nullptr; found = found->children) {
-            count += found->reginfo != nullptr && std::string(found->reginfo->handlerName) == "test" ? 1 : 0;
+            count += found->reginfo != nullptr && std::string(found->reginfo->handlerName) == "test"
+                         ? 1
+                         : 0;
         }
         return count;
     }
@@ -82,7 +89,8 @@ TEST_F(HostContexts, AChangedSettingHoldsFromTheNextLoadOn) {
 
 TEST_F(HostContexts, NamesThatAreNoneAreLeftOut) {
     const std::string longest(32, 'x');
-    scratch_.configure("vrf_context = " + longest + "\nvrf_context = " + longest + "x\nvrf_context =\n");
+    scratch_.configure("vrf_context = " + longest + "\nvrf_context = " + longest +
+                       "x\nvrf_context =\n");
     load();
     EXPECT_EQ(registrations(longest.c_str()), 1);
     EXPECT_EQ(registrations((longest + "x").c_str()), 0);

@@ -32,7 +32,8 @@ constexpr oid status_column = 14;
 std::map<oid, std::map<oid, std::string>> rows;
 std::vector<oid> columns_read;
 
-unsigned char *read_row(variable *vp, oid *name, size_t *length, int exact, size_t *var_len, WriteMethod **) {
+unsigned char *read_row(variable *vp, oid *name, size_t *length, int exact, size_t *var_len,
+                        WriteMethod **) {
     EXPECT_EQ(exact, 1);
     EXPECT_EQ(*length, vp->namelen + 1U);
     EXPECT_TRUE(std::equal(root.begin(), root.end(), vp->name));
@@ -68,10 +69,13 @@ class HostCopies : public testing::Test {
         columns_read.clear();
         std::vector<Variable> variables;
         for (oid column = 2; column <= 16; ++column) {
-            variables.push_back({static_cast<u_char>(column), ASN_INTEGER, 0, read_row, 5, {1, 1, 1, 1, column}});
+            variables.push_back(
+                {static_cast<u_char>(column), ASN_INTEGER, 0, read_row, 5, {1, 1, 1, 1, column}});
         }
-        variables.push_back({99, ASN_INTEGER, 0, read_row, 5, {1, 1, 2, 1, state_column}}); // another table's
-        watch_.learn(reinterpret_cast<const variable *>(variables.data()), sizeof(Variable), variables.size(), root.data(), root.size());
+        // another table's
+        variables.push_back({99, ASN_INTEGER, 0, read_row, 5, {1, 1, 2, 1, state_column}});
+        watch_.learn(reinterpret_cast<const variable *>(variables.data()), sizeof(Variable),
+                     variables.size(), root.data(), root.size());
 
         request_.version = SNMP_VERSION_3;
         request_.securityName = user_.data();
@@ -88,7 +92,8 @@ class HostCopies : public testing::Test {
     void binding(oid column, oid row, long value) {
         std::vector<oid> name(root.begin(), root.end());
         name.insert(name.end(), {1, 1, 1, 1, column, row});
-        snmp_varlist_add_variable(&request_.variables, name.data(), name.size(), ASN_INTEGER, &value, sizeof value);
+        snmp_varlist_add_variable(&request_.variables, name.data(), name.size(), ASN_INTEGER,
+                                  &value, sizeof value);
     }
 
     static std::map<oid, std::string> upload() {
@@ -117,8 +122,10 @@ class HostCopies : public testing::Test {
         return std::regex_replace(text, std::regex("seconds=[0-9.]+"), "seconds=S");
     }
     static constexpr char begin_of_upload[] =
-        "WHEN request=9 started=4711 user=operator requester=\"\" from=running to=sftp://backup@192.0.2.20/dir/a%20b.cfg ";
-    static constexpr char begin_of_save[] = "WHEN request=9 started=4711 user=operator requester=\"\" from=running to=startup ";
+        "WHEN request=9 started=4711 user=operator requester=\"\" from=running "
+        "to=sftp://backup@192.0.2.20/dir/a%20b.cfg ";
+    static constexpr char begin_of_save[] =
+        "WHEN request=9 started=4711 user=operator requester=\"\" from=running to=startup ";
 
     // An activated copy with a worker.
     std::filesystem::path start_upload() {
@@ -141,7 +148,8 @@ class HostCopies : public testing::Test {
     void answer(uint32_t status, const std::string &text = "") {
         const uint32_t on_wire = htonl(status);
         const std::string payload = word(on_wire) + text;
-        msgbus_message message(MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION, 1, payload.data(), static_cast<uint32_t>(payload.size()));
+        msgbus_message message(MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION, 1, payload.data(),
+                               static_cast<uint32_t>(payload.size()));
         watch_.answered(&message, 0);
     }
 
@@ -159,34 +167,42 @@ TEST_F(HostCopies, SuccessIsToldWithWhatWasMoved) {
     const std::string digest(64, 'a');
     std::ofstream(report, std::ios::app) << "moved 92\nsha256 " << digest << "\nreason left over\n";
     watch_.reported(worker, 0);
-    EXPECT_EQ(line(), begin_of_upload + ("outcome=successful bytes=92 sha256=" + digest) + " seconds=S\n");
+    EXPECT_EQ(line(),
+              begin_of_upload + ("outcome=successful bytes=92 sha256=" + digest) + " seconds=S\n");
     EXPECT_FALSE(std::filesystem::exists(report));
 }
 
 TEST_F(HostCopies, FailureIsToldWithItsReason) {
     std::ofstream(start_upload(), std::ios::app) << "reason login refused for backup\n";
     watch_.reported(worker, 1);
-    EXPECT_EQ(line(), begin_of_upload + std::string("outcome=failed cause=general reason=\"login refused for backup\" seconds=S\n"));
+    EXPECT_EQ(
+        line(),
+        begin_of_upload +
+            std::string(
+                "outcome=failed cause=general reason=\"login refused for backup\" seconds=S\n"));
 }
 
 TEST_F(HostCopies, CauseHasTheNameOfTheMib) {
     start_upload();
     watch_.reported(worker, 7);
-    EXPECT_EQ(line(), begin_of_upload + std::string("outcome=failed cause=configNotApplied seconds=S\n"));
+    EXPECT_EQ(line(),
+              begin_of_upload + std::string("outcome=failed cause=configNotApplied seconds=S\n"));
 }
 
 TEST_F(HostCopies, DeadWorkerIsToldWithItsSignal) {
     std::ofstream(start_upload(), std::ios::app) << "moved 12\n";
     watch_.died(worker, "by signal 9");
-    EXPECT_EQ(line(), begin_of_upload +
-                          std::string("outcome=failed cause=general reason=\"the copy process ended by signal 9\" bytes=12 seconds=S\n"));
+    EXPECT_EQ(line(),
+              begin_of_upload + std::string("outcome=failed cause=general reason=\"the copy "
+                                            "process ended by signal 9\" bytes=12 seconds=S\n"));
 }
 
 TEST_F(HostCopies, ReasonOfADeadWorkerComesFirst) {
     std::ofstream(start_upload(), std::ios::app) << "reason settings are bad\n";
     watch_.died(worker, "with exit status 1");
     const std::string reason = "settings are bad (the copy process ended with exit status 1)";
-    EXPECT_EQ(line(), begin_of_upload + ("outcome=failed cause=general reason=\"" + reason) + "\" seconds=S\n");
+    EXPECT_EQ(line(), begin_of_upload + ("outcome=failed cause=general reason=\"" + reason) +
+                          "\" seconds=S\n");
 }
 
 TEST_F(HostCopies, CopyIsToldOfOnce) {
@@ -201,7 +217,8 @@ TEST_F(HostCopies, RequestThatWasRemovedIsTold) {
     start_upload();
     rows.clear();
     watch_.reported(worker, 0);
-    EXPECT_EQ(line(), begin_of_upload + std::string("outcome=successful reason=\"the request was removed before the end\" seconds=S\n"));
+    EXPECT_EQ(line(), begin_of_upload + std::string("outcome=successful reason=\"the request was "
+                                                    "removed before the end\" seconds=S\n"));
 }
 
 TEST_F(HostCopies, CopyWithoutAProcessIsTold) {
@@ -210,8 +227,12 @@ TEST_F(HostCopies, CopyWithoutAProcessIsTold) {
     const auto copy = watch_.begin();
     ASSERT_TRUE(copy);
     watch_.not_forked(*copy, EAGAIN);
-    EXPECT_EQ(line(), begin_of_upload + std::string("outcome=failed cause=general reason=\"the copy process could not be started: "
-                                                    "Resource temporarily unavailable\" seconds=S\n"));
+    EXPECT_EQ(
+        line(),
+        begin_of_upload +
+            std::string(
+                "outcome=failed cause=general reason=\"the copy process could not be started: "
+                "Resource temporarily unavailable\" seconds=S\n"));
 }
 
 TEST_F(HostCopies, NothingAsksForThePassword) {
@@ -260,7 +281,10 @@ TEST_F(HostCopies, CopyThatOutlivesItsAgentIsTold) {
     EXPECT_EQ(line(), "");
     ulmo::CopyWatch next;
     next.close_unfinished();
-    EXPECT_EQ(line(), begin_of_upload + std::string("outcome=unknown reason=\"the agent ended before the copy did\" bytes=5\n"));
+    EXPECT_EQ(line(),
+              begin_of_upload +
+                  std::string(
+                      "outcome=unknown reason=\"the agent ended before the copy did\" bytes=5\n"));
     EXPECT_FALSE(std::filesystem::exists(report));
 }
 
@@ -282,18 +306,21 @@ TEST_F(HostCopies, FailedSaveIsToldWithTheReasonThatWasKept) {
     rows[9][cause_column] = word(9);
     ulmo::record_last_save("no space on device");
     watch_.action_ended(ulmo::warden_err_store);
-    EXPECT_EQ(line(), begin_of_save + std::string("outcome=failed cause=systemManagerFailed reason=\"no space on device\" seconds=S\n"));
+    EXPECT_EQ(line(), begin_of_save + std::string("outcome=failed cause=systemManagerFailed "
+                                                  "reason=\"no space on device\" seconds=S\n"));
 }
 
 TEST_F(HostCopies, FabricSaveNamesTheSwitches) {
-    Scratch::write(scratch_.run("fabric-status"), "20:00:00:00:00:00:00:01 local - saved\n"
-                                                  "20:00:00:00:00:00:00:02 remote 192.0.2.11 does not answer\n");
+    Scratch::write(scratch_.run("fabric-status"),
+                   "20:00:00:00:00:00:00:01 local - saved\n"
+                   "20:00:00:00:00:00:00:02 remote 192.0.2.11 does not answer\n");
     start_save(6);
     answer(WARDEN_CFG_ACTION_INITIATED);
     rows[9][state_column] = word(4);
     rows[9][cause_column] = word(9);
     watch_.action_ended(ulmo::warden_err_fabric);
-    EXPECT_NE(line().find("to=fabric-startup outcome=failed cause=systemManagerFailed reason=\"20:00:00:00:00:00:00:02: does not answer\""),
+    EXPECT_NE(line().find("to=fabric-startup outcome=failed cause=systemManagerFailed "
+                          "reason=\"20:00:00:00:00:00:00:02: does not answer\""),
               std::string::npos)
         << line();
 }
@@ -301,20 +328,27 @@ TEST_F(HostCopies, FabricSaveNamesTheSwitches) {
 TEST_F(HostCopies, RefusedSaveIsTold) {
     start_save(3);
     answer(ulmo::warden_err_busy);
-    EXPECT_EQ(line(), begin_of_save + std::string("outcome=failed cause=systemManagerRefused "
-                                                  "reason=\"another configuration action is in progress\" seconds=S\n"));
+    EXPECT_EQ(
+        line(),
+        begin_of_save +
+            std::string("outcome=failed cause=systemManagerRefused "
+                        "reason=\"another configuration action is in progress\" seconds=S\n"));
 }
 
 TEST_F(HostCopies, SaveThatCannotBeAskedForIsTold) {
     start_save(3, ENOENT);
-    EXPECT_EQ(line(), begin_of_save + std::string("outcome=failed reason=\"the system manager is not running\" seconds=S\n"));
+    EXPECT_EQ(
+        line(),
+        begin_of_save +
+            std::string("outcome=failed reason=\"the system manager is not running\" seconds=S\n"));
 }
 
 TEST_F(HostCopies, UnansweredSaveIsTold) {
     start_save(3);
     watch_.answered(nullptr, ETIMEDOUT);
-    EXPECT_EQ(line(), begin_of_save +
-                          std::string("outcome=unknown reason=\"the system manager did not answer: Connection timed out\" seconds=S\n"));
+    EXPECT_EQ(line(),
+              begin_of_save + std::string("outcome=unknown reason=\"the system manager did not "
+                                          "answer: Connection timed out\" seconds=S\n"));
 }
 
 TEST_F(HostCopies, SaveWhoseRequestIsRemovedIsTold) {
@@ -324,7 +358,11 @@ TEST_F(HostCopies, SaveWhoseRequestIsRemovedIsTold) {
     EXPECT_EQ(line(), "");
     binding(status_column, 9, 6);
     watch_.sent(MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION_ABORT, 0);
-    EXPECT_EQ(line(), begin_of_save + std::string("outcome=unknown reason=\"the request was removed before the end\" seconds=S\n"));
+    EXPECT_EQ(
+        line(),
+        begin_of_save +
+            std::string(
+                "outcome=unknown reason=\"the request was removed before the end\" seconds=S\n"));
 }
 
 } // namespace

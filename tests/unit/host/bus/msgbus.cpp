@@ -37,19 +37,20 @@ constexpr uint32_t sap = 3;
 class HostMsgbus : public testing::Test {
   protected:
     void TearDown() override {
-        EXPECT_EQ(ask(0), -1) << "nobody serves any more; this ends the exchange that the test left open";
+        EXPECT_EQ(ask(0), -1)
+            << "nobody serves any more; this ends the exchange that the test left open";
         msgbus_drop(msgbus_response_q, &answer_);
     }
 
     int32_t ask(uint32_t opcode, const std::string &payload = "") {
         msgbus_drop(msgbus_response_q, &request_);
-        return msgbus_send(msgbus_response_q, MSGBUS_NODE_LOCAL, sap, opcode, payload.data(), static_cast<uint32_t>(payload.size()),
-                           &request_, 0, 0);
+        return msgbus_send(msgbus_response_q, MSGBUS_NODE_LOCAL, sap, opcode, payload.data(),
+                           static_cast<uint32_t>(payload.size()), &request_, 0, 0);
     }
 
     static int32_t tell(uint32_t opcode, const std::string &payload = "") {
-        return msgbus_send(msgbus_response_q, MSGBUS_NODE_LOCAL, sap, opcode, payload.data(), static_cast<uint32_t>(payload.size()),
-                           nullptr, 0, 0);
+        return msgbus_send(msgbus_response_q, MSGBUS_NODE_LOCAL, sap, opcode, payload.data(),
+                           static_cast<uint32_t>(payload.size()), nullptr, 0, 0);
     }
 
     // 0 when the message of another user was sent; otherwise his errno value.
@@ -79,7 +80,8 @@ class HostMsgbus : public testing::Test {
     static ulmo::UniqueFd connect_raw() {
         ulmo::UniqueFd socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
         const ulmo::SocketAddress address(ulmo::sap_path(sap));
-        EXPECT_EQ(::connect(socket.get(), address.get(), address.length()), 0) << std::strerror(errno);
+        EXPECT_EQ(::connect(socket.get(), address.get(), address.length()), 0)
+            << std::strerror(errno);
         return socket;
     }
 
@@ -342,7 +344,8 @@ TEST_F(HostMsgbus, BindNeedsTheRunDirectory) {
     std::ofstream(directory_.path() / "run" / "msgbus") << "no folder";
     EXPECT_LT(msgbus_bind(1, -1, &address, "config_copy_task"), 0);
     EXPECT_EQ(errno, ENOTDIR);
-    const host_test::ScopedVariable far_away("ULMO_RUN_DIR", directory_.path() / std::string(150, 'd'));
+    const host_test::ScopedVariable far_away("ULMO_RUN_DIR",
+                                             directory_.path() / std::string(150, 'd'));
     EXPECT_EQ(tell(1), -1);
     EXPECT_EQ(errno, ENAMETOOLONG);
 }
@@ -353,7 +356,8 @@ TEST_F(HostMsgbus, ForkedChildBindsForItself) {
         const msgbus_address address{{1, 0, 1024, 0, 0, 15}};
         const int32_t status = 5;
         const int32_t handle = msgbus_bind(1, -1, &address, "config_copy_task");
-        const int32_t sent = msgbus_send(handle, MSGBUS_NODE_LOCAL, sap, 10273, &status, sizeof status, nullptr, 0, 0);
+        const int32_t sent = msgbus_send(handle, MSGBUS_NODE_LOCAL, sap, 10273, &status,
+                                         sizeof status, nullptr, 0, 0);
         return handle > 0 && sent == 0 && msgbus_unbind(handle, 0) == 0 ? 0 : 1;
     });
     EXPECT_EQ(exit_status_of(child), 0);
@@ -380,10 +384,13 @@ TEST_F(HostMsgbus, MalformedPacketsAreDropped) {
     too_many.length = 3;
     over_limit.length = MSGBUS_PAYLOAD_MAX + 1;
     MsgbusServer server(sap);
-    for (const std::string &bad : {std::string("x"), packet({}, 0).substr(0, 19), packet(bad_magic, 0), packet(bad_version, 0),
-                                   packet(too_few, 4), packet(too_many, 4), packet(over_limit, MSGBUS_PAYLOAD_MAX + 1)}) {
+    for (const std::string &bad :
+         {std::string("x"), packet({}, 0).substr(0, 19), packet(bad_magic, 0),
+          packet(bad_version, 0), packet(too_few, 4), packet(too_many, 4),
+          packet(over_limit, MSGBUS_PAYLOAD_MAX + 1)}) {
         const auto connection = connect_raw();
-        ASSERT_EQ(::send(connection.get(), bad.data(), bad.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bad.size()));
+        ASSERT_EQ(::send(connection.get(), bad.data(), bad.size(), MSG_NOSIGNAL),
+                  static_cast<ssize_t>(bad.size()));
         serve(server);
         EXPECT_TRUE(received_.empty());
         EXPECT_EQ(server.pending(), 0U);
@@ -391,7 +398,8 @@ TEST_F(HostMsgbus, MalformedPacketsAreDropped) {
     }
     const auto connection = connect_raw();
     const std::string good = packet({}, 0);
-    ASSERT_EQ(::send(connection.get(), good.data(), good.size(), MSG_NOSIGNAL), static_cast<ssize_t>(good.size()));
+    ASSERT_EQ(::send(connection.get(), good.data(), good.size(), MSG_NOSIGNAL),
+              static_cast<ssize_t>(good.size()));
     serve(server);
     EXPECT_EQ(received_.size(), 1U);
 }
@@ -427,7 +435,8 @@ TEST_F(HostMsgbus, OneServerAnAccessPoint) {
 
 TEST_F(HostMsgbus, ALinkInPlaceOfTheLockIsNotFollowed) {
     const auto elsewhere = directory_.path() / "elsewhere";
-    std::filesystem::create_symlink(elsewhere, ulmo::msgbus_dir() / (std::to_string(sap) + ".lock"));
+    std::filesystem::create_symlink(elsewhere,
+                                    ulmo::msgbus_dir() / (std::to_string(sap) + ".lock"));
     EXPECT_THROW(MsgbusServer{sap}, std::system_error);
     EXPECT_FALSE(std::filesystem::exists(elsewhere));
 }
@@ -497,7 +506,8 @@ TEST_F(HostMsgbus, ServesOnWithoutTheRunDirectory) {
     REQUIRE_SUPERUSER("acts as another user");
     const auto above = directory_.path() / "above";
     const host_test::ScopedVariable run_variable("ULMO_RUN_DIR", above / "run");
-    ulmo::log_error("a process makes the history, and the run directory with it, when it logs for the first time");
+    ulmo::log_error("a process makes the history, and the run directory with it, when it logs for "
+                    "the first time");
     for (const bool can_be_made : {true, false}) {
         MsgbusServer server(sap);
         EXPECT_EQ(tell_as_nobody(1391), 0);
@@ -581,7 +591,8 @@ TEST_F(HostMsgbus, LateMessageOfASilentConnection) {
     EXPECT_EQ(server.pending(), 0U);
     EXPECT_EQ(received_[0].reply(9, "ok", 2), 0);
     late.reset();
-    EXPECT_FALSE(readable(server.fd())) << "a connection that was handed over does not wake the server";
+    EXPECT_FALSE(readable(server.fd()))
+        << "a connection that was handed over does not wake the server";
 }
 
 TEST_F(HostMsgbus, FullQueueIsAnErrorAndNoWait) {
@@ -606,7 +617,8 @@ TEST_F(HostMsgbus, ShortageOfDescriptorsPasses) {
     const rlimit none_left{static_cast<rlim_t>(highest.get()) + 1, limit.rlim_max};
     size_t handed_over = 0;
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none_left), 0);
-    server.serve([&handed_over](const Incoming &) { ++handed_over; }); // the sanitizer needs descriptors to look at this test's object
+    // the sanitizer needs descriptors to look at this test's object
+    server.serve([&handed_over](const Incoming &) { ++handed_over; });
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
     EXPECT_EQ(handed_over, 0U);
     EXPECT_FALSE(readable(server.fd())) << "the server does not run in circles";

@@ -67,8 +67,8 @@ class ScopedVariable {
 // The platform's folders and settings below one folder.
 struct Platform {
     explicit Platform(const std::filesystem::path &below)
-        : conf(below / "platform.conf"), state_variable("ULMO_STATE_DIR", below / "state"), run_variable("ULMO_RUN_DIR", below / "run"),
-          conf_variable("ULMO_CONF", conf) {}
+        : conf(below / "platform.conf"), state_variable("ULMO_STATE_DIR", below / "state"),
+          run_variable("ULMO_RUN_DIR", below / "run"), conf_variable("ULMO_CONF", conf) {}
 
     void set(const std::string &line) const { std::ofstream(conf, std::ios::app) << line << '\n'; }
 

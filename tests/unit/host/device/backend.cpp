@@ -52,7 +52,8 @@ TEST_F(DeviceBackend, FirstUseMakesTheFactoryDefault) {
     EXPECT_EQ(content(running()), factory);
     EXPECT_EQ(permissions(running()), 0600U);
     EXPECT_FALSE(std::filesystem::exists(startup()));
-    EXPECT_EQ(failure([&] { device()->show(ConfigurationStore::startup); }), "there is no startup configuration");
+    EXPECT_EQ(failure([&] { device()->show(ConfigurationStore::startup); }),
+              "there is no startup configuration");
 }
 
 TEST_F(DeviceBackend, FirstUseStartsFromTheStartupConfiguration) {
@@ -66,7 +67,8 @@ TEST_F(DeviceBackend, FirstUseStartsFromTheStartupConfiguration) {
 
 TEST_F(DeviceBackend, AStartupConfigurationThatIsNotValidIsNotReplacedByADefault) {
     file("state/system.cfg", "hostname a\nbogus\n");
-    const std::string reason = startup().string() + " is not valid: line 2: unknown statement 'bogus'";
+    const std::string reason =
+        startup().string() + " is not valid: line 2: unknown statement 'bogus'";
     EXPECT_EQ(failure([&] { shown(); }), reason);
     EXPECT_EQ(failure([&] { device()->save(); }), reason);
     EXPECT_EQ(failure([&] { device()->apply("hostname b\n"); }), reason);
@@ -84,7 +86,8 @@ TEST_F(DeviceBackend, ADamagedRunningConfigurationIsAFailureNotARefusal) {
     } catch (const ConfigurationError &) {
         ADD_FAILURE() << "the text given was good";
     } catch (const std::runtime_error &error) {
-        EXPECT_EQ(error.what(), running().string() + " is not valid: line 2: not a text (octet 0x00)");
+        EXPECT_EQ(error.what(),
+                  running().string() + " is not valid: line 2: not a text (octet 0x00)");
     }
 }
 
@@ -107,7 +110,8 @@ TEST_F(DeviceBackend, ARefusedTextChangesNothing) {
     device()->save();
     struct stat before {};
     ASSERT_EQ(::stat(running().c_str(), &before), 0);
-    for (const std::string &text : {std::string("hostname two\nvlan 5\nbogus\n"), std::string("hostname two\n\0", 14), std::string()}) {
+    for (const std::string &text : {std::string("hostname two\nvlan 5\nbogus\n"),
+                                    std::string("hostname two\n\0", 14), std::string()}) {
         try {
             device()->apply(text);
             EXPECT_TRUE(text.empty());
@@ -131,7 +135,8 @@ TEST_F(DeviceBackend, ARefusedTextChangesNothing) {
 TEST_F(DeviceBackend, AConfigurationCannotGrowWithoutEnd) {
     std::string half;
     for (unsigned i = 0; half.size() < ulmo::configuration_canonical_limit * 6 / 10; ++i) {
-        half += "interface a" + std::to_string(i) + "\n description " + std::string(250, 'x') + "\n";
+        half +=
+            "interface a" + std::to_string(i) + "\n description " + std::string(250, 'x') + "\n";
     }
     device()->apply(half);
     const std::string before = content(running());
@@ -139,7 +144,8 @@ TEST_F(DeviceBackend, AConfigurationCannotGrowWithoutEnd) {
     for (std::size_t at = 0; (at = other.find("interface a", at)) != std::string::npos;) {
         other[at + 10] = 'b';
     }
-    EXPECT_EQ(failure([&] { device()->apply(other); }), "the configuration would be larger than 8388608 octets");
+    EXPECT_EQ(failure([&] { device()->apply(other); }),
+              "the configuration would be larger than 8388608 octets");
     EXPECT_TRUE(content(running()) == before); // too large to be printed
 }
 
@@ -147,11 +153,13 @@ TEST_F(DeviceBackend, LinksInPlaceOfTheFilesAreNotFollowed) {
     const auto victim = file("victim", "hostname victim\n");
     std::filesystem::create_symlink(victim, running());
     EXPECT_NE(failure([&] { shown(); }).find("cannot open"), std::string::npos);
-    EXPECT_NE(failure([&] { device()->apply("hostname x\n"); }).find("cannot open"), std::string::npos);
+    EXPECT_NE(failure([&] { device()->apply("hostname x\n"); }).find("cannot open"),
+              std::string::npos);
     std::filesystem::remove(running());
     std::filesystem::create_symlink(victim, state() / "running.cfg.new");
     std::filesystem::create_symlink(victim, startup());
-    EXPECT_NE(failure([&] { device()->show(ConfigurationStore::startup); }).find("cannot open"), std::string::npos);
+    EXPECT_NE(failure([&] { device()->show(ConfigurationStore::startup); }).find("cannot open"),
+              std::string::npos);
     device()->store_startup("hostname y\n"); // replaces the link
     EXPECT_FALSE(std::filesystem::is_symlink(startup()));
     device()->apply("hostname x\n");
@@ -185,13 +193,16 @@ TEST_F(DeviceBackend, SavesToFurtherFilesAsWell) {
     std::filesystem::create_directory(directory_ / "usb");
     const auto absolute = directory_ / "usb" / "one.cfg";
     // The startup configuration is named here too, and one file under several names.
-    device()->save({"backup.cfg", absolute, "system.cfg", "backup.cfg", "./backup.cfg", "../usb/one.cfg", startup()}, {});
+    device()->save({"backup.cfg", absolute, "system.cfg", "backup.cfg", "./backup.cfg",
+                    "../usb/one.cfg", startup()},
+                   {});
     const std::string expected = "hostname one\nend\n";
     for (const auto &saved : {state() / "backup.cfg", absolute, startup()}) {
         EXPECT_EQ(content(saved), expected) << saved;
         EXPECT_EQ(permissions(saved), 0600U) << saved;
     }
-    EXPECT_EQ(names_in(state()), (std::set<std::string>{"backup.cfg", "running.cfg", "system.cfg"}));
+    EXPECT_EQ(names_in(state()),
+              (std::set<std::string>{"backup.cfg", "running.cfg", "system.cfg"}));
     EXPECT_EQ(names_in(directory_ / "usb"), std::set<std::string>{"one.cfg"});
     device()->apply("hostname two\n");
     device()->save();
@@ -202,10 +213,12 @@ TEST_F(DeviceBackend, SavesToFurtherFilesAsWell) {
 TEST_F(DeviceBackend, AFileThatIsNamedThroughALinkOfItsDirectoryIsOneFile) {
     device()->apply("hostname one\n");
     std::filesystem::create_directory_symlink(state(), directory_ / "link");
-    device()->save({directory_ / "link" / "system.cfg", directory_ / "link" / "backup.cfg", "backup.cfg"}, {});
+    device()->save(
+        {directory_ / "link" / "system.cfg", directory_ / "link" / "backup.cfg", "backup.cfg"}, {});
     EXPECT_EQ(content(startup()), "hostname one\nend\n");
     EXPECT_EQ(content(state() / "backup.cfg"), "hostname one\nend\n");
-    EXPECT_EQ(names_in(state()), (std::set<std::string>{"backup.cfg", "running.cfg", "system.cfg"}));
+    EXPECT_EQ(names_in(state()),
+              (std::set<std::string>{"backup.cfg", "running.cfg", "system.cfg"}));
 }
 
 TEST_F(DeviceBackend, ASaveThatIsGivenUpChangesNothing) {
@@ -222,9 +235,10 @@ TEST_F(DeviceBackend, ASaveThatIsGivenUpChangesNothing) {
                   });
               }),
               "given up");
-    EXPECT_EQ(prepared,
-              (std::set<std::string>{"backup.cfg", "backup.cfg.new", "new.cfg.new", "running.cfg", "system.cfg", "system.cfg.new"}));
-    EXPECT_EQ(names_in(state()), (std::set<std::string>{"backup.cfg", "running.cfg", "system.cfg"}));
+    EXPECT_EQ(prepared, (std::set<std::string>{"backup.cfg", "backup.cfg.new", "new.cfg.new",
+                                               "running.cfg", "system.cfg", "system.cfg.new"}));
+    EXPECT_EQ(names_in(state()),
+              (std::set<std::string>{"backup.cfg", "running.cfg", "system.cfg"}));
     EXPECT_EQ(content(startup()), "hostname one\nend\n");
     EXPECT_EQ(content(state() / "backup.cfg"), "hostname one\nend\n");
     device()->save();
@@ -237,7 +251,8 @@ TEST_F(DeviceBackend, AFileThatCantBePreparedStopsTheSave) {
     bool is_called = false;
     const std::string missing = (directory_ / "none" / "a.cfg").string();
     EXPECT_EQ(failure([&] {
-                  device()->save({"backup.cfg", directory_ / "none" / "a.cfg"}, [&] { is_called = true; });
+                  device()->save({"backup.cfg", directory_ / "none" / "a.cfg"},
+                                 [&] { is_called = true; });
               }),
               "cannot make " + missing + ": No such file or directory");
     EXPECT_FALSE(is_called);
@@ -253,8 +268,10 @@ TEST_F(DeviceBackend, TheStartupConfigurationIsReplacedLast) {
     std::filesystem::create_directory(state() / "zzz.cfg");
     EXPECT_NE(failure([&] { device()->save({"zzz.cfg", "backup.cfg"}, {}); }), "no failure");
     EXPECT_EQ(content(startup()), "hostname one\nend\n");
-    EXPECT_EQ(content(state() / "backup.cfg"), "hostname two\nend\n") << "an earlier file may be new";
-    EXPECT_EQ(names_in(state()), (std::set<std::string>{"backup.cfg", "running.cfg", "system.cfg", "zzz.cfg"}));
+    EXPECT_EQ(content(state() / "backup.cfg"), "hostname two\nend\n")
+        << "an earlier file may be new";
+    EXPECT_EQ(names_in(state()),
+              (std::set<std::string>{"backup.cfg", "running.cfg", "system.cfg", "zzz.cfg"}));
 }
 
 TEST_F(DeviceBackend, StartsFromTheStartupConfiguration) {
@@ -276,7 +293,8 @@ TEST_F(DeviceBackend, StartsFromTheFactoryDefaultWithoutAStartupConfiguration) {
 TEST_F(DeviceBackend, AStartupConfigurationThatIsNotValidStartsNothing) {
     device()->apply("hostname stays\n");
     file("state/system.cfg", "hostname a\nbogus\n");
-    EXPECT_EQ(failure([&] { device()->start(); }), startup().string() + " is not valid: line 2: unknown statement 'bogus'");
+    EXPECT_EQ(failure([&] { device()->start(); }),
+              startup().string() + " is not valid: line 2: unknown statement 'bogus'");
     EXPECT_EQ(content(running()), "hostname stays\nend\n");
     EXPECT_EQ(content(startup()), "hostname a\nbogus\n");
 }
@@ -302,18 +320,22 @@ TEST_F(DeviceBackend, AFileThatIsNotCommittedLeavesTheOldOne) {
 
 TEST_F(DeviceBackend, TheWaitForTheLockHasAnEnd) {
     device()->save();
-    const std::string timed_out = "cannot lock " + (state() / "configuration.lock").string() + ": Connection timed out";
+    const std::string timed_out =
+        "cannot lock " + (state() / "configuration.lock").string() + ": Connection timed out";
     {
-        const ulmo::FileLock shared(state() / "configuration.lock", ulmo::FileLock::Mode::shared, milliseconds(0));
+        const ulmo::FileLock shared(state() / "configuration.lock", ulmo::FileLock::Mode::shared,
+                                    milliseconds(0));
         EXPECT_EQ(device(milliseconds(0))->show(ConfigurationStore::running), factory);
         EXPECT_EQ(failure([&] { device(milliseconds(30))->apply("hostname x\n"); }), timed_out);
         EXPECT_EQ(failure([&] { device(milliseconds(0))->save(); }), timed_out);
         EXPECT_EQ(failure([&] { device(milliseconds(0))->store_startup(""); }), timed_out);
     }
     {
-        const ulmo::FileLock exclusive(state() / "configuration.lock", ulmo::FileLock::Mode::exclusive, milliseconds(0));
+        const ulmo::FileLock exclusive(state() / "configuration.lock",
+                                       ulmo::FileLock::Mode::exclusive, milliseconds(0));
         const auto begin = std::chrono::steady_clock::now();
-        EXPECT_EQ(failure([&] { device(milliseconds(50))->show(ConfigurationStore::running); }), timed_out);
+        EXPECT_EQ(failure([&] { device(milliseconds(50))->show(ConfigurationStore::running); }),
+                  timed_out);
         EXPECT_GE(std::chrono::steady_clock::now() - begin, milliseconds(50));
     }
     EXPECT_EQ(content(running()), factory);
@@ -328,7 +350,8 @@ TEST_F(DeviceBackend, AStreamOfReadersDoesNotKeepAWriterOut) {
     for (unsigned i = 0; i < 6; ++i) {
         readers.emplace_back([&] {
             while (!done) {
-                const ulmo::FileLock lock(lock_file, ulmo::FileLock::Mode::shared, ulmo::device_lock_wait);
+                const ulmo::FileLock lock(lock_file, ulmo::FileLock::Mode::shared,
+                                          ulmo::device_lock_wait);
                 ++reads;
                 std::this_thread::sleep_for(milliseconds(7));
             }
@@ -414,7 +437,8 @@ TEST_F(DeviceBackend, AKilledWriterLeavesWholeFiles) {
     for (unsigned v = 0; v < 2; ++v) {
         versions[v] = "hostname v" + std::to_string(v) + "\n";
         for (unsigned i = 1; i <= 1500; ++i) {
-            versions[v] += "vlan " + std::to_string(i) + "\n  name " + std::string(30, static_cast<char>('a' + v)) + "\n";
+            versions[v] += "vlan " + std::to_string(i) + "\n  name " +
+                           std::string(30, static_cast<char>('a' + v)) + "\n";
         }
         versions[v] += "end\n";
     }
@@ -429,7 +453,8 @@ TEST_F(DeviceBackend, AKilledWriterLeavesWholeFiles) {
         for (const char *name : {"running.cfg.new", "system.cfg.new"}) {
             struct stat status {};
             ::stat((state() / name).c_str(), &status);
-            all.insert(all.end(), {static_cast<long>(status.st_ino), status.st_size, status.st_mtim.tv_sec, status.st_mtim.tv_nsec});
+            all.insert(all.end(), {static_cast<long>(status.st_ino), status.st_size,
+                                   status.st_mtim.tv_sec, status.st_mtim.tv_nsec});
         }
         return all;
     };
@@ -461,10 +486,14 @@ TEST_F(DeviceBackend, AKilledWriterLeavesWholeFiles) {
         for (const auto &path : {running(), startup()}) {
             const std::string text = content(path);
             const auto version = std::find(std::begin(versions), std::end(versions), text);
-            ASSERT_NE(version, std::end(versions)) << "round " << round << ": " << path << " holds " << text.size() << " octets";
+            ASSERT_NE(version, std::end(versions))
+                << "round " << round << ": " << path << " holds " << text.size() << " octets";
             ++seen[version - std::begin(versions)];
         }
-        interrupted += std::filesystem::exists(state() / "running.cfg.new") || std::filesystem::exists(state() / "system.cfg.new") ? 1 : 0;
+        interrupted += std::filesystem::exists(state() / "running.cfg.new") ||
+                               std::filesystem::exists(state() / "system.cfg.new")
+                           ? 1
+                           : 0;
     }
     EXPECT_GT(seen[0], 0U);
     EXPECT_GT(seen[1], 0U);
@@ -478,29 +507,31 @@ TEST_F(DeviceBackend, AKilledWriterLeavesWholeFiles) {
 TEST_F(DeviceBackend, AFullDiskChangesNothing) {
     REQUIRE_SUPERUSER("mounts a small disk");
     // In a mount namespace of its own, so that the disk goes with the process.
-    EXPECT_EQ(host_test::in_child([this] {
-                  if (!get_own_mounts() || ::mount("small", state().c_str(), "tmpfs", 0, "size=64k,mode=0700") != 0) {
-                      return 1;
-                  }
-                  device()->apply("hostname one\n");
-                  device()->save();
-                  std::string large;
-                  for (unsigned i = 1; i <= 2000; ++i) {
-                      large += "vlan " + std::to_string(i) + "\n name " + std::string(30, 'x') + "\n";
-                  }
-                  const std::string applied = failure([&] { device()->apply(large); });
-                  const std::string stored = failure([&] { device()->store_startup(large); });
-                  EXPECT_EQ(applied, "cannot write " + running().string() + ": No space left on device");
-                  EXPECT_EQ(stored, "cannot write " + startup().string() + ": No space left on device");
-                  EXPECT_EQ(content(running()), "hostname one\nend\n");
-                  EXPECT_EQ(content(startup()), "hostname one\nend\n");
-                  EXPECT_FALSE(std::filesystem::exists(running().string() + ".new"));
-                  EXPECT_FALSE(std::filesystem::exists(startup().string() + ".new"));
-                  device()->apply("hostname two\n"); // the room is free again
-                  EXPECT_EQ(shown(), "hostname two\nend\n");
-                  return HasFailure() ? 2 : 0;
-              }),
-              0);
+    EXPECT_EQ(
+        host_test::in_child([this] {
+            if (!get_own_mounts() ||
+                ::mount("small", state().c_str(), "tmpfs", 0, "size=64k,mode=0700") != 0) {
+                return 1;
+            }
+            device()->apply("hostname one\n");
+            device()->save();
+            std::string large;
+            for (unsigned i = 1; i <= 2000; ++i) {
+                large += "vlan " + std::to_string(i) + "\n name " + std::string(30, 'x') + "\n";
+            }
+            const std::string applied = failure([&] { device()->apply(large); });
+            const std::string stored = failure([&] { device()->store_startup(large); });
+            EXPECT_EQ(applied, "cannot write " + running().string() + ": No space left on device");
+            EXPECT_EQ(stored, "cannot write " + startup().string() + ": No space left on device");
+            EXPECT_EQ(content(running()), "hostname one\nend\n");
+            EXPECT_EQ(content(startup()), "hostname one\nend\n");
+            EXPECT_FALSE(std::filesystem::exists(running().string() + ".new"));
+            EXPECT_FALSE(std::filesystem::exists(startup().string() + ".new"));
+            device()->apply("hostname two\n"); // the room is free again
+            EXPECT_EQ(shown(), "hostname two\nend\n");
+            return HasFailure() ? 2 : 0;
+        }),
+        0);
 }
 
 TEST_F(DeviceBackend, TheSettingChoosesTheBackend) {
@@ -509,7 +540,8 @@ TEST_F(DeviceBackend, TheSettingChoosesTheBackend) {
     EXPECT_EQ(ulmo::make_device_backend()->show(ConfigurationStore::running), factory);
     file("platform.conf", "device_backend = remote\n");
     EXPECT_EQ(failure([] { ulmo::make_device_backend(); }),
-              (directory_ / "platform.conf").string() + " line 1: device_backend = remote: must be embedded; copies and saves fail");
+              (directory_ / "platform.conf").string() +
+                  " line 1: device_backend = remote: must be embedded; copies and saves fail");
 }
 
 TEST_F(DeviceBackend, AConfigurationFileIsARegularFileOfBoundedSize) {
@@ -527,7 +559,8 @@ TEST_F(DeviceBackend, AConfigurationFileIsARegularFileOfBoundedSize) {
     const auto path = directory_ / "none";
     EXPECT_EQ(refused(path), "cannot open " + path.string() + ": No such file or directory");
     EXPECT_EQ(refused(""), "cannot open: No such file or directory");
-    EXPECT_EQ(refused(directory_), "not a regular file: " + directory_.string() + ": Is a directory");
+    EXPECT_EQ(refused(directory_),
+              "not a regular file: " + directory_.string() + ": Is a directory");
     EXPECT_EQ(refused("/dev/zero"), "not a regular file: /dev/zero: Invalid argument");
     const auto fifo = directory_ / "fifo";
     ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);

@@ -25,7 +25,9 @@ class CliShell : public DeviceTest {
         std::memcpy(params.output, output.data(), output.size());
         return cmdshell_execute_cfg_file2(&params);
     }
-    uint32_t execute(const std::string &text) const { return execute(file("new.cfg", text), output()); }
+    uint32_t execute(const std::string &text) const {
+        return execute(file("new.cfg", text), output());
+    }
     std::string output() const { return directory_ / "out.txt"; }
 
     // A path of exactly `length` octets.
@@ -56,14 +58,16 @@ TEST_F(CliShell, EveryRefusalHasItsCodeAndChangesNothing) {
         std::string reason;
     };
     const Case cases[] = {
-        {"hostname x\nvlan 5000\n", 0x40540003U, "line 2: vlan number expected, 1 to 4094, not '5000'"},
+        {"hostname x\nvlan 5000\n", 0x40540003U,
+         "line 2: vlan number expected, 1 to 4094, not '5000'"},
         {"hostname x\nfoo\n", 0x40540003U, "line 2: unknown statement 'foo'"},
         {"!" + std::string(4096, 'x'), 0x40540003U, "line 1: longer than 4096 octets"},
         {std::string("hostname x\n\0", 12), 0x40540002U, "line 2: not a text (octet 0x00)"},
         {"\x7F"
          "ELF\x02\x01",
          0x40540002U, "line 1: not a text (octet 0x7f)"},
-        {std::string(134217729, '\n'), 0x40540002U, name + " is larger than 134217728 octets: File too large"},
+        {std::string(134217729, '\n'), 0x40540002U,
+         name + " is larger than 134217728 octets: File too large"},
     };
     for (const Case &refused : cases) {
         EXPECT_EQ(execute(refused.text), refused.code) << refused.reason;
@@ -79,8 +83,9 @@ TEST_F(CliShell, EveryRefusalHasItsCodeAndChangesNothing) {
 TEST_F(CliShell, AFailureOfTheDeviceIsAnErrorOfApplying) {
     file("platform.conf", "device_backend = remote\n");
     EXPECT_EQ(execute("hostname x\n"), 0x40540001U);
-    EXPECT_EQ(content(output()), (directory_ / "new.cfg").string() + ": " + (directory_ / "platform.conf").string() +
-                                     " line 1: device_backend = remote: must be embedded; copies and saves fail\n");
+    EXPECT_EQ(content(output()),
+              (directory_ / "new.cfg").string() + ": " + (directory_ / "platform.conf").string() +
+                  " line 1: device_backend = remote: must be embedded; copies and saves fail\n");
     file("platform.conf", "");
     file("state/running.cfg", "damaged\n");
     EXPECT_EQ(execute("hostname x\n"), 0x40540001U);
@@ -94,7 +99,8 @@ TEST_F(CliShell, NamesMayFillTheirFieldsWithoutATerminator) {
     const std::string result = long_path("o", CMDSHELL_FILE_SIZE);
     std::filesystem::copy_file(file("short", "hostname long-name\n"), configuration);
     cmdshell_exec_params params;
-    std::memset(&params, 'z', sizeof(params)); // what follows the names must not be taken for a part of them
+    // what follows the names must not be taken for a part of them
+    std::memset(&params, 'z', sizeof(params));
     std::memcpy(params.file, configuration.data(), sizeof(params.file));
     std::memcpy(params.output, result.data(), sizeof(params.output));
     EXPECT_EQ(cmdshell_execute_cfg_file2(&params), 0U);
@@ -189,9 +195,12 @@ TEST_F(SystemManager, StoresTheStartupConfigurationOctetForOctet) {
 
 TEST_F(SystemManager, EveryRefusalHasItsCodeAndChangesNothing) {
     ASSERT_EQ(warden_cli_write_ascii_cfg(-1, file("new.cfg", "hostname before\n").c_str()), 0U);
-    EXPECT_EQ(warden_cli_write_ascii_cfg(-1, file("new.cfg", "hostname a\nfoo\n").c_str()), ulmo::warden_err_bad_line);
-    EXPECT_EQ(warden_cli_write_ascii_cfg(-1, file("new.cfg", "\x1F\x8B").c_str()), ulmo::warden_err_bad_file);
-    EXPECT_EQ(warden_cli_write_ascii_cfg(-1, (directory_ / "none").c_str()), ulmo::warden_err_bad_file);
+    EXPECT_EQ(warden_cli_write_ascii_cfg(-1, file("new.cfg", "hostname a\nfoo\n").c_str()),
+              ulmo::warden_err_bad_line);
+    EXPECT_EQ(warden_cli_write_ascii_cfg(-1, file("new.cfg", "\x1F\x8B").c_str()),
+              ulmo::warden_err_bad_file);
+    EXPECT_EQ(warden_cli_write_ascii_cfg(-1, (directory_ / "none").c_str()),
+              ulmo::warden_err_bad_file);
     EXPECT_EQ(warden_cli_write_ascii_cfg(-1, directory_.c_str()), ulmo::warden_err_bad_file);
     const auto good = file("new.cfg", "hostname a\n");
     file("platform.conf", "device_backend = remote\n");
@@ -208,8 +217,10 @@ class CmdshellProgram : public DeviceTest {
         std::string errors;
     };
 
-    // Runs cmdshell with standard input from a file of that text, and standard output to `sink` unless that is empty.
-    Result run(const std::vector<std::string> &arguments, const std::string &input = "", const std::string &sink = "") const {
+    // Runs cmdshell with standard input from a file of that text, and standard output to `sink`
+    // unless that is empty.
+    Result run(const std::vector<std::string> &arguments, const std::string &input = "",
+               const std::string &sink = "") const {
         const auto in = file("stdin", input);
         const std::string out = sink.empty() ? (directory_ / "stdout").string() : sink;
         std::string command = "exec " + host_test::quoted_program("cmdshell");
@@ -218,12 +229,13 @@ class CmdshellProgram : public DeviceTest {
         }
         command += " <" + in.string() + " >" + out + " 2>" + (directory_ / "stderr").string();
         const int status = std::system(command.c_str());
-        return {WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status), sink.empty() ? content(out) : "",
-                content(directory_ / "stderr")};
+        return {WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status),
+                sink.empty() ? content(out) : "", content(directory_ / "stderr")};
     }
     Result command(const std::string &text) const { return run({"-c", text}); }
 
-    static void expect_result(const Result &result, int status, const std::string &output, const std::string &errors) {
+    static void expect_result(const Result &result, int status, const std::string &output,
+                              const std::string &errors) {
         EXPECT_EQ(result.status, status);
         EXPECT_EQ(result.output, output);
         EXPECT_EQ(result.errors, errors);
@@ -232,29 +244,35 @@ class CmdshellProgram : public DeviceTest {
 
 TEST_F(CmdshellProgram, ShowsAndCopies) {
     expect_result(command("show running-config"), 0, factory, "");
-    expect_result(command("show startup-config"), 1, "", "cmdshell: show startup-config: there is no startup configuration\n");
-    expect_result(command("copy startup-config running-config"), 1, "",
-                  "cmdshell: copy startup-config running-config: there is no startup configuration\n");
+    expect_result(command("show startup-config"), 1, "",
+                  "cmdshell: show startup-config: there is no startup configuration\n");
+    expect_result(
+        command("copy startup-config running-config"), 1, "",
+        "cmdshell: copy startup-config running-config: there is no startup configuration\n");
     expect_result(command("configure " + file("a file.cfg", "hostname a\n").string()), 0, "", "");
     expect_result(command("  copy\trunning-config   startup-config "), 0, "", "");
     expect_result(command("show startup-config"), 0, "hostname a\nend\n", "");
-    expect_result(command("configure " + file("b.cfg", "vlan 2\nhostname b\n").string()), 0, "", "");
+    expect_result(command("configure " + file("b.cfg", "vlan 2\nhostname b\n").string()), 0, "",
+                  "");
     expect_result(command("copy startup-config running-config"), 0, "", "");
     expect_result(command("show running-config"), 0, "hostname a\nvlan 2\nend\n", "");
 }
 
 TEST_F(CmdshellProgram, SaysWhyACommandFailed) {
-    expect_result(command("shew"), 1, "", "cmdshell: shew: unknown command; 'help' lists the commands\n");
+    expect_result(command("shew"), 1, "",
+                  "cmdshell: shew: unknown command; 'help' lists the commands\n");
     expect_result(command(""), 1, "", "cmdshell: : unknown command; 'help' lists the commands\n");
-    expect_result(command("show running-config x"), 1, "", "cmdshell: show running-config x: unknown command; 'help' lists the commands\n");
+    expect_result(command("show running-config x"), 1, "",
+                  "cmdshell: show running-config x: unknown command; 'help' lists the commands\n");
     expect_result(command("configure"), 1, "", "cmdshell: configure: a file name is missing\n");
     const std::string bad = "configure " + file("bad.cfg", "hostname x\nfoo\n").string();
     expect_result(command(bad), 1, "", "cmdshell: " + bad + ": line 2: unknown statement 'foo'\n");
     expect_result(command("show running-config"), 0, factory, "");
     file("platform.conf", "device_backend = remote\n");
-    expect_result(command("show running-config"), 1, "",
-                  "cmdshell: show running-config: " + (directory_ / "platform.conf").string() +
-                      " line 1: device_backend = remote: must be embedded; copies and saves fail\n");
+    expect_result(
+        command("show running-config"), 1, "",
+        "cmdshell: show running-config: " + (directory_ / "platform.conf").string() +
+            " line 1: device_backend = remote: must be embedded; copies and saves fail\n");
 }
 
 TEST_F(CmdshellProgram, ShowsTheSettingsAndWhatIsWrongWithThem) {
@@ -263,25 +281,32 @@ TEST_F(CmdshellProgram, ShowsTheSettingsAndWhatIsWrongWithThem) {
     EXPECT_EQ(defaults.errors, "");
     EXPECT_NE(defaults.output.find("\n#startup_copy = backup.cfg\n"), std::string::npos);
     EXPECT_NE(defaults.output.find("\n#wwn =\n"), std::string::npos);
-    const auto path = file("platform.conf", "startup_copy = a\nstartup_copy = b\nfabric_auth_passphrase = hush-hush\n"
-                                            "fabric_member = x auth-passphrase=hush-hush\n"
-                                            "device_backend = remote\nhistori = all\n");
+    const auto path = file(
+        "platform.conf", "startup_copy = a\nstartup_copy = b\nfabric_auth_passphrase = hush-hush\n"
+                         "fabric_member = x auth-passphrase=hush-hush\n"
+                         "device_backend = remote\nhistori = all\n");
     const Result set = command("show settings");
     EXPECT_EQ(set.status, 0);
-    for (const char *lines : {"\nstartup_copy = a\nstartup_copy = b\n", "\nfabric_auth_passphrase = ...\n", "\nfabric_member = ...\n",
-                              "\ndevice_backend = (bad: copies and saves fail)\n", "\n#history = errors\n"}) {
+    for (const char *lines :
+         {"\nstartup_copy = a\nstartup_copy = b\n", "\nfabric_auth_passphrase = ...\n",
+          "\nfabric_member = ...\n", "\ndevice_backend = (bad: copies and saves fail)\n",
+          "\n#history = errors\n"}) {
         EXPECT_NE(set.output.find(lines), std::string::npos) << lines;
     }
     EXPECT_EQ(set.output.find("hush"), std::string::npos);
-    EXPECT_EQ(set.errors, "cmdshell: " + path.string() + " line 5: device_backend = remote: must be embedded; copies and saves fail\n" +
-                              "cmdshell: " + path.string() + " line 6: histori: unknown setting; the line is ignored\n");
+    EXPECT_EQ(set.errors,
+              "cmdshell: " + path.string() +
+                  " line 5: device_backend = remote: must be embedded; copies and saves fail\n" +
+                  "cmdshell: " + path.string() +
+                  " line 6: histori: unknown setting; the line is ignored\n");
 }
 
 TEST_F(CmdshellProgram, TellsWhatHappenedUnderSettingsThatCantBeRead) {
     file("run/last-save", "saved");
     std::filesystem::create_directory(directory_ / "platform.conf");
     expect_result(command("show last-save"), 0, "saved\n", "");
-    const std::string why = (directory_ / "platform.conf").string() + " can't be read: Is a directory; copies and saves fail\n";
+    const std::string why = (directory_ / "platform.conf").string() +
+                            " can't be read: Is a directory; copies and saves fail\n";
     expect_result(command("show running-config"), 1, "", "cmdshell: show running-config: " + why);
     EXPECT_EQ(command("show settings").errors, "cmdshell: " + why);
 }
@@ -289,29 +314,38 @@ TEST_F(CmdshellProgram, TellsWhatHappenedUnderSettingsThatCantBeRead) {
 TEST_F(CmdshellProgram, ListsItsCommands) {
     const Result result = command("help");
     EXPECT_EQ(result.status, 0);
-    for (const char *words : {"show running-config ", "show startup-config ", "show settings ", "copy running-config startup-config ",
-                              "copy startup-config running-config ", "configure FILE ", "help ", "exit "}) {
-        EXPECT_NE(("\n" + result.output).find(std::string("\n") + words), std::string::npos) << words;
+    for (const char *words :
+         {"show running-config ", "show startup-config ", "show settings ",
+          "copy running-config startup-config ", "copy startup-config running-config ",
+          "configure FILE ", "help ", "exit "}) {
+        EXPECT_NE(("\n" + result.output).find(std::string("\n") + words), std::string::npos)
+            << words;
     }
 }
 
 TEST_F(CmdshellProgram, RefusesAWrongCall) {
-    for (const std::vector<std::string> &arguments :
-         {std::vector<std::string>{"-c"}, {"-x"}, {"show running-config"}, {"-c", "help", "more"}, {"-x", "help"}}) {
+    for (const std::vector<std::string> &arguments : {std::vector<std::string>{"-c"},
+                                                      {"-x"},
+                                                      {"show running-config"},
+                                                      {"-c", "help", "more"},
+                                                      {"-x", "help"}}) {
         expect_result(run(arguments), 2, "", "usage: cmdshell [-c COMMAND]\n");
     }
 }
 
 TEST_F(CmdshellProgram, ReadsCommandsUntilOneFails) {
-    expect_result(run({}, "\n copy running-config startup-config\r\nshow startup-config"), 0, factory, "");
-    expect_result(run({}, "shew\nshow running-config\n"), 1, "", "cmdshell: shew: unknown command; 'help' lists the commands\n");
+    expect_result(run({}, "\n copy running-config startup-config\r\nshow startup-config"), 0,
+                  factory, "");
+    expect_result(run({}, "shew\nshow running-config\n"), 1, "",
+                  "cmdshell: shew: unknown command; 'help' lists the commands\n");
     expect_result(run({}, "exit\nshew\n"), 0, "", "");
     expect_result(run({}), 0, "", "");
 }
 
 TEST_F(CmdshellProgram, PrintsAStartupConfigurationAsItIsWhereverTheOutputGoes) {
     std::string text = "hostname a\n";
-    for (unsigned line = 0; text.size() < 300'000; ++line) { // more than a pipe holds, or the copy moves at once
+    // more than a pipe holds, or the copy moves at once
+    for (unsigned line = 0; text.size() < 300'000; ++line) {
         text += "! comment " + std::to_string(line) + "\n";
     }
     const auto appended = file("appended", "before\n");
@@ -319,16 +353,19 @@ TEST_F(CmdshellProgram, PrintsAStartupConfigurationAsItIsWhereverTheOutputGoes) 
     EXPECT_EQ(command("show startup-config").output, text);
     expect_result(run({"-c", "show startup-config"}, "", ">" + appended.string()), 0, "", "");
     EXPECT_EQ(content(appended), "before\n" + text);
-    expect_result(run({"-c", "show startup-config"}, "", "/dev/full"), 1, "",
-                  "cmdshell: show startup-config: cannot write the output: No space left on device\n");
+    expect_result(
+        run({"-c", "show startup-config"}, "", "/dev/full"), 1, "",
+        "cmdshell: show startup-config: cannot write the output: No space left on device\n");
     expect_result(run({"-c", "show startup-config"}, "", "&-"), 1, "",
                   "cmdshell: show startup-config: cannot write the output: Bad file descriptor\n");
 }
 
 TEST_F(CmdshellProgram, OutputThatGetsLostIsAFailure) {
-    expect_result(run({"-c", "show running-config"}, "", "/dev/full"), 1, "",
-                  "cmdshell: show running-config: cannot write the output: No space left on device\n");
-    expect_result(run({"-c", "help"}, "", "/dev/full"), 1, "", "cmdshell: help: cannot write the output: No space left on device\n");
+    expect_result(
+        run({"-c", "show running-config"}, "", "/dev/full"), 1, "",
+        "cmdshell: show running-config: cannot write the output: No space left on device\n");
+    expect_result(run({"-c", "help"}, "", "/dev/full"), 1, "",
+                  "cmdshell: help: cannot write the output: No space left on device\n");
     expect_result(run({"-c", "show running-config"}, "", "&-"), 1, "",
                   "cmdshell: show running-config: cannot write the output: Bad file descriptor\n");
     int ends[2];
@@ -347,7 +384,8 @@ TEST_F(CmdshellProgram, OutputThatGetsLostIsAFailure) {
     if (ends[1] != sink) {
         ASSERT_EQ(::close(ends[1]), 0);
     }
-    expect_result(result, 1, "", "cmdshell: show running-config: cannot write the output: Broken pipe\n");
+    expect_result(result, 1, "",
+                  "cmdshell: show running-config: cannot write the output: Broken pipe\n");
 }
 
 } // namespace

@@ -80,7 +80,8 @@ TEST(ConfigurationText, EveryStatementHasItsCanonicalForm) {
 }
 
 TEST(ConfigurationText, EmptyTextsAndCommentsChangeNothing) {
-    for (const char *text : {"", "\n", "\r\n", "!", "  ! indented\n# other\n\n   \n\t\n", "end", "end\n! after\n\n", "\xEF\xBB\xBF"}) {
+    for (const char *text : {"", "\n", "\r\n", "!", "  ! indented\n# other\n\n   \n\t\n", "end",
+                             "end\n! after\n\n", "\xEF\xBB\xBF"}) {
         EXPECT_EQ(merged("hostname a", text), "hostname a\nend\n") << text;
     }
 }
@@ -91,23 +92,35 @@ TEST(ConfigurationText, LinesMayEndWithCrLfAndTheLastWithNothing) {
 }
 
 TEST(ConfigurationText, LaterStatementsReplaceValuesAndMergeBlocks) {
-    EXPECT_EQ(merged("hostname a\ninterface e1\n description x\n ip address 10.0.0.1/8\n shutdown\nvlan 5\n name old\nusername u role r\n",
-                     "hostname b\ninterface e1\n ip address 10.0.0.2/16\n no shutdown\nvlan 5\nusername u role s\nvlan 5\n name new\n"),
-              "hostname b\nusername u role s\nvlan 5\n  name new\ninterface e1\n  description x\n  ip address 10.0.0.2/16\nend\n");
+    EXPECT_EQ(merged("hostname a\ninterface e1\n description x\n ip address 10.0.0.1/8\n "
+                     "shutdown\nvlan 5\n name old\nusername u role r\n",
+                     "hostname b\ninterface e1\n ip address 10.0.0.2/16\n no shutdown\nvlan "
+                     "5\nusername u role s\nvlan 5\n name new\n"),
+              "hostname b\nusername u role s\nvlan 5\n  name new\ninterface e1\n  description x\n  "
+              "ip address 10.0.0.2/16\nend\n");
 }
 
 TEST(ConfigurationText, NoTakesBackWhatWasSet) {
-    constexpr std::string_view full = "hostname a\nbanner b\nusername u role r\nvlan 5\n name n\ninterface e1\n description d\n"
-                                      " ip address 10.0.0.1/8\n shutdown\nntp server 10.0.0.9\nntp server 2001:db8::1\n"
-                                      "snmp-server location l\nsnmp-server contact c\n";
-    EXPECT_EQ(merged(full, "no hostname\nno banner\nno username u\nno vlan 5\nno interface e1\nno ntp server 10.0.0.9\n"
-                           "no ntp server 2001:DB8::0:1\nno snmp-server location\nno snmp-server contact\n"),
-              "end\n");
-    EXPECT_EQ(merged(full, "no hostname a\nno banner b c\nno username u role r\nvlan 5\n no name\ninterface e1\n no description d\n"
-                           " no ip address 10.0.0.1/8\n no shutdown\nno ntp server 10.0.0.9\nno snmp-server location x\n"
+    constexpr std::string_view full =
+        "hostname a\nbanner b\nusername u role r\nvlan 5\n name n\ninterface e1\n description d\n"
+        " ip address 10.0.0.1/8\n shutdown\nntp server 10.0.0.9\nntp server 2001:db8::1\n"
+        "snmp-server location l\nsnmp-server contact c\n";
+    EXPECT_EQ(
+        merged(full,
+               "no hostname\nno banner\nno username u\nno vlan 5\nno interface e1\nno ntp server "
+               "10.0.0.9\n"
+               "no ntp server 2001:DB8::0:1\nno snmp-server location\nno snmp-server contact\n"),
+        "end\n");
+    EXPECT_EQ(merged(full, "no hostname a\nno banner b c\nno username u role r\nvlan 5\n no "
+                           "name\ninterface e1\n no description d\n"
+                           " no ip address 10.0.0.1/8\n no shutdown\nno ntp server 10.0.0.9\nno "
+                           "snmp-server location x\n"
                            "no snmp-server contact y\n"),
               "vlan 5\ninterface e1\nntp server 2001:db8::1\nend\n");
-    EXPECT_EQ(merged("hostname a", "no banner\nno username u\nno vlan 5\nno interface e1\nno ntp server 10.0.0.9\n"), "hostname a\nend\n");
+    EXPECT_EQ(
+        merged("hostname a",
+               "no banner\nno username u\nno vlan 5\nno interface e1\nno ntp server 10.0.0.9\n"),
+        "hostname a\nend\n");
 }
 
 TEST(ConfigurationText, LimitsAreInclusive) {
@@ -180,7 +193,8 @@ TEST(ConfigurationText, RefusedLinesAreNamedWithTheReason) {
         {"ntp server 10.0.0.256", "server address expected, not '10.0.0.256'"},
         {"ntp server 2001:db8::g", "server address expected, not '2001:db8::g'"},
         {"ntp server " + letters(64), "server address expected, not '" + letters(40) + "...'"},
-        {"ntp server a." + std::string(300, '.'), "server address expected, not 'a." + std::string(38, '.') + "...'"},
+        {"ntp server a." + std::string(300, '.'),
+         "server address expected, not 'a." + std::string(38, '.') + "...'"},
         {"snmp-server", "'location' or 'contact' expected, not ''"},
         {"snmp-server community x", "'location' or 'contact' expected, not 'community'"},
         {"snmp-server contact", "text expected"},
@@ -190,7 +204,8 @@ TEST(ConfigurationText, RefusedLinesAreNamedWithTheReason) {
         {letters(39) + "\xC3\xBC", "unknown statement '" + letters(39) + "...'"},
     };
     for (const Case &refused : cases) {
-        expect_refused("hostname ok\n\n" + refused.line + "\n", Kind::bad_line, "line 3: " + refused.reason);
+        expect_refused("hostname ok\n\n" + refused.line + "\n", Kind::bad_line,
+                       "line 3: " + refused.reason);
     }
     const std::vector<Case> in_interface = {
         {"bogus", "unknown statement 'bogus' in an interface block"},
@@ -203,22 +218,30 @@ TEST(ConfigurationText, RefusedLinesAreNamedWithTheReason) {
         {"ip route 1", "'address' expected, not 'route'"},
     };
     for (const Case &refused : in_interface) {
-        expect_refused("interface e1\n " + refused.line, Kind::bad_line, "line 2: " + refused.reason);
+        expect_refused("interface e1\n " + refused.line, Kind::bad_line,
+                       "line 2: " + refused.reason);
     }
-    for (const char *address : {"", "10.0.0.1", "10.0.0.1/", "10.0.0.1/33", "10.0.0.1/-1", "10.0.0/24", "10.0.0.256/24", "0.0.0.1/8",
-                                "224.0.0.1/4", "255.255.255.255/32", "2001:db8::1/64", "10.0.0.1/24/1", "/24"}) {
+    for (const char *address : {"", "10.0.0.1", "10.0.0.1/", "10.0.0.1/33", "10.0.0.1/-1",
+                                "10.0.0/24", "10.0.0.256/24", "0.0.0.1/8", "224.0.0.1/4",
+                                "255.255.255.255/32", "2001:db8::1/64", "10.0.0.1/24/1", "/24"}) {
         for (const char *no : {"", "no "}) {
             if (*no != '\0' && *address == '\0') {
                 continue; // this takes the address back
             }
-            expect_refused("interface e1\n " + std::string(no) + "ip address " + address, Kind::bad_line,
-                           "line 2: unicast address with prefix length expected, as in 192.0.2.1/24, not '" + std::string(address) + "'");
+            expect_refused(
+                "interface e1\n " + std::string(no) + "ip address " + address, Kind::bad_line,
+                "line 2: unicast address with prefix length expected, as in 192.0.2.1/24, not '" +
+                    std::string(address) + "'");
         }
     }
-    expect_refused("interface e1\n ip address 10.0.0.1/8 secondary", Kind::bad_line, "line 2: unexpected 'secondary'");
-    expect_refused("vlan 1\n shutdown", Kind::bad_line, "line 2: unknown statement 'shutdown' in a vlan block");
-    expect_refused("vlan 1\n name " + letters(33), Kind::bad_line, "line 2: text longer than 32 octets");
-    expect_refused("vlan 1\nhostname a\n name x", Kind::bad_line, "line 3: indented, but no 'interface' or 'vlan' block is open");
+    expect_refused("interface e1\n ip address 10.0.0.1/8 secondary", Kind::bad_line,
+                   "line 2: unexpected 'secondary'");
+    expect_refused("vlan 1\n shutdown", Kind::bad_line,
+                   "line 2: unknown statement 'shutdown' in a vlan block");
+    expect_refused("vlan 1\n name " + letters(33), Kind::bad_line,
+                   "line 2: text longer than 32 octets");
+    expect_refused("vlan 1\nhostname a\n name x", Kind::bad_line,
+                   "line 3: indented, but no 'interface' or 'vlan' block is open");
     expect_refused("interface e1\nno interface e1\n shutdown", Kind::bad_line,
                    "line 3: indented, but no 'interface' or 'vlan' block is open");
     expect_refused("vlan 1\nend\n name x", Kind::bad_line, "line 3: statement after 'end'");
@@ -226,21 +249,29 @@ TEST(ConfigurationText, RefusedLinesAreNamedWithTheReason) {
 
 TEST(ConfigurationText, WhatIsNoTextIsABadFile) {
     const std::vector<std::pair<std::string, std::string>> octets = {
-        {std::string(1, '\0'), "00"}, {"\x01", "01"},     {"\x1B", "1b"}, {"\x7F", "7f"}, {"\rx", "0d"}, {"\x80", "80"},
-        {"\xC0\x80", "c0"},                               // overlong
-        {"\xC2\x85", "c2"},                               // C1 control
-        {"\xE0\x9F\xBF", "e0"},                           // overlong
-        {"\xED\xA0\x80", "ed"},                           // surrogate
-        {"\xF0\x8F\xBF\xBF", "f0"},                       // overlong
-        {"\xF4\x90\x80\x80", "f4"},                       // beyond U+10FFFF
-        {"\xF5\x80\x80\x80", "f5"},   {"\xE2\x82", "e2"}, // cut off
+        {std::string(1, '\0'), "00"},
+        {"\x01", "01"},
+        {"\x1B", "1b"},
+        {"\x7F", "7f"},
+        {"\rx", "0d"},
+        {"\x80", "80"},
+        {"\xC0\x80", "c0"},         // overlong
+        {"\xC2\x85", "c2"},         // C1 control
+        {"\xE0\x9F\xBF", "e0"},     // overlong
+        {"\xED\xA0\x80", "ed"},     // surrogate
+        {"\xF0\x8F\xBF\xBF", "f0"}, // overlong
+        {"\xF4\x90\x80\x80", "f4"}, // beyond U+10FFFF
+        {"\xF5\x80\x80\x80", "f5"},
+        {"\xE2\x82", "e2"}, // cut off
         {"\xE2\x82x", "e2"},
     };
     for (const auto &[text, octet] : octets) {
-        expect_refused("bogus\nhostname ok\n! " + text + "\n", Kind::bad_file, "line 3: not a text (octet 0x" + octet + ")");
+        expect_refused("bogus\nhostname ok\n! " + text + "\n", Kind::bad_file,
+                       "line 3: not a text (octet 0x" + octet + ")");
     }
     expect_refused("hostname a\r", Kind::bad_file, "line 1: not a text (octet 0x0d)");
-    expect_refused(std::string(ulmo::configuration_text_limit + 1, '\n'), Kind::bad_file, "larger than 134217728 octets");
+    expect_refused(std::string(ulmo::configuration_text_limit + 1, '\n'), Kind::bad_file,
+                   "larger than 134217728 octets");
     std::string longest;
     longest.reserve(ulmo::configuration_text_limit);
     const std::string comment = '!' + std::string(4095, 'x') + '\n';
@@ -267,8 +298,12 @@ class RandomConfiguration {
   private:
     unsigned below(unsigned limit) { return static_cast<unsigned>(random_() % limit); }
     std::string no() { return below(4) == 0 ? "no " : ""; }
-    std::string word() { return std::string(1, static_cast<char>('a' + below(4))) + std::to_string(below(12)); }
-    std::string address() { return std::to_string(1 + below(223)) + ".0." + std::to_string(below(256)) + ".1"; }
+    std::string word() {
+        return std::string(1, static_cast<char>('a' + below(4))) + std::to_string(below(12));
+    }
+    std::string address() {
+        return std::to_string(1 + below(223)) + ".0." + std::to_string(below(256)) + ".1";
+    }
     std::string phrase() { return below(2) == 0 ? word() : word() + "  ! \xC3\xA9 \t" + word(); }
 
     std::string statement() {
@@ -282,7 +317,8 @@ class RandomConfiguration {
         case 3:
             return "no vlan " + std::to_string(1 + below(20)) + "\n";
         case 4:
-            return "vlan " + std::to_string(1 + below(20)) + "\n" + (below(2) == 0 ? "\t" + no() + "name " + phrase() + " \n" : "");
+            return "vlan " + std::to_string(1 + below(20)) + "\n" +
+                   (below(2) == 0 ? "\t" + no() + "name " + phrase() + " \n" : "");
         case 5:
             return "no interface " + word() + "\n";
         case 6:
@@ -292,7 +328,8 @@ class RandomConfiguration {
                                     : "2001:DB8::" + std::to_string(below(99))) +
                    "\n";
         case 7:
-            return no() + "snmp-server " + (below(2) == 0 ? "location " : "contact ") + phrase() + "\n";
+            return no() + "snmp-server " + (below(2) == 0 ? "location " : "contact ") + phrase() +
+                   "\n";
         case 8:
             return "\n! " + phrase() + "\n";
         default:
@@ -308,7 +345,8 @@ class RandomConfiguration {
                 text += "  " + no() + "description " + phrase() + "\n";
                 break;
             case 1:
-                text += " " + no() + "ip address " + address() + "/" + std::to_string(below(33)) + "\n";
+                text +=
+                    " " + no() + "ip address " + address() + "/" + std::to_string(below(33)) + "\n";
                 break;
             default:
                 text += "\t" + no() + "shutdown\n";
@@ -329,14 +367,16 @@ TEST(ConfigurationText, ApplyingTheShownConfigurationChangesNothing) {
         ASSERT_EQ(canonical(shown), shown) << "seed " << seed;
         ASSERT_EQ(merged(shown, shown), shown) << "seed " << seed;
         ASSERT_EQ(canonical(first + second), shown) << "seed " << seed;
-        ASSERT_EQ(merged(shown, second), shown) << "executing the last statements again, seed " << seed;
+        ASSERT_EQ(merged(shown, second), shown)
+            << "executing the last statements again, seed " << seed;
     }
 }
 
 TEST(ConfigurationText, FiveMegabytesTakeLessThanASecond) {
     std::string text;
     for (unsigned i = 0; text.size() < 5'000'000; ++i) {
-        text += "interface fc" + std::to_string(i * 7919 % 100'003) + "\n  description uplink number " + std::to_string(i) +
+        text += "interface fc" + std::to_string(i * 7919 % 100'003) +
+                "\n  description uplink number " + std::to_string(i) +
                 "\n  ip address 10.1.2.3/24\n  shutdown\n";
     }
     const std::clock_t begin = std::clock();

@@ -61,16 +61,20 @@ class Fabric : public testing::Test {
         std::vector<std::string> switches;
         fabstat_status status{};
         char text[FABSTAT_TEXT_SIZE];
-        while (fabstat_status_next_get(&status, text, sizeof text, halves[0], halves[1]) == 0 && switches.size() < 100) {
+        while (fabstat_status_next_get(&status, text, sizeof text, halves[0], halves[1]) == 0 &&
+               switches.size() < 100) {
             ulmo::Wwn wwn{};
             std::copy(std::begin(status.wwn), std::end(status.wwn), wwn.begin());
-            switches.push_back(ulmo::wwn_to_text(wwn).substr(21) + (status.local == 1 ? " l " : " r ") + text_of(status.address) + ' ' +
+            switches.push_back(ulmo::wwn_to_text(wwn).substr(21) +
+                               (status.local == 1 ? " l " : " r ") + text_of(status.address) + ' ' +
                                std::string(text, ::strnlen(text, sizeof text)));
         }
         fabstat_status_clean();
         return switches;
     }
-    void write(const std::string &text) const { Scratch::write(scratch.run("fabric-status"), text); }
+    void write(const std::string &text) const {
+        Scratch::write(scratch.run("fabric-status"), text);
+    }
 
     Scratch scratch;
 };
@@ -93,8 +97,10 @@ TEST_F(Fabric, DefaultWorldWideNameIsLocallyAssignedAndStable) {
 }
 
 TEST_F(Fabric, NameThatIsNoneIsNotAnswered) {
-    for (const char *wwn : {"x", "20:00:00:00:00:00:00", "20:00:00:00:00:00:00:00:00", "20-00-00-00-00-00-00-01", "20:00:00:00:00:00:00:0g",
-                            "2:000:00:00:00:00:00:01", "20:00:00:00:00:00:00:-1", "00:00:00:00:00:00:00:00"}) {
+    for (const char *wwn :
+         {"x", "20:00:00:00:00:00:00", "20:00:00:00:00:00:00:00:00", "20-00-00-00-00-00-00-01",
+          "20:00:00:00:00:00:00:0g", "2:000:00:00:00:00:00:01", "20:00:00:00:00:00:00:-1",
+          "00:00:00:00:00:00:00:00"}) {
         scratch.configure(std::string("wwn = ") + wwn + '\n');
         const Answer answer = ask(CTLMSG_REQ_SWITCH_WWN);
         EXPECT_NE(answer.result, 0) << wwn;
@@ -109,7 +115,8 @@ TEST_F(Fabric, OtherRequestsAreNotServed) {
     EXPECT_EQ(answer.response, nullptr);
     EXPECT_EQ(answer.length, 0U);
     std::uint32_t length = 0;
-    EXPECT_NE(ctlmsg_req_resp(CTLMSG_REQ_SWITCH_WWN, 1, nullptr, nullptr, &length, 0, 0, 46, 0, 5), 0);
+    EXPECT_NE(ctlmsg_req_resp(CTLMSG_REQ_SWITCH_WWN, 1, nullptr, nullptr, &length, 0, 0, 46, 0, 5),
+              0);
 }
 
 TEST_F(Fabric, WalkWithoutAFileIsOverAtOnce) {
@@ -123,16 +130,19 @@ TEST_F(Fabric, WalkGivesTheSwitchesInOrder) {
           "20:00:00:00:00:00:00:01 local 192.0.2.1 ok\n"
           "20:00:00:00:00:00:00:02 remote 2001:db8::2 \n"
           "20:00:00:00:00:00:00:04 remote - not reached");
-    EXPECT_EQ(walk(), (Texts{"03 r 192.0.2.3 copy failed: no space", "01 l - ok", "02 r 2001:db8::2 ", "04 r - not reached"}));
+    EXPECT_EQ(walk(), (Texts{"03 r 192.0.2.3 copy failed: no space", "01 l - ok",
+                             "02 r 2001:db8::2 ", "04 r - not reached"}));
 }
 
 TEST_F(Fabric, SwitchThatAsksIsTheLocalOne) {
-    write("20:00:00:00:00:00:00:03 remote 192.0.2.3 ok\n20:00:00:00:00:00:00:04 remote 192.0.2.4 ok\n");
+    write("20:00:00:00:00:00:00:03 remote 192.0.2.3 ok\n20:00:00:00:00:00:00:04 remote 192.0.2.4 "
+          "ok\n");
     EXPECT_EQ(walk({0x20, 0, 0, 0, 0, 0, 0, 4}), (Texts{"03 r 192.0.2.3 ok", "04 l - ok"}));
 }
 
 TEST_F(Fabric, WalkEndsWhateverTheFileHolds) {
-    write("\n# text\n20:00:00:00:00:00:00:01\n20:00:00:00:00:00:00:01 remote\n20:00:00:00:00:00:00:01 near - x\n"
+    write("\n# text\n20:00:00:00:00:00:00:01\n20:00:00:00:00:00:00:01 "
+          "remote\n20:00:00:00:00:00:00:01 near - x\n"
           "20:00:00:00:00:00:00:01 remote nowhere x\n00:00:00:00:00:00:00:00 remote - zero\n"
           "20:00:00:00:00:00:00:05 remote - first\n20:00:00:00:00:00:00:06 remote - second\n"
           "20:00:00:00:00:00:00:05 remote - again\n");
@@ -204,7 +214,8 @@ TEST_F(Fabric, FailedWriteLeavesTheOldFile) {
 
 // --- interfaces and addresses, each in a network namespace of its own ---
 
-// What the call returns in a child process with its own network, which `setup` (shell commands) has set up. 77: no such namespace.
+// What the call returns in a child process with its own network, which `setup` (shell commands) has
+// set up. 77: no such namespace.
 template <typename Call> int in_network(const std::string &setup, Call call) {
     return host_test::in_child([&] {
         if (::unshare(CLONE_NEWNET) != 0) {
@@ -248,21 +259,28 @@ TEST_F(Network, ManagementInterfaceIsTheConfiguredOne) {
 
 TEST_F(Network, ManagementInterfaceIsThatOfTheDefaultRoute) {
     const std::string ports = two_ports;
-    EXPECT_EQ(in_network(ports + "ip route add default dev two metric 100\nip route add 0.0.0.0/1 dev one\n",
-                         [] { return management_name() == "two" ? 0 : 1; }),
-              0);
-    EXPECT_EQ(in_network(ports + "ip route add default dev one metric 200\nip route add default dev two metric 100\n",
+    EXPECT_EQ(
+        in_network(ports +
+                       "ip route add default dev two metric 100\nip route add 0.0.0.0/1 dev one\n",
+                   [] { return management_name() == "two" ? 0 : 1; }),
+        0);
+    EXPECT_EQ(in_network(ports + "ip route add default dev one metric 200\nip route add default "
+                                 "dev two metric 100\n",
                          [] { return management_name() == "two" ? 0 : 1; }),
               0)
         << "the one with the lower metric";
-    EXPECT_EQ(in_network(ports + "ip -6 route add default dev two metric 50\nip route add unreachable default\n",
-                         [] { return management_name() == "two" ? 0 : 1; }),
-              0)
+    EXPECT_EQ(
+        in_network(
+            ports + "ip -6 route add default dev two metric 50\nip route add unreachable default\n",
+            [] { return management_name() == "two" ? 0 : 1; }),
+        0)
         << "a route of IPv6 only";
 }
 
 TEST_F(Network, WithoutRouteItIsTheFirstThatIsUpOrElseTheLoopback) {
-    EXPECT_EQ(in_network(std::string(two_ports) + "ip link set one down\n", [] { return management_name() == "two" ? 0 : 1; }), 0);
+    EXPECT_EQ(in_network(std::string(two_ports) + "ip link set one down\n",
+                         [] { return management_name() == "two" ? 0 : 1; }),
+              0);
     EXPECT_EQ(in_network("ip link set lo up", [] { return management_name() == "lo" ? 0 : 1; }), 0);
     EXPECT_EQ(in_network("true", [] { return management_name() == "lo" ? 0 : 1; }), 0);
 }
@@ -276,18 +294,29 @@ std::string addresses_of(const char *interface) {
     std::string all;
     for (std::uint32_t i = 0; i < list->count; ++i) {
         inet_address address{};
-        std::memcpy(&address, static_cast<const char *>(static_cast<const void *>(raw)) + 12 + 20 * i, sizeof address);
+        std::memcpy(&address,
+                    static_cast<const char *>(static_cast<const void *>(raw)) + 12 + 20 * i,
+                    sizeof address);
         all += text_of(address) + ' ';
     }
     return all;
 }
 
 TEST_F(Network, AddressesComeIpv4FirstAndLinkLocalLast) {
-    const std::string setup = "ip link add one address 02:00:00:00:00:01 type veth peer name two\nip link set one up\n"
-                              "ip addr add 2001:db8::5/64 dev one nodad\nip addr add 192.0.2.9/24 dev one\n"
-                              "ip addr add 192.0.2.10/24 dev one\nip addr add fe80::5/64 dev one nodad\n";
-    EXPECT_EQ(in_network(setup, [] { return addresses_of("one") == "192.0.2.9 192.0.2.10 2001:db8::5 fe80::5 " ? 0 : 1; }), 0);
-    EXPECT_EQ(in_network(setup, [] { return addresses_of("two").empty() ? 0 : 1; }), 0) << "an interface without address";
+    const std::string setup =
+        "ip link add one address 02:00:00:00:00:01 type veth peer name two\nip link set one up\n"
+        "ip addr add 2001:db8::5/64 dev one nodad\nip addr add 192.0.2.9/24 dev one\n"
+        "ip addr add 192.0.2.10/24 dev one\nip addr add fe80::5/64 dev one nodad\n";
+    EXPECT_EQ(in_network(setup,
+                         [] {
+                             return addresses_of("one") ==
+                                            "192.0.2.9 192.0.2.10 2001:db8::5 fe80::5 "
+                                        ? 0
+                                        : 1;
+                         }),
+              0);
+    EXPECT_EQ(in_network(setup, [] { return addresses_of("two").empty() ? 0 : 1; }), 0)
+        << "an interface without address";
     EXPECT_EQ(in_network(setup, [] { return addresses_of("none") == "failed" ? 0 : 1; }), 0);
     EXPECT_NE(addrcfg_get_if_inet_addrs(0, 1, nullptr), 0);
 }

@@ -24,8 +24,9 @@ ulmo::CopyRequest backup() {
 }
 
 TEST(HostCopyRecord, LineTellsTheRequest) {
-    EXPECT_EQ(ulmo::line_of(backup()), "2026-11-22T00:15:02Z request=7 started=4711 user=operator requester=192.0.2.1 "
-                                       "from=running to=tftp://192.0.2.20/x.cfg");
+    EXPECT_EQ(ulmo::line_of(backup()),
+              "2026-11-22T00:15:02Z request=7 started=4711 user=operator requester=192.0.2.1 "
+              "from=running to=tftp://192.0.2.20/x.cfg");
 }
 
 TEST(HostCopyRecord, LineTellsTheEnd) {
@@ -35,7 +36,8 @@ TEST(HostCopyRecord, LineTellsTheEnd) {
     end.reason = "no \"answer\" \\ yet\n\xC3\xBC";
     end.octets = 0;
     end.duration = 120ms;
-    EXPECT_EQ(ulmo::line_of(end), "outcome=failed cause=timeout reason=\"no \\\"answer\\\" \\\\ yet\\x0a\\xc3\\xbc\" bytes=0 seconds=0.12");
+    EXPECT_EQ(ulmo::line_of(end), "outcome=failed cause=timeout reason=\"no \\\"answer\\\" \\\\ "
+                                  "yet\\x0a\\xc3\\xbc\" bytes=0 seconds=0.12");
 }
 
 TEST(HostCopyRecord, WhatIsNotKnownIsLeftOut) {
@@ -70,7 +72,8 @@ TEST(HostCopyRecord, TheLastOnesAreKeptNewestFirst) {
         ulmo::keep_copy_line("line " + std::to_string(i));
     }
     const std::string lines = ulmo::kept_copy_lines();
-    EXPECT_EQ(static_cast<std::size_t>(std::count(lines.begin(), lines.end(), '\n')), ulmo::copies_kept);
+    EXPECT_EQ(static_cast<std::size_t>(std::count(lines.begin(), lines.end(), '\n')),
+              ulmo::copies_kept);
     EXPECT_TRUE(lines.starts_with("line 34\nline 33\n")) << lines;
     EXPECT_TRUE(lines.ends_with("line 4\nline 3\n")) << lines;
     EXPECT_EQ(Scratch::status_of(scratch.run("last-copies")).st_mode & 07777U, 0600U);

@@ -12,7 +12,8 @@
 
 namespace {
 
-constexpr char sha256_of_abc[] = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"; // FIPS 180-4, its example
+// FIPS 180-4, its example
+constexpr char sha256_of_abc[] = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
 
 class HostCopyReport : public testing::Test {
   protected:
@@ -56,8 +57,10 @@ TEST_F(HostCopyReport, PartIsOctetsAlone) {
 
 TEST_F(HostCopyReport, FileThatAProgramNamesIsMeasuredOnceItHasEnded) {
     Scratch::write(scratch_.root() / "moved", "abc");
-    const std::string script = "echo 'file " + (scratch_.root() / "moved").string() + "' >>$ULMO_COPY_REPORT";
-    ASSERT_EQ(execute_program_and_wait_redirect(-1, -1, -1, "/bin/sh", "-c", script.c_str(), nullptr), 0);
+    const std::string script =
+        "echo 'file " + (scratch_.root() / "moved").string() + "' >>$ULMO_COPY_REPORT";
+    ASSERT_EQ(
+        execute_program_and_wait_redirect(-1, -1, -1, "/bin/sh", "-c", script.c_str(), nullptr), 0);
     EXPECT_EQ(report().octets, 3U);
     EXPECT_EQ(report().sha256, sha256_of_abc);
     EXPECT_EQ(report().file, "");
@@ -106,7 +109,8 @@ TEST_F(HostCopyReport, NobodyNeedsAReport) {
     ulmo::report_reason("no space");
     ulmo::report_file("/etc/passwd");
     for (const auto &entry : std::filesystem::directory_iterator(scratch_.root() / "run")) {
-        EXPECT_EQ(entry.path().filename(), "history.log"); // which a process makes when it logs for the first time
+        // which a process makes when it logs for the first time
+        EXPECT_EQ(entry.path().filename(), "history.log");
     }
 }
 

@@ -28,13 +28,17 @@ class Evtrace : public testing::Test {
     void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
 
     static void log(std::uint32_t subtype, const std::string &text) {
-        evtrace_hist_event(module_id, subtype, static_cast<std::uint32_t>(text.size()), text.c_str());
+        evtrace_hist_event(module_id, subtype, static_cast<std::uint32_t>(text.size()),
+                           text.c_str());
     }
     static std::string logged() {
         const std::string lines = Scratch::read(ulmo::history_file());
-        return std::regex_replace(std::regex_replace(lines, std::regex(R"(\S+Z \d+ \S+ (.*)\n)"), "$1|"), std::regex(R"(\\\\)"), "\\");
+        return std::regex_replace(
+            std::regex_replace(lines, std::regex(R"(\S+Z \d+ \S+ (.*)\n)"), "$1|"),
+            std::regex(R"(\\\\)"), "\\");
     }
-    // Ends the process of the test, with 0 when the condition held and after a word about it when not.
+    // Ends the process of the test, with 0 when the condition held and after a word about it when
+    // not.
     void finish(bool held, const std::string &about) const {
         if (!held) {
             std::fprintf(stderr, "failed: %s\n", about.c_str());
@@ -64,7 +68,8 @@ TEST_F(EvtraceDeathTest, RecordsErrorsAndPrintsNothingByDefault) {
             // Then nobody formats the course of things, in which passwords are.
             const bool open = evtrace_hist_event_subtype_check(module_id, EVTRACE_ERROR) == 0 &&
                               evtrace_hist_event_subtype_check(module_id, EVTRACE_DEBUG) != 0;
-            const bool silent = evtrace_chk_int(EVTRACE_ERROR, 0, 0, 1) == 0 && evtrace_chk_int(EVTRACE_DEBUG, 0, 0, 1) == 0;
+            const bool silent = evtrace_chk_int(EVTRACE_ERROR, 0, 0, 1) == 0 &&
+                                evtrace_chk_int(EVTRACE_DEBUG, 0, 0, 1) == 0;
             log(EVTRACE_DEBUG, "a secret");
             log(EVTRACE_ERROR, "one");
             finish(open && silent && logged() == "one|", logged());
@@ -90,21 +95,37 @@ TEST_F(EvtraceDeathTest, RecordsEverythingOnRequest) {
 TEST_F(EvtraceDeathTest, SwitchesHoldWithinASecond) {
     EXPECT_EXIT(
         {
-            const auto declines = [](std::uint32_t subtype) { return evtrace_hist_event_subtype_check(module_id, subtype) != 0; };
-            const auto prints = [](std::uint32_t subtype) { return evtrace_chk_int(subtype, 0, 0, 1) != 0; };
+            const auto declines = [](std::uint32_t subtype) {
+                return evtrace_hist_event_subtype_check(module_id, subtype) != 0;
+            };
+            const auto prints = [](std::uint32_t subtype) {
+                return evtrace_chk_int(subtype, 0, 0, 1) != 0;
+            };
             scratch.configure("history = errors\ndebug_print = errors\n");
-            const bool errors = declines(EVTRACE_DEBUG) && !declines(EVTRACE_ERROR) && prints(EVTRACE_ERROR) && !prints(EVTRACE_DEBUG);
+            const bool errors = declines(EVTRACE_DEBUG) && !declines(EVTRACE_ERROR) &&
+                                prints(EVTRACE_ERROR) && !prints(EVTRACE_DEBUG);
             log(EVTRACE_DEBUG, "declined");
             log(EVTRACE_ERROR, "kept");
             scratch.configure("history = off\ndebug_print = all\n");
-            const bool off = comes_true([&] { return declines(EVTRACE_ERROR) && prints(EVTRACE_DEBUG) && prints(EVTRACE_ERROR); });
+            const bool off = comes_true([&] {
+                return declines(EVTRACE_ERROR) && prints(EVTRACE_DEBUG) && prints(EVTRACE_ERROR);
+            });
             log(EVTRACE_ERROR, "declined as well");
             scratch.configure("history = nonsense\ndebug_print = nonsense\n");
-            const bool defaults = comes_true([&] { return !declines(EVTRACE_ERROR) && declines(EVTRACE_DEBUG) && !prints(EVTRACE_ERROR); });
-            const std::string at = "settings: " + (scratch.root() / "platform.conf").string() + " line ";
-            const std::string told = at + "1: history = nonsense: must be one of all, errors, off; the default errors is used|" + at +
-                                     "2: debug_print = nonsense: must be one of all, errors, off; the default off is used|";
-            finish(errors && off && defaults && (logged() == "kept|" + told || logged() == "kept|"), logged());
+            const bool defaults = comes_true([&] {
+                return !declines(EVTRACE_ERROR) && declines(EVTRACE_DEBUG) &&
+                       !prints(EVTRACE_ERROR);
+            });
+            const std::string at =
+                "settings: " + (scratch.root() / "platform.conf").string() + " line ";
+            const std::string told = at +
+                                     "1: history = nonsense: must be one of all, errors, off; the "
+                                     "default errors is used|" +
+                                     at +
+                                     "2: debug_print = nonsense: must be one of all, errors, off; "
+                                     "the default off is used|";
+            finish(errors && off && defaults && (logged() == "kept|" + told || logged() == "kept|"),
+                   logged());
         },
         testing::ExitedWithCode(0), "");
 }
@@ -117,7 +138,8 @@ TEST_F(EvtraceDeathTest, SettingsAreReadOnceASecondOnly) {
             const auto elapsed = [&] { return std::chrono::steady_clock::now() - begin; };
             bool declined = evtrace_hist_event_subtype_check(module_id, EVTRACE_DEBUG) != 0;
             scratch.configure("history = all\n");
-            // Many ticks of the coarse clock, and far from a second. A machine that stood still for that long tells nothing.
+            // Many ticks of the coarse clock, and far from a second. A machine that stood still for
+            // that long tells nothing.
             while (elapsed() < std::chrono::milliseconds(50)) {
                 const bool still = evtrace_hist_event_subtype_check(module_id, EVTRACE_DEBUG) != 0;
                 declined = declined && (still || elapsed() > std::chrono::milliseconds(900));
@@ -133,7 +155,8 @@ TEST_F(EvtraceDeathTest, CarriesOnWithoutAFile) {
             std::filesystem::create_directory(ulmo::history_file());
             errno = EDOM;
             log(EVTRACE_ERROR, "nowhere to be read");
-            finish(errno == EDOM && evtrace_hist_event_subtype_check(module_id, EVTRACE_ERROR) == 0, std::strerror(errno));
+            finish(errno == EDOM && evtrace_hist_event_subtype_check(module_id, EVTRACE_ERROR) == 0,
+                   std::strerror(errno));
         },
         testing::ExitedWithCode(0), "");
     EXPECT_EXIT(
@@ -164,7 +187,8 @@ TEST_F(EvtraceDeathTest, RefusedRequestIsRecorded) {
         {
             log_set_error(0x40490049U, 584);
             const std::string line = Scratch::read(ulmo::history_file());
-            finish(logged() == "request refused: another copy is in progress (0x40490049), facility 584|" &&
+            finish(logged() == "request refused: another copy is in progress (0x40490049), "
+                               "facility 584|" &&
                        line.find(" error request") != std::string::npos,
                    line);
         },
@@ -194,13 +218,16 @@ TEST_F(EvtraceDeathTest, WhatIsDeclinedIsCheap) {
     EXPECT_EXIT(
         {
             constexpr int events = 100'000;
-            const std::clock_t begin = std::clock(); // of the processor, whatever else it is busy with
+            // of the processor, whatever else it is busy with
+            const std::clock_t begin = std::clock();
             bool is_declined = true;
             for (int i = 0; i < events; ++i) {
-                is_declined = is_declined && evtrace_hist_event_subtype_check(module_id, EVTRACE_DEBUG) != 0;
+                is_declined =
+                    is_declined && evtrace_hist_event_subtype_check(module_id, EVTRACE_DEBUG) != 0;
                 evtrace_chk_int(EVTRACE_DEBUG, 0, 0, 1);
             }
-            const double microseconds = static_cast<double>(std::clock() - begin) / events * 1e6 / CLOCKS_PER_SEC;
+            const double microseconds =
+                static_cast<double>(std::clock() - begin) / events * 1e6 / CLOCKS_PER_SEC;
             finish(is_declined && microseconds < 2, std::to_string(microseconds) + " µs");
         },
         testing::ExitedWithCode(0), "");

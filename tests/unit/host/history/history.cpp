@@ -39,14 +39,17 @@ std::function<void()> before_lock;
 
 } // namespace
 
-// In place of the library's, also for the platform: the test chooses what happens right before the next call.
-extern "C" __attribute__((visibility("default"))) int flock(int descriptor, int operation) noexcept {
+// In place of the library's, also for the platform: the test chooses what happens right before the
+// next call.
+extern "C" __attribute__((visibility("default"))) int flock(int descriptor,
+                                                            int operation) noexcept {
     if (const auto hook = std::exchange(before_lock, nullptr)) {
         hook();
     }
     return static_cast<int>(::syscall(SYS_flock, descriptor, operation));
 }
-extern "C" __attribute__((visibility("default"))) ssize_t write(int descriptor, const void *data, std::size_t size) {
+extern "C" __attribute__((visibility("default"))) ssize_t write(int descriptor, const void *data,
+                                                                std::size_t size) {
     if (const auto hook = std::exchange(before_write, nullptr)) {
         hook();
     }
@@ -78,7 +81,8 @@ using Texts = std::vector<std::string>;
 
 class History : public testing::Test {
   protected:
-    static void append(const std::string &text, std::size_t limit = roomy, std::uint32_t subtype = EVTRACE_DEBUG) {
+    static void append(const std::string &text, std::size_t limit = roomy,
+                       std::uint32_t subtype = EVTRACE_DEBUG) {
         ulmo::append_to_history(ulmo::history_line(subtype, text), limit);
     }
     [[nodiscard]] Texts texts() const { return texts_of(Scratch::read(file)); }
@@ -90,8 +94,11 @@ class History : public testing::Test {
 };
 
 TEST_F(History, ALineTellsTimeProcessKindAndText) {
-    const auto line = [](std::uint32_t subtype, std::string_view text) { return ulmo::history_line(subtype, text); };
-    const std::string start = R"(^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z )" + std::to_string(::getpid());
+    const auto line = [](std::uint32_t subtype, std::string_view text) {
+        return ulmo::history_line(subtype, text);
+    };
+    const std::string start =
+        R"(^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z )" + std::to_string(::getpid());
     const auto expect = [&](const std::string &seen, const std::string &rest) {
         EXPECT_TRUE(std::regex_match(seen, std::regex(start + rest))) << seen;
     };
@@ -113,7 +120,8 @@ TEST_F(History, ALineTellsTimeProcessKindAndText) {
 TEST_F(History, ATextOfAnyLengthIsOneShortLine) {
     for (const std::size_t length : {0U, 1U, 543U, 544U, 545U, 100'000U}) {
         const std::string line = ulmo::history_line(EVTRACE_DEBUG, std::string(length, 'x'));
-        EXPECT_EQ(static_cast<std::size_t>(std::count(line.begin(), line.end(), 'x')), std::min<std::size_t>(length, 544));
+        EXPECT_EQ(static_cast<std::size_t>(std::count(line.begin(), line.end(), 'x')),
+                  std::min<std::size_t>(length, 544));
         EXPECT_EQ(line.find('\n'), line.size() - 1);
         EXPECT_LT(ulmo::history_line(EVTRACE_DEBUG, std::string(length, '\0')).size(), 4096U);
     }
@@ -220,7 +228,8 @@ TEST_F(History, AProcessThatWroteBeforeTheRenamingWritesToTheNewFile) {
     const pid_t child = host_test::start_child([&] {
         char word = 0;
         append("child");
-        const bool is_told = ::write(written[1], &word, 1) == 1 && ::read(renamed[0], &word, 1) == 1;
+        const bool is_told =
+            ::write(written[1], &word, 1) == 1 && ::read(renamed[0], &word, 1) == 1;
         append("child again");
         return is_told ? 0 : 1;
     });
@@ -279,29 +288,35 @@ TEST_F(History, ThrowsWhereItCannotBe) {
 
 TEST_F(History, AFullDiskTakesWholeRecordsOrNone) {
     REQUIRE_SUPERUSER("mounts a disk");
-    EXPECT_EQ(host_test::in_child([&] {
-                  if (!get_own_mounts() || ::mount("small", scratch.run("").c_str(), "tmpfs", 0, "size=64k,mode=0700") != 0) {
-                      return 1;
-                  }
-                  const std::string text(300, 'x');
-                  int refused = 0;
-                  for (int i = 0; i < 1000; ++i) {
-                      try {
-                          append(text);
-                      } catch (const std::system_error &error) {
-                          refused += error.code().value() == ENOSPC ? 1 : 0;
-                      }
-                  }
-                  const std::size_t before = texts().size();
-                  if (::mount("small", scratch.run("").c_str(), "tmpfs", MS_REMOUNT, "size=128k") != 0) {
-                      return 2;
-                  }
-                  append(text);
-                  const Texts all = texts();
-                  const bool is_whole = std::all_of(all.begin(), all.end(), [&](const auto &each) { return each == text; });
-                  return refused == 1000 - static_cast<int>(before) && before > 100 && all.size() == before + 1 && is_whole ? 0 : 3;
-              }),
-              0);
+    EXPECT_EQ(
+        host_test::in_child([&] {
+            if (!get_own_mounts() ||
+                ::mount("small", scratch.run("").c_str(), "tmpfs", 0, "size=64k,mode=0700") != 0) {
+                return 1;
+            }
+            const std::string text(300, 'x');
+            int refused = 0;
+            for (int i = 0; i < 1000; ++i) {
+                try {
+                    append(text);
+                } catch (const std::system_error &error) {
+                    refused += error.code().value() == ENOSPC ? 1 : 0;
+                }
+            }
+            const std::size_t before = texts().size();
+            if (::mount("small", scratch.run("").c_str(), "tmpfs", MS_REMOUNT, "size=128k") != 0) {
+                return 2;
+            }
+            append(text);
+            const Texts all = texts();
+            const bool is_whole =
+                std::all_of(all.begin(), all.end(), [&](const auto &each) { return each == text; });
+            return refused == 1000 - static_cast<int>(before) && before > 100 &&
+                           all.size() == before + 1 && is_whole
+                       ? 0
+                       : 3;
+        }),
+        0);
 }
 
 // --- ten writers ---
@@ -311,7 +326,8 @@ constexpr int writers = 10;
 // `<writer> <number> <octets>`: octets that tell a whole record from one that was cut or mixed.
 std::string numbered(int writer, int number) {
     const std::string start = std::to_string(writer) + ' ' + std::to_string(number) + ' ';
-    return start + std::string(static_cast<std::size_t>(20 + number % 200), static_cast<char>('a' + writer));
+    return start + std::string(static_cast<std::size_t>(20 + number % 200),
+                               static_cast<char>('a' + writer));
 }
 
 TEST_F(History, OfTenWritersNoRecordIsLostOrCut) {
@@ -358,7 +374,9 @@ TEST_F(History, AFileThatAnotherProcessHasJustRenamedIsNotRenamedAgain) {
     const std::size_t limit = 2 * ulmo::history_line(EVTRACE_DEBUG, "first").size();
     append("first", limit);
     append("other", limit);
-    before_lock = [limit] { EXPECT_EQ(host_test::in_child([limit] { return append("x", limit), 0; }), 0); };
+    before_lock = [limit] {
+        EXPECT_EQ(host_test::in_child([limit] { return append("x", limit), 0; }), 0);
+    };
     append("y", limit);
     EXPECT_EQ(older_texts(), (Texts{"first", "other"}));
     EXPECT_EQ(texts(), (Texts{"x", "y"}));
@@ -366,7 +384,10 @@ TEST_F(History, AFileThatAnotherProcessHasJustRenamedIsNotRenamedAgain) {
 
 TEST_F(History, ARecordForAFileThatHasJustGoneIsWrittenAgain) {
     append("first");
-    before_write = [] { EXPECT_EQ(host_test::in_child([] { return append("second", 1), append("third", 1), 0; }), 0); };
+    before_write = [] {
+        EXPECT_EQ(host_test::in_child([] { return append("second", 1), append("third", 1), 0; }),
+                  0);
+    };
     append("fourth");
     EXPECT_EQ(older_texts(), Texts{"second"});
     EXPECT_EQ(texts(), (Texts{"third", "fourth"}));
@@ -380,7 +401,8 @@ struct Output {
 };
 
 Output run_history(const std::string &arguments) {
-    const std::string command = host_test::quoted_program("ulmo-history") + ' ' + arguments + " 2>&1";
+    const std::string command =
+        host_test::quoted_program("ulmo-history") + ' ' + arguments + " 2>&1";
     std::FILE *pipe = ::popen(command.c_str(), "r");
     Output output;
     char line[4096];
@@ -401,8 +423,9 @@ class Follower {
         child_ = ::fork();
         if (child_ == 0) {
             ::dup2(ends[1], STDOUT_FILENO);
-            ::prctl(PR_SET_PDEATHSIG, SIGKILL); // it would follow for ever when this test ended early
-            ::alarm(100);                       // or waited for a line that does not come
+            // it would follow for ever when this test ended early
+            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+            ::alarm(100); // or waited for a line that does not come
             ::execl(binary.c_str(), "ulmo-history", "-f", nullptr);
             ::_exit(127);
         }
@@ -448,20 +471,25 @@ TEST_F(HistoryProgram, PrintsBothFiles) {
 TEST_F(HistoryProgram, SelectsRecords) {
     append("error debug");
     append("told", roomy, EVTRACE_ERROR);
-    pid_t child = host_test::start_child([] { return append("child"), append("child's error", roomy, EVTRACE_ERROR), 0; });
+    pid_t child = host_test::start_child(
+        [] { return append("child"), append("child's error", roomy, EVTRACE_ERROR), 0; });
     EXPECT_EQ(host_test::exit_status_of(child), 0);
     EXPECT_EQ(texts_of(run_history("--errors").text), (Texts{"told", "child's error"}));
-    EXPECT_EQ(texts_of(run_history("-p " + std::to_string(child)).text), (Texts{"child", "child's error"}));
-    EXPECT_EQ(texts_of(run_history("--errors --process=" + std::to_string(child)).text), Texts{"child's error"});
+    EXPECT_EQ(texts_of(run_history("-p " + std::to_string(child)).text),
+              (Texts{"child", "child's error"}));
+    EXPECT_EQ(texts_of(run_history("--errors --process=" + std::to_string(child)).text),
+              Texts{"child's error"});
 }
 
 TEST_F(HistoryProgram, ExitStatusTells) {
     const Output missing = run_history("");
     EXPECT_EQ(missing.status, 1);
-    EXPECT_EQ(missing.text, "ulmo-history: cannot read the history: " + file.string() + ": No such file or directory\n");
+    EXPECT_EQ(missing.text, "ulmo-history: cannot read the history: " + file.string() +
+                                ": No such file or directory\n");
     std::filesystem::create_symlink("/etc/passwd", file);
     EXPECT_EQ(run_history("").status, 1);
-    for (const char *arguments : {"-x", "-p", "-p x", "-p -1", "-p 3x", "-p ''", "extra", "--unknown"}) {
+    for (const char *arguments :
+         {"-x", "-p", "-p x", "-p -1", "-p 3x", "-p ''", "extra", "--unknown"}) {
         EXPECT_EQ(run_history(arguments).status, 2) << arguments;
     }
     const Output help = run_history("--help");
@@ -480,7 +508,8 @@ TEST_F(HistoryProgram, PrintsARecordWhenItsLineIsWhole) {
     EXPECT_EQ(texts_of(run_history("").text), Texts{"whole"});
     Follower follower;
     EXPECT_EQ(follower.next(), "whole");
-    EXPECT_EQ(::write(writer, line.data() + 40, line.size() - 40), static_cast<ssize_t>(line.size()) - 40);
+    EXPECT_EQ(::write(writer, line.data() + 40, line.size() - 40),
+              static_cast<ssize_t>(line.size()) - 40);
     EXPECT_EQ(follower.next(), "in parts");
     ::close(writer);
 }
@@ -505,13 +534,15 @@ TEST_F(HistoryProgram, FollowsFromFileToFile) {
 TEST_F(HistoryProgram, FollowsAllThatTenWritersWrite) {
     constexpr int records = 3000;
     constexpr std::size_t limit = 65536;
-    // Behind the oldest record that has not been printed go fewer than a file holds: then nothing goes before it is printed.
+    // Behind the oldest record that has not been printed go fewer than a file holds: then nothing
+    // goes before it is printed.
     constexpr int ahead = 200;
     struct Shared {
         std::atomic<int> next = 0;
         std::atomic<int> printed = 0; // all records below
     };
-    void *memory = ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    void *memory =
+        ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     ASSERT_NE(memory, MAP_FAILED);
     auto &shared = *new (memory) Shared;
     append("begin");

@@ -18,7 +18,8 @@ namespace {
 
 class HostLog : public DeviceTest {
   protected:
-    // What a process that does this prints on its standard error. A daemon can't be made none again.
+    // What a process that does this prints on its standard error. A daemon can't be made none
+    // again.
     std::string printed(const std::function<void()> &log, bool has_journal) const {
         const auto errors = directory_ / "errors";
         const pid_t child = ::fork();
@@ -29,7 +30,8 @@ class HostLog : public DeviceTest {
                 ::unsetenv("JOURNAL_STREAM");
             }
             constexpr mode_t owner_only = 0600;
-            ::dup2(::open(errors.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, owner_only), STDERR_FILENO);
+            ::dup2(::open(errors.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, owner_only),
+                   STDERR_FILENO);
             log();
             ::_exit(0);
         }
@@ -70,12 +72,15 @@ TEST_F(HostLog, HasTheTimeInFrontUnlessTheJournalWritesIt) {
     const auto stamp = [](std::time_t when) {
         char text[32];
         std::tm utc{};
-        return std::string(text, std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", ::gmtime_r(&when, &utc)));
+        return std::string(
+            text, std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", ::gmtime_r(&when, &utc)));
     };
     const std::string before = stamp(std::time(nullptr));
     const std::string line = printed(log, false);
     const std::string after = stamp(std::time(nullptr));
-    ASSERT_TRUE(std::regex_match(line, std::regex("\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\dZ error 1\n"))) << line;
+    ASSERT_TRUE(
+        std::regex_match(line, std::regex("\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\dZ error 1\n")))
+        << line;
     EXPECT_GE(line.substr(0, before.size()), before);
     EXPECT_LE(line.substr(0, after.size()), after);
     EXPECT_EQ(printed(log, true), "error 1\n");
@@ -92,7 +97,8 @@ TEST_F(HostLog, AMessageIsOneLineWhateverItHolds) {
                   ulmo::log_notice("\n");
                   ulmo::log_notice("%s", "gr\xc3\xbc\xc3\x9f");
               }),
-              "<" + std::string(8, '?') + "  ?? " + std::string(19, '?') + ">\ntwo lines\n\ngr\xc3\xbc\xc3\x9f\n");
+              "<" + std::string(8, '?') + "  ?? " + std::string(19, '?') +
+                  ">\ntwo lines\n\ngr\xc3\xbc\xc3\x9f\n");
 }
 
 TEST_F(HostLog, AFailureWithoutHarmIsAnErrorInTheLog) {
@@ -111,7 +117,8 @@ TEST_F(HostLog, ALongMessageIsCut) {
                   ulmo::log_error("%s", std::string(512, 'b').c_str());
                   ulmo::log_error("%s", std::string(100'000, 'c').c_str());
               }),
-              std::string(511, 'a') + "\n" + std::string(511, 'b') + "\n" + std::string(511, 'c') + "\n");
+              std::string(511, 'a') + "\n" + std::string(511, 'b') + "\n" + std::string(511, 'c') +
+                  "\n");
 }
 
 TEST_F(HostLog, KeepsErrno) {

@@ -18,7 +18,9 @@ struct Ended {
 // Runs the program with arguments as a shell reads them.
 Ended brix_tftp(const std::string &arguments) {
     Ended ended;
-    FILE *errors = ::popen((host_test::quoted_program("brix-tftp") + " " + arguments + " 2>&1 >/dev/null").c_str(), "r");
+    FILE *errors = ::popen(
+        (host_test::quoted_program("brix-tftp") + " " + arguments + " 2>&1 >/dev/null").c_str(),
+        "r");
     if (errors == nullptr) {
         return ended;
     }
@@ -36,9 +38,10 @@ std::string quoted(const std::string &text) {
 
 class BrixTftp : public TftpTest {
   protected:
-    [[nodiscard]] std::string command(int direction, const TestServer &server, const std::string &local) const {
-        return std::to_string(direction) + " 127.0.0.1 " + std::to_string(server.port()) + " " + quoted(path(local)) +
-               " \"re mote\" 1 management";
+    [[nodiscard]] std::string command(int direction, const TestServer &server,
+                                      const std::string &local) const {
+        return std::to_string(direction) + " 127.0.0.1 " + std::to_string(server.port()) + " " +
+               quoted(path(local)) + " \"re mote\" 1 management";
     }
 };
 
@@ -62,28 +65,37 @@ TEST_F(BrixTftp, FailureIsOneLineAnd1) {
     TestServer server([](Dialogue &dialogue) { dialogue.send(error(1, "not\nhere")); });
     Ended ended = brix_tftp(command(0, server, "got"));
     EXPECT_EQ(ended.status, 1);
-    EXPECT_EQ(ended.said, "brix-tftp: cannot get re mote as " + path("got") +
-                              " from 127.0.0.1: File not found (the server reports error 1, not here)\n");
+    EXPECT_EQ(ended.said,
+              "brix-tftp: cannot get re mote as " + path("got") +
+                  " from 127.0.0.1: File not found (the server reports error 1, not here)\n");
     EXPECT_EQ(entries(), 0U);
     ended = brix_tftp(command(1, server, "missing"));
     EXPECT_EQ(ended.status, 1);
-    EXPECT_EQ(ended.said, "brix-tftp: cannot put " + path("missing") +
-                              " as re mote on 127.0.0.1: No such file or directory (cannot open the local file)\n");
+    EXPECT_EQ(
+        ended.said,
+        "brix-tftp: cannot put " + path("missing") +
+            " as re mote on 127.0.0.1: No such file or directory (cannot open the local file)\n");
 }
 
 TEST_F(BrixTftp, WrongArgumentsAre2) {
-    for (const char *arguments : {"", "1 127.0.0.1 69 a b 1", "2 127.0.0.1 69 a b 1 management", "1 127.0.0.1 0 a b 1 management",
-                                  "1 127.0.0.1 69x a b 1 management", "1 127.0.0.1 65536 a b 1 management",
-                                  "1 127.0.0.1 69 a b 2 management", "1 127.0.0.1 69 a b 1 management more"}) {
+    for (const char *arguments :
+         {"", "1 127.0.0.1 69 a b 1", "2 127.0.0.1 69 a b 1 management",
+          "1 127.0.0.1 0 a b 1 management", "1 127.0.0.1 69x a b 1 management",
+          "1 127.0.0.1 65536 a b 1 management", "1 127.0.0.1 69 a b 2 management",
+          "1 127.0.0.1 69 a b 1 management more"}) {
         const Ended ended = brix_tftp(arguments);
         EXPECT_EQ(ended.status, 2) << arguments;
-        EXPECT_EQ(ended.said, "brix-tftp: usage: brix-tftp {1 (put) | 0 (get)} SERVER PORT LOCAL REMOTE 1 VRF\n") << arguments;
+        EXPECT_EQ(
+            ended.said,
+            "brix-tftp: usage: brix-tftp {1 (put) | 0 (get)} SERVER PORT LOCAL REMOTE 1 VRF\n")
+            << arguments;
     }
 }
 
 TEST_F(BrixTftp, UnknownVrfIs3) {
     const Ended ended = brix_tftp("1 127.0.0.1 69 a b 1 no-such-vrf-here");
     EXPECT_EQ(ended.status, 3);
-    EXPECT_EQ(ended.said.rfind("brix-tftp: cannot enter VRF no-such-vrf-here: ", 0), 0U) << ended.said;
+    EXPECT_EQ(ended.said.rfind("brix-tftp: cannot enter VRF no-such-vrf-here: ", 0), 0U)
+        << ended.said;
     EXPECT_EQ(ended.said.find('\n'), ended.said.size() - 1);
 }

@@ -12,7 +12,8 @@ namespace {
 class CmdshellSave : public WardenTest {
   protected:
     std::unique_ptr<Program> cmdshell(const std::string &command) const {
-        return std::make_unique<Program>("cmdshell", std::vector<std::string>{"-c", command}, directory_ / "output", directory_ / "errors");
+        return std::make_unique<Program>("cmdshell", std::vector<std::string>{"-c", command},
+                                         directory_ / "output", directory_ / "errors");
     }
     std::unique_ptr<Program> save() const { return cmdshell("copy running-config startup-config"); }
     // What it said; it must have ended with that status.
@@ -22,7 +23,9 @@ class CmdshellSave : public WardenTest {
         std::filesystem::remove(directory_ / "errors");
         return said;
     }
-    static std::string failed(const std::string &why) { return "cmdshell: copy running-config startup-config: " + why + "\n"; }
+    static std::string failed(const std::string &why) {
+        return "cmdshell: copy running-config startup-config: " + why + "\n";
+    }
     std::string last_save(int status) const { return ended(*cmdshell("show last-save"), status); }
 };
 
@@ -38,14 +41,17 @@ TEST_F(CmdshellSave, WaitsForTheEnd) {
     stop();
     EXPECT_EQ(told_, (Told{begun, ended_well})) << "the agent is told as well";
     const std::string user = ::getpwuid(::getuid())->pw_name;
-    EXPECT_EQ(count("save to the startup configuration of this switch asked by user \"" + user + "\", session \"#\", process #"), 1U);
+    EXPECT_EQ(count("save to the startup configuration of this switch asked by user \"" + user +
+                    "\", session \"#\", process #"),
+              1U);
 }
 
 TEST_F(CmdshellSave, SaysWhyItFailed) {
     prepare();
     file("state/running.cfg", "hostname new\nbogus\n");
     start();
-    EXPECT_EQ(ended(*save(), 1), failed(running().string() + " is not valid: line 2: unknown statement 'bogus'"));
+    EXPECT_EQ(ended(*save(), 1),
+              failed(running().string() + " is not valid: line 2: unknown statement 'bogus'"));
     EXPECT_EQ(content(startup()), old_text);
 }
 
@@ -98,15 +104,19 @@ TEST_F(CmdshellSave, SavesByItselfWithoutASystemManager) {
 }
 
 TEST_F(CmdshellSave, ShowsHowTheLastSaveWent) {
-    EXPECT_EQ(last_save(1), "cmdshell: show last-save: nothing has been saved since the switch started\n");
+    EXPECT_EQ(last_save(1),
+              "cmdshell: show last-save: nothing has been saved since the switch started\n");
     prepare_and_start();
     EXPECT_EQ(ended(*save(), 0), "");
     EXPECT_EQ(last_save(0), "saved\n");
     file("state/running.cfg", "bogus\n");
     EXPECT_NE(ended(*save(), 1), "");
-    EXPECT_EQ(last_save(0), running().string() + " is not valid: line 1: unknown statement 'bogus'\n");
+    EXPECT_EQ(last_save(0),
+              running().string() + " is not valid: line 1: unknown statement 'bogus'\n");
     stop();
-    EXPECT_EQ(last_save(0), running().string() + " is not valid: line 1: unknown statement 'bogus'\n") << "it outlives the system manager";
+    EXPECT_EQ(last_save(0),
+              running().string() + " is not valid: line 1: unknown statement 'bogus'\n")
+        << "it outlives the system manager";
 }
 
 } // namespace

@@ -15,8 +15,8 @@
 namespace {
 
 constexpr const char *local = "wwn = 20:00:00:00:00:00:00:01\n";
-constexpr const char *credentials =
-    "fabric_user = operator\nfabric_auth_passphrase = for all of them\nfabric_priv_passphrase = for all too\n";
+constexpr const char *credentials = "fabric_user = operator\nfabric_auth_passphrase = for all of "
+                                    "them\nfabric_priv_passphrase = for all too\n";
 const std::string second = "20:00:00:00:00:00:00:02";
 
 class FabricMembers : public testing::Test {
@@ -41,7 +41,8 @@ class FabricMembers : public testing::Test {
         return refusal(std::string(credentials) + "fabric_member = " + line + '\n');
     }
     std::string endpoint(const std::string &text) const {
-        const auto all = members(std::string(credentials) + "fabric_member = " + second + ' ' + text + '\n');
+        const auto all =
+            members(std::string(credentials) + "fabric_member = " + second + ' ' + text + '\n');
         char address[64] = "-";
         ip_addr_to_str(&all.at(0).address, address, sizeof address);
         return std::string(address) + ' ' + std::to_string(all[0].port);
@@ -54,12 +55,14 @@ TEST_F(FabricMembers, NoneIsNone) {
     EXPECT_TRUE(members("").empty());
     EXPECT_TRUE(members(credentials).empty());
     scratch.configure("wwn = x\n");
-    EXPECT_TRUE(ulmo::fabric_members().empty()) << "without members, the local name does not matter";
+    EXPECT_TRUE(ulmo::fabric_members().empty())
+        << "without members, the local name does not matter";
 }
 
 TEST_F(FabricMembers, ComeInOrderWithTheCredentialsOfAll) {
-    const auto all = members(std::string(credentials) + "fabric_member = 20:00:00:00:00:00:00:03 192.0.2.3\n" +
-                             "fabric_member =  20:00:00:00:00:00:00:02\t2001:db8::2  \n");
+    const auto all =
+        members(std::string(credentials) + "fabric_member = 20:00:00:00:00:00:00:03 192.0.2.3\n" +
+                "fabric_member =  20:00:00:00:00:00:00:02\t2001:db8::2  \n");
     ASSERT_EQ(all.size(), 2U);
     EXPECT_EQ(all[0].wwn[7], 3);
     EXPECT_EQ(all[1].wwn[7], 2);
@@ -75,8 +78,11 @@ TEST_F(FabricMembers, ComeInOrderWithTheCredentialsOfAll) {
 
 TEST_F(FabricMembers, LineOverridesWhatHoldsForAll) {
     const auto all =
-        members(std::string(credentials) + "fabric_auth_protocol = SHA-512\nfabric_priv_protocol = AES-256\nfabric_member = " + second +
-                " 192.0.2.2 priv-passphrase=a=b=cdef user=second auth-passphrase=12345678 priv-protocol=DES auth-protocol=SHA\n" +
+        members(std::string(credentials) +
+                "fabric_auth_protocol = SHA-512\nfabric_priv_protocol = AES-256\nfabric_member = " +
+                second +
+                " 192.0.2.2 priv-passphrase=a=b=cdef user=second auth-passphrase=12345678 "
+                "priv-protocol=DES auth-protocol=SHA\n" +
                 "fabric_member = 20:00:00:00:00:00:00:03 192.0.2.3\n");
     ASSERT_EQ(all.size(), 2U);
     EXPECT_EQ(all[0].user, "second");
@@ -98,11 +104,13 @@ TEST_F(FabricMembers, AddressMayHaveAPort) {
 }
 
 TEST_F(FabricMembers, AddressThatIsNoneIsRefused) {
-    for (const char *address : {"switch2", "192.0.2", "192.0.2.2:", "192.0.2.2:0", "192.0.2.2:65536", "192.0.2.2:1x", "192.0.2.2:-1",
-                                "[192.0.2.2]", "[192.0.2.2]:161", "[2001:db8::2", "2001:db8::2]", "[2001:db8::2]161", "[2001:db8::2]:", "[",
-                                "[]", "]", ":", ":161", "user=second"}) {
+    for (const char *address :
+         {"switch2", "192.0.2", "192.0.2.2:", "192.0.2.2:0", "192.0.2.2:65536", "192.0.2.2:1x",
+          "192.0.2.2:-1", "[192.0.2.2]", "[192.0.2.2]:161", "[2001:db8::2", "2001:db8::2]",
+          "[2001:db8::2]161", "[2001:db8::2]:", "[", "[]", "]", ":", ":161", "user=second"}) {
         EXPECT_EQ(refusal_of_line(second + ' ' + address),
-                  "setting fabric_member " + second + ": the second word must be an IPv4 or IPv6 address, with or without a port")
+                  "setting fabric_member " + second +
+                      ": the second word must be an IPv4 or IPv6 address, with or without a port")
             << address;
     }
     EXPECT_EQ(refusal_of_line(second), "setting fabric_member " + second + ": there is no address");
@@ -110,30 +118,41 @@ TEST_F(FabricMembers, AddressThatIsNoneIsRefused) {
 
 TEST_F(FabricMembers, NameThatIsNoMembersIsRefused) {
     for (const char *line : {"", "192.0.2.2", "20:00:00:00:00:00:00 192.0.2.2", "x 192.0.2.2"}) {
-        EXPECT_EQ(refusal_of_line(line), "setting fabric_member: the line does not begin with a world-wide name") << line;
+        EXPECT_EQ(refusal_of_line(line),
+                  "setting fabric_member: the line does not begin with a world-wide name")
+            << line;
     }
-    EXPECT_EQ(refusal_of_line("00:00:00:00:00:00:00:00 192.0.2.2"),
-              "setting fabric_member 00:00:00:00:00:00:00:00: a world-wide name can't be all zeros");
+    EXPECT_EQ(
+        refusal_of_line("00:00:00:00:00:00:00:00 192.0.2.2"),
+        "setting fabric_member 00:00:00:00:00:00:00:00: a world-wide name can't be all zeros");
     EXPECT_EQ(refusal_of_line("20:00:00:00:00:00:00:01 192.0.2.2"),
-              "setting fabric_member 20:00:00:00:00:00:00:01: that is this switch itself: remove the line");
+              "setting fabric_member 20:00:00:00:00:00:00:01: that is this switch itself: remove "
+              "the line");
     EXPECT_EQ(refusal_of_line(second + " 192.0.2.2\nfabric_member = " + second + " 192.0.2.3"),
               "setting fabric_member " + second + ": two lines have this name");
-    EXPECT_EQ(refusal_of_line(second + " 192.0.2.2\nfabric_member = 20:00:00:00:00:00:00:03 192.0.2.2:161"),
-              "setting fabric_member 20:00:00:00:00:00:00:03: the address is also that of " + second);
-    EXPECT_EQ(refusal_of_line(second + " 192.0.2.2\nfabric_member = 20:00:00:00:00:00:00:03 192.0.2.2:162"), "accepted 2");
+    EXPECT_EQ(refusal_of_line(second +
+                              " 192.0.2.2\nfabric_member = 20:00:00:00:00:00:00:03 192.0.2.2:161"),
+              "setting fabric_member 20:00:00:00:00:00:00:03: the address is also that of " +
+                  second);
+    EXPECT_EQ(refusal_of_line(second +
+                              " 192.0.2.2\nfabric_member = 20:00:00:00:00:00:00:03 192.0.2.2:162"),
+              "accepted 2");
 }
 
 TEST_F(FabricMembers, LocalNameThatIsNoneIsRefused) {
-    EXPECT_EQ(refusal(std::string(credentials) + "wwn = x\nfabric_member = " + second + " 192.0.2.2\n"),
-              (scratch.root() / "platform.conf").string() +
-                  " line 5: wwn = x: must be a world-wide name, such as 20:00:00:00:00:00:00:01; saves in the fabric fail");
+    EXPECT_EQ(
+        refusal(std::string(credentials) + "wwn = x\nfabric_member = " + second + " 192.0.2.2\n"),
+        (scratch.root() / "platform.conf").string() +
+            " line 5: wwn = x: must be a world-wide name, such as 20:00:00:00:00:00:00:01; saves "
+            "in the fabric fail");
 }
 
 TEST_F(FabricMembers, UnknownKeyIsRefusedAndNotQuoted) {
     for (const char *word : {"User=x", "passphrase=secret-1", "use=x", "=x", "user", "secret-1"}) {
         EXPECT_EQ(refusal_of_line(second + " 192.0.2.2 user=second " + word),
                   "setting fabric_member " + second +
-                      ": there is an unknown key; the keys are user, auth-protocol, auth-passphrase, priv-protocol and priv-passphrase")
+                      ": there is an unknown key; the keys are user, auth-protocol, "
+                      "auth-passphrase, priv-protocol and priv-passphrase")
             << word;
     }
 }
@@ -142,32 +161,44 @@ TEST_F(FabricMembers, EveryCredentialIsNeeded) {
     const std::string line = "fabric_member = " + second + " 192.0.2.2 ";
     const std::string what = "setting fabric_member " + second + ": ";
     EXPECT_EQ(refusal(line), what + "there is no user, neither there nor as fabric_user");
-    EXPECT_EQ(refusal(line + "user=x"), what + "there is no auth-passphrase, neither there nor as fabric_auth_passphrase");
+    EXPECT_EQ(refusal(line + "user=x"),
+              what + "there is no auth-passphrase, neither there nor as fabric_auth_passphrase");
     EXPECT_EQ(refusal(line + "user=x auth-passphrase=secret-1"),
               what + "there is no priv-passphrase, neither there nor as fabric_priv_passphrase");
-    EXPECT_EQ(refusal(line + "user=x auth-passphrase=secret-1 priv-passphrase=secret-2"), "accepted 1");
+    EXPECT_EQ(refusal(line + "user=x auth-passphrase=secret-1 priv-passphrase=secret-2"),
+              "accepted 1");
     EXPECT_EQ(refusal_of_line(second + " 192.0.2.2 auth-protocol="),
               what + "there is no auth-protocol, neither there nor as fabric_auth_protocol");
 }
 
 TEST_F(FabricMembers, CredentialThatCannotBeIsRefused) {
     const std::string what = "setting fabric_member " + second + ": ";
-    const auto refused = [&](const std::string &word) { return refusal_of_line(second + " 192.0.2.2 " + word); };
+    const auto refused = [&](const std::string &word) {
+        return refusal_of_line(second + " 192.0.2.2 " + word);
+    };
     EXPECT_EQ(refused("user=" + std::string(32, 'u')), "accepted 1");
-    EXPECT_EQ(refused("user=" + std::string(33, 'u')), what + "the user's name has more than 32 octets");
+    EXPECT_EQ(refused("user=" + std::string(33, 'u')),
+              what + "the user's name has more than 32 octets");
     for (const char *protocol : {"SHA-257", "AES", "none", "noauth"}) {
-        EXPECT_EQ(refused(std::string("auth-protocol=") + protocol), what + "the auth-protocol is unknown") << protocol;
+        EXPECT_EQ(refused(std::string("auth-protocol=") + protocol),
+                  what + "the auth-protocol is unknown")
+            << protocol;
     }
     for (const char *protocol : {"AES-257", "SHA", "none", "nopriv"}) {
-        EXPECT_EQ(refused(std::string("priv-protocol=") + protocol), what + "the priv-protocol is unknown") << protocol;
+        EXPECT_EQ(refused(std::string("priv-protocol=") + protocol),
+                  what + "the priv-protocol is unknown")
+            << protocol;
     }
-    EXPECT_EQ(refused("auth-passphrase=1234567"), what + "the auth-passphrase has less than 8 characters");
-    EXPECT_EQ(refused("priv-passphrase=1234567"), what + "the priv-passphrase has less than 8 characters");
+    EXPECT_EQ(refused("auth-passphrase=1234567"),
+              what + "the auth-passphrase has less than 8 characters");
+    EXPECT_EQ(refused("priv-passphrase=1234567"),
+              what + "the priv-passphrase has less than 8 characters");
 }
 
 TEST_F(FabricMembers, PassphrasesAreForTheOwnerOnly) {
     REQUIRE_SUPERUSER("acts in the superuser's group");
-    const std::string readable = (scratch.root() / "platform.conf").string() + " holds passphrases and is readable by other users";
+    const std::string readable = (scratch.root() / "platform.conf").string() +
+                                 " holds passphrases and is readable by other users";
     const std::string line = "fabric_member = " + second + " 192.0.2.2 ";
     for (const mode_t mode : {0640U, 0604U, 0644U}) {
         EXPECT_EQ(refusal(credentials + line, mode), readable);
@@ -194,8 +225,10 @@ class ActingInGroup {
 TEST_F(FabricMembers, PassphrasesMayBeForTheOwnGroupToo) {
     REQUIRE_SUPERUSER("acts in another group");
     constexpr gid_t own_group = 4712;
-    const std::string readable = (scratch.root() / "platform.conf").string() + " holds passphrases and is readable by other users";
-    const std::string text = std::string(credentials) + "fabric_member = " + second + " 192.0.2.2\n";
+    const std::string readable = (scratch.root() / "platform.conf").string() +
+                                 " holds passphrases and is readable by other users";
+    const std::string text =
+        std::string(credentials) + "fabric_member = " + second + " 192.0.2.2\n";
     const ActingInGroup group(own_group);
     EXPECT_EQ(refusal(text, 0644), readable);
     EXPECT_EQ(refusal(text, 0640), "accepted 1");
@@ -217,8 +250,10 @@ TEST_F(FabricMembers, TimeLimitIsTenSecondsOrWhatIsSet) {
             limit(text);
             ADD_FAILURE() << text;
         } catch (const std::runtime_error &error) {
-            EXPECT_EQ(error.what(), (scratch.root() / "platform.conf").string() + " line 2: fabric_time_limit = " + text +
-                                        ": must be a number from 1 to 300; saves in the fabric fail");
+            EXPECT_EQ(error.what(),
+                      (scratch.root() / "platform.conf").string() +
+                          " line 2: fabric_time_limit = " + text +
+                          ": must be a number from 1 to 300; saves in the fabric fail");
         }
     }
 }

@@ -31,7 +31,8 @@ std::vector<ulmo::FabricMember> members_named(const Texts &users) {
     for (const std::string &user : users) {
         ulmo::FabricMember member;
         member.wwn = {0x20, 0, 0, 0, 0, 0, 1, static_cast<std::uint8_t>(members.size())};
-        member.address = {INET_ADDRESS_IPV4, {192, 0, 2, static_cast<std::uint8_t>(members.size())}};
+        member.address = {INET_ADDRESS_IPV4,
+                          {192, 0, 2, static_cast<std::uint8_t>(members.size())}};
         member.user = user;
         members.push_back(member);
     }
@@ -84,7 +85,8 @@ std::string act(const ulmo::FabricMember &member, std::chrono::seconds limit, in
 // A descriptor that becomes readable after some time.
 ulmo::UniqueFd readable_after(std::chrono::milliseconds time) {
     ulmo::UniqueFd timer(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC));
-    const itimerspec once{{}, {time.count() / 1000, static_cast<long>(time.count() % 1000) * 1000000}};
+    const itimerspec once{{},
+                          {time.count() / 1000, static_cast<long>(time.count() % 1000) * 1000000}};
     EXPECT_EQ(::timerfd_settime(timer.get(), 0, &once, nullptr), 0);
     return timer;
 }
@@ -125,7 +127,8 @@ TEST_F(FabricSave, NoMembersNoOutcomes) {
 }
 
 TEST_F(FabricSave, OutcomesComeInTheOrderOfTheMembers) {
-    EXPECT_EQ(save({"slow", "saved", "limit", "no answer in 5 s"}), (Texts{"slow", "saved", "5", "no answer in 5 s"}));
+    EXPECT_EQ(save({"slow", "saved", "limit", "no answer in 5 s"}),
+              (Texts{"slow", "saved", "5", "no answer in 5 s"}));
 }
 
 TEST_F(FabricSave, FiftyMembersAreSavedSideBySide) {
@@ -146,8 +149,10 @@ TEST_F(FabricSave, OneThatDoesNotEndIsLeftBehind) {
 TEST_F(FabricSave, StopEndsTheWorkAndKeepsWhatIsKnown) {
     const host_test::TestClock clock;
     const ulmo::UniqueFd stop = readable_after(300ms);
-    EXPECT_EQ(save({"saved", "obey", "throw", "obey"}, stop.get(), 60s), (Texts{"saved", "obeyed", "internal error", "obeyed"}));
-    EXPECT_EQ(clock.passed(), 0s) << "it ends with the last of them, not with the time that they have";
+    EXPECT_EQ(save({"saved", "obey", "throw", "obey"}, stop.get(), 60s),
+              (Texts{"saved", "obeyed", "internal error", "obeyed"}));
+    EXPECT_EQ(clock.passed(), 0s)
+        << "it ends with the last of them, not with the time that they have";
 }
 
 TEST_F(FabricSave, StopWaitsTwoSecondsAtMost) {
@@ -178,7 +183,8 @@ ulmo::FabricMember member_at(const ScriptedAgent &agent) {
 }
 
 // Alone, as action does it.
-std::string save_of(const ulmo::FabricMember &member, std::chrono::seconds limit = 5s, int stop = -1) {
+std::string save_of(const ulmo::FabricMember &member, std::chrono::seconds limit = 5s,
+                    int stop = -1) {
     return ulmo::save_members({member}, limit, stop).front().text;
 }
 
@@ -263,7 +269,9 @@ using copy_client::TroubleKind;
 
 TEST(MemberSave, ErrorStatusInWords) {
     for (const TroubleKind kind : {TroubleKind::read_refused, TroubleKind::making_refused}) {
-        const auto words = [&](long status) { return ulmo::words_of_trouble(Trouble(kind, status), 5s); };
+        const auto words = [&](long status) {
+            return ulmo::words_of_trouble(Trouble(kind, status), 5s);
+        };
         EXPECT_EQ(words(SNMP_ERR_NOACCESS), "not permitted");
         EXPECT_EQ(words(SNMP_ERR_AUTHORIZATIONERROR), "not permitted");
         EXPECT_EQ(words(SNMP_ERR_NOTWRITABLE), "no copy table there");
@@ -272,7 +280,8 @@ TEST(MemberSave, ErrorStatusInWords) {
         EXPECT_EQ(words(SNMP_ERR_GENERR), "refused with error status 5");
     }
     EXPECT_EQ(ulmo::words_of_refused_start(SNMP_ERR_GENERR), "another copy is in progress");
-    EXPECT_EQ(ulmo::words_of_refused_start(SNMP_ERR_INCONSISTENTVALUE), "another copy is in progress");
+    EXPECT_EQ(ulmo::words_of_refused_start(SNMP_ERR_INCONSISTENTVALUE),
+              "another copy is in progress");
     EXPECT_EQ(ulmo::words_of_refused_start(SNMP_ERR_NOACCESS), "not permitted");
 }
 
@@ -295,10 +304,12 @@ TEST(MemberSave, FailureInWords) {
     EXPECT_EQ(ulmo::words_of_failure(1, "no space on device"), "failed with cause 1");
     EXPECT_EQ(ulmo::words_of_failure(9, "no space on device"), "no space on device");
     EXPECT_EQ(ulmo::words_of_failure(9, "  no space on device \r\nmore\n"), "no space on device");
-    EXPECT_EQ(ulmo::words_of_failure(9, "no\tspace\x1b[2J"), "no space?[2J") << "nothing that a terminal would take for an order";
+    EXPECT_EQ(ulmo::words_of_failure(9, "no\tspace\x1b[2J"), "no space?[2J")
+        << "nothing that a terminal would take for an order";
     EXPECT_EQ(ulmo::words_of_failure(9, std::string(500, 'x')), std::string(80, 'x'));
     for (const char *nothing : {"", "saved", "saved\n", " \n", "\nno space"}) {
-        EXPECT_EQ(ulmo::words_of_failure(9, nothing), "its system manager could not save") << nothing;
+        EXPECT_EQ(ulmo::words_of_failure(9, nothing), "its system manager could not save")
+            << nothing;
     }
 }
 

@@ -1,4 +1,5 @@
-// The real system manager as a child of the test, with the test as its agent and as those who ask it for actions.
+// The real system manager as a child of the test, with the test as its agent and as those who ask
+// it for actions.
 #pragma once
 
 #include "base/state_file.h"
@@ -33,7 +34,8 @@ namespace host_test {
 using namespace std::chrono_literals;
 
 // Polls until the condition holds, for at most some seconds.
-inline bool comes_true(const std::function<bool()> &condition, std::chrono::milliseconds within = 30s) {
+inline bool comes_true(const std::function<bool()> &condition,
+                       std::chrono::milliseconds within = 30s) {
     const auto deadline = std::chrono::steady_clock::now() + within;
     while (!condition()) {
         if (std::chrono::steady_clock::now() >= deadline) {
@@ -44,7 +46,8 @@ inline bool comes_true(const std::function<bool()> &condition, std::chrono::mill
     return true;
 }
 
-// Sends a signal to one process. A number that is no process, such as a failed look-up's, stands for many processes in kill(2).
+// Sends a signal to one process. A number that is no process, such as a failed look-up's, stands
+// for many processes in kill(2).
 inline void send_signal(pid_t pid, int number) {
     ASSERT_GT(pid, 1);
     ASSERT_EQ(::kill(pid, number), 0) << std::strerror(errno);
@@ -53,9 +56,10 @@ inline void send_signal(pid_t pid, int number) {
 // A program that stands beside the tests, running; killed with the object, and with the test.
 class Program {
   public:
-    // Its standard output goes to the file `output`, its standard error to the end of the file `errors`.
-    Program(const std::string &name, const std::vector<std::string> &arguments, const std::filesystem::path &output,
-            const std::filesystem::path &errors) {
+    // Its standard output goes to the file `output`, its standard error to the end of the file
+    // `errors`.
+    Program(const std::string &name, const std::vector<std::string> &arguments,
+            const std::filesystem::path &output, const std::filesystem::path &errors) {
         const std::string path = program(name);
         std::vector<char *> argv{const_cast<char *>(path.c_str())};
         for (const std::string &argument : arguments) {
@@ -63,8 +67,10 @@ class Program {
         }
         argv.push_back(nullptr);
         constexpr mode_t readable = 0644;
-        const ulmo::UniqueFd out(::open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, readable));
-        const ulmo::UniqueFd err(::open(errors.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, readable));
+        const ulmo::UniqueFd out(
+            ::open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, readable));
+        const ulmo::UniqueFd err(
+            ::open(errors.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, readable));
         pid_ = ::fork();
         if (pid_ == 0) {
             ::prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -106,7 +112,8 @@ class Program {
 };
 
 inline std::vector<pid_t> children_of(pid_t pid) {
-    std::ifstream list("/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid) + "/children");
+    std::ifstream list("/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid) +
+                       "/children");
     std::vector<pid_t> children;
     for (pid_t child; list >> child;) {
         children.push_back(child);
@@ -138,14 +145,18 @@ inline unsigned long rests_of(pid_t pid) {
 // A request to the system manager on a connection of its own.
 class Request {
   public:
-    Request(std::uint32_t opcode, const std::string &payload, std::uint32_t token = 1) : token_(token) {
+    Request(std::uint32_t opcode, const std::string &payload, std::uint32_t token = 1)
+        : token_(token) {
         int error = 0;
         connection_ = ulmo::connect_to(MSGBUS_SAP_WARDEN, error);
         EXPECT_EQ(error, 0) << std::strerror(error);
-        EXPECT_EQ(ulmo::send_packet(connection_.get(), opcode, token, payload.data(), static_cast<std::uint32_t>(payload.size())), 0);
+        EXPECT_EQ(ulmo::send_packet(connection_.get(), opcode, token, payload.data(),
+                                    static_cast<std::uint32_t>(payload.size())),
+                  0);
     }
 
-    // The status word of the next message, which must be an answer of that opcode; 0xFFFFFFFF when the connection was closed instead.
+    // The status word of the next message, which must be an answer of that opcode; 0xFFFFFFFF when
+    // the connection was closed instead.
     std::uint32_t status(std::uint32_t opcode) {
         pollfd readable{connection_.get(), POLLIN, 0};
         if (::poll(&readable, 1, 30000) != 1) {
@@ -159,7 +170,8 @@ class Request {
         EXPECT_EQ(message->opcode, opcode);
         EXPECT_EQ(message->token, token_);
         EXPECT_GE(message->length, sizeof(std::uint32_t));
-        text_.assign(reinterpret_cast<const char *>(message->words.data() + 1), message->length - sizeof(std::uint32_t));
+        text_.assign(reinterpret_cast<const char *>(message->words.data() + 1),
+                     message->length - sizeof(std::uint32_t));
         return ntohl(message->words[0]);
     }
     std::uint32_t answer() { return status(MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION); }
@@ -179,8 +191,10 @@ class Request {
 
 enum class Scope { startup, fabric, all };
 
-inline std::string action_payload(Scope scope = Scope::startup, const std::string &user = "operator", const std::string &session = "7",
-                                  const std::function<void(warden_cfg_action &)> &change = nullptr) {
+inline std::string
+action_payload(Scope scope = Scope::startup, const std::string &user = "operator",
+               const std::string &session = "7",
+               const std::function<void(warden_cfg_action &)> &change = nullptr) {
     warden_cfg_action request{};
     request.word0 = htonl(WARDEN_CFG_ACTION_WORD0);
     request.word1 = htonl(WARDEN_CFG_ACTION_WORD1);
@@ -216,7 +230,8 @@ inline std::string told(const ulmo::Incoming &incoming) {
         std::snprintf(word, sizeof word, " %x", ntohl(incoming.message->words[0]));
         text += word;
     }
-    EXPECT_EQ(incoming.message->length, incoming.message->opcode == MSGBUS_OPC_WARDEN_CFG_ACTION_END ? 4U : 0U);
+    EXPECT_EQ(incoming.message->length,
+              incoming.message->opcode == MSGBUS_OPC_WARDEN_CFG_ACTION_END ? 4U : 0U);
     EXPECT_EQ(incoming.message->token, 0U);
     return text;
 }
@@ -245,7 +260,8 @@ class WardenTest : public DeviceTest {
     }
     void start() {
         const auto ready_before = count("ready");
-        warden_ = std::make_unique<Program>("wardend", std::vector<std::string>{}, directory_ / "stdout", log_file());
+        warden_ = std::make_unique<Program>("wardend", std::vector<std::string>{},
+                                            directory_ / "stdout", log_file());
         ASSERT_TRUE(comes_true([&] { return count("ready") > ready_before || warden_->ended(); }));
         ASSERT_GT(count("ready"), ready_before) << testing::PrintToString(log());
     }
@@ -273,20 +289,24 @@ class WardenTest : public DeviceTest {
 
     // As long as it lives no save gets on.
     std::unique_ptr<ulmo::FileLock> hold_device() const {
-        return std::make_unique<ulmo::FileLock>(state() / "configuration.lock", ulmo::FileLock::Mode::exclusive, 1s);
+        return std::make_unique<ulmo::FileLock>(state() / "configuration.lock",
+                                                ulmo::FileLock::Mode::exclusive, 1s);
     }
-    // The process of the action, the only child, once it waits for the device that is held. It comes some time after the answer.
+    // The process of the action, the only child, once it waits for the device that is held. It
+    // comes some time after the answer.
     pid_t action() const {
         std::vector<pid_t> children;
         EXPECT_TRUE(comes_true([&] {
             children = children_of(warden_->pid());
-            return children.size() == 1 && has_open(children.front(), state() / "configuration.lock");
+            return children.size() == 1 &&
+                   has_open(children.front(), state() / "configuration.lock");
         }));
         return children.empty() ? -1 : children.front();
     }
     static bool has_open(pid_t pid, const std::filesystem::path &path) {
         std::error_code gone;
-        for (const auto &entry : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd", gone)) {
+        for (const auto &entry :
+             std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd", gone)) {
             if (std::filesystem::read_symlink(entry.path(), gone) == path) {
                 return true;
             }
@@ -308,11 +328,13 @@ class WardenTest : public DeviceTest {
         }
         return lines;
     }
-    // How many lines are that one; a '*' at its end, or a number in the log where it has a '#', stand for any.
+    // How many lines are that one; a '*' at its end, or a number in the log where it has a '#',
+    // stand for any.
     std::size_t count(const std::string &wanted) const {
         const auto lines = log();
         return static_cast<std::size_t>(
-            std::count_if(lines.begin(), lines.end(), [&](const std::string &line) { return matches(line, wanted); }));
+            std::count_if(lines.begin(), lines.end(),
+                          [&](const std::string &line) { return matches(line, wanted); }));
     }
     bool logs(const std::string &line) const {
         return comes_true([&] { return count(line) > 0; });
@@ -342,7 +364,8 @@ class WardenTest : public DeviceTest {
 
     const std::string old_text = "hostname old\nend\n";
     const std::string new_text = "hostname new\nend\n";
-    std::unique_ptr<ulmo::MsgbusServer> agent_ = std::make_unique<ulmo::MsgbusServer>(MSGBUS_SAP_AGENT);
+    std::unique_ptr<ulmo::MsgbusServer> agent_ =
+        std::make_unique<ulmo::MsgbusServer>(MSGBUS_SAP_AGENT);
     Told told_;
     std::unique_ptr<Program> warden_;
 };

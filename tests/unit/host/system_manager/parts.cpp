@@ -1,4 +1,5 @@
-// The parts of the system manager's daemon in the test's own process: its line to the agent, and an action in a process of its own.
+// The parts of the system manager's daemon in the test's own process: its line to the agent, and an
+// action in a process of its own.
 #include "platform/host/system_manager/action_process.h"
 #include "platform/host/system_manager/agent_line.h"
 #include "platform/host/system_manager/last_save.h"
@@ -26,8 +27,13 @@ class AgentLine : public DeviceTest {
     }
     // Takes the next one; empty when there is none.
     std::string take() {
-        ulmo::Incoming incoming{nullptr, {}, ulmo::UniqueFd(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC))};
-        if (!incoming.connection || ulmo::receive_packet(incoming.connection.get(), incoming.message) != ulmo::Receipt::message) {
+        ulmo::Incoming incoming{
+            nullptr,
+            {},
+            ulmo::UniqueFd(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC))};
+        if (!incoming.connection ||
+            ulmo::receive_packet(incoming.connection.get(), incoming.message) !=
+                ulmo::Receipt::message) {
             return "";
         }
         return told(incoming);
@@ -107,7 +113,9 @@ class ActionProcess : public DeviceTest {
         EXPECT_TRUE(comes_true([&] { return (outcome = process.outcome()).has_value(); }));
         return outcome.value_or(ulmo::ActionOutcome{});
     }
-    ulmo::FileLock held() const { return {state() / "configuration.lock", ulmo::FileLock::Mode::exclusive, 1s}; }
+    ulmo::FileLock held() const {
+        return {state() / "configuration.lock", ulmo::FileLock::Mode::exclusive, 1s};
+    }
     // The only child of the test.
     static pid_t child() {
         const auto children = children_of(::getpid());
@@ -189,8 +197,10 @@ TEST_F(ActionProcess, HoldsNothingOfItsParents) {
         return names;
     };
     // The report, what tells it to stop, and the lock that it waits for.
-    const std::set<std::string> expected{"pipe:", "anon_inode:", (state() / "configuration.lock").string()};
-    EXPECT_TRUE(comes_true([&] { return held_beside_streams() == expected; })) << testing::PrintToString(held_beside_streams());
+    const std::set<std::string> expected{
+        "pipe:", "anon_inode:", (state() / "configuration.lock").string()};
+    EXPECT_TRUE(comes_true([&] { return held_beside_streams() == expected; }))
+        << testing::PrintToString(held_beside_streams());
 }
 
 class LastSave : public ActionProcess {};
@@ -237,7 +247,8 @@ TEST_F(LastSave, AFullDiskIsNamed) {
     const pid_t process = ::fork();
     if (process == 0) {
         // In a mount namespace of its own, so that the disk goes with the process.
-        if (!get_own_mounts() || ::mount("small", state().c_str(), "tmpfs", 0, "size=64k,mode=0700") != 0) {
+        if (!get_own_mounts() ||
+            ::mount("small", state().c_str(), "tmpfs", 0, "size=64k,mode=0700") != 0) {
             ::_exit(1);
         }
         std::string large = "hostname large\n";
@@ -246,7 +257,8 @@ TEST_F(LastSave, AFullDiskIsNamed) {
         }
         file("state/running.cfg", large + "end\n"); // room for one, not for two
         std::array<int, 2> silent{};
-        const ulmo::ActionOutcome outcome = ::pipe(silent.data()) == 0 ? ulmo::perform({}, silent[0]) : ulmo::ActionOutcome{};
+        const ulmo::ActionOutcome outcome =
+            ::pipe(silent.data()) == 0 ? ulmo::perform({}, silent[0]) : ulmo::ActionOutcome{};
         EXPECT_EQ(outcome.status, ulmo::warden_err_store);
         EXPECT_EQ(outcome.text, "no space on device");
         EXPECT_EQ(ulmo::last_save(), "no space on device");

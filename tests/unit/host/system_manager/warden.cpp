@@ -1,4 +1,5 @@
-// The system manager's daemon: what it does when it is asked for a configuration action, and when it starts and ends.
+// The system manager's daemon: what it does when it is asked for a configuration action, and when
+// it starts and ends.
 #include "tests/unit/copy_client/scripted_agent.h"
 #include "tests/unit/host/system_manager/fixture.h"
 #include "tests/unit/superuser.h"
@@ -34,8 +35,8 @@ TEST_F(Warden, AnswersThenTellsTheBeginningThenTheEnd) {
     const std::string payload = action_payload();
     msgbus_msg request = nullptr;
     auto held = hold_device();
-    ASSERT_EQ(msgbus_send(msgbus_response_q, MSGBUS_NODE_LOCAL, MSGBUS_SAP_WARDEN, 1381, payload.data(),
-                          static_cast<uint32_t>(payload.size()), &request, 0, 0),
+    ASSERT_EQ(msgbus_send(msgbus_response_q, MSGBUS_NODE_LOCAL, MSGBUS_SAP_WARDEN, 1381,
+                          payload.data(), static_cast<uint32_t>(payload.size()), &request, 0, 0),
               0);
     hear(1);
     EXPECT_EQ(told_, Told{begun});
@@ -56,7 +57,8 @@ TEST_F(Warden, AnswersThenTellsTheBeginningThenTheEnd) {
     EXPECT_EQ(content(running()), new_text);
     stop();
     EXPECT_EQ(told_.size(), 2U);
-    EXPECT_EQ(count("save to the startup configuration of this switch asked by user \"operator\", session \"7\", process " +
+    EXPECT_EQ(count("save to the startup configuration of this switch asked by user \"operator\", "
+                    "session \"7\", process " +
                     std::to_string(::getpid())),
               1U);
     EXPECT_EQ(count("saved, # ms"), 1U);
@@ -79,7 +81,8 @@ TEST_F(Warden, ASaveThatFailsLeavesTheOldStartupConfiguration) {
     Request request = ask();
     EXPECT_EQ(request.answer(), WARDEN_CFG_ACTION_INITIATED);
     EXPECT_EQ(request.end(), ulmo::warden_err_store);
-    const std::string reason = running().string() + " is not valid: line 2: unknown statement 'bogus'";
+    const std::string reason =
+        running().string() + " is not valid: line 2: unknown statement 'bogus'";
     EXPECT_EQ(request.text(), reason);
     stop();
     EXPECT_EQ(told_, (Told{begun, ended_badly}));
@@ -142,7 +145,8 @@ TEST_F(Warden, TheScopeOfAllWritesTheFilesOfTheSetting) {
     EXPECT_EQ(content(state() / "backup.cfg"), new_text);
 
     // A change of the setting holds at once.
-    file("platform.conf", "startup_copy = one.cfg\nstartup_copy = " + (directory_ / "two.cfg").string() + "\n");
+    file("platform.conf",
+         "startup_copy = one.cfg\nstartup_copy = " + (directory_ / "two.cfg").string() + "\n");
     file("state/running.cfg", old_text);
     save_all();
     EXPECT_EQ(content(startup()), old_text);
@@ -163,7 +167,8 @@ TEST_F(Warden, NothingIsSavedUnderSettingsThatCantBeRead) {
     const auto settings = directory_ / "platform.conf";
     std::filesystem::remove(settings);
     std::filesystem::create_directory(settings);
-    const std::string why = settings.string() + " can't be read: Is a directory; copies and saves fail";
+    const std::string why =
+        settings.string() + " can't be read: Is a directory; copies and saves fail";
     for (const Scope scope : {Scope::startup, Scope::all, Scope::fabric}) {
         Request request = ask(scope);
         EXPECT_EQ(request.answer(), WARDEN_CFG_ACTION_INITIATED);
@@ -182,7 +187,8 @@ TEST_F(Warden, OneFileThatCantBeWrittenStopsAllOfThem) {
     Request request = ask(Scope::all);
     EXPECT_EQ(request.answer(), WARDEN_CFG_ACTION_INITIATED);
     EXPECT_EQ(request.end(), ulmo::warden_err_store);
-    EXPECT_EQ(request.text(), "cannot make " + (state() / "none" / "second.cfg").string() + ": No such file or directory");
+    EXPECT_EQ(request.text(), "cannot make " + (state() / "none" / "second.cfg").string() +
+                                  ": No such file or directory");
     EXPECT_EQ(content(startup()), old_text);
     EXPECT_FALSE(std::filesystem::exists(state() / "first.cfg"));
     EXPECT_FALSE(std::filesystem::exists(state() / "first.cfg.new"));
@@ -208,7 +214,8 @@ TEST_F(Warden, AnActionIsGivenUpOnRequest) {
     EXPECT_EQ(next.end(), 0U);
     EXPECT_EQ(content(startup()), new_text);
     stop();
-    EXPECT_EQ(told_, (Told{begun, begun, ended_well})) << "nobody is told the end of what was given up";
+    EXPECT_EQ(told_, (Told{begun, begun, ended_well}))
+        << "nobody is told the end of what was given up";
 }
 
 TEST_F(Warden, TheNextActionWaitsForTheEndOfOneThatIsGivenUp) {
@@ -221,7 +228,8 @@ TEST_F(Warden, TheNextActionWaitsForTheEndOfOneThatIsGivenUp) {
     const pid_t given_up = action();
     Request second = ask(Scope::startup, 4712);
     EXPECT_EQ(second.answer(), WARDEN_CFG_ACTION_INITIATED);
-    EXPECT_EQ(ask(Scope::startup, 4713).answer(), ulmo::warden_err_busy) << "one may wait, not more";
+    EXPECT_EQ(ask(Scope::startup, 4713).answer(), ulmo::warden_err_busy)
+        << "one may wait, not more";
     EXPECT_EQ(action(), given_up);
     hear();
     EXPECT_EQ(told_, Told{begun}) << "not begun yet";
@@ -242,7 +250,8 @@ TEST_F(Warden, AnActionThatWaitsIsGivenUpBeforeItBegins) {
     Request second = ask(Scope::startup, 4712);
     EXPECT_EQ(second.answer(), WARDEN_CFG_ACTION_INITIATED);
     abort_action(4712);
-    ASSERT_TRUE(logs("given up before it began, on request of process " + std::to_string(::getpid())));
+    ASSERT_TRUE(
+        logs("given up before it began, on request of process " + std::to_string(::getpid())));
     EXPECT_TRUE(second.is_closed_without_answer());
     held.reset();
     ASSERT_TRUE(logs("not saved to the startup configuration of this switch, # ms: given up"));
@@ -254,7 +263,8 @@ TEST_F(Warden, AnActionThatWaitsIsGivenUpBeforeItBegins) {
 TEST_F(Warden, AnAbortThatIsNotMeantForTheActionIsDropped) {
     prepare_and_start();
     abort_action(4711); // nothing runs
-    ASSERT_TRUE(logs("message 1383 of process " + std::to_string(::getpid()) + ", 8 octets, dropped: no such action is in progress"));
+    ASSERT_TRUE(logs("message 1383 of process " + std::to_string(::getpid()) +
+                     ", 8 octets, dropped: no such action is in progress"));
     auto held = hold_device();
     Request request = ask(Scope::startup, 4711);
     EXPECT_EQ(request.answer(), WARDEN_CFG_ACTION_INITIATED);
@@ -262,7 +272,11 @@ TEST_F(Warden, AnAbortThatIsNotMeantForTheActionIsDropped) {
     abort_action(4710);
     abort_action(0);
     elsewhere([] { abort_action(4711); });
-    ASSERT_TRUE(comes_true([this] { return count("message 1383 of process #, 8 octets, dropped: no such action is in progress") == 4; }));
+    ASSERT_TRUE(comes_true([this] {
+        return count(
+                   "message 1383 of process #, 8 octets, dropped: no such action is in progress") ==
+               4;
+    }));
     EXPECT_FALSE(is_told_to_stop(process));
     held.reset();
     EXPECT_EQ(request.end(), 0U);
@@ -277,7 +291,8 @@ TEST_F(Warden, ARequestWithoutATokenCantBeGivenUp) {
     Request request = ask(Scope::startup, 0);
     EXPECT_EQ(request.answer(), WARDEN_CFG_ACTION_INITIATED);
     abort_action(0);
-    ASSERT_TRUE(logs("message 1383 of process #, 8 octets, dropped: no such action is in progress"));
+    ASSERT_TRUE(
+        logs("message 1383 of process #, 8 octets, dropped: no such action is in progress"));
     held.reset();
     EXPECT_EQ(request.end(), 0U);
 }
@@ -307,9 +322,11 @@ TEST_F(Warden, MessagesOfAWrongLengthAreDropped) {
         {0xFFFFFFFF, "", "unknown opcode"},
     };
     for (const Case &one : cases) {
-        EXPECT_TRUE(Request(one.opcode, one.payload).is_closed_without_answer()) << one.opcode << ", " << one.payload.size();
-        const std::string line = "message " + std::to_string(one.opcode) + " of process " + process + ", " +
-                                 std::to_string(one.payload.size()) + " octets, dropped: " + one.why;
+        EXPECT_TRUE(Request(one.opcode, one.payload).is_closed_without_answer())
+            << one.opcode << ", " << one.payload.size();
+        const std::string line = "message " + std::to_string(one.opcode) + " of process " +
+                                 process + ", " + std::to_string(one.payload.size()) +
+                                 " octets, dropped: " + one.why;
         EXPECT_TRUE(logs(line)) << line;
     }
     stop();
@@ -323,13 +340,16 @@ TEST_F(Warden, WhatIsNoMessageIsDropped) {
         int error = 0;
         const ulmo::UniqueFd connection = ulmo::connect_to(MSGBUS_SAP_WARDEN, error);
         ASSERT_EQ(error, 0);
-        ASSERT_EQ(::send(connection.get(), octets.data(), octets.size(), MSG_NOSIGNAL), static_cast<ssize_t>(octets.size()));
+        ASSERT_EQ(::send(connection.get(), octets.data(), octets.size(), MSG_NOSIGNAL),
+                  static_cast<ssize_t>(octets.size()));
         pollfd readable{connection.get(), POLLIN, 0};
         ASSERT_EQ(::poll(&readable, 1, 5000), 1);
         char octet = 0;
         EXPECT_EQ(::recv(connection.get(), &octet, 1, MSG_DONTWAIT), 0) << "closed";
     }
-    EXPECT_EQ(count("msgbus: access point 3: malformed message of process " + std::to_string(::getpid()) + " dropped"), 2U);
+    EXPECT_EQ(count("msgbus: access point 3: malformed message of process " +
+                    std::to_string(::getpid()) + " dropped"),
+              2U);
     EXPECT_EQ(ask().answer(), WARDEN_CFG_ACTION_INITIATED);
 }
 
@@ -341,7 +361,8 @@ TEST_F(Warden, ARequestWithOtherFixedWordsIsRefused) {
         [](warden_cfg_action &request) { request.fabric = request.all = htonl(1); },
     };
     for (const auto &change : changes) {
-        Request request(MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION, action_payload(Scope::startup, "operator", "7", change));
+        Request request(MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION,
+                        action_payload(Scope::startup, "operator", "7", change));
         EXPECT_EQ(request.answer(), ulmo::warden_err_request);
         EXPECT_TRUE(request.is_closed_without_answer());
     }
@@ -354,7 +375,8 @@ TEST_F(Warden, ARequestWithOtherFixedWordsIsRefused) {
 TEST_F(Warden, NothingBeginsForARequesterThatIsGone) {
     prepare_and_start();
     warden_->signal(SIGSTOP);
-    ASSERT_TRUE(comes_true([this] { return status_of(warden_->pid(), "State").rfind("T", 0) == 0; }));
+    ASSERT_TRUE(
+        comes_true([this] { return status_of(warden_->pid(), "State").rfind("T", 0) == 0; }));
     ask();
     warden_->signal(SIGCONT);
     EXPECT_TRUE(logs("not begun: the requester is gone"));
@@ -376,10 +398,12 @@ TEST_F(Warden, AnotherUsersProcessIsRefused) {
             const ulmo::UniqueFd connection = ulmo::connect_to(MSGBUS_SAP_WARDEN, error);
             const std::string payload = action_payload();
             if (error == 0) {
-                ulmo::send_packet(connection.get(), 1381, 1, payload.data(), static_cast<uint32_t>(payload.size()));
+                ulmo::send_packet(connection.get(), 1381, 1, payload.data(),
+                                  static_cast<uint32_t>(payload.size()));
                 pollfd readable{connection.get(), POLLIN, 0};
                 std::unique_ptr<msgbus_message> message;
-                if (::poll(&readable, 1, 5000) != 1 || ulmo::receive_packet(connection.get(), message) != ulmo::Receipt::closed) {
+                if (::poll(&readable, 1, 5000) != 1 ||
+                    ulmo::receive_packet(connection.get(), message) != ulmo::Receipt::closed) {
                     ::_exit(2);
                 }
             }
@@ -415,8 +439,12 @@ TEST_F(Warden, NobodyFillsTheLogByKnocking) {
         ::_exit(0);
     });
     stop();
-    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - began).count();
-    EXPECT_GE(count("msgbus: access point 3: process # of user 65534 refused; there may be more within this second"), 1U);
+    const auto seconds =
+        std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - began)
+            .count();
+    EXPECT_GE(count("msgbus: access point 3: process # of user 65534 refused; there may be more "
+                    "within this second"),
+              1U);
     const std::size_t lines = count("msgbus: access point 3: process # of user 65534 refused*");
     EXPECT_GE(lines, 10U);
     EXPECT_LE(lines, 10U * (static_cast<std::size_t>(seconds) + 2)) << "ten a second";
@@ -427,12 +455,16 @@ TEST_F(Warden, WhateverTextArrivesIsLoggedOnOneLine) {
     const auto lines_before = log().size();
     // The fields may be full to the last octet.
     const std::string user = "eve\nready\x1b[2J\x7f %s%n" + std::string(32, 'x');
-    Request request(MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION, action_payload(Scope::startup, user, "\r\t"));
+    Request request(MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION,
+                    action_payload(Scope::startup, user, "\r\t"));
     EXPECT_EQ(request.answer(), WARDEN_CFG_ACTION_INITIATED);
     EXPECT_EQ(request.end(), 0U);
     ASSERT_EQ(log().size(), lines_before + 2);
-    EXPECT_EQ(log()[lines_before], "save to the startup configuration of this switch asked by user \"eve ready?[2J? %s%n" +
-                                       std::string(32 - 19, 'x') + "\", session \"  \", process " + std::to_string(::getpid()));
+    EXPECT_EQ(
+        log()[lines_before],
+        "save to the startup configuration of this switch asked by user \"eve ready?[2J? %s%n" +
+            std::string(32 - 19, 'x') + "\", session \"  \", process " +
+            std::to_string(::getpid()));
     EXPECT_EQ(count("ready"), 1U);
 }
 
@@ -473,7 +505,8 @@ TEST_F(Warden, WhileItEndsANewRequestIsLeftAlone) {
     ASSERT_TRUE(comes_true([process] { return is_told_to_stop(process); }));
     Request late = ask();
     const unsigned long rests = rests_of(warden_->pid());
-    EXPECT_TRUE(comes_true([&] { return rests_of(warden_->pid()) >= rests + 3; })) << "it runs in circles";
+    EXPECT_TRUE(comes_true([&] { return rests_of(warden_->pid()) >= rests + 3; }))
+        << "it runs in circles";
     held.reset();
     EXPECT_EQ(warden_->wait(), 0);
     EXPECT_TRUE(late.is_closed_without_answer());
@@ -497,7 +530,9 @@ TEST_F(Warden, WhoeverStartsAfterAKilledOneTellsTheAgentOnce) {
     start();
     hear(2);
     EXPECT_EQ(told_, (Told{begun, ended_given_up}));
-    EXPECT_EQ(count("an action was not finished when the system manager ended; the agent is told that it failed"), 1U);
+    EXPECT_EQ(count("an action was not finished when the system manager ended; the agent is told "
+                    "that it failed"),
+              1U);
     EXPECT_EQ(content(startup()), old_text);
     stop();
     start();
@@ -518,9 +553,11 @@ TEST_F(Warden, AKilledOneLeavesNoRowAtAMember) {
     const ScriptedAgent member(script);
     prepare();
     file("platform.conf",
-         "fabric_user = " + std::string(agent_user) + "\nfabric_auth_protocol = SHA-256\nfabric_auth_passphrase = " + agent_auth +
+         "fabric_user = " + std::string(agent_user) +
+             "\nfabric_auth_protocol = SHA-256\nfabric_auth_passphrase = " + agent_auth +
              "\nfabric_priv_protocol = AES\nfabric_priv_passphrase = " + agent_priv +
-             "\nfabric_time_limit = 300\nfabric_member = 20:00:00:00:00:00:01:01 127.0.0.1:" + std::to_string(member.port()) + "\n");
+             "\nfabric_time_limit = 300\nfabric_member = 20:00:00:00:00:00:01:01 127.0.0.1:" +
+             std::to_string(member.port()) + "\n");
     ASSERT_EQ(::chmod((directory_ / "platform.conf").c_str(), S_IRUSR | S_IWUSR), 0);
     start();
     Request request = ask(Scope::fabric);
@@ -558,7 +595,8 @@ TEST_F(Warden, TheSwitchStartsOnceABoot) {
     file("run/started", "another boot");
     start();
     EXPECT_EQ(content(running()), old_text);
-    EXPECT_EQ(count("the switch starts: the startup configuration is the running configuration now"), 1U);
+    EXPECT_EQ(
+        count("the switch starts: the startup configuration is the running configuration now"), 1U);
     ulmo::make_device_backend()->apply("hostname new\n");
     stop();
     start();
@@ -581,8 +619,8 @@ TEST_F(Warden, ServesWithAStartupConfigurationThatIsNotValid) {
     file("state/system.cfg", "hostname a\nbogus\n");
     file("state/running.cfg", new_text);
     start();
-    EXPECT_EQ(count("the startup configuration can't become the running configuration: " + startup().string() +
-                    " is not valid: line 2: unknown statement 'bogus'"),
+    EXPECT_EQ(count("the startup configuration can't become the running configuration: " +
+                    startup().string() + " is not valid: line 2: unknown statement 'bogus'"),
               1U);
     EXPECT_EQ(content(running()), new_text);
     EXPECT_FALSE(std::filesystem::exists(scratch_.run("started"))) << "the next one tries again";
@@ -610,7 +648,8 @@ TEST_F(Warden, CantServeWithoutItsDirectories) {
     EXPECT_EQ(program.wait(), 1);
     ASSERT_EQ(log().size(), 1U);
     EXPECT_EQ(log().front().rfind("can't serve: ", 0), 0U) << testing::PrintToString(log());
-    EXPECT_NE(log().front().find("Not a directory"), std::string::npos) << testing::PrintToString(log());
+    EXPECT_NE(log().front().find("Not a directory"), std::string::npos)
+        << testing::PrintToString(log());
 }
 
 TEST_F(Warden, AWrongCallIs2) {
@@ -651,14 +690,18 @@ TEST_F(Warden, AnAgentThatIsBusyIsToldLater) {
     EXPECT_EQ(request.answer(), WARDEN_CFG_ACTION_INITIATED);
     EXPECT_EQ(request.end(), 0U);
     warden_->signal(SIGTERM);
-    ASSERT_TRUE(comes_true([&] { return !is_told_to_stop(warden_->pid()); })); // it has taken the signal
+    // it has taken the signal
+    ASSERT_TRUE(comes_true([&] { return !is_told_to_stop(warden_->pid()); }));
     const unsigned long rests = rests_of(warden_->pid());
-    EXPECT_TRUE(comes_true([&] { return rests_of(warden_->pid()) >= rests + 2; })) << "a message waits";
+    EXPECT_TRUE(comes_true([&] { return rests_of(warden_->pid()) >= rests + 2; }))
+        << "a message waits";
     std::vector<uint32_t> opcodes;
     EXPECT_TRUE(comes_true([&] {
-        const ulmo::UniqueFd connection(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        const ulmo::UniqueFd connection(
+            ::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
         std::unique_ptr<msgbus_message> message;
-        if (connection && ulmo::receive_packet(connection.get(), message) == ulmo::Receipt::message) {
+        if (connection &&
+            ulmo::receive_packet(connection.get(), message) == ulmo::Receipt::message) {
             opcodes.push_back(message->opcode);
         }
         return opcodes.size() == 2;

@@ -23,7 +23,8 @@ using host_test::start_child;
 // A network namespace in /run/netns, as ip-netns(8) makes one.
 class NamedNamespace {
   public:
-    explicit NamedNamespace(const std::string &suffix) : name_("ulmotest" + std::to_string(getpid()) + suffix) {
+    explicit NamedNamespace(const std::string &suffix)
+        : name_("ulmotest" + std::to_string(getpid()) + suffix) {
         made_ = ::system(("ip netns add " + name_).c_str()) == 0;
     }
     NamedNamespace(const NamedNamespace &) = delete;
@@ -85,7 +86,8 @@ TEST(Vrf, ManagementIsTheOrdinaryTable) {
 
 TEST(Vrf, UnknownNameHasNoNumberAndCannotBeEntered) {
     const Scratch scratch;
-    for (const char *name : {"", "nosuchvrf", ".", "..", "../netns", "a/b", "/", "lo", "two\nlines", "Management"}) {
+    for (const char *name :
+         {"", "nosuchvrf", ".", "..", "../netns", "a/b", "/", "lo", "two\nlines", "Management"}) {
         EXPECT_LT(vrfdir_get_context_id(name), 0) << name;
         std::string why;
         EXPECT_FALSE(ulmo::enter_vrf(name, &why)) << name;
@@ -122,7 +124,8 @@ TEST_F(VrfNamespace, KeepsItsNumber) {
 }
 
 TEST_F(VrfNamespace, DirectorySurvivesDamagedLines) {
-    Scratch::write(scratch.state("vrfs"), "garbage\n1 management\n-3 x\n7 other\n99999999999 huge\n8\n9 \n5 cut sho");
+    Scratch::write(scratch.state("vrfs"),
+                   "garbage\n1 management\n-3 x\n7 other\n99999999999 huge\n8\n9 \n5 cut sho");
     EXPECT_EQ(vrfdir_get_context_id(blue.name().c_str()), 8);
     EXPECT_EQ(ulmo::vrf_name(8), blue.name());
     EXPECT_EQ(ulmo::vrf_name(7), "other");
@@ -136,8 +139,11 @@ TEST_F(VrfNamespace, DirectoryIsNotReachedThroughALink) {
 }
 
 TEST_F(VrfNamespace, TwoProcessesNeverShareANumber) {
-    const auto number_of = [](const std::string &name) { return in_child([&] { return vrfdir_get_context_id(name.c_str()); }); };
-    const pid_t other = start_child([&] { return vrfdir_get_context_id(red.name().c_str()) > 0 ? 0 : 1; });
+    const auto number_of = [](const std::string &name) {
+        return in_child([&] { return vrfdir_get_context_id(name.c_str()); });
+    };
+    const pid_t other =
+        start_child([&] { return vrfdir_get_context_id(red.name().c_str()) > 0 ? 0 : 1; });
     const int first = number_of(blue.name());
     EXPECT_EQ(exit_status_of(other), 0);
     const int second = number_of(red.name());
@@ -149,7 +155,8 @@ TEST_F(VrfNamespace, IsEntered) {
     const ino_t expected = blue.inode();
     const int result = in_child([&] {
         std::string why;
-        return ulmo::enter_vrf(blue.name(), &why) && why.empty() && own_namespace() == expected ? 0 : 1;
+        return ulmo::enter_vrf(blue.name(), &why) && why.empty() && own_namespace() == expected ? 0
+                                                                                                : 1;
     });
     EXPECT_EQ(result, 0);
     EXPECT_NE(own_namespace(), expected);
@@ -165,7 +172,8 @@ TEST_F(VrfNamespace, NamedManagementTakesPrecedence) {
         }
         const std::string kept = scratch.root() / "net";
         Scratch::write(kept, "");
-        if (::mount(("/run/netns/" + blue.name()).c_str(), kept.c_str(), nullptr, MS_BIND, nullptr) != 0 ||
+        if (::mount(("/run/netns/" + blue.name()).c_str(), kept.c_str(), nullptr, MS_BIND,
+                    nullptr) != 0 ||
             ::mount("tmpfs", "/run/netns", "tmpfs", 0, nullptr) != 0) {
             return 3;
         }

@@ -1,4 +1,4 @@
-/* Registration: the variable table, load and unload. */
+// Registration: the variable table, load and unload.
 #include "config_copy_mib.h"
 
 #include <string.h>
@@ -7,28 +7,31 @@
 
 oid config_copy_mib_variables_oid[CC_ROOT_OID_LENGTH] = {CC_ROOT_OID};
 
-/* clang-format off */
 struct variable7 config_copy_mib_variables[CC_VARIABLE_COUNT] = {
-#define COPY_VARIABLE(name, number, type, access, ...) \
-    {CC_MAGIC_##number, type, NETSNMP_OLDAPI_##access, get_ccCopyTable, 5, {1, 1, 1, 1, CC_COLUMN_##number}},
-#define ERROR_VARIABLE(name, number, type, access, ...) \
-    {CC_MAGIC_ERROR_##number, type, NETSNMP_OLDAPI_##access, get_ccCopyErrorTable, 5, {1, 1, 2, 1, CC_ERROR_COLUMN_##number}},
+#define COPY_VARIABLE(name, number, type, access, ...)                                             \
+    {CC_MAGIC_##number, type, NETSNMP_OLDAPI_##access,                                             \
+     get_ccCopyTable,   5,    {1, 1, 1, 1, CC_COLUMN_##number}},
+#define ERROR_VARIABLE(name, number, type, access, ...)                                            \
+    {CC_MAGIC_ERROR_##number, type, NETSNMP_OLDAPI_##access,                                       \
+     get_ccCopyErrorTable,    5,    {1, 1, 2, 1, CC_ERROR_COLUMN_##number}},
     CC_COPY_COLUMNS(COPY_VARIABLE) CC_ERROR_COLUMNS(ERROR_VARIABLE)
 #undef COPY_VARIABLE
 #undef ERROR_VARIABLE
 };
-/* clang-format on */
 
 static constexpr char MODULE_NAME[] = "config_copy_mib";
-static constexpr char SOURCE_PATH[] = "infra/system_manager/lib/libmib/configcopymib/config_copy_mib";
+static constexpr char SOURCE_PATH[] =
+    "infra/system_manager/lib/libmib/configcopymib/config_copy_mib";
 
-static struct keyedset unused_set = {}; /* made and destroyed with the undo list; has no role */
+static struct keyedset unused_set = {}; // made and destroyed with the undo list; has no role
 
-/* The platform messages that handle_notifications() handles, in the order of their subscription. */
-static constexpr uint32_t SUBSCRIPTIONS[] = {MSGBUS_OPC_WARDEN_CFG_ACTION_BEGIN, MSGBUS_OPC_WARDEN_CFG_ACTION_END, AGENT_OPC_WORKER_STATUS};
+// The platform messages that handle_notifications() handles, in the order of their subscription.
+static constexpr uint32_t SUBSCRIPTIONS[] = {
+    MSGBUS_OPC_WARDEN_CFG_ACTION_BEGIN, MSGBUS_OPC_WARDEN_CFG_ACTION_END, AGENT_OPC_WORKER_STATUS};
 
-/* Withdraws the module's variables. A stock agent holds each variable as a registration of its own, so the root's withdrawal finds nothing
- * there, and a withdrawal that fails leaves the agent's lookup cache switched off: its size is put back. */
+// Withdraws the module's variables. A stock agent holds each variable as a registration of its own,
+// so the root's withdrawal finds nothing there, and a withdrawal that fails leaves the agent's
+// lookup cache switched off: its size is put back.
 static void withdraw_variables(void) {
     const int cache_size = netsnmp_get_lookup_cache_size();
     unregister_mib(config_copy_mib_variables_oid, CC_ROOT_OID_LENGTH);
@@ -42,9 +45,11 @@ static void withdraw_variables(void) {
 }
 
 int init_config_copy_mib(void) {
-    /* The platform's, by the linker's --wrap, as is unregister_mib(): it registers the variables in the contexts of VRFs, too. */
-    if (register_mib(MODULE_NAME, reinterpret_cast<struct variable *>(config_copy_mib_variables), sizeof(struct variable7),
-                     CC_VARIABLE_COUNT, config_copy_mib_variables_oid, CC_ROOT_OID_LENGTH) != MIB_REGISTERED_OK &&
+    // The platform's, by the linker's --wrap, as is unregister_mib(): it registers the variables in
+    // the contexts of VRFs, too.
+    if (register_mib(MODULE_NAME, reinterpret_cast<struct variable *>(config_copy_mib_variables),
+                     sizeof(struct variable7), CC_VARIABLE_COUNT, config_copy_mib_variables_oid,
+                     CC_ROOT_OID_LENGTH) != MIB_REGISTERED_OK &&
         snmp_get_do_debugging() != 0) {
         debugmsgtoken("trace", "%s(): %s, %d:\n", __func__, SOURCE_PATH, __LINE__);
         debugmsg("trace", "%s(): %s, %d:\n", __func__, SOURCE_PATH, __LINE__);
@@ -52,9 +57,11 @@ int init_config_copy_mib(void) {
         debugmsg("register_mib", "%s registration failed\n", MODULE_NAME);
     }
 
-    /* An unload leaves the callback in place: after a reload there is still one. */
-    snmp_unregister_callback(SNMP_CALLBACK_LIBRARY, AGENT_CALLBACK_STARTTIME_CHANGE, cc_handle_starttime_change, nullptr, 1);
-    snmp_register_callback(SNMP_CALLBACK_LIBRARY, AGENT_CALLBACK_STARTTIME_CHANGE, cc_handle_starttime_change, nullptr);
+    // An unload leaves the callback in place: after a reload there is still one.
+    snmp_unregister_callback(SNMP_CALLBACK_LIBRARY, AGENT_CALLBACK_STARTTIME_CHANGE,
+                             cc_handle_starttime_change, nullptr, 1);
+    snmp_register_callback(SNMP_CALLBACK_LIBRARY, AGENT_CALLBACK_STARTTIME_CHANGE,
+                           cc_handle_starttime_change, nullptr);
 
     const int undo_list = keyedset_create(&ccCopyUndoList, 0, 1, ccCopyEntry_comp_func, 1);
     const int unused = keyedset_create(&unused_set, 0, 1, ccCopyEntry_comp_func, 1);
@@ -81,21 +88,23 @@ void deinit_config_copy_mib(void) {
 
 void set_ccCopyTable_setmethods(uint8_t magic, WriteMethod **write_method) {
     switch (magic) {
-/* clang-format off */
-#define METHOD_RWRITE(name, number) case CC_MAGIC_##number: *write_method = set_##name; break;
-#define METHOD_RONLY(name, number) /* the agent's preset stays */
+#define METHOD_RWRITE(name, number)                                                                \
+    case CC_MAGIC_##number:                                                                        \
+        *write_method = set_##name;                                                                \
+        break;
+#define METHOD_RONLY(name, number) // the agent's preset stays
 #define METHOD(name, number, type, access, ...) METHOD_##access(name, number)
         CC_COPY_COLUMNS(METHOD)
 #undef METHOD
 #undef METHOD_RONLY
 #undef METHOD_RWRITE
-        /* clang-format on */
     default:
         break;
     }
 }
 
-unsigned char *get_config_copy_mib(struct variable *vp, oid *name, size_t *length, int exact, size_t *var_len, WriteMethod **write_method) {
+unsigned char *get_config_copy_mib(struct variable *vp, oid *name, size_t *length, int exact,
+                                   size_t *var_len, WriteMethod **write_method) {
     if (header_generic(vp, name, length, exact, var_len, write_method) == MATCH_SUCCEEDED) {
         snmp_set_detail("");
     }

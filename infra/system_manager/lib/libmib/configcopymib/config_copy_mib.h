@@ -1,8 +1,8 @@
-/* The module's private header: the copy request record and the error record, their values, the status codes, and what each source offers
- * the others. Everything runs on the agent's one thread, except what the copy worker runs in its own process (copy_function and what it
- * calls).
- *
- * Functions marked CC_EXPORT stand in the symbol table under their own names. */
+// The module's private header: the copy request record and the error record, their values, the
+// status codes, and what each source offers the others. Everything runs on the agent's one thread,
+// except what the copy worker runs in its own process (copy_function and what it calls).
+//
+// Functions marked CC_EXPORT stand in the symbol table under their own names.
 #ifndef CONFIG_COPY_MIB_H
 #define CONFIG_COPY_MIB_H
 
@@ -27,13 +27,13 @@
 
 #define CC_EXPORT __attribute__((visibility("default")))
 
-/* --- values -------------------------------------------------------------------------------------------------------------------- */
+// --- values
 
-/* Module status codes. */
+// Module status codes.
 #define CCERR_FAILED 0x40490001U
 #define CCERR_NOT_FOUND 0x40490002U
 #define CCERR_SEND_FAILED 0x40490009U
-/* Reasons of refused requests, for log_set_error() together with CC_ERROR_FACILITY. */
+// Reasons of refused requests, for log_set_error() together with CC_ERROR_FACILITY.
 #define CCERR_COPY_IN_PROGRESS 0x40490049U
 #define CCERR_ONLY_RUNNING_TO_FABRIC 0x4049004AU
 #define CCERR_BOTH_NETWORK 0x4049004BU
@@ -42,89 +42,110 @@
 #define CCERR_ONLY_RUNNING_TO_ALL 0x4049005BU
 #define CC_ERROR_FACILITY 584U
 
-/* The columns of ccCopyTable, one line each: name, number (CC_COLUMN_…), ASN.1 type, access, and which reader answers a GET from which
- * field of the record. */
-/* clang-format off */
-#define CC_COPY_COLUMNS(COLUMN) \
-    COLUMN(ccCopyProtocol, PROTOCOL, ASN_INTEGER, RWRITE, integer_value, ccCopyProtocol) \
-    COLUMN(ccCopySourceFileType, SOURCE_FILE_TYPE, ASN_INTEGER, RWRITE, integer_value, ccCopySourceFileType) \
-    COLUMN(ccCopyDestFileType, DEST_FILE_TYPE, ASN_INTEGER, RWRITE, integer_value, ccCopyDestFileType) \
-    COLUMN(ccCopyServerAddress, SERVER_ADDRESS, ASN_IPADDRESS, RWRITE, ipv4_value, ccCopyServerAddressRev1) \
-    COLUMN(ccCopyFileName, FILE_NAME, ASN_OCTET_STR, RWRITE, text_value, ccCopyFileName) \
-    COLUMN(ccCopyUserName, USER_NAME, ASN_OCTET_STR, RWRITE, text_value, ccCopyUserName) \
-    COLUMN(ccCopyUserPassword, USER_PASSWORD, ASN_OCTET_STR, RWRITE, undisclosed_value, ccCopyUserPassword) \
-    COLUMN(ccCopyNotificationOnCompletion, NOTIFICATION_ON_COMPLETION, ASN_INTEGER, RWRITE, integer_value, ccCopyNotificationOnCompletion) \
-    COLUMN(ccCopyState, STATE, ASN_INTEGER, RONLY, integer_value, ccCopyState) \
-    COLUMN(ccCopyTimeStarted, TIME_STARTED, ASN_TIMETICKS, RONLY, ticks_value, ccCopyTimeStarted) \
-    COLUMN(ccCopyTimeCompleted, TIME_COMPLETED, ASN_TIMETICKS, RONLY, ticks_value, ccCopyTimeCompleted) \
-    COLUMN(ccCopyFailCause, FAIL_CAUSE, ASN_INTEGER, RONLY, integer_value, ccCopyFailCause) \
-    COLUMN(ccCopyEntryRowStatus, ENTRY_ROW_STATUS, ASN_INTEGER, RWRITE, integer_value, ccCopyEntryRowStatus) \
-    COLUMN(ccCopyServerAddressType, SERVER_ADDRESS_TYPE, ASN_INTEGER, RWRITE, integer_value, ccCopyServerAddressType) \
-    COLUMN(ccCopyServerAddressRev1, SERVER_ADDRESS_REV1, ASN_OCTET_STR, RWRITE, address_value, ccCopyServerAddressRev1)
+// The columns of ccCopyTable: name, number (CC_COLUMN_…), ASN.1 type, access, and
+// which reader answers a GET from which field of the record.
+#define CC_COPY_COLUMNS(COLUMN)                                                                    \
+    COLUMN(ccCopyProtocol, PROTOCOL, ASN_INTEGER, RWRITE, integer_value, ccCopyProtocol)           \
+    COLUMN(ccCopySourceFileType, SOURCE_FILE_TYPE, ASN_INTEGER, RWRITE, integer_value,             \
+           ccCopySourceFileType)                                                                   \
+    COLUMN(ccCopyDestFileType, DEST_FILE_TYPE, ASN_INTEGER, RWRITE, integer_value,                 \
+           ccCopyDestFileType)                                                                     \
+    COLUMN(ccCopyServerAddress, SERVER_ADDRESS, ASN_IPADDRESS, RWRITE, ipv4_value,                 \
+           ccCopyServerAddressRev1)                                                                \
+    COLUMN(ccCopyFileName, FILE_NAME, ASN_OCTET_STR, RWRITE, text_value, ccCopyFileName)           \
+    COLUMN(ccCopyUserName, USER_NAME, ASN_OCTET_STR, RWRITE, text_value, ccCopyUserName)           \
+    COLUMN(ccCopyUserPassword, USER_PASSWORD, ASN_OCTET_STR, RWRITE, undisclosed_value,            \
+           ccCopyUserPassword)                                                                     \
+    COLUMN(ccCopyNotificationOnCompletion, NOTIFICATION_ON_COMPLETION, ASN_INTEGER, RWRITE,        \
+           integer_value, ccCopyNotificationOnCompletion)                                          \
+    COLUMN(ccCopyState, STATE, ASN_INTEGER, RONLY, integer_value, ccCopyState)                     \
+    COLUMN(ccCopyTimeStarted, TIME_STARTED, ASN_TIMETICKS, RONLY, ticks_value, ccCopyTimeStarted)  \
+    COLUMN(ccCopyTimeCompleted, TIME_COMPLETED, ASN_TIMETICKS, RONLY, ticks_value,                 \
+           ccCopyTimeCompleted)                                                                    \
+    COLUMN(ccCopyFailCause, FAIL_CAUSE, ASN_INTEGER, RONLY, integer_value, ccCopyFailCause)        \
+    COLUMN(ccCopyEntryRowStatus, ENTRY_ROW_STATUS, ASN_INTEGER, RWRITE, integer_value,             \
+           ccCopyEntryRowStatus)                                                                   \
+    COLUMN(ccCopyServerAddressType, SERVER_ADDRESS_TYPE, ASN_INTEGER, RWRITE, integer_value,       \
+           ccCopyServerAddressType)                                                                \
+    COLUMN(ccCopyServerAddressRev1, SERVER_ADDRESS_REV1, ASN_OCTET_STR, RWRITE, address_value,     \
+           ccCopyServerAddressRev1)
 
-/* The same of ccCopyErrorTable, whose numbers are CC_ERROR_COLUMN_…. */
-#define CC_ERROR_COLUMNS(COLUMN) \
-    COLUMN(ccCopyErrorDeviceAddrType, DEVICE_ADDR_TYPE, ASN_INTEGER, RONLY, integer_value, ccCopyErrorDeviceAddrType) \
-    COLUMN(ccCopyErrorDeviceAddr, DEVICE_ADDR, ASN_OCTET_STR, RONLY, device_address_value, ccCopyErrorDeviceAddr) \
-    COLUMN(ccCopyErrorSwitchWwn, SWITCH_WWN, ASN_OCTET_STR, RONLY, wwn_value, ccCopyErrorSwitchWwn) \
+// The same of ccCopyErrorTable, whose numbers are CC_ERROR_COLUMN_….
+#define CC_ERROR_COLUMNS(COLUMN)                                                                   \
+    COLUMN(ccCopyErrorDeviceAddrType, DEVICE_ADDR_TYPE, ASN_INTEGER, RONLY, integer_value,         \
+           ccCopyErrorDeviceAddrType)                                                              \
+    COLUMN(ccCopyErrorDeviceAddr, DEVICE_ADDR, ASN_OCTET_STR, RONLY, device_address_value,         \
+           ccCopyErrorDeviceAddr)                                                                  \
+    COLUMN(ccCopyErrorSwitchWwn, SWITCH_WWN, ASN_OCTET_STR, RONLY, wwn_value,                      \
+           ccCopyErrorSwitchWwn)                                                                   \
     COLUMN(ccCopyErrorText, TEXT, ASN_OCTET_STR, RONLY, text_value, ccCopyErrorText)
 
-/* Magic numbers of the registered variables: the switch keys of the read handlers, 4 and 25 for the first column of each table. */
+// Magic numbers of the registered variables: the switch keys of the read handlers, 4 and 25 for the
+// first column of each table.
 enum cc_magic {
 #define MAGIC_OF_COPY_COLUMN(name, number, ...) CC_MAGIC_##number = CC_COLUMN_##number + 2,
-#define MAGIC_OF_ERROR_COLUMN(name, number, ...) CC_MAGIC_ERROR_##number = CC_ERROR_COLUMN_##number + 23,
+#define MAGIC_OF_ERROR_COLUMN(name, number, ...)                                                   \
+    CC_MAGIC_ERROR_##number = CC_ERROR_COLUMN_##number + 23,
     CC_COPY_COLUMNS(MAGIC_OF_COPY_COLUMN) CC_ERROR_COLUMNS(MAGIC_OF_ERROR_COLUMN)
 #undef MAGIC_OF_COPY_COLUMN
 #undef MAGIC_OF_ERROR_COLUMN
 };
-/* clang-format on */
 
-/* Lengths of OIDs: of the root, of a column (the prefix of an instance), and of an instance of ccCopyTable. */
+// Lengths of OIDs: of the root, of a column (the prefix of an instance), and of an instance of
+// ccCopyTable.
 #define CC_ROOT_OID_LENGTH 9
 #define CC_COLUMN_OID_LENGTH 14
 #define CC_ROW_OID_LENGTH (CC_COLUMN_OID_LENGTH + 1)
 
-/* --- records ------------------------------------------------------------------------------------------------------------------- */
+// --- records
 
 #define CC_FILE_NAME_SIZE 256
-#define CC_FILE_NAME_MAX 128 /* octets that a manager may write */
+#define CC_FILE_NAME_MAX 128 // octets that a manager may write
 #define CC_CREDENTIAL_SIZE 41
 #define CC_ADDRESS_TEXT_SIZE 64
 
-/* A point in wall-clock time; 0, 0: not yet. */
+// A point in wall-clock time; 0, 0: not yet.
 struct ccTime {
     int32_t tv_sec;
     int32_t tv_usec;
 };
 
-/* One row of ccCopyTable. Texts end with a NUL, or fill their field: a user name or password of 41 octets has no terminator inside it,
- * so a reader takes at most the field's size. */
+// One row of ccCopyTable. Texts end with a NUL, or fill their field: a user name or password of 41
+// octets has no terminator inside it, so a reader takes at most the field's size.
 struct ccCopyEntry {
-    int32_t ccCopyIndex; /* the store's key, 1..2147483647 */
+    int32_t ccCopyIndex; // the store's key, 1..2147483647
     int32_t ccCopyProtocol;
     int32_t ccCopySourceFileType;
     int32_t ccCopyDestFileType;
-    uint32_t ccCopyServerAddress; /* keeps the column order; never read or written */
+    uint32_t ccCopyServerAddress; // keeps the column order; never read or written
     char ccCopyFileName[CC_FILE_NAME_SIZE];
-    char ccCopySrcFileName[CC_FILE_NAME_SIZE]; /* local file of the copy; only the worker writes it, and nobody reads it before */
-    char ccCopyUserName[CC_CREDENTIAL_SIZE];   /* the terminator of 41 octets is the password's first octet */
+    // local file of the copy; only the worker writes it, and nobody reads it before
+    char ccCopySrcFileName[CC_FILE_NAME_SIZE];
+    // the terminator of 41 octets is the password's first octet
+    char ccCopyUserName[CC_CREDENTIAL_SIZE];
     char ccCopyUserPassword[CC_CREDENTIAL_SIZE];
-    int32_t ccCopyNotificationOnCompletion; /* TruthValue, or whatever 32-bit value the manager wrote */
+    // TruthValue, or whatever 32-bit value the manager wrote
+    int32_t ccCopyNotificationOnCompletion;
     int32_t ccCopyState;
-    int32_t create_time; /* seconds since the epoch, wraps */
+    int32_t create_time; // seconds since the epoch, wraps
     struct ccTime ccCopyTimeStarted;
     struct ccTime ccCopyTimeCompleted;
     int32_t ccCopyFailCause;
-    int32_t reserve2_seen; /* 1 once a SET of the row status has reached RESERVE2 */
+    int32_t reserve2_seen; // 1 once a SET of the row status has reached RESERVE2
     int32_t ccCopyEntryRowStatus;
-    int32_t ccCopyServerAddressType;                    /* InetAddressType */
-    char ccCopyServerAddressRev1[CC_ADDRESS_TEXT_SIZE]; /* the server's address as text */
+    int32_t ccCopyServerAddressType;                    // InetAddressType
+    char ccCopyServerAddressRev1[CC_ADDRESS_TEXT_SIZE]; // the server's address as text
 };
-static_assert(offsetof(ccCopyEntry, ccCopyFileName) == 20 && offsetof(ccCopyEntry, ccCopySrcFileName) == 276 &&
-                  offsetof(ccCopyEntry, ccCopyUserName) == 532 && offsetof(ccCopyEntry, ccCopyUserPassword) == 573 &&
-                  offsetof(ccCopyEntry, ccCopyNotificationOnCompletion) == 616 && offsetof(ccCopyEntry, create_time) == 624 &&
-                  offsetof(ccCopyEntry, ccCopyTimeStarted) == 628 && offsetof(ccCopyEntry, ccCopyFailCause) == 644 &&
-                  offsetof(ccCopyEntry, ccCopyEntryRowStatus) == 652 && offsetof(ccCopyEntry, ccCopyServerAddressRev1) == 660 &&
+static_assert(offsetof(ccCopyEntry, ccCopyFileName) == 20 &&
+                  offsetof(ccCopyEntry, ccCopySrcFileName) == 276 &&
+                  offsetof(ccCopyEntry, ccCopyUserName) == 532 &&
+                  offsetof(ccCopyEntry, ccCopyUserPassword) == 573 &&
+                  offsetof(ccCopyEntry, ccCopyNotificationOnCompletion) == 616 &&
+                  offsetof(ccCopyEntry, create_time) == 624 &&
+                  offsetof(ccCopyEntry, ccCopyTimeStarted) == 628 &&
+                  offsetof(ccCopyEntry, ccCopyFailCause) == 644 &&
+                  offsetof(ccCopyEntry, ccCopyEntryRowStatus) == 652 &&
+                  offsetof(ccCopyEntry, ccCopyServerAddressRev1) == 660 &&
                   sizeof(ccCopyEntry) == 724,
               "the copy request record has the same layout everywhere");
 
@@ -132,173 +153,201 @@ static_assert(offsetof(ccCopyEntry, ccCopyFileName) == 20 && offsetof(ccCopyEntr
 #define CC_ERROR_TEXT_SIZE 257
 #define CC_WWN_SIZE 8
 
-/* One row of ccCopyErrorTable. */
+// One row of ccCopyErrorTable.
 struct ccCopyErrorEntry {
-    int32_t ccCopyIndex;      /* first key: the copy request */
-    int32_t ccCopyErrorIndex; /* second key, counted from 1 within the request */
+    int32_t ccCopyIndex;      // first key: the copy request
+    int32_t ccCopyErrorIndex; // second key, counted from 1 within the request
     int32_t ccCopyErrorDeviceAddrType;
     char ccCopyErrorDeviceAddr[CC_ERROR_ADDRESS_TEXT_SIZE];
     uint8_t ccCopyErrorSwitchWwn[CC_WWN_SIZE];
     char ccCopyErrorText[CC_ERROR_TEXT_SIZE];
 };
 
-/* The registration record of one variable, as register_mib() takes it. */
+// The registration record of one variable, as register_mib() takes it.
 #define CC_VARIABLE_COUNT 19
-static_assert(sizeof(void *) != 4 || (sizeof(struct variable7) == 40 && 13 * sizeof(oid) == 52), "the 32-bit target's sizes");
+static_assert(sizeof(void *) != 4 || (sizeof(struct variable7) == 40 && 13 * sizeof(oid) == 52),
+              "the 32-bit target's sizes");
 
 extern "C" {
 
-/* --- the two logs (copy_log.cpp) */
+// --- the two logs (copy_log.cpp)
 
-/* Formats a message once and gives it to the debug history and to the debug print, as far as either wants it. `subtype` is EVTRACE_DEBUG or
- * EVTRACE_ERROR. Messages longer than 511 octets are cut. Keeps errno. */
+// Formats a message once and gives it to the debug history and to the debug print, as far as either
+// wants it. `subtype` is EVTRACE_DEBUG or EVTRACE_ERROR. Messages longer than 511 octets are cut.
+// Keeps errno.
 void cc_log(uint32_t subtype, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
-/* Appends a record to the private trace file when is_snmp_debug_enabled is set. Never fails. Keeps errno. */
+// Appends a record to the private trace file when is_snmp_debug_enabled is set. Never fails. Keeps
+// errno.
 void cc_trace(const char *format, ...) __attribute__((format(printf, 1, 2)));
-/* The same with the usual prefix: function, line and function again, and then the text; and with another
- * name than that of the function. */
+// The same with the usual prefix: function, line and function again, and then the text; and with
+// another name than that of the function.
 #define CC_TRACE(format, ...) CC_TRACE_AS(__func__, format __VA_OPT__(, ) __VA_ARGS__)
-#define CC_TRACE_AS(name, format, ...) cc_trace("%s(%d):%s" format, name, __LINE__, name __VA_OPT__(, ) __VA_ARGS__)
+#define CC_TRACE_AS(name, format, ...)                                                             \
+    cc_trace("%s(%d):%s" format, name, __LINE__, name __VA_OPT__(, ) __VA_ARGS__)
 
-CC_EXPORT extern int32_t is_snmp_debug_enabled; /* non-zero: write the trace file; written only from outside the module */
+// non-zero: write the trace file; written only from outside the module
+CC_EXPORT extern int32_t is_snmp_debug_enabled;
 CC_EXPORT FILE *trace_file_get(void);
 
-/* --- module frame (config_copy_mib.cpp) ------------------------------------------------------------------------------------------- */
+// --- module frame (config_copy_mib.cpp)
 
 CC_EXPORT extern oid config_copy_mib_variables_oid[CC_ROOT_OID_LENGTH];
 CC_EXPORT extern struct variable7 config_copy_mib_variables[CC_VARIABLE_COUNT];
 
-/* Called by the agent when it loads and unloads the module; may follow each other any number of times in one process. */
+// Called by the agent when it loads and unloads the module; may follow each other any number of
+// times in one process.
 CC_EXPORT int init_config_copy_mib(void);
 CC_EXPORT void deinit_config_copy_mib(void);
 CC_EXPORT void set_ccCopyTable_setmethods(uint8_t magic, WriteMethod **write_method);
-CC_EXPORT unsigned char *get_config_copy_mib(struct variable *vp, oid *name, size_t *length, int exact, size_t *var_len,
+CC_EXPORT unsigned char *get_config_copy_mib(struct variable *vp, oid *name, size_t *length,
+                                             int exact, size_t *var_len,
                                              WriteMethod **write_method);
 
-/* --- rows (copy_store.cpp) ---------------------------------------------------------------------------------- */
+// --- rows (copy_store.cpp)
 
-extern struct keyedset ccCopyTable;        /* the rows; present exactly while it holds one; written by the store */
-extern int32_t child_copy_running;         /* 1 while a worker runs; set by start_copy(), cleared by handle_copy_done() */
-CC_EXPORT extern unsigned int ageouttimer; /* handle of the age-out alarm; written by the store */
+// the rows; present exactly while it holds one; written by the store
+extern struct keyedset ccCopyTable;
+// 1 while a worker runs; set by start_copy(), cleared by handle_copy_done()
+extern int32_t child_copy_running;
+CC_EXPORT extern unsigned int ageouttimer; // handle of the age-out alarm; written by the store
 
-/* A heap record with all defaults and index 0, the caller's until addCcCopyEntry() took it; null when memory is exhausted. */
+// A heap record with all defaults and index 0, the caller's until addCcCopyEntry() took it; null
+// when memory is exhausted.
 CC_EXPORT struct ccCopyEntry *createCcCopyEntry(void);
 CC_EXPORT uint32_t addCcCopyEntry(struct ccCopyEntry *record);
-/* Copy the stored row into the caller's buffer, whose ccCopyIndex is the key (getnext: the key before it; 0 begins at the first row). */
+// Copy the stored row into the caller's buffer, whose ccCopyIndex is the key (getnext: the key
+// before it; 0 begins at the first row).
 CC_EXPORT uint32_t getCcCopyEntry(struct ccCopyEntry *buffer);
 CC_EXPORT uint32_t getnextCcCopyEntry(struct ccCopyEntry *buffer);
-/* Overwrites the stored row of the record's index with the record; then, when asked, fills the error table with the fabric's switches.
- * Returns 0, or CCERR_NOT_FOUND. */
+// Overwrites the stored row of the record's index with the record; then, when asked, fills the
+// error table with the fabric's switches. Returns 0, or CCERR_NOT_FOUND.
 CC_EXPORT uint32_t setCcCopyEntry(const struct ccCopyEntry *record, int32_t fill_error_table);
 CC_EXPORT uint32_t deleteCcCopyEntry(const struct ccCopyEntry *key);
 CC_EXPORT int8_t ccCopyEntry_comp_func(const void *a, const void *b);
 CC_EXPORT void ccCopyEntry_free(struct ccCopyEntry *record);
-/* The first row in that state; CCERR_FAILED when there is none, and the buffer then holds the last row. */
+// The first row in that state; CCERR_FAILED when there is none, and the buffer then holds the last
+// row.
 CC_EXPORT uint32_t get_config_entry_with_status(int32_t state, struct ccCopyEntry *buffer);
 CC_EXPORT bool copy_inprogress(void);
 CC_EXPORT int8_t search_all_cmp(const void *a, const void *b);
 
-/* --- read access (copy_read.cpp) ------------------------------------------------------------------------------------ */
+// --- read access (copy_read.cpp)
 
-extern struct ccCopyEntry cc_last_read_row; /* the row that the read handler answered from last; returned values point into it */
+// the row that the read handler answered from last; returned values point into it
+extern struct ccCopyEntry cc_last_read_row;
 
-CC_EXPORT unsigned char *get_ccCopyTable(struct variable *vp, oid *name, size_t *length, int exact, size_t *var_len,
-                                         WriteMethod **write_method);
-CC_EXPORT uint32_t copy_row_lookup(const oid *prefix, size_t prefix_len, oid *name, size_t *length, int exact, struct ccCopyEntry *record);
-CC_EXPORT uint32_t copy_oid_index_parse(const oid *prefix, size_t prefix_len, const oid *name, size_t length, int exact, int32_t *index);
+CC_EXPORT unsigned char *get_ccCopyTable(struct variable *vp, oid *name, size_t *length, int exact,
+                                         size_t *var_len, WriteMethod **write_method);
+CC_EXPORT uint32_t copy_row_lookup(const oid *prefix, size_t prefix_len, oid *name, size_t *length,
+                                   int exact, struct ccCopyEntry *record);
+CC_EXPORT uint32_t copy_oid_index_parse(const oid *prefix, size_t prefix_len, const oid *name,
+                                        size_t length, int exact, int32_t *index);
 
-CC_EXPORT unsigned char *get_ccCopyErrorTable(struct variable *vp, oid *name, size_t *length, int exact, size_t *var_len,
+CC_EXPORT unsigned char *get_ccCopyErrorTable(struct variable *vp, oid *name, size_t *length,
+                                              int exact, size_t *var_len,
                                               WriteMethod **write_method);
 
-/* --- error rows (copy_errors.cpp) */
+// --- error rows (copy_errors.cpp)
 
-extern struct keyedset ccCopyErrorTable; /* present exactly while it holds a row, or from its creation to the first one */
+// present exactly while it holds a row, or from its creation to the first one
+extern struct keyedset ccCopyErrorTable;
 
 CC_EXPORT int8_t ccCopyErrorEntry_comp_func(const void *a, const void *b);
-CC_EXPORT uint32_t addCcCopyErrorEntry(const struct ccCopyEntry *copy_request, const struct ccCopyErrorEntry *record);
+CC_EXPORT uint32_t addCcCopyErrorEntry(const struct ccCopyEntry *copy_request,
+                                       const struct ccCopyErrorEntry *record);
 CC_EXPORT uint32_t getCcCopyErrorEntry(struct ccCopyErrorEntry *buffer);
 CC_EXPORT uint32_t getnextCcCopyErrorEntry(struct ccCopyErrorEntry *buffer);
 CC_EXPORT uint32_t deleteCcCopyErrorEntries(const struct ccCopyEntry *key);
 CC_EXPORT uint32_t getFirstErrorEntryForNextCopyEntry(struct ccCopyErrorEntry *buffer);
-/* Adds a row for every switch that the fabric service reports; failures are logged and end it. */
+// Adds a row for every switch that the fabric service reports; failures are logged and end it.
 void cc_errors_fill(const struct ccCopyEntry *stored);
 
-/* --- write access (copy_write*.cpp) -------------------------------------------------------------------------------------------------- */
+// --- write access (copy_write*.cpp)
 
-/* Write methods as the agent calls them, once a phase (RESERVE1 0 .. UNDO 5); the result is an SNMP error status. */
-CC_EXPORT WriteMethod set_ccCopyProtocol, set_ccCopySourceFileType, set_ccCopyDestFileType, set_ccCopyServerAddress, set_ccCopyFileName,
-    set_ccCopyUserName, set_ccCopyUserPassword, set_ccCopyNotificationOnCompletion, set_ccCopyEntryRowStatus, set_ccCopyServerAddressType,
+// Write methods as the agent calls them, once a phase (RESERVE1 0 .. UNDO 5); the result is an SNMP
+// error status.
+CC_EXPORT WriteMethod set_ccCopyProtocol, set_ccCopySourceFileType, set_ccCopyDestFileType,
+    set_ccCopyServerAddress, set_ccCopyFileName, set_ccCopyUserName, set_ccCopyUserPassword,
+    set_ccCopyNotificationOnCompletion, set_ccCopyEntryRowStatus, set_ccCopyServerAddressType,
     set_ccCopyServerAddressRev1;
 
-/* Row copies of SETs of the row status, from RESERVE1 to the end of the transaction; written by the row-status handler. */
+// Row copies of SETs of the row status, from RESERVE1 to the end of the transaction; written by the
+// row-status handler.
 extern struct keyedset ccCopyUndoList;
-/* Take out of the undo list and free: every copy; every copy whose row is gone. */
+// Take out of the undo list and free: every copy; every copy whose row is gone.
 void cc_undo_clear(void);
 void cc_undo_drop_orphans(void);
 
-/* The value of an INTEGER that a manager wrote: its low 32 bits. */
+// The value of an INTEGER that a manager wrote: its low 32 bits.
 int32_t cc_integer_value(const unsigned char *value, size_t length);
-/* Whether an INTEGER may have this length: 0..4 octets, or the long that a 64-bit agent hands over. */
+// Whether an INTEGER may have this length: 0..4 octets, or the long that a 64-bit agent hands over.
 bool cc_integer_length_ok(size_t length);
 
-/* 1 when the request may be started, else 0 with *err_out an SNMP error status or 0. May change the record's row status and fail cause. */
-CC_EXPORT int32_t validate_entry(struct ccCopyEntry *record, int32_t *err_out, int32_t requested_status);
+// 1 when the request may be started, else 0 with *err_out an SNMP error status or 0. May change the
+// record's row status and fail cause.
+CC_EXPORT int32_t validate_entry(struct ccCopyEntry *record, int32_t *err_out,
+                                 int32_t requested_status);
 
-/* --- execution (copy_launch.cpp, copy_worker.cpp, copy_transfer.cpp, copy_save.cpp)
- * ---------------------------------------------------------------------------------------------------- */
+// --- execution (copy_launch.cpp, copy_worker.cpp, copy_transfer.cpp, copy_save.cpp)
 
 CC_EXPORT int32_t validate_n_start_copy(struct ccCopyEntry *record, int32_t row_status_value);
 CC_EXPORT uint32_t start_copy(struct ccCopyEntry *record);
 CC_EXPORT uint32_t copy_function(struct ccCopyEntry *record);
 
 enum copy_direction { COPY_DOWNLOAD = 1, COPY_UPLOAD = 2 };
-/* Move one file; the result is 0 or a fail cause. */
-CC_EXPORT int32_t do_nw_upload_download(int32_t direction, char *work_dir, struct ccCopyEntry *entry);
-CC_EXPORT int32_t do_nw_upload_download_on_vrf(int32_t direction, char *work_dir, struct ccCopyEntry *entry);
+// Move one file; the result is 0 or a fail cause.
+CC_EXPORT int32_t do_nw_upload_download(int32_t direction, char *work_dir,
+                                        struct ccCopyEntry *entry);
+CC_EXPORT int32_t do_nw_upload_download_on_vrf(int32_t direction, char *work_dir,
+                                               struct ccCopyEntry *entry);
 CC_EXPORT int32_t tftperr2miberr(int32_t tftp_error);
 
-extern msgbus_msg cfg_action_request; /* the last start request to the system manager, kept while its exchange lasts */
+// the last start request to the system manager, kept while its exchange lasts
+extern msgbus_msg cfg_action_request;
 CC_EXPORT uint32_t do_cp_runningtostartup(struct ccCopyEntry *record);
 CC_EXPORT uint32_t handle_abort(const struct ccCopyEntry *record);
-/* Formats the text with itself as the format, so that a '%' in it is a conversion; its arguments do no harm (copy_format.cpp). */
+// Formats the text with itself as the format, so that a '%' in it is a conversion; its arguments do
+// no harm (copy_format.cpp).
 void cc_format_as_its_own_format(char *out, size_t size, const char *text);
-/* True for a copy from the running configuration to a startup configuration: this switch's, the fabric's or all. */
+// True for a copy from the running configuration to a startup configuration: this switch's, the
+// fabric's or all.
 bool cc_is_running_to_startup(const struct ccCopyEntry *record);
 
 CC_EXPORT uint32_t send_status_2_parent(int32_t status);
 
-/* --- completion (copy_complete.cpp) ------------------------------------------------------------------------------------
- */
+// --- completion (copy_complete.cpp)
 
-CC_EXPORT netsnmp_variable_list *handle_notifications(msgbus_msg message, oid *oid_buffer, uint32_t *oid_length, uint32_t *send_flag);
+CC_EXPORT netsnmp_variable_list *handle_notifications(msgbus_msg message, oid *oid_buffer,
+                                                      uint32_t *oid_length, uint32_t *send_flag);
 CC_EXPORT uint32_t handle_copy_done(int32_t status);
 CC_EXPORT uint32_t handle_copy_failure(void);
 CC_EXPORT uint32_t handle_copy_success(void);
 
 #define CC_NOTIFICATION_OID_LENGTH 13
-/* The bindings of ccCopyCompletion for the row, the caller's to send. `oid_buffer` has room for CC_NOTIFICATION_OID_LENGTH sub-identifiers.
- */
-CC_EXPORT netsnmp_variable_list *build_notification(const struct ccCopyEntry *record, oid *oid_buffer, uint32_t *oid_length);
+// The bindings of ccCopyCompletion for the row, the caller's to send. `oid_buffer` has room for
+// CC_NOTIFICATION_OID_LENGTH sub-identifiers.
+CC_EXPORT netsnmp_variable_list *build_notification(const struct ccCopyEntry *record,
+                                                    oid *oid_buffer, uint32_t *oid_length);
 
-/* Sends the completion notification of a row that asks for it. */
+// Sends the completion notification of a row that asks for it.
 void cc_notify_if_asked(const struct ccCopyEntry *record);
 
-/* --- ageing (copy_age.cpp) */
+// --- ageing (copy_age.cpp)
 
 CC_EXPORT void cfgentry_age_timer_handler(unsigned int clientreg, void *clientarg);
 CC_EXPORT int cc_handle_starttime_change(int major, int minor, void *serverarg, void *clientarg);
 
-/* The current wall-clock time. */
+// The current wall-clock time.
 struct ccTime cc_now(void);
-/* The agent's uptime in hundredths of a second at that moment (netsnmp_timeval_uptime()); negative
- * before its start. TimeTicks are its low 32 bits: they start again after 497 days. */
+// The agent's uptime in hundredths of a second at that moment (netsnmp_timeval_uptime()); negative
+// before its start. TimeTicks are its low 32 bits: they start again after 497 days.
 long cc_uptime_of(struct ccTime when);
 
-} /* extern "C" */
+} // extern "C"
 
-/* The result of a call that waits for a child program: SIGCHLD is at its default meanwhile, whatever
- * the agent had set. */
+// The result of a call that waits for a child program: SIGCHLD is at its default meanwhile,
+// whatever the agent had set.
 template <typename Call> auto with_default_sigchld(Call call) {
     void (*const previous)(int) = signal(SIGCHLD, SIG_DFL);
     const auto result = call();

@@ -1,4 +1,4 @@
-/* The ageing of rows, and of what is kept beside them. */
+// The ageing of rows, and of what is kept beside them.
 #include "config_copy_mib.h"
 
 #include <time.h>
@@ -14,14 +14,17 @@ void cfgentry_age_timer_handler(unsigned int, void *) {
         if (age <= AGE_LIMIT_SECONDS) {
             continue;
         }
-        if (row.ccCopyState == COPY_STATE_RUNNING && row.ccCopyEntryRowStatus != ROW_STATUS_DESTROY) {
+        if (row.ccCopyState == COPY_STATE_RUNNING &&
+            row.ccCopyEntryRowStatus != ROW_STATUS_DESTROY) {
             continue;
         }
-        cc_log(EVTRACE_DEBUG, "%s: Deleting the aged out entry %d (curtime = %ld, entrycreatetetime = %ld \n", __func__, row.ccCopyIndex,
-               (long)now, (long)row.create_time);
+        cc_log(EVTRACE_DEBUG,
+               "%s: Deleting the aged out entry %d (curtime = %ld, entrycreatetetime = %ld \n",
+               __func__, row.ccCopyIndex, (long)now, (long)row.create_time);
         deleteCcCopyEntry(&row);
     }
-    cc_undo_drop_orphans(); /* so that no stale copy meets a later row of its index, nor do they pile up */
+    // so that no stale copy meets a later row of its index, nor do they pile up
+    cc_undo_drop_orphans();
 }
 
 int cc_handle_starttime_change(int, int, void *serverarg, void *) {
@@ -29,7 +32,9 @@ int cc_handle_starttime_change(int, int, void *serverarg, void *) {
     struct ccCopyEntry row = {};
     while (getnextCcCopyEntry(&row) == 0) {
         const uint32_t created = (uint32_t)row.create_time;
-        row.create_time = (int32_t)(change->direction == AGENT_STARTTIME_ADDED ? created + *change->seconds : created - *change->seconds);
+        row.create_time =
+            (int32_t)(change->direction == AGENT_STARTTIME_ADDED ? created + *change->seconds
+                                                                 : created - *change->seconds);
         setCcCopyEntry(&row, 0);
         snmp_heartbeat_send();
     }

@@ -1,4 +1,4 @@
-/* The end of a copy: the platform's messages, and the completion notification. */
+// The end of a copy: the platform's messages, and the completion notification.
 #include "config_copy_mib.h"
 
 #include <string.h>
@@ -7,7 +7,7 @@
 
 #include "platform/system_manager.h"
 
-/* --- time ----------------------------------------------------------------------------------------------------------------------------- */
+// --- time
 
 struct ccTime cc_now(void) {
     struct timeval now = {};
@@ -22,24 +22,28 @@ long cc_uptime_of(struct ccTime when) {
     return (long)netsnmp_timeval_uptime(&moment);
 }
 
-/* --- completion notification ---------------------------------------------------------------------------------------------------------- */
+// --- completion notification
 
-/* The notification's OID; its last sub-identifier is the row's index, written by build_notification(). */
+// The notification's OID; its last sub-identifier is the row's index, written by
+// build_notification().
 static oid notification_oid[CC_NOTIFICATION_OID_LENGTH] = {CC_ROOT_OID, 2, 1, 1, 0};
 
-/* The server's address as it was parsed last. Deliberate: an address text that does not parse leaves what was there. */
+// The server's address as it was parsed last. Deliberate: an address text that does not parse
+// leaves what was there.
 static struct inet_address notification_address;
 
-/* A list of bindings of one row, in order; a binding that can't be built is left out. */
+// A list of bindings of one row, in order; a binding that can't be built is left out.
 struct binding_list {
     int32_t index;
     netsnmp_variable_list *head;
     netsnmp_variable_list *last;
 };
 
-static void add_binding(struct binding_list &list, oid column, uint8_t type, const void *value, uint32_t length) {
+static void add_binding(struct binding_list &list, oid column, uint8_t type, const void *value,
+                        uint32_t length) {
     const oid instance[CC_ROW_OID_LENGTH] = {CC_COPY_COLUMN_OID(column), (oid)list.index};
-    netsnmp_variable_list *built = build_varbind(list.last, value, type, length, instance, CC_ROW_OID_LENGTH);
+    netsnmp_variable_list *built =
+        build_varbind(list.last, value, type, length, instance, CC_ROW_OID_LENGTH);
     if (built == nullptr) {
         return;
     }
@@ -53,11 +57,12 @@ static void add_integer(struct binding_list &list, oid column, uint8_t type, int
     add_binding(list, column, type, &value, sizeof value);
 }
 
-netsnmp_variable_list *build_notification(const struct ccCopyEntry *record, oid *oid_buffer, uint32_t *oid_length) {
+netsnmp_variable_list *build_notification(const struct ccCopyEntry *record, oid *oid_buffer,
+                                          uint32_t *oid_length) {
     notification_oid[CC_NOTIFICATION_OID_LENGTH - 1] = (oid)record->ccCopyIndex;
     ip_addr_from_str(record->ccCopyServerAddressRev1, &notification_address);
     const uint32_t address_type = notification_address.type;
-    /* Deliberate: for a moment before the agent's start a GET reads 0, and this is not 0. */
+    // Deliberate: for a moment before the agent's start a GET reads 0, and this is not 0.
     const int32_t started = (int32_t)cc_uptime_of(record->ccCopyTimeStarted);
     const int32_t completed = (int32_t)cc_uptime_of(record->ccCopyTimeCompleted);
     const uint32_t file_name_length = (uint32_t)strnlen(record->ccCopyFileName, CC_FILE_NAME_SIZE);
@@ -67,8 +72,9 @@ netsnmp_variable_list *build_notification(const struct ccCopyEntry *record, oid 
         add_binding(list, CC_COLUMN_SERVER_ADDRESS, ASN_IPADDRESS, notification_address.octets, 4);
     }
     if (address_type == INET_ADDRESS_IPV4 || address_type == INET_ADDRESS_IPV6) {
-        /* Deliberate: all 16 octets for an IPv4 address too. */
-        add_binding(list, CC_COLUMN_SERVER_ADDRESS_REV1, ASN_OCTET_STR, notification_address.octets, sizeof notification_address.octets);
+        // Deliberate: all 16 octets for an IPv4 address too.
+        add_binding(list, CC_COLUMN_SERVER_ADDRESS_REV1, ASN_OCTET_STR, notification_address.octets,
+                    sizeof notification_address.octets);
     }
     add_binding(list, CC_COLUMN_FILE_NAME, ASN_OCTET_STR, record->ccCopyFileName, file_name_length);
     add_integer(list, CC_COLUMN_STATE, ASN_INTEGER, record->ccCopyState);
@@ -80,11 +86,13 @@ netsnmp_variable_list *build_notification(const struct ccCopyEntry *record, oid 
     memmove(oid_buffer, notification_oid, sizeof notification_oid);
     *oid_length = CC_NOTIFICATION_OID_LENGTH;
     cc_log(EVTRACE_DEBUG,
-           "%s: Sending ccCopyCompletion notification : ccCopyServerAddressRev1 = %.*s, ccCopyFileName= %.*s,ccCopyState=%d, "
+           "%s: Sending ccCopyCompletion notification : ccCopyServerAddressRev1 = %.*s, "
+           "ccCopyFileName= %.*s,ccCopyState=%d, "
            "ccCopyTimeStarted=%d, "
            "ccCopyTimeCompleted = %d, ccCopyFailCause=%d, ccCopyServerAddressType = %d\n",
-           __func__, CC_ADDRESS_TEXT_SIZE, record->ccCopyServerAddressRev1, CC_FILE_NAME_SIZE, record->ccCopyFileName, record->ccCopyState,
-           started, completed, record->ccCopyFailCause, record->ccCopyServerAddressType);
+           __func__, CC_ADDRESS_TEXT_SIZE, record->ccCopyServerAddressRev1, CC_FILE_NAME_SIZE,
+           record->ccCopyFileName, record->ccCopyState, started, completed, record->ccCopyFailCause,
+           record->ccCopyServerAddressType);
     return list.head;
 }
 
@@ -99,7 +107,7 @@ void cc_notify_if_asked(const struct ccCopyEntry *record) {
     enqueue_notification(ENTERPRISE_SPECIFIC, notification, length, bindings);
 }
 
-/* --- messages ------------------------------------------------------------------------------------------------------------------------- */
+// --- messages
 
 uint32_t handle_copy_done(int32_t status) {
     child_copy_running = 0;
@@ -110,17 +118,19 @@ uint32_t handle_copy_done(int32_t status) {
     } else {
         row.ccCopyTimeCompleted = cc_now();
         row.ccCopyState = status == 0 ? COPY_STATE_SUCCESSFUL : COPY_STATE_FAILED;
-        row.ccCopyFailCause = status == 0 ? (int32_t)COPY_FAIL_GENERAL : status; /* deliberate: a success reads 1 */
+        // deliberate: a success reads 1
+        row.ccCopyFailCause = status == 0 ? (int32_t)COPY_FAIL_GENERAL : status;
         if (setCcCopyEntry(&row, 0) != 0) {
-            cc_log(EVTRACE_ERROR, "%s : Set to entry (index= %d) failed \n", __func__, row.ccCopyIndex);
+            cc_log(EVTRACE_ERROR, "%s : Set to entry (index= %d) failed \n", __func__,
+                   row.ccCopyIndex);
         }
     }
-    /* Deliberate: also when no copy is running, on the table's last row. */
+    // Deliberate: also when no copy is running, on the table's last row.
     cc_notify_if_asked(&row);
     return 0;
 }
 
-/* Deliberate: both record a general failure. */
+// Deliberate: both record a general failure.
 uint32_t handle_copy_failure(void) {
     return handle_copy_done(COPY_FAIL_GENERAL);
 }
@@ -129,7 +139,7 @@ uint32_t handle_copy_success(void) {
 }
 
 static void worker_reported(const char *function, msgbus_msg message) {
-    int32_t status; /* host order */
+    int32_t status; // host order
     const void *payload = msgbus_payload_get(message, sizeof status);
     if (payload == nullptr) {
         cc_log(EVTRACE_ERROR, "%s: MSGBUS Payload NULL\n", function);
@@ -145,14 +155,16 @@ static void action_begun(const char *function) {
     if (get_config_entry_with_status(COPY_STATE_WAITING, &row) != 0) {
         return;
     }
-    row.ccCopyState = COPY_STATE_RUNNING; /* deliberately without a further check */
+    row.ccCopyState = COPY_STATE_RUNNING; // deliberately without a further check
     if (setCcCopyEntry(&row, 0) != 0) {
-        cc_log(EVTRACE_ERROR, "ERROR  %s : Set to entry (index= %d) failed \n", function, row.ccCopyIndex);
+        cc_log(EVTRACE_ERROR, "ERROR  %s : Set to entry (index= %d) failed \n", function,
+               row.ccCopyIndex);
     }
 }
 
-/* The bindings of a notification to send, with *send_flag set, or null. */
-static netsnmp_variable_list *action_ended(const char *function, bool failed, oid *oid_buffer, uint32_t *oid_length, uint32_t *send_flag) {
+// The bindings of a notification to send, with *send_flag set, or null.
+static netsnmp_variable_list *action_ended(const char *function, bool failed, oid *oid_buffer,
+                                           uint32_t *oid_length, uint32_t *send_flag) {
     struct ccCopyEntry row = {};
     if (get_config_entry_with_status(COPY_STATE_RUNNING, &row) != 0) {
         return nullptr;
@@ -176,7 +188,8 @@ static netsnmp_variable_list *action_ended(const char *function, bool failed, oi
         set_mgmt_conf_last_change_time_extended(MGMT_CONF_CHANGE_STARTUP_SAVED);
     }
     if (setCcCopyEntry(&row, fill_error_table) != 0) {
-        cc_log(EVTRACE_ERROR, "ERROR  %s : Set to entry (index= %d) failed \n", function, row.ccCopyIndex);
+        cc_log(EVTRACE_ERROR, "ERROR  %s : Set to entry (index= %d) failed \n", function,
+               row.ccCopyIndex);
     }
     msgbus_drop(msgbus_response_q, &cfg_action_request);
     if (!notify) {
@@ -186,7 +199,8 @@ static netsnmp_variable_list *action_ended(const char *function, bool failed, oi
     return build_notification(&row, oid_buffer, oid_length);
 }
 
-netsnmp_variable_list *handle_notifications(msgbus_msg message, oid *oid_buffer, uint32_t *oid_length, uint32_t *send_flag) {
+netsnmp_variable_list *handle_notifications(msgbus_msg message, oid *oid_buffer,
+                                            uint32_t *oid_length, uint32_t *send_flag) {
     *send_flag = 0;
     switch (msgbus_opc_get(message)) {
     case AGENT_OPC_WORKER_STATUS:
@@ -196,7 +210,8 @@ netsnmp_variable_list *handle_notifications(msgbus_msg message, oid *oid_buffer,
         action_begun(__func__);
         return nullptr;
     case MSGBUS_OPC_WARDEN_CFG_ACTION_END:
-        return action_ended(__func__, *oid_length != 0, oid_buffer, oid_length, send_flag); /* the dispatcher left the outcome there */
+        // the dispatcher left the outcome there
+        return action_ended(__func__, *oid_length != 0, oid_buffer, oid_length, send_flag);
     default:
         return nullptr;
     }

@@ -1,4 +1,4 @@
-/* The error table: its store, and the rows that a failed copy to the fabric makes. */
+// The error table: its store, and the rows that a failed copy to the fabric makes.
 #include "config_copy_mib.h"
 
 #include <stdlib.h>
@@ -8,7 +8,7 @@
 
 struct keyedset ccCopyErrorTable = {};
 
-/* --- the store */
+// --- the store
 
 int8_t ccCopyErrorEntry_comp_func(const void *a, const void *b) {
     if (a == nullptr || b == nullptr) {
@@ -23,7 +23,7 @@ int8_t ccCopyErrorEntry_comp_func(const void *a, const void *b) {
 }
 
 uint32_t addCcCopyErrorEntry(const struct ccCopyEntry *, const struct ccCopyErrorEntry *record) {
-    static constexpr uint32_t NO_MEMORY = 5; /* not a module status code */
+    static constexpr uint32_t NO_MEMORY = 5; // not a module status code
     auto *stored = static_cast<struct ccCopyErrorEntry *>(malloc(sizeof(struct ccCopyErrorEntry)));
     if (stored == nullptr) {
         cc_log(EVTRACE_ERROR, "%s : Mallocing for ccCopyErrorEntryFailed\n", __func__);
@@ -31,7 +31,8 @@ uint32_t addCcCopyErrorEntry(const struct ccCopyEntry *, const struct ccCopyErro
     }
     memcpy(stored, record, sizeof *stored);
     if (keyedset_add(&ccCopyErrorTable, stored, stored) == nullptr) {
-        /* A copy that fails once more reports its switches under the same keys. Deliberate: its first errors stay. */
+        // A copy that fails once more reports its switches under the same keys. Deliberate: its
+        // first errors stay.
         free(stored);
         cc_log(EVTRACE_ERROR, "%s : failed to add to index object\n", __func__);
         return CCERR_FAILED;
@@ -73,14 +74,16 @@ uint32_t deleteCcCopyErrorEntries(const struct ccCopyEntry *key) {
         return 0;
     }
     if (keyedset_size(&ccCopyErrorTable) == 0) {
-        cc_log(EVTRACE_DEBUG, "%s : ccCopyErrorTable empty forcopy index: %d\n", __func__, key->ccCopyIndex);
+        cc_log(EVTRACE_DEBUG, "%s : ccCopyErrorTable empty forcopy index: %d\n", __func__,
+               key->ccCopyIndex);
         return 0;
     }
     struct ccCopyErrorEntry walk = {};
     walk.ccCopyIndex = key->ccCopyIndex;
     for (;;) {
         const void *next = keyedset_find_nextgreater(&ccCopyErrorTable, &walk);
-        if (next == nullptr || static_cast<const struct ccCopyErrorEntry *>(next)->ccCopyIndex != key->ccCopyIndex) {
+        if (next == nullptr ||
+            static_cast<const struct ccCopyErrorEntry *>(next)->ccCopyIndex != key->ccCopyIndex) {
             break;
         }
         memcpy(&walk, next, sizeof walk);
@@ -96,7 +99,7 @@ uint32_t getFirstErrorEntryForNextCopyEntry(struct ccCopyErrorEntry *buffer) {
     struct ccCopyEntry request;
     request.ccCopyIndex = buffer->ccCopyIndex;
     while (getnextCcCopyEntry(&request) == 0) {
-        /* Deliberate: the store's very first record, whatever copy request it belongs to. */
+        // Deliberate: the store's very first record, whatever copy request it belongs to.
         const void *first = keyedset_find_nth_obj(&ccCopyErrorTable, 1);
         if (first != nullptr) {
             memcpy(buffer, first, sizeof *buffer);
@@ -104,31 +107,32 @@ uint32_t getFirstErrorEntryForNextCopyEntry(struct ccCopyErrorEntry *buffer) {
             cc_log(EVTRACE_DEBUG, "%s : found entry\n", __func__);
             return 0;
         }
-        cc_log(EVTRACE_DEBUG, "%s : ccCopyErrorTable empty forccCopyIndex: %d\n ", __func__, request.ccCopyIndex);
+        cc_log(EVTRACE_DEBUG, "%s : ccCopyErrorTable empty forccCopyIndex: %d\n ", __func__,
+               request.ccCopyIndex);
     }
     return CCERR_NOT_FOUND;
 }
 
-/* --- the outcome on each switch of the fabric */
+// --- the outcome on each switch of the fabric
 
-/* A failure that both the debug history and the agent's log get, in the same words. */
-#define LOG_FAILURE(format, ...)                                                                                                           \
-    do {                                                                                                                                   \
-        cc_log(EVTRACE_ERROR, format, __VA_ARGS__);                                                                                        \
-        snmp_log(LOG_ERR, format, __VA_ARGS__);                                                                                            \
+// A failure that both the debug history and the agent's log get, in the same words.
+#define LOG_FAILURE(format, ...)                                                                   \
+    do {                                                                                           \
+        cc_log(EVTRACE_ERROR, format, __VA_ARGS__);                                                \
+        snmp_log(LOG_ERR, format, __VA_ARGS__);                                                    \
     } while (0)
 
-static constexpr char FILL_NAME[] = "setCcCopyEntry"; /* whose work the messages report */
+static constexpr char FILL_NAME[] = "setCcCopyEntry"; // whose work the messages report
 
-/* Gives the local switch's world-wide name, as it lies in memory. */
+// Gives the local switch's world-wide name, as it lies in memory.
 static bool local_switch_wwn(uint32_t (&wwn)[2]) {
     static constexpr uint32_t WWN_SERVICE = 46;
     static constexpr uint32_t TIMEOUT_SECONDS = 5;
     static_assert(sizeof wwn == CC_WWN_SIZE);
     void *response = nullptr;
     uint32_t length = 0;
-    const int status =
-        ctlmsg_req_resp(CTLMSG_REQ_SWITCH_WWN, 1, nullptr, &response, &length, 0, 0, WWN_SERVICE, msgbus_response_q, TIMEOUT_SECONDS);
+    const int status = ctlmsg_req_resp(CTLMSG_REQ_SWITCH_WWN, 1, nullptr, &response, &length, 0, 0,
+                                       WWN_SERVICE, msgbus_response_q, TIMEOUT_SECONDS);
     const bool known = status == 0 && response != nullptr;
     if (known) {
         memcpy(wwn, response, sizeof wwn);
@@ -137,23 +141,25 @@ static bool local_switch_wwn(uint32_t (&wwn)[2]) {
     return known;
 }
 
-/* Sets the device's address text; a failed conversion leaves the row without one. */
+// Sets the device's address text; a failed conversion leaves the row without one.
 static void set_device_address(struct ccCopyErrorEntry *error, const struct inet_address *address) {
-    const int status = ip_addr_to_str(address, error->ccCopyErrorDeviceAddr, CC_ERROR_ADDRESS_TEXT_SIZE - 1);
+    const int status =
+        ip_addr_to_str(address, error->ccCopyErrorDeviceAddr, CC_ERROR_ADDRESS_TEXT_SIZE - 1);
     if (status != 0) {
         LOG_FAILURE("%s: ip_addr_to_str() failed with error: %d\n", FILL_NAME, status);
         return;
     }
-    cc_log(EVTRACE_DEBUG, "%s: device ip addr: %s, device ip addr type: %d\n", FILL_NAME, error->ccCopyErrorDeviceAddr,
-           error->ccCopyErrorDeviceAddrType);
+    cc_log(EVTRACE_DEBUG, "%s: device ip addr: %s, device ip addr type: %d\n", FILL_NAME,
+           error->ccCopyErrorDeviceAddr, error->ccCopyErrorDeviceAddrType);
 }
 
-/* The fabric service has no address for the switch it runs on: take the management port's first. */
+// The fabric service has no address for the switch it runs on: take the management port's first.
 static void set_local_device_address(struct ccCopyErrorEntry *error) {
     uint32_t if_index = 0;
     if_index_mgmt_sup_port_init(&if_index, 0, 0);
     struct addrcfg_inet_addrs *addresses = nullptr;
-    if (addrcfg_get_if_inet_addrs(msgbus_response_q, if_index, &addresses) != 0 || addresses == nullptr) {
+    if (addrcfg_get_if_inet_addrs(msgbus_response_q, if_index, &addresses) != 0 ||
+        addresses == nullptr) {
         snmp_log(LOG_ERR, "%s: Failed to get ip address of local switch\n", FILL_NAME);
         return;
     }
@@ -169,20 +175,24 @@ static void set_local_device_address(struct ccCopyErrorEntry *error) {
 static void log_error_row(const struct ccCopyErrorEntry *error, const char *status_text) {
     char wwn[24] = "11:22:33:44:55:66:77:88";
     const uint8_t *w = error->ccCopyErrorSwitchWwn;
-    snprintf(wwn, sizeof wwn, "%02x:%02x:%02x:%02x:%02x:%02x:%02x:%02x", w[0], w[1], w[2], w[3], w[4], w[5], w[6], w[7]);
+    snprintf(wwn, sizeof wwn, "%02x:%02x:%02x:%02x:%02x:%02x:%02x:%02x", w[0], w[1], w[2], w[3],
+             w[4], w[5], w[6], w[7]);
     cc_log(EVTRACE_DEBUG, "%s: curr_entry contents: %s : %s\n", FILL_NAME, wwn, status_text);
-    /* This line shows the octets as signed numbers, as far as the same 24 octets hold them. */
+    // This line shows the octets as signed numbers, as far as the same 24 octets hold them.
     const auto *s = reinterpret_cast<const signed char *>(w);
     char signed_wwn[8 * sizeof "-128:"];
-    snprintf(signed_wwn, sizeof signed_wwn, "%d:%d:%d:%d:%d:%d:%d:%d", s[0], s[1], s[2], s[3], s[4], s[5], s[6], s[7]);
+    snprintf(signed_wwn, sizeof signed_wwn, "%d:%d:%d:%d:%d:%d:%d:%d", s[0], s[1], s[2], s[3], s[4],
+             s[5], s[6], s[7]);
     snprintf(wwn, sizeof wwn, "%.23s", signed_wwn);
-    cc_log(EVTRACE_DEBUG, "%s:adding errorentry to errortable index object %s : %s\n", FILL_NAME, wwn, error->ccCopyErrorText);
+    cc_log(EVTRACE_DEBUG, "%s:adding errorentry to errortable index object %s : %s\n", FILL_NAME,
+           wwn, error->ccCopyErrorText);
 }
 
 void cc_errors_fill(const struct ccCopyEntry *stored) {
     cc_log(EVTRACE_DEBUG, "%s: filling up ccCopyErrorTable\n", FILL_NAME);
     if (keyedset_size(&ccCopyErrorTable) == 0 &&
-        keyedset_create(&ccCopyErrorTable, 1, 1, ccCopyErrorEntry_comp_func, 1) != KEYEDSET_CREATED) {
+        keyedset_create(&ccCopyErrorTable, 1, 1, ccCopyErrorEntry_comp_func, 1) !=
+            KEYEDSET_CREATED) {
         cc_log(EVTRACE_ERROR, "%s: failed to createccCopyErrorTable indx obj\n", FILL_NAME);
         snmp_log(LOG_ERR, "%s: failed to create ccCopyErrorTable indx obj\n", FILL_NAME);
         return;
@@ -196,15 +206,18 @@ void cc_errors_fill(const struct ccCopyEntry *stored) {
     }
 
     cc_log(EVTRACE_DEBUG, "%s: calling fabstat_status_next_get(..)\n", FILL_NAME);
-    struct fabstat_status status = {}; /* cursor and result of the walk */
+    struct fabstat_status status = {}; // cursor and result of the walk
     char text[FABSTAT_TEXT_SIZE + 1] = "";
-    for (int32_t error_index = 1; fabstat_status_next_get(&status, text, FABSTAT_TEXT_SIZE, wwn[0], wwn[1]) == 0; error_index++) {
+    for (int32_t error_index = 1;
+         fabstat_status_next_get(&status, text, FABSTAT_TEXT_SIZE, wwn[0], wwn[1]) == 0;
+         error_index++) {
         struct ccCopyErrorEntry error = {};
         error.ccCopyIndex = stored->ccCopyIndex;
         error.ccCopyErrorIndex = error_index;
         error.ccCopyErrorDeviceAddrType = (int32_t)status.address.type;
         memcpy(error.ccCopyErrorSwitchWwn, status.wwn, sizeof error.ccCopyErrorSwitchWwn);
-        snprintf(error.ccCopyErrorText, sizeof error.ccCopyErrorText, "%.*s", (int)FABSTAT_TEXT_SIZE, text);
+        snprintf(error.ccCopyErrorText, sizeof error.ccCopyErrorText, "%.*s",
+                 (int)FABSTAT_TEXT_SIZE, text);
         if (status.local == 1) {
             set_local_device_address(&error);
         } else {

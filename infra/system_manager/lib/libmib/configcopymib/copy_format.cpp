@@ -1,4 +1,4 @@
-/* A text that is its own format: what printf(3) makes of it, with arguments that do no harm. */
+// A text that is its own format: what printf(3) makes of it, with arguments that do no harm.
 #include "config_copy_mib.h"
 
 #include <ctype.h>
@@ -10,7 +10,8 @@
 
 #include "platform/system_manager.h"
 
-/* A decimal number, as far as a field of a request has room for its value. '*' stands for an argument, which is harmless: 0. */
+// A decimal number, as far as a field of a request has room for its value. '*' stands for an
+// argument, which is harmless: 0.
 static unsigned take_number(const char *&p) {
     unsigned number = 0;
     if (*p == '*') {
@@ -22,12 +23,13 @@ static unsigned take_number(const char *&p) {
     return number;
 }
 
-/* What printf(3) makes of the conversion specification behind a '%' at `p`, which moves behind it. The argument is a harmless one: zero,
- * the empty text, no pointer; nothing is ever stored. */
+// What printf(3) makes of the conversion specification behind a '%' at `p`, which moves behind it.
+// The argument is a harmless one: zero, the empty text, no pointer; nothing is ever stored.
 static std::string take_conversion(const char *&p) {
     std::string format = "%";
     const char *digits = p;
-    if (take_number(digits) != 0 && *digits == '$') { /* the number of an argument: they are all alike */
+    // the number of an argument: they are all alike
+    if (take_number(digits) != 0 && *digits == '$') {
         p = digits + 1;
     }
     for (; *p != '\0' && strchr("-+ #0'", *p) != nullptr; p++) {
@@ -68,7 +70,7 @@ static std::string take_conversion(const char *&p) {
     return text;
 }
 
-/* Deliberate: the text is formatted with itself as the format, so a '%' in it is a conversion. */
+// Deliberate: the text is formatted with itself as the format, so a '%' in it is a conversion.
 void cc_format_as_its_own_format(char *out, size_t size, const char *text) {
     std::string formatted;
     while (*text != '\0' && formatted.size() < size) {

@@ -1,16 +1,18 @@
-/* Starting a copy: the checks at the activation, and the fork of a worker. */
+// Starting a copy: the checks at the activation, and the fork of a worker.
 #include "config_copy_mib.h"
 
 #include <string.h>
 #include <unistd.h>
 
-static constexpr char LAUNCH[] = "validate_n_start_copy"; /* whose work the messages of the launch report */
+// whose work the messages of the launch report
+static constexpr char LAUNCH[] = "validate_n_start_copy";
 
-static pid_t worker_pid = 0; /* of the last fork; written by start_copy(), only logged */
+static pid_t worker_pid = 0; // of the last fork; written by start_copy(), only logged
 
 bool cc_is_running_to_startup(const struct ccCopyEntry *record) {
     return record->ccCopySourceFileType == COPY_FILE_RUNNING &&
-           (record->ccCopyDestFileType == COPY_FILE_STARTUP || record->ccCopyDestFileType == COPY_FILE_FABRIC_STARTUP ||
+           (record->ccCopyDestFileType == COPY_FILE_STARTUP ||
+            record->ccCopyDestFileType == COPY_FILE_FABRIC_STARTUP ||
             record->ccCopyDestFileType == COPY_FILE_ALL_STARTUP);
 }
 
@@ -19,39 +21,48 @@ uint32_t start_copy(struct ccCopyEntry *record) {
         cc_log(EVTRACE_ERROR, "%s: child process is still running\n", __func__);
         return CCERR_FAILED;
     }
-    worker_pid = fork(); /* the platform's, by the linker's --wrap: it empties the worker's descriptors and follows it to its end */
+    // the platform's, by the linker's --wrap: it empties the worker's descriptors and follows it to
+    // its end
+    worker_pid = fork();
     if (worker_pid == 0) {
         copy_function(record);
         cc_log(EVTRACE_DEBUG, "%s : exit = child_id %d\n", __func__, (int)getpid());
-        _exit(0); /* always 0: the outcome travels in the status message */
+        _exit(0); // always 0: the outcome travels in the status message
     }
-    /* Deliberate: a failed fork (-1) counts as a started worker. */
+    // Deliberate: a failed fork (-1) counts as a started worker.
     child_copy_running = 1;
-    cc_log(EVTRACE_DEBUG, "%s : Created the process to copy with pid = %d\n", __func__, (int)worker_pid);
+    cc_log(EVTRACE_DEBUG, "%s : Created the process to copy with pid = %d\n", __func__,
+           (int)worker_pid);
     return 0;
 }
 
-/* Writes the row, which shows the copy as running from then on, and forks the worker. */
+// Writes the row, which shows the copy as running from then on, and forks the worker.
 static int32_t start_worker(struct ccCopyEntry *record) {
     if (setCcCopyEntry(record, 0) != 0) {
-        CC_TRACE_AS(LAUNCH, " : Set to entry (index= %d) failed just before starting the copy \n", record->ccCopyIndex);
+        CC_TRACE_AS(LAUNCH, " : Set to entry (index= %d) failed just before starting the copy \n",
+                    record->ccCopyIndex);
         return SNMP_ERR_GENERR;
     }
     return start_copy(record) == 0 ? SNMP_ERR_NOERROR : SNMP_ERR_GENERR;
 }
 
 int32_t validate_n_start_copy(struct ccCopyEntry *record, int32_t row_status_value) {
-    CC_TRACE(": Copy requested with: ccCopyServerAddressRev1 = %.*s,ccCopyFileName= %.*s, ccCopyUserName=%.*s, ccCopyTimeStarted=%d "
-             "ccCopyProtocol = %d ccCopySourceFileType = %d, ccCopyDestFileType= %d, ccCopyServerAddressType= %d\n",
-             CC_ADDRESS_TEXT_SIZE, record->ccCopyServerAddressRev1, CC_FILE_NAME_SIZE, record->ccCopyFileName, CC_CREDENTIAL_SIZE,
-             record->ccCopyUserName, (int32_t)cc_uptime_of(record->ccCopyTimeStarted), record->ccCopyProtocol, record->ccCopySourceFileType,
-             record->ccCopyDestFileType, record->ccCopyServerAddressType);
+    CC_TRACE(": Copy requested with: ccCopyServerAddressRev1 = %.*s,ccCopyFileName= %.*s, "
+             "ccCopyUserName=%.*s, ccCopyTimeStarted=%d "
+             "ccCopyProtocol = %d ccCopySourceFileType = %d, ccCopyDestFileType= %d, "
+             "ccCopyServerAddressType= %d\n",
+             CC_ADDRESS_TEXT_SIZE, record->ccCopyServerAddressRev1, CC_FILE_NAME_SIZE,
+             record->ccCopyFileName, CC_CREDENTIAL_SIZE, record->ccCopyUserName,
+             (int32_t)cc_uptime_of(record->ccCopyTimeStarted), record->ccCopyProtocol,
+             record->ccCopySourceFileType, record->ccCopyDestFileType,
+             record->ccCopyServerAddressType);
     int32_t error_status = SNMP_ERR_NOERROR;
     if (validate_entry(record, &error_status, row_status_value) != 1) {
         CC_TRACE(" : Validation failed row index = %d \n", record->ccCopyIndex);
         record->ccCopyTimeStarted = {0, 0};
         if (setCcCopyEntry(record, 0) != 0) {
-            CC_TRACE(" : Set to entry (index= %d) failed after valdation failed\n", record->ccCopyIndex);
+            CC_TRACE(" : Set to entry (index= %d) failed after valdation failed\n",
+                     record->ccCopyIndex);
             return SNMP_ERR_GENERR;
         }
         return error_status;
@@ -65,7 +76,8 @@ int32_t validate_n_start_copy(struct ccCopyEntry *record, int32_t row_status_val
     const int32_t dest = record->ccCopyDestFileType;
     if (source == COPY_FILE_NETWORK || dest == COPY_FILE_NETWORK) {
         const char *server = record->ccCopyServerAddressRev1;
-        if (strcmp(server, "0.0.0.0") == 0 || strcmp(server, "127.0.0.1") == 0) { /* deliberately these two and no other form */
+        // deliberately these two and no other form
+        if (strcmp(server, "0.0.0.0") == 0 || strcmp(server, "127.0.0.1") == 0) {
             CC_TRACE(" : Localhost address received (%s).  Disallowing this operation.", server);
             return SNMP_ERR_WRONGVALUE;
         }
@@ -76,14 +88,17 @@ int32_t validate_n_start_copy(struct ccCopyEntry *record, int32_t row_status_val
     }
     if (cc_is_running_to_startup(record)) {
         if (setCcCopyEntry(record, 0) != 0) {
-            cc_log(EVTRACE_ERROR, "%s : Set to entry (index= %d) failed just beforestarting copy running to startup\n", __func__,
-                   record->ccCopyIndex);
+            cc_log(EVTRACE_ERROR,
+                   "%s : Set to entry (index= %d) failed just beforestarting copy running to "
+                   "startup\n",
+                   __func__, record->ccCopyIndex);
             return SNMP_ERR_GENERR;
         }
-        do_cp_runningtostartup(record); /* its result shows in the row alone */
+        do_cp_runningtostartup(record); // its result shows in the row alone
     }
-    /* The row-status handler writes the record back. So it becomes what the table holds: after the exchange deliberately a running row also
-     * when the request could not be sent or was answered as done at once, and for any other pair of local files the row as it was. */
+    // The row-status handler writes the record back. So it becomes what the table holds: after the
+    // exchange deliberately a running row also when the request could not be sent or was answered
+    // as done at once, and for any other pair of local files the row as it was.
     getCcCopyEntry(record);
     return SNMP_ERR_NOERROR;
 }

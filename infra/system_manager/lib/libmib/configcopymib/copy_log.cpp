@@ -1,4 +1,4 @@
-/* The module's two logs: the platform's debug history and the private trace file. */
+// The module's two logs: the platform's debug history and the private trace file.
 #include "config_copy_mib.h"
 
 #include <errno.h>
@@ -11,7 +11,8 @@
 
 int32_t is_snmp_debug_enabled = 0;
 
-static FILE *trace_stream = nullptr; /* set by trace_file_get(); open for the rest of the process's life */
+// set by trace_file_get(); open for the rest of the process's life
+static FILE *trace_stream = nullptr;
 
 static constexpr uint32_t HISTORY_MODULE_ID = 0x730000;
 static constexpr size_t LOG_MESSAGE_SIZE = 512;
@@ -36,13 +37,16 @@ void cc_log(uint32_t subtype, const char *format, ...) {
     errno = saved_errno;
 }
 
-/* Opens a file for appending under a name that anyone can guess: what somebody else may have planted there, a link, a pipe or a file of his
- * own, is refused, and nobody else reads what managers asked for. A descriptor, or -1. */
+// Opens a file for appending under a name that anyone can guess: what somebody else may have
+// planted there, a link, a pipe or a file of his own, is refused, and nobody else reads what
+// managers asked for. A descriptor, or -1.
 static int open_private(const char *name) {
-    const int descriptor = open(name, O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
+    const int descriptor =
+        open(name, O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
     struct stat status;
-    if (descriptor >= 0 && (fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode) || status.st_uid != geteuid() ||
-                            status.st_nlink != 1 || fchmod(descriptor, 0600) != 0)) {
+    if (descriptor >= 0 &&
+        (fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode) ||
+         status.st_uid != geteuid() || status.st_nlink != 1 || fchmod(descriptor, 0600) != 0)) {
         close(descriptor);
         return -1;
     }
@@ -76,14 +80,14 @@ void cc_trace(const char *format, ...) {
     FILE *stream = trace_file_get();
     if (stream != nullptr) {
         const time_t now = time(nullptr);
-        char stamp[26]; /* ctime_r(3) */
+        char stamp[26]; // ctime_r(3)
         fprintf(stream, "[%.24s] ", ctime_r(&now, stamp));
         va_list arguments;
         va_start(arguments, format);
         vfprintf(stream, format, arguments);
         va_end(arguments);
         fputc('\n', stream);
-        fflush(stream); /* a crash loses no record */
+        fflush(stream); // a crash loses no record
     }
     errno = saved_errno;
 }

@@ -1,4 +1,4 @@
-/* GET and GETNEXT on both tables. */
+// GET and GETNEXT on both tables.
 #include "config_copy_mib.h"
 
 #include <stdlib.h>
@@ -7,7 +7,8 @@
 
 struct ccCopyEntry cc_last_read_row = {};
 
-/* What the read handlers' results point into until the next call, besides cc_last_read_row; written by the handlers only. */
+// What the read handlers' results point into until the next call, besides cc_last_read_row; written
+// by the handlers only.
 static uint32_t read_ticks;
 static struct inet_address read_address;
 static struct ccCopyErrorEntry read_error_row;
@@ -16,7 +17,8 @@ static constexpr size_t INTEGER_LENGTH = 4;
 static constexpr size_t IPV4_LENGTH = 4;
 static constexpr size_t IPV6_LENGTH = 16;
 
-template <typename Field> static unsigned char *field_value(Field &field, size_t length, size_t *var_len) {
+template <typename Field>
+static unsigned char *field_value(Field &field, size_t length, size_t *var_len) {
     *var_len = length;
     return reinterpret_cast<unsigned char *>(&field);
 }
@@ -25,8 +27,9 @@ static unsigned char *integer_value(int32_t &field, size_t *var_len) {
     return field_value(field, INTEGER_LENGTH, var_len);
 }
 
-/* A text field: as long as its text, and never longer than the field, which may have no terminator. */
-template <size_t capacity> static unsigned char *text_value(char (&field)[capacity], size_t *var_len) {
+// A text field: as long as its text, and never longer than the field, which may have no terminator.
+template <size_t capacity>
+static unsigned char *text_value(char (&field)[capacity], size_t *var_len) {
     return field_value(field, strnlen(field, capacity), var_len);
 }
 
@@ -36,16 +39,17 @@ static unsigned char *ticks_value(struct ccTime when, size_t *var_len) {
     return field_value(read_ticks, INTEGER_LENGTH, var_len);
 }
 
-/* The binary form of an address text; none when it is not an address. */
+// The binary form of an address text; none when it is not an address.
 static unsigned char *address_value(const char *text, size_t *var_len) {
     if (ip_addr_from_str(text, &read_address) != 0) {
         *var_len = 0;
         return nullptr;
     }
-    return field_value(read_address.octets, read_address.type == INET_ADDRESS_IPV4 ? IPV4_LENGTH : IPV6_LENGTH, var_len);
+    return field_value(read_address.octets,
+                       read_address.type == INET_ADDRESS_IPV4 ? IPV4_LENGTH : IPV6_LENGTH, var_len);
 }
 
-/* The same of the legacy column, which knows IPv4 alone. */
+// The same of the legacy column, which knows IPv4 alone.
 static unsigned char *ipv4_value(const char *text, size_t *var_len) {
     unsigned char *octets = address_value(text, var_len);
     if (octets != nullptr && read_address.type != INET_ADDRESS_IPV4) {
@@ -65,19 +69,21 @@ static unsigned char *no_value(void) {
     return nullptr;
 }
 
-/* A sub-identifier as the key of a GETNEXT. Indexes end at 2147483647: nothing lies beyond, so everything above counts as the last one. */
+// A sub-identifier as the key of a GETNEXT. Indexes end at 2147483647: nothing lies beyond, so
+// everything above counts as the last one.
 static int32_t next_key(oid sub_identifier) {
     return sub_identifier > INT32_MAX ? INT32_MAX : (int32_t)sub_identifier;
 }
 
-/* A sub-identifier as the key of a GET: above 2147483647 it is negative, and no row has such a key. */
+// A sub-identifier as the key of a GET: above 2147483647 it is negative, and no row has such a key.
 static int32_t exact_key(oid sub_identifier) {
     return (int32_t)(uint32_t)sub_identifier;
 }
 
-/* --- ccCopyTable --------------------------------------------------------------------------------------------------------------------- */
+// --- ccCopyTable
 
-uint32_t copy_oid_index_parse(const oid *prefix, size_t prefix_len, const oid *name, size_t length, int exact, int32_t *index) {
+uint32_t copy_oid_index_parse(const oid *prefix, size_t prefix_len, const oid *name, size_t length,
+                              int exact, int32_t *index) {
     *index = 0;
     if (length <= prefix_len) {
         return 0;
@@ -95,7 +101,8 @@ uint32_t copy_oid_index_parse(const oid *prefix, size_t prefix_len, const oid *n
     return 0;
 }
 
-uint32_t copy_row_lookup(const oid *prefix, size_t prefix_len, oid *name, size_t *length, int exact, struct ccCopyEntry *record) {
+uint32_t copy_row_lookup(const oid *prefix, size_t prefix_len, oid *name, size_t *length, int exact,
+                         struct ccCopyEntry *record) {
     oid found[MAX_OID_LEN];
     memcpy(found, prefix, prefix_len * sizeof(oid));
     copy_oid_index_parse(prefix, prefix_len, name, *length, exact, &record->ccCopyIndex);
@@ -108,36 +115,39 @@ uint32_t copy_row_lookup(const oid *prefix, size_t prefix_len, oid *name, size_t
     return status;
 }
 
-unsigned char *get_ccCopyTable(struct variable *vp, oid *name, size_t *length, int exact, size_t *var_len, WriteMethod **write_method) {
-    const uint32_t status = copy_row_lookup(vp->name, vp->namelen, name, length, exact, &cc_last_read_row);
-    /* Also without a row: the write handler of the row status creates it. */
+unsigned char *get_ccCopyTable(struct variable *vp, oid *name, size_t *length, int exact,
+                               size_t *var_len, WriteMethod **write_method) {
+    const uint32_t status =
+        copy_row_lookup(vp->name, vp->namelen, name, length, exact, &cc_last_read_row);
+    // Also without a row: the write handler of the row status creates it.
     set_ccCopyTable_setmethods(vp->magic, write_method);
     if (status != 0) {
         return nullptr;
     }
 
     switch (vp->magic) {
-/* clang-format off */
-#define READ_COLUMN(name, number, type, access, reader, field) case CC_MAGIC_##number: return reader(cc_last_read_row.field, var_len);
+#define READ_COLUMN(name, number, type, access, reader, field)                                     \
+    case CC_MAGIC_##number:                                                                        \
+        return reader(cc_last_read_row.field, var_len);
         CC_COPY_COLUMNS(READ_COLUMN)
 #undef READ_COLUMN
-        /* clang-format on */
     default:
         return no_value();
     }
 }
 
-/* --- ccCopyErrorTable ----------------------------------------------------------------------------------------------------------------- */
+// --- ccCopyErrorTable
 
-static constexpr char READ_ERROR_NAME[] = "get_ccCopyErrorTable"; /* whose work the message reports */
+static constexpr char READ_ERROR_NAME[] = "get_ccCopyErrorTable"; // whose work the message reports
 
 static unsigned char *device_address_value(const char *text, size_t *var_len) {
     unsigned char *octets = address_value(text, var_len);
     if (octets != nullptr) {
         uint32_t first_word;
         memcpy(&first_word, octets, sizeof first_word);
-        cc_log(EVTRACE_DEBUG, "%s: GET FUNCTION: returning device ip addr: %s (0x%08x), device ip addr type: %d\n", READ_ERROR_NAME, text,
-               first_word, read_error_row.ccCopyErrorDeviceAddrType);
+        cc_log(EVTRACE_DEBUG,
+               "%s: GET FUNCTION: returning device ip addr: %s (0x%08x), device ip addr type: %d\n",
+               READ_ERROR_NAME, text, first_word, read_error_row.ccCopyErrorDeviceAddrType);
     }
     return octets;
 }
@@ -146,14 +156,15 @@ static unsigned char *wwn_value(uint8_t (&wwn)[CC_WWN_SIZE], size_t *var_len) {
     return field_value(wwn, sizeof wwn, var_len);
 }
 
-unsigned char *get_ccCopyErrorTable(struct variable *vp, oid *name, size_t *length, int exact, size_t *var_len, WriteMethod **) {
+unsigned char *get_ccCopyErrorTable(struct variable *vp, oid *name, size_t *length, int exact,
+                                    size_t *var_len, WriteMethod **) {
     static constexpr size_t EXACT_EXTRA_MAX = 11;
     const size_t prefix_len = vp->namelen;
     oid found[MAX_OID_LEN];
     cc_log(EVTRACE_DEBUG, "%s \n", __func__);
     memcpy(found, vp->name, prefix_len * sizeof(oid));
     read_error_row = {};
-    /* Deliberate: a GET with up to this many sub-identifiers goes on, and only the first two count. */
+    // Deliberate: a GET with up to this many sub-identifiers goes on, and only the first two count.
     if (exact != 0 && *length > prefix_len + EXACT_EXTRA_MAX) {
         return nullptr;
     }
@@ -172,7 +183,8 @@ unsigned char *get_ccCopyErrorTable(struct variable *vp, oid *name, size_t *leng
             }
         }
     }
-    if ((exact != 0 ? getCcCopyErrorEntry(&read_error_row) : getnextCcCopyErrorEntry(&read_error_row)) != 0) {
+    if ((exact != 0 ? getCcCopyErrorEntry(&read_error_row)
+                    : getnextCcCopyErrorEntry(&read_error_row)) != 0) {
         return nullptr;
     }
     found[prefix_len] = (oid)read_error_row.ccCopyIndex;
@@ -181,11 +193,11 @@ unsigned char *get_ccCopyErrorTable(struct variable *vp, oid *name, size_t *leng
     memcpy(name, found, *length * sizeof(oid));
 
     switch (vp->magic) {
-/* clang-format off */
-#define READ_COLUMN(name, number, type, access, reader, field) case CC_MAGIC_ERROR_##number: return reader(read_error_row.field, var_len);
+#define READ_COLUMN(name, number, type, access, reader, field)                                     \
+    case CC_MAGIC_ERROR_##number:                                                                  \
+        return reader(read_error_row.field, var_len);
         CC_ERROR_COLUMNS(READ_COLUMN)
 #undef READ_COLUMN
-        /* clang-format on */
     default:
         return no_value();
     }

@@ -1,4 +1,4 @@
-/* The record store: the rows of ccCopyTable. Everything else works on copies of them. */
+// The record store: the rows of ccCopyTable. Everything else works on copies of them.
 #include "config_copy_mib.h"
 
 #include <stdlib.h>
@@ -58,11 +58,13 @@ uint32_t addCcCopyEntry(struct ccCopyEntry *record) {
         return keyedset_add(&ccCopyTable, record, record) == record ? 0 : CCERR_FAILED;
     }
     keyedset_create(&ccCopyTable, 1, 1, ccCopyEntry_comp_func, 1);
-    /* Deliberate: the first insertion counts any result but null as success, later ones only the record itself. */
+    // Deliberate: the first insertion counts any result but null as success, later ones only the
+    // record itself.
     if (keyedset_add(&ccCopyTable, record, record) == nullptr) {
         return CCERR_FAILED;
     }
-    ageouttimer = snmp_alarm_register(AGE_OUT_PERIOD_SECONDS, SA_REPEAT, cfgentry_age_timer_handler, nullptr);
+    ageouttimer =
+        snmp_alarm_register(AGE_OUT_PERIOD_SECONDS, SA_REPEAT, cfgentry_age_timer_handler, nullptr);
     return 0;
 }
 
@@ -100,7 +102,8 @@ uint32_t getnextCcCopyEntry(struct ccCopyEntry *buffer) {
     if (keyedset_size(&ccCopyTable) == 0) {
         return CCERR_NOT_FOUND;
     }
-    return copy_out(buffer->ccCopyIndex == 0 ? keyedset_find_nth_obj(&ccCopyTable, 1) : keyedset_find_nextgreater(&ccCopyTable, buffer),
+    return copy_out(buffer->ccCopyIndex == 0 ? keyedset_find_nth_obj(&ccCopyTable, 1)
+                                             : keyedset_find_nextgreater(&ccCopyTable, buffer),
                     buffer);
 }
 
@@ -133,5 +136,6 @@ uint32_t get_config_entry_with_status(int32_t state, struct ccCopyEntry *buffer)
 
 bool copy_inprogress(void) {
     struct ccCopyEntry running;
-    return get_config_entry_with_status(COPY_STATE_RUNNING, &running) == 0 || child_copy_running == 1;
+    return get_config_entry_with_status(COPY_STATE_RUNNING, &running) == 0 ||
+           child_copy_running == 1;
 }

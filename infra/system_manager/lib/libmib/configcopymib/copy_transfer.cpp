@@ -1,5 +1,5 @@
-/* Moving one file between the switch and a server, in the worker: TFTP by the platform's client or, within a VRF, its program; FTP, SFTP
- * and SCP by expect scripts. */
+// Moving one file between the switch and a server, in the worker: TFTP by the platform's client or,
+// within a VRF, its program; FTP, SFTP and SCP by expect scripts.
 #include "config_copy_mib.h"
 
 #include <errno.h>
@@ -18,13 +18,13 @@ static constexpr char SFTP_SCRIPT[] = "/ulmo/bin/sftp.expect";
 static constexpr char SCP_SCRIPT[] = "/ulmo/bin/scp.expect";
 static constexpr char TFTP_PROGRAM[] = "/ulmo/bin/brix-tftp";
 
-/* Chassis types whose management traffic lives in a VRF. */
+// Chassis types whose management traffic lives in a VRF.
 static constexpr int VRF_CHASSIS_TYPES[] = {10, 11, 19, 20, 21, 22, 26, 27, 28, 29, 30, 31, 32,
                                             33, 34, 39, 41, 42, 43, 44, 45, 46, 47, 49, 52};
 
-/* One transfer, with every text terminated and cut to its own field. */
+// One transfer, with every text terminated and cut to its own field.
 struct transfer {
-    const char *function; /* whose work the messages report */
+    const char *function; // whose work the messages report
     bool upload;
     bool download;
     char server[CC_ADDRESS_TEXT_SIZE];
@@ -32,16 +32,18 @@ struct transfer {
     char remote[CC_FILE_NAME_SIZE];
     char user[CC_CREDENTIAL_SIZE + 1];
     char password[CC_CREDENTIAL_SIZE + 1];
-    const char *vrf_id; /* the VRF identifier as text, or null outside a VRF */
+    const char *vrf_id; // the VRF identifier as text, or null outside a VRF
 };
 
-template <size_t capacity, size_t field_size> static void set_text(char (&text)[capacity], const char (&field)[field_size]) {
+template <size_t capacity, size_t field_size>
+static void set_text(char (&text)[capacity], const char (&field)[field_size]) {
     const size_t length = strnlen(field, std::min(field_size, capacity - 1));
     memcpy(text, field, length);
     text[length] = '\0';
 }
 
-static struct transfer transfer_of(const char *function, int32_t direction, const struct ccCopyEntry *entry) {
+static struct transfer transfer_of(const char *function, int32_t direction,
+                                   const struct ccCopyEntry *entry) {
     struct transfer t = {};
     t.function = function;
     t.upload = direction == COPY_UPLOAD;
@@ -54,10 +56,9 @@ static struct transfer transfer_of(const char *function, int32_t direction, cons
     return t;
 }
 
-/* --- results -----------------------------------------------------------------------------------------------------------------------------
- */
+// --- results
 
-/* Deliberate: one table serves the TFTP protocol's error codes and the system's error numbers. */
+// Deliberate: one table serves the TFTP protocol's error codes and the system's error numbers.
 static int32_t fail_cause_of_code(int32_t code) {
     switch (code) {
     case 1:
@@ -65,8 +66,8 @@ static int32_t fail_cause_of_code(int32_t code) {
         return COPY_FAIL_BAD_FILE_NAME;
     case 3:
         return COPY_FAIL_NO_SPACE;
-    case 101: /* ENETUNREACH */
-    case 110: /* ETIMEDOUT */
+    case 101: // ENETUNREACH
+    case 110: // ETIMEDOUT
         return COPY_FAIL_TIMEOUT;
     default:
         return COPY_FAIL_GENERAL;
@@ -81,7 +82,7 @@ static int exit_code_of(int wait_status) {
     return wait_status >> 8 & 0xff;
 }
 
-/* The scripts' exit codes are an interface: 0 done, 1 timed out, 2 file name refused, 3 no space. */
+// The scripts' exit codes are an interface: 0 done, 1 timed out, 2 file name refused, 3 no space.
 static int32_t fail_cause_of_script(int wait_status) {
     if (wait_status < 0) {
         return COPY_FAIL_GENERAL;
@@ -100,18 +101,19 @@ static int32_t fail_cause_of_script(int wait_status) {
     }
 }
 
-/* --- scripts
- * ------------------------------------------------------------------------------------------------------------------------------ */
+// --- scripts
 
 static void log_request(const struct transfer &t) {
     if (t.upload) {
-        cc_log(EVTRACE_DEBUG, "%s : Putting the file (%s)to the server (%s)\n", t.function, t.local, t.remote);
+        cc_log(EVTRACE_DEBUG, "%s : Putting the file (%s)to the server (%s)\n", t.function, t.local,
+               t.remote);
     } else {
-        cc_log(EVTRACE_DEBUG, "%s : Getting file %s to local file %s \n", t.function, t.remote, t.local);
+        cc_log(EVTRACE_DEBUG, "%s : Getting file %s to local file %s \n", t.function, t.remote,
+               t.local);
     }
 }
 
-/* The trace lines' part about the VRF; empty outside one. */
+// The trace lines' part about the VRF; empty outside one.
 struct vrf_part {
     char text[48];
 };
@@ -123,25 +125,29 @@ static struct vrf_part vrf_part_of(const struct transfer &t) {
     return part;
 }
 
-/* Deliberate: the trace lines carry the password in clear. */
+// Deliberate: the trace lines carry the password in clear.
 static void trace_credentials(const struct transfer &t, const char *protocol, int wait_status) {
-    fprintf(stderr, "%s: %s_%s  add %s ccCopySrcFileName %s ccCopyFileName %s ccCopyUserName %s ccCopyUserPassword %s%s ret_code 0x%x\n",
-            t.function, protocol, t.upload ? "PUT" : "GET", t.server, t.local, t.remote, t.user, t.password, vrf_part_of(t).text,
-            (unsigned)wait_status);
+    fprintf(stderr,
+            "%s: %s_%s  add %s ccCopySrcFileName %s ccCopyFileName %s ccCopyUserName %s "
+            "ccCopyUserPassword %s%s ret_code 0x%x\n",
+            t.function, protocol, t.upload ? "PUT" : "GET", t.server, t.local, t.remote, t.user,
+            t.password, vrf_part_of(t).text, (unsigned)wait_status);
 }
 
 static int32_t script_result(const struct transfer &t, const char *script, int wait_status) {
-    cc_log(EVTRACE_DEBUG, "%s : Return code from %s is  %d\n", t.function, script, exit_code_of(wait_status));
+    cc_log(EVTRACE_DEBUG, "%s : Return code from %s is  %d\n", t.function, script,
+           exit_code_of(wait_status));
     return fail_cause_of_script(wait_status);
 }
 
-/* Outside a VRF the argument list ends with the null that stands for the identifier. */
+// Outside a VRF the argument list ends with the null that stands for the identifier.
 static int32_t ftp_transfer(const struct transfer &t) {
     log_request(t);
     const int status = with_default_sigchld([&] {
-        return execute_program_and_wait_redirect(-1, -1, -1, FTP_SCRIPT, t.server, t.upload ? t.local : t.remote,
-                                                 t.upload ? t.remote : t.local, t.user, t.password, t.upload ? "put" : "get", t.vrf_id,
-                                                 nullptr);
+        return execute_program_and_wait_redirect(-1, -1, -1, FTP_SCRIPT, t.server,
+                                                 t.upload ? t.local : t.remote,
+                                                 t.upload ? t.remote : t.local, t.user, t.password,
+                                                 t.upload ? "put" : "get", t.vrf_id, nullptr);
     });
     trace_credentials(t, "FTP", status);
     return script_result(t, "ftp.expect", status);
@@ -150,8 +156,9 @@ static int32_t ftp_transfer(const struct transfer &t) {
 static int32_t sftp_transfer(const struct transfer &t) {
     log_request(t);
     const int status = with_default_sigchld([&] {
-        return execute_program_and_wait_redirect(-1, -1, -1, SFTP_SCRIPT, t.server, t.user, t.password, t.upload ? "put" : "get",
-                                                 t.upload ? t.local : t.remote, t.upload ? t.remote : t.local, t.vrf_id, nullptr);
+        return execute_program_and_wait_redirect(
+            -1, -1, -1, SFTP_SCRIPT, t.server, t.user, t.password, t.upload ? "put" : "get",
+            t.upload ? t.local : t.remote, t.upload ? t.remote : t.local, t.vrf_id, nullptr);
     });
     trace_credentials(t, "SFTP", status);
     return script_result(t, "sftp.expect", status);
@@ -165,15 +172,19 @@ static int32_t scp_transfer(const struct transfer &t) {
     set_text(target, whole);
     const char *from = t.upload ? t.local : target;
     const char *to = t.upload ? target : t.local;
-    cc_log(EVTRACE_DEBUG, "%s: executing command: %s %s %s %s", t.function, SCP_SCRIPT, from, to, t.password);
-    const int status = with_default_sigchld(
-        [&] { return execute_program_and_wait_redirect(-1, -1, -1, SCP_SCRIPT, from, to, t.password, t.vrf_id, nullptr); });
-    fprintf(stderr, "%s: SCP_%s ccCopySrcFileName %s tmp_buf %s passwd %s%s ret_code 0x%x\n", t.function, t.upload ? "PUT" : "GET", t.local,
-            target, t.password, vrf_part_of(t).text, (unsigned)status);
+    cc_log(EVTRACE_DEBUG, "%s: executing command: %s %s %s %s", t.function, SCP_SCRIPT, from, to,
+           t.password);
+    const int status = with_default_sigchld([&] {
+        return execute_program_and_wait_redirect(-1, -1, -1, SCP_SCRIPT, from, to, t.password,
+                                                 t.vrf_id, nullptr);
+    });
+    fprintf(stderr, "%s: SCP_%s ccCopySrcFileName %s tmp_buf %s passwd %s%s ret_code 0x%x\n",
+            t.function, t.upload ? "PUT" : "GET", t.local, target, t.password, vrf_part_of(t).text,
+            (unsigned)status);
     return script_result(t, "scp.expect", status);
 }
 
-/* Every protocol but TFTP, inside and outside a VRF. */
+// Every protocol but TFTP, inside and outside a VRF.
 static int32_t transfer_by_script(const struct transfer &t, int32_t protocol) {
     if (protocol == COPY_PROTO_RCP) {
         return COPY_FAIL_GENERAL;
@@ -189,14 +200,14 @@ static int32_t transfer_by_script(const struct transfer &t, int32_t protocol) {
     return t.upload || t.download ? run(t) : (int32_t)COPY_FAIL_GENERAL;
 }
 
-/* --- outside a VRF
- * --------------------------------------------------------------------------------------------------------------------------- */
+// --- outside a VRF
 
 static int32_t tftp_upload(const struct transfer &t) {
     log_request(t);
     const int result = with_default_sigchld([&] { return tftp_put2(t.local, t.remote, 0); });
     if (result < 0) {
-        cc_log(EVTRACE_ERROR, "%s : Putting to  the tftp server failed : %s (errno: %d)\n", t.function, tftp_strerror(result), result);
+        cc_log(EVTRACE_ERROR, "%s : Putting to  the tftp server failed : %s (errno: %d)\n",
+               t.function, tftp_strerror(result), result);
         return tftperr2miberr(result);
     }
     cc_log(EVTRACE_DEBUG, "%s : File %s is uploaded\n", t.function, t.remote);
@@ -207,7 +218,8 @@ static int32_t tftp_download(const struct transfer &t) {
     log_request(t);
     const int result = with_default_sigchld([&] { return tftp_get2(t.remote, t.local, 0); });
     if (result < 0) {
-        cc_log(EVTRACE_ERROR, "%s : Getting from tftp server failed :(%d) %s\n", t.function, result, tftp_strerror(result));
+        cc_log(EVTRACE_ERROR, "%s : Getting from tftp server failed :(%d) %s\n", t.function, result,
+               tftp_strerror(result));
         return tftperr2miberr(result);
     }
     cc_log(EVTRACE_DEBUG, "%s :  File %s is downloaded\n", t.function, t.remote);
@@ -220,12 +232,14 @@ static int32_t tftp_transfer(const struct transfer &t, int chassis_result) {
     cc_log(EVTRACE_DEBUG, "%s : get chassis type return %d\n", t.function, chassis_result);
     const int timeout_set = tftp_timeout_set(TIMEOUT_SECONDS);
     if (timeout_set < 0) {
-        cc_log(EVTRACE_ERROR, "%s : Setting timeout failed : %s\n", t.function, tftp_strerror(timeout_set));
+        cc_log(EVTRACE_ERROR, "%s : Setting timeout failed : %s\n", t.function,
+               tftp_strerror(timeout_set));
         return COPY_FAIL_GENERAL;
     }
     const int connected = tftp_connect(t.server, DEFAULT_PORT);
     if (connected < 0) {
-        cc_log(EVTRACE_ERROR, "%s : Connecting to the tftp server failed : %s\n", t.function, tftp_strerror(connected));
+        cc_log(EVTRACE_ERROR, "%s : Connecting to the tftp server failed : %s\n", t.function,
+               tftp_strerror(connected));
         return tftperr2miberr(connected);
     }
     return t.upload ? tftp_upload(t) : t.download ? tftp_download(t) : 0;
@@ -234,24 +248,24 @@ static int32_t tftp_transfer(const struct transfer &t, int chassis_result) {
 int32_t do_nw_upload_download(int32_t direction, char *work_dir, struct ccCopyEntry *entry) {
     int chassis_type = -1;
     const int chassis_result = hwinfo_get_chassis_type(&chassis_type);
-    if (chassis_result == 0 &&
-        std::find(std::begin(VRF_CHASSIS_TYPES), std::end(VRF_CHASSIS_TYPES), chassis_type) != std::end(VRF_CHASSIS_TYPES)) {
+    if (chassis_result == 0 && std::find(std::begin(VRF_CHASSIS_TYPES), std::end(VRF_CHASSIS_TYPES),
+                                         chassis_type) != std::end(VRF_CHASSIS_TYPES)) {
         return do_nw_upload_download_on_vrf(direction, work_dir, entry);
     }
     const struct transfer t = transfer_of(__func__, direction, entry);
-    return entry->ccCopyProtocol == COPY_PROTO_TFTP ? tftp_transfer(t, chassis_result) : transfer_by_script(t, entry->ccCopyProtocol);
+    return entry->ccCopyProtocol == COPY_PROTO_TFTP ? tftp_transfer(t, chassis_result)
+                                                    : transfer_by_script(t, entry->ccCopyProtocol);
 }
 
-/* --- within a VRF
- * ----------------------------------------------------------------------------------------------------------------------------- */
+// --- within a VRF
 
 static constexpr size_t VRF_NAME_SIZE = 32;
 static constexpr char DEFAULT_VRF[VRF_NAME_SIZE] = "management";
 
-/* The command line, with room for file names of which every character is escaped. */
+// The command line, with room for file names of which every character is escaped.
 static constexpr size_t COMMAND_SIZE = 512 + 2 * (size_t)CC_FILE_NAME_SIZE + VRF_NAME_SIZE;
 
-/* Copies a text, with a backslash before each character for which `special` holds. */
+// Copies a text, with a backslash before each character for which `special` holds.
 static void escape(char *out, const char *text, bool (*special)(char)) {
     for (; *text != '\0'; text++) {
         if (special(*text)) {
@@ -262,14 +276,15 @@ static void escape(char *out, const char *text, bool (*special)(char)) {
     *out = '\0';
 }
 
-/* What the shell interprets inside double quotes (POSIX, Shell Command Language, 2.2.3). */
+// What the shell interprets inside double quotes (POSIX, Shell Command Language, 2.2.3).
 static bool special_in_quotes(char c) {
     return strchr("\\\"$`", c) != nullptr;
 }
 
-/* Outside quotes only what surely means nothing to the shell stays bare. */
+// Outside quotes only what surely means nothing to the shell stays bare.
 static bool special_outside_quotes(char c) {
-    return !((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || strchr("._-:@%+", c) != nullptr);
+    return !((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+             strchr("._-:@%+", c) != nullptr);
 }
 
 static int32_t tftp_transfer_on_vrf(const struct transfer &t, const char *vrf_name) {
@@ -284,8 +299,8 @@ static int32_t tftp_transfer_on_vrf(const struct transfer &t, const char *vrf_na
     escape(remote, t.remote, special_in_quotes);
     escape(vrf, vrf_name, special_outside_quotes);
     char command[COMMAND_SIZE + sizeof t.local];
-    snprintf(command, sizeof command, "%s %d %s %d \"%s\" \"%s\" 1 %s", TFTP_PROGRAM, t.upload ? 1 : 0, t.server, TFTP_PORT, local, remote,
-             vrf);
+    snprintf(command, sizeof command, "%s %d %s %d \"%s\" \"%s\" 1 %s", TFTP_PROGRAM,
+             t.upload ? 1 : 0, t.server, TFTP_PORT, local, remote, vrf);
     cc_log(EVTRACE_DEBUG, "%s : tftp_cmd %s\n", t.function, command);
     int error = 0;
     const int status = with_default_sigchld([&] {
@@ -296,7 +311,8 @@ static int32_t tftp_transfer_on_vrf(const struct transfer &t, const char *vrf_na
     if (status == -1) {
         return fail_cause_of_code(error);
     }
-    return status == 0 ? 0 : (int32_t)COPY_FAIL_GENERAL; /* the program's own exit code is deliberately not looked at; 127: no shell */
+    // the program's own exit code is deliberately not looked at; 127: no shell
+    return status == 0 ? 0 : (int32_t)COPY_FAIL_GENERAL;
 }
 
 int32_t do_nw_upload_download_on_vrf(int32_t direction, char *, struct ccCopyEntry *entry) {
@@ -309,12 +325,14 @@ int32_t do_nw_upload_download_on_vrf(int32_t direction, char *, struct ccCopyEnt
     } else {
         snprintf(vrf_name, sizeof vrf_name, "%s", context_vrf);
     }
-    const int vrf_id = vrfdir_get_context_id(vrf_name); /* passed on as it is: an unknown VRF is the transport's error */
+    // passed on as it is: an unknown VRF is the transport's error
+    const int vrf_id = vrfdir_get_context_id(vrf_name);
     char vrf_id_text[32];
     snprintf(vrf_id_text, sizeof vrf_id_text, "%d", vrf_id);
     cc_log(EVTRACE_DEBUG, "%s : vrf name %s vrf_id %d\n", __func__, vrf_name, vrf_id);
 
     struct transfer t = transfer_of(__func__, direction, entry);
     t.vrf_id = vrf_id_text;
-    return entry->ccCopyProtocol == COPY_PROTO_TFTP ? tftp_transfer_on_vrf(t, vrf_name) : transfer_by_script(t, entry->ccCopyProtocol);
+    return entry->ccCopyProtocol == COPY_PROTO_TFTP ? tftp_transfer_on_vrf(t, vrf_name)
+                                                    : transfer_by_script(t, entry->ccCopyProtocol);
 }

@@ -1,4 +1,4 @@
-/* The copy worker: what the forked process does from its start to its report. */
+// The copy worker: what the forked process does from its start to its report.
 #include "config_copy_mib.h"
 
 #include <errno.h>
@@ -13,10 +13,10 @@
 #include "platform/utilities.h"
 
 static constexpr size_t PATH_SIZE = 256;
-static constexpr char WORKER[] = "copy_function"; /* whose work the messages report */
+static constexpr char WORKER[] = "copy_function"; // whose work the messages report
 
 static void set_path(char (&path)[PATH_SIZE], const char *directory, const char *name) {
-    /* A path that does not fit is cut, and the file then not found. */
+    // A path that does not fit is cut, and the file then not found.
     const int written = snprintf(path, sizeof path, "%s/%s", directory, name);
     if (written < 0) {
         path[0] = '\0';
@@ -29,8 +29,7 @@ static void read_working_directory(char (&directory)[PATH_SIZE]) {
     }
 }
 
-/* --- the message service endpoint --------------------------------------------------------------------------------------------------------
- */
+// --- the message service endpoint
 
 static constexpr int32_t NO_ENDPOINT = -1;
 
@@ -40,13 +39,13 @@ static int32_t bind_endpoint(void) {
     return msgbus_bind(BIND_REQUEST_RESPONSE, -1, &ADDRESS, "req-resp");
 }
 
-/* --- the CLI shell
- * ------------------------------------------------------------------------------------------------------------------------ */
+// --- the CLI shell
 
 static constexpr char SHELL_OUTPUT[] = "/tmp/configcopy.txt";
 
 static void set_shell_file(char (&field)[CMDSHELL_FILE_SIZE], const char *path) {
-    memcpy(field, path, std::min<size_t>(strlen(path), CMDSHELL_FILE_SIZE)); /* as strncpy(3) into a cleared field */
+    // as strncpy(3) into a cleared field
+    memcpy(field, path, std::min<size_t>(strlen(path), CMDSHELL_FILE_SIZE));
 }
 
 static uint32_t execute_in_shell(const char *path) {
@@ -68,10 +67,10 @@ static int32_t fail_cause_of_shell(uint32_t result) {
     }
 }
 
-/* --- the file name
- * ------------------------------------------------------------------------------------------------------------------------ */
+// --- the file name
 
-/* The last component of the manager's file name: the copy's local file, relative to the working directory. */
+// The last component of the manager's file name: the copy's local file, relative to the working
+// directory.
 static const char *base_name_of(const char *file_name) {
     const char *separator = strrchr(file_name, '/');
     if (separator == nullptr && file_name[0] != '/') {
@@ -80,8 +79,9 @@ static const char *base_name_of(const char *file_name) {
     return separator != nullptr ? separator + 1 : file_name;
 }
 
-/* Only an absolute name has a directory other than ".". */
-static void split_file_name(const struct ccCopyEntry *record, char (&directory)[PATH_SIZE], char (&base_name)[PATH_SIZE]) {
+// Only an absolute name has a directory other than ".".
+static void split_file_name(const struct ccCopyEntry *record, char (&directory)[PATH_SIZE],
+                            char (&base_name)[PATH_SIZE]) {
     const char *name = record->ccCopyFileName;
     snprintf(base_name, sizeof base_name, "%s", base_name_of(name));
     snprintf(directory, sizeof directory, ".");
@@ -94,10 +94,10 @@ static void split_file_name(const struct ccCopyEntry *record, char (&directory)[
     }
 }
 
-/* --- from the network
- * ---------------------------------------------------------------------------------------------------------------------- */
+// --- from the network
 
-/* Makes the downloaded file the startup configuration; it stays in the working directory under the startup configuration's name. */
+// Makes the downloaded file the startup configuration; it stays in the working directory under the
+// startup configuration's name.
 static int32_t downloaded_to_startup(const char *base_name) {
     if (rename(base_name, WARDEN_STARTUP_FILE) != 0) {
         perror("Could not rename the file");
@@ -115,7 +115,8 @@ static int32_t downloaded_to_startup(const char *base_name) {
     }
     const uint32_t result = warden_cli_write_ascii_cfg(endpoint, path);
     if (result != 0) {
-        cc_log(EVTRACE_ERROR, "%s : Error copying file into startup (ret_code = %d: %s\n", WORKER, (int)result, syserr_format(result));
+        cc_log(EVTRACE_ERROR, "%s : Error copying file into startup (ret_code = %d: %s\n", WORKER,
+               (int)result, syserr_format(result));
     }
     msgbus_unbind(endpoint, 0);
     return result == 0 ? 0 : COPY_FAIL_GENERAL;
@@ -124,21 +125,26 @@ static int32_t downloaded_to_startup(const char *base_name) {
 static int32_t downloaded_to_running(const char *path) {
     cc_log(EVTRACE_DEBUG, "%s : File to be executed  %s\n", WORKER, path);
     const uint32_t result = execute_in_shell(path);
-    cc_log(EVTRACE_DEBUG, "%s : Return from cmdshell_execute_cfg_file2 is %d\n", WORKER, (int)result);
+    cc_log(EVTRACE_DEBUG, "%s : Return from cmdshell_execute_cfg_file2 is %d\n", WORKER,
+           (int)result);
     fprintf(stderr, "%s : Return from cmdshell_execute_cfg_file2 is %d\n", WORKER, (int)result);
     if (result != 0) {
-        cc_log(EVTRACE_ERROR, "%s : cmdshell_execute_cfg_file2 : Copy from n/w to running failed (ret_code = %d) : %s\n", WORKER,
-               (int)result, syserr_format(result));
+        cc_log(EVTRACE_ERROR,
+               "%s : cmdshell_execute_cfg_file2 : Copy from n/w to running failed (ret_code = %d) "
+               ": %s\n",
+               WORKER, (int)result, syserr_format(result));
     }
     unlink(path);
     return result == 0 ? 0 : fail_cause_of_shell(result);
 }
 
-static int32_t copy_from_network(struct ccCopyEntry *record, char (&directory)[PATH_SIZE], const char *base_name) {
+static int32_t copy_from_network(struct ccCopyEntry *record, char (&directory)[PATH_SIZE],
+                                 const char *base_name) {
     snprintf(record->ccCopySrcFileName, sizeof record->ccCopySrcFileName, "%s", base_name);
     const int32_t cause = do_nw_upload_download(COPY_DOWNLOAD, directory, record);
     if (cause != 0) {
-        cc_log(EVTRACE_ERROR, "%s : Download of file %s from n/w server failed. (error = %d) \n", WORKER, record->ccCopyFileName, cause);
+        cc_log(EVTRACE_ERROR, "%s : Download of file %s from n/w server failed. (error = %d) \n",
+               WORKER, record->ccCopyFileName, cause);
         return cause;
     }
     char path[PATH_SIZE];
@@ -156,49 +162,58 @@ static int32_t copy_from_network(struct ccCopyEntry *record, char (&directory)[P
     }
 }
 
-/* --- to the network
- * ------------------------------------------------------------------------------------------------------------------------ */
+// --- to the network
 
-/* What differs between the two configurations that can be uploaded. */
+// What differs between the two configurations that can be uploaded.
 struct upload_source {
     const char *show_command;
-    const char *show_failed; /* of cc_log(): function, result */
+    const char *show_failed; // of cc_log(): function, result
     const char *word;
     bool notify_shell;
 };
-static constexpr struct upload_source RUNNING_SOURCE = {"show running-config", "Show running config failed", "running", true};
-static constexpr struct upload_source STARTUP_SOURCE = {"show startup-config", "Show startup config failed", "startup", false};
+static constexpr struct upload_source RUNNING_SOURCE = {
+    "show running-config", "Show running config failed", "running", true};
+static constexpr struct upload_source STARTUP_SOURCE = {
+    "show startup-config", "Show startup config failed", "startup", false};
 
-/* Writes the configuration into the local file; 0 or a fail cause. */
+// Writes the configuration into the local file; 0 or a fail cause.
 static int32_t dump_configuration(const struct upload_source &source, const char *base_name) {
     const int file = open(base_name, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (file < 0) {
         const int error = errno;
-        fprintf(stderr, "%s : could not open %s, errno = 0x%x\n", WORKER, base_name, (unsigned)error);
-        cc_log(EVTRACE_ERROR, "%s : could not open %s, errno = 0x%x\n", WORKER, base_name, (unsigned)error);
+        fprintf(stderr, "%s : could not open %s, errno = 0x%x\n", WORKER, base_name,
+                (unsigned)error);
+        cc_log(EVTRACE_ERROR, "%s : could not open %s, errno = 0x%x\n", WORKER, base_name,
+               (unsigned)error);
         return COPY_FAIL_GENERAL;
     }
-    const int status = with_default_sigchld(
-        [&] { return execute_program_and_wait_redirect(-1, file, -1, CMDSHELL_PROGRAM, "-c", source.show_command, nullptr); });
+    const int status = with_default_sigchld([&] {
+        return execute_program_and_wait_redirect(-1, file, -1, CMDSHELL_PROGRAM, "-c",
+                                                 source.show_command, nullptr);
+    });
     cc_log(EVTRACE_DEBUG, "%s : ret val = 0x%x\n", WORKER, (unsigned)status);
     close(file);
     if (status != 0) {
-        cc_log(EVTRACE_ERROR, "%s : %s, ret_val = 0x%x\n", WORKER, source.show_failed, (unsigned)status);
+        cc_log(EVTRACE_ERROR, "%s : %s, ret_val = 0x%x\n", WORKER, source.show_failed,
+               (unsigned)status);
         return COPY_FAIL_GENERAL;
     }
     return 0;
 }
 
-/* Dumps the configuration and leaves the dump's path in the record. On failure the endpoint stays bound, until the process ends. */
-static int32_t prepare_upload(struct ccCopyEntry *record, const struct upload_source &source, int32_t endpoint,
-                              char (&directory)[PATH_SIZE], const char *base_name) {
+// Dumps the configuration and leaves the dump's path in the record. On failure the endpoint stays
+// bound, until the process ends.
+static int32_t prepare_upload(struct ccCopyEntry *record, const struct upload_source &source,
+                              int32_t endpoint, char (&directory)[PATH_SIZE],
+                              const char *base_name) {
     const int32_t cause = dump_configuration(source, base_name);
     if (cause != 0) {
         return cause;
     }
     read_working_directory(directory);
     set_path(record->ccCopySrcFileName, directory, base_name);
-    CC_TRACE_AS(WORKER, ": ccCopySrcFileName %s from %s to network\n", record->ccCopySrcFileName, source.word);
+    CC_TRACE_AS(WORKER, ": ccCopySrcFileName %s from %s to network\n", record->ccCopySrcFileName,
+                source.word);
     if (endpoint != NO_ENDPOINT) {
         if (source.notify_shell) {
             cc_log(EVTRACE_DEBUG, "%s : notifiy copy running <file> done\n", WORKER);
@@ -209,18 +224,20 @@ static int32_t prepare_upload(struct ccCopyEntry *record, const struct upload_so
     return 0;
 }
 
-/* Deletes the dump. To give back the space of a large one takes long, so a descriptor, which is never closed, keeps it until the worker
- * ends: that is right after its report. */
+// Deletes the dump. To give back the space of a large one takes long, so a descriptor, which is
+// never closed, keeps it until the worker ends: that is right after its report.
 static void delete_dump(const char *path) {
     (void)open(path, O_RDONLY | O_CLOEXEC);
     unlink(path);
 }
 
-static int32_t copy_to_network(struct ccCopyEntry *record, char (&directory)[PATH_SIZE], const char *base_name) {
+static int32_t copy_to_network(struct ccCopyEntry *record, char (&directory)[PATH_SIZE],
+                               const char *base_name) {
     const int32_t endpoint = bind_endpoint();
-    const struct upload_source *source = record->ccCopySourceFileType == COPY_FILE_RUNNING   ? &RUNNING_SOURCE
-                                         : record->ccCopySourceFileType == COPY_FILE_STARTUP ? &STARTUP_SOURCE
-                                                                                             : nullptr;
+    const struct upload_source *source =
+        record->ccCopySourceFileType == COPY_FILE_RUNNING   ? &RUNNING_SOURCE
+        : record->ccCopySourceFileType == COPY_FILE_STARTUP ? &STARTUP_SOURCE
+                                                            : nullptr;
     if (source != nullptr) {
         const int32_t cause = prepare_upload(record, *source, endpoint, directory, base_name);
         if (cause != 0) {
@@ -239,8 +256,7 @@ static int32_t copy_to_network(struct ccCopyEntry *record, char (&directory)[PAT
     return cause;
 }
 
-/* --- startup to running
- * --------------------------------------------------------------------------------------------------------------------- */
+// --- startup to running
 
 static int32_t copy_startup_to_running(void) {
     const int32_t endpoint = bind_endpoint();
@@ -252,13 +268,16 @@ static int32_t copy_startup_to_running(void) {
     set_path(path, warden_cli_dir_get(endpoint, 2), WARDEN_STARTUP_FILE);
     cc_log(EVTRACE_DEBUG, "%s : Copying startup (file = %s) to running\n", WORKER, path);
     const uint32_t result = execute_in_shell(path);
-    cc_log(EVTRACE_DEBUG, "%s : Return from cmdshell_execute_cfg_file2 is %d\n", WORKER, (int)result);
+    cc_log(EVTRACE_DEBUG, "%s : Return from cmdshell_execute_cfg_file2 is %d\n", WORKER,
+           (int)result);
     if (result == 0) {
         cc_log(EVTRACE_DEBUG, "%s : Copying done with SUCCESS\n", WORKER);
         cc_log(EVTRACE_DEBUG, "%s : notifiy copy start running done\n", WORKER);
         cmdshell_notify_cfg_update(endpoint, 1, CMDSHELL_CFG_STARTUP_TO_RUNNING, 3);
     } else {
-        cc_log(EVTRACE_ERROR, "%s : cmdshell_execute_cfg_file2 : Copy from startup (file = %s) to running failed (ret_code = %d) : %s.\n",
+        cc_log(EVTRACE_ERROR,
+               "%s : cmdshell_execute_cfg_file2 : Copy from startup (file = %s) to running failed "
+               "(ret_code = %d) : %s.\n",
                WORKER, path, (int)result, syserr_format(result));
     }
     msgbus_unbind(endpoint, 0);
@@ -275,8 +294,8 @@ uint32_t send_status_2_parent(int32_t status) {
     for (int attempt = 0; attempt < BIND_ATTEMPTS; attempt++) {
         const int32_t handle = msgbus_bind(BIND_ONE_WAY, -1, &ADDRESS, "config_copy_task");
         if (handle >= 0) {
-            if (msgbus_send(handle, MSGBUS_NODE_LOCAL, MSGBUS_SAP_AGENT, AGENT_OPC_WORKER_STATUS, &status, sizeof status, nullptr, 0, 0) !=
-                0) {
+            if (msgbus_send(handle, MSGBUS_NODE_LOCAL, MSGBUS_SAP_AGENT, AGENT_OPC_WORKER_STATUS,
+                            &status, sizeof status, nullptr, 0, 0) != 0) {
                 cc_log(EVTRACE_ERROR, "%s: msgbus_send failed. errno %d\n", __func__, errno);
             }
             msgbus_unbind(handle, 0);
@@ -290,22 +309,28 @@ uint32_t send_status_2_parent(int32_t status) {
 }
 
 uint32_t copy_function(struct ccCopyEntry *record) {
-    CC_TRACE(": Copy started with : ccCopyServerAddressRev1 = %.*s,ccCopyFileName= %.*s, ccCopyUserName=%.*s,ccCopyTimeStarted=%d "
-             "ccCopyProtocol = %d ccCopySourceFileType = %d, ccCopyDestFileType= %d, ccCopyServerAddressType= %d\n",
-             CC_ADDRESS_TEXT_SIZE, record->ccCopyServerAddressRev1, CC_FILE_NAME_SIZE, record->ccCopyFileName, CC_CREDENTIAL_SIZE,
-             record->ccCopyUserName, (int32_t)cc_uptime_of(record->ccCopyTimeStarted), record->ccCopyProtocol, record->ccCopySourceFileType,
-             record->ccCopyDestFileType, record->ccCopyServerAddressType);
+    CC_TRACE(": Copy started with : ccCopyServerAddressRev1 = %.*s,ccCopyFileName= %.*s, "
+             "ccCopyUserName=%.*s,ccCopyTimeStarted=%d "
+             "ccCopyProtocol = %d ccCopySourceFileType = %d, ccCopyDestFileType= %d, "
+             "ccCopyServerAddressType= %d\n",
+             CC_ADDRESS_TEXT_SIZE, record->ccCopyServerAddressRev1, CC_FILE_NAME_SIZE,
+             record->ccCopyFileName, CC_CREDENTIAL_SIZE, record->ccCopyUserName,
+             (int32_t)cc_uptime_of(record->ccCopyTimeStarted), record->ccCopyProtocol,
+             record->ccCopySourceFileType, record->ccCopyDestFileType,
+             record->ccCopyServerAddressType);
     char directory[PATH_SIZE];
     char base_name[PATH_SIZE];
     split_file_name(record, directory, base_name);
-    record->ccCopySrcFileName[0] = '\0'; /* a source without a local file has none, not what the allocator left */
+    // a source without a local file has none, not what the allocator left
+    record->ccCopySrcFileName[0] = '\0';
 
-    int32_t cause = 0; /* any pair that is none of these is done at once */
+    int32_t cause = 0; // any pair that is none of these is done at once
     if (record->ccCopySourceFileType == COPY_FILE_NETWORK) {
         cause = copy_from_network(record, directory, base_name);
     } else if (record->ccCopyDestFileType == COPY_FILE_NETWORK) {
         cause = copy_to_network(record, directory, base_name);
-    } else if (record->ccCopySourceFileType == COPY_FILE_STARTUP && record->ccCopyDestFileType == COPY_FILE_RUNNING) {
+    } else if (record->ccCopySourceFileType == COPY_FILE_STARTUP &&
+               record->ccCopyDestFileType == COPY_FILE_RUNNING) {
         cause = copy_startup_to_running();
     }
     return send_status_2_parent(cause);

@@ -1,4 +1,5 @@
-/* The write handler of ccCopyEntryRowStatus: creation, activation and destruction of a row, and the undo list of its transactions. */
+// The write handler of ccCopyEntryRowStatus: creation, activation and destruction of a row, and the
+// undo list of its transactions.
 #include "config_copy_mib.h"
 
 #include <stdlib.h>
@@ -8,14 +9,15 @@
 
 struct keyedset ccCopyUndoList = {};
 
-static int32_t change_time_flag; /* cleared when a createAndGo or destroy is committed */
+static int32_t change_time_flag; // cleared when a createAndGo or destroy is committed
 
-static constexpr char HANDLER[] = "set_ccCopyEntryRowStatus"; /* whose work the messages report */
-static constexpr oid ROW_STATUS_COLUMN[CC_COLUMN_OID_LENGTH] = {CC_COPY_COLUMN_OID(CC_COLUMN_ENTRY_ROW_STATUS)};
+static constexpr char HANDLER[] = "set_ccCopyEntryRowStatus"; // whose work the messages report
+static constexpr oid ROW_STATUS_COLUMN[CC_COLUMN_OID_LENGTH] = {
+    CC_COPY_COLUMN_OID(CC_COLUMN_ENTRY_ROW_STATUS)};
 
-/* --- undo list ------------------------------------------------------------------------------------------------------------------------ */
+// --- undo list
 
-/* Takes the copy of a row out of the list for the caller, who frees it; null when there is none. */
+// Takes the copy of a row out of the list for the caller, who frees it; null when there is none.
 static struct ccCopyEntry *undo_take(int32_t index) {
     struct ccCopyEntry key;
     key.ccCopyIndex = index;
@@ -33,7 +35,7 @@ void cc_undo_clear(void) {
 }
 
 void cc_undo_drop_orphans(void) {
-    struct ccCopyEntry row = {}; /* index 0: ahead of every copy */
+    struct ccCopyEntry row = {}; // index 0: ahead of every copy
     while (const void *copy = keyedset_find_nextgreater(&ccCopyUndoList, &row)) {
         row.ccCopyIndex = static_cast<const struct ccCopyEntry *>(copy)->ccCopyIndex;
         if (getCcCopyEntry(&row) != 0) {
@@ -42,7 +44,7 @@ void cc_undo_drop_orphans(void) {
     }
 }
 
-/* Keeps a copy of the row that the agent looked up for this variable. */
+// Keeps a copy of the row that the agent looked up for this variable.
 static int undo_keep_last_read_row(void) {
     auto *copy = static_cast<struct ccCopyEntry *>(malloc(sizeof(struct ccCopyEntry)));
     if (copy == nullptr) {
@@ -58,17 +60,18 @@ static int undo_keep_last_read_row(void) {
     return SNMP_ERR_NOERROR;
 }
 
-/* --- phases --------------------------------------------------------------------------------------------------------------------------- */
+// --- phases
 
 static bool creates(int32_t status) {
     return status == ROW_STATUS_CREATE_AND_GO || status == ROW_STATUS_CREATE_AND_WAIT;
 }
 
-/* Makes the row of a new index and leaves a copy of it in *row. */
+// Makes the row of a new index and leaves a copy of it in *row.
 static int create_row(int32_t index, struct ccCopyEntry *row) {
     struct ccCopyEntry *created = createCcCopyEntry();
     if (created == nullptr) {
-        cc_log(EVTRACE_ERROR, "%s : RESERVE1 - Could not malloc for the ccCopyEntry for  a new entry \n", HANDLER);
+        cc_log(EVTRACE_ERROR,
+               "%s : RESERVE1 - Could not malloc for the ccCopyEntry for  a new entry \n", HANDLER);
         return SNMP_ERR_GENERR;
     }
     created->ccCopyIndex = index;
@@ -82,7 +85,8 @@ static int create_row(int32_t index, struct ccCopyEntry *row) {
     return SNMP_ERR_NOERROR;
 }
 
-static int reserve1(int32_t requested, unsigned char type, size_t length, bool row_was_read, int32_t index) {
+static int reserve1(int32_t requested, unsigned char type, size_t length, bool row_was_read,
+                    int32_t index) {
     cc_trace("%s(%d):DEBUG: %s :  Entering RESERVE1\n", HANDLER, __LINE__, HANDLER);
     if (type != ASN_INTEGER) {
         fprintf(stderr, "write to ccCopyEntryRowStatus not ASN_INTEGER\n");
@@ -92,21 +96,22 @@ static int reserve1(int32_t requested, unsigned char type, size_t length, bool r
         fprintf(stderr, "write to ccCopyEntryRowStatus: bad length\n");
         return SNMP_ERR_WRONGLENGTH;
     }
-    if (requested < ROW_STATUS_ACTIVE || requested > ROW_STATUS_DESTROY || requested == ROW_STATUS_NOT_IN_SERVICE ||
-        requested == ROW_STATUS_NOT_READY) {
+    if (requested < ROW_STATUS_ACTIVE || requested > ROW_STATUS_DESTROY ||
+        requested == ROW_STATUS_NOT_IN_SERVICE || requested == ROW_STATUS_NOT_READY) {
         return SNMP_ERR_INCONSISTENTVALUE;
     }
     if (requested == ROW_STATUS_CREATE_AND_GO && row_was_read) {
         cc_log(EVTRACE_ERROR, "%s : CreateAndGo on a existing row\n", HANDLER);
         return SNMP_ERR_INCONSISTENTVALUE;
     }
-    if ((requested == ROW_STATUS_ACTIVE || requested == ROW_STATUS_CREATE_AND_GO) && copy_inprogress()) {
+    if ((requested == ROW_STATUS_ACTIVE || requested == ROW_STATUS_CREATE_AND_GO) &&
+        copy_inprogress()) {
         cc_log(EVTRACE_ERROR, ": %s : Another Copy is in progress\n", HANDLER);
         log_set_error(CCERR_COPY_IN_PROGRESS, CC_ERROR_FACILITY);
         return SNMP_ERR_GENERR;
     }
     if (keyedset_size(&ccCopyTable) == 0) {
-        cc_undo_clear(); /* no age-out pass comes while there is no row */
+        cc_undo_clear(); // no age-out pass comes while there is no row
     }
     if (row_was_read) {
         const int kept = undo_keep_last_read_row();
@@ -133,7 +138,8 @@ static int reserve1(int32_t requested, unsigned char type, size_t length, bool r
         return SNMP_ERR_INCONSISTENTVALUE;
     }
 
-    cc_log(EVTRACE_DEBUG, "%s : Setting ccCopyEntryRowStatus to %d \n", HANDLER, row.ccCopyEntryRowStatus);
+    cc_log(EVTRACE_DEBUG, "%s : Setting ccCopyEntryRowStatus to %d \n", HANDLER,
+           row.ccCopyEntryRowStatus);
     row.ccCopyEntryRowStatus = requested;
     if (setCcCopyEntry(&row, 0) != 0) {
         cc_log(EVTRACE_ERROR, "%s : Setting a new entry (index = %d) failed\n", HANDLER, index);
@@ -148,7 +154,7 @@ static int reserve1(int32_t requested, unsigned char type, size_t length, bool r
 static int reserve2(unsigned char *state, int32_t index) {
     CC_TRACE_AS(HANDLER, " :  Entering RESERVE2\n");
     if (state != nullptr) {
-        *state = 1; /* into the read handler's buffer: no row changes */
+        *state = 1; // into the read handler's buffer: no row changes
     }
     struct ccCopyEntry row;
     row.ccCopyIndex = index;
@@ -177,7 +183,10 @@ static int action_phase(int32_t requested, int32_t index) {
         return requested == ROW_STATUS_DESTROY ? SNMP_ERR_NOERROR : SNMP_ERR_GENERR;
     }
     if (status != 0) {
-        CC_TRACE_AS(HANDLER, " :  Some Generic error while getting the informatiom for the entry  in ACTION %d \n", requested);
+        CC_TRACE_AS(
+            HANDLER,
+            " :  Some Generic error while getting the informatiom for the entry  in ACTION %d \n",
+            requested);
         return SNMP_ERR_GENERR;
     }
     CC_TRACE_AS(HANDLER, " : long_ret %d \n", requested);
@@ -193,14 +202,16 @@ static int action_phase(int32_t requested, int32_t index) {
     case ROW_STATUS_CREATE_AND_GO: {
         const int started = validate_n_start_copy(&row, requested);
         if (started != SNMP_ERR_NOERROR) {
-            /* Deliberate: the line always shows 0. */
+            // Deliberate: the line always shows 0.
             CC_TRACE_AS(HANDLER, " : Validation failed (ret_code = %d) \n", 0);
             return started;
         }
         return write_back(&row, requested);
     }
     default:
-        row.ccCopyEntryRowStatus = row.ccCopyEntryRowStatus == ROW_STATUS_CREATE_AND_WAIT ? (int32_t)ROW_STATUS_NOT_READY : requested;
+        row.ccCopyEntryRowStatus = row.ccCopyEntryRowStatus == ROW_STATUS_CREATE_AND_WAIT
+                                       ? (int32_t)ROW_STATUS_NOT_READY
+                                       : requested;
         return write_back(&row, requested);
     }
 }
@@ -219,7 +230,8 @@ static int free_phase(int32_t requested, int32_t index) {
     struct ccCopyEntry row;
     row.ccCopyIndex = index;
     if (getCcCopyEntry(&row) == 0) {
-        /* Deliberate: a row that this transaction did not create keeps its copy in the undo list, until it ages out. */
+        // Deliberate: a row that this transaction did not create keeps its copy in the undo list,
+        // until it ages out.
         if (!creates(row.ccCopyEntryRowStatus)) {
             return SNMP_ERR_NOERROR;
         }
@@ -233,22 +245,25 @@ static int free_phase(int32_t requested, int32_t index) {
     return SNMP_ERR_NOERROR;
 }
 
-/* Puts the saved copy of an active or destroy request back. */
+// Puts the saved copy of an active or destroy request back.
 static int undo_change(int32_t requested, int32_t index) {
     struct ccCopyEntry *copy = undo_take(index);
     if (copy == nullptr) {
-        cc_log(EVTRACE_ERROR, "%s : Could not get the structure for undo list for UNDO (index = %d)\n", HANDLER, index);
+        cc_log(EVTRACE_ERROR,
+               "%s : Could not get the structure for undo list for UNDO (index = %d)\n", HANDLER,
+               index);
         return SNMP_ERR_GENERR;
     }
     if (requested != ROW_STATUS_DESTROY) {
         cc_log(EVTRACE_DEBUG, "%s : UNDO Setting back the value  (index = %d)\n", HANDLER, index);
-        const uint32_t put_back = setCcCopyEntry(copy, 0); /* fails when the same SET destroyed the row */
+        // fails when the same SET destroyed the row
+        const uint32_t put_back = setCcCopyEntry(copy, 0);
         ccCopyEntry_free(copy);
         return put_back == 0 ? SNMP_ERR_NOERROR : SNMP_ERR_GENERR;
     }
     cc_log(EVTRACE_DEBUG, "%s : UNDO Adding the deleted entry (index = %d)\n", HANDLER, index);
-    /* Deliberate: the test is inverted, a row that could be put back is released and reported as a failure. Released means out of the table
-     * as well, so that a destroyed row never comes back. */
+    // Deliberate: the test is inverted, a row that could be put back is released and reported as a
+    // failure. Released means out of the table as well, so that a destroyed row never comes back.
     if (addCcCopyEntry(copy) == 0) {
         deleteCcCopyEntry(copy);
         return SNMP_ERR_GENERR;
@@ -267,19 +282,21 @@ static int undo(int32_t requested, int32_t index) {
         ccCopyEntry_free(copy);
         return SNMP_ERR_NOERROR;
     }
-    cc_log(EVTRACE_DEBUG, "%s : UNDO - Deleting the added entry (index = %d) failed\n", HANDLER, index); /* deliberate: said of success */
+    // deliberate: said of success
+    cc_log(EVTRACE_DEBUG, "%s : UNDO - Deleting the added entry (index = %d) failed\n", HANDLER,
+           index);
     struct ccCopyEntry row;
     row.ccCopyIndex = index;
     deleteCcCopyEntry(&row);
     return SNMP_ERR_NOERROR;
 }
 
-int set_ccCopyEntryRowStatus(int action, unsigned char *var_val, unsigned char var_val_type, size_t var_val_len, unsigned char *statP,
-                             oid *name, size_t name_len) {
+int set_ccCopyEntryRowStatus(int action, unsigned char *var_val, unsigned char var_val_type,
+                             size_t var_val_len, unsigned char *statP, oid *name, size_t name_len) {
     const bool well_formed = var_val_type == ASN_INTEGER && cc_integer_length_ok(var_val_len);
     const int32_t requested = well_formed ? cc_integer_value(var_val, var_val_len) : 0;
     const int32_t index = (int32_t)name[name_len - 1];
-    int32_t instance_index; /* COMMIT and UNDO take it from an OID of exactly a row's length */
+    int32_t instance_index; // COMMIT and UNDO take it from an OID of exactly a row's length
     switch (action) {
     case RESERVE1:
         return reserve1(requested, var_val_type, var_val_len, statP != nullptr, index);
@@ -288,12 +305,14 @@ int set_ccCopyEntryRowStatus(int action, unsigned char *var_val, unsigned char v
     case ACTION:
         return action_phase(requested, index);
     case COMMIT:
-        copy_oid_index_parse(ROW_STATUS_COLUMN, CC_COLUMN_OID_LENGTH, name, name_len, 1, &instance_index);
+        copy_oid_index_parse(ROW_STATUS_COLUMN, CC_COLUMN_OID_LENGTH, name, name_len, 1,
+                             &instance_index);
         return commit(requested, instance_index);
     case FREE:
         return free_phase(requested, index);
     case UNDO:
-        copy_oid_index_parse(ROW_STATUS_COLUMN, CC_COLUMN_OID_LENGTH, name, name_len, 1, &instance_index);
+        copy_oid_index_parse(ROW_STATUS_COLUMN, CC_COLUMN_OID_LENGTH, name, name_len, 1,
+                             &instance_index);
         return undo(requested, instance_index);
     default:
         return SNMP_ERR_NOERROR;
