@@ -1,4 +1,4 @@
-// Where C calls us, or the agent's loop does: no exception may go further.
+// The boundary where C code or the agent's loop calls us: no exception may cross it.
 #pragma once
 
 #include <cerrno>
@@ -7,11 +7,11 @@
 
 namespace ulmo {
 
-// The errno value of the exception that is being handled: a system error's own, ENOMEM when memory
-// is short, EIO for all else.
+// The errno value for the exception being handled: the code of a system_error, ENOMEM for
+// bad_alloc, EIO for anything else.
 int errno_of_exception() noexcept;
 
-// The result of `call`, which is an errno value, or the one of what it threw.
+// The result of `call`, itself an errno value, or the errno value of the exception that it threw.
 template <typename Call> int errno_of(Call &&call) noexcept {
     try {
         return std::forward<Call>(call)();
@@ -39,7 +39,7 @@ template <typename Call> auto result_or_errno(Call &&call) noexcept -> decltype(
     }
 }
 
-// Runs `call` and gives what it threw, as a text, to `tell`. Keeps errno.
+// Runs `call`. If it throws, passes the exception's text to `tell`. Keeps errno.
 template <typename Call, typename Tell> void quietly(Call &&call, Tell &&tell) noexcept {
     const int saved_errno = errno;
     try {

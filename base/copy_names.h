@@ -1,5 +1,4 @@
-// The values of the copy table by their names in CONFIG-COPY-MIB, where both ends of a copy print
-// them.
+// Values of the copy table by their names in CONFIG-COPY-MIB, for both ends of a copy.
 #pragma once
 
 #include <array>
@@ -9,7 +8,7 @@
 
 namespace ulmo {
 
-// A value of ccCopyFailCause; one that has no name as its number.
+// The name of a ccCopyFailCause value, or its number when it has no name.
 inline std::string cause_name(long cause) {
     constexpr std::array<std::string_view, 10> names{"",
                                                      "general",

@@ -10,18 +10,18 @@
 
 namespace ulmo {
 
-// State that outlives a restart: $ULMO_STATE_DIR, or /var/lib/ulmo. Made with mode 0700 when it is
-// not there. Throws std::system_error.
+// State that survives a restart: $ULMO_STATE_DIR, or /var/lib/ulmo. Created with mode 0700 if
+// missing. Throws std::system_error.
 std::filesystem::path state_dir();
 
-// Sockets and records of the running system: $ULMO_RUN_DIR, or /run/ulmo. Made with mode 0755 when
-// it is not there. Throws as above.
+// Sockets and records of the running system: $ULMO_RUN_DIR, or /run/ulmo. Created with mode 0755 if
+// missing. Throws std::system_error.
 std::filesystem::path run_dir();
 
-// Its path alone: nothing is made.
+// The path of run_dir(), without creating it.
 std::filesystem::path run_path();
 
-// The file of the settings: $ULMO_CONF, or /etc/ulmo/platform.conf.
+// The settings file: $ULMO_CONF, or /etc/ulmo/platform.conf.
 std::filesystem::path settings_file();
 
 } // namespace ulmo

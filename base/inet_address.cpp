@@ -56,7 +56,7 @@ int ip_addr_to_str(const struct inet_address *address, char *text, size_t size) 
         return EAFNOSUPPORT;
     }
     return ulmo::errno_of([=] {
-        // Formatted aside, so that a caller whose room does not suffice keeps what was there.
+        // Formatted separately, so that the caller's buffer is unchanged when it is too small.
         const std::string whole = ulmo::address_text(*address);
         if (whole.size() + 1 > size) {
             return ENOSPC;

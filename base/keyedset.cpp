@@ -19,7 +19,7 @@ Tree *tree_of(const keyedset *set) {
     return set == nullptr ? nullptr : static_cast<Tree *>(set->impl);
 }
 
-// Objects came in as writable; only their order is read here.
+// The objects were added as writable; the tree only compares them.
 void *object_at(const Tree &tree, Tree::const_iterator position) {
     return position == tree.end() ? nullptr : const_cast<void *>(*position);
 }

@@ -1,4 +1,4 @@
-// Numbers in texts.
+// Reading numbers from text.
 #pragma once
 
 #include <charconv>
@@ -10,8 +10,8 @@
 
 namespace ulmo {
 
-// The number that the whole text is, in decimal digits, from `least` to `most`; nothing for any
-// other text, one with blanks or with a '+' too.
+// The value of a text that consists only of a decimal number from `least` to `most`. Empty for any
+// other text; blanks and '+' are not accepted.
 template <std::integral Number>
 std::optional<Number> parsed_number(std::string_view text,
                                     Number least = std::numeric_limits<Number>::min(),

@@ -7,7 +7,7 @@
 namespace ulmo {
 namespace {
 
-// What setfsuid(2) and setfsgid(2) answer to an impossible id: the one in force.
+// setfsuid(2) and setfsgid(2) return the current id when given an invalid one.
 constexpr uid_t no_user = static_cast<uid_t>(-1);
 constexpr gid_t no_group = static_cast<gid_t>(-1);
 

@@ -1,4 +1,4 @@
-// As whom the platform works in its folders.
+// Working on files as the owner of their folder.
 #pragma once
 
 #include <sys/types.h>
@@ -8,12 +8,12 @@
 
 namespace ulmo {
 
-// As long as the object is there, what a thread of the superuser does with files it does as the
-// owner of `folder`, setfsuid(2); for other users, where the superuser is the owner, and where
-// there is no such folder, nothing changes. The agent is the superuser while it loads its modules
-// and somebody else afterwards, and administrators use cmdshell as they are: neither may leave
-// behind what the other can't open, nor follow what the owner has put there to a place where the
-// owner could do nothing. Objects of one thread may be nested.
+// While the object exists, a superuser's thread acts on files as the owner of `folder`
+// (setfsuid(2)). Nothing changes for other users, when the superuser owns the folder, or when the
+// folder does not exist. The agent is the superuser only while it loads its modules, and
+// administrators run cmdshell as the superuser. Neither may leave files that the other can't open,
+// nor follow links that the owner has planted to places where the owner has no rights. Objects of
+// one thread may be nested.
 class ActingAsOwner {
   public:
     explicit ActingAsOwner(const std::filesystem::path &folder) noexcept;
@@ -26,7 +26,7 @@ class ActingAsOwner {
     gid_t former_group_;
 };
 
-// The owner of the folder; nothing when there is none.
+// The owner of the folder; empty if it does not exist.
 std::optional<uid_t> owner_of(const std::filesystem::path &folder) noexcept;
 
 } // namespace ulmo

@@ -43,8 +43,8 @@ class FileActions {
 
 class SpawnAttributes {
   public:
-    // The program begins with no signal blocked and every disposition at its default, whatever its
-    // parent has made of them.
+    // The program starts with no signal blocked and every disposition at its default, whatever the
+    // parent's are.
     SpawnAttributes() {
         posix_spawnattr_init(&attributes_);
         sigset_t signals;
@@ -73,17 +73,17 @@ int spawn(pid_t &pid, const std::array<int, 3> &streams, char *const *argv) {
         const auto index = static_cast<std::size_t>(stream);
         const int given = streams[index];
         if (given >= 0) {
-            // A copy above the standard streams: the given one may itself be a stream that an
-            // earlier action has replaced.
+            // Duplicate above the standard streams first: an earlier action may already have
+            // replaced the given descriptor, if it is itself a standard stream.
             copies[index] = UniqueFd(::fcntl(given, F_DUPFD_CLOEXEC, first_other));
             if (!copies[index]) {
                 return errno;
             }
             actions.duplicate(copies[index].get(), stream);
         } else if (::fcntl(stream, F_GETFD) >= 0) {
-            actions.duplicate(stream, stream); // takes close-on-exec off
+            actions.duplicate(stream, stream); // clears close-on-exec
         } else {
-            // or the program's first file would become its standard stream
+            // Otherwise the first file that the program opens would become this standard stream.
             actions.open_null(stream);
         }
     }

@@ -1,4 +1,4 @@
-// Why something failed, for an operator.
+// The reason for a failure, for an operator.
 #pragma once
 
 #include <exception>
@@ -6,7 +6,7 @@
 
 namespace ulmo {
 
-// Short and on one line: "no space on device", or what the error says.
+// One short line: "no space on device" for ENOSPC, otherwise the exception's text.
 std::string reason_of(const std::exception &error);
 
 } // namespace ulmo

@@ -62,7 +62,7 @@ void ReplacedFile::append(std::string_view data) {
 }
 
 void ReplacedFile::finish() {
-    // whatever the umask
+    // Independent of the umask.
     check(::fchmod(file_.get(), owner_only), "cannot protect", path_.native());
     if (manner_ == Manner::lasting) {
         check(::fsync(file_.get()), "cannot sync", path_.native());
@@ -73,7 +73,8 @@ void ReplacedFile::commit() {
     const std::filesystem::path folder = path_.parent_path();
     const ActingAsOwner owner(folder);
     UniqueFd directory;
-    if (manner_ == Manner::lasting) { // which may fail only as long as nothing has been done
+    // Opened before the rename, so that a failure here leaves the old file in place.
+    if (manner_ == Manner::lasting) {
         constexpr int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
         directory = UniqueFd(check(::open(folder.c_str(), flags), "cannot open", folder.native()));
     }

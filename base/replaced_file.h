@@ -1,4 +1,4 @@
-// A file that is replaced in one step.
+// Replacing a file in one step.
 #pragma once
 
 #include "base/unique_fd.h"
@@ -8,40 +8,40 @@
 
 namespace ulmo {
 
-// A new content of the file `path`, mode 0600, under another name in the same folder until
-// commit(): whatever happens, the file is the whole old one or the whole new one. All is done as
-// the folder's owner (base/ownership.h). Throws std::system_error.
+// New content for the file `path`, mode 0600, kept under a temporary name in the same folder until
+// commit(). At any moment the file is the complete old one or the complete new one. All work is
+// done as the folder's owner (base/ownership.h). Throws std::system_error.
 class ReplacedFile {
   public:
     enum class Manner {
-        lasting,  // finish() and commit() wait until what they did is on the disk
-        passing,  // nobody waits for the disk: for what need not outlive a failure of the power
-        unlocked, // the same, and others may replace the file at the same time
+        lasting,  // finish() and commit() return when their work is on the disk
+        passing,  // no wait for the disk: the content need not survive a power failure
+        unlocked, // like passing, and others may replace the file at the same time
     };
-    // But for unlocked ones, callers exclude each other with a lock: then the other name is
-    // PATH.new, and what a killed process left there is removed. Otherwise it is a name that nobody
-    // has.
+    // For lasting and passing files, callers exclude each other with a lock. The temporary name is
+    // then PATH.new, and a leftover of a killed process is removed. For unlocked files it is a new
+    // name each time.
     explicit ReplacedFile(std::filesystem::path path, Manner manner = Manner::lasting);
-    // With all of its content, finished.
+    // The same with all of its content, finished.
     ReplacedFile(std::filesystem::path path, std::string_view content,
                  Manner manner = Manner::lasting);
     ReplacedFile(ReplacedFile &&) noexcept = default;
     ReplacedFile &operator=(ReplacedFile &&) = delete;
-    ~ReplacedFile(); // removes what was not committed
+    ~ReplacedFile(); // removes the temporary file unless it was committed
 
     void append(std::string_view data);
 
-    // Once, when all is appended.
+    // Call once, after the last append().
     void finish();
 
-    // Gives the new content the file's name. A link in its place is replaced, not followed.
+    // Renames the temporary file to `path`. A link of that name is replaced, not followed.
     void commit();
 
   private:
     std::filesystem::path path_;
     std::filesystem::path temporary_;
     Manner manner_;
-    UniqueFd file_; // holds nothing once committed
+    UniqueFd file_; // empty once committed
 };
 
 } // namespace ulmo

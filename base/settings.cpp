@@ -25,8 +25,6 @@
 namespace ulmo {
 namespace {
 
-// --- one value ---
-
 std::string lower(std::string_view text) {
     std::string result(text);
     for (char &c : result) {
@@ -46,11 +44,11 @@ bool is_one_of(std::string_view word, std::string_view words) {
     return false;
 }
 
-// The value in the form that the getters return; nothing when it is none.
+// The value in the form that the getters return; empty if it is not valid.
 std::optional<std::string> accepted(const Setting &setting, std::string_view text) {
     std::string value(text);
     if (setting.kind != SettingKind::list && text == setting.fallback) {
-        return value; // also an empty one, which is not set
+        return value; // an empty value means not set
     }
     bool is_good = true;
     switch (setting.kind) {
@@ -76,7 +74,7 @@ std::optional<std::string> accepted(const Setting &setting, std::string_view tex
         break;
     case SettingKind::wwn: {
         const auto wwn = wwn_from_text(text);
-        is_good = wwn && *wwn != Wwn{}; // which names nobody
+        is_good = wwn && *wwn != Wwn{}; // reserved: no switch's name
         break;
     }
     case SettingKind::text:
@@ -106,33 +104,31 @@ std::string what_it_must_be(const Setting &setting) {
     return "must have another value";
 }
 
-// One short line whatever the file holds.
+// At most one short line, whatever the file contains.
 std::string shown(std::string_view text) {
     constexpr std::size_t longest = 60;
     return one_line(text, longest) + (text.size() > longest ? "..." : "");
 }
 
-// --- the file ---
-
-// What tells one content of the file from the next.
+// Identifies one version of the file's content.
 using Stamp = std::tuple<std::string, dev_t, ino_t, off_t, time_t, long, time_t, long, uid_t>;
 
 struct State {
-    std::vector<std::string> values; // of a setting that is no list, the last good one
+    std::vector<std::string> values; // for kinds other than list: the last valid value
     bool is_default = true;
-    std::string refusal; // why the setting can't be asked for
+    std::string refusal; // why a getter must throw
 };
 
 struct Contents {
     Stamp stamp;
-    std::string unreadable; // why, when it can't be read
+    std::string unreadable; // the reason, if the file can't be read
     std::array<State, std::size(all_settings)> states;
     std::vector<std::string> problems;
 };
 
-// The status of the file; nothing when there is none. Throws std::runtime_error.
+// The status of the file; empty if it does not exist. Throws std::runtime_error.
 std::optional<struct stat> status_of(const std::filesystem::path &path) {
-    // a worker has another working directory than the agent, and would find no file
+    // A worker's working directory is not the agent's, so a relative path would not find the file.
     if (path.is_relative()) {
         throw std::runtime_error("its path is not absolute");
     }
@@ -141,7 +137,7 @@ std::optional<struct stat> status_of(const std::filesystem::path &path) {
         return status;
     }
     const int error = errno;
-    // A link that leads nowhere is there and can't be read.
+    // A dangling link exists but can't be read.
     if (error == ENOENT && ::lstat(path.c_str(), &status) != 0 && errno == ENOENT) {
         return std::nullopt;
     }
@@ -149,14 +145,14 @@ std::optional<struct stat> status_of(const std::filesystem::path &path) {
 }
 
 Stamp stamp_of(const std::filesystem::path &path, const struct stat &status) {
-    // Another user may not be able to read what this process read before.
+    // The user id is included because another user may not be allowed to read the file.
     return {path.string(),         status.st_dev,          status.st_ino,
             status.st_size,        status.st_mtim.tv_sec,  status.st_mtim.tv_nsec,
             status.st_ctim.tv_sec, status.st_ctim.tv_nsec, ::geteuid()};
 }
 
 std::string text_of(const std::filesystem::path &path, Stamp &stamp) {
-    // O_NONBLOCK: a FIFO must not stop us before we see that it is one.
+    // O_NONBLOCK: opening a FIFO must not block before its type is checked.
     const UniqueFd file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     struct stat status {};
     if (!file || ::fstat(file.get(), &status) != 0) {
@@ -172,7 +168,7 @@ std::string text_of(const std::filesystem::path &path, Stamp &stamp) {
     return read_whole(file.get(), {});
 }
 
-// Takes what a line says of a setting, or what is wrong with it.
+// Takes the setting from one line, or records what is wrong with it.
 void take(Contents &contents, const Setting &setting, std::string_view text,
           const std::string &place) {
     State &state = contents.states[static_cast<std::size_t>(&setting - all_settings)];
@@ -223,7 +219,7 @@ void judge(Contents &contents, const std::filesystem::path &path, std::string_vi
             std::find_if(std::begin(all_settings), std::end(all_settings),
                          [key](const Setting &each) { return each.name == key; });
         if (setting == std::end(all_settings)) {
-            // Without its value, which may be a passphrase.
+            // The value is not shown: it may be a passphrase.
             contents.problems.push_back(place + ": " + shown(key) +
                                         ": unknown setting; the line is ignored");
             continue;
@@ -245,7 +241,7 @@ Contents read_contents(const std::filesystem::path &path) {
     };
     try {
         if (const auto status = status_of(path)) {
-            contents.stamp = stamp_of(path, *status); // also of one that can't be read
+            contents.stamp = stamp_of(path, *status); // needed also if the file can't be read
             judge(contents, path, text_of(path, contents.stamp));
         }
     } catch (const std::system_error &error) {
@@ -256,7 +252,8 @@ Contents read_contents(const std::filesystem::path &path) {
     return contents;
 }
 
-// A change right after the reading may bear the same time: what is that young is read again.
+// A file that was changed right after it was read may keep the same time stamp, so a file changed
+// this recently is read again.
 bool is_settled(const Stamp &stamp) {
     timespec now{};
     ::clock_gettime(CLOCK_REALTIME, &now);
@@ -269,14 +266,13 @@ bool is_settled(const Stamp &stamp) {
            age_ms;
 }
 
-// What was read last, for the process's life, past all destructors: whatever runs at its end may
-// still log.
+// The file as last read. Never destroyed: code that runs at process exit may still log.
 struct Cache {
     std::mutex mutex;
     std::shared_ptr<const Contents> contents;
     bool was_settled = false;
-    Stamp told_stamp;
-    std::vector<std::string> told;
+    Stamp reported_stamp;
+    std::vector<std::string> reported;
 };
 
 Cache &cache() {
@@ -286,7 +282,7 @@ Cache &cache() {
 
 std::atomic<SettingsListener> listener = nullptr;
 
-// Whether `contents` are what the file still holds.
+// Whether `contents` still match the file.
 bool is_current(const Contents &contents, const std::filesystem::path &path) {
     try {
         const auto status = status_of(path);
@@ -308,19 +304,19 @@ std::shared_ptr<const Contents> current() {
             auto fresh = std::make_shared<const Contents>(read_contents(path));
             known.was_settled = fresh->stamp == Stamp{} || is_settled(fresh->stamp);
             known.contents = std::move(fresh);
-            if (known.contents->stamp != known.told_stamp ||
-                known.contents->problems != known.told) {
+            if (known.contents->stamp != known.reported_stamp ||
+                known.contents->problems != known.reported) {
                 news = known.contents->problems;
-                known.told_stamp = known.contents->stamp;
-                known.told = news;
+                known.reported_stamp = known.contents->stamp;
+                known.reported = news;
             }
         }
         contents = known.contents;
     }
-    // Not under the lock: to log takes settings.
-    if (const SettingsListener told = listener) {
+    // Outside the lock, because logging reads settings.
+    if (const SettingsListener report = listener) {
         for (const std::string &problem : news) {
-            told(problem);
+            report(problem);
         }
     }
     return contents;
@@ -375,8 +371,8 @@ std::vector<std::string> settings_problems() {
     return current()->problems;
 }
 
-void tell_settings_problems_to(SettingsListener told) {
-    listener = told;
+void tell_settings_problems_to(SettingsListener new_listener) {
+    listener = new_listener;
 }
 
 } // namespace ulmo

@@ -1,10 +1,9 @@
-// The settings of platform.conf: one table of them, and getters that judge what the file says by
-// it.
+// The settings of platform.conf: one table, and getters that check the file's values against it.
 //
-// The file has lines of `key = value`; blanks around both do not count, a line that begins with '#'
-// is a comment. Of a key that occurs several times the last line counts, of a list all of them, in
-// order. The file is looked at in each call, so that a change holds at once, and read again when it
-// has changed. A missing file is an empty one.
+// The file has lines of `key = value`. Blanks around both are ignored; a line that starts with '#'
+// is a comment. If a key occurs several times, its last line counts; for a list all lines count, in
+// order. Every call checks whether the file has changed and reads it again if so: a change takes
+// effect at once. A missing file counts as an empty one.
 #pragma once
 
 #include <optional>
@@ -20,16 +19,19 @@ enum class SettingKind { number, yes_no, choice, text, list, wwn };
 struct Setting {
     std::string_view name;
     SettingKind kind;
-    // what holds without the setting, as it would stand in the file; empty: not set
+    // The default, written as in the file; empty: not set.
     std::string_view fallback;
-    std::string_view read; // when a change holds
-    std::string_view fails =
-        {}; // what fails with a bad value or a file that can't be read; empty: the default holds
-    long least =
-        0; // of a number its value; of a list the octets of each value, where `most` is not 0
+    // When a change takes effect.
+    std::string_view read;
+    // What fails on a bad value or an unreadable file; empty: the default is used instead.
+    std::string_view fails = {};
+    // Bounds of a number, or of the octets in each value of a list; a list with `most` 0 has none.
+    long least = 0;
     long most = 0;
-    std::string_view words = {}; // of a choice
-    bool is_secret = false;      // holds, or may hold, a passphrase: it is shown to nobody
+    // The words of a choice.
+    std::string_view words = {};
+    // The value is, or may contain, a passphrase and is never shown.
+    bool is_secret = false;
 };
 
 namespace settings_table {
@@ -47,11 +49,11 @@ inline constexpr std::string_view by_ssh = "copies by SFTP and SCP fail";
 inline constexpr std::string_view fabric = "saves in the fabric fail";
 
 inline constexpr Setting rows[] = {
-    // With a wrong one a transfer, and a password with it, takes another network than the VRF.
+    // A wrong type would send a transfer, and its password, over another network than the VRF's.
     {"chassis_type", number, "", at_once, copies, 0, 2147483647},
     {"wwn", wwn, "", at_once, fabric},
     {"management_interface", text, "", at_once},
-    // Each as long as a vacmContextName (RFC 3415).
+    // The length of a vacmContextName (RFC 3415).
     {"vrf_context", list, "", on_load, nothing, 1, 32},
     {"device_backend", choice, "embedded", at_once, both, 0, 0, "embedded"},
     {"startup_copy", list, "backup.cfg", at_once},
@@ -64,7 +66,7 @@ inline constexpr Setting rows[] = {
     {"fabric_time_limit", number, "10", at_once, fabric, 1, 300},
     {"transfer_time_limit", number, "3600", in_transfer, nothing, 1, 999999999},
     {"transfer_idle_limit", number, "30", in_transfer, nothing, 1, 999999999},
-    // Otherwise a server that nobody has vouched for gets the password.
+    // A wrong value could send the password to a server whose key nobody has checked.
     {"ssh_accept_new_host_keys", yes_no, "yes", in_transfer, by_ssh},
     {"history", choice, "errors", in_a_second, nothing, 0, 0, "all, errors, off"},
     {"history_kilobytes", number, "512", in_a_second, nothing, 16, 1048576},
@@ -77,7 +79,7 @@ inline constexpr Setting rows[] = {
 
 inline constexpr const auto &all_settings = settings_table::rows;
 
-// A name of the table, of one of these kinds; any other does not compile.
+// The name of a setting in the table, of one of these kinds; any other name does not compile.
 template <SettingKind... kinds> class SettingName {
   public:
     consteval SettingName(const char *name) : setting_(&found(name)) {}
@@ -100,37 +102,37 @@ using NumberSetting = SettingName<SettingKind::number>;
 using TextSetting = SettingName<SettingKind::text, SettingKind::choice, SettingKind::wwn>;
 using ListSetting = SettingName<SettingKind::list>;
 
-// Something is wrong with the file, and may not be passed over. The text names the file, the line
-// and what fails, and holds no passphrase.
+// The file has an error that must not be ignored. The text names the file, the line and what fails,
+// and contains no passphrase.
 class SettingsError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
 };
 
-// What holds. Where something `fails` with the setting, they throw SettingsError for a bad value,
-// and when the file can't be read; otherwise the default holds. nothing when it is not set and has
-// no default
+// The value in force; empty if the setting is not set and has no default. For a bad value or an
+// unreadable file, they throw SettingsError if the setting's `fails` is not empty, and return the
+// default otherwise.
 std::optional<long> number_setting(NumberSetting name);
 std::string text_setting(TextSetting name);
 std::vector<std::string> list_setting(ListSetting name);
 
-// The same of any setting: its value, `yes` or `no` of that kind, or all values of a list; nothing
-// when it is not set.
+// The same for a setting of any kind: its value (`yes` or `no` for yes_no), or all values of a
+// list; empty if it is not set.
 std::vector<std::string> setting_values(const Setting &setting);
 
-// Whether the file, as it is now, says nothing of the setting.
+// Whether the file currently leaves the setting out.
 bool is_default(const Setting &setting);
 
-// Throws SettingsError when the file is there and can't be read. Whoever goes on without it would
-// go on under other rules.
+// Throws SettingsError if the file exists and can't be read: to go on without it would be to go on
+// under other rules.
 void require_settings();
 
-// What is amiss with the file as it is now: a line for each bad value, each unknown key, each line
-// without '='; or that it can't be read.
+// The problems with the file as it is now: one line for each bad value, each unknown key and each
+// line without '=', or one line that says that it can't be read.
 std::vector<std::string> settings_problems();
 
-// Who is told of these problems, once in a process and after each change of the file: when one of
-// the functions above comes upon them.
+// Sets the function that reports these problems. It is called when one of the functions above finds
+// them, once per process and again after each change of the file.
 using SettingsListener = void (*)(const std::string &problem);
 void tell_settings_problems_to(SettingsListener listener);
 

@@ -17,13 +17,13 @@ namespace {
 
 constexpr mode_t owner_only = 0600;
 
-// The lock file's octets that are locked (none needs to be there). Whoever wants the files waits in
-// the turnstile, so that a steady stream of readers cannot keep a writer out.
+// The octets of the lock file that are locked; they need not exist. Everyone queues at the
+// turnstile first, so that a steady stream of readers can't keep a writer out.
 constexpr off_t turnstile = 0;
 constexpr off_t protected_files = 1;
 
-// Locks or unlocks (fcntl(2), l_type) one octet. The locks belong to the open file, so that threads
-// exclude each other as well.
+// Locks or unlocks one octet (fcntl(2), l_type). The locks belong to the open file description, so
+// threads exclude each other too.
 void lock_octet(const UniqueFd &file, const std::filesystem::path &path, off_t octet, short type,
                 std::chrono::steady_clock::time_point deadline) {
     struct flock request {};
@@ -31,7 +31,7 @@ void lock_octet(const UniqueFd &file, const std::filesystem::path &path, off_t o
     request.l_whence = SEEK_SET;
     request.l_start = octet;
     request.l_len = 1;
-    // The waiting call knows no time limit, and an alarm would disturb the program around us.
+    // F_OFD_SETLKW has no time limit, and an alarm would disturb the rest of the program.
     constexpr std::chrono::milliseconds first_pause{1};
     constexpr std::chrono::milliseconds longest_pause{10};
     for (auto pause = first_pause; ::fcntl(file.get(), F_OFD_SETLK, &request) != 0;

@@ -1,4 +1,4 @@
-// Files of the state directory: read whole, replaced whole, under a lock between processes.
+// Files of the state directory: read and replaced as a whole, under a lock between processes.
 #pragma once
 
 #include "base/unique_fd.h"
@@ -12,10 +12,10 @@
 
 namespace ulmo {
 
-// A lock on the file `path`, which is made (mode 0600) when it is not there; held until the object,
-// or the process, ends. Waits at most `wait` for other holders; who waits for the exclusive lock is
-// not overtaken by later shared ones. Throws std::system_error, ETIMEDOUT when the lock was not to
-// be had.
+// A lock on the file `path`, which is created (mode 0600) if missing. Held until the object is
+// destroyed or the process ends. Waits at most `wait` for other holders; a waiting writer is not
+// overtaken by later readers. Throws std::system_error, with ETIMEDOUT if the lock was not free in
+// time.
 class FileLock {
   public:
     enum class Mode { shared, exclusive };
@@ -25,20 +25,20 @@ class FileLock {
     UniqueFd file_;
 };
 
-// A regular file of at most `limit` octets, open for reading; no link is followed to it. Nothing
-// when there is no such file. Throws as below.
+// Opens a regular file of at most `limit` octets for reading, without following a link. Empty if
+// there is no such file. Throws as read_state_file().
 UniqueFd open_state_file(const std::filesystem::path &path, std::size_t limit);
 
-// The content of a regular file of at most `limit` octets; no link is followed to it. Nothing when
-// there is no such file. Throws std::system_error, EFBIG for a larger file and EINVAL for one that
-// is not regular.
+// The content of a regular file of at most `limit` octets; a link is not followed. Empty if there
+// is no such file. Throws std::system_error: EFBIG for a larger file, EINVAL for one that is not
+// regular.
 std::optional<std::string> read_state_file(const std::filesystem::path &path, std::size_t limit);
 
-// Makes `data` the content of the file `path` in one step.
+// Replaces the content of the file `path` with `data` in one step.
 void replace_state_file(const std::filesystem::path &path, std::string_view data);
 
-// The same for a file of the run directory, which goes when the machine does: without a wait for
-// the disk.
+// The same for a file of the run directory. That directory does not survive a reboot, so this does
+// not wait for the disk.
 void replace_volatile_file(const std::filesystem::path &path, std::string_view data);
 
 } // namespace ulmo

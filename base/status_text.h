@@ -1,4 +1,4 @@
-// The platform's status codes in words, as platform/utilities.h has them in C.
+// The platform's status codes as text; platform/utilities.h declares the C interface.
 #pragma once
 
 #include <array>
@@ -8,7 +8,7 @@ namespace ulmo {
 
 using StatusBuffer = std::array<char, 128>;
 
-// As syserr_format(), with the caller's buffer.
+// Like syserr_format(), with the caller's buffer.
 const char *text_with_code(std::uint32_t code, StatusBuffer &buffer);
 
 } // namespace ulmo

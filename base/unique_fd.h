@@ -1,4 +1,4 @@
-// A descriptor with one owner.
+// A file descriptor with one owner.
 #pragma once
 
 #include <unistd.h>

@@ -1,4 +1,4 @@
-// World-wide names of switches: eight octets, in text xx:xx:xx:xx:xx:xx:xx:xx.
+// World-wide names of switches: eight octets, written xx:xx:xx:xx:xx:xx:xx:xx.
 #pragma once
 
 #include <array>
@@ -11,10 +11,10 @@ namespace ulmo {
 
 using Wwn = std::array<std::uint8_t, 8>;
 
-// Nothing when the text is no world-wide name. Upper and lower case digits do.
+// Empty unless the text is a world-wide name. Digits may be upper or lower case.
 std::optional<Wwn> wwn_from_text(std::string_view text);
 std::string wwn_to_text(const Wwn &wwn);
-// Of as many octets as somebody else sent for one.
+// The same for octets received from elsewhere, however many there are.
 std::string wwn_to_text(std::string_view octets);
 
 } // namespace ulmo
