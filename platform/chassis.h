@@ -1,4 +1,4 @@
-/* What kind of switch this is, and its VRFs. */
+/* The type of this switch, and its VRFs. */
 #ifndef PLATFORM_CHASSIS_H
 #define PLATFORM_CHASSIS_H
 
@@ -6,11 +6,11 @@
 extern "C" {
 #endif
 
-/* Stores the chassis type number. Returns 0, or non-zero when it is not known; *type is then
- * unchanged. */
+/* Stores the number of the chassis type. Returns 0, or non-zero with *type unchanged if the type is
+ * not known. */
 int hwinfo_get_chassis_type(int *type);
 
-/* The number of a VRF, stable while the switch runs, or a negative value when there is no VRF of
+/* The number of the VRF, stable while the switch runs, or a negative value if there is no VRF of
  * that name. */
 int vrfdir_get_context_id(const char *vrf_name);
 

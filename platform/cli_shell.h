@@ -9,19 +9,19 @@
 extern "C" {
 #endif
 
-#define CMDSHELL_PROGRAM                                                                           \
-    "/ulmo/bin/cmdshell" /* cmdshell -c COMMAND: runs COMMAND, prints its output, exits with 0 on  \
-                            success */
+/* cmdshell -c COMMAND runs COMMAND, prints its output, and exits with 0 on success. */
+#define CMDSHELL_PROGRAM "/ulmo/bin/cmdshell"
 
-/* Results of cmdshell_execute_cfg_file2(). */
-#define CMDSHELL_ERR_APPLY 0x40540001U /* the configuration could not be applied */
-#define CMDSHELL_ERR_BAD_FILE                                                                      \
-    0x40540002U /* the file is not there, can't be read, or is no configuration text at all */
-#define CMDSHELL_ERR_BAD_LINE 0x40540003U /* the shell refused a line of it */
+/* Results of cmdshell_execute_cfg_file2(): the configuration could not be applied; the file does
+ * not exist, can't be read or is not text of a configuration; the shell refused one of its lines.
+ */
+#define CMDSHELL_ERR_APPLY 0x40540001U
+#define CMDSHELL_ERR_BAD_FILE 0x40540002U
+#define CMDSHELL_ERR_BAD_LINE 0x40540003U
 
 #define CMDSHELL_FILE_SIZE 128U
 
-/* What to execute. All octets but the two names are zero. A name of the full width has no
+/* What to execute. All octets except the two names are zero. A name that fills its field has no
  * terminator. */
 struct cmdshell_exec_params {
     uint8_t reserved0[4];
@@ -31,9 +31,9 @@ struct cmdshell_exec_params {
     uint8_t reserved516[528];
 };
 
-/* Applies the file to the running configuration, whole or not at all. The output file is made for
- * its owner only and no link is followed to it. Returns 0, one of the codes above, or another
- * platform status code. */
+/* Applies the file to the running configuration, completely or not at all. The output file is
+ * created for its owner only, and a link is not followed. Returns 0, one of the codes above, or
+ * another platform status code. */
 uint32_t cmdshell_execute_cfg_file2(const struct cmdshell_exec_params *params);
 
 enum cmdshell_cfg_update {

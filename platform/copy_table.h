@@ -1,11 +1,11 @@
-/* The copy table of CONFIG-COPY-MIB in numbers: for the module that serves it and for whatever asks
- * it over SNMP. */
+/* The numbers of CONFIG-COPY-MIB's copy table, for the module that serves it and for its SNMP
+ * clients. */
 #ifndef PLATFORM_COPY_TABLE_H
 #define PLATFORM_COPY_TABLE_H
 
-/* The root 1.3.6.1.4.1.41927.9.96, and an instance's OID up to its column: ccCopyTable is indexed
- * by a request's number, 1 to 2147483647, ccCopyErrorTable by that and a number within the request.
- */
+/* The root 1.3.6.1.4.1.41927.9.96, and the OID of an instance up to its column. ccCopyTable is
+ * indexed by the request's number (1 to 2147483647), ccCopyErrorTable by that number and a number
+ * within the request. */
 #define CC_ROOT_OID 1, 3, 6, 1, 4, 1, 41927, 9, 96
 #define CC_COPY_COLUMN_OID(column) CC_ROOT_OID, 1, 1, 1, 1, (column)
 #define CC_ERROR_COLUMN_OID(column) CC_ROOT_OID, 1, 1, 2, 1, (column)
@@ -72,7 +72,7 @@ enum copy_fail_cause {
     COPY_FAIL_BAD_FILE_NAME = 2,
     COPY_FAIL_TIMEOUT = 3,
     COPY_FAIL_NO_SPACE = 4,
-    COPY_FAIL_BAD_CONFIG = 5, /* the file is no configuration */
+    COPY_FAIL_BAD_CONFIG = 5, /* the file is not a configuration */
     COPY_FAIL_UNSUPPORTED_PROTOCOL = 6,
     COPY_FAIL_CONFIG_NOT_APPLIED = 7, /* the configuration was refused while it was applied */
     COPY_FAIL_WARDEN_REFUSED = 8,     /* the system manager refused to start */

@@ -1,5 +1,5 @@
-/* Fabric and address services: who this switch is, how the last fabric-wide action went on each
- * switch, and the management addresses. */
+/* Fabric and address services: this switch's identity, each switch's outcome of the last
+ * fabric-wide action, and the management addresses. */
 #ifndef PLATFORM_FABRIC_H
 #define PLATFORM_FABRIC_H
 
@@ -14,17 +14,17 @@ extern "C" {
 
 #define SWITCH_WWN_SIZE 8U
 
-#define CTLMSG_REQ_SWITCH_WWN                                                                      \
-    1282U /* the answer begins with the local switch's world-wide name, SWITCH_WWN_SIZE octets */
+/* The answer begins with the local switch's world-wide name, SWITCH_WWN_SIZE octets. */
+#define CTLMSG_REQ_SWITCH_WWN 1282U
 
-/* Asks a service of the switch and waits for its answer for at most `timeout` seconds. Returns 0 on
- * success. *response is heap memory (free(3)) that the caller releases whenever it is not null, or
- * null; *length is its size in octets. */
+/* Sends a request to a service of the switch and waits at most `timeout` seconds for the answer.
+ * Returns 0 on success. *response is null, or heap memory of *length octets, which the caller must
+ * free(3). */
 int ctlmsg_req_resp(uint32_t request, int second, const void *third, void **response,
                     uint32_t *length, int sixth, int seventh, uint32_t destination, int32_t queue,
                     uint32_t timeout);
 
-/* One switch of the fabric: cursor and result of the walk. All zero begins a walk. */
+/* One switch of the fabric: cursor and result of the walk. All zero starts a walk. */
 struct fabstat_status {
     uint8_t wwn[SWITCH_WWN_SIZE];
     uint32_t local;              /* 1: the switch that asks */
@@ -33,13 +33,13 @@ struct fabstat_status {
 
 #define FABSTAT_TEXT_SIZE 256U
 
-/* Steps to the next switch and writes its outcome in words to `text`, at most `size` octets,
- * terminated when shorter. The local switch's world-wide name comes as the two 32-bit halves of its
- * octets as they lie in memory. Returns 0, or non-zero when the walk is over. */
+/* Steps to the next switch and writes its outcome to `text`: at most `size` octets, with a
+ * terminator if the text is shorter. The local world-wide name is passed as the two 32-bit halves
+ * of its octets as stored in memory. Returns 0, or non-zero at the end of the walk. */
 int fabstat_status_next_get(struct fabstat_status *status, char *text, uint32_t size,
                             uint32_t local_wwn_first, uint32_t local_wwn_second);
 
-/* Releases what the walk held. */
+/* Releases the resources of the walk. */
 void fabstat_status_clean(void);
 
 /* The interface index of the supervisor's management port; the last two arguments are always 0. */
@@ -52,8 +52,8 @@ struct addrcfg_inet_addrs {
     struct inet_address first;
 };
 
-/* The addresses of an interface. Returns 0 and a list in heap memory (free(3)) that the caller
- * releases; non-zero on failure. */
+/* The addresses of an interface. Returns 0 and a list in heap memory, which the caller must
+ * free(3), or non-zero on failure. */
 int addrcfg_get_if_inet_addrs(int32_t queue, uint32_t if_index,
                               struct addrcfg_inet_addrs **addresses);
 

@@ -1,4 +1,4 @@
-/* Internet addresses, as the platform passes them. */
+/* Internet addresses in the platform's format. */
 #ifndef PLATFORM_INET_ADDRESS_H
 #define PLATFORM_INET_ADDRESS_H
 
@@ -18,12 +18,12 @@ struct inet_address {
 };
 
 /* Reads an IPv4 address in dotted decimal or an IPv6 address (RFC 4291). Returns 0 and fills the
- * whole address (the octets that an IPv4 address does not use become 0), or an errno value and
- * leaves it alone. */
+ * whole address, with 0 in the octets that an IPv4 address does not use; or returns an errno value
+ * and leaves it unchanged. */
 int ip_addr_from_str(const char *text, struct inet_address *address);
 
-/* Writes the address as text with its terminator. Returns 0, EAFNOSUPPORT for another type, or
- * ENOSPC when `size` octets do not suffice. */
+/* Writes the address as text with a terminator. Returns 0, EAFNOSUPPORT for another type of
+ * address, or ENOSPC if it takes more than `size` octets. */
 int ip_addr_to_str(const struct inet_address *address, char *text, size_t size);
 
 #ifdef __cplusplus

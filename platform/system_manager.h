@@ -1,5 +1,5 @@
-/* The system manager ("warden"): where the startup configuration lives, and the configuration
- * actions that are asked of it over msgbus. */
+/* The system manager ("warden"): keeper of the startup configuration, which carries out the
+ * configuration actions requested over msgbus. */
 #ifndef PLATFORM_SYSTEM_MANAGER_H
 #define PLATFORM_SYSTEM_MANAGER_H
 
@@ -12,24 +12,24 @@ extern "C" {
 
 #define WARDEN_STARTUP_FILE "system.cfg"
 
-/* The directory in which the startup configuration file WARDEN_STARTUP_FILE lies. `handle` is an
- * endpoint of msgbus, `which` is always 2. The text lives as long as the process; never null. */
+/* The directory of the startup configuration file WARDEN_STARTUP_FILE. `handle` is an endpoint of
+ * msgbus, `which` is always 2. The text is never null and lives as long as the process. */
 const char *warden_cli_dir_get(int32_t handle, int32_t which);
 
-/* Makes the text configuration in the file `path` the startup configuration, whole or not at all: a
- * file that can't be read or that is not a valid configuration changes nothing. Returns 0 or a
+/* Makes the text configuration in the file `path` the startup configuration, completely or not at
+ * all: if the file can't be read or is not a valid configuration, nothing changes. Returns 0 or a
  * platform status code. */
 uint32_t warden_cli_write_ascii_cfg(int32_t handle, const char *path);
 
-/* Opcodes between the agent and the system manager. */
-#define MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION                                                    \
-    1381U /* request, struct warden_cfg_action; answer, one status word */
-#define MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION_ABORT                                              \
-    1383U /* request without answer, struct warden_cfg_abort */
-#define MSGBUS_OPC_WARDEN_CFG_ACTION_BEGIN                                                         \
-    1391U /* to the agent: the action has begun; no payload */
-#define MSGBUS_OPC_WARDEN_CFG_ACTION_END                                                           \
-    1361U /* to the agent: it has ended; payload: one big-endian word, 0 success */
+/* From the agent to the system manager: a request, struct warden_cfg_action, which is answered with
+ * one status word; and its abort, struct warden_cfg_abort, which is not answered. */
+#define MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION 1381U
+#define MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION_ABORT 1383U
+
+/* To the agent: the action has begun, without payload; the action has ended, with one big-endian
+ * word, 0 for success. */
+#define MSGBUS_OPC_WARDEN_CFG_ACTION_BEGIN 1391U
+#define MSGBUS_OPC_WARDEN_CFG_ACTION_END 1361U
 
 /* Status words of the answer, big-endian on the wire; any other value is a refusal. */
 #define WARDEN_CFG_ACTION_DONE 0U

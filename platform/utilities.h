@@ -12,14 +12,12 @@ extern "C" {
 /* Runs `program` (no shell, no search in PATH) with the arguments that follow, argv[1] first and a
  * null pointer last, and waits for it. A descriptor of -1 leaves that standard stream as it is. The
  * program inherits the three standard streams and no other descriptor. Needs SIGCHLD at its
- * default. Returns the wait status (waitpid(2)), or a negative value when the program could not be
- * run or waited for or was ended by a signal: its exit code, which a signal leaves 0, is then none.
- */
+ * default. Returns the wait status (waitpid(2)), or a negative value if the program could not be
+ * run or waited for, or was ended by a signal and so has no exit code. */
 int execute_program_and_wait_redirect(int in_fd, int out_fd, int err_fd, const char *program,
                                       ... /* const char *, null */) __attribute__((sentinel));
 
-/* Records the reason of a refused request for who asks for the last error. `facility` is always
- * 584. */
+/* Records why a request was refused, for the query of the last error. `facility` is always 584. */
 void log_set_error(uint32_t code, uint32_t facility);
 
 /* The text of a platform status code; never null, valid until the next call of the same function.
