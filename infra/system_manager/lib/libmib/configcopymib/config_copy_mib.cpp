@@ -23,15 +23,16 @@ static constexpr char MODULE_NAME[] = "config_copy_mib";
 static constexpr char SOURCE_PATH[] =
     "infra/system_manager/lib/libmib/configcopymib/config_copy_mib";
 
-static struct keyedset unused_set = {}; // made and destroyed with the undo list; has no role
+// created and destroyed with the undo list, otherwise unused
+static struct keyedset unused_set = {};
 
-// The platform messages that handle_notifications() handles, in the order of their subscription.
+// The platform messages that handle_notifications() handles, in the order of subscription.
 static constexpr uint32_t SUBSCRIPTIONS[] = {
     MSGBUS_OPC_WARDEN_CFG_ACTION_BEGIN, MSGBUS_OPC_WARDEN_CFG_ACTION_END, AGENT_OPC_WORKER_STATUS};
 
-// Withdraws the module's variables. A stock agent holds each variable as a registration of its own,
-// so the root's withdrawal finds nothing there, and a withdrawal that fails leaves the agent's
-// lookup cache switched off: its size is put back.
+// Withdraws the module's variables. A stock agent has a separate registration for each variable, so
+// withdrawing the root finds nothing, and a failed withdrawal leaves the agent's lookup cache
+// switched off. The cache gets its size back here.
 static void withdraw_variables(void) {
     const int cache_size = netsnmp_get_lookup_cache_size();
     unregister_mib(config_copy_mib_variables_oid, CC_ROOT_OID_LENGTH);
@@ -45,8 +46,8 @@ static void withdraw_variables(void) {
 }
 
 int init_config_copy_mib(void) {
-    // The platform's, by the linker's --wrap, as is unregister_mib(): it registers the variables in
-    // the contexts of VRFs, too.
+    // The linker's --wrap replaces this and unregister_mib() with the platform's versions, which
+    // also register the variables in the contexts of VRFs.
     if (register_mib(MODULE_NAME, reinterpret_cast<struct variable *>(config_copy_mib_variables),
                      sizeof(struct variable7), CC_VARIABLE_COUNT, config_copy_mib_variables_oid,
                      CC_ROOT_OID_LENGTH) != MIB_REGISTERED_OK &&
@@ -57,7 +58,8 @@ int init_config_copy_mib(void) {
         debugmsg("register_mib", "%s registration failed\n", MODULE_NAME);
     }
 
-    // An unload leaves the callback in place: after a reload there is still one.
+    // Unloading leaves the callback registered, so remove it first: after a reload there must still
+    // be only one.
     snmp_unregister_callback(SNMP_CALLBACK_LIBRARY, AGENT_CALLBACK_STARTTIME_CHANGE,
                              cc_handle_starttime_change, nullptr, 1);
     snmp_register_callback(SNMP_CALLBACK_LIBRARY, AGENT_CALLBACK_STARTTIME_CHANGE,
@@ -92,7 +94,7 @@ void set_ccCopyTable_setmethods(uint8_t magic, WriteMethod **write_method) {
     case CC_MAGIC_##number:                                                                        \
         *write_method = set_##name;                                                                \
         break;
-#define METHOD_RONLY(name, number) // the agent's preset stays
+#define METHOD_RONLY(name, number) // keep the agent's preset
 #define METHOD(name, number, type, access, ...) METHOD_##access(name, number)
         CC_COPY_COLUMNS(METHOD)
 #undef METHOD

@@ -1,8 +1,9 @@
 // The module's private header: the copy request record and the error record, their values, the
-// status codes, and what each source offers the others. Everything runs on the agent's one thread,
-// except what the copy worker runs in its own process (copy_function and what it calls).
+// status codes, and what each source provides to the others. Everything runs on the agent's one
+// thread, except for what the copy worker runs in its own process (copy_function and the functions
+// that it calls).
 //
-// Functions marked CC_EXPORT stand in the symbol table under their own names.
+// Functions marked CC_EXPORT are in the symbol table under their own names.
 #ifndef CONFIG_COPY_MIB_H
 #define CONFIG_COPY_MIB_H
 
@@ -42,8 +43,8 @@
 #define CCERR_ONLY_RUNNING_TO_ALL 0x4049005BU
 #define CC_ERROR_FACILITY 584U
 
-// The columns of ccCopyTable: name, number (CC_COLUMN_…), ASN.1 type, access, and
-// which reader answers a GET from which field of the record.
+// The columns of ccCopyTable: name, number (CC_COLUMN_…), ASN.1 type, access, and the reader that
+// answers a GET with the field that it reads.
 #define CC_COPY_COLUMNS(COLUMN)                                                                    \
     COLUMN(ccCopyProtocol, PROTOCOL, ASN_INTEGER, RWRITE, integer_value, ccCopyProtocol)           \
     COLUMN(ccCopySourceFileType, SOURCE_FILE_TYPE, ASN_INTEGER, RWRITE, integer_value,             \
@@ -70,7 +71,7 @@
     COLUMN(ccCopyServerAddressRev1, SERVER_ADDRESS_REV1, ASN_OCTET_STR, RWRITE, address_value,     \
            ccCopyServerAddressRev1)
 
-// The same of ccCopyErrorTable, whose numbers are CC_ERROR_COLUMN_….
+// The same for ccCopyErrorTable, whose numbers are CC_ERROR_COLUMN_….
 #define CC_ERROR_COLUMNS(COLUMN)                                                                   \
     COLUMN(ccCopyErrorDeviceAddrType, DEVICE_ADDR_TYPE, ASN_INTEGER, RONLY, integer_value,         \
            ccCopyErrorDeviceAddrType)                                                              \
@@ -80,8 +81,8 @@
            ccCopyErrorSwitchWwn)                                                                   \
     COLUMN(ccCopyErrorText, TEXT, ASN_OCTET_STR, RONLY, text_value, ccCopyErrorText)
 
-// Magic numbers of the registered variables: the switch keys of the read handlers, 4 and 25 for the
-// first column of each table.
+// Magic numbers of the registered variables, by which the read handlers tell them apart: 4 and 25
+// for the first column of each table.
 enum cc_magic {
 #define MAGIC_OF_COPY_COLUMN(name, number, ...) CC_MAGIC_##number = CC_COLUMN_##number + 2,
 #define MAGIC_OF_ERROR_COLUMN(name, number, ...)                                                   \
@@ -104,14 +105,14 @@ enum cc_magic {
 #define CC_CREDENTIAL_SIZE 41
 #define CC_ADDRESS_TEXT_SIZE 64
 
-// A point in wall-clock time; 0, 0: not yet.
+// A point in wall-clock time; 0, 0 means not yet.
 struct ccTime {
     int32_t tv_sec;
     int32_t tv_usec;
 };
 
-// One row of ccCopyTable. Texts end with a NUL, or fill their field: a user name or password of 41
-// octets has no terminator inside it, so a reader takes at most the field's size.
+// One row of ccCopyTable. A text ends with a NUL or fills its field: a user name or password of 41
+// octets has no terminator inside the field, so a reader takes at most the field's size.
 struct ccCopyEntry {
     int32_t ccCopyIndex; // the store's key, 1..2147483647
     int32_t ccCopyProtocol;
@@ -119,12 +120,12 @@ struct ccCopyEntry {
     int32_t ccCopyDestFileType;
     uint32_t ccCopyServerAddress; // keeps the column order; never read or written
     char ccCopyFileName[CC_FILE_NAME_SIZE];
-    // local file of the copy; only the worker writes it, and nobody reads it before
+    // local file of the copy; only the worker writes and reads it
     char ccCopySrcFileName[CC_FILE_NAME_SIZE];
-    // the terminator of 41 octets is the password's first octet
+    // the terminator of a user name of 41 octets is the first octet of the password
     char ccCopyUserName[CC_CREDENTIAL_SIZE];
     char ccCopyUserPassword[CC_CREDENTIAL_SIZE];
-    // TruthValue, or whatever 32-bit value the manager wrote
+    // TruthValue, or any other 32-bit value that the manager wrote
     int32_t ccCopyNotificationOnCompletion;
     int32_t ccCopyState;
     int32_t create_time; // seconds since the epoch, wraps
@@ -172,21 +173,21 @@ extern "C" {
 
 // --- the two logs (copy_log.cpp)
 
-// Formats a message once and gives it to the debug history and to the debug print, as far as either
-// wants it. `subtype` is EVTRACE_DEBUG or EVTRACE_ERROR. Messages longer than 511 octets are cut.
+// Formats a message once and passes it to the debug history and to the debug print, unless neither
+// takes it. `subtype` is EVTRACE_DEBUG or EVTRACE_ERROR. Messages longer than 511 octets are cut.
 // Keeps errno.
 void cc_log(uint32_t subtype, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
-// Appends a record to the private trace file when is_snmp_debug_enabled is set. Never fails. Keeps
+// Appends a record to the private trace file if is_snmp_debug_enabled is set. Never fails. Keeps
 // errno.
 void cc_trace(const char *format, ...) __attribute__((format(printf, 1, 2)));
-// The same with the usual prefix: function, line and function again, and then the text; and with
-// another name than that of the function.
+// The same with the usual prefix (function, line, and function again) before the text. CC_TRACE_AS
+// shows another name than that of the function.
 #define CC_TRACE(format, ...) CC_TRACE_AS(__func__, format __VA_OPT__(, ) __VA_ARGS__)
 #define CC_TRACE_AS(name, format, ...)                                                             \
     cc_trace("%s(%d):%s" format, name, __LINE__, name __VA_OPT__(, ) __VA_ARGS__)
 
-// non-zero: write the trace file; written only from outside the module
+// non-zero: write the trace file; set only from outside the module
 CC_EXPORT extern int32_t is_snmp_debug_enabled;
 CC_EXPORT FILE *trace_file_get(void);
 
@@ -195,8 +196,7 @@ CC_EXPORT FILE *trace_file_get(void);
 CC_EXPORT extern oid config_copy_mib_variables_oid[CC_ROOT_OID_LENGTH];
 CC_EXPORT extern struct variable7 config_copy_mib_variables[CC_VARIABLE_COUNT];
 
-// Called by the agent when it loads and unloads the module; may follow each other any number of
-// times in one process.
+// The agent calls these to load and unload the module, any number of times in one process.
 CC_EXPORT int init_config_copy_mib(void);
 CC_EXPORT void deinit_config_copy_mib(void);
 CC_EXPORT void set_ccCopyTable_setmethods(uint8_t magic, WriteMethod **write_method);
@@ -206,35 +206,35 @@ CC_EXPORT unsigned char *get_config_copy_mib(struct variable *vp, oid *name, siz
 
 // --- rows (copy_store.cpp)
 
-// the rows; present exactly while it holds one; written by the store
+// the rows; exists exactly while there is one; written by the store
 extern struct keyedset ccCopyTable;
 // 1 while a worker runs; set by start_copy(), cleared by handle_copy_done()
 extern int32_t child_copy_running;
 CC_EXPORT extern unsigned int ageouttimer; // handle of the age-out alarm; written by the store
 
-// A heap record with all defaults and index 0, the caller's until addCcCopyEntry() took it; null
-// when memory is exhausted.
+// A heap record with all defaults and index 0. The caller owns it until addCcCopyEntry() takes it.
+// Null when memory is exhausted.
 CC_EXPORT struct ccCopyEntry *createCcCopyEntry(void);
 CC_EXPORT uint32_t addCcCopyEntry(struct ccCopyEntry *record);
-// Copy the stored row into the caller's buffer, whose ccCopyIndex is the key (getnext: the key
-// before it; 0 begins at the first row).
+// These copy the stored row into the caller's buffer. The buffer's ccCopyIndex is the key; for
+// getnext it is the index before the row, and 0 starts at the first row.
 CC_EXPORT uint32_t getCcCopyEntry(struct ccCopyEntry *buffer);
 CC_EXPORT uint32_t getnextCcCopyEntry(struct ccCopyEntry *buffer);
-// Overwrites the stored row of the record's index with the record; then, when asked, fills the
-// error table with the fabric's switches. Returns 0, or CCERR_NOT_FOUND.
+// Overwrites the stored row of the record's index with the record, and fills the error table with
+// the fabric's switches if asked to. Returns 0 or CCERR_NOT_FOUND.
 CC_EXPORT uint32_t setCcCopyEntry(const struct ccCopyEntry *record, int32_t fill_error_table);
 CC_EXPORT uint32_t deleteCcCopyEntry(const struct ccCopyEntry *key);
 CC_EXPORT int8_t ccCopyEntry_comp_func(const void *a, const void *b);
 CC_EXPORT void ccCopyEntry_free(struct ccCopyEntry *record);
-// The first row in that state; CCERR_FAILED when there is none, and the buffer then holds the last
-// row.
+// The first row in that state. Returns CCERR_FAILED if there is none; the buffer then holds the
+// last row.
 CC_EXPORT uint32_t get_config_entry_with_status(int32_t state, struct ccCopyEntry *buffer);
 CC_EXPORT bool copy_inprogress(void);
 CC_EXPORT int8_t search_all_cmp(const void *a, const void *b);
 
 // --- read access (copy_read.cpp)
 
-// the row that the read handler answered from last; returned values point into it
+// the last row that the read handler answered from; returned values point into it
 extern struct ccCopyEntry cc_last_read_row;
 
 CC_EXPORT unsigned char *get_ccCopyTable(struct variable *vp, oid *name, size_t *length, int exact,
@@ -250,7 +250,7 @@ CC_EXPORT unsigned char *get_ccCopyErrorTable(struct variable *vp, oid *name, si
 
 // --- error rows (copy_errors.cpp)
 
-// present exactly while it holds a row, or from its creation to the first one
+// exists while it holds a row, and from its creation to its first row
 extern struct keyedset ccCopyErrorTable;
 
 CC_EXPORT int8_t ccCopyErrorEntry_comp_func(const void *a, const void *b);
@@ -260,32 +260,33 @@ CC_EXPORT uint32_t getCcCopyErrorEntry(struct ccCopyErrorEntry *buffer);
 CC_EXPORT uint32_t getnextCcCopyErrorEntry(struct ccCopyErrorEntry *buffer);
 CC_EXPORT uint32_t deleteCcCopyErrorEntries(const struct ccCopyEntry *key);
 CC_EXPORT uint32_t getFirstErrorEntryForNextCopyEntry(struct ccCopyErrorEntry *buffer);
-// Adds a row for every switch that the fabric service reports; failures are logged and end it.
+// Adds a row for every switch that the fabric service reports. A failure is logged and ends the
+// walk.
 void cc_errors_fill(const struct ccCopyEntry *stored);
 
 // --- write access (copy_write*.cpp)
 
-// Write methods as the agent calls them, once a phase (RESERVE1 0 .. UNDO 5); the result is an SNMP
-// error status.
+// Write methods as the agent calls them, once per phase (RESERVE1 0 .. UNDO 5). The result is an
+// SNMP error status.
 CC_EXPORT WriteMethod set_ccCopyProtocol, set_ccCopySourceFileType, set_ccCopyDestFileType,
     set_ccCopyServerAddress, set_ccCopyFileName, set_ccCopyUserName, set_ccCopyUserPassword,
     set_ccCopyNotificationOnCompletion, set_ccCopyEntryRowStatus, set_ccCopyServerAddressType,
     set_ccCopyServerAddressRev1;
 
-// Row copies of SETs of the row status, from RESERVE1 to the end of the transaction; written by the
-// row-status handler.
+// Copies of the rows whose status a SET changes, from RESERVE1 to the end of the transaction;
+// written by the row-status handler.
 extern struct keyedset ccCopyUndoList;
-// Take out of the undo list and free: every copy; every copy whose row is gone.
+// Remove from the undo list and free: every copy; every copy whose row no longer exists.
 void cc_undo_clear(void);
 void cc_undo_drop_orphans(void);
 
 // The value of an INTEGER that a manager wrote: its low 32 bits.
 int32_t cc_integer_value(const unsigned char *value, size_t length);
-// Whether an INTEGER may have this length: 0..4 octets, or the long that a 64-bit agent hands over.
+// Whether an INTEGER may have this length: 0..4 octets, or a long as a 64-bit agent passes it.
 bool cc_integer_length_ok(size_t length);
 
-// 1 when the request may be started, else 0 with *err_out an SNMP error status or 0. May change the
-// record's row status and fail cause.
+// Returns 1 if the request may be started. Otherwise returns 0, with *err_out an SNMP error status
+// or 0. May change the record's row status and fail cause.
 CC_EXPORT int32_t validate_entry(struct ccCopyEntry *record, int32_t *err_out,
                                  int32_t requested_status);
 
@@ -296,22 +297,22 @@ CC_EXPORT uint32_t start_copy(struct ccCopyEntry *record);
 CC_EXPORT uint32_t copy_function(struct ccCopyEntry *record);
 
 enum copy_direction { COPY_DOWNLOAD = 1, COPY_UPLOAD = 2 };
-// Move one file; the result is 0 or a fail cause.
+// These move one file. The result is 0 or a fail cause.
 CC_EXPORT int32_t do_nw_upload_download(int32_t direction, char *work_dir,
                                         struct ccCopyEntry *entry);
 CC_EXPORT int32_t do_nw_upload_download_on_vrf(int32_t direction, char *work_dir,
                                                struct ccCopyEntry *entry);
 CC_EXPORT int32_t tftperr2miberr(int32_t tftp_error);
 
-// the last start request to the system manager, kept while its exchange lasts
+// the last start request to the system manager, kept during its exchange
 extern msgbus_msg cfg_action_request;
 CC_EXPORT uint32_t do_cp_runningtostartup(struct ccCopyEntry *record);
 CC_EXPORT uint32_t handle_abort(const struct ccCopyEntry *record);
-// Formats the text with itself as the format, so that a '%' in it is a conversion; its arguments do
-// no harm (copy_format.cpp).
+// Formats the text with itself as the format, so a '%' in it is a conversion. The arguments are
+// harmless (copy_format.cpp).
 void cc_format_as_its_own_format(char *out, size_t size, const char *text);
-// True for a copy from the running configuration to a startup configuration: this switch's, the
-// fabric's or all.
+// Whether the copy is from the running configuration to a startup configuration: this switch's, the
+// fabric's, or all.
 bool cc_is_running_to_startup(const struct ccCopyEntry *record);
 
 CC_EXPORT uint32_t send_status_2_parent(int32_t status);
@@ -325,7 +326,7 @@ CC_EXPORT uint32_t handle_copy_failure(void);
 CC_EXPORT uint32_t handle_copy_success(void);
 
 #define CC_NOTIFICATION_OID_LENGTH 13
-// The bindings of ccCopyCompletion for the row, the caller's to send. `oid_buffer` has room for
+// The bindings of ccCopyCompletion for the row; the caller sends them. `oid_buffer` has room for
 // CC_NOTIFICATION_OID_LENGTH sub-identifiers.
 CC_EXPORT netsnmp_variable_list *build_notification(const struct ccCopyEntry *record,
                                                     oid *oid_buffer, uint32_t *oid_length);
@@ -340,14 +341,14 @@ CC_EXPORT int cc_handle_starttime_change(int major, int minor, void *serverarg, 
 
 // The current wall-clock time.
 struct ccTime cc_now(void);
-// The agent's uptime in hundredths of a second at that moment (netsnmp_timeval_uptime()); negative
-// before its start. TimeTicks are its low 32 bits: they start again after 497 days.
+// The agent's uptime at that moment in hundredths of a second (netsnmp_timeval_uptime()); negative
+// for a moment before its start. TimeTicks are the low 32 bits and wrap after 497 days.
 long cc_uptime_of(struct ccTime when);
 
 } // extern "C"
 
-// The result of a call that waits for a child program: SIGCHLD is at its default meanwhile,
-// whatever the agent had set.
+// The result of a call that waits for a child program. SIGCHLD is at its default during the call,
+// whatever the agent has set.
 template <typename Call> auto with_default_sigchld(Call call) {
     void (*const previous)(int) = signal(SIGCHLD, SIG_DFL);
     const auto result = call();

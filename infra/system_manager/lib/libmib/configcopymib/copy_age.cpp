@@ -1,4 +1,4 @@
-// The ageing of rows, and of what is kept beside them.
+// Ageing of rows, and of the records kept for them.
 #include "config_copy_mib.h"
 
 #include <time.h>
@@ -23,7 +23,7 @@ void cfgentry_age_timer_handler(unsigned int, void *) {
                __func__, row.ccCopyIndex, (long)now, (long)row.create_time);
         deleteCcCopyEntry(&row);
     }
-    // so that no stale copy meets a later row of its index, nor do they pile up
+    // A stale copy must not meet a later row of the same index, and copies must not pile up.
     cc_undo_drop_orphans();
 }
 

@@ -24,15 +24,14 @@ long cc_uptime_of(struct ccTime when) {
 
 // --- completion notification
 
-// The notification's OID; its last sub-identifier is the row's index, written by
-// build_notification().
+// The notification's OID. build_notification() sets the last sub-identifier to the row's index.
 static oid notification_oid[CC_NOTIFICATION_OID_LENGTH] = {CC_ROOT_OID, 2, 1, 1, 0};
 
-// The server's address as it was parsed last. Deliberate: an address text that does not parse
-// leaves what was there.
+// The server's address as last parsed. Deliberate: an address text that does not parse leaves the
+// previous address.
 static struct inet_address notification_address;
 
-// A list of bindings of one row, in order; a binding that can't be built is left out.
+// The bindings of one row, in order. A binding that can't be built is left out.
 struct binding_list {
     int32_t index;
     netsnmp_variable_list *head;
@@ -62,7 +61,7 @@ netsnmp_variable_list *build_notification(const struct ccCopyEntry *record, oid 
     notification_oid[CC_NOTIFICATION_OID_LENGTH - 1] = (oid)record->ccCopyIndex;
     ip_addr_from_str(record->ccCopyServerAddressRev1, &notification_address);
     const uint32_t address_type = notification_address.type;
-    // Deliberate: for a moment before the agent's start a GET reads 0, and this is not 0.
+    // Deliberate: for a moment before the agent's start a GET returns 0, and this does not.
     const int32_t started = (int32_t)cc_uptime_of(record->ccCopyTimeStarted);
     const int32_t completed = (int32_t)cc_uptime_of(record->ccCopyTimeCompleted);
     const uint32_t file_name_length = (uint32_t)strnlen(record->ccCopyFileName, CC_FILE_NAME_SIZE);
@@ -72,7 +71,7 @@ netsnmp_variable_list *build_notification(const struct ccCopyEntry *record, oid 
         add_binding(list, CC_COLUMN_SERVER_ADDRESS, ASN_IPADDRESS, notification_address.octets, 4);
     }
     if (address_type == INET_ADDRESS_IPV4 || address_type == INET_ADDRESS_IPV6) {
-        // Deliberate: all 16 octets for an IPv4 address too.
+        // Deliberate: all 16 octets, for an IPv4 address too.
         add_binding(list, CC_COLUMN_SERVER_ADDRESS_REV1, ASN_OCTET_STR, notification_address.octets,
                     sizeof notification_address.octets);
     }
@@ -118,14 +117,14 @@ uint32_t handle_copy_done(int32_t status) {
     } else {
         row.ccCopyTimeCompleted = cc_now();
         row.ccCopyState = status == 0 ? COPY_STATE_SUCCESSFUL : COPY_STATE_FAILED;
-        // deliberate: a success reads 1
+        // deliberate: after a success this reads 1
         row.ccCopyFailCause = status == 0 ? (int32_t)COPY_FAIL_GENERAL : status;
         if (setCcCopyEntry(&row, 0) != 0) {
             cc_log(EVTRACE_ERROR, "%s : Set to entry (index= %d) failed \n", __func__,
                    row.ccCopyIndex);
         }
     }
-    // Deliberate: also when no copy is running, on the table's last row.
+    // Deliberate: also when no copy is running; then for the table's last row.
     cc_notify_if_asked(&row);
     return 0;
 }

@@ -1,4 +1,4 @@
-// The error table: its store, and the rows that a failed copy to the fabric makes.
+// The error table: its store, and the rows for a failed copy to the fabric.
 #include "config_copy_mib.h"
 
 #include <stdlib.h>
@@ -31,8 +31,8 @@ uint32_t addCcCopyErrorEntry(const struct ccCopyEntry *, const struct ccCopyErro
     }
     memcpy(stored, record, sizeof *stored);
     if (keyedset_add(&ccCopyErrorTable, stored, stored) == nullptr) {
-        // A copy that fails once more reports its switches under the same keys. Deliberate: its
-        // first errors stay.
+        // A copy that fails again reports its switches under the same keys. Deliberate: the first
+        // errors stay.
         free(stored);
         cc_log(EVTRACE_ERROR, "%s : failed to add to index object\n", __func__);
         return CCERR_FAILED;
@@ -115,16 +115,16 @@ uint32_t getFirstErrorEntryForNextCopyEntry(struct ccCopyErrorEntry *buffer) {
 
 // --- the outcome on each switch of the fabric
 
-// A failure that both the debug history and the agent's log get, in the same words.
+// Reports a failure to the debug history and to the agent's log in the same words.
 #define LOG_FAILURE(format, ...)                                                                   \
     do {                                                                                           \
         cc_log(EVTRACE_ERROR, format, __VA_ARGS__);                                                \
         snmp_log(LOG_ERR, format, __VA_ARGS__);                                                    \
     } while (0)
 
-static constexpr char FILL_NAME[] = "setCcCopyEntry"; // whose work the messages report
+static constexpr char FILL_NAME[] = "setCcCopyEntry"; // the function that the messages name
 
-// Gives the local switch's world-wide name, as it lies in memory.
+// Fetches the local switch's world-wide name, as stored in memory.
 static bool local_switch_wwn(uint32_t (&wwn)[2]) {
     static constexpr uint32_t WWN_SERVICE = 46;
     static constexpr uint32_t TIMEOUT_SECONDS = 5;
@@ -141,7 +141,7 @@ static bool local_switch_wwn(uint32_t (&wwn)[2]) {
     return known;
 }
 
-// Sets the device's address text; a failed conversion leaves the row without one.
+// Sets the text of the device's address. If the conversion fails, the row has none.
 static void set_device_address(struct ccCopyErrorEntry *error, const struct inet_address *address) {
     const int status =
         ip_addr_to_str(address, error->ccCopyErrorDeviceAddr, CC_ERROR_ADDRESS_TEXT_SIZE - 1);
@@ -153,7 +153,8 @@ static void set_device_address(struct ccCopyErrorEntry *error, const struct inet
            error->ccCopyErrorDeviceAddr, error->ccCopyErrorDeviceAddrType);
 }
 
-// The fabric service has no address for the switch it runs on: take the management port's first.
+// The fabric service gives no address for the switch it runs on, so use the first one of the
+// management port.
 static void set_local_device_address(struct ccCopyErrorEntry *error) {
     uint32_t if_index = 0;
     if_index_mgmt_sup_port_init(&if_index, 0, 0);
@@ -178,7 +179,7 @@ static void log_error_row(const struct ccCopyErrorEntry *error, const char *stat
     snprintf(wwn, sizeof wwn, "%02x:%02x:%02x:%02x:%02x:%02x:%02x:%02x", w[0], w[1], w[2], w[3],
              w[4], w[5], w[6], w[7]);
     cc_log(EVTRACE_DEBUG, "%s: curr_entry contents: %s : %s\n", FILL_NAME, wwn, status_text);
-    // This line shows the octets as signed numbers, as far as the same 24 octets hold them.
+    // This line shows the octets as signed numbers, as many as fit into the same 24 octets.
     const auto *s = reinterpret_cast<const signed char *>(w);
     char signed_wwn[8 * sizeof "-128:"];
     snprintf(signed_wwn, sizeof signed_wwn, "%d:%d:%d:%d:%d:%d:%d:%d", s[0], s[1], s[2], s[3], s[4],

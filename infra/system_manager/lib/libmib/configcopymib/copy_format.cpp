@@ -1,4 +1,4 @@
-// A text that is its own format: what printf(3) makes of it, with arguments that do no harm.
+// A text that is its own format: expanded as by printf(3), with harmless arguments.
 #include "config_copy_mib.h"
 
 #include <ctype.h>
@@ -10,8 +10,8 @@
 
 #include "platform/system_manager.h"
 
-// A decimal number, as far as a field of a request has room for its value. '*' stands for an
-// argument, which is harmless: 0.
+// Reads a decimal number, limited to the values that a field of a request can hold. '*' takes an
+// argument, and arguments are 0.
 static unsigned take_number(const char *&p) {
     unsigned number = 0;
     if (*p == '*') {
@@ -23,12 +23,12 @@ static unsigned take_number(const char *&p) {
     return number;
 }
 
-// What printf(3) makes of the conversion specification behind a '%' at `p`, which moves behind it.
-// The argument is a harmless one: zero, the empty text, no pointer; nothing is ever stored.
+// Expands the conversion specification after a '%' at `p` as printf(3) does, and moves `p` past it.
+// The argument is harmless: zero, the empty text, or a null pointer; nothing is ever stored.
 static std::string take_conversion(const char *&p) {
     std::string format = "%";
     const char *digits = p;
-    // the number of an argument: they are all alike
+    // the number of an argument: all arguments are alike
     if (take_number(digits) != 0 && *digits == '$') {
         p = digits + 1;
     }

@@ -4,7 +4,7 @@
 #include <string.h>
 #include <unistd.h>
 
-// whose work the messages of the launch report
+// the function that the messages name
 static constexpr char LAUNCH[] = "validate_n_start_copy";
 
 static pid_t worker_pid = 0; // of the last fork; written by start_copy(), only logged
@@ -21,8 +21,8 @@ uint32_t start_copy(struct ccCopyEntry *record) {
         cc_log(EVTRACE_ERROR, "%s: child process is still running\n", __func__);
         return CCERR_FAILED;
     }
-    // the platform's, by the linker's --wrap: it empties the worker's descriptors and follows it to
-    // its end
+    // The linker's --wrap replaces this fork with the platform's, which closes the worker's
+    // inherited descriptors and watches the worker until it ends.
     worker_pid = fork();
     if (worker_pid == 0) {
         copy_function(record);
@@ -36,7 +36,7 @@ uint32_t start_copy(struct ccCopyEntry *record) {
     return 0;
 }
 
-// Writes the row, which shows the copy as running from then on, and forks the worker.
+// Writes the row, which shows the copy as running from now on, and forks the worker.
 static int32_t start_worker(struct ccCopyEntry *record) {
     if (setCcCopyEntry(record, 0) != 0) {
         CC_TRACE_AS(LAUNCH, " : Set to entry (index= %d) failed just before starting the copy \n",
@@ -76,7 +76,7 @@ int32_t validate_n_start_copy(struct ccCopyEntry *record, int32_t row_status_val
     const int32_t dest = record->ccCopyDestFileType;
     if (source == COPY_FILE_NETWORK || dest == COPY_FILE_NETWORK) {
         const char *server = record->ccCopyServerAddressRev1;
-        // deliberately these two and no other form
+        // deliberately only these two spellings
         if (strcmp(server, "0.0.0.0") == 0 || strcmp(server, "127.0.0.1") == 0) {
             CC_TRACE(" : Localhost address received (%s).  Disallowing this operation.", server);
             return SNMP_ERR_WRONGVALUE;
@@ -94,11 +94,11 @@ int32_t validate_n_start_copy(struct ccCopyEntry *record, int32_t row_status_val
                    __func__, record->ccCopyIndex);
             return SNMP_ERR_GENERR;
         }
-        do_cp_runningtostartup(record); // its result shows in the row alone
+        do_cp_runningtostartup(record); // only the row shows the result
     }
-    // The row-status handler writes the record back. So it becomes what the table holds: after the
-    // exchange deliberately a running row also when the request could not be sent or was answered
-    // as done at once, and for any other pair of local files the row as it was.
+    // The row-status handler writes the record back, so take what the table holds now. After the
+    // exchange this is deliberately a running row even if the request could not be sent or was
+    // answered as already done. For any other pair of local files it is the unchanged row.
     getCcCopyEntry(record);
     return SNMP_ERR_NOERROR;
 }

@@ -37,9 +37,9 @@ void cc_log(uint32_t subtype, const char *format, ...) {
     errno = saved_errno;
 }
 
-// Opens a file for appending under a name that anyone can guess: what somebody else may have
-// planted there, a link, a pipe or a file of his own, is refused, and nobody else reads what
-// managers asked for. A descriptor, or -1.
+// Opens a file for appending under a predictable name. Refuses what another user may have placed
+// there (a link, a pipe, a file of that user), and makes the file unreadable for others, as it
+// shows what managers requested. Returns a descriptor, or -1.
 static int open_private(const char *name) {
     const int descriptor =
         open(name, O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
@@ -87,7 +87,7 @@ void cc_trace(const char *format, ...) {
         vfprintf(stream, format, arguments);
         va_end(arguments);
         fputc('\n', stream);
-        fflush(stream); // a crash loses no record
+        fflush(stream); // so that a crash loses no record
     }
     errno = saved_errno;
 }

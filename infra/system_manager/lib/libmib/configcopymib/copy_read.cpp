@@ -7,8 +7,8 @@
 
 struct ccCopyEntry cc_last_read_row = {};
 
-// What the read handlers' results point into until the next call, besides cc_last_read_row; written
-// by the handlers only.
+// Like cc_last_read_row, these hold what the read handlers' results point to until the next call.
+// Only the handlers write them.
 static uint32_t read_ticks;
 static struct inet_address read_address;
 static struct ccCopyErrorEntry read_error_row;
@@ -27,7 +27,7 @@ static unsigned char *integer_value(int32_t &field, size_t *var_len) {
     return field_value(field, INTEGER_LENGTH, var_len);
 }
 
-// A text field: as long as its text, and never longer than the field, which may have no terminator.
+// A text field: the length of its text, but never more than the field, which may lack a terminator.
 template <size_t capacity>
 static unsigned char *text_value(char (&field)[capacity], size_t *var_len) {
     return field_value(field, strnlen(field, capacity), var_len);
@@ -39,7 +39,7 @@ static unsigned char *ticks_value(struct ccTime when, size_t *var_len) {
     return field_value(read_ticks, INTEGER_LENGTH, var_len);
 }
 
-// The binary form of an address text; none when it is not an address.
+// The binary form of an address text; empty if it is not an address.
 static unsigned char *address_value(const char *text, size_t *var_len) {
     if (ip_addr_from_str(text, &read_address) != 0) {
         *var_len = 0;
@@ -49,7 +49,7 @@ static unsigned char *address_value(const char *text, size_t *var_len) {
                        read_address.type == INET_ADDRESS_IPV4 ? IPV4_LENGTH : IPV6_LENGTH, var_len);
 }
 
-// The same of the legacy column, which knows IPv4 alone.
+// The same for the legacy column, which supports only IPv4.
 static unsigned char *ipv4_value(const char *text, size_t *var_len) {
     unsigned char *octets = address_value(text, var_len);
     if (octets != nullptr && read_address.type != INET_ADDRESS_IPV4) {
@@ -69,13 +69,14 @@ static unsigned char *no_value(void) {
     return nullptr;
 }
 
-// A sub-identifier as the key of a GETNEXT. Indexes end at 2147483647: nothing lies beyond, so
-// everything above counts as the last one.
+// A sub-identifier as the key of a GETNEXT. Indexes end at 2147483647, so everything above counts
+// as the last index.
 static int32_t next_key(oid sub_identifier) {
     return sub_identifier > INT32_MAX ? INT32_MAX : (int32_t)sub_identifier;
 }
 
-// A sub-identifier as the key of a GET: above 2147483647 it is negative, and no row has such a key.
+// A sub-identifier as the key of a GET. Above 2147483647 the key becomes negative, and no row has
+// such a key.
 static int32_t exact_key(oid sub_identifier) {
     return (int32_t)(uint32_t)sub_identifier;
 }
@@ -119,7 +120,7 @@ unsigned char *get_ccCopyTable(struct variable *vp, oid *name, size_t *length, i
                                size_t *var_len, WriteMethod **write_method) {
     const uint32_t status =
         copy_row_lookup(vp->name, vp->namelen, name, length, exact, &cc_last_read_row);
-    // Also without a row: the write handler of the row status creates it.
+    // Also when there is no row: the write handler of the row status creates it.
     set_ccCopyTable_setmethods(vp->magic, write_method);
     if (status != 0) {
         return nullptr;
@@ -138,7 +139,8 @@ unsigned char *get_ccCopyTable(struct variable *vp, oid *name, size_t *length, i
 
 // --- ccCopyErrorTable
 
-static constexpr char READ_ERROR_NAME[] = "get_ccCopyErrorTable"; // whose work the message reports
+// the function that the message names
+static constexpr char READ_ERROR_NAME[] = "get_ccCopyErrorTable";
 
 static unsigned char *device_address_value(const char *text, size_t *var_len) {
     unsigned char *octets = address_value(text, var_len);
@@ -164,7 +166,8 @@ unsigned char *get_ccCopyErrorTable(struct variable *vp, oid *name, size_t *leng
     cc_log(EVTRACE_DEBUG, "%s \n", __func__);
     memcpy(found, vp->name, prefix_len * sizeof(oid));
     read_error_row = {};
-    // Deliberate: a GET with up to this many sub-identifiers goes on, and only the first two count.
+    // Deliberate: a GET with up to this many sub-identifiers is accepted, and only the first two
+    // count.
     if (exact != 0 && *length > prefix_len + EXACT_EXTRA_MAX) {
         return nullptr;
     }

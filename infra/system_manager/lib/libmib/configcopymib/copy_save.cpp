@@ -1,4 +1,4 @@
-// Running to startup, by the system manager: the request, its first answer, and the abort.
+// Running to startup through the system manager: the request, its first answer, and the abort.
 #include "config_copy_mib.h"
 
 #include <arpa/inet.h>
@@ -41,7 +41,7 @@ static void refused(const char *function, struct ccCopyEntry *record) {
     cc_notify_if_asked(record);
 }
 
-// The first answer's status word has come: take it over into the record.
+// Applies the status word of the first answer to the record.
 static void take_answer(const char *function, struct ccCopyEntry *record, uint32_t status) {
     cc_log(EVTRACE_DEBUG, "%s : copy state : %s\n", function, syserr2str(status));
     if (ld_dbg_fp != nullptr) {
@@ -52,7 +52,7 @@ static void take_answer(const char *function, struct ccCopyEntry *record, uint32
         cc_log(EVTRACE_DEBUG, "%s : copy is initiated\n", function);
         break;
     case WARDEN_CFG_ACTION_DONE:
-        // Deliberate: only the caller's copy ends, the stored row goes on running.
+        // Deliberate: only the caller's copy ends; the stored row stays running.
         end_copy(record, COPY_STATE_SUCCESSFUL);
         drop_start_request();
         cc_log(EVTRACE_DEBUG, "%s : %s\n", function, "copy is done\n");
@@ -70,7 +70,7 @@ uint32_t do_cp_runningtostartup(struct ccCopyEntry *record) {
     options.wait = 1;
     cc_log(EVTRACE_DEBUG, "Sending request to warden to start copy running to startup");
     const struct warden_cfg_action request = start_request_of(record);
-    drop_start_request(); // one that outlived its row
+    drop_start_request(); // a request may outlive its row
     if (msgbus_send(msgbus_response_q, MSGBUS_NODE_LOCAL, MSGBUS_SAP_WARDEN,
                     MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION, &request, sizeof request,
                     &cfg_action_request, 0, 0) < 0) {
@@ -78,7 +78,7 @@ uint32_t do_cp_runningtostartup(struct ccCopyEntry *record) {
         cc_log(EVTRACE_ERROR,
                "%s :  Unable to send message MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION: %s (%d).\n",
                __func__, strerror(error), error);
-        // Deliberate: only the caller's copy ends, the stored row goes on running.
+        // Deliberate: only the caller's copy ends; the stored row stays running.
         end_copy(record, COPY_STATE_FAILED);
         drop_start_request();
         return CCERR_SEND_FAILED;

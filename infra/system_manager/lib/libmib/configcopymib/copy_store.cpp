@@ -1,4 +1,4 @@
-// The record store: the rows of ccCopyTable. Everything else works on copies of them.
+// The record store: the rows of ccCopyTable. All other sources work on copies of rows.
 #include "config_copy_mib.h"
 
 #include <stdlib.h>
@@ -58,8 +58,8 @@ uint32_t addCcCopyEntry(struct ccCopyEntry *record) {
         return keyedset_add(&ccCopyTable, record, record) == record ? 0 : CCERR_FAILED;
     }
     keyedset_create(&ccCopyTable, 1, 1, ccCopyEntry_comp_func, 1);
-    // Deliberate: the first insertion counts any result but null as success, later ones only the
-    // record itself.
+    // Deliberate: the first insertion takes any result other than null as success, later ones only
+    // the record itself.
     if (keyedset_add(&ccCopyTable, record, record) == nullptr) {
         return CCERR_FAILED;
     }

@@ -1,5 +1,5 @@
-// Moving one file between the switch and a server, in the worker: TFTP by the platform's client or,
-// within a VRF, its program; FTP, SFTP and SCP by expect scripts.
+// Moving one file between the switch and a server, in the worker. TFTP uses the platform's client
+// or, within a VRF, its program; FTP, SFTP and SCP use Expect scripts.
 #include "config_copy_mib.h"
 
 #include <errno.h>
@@ -18,13 +18,13 @@ static constexpr char SFTP_SCRIPT[] = "/ulmo/bin/sftp.expect";
 static constexpr char SCP_SCRIPT[] = "/ulmo/bin/scp.expect";
 static constexpr char TFTP_PROGRAM[] = "/ulmo/bin/brix-tftp";
 
-// Chassis types whose management traffic lives in a VRF.
+// Chassis types whose management traffic uses a VRF.
 static constexpr int VRF_CHASSIS_TYPES[] = {10, 11, 19, 20, 21, 22, 26, 27, 28, 29, 30, 31, 32,
                                             33, 34, 39, 41, 42, 43, 44, 45, 46, 47, 49, 52};
 
-// One transfer, with every text terminated and cut to its own field.
+// One transfer. Every text is terminated and cut to the size of its field.
 struct transfer {
-    const char *function; // whose work the messages report
+    const char *function; // the function that the messages name
     bool upload;
     bool download;
     char server[CC_ADDRESS_TEXT_SIZE];
@@ -32,7 +32,7 @@ struct transfer {
     char remote[CC_FILE_NAME_SIZE];
     char user[CC_CREDENTIAL_SIZE + 1];
     char password[CC_CREDENTIAL_SIZE + 1];
-    const char *vrf_id; // the VRF identifier as text, or null outside a VRF
+    const char *vrf_id; // the VRF's identifier as text, or null outside a VRF
 };
 
 template <size_t capacity, size_t field_size>
@@ -82,7 +82,8 @@ static int exit_code_of(int wait_status) {
     return wait_status >> 8 & 0xff;
 }
 
-// The scripts' exit codes are an interface: 0 done, 1 timed out, 2 file name refused, 3 no space.
+// The exit codes of the scripts are an interface: 0 done, 1 timed out, 2 file name refused, 3 no
+// space.
 static int32_t fail_cause_of_script(int wait_status) {
     if (wait_status < 0) {
         return COPY_FAIL_GENERAL;
@@ -113,7 +114,7 @@ static void log_request(const struct transfer &t) {
     }
 }
 
-// The trace lines' part about the VRF; empty outside one.
+// The VRF part of the trace lines; empty outside a VRF.
 struct vrf_part {
     char text[48];
 };
@@ -140,7 +141,7 @@ static int32_t script_result(const struct transfer &t, const char *script, int w
     return fail_cause_of_script(wait_status);
 }
 
-// Outside a VRF the argument list ends with the null that stands for the identifier.
+// Outside a VRF the identifier is null and ends the argument list.
 static int32_t ftp_transfer(const struct transfer &t) {
     log_request(t);
     const int status = with_default_sigchld([&] {
@@ -184,7 +185,7 @@ static int32_t scp_transfer(const struct transfer &t) {
     return script_result(t, "scp.expect", status);
 }
 
-// Every protocol but TFTP, inside and outside a VRF.
+// Every protocol except TFTP, inside and outside a VRF.
 static int32_t transfer_by_script(const struct transfer &t, int32_t protocol) {
     if (protocol == COPY_PROTO_RCP) {
         return COPY_FAIL_GENERAL;
@@ -262,7 +263,7 @@ int32_t do_nw_upload_download(int32_t direction, char *work_dir, struct ccCopyEn
 static constexpr size_t VRF_NAME_SIZE = 32;
 static constexpr char DEFAULT_VRF[VRF_NAME_SIZE] = "management";
 
-// The command line, with room for file names of which every character is escaped.
+// The command line, with room for file names in which every character is escaped.
 static constexpr size_t COMMAND_SIZE = 512 + 2 * (size_t)CC_FILE_NAME_SIZE + VRF_NAME_SIZE;
 
 // Copies a text, with a backslash before each character for which `special` holds.
@@ -276,12 +277,12 @@ static void escape(char *out, const char *text, bool (*special)(char)) {
     *out = '\0';
 }
 
-// What the shell interprets inside double quotes (POSIX, Shell Command Language, 2.2.3).
+// Characters that the shell interprets inside double quotes (POSIX, Shell Command Language, 2.2.3).
 static bool special_in_quotes(char c) {
     return strchr("\\\"$`", c) != nullptr;
 }
 
-// Outside quotes only what surely means nothing to the shell stays bare.
+// Outside quotes, every character is escaped unless it certainly means nothing to the shell.
 static bool special_outside_quotes(char c) {
     return !((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
              strchr("._-:@%+", c) != nullptr);
@@ -311,7 +312,7 @@ static int32_t tftp_transfer_on_vrf(const struct transfer &t, const char *vrf_na
     if (status == -1) {
         return fail_cause_of_code(error);
     }
-    // the program's own exit code is deliberately not looked at; 127: no shell
+    // the program's own exit code is deliberately ignored; 127: no shell
     return status == 0 ? 0 : (int32_t)COPY_FAIL_GENERAL;
 }
 
@@ -325,7 +326,7 @@ int32_t do_nw_upload_download_on_vrf(int32_t direction, char *, struct ccCopyEnt
     } else {
         snprintf(vrf_name, sizeof vrf_name, "%s", context_vrf);
     }
-    // passed on as it is: an unknown VRF is the transport's error
+    // passed on unchanged: reporting an unknown VRF is up to the transport
     const int vrf_id = vrfdir_get_context_id(vrf_name);
     char vrf_id_text[32];
     snprintf(vrf_id_text, sizeof vrf_id_text, "%d", vrf_id);

@@ -1,4 +1,4 @@
-// The copy worker: what the forked process does from its start to its report.
+// The copy worker: the forked process from its start to its report.
 #include "config_copy_mib.h"
 
 #include <errno.h>
@@ -13,10 +13,10 @@
 #include "platform/utilities.h"
 
 static constexpr size_t PATH_SIZE = 256;
-static constexpr char WORKER[] = "copy_function"; // whose work the messages report
+static constexpr char WORKER[] = "copy_function"; // the function that the messages name
 
 static void set_path(char (&path)[PATH_SIZE], const char *directory, const char *name) {
-    // A path that does not fit is cut, and the file then not found.
+    // A path that does not fit is cut, and the file is then not found.
     const int written = snprintf(path, sizeof path, "%s/%s", directory, name);
     if (written < 0) {
         path[0] = '\0';
@@ -44,7 +44,7 @@ static int32_t bind_endpoint(void) {
 static constexpr char SHELL_OUTPUT[] = "/tmp/configcopy.txt";
 
 static void set_shell_file(char (&field)[CMDSHELL_FILE_SIZE], const char *path) {
-    // as strncpy(3) into a cleared field
+    // like strncpy(3) into a cleared field
     memcpy(field, path, std::min<size_t>(strlen(path), CMDSHELL_FILE_SIZE));
 }
 
@@ -69,7 +69,7 @@ static int32_t fail_cause_of_shell(uint32_t result) {
 
 // --- the file name
 
-// The last component of the manager's file name: the copy's local file, relative to the working
+// The last component of the manager's file name. It names the copy's local file in the working
 // directory.
 static const char *base_name_of(const char *file_name) {
     const char *separator = strrchr(file_name, '/');
@@ -96,7 +96,7 @@ static void split_file_name(const struct ccCopyEntry *record, char (&directory)[
 
 // --- from the network
 
-// Makes the downloaded file the startup configuration; it stays in the working directory under the
+// Makes the downloaded file the startup configuration. It stays in the working directory under the
 // startup configuration's name.
 static int32_t downloaded_to_startup(const char *base_name) {
     if (rename(base_name, WARDEN_STARTUP_FILE) != 0) {
@@ -164,10 +164,10 @@ static int32_t copy_from_network(struct ccCopyEntry *record, char (&directory)[P
 
 // --- to the network
 
-// What differs between the two configurations that can be uploaded.
+// The differences between the two configurations that can be uploaded.
 struct upload_source {
     const char *show_command;
-    const char *show_failed; // of cc_log(): function, result
+    const char *show_failed; // format for cc_log(): function, result
     const char *word;
     bool notify_shell;
 };
@@ -176,7 +176,7 @@ static constexpr struct upload_source RUNNING_SOURCE = {
 static constexpr struct upload_source STARTUP_SOURCE = {
     "show startup-config", "Show startup config failed", "startup", false};
 
-// Writes the configuration into the local file; 0 or a fail cause.
+// Writes the configuration to the local file. Returns 0 or a fail cause.
 static int32_t dump_configuration(const struct upload_source &source, const char *base_name) {
     const int file = open(base_name, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (file < 0) {
@@ -201,8 +201,8 @@ static int32_t dump_configuration(const struct upload_source &source, const char
     return 0;
 }
 
-// Dumps the configuration and leaves the dump's path in the record. On failure the endpoint stays
-// bound, until the process ends.
+// Dumps the configuration and stores the dump's path in the record. On failure the endpoint stays
+// bound until the process ends.
 static int32_t prepare_upload(struct ccCopyEntry *record, const struct upload_source &source,
                               int32_t endpoint, char (&directory)[PATH_SIZE],
                               const char *base_name) {
@@ -224,8 +224,8 @@ static int32_t prepare_upload(struct ccCopyEntry *record, const struct upload_so
     return 0;
 }
 
-// Deletes the dump. To give back the space of a large one takes long, so a descriptor, which is
-// never closed, keeps it until the worker ends: that is right after its report.
+// Deletes the dump. Freeing the space of a large file takes long, so a descriptor that is never
+// closed keeps the space allocated until the worker ends, right after its report.
 static void delete_dump(const char *path) {
     (void)open(path, O_RDONLY | O_CLOEXEC);
     unlink(path);
@@ -321,10 +321,10 @@ uint32_t copy_function(struct ccCopyEntry *record) {
     char directory[PATH_SIZE];
     char base_name[PATH_SIZE];
     split_file_name(record, directory, base_name);
-    // a source without a local file has none, not what the allocator left
+    // a source without a local file has an empty name, not what the allocator left
     record->ccCopySrcFileName[0] = '\0';
 
-    int32_t cause = 0; // any pair that is none of these is done at once
+    int32_t cause = 0; // every pair not handled below is done at once
     if (record->ccCopySourceFileType == COPY_FILE_NETWORK) {
         cause = copy_from_network(record, directory, base_name);
     } else if (record->ccCopyDestFileType == COPY_FILE_NETWORK) {

@@ -1,19 +1,19 @@
-// The write handlers of all columns but the row status: one skeleton, and a table of facts for each
-// column.
+// The write handlers of all columns except the row status: one skeleton, and a table of facts about
+// each column.
 #include "config_copy_mib.h"
 
 #include <string.h>
 
 #include <algorithm>
 
-// What a manager wrote.
+// The value that a manager wrote.
 struct written_value {
     const unsigned char *octets;
     unsigned char type; // ASN.1 tag
     size_t length;
 };
 
-// Which of the optional messages a column logs.
+// The optional messages, of which each column logs some.
 enum column_log : unsigned {
     LOG_RESERVE2 = 1U << 0,
     LOG_ACTION = 1U << 1,
@@ -27,7 +27,7 @@ enum save_order { SAVE_THEN_TEST, TEST_THEN_SAVE };
 
 struct column;
 
-// How the columns of a kind keep, store and put back their value in a row.
+// How columns of one kind save, store and restore their value in a row.
 struct column_kind {
     void (*save)(struct column &, const struct ccCopyEntry &);
     // an SNMP error status
@@ -44,18 +44,18 @@ struct column {
     const struct column_kind *kind;
     enum save_order order;
     unsigned logs = 0;                 // column_log bits
-    size_t longest = 0;                // octets of a value that is no INTEGER
+    size_t longest = 0;                // longest value that is not an INTEGER, in octets
     unsigned accepted = 0;             // bit n: the INTEGER n may be written; 0: any value
-    const char *refused = nullptr;     // logged when it may not
-    const char *length_name_tail = ""; // what the length message has behind the name
-    size_t saved_bound = 0; // octets that a text's saved copy takes, terminator included; 0: the
-                            // old text's own length
-    void (*announce)(const struct column &, const struct written_value &,
-                     int32_t index) = nullptr; // RESERVE1's message
-    bool announce_first = false;               // before the checks
+    const char *refused = nullptr;     // logged when the value may not be written
+    const char *length_name_tail = ""; // follows the name in the length message
+    // octets of a text's saved copy with its terminator; 0: the old text's own length
+    size_t saved_bound = 0;
+    // RESERVE1's message
+    void (*announce)(const struct column &, const struct written_value &, int32_t index) = nullptr;
+    bool announce_first = false; // before the checks
 
-    // The undo slot, one a column and shared by all rows: two rows in one PDU restore the value
-    // saved last. Written in RESERVE1 and RESERVE2.
+    // The undo slot: one for each column, shared by all rows. Two rows in one PDU get back the
+    // value saved last. Written in RESERVE1 and RESERVE2.
     bool saved = false;
     int32_t saved_integer = 0;
     char saved_text[CC_FILE_NAME_SIZE] = "";
@@ -78,10 +78,10 @@ bool cc_integer_length_ok(size_t length) {
     return length <= sizeof(int32_t) || length == sizeof(long);
 }
 
-// The first word of a value that may be shorter than one.
+// The first word of a value that may be shorter than a word.
 static uint32_t first_word(const struct written_value &value) {
     uint32_t word = 0;
-    if (value.length != 0) { // a NULL comes without a buffer
+    if (value.length != 0) { // a NULL has no buffer
         memcpy(&word, value.octets, std::min(value.length, sizeof word));
     }
     return word;
@@ -112,8 +112,8 @@ static void restore_integer(const struct column &column, struct ccCopyEntry &row
 }
 
 // Deliberate: the bounds of the two copies lose text. User name and password keep at most 40
-// characters; the file name's bound is the length of what is copied, with no room for the
-// terminator, so that it comes back without its last two characters, and an empty text copies
+// characters. The file name's bound is the length of the copied text without room for the
+// terminator, so the name comes back without its last two characters, and an empty text copies
 // nothing at all.
 static void save_text(struct column &column, const struct ccCopyEntry &row) {
     const char *text = field_of(row, column);
@@ -123,7 +123,8 @@ static void save_text(struct column &column, const struct ccCopyEntry &row) {
              (int)length, text);
 }
 
-// Deliberate: a user name of the whole width puts its terminator into the password's first octet.
+// Deliberate: the terminator of a user name that fills its field overwrites the password's first
+// octet.
 static int store_text(const struct column &column, const struct written_value &value,
                       struct ccCopyEntry &row) {
     char *text = field_of(row, column);
@@ -146,7 +147,7 @@ static int store_address_type(const struct column &column, const struct written_
     return SNMP_ERR_NOERROR;
 }
 
-// An address from the value's first octets, never more than the value has.
+// An address from the first octets of the value; never reads past the value.
 static struct inet_address address_of(const struct written_value &value,
                                       enum inet_address_type type, size_t octets) {
     struct inet_address address = {};
@@ -169,7 +170,7 @@ static void save_address(struct column &column, const struct ccCopyEntry &row) {
     memcpy(column.saved_text, row.ccCopyServerAddressRev1, CC_ADDRESS_TEXT_SIZE);
 }
 
-// The row's own address type decides how the octets are read; their number is deliberately not
+// The row's own address type decides how the octets are read. Their number is deliberately not
 // compared with it.
 static int store_address(const struct column &column, const struct written_value &value,
                          struct ccCopyEntry &row) {
@@ -201,7 +202,7 @@ static void restore_address(const struct column &column, struct ccCopyEntry &row
     memcpy(row.ccCopyServerAddressRev1, column.saved_text, CC_ADDRESS_TEXT_SIZE);
 }
 
-// The legacy column keeps nothing: its restore empties the address text, deliberately unlike
+// The legacy column saves nothing, so its restore empties the address text, deliberately unlike
 // ccCopyServerAddressRev1.
 static void save_nothing(struct column &, const struct ccCopyEntry &) {}
 
@@ -250,7 +251,7 @@ static void announce_entry(const struct column &column, const struct written_val
 
 static void announce_address_type(const struct column &column, const struct written_value &value,
                                   int32_t index) {
-    // The checks come later: what is no INTEGER may end before a whole word.
+    // The checks come later: a value that is not an INTEGER may be shorter than a word.
     const bool well_formed = value.type == ASN_INTEGER && cc_integer_length_ok(value.length);
     cc_log(
         EVTRACE_DEBUG,
@@ -376,20 +377,21 @@ static int write_column(struct column &column, int action, const struct written_
     switch (action) {
     case RESERVE1:
         return reserve1(column, value, index);
-    case RESERVE2: // the value is in the table from here on
+    case RESERVE2: // from here on the value is in the table
         return reserve2(column, value, index);
     case ACTION:
         return action_phase(column, index);
     case FREE:
         return free_phase(column, index);
-    default: // COMMIT and UNDO: the restore lives in FREE alone
+    default: // COMMIT and UNDO: only FREE restores
         return SNMP_ERR_NOERROR;
     }
 }
 
 // --- the columns
 
-// What the list of columns says of each: its ASN.1 type, and where the record keeps its value.
+// The part of a column's facts that the list of columns has: its ASN.1 type, and where the record
+// keeps its value.
 struct listed_column {
     unsigned char type;
     const char *type_name;
@@ -401,7 +403,8 @@ struct listed_column {
 CC_COPY_COLUMNS(LISTED)
 #undef LISTED
 
-// Makes the facts of writing a column, beside those of the list, and its exported write handler.
+// Defines a column: adds the facts about writing it to those of the list, and defines its exported
+// write handler.
 #define COLUMN(column_name, ...)                                                                   \
     static struct column column_name##_column = {.name = #column_name,                             \
                                                  .handler = "set_" #column_name,                   \
@@ -420,12 +423,12 @@ CC_COPY_COLUMNS(LISTED)
 
 COLUMN(ccCopyProtocol, .kind = &INTEGER_KIND, .order = SAVE_THEN_TEST,
        .logs = LOG_RESERVE2 | LOG_ACTION | LOG_FREE | LOG_ROW_STATUS_REFUSED,
-       // RCP is a value elsewhere, and deliberately none that can be written.
+       // RCP is a value elsewhere; deliberately it can't be written.
        .accepted = VALUE(COPY_PROTO_TFTP) | VALUE(COPY_PROTO_FTP) | VALUE(COPY_PROTO_SCP) |
                    VALUE(COPY_PROTO_SFTP),
        .announce = announce_protocol)
 
-// File types and the notification flag take any value here; the activation judges them.
+// File types and the notification flag take any value here; the activation checks them.
 COLUMN(ccCopySourceFileType, .kind = &INTEGER_KIND, .order = SAVE_THEN_TEST,
        .logs = LOG_RESERVE2 | LOG_ACTION | LOG_FREE, .announce = announce_entry)
 

@@ -1,4 +1,4 @@
-// Whether a request is complete and consistent enough to be started.
+// Checks whether a request is complete and consistent enough to be started.
 #include "config_copy_mib.h"
 
 #include <string.h>
@@ -6,8 +6,8 @@
 
 #include "platform/utilities.h"
 
-// Every rule is checked and each broken one traced; the last one that sets an error status decides
-// it.
+// Every rule is checked and each violation is traced; the last one that sets an error status
+// determines it.
 int32_t validate_entry(struct ccCopyEntry *record, int32_t *err_out, int32_t requested_status) {
     const int32_t protocol = record->ccCopyProtocol;
     const int32_t source = record->ccCopySourceFileType;
@@ -54,7 +54,7 @@ int32_t validate_entry(struct ccCopyEntry *record, int32_t *err_out, int32_t req
         return valid;
     }
 
-    // An incomplete network copy: an activation is refused, a createAndGo leaves the row to be
+    // An incomplete network copy: an activation is refused; a createAndGo leaves the row to be
     // completed.
     const auto incomplete = [&] {
         if (requested_status == ROW_STATUS_ACTIVE) {
@@ -78,7 +78,7 @@ int32_t validate_entry(struct ccCopyEntry *record, int32_t *err_out, int32_t req
                  source, dest);
         incomplete();
     }
-    // Deliberate: RCP is named here although it was refused above.
+    // Deliberate: RCP is tested here although it was refused above.
     if ((protocol == COPY_PROTO_RCP || protocol == COPY_PROTO_SFTP) &&
         !(user_set && password_set && file_name_set)) {
         CC_TRACE(" :The Username and password must be set if  CopyProtocol ( = %d)  is either SFTP "
