@@ -22,7 +22,7 @@
 namespace ulmo {
 namespace {
 
-// The canonical form, which a device keeps within bounds.
+// The canonical form, if it is within the limit of a device.
 std::string bounded_text(const Configuration &configuration) {
     std::string text = to_text(configuration);
     if (text.size() > configuration_canonical_limit) {
@@ -32,8 +32,8 @@ std::string bounded_text(const Configuration &configuration) {
     return text;
 }
 
-// One name for each file, whatever links lead to its directory. A link in the file's own place is
-// not followed: it is what gets replaced.
+// A unique name of each file, whichever links lead to its directory. The last component is not
+// resolved: if it is a link, the link itself is replaced.
 std::filesystem::path resolved(const std::filesystem::path &path) {
     return std::filesystem::weakly_canonical(path.parent_path()) / path.filename();
 }
@@ -42,8 +42,8 @@ constexpr const char *no_startup = "there is no startup configuration";
 
 constexpr std::string_view output = "the output";
 
-// The rest of the file. The kernel copies it where it can; it does not where the output is one that
-// is appended to.
+// Copies the rest of the file, in the kernel where possible; sendfile(2) does not support an output
+// opened with O_APPEND.
 void copy_output(const UniqueFd &file, int descriptor) {
     constexpr std::size_t most = 0x7ffff000; // sendfile(2)
     ssize_t count = 0;
@@ -93,7 +93,8 @@ class EmbeddedBackend final : public DeviceBackend {
         if (!file) {
             throw std::runtime_error(no_startup);
         }
-        copy_output(file, descriptor); // the open file stays what it is, whatever takes its name
+        // the open file keeps its content even if its name is replaced
+        copy_output(file, descriptor);
     }
 
     void apply(std::string_view text) override {
@@ -139,7 +140,7 @@ class EmbeddedBackend final : public DeviceBackend {
         const auto lock = locked(FileLock::Mode::exclusive);
         Configuration configuration;
         merge(configuration, text);
-        // a startup configuration that could never become the running one is none
+        // a configuration that could never become the running one is refused
         bounded_text(configuration);
         replace_state_file(startup_file_, text);
     }
@@ -153,8 +154,7 @@ class EmbeddedBackend final : public DeviceBackend {
         return read_state_file(file, configuration_text_limit);
     }
 
-    // A stored text that is not valid is the device's failure, not a refusal of the text that a
-    // caller gave.
+    // An invalid stored text is a failure of the device, unlike an invalid text from the caller.
     static Configuration parsed(std::string_view text, const std::filesystem::path &file) {
         Configuration configuration;
         try {
@@ -165,7 +165,7 @@ class EmbeddedBackend final : public DeviceBackend {
         return configuration;
     }
 
-    // The running configuration, made when there is none. Needs the exclusive lock.
+    // The running configuration, created if it does not exist. Needs the exclusive lock.
     [[nodiscard]] Configuration running() const {
         if (const auto text = stored(running_file_)) {
             return parsed(*text, running_file_);
@@ -175,7 +175,7 @@ class EmbeddedBackend final : public DeviceBackend {
         return configuration;
     }
 
-    // What a device that starts runs.
+    // The configuration that the device runs after a start.
     [[nodiscard]] Configuration initial() const {
         Configuration configuration;
         if (const auto text = stored(startup_file_)) {
@@ -204,13 +204,13 @@ std::unique_ptr<DeviceBackend> make_embedded_backend(const std::filesystem::path
 }
 
 std::unique_ptr<DeviceBackend> make_device_backend() {
-    static_cast<void>(text_setting("device_backend")); // embedded is all that there is
+    static_cast<void>(text_setting("device_backend")); // embedded is the only one
     return make_embedded_backend(state_dir());
 }
 
 std::string read_configuration_file(const std::filesystem::path &path) {
     try {
-        // O_NONBLOCK: a FIFO must not stop us before we see that it is one.
+        // O_NONBLOCK: opening a FIFO must not block before we see what it is.
         constexpr int flags = O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
         const UniqueFd file(check(::open(path.c_str(), flags), "cannot open", path.native()));
         regular_file_status(file.get(), path.native(), configuration_text_limit);

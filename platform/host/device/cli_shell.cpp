@@ -21,9 +21,9 @@
 
 namespace {
 
-// Writes what the shell prints into the output file. Its name can be guessed by every user of the
-// machine, so nothing is opened that somebody else could have put there, and nothing is truncated
-// before that is known.
+// Writes the shell's output into the output file. Any user of the machine can guess its name, so a
+// file that somebody else could have placed there is not opened, and nothing is truncated before
+// that is checked.
 void write_output(const std::string &path, const std::string &text) {
     constexpr mode_t owner_only = 0600;
     constexpr int flags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
@@ -39,7 +39,8 @@ void write_output(const std::string &path, const std::string &text) {
     ulmo::write_whole(file.get(), text, path);
 }
 
-// The output helps who looks for the reason; without it the configuration is applied all the same.
+// The output only helps to find the reason; the configuration is applied even if it can't be
+// written.
 void report(const std::string &output, const std::string &text) {
     if (output.empty()) {
         return;
@@ -66,7 +67,7 @@ uint32_t execute(const std::string &file, const std::string &output) {
     if (result != 0) {
         ulmo::log_error("cmdshell_execute_cfg_file2: %s (0x%08x)\n", text.c_str(), result);
     }
-    // Only now: the configuration file may bear the output file's name.
+    // Last, because the configuration file may have the same name as the output file.
     report(output, text + "\n");
     return result;
 }

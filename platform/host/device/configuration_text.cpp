@@ -46,7 +46,7 @@ bool consists_of_names(std::string_view text, std::string_view punctuation) {
     });
 }
 
-// Throws unless the line, whose end is cut off, is text.
+// Throws unless the line, without its end, is text.
 void check_text(std::string_view line, std::size_t number) {
     for (std::size_t i = 0; i < line.size();) {
         const auto octet = static_cast<unsigned char>(line[i]);
@@ -61,7 +61,7 @@ void check_text(std::string_view line, std::size_t number) {
     }
 }
 
-// Takes the next line, without its end, off `text`.
+// Removes the next line from the front of `text` and returns it without its end.
 std::string_view next_line(std::string_view &text) {
     const auto end = text.find('\n');
     std::string_view line = text.substr(0, end);
@@ -72,7 +72,7 @@ std::string_view next_line(std::string_view &text) {
     return line;
 }
 
-// What is left to read of a line.
+// The unread rest of a line.
 class Words {
   public:
     explicit Words(std::string_view line)
@@ -95,20 +95,20 @@ class Words {
     std::string_view rest_;
 };
 
-// A word of the file as a message shows it.
+// A word of the file as messages show it.
 std::string quoted(std::string_view word) {
     constexpr std::size_t shown = 40;
     std::size_t length = std::min(word.size(), shown);
     while (length < word.size() && length > 0 &&
            (static_cast<unsigned char>(word[length]) & 0xC0U) == 0x80U) {
-        --length; // never half a character
+        --length; // never split a character
     }
     return "'" + std::string(word.substr(0, length)) + (length < word.size() ? "...'" : "'");
 }
 
-class Merger {
+class Parser {
   public:
-    explicit Merger(Configuration &configuration) : configuration_(configuration) {}
+    explicit Parser(Configuration &configuration) : configuration_(configuration) {}
 
     void execute(std::string_view line, std::size_t number) {
         number_ = number;
@@ -203,8 +203,7 @@ class Merger {
         }
     }
 
-    // A statement that sets one value: after `no` the value is optional, and checked when it is
-    // there.
+    // A statement that sets one value: after `no` the value is optional, and checked if present.
     template <typename Read> void set(std::string &field, bool no, const Words &words, Read read) {
         if (no && words.done()) {
             field.clear();
@@ -317,7 +316,7 @@ class Merger {
         if (inet_pton(AF_INET6, address.c_str(), octets.data()) == 1) {
             return inet_ntop(AF_INET6, octets.data(), canonical.data(), canonical.size());
         }
-        // A last label of digits alone means a dotted address, RFC 1123, 2.1.
+        // A last label of digits only means a dotted address, RFC 1123, 2.1.
         const std::string_view last = std::string_view(address).substr(address.rfind('.') + 1);
         const bool dotted = std::all_of(last.begin(), last.end(), is_digit);
         if (dotted ? inet_pton(AF_INET, address.c_str(), octets.data()) != 1
@@ -345,7 +344,7 @@ class Merger {
         return host + "/" + std::to_string(prefix);
     }
 
-    // A decimal number; limit + 1 when `word` is none or a larger one.
+    // A decimal number; limit + 1 if `word` is not a number or exceeds the limit.
     static unsigned number(std::string_view word, unsigned limit) {
         return parsed_number(word, 0U, limit).value_or(limit + 1);
     }
@@ -369,7 +368,7 @@ class Merger {
     }
 
     Configuration &configuration_;
-    Configuration::Interface *interface_ = nullptr; // the open block, at most one of both
+    Configuration::Interface *interface_ = nullptr; // the open block, at most one of the two
     Configuration::Vlan *vlan_ = nullptr;
     bool ended_ = false;
     std::size_t number_ = 0; // of the line being executed
@@ -404,15 +403,15 @@ void merge(Configuration &configuration, std::string_view text) {
     if (text.starts_with(byte_order_mark)) {
         text.remove_prefix(byte_order_mark.size());
     }
-    // A file that is no text at all is said to be that, whatever its first lines look like.
+    // A file that is not text is reported as such, whatever its first lines look like.
     std::size_t number = 0;
     for (std::string_view rest = text; !rest.empty();) {
         check_text(next_line(rest), ++number);
     }
-    Merger merger(configuration);
+    Parser parser(configuration);
     number = 0;
     for (std::string_view rest = text; !rest.empty();) {
-        merger.execute(next_line(rest), ++number);
+        parser.execute(next_line(rest), ++number);
     }
 }
 

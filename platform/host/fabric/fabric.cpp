@@ -38,10 +38,8 @@ InterfaceAddresses interface_addresses() {
     return InterfaceAddresses(list);
 }
 
-// --- the management interface ---
-
-// The fields of the kernel's routing table files (proc(5)) that matter here. The columns before the
-// name differ between the families.
+// The fields that matter here of the kernel's routing table files (proc(5)). The columns before the
+// interface name differ between the families.
 struct RouteFile {
     const char *path;
     std::size_t name_column, flags_column, metric_column;
@@ -80,7 +78,7 @@ std::string default_route_interface(const RouteFile &layout) {
     return interface;
 }
 
-// The first interface that is up and no loopback one, or else the loopback interface.
+// The first interface that is up and is not a loopback interface, or else the loopback interface.
 std::string any_interface() {
     std::string loopback;
     const auto addresses = interface_addresses();
@@ -107,9 +105,7 @@ std::string management_interface() {
     return interface.empty() ? any_interface() : interface;
 }
 
-// --- addresses ---
-
-enum class Rank { ipv4, ipv6, link_local }; // the order in which addresses are listed
+enum class Rank { ipv4, ipv6, link_local }; // in the order of the address list
 
 struct RankedAddress {
     Rank rank;
@@ -154,9 +150,7 @@ std::vector<RankedAddress> addresses_of(const std::string &interface) {
     return found;
 }
 
-// --- the walk over the fabric ---
-
-// read at the first step of a walk, kept until the walk is over
+// The fabric walk: read at its first step, kept until it is over.
 std::vector<FabricSwitchStatus> walked;
 bool is_walking = false;
 
@@ -184,7 +178,7 @@ const FabricSwitchStatus *switch_after(const Wwn &cursor) {
     return next == walked.end() ? nullptr : &*next;
 }
 
-// Nothing when the setting is bad, which is logged.
+// Nothing if the setting is bad; the reason is logged.
 std::optional<Wwn> own_wwn() {
     try {
         return local_wwn();
@@ -283,7 +277,7 @@ int addrcfg_get_if_inet_addrs(int32_t /*queue*/, uint32_t if_index,
             return errno;
         }
         const auto found = ulmo::addresses_of(interface);
-        // The record has room for one address also when there is none.
+        // The record has room for at least one address, even if the list is empty.
         const std::size_t entries = std::max<std::size_t>(found.size(), 1);
         auto *octets = static_cast<char *>(
             std::calloc(1, offsetof(addrcfg_inet_addrs, first) + entries * sizeof(inet_address)));

@@ -2,9 +2,10 @@
 // Used by: system_manager, agent.
 // May use: base, history, platform.
 //
-// How the last fabric-wide action went on each switch, as the system manager leaves it for the
-// agent: the file `fabric-status` of the run directory (the disk with the state may be full, which
-// is then what is to be told), one switch a line: `WWN local|remote ADDRESS|- TEXT`.
+// The outcome of the last fabric-wide action on each switch, which the system manager writes for
+// the agent. It is the file `fabric-status` in the run directory, because the outcome may be that
+// the state directory's disk is full. It has one line for each switch: `WWN local|remote ADDRESS|-
+// TEXT`.
 #pragma once
 
 #include "platform/host/fabric/wwn.h"
@@ -18,17 +19,17 @@ namespace ulmo {
 struct FabricSwitchStatus {
     Wwn wwn{};
     bool is_local = false;
-    inet_address address{}; // type INET_ADDRESS_UNKNOWN: not known
+    inet_address address{}; // INET_ADDRESS_UNKNOWN if it is not known
     std::string text;       // the outcome in words
 };
 
-// The switches in the order of the file; none when there is no file. A line that is no such line,
-// that has the all-zero name or a name that an earlier line has is left out. Throws
-// std::system_error when the file is there and can't be read.
+// The switches in the order of the file; empty if there is no file. A line is skipped if it is
+// malformed, has the all-zero WWN, or repeats the WWN of an earlier line. Throws std::system_error
+// if the file exists but can't be read.
 std::vector<FabricSwitchStatus> read_fabric_status();
 
-// Replaces the file at once and whole: a reader has the old one or the new one. A text becomes one
-// line. Throws std::system_error; the old file is then as it was.
+// Replaces the file atomically. Each text is written as one line. Throws std::system_error; the old
+// file is then unchanged.
 void write_fabric_status(const std::vector<FabricSwitchStatus> &switches);
 
 } // namespace ulmo

@@ -12,8 +12,8 @@
 namespace ulmo {
 namespace {
 
-// FNV-1a. The id itself is not to be read from the name, and the name has to be the same after each
-// start.
+// FNV-1a. The machine id must not be recoverable from the WWN, and the WWN must be the same after
+// each start.
 std::uint64_t hash_of(std::string_view text) {
     std::uint64_t hash = 0xCBF29CE484222325U;
     for (const char c : text) {

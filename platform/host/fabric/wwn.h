@@ -5,8 +5,8 @@
 
 namespace ulmo {
 
-// The setting `wwn`, or a locally assigned name (NAA 3) made of the machine id. Throws
-// SettingsError when the setting is bad.
+// The setting `wwn`, or else a locally assigned name (NAA 3) derived from the machine id. Throws
+// SettingsError if the setting is bad.
 Wwn local_wwn();
 
 } // namespace ulmo

@@ -10,7 +10,7 @@
 namespace ulmo {
 namespace {
 
-// Longer than any line can be, so that what is kept can always be read again.
+// More than the longest possible content, so that what was written can always be read again.
 constexpr std::size_t file_limit = copies_kept * 4096;
 
 std::filesystem::path kept_file() {
@@ -25,7 +25,7 @@ bool is_one_of(unsigned char c, std::string_view set) {
     return set.find(static_cast<char>(c)) != std::string_view::npos;
 }
 
-// Two digits behind what announces them.
+// The prefix and two hexadecimal digits.
 std::string escaped(std::string_view announced, unsigned char c, std::string_view digits) {
     return std::string(announced) + digits[c >> 4U] + digits[c & 0xFU];
 }
@@ -87,7 +87,7 @@ std::string_view name_of(CopyEnd::Outcome outcome) {
     return "unknown";
 }
 
-// RFC 3986, 2.3; `also` stands for itself too.
+// Percent-encoding, RFC 3986, 2.3; the characters of `also` are not encoded either.
 std::string percent_encoded(std::string_view text, std::string_view also) {
     std::string encoded;
     for (const char each : text) {

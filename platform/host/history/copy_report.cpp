@@ -48,7 +48,7 @@ void append(std::string_view key, std::string_view text) {
     write_whole(file.get(), std::string(key) + std::string(text) + '\n', path);
 }
 
-// The copy goes on whatever becomes of its report.
+// A copy never fails because of its report.
 template <typename Work> void in_report(Work &&work) noexcept {
     if (report_path() != nullptr) {
         log_failure("worker: no report", std::forward<Work>(work));
@@ -98,7 +98,7 @@ bool is_sha256(std::string_view text) {
            text.find_first_not_of("0123456789abcdef") == std::string_view::npos;
 }
 
-// The rest of the line behind the key, when it begins with it.
+// The rest of the line after the key; nothing if the line does not begin with the key.
 std::optional<std::string_view> behind(std::string_view key, std::string_view line) {
     return line.starts_with(key) ? std::optional(line.substr(key.size())) : std::nullopt;
 }

@@ -25,8 +25,7 @@ Wanted wanted_by(std::string_view word) {
     return word == "all" ? Wanted::all : word == "errors" ? Wanted::errors : Wanted::none;
 }
 
-// The switches are asked at every log call, so that the settings file is looked at no more than
-// once a second.
+// Each log call consults the switches, so the settings file is checked at most once a second.
 class Switches {
   public:
     Wanted history() {
@@ -37,7 +36,7 @@ class Switches {
         refresh();
         return print_.load(std::memory_order_relaxed);
     }
-    std::size_t limit() { // of when history() was asked last
+    std::size_t limit() { // as of the last call of history()
         return limit_.load(std::memory_order_relaxed);
     }
 
@@ -57,7 +56,7 @@ class Switches {
     }
 
     std::atomic<std::int64_t> next_ms_ = 0;
-    // what is amiss with the settings is logged before they are known
+    // until the settings are known, their own problems must reach the log
     std::atomic<Wanted> history_ = Wanted::errors;
     std::atomic<Wanted> print_ = Wanted::none;
     std::atomic<std::size_t> limit_ = std::numeric_limits<std::size_t>::max();
@@ -65,7 +64,7 @@ class Switches {
 
 Switches switches;
 
-// A log call leaves no trace in its caller: neither in errno nor as an exception.
+// A log call has no side effect on its caller: errno is kept and no exception leaves it.
 template <typename Call> auto quietly(Call call) noexcept {
     const int saved = errno;
     decltype(call()) result{};

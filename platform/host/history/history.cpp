@@ -20,10 +20,10 @@ namespace ulmo {
 namespace {
 
 constexpr std::size_t longest_text = 544;
-// Each needs another process to replace the file at that very moment.
+// An attempt fails only if another process replaces the file at that very moment.
 constexpr int most_attempts = 10;
 
-// Not so once it has been renamed, or removed.
+// False once the file has been renamed or removed.
 bool is_written_to(const struct stat &status) {
     return status.st_mode == (S_IFREG | 0600U) && status.st_nlink == 1;
 }
@@ -34,8 +34,8 @@ bool is_at(const std::filesystem::path &file, const struct stat &status) {
            there.st_ino == status.st_ino;
 }
 
-// Takes the name from the open file, unless it has lost it already. Whoever finds the lock taken
-// leaves this to its holder. Returns whether the file has another name now, or none.
+// Renames or removes the file that `open` refers to, unless its name has already passed to another
+// file. If the lock is taken, its holder does this. Returns whether `open` no longer has this name.
 bool retire(const UniqueFd &open, const struct stat &status, const std::filesystem::path &file,
             bool is_kept) {
     if (::flock(open.get(), LOCK_EX | LOCK_NB) != 0) {
@@ -44,16 +44,16 @@ bool retire(const UniqueFd &open, const struct stat &status, const std::filesyst
     bool is_done = !is_at(file, status);
     if (!is_done && is_kept && ::rename(file.c_str(), older_history_file().c_str()) == 0) {
         is_done = true;
-        ::fchmod(open.get(), 0400); // tells those who have it open
+        ::fchmod(open.get(), 0400); // tells other processes that have it open
     }
     is_done = is_done || ::unlink(file.c_str()) == 0;
-    ::flock(open.get(), LOCK_UN); // a child that was just forked has the descriptor, too
+    ::flock(open.get(), LOCK_UN); // explicitly: a child just forked shares the descriptor
     return is_done;
 }
 
-// The file to append to, and its status. It is not full, unless it can't be renamed. The run
-// directory is made only for what a process records first: one that has gone is not wanted any
-// more.
+// Opens the file to append to and gets its status. It is below the limit, unless it could not be
+// renamed. The run directory is created only for a process's first record there; if it has been
+// removed since, it stays removed.
 UniqueFd opened(std::size_t limit, bool makes_folder, struct stat &status) {
     const std::filesystem::path file = history_file();
     const ActingAsOwner owner(file.parent_path());
@@ -83,7 +83,8 @@ UniqueFd opened(std::size_t limit, bool makes_folder, struct stat &status) {
     throw_error(EAGAIN, "history");
 }
 
-// The file that a thread appended to last. It stays open: to open it takes longer than to append.
+// The file that a thread last appended to. It stays open because opening takes longer than
+// appending.
 class LastFile {
   public:
     void append(std::string_view line, std::size_t limit) {
@@ -94,15 +95,14 @@ class LastFile {
             struct stat after {};
             ::fstat(open_.get(), &after);
             if (static_cast<std::size_t>(written) != line.size()) {
-                // The disk has become full in the middle: the next record must not go on in this
-                // line.
+                // The disk became full in mid-line: the next record must not continue this line.
                 if (after.st_size == before.st_size + written) {
                     (void)!::ftruncate(open_.get(), before.st_size);
                 }
                 throw_error(ENOSPC, "history");
             }
-            // The file may have been renamed meanwhile, which is as good; but twice, and it is gone
-            // with the line.
+            // If the file has been renamed meanwhile, the line is kept all the same. If it has been
+            // renamed twice, the line is gone with the file.
             if (after.st_nlink != 0) {
                 return;
             }
@@ -116,7 +116,8 @@ class LastFile {
         struct stat status {};
         if (::fstat(open_.get(), &status) != 0 || status.st_dev != device_ ||
             status.st_ino != inode_) {
-            // closed by a forked process that closes all, and perhaps another file by now
+            // A forked child that closed all its descriptors closed this one too, and its number
+            // may now be that of another file.
             open_.release();
         } else if (is_written_to(status) && static_cast<std::size_t>(status.st_size) < limit &&
                    folder_ == folder) {
@@ -130,7 +131,7 @@ class LastFile {
     }
 
     UniqueFd open_;
-    // its hash: a string would be gone when the end of the process is logged
+    // a hash: a string would already be destroyed when the end of the process is logged
     std::size_t folder_ = 0;
     dev_t device_ = 0;
     ino_t inode_ = 0;
@@ -192,7 +193,8 @@ std::string history_line(std::uint32_t subtype, std::string_view text) {
 }
 
 void append_to_history(std::string_view line, std::size_t limit) {
-    thread_local LastFile file; // of each thread: no lock, which a fork would copy as it is
+    // one for each thread: no lock, which a fork would copy in its locked state
+    thread_local LastFile file;
     file.append(line, limit);
 }
 

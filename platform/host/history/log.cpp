@@ -27,7 +27,7 @@ bool stamps_lines = false;
 
 enum class Reader { developer, operator_too };
 
-// One line whatever the message holds: parts of it may come from a stranger.
+// Prints the message as one line whatever it contains: parts of it may come from a stranger.
 void print_line(const Message &text, std::size_t length) {
     std::string line;
     if (stamps_lines) {
@@ -63,8 +63,8 @@ __attribute__((format(printf, 3, 0))) void record(uint32_t subtype, Reader reade
     errno = saved_errno;
 }
 
-// Every process of the platform tells here what is amiss with the settings.
-[[maybe_unused]] const bool is_told_of_settings = [] {
+// Makes every process of the platform log problems with the settings.
+[[maybe_unused]] const bool logs_settings_problems = [] {
     tell_settings_problems_to(
         [](const std::string &problem) { log_error("settings: %s", problem.c_str()); });
     return true;

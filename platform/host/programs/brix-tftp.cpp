@@ -24,7 +24,7 @@ enum ExitStatus { done = 0, transfer_failed = 1, wrong_usage = 2, unknown_vrf = 
 constexpr int patience_seconds = 20;
 
 int fail(ExitStatus status, const std::string &reason) {
-    ulmo::report_reason(reason); // what the session has said before counts for more
+    ulmo::report_reason(reason); // a reason that the session has reported takes precedence
     std::fprintf(stderr, "brix-tftp: %s\n", reason.c_str());
     return status;
 }

@@ -1,13 +1,12 @@
 // cmdshell: the command line of the switch.
 //
 //   cmdshell -c COMMAND   runs one command
-//   cmdshell              reads commands, one a line, from standard input; `help` lists them. At a
-//   terminal it goes on after a command
-//                         that failed, otherwise it stops there, so that what follows in a script
-//                         never builds on a failure.
+//   cmdshell              reads commands from standard input, one a line; `help` lists them. After
+//                         a failed command it goes on at a terminal and stops otherwise, so that
+//                         no later command of a script builds on the failure.
 //
-// Exits with 0 when all went well, 1 when a command failed (one line on standard error says why)
-// and 2 when it was called wrongly.
+// Exits with 0 if all went well, 1 if a command failed (one line on standard error says why) and 2
+// on wrong usage.
 #include "base/posix.h"
 #include "base/reason.h"
 #include "base/settings.h"
@@ -68,15 +67,15 @@ void show_startup() {
     ulmo::make_device_backend()->print(ulmo::ConfigurationStore::startup, STDOUT_FILENO);
 }
 
-// Who runs this, for the system manager's log.
+// The user of this process, for the system manager's log.
 std::string user_name() {
     const passwd *entry = ::getpwuid(::getuid());
     return entry != nullptr ? entry->pw_name : std::to_string(::getuid());
 }
 
 void copy_running_to_startup() {
-    // Through the system manager, so that it is one save at a time and everybody is told; a switch
-    // that has none running saves all the same.
+    // The system manager runs one save at a time and notifies everybody. If it is not running, the
+    // configuration is saved all the same.
     if (!ulmo::request_save(user_name())) {
         ulmo::make_device_backend()->save();
     }
@@ -104,7 +103,7 @@ void copy_startup_to_running() {
     device->apply(device->show(ulmo::ConfigurationStore::startup));
 }
 
-std::string told(const ulmo::Setting &setting) {
+std::string setting_lines(const ulmo::Setting &setting) {
     const std::string begin =
         (ulmo::is_default(setting) ? "#" : "") + std::string(setting.name) + " =";
     try {
@@ -115,24 +114,24 @@ std::string told(const ulmo::Setting &setting) {
         }
         return lines;
     } catch (const ulmo::SettingsError &) {
-        return begin + " (bad: " + std::string(setting.fails) + ")\n"; // and tell_problems() why
+        return begin + " (bad: " + std::string(setting.fails) + ")\n"; // print_problems() says why
     }
 }
 
-void tell_problems() {
+void print_problems() {
     for (const std::string &problem : ulmo::settings_problems()) {
         std::fprintf(stderr, "cmdshell: %s\n", problem.c_str());
     }
 }
 
-// What holds of platform.conf, in its form; what is a default has a '#' in front.
+// Prints the effective settings in the format of platform.conf; defaults are commented out.
 void show_settings() {
     std::string text;
     for (const ulmo::Setting &setting : ulmo::all_settings) {
-        text += told(setting);
+        text += setting_lines(setting);
     }
     print(text);
-    tell_problems();
+    print_problems();
 }
 
 struct Command {
@@ -201,7 +200,7 @@ bool succeeds(std::string_view line) {
     } catch (const std::exception &error) {
         std::fprintf(stderr, "cmdshell: %.*s: %s\n", static_cast<int>(text.size()), text.data(),
                      error.what());
-        ulmo::report_reason(ulmo::reason_of(error)); // when a copy runs it
+        ulmo::report_reason(ulmo::reason_of(error)); // for the report, if a copy runs this
         return false;
     }
 }
@@ -239,10 +238,10 @@ int read_commands() {
 } // namespace
 
 int main(int argc, char **argv) {
-    // A reader that went away is an output error like any other.
+    // So that a reader that has gone is an output error like any other.
     std::signal(SIGPIPE, SIG_IGN);
     if (::isatty(STDERR_FILENO) == 1) {
-        tell_problems();
+        print_problems();
     }
     if (argc == 1) {
         return read_commands();

@@ -26,20 +26,17 @@ constexpr int exit_usage = 2;
 
 constexpr const char *help =
     "Usage: ulmo-history [-f] [--errors] [-p PID]\n"
-    "Prints the platform's debug history, oldest record first, one a line: UTC time, process id, "
-    "error or\n"
-    "debug (or the number of the subtype), text. It is in /run/ulmo/history.log.1 and history.log, "
-    "which\n"
-    "any tool for logs can read, too.\n"
+    "Prints the platform's debug history, oldest record first, one a line: UTC time, process id,\n"
+    "error or debug (or the number of the subtype), text. The files are /run/ulmo/history.log.1\n"
+    "and history.log, which any tool for logs can read, too.\n"
     "\n"
     "  -f, --follow       go on with new records as they come, until interrupted\n"
     "      --errors       only errors\n"
     "  -p, --process PID  only what this process has recorded\n"
     "      --help         this text\n"
     "\n"
-    "Exit status: 0 the history was printed; 1 there is none, it can't be read or the output can't "
-    "be\n"
-    "written; 2 wrong usage.\n";
+    "Exit status: 0 the history was printed; 1 there is none, it can't be read or the output\n"
+    "can't be written; 2 wrong usage.\n";
 
 struct Options {
     bool follow = false;
@@ -47,7 +44,7 @@ struct Options {
     std::string process;
 };
 
-// The word at the start of `rest`, which loses it and the blank behind it.
+// Removes the first word and the blank after it from `rest` and returns the word.
 std::string_view next_word(std::string_view &rest) {
     const std::string_view word = rest.substr(0, rest.find(' '));
     rest.remove_prefix(std::min(word.size() + 1, rest.size()));
@@ -68,7 +65,7 @@ struct stat status_of(const ulmo::UniqueFd &file) {
     return status;
 }
 
-// One of the history's files, under whatever name it now has.
+// One of the history's files, whatever its present name.
 class Generation {
   public:
     explicit Generation(ulmo::UniqueFd file) : file_(std::move(file)) {}
@@ -78,7 +75,7 @@ class Generation {
         return own.st_dev == status.st_dev && own.st_ino == status.st_ino;
     }
 
-    // Prints what has come since the last call. Returns false when nothing more will come.
+    // Prints what was appended since the last call. Returns false if nothing more can follow.
     bool print_new(const Options &options) {
         const bool has_name = status_of(file_).st_nlink != 0;
         std::array<char, 65536> part;
@@ -90,7 +87,7 @@ class Generation {
     }
 
   private:
-    // A record may be seen while it is being written: it is printed when its line is whole.
+    // A record may be read while it is being written: it is printed once its line is complete.
     void print_lines(std::string_view part, const Options &options) {
         unfinished_ += part;
         std::string_view rest = unfinished_;
@@ -107,8 +104,8 @@ class Generation {
     std::string unfinished_;
 };
 
-// Adds the files that are not among `generations` yet. A file that has just been renamed is missing
-// under both names, or not found under its new one, for a moment: the next look finds it.
+// Adds the files that are not in `generations` yet. For a moment, a file being renamed may be
+// missed under both names; the next call finds it.
 void find_new(std::list<Generation> &generations) {
     for (const auto &path : {ulmo::older_history_file(), ulmo::history_file()}) {
         ulmo::UniqueFd file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
@@ -124,7 +121,7 @@ void find_new(std::list<Generation> &generations) {
     }
 }
 
-// Pushes what was printed out; false when that failed.
+// Flushes standard output; returns false on failure.
 bool flushed() {
     if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) {
         return true;

@@ -1,12 +1,12 @@
-// ulmo-setting: the settings as the platform judges them, for scripts.
+// ulmo-setting: prints the effective settings of the platform, for scripts.
 //
-//   ulmo-setting NAME...    prints the value of each, a line each; of a list a line for each value
-//   ulmo-setting --list     prints the table of settings: name, kind, default, least, most, words,
-//   what a bad value makes fail, and when a
-//                           change holds, with tabs between them
+//   ulmo-setting NAME...    prints the value of each, one a line; a list has a line for each value
+//   ulmo-setting --list     prints the table of settings, separated by tabs: name, kind, default,
+//                           least, most, words, what a bad value makes fail, and when a change
+//                           takes effect
 //
-// Exits with 0; with 1 when the file can't be read or a bad value must not be passed over, and a
-// line on standard error; with 2 when it was called wrongly.
+// Exits with 0; with 1 and a line on standard error if the file can't be read or a bad value must
+// not be ignored; with 2 on wrong usage.
 #include "base/settings.h"
 
 #include <algorithm>
@@ -49,7 +49,8 @@ int main(int argc, char **argv) try {
     } else if (argc < 2) {
         return usage();
     } else {
-        ulmo::tell_settings_problems_to(nullptr); // the agent does, and not anew with each transfer
+        // the agent logs them; not again for each transfer
+        ulmo::tell_settings_problems_to(nullptr);
         ulmo::require_settings();
         for (int i = 1; i < argc; ++i) {
             const auto *const setting = std::find_if(

@@ -1,10 +1,11 @@
-// Runs a program within a VRF.
+// vrf-exec: runs a program within a VRF.
 //
 //     vrf-exec ID PROGRAM [ARGUMENT…]
 //
-// ID is the VRF's number (vrfdir_get_context_id()), PROGRAM is searched in PATH. It exits with the
-// program's status; with one line on standard error and 125 if the arguments are wrong, or the VRF
-// is not known or can't be entered, and 127 if the program can't be run.
+// ID is the VRF's number (vrfdir_get_context_id()); PROGRAM is searched for in PATH. Exits with the
+// program's status. On failure prints one line on standard error and exits with 125 if the
+// arguments are wrong or the VRF does not exist or can't be entered, and with 127 if the program
+// can't be run.
 #include "base/number.h"
 #include "platform/host/history/log.h"
 #include "platform/host/vrf/vrf.h"
@@ -48,7 +49,7 @@ int run(int argc, char **argv) {
     std::string ip = "ip";
     std::string vrf = "vrf";
     std::string exec = "exec";
-    // every socket of the program has to be bound to the device, which is ip-vrf(8)'s to do
+    // ip-vrf(8) binds every socket of the program to the device
     if (device) {
         command.insert(command.begin(), {ip.data(), vrf.data(), exec.data(), device->data()});
     }

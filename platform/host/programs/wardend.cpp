@@ -1,13 +1,12 @@
 // wardend: the system manager's daemon. It saves the running configuration when the agent or the
-// command line asks for it over the message bus: to the startup configuration of this switch, of
-// the fabric, or to every startup configuration that this switch keeps. When the switch starts it
-// makes the startup configuration the running one.
+// command line requests it over the message bus: to the startup configuration of this switch, of
+// the whole fabric, or to every startup configuration that this switch keeps. At start it makes the
+// startup configuration the running configuration.
 //
-//   wardend      runs in the foreground until SIGTERM or SIGINT, and writes its log to standard
-//   error
+//   wardend      runs in the foreground until SIGTERM or SIGINT and logs to standard error
 //
-// Exits with 0 when it was told to end, 1 when it can't serve (another one runs, or its directories
-// can't be used) and 2 when it was called wrongly.
+// Exits with 0 after a signal, 1 if it can't serve (another instance runs, or its directories can't
+// be used) and 2 on wrong usage.
 #include "base/settings.h"
 #include "platform/host/history/log.h"
 #include "platform/host/system_manager/warden.h"
@@ -28,13 +27,14 @@ int main(int argc, char ** /*argv*/) {
     ::umask(no_writing_for_others);
     std::signal(SIGPIPE, SIG_IGN);
     ulmo::log_to_standard_error();
-    static_cast<void>(ulmo::settings_problems()); // what is amiss is logged first of all
+    // logs problems with the settings before anything else
+    static_cast<void>(ulmo::settings_problems());
     try {
         ulmo::Warden warden;
         try {
             ulmo::start_switch();
         } catch (const std::exception &error) {
-            // An operator must be able to repair it, with the system manager at work.
+            // The system manager goes on, so that an operator can repair the configuration.
             ulmo::log_error("the startup configuration can't become the running configuration: %s",
                             error.what());
         }

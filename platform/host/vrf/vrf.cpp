@@ -34,7 +34,7 @@ constexpr int ordinary_id = 1;
 constexpr int first_id = 2;
 constexpr int no_vrf = -1;
 
-// A name is one component of a path and one line of the directory file.
+// A name is used as one component of a path and as part of one line of the directory file.
 bool is_valid_name(std::string_view name) {
     const auto is_unfit = [](char c) {
         return c == '/' || static_cast<unsigned char>(c) < ' ' || c == '\x7f';
@@ -43,7 +43,8 @@ bool is_valid_name(std::string_view name) {
            std::none_of(name.begin(), name.end(), is_unfit);
 }
 
-// The network namespace of that name; an empty descriptor, with errno set, when there is none.
+// Opens the network namespace of that name; returns an empty descriptor, with errno set, on
+// failure.
 UniqueFd open_namespace(const std::string &name) {
     UniqueFd file(::open(("/run/netns/" + name).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (file && ::ioctl(file.get(), NS_GET_NSTYPE) != CLONE_NEWNET) {
@@ -67,8 +68,8 @@ bool is_vrf_device(const std::string &name) {
            std::strcmp(information.driver, "vrf") == 0;
 }
 
-// The numbers that were given out: lines of number, blank and name in a file of the state
-// directory, under a lock while it is open.
+// The numbers assigned so far: a file of the state directory, locked while it is open, with lines
+// of number, blank and name.
 class Directory {
   public:
     Directory() : path_(state_dir() / "vrfs"), file_(opened(path_)) {
@@ -93,7 +94,7 @@ class Directory {
         return found == entries_.end() ? std::nullopt : std::optional<std::string>(found->name);
     }
 
-    // The number of that name, a new one when it has none yet.
+    // The number of that name, assigned now if it has none yet.
     int id_of(const std::string &name) {
         const auto found = std::find_if(entries_.begin(), entries_.end(),
                                         [&](const Entry &entry) { return entry.name == name; });
@@ -130,7 +131,7 @@ class Directory {
 
     void append(std::string line) {
         if (!ends_in_line_) {
-            line.insert(line.begin(), '\n'); // what a full disk cut stays a line of its own
+            line.insert(line.begin(), '\n'); // a line cut by a full disk remains a line of its own
         }
         write_whole(file_.get(), line, path_.native());
     }

@@ -2,9 +2,9 @@
 // Used by: programs.
 // May use: base, platform.
 //
-// VRFs of a Linux host. A VRF is the network namespace of that name (/run/netns, ip-netns(8)) or
-// else the VRF device of that name (ip-link(8), type vrf); "management" without either is the
-// routing table that everything uses.
+// VRFs of a Linux host. A VRF is the network namespace of its name (/run/netns, ip-netns(8)), or
+// else the VRF device of its name (ip-link(8), type vrf). If there is neither, "management" is the
+// default routing table.
 #pragma once
 
 #include <optional>
@@ -12,17 +12,18 @@
 
 namespace ulmo {
 
-// The name behind a number of vrfdir_get_context_id(), or nothing. A VRF that is gone keeps its
-// number, and the number its name.
+// The name of the VRF with this number from vrfdir_get_context_id(), or nothing. Number and name
+// remain valid after the VRF has been removed.
 std::optional<std::string> vrf_name(int id);
 
-// Puts the calling thread into the VRF: what it opens from now on, and what it starts, lives there.
-// Nothing is left to do for a VRF device (see vrf_device()) and for an ordinary "management".
-// Returns false when there is no such VRF or it can't be entered, with the reason in *why.
+// Moves the calling thread into the VRF, for the sockets that it opens and the programs that it
+// starts from now on. Does nothing for a VRF device (see vrf_device()) and for "management" as the
+// default routing table. Returns false, with the reason in *why, if there is no such VRF or it
+// can't be entered.
 bool enter_vrf(const std::string &name, std::string *why);
 
-// The device to which sockets have to be bound (SO_BINDTODEVICE, socket(7)) to work in this VRF;
-// nothing when no binding is needed. Asked before enter_vrf().
+// The device to bind sockets to (SO_BINDTODEVICE, socket(7)) in this VRF; nothing if no binding is
+// needed. To be called before enter_vrf().
 std::optional<std::string> vrf_device(const std::string &name);
 
 } // namespace ulmo
