@@ -1,4 +1,4 @@
-// What the debug history costs a request: a GET of either table and a SET of a whole row, with
+// The cost of the debug history for a request: a GET of either table and a SET of a whole row, with
 // the history at `errors` and at `all`.
 #include "bench_support.h"
 
@@ -21,7 +21,7 @@
 
 namespace {
 
-// Of the one request that is there to be read, and of the one that is written.
+// The row that is read and the row that is written.
 constexpr int32_t read_index = 1;
 constexpr int32_t written_index = 2;
 
@@ -60,7 +60,7 @@ class Column {
     }
 
     int write(int phase, u_char type, const void *value, size_t length, unsigned char *state) {
-        // The method takes its value as the agent has it, not to be changed.
+        // The method takes the value from the agent and does not change it.
         auto *octets = static_cast<u_char *>(const_cast<void *>(value)); // NOLINT
         return write_(phase, octets, type, length, state, name_.data(), length_);
     }

@@ -1,5 +1,4 @@
-// The read handlers: what one call of the agent costs, for each registered column, as a GET and as
-// a GETNEXT.
+// The cost of one call of a read handler, for each registered column, as a GET and as a GETNEXT.
 #include "bench_support.h"
 
 #include "config_copy_mib.h"
@@ -45,8 +44,8 @@ constexpr std::array COLUMNS{
 };
 static_assert(COLUMNS.size() == CC_VARIABLE_COUNT);
 
-// The variable as the agent hands it to a read handler: with the whole OID of the column instead of
-// the suffix.
+// The variable as the agent passes it to a read handler: with the whole OID of the column instead
+// of the suffix.
 variable as_registered(const variable7 &entry) {
     variable whole = {};
     whole.magic = entry.magic;
@@ -73,7 +72,7 @@ void read_column(benchmark::State &state, const variable7 &entry, int exact) {
         if (errors) {
             name[length++] = 1;
         }
-        name[length++] = exact != 0 ? wanted : wanted - 1; // a GETNEXT asks with the OID before
+        name[length++] = exact != 0 ? wanted : wanted - 1; // a GETNEXT has the preceding OID
         size_t value_length = 0;
         WriteMethod *write_method = nullptr;
         if (column.findVar(&column, name, &length, exact, &value_length, &write_method) ==

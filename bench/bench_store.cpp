@@ -1,4 +1,4 @@
-// The record store: what a look-up, a step of a walk and a write-back cost, by the number of rows.
+// The cost of a look-up, a step of a walk and a write-back in the record store, by number of rows.
 #include "bench_support.h"
 
 #include "config_copy_mib.h"
@@ -39,7 +39,7 @@ BENCHMARK_DEFINE_F(Store, getnext)(benchmark::State &state) {
     ccCopyEntry row = {};
     size_t at = 0;
     for (auto _ : state) {
-        // The index before a row: 0 begins at the first one.
+        // The index before the row; 0 begins with the first row.
         row.ccCopyIndex = indexes[at++ % indexes.size()] - 1;
         if (getnextCcCopyEntry(&row) != 0) {
             state.SkipWithError("no next row");

@@ -1,4 +1,4 @@
-// What the benchmark programs share.
+// Shared by the benchmark programs.
 #pragma once
 
 #include <cstdint>
@@ -7,19 +7,19 @@
 
 namespace bench {
 
-// Gives the host platform folders of its own, calls `prepare`, runs the benchmarks that the command
-// line asks for, and removes the folders. Returns the exit status of the program.
+// Creates private folders for the host platform, calls `prepare`, runs the benchmarks selected on
+// the command line, and removes the folders. Returns the exit status of the program.
 int run(int argc, char **argv, const std::function<void()> &prepare);
 
-// Stores `count` copy requests with the indexes 1 to `count`, complete as for a network copy that
-// has ended. Throws std::runtime_error when one of them can't be added.
+// Stores `count` copy requests with the indexes 1 to `count`, complete, as after a network copy
+// that has ended. Throws std::runtime_error if one of them can't be added.
 void fill_rows(int32_t count);
 
-// Deletes them all.
+// Deletes all of them.
 void delete_rows(int32_t count);
 
-// Numbers from 1 to `count` in an order without a pattern, always the same, at least a few thousand
-// of them: an order that walks up the container would be measured in the processor's caches.
+// At least a few thousand of the numbers from 1 to `count`, always in the same patternless order:
+// in ascending order the benchmark would measure the processor's caches.
 std::vector<int32_t> scattered_indexes(int32_t count);
 
 } // namespace bench

@@ -1,5 +1,5 @@
-"""What the benchmarks that run in the lab share: commands that must succeed, time taken, and a
-table of the results."""
+"""Shared by the benchmarks that run in the lab: commands that must succeed, time taken, and a table
+of the results."""
 
 import os
 import statistics
@@ -12,7 +12,7 @@ sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "tests"))  # copy_n
 
 
 def lab(variable):
-    """A variable of the lab, or the end of the program with the command that makes one."""
+    """A variable of the lab. Without it the program ends with the command that makes a lab."""
     value = os.environ.get(variable)
     if not value:
         sys.exit(
@@ -40,8 +40,8 @@ def run(*command):
 
 
 def print_table(unit, columns, rates):
-    """One line for each name in `rates`: what `columns` holds of it, and least, median and greatest
-    rate of its runs."""
+    """Prints one line for each name in `rates`: its text in `columns`, and the least, median and
+    greatest rate of its runs."""
     print(f"{'':36} {'size':>16} {'min':>12} {'median':>12} {'max':>12}  {unit}")
     for name, values in rates.items():
         low, middle, high = min(values), statistics.median(values), max(values)

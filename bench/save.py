@@ -15,7 +15,7 @@ import os
 import sys
 import time
 
-from lab_bench import lab, print_table, run  # first: it knows where copy_numbers is
+from lab_bench import lab, print_table, run  # first: it sets the path of copy_numbers
 from copy_numbers import COPY_ENTRY, C
 
 INDEX = 11

@@ -63,8 +63,8 @@ def main():
                     source, target = (local, served) if options.put else (served, local)
                     with open(content, "rb") as original, open(source, "wb") as file:
                         file.write(original.read())
-                    # A server that makes no files writes into one that is there; nothing of the
-                    # last transfer may pass for this one.
+                    # A server that creates no files writes into an existing one; the last
+                    # transfer's content must not pass for this one's.
                     with open(target, "wb"):
                         pass
                     os.chmod(served, 0o666)

@@ -20,7 +20,7 @@ import tempfile
 import time
 from pathlib import Path
 
-from lab_bench import lab, print_table, run  # first: it knows where copy_numbers is
+from lab_bench import lab, print_table, run  # first: it sets the path of copy_numbers
 from copy_numbers import COPY_ENTRY, C
 
 PROTOCOLS = {"tftp": C.COPY_PROTO_TFTP, "ftp": C.COPY_PROTO_FTP,

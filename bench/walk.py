@@ -15,7 +15,7 @@ import argparse
 import random
 import sys
 
-from lab_bench import lab, print_table, run  # first: it knows where copy_numbers is
+from lab_bench import lab, print_table, run  # first: it sets the path of copy_numbers
 from copy_numbers import COPY_ENTRY, C
 
 COLUMNS = 15  # that a complete IPv4 row answers
@@ -74,7 +74,7 @@ def main():
     options = parser.parse_args()
     agent = lab("LAB_AGENT")
 
-    # Also fills the agent's cache of it.
+    # Also fills the agent's cache of that table.
     reference = walk(agent, INSTALLED)[1]
     alike = round(reference / COLUMNS)
     if not FEWEST_ROWS <= alike <= options.rows:

@@ -1,5 +1,5 @@
-"""What runs in the lab: daemons, and the notification receiver. The switches' own are in switch.py,
-the file server's in file_server.py."""
+"""The lab's daemons and its notification receiver. The switches' own daemons are in switch.py, the
+file server's in file_server.py."""
 
 import contextlib
 import os
@@ -16,19 +16,19 @@ LAB = Path("/lab")
 LOG = LAB / "log"
 TRAPS = LAB / "traps"
 SERVER_ROOT = LAB / "server" / "files"
-# The repository may lie where only its owner may go, and its path may hold blanks, which not every
-# daemon's settings can. So no daemon is told that path, but these.
+# The path of the repository may contain blanks, which some daemons' settings do not allow, and a
+# folder that only its owner may enter. Daemons are therefore given these paths instead.
 UNPACKED, BUILD, SCRIPTS = LAB / "unpacked", LAB / "build", LAB / "scripts"
 
 USER = "netops"
 COMMUNITY = "lab"
 
-READY_WITHIN = 20  # seconds until a daemon must have answered
+READY_WITHIN = 20  # seconds within which a daemon must answer
 STOP_WITHIN = 10
 
 
 class Failure(Exception):
-    """The lab can't go on. Carries the daemon whose log tells why, where there is one."""
+    """The lab can't go on. Carries the daemon whose log says why, if there is one."""
 
     def __init__(self, text, daemon=None):
         super().__init__(text)
@@ -45,8 +45,8 @@ def poll(condition, within):
 
 
 class Daemon:
-    """One process, its log, how to see that it works, and with which statuses it may end when it is
-    told to."""
+    """One process: its log, how to check that it works, and the exit statuses it may have after it
+    was asked to end."""
 
     def __init__(self, name, command, probe, cwd=LAB, environment=(), stdin=subprocess.DEVNULL,
                  stdout=None, ends_with=(0, -signal.SIGTERM)):
@@ -58,7 +58,7 @@ class Daemon:
         }
         self.log = LOG / f"{name}.log"
         self.process = None
-        self.wanted = False  # whether it has to run; its end is a failure then
+        self.wanted = False  # whether it has to run; if it ends then, that is a failure
 
     def spawn(self):
         self.cwd.mkdir(parents=True, exist_ok=True)
@@ -98,7 +98,7 @@ class Daemon:
         self.await_ready()
 
     def stop(self):
-        """Ends it as an init system does. Anything but a clean end is a failure."""
+        """Ends it as an init system does. Anything but a clean exit is a failure."""
         self.wanted = False
         process, self.process = self.process, None
         if process is None:
@@ -115,7 +115,7 @@ class Daemon:
             raise Failure(f"{self.name} ended with status {status} at SIGTERM", self)
 
     def kill(self):
-        """Ends it as a crash does: without a last act."""
+        """Kills it, as a crash would."""
         self.wanted = False
         process, self.process = self.process, None
         if process is not None:
@@ -123,15 +123,15 @@ class Daemon:
             process.wait()
 
     def kill_family(self):
-        """Ends it and all that it started."""
+        """Kills it and all that it started."""
         self.wanted = False
         process, self.process = self.process, None
         if process is None:
             return
         family = [process.pid]
-        for pid in family:  # grows while it is walked
+        for pid in family:  # grows during the loop
             with contextlib.suppress(FileNotFoundError, ProcessLookupError):
-                os.kill(pid, signal.SIGSTOP)  # starts no more
+                os.kill(pid, signal.SIGSTOP)  # so that it starts no more processes
                 family += map(int, Path(f"/proc/{pid}/task/{pid}/children").read_text().split())
         for pid in family:
             with contextlib.suppress(ProcessLookupError):
@@ -168,12 +168,11 @@ def private_folder_of_size(path, limit, mode=0o755):
 
 
 class Receiver:
-    """The stock notification receiver, and the filter that writes what it prints one line a
-    notification."""
+    """The stock notification receiver, with a filter that writes each notification as one line."""
 
-    # Between the bindings and at the end stand characters that no text can hold unquoted: the
-    # receiver prints a text with such as hexadecimal. The line feed has it write each record out at
-    # once.
+    # Between the bindings and at the end are characters that no text can contain unquoted: the
+    # receiver prints a text that contains them in hexadecimal. The line feed makes it write each
+    # record immediately.
     format = "%y-%02.2m-%02.2l %02.2h:%02.2j:%02.2k\x1f%b\x1f%V\x1f%v\x1e\n"
 
     def daemons(self):
@@ -195,15 +194,15 @@ class Receiver:
 
     @staticmethod
     def _notes():
-        # coldStart (RFC 3418) from the receiver's own host; the agent's notifications come from the
-        # switch.
+        # A coldStart (RFC 3418) from the receiver's own host; the agent's notifications come from
+        # the switch.
         succeeds(*network.on_server("snmptrap", "-v2c", "-c", COMMUNITY, network.SERVER4, "",
                                     ".1.3.6.1.6.3.1.1.5.1"))
         return poll(lambda: TRAPS.stat().st_size > 0, 1)
 
 
 def system_log():
-    """Whatever the lab's processes give to the system's log, in LOG/system."""
+    """What the lab's processes send to the system's log, in LOG/system."""
     file = LOG / "system"
     return Daemon("system-log", [sys.executable, "-B", SCRIPTS / "system_log.py", file],
                   lambda: file.exists() and Path("/dev/log").exists())

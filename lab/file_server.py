@@ -40,7 +40,7 @@ class Account:
 
 
 class FileServer:
-    """The host that the copies go to and come from. Its daemons run in the namespace `server`."""
+    """The host at the other end of the copies. Its daemons run in the namespace `server`."""
 
     def __init__(self, options):
         self.options = options
@@ -65,7 +65,8 @@ class FileServer:
         daemons = []
         for version, address in self.addresses.items():
             if self.options["tftp_server"] == "atftpd":
-                # On its own it listens on IPv4 only; handed a socket it serves either.
+                # On its own it listens on IPv4 only; with an inherited socket it serves either
+                # family.
                 command = [
                     sys.executable, "-B", SCRIPTS / "on_socket.py", address, "69", USER,
                     UNPACKED / "root-atftpd/usr/sbin/atftpd", "--tftpd-timeout", "86400",
@@ -83,9 +84,9 @@ class FileServer:
         return daemons
 
     def _ftp(self):
-        """The server's own anonymous mode refuses a folder to which its user may write. So
-        `anonymous` is a second name of the account, one that takes any password, and serves the
-        same folder."""
+        """The server's own anonymous mode refuses a folder that its user may write to. So
+        `anonymous` is a second name of the account, which takes any password and serves the same
+        folder."""
         with open("/etc/passwd", "a") as passwd:
             number = self.account.id
             passwd.write(f"anonymous:x:{number}:{number}::{SERVER_ROOT}:/usr/sbin/nologin\n")
@@ -120,7 +121,7 @@ class FileServer:
     def _ssh(self):
         """Passwords only, checked without PAM. SFTP is served in the account's home, the folder of
         all protocols."""
-        # The user that the daemon wants for its unprivileged half.
+        # The user that the daemon requires for its unprivileged half.
         with open("/etc/passwd", "a") as passwd:
             passwd.write(f"sshd:x:{self.account.id + 1}:65534::/run/sshd:/usr/sbin/nologin\n")
         folder(Path("/run/sshd"))
@@ -154,10 +155,10 @@ class FileServer:
         return self.home / "ssh_host_key"
 
     def _serves_file(self, url, *options):
-        """A real download works. From the switch, but for a link that loses frames, which says
-        nothing about the server, and for a VRF."""
-        # A TFTP request that comes before the server listens is lost: better to ask again soon. A
-        # login takes its time.
+        """Does a real download: from the switch, unless its link loses frames, which would say
+        nothing about the server, or the server is reached within a VRF only."""
+        # A TFTP request sent before the server listens is lost, so it is repeated soon. A login
+        # takes longer.
         fetch = ("curl", "--silent", "--max-time", "0.5" if url.startswith("tftp:") else "5",
                  *options, f"{url}.probe")
         if network.wants_relay(self.options) or self.options["vrf"]:

@@ -12,7 +12,7 @@ from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
 REPOSITORY = HERE.parent
-LAB_FAILED = 125  # as timeout(1) and env(1) have it: the status of the lab itself, not of COMMAND
+LAB_FAILED = 125  # as in timeout(1) and env(1): the status of the lab itself, not of COMMAND
 
 EPILOGUE = """\
 COMMAND runs as root on the first switch, in the folder where lab.sh was called, and sees:
@@ -154,7 +154,7 @@ def parse(arguments):
 
 
 def build(directory):
-    """Brings up to date what the lab needs of the build."""
+    """Brings the parts of the build that the lab needs up to date."""
     steps = []
     if not (directory / "CMakeCache.txt").exists():
         if directory.parent != REPOSITORY / "build":
@@ -195,14 +195,14 @@ def main():
         for name, value in vars(options).items()
     }
     orders |= {"repository": str(REPOSITORY), "directory": os.getcwd(), "command": command}
-    # Whatever ends this process, the kernel ends unshare with it and then every process of the lab;
+    # However this process ends, the kernel ends unshare with it and then every process of the lab;
     # mounts and devices go with the last one.
     namespaces = [
         "--mount", "--propagation", "unchanged", "--pid", "--fork", "--kill-child=KILL", "--net",
         "--ipc", "--uts"
     ]
-    # An interrupt from the terminal reaches COMMAND by itself; who waits for it stays. (A handler,
-    # as an ignored signal would be inherited.)
+    # An interrupt from the terminal reaches COMMAND directly; this process keeps waiting for it. (A
+    # handler, because an ignored signal would be inherited.)
     signal.signal(signal.SIGINT, lambda number, frame: None)
     lab = subprocess.run(["setpriv", "--pdeathsig", "KILL", "unshare", *namespaces,
                           sys.executable, "-B", str(HERE / "supervisor.py"), json.dumps(orders)])

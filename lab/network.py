@@ -8,7 +8,7 @@ import subprocess
 from pathlib import Path
 
 SERVER4, SERVER6 = "192.0.2.20", "2001:db8::20"
-# The server's addresses where it is reached within a VRF only.
+# The server's addresses if it is reached within a VRF only.
 IN_VRF4, IN_VRF6 = "203.0.113.20", "2001:db8:f::20"
 SERVER = "server"
 DEVICE = "mgmt0"  # each switch's end of its link
@@ -43,7 +43,7 @@ def switch_addresses(number):
 def make_server():
     run("ip", "netns", "add", SERVER)
     prepare_namespace(on_server)
-    # Snooping would hold back the neighbour discovery of the first seconds.
+    # Snooping would delay neighbour discovery in the first seconds.
     run("ip", "-n", SERVER, "link", "add", "br0", "type", "bridge", "mcast_snooping", "0")
     run("ip", "-n", SERVER, "link", "set", "br0", "up")
     run("ip", "-n", SERVER, "address", "add", f"{SERVER4}/24", "dev", "br0")
@@ -52,7 +52,7 @@ def make_server():
 
 def make_vrf(name):
     """A VRF of the first switch, as a namespace of that name. Its device vrf0 leads to a network of
-    the server's that nothing else reaches."""
+    the server that nothing else reaches."""
     run("ip", "netns", "add", name)
     prepare_namespace(lambda *words: in_namespace(name, *words))
     run("ip", "-n", name, "link", "add", "vrf0", "type", "veth", "peer", "name", port_name("vrf"),
@@ -75,8 +75,7 @@ def make_switch(number):
 
 
 def prepare_namespace(within):
-    # Nobody else is on these links: waiting for another owner of an address would only cost
-    # seconds.
+    # Nobody else is on these links: duplicate address detection would only cost seconds.
     run(*within(
         "sh", "-c",
         "for kind in all default; do echo 0 > /proc/sys/net/ipv6/conf/$kind/accept_dad; done"))
@@ -84,8 +83,7 @@ def prepare_namespace(within):
 
 
 def connect_switch(number, relayed):
-    """Joins the switch's device to the server's bridge. With a relay both ends are there
-    already."""
+    """Joins the switch's device to the server's bridge. With a relay both ends exist already."""
     port = port_name(number)
     if relayed:
         run("ip", "link", "set", port, "netns", SERVER)
@@ -123,8 +121,8 @@ def wants_relay(options):
 
 
 def settled(number):
-    """Whether both ends are up and their IPv6 addresses may be used: a bridge takes a moment to see
-    its first port."""
+    """Whether both ends are up and their IPv6 addresses are usable: a bridge needs a moment for its
+    first port."""
 
     def tentative(*namespaced):
         return subprocess.run(namespaced, check=True, stdout=subprocess.PIPE).stdout

@@ -10,7 +10,7 @@ from pathlib import Path
 MS_NOSUID, MS_NODEV, MS_NOEXEC = 2, 4, 8
 MS_BIND, MS_REC, MS_PRIVATE, MS_SLAVE = 1 << 12, 1 << 14, 1 << 18, 1 << 19
 
-# What the lab has for itself. All else is the machine's.
+# Folders that the lab has for itself. All others are the machine's.
 PRIVATE = ("/tmp", "/run", "/etc", "/var/tmp", "/var/log", "/var/lib/snmp", "/var/lib/ulmo", "/lab",
            "/ulmo", "/proc", "/sys", "/dev/log")
 
@@ -25,8 +25,8 @@ def mount(source, target, kind=None, flags=0, data=None):
 
 
 def _bind(source, target):
-    """Shows `source` at `target`. What is mounted in it later on the machine appears here too, but
-    nothing that is mounted here appears there."""
+    """Shows `source` at `target`. Later mounts of the machine in it appear here too, but nothing
+    that is mounted here appears there."""
     mount(source, target, flags=MS_BIND | MS_REC)
     mount(None, target, flags=MS_SLAVE | MS_REC)
 
@@ -44,7 +44,7 @@ def _show(source, target):
 
 
 def _assemble(source, target):
-    """The folder `source` with its content, but for what is private in it."""
+    """The folder `source` with its content, except what is private in it."""
     for entry in sorted(source.iterdir()):
         place = target / entry.name
         if str(entry) in PRIVATE or str(entry) == "/dev/ptmx":
@@ -57,11 +57,11 @@ def _assemble(source, target):
 
 
 def enter(visible, shown):
-    """Goes there. The folders `visible` are seen even where they lie in a private folder. `shown`
-    tells which folders are seen under a second name as well, where every user may reach them."""
-    # Made on top of /proc: it is a mount point on every machine and in every chroot, and once it is
-    # private nothing mounted there is seen outside. A root that is only a folder of a shared mount,
-    # as in a chroot, offers no other such place.
+    """Enters the new root. The folders `visible` are visible even inside a private folder. `shown`
+    lists the folders that have a second name as well, reachable for every user."""
+    # Built on top of /proc: it is a mount point on every machine and in every chroot, and once it
+    # is private nothing mounted there is visible outside. In a chroot whose root is only a folder
+    # of a shared mount there is no other such place.
     top = Path("/proc")
     try:
         mount(None, top, flags=MS_PRIVATE)
@@ -77,12 +77,11 @@ def enter(visible, shown):
         (top / folder).chmod(mode)
     subprocess.run(["cp", "-a", "/etc/.", str(top / "etc")], check=True)
     mount("sysfs", top / "sys", "sysfs", MS_NOSUID | MS_NODEV | MS_NOEXEC)
-    # The kernel looks for the terminals beside the device, and that is where the machine's are no
-    # longer.
+    # The kernel looks for the terminals next to the device, and the machine's are no longer there.
     (top / "dev/ptmx").symlink_to("pts/ptmx")
     if (top / "dev/shm").is_dir():
         mount("shm", top / "dev/shm", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777")
-    # A chroot may come without terminals, which the transfer scripts run their clients on.
+    # A chroot may lack terminals, on which the transfer scripts run their clients.
     if (top / "dev/pts").is_dir() and not (top / "dev/pts/ptmx").exists():
         mount("devpts", top / "dev/pts", "devpts", MS_NOSUID | MS_NOEXEC, "mode=620,ptmxmode=666")
     for path in sorted(visible):

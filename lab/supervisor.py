@@ -1,5 +1,5 @@
 """The first process of the lab's namespaces: sets the lab up, runs COMMAND, serves lab-ctl and
-tells how it went."""
+reports the outcome."""
 
 import json
 import os
@@ -25,7 +25,7 @@ SHOWN_LINES = 40
 RELAYED = 1  # the switch whose link may be slow and lossy
 
 
-# What lab-ctl may ask for: which daemon of the switch, or the file server's daemons of one kind,
+# The requests of lab-ctl: which daemon of the switch, or which kind of the file server's daemons,
 # and what is done to them.
 COMMANDS = {
     "agent-pid": ("agent", Daemon.pid),
@@ -121,7 +121,7 @@ class Lab:
         os.truncate(TRAPS, 0)
 
     def _start(self, *daemons):
-        """Starts them side by side."""
+        """Starts them in parallel."""
         for daemon in daemons:
             daemon.spawn()
         self.daemons += daemons
@@ -131,7 +131,7 @@ class Lab:
     # For lab-ctl
 
     def control(self, name, *words):
-        """Does what lab-ctl asks for and returns what it prints."""
+        """Executes a request of lab-ctl and returns what lab-ctl prints."""
         if name == "agent-clock":
             return self.set_clock(*words)
         if name == "new-host-key":
@@ -204,8 +204,7 @@ class Lab:
                         os.read(wake_read, 4096)
 
     def _reap(self, command):
-        """Collects ended children: our own through their objects, and those that lost their
-        parent."""
+        """Reaps ended children: our own through their objects, and orphans."""
         ours = {
             process.pid: process
             for process in (command, *(daemon.process for daemon in self.daemons))
@@ -244,7 +243,7 @@ class Lab:
             connection.sendall(json.dumps(answer).encode() + b"\n")
 
     def stop_switches(self):
-        """The agents first, which ask the system managers."""
+        """The agents first, because they ask the system managers."""
         for daemon in (*(switch.agent for switch in self.switches), *(switch.system_manager
                                                                       for switch in self.switches)):
             if daemon.wanted:

@@ -23,7 +23,7 @@ def home(number):
 
 
 def environment(number):
-    """What tells the platform's programs that they run on this switch."""
+    """The environment that makes the platform's programs run on this switch."""
     return {
         "ULMO_STATE_DIR": str(home(number) / "disk" / "state"),
         "ULMO_RUN_DIR": str(home(number) / "run"), "ULMO_CONF": str(home(number) / "platform.conf")
@@ -61,8 +61,8 @@ class Switch:
                                      environment=environment(self.number), ends_with=(0,))
 
     def seed(self):
-        """Gives the switch a configuration that looks like one, through its own command line;
-        before the system manager runs, which would tell of the save later."""
+        """Gives the switch a realistic configuration through its own command line. It does so
+        before the system manager runs, which would report the save later."""
         text = self.home / "first.cfg"
         text.write_text(FIRST_CONFIGURATION.format(address=self.address4))
         for command in (f"configure {text}", "copy running-config startup-config"):
@@ -74,13 +74,13 @@ class Switch:
                 raise Failure(f"cmdshell -c '{command}' failed: {done.stdout}")
 
     def set_clock(self, spec):
-        """The agent's clock in a lab with --faketime, also while it runs."""
+        """The agent's clock in a lab with --faketime; may be set while the agent runs."""
         new = self.clock.with_suffix(".new")
         new.write_text(f"{spec}\n")
         new.rename(self.clock)
 
     def _write_settings(self):
-        # Tests look into the course of things.
+        # Tests examine the debug records.
         lines = [
             f"management_interface = {network.DEVICE}", f"wwn = {wwn(self.number)}", "history = all"
         ]
@@ -93,7 +93,7 @@ class Switch:
         ]
         for other in others:
             address4, address6 = network.switch_addresses(other)
-            # Some by one family and some by the other, so that both are in use.
+            # Both address families are used.
             lines.append(
                 f"fabric_member = {wwn(other)} "
                 f"{address6 if other % 2 == 1 and other > 1 else address4}"
@@ -160,12 +160,12 @@ class Switch:
                       environment=settings)
 
     def _agent_answers(self):
-        # A request that comes before the agent listens is lost: better to ask again soon.
+        # A request sent before the agent listens is lost, so it is repeated soon.
         once = ("-r0", "-t0.3", "-On", "-Oqv", self.address4)
         if not succeeds("snmpget", *once, ".1.3.6.1.2.1.1.3.0"):
             return False
-        # The agent only logs a module that it can't load; its table of modules tells (dlmodStatus
-        # 1: loaded).
+        # The agent only logs that it can't load a module; its table of modules shows it
+        # (dlmodStatus 1: loaded).
         return self.options["no_module"] or output_of(
             "snmpwalk", *once, ".1.3.6.1.4.1.2021.13.14.2.1.5").strip() == "1"
 

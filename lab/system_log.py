@@ -1,5 +1,5 @@
-"""The system's log of the lab: writes what is sent to /dev/log (syslog(3)) into a file, one message
-a line, with its priority in front."""
+"""The lab's system log: writes each message sent to /dev/log (syslog(3)) into a file as one line
+that begins with its priority."""
 
 import re
 import socket

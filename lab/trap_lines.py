@@ -1,5 +1,5 @@
 """Reads the notification receiver's records from standard input and appends each as one line:
-fields parted by tabs, control characters of texts escaped."""
+fields separated by tabs, control characters escaped."""
 
 import os
 import re
@@ -14,7 +14,7 @@ def line(record):
 
 def main(path):
     pending = b""
-    # Appended with one write each, so that a reader sees whole lines.
+    # Each line is appended with one write, so that a reader sees whole lines.
     output = os.open(path, os.O_WRONLY | os.O_APPEND)
     while data := os.read(0, 65536):
         *records, pending = (pending + data).split(b"\x1e")
