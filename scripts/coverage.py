@@ -16,19 +16,19 @@ import subprocess
 import sys
 from pathlib import Path
 
-FLOOR = 81.0  # percent of all lines; about one less than there were when it was set
+FLOOR = 81.0  # percent of all lines; about one below the value when it was set
 ROOT = Path(__file__).resolve().parent.parent
 PRODUCT = ("base", "copy_client", "config-copy", "infra", "platform", "tftp")
 
 
 def room_of(file):
-    """base, platform/host/agent …; nothing for what is not the product's."""
+    """base, platform/host/agent …; nothing for files that are not the product's."""
     parts = file.relative_to(ROOT).parts[:-1] if file.is_relative_to(ROOT) else ("",)
     return "/".join(parts[:3] if parts[:2] == ("platform", "host") else parts[:1])
 
 
 def programs(build):
-    """What was built of the product and its tests; neither fuzzers nor scripts."""
+    """The product and its tests as built; neither fuzzers nor scripts."""
     for file in sorted((*build.glob("lib/*.so"), *build.glob("bin/*"))):
         if not file.name.startswith("fuzz_") and file.read_bytes()[:4] == b"\x7fELF":
             yield file
@@ -41,7 +41,7 @@ def counts(build):
     subprocess.run(["llvm-profdata", "merge", "-sparse", "-o", profile, *raw], check=True)
     objects = [word for program in programs(build) for word in ("-object", program)]
     export = ["llvm-cov", "export", "-summary-only", "-instr-profile", profile, *objects]
-    # It warns of functions whose name several programs have, such as main().
+    # llvm-cov warns of functions that several programs have, such as main().
     output = subprocess.run(export, check=True, stdout=subprocess.PIPE,
                             stderr=subprocess.DEVNULL).stdout
     rooms = collections.defaultdict(lambda: [0, 0])

@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
-# Shows the main job in a few seconds, with stock SNMP tools: a switch copies its running configuration to a TFTP server and back on request
-# by SNMP, with the notification at the end, and its startup configuration to an SFTP server; then a refused request and a failed copy; then a
-# save on all three switches of a fabric, one that fails because a switch is down, and the same with the manager's command. Installs and builds
-# what it needs. Exits with 0 only if every step worked.
+# Shows the main job in a few seconds, with stock SNMP tools: a switch copies its running
+# configuration to a TFTP server and back on request by SNMP, with the notification at the end, and
+# its startup configuration to an SFTP server; then a refused request and a failed copy; then a save
+# on all three switches of a fabric, one that fails because a switch is down, and the same with the
+# manager's command. Installs and builds what it needs. Exits with 0 only if every step worked.
 set -euo pipefail
 
 if [[ -z ${LAB_AGENT:-} ]]; then # outside: make the lab, and come back inside
@@ -38,7 +39,8 @@ wait_for_end() {
         sleep 0.1
         state=$(value_of "ccCopyState.$1")
     done
-    printf '$ snmpget %s ccCopyState.%s     # again and again, until it has ended\n%s\n' "$LAB_AGENT" "$1" "$state"
+    printf '$ snmpget %s ccCopyState.%s     # again and again, until it has ended\n%s\n' \
+        "$LAB_AGENT" "$1" "$state"
 }
 
 expect_state() { [[ $state == "$1" ]] || fail "the copy ended as $state instead of $1"; }
@@ -49,7 +51,8 @@ run /ulmo/bin/cmdshell -c "show running-config"
 title "Back up: running configuration to the TFTP server $LAB_SERVER4"
 say "1. create a request in row 1 and fill in its columns"
 run snmpset "$LAB_AGENT" ccCopyEntryRowStatus.1 i createAndWait
-run snmpset "$LAB_AGENT" ccCopyProtocol.1 i tftp ccCopySourceFileType.1 i runningConfig ccCopyDestFileType.1 i networkFile
+run snmpset "$LAB_AGENT" ccCopyProtocol.1 i tftp ccCopySourceFileType.1 i runningConfig \
+    ccCopyDestFileType.1 i networkFile
 run snmpset "$LAB_AGENT" ccCopyServerAddressType.1 i ipv4 ccCopyServerAddressRev1.1 d "$LAB_SERVER4"
 run snmpset "$LAB_AGENT" ccCopyFileName.1 s backup.cfg ccCopyNotificationOnCompletion.1 i true
 say "2. start the copy"
@@ -58,7 +61,8 @@ wait_for_end 1
 expect_state successful
 say "3. compare the file on the server with the running configuration"
 run ls -l "$LAB_SERVER_ROOT/backup.cfg"
-/ulmo/bin/cmdshell -c "show running-config" | cmp - "$LAB_SERVER_ROOT/backup.cfg" || fail "the backup differs"
+/ulmo/bin/cmdshell -c "show running-config" | cmp - "$LAB_SERVER_ROOT/backup.cfg" ||
+    fail "the backup differs"
 echo "identical"
 say "4. the notification that the manager received"
 deadline=$((SECONDS + 5))
@@ -71,29 +75,36 @@ tr '\t' '\n' <<<"$notification" | sed 's/^/  /'
 title "Restore: change the file and copy it to the running configuration"
 run sed -i 's/^hostname .*/hostname restored-switch/' "$LAB_SERVER_ROOT/backup.cfg"
 say "one SET creates row 2, fills it in and starts the copy"
-run snmpset "$LAB_AGENT" ccCopyEntryRowStatus.2 i createAndGo ccCopySourceFileType.2 i networkFile ccCopyDestFileType.2 i runningConfig \
+run snmpset "$LAB_AGENT" ccCopyEntryRowStatus.2 i createAndGo \
+    ccCopySourceFileType.2 i networkFile ccCopyDestFileType.2 i runningConfig \
     ccCopyServerAddress.2 a "$LAB_SERVER4" ccCopyFileName.2 s backup.cfg
 wait_for_end 2
 expect_state successful
 run /ulmo/bin/cmdshell -c "show running-config"
-/ulmo/bin/cmdshell -c "show running-config" | grep -qx 'hostname restored-switch' || fail "the configuration was not applied"
+/ulmo/bin/cmdshell -c "show running-config" |
+    grep -qx 'hostname restored-switch' || fail "the configuration was not applied"
 
 title "Back up by SFTP: the startup configuration, with user and password"
-run snmpset "$LAB_AGENT" ccCopyEntryRowStatus.7 i createAndWait ccCopyProtocol.7 i sftp ccCopySourceFileType.7 i startupConfig \
-    ccCopyDestFileType.7 i networkFile ccCopyServerAddress.7 a "$LAB_SERVER4" ccCopyFileName.7 s startup.cfg
+run snmpset "$LAB_AGENT" ccCopyEntryRowStatus.7 i createAndWait ccCopyProtocol.7 i sftp \
+    ccCopySourceFileType.7 i startupConfig \
+    ccCopyDestFileType.7 i networkFile ccCopyServerAddress.7 a "$LAB_SERVER4" \
+    ccCopyFileName.7 s startup.cfg
 # shellcheck disable=SC2016 # the password is shown as the name of its variable
-printf '$ snmpset %s ccCopyUserName.7 s %s ccCopyUserPassword.7 s "$LAB_PASSWORD"\n' "$LAB_AGENT" "$LAB_USER"
+printf '$ snmpset %s ccCopyUserName.7 s %s ccCopyUserPassword.7 s "$LAB_PASSWORD"\n' \
+    "$LAB_AGENT" "$LAB_USER"
 snmpset "$LAB_AGENT" ccCopyUserName.7 s "$LAB_USER" ccCopyUserPassword.7 s "$LAB_PASSWORD"
 run snmpset "$LAB_AGENT" ccCopyEntryRowStatus.7 i active
 wait_for_end 7
 expect_state successful
-/ulmo/bin/cmdshell -c "show startup-config" | cmp - "$LAB_SERVER_ROOT/startup.cfg" || fail "the backup differs"
+/ulmo/bin/cmdshell -c "show startup-config" | cmp - "$LAB_SERVER_ROOT/startup.cfg" ||
+    fail "the backup differs"
 echo "identical; the switch keeps the server's host key:"
 run cut -c 1-60 "$LAB_STATE/ssh_known_hosts"
 
 title "A request that is refused"
 say "the switch refuses itself as the file server"
-run snmpset "$LAB_AGENT" ccCopyEntryRowStatus.3 i createAndWait ccCopySourceFileType.3 i runningConfig ccCopyDestFileType.3 i networkFile \
+run snmpset "$LAB_AGENT" ccCopyEntryRowStatus.3 i createAndWait \
+    ccCopySourceFileType.3 i runningConfig ccCopyDestFileType.3 i networkFile \
     ccCopyServerAddress.3 a 127.0.0.1 ccCopyFileName.3 s backup.cfg
 if run snmpset "$LAB_AGENT" ccCopyEntryRowStatus.3 i active 2>&1; then
     fail "the request was accepted"
@@ -103,17 +114,18 @@ run snmpset "$LAB_AGENT" ccCopyEntryRowStatus.3 i destroy
 
 title "A copy that fails"
 say "there is no such file on the server"
-run snmpset "$LAB_AGENT" ccCopyEntryRowStatus.4 i createAndGo ccCopySourceFileType.4 i networkFile ccCopyDestFileType.4 i runningConfig \
+run snmpset "$LAB_AGENT" ccCopyEntryRowStatus.4 i createAndGo \
+    ccCopySourceFileType.4 i networkFile ccCopyDestFileType.4 i runningConfig \
     ccCopyServerAddress.4 a "$LAB_SERVER4" ccCopyFileName.4 s no-such-file.cfg
 wait_for_end 4
 expect_state failed
 run snmpget "$LAB_AGENT" ccCopyFailCause.4
 [[ $(value_of ccCopyFailCause.4) == badFileName ]] || fail "the cause is wrong"
 
-# Whether what a switch runs is what it would start with, octet for octet.
+# Whether the startup configuration of a switch equals its running one, octet for octet.
 has_saved() { cmp -s "/lab/switch$1/disk/state/running.cfg" "/lab/switch$1/disk/state/system.cfg"; }
 
-# shellcheck disable=SC2153 # the lab sets LAB_AGENTS beside LAB_AGENT
+# shellcheck disable=SC2153 # the lab sets both LAB_AGENTS and LAB_AGENT
 title "Save on every switch of the fabric: three of them, $LAB_AGENTS"
 for switch in 1 2 3; do
     printf 'vlan 10%s\n' "$switch" >"/tmp/change$switch.cfg"
@@ -121,7 +133,8 @@ for switch in 1 2 3; do
     ! has_saved "$switch" || fail "switch $switch runs what it has saved already"
 done
 say "each switch has unsaved changes; one SET at the first switch makes all of them save"
-run snmpset "$LAB_AGENT" ccCopyEntryRowStatus.5 i createAndGo ccCopySourceFileType.5 i runningConfig ccCopyDestFileType.5 i fabricStartupConfig
+run snmpset "$LAB_AGENT" ccCopyEntryRowStatus.5 i createAndGo \
+    ccCopySourceFileType.5 i runningConfig ccCopyDestFileType.5 i fabricStartupConfig
 wait_for_end 5
 expect_state successful
 for switch in 1 2 3; do
@@ -133,7 +146,8 @@ tail -n 5 "$LAB_LOG/wardend1.log"
 
 title "The same with the second switch down"
 run lab-ctl stop-agent 2
-run snmpset "$LAB_AGENT" ccCopyEntryRowStatus.6 i createAndGo ccCopySourceFileType.6 i runningConfig ccCopyDestFileType.6 i fabricStartupConfig
+run snmpset "$LAB_AGENT" ccCopyEntryRowStatus.6 i createAndGo \
+    ccCopySourceFileType.6 i runningConfig ccCopyDestFileType.6 i fabricStartupConfig
 wait_for_end 6
 expect_state failed
 run snmpget "$LAB_AGENT" ccCopyFailCause.6
@@ -146,7 +160,8 @@ run lab-ctl start-agent 2
 
 title "The same with the manager's command"
 run config-copy "$LAB_AGENT" running "tftp://$LAB_SERVER4/one-command.cfg"
-/ulmo/bin/cmdshell -c "show running-config" | cmp - "$LAB_SERVER_ROOT/one-command.cfg" || fail "the backup differs"
+/ulmo/bin/cmdshell -c "show running-config" | cmp - "$LAB_SERVER_ROOT/one-command.cfg" ||
+    fail "the backup differs"
 say "a failed copy: the reason in words, and the exit status 1"
 status=0
 run config-copy "$LAB_AGENT" "tftp://$LAB_SERVER4/no-such-file.cfg" running 2>&1 || status=$?

@@ -1,5 +1,6 @@
 #!/bin/bash
-# Switches and their file server on this machine, in namespaces of their own: see `scripts/lab.sh help`.
+# Switches and their file server on this machine, in namespaces of their own: see `scripts/lab.sh
+# help`.
 set -euo pipefail
 
 scripts=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)

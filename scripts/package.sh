@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Makes the Debian packages and checks them with lintian. They are in build/packages, and what was built for them in
-# build/debian, where the next time finds it.
+# Makes the Debian packages in build/packages and checks them with lintian. Their build is in
+# build/debian and is reused the next time.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 

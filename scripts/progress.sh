@@ -1,7 +1,8 @@
 #!/bin/bash
-# progress.sh [--log FILE] TEXT COMMAND…: runs COMMAND and tells under the name TEXT how far it is and how long it took:
-# every second on a terminal, every ten seconds elsewhere. Understands what ninja, ctest and apt-get (with
-# APT::Status-Fd) print. COMMAND's output goes to FILE; without one it is shown when COMMAND fails, and only then.
+# progress.sh [--log FILE] TEXT COMMAND…: runs COMMAND and shows, under the name TEXT, its progress
+# and the time it took: every second on a terminal, every ten seconds elsewhere. It reads the
+# progress that ninja, ctest and apt-get (with APT::Status-Fd) print. COMMAND's output goes to FILE;
+# without FILE it is shown only if COMMAND fails.
 set -uo pipefail
 
 kept=
@@ -36,10 +37,14 @@ follow() {
         printf '%s\n' "$line" >&3
         far=
         case $line in
-            '['*/*']'*) [[ $line =~ ^\[([0-9]+)/([0-9]+)\] ]] && far="${BASH_REMATCH[1]} of ${BASH_REMATCH[2]}" ;;
-            *' Test '*) [[ $line =~ ^\ *([0-9]+)/([0-9]+)\ Test\  ]] && far="${BASH_REMATCH[1]} of ${BASH_REMATCH[2]}" ;;
-            dlstatus:*) [[ $line =~ ^dlstatus:[^:]*:([0-9]+) ]] && far="${BASH_REMATCH[1]} % downloaded" ;;
-            pmstatus:*) [[ $line =~ ^pmstatus:[^:]*:([0-9]+) ]] && far="${BASH_REMATCH[1]} % installed" ;;
+            '['*/*']'*) [[ $line =~ ^\[([0-9]+)/([0-9]+)\] ]] &&
+                far="${BASH_REMATCH[1]} of ${BASH_REMATCH[2]}" ;;
+            *' Test '*) [[ $line =~ ^\ *([0-9]+)/([0-9]+)\ Test\  ]] &&
+                far="${BASH_REMATCH[1]} of ${BASH_REMATCH[2]}" ;;
+            dlstatus:*) [[ $line =~ ^dlstatus:[^:]*:([0-9]+) ]] &&
+                far="${BASH_REMATCH[1]} % downloaded" ;;
+            pmstatus:*) [[ $line =~ ^pmstatus:[^:]*:([0-9]+) ]] &&
+                far="${BASH_REMATCH[1]} % installed" ;;
         esac
         if [[ $far ]] && ((SECONDS - last >= every)); then
             last=$SECONDS

@@ -1,13 +1,15 @@
 #!/bin/bash
-# Runs the system tests, each folder of tests/system in a lab made with the options that stand in its file `options`, two folders at a time, and
-# among them tests/packages, which installs the packages in a Debian of its own; then tests/lab, which tests the lab itself, on this machine. The
-# last line is "N passed, N failed".
+# Runs the system tests: each folder of tests/system in a lab with the options of its file
+# `options`, and tests/packages, which installs the packages in a Debian of its own, two folders at
+# a time; then tests/lab, which tests the lab itself, on this machine. The last line is "N passed, N
+# failed".
 #
 #   scripts/run-system-tests.sh [--results DIR] [FOLDER… [-- PYTEST ARGUMENTS…]]
 #
-# Without FOLDER all of them. With --results, a report in JUnit's form for each folder, and the daemons' logs, go to DIR.
+# Without FOLDER it runs all of them. With --results, a JUnit report for each folder and the
+# daemons' logs go to DIR.
 set -euo pipefail
-umask 022 # what the tests leave as root is for the caller to read
+umask 022 # the caller must be able to read what the tests leave as root
 
 scripts=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 tests=$(dirname "$scripts")/tests
@@ -21,7 +23,8 @@ while [[ $# -gt 0 ]]; do
     esac
 done
 if [[ ${#folders[@]} -eq 0 ]]; then
-    folders=(packages vrf default protocols transfer_scripts config_copy) # the longest ones first, so that none is left to run alone
+    # the longest ones first, so that none is left to run alone
+    folders=(packages vrf default protocols transfer_scripts config_copy)
     for options in "$tests"/system/*/options; do
         folder=$(basename "$(dirname "$options")")
         [[ " ${folders[*]} " == *" $folder "* ]] || folders+=("$folder")
@@ -31,20 +34,24 @@ fi
 
 as_root=()
 [[ $EUID -eq 0 ]] || as_root=(sudo)
-"${as_root[@]}" rm -rf "$results" # a lab leaves its logs as root
+"${as_root[@]}" rm -rf "$results" # a lab's logs belong to root
 mkdir -p "$results"
 "$scripts/lab.sh" exec -- true # brings the build up to date
 status=0
-pytest=(env PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 -m pytest -p no:cacheprovider -q --durations=5 --strict-markers)
+pytest=(env PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 -m pytest -p no:cacheprovider -q
+    --durations=5 --strict-markers)
 
-# Runs the tests of one folder, with what they print in a file of the results.
+# Runs the tests of one folder, with their output in a file of the results.
 run_folder() {
     local folder=$1 options
     shift
     if [[ $folder == packages ]]; then
         echo "== the packages"
-        # With what the labs beside it leave of the processors: they wait a lot.
-        chrt --idle 0 "$scripts/package.sh" >"$results/package.log" 2>&1 || { cat "$results/package.log"; return 1; }
+        # At idle priority: the labs mostly wait.
+        chrt --idle 0 "$scripts/package.sh" >"$results/package.log" 2>&1 || {
+            cat "$results/package.log"
+            return 1
+        }
         "${as_root[@]}" "${pytest[@]}" "--junitxml=$results/packages.xml" "$tests/packages" "$@"
         return
     fi
@@ -54,7 +61,8 @@ run_folder() {
         "${pytest[@]}" "--junitxml=$results/$folder.xml" "$tests/system/$folder" "$@"
 } >"$results/$1.log" 2>&1
 
-# Labs don't meet, and their tests mostly wait: two at a time. A folder's output is shown when it has ended.
+# Labs do not affect each other, and their tests mostly wait: two run at a time. A folder's output
+# is shown when it has ended.
 declare -A running=()
 shown=0
 show_next() {
@@ -73,7 +81,7 @@ done
 while ((${#running[@]})); do
     show_next
 done
-# These look at the whole machine, so they have it for themselves.
+# These tests look at the whole machine, so nothing else may run.
 if [[ " ${folders[*]} " == *" lab "* ]]; then
     echo "== the lab itself"
     "${as_root[@]}" "${pytest[@]}" "--junitxml=$results/lab.xml" "$tests/lab" "$@" || status=1

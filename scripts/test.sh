@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
-# Builds everything and passes all tests: formatting, shellcheck and flake8, warnings of two
-# compilers, clang-tidy, unit tests under sanitizers and as the release build makes them, the MIB
-# module, the documentation against the sources, fuzzers for a few seconds each, and the system
-# tests in the lab. Installs what it needs, and tells how far it is. Ends with "N passed, N failed".
+# Builds everything and runs all tests: formatting, shellcheck and flake8, warnings of two
+# compilers, clang-tidy, unit tests under sanitizers and in the release build, the MIB module, the
+# documentation against the sources, fuzzers for a few seconds each, and the system tests in the
+# lab. Installs what it needs and shows its progress. Ends with "N passed, N failed".
 #
-# usage: scripts/test.sh [STEP…]      steps: format build tidy unit fuzz system (default: all of them)
+# usage: scripts/test.sh [STEP…]
+# steps: format build tidy unit fuzz system (default: all of them)
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
@@ -31,7 +32,8 @@ quietly() {
 
 own_sources() { git ls-files '*.cpp' '*.h'; }
 
-# By their first line, as most have no suffix. What is only read by a shell names it for shellcheck.
+# Found by their first line, as most have no suffix. In files that a shell only sources, that line
+# names the shell to the linter.
 shell_sources() { git grep -lIE '^(#!.*[/ ](ba)?sh|# shellcheck shell=.*)$'; }
 python_sources() { { git ls-files '*.py'; git grep -lIE '^#!/usr/bin/python3'; } | sort -u; }
 
@@ -58,10 +60,12 @@ step_build() {
     build_release
 }
 
-# In the background and with what the other steps leave of the processors: they wait a lot.
+# In the background at idle priority: the other steps mostly wait.
 step_tidy() {
     section "clang-tidy, beside the next steps"
-    own_sources | grep -E '^(base|config-copy|copy_client|infra|platform|tftp)/.*\.cpp$' | chrt --idle 0 xargs -P "$(nproc)" -n 4 clang-tidy -p build/asan --quiet >build/clang-tidy.log 2>&1 &
+    own_sources | grep -E '^(base|config-copy|copy_client|infra|platform|tftp)/.*\.cpp$' |
+        chrt --idle 0 xargs -P "$(nproc)" -n 4 clang-tidy -p build/asan --quiet \
+            >build/clang-tidy.log 2>&1 &
     tidy=$!
     trap 'kill "$tidy" 2>/dev/null' EXIT
 }
@@ -72,15 +76,17 @@ end_of_tidy() {
     trap - EXIT
 }
 
-# Adds what the last line of a report's count says, "N passed, M failed", to ours.
+# Adds the numbers in the last line of a report's count, "N passed, M failed", to the totals.
 add_count() {
-    [[ $1 =~ ^([0-9]+)\ passed,\ ([0-9]+)\ failed$ ]] || { echo "no count of tests: $1" >&2; exit 1; }
+    [[ $1 =~ ^([0-9]+)\ passed,\ ([0-9]+)\ failed$ ]] ||
+        { echo "no count of tests: $1" >&2; exit 1; }
     passed=$((passed + BASH_REMATCH[1]))
     failed=$((failed + BASH_REMATCH[2]))
 }
 
-# Runs tests of a build and counts them: PRESET. Some act as other users, mount disks or make namespaces: as root.
-# They wait more than they compute, hence twice as many at once as there are processors.
+# run_ctest PRESET: runs the tests of a build and counts them. It runs as root because some tests
+# act as other users, mount disks or make namespaces. They wait more than they compute, hence twice
+# as many in parallel as there are processors.
 run_ctest() {
     local build=$PWD/build/$1 as_root=() counts
     ((EUID == 0)) || as_root=(sudo)
@@ -88,7 +94,8 @@ run_ctest() {
     mkdir -m 1777 "$build/coverage" # some tests act as other users
     scripts/progress.sh --log "$build/ctest.log" "tests of build/$1" "${as_root[@]}" \
         env UBSAN_OPTIONS=print_stacktrace=1 LLVM_PROFILE_FILE="$build/coverage/%m.profraw" \
-        ctest --preset "$1" --parallel $((2 * $(nproc))) --output-junit "$build/ctest.xml" --output-on-failure --no-tests=error ||
+        ctest --preset "$1" --parallel $((2 * $(nproc))) --output-junit "$build/ctest.xml" \
+            --output-on-failure --no-tests=error ||
         grep -v ' Passed \| Start ' "$build/ctest.log"
     counts=$(scripts/count-tests.py "$build/ctest.xml" "$build"/unit-tests/*.xml) || true
     printf '%s\n' "$counts"
@@ -96,7 +103,7 @@ run_ctest() {
 }
 
 step_unit() {
-    section "unit tests under AddressSanitizer and UndefinedBehaviorSanitizer, and of the release; MIB module, documentation"
+    section "unit tests under sanitizers, and of the release; MIB module, documentation"
     run_ctest asan
     run_ctest release
 }
@@ -107,7 +114,8 @@ step_fuzz() {
     local -A running=()
     for fuzzer in build/asan/bin/fuzz_*; do
         seeds=$(find "tests/fuzz/seeds/${fuzzer##*/fuzz_}" -type f -printf '%p,')
-        quietly "$fuzzer" -max_total_time="$FUZZ_SECONDS" -seed_inputs="${seeds%,}" -artifact_prefix=build/asan/ &
+        quietly "$fuzzer" -max_total_time="$FUZZ_SECONDS" -seed_inputs="${seeds%,}" \
+            -artifact_prefix=build/asan/ &
         running[${fuzzer##*/}]=$!
     done
     for fuzzer in "${!running[@]}"; do

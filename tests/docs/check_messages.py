@@ -1,6 +1,6 @@
 #!/usr/bin/python3
-"""Compares docs/messages.md with the messages of error level in the sources, both ways. A part of a
-message that differs from case to case is `…` there."""
+"""Compares docs/messages.md with the messages of error level in the sources, both ways. The
+variable parts of a message are `…` there."""
 
 import re
 import sys
@@ -36,7 +36,7 @@ def of_sources(problems):
                 why = ": …" if "log_failure" in call[0] else ""
                 found.setdefault(message_of(literals[0]) + why, set()).add(path.name)
             elif not re.match(r"format\b",
-                              text[call.end():]):  # of a macro that passes a message on
+                              text[call.end():]):  # in a macro that passes a message on
                 line = text.count("\n", 0, call.start()) + 1
                 problems.append(f"{path.name}:{line}: a message that this check can't read")
     return found

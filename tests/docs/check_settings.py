@@ -41,7 +41,8 @@ def plain(text):
 
 
 def of_manual():
-    """The settings' defaults and texts, to which what stands above all of a section belongs."""
+    """The settings' defaults and texts; the text at the top of a section belongs to each of its
+    settings."""
     found = {}
     for section in re.split(r"^\.S[sh]\b", MANUAL.read_text(), flags=re.M):
         above, *entries = re.split(r"^\.It Cm (\w+) =", section, flags=re.M)
@@ -71,7 +72,7 @@ def of_example():
 
 
 def phrases_of(setting):
-    """What each text has to say of a setting, as regular expressions."""
+    """The regular expressions that each text must match, by setting."""
     is_small = setting.kind == "number" and int(setting.most) < 10**8
     if is_small or setting.kind == "list" and setting.most != "0":
         yield rf"\b{setting.least} to {setting.most}\b"
@@ -89,7 +90,7 @@ READ = {
 
 
 def problems_of(setting, place, default, text):
-    # Whose example is no default.
+    # Its example is not a default.
     if default != setting.default and setting.name != "fabric_member":
         yield f"{setting.name}: the default is '{setting.default}' and in {place} '{default}'"
     for phrase in phrases_of(setting):

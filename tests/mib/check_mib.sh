@@ -1,6 +1,6 @@
 #!/bin/bash
-# Checks the MIB module as a manager loads it: the linter's verdict, every object's OID, access and type, and that the stock tools load it
-# without a word on standard error. Needs smilint (smitools) and snmptranslate (snmp).
+# Checks the MIB module as a manager loads it: the linter's verdict, every object's OID, access and
+# type, and that the stock tools load it without a word.
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
@@ -9,11 +9,12 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 mkdir "$work/cert_indexes" # the tools say a word when they make it themselves
 
-# Neither the user's nor the machine's configuration counts, and nothing is written outside the work folder.
+# Neither the user's nor the machine's configuration counts, and nothing is written outside the work
+# folder.
 export SMIPATH="$mibs:$mibs/base" SNMPCONFPATH="$work" SNMP_PERSISTENT_DIR="$work"
 failed=0
 
-# same WHAT EXPECTED ACTUAL: complains, with the difference, when the two files differ.
+# same WHAT EXPECTED ACTUAL: complains, and prints the difference, if the two files differ.
 same() {
     if ! diff -u --label "expected" --label "actual" "$2" "$3"; then
         echo "FAILED: $1" >&2
@@ -25,8 +26,8 @@ translate() {
     snmptranslate -M "$mibs:$mibs/base" -m CONFIG-COPY-MIB "$@"
 }
 
-# Our own module at the strictest level; the shortened standard modules at the level that reports what the tools stumble over. A line's
-# place in the file says nothing about the module, so it is cut off.
+# Our own module at the strictest level; the reduced standard modules at the level that reports what
+# the tools fail on. The line numbers say nothing about the module, so they are removed.
 lint() {
     smilint -c /dev/null -l "$1" -m "$2" 2>&1 | sed 's/^[^{]*{/{/'
 }

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# check.sh CMAKE BUILD DOCUMENT SNMPD: installs what BUILD offers to whoever builds the module with
-# a platform of his own, does outside this tree what DOCUMENT says, and has a stock agent make a copy.
+# check.sh CMAKE BUILD DOCUMENT SNMPD: installs the component of BUILD for building the module with
+# another platform, follows DOCUMENT outside this tree, and has a stock agent make a copy.
 set -euo pipefail
 cmake=$1 build=$2 document=$3 snmpd=$4
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
@@ -24,7 +24,7 @@ sed -n '/^module=/,/^[^[:alnum:][:blank:]]/p' "$document" | sed '$d' >build-it
 grep -q 'pkg-config --cflags --libs' build-it
 bash -eu build-it
 
-# Whoever tests with the fakes finds all that they include.
+# The fakes come with all headers that they include.
 fakes=$(pkg-config --variable=fakesdir config-copy-mib)
 while read -r included; do
     [[ -e $fakes/$included || -e usr/include/config-copy-mib/$included ||
@@ -48,7 +48,7 @@ agent=$!
 
 at_agent() { "$1" -v2c -c public -t1 -r0 -Oqvt "unix:$place/socket" "${@:2}"; }
 
-# within_10_s WHAT COMMAND…: until the command succeeds.
+# within_10_s WHAT COMMAND…: repeats the command until it succeeds.
 within_10_s() {
     local deadline=$((SECONDS + 10))
     until "${@:2}" 2>/dev/null; do

@@ -1,6 +1,6 @@
 #!/bin/sh
-# check_platform.sh NM LIBRARY: the library's dynamic symbol table holds what the headers of platform/
-# declare, what the module's link puts in the place of other functions, and no other.
+# check_platform.sh NM LIBRARY: the library's dynamic symbol table holds exactly what the headers of
+# platform/ declare and the functions with which the module's link replaces others.
 set -eu
 folder=$(dirname "$0")
 list=$(mktemp)
