@@ -8,10 +8,10 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr int most_attempts = 8; // to make a row, each with another index, and to activate it
+constexpr int most_attempts = 8; // to create a row, each with another index, and to activate it
 constexpr int most_removals = 3; // of one row
 
-// What v1 agents make of the finer statuses of v2 (RFC 3584, section 4.4).
+// How v1 agents map v2's finer error statuses (RFC 3584, section 4.4).
 bool is_taken(long status) {
     return status == SNMP_ERR_INCONSISTENTVALUE || status == SNMP_ERR_BADVALUE;
 }
@@ -22,7 +22,7 @@ bool CopyRow::is_there(oid index) {
     return number(session_.get({copy_cell(CC_COLUMN_ENTRY_ROW_STATUS, index)}).front()).has_value();
 }
 
-// At random, as another manager may look for a free one at the same time.
+// Random, because another manager may be looking for a free index at the same time.
 oid CopyRow::free_index() {
     std::random_device source;
     std::uniform_int_distribution<oid> any(1, largest_index);
@@ -33,8 +33,8 @@ oid CopyRow::free_index() {
     }
 }
 
-// Each attempt has an index of its own: a second createAndWait that meets a late first one would
-// block the row.
+// Each attempt uses a new index: a second createAndWait that meets a late first one would block the
+// row.
 void CopyRow::make(const std::vector<std::pair<oid, Value>> &columns) {
     for (int attempt = 0; attempt < most_attempts; ++attempt) {
         indexes_.push_back(free_index());
@@ -51,7 +51,7 @@ void CopyRow::make(const std::vector<std::pair<oid, Value>> &columns) {
         } else if (result->status == SNMP_ERR_NOERROR) {
             return;
         } else if (result->at == 1 && is_taken(result->status)) {
-            indexes_.pop_back(); // somebody else's since we looked
+            indexes_.pop_back(); // taken by another manager since we looked
         } else {
             const std::size_t refused =
                 result->at > 0 && result->at <= bindings.size() ? result->at - 1 : 0;
@@ -63,9 +63,9 @@ void CopyRow::make(const std::vector<std::pair<oid, Value>> &columns) {
     throw Trouble(TroubleKind::making_lost);
 }
 
-// Alone in its SET, so that a refusal does not harm the row.
+// In a SET of its own, so that a refusal does not damage the row.
 long CopyRow::activate() {
-    bool is_sure = true; // that no earlier one is under way
+    bool is_sure = true; // that no earlier activation is under way
     for (int attempt = 0; attempt < most_attempts; ++attempt) {
         const auto result =
             session_.set({{copy_cell(CC_COLUMN_ENTRY_ROW_STATUS, index()), ROW_STATUS_ACTIVE}});
@@ -73,7 +73,7 @@ long CopyRow::activate() {
             return SNMP_ERR_NOERROR;
         }
         if ((!result || !is_sure) && read().state != COPY_STATE_WAITING) {
-            return SNMP_ERR_NOERROR; // it was carried out, and its answer was lost
+            return SNMP_ERR_NOERROR; // it was carried out, but its answer was lost
         }
         if (result) {
             return result->status;
@@ -100,7 +100,7 @@ CopyState CopyRow::read() {
 
 CopyState CopyRow::await_end(const std::function<void()> &meanwhile) {
     constexpr Milliseconds longest = 1s;
-    // A save takes some ten milliseconds, a transfer may take minutes.
+    // A save takes about ten milliseconds; a transfer may take minutes.
     for (Milliseconds pause = 5ms;; pause = std::min(pause * 2, longest)) {
         CopyState now = read();
         if (now.state == COPY_STATE_SUCCESSFUL || now.state == COPY_STATE_FAILED) {
@@ -121,14 +121,14 @@ void CopyRow::destroy() {
                     {{copy_cell(CC_COLUMN_ENTRY_ROW_STATUS, index()), ROW_STATUS_DESTROY}});
             }
             if (!result) {
-                break; // silent, and so it would be to the others
+                break; // silent now, so also for the other rows
             }
             if (result->status == SNMP_ERR_GENERR) {
-                left.push_back(index()); // blocked, for instance after a refused request
+                left.push_back(index()); // blocked, for instance by a refused request
             }
             indexes_.pop_back();
         }
-    } catch (const Trouble &) { // what is left goes with its age
+    } catch (const Trouble &) { // the rows that are left age out
     }
     indexes_.insert(indexes_.end(), left.rbegin(), left.rend());
 }

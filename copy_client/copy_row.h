@@ -1,5 +1,5 @@
-// The life of one row of ccCopyTable, as a manager leads it: at every step a request or its answer
-// may be lost, and nothing may be done twice.
+// The life of one row of ccCopyTable, from the manager's side. Every request and every answer may
+// be lost, and no step may be done twice.
 #pragma once
 
 #include "copy_client/session.h"
@@ -10,10 +10,10 @@
 
 namespace copy_client {
 
-// What a row tells of its copy.
+// What a row reports about its copy.
 struct CopyState {
     long state = 0; // COPY_STATE_…
-    long cause = 0; // COPY_FAIL_…, of a failed one
+    long cause = 0; // COPY_FAIL_…, if it failed
     Value started;  // ccCopyTimeStarted and ccCopyTimeCompleted
     Value completed;
 };
@@ -24,28 +24,28 @@ class CopyRow {
     CopyRow(const CopyRow &) = delete;
     CopyRow &operator=(const CopyRow &) = delete;
 
-    // Beside those of Session, the functions throw Trouble of a row. Whatever they throw, the row
-    // may be there from make() to destroy(), which is the caller's to call.
+    // In addition to what Session's functions throw, these throw Trouble about a row. Whatever they
+    // throw, the row may exist from make() until destroy(), and the caller must call destroy().
 
-    // Leaves a row at the agent that waits to be activated and has these columns, in this order.
+    // Creates a row with these columns, set in this order, that waits for its activation.
     void make(const std::vector<std::pair<oid, Value>> &columns);
 
     [[nodiscard]] oid index() const { return indexes_.back(); }
 
-    // Starts the copy: SNMP_ERR_NOERROR when it runs, or has run already; otherwise why the agent
-    // refuses to start it.
+    // Starts the copy. SNMP_ERR_NOERROR if it runs or has run already, otherwise the agent's reason
+    // to refuse.
     long activate();
 
     CopyState read();
 
-    // Calls `meanwhile` again and again until the copy has ended, well or badly.
+    // Calls `meanwhile` repeatedly until the copy has ended, well or badly.
     CopyState await_end(const std::function<void()> &meanwhile);
 
-    // Takes away all that may be there, also rows whose making was not answered: a destroy of what
-    // is not there is no error, and may be repeated. Does not throw Trouble.
+    // Destroys every row that may exist, including rows whose creation was not answered. Destroying
+    // a row that does not exist is not an error, so this may be repeated. Does not throw Trouble.
     void destroy();
 
-    // Whether a row may still be there, which then goes with its age.
+    // Whether a row may still exist; it then ages out.
     [[nodiscard]] bool is_left() const { return !indexes_.empty(); }
 
   private:
@@ -53,7 +53,7 @@ class CopyRow {
     oid free_index();
 
     Session &session_;
-    std::vector<oid> indexes_; // of all rows that may be there
+    std::vector<oid> indexes_; // of all rows that may exist
 };
 
 } // namespace copy_client

@@ -1,4 +1,4 @@
-// The tables of CONFIG-COPY-MIB by number, so that no MIB file is needed.
+// Object identifiers of CONFIG-COPY-MIB's tables, so that no MIB file is needed.
 #pragma once
 
 #include "platform/copy_table.h"

@@ -34,7 +34,7 @@ bool is_below(const netsnmp_variable_list &variable, const Oid &prefix) {
            std::equal(prefix.begin(), prefix.end(), variable.name);
 }
 
-// An object of the copy table by its name, all else by its numbers.
+// An object of the copy table by its name, any other by its numbers.
 std::string name_of(const netsnmp_variable_list &variable) {
     std::string text;
     std::size_t at = 0;
@@ -91,7 +91,7 @@ std::string bindings(const netsnmp_pdu &pdu, bool has_values) {
 
 } // namespace
 
-std::string words_of_request(const netsnmp_pdu &pdu) {
+std::string describe_request(const netsnmp_pdu &pdu) {
     const bool is_set = pdu.command == SNMP_MSG_SET;
     return (is_set                            ? "SET "
             : pdu.command == SNMP_MSG_GETNEXT ? "GETNEXT "
@@ -99,7 +99,7 @@ std::string words_of_request(const netsnmp_pdu &pdu) {
            bindings(pdu, is_set);
 }
 
-std::string words_of_answer(const netsnmp_pdu &pdu) {
+std::string describe_answer(const netsnmp_pdu &pdu) {
     if (pdu.errstat != SNMP_ERR_NOERROR) {
         return std::string("refused: ") + ::snmp_errstring(static_cast<int>(pdu.errstat)) +
                (pdu.errindex > 0 ? ", binding " + std::to_string(pdu.errindex) : "");

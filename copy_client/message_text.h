@@ -1,4 +1,4 @@
-// SNMP messages in words, for those who look for a fault. No password is told.
+// SNMP messages as text, for troubleshooting. Passwords are not shown.
 #pragma once
 
 #include "copy_client/copy_table.h"
@@ -12,9 +12,9 @@
 namespace copy_client {
 
 // Such as "SET ccCopyEntryRowStatus.7 = 6".
-std::string words_of_request(const netsnmp_pdu &pdu);
+std::string describe_request(const netsnmp_pdu &pdu);
 
 // Such as "answer: ccCopyState.7 = 2" or "refused: genErr …, binding 1".
-std::string words_of_answer(const netsnmp_pdu &pdu);
+std::string describe_answer(const netsnmp_pdu &pdu);
 
 } // namespace copy_client

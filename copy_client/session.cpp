@@ -35,8 +35,8 @@ Value value_of(const netsnmp_variable_list &variable) {
     }
 }
 
-// A user of SNMPv3 needs a key for all that the security level promises. The library finds out no
-// sooner than it sends.
+// An SNMPv3 user needs a key for everything that the security level includes. The library would
+// notice a missing one only when it sends.
 void check_keys(const netsnmp_session &session) {
     const auto is_any_set = [](std::initializer_list<int> settings) {
         return std::any_of(settings.begin(), settings.end(), [](int which) {
@@ -132,7 +132,8 @@ void set_up_library(const char *program) {
     ::netsnmp_register_loghandler(NETSNMP_LOGHANDLER_NONE, LOG_DEBUG);
     ::netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_READ_CONFIGS, 1);
     ::netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_PERSIST_STATE, 1);
-    ::set_persistent_directory("/dev/null"); // it makes folders for certificates in it even so
+    // The library creates directories for certificates there even so.
+    ::set_persistent_directory("/dev/null");
     ::init_snmp(program);
 }
 
@@ -148,8 +149,8 @@ void Session::FreePdu::operator()(netsnmp_pdu *pdu) const {
     ::snmp_free_pdu(pdu);
 }
 
-// The library would look for the agent's engine id here and now, and wait for it: make_ready() does
-// that without holding up the others.
+// The library would ask for the agent's engine id here and wait for it. make_ready() does that
+// without blocking other sessions.
 Session::Session(const netsnmp_session &settings, Peer peer, int stop, Tell tell)
     : peer_(std::move(peer)), stop_(stop), tell_(std::move(tell)) {
     const std::lock_guard lock(library);
@@ -169,7 +170,7 @@ Session::Session(const netsnmp_session &settings, Peer peer, int stop, Tell tell
         throw Trouble(is_address ? TroubleKind::no_address : TroubleKind::no_session, 0, reason);
     }
     session_ = ::snmp_sess_session(handle_);
-    // Opening takes it away, so that the first request would look for the engine id.
+    // Opening the session clears this flag, and the first request would then ask for the engine id.
     session_->flags |= SNMP_FLAGS_DONT_PROBE;
     timeout_ = std::max(
         std::chrono::duration_cast<Milliseconds>(std::chrono::microseconds(session_->timeout)),
@@ -205,8 +206,6 @@ void Session::pause(Milliseconds time) const {
     pause_for(std::min(time, time_left()), stop_);
 }
 
-// --- time ---
-
 Milliseconds Session::time_left() const {
     return deadline_ == Clock::time_point::max()
                ? Milliseconds::max()
@@ -223,7 +222,7 @@ Trouble Session::silence() const {
                    session_->version, seconds.str());
 }
 
-// Asks until `ask` says that it has an answer: as often as the settings say, or until the deadline.
+// Calls `ask` until it has an answer: as often as the settings say, or until the deadline.
 template <typename Ask> void Session::ask_again_and_again(Ask ask) {
     do {
         for (int attempt = 0; attempt < attempts_; ++attempt) {
@@ -232,16 +231,14 @@ template <typename Ask> void Session::ask_again_and_again(Ask ask) {
             }
         }
         check_privacy();
-    } while (deadline_ != Clock::time_point::max()); // with one, exchange() ends this
+    } while (deadline_ != Clock::time_point::max()); // with one, exchange() ends the loop
     throw silence();
 }
 
-// --- one request ---
-
-// Called by the library, which holds the lock through us.
+// Called by the library while we hold its lock.
 int Session::on_event(int operation, netsnmp_session *session, int, netsnmp_pdu *pdu, void *magic) {
     auto &pending = *static_cast<Pending *>(magic);
-    // a report that names no user, as one about a user who is not known
+    // a report that names no user, such as one about an unknown user
     if (operation == NETSNMP_CALLBACK_OP_SEC_ERROR) {
         const bool is_report = pdu != nullptr && pdu->command == SNMP_MSG_REPORT;
         pending.report = is_report ? ::snmpv3_get_report_type(pdu) : session->s_snmp_errno;
@@ -254,7 +251,8 @@ int Session::on_event(int operation, netsnmp_session *session, int, netsnmp_pdu 
     }
     if (pdu->command == SNMP_MSG_REPORT) {
         pending.report = ::snmpv3_get_report_type(pdu);
-        // The library itself repeats a request that the agent did not look at for its time, once.
+        // If the agent did not process a request because of its time, the library itself repeats it
+        // once.
         if (pending.report == SNMPERR_NOT_IN_TIME_WINDOW &&
             !std::exchange(pending.repeated, true)) {
             return 1;
@@ -287,18 +285,19 @@ Session::Pdu Session::request(int command, const std::vector<Binding> &bindings)
     return pdu;
 }
 
-// Sends the request and returns the answer; nothing when none came.
+// Sends the request and returns the answer; empty if none came.
 Session::Pdu Session::exchange(Pdu pdu, bool reports_are_answers) {
     if (time_left() == Milliseconds(0)) {
-        // A single request may have been lost, or cut short by the deadline: its silence tells
+        // A single request may have been lost, or cut short by the deadline, so its silence means
         // nothing.
         throw has_answered_ && unanswered_ < 2 ? Trouble(TroubleKind::out_of_time) : silence();
     }
     if (tell_) {
-        tell_(words_of_request(*pdu));
+        tell_(describe_request(*pdu));
     }
     Pending &pending = pending_.emplace_back();
-    if (!send(std::move(pdu), pending)) { // the network refuses it at once: it may come back
+    // The network refuses it at once; the route may come back.
+    if (!send(std::move(pdu), pending)) {
         pending_.pop_back();
         if (tell_) {
             tell_("  not sent: the network refuses it");
@@ -308,14 +307,15 @@ Session::Pdu Session::exchange(Pdu pdu, bool reports_are_answers) {
         }
         return nullptr;
     }
-    await(pending); // leaves the record when it throws, as the library may still point to it
+    // If this throws, the record stays, because the library may still point to it.
+    await(pending);
     Pending ended = std::move(pending);
     pending_.pop_back();
     if (tell_) {
         tell_(ended.is_silent ? "  no answer"
               : ended.report != SNMPERR_SUCCESS
                   ? std::string("  report: ") + ::snmp_api_errstring(ended.report)
-                  : "  " + words_of_answer(*ended.answer));
+                  : "  " + describe_answer(*ended.answer));
     }
     if (ended.is_silent) {
         ++unanswered_;
@@ -334,12 +334,12 @@ Session::Pdu Session::exchange(Pdu pdu, bool reports_are_answers) {
     return std::move(ended.answer);
 }
 
-// False when the network refuses it.
+// Returns false if the network refuses the message.
 bool Session::send(Pdu pdu, Pending &pending) {
     const std::lock_guard lock(library);
     session_->timeout = std::chrono::microseconds(std::min(timeout_, time_left())).count();
     if (::snmp_sess_async_send(handle_, pdu.get(), &Session::on_event, &pending) != 0) {
-        static_cast<void>(pdu.release()); // the library's now
+        static_cast<void>(pdu.release()); // now owned by the library
         return true;
     }
     const int error = session_->s_snmp_errno;
@@ -379,8 +379,8 @@ void Session::await(Pending &pending) {
     }
 }
 
-// What the words for an error need: the protocol in use, so that one that nobody chose shows, too,
-// or the level.
+// The detail for an error message: the protocol in use, which may be a default, or the security
+// level.
 std::string Session::detail_of(TroubleKind kind) const {
     switch (kind) {
     case TroubleKind::wrong_authentication:
@@ -396,8 +396,6 @@ std::string Session::detail_of(TroubleKind kind) const {
     }
 }
 
-// --- the way to the agent ---
-
 void Session::make_ready() {
     if (is_ready_) {
         return;
@@ -411,8 +409,8 @@ void Session::make_ready() {
     is_ready_ = true;
 }
 
-// An empty request without a user, as of RFC 3414, section 4: the report tells the engine id, and
-// the library notes it.
+// An empty request without a user (RFC 3414, section 4): the report carries the engine id, which
+// the library stores.
 void Session::discover_engine() {
     const auto is_known = [this] { return session_->securityEngineIDLen > 0; };
     if (!is_known()) {
@@ -432,8 +430,8 @@ void Session::discover_engine() {
     }
 }
 
-// Where the transport secures the messages nothing tells the engine, and the agent is asked: RFC
-// 5343, section 3.2.
+// If the transport secures the messages, nothing reveals the engine id, so ask the agent for it
+// (RFC 5343, section 3.2).
 void Session::discover_context_engine() {
     constexpr std::array<unsigned char, 5> local_engine{0x80, 0, 0, 0, 6};
     ask_again_and_again([&] {
@@ -455,8 +453,8 @@ void Session::discover_context_engine() {
     });
 }
 
-// An agent says nothing to a request that it can't decrypt, but answers the same user's request
-// without privacy, if only with a refusal.
+// An agent does not answer a request that it can't decrypt, but it answers the same user's request
+// without privacy, at least with a refusal.
 void Session::check_privacy() {
     if (!is_usm() || session_->securityLevel != SNMP_SEC_LEVEL_AUTHPRIV || has_answered_ ||
         !is_found_) {
@@ -479,11 +477,9 @@ Session::Pdu Session::answer_to(int command, const std::vector<Binding> &binding
     return answer;
 }
 
-// --- requests ---
-
 std::vector<Value> Session::get(const std::vector<Oid> &names) {
     std::vector<Value> values;
-    // which refuses the whole request for one that is not there
+    // SNMPv1 refuses the whole request if one of the objects does not exist.
     if (session_->version == SNMP_VERSION_1 && names.size() > 1) {
         for (const Oid &name : names) {
             values.push_back(get({name}).front());
@@ -520,7 +516,7 @@ void Session::check_read(const netsnmp_pdu &answer) const {
     }
 }
 
-// The first instance behind the name, whatever it is; nothing at the end of the agent's objects.
+// The first instance after the name, whatever it is; empty at the end of the agent's objects.
 std::optional<Binding> Session::next(const Oid &name) {
     const Pdu answer = answer_to(SNMP_MSG_GETNEXT, {{name, {}}});
     const netsnmp_variable_list *variable = answer->variables;

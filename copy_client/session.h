@@ -30,10 +30,10 @@ namespace copy_client {
 
 using Clock = std::chrono::steady_clock;
 
-// A value as the copy table has them: a number, octets, or nothing where there is no such instance.
+// A value of the copy table: a number, octets, or std::monostate if there is no such instance.
 using Value = std::variant<std::monostate, long, std::string>;
 
-// What is no number is nothing, what are no octets is empty.
+// Empty if the value is not a number, or "" if it is not octets.
 std::optional<long> number(const Value &value);
 std::string octets(const Value &value);
 
@@ -42,72 +42,73 @@ struct Binding {
     Value value;
 };
 
-// SNMP_SEC_LEVEL_… of SNMPv3 that requests of such a session have, and its name.
+// The SNMPv3 security level (SNMP_SEC_LEVEL_…) of the session's requests, and its name.
 int security_level(const netsnmp_session &session);
 std::string_view name_of_level(int level);
 
-// The user of SNMPv3 that requests of such a session name; empty in other versions.
+// The SNMPv3 user of the session's requests; empty for other versions.
 std::string security_name(const netsnmp_session &session);
 
 // An agent's answer to a SET.
 struct SetResult {
     long status = 0;    // SNMP_ERR_… of RFC 3416
-    std::size_t at = 0; // which binding it is about, from 1; 0 for none
+    std::size_t at = 0; // the binding that the status is about, from 1; 0 for none
 };
 
 struct Peer {
-    std::string name;    // what the session's user calls it
-    std::string address; // as of snmpcmd(1), with no name that would have to be looked up
+    std::string name;    // the agent as the session's user names it
+    std::string address; // as in snmpcmd(1), without a name that would need a look-up
 };
 
-// Takes each message in words; several threads may call it at a time. No password is told.
-using Tell = std::function<void(const std::string &words)>;
+// Receives each message as text; several threads may call it at once. Passwords are not shown.
+using Tell = std::function<void(const std::string &text)>;
 
-// Sets the library up for a program that says all to its sessions: it reads no user's
-// configuration, loads no MIB modules, keeps nothing on this machine and prints nothing. To be
-// called before there are threads.
+// Initialises the library for a program that gives its sessions all their settings: it reads no
+// user configuration, loads no MIB modules, stores nothing on this machine and prints nothing. Call
+// it before any thread is started.
 void set_up_library(const char *program);
 
 class Session {
   public:
-    // `settings` is all but the peer: its timeout and its retries hold for each request, and what
-    // it leaves open the library's own settings say. It must outlive the session. A request ends
-    // with Stopped when the descriptor `stop` (-1: never) becomes readable. Throws Trouble.
+    // `settings` holds everything except the peer. Its timeout and retries apply to each request;
+    // the library's own settings apply where it leaves something open. It must outlive the session.
+    // A request ends with Stopped when the descriptor `stop` (-1: never) becomes readable. Throws
+    // Trouble.
     Session(const netsnmp_session &settings, Peer peer, int stop, Tell tell = {});
     Session(const Session &) = delete;
     Session &operator=(const Session &) = delete;
     ~Session();
 
-    // With a deadline, silence is no trouble before it comes. Afterwards nothing more is asked.
+    // Until the deadline, silence is not an error. After it, nothing more is requested.
     void set_deadline(Clock::time_point deadline) { deadline_ = deadline; }
 
-    // From now on `stop` is no reason to end; requests wait for an answer once, and no longer than
-    // `most`.
+    // From now on `stop` is ignored, and each request waits for an answer once, at most for `most`.
     void begin_to_clean_up(Milliseconds most);
 
-    // They wait for an answer, and throw Trouble when none comes or the agent takes no request of
-    // ours, or Stopped.
+    // These wait for the answer. They throw Stopped, or Trouble if no answer comes or the agent
+    // does not accept our requests.
 
-    // The values in the order of the names; a read does no harm when it is repeated, so it is.
+    // The values in the order of the names. A read is harmless, so it is repeated until it is
+    // answered.
     std::vector<Value> get(const std::vector<Oid> &names);
 
-    // Whether the agent has objects at the name that this user may read, be there an instance or
-    // not. Agents of SNMPv1 do not tell: then it is true.
+    // Whether the agent has objects below the name that this user may read, with or without
+    // instances. SNMPv1 agents do not tell, so this returns true for them.
     bool has_object(const Oid &name);
 
-    // The instances whose names are this one and one number more, as those of a column are.
+    // The instances whose names are this one plus one sub-identifier, as those of a column are.
     std::vector<Binding> instances(const Oid &name);
 
-    // Sends the SET once: one that is repeated may come twice. Nothing when it is not known whether
-    // it was carried out.
+    // Sends the SET once: a repeated one could be carried out twice. Empty if it is not known
+    // whether it was carried out.
     std::optional<SetResult> set(const std::vector<Binding> &bindings);
 
-    // Lets time pass, or throws Stopped.
+    // Waits for that time, or throws Stopped.
     void pause(Milliseconds time) const;
 
     [[nodiscard]] const std::string &agent() const { return peer_.name; }
 
-    // The name of the security level if the user could have a higher one; otherwise empty.
+    // The name of an SNMPv3 security level below authPriv; otherwise empty.
     [[nodiscard]] std::string low_level() const;
 
   private:
@@ -142,15 +143,15 @@ class Session {
     Tell tell_;
     void *handle_ = nullptr;
     netsnmp_session *session_ = nullptr; // the library's, of handle_
-    std::list<Pending> pending_;         // those that were given up may be answered yet
+    std::list<Pending> pending_;         // requests that were given up may still be answered
     Milliseconds timeout_{};
     int attempts_ = 1;
     Clock::time_point deadline_ = Clock::time_point::max();
     int unanswered_ = 0;        // requests since the last answer
-    bool has_answered_ = false; // to a request of the user
+    bool has_answered_ = false; // to a request with the user's credentials
     bool is_ready_ = false;
     bool cleans_up_ = false;
-    bool is_found_ = false; // its engine id was asked for and told
+    bool is_found_ = false; // the agent has reported its engine id
 };
 
 } // namespace copy_client

@@ -1,4 +1,4 @@
-// Why a session can't go on. The words for it are its users' business.
+// Why a session can't go on. Its callers put it into words.
 #pragma once
 
 #include <exception>
@@ -10,34 +10,34 @@ namespace copy_client {
 enum class TroubleKind {
     // Nothing can be sent: the settings or the address are wrong.
     no_session,            // detail: the library's text
-    no_address,            // no session either, for the address; detail: the library's text
+    no_address,            // the same, because of the address; detail: the library's text
     no_authentication_key, // the security level needs one; detail: the level's name
     no_privacy_key,        // likewise
-    no_user,               // no SNMPv3 user can be made of the settings
+    no_user,               // the settings make no SNMPv3 user
     no_message,            // number: SNMPERR_… of the library
 
-    // The agent takes no request of ours.
+    // The agent does not accept our requests.
     unknown_user,
     wrong_authentication, // detail: the protocol in use
     wrong_privacy,        // detail: the protocol in use
-    level_without_keys,   // the agent has no keys of the user for the level; detail: its name
-    other_engine,         // the agent has another engine id than the settings say
-    unsettled_time,       // the agent's engine time is another one each time
+    level_without_keys,   // the agent has no keys of the user for it; detail: the level's name
+    other_engine,         // the agent's engine id differs from the one in the settings
+    unsettled_time,       // the agent's engine time differs each time
     other_report,         // number: SNMPERR_… of the library
     read_refused,         // number: SNMP_ERR_…
 
-    // The agent does not answer. number: SNMP_VERSION_…; detail: for how many seconds.
+    // The agent does not answer. number: SNMP_VERSION_…; detail: the seconds waited.
     silent,
     silent_to_user, // it answers a request without a user
     silent_now,     // it answered before
 
-    out_of_time, // the deadline has come, and the agent answers
+    out_of_time, // the deadline is over, and the agent answers
 
-    // Of a row.
-    making_refused,  // number: SNMP_ERR_…; column: which one the agent does not take
+    // About a row.
+    making_refused,  // number: SNMP_ERR_…; column: the one that the agent refuses
     making_lost,     // too many packets are lost
     activation_lost, // likewise
-    row_gone,        // the agent began anew, or somebody removed it
+    row_gone,        // the agent has restarted, or the row was removed
 };
 
 struct Trouble : std::exception {
@@ -52,8 +52,8 @@ struct Trouble : std::exception {
     unsigned long column;
 };
 
-// What SNMPERR_… of the library says of our credentials; other_report when it says nothing of
-// them.
+// What an SNMPERR_… code of the library says about our credentials; other_report if it says nothing
+// about them.
 TroubleKind kind_of_error(int error);
 
 } // namespace copy_client

@@ -25,7 +25,7 @@ Key made_key(const Hash &hash, const std::string &passphrase) {
     return {key.begin(), key.begin() + static_cast<std::ptrdiff_t>(length)};
 }
 
-// Those who want a key that is being made wait for it.
+// Threads that want a key which is being derived wait for it.
 Key key_of(const Hash &hash, const std::string &passphrase) {
     static std::mutex mutex;
     static std::map<std::pair<Hash, std::string>, Key> keys;
@@ -43,7 +43,7 @@ void set_user(netsnmp_session &session, const User &user) {
     session.version = SNMP_VERSION_3;
     session.securityModel = SNMP_SEC_MODEL_USM;
     session.securityLevel = SNMP_SEC_LEVEL_AUTHPRIV;
-    session.securityName = const_cast<char *>(user.name.c_str()); // which the library copies
+    session.securityName = const_cast<char *>(user.name.c_str()); // the library copies it
     session.securityNameLen = user.name.size();
     session.securityAuthProto = ::sc_get_auth_oid(
         ::usm_lookup_auth_type(user.auth_protocol.c_str()), &session.securityAuthProtoLen);
@@ -59,7 +59,8 @@ void set_user(netsnmp_session &session, const User &user) {
     session.securityPrivKeyLen = priv.size();
 }
 
-// Opening a session makes them. What keeps it from being opened shows with the agents.
+// Opening a session derives them. If it can't be opened, the sessions with the agents will report
+// why.
 void keep_keys_of_settings(netsnmp_session &session) {
     std::string nobody = "udp:127.0.0.1:161";
     netsnmp_session settings = session;

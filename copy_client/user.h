@@ -1,5 +1,5 @@
-// Users of SNMPv3. Making the key of a passphrase takes milliseconds (RFC 3414, A.2.1), so each is
-// made once in a process, whatever the number of agents that know the user.
+// SNMPv3 users. Deriving a key from a passphrase takes milliseconds (RFC 3414, A.2.1), so each is
+// derived once per process, however many agents have the user.
 #pragma once
 
 #include <net-snmp/net-snmp-config.h>
@@ -12,18 +12,19 @@ namespace copy_client {
 
 struct User {
     std::string name;
-    std::string auth_protocol; // a name that Net-SNMP knows, such as SHA-256
+    std::string auth_protocol; // as Net-SNMP names it, such as SHA-256
     std::string auth_passphrase;
     std::string priv_protocol; // likewise, such as AES
     std::string priv_passphrase;
 };
 
-// Gives the session the user, with authentication and privacy. The user's name must outlive it.
-// Threads may call it side by side. Throws std::runtime_error when a passphrase makes no key.
+// Gives the session the user, with authentication and privacy. The user's name must outlive the
+// session. Threads may call it concurrently. Throws std::runtime_error if no key can be derived
+// from a passphrase.
 void set_user(netsnmp_session &session, const User &user);
 
-// Makes the keys of the passphrases in snmp.conf, if the session's are to be made of them:
-// otherwise the library makes them anew for each agent. To be called before there are threads.
+// Derives the keys of the passphrases in snmp.conf, if the session uses them. Otherwise the library
+// would derive them again for each agent. Call it before any thread is started.
 void keep_keys_of_settings(netsnmp_session &session);
 
 } // namespace copy_client

@@ -1,5 +1,5 @@
-// Where this room waits, and nowhere else: a loop that serves many sessions on one thread begins
-// here, by going on with another session instead.
+// All waiting in this folder happens here. A loop that serves many sessions on one thread would
+// start here, by continuing another session instead.
 #pragma once
 
 #include <chrono>
@@ -8,14 +8,14 @@ namespace copy_client {
 
 using Milliseconds = std::chrono::milliseconds;
 
-// Thrown where the work ends because its user wants it to.
+// Thrown when the caller wants the work to end.
 struct Stopped {};
 
-// Whether `descriptor` (-1: none) became readable within the time. Throws Stopped as soon as the
+// Whether `descriptor` (-1: none) becomes readable within the time. Throws Stopped as soon as the
 // descriptor `stop` (-1: never) is readable.
 bool wait_for_input(int descriptor, int stop, Milliseconds time);
 
-// The same without a descriptor: lets the time pass.
+// Waits for that time, without a descriptor.
 void pause_for(Milliseconds time, int stop);
 
 } // namespace copy_client

@@ -23,11 +23,11 @@ constexpr Clock::duration first_wait = std::chrono::seconds(1);
 constexpr Clock::duration least_wait = std::chrono::milliseconds(200);
 constexpr Clock::duration longest_wait = std::chrono::seconds(8);
 
-// How long a report that the server's port is closed may be ahead of what the server sent before it
-// closed it.
+// How much earlier than the server's last packet the report that its port is closed may arrive.
 constexpr Clock::duration last_words = std::chrono::milliseconds(200);
 
-// Room for a window that arrives while the file system is busy. The kernel bounds it as configured.
+// Room for a window that arrives while the file system is busy. The kernel limits it to its
+// configured maximum.
 constexpr int receive_buffer = 512 * 1024;
 
 const sockaddr *plain(const sockaddr_storage &address) {
@@ -43,7 +43,7 @@ const sockaddr_in6 &ipv6(const sockaddr_storage &address) {
     return reinterpret_cast<const sockaddr_in6 &>(address);
 }
 
-// Both families keep the port at the same place.
+// The port is at the same place for both address families.
 in_port_t port(const sockaddr_storage &address) {
     return ipv4(address).sin_port;
 }
@@ -76,8 +76,8 @@ bool is_unreachable(int number) {
            number == EACCES || number == ENONET || number == EPROTO || number == ENOPROTOOPT;
 }
 
-// Who asks for a file learns the same of a host that can't be reached as of a network: that there
-// is no way to the server.
+// An unreachable host is reported as an unreachable network: either way there is no route to the
+// server.
 int without_host(int number) {
     return number == EHOSTUNREACH || number == EHOSTDOWN ? ENETUNREACH : number;
 }
@@ -100,7 +100,7 @@ bool same_host(const sockaddr_storage &one, const sockaddr_storage &other) {
     if (one.ss_family == AF_INET) {
         return ipv4(one).sin_addr.s_addr == ipv4(other).sin_addr.s_addr;
     }
-    // The kernel tells a scope for link-local addresses only.
+    // The kernel reports a scope only for link-local addresses.
     const auto one_scope = ipv6(one).sin6_scope_id;
     const auto other_scope = ipv6(other).sin6_scope_id;
     return std::memcmp(&ipv6(one).sin6_addr, &ipv6(other).sin6_addr, sizeof(in6_addr)) == 0 &&
@@ -123,8 +123,8 @@ std::size_t path_payload(const Endpoint &server) {
     return static_cast<std::size_t>(mtu) > headers ? static_cast<std::size_t>(mtu) - headers : 0;
 }
 
-// The socket stays unconnected, because the server answers from another port than it is asked at;
-// so the kernel has to be told to keep what ICMP reports.
+// The socket can't be connected, because the server answers from another port than the one for
+// requests. So the kernel must be asked to queue ICMP errors.
 Channel::Channel(const Endpoint &server)
     : socket_(open_socket(server)), server_(server.address), server_octets_(server.address_octets),
       buffer_(largest_packet) {
@@ -135,8 +135,8 @@ Channel::Channel(const Endpoint &server)
 }
 
 void Channel::send(Octets packet) {
-    // A send may also fail on account of a report about an earlier packet, and then sends nothing.
-    // Several reports may wait.
+    // A send may fail because of a report about an earlier packet, and then sends nothing. Several
+    // reports may be queued.
     constexpr int attempts = 4;
     for (int attempt = 0; attempt < attempts; ++attempt) {
         if (::sendto(socket_.get(), packet.data(), packet.size(), 0, plain(server_),
@@ -145,7 +145,7 @@ void Channel::send(Octets packet) {
         }
         const int problem = errno;
         if (problem == ENOBUFS || problem == ENOMEM) {
-            return; // as good as lost on the way
+            return; // treat it as lost on the way
         }
         if (!drain_errors() && problem != EINTR) {
             throw_error(without_host(problem));
@@ -161,7 +161,8 @@ std::optional<Packet> Channel::receive(Clock::time_point until) {
             }
             auto packet = decode(*datagram);
             if (adopted_ && port(source_) != port(server_)) {
-                // An error must not be answered, or two confused programs never come to rest.
+                // An error must not be answered with an error, or two confused programs would never
+                // stop.
                 if (packet && !std::holds_alternative<Error>(*packet)) {
                     const auto refusal =
                         encode_error(ErrorCode::unknown_transfer_id, "Unknown transfer ID");
@@ -177,7 +178,7 @@ std::optional<Packet> Channel::receive(Clock::time_point until) {
             continue;
         }
         const auto now = Clock::now();
-        if (final_ != 0 && now >= final_at_) { // and nothing that the server said before has come
+        if (final_ != 0 && now >= final_at_) { // and no packet of the server is left
             throw_error(final_);
         }
         if (now >= until) {
@@ -211,14 +212,14 @@ std::optional<Octets> Channel::next_datagram() {
         if (problem == EAGAIN || problem == EINTR) {
             return std::nullopt;
         }
-        // A report comes ahead of the datagrams that wait: read on behind it.
+        // A report arrives before the datagrams that are queued: read on.
         if (!drain_errors()) {
             throw_error(problem, "cannot receive");
         }
     }
 }
 
-// Reads what the network reported about packets of this socket. False if it reported nothing.
+// Reads what the network reported about packets of this socket. Returns false if there was nothing.
 bool Channel::drain_errors() {
     bool any = false;
     for (;;) {
@@ -238,7 +239,7 @@ bool Channel::drain_errors() {
             const bool is_report =
                 (header->cmsg_level == IPPROTO_IP && header->cmsg_type == IP_RECVERR) ||
                 (header->cmsg_level == IPPROTO_IPV6 && header->cmsg_type == IPV6_RECVERR);
-            // Reports about the refusals sent to foreign ports are nobody's concern.
+            // Ignore reports about the refusals that we send to foreign ports.
             if (!is_report || !same_host(destination, server_) ||
                 port(destination) != port(server_)) {
                 continue;
@@ -246,21 +247,21 @@ bool Channel::drain_errors() {
             sock_extended_err report{};
             std::memcpy(&report, CMSG_DATA(header), sizeof report);
             const int number = without_host(static_cast<int>(report.ee_errno));
-            // A server that refuses a transfer says why and closes its port: its last words may
-            // still wait to be read, or be on the way.
+            // A server that refuses a transfer sends the reason and closes its port. The reason may
+            // still be queued or on its way.
             if (number == ECONNREFUSED || (is_unreachable(number) && !adopted_)) {
                 final_at_ = final_ == 0 ? Clock::now() + last_words : final_at_;
                 final_ = number;
             } else if (is_unreachable(number)) {
-                unreachable_ = number; // a path may come back in the course of a transfer
+                unreachable_ = number; // the route may come back during the transfer
             }
         }
     }
 }
 
-Retransmission::Retransmission(std::chrono::seconds patience)
-    : patience_(patience), wait_(std::min(first_wait, patience_ / 4)),
-      repeat_at_(Clock::now() + wait_), give_up_at_(Clock::now() + patience_) {}
+Retransmission::Retransmission(std::chrono::seconds timeout)
+    : timeout_(timeout), wait_(std::min(first_wait, timeout_ / 4)),
+      repeat_at_(Clock::now() + wait_), give_up_at_(Clock::now() + timeout_) {}
 
 void Retransmission::sent() {
     measured_from_ = Clock::now();
@@ -289,7 +290,7 @@ void Retransmission::progressed() {
         measured_from_.reset();
     }
     repeat_at_ = now + wait_;
-    give_up_at_ = now + patience_;
+    give_up_at_ = now + timeout_;
 }
 
 Clock::time_point Retransmission::wake() const {

@@ -1,5 +1,5 @@
-// The datagrams between this client and one server: addressing, the server's transfer id, what the
-// network reports, and the clock that says when to repeat and when to give up.
+// Datagrams between this client and one server: addressing, the server's transfer id, network
+// errors, and the timer for retransmission and giving up.
 #pragma once
 
 #include "base/unique_fd.h"
@@ -18,9 +18,9 @@ namespace ulmo::tftp {
 
 using Clock = std::chrono::steady_clock;
 
-// What the server says against a transfer. `result` is what the C interface returns for it
-// (platform/tftp_client.h), what() says what happened, beyond the meaning of the result itself; it
-// may be empty. What fails on this side or on the way is a std::system_error.
+// A failure that the server reports. `result` is what the C interface returns for it
+// (platform/tftp_client.h). what() gives details beyond the meaning of the result, and may be
+// empty. Failures on this side or on the way are std::system_error.
 class TransferError : public std::runtime_error {
   public:
     TransferError(int result, const std::string &detail)
@@ -31,53 +31,53 @@ class TransferError : public std::runtime_error {
     int result_;
 };
 
-// What the C interface returns for an errno value. The same function tells the number of a result.
+// The C interface's result for an errno value; applied to a result, it gives the errno value back.
 constexpr int system_result(int number) {
     return -(100 + number);
 }
 
-// The error that a server reported. Code 0 says no more than its text, and a code above 99 has no
-// result of its own: both become EPROTO.
+// The exception for an error that the server reported. Code 0 means no more than its text, and a
+// code above 99 has no result of its own: both become EPROTO.
 TransferError server_error(const Error &error);
 
-// Where a server is, and how to talk to it.
+// A server's address, and how to talk to it.
 struct Endpoint {
-    sockaddr_storage address{}; // with the port that takes requests
+    sockaddr_storage address{}; // with the port for requests
     socklen_t address_octets = 0;
     // network device that the socket is bound to; empty: as routed
     std::string device;
-    // how long without a step forward before the transfer is given up
-    std::chrono::seconds patience{20};
-    std::uint16_t block_size = largest_block_size; // upper bounds of what is asked for
+    // how long a transfer may make no progress before it is given up
+    std::chrono::seconds timeout{20};
+    std::uint16_t block_size = largest_block_size; // upper bounds of the requested options
     std::uint16_t window_size = 64;
 };
 
-// Whether both addresses name the same host, ports aside.
+// Whether both addresses are of the same host, ignoring the ports.
 bool same_host(const sockaddr_storage &one, const sockaddr_storage &other);
 
-// The UDP payload that fits into one packet on the way to the server, as far as the kernel knows
-// the path. Sends nothing.
+// The UDP payload that fits into one packet to the server, as far as the kernel knows the path's
+// MTU. Sends nothing.
 std::size_t path_payload(const Endpoint &server);
 
-// One socket, and so one transfer id of ours.
+// One socket, and therefore one transfer id of this client.
 class Channel {
   public:
     explicit Channel(const Endpoint &server);
 
-    // Sends to the port that takes requests, or to the server's transfer id once that is known.
+    // Sends to the server's transfer id if it is known, otherwise to the port for requests.
     void send(Octets packet);
 
-    // The next packet of the server, or nothing at `until`. Before adopt(), that is any packet from
-    // the server's host; afterwards, only those with the server's transfer id, and others from its
-    // host are answered with error 5. Views into the packet hold until the next call. Throws what
-    // the network reports: that nobody listens, or, as long as the server has not answered, that it
-    // can't be reached.
+    // The next packet from the server; empty at `until`. Before adopt(), any packet from the
+    // server's host counts. Afterwards only those with the server's transfer id do, and others from
+    // its host are answered with error 5. Views into the packet are valid until the next call.
+    // Throws network errors: that no process listens on the port, or, before the server's first
+    // answer, that the host is unreachable.
     std::optional<Packet> receive(Clock::time_point until);
 
-    // Makes the source port of the packet received last the server's transfer id.
+    // Takes the source port of the last received packet as the server's transfer id.
     void adopt();
 
-    // Told by the network since the server's last packet: the errno value, or 0.
+    // The errno value that the network has reported since the server's last packet, or 0.
     [[nodiscard]] int unreachable() const { return unreachable_; }
 
   private:
@@ -90,35 +90,37 @@ class Channel {
     sockaddr_storage source_{};
     bool adopted_ = false;
     int unreachable_ = 0;
-    // an errno value that ends the transfer once nothing of the server's is left to read ...
+    // an errno value that ends the transfer once there is nothing left to read from the server ...
     int final_ = 0;
     Clock::time_point final_at_; // ... and this time has come
     std::vector<std::uint8_t> buffer_;
 };
 
-// When to repeat the last packet, and when to give up. The time to wait follows the measured round
-// trip (RFC 6298) and doubles with each repetition; a packet that was repeated measures nothing.
+// When to repeat the last packet, and when to give up. The waiting time follows the measured round
+// trip (RFC 6298) and doubles with each repetition. A packet that was repeated gives no
+// measurement.
 class Retransmission {
   public:
-    explicit Retransmission(std::chrono::seconds patience);
+    explicit Retransmission(std::chrono::seconds timeout);
 
-    // A packet that calls for an answer goes out for the first time.
+    // A packet that needs an answer is sent for the first time.
     void sent();
-    // A packet goes out again: the answer to it measures nothing.
+    // A packet is sent again: its answer gives no measurement.
     void resent();
-    // The transfer went a step forward.
+    // The transfer has made progress.
     void progressed();
-    // When the wait ends.
+    // When the current wait ends.
     [[nodiscard]] Clock::time_point wake() const;
-    // The wait ended: false if patience ended with it, otherwise the next wait has begun.
+    // The wait is over. Returns false if the timeout is over too; otherwise the next wait has
+    // begun.
     bool repeat();
-    // The smoothed round trip; until one was measured, the time to wait.
+    // The smoothed round trip; the waiting time until one has been measured.
     [[nodiscard]] Clock::duration round_trip() const {
         return smoothed_ == Clock::duration::zero() ? wait_ : smoothed_;
     }
 
   private:
-    Clock::duration patience_;
+    Clock::duration timeout_;
     Clock::duration wait_;
     Clock::duration smoothed_{};
     Clock::duration variation_{};

@@ -40,7 +40,7 @@ void append_option(std::vector<std::uint8_t> &packet, std::string_view name,
     }
 }
 
-// Takes a text that ends with NUL off the front.
+// Takes a NUL-terminated text off the front.
 std::optional<std::string_view> take_text(std::string_view &rest) {
     const auto end = rest.find('\0');
     if (end == std::string_view::npos) {
@@ -64,8 +64,8 @@ std::optional<OptionAcknowledgment> decode_options(std::string_view rest) {
     return answer;
 }
 
-// Takes one answered value over if it is a decimal number within the bounds and neither unasked for
-// nor a repetition.
+// Takes one answered value if it is a decimal number within the bounds, was requested, and was not
+// answered before.
 template <typename Value>
 bool take_value(std::string_view text, const std::optional<Value> &asked, Value least, Value most,
                 std::optional<Value> &agreed) {
@@ -104,7 +104,7 @@ std::optional<Packet> decode(Octets datagram) {
     case Opcode::acknowledgment:
         return Acknowledgment{number};
     case Opcode::error: {
-        // Some servers leave the NUL out; the text is worth having all the same.
+        // Some servers omit the NUL; the text is still useful.
         const std::string_view text = texts.substr(header_octets);
         return Error{number, one_line(text.substr(0, text.find('\0')), longest_text)};
     }
@@ -153,10 +153,10 @@ void put_data_header(std::span<std::uint8_t> packet, std::uint16_t block) {
 
 std::optional<Options> agree(Opcode request, const Options &asked,
                              const OptionAcknowledgment &answer) {
-    // A server may lower the block size and the window; it answers the timeout and the size of what
-    // we write unchanged, and the size of what we read is its own to tell.
+    // A server may lower the block size and the window. It must echo the timeout, and the size of a
+    // file that we write; for a file that we read it sets the size.
     constexpr auto any_size = std::numeric_limits<std::uint64_t>::max();
-    const std::uint64_t told = asked.transfer_size.value_or(0);
+    const std::uint64_t announced = asked.transfer_size.value_or(0);
     const bool reading = request == Opcode::read_request;
     Options agreed;
     for (const auto &[name, value] : answer.options) {
@@ -168,8 +168,8 @@ std::optional<Options> agree(Opcode request, const Options &asked,
             const std::uint8_t seconds = asked.timeout.value_or(0);
             good = take_value(value, asked.timeout, seconds, seconds, agreed.timeout);
         } else if (is_option(name, transfer_size_option)) {
-            good = take_value(value, asked.transfer_size, reading ? 0 : told,
-                              reading ? any_size : told, agreed.transfer_size);
+            good = take_value(value, asked.transfer_size, reading ? 0 : announced,
+                              reading ? any_size : announced, agreed.transfer_size);
         } else if (is_option(name, window_size_option)) {
             good = take_value(value, asked.window_size, std::uint16_t{1},
                               asked.window_size.value_or(0), agreed.window_size);

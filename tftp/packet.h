@@ -35,14 +35,14 @@ enum class ErrorCode : std::uint16_t {
 };
 
 inline constexpr std::size_t header_octets = 4;
-// RFC 2347: a request, options included, fits in 512 octets
+// A request including its options fits in 512 octets (RFC 2347).
 inline constexpr std::size_t largest_request = 512;
 inline constexpr std::uint16_t default_block_size = 512;          // RFC 1350
 inline constexpr std::uint16_t smallest_block_size = 8;           // RFC 2348
 inline constexpr std::uint16_t largest_block_size = 65464;        // RFC 2348
 inline constexpr std::size_t largest_packet = std::size_t{65535}; // of UDP
 
-// Options, asked for or agreed on. What is absent is not asked for, or stays as in RFC 1350.
+// Options, requested or agreed on. An absent one is not requested, or stays as in RFC 1350.
 struct Options {
     std::optional<std::uint16_t> block_size{};    // octets, 8..65464
     std::optional<std::uint8_t> timeout{};        // seconds, 1..255
@@ -70,16 +70,16 @@ struct Error {
 };
 
 struct OptionAcknowledgment {
-    std::vector<std::pair<std::string_view, std::string_view>> options; // name, value: as sent
+    std::vector<std::pair<std::string_view, std::string_view>> options; // name and value, as sent
 };
 
-// What a server sends. The views point into the octets that were decoded.
+// A packet from a server. The views point into the decoded octets.
 using Packet = std::variant<Data, Acknowledgment, Error, OptionAcknowledgment>;
 
-// The packet in the octets of one datagram; nothing if they are none that a server may send.
+// Decodes the octets of one datagram; empty if they are not a packet that a server may send.
 std::optional<Packet> decode(Octets datagram);
 
-// A request in octet mode. Nothing if it exceeds 512 octets. The file name holds no NUL.
+// A request in octet mode; empty if it exceeds 512 octets. The file name must not contain NUL.
 std::optional<std::vector<std::uint8_t>> encode_request(Opcode opcode, std::string_view file_name,
                                                         const Options &options);
 
@@ -89,9 +89,9 @@ std::vector<std::uint8_t> encode_error(ErrorCode code, std::string_view text);
 // Writes the header of a DATA packet into the first octets of `packet`.
 void put_data_header(std::span<std::uint8_t> packet, std::uint16_t block);
 
-// What holds after the server's answer to the options of a request: nothing if the answer names an
-// option that was not asked for, or twice, or a value that RFC 2348, 2349 or 7440 does not allow in
-// answer to the one asked for.
+// The options in force after the server's answer. Empty if the answer has an option that was not
+// requested, an option twice, or a value that RFC 2348, 2349 or 7440 does not allow as an answer to
+// the requested one.
 std::optional<Options> agree(Opcode request, const Options &asked,
                              const OptionAcknowledgment &answer);
 

@@ -24,7 +24,7 @@ namespace {
 
 constexpr int default_port = 69;
 constexpr int largest_port = 65535;
-constexpr int longest_patience = 255;
+constexpr int longest_timeout = 255;
 
 constexpr std::array<std::string_view, 9> protocol_texts = {
     "Not defined",
@@ -38,7 +38,7 @@ constexpr std::array<std::string_view, 9> protocol_texts = {
     "Options refused",
 };
 
-// The index of a network device, by name or number.
+// The index of a network device, by name or by number.
 std::optional<std::uint32_t> scope_index(const std::string &scope) {
     if (const auto index = ::if_nametoindex(scope.c_str()); index != 0) {
         return index;
@@ -46,7 +46,7 @@ std::optional<std::uint32_t> scope_index(const std::string &scope) {
     return parsed_number<std::uint32_t>(scope, 1);
 }
 
-// Fills the address in. False if the text is no IPv4 or IPv6 address.
+// Fills in the address. Returns false if the text is not an IPv4 or IPv6 address.
 bool parse_server(const std::string &text, in_port_t port, Endpoint &server) {
     sockaddr_in ipv4{};
     sockaddr_in6 ipv6{};
@@ -75,7 +75,7 @@ bool parse_server(const std::string &text, in_port_t port, Endpoint &server) {
         ipv6.sin6_scope_id = *scope;
     }
     if (IN6_IS_ADDR_V4MAPPED(&ipv6.sin6_addr)) {
-        // Such a server is an IPv4 host, and answers as one.
+        // An IPv4-mapped address: the server is an IPv4 host and answers as one.
         ipv4.sin_family = AF_INET;
         ipv4.sin_port = port;
         constexpr std::size_t prefix = 12;
@@ -93,7 +93,7 @@ void check_remote(const std::string &remote) {
 
 constexpr std::string_view local_file = "the local file";
 
-// A file, or a link that a file may take the place of, or nothing at all.
+// The name must be unused, a regular file, or a link, which the file may replace.
 void check_replaceable(const std::string &name) {
     struct stat present {};
     if (::lstat(name.c_str(), &present) == 0 && !S_ISREG(present.st_mode) &&
@@ -102,7 +102,7 @@ void check_replaceable(const std::string &name) {
     }
 }
 
-// What the text of a system error says before the meaning of its number.
+// The part of a system error's text that comes before the meaning of its number.
 std::string detail_of(const std::system_error &error) {
     const std::string text = error.what();
     const std::size_t colon = text.rfind(": " + error.code().message());
@@ -113,10 +113,10 @@ std::string detail_of(const std::system_error &error) {
 
 int Session::set_timeout(int seconds) {
     return guarded([&] {
-        if (seconds < 1 || seconds > longest_patience) {
+        if (seconds < 1 || seconds > longest_timeout) {
             throw_error(EINVAL, "a timeout is 1 to 255 seconds");
         }
-        server_.patience = std::chrono::seconds(seconds);
+        server_.timeout = std::chrono::seconds(seconds);
     });
 }
 
@@ -137,7 +137,7 @@ int Session::put(const std::string &local, const std::string &remote) {
     return guarded([&] {
         const Endpoint &server = connected();
         check_remote(remote);
-        // Opening a pipe that nobody writes to must not block.
+        // Opening a pipe without a writer must not block.
         constexpr int flags = O_RDONLY | O_CLOEXEC | O_NONBLOCK;
         const UniqueFd file(check(::open(local.c_str(), flags), "cannot open", local_file));
         const struct stat status = regular_file_status(file.get(), local_file);

@@ -20,16 +20,16 @@ class Session {
     int put(const std::string &local, const std::string &remote);
     int get(const std::string &remote, const std::string &local);
 
-    // Sockets of later transfers are bound to this network device; empty: to none.
+    // Binds the sockets of later transfers to this network device; empty: to none.
     void bind_to_device(const std::string &device) { server_.device = device; }
 
-    // Upper bounds of the block size and of the window that later transfers ask for.
+    // Upper bounds of the block size and the window size that later transfers request.
     void limit(std::uint16_t block_size, std::uint16_t window_size);
 
-    // Octets that the latest transfer has sent or stored.
+    // Octets that the last transfer has sent or stored.
     [[nodiscard]] std::uint64_t moved() const { return moved_; }
 
-    // The meaning of a result and, if it is the latest one, what is known beyond that.
+    // The meaning of a result, with details if it is the last one.
     [[nodiscard]] std::string text(int result) const;
 
   private:

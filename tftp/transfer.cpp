@@ -13,12 +13,12 @@
 namespace ulmo::tftp {
 namespace {
 
-// The soonest that a repeated acknowledgment means more than a doubled packet: on a short path the
-// processes' turns, not the network, decide how far apart doubles come.
+// A repeated acknowledgment that comes sooner is taken for a duplicate packet: on a short path,
+// scheduling rather than the network determines how far apart duplicates arrive.
 constexpr Clock::duration least_doubt = std::chrono::milliseconds(10);
 
-// Which of the blocks near `around` has this number on the wire: numbers have 16 bits and go on
-// with 0 after 65535.
+// The block near `around` that has this number on the wire: numbers have 16 bits and wrap to 0
+// after 65535.
 std::uint64_t unwrapped(std::uint16_t number, std::uint64_t around) {
     const auto distance = static_cast<std::int16_t>(
         static_cast<std::uint16_t>(number - static_cast<std::uint16_t>(around)));
@@ -29,11 +29,11 @@ std::uint16_t wire_number(std::uint64_t block) {
     return static_cast<std::uint16_t>(block);
 }
 
-// A conversation from the server's first answer on.
+// A conversation, from the server's first answer on.
 class Conversation {
   public:
     Conversation(const Endpoint &server, Opcode opcode, const std::string &name, std::uint64_t size)
-        : clock_(server.patience) {
+        : clock_(server.timeout) {
         Options asked = options_for(server, size);
         auto request = encode_request(opcode, name, asked);
         if (!request) {
@@ -45,7 +45,7 @@ class Conversation {
             throw_error(ENAMETOOLONG);
         }
         if (!open(server, opcode, *request, asked)) {
-            clock_ = Retransmission(server.patience);
+            clock_ = Retransmission(server.timeout);
             open(server, opcode, *encode_request(opcode, name, {}), {});
         }
     }
@@ -59,12 +59,11 @@ class Conversation {
         return agreed_.transfer_size;
     }
 
-    // The server's first answer. It may be a block of data, which the next call of wait()
-    // overwrites.
+    // The server's first answer. If it is a block of data, the next call of wait() overwrites it.
     [[nodiscard]] const Packet &first() const { return first_; }
 
-    // The server's next packet, or nothing if it is time to repeat. Throws when the server sends an
-    // error and when patience ends.
+    // The server's next packet; empty if it is time to repeat. Throws if the server sends an error,
+    // and after the timeout.
     std::optional<Packet> wait() {
         auto packet = channel_->receive(clock_.wake());
         if (!packet && !clock_.repeat()) {
@@ -84,11 +83,11 @@ class Conversation {
         try {
             channel_->send(encode_error(code, text));
         } catch (const std::system_error &) {
-            // What made us refuse is the result, not that the server may miss the word.
+            // The result is our reason to refuse, not that the server may have missed it.
         }
     }
 
-    // Does what concerns the file on this side, and tells the server if that fails.
+    // Does the file work on this side, and tells the server if it fails.
     template <typename Work> auto locally(Work &&work) {
         try {
             return work();
@@ -102,10 +101,10 @@ class Conversation {
     }
 
   private:
-    // Sends the request until the server answers. False if the server refuses the options.
+    // Sends the request until the server answers. Returns false if the server refuses the options.
     bool open(const Endpoint &server, Opcode opcode, Octets request, const Options &asked) {
-        // Repetitions of an earlier request's answer go to an earlier socket, and so can't be taken
-        // for this one's.
+        // A new socket for each request, so that a repeated answer to an earlier request can't be
+        // taken for an answer to this one.
         channel_ = std::make_unique<Channel>(server);
         clock_.sent();
         channel_->send(request);
@@ -160,8 +159,8 @@ class Conversation {
     Packet first_;
 };
 
-// The receiving side: takes blocks in order, acknowledges each window and, once a gap shows, the
-// last block before it.
+// The receiving side: takes blocks in order, acknowledges each window and, when it sees a gap, the
+// last block before the gap.
 class Receiver {
   public:
     Receiver(Conversation &conversation, const Sink &sink)
@@ -172,12 +171,12 @@ class Receiver {
         while (!take(packet)) {
             packet = conversation_.wait();
         }
-        // The last acknowledgment may get lost. Then the server repeats its last block, meets a
+        // The last acknowledgment may get lost. The server then repeats its last block, meets a
         // closed port, and ends.
     }
 
   private:
-    // True after the last block.
+    // Returns true after the last block.
     bool take(const std::optional<Packet> &packet) {
         if (!packet) {
             acknowledge_again();
@@ -192,12 +191,12 @@ class Receiver {
     bool take_block(const Data &data) {
         const std::uint64_t block = unwrapped(data.block, expected_);
         if (block != expected_) {
-            // Behind a gap, and with a block that was acknowledged before, the server needs to hear
-            // where we are; but once a round trip is enough, since it may have sent all of a window
-            // before it could.
+            // After a gap, or a block that was acknowledged before, the server needs to know our
+            // position. Tell it only once per round trip, because it may have sent a whole window
+            // before it learns it.
             const bool gap =
-                block > expected_ && (!gap_told_ || Clock::now() - acknowledged_at_ >
-                                                        2 * conversation_.clock().round_trip());
+                block > expected_ && (!gap_reported_ || Clock::now() - acknowledged_at_ >
+                                                            2 * conversation_.clock().round_trip());
             const bool repetition = block + 1 == expected_ && block == acknowledged_;
             if (gap || repetition) {
                 acknowledge_again();
@@ -207,7 +206,7 @@ class Receiver {
         check(data.payload.size());
         conversation_.locally([&] { sink_(data.payload); });
         ++expected_;
-        gap_told_ = false;
+        gap_reported_ = false;
         conversation_.clock().progressed();
         const bool last = data.payload.size() < conversation_.block_size();
         if (last || block - acknowledged_ == conversation_.window_size()) {
@@ -242,7 +241,7 @@ class Receiver {
     void acknowledge_again() {
         send_acknowledgment();
         conversation_.clock().resent();
-        gap_told_ = true;
+        gap_reported_ = true;
     }
 
     void send_acknowledgment() {
@@ -256,11 +255,11 @@ class Receiver {
     std::uint64_t expected_ = 1;
     std::uint64_t acknowledged_ = 0;
     std::uint64_t total_ = 0;
-    bool gap_told_ = false;
+    bool gap_reported_ = false;
     Clock::time_point acknowledged_at_;
 };
 
-// The sending side: keeps a window of blocks under way and goes back to the first one that the
+// The sending side: keeps a window of blocks under way, and goes back to the first block that the
 // server lacks.
 class Sender {
   public:
@@ -315,7 +314,7 @@ class Sender {
         const std::uint64_t block = unwrapped(acknowledgment.block, unacknowledged_);
         if (block >= unacknowledged_ && block <= highest_) {
             if (block != highest_) {
-                conversation_.clock().resent(); // not the answer to what went out last
+                conversation_.clock().resent(); // this is not the answer to the last packet sent
             }
             unacknowledged_ = block + 1;
             next_ = unacknowledged_;
@@ -327,11 +326,10 @@ class Sender {
         }
     }
 
-    // Whether an acknowledgment that came once more says that the server lacks the first block of
-    // the window, rather than that the network doubled a packet. To answer a mere double would
-    // double every packet from then on (RFC 1123, section 4.2.3.1): so never without a window,
-    // never sooner than the server could have seen what it misses, and never for two windows in a
-    // row.
+    // Whether a repeated acknowledgment means that the server lacks the first block of the window,
+    // rather than that the network duplicated a packet. Answering a mere duplicate would duplicate
+    // every packet from then on (RFC 1123, section 4.2.3.1). So: never without a window, never
+    // sooner than the server could have noticed the gap, and never for two windows in a row.
     [[nodiscard]] bool lacks_first_of_window() const {
         const std::uint64_t window = conversation_.window_size();
         const Clock::duration soonest =
@@ -349,19 +347,19 @@ class Sender {
     std::uint64_t next_ = 1;           // next block to send
     std::uint64_t highest_ = 0;        // highest block sent so far
     Clock::time_point window_sent_at_;
-    // first block of the window last sent again for an acknowledgment that came once more
+    // first block of the last window that was sent again because of a repeated acknowledgment
     std::optional<std::uint64_t> gone_back_to_;
 };
 
 } // namespace
 
 Options options_for(const Endpoint &server, std::uint64_t transfer_size) {
-    // What a window may occupy of the other side's socket buffer, of which nothing but the kernel's
-    // usual default is known; each packet costs more there than its octets.
+    // The part of the other side's socket buffer that a window may occupy. Only the kernel's usual
+    // default is known, and each packet costs more there than its octets.
     constexpr std::size_t window_octets = std::size_t{160} * 1024;
     constexpr std::size_t packet_overhead = 1024;
-    // Servers give up after about five of their timeouts: so they are as patient as we are. Loss is
-    // found sooner by the measured round trip.
+    // Servers give up after about five of their timeouts, so this makes them wait as long as we do.
+    // The measured round trip detects losses sooner.
     constexpr int server_repetitions = 5;
 
     const std::size_t payload = std::max(path_payload(server), header_octets) - header_octets;
@@ -370,7 +368,7 @@ Options options_for(const Endpoint &server, std::uint64_t transfer_size) {
                                       payload, default_block_size, largest_block_size)),
                                   server.block_size);
     options.timeout = static_cast<std::uint8_t>(
-        std::clamp<long>(server.patience.count() / server_repetitions, 1, 255));
+        std::clamp<long>(server.timeout.count() / server_repetitions, 1, 255));
     options.transfer_size = transfer_size;
     options.window_size = static_cast<std::uint16_t>(std::clamp<std::size_t>(
         window_octets / (*options.block_size + packet_overhead), 1, server.window_size));
