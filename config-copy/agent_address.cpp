@@ -29,7 +29,7 @@ struct Transport {
     bool is_tcp;
 };
 
-// Names as of snmpcmd(1).
+// The transports' names, as in snmpcmd(1).
 constexpr std::array<Transport, 10> transports{{{"", Family::any, false},
                                                 {"udp:", Family::ipv4, false},
                                                 {"udp6:", Family::ipv6, false},
@@ -95,7 +95,7 @@ AgentAddress parse_agent(const std::string &agent) {
         }
         parts.host = rest.substr(1, end - 1);
         parts.port = end + 1 < rest.size() ? rest.substr(end + 2) : "";
-    } else if (is_numeric(rest)) { // an IPv6 address without brackets, too
+    } else if (is_numeric(rest)) { // also an IPv6 address without brackets
         parts.host = rest;
     } else {
         const std::size_t colon = rest.find(':');
@@ -122,7 +122,7 @@ std::string reachable_address(const std::string &agent) {
     const std::string port = parts.port.empty() ? "161" : parts.port;
     const Addresses list = look_up("agent", parts.host, port.c_str(), hints);
     if (transport->is_tcp && !connects(*list)) {
-        throw Failure(Ending::unreachable,
+        throw Failure(ExitStatus::unreachable,
                       "no connection to " + agent +
                           ": check the address, and whether the agent listens on TCP");
     }

@@ -1,5 +1,5 @@
-// Finding an agent without holding up the others: the Net-SNMP library would look its name up, and
-// connect to it by TCP, while it is locked.
+// Resolving and connecting to an agent without blocking other sessions: the Net-SNMP library would
+// look up its name, and connect by TCP, while locked.
 #pragma once
 
 #include <string>
@@ -7,12 +7,12 @@
 namespace config_copy {
 
 // The agent as the user writes it ([transport:]host[:port], see snmpcmd(1)), with the host's name
-// replaced by its address. What is no such form (other transports, paths) is returned as it is.
-// Throws a Failure of unreachable when the name is not known, or no TCP connection comes about in
-// some seconds.
+// replaced by its address. Text of any other form (other transports, paths) is returned unchanged.
+// Throws a Failure of unreachable if the name is not known or if a TCP connection is not
+// established within a few seconds.
 std::string reachable_address(const std::string &agent);
 
-// --- parts ---
+// Parts of the implementation.
 
 struct AgentAddress {
     std::string transport; // with its colon; may be empty

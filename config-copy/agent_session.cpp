@@ -9,27 +9,25 @@
 namespace config_copy {
 namespace {
 
-// What the agent says of our credentials, or nothing when it says nothing about them.
-std::string words_of_credentials(TroubleKind kind, const std::string &detail) {
+// What the agent says about our credentials; empty if it says nothing about them.
+std::string describe_credentials_error(TroubleKind kind, const std::string &detail) {
     const std::string in_use = detail.empty() ? "" : ", here " + detail;
     switch (kind) {
     case TroubleKind::unknown_user:
         return "the agent does not know this SNMPv3 user: check -u";
     case TroubleKind::wrong_authentication:
         return "the agent does not accept the user's authentication: check the passphrase (-A) and "
-               "the "
-               "protocol (-a" +
+               "the protocol (-a" +
                in_use + ')';
     case TroubleKind::wrong_privacy:
         return "the agent can't decrypt the user's requests: check the passphrase (-X) and the "
-               "protocol "
-               "(-x" +
+               "protocol (-x" +
                in_use + ')';
     case TroubleKind::level_without_keys:
         return "the agent has no keys of this user for the security level " + detail +
                ": choose another one with -l, or add the keys on the agent";
     case TroubleKind::other_engine:
-        return "the agent has another engine id: check -e";
+        return "the agent's engine id is not the one that was given: check -e";
     case TroubleKind::unsettled_time:
         return "the agent's engine time does not settle: does another agent have the same engine "
                "id?";
@@ -38,19 +36,18 @@ std::string words_of_credentials(TroubleKind kind, const std::string &detail) {
     }
 }
 
-std::string words_of_error(TroubleKind kind, const Trouble &trouble) {
-    const std::string words = words_of_credentials(kind, trouble.detail);
+std::string describe_error(TroubleKind kind, const Trouble &trouble) {
+    const std::string words = describe_credentials_error(kind, trouble.detail);
     return words.empty() ? ::snmp_api_errstring(static_cast<int>(trouble.number)) : words;
 }
 
-std::string words_of_silence(const Trouble &trouble) {
+std::string describe_silence(const Trouble &trouble) {
     switch (trouble.kind) {
     case TroubleKind::silent_now:
         return "it answered before; is it still running?";
     case TroubleKind::silent_to_user:
         return "an agent is there, but does not answer this user's requests: check the context "
-               "(-n) and "
-               "the user's settings";
+               "(-n) and the user's settings";
     default:
         return std::string(
                    "check the address, whether the agent runs, and whether a firewall lets SNMP "
@@ -65,7 +62,7 @@ std::string words_of_silence(const Trouble &trouble) {
 
 Session session_with(const netsnmp_session &defaults, const std::string &agent, bool is_verbose) {
     Tell tell;
-    if (is_verbose) { // in one piece, as other sessions tell theirs at the same time
+    if (is_verbose) { // one write: other sessions print at the same time
         tell = [agent](const std::string &words) {
             std::cerr << "config-copy: " + agent + ": " + words + '\n' << std::flush;
         };
@@ -81,7 +78,7 @@ Failure failure_of(const Trouble &trouble, const std::string &agent) {
     case TroubleKind::no_session:
         return bad_usage("no session with " + agent + ": " + trouble.detail);
     case TroubleKind::no_address:
-        return {Ending::unreachable, "no session with " + agent + ": " + trouble.detail};
+        return {ExitStatus::unreachable, "no session with " + agent + ": " + trouble.detail};
     case TroubleKind::no_authentication_key:
         return key_missing("an authentication passphrase: give -A PASSPHRASE with -a PROTOCOL, or "
                            "defAuthPassphrase in snmp.conf");
@@ -90,40 +87,40 @@ Failure failure_of(const Trouble &trouble, const std::string &agent) {
                            "defPrivPassphrase in snmp.conf");
     case TroubleKind::no_user:
         return bad_usage(
-            "no SNMPv3 user can be made of the options and snmp.conf: check -u, -l, -A and "
+            "the options and snmp.conf do not make an SNMPv3 user: check -u, -l, -A and "
             "-X");
     case TroubleKind::no_message:
-        return bad_usage("no request to " + agent + " can be made: " +
-                         words_of_error(kind_of_error(static_cast<int>(trouble.number)), trouble));
+        return bad_usage("can't make a request to " + agent + ": " +
+                         describe_error(kind_of_error(static_cast<int>(trouble.number)), trouble));
     case TroubleKind::silent:
     case TroubleKind::silent_to_user:
     case TroubleKind::silent_now:
-        return {Ending::unreachable, "no answer from " + agent + " in " + trouble.detail +
-                                         " s: " + words_of_silence(trouble)};
+        return {ExitStatus::unreachable, "no answer from " + agent + " in " + trouble.detail +
+                                             " s: " + describe_silence(trouble)};
     case TroubleKind::read_refused:
-        return {Ending::refused,
+        return {ExitStatus::refused,
                 trouble.number == SNMP_ERR_AUTHORIZATIONERROR && !trouble.detail.empty()
-                    ? agent + ": " + words_of_low_level(trouble.detail)
+                    ? agent + ": " + describe_low_level(trouble.detail)
                     : agent + " refuses a read with " +
                           ::snmp_errstring(static_cast<int>(trouble.number)) + ": " +
                           read_view_needed};
     case TroubleKind::making_refused:
-        return {Ending::refused,
-                agent + ": " + words_of_refusal(trouble.number, trouble.column, trouble.detail)};
+        return {ExitStatus::refused,
+                agent + ": " + describe_refusal(trouble.number, trouble.column, trouble.detail)};
     case TroubleKind::making_lost:
-        return {Ending::unreachable,
-                agent + " answers, but no copy request can be made: too many packets are lost"};
+        return {ExitStatus::unreachable,
+                agent + " answers, but the copy request can't be made: too many packets are lost"};
     case TroubleKind::activation_lost:
-        return {Ending::unreachable,
+        return {ExitStatus::unreachable,
                 agent + " answers, but the copy can't be started: too many packets are lost"};
     case TroubleKind::row_gone:
         return {
-            Ending::failed,
+            ExitStatus::failed,
             agent +
                 ": the request is gone, so the outcome is not known: the agent was restarted, or "
                 "somebody removed it; `cmdshell -c \"show copies\"` on the switch may show it"};
     default:
-        return {Ending::refused, agent + ": " + words_of_error(trouble.kind, trouble)};
+        return {ExitStatus::refused, agent + ": " + describe_error(trouble.kind, trouble)};
     }
 }
 

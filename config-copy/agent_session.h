@@ -1,4 +1,4 @@
-// A session with an agent that the user names, and what troubles it in words for the user.
+// A session with the agent that the user names, and its errors in the user's terms.
 #pragma once
 
 #include "config-copy/copy_table.h"
@@ -9,9 +9,9 @@
 
 namespace config_copy {
 
-// `defaults` is what the command line and snmp.conf say, without the agent; it must outlive the
-// session. A signal stops it. A verbose one tells each message on standard error. Throws Trouble,
-// and a Failure when the agent's name is not known.
+// `defaults` holds the settings of the command line and snmp.conf, without the agent; it must
+// outlive the session. A signal stops the session. If verbose, each message is printed on standard
+// error. Throws Trouble, and a Failure if the agent's name is not known.
 Session session_with(const netsnmp_session &defaults, const std::string &agent, bool is_verbose);
 
 Failure failure_of(const Trouble &trouble, const std::string &agent);

@@ -20,76 +20,75 @@
 namespace config_copy {
 namespace {
 
-CopyOrder order_of(const Options &options) {
-    CopyOrder order;
-    order.from = options.from;
-    order.to = options.to;
-    order.date = date_value(std::time(nullptr));
-    order.wait_turn = options.wait_turn;
-    order.time_limit = options.time_limit;
-    order.is_dry_run = options.is_dry_run;
-    order.is_verbose = options.is_verbose;
-    order.snmp_user = security_name(options.session);
-    if (!order.has_file()) {
-        return order;
+CopyJob job_of(const Options &options) {
+    CopyJob job;
+    job.from = options.from;
+    job.to = options.to;
+    job.date = date_value(std::time(nullptr));
+    job.wait_turn = options.wait_turn;
+    job.time_limit = options.time_limit;
+    job.is_dry_run = options.is_dry_run;
+    job.is_verbose = options.is_verbose;
+    job.snmp_user = security_name(options.session);
+    if (!job.has_file()) {
+        return job;
     }
-    order.server = server_address(order.file().host);
+    job.server = server_address(job.file().host);
     for (const std::string &agent : options.agents) {
-        // one that is too long shows before any copy begins
-        file_name(order.file(), {host_value(agent), order.date});
+        // Reports a name that is too long before any copy begins.
+        file_name(job.file(), {host_value(agent), job.date});
     }
-    const bool is_needed = needs_password(order.file());
-    // which asks nobody for one that it does not send
-    if (takes_password(order.file()) && (!order.is_dry_run || options.password_file)) {
-        order.password =
-            read_password(options.password_file, order.file().user + '@' + order.file().host,
-                          !is_needed, options.hosts_file == "-");
+    const bool is_needed = needs_password(job.file());
+    // A dry run sends no password, so it does not ask for one.
+    if (takes_password(job.file()) && (!job.is_dry_run || options.password_file)) {
+        job.password = read_password(options.password_file, job.file().user + '@' + job.file().host,
+                                     !is_needed, options.hosts_file == "-");
     }
-    if ((is_needed || !order.password.empty()) &&
+    if ((is_needed || !job.password.empty()) &&
         std::any_of(options.agents.begin(), options.agents.end(), [&](const std::string &agent) {
             return is_readable_on_the_way(options.session, agent);
         })) {
         std::cerr << "config-copy: warning: the password travels to the agent unencrypted: use "
                      "SNMPv3 with -l authPriv\n";
     }
-    return order;
+    return job;
 }
 
-void tell_interruption(const CopyOrder &order) {
-    const std::string rest = words_of_what_goes_on(order.from.type, order.to.type);
+void report_interruption(const CopyJob &job) {
+    const std::string rest = describe_what_continues(job.from.type, job.to.type);
     std::cerr << "\nconfig-copy: interrupted: no request stays on the switch"
               << (rest.empty() ? "" : "; once begun, " + rest) << std::endl;
 }
 
-Ending copy(const Options &options, const CopyOrder &order, Output &output) {
+ExitStatus copy(const Options &options, const CopyJob &job, Output &output) {
     if (options.hosts_file) {
-        return ending_of_all(
-            copy_on_all(options.session, options.agents, order, options.jobs, output));
+        return status_of_all(
+            copy_on_all(options.session, options.agents, job, options.jobs, output));
     }
     const std::string &agent = options.agents.front();
-    const Outcome outcome = copy(options.session, agent, order,
+    const Outcome outcome = copy(options.session, agent, job,
                                  [&](std::string_view state, std::chrono::seconds elapsed) {
                                      output.progress(agent, state, elapsed);
                                  });
     output.outcome(outcome);
-    return outcome.ending;
+    return outcome.status;
 }
 
-Ending run(const Options &options, Output &output) {
+ExitStatus run(const Options &options, Output &output) {
     if (options.command == Command::help) {
         output.put(usage_text);
-        return Ending::done;
+        return ExitStatus::done;
     }
     if (options.command == Command::version) {
         output.put("config-copy " CONFIG_COPY_VERSION "\n");
-        return Ending::done;
+        return ExitStatus::done;
     }
     if (options.command == Command::copy) {
-        const CopyOrder order = order_of(options);
+        const CopyJob job = job_of(options);
         try {
-            return copy(options, order, output);
+            return copy(options, job, output);
         } catch (const Interrupted &) {
-            tell_interruption(order);
+            report_interruption(job);
             throw;
         }
     }
@@ -105,37 +104,37 @@ Ending run(const Options &options, Output &output) {
         }
     } catch (const Failure &failure) {
         output.failure(failure, agent);
-        return failure.ending();
+        return failure.status();
     } catch (const Trouble &trouble) {
         const Failure failure = failure_of(trouble, agent);
         output.failure(failure, agent);
-        return failure.ending();
+        return failure.status();
     }
-    return Ending::done;
+    return ExitStatus::done;
 }
 
-Ending run(int count, char **words) {
+ExitStatus run(int count, char **words) {
     std::unique_ptr<Output> output = make_output(false, asks_for_json(count, words), false);
-    Ending ending = Ending::done;
+    ExitStatus status = ExitStatus::done;
     try {
         watch_signals();
         if (const std::optional<Options> options = parse_options(count, words)) {
             output = make_output(options->is_quiet, options->is_json, options->is_verbose);
-            ending = run(*options, *output);
+            status = run(*options, *output);
         }
     } catch (const Failure &failure) {
         output->failure(failure, "");
-        ending = failure.ending();
+        status = failure.status();
     } catch (const std::exception &error) {
-        ending = Ending::failed;
-        output->failure({ending, error.what()}, "");
+        status = ExitStatus::failed;
+        output->failure({status, error.what()}, "");
     }
     if (output->error() != 0) {
         std::cerr << "config-copy: standard output can't be written: "
                   << std::strerror(output->error()) << std::endl;
-        return ending == Ending::done ? Ending::failed : ending;
+        return status == ExitStatus::done ? ExitStatus::failed : status;
     }
-    return ending;
+    return status;
 }
 
 int main_of(int count, char **words) {

@@ -13,8 +13,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Behind an opening quote: the value, and `rest` begins behind the closing one. Nothing when there
-// is none.
+// Reads a value up to its closing quote, with `rest` starting after the opening one; `rest` then
+// starts after the closing one. Empty if there is no closing quote.
 std::optional<std::string> take_quoted(std::string_view &rest) {
     constexpr std::size_t octet_length = 3; // xHH
     constexpr int hexadecimal = 16;
@@ -44,9 +44,9 @@ std::optional<std::string> take_quoted(std::string_view &rest) {
     return value;
 }
 
-// The words behind the time, by their keys; none at all when one of them is no such word.
-std::map<std::string, std::string, std::less<>> words_of(std::string_view line) {
-    std::map<std::string, std::string, std::less<>> words;
+// The fields after the time, by their keys. Returns none if one of them is malformed.
+std::map<std::string, std::string, std::less<>> fields_of(std::string_view line) {
+    std::map<std::string, std::string, std::less<>> fields;
     line.remove_prefix(std::min(line.find(' '), line.size()));
     while (!line.empty()) {
         const std::size_t equals = line.find('=');
@@ -61,13 +61,13 @@ std::map<std::string, std::string, std::less<>> words_of(std::string_view line) 
             if (!value) {
                 return {};
             }
-            words[key] = *value;
+            fields[key] = *value;
         } else {
-            words[key] = line.substr(0, line.find(' '));
-            line.remove_prefix(words[key].size());
+            fields[key] = line.substr(0, line.find(' '));
+            line.remove_prefix(fields[key].size());
         }
     }
-    return words;
+    return fields;
 }
 
 Oid last_copy_line(oid number) {
@@ -81,19 +81,20 @@ Oid last_copy_line(oid number) {
 } // namespace
 
 std::optional<CopyLine> parsed_copy_line(std::string_view line, oid index, long started) {
-    auto words = words_of(line);
-    if (words["request"] != std::to_string(index) || words["started"] != std::to_string(started)) {
+    auto fields = fields_of(line);
+    if (fields["request"] != std::to_string(index) ||
+        fields["started"] != std::to_string(started)) {
         return std::nullopt;
     }
     CopyLine copy;
-    copy.reason = ulmo::one_line(words["reason"]);
-    copy.bytes = ulmo::parsed_number<std::uint64_t>(words["bytes"]);
-    copy.sha256 = ulmo::one_line(words["sha256"]);
+    copy.reason = ulmo::one_line(fields["reason"]);
+    copy.bytes = ulmo::parsed_number<std::uint64_t>(fields["bytes"]);
+    copy.sha256 = ulmo::one_line(fields["sha256"]);
     return copy;
 }
 
 std::optional<CopyLine> line_of_copy(Session &session, oid index, long started) {
-    // The newest come first, and hardly another copy has ended since.
+    // The newest lines come first, and hardly another copy has ended since.
     constexpr oid lines_looked_at = 4;
     constexpr int attempts = 5;
     constexpr auto pause = 350ms;
@@ -112,7 +113,7 @@ std::optional<CopyLine> line_of_copy(Session &session, oid index, long started) 
                 }
             }
         }
-    } catch (const Trouble &) { // the outcome is known without it
+    } catch (const Trouble &) { // the outcome is known even without the line
     }
     return std::nullopt;
 }

@@ -1,6 +1,6 @@
-// What the switch itself says of a copy: the line that its platform keeps of each, where the user
-// may read the agent's nsExtendOutLine."last-copy" (NET-SNMP-EXTEND-MIB). cmdshell(1) has its
-// words.
+// The switch's own record of a copy: a line that its platform keeps, read through the agent's
+// nsExtendOutLine."last-copy" (NET-SNMP-EXTEND-MIB) if the user may read that. cmdshell(1)
+// describes its fields.
 #pragma once
 
 #include "config-copy/copy_table.h"
@@ -14,16 +14,16 @@
 namespace config_copy {
 
 struct CopyLine {
-    std::string reason; // why it failed, fit for a terminal; empty when the switch does not say
+    std::string reason; // why it failed, safe for a terminal; empty if the switch does not say
     std::optional<std::uint64_t> bytes;
     std::string sha256;
 };
 
-// The line, when it is the one of this request: of this index, begun when ccCopyTimeStarted says.
+// Parses the line if it is about this request: the same index, begun at ccCopyTimeStarted.
 std::optional<CopyLine> parsed_copy_line(std::string_view line, oid index, long started);
 
-// The switch's line of a copy that has ended; nothing where there is none or it may not be read.
-// The agent's lines may be a second old: then it is asked again.
+// The switch's line about a finished copy; empty if there is none or the user may not read it. The
+// agent's lines may be a second old, so it asks again then.
 std::optional<CopyLine> line_of_copy(Session &session, oid index, long started);
 
 } // namespace config_copy

@@ -18,7 +18,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// At random, so that those who wait do not always meet.
+// Random, so that waiting managers do not always collide.
 Milliseconds some_time() {
     std::random_device source;
     return Milliseconds(std::uniform_int_distribution(300, 1000)(source));
@@ -33,12 +33,12 @@ std::string time_text(std::time_t time) {
 
 class Run {
   public:
-    Run(Session &session, const CopyOrder &order, const Progress &progress)
-        : session_(session), order_(order), progress_(progress),
-          row_(session), path_values_{host_value(session.agent()), order.date} {}
+    Run(Session &session, const CopyJob &job, const Progress &progress)
+        : session_(session), job_(job), progress_(progress),
+          row_(session), path_values_{host_value(session.agent()), job.date} {}
 
     Outcome run() {
-        Outcome outcome = planned(order_, session_.agent());
+        Outcome outcome = planned(job_, session_.agent());
         try {
             start_when_it_is_our_turn(outcome);
             await_end(outcome);
@@ -53,23 +53,23 @@ class Run {
         clean_up();
         if (row_.is_left()) {
             outcome.text += "; its request " + std::to_string(row_.index()) +
-                            " could not be removed and goes by itself within 7 minutes";
+                            " could not be removed and expires within 7 minutes";
         }
         return outcome;
     }
 
-    // Sets nothing.
+    // Only queries; sets nothing.
     Outcome rehearse() {
-        Outcome outcome = planned(order_, session_.agent());
+        Outcome outcome = planned(job_, session_.agent());
         try {
             check_table(session_);
             const std::string reason = is_any(COPY_STATE_RUNNING) ? another_copy : reason_to_wait();
-            if (!reason.empty() && order_.wait_turn == 0s) {
+            if (!reason.empty() && job_.wait_turn == 0s) {
                 throw busy(reason);
             }
             outcome.text = outcome.agent + ": dry run, nothing is set: would copy " + outcome.from +
                            " to " + outcome.to;
-            if (order_.has_file()) {
+            if (job_.has_file()) {
                 outcome.text += " (server " + outcome.server + ", file \"" +
                                 ulmo::one_line(outcome.file) + "\")";
             }
@@ -87,10 +87,8 @@ class Run {
     static constexpr const char *another_copy = "another copy is in progress";
 
     [[nodiscard]] bool is_save() const {
-        return !order_.has_file() && order_.from.type == FileType::running;
+        return !job_.has_file() && job_.from.type == FileType::running;
     }
-
-    // --- our turn ---
 
     void start_when_it_is_our_turn(Outcome &outcome) {
         const auto began = Clock::now();
@@ -105,13 +103,13 @@ class Run {
                     outcome.start_time = time_text(std::time(nullptr));
                     return;
                 }
-                // A row that waits would be taken for the next save that begins on the switch,
-                // whoever asks for it.
+                // The next save that begins on the switch, for whatever manager, would take a
+                // waiting row for its own.
                 row_.destroy();
             }
             const auto waited =
                 std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - began);
-            if (waited >= order_.wait_turn) {
+            if (waited >= job_.wait_turn) {
                 throw busy(reason);
             }
             progress_("waiting for another copy", waited);
@@ -120,10 +118,10 @@ class Run {
     }
 
     [[nodiscard]] Failure busy(const std::string &reason) const {
-        return {Ending::busy,
+        return {ExitStatus::busy,
                 session_.agent() + ": " + reason +
-                    (order_.wait_turn > 0s
-                         ? ", and did not end in " + std::to_string(order_.wait_turn.count()) + " s"
+                    (job_.wait_turn > 0s
+                         ? ", and did not end in " + std::to_string(job_.wait_turn.count()) + " s"
                          : ": try again later, or queue with --wait-turn SECONDS")};
     }
 
@@ -133,9 +131,9 @@ class Run {
                            [&](const Binding &row) { return number(row.value) == state; });
     }
 
-    // Why the activation was refused; nothing when it succeeds after all. A transfer outlives its
-    // request, and then no request shows why the switch is busy. One that ended since the refusal
-    // has no request that runs either, so the switch is asked once more.
+    // Why the activation was refused; empty if it succeeds after all. A transfer outlives its
+    // request, and then no request shows why the switch is busy. After a transfer that ended since
+    // the refusal there is no running request either, so the activation is tried again.
     std::string reason_of_refusal() {
         if (is_any(COPY_STATE_RUNNING)) {
             return another_copy;
@@ -147,9 +145,9 @@ class Run {
                                           : "a transfer whose request was removed is still running";
     }
 
-    // When a save begins, the agent marks the first request that waits as running, and when it
-    // ends, the first one that runs as ended. So a save of ours would leave another manager's
-    // request running for ever, and that one would block the switch.
+    // When a save begins, the agent marks the first waiting request as running; when it ends, the
+    // first running one as ended. So our save would leave another manager's request running for
+    // ever, and that request would block the switch.
     std::string reason_to_wait() {
         if (!is_save()) {
             return {};
@@ -167,64 +165,60 @@ class Run {
                session_.agent() + ' ' + index + "` removes it)";
     }
 
-    // --- the request ---
-
     [[nodiscard]] std::vector<std::pair<oid, Value>> columns() const {
         std::vector<std::pair<oid, Value>> columns;
         const auto add = [&](oid column, Value value) {
             columns.emplace_back(column, std::move(value));
         };
-        add(CC_COLUMN_SOURCE_FILE_TYPE, static_cast<long>(order_.from.type));
-        add(CC_COLUMN_DEST_FILE_TYPE, static_cast<long>(order_.to.type));
-        if (order_.has_file()) {
-            add(CC_COLUMN_PROTOCOL, static_cast<long>(order_.file().protocol));
-            // before the address, which is read by it
-            add(CC_COLUMN_SERVER_ADDRESS_TYPE, order_.server.type);
-            add(CC_COLUMN_SERVER_ADDRESS_REV1, order_.server.octets);
-            add(CC_COLUMN_FILE_NAME, file_name(order_.file(), path_values_));
-            if (!order_.file().user.empty()) {
-                add(CC_COLUMN_USER_NAME, order_.file().user);
+        add(CC_COLUMN_SOURCE_FILE_TYPE, static_cast<long>(job_.from.type));
+        add(CC_COLUMN_DEST_FILE_TYPE, static_cast<long>(job_.to.type));
+        if (job_.has_file()) {
+            add(CC_COLUMN_PROTOCOL, static_cast<long>(job_.file().protocol));
+            // before the address, which is interpreted by its type
+            add(CC_COLUMN_SERVER_ADDRESS_TYPE, job_.server.type);
+            add(CC_COLUMN_SERVER_ADDRESS_REV1, job_.server.octets);
+            add(CC_COLUMN_FILE_NAME, file_name(job_.file(), path_values_));
+            if (!job_.file().user.empty()) {
+                add(CC_COLUMN_USER_NAME, job_.file().user);
             }
-            if (!order_.password.empty()) {
-                add(CC_COLUMN_USER_PASSWORD, order_.password);
+            if (!job_.password.empty()) {
+                add(CC_COLUMN_USER_PASSWORD, job_.password);
             }
         }
         return columns;
     }
 
-    // A row that can't be read could be started, and would then seem to be gone.
+    // A row that can't be read could be started, but would then look as if it had been removed.
     void check_that_we_may_read_it() {
         if (!number(session_.get({copy_cell(CC_COLUMN_STATE, row_.index())}).front())) {
             throw Failure(
-                Ending::refused,
+                ExitStatus::refused,
                 session_.agent() +
                     ": the user may write the copy table but not read it: " + read_view_needed);
         }
     }
 
-    // False when another copy is in progress.
+    // Returns false if another copy is in progress.
     bool activate() {
         const long status = row_.activate();
         if (status != SNMP_ERR_NOERROR && status != SNMP_ERR_GENERR) {
-            throw Failure(Ending::refused,
+            throw Failure(ExitStatus::refused,
                           session_.agent() + ": " +
-                              words_of_refused_activation(status, session_.low_level()));
+                              describe_refused_activation(status, session_.low_level()));
         }
         return status == SNMP_ERR_NOERROR;
     }
-
-    // --- the outcome ---
 
     void await_end(Outcome &outcome) {
         const auto began = Clock::now();
         const CopyState end = row_.await_end([&] {
             const auto elapsed =
                 std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - began);
-            if (elapsed >= order_.time_limit) {
-                const std::string rest = words_of_what_goes_on(order_.from.type, order_.to.type);
-                throw Failure(Ending::failed,
+            if (elapsed >= job_.time_limit) {
+                const std::string rest = describe_what_continues(job_.from.type, job_.to.type);
+                throw Failure(ExitStatus::failed,
                               session_.agent() + ": not finished in " +
-                                  std::to_string(order_.time_limit.count()) + " s, so the " +
+                                  std::to_string(job_.time_limit.count()) + " s, so the " +
                                   (rest.empty() ? "save was given up: does the system manager run?"
                                                 : "request was removed; " + rest) +
                                   " (--time-limit gives more time)");
@@ -253,12 +247,12 @@ class Run {
                            (outcome.bytes ? ", " + std::to_string(*outcome.bytes) + " octets" : "");
             return;
         }
-        const bool is_fabric = order_.to.type == FileType::fabric_startup;
-        outcome.ending = Ending::failed;
+        const bool is_fabric = job_.to.type == FileType::fabric_startup;
+        outcome.status = ExitStatus::failed;
         outcome.cause = cause_name(end.cause);
-        const std::string server = order_.has_file() ? order_.file().host : "";
+        const std::string server = job_.has_file() ? job_.file().host : "";
         outcome.text = outcome.agent + ": " + what + " failed" + duration + " (" + outcome.cause +
-                       "): " + words_of_cause(end.cause, server, is_fabric, outcome.reason);
+                       "): " + describe_cause(end.cause, server, is_fabric, outcome.reason);
         if (is_fabric && end.cause == COPY_FAIL_WARDEN_FAILED) {
             outcome.switches = switches_of(session_, row_.index());
         }
@@ -270,7 +264,7 @@ class Run {
     }
 
     Session &session_;
-    const CopyOrder &order_;
+    const CopyJob &job_;
     const Progress &progress_;
     CopyRow row_;
     PathValues path_values_;
@@ -278,11 +272,12 @@ class Run {
 
 } // namespace
 
-std::string side_text(const CopySide &side, const PathValues &values) {
-    if (side.type != FileType::network) {
-        return std::string(name_of(side.type));
+std::string endpoint_text(const Endpoint &endpoint, const PathValues &values) {
+    if (endpoint.type != FileType::network) {
+        return std::string(name_of(endpoint.type));
     }
-    return url_text(side.url.protocol, side.url.user, side.url.host, file_name(side.url, values));
+    return url_text(endpoint.url.protocol, endpoint.url.user, endpoint.url.host,
+                    file_name(endpoint.url, values));
 }
 
 std::optional<double> seconds_between(const Value &started, const Value &completed) {
@@ -291,7 +286,7 @@ std::optional<double> seconds_between(const Value &started, const Value &complet
     if (start == 0 || end == 0) {
         return std::nullopt;
     }
-    // The agent's clock may have begun anew meanwhile, after 497 days.
+    // The agent's clock wraps after 497 days, possibly during the copy.
     return static_cast<double>(static_cast<std::uint32_t>(end - start)) / 100;
 }
 
@@ -313,40 +308,40 @@ std::vector<SwitchOutcome> switches_of(Session &session, oid index) {
 void check_table(Session &session) {
     if (!session.has_object(copy_cell(CC_COLUMN_ENTRY_ROW_STATUS, largest_index))) {
         throw Failure(
-            Ending::refused,
+            ExitStatus::refused,
             session.agent() +
                 " has no copy table that this user may read: does it load config_copy_mib, and "
-                "does the user's read view hold .1.3.6.1.4.1.41927.9.96?");
+                "does the user's read view include .1.3.6.1.4.1.41927.9.96?");
     }
 }
 
-Outcome planned(const CopyOrder &order, const std::string &agent) {
-    const PathValues values{host_value(agent), order.date};
+Outcome planned(const CopyJob &job, const std::string &agent) {
+    const PathValues values{host_value(agent), job.date};
     Outcome outcome;
     outcome.agent = agent;
-    outcome.is_dry_run = order.is_dry_run;
-    outcome.from = side_text(order.from, values);
-    outcome.to = side_text(order.to, values);
-    if (order.has_file()) {
-        outcome.server = address_text(order.server.octets);
-        outcome.file = file_name(order.file(), values);
-        outcome.user = order.file().user;
+    outcome.is_dry_run = job.is_dry_run;
+    outcome.from = endpoint_text(job.from, values);
+    outcome.to = endpoint_text(job.to, values);
+    if (job.has_file()) {
+        outcome.server = address_text(job.server.octets);
+        outcome.file = file_name(job.file(), values);
+        outcome.user = job.file().user;
     }
-    outcome.snmp_user = order.snmp_user;
+    outcome.snmp_user = job.snmp_user;
     return outcome;
 }
 
-Outcome copy(Session &session, const CopyOrder &order, const Progress &progress) {
-    Run run(session, order, progress);
-    return order.is_dry_run ? run.rehearse() : run.run();
+Outcome copy(Session &session, const CopyJob &job, const Progress &progress) {
+    Run run(session, job, progress);
+    return job.is_dry_run ? run.rehearse() : run.run();
 }
 
-Outcome copy(const netsnmp_session &defaults, const std::string &agent, const CopyOrder &order,
+Outcome copy(const netsnmp_session &defaults, const std::string &agent, const CopyJob &job,
              const Progress &progress) {
-    Outcome outcome = planned(order, agent);
+    Outcome outcome = planned(job, agent);
     try {
-        Session session = session_with(defaults, agent, order.is_verbose);
-        return copy(session, order, progress);
+        Session session = session_with(defaults, agent, job.is_verbose);
+        return copy(session, job, progress);
     } catch (const Failure &failure) {
         outcome.fail(failure);
     } catch (const Trouble &trouble) {

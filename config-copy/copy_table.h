@@ -1,4 +1,4 @@
-// What the command says of the copy table, beside its client.
+// The copy table's values and limits that only the command needs.
 #pragma once
 
 #include "copy_client/copy_table.h"
@@ -24,9 +24,9 @@ enum class FileType {
     all_startup = COPY_FILE_ALL_STARTUP,
 };
 
-inline constexpr std::size_t longest_file_name = 128; // octets, as of the columns
-inline constexpr std::size_t longest_user_name =
-    40; // the column takes 41, and a name of 41 empties the password
+inline constexpr std::size_t longest_file_name = 128; // octets, as in the columns
+// The column takes 41 octets, but a name of 41 empties the password.
+inline constexpr std::size_t longest_user_name = 40;
 inline constexpr std::size_t longest_password = 41;
 
 } // namespace config_copy

@@ -1,4 +1,4 @@
-#include "config-copy/copy_side.h"
+#include "config-copy/endpoint.h"
 
 #include "config-copy/failure.h"
 #include "config-copy/server_address.h"
@@ -47,7 +47,7 @@ std::optional<int> hexadecimal(char digit) {
     return lower >= 'a' && lower <= 'f' ? std::optional(lower - 'a' + 10) : std::nullopt;
 }
 
-// The octet that text[at], a '%', stands for.
+// The octet that the '%' at text[at] encodes.
 char decoded(std::string_view text, std::size_t at) {
     const auto high = at + 2 < text.size() ? hexadecimal(text[at + 1]) : std::nullopt;
     const auto low = at + 2 < text.size() ? hexadecimal(text[at + 2]) : std::nullopt;
@@ -72,7 +72,7 @@ std::string decoded(std::string_view text) {
     return result;
 }
 
-// What parse_side() reads as this text. Letters beyond ASCII stay, so that a person can read them.
+// Encodes a text so that parse_endpoint() reads it back. Letters beyond ASCII are kept readable.
 std::string encoded(std::string_view text, std::string_view special) {
     constexpr std::string_view digits = "0123456789ABCDEF";
     std::string result;
@@ -93,7 +93,7 @@ void check_characters(std::string_view what, std::string_view text) {
     if (std::any_of(text.begin(), text.end(),
                     [](unsigned char c) { return c < ' ' || c == 0x7F; })) {
         throw bad_usage("the " + std::string(what) +
-                        " has a control character: the switch takes none");
+                        " contains a control character, which the switch does not accept");
     }
 }
 
@@ -160,7 +160,7 @@ FileUrl parse_url(std::string_view text, std::size_t scheme_length) {
                         (url.path[at] == '?' ? "%3F" : "%23"));
     }
     if (url.protocol == Protocol::tftp && !url.user.empty()) {
-        throw bad_usage("TFTP knows no users: leave out " + quoted(url.user + '@') +
+        throw bad_usage("TFTP has no users: leave out " + quoted(url.user + '@') +
                         ", or use another protocol");
     }
     if (url.protocol != Protocol::tftp && url.user.empty()) {
@@ -194,7 +194,7 @@ std::string_view name_of(Protocol protocol) {
     return "?";
 }
 
-CopySide parse_side(std::string_view text) {
+Endpoint parse_endpoint(std::string_view text) {
     for (const auto &[name, value] : local_files) {
         if (text == name) {
             return {value, {}};
@@ -210,12 +210,12 @@ CopySide parse_side(std::string_view text) {
         throw bad_usage(quoted(text) + " is neither running, startup, fabric-startup nor "
                                        "all-startup, nor a URL such as tftp://host/path");
     }
-    CopySide side{FileType::network, parse_url(text, scheme_length)};
-    file_name(side.url, {"host", "date"}); // a bad name shows before anything is asked
-    return side;
+    Endpoint endpoint{FileType::network, parse_url(text, scheme_length)};
+    file_name(endpoint.url, {"host", "date"}); // reports a bad name before anything is asked
+    return endpoint;
 }
 
-void check_pair(const CopySide &from, const CopySide &to) {
+void check_pair(const Endpoint &from, const Endpoint &to) {
     const auto is_several = [](FileType type) {
         return type == FileType::fabric_startup || type == FileType::all_startup;
     };
@@ -224,16 +224,17 @@ void check_pair(const CopySide &from, const CopySide &to) {
                         " can only be copied to; to copy from this switch's own, write startup");
     }
     if (from.type == FileType::network && to.type == FileType::network) {
-        throw bad_usage("both sides are files on a server: one of them must be running or startup");
+        throw bad_usage(
+            "FROM and TO are both files on a server: one of them must be running or startup");
     }
     if (from.type == to.type) {
         throw bad_usage("from " + std::string(name_of(from.type)) + " to " +
-                        std::string(name_of(to.type)) +
-                        " copies nothing: name two different sides");
+                        std::string(name_of(to.type)) + " copies nothing: FROM and TO must differ");
     }
     if (from.type == FileType::network && to.type == FileType::startup) {
-        throw bad_usage("the switch copies no file straight to startup: copy it to running, then "
-                        "running to startup");
+        throw bad_usage(
+            "the switch can't copy a file straight to startup: copy it to running, then "
+            "running to startup");
     }
     if (is_several(to.type) && from.type != FileType::running) {
         throw bad_usage("only running can be copied to " + std::string(name_of(to.type)));
@@ -264,7 +265,7 @@ std::string file_name(const FileUrl &url, const PathValues &values) {
     check_characters("file name", name);
     if (name.empty() || name.ends_with('/')) {
         throw bad_usage("the file name " + quoted(name) +
-                        " names no file: write something after the last '/'");
+                        " does not name a file: write something after the last '/'");
     }
     if (name.size() > longest_file_name) {
         throw bad_usage("the file name " + quoted(name) + " is longer than the " +
@@ -304,7 +305,7 @@ std::string url_text(Protocol protocol, const std::string &user, const std::stri
     constexpr std::string_view of_ipv6 = "0123456789abcdefABCDEF:.";
     const bool has_colon = host.find(':') != std::string::npos;
     const bool is_ipv6 = has_colon && host.find_first_not_of(of_ipv6) == std::string::npos;
-    const bool is_missing = host == address_text(""); // of a request that is not filled in yet
+    const bool is_missing = host == address_text(""); // a request that is not filled in yet
     return std::string(name_of(protocol)) + "://" +
            (user.empty() ? "" : encoded(user, "@:/") + '@') +
            (is_ipv6      ? '[' + host + ']'

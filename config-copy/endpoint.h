@@ -1,5 +1,5 @@
-// FROM and TO of a copy, as the user writes them: `running`, `startup`, `fabric-startup`,
-// `all-startup`, or a file's URL.
+// FROM and TO of a copy as the user writes them: `running`, `startup`, `fabric-startup`,
+// `all-startup`, or the URL of a file.
 #pragma once
 
 #include "config-copy/copy_table.h"
@@ -17,41 +17,42 @@ struct FileUrl {
     std::string path; // as written, without the first slash
 };
 
-struct CopySide {
+struct Endpoint {
     FileType type = FileType::network;
-    FileUrl url; // of type network only
+    FileUrl url; // only if the type is network
 };
 
-// Throws a Failure of usage that names what is wrong with the text.
-CopySide parse_side(std::string_view text);
+// Throws a Failure of usage that says what is wrong with the text.
+Endpoint parse_endpoint(std::string_view text);
 
-// Throws a Failure of usage unless the switch can copy from the one to the other.
-void check_pair(const CopySide &from, const CopySide &to);
+// Throws a Failure of usage unless the switch can copy from one to the other.
+void check_pair(const Endpoint &from, const Endpoint &to);
 
 // Values for the templates of a path.
 struct PathValues {
-    std::string host; // {host}: the agent, fit to be part of a file's name
+    std::string host; // {host}: the agent, in a form that is safe in a file name
     std::string date; // {date}: as in 2026-11-21
 };
 
 // The file's name on the server: the path with {host} and {date} filled in and percent-encoding
-// undone. Throws a Failure of usage when it is no name or longer than the switch takes.
+// decoded. Throws a Failure of usage if it is not a file name or is too long for the switch.
 std::string file_name(const FileUrl &url, const PathValues &values);
 
 // Whether the path has the template, for instance "host".
 bool has_template(const FileUrl &url, std::string_view name);
 
-// The agent's name for {host}: letters, digits, dots, hyphens and underscores stay, whatever is
-// between becomes a hyphen.
+// The agent's name for {host}: letters, digits, dots, hyphens and underscores are kept; everything
+// else becomes a hyphen.
 std::string host_value(std::string_view agent);
 
 std::string date_value(std::time_t now);
 
-// Whether the protocol can't do without a password for this user, and whether it may ask for one.
+// Whether the protocol requires a password for this user, and whether it can use one.
 bool needs_password(const FileUrl &url);
 bool takes_password(const FileUrl &url);
 
-// A file's URL as parse_side() takes it, from its decoded parts. `host` is a name or an address.
+// A file's URL in the form that parse_endpoint() reads, from its decoded parts. `host` is a name or
+// an address.
 std::string url_text(Protocol protocol, const std::string &user, const std::string &host,
                      const std::string &path);
 

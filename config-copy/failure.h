@@ -1,4 +1,4 @@
-// How a run of config-copy can end.
+// The ways in which a run of config-copy can end.
 #pragma once
 
 #include <stdexcept>
@@ -7,21 +7,22 @@
 namespace config_copy {
 
 // The command's exit statuses.
-enum class Ending { done = 0, failed = 1, usage = 2, refused = 3, unreachable = 4, busy = 5 };
+enum class ExitStatus { done = 0, failed = 1, usage = 2, refused = 3, unreachable = 4, busy = 5 };
 
-// Thrown where a run ends before its time. The text is for the user: what is wrong, and what to do
-// about it, in one line.
+// Thrown to end a run early. The text tells the user in one line what is wrong and what to do about
+// it.
 class Failure : public std::runtime_error {
   public:
-    Failure(Ending ending, const std::string &text) : std::runtime_error(text), ending_(ending) {}
-    [[nodiscard]] Ending ending() const { return ending_; }
+    Failure(ExitStatus status, const std::string &text)
+        : std::runtime_error(text), status_(status) {}
+    [[nodiscard]] ExitStatus status() const { return status_; }
 
   private:
-    Ending ending_;
+    ExitStatus status_;
 };
 
 inline Failure bad_usage(const std::string &text) {
-    return {Ending::usage, text};
+    return {ExitStatus::usage, text};
 }
 
 } // namespace config_copy

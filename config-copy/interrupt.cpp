@@ -27,7 +27,7 @@ extern "C" void note_signal(int number) {
 
 void watch_signals() {
     ulmo::check(::pipe2(wake.data(), O_CLOEXEC | O_NONBLOCK), "pipe2");
-    std::signal(SIGPIPE, SIG_IGN); // a reader that goes is no reason to leave requests behind
+    std::signal(SIGPIPE, SIG_IGN); // a closed pipe must not leave requests behind
     struct sigaction action {};
     action.sa_handler = note_signal;
     action.sa_flags = static_cast<int>(SA_RESETHAND | SA_RESTART);
@@ -51,7 +51,7 @@ int interrupt_descriptor() {
 void end_by_signal(int signal) {
     std::signal(signal, SIG_DFL);
     std::raise(signal);
-    std::_Exit(128 + signal); // it was blocked
+    std::_Exit(128 + signal); // the signal was blocked
 }
 
 } // namespace config_copy

@@ -1,24 +1,23 @@
-// The user's wish to end: Ctrl-C, or SIGTERM, and SIGHUP when the terminal goes.
+// The user's request to stop: Ctrl-C, SIGTERM, or SIGHUP when the terminal closes.
 #pragma once
 
 #include "copy_client/waiting.h"
 
 namespace config_copy {
 
-// Thrown where a run ends because the user wants it to.
+// Thrown when the user wants the run to stop.
 using Interrupted = copy_client::Stopped;
 
-// From now on the first such signal is only noted. A second one ends the process at once.
+// From now on the first such signal is only recorded. A second one ends the process at once.
 void watch_signals();
 
-// The signal that came, or 0.
+// The signal that was recorded, or 0.
 int interrupting_signal();
 
-// Becomes readable, for poll(2), when a signal has come, and stays so.
+// Becomes and stays readable (poll(2)) once a signal has been recorded.
 int interrupt_descriptor();
 
-// Ends the process by the signal, as its starter expects it. To be called when everything is
-// cleaned up.
+// Ends the process by the signal, as its parent expects. Call it after all cleaning up.
 [[noreturn]] void end_by_signal(int signal);
 
 } // namespace config_copy

@@ -1,4 +1,4 @@
-// JSON for programs, one object a line.
+// JSON for programs, one object per line.
 #include "config-copy/json_output.h"
 
 #include <nlohmann/json.hpp>
@@ -12,14 +12,14 @@
 namespace config_copy {
 namespace {
 
-using Json = nlohmann::ordered_json; // in the order of the manual page
+using Json = nlohmann::ordered_json; // keys in the order of the manual page
 
 std::string line_of(const Json &object) {
-    // texts may come from anywhere
+    // The text may come from anywhere and need not be UTF-8.
     return object.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
-// null for what is absent.
+// null if the text is empty.
 Json text_or_null(const std::string &text) {
     return text.empty() ? Json() : Json(text);
 }
@@ -28,12 +28,12 @@ template <typename Number> Json number_or_null(const std::optional<Number> &numb
 }
 
 Json seconds(double value) {
-    return std::round(value * 100) / 100; // what an agent's clock tells
+    return std::round(value * 100) / 100; // the resolution of the agent's clock
 }
 
-// The name of an ending without blanks.
-std::string key_of(Ending ending) {
-    std::string key(name_of(ending));
+// The status's name without blanks.
+std::string key_of(ExitStatus status) {
+    std::string key(name_of(status));
     std::replace(key.begin(), key.end(), ' ', '_');
     return key;
 }
@@ -44,7 +44,7 @@ std::string in_lower_case(std::string text) {
     return text;
 }
 
-// A cell of a table, which has been written for people.
+// A table's cell, whose text was written for people.
 Json cell(const std::string &text, bool is_number) {
     double number = 0;
     if (text == absent) {
@@ -59,7 +59,7 @@ Json cell(const std::string &text, bool is_number) {
                : seconds(number);
 }
 
-// All to standard output.
+// Everything goes to standard output.
 class JsonOutput : public Output {
   public:
     void progress(std::string_view, std::string_view, std::chrono::seconds) override {}
@@ -96,8 +96,8 @@ class JsonOutput : public Output {
     void failure(const Failure &failure, const std::string &agent) override {
         put(line_of({{"type", "error"},
                      {"agent", text_or_null(agent)},
-                     {"ending", key_of(failure.ending())},
-                     {"status", static_cast<int>(failure.ending())},
+                     {"ending", key_of(failure.status())},
+                     {"status", static_cast<int>(failure.status())},
                      {"text", failure.what()}}) +
             '\n');
     }
@@ -117,8 +117,8 @@ std::string json_of(const Outcome &outcome) {
     }
     return line_of({{"type", "copy"},
                     {"agent", outcome.agent},
-                    {"ending", key_of(outcome.ending)},
-                    {"status", static_cast<int>(outcome.ending)},
+                    {"ending", key_of(outcome.status)},
+                    {"status", static_cast<int>(outcome.status)},
                     {"dry_run", outcome.is_dry_run},
                     {"from", text_or_null(outcome.from)},
                     {"to", text_or_null(outcome.to)},
@@ -140,8 +140,8 @@ std::string json_of(const Outcome &outcome) {
 
 std::string json_summary(const std::vector<Outcome> &outcomes) {
     Json object{{"type", "summary"}, {"agents", outcomes.size()}};
-    for (const Ending ending : all_endings) {
-        object[key_of(ending)] = count_of(outcomes, ending);
+    for (const ExitStatus status : all_statuses) {
+        object[key_of(status)] = count_of(outcomes, status);
     }
     return line_of(object);
 }

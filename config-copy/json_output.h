@@ -1,4 +1,4 @@
-// JSON for programs, one object a line. config-copy(1) has the schema.
+// JSON for programs, one object per line. config-copy(1) describes the schema.
 #pragma once
 
 #include "config-copy/output.h"
@@ -7,9 +7,9 @@ namespace config_copy {
 
 std::unique_ptr<Output> json_output();
 
-// --- parts ---
+// Parts of the implementation.
 
-// On one line. What is no UTF-8 in a text becomes U+FFFD.
+// The outcome on one line. Octets that are not UTF-8 become U+FFFD.
 std::string json_of(const Outcome &outcome);
 std::string json_summary(const std::vector<Outcome> &outcomes);
 

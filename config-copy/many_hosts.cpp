@@ -15,19 +15,18 @@
 namespace config_copy {
 namespace {
 
-// Agents that are asked or wait for their place, beside those that copy: so many may be silent and
-// hold up nobody.
-constexpr rlim_t most_beside = 512;
+// Agents that are being contacted or wait for a slot, in addition to those that copy: as many as
+// this may be silent without delaying others.
+constexpr rlim_t most_in_advance = 512;
 
-// How many agents to be in contact with at a time. The files that the process may open bound it, as
-// each contact holds a socket, and before that, while its name is looked up, one for each of up to
-// three name servers. Waiting is no bound: it is poll(2)'s, and the library's sets of descriptors
-// grow. The soft limit of 1024 that processes mostly begin with is there for select(2), so it may
-// be raised.
+// The number of agents to be in contact with at a time. It is limited by the files that the process
+// may open: each contact holds a socket and, while its name is looked up, one for each of up to
+// three name servers. Waiting sets no limit, because it uses poll(2) and descriptor sets of the
+// library that grow. The usual soft limit of 1024 exists for select(2), so it may be raised.
 std::size_t contacts_for(std::size_t agents, int jobs) {
     constexpr rlim_t files_each = 3;
     constexpr rlim_t other_files = 32;
-    const rlim_t wanted = std::min<rlim_t>(agents, static_cast<rlim_t>(jobs) + most_beside);
+    const rlim_t wanted = std::min<rlim_t>(agents, static_cast<rlim_t>(jobs) + most_in_advance);
     rlimit files{};
     ::getrlimit(RLIMIT_NOFILE, &files);
     if (const rlim_t needed = wanted * files_each + other_files; files.rlim_cur < needed) {
@@ -38,39 +37,39 @@ std::size_t contacts_for(std::size_t agents, int jobs) {
         files.rlim_cur > other_files ? (files.rlim_cur - other_files) / files_each : 0, 1, wanted);
 }
 
-// One of the copies that may run at a time, held as long as the object is there.
-class Place {
+// One of the copies that may run at a time; held while the object exists.
+class Slot {
   public:
-    explicit Place(std::counting_semaphore<> &places) : places_(places) {
-        while (!places_.try_acquire_for(std::chrono::milliseconds(100))) {
+    explicit Slot(std::counting_semaphore<> &slots) : slots_(slots) {
+        while (!slots_.try_acquire_for(std::chrono::milliseconds(100))) {
             if (interrupting_signal() != 0) {
                 throw Interrupted{};
             }
         }
     }
-    Place(const Place &) = delete;
-    Place &operator=(const Place &) = delete;
-    ~Place() { places_.release(); }
+    Slot(const Slot &) = delete;
+    Slot &operator=(const Slot &) = delete;
+    ~Slot() { slots_.release(); }
 
   private:
-    std::counting_semaphore<> &places_;
+    std::counting_semaphore<> &slots_;
 };
 
-Outcome copy_on(const netsnmp_session &defaults, const std::string &agent, const CopyOrder &order,
-                std::counting_semaphore<> &places) {
-    Outcome outcome = planned(order, agent);
+Outcome copy_on(const netsnmp_session &defaults, const std::string &agent, const CopyJob &job,
+                std::counting_semaphore<> &slots) {
+    Outcome outcome = planned(job, agent);
     try {
-        Session session = session_with(defaults, agent, order.is_verbose);
-        // An agent that does not answer takes no place.
+        Session session = session_with(defaults, agent, job.is_verbose);
+        // An agent that does not answer does not get a slot.
         session.get({copy_cell(CC_COLUMN_ENTRY_ROW_STATUS, largest_index)});
-        const Place place(places);
-        return copy(session, order, [](std::string_view, std::chrono::seconds) {});
+        const Slot slot(slots);
+        return copy(session, job, [](std::string_view, std::chrono::seconds) {});
     } catch (const Failure &failure) {
         outcome.fail(failure);
     } catch (const Trouble &trouble) {
         outcome.fail(failure_of(trouble, agent));
     } catch (const std::exception &error) {
-        outcome.fail({Ending::failed, agent + ": " + error.what()});
+        outcome.fail({ExitStatus::failed, agent + ": " + error.what()});
     }
     return outcome;
 }
@@ -78,19 +77,19 @@ Outcome copy_on(const netsnmp_session &defaults, const std::string &agent, const
 } // namespace
 
 std::vector<Outcome> copy_on_all(const netsnmp_session &defaults,
-                                 const std::vector<std::string> &agents, const CopyOrder &order,
+                                 const std::vector<std::string> &agents, const CopyJob &job,
                                  int jobs, Output &output) {
     std::vector<Outcome> outcomes(agents.size());
     std::atomic<std::size_t> next = 0;
-    std::counting_semaphore<> places(jobs);
+    std::counting_semaphore<> slots(jobs);
     const auto work = [&] {
         try {
             for (std::size_t i = next++; i < agents.size() && interrupting_signal() == 0;
                  i = next++) {
-                outcomes[i] = copy_on(defaults, agents[i], order, places);
+                outcomes[i] = copy_on(defaults, agents[i], job, slots);
                 output.outcome(outcomes[i]);
             }
-        } catch (const Interrupted &) { // the others find out themselves
+        } catch (const Interrupted &) { // the others will notice the signal themselves
         }
     };
     {

@@ -1,4 +1,4 @@
-// The same copy on many agents side by side.
+// The same copy on many agents at once.
 #pragma once
 
 #include "config-copy/copy_run.h"
@@ -9,13 +9,13 @@
 
 namespace config_copy {
 
-// Tells each outcome as it comes and the summary at the end. At most `jobs` copies run at a time.
-// Beside them up to 512 agents are asked whether they are there, and only who answers waits for his
-// turn: one that does not delays no other. It may raise the process's soft limit of open files; a
-// hard limit that is too low makes the numbers smaller. Throws Interrupted when all that had begun
+// Reports each outcome as it comes, and a summary at the end. At most `jobs` copies run at a time.
+// Up to 512 more agents are contacted in advance, and only agents that answer wait for a slot, so
+// silent agents do not delay others. It may raise the process's soft limit of open files; a hard
+// limit that is too low reduces these numbers. Throws Interrupted after all copies that had begun
 // are cleaned up.
 std::vector<Outcome> copy_on_all(const netsnmp_session &defaults,
-                                 const std::vector<std::string> &agents, const CopyOrder &order,
+                                 const std::vector<std::string> &agents, const CopyJob &job,
                                  int jobs, Output &output);
 
 } // namespace config_copy

@@ -3,7 +3,7 @@
 namespace config_copy {
 
 Failure not_found(const std::string &what, const std::string &host, int error) {
-    return {Ending::unreachable,
+    return {ExitStatus::unreachable,
             "the " + what + " \"" + host + "\" can't be found: " + ::gai_strerror(error) +
                 (error == EAI_AGAIN ? "; try again later, or write its address"
                                     : "; check its name, or write its address")};

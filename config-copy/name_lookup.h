@@ -1,4 +1,4 @@
-// The addresses behind a host's name.
+// Looking up host names.
 #pragma once
 
 #include "config-copy/failure.h"
@@ -12,12 +12,12 @@ namespace config_copy {
 
 using Addresses = std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)>;
 
-// At least one address. `what` is what the host is for the user, such as "agent". Throws a Failure
-// of unreachable: a name that is not known today may be known tomorrow, so it is never bad usage.
+// Returns at least one address. `what` names the host's role to the user, such as "agent". Throws a
+// Failure of unreachable, never of usage: a name that is unknown today may be known tomorrow.
 Addresses look_up(const std::string &what, const std::string &host, const char *port,
                   const addrinfo &hints);
 
-// --- parts ---
+// Parts of the implementation.
 
 // The Failure for an error of getaddrinfo(3).
 Failure not_found(const std::string &what, const std::string &host, int error);

@@ -23,7 +23,7 @@
 namespace config_copy {
 namespace {
 
-constexpr std::string_view letters_with_value = "YmMOIPDvrtcZeEnulxXaApT3LsS"; // of snmpcmd(1)
+constexpr std::string_view letters_with_value = "YmMOIPDvrtcZeEnulxXaApT3LsS"; // as in snmpcmd(1)
 constexpr long longest_wait = 7L * 24 * 3600;
 constexpr long most_jobs = 1000;
 
@@ -36,8 +36,8 @@ long number_of(std::string_view what, std::string_view text, long least, long mo
     return *value;
 }
 
-// An option of ours. One that takes a value may be given once: which of two values counts is not
-// for us to guess.
+// An option of ours. An option with a value may be given only once, because it would not be clear
+// which of two values counts.
 struct OwnOption {
     std::string_view name;
     bool takes_value;
@@ -87,8 +87,8 @@ constexpr std::array<OwnOption, 13> own_options{
           options.command = Command::version;
       }}}};
 
-// How many letters must be changed, put in or left out to make the one word the other
-// (Levenshtein), case and '_' for '-' aside.
+// The Levenshtein distance: how many letters must be changed, inserted or removed to turn one word
+// into the other. Ignores case, and takes '_' and '-' as equal.
 std::size_t distance(std::string_view a, std::string_view b) {
     const auto plain = [](char c) {
         return c == '_' ? '-' : static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
@@ -105,8 +105,8 @@ std::size_t distance(std::string_view a, std::string_view b) {
     return row.back();
 }
 
-// The library remembers every long option as a line of snmp.conf, and only warns of one that means
-// nothing to it.
+// The library stores every long option as a line of snmp.conf, and only warns about one that it
+// does not know.
 std::vector<const config_line *> library_tokens() {
     std::vector<const config_line *> tokens;
     for (const char *type : {"snmp", NETSNMP_APPLICATION_CONFIG_TYPE}) {
@@ -118,8 +118,7 @@ std::vector<const config_line *> library_tokens() {
     return tokens;
 }
 
-// Where the library would only say that something is wrong, or say nothing and do another thing
-// than was meant.
+// Checks values for which the library would give a vague error, or silently do something else.
 void check_value(char letter, const std::string &value) {
     constexpr std::size_t shortest_passphrase = 8; // RFC 3414, section 11.2
     const std::string option = std::string("-") + letter;
@@ -139,14 +138,14 @@ void check_value(char letter, const std::string &value) {
     }
 }
 
-// Checks a word of the library's single letters, such as -dv2c, of which the last may have its
-// value in the next word. Whether it has.
+// Checks a word of single-letter options of the library, such as -dv2c, the last of which may have
+// its value in the next word. Returns whether it has.
 bool takes_next_word(std::string_view word, const char *next) {
     if (word == "-Lf" || word == "-Ls") {
         return next != nullptr;
     }
     const std::size_t at = word.find_first_of(letters_with_value, 1);
-    // where the library would see a long option
+    // The library would take this for a long option.
     if (const std::size_t hyphen = word.find('-', 1); hyphen < at) {
         throw bad_usage("in " + std::string(word.substr(0, hyphen + 1)) +
                         " a hyphen follows a letter: write a long option apart, with two hyphens");
@@ -179,8 +178,8 @@ void parse_copy(const std::vector<std::string> &arguments, Options &options) {
         throw bad_usage(options.hosts_file ? "with --hosts, name FROM and TO, and no AGENT"
                                            : "name AGENT, FROM and TO (config-copy --help)");
     }
-    options.from = parse_side(arguments[expected - 2]);
-    options.to = parse_side(arguments[expected - 1]);
+    options.from = parse_endpoint(arguments[expected - 2]);
+    options.to = parse_endpoint(arguments[expected - 1]);
     check_pair(options.from, options.to);
     if (!options.hosts_file) {
         options.agents = {agent_of(arguments[0])};
@@ -319,8 +318,8 @@ Words split_words(int count, char **words, Options &options) {
         if (word.starts_with("--")) {
             result.long_options.emplace_back(word.substr(0, word.find_first_of("= \t")));
         }
-        // The words themselves, not copies: the library blanks the passphrases in them, which
-        // others see.
+        // The words themselves, not copies: the library blanks the passphrases in them, because
+        // other users can see them.
         result.library.push_back(words[i]);
         if (!word.starts_with("--") &&
             takes_next_word(word, i + 1 < count ? words[i + 1] : nullptr)) {
@@ -338,7 +337,7 @@ void check_long_options(const std::vector<std::string> &names) {
             })) {
             continue;
         }
-        std::size_t least = 3; // more has no likeness
+        std::size_t least = 3; // words that differ by more are not alike
         std::string nearest;
         const auto consider = [&](const std::string &known) {
             if (const std::size_t far = distance(name, known); far < least) {
@@ -410,12 +409,12 @@ std::optional<Options> parse_options(int count, char **words) {
     const bool is_for_library =
         std::any_of(split.library.begin() + 1, split.library.end(),
                     [](std::string_view word) { return word == "-V" || word == "-H"; });
-    // The agent is told to each session; the library only wants to see one.
+    // Each session gets its agent later, but the library wants one here.
     std::string agent = "-";
     split.library.push_back(agent.data());
     split.library.push_back(nullptr);
-    ::setenv("MIBS", "", 1); // numbers are all that is needed
-    if (!is_for_library) {   // which logs what it is asked for
+    ::setenv("MIBS", "", 1); // only numbers are needed
+    if (!is_for_library) {   // -V and -H answer through the log
         ::netsnmp_register_loghandler(NETSNMP_LOGHANDLER_NONE, LOG_DEBUG);
     }
     const int result =

@@ -40,7 +40,7 @@ std::string name_of_column(unsigned long column) {
 
 } // namespace
 
-std::string words_of_what_goes_on(FileType from, FileType to) {
+std::string describe_what_continues(FileType from, FileType to) {
     if (from == FileType::network) {
         return "the transfer goes on at the switch and may still be applied";
     }
@@ -51,10 +51,10 @@ std::string words_of_what_goes_on(FileType from, FileType to) {
                                      : "";
 }
 
-std::string_view name_of(Ending ending) {
+std::string_view name_of(ExitStatus status) {
     constexpr std::array<std::string_view, 6> names{"done",    "failed",        "usage",
                                                     "refused", "not reachable", "busy"};
-    return names.at(static_cast<std::size_t>(ending));
+    return names.at(static_cast<std::size_t>(status));
 }
 
 std::string seconds_text(double seconds) {
@@ -63,14 +63,14 @@ std::string seconds_text(double seconds) {
     return text.str();
 }
 
-Ending ending_of_all(const std::vector<Outcome> &outcomes) {
-    Ending all = Ending::done;
+ExitStatus status_of_all(const std::vector<Outcome> &outcomes) {
+    ExitStatus all = ExitStatus::done;
     for (const Outcome &outcome : outcomes) {
-        if (outcome.ending == Ending::done || outcome.ending == all) {
+        if (outcome.status == ExitStatus::done || outcome.status == all) {
             continue;
         }
-        all = all == Ending::done ? outcome.ending : Ending::failed;
-        if (all == Ending::failed) {
+        all = all == ExitStatus::done ? outcome.status : ExitStatus::failed;
+        if (all == ExitStatus::failed) {
             break;
         }
     }
@@ -85,11 +85,11 @@ std::string state_name(long state) {
                : numbered(state);
 }
 
-std::string words_of_cause(long cause, std::string_view server, bool is_fabric,
+std::string describe_cause(long cause, std::string_view server, bool is_fabric,
                            std::string_view reason) {
     const std::string the_server =
         server.empty() ? "the file server" : "the file server " + std::string(server);
-    // What the switch says stands for where to look.
+    // The switch's own report, if there is one, replaces the hint where to look.
     const auto because = [reason](const char *what, const char *where) {
         return std::string(what) + ": " + (reason.empty() ? where : std::string(reason));
     };
@@ -137,15 +137,15 @@ std::string words_of_cause(long cause, std::string_view server, bool is_fabric,
     }
 }
 
-std::string words_of_low_level(std::string_view low_level) {
+std::string describe_low_level(std::string_view low_level) {
     return "the agent grants this user nothing at the security level " + std::string(low_level) +
            ": choose a higher one, such as -l authPriv (if that is refused too, check the user's "
            "views)";
 }
 
-std::string words_of_refusal(long status, unsigned long column, std::string_view low_level) {
+std::string describe_refusal(long status, unsigned long column, std::string_view low_level) {
     if (status == SNMP_ERR_AUTHORIZATIONERROR && !low_level.empty()) {
-        return words_of_low_level(low_level);
+        return describe_low_level(low_level);
     }
     switch (status) {
     case SNMP_ERR_NOACCESS:
@@ -171,14 +171,14 @@ std::string words_of_refusal(long status, unsigned long column, std::string_view
     }
 }
 
-std::string words_of_refused_activation(long status, std::string_view low_level) {
+std::string describe_refused_activation(long status, std::string_view low_level) {
     switch (status) {
     case SNMP_ERR_INCONSISTENTVALUE:
         return "the switch finds the request incomplete: check user and password";
     case SNMP_ERR_WRONGVALUE:
         return "the switch does not accept this source and destination, or not this file server";
     default:
-        return words_of_refusal(status, CC_COLUMN_ENTRY_ROW_STATUS, low_level);
+        return describe_refusal(status, CC_COLUMN_ENTRY_ROW_STATUS, low_level);
     }
 }
 

@@ -26,14 +26,14 @@ std::unique_ptr<Output> make_output(bool is_quiet, bool is_json, bool is_verbose
         return json_output();
     }
     const bool is_terminal = ::isatty(STDOUT_FILENO) == 1 && ::isatty(STDERR_FILENO) == 1;
-    // whose lines would run into the live one
+    // Verbose output would run into the live line.
     return text_output(is_quiet, is_terminal && !is_verbose);
 }
 
-std::size_t count_of(const std::vector<Outcome> &outcomes, Ending ending) {
+std::size_t count_of(const std::vector<Outcome> &outcomes, ExitStatus status) {
     return static_cast<std::size_t>(
         std::count_if(outcomes.begin(), outcomes.end(),
-                      [&](const Outcome &outcome) { return outcome.ending == ending; }));
+                      [&](const Outcome &outcome) { return outcome.status == status; }));
 }
 
 } // namespace config_copy

@@ -1,4 +1,4 @@
-// What the user sees: texts, with a live line on a terminal, or JSON, one object per line.
+// Output to the user: text, with a live line on a terminal, or JSON, one object per line.
 #pragma once
 
 #include "config-copy/outcome.h"
@@ -22,43 +22,43 @@ struct Heading {
     enum { words, numbers } cells = words;
 };
 
-// In JSON each row is an object of this type, with the headings in lower case as keys and null for
-// what is absent.
+// In JSON each row is an object of this type. Its keys are the headings in lower case, and absent
+// cells are null.
 struct Table {
     std::string_view type;
     std::string agent;
     std::vector<Heading> headings;
     std::vector<std::vector<std::string>> rows;
-    std::string when_empty; // the text instead of an empty table
+    std::string when_empty; // printed instead of an empty table
 };
 
 class Output {
   public:
     virtual ~Output() = default;
 
-    // How the one copy stands.
+    // The state of a single copy.
     virtual void progress(std::string_view agent, std::string_view state,
                           std::chrono::seconds elapsed) = 0;
 
-    // How a copy ended. Any thread may call it.
+    // The outcome of a copy. Any thread may call it.
     virtual void outcome(const Outcome &outcome) = 0;
 
-    // How many of several copies ended how.
+    // How many of several copies ended in which way.
     virtual void summary(const std::vector<Outcome> &outcomes) = 0;
 
     virtual void table(const Table &table) = 0;
 
-    // A request that was taken away.
+    // A request that was removed.
     virtual void removed(const std::string &agent, unsigned long index,
                          const std::string &text) = 0;
 
-    // Why there is no outcome; `agent` may be empty.
+    // The reason why there is no outcome; `agent` may be empty.
     virtual void failure(const Failure &failure, const std::string &agent) = 0;
 
-    // Writes to standard output, as it is.
+    // Writes the text to standard output unchanged.
     void put(std::string_view text);
 
-    // Why not all could be written, or 0. A reader that went away is no reason.
+    // The errno value of a failed write, or 0. A reader that has closed the pipe is not an error.
     [[nodiscard]] int error() const { return error_; }
 
   protected:
@@ -70,11 +70,11 @@ class Output {
 
 std::unique_ptr<Output> make_output(bool is_quiet, bool is_json, bool is_verbose);
 
-// --- parts ---
+// Parts of the implementation.
 
-inline constexpr std::array<Ending, 6> all_endings{Ending::done,        Ending::failed,
-                                                   Ending::usage,       Ending::refused,
-                                                   Ending::unreachable, Ending::busy};
-std::size_t count_of(const std::vector<Outcome> &outcomes, Ending ending);
+inline constexpr std::array<ExitStatus, 6> all_statuses{
+    ExitStatus::done,    ExitStatus::failed,      ExitStatus::usage,
+    ExitStatus::refused, ExitStatus::unreachable, ExitStatus::busy};
+std::size_t count_of(const std::vector<Outcome> &outcomes, ExitStatus status);
 
 } // namespace config_copy

@@ -21,8 +21,8 @@
 namespace config_copy {
 namespace {
 
-// One line, octet by octet, so that what follows stays for others. Stops at an interruption. Throws
-// std::system_error.
+// Reads one line, octet by octet, so that the rest stays for other readers. Stops at an
+// interruption. Throws std::system_error.
 std::string line_of(int descriptor) {
     std::string line;
     for (;;) {
@@ -48,7 +48,7 @@ std::string line_of(int descriptor) {
     return line;
 }
 
-// The terminal shows nothing of what is typed as long as this exists.
+// Turns the terminal's echo off while it exists.
 class Silence {
   public:
     explicit Silence(int terminal) : terminal_(terminal) {
@@ -101,7 +101,7 @@ std::string from_file(const std::string &name) {
     }
     try {
         return line_of(file.get());
-    } catch (const std::system_error &error) { // of a folder, too
+    } catch (const std::system_error &error) { // for example a directory
         throw unreadable(error.code().value());
     }
 }

@@ -44,9 +44,9 @@ void list_requests(Session &session, Output &output) {
              copy_cell(CC_COLUMN_TIME_COMPLETED, index)});
         const auto state = number(values[6]);
         if (!state) {
-            continue; // gone since
+            continue; // removed meanwhile
         }
-        const auto side = [&](const Value &type) {
+        const auto file_type = [&](const Value &type) {
             if (type != Value(static_cast<long>(FileType::network))) {
                 return type_name(number(type).value_or(0));
             }
@@ -55,7 +55,8 @@ void list_requests(Session &session, Output &output) {
                             octets(values[4]));
         };
         const auto seconds = seconds_between(values[8], values[9]);
-        rows.push_back({std::to_string(index), side(values[0]), side(values[1]), state_name(*state),
+        rows.push_back({std::to_string(index), file_type(values[0]), file_type(values[1]),
+                        state_name(*state),
                         state == COPY_STATE_FAILED ? cause_name(number(values[7]).value_or(0))
                                                    : std::string(absent),
                         seconds ? seconds_text(*seconds) : std::string(absent)});
@@ -96,31 +97,31 @@ void abort_request(Session &session, oid index, Output &output) {
     const auto state = number(values[0]);
     if (!state) {
         check_table(session);
-        throw Failure(Ending::failed,
+        throw Failure(ExitStatus::failed,
                       "there is no " + name + ": see `config-copy list " + session.agent() + '`');
     }
     const auto result =
         session.set({{copy_cell(CC_COLUMN_ENTRY_ROW_STATUS, index), ROW_STATUS_DESTROY}});
     if (result && result->status == SNMP_ERR_GENERR) {
-        throw Failure(Ending::refused, name + " can't be removed: it is stuck after a refused "
-                                              "request, and goes by itself within 7 minutes");
+        throw Failure(ExitStatus::refused, name + " can't be removed: it is stuck after a refused "
+                                                  "request, and expires within 7 minutes");
     }
     if (result && result->status != SNMP_ERR_NOERROR) {
         throw Failure(
-            Ending::refused,
+            ExitStatus::refused,
             session.agent() + ": " +
-                words_of_refusal(result->status, CC_COLUMN_ENTRY_ROW_STATUS, session.low_level()));
+                describe_refusal(result->status, CC_COLUMN_ENTRY_ROW_STATUS, session.low_level()));
     }
     if (!result && number(session.get({copy_cell(CC_COLUMN_STATE, index)}).front())) {
-        throw Failure(Ending::unreachable, session.agent() +
-                                               " did not answer the removal of request " +
-                                               std::to_string(index) + ": try again");
+        throw Failure(ExitStatus::unreachable, session.agent() +
+                                                   " did not answer the removal of request " +
+                                                   std::to_string(index) + ": try again");
     }
     std::string text = name + " removed";
     if (state == COPY_STATE_RUNNING) {
         const std::string rest =
-            words_of_what_goes_on(static_cast<FileType>(number(values[1]).value_or(0)),
-                                  static_cast<FileType>(number(values[2]).value_or(0)));
+            describe_what_continues(static_cast<FileType>(number(values[1]).value_or(0)),
+                                    static_cast<FileType>(number(values[2]).value_or(0)));
         text += rest.empty() ? "; its save is given up" : "; " + rest;
     }
     output.removed(session.agent(), index, text);

@@ -1,4 +1,4 @@
-// A look at the requests that an agent has, whoever made them.
+// The requests on an agent, of all managers.
 #pragma once
 
 #include "config-copy/output.h"
@@ -10,11 +10,11 @@ namespace config_copy {
 
 void list_requests(Session &session, Output &output);
 
-// Of one request, or of all.
+// The errors of one request, or of all.
 void list_errors(Session &session, std::optional<oid> index, Output &output);
 
-// Destroys the request; a save that runs in it is given up. Throws a Failure when there is none, or
-// it can't be destroyed.
+// Destroys the request; a save that it runs is aborted. Throws a Failure if there is no such
+// request or if it can't be destroyed.
 void abort_request(Session &session, oid index, Output &output);
 
 } // namespace config_copy

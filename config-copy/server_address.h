@@ -1,4 +1,4 @@
-// The address of a file server, as the copy table takes it.
+// The address of a file server in the copy table's form.
 #pragma once
 
 #include "base/address_text.h"
@@ -10,11 +10,11 @@ namespace config_copy {
 
 struct ServerAddress {
     inet_address_type type = INET_ADDRESS_IPV4;
-    std::string octets; // in network order, 4 or 16
+    std::string octets; // network order; 4 or 16
 };
 
-// Throws a Failure of unreachable when the name can't be looked up, and of usage when it is this
-// machine's own loopback, which on the switch would be another one.
+// Throws a Failure of unreachable if the name can't be looked up, and of usage if it is this
+// machine's loopback address, which would mean the switch itself there.
 ServerAddress server_address(const std::string &host);
 
 using ulmo::address_text;

@@ -19,13 +19,13 @@ std::vector<std::vector<std::string>> switch_rows(const std::vector<SwitchOutcom
     return rows;
 }
 
-// Success goes to standard output, all else to standard error.
+// Success goes to standard output, everything else to standard error.
 class TextOutput : public Output {
   public:
     TextOutput(bool is_quiet, bool has_live_line)
         : is_quiet_(is_quiet), has_live_line_(has_live_line) {}
 
-    // A terminal's line is written anew; otherwise only a change is told.
+    // On a terminal the line is redrawn; elsewhere only changes are printed.
     void progress(std::string_view agent, std::string_view state,
                   std::chrono::seconds elapsed) override {
         if (is_quiet_) {
@@ -44,7 +44,7 @@ class TextOutput : public Output {
     void outcome(const Outcome &outcome) override {
         const std::lock_guard lock(mutex_);
         end_live_line();
-        if (outcome.ending == Ending::done) {
+        if (outcome.status == ExitStatus::done) {
             line(outcome.text);
             return;
         }
@@ -117,11 +117,11 @@ std::string summary_of(const std::vector<Outcome> &outcomes) {
     const bool is_dry_run = !outcomes.empty() && outcomes.front().is_dry_run;
     std::string text =
         std::to_string(outcomes.size()) + (outcomes.size() == 1 ? " agent" : " agents");
-    for (const Ending ending : all_endings) {
-        const bool is_done = ending == Ending::done;
-        if (const std::size_t count = count_of(outcomes, ending); count > 0 || is_done) {
+    for (const ExitStatus status : all_statuses) {
+        const bool is_done = status == ExitStatus::done;
+        if (const std::size_t count = count_of(outcomes, status); count > 0 || is_done) {
             text += (is_done ? ": " : ", ") + std::to_string(count) + ' ' +
-                    std::string(is_done && is_dry_run ? "ready" : name_of(ending));
+                    std::string(is_done && is_dry_run ? "ready" : name_of(status));
         }
     }
     return text;

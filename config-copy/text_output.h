@@ -7,7 +7,7 @@ namespace config_copy {
 
 std::unique_ptr<Output> text_output(bool is_quiet, bool has_live_line);
 
-// --- parts ---
+// Parts of the implementation.
 
 std::string summary_of(const std::vector<Outcome> &outcomes);
 std::vector<std::string> table_lines(const std::vector<std::string> &headings,

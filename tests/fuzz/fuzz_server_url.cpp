@@ -1,6 +1,6 @@
 // Reads arbitrary words as FROM or TO of a copy: a file that is accepted is one that a switch
 // takes, and its URL, written anew from the parts, names the same file.
-#include "config-copy/copy_side.h"
+#include "config-copy/endpoint.h"
 #include "config-copy/failure.h"
 
 #include "tests/fuzz/property.h"
@@ -9,24 +9,25 @@ using namespace config_copy;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *octets, std::size_t size) {
     const PathValues values{"switch", "2026-11-21"};
-    CopySide side;
+    Endpoint endpoint;
     std::string name;
     try {
-        side = parse_side({reinterpret_cast<const char *>(octets), size});
-        if (side.type != FileType::network) {
+        endpoint = parse_endpoint({reinterpret_cast<const char *>(octets), size});
+        if (endpoint.type != FileType::network) {
             return 0;
         }
-        name = file_name(side.url, values);
+        name = file_name(endpoint.url, values);
     } catch (const Failure &) {
         return 0;
     }
     // From here on a refusal is a defect and ends the fuzzer as an uncaught exception.
-    require(!side.url.host.empty() && !name.empty());
-    require(is_one_line(side.url.user) && is_one_line(name));
+    require(!endpoint.url.host.empty() && !name.empty());
+    require(is_one_line(endpoint.url.user) && is_one_line(name));
     const FileUrl again =
-        parse_side(url_text(side.url.protocol, side.url.user, side.url.host, name)).url;
-    require(again.protocol == side.url.protocol && again.user == side.url.user &&
-            again.host == side.url.host);
+        parse_endpoint(url_text(endpoint.url.protocol, endpoint.url.user, endpoint.url.host, name))
+            .url;
+    require(again.protocol == endpoint.url.protocol && again.user == endpoint.url.user &&
+            again.host == endpoint.url.host);
     require(file_name(again, values) == name);
     return 0;
 }

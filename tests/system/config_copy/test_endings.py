@@ -149,7 +149,7 @@ def test_request_that_somebody_removes(operator):
 @pytest.mark.parametrize("words, text", [
     ((), "name AGENT, FROM and TO (config-copy --help)"),
     ((AGENT, "running", "running"),
-     "from running to running copies nothing: name two different sides"),
+     "from running to running copies nothing: FROM and TO must differ"),
     ((AGENT, "http://h/a", "running"), 'unknown scheme "http": use tftp, ftp, sftp or scp'),
     ((AGENT, "running", "tftp:///a"), 'no host in "tftp:///a": write tftp://host/path'),
     ((AGENT, "running", f"scp://{SERVER4}/a"),
@@ -311,7 +311,7 @@ def test_look_at_an_agent_without_the_module(own_agents, words):
     command, *index = words
     text = (
         f"{agent.name} has no copy table that this user may read: does it load config_copy_mib, "
-        "and does the user's read view hold "
+        "and does the user's read view include "
         ".1.3.6.1.4.1.41927.9.96?")
     check(config_copy("-v2c", "-c", "writer", command, agent.name, *index), REFUSED, text)
     done = config_copy("--json", "-v2c", "-c", "writer", command, agent.name, *index)

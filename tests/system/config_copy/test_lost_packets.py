@@ -33,7 +33,7 @@ def test_agent_that_goes_before_the_activation(operator):
     assert done.status == UNREACHABLE, done
     assert " in 0.5 s: it answered before; is it still running?" in done.err, done
     assert done.err.endswith(
-        f"; its request {index} could not be removed and goes by itself within 7 minutes\n")
+        f"; its request {index} could not be removed and expires within 7 minutes\n")
     assert carried.count(SET) == 1
     assert Request(operator, index).get(STATE) == STATE_WAITING
 

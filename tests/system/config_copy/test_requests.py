@@ -76,7 +76,7 @@ def test_abort_of_a_request_that_is_stuck(operator):
         pass
     done = config_copy("abort", AGENT, request.index)
     assert done.status == REFUSED, done
-    said = "it is stuck after a refused request, and goes by itself within 7 minutes"
+    said = "it is stuck after a refused request, and expires within 7 minutes"
     assert said in done.err, done
 
 

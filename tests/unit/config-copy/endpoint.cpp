@@ -1,5 +1,5 @@
 // FROM and TO on the command line.
-#include "config-copy/copy_side.h"
+#include "config-copy/endpoint.h"
 #include "config-copy/server_address.h"
 
 #include "tests/unit/config-copy/support.h"
@@ -8,44 +8,44 @@ namespace config_copy {
 namespace {
 
 std::string refusal(const std::string &text) {
-    return usage_failure([&] { parse_side(text); });
+    return usage_failure([&] { parse_endpoint(text); });
 }
 
 std::string pair_refusal(const char *from, const char *to) {
-    return usage_failure([&] { check_pair(parse_side(from), parse_side(to)); });
+    return usage_failure([&] { check_pair(parse_endpoint(from), parse_endpoint(to)); });
 }
 
 std::string name_in(const std::string &url) {
-    return file_name(parse_side(url).url, {"sw-1", "2026-11-21"});
+    return file_name(parse_endpoint(url).url, {"sw-1", "2026-11-21"});
 }
 
-TEST(CopySide, LocalFiles) {
-    EXPECT_EQ(FileType::running, parse_side("running").type);
-    EXPECT_EQ(FileType::startup, parse_side("startup").type);
-    EXPECT_EQ(FileType::fabric_startup, parse_side("fabric-startup").type);
-    EXPECT_EQ(FileType::all_startup, parse_side("all-startup").type);
+TEST(Endpoint, LocalFiles) {
+    EXPECT_EQ(FileType::running, parse_endpoint("running").type);
+    EXPECT_EQ(FileType::startup, parse_endpoint("startup").type);
+    EXPECT_EQ(FileType::fabric_startup, parse_endpoint("fabric-startup").type);
+    EXPECT_EQ(FileType::all_startup, parse_endpoint("all-startup").type);
     EXPECT_EQ("\"Running\" is neither running, startup, fabric-startup nor all-startup, nor a URL "
               "such as tftp://host/path",
               refusal("Running"));
 }
 
-TEST(CopySide, Urls) {
-    const CopySide tftp = parse_side("tftp://192.0.2.1/dir/a.cfg");
+TEST(Endpoint, Urls) {
+    const Endpoint tftp = parse_endpoint("tftp://192.0.2.1/dir/a.cfg");
     EXPECT_EQ(FileType::network, tftp.type);
     EXPECT_EQ(Protocol::tftp, tftp.url.protocol);
     EXPECT_EQ("192.0.2.1", tftp.url.host);
     EXPECT_EQ("", tftp.url.user);
     EXPECT_EQ("dir/a.cfg", tftp.url.path);
-    const CopySide ftp = parse_side("FTP://Joe@files.example.net/a");
+    const Endpoint ftp = parse_endpoint("FTP://Joe@files.example.net/a");
     EXPECT_EQ(Protocol::ftp, ftp.url.protocol);
     EXPECT_EQ("Joe", ftp.url.user);
     EXPECT_EQ("files.example.net", ftp.url.host);
-    EXPECT_EQ(Protocol::sftp, parse_side("sftp://u@h/a").url.protocol);
-    EXPECT_EQ(Protocol::scp, parse_side("scp://u@h/a").url.protocol);
+    EXPECT_EQ(Protocol::sftp, parse_endpoint("sftp://u@h/a").url.protocol);
+    EXPECT_EQ(Protocol::scp, parse_endpoint("scp://u@h/a").url.protocol);
 }
 
-TEST(CopySide, Ipv6InBrackets) {
-    const FileUrl url = parse_side("sftp://u@[2001:db8::20]/a").url;
+TEST(Endpoint, Ipv6InBrackets) {
+    const FileUrl url = parse_endpoint("sftp://u@[2001:db8::20]/a").url;
     EXPECT_EQ("2001:db8::20", url.host);
     EXPECT_EQ("u", url.user);
     EXPECT_EQ("write the IPv6 address in brackets, as in tftp://[2001:db8::1]/file",
@@ -55,22 +55,22 @@ TEST(CopySide, Ipv6InBrackets) {
     EXPECT_EQ("no host in \"tftp://[]/a\": write tftp://host/path", refusal("tftp://[]/a"));
 }
 
-TEST(CopySide, PercentEncoding) {
+TEST(Endpoint, PercentEncoding) {
     EXPECT_EQ("a b%/{c}", name_in("tftp://h/a%20b%25%2f%7Bc%7D"));
-    EXPECT_EQ("j@d", parse_side("scp://j%40d@h/a").url.user);
+    EXPECT_EQ("j@d", parse_endpoint("scp://j%40d@h/a").url.user);
     EXPECT_EQ("/etc/a", name_in("sftp://u@h//etc/a"));
     const std::string digits =
         " two hexadecimal digits must follow each '%'; a '%' itself is written %25";
     EXPECT_EQ("in \"a%2\"" + digits, refusal("tftp://h/a%2"));
     EXPECT_EQ("in \"a%g0\"" + digits, refusal("tftp://h/a%g0"));
     EXPECT_EQ("in \"%\"" + digits, refusal("tftp://h/%"));
-    EXPECT_EQ("the file name has a control character: the switch takes none",
+    EXPECT_EQ("the file name contains a control character, which the switch does not accept",
               refusal("tftp://h/a%00b"));
-    EXPECT_EQ("the user name has a control character: the switch takes none",
+    EXPECT_EQ("the user name contains a control character, which the switch does not accept",
               refusal("scp://a%0a@h/b"));
 }
 
-TEST(CopySide, Templates) {
+TEST(Endpoint, Templates) {
     EXPECT_EQ("x/sw-1-2026-11-21.cfg", name_in("tftp://h/x/{host}-{date}.cfg"));
     EXPECT_EQ("\"{hosts}\" can't be filled in: {host} and {date} can; a brace itself is written "
               "%7B or %7D",
@@ -78,26 +78,26 @@ TEST(CopySide, Templates) {
     EXPECT_EQ(
         "\"{host\" can't be filled in: {host} and {date} can; a brace itself is written %7B or %7D",
         refusal("tftp://h/{host"));
-    EXPECT_TRUE(has_template(parse_side("tftp://h/{host}").url, "host"));
-    EXPECT_FALSE(has_template(parse_side("tftp://h/{date}").url, "host"));
-    EXPECT_FALSE(has_template(parse_side("tftp://h/%7Bhost%7D").url, "host"));
+    EXPECT_TRUE(has_template(parse_endpoint("tftp://h/{host}").url, "host"));
+    EXPECT_FALSE(has_template(parse_endpoint("tftp://h/{date}").url, "host"));
+    EXPECT_FALSE(has_template(parse_endpoint("tftp://h/%7Bhost%7D").url, "host"));
 }
 
-TEST(CopySide, AValueIsNotDecoded) {
-    EXPECT_EQ("a%20b", file_name(parse_side("tftp://h/{host}").url, {"a%20b", ""}));
+TEST(Endpoint, AValueIsNotDecoded) {
+    EXPECT_EQ("a%20b", file_name(parse_endpoint("tftp://h/{host}").url, {"a%20b", ""}));
 }
 
-TEST(CopySide, LengthOfNames) {
+TEST(Endpoint, LengthOfNames) {
     EXPECT_EQ(128U, name_in("tftp://h/" + std::string(128, 'x')).size());
     EXPECT_EQ("the file name \"" + std::string(129, 'x') +
                   "\" is longer than the 128 octets that the switch takes",
               refusal("tftp://h/" + std::string(129, 'x')));
-    EXPECT_EQ(40U, parse_side("scp://" + std::string(40, 'u') + "@h/a").url.user.size());
+    EXPECT_EQ(40U, parse_endpoint("scp://" + std::string(40, 'u') + "@h/a").url.user.size());
     EXPECT_EQ("the user name is longer than the 40 octets that the switch takes",
               refusal("scp://" + std::string(41, 'u') + "@h/a"));
 }
 
-TEST(CopySide, RefusedUrls) {
+TEST(Endpoint, RefusedUrls) {
     EXPECT_EQ("unknown scheme \"http\": use tftp, ftp, sftp or scp", refusal("http://h/a"));
     EXPECT_EQ("no host in \"tftp:///a\": write tftp://host/path", refusal("tftp:///a"));
     EXPECT_EQ("no file name in \"tftp://h\": write tftp://host/path", refusal("tftp://h"));
@@ -106,7 +106,7 @@ TEST(CopySide, RefusedUrls) {
               refusal("tftp://h/dir/"));
     EXPECT_EQ("a '?' in a path is written %3F", refusal("tftp://h/a?b"));
     EXPECT_EQ("a '#' in a path is written %23", refusal("tftp://h/a#b"));
-    EXPECT_EQ("TFTP knows no users: leave out \"u@\", or use another protocol",
+    EXPECT_EQ("TFTP has no users: leave out \"u@\", or use another protocol",
               refusal("tftp://u@h/a"));
     EXPECT_EQ("no user in \"sftp://h/a\": write sftp://user@host/path", refusal("sftp://h/a"));
     EXPECT_EQ("no user in \"ftp://h/a\": write ftp://user@host/path", refusal("ftp://h/a"));
@@ -123,7 +123,7 @@ TEST(CopySide, RefusedUrls) {
               refusal("scp://[::2]:22/a"));
 }
 
-TEST(CopySide, PairsThatAreCopies) {
+TEST(Endpoint, PairsThatAreCopies) {
     for (const auto &[from, to] : {std::pair{"running", "startup"},
                                    {"running", "fabric-startup"},
                                    {"running", "all-startup"},
@@ -131,20 +131,22 @@ TEST(CopySide, PairsThatAreCopies) {
                                    {"running", "tftp://h/a"},
                                    {"startup", "tftp://h/a"},
                                    {"tftp://h/a", "running"}}) {
-        EXPECT_NO_THROW(check_pair(parse_side(from), parse_side(to))) << from << " to " << to;
+        EXPECT_NO_THROW(check_pair(parse_endpoint(from), parse_endpoint(to)))
+            << from << " to " << to;
     }
 }
 
-TEST(CopySide, PairsThatAreNone) {
-    EXPECT_EQ("from running to running copies nothing: name two different sides",
+TEST(Endpoint, PairsThatAreNone) {
+    EXPECT_EQ("from running to running copies nothing: FROM and TO must differ",
               pair_refusal("running", "running"));
-    EXPECT_EQ("from startup to startup copies nothing: name two different sides",
+    EXPECT_EQ("from startup to startup copies nothing: FROM and TO must differ",
               pair_refusal("startup", "startup"));
-    EXPECT_EQ("both sides are files on a server: one of them must be running or startup",
+    EXPECT_EQ("FROM and TO are both files on a server: one of them must be running or startup",
               pair_refusal("tftp://h/a", "tftp://h/b"));
-    EXPECT_EQ("the switch copies no file straight to startup: copy it to running, then running to "
-              "startup",
-              pair_refusal("tftp://h/a", "startup"));
+    EXPECT_EQ(
+        "the switch can't copy a file straight to startup: copy it to running, then running to "
+        "startup",
+        pair_refusal("tftp://h/a", "startup"));
     EXPECT_EQ("only running can be copied to fabric-startup",
               pair_refusal("startup", "fabric-startup"));
     EXPECT_EQ("only running can be copied to all-startup",
@@ -153,44 +155,44 @@ TEST(CopySide, PairsThatAreNone) {
               pair_refusal("fabric-startup", "running"));
 }
 
-TEST(CopySide, ValueOfHost) {
+TEST(Endpoint, ValueOfHost) {
     EXPECT_EQ("switch1.example.net", host_value("switch1.example.net"));
     EXPECT_EQ("udp6-2001-db8-1-161", host_value("udp6:[2001:db8::1]:161"));
     EXPECT_EQ("etc-passwd", host_value("/etc/passwd"));
 }
 
-TEST(CopySide, Synonyms) {
-    EXPECT_EQ(FileType::running, parse_side("running-config").type);
-    EXPECT_EQ(FileType::startup, parse_side("startup-config").type);
+TEST(Endpoint, Synonyms) {
+    EXPECT_EQ(FileType::running, parse_endpoint("running-config").type);
+    EXPECT_EQ(FileType::startup, parse_endpoint("startup-config").type);
 }
 
-TEST(CopySide, UrlThatCanBeGivenAgain) {
+TEST(Endpoint, UrlThatCanBeGivenAgain) {
     EXPECT_EQ("tftp://192.0.2.1/a%20b", url_text(Protocol::tftp, "", "192.0.2.1", "a b"));
     EXPECT_EQ("tftp://?/", url_text(Protocol::tftp, "", address_text(""), ""));
     const std::string user = "j@d:/%";
     const std::string path = "/{host}\x1b[31m?#%/\xc3\xa4";
     const std::string url = url_text(Protocol::sftp, user, "h", path);
     EXPECT_EQ("sftp://j%40d%3A%2F%25@h//%7Bhost%7D%1B[31m%3F%23%25/\xc3\xa4", url);
-    EXPECT_EQ("j@d:/%", parse_side("sftp://j%40d%3A%2F%25@h/a").url.user);
+    EXPECT_EQ("j@d:/%", parse_endpoint("sftp://j%40d%3A%2F%25@h/a").url.user);
     EXPECT_EQ("/{host}?#%", name_in("sftp://u@h//%7Bhost%7D%3F%23%25"));
     EXPECT_EQ("sftp://u@[2001:db8::1]//a", url_text(Protocol::sftp, "u", "2001:db8::1", "/a"));
 }
 
 // Names that no server has, and that are shown all the same when they were asked for.
-TEST(CopySide, ATextOfAnOddHostIsReadAsThatHost) {
+TEST(Endpoint, ATextOfAnOddHostIsReadAsThatHost) {
     for (const std::string host : {"[x", "x]", "a:]b", "a:/b", "a:\x1b[31m", "fe80::1%eth0"}) {
-        EXPECT_EQ(host, parse_side(url_text(Protocol::tftp, "", host, "a")).url.host);
+        EXPECT_EQ(host, parse_endpoint(url_text(Protocol::tftp, "", host, "a")).url.host);
     }
 }
 
-TEST(CopySide, AFolderIsNoFileHoweverItIsWritten) {
+TEST(Endpoint, AFolderIsNoFileHoweverItIsWritten) {
     EXPECT_EQ("no file name in \"tftp://h/a/\": write tftp://host/path", refusal("tftp://h/a/"));
-    EXPECT_EQ("the file name \"a/\" names no file: write something after the last '/'",
+    EXPECT_EQ("the file name \"a/\" does not name a file: write something after the last '/'",
               refusal("tftp://h/a%2F"));
 }
 
-TEST(CopySide, WhoNeedsAPassword) {
-    const auto url = [](const char *text) { return parse_side(text).url; };
+TEST(Endpoint, WhoNeedsAPassword) {
+    const auto url = [](const char *text) { return parse_endpoint(text).url; };
     EXPECT_TRUE(needs_password(url("sftp://u@h/a")));
     EXPECT_TRUE(needs_password(url("ftp://u@h/a")));
     EXPECT_FALSE(takes_password(url("ftp://AnonymousX@h/a")));

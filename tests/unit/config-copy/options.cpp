@@ -240,7 +240,7 @@ TEST(Agent, AddressForTheLibrary) {
         reachable_address("udp:name.invalid");
         ADD_FAILURE() << "nothing was thrown";
     } catch (const Failure &failure) {
-        EXPECT_EQ(Ending::unreachable, failure.ending());
+        EXPECT_EQ(ExitStatus::unreachable, failure.status());
     }
 }
 
@@ -266,7 +266,7 @@ TEST(Names, OneThatIsNotFoundIsNoBadUsage) {
         server_address("name.invalid");
         ADD_FAILURE() << "nothing was thrown";
     } catch (const Failure &failure) {
-        EXPECT_EQ(Ending::unreachable, failure.ending());
+        EXPECT_EQ(ExitStatus::unreachable, failure.status());
     }
 }
 

@@ -16,9 +16,9 @@
 namespace config_copy {
 namespace {
 
-Outcome ended(Ending ending) {
+Outcome ended(ExitStatus status) {
     Outcome outcome;
-    outcome.ending = ending;
+    outcome.status = status;
     return outcome;
 }
 
@@ -36,68 +36,70 @@ TEST(Outcome, NamesAreThoseOfTheMib) {
 TEST(Outcome, EachCauseHasItsWords) {
     std::set<std::string> words;
     for (long cause = COPY_FAIL_GENERAL; cause <= COPY_FAIL_WARDEN_FAILED; ++cause) {
-        words.insert(words_of_cause(cause, "192.0.2.1", false));
+        words.insert(describe_cause(cause, "192.0.2.1", false));
     }
     EXPECT_EQ(9U, words.size());
-    EXPECT_EQ("the switch gives the unknown cause 12", words_of_cause(12, "", false));
+    EXPECT_EQ("the switch gives the unknown cause 12", describe_cause(12, "", false));
     EXPECT_EQ("the file server 192.0.2.1 did not answer the switch: check its address, the route "
               "to it, and whether the server runs",
-              words_of_cause(COPY_FAIL_TIMEOUT, "192.0.2.1", false));
+              describe_cause(COPY_FAIL_TIMEOUT, "192.0.2.1", false));
     EXPECT_EQ("not every switch of the fabric has saved: see `cmdshell -c \"show last-save\"` on "
               "the switch",
-              words_of_cause(COPY_FAIL_WARDEN_FAILED, "", true));
+              describe_cause(COPY_FAIL_WARDEN_FAILED, "", true));
 }
 
 TEST(Outcome, WhatTheSwitchSaysIsPassedOn) {
     constexpr char why[] = "login refused for backup";
     for (long cause = COPY_FAIL_GENERAL; cause <= COPY_FAIL_WARDEN_FAILED; ++cause) {
-        EXPECT_TRUE(words_of_cause(cause, "192.0.2.1", false, why).ends_with(why)) << cause;
+        EXPECT_TRUE(describe_cause(cause, "192.0.2.1", false, why).ends_with(why)) << cause;
     }
     EXPECT_EQ("the switch says: login refused for backup",
-              words_of_cause(COPY_FAIL_GENERAL, "192.0.2.1", false, why));
+              describe_cause(COPY_FAIL_GENERAL, "192.0.2.1", false, why));
     EXPECT_EQ(
         "the configuration was refused while it was applied: line 14: unknown statement 'vlna'",
-        words_of_cause(COPY_FAIL_CONFIG_NOT_APPLIED, "192.0.2.1", false,
+        describe_cause(COPY_FAIL_CONFIG_NOT_APPLIED, "192.0.2.1", false,
                        "line 14: unknown statement 'vlna'"));
 }
 
 TEST(Outcome, RefusalsTellWhatToDo) {
     const std::string view = "this user or community may not write copy requests: it needs a write "
                              "view with .1.3.6.1.4.1.41927.9.96";
-    EXPECT_EQ(view, words_of_refusal(SNMP_ERR_NOACCESS, CC_COLUMN_ENTRY_ROW_STATUS, ""));
-    EXPECT_EQ(view, words_of_refusal(SNMP_ERR_AUTHORIZATIONERROR, CC_COLUMN_ENTRY_ROW_STATUS, ""));
+    EXPECT_EQ(view, describe_refusal(SNMP_ERR_NOACCESS, CC_COLUMN_ENTRY_ROW_STATUS, ""));
+    EXPECT_EQ(view, describe_refusal(SNMP_ERR_AUTHORIZATIONERROR, CC_COLUMN_ENTRY_ROW_STATUS, ""));
     EXPECT_EQ(
         "the agent has no copy table: load config_copy_mib into it (its log tells why it is not)",
-        words_of_refusal(SNMP_ERR_NOTWRITABLE, CC_COLUMN_ENTRY_ROW_STATUS, ""));
+        describe_refusal(SNMP_ERR_NOTWRITABLE, CC_COLUMN_ENTRY_ROW_STATUS, ""));
     EXPECT_EQ("the switch does not accept the file server's address",
-              words_of_refusal(SNMP_ERR_WRONGVALUE, CC_COLUMN_SERVER_ADDRESS_REV1, ""));
-    EXPECT_TRUE(words_of_refusal(SNMP_ERR_RESOURCEUNAVAILABLE, CC_COLUMN_USER_NAME, "")
+              describe_refusal(SNMP_ERR_WRONGVALUE, CC_COLUMN_SERVER_ADDRESS_REV1, ""));
+    EXPECT_TRUE(describe_refusal(SNMP_ERR_RESOURCEUNAVAILABLE, CC_COLUMN_USER_NAME, "")
                     .starts_with("the switch refuses the user name with "));
     const std::string level = "the agent grants this user nothing at the security level "
                               "authNoPriv: choose a higher one, such as -l authPriv "
                               "(if that is refused too, check the user's views)";
-    EXPECT_EQ(level, words_of_refusal(SNMP_ERR_AUTHORIZATIONERROR, CC_COLUMN_ENTRY_ROW_STATUS,
+    EXPECT_EQ(level, describe_refusal(SNMP_ERR_AUTHORIZATIONERROR, CC_COLUMN_ENTRY_ROW_STATUS,
                                       "authNoPriv"));
-    EXPECT_EQ(level, words_of_refused_activation(SNMP_ERR_AUTHORIZATIONERROR, "authNoPriv"));
-    EXPECT_EQ(view, words_of_refusal(SNMP_ERR_NOACCESS, CC_COLUMN_ENTRY_ROW_STATUS, "authNoPriv"));
+    EXPECT_EQ(level, describe_refused_activation(SNMP_ERR_AUTHORIZATIONERROR, "authNoPriv"));
+    EXPECT_EQ(view, describe_refusal(SNMP_ERR_NOACCESS, CC_COLUMN_ENTRY_ROW_STATUS, "authNoPriv"));
     EXPECT_EQ("the switch finds the request incomplete: check user and password",
-              words_of_refused_activation(SNMP_ERR_INCONSISTENTVALUE, ""));
+              describe_refused_activation(SNMP_ERR_INCONSISTENTVALUE, ""));
 }
 
 TEST(Outcome, StatusOfSeveral) {
-    const auto status = [](std::initializer_list<Ending> endings) {
+    const auto status = [](std::initializer_list<ExitStatus> statuses) {
         std::vector<Outcome> outcomes;
-        for (const Ending ending : endings) {
-            outcomes.push_back(ended(ending));
+        for (const ExitStatus status : statuses) {
+            outcomes.push_back(ended(status));
         }
-        return ending_of_all(outcomes);
+        return status_of_all(outcomes);
     };
-    EXPECT_EQ(Ending::done, status({Ending::done, Ending::done}));
-    EXPECT_EQ(Ending::unreachable,
-              status({Ending::done, Ending::unreachable, Ending::unreachable}));
-    EXPECT_EQ(Ending::failed, status({Ending::busy, Ending::done, Ending::unreachable}));
-    EXPECT_EQ(Ending::failed, status({Ending::busy, Ending::refused, Ending::refused}));
-    EXPECT_EQ(Ending::busy, status({Ending::busy}));
+    EXPECT_EQ(ExitStatus::done, status({ExitStatus::done, ExitStatus::done}));
+    EXPECT_EQ(ExitStatus::unreachable,
+              status({ExitStatus::done, ExitStatus::unreachable, ExitStatus::unreachable}));
+    EXPECT_EQ(ExitStatus::failed,
+              status({ExitStatus::busy, ExitStatus::done, ExitStatus::unreachable}));
+    EXPECT_EQ(ExitStatus::failed,
+              status({ExitStatus::busy, ExitStatus::refused, ExitStatus::refused}));
+    EXPECT_EQ(ExitStatus::busy, status({ExitStatus::busy}));
 }
 
 TEST(Outcome, Duration) {
@@ -110,28 +112,28 @@ TEST(Outcome, Duration) {
 }
 
 TEST(Outcome, Summary) {
-    EXPECT_EQ(
-        "3 agents: 1 done, 2 not reachable",
-        summary_of({ended(Ending::unreachable), ended(Ending::done), ended(Ending::unreachable)}));
-    EXPECT_EQ("1 agent: 0 done, 1 busy", summary_of({ended(Ending::busy)}));
+    EXPECT_EQ("3 agents: 1 done, 2 not reachable",
+              summary_of({ended(ExitStatus::unreachable), ended(ExitStatus::done),
+                          ended(ExitStatus::unreachable)}));
+    EXPECT_EQ("1 agent: 0 done, 1 busy", summary_of({ended(ExitStatus::busy)}));
 }
 
 TEST(Outcome, SummaryOfADryRun) {
-    Outcome ready = ended(Ending::done);
+    Outcome ready = ended(ExitStatus::done);
     ready.is_dry_run = true;
-    EXPECT_EQ("2 agents: 1 ready, 1 busy", summary_of({ready, ended(Ending::busy)}));
+    EXPECT_EQ("2 agents: 1 ready, 1 busy", summary_of({ready, ended(ExitStatus::busy)}));
 }
 
 TEST(Outcome, WhatGoesOnWithoutItsRequest) {
-    EXPECT_EQ("", words_of_what_goes_on(FileType::running, FileType::startup))
+    EXPECT_EQ("", describe_what_continues(FileType::running, FileType::startup))
         << "a save is given up";
-    EXPECT_EQ("", words_of_what_goes_on(FileType::running, FileType::fabric_startup));
+    EXPECT_EQ("", describe_what_continues(FileType::running, FileType::fabric_startup));
     EXPECT_EQ("the copy goes on at the switch and may still be applied",
-              words_of_what_goes_on(FileType::startup, FileType::running));
+              describe_what_continues(FileType::startup, FileType::running));
     EXPECT_EQ("the transfer goes on at the switch and may still be applied",
-              words_of_what_goes_on(FileType::network, FileType::running));
+              describe_what_continues(FileType::network, FileType::running));
     EXPECT_EQ("the transfer goes on at the switch and may still write the file",
-              words_of_what_goes_on(FileType::startup, FileType::network));
+              describe_what_continues(FileType::startup, FileType::network));
 }
 
 TEST(Outcome, Json) {
@@ -144,7 +146,7 @@ TEST(Outcome, Json) {
               R"("state":null,"cause":null,"reason":null,)"
               R"("seconds":null,"bytes":null,"sha256":null,"text":"a\\\n","switches":[]})",
               json_of(outcome));
-    outcome.ending = Ending::unreachable;
+    outcome.status = ExitStatus::unreachable;
     outcome.text = "";
     outcome.is_dry_run = true;
     outcome.from = "running";
@@ -177,7 +179,7 @@ TEST(Outcome, Json) {
 TEST(Outcome, JsonOfASummary) {
     EXPECT_EQ(R"({"type":"summary","agents":2,"done":1,"failed":0,"usage":0,"refused":0,)"
               R"("not_reachable":1,"busy":0})",
-              json_summary({ended(Ending::unreachable), ended(Ending::done)}));
+              json_summary({ended(ExitStatus::unreachable), ended(ExitStatus::done)}));
 }
 
 TEST(Outcome, Table) {

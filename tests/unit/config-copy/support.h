@@ -14,7 +14,7 @@ template <typename Call> std::string usage_failure(Call call) {
     try {
         call();
     } catch (const Failure &failure) {
-        EXPECT_EQ(Ending::usage, failure.ending());
+        EXPECT_EQ(ExitStatus::usage, failure.status());
         return failure.what();
     }
     ADD_FAILURE() << "nothing was thrown";
