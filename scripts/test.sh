@@ -118,6 +118,8 @@ step_fuzz() {
             -artifact_prefix=build/asan/ &
         running[${fuzzer##*/}]=$!
     done
+    quietly tests/fuzz/fuzz_scp_target.py "$FUZZ_SECONDS" &
+    running[fuzz_scp_target]=$!
     for fuzzer in "${!running[@]}"; do
         wait "${running[$fuzzer]}"
         printf '%s found nothing\n' "$fuzzer"

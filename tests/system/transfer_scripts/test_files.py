@@ -16,6 +16,8 @@ CONTENT = bytes(range(256)) * 40
 # name.
 NAMES = [
     b"plain.cfg",
+    b"1.50",
+    b"0x10",
     b"a  b'c\"d`touch owned`$(touch owned)$HOME;touch owned&<>#x!%d%n^",
     b"*?[a-z]{b,c}\\*\\\\",
     b"-oProxyCommand=touch owned",
