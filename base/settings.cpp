@@ -353,6 +353,10 @@ std::string text_setting(TextSetting name) {
     return only_value(*name);
 }
 
+bool yes_no_setting(YesNoSetting name) {
+    return only_value(*name) == "yes";
+}
+
 std::vector<std::string> list_setting(ListSetting name) {
     return setting_values(*name);
 }

@@ -72,7 +72,8 @@ inline constexpr Setting rows[] = {
     {"history_kilobytes", number, "512", in_a_second, nothing, 16, 1048576},
     {"debug_print", choice, "off", in_a_second, nothing, 0, 0, "all, errors, off"},
     {"agent_debug_file", text, "", on_load},
-    {"msgbus_answer_limit", number, "2000", at_once, nothing, 1, 60000},
+    {"msgbus_answer_limit", number, "250", at_once, nothing, 1, 60000},
+    {"announce_begin", yes_no, "no", at_once},
 };
 
 } // namespace settings_table
@@ -100,6 +101,7 @@ template <SettingKind... kinds> class SettingName {
 
 using NumberSetting = SettingName<SettingKind::number>;
 using TextSetting = SettingName<SettingKind::text, SettingKind::choice, SettingKind::wwn>;
+using YesNoSetting = SettingName<SettingKind::yes_no>;
 using ListSetting = SettingName<SettingKind::list>;
 
 // The file has an error that must not be ignored. The text names the file, the line and what fails,
@@ -114,6 +116,7 @@ class SettingsError : public std::runtime_error {
 // default otherwise.
 std::optional<long> number_setting(NumberSetting name);
 std::string text_setting(TextSetting name);
+bool yes_no_setting(YesNoSetting name);
 std::vector<std::string> list_setting(ListSetting name);
 
 // The same for a setting of any kind: its value (`yes` or `no` for yes_no), or all values of a

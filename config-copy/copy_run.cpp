@@ -63,7 +63,7 @@ class Run {
         Outcome outcome = planned(job_, session_.agent());
         try {
             check_table(session_);
-            const std::string reason = is_any(COPY_STATE_RUNNING) ? another_copy : reason_to_wait();
+            const std::string reason = is_any(COPY_STATE_RUNNING) ? another_copy : "";
             if (!reason.empty() && job_.wait_turn == 0s) {
                 throw busy(reason);
             }
@@ -86,27 +86,19 @@ class Run {
   private:
     static constexpr const char *another_copy = "another copy is in progress";
 
-    [[nodiscard]] bool is_save() const {
-        return !job_.has_file() && job_.from.type == FileType::running;
-    }
-
     void start_when_it_is_our_turn(Outcome &outcome) {
         const auto began = Clock::now();
         for (;;) {
-            std::string reason = reason_to_wait();
+            row_.make(columns());
+            outcome.index = row_.index();
+            check_that_we_may_read_it();
+            const std::string reason = activate() ? "" : reason_of_refusal();
             if (reason.empty()) {
-                row_.make(columns());
-                outcome.index = row_.index();
-                check_that_we_may_read_it();
-                reason = activate() ? "" : reason_of_refusal();
-                if (reason.empty()) {
-                    outcome.start_time = time_text(std::time(nullptr));
-                    return;
-                }
-                // The next save that begins on the switch, for whatever manager, would take a
-                // waiting row for its own.
-                row_.destroy();
+                outcome.start_time = time_text(std::time(nullptr));
+                return;
             }
+            // One that waits as long as we may would go by its age.
+            row_.destroy();
             const auto waited =
                 std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - began);
             if (waited >= job_.wait_turn) {
@@ -143,26 +135,6 @@ class Run {
         }
         return is_any(COPY_STATE_RUNNING) ? another_copy
                                           : "a transfer whose request was removed is still running";
-    }
-
-    // When a save begins, the agent marks the first waiting request as running; when it ends, the
-    // first running one as ended. So our save would leave another manager's request running for
-    // ever, and that request would block the switch.
-    std::string reason_to_wait() {
-        if (!is_save()) {
-            return {};
-        }
-        const auto states = session_.instances(copy_column(CC_COLUMN_STATE));
-        const auto waiting = std::find_if(states.begin(), states.end(), [](const Binding &state) {
-            return number(state.value) == COPY_STATE_WAITING;
-        });
-        if (waiting == states.end()) {
-            return {};
-        }
-        const std::string index = std::to_string(waiting->name.back());
-        return "another manager's request " + index +
-               " waits to be started, and this save would disturb it (`config-copy abort " +
-               session_.agent() + ' ' + index + "` removes it)";
     }
 
     [[nodiscard]] std::vector<std::pair<oid, Value>> columns() const {

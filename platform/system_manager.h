@@ -26,9 +26,16 @@ uint32_t warden_cli_write_ascii_cfg(int32_t handle, const char *path);
 #define MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION 1381U
 #define MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION_ABORT 1383U
 
-/* To the agent: the action has begun, without payload; the action has ended, with one big-endian
- * word, 0 for success. */
+/* To the agent: the action has begun, without payload. It makes the table's first waiting row run.
+ * The row of an action that the module has asked for runs before the request goes out, so that the
+ * message could only hit another's: a platform may leave it out. It may not where the system
+ * manager begins, without a request, an action that a waiting row stands for. */
 #define MSGBUS_OPC_WARDEN_CFG_ACTION_BEGIN 1391U
+
+/* To the agent: the action has ended, with one big-endian word, 0 for success. It ends the first
+ * running row, if that is a save. So it is sent only for what the module has asked for, once, and
+ * as a failure also when the request can't be sent or is not answered in time, and when the system
+ * manager ends first, within a second. A request that was not answered in time is withdrawn. */
 #define MSGBUS_OPC_WARDEN_CFG_ACTION_END 1361U
 
 /* Status words of the answer, big-endian on the wire; any other value is a refusal. */

@@ -7,6 +7,7 @@
 #include "platform/host/agent/copies.h"
 #include "platform/host/agent/request.h"
 #include "platform/host/agent/workers.h"
+#include "platform/host/bus/observer.h"
 #include "platform/host/bus/server.h"
 #include "platform/host/history/log.h"
 #include "platform/system_manager.h"
@@ -37,11 +38,15 @@ constexpr int enterprise_specific = 6;
 // The agent's side of the platform: one set of descriptors in the agent's loop, from the first
 // subscription to the end of the process. Modules may come and go meanwhile (SIGHUP); only their
 // subscriptions go with them.
-class Agent {
+class Agent final : public BusObserver {
   public:
     int subscribe(uint32_t opcode, agent_message_handler handler);
     int unsubscribe(uint32_t opcode);
     pid_t fork_worker();
+
+    void sent(uint32_t opcode, int error) noexcept override;
+    void answered(msgbus_msg answer, UniqueFd connection) noexcept override;
+    void unanswered(uint32_t token, int error) noexcept override;
 
   private:
     // A copy for which there is no process.
@@ -55,6 +60,7 @@ class Agent {
     static void on_readable(int, void *self);
     static void on_poll_alarm(unsigned int, void *self);
     static void on_failed_fork(unsigned int, void *self);
+    static void on_lost_save(unsigned int, void *self);
 
     void start();
     void add_event(int descriptor, uint64_t data);
@@ -63,6 +69,10 @@ class Agent {
     void receive(const Incoming &incoming);
     void deliver(msgbus_message &message);
     void deliver_lost_status();
+    void deliver_end_of_save(uint32_t status);
+    void hear_of_save();
+    void forget_save();
+    void lose_save(const std::string &why);
     void settle(const std::vector<pid_t> &ended);
     void follow(pid_t worker);
     [[nodiscard]] std::vector<int> descriptors() const;
@@ -73,7 +83,9 @@ class Agent {
     std::unique_ptr<ClockWatch> clock_;
     WorkerTable workers_;
     std::optional<Unforked> unforked_;
-    unsigned int poll_alarm_ = 0; // runs while a worker has no descriptor of its own
+    UniqueFd save_; // where the system manager tells of the save that the module has asked for
+    unsigned int lost_save_alarm_ = 0; // runs when nobody will tell of it
+    unsigned int poll_alarm_ = 0;      // runs while a worker has no descriptor of its own
 };
 
 // Lives as long as the process, past all destructors: the agent's loop and alarms hold its address.
@@ -89,6 +101,12 @@ template <typename Operation> void guarded(Operation &&operation) noexcept {
 
 uint32_t first_word_or_failure(const msgbus_message &message) {
     return message.length >= sizeof(uint32_t) ? ntohl(message.words[0]) : failed_outcome;
+}
+
+std::string why_not_asked(int error) {
+    return error == ENOENT || error == ECONNREFUSED
+               ? "the system manager is not running"
+               : std::string("the system manager can't be asked: ") + std::strerror(error);
 }
 
 // What a worker says; nothing when it says nothing.
@@ -135,7 +153,7 @@ void Agent::start() {
         auto server = std::make_unique<MsgbusServer>(MSGBUS_SAP_AGENT);
         add_event(server->fd(), no_worker);
         server_ = std::move(server);
-        observe_bus(copy_watch());
+        observe_bus(*this);
         copy_watch().close_unfinished();
     }
 }
@@ -180,11 +198,13 @@ void Agent::receive(const Incoming &incoming) {
                   incoming.peer.pid);
         return;
     }
+    if (incoming.message->opcode == MSGBUS_OPC_WARDEN_CFG_ACTION_END) {
+        deliver_end_of_save(first_word_or_failure(*incoming.message));
+        return;
+    }
     deliver(*incoming.message);
     if (incoming.message->opcode == AGENT_OPC_WORKER_STATUS) {
         copy_watch().reported(incoming.peer.pid, status_in(*incoming.message));
-    } else if (incoming.message->opcode == MSGBUS_OPC_WARDEN_CFG_ACTION_END) {
-        copy_watch().action_ended(first_word_or_failure(*incoming.message));
     }
 }
 
@@ -211,6 +231,7 @@ void Agent::deliver(msgbus_message &message) {
 void Agent::settle(const std::vector<pid_t> &ended) {
     // What a worker sent before it ended comes first.
     receive_messages();
+    hear_of_save();
     for (const pid_t worker : ended) {
         const auto end = workers_.reap(worker);
         if (!end) {
@@ -233,6 +254,98 @@ void Agent::deliver_lost_status() {
     msgbus_message report(AGENT_OPC_WORKER_STATUS, 0, &lost_worker_status,
                           sizeof lost_worker_status);
     deliver(report);
+}
+
+// --- the save that the module has asked for ---
+
+void Agent::sent(uint32_t opcode, int error) noexcept {
+    copy_watch().sent(opcode);
+    if (opcode == MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION && error != 0) {
+        guarded([=, this] { lose_save(why_not_asked(error)); });
+    } else if (opcode == MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION ||
+               opcode == MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION_ABORT) {
+        forget_save();
+    }
+}
+
+void Agent::answered(msgbus_msg answer, UniqueFd connection) noexcept {
+    guarded([&] {
+        if (answer->opcode != MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION) {
+            lose_save("the system manager's answer makes no sense");
+            return;
+        }
+        copy_watch().answered(answer);
+        if (first_word_or_failure(*answer) == WARDEN_CFG_ACTION_INITIATED) {
+            add_event(connection.get(), no_worker);
+            save_ = std::move(connection);
+        }
+    });
+}
+
+void Agent::unanswered(uint32_t token, int error) noexcept {
+    guarded([=] {
+        // It may be under way all the same: what reads failed is not to be saved later.
+        const warden_cfg_abort request{htonl(token), 0};
+        int failure = 0;
+        const UniqueFd connection = connect_to(MSGBUS_SAP_WARDEN, failure);
+        if (failure == 0) {
+            send_packet(connection.get(), MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION_ABORT, 0,
+                        &request, sizeof request);
+        }
+    });
+    guarded([=, this] {
+        lose_save(std::string("the system manager did not answer: ") + std::strerror(error));
+    });
+}
+
+// Nobody will tell of the save's end. A request may be under way, which leaves the row running: the
+// module is told once it has been served.
+void Agent::lose_save(const std::string &why) {
+    forget_save();
+    log_error("agent: a save has failed: %s", why.c_str());
+    copy_watch().save_lost(why);
+    lost_save_alarm_ = snmp_alarm_register_hr(timeval{0, 1000}, 0, on_lost_save, this);
+}
+
+void Agent::on_lost_save(unsigned int, void *self) {
+    guarded([self] { static_cast<Agent *>(self)->deliver_end_of_save(failed_outcome); });
+}
+
+// What comes from now on is of no earlier save.
+void Agent::forget_save() {
+    if (save_) {
+        // Closing alone does not end the watch while a worker is about to let go of its copy.
+        ::epoll_ctl(events_.get(), EPOLL_CTL_DEL, save_.get(), nullptr);
+        save_.reset();
+    }
+    if (lost_save_alarm_ != 0) {
+        snmp_alarm_unregister(std::exchange(lost_save_alarm_, 0));
+    }
+}
+
+void Agent::hear_of_save() {
+    while (save_) {
+        std::unique_ptr<msgbus_message> message;
+        const Receipt receipt = receive_packet(save_.get(), message);
+        if (receipt == Receipt::none) {
+            return;
+        }
+        if (receipt == Receipt::closed) {
+            lose_save("the system manager ended before the save did");
+        } else if (message && message->opcode == MSGBUS_OPC_WARDEN_CFG_ACTION_END) {
+            deliver_end_of_save(first_word_or_failure(*message));
+        } else if (message && message->opcode == MSGBUS_OPC_WARDEN_CFG_ACTION_BEGIN) {
+            deliver(*message);
+        }
+    }
+}
+
+void Agent::deliver_end_of_save(uint32_t status) {
+    forget_save();
+    const uint32_t word = htonl(status);
+    msgbus_message end(MSGBUS_OPC_WARDEN_CFG_ACTION_END, 0, &word, sizeof word);
+    deliver(end);
+    copy_watch().action_ended(status);
 }
 
 void Agent::on_poll_alarm(unsigned int, void *self) {

@@ -359,51 +359,36 @@ void CopyWatch::end_save(CopyEnd end) {
     tell(line_of(save.request) + ' ' + line_of(end));
 }
 
-void CopyWatch::save_sent(int error) {
-    const auto row = activated_row();
-    if (!row) {
-        return;
-    }
-    save_ = Save{request_of(*row), Clock::now(), false};
-    if (error != 0) {
-        CopyEnd end;
-        end.outcome = CopyEnd::Outcome::failed;
-        end.reason =
-            error == ENOENT || error == ECONNREFUSED
-                ? "the system manager is not running"
-                : std::string("the system manager can't be asked: ") + std::strerror(error);
-        end_save(std::move(end));
+void CopyWatch::save_sent() {
+    if (const auto row = activated_row()) {
+        save_ = Save{request_of(*row), Clock::now(), {}};
     }
 }
 
-void CopyWatch::sent(std::uint32_t opcode, int error) noexcept {
+void CopyWatch::sent(std::uint32_t opcode) noexcept {
     for_a_line([&] {
         if (opcode == MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION) {
-            save_sent(error);
+            save_sent();
         } else if (opcode == MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION_ABORT && save_) {
             const auto destroyed = rows_.set_by_request(ROW_STATUS_DESTROY, ROW_STATUS_DESTROY);
             if (std::find(destroyed.begin(), destroyed.end(), save_->request.index) !=
                 destroyed.end()) {
                 CopyEnd end;
-                end.reason = gone;
+                end.outcome =
+                    save_->lost.empty() ? CopyEnd::Outcome::unknown : CopyEnd::Outcome::failed;
+                end.reason = save_->lost.empty() ? gone : save_->lost;
                 end_save(std::move(end));
             }
         }
     });
 }
 
-void CopyWatch::answered(msgbus_msg answer, int error) noexcept {
+void CopyWatch::answered(msgbus_msg answer) noexcept {
     for_a_line([&] {
-        if (!save_ || save_->answered) {
+        if (!save_) {
             return;
         }
-        save_->answered = true;
         CopyEnd end;
-        if (answer == nullptr) {
-            end.reason = std::string("the system manager did not answer: ") + std::strerror(error);
-            end_save(std::move(end));
-            return;
-        }
         std::uint32_t status = warden_err_request;
         if (const void *payload = ::msgbus_payload_get(answer, sizeof status)) {
             std::memcpy(&status, payload, sizeof status);
@@ -421,6 +406,14 @@ void CopyWatch::answered(msgbus_msg answer, int error) noexcept {
             end.reason = text.empty() ? ::syserr2str(status) : text;
         }
         end_save(std::move(end));
+    });
+}
+
+void CopyWatch::save_lost(const std::string &why) noexcept {
+    for_a_line([&] {
+        if (save_) {
+            save_->lost = why;
+        }
     });
 }
 
@@ -442,7 +435,7 @@ void CopyWatch::action_ended(std::uint32_t status) noexcept {
             end.outcome = CopyEnd::Outcome::failed;
             end.cause =
                 cause_name(rows_.number(CC_COLUMN_FAIL_CAUSE, save_->request.index).value_or(0));
-            end.reason = reason_of_save(status);
+            end.reason = save_->lost.empty() ? reason_of_save(status) : save_->lost;
         }
         end_save(std::move(end));
     });

@@ -4,9 +4,9 @@
 // in it. All of it belongs to the agent's thread.
 #pragma once
 
-#include "platform/host/bus/observer.h"
 #include "platform/host/history/copy_record.h"
 #include "platform/host/history/copy_report.h"
+#include "platform/msgbus.h"
 
 #include <net-snmp/net-snmp-config.h>
 
@@ -43,7 +43,7 @@ class CopyRows {
     std::map<oid, variable> columns_; // with whole names
 };
 
-class CopyWatch final : public BusObserver {
+class CopyWatch {
   public:
     void learn(const variable *variables, std::size_t size, std::size_t count, const oid *root,
                std::size_t root_length) {
@@ -72,21 +72,24 @@ class CopyWatch final : public BusObserver {
     // An action of the system manager has ended, and the module has been told.
     void action_ended(std::uint32_t status) noexcept;
 
-    void sent(std::uint32_t opcode, int error) noexcept override;
-    void answered(msgbus_msg answer, int error) noexcept override;
+    // The module has sent a request to the system manager, or has tried to.
+    void sent(std::uint32_t opcode) noexcept;
+    void answered(msgbus_msg answer) noexcept;
+    // The system manager will not end the save: the module is about to be told that it failed.
+    void save_lost(const std::string &why) noexcept;
 
   private:
     struct Save {
         CopyRequest request;
         std::chrono::steady_clock::time_point began;
-        bool answered = false;
+        std::string lost; // why the system manager will not end it
     };
 
     [[nodiscard]] std::optional<oid> activated_row() const;
     [[nodiscard]] CopyRequest request_of(oid row) const;
     void end_copy(const Copy &copy, CopyEnd end);
     void end_save(CopyEnd end);
-    void save_sent(int error);
+    void save_sent();
 
     CopyRows rows_;
     std::map<pid_t, Copy> copies_;

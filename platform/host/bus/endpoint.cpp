@@ -143,6 +143,16 @@ void wait_for(const Exchange &exchange, milliseconds longest) {
     ::poll(&wanted, 1, static_cast<int>(std::clamp(left, milliseconds{0}, longest).count()));
 }
 
+// No answer will come any more. Returns `error`.
+int end_exchange(Endpoint &endpoint, int error) {
+    const uint32_t token = endpoint.exchange->token;
+    endpoint.exchange.reset();
+    if (observer != nullptr) {
+        observer->unanswered(token, error);
+    }
+    return error;
+}
+
 int receive_answer(int32_t handle, msgbus_msg *message, bool wait) {
     Endpoint *endpoint = find_endpoint(handle);
     if (endpoint == nullptr) {
@@ -154,7 +164,7 @@ int receive_answer(int32_t handle, msgbus_msg *message, bool wait) {
     if (!endpoint->exchange) {
         return ENOMSG;
     }
-    const Exchange &exchange = *endpoint->exchange;
+    Exchange &exchange = *endpoint->exchange;
     if (wait) {
         wait_for(exchange, short_wait);
     }
@@ -162,8 +172,12 @@ int receive_answer(int32_t handle, msgbus_msg *message, bool wait) {
     switch (receive_packet(exchange.connection.get(), answer)) {
     case Receipt::message:
         if (answer->token == exchange.token) {
+            UniqueFd connection = std::move(exchange.connection);
             endpoint->exchange.reset();
             *message = answer.release();
+            if (observer != nullptr) {
+                observer->answered(*message, std::move(connection));
+            }
             return 0;
         }
         log_error("msgbus: %s: answer to another request dropped", endpoint->name.c_str());
@@ -172,15 +186,13 @@ int receive_answer(int32_t handle, msgbus_msg *message, bool wait) {
         log_error("msgbus: %s: malformed answer dropped", endpoint->name.c_str());
         break;
     case Receipt::closed:
-        endpoint->exchange.reset();
-        return ECONNRESET;
+        return end_exchange(*endpoint, ECONNRESET);
     case Receipt::none:
         break;
     }
     if (Clock::now() >= exchange.deadline) {
         log_error("msgbus: %s: no answer within the limit", endpoint->name.c_str());
-        endpoint->exchange.reset();
-        return ETIMEDOUT;
+        return end_exchange(*endpoint, ETIMEDOUT);
     }
     return ETIME;
 }
@@ -238,15 +250,9 @@ int32_t msgbus_send(int32_t handle, uint32_t node, uint32_t sap, uint32_t opcode
 
 int32_t msgbus_recv(int32_t handle, msgbus_msg *message,
                     const struct msgbus_recv_options *options) {
-    const int32_t result = ulmo::guarded([&] {
+    return ulmo::guarded([&] {
         return ulmo::receive_answer(handle, message, options != nullptr && options->wait == 1);
     });
-    const int saved_errno = errno;
-    if (ulmo::observer != nullptr && (result == 0 || saved_errno != ETIME)) {
-        ulmo::observer->answered(result == 0 ? *message : nullptr, result == 0 ? 0 : saved_errno);
-    }
-    errno = saved_errno;
-    return result;
 }
 
 void msgbus_drop(int32_t, msgbus_msg *message) {

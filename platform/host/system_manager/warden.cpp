@@ -2,6 +2,7 @@
 
 #include "base/folders.h"
 #include "base/posix.h"
+#include "base/settings.h"
 #include "base/state_file.h"
 #include "platform/host/device/backend.h"
 #include "platform/host/history/log.h"
@@ -32,19 +33,6 @@ UniqueFd signals_that_are_read() {
     }
     check(::sigprocmask(SIG_BLOCK, &set, nullptr), "signals");
     return UniqueFd(check(::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK), "signals"));
-}
-
-// --- what outlives this process ---
-
-// There while an action runs: who finds it at his start knows that the agent was never told of the
-// end.
-std::filesystem::path unfinished_mark() {
-    return run_dir() / "action-in-progress";
-}
-
-void forget_unfinished() {
-    std::error_code ignored;
-    std::filesystem::remove(unfinished_mark(), ignored);
 }
 
 std::string current_boot() {
@@ -94,17 +82,10 @@ void drop(const Incoming &incoming, const char *why) {
 
 } // namespace
 
-Warden::Warden() : server_(MSGBUS_SAP_WARDEN), signals_(signals_that_are_read()) {
-    if (std::filesystem::exists(unfinished_mark())) {
-        log_error("an action was not finished when the system manager ended; the agent is told "
-                  "that it failed");
-        agent_.ended(warden_err_given_up);
-        forget_unfinished();
-    }
-}
+Warden::Warden() : server_(MSGBUS_SAP_WARDEN), signals_(signals_that_are_read()) {}
 
 void Warden::run() {
-    while (!is_told_to_end_ || current_ || agent_.has_waiting()) {
+    while (!is_told_to_end_ || current_) {
         // Requests that come too late are not served: they must not wake it either, again and
         // again.
         std::array<pollfd, 2> sources{
@@ -129,15 +110,13 @@ void Warden::run() {
         } else if (current_) {
             current_->process->give_up();
         }
-        agent_.flush();
     }
 }
 
 // Milliseconds for poll(2).
 int Warden::time_to_wait() const {
     constexpr int soon = 100;
-    const bool has_deadline =
-        agent_.has_waiting() || (current_ && (current_->is_given_up || is_told_to_end_));
+    const bool has_deadline = current_ && (current_->is_given_up || is_told_to_end_);
     return has_deadline ? soon : -1;
 }
 
@@ -215,15 +194,14 @@ void Warden::take_abort(const Incoming &incoming) {
 
 void Warden::begin(Work &work) {
     work.began = Clock::now();
+    if (yes_no_setting("announce_begin")) {
+        work.request.reply(MSGBUS_OPC_WARDEN_CFG_ACTION_BEGIN, nullptr, 0);
+    }
     try {
-        std::ofstream mark(unfinished_mark()); // without it the action is no worse
         work.process = std::make_unique<ActionProcess>(work.action);
     } catch (const std::exception &error) {
-        agent_.begun();
         end({warden_err_store, std::string("the action could not begin: ") + error.what()});
-        return;
     }
-    agent_.begun();
 }
 
 void Warden::collect() {
@@ -236,9 +214,8 @@ void Warden::collect() {
     }
 }
 
-// Tells everybody how the current action ended, and goes on with the one that waits.
+// Tells the requester how the current action ended, and goes on with the one that waits.
 void Warden::end(const ActionOutcome &outcome) {
-    forget_unfinished();
     const Work work = std::move(*current_);
     current_.reset();
     const auto duration =
@@ -250,10 +227,7 @@ void Warden::end(const ActionOutcome &outcome) {
         log_error("not saved to the %s, %lld ms: %s", name_of(work.action.scope),
                   static_cast<long long>(duration), outcome.text.c_str());
     }
-    // The row of an action that was given up is gone: a message about its end would be taken for
-    // another's.
     if (!work.is_given_up) {
-        agent_.ended(outcome.status);
         answer(work.request, MSGBUS_OPC_WARDEN_CFG_ACTION_END, outcome.status, outcome.text);
     }
     if (next_) {

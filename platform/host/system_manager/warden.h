@@ -3,13 +3,13 @@
 // May use: base, copy_client, history, bus, device, fabric, platform.
 //
 // The system manager: takes configuration actions from the message bus, one at a time, and tells
-// the agent when they begin and end.
+// each requester, on the connection of its request, how the action ended. A requester whose
+// connection closes before knows that nothing will come of it.
 #pragma once
 
 #include "base/unique_fd.h"
 #include "platform/host/bus/server.h"
 #include "platform/host/system_manager/action_process.h"
-#include "platform/host/system_manager/agent_line.h"
 
 #include <chrono>
 #include <memory>
@@ -19,12 +19,11 @@ namespace ulmo {
 
 class Warden {
   public:
-    // Serves from here on; an action that an earlier system manager left unfinished is reported to
-    // the agent as failed. Blocks the signals that run() reads. Throws std::system_error, with
+    // Serves from here on. Blocks the signals that run() reads. Throws std::system_error, with
     // EADDRINUSE when another system manager runs.
     Warden();
 
-    // Until SIGTERM or SIGINT; an action that runs then is given up, and the agent still told.
+    // Until SIGTERM or SIGINT; an action that runs then is given up, and the requester still told.
     void run();
 
   private:
@@ -49,7 +48,6 @@ class Warden {
     [[nodiscard]] int time_to_wait() const;
 
     MsgbusServer server_;
-    AgentLine agent_;
     UniqueFd signals_;
     std::optional<Work> current_;
     std::optional<Work> next_; // waits for the end of a current one that was given up

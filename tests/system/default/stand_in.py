@@ -31,6 +31,7 @@ class SystemManager:
 
     def __init__(self, answer):
         self.answer = answer
+        self.connections = []
         self.requests = []  # (opcode, token, payload) in order of arrival
 
     def __enter__(self):
@@ -47,7 +48,8 @@ class SystemManager:
     def __exit__(self, *_):
         self.listener.shutdown(socket.SHUT_RDWR)
         self.thread.join()
-        self.listener.close()
+        for connection in [self.listener, *self.connections]:
+            connection.close()
         os.unlink(_bus(SYSTEM_MANAGER))
         lab_ctl("start-system-manager")
 
@@ -57,13 +59,16 @@ class SystemManager:
                 connection, _ = self.listener.accept()
             except OSError:
                 return
-            with connection:
-                packet = connection.recv(65536)
-                magic, version, opcode, token, length = HEADER.unpack_from(packet)
-                assert (magic, version, length) == (MAGIC, VERSION, len(packet) - HEADER.size)
-                self.requests.append((opcode, token, packet[HEADER.size:]))
-                if opcode == ACTION and self.answer is not None:
-                    connection.send(_packet(ACTION, token, struct.pack(">I", self.answer)))
+            packet = connection.recv(65536)
+            magic, version, opcode, token, length = HEADER.unpack_from(packet)
+            assert (magic, version, length) == (MAGIC, VERSION, len(packet) - HEADER.size)
+            self.requests.append((opcode, token, packet[HEADER.size:]))
+            if opcode != ACTION or self.answer is None:
+                connection.close()
+                continue
+            connection.send(_packet(ACTION, token, struct.pack(">I", self.answer)))
+            # The agent takes a connection that closes for the end of the system manager.
+            self.connections.append(connection)
 
     def tell(self, opcode, payload=b""):
         with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as connection:

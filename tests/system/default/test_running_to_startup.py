@@ -67,14 +67,22 @@ def test_refused_save(manager):
     wait_for(lambda: completions(request.index), what="the notification")
 
 
-@pytest.mark.parametrize("answer", [None, DONE], ids=["none", "done"])
-def test_answer_that_leaves_the_row_running(manager, answer):
-    """A system manager that is gone before its answer does not hold the agent up."""
-    with SystemManager(answer):
+def test_answer_done_leaves_the_row_running(manager):
+    with SystemManager(DONE):
         request = save(manager)
         request.activate()
         assert request.get(STATE) == STATE_RUNNING
         request.destroy()
+    Request(manager).create(*upload(SERVER4, "next.cfg")).copied()
+
+
+def test_no_answer_fails_the_save(manager):
+    """A system manager that is gone before its answer does not hold the agent up."""
+    with SystemManager(None):
+        request = save(manager)
+        request.activate()
+        assert request.finished(within=2) == (STATE_FAILED, SYSTEM_MANAGER_FAILED)
+    wait_for(lambda: completions(request.index), what="the notification")
     Request(manager).create(*upload(SERVER4, "next.cfg")).copied()
 
 

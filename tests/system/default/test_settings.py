@@ -103,7 +103,7 @@ def test_what_is_wrong_is_told_once_by_the_agent(manager, settings):
         Request(manager).create(*upload(SERVER4, "copied.cfg", protocol=TFTP)).copied()
     expected = [
         f"{SETTINGS} line {lines - 1}: msgbus_answer_limit = 2s: must be a number from 1 to 60000; "
-        "the default 2000 is used",
+        "the default 250 is used",
         f"{SETTINGS} line {lines}: histroy: unknown setting; the line is ignored"
     ]
     told = [

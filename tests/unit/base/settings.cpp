@@ -105,7 +105,7 @@ TEST_F(HostSettings, AMissingFileMeansDefaultsForAll) {
     }
     EXPECT_NO_THROW(ulmo::require_settings());
     EXPECT_EQ(ulmo::number_setting("chassis_type"), std::nullopt);
-    EXPECT_EQ(ulmo::number_setting("msgbus_answer_limit"), 2000);
+    EXPECT_EQ(ulmo::number_setting("msgbus_answer_limit"), 250);
     EXPECT_EQ(ulmo::text_setting("history"), "errors") << "nothing with a password is kept unasked";
     EXPECT_EQ(ulmo::list_setting("startup_copy"), Texts{"backup.cfg"});
     EXPECT_EQ(told, Texts{});
@@ -154,7 +154,7 @@ TEST_F(HostSettings, ABadValueLeavesTheDefaultAndIsTold) {
     scratch.configure("msgbus_answer_limit = 2s\n#\nhistory = erors\ntransfer_idle_limit = "
                       "0\ntransfer_time_limit = 1000000000\n"
                       "history_kilobytes = 15\ndebug_print = off,\n");
-    EXPECT_EQ(ulmo::number_setting("msgbus_answer_limit"), 2000);
+    EXPECT_EQ(ulmo::number_setting("msgbus_answer_limit"), 250);
     EXPECT_EQ(ulmo::text_setting("history"), "errors");
     EXPECT_EQ(ulmo::number_setting("transfer_idle_limit"), 30);
     EXPECT_EQ(ulmo::number_setting("transfer_time_limit"), 3600);
@@ -163,7 +163,7 @@ TEST_F(HostSettings, ABadValueLeavesTheDefaultAndIsTold) {
         told,
         (Texts{
             line(1) + "msgbus_answer_limit = 2s: must be a number from 1 to 60000; the default "
-                      "2000 is used",
+                      "250 is used",
             line(3) +
                 "history = erors: must be one of all, errors, off; the default errors is used",
             line(4) + "transfer_idle_limit = 0: must be a number from 1 to 999999999; the default "
@@ -183,7 +183,7 @@ TEST_F(HostSettings, NumbersAreTakenUpToTheirBounds) {
     }
     for (const char *number :
          {"0", "60001", "-1", "+1", "1.5", "0x10", "1 2", "99999999999999999999"}) {
-        EXPECT_EQ(value("msgbus_answer_limit", number), "2000") << number;
+        EXPECT_EQ(value("msgbus_answer_limit", number), "250") << number;
     }
 }
 

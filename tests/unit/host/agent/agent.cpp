@@ -5,6 +5,7 @@
 #include "platform/host/agent/request.h"
 #include "platform/host/agent/workers.h"
 #include "platform/host/bus/server.h"
+#include "platform/system_manager.h"
 
 #include "tests/unit/host/agent/current_request.h"
 #include "tests/unit/host/bus/support.h"
@@ -908,6 +909,164 @@ TEST_F(HostAgentClock, WatchIsQuietAsLongAsTheClockIsNotSet) {
     watch.handle_change();
     EXPECT_EQ(start().tv_sec, before.tv_sec);
     EXPECT_EQ(start().tv_usec, before.tv_usec);
+}
+
+// The agent and, in the place of the system manager, the test.
+class HostAgentSave : public HostAgentExtension {
+  protected:
+    void TearDown() override {
+        system_manager_.reset();
+        ask(); // gives up what the test left open
+        HostAgentExtension::TearDown();
+        msgbus_drop(msgbus_response_q, &request_);
+    }
+
+    int32_t ask() {
+        msgbus_drop(msgbus_response_q, &request_);
+        const warden_cfg_action request{};
+        return msgbus_send(msgbus_response_q, MSGBUS_NODE_LOCAL, MSGBUS_SAP_WARDEN,
+                           MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION, &request, sizeof request,
+                           &request_, 0, 0);
+    }
+    // Waits for the answer as the module does. Returns errno of the end.
+    static int answer() {
+        msgbus_recv_options options{};
+        options.wait = 1;
+        msgbus_msg answer = nullptr;
+        while (msgbus_recv(msgbus_response_q, &answer, &options) == -1) {
+            if (errno != ETIME) {
+                return errno;
+            }
+        }
+        msgbus_drop(msgbus_response_q, &answer);
+        return 0;
+    }
+    // What the system manager has been sent.
+    std::vector<ulmo::Incoming> &taken() {
+        system_manager_->serve(
+            [this](ulmo::Incoming incoming) { taken_.push_back(std::move(incoming)); });
+        return taken_;
+    }
+    // Asks for a save that is begun.
+    void begin() {
+        ASSERT_EQ(ask(), 0);
+        ASSERT_EQ(taken().size(), 1U);
+        reply(MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION, WARDEN_CFG_ACTION_INITIATED);
+        ASSERT_EQ(answer(), 0);
+        settle();
+        ASSERT_TRUE(deliveries.empty()) << "it runs on";
+    }
+    void reply(uint32_t opcode, uint32_t status) {
+        const uint32_t word = htonl(status);
+        ASSERT_EQ(taken_.at(0).reply(opcode, &word, sizeof word), 0);
+    }
+    static void expect_end(uint32_t status) {
+        ASSERT_TRUE(delivered(1));
+        settle();
+        ASSERT_EQ(deliveries.size(), 1U);
+        EXPECT_EQ(deliveries[0].opcode, MSGBUS_OPC_WARDEN_CFG_ACTION_END);
+        EXPECT_EQ(deliveries[0].outcome, status);
+        EXPECT_EQ(deliveries[0].payload, static_cast<int32_t>(htonl(status)));
+    }
+
+    std::unique_ptr<ulmo::MsgbusServer> system_manager_ =
+        std::make_unique<ulmo::MsgbusServer>(MSGBUS_SAP_WARDEN);
+    std::vector<ulmo::Incoming> taken_;
+    msgbus_msg request_ = nullptr;
+};
+
+TEST_F(HostAgentSave, TheEndIsHeardOnceWithItsStatus) {
+    begin();
+    reply(MSGBUS_OPC_WARDEN_CFG_ACTION_END, 0x401E0012);
+    expect_end(0x401E0012);
+    taken_.clear();
+    settle();
+    EXPECT_EQ(deliveries.size(), 1U) << "nothing more is expected of the system manager";
+}
+
+TEST_F(HostAgentSave, ABeginThatIsAnnouncedIsHeard) {
+    begin();
+    ASSERT_EQ(taken_.at(0).reply(MSGBUS_OPC_WARDEN_CFG_ACTION_BEGIN, nullptr, 0), 0);
+    reply(AGENT_OPC_WORKER_STATUS, 0); // which is not the system manager's to tell
+    ASSERT_TRUE(delivered(1));
+    EXPECT_EQ(deliveries[0].opcode, MSGBUS_OPC_WARDEN_CFG_ACTION_BEGIN);
+    deliveries.clear();
+    reply(MSGBUS_OPC_WARDEN_CFG_ACTION_END, 0);
+    expect_end(0);
+}
+
+TEST_F(HostAgentSave, FailsWhenItCantBeAskedFor) {
+    system_manager_.reset();
+    ASSERT_EQ(ask(), -1);
+    EXPECT_TRUE(deliveries.empty()) << "the request that asks is served first";
+    const auto began = Clock::now();
+    expect_end(1);
+    EXPECT_LT(Clock::now() - began, 1s);
+}
+
+TEST_F(HostAgentSave, FailsAndIsWithdrawnWhenItIsNotAnswered) {
+    const auto began = Clock::now();
+    ASSERT_EQ(ask(), 0);
+    const uint32_t token = msgbus_rr_token_get(request_);
+    EXPECT_EQ(answer(), ETIMEDOUT);
+    EXPECT_LT(Clock::now() - began, 1s) << "the agent serves nobody meanwhile";
+    EXPECT_TRUE(deliveries.empty());
+    expect_end(1);
+    ASSERT_EQ(taken().size(), 2U);
+    const msgbus_message &abort = *taken_[1].message;
+    EXPECT_EQ(abort.opcode, MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION_ABORT);
+    ASSERT_EQ(abort.length, sizeof(warden_cfg_abort));
+    EXPECT_EQ(ntohl(abort.words[0]), token);
+    EXPECT_EQ(taken_[1].peer.pid, ::getpid());
+}
+
+TEST_F(HostAgentSave, FailsWhenTheSystemManagerEndsBeforeItsAnswer) {
+    ASSERT_EQ(ask(), 0);
+    ASSERT_EQ(taken().size(), 1U);
+    taken_.clear();
+    EXPECT_EQ(answer(), ECONNRESET);
+    expect_end(1);
+}
+
+TEST_F(HostAgentSave, FailsWhenTheAnswerMakesNoSense) {
+    ASSERT_EQ(ask(), 0);
+    ASSERT_EQ(taken().size(), 1U);
+    reply(77, 0);
+    EXPECT_EQ(answer(), 0);
+    expect_end(1);
+}
+
+TEST_F(HostAgentSave, FailsWhenTheSystemManagerEndsBeforeIt) {
+    begin();
+    taken_.clear();
+    expect_end(1);
+}
+
+TEST_F(HostAgentSave, OneThatIsRefusedOrGivenUpHasNoEnd) {
+    ASSERT_EQ(ask(), 0);
+    ASSERT_EQ(taken().size(), 1U);
+    reply(MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION, 0x401E0013);
+    EXPECT_EQ(answer(), 0);
+    taken_.clear();
+    begin();
+    const warden_cfg_abort abort{};
+    ASSERT_EQ(msgbus_send(msgbus_response_q, MSGBUS_NODE_LOCAL, MSGBUS_SAP_WARDEN,
+                          MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION_ABORT, &abort, sizeof abort,
+                          nullptr, 0, 0),
+              0);
+    taken_.clear();
+    settle();
+    EXPECT_TRUE(deliveries.empty());
+}
+
+// What nobody ended is destroyed, and the next one asked for, before the agent comes to tell.
+TEST_F(HostAgentSave, AFailureMeetsNoLaterSave) {
+    system_manager_.reset();
+    ASSERT_EQ(ask(), -1);
+    system_manager_ = std::make_unique<ulmo::MsgbusServer>(MSGBUS_SAP_WARDEN);
+    begin();
+    reply(MSGBUS_OPC_WARDEN_CFG_ACTION_END, 0);
+    expect_end(0);
 }
 
 } // namespace

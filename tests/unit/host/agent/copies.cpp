@@ -140,17 +140,17 @@ class HostCopies : public testing::Test {
         watch_.follow(worker, std::move(copy));
         return report;
     }
-    void start_save(uint32_t to, int error = 0) {
+    void start_save(uint32_t to) {
         rows[9] = save(to);
         binding(status_column, 9, 4);
-        watch_.sent(MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION, error);
+        watch_.sent(MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION);
     }
     void answer(uint32_t status, const std::string &text = "") {
         const uint32_t on_wire = htonl(status);
         const std::string payload = word(on_wire) + text;
         msgbus_message message(MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION, 1, payload.data(),
                                static_cast<uint32_t>(payload.size()));
-        watch_.answered(&message, 0);
+        watch_.answered(&message);
     }
 
     static constexpr pid_t worker = 4242;
@@ -335,29 +335,35 @@ TEST_F(HostCopies, RefusedSaveIsTold) {
                         "reason=\"another configuration action is in progress\" seconds=S\n"));
 }
 
-TEST_F(HostCopies, SaveThatCannotBeAskedForIsTold) {
-    start_save(3, ENOENT);
-    EXPECT_EQ(
-        line(),
-        begin_of_save +
-            std::string("outcome=failed reason=\"the system manager is not running\" seconds=S\n"));
+TEST_F(HostCopies, SaveThatNobodyEndsIsToldWithTheReason) {
+    start_save(3);
+    watch_.save_lost("the system manager is not running");
+    EXPECT_EQ(line(), "") << "the row runs on";
+    rows[9][state_column] = word(4);
+    rows[9][cause_column] = word(9);
+    watch_.action_ended(1);
+    EXPECT_EQ(line(), begin_of_save +
+                          std::string("outcome=failed cause=systemManagerFailed "
+                                      "reason=\"the system manager is not running\" seconds=S\n"));
 }
 
-TEST_F(HostCopies, UnansweredSaveIsTold) {
+TEST_F(HostCopies, SaveThatNobodyEndsAndWhoseRequestIsRemovedIsTold) {
     start_save(3);
-    watch_.answered(nullptr, ETIMEDOUT);
-    EXPECT_EQ(line(),
-              begin_of_save + std::string("outcome=unknown reason=\"the system manager did not "
-                                          "answer: Connection timed out\" seconds=S\n"));
+    watch_.save_lost("the system manager is not running");
+    binding(status_column, 9, 6);
+    watch_.sent(MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION_ABORT);
+    EXPECT_EQ(line(), begin_of_save +
+                          std::string("outcome=failed reason=\"the system manager is not running\" "
+                                      "seconds=S\n"));
 }
 
 TEST_F(HostCopies, SaveWhoseRequestIsRemovedIsTold) {
     start_save(3);
     answer(WARDEN_CFG_ACTION_INITIATED);
-    watch_.sent(MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION_ABORT, 0); // of another request
+    watch_.sent(MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION_ABORT); // of another request
     EXPECT_EQ(line(), "");
     binding(status_column, 9, 6);
-    watch_.sent(MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION_ABORT, 0);
+    watch_.sent(MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION_ABORT);
     EXPECT_EQ(
         line(),
         begin_of_save +

@@ -33,13 +33,12 @@ TEST_F(CmdshellSave, WaitsForTheEnd) {
     prepare_and_start();
     auto held = hold_device();
     const auto program = save();
-    hear(1);
+    action();
     EXPECT_FALSE(program->ended());
     held.reset();
     EXPECT_EQ(ended(*program, 0), "");
     EXPECT_EQ(content(startup()), new_text);
     stop();
-    EXPECT_EQ(told_, (Told{begun, ended_well})) << "the agent is told as well";
     const std::string user = ::getpwuid(::getuid())->pw_name;
     EXPECT_EQ(count("save to the startup configuration of this switch asked by user \"" + user +
                     "\", session \"#\", process #"),
@@ -67,18 +66,15 @@ TEST_F(CmdshellSave, FailsWhenTheSystemManagerEndsFirst) {
     prepare_and_start();
     auto held = hold_device();
     auto program = save();
-    hear(1);
+    action();
     warden_->signal(SIGKILL);
     EXPECT_EQ(warden_->wait(), -SIGKILL);
     EXPECT_EQ(ended(*program, 1), failed("the system manager ended before the save did"));
     held.reset();
     EXPECT_EQ(content(startup()), old_text);
-    told_.clear();
     start();
-    hear(1);
     held = hold_device();
     program = save();
-    hear(2);
     const pid_t process = action();
     warden_->signal(SIGTERM);
     ASSERT_TRUE(comes_true([process] { return is_told_to_stop(process); }));
@@ -99,8 +95,6 @@ TEST_F(CmdshellSave, SavesByItselfWithoutASystemManager) {
     file("state/running.cfg", old_text);
     EXPECT_EQ(ended(*save(), 0), "");
     EXPECT_EQ(content(startup()), old_text);
-    hear();
-    EXPECT_EQ(told_, Told{});
 }
 
 TEST_F(CmdshellSave, ShowsHowTheLastSaveWent) {

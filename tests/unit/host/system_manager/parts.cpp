@@ -1,7 +1,6 @@
-// The parts of the system manager's daemon in the test's own process: its line to the agent, and an
-// action in a process of its own.
+// A part of the system manager's daemon in the test's own process: an action in a process of its
+// own.
 #include "platform/host/system_manager/action_process.h"
-#include "platform/host/system_manager/agent_line.h"
 #include "platform/host/system_manager/last_save.h"
 #include "tests/unit/host/system_manager/fixture.h"
 #include "tests/unit/own_mounts.h"
@@ -15,86 +14,6 @@
 using namespace host_test;
 
 namespace {
-
-class AgentLine : public DeviceTest {
-  protected:
-    // An agent that takes no message from its queue, which has room for one.
-    void listen() {
-        const ulmo::SocketAddress address(ulmo::sap_path(MSGBUS_SAP_AGENT));
-        listener_ = ulmo::make_bus_socket();
-        ASSERT_EQ(::bind(listener_.get(), address.get(), address.length()), 0);
-        ASSERT_EQ(::listen(listener_.get(), 0), 0);
-    }
-    // Takes the next one; empty when there is none.
-    std::string take() {
-        ulmo::Incoming incoming{
-            nullptr,
-            {},
-            ulmo::UniqueFd(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC))};
-        if (!incoming.connection ||
-            ulmo::receive_packet(incoming.connection.get(), incoming.message) !=
-                ulmo::Receipt::message) {
-            return "";
-        }
-        return told(incoming);
-    }
-
-    ulmo::UniqueFd listener_;
-};
-
-TEST_F(AgentLine, TellsAtOnce) {
-    listen();
-    ulmo::AgentLine line;
-    line.begun();
-    EXPECT_FALSE(line.has_waiting());
-    EXPECT_EQ(take(), begun);
-    line.ended(0x401E0012);
-    EXPECT_FALSE(line.has_waiting());
-    EXPECT_EQ(take(), ended_badly);
-    EXPECT_EQ(take(), "");
-}
-
-TEST_F(AgentLine, WhatABusyAgentDoesNotTakeIsToldLaterInOrder) {
-    listen();
-    ulmo::AgentLine line;
-    for (uint32_t status = 1; status <= 4; ++status) {
-        line.begun();
-        line.ended(status);
-    }
-    EXPECT_TRUE(line.has_waiting());
-    Told all;
-    for (unsigned round = 0; line.has_waiting() && round < 20; ++round) {
-        line.flush(); // nothing changes as long as the queue is full
-        all.push_back(take());
-        line.flush();
-    }
-    EXPECT_FALSE(line.has_waiting());
-    all.push_back(take());
-    EXPECT_EQ(all, (Told{begun, "1361 1", begun, "1361 2", begun, "1361 3", begun, "1361 4"}));
-    EXPECT_EQ(take(), "");
-}
-
-TEST_F(AgentLine, NothingWaitsForAnAgentThatDoesNotRun) {
-    ulmo::AgentLine line;
-    line.begun(); // no socket
-    EXPECT_FALSE(line.has_waiting());
-    listen();
-    listener_.reset(); // a socket that a dead agent left
-    line.ended(0);
-    EXPECT_FALSE(line.has_waiting());
-}
-
-TEST_F(AgentLine, NothingWaitsForAnAgentThatHasGoneMeanwhile) {
-    listen();
-    ulmo::AgentLine line;
-    line.begun();
-    line.ended(0);
-    line.ended(1);
-    EXPECT_TRUE(line.has_waiting());
-    listener_.reset();
-    line.flush();
-    EXPECT_FALSE(line.has_waiting());
-}
 
 // Signals as in the daemon.
 class ActionProcess : public DeviceTest {
