@@ -14,7 +14,7 @@ namespace {
 
 class HostConfig : public testing::Test {
   protected:
-    // Below a folder that is not there.
+    // Inside a folder that does not exist.
     void SetUp() override { place("folder"); }
 
     void place(const std::string &name) const {

@@ -165,8 +165,8 @@ TEST_F(KeyedSet, LookUpsStayLogarithmic) {
     }
     ASSERT_EQ(keyedset_size(&set), static_cast<std::uint32_t>(count));
 
-    // A red-black tree of n nodes is at most 2 log2(n + 1) high: 34 here, and one more comparison
-    // settles equality.
+    // A red-black tree of n nodes has a height of at most 2 log2(n + 1), here 34; one more
+    // comparison determines equality.
     constexpr unsigned most = 36;
     const auto costs = [&](auto look_up) {
         comparisons = 0;
@@ -187,7 +187,7 @@ TEST_F(KeyedSet, LookUpsStayLogarithmic) {
 
 TEST_F(KeyedSet, AgreesWithASortedListThroughManyChanges) {
     create();
-    std::mt19937 random(42); // NOLINT: the same course each time
+    std::mt19937 random(42); // NOLINT: the same sequence each time
     std::vector<Row> rows(200);
     for (std::size_t i = 0; i < rows.size(); ++i) {
         rows[i].index = static_cast<std::int32_t>(i);

@@ -1,5 +1,5 @@
-// The superuser, as whom the agent loads its modules and administrators type commands, leaves
-// nothing that the platform's own user can't open.
+// The agent loads its modules as the superuser, and administrators run commands as the superuser:
+// neither may leave files that the platform's own user can't open.
 #include "base/ownership.h"
 
 #include "base/replaced_file.h"
@@ -41,7 +41,7 @@ class Ownership : public testing::Test {
         std::filesystem::permissions(scratch_.root(), std::filesystem::perms(0755));
     }
 
-    // In a process of the platform's user: whether `body` throws nothing.
+    // Runs `body` as the platform's user in a process of its own; whether it throws nothing.
     static bool holds_for_platform_user(const std::function<void()> &body) {
         return host_test::in_child([&] {
                    if (::setgid(platform_group) != 0 || ::setuid(platform_user) != 0) {
@@ -52,7 +52,7 @@ class Ownership : public testing::Test {
                }) == 0;
     }
 
-    // The superuser and the platform append in turns, each in a process of its own.
+    // The superuser and the platform append in turn, each in a process of its own.
     static std::size_t appended_in_turns(const std::filesystem::path &folder) {
         EXPECT_EQ(::setenv("ULMO_RUN_DIR", folder.c_str(), 1), 0);
         const auto append = [] { return ulmo::append_to_history("line\n", 1000), 0; };
@@ -68,7 +68,7 @@ class Ownership : public testing::Test {
         ASSERT_EQ(::chown(path.c_str(), platform_user, platform_group), 0);
     }
 
-    // A folder that only the superuser may change, with the file "4".
+    // A folder that only the superuser may change, containing the file "4".
     [[nodiscard]] std::filesystem::path superusers_folder() const {
         const auto path = scratch_.root() / "elsewhere";
         std::filesystem::create_directory(path);
@@ -241,7 +241,7 @@ TEST_F(Ownership, AFolderOfTheSuperusersKeepsWhatHeMakes) {
 }
 
 TEST_F(Ownership, ALinkToAFolderHasTheFoldersOwner) {
-    const auto link = scratch_.root() / "link"; // the superuser's
+    const auto link = scratch_.root() / "link"; // owned by the superuser
     std::filesystem::create_directory_symlink(folder_, link);
     EXPECT_EQ(ulmo::owner_of(link), platform_user);
     ulmo::replace_state_file(link / "file", "text");

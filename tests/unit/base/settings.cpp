@@ -1,4 +1,4 @@
-// What platform.conf says, what of it holds, and who is told of the rest.
+// Values from platform.conf, which of them take effect, and how problems are reported.
 #include "base/settings.h"
 
 #include "base/unique_fd.h"
@@ -30,7 +30,7 @@ const ulmo::Setting &setting(std::string_view name) {
                          [&](const auto &each) { return each.name == name; });
 }
 
-// What a call throws as SettingsError.
+// The text of the SettingsError that a call throws.
 std::string refusal(const std::function<void()> &call) {
     try {
         call();
@@ -40,9 +40,9 @@ std::string refusal(const std::function<void()> &call) {
     return "accepted";
 }
 
-Texts told; // of one test
+Texts told; // during one test
 
-// Tells whether a file was opened since it was asked last.
+// Reports whether a file was opened since the last query.
 class OpenWatch {
   public:
     explicit OpenWatch(const std::filesystem::path &file)
@@ -74,7 +74,7 @@ class HostSettings : public testing::Test {
     [[nodiscard]] std::string unreadable(const std::string &why) const {
         return file().string() + " can't be read: " + why + "; copies and saves fail";
     }
-    // Asks for settings until the file is old enough not to be read in each call.
+    // Reads settings until the file is old enough not to be read in every call.
     void ask_until_it_is_read_no_more() const {
         const OpenWatch watch(file());
         const auto given_up = std::chrono::steady_clock::now() + std::chrono::seconds(30);
@@ -241,7 +241,7 @@ TEST_F(HostSettings, ProblemsAreToldOnceForEachChangeOfTheFile) {
 }
 
 TEST_F(HostSettings, AChangeHoldsAtOnce) {
-    // Files of one length, written faster than the clock that stamps them ticks.
+    // Files of the same length, written faster than the clock of their time stamps ticks.
     for (int i = 0; i < 200; ++i) {
         EXPECT_EQ(value("history", i % 2 == 0 ? "all" : "off"), i % 2 == 0 ? "all" : "off") << i;
     }
@@ -274,7 +274,7 @@ TEST_F(HostSettings, AFileThatIsNotReadRefusesWhatItMayGuard) {
     expect_refused("Too many levels of symbolic links");
     ASSERT_EQ(::mkfifo(file().c_str(), 0600), 0);
     expect_refused("it is not a regular file");
-    // A file of which each read fails, proc(5): nothing is mapped at its beginning.
+    // A file that can't be read (proc(5)): nothing is mapped at its beginning.
     std::filesystem::create_symlink("/proc/self/mem", file());
     expect_refused("Input/output error");
 }
@@ -313,9 +313,9 @@ TEST_F(HostSettings, AnUnchangedFileIsNotReadAgain) {
         EXPECT_EQ(ulmo::text_setting("history"), "all");
     }
     EXPECT_FALSE(watch.is_opened());
-    // One that has just been written is: another change may bear the same time.
+    // A file that has just been written is read again: another change may have the same time stamp.
     bool is_read_again = false;
-    // a machine that stands still for 100 ms tells nothing
+    // a machine that stalls for 100 ms proves nothing
     for (int i = 0; i < 50 && !is_read_again; ++i) {
         scratch.configure("history = all\n");
         EXPECT_EQ(ulmo::text_setting("history"), "all");

@@ -36,7 +36,7 @@ TEST(ManagerCopyLine, WhatIsNotThereIsNotKnown) {
     EXPECT_EQ(line->sha256, "ab");
 }
 
-// What an agent sends is not to be trusted.
+// The agent's data is not trusted.
 TEST(ManagerCopyLine, NoSuchLineIsNone) {
     for (const std::string text :
          {"", "x", "x ", "x  request=7", "x request=7 started=1 reason=\"open",

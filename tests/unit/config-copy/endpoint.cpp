@@ -178,7 +178,7 @@ TEST(Endpoint, UrlThatCanBeGivenAgain) {
     EXPECT_EQ("sftp://u@[2001:db8::1]//a", url_text(Protocol::sftp, "u", "2001:db8::1", "/a"));
 }
 
-// Names that no server has, and that are shown all the same when they were asked for.
+// Names that no server has; they must still be shown as they were given.
 TEST(Endpoint, ATextOfAnOddHostIsReadAsThatHost) {
     for (const std::string host : {"[x", "x]", "a:]b", "a:/b", "a:\x1b[31m", "fe80::1%eth0"}) {
         EXPECT_EQ(host, parse_endpoint(url_text(Protocol::tftp, "", host, "a")).url.host);

@@ -1,4 +1,4 @@
-// The command line apart from what the Net-SNMP library reads of it, hosts files, and addresses of
+// The command line, except for what the Net-SNMP library reads; hosts files; and the addresses of
 // agents and servers.
 #include "config-copy/options.h"
 

@@ -1,4 +1,4 @@
-// Outcomes in words and in JSON.
+// Outcomes as text and as JSON.
 #include "config-copy/outcome.h"
 
 #include "config-copy/copy_run.h"
@@ -187,7 +187,7 @@ TEST(Outcome, Table) {
               table_lines({"INDEX", "B"}, {{"1", "x y"}, {"123", "z"}}));
 }
 
-// What stands in the object for this text.
+// The form of this text in the JSON object.
 std::string in_json(const std::string &text) {
     Outcome outcome;
     outcome.agent = text;

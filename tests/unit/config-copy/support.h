@@ -1,4 +1,4 @@
-// What the tests of the manager's command share.
+// Shared by the tests of the manager's command.
 #pragma once
 
 #include "config-copy/failure.h"

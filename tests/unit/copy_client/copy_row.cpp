@@ -1,5 +1,5 @@
-// The life of a row against an agent that loses, delays or refuses: whatever is lost, the copy runs
-// once, its outcome is known, and no row stays.
+// The life of a row with an agent that loses, delays or refuses requests. Whatever is lost, the
+// copy runs once, its outcome is known, and no row is left.
 #include "copy_client/copy_row.h"
 #include "copy_client/user.h"
 #include "tests/unit/copy_client/scripted_agent.h"
@@ -50,7 +50,7 @@ class Manager {
 const std::vector<std::pair<oid, Value>> save_columns{
     {CC_COLUMN_SOURCE_FILE_TYPE, COPY_FILE_RUNNING}, {CC_COLUMN_DEST_FILE_TYPE, COPY_FILE_STARTUP}};
 
-// A whole life. Whatever is thrown, the row is taken away, as users of the room do.
+// A whole life. The row is destroyed whatever is thrown, as callers of the class do.
 CopyState live(Session &session, CopyRow &row) {
     const auto clean_up = [&] {
         session.begin_to_clean_up(answer_time);
@@ -84,7 +84,7 @@ TEST(CopyRow, LivesWithNothingLost) {
     CopyRow row(session);
     EXPECT_EQ(live(session, row).state, COPY_STATE_SUCCESSFUL);
     EXPECT_FALSE(row.is_left());
-    // Look, make, activate, two reads, destroy.
+    // Find an index, create, activate, two reads, destroy.
     EXPECT_EQ(agent.seen().requests, 6);
     EXPECT_EQ(agent.seen().made, 1);
     EXPECT_EQ(agent.seen().copies, 1);
@@ -264,7 +264,7 @@ TEST(CopyRow, AStopEndsTheWaitAndTheRowCanStillBeTakenAway) {
 
 // --- the session ---
 
-// An agent each: what the library knows of a user at an engine it keeps.
+// A separate agent for each, because the library remembers a user at an engine.
 TroubleKind trouble_with(const char *user, const char *auth, const char *priv) {
     const ScriptedAgent agent({});
     Session session = Manager(SNMP_VERSION_3, user, auth, priv).session_with(agent);

@@ -1,6 +1,6 @@
-// An agent with a copy table on a port of this machine, in a process of its own, that does what its
-// script says: it loses requests or answers, lets one come late, refuses. It speaks SNMPv2c, and
-// SNMPv3 to one user, and tells what it was asked to do.
+// An agent with a copy table on a local port, in a process of its own, that follows a script: it
+// loses requests or answers, delays one, or refuses. It speaks SNMPv2c, and SNMPv3 with one user,
+// and reports what it was asked to do.
 #pragma once
 
 #include "copy_client/session.h"
@@ -30,30 +30,30 @@
 
 namespace copy_client_test {
 
-// Requests are counted from 1; those by which an SNMPv3 manager finds the engine are not.
+// Requests are counted from 1, without those with which an SNMPv3 manager discovers the engine.
 struct Script {
     int loses_request = 0;  // the n-th is never carried out
     int loses_answer = 0;   // the n-th is carried out, and not answered
-    int delays_request = 0; // the n-th is carried out behind the next one, and not answered
-    int falls_silent = 0;   // from the n-th on nothing is carried out
+    int delays_request = 0; // the n-th is carried out after the next one, and not answered
+    int falls_silent = 0;   // from the n-th on, nothing is carried out
     long making_status = SNMP_ERR_NOERROR;
-    long making_index = 0; // which binding making_status is about
+    long making_index = 0; // the binding that making_status is about
     long activation_status = SNMP_ERR_NOERROR;
-    int reads_until_end = 2; // of a copy that runs; -1: it does not end
+    int reads_until_end = 2; // of a running copy; -1: it never ends
     long end = COPY_STATE_SUCCESSFUL;
     long cause = 0;
-    bool forgets_rows = false; // as an agent that began anew: a row is gone once it runs
+    bool forgets_rows = false; // like a restarted agent: a row disappears once it runs
     std::string last_save;
 };
 
-// What it was asked to do.
+// What the agent was asked to do.
 struct Seen {
     std::atomic<int> requests;
     std::atomic<int> lost;
     std::atomic<int> made;    // rows
-    std::atomic<int> copies;  // that were started
+    std::atomic<int> copies;  // started copies
     std::atomic<int> removed; // rows
-    std::atomic<int> rows;    // that are there
+    std::atomic<int> rows;    // existing rows
 };
 
 inline constexpr const char *agent_user = "scripted";
@@ -99,10 +99,10 @@ class ScriptedAgent {
     struct Row {
         long state = COPY_STATE_WAITING;
         int reads = 0;
-        bool is_blocked = false; // a second createAndWait met it
+        bool is_blocked = false; // a second createAndWait came
     };
 
-    // The process's own world.
+    // The state of the agent's process.
     struct World {
         const Script &script;
         Seen &seen;

@@ -38,7 +38,7 @@ std::unique_ptr<ccCopyEntry> copy_request(int32_t source, int32_t dest, int32_t 
 void put_full_credentials(ccCopyEntry &record) {
     put_text(record.ccCopyUserName, full_user);
     put_text(record.ccCopyUserPassword, full_password);
-    // What follows the password must not show either.
+    // The field after the password must not show either.
     record.ccCopyNotificationOnCompletion = 0x41414141;
 }
 

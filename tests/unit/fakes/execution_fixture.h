@@ -1,4 +1,4 @@
-// Copy requests, and tests of what carries them out.
+// Copy requests, and a fixture for tests of their execution.
 #ifndef TESTS_UNIT_EXECUTION_FIXTURE_H
 #define TESTS_UNIT_EXECUTION_FIXTURE_H
 
@@ -14,13 +14,13 @@
 std::unique_ptr<ccCopyEntry> copy_request(int32_t source, int32_t dest,
                                           int32_t protocol = COPY_PROTO_TFTP);
 
-// A user name and a password of the full width, and the fields filled with them: no terminator
-// stands between them.
+// A user name and a password of the full width, and the fields filled with them: there is no
+// terminator between the two.
 extern const std::string full_user;
 extern const std::string full_password;
 void put_full_credentials(ccCopyEntry &record);
 
-// The trace file, switched on, that leaves no file behind.
+// Switches the trace file on, and removes it at the end.
 class Tracing {
   public:
     Tracing();
@@ -30,15 +30,14 @@ class Tracing {
     TraceFile file_;
 };
 
-// The journal of a status report over this endpoint.
+// The journal's lines for a status report over this endpoint.
 Lines status_report(int handle, const std::string &payload);
-// The status as the report's payload has it.
+// The status as in the report's payload.
 std::string status_word(int32_t status);
 
 Lines operator+(Lines first, const Lines &second);
 
-// In a fresh working directory, and with a SIGCHLD handler that must be back in its place at the
-// end.
+// Runs in a new working directory, with a SIGCHLD handler that must be restored at the end.
 class ExecutionTest : public ModuleTest {
   protected:
     void SetUp() override;
@@ -47,7 +46,7 @@ class ExecutionTest : public ModuleTest {
     // The working directory, and a file in it.
     const std::string &directory() const { return directory_; }
     std::string path(const std::string &name) const { return directory_ + "/" + name; }
-    // Names of the files in it, in order.
+    // Names of the files in it, sorted.
     Lines files() const;
     static std::string contents(const std::string &name);
 

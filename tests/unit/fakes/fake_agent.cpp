@@ -74,7 +74,7 @@ int register_mib(const char *name, const struct variable *variables, size_t size
     return MIB_REGISTERED_OK;
 }
 
-// Switches the lookup cache off while it works, and forgets to switch it on again when there was
+// Like a stock agent, switches the lookup cache off while it works, and leaves it off if there was
 // nothing to withdraw.
 int unregister_mib(oid *name, size_t length) {
     const AgentFake::Oid wanted(name, name + length);

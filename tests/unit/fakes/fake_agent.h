@@ -1,5 +1,5 @@
-// The agent's side: its registry of variables, callbacks and alarms, its clock, and its logs. It
-// behaves as a stock agent does.
+// The agent: its registry of variables, callbacks and alarms, its clock, and its logs. It behaves
+// like a stock agent.
 #ifndef TESTS_UNIT_FAKE_AGENT_H
 #define TESTS_UNIT_FAKE_AGENT_H
 
@@ -28,8 +28,8 @@ struct AgentFake : FakeBase {
     };
     std::vector<Registration> registrations; // calls of register_mib()
     std::vector<Oid> unregistrations;        // calls of unregister_mib()
-    std::vector<Oid> variables;              // what is registered: one OID a variable
-    int register_result = 0; // what register_mib() returns instead of registering, unless 0
+    std::vector<Oid> variables;              // what is registered: one OID per variable
+    int register_result = 0; // unless 0, register_mib() returns this and registers nothing
     int lookup_cache_size = lookup_cache_default;
 
     struct Callback {
@@ -39,7 +39,7 @@ struct AgentFake : FakeBase {
         void *argument;
         bool operator==(const Callback &) const = default;
     };
-    std::vector<Callback> callbacks; // those in force
+    std::vector<Callback> callbacks; // the registered ones
 
     struct Alarm {
         unsigned int handle;
@@ -48,11 +48,11 @@ struct AgentFake : FakeBase {
         SNMPAlarmCallback *function;
         void *argument;
     };
-    // those that run; kept over a reset, as they live as long as the module's rows
+    // the running ones; kept over a reset, because they live as long as the module's rows
     std::vector<Alarm> alarms;
-    unsigned int last_alarm = 0; // handle given last
+    unsigned int last_alarm = 0; // the last handle given out
 
-    long start_seconds = 0; // the agent's start on the wall clock
+    long start_seconds = 0; // the agent's start time, wall clock
     long start_microseconds = 0;
 
     bool debugging = false;
@@ -61,7 +61,7 @@ struct AgentFake : FakeBase {
     Calls<std::string> details;             // snmp_set_detail()
     Calls<std::pair<int, std::string>> log; // snmp_log(): level and text
 
-    // Whether a variable is registered at or above this OID.
+    // Whether a variable is registered at this OID or a prefix of it.
     bool serves(const Oid &name) const;
 
     void reset() override;

@@ -11,7 +11,7 @@
 #include "fakes.h"
 #include "platform/agent_extension.h"
 
-// One binding of a notification: its name, type, and its value in words: a number, or octets in
+// One binding of a notification: its name, its type, and its value as text: a number, or octets in
 // hexadecimal.
 struct Binding {
     std::vector<oid> name;
@@ -24,8 +24,8 @@ std::ostream &operator<<(std::ostream &out, const Binding &binding);
 std::vector<Binding> taken_bindings(netsnmp_variable_list *list);
 
 struct AgentExtensionFake : FakeBase {
-    std::map<uint32_t, agent_message_handler> handlers; // those in force, by opcode
-    std::vector<uint32_t> registered; // opcodes in the order of their registration
+    std::map<uint32_t, agent_message_handler> handlers; // the registered ones, by opcode
+    std::vector<uint32_t> registered;                   // opcodes in order of registration
     std::vector<uint32_t> unregistered;
     std::map<uint32_t, int> register_results; // results other than 0, by opcode
 

@@ -12,7 +12,7 @@ struct CliShellFake : FakeBase {
     uint32_t apply_result = 0;
     std::string parameters; // octets of the last parameter block
     std::optional<std::string>
-        applied; // what the file held that was applied last; nothing when there was none
+        applied; // content of the file that was applied last; empty if it did not exist
 
     void reset() override;
 };

@@ -1,4 +1,4 @@
-// The debug history and the debug print, remembered text by text.
+// The debug history and the debug print, with every text recorded.
 #ifndef TESTS_UNIT_FAKE_EVTRACE_H
 #define TESTS_UNIT_FAKE_EVTRACE_H
 
@@ -23,7 +23,7 @@ struct EvtraceFake : FakeBase {
     bool declines = false; // the history declines every record
     bool prints = false;   // the debug print is on
 
-    // How often this very record stands in the history.
+    // How often exactly this record is in the history.
     long count(uint32_t subtype, const std::string &text) const;
     void clear() {
         history.clear();
@@ -38,7 +38,7 @@ std::ostream &operator<<(std::ostream &out, const EvtraceFake::Record &record);
 
 extern EvtraceFake fake_evtrace;
 
-// The history holds this record, once.
+// The history has this record exactly once.
 #define EXPECT_LOGGED(subtype, text)                                                               \
     EXPECT_EQ(fake_evtrace.count(subtype, text), 1)                                                \
         << ::testing::PrintToString(text) << " in "                                                \

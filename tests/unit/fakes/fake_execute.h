@@ -1,5 +1,5 @@
-// The running of programs. In the journal, with how SIGCHLD was taken meanwhile: "execute -1 -1 -1
-// PROGRAM [FIRST] [SECOND] default"; a real descriptor reads "fd".
+// Running programs. In the journal, with the disposition of SIGCHLD during the call: "execute -1 -1
+// -1 PROGRAM [FIRST] [SECOND] default"; a real descriptor appears as "fd".
 #ifndef TESTS_UNIT_FAKE_EXECUTE_H
 #define TESTS_UNIT_FAKE_EXECUTE_H
 
@@ -9,7 +9,7 @@
 
 struct ExecuteFake : FakeBase {
     int result = 0;     // wait status, or a negative value
-    std::string output; // what the program writes where its standard output goes
+    std::string output; // what the program writes to its standard output
 
     void reset() override;
 };

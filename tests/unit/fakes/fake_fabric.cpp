@@ -31,7 +31,7 @@ void FabricFake::reset() {
     last_status = {};
 }
 
-// Records the call, which a test that scripted no fabric did not foresee.
+// Records the call, or fails a test that scripted no fabric.
 static void record(const char *call) {
     if (!fake_fabric.scripted) {
         ADD_FAILURE() << "unexpected call of the fabric: " << call;

@@ -1,4 +1,4 @@
-// Real conversions that can be told to fail.
+// Real conversions that can be made to fail.
 #ifndef TESTS_UNIT_FAKE_INET_ADDRESS_H
 #define TESTS_UNIT_FAKE_INET_ADDRESS_H
 
@@ -9,10 +9,10 @@
 #include "platform/inet_address.h"
 
 struct InetAddressFake : FakeBase {
-    int to_str_error = 0;              // what every conversion to text returns instead, unless 0
+    int to_str_error = 0;              // unless 0, every conversion to text returns this
     int from_str_error = 0;            // the same for conversions from text
-    std::vector<inet_address> written; // addresses that were to become text
-    std::vector<std::size_t> sizes;    // room given for each
+    std::vector<inet_address> written; // addresses passed for conversion to text
+    std::vector<std::size_t> sizes;    // size of the buffer for each
 
     void reset() override;
 };

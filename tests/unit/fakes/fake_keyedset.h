@@ -1,4 +1,4 @@
-// A real container, a sorted vector, that can be told to fail.
+// A real container, a sorted vector, that can be made to fail.
 #ifndef TESTS_UNIT_FAKE_KEYEDSET_H
 #define TESTS_UNIT_FAKE_KEYEDSET_H
 
@@ -20,14 +20,14 @@ struct KeyedsetFake : FakeBase {
     std::vector<Create> creates;
     std::vector<const keyedset *> destroys;
 
-    // results of the next creations; a result other than KEYEDSET_CREATED creates nothing
+    // results of the next creations; any result other than KEYEDSET_CREATED creates nothing
     std::deque<int> create_results;
     std::optional<void *> next_add; // result of the next insertion, which then inserts nothing
-    const keyedset *failing =
-        nullptr; // the set whose find_fails_in-th search from now on finds nothing
+    // the set of which the find_fails_in-th search from now on finds nothing
+    const keyedset *failing = nullptr;
     int find_fails_in = 0;
 
-    // Counts down to the search of `set` that finds nothing: 1 is the next one.
+    // Makes a search of `set` find nothing: 1 means the next search, 2 the one after it, and so on.
     void fail_find(const keyedset *set, int in) {
         failing = set;
         find_fails_in = in;

@@ -72,7 +72,7 @@ void *__wrap_calloc(size_t count, size_t size) {
     return fails(count * size) ? nullptr : __real_calloc(count, size);
 }
 
-// operator new, plain and not throwing, under the names that the linker knows them by
+// operator new, throwing and not, under the linker's names
 void *__wrap__Znwm(size_t size) {
     if (fails(size)) {
         throw std::bad_alloc();

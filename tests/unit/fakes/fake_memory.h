@@ -1,5 +1,4 @@
-// The heap, which can run out for blocks of one size, and counts the blocks that are not given
-// back.
+// The heap, which can run out of blocks of one size and counts the blocks that are not freed.
 #ifndef TESTS_UNIT_FAKE_MEMORY_H
 #define TESTS_UNIT_FAKE_MEMORY_H
 
@@ -8,13 +7,13 @@
 #include "fakes.h"
 
 struct MemoryFake : FakeBase {
-    // Static, as blocks are allocated before this object is constructed.
+    // Static, because blocks are allocated before this object is constructed.
     static inline std::size_t failing_size = 0; // allocations of this many octets fail, unless 0
     static inline int failures = 0;
     static inline bool counting = false;
 
-    // Counts from now on, and only blocks that come from malloc() and are seen from the module and
-    // its tests.
+    // Starts counting, but only blocks from malloc() that the module and its tests allocate and
+    // free.
     static void count_blocks();
     static std::size_t blocks();
 

@@ -53,7 +53,7 @@ void MsgbusFake::reset() {
     for (msgbus_message *message : std::exchange(alive, {})) {
         delete message;
     }
-    cfg_action_request = nullptr; // the module's hold on one of them
+    cfg_action_request = nullptr; // the module's pointer to one of them
 }
 
 void MsgbusFake::verify() {

@@ -11,11 +11,11 @@
 
 namespace {
 
-constexpr char line_end = '\0'; // lines of the report may hold newlines
+constexpr char line_end = '\0'; // lines of the report may contain newlines
 
-int report_fd = -1; // in a child: where its report goes
+int report_fd = -1; // in a child: the pipe for its report
 
-// Works also while the module takes SIGCHLD its own way.
+// Also works while the module changes the disposition of SIGCHLD.
 class DefaultSigchld {
   public:
     DefaultSigchld() {
@@ -31,7 +31,7 @@ class DefaultSigchld {
     struct sigaction before_ {};
 };
 
-// Empties what the parent has recorded so far: the child's report is about the child.
+// Clears the parent's records, so that the child reports only its own.
 void become_child(int fd) {
     report_fd = fd;
     journal.take();
@@ -121,7 +121,7 @@ pid_t __wrap_fork(void) {
 
 [[noreturn]] void __wrap__exit(int status) {
     if (report_fd >= 0) {
-        fflush(nullptr); // the words of checks that failed
+        fflush(nullptr); // the output of failed checks
         write_report();
     }
     __real__exit(status);

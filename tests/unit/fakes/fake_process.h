@@ -1,5 +1,5 @@
-// The process: fork, the child's end, the shell and the waiting. In the journal: "fork", "system
-// COMMAND default" (with how SIGCHLD was taken), "sleep 2".
+// The process: fork, the end of the child, the shell and waiting. In the journal: "fork", "system
+// COMMAND default" (with the disposition of SIGCHLD), "sleep 2".
 #ifndef TESTS_UNIT_FAKE_PROCESS_H
 #define TESTS_UNIT_FAKE_PROCESS_H
 
@@ -13,15 +13,15 @@
 
 struct ProcessFake : FakeBase {
     pid_t fork_result = 4711; // the child's process id, or -1: then no child is made
-    // Makes a real child instead. What the child did and logged is read when it has ended, before
-    // fork() returns to the parent.
+    // Makes a real child instead. fork() returns to the parent only after the child has ended and
+    // its report has been read.
     bool real_child = false;
     struct Child {
         pid_t pid;
-        int exit_code; // of _exit(); -1 when it ended otherwise
+        int exit_code; // of _exit(); -1 if it ended otherwise
         bool failed;   // a check failed in it
         Lines journal;
-        Lines history; // texts of the debug history, without their subtypes
+        Lines history; // texts of the debug history, without subtypes
     };
     std::optional<Child> child; // the last real one
 

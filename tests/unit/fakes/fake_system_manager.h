@@ -12,7 +12,7 @@
 struct SystemManagerFake : FakeBase {
     std::string directory = "/startup";
     uint32_t write_result = 0;
-    // what the file held that became the startup configuration last
+    // content of the file that last became the startup configuration
     std::optional<std::string> written;
 
     void reset() override;

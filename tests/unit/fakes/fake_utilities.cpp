@@ -6,7 +6,7 @@
 
 namespace {
 
-// A text from which the code can be told.
+// A text that identifies the function and the code.
 const char *text_of(const char *function, uint32_t code) {
     char text[64];
     snprintf(text, sizeof text, "%s 0x%08x", function, code);

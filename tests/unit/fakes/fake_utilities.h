@@ -10,7 +10,7 @@
 
 struct UtilitiesFake : FakeBase {
     Calls<std::pair<uint32_t, uint32_t>> errors; // log_set_error(): code and facility
-    std::string text;                            // what the text functions returned last
+    std::string text;                            // last text of the text functions
 
     void reset() override;
     void verify() override;

@@ -7,7 +7,7 @@
 
 namespace {
 
-// A function's own object, so that it is there before the first fake of any source is constructed.
+// Inside a function, so that it exists before the first fake of any source is constructed.
 std::vector<FakeBase *> &registered_fakes() {
     static std::vector<FakeBase *> fakes;
     return fakes;
@@ -19,8 +19,7 @@ void reset_all() {
     }
 }
 
-// Through the module's own operations as far as they reach: what a test leaves in the tables is
-// also a check of the deletion.
+// Uses the module's own operations where possible, so that clearing the tables also tests deletion.
 void empty_tables() {
     is_snmp_debug_enabled = 0;
     child_copy_running = 0;

@@ -1,4 +1,4 @@
-// What every fake and every test of the module is built on.
+// The base of every fake, and of every test of the module.
 #ifndef TESTS_UNIT_FAKES_H
 #define TESTS_UNIT_FAKES_H
 
@@ -8,35 +8,34 @@
 #include <utility>
 #include <vector>
 
-// Calls that no test may leave unread: a fake's verify() fails when some are left.
+// A record of calls that a test must read: a fake's verify() fails if any are left.
 template <class Call> struct Calls {
     std::vector<Call> items;
-    // The calls so far, oldest first; the record is empty afterwards.
+    // The calls so far, oldest first. Empties the record.
     std::vector<Call> take() { return std::exchange(items, {}); }
 };
 
-// One faked service: a record of what was asked of it, and knobs for what it answers. Each fake is
-// one object of static storage; being constructed puts it into the list that ModuleTest goes
-// through.
+// One faked service: a record of the calls, and knobs for the answers. Each fake is one object of
+// static storage. Its constructor adds it to the list that ModuleTest goes through.
 struct FakeBase {
     FakeBase();
     virtual ~FakeBase();
     FakeBase(const FakeBase &) = delete;
     FakeBase &operator=(const FakeBase &) = delete;
 
-    // Forgets every record and puts every knob back.
+    // Clears every record and resets every knob.
     virtual void reset() = 0;
-    // Reports as test failures what must not be left over at the end of a test.
+    // Reports what must not be left over at the end of a test.
     virtual void verify() {}
 
   protected:
-    // Fails the running test: the module asked for something that the test did not foresee.
+    // Fails the running test: the module made a call that the test did not expect.
     static void unexpected(const std::string &what) {
         ADD_FAILURE() << "unexpected call: " << what;
     }
 };
 
-// Every test begins and ends with idle fakes and with empty tables in the module.
+// Every test starts and ends with reset fakes and empty tables in the module.
 class ModuleTest : public ::testing::Test {
   protected:
     void SetUp() override;

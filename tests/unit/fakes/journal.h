@@ -1,5 +1,5 @@
-// One record of what the module asked of the world outside, in order over all services: a line a
-// call. A test compares the lines with those that it foresees; a line that no test reads fails it.
+// One record of the module's calls to all services, in order, one line per call. A test compares
+// the lines with those that it expects; a line that no test reads is a failure.
 #ifndef TESTS_UNIT_JOURNAL_H
 #define TESTS_UNIT_JOURNAL_H
 
@@ -13,8 +13,8 @@ using Lines = std::vector<std::string>;
 
 struct JournalFake : FakeBase {
     Calls<std::string> lines;
-    // Called with each line while the call that it tells of is still going on: what is true then
-    // can be looked at.
+    // Called with each line while that call is still in progress, to inspect the state at that
+    // moment.
     std::function<void(const std::string &)> on_line;
 
     void note(const std::string &line);
@@ -26,10 +26,10 @@ struct JournalFake : FakeBase {
 
 extern JournalFake journal;
 
-// " default", " ignored" or " other": how this process takes SIGCHLD now.
+// The process's disposition of SIGCHLD: " default", " ignored" or " other".
 std::string sigchld_disposition();
 
-// Two lower-case hexadecimal digits an octet.
+// Two lower-case hexadecimal digits per octet.
 std::string hex(const void *octets, std::size_t length);
 
 #endif

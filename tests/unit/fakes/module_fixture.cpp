@@ -12,7 +12,7 @@ namespace {
 
 constexpr oid copy_entry[] = {CC_ROOT_OID, 1, 1, 1, 1};
 constexpr oid error_entry[] = {CC_ROOT_OID, 1, 1, 2, 1};
-// Room that the agent gives a handler for the OID.
+// The size of the agent's buffer for the OID.
 constexpr std::size_t oid_room = MAX_OID_LEN;
 
 Oid with(Oid name, oid last) {
@@ -20,8 +20,8 @@ Oid with(Oid name, oid last) {
     return name;
 }
 
-// The variable of a column as the agent hands it to a read handler: with the whole OID of the
-// column.
+// The variable of a column as the agent passes it to a read handler, with the column's complete
+// OID.
 std::optional<struct variable> variable_of(const Oid &column) {
     for (const struct variable7 &registered : config_copy_mib_variables) {
         Oid name(config_copy_mib_variables_oid, config_copy_mib_variables_oid + CC_ROOT_OID_LENGTH);
@@ -255,7 +255,7 @@ TraceFile::TraceFile() : fd_(-1) {
     fd_ = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     EXPECT_GE(fd_, 0);
     lseek(fd_, 0, SEEK_END);
-    // The name is needed no more, and nothing is to be left in the folder.
+    // The name is no longer needed, and no file must be left in the folder.
     char name[PATH_MAX];
     const ssize_t length = readlink(path.c_str(), name, sizeof name - 1);
     if (length > 0) {

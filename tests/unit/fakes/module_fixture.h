@@ -22,42 +22,42 @@ Oid copy_instance(oid column, oid index);
 // The OID of a column of ccCopyErrorTable.
 Oid error_column(oid column);
 
-// A row with all defaults, in the table from now on.
+// Adds a row with all defaults to the table.
 void add_row(int32_t index, int32_t row_status = ROW_STATUS_NOT_READY);
-// The stored row; a test failure and an empty record when there is none.
+// The stored row. If there is none, fails the test and returns an empty record.
 ccCopyEntry stored_row(int32_t index);
 bool row_exists(int32_t index);
 // Overwrites the stored row.
 void store_row(const ccCopyEntry &row);
-// The indexes of the stored rows in the order of a walk.
+// The indexes of the stored rows, in the order of a walk.
 std::vector<int32_t> stored_indexes();
 
-// A text of a record, at most the field's capacity.
+// The text of a record's field, at most as long as the field.
 template <std::size_t Size> std::string text_of(const char (&field)[Size]) {
     return std::string(field, strnlen(field, Size));
 }
-// Puts a text into a field of a record; a text of the full width has no terminator.
+// Writes a text to a record's field. A text that fills the field has no terminator.
 template <std::size_t Size> void put_text(char (&field)[Size], std::string_view text) {
     std::fill_n(field, Size, '\0');
     std::copy_n(text.begin(), std::min(Size, text.size()), field);
 }
 
-// A value as the agent hands it to a write method, in a block of its own: as long as the value, and
-// for an INTEGER at least a 32-bit word, which is what the agent's buffer holds at least.
+// A value as the agent passes it to a write method, in a block of exactly its length; the block of
+// an INTEGER has at least 32 bits, as the agent's buffer does.
 struct Value {
     unsigned char type;
     std::size_t length;
     std::shared_ptr<unsigned char[]> octets;
 };
-// An INTEGER of a 64-bit agent: a long.
+// An INTEGER as a 64-bit agent passes it: a long.
 Value integer(long value);
-// An INTEGER that is announced with another length.
+// An INTEGER with another announced length.
 Value integer_of_length(long value, std::size_t length);
 Value octet_string(std::string_view octets);
 Value ip_address(std::string_view octets);
 Value with_type(Value value, unsigned char type);
 
-// One call of a write method for one instance.
+// Calls a write method once, for one instance.
 int call_phase(WriteMethod *method, int phase, const Value &value, oid column, oid index,
                unsigned char *state = nullptr);
 
@@ -70,16 +70,16 @@ struct Varbind {
     Oid name() const;
 };
 
-// One variable of a SET: the agent looks it up once, ahead of RESERVE1, and calls the write method
-// that it found for every phase.
+// One variable of a SET. The agent looks it up once, before RESERVE1, and calls the write method
+// that it found in every phase.
 class Request {
   public:
     explicit Request(Varbind varbind) : varbind_(std::move(varbind)) {}
-    // The result of the phase; SNMP_ERR_NOTWRITABLE when the column has no write method.
+    // Runs a phase and returns its result; SNMP_ERR_NOTWRITABLE if the column has no write method.
     int run(int phase);
     const Varbind &varbind() const { return varbind_; }
     bool writable() const { return write_method_ != nullptr; }
-    // The value area that the read handler returned: null when there was no row.
+    // The value area that the read handler returned; null if there was no row.
     unsigned char *state() const { return state_; }
 
   private:
@@ -88,13 +88,13 @@ class Request {
     unsigned char *state_ = nullptr;
 };
 
-// A SET as the stock agent runs it: the variables are grouped by column in order of first
-// appearance, every phase reaches all of them even after an error, a failure of RESERVE1 or
-// RESERVE2 brings FREE to all, and a failure of ACTION brings UNDO.
+// A SET as the stock agent runs it. Variables are grouped by column in order of first appearance.
+// Every phase reaches all of them, even after an error. A failure of RESERVE1 or RESERVE2 brings
+// FREE to all, a failure of ACTION brings UNDO.
 struct SetResult {
     int status;                       // the first error, or 0
-    int failed_phase;                 // in which phase; -1 when there was none
-    std::vector<std::string> history; // "RESERVE1 2.5", a phase with column and index, in order
+    int failed_phase;                 // its phase, or -1 if there was none
+    std::vector<std::string> history; // such as "RESERVE1 2.5": phase, column and index, in order
 };
 SetResult set(const std::vector<Varbind> &varbinds);
 
@@ -107,16 +107,16 @@ struct Answer {
 std::optional<Answer> get(const Oid &column, const Oid &name);
 std::optional<Answer> get_next(const Oid &column, const Oid &name);
 
-// The module as the agent has it between load and unload.
+// The module between load and unload.
 class LoadedModuleTest : public ModuleTest {
   protected:
     void SetUp() override;
     void TearDown() override;
 };
 
-// The private trace file of this process, switched on for as long as the object lives. The module
-// keeps its stream open for the life of the process, so each object reads what was written since it
-// was made.
+// The private trace file of this process, switched on while the object exists. The module keeps its
+// stream open for the life of the process, so each object reads only what was written since it was
+// created.
 class TraceFile {
   public:
     TraceFile();
@@ -124,18 +124,17 @@ class TraceFile {
     TraceFile(const TraceFile &) = delete;
     TraceFile &operator=(const TraceFile &) = delete;
 
-    // What was written since the last call, as it stands in the file.
+    // The text written since the last call, unchanged.
     std::string take_raw();
     // The texts written since the last call, each without its stamp and the newline that ends its
-    // record. The line number in the prefix,
-    // "(123):", reads "(#):".
+    // record. The line number in the prefix is replaced: "(123):" becomes "(#):".
     std::vector<std::string> take();
 
   private:
     int fd_;
 };
 
-// A fixture whose tests read the trace file.
+// A fixture for tests that read the trace file.
 template <class Base> class Traced : public Base {
   protected:
     void SetUp() override {

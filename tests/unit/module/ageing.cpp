@@ -9,7 +9,7 @@ namespace {
 
 class Ageing : public LoadedModuleTest {
   protected:
-    // Puts a row of this age into the table.
+    // Adds a row of this age to the table.
     static void add_aged(int32_t index, int32_t age, int32_t state = COPY_STATE_WAITING,
                          int32_t row_status = ROW_STATUS_NOT_READY) {
         add_row(index, row_status);
@@ -29,7 +29,7 @@ TEST_F(Ageing, LimitOfAge) {
     add_aged(3, 306);
     add_aged(4, 0);
     add_aged(5, 100000);
-    add_aged(6, -10); // made in the future
+    add_aged(6, -10); // created in the future
     age_out();
     EXPECT_EQ(stored_indexes(), (std::vector<int32_t>{1, 2, 4, 6}));
     const auto deleting = [](int index, int age) {
@@ -108,8 +108,7 @@ TEST_F(Ageing, EmptyTable) {
     EXPECT_EQ(stored_indexes(), std::vector<int32_t>{});
 }
 
-// A destroy that was abandoned leaves a row copy behind: it must not meet a later row of that
-// index.
+// An abandoned destroy leaves a copy of the row, which must not meet a later row of that index.
 TEST_F(Ageing, RowCopyOfAnAbandonedSetGoesWithTheRow) {
     add_aged(3, 306);
     add_aged(4, 0);

@@ -1,4 +1,4 @@
-// Write methods of the seven plain columns.
+// Write methods of the seven ordinary columns.
 #include "tests/unit/fakes/fake_evtrace.h"
 #include "tests/unit/fakes/fake_keyedset.h"
 #include "tests/unit/fakes/module_fixture.h"
@@ -14,7 +14,7 @@ constexpr int undo = 5;
 
 constexpr int32_t row_index = 5;
 
-// What tells the columns apart.
+// What differs between the columns.
 struct Facts {
     const char *column;
     oid number;
@@ -25,7 +25,7 @@ struct Facts {
     std::vector<int> logged_phases;
     const char *old_text;
     const char *new_text;
-    const char *restored_text; // what FREE makes of the old text
+    const char *restored_text; // the old text after FREE has restored it
 };
 
 std::ostream &operator<<(std::ostream &out, const Facts &facts) {
@@ -165,7 +165,7 @@ class Column : public ModuleTest, public ::testing::WithParamInterface<Facts> {
     }
     int run(int phase) const { return run(phase, new_value()); }
 
-    // The value of the row as text, whatever its type.
+    // The row's value as text, whatever its type.
     std::string value(int32_t index = row_index) const {
         ccCopyEntry row = stored_row(index);
         return facts.text ? text_in(row, facts.number)
@@ -185,7 +185,7 @@ class Column : public ModuleTest, public ::testing::WithParamInterface<Facts> {
         return std::ranges::find(facts.logged_phases, phase) != facts.logged_phases.end();
     }
 
-    // The history is what the phase logs on entry, or empty.
+    // The history has only what the phase logs on entry, or nothing.
     void expect_entry_logged(int phase) const {
         const std::string of_entry = " of entry (index = 5)";
         std::vector<EvtraceFake::Record> expected;
@@ -198,7 +198,7 @@ class Column : public ModuleTest, public ::testing::WithParamInterface<Facts> {
                     EXPECT_EQ(fake_evtrace.history.size(), 1U);
                     return;
                 }
-                // The texts of the other columns' RESERVE1 begin alike.
+                // The texts of RESERVE1 in the other columns start with the same words.
                 ASSERT_EQ(fake_evtrace.history.size(), 1U);
                 EXPECT_EQ(fake_evtrace.history[0].subtype, EVTRACE_DEBUG);
                 EXPECT_EQ(fake_evtrace.history[0].text.substr(0, text.size()), text);
@@ -294,7 +294,7 @@ TEST_P(Column, OtherFieldsStay) {
     ASSERT_EQ(run(action), 0);
     ccCopyEntry row = stored_row(row_index);
     EXPECT_EQ(value(), written_value());
-    // With the one field put back the row is as it was; octets behind a text's terminator do not
+    // With that one field restored, the row is as before; octets after a text's terminator do not
     // count.
     write_old(row);
     write_old(expected);
@@ -376,7 +376,7 @@ TEST_P(Column, SavedValueStaysValidUntilTheNextReserve1) {
     EXPECT_EQ(run(free_phase), 0);
     EXPECT_NE(value(), facts.text ? "other" : "1");
 
-    // Cleared ahead of the checks: also by a value that is refused.
+    // Cleared before the checks, so also by a value that is refused.
     ::testing::internal::CaptureStderr();
     ASSERT_EQ(run(reserve1, with_type(new_value(), ASN_NULL)), SNMP_ERR_WRONGTYPE);
     ::testing::internal::GetCapturedStderr();
@@ -389,7 +389,7 @@ TEST_P(Column, FreeAfterARefusedRowStatus) {
     add(ROW_STATUS_ACTIVE);
     ASSERT_EQ(run(reserve1), 0);
     ASSERT_EQ(run(reserve2), SNMP_ERR_INCONSISTENTVALUE);
-    // Another value tells whether FREE writes the saved one.
+    // Another value shows whether FREE writes the saved one.
     ccCopyEntry row = stored_row(row_index);
     if (facts.text) {
         put_text_of(row, facts.number, "other");
@@ -461,7 +461,7 @@ class Columns : public ModuleTest {
     static void release(WriteMethod *method, oid column, const Value &value) {
         ASSERT_EQ(call_phase(method, free_phase, value, column, row_index), 0);
     }
-    // Writes a text and has it freed; the result is the restored text.
+    // Writes a text, runs FREE, and returns the restored text.
     template <std::size_t Size>
     static std::string restored(WriteMethod *method, oid column, char (ccCopyEntry::*field)[Size],
                                 std::string_view old_text) {
@@ -509,7 +509,7 @@ TEST_F(Columns, IntegerLengths) {
     }
     EXPECT_EQ(cc_integer_value(integer_of_length(-2, 8).octets.get(), 8), -2);
     EXPECT_EQ(cc_integer_value(integer_of_length(-2, 4).octets.get(), 4), -2);
-    // A shorter length still means the whole word of the agent's buffer.
+    // Even with a shorter length the whole word of the agent's buffer counts.
     EXPECT_EQ(cc_integer_value(integer_of_length(0x04030201, 2).octets.get(), 2), 0x04030201);
     EXPECT_EQ(cc_integer_value(integer_of_length(7, 0).octets.get(), 0), 7);
 }

@@ -1,4 +1,4 @@
-// The platform messages that begin and end copies, and what they make of the rows.
+// The platform messages that begin and end copies, and their effect on the rows.
 #include <cstring>
 
 #include "platform/system_manager.h"
@@ -16,14 +16,14 @@ using Records = std::vector<EvtraceFake::Record>;
 
 class Completion : public ModuleTest {
   protected:
-    // Puts a row of this kind into the table.
+    // Adds a row of this kind to the table.
     static void add(int32_t index, int32_t state, int32_t source, int32_t dest,
                     int32_t notify = TRUTH_FALSE) {
         const auto record = copy_request(source, dest);
         record->ccCopyIndex = index;
         record->ccCopyState = state;
         record->ccCopyNotificationOnCompletion = notify;
-        record->ccCopyFailCause = 42; // to see who writes it
+        record->ccCopyFailCause = 42; // shows whether anything writes it
         add_row(index);
         store_row(*record);
     }
@@ -37,7 +37,7 @@ class Completion : public ModuleTest {
         std::vector<Binding> bindings; // of the returned list
         Oid name;                      // of the notification
     };
-    // Hands a message to the handler as the agent's dispatcher does: with an old send flag and the
+    // Passes a message to the handler as the agent's dispatcher does: with an old send flag and the
     // outcome word.
     static Handled handle(uint32_t opcode, const std::string &payload, uint32_t outcome = 0) {
         msgbus_message *message = fake_msgbus.make(opcode, payload);
@@ -58,7 +58,7 @@ class Completion : public ModuleTest {
         return handle(AGENT_OPC_WORKER_STATUS,
                       std::string(reinterpret_cast<const char *>(&status), sizeof status));
     }
-    // Nothing for the dispatcher to send.
+    // The handler returns nothing for the dispatcher to send.
     static void expect_nothing_returned(const Handled &handled) {
         EXPECT_EQ(handled.send_flag, 0U);
         EXPECT_TRUE(handled.bindings.empty());
@@ -113,7 +113,7 @@ TEST_F(Completion, WorkerFailed) {
 }
 
 TEST_F(Completion, WorkerStatusWithoutPayloadIsAFailure) {
-    // none, or one that is too short
+    // missing or too short
     for (const std::string &payload : {std::string(), std::string(3, '\0')}) {
         add(7, COPY_STATE_RUNNING, COPY_FILE_RUNNING, COPY_FILE_NETWORK);
         child_copy_running = 1;
@@ -208,7 +208,7 @@ TEST_F(Completion, ExportedEndsBothRecordAFailure) {
 
 TEST_F(Completion, BegunCopyRuns) {
     add(3, COPY_STATE_SUCCESSFUL, COPY_FILE_RUNNING, COPY_FILE_STARTUP);
-    add(5, COPY_STATE_WAITING, COPY_FILE_NETWORK, COPY_FILE_RUNNING); // no further check
+    add(5, COPY_STATE_WAITING, COPY_FILE_NETWORK, COPY_FILE_RUNNING); // no further check of the row
     add(7, COPY_STATE_WAITING, COPY_FILE_RUNNING, COPY_FILE_STARTUP);
     ccCopyEntry expected = stored_row(5);
     expected.ccCopyState = COPY_STATE_RUNNING;
@@ -337,7 +337,7 @@ TEST_F(Completion, EndedCopyOfSomebodyElse) {
     }
 }
 
-// The first running row decides, though a later one would fit.
+// Only the first running row counts, even if a later one would match.
 TEST_F(Completion, OnlyTheFirstRunningRowIsLookedAt) {
     add(3, COPY_STATE_RUNNING, COPY_FILE_RUNNING, COPY_FILE_NETWORK);
     add(7, COPY_STATE_RUNNING, COPY_FILE_RUNNING, COPY_FILE_STARTUP);
@@ -356,7 +356,7 @@ TEST_F(Completion, EndedCopyOfNobody) {
 
 // --- rows that can't be written
 
-// The first search of the table by key is the one of the write.
+// The write's search is the table's first search by key.
 class UnwritableRow : public Completion {
   protected:
     static void fail_write() { fake_keyedset.fail_find(&ccCopyTable, 1); }

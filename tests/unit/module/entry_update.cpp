@@ -110,7 +110,7 @@ TEST_F(Update, FillWithThreeSwitches) {
     EXPECT_EQ(error(3).ccCopyErrorDeviceAddrType, INET_ADDRESS_IPV6);
     EXPECT_EQ(text_of(error(3).ccCopyErrorDeviceAddr), "2001:db8::7");
     EXPECT_EQ(text_of(error(3).ccCopyErrorText), "");
-    // What no field holds is zero.
+    // Octets that no field holds are zero.
     EXPECT_EQ(std::string(error(1).ccCopyErrorText + 18, CC_ERROR_TEXT_SIZE - 18),
               std::string(CC_ERROR_TEXT_SIZE - 18, '\0'));
 
@@ -139,7 +139,7 @@ TEST_F(Update, SecondFillAddsToTheTable) {
     fake_keyedset.creates.clear();
     fill();
     EXPECT_TRUE(fake_keyedset.creates.empty());
-    // The numbers begin at 1 again: the first row of this fill meets one that is there, and is
+    // The numbers start at 1 again, so the first row of this fill meets an existing one and is
     // refused.
     EXPECT_EQ(errors(), 2U);
     EXPECT_EQ(text_of(error(1).ccCopyErrorText), "first");
@@ -166,7 +166,7 @@ TEST_F(Update, ContainerThatCannotBeMade) {
 
 class FailedName : public Update, public ::testing::WithParamInterface<std::pair<int, bool>> {};
 
-// The leak checker sees an answer that comes with a failure and is not released.
+// The leak checker detects an answer that comes with a failure and is not freed.
 TEST_P(FailedName, AddsNoErrorRow) {
     fake_fabric.switches = {{{0x20}, false, ipv4(1), "never asked for"}};
     std::tie(fake_fabric.wwn_result, fake_fabric.wwn_response) = GetParam();
@@ -238,7 +238,7 @@ TEST_F(Update, AddressThatHasNoText) {
     EXPECT_EQ(fake_agent.log.take(), (Log{{LOG_ERR, text}, {LOG_ERR, text}}));
 }
 
-// Eight negative bytes are wider than the text that is made of them.
+// As text, eight negative bytes are longer than the room for them.
 TEST_F(Update, WidestName) {
     fake_fabric.switches = {
         {{0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80}, false, ipv4(1), "remote"}};

@@ -46,7 +46,7 @@ class ErrorTable : public ModuleTest {
         add(error_of(3, 1));
     }
 
-    // "copy.error" of the row that a GETNEXT answers with, "none" when there is none.
+    // "copy.error" of the row that a GETNEXT returns, or "none".
     std::string next(std::initializer_list<oid> rest) {
         Oid name = error_column(type_column);
         name.insert(name.end(), rest);

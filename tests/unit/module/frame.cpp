@@ -277,7 +277,7 @@ TEST_F(Frame, FailedRegistrationIsOnlyADebugMessage) {
     EXPECT_EQ(init_config_copy_mib(), 0);
     const auto debug = fake_agent.debug.take();
     ASSERT_EQ(debug.size(), 4U);
-    // Each message comes as the token, which decides about the prefix, and then the text.
+    // Each message comes in two parts: the token, which determines the prefix, and the text.
     for (const std::size_t i : {0U, 1U}) {
         EXPECT_EQ(debug[i].first, "trace");
         EXPECT_EQ(std::regex_replace(debug[i].second, std::regex(", [0-9]+:"), ", #:"),
@@ -359,7 +359,7 @@ TEST_F(Frame, SecondLoadWithoutUnloadRegistersNothingTwice) {
     EXPECT_TRUE(fake_agent.variables.empty());
 }
 
-// An abandoned destroy leaves its row copy in the undo list.
+// An abandoned destroy leaves a copy of its row in the undo list.
 void abandon_a_destroy(int32_t index) {
     add_row(index);
     const SetResult result =
@@ -372,7 +372,7 @@ void abandon_a_destroy(int32_t index) {
 TEST_F(Frame, UnloadFreesTheRowCopiesThatAreLeft) {
     ASSERT_EQ(init_config_copy_mib(), 0);
     abandon_a_destroy(3);
-    deinit_config_copy_mib(); // the leak checker sees a copy that is lost
+    deinit_config_copy_mib(); // the leak checker detects a lost copy
     EXPECT_EQ(ccCopyUndoList.impl, nullptr);
     EXPECT_EQ(init_config_copy_mib(), 0);
     EXPECT_EQ(keyedset_size(&ccCopyUndoList), 0U);

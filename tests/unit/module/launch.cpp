@@ -1,4 +1,4 @@
-// What an activated request becomes: a worker, a request to the system manager, or nothing.
+// What an activated request leads to: a worker, a request to the system manager, or nothing.
 #include <cstring>
 
 #include "platform/system_manager.h"
@@ -17,7 +17,7 @@ const std::string initiated("\x40\x1e\x00\x03", 4);
 
 class Launch : public ExecutionTest {
   protected:
-    // Puts the request into the table.
+    // Stores the request in the table.
     static void store(const ccCopyEntry &request) {
         add_row(request.ccCopyIndex);
         store_row(request);
@@ -52,7 +52,7 @@ TEST_F(Launch, NetworkCopyIsRecordedBeforeTheWorkerExists) {
     EXPECT_LOGGED(EVTRACE_DEBUG, "start_copy : Created the process to copy with pid = 4711\n");
 }
 
-// What becomes of a pair of file types: the rules of the launch, told once more.
+// The result for a pair of file types: the rules of the launch, written a second time.
 struct Expected {
     enum { fork, system_manager, nothing, refused } way;
     int32_t status;
@@ -218,7 +218,7 @@ TEST_F(Launch, WorkerStillRunning) {
     store(*request);
     child_copy_running = 1;
     EXPECT_EQ(validate_n_start_copy(request.get(), ROW_STATUS_ACTIVE), SNMP_ERR_GENERR);
-    // written before the worker was looked at
+    // written before the fork was checked
     EXPECT_EQ(stored_row(index_of_row).ccCopyState, COPY_STATE_RUNNING);
     EXPECT_LOGGED(EVTRACE_ERROR, "start_copy: child process is still running\n");
     EXPECT_EQ(start_copy(request.get()), CCERR_FAILED);
@@ -337,7 +337,7 @@ TEST_F(LaunchBySet, RefusedServer) {
     EXPECT_EQ(octets_of_stored_row(), before);
 }
 
-// The stored row goes on running, whatever became of the request itself.
+// The stored row stays running, whatever happens to the request.
 TEST_F(LaunchBySet, SavedCopyThatEndsAtOnce) {
     const auto request = copy_request(COPY_FILE_RUNNING, COPY_FILE_STARTUP);
     store(*request);

@@ -1,4 +1,4 @@
-// What requests leave behind: nothing that a manager sends grows memory for ever.
+// Memory use: no SET that a manager sends makes memory grow for ever.
 #include "tests/unit/fakes/fake_agent.h"
 #include "tests/unit/fakes/fake_evtrace.h"
 #include "tests/unit/fakes/fake_fabric.h"
@@ -19,7 +19,7 @@ Varbind row_status(int32_t value, oid index) {
     return {CC_COLUMN_ENTRY_ROW_STATUS, index, integer(value)};
 }
 
-// The same with one sub-identifier too many: the last one still names the row.
+// The same with one sub-identifier too many; the last one still identifies the row.
 Varbind long_row_status(int32_t value, oid index) {
     return {CC_COLUMN_ENTRY_ROW_STATUS, index, integer(value), {7}};
 }
@@ -50,11 +50,11 @@ class Memory : public LoadedModuleTest {
         return indexes;
     }
     static int status_of(const std::vector<Varbind> &varbinds) { return set(varbinds).status; }
-    // A row that waits, whose activation is refused in ACTION.
+    // A waiting row whose activation ACTION refuses.
     static void create(oid index) {
         ASSERT_EQ(status_of({row_status(ROW_STATUS_CREATE_AND_WAIT, index)}), 0);
     }
-    // The copy stays in the undo list, as the SET is given up before its ACTION.
+    // The copy stays in the undo list, because the SET is abandoned before ACTION.
     static void leave_copy(oid index) {
         ASSERT_EQ(status_of({row_status(ROW_STATUS_DESTROY, index), refused_in_reserve2()}),
                   SNMP_ERR_NOSUCHNAME);
@@ -92,14 +92,15 @@ TEST_F(Memory, PassThatEmptiesTheTableLeavesNoCopy) {
     EXPECT_EQ(fake_memory.blocks(), 0U);
 }
 
-// Without a row no pass comes, so the next row does it: whatever status makes it.
+// Without a row there is no age-out pass, so the next row drops the copies, whatever status creates
+// it.
 class FirstRow : public Memory, public ::testing::WithParamInterface<int32_t> {};
 
 TEST_P(FirstRow, MeetsNoOlderCopy) {
     leave_orphan(3);
     ASSERT_EQ(copies(), std::vector<int32_t>{3});
     ASSERT_TRUE(fake_agent.alarms.empty());
-    // Of the same index: the older copy would keep a row whose createAndGo is undone.
+    // Same index: the older copy would keep the row of a createAndGo that is undone.
     set({row_status(GetParam(), 3)});
     EXPECT_EQ(copies(), std::vector<int32_t>{});
     EXPECT_EQ(row_exists(3), GetParam() != ROW_STATUS_CREATE_AND_GO);
@@ -124,7 +125,7 @@ TEST_F(Memory, LaterRowLeavesTheCopiesToThePass) {
     EXPECT_EQ(copies(), std::vector<int32_t>{3});
 }
 
-// One SET activates a row and destroys it again: UNDO finds the copy of the activation, and no row.
+// One SET activates a row and destroys it again: UNDO finds the copy of the activation, but no row.
 TEST_F(Memory, UndoneActivationOfARowThatIsGoneFreesItsCopy) {
     create(3);
     ASSERT_EQ(status_of({row_status(ROW_STATUS_ACTIVE, 3), long_row_status(ROW_STATUS_DESTROY, 3)}),
@@ -134,7 +135,7 @@ TEST_F(Memory, UndoneActivationOfARowThatIsGoneFreesItsCopy) {
     EXPECT_EQ(fake_memory.blocks(), 0U);
 }
 
-// A save to the fabric that fails again and again, from the same row.
+// A save to the fabric that fails repeatedly, from the same row.
 TEST_F(Memory, ErrorsOfACopyThatFailsAgain) {
     fake_fabric.scripted = true;
     fake_fabric.switches = {{{0x20}, false, {INET_ADDRESS_IPV4, {10, 0, 0, 1}}, "first"},
@@ -162,9 +163,9 @@ TEST_F(Memory, ErrorsOfACopyThatFailsAgain) {
 
 // --- everything that a manager may write to the row status, in every order
 
-// SETs of up to three variables of one row or two: of every status, through OIDs that fit and that
-// are too long, and with what is refused in RESERVE1, RESERVE2 and ACTION. Only rows outlive a
-// pass, with one copy at most of each, and they age out.
+// SETs of up to three variables of one or two rows: with every status, with OIDs that fit or are
+// too long, and with values refused in RESERVE1, RESERVE2 or ACTION. After a pass only the rows are
+// left, with at most one copy each, and they age out.
 class EverySet : public Memory, public ::testing::WithParamInterface<std::size_t> {
   protected:
     static constexpr std::array statuses = {ROW_STATUS_ACTIVE, ROW_STATUS_CREATE_AND_GO,
@@ -179,10 +180,10 @@ class EverySet : public Memory, public ::testing::WithParamInterface<std::size_t
                 all.push_back(long_row_status(status, one));
             }
         }
-        // With the defaults every activation is refused in ACTION.
-        // succeeds and starts nothing
+        // With the defaults every activation is refused in ACTION. This one succeeds and starts
+        // nothing.
         all.push_back({source_type, index, integer(99)});
-        // leaves a createAndGo to be completed
+        // This leaves a createAndGo to be completed.
         all.push_back({dest_type, index, integer(COPY_FILE_RUNNING)});
         all.push_back({protocol, index, integer(COPY_PROTO_RCP)}); // refused in RESERVE1
         all.push_back(refused_in_reserve2());
@@ -199,7 +200,7 @@ class EverySet : public Memory, public ::testing::WithParamInterface<std::size_t
 };
 
 TEST_P(EverySet, LeavesNothingBehind) {
-    constexpr oid anchor = 1000000; // keeps the table, so that only passes drop copies
+    constexpr oid anchor = 1000000; // keeps the table in existence, so that only passes drop copies
     oid index = 1;
     const std::size_t count = candidates(index).size();
     for (std::size_t second = 0; second < count; ++second) {

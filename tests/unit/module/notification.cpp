@@ -33,7 +33,7 @@ class Notification : public ModuleTest {
         netsnmp_variable_list *list = build_notification(&record, name, &length);
         EXPECT_EQ(length, 13U);
         EXPECT_EQ(Oid(name, name + 13), notification);
-        EXPECT_EQ(name[13], 0U); // nothing is written behind it
+        EXPECT_EQ(name[13], 0U); // nothing is written after it
         return taken_bindings(list);
     }
 };
@@ -77,13 +77,13 @@ TEST_F(Notification, Ipv6Server) {
     EXPECT_EQ(build(*ended_copy("2001:db8::17")), ipv6);
 }
 
-// The octets of an IPv6 address do not show behind an IPv4 address.
+// The octets of an IPv6 address must not show after an IPv4 address.
 TEST_F(Notification, Ipv4AfterIpv6) {
     build(*ended_copy("2001:db8::17"));
     EXPECT_EQ(build(*ended_copy("10.1.1.1")), ipv4);
 }
 
-// The text decides, not the column with the address type.
+// The text counts, not the column with the address type.
 TEST_F(Notification, AddressTypeColumnDecidesNothing) {
     const auto record = ended_copy("10.1.1.1");
     record->ccCopyServerAddressType = INET_ADDRESS_IPV6;
@@ -92,7 +92,7 @@ TEST_F(Notification, AddressTypeColumnDecidesNothing) {
     EXPECT_EQ(build(*record), expected);
 }
 
-// What the last address that could be read was decides.
+// The last address that could be parsed counts.
 TEST_F(Notification, UnreadableServerKeepsTheLastAddress) {
     for (const char *text : {"no address", "", "10.1.1", "10.1.1.1.1"}) {
         build(*ended_copy("10.1.1.1"));
@@ -110,7 +110,7 @@ class FreshNotification : public Notification {
     }
 };
 
-// In a process of its own: no address was ever read in it.
+// In a process of its own, in which no address has been parsed yet.
 TEST_F(FreshNotification, UnreadableServerWithoutALastAddress) {
     EXPECT_EXIT(
         {
@@ -136,7 +136,7 @@ TEST_F(Notification, IndexOfEachRow) {
     }
 }
 
-// The OID may fill its buffer.
+// The OID may be as long as its buffer.
 TEST_F(Notification, OidBufferOfItsSize) {
     const auto name = std::make_unique<oid[]>(CC_NOTIFICATION_OID_LENGTH);
     const auto length = std::make_unique<uint32_t>(0);
@@ -160,7 +160,7 @@ TEST_F(Notification, TimesBeforeAgentsStart) {
         std::string::npos);
 }
 
-// What a GET reads, whatever the uptime: around the ends of 31 and of 32 bits, and far behind them.
+// The value of a GET, whatever the uptime: near the ends of 31 and of 32 bits, and far beyond.
 TEST_F(Notification, TimesAreThoseOfAGet) {
     add_row(index_of_row);
     constexpr int64_t day = 8640000;
@@ -190,7 +190,7 @@ TEST_F(Notification, TimesAreThoseOfAGet) {
     }
 }
 
-// Deliberate: unlike a GET, which reads 0.
+// Deliberate: a GET reads 0 instead.
 TEST_F(Notification, TimesLongBeforeAgentsStart) {
     const auto record = ended_copy("10.1.1.1");
     fake_agent.start_seconds = TimeFake::start + 21474837; // 31 bits of ticks and 52 more
@@ -215,7 +215,7 @@ TEST_F(Notification, FileNameOfTheFullWidth) {
     EXPECT_EQ(build(*record)[2].value.size(), std::size_t{2 * CC_FILE_NAME_SIZE});
 }
 
-// The credentials do not show, not even through fields that they fill.
+// The credentials do not show, even when they fill their fields.
 TEST_F(Notification, CredentialsDoNotShow) {
     const auto record = ended_copy("10.1.1.1");
     put_full_credentials(*record);

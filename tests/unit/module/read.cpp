@@ -18,7 +18,7 @@ std::string word(int32_t value) {
     return std::string(reinterpret_cast<const char *>(&value), sizeof value);
 }
 
-// The value of a column of row 5; "none" when there is none.
+// The value of a column of row 5, or "none".
 std::string value_of(oid column) {
     const std::optional<Answer> answer = get(copy_column(column), copy_instance(column, 5));
     if (!answer) {
@@ -34,7 +34,7 @@ Oid prefix_with(std::initializer_list<oid> rest) {
     return name;
 }
 
-// Index of the row that a GETNEXT of the protocol answers with; -1 when there is none.
+// Index of the row that a GETNEXT of the protocol returns, or -1.
 long next_index(const Oid &name) {
     const std::optional<Answer> answer = get_next(copy_column(2), name);
     if (!answer) {
@@ -99,7 +99,7 @@ TEST_F(Read, TimesBeforeTheAgentsStartAreZero) {
     EXPECT_EQ(value_of(12), word(1));
 }
 
-// Uptimes around the ends of 31 and of 32 bits, at 248.55 and 497.1 days.
+// Uptimes near the ends of 31 and of 32 bits, at 248.55 and 497.1 days.
 TEST_F(Read, TimesOfALongUptime) {
     add_row(5);
     fake_agent.start_seconds = -1000000000;

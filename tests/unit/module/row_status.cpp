@@ -33,7 +33,7 @@ class RowStatus : public LoadedModuleTest {
         return keyedset_find(&ccCopyUndoList, &key) != nullptr;
     }
 
-    // A row that is a network copy without server and file name, so that its activation is refused.
+    // A network copy without server and file name, so its activation is refused.
     static void add(int32_t index = 5) {
         add_row(index);
         fake_evtrace.clear();
@@ -59,7 +59,7 @@ class RowStatus : public LoadedModuleTest {
     }
 };
 
-// --- RESERVE1 ---
+// --- RESERVE1
 
 TEST_F(RowStatus, WrongType) {
     for (int type = 0; type <= 255; ++type) {
@@ -150,7 +150,7 @@ TEST_P(Creation, WithoutMemory) {
     EXPECT_FALSE(row_exists(5));
 }
 
-// The leak checker sees a record that is not released.
+// The leak checker detects a record that is not freed.
 TEST_P(Creation, ThatTheTableRefuses) {
     fake_keyedset.next_add = nullptr;
     EXPECT_EQ(status_request(GetParam()).run(reserve1), SNMP_ERR_GENERR);
@@ -160,7 +160,7 @@ TEST_P(Creation, ThatTheTableRefuses) {
 
 TEST_P(Creation, WhoseStatusCannotBeStored) {
     add(9);
-    // The second search after the one for the row itself is the one for its update.
+    // The first search is for the row itself, the second for its update.
     fake_keyedset.fail_find(&ccCopyTable, 3);
     EXPECT_EQ(status_request(GetParam()).run(reserve1), SNMP_ERR_GENERR);
     EXPECT_LOGGED(EVTRACE_ERROR, log_text(" : Setting a new entry (index = 5) failed\n"));
@@ -265,7 +265,7 @@ TEST_F(RowStatus, NoMemoryForTheCopyOfTheRow) {
     EXPECT_EQ(stored_row(5).ccCopyEntryRowStatus, ROW_STATUS_NOT_READY);
 }
 
-// The leak checker sees a copy that is not freed.
+// The leak checker detects a copy that is not freed.
 TEST_F(RowStatus, UndoListThatRefusesTheCopy) {
     add();
     fake_keyedset.next_add = nullptr;
@@ -278,14 +278,14 @@ TEST_F(RowStatus, StatusOfAnExistingRowThatCannotBeStored) {
     add();
     Request request = status_request(ROW_STATUS_DESTROY);
     ASSERT_EQ(request.run(6), SNMP_ERR_NOTWRITABLE);
-    // One search is the agent's, ahead of the handler.
+    // The agent makes one search before it calls the handler.
     fake_keyedset.fail_find(&ccCopyTable, 3);
     EXPECT_EQ(request.run(reserve1), SNMP_ERR_GENERR);
     EXPECT_LOGGED(EVTRACE_ERROR, log_text(" : Setting a new entry (index = 5) failed\n"));
     EXPECT_TRUE(row_exists(5));
 }
 
-// --- RESERVE2 ---
+// --- RESERVE2
 
 TEST_F(RowStatus, Reserve2MarksTheRowAndTheReadersBuffer) {
     add();
@@ -312,7 +312,7 @@ TEST_F(RowStatus, Reserve2WithoutARow) {
     EXPECT_FALSE(row_exists(5));
 }
 
-// --- ACTION ---
+// --- ACTION
 
 TEST_F(RowStatus, ActionWithoutARow) {
     for (const long value : {1L, 4L, 5L}) {
@@ -368,7 +368,7 @@ TEST_F(RowStatus, IncompleteActivationIsRefused) {
     ASSERT_EQ(request.run(reserve1), 0);
     ASSERT_EQ(request.run(reserve2), 0);
     EXPECT_EQ(request.run(action), SNMP_ERR_INCONSISTENTVALUE);
-    EXPECT_EQ(stored_row(5).ccCopyEntryRowStatus, ROW_STATUS_ACTIVE); // UNDO puts it back
+    EXPECT_EQ(stored_row(5).ccCopyEntryRowStatus, ROW_STATUS_ACTIVE); // UNDO restores it
     EXPECT_EQ(request.run(undo), 0);
     EXPECT_EQ(stored_row(5).ccCopyEntryRowStatus, ROW_STATUS_NOT_READY);
     EXPECT_EQ(stored_row(5).reserve2_seen, 0);
@@ -376,7 +376,7 @@ TEST_F(RowStatus, IncompleteActivationIsRefused) {
 }
 
 TEST_F(RowStatus, IncompleteCreateAndGoLeavesARowThatIsNotReady) {
-    // The defaults are a copy from the network to startup: the destination is put right ahead of
+    // The default is a copy from the network to startup, so the destination is corrected before
     // ACTION.
     Request request = status_request(ROW_STATUS_CREATE_AND_GO);
     ASSERT_EQ(request.run(reserve1), 0);
@@ -390,7 +390,7 @@ TEST_F(RowStatus, IncompleteCreateAndGoLeavesARowThatIsNotReady) {
     EXPECT_EQ(stored_row(5).ccCopyState, COPY_STATE_WAITING);
 }
 
-// --- COMMIT ---
+// --- COMMIT
 
 TEST_F(RowStatus, CommitDropsTheCopyOfItsRowOnly) {
     add();
@@ -418,7 +418,7 @@ TEST_F(RowStatus, CommitNeedsAnInstanceOfExactLength) {
     EXPECT_TRUE(saved());
 }
 
-// --- FREE ---
+// --- FREE
 
 TEST_F(RowStatus, FreeDeletesTheRowThatTheTransactionCreated) {
     for (const long value : {4L, 5L}) {
@@ -454,7 +454,7 @@ TEST_F(RowStatus, FreeKeepsTheCopyOfAnActiveOrDestroyRequest) {
         EXPECT_EQ(request.run(free_phase), 0);
         EXPECT_TRUE(saved());
         EXPECT_EQ(stored_row(5).ccCopyEntryRowStatus, value);
-        // The copy that is left refuses the next one.
+        // The copy that was left makes the next one fail.
         EXPECT_EQ(status_request(ROW_STATUS_DESTROY).run(reserve1), SNMP_ERR_GENERR);
         EXPECT_LOGGED(EVTRACE_ERROR, log_text(" : Adding undolist failed\n"));
         cc_undo_clear();
@@ -468,7 +468,7 @@ TEST_F(RowStatus, FreeOfARefusedCreateAndWait) {
     ASSERT_EQ(request.run(reserve1), SNMP_ERR_INCONSISTENTVALUE);
     EXPECT_EQ(request.run(free_phase), 0);
     EXPECT_EQ(stored_row(5).ccCopyEntryRowStatus, ROW_STATUS_NOT_READY);
-    EXPECT_TRUE(saved()); // the row's status is neither of the two, so nothing was looked at
+    EXPECT_TRUE(saved()); // the row's status is neither of the two, so nothing was checked
 }
 
 TEST_F(RowStatus, FreeDropsTheCopyOfARowThatIsStillBeingCreated) {
@@ -503,7 +503,7 @@ TEST_F(RowStatus, FreeWithoutARow) {
     EXPECT_FALSE(saved());
 }
 
-// --- UNDO ---
+// --- UNDO
 
 TEST_F(RowStatus, UndoOfAnActivationPutsTheRowBack) {
     add();
@@ -602,7 +602,7 @@ TEST_F(RowStatus, UnknownPhase) {
     EXPECT_FALSE(row_exists(5));
 }
 
-// --- trace ---
+// --- trace
 
 class RowStatusTrace : public Traced<RowStatus> {
   protected:

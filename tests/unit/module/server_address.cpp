@@ -57,7 +57,7 @@ Captured captured(const Target &target, int phase, const Value &value) {
     return {status, output, ::testing::internal::GetCapturedStderr()};
 }
 
-// Puts the row into the state before a test: the address 192.0.2.9 as IPv4.
+// Sets the row's state before a test: the IPv4 address 192.0.2.9.
 void add(int32_t row_status = ROW_STATUS_NOT_READY) {
     add_row(5, row_status);
     ccCopyEntry row = stored_row(5);
@@ -144,7 +144,7 @@ TEST_P(AnyAddressColumn, FreeWithoutASavedValueDoesNothing) {
     EXPECT_EQ(address(), "192.0.2.9");
 }
 
-// Also a value that is refused clears the flag of the SET before.
+// A refused value also clears the flag of the previous SET.
 TEST_P(AnyAddressColumn, RefusedValueClearsTheSavedFlag) {
     add();
     ASSERT_EQ(target.run(reserve1), 0);
@@ -189,7 +189,7 @@ INSTANTIATE_TEST_SUITE_P(ServerAddress, AnyAddressColumn,
 
 using ServerAddress = ModuleTest;
 
-// --- ccCopyServerAddressType ---
+// --- ccCopyServerAddressType
 
 TEST_F(ServerAddress, TypeValues) {
     for (int32_t value = -1; value <= 20; ++value) {
@@ -219,7 +219,7 @@ TEST_F(ServerAddress, TypeOfTheWrongKind) {
     }
 }
 
-// The message shows the value that is stored, however short its length was said to be.
+// The message shows the stored value, however short the announced length.
 TEST_F(ServerAddress, TypeThatIsLoggedIsTheOneThatIsStored) {
     add();
     for (const std::size_t length : {std::size_t{0}, std::size_t{1}, std::size_t{2}, std::size_t{3},
@@ -241,7 +241,8 @@ TEST_F(ServerAddress, TypeThatIsLoggedIsTheOneThatIsStored) {
     }
 }
 
-// What is no INTEGER of a fitting length shows as far as it goes, and no octet behind it is read.
+// A value that is not an INTEGER of a valid length is shown as far as it goes, and no octet after
+// it is read.
 TEST_F(ServerAddress, TypeThatIsRefusedIsLoggedAsFarAsItGoes) {
     const auto logged = [](const Value &value) {
         fake_evtrace.clear();
@@ -277,12 +278,12 @@ TEST_F(ServerAddress, RefusedTypeIsRestoredByFree) {
     ASSERT_EQ(type_column.run(reserve1), 0);
     ASSERT_EQ(type_column.run(reserve2), SNMP_ERR_INCONSISTENTVALUE);
     EXPECT_EQ(type(), 1);
-    set_type(0); // tells whether FREE writes the saved type
+    set_type(0); // shows whether FREE writes the saved type
     EXPECT_EQ(type_column.run(free_phase), 0);
     EXPECT_EQ(type(), 1);
 }
 
-// --- ccCopyServerAddressRev1 ---
+// --- ccCopyServerAddressRev1
 
 TEST_F(ServerAddress, Rev1OfTheWrongKind) {
     const Captured wrong = captured(rev1_column, reserve1, integer(1));
@@ -325,8 +326,7 @@ TEST_F(ServerAddress, Rev1AsIpv6) {
     EXPECT_LOGGED(EVTRACE_DEBUG, "set_ccCopyServerAddressRev1 : Server Address: 2001:db8::7\n");
 }
 
-// The value stands in a block of exactly its length: the address sanitizer sees an octet that is
-// read behind it.
+// The value is in a block of exactly its length, so the address sanitizer detects a read past it.
 TEST_F(ServerAddress, Rev1TakesWhatTheValueHas) {
     add();
     for (const auto &[type_now, octets, text] :
@@ -384,7 +384,7 @@ TEST_F(ServerAddress, Rev1RowsShareOneSavedValue) {
     EXPECT_EQ(text_of(stored_row(6).ccCopyServerAddressRev1), "192.0.2.66");
 }
 
-// --- ccCopyServerAddress ---
+// --- ccCopyServerAddress
 
 TEST_F(ServerAddress, LegacyOfTheWrongKind) {
     const Captured wrong = captured(legacy_column, reserve1, octet_string(ipv4_octets));

@@ -132,7 +132,7 @@ TEST_F(Store, FirstInsertionTakesAnyResultLaterOnesOnlyTheRecord) {
     fake_keyedset.next_add = &other;
     EXPECT_EQ(addCcCopyEntry(row), 0U);
     EXPECT_EQ(fake_agent.alarms.size(), 1U);
-    // The container refused the record behind the store's back: the alarm runs without a row.
+    // The container refused the record without the store noticing, so the alarm runs without a row.
     snmp_alarm_unregister(ageouttimer);
 
     add_row(1);
@@ -250,7 +250,7 @@ TEST_F(Store, FirstRowOfAStateIsTheOneWithTheLowestIndex) {
     set_state(9, COPY_STATE_RUNNING);
     set_state(4, COPY_STATE_RUNNING);
     ccCopyEntry found{};
-    found.ccCopyIndex = 8; // the walk begins at the first row all the same
+    found.ccCopyIndex = 8; // the walk starts at the first row anyway
     EXPECT_EQ(get_config_entry_with_status(COPY_STATE_RUNNING, &found), 0U);
     EXPECT_EQ(found.ccCopyIndex, 4);
 }

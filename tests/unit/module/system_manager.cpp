@@ -1,4 +1,4 @@
-// Copies that the system manager makes: the start request and its answer, and the abort.
+// Copies made by the system manager: the start request, its answer, and the abort.
 #include <cerrno>
 #include <cstring>
 #include <unistd.h>
@@ -22,7 +22,7 @@ constexpr uint32_t answer_opcode = MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION;
 
 class SystemManager : public ModuleTest {
   protected:
-    // A request in the table, running as the launch leaves it.
+    // A request in the table in the running state that the launch leaves.
     static std::unique_ptr<ccCopyEntry> running_request(int32_t dest,
                                                         int32_t source = COPY_FILE_RUNNING) {
         auto record = copy_request(source, dest);
@@ -42,7 +42,7 @@ class SystemManager : public ModuleTest {
         ASSERT_NE(cfg_action_request, nullptr);
         fake_msgbus.release(std::exchange(cfg_action_request, nullptr));
     }
-    // The payload of the start request that this destination, user and session make.
+    // The payload of the start request for this destination, user and session.
     static std::string payload_of(int32_t dest, const std::string &user,
                                   const std::string &session) {
         fake_agent_extension.user = user;
@@ -105,7 +105,7 @@ TEST_F(SystemManager, NoUserAndNoSession) {
     EXPECT_EQ(hex(payload.data(), payload.size()), hex(expected.data(), expected.size()));
 }
 
-// A '%' is a conversion, and a harmless one.
+// A '%' is a conversion, but a harmless one.
 TEST_F(SystemManager, PercentSignInUserAndSession) {
     EXPECT_EQ(sent_user("100%%"), "100%");
     EXPECT_EQ(sent_user("a%%b%%%%c"), "a%b%%c");
@@ -118,7 +118,7 @@ class HostileName : public SystemManager, public ::testing::WithParamInterface<c
 TEST_P(HostileName, DoesNoHarm) {
     const std::string payload = payload_of(COPY_FILE_FABRIC_STARTUP, GetParam(), GetParam());
     ASSERT_EQ(payload.size(), 140U);
-    // Both texts end inside their fields, and nothing beside them changes.
+    // Both texts end inside their fields, and nothing else changes.
     for (const std::size_t at : {44U, 76U}) {
         EXPECT_NE(payload.substr(at, 32).find('\0'), std::string::npos);
     }
@@ -138,7 +138,7 @@ INSTANTIATE_TEST_SUITE_P(
 // --- no answer
 
 TEST_F(SystemManager, RequestThatCannotBeSent) {
-    // a request of an earlier exchange, which ended without a word
+    // a request of an earlier exchange that ended without an answer
     for (const bool kept : {false, true}) {
         fake_msgbus.send_errors = {ECONNREFUSED};
         cfg_action_request = kept ? fake_msgbus.make(answer_opcode, "") : nullptr;
@@ -299,7 +299,7 @@ TEST_F(SystemManager, RefusedCopyOfARowThatIsGone) {
     journal.take();
 }
 
-// An answer that carries no status word is no answer that says "done".
+// An answer without a status word does not mean "done".
 TEST_F(SystemManager, AnswerWithoutAStatus) {
     fake_msgbus.answers = {{0, answer_opcode, ""}};
     const auto record = running_request(COPY_FILE_STARTUP);
@@ -340,24 +340,24 @@ TEST_F(SystemManager, AgentsDebugFileGetsStateAndSilence) {
     journal.take();
 }
 
-// A request may be kept still when its row is gone, for example aged out after its destruction was
-// asked and abandoned.
+// A request may still be kept after its row has gone, for example if the row aged out after an
+// abandoned destroy.
 TEST_F(SystemManager, NextRequestReplacesOneThatIsKeptStill) {
     cfg_action_request = fake_msgbus.make(answer_opcode, "");
     fake_msgbus.answers = {{0, answer_opcode, initiated}};
     EXPECT_EQ(do_cp_runningtostartup(running_request(COPY_FILE_STARTUP).get()), 0U);
-    // the former request dropped; sent, received, answer dropped
+    // the previous request dropped; sent, received, answer dropped
     ASSERT_EQ(journal.take().size(), 4U);
     ASSERT_NE(cfg_action_request, nullptr);
     EXPECT_EQ(msgbus_rr_token_get(cfg_action_request), MsgbusFake::first_token);
-    release_start_request(); // the fake sees a message that is lost
+    release_start_request(); // the fake detects a lost message
 }
 
 // --- abort
 
 class Abort : public SystemManager {
   protected:
-    // Leaves a start request kept, as an initiated copy does.
+    // Leaves a start request in place, as an initiated copy does.
     static std::unique_ptr<ccCopyEntry> initiated_copy(int32_t dest) {
         fake_msgbus.answers = {{0, answer_opcode, initiated}};
         auto record = running_request(dest);
@@ -413,7 +413,7 @@ TEST_F(Abort, OfAnyOtherRowSendsNothing) {
     release_start_request();
 }
 
-// The row still runs when the system manager gave no usable answer and the request was dropped.
+// The row still runs if the system manager gave no usable answer and the request was dropped.
 TEST_F(Abort, WithoutAStartRequest) {
     const auto record = running_request(COPY_FILE_STARTUP);
     ASSERT_EQ(cfg_action_request, nullptr);

@@ -1,5 +1,5 @@
-// The private trace file. Each test that opens it runs in a process of its own, as the module keeps
-// its stream for the life of the process.
+// The private trace file. Each test that opens it runs in a process of its own, because the module
+// keeps its stream for the life of the process.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -29,7 +29,7 @@ bool exists(const std::string &name) {
     return lstat(name.c_str(), &status) == 0;
 }
 
-// Ends the process of a death test: with 0 when nothing failed in it.
+// Ends the process of a death test, with 0 if nothing failed in it.
 [[noreturn]] void end() {
     exit(::testing::Test::HasFailure() ? 1 : 0);
 }
@@ -42,7 +42,7 @@ class Trace : public ModuleTest {
     }
 };
 
-// Runs the function in a fresh process whose standard error must match.
+// Runs the function in a new process, whose standard error must match.
 #define IN_A_FRESH_PROCESS(function, standard_error)                                               \
     EXPECT_EXIT(                                                                                   \
         {                                                                                          \
@@ -69,7 +69,7 @@ void write_two_records() {
     cc_trace("first %d\n", 1);
     const time_t when = 1234567890;
     const std::string stamp = std::string(ctime(&when)).substr(0, 24);
-    EXPECT_EQ(contents(trace_name()), "[" + stamp + "] first 1\n\n"); // there at once
+    EXPECT_EQ(contents(trace_name()), "[" + stamp + "] first 1\n\n"); // written at once
     is_snmp_debug_enabled = -1;
     cc_trace("second");
     EXPECT_EQ(contents(trace_name()), "[" + stamp + "] first 1\n\n[" + stamp + "] second\n");
@@ -166,11 +166,11 @@ TEST_F(Trace, PlantedLinkIsRefused) {
 
 void refuse_what_is_planted() {
     is_snmp_debug_enabled = 1;
-    // A pipe that nobody reads must not hold the agent up.
+    // A pipe without a reader must not block the agent.
     unlink(trace_name().c_str());
     EXPECT_EQ(mkfifo(trace_name().c_str(), 0666), 0);
     cc_trace("text");
-    // A second name of somebody's file.
+    // A second name of another user's file.
     const std::string victim = trace_name() + ".victim";
     unlink(trace_name().c_str());
     std::ofstream(victim) << "untouched";

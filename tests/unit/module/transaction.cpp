@@ -25,7 +25,7 @@ constexpr int action = 2;
 
 class Transaction : public LoadedModuleTest {
   protected:
-    // A row as a manager makes it.
+    // A row as a manager creates it.
     static void create(oid index) {
         ASSERT_EQ(set({{row_status, index, integer(ROW_STATUS_CREATE_AND_WAIT)}}).status, 0);
         ASSERT_EQ(stored_row(static_cast<int32_t>(index)).ccCopyEntryRowStatus,
@@ -129,7 +129,7 @@ TEST_F(Transaction, FailureInReserve1LeavesTheRowThatItMade) {
 }
 
 TEST_F(Transaction, ColumnAheadOfTheCreationFindsTheRow) {
-    // RESERVE1 makes the row, so that every column's RESERVE2 finds it, whatever the order.
+    // RESERVE1 creates the row, so every column's RESERVE2 finds it, in any order.
     const SetResult result = set({{protocol, 5, integer(COPY_PROTO_FTP)},
                                   {row_status, 5, integer(ROW_STATUS_CREATE_AND_WAIT)}});
     EXPECT_EQ(result.status, 0);
@@ -146,7 +146,7 @@ TEST_F(Transaction, FailureInActionUndoesTheRowStatusAlone) {
     EXPECT_EQ(result.failed_phase, action);
     EXPECT_EQ(result.history.back(), "UNDO 14.5");
     EXPECT_EQ(stored_row(5).ccCopyEntryRowStatus, ROW_STATUS_NOT_READY);
-    // a column's value stays once RESERVE2 stored it
+    // a column keeps a value that RESERVE2 has stored
     EXPECT_EQ(stored_row(6).ccCopyProtocol, COPY_PROTO_FTP);
     EXPECT_EQ(keyedset_size(&ccCopyUndoList), 0U);
 }
@@ -205,7 +205,7 @@ TEST_F(Transaction, LegacyAddressOfAFailedSetIsEmptied) {
     EXPECT_EQ(stored_row(5).ccCopyServerAddressType, INET_ADDRESS_IPV4);
 }
 
-// A network copy by TFTP that lacks nothing.
+// A complete network copy by TFTP.
 std::vector<Varbind> complete_copy(oid index) {
     return {{protocol, index, integer(COPY_PROTO_TFTP)},
             {source_type, index, integer(COPY_FILE_RUNNING)},
@@ -228,7 +228,7 @@ TEST_F(Transaction, ActivationStartsTheCopy) {
     EXPECT_EQ(row.ccCopyTimeStarted.tv_sec, 1234567890);
     EXPECT_EQ(keyedset_size(&ccCopyUndoList), 0U);
 
-    // A second one is refused in RESERVE1, and the running row takes no value.
+    // A second request is refused in RESERVE1, and the running row accepts no value.
     create(6);
     EXPECT_EQ(set({{row_status, 6, integer(ROW_STATUS_ACTIVE)}}).status, SNMP_ERR_GENERR);
     EXPECT_EQ(fake_utilities.errors.take().size(), 1U);
@@ -246,8 +246,8 @@ TEST_F(Transaction, CreateAndGoWithEveryColumnStartsTheCopy) {
     EXPECT_EQ(stored_row(5).ccCopyState, COPY_STATE_RUNNING);
 }
 
-// The agent runs ACTION by column too: a row that is activated ahead of a failing one has a running
-// copy, and UNDO puts its row back.
+// The agent also runs ACTION by column. If a row is activated before another one fails, its copy
+// runs although UNDO restores the row.
 TEST_F(Transaction, StartedCopyWhoseSetFails) {
     create(5);
     ASSERT_EQ(set(complete_copy(5)).status, 0);

@@ -18,8 +18,8 @@ class Transfer : public ExecutionTest {
         put_text(record->ccCopySrcFileName, "/data/local.cfg");
         return record;
     }
-    // Runs one transfer; what it wrote to standard error is in errors_, what it called without the
-    // chassis look-up in calls_.
+    // Runs one transfer. Its standard error is then in errors_, and its calls, without the chassis
+    // look-up, in calls_.
     int32_t run(int32_t direction, const std::unique_ptr<ccCopyEntry> &record) {
         char work_dir[256] = "unused";
         fake_evtrace.clear();
@@ -187,8 +187,8 @@ struct Script {
     int32_t protocol;
     int32_t direction;
     const char *command;  // program and arguments
-    const char *announce; // message ahead of it
-    const char *script;   // name in the message behind it
+    const char *announce; // message before it
+    const char *script;   // name in the message after it
     const char *trace;    // line on standard error, up to the status
 };
 
@@ -269,7 +269,7 @@ TEST_P(Scripts, ArgumentsMessagesAndResults) {
     }
 }
 
-// The exit code alone counts, which is 0 for a script that a signal ended.
+// Only the exit code counts; it is 0 for a script that a signal ended.
 TEST_P(Scripts, OnlyBitsEightToFifteenCount) {
     fake_execute.result = 9;
     EXPECT_EQ(run(GetParam().direction, request(GetParam().protocol)), 0);
@@ -277,7 +277,7 @@ TEST_P(Scripts, OnlyBitsEightToFifteenCount) {
     EXPECT_EQ(run(GetParam().direction, request(GetParam().protocol)), 2);
 }
 
-// User name and password fill their fields: neither runs into what follows it.
+// User name and password fill their fields, and neither runs into the next field.
 TEST_P(Scripts, FullCredentials) {
     const Script &script = GetParam();
     const auto record = request(script.protocol);

@@ -1,4 +1,4 @@
-// File transfers within a VRF: the same scripts with one argument more, and TFTP by a program of
+// File transfers within a VRF: the same scripts with one more argument, and TFTP by a program of
 // its own that a shell runs.
 #include <cstdio>
 #include <filesystem>
@@ -25,8 +25,7 @@ class VrfTransfer : public ExecutionTest {
         put_text(record->ccCopyFileName, "b");
         return record;
     }
-    // Runs one transfer; what it wrote to standard error is in errors_, and what it called in
-    // calls_.
+    // Runs one transfer. Its standard error is then in errors_, and its calls in calls_.
     int32_t run(int32_t direction, const std::unique_ptr<ccCopyEntry> &record) {
         char work_dir[256] = "unused";
         fake_evtrace.clear();
@@ -53,7 +52,7 @@ TEST_F(VrfTransfer, VrfOfTheRequest) {
 
 TEST_F(VrfTransfer, ManagementIsTheDefaultVrf) {
     fake_agent_extension.vrf_status = 3;
-    fake_chassis.vrf_id = -1; // passed on as it is
+    fake_chassis.vrf_id = -1; // passed on unchanged
     EXPECT_EQ(run(COPY_UPLOAD, request(COPY_PROTO_TFTP)), 0);
     EXPECT_EQ(
         calls_,
@@ -90,7 +89,7 @@ TEST_F(VrfTransfer, TftpCommand) {
 TEST_F(VrfTransfer, StatusOfTheTftpCommand) {
     for (const int status : {1, 9, 0x100, 0x200, 0x300, 0x400, 127, 127 << 8, 0xff00}) {
         fake_process.system_result = status;
-        fake_process.system_errno = 3; // of no consequence
+        fake_process.system_errno = 3; // has no effect
         EXPECT_EQ(run(COPY_UPLOAD, request(COPY_PROTO_TFTP)), 1) << status;
         EXPECT_EQ(run(COPY_DOWNLOAD, request(COPY_PROTO_TFTP)), 1) << status;
     }
@@ -127,8 +126,8 @@ class Shell : public VrfTransfer, public ::testing::WithParamInterface<std::stri
         std::ofstream("arguments") << "#!/bin/sh\nprintf '%s\\0' \"$@\"\n";
         std::filesystem::permissions("arguments", std::filesystem::perms::owner_all);
     }
-    // The words that a program gets when a shell runs the command with it instead of the transfer
-    // program.
+    // The arguments that a program gets if a shell runs the command with it in place of the
+    // transfer program.
     static Lines words_of(const std::string &command) {
         const std::string program = "/ulmo/bin/brix-tftp ";
         EXPECT_EQ(command.substr(0, program.size()), program);
@@ -268,7 +267,7 @@ TEST_P(VrfScripts, ArgumentsMessagesAndResults) {
         if (script.announce != nullptr) {
             EXPECT_LOGGED(EVTRACE_DEBUG, function + script.announce);
         } else {
-            // program and arguments, the VRF among them or not
+            // program and arguments, with or without the VRF
             EXPECT_EQ(fake_evtrace.history[1].text.find(
                           function + ": executing command: /ulmo/bin/scp.expect "),
                       0U);

@@ -1,4 +1,4 @@
-// The rules that a request must meet before it is started.
+// The conditions that a request must meet before it is started.
 #include "tests/unit/fakes/fake_utilities.h"
 #include "tests/unit/fakes/module_fixture.h"
 
@@ -14,7 +14,7 @@ struct Outcome {
     int32_t valid;
     int32_t error;
     std::vector<uint32_t> recorded;
-    std::vector<std::string> traced; // behind the usual prefix
+    std::vector<std::string> traced; // after the usual prefix
 };
 
 class Validation : public Traced<ModuleTest> {
@@ -68,8 +68,8 @@ class Validation : public Traced<ModuleTest> {
         EXPECT_EQ(row.ccCopyEntryRowStatus, ROW_STATUS_CREATE_AND_GO);
     }
 
-    // The row breaks exactly one of the rules for network copies: as an activation it is refused,
-    // as a createAndGo it is made notReady.
+    // The row violates exactly one of the rules for network copies. An activation is refused; a
+    // createAndGo becomes notReady.
     void expect_incomplete(const std::string &text, int32_t fail_cause = COPY_FAIL_GENERAL) {
         row.ccCopyEntryRowStatus = ROW_STATUS_CREATE_AND_GO;
         const ccCopyEntry before = row;
@@ -104,7 +104,7 @@ std::string same_text(int32_t type) {
     return " : Both source (=" + number + ") and destination (=" + number + ") cannot be same  ";
 }
 
-// What every pair of file types gives, all other fields being set.
+// The result for every pair of file types, with all other fields set.
 TEST_F(Validation, EveryPairOfFileTypes) {
     for (int32_t source = 0; source <= 8; ++source) {
         for (int32_t dest = 0; dest <= 8; ++dest) {
@@ -201,7 +201,7 @@ TEST_F(Validation, LastBrokenRuleDecides) {
     Outcome outcome = validate(ROW_STATUS_ACTIVE);
     EXPECT_EQ(outcome.error, SNMP_ERR_INCONSISTENTVALUE);
     EXPECT_EQ(outcome.traced, texts);
-    // A createAndGo leaves the error of the file types.
+    // A createAndGo keeps the error about the file types.
     row = before;
     outcome = validate(ROW_STATUS_CREATE_AND_GO);
     EXPECT_EQ(outcome.valid, 0);

@@ -1,5 +1,5 @@
-// The worker: what it does with files, shell and system manager for each kind of copy, and the one
-// status that it reports.
+// The worker: its use of files, shell and system manager for each kind of copy, and the one status
+// that it reports.
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
@@ -28,7 +28,7 @@ class Worker : public ExecutionTest {
         fake_tftp.remote_file = "hostname remote\n";
         fake_execute.output = "hostname running\n";
     }
-    // Runs the worker's body; what it wrote to standard error is in errors_.
+    // Runs the worker's body. Its standard error is then in errors_.
     void run(const std::unique_ptr<ccCopyEntry> &request) {
         ::testing::internal::CaptureStderr();
         copy_function(request.get());
@@ -42,7 +42,7 @@ class Worker : public ExecutionTest {
 struct Name {
     const char *name;
     const char *base;
-    const char *directory; // null: no line about it
+    const char *directory; // null: no line about a directory
 };
 
 class SplitName : public Worker, public ::testing::WithParamInterface<Name> {};
@@ -167,7 +167,7 @@ TEST_F(Worker, DownloadToRunning) {
                            "\ncopy_function : Return from cmdshell_execute_cfg_file2 is 0\n");
 }
 
-// All octets of the shell's parameter block but the two names are zero.
+// All octets of the shell's parameter block except the two names are zero.
 std::string parameter_block(const std::string &file) {
     std::string block(1044, '\0');
     block.replace(4, std::min<std::size_t>(file.size(), 128), file, 0, 128);
@@ -251,7 +251,7 @@ TEST_F(Worker, DownloadToAnotherDestinationEndsThere) {
     EXPECT_EQ(files(), Lines{"remote.cfg"});
 }
 
-// A network source decides, whatever the destination.
+// If the source is the network, the worker downloads, whatever the destination.
 TEST_F(Worker, NetworkToNetworkDownloads) {
     run(copy_request(COPY_FILE_NETWORK, COPY_FILE_NETWORK));
     EXPECT_EQ(journal.take(), (connected + Lines{"tftp get dir/remote.cfg remote.cfg 0 default"}) +
@@ -303,7 +303,7 @@ TEST_F(Worker, UploadWithoutAnEndpointTellsTheShellNothing) {
     fake_msgbus.bind_errors = {ENOENT};
     run(copy_request(COPY_FILE_RUNNING, COPY_FILE_NETWORK));
     Lines calls = journal.take();
-    std::erase(calls, "unbind -1 0"); // whether it is given back is of no consequence
+    std::erase(calls, "unbind -1 0"); // whether it is closed does not matter
     EXPECT_EQ(calls,
               (Lines{shell_endpoint + "-1",
                      "execute -1 fd -1 /ulmo/bin/cmdshell [-c] [show running-config] default"} +
@@ -356,7 +356,7 @@ TEST_F(Worker, FailedUpload) {
         EXPECT_TRUE(calls[calls.size() - 2].ends_with(" fe000000 28 10273 " + status_word(4)))
             << calls[calls.size() - 2];
         EXPECT_EQ(fake_tftp.uploaded, "hostname running\n");
-        EXPECT_EQ(files(), Lines{}); // the dump goes, successful or not
+        EXPECT_EQ(files(), Lines{}); // the dump is removed, successful or not
         EXPECT_LOGGED(EVTRACE_ERROR, "copy_function : Upload to n/w failed with code = 4 \n");
         EXPECT_NOT_LOGGED(EVTRACE_DEBUG, "copy_function : Copying done with SUCCESS\n");
     }
@@ -371,7 +371,7 @@ TEST_F(Worker, DumpIsClosedBeforeTheUpload) {
         }
         looked = true;
         for (const auto &descriptor : std::filesystem::directory_iterator("/proc/self/fd")) {
-            std::error_code gone; // the descriptor of this very look
+            std::error_code gone; // the descriptor used for this check
             EXPECT_NE(std::filesystem::read_symlink(descriptor, gone), path("remote.cfg"));
         }
     };
@@ -380,7 +380,7 @@ TEST_F(Worker, DumpIsClosedBeforeTheUpload) {
     journal.take();
 }
 
-// The dump is written whole over what stood under its name before.
+// The dump replaces any file that had its name before.
 TEST_F(Worker, SpaceOfTheDumpIsGivenBackAfterTheReport) {
     run(copy_request(COPY_FILE_RUNNING, COPY_FILE_NETWORK));
     EXPECT_EQ(files(), Lines{});

@@ -1,4 +1,5 @@
-// Transfers that fail: the results, what the server is told, and that nothing is left behind.
+// Failing transfers: their results, the error that the server receives, and that nothing is left
+// behind.
 #include "tests/unit/own_mounts.h"
 #include "tests/unit/superuser.h"
 #include "tests/unit/test_clock.h"
@@ -32,7 +33,7 @@ std::string full_block() {
     return std::string(block, 'x');
 }
 
-// Reads the error that the client sends, past its acknowledgments.
+// Returns the error code that the client sends, skipping its acknowledgments.
 std::optional<unsigned> error_told(Dialogue &dialogue) {
     while (const auto packet = dialogue.receive()) {
         if (opcode_of(*packet) == 5) {
@@ -91,7 +92,7 @@ TEST_F(TftpTest, SilentServerTimesOut) {
     EXPECT_EQ(clock.passed(), 1s);
     EXPECT_EQ(entries(), 0U);
     server.stop();
-    EXPECT_GE(server.requests().size(), 2U); // repeated, with growing waits
+    EXPECT_GE(server.requests().size(), 2U); // repeated, at growing intervals
     EXPECT_LE(server.requests().size(), 4U);
     EXPECT_EQ(session.text(-210), "Connection timed out");
 }
@@ -117,13 +118,13 @@ TEST_F(TftpTest, ServerThatFallsSilentTimesOut) {
         given_up = true;
         given_up.notify_all();
         server.stop();
-        EXPECT_GE(heard, 2U); // repeated, with growing waits
+        EXPECT_GE(heard, 2U); // repeated, at growing intervals
         EXPECT_LE(heard, 4U);
     }
     EXPECT_EQ(entries(), 1U);
 }
 
-// Packets that bring the transfer no step forward do not keep it alive.
+// Packets without progress do not keep the transfer alive.
 TEST_F(TftpTest, ServerThatOnlyRepeatsItselfTimesOut) {
     host_test::TestClock clock;
     session.set_timeout(1);
@@ -167,7 +168,7 @@ TEST_F(TftpTest, ServerThatEndsInTheCourseOfATransfer) {
               system_result(ECONNREFUSED));
 }
 
-// The server's reason counts, although the report about its closed port comes ahead of it.
+// The server's reason counts, although the report about its closed port arrives first.
 TEST_F(TftpTest, LastWordsOfAServerThatClosesItsPort) {
     TestServer server([](Dialogue &dialogue) {
         dialogue.send(ack(0));
@@ -177,7 +178,7 @@ TEST_F(TftpTest, LastWordsOfAServerThatClosesItsPort) {
     EXPECT_EQ(session.put(write("local", std::string(5000, 'x')), "remote"), -3);
 }
 
-// A network namespace where the kernel knows that there is no way to the host.
+// In a network namespace whose kernel knows that the host is unreachable.
 TEST_F(TftpTest, HostWithoutAWayIsReportedAsItsNetwork) {
     REQUIRE_SUPERUSER("makes a network namespace");
     int result = 0;
@@ -192,7 +193,7 @@ TEST_F(TftpTest, HostWithoutAWayIsReportedAsItsNetwork) {
     EXPECT_EQ(result, -201);
 }
 
-// A network namespace without any route.
+// In a network namespace without any route.
 TEST_F(TftpTest, NoRouteIsNetworkUnreachable) {
     REQUIRE_SUPERUSER("makes a network namespace");
     int result = 0;
@@ -285,7 +286,7 @@ TEST_F(TftpTest, FullDiskIsToldToTheServer) {
         EXPECT_EQ(block_of(*answer), 3U);
     });
     connect(server);
-    std::thread([&] { // the mount is seen by this thread alone, and goes with it
+    std::thread([&] { // only this thread sees the mount, which ends with it
         if (get_own_mounts()) {
             mounted = ::mount("tmpfs", directory.c_str(), "tmpfs", 0, "size=64k");
         }
@@ -330,10 +331,10 @@ TEST_F(TftpTest, LocalNamesThatCannotBe) {
     ASSERT_EQ(::mkfifo(path("pipe").c_str(), 0600), 0);
     EXPECT_EQ(session.put(path("pipe"), "remote"), system_result(EINVAL));
     EXPECT_EQ(session.get("remote", path("pipe")), system_result(EINVAL));
-    // nobody may make a file there
+    // no file can be created there
     EXPECT_EQ(session.get("remote", "/proc/got"), system_result(ENOENT));
     server.stop();
-    EXPECT_TRUE(server.requests().empty()); // found before the server is bothered
+    EXPECT_TRUE(server.requests().empty()); // found before anything was sent
 }
 
 TEST_F(TftpTest, LocalFileSurvivesAFailedRead) {
@@ -383,7 +384,7 @@ TEST_F(TftpTest, UnknownDeviceToBindTo) {
     EXPECT_EQ(session.get("remote", path("got")), 0);
 }
 
-// The interface for C.
+// The C interface.
 class TftpClient : public TftpTest {};
 
 TEST_F(TftpClient, CopiesBothWays) {

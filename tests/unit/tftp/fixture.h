@@ -1,4 +1,4 @@
-// A private directory, and a session of the client under test.
+// A private directory and a session of the client under test.
 #pragma once
 
 #include "tests/unit/tftp/scripted_server.h"
@@ -29,10 +29,10 @@ class TftpTest : public testing::Test {
     [[nodiscard]] std::string path(const std::string &name) const {
         return (directory / name).string();
     }
-    // Makes a file; its path.
+    // Creates a file and returns its path.
     std::string write(const std::string &name, const std::string &content) const;
     [[nodiscard]] std::string read(const std::string &name) const;
-    // Names in the directory, hidden ones included.
+    // The number of names in the directory, including hidden ones.
     [[nodiscard]] std::size_t entries() const;
 
     std::filesystem::path directory;

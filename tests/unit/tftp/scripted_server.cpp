@@ -125,7 +125,7 @@ std::optional<std::string> Dialogue::receive(int milliseconds) {
     return receive_from(socket_, source, milliseconds);
 }
 
-// A dialogue over the line that the behaviour describes.
+// A dialogue over a line with the described behaviour.
 class Transmission {
   public:
     Transmission(TestServer &server, Dialogue &dialogue) : server_(server), dialogue_(dialogue) {}
@@ -164,7 +164,7 @@ class Transmission {
                                                                                : packet;
     }
 
-    // Agrees on the options asked for; true if the client is to be told.
+    // Agrees on the requested options. Returns true if the client is to be told.
     bool negotiate(std::size_t content) {
         const Behaviour &behaviour = server_.behaviour_;
         const auto &asked = dialogue_.request().options;
@@ -175,7 +175,7 @@ class Transmission {
         for (const auto &[name, value] : asked) {
             if (name == "blksize" && behaviour.answer_block_size) {
                 block_size = std::min<std::size_t>(std::stoul(value), behaviour.block_size);
-                // names are the same in either case
+                // option names are case-insensitive
                 answer.emplace_back("BlkSize", std::to_string(block_size));
             } else if (name == "windowsize" && behaviour.answer_window_size) {
                 window_size = std::min<std::size_t>(std::stoul(value), behaviour.window_size);
@@ -260,7 +260,7 @@ void TestServer::run() {
         sockaddr_storage client{};
         const auto packet = receive_from(socket_, client, 20);
         if (!packet) {
-            if (stopping_) { // nothing that came before is left
+            if (stopping_) { // nothing of an earlier client is left
                 return;
             }
             continue;
@@ -298,7 +298,7 @@ void TestServer::serve(const Request &request) {
 
 void TestServer::serve_read(Transmission &line, const std::string &content) {
     const std::size_t last = (line.negotiate(content.size()), content.size() / line.block_size + 1);
-    // block 0 stands for the answer to the options
+    // block 0 means the answer to the options
     std::size_t base = line.agreement.empty() ? 1 : 0;
     bool send_again = true;
     for (int silent = 0; base <= last && silent < repetitions && !stopping_;) {
@@ -317,7 +317,7 @@ void TestServer::serve_read(Transmission &line, const std::string &content) {
         if (packet && opcode_of(*packet) == 4) {
             for (std::size_t block = base == 0 ? 0 : base - 1; block <= end; ++block) {
                 if ((block & 0xffffU) == block_of(*packet)) {
-                    // Without a window, an acknowledgment that comes twice must not be answered.
+                    // Without a window, a repeated acknowledgment must not be answered.
                     send_again = block >= base || line.window_size > 1;
                     base = block + 1;
                     break;

@@ -1,4 +1,4 @@
-// A TFTP server for tests: it behaves, loses, doubles and swaps packets as told, or follows a
+// A TFTP server for tests: it behaves well, loses, duplicates or swaps packets, or follows a
 // script.
 #pragma once
 
@@ -19,8 +19,8 @@
 
 namespace tftp_test {
 
-// Packets are strings of octets here, written out by hand, so that the client's own encoder is not
-// its judge.
+// Packets here are strings of octets, written by hand, so that the client's encoder does not test
+// itself.
 std::string number(unsigned value);
 std::string data(unsigned block, const std::string &payload);
 std::string ack(unsigned block);
@@ -42,7 +42,7 @@ class Dialogue {
   public:
     Dialogue(const Request &request, const char *local_address);
     void send(const std::string &packet);
-    // The client's next packet; nothing after 2 seconds, or the time given.
+    // The client's next packet; empty after 2 seconds, or after the given time.
     std::optional<std::string> receive(int milliseconds = 2000);
     [[nodiscard]] const Request &request() const { return request_; }
 
@@ -54,14 +54,14 @@ class Dialogue {
 struct Behaviour {
     enum class OptionHandling { agree, ignore, refuse };
     OptionHandling options = OptionHandling::agree;
-    unsigned block_size = 65464; // upper bounds of what is agreed on
+    unsigned block_size = 65464; // upper bounds of what it agrees to
     unsigned window_size = 65535;
     bool answer_block_size = true;
     bool answer_window_size = true;
     bool answer_size = true;
-    bool repeats = true; // of its own accord, when it hears nothing
-    // Fates of the n-th packet, counted from 1, that leaves the server or reaches it. Empty: none
-    // is spoilt.
+    bool repeats = true; // by itself, when it hears nothing
+    // What happens to the n-th packet, counted from 1, that the server sends or receives. Empty: no
+    // packet is disturbed.
     std::function<bool(unsigned)> lose_sent{};
     std::function<bool(unsigned)> lose_received{};
     std::function<bool(unsigned)> double_sent{};
@@ -81,15 +81,15 @@ class TestServer {
     [[nodiscard]] int port() const { return port_; }
     [[nodiscard]] const char *address() const { return address_; }
 
-    // What is served and what was stored.
+    // Sets the files to serve, and returns the stored ones.
     void offer(const std::string &name, const std::string &content);
     [[nodiscard]] std::optional<std::string> stored(const std::string &name);
 
-    // What the client sent so far.
+    // What the client has sent so far.
     std::vector<Request> requests();
     unsigned received(unsigned opcode);
 
-    // Ends the server, waiting for what it is at.
+    // Ends the server after its current work.
     void stop();
 
   private:

@@ -1,4 +1,4 @@
-// Transfers that succeed: what is agreed on, and what the network may do on the way.
+// Successful transfers: what is agreed on, and what the network may do to packets.
 #include "tests/unit/test_clock.h"
 #include "tests/unit/tftp/fixture.h"
 
@@ -24,7 +24,7 @@ Behaviour small_blocks(unsigned block_size, unsigned window_size) {
 
 } // namespace
 
-// Each size in both directions, with options agreed on, ignored and refused.
+// Each size in both directions, with options that are agreed on, ignored or refused.
 class TftpSizes : public TftpTest,
                   public testing::WithParamInterface<std::tuple<std::size_t, OptionHandling>> {};
 
@@ -120,7 +120,7 @@ TEST_F(TftpTest, TakesPartOfTheOptions) {
 }
 
 TEST_F(TftpTest, BlockNumbersGoOnWithZeroAfter65535) {
-    TestServer server(small_blocks(8, 50)); // 65536 is no multiple: a window spans the change
+    TestServer server(small_blocks(8, 50)); // 65536 is not a multiple, so a window spans the wrap
     connect(server);
     session.limit(8, 50);
     const std::string content = content_of(8 * 65590 + 3);
@@ -164,7 +164,7 @@ TEST_F(TftpTest, LocalFileIsMadeAnew) {
     EXPECT_EQ(status.st_mode & 07777U, 0600U);
 }
 
-// What the line does to a transfer, for windows of one and of several blocks.
+// What the line does to a transfer, with windows of one block and of several.
 struct Line {
     const char *name;
     void (*spoil)(Behaviour &);
@@ -216,14 +216,14 @@ INSTANTIATE_TEST_SUITE_P(
                std::to_string(std::get<1>(instance.param));
     });
 
-// Answering each doubled acknowledgment would double every block from then on.
+// Answering each duplicated acknowledgment would duplicate every block from then on.
 TEST_F(TftpTest, DoubledAcknowledgmentsDoNotDoubleTheData) {
     for (const unsigned window : {1U, 4U}) {
         host_test::TestClock clock;
         Behaviour behaviour = small_blocks(600, window);
         behaviour.repeats = false;
         behaviour.double_sent = [&clock](unsigned) {
-            // late enough to be taken for a sign of loss, too early for a repetition
+            // late enough to look like a loss, too early for a repetition
             clock.advance(20ms);
             return true;
         };
@@ -232,7 +232,7 @@ TEST_F(TftpTest, DoubledAcknowledgmentsDoNotDoubleTheData) {
         session.limit(600, 4);
         ASSERT_EQ(session.put(write("local", content_of(600 * 40)), "remote"), 0);
         server.stop();
-        // One may be taken for a sign of loss, never one after the other.
+        // One may look like a loss, but not two in a row.
         EXPECT_LT(server.received(3), window == 1 ? 42U : 62U);
         EXPECT_GE(server.received(3), 41U);
     }
@@ -276,7 +276,7 @@ TEST_F(TftpTest, DoubledAcknowledgmentIsNoSignOfLossTwiceRunning) {
 }
 
 TEST_F(TftpTest, OneAcknowledgmentAWindow) {
-    const host_test::TestClock clock; // a repeated one would be another
+    const host_test::TestClock clock; // a repeated packet would make another one
     TestServer server(small_blocks(600, 8));
     connect(server);
     session.limit(600, 8);
@@ -286,7 +286,7 @@ TEST_F(TftpTest, OneAcknowledgmentAWindow) {
     EXPECT_EQ(server.received(4), 11U); // of the options, and of ten windows
 }
 
-// A gap is told at once, by either side: only a packet that nothing follows has to be waited for.
+// Either side reports a gap at once; only the loss of the last packet must wait for a repetition.
 TEST_F(TftpTest, GapIsMendedWithoutWaiting) {
     const host_test::TestClock clock;
     Behaviour behaviour = small_blocks(600, 8);
@@ -352,7 +352,7 @@ TEST_F(TftpTest, MalformedAndStrayPacketsAreIgnored) {
         }
         dialogue.send(data(2, ""));
         auto answer = dialogue.receive();
-        while (answer == ack(1)) { // to what looked like a gap
+        while (answer == ack(1)) { // an answer to what looked like a gap
             answer = dialogue.receive();
         }
         EXPECT_EQ(answer, ack(2));
@@ -380,7 +380,7 @@ TEST_F(TftpTest, RepeatsTheRequestToASlowServer) {
     EXPECT_EQ(read("got"), "late");
 }
 
-// Patience is with silence, not with slowness.
+// The timeout is for silence, not for slowness.
 TEST_F(TftpTest, SlowServerMayTakeLongerThanTheTimeout) {
     host_test::TestClock clock;
     session.set_timeout(10);
@@ -399,9 +399,9 @@ TEST_F(TftpTest, SlowServerMayTakeLongerThanTheTimeout) {
     EXPECT_EQ(read("got").size(), 3 * 512U);
 }
 
-// A block that comes again tells that its acknowledgment was lost; one before it is only late.
+// A repeated last block means that its acknowledgment was lost; an earlier block is merely late.
 TEST_F(TftpTest, RepeatedBlockIsAcknowledgedAgain) {
-    const host_test::TestClock clock; // the client never repeats of its own accord
+    const host_test::TestClock clock; // the client never repeats by itself
     TestServer server([](Dialogue &dialogue) {
         dialogue.send(data(1, std::string(512, 'a')));
         EXPECT_EQ(dialogue.receive(), ack(1));
