@@ -35,8 +35,8 @@ void move_start_time(milliseconds change) {
     timeval moved_start{};
     moved_start.tv_sec = whole.count();
     moved_start.tv_usec = (moved - whole).count();
-    // The agent derives the start on its monotonic clock from this and the present time: both moved
-    // alike, so sysUpTime stays.
+    // The agent derives the start on its monotonic clock from this and the present time: both have
+    // moved by the same amount, so sysUpTime stays.
     netsnmp_set_agent_starttime(&moved_start);
 }
 
@@ -50,7 +50,7 @@ void raise_callback(seconds change) {
 } // namespace
 
 ClockReading read_clocks() {
-    // The reading with the wall clock least far from both neighbours, in case the process was
+    // The reading whose wall clock is closest to both neighbours, in case the process was
     // interrupted in between.
     ClockReading best{};
     auto smallest_gap = nanoseconds::max();
@@ -69,8 +69,8 @@ ClockReading read_clocks() {
 StartTimeKeeper::StartTimeKeeper(ClockReading now) : seen_(now.wall - now.running) {}
 
 void StartTimeKeeper::observe(ClockReading now) {
-    // Two readings never agree to the nanosecond: without rounding, a clock set by an hour would be
-    // one second short of it at times.
+    // Two readings never agree to the nanosecond: without rounding, a clock set by an hour would
+    // sometimes be one second short of it.
     const auto change = std::chrono::round<milliseconds>(now.wall - now.running - seen_);
     if (change == milliseconds{0}) {
         return;

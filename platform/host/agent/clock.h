@@ -1,4 +1,4 @@
-// Keeps the agent's start time true when the system clock is set.
+// Keeps the agent's start time correct when the system clock is set.
 #pragma once
 
 #include "base/unique_fd.h"
@@ -8,7 +8,7 @@
 
 namespace ulmo {
 
-// The wall clock and, read at the same moment, the clock that nobody sets (clock_gettime(2):
+// The wall clock and a clock that nobody sets, read at the same moment (clock_gettime(2):
 // CLOCK_REALTIME and CLOCK_BOOTTIME).
 struct ClockReading {
     std::chrono::nanoseconds wall;
@@ -17,10 +17,10 @@ struct ClockReading {
 
 ClockReading read_clocks();
 
-// Moves the agent's start time along with the wall clock, so that netsnmp_timeval_uptime() gives
-// the true uptime of moments after the change and sysUpTime goes on undisturbed, and raises
-// AGENT_CALLBACK_STARTTIME_CHANGE. The callback's unit is the second: what is smaller is kept until
-// it makes one.
+// Moves the agent's start time together with the wall clock and raises
+// AGENT_CALLBACK_STARTTIME_CHANGE. netsnmp_timeval_uptime() then gives the true uptime of moments
+// after the change, and sysUpTime is not affected. The callback has whole seconds; fractions are
+// accumulated.
 class StartTimeKeeper {
   public:
     explicit StartTimeKeeper(ClockReading now);
@@ -28,8 +28,8 @@ class StartTimeKeeper {
     void observe(ClockReading now);
 
   private:
-    std::chrono::nanoseconds seen_;           // wall clock ahead of the running one
-    std::chrono::milliseconds unreported_{0}; // moved, but not yet told of
+    std::chrono::nanoseconds seen_;           // the wall clock minus the other clock
+    std::chrono::milliseconds unreported_{0}; // moved, but not yet reported by the callback
 };
 
 // A descriptor that becomes readable when the wall clock is set.

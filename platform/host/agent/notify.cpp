@@ -19,14 +19,14 @@ bool is_word_type(uint8_t type) {
            type == ASN_COUNTER;
 }
 
-// A binding that is a list of its own; null when it can't be built.
+// A variable binding as a list of its own; null if it can't be built.
 netsnmp_variable_list *single_binding(const oid *name, size_t name_length, uint8_t type,
                                       const void *value, size_t value_length) {
     netsnmp_variable_list *list = nullptr;
     return snmp_varlist_add_variable(&list, name, name_length, type, value, value_length);
 }
 
-// The agent's own form of a 32-bit word is a long.
+// The agent represents a 32-bit word as a long.
 netsnmp_variable_list *word_binding(const oid *name, size_t name_length, uint8_t type,
                                     const void *value) {
     uint32_t word = 0;
@@ -83,7 +83,7 @@ int enqueue_notification(int kind, const oid *notification, uint32_t notificatio
                                 ulmo::snmp_trap_oid.data(), ulmo::snmp_trap_oid.size());
         if (trap != nullptr) {
             trap->next_variable = list;
-            send_v2trap(head); // copies what it sends
+            send_v2trap(head); // sends a copy of it
             trap->next_variable = nullptr;
         } else {
             error = ENOMEM;

@@ -36,10 +36,10 @@
 namespace ulmo {
 namespace {
 
-// A text that is handed out and stays until the next one of its kind.
+// Holds a returned text until the next call of the same function.
 using TextBuffer = std::array<char, 256>;
 
-const char *handed_out(TextBuffer &buffer, std::string_view text) {
+const char *stored(TextBuffer &buffer, std::string_view text) {
     const size_t length = std::min(text.size(), buffer.size() - 1);
     std::memcpy(buffer.data(), text.data(), length);
     buffer[length] = '\0';
@@ -58,13 +58,14 @@ std::string_view user_of(const netsnmp_pdu &request) {
                : "";
 }
 
-// Of the start; the agent's environment loses it when the agent has told that it is up.
+// As it was at the start; the agent removes it from its environment after reporting that it is up.
 std::string &watchdog_address() {
     static auto *const address = new std::string;
     return *address;
 }
 
-// One datagram to the address of sd_notify(3); a leading '@' stands for the abstract namespace.
+// Sends one datagram to an address in the form of sd_notify(3); a leading '@' means the abstract
+// namespace.
 void notify_service_manager(std::string target, std::string_view text) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -99,7 +100,7 @@ void mark_change(int kind) {
     replace_state_file(path, text.str());
 }
 
-// The name that the agent's settings give to the community at that address.
+// The security name that the agent's settings give to the community at that address.
 std::string security_name(const netsnmp_pdu &request) {
     const char *name = nullptr;
     const char *context = nullptr;
@@ -184,14 +185,14 @@ FILE *ld_dbg_fp = nullptr;
 const char *get_snmp_username(int) {
     static ulmo::TextBuffer buffer;
     const netsnmp_pdu *request = ulmo::current_request();
-    return ulmo::handed_out(buffer, request != nullptr ? ulmo::user_of(*request) : "");
+    return ulmo::stored(buffer, request != nullptr ? ulmo::user_of(*request) : "");
 }
 
 const char *get_snmp_sessionid(int) {
     static ulmo::TextBuffer buffer;
     const netsnmp_pdu *request = ulmo::current_request();
     if (request == nullptr) {
-        return ulmo::handed_out(buffer, "");
+        return ulmo::stored(buffer, "");
     }
     std::snprintf(buffer.data(), buffer.size(), "%ld", request->sessid);
     return buffer.data();
@@ -205,7 +206,7 @@ const char *snmp_get_ctx_vrf_for_current_req(int *status) {
     if (status != nullptr) {
         *status = has_context ? 0 : ENOENT;
     }
-    return ulmo::handed_out(
+    return ulmo::stored(
         buffer, has_context ? std::string_view(request->contextName, request->contextNameLen) : "");
 }
 

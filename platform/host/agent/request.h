@@ -1,4 +1,4 @@
-// The request that the agent is serving, and what the agent's side remembers from its start.
+// The request that the agent is serving, and what the agent's side keeps from its start.
 #pragma once
 
 #include <net-snmp/net-snmp-config.h>
@@ -9,22 +9,22 @@
 
 namespace ulmo {
 
-// Null when none is being served.
+// The request being served; null if there is none.
 const netsnmp_pdu *current_request();
 
-// Who has sent it, as access control knows it: the user, or the name that stands for the community,
-// which is itself as good as a password. Empty when there is none.
+// The requester's name in access control: the user, or the security name of the community (the
+// community itself is a kind of password). Empty if there is none.
 std::string requester_name();
 
-// The network address that it came from, or the name of its transport where there is no address.
+// The requester's network address, or the name of its transport if that has no address.
 std::string requester_address();
 
-// Keeps where the service manager's watchdog listens: the agent takes it out of its environment
-// once it is up.
+// Keeps the address of the service manager's watchdog: the agent removes it from its environment
+// when it is up.
 void remember_watchdog();
 
-// Opens ld_dbg_fp when the setting `agent_debug_file` names a file and it is not open yet. A link
-// in its place is refused.
+// Opens ld_dbg_fp if the setting `agent_debug_file` names a file and it is not open yet. A symbolic
+// link under that name is refused.
 void open_debug_file();
 
 } // namespace ulmo

@@ -21,14 +21,14 @@ namespace ulmo {
 namespace {
 
 constexpr int backlog = 128;
-// One round takes everything that can stand in the listener's queue, but is not kept for ever by
-// who sends faster than it reads.
+// One round takes everything that fits into the listener's queue, so that a client that sends
+// faster than the server reads can't occupy it for ever.
 constexpr int round_limit = 2 * backlog;
-// How long newcomers wait when the process is short of descriptors.
+// How long new connections wait when the process is short of descriptors.
 constexpr std::chrono::seconds shortage_pause{1};
 
-// A lock that the kernel releases with its holder tells a living server from a socket file that was
-// left over.
+// The kernel releases the lock when its holder ends, so the lock distinguishes a living server from
+// a socket file left behind.
 UniqueFd locked(const std::filesystem::path &path) {
     const ActingAsOwner owner(run_dir());
     constexpr std::string_view what = "lock of the access point";
@@ -63,7 +63,7 @@ MsgbusServer::MsgbusServer(uint32_t sap, Limits limits)
         throw_errno(socket_path_.native());
     }
     check(::bind(listener_.get(), address.get(), address.length()), "bind of the access point");
-    // Whoever is not trusted may knock: what he sends is not read, and the log tells of it.
+    // Untrusted users can connect; nothing they send is read, and the attempt is logged.
     check(::chmod(socket_path_.c_str(), 0666), "mode of the access point");
     check(::listen(listener_.get(), backlog), "listen on the access point");
     watch(events_.get(), listener_.get());
@@ -71,7 +71,7 @@ MsgbusServer::MsgbusServer(uint32_t sap, Limits limits)
 }
 
 MsgbusServer::~MsgbusServer() {
-    // he may have put another folder in the place of the bus's
+    // the owner of the run directory may have replaced the bus's folder
     const ActingAsOwner owner(run_path());
     ::unlink(socket_path_.c_str());
 }
@@ -118,10 +118,10 @@ void MsgbusServer::take_pending(const Handler &handler) {
     }
 }
 
-// Before the connection is closed or given away: as long as a forked child holds a copy, closing
-// alone does not end the watch.
+// To be called before the connection is closed or handed over: while a forked child holds a copy of
+// the descriptor, closing it does not end the watch.
 void MsgbusServer::unwatch(const Pending &one) const {
-    // a newcomer is not watched yet
+    // a new connection is not watched yet
     ::epoll_ctl(events_.get(), EPOLL_CTL_DEL, one.connection.get(), nullptr);
 }
 
@@ -140,7 +140,7 @@ void MsgbusServer::accept_waiting(const Handler &handler) {
             }
             return;
         }
-        Pending newcomer{std::move(connection), {}, Clock::now() + limits_.patience};
+        Pending newcomer{std::move(connection), {}, Clock::now() + limits_.timeout};
         newcomer.peer = peer_of(newcomer.connection.get());
         if (!is_trusted(newcomer.peer)) {
             log_refusal(newcomer.peer);
@@ -166,7 +166,7 @@ void MsgbusServer::log_refusal(const ucred &peer) {
         refusals_since_ = now;
         refusals_ = 0;
     }
-    constexpr unsigned logged_in_interval = 10; // nobody fills the log by knocking
+    constexpr unsigned logged_in_interval = 10; // so that refused connections can't fill the log
     ++refusals_;
     if (refusals_ <= logged_in_interval) {
         log_error("msgbus: access point %u: process %d of user %u refused%s", sap_, peer.pid,
@@ -195,13 +195,13 @@ void MsgbusServer::set_timer() {
         wake_up = std::min(wake_up, Clock::now() + shortage_pause);
     }
     if (wake_up != Clock::time_point::max()) {
-        // Past deadlines fire at once; an all-zero setting would switch the timer off.
+        // Deadlines in the past fire at once; a setting of zero would disarm the timer.
         const auto left =
             std::max<Clock::duration>(wake_up - Clock::now(), std::chrono::nanoseconds{1});
         setting.it_value.tv_sec = std::chrono::duration_cast<std::chrono::seconds>(left).count();
         setting.it_value.tv_nsec = (left % std::chrono::seconds{1}).count();
     }
-    ::timerfd_settime(timer_.get(), 0, &setting, nullptr); // also takes the last expiry away
+    ::timerfd_settime(timer_.get(), 0, &setting, nullptr); // also clears the last expiry
 }
 
 } // namespace ulmo

@@ -2,8 +2,7 @@
 // Used by: system_manager, agent.
 // May use: base, history, platform.
 //
-// The serving side of a msgbus access point: what the system manager's daemon and the agent listen
-// with.
+// The server of a msgbus access point, used by the system manager's daemon and the agent.
 #pragma once
 
 #include "platform/host/bus/wire.h"
@@ -18,14 +17,14 @@
 
 namespace ulmo {
 
-// One message that arrived. It may be kept to answer later: the sender waits as long as it lives
-// and its own limit allows.
+// A received message. It may be kept and answered later: the sender waits for as long as its own
+// limit allows, unless it ends.
 struct Incoming {
     std::unique_ptr<msgbus_message> message; // never null
-    ucred peer;                              // who sent it, by the kernel's word
+    ucred peer;                              // the sender, as the kernel reports it
     UniqueFd connection;
 
-    // Answers with the request's token, without waiting. Returns 0 or an errno value.
+    // Answers with the request's token. Does not block. Returns 0 or an errno value.
     int reply(uint32_t opcode, const void *payload, uint32_t length) const;
 };
 
@@ -33,17 +32,17 @@ class MsgbusServer {
   public:
     using Handler = std::function<void(Incoming)>;
 
-    // How many connections may stand open without having sent anything, and for how long.
+    // How many connections may be open without having sent anything, and for how long.
     struct Limits {
         size_t pending = 64;
-        std::chrono::milliseconds patience{5000};
+        std::chrono::milliseconds timeout{5000};
     };
 
-    // Serves the access point from here on. A socket that a dead server left is replaced. Throws
-    // std::system_error, with EADDRINUSE when a living process serves it.
+    // Starts to serve the access point. A socket left by a dead server is replaced. Throws
+    // std::system_error, with EADDRINUSE if a living process serves it.
     explicit MsgbusServer(uint32_t sap, Limits limits);
     explicit MsgbusServer(uint32_t sap) : MsgbusServer(sap, Limits{}) {}
-    // Takes the socket away and lets others serve.
+    // Removes the socket and releases the access point.
     ~MsgbusServer();
     MsgbusServer(const MsgbusServer &) = delete;
     MsgbusServer &operator=(const MsgbusServer &) = delete;
@@ -51,12 +50,12 @@ class MsgbusServer {
     // Readable (poll(2)) whenever serve() has something to do.
     [[nodiscard]] int fd() const { return events_.get(); }
 
-    // Hands over every message that had been sent when it was called, in order of arrival, and
-    // never waits. Messages of untrusted users and malformed ones are dropped and logged. The
-    // handler must not throw.
+    // Passes each message sent before the call to the handler, in order of arrival. Does not block.
+    // Messages that are malformed or come from untrusted users are dropped and logged. The handler
+    // must not throw.
     void serve(const Handler &handler);
 
-    // Every descriptor of the server that is no connection, for a child that must not keep the
+    // The descriptors of the server other than connections, for a child that must not keep the
     // access point alive.
     [[nodiscard]] std::vector<int> descriptors() const;
 
@@ -71,7 +70,7 @@ class MsgbusServer {
         Clock::time_point deadline;
     };
 
-    // Whether there is nothing more to expect from the connection.
+    // Returns whether the connection is finished.
     bool take(Pending &from, const Handler &handler) const;
     void unwatch(const Pending &one) const;
     void take_pending(const Handler &handler);
@@ -88,7 +87,7 @@ class MsgbusServer {
     UniqueFd timer_;
     UniqueFd events_;
     bool listening_ = true;
-    // of peers that are not trusted, in the interval that began at refusals_since_
+    // of untrusted peers, in the interval that began at refusals_since_
     unsigned refusals_ = 0;
     Clock::time_point refusals_since_{};
     std::vector<Pending> pending_; // the oldest first

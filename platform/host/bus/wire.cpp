@@ -32,7 +32,7 @@ namespace {
 constexpr uint32_t packet_magic = 0x6d736762; // "msgb"
 constexpr uint32_t packet_version = 1;
 
-// Both ends are on one host: its byte order.
+// Both ends are on one host, so the words are in its byte order.
 struct PacketHeader {
     uint32_t magic;
     uint32_t version;
@@ -118,7 +118,7 @@ Receipt receive_packet(int connection, std::unique_ptr<msgbus_message> &message)
     if (received == 0) {
         return Receipt::closed;
     }
-    // of the packet, which may be longer than what was copied
+    // the length of the packet, which may exceed what was copied
     const auto size = static_cast<size_t>(received);
     PacketHeader header{};
     std::memcpy(&header, packet.data(), std::min(size, sizeof header));

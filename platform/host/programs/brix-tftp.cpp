@@ -21,7 +21,7 @@ namespace {
 
 enum ExitStatus { done = 0, transfer_failed = 1, wrong_usage = 2, unknown_vrf = 3 };
 
-constexpr int patience_seconds = 20;
+constexpr int timeout_seconds = 20;
 
 int fail(ExitStatus status, const std::string &reason) {
     ulmo::report_reason(reason); // a reason that the session has reported takes precedence
@@ -51,7 +51,7 @@ int run(int argc, char **argv) {
     }
     ulmo::tftp::Session session;
     session.bind_to_device(device.value_or(""));
-    ulmo::set_timeout(session, patience_seconds);
+    ulmo::set_timeout(session, timeout_seconds);
     int result = ulmo::connect(session, server, *port);
     if (result >= 0) {
         result = putting ? ulmo::put(session, local, remote) : ulmo::get(session, remote, local);

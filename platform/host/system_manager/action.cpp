@@ -28,14 +28,14 @@ class GivenUp : public std::exception {
 };
 
 void check_stop(int stop) {
-    pollfd told{stop, POLLIN, 0};
-    if (::poll(&told, 1, 0) > 0) {
+    pollfd stopping{stop, POLLIN, 0};
+    if (::poll(&stopping, 1, 0) > 0) {
         throw GivenUp();
     }
 }
 
-// While members may hold rows of ours, the daemon's death is a reason to give the action up, which
-// takes them away, and not to die with it.
+// While members may hold rows of ours, the daemon's death makes the action give up, which destroys
+// these rows, instead of killing it.
 class OutlivesDaemon {
   public:
     OutlivesDaemon() {
@@ -55,14 +55,14 @@ std::vector<FabricSwitchStatus> save_all_members(int stop) {
     return save_members(fabric_members(), fabric_time_limit(), stop);
 }
 
-// The further files of an action on all startup configurations.
+// The additional files of an action on all startup configurations.
 std::vector<std::filesystem::path> startup_copies() {
     std::vector<std::string> names = list_setting("startup_copy");
     names.erase(std::remove(names.begin(), names.end(), ""), names.end());
     return {names.begin(), names.end()};
 }
 
-// The reason of a failed save, which is kept as the outcome of the last one, too.
+// The reason of a failed save, which is also kept as the outcome of the last one.
 std::string recorded(const std::exception &error) {
     std::string reason = reason_of(error);
     record_last_save(reason);
@@ -74,7 +74,7 @@ void save_here(const std::vector<std::filesystem::path> &copies, int stop) {
     record_last_save(saved_text);
 }
 
-// The outcome on this switch, as one of the fabric.
+// Saves on this switch and returns the outcome, as for a member of the fabric.
 std::string saved_here(int stop) {
     try {
         save_here({}, stop);
@@ -90,12 +90,12 @@ ActionOutcome save_fabric(int stop) {
     FabricSwitchStatus here;
     here.is_local = true;
     here.wwn = local_wwn();
-    write_fabric_status({}); // nobody takes an earlier outcome for this one
+    write_fabric_status({}); // an earlier outcome must not pass for this one's
     std::vector<FabricSwitchStatus> switches;
     try {
         switches = save_all_members(stop);
-        // This switch comes last: until the others have answered the action can be given up with
-        // the startup configuration as it was.
+        // This switch comes last: until the others have answered, an action given up leaves the
+        // startup configuration as it was.
         check_stop(stop);
         here.text = saved_here(stop);
     } catch (const GivenUp &) {

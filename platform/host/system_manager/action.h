@@ -12,11 +12,11 @@ struct Action {
     enum class Scope { startup, fabric, all };
 
     Scope scope = Scope::startup;
-    std::string user;    // who asked, as the requester says
+    std::string user;    // the user, as stated by the requester
     std::string session; // of that user
 };
 
-// "startup configuration of this switch", for example.
+// For example "startup configuration of this switch".
 const char *name_of(Action::Scope scope);
 
 struct ActionOutcome {
@@ -24,10 +24,10 @@ struct ActionOutcome {
     std::string text;     // in words, on one line
 };
 
-// Does the action and tells how it went; never throws. When the descriptor `stop` becomes readable
-// the action is given up and this switch's startup configuration stays as it was, unless it had
-// been replaced already. For a process of its own: a fabric-wide action starts threads, and leaves
-// behind those that do not end.
+// Performs the action and returns its outcome; never throws. If the descriptor `stop` becomes
+// readable, the action is given up, and this switch's startup configuration stays as it was unless
+// it has already been replaced. To be run in a process of its own: a fabric-wide action starts
+// threads and leaves behind those that do not end.
 ActionOutcome perform(const Action &action, int stop);
 
 } // namespace ulmo

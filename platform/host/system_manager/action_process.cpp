@@ -31,7 +31,7 @@ sigset_t only(std::initializer_list<int> signals) {
 }
 
 [[noreturn]] void run(const Action &action, int report, pid_t parent) {
-    // The parent may have ended before the kernel was told.
+    // The parent may have ended before this call.
     if (::prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || ::getppid() != parent) {
         ::_exit(1);
     }
@@ -40,7 +40,7 @@ sigset_t only(std::initializer_list<int> signals) {
         ::_exit(1);
     }
     ::closefrom(first_free + 1);
-    // An interrupt from the terminal is the parent's business.
+    // The parent handles an interrupt from the terminal.
     std::signal(SIGINT, SIG_IGN);
     std::signal(SIGPIPE, SIG_IGN);
     const sigset_t inherited = only({SIGINT, SIGCHLD});
@@ -81,10 +81,10 @@ ActionProcess::~ActionProcess() {
     }
 }
 
-void ActionProcess::give_up(std::chrono::milliseconds patience) {
+void ActionProcess::give_up(std::chrono::milliseconds timeout) {
     if (process_ > 0 && !overdue_) {
         ::kill(process_, SIGTERM);
-        overdue_ = std::chrono::steady_clock::now() + patience;
+        overdue_ = std::chrono::steady_clock::now() + timeout;
     }
 }
 

@@ -1,5 +1,5 @@
-// A configuration action in a process of its own: it can be given up at any moment, and no slow
-// disk or switch holds the daemon up.
+// A configuration action in a process of its own: it can be given up at any moment, and a slow disk
+// or switch does not block the daemon.
 #pragma once
 
 #include "base/unique_fd.h"
@@ -14,21 +14,21 @@ namespace ulmo {
 
 class ActionProcess {
   public:
-    // Starts the action. The new process holds no other descriptor of this one than its standard
-    // streams, and ends with it. Throws std::system_error. SIGTERM and SIGCHLD are blocked in the
-    // caller, as in every process that reads them from a descriptor.
+    // Starts the action. The new process inherits only the standard streams, and ends with this
+    // process. Throws std::system_error. SIGTERM and SIGCHLD must be blocked in the caller, which
+    // reads them from a descriptor.
     explicit ActionProcess(const Action &action);
-    ~ActionProcess(); // an action that still runs is killed
+    ~ActionProcess(); // kills an action that is still running
     ActionProcess(const ActionProcess &) = delete;
     ActionProcess &operator=(const ActionProcess &) = delete;
 
-    // Asks the action to be given up. It ends soon: after `patience` the process is killed by
-    // kill_if_overdue().
-    void give_up(std::chrono::milliseconds patience = std::chrono::seconds{5});
+    // Asks the action to give up, which it does soon; after `timeout` kill_if_overdue() kills the
+    // process.
+    void give_up(std::chrono::milliseconds timeout = std::chrono::seconds{5});
     void kill_if_overdue();
 
-    // How the action went once its process has ended, which SIGCHLD tells; nothing before. To be
-    // called until it has told once.
+    // The outcome of the action once its process has ended (SIGCHLD), nothing before. To be called
+    // until it has returned the outcome once.
     std::optional<ActionOutcome> outcome();
 
   private:

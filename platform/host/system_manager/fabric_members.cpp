@@ -24,7 +24,7 @@ namespace {
 
 constexpr std::uint16_t snmp_port = 161;
 
-// What a member's line may say of its own, beside the setting that says it for all members.
+// A key that a member's line may set, and the setting with its value for all members.
 struct Key {
     std::string_view name;
     TextSetting setting;
@@ -68,8 +68,8 @@ bool read_endpoint(const std::string &text, FabricMember &member) {
                (is_bracketed || is_bare_ipv6 ? INET_ADDRESS_IPV6 : INET_ADDRESS_IPV4);
 }
 
-// The words of a line after the address. A word that is no such key may be a passphrase that got
-// astray: it is not quoted.
+// Reads the words of a line after the address. An unknown word may be a misplaced passphrase, so it
+// is not quoted.
 void read_keys(std::istream &words, const std::string &line, FabricMember &member) {
     for (std::string word; words >> word;) {
         const auto equals = word.find('=');
@@ -135,8 +135,8 @@ FabricMember member_from(const std::string &text, const FabricMember &defaults) 
     return member;
 }
 
-// The group that the system manager runs as is none of the others: so the file can be the
-// superuser's.
+// The group of the system manager does not count as others, so that the file can belong to the
+// superuser.
 bool is_read_by_others() {
     struct stat status {};
     if (::stat(settings_file().c_str(), &status) != 0) {

@@ -21,25 +21,26 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// beyond what a thread has, for those that do not keep to it
+// in addition to a thread's own limit, in case the thread exceeds it
 constexpr std::chrono::seconds ending_time{2};
 
-// What has come of each member. The threads share it, so that one that is left behind has it still.
+// The outcome of each member. The threads share it, so that it stays valid for a thread that is
+// left behind.
 class Outcomes {
   public:
     explicit Outcomes(std::size_t count)
         : outcomes_(count),
           ended_(check(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "saving the fabric")) {}
 
-    void tell(std::size_t member, std::string words, std::string error) {
+    void set(std::size_t member, std::string words, std::string error) {
         const std::lock_guard lock(mutex_);
         outcomes_[member] = {std::move(words), std::move(error)};
         ++known_;
         ::eventfd_write(ended_.get(), 1);
     }
 
-    // Until all are known or `end` comes. Throws copy_client::Stopped as soon as `stop` is
-    // readable.
+    // Waits until all are known or `end` has passed. Throws copy_client::Stopped as soon as `stop`
+    // is readable.
     void await(Clock::time_point end, int stop) {
         while (!is_all_known() && Clock::now() < end) {
             copy_client::wait_for_input(
@@ -50,7 +51,7 @@ class Outcomes {
         }
     }
 
-    // In words, and what is to be logged of it; both empty when it is not known.
+    // The outcome in words, and the error to log; both empty if the outcome is not known.
     std::pair<std::string, std::string> of(std::size_t member) {
         const std::lock_guard lock(mutex_);
         return outcomes_[member];
@@ -73,13 +74,13 @@ void start(const std::shared_ptr<Outcomes> &outcomes, std::size_t number,
     try {
         std::thread([=] {
             try {
-                outcomes->tell(number, save(member, limit, stop), "");
+                outcomes->set(number, save(member, limit, stop), "");
             } catch (const std::exception &error) {
-                outcomes->tell(number, "", error.what());
+                outcomes->set(number, "", error.what());
             }
         }).detach();
     } catch (const std::system_error &error) {
-        outcomes->tell(number, "", error.what());
+        outcomes->set(number, "", error.what());
     }
 }
 
@@ -99,7 +100,7 @@ std::vector<FabricSwitchStatus> save_members(const std::vector<FabricMember> &me
         is_given_up = true;
         outcomes->await(Clock::now() + ending_time, -1);
     }
-    std::vector<FabricSwitchStatus> told;
+    std::vector<FabricSwitchStatus> switches;
     for (std::size_t i = 0; i < members.size(); ++i) {
         auto [words, error] = outcomes->of(i);
         if (words.empty() && error.empty() && is_given_up) {
@@ -109,9 +110,9 @@ std::vector<FabricSwitchStatus> save_members(const std::vector<FabricMember> &me
                       error.empty() ? "it does not end" : error.c_str());
             words = "internal error";
         }
-        told.push_back({members[i].wwn, false, members[i].address, std::move(words)});
+        switches.push_back({members[i].wwn, false, members[i].address, std::move(words)});
     }
-    return told;
+    return switches;
 }
 
 std::vector<FabricSwitchStatus> save_members(const std::vector<FabricMember> &members,

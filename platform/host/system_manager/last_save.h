@@ -1,5 +1,5 @@
-// How saving this switch's running configuration went the last time, in words for an operator. Kept
-// in the run directory: the disk with the state may be full, which is then what is to be told.
+// The outcome of the last save of this switch's running configuration, in words for an operator. It
+// is kept in the run directory, because the outcome may be that the state directory's disk is full.
 #pragma once
 
 #include <optional>
@@ -10,11 +10,11 @@ namespace ulmo {
 
 inline constexpr std::string_view saved_text = "saved";
 
-// Replaces what is kept, at once and whole; a failure is logged, the save is none the worse for it.
+// Replaces the kept outcome atomically; a failure is logged and does not affect the save.
 void record_last_save(std::string_view outcome);
 
-// saved_text, or the reason; nothing when nothing was saved since the machine booted. Throws
-// std::system_error.
+// saved_text, or the reason of the failure; nothing if nothing was saved since the machine booted.
+// Throws std::system_error.
 std::optional<std::string> last_save();
 
 } // namespace ulmo

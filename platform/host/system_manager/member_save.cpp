@@ -30,12 +30,12 @@ Peer peer_of(const FabricMember &member) {
 
 constexpr Milliseconds cleaning_time = 800ms;
 
-// What the member itself says; empty when it says nothing.
+// The member's own text about its last save; empty if it does not answer.
 std::string last_save(Session &session) {
     try {
         return octets(session.get({last_save_output()}).front());
-    } catch (const Trouble &) { // the save failed either way, and why it did not answer this is of
-                                // no interest
+    } catch (const Trouble &) {
+        // The save has failed in any case; why there is no text does not matter.
         return {};
     }
 }
@@ -45,22 +45,22 @@ std::string save(Session &session, CopyRow &row, std::chrono::seconds limit) {
         row.make({{CC_COLUMN_SOURCE_FILE_TYPE, COPY_FILE_RUNNING},
                   {CC_COLUMN_DEST_FILE_TYPE, COPY_FILE_STARTUP}});
         if (const long status = row.activate(); status != SNMP_ERR_NOERROR) {
-            return words_of_refused_start(status);
+            return describe_refused_start(status);
         }
         const CopyState end = row.await_end([] {});
         if (end.state == COPY_STATE_SUCCESSFUL) {
             return "saved";
         }
-        return words_of_failure(end.cause,
+        return describe_failure(end.cause,
                                 end.cause == COPY_FAIL_WARDEN_FAILED ? last_save(session) : "");
     } catch (const Stopped &) {
         return std::string(save_given_up);
     } catch (const Trouble &trouble) {
-        return words_of_trouble(trouble, limit);
+        return describe_trouble(trouble, limit);
     }
 }
 
-std::string words_of_status(long status) {
+std::string describe_status(long status) {
     switch (status) {
     case SNMP_ERR_NOACCESS:
     case SNMP_ERR_AUTHORIZATIONERROR:
@@ -83,11 +83,10 @@ std::string first_line(std::string_view text) {
 
 std::string save_member(const FabricMember &member, std::chrono::seconds limit, int stop) {
     const auto began = Clock::now();
-    // A lost packet costs one request's time; the last part of the limit is kept for taking the row
-    // away.
+    // A lost packet costs the time of one request; the last part of the limit is reserved for
+    // destroying the row.
     const auto request_time = std::clamp<Milliseconds>(Milliseconds(limit) / 6, 150ms, 1s);
-    // A member that answers nothing has four chances before it is looked whether the privacy key is
-    // wrong.
+    // A member that does not answer gets four requests; then a wrong privacy key is looked for.
     constexpr int attempts = 4;
     const User user{member.user, member.auth_protocol, member.auth_passphrase, member.priv_protocol,
                     member.priv_passphrase};
@@ -107,12 +106,12 @@ std::string save_member(const FabricMember &member, std::chrono::seconds limit, 
             std::min<Clock::time_point>(began + limit, Clock::now() + cleaning_time));
         row.destroy();
         return words;
-    } catch (const Trouble &trouble) { // of making the session
-        return words_of_trouble(trouble, limit);
+    } catch (const Trouble &trouble) { // while the session is set up
+        return describe_trouble(trouble, limit);
     }
 }
 
-std::string words_of_trouble(const Trouble &trouble, std::chrono::seconds limit) {
+std::string describe_trouble(const Trouble &trouble, std::chrono::seconds limit) {
     const std::string time = std::to_string(limit.count()) + " s";
     switch (trouble.kind) {
     case TroubleKind::unknown_user:
@@ -124,7 +123,7 @@ std::string words_of_trouble(const Trouble &trouble, std::chrono::seconds limit)
         return "its user has no privacy key";
     case TroubleKind::other_engine:
     case TroubleKind::unsettled_time:
-        return "its engine id is not its own"; // another switch has it, too
+        return "its engine id is not its own"; // another switch uses it, too
     case TroubleKind::silent:
     case TroubleKind::silent_to_user:
     case TroubleKind::silent_now:
@@ -133,12 +132,12 @@ std::string words_of_trouble(const Trouble &trouble, std::chrono::seconds limit)
         return "not saved in " + time;
     case TroubleKind::read_refused:
     case TroubleKind::making_refused:
-        return words_of_status(trouble.number);
+        return describe_status(trouble.number);
     case TroubleKind::making_lost:
     case TroubleKind::activation_lost:
         return "too many packets are lost";
     case TroubleKind::row_gone:
-        return "its copy request is gone"; // its agent began anew, or somebody destroyed the row
+        return "its copy request is gone"; // the agent was restarted, or somebody destroyed the row
     case TroubleKind::no_message:
     case TroubleKind::other_report:
         return std::string("can't be asked: ") +
@@ -148,13 +147,13 @@ std::string words_of_trouble(const Trouble &trouble, std::chrono::seconds limit)
     }
 }
 
-std::string words_of_refused_start(long status) {
+std::string describe_refused_start(long status) {
     return status == SNMP_ERR_GENERR || status == SNMP_ERR_INCONSISTENTVALUE
                ? "another copy is in progress"
-               : words_of_status(status);
+               : describe_status(status);
 }
 
-std::string words_of_failure(long cause, std::string_view last_save) {
+std::string describe_failure(long cause, std::string_view last_save) {
     if (cause == COPY_FAIL_WARDEN_REFUSED) {
         return "refused by its system manager";
     }

@@ -17,8 +17,7 @@
 namespace ulmo {
 namespace {
 
-// Requester and system manager are on one connection: the answer comes first, the end when it has
-// come.
+// The system manager sends both the answer and, later, the end on the requester's connection.
 std::unique_ptr<msgbus_message> next_message(int connection, std::uint32_t opcode) {
     for (;;) {
         pollfd readable{connection, POLLIN, 0};

@@ -1,13 +1,14 @@
-// Status codes of the system manager on a Linux host, beside those of platform/system_manager.h.
+// Status codes of the system manager on a Linux host, in addition to those of
+// platform/system_manager.h.
 #pragma once
 
 #include <cstdint>
 
 namespace ulmo {
 
-// the file is not there, can't be read, is too large or is no text
+// the file does not exist, can't be read, is too large or is not text
 inline constexpr std::uint32_t warden_err_bad_file = 0x401E0010;
-// a line of it is no valid statement
+// one of its lines is not a valid statement
 inline constexpr std::uint32_t warden_err_bad_line = 0x401E0011;
 // the startup configuration could not be stored (disk, lock, settings)
 inline constexpr std::uint32_t warden_err_store = 0x401E0012;
@@ -15,7 +16,7 @@ inline constexpr std::uint32_t warden_err_store = 0x401E0012;
 inline constexpr std::uint32_t warden_err_busy = 0x401E0013;
 // not every switch of the fabric has saved
 inline constexpr std::uint32_t warden_err_fabric = 0x401E0014;
-// the request is none that the system manager knows
+// the request is malformed or unknown
 inline constexpr std::uint32_t warden_err_request = 0x401E0015;
 // given up: on request, or because the system manager ended
 inline constexpr std::uint32_t warden_err_given_up = 0x401E0016;

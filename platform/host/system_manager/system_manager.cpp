@@ -13,11 +13,11 @@
 #include <string>
 
 const char *warden_cli_dir_get(int32_t /*handle*/, int32_t /*which*/) {
-    // Texts that were handed out stay, even when the environment names another directory later.
-    static std::set<std::string> handed_out;
-    const char *path = "/dev/null"; // no file is ever found below it
+    // Returned texts remain valid, even if the environment names another directory later.
+    static std::set<std::string> returned;
+    const char *path = "/dev/null"; // no file can exist below it
     ulmo::log_failure("warden_cli_dir_get",
-                      [&] { path = handed_out.insert(ulmo::state_dir().string()).first->c_str(); });
+                      [&] { path = returned.insert(ulmo::state_dir().string()).first->c_str(); });
     return path;
 }
 

@@ -1,5 +1,5 @@
-// The programs that a copy runs: when one has ended, the file that it named is measured for the
-// copy's report.
+// The programs that a copy runs: when a program has ended, the file that it named is measured for
+// the copy's report.
 #include "base/c_boundary.h"
 #include "base/process.h"
 #include "platform/host/history/copy_report.h"
@@ -17,7 +17,7 @@ int execute_program_and_wait_redirect(int in_fd, int out_fd, int err_fd, const c
     std::va_list arguments;
     va_start(arguments, program);
     const int result = ulmo::result_or_errno([&] {
-        // The argument vector is declared for writing (execve(2)), and not written.
+        // execve(2) declares the vector as writable but does not write to it.
         std::vector<char *> argv{const_cast<char *>(program)};
         do {
             argv.push_back(va_arg(arguments, char *));

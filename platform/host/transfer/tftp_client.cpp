@@ -9,16 +9,17 @@
 
 namespace {
 
-// The process's one connection.
+// The process's only session.
 ulmo::tftp::Session &session() {
     static ulmo::tftp::Session the_session;
     return the_session;
 }
 
-// Does the work unless an argument is missing.
+// Runs the work, unless an argument is missing.
 template <typename Work> int checked(bool valid, Work &&work) noexcept {
     constexpr int refused = ulmo::tftp::system_result(EINVAL);
-    constexpr int failed = ulmo::tftp::system_result(ENOMEM); // all else has a result of its own
+    // all other failures have results of their own
+    constexpr int failed = ulmo::tftp::system_result(ENOMEM);
     return valid ? ulmo::result_or(failed, std::forward<Work>(work)) : refused;
 }
 

@@ -2,7 +2,7 @@
 // Used by: programs.
 // May use: base, tftp, history, platform.
 //
-// TFTP sessions of a copy's worker and its programs: what they do, and the copy's report of it.
+// TFTP sessions of a copy's worker and its programs, with the copy's report.
 #pragma once
 
 #include "tftp/session.h"
@@ -11,8 +11,8 @@
 
 namespace ulmo {
 
-// Each as the session's own function, whose result it returns after it was reported
-// (copy_report.h).
+// Each calls the session's function of the same name, adds the result to the report
+// (copy_report.h), and returns it.
 int set_timeout(tftp::Session &session, int seconds);
 int connect(tftp::Session &session, const std::string &server, int port);
 int put(tftp::Session &session, const std::string &local, const std::string &remote);

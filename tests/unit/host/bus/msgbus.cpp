@@ -547,7 +547,7 @@ TEST_F(HostMsgbus, ServerOfAnotherUserIsNotTrusted) {
 }
 
 TEST_F(HostMsgbus, SilentConnectionsEndAfterAWhile) {
-    MsgbusServer server(sap, {.pending = 8, .patience = 60ms});
+    MsgbusServer server(sap, {.pending = 8, .timeout = 60ms});
     const auto silent = connect_raw();
     serve(server);
     EXPECT_EQ(server.pending(), 1U);
@@ -563,7 +563,7 @@ TEST_F(HostMsgbus, SilentConnectionsEndAfterAWhile) {
 }
 
 TEST_F(HostMsgbus, SilentConnectionsAreLimited) {
-    MsgbusServer server(sap, {.pending = 3, .patience = 60s});
+    MsgbusServer server(sap, {.pending = 3, .timeout = 60s});
     std::vector<ulmo::UniqueFd> silent;
     for (int i = 0; i < 5; ++i) {
         silent.push_back(connect_raw());

@@ -270,7 +270,7 @@ using copy_client::TroubleKind;
 TEST(MemberSave, ErrorStatusInWords) {
     for (const TroubleKind kind : {TroubleKind::read_refused, TroubleKind::making_refused}) {
         const auto words = [&](long status) {
-            return ulmo::words_of_trouble(Trouble(kind, status), 5s);
+            return ulmo::describe_trouble(Trouble(kind, status), 5s);
         };
         EXPECT_EQ(words(SNMP_ERR_NOACCESS), "not permitted");
         EXPECT_EQ(words(SNMP_ERR_AUTHORIZATIONERROR), "not permitted");
@@ -279,14 +279,14 @@ TEST(MemberSave, ErrorStatusInWords) {
         EXPECT_EQ(words(SNMP_ERR_RESOURCEUNAVAILABLE), "refused with error status 13");
         EXPECT_EQ(words(SNMP_ERR_GENERR), "refused with error status 5");
     }
-    EXPECT_EQ(ulmo::words_of_refused_start(SNMP_ERR_GENERR), "another copy is in progress");
-    EXPECT_EQ(ulmo::words_of_refused_start(SNMP_ERR_INCONSISTENTVALUE),
+    EXPECT_EQ(ulmo::describe_refused_start(SNMP_ERR_GENERR), "another copy is in progress");
+    EXPECT_EQ(ulmo::describe_refused_start(SNMP_ERR_INCONSISTENTVALUE),
               "another copy is in progress");
-    EXPECT_EQ(ulmo::words_of_refused_start(SNMP_ERR_NOACCESS), "not permitted");
+    EXPECT_EQ(ulmo::describe_refused_start(SNMP_ERR_NOACCESS), "not permitted");
 }
 
 TEST(MemberSave, TroubleInWords) {
-    const auto words = [](TroubleKind kind) { return ulmo::words_of_trouble(Trouble(kind), 5s); };
+    const auto words = [](TroubleKind kind) { return ulmo::describe_trouble(Trouble(kind), 5s); };
     EXPECT_EQ(words(TroubleKind::unknown_user), "authentication failed");
     EXPECT_EQ(words(TroubleKind::wrong_authentication), "authentication failed");
     EXPECT_EQ(words(TroubleKind::wrong_privacy), "wrong privacy key");
@@ -300,15 +300,15 @@ TEST(MemberSave, TroubleInWords) {
 }
 
 TEST(MemberSave, FailureInWords) {
-    EXPECT_EQ(ulmo::words_of_failure(8, "no space on device"), "refused by its system manager");
-    EXPECT_EQ(ulmo::words_of_failure(1, "no space on device"), "failed with cause 1");
-    EXPECT_EQ(ulmo::words_of_failure(9, "no space on device"), "no space on device");
-    EXPECT_EQ(ulmo::words_of_failure(9, "  no space on device \r\nmore\n"), "no space on device");
-    EXPECT_EQ(ulmo::words_of_failure(9, "no\tspace\x1b[2J"), "no space?[2J")
+    EXPECT_EQ(ulmo::describe_failure(8, "no space on device"), "refused by its system manager");
+    EXPECT_EQ(ulmo::describe_failure(1, "no space on device"), "failed with cause 1");
+    EXPECT_EQ(ulmo::describe_failure(9, "no space on device"), "no space on device");
+    EXPECT_EQ(ulmo::describe_failure(9, "  no space on device \r\nmore\n"), "no space on device");
+    EXPECT_EQ(ulmo::describe_failure(9, "no\tspace\x1b[2J"), "no space?[2J")
         << "nothing that a terminal would take for an order";
-    EXPECT_EQ(ulmo::words_of_failure(9, std::string(500, 'x')), std::string(80, 'x'));
+    EXPECT_EQ(ulmo::describe_failure(9, std::string(500, 'x')), std::string(80, 'x'));
     for (const char *nothing : {"", "saved", "saved\n", " \n", "\nno space"}) {
-        EXPECT_EQ(ulmo::words_of_failure(9, nothing), "its system manager could not save")
+        EXPECT_EQ(ulmo::describe_failure(9, nothing), "its system manager could not save")
             << nothing;
     }
 }
