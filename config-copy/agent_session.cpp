@@ -119,6 +119,36 @@ Failure failure_of(const Trouble &trouble, const std::string &agent) {
             agent +
                 ": the request is gone, so the outcome is not known: the agent was restarted, or "
                 "somebody removed it; `cmdshell -c \"show copies\"` on the switch may show it"};
+    case TroubleKind::out_of_time:
+        return {ExitStatus::unreachable,
+                agent + " answers, but not all was asked in the time limit: raise it with "
+                        "--time-limit, or see with --verbose what the agent answers"};
+    case TroubleKind::wrong_answer:
+        return {ExitStatus::unreachable,
+                agent + " is broken: it answers a question for " + trouble.detail +
+                    " with another object, or with a value that this object can't have; see the "
+                    "answer with --verbose, and check which agent runs there"};
+    case TroubleKind::names_not_rising:
+        return {ExitStatus::unreachable,
+                agent + " is broken: a walk of " + trouble.detail +
+                    " comes back to where it was and would never end; restart or update the agent"};
+    case TroubleKind::endless_table:
+        return {ExitStatus::unreachable,
+                agent + " has more than " + std::to_string(trouble.number) + " instances of " +
+                    trouble.detail +
+                    ", so it is broken or flooded with requests; copy requests go "
+                    "by themselves within 7 minutes, otherwise restart or update the agent"};
+    case TroubleKind::too_many_octets:
+        return {ExitStatus::unreachable,
+                agent + " is broken: it sent more than " + std::to_string(trouble.number) +
+                    " octets in answer to one request; check the address, and which agent runs "
+                    "there"};
+    case TroubleKind::no_free_index:
+        return {ExitStatus::unreachable,
+                agent + " is broken: it has a copy request at each of " +
+                    std::to_string(trouble.number) +
+                    " numbers that were chosen at random, so none can be made; restart or update "
+                    "the agent"};
     default:
         return {ExitStatus::refused, agent + ": " + describe_error(trouble.kind, trouble)};
     }

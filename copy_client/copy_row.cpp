@@ -1,5 +1,7 @@
 #include "copy_client/copy_row.h"
 
+#include "copy_client/message_text.h"
+
 #include <algorithm>
 #include <random>
 
@@ -10,6 +12,7 @@ using namespace std::chrono_literals;
 
 constexpr int most_attempts = 8; // to create a row, each with another index, and to activate it
 constexpr int most_removals = 3; // of one row
+constexpr int most_looks = 32;   // for a free index, of which there are 2^31
 
 // How v1 agents map v2's finer error statuses (RFC 3584, section 4.4).
 bool is_taken(long status) {
@@ -26,11 +29,12 @@ bool CopyRow::is_there(oid index) {
 oid CopyRow::free_index() {
     std::random_device source;
     std::uniform_int_distribution<oid> any(1, largest_index);
-    for (;;) {
+    for (int look = 0; look < most_looks; ++look) {
         if (const oid index = any(source); !is_there(index)) {
             return index;
         }
     }
+    throw Trouble(TroubleKind::no_free_index, most_looks);
 }
 
 // Each attempt uses a new index: a second createAndWait that meets a late first one would block the
@@ -94,6 +98,9 @@ CopyState CopyRow::read() {
     if (!state) {
         indexes_.pop_back();
         throw Trouble(TroubleKind::row_gone);
+    }
+    if (*state < COPY_STATE_WAITING || *state > COPY_STATE_FAILED) {
+        throw Trouble(TroubleKind::wrong_answer, 0, describe_name(names[0]));
     }
     return {*state, number(values[1]).value_or(0), values[2], values[3]};
 }

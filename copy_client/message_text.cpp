@@ -29,29 +29,16 @@ constexpr std::array<Named, 13> copy_columns{
      {CC_COLUMN_SERVER_ADDRESS_TYPE, "ccCopyServerAddressType"},
      {CC_COLUMN_SERVER_ADDRESS_REV1, "ccCopyServerAddressRev1"}}};
 
-bool is_below(const netsnmp_variable_list &variable, const Oid &prefix) {
-    return variable.name_length >= prefix.size() &&
-           std::equal(prefix.begin(), prefix.end(), variable.name);
+bool is_below(const Oid &name, const Oid &prefix) {
+    return name.size() >= prefix.size() && std::equal(prefix.begin(), prefix.end(), name.begin());
 }
 
-// An object of the copy table by its name, any other by its numbers.
-std::string name_of(const netsnmp_variable_list &variable) {
-    std::string text;
-    std::size_t at = 0;
-    for (const auto &[column, name] : copy_columns) {
-        if (const Oid prefix = copy_column(column); is_below(variable, prefix)) {
-            text = name;
-            at = prefix.size();
-        }
-    }
-    for (; at < variable.name_length; ++at) {
-        text += '.' + std::to_string(variable.name[at]);
-    }
-    return text;
+Oid name_of(const netsnmp_variable_list &variable) {
+    return {variable.name, variable.name + variable.name_length};
 }
 
 std::string value_of(const netsnmp_variable_list &variable) {
-    if (is_below(variable, copy_column(CC_COLUMN_USER_PASSWORD))) {
+    if (is_below(name_of(variable), copy_column(CC_COLUMN_USER_PASSWORD))) {
         return "(not shown)";
     }
     switch (variable.type) {
@@ -83,13 +70,28 @@ std::string bindings(const netsnmp_pdu &pdu, bool has_values) {
     std::string text;
     for (const netsnmp_variable_list *variable = pdu.variables; variable != nullptr;
          variable = variable->next_variable) {
-        text += (text.empty() ? "" : ", ") + name_of(*variable) +
+        text += (text.empty() ? "" : ", ") + describe_name(name_of(*variable)) +
                 (has_values ? " = " + value_of(*variable) : "");
     }
     return text.empty() ? "no object" : text;
 }
 
 } // namespace
+
+std::string describe_name(const Oid &name) {
+    std::string text;
+    std::size_t at = 0;
+    for (const auto &[column, column_name] : copy_columns) {
+        if (const Oid prefix = copy_column(column); is_below(name, prefix)) {
+            text = column_name;
+            at = prefix.size();
+        }
+    }
+    for (; at < name.size(); ++at) {
+        text += '.' + std::to_string(name[at]);
+    }
+    return text;
+}
 
 std::string describe_request(const netsnmp_pdu &pdu) {
     const bool is_set = pdu.command == SNMP_MSG_SET;

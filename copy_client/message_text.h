@@ -11,6 +11,9 @@
 
 namespace copy_client {
 
+// Such as "ccCopyState.7"; of an object outside the copy table, its numbers.
+std::string describe_name(const Oid &name);
+
 // Such as "SET ccCopyEntryRowStatus.7 = 6".
 std::string describe_request(const netsnmp_pdu &pdu);
 

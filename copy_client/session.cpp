@@ -1,8 +1,11 @@
 #include "copy_client/session.h"
 
+#include "copy_client/answer.h"
 #include "copy_client/message_text.h"
 
 #include <net-snmp/library/large_fd_set.h>
+
+#include <sys/ioctl.h>
 
 #include <algorithm>
 #include <array>
@@ -18,22 +21,6 @@ namespace copy_client {
 namespace {
 
 std::mutex library;
-
-Value value_of(const netsnmp_variable_list &variable) {
-    switch (variable.type) {
-    case ASN_INTEGER:
-        return *variable.val.integer;
-    case ASN_TIMETICKS:
-    case ASN_GAUGE:
-    case ASN_COUNTER:
-        return static_cast<long>(static_cast<std::uint32_t>(*variable.val.integer));
-    case ASN_OCTET_STR:
-    case ASN_IPADDRESS:
-        return std::string(reinterpret_cast<const char *>(variable.val.string), variable.val_len);
-    default:
-        return {};
-    }
-}
 
 // An SNMPv3 user needs a key for everything that the security level includes. The library would
 // notice a missing one only when it sends.
@@ -214,8 +201,13 @@ Milliseconds Session::time_left() const {
 }
 
 Trouble Session::silence() const {
+    Milliseconds waited = timeout_ * attempts_;
+    if (time_left() == Milliseconds(0)) { // the deadline cut it short
+        const auto since = std::chrono::round<std::chrono::seconds>(Clock::now() - began_);
+        waited = std::min<Milliseconds>(waited, std::max(since, std::chrono::seconds(1)));
+    }
     std::ostringstream seconds;
-    seconds << static_cast<double>((timeout_ * attempts_).count()) / 1000;
+    seconds << static_cast<double>(waited.count()) / 1000;
     return Trouble(has_answered_ ? TroubleKind::silent_now
                    : is_found_   ? TroubleKind::silent_to_user
                                  : TroubleKind::silent,
@@ -231,7 +223,7 @@ template <typename Ask> void Session::ask_again_and_again(Ask ask) {
             }
         }
         check_privacy();
-    } while (deadline_ != Clock::time_point::max()); // with one, exchange() ends the loop
+    } while (waits_out_silence_); // exchange() ends the loop at the deadline
     throw silence();
 }
 
@@ -351,6 +343,9 @@ bool Session::send(Pdu pdu, Pending &pending) {
 }
 
 void Session::await(Pending &pending) {
+    constexpr int most_octets = 1 << 20;
+    constexpr int most_at_a_time = 1 << 16; // that the library reads
+    int taken = 0;
     while (!pending.ended) {
         timeval time{};
         {
@@ -368,12 +363,19 @@ void Session::await(Pending &pending) {
         const bool has_input = wait_for_input(socket, stop_, std::chrono::ceil<Milliseconds>(left));
         const std::lock_guard lock(library);
         if (has_input) {
+            int waiting = 0;
+            ::ioctl(socket, FIONREAD, &waiting);
+            taken += std::min(waiting, most_at_a_time);
+            if (taken > most_octets) {
+                throw Trouble(TroubleKind::too_many_octets, most_octets);
+            }
             netsnmp_large_fd_set descriptors;
             ::netsnmp_large_fd_set_init(&descriptors, FD_SETSIZE);
             ::netsnmp_large_fd_setfd(socket, &descriptors);
             ::snmp_sess_read2(handle_, &descriptors);
             ::netsnmp_large_fd_set_cleanup(&descriptors);
-        } else {
+        }
+        if (!pending.ended) { // though there may be input, which need not be our answer
             ::snmp_sess_timeout(handle_);
         }
     }
@@ -492,17 +494,11 @@ std::vector<Value> Session::get(const std::vector<Oid> &names) {
         bindings.push_back({name, {}});
     }
     const Pdu answer = answer_to(SNMP_MSG_GET, bindings);
-    values.resize(names.size());
     if (answer->errstat == SNMP_ERR_NOSUCHNAME) {
-        return values;
+        return std::vector<Value>(names.size());
     }
     check_read(*answer);
-    std::size_t i = 0;
-    for (const netsnmp_variable_list *variable = answer->variables;
-         variable != nullptr && i < values.size(); variable = variable->next_variable) {
-        values[i++] = value_of(*variable);
-    }
-    return values;
+    return values_of(*answer, names);
 }
 
 bool Session::has_object(const Oid &name) {
@@ -516,27 +512,24 @@ void Session::check_read(const netsnmp_pdu &answer) const {
     }
 }
 
-// The first instance after the name, whatever it is; empty at the end of the agent's objects.
-std::optional<Binding> Session::next(const Oid &name) {
-    const Pdu answer = answer_to(SNMP_MSG_GETNEXT, {{name, {}}});
-    const netsnmp_variable_list *variable = answer->variables;
-    if (answer->errstat == SNMP_ERR_NOSUCHNAME || variable == nullptr ||
-        variable->type == SNMP_ENDOFMIBVIEW) {
-        return std::nullopt;
-    }
-    check_read(*answer);
-    return Binding{Oid(variable->name, variable->name + variable->name_length),
-                   value_of(*variable)};
-}
-
-std::vector<Binding> Session::instances(const Oid &name) {
+std::vector<Binding> Session::instances(const Oid &name, std::size_t most) {
     std::vector<Binding> found;
-    for (auto at = next(name); at && at->name.size() == name.size() + 1 &&
-                               std::equal(name.begin(), name.end(), at->name.begin());
-         at = next(found.back().name)) {
-        found.push_back(std::move(*at));
+    for (;;) {
+        const Oid &last = found.empty() ? name : found.back().name;
+        const Pdu answer = answer_to(SNMP_MSG_GETNEXT, {{last, {}}});
+        if (answer->errstat == SNMP_ERR_NOSUCHNAME) {
+            return found;
+        }
+        check_read(*answer);
+        auto next = instance_of(*answer, name, last);
+        if (!next) {
+            return found;
+        }
+        if (found.size() == most) {
+            throw Trouble(TroubleKind::endless_table, most_instances, describe_name(name));
+        }
+        found.push_back(std::move(*next));
     }
-    return found;
 }
 
 std::optional<SetResult> Session::set(const std::vector<Binding> &bindings) {

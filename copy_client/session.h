@@ -68,6 +68,9 @@ using Tell = std::function<void(const std::string &text)>;
 // it before any thread is started.
 void set_up_library(const char *program);
 
+// More than a switch can have of an object: every request goes by itself within 7 minutes.
+inline constexpr std::size_t most_instances = 100'000;
+
 class Session {
   public:
     // `settings` holds everything except the peer. Its timeout and retries apply to each request;
@@ -79,14 +82,19 @@ class Session {
     Session &operator=(const Session &) = delete;
     ~Session();
 
-    // Until the deadline, silence is not an error. After it, nothing more is requested.
-    void set_deadline(Clock::time_point deadline) { deadline_ = deadline; }
+    // Nothing is requested after the deadline. With `waits_out_silence`, silence until then is not
+    // an error.
+    void set_deadline(Clock::time_point deadline, bool waits_out_silence = true) {
+        deadline_ = deadline;
+        waits_out_silence_ = waits_out_silence;
+    }
 
     // From now on `stop` is ignored, and each request waits for an answer once, at most for `most`.
     void begin_to_clean_up(Milliseconds most);
 
-    // These wait for the answer. They throw Stopped, or Trouble if no answer comes or the agent
-    // does not accept our requests.
+    // These wait for the answer. They throw Stopped, or Trouble if no answer comes, the agent does
+    // not accept our requests, or it is broken. The memory that an agent can make them use is
+    // bounded.
 
     // The values in the order of the names. A read is harmless, so it is repeated until it is
     // answered.
@@ -97,7 +105,8 @@ class Session {
     bool has_object(const Oid &name);
 
     // The instances whose names are this one plus one sub-identifier, as those of a column are.
-    std::vector<Binding> instances(const Oid &name);
+    // More than `most` are Trouble.
+    std::vector<Binding> instances(const Oid &name, std::size_t most = most_instances);
 
     // Sends the SET once: a repeated one could be carried out twice. Empty if it is not known
     // whether it was carried out.
@@ -128,7 +137,6 @@ class Session {
     void await(Pending &pending);
     template <typename Ask> void ask_again_and_again(Ask ask);
     Pdu answer_to(int command, const std::vector<Binding> &bindings);
-    std::optional<Binding> next(const Oid &name);
     void check_read(const netsnmp_pdu &answer) const;
     [[nodiscard]] Milliseconds time_left() const;
     [[nodiscard]] Trouble silence() const;
@@ -147,6 +155,8 @@ class Session {
     Milliseconds timeout_{};
     int attempts_ = 1;
     Clock::time_point deadline_ = Clock::time_point::max();
+    bool waits_out_silence_ = false;
+    Clock::time_point began_ = Clock::now();
     int unanswered_ = 0;        // requests since the last answer
     bool has_answered_ = false; // to a request with the user's credentials
     bool is_ready_ = false;

@@ -136,6 +136,12 @@ std::string describe_trouble(const Trouble &trouble, std::chrono::seconds limit)
     case TroubleKind::making_lost:
     case TroubleKind::activation_lost:
         return "too many packets are lost";
+    case TroubleKind::wrong_answer:
+    case TroubleKind::names_not_rising:
+    case TroubleKind::endless_table:
+    case TroubleKind::too_many_octets:
+    case TroubleKind::no_free_index:
+        return "its agent answers wrongly";
     case TroubleKind::row_gone:
         return "its copy request is gone"; // the agent was restarted, or somebody destroyed the row
     case TroubleKind::no_message:

@@ -85,21 +85,21 @@ TEST(Outcome, RefusalsTellWhatToDo) {
 }
 
 TEST(Outcome, StatusOfSeveral) {
-    const auto status = [](std::initializer_list<ExitStatus> statuses) {
+    const auto of_all = [](std::initializer_list<ExitStatus> statuses) {
         std::vector<Outcome> outcomes;
         for (const ExitStatus status : statuses) {
             outcomes.push_back(ended(status));
         }
         return status_of_all(outcomes);
     };
-    EXPECT_EQ(ExitStatus::done, status({ExitStatus::done, ExitStatus::done}));
+    EXPECT_EQ(ExitStatus::done, of_all({ExitStatus::done, ExitStatus::done}));
     EXPECT_EQ(ExitStatus::unreachable,
-              status({ExitStatus::done, ExitStatus::unreachable, ExitStatus::unreachable}));
+              of_all({ExitStatus::done, ExitStatus::unreachable, ExitStatus::unreachable}));
     EXPECT_EQ(ExitStatus::failed,
-              status({ExitStatus::busy, ExitStatus::done, ExitStatus::unreachable}));
+              of_all({ExitStatus::busy, ExitStatus::done, ExitStatus::unreachable}));
     EXPECT_EQ(ExitStatus::failed,
-              status({ExitStatus::busy, ExitStatus::refused, ExitStatus::refused}));
-    EXPECT_EQ(ExitStatus::busy, status({ExitStatus::busy}));
+              of_all({ExitStatus::busy, ExitStatus::refused, ExitStatus::refused}));
+    EXPECT_EQ(ExitStatus::busy, of_all({ExitStatus::busy}));
 }
 
 TEST(Outcome, Duration) {

@@ -1,6 +1,7 @@
 // The life of a row with an agent that loses, delays or refuses requests. Whatever is lost, the
 // copy runs once, its outcome is known, and no row is left.
 #include "copy_client/copy_row.h"
+#include "base/unique_fd.h"
 #include "copy_client/user.h"
 #include "tests/unit/copy_client/scripted_agent.h"
 
@@ -10,6 +11,7 @@
 #include <functional>
 #include <ostream>
 #include <random>
+#include <thread>
 
 using namespace copy_client;
 using namespace copy_client_test;
@@ -245,6 +247,160 @@ TEST(CopyRow, WithADeadlineSilenceIsWaitedOut) {
     EXPECT_EQ(trouble_of([&] { row.make(save_columns); }), TroubleKind::silent);
     EXPECT_GE(Clock::now() - began, 12 * answer_time);
     EXPECT_FALSE(row.is_left());
+}
+
+// --- an agent that lies ---
+
+TroubleKind trouble_of_life(Lie lie) {
+    Script script;
+    script.lie = lie;
+    const ScriptedAgent agent(script);
+    Session session = Manager().session_with(agent);
+    session.set_deadline(Clock::now() + 10s, false);
+    CopyRow row(session);
+    return trouble_of([&] { live(session, row); });
+}
+
+TEST(LyingAgent, IsToldApartFromALostRow) {
+    for (const Lie lie : {Lie::text_for_number, Lie::null, Lie::other_name, Lie::no_name}) {
+        EXPECT_EQ(trouble_of_life(lie), TroubleKind::wrong_answer) << static_cast<int>(lie);
+    }
+}
+
+TEST(LyingAgent, EveryIndexIsTaken) {
+    EXPECT_EQ(trouble_of_life(Lie::every_index), TroubleKind::no_free_index);
+}
+
+TEST(LyingAgent, AStateOutsideTheMibIsNoState) {
+    Script script;
+    script.lie = Lie::unknown_state;
+    const ScriptedAgent agent(script);
+    Session session = Manager().session_with(agent);
+    session.set_deadline(Clock::now() + 10s, false);
+    CopyRow row(session);
+    row.make(save_columns);
+    try {
+        row.read();
+        FAIL() << "read";
+    } catch (const Trouble &trouble) {
+        EXPECT_EQ(trouble.kind, TroubleKind::wrong_answer);
+        EXPECT_EQ(trouble.detail, "ccCopyState." + std::to_string(row.index()));
+    }
+}
+
+TEST(LyingAgent, AnswersToOtherRequestsAreSilence) {
+    EXPECT_EQ(trouble_of_life(Lie::other_request), TroubleKind::silent);
+}
+
+// Without end: a request's time passes although there is always something to read.
+TEST(LyingAgent, AFloodHoldsNobody) {
+    const auto began = Clock::now();
+    const TroubleKind kind = trouble_of_life(Lie::flood);
+    EXPECT_TRUE(kind == TroubleKind::silent || kind == TroubleKind::too_many_octets)
+        << static_cast<int>(kind);
+    EXPECT_LT(Clock::now() - began, 5s);
+}
+
+struct Walk {
+    Lie lie;
+    TroubleKind trouble;
+};
+class WalkOfALiar : public testing::TestWithParam<Walk> {};
+
+TEST_P(WalkOfALiar, Ends) {
+    Script script;
+    script.lie = GetParam().lie;
+    const ScriptedAgent agent(script);
+    Session session = Manager().session_with(agent);
+    session.set_deadline(Clock::now() + 60s, false);
+    EXPECT_EQ(trouble_of([&] { session.instances(copy_column(CC_COLUMN_STATE), 1000); }),
+              GetParam().trouble);
+}
+
+INSTANTIATE_TEST_SUITE_P(EachLie, WalkOfALiar,
+                         testing::Values(Walk{Lie::same_name, TroubleKind::names_not_rising},
+                                         Walk{Lie::falling_name, TroubleKind::names_not_rising},
+                                         Walk{Lie::endless_table, TroubleKind::endless_table},
+                                         Walk{Lie::long_name, TroubleKind::wrong_answer},
+                                         Walk{Lie::text_for_number, TroubleKind::wrong_answer},
+                                         Walk{Lie::null, TroubleKind::wrong_answer},
+                                         Walk{Lie::no_name, TroubleKind::wrong_answer},
+                                         Walk{Lie::other_request, TroubleKind::silent}));
+
+TEST(LyingAgent, ColumnsOfTextHoldTextsOfTheirSize) {
+    for (const Lie lie : {Lie::number_for_text, Lie::long_text}) {
+        Script script;
+        script.lie = lie;
+        const ScriptedAgent agent(script);
+        Session session = Manager().session_with(agent);
+        EXPECT_EQ(trouble_of([&] { session.get({error_cell(CC_ERROR_COLUMN_TEXT, 1, 1)}); }),
+                  TroubleKind::wrong_answer);
+    }
+}
+
+TEST(Session, AWalkEndsBehindTheLastInstance) {
+    const ScriptedAgent agent({});
+    Session session = Manager().session_with(agent);
+    EXPECT_TRUE(session.instances(copy_column(CC_COLUMN_STATE)).empty());
+    CopyRow one(session);
+    one.make(save_columns);
+    CopyRow two(session);
+    two.make(save_columns);
+    const auto found = session.instances(copy_column(CC_COLUMN_STATE));
+    ASSERT_EQ(found.size(), 2U);
+    EXPECT_EQ(found[0].name, copy_cell(CC_COLUMN_STATE, std::min(one.index(), two.index())));
+    EXPECT_EQ(found[1].value, Value(static_cast<long>(COPY_STATE_WAITING)));
+}
+
+// It announces a message of 2 GiB and begins to send it.
+TEST(LyingAgent, AnAnswerWithoutEndIsNotKept) {
+    const ulmo::UniqueFd listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in own{};
+    own.sin_family = AF_INET;
+    own.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof own;
+    ASSERT_EQ(::bind(listener.get(), reinterpret_cast<sockaddr *>(&own), length), 0);
+    ASSERT_EQ(::listen(listener.get(), 1), 0);
+    ASSERT_EQ(::getsockname(listener.get(), reinterpret_cast<sockaddr *>(&own), &length), 0);
+    std::thread sender([&listener] {
+        const ulmo::UniqueFd peer(::accept(listener.get(), nullptr, nullptr));
+        std::string octets(1 << 16, '\0');
+        octets.replace(0, 6, std::string("\x30\x84\x7f\xff\xff\xf0"));
+        while (::send(peer.get(), octets.data(), octets.size(), MSG_NOSIGNAL) > 0) {
+            std::fill_n(octets.begin(), 6, '\0');
+        }
+    });
+    Manager manager;
+    manager.settings().timeout = std::chrono::microseconds(5s).count();
+    {
+        Session session(manager.settings(),
+                        {"the agent", "tcp:127.0.0.1:" + std::to_string(ntohs(own.sin_port))}, -1);
+        EXPECT_EQ(trouble_of([&] { session.get({copy_cell(CC_COLUMN_STATE, 1)}); }),
+                  TroubleKind::too_many_octets);
+    }
+    sender.join();
+}
+
+TEST(Session, TheDeadlineEndsEachRequest) {
+    Script script;
+    script.lie = Lie::endless_table;
+    const ScriptedAgent agent(script);
+    Session session = Manager().session_with(agent);
+    session.set_deadline(Clock::now() + 200ms, false);
+    EXPECT_EQ(trouble_of([&] { session.instances(copy_column(CC_COLUMN_STATE)); }),
+              TroubleKind::out_of_time);
+}
+
+TEST(Session, ADeadlineNeedNotWaitOutSilence) {
+    Script script;
+    script.falls_silent = 1;
+    const ScriptedAgent agent(script);
+    Session session = Manager().session_with(agent);
+    const auto began = Clock::now();
+    session.set_deadline(began + 60s, false);
+    EXPECT_EQ(trouble_of([&] { session.get({copy_cell(CC_COLUMN_STATE, 1)}); }),
+              TroubleKind::silent);
+    EXPECT_LT(Clock::now() - began, 10s);
 }
 
 TEST(CopyRow, AStopEndsTheWaitAndTheRowCanStillBeTakenAway) {

@@ -1,6 +1,6 @@
 // An agent with a copy table on a local port, in a process of its own, that follows a script: it
-// loses requests or answers, delays one, or refuses. It speaks SNMPv2c, and SNMPv3 with one user,
-// and reports what it was asked to do.
+// loses requests or answers, delays one, refuses, or lies. It speaks SNMPv2c, and SNMPv3 with one
+// user, and reports what it was asked to do.
 #pragma once
 
 #include "copy_client/session.h"
@@ -30,6 +30,25 @@
 
 namespace copy_client_test {
 
+// What it answers that is not so.
+enum class Lie {
+    none,
+    same_name,       // a walk stays where it is
+    falling_name,    // a walk comes back to its beginning
+    endless_table,   // there is always one more row
+    long_name,       // an instance has a number too many
+    every_index,     // is taken
+    text_for_number, // all columns hold octets
+    number_for_text, // the error table holds numbers
+    long_text,       // the error table holds texts of 1,000 octets
+    null,            // instead of a value
+    unknown_state,   // 17
+    other_name,      // than was asked for
+    no_name,         // the answer is empty
+    other_request,   // is what the answer says that it belongs to
+    flood,           // such answers without end
+};
+
 // Requests are counted from 1, without those with which an SNMPv3 manager discovers the engine.
 struct Script {
     int loses_request = 0;  // the n-th is never carried out
@@ -43,7 +62,7 @@ struct Script {
     long end = COPY_STATE_SUCCESSFUL;
     long cause = 0;
     bool forgets_rows = false; // like a restarted agent: a row disappears once it runs
-    std::string last_save;
+    Lie lie = Lie::none;
 };
 
 // What the agent was asked to do.
@@ -108,6 +127,7 @@ class ScriptedAgent {
         Seen &seen;
         std::map<oid, Row> rows;
         netsnmp_pdu *delayed = nullptr;
+        int socket = -1;
     };
 
     [[noreturn]] static void serve(const Script &script, Seen &seen, std::uint8_t number,
@@ -139,6 +159,7 @@ class ScriptedAgent {
             ::getsockname(transport->sock, reinterpret_cast<sockaddr *>(&own), &length) != 0) {
             ::_exit(1);
         }
+        world.socket = transport->sock;
         const std::uint16_t bound = ntohs(own.sin_port);
         if (::write(port, &bound, sizeof bound) != static_cast<ssize_t>(sizeof bound)) {
             ::_exit(1);
@@ -162,7 +183,8 @@ class ScriptedAgent {
                           void *magic) {
         auto &world = *static_cast<World *>(magic);
         if (operation != NETSNMP_CALLBACK_OP_RECEIVED_MESSAGE ||
-            (pdu->command != SNMP_MSG_GET && pdu->command != SNMP_MSG_SET)) {
+            (pdu->command != SNMP_MSG_GET && pdu->command != SNMP_MSG_GETNEXT &&
+             pdu->command != SNMP_MSG_SET)) {
             return 1;
         }
         const int number = ++world.seen.requests;
@@ -179,9 +201,15 @@ class ScriptedAgent {
         }
         netsnmp_pdu *answer = ::snmp_clone_pdu(pdu);
         answer->command = SNMP_MSG_RESPONSE;
-        carry_out(world, *answer, pdu->command == SNMP_MSG_SET);
+        carry_out(world, *answer, pdu->command);
+        if (script.lie != Lie::none) {
+            lie(script.lie, *answer, pdu->command);
+        }
+        if (script.lie == Lie::flood) {
+            flood(world.socket, *pdu);
+        }
         if (world.delayed != nullptr) {
-            carry_out(world, *world.delayed, world.delayed->command == SNMP_MSG_SET);
+            carry_out(world, *world.delayed, world.delayed->command);
             ::snmp_free_pdu(world.delayed);
             world.delayed = nullptr;
         }
@@ -193,16 +221,128 @@ class ScriptedAgent {
         return 1;
     }
 
-    static void carry_out(World &world, netsnmp_pdu &pdu, bool is_set) {
+    static void carry_out(World &world, netsnmp_pdu &pdu, int command) {
         pdu.errstat = SNMP_ERR_NOERROR;
         pdu.errindex = 0;
-        if (is_set) {
+        if (command == SNMP_MSG_SET) {
             write(world, pdu);
             return;
         }
         for (auto *variable = pdu.variables; variable != nullptr;
              variable = variable->next_variable) {
-            read(world, *variable);
+            if (command != SNMP_MSG_GETNEXT || rise(world, *variable)) {
+                read(world, *variable);
+            }
+        }
+    }
+
+    // From a column or an instance to the next instance of the column. Behind it there is nothing.
+    static bool rise(const World &world, netsnmp_variable_list &variable) {
+        copy_client::Oid name(variable.name, variable.name + variable.name_length);
+        const bool is_column = name.size() == copy_client::copy_column(1).size();
+        const auto row = is_column ? world.rows.begin() : world.rows.upper_bound(name.back());
+        if (row == world.rows.end()) {
+            ::snmp_set_var_typed_value(&variable, SNMP_ENDOFMIBVIEW, nullptr, 0);
+            return false;
+        }
+        name.resize(copy_client::copy_column(1).size());
+        name.push_back(row->first);
+        ::snmp_set_var_objid(&variable, name.data(), name.size());
+        return true;
+    }
+
+    // Faster than the library reads: SNMPv2c answers to request 1, each with 200 bindings.
+    [[noreturn]] static void flood(int socket, const netsnmp_pdu &pdu) {
+        const auto wrapped = [](const std::string &tag, const std::string &octets) {
+            return tag + '\x82' + static_cast<char>(octets.size() >> 8) +
+                   static_cast<char>(octets.size() & 0xff) + octets;
+        };
+        std::string bindings;
+        for (int i = 0; i < 200; ++i) {
+            bindings += std::string("\x30\x05\x06\x01\x2b\x05\x00", 7);
+        }
+        const std::string zero("\x02\x01\x00", 3);
+        const std::string answer =
+            wrapped("\xa2", "\x02\x01\x01" + zero + zero + wrapped("\x30", bindings));
+        const std::string message = wrapped("\x30", "\x02\x01\x01\x04\x06public" + answer);
+        const auto &to = *static_cast<netsnmp_indexed_addr_pair *>(pdu.transport_data);
+        const pid_t agent = ::getpid();
+        for (int i = 0; i < 3 && ::fork() != 0; ++i) { // several, so that one always runs
+        }
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        while (::getpid() == agent || ::getppid() == agent) {
+            ::sendto(socket, message.data(), message.size(), 0, &to.remote_addr.sa,
+                     sizeof to.remote_addr.sin);
+        }
+        ::_exit(1);
+    }
+
+    // Of a SET, nothing but what it belongs to.
+    static void lie(Lie lie, netsnmp_pdu &pdu, int command) {
+        netsnmp_variable_list &first = *pdu.variables;
+        const auto name = [&first](const copy_client::Oid &other) {
+            ::snmp_set_var_objid(&first, other.data(), other.size());
+        };
+        const auto text = [&first](std::size_t length) {
+            const std::string octets(length, 'x');
+            ::snmp_set_var_typed_value(&first, ASN_OCTET_STR, octets.data(), octets.size());
+        };
+        const auto number = [&first](long value) {
+            ::snmp_set_var_typed_integer(&first, ASN_INTEGER, value);
+        };
+        if (lie == Lie::other_request) {
+            --pdu.reqid; // ours come in rising order
+        } else if (command == SNMP_MSG_SET) {
+            return;
+        }
+        copy_client::Oid asked(first.name, first.name + first.name_length);
+        if (command == SNMP_MSG_GETNEXT) { // there is one row
+            const bool is_column = asked.size() == copy_client::copy_column(1).size();
+            if (is_column) {
+                asked.push_back(1);
+            } else if (lie == Lie::falling_name) {
+                asked.back() = 1;
+            } else if (lie == Lie::endless_table) {
+                ++asked.back();
+            } else if (lie != Lie::same_name) {
+                ++asked[asked.size() - 2];
+            }
+            if (lie == Lie::falling_name && is_column) {
+                asked.back() = 2;
+            } else if (lie == Lie::long_name) {
+                asked.push_back(1);
+            }
+            name(asked);
+            number(COPY_STATE_WAITING);
+        }
+        switch (lie) {
+        case Lie::every_index:
+        case Lie::number_for_text:
+            number(1);
+            break;
+        case Lie::text_for_number:
+            text(1);
+            break;
+        case Lie::long_text:
+            text(1000);
+            break;
+        case Lie::null:
+            ::snmp_set_var_typed_value(&first, ASN_NULL, nullptr, 0);
+            break;
+        case Lie::unknown_state:
+            if (first.type == ASN_INTEGER) {
+                number(17);
+            }
+            break;
+        case Lie::other_name:
+            name(copy_client::copy_cell(CC_COLUMN_STATE, 4711));
+            break;
+        case Lie::no_name:
+            ::snmp_free_varbind(pdu.variables);
+            pdu.variables = nullptr;
+            break;
+        default:
+            break;
         }
     }
 
@@ -211,11 +351,6 @@ class ScriptedAgent {
         const copy_client::Oid column(name.begin(), name.end() - 1);
         const auto row = world.rows.find(name.back());
         std::optional<long> value;
-        if (column.size() > 1 && column.front() == 1 && name.size() > 8 && name[6] == 8072) {
-            ::snmp_set_var_typed_value(&variable, ASN_OCTET_STR, world.script.last_save.data(),
-                                       world.script.last_save.size());
-            return;
-        }
         if (row != world.rows.end()) {
             if (column == copy_client::copy_column(CC_COLUMN_ENTRY_ROW_STATUS)) {
                 value = row->second.state == COPY_STATE_WAITING ? ROW_STATUS_NOT_IN_SERVICE

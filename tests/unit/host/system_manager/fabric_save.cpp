@@ -288,6 +288,7 @@ TEST(MemberSave, ErrorStatusInWords) {
 TEST(MemberSave, TroubleInWords) {
     const auto words = [](TroubleKind kind) { return ulmo::describe_trouble(Trouble(kind), 5s); };
     EXPECT_EQ(words(TroubleKind::unknown_user), "authentication failed");
+    EXPECT_EQ(words(TroubleKind::names_not_rising), "its agent answers wrongly");
     EXPECT_EQ(words(TroubleKind::wrong_authentication), "authentication failed");
     EXPECT_EQ(words(TroubleKind::wrong_privacy), "wrong privacy key");
     EXPECT_EQ(words(TroubleKind::level_without_keys), "its user has no privacy key");
