@@ -38,7 +38,7 @@ class HostContexts : public testing::Test {
         EXPECT_EQ(__wrap_unregister_mib(column, std::size(column)), MIB_UNREGISTERED_OK);
     }
 
-    // How many registrations of the module a request for the column finds in that context.
+    // The number of the module's registrations that a request for the column finds in that context.
     static int registrations(const char *context) {
         int count = 0;
         netsnmp_subtree *found = netsnmp_subtree_find(column, std::size(column), nullptr, context);
@@ -63,7 +63,7 @@ TEST_F(HostContexts, TheDefaultContextAlone) {
 
 TEST_F(HostContexts, EachConfiguredContextOnce) {
     scratch_.configure("vrf_context = red\nvrf_context = blue sky\nvrf_context = red\n");
-    for (int round = 0; round < 3; ++round) { // as SIGHUP has it
+    for (int round = 0; round < 3; ++round) { // as SIGHUP does
         load();
         EXPECT_EQ(registrations(""), 1);
         EXPECT_EQ(registrations("red"), 1);

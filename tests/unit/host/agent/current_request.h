@@ -1,4 +1,4 @@
-// The request that the agent is said to serve.
+// Sets the request that the agent appears to be serving.
 #pragma once
 
 #include <net-snmp/net-snmp-config.h>
@@ -9,6 +9,6 @@
 
 namespace host_test {
 
-extern netsnmp_agent_session *current_session; // null: none
+extern netsnmp_agent_session *current_session; // null if there is none
 
 } // namespace host_test

@@ -53,7 +53,7 @@ class HostMsgbus : public testing::Test {
                            static_cast<uint32_t>(payload.size()), nullptr, 0, 0);
     }
 
-    // 0 when the message of another user was sent; otherwise his errno value.
+    // 0 if another user's message was sent, otherwise that user's errno.
     static int tell_as_nobody(uint32_t opcode) {
         return host_test::in_child([opcode] {
             if (::setresuid(host_test::nobody, host_test::nobody, host_test::nobody) != 0) {
@@ -63,7 +63,7 @@ class HostMsgbus : public testing::Test {
         });
     }
 
-    // errno of a receive that brings no message, 0 when it brought one.
+    // errno of a receive without a message, 0 if a message was received.
     int listen(uint32_t wait) {
         msgbus_recv_options options{};
         options.wait = wait;
@@ -76,7 +76,7 @@ class HostMsgbus : public testing::Test {
         server.serve([this](Incoming incoming) { received_.push_back(std::move(incoming)); });
     }
 
-    // A connection that speaks no msgbus by itself.
+    // A connection without the msgbus protocol.
     static ulmo::UniqueFd connect_raw() {
         ulmo::UniqueFd socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
         const ulmo::SocketAddress address(ulmo::sap_path(sap));
@@ -443,7 +443,7 @@ TEST_F(HostMsgbus, ALinkInPlaceOfTheLockIsNotFollowed) {
 
 TEST_F(HostMsgbus, SocketOfADeadServerIsReplaced) {
     EXPECT_EQ(exit_status_of(start_child([] {
-                  new MsgbusServer(sap); // ends without taking the socket away
+                  new MsgbusServer(sap); // ends without removing the socket
                   return 0;
               })),
               0);
@@ -536,7 +536,7 @@ TEST_F(HostMsgbus, ServerOfAnotherUserIsNotTrusted) {
         MsgbusServer server(sap);
         return ::write(ready[1], "r", 1) == 1 ? ::pause() : 1;
     });
-    ::close(ready[1]); // so that a child that fails is not waited for
+    ::close(ready[1]); // so that the test does not wait for a child that fails
     char token = 0;
     ASSERT_EQ(::read(ready[0], &token, 1), 1);
     EXPECT_EQ(tell(1), -1);

@@ -1,4 +1,4 @@
-// What the tests of the message bus and of the agent's side share.
+// Shared by the tests of the message bus and of the agent's side.
 #pragma once
 
 #include "tests/unit/child.h"
@@ -17,7 +17,7 @@ namespace host_test {
 
 inline constexpr uid_t nobody = 65534;
 
-// A folder of the test's own that everybody may enter; gone with the object.
+// A folder of the test's own, open to everybody and removed with the object.
 class TemporaryDirectory {
   public:
     TemporaryDirectory() {
@@ -38,7 +38,7 @@ class TemporaryDirectory {
     std::filesystem::path path_;
 };
 
-// An environment variable that has its former value again afterwards.
+// Sets an environment variable and restores its former value.
 class ScopedVariable {
   public:
     ScopedVariable(const char *name, const std::string &value) : name_(name) {

@@ -74,7 +74,7 @@ TEST_F(DeviceBackend, AStartupConfigurationThatIsNotValidIsNotReplacedByADefault
     EXPECT_EQ(failure([&] { device()->apply("hostname b\n"); }), reason);
     EXPECT_EQ(content(startup()), "hostname a\nbogus\n");
     EXPECT_FALSE(std::filesystem::exists(running()));
-    device()->store_startup("hostname c\n"); // the way out
+    device()->store_startup("hostname c\n"); // the remedy
     EXPECT_EQ(shown(), "hostname c\nend\n");
 }
 
@@ -177,7 +177,7 @@ TEST_F(DeviceBackend, TheModeDoesNotDependOnTheMask) {
     EXPECT_EQ(permissions(running()), 0600U);
 }
 
-// The files of a directory by name, locks left out.
+// The names of the files in a directory, without locks.
 std::set<std::string> names_in(const std::filesystem::path &directory) {
     std::set<std::string> names;
     for (const auto &entry : std::filesystem::directory_iterator(directory)) {
@@ -192,7 +192,7 @@ TEST_F(DeviceBackend, SavesToFurtherFilesAsWell) {
     device()->apply("hostname one\n");
     std::filesystem::create_directory(directory_ / "usb");
     const auto absolute = directory_ / "usb" / "one.cfg";
-    // The startup configuration is named here too, and one file under several names.
+    // The startup configuration is among the names, and one file has several names.
     device()->save({"backup.cfg", absolute, "system.cfg", "backup.cfg", "./backup.cfg",
                     "../usb/one.cfg", startup()},
                    {});
@@ -447,7 +447,7 @@ TEST_F(DeviceBackend, AKilledWriterLeavesWholeFiles) {
     std::mt19937 random(20240501);
     unsigned seen[2] = {0, 0};
     unsigned interrupted = 0;
-    // What tells that a writer is at work on one of the files that it then renames.
+    // The files that only exist while a writer is at work, before it renames them.
     const auto traces = [this] {
         std::vector<long> all;
         for (const char *name : {"running.cfg.new", "system.cfg.new"}) {
@@ -476,7 +476,7 @@ TEST_F(DeviceBackend, AKilledWriterLeavesWholeFiles) {
         while (traces() == left && std::chrono::steady_clock::now() < given_up) {
             std::this_thread::yield();
         }
-        if (round % 2 != 0) { // not at once, but in whatever it does then
+        if (round % 2 != 0) { // not immediately, but during whatever it does then
             std::this_thread::sleep_for(std::chrono::microseconds(random() % 15'000));
         }
         ASSERT_EQ(::kill(child, SIGKILL), 0);
@@ -506,7 +506,7 @@ TEST_F(DeviceBackend, AKilledWriterLeavesWholeFiles) {
 
 TEST_F(DeviceBackend, AFullDiskChangesNothing) {
     REQUIRE_SUPERUSER("mounts a small disk");
-    // In a mount namespace of its own, so that the disk goes with the process.
+    // In a mount namespace of its own, so that the disk vanishes with the process.
     EXPECT_EQ(
         host_test::in_child([this] {
             if (!get_own_mounts() ||
@@ -527,7 +527,7 @@ TEST_F(DeviceBackend, AFullDiskChangesNothing) {
             EXPECT_EQ(content(startup()), "hostname one\nend\n");
             EXPECT_FALSE(std::filesystem::exists(running().string() + ".new"));
             EXPECT_FALSE(std::filesystem::exists(startup().string() + ".new"));
-            device()->apply("hostname two\n"); // the room is free again
+            device()->apply("hostname two\n"); // there is space again
             EXPECT_EQ(shown(), "hostname two\nend\n");
             return HasFailure() ? 2 : 0;
         }),

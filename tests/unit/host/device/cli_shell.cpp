@@ -99,7 +99,7 @@ TEST_F(CliShell, NamesMayFillTheirFieldsWithoutATerminator) {
     const std::string result = long_path("o", CMDSHELL_FILE_SIZE);
     std::filesystem::copy_file(file("short", "hostname long-name\n"), configuration);
     cmdshell_exec_params params;
-    // what follows the names must not be taken for a part of them
+    // the octets after the names must not be taken for a part of them
     std::memset(&params, 'z', sizeof(params));
     std::memcpy(params.file, configuration.data(), sizeof(params.file));
     std::memcpy(params.output, result.data(), sizeof(params.output));
@@ -344,7 +344,7 @@ TEST_F(CmdshellProgram, ReadsCommandsUntilOneFails) {
 
 TEST_F(CmdshellProgram, PrintsAStartupConfigurationAsItIsWhereverTheOutputGoes) {
     std::string text = "hostname a\n";
-    // more than a pipe holds, or the copy moves at once
+    // more than a pipe holds, and more than the copy moves in one step
     for (unsigned line = 0; text.size() < 300'000; ++line) {
         text += "! comment " + std::to_string(line) + "\n";
     }
@@ -371,7 +371,8 @@ TEST_F(CmdshellProgram, OutputThatGetsLostIsAFailure) {
     int ends[2];
     ASSERT_EQ(::pipe(ends), 0);
     ASSERT_EQ(::close(ends[0]), 0);
-    constexpr int sink = 9; // sh(1) takes one digit; who has it now gets it back
+    // sh(1) takes one digit; the present descriptor of that number is restored
+    constexpr int sink = 9;
     const int holder = ::fcntl(sink, F_DUPFD_CLOEXEC, sink + 1);
     ASSERT_EQ(::dup2(ends[1], sink), sink);
     const Result result = run({"-c", "show running-config"}, "", "&" + std::to_string(sink));

@@ -18,7 +18,7 @@ std::string canonical(std::string_view text) {
     return ulmo::to_text(configuration);
 }
 
-// What merging `second` after `first` gives.
+// The result of merging `second` after `first`.
 std::string merged(std::string_view first, std::string_view second) {
     Configuration configuration;
     ulmo::merge(configuration, first);
@@ -200,7 +200,7 @@ TEST(ConfigurationText, RefusedLinesAreNamedWithTheReason) {
         {"snmp-server contact", "text expected"},
         {"snmp-server contact " + letters(256), "text longer than 255 octets"},
         {"!" + letters(4096), "longer than 4096 octets"},
-        // 39 octets and half of a character stay whole characters.
+        // 39 octets and a two-octet character: the character is not split.
         {letters(39) + "\xC3\xBC", "unknown statement '" + letters(39) + "...'"},
     };
     for (const Case &refused : cases) {
@@ -226,7 +226,7 @@ TEST(ConfigurationText, RefusedLinesAreNamedWithTheReason) {
                                 "255.255.255.255/32", "2001:db8::1/64", "10.0.0.1/24/1", "/24"}) {
         for (const char *no : {"", "no "}) {
             if (*no != '\0' && *address == '\0') {
-                continue; // this takes the address back
+                continue; // removes the address
             }
             expect_refused(
                 "interface e1\n " + std::string(no) + "ip address " + address, Kind::bad_line,
@@ -282,7 +282,7 @@ TEST(ConfigurationText, WhatIsNoTextIsABadFile) {
     EXPECT_EQ(canonical(longest), "end\n");
 }
 
-// Statements at random, valid and frequent enough to meet each other.
+// Random statements, mostly valid, from a small range of values so that they affect each other.
 class RandomConfiguration {
   public:
     explicit RandomConfiguration(unsigned seed) : random_(seed) {}

@@ -1,4 +1,4 @@
-// A state directory of its own for each test of the device and of what stands on it.
+// Gives each test of the device and of its users a state directory of its own.
 #pragma once
 
 #include "tests/unit/scratch.h"

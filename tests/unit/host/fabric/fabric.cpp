@@ -54,7 +54,7 @@ class Fabric : public testing::Test {
   protected:
     ~Fabric() override { fabstat_status_clean(); }
 
-    // The whole walk, a word a switch: name, l or r, address, text.
+    // The whole walk, one word for each switch: name, l or r, address, text.
     static std::vector<std::string> walk(const ulmo::Wwn &local = {}) {
         std::uint32_t halves[2];
         std::memcpy(halves, local.data(), sizeof halves);
@@ -212,10 +212,8 @@ TEST_F(Fabric, FailedWriteLeavesTheOldFile) {
     EXPECT_FALSE(std::filesystem::exists(scratch.run("fabric-status.new")));
 }
 
-// --- interfaces and addresses, each in a network namespace of its own ---
-
-// What the call returns in a child process with its own network, which `setup` (shell commands) has
-// set up. 77: no such namespace.
+// The result of the call in a child process with a network of its own, prepared by `setup` (shell
+// commands); 77 if the namespace can't be made.
 template <typename Call> int in_network(const std::string &setup, Call call) {
     return host_test::in_child([&] {
         if (::unshare(CLONE_NEWNET) != 0) {

@@ -47,7 +47,7 @@ TEST(HostCopyRecord, WhatIsNotKnownIsLeftOut) {
     EXPECT_EQ(ulmo::line_of(end), "outcome=successful");
 }
 
-// Whoever chooses a name can't make words of the line with it.
+// A chosen name can't add words to the line.
 TEST(HostCopyRecord, NamesStayOneValue) {
     ulmo::CopyRequest request = backup();
     request.user = "a b=c";

@@ -98,7 +98,7 @@ TEST_F(HostCopyReport, HugeReportIsNoReport) {
     EXPECT_EQ(report().reason, "");
 }
 
-// A report that has gone, or none at all, is no trouble, and nothing is made.
+// A missing report is not an error, and nothing is created.
 TEST_F(HostCopyReport, NobodyNeedsAReport) {
     std::filesystem::remove(file_);
     errno = EXDEV;
@@ -109,7 +109,7 @@ TEST_F(HostCopyReport, NobodyNeedsAReport) {
     ulmo::report_reason("no space");
     ulmo::report_file("/etc/passwd");
     for (const auto &entry : std::filesystem::directory_iterator(scratch_.root() / "run")) {
-        // which a process makes when it logs for the first time
+        // created when a process logs for the first time
         EXPECT_EQ(entry.path().filename(), "history.log");
     }
 }

@@ -21,7 +21,7 @@ namespace {
 
 constexpr std::uint32_t module_id = 0x730000;
 
-// Each test in a process of its own, because the switches are a process's.
+// Each test runs in a process of its own, because the switches belong to the process.
 
 class Evtrace : public testing::Test {
   protected:
@@ -37,16 +37,15 @@ class Evtrace : public testing::Test {
             std::regex_replace(lines, std::regex(R"(\S+Z \d+ \S+ (.*)\n)"), "$1|"),
             std::regex(R"(\\\\)"), "\\");
     }
-    // Ends the process of the test, with 0 when the condition held and after a word about it when
-    // not.
+    // Ends the process of the test, with 0 if the condition held and otherwise with a message.
     void finish(bool held, const std::string &about) const {
         if (!held) {
             std::fprintf(stderr, "failed: %s\n", about.c_str());
         }
-        std::filesystem::remove_all(scratch.root()); // nothing is destroyed at this end
+        std::filesystem::remove_all(scratch.root()); // this exit runs no destructors
         ::_exit(held ? 0 : 1);
     }
-    // Switches are looked at once a second.
+    // The switches are read once a second.
     template <typename Condition> static bool comes_true(Condition condition) {
         const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
         while (!condition()) {
@@ -65,7 +64,7 @@ using EvtraceDeathTest = Evtrace;
 TEST_F(EvtraceDeathTest, RecordsErrorsAndPrintsNothingByDefault) {
     EXPECT_EXIT(
         {
-            // Then nobody formats the course of things, in which passwords are.
+            // Then no debug text is formatted, which could contain passwords.
             const bool open = evtrace_hist_event_subtype_check(module_id, EVTRACE_ERROR) == 0 &&
                               evtrace_hist_event_subtype_check(module_id, EVTRACE_DEBUG) != 0;
             const bool silent = evtrace_chk_int(EVTRACE_ERROR, 0, 0, 1) == 0 &&
@@ -138,8 +137,8 @@ TEST_F(EvtraceDeathTest, SettingsAreReadOnceASecondOnly) {
             const auto elapsed = [&] { return std::chrono::steady_clock::now() - begin; };
             bool declined = evtrace_hist_event_subtype_check(module_id, EVTRACE_DEBUG) != 0;
             scratch.configure("history = all\n");
-            // Many ticks of the coarse clock, and far from a second. A machine that stood still for
-            // that long tells nothing.
+            // Many ticks of the coarse clock, and far less than a second. If the machine stood
+            // still for that long, the test proves nothing.
             while (elapsed() < std::chrono::milliseconds(50)) {
                 const bool still = evtrace_hist_event_subtype_check(module_id, EVTRACE_DEBUG) != 0;
                 declined = declined && (still || elapsed() > std::chrono::milliseconds(900));
@@ -214,11 +213,11 @@ TEST_F(EvtraceDeathTest, PrintsToStandardError) {
 }
 
 TEST_F(EvtraceDeathTest, WhatIsDeclinedIsCheap) {
-    // The bound holds with a wide margin, and keeps a look at the settings file out of the way.
+    // A bound with a wide margin; the settings file is not read within it.
     EXPECT_EXIT(
         {
             constexpr int events = 100'000;
-            // of the processor, whatever else it is busy with
+            // processor time, whatever else the machine does
             const std::clock_t begin = std::clock();
             bool is_declined = true;
             for (int i = 0; i < events; ++i) {

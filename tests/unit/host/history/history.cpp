@@ -39,8 +39,8 @@ std::function<void()> before_lock;
 
 } // namespace
 
-// In place of the library's, also for the platform: the test chooses what happens right before the
-// next call.
+// Replaces the library's function, also for the platform: the test chooses what happens right
+// before the next call.
 extern "C" __attribute__((visibility("default"))) int flock(int descriptor,
                                                             int operation) noexcept {
     if (const auto hook = std::exchange(before_lock, nullptr)) {
@@ -319,11 +319,9 @@ TEST_F(History, AFullDiskTakesWholeRecordsOrNone) {
         0);
 }
 
-// --- ten writers ---
-
 constexpr int writers = 10;
 
-// `<writer> <number> <octets>`: octets that tell a whole record from one that was cut or mixed.
+// `<writer> <number> <octets>`: the octets show whether a record was torn or mixed with another.
 std::string numbered(int writer, int number) {
     const std::string start = std::to_string(writer) + ' ' + std::to_string(number) + ' ';
     return start + std::string(static_cast<std::size_t>(20 + number % 200),
@@ -331,7 +329,7 @@ std::string numbered(int writer, int number) {
 }
 
 TEST_F(History, OfTenWritersNoRecordIsLostOrCut) {
-    constexpr int records = 40; // of each writer
+    constexpr int records = 40; // by each writer
     std::set<std::string> expected;
     std::size_t size = 0;
     for (int i = 0; i < writers * records; ++i) {
@@ -339,7 +337,7 @@ TEST_F(History, OfTenWritersNoRecordIsLostOrCut) {
         size += ulmo::history_line(EVTRACE_DEBUG, text).size();
         expected.insert(text);
     }
-    // Then the file is renamed once, by any of the ten, and both files together hold all.
+    // The file is then renamed once, by any of the ten, and both files together hold all records.
     const std::size_t limit = size * 6 / 10;
     for (int round = 0; round < 25; ++round) {
         std::filesystem::remove(file);
@@ -393,8 +391,6 @@ TEST_F(History, ARecordForAFileThatHasJustGoneIsWrittenAgain) {
     EXPECT_EQ(texts(), (Texts{"third", "fourth"}));
 }
 
-// --- the program ---
-
 struct Output {
     int status = -1;
     std::string text;
@@ -413,7 +409,7 @@ Output run_history(const std::string &arguments) {
     return output;
 }
 
-// `ulmo-history -f`, and what it has printed.
+// `ulmo-history -f`, and its output.
 class Follower {
   public:
     Follower() {
@@ -423,9 +419,9 @@ class Follower {
         child_ = ::fork();
         if (child_ == 0) {
             ::dup2(ends[1], STDOUT_FILENO);
-            // it would follow for ever when this test ended early
+            // it would follow for ever if this test ended early
             ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-            ::alarm(100); // or waited for a line that does not come
+            ::alarm(100); // or wait for a line that does not come
             ::execl(binary.c_str(), "ulmo-history", "-f", nullptr);
             ::_exit(127);
         }
@@ -442,7 +438,7 @@ class Follower {
     Follower(const Follower &) = delete;
     Follower &operator=(const Follower &) = delete;
 
-    // Waits for the next line; its text.
+    // Waits for the next line and returns its text.
     std::string next() {
         char line[4096] = "";
         EXPECT_NE(std::fgets(line, sizeof line, output_), nullptr);
@@ -521,7 +517,7 @@ TEST_F(HistoryProgram, FollowsFromFileToFile) {
     const int late = ::open(file.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
     append("after", 1);
     EXPECT_EQ(follower.next(), "after");
-    // A writer that opened the file before it was renamed.
+    // A writer that had opened the file before it was renamed.
     const std::string line = ulmo::history_line(EVTRACE_DEBUG, "late");
     EXPECT_EQ(::write(late, line.data(), line.size()), static_cast<ssize_t>(line.size()));
     ::close(late);
@@ -534,12 +530,12 @@ TEST_F(HistoryProgram, FollowsFromFileToFile) {
 TEST_F(HistoryProgram, FollowsAllThatTenWritersWrite) {
     constexpr int records = 3000;
     constexpr std::size_t limit = 65536;
-    // Behind the oldest record that has not been printed go fewer than a file holds: then nothing
-    // goes before it is printed.
+    // The writers are at most this far ahead of the output: less than a file holds, so no record is
+    // dropped before it is printed.
     constexpr int ahead = 200;
     struct Shared {
         std::atomic<int> next = 0;
-        std::atomic<int> printed = 0; // all records below
+        std::atomic<int> printed = 0; // all records below this number
     };
     void *memory =
         ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
@@ -551,7 +547,7 @@ TEST_F(HistoryProgram, FollowsAllThatTenWritersWrite) {
     std::vector<pid_t> children;
     for (int writer = 0; writer < writers; ++writer) {
         children.push_back(host_test::start_child([&shared, writer] {
-            ::alarm(100); // it would wait for ever when the test failed
+            ::alarm(100); // it would wait for ever if the test failed
             for (int number = 0; (number = shared.next++) < records;) {
                 while (number - shared.printed >= ahead) {
                     const timespec pause{0, 1'000'000};

@@ -1,4 +1,4 @@
-// The log of a daemon: what goes to its standard error, and in which form.
+// The log of a daemon: what is written to its standard error, and in which form.
 #include "platform/host/history/log.h"
 
 #include "tests/unit/host/device/fixture.h"
@@ -18,8 +18,8 @@ namespace {
 
 class HostLog : public DeviceTest {
   protected:
-    // What a process that does this prints on its standard error. A daemon can't be made none
-    // again.
+    // What a process that calls `log` prints on its standard error. A daemon can't become an
+    // ordinary process again.
     std::string printed(const std::function<void()> &log, bool has_journal) const {
         const auto errors = directory_ / "errors";
         const pid_t child = ::fork();
@@ -40,7 +40,7 @@ class HostLog : public DeviceTest {
         EXPECT_EQ(status, 0);
         return content(errors);
     }
-    // Of a daemon under the journal.
+    // As a daemon under the journal.
     std::string daemon_prints(const std::function<void()> &log) const {
         return printed(
             [&] {
@@ -123,7 +123,7 @@ TEST_F(HostLog, ALongMessageIsCut) {
 
 TEST_F(HostLog, KeepsErrno) {
     EXPECT_EQ(daemon_prints([] {
-                  ::close(STDERR_FILENO); // the line is lost, and that is no error of the caller's
+                  ::close(STDERR_FILENO); // the line is lost, which is not the caller's error
                   errno = ENOTTY;
                   ulmo::log_error("error");
                   ulmo::log_notice("notice");

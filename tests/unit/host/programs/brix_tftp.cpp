@@ -1,4 +1,4 @@
-// The program brix-tftp: its arguments, exit status and what it says.
+// The program brix-tftp: its arguments, exit status and messages.
 #include "tests/unit/child.h"
 #include "tests/unit/tftp/fixture.h"
 
@@ -15,7 +15,7 @@ struct Ended {
     std::string said; // on standard error
 };
 
-// Runs the program with arguments as a shell reads them.
+// Runs the program with arguments in shell syntax.
 Ended brix_tftp(const std::string &arguments) {
     Ended ended;
     FILE *errors = ::popen(

@@ -19,7 +19,7 @@
 
 namespace {
 
-using host_test::in_child; // which may do to its standard streams and signals what it likes
+using host_test::in_child; // a child may change its standard streams and signals as it likes
 
 constexpr const char *shell = "/bin/sh";
 
@@ -118,8 +118,7 @@ TEST_F(RunProgram, InheritsNoOtherDescriptor) {
               0);
     ::close(open_to_all);
     ::close(high);
-    // The shell itself opens the directory only for the time of the expansion, as a descriptor of
-    // its own.
+    // The shell itself opens the directory only during the expansion, as a descriptor of its own.
     std::string seen = out.contents();
     EXPECT_EQ(seen.find("/fd/200"), std::string::npos) << seen;
     EXPECT_EQ(std::count(seen.begin(), seen.end(), ' ') + 1, 4) << seen;
@@ -142,8 +141,8 @@ TEST_F(RunProgram, GivenDescriptorMayItselfBeAStandardStream) {
     const OpenFile first(scratch, "first", "first\n");
     const OpenFile second(scratch, "second");
     EXPECT_EQ(in_child([&] {
-                  // Exchanged: what the parent has as 1 is the program's input, and what it has as
-                  // 0 its output.
+                  // Swapped: the parent's descriptor 1 is the program's input, its descriptor 0 the
+                  // output.
                   ::dup2(first.get(), 1);
                   ::dup2(second.get(), 0);
                   return execute_program_and_wait_redirect(1, 0, -1, "/bin/cat", nullptr);
@@ -183,7 +182,7 @@ TEST_F(RunProgram, ProgramBeginsWithDefaultSignals) {
               2)
         << out.contents();
     EXPECT_EQ(blocked, 0U);
-    // Signals 32 and 33 are the C library's own (nptl(7)), which it leaves ignored in a spawned
+    // Signals 32 and 33 are the C library's own (nptl(7)); it leaves them ignored in a spawned
     // program.
     constexpr std::uint64_t of_the_library = std::uint64_t{3} << 31U;
     EXPECT_EQ(ignored & ~of_the_library, 0U);

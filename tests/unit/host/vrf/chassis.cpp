@@ -17,7 +17,7 @@
 namespace {
 
 using host_test::exit_status_of;
-using host_test::in_child; // whose namespace nobody else shares
+using host_test::in_child; // a child has a network namespace of its own
 using host_test::start_child;
 
 // A network namespace in /run/netns, as ip-netns(8) makes one.
@@ -164,7 +164,7 @@ TEST_F(VrfNamespace, IsEntered) {
 }
 
 TEST_F(VrfNamespace, NamedManagementTakesPrecedence) {
-    // In a mount namespace of its own, so that nobody else ever sees a namespace of that name.
+    // In a mount namespace of its own, so that no other process sees a namespace of that name.
     const ino_t expected = blue.inode();
     const int result = in_child([&] {
         if (!get_own_mounts()) {
@@ -179,7 +179,7 @@ TEST_F(VrfNamespace, NamedManagementTakesPrecedence) {
         }
         Scratch::write("/run/netns/management", "");
         if (vrfdir_get_context_id("management") != 1) {
-            return 4; // a file that is no namespace
+            return 4; // a file that is not a namespace
         }
         if (std::string why; ulmo::enter_vrf("management", &why) || why.empty()) {
             return 5;
