@@ -1,5 +1,5 @@
-// Whoever in this process wants to know what its endpoints send and which answers they get: the
-// agent's side, which tells administrators of the saves that managers ask for.
+// Observes the messages that the endpoints of this process send and the answers they get. The
+// agent's side does so, to report to administrators the saves that managers request.
 #pragma once
 
 #include "base/unique_fd.h"
@@ -13,17 +13,17 @@ class BusObserver {
   public:
     virtual ~BusObserver() = default;
 
-    // A message was sent, or could not be: an errno value. Must not throw.
+    // A message was sent, or failed with this errno value. Must not throw.
     virtual void sent(std::uint32_t opcode, int error) noexcept = 0;
 
-    // An answer has come, and the connection to the peer on which more may follow.
+    // An answer was received; the connection is the one on which the peer may send more.
     virtual void answered(msgbus_msg answer, UniqueFd connection) noexcept = 0;
 
-    // No answer will come to the request of that token: an errno value says why.
+    // The request of that token will not be answered; `error` is an errno value.
     virtual void unanswered(std::uint32_t token, int error) noexcept = 0;
 };
 
-// From now on, and as long as the process lives.
+// Observes from now to the end of the process.
 void observe_bus(BusObserver &observer);
 
 } // namespace ulmo

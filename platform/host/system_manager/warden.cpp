@@ -41,8 +41,6 @@ std::string current_boot() {
     return id;
 }
 
-// --- requests ---
-
 std::string text_of(const char (&field)[WARDEN_CFG_ACTION_TEXT_SIZE]) {
     return {field, ::strnlen(field, sizeof field)};
 }
@@ -65,7 +63,7 @@ bool is_known(const warden_cfg_action &request) {
            (request.fabric == 0 || request.all == 0);
 }
 
-// An answer on the requester's connection; whether it could be sent.
+// Answers on the requester's connection; returns whether the answer was sent.
 bool answer(const Incoming &request, std::uint32_t opcode, std::uint32_t status,
             const std::string &text = "") {
     const std::uint32_t word = htonl(status);
@@ -85,21 +83,20 @@ void drop(const Incoming &incoming, const char *why) {
 Warden::Warden() : server_(MSGBUS_SAP_WARDEN), signals_(signals_that_are_read()) {}
 
 void Warden::run() {
-    while (!is_told_to_end_ || current_) {
-        // Requests that come too late are not served: they must not wake it either, again and
-        // again.
+    while (!is_ending_ || current_) {
+        // Once the daemon is ending, new requests are not served and must not wake it either.
         std::array<pollfd, 2> sources{
-            {{signals_.get(), POLLIN, 0}, {is_told_to_end_ ? -1 : server_.fd(), POLLIN, 0}}};
+            {{signals_.get(), POLLIN, 0}, {is_ending_ ? -1 : server_.fd(), POLLIN, 0}}};
         ::poll(sources.data(), sources.size(), time_to_wait());
-        for (signalfd_siginfo told;
-             ::read(signals_.get(), &told, sizeof told) == static_cast<ssize_t>(sizeof told);) {
-            if (told.ssi_signo != SIGCHLD) {
-                is_told_to_end_ = true;
+        for (signalfd_siginfo signal; ::read(signals_.get(), &signal, sizeof signal) ==
+                                      static_cast<ssize_t>(sizeof signal);) {
+            if (signal.ssi_signo != SIGCHLD) {
+                is_ending_ = true;
             }
         }
-        // The end of an action comes before a request that was sent because of it.
+        // The end of an action is handled before a request that was sent because of it.
         collect();
-        if (!is_told_to_end_) {
+        if (!is_ending_) {
             server_.serve([this](Incoming incoming) {
                 try {
                     take(std::move(incoming));
@@ -113,10 +110,10 @@ void Warden::run() {
     }
 }
 
-// Milliseconds for poll(2).
+// The timeout for poll(2), in milliseconds.
 int Warden::time_to_wait() const {
     constexpr int soon = 100;
-    const bool has_deadline = current_ && (current_->is_given_up || is_told_to_end_);
+    const bool has_deadline = current_ && (current_->is_given_up || is_ending_);
     return has_deadline ? soon : -1;
 }
 
@@ -160,7 +157,7 @@ void Warden::take_request(Incoming incoming) {
         answer(incoming, MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION, refusal);
         return;
     }
-    // First of all: the requester waits for it.
+    // The requester waits for the answer, so it is sent first.
     if (!answer(incoming, MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION, WARDEN_CFG_ACTION_INITIATED)) {
         log_error("not begun: the requester is gone");
         return;
@@ -214,7 +211,7 @@ void Warden::collect() {
     }
 }
 
-// Tells the requester how the current action ended, and goes on with the one that waits.
+// Reports the end of the current action to the requester and starts the waiting one.
 void Warden::end(const ActionOutcome &outcome) {
     const Work work = std::move(*current_);
     current_.reset();

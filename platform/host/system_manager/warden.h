@@ -2,9 +2,9 @@
 // Used by: agent, programs.
 // May use: base, copy_client, history, bus, device, fabric, platform.
 //
-// The system manager: takes configuration actions from the message bus, one at a time, and tells
-// each requester, on the connection of its request, how the action ended. A requester whose
-// connection closes before knows that nothing will come of it.
+// The system manager: takes configuration actions from the message bus, one at a time, and reports
+// the outcome of each to its requester, on the connection of the request. If that connection closes
+// earlier, the requester knows that no outcome will follow.
 #pragma once
 
 #include "base/unique_fd.h"
@@ -19,11 +19,12 @@ namespace ulmo {
 
 class Warden {
   public:
-    // Serves from here on. Blocks the signals that run() reads. Throws std::system_error, with
-    // EADDRINUSE when another system manager runs.
+    // Starts to serve. Blocks the signals that run() reads. Throws std::system_error, with
+    // EADDRINUSE if another system manager runs.
     Warden();
 
-    // Until SIGTERM or SIGINT; an action that runs then is given up, and the requester still told.
+    // Serves until SIGTERM or SIGINT; an action running then is given up, and its outcome is still
+    // reported to the requester.
     void run();
 
   private:
@@ -34,7 +35,7 @@ class Warden {
         Action action;
         Incoming request;
         Clock::time_point began;
-        std::unique_ptr<ActionProcess> process; // none: not begun yet
+        std::unique_ptr<ActionProcess> process; // null: not begun yet
         bool is_given_up = false;               // nobody waits for its end any more
     };
 
@@ -51,12 +52,11 @@ class Warden {
     UniqueFd signals_;
     std::optional<Work> current_;
     std::optional<Work> next_; // waits for the end of a current one that was given up
-    bool is_told_to_end_ = false;
+    bool is_ending_ = false;
 };
 
-// The switch starts with this system manager: the startup configuration becomes the running
-// configuration. Does nothing when the switch has been started already, that is, when a system
-// manager before this one did it since the machine booted. Throws as the device does.
+// Starts the switch: the startup configuration becomes the running configuration. Does nothing if
+// an earlier system manager has done so since the machine booted. Throws as the device does.
 void start_switch();
 
 } // namespace ulmo
