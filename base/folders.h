@@ -3,7 +3,7 @@
 //          programs.
 // May use: platform.
 //
-// Where the host platform keeps things.
+// The directories and files of the host platform.
 #pragma once
 
 #include <filesystem>

@@ -375,7 +375,7 @@ std::vector<std::string> settings_problems() {
     return current()->problems;
 }
 
-void tell_settings_problems_to(SettingsListener new_listener) {
+void set_settings_listener(SettingsListener new_listener) {
     listener = new_listener;
 }
 

@@ -137,6 +137,6 @@ std::vector<std::string> settings_problems();
 // Sets the function that reports these problems. It is called when one of the functions above finds
 // them, once per process and again after each change of the file.
 using SettingsListener = void (*)(const std::string &problem);
-void tell_settings_problems_to(SettingsListener listener);
+void set_settings_listener(SettingsListener listener);
 
 } // namespace ulmo

@@ -61,13 +61,13 @@ std::string describe_silence(const Trouble &trouble) {
 } // namespace
 
 Session session_with(const netsnmp_session &defaults, const std::string &agent, bool is_verbose) {
-    Tell tell;
+    Trace trace;
     if (is_verbose) { // one write: other sessions print at the same time
-        tell = [agent](const std::string &words) {
-            std::cerr << "config-copy: " + agent + ": " + words + '\n' << std::flush;
+        trace = [agent](const std::string &text) {
+            std::cerr << "config-copy: " + agent + ": " + text + '\n' << std::flush;
         };
     }
-    return {defaults, {agent, reachable_address(agent)}, interrupt_descriptor(), std::move(tell)};
+    return {defaults, {agent, reachable_address(agent)}, interrupt_descriptor(), std::move(trace)};
 }
 
 Failure failure_of(const Trouble &trouble, const std::string &agent) {

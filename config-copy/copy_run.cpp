@@ -197,10 +197,10 @@ class Run {
             }
             progress_("copy running", elapsed);
         });
-        tell(outcome, end);
+        report(outcome, end);
     }
 
-    void tell(Outcome &outcome, const CopyState &end) {
+    void report(Outcome &outcome, const CopyState &end) {
         const bool is_done = end.state == COPY_STATE_SUCCESSFUL;
         outcome.state = state_name(end.state);
         outcome.seconds = seconds_between(end.started, end.completed);

@@ -138,8 +138,8 @@ void Session::FreePdu::operator()(netsnmp_pdu *pdu) const {
 
 // The library would ask for the agent's engine id here and wait for it. make_ready() does that
 // without blocking other sessions.
-Session::Session(const netsnmp_session &settings, Peer peer, int stop, Tell tell)
-    : peer_(std::move(peer)), stop_(stop), tell_(std::move(tell)) {
+Session::Session(const netsnmp_session &settings, Peer peer, int stop, Trace trace)
+    : peer_(std::move(peer)), stop_(stop), trace_(std::move(trace)) {
     const std::lock_guard lock(library);
     netsnmp_session opened = settings;
     opened.peername = peer_.address.data();
@@ -284,15 +284,15 @@ Session::Pdu Session::exchange(Pdu pdu, bool reports_are_answers) {
         // nothing.
         throw has_answered_ && unanswered_ < 2 ? Trouble(TroubleKind::out_of_time) : silence();
     }
-    if (tell_) {
-        tell_(describe_request(*pdu));
+    if (trace_) {
+        trace_(describe_request(*pdu));
     }
     Pending &pending = pending_.emplace_back();
     // The network refuses it at once; the route may come back.
     if (!send(std::move(pdu), pending)) {
         pending_.pop_back();
-        if (tell_) {
-            tell_("  not sent: the network refuses it");
+        if (trace_) {
+            trace_("  not sent: the network refuses it");
         }
         if (!cleans_up_) {
             pause(timeout_);
@@ -303,11 +303,11 @@ Session::Pdu Session::exchange(Pdu pdu, bool reports_are_answers) {
     await(pending);
     Pending ended = std::move(pending);
     pending_.pop_back();
-    if (tell_) {
-        tell_(ended.is_silent ? "  no answer"
-              : ended.report != SNMPERR_SUCCESS
-                  ? std::string("  report: ") + ::snmp_api_errstring(ended.report)
-                  : "  " + describe_answer(*ended.answer));
+    if (trace_) {
+        trace_(ended.is_silent ? "  no answer"
+               : ended.report != SNMPERR_SUCCESS
+                   ? std::string("  report: ") + ::snmp_api_errstring(ended.report)
+                   : "  " + describe_answer(*ended.answer));
     }
     if (ended.is_silent) {
         ++unanswered_;

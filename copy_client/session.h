@@ -2,10 +2,10 @@
 // Used by: system_manager, config-copy.
 // May use: base, platform.
 //
-// Requests to one agent. Many sessions work side by side, each in a thread of its own: the Net-SNMP
-// library knows nothing of threads, so one lock guards every call of it, and none is held while an
-// answer is awaited. What the library knows of a user and of an engine's time it knows by the
-// engine id, for all sessions: two agents with the same one disturb each other.
+// Requests to one agent. Many sessions may work at once, each in a thread of its own. The Net-SNMP
+// library is not thread-safe, so one lock guards every call of it; the lock is not held while a
+// session waits for an answer. The library stores users and engine times by engine id for all
+// sessions together, so two agents with the same engine id disturb each other.
 #pragma once
 
 #include "copy_client/copy_table.h"
@@ -61,7 +61,7 @@ struct Peer {
 };
 
 // Receives each message as text; several threads may call it at once. Passwords are not shown.
-using Tell = std::function<void(const std::string &text)>;
+using Trace = std::function<void(const std::string &text)>;
 
 // Initialises the library for a program that gives its sessions all their settings: it reads no
 // user configuration, loads no MIB modules, stores nothing on this machine and prints nothing. Call
@@ -77,7 +77,7 @@ class Session {
     // the library's own settings apply where it leaves something open. It must outlive the session.
     // A request ends with Stopped when the descriptor `stop` (-1: never) becomes readable. Throws
     // Trouble.
-    Session(const netsnmp_session &settings, Peer peer, int stop, Tell tell = {});
+    Session(const netsnmp_session &settings, Peer peer, int stop, Trace trace = {});
     Session(const Session &) = delete;
     Session &operator=(const Session &) = delete;
     ~Session();
@@ -148,7 +148,7 @@ class Session {
 
     Peer peer_;
     int stop_;
-    Tell tell_;
+    Trace trace_;
     void *handle_ = nullptr;
     netsnmp_session *session_ = nullptr; // the library's, of handle_
     std::list<Pending> pending_;         // requests that were given up may still be answered

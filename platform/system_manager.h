@@ -26,10 +26,10 @@ uint32_t warden_cli_write_ascii_cfg(int32_t handle, const char *path);
 #define MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION 1381U
 #define MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION_ABORT 1383U
 
-/* To the agent: the action has begun, without payload. It makes the table's first waiting row run.
- * The row of an action that the module has asked for runs before the request goes out, so that the
- * message could only hit another's: a platform may leave it out. It may not where the system
- * manager begins, without a request, an action that a waiting row stands for. */
+/* To the agent: the action has begun, without payload. It marks the table's first waiting row as
+ * running. The row of an action that the module has requested is running before the request is
+ * sent, so the message could only affect another row, and a platform may omit it. A platform must
+ * send it if its system manager begins, without a request, an action that a waiting row is for. */
 #define MSGBUS_OPC_WARDEN_CFG_ACTION_BEGIN 1391U
 
 /* To the agent: the action has ended, with one big-endian word, 0 for success. It ends the first

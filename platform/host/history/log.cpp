@@ -65,7 +65,7 @@ __attribute__((format(printf, 3, 0))) void record(uint32_t subtype, Reader reade
 
 // Makes every process of the platform log problems with the settings.
 [[maybe_unused]] const bool logs_settings_problems = [] {
-    tell_settings_problems_to(
+    set_settings_listener(
         [](const std::string &problem) { log_error("settings: %s", problem.c_str()); });
     return true;
 }();

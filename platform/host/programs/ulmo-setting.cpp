@@ -50,7 +50,7 @@ int main(int argc, char **argv) try {
         return usage();
     } else {
         // the agent logs them; not again for each transfer
-        ulmo::tell_settings_problems_to(nullptr);
+        ulmo::set_settings_listener(nullptr);
         ulmo::require_settings();
         for (int i = 1; i < argc; ++i) {
             const auto *const setting = std::find_if(

@@ -62,10 +62,9 @@ class HostSettings : public testing::Test {
   protected:
     void SetUp() override {
         told.clear();
-        ulmo::tell_settings_problems_to(
-            [](const std::string &problem) { told.push_back(problem); });
+        ulmo::set_settings_listener([](const std::string &problem) { told.push_back(problem); });
     }
-    void TearDown() override { ulmo::tell_settings_problems_to(nullptr); }
+    void TearDown() override { ulmo::set_settings_listener(nullptr); }
 
     [[nodiscard]] std::filesystem::path file() const { return scratch.root() / "platform.conf"; }
     [[nodiscard]] std::string line(int number) const {
