@@ -1,22 +1,26 @@
-# What snmp.ftp.expect, sftp.expect and scp.expect have in common. Each moves one file between this switch and a server with the system's own
-# client, which runs on a pseudo terminal. The scripts say nothing when the file was moved; otherwise they say why in one line on standard error.
+# Shared by snmp.ftp.expect, sftp.expect and scp.expect. Each transfers one file between this switch
+# and a server with the system's own client, which runs on a pseudo terminal. A script prints
+# nothing if the file was transferred, and otherwise the reason in one line on standard error.
 #
 # Exit codes:
-#   0  done: the client, and where the protocol has such a word the server, has confirmed the whole file
-#   1  timed out, or the server can't be reached: no answer, no route, connection refused, no such host
-#   2  file name refused, here or by the server: missing, not permitted, a directory, a control character in it
+#   0  done: the client and, if the protocol allows, the server have confirmed the whole file
+#   1  timed out, or the server can't be reached: no answer, no route, connection refused, no such
+#      host
+#   2  file name refused, here or by the server: missing, not permitted, a directory, a control
+#      character in it
 #   3  no space or quota left, here or on the server
 #   4  login refused
 #   5  host key refused: it has changed, or is not known and first contact is off
 #   6  connection lost
-#   7  wrong use, bad settings, or the VRF is not known or can't be entered
+#   7  wrong use, bad settings, or the VRF does not exist or can't be entered
 #   8  anything else
 #
 # Every script takes the number of a VRF as optional last argument, and runs the client within it.
 #
 # Settings (platform.conf): transfer_time_limit, transfer_idle_limit, ssh_accept_new_host_keys.
 #
-# All texts are octets: one character for each, whatever the locale, as the system encoding is ISO 8859-1 once take_arguments has returned.
+# All texts are octets, one character for each in any locale: the system encoding is ISO 8859-1 once
+# take_arguments has returned.
 
 log_user 0
 match_max 65536
@@ -27,20 +31,19 @@ set temporary {}
 set client_pid 0
 set closed no
 set transcript {}
-set report {} ;# where the copy that this transfer belongs to wants to hear of it: platform/host/history/copy_report.h
+# The report file of the copy, if there is one: platform/host/history/copy_report.h
+set report {}
 set moved_file {} ;# the local one
 
-# --- arguments ---------------------------------------------------------------------------------------------------------------------------------
-
-# Returns the script's arguments. They hold a password, so that the process list may not keep them: the script starts anew without arguments
-# and reads them from a pipe that is its standard input.
+# Returns the script's arguments. They contain a password and must not stay in the process list: the
+# script restarts itself without arguments and reads them from a pipe as its standard input.
 proc take_arguments {} {
     global env argc argv0 report
     if {![info exists env(ULMO_ARGUMENTS_ON_STDIN)]} {
-        # Not $argv: Tcl has converted that from the caller's locale.
+        # Not $argv, which Tcl has converted from the caller's locale.
         set words [lrange [split [contents /proc/self/cmdline] \0] end-$argc end-1]
         lassign [chan pipe] reading writing
-        # More than a pipe holds can't be an honest file name, and would wait here for ever.
+        # More than a pipe holds can't be a genuine file name, and would block here for ever.
         if {[string length [join $words]] > 4000} {
             fail use "the arguments are too long"
         }
@@ -55,7 +58,7 @@ proc take_arguments {} {
     set report [from_environment ULMO_COPY_REPORT {}]
     fconfigure stdin -translation binary
     set words [lrange [split [read stdin] \0] 0 end-1]
-    # What the clients take from the environment (a home folder, an agent, a proxy, a pager) is not for them.
+    # The clients must not use these variables (a home folder, an agent, a proxy, a pager).
     set path $env(PATH)
     set kept [list PATH $path LC_ALL C TERM dumb HOME /nonexistent]
     foreach name {ULMO_STATE_DIR ULMO_RUN_DIR ULMO_CONF} {
@@ -70,7 +73,7 @@ proc take_arguments {} {
     return $words
 }
 
-# Takes the VRF's number off the end of the arguments when there is one more than `count`.
+# Removes the VRF's number from the end of the arguments if there is one more than `count`.
 proc split_vrf {words count usage} {
     global vrf
     set vrf {}
@@ -114,8 +117,6 @@ proc check_server {server} {
     }
 }
 
-# --- settings ----------------------------------------------------------------------------------------------------------------------------------
-
 proc contents {file} {
     set channel [open $file rb]
     set text [read $channel]
@@ -128,7 +129,8 @@ proc from_environment {name default} {
     return [expr {[info exists env($name)] && $env($name) ne {} ? $env($name) : $default}]
 }
 
-# The values of these settings as the platform judges them. Where that must not be passed over, the transfer fails with its reason.
+# The effective values of these settings. If a bad value must not be ignored, the transfer fails
+# with the reason.
 proc settings {args} {
     global here
     if {[catch {exec $here/ulmo-setting {*}$args} values]} {
@@ -136,8 +138,6 @@ proc settings {args} {
     }
     return [split $values \n]
 }
-
-# --- ending ------------------------------------------------------------------------------------------------------------------------------------
 
 # Adds a line to the copy's report.
 proc report {key text} {
@@ -152,12 +152,12 @@ proc report {key text} {
     }
 }
 
-# What of a text a reader would take for the password, or for a part of it, however it is written.
+# The characters of a text by which a reader would recognise the password or a part of it.
 proc bare {text} {
     return [regsub -all {[^a-z0-9\x80-\xff]} [string tolower $text] {}]
 }
 
-# Whether the text tells the password. A server or a client may echo it in a line of its own making.
+# Whether the text reveals the password. A server or a client may echo it in its messages.
 proc tells_password {text} {
     global password
     if {$password eq {}} {
@@ -174,8 +174,8 @@ proc tells_password {text} {
     return [expr {[string first $password $text] >= 0}]
 }
 
-# Why the transfer fails, for a reader who sees neither the server nor what the client has said: `line`,
-# where we have no better words.
+# The reason of the failure, for a reader who sees neither the server nor the client's output:
+# `line`, unless we have better words.
 proc reason {code line} {
     global transcript user server
     if {$code eq "login" && [info exists user]} {
@@ -192,12 +192,15 @@ proc one_line {text} {
     return [regsub -all {[\x00-\x1f\x7f]+} [string trim $text] { }]
 }
 
-# A text on one line; without the password, not even where that is part of a message.
+# A text on one line, or a plain one instead if it contains the password or a part of it.
 proc harmless {code text} {
     set text [one_line $text]
     if {$text eq {} || [tells_password $text]} {
-        array set plain {unreachable "the server does not answer" name "file name refused" space "no space left" login "login refused"
-            host_key "host key refused" lost "connection lost" use "wrong use" other "the transfer failed"}
+        array set plain {
+            unreachable "the server does not answer" name "file name refused" space "no space left"
+            login "login refused" host_key "host key refused" lost "connection lost"
+            use "wrong use" other "the transfer failed"
+        }
         return $plain($code)
     }
     return [string range $text 0 400]
@@ -226,9 +229,8 @@ proc transfer {body} {
     exit 0
 }
 
-# --- local files -------------------------------------------------------------------------------------------------------------------------------
-
-# An absolute name means the same to Tcl, whose own names know `~` and `|`, and to each client.
+# The absolute name, which means the same to every client and to Tcl, where a plain name may begin
+# with `~` or `|`.
 proc absolute {name} {
     return [expr {[string match /* $name] ? $name : "[pwd]/$name"}]
 }
@@ -251,7 +253,8 @@ proc local_source {name} {
     return $name
 }
 
-# The local file of a download: a new file beside the wanted one, that only its owner reads. keep_download gives it its name.
+# The local file of a download: a new file in the folder of the target, readable by its owner only.
+# keep_download renames it.
 proc local_target {name} {
     global target temporary
     set target [absolute $name]
@@ -275,7 +278,7 @@ proc keep_download {} {
     set moved_file $target
 }
 
-# How much of a download has come.
+# How much of a download has arrived.
 proc report_part {} {
     global temporary
     if {$temporary ne {} && ![catch {file size $temporary} size]} {
@@ -290,7 +293,7 @@ proc drop_temporary {} {
     }
 }
 
-# Something that no server can guess.
+# A text that no server can guess.
 proc token {} {
     set channel [open /dev/urandom rb]
     fconfigure $channel -buffering none -buffersize 16
@@ -299,9 +302,7 @@ proc token {} {
     return $text
 }
 
-# --- the client --------------------------------------------------------------------------------------------------------------------------------
-
-# Starts the client on a terminal of its own, which takes and gives every octet as it is, and begins to watch the limits.
+# Starts the client on a terminal of its own, in raw mode, and starts the time limits.
 proc start_client {args} {
     global spawn_id client_pid vrf idle_limit deadline moved looked progress here env
     lassign [settings transfer_idle_limit transfer_time_limit] idle_limit time_limit
@@ -323,19 +324,22 @@ proc start_client {args} {
         lappend variables $variable
         append words " \"\$$variable\""
     }
-    set client_pid [spawn -noecho -nottycopy -nottyinit /bin/sh -c "stty raw -echo || exit; set --$words; unset $variables; exec \"\$@\" 3>&- 4>&- 5>&- 6>&- 7>&- 8>&- 9>&-"]
+    set shell "stty raw -echo || exit; set --$words; unset $variables;"
+    append shell " exec \"\$@\" 3>&- 4>&- 5>&- 6>&- 7>&- 8>&- 9>&-"
+    set client_pid [spawn -noecho -nottycopy -nottyinit /bin/sh -c $shell]
     foreach variable $variables {
         unset env($variable)
     }
 }
 
-# A client that has gone meanwhile is noticed by what waits for its answer.
+# If the client has gone, the next wait for its answer notices.
 proc type {text} {
     catch {send -- $text}
 }
 
-# Waits until the client's output matches one of the regular expressions, and returns the name that stands before it, or `end` when the client
-# has closed its terminal. What the client has said up to there is then appended to `transcript` and is `said`.
+# Waits until the client's output matches one of the regular expressions, and returns the name that
+# precedes it in the arguments, or `end` if the client has closed its terminal. The output up to
+# there is returned in `said` and appended to `transcript`.
 proc await {args} {
     global spawn_id transcript said closed
     set said {}
@@ -387,8 +391,9 @@ proc check_limits {event} {
     }
 }
 
-# A text that changes whenever the client, or what it has started, has read something or the other end has taken something. A slow transfer
-# shows only here: the clients move data in large blocks, and the kernel holds more.
+# A text that changes whenever the client, or a process that it has started, has read something, or
+# the peer has received something. It is the only sign of a slow transfer: the clients move data in
+# large blocks, and the kernel buffers more.
 proc progress_now {} {
     set seen {}
     foreach pid [family] {
@@ -423,7 +428,8 @@ proc family {} {
     return $pids
 }
 
-# Waits for the client, which has closed its terminal, and returns its exit status; -1 when a signal has ended it.
+# Waits for the client, which has closed its terminal, and returns its exit status; -1 if a signal
+# has ended it.
 proc exit_status {} {
     global client_pid
     set ended [wait]
@@ -431,7 +437,7 @@ proc exit_status {} {
     return [expr {[llength $ended] > 4 ? -1 : [lindex $ended 3]}]
 }
 
-# Ends the client and all that it has started, whatever they are doing.
+# Kills the client and all that it has started.
 proc end_client {} {
     global spawn_id client_pid
     if {$client_pid != 0} {
@@ -442,7 +448,8 @@ proc end_client {} {
     }
 }
 
-# The first kind of `table`, pairs of a kind and a regular expression, that a line of the text matches, and that line; nothing if none does.
+# The first kind of `table`, a list of kinds and regular expressions, that matches a line of the
+# text, and that line; nothing if there is none.
 proc classified {text table} {
     foreach {kind pattern} $table {
         foreach line [split $text \n] {
@@ -454,14 +461,13 @@ proc classified {text table} {
     return {}
 }
 
-# --- SSH ---------------------------------------------------------------------------------------------------------------------------------------
-
 # A word of an OpenSSH configuration line.
 proc ssh_word {text} {
     return "\"[string map {\\ \\\\ \" \\\" % %%} $text]\""
 }
 
-# The superuser's ssh would make the file for himself, and an agent that runs as another user again could not use it.
+# ssh run by the superuser would create the file as the superuser's, and an agent that later runs as
+# another user could not use it.
 proc own_by_folder {file} {
     set folder [file dirname $file]
     catch {
