@@ -122,7 +122,7 @@ def traps_for_names():
 
 @pytest.fixture
 def other_server(place):
-    """Starts a program on the second address of the server's host. Nobody else listens there."""
+    """Starts a program on the second address of the server's host, which nothing else uses."""
     ct.run("lab-ctl", "server-exec", "ip", "address", "add", f"{protocols.OTHER_SERVER}/24", "dev",
            "br0")
     started = []

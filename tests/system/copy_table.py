@@ -326,5 +326,6 @@ def work_directory():
 
 
 def shared_tests(module):
-    """What a file has to know for pytest to run another module's tests as its own."""
+    """The test functions of another module, so that pytest runs them as the importing file's own.
+    """
     return {name: value for name, value in vars(module).items() if name.startswith("test_")}

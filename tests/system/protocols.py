@@ -180,8 +180,8 @@ def content(size):
 def received(request):
     """Activates a download and returns what arrived."""
     with contextlib.ExitStack() as stack:
-        # The worker applies the file when the device is free and then removes it, but not from
-        # under who has opened it.
+        # The worker applies the file when the device is free and then removes it; an open
+        # descriptor keeps it.
         with busy_device():
             request.activate()
 

@@ -1,5 +1,5 @@
-"""Saves through the system manager: what tests need to start one, to hold it up, and to see what it
-did. Beside copy_table.py."""
+"""Saves through the system manager, in addition to copy_table.py: starts a save, holds it up, and
+shows its effects."""
 
 import contextlib
 import fcntl
@@ -41,7 +41,7 @@ def change_times():
 
 @contextlib.contextmanager
 def busy_device(state=STATE_DIRECTORY):
-    """The device is at work, so that a save waits for its turn, as long as the block lasts."""
+    """Keeps the device busy within the block, so that a save waits."""
     file = os.open(state / "configuration.lock", os.O_RDWR)
     try:
         # struct flock of fcntl(2): a write lock on everything.
@@ -65,7 +65,7 @@ def damaged_running_configuration(state=STATE_DIRECTORY):
 
 @contextlib.contextmanager
 def full_disk(state):
-    """Nothing more fits on the disk that the directory lies on."""
+    """Fills the disk of the directory."""
     filler = state / "filler"
     with open(filler, "wb", buffering=0) as file:
         with contextlib.suppress(OSError):
@@ -99,5 +99,5 @@ def error_rows(manager, index=None):
 
 
 def outcomes(manager, request):
-    """What the error table tells of each switch, by the last octet of its name."""
+    """The text of the error table for each switch, by the last octet of its name."""
     return {row[2][-1]: row[3].decode() for _, row in error_rows(manager, request.index)}

@@ -1,5 +1,5 @@
-"""The copies that hold with every TFTP server, collected by the folders of the labs that they run
-in."""
+"""The copies that must work with every TFTP server, collected by the folders of the labs that they
+run in."""
 
 import pytest
 from copy_table import (

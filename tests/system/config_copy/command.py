@@ -1,4 +1,4 @@
-"""The command as a process, and agents of a test's own beside the lab's."""
+"""The command as a process, and agents of a test's own in addition to the lab's."""
 
 import json
 import os

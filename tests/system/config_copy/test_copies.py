@@ -1,4 +1,4 @@
-"""Copies that succeed, and how the command tells of them."""
+"""Copies that succeed, and the command's output about them."""
 
 import itertools
 import os
@@ -99,7 +99,7 @@ def test_templates_and_percent_encoding():
 
 
 def test_the_librarys_options_reach_the_requests():
-    """The lab's agent serves no such context."""
+    """The lab's agent does not serve this context."""
     done = config_copy("-n", "elsewhere", *QUICK, AGENT, "running", "startup")
     assert done.status == UNREACHABLE, done
     assert "does not answer this user's requests: check the context (-n)" in done.err, done

@@ -1,4 +1,4 @@
-"""--dry-run: asks, tells, and sets nothing."""
+"""--dry-run: reads and reports, and sets nothing."""
 
 import time
 

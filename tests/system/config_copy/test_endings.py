@@ -1,5 +1,4 @@
-"""Each exit status but 0, and what is said with it. No request of the command's stays on the
-switch."""
+"""Each exit status except 0, and its message. The command leaves no request on the switch."""
 
 import os
 import signal

@@ -1,4 +1,4 @@
-"""What the command tells of the switch's own line of a copy: the reason of a failure, the size."""
+"""What the command reports from the switch's line of a copy: the reason of a failure, the size."""
 
 import hashlib
 import re
@@ -9,7 +9,7 @@ from command import DONE, FAILED, config_copy
 from copy_table import ACCOUNT, AGENT, SERVER4, SERVER_ROOT, run, serve
 from saves import damaged_running_configuration
 
-# A user who may read the copy table and nothing else.
+# A user with access to the copy table only.
 SETTINGS = (
     "createUser limited SHA-256 limited-auth AES limited-priv",
     "group limited usm limited",
@@ -85,7 +85,7 @@ def test_reason_of_a_failed_save():
 
 
 def test_user_who_may_not_read_the_line(own_agents, password_file):
-    """The outcome is told without it, and as quickly."""
+    """The outcome is reported without it, and as quickly."""
     (agent,) = own_agents(1, SETTINGS)
     began = time.monotonic()
     done = config_copy(*CREDENTIALS, "--password-file", password_file("wrong"), agent.name,

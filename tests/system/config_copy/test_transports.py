@@ -1,4 +1,4 @@
-"""The transports of the Net-SNMP library, beside UDP and TCP over IPv4, which the other tests
+"""The transports of the Net-SNMP library other than UDP and TCP over IPv4, which the other tests
 use."""
 
 import os

@@ -1,5 +1,5 @@
-"""The line that the switch keeps of each copy and save, and gives to the system's log: who asked,
-what was to be copied, and what came of it."""
+"""The line that the switch keeps of each copy and save and sends to the system's log: the
+requester, the source and destination, and the outcome."""
 
 import hashlib
 import itertools
@@ -134,7 +134,7 @@ def test_community_is_told_by_the_name_that_stands_for_it():
 
 
 def test_requester_is_another_host():
-    """The second switch asks the first."""
+    """The second switch sends the request to the first."""
     settings = [f"{name}={os.environ[name]}" for name in ("SNMPCONFPATH", "SNMP_PERSISTENT_DIR")]
     manager = Manager("v3", within=("lab-ctl", "switch-exec", "2", "env", *settings))
     line = line_of(Request(manager).create(*upload(SERVER4, "asked.cfg")).copied())

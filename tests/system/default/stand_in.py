@@ -1,5 +1,5 @@
-"""A system manager for tests, in the real one's place: it takes the agent's requests from the
-message bus, answers as told, and tells the agent what a test wants told."""
+"""A system manager for tests, which replaces the real one: it takes the agent's requests from the
+message bus, answers as the test wants, and sends the messages that the test wants."""
 
 import os
 import socket

@@ -25,7 +25,7 @@ SILENT = "192.0.2.66"
 
 @pytest.fixture
 def silent_server():
-    """A host on the link whose server takes everything and says nothing."""
+    """A host on the link with a server that accepts everything and answers nothing."""
     run("lab-ctl", "server-exec", "ip", "address", "add", f"{SILENT}/24", "dev", "br0")
     program = (f"import socket; s = socket.socket(type=socket.SOCK_DGRAM); s.bind(('{SILENT}', "
                "69)); print('ready', flush=True)\nwhile True: s.recv(9)")
@@ -132,7 +132,7 @@ def test_extend_script_works_before_during_and_after_a_copy(manager, broken_link
         return output
 
     def another_run_than(*earlier):
-        """The agent keeps an output for a second."""
+        """The agent caches an output for a second."""
         return wait_for(lambda: (output := greeting()) not in earlier and output, 5,
                         "another run of the script")
 
@@ -147,7 +147,7 @@ def test_extend_script_works_before_during_and_after_a_copy(manager, broken_link
 
 
 def test_destroyed_row_of_a_running_copy(manager, broken_link):
-    """The row goes at once, the worker to its end, and then the next copy may start."""
+    """The row vanishes immediately, the worker ends, and then the next copy may start."""
     request = running_copy(manager, "destroyed.cfg")
     request.destroy()
     assert not request.exists()

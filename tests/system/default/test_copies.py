@@ -1,5 +1,5 @@
-"""What a copy does beside moving a file: states, the notification, causes of failure, one at a
-time."""
+"""What a copy does in addition to moving a file: states, the notification, causes of failure, one
+at a time."""
 
 from pathlib import Path
 

@@ -1,4 +1,4 @@
-"""Rows as a manager makes, reads and removes them."""
+"""Rows as a manager creates, reads and destroys them."""
 
 import pytest
 from copy_numbers import COPY_ENTRY, ERROR_ENTRY, ROOT

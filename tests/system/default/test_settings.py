@@ -1,5 +1,5 @@
-"""What holds of platform.conf while the switch runs: what is wrong in it, and what a file that
-can't be read makes fail."""
+"""The effect of platform.conf while the switch runs: mistakes in it, and what fails if it can't be
+read."""
 
 import os
 import re

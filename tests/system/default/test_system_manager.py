@@ -341,7 +341,7 @@ def undisturbed(operator, broken_link):
 
 
 def test_another_users_messages_are_refused_and_logged(undisturbed):
-    """Neither the agent nor the system manager takes anything from a process of another user."""
+    """Neither the agent nor the system manager accepts a message from another user's process."""
     for point, opcode in ((SYSTEM_MANAGER, 1381), (SYSTEM_MANAGER, 1383), (SNMP_AGENT, 1361),
                           (SNMP_AGENT, 1391), (SNMP_AGENT, 10273)):
         line = f"msgbus: access point {point}: process "

@@ -1,4 +1,4 @@
-"""The server has no room left."""
+"""The server's disk is full."""
 
 import errno
 

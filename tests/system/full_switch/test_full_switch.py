@@ -1,4 +1,4 @@
-"""The switch has no room left."""
+"""The switch's disk is full."""
 
 from copy_table import (
     GENERAL, NO_SPACE, SERVER4, SERVER_ROOT, STATE_FAILED, Request, download, serve, show, upload,

@@ -2,10 +2,10 @@
 // them, each after a delay, some not at all.
 //
 //   link_relay --tun DEVICE --left NAME --right NAME [--delay MS] [--loss PERCENT] [--rate KBIT]
-//   [--cut-after BYTES] [--seed N]
+//              [--cut-after BYTES] [--seed N]
 //
-// Every property holds for each direction by itself. `--cut-after` ends the carrying for good in
-// both directions once so many octets of frames have entered the cable. The same seed loses the
+// Every property applies to each direction separately. `--cut-after` cuts both directions for good
+// once so many octets of frames have entered the cable. The same seed loses the
 // same frames of a direction, counted from the first. Prints "ready" when both devices are there;
 // they may then be moved to other network namespaces. Ends with SIGTERM.
 #include <fcntl.h>
@@ -41,9 +41,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock; // CLOCK_MONOTONIC, the clock of the timer
 
-constexpr std::size_t largest_frame = 65536; // TAP never hands over more at a time
-constexpr std::size_t queue_frames =
-    4096; // what the cable holds; more is lost, as in a switch with full buffers
+constexpr std::size_t largest_frame = 65536; // the most that TAP delivers at a time
+// The capacity of the cable; more is lost, as in a switch with full buffers.
+constexpr std::size_t queue_frames = 4096;
 
 [[noreturn]] void fail(const char *what) {
     throw std::system_error(errno, std::generic_category(), what);
@@ -84,10 +84,9 @@ Descriptor open_tap(const std::string &device, std::string_view name) {
 
 struct Properties {
     std::chrono::microseconds delay{0};
-    double loss = 0;              // 0 to 1
-    double octets_per_second = 0; // 0: no limit
-    std::optional<std::uint64_t>
-        octets_until_cut; // left of the cable's life, both directions together
+    double loss = 0;                               // 0 to 1
+    double octets_per_second = 0;                  // 0: no limit
+    std::optional<std::uint64_t> octets_until_cut; // both directions together
     std::uint32_t seed = 1;
 };
 

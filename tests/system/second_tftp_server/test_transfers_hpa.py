@@ -1,4 +1,4 @@
-"""The same copies with a server that knows no windowsize."""
+"""The same copies with a server that does not support windowsize."""
 
 import os
 import shutil
