@@ -136,8 +136,8 @@ Failure failure_of(const Trouble &trouble, const std::string &agent) {
         return {ExitStatus::unreachable,
                 agent + " has more than " + std::to_string(trouble.number) + " instances of " +
                     trouble.detail +
-                    ", so it is broken or flooded with requests; copy requests go "
-                    "by themselves within 7 minutes, otherwise restart or update the agent"};
+                    ", so it is broken or flooded with requests; copy requests "
+                    "expire within 7 minutes, otherwise restart or update the agent"};
     case TroubleKind::too_many_octets:
         return {ExitStatus::unreachable,
                 agent + " is broken: it sent more than " + std::to_string(trouble.number) +

@@ -97,7 +97,7 @@ class Run {
                 outcome.start_time = time_text(std::time(nullptr));
                 return;
             }
-            // One that waits as long as we may would go by its age.
+            // A request that waits as long as we may would age out.
             row_.destroy();
             const auto waited =
                 std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - began);

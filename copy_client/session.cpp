@@ -344,7 +344,7 @@ bool Session::send(Pdu pdu, Pending &pending) {
 
 void Session::await(Pending &pending) {
     constexpr int most_octets = 1 << 20;
-    constexpr int most_at_a_time = 1 << 16; // that the library reads
+    constexpr int most_at_a_time = 1 << 16; // in one read of the library
     int taken = 0;
     while (!pending.ended) {
         timeval time{};
@@ -375,7 +375,7 @@ void Session::await(Pending &pending) {
             ::snmp_sess_read2(handle_, &descriptors);
             ::netsnmp_large_fd_set_cleanup(&descriptors);
         }
-        if (!pending.ended) { // though there may be input, which need not be our answer
+        if (!pending.ended) { // also after input, which need not be our answer
             ::snmp_sess_timeout(handle_);
         }
     }

@@ -68,7 +68,7 @@ using Trace = std::function<void(const std::string &text)>;
 // it before any thread is started.
 void set_up_library(const char *program);
 
-// More than a switch can have of an object: every request goes by itself within 7 minutes.
+// More instances of an object than a switch can have: every request expires within 7 minutes.
 inline constexpr std::size_t most_instances = 100'000;
 
 class Session {
@@ -93,8 +93,8 @@ class Session {
     void begin_to_clean_up(Milliseconds most);
 
     // These wait for the answer. They throw Stopped, or Trouble if no answer comes, the agent does
-    // not accept our requests, or it is broken. The memory that an agent can make them use is
-    // bounded.
+    // not accept our requests, or its answer is invalid. They limit the memory that an agent can
+    // make them use.
 
     // The values in the order of the names. A read is harmless, so it is repeated until it is
     // answered.
@@ -105,7 +105,7 @@ class Session {
     bool has_object(const Oid &name);
 
     // The instances whose names are this one plus one sub-identifier, as those of a column are.
-    // More than `most` are Trouble.
+    // Throws Trouble if there are more than `most`.
     std::vector<Binding> instances(const Oid &name, std::size_t most = most_instances);
 
     // Sends the SET once: a repeated one could be carried out twice. Empty if it is not known

@@ -33,9 +33,9 @@ enum class TroubleKind {
 
     out_of_time, // the deadline is over, and the agent answers
 
-    // The agent is broken. detail: the object that was asked for, where it is given.
+    // The agent is broken. detail: the requested object, where noted.
     wrong_answer,     // another object, or a value that the object can't have; detail
-    names_not_rising, // a walk comes back to where it was; detail
+    names_not_rising, // a walk goes back; detail
     endless_table,    // more instances than number; detail
     too_many_octets,  // more than number in answer to one request
     no_free_index,    // number random indexes all have a row

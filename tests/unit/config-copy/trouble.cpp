@@ -1,4 +1,4 @@
-// What a broken agent is told apart by: each has a text that says what happened and what to do.
+// Each fault of a broken agent has a text that says what happened and what to do.
 #include "config-copy/agent_session.h"
 
 #include <gtest/gtest.h>
@@ -24,11 +24,10 @@ TEST(ManagerTrouble, ABrokenAgentHasItsWords) {
     EXPECT_EQ(told(TroubleKind::names_not_rising, 0, "ccCopyState"),
               "switch1 is broken: a walk of ccCopyState comes back to where it was and would never "
               "end; restart or update the agent");
-    EXPECT_EQ(
-        told(TroubleKind::endless_table, 100'000, "ccCopyState"),
-        "switch1 has more than 100000 instances of ccCopyState, so it is broken or flooded "
-        "with requests; copy requests go by themselves within 7 minutes, otherwise restart or "
-        "update the agent");
+    EXPECT_EQ(told(TroubleKind::endless_table, 100'000, "ccCopyState"),
+              "switch1 has more than 100000 instances of ccCopyState, so it is broken or flooded "
+              "with requests; copy requests expire within 7 minutes, otherwise restart or "
+              "update the agent");
     EXPECT_EQ(told(TroubleKind::too_many_octets, 1 << 20),
               "switch1 is broken: it sent more than 1048576 octets in answer to one request; check "
               "the address, and which agent runs there");
