@@ -1,5 +1,4 @@
-// What a module registers with the agent: it is repeated in each SNMP context (RFC 3411, 3.3.1)
-// that names a VRF.
+// Repeats a module's registrations in each SNMP context (RFC 3411, 3.3.1) that names a VRF.
 #include "base/c_boundary.h"
 #include "base/settings.h"
 #include "platform/host/agent/copies.h"
@@ -18,10 +17,10 @@
 namespace ulmo {
 namespace {
 
-// Contexts that hold a module's registrations, on the agent's thread; what was registered there is
-// withdrawn there, whatever the setting says by then.
+// The contexts with registrations of a module, used on the agent's thread only. Registrations are
+// withdrawn from these contexts, whatever the setting says by then.
 std::vector<std::string> &contexts() {
-    // for the process's life, past all destructors
+    // never destroyed: lives as long as the process
     static auto *const names = new std::vector<std::string>;
     return *names;
 }
@@ -40,7 +39,7 @@ void read_contexts() {
 
 extern "C" {
 
-// A module is linked so that its calls of register_mib() and unregister_mib() come here (ld(1),
+// A module's link replaces its calls of register_mib() and unregister_mib() with these (ld(1),
 // --wrap).
 int __wrap_register_mib(const char *module, const struct variable *variables, size_t variable_size,
                         size_t count, const oid *root, size_t root_length) {

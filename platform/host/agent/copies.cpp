@@ -69,9 +69,9 @@ std::chrono::milliseconds since(Clock::time_point began) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - began);
 }
 
-// Keeps the line and gives it to the system's log. Neither harms the copy when it fails.
+// Keeps the line and sends it to the system's log. A failure of either does not affect the copy.
 void tell(const std::string &line) {
-    // The priority says what it is; the agent's own name in that log stays as the agent has set it.
+    // Only the priority is set: the name in that log is the one that the agent has set.
     ::syslog(LOG_AUTHPRIV | LOG_NOTICE, "config-copy: %s", line.c_str());
     log_failure("agent: the line of a copy can't be kept", [&] { keep_copy_line(line); });
 }
@@ -81,8 +81,8 @@ void forget_report(const std::filesystem::path &report) {
     ::unlink(report.c_str());
 }
 
-// The file of a copy's report, with what is to be told of it should this agent end before the copy.
-// Empty when it can't be made: the copy is none the worse for it.
+// Creates the file of a copy's report. It holds the request's line, in case this agent ends before
+// the copy. Empty if the file can't be created, which does not affect the copy.
 std::filesystem::path make_report(const CopyRequest &request) {
     std::filesystem::path report;
     log_failure("agent: no report of a copy", [&] {
@@ -104,7 +104,7 @@ CopyEnd end_of(const CopyReport &report) {
     return end;
 }
 
-// What of a fabric's switches was not saved, and why.
+// The switches of the fabric that have not saved, with the reasons.
 std::string fabric_reason() {
     std::string reason;
     for (const FabricSwitchStatus &each : read_fabric_status()) {
@@ -125,7 +125,7 @@ std::string reason_of_save(std::uint32_t status) {
     return reason.empty() || reason == saved_text ? ::syserr2str(status) : reason;
 }
 
-// The reason in a refusal, behind its status word.
+// The reason in a refusal, after its status word.
 std::string text_in(msgbus_msg answer) {
     const auto *begin =
         static_cast<const char *>(::msgbus_payload_get(answer, sizeof(std::uint32_t)));
@@ -144,7 +144,8 @@ void CopyRows::learn(const variable *variables, std::size_t size, std::size_t co
                      const oid *root, std::size_t root_length) {
     columns_.clear();
     for (std::size_t i = 0; i < count; ++i) {
-        // The agent's own way with arrays of records that differ in the length of their names.
+        // The agent steps the same way through arrays whose records differ in the length of their
+        // names.
         const auto *each = reinterpret_cast<const variable *>(
             reinterpret_cast<const char *>(variables) + i * size);
         const bool is_in_table =
@@ -221,7 +222,8 @@ std::vector<oid> CopyRows::set_by_request(long status, long other_status) const 
 
 // --- what begins ---
 
-// One copy runs at a time, so that of those that a request activates it is the one that runs.
+// Only one copy runs at a time: of the rows that a request activates, it is the one that is
+// running.
 std::optional<oid> CopyWatch::activated_row() const {
     for (const oid row : rows_.set_by_request(ROW_STATUS_ACTIVE, ROW_STATUS_CREATE_AND_GO)) {
         if (rows_.number(CC_COLUMN_STATE, row) == COPY_STATE_RUNNING) {

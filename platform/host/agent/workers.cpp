@@ -34,8 +34,8 @@ UniqueFd opened_directory(const std::filesystem::path &path) {
     return UniqueFd(check(::open(path.c_str(), flags), path.native()));
 }
 
-// The folder of all workers' folders. Its lock is held while one of them is made or looked at, so
-// that no folder is swept between its making and its own lock.
+// The parent of all workers' folders. Its lock is held while one of them is created or checked, so
+// that no folder is removed between its creation and its own lock.
 std::filesystem::path work_root() {
     const auto state = state_dir();
     const ActingAsOwner owner(state);
@@ -85,7 +85,7 @@ bool is_local_standard_stream(int descriptor) {
            domain == AF_UNIX;
 }
 
-void let_go_of(const std::vector<int> &foreign) {
+void close_inherited(const std::vector<int> &foreign) {
     const UniqueFd nowhere(::open("/dev/null", O_RDWR | O_CLOEXEC));
     for (const int descriptor : open_descriptors()) {
         const bool is_foreign =
@@ -93,8 +93,8 @@ void let_go_of(const std::vector<int> &foreign) {
         if (!is_foreign && (!is_socket(descriptor) || is_local_standard_stream(descriptor))) {
             continue;
         }
-        // syslog(3) and others remember their numbers: a number that stands for nothing must not
-        // come to stand for a file of the worker.
+        // syslog(3) and others remember their descriptors: such a number must not be reused for a
+        // file of the worker.
         if (!nowhere ||
             ::dup3(nowhere.get(), descriptor, descriptor > STDERR_FILENO ? O_CLOEXEC : 0) < 0) {
             ::close(descriptor);
@@ -112,7 +112,7 @@ void enter_private_directory() {
     UniqueFd own = opened_directory(directory);
     check(::flock(own.get(), LOCK_EX | LOCK_NB), directory.native());
     check(::fchdir(own.get()), directory.native());
-    static_cast<void>(own.release()); // the lock lasts as long as the worker
+    static_cast<void>(own.release()); // the lock lasts until the worker ends
 }
 
 std::string how_it_ended(int status) {
@@ -131,8 +131,8 @@ std::filesystem::path worker_directory(pid_t worker) {
 void become_worker(const std::vector<int> &foreign) noexcept {
     reset_signals();
     try {
-        // Before anything is sent, and not where the module asks: it can't refuse. Throws, too,
-        // when the file can't be read.
+        // Checked here, before anything is sent, because the module's later query can't refuse.
+        // Throws also if the file can't be read.
         static_cast<void>(number_setting("chassis_type"));
     } catch (const std::exception &failure) {
         log_error("worker: the copy is refused: %s", failure.what());
@@ -140,11 +140,11 @@ void become_worker(const std::vector<int> &foreign) noexcept {
         ::_exit(EXIT_FAILURE);
     }
     try {
-        let_go_of(foreign);
+        close_inherited(foreign);
         enter_private_directory();
     } catch (const std::exception &failure) {
-        // A copy writes files under names that a manager chose: not where the agent happens to run.
-        // The agent reports this end as a failure.
+        // A copy writes files under names that a manager chose, so it must not run in the agent's
+        // folder. The agent reports this end as a failure.
         log_error("worker: no private directory: %s", failure.what());
         report_reason(std::string("no private directory: ") + failure.what());
         ::_exit(EXIT_FAILURE);
@@ -157,7 +157,7 @@ void sweep_worker_directories() noexcept {
         const auto root = work_root();
         const UniqueFd root_lock = opened_directory(root);
         if (::flock(root_lock.get(), LOCK_EX | LOCK_NB) != 0) {
-            return; // somebody sweeps already, or a worker just begins
+            return; // another process is sweeping, or a worker is just starting
         }
         for (const auto &entry : std::filesystem::directory_iterator(root)) {
             const UniqueFd directory(
@@ -173,7 +173,7 @@ void sweep_worker_directories() noexcept {
 
 int WorkerTable::add(pid_t worker) {
     Worker &added = workers_[worker];
-    // close-on-exec by itself
+    // always close-on-exec
     added.watch.reset(static_cast<int>(::syscall(SYS_pidfd_open, worker, 0)));
     return added.watch.get();
 }

@@ -25,7 +25,7 @@ proc is_ipv6 {text} {
     return [expr {$gaps == 1 ? $groups < 8 : $gaps == 0 && $groups == 8}]
 }
 
-# Takes SERVER:REMOTE apart: a list of both, or nothing.
+# Splits SERVER:REMOTE into a list of the two; empty if it has another form.
 proc server_and_file {text} {
     if {[regexp {^\[([^\]]*)\]:(.*)$} $text - server file]} {
         if {![is_ipv6 $server]} {
@@ -33,7 +33,8 @@ proc server_and_file {text} {
         }
         return [list $server $file]
     }
-    # A colon that ends an IPv6 address stands before its 46th octet; an interface may follow the address.
+    # The colon after an IPv6 address comes before its 46th octet; an interface may follow the
+    # address.
     set found {}
     for {set at [string first : $text]} {$at >= 0 && $at < 80} {set at [string first : $text $at+1]} {
         if {[is_ipv6 [string range $text 0 $at-1]]} {
@@ -46,7 +47,8 @@ proc server_and_file {text} {
     return $found
 }
 
-# Takes USER@SERVER:REMOTE apart: a list of the three, or nothing. The user's name may hold an '@', a server's may not.
+# Splits USER@SERVER:REMOTE into a list of the three; empty if it has another form. The user's name
+# may contain an '@', a server's may not.
 proc remote_parts {text} {
     for {set at [string first @ $text]} {$at >= 0} {set at [string first @ $text $at+1]} {
         set rest [server_and_file [string range $text $at+1 end]]
@@ -57,7 +59,7 @@ proc remote_parts {text} {
     return {}
 }
 
-# scp gives a meaning to patterns, on the way down only, and to a name that begins with a tilde.
+# scp interprets patterns, in downloads only, and a name that begins with a tilde.
 proc remote_name {name downwards} {
     if {[string match ~* $name]} {
         set name ./$name

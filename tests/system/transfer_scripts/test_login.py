@@ -35,7 +35,7 @@ def test_anonymous_ftp_without_a_password(here, user, other_host):
     (here / "out").write_text("text\n")
     other_host("/usr/bin/python3", "-c", FTP_SERVER, OTHER_HOST, "150 here", "", "226 done", "500")
     wait_for(lambda: listening(21))
-    # It distinguishes an empty password from a blank one.
+    # It knows empty from blank.
     assert FTP.put(here / "out", "there.cfg", user=user, password="", server=OTHER_HOST) == DONE
     assert FTP.put(here / "out", "there.cfg", user=user, password="") == DONE
     assert FTP.get("there.cfg", here / "back", user=user, password="") == DONE
@@ -62,7 +62,7 @@ def test_message_that_would_hold_the_password(script, here):
 
 
 def test_keyboard_interactive(other_host, here):
-    """A server that sends questions of its own."""
+    """A server that asks by itself what it wants to know."""
     key, configuration = here / "key", here / "sshd_config"
     run("ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", key)
     Path("/etc/pam.d/sshd").write_text(
