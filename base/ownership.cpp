@@ -1,8 +1,11 @@
 #include "base/ownership.h"
 
 #include <sys/fsuid.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <csignal>
 
 namespace ulmo {
 namespace {
@@ -11,6 +14,22 @@ namespace {
 constexpr uid_t no_user = static_cast<uid_t>(-1);
 constexpr gid_t no_group = static_cast<gid_t>(-1);
 
+// A process that dies with its parent goes on to do so: the kernel forgets it with a change of the
+// user (prctl(2), PR_SET_PDEATHSIG).
+void act_as(uid_t user, gid_t group) {
+    int at_death = 0;
+    ::prctl(PR_GET_PDEATHSIG, &at_death);
+    const pid_t parent = ::getppid();
+    ::setfsgid(group);
+    ::setfsuid(user);
+    if (at_death != 0) {
+        ::prctl(PR_SET_PDEATHSIG, at_death);
+        if (::getppid() != parent) { // it died meanwhile
+            ::raise(at_death);
+        }
+    }
+}
+
 } // namespace
 
 ActingAsOwner::ActingAsOwner(const std::filesystem::path &folder) noexcept
@@ -18,14 +37,12 @@ ActingAsOwner::ActingAsOwner(const std::filesystem::path &folder) noexcept
       former_group_(static_cast<gid_t>(::setfsgid(no_group))) {
     struct stat owned {};
     if (former_user_ == 0 && ::stat(folder.c_str(), &owned) == 0 && owned.st_uid != 0) {
-        ::setfsgid(owned.st_gid);
-        ::setfsuid(owned.st_uid);
+        act_as(owned.st_uid, owned.st_gid);
     }
 }
 
 ActingAsOwner::~ActingAsOwner() {
-    ::setfsuid(former_user_);
-    ::setfsgid(former_group_);
+    act_as(former_user_, former_group_);
 }
 
 std::optional<uid_t> owner_of(const std::filesystem::path &folder) noexcept {

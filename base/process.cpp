@@ -4,107 +4,100 @@
 #include "base/unique_fd.h"
 
 #include <fcntl.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 
 namespace ulmo {
 namespace {
 
-class FileActions {
-  public:
-    FileActions() { require(posix_spawn_file_actions_init(&actions_)); }
-    FileActions(const FileActions &) = delete;
-    FileActions &operator=(const FileActions &) = delete;
-    ~FileActions() { posix_spawn_file_actions_destroy(&actions_); }
+constexpr int first_other = 3;
 
-    void duplicate(int from, int to) {
-        require(posix_spawn_file_actions_adddup2(&actions_, from, to));
-    }
-    void open_null(int as) {
-        require(posix_spawn_file_actions_addopen(&actions_, as, "/dev/null", O_RDWR, 0));
-    }
-    void close_from(int lowest) {
-        require(posix_spawn_file_actions_addclosefrom_np(&actions_, lowest));
-    }
-    [[nodiscard]] const posix_spawn_file_actions_t *get() const { return &actions_; }
-
-  private:
-    static void require(int error) {
-        if (error != 0) {
-            throw_error(error);
+// Gives the calling process these standard streams. False with errno set.
+bool take_streams(const std::array<int, 3> &streams) {
+    // Copies above the standard streams: a given one may itself be a stream that is replaced
+    // before.
+    std::array<int, 3> copies{};
+    for (std::size_t stream = 0; stream < streams.size(); ++stream) {
+        const int given = streams[stream];
+        copies[stream] = given < 0 ? -1 : ::fcntl(given, F_DUPFD_CLOEXEC, first_other);
+        if (given >= 0 && copies[stream] < 0) {
+            return false;
         }
     }
-    posix_spawn_file_actions_t actions_{};
-};
-
-class SpawnAttributes {
-  public:
-    // The program starts with no signal blocked and every disposition at its default, whatever the
-    // parent's are.
-    SpawnAttributes() {
-        posix_spawnattr_init(&attributes_);
-        sigset_t signals;
-        sigemptyset(&signals);
-        posix_spawnattr_setsigmask(&attributes_, &signals);
-        sigfillset(&signals);
-        posix_spawnattr_setsigdefault(&attributes_, &signals);
-        posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-    }
-    SpawnAttributes(const SpawnAttributes &) = delete;
-    SpawnAttributes &operator=(const SpawnAttributes &) = delete;
-    ~SpawnAttributes() { posix_spawnattr_destroy(&attributes_); }
-
-    [[nodiscard]] const posix_spawnattr_t *get() const { return &attributes_; }
-
-  private:
-    posix_spawnattr_t attributes_{};
-};
-
-// Starts argv[0] with these standard streams. Returns 0 or an errno value.
-int spawn(pid_t &pid, const std::array<int, 3> &streams, char *const *argv) {
-    constexpr int first_other = 3;
-    FileActions actions;
-    std::array<UniqueFd, 3> copies;
     for (int stream = 0; stream < first_other; ++stream) {
-        const auto index = static_cast<std::size_t>(stream);
-        const int given = streams[index];
-        if (given >= 0) {
-            // Duplicate above the standard streams first: an earlier action may already have
-            // replaced the given descriptor, if it is itself a standard stream.
-            copies[index] = UniqueFd(::fcntl(given, F_DUPFD_CLOEXEC, first_other));
-            if (!copies[index]) {
-                return errno;
+        const int copy = copies[static_cast<std::size_t>(stream)];
+        if (copy >= 0) {
+            if (::dup2(copy, stream) < 0) {
+                return false;
             }
-            actions.duplicate(copies[index].get(), stream);
-        } else if (::fcntl(stream, F_GETFD) >= 0) {
-            actions.duplicate(stream, stream); // clears close-on-exec
-        } else {
-            // Otherwise the first file that the program opens would become this standard stream.
-            actions.open_null(stream);
+        } else if (const int flags = ::fcntl(stream, F_GETFD); flags >= 0) {
+            ::fcntl(stream, F_SETFD, flags & ~FD_CLOEXEC);
+        } else if (::open("/dev/null", O_RDWR) != stream) { // or a file becomes the stream
+            return false;
         }
     }
-    actions.close_from(first_other);
-    const SpawnAttributes attributes;
-    return ::posix_spawn(&pid, argv[0], actions.get(), attributes.get(), argv, environ);
+    // The descriptor that tells of a failure stays open until the program runs.
+    return ::close_range(first_other, ~0U, CLOSE_RANGE_CLOEXEC) == 0;
+}
+
+// What posix_spawn(3) does, and the program dies with the process that runs it.
+[[noreturn]] void become(const std::array<int, 3> &streams, char *const *argv, pid_t parent,
+                         int failure) {
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (::getppid() == parent) { // otherwise it has died before
+        for (int number = 1; number < NSIG; ++number) {
+            std::signal(number, SIG_DFL);
+        }
+        sigset_t none;
+        ::sigemptyset(&none);
+        ::sigprocmask(SIG_SETMASK, &none, nullptr);
+        if (take_streams(streams)) {
+            ::execv(argv[0], argv);
+        }
+        const int error = errno;
+        [[maybe_unused]] const ssize_t told = ::write(failure, &error, sizeof error);
+    }
+    ::_exit(EXIT_FAILURE);
 }
 
 } // namespace
 
 int run_and_wait(const std::array<int, 3> &streams, std::vector<char *> &argv) {
-    pid_t pid = -1;
-    if (const int error = spawn(pid, streams, argv.data()); error != 0) {
-        errno = error;
+    std::array<int, 2> ends{};
+    check(::pipe2(ends.data(), O_CLOEXEC), "pipe");
+    UniqueFd reading(ends[0]);
+    UniqueFd writing(ends[1]);
+    const pid_t parent = ::getpid();
+    const pid_t pid = ::fork();
+    if (pid < 0) {
         return -1;
+    }
+    if (pid == 0) {
+        // The pipe may lie where a standard stream is closed, which it is not to become.
+        const int failure = ::fcntl(writing.get(), F_DUPFD_CLOEXEC, first_other);
+        reading.reset();
+        writing.reset();
+        become(streams, argv.data(), parent, failure);
+    }
+    writing.reset();
+    int error = 0;
+    ssize_t told = 0;
+    while ((told = ::read(reading.get(), &error, sizeof error)) < 0 && errno == EINTR) {
     }
     int status = 0;
     while (::waitpid(pid, &status, 0) != pid) {
         if (errno != EINTR) {
             return -1;
         }
+    }
+    if (told > 0) {
+        errno = error;
+        return -1;
     }
     if (WIFSIGNALED(status)) {
         errno = EINTR;

@@ -64,6 +64,7 @@ inline constexpr Setting rows[] = {
     {"fabric_priv_protocol", text, "AES", at_once, fabric},
     {"fabric_priv_passphrase", text, "", at_once, fabric, 0, 0, {}, true},
     {"fabric_time_limit", number, "10", at_once, fabric, 1, 300},
+    {"copy_time_limit", number, "3600", in_a_second, nothing, 1, 999999999},
     {"transfer_time_limit", number, "3600", in_transfer, nothing, 1, 999999999},
     {"transfer_idle_limit", number, "30", in_transfer, nothing, 1, 999999999},
     // A wrong value could send the password to a server whose key nobody has checked.

@@ -54,12 +54,6 @@ CopyJob job_of(const Options &options) {
     return job;
 }
 
-void report_interruption(const CopyJob &job) {
-    const std::string rest = describe_what_continues(job.from.type, job.to.type);
-    std::cerr << "\nconfig-copy: interrupted: no request stays on the switch"
-              << (rest.empty() ? "" : "; once begun, " + rest) << std::endl;
-}
-
 ExitStatus copy(const Options &options, const CopyJob &job, Output &output) {
     if (options.hosts_file) {
         return status_of_all(
@@ -88,7 +82,7 @@ ExitStatus run(const Options &options, Output &output) {
         try {
             return copy(options, job, output);
         } catch (const Interrupted &) {
-            report_interruption(job);
+            std::cerr << "\nconfig-copy: interrupted: no request stays on the switch" << std::endl;
             throw;
         }
     }

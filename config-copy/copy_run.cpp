@@ -187,12 +187,12 @@ class Run {
             const auto elapsed =
                 std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - began);
             if (elapsed >= job_.time_limit) {
-                const std::string rest = describe_what_continues(job_.from.type, job_.to.type);
+                const bool is_save = job_.from.type == FileType::running && !job_.has_file();
                 throw Failure(ExitStatus::failed,
                               session_.agent() + ": not finished in " +
                                   std::to_string(job_.time_limit.count()) + " s, so the " +
-                                  (rest.empty() ? "save was given up: does the system manager run?"
-                                                : "request was removed; " + rest) +
+                                  (is_save ? "save was given up: does the system manager run?"
+                                           : "copy was given up") +
                                   " (--time-limit gives more time)");
             }
             progress_("copy running", elapsed);

@@ -40,17 +40,6 @@ std::string name_of_column(unsigned long column) {
 
 } // namespace
 
-std::string describe_what_continues(FileType from, FileType to) {
-    if (from == FileType::network) {
-        return "the transfer goes on at the switch and may still be applied";
-    }
-    if (to == FileType::network) {
-        return "the transfer goes on at the switch and may still write the file";
-    }
-    return from == FileType::startup ? "the copy goes on at the switch and may still be applied"
-                                     : "";
-}
-
 std::string_view name_of(ExitStatus status) {
     constexpr std::array<std::string_view, 6> names{"done",    "failed",        "usage",
                                                     "refused", "not reachable", "busy"};

@@ -49,10 +49,6 @@ struct Outcome {
     }
 };
 
-// What continues on the switch after the request of a running copy was removed; empty for a save,
-// which is aborted.
-std::string describe_what_continues(FileType from, FileType to);
-
 // With two decimals.
 std::string seconds_text(double seconds);
 

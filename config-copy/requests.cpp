@@ -91,10 +91,7 @@ void list_errors(Session &session, std::optional<oid> index, Output &output) {
 
 void abort_request(Session &session, oid index, Output &output) {
     const std::string name = "request " + std::to_string(index) + " of " + session.agent();
-    const std::vector<Value> values = session.get({copy_cell(CC_COLUMN_STATE, index),
-                                                   copy_cell(CC_COLUMN_SOURCE_FILE_TYPE, index),
-                                                   copy_cell(CC_COLUMN_DEST_FILE_TYPE, index)});
-    const auto state = number(values[0]);
+    const auto state = number(session.get({copy_cell(CC_COLUMN_STATE, index)}).front());
     if (!state) {
         check_table(session);
         throw Failure(ExitStatus::failed,
@@ -119,10 +116,7 @@ void abort_request(Session &session, oid index, Output &output) {
     }
     std::string text = name + " removed";
     if (state == COPY_STATE_RUNNING) {
-        const std::string rest =
-            describe_what_continues(static_cast<FileType>(number(values[1]).value_or(0)),
-                                    static_cast<FileType>(number(values[2]).value_or(0)));
-        text += rest.empty() ? "; its save is given up" : "; " + rest;
+        text += "; its copy is given up";
     }
     output.removed(session.agent(), index, text);
 }

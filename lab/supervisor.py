@@ -30,6 +30,7 @@ RELAYED = 1  # the switch whose link may be slow and lossy
 COMMANDS = {
     "agent-pid": ("agent", Daemon.pid),
     "stop-agent": ("agent", Daemon.stop),
+    "kill-agent": ("agent", Daemon.kill),
     "start-agent": ("agent", Daemon.start),
     "restart-agent": ("agent", Daemon.restart),
     "reload-agent": ("agent", Daemon.reload),

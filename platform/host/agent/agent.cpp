@@ -3,6 +3,7 @@
 #include "base/c_boundary.h"
 #include "base/posix.h"
 #include "base/settings.h"
+#include "platform/copy_table.h"
 #include "platform/host/agent/clock.h"
 #include "platform/host/agent/copies.h"
 #include "platform/host/agent/request.h"
@@ -19,6 +20,7 @@
 
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -43,6 +45,7 @@ class Agent final : public BusObserver {
     int subscribe(uint32_t opcode, agent_message_handler handler);
     int unsubscribe(uint32_t opcode);
     pid_t fork_worker();
+    void look_after_request();
 
     void sent(uint32_t opcode, int error) noexcept override;
     void answered(msgbus_msg answer, UniqueFd connection) noexcept override;
@@ -58,7 +61,7 @@ class Agent final : public BusObserver {
     static constexpr uint64_t no_worker = 0; // in the event data; otherwise the worker's process id
 
     static void on_readable(int, void *self);
-    static void on_poll_alarm(unsigned int, void *self);
+    static void on_watch_alarm(unsigned int, void *self);
     static void on_failed_fork(unsigned int, void *self);
     static void on_lost_save(unsigned int, void *self);
 
@@ -68,11 +71,13 @@ class Agent final : public BusObserver {
     void receive_messages();
     void receive(const Incoming &incoming);
     void deliver(msgbus_message &message);
-    void deliver_lost_status();
     void deliver_end_of_save(uint32_t status);
     void hear_of_save();
     void forget_save();
     void lose_save(const std::string &why);
+    void deliver_status(int32_t status);
+    void end_worker(pid_t worker, int32_t status, const std::string &reason);
+    void end_workers();
     void settle(const std::vector<pid_t> &ended);
     void follow(pid_t worker);
     [[nodiscard]] std::vector<int> descriptors() const;
@@ -85,7 +90,7 @@ class Agent final : public BusObserver {
     std::optional<Unforked> unforked_;
     UniqueFd save_; // where the system manager tells of the save that the module has asked for
     unsigned int lost_save_alarm_ = 0; // runs when nobody will tell of it
-    unsigned int poll_alarm_ = 0;      // runs while a worker has no descriptor of its own
+    unsigned int watch_alarm_ = 0;     // runs while there are workers
 };
 
 // Lives as long as the process, past all destructors: the agent's loop and alarms hold its address.
@@ -244,15 +249,14 @@ void Agent::settle(const std::vector<pid_t> &ended) {
         }
         if (!end->reported) {
             log_error("agent: worker %d ended %s without a report", worker, end->how.c_str());
-            deliver_lost_status();
+            deliver_status(lost_worker_status);
             copy_watch().died(worker, end->how);
         }
     }
 }
 
-void Agent::deliver_lost_status() {
-    msgbus_message report(AGENT_OPC_WORKER_STATUS, 0, &lost_worker_status,
-                          sizeof lost_worker_status);
+void Agent::deliver_status(int32_t status) {
+    msgbus_message report(AGENT_OPC_WORKER_STATUS, 0, &status, sizeof status);
     deliver(report);
 }
 
@@ -348,12 +352,48 @@ void Agent::deliver_end_of_save(uint32_t status) {
     copy_watch().action_ended(status);
 }
 
-void Agent::on_poll_alarm(unsigned int, void *self) {
+// Ends a worker, and so all that it runs. The module hears of it at once, and the next copy may
+// begin, while the kernel still clears away.
+void Agent::end_worker(pid_t worker, int32_t status, const std::string &reason) {
+    if (!workers_.take_report(worker)) {
+        return;
+    }
+    ::kill(worker, SIGKILL);
+    log_error("agent: worker %d ended: %s", worker, reason.c_str());
+    deliver_status(status);
+    copy_watch().ended(worker, status, reason);
+}
+
+void Agent::end_workers() {
+    receive_messages(); // an outcome that is there counts
+    for (const pid_t worker : copy_watch().without_row()) {
+        end_worker(worker, lost_worker_status, request_removed);
+    }
+    const long limit = number_setting("copy_time_limit").value();
+    for (const pid_t worker : workers_.running_for(std::chrono::seconds(limit))) {
+        end_worker(worker, COPY_FAIL_TIMEOUT,
+                   "not finished within copy_time_limit, " + std::to_string(limit) + " seconds");
+    }
+}
+
+void Agent::on_watch_alarm(unsigned int, void *self) {
     auto *agent = static_cast<Agent *>(self);
     guarded([agent] { agent->settle(agent->workers_.ended()); });
+    guarded([agent] { agent->end_workers(); });
     if (agent->workers_.empty()) {
-        snmp_alarm_unregister(agent->poll_alarm_);
-        agent->poll_alarm_ = 0;
+        snmp_alarm_unregister(agent->watch_alarm_);
+        agent->watch_alarm_ = 0;
+    }
+}
+
+// Before the agent's loop turns again, and so before the next request.
+void Agent::look_after_request() {
+    if (!workers_.empty()) {
+        constexpr timeval at_once{0, 1};
+        const auto look = [](unsigned int, void *self) {
+            guarded([self] { static_cast<Agent *>(self)->end_workers(); });
+        };
+        snmp_alarm_register_hr(at_once, 0, look, this);
     }
 }
 
@@ -361,7 +401,7 @@ void Agent::on_failed_fork(unsigned int, void *self) {
     guarded([self] {
         log_error("agent: a worker could not be started");
         auto *agent = static_cast<Agent *>(self);
-        agent->deliver_lost_status();
+        agent->deliver_status(lost_worker_status);
         if (const auto unforked = std::exchange(agent->unforked_, std::nullopt)) {
             copy_watch().not_forked(unforked->copy, unforked->error);
         }
@@ -375,10 +415,11 @@ pid_t Agent::fork_worker() {
     guarded([] { settings_problems(); });
     const std::vector<int> own = descriptors();
     auto copy = copy_watch().begin();
+    const pid_t self = ::getpid();
     const pid_t worker = ::fork();
     if (worker == 0) {
         ::setenv(copy_report_variable, copy ? copy->report.c_str() : "", 1);
-        become_worker(own);
+        become_worker(self, own);
     } else if (worker > 0) {
         guarded([&] { copy_watch().follow(worker, std::move(copy)); });
         guarded([=, this] { follow(worker); });
@@ -400,10 +441,11 @@ void Agent::follow(pid_t worker) {
     epoll_event wanted{};
     wanted.events = EPOLLIN;
     wanted.data.u64 = static_cast<uint64_t>(worker);
-    const bool watched =
-        watch >= 0 && events_ && ::epoll_ctl(events_.get(), EPOLL_CTL_ADD, watch, &wanted) == 0;
-    if (!watched && poll_alarm_ == 0) {
-        poll_alarm_ = snmp_alarm_register(1, SA_REPEAT, on_poll_alarm, this);
+    if (watch >= 0 && events_) { // otherwise the alarm sees the end
+        static_cast<void>(::epoll_ctl(events_.get(), EPOLL_CTL_ADD, watch, &wanted));
+    }
+    if (watch_alarm_ == 0) {
+        watch_alarm_ = snmp_alarm_register(1, SA_REPEAT, on_watch_alarm, this);
     }
 }
 
@@ -423,6 +465,11 @@ std::vector<int> Agent::descriptors() const {
 }
 
 } // namespace
+
+void row_status_is_set() noexcept {
+    guarded([] { agent().look_after_request(); });
+}
+
 } // namespace ulmo
 
 extern "C" {

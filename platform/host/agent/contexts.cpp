@@ -1,7 +1,9 @@
 // Repeats a module's registrations in each SNMP context (RFC 3411, 3.3.1) that names a VRF.
 #include "base/c_boundary.h"
 #include "base/settings.h"
+#include "platform/copy_table.h"
 #include "platform/host/agent/copies.h"
+#include "platform/host/agent/workers.h"
 #include "platform/host/history/log.h"
 
 #include <net-snmp/net-snmp-config.h>
@@ -34,6 +36,30 @@ void read_contexts() {
     }
 }
 
+int on_row_status(netsnmp_mib_handler *, netsnmp_handler_registration *,
+                  netsnmp_agent_request_info *request, netsnmp_request_info *) {
+    if (request->mode == MODE_SET_COMMIT || request->mode == MODE_SET_UNDO) {
+        row_status_is_set();
+    }
+    return SNMP_ERR_NOERROR;
+}
+
+// Before the module's own handler, which the agent calls next.
+void watch_row_status(const char *context) {
+    const variable *column = copy_watch().rows().column(CC_COLUMN_ENTRY_ROW_STATUS);
+    netsnmp_subtree *tree =
+        column != nullptr ? netsnmp_subtree_find(column->name, column->namelen, nullptr, context)
+                          : nullptr;
+    if (tree == nullptr || tree->reginfo == nullptr) {
+        return;
+    }
+    netsnmp_mib_handler *handler = netsnmp_create_handler("copy_watch", on_row_status);
+    if (handler != nullptr) {
+        handler->flags |= MIB_HANDLER_AUTO_NEXT;
+        netsnmp_inject_handler(tree->reginfo, handler);
+    }
+}
+
 } // namespace
 } // namespace ulmo
 
@@ -49,6 +75,7 @@ int __wrap_register_mib(const char *module, const struct variable *variables, si
     };
     const auto repeat = [&] {
         ulmo::copy_watch().learn(variables, variable_size, count, root, root_length);
+        ulmo::watch_row_status("");
         ulmo::read_contexts();
         for (const std::string &name : ulmo::contexts()) {
             if (register_mib_context(module, variables, variable_size, count, root, root_length,
@@ -56,6 +83,7 @@ int __wrap_register_mib(const char *module, const struct variable *variables, si
                                      0) != MIB_REGISTERED_OK) {
                 ulmo::log_error("%s can't be registered in context %s", module, name.c_str());
             }
+            ulmo::watch_row_status(name.c_str());
         }
     };
     ulmo::quietly(repeat, tell);

@@ -45,7 +45,6 @@ constexpr std::array<oid, 4> table_below_root{1, 1, 1, 1};
 
 constexpr std::string_view report_prefix = "copy-report.";
 constexpr std::string_view begun_key = "begun ";
-constexpr char gone[] = "the request was removed before the end";
 
 std::string name_or_number(const auto &names, long value) {
     const bool is_known = value > 0 && value < static_cast<long>(names.size()) &&
@@ -90,8 +89,8 @@ std::filesystem::path make_report(const CopyRequest &request) {
         const ActingAsOwner owner(directory);
         std::string path = (directory / report_prefix).string() + "XXXXXX";
         const UniqueFd file(check(::mkostemp(path.data(), O_CLOEXEC), "cannot make", path));
+        report = path; // from here on it is there, and to be removed
         write_whole(file.get(), std::string(begun_key) + line_of(request) + '\n', path);
-        report = path;
     });
     return report;
 }
@@ -168,6 +167,11 @@ void CopyRows::learn(const variable *variables, std::size_t size, std::size_t co
         std::copy(each->name, each->name + each->namelen,
                   std::copy(root, root + root_length, whole.name));
     }
+}
+
+const variable *CopyRows::column(oid number) const {
+    const auto found = columns_.find(number);
+    return found != columns_.end() ? &found->second : nullptr;
 }
 
 std::optional<std::string> CopyRows::octets(oid column, oid row) const {
@@ -278,7 +282,7 @@ void CopyWatch::follow(pid_t worker, std::optional<Copy> copy) {
 void CopyWatch::end_copy(const Copy &copy, CopyEnd end) {
     end.duration = since(copy.began);
     if (!rows_.number(CC_COLUMN_STATE, copy.request.index) && end.reason.empty()) {
-        end.reason = gone;
+        end.reason = request_removed;
     }
     tell(line_of(copy.request) + ' ' + line_of(end));
     if (!copy.report.empty()) {
@@ -326,6 +330,32 @@ void CopyWatch::died(pid_t worker, const std::string &how) noexcept {
             end_copy(copy, std::move(end));
         }
     });
+}
+
+void CopyWatch::ended(pid_t worker, std::int32_t status, const std::string &reason) noexcept {
+    for_a_line([&] {
+        if (const auto found = copies_.find(worker); found != copies_.end()) {
+            const Copy copy = std::move(found->second);
+            copies_.erase(found);
+            CopyEnd end = end_of(read_copy_report(copy.report));
+            end.outcome = CopyEnd::Outcome::failed;
+            end.cause = cause_name(status);
+            end.reason = reason;
+            end_copy(copy, std::move(end));
+        }
+    });
+}
+
+std::vector<pid_t> CopyWatch::without_row() const noexcept {
+    std::vector<pid_t> all;
+    for_a_line([&] {
+        for (const auto &[worker, copy] : copies_) {
+            if (rows_.number(CC_COLUMN_STATE, copy.request.index) != COPY_STATE_RUNNING) {
+                all.push_back(worker);
+            }
+        }
+    });
+    return all;
 }
 
 void CopyWatch::close_unfinished() noexcept {
@@ -378,7 +408,7 @@ void CopyWatch::sent(std::uint32_t opcode) noexcept {
                 CopyEnd end;
                 end.outcome =
                     save_->lost.empty() ? CopyEnd::Outcome::unknown : CopyEnd::Outcome::failed;
-                end.reason = save_->lost.empty() ? gone : save_->lost;
+                end.reason = save_->lost.empty() ? request_removed : save_->lost;
                 end_save(std::move(end));
             }
         }
@@ -430,7 +460,7 @@ void CopyWatch::action_ended(std::uint32_t status) noexcept {
         }
         CopyEnd end;
         if (!state) {
-            end.reason = gone;
+            end.reason = request_removed;
         } else if (state == COPY_STATE_SUCCESSFUL) {
             end.outcome = CopyEnd::Outcome::successful;
         } else {

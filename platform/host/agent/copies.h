@@ -36,12 +36,18 @@ class CopyRows {
     [[nodiscard]] std::optional<std::string> octets(oid column, oid row) const;
     [[nodiscard]] std::optional<long> number(oid column, oid row) const;
 
+    // A column with its whole name; null when the module has registered none.
+    const variable *column(oid number) const;
+
     // The rows whose status the request being served sets to one of two values, in its order.
     [[nodiscard]] std::vector<oid> set_by_request(long status, long other_status) const;
 
   private:
     std::map<oid, variable> columns_; // with whole names
 };
+
+// Why a copy has ended whose row is no longer there.
+inline constexpr char request_removed[] = "the request was removed before the end";
 
 class CopyWatch {
   public:
@@ -60,15 +66,22 @@ class CopyWatch {
     // The agent has started: copies of an earlier one have lost whoever would tell of their end.
     void close_unfinished() noexcept;
 
+    const CopyRows &rows() const { return rows_; }
+
     // The copy for which a worker is about to be forked; nothing when no request is being served.
     std::optional<Copy> begin() noexcept;
 
     void follow(pid_t worker, std::optional<Copy> copy);
+
+    // The workers whose row was destroyed, or is no longer the row of a running copy.
+    std::vector<pid_t> without_row() const noexcept;
     void not_forked(const Copy &copy, int error) noexcept;
 
     // The module has been told of the end: by the worker's own report, or because it died.
     void reported(pid_t worker, std::optional<std::int32_t> status) noexcept;
     void died(pid_t worker, const std::string &how) noexcept;
+    // The agent has ended the worker, and has told the module that status.
+    void ended(pid_t worker, std::int32_t status, const std::string &reason) noexcept;
     // An action of the system manager has ended, and the module has been told.
     void action_ended(std::uint32_t status) noexcept;
 

@@ -12,6 +12,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -102,12 +103,26 @@ void close_inherited(const std::vector<int> &foreign) {
     }
 }
 
+// Whoever holds the lock of `root` calls it.
+void sweep(const std::filesystem::path &root) {
+    for (const auto &entry : std::filesystem::directory_iterator(root)) {
+        constexpr int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+        const UniqueFd directory(::open(entry.path().c_str(), flags));
+        if (directory && ::flock(directory.get(), LOCK_EX | LOCK_NB) == 0) {
+            std::error_code ignored;
+            std::filesystem::remove_all(entry.path(), ignored);
+            log_debug("worker: folder %s of an ended worker removed", entry.path().c_str());
+        }
+    }
+}
+
 void enter_private_directory() {
     const ActingAsOwner owner(state_dir());
-    const UniqueFd root_lock = opened_directory(work_root());
+    const auto root = work_root();
+    const UniqueFd root_lock = opened_directory(root);
     check(::flock(root_lock.get(), LOCK_EX), "lock of the workers' folder");
+    sweep(root); // what could not be removed at its time, or is of a former process with this id
     const auto directory = worker_directory(::getpid());
-    std::filesystem::remove_all(directory); // of a former process with this id
     check(::mkdir(directory.c_str(), 0700), directory.native());
     UniqueFd own = opened_directory(directory);
     check(::flock(own.get(), LOCK_EX | LOCK_NB), directory.native());
@@ -128,8 +143,12 @@ std::filesystem::path worker_directory(pid_t worker) {
     return work_root() / std::to_string(worker);
 }
 
-void become_worker(const std::vector<int> &foreign) noexcept {
+void become_worker(pid_t agent, const std::vector<int> &foreign) noexcept {
     reset_signals();
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (::getppid() != agent) { // it died before, and nobody would hear of this copy
+        ::_exit(EXIT_FAILURE);
+    }
     try {
         // Checked here, before anything is sent, because the module's later query can't refuse.
         // Throws also if the file can't be read.
@@ -159,15 +178,7 @@ void sweep_worker_directories() noexcept {
         if (::flock(root_lock.get(), LOCK_EX | LOCK_NB) != 0) {
             return; // another process is sweeping, or a worker is just starting
         }
-        for (const auto &entry : std::filesystem::directory_iterator(root)) {
-            const UniqueFd directory(
-                ::open(entry.path().c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-            if (directory && ::flock(directory.get(), LOCK_EX | LOCK_NB) == 0) {
-                std::error_code ignored;
-                std::filesystem::remove_all(entry.path(), ignored);
-                log_debug("worker: folder %s of an ended worker removed", entry.path().c_str());
-            }
-        }
+        sweep(root);
     });
 }
 
@@ -181,6 +192,17 @@ int WorkerTable::add(pid_t worker) {
 bool WorkerTable::take_report(pid_t worker) {
     const auto found = workers_.find(worker);
     return found != workers_.end() && !std::exchange(found->second.reported, true);
+}
+
+std::vector<pid_t> WorkerTable::running_for(std::chrono::seconds time) const {
+    const auto now = std::chrono::steady_clock::now();
+    std::vector<pid_t> all;
+    for (const auto &[pid, worker] : workers_) {
+        if (!worker.reported && now - worker.began >= time) {
+            all.push_back(pid);
+        }
+    }
+    return all;
 }
 
 std::vector<pid_t> WorkerTable::ended() const {

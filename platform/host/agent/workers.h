@@ -10,6 +10,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -23,12 +24,12 @@ namespace ulmo {
 // state_dir() does.
 std::filesystem::path worker_directory(pid_t worker);
 
-// Turns the calling process, just forked from the agent, into a worker: the agent's signal handlers
-// are off, no socket and none of `foreign` is held any more (their numbers stand for /dev/null, so
-// that nothing else gets them), and the working directory is a private, locked one; without such a
-// directory the process ends. The standard streams stay when they lead to a local service, such as
-// the journal.
-void become_worker(const std::vector<int> &foreign) noexcept;
+// Turns the calling process, just forked from `agent`, into a worker: it dies with the agent, whose
+// signal handlers are off, no socket and none of `foreign` is held any more (their numbers stand
+// for /dev/null, so that nothing else gets them), and the working directory is a private, locked
+// one; without such a directory the process ends. The standard streams stay when they lead to a
+// local service, such as the journal.
+void become_worker(pid_t agent, const std::vector<int> &foreign) noexcept;
 
 // Removes the folders of workers that are gone. Does not throw.
 void sweep_worker_directories() noexcept;
@@ -42,6 +43,9 @@ class WorkerTable {
 
     // Whether the process is a worker whose status has not come yet; from then on it has.
     bool take_report(pid_t worker);
+
+    // Those that run for that long and have not reported.
+    std::vector<pid_t> running_for(std::chrono::seconds time) const;
 
     // Those that have ended and wait to be reaped, each found without waiting.
     [[nodiscard]] std::vector<pid_t> ended() const;
@@ -64,10 +68,15 @@ class WorkerTable {
     struct Worker {
         UniqueFd watch;
         bool reported = false;
+        std::chrono::steady_clock::time_point began = std::chrono::steady_clock::now();
     };
 
     std::map<pid_t, Worker> workers_;
 };
+
+// A request sets the status of a row: once it has been served, workers whose row is no longer the
+// row of a running copy are ended.
+void row_status_is_set() noexcept;
 
 } // namespace ulmo
 

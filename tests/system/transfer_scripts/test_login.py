@@ -61,26 +61,60 @@ def test_message_that_would_hold_the_password(script, here):
     assert running.result() == NAME  # and result() has looked at what it said
 
 
-def test_keyboard_interactive(other_host, here):
+# All that the scripts look for, and a question at the end.
+BANNER = """Authenticated to anywhere ([192.0.2.1]:22) using "none".
+sftp> pwd
+Remote working directory: /
+debug1: upload local /a to /b
+Sink: upload local "//////////////////////////////////////"
+/there: No space left on device
+ssh: connect to host there port 22: Connection timed out
+Host key verification failed.
+operator@there: Permission denied (password).
+Connection closed by remote host
+someone@there's password: """
+
+
+@pytest.fixture
+def ssh_server(other_host, here):
+    """An SSH server with settings of its own."""
+
+    def start(*settings):
+        key, configuration = here / "key", here / "sshd_config"
+        run("ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", key)
+        configuration.write_text("\n".join([
+            f"ListenAddress {OTHER_HOST}", f"HostKey {key}", "PidFile none", "UseDNS no",
+            "PubkeyAuthentication no", "Subsystem sftp internal-sftp", *settings, ""
+        ]))
+        daemon = next(Path(os.path.realpath(f"/proc/{pid}/exe")) for pid in os.listdir("/proc")
+                      if pid.isdigit()
+                      and os.path.realpath(f"/proc/{pid}/exe").endswith("/sshd"))
+        other_host(daemon, "-D", "-f", configuration)
+        scan = ["ssh-keyscan", "-T1", OTHER_HOST]
+        wait_for(
+            lambda: subprocess.run(scan, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL).stdout,
+            what="the server")
+
+    return start
+
+
+def test_banner_that_says_what_the_scripts_look_for(ssh_server, transfers, here):
+    """Only the client's own words count."""
+    (here / "banner").write_text(BANNER)
+    ssh_server("UsePAM no", "KbdInteractiveAuthentication no", f"Banner {here / 'banner'}")
+    every = transfers(SSH_SCRIPTS, b"text")
+    assert results(every, server=OTHER_HOST) == [DONE] * 4
+    assert all(transfer.target.read_bytes() == b"text" for transfer in every)
+    assert results(every, server=OTHER_HOST, password="wrong") == [LOGIN] * 4
+
+
+def test_keyboard_interactive(ssh_server, here):
     """A server that asks by itself what it wants to know."""
-    key, configuration = here / "key", here / "sshd_config"
-    run("ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", key)
     Path("/etc/pam.d/sshd").write_text(
         "auth required pam_unix.so nodelay\naccount required pam_permit.so\n"
         "session required pam_permit.so\n"
     )
-    configuration.write_text(
-        f"ListenAddress {OTHER_HOST}\nHostKey {key}\nPidFile none\nUsePAM yes\n"
-        "PasswordAuthentication no\n"
-        "KbdInteractiveAuthentication yes\nPubkeyAuthentication no\nUseDNS no\n"
-        "Subsystem sftp internal-sftp\n"
-    )
-    daemon = next(Path(os.path.realpath(f"/proc/{pid}/exe")) for pid in os.listdir("/proc")
-                  if pid.isdigit() and os.path.realpath(f"/proc/{pid}/exe").endswith("/sshd"))
-    other_host(daemon, "-D", "-f", configuration)
-    scan = ["ssh-keyscan", "-T1", OTHER_HOST]
-    wait_for(lambda: subprocess.run(scan, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL).stdout,
-             what="the server")
+    ssh_server("UsePAM yes", "PasswordAuthentication no", "KbdInteractiveAuthentication yes")
     (here / "out").write_text("text\n")
     for script in SSH_SCRIPTS:
         assert script.put(here / "out", f"asked-{script.program}", server=OTHER_HOST) == DONE

@@ -157,7 +157,7 @@ TEST_F(Ownership, VrfNumbersAndWorkersFoldersBelongToTheStateFoldersOwner) {
     expect_given(folder_ / "vrfs");
     expect_given(ulmo::worker_directory(1).parent_path());
     const pid_t worker = host_test::start_child([] {
-        ulmo::become_worker({});
+        ulmo::become_worker(::getppid(), {});
         return 0;
     });
     EXPECT_EQ(host_test::exit_status_of(worker), 0);

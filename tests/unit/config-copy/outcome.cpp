@@ -124,18 +124,6 @@ TEST(Outcome, SummaryOfADryRun) {
     EXPECT_EQ("2 agents: 1 ready, 1 busy", summary_of({ready, ended(ExitStatus::busy)}));
 }
 
-TEST(Outcome, WhatGoesOnWithoutItsRequest) {
-    EXPECT_EQ("", describe_what_continues(FileType::running, FileType::startup))
-        << "a save is given up";
-    EXPECT_EQ("", describe_what_continues(FileType::running, FileType::fabric_startup));
-    EXPECT_EQ("the copy goes on at the switch and may still be applied",
-              describe_what_continues(FileType::startup, FileType::running));
-    EXPECT_EQ("the transfer goes on at the switch and may still be applied",
-              describe_what_continues(FileType::network, FileType::running));
-    EXPECT_EQ("the transfer goes on at the switch and may still write the file",
-              describe_what_continues(FileType::startup, FileType::network));
-}
-
 TEST(Outcome, Json) {
     Outcome outcome;
     outcome.agent = "a\"b";

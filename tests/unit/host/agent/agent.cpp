@@ -6,6 +6,7 @@
 #include "platform/host/agent/workers.h"
 #include "platform/host/bus/server.h"
 #include "platform/system_manager.h"
+#include "platform/utilities.h"
 
 #include "tests/unit/host/agent/current_request.h"
 #include "tests/unit/host/bus/support.h"
@@ -460,6 +461,103 @@ TEST_F(HostAgentExtension, WorkerHasNoSignalHandlersOfTheAgent) {
     }
     ASSERT_TRUE(loop_until([=] { return is_reaped(worker); }));
     EXPECT_EQ(deliveries.at(0).payload, 1);
+}
+
+bool is_gone(pid_t process) {
+    const std::string stat = text_of("/proc/" + std::to_string(process) + "/stat");
+    const auto name_end = stat.rfind(") ");
+    return name_end == std::string::npos || stat[name_end + 2] == 'Z';
+}
+
+// Runs a program that would go on for long, whose process id goes into the file.
+void run_for_long(const std::filesystem::path &file) {
+    execute_program_and_wait_redirect(-1, -1, -1, "/bin/sh", "-c",
+                                      "echo $$ >\"$0\".new; mv \"$0\".new \"$0\"; exec sleep 600",
+                                      file.c_str(), nullptr);
+}
+
+pid_t process_in(const std::filesystem::path &file) {
+    for (const auto end = Clock::now() + 30s; Clock::now() < end; ::usleep(1000)) {
+        if (pid_t process = 0; std::ifstream(file) >> process) {
+            return process;
+        }
+    }
+    return -1;
+}
+
+template <typename Condition> bool comes_true(Condition condition) {
+    for (const auto end = Clock::now() + 30s; !condition() && Clock::now() < end;) {
+        ::usleep(1000);
+    }
+    return condition();
+}
+
+TEST_F(HostAgentExtension, CopyBeyondItsTimeIsEnded) {
+    platform_.set("copy_time_limit = 2");
+    const auto began = Clock::now();
+    const auto file = agent_directory().path() / "program-of-one-beyond";
+    const pid_t worker = start_worker([&] { run_for_long(file); });
+    const pid_t program = process_in(file);
+    const pid_t stopped = start_worker([] { ::raise(SIGSTOP); });
+    ASSERT_GT(program, 0);
+    ASSERT_TRUE(loop_until([=] { return is_reaped(worker) && is_reaped(stopped); }));
+    EXPECT_GE(Clock::now() - began, 2s);
+    EXPECT_LT(Clock::now() - began, 15s);
+    ASSERT_EQ(deliveries.size(), 2U);
+    EXPECT_EQ(deliveries[0].payload, 3) << "a timeout";
+    EXPECT_EQ(deliveries[1].payload, 3);
+    EXPECT_TRUE(comes_true([=] { return is_gone(program); }));
+    EXPECT_FALSE(std::filesystem::exists(ulmo::worker_directory(worker)));
+    EXPECT_FALSE(std::filesystem::exists(ulmo::worker_directory(stopped)));
+}
+
+TEST_F(HostAgentExtension, OutcomeThatIsThereCountsBeyondTheTimeToo) {
+    platform_.set("copy_time_limit = 1");
+    const pid_t worker = start_worker([] {
+        send_status(0);
+        ::pause();
+    });
+    ::sleep(2); // the agent is busy
+    ASSERT_TRUE(delivered(1));
+    settle();
+    ASSERT_EQ(deliveries.size(), 1U);
+    EXPECT_EQ(deliveries[0].payload, 0);
+    ::kill(worker, SIGKILL);
+    EXPECT_TRUE(loop_until([=] { return is_reaped(worker); }));
+}
+
+// The agent is killed: its worker and what that runs die with it, and what they leave goes with the
+// next copy.
+TEST_F(HostAgentExtension, WorkerDiesWithItsAgent) {
+    const auto file = agent_directory().path() / "program-of-an-orphan";
+    const auto worker_file = agent_directory().path() / "orphan";
+    const pid_t agent = start_child([&] {
+        const pid_t worker = start_worker([&] { run_for_long(file); });
+        std::ofstream(worker_file) << worker << std::endl;
+        ::pause();
+        return 0;
+    });
+    const pid_t program = process_in(file);
+    const pid_t orphan = process_in(worker_file);
+    ASSERT_GT(program, 0);
+    ASSERT_GT(orphan, 0);
+    EXPECT_FALSE(is_gone(orphan));
+    ::kill(agent, SIGKILL);
+    EXPECT_EQ(exit_status_of(agent), -1);
+    EXPECT_TRUE(comes_true([=] { return is_gone(orphan) && is_gone(program); }));
+    EXPECT_TRUE(std::filesystem::exists(ulmo::worker_directory(orphan)));
+    const pid_t next = start_worker([] { send_status(0); });
+    ASSERT_TRUE(loop_until([=] { return is_reaped(next); }));
+    EXPECT_FALSE(std::filesystem::exists(ulmo::worker_directory(orphan)));
+}
+
+// The agent has died before the worker could say that it wants to die with it.
+TEST_F(HostAgentExtension, WorkerOfADeadAgentDoesNothing) {
+    EXPECT_EQ(exit_status_of(start_child([] {
+                  ulmo::become_worker(::getpid(), {}); // which is not its parent
+                  return 0;
+              })),
+              EXIT_FAILURE);
 }
 
 // Without a descriptor to watch the worker with, its end is found by looking.

@@ -205,6 +205,28 @@ TEST_F(HostCopies, ReasonOfADeadWorkerComesFirst) {
                           "\" seconds=S\n");
 }
 
+TEST_F(HostCopies, CopyThatTheAgentEndedIsTold) {
+    std::ofstream(start_upload(), std::ios::app) << "moved 12\n";
+    watch_.ended(worker, 3, "not finished in time");
+    EXPECT_EQ(line(), begin_of_upload + std::string("outcome=failed cause=timeout reason=\"not "
+                                                    "finished in time\" bytes=12 seconds=S\n"));
+}
+
+TEST_F(HostCopies, CopyWhoseRowIsGoneOrNoLongerRunsIsFound) {
+    start_upload();
+    EXPECT_TRUE(watch_.without_row().empty());
+    const auto all = rows;
+    rows.clear();
+    EXPECT_EQ(watch_.without_row(), std::vector<pid_t>{worker});
+    rows = all;
+    for (auto &[index, row] : rows) {
+        row[state_column] = word(1); // of a new request in the place of the old one
+    }
+    EXPECT_EQ(watch_.without_row(), std::vector<pid_t>{worker});
+    watch_.ended(worker, 1, "removed");
+    EXPECT_TRUE(watch_.without_row().empty());
+}
+
 TEST_F(HostCopies, CopyIsToldOfOnce) {
     start_upload();
     watch_.reported(worker, 0);

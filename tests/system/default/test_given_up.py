@@ -1,0 +1,93 @@
+"""Copies that the switch gives up: nothing of them goes on, and the next one begins at once."""
+
+import os
+import signal
+import time
+
+import pytest
+from copy_table import (
+    FTP, LOCAL_STARTUP_TO_RUNNING, SCP, SERVER4, SFTP, STATE_FAILED, TFTP, TIMEOUT, WORK,
+    Request, agent_pid, children, download, lab_ctl, process_state, run, serve, show, upload,
+    wait_for,
+)
+from test_settings import SETTINGS
+
+PROTOCOLS = pytest.mark.parametrize("protocol", [TFTP, FTP, SFTP, SCP],
+                                    ids=["tftp", "ftp", "sftp", "scp"])
+
+
+def descendants(pid):
+    pids = children(pid)
+    for each in pids:
+        try:
+            pids += children(each)
+        except (FileNotFoundError, ProcessLookupError):
+            pass
+    return pids
+
+
+def hanging(operator, protocol, columns):
+    """A copy on a link that is cut, and the processes that are at it."""
+    request = Request(operator).create(*columns(SERVER4, "given-up.cfg", protocol=protocol))
+    request.activate()
+    least = 1 if protocol == TFTP else 3  # a worker, a script, a client
+    return request, wait_for(lambda: descendants(agent_pid())[least - 1:] and
+                             descendants(agent_pid()), what="the processes of the copy")
+
+
+def wait_for_end(pids):
+    wait_for(lambda: all(process_state(pid) in (None, "Z") for pid in pids), 5, "their end")
+
+
+@PROTOCOLS
+@pytest.mark.parametrize("columns", [upload, download])
+@pytest.mark.parametrize("is_stopped", [False, True], ids=["", "stopped"])
+def test_destroyed_request(operator, broken_link, protocol, columns, is_stopped):
+    following = Request(operator).create(*LOCAL_STARTUP_TO_RUNNING)
+    request, pids = hanging(operator, protocol, columns)
+    if is_stopped:
+        for pid in pids:
+            os.kill(pid, signal.SIGSTOP)
+    request.destroy()
+    following.copied()
+    wait_for_end(pids)
+    wait_for(lambda: os.listdir(WORK) == [], what="an empty folder")
+
+
+@PROTOCOLS
+@pytest.mark.parametrize("is_stopped", [False, True], ids=["", "stopped"])
+def test_time_limit(operator, broken_link, protocol, is_stopped):
+    before = SETTINGS.read_bytes()
+    try:
+        SETTINGS.write_bytes(before + b"copy_time_limit = 2\n")
+        began = time.monotonic()
+        request, pids = hanging(operator, protocol, upload)
+        if is_stopped:
+            for pid in pids:
+                os.kill(pid, signal.SIGSTOP)
+        assert request.finished() == (STATE_FAILED, TIMEOUT)
+        assert 2 <= time.monotonic() - began < 6
+    finally:
+        SETTINGS.write_bytes(before)
+    assert ("cause=timeout reason=\"not finished within copy_time_limit, 2 seconds\""
+            in run("cmdshell", "-c", "show copies").splitlines()[0])
+    wait_for_end(pids)
+    Request(operator).create(*LOCAL_STARTUP_TO_RUNNING).copied()
+    assert os.listdir(WORK) == []
+
+
+@PROTOCOLS
+def test_killed_agent(operator, broken_link, protocol, lines_of):
+    """What was on its way does not come into force later, and nothing stays on the disk."""
+    serve("given-up.cfg", lines_of("vlan 77"))
+    _, pids = hanging(operator, protocol, download)
+    agent = agent_pid()
+    lab_ctl("kill-agent")
+    try:
+        wait_for_end([agent, *pids])
+        broken_link()
+    finally:
+        lab_ctl("start-agent")
+    assert "vlan 77" not in show("running")
+    Request(operator).create(*LOCAL_STARTUP_TO_RUNNING).copied()
+    assert os.listdir(WORK) == []
