@@ -62,6 +62,7 @@ struct Script {
     long end = COPY_STATE_SUCCESSFUL;
     long cause = 0;
     bool forgets_rows = false; // like a restarted agent: a row disappears once it runs
+    std::string last_save;     // its own text about its last save
     Lie lie = Lie::none;
 };
 
@@ -351,6 +352,11 @@ class ScriptedAgent {
         const copy_client::Oid column(name.begin(), name.end() - 1);
         const auto row = world.rows.find(name.back());
         std::optional<long> value;
+        if (name.size() > 8 && name[6] == 8072) {
+            ::snmp_set_var_typed_value(&variable, ASN_OCTET_STR, world.script.last_save.data(),
+                                       world.script.last_save.size());
+            return;
+        }
         if (row != world.rows.end()) {
             if (column == copy_client::copy_column(CC_COLUMN_ENTRY_ROW_STATUS)) {
                 value = row->second.state == COPY_STATE_WAITING ? ROW_STATUS_NOT_IN_SERVICE

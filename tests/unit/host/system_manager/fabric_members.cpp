@@ -36,7 +36,7 @@ class FabricMembers : public testing::Test {
             return error.what();
         }
     }
-    // Of one member's line, beside credentials for all.
+    // The refusal of one member's line, with credentials for all.
     std::string refusal_of_line(const std::string &line) const {
         return refusal(std::string(credentials) + "fabric_member = " + line + '\n');
     }

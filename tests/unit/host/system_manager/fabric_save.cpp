@@ -54,7 +54,7 @@ bool is_readable(int descriptor) {
     return ::poll(&polled, 1, 0) > 0;
 }
 
-// Stands in for the save of one member: does what the user's name says.
+// Replaces the save of one member: does what the user's name says.
 std::string act(const ulmo::FabricMember &member, std::chrono::seconds limit, int stop) {
     const std::string &what = member.user;
     if (what == "slow") {
@@ -110,7 +110,7 @@ class FabricSave : public testing::Test {
         }
         return texts;
     }
-    // A thread that was left behind ends with its test.
+    // A thread left behind ends with its test.
     void SetUp() override { may_hang = true; }
     void TearDown() override {
         may_hang = false;
@@ -182,7 +182,7 @@ ulmo::FabricMember member_at(const ScriptedAgent &agent) {
     return member;
 }
 
-// Alone, as action does it.
+// Saves this member only, through the function that an action uses.
 std::string save_of(const ulmo::FabricMember &member, std::chrono::seconds limit = 5s,
                     int stop = -1) {
     return ulmo::save_members({member}, limit, stop).front().text;

@@ -45,14 +45,14 @@ inline bool comes_true(const std::function<bool()> &condition,
     return true;
 }
 
-// Sends a signal to one process. A number that is no process, such as a failed look-up's, stands
-// for many processes in kill(2).
+// Sends a signal to one process. Refuses numbers that are not a process id, such as a failed
+// look-up's, which kill(2) takes for many processes.
 inline void send_signal(pid_t pid, int number) {
     ASSERT_GT(pid, 1);
     ASSERT_EQ(::kill(pid, number), 0) << std::strerror(errno);
 }
 
-// A program that stands beside the tests, running; killed with the object, and with the test.
+// Runs a program from the folder of the tests; killed with the object, and with the test.
 class Program {
   public:
     // Its standard output goes to the file `output`, its standard error to the end of the file
@@ -92,7 +92,7 @@ class Program {
     pid_t pid() const { return pid_; }
     void signal(int number) const { send_signal(pid_, number); }
 
-    // The exit status, or minus the signal; nothing while it runs.
+    // The exit status, or minus the signal; nothing while the program runs.
     std::optional<int> ended() {
         int status = 0;
         if (pid_ <= 0 || ::waitpid(pid_, &status, WNOHANG) != pid_) {
@@ -120,7 +120,7 @@ inline std::vector<pid_t> children_of(pid_t pid) {
     return children;
 }
 
-// The value of a line of /proc/PID/status (proc(5)); empty when the process is gone.
+// The value of a line of /proc/PID/status (proc(5)); empty if the process has gone.
 inline std::string status_of(pid_t pid, const std::string &name) {
     std::ifstream lines("/proc/" + std::to_string(pid) + "/status");
     for (std::string line; std::getline(lines, line);) {
@@ -136,7 +136,7 @@ inline bool is_gone(pid_t pid) {
     return state.empty() || state.front() == 'Z';
 }
 
-// How often the process has laid itself to rest: a loop that turns without a pause never does.
+// How often the process has slept: a busy loop never does.
 inline unsigned long rests_of(pid_t pid) {
     return std::stoul("0" + status_of(pid, "voluntary_ctxt_switches"));
 }

@@ -35,7 +35,7 @@ class ActionProcess : public DeviceTest {
     ulmo::FileLock held() const {
         return {state() / "configuration.lock", ulmo::FileLock::Mode::exclusive, 1s};
     }
-    // The only child of the test.
+    // The only child process of the test.
     static pid_t child() {
         const auto children = children_of(::getpid());
         EXPECT_EQ(children.size(), 1U);
@@ -68,7 +68,7 @@ TEST_F(ActionProcess, ALongReasonIsCut) {
 }
 
 TEST_F(ActionProcess, OneThatDoesNotEndIsKilled) {
-    const auto lock = held(); // nobody looks at SIGTERM while he waits for it
+    const auto lock = held(); // SIGTERM has no effect while it waits for the lock
     ulmo::ActionProcess process(ulmo::Action{});
     process.kill_if_overdue();
     process.give_up(60ms);
@@ -84,7 +84,7 @@ TEST_F(ActionProcess, OneThatDoesNotEndIsKilled) {
     EXPECT_EQ(outcome->status, ulmo::warden_err_given_up);
     EXPECT_EQ(outcome->text, "given up, killed");
     EXPECT_FALSE(std::filesystem::exists(startup()));
-    process.give_up(0ms); // nothing is left to be ended
+    process.give_up(0ms); // nothing is left to end
     process.kill_if_overdue();
 }
 

@@ -134,7 +134,7 @@ TEST_F(Warden, TheScopeOfAllWritesTheFilesOfTheSetting) {
     EXPECT_EQ(content(startup()), new_text);
     EXPECT_EQ(content(state() / "backup.cfg"), new_text);
 
-    // A change of the setting holds at once.
+    // A change of the setting takes effect at once.
     file("platform.conf",
          "startup_copy = one.cfg\nstartup_copy = " + (directory_ / "two.cfg").string() + "\n");
     file("state/running.cfg", old_text);
@@ -246,7 +246,7 @@ TEST_F(Warden, AnActionThatWaitsIsGivenUpBeforeItBegins) {
 
 TEST_F(Warden, AnAbortThatIsNotMeantForTheActionIsDropped) {
     prepare_and_start();
-    abort_action(4711); // nothing runs
+    abort_action(4711); // no action is running
     ASSERT_TRUE(logs("message 1383 of process " + std::to_string(::getpid()) +
                      ", 8 octets, dropped: no such action is in progress"));
     auto held = hold_device();
@@ -509,7 +509,7 @@ TEST_F(Warden, AKilledOneLeavesTheOldStartupConfiguration) {
     stop();
 }
 
-// Nothing else would: the next system manager does not know of the rows.
+// Nothing else would: the next system manager has no record of the rows.
 TEST_F(Warden, AKilledOneLeavesNoRowAtAMember) {
     Script script;
     script.reads_until_end = -1;
@@ -552,7 +552,7 @@ TEST_F(Warden, AnActionWhoseProcessIsKilledHasFailed) {
 
 TEST_F(Warden, TheSwitchStartsOnceABoot) {
     file("state/system.cfg", old_text);
-    file("state/running.cfg", "hostname lost\n"); // not saved before the machine went down
+    file("state/running.cfg", "hostname lost\n"); // not saved before the machine stopped
     file("state/system.cfg.new", "hostname unfinished\n");
     file("run/started", "another boot");
     start();
