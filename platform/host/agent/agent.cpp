@@ -32,7 +32,7 @@
 namespace ulmo {
 namespace {
 
-// what a worker that can't report any more is taken to have reported
+// the status of a worker that ended without a report
 constexpr int32_t lost_worker_status = 1;
 constexpr uint32_t failed_outcome = 1;
 constexpr int enterprise_specific = 6;
@@ -88,8 +88,8 @@ class Agent final : public BusObserver {
     std::unique_ptr<ClockWatch> clock_;
     WorkerTable workers_;
     std::optional<Unforked> unforked_;
-    UniqueFd save_; // where the system manager tells of the save that the module has asked for
-    unsigned int lost_save_alarm_ = 0; // runs when nobody will tell of it
+    UniqueFd save_; // the system manager reports the end of the module's save here
+    unsigned int lost_save_alarm_ = 0; // runs if no report will come
     unsigned int watch_alarm_ = 0;     // runs while there are workers
 };
 
@@ -99,7 +99,7 @@ Agent &agent() {
     return *instance;
 }
 
-// Runs what the agent's loop called; nothing may be thrown into it.
+// Runs a callback of the agent's loop; no exception leaves it.
 template <typename Operation> void guarded(Operation &&operation) noexcept {
     log_failure("agent", std::forward<Operation>(operation));
 }
@@ -114,7 +114,7 @@ std::string why_not_asked(int error) {
                : std::string("the system manager can't be asked: ") + std::strerror(error);
 }
 
-// What a worker says; nothing when it says nothing.
+// A worker's status; nothing if the message has none.
 std::optional<int32_t> status_in(const msgbus_message &message) {
     std::optional<int32_t> status;
     if (message.length >= sizeof(int32_t)) {
@@ -127,8 +127,8 @@ int Agent::subscribe(uint32_t opcode, agent_message_handler handler) {
     if (handler == nullptr) {
         return EINVAL;
     }
-    // The subscription holds even when the access point can't be served: what becomes of a worker
-    // is still to be delivered.
+    // The subscription holds even if the access point can't be served: the end of a worker must
+    // still be delivered.
     handlers_[opcode] = handler;
     start();
     return 0;
@@ -234,7 +234,7 @@ void Agent::deliver(msgbus_message &message) {
 }
 
 void Agent::settle(const std::vector<pid_t> &ended) {
-    // What a worker sent before it ended comes first.
+    // A report sent before the worker's end takes precedence.
     receive_messages();
     hear_of_save();
     for (const pid_t worker : ended) {
@@ -288,7 +288,7 @@ void Agent::answered(msgbus_msg answer, UniqueFd connection) noexcept {
 
 void Agent::unanswered(uint32_t token, int error) noexcept {
     guarded([=] {
-        // It may be under way all the same: what reads failed is not to be saved later.
+        // It may be under way all the same: a save that reads failed must not be made later.
         const warden_cfg_abort request{htonl(token), 0};
         int failure = 0;
         const UniqueFd connection = connect_to(MSGBUS_SAP_WARDEN, failure);
@@ -315,7 +315,7 @@ void Agent::on_lost_save(unsigned int, void *self) {
     guarded([self] { static_cast<Agent *>(self)->deliver_end_of_save(failed_outcome); });
 }
 
-// What comes from now on is of no earlier save.
+// Later messages do not belong to an earlier save.
 void Agent::forget_save() {
     if (save_) {
         // Closing alone does not end the watch while a worker is about to let go of its copy.
@@ -409,9 +409,9 @@ void Agent::on_failed_fork(unsigned int, void *self) {
 }
 
 pid_t Agent::fork_worker() {
-    // the access point may have been another agent's when this one was loaded
+    // another agent may have held the access point when this one was loaded
     guarded([this] { start(); });
-    // so that this process tells them, and not each worker anew
+    // logged by this process, not again by each worker
     guarded([] { settings_problems(); });
     const std::vector<int> own = descriptors();
     auto copy = copy_watch().begin();

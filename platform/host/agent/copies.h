@@ -1,7 +1,7 @@
-// The copies and saves that managers ask of this agent, from their activation to the line that is
-// kept, and given to the system's log, of each. The module that serves the copy table takes no part
-// in it: the request being served names the row, and the module's own read methods tell what stands
-// in it. All of it belongs to the agent's thread.
+// The copies and saves that managers request from this agent, from the activation to the line that
+// is kept of each and sent to the system's log. The module that serves the copy table is not
+// involved: the request being served names the row, and the module's own read methods supply its
+// columns. For the agent's thread only.
 #pragma once
 
 #include "platform/host/history/copy_record.h"
@@ -25,11 +25,11 @@
 
 namespace ulmo {
 
-// Reads columns of the copy table's rows by the methods that the module has registered. The column
-// of the passwords is not among them.
+// Reads columns of the copy table's rows through the methods that the module has registered, except
+// the column of the passwords.
 class CopyRows {
   public:
-    // What a module registers: as register_mib(3) has it.
+    // Notes a module's registration; the arguments are those of register_mib(3).
     void learn(const variable *variables, std::size_t size, std::size_t count, const oid *root,
                std::size_t root_length);
 
@@ -39,7 +39,8 @@ class CopyRows {
     // A column with its whole name; null when the module has registered none.
     const variable *column(oid number) const;
 
-    // The rows whose status the request being served sets to one of two values, in its order.
+    // The rows whose status the request being served sets to one of two values, in the request's
+    // order.
     [[nodiscard]] std::vector<oid> set_by_request(long status, long other_status) const;
 
   private:
@@ -56,19 +57,20 @@ class CopyWatch {
         rows_.learn(variables, size, count, root, root_length);
     }
 
-    // A copy that has been activated, and where its worker reports.
+    // An activated copy, and its worker's report file.
     struct Copy {
         CopyRequest request;
         std::chrono::steady_clock::time_point began;
         std::filesystem::path report;
     };
 
-    // The agent has started: copies of an earlier one have lost whoever would tell of their end.
+    // To be called when the agent starts: copies of an earlier agent are marked as ended, as
+    // nothing else would report their end.
     void close_unfinished() noexcept;
 
     const CopyRows &rows() const { return rows_; }
 
-    // The copy for which a worker is about to be forked; nothing when no request is being served.
+    // The copy for which a worker is about to be forked; nothing if no request is being served.
     std::optional<Copy> begin() noexcept;
 
     void follow(pid_t worker, std::optional<Copy> copy);
@@ -77,12 +79,12 @@ class CopyWatch {
     std::vector<pid_t> without_row() const noexcept;
     void not_forked(const Copy &copy, int error) noexcept;
 
-    // The module has been told of the end: by the worker's own report, or because it died.
+    // The module has received the end of the copy: the worker's own report, or its death.
     void reported(pid_t worker, std::optional<std::int32_t> status) noexcept;
     void died(pid_t worker, const std::string &how) noexcept;
     // The agent has ended the worker, and has told the module that status.
     void ended(pid_t worker, std::int32_t status, const std::string &reason) noexcept;
-    // An action of the system manager has ended, and the module has been told.
+    // An action of the system manager has ended, and the module has received the end.
     void action_ended(std::uint32_t status) noexcept;
 
     // The module has sent a request to the system manager, or has tried to.

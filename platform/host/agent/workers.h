@@ -20,8 +20,8 @@
 
 namespace ulmo {
 
-// The folder in which the worker of that process id keeps its temporary files. Throws as
-// state_dir() does.
+// The folder for the temporary files of the worker with that process id. Throws as state_dir()
+// does.
 std::filesystem::path worker_directory(pid_t worker);
 
 // Turns the calling process, just forked from `agent`, into a worker: it dies with the agent, whose
@@ -37,28 +37,28 @@ void sweep_worker_directories() noexcept;
 // The workers that this process forked and has not reaped. All of it belongs to one thread.
 class WorkerTable {
   public:
-    // Watches the child. Returns the descriptor that becomes readable when it ends, or -1 when the
-    // kernel offers none: ended() finds it.
+    // Watches the child. Returns a descriptor that becomes readable when it ends, or -1 if the
+    // kernel offers none; ended() then finds the end.
     int add(pid_t worker);
 
-    // Whether the process is a worker whose status has not come yet; from then on it has.
+    // Whether the process is a worker that has not reported yet; marks it as having reported.
     bool take_report(pid_t worker);
 
     // Those that run for that long and have not reported.
     std::vector<pid_t> running_for(std::chrono::seconds time) const;
 
-    // Those that have ended and wait to be reaped, each found without waiting.
+    // The workers that have ended and are to be reaped. Does not block.
     [[nodiscard]] std::vector<pid_t> ended() const;
 
-    // What is left of a worker that was reaped.
+    // The result of a reaped worker.
     struct Ended {
         UniqueFd watch;
         bool reported;
-        std::string how; // for people: by which signal, or with which status
+        std::string how; // in words: the signal or the exit status
     };
 
-    // Reaps one that has ended, and nothing else, and removes its folder. Nothing when it has not
-    // ended or is no worker.
+    // Reaps this worker only, and removes its folder. Nothing if it has not ended or is not a
+    // worker.
     std::optional<Ended> reap(pid_t worker);
 
     [[nodiscard]] bool empty() const { return workers_.empty(); }
@@ -80,5 +80,5 @@ void row_status_is_set() noexcept;
 
 } // namespace ulmo
 
-// What the agent's module calls in place of fork(2), by the linker's --wrap=fork.
+// Called by the agent's module instead of fork(2), through the linker's --wrap=fork.
 extern "C" pid_t __wrap_fork(void);
