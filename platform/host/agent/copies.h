@@ -37,7 +37,7 @@ class CopyRows {
     [[nodiscard]] std::optional<long> number(oid column, oid row) const;
 
     // A column with its whole name; null when the module has registered none.
-    const variable *column(oid number) const;
+    [[nodiscard]] const variable *column(oid number) const;
 
     // The rows whose status the request being served sets to one of two values, in the request's
     // order.
@@ -76,7 +76,7 @@ class CopyWatch {
     void follow(pid_t worker, std::optional<Copy> copy);
 
     // The workers whose row was destroyed, or is no longer the row of a running copy.
-    std::vector<pid_t> without_row() const noexcept;
+    [[nodiscard]] std::vector<pid_t> without_row() const noexcept;
     void not_forked(const Copy &copy, int error) noexcept;
 
     // The module has received the end of the copy: the worker's own report, or its death.

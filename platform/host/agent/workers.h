@@ -45,7 +45,7 @@ class WorkerTable {
     bool take_report(pid_t worker);
 
     // Those that run for that long and have not reported.
-    std::vector<pid_t> running_for(std::chrono::seconds time) const;
+    [[nodiscard]] std::vector<pid_t> running_for(std::chrono::seconds time) const;
 
     // The workers that have ended and are to be reaped. Does not block.
     [[nodiscard]] std::vector<pid_t> ended() const;
