@@ -561,10 +561,13 @@ proc ssh_failed {status} {
         space {(write|close|fsync) remote .*: Failure$}
         unreachable {^ssh: }
         unreachable {(Connection|Operation) timed out}
-        lost {[Cc]onnection (closed|reset)|Connection to .* (closed|aborted)|[Bb]roken pipe$|^lost connection$}
+        lost {[Cc]onnection (closed|reset)|Connection to .* (closed|aborted)|[Bb]roken pipe$|lost connection$}
         name {: (No such file or directory|Permission denied|Failure|Is a directory|Not a directory|Bad message|Operation unsupported)$}
         name {" not found\.$| not a regular file$|non-regular file: |[Ff]ile name too long|is not a directory$}
     }] kind line
+    if {$kind eq {} && $status == -1} { # it wrote to an ssh that was gone
+        fail lost {}
+    }
     if {$kind eq {}} {
         fail other [last_line]
     }
