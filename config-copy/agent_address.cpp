@@ -19,7 +19,7 @@
 namespace config_copy {
 namespace {
 
-constexpr int connect_time = 5000; // milliseconds
+constexpr std::chrono::seconds connect_time(5);
 
 enum class Family { any, ipv4, ipv6 };
 
@@ -54,7 +54,7 @@ bool is_numeric(const std::string &text) {
            ::inet_pton(AF_INET6, text.c_str(), &octets) == 1;
 }
 
-bool connects(const addrinfo &address) {
+bool connects(const addrinfo &address, std::chrono::milliseconds limit) {
     const ulmo::UniqueFd connection(
         ::socket(address.ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (!connection) {
@@ -65,7 +65,8 @@ bool connects(const addrinfo &address) {
         std::array<pollfd, 2> waited{
             {{connection.get(), POLLOUT, 0}, {interrupt_descriptor(), POLLIN, 0}}};
         error = ETIMEDOUT;
-        if (::poll(waited.data(), waited.size(), connect_time) > 0 && waited[0].revents != 0) {
+        if (::poll(waited.data(), waited.size(), static_cast<int>(limit.count())) > 0 &&
+            waited[0].revents != 0) {
             socklen_t length = sizeof error;
             ::getsockopt(connection.get(), SOL_SOCKET, SO_ERROR, &error, &length);
         }
@@ -108,7 +109,7 @@ AgentAddress parse_agent(const std::string &agent) {
     return parts;
 }
 
-std::string reachable_address(const std::string &agent) {
+std::string reachable_address(const std::string &agent, std::chrono::seconds limit) {
     const AgentAddress parts = parse_agent(agent);
     const Transport *transport = transport_of(parts.transport);
     if (!parts.is_understood || transport == nullptr) {
@@ -120,8 +121,8 @@ std::string reachable_address(const std::string &agent) {
                       : transport->family == Family::ipv6 ? AF_INET6
                                                           : AF_UNSPEC;
     const std::string port = parts.port.empty() ? "161" : parts.port;
-    const Addresses list = look_up("agent", parts.host, port.c_str(), hints);
-    if (transport->is_tcp && !connects(*list)) {
+    const Addresses list = look_up("agent", parts.host, port.c_str(), hints, limit);
+    if (transport->is_tcp && !connects(*list, std::min(connect_time, limit))) {
         throw Failure(ExitStatus::unreachable,
                       "no connection to " + agent +
                           ": check the address, and whether the agent listens on TCP");

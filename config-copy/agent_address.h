@@ -2,6 +2,7 @@
 // look up its name, and connect by TCP, while locked.
 #pragma once
 
+#include <chrono>
 #include <string>
 
 namespace config_copy {
@@ -10,7 +11,7 @@ namespace config_copy {
 // replaced by its address. Text of any other form (other transports, paths) is returned unchanged.
 // Throws a Failure of unreachable if the name is not known or if a TCP connection is not
 // established within a few seconds.
-std::string reachable_address(const std::string &agent);
+std::string reachable_address(const std::string &agent, std::chrono::seconds limit);
 
 // Parts of the implementation.
 

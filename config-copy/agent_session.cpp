@@ -60,14 +60,20 @@ std::string describe_silence(const Trouble &trouble) {
 
 } // namespace
 
-Session session_with(const netsnmp_session &defaults, const std::string &agent, bool is_verbose) {
+Session session_with(const netsnmp_session &defaults, const std::string &agent, bool is_verbose,
+                     std::chrono::seconds limit) {
+    const auto deadline = Clock::now() + limit;
     Trace trace;
     if (is_verbose) { // one write: other sessions print at the same time
         trace = [agent](const std::string &text) {
             std::cerr << "config-copy: " + agent + ": " + text + '\n' << std::flush;
         };
     }
-    return {defaults, {agent, reachable_address(agent)}, interrupt_descriptor(), std::move(trace)};
+    return {defaults,
+            {agent, reachable_address(agent, limit)},
+            interrupt_descriptor(),
+            std::move(trace),
+            deadline};
 }
 
 Failure failure_of(const Trouble &trouble, const std::string &agent) {

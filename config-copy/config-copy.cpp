@@ -33,7 +33,7 @@ CopyJob job_of(const Options &options) {
     if (!job.has_file()) {
         return job;
     }
-    job.server = server_address(job.file().host);
+    job.server = server_address(job.file().host, job.time_limit);
     for (const std::string &agent : options.agents) {
         // Reports a name that is too long before any copy begins.
         file_name(job.file(), {host_value(agent), job.date});
@@ -88,7 +88,8 @@ ExitStatus run(const Options &options, Output &output) {
     }
     const std::string &agent = options.agents.front();
     try {
-        Session session = session_with(options.session, agent, options.is_verbose);
+        Session session =
+            session_with(options.session, agent, options.is_verbose, options.time_limit);
         if (options.command == Command::list) {
             list_requests(session, output);
         } else if (options.command == Command::errors) {

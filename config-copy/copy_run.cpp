@@ -106,6 +106,8 @@ class Run {
             }
             progress_("waiting for another copy", waited);
             session_.pause(some_time());
+            // To wait for its turn takes nothing of the copy's time.
+            session_.set_deadline(Clock::now() + job_.time_limit, false);
         }
     }
 
@@ -183,20 +185,24 @@ class Run {
 
     void await_end(Outcome &outcome) {
         const auto began = Clock::now();
-        const CopyState end = row_.await_end([&] {
-            const auto elapsed =
-                std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - began);
-            if (elapsed >= job_.time_limit) {
-                const bool is_save = job_.from.type == FileType::running && !job_.has_file();
-                throw Failure(ExitStatus::failed,
-                              session_.agent() + ": not finished in " +
-                                  std::to_string(job_.time_limit.count()) + " s, so the " +
-                                  (is_save ? "save was given up: does the system manager run?"
-                                           : "copy was given up") +
-                                  " (--time-limit gives more time)");
+        CopyState end;
+        try {
+            end = row_.await_end([&] {
+                progress_("copy running",
+                          std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - began));
+            });
+        } catch (const Trouble &trouble) {
+            if (trouble.kind != TroubleKind::out_of_time) {
+                throw;
             }
-            progress_("copy running", elapsed);
-        });
+            const bool is_save = job_.from.type == FileType::running && !job_.has_file();
+            throw Failure(ExitStatus::failed,
+                          session_.agent() + ": not finished in " +
+                              std::to_string(job_.time_limit.count()) + " s, so the " +
+                              (is_save ? "save was given up: does the system manager run?"
+                                       : "copy was given up") +
+                              " (--time-limit gives more time)");
+        }
         report(outcome, end);
     }
 
@@ -226,12 +232,18 @@ class Run {
         outcome.text = outcome.agent + ": " + what + " failed" + duration + " (" + outcome.cause +
                        "): " + describe_cause(end.cause, server, is_fabric, outcome.reason);
         if (is_fabric && end.cause == COPY_FAIL_WARDEN_FAILED) {
-            outcome.switches = switches_of(session_, row_.index());
+            try {
+                outcome.switches = switches_of(session_, row_.index());
+            } catch (const Trouble &trouble) { // that it failed is known
+                outcome.text += "; what each switch reported can't be read: ";
+                outcome.text += failure_of(trouble, session_.agent()).what();
+            }
         }
     }
 
     void clean_up() {
         session_.begin_to_clean_up(2s);
+        session_.set_deadline(Clock::now() + 6s, false); // a removal is tried three times
         row_.destroy();
     }
 
@@ -262,11 +274,11 @@ std::optional<double> seconds_between(const Value &started, const Value &complet
     return static_cast<double>(static_cast<std::uint32_t>(end - start)) / 100;
 }
 
-std::vector<SwitchOutcome> switches_of(Session &session, oid index) {
+std::vector<SwitchOutcome> switches_of(Session &session, oid index, std::size_t most) {
     std::vector<SwitchOutcome> switches;
     Oid request = error_column(CC_ERROR_COLUMN_SWITCH_WWN);
     request.push_back(index);
-    for (const auto &[name, wwn] : session.instances(request)) {
+    for (const auto &[name, wwn] : session.instances(request, most)) {
         const std::vector<Value> values =
             session.get({error_cell(CC_ERROR_COLUMN_DEVICE_ADDR, index, name.back()),
                          error_cell(CC_ERROR_COLUMN_TEXT, index, name.back())});
@@ -312,7 +324,7 @@ Outcome copy(const netsnmp_session &defaults, const std::string &agent, const Co
              const Progress &progress) {
     Outcome outcome = planned(job, agent);
     try {
-        Session session = session_with(defaults, agent, job.is_verbose);
+        Session session = session_with(defaults, agent, job.is_verbose, job.time_limit);
         return copy(session, job, progress);
     } catch (const Failure &failure) {
         outcome.fail(failure);

@@ -52,7 +52,8 @@ Outcome copy(const netsnmp_session &defaults, const std::string &agent, const Co
 std::optional<double> seconds_between(const Value &started, const Value &completed);
 
 // The rows of ccCopyErrorTable of one request.
-std::vector<SwitchOutcome> switches_of(Session &session, oid index);
+std::vector<SwitchOutcome> switches_of(Session &session, oid index,
+                                       std::size_t most = most_instances);
 
 // Throws a Failure of refused if the agent has no copy table that the user may read. SNMPv1 agents
 // do not tell.

@@ -59,10 +59,11 @@ Outcome copy_on(const netsnmp_session &defaults, const std::string &agent, const
                 std::counting_semaphore<> &slots) {
     Outcome outcome = planned(job, agent);
     try {
-        Session session = session_with(defaults, agent, job.is_verbose);
+        Session session = session_with(defaults, agent, job.is_verbose, job.time_limit);
         // An agent that does not answer does not get a slot.
         session.get({copy_cell(CC_COLUMN_ENTRY_ROW_STATUS, largest_index)});
         const Slot slot(slots);
+        session.set_deadline(Clock::now() + job.time_limit, false);
         return copy(session, job, [](std::string_view, std::chrono::seconds) {});
     } catch (const Failure &failure) {
         outcome.fail(failure);

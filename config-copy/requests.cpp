@@ -77,7 +77,8 @@ void list_errors(Session &session, std::optional<oid> index, Output &output) {
     check_table(session);
     std::vector<std::vector<std::string>> rows;
     for (const oid request : index ? std::vector{*index} : indexes(session)) {
-        for (const auto &[address, wwn, text] : switches_of(session, request)) {
+        for (const auto &[address, wwn, text] :
+             switches_of(session, request, most_instances - rows.size())) {
             rows.push_back({std::to_string(request),
                             address.empty() ? std::string(absent) : address, wwn, text});
         }

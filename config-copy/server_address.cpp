@@ -22,10 +22,10 @@ bool leads_back(const ServerAddress &address) {
 
 } // namespace
 
-ServerAddress server_address(const std::string &host) {
+ServerAddress server_address(const std::string &host, std::chrono::seconds limit) {
     addrinfo hints{};
     hints.ai_socktype = SOCK_DGRAM;
-    const Addresses list = look_up("file server", host, nullptr, hints);
+    const Addresses list = look_up("file server", host, nullptr, hints, limit);
     ServerAddress address;
     if (list->ai_family == AF_INET6) {
         sockaddr_in6 socket_address{};

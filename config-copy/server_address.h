@@ -4,6 +4,7 @@
 #include "base/address_text.h"
 #include "config-copy/copy_table.h"
 
+#include <chrono>
 #include <string>
 
 namespace config_copy {
@@ -15,7 +16,7 @@ struct ServerAddress {
 
 // Throws a Failure of unreachable if the name can't be looked up, and of usage if it is this
 // machine's loopback address, which would mean the switch itself there.
-ServerAddress server_address(const std::string &host);
+ServerAddress server_address(const std::string &host, std::chrono::seconds limit);
 
 using ulmo::address_text;
 

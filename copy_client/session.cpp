@@ -138,8 +138,9 @@ void Session::FreePdu::operator()(netsnmp_pdu *pdu) const {
 
 // The library would ask for the agent's engine id here and wait for it. make_ready() does that
 // without blocking other sessions.
-Session::Session(const netsnmp_session &settings, Peer peer, int stop, Trace trace)
-    : peer_(std::move(peer)), stop_(stop), trace_(std::move(trace)) {
+Session::Session(const netsnmp_session &settings, Peer peer, int stop, Trace trace,
+                 Clock::time_point deadline)
+    : peer_(std::move(peer)), stop_(stop), trace_(std::move(trace)), deadline_(deadline) {
     const std::lock_guard lock(library);
     netsnmp_session opened = settings;
     opened.peername = peer_.address.data();

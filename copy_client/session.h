@@ -77,11 +77,13 @@ class Session {
     // the library's own settings apply where it leaves something open. It must outlive the session.
     // A request ends with Stopped when the descriptor `stop` (-1: never) becomes readable. Throws
     // Trouble.
-    Session(const netsnmp_session &settings, Peer peer, int stop, Trace trace = {});
+    Session(const netsnmp_session &settings, Peer peer, int stop, Trace trace = {},
+            Clock::time_point deadline = Clock::time_point::max());
     Session(const Session &) = delete;
     Session &operator=(const Session &) = delete;
     ~Session();
 
+    // Until this is called the deadline is the constructor's, and silence is not waited out.
     // Nothing is requested after the deadline. With `waits_out_silence`, silence until then is not
     // an error.
     void set_deadline(Clock::time_point deadline, bool waits_out_silence = true) {

@@ -27,6 +27,12 @@ TEST(ManagerCopyLine, AnotherRequestsLineIsNotMeant) {
     EXPECT_FALSE(parsed_copy_line(failed, 7, 4712)); // an earlier one of that index
 }
 
+TEST(ManagerCopyLine, OneWithoutEndIsNotRead) {
+    const std::string line = "2026-11-22T00:15:02Z request=7 started=1 reason=";
+    EXPECT_TRUE(parsed_copy_line(line + std::string(1000, 'x'), 7, 1));
+    EXPECT_FALSE(parsed_copy_line(line + std::string(1 << 20, 'x'), 7, 1));
+}
+
 TEST(ManagerCopyLine, WhatIsNotThereIsNotKnown) {
     const auto line = parsed_copy_line(
         "2026-11-22T00:15:02Z request=7 started=1 outcome=successful sha256=ab bytes=x", 7, 1);

@@ -14,6 +14,8 @@
 namespace config_copy {
 namespace {
 
+constexpr std::chrono::seconds time_limit(10);
+
 struct Split {
     Options options;
     std::vector<std::string> library;
@@ -233,11 +235,11 @@ TEST(Agent, AsTheUserWritesIt) {
 }
 
 TEST(Agent, AddressForTheLibrary) {
-    EXPECT_EQ("udp:192.0.2.1:161", reachable_address("192.0.2.1"));
-    EXPECT_EQ("udp6:[2001:db8::1]:1161", reachable_address("[2001:db8::1]:1161"));
-    EXPECT_EQ("unix:/run/agent", reachable_address("unix:/run/agent"));
+    EXPECT_EQ("udp:192.0.2.1:161", reachable_address("192.0.2.1", time_limit));
+    EXPECT_EQ("udp6:[2001:db8::1]:1161", reachable_address("[2001:db8::1]:1161", time_limit));
+    EXPECT_EQ("unix:/run/agent", reachable_address("unix:/run/agent", time_limit));
     try {
-        reachable_address("udp:name.invalid");
+        reachable_address("udp:name.invalid", time_limit);
         ADD_FAILURE() << "nothing was thrown";
     } catch (const Failure &failure) {
         EXPECT_EQ(ExitStatus::unreachable, failure.status());
@@ -245,10 +247,10 @@ TEST(Agent, AddressForTheLibrary) {
 }
 
 TEST(Server, Addresses) {
-    EXPECT_EQ(INET_ADDRESS_IPV4, server_address("192.0.2.20").type);
-    EXPECT_EQ(std::string("\xC0\0\x02\x14", 4), server_address("192.0.2.20").octets);
-    EXPECT_EQ(INET_ADDRESS_IPV6, server_address("2001:db8::20").type);
-    EXPECT_EQ("2001:db8::20", address_text(server_address("2001:db8::20").octets));
+    EXPECT_EQ(INET_ADDRESS_IPV4, server_address("192.0.2.20", time_limit).type);
+    EXPECT_EQ(std::string("\xC0\0\x02\x14", 4), server_address("192.0.2.20", time_limit).octets);
+    EXPECT_EQ(INET_ADDRESS_IPV6, server_address("2001:db8::20", time_limit).type);
+    EXPECT_EQ("2001:db8::20", address_text(server_address("2001:db8::20", time_limit).octets));
     EXPECT_EQ("?", address_text("123"));
 }
 
@@ -263,7 +265,7 @@ TEST(Names, OneThatIsNotFoundIsNoBadUsage) {
               "again later, or write its address",
               told(EAI_AGAIN));
     try {
-        server_address("name.invalid");
+        server_address("name.invalid", time_limit);
         ADD_FAILURE() << "nothing was thrown";
     } catch (const Failure &failure) {
         EXPECT_EQ(ExitStatus::unreachable, failure.status());
@@ -273,7 +275,7 @@ TEST(Names, OneThatIsNotFoundIsNoBadUsage) {
 TEST(Server, AddressesThatLeadBack) {
     for (const char *host : {"127.0.0.1", "127.9.9.9", "0.0.0.0", "::1", "::"}) {
         EXPECT_NE(std::string::npos, usage_failure([&] {
-                                         server_address(host);
+                                         server_address(host, time_limit);
                                      }).find("which on the switch is the switch itself"))
             << host;
     }

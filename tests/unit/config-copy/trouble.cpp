@@ -1,11 +1,21 @@
 // Each fault of a broken agent has a text that says what happened and what to do.
 #include "config-copy/agent_session.h"
+#include "config-copy/copy_run.h"
+#include "config-copy/name_lookup.h"
+#include "config-copy/output.h"
+#include "config-copy/requests.h"
+#include "tests/unit/copy_client/scripted_agent.h"
 
 #include <gtest/gtest.h>
+
+#include <array>
+#include <thread>
 
 namespace {
 
 using namespace config_copy;
+using namespace copy_client_test;
+using namespace std::chrono_literals;
 
 std::string told(TroubleKind kind, long number = 0, const std::string &detail = {}) {
     const Failure failure = failure_of(Trouble(kind, number, detail), "switch1");
@@ -34,6 +44,70 @@ TEST(ManagerTrouble, ABrokenAgentHasItsWords) {
     EXPECT_EQ(told(TroubleKind::no_free_index, 32),
               "switch1 is broken: it has a copy request at each of 32 numbers that were chosen at "
               "random, so none can be made; restart or update the agent");
+}
+
+// An agent that answers for ever is left when the time is over, whatever is asked of it.
+class TimeLimit : public testing::Test {
+  protected:
+    TimeLimit() {
+        set_up_library("manager_tests");
+        ::snmp_sess_init(&settings_);
+        settings_.version = SNMP_VERSION_2c;
+        settings_.retries = 1;
+        settings_.timeout = 500'000;
+        settings_.community = community_.data();
+        settings_.community_len = std::size(community_) - 1;
+    }
+
+    std::array<u_char, 7> community_{'p', 'u', 'b', 'l', 'i', 'c', 0};
+    netsnmp_session settings_{};
+    Script script_;
+};
+
+TEST_F(TimeLimit, EndsACopyThatRunsForEver) {
+    script_.reads_until_end = -1;
+    const ScriptedAgent agent(script_);
+    CopyJob job;
+    job.from.type = FileType::running;
+    job.to.type = FileType::startup;
+    job.time_limit = 1s;
+    const Outcome outcome = copy(settings_, agent.address(), job, [](auto, auto) {});
+    EXPECT_EQ(outcome.status, ExitStatus::failed);
+    EXPECT_EQ(outcome.text, agent.address() + ": not finished in 1 s, so the save was given up: "
+                                              "does the system manager run? (--time-limit gives "
+                                              "more time)");
+    EXPECT_EQ(agent.seen().rows, 0);
+}
+
+TEST_F(TimeLimit, EndsAList) {
+    script_.lie = Lie::endless_table;
+    const ScriptedAgent agent(script_);
+    Session session = session_with(settings_, agent.address(), false, 1s);
+    const auto output = make_output(true, false, false);
+    try {
+        list_requests(session, *output);
+        FAIL() << "listed";
+    } catch (const Trouble &trouble) {
+        EXPECT_EQ(trouble.kind, TroubleKind::out_of_time);
+    }
+}
+
+TEST_F(TimeLimit, EndsALookUp) {
+    const Resolver slow = [](const char *, const char *, const addrinfo *, addrinfo **) {
+        std::this_thread::sleep_for(3s);
+        return EAI_FAIL;
+    };
+    const auto began = Clock::now();
+    try {
+        look_up("agent", "name.invalid", nullptr, {}, 1s, slow);
+        FAIL() << "found";
+    } catch (const Failure &failure) {
+        EXPECT_EQ(failure.status(), ExitStatus::unreachable);
+        EXPECT_STREQ(failure.what(),
+                     "the agent \"name.invalid\" can't be found in 1 s: no name server answers; "
+                     "try again later, or write its address");
+    }
+    EXPECT_LT(Clock::now() - began, 2500ms);
 }
 
 } // namespace
