@@ -48,12 +48,13 @@ int32_t msgbus_bind(int32_t kind, int32_t second, const struct msgbus_address *a
 /* Closes the endpoint. Always returns 0 for a handle of msgbus_bind(). */
 int32_t msgbus_unbind(int32_t handle, int32_t second);
 
-/* Sends one message without waiting for the receiver. If `store` is not null, a copy of the request
+/* Sends one message. A receiver that is not there or takes no more is waited for, but only for a
+ * moment: by the agent no longer than for an answer. If `store` is not null, a copy of the request
  * is kept there, which the caller must drop; the request then carries a token that is unique on
  * this endpoint, and its answer can be received with msgbus_recv(). A further request on the
  * endpoint abandons the answer to the previous one. The last two arguments are always 0. Returns 0,
  * or a negative value with errno set and *store unchanged: ENOENT or ECONNREFUSED if no process
- * serves the access point. */
+ * serves the access point, EAGAIN if its process takes no more. */
 int32_t msgbus_send(int32_t handle, uint32_t node, uint32_t sap, uint32_t opcode,
                     const void *payload, uint32_t length, msgbus_msg *store, uint32_t eighth,
                     uint32_t ninth);

@@ -26,6 +26,8 @@ using std::chrono::milliseconds;
 constexpr int32_t kind_one_way = 1;
 constexpr int32_t kind_requests = 4;
 constexpr milliseconds short_wait{100};
+// How long a message is tried to be sent that nobody waits for.
+constexpr milliseconds one_way_limit{1000};
 
 BusObserver *observer = nullptr;
 
@@ -68,7 +70,7 @@ Endpoint *find_endpoint(int32_t handle) {
     return &*table[static_cast<size_t>(handle)];
 }
 
-// How long an asked peer may be silent.
+// How long a request may take until its answer has come.
 milliseconds answer_limit() {
     return milliseconds(number_setting("msgbus_answer_limit").value());
 }
@@ -119,8 +121,9 @@ int send_message(int32_t handle, uint32_t node, uint32_t sap, uint32_t opcode, c
     const uint32_t token = store != nullptr ? next_token(*endpoint) : 0;
     auto copy = store != nullptr ? std::make_unique<msgbus_message>(opcode, token, payload, length)
                                  : nullptr;
+    const auto deadline = Clock::now() + (endpoint->takes_answers ? answer_limit() : one_way_limit);
     int error = 0;
-    UniqueFd connection = connect_to(sap, error);
+    UniqueFd connection = connect_to(sap, error, deadline);
     if (error == 0) {
         error = send_packet(connection.get(), opcode, token, payload, length);
     }
@@ -130,7 +133,7 @@ int send_message(int32_t handle, uint32_t node, uint32_t sap, uint32_t opcode, c
         return error;
     }
     if (store != nullptr) {
-        endpoint->exchange = Exchange{std::move(connection), token, Clock::now() + answer_limit()};
+        endpoint->exchange = Exchange{std::move(connection), token, deadline};
         *store = copy.release();
     }
     return 0;

@@ -24,8 +24,9 @@ constexpr int backlog = 128;
 // One round takes everything that fits into the listener's queue, so that a client that sends
 // faster than the server reads can't occupy it for ever.
 constexpr int round_limit = 2 * backlog;
-// How long new connections wait when the process is short of descriptors.
-constexpr std::chrono::seconds shortage_pause{1};
+// How often the server looks whether its socket is still there and, when the process is short of
+// descriptors, whether new connections can be taken.
+constexpr std::chrono::seconds rhythm{1};
 
 // The kernel releases the lock when its holder ends, so the lock distinguishes a living server from
 // a socket file left behind.
@@ -54,26 +55,76 @@ int Incoming::reply(uint32_t opcode, const void *payload, uint32_t length) const
 
 MsgbusServer::MsgbusServer(uint32_t sap, Limits limits)
     : sap_(sap), limits_(limits), socket_path_(sap_path(sap)),
-      lock_(locked(msgbus_dir() / (std::to_string(sap) + ".lock"))), listener_(make_bus_socket()),
+      lock_path_(msgbus_dir() / (std::to_string(sap) + ".lock")),
       timer_(check(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK), "timer")),
       events_(check(::epoll_create1(EPOLL_CLOEXEC), "event set")) {
-    const ActingAsOwner owner(run_dir());
-    const SocketAddress address(socket_path_);
-    if (::unlink(socket_path_.c_str()) != 0 && errno != ENOENT) {
-        throw_errno(socket_path_.native());
-    }
-    check(::bind(listener_.get(), address.get(), address.length()), "bind of the access point");
-    // Untrusted users can connect; nothing they send is read, and the attempt is logged.
-    check(::chmod(socket_path_.c_str(), 0666), "mode of the access point");
-    check(::listen(listener_.get(), backlog), "listen on the access point");
-    watch(events_.get(), listener_.get());
+    open();
     watch(events_.get(), timer_.get());
+    set_timer();
 }
 
 MsgbusServer::~MsgbusServer() {
-    // the owner of the run directory may have replaced the bus's folder
-    const ActingAsOwner owner(run_path());
-    ::unlink(socket_path_.c_str());
+    const ActingAsOwner owner(run_path()); // the owner may have put another folder there
+    if (is_in_place()) {
+        ::unlink(socket_path_.c_str());
+    }
+}
+
+// Makes the socket, in place of what stands there.
+void MsgbusServer::open() {
+    const auto folder = msgbus_dir();
+    const ActingAsOwner owner(run_dir());
+    ::chmod(folder.c_str(), 0700); // one that was made by others, or long ago
+    if (!lock_ || identity_of(lock_path_) != locked_) {
+        lock_ = locked(lock_path_);
+        locked_ = identity_of(lock_path_);
+    }
+    if (::unlink(socket_path_.c_str()) != 0 && errno != ENOENT) {
+        throw_errno(socket_path_.native());
+    }
+    const SocketAddress address(socket_path_);
+    UniqueFd listener = make_bus_socket();
+    check(::bind(listener.get(), address.get(), address.length()), "bind of the access point");
+    // Whoever is not trusted can't even knock: a full queue would keep those out who are.
+    check(::chmod(socket_path_.c_str(), 0600), "mode of the access point");
+    check(::listen(listener.get(), backlog), "listen on the access point");
+    watch(events_.get(), listener.get());
+    if (listener_) {
+        // Closing alone does not end the watch as long as a forked child holds a copy.
+        ::epoll_ctl(events_.get(), EPOLL_CTL_DEL, listener_.get(), nullptr);
+    }
+    listener_ = std::move(listener);
+    listening_ = true;
+    socket_ = identity_of(socket_path_);
+}
+
+std::optional<MsgbusServer::FileIdentity>
+MsgbusServer::identity_of(const std::filesystem::path &file) {
+    struct stat status {};
+    return ::lstat(file.c_str(), &status) == 0
+               ? std::optional(FileIdentity{status.st_dev, status.st_ino})
+               : std::nullopt;
+}
+
+// One that could not be made is in place neither.
+bool MsgbusServer::is_in_place() const {
+    return socket_ && identity_of(socket_path_) == socket_;
+}
+
+void MsgbusServer::open_again() {
+    const auto failed = [this](const char *why) {
+        if (!std::exchange(is_lost_, true)) {
+            log_error("msgbus: access point %u: the socket is gone and can't be made anew: %s",
+                      sap_, why);
+        }
+    };
+    quietly(
+        [this] {
+            open();
+            is_lost_ = false;
+            log_error("msgbus: access point %u: the socket was gone and is there again", sap_);
+        },
+        failed);
 }
 
 std::vector<int> MsgbusServer::descriptors() const {
@@ -83,6 +134,9 @@ std::vector<int> MsgbusServer::descriptors() const {
 void MsgbusServer::serve(const Handler &handler) {
     take_pending(handler);
     accept_waiting(handler);
+    if (!is_in_place()) {
+        open_again();
+    }
     set_timer();
 }
 
@@ -187,20 +241,15 @@ void MsgbusServer::listen_to_newcomers(bool on) {
 
 void MsgbusServer::set_timer() {
     itimerspec setting{};
-    auto wake_up = Clock::time_point::max();
+    auto wake_up = Clock::now() + rhythm;
     if (!pending_.empty()) {
-        wake_up = pending_.front().deadline;
+        wake_up = std::min(wake_up, pending_.front().deadline);
     }
-    if (!listening_) {
-        wake_up = std::min(wake_up, Clock::now() + shortage_pause);
-    }
-    if (wake_up != Clock::time_point::max()) {
-        // Deadlines in the past fire at once; a setting of zero would disarm the timer.
-        const auto left =
-            std::max<Clock::duration>(wake_up - Clock::now(), std::chrono::nanoseconds{1});
-        setting.it_value.tv_sec = std::chrono::duration_cast<std::chrono::seconds>(left).count();
-        setting.it_value.tv_nsec = (left % std::chrono::seconds{1}).count();
-    }
+    // Deadlines in the past fire at once; a setting of zero would disarm the timer.
+    const auto left =
+        std::max<Clock::duration>(wake_up - Clock::now(), std::chrono::nanoseconds{1});
+    setting.it_value.tv_sec = std::chrono::duration_cast<std::chrono::seconds>(left).count();
+    setting.it_value.tv_nsec = (left % std::chrono::seconds{1}).count();
     ::timerfd_settime(timer_.get(), 0, &setting, nullptr); // also clears the last expiry
 }
 

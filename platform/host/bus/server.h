@@ -7,12 +7,16 @@
 
 #include "platform/host/bus/wire.h"
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <optional>
+#include <utility>
 #include <vector>
 
 namespace ulmo {
@@ -38,8 +42,10 @@ class MsgbusServer {
         std::chrono::milliseconds timeout{5000};
     };
 
-    // Starts to serve the access point. A socket left by a dead server is replaced. Throws
-    // std::system_error, with EADDRINUSE if a living process serves it.
+    // Serves the access point from here on, to the owner of the run directory and the superuser
+    // only. A socket that a dead server left is replaced, and one that is deleted later is made
+    // anew within a second. Throws std::system_error, with EADDRINUSE when a living process serves
+    // the access point.
     explicit MsgbusServer(uint32_t sap, Limits limits);
     explicit MsgbusServer(uint32_t sap) : MsgbusServer(sap, Limits{}) {}
     // Removes the socket and releases the access point.
@@ -64,6 +70,9 @@ class MsgbusServer {
   private:
     using Clock = std::chrono::steady_clock;
 
+    using FileIdentity = std::pair<dev_t, ino_t>;
+    static std::optional<FileIdentity> identity_of(const std::filesystem::path &file);
+
     struct Pending {
         UniqueFd connection;
         ucred peer;
@@ -78,15 +87,22 @@ class MsgbusServer {
     void log_refusal(const ucred &peer);
     void listen_to_newcomers(bool on);
     void set_timer();
+    void open();
+    void open_again();
+    [[nodiscard]] bool is_in_place() const;
 
     const uint32_t sap_;
     const Limits limits_;
     std::filesystem::path socket_path_;
+    std::filesystem::path lock_path_;
     UniqueFd lock_;
     UniqueFd listener_;
+    std::optional<FileIdentity> locked_; // the file that lock_ stands for
+    std::optional<FileIdentity> socket_; // the file that was made last
     UniqueFd timer_;
     UniqueFd events_;
     bool listening_ = true;
+    bool is_lost_ = false; // the socket has gone, and can't be made anew for now
     // of untrusted peers, in the interval that began at refusals_since_
     unsigned refusals_ = 0;
     Clock::time_point refusals_since_{};

@@ -16,6 +16,7 @@
 #include <cstddef>
 #include <cstring>
 #include <string>
+#include <thread>
 
 msgbus_message::msgbus_message(uint32_t message_opcode, uint32_t message_token, const void *payload,
                                uint32_t payload_length)
@@ -49,7 +50,7 @@ std::filesystem::path msgbus_dir() {
     const ActingAsOwner owner(run);
     auto directory = run / "msgbus";
     struct stat status {};
-    const bool there = (::mkdir(directory.c_str(), 0755) == 0 || errno == EEXIST) &&
+    const bool there = (::mkdir(directory.c_str(), 0700) == 0 || errno == EEXIST) &&
                        ::stat(directory.c_str(), &status) == 0;
     if (!there || !S_ISDIR(status.st_mode)) {
         throw_error(there ? ENOTDIR : errno, "message bus", directory.native());
@@ -96,6 +97,18 @@ UniqueFd connect_to(uint32_t sap, int &error) {
         error = EPERM;
     }
     return connection;
+}
+
+UniqueFd connect_to(uint32_t sap, int &error, std::chrono::steady_clock::time_point deadline) {
+    constexpr std::chrono::milliseconds pause{5};
+    for (;;) {
+        UniqueFd connection = connect_to(sap, error);
+        const bool may_pass = error == EAGAIN || error == ENOENT || error == ECONNREFUSED;
+        if (!may_pass || std::chrono::steady_clock::now() + pause >= deadline) {
+            return connection;
+        }
+        std::this_thread::sleep_for(pause);
+    }
 }
 
 int send_packet(int connection, uint32_t opcode, uint32_t token, const void *payload,

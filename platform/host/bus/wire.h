@@ -7,6 +7,7 @@
 
 #include <sys/socket.h>
 
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
@@ -45,6 +46,10 @@ struct SocketAddress {
 // ENOENT or ECONNREFUSED if there is no server, EPERM if the server is not trusted. Throws
 // std::system_error.
 UniqueFd connect_to(uint32_t sap, int &error);
+
+// The same, tried again until `deadline` as long as nobody serves the access point or its queue is
+// full: either may pass within a moment.
+UniqueFd connect_to(uint32_t sap, int &error, std::chrono::steady_clock::time_point deadline);
 
 // Sends one packet without blocking. Returns 0 or an errno value.
 int send_packet(int connection, uint32_t opcode, uint32_t token, const void *payload,

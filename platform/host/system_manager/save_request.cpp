@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <memory>
 #include <stdexcept>
@@ -49,7 +50,9 @@ std::string reason_in(const msgbus_message &message, std::uint32_t status) {
 
 bool request_save(const std::string &user) {
     int error = 0;
-    const UniqueFd connection = connect_to(MSGBUS_SAP_WARDEN, error);
+    constexpr std::chrono::milliseconds moment{250}; // one that restarts is back by then
+    const UniqueFd connection =
+        connect_to(MSGBUS_SAP_WARDEN, error, std::chrono::steady_clock::now() + moment);
     if (error == ENOENT || error == ECONNREFUSED) {
         return false;
     }

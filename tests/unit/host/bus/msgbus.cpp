@@ -63,7 +63,13 @@ class HostMsgbus : public testing::Test {
         });
     }
 
-    // errno of a receive without a message, 0 if a message was received.
+    // As if the kernel did not keep others out.
+    static void open_to_everybody() {
+        ASSERT_EQ(::chmod(ulmo::msgbus_dir().c_str(), 0755), 0);
+        ASSERT_EQ(::chmod(ulmo::sap_path(sap).c_str(), 0666), 0);
+    }
+
+    // errno of a receive that brings no message, 0 when it brought one.
     int listen(uint32_t wait) {
         msgbus_recv_options options{};
         options.wait = wait;
@@ -455,16 +461,31 @@ TEST_F(HostMsgbus, SocketOfADeadServerIsReplaced) {
     EXPECT_EQ(received_.size(), 1U);
 }
 
-TEST_F(HostMsgbus, EverybodyMayKnock) {
+TEST_F(HostMsgbus, ItsFilesAreTheOwnersOnly) {
+    std::filesystem::create_directories(ulmo::run_dir() / "msgbus");
+    ASSERT_EQ(::chmod(ulmo::msgbus_dir().c_str(), 0755), 0) << "as an earlier version made it";
     const MsgbusServer server(sap);
-    struct stat status {};
-    ASSERT_EQ(::stat(ulmo::sap_path(sap).c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 07777U, 0666U) << "others may knock, and are refused in the open";
+    const auto mode_of = [](const std::filesystem::path &path) {
+        struct stat status {};
+        EXPECT_EQ(::stat(path.c_str(), &status), 0) << path;
+        return status.st_mode & 07777U;
+    };
+    EXPECT_EQ(mode_of(ulmo::sap_path(sap)), 0600U);
+    EXPECT_EQ(mode_of(ulmo::msgbus_dir()), 0700U);
+}
+
+// Whose connections can't be made can't fill the queue either.
+TEST_F(HostMsgbus, OtherUsersCanNotEvenConnect) {
+    REQUIRE_SUPERUSER("acts as another user");
+    MsgbusServer server(sap);
+    EXPECT_EQ(tell_as_nobody(1391), EACCES);
+    EXPECT_FALSE(readable(server.fd()));
 }
 
 TEST_F(HostMsgbus, OtherUsersAreRefused) {
     REQUIRE_SUPERUSER("acts as another user");
     MsgbusServer server(sap);
+    open_to_everybody();
     EXPECT_EQ(tell_as_nobody(1391), 0);
     serve(server);
     EXPECT_TRUE(received_.empty());
@@ -510,6 +531,7 @@ TEST_F(HostMsgbus, ServesOnWithoutTheRunDirectory) {
                     "the first time");
     for (const bool can_be_made : {true, false}) {
         MsgbusServer server(sap);
+        open_to_everybody();
         EXPECT_EQ(tell_as_nobody(1391), 0);
         EXPECT_EQ(tell(1361), 0);
         std::filesystem::remove_all(above);
@@ -520,7 +542,9 @@ TEST_F(HostMsgbus, ServesOnWithoutTheRunDirectory) {
         EXPECT_NO_THROW(serve(server)) << can_be_made;
         ASSERT_EQ(received_.size(), 1U) << can_be_made;
         EXPECT_EQ(received_[0].message->opcode, 1361U) << "whose folder is gone is trusted no more";
-        EXPECT_FALSE(std::filesystem::is_directory(above)) << "a knock makes no folder";
+        EXPECT_EQ(std::filesystem::is_socket(ulmo::run_path() / "msgbus" / std::to_string(sap)),
+                  can_be_made);
+        std::filesystem::remove_all(above);
     }
 }
 
@@ -595,17 +619,101 @@ TEST_F(HostMsgbus, LateMessageOfASilentConnection) {
         << "a connection that was handed over does not wake the server";
 }
 
-TEST_F(HostMsgbus, FullQueueIsAnErrorAndNoWait) {
+TEST_F(HostMsgbus, FullQueueIsAnErrorAfterAWhile) {
     MsgbusServer server(sap);
     int sent = 0;
+    auto began = std::chrono::steady_clock::now();
     while (tell(1) == 0) {
         ASSERT_LT(++sent, 10000);
+        began = std::chrono::steady_clock::now();
     }
     EXPECT_EQ(errno, EAGAIN);
+    const auto waited = std::chrono::steady_clock::now() - began;
+    EXPECT_GE(waited, 200ms);
+    EXPECT_LT(waited, 2s) << "the agent serves nobody meanwhile";
     EXPECT_GE(sent, 100);
     serve(server);
     EXPECT_EQ(static_cast<int>(received_.size()), sent) << "one round takes all that was sent";
     EXPECT_EQ(tell(1), 0);
+}
+
+TEST_F(HostMsgbus, AFullQueueIsTriedAgain) {
+    platform_.set("msgbus_answer_limit = 10000");
+    MsgbusServer server(sap);
+    std::vector<ulmo::UniqueFd> filling;
+    int error = 0;
+    while (error == 0) {
+        filling.push_back(ulmo::connect_to(sap, error));
+    }
+    ASSERT_EQ(error, EAGAIN);
+    filling.clear();
+    std::thread busy([this, &server] {
+        std::this_thread::sleep_for(50ms);
+        serve(server); // which may see the message already
+    });
+    EXPECT_EQ(tell(1), 0);
+    busy.join();
+    serve(server);
+    EXPECT_EQ(received_.size(), 1U);
+}
+
+TEST_F(HostMsgbus, APeerThatIsAwayForAMomentIsTriedAgain) {
+    platform_.set("msgbus_answer_limit = 10000");
+    for (const bool left_its_socket : {false, true}) {
+        if (left_its_socket) {
+            EXPECT_EQ(exit_status_of(start_child([] {
+                          new MsgbusServer(sap);
+                          return 0;
+                      })),
+                      0);
+        }
+        std::unique_ptr<MsgbusServer> server;
+        std::thread starting([&server] {
+            std::this_thread::sleep_for(50ms);
+            server = std::make_unique<MsgbusServer>(sap);
+        });
+        EXPECT_EQ(tell(1), 0);
+        starting.join();
+        received_.clear();
+        serve(*server);
+        EXPECT_EQ(received_.size(), 1U);
+    }
+}
+
+TEST_F(HostMsgbus, WhatIsDeletedIsThereAgainWithinASecond) {
+    MsgbusServer server(sap);
+    const auto folder = ulmo::msgbus_dir();
+    const std::vector<std::filesystem::path> all{ulmo::sap_path(sap), folder, ulmo::run_dir()};
+    for (const auto &deleted : all) {
+        ASSERT_EQ(tell(2), 0);
+        std::filesystem::remove_all(deleted);
+        ASSERT_TRUE(readable(server.fd()));
+        received_.clear();
+        serve(server);
+        EXPECT_EQ(received_.size(), 1U) << "what had been sent is not lost";
+        std::filesystem::remove_all(deleted);
+        EXPECT_FALSE(readable(server.fd()));
+        ASSERT_TRUE(readable(server.fd(), 2s)) << "it looks by itself";
+        serve(server);
+        EXPECT_EQ(tell(3), 0) << deleted;
+        received_.clear();
+        serve(server);
+        EXPECT_EQ(received_.size(), 1U) << deleted;
+    }
+    EXPECT_THROW(MsgbusServer{sap}, std::system_error) << "the lock is there again, too";
+}
+
+TEST_F(HostMsgbus, AnotherServersSocketIsLeftAlone) {
+    MsgbusServer first(sap);
+    std::filesystem::remove_all(ulmo::msgbus_dir());
+    auto second = std::make_unique<MsgbusServer>(sap); // with a lock of its own
+    serve(first);
+    ASSERT_EQ(tell(1), 0);
+    serve(*second);
+    EXPECT_EQ(received_.size(), 1U);
+    second.reset();
+    serve(first);
+    EXPECT_EQ(tell(1), 0) << "now it is the first one's";
 }
 
 TEST_F(HostMsgbus, ShortageOfDescriptorsPasses) {
