@@ -9,7 +9,7 @@ from pathlib import Path
 import pytest
 
 PROGRESS = Path(__file__).resolve().parents[2] / "scripts" / "progress.sh"
-# Lines as the three tools print them, with a pause after which progress is told on a terminal.
+# Lines as the three tools print them, with a pause, after which progress is shown on a terminal.
 NINJA = "echo '[1/92] Building CXX object a.o'; sleep 1.1; echo '[2/92] Linking b'"
 CTEST = ("echo '  1/791 Test  #1: A.B ...   Passed'; sleep 1.1; echo '        Start   3: A.C'; "
          "echo '  2/791 Test  #3: A.C ...   Passed'")

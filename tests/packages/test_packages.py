@@ -93,7 +93,7 @@ def test_install(switch, packages):
     before = switch.main_process("snmpd")
     switch.install(packages["config-copy-mib-common"], packages["config-copy-mib"])
     wait_until(lambda: takes_requests(switch))
-    assert switch.main_process("snmpd") != before, "the agent was not started anew"
+    assert switch.main_process("snmpd") != before, "the agent was not restarted"
     for service in ("snmpd", "wardend"):
         assert owner(switch, f"/proc/{switch.main_process(service)}") == "Debian-snmp"
         assert switch.run("systemctl", "is-enabled", service).stdout == "enabled\n"
@@ -150,7 +150,7 @@ def test_history_of_all_processes(switch):
 
 def test_settings_that_the_agent_cant_read(switch):
     """The package lets the agent's user read them. When somebody takes that away, nothing is copied
-    and nothing is saved, and the reason is told."""
+    and nothing is saved, and the reason is reported."""
     file = "/etc/ulmo/platform.conf"
     assert switch.shell(f"stat -c '%U %G %a' {file}") == "root Debian-snmp 640\n"
     startup = cmdshell(switch, "show startup-config")
@@ -207,7 +207,7 @@ def test_agent_may_run_as_the_superuser(switch):
 
 
 def test_power_cut(switch):
-    """The switch starts with what was saved, and its run directory is made anew."""
+    """The switch starts with what was saved, and its run directory is created again."""
     saved = cmdshell(switch, "show startup-config")
     switch.shell("echo 'vlan 999' > /root/change.cfg")
     cmdshell(switch, "configure /root/change.cfg")
@@ -320,8 +320,8 @@ def test_upgrade(switch, packages):
     run("dpkg-deb", "--root-owner-group", "-b", tree, PLACE / "config-copy-mib_next.deb")
     switch.install(PLACE / "config-copy-mib_next.deb")
     wait_until(lambda: takes_requests(switch))
-    assert switch.main_process("snmpd") != before, "the agent was not started anew"
-    assert switch.main_process("wardend") != warden, "the system manager was not started anew"
+    assert switch.main_process("snmpd") != before, "the agent was not restarted"
+    assert switch.main_process("wardend") != warden, "the system manager was not restarted"
     assert "history_kilobytes = 128" in (switch.root / "etc/ulmo/platform.conf").read_text()
     assert "of the next version" in (switch.root / "etc/ulmo/platform.conf.dpkg-dist").read_text()
     assert switch.shell("stat -c '%U %G %a' /etc/ulmo/platform.conf") == "root Debian-snmp 640\n"
@@ -335,7 +335,7 @@ def test_remove(switch):
     switch.run("apt-get", "remove", "-y", "config-copy-mib", "config-copy")
     wait_until(lambda: agent_answers(switch))
     after = switch.main_process("snmpd")
-    assert after != before, "the agent was not started anew"
+    assert after != before, "the agent was not restarted"
     assert "/dev/null" not in outputs_of_agent(switch), "it writes where the package wanted it"
     assert not takes_requests(switch)
     assert not (switch.root / "ulmo").exists()

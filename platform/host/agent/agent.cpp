@@ -243,8 +243,8 @@ void Agent::settle(const std::vector<pid_t> &ended) {
             continue;
         }
         if (end->watch) {
-            // Closing alone does not end the watch while another worker is about to let go of its
-            // copy.
+            // Closing alone does not end the watch while another worker, just forked, still holds
+            // a copy of the descriptor.
             ::epoll_ctl(events_.get(), EPOLL_CTL_DEL, end->watch.get(), nullptr);
         }
         if (!end->reported) {
@@ -288,7 +288,8 @@ void Agent::answered(msgbus_msg answer, UniqueFd connection) noexcept {
 
 void Agent::unanswered(uint32_t token, int error) noexcept {
     guarded([=] {
-        // It may be under way all the same: a save that reads failed must not be made later.
+        // The request may have been sent after all: a save reported as failed must not be made
+        // later.
         const warden_cfg_abort request{htonl(token), 0};
         int failure = 0;
         const UniqueFd connection = connect_to(MSGBUS_SAP_WARDEN, failure);
@@ -302,8 +303,8 @@ void Agent::unanswered(uint32_t token, int error) noexcept {
     });
 }
 
-// Nobody will tell of the save's end. A request may be under way, which leaves the row running: the
-// module is told once it has been served.
+// Nobody will report the end of the save. The request that activated it may still be being served
+// and leaves the row running, so the module is told once that is done.
 void Agent::lose_save(const std::string &why) {
     forget_save();
     log_error("agent: a save has failed: %s", why.c_str());
@@ -318,7 +319,7 @@ void Agent::on_lost_save(unsigned int, void *self) {
 // Later messages do not belong to an earlier save.
 void Agent::forget_save() {
     if (save_) {
-        // Closing alone does not end the watch while a worker is about to let go of its copy.
+        // As above: a worker just forked may still hold a copy of the descriptor.
         ::epoll_ctl(events_.get(), EPOLL_CTL_DEL, save_.get(), nullptr);
         save_.reset();
     }
@@ -352,8 +353,8 @@ void Agent::deliver_end_of_save(uint32_t status) {
     copy_watch().action_ended(status);
 }
 
-// Ends a worker, and so all that it runs. The module hears of it at once, and the next copy may
-// begin, while the kernel still clears away.
+// Ends a worker and everything that it runs. The failure is delivered to the module at once, so the
+// next copy may begin while the kernel is still cleaning up.
 void Agent::end_worker(pid_t worker, int32_t status, const std::string &reason) {
     if (!workers_.take_report(worker)) {
         return;
@@ -365,7 +366,7 @@ void Agent::end_worker(pid_t worker, int32_t status, const std::string &reason) 
 }
 
 void Agent::end_workers() {
-    receive_messages(); // an outcome that is there counts
+    receive_messages(); // an outcome that has already arrived counts
     for (const pid_t worker : copy_watch().without_row()) {
         end_worker(worker, lost_worker_status, request_removed);
     }
@@ -386,7 +387,7 @@ void Agent::on_watch_alarm(unsigned int, void *self) {
     }
 }
 
-// Before the agent's loop turns again, and so before the next request.
+// Runs before the agent's loop serves the next request.
 void Agent::look_after_request() {
     if (!workers_.empty()) {
         constexpr timeval at_once{0, 1};

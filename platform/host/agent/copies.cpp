@@ -89,7 +89,7 @@ std::filesystem::path make_report(const CopyRequest &request) {
         const ActingAsOwner owner(directory);
         std::string path = (directory / report_prefix).string() + "XXXXXX";
         const UniqueFd file(check(::mkostemp(path.data(), O_CLOEXEC), "cannot make", path));
-        report = path; // from here on it is there, and to be removed
+        report = path; // the file exists from here on and must be removed
         write_whole(file.get(), std::string(begun_key) + line_of(request) + '\n', path);
     });
     return report;

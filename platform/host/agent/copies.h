@@ -47,7 +47,7 @@ class CopyRows {
     std::map<oid, variable> columns_; // with whole names
 };
 
-// Why a copy has ended whose row is no longer there.
+// Why a copy ended whose row is gone.
 inline constexpr char request_removed[] = "the request was removed before the end";
 
 class CopyWatch {
@@ -82,7 +82,7 @@ class CopyWatch {
     // The module has received the end of the copy: the worker's own report, or its death.
     void reported(pid_t worker, std::optional<std::int32_t> status) noexcept;
     void died(pid_t worker, const std::string &how) noexcept;
-    // The agent has ended the worker, and has told the module that status.
+    // The agent has ended the worker and delivered that status to the module.
     void ended(pid_t worker, std::int32_t status, const std::string &reason) noexcept;
     // An action of the system manager has ended, and the module has received the end.
     void action_ended(std::uint32_t status) noexcept;
@@ -90,14 +90,14 @@ class CopyWatch {
     // The module has sent a request to the system manager, or has tried to.
     void sent(std::uint32_t opcode) noexcept;
     void answered(msgbus_msg answer) noexcept;
-    // The system manager will not end the save: the module is about to be told that it failed.
+    // The system manager will not report the end of the save: a failure is about to be delivered.
     void save_lost(const std::string &why) noexcept;
 
   private:
     struct Save {
         CopyRequest request;
         std::chrono::steady_clock::time_point began;
-        std::string lost; // why the system manager will not end it
+        std::string lost; // why the system manager will not report its end
     };
 
     [[nodiscard]] std::optional<oid> activated_row() const;

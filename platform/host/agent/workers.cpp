@@ -103,7 +103,7 @@ void close_inherited(const std::vector<int> &foreign) {
     }
 }
 
-// Whoever holds the lock of `root` calls it.
+// The caller holds the lock of `root`.
 void sweep(const std::filesystem::path &root) {
     for (const auto &entry : std::filesystem::directory_iterator(root)) {
         constexpr int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
@@ -121,7 +121,7 @@ void enter_private_directory() {
     const auto root = work_root();
     const UniqueFd root_lock = opened_directory(root);
     check(::flock(root_lock.get(), LOCK_EX), "lock of the workers' folder");
-    sweep(root); // what could not be removed at its time, or is of a former process with this id
+    sweep(root); // leftovers, and those of an earlier process with this id
     const auto directory = worker_directory(::getpid());
     check(::mkdir(directory.c_str(), 0700), directory.native());
     UniqueFd own = opened_directory(directory);
@@ -146,7 +146,7 @@ std::filesystem::path worker_directory(pid_t worker) {
 void become_worker(pid_t agent, const std::vector<int> &foreign) noexcept {
     reset_signals();
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (::getppid() != agent) { // it died before, and nobody would hear of this copy
+    if (::getppid() != agent) { // it died before: nobody would learn of this copy
         ::_exit(EXIT_FAILURE);
     }
     try {

@@ -24,11 +24,11 @@ namespace ulmo {
 // does.
 std::filesystem::path worker_directory(pid_t worker);
 
-// Turns the calling process, just forked from `agent`, into a worker: it dies with the agent, whose
-// signal handlers are off, no socket and none of `foreign` is held any more (their numbers stand
-// for /dev/null, so that nothing else gets them), and the working directory is a private, locked
-// one; without such a directory the process ends. The standard streams stay when they lead to a
-// local service, such as the journal.
+// Turns the calling process, just forked from `agent`, into a worker. It dies with the agent and
+// has none of its signal handlers. Its sockets and the descriptors in `foreign` are replaced by
+// /dev/null, so that their numbers are not reused; standard streams that lead to a local service,
+// such as the journal, stay. Its working directory is a private, locked folder; if that can't be
+// created, the process ends.
 void become_worker(pid_t agent, const std::vector<int> &foreign) noexcept;
 
 // Removes the folders of workers that are gone. Does not throw.
@@ -44,7 +44,7 @@ class WorkerTable {
     // Whether the process is a worker that has not reported yet; marks it as having reported.
     bool take_report(pid_t worker);
 
-    // Those that run for that long and have not reported.
+    // The workers that have run for `time` or longer and have not reported.
     [[nodiscard]] std::vector<pid_t> running_for(std::chrono::seconds time) const;
 
     // The workers that have ended and are to be reaped. Does not block.
@@ -74,8 +74,8 @@ class WorkerTable {
     std::map<pid_t, Worker> workers_;
 };
 
-// A request sets the status of a row: once it has been served, workers whose row is no longer the
-// row of a running copy are ended.
+// Called when a request sets the status of a row. After the request, workers whose row is no longer
+// that of a running copy are ended.
 void row_status_is_set() noexcept;
 
 } // namespace ulmo

@@ -26,7 +26,7 @@ using std::chrono::milliseconds;
 constexpr int32_t kind_one_way = 1;
 constexpr int32_t kind_requests = 4;
 constexpr milliseconds short_wait{100};
-// How long a message is tried to be sent that nobody waits for.
+// How long sending a message without an answer is tried.
 constexpr milliseconds one_way_limit{1000};
 
 BusObserver *observer = nullptr;
@@ -42,7 +42,7 @@ struct Endpoint {
     std::string name;
     uint32_t own_sap = 0;
     bool takes_answers = false;
-    // so that tokens of a restarted process differ from those before
+    // so that a restarted process does not reuse tokens
     uint32_t last_token = std::random_device{}();
     std::optional<Exchange> exchange;
 };
@@ -70,7 +70,7 @@ Endpoint *find_endpoint(int32_t handle) {
     return &*table[static_cast<size_t>(handle)];
 }
 
-// How long a request may take until its answer has come.
+// How long a request may wait for its answer.
 milliseconds answer_limit() {
     return milliseconds(number_setting("msgbus_answer_limit").value());
 }
@@ -116,7 +116,7 @@ int send_message(int32_t handle, uint32_t node, uint32_t sap, uint32_t opcode, c
         return EINVAL;
     }
     if (store != nullptr) {
-        endpoint->exchange.reset(); // whoever asks anew no longer waits for the former answer
+        endpoint->exchange.reset(); // a new request gives up the former one's answer
     }
     const uint32_t token = store != nullptr ? next_token(*endpoint) : 0;
     auto copy = store != nullptr ? std::make_unique<msgbus_message>(opcode, token, payload, length)
@@ -146,7 +146,7 @@ void wait_for(const Exchange &exchange, milliseconds longest) {
     ::poll(&wanted, 1, static_cast<int>(std::clamp(left, milliseconds{0}, longest).count()));
 }
 
-// No answer will come any more. Returns `error`.
+// No answer can come any more. Returns `error`.
 int end_exchange(Endpoint &endpoint, int error) {
     const uint32_t token = endpoint.exchange->token;
     endpoint.exchange.reset();

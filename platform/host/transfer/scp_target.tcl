@@ -1,9 +1,8 @@
 # Reads the remote argument of a copy by SCP, USER@SERVER:REMOTE, and writes the name for scp.
 #
-# SERVER is a name, an IPv4 address, or an IPv6 address with or without brackets. Without brackets it
-# is the longest address that fits: in 2001:db8::1:2:x the file is x. So brackets are needed for an
-# abbreviated address followed by a file name that begins with one to four hexadecimal digits and a
-# colon.
+# SERVER is a name, an IPv4 address, or an IPv6 address with or without brackets. Without them it is
+# the longest address that fits: in 2001:db8::1:2:x the file is x. So brackets are needed between an
+# abbreviated address and a file name that begins with one to four hexadecimal digits and a colon.
 
 proc is_ipv6 {text} {
     set text [regsub {%[A-Za-z0-9_.-]+$} $text {}]
@@ -36,7 +35,8 @@ proc server_and_file {text} {
     # The colon after an IPv6 address comes before its 46th octet; an interface may follow the
     # address.
     set found {}
-    for {set at [string first : $text]} {$at >= 0 && $at < 80} {set at [string first : $text $at+1]} {
+    set at [string first : $text]
+    for {} {$at >= 0 && $at < 80} {set at [string first : $text $at+1]} {
         if {[is_ipv6 [string range $text 0 $at-1]]} {
             set found [list [string range $text 0 $at-1] [string range $text $at+1 end]]
         }

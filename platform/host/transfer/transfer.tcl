@@ -315,8 +315,9 @@ proc start_client {args} {
     if {$vrf ne {}} {
         set args [linsert $args 0 $here/vrf-exec $vrf]
     }
-    # spawn would hand over each word in Tcl's own encoding, while the environment takes octets. The shell puts them back as they are,
-    # and closes what spawn leaves open. It sets the terminal up too: spawn would start two shells more for that.
+    # spawn would pass each word in Tcl's own encoding, while the environment takes octets. The
+    # shell restores the octets, closes what spawn leaves open, and sets up the terminal, for which
+    # spawn would start two more shells.
     set number 0
     set words {}
     set variables {}
@@ -481,7 +482,8 @@ proc own_by_folder {file} {
     }
 }
 
-# The options with which ssh asks for the password on its terminal and for nothing else, and uses nothing of the user who runs it.
+# The options with which ssh asks for the password on its terminal, asks nothing else, and uses none
+# of the settings of the user that runs it.
 proc ssh_options {user} {
     global here env logged_in
     set logged_in [token] ;# no server can guess it
@@ -491,15 +493,20 @@ proc ssh_options {user} {
     set new [expr {[settings ssh_accept_new_host_keys] eq "yes" ? "accept-new" : "yes"}]
     set options [list -F none -S $here/ssh-quiet]
     foreach option [list "User=\"[string map {\\ \\\\ \" \\\"} $user]\"" \
-            StrictHostKeyChecking=$new UserKnownHostsFile=[ssh_word $hosts] GlobalKnownHostsFile=/dev/null UpdateHostKeys=no \
+            StrictHostKeyChecking=$new UserKnownHostsFile=[ssh_word $hosts] \
+            GlobalKnownHostsFile=/dev/null UpdateHostKeys=no \
             CheckHostIP=no HashKnownHosts=no VerifyHostKeyDNS=no \
-            BatchMode=no NumberOfPasswordPrompts=1 PreferredAuthentications=password,keyboard-interactive \
-            PubkeyAuthentication=no GSSAPIAuthentication=no HostbasedAuthentication=no IdentityAgent=none AddKeysToAgent=no \
-            ForwardAgent=no ForwardX11=no ClearAllForwardings=yes ProxyCommand=none ControlMaster=no ControlPath=none] {
+            BatchMode=no NumberOfPasswordPrompts=1 \
+            PreferredAuthentications=password,keyboard-interactive \
+            PubkeyAuthentication=no GSSAPIAuthentication=no HostbasedAuthentication=no \
+            IdentityAgent=none AddKeysToAgent=no ForwardAgent=no ForwardX11=no \
+            ClearAllForwardings=yes ProxyCommand=none ControlMaster=no ControlPath=none] {
         lappend options -o $option
     }
-    # Where the processor has instructions for AES, its ciphers take half the time of the client's first choice. What the client offers stays.
-    if {![catch {contents /proc/cpuinfo} processor] && [regexp -line {^(flags|Features)[ \t]*:.* aes( |$)} $processor]} {
+    # With AES instructions in the processor, AES takes half the time of the client's first choice.
+    # The other ciphers of the client stay on offer.
+    if {![catch {contents /proc/cpuinfo} processor]
+            && [regexp -line {^(flags|Features)[ \t]*:.* aes( |$)} $processor]} {
         lappend options -o Ciphers=^aes128-gcm@openssh.com,aes256-gcm@openssh.com
     }
     return $options
@@ -510,13 +517,14 @@ proc ssh_host {server} {
     return "\[$server\]"
 }
 
-# Answers ssh's question for the password, once. Returns when the server has let us in; when the client ends before, the transfer fails.
+# Answers ssh's question for the password, once. Returns when the server has let us in. If the
+# client ends before that, the transfer fails.
 proc ssh_login {user server} {
     global password said logged_in
     if {$user eq {}} {
         fail login "no user name"
     }
-    # The client's own question, and those of the server, in front of which it writes who asks.
+    # The client's own question, and the server's, which the client prefixes with the asker.
     set prompt {(^|[\r\n])([^\r\n]*'s password: |\([^\r\n]*@[^\r\n]*\) [^\r\n]+)$}
     set asked 0
     while 1 {
@@ -533,7 +541,7 @@ proc ssh_login {user server} {
     }
 }
 
-# The client has closed its terminal: success if its status says so, and the end of a download.
+# The client has closed its terminal: success if its status says so. Keeps a download.
 proc ssh_finish {} {
     global temporary
     set status [exit_status]
@@ -565,7 +573,7 @@ proc ssh_failed {status} {
         name {: (No such file or directory|Permission denied|Failure|Is a directory|Not a directory|Bad message|Operation unsupported)$}
         name {" not found\.$| not a regular file$|non-regular file: |[Ff]ile name too long|is not a directory$}
     }] kind line
-    if {$kind eq {} && $status == -1} { # it wrote to an ssh that was gone
+    if {$kind eq {} && $status == -1} { # it wrote to an ssh that had ended
         fail lost {}
     }
     if {$kind eq {}} {
@@ -574,7 +582,7 @@ proc ssh_failed {status} {
     fail $kind $line
 }
 
-# The client's last line of its own; ssh is made to tell of its progress.
+# The last line that the client itself wrote; ssh was asked for its progress lines.
 proc last_line {} {
     global transcript
     set last "the client failed"

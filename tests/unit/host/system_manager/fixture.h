@@ -1,4 +1,4 @@
-// The real system manager as a child of the test, with the test as those who ask it for actions.
+// The real system manager as a child of the test, which asks it for actions.
 #pragma once
 
 #include "base/state_file.h"
@@ -174,7 +174,7 @@ class Request {
         return ntohl(message->words[0]);
     }
     std::uint32_t answer() { return status(MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION); }
-    // Whether the beginning is told next.
+    // Whether the next message reports the beginning.
     bool begins() {
         pollfd readable{connection_.get(), POLLIN, 0};
         std::unique_ptr<msgbus_message> message;

@@ -43,7 +43,7 @@ TEST_F(Warden, AnswersThenTellsTheEnd) {
     EXPECT_EQ(request.answer(), WARDEN_CFG_ACTION_INITIATED);
     EXPECT_EQ(content(startup()), old_text);
     held.reset();
-    EXPECT_EQ(request.end(), 0U) << "its beginning is not told";
+    EXPECT_EQ(request.end(), 0U) << "its beginning is not reported";
     EXPECT_EQ(request.text(), "saved");
     EXPECT_TRUE(request.is_closed_without_answer()) << "nothing more comes";
     EXPECT_EQ(content(startup()), new_text);
