@@ -68,7 +68,7 @@ class CopyWatch {
     // nothing else would report their end.
     void close_unfinished() noexcept;
 
-    const CopyRows &rows() const { return rows_; }
+    [[nodiscard]] const CopyRows &rows() const { return rows_; }
 
     // The copy for which a worker is about to be forked; nothing if no request is being served.
     std::optional<Copy> begin() noexcept;
