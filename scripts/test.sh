@@ -88,7 +88,7 @@ add_count() {
 # act as other users, mount disks or make namespaces. They wait more than they compute, hence twice
 # as many in parallel as there are processors.
 run_ctest() {
-    local build=$PWD/build/$1 as_root=() counts
+    local build=$PWD/build/$1 as_root=() counts status=0 failed_before=$failed
     ((EUID == 0)) || as_root=(sudo)
     "${as_root[@]}" rm -rf "$build/ctest.xml" "$build/unit-tests" "$build/coverage"
     mkdir -m 1777 "$build/coverage" # some tests act as other users
@@ -96,10 +96,11 @@ run_ctest() {
         env UBSAN_OPTIONS=print_stacktrace=1 LLVM_PROFILE_FILE="$build/coverage/%m.profraw" \
         ctest --preset "$1" --parallel $((2 * $(nproc))) --output-junit "$build/ctest.xml" \
             --output-on-failure --no-tests=error ||
-        grep -v ' Passed \| Start ' "$build/ctest.log"
-    counts=$(scripts/count-tests.py "$build/ctest.xml" "$build"/unit-tests/*.xml) || true
+        { status=1; grep -v ' Passed \| Start ' "$build/ctest.log"; }
+    counts=$(scripts/count-tests.py "$build/ctest.xml" "$build"/unit-tests/*.xml) || status=1
     printf '%s\n' "$counts"
     add_count "${counts##*$'\n'}"
+    ((status == 0 || failed > failed_before)) || failed=$((failed + 1))
 }
 
 step_unit() {
@@ -129,11 +130,11 @@ step_fuzz() {
 
 step_system() {
     section "system tests in the lab"
-    local log=build/system-tests.log status=0 counts
+    local log=build/system-tests.log status=0 counts failed_before=$failed
     bash scripts/run-system-tests.sh 2>&1 | tee "$log" || status=$?
     counts=$(tail -n 1 "$log")
     add_count "$counts"
-    ((status == 0 || failed > 0)) || failed=$((failed + 1))
+    ((status == 0 || failed > failed_before)) || failed=$((failed + 1))
 }
 
 section "packages"

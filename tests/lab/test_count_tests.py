@@ -58,6 +58,12 @@ def test_program_with_a_report_of_its_own_counts_by_that(report):
     assert counted(programs, report("tests.0", PASSED, PASSED)) == (0, "2 passed, 0 failed\n")
 
 
+def test_program_that_ends_badly_after_its_last_test_is_a_failure(report):
+    programs = report("ctest", '<testcase classname="tests.0" name="tests.0" status="fail"/>')
+    assert counted(programs, report("tests.0", PASSED)) == (
+        1, "failed or not run: tests.0.tests.0\n1 passed, 1 failed\n")
+
+
 def test_program_that_died_before_its_report_is_a_failure(report):
     died = report("ctest", '<testcase classname="tests.0" name="tests.0" status="fail"/>')
     assert counted(died) == (1, "failed or not run: tests.0.tests.0\n0 passed, 1 failed\n")

@@ -7,11 +7,16 @@ here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 
 place=$(mktemp -d)
 agent=
+
+# Ends the agent, whose exit status is the result: one that breaks at its end fails the check.
+end_agent() {
+    local ending=$agent
+    agent=
+    kill "$ending"
+    wait "$ending"
+}
 end() {
-    if [[ -n $agent ]]; then
-        kill "$agent"
-        wait "$agent" || true
-    fi
+    [[ -z $agent ]] || end_agent || echo "the agent ended with status $?, too" >&2
     rm -rf "$place"
 }
 trap end EXIT
@@ -78,3 +83,4 @@ reads 13.3 $bad_file_name
 copy 4 $running $startup ""
 within_10_s "a save is refused" reads 10.4 $failed
 reads 13.4 $refused
+end_agent || { echo "the agent ended with status $?" >&2; cat log output >&2; exit 1; }
