@@ -300,49 +300,44 @@ void CopyWatch::not_forked(const Copy &copy, int error) noexcept {
     });
 }
 
-void CopyWatch::reported(pid_t worker, std::optional<std::int32_t> status) noexcept {
+// Ends the copy of a worker: what its report says, completed by `complete`.
+void CopyWatch::end_worker(pid_t worker, const std::function<void(CopyEnd &)> &complete) noexcept {
     for_a_line([&] {
         if (const auto found = copies_.find(worker); found != copies_.end()) {
             const Copy copy = std::move(found->second);
             copies_.erase(found);
             CopyEnd end = end_of(read_copy_report(copy.report));
-            end.outcome = status == 0 ? CopyEnd::Outcome::successful : CopyEnd::Outcome::failed;
-            if (status == 0) {
-                end.reason.clear();
-            } else {
-                end.cause = cause_name(status.value_or(COPY_FAIL_GENERAL));
-            }
+            complete(end);
             end_copy(copy, std::move(end));
+        }
+    });
+}
+
+void CopyWatch::reported(pid_t worker, std::optional<std::int32_t> status) noexcept {
+    end_worker(worker, [&](CopyEnd &end) {
+        end.outcome = status == 0 ? CopyEnd::Outcome::successful : CopyEnd::Outcome::failed;
+        if (status == 0) {
+            end.reason.clear();
+        } else {
+            end.cause = cause_name(status.value_or(COPY_FAIL_GENERAL));
         }
     });
 }
 
 void CopyWatch::died(pid_t worker, const std::string &how) noexcept {
-    for_a_line([&] {
-        if (const auto found = copies_.find(worker); found != copies_.end()) {
-            const Copy copy = std::move(found->second);
-            copies_.erase(found);
-            CopyEnd end = end_of(read_copy_report(copy.report));
-            end.outcome = CopyEnd::Outcome::failed;
-            end.cause = cause_name(COPY_FAIL_GENERAL);
-            const std::string ending = "the copy process ended " + how;
-            end.reason = end.reason.empty() ? ending : end.reason + " (" + ending + ')';
-            end_copy(copy, std::move(end));
-        }
+    end_worker(worker, [&](CopyEnd &end) {
+        end.outcome = CopyEnd::Outcome::failed;
+        end.cause = cause_name(COPY_FAIL_GENERAL);
+        const std::string ending = "the copy process ended " + how;
+        end.reason = end.reason.empty() ? ending : end.reason + " (" + ending + ')';
     });
 }
 
 void CopyWatch::ended(pid_t worker, std::int32_t status, const std::string &reason) noexcept {
-    for_a_line([&] {
-        if (const auto found = copies_.find(worker); found != copies_.end()) {
-            const Copy copy = std::move(found->second);
-            copies_.erase(found);
-            CopyEnd end = end_of(read_copy_report(copy.report));
-            end.outcome = CopyEnd::Outcome::failed;
-            end.cause = cause_name(status);
-            end.reason = reason;
-            end_copy(copy, std::move(end));
-        }
+    end_worker(worker, [&](CopyEnd &end) {
+        end.outcome = CopyEnd::Outcome::failed;
+        end.cause = cause_name(status);
+        end.reason = reason;
     });
 }
 

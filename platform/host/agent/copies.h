@@ -18,6 +18,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -102,6 +103,7 @@ class CopyWatch {
 
     [[nodiscard]] std::optional<oid> activated_row() const;
     [[nodiscard]] CopyRequest request_of(oid row) const;
+    void end_worker(pid_t worker, const std::function<void(CopyEnd &)> &complete) noexcept;
     void end_copy(const Copy &copy, CopyEnd end);
     void end_save(CopyEnd end);
     void save_sent();

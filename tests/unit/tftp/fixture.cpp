@@ -40,6 +40,15 @@ std::string TftpTest::read(const std::string &name) const {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
+void TftpTest::expect_there_and_back(TestServer &server, const std::string &content) {
+    EXPECT_EQ(session.put(write("local", content), "remote"), 0) << session.text(-1);
+    server.offer("other", content);
+    EXPECT_EQ(session.get("other", path("got")), 0) << session.text(-1);
+    server.stop();
+    EXPECT_EQ(server.stored("remote"), content);
+    EXPECT_EQ(read("got"), content);
+}
+
 std::size_t TftpTest::entries() const {
     return static_cast<std::size_t>(
         std::distance(std::filesystem::directory_iterator(directory), {}));

@@ -32,6 +32,8 @@ class TftpTest : public testing::Test {
     // Creates a file and returns its path.
     std::string write(const std::string &name, const std::string &content) const;
     [[nodiscard]] std::string read(const std::string &name) const;
+    // Puts the content to the server and gets it back, into the file "got". Stops the server.
+    void expect_there_and_back(TestServer &server, const std::string &content);
     // The number of names in the directory, including hidden ones.
     [[nodiscard]] std::size_t entries() const;
 

@@ -32,15 +32,8 @@ TEST_P(TftpSizes, ArriveWhole) {
     const auto &[size, handling] = GetParam();
     TestServer server(Behaviour{.options = handling, .block_size = 512});
     connect(server);
-    const std::string content = content_of(size);
-
-    EXPECT_EQ(session.put(write("local", content), "remote"), 0) << session.text(-1);
-    server.offer("other", content);
-    EXPECT_EQ(session.get("other", path("got")), 0);
-    server.stop();
-    EXPECT_EQ(server.stored("remote"), content);
+    expect_there_and_back(server, content_of(size));
     EXPECT_TRUE(std::filesystem::exists(path("got")));
-    EXPECT_EQ(read("got"), content);
     EXPECT_EQ(entries(), 2U);
     // Refused options cost a second request, without options.
     ASSERT_EQ(server.requests().size(), handling == OptionHandling::refuse ? 4U : 2U);
@@ -88,13 +81,7 @@ TEST_F(TftpTest, WindowFollowsTheBlockSize) {
 TEST_F(TftpTest, SpeaksIpv6) {
     TestServer server(small_blocks(1000, 4), "::1");
     connect(server);
-    const std::string content = content_of(12345);
-    EXPECT_EQ(session.put(write("local", content), "remote"), 0);
-    server.offer("other", content);
-    EXPECT_EQ(session.get("other", path("got")), 0);
-    server.stop();
-    EXPECT_EQ(server.stored("remote"), content);
-    EXPECT_EQ(read("got"), content);
+    expect_there_and_back(server, content_of(12345));
 }
 
 TEST_F(TftpTest, ReachesAnIpv4MappedAddressAsIpv4) {
@@ -109,13 +96,7 @@ TEST_F(TftpTest, TakesPartOfTheOptions) {
           Behaviour{.answer_size = false}, Behaviour{.block_size = 8, .window_size = 1}}) {
         TestServer server(behaviour);
         connect(server);
-        const std::string content = content_of(3000);
-        EXPECT_EQ(session.put(write("local", content), "remote"), 0);
-        server.offer("other", content);
-        EXPECT_EQ(session.get("other", path("got")), 0);
-        server.stop();
-        EXPECT_EQ(server.stored("remote"), content);
-        EXPECT_EQ(read("got"), content);
+        expect_there_and_back(server, content_of(3000));
     }
 }
 
@@ -179,13 +160,7 @@ TEST_P(TftpLine, DoesNoHarm) {
     TestServer server(behaviour);
     connect(server);
     session.limit(600, 16);
-    const std::string content = content_of(600 * 20 + 5);
-    EXPECT_EQ(session.put(write("local", content), "remote"), 0) << session.text(-1);
-    server.offer("other", content);
-    EXPECT_EQ(session.get("other", path("got")), 0);
-    server.stop();
-    EXPECT_EQ(server.stored("remote"), content);
-    EXPECT_EQ(read("got"), content);
+    expect_there_and_back(server, content_of(600 * 20 + 5));
 }
 
 INSTANTIATE_TEST_SUITE_P(
