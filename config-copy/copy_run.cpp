@@ -243,7 +243,7 @@ class Run {
 
     void clean_up() {
         session_.begin_to_clean_up(2s);
-        session_.set_deadline(Clock::now() + 6s, false); // a removal is tried three times
+        session_.set_deadline(Clock::now() + 6s, false); // enough for three removals
         row_.destroy();
     }
 

@@ -11,7 +11,7 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr int most_attempts = 8; // to create a row, each with another index, and to activate it
-constexpr int most_removals = 3; // of one row
+constexpr int removals = 3;      // of one row, at least; each may get lost
 constexpr int most_looks = 32;   // for a free index, of which there are 2^31
 
 // How v1 agents map v2's finer error statuses (RFC 3584, section 4.4).
@@ -123,7 +123,8 @@ void CopyRow::destroy() {
     try {
         while (!indexes_.empty()) {
             std::optional<SetResult> result;
-            for (int attempt = 0; attempt < most_removals && !result; ++attempt) {
+            const int attempts = std::max(removals, session_.attempts());
+            for (int attempt = 0; attempt < attempts && !result; ++attempt) {
                 result = session_.set(
                     {{copy_cell(CC_COLUMN_ENTRY_ROW_STATUS, index()), ROW_STATUS_DESTROY}});
             }

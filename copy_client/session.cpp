@@ -186,7 +186,6 @@ std::string Session::low_level() const {
 void Session::begin_to_clean_up(Milliseconds most) {
     cleans_up_ = true;
     stop_ = -1;
-    attempts_ = 1;
     timeout_ = std::min(timeout_, most);
 }
 

@@ -91,8 +91,11 @@ class Session {
         waits_out_silence_ = waits_out_silence;
     }
 
-    // From now on `stop` is ignored, and each request waits for an answer once, at most for `most`.
+    // From now on `stop` is ignored, and no request waits for its answer longer than `most`.
     void begin_to_clean_up(Milliseconds most);
+
+    // How often a request is sent before its silence counts, at least 1.
+    [[nodiscard]] int attempts() const { return attempts_; }
 
     // These wait for the answer. They throw Stopped, or Trouble if no answer comes, the agent does
     // not accept our requests, or its answer is invalid. They limit the memory that an agent can

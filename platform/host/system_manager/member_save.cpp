@@ -101,7 +101,7 @@ std::string save_member(const FabricMember &member, std::chrono::seconds limit, 
                              std::min<Milliseconds>(Milliseconds(limit) / 4, 500ms));
         CopyRow row(session);
         std::string words = save(session, row, limit);
-        session.begin_to_clean_up(cleaning_time / 3); // each removal is tried three times
+        session.begin_to_clean_up(cleaning_time / 3); // enough for three removals
         session.set_deadline(
             std::min<Clock::time_point>(began + limit, Clock::now() + cleaning_time));
         row.destroy();

@@ -216,6 +216,20 @@ TEST(CopyRow, AnAgentThatFallsSilentLeavesTheRow) {
     EXPECT_TRUE(row.is_left());
 }
 
+// On a bad link, more requests get lost than a removal is tried at least.
+TEST(CopyRow, ARemovalIsTriedAsOftenAsTheSessionSays) {
+    Script script;
+    script.falls_silent = 6; // the removal
+    script.silent_for = 5;
+    const ScriptedAgent agent(script);
+    Session session = Manager().session_with(agent);
+    CopyRow row(session);
+    EXPECT_EQ(live(session, row).state, COPY_STATE_SUCCESSFUL);
+    EXPECT_FALSE(row.is_left());
+    EXPECT_EQ(agent.seen().rows, 0);
+    EXPECT_EQ(agent.seen().lost, 5);
+}
+
 TEST(CopyRow, NothingIsAskedBehindTheDeadline) {
     Script script;
     script.reads_until_end = -1;

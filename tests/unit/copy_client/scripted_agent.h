@@ -55,6 +55,7 @@ struct Script {
     int loses_answer = 0;   // the n-th is carried out, and not answered
     int delays_request = 0; // the n-th is carried out after the next one, and not answered
     int falls_silent = 0;   // from the n-th on, nothing is carried out
+    int silent_for = 0;     // so many requests; 0: for ever
     long making_status = SNMP_ERR_NOERROR;
     long making_index = 0; // the binding that making_status is about
     long activation_status = SNMP_ERR_NOERROR;
@@ -191,7 +192,8 @@ class ScriptedAgent {
         const int number = ++world.seen.requests;
         const Script &script = world.script;
         if (number == script.loses_request ||
-            (script.falls_silent != 0 && number >= script.falls_silent)) {
+            (script.falls_silent != 0 && number >= script.falls_silent &&
+             (script.silent_for == 0 || number < script.falls_silent + script.silent_for))) {
             ++world.seen.lost;
             return 1;
         }
