@@ -4,7 +4,6 @@
 
 #include <array>
 #include <cerrno>
-#include <cstdint>
 #include <system_error>
 
 namespace ulmo {

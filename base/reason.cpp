@@ -2,7 +2,6 @@
 
 #include "base/text.h"
 
-#include <cerrno>
 #include <system_error>
 
 namespace ulmo {

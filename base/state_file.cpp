@@ -5,7 +5,6 @@
 #include "base/replaced_file.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>

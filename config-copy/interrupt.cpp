@@ -8,7 +8,6 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
 
 namespace config_copy {
 namespace {

@@ -2,7 +2,6 @@
 #pragma once
 
 #include "base/copy_names.h"
-#include "config-copy/copy_table.h"
 #include "config-copy/failure.h"
 
 #include <cstdint>

@@ -1,6 +1,7 @@
 // The requests on an agent, of all managers.
 #pragma once
 
+#include "config-copy/copy_table.h"
 #include "config-copy/output.h"
 #include "copy_client/session.h"
 

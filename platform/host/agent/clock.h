@@ -4,7 +4,6 @@
 #include "base/unique_fd.h"
 
 #include <chrono>
-#include <vector>
 
 namespace ulmo {
 

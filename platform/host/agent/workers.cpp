@@ -23,7 +23,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <utility>
 

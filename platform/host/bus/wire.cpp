@@ -5,7 +5,6 @@
 #include "base/posix.h"
 #include "platform/host/history/log.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <sys/un.h>

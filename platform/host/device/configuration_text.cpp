@@ -12,7 +12,6 @@
 #include <cstdio>
 #include <cstring>
 #include <initializer_list>
-#include <system_error>
 #include <utility>
 
 namespace ulmo {

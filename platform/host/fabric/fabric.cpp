@@ -21,7 +21,6 @@
 #include <limits>
 #include <memory>
 #include <sstream>
-#include <system_error>
 #include <vector>
 
 namespace ulmo {

@@ -17,7 +17,6 @@
 #include <exception>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <system_error>
 #include <vector>
 

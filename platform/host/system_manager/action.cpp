@@ -16,7 +16,6 @@
 #include <algorithm>
 #include <csignal>
 #include <filesystem>
-#include <stdexcept>
 #include <vector>
 
 namespace ulmo {

@@ -14,7 +14,6 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <string_view>

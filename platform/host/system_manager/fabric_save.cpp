@@ -8,7 +8,6 @@
 
 #include <sys/eventfd.h>
 
-#include <cstdint>
 #include <exception>
 #include <memory>
 #include <mutex>

@@ -14,12 +14,10 @@
 #include <sys/signalfd.h>
 
 #include <array>
-#include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <fstream>
 #include <string>
-#include <system_error>
 #include <utility>
 
 namespace ulmo {

@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <functional>
 #include <ostream>
-#include <random>
 #include <thread>
 
 using namespace copy_client;

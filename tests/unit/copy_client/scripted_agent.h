@@ -24,7 +24,6 @@
 #include <csignal>
 #include <cstdint>
 #include <map>
-#include <new>
 #include <optional>
 #include <string>
 

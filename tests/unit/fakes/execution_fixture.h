@@ -2,7 +2,6 @@
 #ifndef TESTS_UNIT_EXECUTION_FIXTURE_H
 #define TESTS_UNIT_EXECUTION_FIXTURE_H
 
-#include <csignal>
 #include <memory>
 #include <string>
 

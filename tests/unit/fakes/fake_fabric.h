@@ -3,7 +3,6 @@
 #define TESTS_UNIT_FAKE_FABRIC_H
 
 #include <array>
-#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>

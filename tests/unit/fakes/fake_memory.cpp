@@ -1,6 +1,5 @@
 #include "fake_memory.h"
 
-#include <cstdlib>
 #include <new>
 #include <unordered_set>
 

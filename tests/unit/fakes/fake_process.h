@@ -4,9 +4,7 @@
 #define TESTS_UNIT_FAKE_PROCESS_H
 
 #include <optional>
-#include <string>
 #include <sys/types.h>
-#include <vector>
 
 #include "fakes.h"
 #include "journal.h"

@@ -1,5 +1,4 @@
 // The platform messages that begin and end copies, and their effect on the rows.
-#include <cstring>
 
 #include "platform/system_manager.h"
 #include "tests/unit/fakes/execution_fixture.h"

@@ -1,5 +1,4 @@
 // What an activated request leads to: a worker, a request to the system manager, or nothing.
-#include <cstring>
 
 #include "platform/system_manager.h"
 #include "tests/unit/fakes/execution_fixture.h"

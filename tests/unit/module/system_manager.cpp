@@ -1,6 +1,5 @@
 // Copies made by the system manager: the start request, its answer, and the abort.
 #include <cerrno>
-#include <cstring>
 #include <unistd.h>
 
 #include "platform/system_manager.h"

@@ -1,7 +1,6 @@
 // The worker: its use of files, shell and system manager for each kind of copy, and the one status
 // that it reports.
 #include <algorithm>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 

@@ -16,7 +16,6 @@
 #include <filesystem>
 #include <iterator>
 #include <stdexcept>
-#include <string>
 #include <string_view>
 #include <vector>
 

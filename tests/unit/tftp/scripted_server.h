@@ -4,11 +4,9 @@
 
 #include "base/unique_fd.h"
 
-#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <atomic>
-#include <cstdint>
 #include <functional>
 #include <map>
 #include <mutex>

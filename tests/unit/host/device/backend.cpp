@@ -16,7 +16,6 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
-#include <functional>
 #include <random>
 #include <set>
 #include <thread>

@@ -6,8 +6,6 @@
 
 #include <sys/stat.h>
 
-#include <set>
-
 using namespace host_test;
 using namespace copy_client_test;
 
