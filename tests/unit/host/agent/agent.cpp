@@ -33,7 +33,7 @@
 
 netsnmp_agent_session *host_test::current_session = nullptr;
 
-// Stands before the agent library's own.
+// Replaces the agent library's function of the same name.
 extern "C" netsnmp_agent_session *netsnmp_get_current_agent_session(void) {
     return host_test::current_session;
 }
@@ -98,7 +98,7 @@ template <typename Condition> bool loop_until(Condition condition) {
     return condition();
 }
 
-// Long enough for whatever is under way to show.
+// Long enough for anything still under way to arrive.
 void settle() {
     for (int round = 0; round < 5; ++round) {
         turn_loop(10ms);
@@ -141,7 +141,7 @@ std::string text_of(const std::filesystem::path &file) {
     return text.str();
 }
 
-// The agent's side lives as long as the process, and so do its folders.
+// The agent's side starts once in a process and never ends, so its folders stay as long.
 const host_test::TemporaryDirectory &agent_directory() {
     static const host_test::TemporaryDirectory directory;
     return directory;
@@ -203,7 +203,7 @@ TEST_F(HostAgentExtension, KilledWorkerIsReportedOnce) {
     EXPECT_FALSE(std::filesystem::exists(ulmo::worker_directory(worker)));
 }
 
-TEST_F(HostAgentExtension, NoCopyBeginsUnderSettingsThatAreNotKnown) {
+TEST_F(HostAgentExtension, NoCopyBeginsUnderSettingsThatCantBeUsed) {
     const auto copy_fails = [] {
         deliveries.clear();
         start_worker([] { send_status(0); });
@@ -233,7 +233,7 @@ TEST_F(HostAgentExtension, WorkerKilledAfterItsReport) {
     EXPECT_EQ(deliveries[0].payload, 0);
 }
 
-// Both the message and the end are there before the agent looks.
+// The worker has sent its report and ended before the agent looks.
 TEST_F(HostAgentExtension, ReportComesBeforeTheEnd) {
     const pid_t worker = start_worker([] { send_status(3); });
     siginfo_t information{};
@@ -330,7 +330,8 @@ TEST_F(HostAgentExtension, WorkerOutlivesAReload) {
     EXPECT_TRUE(loop_until([=] { return is_reaped(worker); }));
 }
 
-// How many of the process's descriptors the predicate picks by what /proc says that they are.
+// Counts the process's descriptors that the predicate picks by their number and their link in
+// /proc.
 template <typename Predicate> int count_descriptors(Predicate predicate) {
     int count = 0;
     for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd")) {
@@ -362,12 +363,12 @@ TEST_F(HostAgentExtension, WorkerHoldsNoSocketAndNothingOfTheAgents) {
     ASSERT_TRUE(loop_until([=] { return is_reaped(worker); }));
     ASSERT_EQ(deliveries.size(), 1U);
     EXPECT_EQ(deliveries[0].payload, 1)
-        << "tens: foreign descriptors; ones: the number stands for nothing";
+        << "tens: foreign descriptors; ones: whether the number is now that of the null device";
     EXPECT_EQ(count_descriptors([=](int number, const std::string &what) {
                   return number == inet_number && what.starts_with("socket:");
               }),
               1)
-        << "the agent keeps its own";
+        << "the agent keeps its socket";
     ::kill(running, SIGKILL);
     EXPECT_TRUE(loop_until([=] { return is_reaped(running); }));
 }
@@ -469,7 +470,7 @@ bool is_gone(pid_t process) {
     return name_end == std::string::npos || stat[name_end + 2] == 'Z';
 }
 
-// Runs a program that would go on for long, whose process id goes into the file.
+// Runs a program that would take ten minutes, and writes its process id into the file.
 void run_for_long(const std::filesystem::path &file) {
     execute_program_and_wait_redirect(-1, -1, -1, "/bin/sh", "-c",
                                       "echo $$ >\"$0\".new; mv \"$0\".new \"$0\"; exec sleep 600",
@@ -511,7 +512,7 @@ TEST_F(HostAgentExtension, CopyBeyondItsTimeIsEnded) {
     EXPECT_FALSE(std::filesystem::exists(ulmo::worker_directory(stopped)));
 }
 
-TEST_F(HostAgentExtension, OutcomeThatIsThereCountsBeyondTheTimeToo) {
+TEST_F(HostAgentExtension, OutcomeThatArrivedInTimeCountsEvenIfReadLater) {
     platform_.set("copy_time_limit = 1");
     const pid_t worker = start_worker([] {
         send_status(0);
@@ -526,8 +527,8 @@ TEST_F(HostAgentExtension, OutcomeThatIsThereCountsBeyondTheTimeToo) {
     EXPECT_TRUE(loop_until([=] { return is_reaped(worker); }));
 }
 
-// The agent is killed: its worker and what that runs die with it, and what they leave goes with the
-// next copy.
+// A killed agent takes its worker and the worker's program with it. The next copy removes what they
+// leave behind.
 TEST_F(HostAgentExtension, WorkerDiesWithItsAgent) {
     const auto file = agent_directory().path() / "program-of-an-orphan";
     const auto worker_file = agent_directory().path() / "orphan";
@@ -551,16 +552,16 @@ TEST_F(HostAgentExtension, WorkerDiesWithItsAgent) {
     EXPECT_FALSE(std::filesystem::exists(ulmo::worker_directory(orphan)));
 }
 
-// The agent has died before the worker could say that it wants to die with it.
+// The agent died before the worker asked the kernel to end it together with the agent.
 TEST_F(HostAgentExtension, WorkerOfADeadAgentDoesNothing) {
     EXPECT_EQ(exit_status_of(start_child([] {
-                  ulmo::become_worker(::getpid(), {}); // which is not its parent
+                  ulmo::become_worker(::getpid(), {}); // not its parent's id
                   return 0;
               })),
               EXIT_FAILURE);
 }
 
-// Without a descriptor to watch the worker with, its end is found by looking.
+// Without a descriptor for the worker's end, the agent polls.
 TEST_F(HostAgentExtension, WorkerIsFollowedWithoutADescriptor) {
     const ulmo::UniqueFd lowest_free(::open("/dev/null", O_RDONLY | O_CLOEXEC));
     rlimit limit{};
@@ -577,7 +578,7 @@ TEST_F(HostAgentExtension, WorkerIsFollowedWithoutADescriptor) {
 
 TEST_F(HostAgentExtension, FailedForkEndsTheCopy) {
     const pid_t agent = start_child([] {
-        const rlimit no_process{0, 0}; // binds all users but the superuser
+        const rlimit no_process{0, 0}; // holds for every user except the superuser
         if (::setrlimit(RLIMIT_NPROC, &no_process) != 0 ||
             (::geteuid() == 0 &&
              ::setresuid(host_test::nobody, host_test::nobody, host_test::nobody) != 0)) {
@@ -602,7 +603,7 @@ TEST_F(HostAgentExtension, FailedForkEndsTheCopy) {
 }
 
 // In a process of its own, because the agent's side starts once.
-int follow_workers_beside_another_agent() {
+int follow_workers_next_to_another_agent() {
     const host_test::TemporaryDirectory directory;
     const host_test::Platform platform(directory.path());
     const auto stale = ulmo::worker_directory(4000001);
@@ -616,7 +617,7 @@ int follow_workers_beside_another_agent() {
     }
     start_worker([] { send_status(5); });
     if (!delivered(1) || deliveries[0].payload != 1) {
-        return 2; // the report went to the other agent, but the end was seen
+        return 2; // the report went to the other agent; this one saw only the worker's end
     }
     other_agent.reset();
     start_worker([] { send_status(5); });
@@ -625,7 +626,7 @@ int follow_workers_beside_another_agent() {
 
 TEST(HostAgentExtensionDeathTest, AccessPointOfAnotherAgent) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(std::exit(follow_workers_beside_another_agent()), testing::ExitedWithCode(0), "");
+    EXPECT_EXIT(std::exit(follow_workers_next_to_another_agent()), testing::ExitedWithCode(0), "");
 }
 
 // --- notifications ---
@@ -936,7 +937,8 @@ class HostAgentClock : public testing::Test {
                                  record_change, nullptr, 0);
         netsnmp_set_agent_starttime(nullptr);
     }
-    // The wall clock `shift` ahead of where it was at the beginning, after some time has passed.
+    // Shows the keeper both clocks 17 s later, the wall clock set `shift` ahead of its first
+    // setting.
     void observe(std::chrono::nanoseconds shift) {
         passed_ += 17s;
         keeper_.observe({1500000s + passed_ + shift, 500s + passed_});
@@ -960,7 +962,7 @@ TEST_F(HostAgentClock, SetForwardAndBack) {
     const auto up_time = netsnmp_timeval_uptime(&event);
     observe(3600s);
     EXPECT_EQ(start().tv_sec, 1003600);
-    event.tv_sec += 3600; // the same moment by the new time
+    event.tv_sec += 3600; // the same moment by the new clock
     EXPECT_EQ(netsnmp_timeval_uptime(&event), up_time);
     observe(-10s);
     EXPECT_EQ(start().tv_sec, 999990);
@@ -1001,7 +1003,7 @@ TEST_F(HostAgentClock, ReadingsAgree) {
     EXPECT_LT(std::chrono::abs((second.wall - second.running) - (first.wall - first.running)), 5ms);
 }
 
-TEST_F(HostAgentClock, WatchIsQuietAsLongAsTheClockIsNotSet) {
+TEST_F(HostAgentClock, WatchIsQuietUntilTheClockIsSet) {
     ulmo::ClockWatch watch;
     const auto before = start();
     watch.handle_change();
@@ -1009,7 +1011,7 @@ TEST_F(HostAgentClock, WatchIsQuietAsLongAsTheClockIsNotSet) {
     EXPECT_EQ(start().tv_usec, before.tv_usec);
 }
 
-// The agent and, in the place of the system manager, the test.
+// The agent, with the test in the place of the system manager.
 class HostAgentSave : public HostAgentExtension {
   protected:
     void TearDown() override {
@@ -1039,20 +1041,20 @@ class HostAgentSave : public HostAgentExtension {
         msgbus_drop(msgbus_response_q, &answer);
         return 0;
     }
-    // What the system manager has been sent.
+    // The messages that the system manager has received.
     std::vector<ulmo::Incoming> &taken() {
         system_manager_->serve(
             [this](ulmo::Incoming incoming) { taken_.push_back(std::move(incoming)); });
         return taken_;
     }
-    // Asks for a save that is begun.
+    // Asks for a save, which the system manager begins.
     void begin() {
         ASSERT_EQ(ask(), 0);
         ASSERT_EQ(taken().size(), 1U);
         reply(MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION, WARDEN_CFG_ACTION_INITIATED);
         ASSERT_EQ(answer(), 0);
         settle();
-        ASSERT_TRUE(deliveries.empty()) << "it runs on";
+        ASSERT_TRUE(deliveries.empty()) << "the save still runs";
     }
     void reply(uint32_t opcode, uint32_t status) {
         const uint32_t word = htonl(status);
@@ -1073,7 +1075,7 @@ class HostAgentSave : public HostAgentExtension {
     msgbus_msg request_ = nullptr;
 };
 
-TEST_F(HostAgentSave, TheEndIsHeardOnceWithItsStatus) {
+TEST_F(HostAgentSave, TheEndIsDeliveredOnceWithItsStatus) {
     begin();
     reply(MSGBUS_OPC_WARDEN_CFG_ACTION_END, 0x401E0012);
     expect_end(0x401E0012);
@@ -1082,10 +1084,10 @@ TEST_F(HostAgentSave, TheEndIsHeardOnceWithItsStatus) {
     EXPECT_EQ(deliveries.size(), 1U) << "nothing more is expected of the system manager";
 }
 
-TEST_F(HostAgentSave, ABeginThatIsAnnouncedIsHeard) {
+TEST_F(HostAgentSave, AnAnnouncedBeginIsDelivered) {
     begin();
     ASSERT_EQ(taken_.at(0).reply(MSGBUS_OPC_WARDEN_CFG_ACTION_BEGIN, nullptr, 0), 0);
-    reply(AGENT_OPC_WORKER_STATUS, 0); // which is not the system manager's to tell
+    reply(AGENT_OPC_WORKER_STATUS, 0); // only a worker may report this
     ASSERT_TRUE(delivered(1));
     EXPECT_EQ(deliveries[0].opcode, MSGBUS_OPC_WARDEN_CFG_ACTION_BEGIN);
     deliveries.clear();
@@ -1157,8 +1159,8 @@ TEST_F(HostAgentSave, OneThatIsRefusedOrGivenUpHasNoEnd) {
     EXPECT_TRUE(deliveries.empty());
 }
 
-// What nobody ended is destroyed, and the next one asked for, before the agent comes to tell.
-TEST_F(HostAgentSave, AFailureMeetsNoLaterSave) {
+// A save can't be asked for. Before the agent reports that failure, the next save is asked for.
+TEST_F(HostAgentSave, AFailureDoesNotEndALaterSave) {
     system_manager_.reset();
     ASSERT_EQ(ask(), -1);
     system_manager_ = std::make_unique<ulmo::MsgbusServer>(MSGBUS_SAP_WARDEN);

@@ -87,7 +87,7 @@ TEST_F(HostContexts, AChangedSettingHoldsFromTheNextLoadOn) {
     EXPECT_EQ(registrations("green"), 0);
 }
 
-TEST_F(HostContexts, NamesThatAreNoneAreLeftOut) {
+TEST_F(HostContexts, InvalidNamesAreLeftOut) {
     const std::string longest(32, 'x');
     scratch_.configure("vrf_context = " + longest + "\nvrf_context = " + longest +
                        "x\nvrf_context =\n");

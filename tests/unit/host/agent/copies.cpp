@@ -28,7 +28,7 @@ constexpr oid state_column = 10;
 constexpr oid cause_column = 13;
 constexpr oid status_column = 14;
 
-// What stands in the rows, as a module's read method has it.
+// The values of the rows, in the form in which a module's read method returns them.
 std::map<oid, std::map<oid, std::string>> rows;
 std::vector<oid> columns_read;
 
@@ -115,7 +115,7 @@ class HostCopies : public testing::Test {
         return row;
     }
 
-    // The only line that is kept, with its times made alike.
+    // The only kept line, with placeholders for its times.
     static std::string line() {
         std::string text = ulmo::kept_copy_lines();
         text = std::regex_replace(text, std::regex("(^|\n)[0-9T:-]+Z"), "$1WHEN");
@@ -133,7 +133,7 @@ class HostCopies : public testing::Test {
         binding(status_column, 9, 1);
         auto copy = watch_.begin();
         if (!copy) {
-            ADD_FAILURE() << "no copy is seen";
+            ADD_FAILURE() << "the copy was not noticed";
             return {};
         }
         std::filesystem::path report = copy->report;
@@ -220,7 +220,7 @@ TEST_F(HostCopies, CopyWhoseRowIsGoneOrNoLongerRunsIsFound) {
     EXPECT_EQ(watch_.without_row(), std::vector<pid_t>{worker});
     rows = all;
     for (auto &[index, row] : rows) {
-        row[state_column] = word(1); // of a new request in the place of the old one
+        row[state_column] = word(1); // of a new request under the same index
     }
     EXPECT_EQ(watch_.without_row(), std::vector<pid_t>{worker});
     watch_.ended(worker, 1, "removed");
@@ -264,7 +264,7 @@ TEST_F(HostCopies, NothingAsksForThePassword) {
     EXPECT_EQ(line().find("secret"), std::string::npos);
 }
 
-// Of several rows that one request activates, the one that runs.
+// If a request names several rows, the copy is the one that runs.
 TEST_F(HostCopies, TheRowThatRunsIsMeant) {
     rows[5] = upload();
     rows[5][state_column] = word(4);
@@ -299,7 +299,7 @@ TEST_F(HostCopies, CommunityIsNotTold) {
 TEST_F(HostCopies, CopyThatOutlivesItsAgentIsTold) {
     const auto report = start_upload();
     std::ofstream(report, std::ios::app) << "moved 5\n";
-    watch_.close_unfinished(); // its own are not meant
+    watch_.close_unfinished(); // closes only the copies of earlier agents
     EXPECT_EQ(line(), "");
     ulmo::CopyWatch next;
     next.close_unfinished();
@@ -314,7 +314,7 @@ TEST_F(HostCopies, SaveIsToldAtItsEnd) {
     start_save(3);
     answer(WARDEN_CFG_ACTION_INITIATED);
     EXPECT_EQ(line(), "");
-    watch_.action_ended(0); // another's: the row runs on
+    watch_.action_ended(0); // another save's end: the row still runs
     EXPECT_EQ(line(), "");
     rows[9][state_column] = word(3);
     watch_.action_ended(0);

@@ -37,7 +37,7 @@ class HostMsgbus : public testing::Test {
   protected:
     void TearDown() override {
         EXPECT_EQ(ask(0), -1)
-            << "nobody serves any more; this ends the exchange that the test left open";
+            << "without a server, asking only ends the exchange that the test left open";
         msgbus_drop(msgbus_response_q, &answer_);
     }
 
@@ -52,7 +52,7 @@ class HostMsgbus : public testing::Test {
                            static_cast<uint32_t>(payload.size()), nullptr, 0, 0);
     }
 
-    // 0 if another user's message was sent, otherwise that user's errno.
+    // Returns 0 if a process of another user could send the message, otherwise its errno.
     static int tell_as_nobody(uint32_t opcode) {
         return host_test::in_child([opcode] {
             if (::setresuid(host_test::nobody, host_test::nobody, host_test::nobody) != 0) {
@@ -62,13 +62,13 @@ class HostMsgbus : public testing::Test {
         });
     }
 
-    // As if the kernel did not keep others out.
+    // Takes away the file modes by which the kernel keeps other users out.
     static void open_to_everybody() {
         ASSERT_EQ(::chmod(ulmo::msgbus_dir().c_str(), 0755), 0);
         ASSERT_EQ(::chmod(ulmo::sap_path(sap).c_str(), 0666), 0);
     }
 
-    // errno of a receive that brings no message, 0 when it brought one.
+    // Receives once. Returns 0 if a message came, otherwise errno.
     int listen(uint32_t wait) {
         msgbus_recv_options options{};
         options.wait = wait;
@@ -106,7 +106,7 @@ std::string payload_of(msgbus_msg message) {
     return std::string(static_cast<const char *>(msgbus_payload_get(message, 0)), message->length);
 }
 
-TEST_F(HostMsgbus, NobodyServing) {
+TEST_F(HostMsgbus, WithoutAServerNothingIsSent) {
     EXPECT_EQ(tell(1391), -1);
     EXPECT_EQ(errno, ENOENT);
     EXPECT_EQ(ask(1381), -1);
@@ -198,7 +198,7 @@ TEST_F(HostMsgbus, WaitEndsWithTheAnswer) {
     EXPECT_EQ(exit_status_of(child), 0);
 }
 
-TEST_F(HostMsgbus, PeerThatGoesIsNoSilence) {
+TEST_F(HostMsgbus, PeerThatClosesIsReportedAtOnce) {
     MsgbusServer server(sap);
     ASSERT_EQ(ask(1381), 0);
     serve(server);
@@ -473,7 +473,7 @@ TEST_F(HostMsgbus, ItsFilesAreTheOwnersOnly) {
     EXPECT_EQ(mode_of(ulmo::msgbus_dir()), 0700U);
 }
 
-// Whose connections can't be made can't fill the queue either.
+// A user who can't connect can't fill the queue either.
 TEST_F(HostMsgbus, OtherUsersCanNotEvenConnect) {
     REQUIRE_SUPERUSER("acts as another user");
     MsgbusServer server(sap);
@@ -648,7 +648,7 @@ TEST_F(HostMsgbus, AFullQueueIsTriedAgain) {
     filling.clear();
     std::thread busy([this, &server] {
         std::this_thread::sleep_for(50ms);
-        serve(server); // which may see the message already
+        serve(server); // may already receive the message
     });
     EXPECT_EQ(tell(1), 0);
     busy.join();
@@ -689,10 +689,10 @@ TEST_F(HostMsgbus, WhatIsDeletedIsThereAgainWithinASecond) {
         ASSERT_TRUE(readable(server.fd()));
         received_.clear();
         serve(server);
-        EXPECT_EQ(received_.size(), 1U) << "what had been sent is not lost";
+        EXPECT_EQ(received_.size(), 1U) << "the message sent before is not lost";
         std::filesystem::remove_all(deleted);
         EXPECT_FALSE(readable(server.fd()));
-        ASSERT_TRUE(readable(server.fd(), 2s)) << "it looks by itself";
+        ASSERT_TRUE(readable(server.fd(), 2s)) << "the server looks by itself";
         serve(server);
         EXPECT_EQ(tell(3), 0) << deleted;
         received_.clear();

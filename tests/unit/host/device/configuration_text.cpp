@@ -247,7 +247,7 @@ TEST(ConfigurationText, RefusedLinesAreNamedWithTheReason) {
     expect_refused("vlan 1\nend\n name x", Kind::bad_line, "line 3: statement after 'end'");
 }
 
-TEST(ConfigurationText, WhatIsNoTextIsABadFile) {
+TEST(ConfigurationText, InvalidTextIsABadFile) {
     const std::vector<std::pair<std::string, std::string>> octets = {
         {std::string(1, '\0'), "00"},
         {"\x01", "01"},

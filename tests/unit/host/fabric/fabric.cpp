@@ -96,7 +96,7 @@ TEST_F(Fabric, DefaultWorldWideNameIsLocallyAssignedAndStable) {
     EXPECT_EQ(wwn_of(answer), wwn_of(ask(CTLMSG_REQ_SWITCH_WWN)));
 }
 
-TEST_F(Fabric, NameThatIsNoneIsNotAnswered) {
+TEST_F(Fabric, InvalidNameIsNotAnswered) {
     for (const char *wwn :
          {"x", "20:00:00:00:00:00:00", "20:00:00:00:00:00:00:00:00", "20-00-00-00-00-00-00-01",
           "20:00:00:00:00:00:00:0g", "2:000:00:00:00:00:00:01", "20:00:00:00:00:00:00:-1",

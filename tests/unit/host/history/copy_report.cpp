@@ -80,7 +80,7 @@ TEST_F(HostCopyReport, NothingButARegularFileIsMeasured) {
     EXPECT_EQ(report().sha256, "");
 }
 
-TEST_F(HostCopyReport, WhatIsNoSuchLineIsPassedOver) {
+TEST_F(HostCopyReport, MalformedLinesAreSkipped) {
     Scratch::write(file_, "begun x\nmoved many\nsha256 abc\nmoved 12 \n\nreasonless\nmoved 4");
     EXPECT_EQ(report().octets, 4U);
     EXPECT_EQ(report().sha256, "");
@@ -93,13 +93,13 @@ TEST_F(HostCopyReport, TftpTellsWhyItFailed) {
     EXPECT_EQ(report().octets, 0U);
 }
 
-TEST_F(HostCopyReport, HugeReportIsNoReport) {
+TEST_F(HostCopyReport, HugeReportIsNotRead) {
     Scratch::write(file_, "reason x\n" + std::string(100000, '\n'));
     EXPECT_EQ(report().reason, "");
 }
 
-// A missing report is not an error, and nothing is created.
-TEST_F(HostCopyReport, NobodyNeedsAReport) {
+// Reporting into a missing file is not an error and creates nothing.
+TEST_F(HostCopyReport, AMissingReportDoesNoHarm) {
     std::filesystem::remove(file_);
     errno = EXDEV;
     ulmo::report_reason("no space");

@@ -247,7 +247,7 @@ TEST_F(History, AProcessThatWroteBeforeTheRenamingWritesToTheNewFile) {
     }
 }
 
-TEST_F(History, IsNoticedToBeRenamedAlsoByAProcessWithAnotherLimit) {
+TEST_F(History, ARenamingIsNoticedByAProcessWithAnotherLimit) {
     append("first");
     EXPECT_EQ(host_test::in_child([] { return append("second", 1), 0; }), 0);
     append("third");

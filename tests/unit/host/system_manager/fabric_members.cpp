@@ -51,7 +51,7 @@ class FabricMembers : public testing::Test {
     Scratch scratch;
 };
 
-TEST_F(FabricMembers, NoneIsNone) {
+TEST_F(FabricMembers, WithoutSettingsThereAreNoMembers) {
     EXPECT_TRUE(members("").empty());
     EXPECT_TRUE(members(credentials).empty());
     scratch.configure("wwn = x\n");
@@ -103,7 +103,7 @@ TEST_F(FabricMembers, AddressMayHaveAPort) {
     EXPECT_EQ(endpoint("[2001:db8::2]:65535"), "2001:db8::2 65535");
 }
 
-TEST_F(FabricMembers, AddressThatIsNoneIsRefused) {
+TEST_F(FabricMembers, InvalidAddressIsRefused) {
     for (const char *address :
          {"switch2", "192.0.2", "192.0.2.2:", "192.0.2.2:0", "192.0.2.2:65536", "192.0.2.2:1x",
           "192.0.2.2:-1", "[192.0.2.2]", "[192.0.2.2]:161", "[2001:db8::2", "2001:db8::2]",
@@ -116,7 +116,7 @@ TEST_F(FabricMembers, AddressThatIsNoneIsRefused) {
     EXPECT_EQ(refusal_of_line(second), "setting fabric_member " + second + ": there is no address");
 }
 
-TEST_F(FabricMembers, NameThatIsNoMembersIsRefused) {
+TEST_F(FabricMembers, InvalidOrRepeatedNameIsRefused) {
     for (const char *line : {"", "192.0.2.2", "20:00:00:00:00:00:00 192.0.2.2", "x 192.0.2.2"}) {
         EXPECT_EQ(refusal_of_line(line),
                   "setting fabric_member: the line does not begin with a world-wide name")
@@ -139,7 +139,7 @@ TEST_F(FabricMembers, NameThatIsNoMembersIsRefused) {
               "accepted 2");
 }
 
-TEST_F(FabricMembers, LocalNameThatIsNoneIsRefused) {
+TEST_F(FabricMembers, InvalidLocalNameIsRefused) {
     EXPECT_EQ(
         refusal(std::string(credentials) + "wwn = x\nfabric_member = " + second + " 192.0.2.2\n"),
         (scratch.root() / "platform.conf").string() +
@@ -171,7 +171,7 @@ TEST_F(FabricMembers, EveryCredentialIsNeeded) {
               what + "there is no auth-protocol, neither there nor as fabric_auth_protocol");
 }
 
-TEST_F(FabricMembers, CredentialThatCannotBeIsRefused) {
+TEST_F(FabricMembers, InvalidCredentialIsRefused) {
     const std::string what = "setting fabric_member " + second + ": ";
     const auto refused = [&](const std::string &word) {
         return refusal_of_line(second + " 192.0.2.2 " + word);
@@ -210,7 +210,7 @@ TEST_F(FabricMembers, PassphrasesAreForTheOwnerOnly) {
     EXPECT_EQ(refusal(credentials + line, 0400), "accepted 1");
 }
 
-// The superuser's process has another group as long as the object is there.
+// Gives the superuser's process another group for the lifetime of the object.
 class ActingInGroup {
   public:
     explicit ActingInGroup(gid_t group) : former_(::getegid()) { EXPECT_EQ(::setegid(group), 0); }

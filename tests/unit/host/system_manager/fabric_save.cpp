@@ -93,7 +93,7 @@ ulmo::UniqueFd readable_after(std::chrono::milliseconds time) {
 
 class FabricSave : public testing::Test {
   protected:
-    // The outcomes; `took` is the time.
+    // Returns the outcomes; `took` is the time that it took.
     Texts save(const Texts &what, int stop = -1, std::chrono::seconds limit = 5s) {
         const auto members = members_named(what);
         const auto begin = Clock::now();
@@ -306,7 +306,7 @@ TEST(MemberSave, FailureInWords) {
     EXPECT_EQ(ulmo::describe_failure(9, "no space on device"), "no space on device");
     EXPECT_EQ(ulmo::describe_failure(9, "  no space on device \r\nmore\n"), "no space on device");
     EXPECT_EQ(ulmo::describe_failure(9, "no\tspace\x1b[2J"), "no space?[2J")
-        << "nothing that a terminal would take for an order";
+        << "nothing that a terminal would execute";
     EXPECT_EQ(ulmo::describe_failure(9, std::string(500, 'x')), std::string(80, 'x'));
     for (const char *nothing : {"", "saved", "saved\n", " \n", "\nno space"}) {
         EXPECT_EQ(ulmo::describe_failure(9, nothing), "its system manager could not save")

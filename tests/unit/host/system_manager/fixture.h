@@ -154,8 +154,8 @@ class Request {
                   0);
     }
 
-    // The status word of the next message, which must be an answer of that opcode; 0xFFFFFFFF when
-    // the connection was closed instead.
+    // The status word of the next message, which must have that opcode; 0xFFFFFFFF if the
+    // connection was closed instead.
     std::uint32_t status(std::uint32_t opcode) {
         pollfd readable{connection_.get(), POLLIN, 0};
         if (::poll(&readable, 1, 30000) != 1) {
@@ -261,13 +261,13 @@ class WardenTest : public DeviceTest {
         EXPECT_EQ(warden_->wait(), 0);
     }
 
-    // As long as it lives no save gets on.
+    // No save gets past this lock.
     std::unique_ptr<ulmo::FileLock> hold_device() const {
         return std::make_unique<ulmo::FileLock>(state() / "configuration.lock",
                                                 ulmo::FileLock::Mode::exclusive, 1s);
     }
-    // The process of the action, the only child, once it waits for the device that is held. It
-    // comes some time after the answer.
+    // Waits until the process of the action, the only child, waits for the held device. It starts
+    // some time after the answer.
     pid_t action() const {
         std::vector<pid_t> children;
         EXPECT_TRUE(comes_true([&] {
@@ -287,7 +287,7 @@ class WardenTest : public DeviceTest {
         }
         return false;
     }
-    // Whether the process has been sent a SIGTERM, which it does not take.
+    // Whether a SIGTERM is pending for the process, which blocks it.
     static bool is_told_to_stop(pid_t pid) {
         const std::string pending = status_of(pid, "ShdPnd");
         return !pending.empty() && (std::stoull(pending, nullptr, 16) & 1ULL << (SIGTERM - 1)) != 0;
@@ -302,8 +302,8 @@ class WardenTest : public DeviceTest {
         }
         return lines;
     }
-    // How many lines are that one; a '*' at its end, or a number in the log where it has a '#',
-    // stand for any.
+    // Counts the lines that match `wanted`: a '#' in it matches any number, a '*' at its end any
+    // text.
     std::size_t count(const std::string &wanted) const {
         const auto lines = log();
         return static_cast<std::size_t>(

@@ -1,5 +1,5 @@
-// A part of the system manager's daemon in the test's own process: an action in a process of its
-// own.
+// How the system manager's daemon runs an action in a child process. The test takes the daemon's
+// place.
 #include "platform/host/system_manager/action_process.h"
 #include "platform/host/system_manager/last_save.h"
 #include "tests/unit/host/system_manager/fixture.h"
@@ -15,7 +15,7 @@ using namespace host_test;
 
 namespace {
 
-// Signals as in the daemon.
+// Blocks the signals that the daemon blocks.
 class ActionProcess : public DeviceTest {
   protected:
     ActionProcess() {
@@ -139,7 +139,7 @@ TEST_F(LastSave, KeepsHowItWent) {
     EXPECT_EQ(ulmo::last_save(), outcome.text);
 }
 
-TEST_F(LastSave, ASaveThatABadSettingRefusesIsOne) {
+TEST_F(LastSave, ASaveRefusedByABadSettingIsRecorded) {
     ulmo::record_last_save("before");
     const std::string path = file("platform.conf", "wwn = x\n").string();
     ulmo::Action fabric;
@@ -151,7 +151,7 @@ TEST_F(LastSave, ASaveThatABadSettingRefusesIsOne) {
     EXPECT_EQ(ulmo::last_save(), outcome.text);
 }
 
-TEST_F(LastSave, ASaveThatWasGivenUpIsNone) {
+TEST_F(LastSave, ASaveThatWasGivenUpIsNotRecorded) {
     ulmo::record_last_save("before");
     auto lock = std::make_unique<ulmo::FileLock>(held());
     ulmo::ActionProcess process(ulmo::Action{});

@@ -13,13 +13,13 @@ namespace {
 
 class Warden : public WardenTest {
   protected:
-    // As if the kernel did not keep other users out.
+    // Takes away the file modes by which the kernel keeps other users out.
     static void open_to_everybody() {
         std::filesystem::permissions(ulmo::msgbus_dir(), std::filesystem::perms(0755));
         std::filesystem::permissions(ulmo::sap_path(MSGBUS_SAP_WARDEN),
                                      std::filesystem::perms(0666));
     }
-    // A process of another pid does it.
+    // Does the work in a child process, which has a process id of its own.
     static void elsewhere(const std::function<void()> &work) {
         const pid_t child = ::fork();
         if (child == 0) {
@@ -67,8 +67,8 @@ TEST_F(Warden, TheBeginningIsToldUnderASetting) {
     EXPECT_EQ(request.end(), 0U);
 }
 
-// The agent, which would take it for the end of a save of its own, is asked for none here.
-TEST_F(Warden, NobodyButTheRequesterIsTold) {
+// The agent did not ask for this save; it would take a report for the end of a save of its own.
+TEST_F(Warden, OnlyTheRequesterIsNotified) {
     ulmo::MsgbusServer agent(MSGBUS_SAP_AGENT);
     prepare();
     file("platform.conf", "announce_begin = yes\n");
@@ -284,7 +284,7 @@ TEST_F(Warden, ARequestWithoutATokenCantBeGivenUp) {
     EXPECT_EQ(request.end(), 0U);
 }
 
-// --- messages that are none ---
+// --- malformed messages ---
 
 TEST_F(Warden, MessagesOfAWrongLengthAreDropped) {
     prepare_and_start();
@@ -320,7 +320,7 @@ TEST_F(Warden, MessagesOfAWrongLengthAreDropped) {
     EXPECT_EQ(content(startup()), old_text);
 }
 
-TEST_F(Warden, WhatIsNoMessageIsDropped) {
+TEST_F(Warden, MalformedPacketsAreDropped) {
     prepare_and_start();
     for (const std::string &octets : {std::string("x"), std::string(5000, 'x')}) {
         int error = 0;
@@ -395,13 +395,13 @@ TEST_F(Warden, AnotherUsersProcessIsRefused) {
             ::_exit(error == expected ? 0 : 3);
         });
     };
-    ask_as_nobody(0); // he trusts the superuser's server
+    ask_as_nobody(0); // that user trusts the superuser's server
     EXPECT_EQ(count("msgbus: access point 3: process # of user 65534 refused"), 1U);
     stop();
     EXPECT_EQ(content(startup()), old_text);
 }
 
-TEST_F(Warden, NobodyFillsTheLogByKnocking) {
+TEST_F(Warden, RefusedConnectionsDoNotFillTheLog) {
     REQUIRE_SUPERUSER("acts as another user");
     prepare_and_start();
     open_to_everybody();
@@ -486,8 +486,7 @@ TEST_F(Warden, WhileItEndsANewRequestIsLeftAlone) {
     ASSERT_TRUE(comes_true([process] { return is_told_to_stop(process); }));
     Request late = ask();
     const unsigned long rests = rests_of(warden_->pid());
-    EXPECT_TRUE(comes_true([&] { return rests_of(warden_->pid()) >= rests + 3; }))
-        << "it runs in circles";
+    EXPECT_TRUE(comes_true([&] { return rests_of(warden_->pid()) >= rests + 3; })) << "a busy loop";
     held.reset();
     EXPECT_EQ(warden_->wait(), 0);
     EXPECT_TRUE(late.is_closed_without_answer());
@@ -503,7 +502,8 @@ TEST_F(Warden, AKilledOneLeavesTheOldStartupConfiguration) {
     EXPECT_EQ(warden_->wait(), -SIGKILL);
     EXPECT_TRUE(request.is_closed_without_answer());
     EXPECT_TRUE(comes_true([process] { return is_gone(process); })) << "the action ends with it";
-    file("state/system.cfg.new", "hostname unfinished\n"); // as one killed later would have left it
+    file("state/system.cfg.new",
+         "hostname unfinished\n"); // as a save that was killed later would leave it
     held.reset();
     start();
     EXPECT_EQ(content(startup()), old_text);
@@ -515,7 +515,7 @@ TEST_F(Warden, AKilledOneLeavesTheOldStartupConfiguration) {
     stop();
 }
 
-// Nothing else would: the next system manager has no record of the rows.
+// The action itself must remove the row: the next system manager has no record of it.
 TEST_F(Warden, AKilledOneLeavesNoRowAtAMember) {
     Script script;
     script.reads_until_end = -1;

@@ -61,7 +61,7 @@ TEST(Chassis, TypeComesFromTheSetting) {
     EXPECT_NE(hwinfo_get_chassis_type(nullptr), 0);
 }
 
-TEST(Chassis, TypeThatIsNoNumberIsNotKnown) {
+TEST(Chassis, InvalidTypeIsNotAnswered) {
     const Scratch scratch;
     for (const char *value : {"", "x", "26x", "0x1a", "99999999999", "2 6"}) {
         scratch.configure(std::string("chassis_type = ") + value + "\n");
