@@ -1,5 +1,5 @@
-// Work in plain children of the test's process, which may become other users and end as they like;
-// and the programs of the build.
+// Child processes for work that changes the process, such as becoming another user; and the paths
+// of the programs of the build.
 #pragma once
 
 #include <sys/wait.h>
@@ -13,7 +13,7 @@
 
 namespace host_test {
 
-// Runs `work` in a child; its result is the exit status, and 100 stands for an exception.
+// Runs `work` in a child, which exits with its result, or with 100 after an exception.
 inline pid_t start_child(const std::function<int()> &work) {
     const pid_t child = ::fork();
     if (child == 0) {
@@ -28,7 +28,7 @@ inline pid_t start_child(const std::function<int()> &work) {
     return child;
 }
 
-// Waits for it; the exit status, or -1 when it ended otherwise.
+// Waits for the child. Returns its exit status, or -1 if it ended otherwise.
 inline int exit_status_of(pid_t child) {
     int status = 0;
     return ::waitpid(child, &status, 0) == child && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
@@ -38,7 +38,8 @@ inline int in_child(const std::function<int()> &work) {
     return exit_status_of(start_child(work));
 }
 
-// A program that was built beside the tests; in the shell's quotes, as the build may lie anywhere.
+// The path of a program in the tests' own folder. quoted_program() quotes it for the shell, as that
+// folder may be anywhere.
 inline std::string program(const std::string &name) {
     return std::filesystem::read_symlink("/proc/self/exe").parent_path() / name;
 }

@@ -1,5 +1,5 @@
-// A fresh home for the host platform: state, run directory and settings file in a directory that
-// goes with the object.
+// A fresh state directory, run directory and settings file for the host platform, in a directory
+// that is removed with the object.
 #pragma once
 
 #include <sys/stat.h>
@@ -52,7 +52,7 @@ class Scratch {
         std::ifstream stream(file, std::ios::binary);
         return {std::istreambuf_iterator<char>(stream), {}};
     }
-    // Of the file itself, where it is a link.
+    // Does not follow a symbolic link.
     static struct stat status_of(const std::filesystem::path &file) {
         struct stat status {};
         if (::lstat(file.c_str(), &status) != 0) {

@@ -5,7 +5,7 @@
 
 #include <unistd.h>
 
-// Ends the test at once as a failure when an ordinary user runs it: one that was left out would
-// look as good as one that has passed.
+// Fails the test at once if an ordinary user runs it: a skipped test would look as good as one that
+// has passed.
 #define REQUIRE_SUPERUSER(what_it_does)                                                            \
     ASSERT_TRUE(::geteuid() == 0) << "run the unit tests as the superuser: this one " what_it_does

@@ -22,7 +22,7 @@ std::atomic<Duration> held_at;
 std::atomic<unsigned> looks_in_vain = 0;
 Duration held_from;
 thread_local bool waits_by_it = false;
-thread_local Duration last_look; // a time to wait was reckoned from it
+thread_local Duration last_look; // waits are counted from this time
 
 Duration duration_of(const timespec &time) {
     return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
@@ -46,7 +46,7 @@ Duration machine_time() {
 int machine_ppoll(pollfd *descriptors, nfds_t count, const timespec *timeout,
                   const sigset_t *signals) {
     constexpr std::size_t signal_octets = 8;                    // of the kernel's set
-    timespec left = timeout == nullptr ? timespec{} : *timeout; // the kernel writes into it
+    timespec left = timeout == nullptr ? timespec{} : *timeout; // the kernel overwrites it
     return static_cast<int>(::syscall(SYS_ppoll, descriptors, count,
                                       timeout == nullptr ? nullptr : &left, signals,
                                       signal_octets));
@@ -54,8 +54,8 @@ int machine_ppoll(pollfd *descriptors, nfds_t count, const timespec *timeout,
 
 } // namespace
 
-// In place of the C library's, for every library of this process. Other names here, as the headers
-// may have inline functions of those.
+// These replace the C library's functions for every library of this process. Their C++ names
+// differ, because the headers may define inline functions of the original names.
 extern "C" {
 int test_clock_gettime(clockid_t clock, timespec *time) __asm__("clock_gettime");
 int test_poll(pollfd *descriptors, nfds_t count, int milliseconds) __asm__("poll");
@@ -80,7 +80,7 @@ int test_ppoll(pollfd *descriptors, nfds_t count, const timespec *timeout,
     constexpr timespec at_once{0, 0};
     constexpr timespec a_moment{0, 1'000'000};
     const Duration end = last_look + duration_of(*timeout);
-    const Duration given_up = machine_time() + 60s; // a test that never ends tells nothing
+    const Duration given_up = machine_time() + 60s; // fails instead of hanging
     for (;;) {
         const bool is_last = in_vain || held_at.load() >= end;
         const int ready =
@@ -90,7 +90,7 @@ int test_ppoll(pollfd *descriptors, nfds_t count, const timespec *timeout,
         }
         ++looks_in_vain;
         if (is_last || machine_time() > given_up) {
-            EXPECT_TRUE(is_last) << "nothing came, and nobody moved the clock";
+            EXPECT_TRUE(is_last) << "nothing arrived, and no thread moved the clock";
             held_at = std::max(held_at.load(), end);
             return 0;
         }
@@ -119,9 +119,10 @@ TestClock::~TestClock() {
 }
 
 void TestClock::advance(Steady::duration time) {
-    // The second look began after this call, and found nothing of what was sent before it.
+    // The second look from now begins after this call. If it finds nothing, all that was sent
+    // before the call has been handled.
     const unsigned looks = looks_in_vain;
-    const Duration given_up = machine_time() + 1s; // it may have ended
+    const Duration given_up = machine_time() + 1s; // that thread may have ended
     while (looks_in_vain - looks < 2 && machine_time() < given_up) {
         std::this_thread::yield();
     }

@@ -1,6 +1,6 @@
-// Time in a test's hands. While an object lives, the steady clock of this process stands still, and
-// a poll() or ppoll() of the thread that made the object waits for its descriptors or for that
-// clock, however long the machine takes: so nothing is late because the machine is busy.
+// A clock that only the test moves. While an object exists, the steady clock of this process stands
+// still, and a poll() or ppoll() of the thread that made the object waits for its descriptors or
+// for that clock, however long the machine takes. So nothing is late because the machine is busy.
 #pragma once
 
 #include <chrono>
@@ -16,10 +16,11 @@ class TestClock {
     TestClock(const TestClock &) = delete;
     TestClock &operator=(const TestClock &) = delete;
 
-    // Moves the clock on, once the thread that made the object has taken what came and waits again.
-    // For other threads to call.
+    // For other threads. Waits until the thread that made the object has handled all that arrived
+    // and waits again, then moves the clock on.
     void advance(Steady::duration time);
-    // From now on nothing will come any more: a wait in vain moves the clock to its end, at once.
+    // Says that nothing more will arrive. From now on a wait without result ends at once, and moves
+    // the clock to its end.
     void hurry();
     // How far the clock has moved.
     [[nodiscard]] Steady::duration passed() const;

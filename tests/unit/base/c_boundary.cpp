@@ -48,20 +48,20 @@ TEST(CBoundary, AnExceptionSetsErrno) {
 }
 
 TEST(CBoundary, AFailureIsToldAndErrnoKept) {
-    std::string told;
-    const auto tell = [&told](const char *why) {
-        told = why;
+    std::string reported;
+    const auto tell = [&reported](const char *why) {
+        reported = why;
         errno = EBADF;
     };
     errno = ENOENT;
     ulmo::quietly([] { errno = EBADF; }, tell);
-    EXPECT_EQ(told, "");
+    EXPECT_EQ(reported, "");
     EXPECT_EQ(errno, ENOENT);
     ulmo::quietly([] { fail(); }, tell);
-    EXPECT_EQ(told, "why");
+    EXPECT_EQ(reported, "why");
     EXPECT_EQ(errno, ENOENT);
     ulmo::quietly([] { throw_number(); }, tell);
-    EXPECT_EQ(told, "unknown failure");
+    EXPECT_EQ(reported, "unknown failure");
 }
 
 } // namespace

@@ -30,9 +30,9 @@ TEST_F(HostConfig, FoldersAreMadeWithWhatIsAboveThem) {
     EXPECT_EQ(ulmo::state_dir(), above() / "state" / "folder");
     EXPECT_EQ(ulmo::run_dir(), above() / "run" / "folder");
     EXPECT_EQ(Scratch::status_of(ulmo::state_dir()).st_mode, S_IFDIR | 0700U)
-        << "the owner's alone";
+        << "only for its owner";
     EXPECT_EQ(Scratch::status_of(ulmo::run_dir()).st_mode, S_IFDIR | 0755U)
-        << "everybody may knock at what is in there";
+        << "others may pass through to what is in it";
 }
 
 TEST_F(HostConfig, APathAloneMakesNothing) {
@@ -49,7 +49,7 @@ TEST_F(HostConfig, FoldersThatCannotBeMadeAreFailures) {
     EXPECT_THROW(ulmo::state_dir(), std::system_error);
 }
 
-TEST_F(HostConfig, AnEmptyVariableIsNone) {
+TEST_F(HostConfig, AnEmptyVariableMeansTheDefault) {
     ::setenv("ULMO_RUN_DIR", "", 1);
     ::setenv("ULMO_CONF", "", 1);
     EXPECT_EQ(ulmo::run_path(), "/run/ulmo");

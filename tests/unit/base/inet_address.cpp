@@ -42,7 +42,7 @@ TEST(InetAddress, WritesTheUsualForms) {
     }
 }
 
-TEST(InetAddress, RefusesWhatIsNoAddressAndLeavesTheOldOne) {
+TEST(InetAddress, RefusesInvalidTextAndKeepsTheOldAddress) {
     const std::vector<const char *> texts = {
         "",    " ",         "1.2.3", "1.2.3.4.5",   "256.1.1.1",  " 1.2.3.4",      "1.2.3.4 ",
         "1.2", "0x1.2.3.4", "host",  "2001:db8::g", "fe80::1%lo", "1:2:3:4:5:6:7", "1::2::3"};

@@ -139,7 +139,7 @@ TEST_F(KeyedSet, CreateIsRefusedOnlyWhileTheContainerHoldsObjects) {
     add(low);
     add(high);
     EXPECT_EQ(keyedset_find_nth_obj(&set, 1), &high)
-        << "an empty container is made anew, with the new comparator";
+        << "an empty container is made again, with the new comparator";
     EXPECT_NE(keyedset_create(&set, 1, 1, compare_rows, 1), KEYEDSET_CREATED);
     EXPECT_EQ(keyedset_size(&set), 2U);
     keyedset_destroy(&set);

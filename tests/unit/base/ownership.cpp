@@ -41,7 +41,7 @@ class Ownership : public testing::Test {
         std::filesystem::permissions(scratch_.root(), std::filesystem::perms(0755));
     }
 
-    // Runs `body` as the platform's user in a process of its own; whether it throws nothing.
+    // Runs `body` as the platform's user in a child process. Returns whether it threw nothing.
     static bool holds_for_platform_user(const std::function<void()> &body) {
         return host_test::in_child([&] {
                    if (::setgid(platform_group) != 0 || ::setuid(platform_user) != 0) {
@@ -210,7 +210,7 @@ TEST_F(Ownership, NothingIsRemovedThatTheFoldersOwnerCouldNotRemove) {
         << "with a worker";
 }
 
-TEST_F(Ownership, TheSuperuserIsHimselfAgainAfterwards) {
+TEST_F(Ownership, TheSuperusersRightsReturnAfterwards) {
     {
         const ulmo::ActingAsOwner owner(folder_);
         const ulmo::ActingAsOwner again(folder_);
@@ -224,7 +224,7 @@ TEST_F(Ownership, TheSuperuserIsHimselfAgainAfterwards) {
     expect_superusers(scratch_.root() / "also mine");
 }
 
-TEST_F(Ownership, WhoActsAsAnOwnerBecomesNoOther) {
+TEST_F(Ownership, AProcessThatActsAsAnOwnerBecomesNoOtherOwner) {
     const auto others = scratch_.root() / "others";
     std::filesystem::create_directory(others);
     ASSERT_EQ(::chown(others.c_str(), platform_user + 1, platform_group + 1), 0);
@@ -234,7 +234,7 @@ TEST_F(Ownership, WhoActsAsAnOwnerBecomesNoOther) {
     expect_given(file_);
 }
 
-TEST_F(Ownership, AFolderOfTheSuperusersKeepsWhatHeMakes) {
+TEST_F(Ownership, FilesInASuperusersFolderStayTheSuperusers) {
     ASSERT_EQ(::chown(scratch_.root().c_str(), 0, platform_group), 0);
     ulmo::replace_state_file(scratch_.root() / "own", "text");
     expect_superusers(scratch_.root() / "own");

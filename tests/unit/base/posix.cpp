@@ -52,7 +52,7 @@ TEST(Posix, ACheckedCallThrowsWhenItFailed) {
               (Thrown{EISDIR, "cannot open /: Is a directory"}));
 }
 
-TEST(Posix, AWholeFileIsReadFromWhereItStands) {
+TEST(Posix, AFileIsReadFromItsPositionToItsEnd) {
     const Scratch scratch;
     const std::string content(200'000, 'x'); // many reads
     Scratch::write(scratch.state("file"), "begin" + content);

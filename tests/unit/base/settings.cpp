@@ -39,7 +39,7 @@ std::string refusal(const std::function<void()> &call) {
     return "accepted";
 }
 
-Texts told; // during one test
+Texts reported; // the problems reported during one test
 
 // Reports whether a file was opened since the last query.
 class OpenWatch {
@@ -60,8 +60,9 @@ class OpenWatch {
 class HostSettings : public testing::Test {
   protected:
     void SetUp() override {
-        told.clear();
-        ulmo::set_settings_listener([](const std::string &problem) { told.push_back(problem); });
+        reported.clear();
+        ulmo::set_settings_listener(
+            [](const std::string &problem) { reported.push_back(problem); });
     }
     void TearDown() override { ulmo::set_settings_listener(nullptr); }
 
@@ -73,11 +74,12 @@ class HostSettings : public testing::Test {
         return file().string() + " can't be read: " + why + "; copies and saves fail";
     }
     // Reads settings until the file is old enough not to be read in every call.
-    void ask_until_it_is_read_no_more() const {
+    void ask_until_the_file_is_not_read() const {
         const OpenWatch watch(file());
         const auto given_up = std::chrono::steady_clock::now() + std::chrono::seconds(30);
         do {
-            ASSERT_LT(std::chrono::steady_clock::now(), given_up) << "it is read in each call";
+            ASSERT_LT(std::chrono::steady_clock::now(), given_up)
+                << "the file is still read in each call";
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
             ulmo::text_setting("history");
         } while (watch.is_opened());
@@ -106,7 +108,7 @@ TEST_F(HostSettings, AMissingFileMeansDefaultsForAll) {
     EXPECT_EQ(ulmo::number_setting("msgbus_answer_limit"), 250);
     EXPECT_EQ(ulmo::text_setting("history"), "errors") << "nothing with a password is kept unasked";
     EXPECT_EQ(ulmo::list_setting("startup_copy"), Texts{"backup.cfg"});
-    EXPECT_EQ(told, Texts{});
+    EXPECT_EQ(reported, Texts{});
 }
 
 TEST_F(HostSettings, ValuesAreTakenFromTheirLines) {
@@ -119,7 +121,7 @@ TEST_F(HostSettings, ValuesAreTakenFromTheirLines) {
     EXPECT_EQ(ulmo::number_setting("chassis_type"), std::nullopt);
     EXPECT_FALSE(ulmo::is_default(setting("history")));
     EXPECT_TRUE(ulmo::is_default(setting("wwn")));
-    EXPECT_EQ(told, Texts{});
+    EXPECT_EQ(reported, Texts{});
 }
 
 TEST_F(HostSettings, AListHasAllItsLines) {
@@ -129,8 +131,8 @@ TEST_F(HostSettings, AListHasAllItsLines) {
     EXPECT_EQ(
         values("vrf_context", "vrf_context = " + std::string(33, 'x') + "\nvrf_context = red\n"),
         Texts{"red"});
-    EXPECT_EQ(told, Texts{line(1) + "vrf_context = " + std::string(33, 'x') +
-                          ": must be 1 to 32 octets long; the line is ignored"});
+    EXPECT_EQ(reported, Texts{line(1) + "vrf_context = " + std::string(33, 'x') +
+                              ": must be 1 to 32 octets long; the line is ignored"});
 }
 
 TEST_F(HostSettings, YesAndNoHaveSixWordsInAnyCase) {
@@ -140,7 +142,7 @@ TEST_F(HostSettings, YesAndNoHaveSixWordsInAnyCase) {
     for (const char *word : {"no", "No", "NO", "off", "Off", "false", "False"}) {
         EXPECT_EQ(value("ssh_accept_new_host_keys", word), "no") << word;
     }
-    EXPECT_EQ(told, Texts{});
+    EXPECT_EQ(reported, Texts{});
     for (const char *word : {"maybe", "", "0", "1", "y", "n", "none", "yes no", "yes,", ","}) {
         EXPECT_EQ(refusal([&] { value("ssh_accept_new_host_keys", word); }),
                   line(1) + "ssh_accept_new_host_keys = " + word +
@@ -158,7 +160,7 @@ TEST_F(HostSettings, ABadValueLeavesTheDefaultAndIsTold) {
     EXPECT_EQ(ulmo::number_setting("transfer_time_limit"), 3600);
     EXPECT_EQ(ulmo::number_setting("history_kilobytes"), 512);
     EXPECT_EQ(
-        told,
+        reported,
         (Texts{
             line(1) + "msgbus_answer_limit = 2s: must be a number from 1 to 60000; the default "
                       "250 is used",
@@ -172,7 +174,7 @@ TEST_F(HostSettings, ABadValueLeavesTheDefaultAndIsTold) {
                       "512 is used",
             line(7) +
                 "debug_print = off,: must be one of all, errors, off; the default off is used"}));
-    EXPECT_EQ(ulmo::settings_problems(), told);
+    EXPECT_EQ(ulmo::settings_problems(), reported);
 }
 
 TEST_F(HostSettings, NumbersAreTakenUpToTheirBounds) {
@@ -199,18 +201,18 @@ TEST_F(HostSettings, ABadValueThatGuardsSomethingIsRefused) {
             "fabric_time_limit = 301: must be a number from 1 to 300; saves in the fabric fail");
     scratch.configure("chassis_type = x\nchassis_type = 10\n");
     EXPECT_EQ(ulmo::number_setting("chassis_type"), 10)
-        << "the last line counts, and the other one is told";
-    EXPECT_EQ(told.back(),
+        << "the last line counts, and the other one is reported";
+    EXPECT_EQ(reported.back(),
               line(1) + "chassis_type = x: must be a number from 0 to 2147483647; copies fail");
 }
 
-TEST_F(HostSettings, WhatIsNoSettingIsToldWithoutItsValue) {
+TEST_F(HostSettings, AnUnknownSettingIsReportedWithoutItsValue) {
     scratch.configure("chasis_type = 10\nfabric_auth_pasphrase = hush\nHistory = all\n= "
                       "5\nhush\nkey\x1b[2J = 5\n" +
                       std::string(100, 'k') + " = 1\n");
     EXPECT_EQ(ulmo::text_setting("history"), "errors");
     const std::string ignored = ": unknown setting; the line is ignored";
-    EXPECT_EQ(told,
+    EXPECT_EQ(reported,
               (Texts{line(1) + "chasis_type" + ignored, line(2) + "fabric_auth_pasphrase" + ignored,
                      line(3) + "History" + ignored, line(4) + ignored,
                      line(5) + "no '='; the line is ignored", line(6) + "key?[2J" + ignored,
@@ -222,20 +224,20 @@ TEST_F(HostSettings, ProblemsAreToldOnceForEachChangeOfTheFile) {
     for (int i = 0; i < 5; ++i) {
         EXPECT_EQ(ulmo::text_setting("history"), "errors");
     }
-    EXPECT_EQ(told.size(), 1U);
-    ask_until_it_is_read_no_more();
+    EXPECT_EQ(reported.size(), 1U);
+    ask_until_the_file_is_not_read();
     EXPECT_EQ(ulmo::text_setting("history"), "errors");
     EXPECT_EQ(ulmo::text_setting("history"), "errors");
-    EXPECT_EQ(told.size(), 1U);
+    EXPECT_EQ(reported.size(), 1U);
     scratch.configure("history = error\n");
     ulmo::require_settings();
-    EXPECT_EQ(told.size(), 2U);
+    EXPECT_EQ(reported.size(), 2U);
     scratch.configure("history = all\n");
     ulmo::require_settings();
-    EXPECT_EQ(told.size(), 2U);
+    EXPECT_EQ(reported.size(), 2U);
     scratch.configure("history = error\n");
     ulmo::require_settings();
-    EXPECT_EQ(told.size(), 3U);
+    EXPECT_EQ(reported.size(), 3U);
 }
 
 TEST_F(HostSettings, AChangeHoldsAtOnce) {
@@ -243,7 +245,7 @@ TEST_F(HostSettings, AChangeHoldsAtOnce) {
     for (int i = 0; i < 200; ++i) {
         EXPECT_EQ(value("history", i % 2 == 0 ? "all" : "off"), i % 2 == 0 ? "all" : "off") << i;
     }
-    ask_until_it_is_read_no_more();
+    ask_until_the_file_is_not_read();
     EXPECT_EQ(ulmo::text_setting("history"), "off");
     EXPECT_EQ(value("history", "all"), "all");
     std::filesystem::remove(file());
@@ -259,8 +261,8 @@ TEST_F(HostSettings, AFileThatIsNotReadRefusesWhatItMayGuard) {
                 << each.name;
         }
         EXPECT_EQ(ulmo::text_setting("history"), "errors") << "the log goes on";
-        EXPECT_EQ(told, Texts{unreadable(why)});
-        told.clear();
+        EXPECT_EQ(reported, Texts{unreadable(why)});
+        reported.clear();
         std::filesystem::remove_all(file());
         EXPECT_NO_THROW(ulmo::require_settings());
     };
@@ -272,7 +274,7 @@ TEST_F(HostSettings, AFileThatIsNotReadRefusesWhatItMayGuard) {
     expect_refused("Too many levels of symbolic links");
     ASSERT_EQ(::mkfifo(file().c_str(), 0600), 0);
     expect_refused("it is not a regular file");
-    // A file that can't be read (proc(5)): nothing is mapped at its beginning.
+    // A file whose reading fails (proc(5)): nothing is mapped at its beginning.
     std::filesystem::create_symlink("/proc/self/mem", file());
     expect_refused("Input/output error");
 }
@@ -289,7 +291,7 @@ TEST_F(HostSettings, AnotherUserReadsForItself) {
     scratch.configure("history = all\n");
     ASSERT_EQ(::chmod(scratch.root().c_str(), 0755), 0);
     ASSERT_EQ(::chmod(file().c_str(), 0600), 0);
-    ask_until_it_is_read_no_more();
+    ask_until_the_file_is_not_read();
     EXPECT_EQ(ulmo::text_setting("history"), "all");
     const auto is_refused = [&] {
         return ::setresuid(other, other, other) == 0 &&
@@ -305,7 +307,7 @@ TEST_F(HostSettings, AnotherUserReadsForItself) {
 
 TEST_F(HostSettings, AnUnchangedFileIsNotReadAgain) {
     scratch.configure("history = all\n");
-    ask_until_it_is_read_no_more();
+    ask_until_the_file_is_not_read();
     const OpenWatch watch(file());
     for (int i = 0; i < 10; ++i) {
         EXPECT_EQ(ulmo::text_setting("history"), "all");

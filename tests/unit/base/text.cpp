@@ -37,7 +37,7 @@ TEST(Text, OneLineKeepsWhatCanBeRead) {
     EXPECT_EQ(one_line("\xc2\x9b"
                        "31m \xff \xe2\x82"),
               "??31m ? ??")
-        << "a terminal takes 0x9b for an order, too";
+        << "a terminal takes 0x9b for the start of a command, too";
     EXPECT_EQ(one_line(""), "");
 }
 

@@ -22,18 +22,18 @@ TEST(ManagerCopyLine, ReasonAndSizeOfTheRequest) {
     EXPECT_EQ(line->sha256, "");
 }
 
-TEST(ManagerCopyLine, AnotherRequestsLineIsNotMeant) {
+TEST(ManagerCopyLine, AnotherRequestsLineIsRefused) {
     EXPECT_FALSE(parsed_copy_line(failed, 8, 4711));
-    EXPECT_FALSE(parsed_copy_line(failed, 7, 4712)); // an earlier one of that index
+    EXPECT_FALSE(parsed_copy_line(failed, 7, 4712)); // an earlier request of that index
 }
 
-TEST(ManagerCopyLine, OneWithoutEndIsNotRead) {
+TEST(ManagerCopyLine, AnEndlessLineIsNotRead) {
     const std::string line = "2026-11-22T00:15:02Z request=7 started=1 reason=";
     EXPECT_TRUE(parsed_copy_line(line + std::string(1000, 'x'), 7, 1));
     EXPECT_FALSE(parsed_copy_line(line + std::string(1 << 20, 'x'), 7, 1));
 }
 
-TEST(ManagerCopyLine, WhatIsNotThereIsNotKnown) {
+TEST(ManagerCopyLine, MissingAndBadFieldsAreEmpty) {
     const auto line = parsed_copy_line(
         "2026-11-22T00:15:02Z request=7 started=1 outcome=successful sha256=ab bytes=x", 7, 1);
     ASSERT_TRUE(line);
@@ -43,7 +43,7 @@ TEST(ManagerCopyLine, WhatIsNotThereIsNotKnown) {
 }
 
 // The agent's data is not trusted.
-TEST(ManagerCopyLine, NoSuchLineIsNone) {
+TEST(ManagerCopyLine, AMalformedLineIsRefused) {
     for (const std::string text :
          {"", "x", "x ", "x  request=7", "x request=7 started=1 reason=\"open",
           "x request=7 started=1 reason=\"open\\", "x request=7 started=1 reason=\"open\\x",

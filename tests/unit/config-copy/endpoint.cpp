@@ -136,7 +136,7 @@ TEST(Endpoint, PairsThatAreCopies) {
     }
 }
 
-TEST(Endpoint, PairsThatAreNone) {
+TEST(Endpoint, PairsThatAreRefused) {
     EXPECT_EQ("from running to running copies nothing: FROM and TO must differ",
               pair_refusal("running", "running"));
     EXPECT_EQ("from startup to startup copies nothing: FROM and TO must differ",
@@ -178,7 +178,7 @@ TEST(Endpoint, UrlThatCanBeGivenAgain) {
     EXPECT_EQ("sftp://u@[2001:db8::1]//a", url_text(Protocol::sftp, "u", "2001:db8::1", "/a"));
 }
 
-// Names that no server has; they must still be shown as they were given.
+// No server has such a name, but the URL must still show it as it was given.
 TEST(Endpoint, ATextOfAnOddHostIsReadAsThatHost) {
     for (const std::string host : {"[x", "x]", "a:]b", "a:/b", "a:\x1b[31m", "fe80::1%eth0"}) {
         EXPECT_EQ(host, parse_endpoint(url_text(Protocol::tftp, "", host, "a")).url.host);
@@ -191,7 +191,7 @@ TEST(Endpoint, AFolderIsNoFileHoweverItIsWritten) {
               refusal("tftp://h/a%2F"));
 }
 
-TEST(Endpoint, WhoNeedsAPassword) {
+TEST(Endpoint, WhichUrlsNeedAPassword) {
     const auto url = [](const char *text) { return parse_endpoint(text).url; };
     EXPECT_TRUE(needs_password(url("sftp://u@h/a")));
     EXPECT_TRUE(needs_password(url("ftp://u@h/a")));

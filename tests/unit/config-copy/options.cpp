@@ -76,7 +76,7 @@ TEST(Options, RefusedValues) {
               usage_failure([] { split({"--password=secret"}); }));
 }
 
-TEST(Options, OnesThatAreNotUnderstoodAreRefused) {
+TEST(Options, MisusedOptionsAreRefused) {
     EXPECT_EQ("--quiet takes no value", usage_failure([] { split({"--quiet=no"}); }));
     EXPECT_EQ("--hosts is given twice", usage_failure([] {
                   split({"--hosts", "a", "--hosts=b"});
@@ -122,13 +122,13 @@ TEST_F(CommandLine, LongOptionsAreOursOrTokensOfSnmpConf) {
               refusal("--defSecurityModle=tsm"));
     EXPECT_EQ("there is no option --defAuthPass (config-copy --help)",
               refusal("--defAuthPass=secret"))
-        << "no value is told";
+        << "no value is shown";
     EXPECT_EQ("there is no option -- (config-copy --help)", refusal("--=x"));
     EXPECT_EQ("there is no option --foo (config-copy --help)", refusal("--foo defVersion"));
     EXPECT_EQ("there is no option --foo (config-copy --help)", usage_failure([&] {
                   parse({"--foo", "1", "2", "3", "4"});
               }))
-        << "and not that the arguments are too many";
+        << "rather than that there are too many arguments";
     for (const char *option : {"--defSecurityModel=tsm", "--DEFSECURITYMODEL=tsm",
                                "--defSecurityModel tsm", "--noRangeCheck"}) {
         const auto options = parse({option, "agent", "running", "startup"});
@@ -173,7 +173,7 @@ TEST_F(CommandLine, StandardInputHoldsOneThing) {
         }));
 }
 
-TEST(Options, JsonIsSeenBesideMistakes) {
+TEST(Options, JsonIsSeenDespiteMistakes) {
     const auto asks = [](std::vector<std::string> words) {
         words.insert(words.begin(), "config-copy");
         std::vector<char *> pointers;
@@ -254,16 +254,16 @@ TEST(Server, Addresses) {
     EXPECT_EQ("?", address_text("123"));
 }
 
-TEST(Names, OneThatIsNotFoundIsNoBadUsage) {
-    const auto told = [](int error) {
+TEST(Names, ANameThatIsNotFoundIsNotAUsageError) {
+    const auto failure_text = [](int error) {
         return std::string(not_found("file server", "a", error).what());
     };
     EXPECT_EQ("the file server \"a\" can't be found: Name or service not known; check its name, or "
               "write its address",
-              told(EAI_NONAME));
+              failure_text(EAI_NONAME));
     EXPECT_EQ("the file server \"a\" can't be found: Temporary failure in name resolution; try "
               "again later, or write its address",
-              told(EAI_AGAIN));
+              failure_text(EAI_AGAIN));
     try {
         server_address("name.invalid", time_limit);
         ADD_FAILURE() << "nothing was thrown";

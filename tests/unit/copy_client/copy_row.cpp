@@ -51,7 +51,7 @@ class Manager {
 const std::vector<std::pair<oid, Value>> save_columns{
     {CC_COLUMN_SOURCE_FILE_TYPE, COPY_FILE_RUNNING}, {CC_COLUMN_DEST_FILE_TYPE, COPY_FILE_STARTUP}};
 
-// A whole life. The row is destroyed whatever is thrown, as callers of the class do.
+// Takes a row through its whole life. Destroys it whatever is thrown, as callers must.
 CopyState live(Session &session, CopyRow &row) {
     const auto clean_up = [&] {
         session.begin_to_clean_up(answer_time);
@@ -284,7 +284,7 @@ TEST(LyingAgent, EveryIndexIsTaken) {
     EXPECT_EQ(trouble_of_life(Lie::every_index), TroubleKind::no_free_index);
 }
 
-TEST(LyingAgent, AStateOutsideTheMibIsNoState) {
+TEST(LyingAgent, AStateOutsideTheMibIsAWrongAnswer) {
     Script script;
     script.lie = Lie::unknown_state;
     const ScriptedAgent agent(script);
@@ -305,8 +305,8 @@ TEST(LyingAgent, AnswersToOtherRequestsAreSilence) {
     EXPECT_EQ(trouble_of_life(Lie::other_request), TroubleKind::silent);
 }
 
-// Without end: a request's time passes although there is always something to read.
-TEST(LyingAgent, AFloodHoldsNobody) {
+// The flood never ends. The request's time limit holds although there is always something to read.
+TEST(LyingAgent, AFloodDoesNotHoldTheManager) {
     const auto began = Clock::now();
     const TroubleKind kind = trouble_of_life(Lie::flood);
     EXPECT_TRUE(kind == TroubleKind::silent || kind == TroubleKind::too_many_octets)
@@ -365,7 +365,7 @@ TEST(Session, AWalkEndsBehindTheLastInstance) {
     EXPECT_EQ(found[1].value, Value(static_cast<long>(COPY_STATE_WAITING)));
 }
 
-// It announces a message of 2 GiB and begins to send it.
+// The agent announces a message of 2 GiB and begins to send it.
 TEST(LyingAgent, AnAnswerWithoutEndIsNotKept) {
     const ulmo::UniqueFd listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_in own{};
@@ -461,7 +461,7 @@ TEST(Session, NobodyThereIsSilence) {
               TroubleKind::silent);
 }
 
-TEST(Session, AnAddressThatIsNoneIsNoSession) {
+TEST(Session, ANameWithoutAnAddressOpensNoSession) {
     Manager manager;
     EXPECT_EQ(trouble_of([&] {
                   Session(manager.settings(), {"nobody", "udp:no.such.name.invalid:161"}, -1);

@@ -29,23 +29,23 @@
 
 namespace copy_client_test {
 
-// What it answers that is not so.
+// How its answers lie.
 enum class Lie {
     none,
     same_name,       // a walk stays where it is
     falling_name,    // a walk comes back to its beginning
     endless_table,   // there is always one more row
     long_name,       // an instance has a number too many
-    every_index,     // is taken
+    every_index,     // every index is taken
     text_for_number, // all columns hold octets
     number_for_text, // the error table holds numbers
     long_text,       // the error table holds texts of 1,000 octets
-    null,            // instead of a value
-    unknown_state,   // 17
-    other_name,      // than was asked for
+    null,            // a NULL instead of a value
+    unknown_state,   // the state is 17
+    other_name,      // another name than the one asked for
     no_name,         // the answer is empty
-    other_request,   // is what the answer says that it belongs to
-    flood,           // such answers without end
+    other_request,   // the answer belongs to another request
+    flood,           // endless answers to another request
 };
 
 // Requests are counted from 1, without those with which an SNMPv3 manager discovers the engine.
@@ -56,13 +56,13 @@ struct Script {
     int falls_silent = 0;   // from the n-th on, nothing is carried out
     int silent_for = 0;     // so many requests; 0: for ever
     long making_status = SNMP_ERR_NOERROR;
-    long making_index = 0; // the binding that making_status is about
+    long making_index = 0; // the binding that making_status refers to
     long activation_status = SNMP_ERR_NOERROR;
     int reads_until_end = 2; // of a running copy; -1: it never ends
     long end = COPY_STATE_SUCCESSFUL;
     long cause = 0;
     bool forgets_rows = false; // like a restarted agent: a row disappears once it runs
-    std::string last_save;     // its own text about its last save
+    std::string last_save;     // what the agent says about its last save
     Lie lie = Lie::none;
 };
 
@@ -238,7 +238,7 @@ class ScriptedAgent {
         }
     }
 
-    // From a column or an instance to the next instance of the column. Behind it there is nothing.
+    // Moves from a column or an instance to the next instance of the column. The last has no next.
     static bool rise(const World &world, netsnmp_variable_list &variable) {
         copy_client::Oid name(variable.name, variable.name + variable.name_length);
         const bool is_column = name.size() == copy_client::copy_column(1).size();
@@ -279,7 +279,7 @@ class ScriptedAgent {
         ::_exit(1);
     }
 
-    // Of a SET, nothing but what it belongs to.
+    // About a SET it lies only in the request id.
     static void lie(Lie lie, netsnmp_pdu &pdu, int command) {
         netsnmp_variable_list &first = *pdu.variables;
         const auto name = [&first](const copy_client::Oid &other) {
@@ -293,7 +293,7 @@ class ScriptedAgent {
             ::snmp_set_var_typed_integer(&first, ASN_INTEGER, value);
         };
         if (lie == Lie::other_request) {
-            --pdu.reqid; // ours come in rising order
+            --pdu.reqid; // an earlier request's: the manager's ids rise
         } else if (command == SNMP_MSG_SET) {
             return;
         }

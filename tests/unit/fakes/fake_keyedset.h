@@ -23,7 +23,7 @@ struct KeyedsetFake : FakeBase {
     // results of the next creations; any result other than KEYEDSET_CREATED creates nothing
     std::deque<int> create_results;
     std::optional<void *> next_add; // result of the next insertion, which then inserts nothing
-    // the set of which the find_fails_in-th search from now on finds nothing
+    // the set whose find_fails_in-th search from now finds nothing
     const keyedset *failing = nullptr;
     int find_fails_in = 0;
 

@@ -12,8 +12,7 @@ struct MemoryFake : FakeBase {
     static inline int failures = 0;
     static inline bool counting = false;
 
-    // Starts counting, but only blocks from malloc() that the module and its tests allocate and
-    // free.
+    // Starts counting the blocks from malloc() that the module and its tests allocate and free.
     static void count_blocks();
     static std::size_t blocks();
 

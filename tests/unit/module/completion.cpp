@@ -220,7 +220,7 @@ TEST_F(Completion, BegunCopyRuns) {
     EXPECT_EQ(fake_evtrace.history, Records{});
 }
 
-TEST_F(Completion, BegunCopyOfNobody) {
+TEST_F(Completion, BegunCopyWithoutAWaitingRow) {
     add(3, COPY_STATE_SUCCESSFUL, COPY_FILE_RUNNING, COPY_FILE_STARTUP, TRUTH_TRUE);
     const std::string before = octets_of(3);
     expect_nothing_returned(handle(MSGBUS_OPC_WARDEN_CFG_ACTION_BEGIN, ""));
@@ -345,7 +345,7 @@ TEST_F(Completion, OnlyTheFirstRunningRowIsLookedAt) {
     EXPECT_EQ(stored_row(7).ccCopyState, COPY_STATE_RUNNING);
 }
 
-TEST_F(Completion, EndedCopyOfNobody) {
+TEST_F(Completion, EndedCopyWithoutARunningRow) {
     add(7, COPY_STATE_WAITING, COPY_FILE_RUNNING, COPY_FILE_STARTUP, TRUTH_TRUE);
     const std::string before = octets_of(7);
     expect_nothing_returned(handle(MSGBUS_OPC_WARDEN_CFG_ACTION_END, "", 0));

@@ -308,7 +308,7 @@ TEST_F(ErrorTable, Ipv6Device) {
                                  "2001:db8::7 (0xb80d0120), device ip addr type: 2\n");
 }
 
-TEST_F(ErrorTable, DeviceAddressThatIsNone) {
+TEST_F(ErrorTable, UnknownDeviceAddressHasNoValue) {
     ccCopyErrorEntry error = error_of(3, 1);
     put_text(error.ccCopyErrorText, "text");
     add(error);

@@ -241,9 +241,9 @@ TEST_F(ServerAddress, TypeThatIsLoggedIsTheOneThatIsStored) {
     }
 }
 
-// A value that is not an INTEGER of a valid length is shown as far as it goes, and no octet after
-// it is read.
-TEST_F(ServerAddress, TypeThatIsRefusedIsLoggedAsFarAsItGoes) {
+// If the value is not an INTEGER of a valid length, the message shows only the octets that it has;
+// none after them is read.
+TEST_F(ServerAddress, RefusedTypeIsLoggedUpToItsLength) {
     const auto logged = [](const Value &value) {
         fake_evtrace.clear();
         ::testing::internal::CaptureStderr();

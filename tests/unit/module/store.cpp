@@ -296,7 +296,7 @@ TEST_F(Store, EveryPairIsEqualForTheSearchOfAll) {
     EXPECT_EQ(search_all_cmp(nullptr, nullptr), 0);
 }
 
-TEST_F(Store, LogFeedsBothSinksAsFarAsTheyWantIt) {
+TEST_F(Store, LogFeedsOnlyTheSinksThatWantIt) {
     cc_log(EVTRACE_DEBUG, "%s : %d\n", "text", 7);
     EXPECT_EQ(fake_evtrace.history,
               (std::vector<EvtraceFake::Record>{{EVTRACE_DEBUG, "text : 7\n"}}));

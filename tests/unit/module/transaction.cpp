@@ -262,7 +262,7 @@ TEST_F(Transaction, StartedCopyWhoseSetFails) {
     EXPECT_EQ(stored_row(5).ccCopyState, COPY_STATE_WAITING);
 }
 
-TEST_F(Transaction, FileTypesThatNobodyKnowsStartNothing) {
+TEST_F(Transaction, UnknownFileTypesStartNothing) {
     create(5);
     ASSERT_EQ(set({{source_type, 5, integer(99)}, {dest_type, 5, integer(98)}}).status, 0);
     EXPECT_EQ(set({{row_status, 5, integer(ROW_STATUS_ACTIVE)}}).status, 0);

@@ -309,7 +309,7 @@ TEST_F(Transfer, TargetOfScpIsCut) {
 
 // --- what is refused
 
-TEST_F(Transfer, RcpIsRefusedWithoutAWord) {
+TEST_F(Transfer, RcpIsRefusedSilently) {
     for (const int32_t direction : {COPY_UPLOAD, COPY_DOWNLOAD}) {
         EXPECT_EQ(run(direction, request(COPY_PROTO_RCP)), 1);
         EXPECT_EQ(calls_, Lines{});

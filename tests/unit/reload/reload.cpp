@@ -1,5 +1,5 @@
-// The built module and the host platform, loaded and unloaded as the agent's dlmod does it, again
-// and again: each time it registers the same and leaves nothing.
+// Loads and unloads the built module with the host platform many times, as the agent's dlmod does:
+// each load registers the same variables, and each unload leaves nothing behind.
 #include "tests/unit/scratch.h"
 
 #include <net-snmp/net-snmp-config.h>
@@ -26,7 +26,7 @@
 namespace {
 
 constexpr int rounds = 100;
-constexpr int settled = 10; // by then whatever is made once has been made
+constexpr int settled = 10; // rounds after which everything that is made only once exists
 constexpr std::size_t smallest_allocation = 16;
 constexpr int starttime_change = 9;
 
@@ -35,7 +35,7 @@ std::filesystem::path module_file() {
            "config_copy_mib.so";
 }
 
-// What is on the heap, of all libraries.
+// Octets that all libraries together have on the heap.
 std::size_t octets_in_use() {
 #ifdef CCM_SANITIZE
     return __sanitizer_get_current_allocated_bytes();
@@ -118,10 +118,10 @@ TEST(Reload, ServesTheSameEachTimeAndLeavesNothing) {
             opened = descriptors();
         }
     }
-    // Less than one allocation a round: the heap's own book-keeping varies by some.
+    // Less than one allocation a round, because the heap's own bookkeeping varies.
     EXPECT_LT(octets_in_use(), in_use + (rounds - settled) * smallest_allocation);
     EXPECT_EQ(descriptors(), opened);
-    // Rows, an alarm and a callback may outlive the unload: the code has to be there for them.
+    // Rows, an alarm and a callback may outlive the unload, so their code must stay mapped.
     void *const still = ::dlopen(module_file().c_str(), RTLD_NOW | RTLD_NOLOAD);
     EXPECT_NE(still, nullptr);
     ::dlclose(still);

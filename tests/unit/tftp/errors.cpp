@@ -32,7 +32,7 @@ std::string full_block() {
 }
 
 // Returns the error code that the client sends, skipping its acknowledgments.
-std::optional<unsigned> error_told(Dialogue &dialogue) {
+std::optional<unsigned> error_sent(Dialogue &dialogue) {
     while (const auto packet = dialogue.receive()) {
         if (opcode_of(*packet) == 5) {
             return block_of(*packet);
@@ -176,8 +176,8 @@ TEST_F(TftpTest, LastWordsOfAServerThatClosesItsPort) {
     EXPECT_EQ(session.put(write("local", std::string(5000, 'x')), "remote"), -3);
 }
 
-// In a network namespace whose kernel knows that the host is unreachable.
-TEST_F(TftpTest, HostWithoutAWayIsReportedAsItsNetwork) {
+// In a network namespace with an "unreachable" route to the host (ip-route(8)).
+TEST_F(TftpTest, UnreachableHostIsReportedAsNetworkUnreachable) {
     REQUIRE_SUPERUSER("makes a network namespace");
     int result = 0;
     int prepared = -1;
@@ -212,7 +212,7 @@ TEST_F(TftpTest, OptionsOtherThanAskedForAreRefused) {
                                  Answer{{"timeout", "9"}}, Answer{{"multicast", "x"}}}) {
         TestServer server([&answer](Dialogue &dialogue) {
             dialogue.send(oack(answer));
-            EXPECT_EQ(error_told(dialogue), 8U);
+            EXPECT_EQ(error_sent(dialogue), 8U);
         });
         connect(server);
         EXPECT_EQ(session.get("remote", path("got")), -8);
@@ -231,7 +231,7 @@ TEST_F(TftpTest, FileOfAnotherSizeThanAnnouncedIsAnError) {
                 EXPECT_EQ(dialogue.receive(), ack(1));
                 dialogue.send(data(2, std::string(sent - block, 'x')));
             }
-            EXPECT_EQ(error_told(dialogue), 0U);
+            EXPECT_EQ(error_sent(dialogue), 0U);
         });
         connect(server);
         const int result = session.get("remote", path("got"));
@@ -246,7 +246,7 @@ TEST_F(TftpTest, BlockLongerThanAgreedIsAnError) {
         dialogue.send(oack({{"blksize", "100"}}));
         dialogue.receive();
         dialogue.send(data(1, std::string(101, 'x')));
-        EXPECT_EQ(error_told(dialogue), 4U);
+        EXPECT_EQ(error_sent(dialogue), 4U);
     });
     connect(server);
     EXPECT_EQ(session.get("remote", path("got")), system_result(EPROTO));
@@ -260,7 +260,7 @@ TEST_F(TftpTest, LocalFileThatShrinksIsAnError) {
         dialogue.receive();
         std::filesystem::resize_file(local, 600);
         dialogue.send(ack(1));
-        EXPECT_EQ(error_told(dialogue), 0U);
+        EXPECT_EQ(error_sent(dialogue), 0U);
     });
     connect(server);
     EXPECT_EQ(session.put(local, "remote"), system_result(EIO));
@@ -304,7 +304,7 @@ TEST_F(TftpTest, LimitOfFileSizeIsToldToTheServerAsFullDisk) {
         dialogue.send(data(1, full_block()));
         EXPECT_EQ(dialogue.receive(), ack(1));
         dialogue.send(data(2, full_block()));
-        EXPECT_EQ(error_told(dialogue), 3U);
+        EXPECT_EQ(error_sent(dialogue), 3U);
     });
     connect(server);
     rlimit limits{};

@@ -77,7 +77,7 @@ unsigned number_at(const std::string &packet, std::size_t at) {
     return packet.size() < at + 2 ? 0 : octet(at) << 8U | octet(at + 1);
 }
 
-bool spoilt(const std::function<bool(unsigned)> &fate, unsigned turn) {
+bool disturbed(const std::function<bool(unsigned)> &fate, unsigned turn) {
     return fate && fate(turn);
 }
 
@@ -137,15 +137,15 @@ class Transmission {
     void send(const std::string &packet) {
         const unsigned turn = ++sent_;
         const Behaviour &behaviour = server_.behaviour_;
-        if (spoilt(behaviour.lose_sent, turn)) {
+        if (disturbed(behaviour.lose_sent, turn)) {
             return;
         }
-        if (spoilt(behaviour.swap_sent, turn)) {
+        if (disturbed(behaviour.swap_sent, turn)) {
             held_ = packet;
             return;
         }
         dialogue_.send(packet);
-        if (spoilt(behaviour.double_sent, turn)) {
+        if (disturbed(behaviour.double_sent, turn)) {
             dialogue_.send(packet);
         }
         send_held();
@@ -160,11 +160,11 @@ class Transmission {
             const std::lock_guard lock(server_.mutex_);
             ++server_.received_[opcode_of(*packet)];
         }
-        return packet && spoilt(server_.behaviour_.lose_received, ++received_) ? std::nullopt
-                                                                               : packet;
+        return packet && disturbed(server_.behaviour_.lose_received, ++received_) ? std::nullopt
+                                                                                  : packet;
     }
 
-    // Agrees on the requested options. Returns true if the client is to be told.
+    // Agrees on the requested options. Returns true if an OACK must be sent.
     bool negotiate(std::size_t content) {
         const Behaviour &behaviour = server_.behaviour_;
         const auto &asked = dialogue_.request().options;

@@ -52,12 +52,12 @@ class Dialogue {
 struct Behaviour {
     enum class OptionHandling { agree, ignore, refuse };
     OptionHandling options = OptionHandling::agree;
-    unsigned block_size = 65464; // upper bounds of what it agrees to
+    unsigned block_size = 65464; // the largest values that it agrees to
     unsigned window_size = 65535;
     bool answer_block_size = true;
     bool answer_window_size = true;
     bool answer_size = true;
-    bool repeats = true; // by itself, when it hears nothing
+    bool repeats = true; // when it hears nothing
     // What happens to the n-th packet, counted from 1, that the server sends or receives. Empty: no
     // packet is disturbed.
     std::function<bool(unsigned)> lose_sent{};

@@ -1,4 +1,4 @@
-// Successful transfers: what is agreed on, and what the network may do to packets.
+// Successful transfers: the options agreed on, and what the network may do to packets.
 #include "tests/unit/test_clock.h"
 #include "tests/unit/tftp/fixture.h"
 
@@ -130,7 +130,7 @@ TEST_F(TftpTest, RemoteNameIsSentAsItIs) {
     EXPECT_EQ(server.stored(name), "x");
 }
 
-TEST_F(TftpTest, LocalFileIsMadeAnew) {
+TEST_F(TftpTest, LocalFileIsReplaced) {
     TestServer server{Behaviour{}};
     connect(server);
     server.offer("remote", "new");
@@ -213,7 +213,7 @@ TEST_F(TftpTest, DoubledAcknowledgmentsDoNotDoubleTheData) {
     }
 }
 
-TEST_F(TftpTest, DoubledAcknowledgmentIsNoSignOfLossTwiceRunning) {
+TEST_F(TftpTest, DoubledAcknowledgmentsLookLikeALossOnlyOnce) {
     host_test::TestClock clock;
     TestServer server([&clock](Dialogue &dialogue) {
         const auto expect_blocks = [&dialogue](unsigned first, unsigned last) {
