@@ -1,5 +1,5 @@
-// Sends arbitrary packets to a receiver of bus messages: what is taken for a message is sent again
-// as the same octets.
+// Sends arbitrary packets to the receiver of bus messages. A message that it accepts, sent again,
+// has the same octets.
 #include "platform/host/bus/wire.h"
 
 #include "tests/fuzz/property.h"

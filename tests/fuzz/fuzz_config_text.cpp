@@ -1,5 +1,5 @@
-// Fuzzes the configuration text: whatever is accepted has a canonical form that is accepted again
-// and changes nothing.
+// Merges arbitrary configuration texts. One that is accepted has a canonical form, which is
+// accepted again and changes nothing.
 #include "platform/host/device/configuration_text.h"
 
 #include "tests/fuzz/property.h"

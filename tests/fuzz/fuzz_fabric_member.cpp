@@ -1,7 +1,6 @@
-// Reads arbitrary lines of fabric_member: a member that is accepted has all that a request to it
-// needs, its line written anew says the same, and the reason of a refusal is one line without the
-// passphrases.
-// Its source, as reading a line is apart from reading the settings there.
+// Reads arbitrary lines of fabric_member. An accepted member has all that a request to it needs,
+// and its line, written again, gives the same member. The reason of a refusal is one line without
+// the passphrases. Includes the source: the function that reads one line is not in the header.
 #include "platform/host/system_manager/fabric_members.cpp"
 
 #include "tests/fuzz/property.h"

@@ -1,5 +1,5 @@
-// Reads arbitrary lists of hosts: each agent is one word, and a list of those that were
-// read lists the same.
+// Reads arbitrary lists of hosts. Each agent is one word, and the agents, written as a list again,
+// are read as the same agents.
 #include "config-copy/failure.h"
 #include "config-copy/options.h"
 

@@ -3,9 +3,9 @@
 
 usage: fuzz_scp_target.py SECONDS [SEED]
 
-What is put together from a user, a server and a file must come apart again; whatever else comes
-apart must be the whole text; an address is one exactly when inet_pton(3) says so; and a name
-written for scp means the same file to it.
+A target made of a user, a server and a file must be split into the same three. If any other text is
+split, its parts must make up the whole text. A server must be taken for an address exactly when
+inet_pton(3) accepts it. A name written for scp must mean the same file to scp.
 """
 
 import random
@@ -17,7 +17,7 @@ import time
 from pathlib import Path
 
 TARGET = Path(__file__).resolve().parents[2] / "platform/host/transfer/scp_target.tcl"
-# Answers each line, the words of a call in hexadecimal digits, by a line with the result's.
+# Reads calls, one a line, their words in hexadecimal digits. Writes each result the same way.
 SERVER = """
 source $::env(TARGET)
 proc of_hex {text} { encoding convertfrom utf-8 [binary decode hex $text] }

@@ -1,5 +1,5 @@
-// Reads arbitrary words as FROM or TO of a copy: a file that is accepted is one that a switch
-// takes, and its URL, written anew from the parts, names the same file.
+// Reads arbitrary words as FROM or TO of a copy. An accepted file is one that a switch takes, and a
+// URL made of its parts names the same file.
 #include "config-copy/endpoint.h"
 #include "config-copy/failure.h"
 

@@ -1,6 +1,7 @@
-// Reads arbitrary texts as the file of settings: what holds afterwards is what the table allows,
-// each problem is one short line, and a text of what holds has no problem and says the same. Its
-// source, as reading a text is apart from reading the file there.
+// Reads arbitrary texts as the settings file. The table allows every value that takes effect, each
+// problem is one short line, and the values, written as a file again, are read without a problem as
+// the same values.
+// Includes the source: the function that reads a text is not in the header.
 #include "base/settings.cpp"
 
 #include "tests/fuzz/property.h"
@@ -9,7 +10,7 @@ using namespace ulmo;
 
 namespace {
 
-// Whether the table allows a value that holds.
+// Whether the table allows this value, which has taken effect.
 bool is_allowed(const Setting &setting, const std::string &value) {
     const auto octets = static_cast<long>(value.size());
     switch (setting.kind) {

@@ -1,4 +1,4 @@
-// What the fuzzers share: how a property is demanded.
+// Shared by the fuzzers: stops them when a property does not hold.
 #pragma once
 
 #include <algorithm>
@@ -11,7 +11,7 @@ inline void require(bool holds) {
     }
 }
 
-// Whether a text can be told to people as a line.
+// Whether a text can be shown as one line.
 inline bool is_one_line(std::string_view text) {
     return std::none_of(text.begin(), text.end(),
                         [](unsigned char c) { return c < ' ' || c == 0x7F; });

@@ -8,7 +8,7 @@ here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 place=$(mktemp -d)
 agent=
 
-# Ends the agent, whose exit status is the result: one that breaks at its end fails the check.
+# Ends the agent and returns its exit status: an agent that crashes at its end fails the check.
 end_agent() {
     local ending=$agent
     agent=

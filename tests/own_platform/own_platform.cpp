@@ -41,7 +41,7 @@ namespace fs = std::filesystem;
 const char *const named = std::getenv("OWN_PLATFORM");
 const std::string folder = named != nullptr ? named : "/var/lib/own_platform";
 
-// Of an error of the system, as TFTP's functions return it; 0 for a copy that was made.
+// Returns 0, or an error of the system in the form in which the TFTP functions return it.
 int copy_file(const fs::path &from, const fs::path &to) {
     std::error_code error;
     fs::copy_file(from, to, fs::copy_options::overwrite_existing, error);
@@ -74,7 +74,7 @@ void deliver(msgbus_message message) {
     }
 }
 
-// The worker has reported, or has ended and closed its end: one without a report has failed.
+// The worker has sent its report, or has closed its end without one, which counts as a failure.
 void worker_is_done(int end, void *) {
     msgbus_message report{AGENT_OPC_WORKER_STATUS, 1};
     ::recv(end, &report, sizeof report, 0);
@@ -160,7 +160,7 @@ pid_t __wrap_fork(void) {
     return worker;
 }
 
-// msgbus.h: a worker's report to the agent; whoever asks the system manager is refused
+// msgbus.h: a worker's report to the agent; each request to the system manager is refused
 int32_t msgbus_response_q = 0;
 int32_t msgbus_bind(int32_t, int32_t, const struct msgbus_address *, const char *) {
     return 0;
