@@ -40,6 +40,17 @@ constexpr int system_result(int number) {
 // code above 99 has no result of its own: both become EPROTO.
 TransferError server_error(const Error &error);
 
+constexpr std::chrono::seconds unlimited{1'000'000'000};
+
+// What a transfer must keep to.
+struct Limits {
+    std::chrono::seconds idle{unlimited};  // in which least_progress octets must move
+    std::chrono::seconds total{unlimited}; // for the whole transfer
+};
+
+// One block of plain TFTP. A server may send 8 octets at a time and still never be silent.
+constexpr std::uint64_t least_progress = default_block_size;
+
 // A server's address, and how to talk to it.
 struct Endpoint {
     sockaddr_storage address{}; // with the port for requests
@@ -50,6 +61,7 @@ struct Endpoint {
     std::chrono::seconds timeout{20};
     std::uint16_t block_size = largest_block_size; // upper bounds of the requested options
     std::uint16_t window_size = 64;
+    Limits limits{};
 };
 
 // Whether both addresses are of the same host, ignoring the ports.

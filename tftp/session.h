@@ -26,6 +26,9 @@ class Session {
     // Upper bounds of the block size and the window size that later transfers request.
     void limit(std::uint16_t block_size, std::uint16_t window_size);
 
+    // What later transfers must keep to.
+    void set_limits(const Limits &limits) { server_.limits = limits; }
+
     // Octets that the last transfer has sent or stored.
     [[nodiscard]] std::uint64_t moved() const { return moved_; }
 

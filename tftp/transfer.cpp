@@ -29,11 +29,48 @@ std::uint16_t wire_number(std::uint64_t block) {
     return static_cast<std::uint16_t>(block);
 }
 
+// Whether a transfer keeps to its time limits.
+class Pace {
+  public:
+    explicit Pace(const Limits &limits)
+        : limits_(limits), began_(Clock::now()), counted_from_(began_) {}
+
+    void moved(std::uint64_t octets) { counted_ += octets; }
+
+    // When broken() has to be asked next.
+    [[nodiscard]] Clock::time_point wake() const {
+        return std::min(began_ + limits_.total, counted_from_ + limits_.idle);
+    }
+
+    // The limit that is exceeded, in words; empty if there is none.
+    std::string broken() {
+        const auto now = Clock::now();
+        if (now >= began_ + limits_.total) {
+            return "not finished within " + std::to_string(limits_.total.count()) + " seconds";
+        }
+        if (now >= counted_from_ + limits_.idle) {
+            if (counted_ < least_progress) {
+                return "only " + std::to_string(counted_) + " octets have moved in " +
+                       std::to_string(limits_.idle.count()) + " seconds";
+            }
+            counted_from_ = now;
+            counted_ = 0;
+        }
+        return {};
+    }
+
+  private:
+    Limits limits_;
+    Clock::time_point began_;
+    Clock::time_point counted_from_;
+    std::uint64_t counted_ = 0; // octets since then
+};
+
 // A conversation, from the server's first answer on.
 class Conversation {
   public:
     Conversation(const Endpoint &server, Opcode opcode, const std::string &name, std::uint64_t size)
-        : clock_(server.timeout) {
+        : clock_(server.timeout), pace_(server.limits) {
         Options asked = options_for(server, size);
         auto request = encode_request(opcode, name, asked);
         if (!request) {
@@ -65,7 +102,7 @@ class Conversation {
     // The server's next packet; empty if it is time to repeat. Throws if the server sends an error,
     // and after the timeout.
     std::optional<Packet> wait() {
-        auto packet = channel_->receive(clock_.wake());
+        auto packet = next();
         if (!packet && !clock_.repeat()) {
             throw_error(channel_->unreachable() != 0 ? channel_->unreachable() : ETIMEDOUT);
         }
@@ -77,6 +114,12 @@ class Conversation {
 
     void send(Octets packet) { channel_->send(packet); }
     Retransmission &clock() { return clock_; }
+
+    // The transfer has made progress, by so many octets.
+    void progressed(std::uint64_t octets) {
+        clock_.progressed();
+        pace_.moved(octets);
+    }
 
     // Tells the server why the transfer ends.
     void refuse(ErrorCode code, const std::string &text) {
@@ -101,6 +144,21 @@ class Conversation {
     }
 
   private:
+    // The server's next packet; empty if it is time to repeat. Throws when a limit is exceeded.
+    std::optional<Packet> next() {
+        for (;;) {
+            const auto until = clock_.wake();
+            auto packet = channel_->receive(std::min(until, pace_.wake()));
+            if (const std::string broken = pace_.broken(); !broken.empty()) {
+                refuse(ErrorCode::undefined, broken);
+                throw_error(ETIMEDOUT, broken);
+            }
+            if (packet || Clock::now() >= until) {
+                return packet;
+            }
+        }
+    }
+
     // Sends the request until the server answers. Returns false if the server refuses the options.
     bool open(const Endpoint &server, Opcode opcode, Octets request, const Options &asked) {
         // A new socket for each request, so that a repeated answer to an earlier request can't be
@@ -109,7 +167,7 @@ class Conversation {
         clock_.sent();
         channel_->send(request);
         for (;;) {
-            auto packet = channel_->receive(clock_.wake());
+            auto packet = next();
             if (!packet) {
                 if (!clock_.repeat()) {
                     throw_error(ETIMEDOUT);
@@ -154,6 +212,7 @@ class Conversation {
     }
 
     Retransmission clock_;
+    Pace pace_;
     std::unique_ptr<Channel> channel_;
     Options agreed_;
     Packet first_;
@@ -207,7 +266,7 @@ class Receiver {
         conversation_.locally([&] { sink_(data.payload); });
         ++expected_;
         gap_reported_ = false;
-        conversation_.clock().progressed();
+        conversation_.progressed(data.payload.size());
         const bool last = data.payload.size() < conversation_.block_size();
         if (last || block - acknowledged_ == conversation_.window_size()) {
             acknowledge();
@@ -316,9 +375,9 @@ class Sender {
             if (block != highest_) {
                 conversation_.clock().resent(); // this is not the answer to the last packet sent
             }
+            conversation_.progressed((block + 1 - unacknowledged_) * conversation_.block_size());
             unacknowledged_ = block + 1;
             next_ = unacknowledged_;
-            conversation_.clock().progressed();
         } else if (block + 1 == unacknowledged_ && lacks_first_of_window()) {
             gone_back_to_ = unacknowledged_;
             next_ = unacknowledged_;

@@ -1,9 +1,19 @@
 #include "platform/host/transfer/tftp_copy.h"
 
+#include "base/settings.h"
 #include "platform/host/history/copy_report.h"
 
 namespace ulmo {
 namespace {
+
+// Applies the settings of the moment to the session's next transfer.
+void limit(tftp::Session &session) {
+    const auto seconds = [](NumberSetting name) {
+        return std::chrono::seconds(number_setting(name).value());
+    };
+    session.set_limits(
+        {.idle = seconds("transfer_idle_limit"), .total = seconds("transfer_time_limit")});
+}
 
 int reported(const tftp::Session &session, int result) {
     if (result < 0) {
@@ -31,10 +41,12 @@ int connect(tftp::Session &session, const std::string &server, int port) {
 }
 
 int put(tftp::Session &session, const std::string &local, const std::string &remote) {
+    limit(session);
     return reported(session, session.put(local, remote), local);
 }
 
 int get(tftp::Session &session, const std::string &remote, const std::string &local) {
+    limit(session);
     return reported(session, session.get(remote, local), local);
 }
 

@@ -1,6 +1,7 @@
 """Copies that the switch gives up: nothing of them goes on, and the next one begins at once."""
 
 import os
+import re
 import signal
 import time
 
@@ -10,6 +11,7 @@ from copy_table import (
     Request, agent_pid, children, download, lab_ctl, process_state, run, serve, show, upload,
     wait_for,
 )
+from protocols import OTHER_SERVER, settings
 from test_settings import SETTINGS
 
 PROTOCOLS = pytest.mark.parametrize("protocol", [TFTP, FTP, SFTP, SCP],
@@ -89,5 +91,46 @@ def test_killed_agent(operator, broken_link, protocol, lines_of):
     finally:
         lab_ctl("start-agent")
     assert "vlan 77" not in show("running")
+    Request(operator).create(*LOCAL_STARTUP_TO_RUNNING).copied()
+    assert os.listdir(WORK) == []
+
+
+# A TFTP server that is never silent and comes to no end: 8 octets every second.
+TRICKLE = f"""
+import socket, time
+def opened(port):
+    opened = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    opened.bind(("{OTHER_SERVER}", port))
+    return opened
+requests = opened(69)
+while True:
+    request, client = requests.recvfrom(65536)
+    if request[1] == 5:
+        continue
+    transfer = opened(0)
+    transfer.sendto(b"\\0\\6blksize\\08\\0", client)
+    for number in range(1, 60):
+        packet = transfer.recv(65536)
+        if packet[1] == 5:
+            break
+        time.sleep(1)
+        data = b"\\0\\3" + number.to_bytes(2, "big") + b"! slow\\r\\n"
+        transfer.sendto(data if request[1] == 1 else b"\\0\\4" + data[2:4], client)
+"""
+
+
+@pytest.mark.parametrize("columns", [upload, download])
+def test_server_that_sends_a_few_octets_now_and_then(operator, columns, other_server):
+    other_server("/usr/bin/python3", "-c", TRICKLE)
+    wait_for(lambda: run("lab-ctl", "server-exec", "ss", "-Hlnu", f"src {OTHER_SERVER}:69"),
+             what="the server")
+    with settings(transfer_idle_limit=4):
+        request = Request(operator).create(*columns(OTHER_SERVER, "slow.cfg"))
+        began = time.monotonic()
+        assert request.activate().finished() == (STATE_FAILED, TIMEOUT)
+        assert 3 < time.monotonic() - began < 8
+    line = run("cmdshell", "-c", "show copies").splitlines()[0]
+    assert re.search(r'cause=timeout reason="Connection timed out .only \d+ octets have moved in 4 '
+                     r'seconds', line), line
     Request(operator).create(*LOCAL_STARTUP_TO_RUNNING).copied()
     assert os.listdir(WORK) == []

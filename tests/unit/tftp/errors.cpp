@@ -1,6 +1,7 @@
 // Failing transfers: their results, the error that the server receives, and that nothing is left
 // behind.
 #include "tests/unit/own_mounts.h"
+#include "tests/unit/scratch.h"
 #include "tests/unit/superuser.h"
 #include "tests/unit/test_clock.h"
 #include "tests/unit/tftp/fixture.h"
@@ -39,6 +40,30 @@ std::optional<unsigned> error_sent(Dialogue &dialogue) {
         }
     }
     return std::nullopt;
+}
+
+// A server that is never silent, and never comes to an end: every 5 seconds it sends a block of
+// that size, or acknowledges one.
+TestServer::Script trickle(host_test::TestClock &clock, std::size_t octets) {
+    return [&clock, octets](Dialogue &dialogue) {
+        const bool is_read = dialogue.request().opcode == 1;
+        dialogue.send(oack({{"blksize", std::to_string(octets)}}));
+        for (unsigned number = 0; number < 50; ++number) {
+            auto packet = dialogue.receive();
+            while (packet && opcode_of(*packet) != 5 && block_of(*packet) != number + !is_read) {
+                packet = dialogue.receive(); // repeated
+            }
+            if (!packet || opcode_of(*packet) == 5) {
+                EXPECT_EQ(packet ? block_of(*packet) : ~0U, 0U);
+                return;
+            }
+            if (number > 0) {
+                clock.advance(5s);
+            }
+            dialogue.send(is_read ? data(number + 1, std::string(octets, 'x')) : ack(number + 1));
+        }
+        clock.hurry();
+    };
 }
 
 } // namespace
@@ -140,6 +165,35 @@ TEST_F(TftpTest, ServerThatOnlyRepeatsItselfTimesOut) {
     EXPECT_EQ(session.get("remote", path("got")), -210);
     is_over = true;
     EXPECT_LT(clock.passed(), 2s);
+}
+
+TEST_F(TftpTest, ServerThatSendsAFewOctetsNowAndThenIsGivenUp) {
+    session.set_timeout(20);
+    session.set_limits({.idle = 30s});
+    for (const bool putting : {false, true}) {
+        host_test::TestClock clock;
+        TestServer server(trickle(clock, 8));
+        connect(server);
+        const int result = putting ? session.put(write("local", std::string(5000, 'x')), "remote")
+                                   : session.get("remote", path("got"));
+        EXPECT_EQ(result, -210);
+        EXPECT_EQ(session.text(result),
+                  "Connection timed out (only 48 octets have moved in 30 seconds)");
+        EXPECT_EQ(clock.passed(), 30s);
+    }
+    EXPECT_EQ(entries(), 1U);
+}
+
+TEST_F(TftpTest, TransferHasToEndInItsTime) {
+    session.set_timeout(20);
+    session.set_limits({.idle = 30s, .total = 100s}); // several times the idle limit
+    host_test::TestClock clock;
+    TestServer server(trickle(clock, block));
+    connect(server);
+    EXPECT_EQ(session.get("remote", path("got")), -210);
+    EXPECT_EQ(session.text(-210), "Connection timed out (not finished within 100 seconds)");
+    EXPECT_EQ(clock.passed(), 100s);
+    EXPECT_EQ(entries(), 0U);
 }
 
 TEST_F(TftpTest, NobodyListening) {
@@ -395,6 +449,21 @@ TEST_F(TftpClient, CopiesBothWays) {
     server.offer("other", "thing");
     EXPECT_EQ(tftp_get2("other", path("got").c_str(), 0), 0);
     EXPECT_EQ(read("got"), "thing");
+}
+
+TEST_F(TftpClient, KeepsToTheSettings) {
+    const Scratch scratch;
+    ASSERT_EQ(tftp_timeout_set(20), 0);
+    for (const auto &[setting, reason] :
+         {std::pair{"transfer_idle_limit = 10\n", "only 16 octets have moved in 10 seconds"},
+          std::pair{"transfer_time_limit = 15\n", "not finished within 15 seconds"}}) {
+        scratch.configure(setting);
+        host_test::TestClock clock;
+        TestServer server(trickle(clock, 8));
+        ASSERT_EQ(tftp_connect(server.address(), server.port()), 0);
+        EXPECT_EQ(tftp_get2("remote", path("got").c_str(), 0), -210);
+        EXPECT_EQ(tftp_strerror(-210), "Connection timed out (" + std::string(reason) + ")");
+    }
 }
 
 TEST_F(TftpClient, RefusesWrongArguments) {
