@@ -108,7 +108,9 @@ void check_credentials(const std::string &line, const FabricMember &member) {
     }
 }
 
-FabricMember member_from(const std::string &text, const FabricMember &defaults) {
+// `number`: which line of this setting it is, from 1 on.
+FabricMember member_from(const std::string &text, std::size_t number,
+                         const FabricMember &defaults) {
     FabricMember member = defaults;
     std::istringstream words(text);
     std::string name;
@@ -116,7 +118,8 @@ FabricMember member_from(const std::string &text, const FabricMember &defaults) 
     words >> name >> endpoint;
     const auto wwn = wwn_from_text(name);
     if (!wwn) {
-        refuse("fabric_member", "the line does not begin with a world-wide name");
+        refuse("fabric_member",
+               "its line " + std::to_string(number) + " does not begin with a world-wide name");
     }
     member.wwn = *wwn;
     const std::string line = "fabric_member " + wwn_to_text(*wwn);
@@ -168,7 +171,7 @@ std::vector<FabricMember> fabric_members() {
     }
     const Wwn local = local_wwn();
     for (const std::string &line : lines) {
-        FabricMember member = member_from(line, defaults);
+        FabricMember member = member_from(line, members.size() + 1, defaults);
         const std::string name = "fabric_member " + wwn_to_text(member.wwn);
         if (member.wwn == local) {
             refuse(name, "that is this switch itself: remove the line");

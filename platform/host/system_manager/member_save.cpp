@@ -166,8 +166,12 @@ std::string describe_failure(long cause, std::string_view last_save) {
     if (cause != COPY_FAIL_WARDEN_FAILED) {
         return "failed with cause " + std::to_string(cause);
     }
+    // A failure that the member has not recorded: its system manager does not run, for instance.
+    // Its last save then went well, or there was none, which cmdshell reports as an error.
     std::string reason = first_line(last_save);
-    return reason.empty() || reason == "saved" ? "its system manager could not save" : reason;
+    return reason.empty() || reason == "saved" || reason.starts_with("cmdshell: ")
+               ? "its system manager could not save"
+               : reason;
 }
 
 } // namespace ulmo

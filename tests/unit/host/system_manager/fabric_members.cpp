@@ -119,9 +119,11 @@ TEST_F(FabricMembers, InvalidAddressIsRefused) {
 TEST_F(FabricMembers, InvalidOrRepeatedNameIsRefused) {
     for (const char *line : {"", "192.0.2.2", "20:00:00:00:00:00:00 192.0.2.2", "x 192.0.2.2"}) {
         EXPECT_EQ(refusal_of_line(line),
-                  "setting fabric_member: the line does not begin with a world-wide name")
+                  "setting fabric_member: its line 1 does not begin with a world-wide name")
             << line;
     }
+    EXPECT_EQ(refusal_of_line(second + " 192.0.2.2\nfabric_member = x 192.0.2.3"),
+              "setting fabric_member: its line 2 does not begin with a world-wide name");
     EXPECT_EQ(
         refusal_of_line("00:00:00:00:00:00:00:00 192.0.2.2"),
         "setting fabric_member 00:00:00:00:00:00:00:00: a world-wide name can't be all zeros");

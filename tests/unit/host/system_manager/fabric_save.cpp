@@ -308,7 +308,9 @@ TEST(MemberSave, FailureInWords) {
     EXPECT_EQ(ulmo::describe_failure(9, "no\tspace\x1b[2J"), "no space?[2J")
         << "nothing that a terminal would execute";
     EXPECT_EQ(ulmo::describe_failure(9, std::string(500, 'x')), std::string(80, 'x'));
-    for (const char *nothing : {"", "saved", "saved\n", " \n", "\nno space"}) {
+    for (const char *nothing :
+         {"", "saved", "saved\n", " \n", "\nno space",
+          "cmdshell: show last-save: nothing has been saved since the switch started\n"}) {
         EXPECT_EQ(ulmo::describe_failure(9, nothing), "its system manager could not save")
             << nothing;
     }
