@@ -196,6 +196,7 @@ void take(Contents &contents, const Setting &setting, std::string_view text,
                        ? "it counts as not set"
                        : "the default " + std::string(setting.fallback) + " is used";
         state.values = {std::string(setting.fallback)};
+        state.is_default = true;
     }
     contents.problems.push_back(std::move(problem));
 }

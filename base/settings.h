@@ -124,7 +124,8 @@ std::vector<std::string> list_setting(ListSetting name);
 // list; empty if it is not set.
 std::vector<std::string> setting_values(const Setting &setting);
 
-// Whether the file currently leaves the setting out.
+// Whether the default is in force: the file leaves the setting out, or has a bad value instead of
+// which the default is used.
 bool is_default(const Setting &setting);
 
 // Throws SettingsError if the file exists and can't be read: to go on without it would be to go on

@@ -124,6 +124,14 @@ TEST_F(HostSettings, ValuesAreTakenFromTheirLines) {
     EXPECT_EQ(reported, Texts{});
 }
 
+TEST_F(HostSettings, ABadValueLeavesTheDefaultInForceUnlessSomethingFails) {
+    scratch.configure("history = erors\nwwn = x\n");
+    EXPECT_TRUE(ulmo::is_default(setting("history")));
+    EXPECT_FALSE(ulmo::is_default(setting("wwn")));
+    scratch.configure("history = erors\nhistory = errors\n");
+    EXPECT_FALSE(ulmo::is_default(setting("history")));
+}
+
 TEST_F(HostSettings, AListHasAllItsLines) {
     EXPECT_EQ(values("startup_copy", "startup_copy = b\nstartup_copy = a\nstartup_copy = b\n"),
               (Texts{"b", "a", "b"}));

@@ -284,7 +284,7 @@ TEST_F(CmdshellProgram, ShowsTheSettingsAndWhatIsWrongWithThem) {
     const auto path = file(
         "platform.conf", "startup_copy = a\nstartup_copy = b\nfabric_auth_passphrase = hush-hush\n"
                          "fabric_member = x auth-passphrase=hush-hush\n"
-                         "device_backend = remote\nhistori = all\n");
+                         "device_backend = remote\nhistori = all\nhistory = erors\n");
     const Result set = command("show settings");
     EXPECT_EQ(set.status, 0);
     for (const char *lines :
@@ -298,7 +298,10 @@ TEST_F(CmdshellProgram, ShowsTheSettingsAndWhatIsWrongWithThem) {
               "cmdshell: " + path.string() +
                   " line 5: device_backend = remote: must be embedded; copies and saves fail\n" +
                   "cmdshell: " + path.string() +
-                  " line 6: histori: unknown setting; the line is ignored\n");
+                  " line 6: histori: unknown setting; the line is ignored\n" +
+                  "cmdshell: " + path.string() +
+                  " line 7: history = erors: must be one of all, errors, off; the default errors "
+                  "is used\n");
 }
 
 TEST_F(CmdshellProgram, TellsWhatHappenedUnderSettingsThatCantBeRead) {
