@@ -66,11 +66,11 @@ class Silence {
     termios before_{};
 };
 
-std::string from_terminal(const std::string &account) {
+std::string from_terminal(const std::string &account, bool is_input_taken) {
     const ulmo::UniqueFd terminal(::open("/dev/tty", O_RDWR | O_CLOEXEC));
     if (!terminal) {
         throw bad_usage("no terminal to ask for the password of " + account +
-                        ": use --password-file or standard input");
+                        ": use --password-file" + (is_input_taken ? "" : " or standard input"));
     }
     const std::string prompt = "Password of " + account + ": ";
     const Silence silence(terminal.get());
@@ -114,7 +114,7 @@ std::string read_password(const std::optional<std::string> &file, const std::str
         file ? *file == "-" : !is_input_taken && ::isatty(STDIN_FILENO) == 0;
     std::string password = is_standard_input ? line_of(STDIN_FILENO)
                            : file            ? from_file(*file)
-                                             : from_terminal(account);
+                                             : from_terminal(account, is_input_taken);
     if (password.empty() && !may_be_empty) {
         throw bad_usage("no password of " + account +
                         (is_standard_input ? " on standard input" : "") +

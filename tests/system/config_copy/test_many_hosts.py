@@ -194,7 +194,7 @@ def test_agents_on_standard_input(own_agents):
     assert (done.status, done.err) == (
         USAGE,
         f"config-copy: no terminal to ask for the password of u@{SERVER4}: "
-        "use --password-file or standard input\n"
+        "use --password-file\n"
     )
     done = config_copy("--hosts", "-", "running", "startup", stdin="#\n")
     assert (done.status,
