@@ -33,13 +33,13 @@ def manager(request):
 
 @pytest.fixture
 def place():
-    """Where the transfers run. A folder whose lab has VRFs says which."""
+    """Where the transfers run. A folder whose lab has VRFs overrides it."""
     return protocols.Place()
 
 
 @pytest.fixture
 def operator(place):
-    """The stock tools over SNMPv3 authPriv, for what does not hang on the version."""
+    """The stock tools over SNMPv3 authPriv, for tests in which the version does not matter."""
     return place.manager()
 
 
@@ -67,8 +67,8 @@ def quiet_switch():
 
 @pytest.fixture
 def lines_of():
-    """The hosts' configuration, put back at the end of the test by what takes the given lines away
-    again."""
+    """Makes configuration lines of statements, which are taken out of the running configuration at
+    the end of the test."""
     added = []
 
     def add(*statements):
@@ -92,7 +92,7 @@ def broken_link():
 
 @pytest.fixture
 def unchanged():
-    """The switch's configuration is the same afterwards, and nothing of a transfer is left."""
+    """Checks that the configuration does not change and that nothing of a transfer is left."""
     switch = protocols.Switch()
     before = ct.show("running"), switch.running()
     yield
@@ -111,7 +111,7 @@ def startup():
 
 @pytest.fixture
 def traps_for_names():
-    """Programs that a name might have run, here and on the server: none was."""
+    """Provides a program that a hostile name could run. Checks that none did."""
     mark, program = Path("/tmp/owned"), Path("/ulmo/bin/owned")
     program.write_text(f"#!/bin/sh\ntouch {mark}\n")
     program.chmod(0o755)

@@ -83,8 +83,8 @@ def wait_for(condition, within=15, what="the condition"):
 
 
 class History:
-    """What the debug history has recorded since this object was made. Its oldest lines go: numbers
-    of lines mean nothing in it."""
+    """What the debug history has recorded since this object was made. The history drops its oldest
+    lines, so line numbers mean nothing."""
 
     def __init__(self, *options):
         self.command = ["ulmo-history", *options]
@@ -95,7 +95,7 @@ class History:
         return lines[lines.index(self.last[0]) +
                      1:] if self.last and self.last[0] in lines else lines
 
-    def tells(self, text):
+    def has(self, text):
         return any(text in line for line in self.lines())
 
 
@@ -106,8 +106,8 @@ _ABSENT = ("No Such Object", "No Such Instance", "No more variables")
 
 
 def parsed(line):
-    """(OID, value) of a printed binding: int, bytes, str for all else, None for what is not
-    there."""
+    """(OID, value) of a printed binding: int, bytes, None if there is no such object, and str for
+    all else."""
     match = _VALUE.match(line)
     assert match, f"unexpected line: {line!r}"
     kind, value = match["type"], match["value"]
@@ -123,8 +123,8 @@ def parsed(line):
 
 
 class Manager:
-    """The stock tools with one version of SNMP, an agent, an SNMP context of SNMPv3's, and a
-    command that runs them elsewhere."""
+    """The stock tools with a version of SNMP, an agent, a context of SNMPv3, and a command that
+    runs them on another host."""
 
     def __init__(self, version, agent=AGENT, context="", within=()):
         self.version, self.agent, self.within = version, agent, within
@@ -246,7 +246,7 @@ def server_columns(server):
 
 
 def protocol_columns(protocol, user, password):
-    """TFTP knows no users. A user name that is written empties the password, so it comes first."""
+    """TFTP has no users. Writing the user name empties the password, so the name comes first."""
     account = () if protocol == TFTP else ((USER_NAME, user), (PASSWORD, password))
     return ((PROTOCOL, protocol), *account)
 

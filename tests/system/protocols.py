@@ -1,9 +1,10 @@
 """The copies of every protocol, collected by the folders of the labs that they run in: without a
-VRF and within one. What differs there is a Place.
+VRF and within one. A Place holds what differs between the two.
 
-Files of any size go both ways. Up: the startup configuration, which the switch hands over octet for
-octet. Down: the file as it lies in the worker's folder, read through a descriptor that was opened
-while it arrived. Applying it comes after that: comments alone change nothing."""
+Files of any size go both ways. The file of an upload is the startup configuration, which the switch
+sends octet for octet. A download is compared in the worker's folder, through a descriptor that is
+opened while the file arrives. The worker then applies the file; it has only comments, which change
+nothing."""
 
 import contextlib
 import itertools
@@ -36,20 +37,20 @@ KNOWN_HOSTS = STATE_DIRECTORY / "ssh_known_hosts"
 
 
 class Place:
-    """Where the transfers run: the ordinary network, or a VRF; and the SNMP context that says
-    so."""
+    """Where the transfers run: in the ordinary network, or in a VRF; and the SNMP context of the
+    requests."""
 
     def __init__(self, vrf=None, context=""):
         self.vrf, self.context = vrf, context
 
     def manager(self, number=1):
-        """A manager of that switch, who sits there: it is to be asked also when its link is
-        broken."""
+        """A manager that runs on that switch itself, and so reaches its agent over a broken
+        link."""
         within = ("nsenter", f"--net=/run/netns/switch{number}", "--") if number > 1 else ()
         return Manager("v3", os.environ["LAB_AGENTS"].split()[number - 1], self.context, within)
 
     def cause(self, protocol, otherwise, tftp=None):
-        """The cause of a failure; in a VRF every one of TFTP is a general one."""
+        """The cause of a failure. In a VRF every failure of TFTP is a general one."""
         if protocol != TFTP:
             return otherwise
         return GENERAL if self.vrf else tftp or otherwise
@@ -64,9 +65,9 @@ class Place:
 
     @contextlib.contextmanager
     def slow(self, rate, *numbers, protocol=TFTP):
-        """Both directions of the switches' links at so many kbit/s. A window of TFTP's fits into
-        the queue; TCP makes do with less, and what it acknowledges does not stand in line behind
-        the other direction's data."""
+        """Limits both directions of the switches' links to `rate` kbit/s. For TFTP the queue holds
+        a whole window. For TCP it is shorter, so that acknowledgments do not wait behind the data
+        of the other direction."""
         latency = "300ms" if protocol == TFTP else "40ms"
         ends = [(self.within, "vrf0")] if self.vrf else [
             ((lambda *words, n=n: ["lab-ctl", "switch-exec", n, *words]), "mgmt0") for n in numbers
@@ -92,8 +93,8 @@ class Place:
             lab_ctl("mend-link", *links)
 
     def octets_seen(self):
-        """Octets on the link to the server, and on the switch's other one, which a switch without a
-        VRF does not have."""
+        """The octets on the link to the server, and those on the switch's other link, which it has
+        only with a VRF."""
 
         def on(device, *command):
             counts = run(*command, "cat", "/proc/net/dev").partition(f"{device}:")[2].split()
@@ -103,7 +104,7 @@ class Place:
 
 
 class Switch:
-    """What of a switch a transfer may leave something in."""
+    """The places of a switch in which a transfer may leave something."""
 
     def __init__(self, number=1):
         self.number = number
@@ -124,8 +125,8 @@ class Switch:
         return [path for path in (self.state / "work").glob("*/*") if path.is_file()]
 
     def arrived(self):
-        """How many octets they have."""
-        with contextlib.suppress(FileNotFoundError):  # it has got its name
+        """How many octets these files have."""
+        with contextlib.suppress(FileNotFoundError):  # renamed: it is complete
             return sum(path.stat().st_size for path in self.arriving())
         return 0
 
@@ -148,13 +149,13 @@ def left_clean(number=1):
 
 
 def notified(request, state, cause):
-    """One notification has told of it."""
+    """One notification has reported the outcome."""
     (bindings,) = wait_for(lambda: completions(request.index), what="the notification")
     assert (request.oid(STATE), state) in bindings and (request.oid(FAIL_CAUSE), cause) in bindings
 
 
 def fails(request, cause, within=15):
-    """The request fails with this cause, which the notification tells too, and leaves nothing."""
+    """The request fails with this cause, which the notification reports, and leaves nothing."""
     request.activate()
     assert request.finished(within) == (STATE_FAILED, cause)
     notified(request, STATE_FAILED, cause)
@@ -187,7 +188,7 @@ def received(request):
 
             def opened():
                 with contextlib.suppress(
-                        FileNotFoundError):  # it gets another name when it is complete
+                        FileNotFoundError):  # renamed: it is complete
                     return [stack.enter_context(open(path, "rb")) for path in Switch().arriving()]
 
             (file,) = wait_for(opened, what="the file")
@@ -256,7 +257,7 @@ def test_name_is_nothing_but_a_name(operator, protocol, unchanged, traps_for_nam
 
 @EVERY_PROTOCOL
 def test_name_with_a_folder_that_is_not_there(operator, place, protocol, unchanged):
-    """Here the folder's name is the beginning of a command."""
+    """The name begins with a command and goes on with the name of a missing folder."""
     for direction in (upload, download):
         fails(
             Request(operator).create(*direction(SERVER4, "$(touch /tmp/x)", protocol=protocol),
@@ -336,8 +337,8 @@ def test_full_disk_of_the_server(operator, place, protocol, startup, unchanged):
 
 @EVERY_PROTOCOL
 def test_full_disk_of_the_switch(operator, place, protocol, unchanged):
-    """TFTP tells of its own side by the system's error, and the table of causes knows no number for
-    that one. What is to be uploaded is written down first, which fails before any protocol
+    """TFTP reports a local failure as an error of the system, for which the table of causes has no
+    number. An upload first writes the configuration into a file, which fails before any protocol
     begins."""
     serve("large.cfg", content(1_000_000))
     with full_disk(STATE_DIRECTORY):
@@ -354,7 +355,7 @@ def test_full_disk_of_the_switch(operator, place, protocol, unchanged):
 # Servers that do not answer, and links that break
 
 
-# Takes connections and datagrams and never says a word.
+# Accepts connections and datagrams and never answers.
 SILENT = f"""
 import socket, time
 listeners = [socket.create_server(("{OTHER_SERVER}", port)) for port in (21, 22)]
@@ -382,10 +383,9 @@ class Pair:
     """An upload and a download by one protocol at the same time, from one switch and to another."""
 
     size = 6_500_000  # several times what SSH's clients and servers write at once
-    # Kbit/s: so that neither direction is through before the other one has half, even when that one
-    # loses two seconds to TCP's.
+    # Kbit/s. Neither direction ends before the other one has moved half, even if that one loses two
+    # seconds to TCP's recovery or to a busy machine.
     rate = 13_000
-    # recovery or to a busy machine
 
     def __init__(self, place, protocol, up=1, down=2):
         self.place, self.protocol, self.numbers = place, protocol, (up, down)
@@ -416,10 +416,10 @@ class Pair:
 
         wait_for(reached, 20, "that part of the files")
 
-    def fail(self, cause, within=35, tells=True):
+    def fail(self, cause, within=35, notifies=True):
         for request in self.requests:
             assert request.finished(within) == (STATE_FAILED, cause)
-            if tells:
+            if notifies:
                 notified(request, STATE_FAILED, cause)
             request.destroy()
         for number in self.numbers:
@@ -438,14 +438,14 @@ def cut_at_half(place, protocol, *numbers):
         with place.slow(Pair.rate, *numbers, protocol=protocol):
             pair.start_and_reach(0.5)
             with place.broken(*numbers):
-                # What would tell goes the same way.
-                pair.fail(place.cause(protocol, TIMEOUT), tells=place.vrf is not None)
+                # Without a VRF the notification would need the broken link.
+                pair.fail(place.cause(protocol, TIMEOUT), notifies=place.vrf is not None)
 
 
 def test_silence(place, other_server, startup, unchanged):
     """A server that takes connections and says nothing, and a link that breaks at half of the file.
-    TFTP waits 20 seconds each time; meanwhile other switches have their turn. Within a VRF all
-    switches share the link, so that the protocols cut it one after the other."""
+    TFTP waits 20 seconds each time, in which the tests on the other switches run. Within a VRF all
+    switches share the link, so the protocols cut it one after the other."""
     other_server("/usr/bin/python3", "-c", SILENT)
     wait_for(listening, what="the silent server")
     last = len(os.environ["LAB_AGENTS"].split())
@@ -503,14 +503,14 @@ def test_server_that_dies(place, protocol, startup):
 
 
 class Watch(threading.Thread):
-    """Looks for the password at every process but the tests' own, until it is told to stop."""
+    """Looks for the password in all processes but the tests' own, until `over` is set."""
 
     def __init__(self):
         super().__init__()
         self.over = threading.Event()
-        # (What shows it, the program and its script, the process's age in tenths of a second.)
+        # (where it shows, the script or program, the process's age in tenths of a second)
         self.seen = set()
-        self.clients = {}  # how often each was looked at
+        self.clients = {}  # how often each client was seen
 
     def run(self):
         while not self.over.is_set():
@@ -546,9 +546,9 @@ def lines_with_the_password(text):
 @EVERY_SCRIPT
 def test_password_is_nowhere_but_where_it_is_said_to_be(operator, place, protocol, startup,
                                                         unchanged):
-    """A script shows it among its arguments until it has read them, which is at once; nobody else
-    does, ever. The agent's log has a trace line of each transfer with it, and the debug history the
-    command of SCP."""
+    """A script has the password among its arguments until it has read them, which is at once; no
+    other process ever shows it. The agent's log has a trace line with it for each transfer, and the
+    debug history has SCP's command line with it."""
     name, program, clients = {
         FTP: ("FTP", "snmp.ftp.expect", ["ftp"]), SFTP: ("SFTP", "sftp.expect", ["sftp", "ssh"]),
         SCP: ("SCP", "scp.expect", ["scp", "ssh"])
@@ -574,9 +574,9 @@ def test_password_is_nowhere_but_where_it_is_said_to_be(operator, place, protoco
     traces = lines_with_the_password(log.read_text()[before[0]:])
     assert [re.search(r"(FTP|SFTP|SCP)_(PUT|GET)", line)[0]
             for line in traces] == [f"{name}_PUT", f"{name}_GET"]
-    told = [line for line in lines_with_the_password(run("ulmo-history")) if line not in before[1]]
-    assert len(told) == (2 if protocol == SCP else 0)
-    assert all("executing command" in line for line in told)
+    lines = [line for line in lines_with_the_password(run("ulmo-history")) if line not in before[1]]
+    assert len(lines) == (2 if protocol == SCP else 0)
+    assert all("executing command" in line for line in lines)
     files = [
         path for path in (*LOGS.iterdir(), *STATE_DIRECTORY.rglob("*"), *Path("/tmp").iterdir())
         if path.is_file()

@@ -83,7 +83,7 @@ def system_manager_pid(number=1):
 
 
 def logged(text):
-    """How often the system manager has logged it."""
+    """How often the system manager has logged the text."""
     return DAEMON_LOG.read_text().count(text)
 
 
@@ -99,5 +99,5 @@ def error_rows(manager, index=None):
 
 
 def outcomes(manager, request):
-    """The text of the error table for each switch, by the last octet of its name."""
+    """The text in the error table for each switch, by the last octet of the switch's name."""
     return {row[2][-1]: row[3].decode() for _, row in error_rows(manager, request.index)}

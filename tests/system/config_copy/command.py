@@ -17,7 +17,7 @@ from copy_table import AGENT, ROW_STATUS, SERVER4, STATE_DIRECTORY, agent_pid
 
 DONE, FAILED, USAGE, REFUSED, UNREACHABLE, BUSY = range(6)
 ANSWER, SET = 0xA2, 0xA3  # kinds of SNMP messages
-QUICK = ("-t", "0.3", "-r", "1")  # where no answer comes
+QUICK = ("-t", "0.3", "-r", "1")  # for agents that do not answer
 
 
 class Ended:
@@ -48,9 +48,9 @@ def ended(process, within=30):
 
 
 def on_terminal(*words, answers=(), within=30):
-    """Runs the command on a terminal of its own, which echoes; types each answer when its prompt
-    stands there. (status, all that was shown, whether the terminal echoed when each answer was
-    typed and at the end)."""
+    """Runs the command on a terminal that echoes, and types each answer when its prompt appears.
+    Returns (exit status, all that was shown, whether the terminal echoed when each answer was typed
+    and at the end)."""
     pid, terminal = pty.fork()
     if pid == 0:
         os.execvp("config-copy", ["config-copy", *map(str, words)])
@@ -78,8 +78,8 @@ def on_terminal(*words, answers=(), within=30):
 
 
 def through_relay(passes, *options, words=("running", f"tftp://{SERVER4}/lost.cfg")):
-    """Runs the command through a relay to the agent, which carries what `passes(kind, number)` lets
-    pass: the kind's so many-th packet. (the end, what kinds were carried)."""
+    """Runs the command through a relay to the agent. The relay carries the n-th packet of a kind if
+    `passes(kind, n)` is true. Returns (how the command ended, the kinds of the carried packets)."""
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as near, socket.socket(
             socket.AF_INET, socket.SOCK_DGRAM) as far:
         near.bind(("127.0.0.1", 0))
@@ -93,7 +93,7 @@ def through_relay(passes, *options, words=("running", f"tftp://{SERVER4}/lost.cf
                     packet, client = near.recvfrom(65535)
                 else:
                     packet = far.recv(65535)
-                kind = packet[packet.index(b"\x04\x03lab") + 5]  # behind version and community
+                kind = packet[packet.index(b"\x04\x03lab") + 5]  # after version and community
                 counts[kind] = counts.get(kind, 0) + 1
                 if passes(kind, counts[kind]):
                     carried.append(kind)

@@ -17,7 +17,7 @@ _ports = itertools.count(20001)
 
 @pytest.fixture
 def own_agents(tmp_path):
-    """Starts so many agents with these settings and returns them when they answer."""
+    """Starts `count` agents with these settings, and returns them when they answer."""
     agents = []
 
     def start(count=1, settings=(), with_module=True):

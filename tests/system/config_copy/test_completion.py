@@ -1,4 +1,4 @@
-"""The completion for bash, and that it and the manual know every option."""
+"""The completion for bash. It offers every option, and the manual describes every option."""
 
 import re
 import shlex

@@ -173,7 +173,7 @@ def test_synonyms():
     assert done.status == DONE and f"{AGENT}: startup to running copied in " in done.out, done
 
 
-def test_each_message_is_told_on_request():
+def test_each_message_is_shown_on_request():
     done = config_copy("--verbose", AGENT, "running", f"{account()}/verbose.cfg",
                        stdin=os.environ["LAB_PASSWORD"] + "\n")
     assert done.status == DONE, done

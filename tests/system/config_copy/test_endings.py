@@ -302,10 +302,10 @@ def test_look_at_an_agent_without_the_module(own_agents, words):
         ".1.3.6.1.4.1.41927.9.96?")
     check(config_copy("-v2c", "-c", "writer", command, agent.name, *index), REFUSED, text)
     done = config_copy("--json", "-v2c", "-c", "writer", command, agent.name, *index)
-    (told,) = done.objects()
+    (outcome,) = done.objects()
     assert done.status == REFUSED, done
-    assert (told["agent"], told["ending"], told["status"], told["text"]) == (agent.name, "refused",
-                                                                             REFUSED, text), done
+    assert (outcome["agent"], outcome["ending"], outcome["status"],
+            outcome["text"]) == (agent.name, "refused", REFUSED, text), done
 
 
 @pytest.mark.parametrize("options, text", [
@@ -356,7 +356,7 @@ def test_names_that_are_not_known():
 
 
 def test_agent_that_stops_answering(operator):
-    """It keeps the request, which it can't be told about, until it answers again."""
+    """The agent keeps the request until it answers again: only then can the row be destroyed."""
     pid = agent_pid()
     with busy_device():
         process = started(*QUICK, AGENT, "running", "startup")

@@ -1,5 +1,5 @@
-"""Single packets are lost between the steps of a request, which a link that loses some at random
-seldom does."""
+"""Single packets are lost between the steps of a request. A link that loses packets at random
+seldom loses just these."""
 
 import pytest
 from command import ANSWER, DONE, SET, UNREACHABLE, rows, through_relay
@@ -12,8 +12,8 @@ from copy_table import (
                                           ((ANSWER, 4), 3)],
                          ids=["making", "made", "activation", "activated"])
 def test_one_packet_is_lost(operator, lost, writes):
-    """A request is made, activated and destroyed once. One whose making is not answered and that is
-    not there may still come, so it is destroyed, too."""
+    """A request is created, activated and destroyed once. If the creation is not answered and the
+    row is not there, the SET may still be on its way, so that row is destroyed, too."""
     done, carried = through_relay(lambda *packet: packet != lost, "-t", "1", "-r", "3")
     assert done.status == DONE, done
     assert carried.count(SET) == writes and rows(operator) == []
@@ -48,8 +48,8 @@ def test_no_write_comes_through_after_the_first(operator):
 
 
 def test_transfer_that_ends_between_refusal_and_question(operator, broken_link):
-    """When the command asks which copy runs, none does any more, and the activation is tried again:
-    this is not told as busy."""
+    """The activation is refused because another copy runs, which ends before the command asks for
+    it. The command activates again and does not report the switch as busy."""
     other = Request(operator).create(*download(SERVER4, "absent.cfg"))
     other.activate()
     running, sets = [other], []

@@ -36,14 +36,14 @@ def hosts_file(tmp_path, agents):
 def test_fifty_agents_three_of_them_dead(own_agents, tmp_path):
     alive = [agent.name for agent in own_agents(ALIVE, SETTINGS)]
     with silent_agent() as silent:
-        dead = [silent, "127.0.0.1:9", "198.51.100.9"]  # nobody there, and no way there
+        dead = [silent, "127.0.0.1:9", "198.51.100.9"]  # no agent there; no route there
         hosts = hosts_file(tmp_path, dead + alive)
         process = started(*USER, "-t", "5", "-r", "1", "--hosts", hosts, "--jobs", "50", "running",
                           f"tftp://{SERVER4}/{{host}}.cfg")
         began = time.monotonic()
         lines = [process.stdout.readline() for _ in alive]
         took = time.monotonic() - began
-        # The live ones are done before any of the dead is given up.
+        # The live agents are done before any dead one is given up.
         assert took < DEAD_AFTER and process.poll() is None, f"{took:.1f} s"
         assert sorted(line.split(": ")[0] for line in lines) == sorted(alive)
         done = ended(process)
@@ -62,7 +62,7 @@ def test_jobs_and_json(own_agents, tmp_path):
                            hosts_file(tmp_path, [silent, *alive]), "running",
                            f"tftp://{SERVER4}/{{host}}.cfg")
         *copies, summary = done.objects()
-        # The one that is not there takes the only place from nobody.
+        # The silent agent holds up no other one, although only one job runs at a time.
         assert sorted((copy["agent"], copy["ending"]) for copy in copies[:3]) == sorted(
             (agent, "done") for agent in alive)
         assert (copies[3]["agent"], copies[3]["ending"]) == (silent, "not_reachable")
@@ -77,8 +77,8 @@ def test_jobs_and_json(own_agents, tmp_path):
                          [(256, resource.getrlimit(resource.RLIMIT_NOFILE)[1], 1100),
                           (128, 128, 100)], ids=["soft", "hard"])
 def test_more_agents_than_open_files(own_agents, tmp_path, soft, hard, count):
-    """A soft limit is raised, so that the last agent is asked beside the silent ones; with a low
-    hard limit it has to wait for them."""
+    """The command raises a soft limit, so it asks the last agent together with the silent ones.
+    With a low hard limit that agent has to wait for them."""
     (alive,) = own_agents(1, SETTINGS)
     silent = [f"127.1.{number // 250}.{number % 250 + 1}:9" for number in range(count)]
     done = config_copy(
@@ -129,7 +129,7 @@ def test_quiet(own_agents, tmp_path):
 
 
 def test_waiting_for_turns(own_agents, tmp_path, broken_link):
-    """A copy that hangs makes one agent busy; the other one's is done meanwhile."""
+    """A hanging copy makes one agent busy; the copy on the other one is made meanwhile."""
     busy, free = [agent.name for agent in own_agents(2, SETTINGS)]
     words = (*USER, "--hosts", hosts_file(tmp_path, [busy, free]), "startup", "running")
     hanging = started(*USER, busy, "running", f"tftp://{SERVER4}/hanging.cfg")
@@ -152,7 +152,7 @@ def test_waiting_for_turns(own_agents, tmp_path, broken_link):
 
 
 def test_time_limit(own_agents, tmp_path, broken_link):
-    """Of each copy by itself: with one job, the second one has its full time."""
+    """The limit is that of each copy: with one job, the second copy has its full time."""
     agents = [agent.name for agent in own_agents(2, SETTINGS)]
     began = time.monotonic()
     done = config_copy(*USER, "--time-limit", 1, "--jobs", 1, "--hosts",

@@ -85,7 +85,7 @@ def test_reason_of_a_failed_save():
 
 
 def test_user_who_may_not_read_the_line(own_agents, password_file):
-    """The outcome is reported without it, and as quickly."""
+    """The outcome is reported without the line, and as quickly."""
     (agent,) = own_agents(1, SETTINGS)
     began = time.monotonic()
     done = config_copy(*CREDENTIALS, "--password-file", password_file("wrong"), agent.name,

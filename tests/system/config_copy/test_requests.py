@@ -55,7 +55,7 @@ def test_abort(operator):
 
 
 def test_abort_of_a_transfer(operator, broken_link):
-    """It ends, and the next copy begins at once."""
+    """The copy ends, and the next one begins at once."""
     request = Request(operator).create(*download(SERVER4, "absent.cfg"))
     request.activate()
     done = config_copy("abort", AGENT, request.index)

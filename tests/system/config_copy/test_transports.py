@@ -23,8 +23,8 @@ def test_ipv6_and_unix_sockets(own_agents, tmp_path):
 
 
 def certificate(home, name):
-    """A key and its self-signed certificate where the library looks for them; the certificate's
-    fingerprint."""
+    """Makes a key and its self-signed certificate where the library looks for them. Returns the
+    certificate's fingerprint."""
     for folder in ("certs", "private"):
         (home / "tls" / folder).mkdir(parents=True, exist_ok=True)
     file = home / f"tls/certs/{name}.crt"
@@ -32,14 +32,15 @@ def certificate(home, name):
         "openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj",
         f"/CN={name}", "-keyout", home / f"tls/private/{name}.key", "-out", file
     ], check=True, stderr=subprocess.DEVNULL)
-    told = subprocess.run(["openssl", "x509", "-in", file, "-noout", "-fingerprint", "-sha256"],
-                          check=True, stdout=subprocess.PIPE, text=True).stdout
-    return told.strip().partition("=")[2]
+    printed = subprocess.run(
+        ["openssl", "x509", "-in", file, "-noout", "-fingerprint", "-sha256"], check=True,
+        stdout=subprocess.PIPE, text=True).stdout
+    return printed.strip().partition("=")[2]
 
 
 def test_dtls(tmp_path):
-    """RFC 6353: certificates instead of passphrases. The transport tells no engine, so the agent is
-    asked for it."""
+    """RFC 6353: certificates instead of passphrases. The transport does not discover the engine, so
+    the command asks the agent for it."""
     there, here = tmp_path / "there", tmp_path / "here"
     certificate(there, "agent")
     fingerprint = certificate(here, "manager")

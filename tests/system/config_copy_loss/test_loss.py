@@ -1,5 +1,5 @@
-"""Over a link that loses a fifth of all frames each way: requests and answers get lost, and the
-copies are done all the same."""
+"""Over a link that loses a fifth of all frames each way: requests and answers get lost, but the
+copies are made."""
 
 import os
 import sys
@@ -23,6 +23,6 @@ SECOND = os.environ["LAB_AGENTS"].split()[1]
 def test_copies(words, attempt):
     done = config_copy("-t", "0.2", "-r", "20", SECOND, *words)
     assert done.status == DONE, done
-    # The other switch itself has no loss on its way to its own agent.
+    # The other switch reaches its own agent without loss.
     assert run("lab-ctl", "switch-exec", 2, "config-copy", "list",
                SECOND) == f"no copy requests on {SECOND}\n"

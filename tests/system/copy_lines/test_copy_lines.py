@@ -59,7 +59,7 @@ def digest(content):
 
 
 def line_of(request):
-    """Of the request's copy, once it is there; and the log has the same."""
+    """The line of the request's copy, once it is there. Checks that the log has the same line."""
     def newest():
         lines = [line for line in kept() if f" request={request.index} " in line]
         return lines[0] if lines else None
@@ -87,7 +87,7 @@ def failed(request, within=15):
 
 @pytest.fixture(autouse=True)
 def no_password_anywhere():
-    """Whatever a test does, the account's password is in none of the lines; and no report stays."""
+    """After every test, the account's password is in none of the lines, and no report is left."""
     yield
     assert SECRET not in "\n".join(kept()) and SECRET not in LOG.read_text()
     assert list(Path("/lab/switch1/run").glob("copy-report*")) == []
@@ -127,7 +127,7 @@ def test_download(operator, name, lines_of):
     assert (line["bytes"], line["sha256"]) == (str(len(content)), digest(content))
 
 
-def test_community_is_told_by_the_name_that_stands_for_it():
+def test_community_is_shown_by_its_security_name():
     request = Request(Manager("v2c")).create(*upload(SERVER4, "by-v2c.cfg")).copied()
     line = line_of(request)
     assert re.fullmatch(r"comm\d", line["user"]) and line["requester"] == ADDRESS_OF_OURS, line
@@ -308,7 +308,7 @@ def test_agent_serves_the_lines(operator):
 
 
 def test_longest_line_passes(operator):
-    name = "\u00fc" * 64  # 128 octets, each of which needs three signs
+    name = "\u00fc" * 64  # 128 octets, each written as three characters
     columns = upload(SERVER4, name.encode(), protocol=SFTP, user="u" * 40, password="wrong")
     request = Request(operator).create(*columns)
     request.fails(30)
@@ -334,7 +334,7 @@ def test_unanswered_save(operator):
 
 
 def test_save_that_is_lost(operator):
-    """The system manager dies in the middle, and nobody else would tell of it."""
+    """The system manager dies in the middle of the save and so can't report the end."""
     with busy_device():
         request = save(operator).activate()
         lab_ctl("kill-system-manager")

@@ -1,5 +1,5 @@
-"""A system manager for tests, which replaces the real one: it takes the agent's requests from the
-message bus, answers as the test wants, and sends the messages that the test wants."""
+"""A system manager that the test controls, in the place of the real one: it receives the agent's
+requests over the message bus, answers them and sends messages as the test says."""
 
 import os
 import socket
@@ -36,7 +36,7 @@ class SystemManager:
 
     def __enter__(self):
         lab_ctl("stop-system-manager")
-        # One that was killed leaves its socket; its lock has gone with it.
+        # A killed system manager leaves its socket behind; its lock is gone.
         Path(_bus(SYSTEM_MANAGER)).unlink(missing_ok=True)
         self.listener = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
         self.listener.bind(_bus(SYSTEM_MANAGER))
@@ -67,7 +67,7 @@ class SystemManager:
                 connection.close()
                 continue
             connection.send(_packet(ACTION, token, struct.pack(">I", self.answer)))
-            # The agent takes a connection that closes for the end of the system manager.
+            # Kept open: the agent takes its closing for the end of the system manager.
             self.connections.append(connection)
 
     def tell(self, opcode, payload=b""):

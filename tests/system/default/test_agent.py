@@ -25,7 +25,7 @@ SILENT = "192.0.2.66"
 
 @pytest.fixture
 def silent_server():
-    """A host on the link with a server that accepts everything and answers nothing."""
+    """A host on the link with a TFTP server that receives every request and answers none."""
     run("lab-ctl", "server-exec", "ip", "address", "add", f"{SILENT}/24", "dev", "br0")
     program = (f"import socket; s = socket.socket(type=socket.SOCK_DGRAM); s.bind(('{SILENT}', "
                "69)); print('ready', flush=True)\nwhile True: s.recv(9)")
@@ -120,8 +120,8 @@ def test_killed_worker_fails_its_row_and_no_other(manager, silent_server):
 
 
 def test_extend_script_works_before_during_and_after_a_copy(manager, broken_link):
-    """Its output carries its process id: each answer is a run of its own, reaped by who started
-    it."""
+    """The script prints its process id, so each answer comes from a run of its own. The agent reaps
+    every run."""
 
     def greeting():
         output = manager.get(EXTEND_OUTPUT).decode()
@@ -144,8 +144,8 @@ def test_extend_script_works_before_during_and_after_a_copy(manager, broken_link
 
 
 def private_memory_kib(pid):
-    """What the process itself wrote; pages of its libraries come and go with the machine's
-    memory."""
+    """Only pages that the process itself has written: pages of its libraries come and go with the
+    free memory of the machine."""
     status = Path(f"/proc/{pid}/status").read_text()
     return int(re.search(r"^RssAnon:\s+(\d+)", status, re.MULTILINE)[1])
 
@@ -155,16 +155,15 @@ def descriptors(pid):
 
 
 def test_two_hundred_copies_cost_nothing(operator):
-    """No descriptor, no zombie, no memory: what the first copies take for good is counted
-    before."""
+    """They leave no descriptor, no zombie and no memory. What the first copies take once and for
+    all is not counted."""
 
     def copies(count):
         for _ in range(count):
             Request(operator).create(*upload(SERVER4, "many.cfg"),
                                      (NOTIFY, TRUE)).copied().destroy()
 
-    # The agent keeps the last notifications, 1000 unless told otherwise; that is its memory, not
-    # ours.
+    # The agent keeps the last notifications, by default 1000. That memory is the agent's own.
     operator.set((NOTIFICATION_LOG_LIMIT, "u", 10))
     pid = agent_pid()
     copies(30)
@@ -172,6 +171,6 @@ def test_two_hundred_copies_cost_nothing(operator):
     copies(200)
     assert zombies(pid) == [] and agent_pid() == pid
     assert len(descriptors(pid)) == len(open_before), (open_before, descriptors(pid))
-    # Half a KiB a copy: a row that leaked, or the list of a notification, is more.
+    # Half a KiB a copy: a leaked row or notification list would be larger.
     assert private_memory_kib(pid) - memory < 100
     operator.set((NOTIFICATION_LOG_LIMIT, "u", 1000))

@@ -101,7 +101,7 @@ def test_write_to_finished_active_row(manager):
 
 
 def test_failed_pdu_takes_back_its_other_values(manager, row):
-    """Integers and addresses come back as they were, whatever stands first in the PDU."""
+    """Integers and addresses come back as they were, whatever comes first in the PDU."""
     before = row.columns()
     good = (integer(row, PROTOCOL, SFTP), integer(row, SOURCE, STARTUP),
             integer(row, DESTINATION, RUNNING), integer(row, NOTIFY, TRUE))
@@ -112,7 +112,7 @@ def test_failed_pdu_takes_back_its_other_values(manager, row):
 
 
 def test_pdu_that_fails_while_it_is_stored_makes_no_row(manager):
-    """An address wants the address type before it: that is seen when the values are stored."""
+    """An address needs the type before it, which is checked only when the values are stored."""
     request = Request(manager)
     assert refused(manager, (request.oid(ROW_STATUS), "i", CREATE_AND_WAIT),
                    (request.oid(ADDRESS), "x", "c0000214")) == "wrongValue"
@@ -120,7 +120,7 @@ def test_pdu_that_fails_while_it_is_stored_makes_no_row(manager):
 
 
 def test_pdu_that_fails_in_its_first_check_leaves_a_row_to_go_on_with(manager):
-    """Its value is refused before any is stored; the row is there by then, and holds nothing."""
+    """The value is refused before any is stored. The row exists by then, with its defaults."""
     request = Request(manager)
     assert refused(manager, (request.oid(ROW_STATUS), "i", CREATE_AND_WAIT),
                    text(request, FILE_NAME, "n" * 129)) == "wrongLength"
@@ -168,8 +168,8 @@ HOSTILE = [
 @pytest.mark.parametrize("name", HOSTILE, ids=[f"{number}" for number in range(len(HOSTILE))])
 @pytest.mark.parametrize("direction", [upload, download], ids=["upload", "download"])
 def test_hostile_file_name(operator, name, direction):
-    """Whatever the outcome is, there is one, no command runs and nothing outside the worker's
-    directory changes."""
+    """The copy ends, whatever its outcome. No command runs, and nothing changes outside the
+    worker's directory."""
     before, running = snapshot(), show("running")
     request = Request(operator).create(*direction(SERVER4, name))
     assert request.get(FILE_NAME) == octets(name)

@@ -1,4 +1,4 @@
-"""The message bus: who can reach it, and what becomes of it."""
+"""The message bus: access by other users, deleted sockets, and a restarting peer."""
 
 import contextlib
 import os
@@ -11,8 +11,8 @@ from copy_table import (
 )
 from saves import save
 
-# Connects to an access point as often as it can and keeps what it has got; a line at the end tells
-# how often it got through.
+# Connects to an access point as often as it can and keeps the connections. At its end it prints how
+# many it has.
 FILL = """
 import contextlib, os, signal, socket, sys
 signal.signal(signal.SIGTERM, lambda *_: os._exit(print(len(kept), flush=True) or 0))
@@ -33,7 +33,7 @@ def access_point(point):
 
 @contextlib.contextmanager
 def crowd(point):
-    """Another user of the machine fills the queue; ends with how often it got through."""
+    """Has another user of the machine try to fill the queue. Checks that it never got through."""
     process = subprocess.Popen(
         ["setpriv", "--reuid", "nobody", "--clear-groups", "/usr/bin/python3", "-c", FILL,
          str(access_point(point))], stdout=subprocess.PIPE, text=True)

@@ -87,8 +87,8 @@ def test_notification_has_its_bindings_in_order(manager, server):
         expected.insert(0, (request.oid(LEGACY_ADDRESS), server))
     expected += [(request.oid(column), row[column])
                  for column in (STATE, TIME_STARTED, TIME_COMPLETED, FAIL_CAUSE, ADDRESS_TYPE)]
-    # A second one would come on the same way and be here before the answer to the next copy's
-    # request.
+    # A second notification would come the same way, and be here before the answer to the next
+    # copy's request.
     Request(manager).create(*upload(server, "untold.cfg")).copied()
     (bindings,) = completions(request.index)
     assert bindings[0][0] == ".1.3.6.1.2.1.1.3.0" and bindings[0][1] >= row[TIME_COMPLETED]
@@ -107,8 +107,8 @@ def test_notification_of_a_failure(manager):
 def test_no_notification_when_none_is_asked_for(manager):
     quiet = Request(manager).create(*upload(SERVER4, "quiet.cfg")).copied()
     # What the quiet copy would have sent arrives before what a later one sends.
-    told = Request(manager).create(*upload(SERVER4, "told.cfg"), (NOTIFY, TRUE)).copied()
-    wait_for(lambda: completions(told.index), what="the notification")
+    later = Request(manager).create(*upload(SERVER4, "told.cfg"), (NOTIFY, TRUE)).copied()
+    wait_for(lambda: completions(later.index), what="the notification")
     assert completions(quiet.index) == []
 
 
@@ -130,7 +130,7 @@ def test_server_without_a_route(manager):
 
 
 def test_server_that_is_not_there(manager):
-    """An address of the server's own network where nobody answers."""
+    """An unused address in the server's own network."""
     assert Request(manager).create(*upload("192.0.2.99", "nowhere.cfg")).fails() == TIMEOUT
 
 
@@ -142,7 +142,7 @@ def no_system_manager():
 
 
 def test_running_to_startup_without_a_system_manager(manager, no_system_manager):
-    """Nobody takes the request: the platform ends the row as failed, and the next copy starts."""
+    """The request can't be sent: the platform ends the row as failed, and the next copy starts."""
     request = Request(manager).create((SOURCE, RUNNING), (DESTINATION, STARTUP), (NOTIFY, TRUE))
     request.activate()
     assert request.finished(within=2) == (STATE_FAILED, SYSTEM_MANAGER_FAILED)
@@ -151,7 +151,7 @@ def test_running_to_startup_without_a_system_manager(manager, no_system_manager)
 
 
 def test_server_that_never_answers(operator, broken_link):
-    """As long as the client waits for an answer: about 20 seconds."""
+    """The client waits about 20 seconds for an answer."""
     before = show("running")
     assert Request(operator).create(*download(SERVER4, "silent.cfg")).fails(within=45) == TIMEOUT
     assert show("running") == before

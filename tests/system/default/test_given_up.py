@@ -1,4 +1,4 @@
-"""Copies that the switch gives up: nothing of them goes on, and the next one begins at once."""
+"""Copies that the switch gives up: all their processes end, and the next copy begins at once."""
 
 import os
 import re
@@ -29,7 +29,7 @@ def descendants(pid):
 
 
 def hanging(operator, protocol, columns):
-    """A copy on a link that is cut, and the processes that are at it."""
+    """Starts a copy over a cut link. Returns its request and its processes."""
     request = Request(operator).create(*columns(SERVER4, "given-up.cfg", protocol=protocol))
     request.activate()
     least = 1 if protocol == TFTP else 3  # a worker, a script, a client
@@ -80,7 +80,7 @@ def test_time_limit(operator, broken_link, protocol, is_stopped):
 
 @PROTOCOLS
 def test_killed_agent(operator, broken_link, protocol, lines_of):
-    """What was on its way does not come into force later, and nothing stays on the disk."""
+    """The file that was on its way is not applied later, and nothing stays on the disk."""
     serve("given-up.cfg", lines_of("vlan 77"))
     _, pids = hanging(operator, protocol, download)
     agent = agent_pid()

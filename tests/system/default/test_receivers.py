@@ -22,7 +22,7 @@ RECEIVER = f"{SERVER4}:1162"
 
 
 def lines_of_page(page, *tokens):
-    """The lines of configuration in it that begin with one of these tokens. In a manual page a
+    """The configuration lines in the page that begin with one of these tokens. In a manual page a
     backslash joins lines."""
     text = (DOCUMENTS / page).read_text().replace("\\\n", "")
     return "".join(re.findall(rf"^(?:{'|'.join(tokens)}) .*\n", text, re.MULTILINE))
@@ -30,7 +30,7 @@ def lines_of_page(page, *tokens):
 
 @pytest.fixture
 def sends_to():
-    """Has the agent send its notifications as a page says, to this receiver."""
+    """Makes the agent send its notifications as a page says, but to this receiver."""
     before = AGENT_SETTINGS.read_text()
 
     def send(page, receiver):
@@ -46,8 +46,8 @@ def sends_to():
 
 
 def slowest_answer(manager, request):
-    """In seconds, of those that the agent gives from the activation of a copy until two seconds
-    later."""
+    """The longest time, in seconds, that the agent takes for an answer, from the activation of a
+    copy until two seconds after its end."""
     slowest, ended = [0.0], threading.Event()
 
     def ask():
@@ -83,8 +83,8 @@ def test_agent_does_not_wait_for_a_receiver_that_is_down(sends_to, page, receive
 
 @pytest.fixture
 def receiver(tmp_path):
-    """Runs a receiver with a page's lines on the file server's host, in place of the one before,
-    and returns where it writes."""
+    """Runs a receiver with a page's lines on the file server's host, in the place of the previous
+    one, and returns its log."""
     program = Path(
         os.readlink(f"/proc/{agent_pid()}/exe")).parents[3] / "root-snmptrapd/usr/sbin/snmptrapd"
     log = tmp_path / "log"
@@ -117,10 +117,10 @@ def receiver(tmp_path):
 @pytest.mark.parametrize("page", PAGES)
 def test_notification_is_received_and_acknowledged(operator, sends_to, receiver, page):
     sends_to(page, RECEIVER)
-    for _ in range(2):  # once more after a restart of the receiver, which then has another clock
+    for _ in range(2):  # again after the receiver's restart, which changes its engine time
         log = receiver(page)
         request = Request(operator).create(*upload(SERVER4, "told.cfg"), (NOTIFY, TRUE)).copied()
         wait_for(lambda: f"{COMPLETION}.{request.index}" in log.read_text(),
                  what="the notification")
-        time.sleep(3)  # what is not acknowledged comes again after a second
+        time.sleep(3)  # without an acknowledgment it comes again after a second
         assert log.read_text().count(f"{COMPLETION}.{request.index}") == 1

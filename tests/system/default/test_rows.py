@@ -37,8 +37,8 @@ def test_create_and_go_with_all_columns_in_one_pdu(manager, place):
 
 @pytest.mark.parametrize("pairs", [(), upload(SERVER4, "never.cfg")], ids=["alone", "with columns"])
 def test_active_on_absent_row(manager, pairs):
-    """It makes a row, and a row that says active takes no columns: so there is nothing that it
-    could start. The row stays, until destroyed."""
+    """The SET makes a row that reads active. Such a row takes no columns, so there is nothing that
+    it could start. It stays until it is destroyed."""
     request = Request(manager)
     with pytest.raises(SnmpError) as refusal:
         request.set((ROW_STATUS, ACTIVE), *pairs)

@@ -22,8 +22,8 @@ from stand_in import ABORT, ACTION, BEGUN, DONE, INITIATED, REFUSED, SystemManag
 
 @pytest.fixture
 def fabric():
-    """How the last action went in a fabric of three; the local switch's address comes from its
-    management port."""
+    """Writes the outcome of the last action in a fabric of three. The local switch's address comes
+    from its management port."""
     file = Path(os.environ["ULMO_RUN_DIR"]) / "fabric-status"
     file.write_text("20:00:00:00:00:00:00:01 local - saved\n"
                     "20:00:00:00:00:00:00:02 remote 192.0.2.77 no answer in 10 s\n"
@@ -77,7 +77,7 @@ def test_answer_done_leaves_the_row_running(manager):
 
 
 def test_no_answer_fails_the_save(manager):
-    """A system manager that is gone before its answer does not hold the agent up."""
+    """A system manager that goes away without an answer does not hold up the agent."""
     with SystemManager(None):
         request = save(manager)
         request.activate()
@@ -104,7 +104,7 @@ def test_message_of_another_save_is_ignored(manager, broken_link):
         request = Request(manager).create(*upload(SERVER4, "other.cfg"))
         request.activate()
         system_manager.ended(0)
-        wait_for(lambda: history.tells("copy run2start not initiated by us. ignore it"),
+        wait_for(lambda: history.has("copy run2start not initiated by us. ignore it"),
                  what="the line in the history")
         assert request.get(STATE) == STATE_RUNNING
         broken_link()

@@ -19,7 +19,8 @@ UNREADABLE = f"{SETTINGS} can't be read: Is a directory; copies and saves fail"
 
 @pytest.fixture
 def settings():
-    """Gives the file other lines, or, with None, a folder's form, until the end of the test."""
+    """Adds lines to the file and takes out the history's, or with None replaces the file by a
+    folder, until the end of the test."""
     before = SETTINGS.read_bytes()
 
     def put(text):
@@ -36,7 +37,7 @@ def settings():
 
 
 def contacts():
-    """What the servers have told of their clients. The TFTP server tells of each request."""
+    """What the servers have logged about their clients. The TFTP server logs each request."""
     return {
         log.name: log.read_text() for log in LOGS.iterdir()
         if re.match(r"(ssh|vsftpd|tftp)", log.name)
@@ -59,14 +60,14 @@ def test_copies_fail_while_the_settings_cant_be_read(manager, settings, protocol
     ]) == 2
     assert len([
         line for line in history.lines() if line.endswith(f" error settings: {UNREADABLE}")
-    ]) == 1, "told by a worker, too"
+    ]) == 1, "reported by a worker, too"
 
 
 def test_local_copies_and_saves_fail_while_the_settings_cant_be_read(manager, settings):
     log = LOGS / "wardend1.log"
     startup = (STATE_DIRECTORY / "system.cfg").read_bytes()
     settings(None)
-    history, told = History(), len(log.read_text())
+    history, logged = History(), len(log.read_text())
     request = Request(manager).create((SOURCE, STARTUP), (DESTINATION, RUNNING))
     request.activate()
     assert request.finished() == (STATE_FAILED, GENERAL)
@@ -77,12 +78,12 @@ def test_local_copies_and_saves_fail_while_the_settings_cant_be_read(manager, se
     assert re.search(
         r"not saved to the startup configuration of this switch, \d+ ms: "
         rf"{re.escape(UNREADABLE)}\n",
-        log.read_text()[told:])
+        log.read_text()[logged:])
     assert any(UNREADABLE in line and "not saved" in line for line in history.lines())
 
 
 def test_bad_kind_of_switch_refuses_copies(manager, settings):
-    """The VRF that it stands for would be left out."""
+    """Otherwise the copy would be made outside the VRF that such a switch requires."""
     settings("chassis_type = 1O\n")
     lines, history, before = len(SETTINGS.read_text().splitlines()), History(), contacts()
     request = Request(manager).create(*upload(SERVER4, "never.cfg", protocol=TFTP))
@@ -106,16 +107,16 @@ def test_what_is_wrong_is_told_once_by_the_agent(manager, settings):
         "the default 250 is used",
         f"{SETTINGS} line {lines}: histroy: unknown setting; the line is ignored"
     ]
-    told = [
+    reported = [
         line.partition(" error settings: ")[2] for line in history.lines()
         if f" {agent} error settings: " in line
     ]
-    assert told == expected
+    assert reported == expected
 
 
 def test_history_holds_no_password_by_default(manager, settings):
     settings("")
-    # Within which the change holds: what is recorded until then is the course of things.
+    # The change takes effect within a second. Until then every step is recorded.
     time.sleep(1.1)
     history = History()
     for protocol in (FTP, SFTP, SCP):

@@ -1,4 +1,4 @@
-"""Saves of the running configuration, by the system manager itself."""
+"""Saves of the running configuration by the real system manager."""
 
 import itertools
 import os
@@ -78,7 +78,7 @@ def next_copy_works(manager):
 
 @TO
 def test_no_system_manager(operator, destination):
-    """The SET succeeds, and the platform ends the save that nobody else will."""
+    """The SET succeeds, and the platform ends the save, as no system manager will."""
     lab_ctl("stop-system-manager")
     request = save(operator, destination)
     request.activate()
@@ -91,7 +91,7 @@ def test_no_system_manager(operator, destination):
 
 @pytest.mark.parametrize("killed", [True, False], ids=["killed", "silent"])
 def test_no_answer(operator, changed, killed):
-    """The agent comes back by itself, and what has failed is not saved later."""
+    """The agent stops waiting by itself, and the failed save is not made later."""
     before, refused = startup(), logged("not begun: the requester is gone")
     pid = system_manager_pid()
     os.kill(pid, signal.SIGSTOP)
@@ -101,7 +101,7 @@ def test_no_answer(operator, changed, killed):
     began = time.monotonic()
     setting.start()
     if killed:
-        wait_for(lambda: history.tells("Sending request to warden"), what="the request")
+        wait_for(lambda: history.has("Sending request to warden"), what="the request")
         lab_ctl("kill-system-manager")
     setting.join()
     assert time.monotonic() - began < 1
@@ -110,7 +110,7 @@ def test_no_answer(operator, changed, killed):
         lab_ctl("start-system-manager")
     else:
         os.kill(pid, signal.SIGCONT)
-        # What it finds now is a request whose requester is gone.
+        # It now finds a request whose requester is gone.
         wait_for(lambda: logged("not begun: the requester is gone") > refused,
                  what="the line in the log")
     assert startup() == before
@@ -131,7 +131,7 @@ def test_killed_while_it_saves(operator, changed):
 
 
 def test_restarted_after_a_save_was_cut_short(operator, changed):
-    """Nothing that the next system manager tells ends the next save."""
+    """The restarted system manager sends nothing that ends the next save."""
     with busy_device():
         first = save(operator)
         first.activate()
@@ -145,7 +145,7 @@ def test_restarted_after_a_save_was_cut_short(operator, changed):
 
 
 def test_refused(manager, changed):
-    """Somebody else's save is in progress."""
+    """The command line's save is in progress."""
     before = startup()
     with busy_device():
         other = subprocess.Popen(["cmdshell", "-c", "copy running-config startup-config"])
@@ -211,7 +211,7 @@ def test_save_outside_snmp_leaves_all_requests_alone(operator, broken_link):
 
 
 def test_save_outside_snmp_does_not_end_ours(operator, changed):
-    """The shell's, which is the next one, ends before the one that waits for the device."""
+    """The shell's save is refused while the manager's waits for the device."""
     with busy_device():
         request = save(operator).activate()
         busy = subprocess.run(["cmdshell", "-c", "copy running-config startup-config"],
@@ -222,7 +222,7 @@ def test_save_outside_snmp_does_not_end_ours(operator, changed):
 
 
 def test_a_half_made_request_and_saves(operator, changed):
-    """Neither a manager's save nor the shell's starts what nobody has activated."""
+    """Neither a manager's save nor the shell's starts a request that was not activated."""
     half_made = Request(operator).create(*upload(SERVER4, "half.cfg"))
     for _ in range(5):
         save(operator).copied()
@@ -232,7 +232,7 @@ def test_a_half_made_request_and_saves(operator, changed):
 
 
 def test_backups_and_saves_side_by_side(operator):
-    """Managers that make their requests while saves of others begin and end."""
+    """Managers activate their requests while other saves begin and end."""
     ended = []
 
     def manage(make):
@@ -289,7 +289,7 @@ def test_save_outside_snmp_and_an_empty_table(operator):
 
 
 def test_agent_restarted_during_a_save(operator, changed):
-    """The save is the system manager's: it goes on, and nobody is there to be told."""
+    """The system manager completes the save although the agent that asked for it has ended."""
     with busy_device():
         save(operator).activate()
         lab_ctl("restart-agent")
@@ -325,7 +325,7 @@ def packet(opcode, payload):
 
 @pytest.fixture
 def undisturbed(operator, broken_link):
-    """A copy that runs meanwhile, and whose end nothing but its own worker may tell."""
+    """Runs a copy during the test, whose end only its own worker may report."""
     copying = Request(operator).create(*upload(SERVER4, "mine.cfg")).activate()
     yield
     assert copying.get(STATE) == STATE_RUNNING
@@ -334,7 +334,7 @@ def undisturbed(operator, broken_link):
 
 
 def test_another_user_can_not_connect(undisturbed):
-    """Neither the agent nor the system manager takes anything from a process of another user."""
+    """Neither the agent's nor the system manager's access point lets another user connect."""
     for point in (SYSTEM_MANAGER, SNMP_AGENT):
         knock = subprocess.run(["setpriv", "--reuid", "nobody", "--clear-groups",
                                 "/usr/bin/python3", "-c", KNOCK, access_point(point)],
@@ -357,5 +357,5 @@ def test_messages_that_mean_nothing_are_dropped_with_a_line(undisturbed):
             connection.sendall(packet(opcode, payload))
             connection.settimeout(5)
             assert connection.recv(100) == b""
-        wait_for(lambda: history.tells("dropped"),
+        wait_for(lambda: history.has("dropped"),
                  what=f"the line about {opcode} with {len(payload)} octets")

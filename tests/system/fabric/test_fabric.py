@@ -35,8 +35,8 @@ def cmdshell(number, command):
 
 @pytest.fixture(autouse=True)
 def whole_fabric():
-    """Every switch runs something that its startup configuration does not hold; afterwards
-    everything runs again, as it was set."""
+    """Gives every switch an unsaved change. Afterwards all agents and system managers run again,
+    with their settings as before."""
     settings, vlan = SETTINGS.read_text(), next(vlans)
     SETTINGS.write_text(f"{settings}fabric_time_limit = {LIMIT}\n")
     for number, state in STATES.items():
@@ -61,7 +61,7 @@ def which_saved():
 
 
 def rows_on(number):
-    """The members' agents take the same tools and user as the first one."""
+    """The members' agents accept the same user as the first one."""
     done = subprocess.run(["snmpwalk", "-On", "-r0", "-t2", AGENTS[number], ROOT],
                           stdout=subprocess.PIPE, text=True, check=True)
     return [line for line in done.stdout.splitlines() if "No " not in line]
@@ -151,8 +151,8 @@ def test_member_out_of_space(operator, saved_before):
 def test_this_switch_fails(operator):
     with damaged_running_configuration():
         request = failed(operator)
-        told = outcomes(operator, request)
-    assert "is not valid" in told.pop(HERE) and told == {SECOND: SAVED, THIRD: SAVED}
+        reported = outcomes(operator, request)
+    assert "is not valid" in reported.pop(HERE) and reported == {SECOND: SAVED, THIRD: SAVED}
     works_again(operator)
 
 
@@ -233,8 +233,7 @@ def test_killed_while_the_fabric_saves(operator, saved_before):
         request = fabric_save(operator)
         wait_for(lambda: rows_on(SECOND), what="the row on the member")
         lab_ctl("kill-system-manager", HERE)
-        # Nothing is left that would do it later: the process of the save outlives the daemon for
-        # it.
+        # The process of the save outlives the daemon to destroy the row: nothing would do so later.
         wait_for(lambda: rows_on(SECOND) == [], what="the end of the row on the member")
     assert request.finished(within=2) == (STATE_FAILED, SYSTEM_MANAGER_FAILED)
     assert startup() == saved_before[HERE]

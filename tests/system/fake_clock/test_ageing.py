@@ -1,5 +1,5 @@
-"""Rows age out. The agent's clock is moved; its alarm needs no more than a request that wakes
-it."""
+"""Rows age out. The tests move the agent's clock; the next request wakes the agent, which then runs
+its alarm."""
 
 import pytest
 from copy_numbers import ROOT
@@ -39,7 +39,7 @@ def test_rows_age_out_but_not_before_their_time(operator, later):
     later(420)
     wait_for(lambda: not any(row.exists() for row in rows), what="the rows' end")
     assert operator.walk(ROOT) == []
-    # The table begins anew, with an age of its own.
+    # The next row begins with an age of its own.
     fresh = Request(operator).create(*upload(SERVER4, "fresh.cfg")).copied()
     later(700)
     assert fresh.exists()

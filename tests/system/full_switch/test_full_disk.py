@@ -14,8 +14,8 @@ def test_save_that_does_not_fit(manager, destination):
         assert startup() == before
         assert not [*STATE_DIRECTORY.glob("*.new")]
         assert run("cmdshell", "-c", "show last-save") == "no space on device\n"
-        told = [b"no space on device"] if destination == FABRIC_STARTUP else []
-        assert [row[3] for _, row in error_rows(manager)] == told
+        expected = [b"no space on device"] if destination == FABRIC_STARTUP else []
+        assert [row[3] for _, row in error_rows(manager)] == expected
     again = save(manager, destination)
     again.activate()
     assert again.finished() == (STATE_SUCCESSFUL, GENERAL)

@@ -1,10 +1,10 @@
-// count_sync: preloaded into a program (LD_PRELOAD), notes the order in which it brings files to
-// the disk.
+// count_sync: preloaded into a program (LD_PRELOAD), records the order in which the program writes
+// files to the disk.
 //
 // Appends a line to the file $COUNT_SYNC_LOG for each call that opened a file for writing, wrote to
 // one, synced, renamed or removed one, by this process or by its children: "open PATH", "write
 // PATH", "sync PATH", "rename OLD NEW", "remove PATH". Only paths below the directory
-// $COUNT_SYNC_ROOT are noted, and only calls that succeeded.
+// $COUNT_SYNC_ROOT are recorded, and only calls that succeeded.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/syscall.h>
@@ -25,7 +25,7 @@ bool is_of_interest(const std::string &path) {
     return root != nullptr && (path == root || path.rfind(std::string(root) + "/", 0) == 0);
 }
 
-// Past the functions below, which would note it.
+// Uses system calls directly: the functions below would record this write, too.
 void note(const std::string &line) {
     const char *log = std::getenv("COUNT_SYNC_LOG");
     if (log == nullptr) {
@@ -36,7 +36,7 @@ void note(const std::string &line) {
         ::syscall(SYS_openat, AT_FDCWD, log, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
     if (file < 0 || ::syscall(SYS_write, file, (line + "\n").data(), line.size() + 1) !=
                         static_cast<long>(line.size()) + 1) {
-        std::abort(); // a log with gaps would prove what is not so
+        std::abort(); // a log with gaps would prove nothing
     }
     ::syscall(SYS_close, file);
     errno = saved_errno;
@@ -71,7 +71,7 @@ int noted_rename(int result, const char *from, const char *to) {
     return result;
 }
 
-// The mode that open(2) takes as a third argument, where it takes one.
+// The third argument of open(2), the mode, if the flags call for one.
 mode_t mode_in(int flags, std::va_list arguments) {
     return (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(arguments, mode_t) : 0;
 }

@@ -5,9 +5,9 @@
 //              [--cut-after BYTES] [--seed N]
 //
 // Every property applies to each direction separately. `--cut-after` cuts both directions for good
-// once so many octets of frames have entered the cable. The same seed loses the
-// same frames of a direction, counted from the first. Prints "ready" when both devices are there;
-// they may then be moved to other network namespaces. Ends with SIGTERM.
+// once so many octets of frames have entered the cable. The same seed loses the same frames of a
+// direction, counted from the first. Prints "ready" when both devices exist; they may then be moved
+// to other network namespaces. Ends with SIGTERM.
 #include <fcntl.h>
 #include <linux/if.h>
 #include <linux/if_tun.h>

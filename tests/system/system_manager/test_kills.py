@@ -27,8 +27,8 @@ COUNT_SYNC = WARDEND.parent.parent / "lib" / "count_sync.so"
 
 
 class Switch:
-    """A system manager with directories of its own, beside the lab's. What is killed is reaped
-    here, its orphans too."""
+    """A system manager with directories of its own, in addition to the lab's. Killed processes and
+    their orphans are reaped here."""
 
     def __init__(self, home, **variables):
         self.state, self.run = home / "state", home / "run"
@@ -47,8 +47,8 @@ class Switch:
                                         stdout=self.log, stderr=self.log)
 
     def kill(self):
-        """Ends with nothing left of it: the process of an action ends with its parent, only a
-        little later."""
+        """Kills it and waits until nothing of it is left: the process of an action ends shortly
+        after its parent."""
         self.process.kill()
         self.process.wait()
         while True:
@@ -58,7 +58,7 @@ class Switch:
                 return
 
     def ask(self, everything=False):
-        """Sends the request for a save; returns the connection when it has been answered."""
+        """Sends the request for a save, and returns the connection once the request is answered."""
         payload = struct.pack(">IIBBBB", 26, 1, 0, 0, 1, 0).ljust(40, b"\0") + struct.pack(
             ">I", everything)
         payload = payload + b"tester".ljust(32, b"\0") + b"1".ljust(32, b"\0") + bytes(32)
@@ -85,7 +85,7 @@ class Switch:
         return struct.unpack_from(">I", packet, HEADER.size)[0]
 
     def save(self, everything=False):
-        """A whole save; returns how many seconds it took."""
+        """Makes a whole save. Returns how many seconds it took."""
         began = time.monotonic()
         with self.ask(everything) as connection:
             assert self.status(connection, ENDED) == 0
@@ -96,7 +96,7 @@ class Switch:
 
 
 def configuration(number):
-    """In canonical form, some 100 KB, and another one for each number, at its beginning, in its
+    """A configuration of some 100 KB in canonical form, with the number at its beginning, in its
     middle and at its end."""
     vlans = "".join(f"vlan {vlan}\n  name {'n' * 20}-{number}\n" for vlan in range(1, 2401))
     return f"hostname switch{number}\n{vlans}snmp-server contact {number}\nend\n".encode()
@@ -104,7 +104,7 @@ def configuration(number):
 
 @pytest.fixture
 def orphans():
-    """Orphans of what a test started become the test's children."""
+    """Makes orphans of the test's processes its own children."""
     libc = ctypes.CDLL(None, use_errno=True)
     assert libc.prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0) == 0
     yield
@@ -135,7 +135,7 @@ def test_a_thousand_kills(switch, tmp_path):
     files = {name: switch.state / name for name in [*copies, "system.cfg"]}
     assert len(configuration(0)) > 80_000
     switch.start()
-    # It has started the switch, which replaces the running configuration.
+    # Waits for the start of the switch, which replaces the running configuration.
     switch.save(everything=True)
     durations = {False: [], True: []}
     for number in range(1, 31):
@@ -145,8 +145,8 @@ def test_a_thousand_kills(switch, tmp_path):
         assert switch.startup.read_bytes() == kept
     switch.kill()
     durations = {everything: median(values) for everything, values in durations.items()}
-    # That a kill waits. It grows and shrinks as the machine gets slower and faster, so that half of
-    # the saves end before.
+    # The longest time before a kill. It follows the speed of the machine, so that half of the saves
+    # end before the kill.
     longest = dict(durations)
 
     old = {name: file.read_bytes() for name, file in files.items()}
@@ -186,7 +186,7 @@ def test_a_thousand_kills(switch, tmp_path):
     assert interrupted > rounds / 50, (kept, replaced, interrupted, durations)
     assert took < 60
 
-    # What the last one left does no harm.
+    # What the last kill left behind does no harm.
     switch.start()
     switch.save(everything=True)
     assert all(file.read_bytes() == new for file in [switch.running, *files.values()])
@@ -194,8 +194,8 @@ def test_a_thousand_kills(switch, tmp_path):
 
 
 def written(log, state):
-    """The calls in order, with paths relative to the state directory; a file that is written in
-    several pieces is written once."""
+    """The calls in order, with paths relative to the state directory. Several writes to a file in a
+    row appear as one."""
     calls = [
         line.replace(f"{state}/", "").replace(str(state), ".")
         for line in log.read_text().splitlines()
@@ -215,8 +215,8 @@ def committed(name):
 
 
 def test_nothing_is_renamed_before_it_is_on_the_disk(switch, tmp_path):
-    """A power failure leaves what had been synced: the new content before it gets its name, the
-    name before the end is told."""
+    """A power failure leaves only what was synced. So the new content must be synced before it gets
+    its name, and the name before the end of the save is reported."""
     log = tmp_path / "calls"
     switch = switch(LD_PRELOAD=str(COUNT_SYNC), COUNT_SYNC_LOG=str(log),
                     COUNT_SYNC_ROOT=str(tmp_path / "state"))

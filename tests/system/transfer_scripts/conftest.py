@@ -69,7 +69,7 @@ def small_disk():
 
 @pytest.fixture
 def other_host():
-    """A second address of the server's host. Nobody listens there but whom the test starts."""
+    """A second address of the server's host. Only programs that the test starts listen there."""
     on_server("ip", "address", "add", f"{OTHER_HOST}/24", "dev", "br0")
     started = []
 

@@ -57,7 +57,7 @@ class Script:
 class Running:
     def __init__(self, words, environment=()):
         self.words = words
-        # The lab tells the password in its environment, and the tests look for it there.
+        # The lab's environment has the password, and the tests look for it in environments.
         environment = {
             name: value for name, value in {**os.environ, **dict(environment)}.items()
             if name != "LAB_PASSWORD"
@@ -80,7 +80,7 @@ class Running:
     def result(self, within=FOREVER):
         output, error = self.process.communicate(timeout=within)
         assert output == b"", output
-        # A failure is one line, a success is silent, and neither tells the password.
+        # A failure prints one line, a success nothing; neither shows the password.
         if self.process.returncode == DONE:
             assert error == b"", error
         elif self.process.returncode > 0:
@@ -91,8 +91,8 @@ class Running:
 
 
 class Transfer:
-    """One transfer to come, with folders of its own at the switch and files of its own at the
-    server."""
+    """One transfer, which start() starts, with a folder of its own on the switch and a file of its
+    own on the server."""
 
     def __init__(self, script, action, here):
         self.script, self.action = script, action
@@ -111,7 +111,7 @@ class Transfer:
         return self.running.result()
 
     def is_moving(self):
-        """Whether some of it has arrived, be it under its name or a temporary one."""
+        """Whether some of it has arrived, under its own name or a temporary one."""
         assert self.running.process.poll() is None, "it has ended already"
         places = [self.target] if self.action == "put" else self.folder.iterdir()
         return any(path.exists() and path.stat().st_size > 0 for path in places)
@@ -176,12 +176,12 @@ def gone(pids):
 # Servers for the other host
 
 def listening(*ports):
-    """Whether the other host listens there."""
+    """Whether the other host listens on all these ports."""
     return all(
         run("lab-ctl", "server-exec", "ss", "-Hltn", f"src {OTHER_HOST}:{port}") for port in ports)
 
 
-# Takes connections and never says a word.
+# Accepts connections and never answers.
 SILENT = f"""
 import select, socket
 listeners = [socket.create_server(("{OTHER_HOST}", port)) for port in (21, 22)]
@@ -191,8 +191,8 @@ while True:
         accepted.append(listener.accept())
 """
 
-# An FTP server that says what it is told to, knows the account's password and the empty one, and
-# does not answer a farewell.
+# An FTP server that gives the replies in its arguments, accepts the account's password and the
+# empty one, and does not answer QUIT.
 FTP_SERVER = """
 import socket, sys
 address, reply_before, data, reply_after, size = sys.argv[1:6]

@@ -20,7 +20,7 @@ LASTING = 20_000_000  # not done within a few seconds on the links below
 
 @pytest.fixture
 def untouched(here):
-    """Afterwards nothing is here but what the test has made."""
+    """Checks that only the files that the test itself made are here afterwards."""
     before = None
 
     def keep():
@@ -37,7 +37,7 @@ def untouched(here):
 
 def test_unreachable(script, transfers, other_host):
     servers = [OTHER_HOST, NO_ROUTE, "no-such-host.invalid"]
-    if script is not SCP:  # of whose targets these are no servers
+    if script is not SCP:  # which would not take these for servers in a target
         servers += ["-x", "a b"]
     for transfer in transfers([script], b"text"):
         transfer.target.write_bytes(b"old")
@@ -165,7 +165,7 @@ def test_cut_link(transfers, slow_link, broken_link):
     assert [transfer.running.result() for transfer in every] == [UNREACHABLE] * 6
     assert time.monotonic() - began < 10
     assert all(transfer.left_nothing() for transfer in every)
-    # Servers that have lost their peers without a word do not end their sessions.
+    # The servers are not notified that their peers are gone, so their sessions go on.
     slow_link(100_000)
     lab_ctl("mend-link")
     for kind in ("ftp", "ssh"):
@@ -174,9 +174,9 @@ def test_cut_link(transfers, slow_link, broken_link):
 
 
 def test_slow_is_not_idle(transfers, slow_link):
-    """The files are hardly longer than the blocks that the clients move at once, and together they
-    take longer than the limit. It is long enough for the one that waits for the others' octets on
-    their common link."""
+    """Each file is hardly longer than the blocks that the clients move at once, and all together
+    take longer than the limit. The limit allows for the time in which the others use the common
+    link."""
     settings(transfer_idle_limit=5)
     slow_link(120)
     content = os.urandom(28_000)
@@ -226,7 +226,7 @@ def test_killed_script_that_waits_for_a_server(other_host, here):
         wait_for(lambda: gone(family), 5, "the end of the client")
 
 
-# A server that does not keep to what it says
+# Servers whose replies contradict each other
 
 @pytest.mark.parametrize("replies, code", [
     (("150 here", "data", "226 done", "213 4"), DONE),

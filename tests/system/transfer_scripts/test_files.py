@@ -12,8 +12,8 @@ from scripts import (
 
 CONTENT = bytes(range(256)) * 40
 
-# What a shell, Tcl, a client's command line, a pattern, an option or an address might see in a
-# name.
+# Names that are special to a shell, Tcl or a client's command line, or look like a pattern, an
+# option or an address.
 NAMES = [
     b"plain.cfg",
     b"1.50",
@@ -46,7 +46,7 @@ def test_there_and_back(script, server, here):
 
 
 def test_machine_without_a_list_of_services(script, here):
-    """A bare system does not know the ports' names."""
+    """A bare system has no list of the names of ports."""
     services, away = Path("/etc/services"), Path("/etc/services.away")
     services.rename(away)
     try:
@@ -104,8 +104,8 @@ def test_a_longer_file_is_replaced(script, transfers):
 
 
 def test_scp_takes_targets_apart(here):
-    """A user's name with an '@' and much else, an IPv6 address in brackets, a file after an address
-    that could end elsewhere."""
+    """A user's name with an '@' and other special characters, an IPv6 address in brackets, a file
+    after an address that could also end elsewhere."""
     (here / "out").write_bytes(CONTENT)
     user = "a@b %u \u00e4"
     with open("/etc/passwd", "a") as passwd, open("/etc/shadow", "a") as shadow:
@@ -116,7 +116,7 @@ def test_scp_takes_targets_apart(here):
     assert SCP.put(here / "out", "2:two", server=f"[{SERVER6}]") == DONE
     assert SCP.put(here / "out", ":three", server=SERVER6) == DONE
     assert sorted(os.listdir(SERVER_ROOT)) == ["2:two", ":three", "one"]
-    # Not the file `1:four` on a server that is there, but `four` on one where nobody listens.
+    # Not the file `1:four` on the server, but `four` on an address where no server listens.
     longer = f"{SERVER6}:1"
     on_server("ip", "address", "add", f"{longer}/64", "dev", "br0")
     try:
@@ -126,8 +126,7 @@ def test_scp_takes_targets_apart(here):
 
 
 def test_in_a_vrf(transfers, here, broken_link):
-    """The VRF is the server's own namespace: from there the server can be reached, and from nowhere
-    else."""
+    """The VRF is the server's own namespace, the only one from which the server can be reached."""
     vrfs = STATE_DIRECTORY / "vrfs"
     vrfs.write_text("7 server\n8 gone\n")
     every = transfers(SCRIPTS.values(), CONTENT)

@@ -1,4 +1,4 @@
-"""Passwords, host keys, and who gets to see them."""
+"""Logins: passwords, which no other process sees, and host keys."""
 
 import contextlib
 import os
@@ -35,7 +35,7 @@ def test_anonymous_ftp_without_a_password(here, user, other_host):
     (here / "out").write_text("text\n")
     other_host("/usr/bin/python3", "-c", FTP_SERVER, OTHER_HOST, "150 here", "", "226 done", "500")
     wait_for(lambda: listening(21))
-    # It knows empty from blank.
+    # This server tells an empty password from a blank one.
     assert FTP.put(here / "out", "there.cfg", user=user, password="", server=OTHER_HOST) == DONE
     assert FTP.put(here / "out", "there.cfg", user=user, password="") == DONE
     assert FTP.get("there.cfg", here / "back", user=user, password="") == DONE
@@ -56,12 +56,12 @@ def test_login_refused(script, transfers):
 
 
 def test_message_that_would_hold_the_password(script, here):
-    """The server's message names the file, and the file is named as the password."""
+    """The server's message has the name of the file, which contains the password."""
     running = script.start("get", here / "back", f"missing-{SECRET}")
-    assert running.result() == NAME  # and result() has looked at what it said
+    assert running.result() == NAME  # and result() has checked the message
 
 
-# All that the scripts look for, and a question at the end.
+# All the texts that the scripts look for, with a prompt at the end.
 BANNER = """Authenticated to anywhere ([192.0.2.1]:22) using "none".
 sftp> pwd
 Remote working directory: /
@@ -109,7 +109,7 @@ def test_banner_that_says_what_the_scripts_look_for(ssh_server, transfers, here)
 
 
 def test_keyboard_interactive(ssh_server, here):
-    """A server that asks by itself what it wants to know."""
+    """A server that sends prompts of its own (RFC 4256)."""
     Path("/etc/pam.d/sshd").write_text(
         "auth required pam_unix.so nodelay\naccount required pam_permit.so\n"
         "session required pam_permit.so\n"
@@ -145,7 +145,7 @@ def test_first_contact_off(transfers):
     assert results(both) == [DONE] * 4
 
 
-SERVER_LOG = LOGS / "ssh.log"  # the server tells there of each connection
+SERVER_LOG = LOGS / "ssh.log"  # where the server logs each connection
 
 
 def test_first_contact_off_in_other_words(transfers):
@@ -166,7 +166,7 @@ def test_first_contact_off_in_other_words(transfers):
 
 @contextlib.contextmanager
 def unreadable_settings():
-    """In the place of the file is a folder, which nobody reads."""
+    """Puts a folder in the place of the file, so that it can't be read."""
     text = SETTINGS.read_text()
     SETTINGS.unlink()
     SETTINGS.mkdir()
@@ -178,7 +178,7 @@ def unreadable_settings():
 
 
 def test_settings_that_refuse(transfers):
-    """No server is asked under settings that are bad where they guard something, or can't be
+    """No server is contacted if a setting that guards something is bad, or if the settings can't be
     read."""
     both, every = transfers(SSH_SCRIPTS, b"text"), [FTP, *SSH_SCRIPTS]
     before = len(SERVER_LOG.read_text())
@@ -215,8 +215,8 @@ def test_bad_limits_leave_the_default(transfers):
 
 @pytest.mark.parametrize("which", [0, 1], ids=["put", "get"])
 def test_password_is_nowhere_to_be_seen(script, which, transfers, slow_link):
-    """The script shows it in its arguments until it has started anew, which is before it starts
-    anything; no other process does, none in its environment."""
+    """The script has the password among its arguments until it executes itself again, which it does
+    before it starts any program. No other process has it there, and none in its environment."""
     slow_link(800)
     transfer = transfers([script], bytes(40_000))[which]
     transfer.start(vrf=1)

@@ -1,5 +1,5 @@
-"""What the scripts tell the copy that they work for: the reason of a failure, and what was moved.
-Never the password."""
+"""What the scripts report to the copy that runs them: the reason of a failure, and the file that
+was moved. Never the password."""
 
 import contextlib
 import re
@@ -11,7 +11,7 @@ from scripts import (
     ACCOUNT, DONE, FOREVER, FTP, FTP_SERVER, LOGIN, NAME, OTHER_HOST, SECRET, listening,
 )
 
-# One server that echoes what it was given where it refuses a login.
+# A server that repeats the password when it refuses a login.
 ECHO = FTP_SERVER.replace('say("530 no")', 'say("530 no, not with " + rest + "-" + rest)')
 FORMS = {
     "plain": SECRET,
@@ -30,19 +30,19 @@ def report(here):
     return path
 
 
-def told_to(report):
-    """The environment of a script that works for a copy."""
+def reporting_to(report):
+    """The environment in which a copy runs a script."""
     return {"ULMO_COPY_REPORT": str(report)}
 
 
-def told(report):
-    """The lines by their first words."""
+def reported(report):
+    """The lines of the report, by their first words."""
     lines = report.read_text(errors="surrogateescape").splitlines()
     return dict(line.split(" ", 1) for line in lines)
 
 
 def holds_password(text, password=SECRET):
-    """Four of its characters in a row, in whatever form."""
+    """Whether the text has four characters of the password in a row, in whatever form."""
     bare = re.sub("[^a-z0-9]", "", text.lower())
     return any(password.lower()[at:at + 4] in bare for at in range(len(password) - 3))
 
@@ -55,11 +55,11 @@ def test_server_that_echoes_the_password(here, report, other_host, form, when):
     other_host("/usr/bin/python3", "-c", FTP_SERVER, OTHER_HOST, first, data, text, "500")
     wait_for(lambda: listening(21))
     running = FTP.start("get", here / "back", "x.cfg", server=OTHER_HOST,
-                        environment=told_to(report))
+                        environment=reporting_to(report))
     running.process.wait(FOREVER)
     said = running.process.stderr.read().decode()
     assert running.process.returncode == NAME
-    assert told(report)["reason"] == "file name refused"
+    assert reported(report)["reason"] == "file name refused"
     assert not holds_password(said) and not holds_password(report.read_text())
 
 
@@ -69,34 +69,34 @@ def test_server_that_echoes_a_wrong_password(here, report, other_host):
     (here / "out").write_text("text\n")
     password = "hunter7battery"
     running = FTP.start("put", here / "out", "x.cfg", server=OTHER_HOST, password=password,
-                        environment=told_to(report))
+                        environment=reporting_to(report))
     running.process.wait(FOREVER)
     assert running.process.returncode == LOGIN
     said = running.process.stderr.read().decode()
-    assert told(report)["reason"] == f"login refused for {ACCOUNT}"
+    assert reported(report)["reason"] == f"login refused for {ACCOUNT}"
     assert not holds_password(said, password) and not holds_password(report.read_text(), password)
 
 
 def test_success_names_the_file(script, here, report):
     (here / "out").write_text("text\n")
-    assert script.put(here / "out", "there.cfg", environment=told_to(report)) == DONE
+    assert script.put(here / "out", "there.cfg", environment=reporting_to(report)) == DONE
     assert report.read_text() == f"file {here}/out\n"
     report.write_text("")
-    assert script.get("there.cfg", here / "back", environment=told_to(report)) == DONE
+    assert script.get("there.cfg", here / "back", environment=reporting_to(report)) == DONE
     assert report.read_text() == f"file {here}/back\n"
 
 
-def test_no_line_of_the_report_is_of_others_making(script, here, report):
-    """A name that breaks the line is refused, and told on one line."""
+def test_names_add_no_line_to_the_report(script, here, report):
+    """A name with a line break is refused, and reported on one line."""
     user = "a\nfile /etc/shadow"
-    assert script.put(here / "out", "x", user=user, environment=told_to(report)) == LOGIN
+    assert script.put(here / "out", "x", user=user, environment=reporting_to(report)) == LOGIN
     assert report.read_text() == "reason login refused for a file /etc/shadow\n"
 
 
 def test_clients_do_not_see_the_report(script, here, report, transfers, slow_link):
     slow_link(800)
     transfer = transfers([script], bytes(40_000))[0]
-    transfer.start(environment=told_to(report))
+    transfer.start(environment=reporting_to(report))
     seen = set()
     while transfer.running.process.poll() is None:
         for pid in transfer.running.family()[1:]:

@@ -32,7 +32,7 @@ def test_without_the_route_of_the_vrf(operator, place, protocol, unchanged):
 
 @EVERY_PROTOCOL
 def test_way_outside_the_vrf(operator, place, protocol, unchanged):
-    """The switch's ordinary network has a way to the server's other address, and the VRF has
+    """The switch's ordinary network has a route to the server's other address, and the VRF has
     none."""
     ordinary = "192.0.2.20"
     assert "dev mgmt0 " in run("ip", "route", "get", ordinary)

@@ -1,4 +1,4 @@
-"""A chassis whose management traffic lives in a VRF: transfers go through the program."""
+"""A chassis whose management traffic uses a VRF: TFTP goes through the program brix-tftp."""
 
 import hashlib
 import os
@@ -10,7 +10,7 @@ from copy_table import (
 
 
 def newest_line():
-    """Of the copies' lines: it is there before the row can be seen to have ended."""
+    """The line of the last copy, which is written before the row shows the end."""
     return run("cmdshell", "-c", "show copies").splitlines()[0]
 
 

@@ -8,7 +8,7 @@ from copy_table import (
 )
 from protocols import EVERY_PROTOCOL, Place, content, fails, received
 
-LITTLE = 1000  # octets of what passes by itself, such as neighbour discovery and notifications
+LITTLE = 1000  # octets that pass anyway, such as neighbour discovery and notifications
 
 
 @pytest.fixture
@@ -33,7 +33,7 @@ def test_context_names_the_vrf(operator, place, protocol, server, startup, uncha
 
 @EVERY_PROTOCOL
 def test_without_a_context_the_vrf_is_management(place, protocol, unchanged):
-    """There is none of that name, so that it is the ordinary network, which has no way to the
+    """No VRF has that name, so the transfer uses the ordinary network, which has no route to the
     server."""
     before = place.octets_seen()[0]
     serve("there.cfg", "hostname stolen\n")
