@@ -126,10 +126,10 @@ void set(benchmark::State &state, const char *history) {
                     is_text ? static_cast<const void *>(value.text.data()) : &value.number,
                     is_text ? value.text.size() : sizeof value.number, states[i]);
                 if (status != SNMP_ERR_NOERROR) {
-                    const std::string told = "phase " + std::to_string(phase) +
+                    const std::string text = "phase " + std::to_string(phase) +
                                              ", column of magic " + std::to_string(value.magic) +
                                              ": " + std::to_string(status);
-                    state.SkipWithError(told.c_str());
+                    state.SkipWithError(text.c_str());
                     return;
                 }
             }

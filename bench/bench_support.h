@@ -15,7 +15,7 @@ int run(int argc, char **argv, const std::function<void()> &prepare);
 // that has ended. Throws std::runtime_error if one of them can't be added.
 void fill_rows(int32_t count);
 
-// Deletes all of them.
+// Deletes these requests.
 void delete_rows(int32_t count);
 
 // At least a few thousand of the numbers from 1 to `count`, always in the same patternless order:

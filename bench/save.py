@@ -1,6 +1,6 @@
 #!/usr/bin/python3
-"""Saves the running configuration over SNMP and prints how long the agent took to answer the SET,
-and the save to be done.
+"""Saves the running configuration over SNMP. Prints how long the agent took to answer the SET, and
+how long the save took.
 
 Run it in the lab: scripts/lab.sh exec [--switches N] -- bench/save.py [--runs N]
 
@@ -8,7 +8,7 @@ Times are those of whole commands of the stock tools, their start and SNMPv3 dis
 "one GET" shows how much of it that is. The answer to the SET that activates the request comes when
 the system manager has answered the agent. "saved" is the time from the start of that SET to the
 first GET that finds the request successful. With several switches the whole fabric is saved as
-well. """
+well."""
 
 import argparse
 import os

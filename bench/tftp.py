@@ -5,9 +5,9 @@ each.
 Run it in a lab whose link takes 10 ms each way: scripts/lab.sh exec --delay 10 -- bench/tftp.py
 [--size MIB] [--runs N] [--put]
 
-curl sends one block and waits for its acknowledgement: with blocks of 512 octets and 20 ms for a
-round trip, 16 MiB take it eleven minutes, and with blocks of 1428 octets four. Give --size a
-smaller number for a quick look. """
+curl sends one block and waits for its acknowledgment. With a round trip of 20 ms it needs eleven
+minutes for 16 MiB in blocks of 512 octets, and four in blocks of 1428 octets. Give --size a smaller
+number for a quick look."""
 
 import argparse
 import filecmp

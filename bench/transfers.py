@@ -1,16 +1,16 @@
 #!/usr/bin/python3
-"""Backs a startup configuration up over SNMP, and moves the same file with the stock client, in
+"""Backs up a startup configuration over SNMP, and moves the same file with the stock client, in
 turns.
 
 Run it in the lab: scripts/lab.sh exec -- bench/transfers.py [--size OCTETS[k|M]] [--runs N]
 [PROTOCOL…]
 
-The time of a copy is what the SET that activates the request takes beyond a GET by the same tool,
-and what passes from ccCopyTimeStarted to ccCopyTimeCompleted, which the agent tells to 10 ms:
-asking it all the while would take one of two processors from the transfer. It holds the print-out
-of the configuration, the worker's, the script's and the client's start, and the login. The client
-by hand does the login and the transfer only; it gets the password from an askpass program (SSH) or
-as part of a URL (FTP). For TFTP it is curl. """
+The time of a copy is the sum of two: what the SET that activates the request takes beyond a GET by
+the same tool, and the time from ccCopyTimeStarted to ccCopyTimeCompleted, which the agent reports
+to 10 ms. (Polling the agent instead would take one of two processors from the transfer.) That time
+includes printing the configuration, the start of the worker, the script and the client, and the
+login. The client by hand does only the login and the transfer; it gets the password from an askpass
+program (SSH) or as part of a URL (FTP). For TFTP it is curl."""
 
 import argparse
 import os

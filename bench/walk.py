@@ -1,15 +1,15 @@
 #!/usr/bin/python3
-"""Walks ccCopyTable through the stock agent, beside a table of the agent's own, and prints varbinds
-a second.
+"""Walks ccCopyTable and a table of the agent's own through the stock agent, and prints varbinds per
+second.
 
 Run it in the lab: scripts/lab.sh exec -- bench/walk.py [--rows N] [--runs N]
 
 The agent's own table is hrSWInstalledTable of HOST-RESOURCES-MIB: like ccCopyTable it has one
 integer index and some hundred rows that the agent holds in memory. ccCopyTable is walked twice:
 with as many rows as make it about as large as that table, and with all its rows. The walks of a
-pair run right after each other, the order reversed from pair to pair, so that what else the machine
-does falls on both. The time is that of the whole command, its SNMPv3 discovery included; "one GET"
-shows how much of it that is. """
+pair run one right after the other, in reversed order from pair to pair, so that other load on the
+machine affects both. The time is that of the whole command, SNMPv3 discovery included; "one GET"
+shows how much of it that is."""
 
 import argparse
 import random

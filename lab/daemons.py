@@ -123,7 +123,7 @@ class Daemon:
             process.wait()
 
     def kill_family(self):
-        """Kills it and all that it started."""
+        """Kills it and all processes that it started."""
         self.wanted = False
         process, self.process = self.process, None
         if process is None:

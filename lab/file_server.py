@@ -57,7 +57,7 @@ class FileServer:
         self.kinds = {"tftp": self._tftp(), "ftp": self._ftp(), "ssh": self._ssh()}
 
     def daemons(self, kind=None):
-        """All of them, or those of tftp, ftp or ssh."""
+        """All daemons, or those of one kind: tftp, ftp or ssh."""
         kinds = [kind] if kind else self.kinds
         return [daemon for each in kinds for daemon in self.kinds[each]]
 
@@ -155,8 +155,8 @@ class FileServer:
         return self.home / "ssh_host_key"
 
     def _serves_file(self, url, *options):
-        """Does a real download: from the switch, unless its link loses frames, which would say
-        nothing about the server, or the server is reached within a VRF only."""
+        """Does a real download from the switch. If the switch's link loses frames, or the server is
+        reached within a VRF only, the download is made on the server's own host."""
         # A TFTP request sent before the server listens is lost, so it is repeated soon. A login
         # takes longer.
         fetch = ("curl", "--silent", "--max-time", "0.5" if url.startswith("tftp:") else "5",

@@ -190,11 +190,11 @@ def main():
     if not options.no_build:
         build(options.build_dir)
     become_root(options)
-    orders = {
+    job = {
         name: str(value) if isinstance(value, Path) else value
         for name, value in vars(options).items()
     }
-    orders |= {"repository": str(REPOSITORY), "directory": os.getcwd(), "command": command}
+    job |= {"repository": str(REPOSITORY), "directory": os.getcwd(), "command": command}
     # However this process ends, the kernel ends unshare with it and then every process of the lab;
     # mounts and devices go with the last one.
     namespaces = [
@@ -205,7 +205,7 @@ def main():
     # handler, because an ignored signal would be inherited.)
     signal.signal(signal.SIGINT, lambda number, frame: None)
     lab = subprocess.run(["setpriv", "--pdeathsig", "KILL", "unshare", *namespaces,
-                          sys.executable, "-B", str(HERE / "supervisor.py"), json.dumps(orders)])
+                          sys.executable, "-B", str(HERE / "supervisor.py"), json.dumps(job)])
     sys.exit(lab.returncode if lab.returncode >= 0 else 128 - lab.returncode)
 
 

@@ -46,17 +46,17 @@ SERVER_COMMANDS = {
 
 
 class Lab:
-    def __init__(self, orders):
-        self.orders = orders
-        self.switches = [Switch(orders, number) for number in range(1, orders["switches"] + 1)]
-        self.server = FileServer(orders)
+    def __init__(self, job):
+        self.job = job
+        self.switches = [Switch(job, number) for number in range(1, job["switches"] + 1)]
+        self.server = FileServer(job)
         self.daemons = []
 
     # Setting up
 
     def set_up(self):
         os.umask(0o022)
-        repository, build, directory = (Path(self.orders[name])
+        repository, build, directory = (Path(self.job[name])
                                         for name in ("repository", "build_dir", "directory"))
         private_root.enter(
             [repository, build, directory],
@@ -70,15 +70,15 @@ class Lab:
         self._describe_manager()
         self._start(system_log())
         network.make_server()
-        if self.orders["vrf"]:
-            network.make_vrf(self.orders["vrf"])
+        if self.job["vrf"]:
+            network.make_vrf(self.job["vrf"])
         self.server.prepare()
         self._join_switches()
         self._start_receiver()
         self._start(*self.server.daemons())
         for switch in self.switches:
             switch.prepare()
-            if not self.orders["no_module"]:
+            if not self.job["no_module"]:
                 switch.seed()
         self._start(*(switch.system_manager for switch in self.switches))
         self._start(*(switch.agent for switch in self.switches))
@@ -97,12 +97,12 @@ class Lab:
     def _join_switches(self):
         for switch in self.switches:
             network.make_switch(switch.number)
-        relayed = network.wants_relay(self.orders)
+        relayed = network.wants_relay(self.job)
         if relayed:
             # The device's number is fixed (Documentation/admin-guide/devices.txt); a chroot may
             # have no /dev/net.
             os.mknod(network.TUN, 0o600 | 0o020000, os.makedev(10, 200))
-            command = network.relay_command(BUILD / "bin" / "link_relay", self.orders, RELAYED)
+            command = network.relay_command(BUILD / "bin" / "link_relay", self.job, RELAYED)
             ends = (network.DEVICE, network.port_name(RELAYED))
             self._start(
                 Daemon("link_relay", command,
@@ -150,7 +150,7 @@ class Lab:
         return self.switches[int(number) - 1]
 
     def set_clock(self, spec, *number):
-        if not self.orders["faketime"]:
+        if not self.job["faketime"]:
             raise Failure("the lab was made without --faketime")
         self._switch(*number).set_clock(spec)
 
@@ -172,9 +172,9 @@ class Lab:
         }
 
     def run_command(self):
-        """Runs COMMAND to its end and returns its status; a daemon that ends meanwhile is a
+        """Runs COMMAND to its end and returns its status. If a daemon ends meanwhile, raises
         Failure."""
-        directory = self.orders["directory"]
+        directory = self.job["directory"]
         control = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
         control.bind(str(LAB / "control"))
         control.listen()
@@ -185,10 +185,10 @@ class Lab:
         signal.signal(signal.SIGINT, lambda number, frame: None)  # COMMAND's business
         signal.set_wakeup_fd(wake_write)
         try:
-            command = subprocess.Popen(self.orders["command"], env=self.environment(),
+            command = subprocess.Popen(self.job["command"], env=self.environment(),
                                        cwd=directory if os.path.isdir(directory) else "/")
         except OSError as error:
-            raise Failure(f"cannot run {self.orders['command'][0]}: {error.strerror}") from None
+            raise Failure(f"cannot run {self.job['command'][0]}: {error.strerror}") from None
         with selectors.DefaultSelector() as selector:
             selector.register(control, selectors.EVENT_READ)
             selector.register(wake_read, selectors.EVENT_READ)
@@ -244,15 +244,15 @@ class Lab:
             connection.sendall(json.dumps(answer).encode() + b"\n")
 
     def stop_switches(self):
-        """The agents first, because they ask the system managers."""
+        """Stops the agents first, because they send requests to the system managers."""
         for daemon in (*(switch.agent for switch in self.switches), *(switch.system_manager
                                                                       for switch in self.switches)):
             if daemon.wanted:
                 daemon.stop()
 
     def keep_logs(self):
-        if self.orders["keep_logs"]:
-            target = Path(self.orders["directory"]) / self.orders["keep_logs"]
+        if self.job["keep_logs"]:
+            target = Path(self.job["directory"]) / self.job["keep_logs"]
             shutil.copytree(LOG, target, dirs_exist_ok=True)
             shutil.copy(TRAPS, target)
 

@@ -118,7 +118,7 @@ class Switch:
             f"createUser {OPERATOR} SHA-256 {AUTHENTICATION} AES {PRIVACY}",
             f"rwuser {OPERATOR} authPriv",
             f"rwcommunity {COMMUNITY}",
-            "# Another switch's system manager may copy here and see how the last save went.",
+            "# Other switches' system managers may use the copy table and read the last save.",
             f"createUser {FABRIC_USER} SHA-256 {FABRIC_AUTHENTICATION} AES {FABRIC_PRIVACY}",
             f"group fabric usm {FABRIC_USER}",
             "view fabric-seen included .1.3.6.1.2.1.1",
