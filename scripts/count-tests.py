@@ -4,9 +4,9 @@
 usage: count-tests.py REPORT…
 
 Names each test that failed or did not run, and each report that is missing; a skipped test is a
-failure. The last line is "N passed, M failed". A test that passed and whose name is another
-report's (a program that wrote a report of its own tests) is not counted beside them; if it failed,
-it is, as a program may end badly after its last test.
+failure. The last line is "N passed, M failed". A test with the name of another report is a program
+that reported its own tests. If it passed, it is not counted in addition to them; if it failed, it
+is, as a program may end badly after its last test.
 """
 
 import sys

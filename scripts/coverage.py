@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Tells how many lines of each room the unit tests of a build run, and fails below the floor.
+"""Prints how many lines of each room the unit tests of a build run, and fails below the floor.
 
 usage: coverage.py BUILD
 
@@ -22,7 +22,7 @@ PRODUCT = ("base", "copy_client", "config-copy", "infra", "platform", "tftp")
 
 
 def room_of(file):
-    """base, platform/host/agent …; nothing for files that are not the product's."""
+    """base, platform/host/agent …; an empty text for files outside the repository."""
     parts = file.relative_to(ROOT).parts[:-1] if file.is_relative_to(ROOT) else ("",)
     return "/".join(parts[:3] if parts[:2] == ("platform", "host") else parts[:1])
 
@@ -35,7 +35,7 @@ def programs(build):
 
 
 def counts(build):
-    """For each room its lines, and how many of them ran."""
+    """For each room, how many lines it has and how many of them ran."""
     profile = build / "coverage.profdata"
     raw = sorted((build / "coverage").glob("*.profraw"))
     subprocess.run(["llvm-profdata", "merge", "-sparse", "-o", profile, *raw], check=True)
@@ -53,7 +53,7 @@ def counts(build):
     return rooms
 
 
-def told(name, lines, ran):
+def print_line(name, lines, ran):
     print(f"{name:<30}{ran:>6} of {lines:>6} lines  {100 * ran / lines:5.1f} %")
 
 
@@ -61,9 +61,9 @@ def main(build):
     rooms = counts(Path(build).resolve())
     for room, (lines, ran) in sorted(rooms.items()):
         if lines > 0:
-            told(room, lines, ran)
+            print_line(room, lines, ran)
     lines, ran = (sum(numbers) for numbers in zip(*rooms.values()))
-    told("in all", lines, ran)
+    print_line("in all", lines, ran)
     if 100 * ran / lines < FLOOR:
         raise SystemExit(f"fewer than the floor of {FLOOR} %: test what is new, see {__file__}")
 

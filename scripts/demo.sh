@@ -109,7 +109,7 @@ run snmpset "$LAB_AGENT" ccCopyEntryRowStatus.3 i createAndWait \
 if run snmpset "$LAB_AGENT" ccCopyEntryRowStatus.3 i active 2>&1; then
     fail "the request was accepted"
 fi
-say "destroy the request: the next save would mark a waiting request as running"
+say "destroy the request"
 run snmpset "$LAB_AGENT" ccCopyEntryRowStatus.3 i destroy
 
 title "A copy that fails"

@@ -62,7 +62,7 @@ step_build() {
 
 # In the background at idle priority: the other steps mostly wait.
 step_tidy() {
-    section "clang-tidy, beside the next steps"
+    section "clang-tidy, in the background of the next steps"
     own_sources | grep -E '^(base|config-copy|copy_client|infra|platform|tftp)/.*\.cpp$' |
         chrt --idle 0 xargs -P "$(nproc)" -n 4 clang-tidy -p build/asan --quiet \
             >build/clang-tidy.log 2>&1 &
@@ -71,7 +71,7 @@ step_tidy() {
 }
 
 end_of_tidy() {
-    section "the end of clang-tidy"
+    section "clang-tidy: the result"
     wait "$tidy" || { cat build/clang-tidy.log; exit 1; }
     trap - EXIT
 }

@@ -1,9 +1,9 @@
 #!/usr/bin/python3
-"""Holds the folders of the C++ sources in the order of their floors.
+"""Checks which folders of the C++ sources include which.
 
-The main header of each folder begins with what the folder is for, who uses it and what it may use.
-An include that is not announced there, one that is announced and not made, and a circle are errors.
-`platform` are the contracts in C. """
+The main header of each folder begins with what the folder is for, which folders use it and which it
+may use. An include that is not announced there, an announced one that no source makes, and a cycle
+are errors. `platform` is the folder of the contracts in C."""
 
 import re
 import sys
@@ -15,8 +15,9 @@ ROOMS = {name: name for name in ("base", "tftp", "copy_client")} | {
     path.name: f"{HOST}/{path.name}" for path in (ROOT / HOST).iterdir() if any(path.glob("*.cpp"))
 }
 TOP = "programs"  # one source a program, without a header: may use every room
-ALONE = {"infra": {"platform"}, "config-copy": {"base", "copy_client", "platform"}}  # above no room
-LINE = r"([^\n]+(?:\n//  +[^\n]+)*)\.\n"  # of a head: it goes on with more blanks
+# Used by no room.
+ALONE = {"infra": {"platform"}, "config-copy": {"base", "copy_client", "platform"}}
+LINE = r"([^\n]+(?:\n//  +[^\n]+)*)\.\n"  # of a head; continuation lines are indented
 HEAD = re.compile(rf"\A// Room: {LINE}// Used by: {LINE}// May use: {LINE}")
 INCLUDE = re.compile(r'^#include "([^"]+/[^"]+)"', re.MULTILINE)
 
@@ -26,7 +27,7 @@ def sources(folder):
 
 
 def room_of(path):
-    """The room in which an included file lies; None for a header of a library."""
+    """The room of an included file; None for a header of a library."""
     if path.startswith(f"{HOST}/"):
         return path.split("/")[2]
     first = path.split("/")[0]
@@ -56,11 +57,11 @@ def head_of(name, folder):
     return users & {*ROOMS}, allowed
 
 
-def circle_from(name, uses, above=()):
+def cycle_from(name, uses, above=()):
     if name in above:
         return (*above[above.index(name):], name)
     return next((found for used in sorted(uses.get(name, ()))
-                 if (found := circle_from(used, uses, (*above, name)))), None)
+                 if (found := cycle_from(used, uses, (*above, name)))), None)
 
 
 def main():
@@ -78,11 +79,11 @@ def main():
             if used not in allowed
         ]
         problems += [
-            f"{folder} may use {room}, and does not" for room in sorted(allowed - set(uses[name]))
+            f"{folder} may use {room}, but does not" for room in sorted(allowed - set(uses[name]))
         ]
         actual = {user for user in ROOMS if name in uses[user]}
         problems += [
-            f"{folder} is used by {user}, and does not say so" for user in sorted(actual - users)
+            f"{folder} is used by {user}, but does not say so" for user in sorted(actual - users)
         ]
         problems += [f"{folder} is not used by {user}" for user in sorted(users - actual)]
     for name, allowed in ALONE.items():
@@ -90,8 +91,8 @@ def main():
             f"{place}: {name} may not use {used}" for used, place in uses[name].items()
             if used not in allowed
         ]
-    if found := next((found for name in sorted(uses) if (found := circle_from(name, uses))), None):
-        problems.append("a circle: " + " > ".join(found))
+    if found := next((found for name in sorted(uses) if (found := cycle_from(name, uses))), None):
+        problems.append("a cycle: " + " > ".join(found))
     print(*problems, sep="\n", end="\n" if problems else "")
     return 1 if problems else 0
 

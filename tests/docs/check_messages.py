@@ -8,7 +8,7 @@ from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[2]
 PAGE = "docs/messages.md"
-# What logs an error, up to its format.
+# A call that logs an error, up to its format.
 CALL = re.compile(
     r"\b(?:cc_log\(\s*EVTRACE_ERROR\s*,|snmp_log\(\s*LOG_ERR\s*,|LOG_FAILURE\("
     r"|(?<!void )log_(?:error|failure)\()\s*"
@@ -46,7 +46,7 @@ def of_page(problems):
     found = {}
     for message, cells in ROW.findall((ROOT / PAGE).read_text()):
         if message in found:
-            problems.append(f"'{message}' stands in {PAGE} twice")
+            problems.append(f"'{message}' is in {PAGE} twice")
         if [cell.strip() for cell in cells.split(" | ")].count("") or cells.count(" | ") != 1:
             problems.append(f"'{message}' lacks in {PAGE} what it means or what to do")
         found[message] = cells

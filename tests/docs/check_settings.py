@@ -54,7 +54,7 @@ def of_manual():
 
 
 def of_example():
-    """The same, a text being the comment above the line, or above the lines of a group."""
+    """The same. A setting's text is the comment above its line, or above its group of lines."""
     found, comment, is_open = {}, [], False
     for line in EXAMPLE.read_text().splitlines():
         if match := re.match(r"#(\w+) =(?: (.*))?$", line):
@@ -90,7 +90,7 @@ READ = {
 
 
 def problems_of(setting, place, default, text):
-    # Its example is not a default.
+    # The example of fabric_member is not its default.
     if default != setting.default and setting.name != "fabric_member":
         yield f"{setting.name}: the default is '{setting.default}' and in {place} '{default}'"
     for phrase in phrases_of(setting):

@@ -48,7 +48,7 @@ def processes_with(word):
 
 
 def machine():
-    """What a lab might leave behind."""
+    """The state of the machine in which a lab might leave something."""
     links = subprocess.run(["ip", "-brief", "link"], check=True, stdout=subprocess.PIPE,
                            text=True).stdout
     accounts = tuple(
@@ -199,8 +199,8 @@ def test_one_agent_of_several_stops_and_starts():
 
 
 def test_switches_know_each_other():
-    """By IPv4 and by IPv6. A switch's system manager may copy on the others and see how it went
-    there, and nothing else."""
+    """Over IPv4 and IPv6. A switch's system manager may use the copy tables of the others and read
+    how their last save went, but may write nothing else."""
     manager = ("-v3 -u $(setting user) -l $level -a SHA-256 -A $(setting auth_passphrase) -x AES "
                "-X $(setting priv_passphrase) -Oqv 192.0.2.12")
     row_status = f"{COPY_ENTRY}.{C.CC_COLUMN_ENTRY_ROW_STATUS}.7"
@@ -271,7 +271,7 @@ def test_system_manager_that_ends_badly_fails_the_lab():
     assert "the end of wardend2.log" in done.stderr
 
 
-# It differs from the real one in how it takes SIGTERM.
+# It differs from the real one in how it handles SIGTERM.
 UNCLEAN_SYSTEM_MANAGER = """\
 #!/usr/bin/python3
 import os, signal, socket, sys
@@ -336,8 +336,8 @@ def test_rate_of_the_link():
 @pytest.fixture
 def checkout_elsewhere():
     """The repository and its build in a folder that only its owner may enter, with a blank and a
-    letter beyond ASCII in its path. Beside the repository's own build, as the lab shows /tmp only
-    in parts."""
+    letter beyond ASCII in its path. It is in the repository's own build folder, because the lab
+    shows only parts of /tmp."""
     folder = REPOSITORY / "build" / "the lab's café"
     shutil.rmtree(folder, ignore_errors=True)
     folder.mkdir(mode=0o700)

@@ -1,5 +1,5 @@
 """A Debian 12 of its own in build/package-test: a switch with its own systemd and network, and a
-file server beside it."""
+file server next to it."""
 
 import os
 import shutil
@@ -14,8 +14,8 @@ REPOSITORY = Path(__file__).resolve().parents[2]
 PLACE = REPOSITORY / "build/package-test"
 UNPACKED = REPOSITORY / "build/lab"
 SWITCH, SERVER = "192.0.2.1", "192.0.2.2"
-# What a switch has before the packages come, beside what they say that they need, the agent among
-# it.
+# What a switch has before our packages are installed, in addition to their dependencies, which
+# include the agent.
 PRESENT = ("systemd-sysv", "dbus", "snmp", "tftpd-hpa")  # the last one for debian/tests
 
 
@@ -29,7 +29,7 @@ def run(*words, check=True, **options):
 
 
 def needs_of(package):
-    """The packages of Debian that it depends on, of alternatives the first."""
+    """The Debian packages that it depends on; of alternatives, the first."""
     needs = (need.split("|")[0].split("(")[0].strip()
              for need in run("dpkg-deb", "-f", package, "Depends").stdout.split(","))
     return [need for need in needs if need and not need.startswith("config-copy")]
@@ -38,17 +38,17 @@ def needs_of(package):
 def wait_until(holds, within=20):
     deadline = time.monotonic() + within
     while not (result := holds()):
-        assert time.monotonic() < deadline, "it did not come to that"
+        assert time.monotonic() < deadline, "the condition did not come true"
         time.sleep(0.05)
     return result
 
 
 class Switch:
     """A Debian that runs its own systemd, in namespaces that end with the object, and a TFTP server
-    in another network beside it."""
+    in a second network namespace."""
 
-    # Its root goes on top of /proc, see own-mounts.sh. Of the machine's devices it sees copies, of
-    # its control groups a hierarchy without controllers.
+    # Its root is mounted on /proc, see own-mounts.sh. It sees copies of the machine's devices, and
+    # a hierarchy of control groups without controllers.
     boot = """
         mount --make-private /proc && mount --bind "$1" /proc && mount --make-private /proc &&
         cd /proc && mount -t proc proc proc && mount -t sysfs -o ro sysfs sys &&
@@ -99,7 +99,7 @@ class Switch:
             ("running", "degraded"), within=60)
 
     def stop(self):
-        """As if the power went."""
+        """As in a power failure."""
         os.kill(int(self.init), signal.SIGKILL)
         self.holder.wait()
 
@@ -124,7 +124,7 @@ class Switch:
         return self.run("sh", "-c", script, **options).stdout
 
     def install(self, *packages):
-        """The switch's network leads to no archive: what a package needs and does not say is
+        """The switch can't reach an archive, so a dependency that a package does not declare is
         missing."""
         for package in packages:
             shutil.copy(package, self.root / "root")

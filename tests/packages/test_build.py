@@ -1,4 +1,4 @@
-"""How the packages were built: with which flags, hardened, and the same wherever it is done."""
+"""How the packages are built: with which flags, hardened, and the same in every folder."""
 
 import json
 import os
@@ -31,9 +31,9 @@ def readelf(option, program):
     return run("readelf", "-W", option, program).stdout
 
 
-def test_packages_tell_nothing_of_where_they_were_made(built):
-    """So they are the same wherever they are made: neither the code, nor what is stripped from it
-    and goes into its build ID."""
+def test_packages_do_not_show_where_they_were_made(built):
+    """Neither the code has the path of the build, nor the debug information that is stripped from
+    it, of which the build ID is made. So the packages are the same wherever they are made."""
     assert [path.name for path in built if os.fsencode(REPOSITORY) in path.read_bytes()] == []
 
 

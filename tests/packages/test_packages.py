@@ -1,5 +1,5 @@
-"""The packages on a Debian 12 with an agent: they come, work, are upgraded and go. Each test goes
-on from the one before."""
+"""The packages on a Debian 12 with an agent: they are installed, work, are upgraded and removed.
+Each test continues where the previous one ended."""
 
 import re
 import shutil
@@ -25,7 +25,7 @@ def agent_answers(switch):
 
 
 def takes_requests(switch):
-    """Whether the agent makes a row of the copy table, and takes it away again."""
+    """Whether the agent creates a row of the copy table, and destroys it again."""
     return all(
         switch.run("sh", "-c", f"MIBS= snmpset -r0 -t1 {USER} 127.0.0.1 {ROW_STATUS}.1 i {value}",
                    check=False).returncode == 0 for value in (CREATE_AND_WAIT, DESTROY))
@@ -44,8 +44,8 @@ def owner(switch, path):
 
 
 def lines_of_readme(first, last):
-    """Its lines from the one that begins with the first words to the one that begins with the
-    last."""
+    """The lines of README.Debian from the one that begins with `first` to the one that begins with
+    `last`."""
     lines = [line.removeprefix("    ") for line in README.splitlines()]
     (begin,) = [number for number, line in enumerate(lines) if line.startswith(first)]
     end = next(number for number in range(begin, len(lines)) if lines[number].startswith(last))
@@ -79,7 +79,7 @@ def outputs_of_agent(switch):
 
 
 def strangers(switch):
-    """What the platform's user may not open."""
+    """The files of the platform that do not belong to its user."""
     return switch.run("find", "/var/lib/ulmo", "/run/ulmo", "!", "-user", "Debian-snmp").stdout
 
 
@@ -133,11 +133,11 @@ def test_superuser_at_the_command_line_leaves_the_agent_its_files(switch):
 
 
 def test_history_of_all_processes(switch):
-    """By default of errors alone; on request of the course of things."""
+    """By default it has errors only; on request it has every step."""
     lines = switch.run("ulmo-history").stdout.splitlines()
     assert lines and all(" error " in line for line in lines), lines
     switch.shell("echo 'history = all' >> /etc/ulmo/platform.conf")
-    time.sleep(1.1)  # within which the change holds
+    time.sleep(1.1)  # the change takes effect within a second
     config_copy(switch, f"startup tftp://{SERVER}/history.cfg")
     assert "vlan" in cmdshell(switch, "show running-config")
     cmdshell(switch, "copy running-config startup-config")
@@ -149,8 +149,8 @@ def test_history_of_all_processes(switch):
 
 
 def test_settings_that_the_agent_cant_read(switch):
-    """The package lets the agent's user read them. When somebody takes that away, nothing is copied
-    and nothing is saved, and the reason is reported."""
+    """The package lets the agent's user read them. Without that permission nothing is copied and
+    nothing is saved, and the reason is reported."""
     file = "/etc/ulmo/platform.conf"
     assert switch.shell(f"stat -c '%U %G %a' {file}") == "root Debian-snmp 640\n"
     startup = cmdshell(switch, "show startup-config")
@@ -172,7 +172,7 @@ def test_settings_that_the_agent_cant_read(switch):
 
 
 def test_reload_of_the_agent(switch):
-    """It lets go of the module, as user Debian-snmp, and loads it again."""
+    """As user Debian-snmp it unloads the module and loads it again."""
     before, link = switch.main_process("snmpd"), "/etc/snmp/snmpd.conf.d/config-copy-mib.conf"
     switch.shell(f"mv {link} /root/link && ln -s /dev/null {link} && systemctl reload snmpd")
     wait_until(lambda: agent_answers(switch) and not takes_requests(switch))
@@ -219,8 +219,8 @@ def test_power_cut(switch):
 
 
 def test_nightly_backup(switch):
-    """The timer of docs/operations.md. There is no such server beside the switch, so what it says
-    shows how far it came."""
+    """The timer of docs/operations.md. The server does not exist here, so the message shows how far
+    the backup got."""
     text = (REPOSITORY / "docs/operations.md").read_text()
     units = {
         name: text.split(f"# /etc/systemd/system/{name}\n")[1].split("```")[0]
@@ -251,14 +251,14 @@ def test_nightly_backup(switch):
 
 @pytest.mark.parametrize("protocol", ["ftp", "sftp", "scp"])
 def test_transfer_scripts_run(switch, protocol):
-    """There is no such server beside the switch, as only the client can tell."""
+    """The server does not exist here, which only the client can find out."""
     switch.shell("umask 077; echo secret > /root/password")
     ended = config_copy(
         switch, f"--password-file /root/password running {protocol}://netops@{SERVER}/backup.cfg",
         check=False)
     assert ended.returncode == 1
     assert f"(timeout): the file server {SERVER} did not answer the switch" in ended.stdout
-    # Nobody keeps the password.
+    # The password is stored nowhere.
     assert outputs_of_agent(switch) == ["/dev/null", "/dev/null"]
     switch.run("journalctl", "--sync")
     assert switch.run("grep", "-rl", " secret", "/var/log", "/run/log", check=False).stdout == ""
@@ -336,7 +336,7 @@ def test_remove(switch):
     wait_until(lambda: agent_answers(switch))
     after = switch.main_process("snmpd")
     assert after != before, "the agent was not restarted"
-    assert "/dev/null" not in outputs_of_agent(switch), "it writes where the package wanted it"
+    assert "/dev/null" not in outputs_of_agent(switch), "it still writes to /dev/null"
     assert not takes_requests(switch)
     assert not (switch.root / "ulmo").exists()
     assert not (switch.root / "usr/bin/config-copy").exists()
@@ -367,7 +367,7 @@ def test_stopped_agent_stays_stopped(switch, packages):
 
 
 def test_agent_that_comes_with_the_package(switch, packages):
-    """It is started before the package has made its folders."""
+    """The agent is started before the package has made its folders."""
     switch.shell("cp /etc/snmp/snmpd.conf /root && apt-get purge -y snmpd")
     archives = list((switch.root / "var/cache/apt/archives").glob("snmpd_*.deb"))
     switch.install(*archives, packages["config-copy-mib-common"], packages["config-copy-mib"])
@@ -383,7 +383,7 @@ def test_agent_that_comes_with_the_package(switch, packages):
 
 
 def test_upgrade_from_the_package_that_kept_passwords(switch, packages):
-    """Of 0.1.0 it has what matters here."""
+    """The old package has only that part of 0.1.0 that matters here."""
     switch.run("apt-get", "purge", "-y", "config-copy-mib", "config-copy", "config-copy-mib-common")
     tree = PLACE / "before"
     shutil.rmtree(tree, ignore_errors=True)
