@@ -39,7 +39,7 @@ TEST_P(ReplacedFileTest, TheFileIsTheOldOneUntilItIsTheNewOne) {
     file.append("content");
     file.finish();
     EXPECT_EQ(Scratch::read(path_), "old");
-    EXPECT_EQ(names().size(), 2U) << "the new content lies in the same folder";
+    EXPECT_EQ(names().size(), 2U) << "the new content is in the same folder";
     file.commit();
     EXPECT_EQ(Scratch::read(path_), "new content");
     EXPECT_EQ(Scratch::status_of(path_).st_mode & 07777U, 0600U);

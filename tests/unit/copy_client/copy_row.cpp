@@ -179,7 +179,7 @@ TEST(CopyRow, AnIndexThatIsTakenMeanwhileIsLeftAlone) {
     const int asked = agent.seen().requests;
     EXPECT_FALSE(row.is_left());
     row.destroy();
-    EXPECT_EQ(agent.seen().requests, asked) << "somebody else's row was destroyed";
+    EXPECT_EQ(agent.seen().requests, asked) << "another manager's row was destroyed";
 }
 
 TEST(CopyRow, ARefusedActivationIsAnAnswer) {

@@ -1109,7 +1109,7 @@ TEST_F(HostAgentSave, FailsAndIsWithdrawnWhenItIsNotAnswered) {
     ASSERT_EQ(ask(), 0);
     const uint32_t token = msgbus_rr_token_get(request_);
     EXPECT_EQ(answer(), ETIMEDOUT);
-    EXPECT_LT(Clock::now() - began, 1s) << "the agent serves nobody meanwhile";
+    EXPECT_LT(Clock::now() - began, 1s) << "the agent answers no request meanwhile";
     EXPECT_TRUE(deliveries.empty());
     expect_end(1);
     ASSERT_EQ(taken().size(), 2U);

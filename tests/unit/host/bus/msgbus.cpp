@@ -576,7 +576,7 @@ TEST_F(HostMsgbus, SilentConnectionsEndAfterAWhile) {
     EXPECT_EQ(server.pending(), 1U);
     ASSERT_EQ(tell(1), 0);
     serve(server);
-    EXPECT_EQ(received_.size(), 1U) << "nobody waits for the silent one";
+    EXPECT_EQ(received_.size(), 1U) << "no sender waits for the silent one";
     EXPECT_FALSE(readable(silent.get()));
     ASSERT_TRUE(readable(server.fd(), 2s)) << "the deadline wakes the server by itself";
     serve(server);
@@ -629,7 +629,7 @@ TEST_F(HostMsgbus, FullQueueIsAnErrorAfterAWhile) {
     EXPECT_EQ(errno, EAGAIN);
     const auto waited = std::chrono::steady_clock::now() - began;
     EXPECT_GE(waited, 200ms);
-    EXPECT_LT(waited, 2s) << "the agent serves nobody meanwhile";
+    EXPECT_LT(waited, 2s) << "the agent answers no request meanwhile";
     EXPECT_GE(sent, 100);
     serve(server);
     EXPECT_EQ(static_cast<int>(received_.size()), sent) << "one round takes all that was sent";

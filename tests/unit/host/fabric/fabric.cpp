@@ -161,8 +161,8 @@ TEST_F(Fabric, WalkKeepsItsListUntilItIsReleased) {
     ASSERT_EQ(fabstat_status_next_get(&status, text, sizeof text, 0, 0), 0);
     EXPECT_STREQ(text, "b");
     EXPECT_NE(fabstat_status_next_get(&status, text, sizeof text, 0, 0), 0);
-    fabstat_status anew{};
-    ASSERT_EQ(fabstat_status_next_get(&anew, text, sizeof text, 0, 0), 0);
+    fabstat_status again{};
+    ASSERT_EQ(fabstat_status_next_get(&again, text, sizeof text, 0, 0), 0);
     EXPECT_STREQ(text, "c") << "a walk from the beginning reads the file";
     fabstat_status_clean();
     fabstat_status_clean();
