@@ -44,7 +44,7 @@ std::string describe_error(TroubleKind kind, const Trouble &trouble) {
 std::string describe_silence(const Trouble &trouble) {
     switch (trouble.kind) {
     case TroubleKind::silent_now:
-        return "it answered before; is it still running?";
+        return "it answered before, so check whether it still runs";
     case TroubleKind::silent_to_user:
         return "an agent is there, but does not answer this user's requests: check the context "
                "(-n) and the user's settings";

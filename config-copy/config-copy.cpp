@@ -81,6 +81,9 @@ ExitStatus run(const Options &options, Output &output) {
         const CopyJob job = job_of(options);
         try {
             return copy(options, job, output);
+        } catch (const InterruptedWithRequests &interrupted) {
+            std::cerr << "\nconfig-copy: interrupted: " << interrupted.text << std::endl;
+            throw;
         } catch (const Interrupted &) {
             std::cerr << "\nconfig-copy: interrupted: no request stays on the switch" << std::endl;
             throw;

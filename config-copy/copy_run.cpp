@@ -48,12 +48,14 @@ class Run {
             outcome.fail(failure_of(trouble, session_.agent()));
         } catch (const Interrupted &) {
             clean_up();
+            if (row_.is_left()) {
+                throw InterruptedWithRequests{{}, session_.agent() + ": its " + what_is_left()};
+            }
             throw;
         }
         clean_up();
         if (row_.is_left()) {
-            outcome.text += "; its request " + std::to_string(row_.index()) +
-                            " could not be removed and expires within 7 minutes";
+            outcome.text += "; its " + what_is_left();
         }
         return outcome;
     }
@@ -239,6 +241,11 @@ class Run {
                 outcome.text += failure_of(trouble, session_.agent()).what();
             }
         }
+    }
+
+    [[nodiscard]] std::string what_is_left() const {
+        return "request " + std::to_string(row_.index()) +
+               " could not be removed and expires within 7 minutes";
     }
 
     void clean_up() {

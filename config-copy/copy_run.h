@@ -41,7 +41,7 @@ Outcome planned(const CopyJob &job, const std::string &agent);
 
 // Does the copy; the session can't be used afterwards. Leaves no request of ours on the switch,
 // whatever happens, as long as the agent answers. A dry run only queries for conflicts. Throws only
-// Interrupted.
+// Interrupted and InterruptedWithRequests.
 Outcome copy(Session &session, const CopyJob &job, const Progress &progress);
 
 // The same with a session of its own.

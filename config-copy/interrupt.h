@@ -3,10 +3,17 @@
 
 #include "copy_client/waiting.h"
 
+#include <string>
+
 namespace config_copy {
 
 // Thrown when the user wants the run to stop.
 using Interrupted = copy_client::Stopped;
+
+// Interrupted, and requests may be left on agents that no longer answer; the text lists them.
+struct InterruptedWithRequests : Interrupted {
+    std::string text;
+};
 
 // From now on the first such signal is only recorded. A second one ends the process at once.
 void watch_signals();

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <chrono>
 #include <exception>
+#include <mutex>
 #include <semaphore>
 #include <thread>
 
@@ -83,6 +84,8 @@ std::vector<Outcome> copy_on_all(const netsnmp_session &defaults,
     std::vector<Outcome> outcomes(agents.size());
     std::atomic<std::size_t> next = 0;
     std::counting_semaphore<> slots(jobs);
+    std::mutex mutex;
+    std::string left;
     const auto work = [&] {
         try {
             for (std::size_t i = next++; i < agents.size() && interrupting_signal() == 0;
@@ -90,6 +93,9 @@ std::vector<Outcome> copy_on_all(const netsnmp_session &defaults,
                 outcomes[i] = copy_on(defaults, agents[i], job, slots);
                 output.outcome(outcomes[i]);
             }
+        } catch (const InterruptedWithRequests &interrupted) {
+            const std::lock_guard lock(mutex);
+            left += (left.empty() ? "" : "; ") + interrupted.text;
         } catch (const Interrupted &) { // the others will notice the signal themselves
         }
     };
@@ -99,6 +105,9 @@ std::vector<Outcome> copy_on_all(const netsnmp_session &defaults,
         for (std::size_t i = 0; i < contacts; ++i) {
             workers.emplace_back(work);
         }
+    }
+    if (!left.empty()) {
+        throw InterruptedWithRequests{{}, left};
     }
     if (interrupting_signal() != 0) {
         throw Interrupted{};

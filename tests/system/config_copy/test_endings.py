@@ -369,9 +369,32 @@ def test_agent_that_stops_answering(operator):
             thaw(pid)
     assert done.status == UNREACHABLE
     assert done.err.startswith(
-        f"config-copy: no answer from {AGENT} in 0.6 s: it answered before; is it still running?; "
-        f"its request {index} could not be"
+        f"config-copy: no answer from {AGENT} in 0.6 s: it answered before, so check "
+        f"whether it still runs; its request {index} could not be"
     ), done
+    wait_for(lambda: rows(operator) == [], what="the removal that waited for the agent")
+
+
+@pytest.mark.parametrize("many", [False, True], ids=["one", "hosts"])
+def test_interruption_while_the_agent_does_not_answer(operator, many, tmp_path):
+    """config-copy can't know that the request is gone, and does not say so."""
+    (tmp_path / "hosts").write_text(AGENT)
+    pid = agent_pid()
+    with busy_device():
+        process = started(*QUICK, *(["--hosts", tmp_path / "hosts"] if many else [AGENT]),
+                          "running", "startup")
+        try:
+            (index,) = wait_for(lambda: rows(operator))
+            wait_for(lambda: Request(operator, index).get(STATE) == STATE_RUNNING)
+            freeze(pid)
+            process.send_signal(signal.SIGINT)
+            done = ended(process)
+        finally:
+            thaw(pid)
+    assert (done.status, done.err) == (
+        -signal.SIGINT,
+        f"\nconfig-copy: interrupted: {AGENT}: its request {index} could not be removed and "
+        "expires within 7 minutes\n")
     wait_for(lambda: rows(operator) == [], what="the removal that waited for the agent")
 
 

@@ -30,7 +30,7 @@ def test_agent_that_goes_before_the_activation(operator):
     done, carried = through_relay(passes, "-t", "0.5", "-r", "0")
     (index,) = rows(operator)
     assert done.status == UNREACHABLE, done
-    assert " in 0.5 s: it answered before; is it still running?" in done.err, done
+    assert " in 0.5 s: it answered before, so check whether it still runs" in done.err, done
     assert done.err.endswith(
         f"; its request {index} could not be removed and expires within 7 minutes\n")
     assert carried.count(SET) == 1
