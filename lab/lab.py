@@ -158,7 +158,7 @@ def build(directory):
     steps = []
     if not (directory / "CMakeCache.txt").exists():
         if directory.parent != REPOSITORY / "build":
-            fail(f"{directory} is no build: configure it first")
+            fail(f"{directory} is not a build: configure it first")
         steps.append(("configuring", ["cmake", "--preset", directory.name]))
     steps.append(
         (f"building in {directory}", ["cmake", "--build",

@@ -112,7 +112,7 @@ class Transfer:
 
     def is_moving(self):
         """Whether some of it has arrived, under its own name or a temporary one."""
-        assert self.running.process.poll() is None, "it has ended already"
+        assert self.running.process.poll() is None, "the script has already ended"
         places = [self.target] if self.action == "put" else self.folder.iterdir()
         return any(path.exists() and path.stat().st_size > 0 for path in places)
 

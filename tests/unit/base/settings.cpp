@@ -106,7 +106,8 @@ TEST_F(HostSettings, AMissingFileMeansDefaultsForAll) {
     EXPECT_NO_THROW(ulmo::require_settings());
     EXPECT_EQ(ulmo::number_setting("chassis_type"), std::nullopt);
     EXPECT_EQ(ulmo::number_setting("msgbus_answer_limit"), 250);
-    EXPECT_EQ(ulmo::text_setting("history"), "errors") << "nothing with a password is kept unasked";
+    EXPECT_EQ(ulmo::text_setting("history"), "errors")
+        << "by default no text with a password is kept";
     EXPECT_EQ(ulmo::list_setting("startup_copy"), Texts{"backup.cfg"});
     EXPECT_EQ(reported, Texts{});
 }

@@ -78,7 +78,7 @@ TEST_F(Memory, CopiesWhoseRowsAreGoneGoWithTheNextAgeOutPass) {
     EXPECT_EQ(copies(), std::vector<int32_t>{50});
     EXPECT_EQ(fake_memory.blocks(), 2U); // the row and its copy
     EXPECT_EQ(status_of({row_status(ROW_STATUS_DESTROY, 50)}), SNMP_ERR_GENERR)
-        << "the copy that is left refuses the next one";
+        << "the row copy that is left makes the next request fail";
 }
 
 TEST_F(Memory, PassThatEmptiesTheTableLeavesNoCopy) {

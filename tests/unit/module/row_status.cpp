@@ -402,7 +402,7 @@ TEST_F(RowStatus, CommitDropsTheCopyOfItsRowOnly) {
     EXPECT_EQ(five.run(commit), 0);
     EXPECT_FALSE(saved(5));
     EXPECT_TRUE(saved(9));
-    EXPECT_EQ(five.run(commit), 0); // there is none any more
+    EXPECT_EQ(five.run(commit), 0); // already dropped
     EXPECT_TRUE(row_exists(5));     // COMMIT itself changes no row
 }
 

@@ -273,7 +273,7 @@ TEST_F(HostAgentExtension, OtherChildrenAreLeftAlone) {
 TEST_F(HostAgentExtension, StatusOfAnotherProcessIsDropped) {
     const pid_t other = start_child([] { return send_status(0); });
     EXPECT_EQ(exit_status_of(other), 0);
-    EXPECT_EQ(send_status(0), 0) << "the agent itself is no worker either";
+    EXPECT_EQ(send_status(0), 0) << "the agent itself is not a worker";
     settle();
     EXPECT_TRUE(deliveries.empty());
     // The system manager's messages come from any process of a trusted user.
@@ -299,7 +299,7 @@ TEST_F(HostAgentExtension, OutcomeOfTheSystemManagersAction) {
     ASSERT_TRUE(delivered(4));
     EXPECT_EQ(deliveries[0].outcome, 0x00050000U);
     EXPECT_EQ(deliveries[1].outcome, 0U);
-    EXPECT_EQ(deliveries[2].outcome, 1U) << "no outcome is a failure";
+    EXPECT_EQ(deliveries[2].outcome, 1U) << "a missing outcome is a failure";
     EXPECT_EQ(deliveries[3].outcome, 0U);
 }
 
@@ -442,7 +442,7 @@ TEST_F(HostAgentExtension, FoldersOfEndedWorkersAreSwept) {
     ulmo::sweep_worker_directories();
     EXPECT_FALSE(std::filesystem::exists(stale));
     EXPECT_EQ(text_of(outside / "precious"), "kept");
-    EXPECT_TRUE(std::filesystem::remove(root / "4000002")) << "what is no folder is not looked at";
+    EXPECT_TRUE(std::filesystem::remove(root / "4000002")) << "only folders are swept";
 }
 
 TEST_F(HostAgentExtension, WorkerHasNoSignalHandlersOfTheAgent) {

@@ -360,7 +360,7 @@ TEST_F(HostCopies, RefusedSaveIsTold) {
 TEST_F(HostCopies, SaveThatNobodyEndsIsToldWithTheReason) {
     start_save(3);
     watch_.save_lost("the system manager is not running");
-    EXPECT_EQ(line(), "") << "the row runs on";
+    EXPECT_EQ(line(), "") << "the row still runs";
     rows[9][state_column] = word(4);
     rows[9][cause_column] = word(9);
     watch_.action_ended(1);

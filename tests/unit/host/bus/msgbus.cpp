@@ -540,7 +540,8 @@ TEST_F(HostMsgbus, ServesOnWithoutTheRunDirectory) {
         received_.clear();
         EXPECT_NO_THROW(serve(server)) << can_be_made;
         ASSERT_EQ(received_.size(), 1U) << can_be_made;
-        EXPECT_EQ(received_[0].message->opcode, 1361U) << "whose folder is gone is trusted no more";
+        EXPECT_EQ(received_[0].message->opcode, 1361U)
+            << "another user is not trusted, even without the run directory";
         EXPECT_EQ(std::filesystem::is_socket(ulmo::run_path() / "msgbus" / std::to_string(sap)),
                   can_be_made);
         std::filesystem::remove_all(above);
@@ -712,7 +713,7 @@ TEST_F(HostMsgbus, AnotherServersSocketIsLeftAlone) {
     EXPECT_EQ(received_.size(), 1U);
     second.reset();
     serve(first);
-    EXPECT_EQ(tell(1), 0) << "now it is the first one's";
+    EXPECT_EQ(tell(1), 0) << "now the socket is the first server's";
 }
 
 TEST_F(HostMsgbus, ShortageOfDescriptorsPasses) {
@@ -728,7 +729,7 @@ TEST_F(HostMsgbus, ShortageOfDescriptorsPasses) {
     server.serve([&handed_over](const Incoming &) { ++handed_over; });
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
     EXPECT_EQ(handed_over, 0U);
-    EXPECT_FALSE(readable(server.fd())) << "the server does not run in circles";
+    EXPECT_FALSE(readable(server.fd())) << "the server does not loop";
     ASSERT_TRUE(readable(server.fd(), 3s));
     serve(server);
     EXPECT_EQ(received_.size(), 1U);

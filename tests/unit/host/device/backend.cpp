@@ -128,7 +128,7 @@ TEST_F(DeviceBackend, ARefusedTextChangesNothing) {
     }
     struct stat after {};
     ASSERT_EQ(::stat(running().c_str(), &after), 0);
-    EXPECT_EQ(after.st_ino, before.st_ino) << "the file was written again for nothing";
+    EXPECT_EQ(after.st_ino, before.st_ino) << "the file was written again without need";
 }
 
 TEST_F(DeviceBackend, AConfigurationCannotGrowWithoutEnd) {

@@ -368,7 +368,7 @@ TEST(ConfigurationText, ApplyingTheShownConfigurationChangesNothing) {
         ASSERT_EQ(merged(shown, shown), shown) << "seed " << seed;
         ASSERT_EQ(canonical(first + second), shown) << "seed " << seed;
         ASSERT_EQ(merged(shown, second), shown)
-            << "executing the last statements again, seed " << seed;
+            << "the last statements a second time, seed " << seed;
     }
 }
 

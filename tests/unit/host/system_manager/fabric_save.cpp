@@ -151,8 +151,7 @@ TEST_F(FabricSave, StopEndsTheWorkAndKeepsWhatIsKnown) {
     const ulmo::UniqueFd stop = readable_after(300ms);
     EXPECT_EQ(save({"saved", "obey", "throw", "obey"}, stop.get(), 60s),
               (Texts{"saved", "obeyed", "internal error", "obeyed"}));
-    EXPECT_EQ(clock.passed(), 0s)
-        << "it ends with the last of them, not with the time that they have";
+    EXPECT_EQ(clock.passed(), 0s) << "it ends when the last of them ends, not at the time limit";
 }
 
 TEST_F(FabricSave, StopWaitsTwoSecondsAtMost) {
@@ -193,7 +192,7 @@ TEST(MemberSave, IsOneCopyOfWhichNothingStays) {
     EXPECT_EQ(save_of(member_at(agent)), "saved");
     EXPECT_EQ(agent.seen().copies, 1);
     EXPECT_EQ(agent.seen().rows, 0);
-    EXPECT_EQ(agent.seen().requests, 6) << "look, make, activate, two reads, destroy";
+    EXPECT_EQ(agent.seen().requests, 6) << "find an index, create, activate, two reads, destroy";
 }
 
 TEST(MemberSave, SeveralMembersKnowTheSameUser) {

@@ -221,7 +221,7 @@ TEST_F(Warden, TheNextActionWaitsForTheEndOfOneThatIsGivenUp) {
     Request second = ask(Scope::startup, 4712);
     EXPECT_EQ(second.answer(), WARDEN_CFG_ACTION_INITIATED);
     EXPECT_EQ(ask(Scope::startup, 4713).answer(), ulmo::warden_err_busy)
-        << "one may wait, not more";
+        << "only one request may wait";
     EXPECT_EQ(action(), given_up);
     held.reset();
     EXPECT_EQ(second.end(), 0U);
@@ -568,7 +568,8 @@ TEST_F(Warden, TheSwitchStartsOnceABoot) {
     ulmo::make_device_backend()->apply("hostname new\n");
     stop();
     start();
-    EXPECT_EQ(content(running()), new_text) << "another system manager is no start of the switch";
+    EXPECT_EQ(content(running()), new_text)
+        << "a restarted system manager does not start the switch again";
     EXPECT_EQ(count("the switch has been started before: the running configuration stays"), 1U);
     stop();
     std::filesystem::remove(scratch_.run("started"));
