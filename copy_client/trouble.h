@@ -59,8 +59,8 @@ struct Trouble : std::exception {
     unsigned long column;
 };
 
-// What an SNMPERR_… code of the library says about our credentials; other_report if it says nothing
-// about them.
+// What an SNMPERR_… code of the library says about our credentials; other_report if it says
+// nothing about them.
 TroubleKind kind_of_error(int error);
 
 } // namespace copy_client

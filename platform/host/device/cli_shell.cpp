@@ -64,7 +64,7 @@ uint32_t execute(const std::string &file, const std::string &output) {
         ulmo::report_reason(ulmo::reason_of(error));
     }
     if (result != 0) {
-        ulmo::log_error("cmdshell_execute_cfg_file2: %s (0x%08x)\n", text.c_str(), result);
+        ulmo::log_error("cmdshell_execute_cfg_file2: %s (0x%08x)", text.c_str(), result);
     }
     // Last, because the configuration file may have the same name as the output file.
     report(output, text + "\n");
@@ -84,13 +84,13 @@ uint32_t cmdshell_execute_cfg_file2(const struct cmdshell_exec_params *params) {
 int cmdshell_notify_cfg_update(int32_t /*handle*/, int /*second*/, int kind, int /*fourth*/) {
     switch (kind) {
     case CMDSHELL_CFG_STARTUP_TO_RUNNING:
-        ulmo::log_debug("configuration update: startup configuration copied to running\n");
+        ulmo::log_debug("configuration update: startup configuration copied to running");
         return 0;
     case CMDSHELL_CFG_RUNNING_COPIED:
-        ulmo::log_debug("configuration update: running configuration copied\n");
+        ulmo::log_debug("configuration update: running configuration copied");
         return 0;
     default:
-        ulmo::log_error("configuration update: unknown kind %d\n", kind);
+        ulmo::log_error("configuration update: unknown kind %d", kind);
         return -1;
     }
 }

@@ -26,12 +26,12 @@ uint32_t warden_cli_write_ascii_cfg(int32_t /*handle*/, const char *path) {
         ulmo::make_device_backend()->store_startup(ulmo::read_configuration_file(path));
         return 0;
     } catch (const ulmo::ConfigurationError &error) {
-        ulmo::log_error("%s: %s: %s\n", __func__, path, error.what());
+        ulmo::log_error("%s: %s: %s", __func__, path, error.what());
         ulmo::report_reason(error.what());
         return error.kind() == ulmo::ConfigurationError::Kind::bad_line ? ulmo::warden_err_bad_line
                                                                         : ulmo::warden_err_bad_file;
     } catch (const std::exception &error) {
-        ulmo::log_error("%s: %s: %s\n", __func__, path, error.what());
+        ulmo::log_error("%s: %s: %s", __func__, path, error.what());
         ulmo::report_reason(ulmo::reason_of(error));
         return ulmo::warden_err_store;
     }

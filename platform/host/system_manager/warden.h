@@ -45,7 +45,6 @@ class Warden {
     void begin(Work &work);
     void collect();
     void end(const ActionOutcome &outcome);
-    void give_up_current();
     [[nodiscard]] int time_to_wait() const;
 
     MsgbusServer server_;
