@@ -1,5 +1,6 @@
 #include "platform/evtrace.h"
 
+#include "base/c_boundary.h"
 #include "base/settings.h"
 #include "platform/host/history/history.h"
 
@@ -8,7 +9,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <ctime>
-#include <exception>
 #include <limits>
 #include <string_view>
 
@@ -65,13 +65,9 @@ class Switches {
 Switches switches;
 
 // A log call has no side effect on its caller: errno is kept and no exception leaves it.
-template <typename Call> auto quietly(Call call) noexcept {
+template <typename Call> auto unnoticed(Call call) noexcept {
     const int saved = errno;
-    decltype(call()) result{};
-    try {
-        result = call();
-    } catch (const std::exception &) { // NOLINT: there is nobody to tell
-    }
+    const auto result = result_or(decltype(call()){}, call);
     errno = saved;
     return result;
 }
@@ -80,12 +76,12 @@ template <typename Call> auto quietly(Call call) noexcept {
 } // namespace ulmo
 
 int evtrace_hist_event_subtype_check(uint32_t /*module_id*/, uint32_t subtype) {
-    return ulmo::quietly([=] { return ulmo::wants(ulmo::switches.history(), subtype) ? 0 : 1; });
+    return ulmo::unnoticed([=] { return ulmo::wants(ulmo::switches.history(), subtype) ? 0 : 1; });
 }
 
 void evtrace_hist_event(uint32_t /*module_id*/, uint32_t subtype, uint32_t length,
                         const char *text) {
-    ulmo::quietly([=] {
+    ulmo::unnoticed([=] {
         if (text != nullptr && ulmo::wants(ulmo::switches.history(), subtype)) {
             ulmo::append_to_history(ulmo::history_line(subtype, {text, length}),
                                     ulmo::switches.limit());
@@ -95,7 +91,7 @@ void evtrace_hist_event(uint32_t /*module_id*/, uint32_t subtype, uint32_t lengt
 }
 
 int evtrace_chk_int(uint32_t subtype, int32_t /*second*/, int32_t /*third*/, int32_t /*fourth*/) {
-    return ulmo::quietly([=] { return ulmo::wants(ulmo::switches.print(), subtype) ? 1 : 0; });
+    return ulmo::unnoticed([=] { return ulmo::wants(ulmo::switches.print(), subtype) ? 1 : 0; });
 }
 
 void dbgprint(const char *format, ...) {
