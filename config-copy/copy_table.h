@@ -24,9 +24,9 @@ enum class FileType {
     all_startup = COPY_FILE_ALL_STARTUP,
 };
 
-inline constexpr std::size_t longest_file_name = 128; // octets, as in the columns
-// The column takes 41 octets, but a name of 41 empties the password.
-inline constexpr std::size_t longest_user_name = 40;
-inline constexpr std::size_t longest_password = 41;
+inline constexpr std::size_t longest_file_name = CC_FILE_NAME_MAX;
+// A name that fills its column empties the password.
+inline constexpr std::size_t longest_user_name = CC_CREDENTIAL_SIZE - 1;
+inline constexpr std::size_t longest_password = CC_CREDENTIAL_SIZE;
 
 } // namespace config_copy

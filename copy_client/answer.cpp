@@ -18,9 +18,9 @@ const std::array<Text, 8> &texts() {
     constexpr std::size_t longest_address = 255; // InetAddress of RFC 4001
     static const std::array<Text, 8> columns{
         {{copy_column(CC_COLUMN_SERVER_ADDRESS), 4},
-         {copy_column(CC_COLUMN_FILE_NAME), 128},
-         {copy_column(CC_COLUMN_USER_NAME), 41},
-         {copy_column(CC_COLUMN_USER_PASSWORD), 41},
+         {copy_column(CC_COLUMN_FILE_NAME), CC_FILE_NAME_MAX},
+         {copy_column(CC_COLUMN_USER_NAME), CC_CREDENTIAL_SIZE},
+         {copy_column(CC_COLUMN_USER_PASSWORD), CC_CREDENTIAL_SIZE},
          {copy_column(CC_COLUMN_SERVER_ADDRESS_REV1), longest_address},
          {error_column(CC_ERROR_COLUMN_DEVICE_ADDR), longest_address},
          {error_column(CC_ERROR_COLUMN_SWITCH_WWN), 8},

@@ -11,6 +11,10 @@
 #define CC_ERROR_COLUMN_OID(column) CC_ROOT_OID, 1, 1, 2, 1, (column)
 #define CC_INDEX_MAX 2147483647
 
+/* The longest file name, and the longest user name or password, in octets. */
+#define CC_FILE_NAME_MAX 128
+#define CC_CREDENTIAL_SIZE 41
+
 /* Columns of ccCopyTable. */
 enum cc_column {
     CC_COLUMN_PROTOCOL = 2,

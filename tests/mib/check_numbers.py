@@ -1,6 +1,6 @@
 #!/usr/bin/python3
-"""The numbers in platform/copy_table.h against CONFIG-COPY-MIB: columns by name, and the values of
-each enumeration."""
+"""The numbers in platform/copy_table.h against CONFIG-COPY-MIB: columns by name, the longest texts,
+and the values of each enumeration."""
 
 import re
 import sys
@@ -14,6 +14,10 @@ HEADER = (ROOT / "platform/copy_table.h").read_text()
 VALUES = {
     "copy_protocol": "ConfigCopyProtocol", "copy_file_type": "ConfigCopyFileType",
     "copy_state": "ConfigCopyState", "copy_fail_cause": "ConfigCopyFailCause"
+}
+LONGEST = {
+    "ccCopyFileName": "CC_FILE_NAME_MAX", "ccCopyUserName": "CC_CREDENTIAL_SIZE",
+    "ccCopyUserPassword": "CC_CREDENTIAL_SIZE"
 }
 # The names of a few values are not the MIB module's in other letters.
 OTHER_NAMES = {"WARDEN_REFUSED": "SYSTEM_MANAGER_REFUSED", "WARDEN_FAILED": "SYSTEM_MANAGER_FAILED"}
@@ -59,6 +63,10 @@ def main():
               columns_of_mib("ccCopyEntry", "ccCopy")),
              ("enum cc_error_column", of_header("cc_error_column", "CC_ERROR_COLUMN_"),
               columns_of_mib("ccCopyErrorEntry", "ccCopyError"))]
+    for column, constant in LONGEST.items():
+        pairs.append((constant, re.findall(rf"#define {constant} (\d+)", HEADER),
+                      re.findall(rf"^{column} OBJECT-TYPE\s+SYNTAX \s*\S+ \(SIZE \(0\.\.(\d+)\)\)",
+                                 MIB, re.MULTILINE)))
     for enumeration, convention in VALUES.items():
         actual = {
             OTHER_NAMES.get(name, name): number

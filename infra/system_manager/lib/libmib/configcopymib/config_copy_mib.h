@@ -101,8 +101,6 @@ enum cc_magic {
 // --- records
 
 #define CC_FILE_NAME_SIZE 256
-#define CC_FILE_NAME_MAX 128 // octets that a manager may write
-#define CC_CREDENTIAL_SIZE 41
 #define CC_ADDRESS_TEXT_SIZE 64
 
 // A point in wall-clock time; 0, 0 means not yet.
