@@ -2,8 +2,9 @@
 """Checks which folders of the C++ sources include which.
 
 The main header of each folder begins with what the folder is for, which folders use it and which it
-may use. An include that is not announced there, an announced one that no source makes, and a cycle
-are errors. `platform` is the folder of the contracts in C."""
+may use. Errors are an include that is not announced there, an announced one that no source makes,
+and one of a room that is not above in the table of docs/architecture.md. `platform` is the folder
+of the contracts in C, which include no other folder."""
 
 import re
 import sys
@@ -51,17 +52,17 @@ def head_of(name, folder):
     if len(heads) != 1:
         raise SystemExit(
             f"{folder}: {len(heads)} headers begin with what the folder is for, "
-            "who uses it and what it may use"
+            "what uses it and what it may use"
         )
     users, allowed = (set(re.split(r",\s+(?:// +)?", text)) for text in heads[0].groups()[1:])
     return users & {*ROOMS}, allowed
 
 
-def cycle_from(name, uses, above=()):
-    if name in above:
-        return (*above[above.index(name):], name)
-    return next((found for used in sorted(uses.get(name, ()))
-                 if (found := cycle_from(used, uses, (*above, name)))), None)
+def rooms_in_order():
+    """The rooms in the table of docs/architecture.md."""
+    page = (ROOT / "docs/architecture.md").read_text()
+    table = page.split("| room | its header |")[1].split("\n\n")[0]
+    return [Path(folder).name for folder in re.findall(r"^\| `([\w/]+)/` \|", table, re.MULTILINE)]
 
 
 def main():
@@ -91,8 +92,18 @@ def main():
             f"{place}: {name} may not use {used}" for used, place in uses[name].items()
             if used not in allowed
         ]
-    if found := next((found for name in sorted(uses) if (found := cycle_from(name, uses))), None):
-        problems.append("a cycle: " + " > ".join(found))
+    order = rooms_in_order()
+    if sorted(order) != sorted(ROOMS):
+        raise SystemExit(f"docs/architecture.md: the rooms are not {', '.join(sorted(ROOMS))}")
+    problems += [
+        f"{place}: {used} is not above {name} in docs/architecture.md" for name in order
+        for used, place in uses[name].items() if used in order[order.index(name):]
+    ]
+    problems += [
+        f"{header.relative_to(ROOT)} is a contract and includes {included}"
+        for header in sorted((ROOT / "platform").glob("*.h"))
+        for included in INCLUDE.findall(header.read_text())
+    ]
     print(*problems, sep="\n", end="\n" if problems else "")
     return 1 if problems else 0
 
