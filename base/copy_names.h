@@ -1,4 +1,4 @@
-// Values of the copy table by their names in CONFIG-COPY-MIB, for both ends of a copy.
+// Words for values of the copy table, for both ends of a copy.
 #pragma once
 
 #include <array>
@@ -8,21 +8,34 @@
 
 namespace ulmo {
 
-// The name of a ccCopyFailCause value, or its number when it has no name.
+// By value; empty if the value has no word.
+inline constexpr std::array<std::string_view, 6> protocol_names{"",    "tftp", "ftp",
+                                                                "rcp", "scp",  "sftp"};
+inline constexpr std::array<std::string_view, 8> file_type_names{
+    "", "", "", "startup", "running", "", "fabric-startup", "all-startup"};
+// As in CONFIG-COPY-MIB.
+inline constexpr std::array<std::string_view, 10> cause_names{"",
+                                                              "general",
+                                                              "badFileName",
+                                                              "timeout",
+                                                              "noSpace",
+                                                              "badConfig",
+                                                              "unsupportedProtocol",
+                                                              "configNotApplied",
+                                                              "systemManagerRefused",
+                                                              "systemManagerFailed"};
+
+// The word for a value, or its number if it has none.
+template <std::size_t count>
+std::string name_or_number(const std::array<std::string_view, count> &names, long value) {
+    const bool is_known = value > 0 && value < static_cast<long>(count) &&
+                          !names.at(static_cast<std::size_t>(value)).empty();
+    return is_known ? std::string(names.at(static_cast<std::size_t>(value)))
+                    : std::to_string(value);
+}
+
 inline std::string cause_name(long cause) {
-    constexpr std::array<std::string_view, 10> names{"",
-                                                     "general",
-                                                     "badFileName",
-                                                     "timeout",
-                                                     "noSpace",
-                                                     "badConfig",
-                                                     "unsupportedProtocol",
-                                                     "configNotApplied",
-                                                     "systemManagerRefused",
-                                                     "systemManagerFailed"};
-    return cause > 0 && cause < static_cast<long>(names.size())
-               ? std::string(names.at(static_cast<std::size_t>(cause)))
-               : std::to_string(cause);
+    return name_or_number(cause_names, cause);
 }
 
 } // namespace ulmo

@@ -1,5 +1,6 @@
 #include "config-copy/endpoint.h"
 
+#include "base/copy_names.h"
 #include "config-copy/failure.h"
 #include "config-copy/server_address.h"
 
@@ -20,16 +21,20 @@ template <typename Value> struct Named {
     Value value;
 };
 
-constexpr std::array<Named<FileType>, 4> local_files{{{"running", FileType::running},
-                                                      {"startup", FileType::startup},
-                                                      {"fabric-startup", FileType::fabric_startup},
-                                                      {"all-startup", FileType::all_startup}}};
+constexpr Named<FileType> named(FileType type) {
+    return {ulmo::file_type_names.at(static_cast<std::size_t>(type)), type};
+}
+
+constexpr Named<Protocol> named(Protocol protocol) {
+    return {ulmo::protocol_names.at(static_cast<std::size_t>(protocol)), protocol};
+}
+
+constexpr std::array local_files{named(FileType::running), named(FileType::startup),
+                                 named(FileType::fabric_startup), named(FileType::all_startup)};
 constexpr std::array<Named<FileType>, 2> synonyms{
     {{"running-config", FileType::running}, {"startup-config", FileType::startup}}};
-constexpr std::array<Named<Protocol>, 4> protocols{{{"tftp", Protocol::tftp},
-                                                    {"ftp", Protocol::ftp},
-                                                    {"sftp", Protocol::sftp},
-                                                    {"scp", Protocol::scp}}};
+constexpr std::array protocols{named(Protocol::tftp), named(Protocol::ftp), named(Protocol::sftp),
+                               named(Protocol::scp)};
 
 std::string quoted(std::string_view text) {
     return '"' + std::string(text) + '"';

@@ -45,24 +45,6 @@ constexpr std::array<oid, 4> table_below_root{1, 1, 1, 1};
 constexpr std::string_view report_prefix = "copy-report.";
 constexpr std::string_view begun_key = "begun ";
 
-std::string name_or_number(const auto &names, long value) {
-    const bool is_known = value > 0 && value < static_cast<long>(names.size()) &&
-                          !names.at(static_cast<std::size_t>(value)).empty();
-    return is_known ? std::string(names.at(static_cast<std::size_t>(value)))
-                    : std::to_string(value);
-}
-
-std::string protocol_name(long protocol) {
-    constexpr std::array<std::string_view, 6> names{"", "tftp", "ftp", "rcp", "scp", "sftp"};
-    return name_or_number(names, protocol);
-}
-
-std::string file_type_name(long type) {
-    constexpr std::array<std::string_view, 8> names{
-        "", "", "", "startup", "running", "", "fabric-startup", "all-startup"};
-    return name_or_number(names, type);
-}
-
 std::chrono::milliseconds since(Clock::time_point began) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - began);
 }
@@ -240,9 +222,10 @@ CopyRequest CopyWatch::request_of(oid row) const {
     const auto side = [&](oid column) {
         const long type = rows_.number(column, row).value_or(0);
         if (type != COPY_FILE_NETWORK) {
-            return file_type_name(type);
+            return name_or_number(file_type_names, type);
         }
-        return url_of(protocol_name(rows_.number(CC_COLUMN_PROTOCOL, row).value_or(0)),
+        const long protocol = rows_.number(CC_COLUMN_PROTOCOL, row).value_or(0);
+        return url_of(name_or_number(protocol_names, protocol),
                       rows_.octets(CC_COLUMN_USER_NAME, row).value_or(""),
                       address_text(rows_.octets(CC_COLUMN_SERVER_ADDRESS_REV1, row).value_or("")),
                       rows_.octets(CC_COLUMN_FILE_NAME, row).value_or(""));
