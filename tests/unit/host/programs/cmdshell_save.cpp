@@ -1,4 +1,5 @@
-// The command line's save through the system manager, and what it tells of the last one.
+// A save through the system manager by the command line, and what the command line shows of the
+// last one.
 #include "platform/utilities.h"
 #include "tests/unit/host/system_manager/fixture.h"
 

@@ -115,7 +115,7 @@ TEST_F(ActionProcess, HoldsNothingOfItsParents) {
         }
         return names;
     };
-    // The report, what tells it to stop, and the lock that it waits for.
+    // The report, the descriptor that stops it, and the lock that it waits for.
     const std::set<std::string> expected{
         "pipe:", "anon_inode:", (state() / "configuration.lock").string()};
     EXPECT_TRUE(comes_true([&] { return held_beside_streams() == expected; }))
