@@ -88,9 +88,8 @@ std::string describe_cause(long cause, std::string_view server, bool is_fabric,
         if (!reason.empty()) {
             return "the switch says: " + std::string(reason);
         }
-        return "the switch gives no reason: see ulmo-history there, and check that its disk is not "
-               "full" +
-               std::string(server.empty() ? "" : "; check the user and the password, too");
+        return "the agent does not pass on the reason: see `cmdshell -c \"show copies\"` on the "
+               "switch";
     case COPY_FAIL_BAD_FILE_NAME:
         return the_server +
                " has no such file or refuses access to it: check the file's name, and the "
@@ -118,9 +117,9 @@ std::string describe_cause(long cause, std::string_view server, bool is_fabric,
                        "another save may be in progress, so try again, or see its log");
     case COPY_FAIL_WARDEN_FAILED:
         return is_fabric ? because("not every switch of the fabric has saved",
-                                   "see `cmdshell -c \"show last-save\"` on the switch")
+                                   "see `cmdshell -c \"show copies\"` on the switch")
                          : because("the system manager could not save",
-                                   "see `cmdshell -c \"show last-save\"` on the switch");
+                                   "see `cmdshell -c \"show copies\"` on the switch");
     default:
         return "the switch gives the unknown cause " + numbered(cause) + also;
     }

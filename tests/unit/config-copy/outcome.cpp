@@ -39,11 +39,14 @@ TEST(Outcome, EachCauseHasItsWords) {
         words.insert(describe_cause(cause, "192.0.2.1", false));
     }
     EXPECT_EQ(9U, words.size());
+    EXPECT_EQ(
+        "the agent does not pass on the reason: see `cmdshell -c \"show copies\"` on the switch",
+        describe_cause(COPY_FAIL_GENERAL, "192.0.2.1", false));
     EXPECT_EQ("the switch gives the unknown cause 12", describe_cause(12, "", false));
     EXPECT_EQ("the file server 192.0.2.1 did not answer the switch: check its address, the route "
               "to it, and whether the server runs",
               describe_cause(COPY_FAIL_TIMEOUT, "192.0.2.1", false));
-    EXPECT_EQ("not every switch of the fabric has saved: see `cmdshell -c \"show last-save\"` on "
+    EXPECT_EQ("not every switch of the fabric has saved: see `cmdshell -c \"show copies\"` on "
               "the switch",
               describe_cause(COPY_FAIL_WARDEN_FAILED, "", true));
 }
