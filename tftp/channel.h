@@ -9,6 +9,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <limits>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -46,6 +47,7 @@ constexpr std::chrono::seconds unlimited{1'000'000'000};
 struct Limits {
     std::chrono::seconds idle{unlimited};  // in which least_progress octets must move
     std::chrono::seconds total{unlimited}; // for the whole transfer
+    std::uint64_t received_octets = std::numeric_limits<std::uint64_t>::max();
 };
 
 // One block of plain TFTP. A server may send 8 octets at a time and still never be silent.

@@ -26,7 +26,8 @@ class Session {
     // Upper bounds of the block size and the window size that later transfers request.
     void limit(std::uint16_t block_size, std::uint16_t window_size);
 
-    // What later transfers must keep to.
+    // What later transfers must keep to: they fail with ETIMEDOUT or, if the remote file is too
+    // large, with EFBIG.
     void set_limits(const Limits &limits) { server_.limits = limits; }
 
     // Octets that the last transfer has sent or stored.

@@ -222,10 +222,11 @@ class Conversation {
 // last block before the gap.
 class Receiver {
   public:
-    Receiver(Conversation &conversation, const Sink &sink)
-        : conversation_(conversation), sink_(sink) {}
+    Receiver(Conversation &conversation, std::uint64_t limit, const Sink &sink)
+        : conversation_(conversation), limit_(limit), sink_(sink) {}
 
     void run() {
+        check_limit(conversation_.transfer_size().value_or(0));
         std::optional<Packet> packet = conversation_.first();
         while (!take(packet)) {
             packet = conversation_.wait();
@@ -281,6 +282,7 @@ class Receiver {
             throw_error(EPROTO, reason);
         }
         total_ += octets;
+        check_limit(total_);
         const auto announced = conversation_.transfer_size();
         if (announced && (total_ > *announced ||
                           (octets < conversation_.block_size() && total_ != *announced))) {
@@ -289,6 +291,15 @@ class Receiver {
                                        " octets, announced were " + std::to_string(*announced);
             conversation_.refuse(ErrorCode::undefined, reason);
             throw_error(EPROTO, reason);
+        }
+    }
+
+    void check_limit(std::uint64_t octets) {
+        if (octets > limit_) {
+            const std::string reason =
+                "more than " + std::to_string(limit_) + " octets, the most that is taken";
+            conversation_.refuse(ErrorCode::disk_full, reason);
+            throw_error(EFBIG, reason);
         }
     }
 
@@ -310,6 +321,7 @@ class Receiver {
     }
 
     Conversation &conversation_;
+    std::uint64_t limit_;
     const Sink &sink_;
     std::uint64_t expected_ = 1;
     std::uint64_t acknowledged_ = 0;
@@ -442,7 +454,7 @@ void write_file(const Endpoint &server, const std::string &name, std::uint64_t s
 
 void read_file(const Endpoint &server, const std::string &name, const Sink &sink) {
     Conversation conversation(server, Opcode::read_request, name, 0);
-    Receiver(conversation, sink).run();
+    Receiver(conversation, server.limits.received_octets, sink).run();
 }
 
 } // namespace ulmo::tftp

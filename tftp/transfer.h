@@ -25,7 +25,8 @@ void write_file(const Endpoint &server, const std::string &name, std::uint64_t s
                 const Source &source);
 
 // Reads the file of that name from the server. Fails with EPROTO if its size differs from the one
-// that the server announced. Throws as write_file().
+// that the server announced, and with EFBIG if it is larger than `server` permits. Throws as
+// write_file().
 void read_file(const Endpoint &server, const std::string &name, const Sink &sink);
 
 // The options that are requested from this server.

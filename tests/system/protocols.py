@@ -17,10 +17,10 @@ from pathlib import Path
 
 import pytest
 from copy_table import (
-    BAD_FILE_NAME, FAIL_CAUSE, FTP, GENERAL, LOGS, NOTIFY, NO_SPACE, SCP, SECRET, SERVER4, SERVER6,
-    SERVER_ROOT, SFTP, STARTUP, STATE, STATE_DIRECTORY, STATE_FAILED, STATE_SUCCESSFUL, TFTP,
-    TIMEOUT, TRUE, Manager, Request, children, completions, download, lab_ctl, run, serve, show,
-    upload, wait_for,
+    BAD_FILE, BAD_FILE_NAME, FAIL_CAUSE, FTP, GENERAL, LOGS, NOTIFY, NO_SPACE, SCP, SECRET,
+    SERVER4, SERVER6, SERVER_ROOT, SFTP, STARTUP, STATE, STATE_DIRECTORY, STATE_FAILED,
+    STATE_SUCCESSFUL, TFTP, TIMEOUT, TRUE, Manager, Request, children, completions, download,
+    lab_ctl, run, serve, show, upload, wait_for,
 )
 from saves import busy_device, full_disk
 
@@ -319,6 +319,12 @@ def test_changed_host_key(operator, protocol, unchanged):
     assert KNOWN_HOSTS.read_bytes() == known and not (SERVER_ROOT / "second.cfg").exists()
     KNOWN_HOSTS.unlink()
     Request(operator).create(*upload(SERVER4, "second.cfg", protocol=protocol)).copied()
+
+
+def test_tftp_file_that_is_too_large(operator, unchanged):
+    """The server announces its size."""
+    os.truncate(serve("huge.cfg", ""), 128 * 1024 * 1024 + 1)
+    fails(Request(operator).create(*download(SERVER4, "huge.cfg"), (NOTIFY, TRUE)), BAD_FILE)
 
 
 # Full disks

@@ -70,6 +70,7 @@ class Agent final : public BusObserver {
     void handle_events();
     void receive_messages();
     void receive(const Incoming &incoming);
+    void deliver_report(msgbus_message &message, pid_t worker);
     void deliver(msgbus_message &message);
     void deliver_end_of_save(uint32_t status);
     void hear_of_save();
@@ -207,10 +208,23 @@ void Agent::receive(const Incoming &incoming) {
         deliver_end_of_save(first_word_or_failure(*incoming.message));
         return;
     }
-    deliver(*incoming.message);
     if (incoming.message->opcode == AGENT_OPC_WORKER_STATUS) {
-        copy_watch().reported(incoming.peer.pid, status_in(*incoming.message));
+        deliver_report(*incoming.message, incoming.peer.pid);
+        return;
     }
+    deliver(*incoming.message);
+}
+
+void Agent::deliver_report(msgbus_message &message, pid_t worker) {
+    auto status = status_in(message);
+    const bool has_failed = status.value_or(0) != 0;
+    if (const auto cause = has_failed ? copy_watch().reported_cause(worker) : std::nullopt) {
+        status = cause;
+        deliver_status(*cause);
+    } else {
+        deliver(message);
+    }
+    copy_watch().reported(worker, status);
 }
 
 void Agent::deliver(msgbus_message &message) {

@@ -295,6 +295,11 @@ void CopyWatch::end_worker(pid_t worker, const std::function<void(CopyEnd &)> &c
     });
 }
 
+std::optional<std::int32_t> CopyWatch::reported_cause(pid_t worker) const noexcept {
+    const auto found = copies_.find(worker);
+    return found != copies_.end() ? read_copy_report(found->second.report).cause : std::nullopt;
+}
+
 void CopyWatch::reported(pid_t worker, std::optional<std::int32_t> status) noexcept {
     end_worker(worker, [&](CopyEnd &end) {
         end.outcome = status == 0 ? CopyEnd::Outcome::successful : CopyEnd::Outcome::failed;

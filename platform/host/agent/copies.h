@@ -80,6 +80,9 @@ class CopyWatch {
     [[nodiscard]] std::vector<pid_t> without_row() const noexcept;
     void not_forked(const Copy &copy, int error) noexcept;
 
+    // The cause that the worker's report names in place of the status that the worker sends.
+    [[nodiscard]] std::optional<std::int32_t> reported_cause(pid_t worker) const noexcept;
+
     // The module has received the end of the copy: the worker's own report, or its death.
     void reported(pid_t worker, std::optional<std::int32_t> status) noexcept;
     void died(pid_t worker, const std::string &how) noexcept;

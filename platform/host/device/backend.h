@@ -1,5 +1,5 @@
 // Room: the device: its two configurations, their language, the shell that applies them.
-// Used by: system_manager, programs.
+// Used by: transfer, system_manager, programs.
 // May use: base, history, platform.
 //
 // The device behind the CLI shell and the system manager: it stores and changes its configurations.

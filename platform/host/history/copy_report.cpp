@@ -25,6 +25,7 @@ namespace {
 
 constexpr std::size_t report_limit = std::size_t{64} * 1024;
 constexpr std::string_view reason_key = "reason ";
+constexpr std::string_view cause_key = "cause ";
 constexpr std::string_view moved_key = "moved ";
 constexpr std::string_view file_key = "file ";
 constexpr std::string_view sha256_key = "sha256 ";
@@ -106,6 +107,8 @@ std::optional<std::string_view> behind(std::string_view key, std::string_view li
 void take_line(CopyReport &report, std::string_view line) {
     if (const auto reason = behind(reason_key, line); reason && report.reason.empty()) {
         report.reason = reason_in(*reason);
+    } else if (const auto cause = behind(cause_key, line)) {
+        report.cause = parsed_number<std::int32_t>(*cause, 1);
     } else if (const auto moved = behind(moved_key, line)) {
         if (const auto octets = parsed_number<std::uint64_t>(*moved)) {
             report.octets = octets;
@@ -122,6 +125,10 @@ void take_line(CopyReport &report, std::string_view line) {
 
 void report_reason(std::string_view reason) noexcept {
     in_report([&] { append(reason_key, reason_in(reason)); });
+}
+
+void report_cause(std::int32_t cause) noexcept {
+    in_report([&] { append(cause_key, std::to_string(cause)); });
 }
 
 void report_moved(std::uint64_t octets) noexcept {

@@ -4,10 +4,13 @@
 //   ulmo-setting --list     prints the table of settings, separated by tabs: name, kind, default,
 //                           least, most, words, what a bad value makes fail, and when a change
 //                           takes effect
+//   ulmo-setting --download-limit
+//                           prints how many octets a download may have, which is not a setting
 //
 // Exits with 0; with 1 and a line on standard error if the file can't be read or a bad value must
 // not be ignored; with 2 on wrong usage.
 #include "base/settings.h"
+#include "platform/host/device/configuration_text.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -34,7 +37,7 @@ std::string row_of(const ulmo::Setting &setting) {
 }
 
 int usage() {
-    std::fputs("usage: ulmo-setting NAME... | --list\n", stderr);
+    std::fputs("usage: ulmo-setting NAME... | --list | --download-limit\n", stderr);
     return 2;
 }
 
@@ -46,6 +49,8 @@ int main(int argc, char **argv) try {
         for (const ulmo::Setting &setting : ulmo::all_settings) {
             output += row_of(setting);
         }
+    } else if (argc == 2 && std::string_view(argv[1]) == "--download-limit") {
+        output = std::to_string(ulmo::configuration_text_limit) + '\n';
     } else if (argc < 2) {
         return usage();
     } else {

@@ -1,7 +1,12 @@
 #include "platform/host/transfer/tftp_copy.h"
 
 #include "base/settings.h"
+#include "platform/copy_table.h"
+#include "platform/host/device/configuration_text.h"
 #include "platform/host/history/copy_report.h"
+
+#include <cerrno>
+#include <chrono>
 
 namespace ulmo {
 namespace {
@@ -11,8 +16,9 @@ void limit(tftp::Session &session) {
     const auto seconds = [](NumberSetting name) {
         return std::chrono::seconds(number_setting(name).value());
     };
-    session.set_limits(
-        {.idle = seconds("transfer_idle_limit"), .total = seconds("transfer_time_limit")});
+    session.set_limits({.idle = seconds("transfer_idle_limit"),
+                        .total = seconds("transfer_time_limit"),
+                        .received_octets = configuration_text_limit});
 }
 
 int reported(const tftp::Session &session, int result) {
@@ -47,7 +53,11 @@ int put(tftp::Session &session, const std::string &local, const std::string &rem
 
 int get(tftp::Session &session, const std::string &remote, const std::string &local) {
     limit(session);
-    return reported(session, session.get(remote, local), local);
+    const int result = session.get(remote, local);
+    if (result == tftp::system_result(EFBIG)) {
+        report_cause(COPY_FAIL_BAD_CONFIG);
+    }
+    return reported(session, result, local);
 }
 
 } // namespace ulmo

@@ -14,6 +14,7 @@
 #   6  connection lost
 #   7  wrong use, bad settings, or the VRF does not exist or can't be entered
 #   8  anything else
+#   9  the file of a download has more octets than a configuration may have
 #
 # Every script takes the number of a VRF as optional last argument, and runs the client within it.
 #
@@ -25,7 +26,8 @@
 log_user 0
 match_max 65536
 
-array set CODE {done 0 unreachable 1 name 2 space 3 login 4 host_key 5 lost 6 use 7 other 8}
+array set CODE {done 0 unreachable 1 name 2 space 3 login 4 host_key 5 lost 6 use 7 other 8
+    size 9}
 set password {}
 set temporary {}
 set client_pid 0
@@ -129,8 +131,8 @@ proc from_environment {name default} {
     return [expr {[info exists env($name)] && $env($name) ne {} ? $env($name) : $default}]
 }
 
-# The effective values of these settings. If a bad value must not be ignored, the transfer fails
-# with the reason.
+# The effective values of these settings, or what else ulmo-setting prints. If a bad value must not
+# be ignored, the transfer fails with the reason.
 proc settings {args} {
     global here
     if {[catch {exec $here/ulmo-setting {*}$args} values]} {
@@ -199,18 +201,23 @@ proc harmless {code text} {
         array set plain {
             unreachable "the server does not answer" name "file name refused" space "no space left"
             login "login refused" host_key "host key refused" lost "connection lost"
-            use "wrong use" other "the transfer failed"
+            use "wrong use" other "the transfer failed" size "the file is too large"
         }
         return $plain($code)
     }
     return [string range $text 0 400]
 }
 
-# Ends the script.
+# Ends the script. If the download has grown too large, that is why the client has failed.
 proc fail {code text} {
-    global CODE argv0
+    global CODE argv0 octet_limit
     end_client
     report_part
+    if {[is_too_large]} {
+        set code size
+        set text "more than $octet_limit octets, the most that is taken"
+        report cause 5 ;# COPY_FAIL_BAD_CONFIG of platform/copy_table.h
+    }
     drop_temporary
     set line [harmless $code $text]
     report reason [reason $code $line]
@@ -256,7 +263,8 @@ proc local_source {name} {
 # The local file of a download: a new file in the folder of the target, readable by its owner only.
 # keep_download renames it.
 proc local_target {name} {
-    global target temporary
+    global target temporary octet_limit
+    set octet_limit [settings --download-limit]
     set target [absolute $name]
     if {[file isdirectory $target]} {
         fail name "$target is a directory"
@@ -271,11 +279,19 @@ proc local_target {name} {
 
 proc keep_download {} {
     global target temporary moved_file
+    if {[is_too_large]} {
+        fail size {}
+    }
     if {[catch {file rename -force $temporary $target} problem]} {
         fail_for_local_file $problem
     }
     set temporary {}
     set moved_file $target
+}
+
+proc is_too_large {} {
+    global temporary octet_limit
+    return [expr {$temporary ne {} && ![catch {file size $temporary} size] && $size > $octet_limit}]
 }
 
 # How much of a download has arrived.
@@ -305,6 +321,7 @@ proc token {} {
 # Starts the client on a terminal of its own, in raw mode, and starts the time limits.
 proc start_client {args} {
     global spawn_id client_pid vrf idle_limit deadline moved looked progress here env
+    global temporary octet_limit
     lassign [settings transfer_idle_limit transfer_time_limit] idle_limit time_limit
     set moved [clock seconds]
     set looked $moved
@@ -328,6 +345,11 @@ proc start_client {args} {
         append words " \"\$$variable\""
     }
     set shell "stty raw -echo || exit; set --$words; unset $variables;"
+    if {$temporary ne {}} {
+        # In units of 512 octets, with a megabyte more: the client may cut off the block at which it
+        # fails, and the rest must still be too large.
+        append shell " trap '' XFSZ; ulimit -f [expr {$octet_limit / 512 + 2048}];"
+    }
     append shell " exec \"\$@\" 3>&- 4>&- 5>&- 6>&- 7>&- 8>&- 9>&-"
     set client_pid [spawn -noecho -nottycopy -nottyinit /bin/sh -c $shell]
     foreach variable $variables {

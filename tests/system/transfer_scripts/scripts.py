@@ -14,7 +14,7 @@ with warnings.catch_warnings():
     warnings.simplefilter("ignore")  # it goes with Python 3.13; Debian 12 has 3.11
     import crypt
 
-DONE, UNREACHABLE, NAME, SPACE, LOGIN, HOST_KEY, LOST, USE, OTHER = range(9)
+DONE, UNREACHABLE, NAME, SPACE, LOGIN, HOST_KEY, LOST, USE, OTHER, SIZE = range(10)
 ACCOUNT, SECRET = os.environ.get("LAB_USER", ""), os.environ.get("LAB_PASSWORD", "")
 SETTINGS = Path(os.environ.get("ULMO_CONF", "/nonexistent"))
 KNOWN_HOSTS = STATE_DIRECTORY / "ssh_known_hosts"

@@ -9,12 +9,13 @@ from pathlib import Path
 import pytest
 from copy_table import SERVER_ROOT, lab_ctl, serve, wait_for
 from scripts import (
-    DONE, FTP, FTP_SERVER, LOST, NAME, NO_ROUTE, OTHER, OTHER_HOST, SCP, SCRIPTS, SILENT, SPACE,
-    SSH_SCRIPTS, UNREACHABLE, USE, Running, gone, listening, opened_by, results, settings,
+    DONE, FTP, FTP_SERVER, LOST, NAME, NO_ROUTE, OTHER, OTHER_HOST, SCP, SCRIPTS, SILENT, SIZE,
+    SPACE, SSH_SCRIPTS, UNREACHABLE, USE, Running, gone, listening, opened_by, results, settings,
     side_by_side,
 )
 
 LARGE = 3_000_000
+LARGEST = 128 * 1024 * 1024  # octets of a download
 LASTING = 20_000_000  # not done within a few seconds on the links below
 
 
@@ -105,6 +106,21 @@ def test_local_names_refused(script, here, untouched):
 
 
 # Space
+
+
+@pytest.mark.parametrize("octets", [LARGEST + 1, 2**40], ids=["by one octet", "by far"])
+def test_file_that_is_too_large(script, here, untouched, octets):
+    os.truncate(serve("huge", b""), octets)
+    (here / "old").write_bytes(b"old")
+    untouched()
+    assert script.get("huge", here / "new") == SIZE
+    assert script.get("huge", here / "old") == SIZE
+
+
+def test_file_of_the_largest_size(script, here):
+    os.truncate(serve("large", b""), LARGEST)
+    assert script.get("large", here / "new") == DONE
+    assert (here / "new").stat().st_size == LARGEST
 
 
 def test_full_server(script, here, small_disk):

@@ -295,6 +295,51 @@ TEST_F(TftpTest, FileOfAnotherSizeThanAnnouncedIsAnError) {
     }
 }
 
+TEST_F(TftpTest, AnnouncedFileThatIsTooLargeIsRefusedAtOnce) {
+    session.set_limits({.received_octets = 1024});
+    TestServer server([](Dialogue &dialogue) {
+        dialogue.send(oack({{"tsize", "1025"}}));
+        const auto answer = dialogue.receive();
+        ASSERT_TRUE(answer);
+        EXPECT_EQ(opcode_of(*answer), 5U);
+        EXPECT_EQ(block_of(*answer), 3U);
+    });
+    connect(server);
+    EXPECT_EQ(session.get("remote", path("got")), -127);
+    EXPECT_EQ(session.text(-127), "File too large (more than 1024 octets, the most that is taken)");
+    EXPECT_EQ(session.moved(), 0U);
+    EXPECT_EQ(entries(), 0U);
+}
+
+TEST_F(TftpTest, FileThatTurnsOutTooLargeIsRefused) {
+    session.set_limits({.received_octets = 1024});
+    TestServer server([](Dialogue &dialogue) {
+        for (unsigned number = 1; number <= 2; ++number) {
+            dialogue.send(data(number, full_block()));
+            EXPECT_EQ(dialogue.receive(), ack(number));
+        }
+        dialogue.send(data(3, "x"));
+        EXPECT_EQ(error_sent(dialogue), 3U);
+    });
+    connect(server);
+    EXPECT_EQ(session.get("remote", path("got")), -127);
+    EXPECT_EQ(session.moved(), 1024U);
+    EXPECT_EQ(entries(), 0U);
+}
+
+TEST_F(TftpTest, FileOfTheLargestSizeIsTaken) {
+    session.set_limits({.received_octets = 1024});
+    const std::string content = content_of(1024);
+    for (const bool announces : {false, true}) {
+        TestServer server(Behaviour{.block_size = 512, .answer_size = announces});
+        connect(server);
+        server.offer("remote", content);
+        EXPECT_EQ(session.get("remote", path("got")), 0);
+        EXPECT_EQ(read("got"), content);
+        EXPECT_EQ(session.put(write("longer", content_of(1025)), "longer"), 0);
+    }
+}
+
 TEST_F(TftpTest, BlockLongerThanAgreedIsAnError) {
     TestServer server([](Dialogue &dialogue) {
         dialogue.send(oack({{"blksize", "100"}}));

@@ -2,6 +2,7 @@
 
 #include "base/folders.h"
 #include "platform/host/agent/clock.h"
+#include "platform/host/agent/copies.h"
 #include "platform/host/agent/request.h"
 #include "platform/host/agent/workers.h"
 #include "platform/host/bus/server.h"
@@ -177,6 +178,30 @@ TEST_F(HostAgentExtension, WorkerReportsOnce) {
     EXPECT_EQ(deliveries[0].opcode, AGENT_OPC_WORKER_STATUS);
     EXPECT_EQ(deliveries[0].outcome, 0U);
     EXPECT_EQ(deliveries[0].payload, 7);
+}
+
+// The copy's report says more than the worker's status can.
+TEST_F(HostAgentExtension, CauseInTheReportReplacesTheStatusOfAFailure) {
+    for (const auto &[status, cause] : {std::pair{1, 5}, {4, 5}, {0, 0}}) {
+        deliveries.clear();
+        const pid_t worker = start_worker([status = status] { send_status(status); });
+        ulmo::CopyWatch::Copy copy;
+        copy.began = Clock::now();
+        copy.report = agent_directory().path() / "report";
+        std::ofstream(copy.report) << "reason more than enough\ncause 5\n";
+        ulmo::copy_watch().follow(worker, copy);
+        siginfo_t information{};
+        ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(worker), &information, WEXITED | WNOWAIT), 0);
+        ASSERT_TRUE(loop_until([=] { return is_reaped(worker); }));
+        ASSERT_EQ(deliveries.size(), 1U);
+        EXPECT_EQ(deliveries[0].payload, cause);
+        const std::string line = ulmo::kept_copy_lines();
+        EXPECT_NE(line.find(cause != 0
+                                ? "outcome=failed cause=badConfig reason=\"more than enough\""
+                                : "outcome=successful"),
+                  std::string::npos)
+            << line;
+    }
 }
 
 TEST_F(HostAgentExtension, SecondReportIsDropped) {

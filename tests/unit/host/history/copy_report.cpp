@@ -4,6 +4,7 @@
 #include "platform/utilities.h"
 
 #include "tests/unit/scratch.h"
+#include "tests/unit/tftp/scripted_server.h"
 
 #include <gtest/gtest.h>
 
@@ -49,6 +50,16 @@ TEST_F(HostCopyReport, FileIsMeasured) {
     EXPECT_EQ(report().sha256, sha256_of_abc);
 }
 
+TEST_F(HostCopyReport, CauseIsANumber) {
+    ulmo::report_cause(5);
+    EXPECT_EQ(report().cause, 5);
+    for (const char *other :
+         {"", "cause 0\n", "cause many\n", "cause 5x\n", "cause 4294967301\n"}) {
+        Scratch::write(file_, other);
+        EXPECT_EQ(report().cause, std::nullopt) << other;
+    }
+}
+
 TEST_F(HostCopyReport, PartIsOctetsAlone) {
     ulmo::report_moved(512);
     EXPECT_EQ(report().octets, 512U);
@@ -91,6 +102,24 @@ TEST_F(HostCopyReport, TftpTellsWhyItFailed) {
     tftp_connect("192.0.2.300", -1);
     EXPECT_NE(report().reason, "");
     EXPECT_EQ(report().octets, 0U);
+}
+
+// More than a configuration may have.
+TEST_F(HostCopyReport, TftpTellsTheCauseOfAFileThatIsTooLarge) {
+    using namespace tftp_test;
+    for (const auto &[octets, cause] :
+         {std::pair{"134217729", std::optional(5)}, {"134217728", std::nullopt}}) {
+        Scratch::write(file_, "");
+        TestServer server([octets = octets](Dialogue &dialogue) {
+            dialogue.send(oack({{"tsize", octets}}));
+            dialogue.receive();
+            dialogue.send(error(1, "gone"));
+        });
+        ASSERT_EQ(tftp_connect(server.address(), server.port()), 0);
+        EXPECT_LT(tftp_get2("remote", (scratch_.root() / "got").c_str(), 0), 0);
+        EXPECT_EQ(report().cause, cause);
+    }
+    EXPECT_FALSE(std::filesystem::exists(scratch_.root() / "got"));
 }
 
 TEST_F(HostCopyReport, HugeReportIsNotRead) {
