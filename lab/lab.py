@@ -100,7 +100,8 @@ def parse(arguments):
     parser.add_argument("action", choices=("exec", "shell", "help"), help=argparse.SUPPRESS)
     parser.add_argument("--build-dir", metavar="DIR", type=Path,
                         default=REPOSITORY / "build" / "release",
-                        help="the build to run, which is updated first (default: build/release)")
+                        help="the build to run, which is updated first (default: build/release); "
+                             "one with sanitizers makes the agents run with them")
     parser.add_argument("--no-build", action="store_true", help="do not update the build")
     parser.add_argument("--no-module", action="store_true", help="run the agent without the module")
     parser.add_argument(

@@ -7,8 +7,8 @@ from pathlib import Path
 
 import network
 from daemons import (
-    BUILD, COMMUNITY, LAB, UNPACKED, Daemon, Failure, folder, output_of, private_folder_of_size,
-    succeeds,
+    BUILD, COMMUNITY, LAB, SCRIPTS, UNPACKED, Daemon, Failure, folder, output_of,
+    private_folder_of_size, succeeds,
 )
 
 OPERATOR = "operator"  # the manager's SNMPv3 user
@@ -144,16 +144,26 @@ class Switch:
             "SNMPCONFPATH": str(self.home / "agent"),
             "SNMP_PERSISTENT_DIR": str(self.home / "agent-persistent"), **environment(self.number)
         }
+        preloaded = []
+        runtime = BUILD / "lib" / "libclang_rt.asan.so"
+        if runtime.exists():  # the build has sanitizers
+            preloaded += [runtime, BUILD / "lib" / "sanitized_agent.so"]
+            settings |= {
+                # A small quarantine, so that what is freed does not look like growth.
+                "ASAN_OPTIONS": "quarantine_size_mb=16",
+                "LSAN_OPTIONS": f"suppressions={SCRIPTS}/leaks.txt:print_suppressions=0",
+                "UBSAN_OPTIONS": "print_stacktrace=1"
+            }
         if self.options["faketime"]:
             library = next(Path("/usr/lib").glob("*/faketime/libfaketime.so.1"), None)
             if library is None:
                 raise Failure(
                     "--faketime needs the package faketime: scripts/install-packages.sh installs it"
                 )
-            settings |= {
-                "LD_PRELOAD": str(library), "FAKETIME_TIMESTAMP_FILE": str(self.clock),
-                "FAKETIME_NO_CACHE": "1"
-            }
+            preloaded.append(library)
+            settings |= {"FAKETIME_TIMESTAMP_FILE": str(self.clock), "FAKETIME_NO_CACHE": "1"}
+        if preloaded:
+            settings["LD_PRELOAD"] = ":".join(map(str, preloaded))
         command = network.on_switch(self.number, UNPACKED / "root-snmpd/usr/sbin/snmpd", "-f",
                                     "-Le", "-I", "-smux,mteTrigger,mteTriggerConf")
         return Daemon(f"snmpd{self.number}", command, self._agent_answers, cwd=self.work,
