@@ -278,6 +278,50 @@ TEST_F(Store, CopyIsInProgressByARunningRowOrByTheWorker) {
     EXPECT_TRUE(copy_inprogress());
 }
 
+TEST_F(Store, RunningRowsAreCountedHoweverTheyComeAndGo) {
+    const auto remove = [](int32_t index) {
+        ccCopyEntry key{};
+        key.ccCopyIndex = index;
+        return deleteCcCopyEntry(&key);
+    };
+    add_row(4);
+    add_row(5);
+    set_state(4, COPY_STATE_RUNNING);
+    set_state(4, COPY_STATE_RUNNING);
+    set_state(5, COPY_STATE_RUNNING);
+    EXPECT_EQ(remove(4), 0U);
+    EXPECT_TRUE(copy_inprogress());
+    set_state(5, COPY_STATE_FAILED);
+    EXPECT_FALSE(copy_inprogress());
+
+    ccCopyEntry *running = createCcCopyEntry();
+    running->ccCopyIndex = 6;
+    running->ccCopyState = COPY_STATE_RUNNING;
+    ASSERT_EQ(addCcCopyEntry(running), 0U);
+    EXPECT_TRUE(copy_inprogress());
+    EXPECT_EQ(remove(6), 0U);
+    EXPECT_FALSE(copy_inprogress());
+    EXPECT_EQ(remove(5), 0U); // the last row
+    running = createCcCopyEntry();
+    running->ccCopyIndex = 6;
+    running->ccCopyState = COPY_STATE_RUNNING;
+    ASSERT_EQ(addCcCopyEntry(running), 0U);
+    EXPECT_TRUE(copy_inprogress());
+    EXPECT_EQ(remove(6), 0U);
+    EXPECT_FALSE(copy_inprogress());
+}
+
+// An activation asks this, and there may be many rows.
+TEST_F(Store, NoRowIsLookedAtForACopyInProgress) {
+    add_row(4);
+    fake_keyedset.fail_find(&ccCopyTable, 1);
+    EXPECT_FALSE(copy_inprogress());
+    ccCopyEntry row{};
+    row.ccCopyIndex = 4;
+    EXPECT_NE(getCcCopyEntry(&row), 0U) << "the failing search was used up";
+    EXPECT_EQ(getCcCopyEntry(&row), 0U);
+}
+
 TEST_F(Store, ComparisonPutsTheSecondKeyFirst) {
     ccCopyEntry low{}, high{};
     low.ccCopyIndex = -2147483647;
