@@ -185,6 +185,23 @@ TEST_F(KeyedSet, LookUpsStayLogarithmic) {
     }
 }
 
+TEST_F(KeyedSet, AWalkDoesNotDescendAgain) {
+    create();
+    std::vector<Row> rows(1000);
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        rows[i].index = static_cast<std::int32_t>(i);
+        add(rows[i]);
+    }
+    ASSERT_EQ(next(-1), rows.data());
+    comparisons = 0;
+    for (std::size_t i = 0; i + 1 < rows.size(); ++i) {
+        const auto index = static_cast<std::int32_t>(i);
+        ASSERT_EQ(find(index), &rows[i]);
+        ASSERT_EQ(next(index), &rows[i + 1]);
+    }
+    EXPECT_LE(comparisons, 2 * rows.size());
+}
+
 TEST_F(KeyedSet, AgreesWithASortedListThroughManyChanges) {
     create();
     std::mt19937 random(42); // NOLINT: the same sequence each time
@@ -213,6 +230,14 @@ TEST_F(KeyedSet, AgreesWithASortedListThroughManyChanges) {
         const auto n = random() % (model.size() + 1);
         ASSERT_EQ(keyedset_find_nth_obj(&set, static_cast<std::uint32_t>(n) + 1),
                   n < model.size() ? model[n] : nullptr);
+        // Asked twice, since each look-up begins where the last one ended.
+        for (const std::int32_t index : {row.index, static_cast<std::int32_t>(n)}) {
+            const auto found = std::lower_bound(model.begin(), model.end(), index, before);
+            const bool is_there = found != model.end() && (*found)->index == index;
+            const auto behind = is_there ? found + 1 : found;
+            ASSERT_EQ(find(index), is_there ? *found : nullptr);
+            ASSERT_EQ(next(index), behind == model.end() ? nullptr : *behind);
+        }
     }
 }
 
