@@ -20,7 +20,7 @@ constexpr std::size_t ipv4_header = 20;
 constexpr std::size_t ipv6_header = 40;
 
 constexpr Clock::duration first_wait = std::chrono::seconds(1);
-constexpr Clock::duration least_wait = std::chrono::milliseconds(200);
+constexpr Clock::duration least_wait = std::chrono::milliseconds(100);
 constexpr Clock::duration longest_wait = std::chrono::seconds(8);
 
 // How much earlier than the server's last packet the report that its port is closed may arrive.

@@ -62,7 +62,7 @@ struct Endpoint {
     // how long a transfer may make no progress before it is given up
     std::chrono::seconds timeout{20};
     std::uint16_t block_size = largest_block_size; // upper bounds of the requested options
-    std::uint16_t window_size = 64;
+    std::uint16_t window_size = 170;
     Limits limits{};
 };
 

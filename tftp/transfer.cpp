@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <map>
 #include <memory>
 #include <system_error>
 #include <utility>
@@ -71,7 +72,7 @@ class Conversation {
   public:
     Conversation(const Endpoint &server, Opcode opcode, const std::string &name, std::uint64_t size)
         : clock_(server.timeout), pace_(server.limits) {
-        Options asked = options_for(server, size);
+        Options asked = options_for(server, opcode, size);
         auto request = encode_request(opcode, name, asked);
         if (!request) {
             // A long name may leave no room for options.
@@ -218,7 +219,7 @@ class Conversation {
     Packet first_;
 };
 
-// The receiving side: takes blocks in order, acknowledges each window and, when it sees a gap, the
+// The receiving side: writes blocks in order, acknowledges each window and, when it sees a gap, the
 // last block before the gap.
 class Receiver {
   public:
@@ -251,28 +252,51 @@ class Receiver {
     bool take_block(const Data &data) {
         const std::uint64_t block = unwrapped(data.block, expected_);
         if (block != expected_) {
-            // After a gap, or a block that was acknowledged before, the server needs to know our
-            // position. Tell it only once per round trip, because it may have sent a whole window
-            // before it learns it.
-            const bool gap =
-                block > expected_ && (!gap_reported_ || Clock::now() - acknowledged_at_ >
-                                                            2 * conversation_.clock().round_trip());
-            const bool repetition = block + 1 == expected_ && block == acknowledged_;
-            if (gap || repetition) {
-                acknowledge_again();
-            }
+            take_out_of_order(block, data.payload);
+            previous_ = block;
             return false;
         }
-        check(data.payload.size());
-        conversation_.locally([&] { sink_(data.payload); });
-        ++expected_;
-        gap_reported_ = false;
-        conversation_.progressed(data.payload.size());
-        const bool last = data.payload.size() < conversation_.block_size();
-        if (last || block - acknowledged_ == conversation_.window_size()) {
+        previous_ = block;
+        bool is_last = accept(data.payload);
+        while (!is_last && !early_.empty() && early_.begin()->first == expected_) {
+            sent_again_ = expected_;
+            is_last = accept(early_.extract(early_.begin()).mapped());
+        }
+        if (is_last || expected_ - 1 - acknowledged_ >= conversation_.window_size()) {
             acknowledge();
         }
-        return last;
+        return is_last;
+    }
+
+    // After a gap, or a block that was acknowledged before, the server needs to know our position.
+    // It may have sent a whole window before it learns it, so it is told again only if it goes back
+    // and we still lack that block. It then sends all that follows as well, and what has arrived
+    // need not arrive twice.
+    void take_out_of_order(std::uint64_t block, Octets payload) {
+        if (block > expected_) {
+            if (block - acknowledged_ <= conversation_.window_size()) {
+                early_.try_emplace(block, payload.begin(), payload.end());
+            }
+            const bool went_back = block <= previous_ && Clock::now() - acknowledged_at_ >
+                                                             conversation_.clock().round_trip() / 2;
+            if (!gap_reported_ || went_back) {
+                acknowledge_again();
+            }
+        } else if (block == sent_again_) {
+            sent_again_ = 0;
+        } else if (block + 1 == expected_ && block == acknowledged_) {
+            acknowledge_again();
+        }
+    }
+
+    // Takes the block that is expected. Returns true if it is the last one.
+    bool accept(Octets payload) {
+        check(payload.size());
+        conversation_.locally([&] { sink_(payload); });
+        ++expected_;
+        gap_reported_ = false;
+        conversation_.progressed(payload.size());
+        return payload.size() < conversation_.block_size();
     }
 
     void check(std::size_t octets) {
@@ -326,8 +350,11 @@ class Receiver {
     std::uint64_t expected_ = 1;
     std::uint64_t acknowledged_ = 0;
     std::uint64_t total_ = 0;
+    std::uint64_t previous_ = 0;   // the last block that came
+    std::uint64_t sent_again_ = 0; // the last block that comes twice because of a gap before it
     bool gap_reported_ = false;
     Clock::time_point acknowledged_at_;
+    std::map<std::uint64_t, std::vector<std::uint8_t>> early_; // blocks after a gap, of one window
 };
 
 // The sending side: keeps a window of blocks under way, and goes back to the first block that the
@@ -424,10 +451,12 @@ class Sender {
 
 } // namespace
 
-Options options_for(const Endpoint &server, std::uint64_t transfer_size) {
-    // The part of the other side's socket buffer that a window may occupy. Only the kernel's usual
-    // default is known, and each packet costs more there than its octets.
-    constexpr std::size_t window_octets = std::size_t{160} * 1024;
+Options options_for(const Endpoint &server, Opcode opcode, std::uint64_t transfer_size) {
+    // What a window may occupy of the receiver's socket buffer. Of the server's we know only the
+    // kernel's usual default of 208 KiB. Our own is at least twice as large, even if the system
+    // allows no more than that default (socket(7)). Each packet costs more there than its octets.
+    const std::size_t window_octets =
+        std::size_t{opcode == Opcode::read_request ? 416U : 160U} * 1024;
     constexpr std::size_t packet_overhead = 1024;
     // Servers give up after about five of their timeouts, so this makes them wait as long as we do.
     // The measured round trip detects losses sooner.

@@ -30,6 +30,6 @@ void write_file(const Endpoint &server, const std::string &name, std::uint64_t s
 void read_file(const Endpoint &server, const std::string &name, const Sink &sink);
 
 // The options that are requested from this server.
-Options options_for(const Endpoint &server, std::uint64_t transfer_size);
+Options options_for(const Endpoint &server, Opcode opcode, std::uint64_t transfer_size);
 
 } // namespace ulmo::tftp

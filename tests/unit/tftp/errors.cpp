@@ -262,7 +262,7 @@ TEST_F(TftpTest, NoRouteIsNetworkUnreachable) {
 
 TEST_F(TftpTest, OptionsOtherThanAskedForAreRefused) {
     using Answer = std::vector<std::pair<std::string, std::string>>;
-    for (const Answer &answer : {Answer{{"blksize", "65465"}}, Answer{{"windowsize", "3"}},
+    for (const Answer &answer : {Answer{{"blksize", "65465"}}, Answer{{"windowsize", "7"}},
                                  Answer{{"timeout", "9"}}, Answer{{"multicast", "x"}}}) {
         TestServer server([&answer](Dialogue &dialogue) {
             dialogue.send(oack(answer));
