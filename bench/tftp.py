@@ -3,7 +3,7 @@
 each.
 
 Run it in a lab whose link takes 10 ms each way: scripts/lab.sh exec --delay 10 -- bench/tftp.py
-[--size MIB] [--runs N] [--put]
+[--size MIB] [--runs N] [--put] [--no-curl]
 
 curl sends one block and waits for its acknowledgment. With a round trip of 20 ms it needs eleven
 minutes for 16 MiB in blocks of 512 octets, and four in blocks of 1428 octets. Give --size a smaller
@@ -43,6 +43,7 @@ def main():
                         help="transfers by each program (default %(default)s)")
     parser.add_argument("--put", action="store_true",
                         help="send the file to the server instead of getting it")
+    parser.add_argument("--no-curl", action="store_true", help="only our TFTP program")
     parser.add_argument("--client", default="/ulmo/bin/brix-tftp",
                         help="our TFTP program (default %(default)s)")
     options = parser.parse_args()
@@ -60,6 +61,8 @@ def main():
             for _ in range(options.runs):
                 for name, command in commands(options.client, server, options.put, local,
                                               remote).items():
+                    if options.no_curl and command[0] != options.client:
+                        continue
                     source, target = (local, served) if options.put else (served, local)
                     with open(content, "rb") as original, open(source, "wb") as file:
                         file.write(original.read())

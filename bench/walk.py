@@ -16,26 +16,12 @@ import random
 import sys
 
 from lab_bench import lab, print_table, run  # first: it sets the path of copy_numbers
-from copy_numbers import COPY_ENTRY, C
+from copy_numbers import COPY_ENTRY
+from manager import SYS_UP_TIME, Manager
 
 COLUMNS = 15  # that a complete IPv4 row answers
 INSTALLED = ".1.3.6.1.2.1.25.6.3.1"
-SYS_UP_TIME = ".1.3.6.1.2.1.1.3.0"
-BINDINGS_PER_SET = 25  # keeps a SET within one Ethernet frame
 FEWEST_ROWS = 20
-
-
-def set_column(agent, indexes, column, kind, value):
-    for first in range(0, len(indexes), BINDINGS_PER_SET):
-        bindings = []
-        for index in indexes[first : first + BINDINGS_PER_SET]:
-            bindings += [f"{COPY_ENTRY}.{column}.{index}", kind, value]
-        run("snmpset", "-On", agent, *bindings)
-
-
-def create(agent, indexes):
-    set_column(agent, indexes, C.CC_COLUMN_ENTRY_ROW_STATUS, "i", C.ROW_STATUS_CREATE_AND_WAIT)
-    set_column(agent, indexes, C.CC_COLUMN_SERVER_ADDRESS, "a", "192.0.2.1")
 
 
 def walk(agent, table):
@@ -86,11 +72,12 @@ def main():
     # The rows age out after five minutes: the walks must be over by then. A walk that finds another
     # number of varbinds ends the program.
     indexes = random.sample(range(1, 2**31), options.rows)
-    create(agent, indexes[:alike])
+    manager = Manager()
+    manager.create(indexes[:alike])
     measure(agent, alike, reference, options.runs)
-    create(agent, indexes[alike:])
+    manager.create(indexes[alike:])
     measure(agent, options.rows, reference, options.runs)
-    set_column(agent, indexes, C.CC_COLUMN_ENTRY_ROW_STATUS, "i", C.ROW_STATUS_DESTROY)
+    manager.destroy(indexes)
 
 
 if __name__ == "__main__":

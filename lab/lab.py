@@ -136,6 +136,10 @@ def parse(arguments):
         "--faketime", metavar="SPEC",
         help="the agents' clock, as faketime takes it, for example +0; lab-ctl agent-clock moves "
              "it later")
+    parser.add_argument(
+        "--agent-under", metavar="COMMAND", default="",
+        help="start the agents by this command, for example \"valgrind --tool=callgrind\"; split "
+             "into words as in a shell")
     parser.add_argument("--keep-logs", metavar="DIR", type=Path,
                         help="copy the daemons' logs and the notifications to DIR at the end")
     options = parser.parse_args(before)

@@ -1,6 +1,7 @@
 """A switch of the lab: its configuration and folders, its agent and its system manager."""
 
 import os
+import shlex
 import socket
 import subprocess
 from pathlib import Path
@@ -164,8 +165,9 @@ class Switch:
             settings |= {"FAKETIME_TIMESTAMP_FILE": str(self.clock), "FAKETIME_NO_CACHE": "1"}
         if preloaded:
             settings["LD_PRELOAD"] = ":".join(map(str, preloaded))
-        command = network.on_switch(self.number, UNPACKED / "root-snmpd/usr/sbin/snmpd", "-f",
-                                    "-Le", "-I", "-smux,mteTrigger,mteTriggerConf")
+        command = network.on_switch(self.number, *shlex.split(self.options["agent_under"]),
+                                    UNPACKED / "root-snmpd/usr/sbin/snmpd", "-f", "-Le", "-I",
+                                    "-smux,mteTrigger,mteTriggerConf")
         return Daemon(f"snmpd{self.number}", command, self._agent_answers, cwd=self.work,
                       environment=settings)
 

@@ -385,8 +385,8 @@ def test_build_in_such_a_place(checkout_elsewhere):
 def test_help_lists_the_options():
     text = subprocess.run([LAB, "help"], check=True, stdout=subprocess.PIPE, text=True).stdout
     for word in ("--switches", "--delay", "--loss", "--chassis-type", "--small-disk",
-                 "--small-disk-of", "--tftp-server", "--faketime", "LAB_AGENT", "LAB_AGENTS",
-                 "LAB_LOG"):
+                 "--small-disk-of", "--tftp-server", "--faketime", "--agent-under",
+                 "LAB_AGENT", "LAB_AGENTS", "LAB_LOG"):
         assert word in text
 
 
