@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -27,14 +28,14 @@ inline constexpr std::array<std::string_view, 10> cause_names{"",
 
 // The word for a value, or its number if it has none.
 template <std::size_t count>
-std::string name_or_number(const std::array<std::string_view, count> &names, long value) {
-    const bool is_known = value > 0 && value < static_cast<long>(count) &&
+std::string name_or_number(const std::array<std::string_view, count> &names, std::int64_t value) {
+    const bool is_known = value > 0 && value < static_cast<std::int64_t>(count) &&
                           !names.at(static_cast<std::size_t>(value)).empty();
     return is_known ? std::string(names.at(static_cast<std::size_t>(value)))
                     : std::to_string(value);
 }
 
-inline std::string cause_name(long cause) {
+inline std::string cause_name(std::int64_t cause) {
     return name_or_number(cause_names, cause);
 }
 

@@ -9,6 +9,8 @@
 namespace ulmo {
 namespace {
 
+static_assert(sizeof(off_t) == 8, "compile with -D_FILE_OFFSET_BITS=64");
+
 [[noreturn]] void throw_too_large(std::string_view name, std::size_t limit) {
     throw_error(EFBIG, name, "is larger than " + std::to_string(limit) + " octets");
 }

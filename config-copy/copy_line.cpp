@@ -80,7 +80,7 @@ Oid last_copy_line(oid number) {
 
 } // namespace
 
-std::optional<CopyLine> parsed_copy_line(std::string_view line, oid index, long started) {
+std::optional<CopyLine> parsed_copy_line(std::string_view line, oid index, std::int64_t started) {
     constexpr std::size_t longest = 4096; // the switch keeps no longer ones
     if (line.size() > longest) {
         return std::nullopt;
@@ -97,7 +97,7 @@ std::optional<CopyLine> parsed_copy_line(std::string_view line, oid index, long 
     return copy;
 }
 
-std::optional<CopyLine> line_of_copy(Session &session, oid index, long started) {
+std::optional<CopyLine> line_of_copy(Session &session, oid index, std::int64_t started) {
     // The newest lines come first, and hardly another copy has ended since.
     constexpr oid lines_looked_at = 4;
     constexpr int attempts = 5;

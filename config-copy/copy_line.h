@@ -20,10 +20,10 @@ struct CopyLine {
 };
 
 // Parses the line if it is about this request: the same index, begun at ccCopyTimeStarted.
-std::optional<CopyLine> parsed_copy_line(std::string_view line, oid index, long started);
+std::optional<CopyLine> parsed_copy_line(std::string_view line, oid index, std::int64_t started);
 
 // The switch's line about a finished copy; empty if there is none or the user may not read it. The
 // agent's lines may be a second old, so it asks again then.
-std::optional<CopyLine> line_of_copy(Session &session, oid index, long started);
+std::optional<CopyLine> line_of_copy(Session &session, oid index, std::int64_t started);
 
 } // namespace config_copy

@@ -121,7 +121,7 @@ class Run {
                          : ": try again later, or queue with --wait-turn SECONDS")};
     }
 
-    bool is_any(long state) {
+    bool is_any(std::int64_t state) {
         const auto states = session_.instances(copy_column(CC_COLUMN_STATE));
         return std::any_of(states.begin(), states.end(),
                            [&](const Binding &row) { return number(row.value) == state; });
@@ -146,10 +146,10 @@ class Run {
         const auto add = [&](oid column, Value value) {
             columns.emplace_back(column, std::move(value));
         };
-        add(CC_COLUMN_SOURCE_FILE_TYPE, static_cast<long>(job_.from.type));
-        add(CC_COLUMN_DEST_FILE_TYPE, static_cast<long>(job_.to.type));
+        add(CC_COLUMN_SOURCE_FILE_TYPE, static_cast<std::int64_t>(job_.from.type));
+        add(CC_COLUMN_DEST_FILE_TYPE, static_cast<std::int64_t>(job_.to.type));
         if (job_.has_file()) {
-            add(CC_COLUMN_PROTOCOL, static_cast<long>(job_.file().protocol));
+            add(CC_COLUMN_PROTOCOL, static_cast<std::int64_t>(job_.file().protocol));
             // before the address, which is interpreted by its type
             add(CC_COLUMN_SERVER_ADDRESS_TYPE, job_.server.type);
             add(CC_COLUMN_SERVER_ADDRESS_REV1, job_.server.octets);
@@ -272,8 +272,8 @@ std::string endpoint_text(const Endpoint &endpoint, const PathValues &values) {
 }
 
 std::optional<double> seconds_between(const Value &started, const Value &completed) {
-    const long start = number(started).value_or(0);
-    const long end = number(completed).value_or(0);
+    const std::int64_t start = number(started).value_or(0);
+    const std::int64_t end = number(completed).value_or(0);
     if (start == 0 || end == 0) {
         return std::nullopt;
     }

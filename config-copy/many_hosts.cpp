@@ -34,8 +34,8 @@ std::size_t contacts_for(std::size_t agents, int jobs) {
         files.rlim_cur = std::min(needed, files.rlim_max);
         ::setrlimit(RLIMIT_NOFILE, &files);
     }
-    return std::clamp<rlim_t>(
-        files.rlim_cur > other_files ? (files.rlim_cur - other_files) / files_each : 0, 1, wanted);
+    return static_cast<std::size_t>(std::clamp<rlim_t>(
+        files.rlim_cur > other_files ? (files.rlim_cur - other_files) / files_each : 0, 1, wanted));
 }
 
 // One of the copies that may run at a time; held while the object exists.

@@ -13,7 +13,7 @@
 namespace config_copy {
 namespace {
 
-std::string numbered(long number) {
+std::string numbered(std::int64_t number) {
     return std::to_string(number);
 }
 
@@ -66,15 +66,15 @@ ExitStatus status_of_all(const std::vector<Outcome> &outcomes) {
     return all;
 }
 
-std::string state_name(long state) {
+std::string state_name(std::int64_t state) {
     constexpr std::array<std::string_view, 5> names{"", "waiting", "running", "successful",
                                                     "failed"};
-    return state > 0 && state < static_cast<long>(names.size())
+    return state > 0 && state < static_cast<std::int64_t>(names.size())
                ? std::string(names.at(static_cast<std::size_t>(state)))
                : numbered(state);
 }
 
-std::string describe_cause(long cause, std::string_view server, bool is_fabric,
+std::string describe_cause(std::int64_t cause, std::string_view server, bool is_fabric,
                            std::string_view reason) {
     const std::string the_server =
         server.empty() ? "the file server" : "the file server " + std::string(server);

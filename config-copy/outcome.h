@@ -59,12 +59,12 @@ std::string_view name_of(ExitStatus status);
 ExitStatus status_of_all(const std::vector<Outcome> &outcomes);
 
 // The name in the MIB, or the number if it has none.
-std::string state_name(long state);
+std::string state_name(std::int64_t state);
 using ulmo::cause_name;
 
 // Why the copy failed, and what to do about it. `server` names the file server and is empty for a
 // copy without one; `reason` is the switch's own report, or empty.
-std::string describe_cause(long cause, std::string_view server, bool is_fabric,
+std::string describe_cause(std::int64_t cause, std::string_view server, bool is_fabric,
                            std::string_view reason = {});
 
 // Why the agent refuses to create the request with this error status about this column (0: none),

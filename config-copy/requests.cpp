@@ -13,7 +13,7 @@ std::vector<oid> indexes(Session &session) {
     return found;
 }
 
-std::string type_name(long type) {
+std::string type_name(std::int64_t type) {
     switch (static_cast<FileType>(type)) {
     case FileType::network:
     case FileType::startup:
@@ -47,7 +47,7 @@ void list_requests(Session &session, Output &output) {
             continue; // removed meanwhile
         }
         const auto file_type = [&](const Value &type) {
-            if (type != Value(static_cast<long>(FileType::network))) {
+            if (type != Value(static_cast<std::int64_t>(FileType::network))) {
                 return type_name(number(type).value_or(0));
             }
             const auto protocol = static_cast<Protocol>(number(values[2]).value_or(0));

@@ -61,7 +61,7 @@ Value value_of(const netsnmp_variable_list &variable, const Oid &name) {
     case ASN_TIMETICKS:
     case ASN_GAUGE:
     case ASN_COUNTER:
-        value = static_cast<long>(static_cast<std::uint32_t>(*variable.val.integer));
+        value = std::int64_t{static_cast<std::uint32_t>(*variable.val.integer)};
         break;
     case ASN_OCTET_STR:
     case ASN_IPADDRESS:

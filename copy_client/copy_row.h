@@ -12,9 +12,9 @@ namespace copy_client {
 
 // What a row reports about its copy.
 struct CopyState {
-    long state = 0; // COPY_STATE_…
-    long cause = 0; // COPY_FAIL_…, if it failed
-    Value started;  // ccCopyTimeStarted and ccCopyTimeCompleted
+    std::int64_t state = 0; // COPY_STATE_…
+    std::int64_t cause = 0; // COPY_FAIL_…, if it failed
+    Value started;          // ccCopyTimeStarted and ccCopyTimeCompleted
     Value completed;
 };
 

@@ -79,8 +79,8 @@ TroubleKind kind_of_error(int error) {
     }
 }
 
-std::optional<long> number(const Value &value) {
-    const long *found = std::get_if<long>(&value);
+std::optional<std::int64_t> number(const Value &value) {
+    const auto *found = std::get_if<std::int64_t>(&value);
     return found == nullptr ? std::nullopt : std::optional(*found);
 }
 
@@ -264,9 +264,10 @@ Session::Pdu Session::request(int command, const std::vector<Binding> &bindings)
         throw std::bad_alloc();
     }
     for (const auto &[name, value] : bindings) {
-        if (const long *number = std::get_if<long>(&value)) {
-            ::snmp_pdu_add_variable(pdu.get(), name.data(), name.size(), ASN_INTEGER, number,
-                                    sizeof *number);
+        if (const auto *number = std::get_if<std::int64_t>(&value)) {
+            const auto native = static_cast<long>(*number);
+            ::snmp_pdu_add_variable(pdu.get(), name.data(), name.size(), ASN_INTEGER, &native,
+                                    sizeof native);
         } else if (const auto *octets = std::get_if<std::string>(&value)) {
             ::snmp_pdu_add_variable(pdu.get(), name.data(), name.size(), ASN_OCTET_STR,
                                     octets->data(), octets->size());
@@ -329,7 +330,8 @@ Session::Pdu Session::exchange(Pdu pdu, bool reports_are_answers) {
 // Returns false if the network refuses the message.
 bool Session::send(Pdu pdu, Pending &pending) {
     const std::lock_guard lock(library);
-    session_->timeout = std::chrono::microseconds(std::min(timeout_, time_left())).count();
+    session_->timeout =
+        static_cast<long>(std::chrono::microseconds(std::min(timeout_, time_left())).count());
     if (::snmp_sess_async_send(handle_, pdu.get(), &Session::on_event, &pending) != 0) {
         static_cast<void>(pdu.release()); // now owned by the library
         return true;

@@ -17,6 +17,7 @@
 #include <net-snmp/net-snmp-includes.h>
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <list>
 #include <memory>
@@ -30,11 +31,12 @@ namespace copy_client {
 
 using Clock = std::chrono::steady_clock;
 
-// A value of the copy table: a number, octets, or std::monostate if there is no such instance.
-using Value = std::variant<std::monostate, long, std::string>;
+// A value of the copy table: a number (TimeTicks do not fit into a long of 32 bits), octets, or
+// std::monostate if there is no such instance.
+using Value = std::variant<std::monostate, std::int64_t, std::string>;
 
 // Empty if the value is not a number, or "" if it is not octets.
-std::optional<long> number(const Value &value);
+std::optional<std::int64_t> number(const Value &value);
 std::string octets(const Value &value);
 
 struct Binding {

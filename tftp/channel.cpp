@@ -1,6 +1,7 @@
 #include "tftp/channel.h"
 
 #include "base/posix.h"
+#include "base/timespec.h"
 
 #include <linux/errqueue.h>
 #include <netinet/in.h>
@@ -65,10 +66,8 @@ UniqueFd open_socket(const Endpoint &server) {
 }
 
 timespec remaining(Clock::time_point until) {
-    const auto left =
-        std::max(std::chrono::nanoseconds(until - Clock::now()), std::chrono::nanoseconds(0));
-    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
-    return {static_cast<time_t>(seconds.count()), static_cast<long>((left - seconds).count())};
+    return timespec_of(
+        std::max(std::chrono::nanoseconds(until - Clock::now()), std::chrono::nanoseconds(0)));
 }
 
 bool is_unreachable(int number) {

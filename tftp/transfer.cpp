@@ -468,7 +468,7 @@ Options options_for(const Endpoint &server, Opcode opcode, std::uint64_t transfe
                                       payload, default_block_size, largest_block_size)),
                                   server.block_size);
     options.timeout = static_cast<std::uint8_t>(
-        std::clamp<long>(server.timeout.count() / server_repetitions, 1, 255));
+        std::clamp<std::chrono::seconds::rep>(server.timeout.count() / server_repetitions, 1, 255));
     options.transfer_size = transfer_size;
     options.window_size = static_cast<std::uint16_t>(std::clamp<std::size_t>(
         window_octets / (*options.block_size + packet_overhead), 1, server.window_size));

@@ -1,5 +1,7 @@
 #include "tests/unit/test_clock.h"
 
+#include "base/timespec.h"
+
 #include <gtest/gtest.h>
 
 #include <poll.h>
@@ -26,11 +28,6 @@ thread_local Duration last_look; // waits are counted from this time
 
 Duration duration_of(const timespec &time) {
     return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
-}
-
-timespec timespec_of(Duration time) {
-    const auto seconds = std::chrono::floor<std::chrono::seconds>(time);
-    return {seconds.count(), (time - seconds).count()};
 }
 
 int machine_clock(clockid_t clock, timespec *time) {
@@ -68,7 +65,7 @@ int test_clock_gettime(clockid_t clock, timespec *time) {
         return machine_clock(clock, time);
     }
     last_look = held_at;
-    *time = timespec_of(last_look);
+    *time = ulmo::timespec_of(last_look);
     return 0;
 }
 
@@ -98,7 +95,8 @@ int test_ppoll(pollfd *descriptors, nfds_t count, const timespec *timeout,
 }
 
 int test_poll(pollfd *descriptors, nfds_t count, int milliseconds) {
-    const timespec timeout = timespec_of(std::chrono::milliseconds(std::max(milliseconds, 0)));
+    const timespec timeout =
+        ulmo::timespec_of(std::chrono::milliseconds(std::max(milliseconds, 0)));
     return test_ppoll(descriptors, count, milliseconds < 0 ? nullptr : &timeout, nullptr);
 }
 

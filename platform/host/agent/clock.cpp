@@ -33,8 +33,8 @@ void move_start_time(milliseconds change) {
     const auto moved = seconds(start->tv_sec) + microseconds(start->tv_usec) + change;
     const auto whole = std::chrono::floor<seconds>(moved);
     timeval moved_start{};
-    moved_start.tv_sec = whole.count();
-    moved_start.tv_usec = (moved - whole).count();
+    moved_start.tv_sec = static_cast<time_t>(whole.count());
+    moved_start.tv_usec = static_cast<suseconds_t>((moved - whole).count());
     // The agent derives the start on its monotonic clock from this and the present time: both have
     // moved by the same amount, so sysUpTime stays.
     netsnmp_set_agent_starttime(&moved_start);

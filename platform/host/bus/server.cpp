@@ -3,6 +3,7 @@
 #include "base/folders.h"
 #include "base/ownership.h"
 #include "base/posix.h"
+#include "base/timespec.h"
 #include "platform/host/history/log.h"
 
 #include <fcntl.h>
@@ -248,8 +249,7 @@ void MsgbusServer::set_timer() {
     // Deadlines in the past fire at once; a setting of zero would disarm the timer.
     const auto left =
         std::max<Clock::duration>(wake_up - Clock::now(), std::chrono::nanoseconds{1});
-    setting.it_value.tv_sec = std::chrono::duration_cast<std::chrono::seconds>(left).count();
-    setting.it_value.tv_nsec = (left % std::chrono::seconds{1}).count();
+    setting.it_value = timespec_of(left);
     ::timerfd_settime(timer_.get(), 0, &setting, nullptr); // also clears the last expiry
 }
 

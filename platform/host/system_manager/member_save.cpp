@@ -92,7 +92,7 @@ std::string save_member(const FabricMember &member, std::chrono::seconds limit, 
                     member.priv_passphrase};
     netsnmp_session settings{};
     ::snmp_sess_init(&settings);
-    settings.timeout = std::chrono::microseconds(request_time).count();
+    settings.timeout = static_cast<long>(std::chrono::microseconds(request_time).count());
     settings.retries = attempts - 1;
     set_user(settings, user);
     try {
@@ -159,7 +159,7 @@ std::string describe_refused_start(long status) {
                : describe_status(status);
 }
 
-std::string describe_failure(long cause, std::string_view last_save) {
+std::string describe_failure(std::int64_t cause, std::string_view last_save) {
     if (cause == COPY_FAIL_WARDEN_REFUSED) {
         return "refused by its system manager";
     }

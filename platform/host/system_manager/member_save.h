@@ -29,6 +29,6 @@ std::string describe_refused_start(long status);
 
 // Describes the failure of a row with ccCopyState failed(4). `last_save` is the member's own text
 // about its last save; only its first line counts.
-std::string describe_failure(long fail_cause, std::string_view last_save);
+std::string describe_failure(std::int64_t fail_cause, std::string_view last_save);
 
 } // namespace ulmo

@@ -5,6 +5,9 @@
 // one, synced, renamed or removed one, by this process or by its children: "open PATH", "write
 // PATH", "sync PATH", "rename OLD NEW", "remove PATH". Only paths below the directory
 // $COUNT_SYNC_ROOT are recorded, and only calls that succeeded.
+// It replaces both open() and open64().
+#undef _FILE_OFFSET_BITS
+
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/syscall.h>

@@ -169,8 +169,9 @@ void set_alarm(int timer, std::optional<Clock::time_point> when) {
     if (when) {
         const auto since_boot = when->time_since_epoch();
         const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(since_boot);
-        spec.it_value.tv_sec = seconds.count();
-        spec.it_value.tv_nsec = std::chrono::nanoseconds(since_boot - seconds).count();
+        spec.it_value.tv_sec = static_cast<time_t>(seconds.count());
+        spec.it_value.tv_nsec =
+            static_cast<long>(std::chrono::nanoseconds(since_boot - seconds).count());
     }
     if (::timerfd_settime(timer, TFD_TIMER_ABSTIME, &spec, nullptr) != 0) {
         fail("timerfd_settime");

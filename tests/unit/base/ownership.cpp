@@ -53,7 +53,7 @@ class Ownership : public testing::Test {
     }
 
     // The superuser and the platform append in turn, each in a process of its own.
-    static std::size_t appended_in_turns(const std::filesystem::path &folder) {
+    static std::uintmax_t appended_in_turns(const std::filesystem::path &folder) {
         EXPECT_EQ(::setenv("ULMO_RUN_DIR", folder.c_str(), 1), 0);
         const auto append = [] { return ulmo::append_to_history("line\n", 1000), 0; };
         EXPECT_EQ(host_test::in_child(append), 0);

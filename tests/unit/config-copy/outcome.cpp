@@ -107,7 +107,8 @@ TEST(Outcome, StatusOfSeveral) {
 
 TEST(Outcome, Duration) {
     EXPECT_EQ(1.25, seconds_between(1000L, 1125L));
-    EXPECT_EQ(0.02, seconds_between(0xFFFFFFFFL, 1L)) << "the agent's clock has wrapped around";
+    EXPECT_EQ(0.02, seconds_between(std::int64_t{0xFFFFFFFF}, std::int64_t{1}))
+        << "the agent's clock has wrapped around";
     EXPECT_EQ(std::nullopt, seconds_between(1000L, 0L)) << "not ended";
     EXPECT_EQ(std::nullopt, seconds_between(0L, 1000L));
     EXPECT_EQ(std::nullopt, seconds_between({}, {})) << "gone";

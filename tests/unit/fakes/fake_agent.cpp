@@ -26,8 +26,7 @@ void AgentFake::reset() {
     register_result = 0;
     lookup_cache_size = lookup_cache_default;
     callbacks.clear();
-    start_seconds = 0;
-    start_microseconds = 0;
+    start = {};
     debugging = false;
     debug.take();
     details.take();
@@ -122,9 +121,13 @@ void snmp_alarm_unregister(unsigned int handle) {
 }
 
 u_long netsnmp_timeval_uptime(struct timeval *when) {
-    const long seconds = when->tv_sec - fake_agent.start_seconds;
-    const long microseconds = when->tv_usec - fake_agent.start_microseconds;
+    const int64_t seconds = int64_t{when->tv_sec} - fake_agent.start.tv_sec;
+    const int64_t microseconds = int64_t{when->tv_usec} - fake_agent.start.tv_usec;
     return static_cast<u_long>(seconds * hundredths + microseconds / microseconds_of_a_hundredth);
+}
+
+const_marker_t netsnmp_get_agent_starttime(void) {
+    return &fake_agent.start;
 }
 
 int snmp_get_do_debugging(void) {

@@ -52,8 +52,7 @@ struct AgentFake : FakeBase {
     std::vector<Alarm> alarms;
     unsigned int last_alarm = 0; // the last handle given out
 
-    long start_seconds = 0; // the agent's start time, wall clock
-    long start_microseconds = 0;
+    timeval start{}; // wall clock
 
     bool debugging = false;
     // debugmsgtoken() and debugmsg(): token and text

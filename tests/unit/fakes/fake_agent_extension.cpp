@@ -20,15 +20,24 @@ std::ostream &operator<<(std::ostream &out, const Binding &binding) {
     return out << " (" << binding.type << ") " << binding.value;
 }
 
+static std::string text_of_value(const netsnmp_variable_list &one) {
+    switch (one.type) {
+    case ASN_INTEGER:
+        EXPECT_EQ(one.val_len, sizeof(long));
+        return std::to_string(*one.val.integer);
+    case ASN_TIMETICKS:
+        EXPECT_EQ(one.val_len, sizeof(long));
+        return std::to_string(static_cast<u_long>(*one.val.integer));
+    default:
+        return hex(one.val.string, one.val_len);
+    }
+}
+
 std::vector<Binding> taken_bindings(netsnmp_variable_list *list) {
     std::vector<Binding> bindings;
     for (const netsnmp_variable_list *one = list; one != nullptr; one = one->next_variable) {
-        const bool number = one->type == ASN_INTEGER || one->type == ASN_TIMETICKS;
-        EXPECT_TRUE(!number || one->val_len == sizeof(long));
         bindings.push_back(
-            {{one->name, one->name + one->name_length},
-             one->type,
-             number ? std::to_string(*one->val.integer) : hex(one->val.string, one->val_len)});
+            {{one->name, one->name + one->name_length}, one->type, text_of_value(*one)});
     }
     snmp_free_varbind(list);
     return bindings;
@@ -88,7 +97,7 @@ netsnmp_variable_list *build_varbind(netsnmp_variable_list *previous, const void
     if (type == ASN_INTEGER || type == ASN_TIMETICKS) {
         EXPECT_EQ(value_length, sizeof(int32_t));
         word = type == ASN_INTEGER ? long{*static_cast<const int32_t *>(value)}
-                                   : long{*static_cast<const uint32_t *>(value)};
+                                   : static_cast<long>(*static_cast<const uint32_t *>(value));
         value = &word;
         value_length = sizeof word;
     }

@@ -41,13 +41,26 @@ std::size_t MemoryFake::blocks() {
     return counted_blocks().size();
 }
 
+// operator new, throwing and not, under the linker's names, which end with the type of size_t:
+// unsigned long, or unsigned int where both have 32 bits.
+#ifdef __LP64__
+#define OPERATOR_NEW "_Znwm"
+#else
+#define OPERATOR_NEW "_Znwj"
+#endif
+#define OPERATOR_NEW_NOTHROW OPERATOR_NEW "RKSt9nothrow_t"
+
 extern "C" {
 
 void *__real_malloc(size_t size);
 void __real_free(void *block);
 void *__real_calloc(size_t count, size_t size);
-void *__real__Znwm(size_t size);
-void *__real__ZnwmRKSt9nothrow_t(size_t size, const std::nothrow_t &tag);
+void *real_new(size_t size) __asm__("__real_" OPERATOR_NEW);
+void *real_new_nothrow(size_t size,
+                       const std::nothrow_t &tag) __asm__("__real_" OPERATOR_NEW_NOTHROW);
+void *wrapped_new(size_t size) __asm__("__wrap_" OPERATOR_NEW);
+void *wrapped_new_nothrow(size_t size,
+                          const std::nothrow_t &tag) __asm__("__wrap_" OPERATOR_NEW_NOTHROW);
 
 void *__wrap_malloc(size_t size) {
     if (fails(size)) {
@@ -71,16 +84,15 @@ void *__wrap_calloc(size_t count, size_t size) {
     return fails(count * size) ? nullptr : __real_calloc(count, size);
 }
 
-// operator new, throwing and not, under the linker's names
-void *__wrap__Znwm(size_t size) {
+void *wrapped_new(size_t size) {
     if (fails(size)) {
         throw std::bad_alloc();
     }
-    return __real__Znwm(size);
+    return real_new(size);
 }
 
-void *__wrap__ZnwmRKSt9nothrow_t(size_t size, const std::nothrow_t &tag) {
-    return fails(size) ? nullptr : __real__ZnwmRKSt9nothrow_t(size, tag);
+void *wrapped_new_nothrow(size_t size, const std::nothrow_t &tag) {
+    return fails(size) ? nullptr : real_new_nothrow(size, tag);
 }
 
 } // extern "C"

@@ -139,7 +139,11 @@ Value integer(long value) {
 }
 
 Value integer_of_length(long value, std::size_t length) {
-    return value_of(ASN_INTEGER, &value, length, sizeof value);
+    if (length == sizeof value) {
+        return integer(value);
+    }
+    const auto word = static_cast<int32_t>(value);
+    return value_of(ASN_INTEGER, &word, length, sizeof word);
 }
 
 Value octet_string(std::string_view octets) {

@@ -3,6 +3,7 @@
 #define TESTS_UNIT_MODULE_FIXTURE_H
 
 #include <algorithm>
+#include <bit>
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -49,13 +50,22 @@ struct Value {
     std::size_t length;
     std::shared_ptr<unsigned char[]> octets;
 };
-// An INTEGER as a 64-bit agent passes it: a long.
+// The word with more bits above it, where a long has room for them.
+constexpr long beyond_a_word(int32_t word) {
+    return static_cast<long>((int64_t{7} << 32) + word);
+}
+// An INTEGER as the agent passes it: a long.
 Value integer(long value);
-// An INTEGER with another announced length.
+// An INTEGER with another announced length: a word, where that is not a long's.
 Value integer_of_length(long value, std::size_t length);
 Value octet_string(std::string_view octets);
 Value ip_address(std::string_view octets);
 Value with_type(Value value, unsigned char type);
+
+// Log texts show an address as the word that its first octets are on this machine.
+constexpr const char *by_byte_order(const char *little_endian, const char *big_endian) {
+    return std::endian::native == std::endian::little ? little_endian : big_endian;
+}
 
 // Calls a write method once, for one instance.
 int call_phase(WriteMethod *method, int phase, const Value &value, oid column, oid index,

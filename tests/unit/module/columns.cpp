@@ -252,7 +252,8 @@ TEST_P(Column, ShortIntegersAreAWholeWord) {
     if (facts.text) {
         return;
     }
-    for (const std::size_t length : {0U, 1U, 2U, 3U, 4U, 8U}) {
+    for (const std::size_t length : {std::size_t{0}, std::size_t{1}, std::size_t{2}, std::size_t{3},
+                                     std::size_t{4}, sizeof(long)}) {
         SCOPED_TRACE(length);
         ModuleTest::TearDown();
         add();
@@ -497,9 +498,9 @@ TEST_F(Columns, FileTypesAndFlagTakeAnyNumber) {
 }
 
 TEST_F(Columns, IntegersAreTheLow32Bits) {
-    reserve(set_ccCopySourceFileType, 3, integer(0x700000004));
+    reserve(set_ccCopySourceFileType, 3, integer(beyond_a_word(4)));
     EXPECT_EQ(stored_row(row_index).ccCopySourceFileType, 4);
-    EXPECT_EQ(call_phase(set_ccCopyProtocol, reserve1, integer(0x700000003), 2, row_index),
+    EXPECT_EQ(call_phase(set_ccCopyProtocol, reserve1, integer(beyond_a_word(3)), 2, row_index),
               SNMP_ERR_WRONGVALUE);
 }
 
@@ -507,7 +508,7 @@ TEST_F(Columns, IntegerLengths) {
     for (std::size_t length = 0; length <= 20; ++length) {
         EXPECT_EQ(cc_integer_length_ok(length), length <= 4 || length == sizeof(long)) << length;
     }
-    EXPECT_EQ(cc_integer_value(integer_of_length(-2, 8).octets.get(), 8), -2);
+    EXPECT_EQ(cc_integer_value(integer(-2).octets.get(), sizeof(long)), -2);
     EXPECT_EQ(cc_integer_value(integer_of_length(-2, 4).octets.get(), 4), -2);
     // Even with a shorter length the whole word of the agent's buffer counts.
     EXPECT_EQ(cc_integer_value(integer_of_length(0x04030201, 2).octets.get(), 2), 0x04030201);

@@ -294,8 +294,11 @@ TEST_F(ErrorTable, EveryColumn) {
     fake_evtrace.clear();
     EXPECT_EQ(value(address_column), "\x0a\x01\x02\x03");
     EXPECT_LOGGED(EVTRACE_DEBUG, "get_ccCopyErrorTable \n");
-    EXPECT_LOGGED(EVTRACE_DEBUG, "get_ccCopyErrorTable: GET FUNCTION: returning device ip addr: "
-                                 "10.1.2.3 (0x0302010a), device ip addr type: 1\n");
+    EXPECT_LOGGED(EVTRACE_DEBUG,
+                  by_byte_order("get_ccCopyErrorTable: GET FUNCTION: returning device ip addr: "
+                                "10.1.2.3 (0x0302010a), device ip addr type: 1\n",
+                                "get_ccCopyErrorTable: GET FUNCTION: returning device ip addr: "
+                                "10.1.2.3 (0x0a010203), device ip addr type: 1\n"));
 }
 
 TEST_F(ErrorTable, Ipv6Device) {
@@ -304,8 +307,11 @@ TEST_F(ErrorTable, Ipv6Device) {
     put_text(error.ccCopyErrorDeviceAddr, "2001:db8::7");
     add(error);
     EXPECT_EQ(value(address_column), "\x20\x01\x0d\xb8" + std::string(11, '\0') + "\x07");
-    EXPECT_LOGGED(EVTRACE_DEBUG, "get_ccCopyErrorTable: GET FUNCTION: returning device ip addr: "
-                                 "2001:db8::7 (0xb80d0120), device ip addr type: 2\n");
+    EXPECT_LOGGED(EVTRACE_DEBUG,
+                  by_byte_order("get_ccCopyErrorTable: GET FUNCTION: returning device ip addr: "
+                                "2001:db8::7 (0xb80d0120), device ip addr type: 2\n",
+                                "get_ccCopyErrorTable: GET FUNCTION: returning device ip addr: "
+                                "2001:db8::7 (0x20010db8), device ip addr type: 2\n"));
 }
 
 TEST_F(ErrorTable, UnknownDeviceAddressHasNoValue) {

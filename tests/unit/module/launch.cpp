@@ -282,7 +282,7 @@ TEST_F(Launch, IncompleteActivationIsRefused) {
 
 TEST_F(Launch, RequestIsTraced) {
     Tracing trace;
-    fake_agent.start_seconds = TimeFake::start - 100;
+    fake_agent.start.tv_sec = TimeFake::start - 100;
     const auto request = copy_request(COPY_FILE_KEX, COPY_FILE_NETWORK, COPY_PROTO_SFTP);
     put_full_credentials(*request);
     request->ccCopyTimeStarted = {TimeFake::start - 90, 0};

@@ -14,7 +14,7 @@ class Notification : public ModuleTest {
   protected:
     void SetUp() override {
         ModuleTest::SetUp();
-        fake_agent.start_seconds = TimeFake::start - 100;
+        fake_agent.start.tv_sec = TimeFake::start - 100;
     }
     // A copy that took two seconds, from half a second past 100 seconds of uptime.
     static std::unique_ptr<ccCopyEntry> ended_copy(const std::string &server) {
@@ -172,7 +172,7 @@ TEST_F(Notification, TimesAreThoseOfAGet) {
         record->ccCopyTimeStarted = {TimeFake::start, static_cast<int32_t>(uptime % 100 * 10000)};
         record->ccCopyTimeCompleted = {TimeFake::start + 1,
                                        static_cast<int32_t>(uptime % 100 * 10000)};
-        fake_agent.start_seconds = TimeFake::start - uptime / 100;
+        fake_agent.start.tv_sec = static_cast<time_t>(TimeFake::start - uptime / 100);
         store_row(*record);
         const std::vector<Binding> bindings = build(*record);
         for (const auto &[position, column, ticks] :
@@ -193,7 +193,7 @@ TEST_F(Notification, TimesAreThoseOfAGet) {
 // Deliberate: a GET reads 0 instead.
 TEST_F(Notification, TimesLongBeforeAgentsStart) {
     const auto record = ended_copy("10.1.1.1");
-    fake_agent.start_seconds = TimeFake::start + 21474837; // 31 bits of ticks and 52 more
+    fake_agent.start.tv_sec = TimeFake::start + 21474837; // 31 bits of ticks and 52 more
     record->ccCopyTimeStarted = {TimeFake::start, 0};
     record->ccCopyTimeCompleted = {TimeFake::start + 1, 0};
     const std::vector<Binding> bindings = build(*record);

@@ -62,7 +62,7 @@ TEST_F(Read, EveryColumn) {
     row.ccCopyServerAddressType = INET_ADDRESS_IPV4;
     put_text(row.ccCopyServerAddressRev1, "10.0.0.1");
     store_row(row);
-    fake_agent.start_seconds = 900;
+    fake_agent.start.tv_sec = 900;
 
     EXPECT_EQ(value_of(2), word(COPY_PROTO_SFTP));
     EXPECT_EQ(value_of(3), word(COPY_FILE_RUNNING));
@@ -83,7 +83,7 @@ TEST_F(Read, EveryColumn) {
 
 TEST_F(Read, TimesOfARowThatNeverRan) {
     add_row(5);
-    fake_agent.start_seconds = -1; // the conversion of 0 would not be 0
+    fake_agent.start.tv_sec = -1; // the conversion of 0 would not be 0
     EXPECT_EQ(value_of(11), word(0));
     EXPECT_EQ(value_of(12), word(0));
 }
@@ -94,7 +94,7 @@ TEST_F(Read, TimesBeforeTheAgentsStartAreZero) {
     row.ccCopyTimeStarted = {999, 990000};
     row.ccCopyTimeCompleted = {1000, 10000};
     store_row(row);
-    fake_agent.start_seconds = 1000;
+    fake_agent.start.tv_sec = 1000;
     EXPECT_EQ(value_of(11), word(0));
     EXPECT_EQ(value_of(12), word(1));
 }
@@ -102,9 +102,9 @@ TEST_F(Read, TimesBeforeTheAgentsStartAreZero) {
 // Uptimes near the ends of 31 and of 32 bits, at 248.55 and 497.1 days.
 TEST_F(Read, TimesOfALongUptime) {
     add_row(5);
-    fake_agent.start_seconds = -1000000000;
+    fake_agent.start.tv_sec = -1000000000;
     const auto at = [](int64_t ticks) {
-        return ccTime{static_cast<int32_t>(fake_agent.start_seconds + ticks / 100),
+        return ccTime{static_cast<int32_t>(fake_agent.start.tv_sec + ticks / 100),
                       static_cast<int32_t>(ticks % 100 * 10000)};
     };
     constexpr int64_t day = 8640000;

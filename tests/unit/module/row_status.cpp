@@ -99,7 +99,7 @@ TEST_F(RowStatus, Length) {
 TEST_F(RowStatus, ValuesThatCannotBeWritten) {
     add();
     const ccCopyEntry before = stored_row(5);
-    for (const long value : {2L, 3L, 0L, 7L, -1L, 255L, 2147483647L, -2147483648L}) {
+    for (const long value : {2L, 3L, 0L, 7L, -1L, 255L, 2147483647L, -2147483647L - 1}) {
         EXPECT_EQ(status_request(value).run(reserve1), SNMP_ERR_INCONSISTENTVALUE) << value;
         EXPECT_EQ(status_request(value, 6).run(reserve1), SNMP_ERR_INCONSISTENTVALUE) << value;
     }
@@ -110,8 +110,8 @@ TEST_F(RowStatus, ValuesThatCannotBeWritten) {
 }
 
 TEST_F(RowStatus, OnlyTheLow32BitsCount) {
-    EXPECT_EQ(status_request(0x700000006).run(reserve1), SNMP_ERR_NOERROR);
-    EXPECT_EQ(status_request(0x700000002).run(reserve1), SNMP_ERR_INCONSISTENTVALUE);
+    EXPECT_EQ(status_request(beyond_a_word(6)).run(reserve1), SNMP_ERR_NOERROR);
+    EXPECT_EQ(status_request(beyond_a_word(2)).run(reserve1), SNMP_ERR_INCONSISTENTVALUE);
 }
 
 class Creation : public RowStatus, public ::testing::WithParamInterface<int32_t> {};

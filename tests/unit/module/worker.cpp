@@ -456,7 +456,7 @@ TEST_F(Worker, AnyOtherLocalPairDoesNothing) {
 
 TEST_F(Worker, RequestIsTraced) {
     Tracing trace;
-    fake_agent.start_seconds = TimeFake::start - 100;
+    fake_agent.start.tv_sec = TimeFake::start - 100;
     const auto request = copy_request(COPY_FILE_RUNNING, COPY_FILE_STARTUP, COPY_PROTO_SCP);
     put_full_credentials(*request);
     request->ccCopyTimeStarted = {TimeFake::start - 1, 500000};

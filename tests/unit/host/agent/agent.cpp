@@ -81,7 +81,7 @@ void turn_loop(std::chrono::milliseconds longest) {
     FD_ZERO(&writable);
     FD_ZERO(&exceptional);
     netsnmp_external_event_info(&descriptors, &readable, &writable, &exceptional);
-    timeval timeout{0, std::chrono::microseconds(longest).count()};
+    timeval timeout{0, static_cast<suseconds_t>(std::chrono::microseconds(longest).count())};
     int count = ::select(descriptors, &readable, &writable, &exceptional, &timeout);
     if (count > 0) {
         netsnmp_dispatch_external_events(&count, &readable, &writable, &exceptional);

@@ -448,11 +448,11 @@ TEST_F(DeviceBackend, AKilledWriterLeavesWholeFiles) {
     unsigned interrupted = 0;
     // The files that only exist while a writer is at work, before it renames them.
     const auto traces = [this] {
-        std::vector<long> all;
+        std::vector<std::int64_t> all;
         for (const char *name : {"running.cfg.new", "system.cfg.new"}) {
             struct stat status {};
             ::stat((state() / name).c_str(), &status);
-            all.insert(all.end(), {static_cast<long>(status.st_ino), status.st_size,
+            all.insert(all.end(), {static_cast<std::int64_t>(status.st_ino), status.st_size,
                                    status.st_mtim.tv_sec, status.st_mtim.tv_nsec});
         }
         return all;

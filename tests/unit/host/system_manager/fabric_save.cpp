@@ -1,4 +1,5 @@
 #include "platform/host/system_manager/fabric_save.h"
+#include "base/timespec.h"
 #include "base/unique_fd.h"
 #include "platform/host/system_manager/member_save.h"
 #include "tests/unit/copy_client/scripted_agent.h"
@@ -40,7 +41,7 @@ std::vector<ulmo::FabricMember> members_named(const Texts &users) {
 }
 
 void pause(std::chrono::milliseconds time) {
-    const timespec span{time.count() / 1000, static_cast<long>(time.count() % 1000) * 1000000};
+    const timespec span = ulmo::timespec_of(time);
     ::nanosleep(&span, nullptr);
 }
 
@@ -85,8 +86,7 @@ std::string act(const ulmo::FabricMember &member, std::chrono::seconds limit, in
 // A descriptor that becomes readable after some time.
 ulmo::UniqueFd readable_after(std::chrono::milliseconds time) {
     ulmo::UniqueFd timer(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC));
-    const itimerspec once{{},
-                          {time.count() / 1000, static_cast<long>(time.count() % 1000) * 1000000}};
+    const itimerspec once{{}, ulmo::timespec_of(time)};
     EXPECT_EQ(::timerfd_settime(timer.get(), 0, &once, nullptr), 0);
     return timer;
 }

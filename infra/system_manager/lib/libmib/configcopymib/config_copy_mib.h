@@ -164,7 +164,8 @@ struct ccCopyErrorEntry {
 
 // The registration record of one variable, as register_mib() takes it.
 #define CC_VARIABLE_COUNT 19
-static_assert(sizeof(void *) != 4 || (sizeof(struct variable7) == 40 && 13 * sizeof(oid) == 52),
+static_assert(sizeof(void *) != 4 || (sizeof(struct variable7) == 40 && 13 * sizeof(oid) == 52 &&
+                                      sizeof(struct agent_starttime_change) == 8),
               "the 32-bit target's sizes");
 
 extern "C" {
@@ -339,9 +340,11 @@ CC_EXPORT int cc_handle_starttime_change(int major, int minor, void *serverarg, 
 
 // The current wall-clock time.
 struct ccTime cc_now(void);
-// The agent's uptime at that moment in hundredths of a second (netsnmp_timeval_uptime()); negative
-// for a moment before its start. TimeTicks are the low 32 bits and wrap after 497 days.
-long cc_uptime_of(struct ccTime when);
+// The agent's uptime at that moment in hundredths of a second (netsnmp_timeval_uptime()), as
+// TimeTicks: the low 32 bits, which wrap after 497 days.
+uint32_t cc_uptime_of(struct ccTime when);
+// The uptime of such a moment is negative, but a long of 32 bits does not show it.
+bool cc_is_before_agents_start(struct ccTime when);
 
 } // extern "C"
 

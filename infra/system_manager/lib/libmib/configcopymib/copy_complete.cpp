@@ -15,11 +15,22 @@ struct ccTime cc_now(void) {
     return {(int32_t)now.tv_sec, (int32_t)now.tv_usec};
 }
 
-long cc_uptime_of(struct ccTime when) {
+static struct timeval timeval_of(struct ccTime when) {
     struct timeval moment = {};
     moment.tv_sec = when.tv_sec;
     moment.tv_usec = when.tv_usec;
-    return (long)netsnmp_timeval_uptime(&moment);
+    return moment;
+}
+
+uint32_t cc_uptime_of(struct ccTime when) {
+    struct timeval moment = timeval_of(when);
+    return (uint32_t)netsnmp_timeval_uptime(&moment);
+}
+
+bool cc_is_before_agents_start(struct ccTime when) {
+    const struct timeval moment = timeval_of(when);
+    const auto *start = static_cast<const struct timeval *>(netsnmp_get_agent_starttime());
+    return timercmp(&moment, start, <);
 }
 
 // --- completion notification

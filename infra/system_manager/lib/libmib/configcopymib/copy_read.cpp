@@ -34,8 +34,8 @@ static unsigned char *text_value(char (&field)[capacity], size_t *var_len) {
 }
 
 static unsigned char *ticks_value(struct ccTime when, size_t *var_len) {
-    const long uptime = when.tv_sec == 0 && when.tv_usec == 0 ? 0 : cc_uptime_of(when);
-    read_ticks = uptime < 0 ? 0 : (uint32_t)uptime;
+    const bool never = when.tv_sec == 0 && when.tv_usec == 0;
+    read_ticks = never || cc_is_before_agents_start(when) ? 0 : cc_uptime_of(when);
     return field_value(read_ticks, INTEGER_LENGTH, var_len);
 }
 
