@@ -11,46 +11,21 @@ import argparse
 import multiprocessing
 import random
 import statistics
-import sys
 import time
 
-from lab_bench import lab  # first: it sets the path of copy_numbers
-from copy_numbers import C
-from manager import SYS_UP_TIME, Manager, cell, integer, ip_address, octets
+from copies import back_up
+from manager import SYS_UP_TIME, Manager
 
 PAUSE = 0.001
 TURN = 1.0  # seconds of either state
 
 
-def small_integer(answer):
-    """The value of the answer's last binding."""
-    return answer[-1]
-
-
 def copies(wanted, activations):
-    """Backs up by TFTP without a break, while `wanted` is set."""
+    """Backs up without a break, while `wanted` is set."""
     manager = Manager()
-    server = ip_address(lab("LAB_SERVER4"))
     while True:
         wanted.wait()
-        index = random.randrange(1, 2**31)
-        manager.set(
-            (cell(C.CC_COLUMN_ENTRY_ROW_STATUS, index), integer(C.ROW_STATUS_CREATE_AND_WAIT)),
-            (cell(C.CC_COLUMN_PROTOCOL, index), integer(C.COPY_PROTO_TFTP)),
-            (cell(C.CC_COLUMN_SOURCE_FILE_TYPE, index), integer(C.COPY_FILE_RUNNING)),
-            (cell(C.CC_COLUMN_DEST_FILE_TYPE, index), integer(C.COPY_FILE_NETWORK)),
-            (cell(C.CC_COLUMN_SERVER_ADDRESS, index), server),
-            (cell(C.CC_COLUMN_FILE_NAME, index), octets(b"latency.cfg")))
-        row_status = cell(C.CC_COLUMN_ENTRY_ROW_STATUS, index)
-        _, seconds = manager.set((row_status, integer(C.ROW_STATUS_ACTIVE)))
-        activations.append(seconds)
-        state = C.COPY_STATE_RUNNING
-        while state == C.COPY_STATE_RUNNING:
-            time.sleep(0.005)
-            state = small_integer(manager.get(cell(C.CC_COLUMN_STATE, index))[0])
-        if state != C.COPY_STATE_SUCCESSFUL:
-            sys.exit("a copy failed")
-        manager.set((row_status, integer(C.ROW_STATUS_DESTROY)))
+        activations.append(back_up(manager))
 
 
 def main():

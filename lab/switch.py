@@ -130,6 +130,7 @@ class Switch:
             'extend -cacheTime 1 last-save /ulmo/bin/cmdshell -c "show last-save"',
             'extend -cacheTime 1 last-copy /ulmo/bin/cmdshell -c "show copies"',
             "dontLogTCPWrappersConnects yes",
+            "doNotRetainNotificationLogs yes",
             f"trap2sink {network.SERVER4}:162 {COMMUNITY}",
             f"sysName lab-switch{self.number}",
             "sysLocation the lab",

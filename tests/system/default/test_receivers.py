@@ -124,3 +124,21 @@ def test_notification_is_received_and_acknowledged(operator, sends_to, receiver,
                  what="the notification")
         time.sleep(3)  # without an acknowledgment it comes again after a second
         assert log.read_text().count(f"{COMPLETION}.{request.index}") == 1
+
+
+def test_memory_does_not_grow_with_notifications(manager):
+    """The lines of the package keep the agent from retaining each notification: 36 KiB."""
+
+    def resident():
+        status = Path(f"/proc/{agent_pid()}/status").read_text()
+        return int(re.search(r"^VmRSS:\s+(\d+) kB$", status, re.MULTILINE)[1])
+
+    def copies(number):
+        for _ in range(number):
+            request = Request(manager).create(*upload(SERVER4, "memory.cfg"), (NOTIFY, TRUE))
+            request.copied().destroy()
+
+    copies(5)
+    before = resident()
+    copies(20)
+    assert resident() - before < 200
