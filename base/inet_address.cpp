@@ -1,3 +1,4 @@
+// Addresses in the platform's format, read and written by inet_pton(3) and inet_ntop(3).
 #include "platform/inet_address.h"
 
 #include "base/address_text.h"

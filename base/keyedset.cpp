@@ -1,3 +1,5 @@
+// The sorted set is a red-black tree of the standard library's extensions that also counts, so that
+// the n-th object is found without a walk.
 #include "platform/keyedset.h"
 
 #include <ext/pb_ds/assoc_container.hpp>

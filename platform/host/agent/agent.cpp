@@ -1,3 +1,5 @@
+// The stock agent's loop watches one more descriptor, an epoll(7) instance: of the message bus, the
+// workers, the clock and a running save. All that arrives is handled there, on the agent's thread.
 #include "platform/agent_extension.h"
 
 #include "base/c_boundary.h"

@@ -1,3 +1,4 @@
+// Notifications, sent by the stock agent to the receivers that its snmpd.conf names.
 #include "platform/agent_extension.h"
 
 #include <net-snmp/agent/net-snmp-agent-includes.h>

@@ -1,3 +1,5 @@
+// The sending side of the message bus: a request or message connects to the socket of its access
+// point, and the answer comes back on that connection.
 #include "platform/msgbus.h"
 
 #include "base/c_boundary.h"

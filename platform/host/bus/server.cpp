@@ -115,7 +115,7 @@ bool MsgbusServer::is_in_place() const {
 void MsgbusServer::open_again() {
     const auto failed = [this](const char *why) {
         if (!std::exchange(is_lost_, true)) {
-            log_error("msgbus: access point %u: the socket is gone and can't be made anew: %s",
+            log_error("msgbus: access point %u: the socket is gone and can't be created again: %s",
                       sap_, why);
         }
     };

@@ -43,8 +43,8 @@ class MsgbusServer {
     };
 
     // Serves the access point from here on, to the owner of the run directory and the superuser
-    // only. A socket that a dead server left is replaced, and one that is deleted later is made
-    // anew within a second. Throws std::system_error, with EADDRINUSE when a living process serves
+    // only. A socket that a dead server left is replaced, and one that is deleted later is created
+    // again within a second. Throws std::system_error, with EADDRINUSE when a living process serves
     // the access point.
     explicit MsgbusServer(uint32_t sap, Limits limits);
     explicit MsgbusServer(uint32_t sap) : MsgbusServer(sap, Limits{}) {}
@@ -102,7 +102,7 @@ class MsgbusServer {
     UniqueFd timer_;
     UniqueFd events_;
     bool listening_ = true;
-    bool is_lost_ = false; // the socket has gone, and can't be made anew for now
+    bool is_lost_ = false; // the socket has gone, and can't be created again for now
     // of untrusted peers, in the interval that began at refusals_since_
     unsigned refusals_ = 0;
     Clock::time_point refusals_since_{};

@@ -1,3 +1,4 @@
+// Applies a configuration file through the device backend, and leaves the shell's output in a file.
 #include "platform/cli_shell.h"
 
 #include "base/c_boundary.h"

@@ -1,3 +1,5 @@
+// This switch's WWN and addresses, from the settings and the kernel's interfaces and routes, and
+// what each switch reported about the last save of the fabric.
 #include "platform/fabric.h"
 
 #include "base/c_boundary.h"

@@ -1,3 +1,5 @@
+// What the debug history and the debug print want, as the settings say, and the call that feeds
+// both.
 #include "platform/evtrace.h"
 
 #include "base/c_boundary.h"

@@ -1,3 +1,5 @@
+// What a worker asks of the system manager without a message: its directory, and the storing of a
+// startup configuration through the device backend.
 #include "platform/system_manager.h"
 
 #include "base/folders.h"

@@ -1,3 +1,4 @@
+// The C interface of the TFTP client. A worker has one session.
 #include "platform/tftp_client.h"
 
 #include "base/c_boundary.h"

@@ -1,3 +1,4 @@
+// The chassis type is a setting; the VRFs are in vrf.cpp.
 #include "platform/chassis.h"
 
 #include "base/c_boundary.h"
