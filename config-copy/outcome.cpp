@@ -104,8 +104,9 @@ std::string describe_cause(std::int64_t cause, std::string_view server, bool is_
         return "no space is left on the switch or on " + the_server +
                ": check the disks, and the quota on the server" + also;
     case COPY_FAIL_BAD_CONFIG:
-        return "the file is not a configuration: check its contents, and shorten a file name of "
-               "more than 100 octets" +
+        return "the file is not a configuration, or is too large for one: check its contents and "
+               "its "
+               "size, and shorten a file name of more than 100 octets" +
                also;
     case COPY_FAIL_UNSUPPORTED_PROTOCOL:
         return "the switch does not offer the protocol: use another one" + also;

@@ -67,7 +67,7 @@ def message(kind, identity, bindings, first=0, second=0, community=b"lab", versi
     return tlv(SEQUENCE, integer(version) + tlv(OCTETS, community) + tlv(kind, pdu))
 
 
-def _parts(octets):
+def parts(octets):
     """(tag, content) of each element."""
     position, end = 0, len(octets)
     while position < end:
@@ -100,14 +100,14 @@ def arcs(content):
 def decoded(packet):
     """(request id, error status, [(OID's numbers, tag, content)]) of a response."""
     try:
-        (_, whole), = _parts(packet)
-        _, _, (kind, pdu) = _parts(whole)
-        (_, identity), (_, status), _, (_, listed) = _parts(pdu)
+        (_, whole), = parts(packet)
+        _, _, (kind, pdu) = parts(whole)
+        (_, identity), (_, status), _, (_, listed) = parts(pdu)
         if kind != RESPONSE:
             raise Malformed(packet.hex())
         bindings = []
-        for _, pair in _parts(listed):
-            (_, name), (tag, content) = _parts(pair)
+        for _, pair in parts(listed):
+            (_, name), (tag, content) = parts(pair)
             bindings.append((arcs(name), tag, content))
         return int.from_bytes(identity, "big", signed=True), int.from_bytes(status, "big"), bindings
     except (ValueError, IndexError) as error:
