@@ -7,6 +7,8 @@
 # The campaigns, each in a lab of its own (default: all, which share the minutes):
 #   requests  hostile SNMP requests to an agent with sanitizers
 #   copies    copies in a row by every protocol
+#   faults    something is killed, stopped, full, read-only or cut off during a copy or save
+#   fabric    a switch's agent or system manager is killed during a save in the fabric
 #
 #   --seed N       what the campaigns' chance is made of (default: the time)
 #   --count N      so many rounds of each campaign instead of MINUTES
@@ -45,8 +47,10 @@ done
 declare -A labs=(
     [requests]="--build-dir build/asan"
     [copies]=""
+    [faults]="--small-disk 24m --server-disk 24m"
+    [fabric]="--switches 3"
 )
-((${#campaigns[@]})) || campaigns=(requests copies)
+((${#campaigns[@]})) || campaigns=(requests copies faults fabric)
 for campaign in "${campaigns[@]}"; do
     [[ -v labs[$campaign] ]] || usage
 done

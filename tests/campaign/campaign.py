@@ -30,13 +30,16 @@ class Campaign:
         self.round = 0
         self.doing = ""  # what the round does, for the report of a failure
 
+    def chance(self, number):
+        return random.Random(f"{self.options.seed}/{number}")
+
     def rounds(self):
         """The chance of each round."""
         first, count = self.options.first, self.options.count
         deadline = time.monotonic() + self.options.seconds
         self.round = first
         while self.round < first + count if count else time.monotonic() < deadline:
-            yield random.Random(f"{self.options.seed}/{self.round}")
+            yield self.chance(self.round)
             self.round += 1
         self.round -= 1
 

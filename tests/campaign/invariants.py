@@ -2,6 +2,7 @@
 
 import os
 import re
+import signal
 import time
 from pathlib import Path
 
@@ -9,8 +10,28 @@ import copy_table as ct
 from protocols import Switch, family
 
 STATE_COLUMN = f"{ct.COPY_ENTRY}.{ct.STATE}"
+# What stays for good: the debug history's older half, what the shell printed last, and the outcome
+# of the last save in the fabric.
+LASTING = ("history.log.1", "configcopy.txt", "fabric-status")
 # The programs of a copy or save. None is left when it has ended.
 PROGRAMS = ("cmdshell", "brix-tftp", "vrf-exec", "expect", "ftp", "sftp", "scp", "ssh")
+
+
+_pids = {}
+
+
+def pid_of(daemon, number=1):
+    """Of an `agent` or a `system-manager`. lab-ctl is asked only when there is a new one: it takes
+    as long as a copy."""
+    if ct.process_state(_pids.get((daemon, number), 0)) in (None, "Z"):
+        _pids[daemon, number] = int(ct.lab_ctl(f"{daemon}-pid", number))
+    return _pids[daemon, number]
+
+
+def killed(daemon, number=1):
+    """Kills it now, not only when lab-ctl has begun to run."""
+    os.kill(pid_of(daemon, number), signal.SIGSTOP)
+    ct.lab_ctl(f"kill-{daemon}", number)
 
 
 def descendants(pid):
@@ -48,8 +69,8 @@ def no_row_without_work(manager, number=1, within=2):
     """No row runs without a worker of the agent or a save of the system manager. An outcome on
     its way is given a moment."""
     deadline = time.monotonic() + within
-    while (rows := running_rows(manager)) and not descendants(Switch(number).agent()) and not \
-            descendants(int(ct.lab_ctl("system-manager-pid", number))):
+    while (rows := running_rows(manager)) and not any(
+            descendants(pid_of(daemon, number)) for daemon in ("agent", "system-manager")):
         assert time.monotonic() < deadline, f"nothing works at {rows}, which run"
         time.sleep(0.05)
 
@@ -57,7 +78,7 @@ def no_row_without_work(manager, number=1, within=2):
 def comes_to_rest(manager, number=1, within=15):
     """Every row ends, and every process of a copy with it."""
     deadline = time.monotonic() + within
-    while (rows := running_rows(manager)) or (busy := descendants(Switch(number).agent())):
+    while (rows := running_rows(manager)) or (busy := descendants(pid_of("agent", number))):
         if time.monotonic() > deadline:
             assert not rows, f"stuck rows: {rows}"
             raise AssertionError(f"processes stay: {names_of(busy)}")
@@ -76,15 +97,15 @@ class Leftovers:
                   self.switch.state.parent.parent / "run")
         return {str(path) for place in places for path in place.rglob("*")}
 
-    def none(self, within=3, known=()):
-        """Gives what ends by itself a moment. `known` names files that may come and stay."""
+    def none(self, within=3):
+        """Gives what ends by itself a moment."""
         deadline = time.monotonic() + within
-        while left := self.left(known):
+        while left := self.left():
             assert time.monotonic() < deadline, f"left over: {left}"
             time.sleep(0.02)
 
-    def left(self, known):
-        files = {file for file in self.files() - self.before if Path(file).name not in known}
+    def left(self):
+        files = {file for file in self.files() - self.before if Path(file).name not in LASTING}
         return [*sorted(files), *programs_left()]
 
 
