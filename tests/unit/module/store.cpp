@@ -6,6 +6,9 @@
 #include "tests/unit/fakes/fake_time.h"
 #include "tests/unit/fakes/module_fixture.h"
 
+#include <random>
+#include <set>
+
 namespace {
 
 using Store = ModuleTest;
@@ -309,6 +312,31 @@ TEST_F(Store, RunningRowsAreCountedHoweverTheyComeAndGo) {
     EXPECT_TRUE(copy_inprogress());
     EXPECT_EQ(remove(6), 0U);
     EXPECT_FALSE(copy_inprogress());
+}
+
+// Whichever rows start and end, in whatever order.
+TEST_F(Store, TheFirstRunningRowIsFoundAmongOthers) {
+    constexpr int32_t rows = 6;
+    for (int32_t index = 1; index <= rows; ++index) {
+        add_row(index);
+    }
+    const auto first_running = [] {
+        ccCopyEntry row{};
+        return get_config_entry_with_status(COPY_STATE_RUNNING, &row) == 0 ? row.ccCopyIndex : 0;
+    };
+    std::set<int32_t> running;
+    std::mt19937 random(7); // NOLINT: the same sequence each time
+    for (int step = 0; step < 500; ++step) {
+        const int32_t index = static_cast<int32_t>(random() % rows) + 1;
+        const bool starts = random() % 2 == 0;
+        set_state(index, starts ? COPY_STATE_RUNNING : COPY_STATE_FAILED);
+        if (starts) {
+            running.insert(index);
+        } else {
+            running.erase(index);
+        }
+        ASSERT_EQ(first_running(), running.empty() ? 0 : *running.begin());
+    }
 }
 
 // An activation asks this, and there may be many rows.

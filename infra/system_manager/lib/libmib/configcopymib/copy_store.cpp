@@ -15,9 +15,11 @@ int8_t search_all_cmp(const void *, const void *) {
 
 static constexpr unsigned int AGE_OUT_PERIOD_SECONDS = 101;
 
-// The rows in COPY_STATE_RUNNING. Written whenever a row comes, changes or goes, so that an
-// activation need not look at every row.
+// The rows in COPY_STATE_RUNNING and, if it is known which one is the only one, its index;
+// otherwise 0. Written whenever a row comes, changes or goes, so that no activation and no end of a
+// copy looks at every row.
 static uint32_t running_rows = 0;
+static int32_t only_running_index = 0;
 
 int8_t ccCopyEntry_comp_func(const void *a, const void *b) {
     if (a == nullptr || b == nullptr) {
@@ -57,8 +59,17 @@ void ccCopyEntry_free(struct ccCopyEntry *record) {
     free(record);
 }
 
-static uint32_t running_count(const struct ccCopyEntry *record) {
-    return record->ccCopyState == COPY_STATE_RUNNING ? 1 : 0;
+static void count_running(const struct ccCopyEntry *record) {
+    if (record->ccCopyState == COPY_STATE_RUNNING) {
+        only_running_index = ++running_rows == 1 ? record->ccCopyIndex : 0;
+    }
+}
+
+static void uncount_running(const struct ccCopyEntry *record) {
+    if (record->ccCopyState == COPY_STATE_RUNNING) {
+        --running_rows;
+        only_running_index = 0;
+    }
 }
 
 uint32_t addCcCopyEntry(struct ccCopyEntry *record) {
@@ -66,7 +77,7 @@ uint32_t addCcCopyEntry(struct ccCopyEntry *record) {
         if (keyedset_add(&ccCopyTable, record, record) != record) {
             return CCERR_FAILED;
         }
-        running_rows += running_count(record);
+        count_running(record);
         return 0;
     }
     keyedset_create(&ccCopyTable, 1, 1, ccCopyEntry_comp_func, 1);
@@ -75,7 +86,8 @@ uint32_t addCcCopyEntry(struct ccCopyEntry *record) {
     if (keyedset_add(&ccCopyTable, record, record) == nullptr) {
         return CCERR_FAILED;
     }
-    running_rows = running_count(record);
+    running_rows = 0;
+    count_running(record);
     ageouttimer =
         snmp_alarm_register(AGE_OUT_PERIOD_SECONDS, SA_REPEAT, cfgentry_age_timer_handler, nullptr);
     return 0;
@@ -104,8 +116,9 @@ uint32_t setCcCopyEntry(const struct ccCopyEntry *record, int32_t fill_error_tab
     if (stored == nullptr) {
         return CCERR_NOT_FOUND;
     }
-    running_rows += running_count(record) - running_count(stored);
+    uncount_running(stored);
     memcpy(stored, record, sizeof *stored);
+    count_running(stored);
     if (fill_error_table != 0) {
         cc_errors_fill(stored);
     }
@@ -130,7 +143,7 @@ uint32_t deleteCcCopyEntry(const struct ccCopyEntry *key) {
     if (removed == nullptr) {
         return CCERR_FAILED;
     }
-    running_rows -= running_count(removed);
+    uncount_running(removed);
     ccCopyEntry_free(removed);
     if (keyedset_size(&ccCopyTable) == 0) {
         snmp_alarm_unregister(ageouttimer);
@@ -140,7 +153,9 @@ uint32_t deleteCcCopyEntry(const struct ccCopyEntry *key) {
 }
 
 uint32_t get_config_entry_with_status(int32_t state, struct ccCopyEntry *buffer) {
-    buffer->ccCopyIndex = 0;
+    // No row before the only running one can be found.
+    const bool is_known = state == COPY_STATE_RUNNING && only_running_index > 0;
+    buffer->ccCopyIndex = is_known ? only_running_index - 1 : 0;
     while (getnextCcCopyEntry(buffer) == 0) {
         if (buffer->ccCopyState == state) {
             return 0;
