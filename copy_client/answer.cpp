@@ -103,7 +103,8 @@ std::optional<Binding> instance_of(const netsnmp_pdu &answer, const Oid &column,
         return std::nullopt;
     }
     Oid found = name_of(*variable);
-    if (found <= name) {
+    // Not <=, which with g++ 12 compares too few octets on a big-endian machine.
+    if (::snmp_oid_compare(found.data(), found.size(), name.data(), name.size()) <= 0) {
         throw Trouble(TroubleKind::names_not_rising, 0, describe_name(column));
     }
     if (!is_below(found, column)) {

@@ -1,0 +1,11 @@
+set(MACHINE i386)
+set(GNU i686-linux-gnu)
+set(CMAKE_SYSTEM_PROCESSOR i686)
+include(${CMAKE_CURRENT_LIST_DIR}/machine.cmake)
+# A PC runs these programs itself, also as children of the tests, with the libraries of the sysroot.
+file(GLOB libraries ${CMAKE_SYSROOT}/lib/*-linux-gnu ${CMAKE_SYSROOT}/usr/lib/*-linux-gnu)
+list(JOIN libraries : libraries)
+set(CMAKE_EXE_LINKER_FLAGS_INIT "-Wl,--dynamic-linker=${CMAKE_SYSROOT}/lib/ld-linux.so.2")
+foreach(kind EXE SHARED MODULE)
+  string(APPEND CMAKE_${kind}_LINKER_FLAGS_INIT " -Wl,--disable-new-dtags,-rpath,${libraries}")
+endforeach()

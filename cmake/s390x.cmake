@@ -1,0 +1,6 @@
+set(MACHINE s390x)
+set(GNU s390x-linux-gnu)
+set(CMAKE_SYSTEM_PROCESSOR s390x)
+include(${CMAKE_CURRENT_LIST_DIR}/machine.cmake)
+set(CMAKE_CROSSCOMPILING_EMULATOR
+  ${CMAKE_CURRENT_LIST_DIR}/emulate.sh qemu-s390x ${CMAKE_SYSROOT})
