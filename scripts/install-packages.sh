@@ -1,12 +1,14 @@
 #!/bin/bash
-# install-packages.sh [GROUP…]: installs the packages that packages.txt lists in the groups lab,
-# packaging and tests (default: all) and that this machine lacks, and unpacks the daemons of the
-# lab. Does nothing, and needs no root, if nothing is missing.
+# install-packages.sh [GROUP…]: installs the packages that packages.txt lists in these groups
+# (default: lab, packaging and tests) and that this machine lacks, and unpacks the daemons of the
+# lab. A group that is another machine's name (i386, arm64, s390x) also gets that machine's
+# libraries, unpacked. Does nothing, and needs no root, if nothing is missing.
 set -euo pipefail
 umask 022 # the lab's daemons, which are unpacked here, run as users of their own
 
 scripts=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
-lab=$(dirname "$scripts")/build/lab
+top=$(dirname "$scripts")
+lab=$top/build/lab
 
 groups=("$@")
 ((${#groups[@]})) || groups=(lab packaging tests)
@@ -89,7 +91,50 @@ for package in $(listed unpack); do
     trap - EXIT
 done
 
-# The list above must include all that an unpacked daemon needs, as nothing resolves its
+# fill_sysroot MACHINE: an apt with package lists of its own, for a machine with nothing installed,
+# resolves what the listed packages depend on. It changes nothing on this machine.
+fill_sysroot() {
+    local machine=$1 root=$top/build/sysroot/$1 package link packages
+    local stamp=$root.packages
+    packages=$(listed sysroot)
+    if [[ -d $root && -f $stamp && $(<"$stamp") == "$packages" ]]; then
+        return
+    fi
+    mkdir -p "$top/build/sysroot"
+    work=$(mktemp -d "$root.XXXXXX")
+    trap 'rm -rf "$work"' EXIT
+    mkdir -p "$work"/{lists,archives}/partial "$work/root"
+    touch "$work/status"
+    local apt=(apt-get -q -y --no-install-recommends -o APT::Architecture="$machine"
+        -o APT::Architectures="$machine" -o Dir::State="$work" -o Dir::State::status="$work/status"
+        -o Dir::Cache="$work" -o APT::Sandbox::User=root -o APT::Status-Fd=1)
+    # The lists may lack one, as not every archive has this machine: that matters only if a package
+    # is missing then.
+    # shellcheck disable=SC2016 # for sh
+    "$scripts/progress.sh" "libraries of $machine" \
+        sh -c 'packages=$1; shift; "$@" update; exec "$@" --download-only install $packages' \
+        sh "$packages" "${apt[@]}"
+    for package in "$work"/archives/*.deb; do
+        dpkg -x "$package" "$work/root"
+    done
+    # The linker follows a link to an absolute name out of the folder.
+    find "$work/root" -type l -lname '/*' -print0 | while IFS= read -r -d '' link; do
+        ln -srf "$work/root$(readlink "$link")" "$link"
+    done
+    rm -rf "$root"
+    mv "$work/root" "$root"
+    echo "$packages" >"$stamp"
+    rm -rf "$work"
+    trap - EXIT
+}
+
+for group in "${groups[@]}"; do
+    if [[ -f $top/cmake/$group.cmake ]]; then
+        fill_sysroot "$group"
+    fi
+done
+
+# The list "lab" must include all that an unpacked daemon needs, as nothing resolves its
 # dependencies.
 for program in snmpd/usr/sbin/snmpd snmptrapd/usr/sbin/snmptrapd atftpd/usr/sbin/atftpd \
     tftpd-hpa/usr/sbin/in.tftpd vsftpd/usr/sbin/vsftpd \

@@ -5,7 +5,8 @@
 # lab. Installs what it needs and shows its progress. Ends with "N passed, N failed".
 #
 # usage: scripts/test.sh [STEP…]
-# steps: format build tidy unit fuzz system (default: all of them)
+# steps: format build tidy unit fuzz system (default: all of these)
+#        i386 arm64 s390x (build for that machine, and run the unit tests that can run here)
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
@@ -108,6 +109,17 @@ step_unit() {
     run_ctest asan
     run_ctest release
 }
+
+# machine NAME: g++ for that machine, and its unit tests, emulated unless this machine runs them.
+machine() {
+    section "unit tests of $1"
+    bash scripts/install-packages.sh "$1"
+    build "$1"
+    run_ctest "$1"
+}
+step_i386() { machine i386; }
+step_arm64() { machine arm64; }
+step_s390x() { machine s390x; }
 
 step_fuzz() {
     section "fuzzers, $FUZZ_SECONDS s each, side by side"
