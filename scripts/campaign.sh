@@ -9,6 +9,9 @@
 #   copies    copies in a row by every protocol
 #   faults    something is killed, stopped, full, read-only or cut off during a copy or save
 #   fabric    a switch's agent or system manager is killed during a save in the fabric
+#   servers   file servers that lie, babble, drip or say nothing
+#   users     hostile users of the switch's own machine
+#   agents    config-copy against agents that lie
 #
 #   --seed N       what the campaigns' chance is made of (default: the time)
 #   --count N      so many rounds of each campaign instead of MINUTES
@@ -49,8 +52,11 @@ declare -A labs=(
     [copies]=""
     [faults]="--small-disk 24m --server-disk 24m"
     [fabric]="--switches 3"
+    [servers]="--small-disk 200m"
+    [users]=""
+    [agents]="--build-dir build/asan"
 )
-((${#campaigns[@]})) || campaigns=(requests copies faults fabric)
+((${#campaigns[@]})) || campaigns=(requests copies faults fabric servers users agents)
 for campaign in "${campaigns[@]}"; do
     [[ -v labs[$campaign] ]] || usage
 done

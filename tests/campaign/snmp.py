@@ -27,9 +27,8 @@ def tlv(tag, content):
     length = len(content)
     if length < 0x80:
         return bytes((tag, length)) + content
-    if length < 0x100:
-        return bytes((tag, 0x81, length)) + content
-    return bytes((tag, 0x82, length >> 8, length & 0xFF)) + content
+    octets = length.to_bytes((length.bit_length() + 7) // 8, "big")
+    return bytes((tag, 0x80 | len(octets))) + octets + content
 
 
 def integer(value, tag=INTEGER):
@@ -52,7 +51,7 @@ def numbers(text):
 
 def oid(text):
     first, second, *rest = numbers(text)
-    return tlv(OID, bytes((40 * first + second,)) + b"".join(map(_arc, rest)))
+    return tlv(OID, b"".join(map(_arc, (40 * first + second, *rest))))
 
 
 def binding(name, value=b"\x05\x00"):
@@ -97,21 +96,28 @@ def arcs(content):
     return tuple(found)
 
 
-def decoded(packet):
-    """(request id, error status, [(OID's numbers, tag, content)]) of a response."""
+def opened(packet):
+    """(kind, request id, error status, [(OID's numbers, tag, content)]) of a message."""
     try:
         (_, whole), = parts(packet)
         _, _, (kind, pdu) = parts(whole)
         (_, identity), (_, status), _, (_, listed) = parts(pdu)
-        if kind != RESPONSE:
-            raise Malformed(packet.hex())
         bindings = []
         for _, pair in parts(listed):
             (_, name), (tag, content) = parts(pair)
             bindings.append((arcs(name), tag, content))
-        return int.from_bytes(identity, "big", signed=True), int.from_bytes(status, "big"), bindings
     except (ValueError, IndexError) as error:
         raise Malformed(f"{error}: {packet.hex()}") from None
+    return (kind, int.from_bytes(identity, "big", signed=True), int.from_bytes(status, "big"),
+            bindings)
+
+
+def decoded(packet):
+    """The same of a response, without its kind."""
+    kind, *rest = opened(packet)
+    if kind != RESPONSE:
+        raise Malformed(packet.hex())
+    return rest
 
 
 def value(tag, content):
