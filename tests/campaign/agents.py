@@ -175,7 +175,7 @@ class HostileAgent(threading.Thread):
 
 COPIES = (("running", "tftp://192.0.2.20/x.cfg"), ("running", "startup"),
           ("running", "fabric-startup"), ("tftp://192.0.2.20/x.cfg", "running"))
-QUESTIONS = (("list",), ("errors",), ("errors", "1"), ("abort", "1"))
+QUESTIONS = (("list",), ("errors",), ("errors",), ("errors", "1"), ("abort", "1"))
 
 
 def command(chance, agent):

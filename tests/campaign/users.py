@@ -1,9 +1,9 @@
 #!/usr/bin/python3
 """Hostile users of the switch's own machine, while copies and saves go on.
 
-As `nobody` they fill the bus's sockets, send to them, plant files and links in /tmp, read what they
-can and signal every process. Each copy and save succeeds truly all the same; nothing private can
-be read, and nothing is written through a link."""
+As a user without any rights they fill the bus's sockets, send to them, plant files and links in
+/tmp, read what they can and signal every process. Each copy and save succeeds truly all the same;
+nothing private can be read, and nothing is written through a link."""
 
 import contextlib
 import os
@@ -24,7 +24,7 @@ from protocols import PROTOCOLS
 from snmp import FastManager
 
 VICTIM = Path("/lab/victim")
-NOBODY = 65534
+ATTACKER = 65533  # a user that runs nothing else
 PRIVATE = (Path("/lab/switch1/disk/state"), Path("/lab/switch1/run"))
 POINTS = [Path(os.environ["ULMO_RUN_DIR"]) / "msgbus" / point for point in ("3", "28")]
 # Files that the switch's programs write in /tmp, and what else may be guessed.
@@ -82,12 +82,12 @@ def read(chance, deadline):
             with contextlib.suppress(OSError):
                 if path.is_dir():
                     print("listed", path, os.listdir(path), flush=True)
-                elif path.is_file() and path.stat().st_uid != NOBODY:
+                elif path.is_file() and path.stat().st_uid != ATTACKER:
                     print("read", path, len(path.read_bytes()), flush=True)
         for entry in Path("/proc").glob("[0-9]*"):
             with contextlib.suppress(OSError):
                 if ct.SECRET.encode() in (entry / "environ").read_bytes() and (
-                        entry.stat().st_uid != NOBODY):
+                        entry.stat().st_uid != ATTACKER):
                     print("environment of", entry, flush=True)
 
 
@@ -95,7 +95,7 @@ def kill(chance, deadline):
     while time.monotonic() < deadline:
         for entry in Path("/proc").glob("[0-9]*"):
             with contextlib.suppress(OSError):
-                if entry.stat().st_uid != NOBODY:
+                if entry.stat().st_uid != ATTACKER:
                     attempted()
                     os.kill(int(entry.name), chance.choice((signal.SIGKILL, signal.SIGSTOP)))
                     print("signalled", entry.name, flush=True)
@@ -109,7 +109,7 @@ def attackers(campaign, seconds):
     """One process for each attack. What one of them could do, it has printed."""
     processes = {
         name: subprocess.Popen(
-            ["setpriv", "--reuid", str(NOBODY), "--regid", str(NOBODY), "--clear-groups",
+            ["setpriv", "--reuid", str(ATTACKER), "--regid", str(ATTACKER), "--clear-groups",
              "/usr/bin/python3", "-B", __file__, "--attack", name, str(campaign.round),
              str(seconds)], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
             stderr=subprocess.PIPE, text=True)
