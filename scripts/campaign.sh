@@ -4,7 +4,7 @@
 #
 #   scripts/campaign.sh [OPTION…] MINUTES [CAMPAIGN…]
 #
-# The campaigns, each in a lab of its own (default: all, which share the minutes):
+# The campaigns, each in a lab of its own, two at a time (default: all, which share the minutes):
 #   requests  hostile SNMP requests to an agent with sanitizers
 #   copies    copies in a row by every protocol
 #   faults    something is killed, stopped, full, read-only or cut off during a copy or save
@@ -25,6 +25,7 @@ umask 022
 
 scripts=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 repository=$(dirname "$scripts")
+readonly AT_A_TIME=2 # they mostly wait
 results=$repository/build/campaign
 seed=$(date +%s) minutes='' rounds=() campaigns=()
 
@@ -57,26 +58,51 @@ declare -A labs=(
     [agents]="--build-dir build/asan"
 )
 ((${#campaigns[@]})) || campaigns=(requests copies faults fabric servers users agents)
+builds=()
 for campaign in "${campaigns[@]}"; do
     [[ -v labs[$campaign] ]] || usage
+    [[ ${labs[$campaign]} == *build/asan* ]] && builds+=(build/asan) || builds+=(build/release)
 done
-seconds=$(awk -v minutes="${minutes:-0}" -v share="${#campaigns[@]}" \
-    'BEGIN { print 60 * minutes / share }')
+seconds=$(awk -v minutes="${minutes:-0}" -v share="${#campaigns[@]}" -v at_a_time="$AT_A_TIME" \
+    'BEGIN { print 60 * minutes / share * (share < at_a_time ? share : at_a_time) }')
 
+as_root=()
+((EUID == 0)) || as_root=(sudo)
 cd "$repository"
-status=0
-for campaign in "${campaigns[@]}"; do
-    kept=$results/$campaign
+scripts/install-packages.sh lab tests >&2
+readarray -t builds < <(printf '%s\n' "${builds[@]}" | sort -u)
+for build in "${builds[@]}"; do
+    scripts/lab.sh exec --build-dir "$build" -- true # brings it up to date
+done
+
+# Runs one campaign with its output in a file, of which it shows the figures, or all if it fails.
+run() {
+    local campaign=$1 kept=$results/$1 options
+    "${as_root[@]}" rm -rf "$kept" # a lab's logs belong to root
     mkdir -p "$kept"
     read -r -a options <<<"${labs[$campaign]}"
-    "$scripts/lab.sh" exec "${options[@]}" --keep-logs "$kept/logs" -- /usr/bin/python3 -B \
-        "tests/campaign/$campaign.py" --seed "$seed" --seconds "$seconds" \
-        "${rounds[@]}" >"$kept/output" 2>&1 || {
-        status=1
+    if scripts/lab.sh exec --no-build "${options[@]}" --keep-logs "$kept/logs" -- \
+        /usr/bin/python3 -B "tests/campaign/$campaign.py" --seed "$seed" --seconds "$seconds" \
+        "${rounds[@]}" >"$kept/output" 2>&1; then
+        tail -n 1 "$kept/output"
+    else
         cat "$kept/output"
         printf '%s: failed; its logs are in %s\n' "$campaign" "$kept"
-        continue
-    }
-    tail -n 1 "$kept/output"
+        return 1
+    fi
+}
+
+status=0 running=0
+for campaign in "${campaigns[@]}"; do
+    if ((running == AT_A_TIME)); then
+        wait -n || status=1
+        running=$((running - 1))
+    fi
+    run "$campaign" &
+    running=$((running + 1))
+done
+while ((running)); do
+    wait -n || status=1
+    running=$((running - 1))
 done
 exit "$status"

@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
 # Builds everything and runs all tests: formatting, shellcheck and flake8, warnings of two
 # compilers, clang-tidy, unit tests under sanitizers and in the release build, the MIB module, the
-# documentation against the sources, fuzzers for a few seconds each, and the system tests in the
-# lab. Installs what it needs and shows its progress. Ends with "N passed, N failed".
+# documentation against the sources, fuzzers for a few seconds each, the system tests in the lab,
+# and a minute of the campaign. Installs what it needs and shows its progress. Ends with "N passed,
+# N failed".
 #
 # usage: scripts/test.sh [STEP…]
-# steps: format build tidy unit fuzz system (default: all of these)
+# steps: format build tidy unit fuzz system campaign (default: all of these)
 #        i386 arm64 s390x (build for that machine, and run the unit tests that can run here)
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -149,10 +150,19 @@ step_system() {
     ((status == 0 || failed > failed_before)) || failed=$((failed + 1))
 }
 
+step_campaign() {
+    section "campaign: attacks and faults, each in a lab"
+    local log=build/campaign.log failed_before=$failed status=0
+    scripts/campaign.sh --seed 1 1 | tee "$log" || status=1
+    passed=$((passed + $(grep -c ' 0 violations$' "$log" || true)))
+    failed=$((failed + $(grep -c ': failed; its logs' "$log" || true)))
+    ((status == 0 || failed > failed_before)) || failed=$((failed + 1))
+}
+
 section "packages"
 bash scripts/install-packages.sh
 steps=("$@")
-((${#steps[@]})) || steps=(format build tidy unit fuzz system)
+((${#steps[@]})) || steps=(format build tidy unit fuzz system campaign)
 for step in "${steps[@]}"; do
     "step_$step"
 done

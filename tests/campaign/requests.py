@@ -307,5 +307,5 @@ def body(campaign):
     assert ct.WORK.exists() and not os.listdir(ct.WORK), os.listdir(ct.WORK)
 
 
-campaign = Campaign(__doc__)
+campaign = Campaign(__doc__, is_alone=False)
 campaign.run(body)
