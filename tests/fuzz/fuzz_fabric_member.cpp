@@ -38,7 +38,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *octets, std::size_t si
     const std::string_view text(reinterpret_cast<const char *>(octets), size);
     FabricMember member;
     try {
-        member = member_from(std::string(text.substr(0, text.find('\n'))), defaults);
+        member = member_from(std::string(text.substr(0, text.find('\n'))), 1, defaults);
     } catch (const std::runtime_error &refusal) {
         const std::string_view reason = refusal.what();
         require(is_one_line(reason));
@@ -50,6 +50,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *octets, std::size_t si
     require(member.wwn != Wwn{} && member.port != 0 && !member.user.empty() &&
             member.user.size() <= 32);
     require(member.auth_passphrase.size() >= 8 && member.priv_passphrase.size() >= 8);
-    require(are_same(member, member_from(line_of(member), {})));
+    require(are_same(member, member_from(line_of(member), 1, {})));
     return 0;
 }
