@@ -12,6 +12,9 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
-set(ENV{PKG_CONFIG_SYSROOT_DIR} ${CMAKE_SYSROOT})
-file(GLOB folders ${CMAKE_SYSROOT}/usr/lib/*/pkgconfig)
-set(ENV{PKG_CONFIG_LIBDIR} ${folders}:${CMAKE_SYSROOT}/usr/share/pkgconfig)
+# CMake does not detect it if the path contains a blank; nor does pkg-config then put the sysroot
+# in front of its paths, which compiler and CMake do anyway.
+file(GLOB CMAKE_LIBRARY_ARCHITECTURE RELATIVE ${CMAKE_SYSROOT}/usr/lib
+  ${CMAKE_SYSROOT}/usr/lib/*-linux-gnu)
+set(machine_libraries ${CMAKE_SYSROOT}/usr/lib/${CMAKE_LIBRARY_ARCHITECTURE})
+set(ENV{PKG_CONFIG_LIBDIR} ${machine_libraries}/pkgconfig)
