@@ -52,11 +52,14 @@ class Upload(Job):
         self.check(saves.running(), self.running)
         self.check(saves.startup(), self.startup)
 
+    def arrived(self):
+        return self.file.read_bytes() if self.file.exists() else None
+
     def done(self):
-        self.check(self.file.read_bytes(), self.padding)
+        assert self.is_done(), f"{self}: another file arrived, or none"
 
     def is_done(self):
-        return self.file.exists() and self.file.read_bytes() == self.padding
+        return self.arrived() == self.padding
 
 
 class Download(Job):
