@@ -28,7 +28,10 @@ uint32_t cc_uptime_of(struct ccTime when) {
 }
 
 bool cc_is_before_agents_start(struct ccTime when) {
-    const struct timeval moment = timeval_of(when);
+    struct timeval moment = timeval_of(when);
+    if constexpr (sizeof(long) > sizeof(uint32_t)) {
+        return (long)netsnmp_timeval_uptime(&moment) < 0;
+    }
     const auto *start = static_cast<const struct timeval *>(netsnmp_get_agent_starttime());
     return timercmp(&moment, start, <);
 }
