@@ -21,9 +21,21 @@ ROOT = Path(__file__).resolve().parent.parent
 PRODUCT = ("base", "copy_client", "config-copy", "infra", "platform", "tftp")
 
 
-def room_of(file):
+def in_repository(name):
+    """The file of the repository that the compiler has recorded under this name. How the name
+    begins depends on the compiler's folder and on what shortens names for it."""
+    parts = Path(name).parts
+    for first in range(len(parts)):
+        file = ROOT.joinpath(*parts[first:]).resolve()
+        if file.is_file():
+            return file
+    return None
+
+
+def room_of(name):
     """base, platform/host/agent …; an empty text for files outside the repository."""
-    parts = file.relative_to(ROOT).parts[:-1] if file.is_relative_to(ROOT) else ("",)
+    file = in_repository(name)
+    parts = file.relative_to(ROOT).parts[:-1] if file and file.is_relative_to(ROOT) else ("",)
     return "/".join(parts[:3] if parts[:2] == ("platform", "host") else parts[:1])
 
 
@@ -46,7 +58,7 @@ def counts(build):
                             stderr=subprocess.DEVNULL).stdout
     rooms = collections.defaultdict(lambda: [0, 0])
     for file in json.loads(output)["data"][0]["files"]:
-        room = room_of(Path(file["filename"]).resolve())
+        room = room_of(file["filename"])
         if room.split("/")[0] in PRODUCT:
             rooms[room][0] += file["summary"]["lines"]["count"]
             rooms[room][1] += file["summary"]["lines"]["covered"]
