@@ -13,7 +13,8 @@ extern "C" {
 #define WARDEN_STARTUP_FILE "system.cfg"
 
 /* The directory of the startup configuration file WARDEN_STARTUP_FILE. `handle` is an endpoint of
- * msgbus, `which` is always 2. The text is never null and lives as long as the process. */
+ * msgbus, `which` is always 2. The text is never null and lives as long as the process. The CLI
+ * shell takes this name for the startup configuration, also if the device keeps it elsewhere. */
 const char *warden_cli_dir_get(int32_t handle, int32_t which);
 
 /* Makes the text configuration in the file `path` the startup configuration, completely or not at

@@ -1,77 +1,67 @@
-// Room: the device: its two configurations, their language, the shell that applies them.
-// Used by: transfer, system_manager, programs.
-// May use: base, history, platform.
+// What a kind of device does by itself. Device (device.h) makes whole operations of it.
 //
-// The device behind the CLI shell and the system manager: it stores and changes its configurations.
+// To add a kind: a class in a source of its own, a line in the table of device.cpp, its word in the
+// setting `device_backend`, and a fixture for the tests that every kind passes.
 #pragma once
+
+#include "platform/host/device/configuration_text.h"
 
 #include <chrono>
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
 namespace ulmo {
 
-enum class ConfigurationStore { running, startup };
-
-// Every operation is atomic, for other processes and across a crash. An operation that throws has
-// changed nothing, with one exception: save() to several files commits the startup configuration
-// last, so earlier files may already have the new content. A ConfigurationError
+// Device calls these functions under its lock, which other processes respect. A ConfigurationError
 // (configuration_text.h) means that the given text was refused; any other exception is a failure of
 // the device.
 class DeviceBackend {
   public:
     virtual ~DeviceBackend() = default;
 
-    // The configuration as text: the running configuration in canonical form, the startup
-    // configuration as it was stored. Throws std::runtime_error if there is no startup
-    // configuration.
-    virtual std::string show(ConfigurationStore which) = 0;
+    // Whether apply() and replace() check the text, and change nothing if they throw. If not,
+    // Device calls check() before them and verify() after them, and has the former configuration
+    // replaced if one of them throws.
+    [[nodiscard]] virtual bool is_atomic() const = 0;
 
-    // Writes the result of show() to a descriptor. Throws as show() does, and std::system_error if
-    // the write fails.
-    virtual void print(ConfigurationStore which, int descriptor);
+    // The whole running configuration, as replace() takes it back. An empty text is a failure.
+    virtual std::string show_running() = 0;
 
-    // Checks the whole text, then executes its statements on the running configuration in order.
+    // The file with the startup configuration; empty if no file holds exactly this text.
+    [[nodiscard]] virtual std::filesystem::path startup_file() const = 0;
+    // Its text, octet for octet; nullopt if there is no startup configuration. By default, the
+    // content of startup_file().
+    virtual std::optional<std::string> show_startup();
+
+    // Throws ConfigurationError if apply() would refuse the text. Changes nothing.
+    virtual void check(std::string_view text) = 0;
+    // Executes the statements of the text on the running configuration, in order.
     virtual void apply(std::string_view text) = 0;
+    // Makes the text the running configuration: what it does not name is removed.
+    virtual void replace(std::string_view text) = 0;
+    // Throws if what apply() or replace() was given is not in force now.
+    virtual void verify(std::string_view /*text*/) {}
 
-    // Copies the running configuration to the startup configuration and to the files `copies`
-    // (relative names are relative to the device's own directory). `before_commit`, if given, is
-    // called when all files have been written to the disk and before any of them takes its name; if
-    // it throws, nothing changes.
-    virtual void save(const std::vector<std::filesystem::path> &copies,
-                      const std::function<void()> &before_commit) = 0;
-    void save() { save({}, {}); }
-
-    // Starts the device: the startup configuration, or else the factory default, becomes the
-    // running configuration.
-    virtual void start() = 0;
-
-    // Checks `text` and stores it as the startup configuration, octet for octet.
+    // Makes the running configuration the startup configuration: at any instant there is the old
+    // one or the new one. Calls `before_commit` once, when all that can fail has been done as far
+    // as possible; if it throws, nothing changes.
+    virtual void save(const std::function<void()> &before_commit) = 0;
+    // Checks the text and makes it the startup configuration, octet for octet.
     virtual void store_startup(std::string_view text) = 0;
+
+    // Whether there is a running configuration. A device that starts by itself always has one.
+    virtual bool is_started() { return true; }
+    // Makes the startup configuration, or else the factory default, the running configuration.
+    virtual void start() {}
 };
 
-// The backend chosen by the setting `device_backend`. `embedded`, the default, keeps the
-// configurations in state_dir(). Throws std::runtime_error for any other value, and what
-// state_dir() throws.
-std::unique_ptr<DeviceBackend> make_device_backend();
-
 // Keeps the running configuration in running.cfg and the startup configuration in system.cfg of
-// `directory`, mode 0600. The first use creates the running configuration: a copy of the startup
-// configuration, or else a factory default that has only a host name. An invalid startup
-// configuration is an error then, rather than overwritten by a later save. An operation waits at
-// most `lock_wait` for others.
-inline constexpr std::chrono::milliseconds device_lock_wait{10'000};
-std::unique_ptr<DeviceBackend>
-make_embedded_backend(const std::filesystem::path &directory,
-                      std::chrono::milliseconds lock_wait = device_lock_wait);
-
-// Reads a configuration file that an operator or a transfer supplies: a regular file; symbolic
-// links are followed. Throws ConfigurationError (bad_file) if it does not exist, can't be read or
-// exceeds the limit of a configuration.
-std::string read_configuration_file(const std::filesystem::path &path);
+// `directory`, mode 0600. The factory default has only a host name. An invalid startup
+// configuration is an error at the start, rather than overwritten by a later save.
+std::unique_ptr<DeviceBackend> make_embedded_backend(const std::filesystem::path &directory);
 
 } // namespace ulmo

@@ -5,8 +5,8 @@
 #include "base/posix.h"
 #include "base/reason.h"
 #include "base/unique_fd.h"
-#include "platform/host/device/backend.h"
 #include "platform/host/device/configuration_text.h"
+#include "platform/host/device/device.h"
 #include "platform/host/history/copy_report.h"
 #include "platform/host/history/log.h"
 
@@ -52,7 +52,8 @@ uint32_t execute(const std::string &file, const std::string &output) {
     uint32_t result = 0;
     std::string text;
     try {
-        ulmo::make_device_backend()->apply(ulmo::read_configuration_file(file));
+        const auto device = ulmo::make_device();
+        device->apply(device->read(file));
         text = file + ": applied";
     } catch (const ulmo::ConfigurationError &error) {
         result = error.kind() == ulmo::ConfigurationError::Kind::bad_line ? CMDSHELL_ERR_BAD_LINE

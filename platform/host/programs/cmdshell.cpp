@@ -11,7 +11,7 @@
 #include "base/reason.h"
 #include "base/settings.h"
 #include "base/text.h"
-#include "platform/host/device/backend.h"
+#include "platform/host/device/device.h"
 #include "platform/host/history/copy_record.h"
 #include "platform/host/history/copy_report.h"
 #include "platform/host/system_manager/last_save.h"
@@ -58,11 +58,11 @@ void print(std::string_view text) {
 }
 
 void show_running() {
-    ulmo::make_device_backend()->print(ulmo::ConfigurationStore::running, STDOUT_FILENO);
+    ulmo::make_device()->print(ulmo::ConfigurationStore::running, STDOUT_FILENO);
 }
 
 void show_startup() {
-    ulmo::make_device_backend()->print(ulmo::ConfigurationStore::startup, STDOUT_FILENO);
+    ulmo::make_device()->print(ulmo::ConfigurationStore::startup, STDOUT_FILENO);
 }
 
 // The user of this process, for the system manager's log.
@@ -75,7 +75,7 @@ void copy_running_to_startup() {
     // The system manager runs one save at a time and notifies everybody. If it is not running, the
     // configuration is saved all the same.
     if (!ulmo::request_save(user_name())) {
-        ulmo::make_device_backend()->save();
+        ulmo::make_device()->save();
     }
 }
 
@@ -97,7 +97,7 @@ void show_copies() {
 }
 
 void copy_startup_to_running() {
-    const auto device = ulmo::make_device_backend();
+    const auto device = ulmo::make_device();
     device->apply(device->show(ulmo::ConfigurationStore::startup));
 }
 
@@ -184,7 +184,7 @@ void run(std::string_view text) {
         if (file.empty()) {
             throw std::runtime_error("a file name is missing");
         }
-        ulmo::make_device_backend()->apply(ulmo::read_configuration_file(file));
+        ulmo::make_device()->apply(ulmo::read_configuration_file(file));
         return;
     }
     throw std::runtime_error("unknown command; 'help' lists the commands");

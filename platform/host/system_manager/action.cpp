@@ -2,7 +2,7 @@
 
 #include "base/reason.h"
 #include "base/settings.h"
-#include "platform/host/device/backend.h"
+#include "platform/host/device/device.h"
 #include "platform/host/fabric/status.h"
 #include "platform/host/history/log.h"
 #include "platform/host/system_manager/fabric_members.h"
@@ -69,7 +69,7 @@ std::string recorded(const std::exception &error) {
 }
 
 void save_here(const std::vector<std::filesystem::path> &copies, int stop) {
-    make_device_backend()->save(copies, [stop] { check_stop(stop); });
+    make_device()->save(copies, [stop] { check_stop(stop); });
     record_last_save(saved_text);
 }
 

@@ -4,8 +4,8 @@
 
 #include "base/folders.h"
 #include "base/reason.h"
-#include "platform/host/device/backend.h"
 #include "platform/host/device/configuration_text.h"
+#include "platform/host/device/device.h"
 #include "platform/host/history/copy_report.h"
 #include "platform/host/history/log.h"
 #include "platform/host/system_manager/status.h"
@@ -25,7 +25,7 @@ const char *warden_cli_dir_get(int32_t /*handle*/, int32_t /*which*/) {
 
 uint32_t warden_cli_write_ascii_cfg(int32_t /*handle*/, const char *path) {
     try {
-        ulmo::make_device_backend()->store_startup(ulmo::read_configuration_file(path));
+        ulmo::make_device()->store_startup(ulmo::read_configuration_file(path));
         return 0;
     } catch (const ulmo::ConfigurationError &error) {
         ulmo::log_error("%s: %s: %s", __func__, path, error.what());

@@ -4,7 +4,7 @@
 #include "base/posix.h"
 #include "base/settings.h"
 #include "base/state_file.h"
-#include "platform/host/device/backend.h"
+#include "platform/host/device/device.h"
 #include "platform/host/history/log.h"
 #include "platform/host/system_manager/status.h"
 #include "platform/system_manager.h"
@@ -239,7 +239,7 @@ void start_switch() {
         log_notice("the switch has been started before: the running configuration stays");
         return;
     }
-    make_device_backend()->start();
+    make_device()->start();
     replace_state_file(mark, boot);
     log_notice("the switch starts: the startup configuration is the running configuration now");
 }

@@ -3,7 +3,7 @@
 
 #include "base/state_file.h"
 #include "platform/host/bus/server.h"
-#include "platform/host/device/backend.h"
+#include "platform/host/device/device.h"
 #include "platform/host/system_manager/status.h"
 #include "platform/msgbus.h"
 #include "platform/system_manager.h"

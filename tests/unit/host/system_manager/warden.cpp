@@ -565,7 +565,7 @@ TEST_F(Warden, TheSwitchStartsOnceABoot) {
     EXPECT_EQ(content(running()), old_text);
     EXPECT_EQ(
         count("the switch starts: the startup configuration is the running configuration now"), 1U);
-    ulmo::make_device_backend()->apply("hostname new\n");
+    ulmo::make_device()->apply("hostname new\n");
     stop();
     start();
     EXPECT_EQ(content(running()), new_text)

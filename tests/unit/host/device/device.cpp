@@ -1,7 +1,8 @@
-#include "platform/host/device/backend.h"
+#include "platform/host/device/device.h"
 
 #include "base/replaced_file.h"
 #include "base/state_file.h"
+#include "platform/host/device/backend.h"
 #include "platform/host/device/configuration_text.h"
 #include "tests/unit/child.h"
 #include "tests/unit/host/device/fixture.h"
@@ -38,15 +39,15 @@ template <typename Operation> std::string failure(Operation operation) {
     return "no failure";
 }
 
-class DeviceBackend : public DeviceTest {
+class Device : public DeviceTest {
   protected:
-    std::unique_ptr<ulmo::DeviceBackend> device(milliseconds wait = ulmo::device_lock_wait) const {
-        return ulmo::make_embedded_backend(state(), wait);
+    std::unique_ptr<ulmo::Device> device(milliseconds wait = ulmo::device_lock_wait) const {
+        return std::make_unique<ulmo::Device>(ulmo::make_embedded_backend(state()), state(), wait);
     }
     std::string shown() const { return device()->show(ConfigurationStore::running); }
 };
 
-TEST_F(DeviceBackend, FirstUseMakesTheFactoryDefault) {
+TEST_F(Device, FirstUseMakesTheFactoryDefault) {
     EXPECT_EQ(shown(), factory);
     EXPECT_EQ(content(running()), factory);
     EXPECT_EQ(permissions(running()), 0600U);
@@ -55,7 +56,7 @@ TEST_F(DeviceBackend, FirstUseMakesTheFactoryDefault) {
               "there is no startup configuration");
 }
 
-TEST_F(DeviceBackend, FirstUseStartsFromTheStartupConfiguration) {
+TEST_F(Device, FirstUseStartsFromTheStartupConfiguration) {
     const std::string stored = "! rack 7\nvlan 7\nhostname seven\n";
     device()->store_startup(stored);
     EXPECT_FALSE(std::filesystem::exists(running()));
@@ -64,7 +65,7 @@ TEST_F(DeviceBackend, FirstUseStartsFromTheStartupConfiguration) {
     EXPECT_EQ(permissions(startup()), 0600U);
 }
 
-TEST_F(DeviceBackend, AStartupConfigurationThatIsNotValidIsNotReplacedByADefault) {
+TEST_F(Device, AStartupConfigurationThatIsNotValidIsNotReplacedByADefault) {
     file("state/system.cfg", "hostname a\nbogus\n");
     const std::string reason =
         startup().string() + " is not valid: line 2: unknown statement 'bogus'";
@@ -77,7 +78,7 @@ TEST_F(DeviceBackend, AStartupConfigurationThatIsNotValidIsNotReplacedByADefault
     EXPECT_EQ(shown(), "hostname c\nend\n");
 }
 
-TEST_F(DeviceBackend, ADamagedRunningConfigurationIsAFailureNotARefusal) {
+TEST_F(Device, ADamagedRunningConfigurationIsAFailureNotARefusal) {
     file("state/running.cfg", std::string("hostname a\n\0", 12));
     try {
         device()->apply("hostname b\n");
@@ -90,7 +91,7 @@ TEST_F(DeviceBackend, ADamagedRunningConfigurationIsAFailureNotARefusal) {
     }
 }
 
-TEST_F(DeviceBackend, AppliesWholeAndSaves) {
+TEST_F(Device, AppliesWholeAndSaves) {
     device()->apply("hostname one\nvlan 10\n name a\n");
     device()->apply("vlan 11\nvlan 10\n name b\n");
     const std::string expected = "hostname one\nvlan 10\n  name b\nvlan 11\nend\n";
@@ -104,7 +105,7 @@ TEST_F(DeviceBackend, AppliesWholeAndSaves) {
     EXPECT_EQ(content(startup()), expected);
 }
 
-TEST_F(DeviceBackend, ARefusedTextChangesNothing) {
+TEST_F(Device, ARefusedTextChangesNothing) {
     device()->apply("hostname one\n");
     device()->save();
     struct stat before {};
@@ -131,7 +132,7 @@ TEST_F(DeviceBackend, ARefusedTextChangesNothing) {
     EXPECT_EQ(after.st_ino, before.st_ino) << "the file was written again without need";
 }
 
-TEST_F(DeviceBackend, AConfigurationCannotGrowWithoutEnd) {
+TEST_F(Device, AConfigurationCannotGrowWithoutEnd) {
     std::string half;
     for (unsigned i = 0; half.size() < ulmo::configuration_canonical_limit * 6 / 10; ++i) {
         half +=
@@ -148,7 +149,7 @@ TEST_F(DeviceBackend, AConfigurationCannotGrowWithoutEnd) {
     EXPECT_TRUE(content(running()) == before); // too large to be printed
 }
 
-TEST_F(DeviceBackend, LinksInPlaceOfTheFilesAreNotFollowed) {
+TEST_F(Device, LinksInPlaceOfTheFilesAreNotFollowed) {
     const auto victim = file("victim", "hostname victim\n");
     std::filesystem::create_symlink(victim, running());
     EXPECT_NE(failure([&] { shown(); }).find("cannot open"), std::string::npos);
@@ -169,7 +170,7 @@ TEST_F(DeviceBackend, LinksInPlaceOfTheFilesAreNotFollowed) {
     EXPECT_NE(failure([&] { shown(); }).find("cannot open"), std::string::npos);
 }
 
-TEST_F(DeviceBackend, TheModeDoesNotDependOnTheMask) {
+TEST_F(Device, TheModeDoesNotDependOnTheMask) {
     const mode_t old = ::umask(0777);
     device()->apply("hostname x\n");
     ::umask(old);
@@ -187,7 +188,7 @@ std::set<std::string> names_in(const std::filesystem::path &directory) {
     return names;
 }
 
-TEST_F(DeviceBackend, SavesToFurtherFilesAsWell) {
+TEST_F(Device, SavesToFurtherFilesAsWell) {
     device()->apply("hostname one\n");
     std::filesystem::create_directory(directory_ / "usb");
     const auto absolute = directory_ / "usb" / "one.cfg";
@@ -209,7 +210,7 @@ TEST_F(DeviceBackend, SavesToFurtherFilesAsWell) {
     EXPECT_EQ(content(state() / "backup.cfg"), expected) << "not asked for this time";
 }
 
-TEST_F(DeviceBackend, AFileThatIsNamedThroughALinkOfItsDirectoryIsOneFile) {
+TEST_F(Device, AFileThatIsNamedThroughALinkOfItsDirectoryIsOneFile) {
     device()->apply("hostname one\n");
     std::filesystem::create_directory_symlink(state(), directory_ / "link");
     device()->save(
@@ -220,7 +221,7 @@ TEST_F(DeviceBackend, AFileThatIsNamedThroughALinkOfItsDirectoryIsOneFile) {
               (std::set<std::string>{"backup.cfg", "running.cfg", "system.cfg"}));
 }
 
-TEST_F(DeviceBackend, ASaveThatIsGivenUpChangesNothing) {
+TEST_F(Device, ASaveThatIsGivenUpChangesNothing) {
     device()->apply("hostname one\n");
     device()->save({"backup.cfg"}, {});
     device()->apply("hostname two\n");
@@ -244,7 +245,7 @@ TEST_F(DeviceBackend, ASaveThatIsGivenUpChangesNothing) {
     EXPECT_EQ(content(startup()), "hostname two\nend\n");
 }
 
-TEST_F(DeviceBackend, AFileThatCantBePreparedStopsTheSave) {
+TEST_F(Device, AFileThatCantBePreparedStopsTheSave) {
     device()->save();
     device()->apply("hostname two\n");
     bool is_called = false;
@@ -259,7 +260,7 @@ TEST_F(DeviceBackend, AFileThatCantBePreparedStopsTheSave) {
     EXPECT_EQ(names_in(state()), (std::set<std::string>{"running.cfg", "system.cfg"}));
 }
 
-TEST_F(DeviceBackend, TheStartupConfigurationIsReplacedLast) {
+TEST_F(Device, TheStartupConfigurationIsReplacedLast) {
     device()->apply("hostname one\n");
     device()->save();
     device()->apply("hostname two\n");
@@ -273,7 +274,7 @@ TEST_F(DeviceBackend, TheStartupConfigurationIsReplacedLast) {
               (std::set<std::string>{"backup.cfg", "running.cfg", "system.cfg", "zzz.cfg"}));
 }
 
-TEST_F(DeviceBackend, StartsFromTheStartupConfiguration) {
+TEST_F(Device, StartsFromTheStartupConfiguration) {
     device()->apply("hostname forgotten\n");
     device()->store_startup("! rack 7\nvlan 7\nhostname seven\n");
     device()->start();
@@ -281,7 +282,7 @@ TEST_F(DeviceBackend, StartsFromTheStartupConfiguration) {
     EXPECT_EQ(content(startup()), "! rack 7\nvlan 7\nhostname seven\n");
 }
 
-TEST_F(DeviceBackend, StartsFromTheFactoryDefaultWithoutAStartupConfiguration) {
+TEST_F(Device, StartsFromTheFactoryDefaultWithoutAStartupConfiguration) {
     device()->apply("hostname forgotten\n");
     file("state/system.cfg.new", "hostname unfinished\n"); // of a save that was killed
     device()->start();
@@ -289,7 +290,7 @@ TEST_F(DeviceBackend, StartsFromTheFactoryDefaultWithoutAStartupConfiguration) {
     EXPECT_FALSE(std::filesystem::exists(startup()));
 }
 
-TEST_F(DeviceBackend, AStartupConfigurationThatIsNotValidStartsNothing) {
+TEST_F(Device, AStartupConfigurationThatIsNotValidStartsNothing) {
     device()->apply("hostname stays\n");
     file("state/system.cfg", "hostname a\nbogus\n");
     EXPECT_EQ(failure([&] { device()->start(); }),
@@ -298,7 +299,7 @@ TEST_F(DeviceBackend, AStartupConfigurationThatIsNotValidStartsNothing) {
     EXPECT_EQ(content(startup()), "hostname a\nbogus\n");
 }
 
-TEST_F(DeviceBackend, AFileThatIsNotCommittedLeavesTheOldOne) {
+TEST_F(Device, AFileThatIsNotCommittedLeavesTheOldOne) {
     const auto target = file("state/a.cfg", "old");
     {
         const ulmo::ReplacedFile pending(target, "new");
@@ -317,7 +318,7 @@ TEST_F(DeviceBackend, AFileThatIsNotCommittedLeavesTheOldOne) {
     EXPECT_EQ(names_in(state()), std::set<std::string>{"a.cfg"});
 }
 
-TEST_F(DeviceBackend, TheWaitForTheLockHasAnEnd) {
+TEST_F(Device, TheWaitForTheLockHasAnEnd) {
     device()->save();
     const std::string timed_out =
         "cannot lock " + (state() / "configuration.lock").string() + ": Connection timed out";
@@ -341,7 +342,7 @@ TEST_F(DeviceBackend, TheWaitForTheLockHasAnEnd) {
     EXPECT_EQ(content(startup()), factory);
 }
 
-TEST_F(DeviceBackend, AStreamOfReadersDoesNotKeepAWriterOut) {
+TEST_F(Device, AStreamOfReadersDoesNotKeepAWriterOut) {
     const auto lock_file = state() / "configuration.lock";
     std::atomic<bool> done{false};
     std::atomic<unsigned> reads{0};
@@ -371,7 +372,7 @@ TEST_F(DeviceBackend, AStreamOfReadersDoesNotKeepAWriterOut) {
     }
 }
 
-TEST_F(DeviceBackend, ConcurrentReadersSeeWholeConfigurations) {
+TEST_F(Device, ConcurrentReadersSeeWholeConfigurations) {
     // Every version names its number twice, far apart.
     const auto version = [](unsigned number) {
         std::string text = "hostname v" + std::to_string(number) + "\n";
@@ -412,7 +413,7 @@ TEST_F(DeviceBackend, ConcurrentReadersSeeWholeConfigurations) {
     EXPECT_EQ(shown().substr(0, 13), "hostname v60\n");
 }
 
-TEST_F(DeviceBackend, ConcurrentChangesAreNotLost) {
+TEST_F(Device, ConcurrentChangesAreNotLost) {
     std::vector<std::thread> writers;
     for (unsigned writer = 0; writer < 4; ++writer) {
         writers.emplace_back([this, writer] {
@@ -431,7 +432,7 @@ TEST_F(DeviceBackend, ConcurrentChangesAreNotLost) {
     EXPECT_EQ(shown(), expected + "end\n");
 }
 
-TEST_F(DeviceBackend, AKilledWriterLeavesWholeFiles) {
+TEST_F(Device, AKilledWriterLeavesWholeFiles) {
     std::string versions[2];
     for (unsigned v = 0; v < 2; ++v) {
         versions[v] = "hostname v" + std::to_string(v) + "\n";
@@ -503,7 +504,7 @@ TEST_F(DeviceBackend, AKilledWriterLeavesWholeFiles) {
     EXPECT_FALSE(std::filesystem::exists(state() / "system.cfg.new"));
 }
 
-TEST_F(DeviceBackend, AFullDiskChangesNothing) {
+TEST_F(Device, AFullDiskChangesNothing) {
     REQUIRE_SUPERUSER("mounts a small disk");
     // In a mount namespace of its own, so that the disk vanishes with the process.
     EXPECT_EQ(
@@ -533,17 +534,17 @@ TEST_F(DeviceBackend, AFullDiskChangesNothing) {
         0);
 }
 
-TEST_F(DeviceBackend, TheSettingChoosesTheBackend) {
-    EXPECT_EQ(ulmo::make_device_backend()->show(ConfigurationStore::running), factory);
+TEST_F(Device, TheSettingChoosesTheBackend) {
+    EXPECT_EQ(ulmo::make_device()->show(ConfigurationStore::running), factory);
     file("platform.conf", "device_backend = embedded\n");
-    EXPECT_EQ(ulmo::make_device_backend()->show(ConfigurationStore::running), factory);
+    EXPECT_EQ(ulmo::make_device()->show(ConfigurationStore::running), factory);
     file("platform.conf", "device_backend = remote\n");
-    EXPECT_EQ(failure([] { ulmo::make_device_backend(); }),
+    EXPECT_EQ(failure([] { ulmo::make_device(); }),
               (directory_ / "platform.conf").string() +
                   " line 1: device_backend = remote: must be embedded; copies and saves fail");
 }
 
-TEST_F(DeviceBackend, AConfigurationFileIsARegularFileOfBoundedSize) {
+TEST_F(Device, AConfigurationFileIsARegularFileOfBoundedSize) {
     const auto refused = [](const std::filesystem::path &path) {
         try {
             ulmo::read_configuration_file(path);

@@ -1,0 +1,271 @@
+#include "platform/host/device/device.h"
+
+#include "base/folders.h"
+#include "base/posix.h"
+#include "base/reason.h"
+#include "base/replaced_file.h"
+#include "base/settings.h"
+#include "base/state_file.h"
+#include "base/text.h"
+#include "platform/host/device/backend.h"
+#include "platform/host/device/configuration_text.h"
+#include "platform/system_manager.h"
+
+#include <fcntl.h>
+#include <sys/sendfile.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <optional>
+#include <set>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+namespace ulmo {
+namespace {
+
+struct Kind {
+    std::string_view name; // in the setting `device_backend`
+    std::unique_ptr<DeviceBackend> (*make)(const std::filesystem::path &directory);
+};
+
+constexpr Kind kinds[] = {
+    {"embedded", make_embedded_backend},
+};
+
+constexpr const char *no_startup = "there is no startup configuration";
+
+constexpr std::string_view output = "the output";
+
+// A unique name of each file, whichever links lead to its directory. The last component is not
+// resolved: if it is a link, the link itself is replaced.
+std::filesystem::path resolved(const std::filesystem::path &path) {
+    return std::filesystem::weakly_canonical(path.parent_path()) / path.filename();
+}
+
+// Copies the rest of the file, in the kernel where possible; sendfile(2) does not support an output
+// opened with O_APPEND.
+void copy_output(const UniqueFd &file, int descriptor) {
+    constexpr std::size_t most = 0x7ffff000; // sendfile(2)
+    ssize_t count = 0;
+    while ((count = ::sendfile(descriptor, file.get(), nullptr, most)) > 0) {
+    }
+    if (count < 0 && errno != EINVAL) {
+        throw_errno("cannot write", output);
+    }
+    write_whole(descriptor, read_whole(file.get(), "the configuration"), output);
+}
+
+// Whether a line says something: it is not blank and no comment.
+bool has_statement(std::string_view text) {
+    while (!text.empty()) {
+        const std::string_view line = trimmed(text.substr(0, text.find('\n')));
+        if (!line.empty() && line.front() != '!' && line.front() != '#') {
+            return true;
+        }
+        text.remove_prefix(std::min(text.find('\n'), text.size() - 1) + 1);
+    }
+    return false;
+}
+
+// What follows replace_line, if the text begins with it. The line itself stays as a blank one, so
+// that the lines keep their numbers.
+std::optional<std::string_view> replacement(std::string_view text) {
+    const std::size_t end = std::min(text.find('\n'), text.size());
+    const std::string_view first = text.substr(0, end);
+    if (!first.starts_with(replace_line) || !trimmed(first.substr(replace_line.size())).empty()) {
+        return std::nullopt;
+    }
+    text.remove_prefix(end);
+    if (!has_statement(text)) {
+        throw ConfigurationError(ConfigurationError::Kind::bad_file,
+                                 "nothing follows '" + std::string(replace_line) + "'");
+    }
+    return text;
+}
+
+} // namespace
+
+std::optional<std::string> DeviceBackend::show_startup() {
+    return read_state_file(startup_file(), configuration_text_limit);
+}
+
+Device::Device(std::unique_ptr<DeviceBackend> backend, std::filesystem::path directory,
+               std::chrono::milliseconds lock_wait)
+    : backend_(std::move(backend)), directory_(std::move(directory)), lock_wait_(lock_wait) {}
+
+Device::~Device() = default;
+
+FileLock Device::locked(FileLock::Mode mode) const {
+    return {directory_ / "configuration.lock", mode, lock_wait_};
+}
+
+FileLock Device::started() {
+    FileLock lock = locked(FileLock::Mode::exclusive);
+    if (!backend_->is_started()) {
+        backend_->start();
+    }
+    return lock;
+}
+
+// Needs a lock, and a started device.
+std::string Device::running() {
+    std::string text = backend_->show_running();
+    if (text.empty()) {
+        throw std::runtime_error("the device shows an empty running configuration");
+    }
+    return text;
+}
+
+std::string Device::show(ConfigurationStore which) {
+    {
+        const auto lock = locked(FileLock::Mode::shared);
+        if (which == ConfigurationStore::startup) {
+            if (auto text = backend_->show_startup()) {
+                return *std::move(text);
+            }
+            throw std::runtime_error(no_startup);
+        }
+        if (backend_->is_started()) {
+            return running();
+        }
+    }
+    const auto lock = started();
+    return running();
+}
+
+void Device::print(ConfigurationStore which, int descriptor) {
+    const std::filesystem::path name = backend_->startup_file();
+    if (which == ConfigurationStore::running || name.empty()) {
+        write_whole(descriptor, show(which), output);
+        return;
+    }
+    UniqueFd file;
+    {
+        const auto lock = locked(FileLock::Mode::shared);
+        file = open_state_file(name, configuration_text_limit);
+    }
+    if (!file) {
+        throw std::runtime_error(no_startup);
+    }
+    // the open file keeps its content even if its name is replaced
+    copy_output(file, descriptor);
+}
+
+void Device::apply(std::string_view text) {
+    const auto whole = replacement(text);
+    const auto lock = started();
+    if (backend_->is_atomic()) {
+        change(whole.value_or(text), whole.has_value());
+        return;
+    }
+    backend_->check(whole.value_or(text));
+    const std::string former = running();
+    try {
+        change(whole.value_or(text), whole.has_value());
+        backend_->verify(whole.value_or(text));
+    } catch (const std::exception &error) {
+        restore(former, reason_of(error));
+        throw;
+    }
+}
+
+void Device::change(std::string_view text, bool is_whole) {
+    if (is_whole) {
+        backend_->replace(text);
+    } else {
+        backend_->apply(text);
+    }
+}
+
+// After a change that failed for this reason.
+void Device::restore(const std::string &former, const std::string &reason) {
+    try {
+        if (running() != former) {
+            backend_->replace(former);
+        }
+        if (running() != former) {
+            throw std::runtime_error("it differs");
+        }
+    } catch (const std::exception &error) {
+        throw std::runtime_error(
+            reason + "; the configuration before it could not be restored: " + reason_of(error));
+    }
+}
+
+std::string Device::read(const std::filesystem::path &file) {
+    if (file != directory_ / WARDEN_STARTUP_FILE) {
+        return read_configuration_file(file);
+    }
+    const auto lock = locked(FileLock::Mode::shared);
+    try {
+        if (auto text = backend_->show_startup()) {
+            return *std::move(text);
+        }
+    } catch (const std::system_error &error) {
+        throw ConfigurationError(ConfigurationError::Kind::bad_file, error.what());
+    }
+    throw ConfigurationError(ConfigurationError::Kind::bad_file, no_startup);
+}
+
+void Device::save(const std::vector<std::filesystem::path> &copies,
+                  const std::function<void()> &before_commit) {
+    const auto lock = started();
+    std::set<std::filesystem::path> paths; // a file may be named twice
+    for (const std::filesystem::path &copy : copies) {
+        paths.insert(resolved(directory_ / copy));
+    }
+    paths.erase(resolved(backend_->startup_file()));
+    std::vector<ReplacedFile> files;
+    if (!paths.empty()) {
+        const std::string text = running();
+        files.reserve(paths.size());
+        for (const std::filesystem::path &path : paths) {
+            files.emplace_back(path, text);
+        }
+    }
+    backend_->save([&] {
+        if (before_commit) {
+            before_commit();
+        }
+        for (ReplacedFile &file : files) {
+            file.commit();
+        }
+    });
+}
+
+void Device::start() {
+    const auto lock = locked(FileLock::Mode::exclusive);
+    backend_->start();
+}
+
+void Device::store_startup(std::string_view text) {
+    const auto lock = locked(FileLock::Mode::exclusive);
+    backend_->store_startup(text);
+}
+
+std::unique_ptr<Device> make_device() {
+    const std::string chosen = text_setting("device_backend");
+    for (const Kind &kind : kinds) {
+        if (kind.name == chosen) {
+            return std::make_unique<Device>(kind.make(state_dir()), state_dir());
+        }
+    }
+    throw std::logic_error("no backend " + chosen); // the settings allow only those in the table
+}
+
+std::string read_configuration_file(const std::filesystem::path &path) {
+    try {
+        // O_NONBLOCK: opening a FIFO must not block before we see what it is.
+        constexpr int flags = O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+        const UniqueFd file(check(::open(path.c_str(), flags), "cannot open", path.native()));
+        regular_file_status(file.get(), path.native(), configuration_text_limit);
+        return read_whole(file.get(), path.native(), configuration_text_limit);
+    } catch (const std::system_error &error) {
+        throw ConfigurationError(ConfigurationError::Kind::bad_file, error.what());
+    }
+}
+
+} // namespace ulmo

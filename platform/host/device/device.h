@@ -1,0 +1,96 @@
+// Room: the device: its two configurations, their language, the shell that applies them.
+// Used by: transfer, system_manager, programs.
+// May use: base, history, platform.
+//
+// The device behind the CLI shell and the system manager: it stores and changes its configurations.
+#pragma once
+
+#include "base/state_file.h"
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace ulmo {
+
+class DeviceBackend;
+
+enum class ConfigurationStore { running, startup };
+
+// The first line of a text that replaces the running configuration, instead of being merged into
+// it.
+inline constexpr std::string_view replace_line = "configuration replace";
+
+inline constexpr std::chrono::milliseconds device_lock_wait{10'000};
+
+// Every operation is atomic, for other processes and across a crash. An operation that throws has
+// changed nothing, with one exception: save() to several files commits the startup configuration
+// last, so earlier files may already have the new content. A ConfigurationError
+// (configuration_text.h) means that the given text was refused; any other exception is a failure of
+// the device. The first use starts a device that has no running configuration.
+class Device {
+  public:
+    // `directory` holds the lock, and the files of a relative name. An operation waits at most
+    // `lock_wait` for others.
+    Device(std::unique_ptr<DeviceBackend> backend, std::filesystem::path directory,
+           std::chrono::milliseconds lock_wait = device_lock_wait);
+    ~Device();
+
+    // The configuration as text: the running configuration in canonical form, the startup
+    // configuration as it was stored. Throws std::runtime_error if there is no startup
+    // configuration.
+    std::string show(ConfigurationStore which);
+
+    // Writes the result of show() to a descriptor. Throws as show() does, and std::system_error if
+    // the write fails.
+    void print(ConfigurationStore which, int descriptor);
+
+    // Checks the whole text, then executes its statements on the running configuration in order.
+    // If its first line is replace_line, the rest becomes the running configuration instead.
+    void apply(std::string_view text);
+
+    // Reads a text to apply(). The name system.cfg in the directory stands for the startup
+    // configuration, wherever the device keeps it; any other name is read_configuration_file()'s.
+    // Throws ConfigurationError (bad_file) if there is none.
+    std::string read(const std::filesystem::path &file);
+
+    // Copies the running configuration to the startup configuration and to the files `copies`.
+    // `before_commit`, if given, is called when all files have been written to the disk and before
+    // any of them takes its name; if it throws, nothing changes.
+    void save(const std::vector<std::filesystem::path> &copies,
+              const std::function<void()> &before_commit);
+    void save() { save({}, {}); }
+
+    // Starts the device: the startup configuration, or else the factory default, becomes the
+    // running configuration. Nothing happens to a device that starts by itself.
+    void start();
+
+    // Checks `text` and stores it as the startup configuration, octet for octet.
+    void store_startup(std::string_view text);
+
+  private:
+    [[nodiscard]] FileLock locked(FileLock::Mode mode) const;
+    [[nodiscard]] FileLock started(); // the exclusive lock of a started device
+    std::string running();
+    void change(std::string_view text, bool is_whole);
+    void restore(const std::string &former, const std::string &reason);
+
+    std::unique_ptr<DeviceBackend> backend_;
+    std::filesystem::path directory_;
+    std::chrono::milliseconds lock_wait_;
+};
+
+// The device that the setting `device_backend` names, with state_dir() as its directory. Throws
+// what text_setting() and state_dir() throw.
+std::unique_ptr<Device> make_device();
+
+// Reads a configuration file that an operator or a transfer supplies: a regular file; symbolic
+// links are followed. Throws ConfigurationError (bad_file) if it does not exist, can't be read or
+// exceeds the limit of a configuration.
+std::string read_configuration_file(const std::filesystem::path &path);
+
+} // namespace ulmo
