@@ -269,7 +269,7 @@ class Attack:
         said = AGENT_LOG.stat().st_size
         os.kill(agent, HEAP_SIGNAL)
         (heap,) = ct.wait_for(
-            lambda: re.findall(r"heap (\d+)\n", AGENT_LOG.read_text(errors="replace")[said:]),
+            lambda: re.findall(rb"heap (\d+)\n", AGENT_LOG.read_bytes()[said:]),
             what="the size of the heap")
         heap = int(heap)
         if self.heap is None:

@@ -7,6 +7,7 @@ from copy_table import (
     BAD_FILE_NAME, FABRIC_STARTUP, NOTIFY, SERVER4, STATE, STATE_RUNNING, TIME_COMPLETED,
     TIME_STARTED, TRUE, Request, completions, download, lab_ctl, upload, wait_for,
 )
+from protocols import settings
 from saves import SYSTEM_MANAGER_FAILED, damaged_running_configuration, error_rows, save
 
 
@@ -47,16 +48,14 @@ def test_rows_age_out_but_not_before_their_time(operator, later):
     wait_for(lambda: not fresh.exists(), what="the fresh row's end")
 
 
-def test_running_copy_stays_until_it_has_ended(operator, later):
-    lab_ctl("break-link")
-    try:
+def test_running_copy_stays_until_it_has_ended(operator, later, broken_link):
+    with settings(transfer_idle_limit=3600):
         request = Request(operator).create(*upload(SERVER4, "long.cfg")).activate()
         later(420)
         for _ in range(20):
             assert request.get(STATE) == STATE_RUNNING
-    finally:
-        lab_ctl("mend-link")
-    wait_for(lambda: request.get(STATE) != STATE_RUNNING, 45, "the end of the copy")
+        broken_link()
+        wait_for(lambda: request.get(STATE) != STATE_RUNNING, 45, "the end of the copy")
     later(900)
     wait_for(lambda: not request.exists(), what="the row's end")
 
