@@ -15,8 +15,6 @@
 namespace ulmo {
 namespace {
 
-constexpr int first_other = 3;
-
 // Gives the calling process these standard streams. False with errno set.
 bool take_streams(const std::array<int, 3> &streams) {
     // Copies above the standard streams: a given one may itself be a stream that is replaced
@@ -24,12 +22,12 @@ bool take_streams(const std::array<int, 3> &streams) {
     std::array<int, 3> copies{};
     for (std::size_t stream = 0; stream < streams.size(); ++stream) {
         const int given = streams[stream];
-        copies[stream] = given < 0 ? -1 : ::fcntl(given, F_DUPFD_CLOEXEC, first_other);
+        copies[stream] = given < 0 ? -1 : ::fcntl(given, F_DUPFD_CLOEXEC, first_other_descriptor);
         if (given >= 0 && copies[stream] < 0) {
             return false;
         }
     }
-    for (int stream = 0; stream < first_other; ++stream) {
+    for (int stream = 0; stream < first_other_descriptor; ++stream) {
         const int copy = copies[static_cast<std::size_t>(stream)];
         if (copy >= 0) {
             if (::dup2(copy, stream) < 0) {
@@ -42,12 +40,13 @@ bool take_streams(const std::array<int, 3> &streams) {
         }
     }
     // The descriptor that tells of a failure stays open until the program runs.
-    return ::close_range(first_other, ~0U, CLOSE_RANGE_CLOEXEC) == 0;
+    return ::close_range(first_other_descriptor, ~0U, CLOSE_RANGE_CLOEXEC) == 0;
 }
 
-// What posix_spawn(3) does, and the program dies with the process that runs it.
-[[noreturn]] void become(const std::array<int, 3> &streams, char *const *argv, pid_t parent,
-                         int failure) {
+} // namespace
+
+void become(const std::array<int, 3> &streams, char *const *argv, char *const *environment,
+            pid_t parent, int failure) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (::getppid() == parent) { // otherwise it has died before
         for (int number = 1; number < NSIG; ++number) {
@@ -57,15 +56,13 @@ bool take_streams(const std::array<int, 3> &streams) {
         ::sigemptyset(&none);
         ::sigprocmask(SIG_SETMASK, &none, nullptr);
         if (take_streams(streams)) {
-            ::execv(argv[0], argv);
+            ::execve(argv[0], argv, environment);
         }
         const int error = errno;
         [[maybe_unused]] const ssize_t told = ::write(failure, &error, sizeof error);
     }
     ::_exit(EXIT_FAILURE);
 }
-
-} // namespace
 
 int run_and_wait(const std::array<int, 3> &streams, std::vector<char *> &argv) {
     std::array<int, 2> ends{};
@@ -79,10 +76,10 @@ int run_and_wait(const std::array<int, 3> &streams, std::vector<char *> &argv) {
     }
     if (pid == 0) {
         // The pipe may lie where a standard stream is closed, which it is not to become.
-        const int failure = ::fcntl(writing.get(), F_DUPFD_CLOEXEC, first_other);
+        const int failure = ::fcntl(writing.get(), F_DUPFD_CLOEXEC, first_other_descriptor);
         reading.reset();
         writing.reset();
-        become(streams, argv.data(), parent, failure);
+        become(streams, argv.data(), environ, parent, failure);
     }
     writing.reset();
     int error = 0;

@@ -1,0 +1,51 @@
+// Running a program that may hang, flood or crash, for as long as its caller allows.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace ulmo {
+
+struct ProgramCall {
+    // The absolute path of the program (no shell, no search in PATH), then its arguments.
+    std::vector<std::string> words;
+    // What it reads on standard input, which is a file.
+    std::string_view input;
+    std::chrono::milliseconds time_limit;
+    // The most octets on standard output.
+    std::size_t output_limit;
+    // NAME=VALUE, in addition to PATH and LC_ALL=C; it inherits no variable.
+    std::vector<std::string> environment = {};
+};
+
+struct ProgramEnd {
+    enum class Limit { none, time, output };
+
+    Limit limit = Limit::none; // which limit ended it
+    int exit_status = -1;      // -1 if a signal ended it
+    int signal = 0;
+    std::string output; // octet for octet what it printed, up to the limit
+    // The first line of its standard error that is not blank: printable, at most 200 octets.
+    std::string complaint;
+
+    [[nodiscard]] bool is_success() const { return limit == Limit::none && exit_status == 0; }
+};
+
+// Runs a program and waits for its end. It starts in the root folder, with the umask 077, without a
+// terminal, with no descriptor but the standard streams, and with every signal at its default.
+//
+// Nothing that it has started goes on when it has ended, except daemons that have a session of
+// their own. At a limit, and when the calling process or thread ends in whatever way, the program
+// and everything it has started are killed, daemons included. What the caller has no right to
+// signal, such as a program of another user, is not killed.
+//
+// Throws std::system_error if the program can't be run.
+ProgramEnd run_program(const ProgramCall &call);
+
+// Why the program has failed, in words, without its name: its complaint, or else how it ended.
+std::string failure_of(const ProgramCall &call, const ProgramEnd &end);
+
+} // namespace ulmo
