@@ -47,12 +47,7 @@ def fault(*traits):
 
 
 def send(number, pids):
-    hit = 0
-    for pid in pids:
-        with contextlib.suppress(ProcessLookupError):
-            os.kill(pid, number)
-            hit += 1
-    if not hit:
+    if not invariants.signal_all(number, pids):
         raise Missed
 
 

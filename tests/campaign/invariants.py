@@ -1,5 +1,6 @@
 """What holds whatever happens to a switch. Each function raises AssertionError when it does not."""
 
+import contextlib
 import os
 import re
 import signal
@@ -29,9 +30,24 @@ def pid_of(daemon, number=1):
 
 
 def killed(daemon, number=1):
-    """Kills it now, not only when lab-ctl has begun to run."""
-    os.kill(pid_of(daemon, number), signal.SIGSTOP)
+    """Kills it now, not only when lab-ctl has begun to run. A system manager's save is a child that
+    dies with it or cleans up: it does so from this moment. What an agent leaves behind goes on."""
+    pids = [pid_of(daemon, number)]
+    if daemon == "system-manager":
+        pids = family(pids[0])
+    signal_all(signal.SIGSTOP, pids)
     ct.lab_ctl(f"kill-{daemon}", number)
+    signal_all(signal.SIGCONT, pids[1:])
+
+
+def signal_all(number, pids):
+    """Returns how many there were."""
+    sent = 0
+    for pid in pids:
+        with contextlib.suppress(ProcessLookupError):
+            os.kill(pid, number)
+            sent += 1
+    return sent
 
 
 def descendants(pid):
