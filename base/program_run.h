@@ -25,13 +25,13 @@ struct ProgramEnd {
     enum class Limit { none, time, output };
 
     Limit limit = Limit::none; // which limit ended it
-    int exit_status = -1;      // -1 if a signal ended it
+    int exit_status = -1;      // -1 if a limit or a signal ended it
     int signal = 0;
     std::string output; // octet for octet what it printed, up to the limit
     // The first line of its standard error that is not blank: printable, at most 200 octets.
     std::string complaint;
 
-    [[nodiscard]] bool is_success() const { return limit == Limit::none && exit_status == 0; }
+    [[nodiscard]] bool is_success() const { return exit_status == 0; }
 };
 
 // Runs a program and waits for its end. It starts in the root folder, with the umask 077, without a

@@ -44,6 +44,22 @@ bool is_one_of(std::string_view word, std::string_view words) {
     return false;
 }
 
+std::vector<std::string> words_of(std::string_view text) {
+    constexpr std::string_view blanks = " \t";
+    std::vector<std::string> words;
+    while (!(text = trimmed(text)).empty()) {
+        words.emplace_back(text.substr(0, text.find_first_of(blanks)));
+        text.remove_prefix(words.back().size());
+    }
+    return words;
+}
+
+bool is_program(const std::string &path) {
+    struct stat status {};
+    return path.starts_with('/') && ::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
+           ::faccessat(AT_FDCWD, path.c_str(), X_OK, AT_EACCESS) == 0;
+}
+
 // The value in the form that the getters return; empty if it is not valid.
 std::optional<std::string> accepted(const Setting &setting, std::string_view text) {
     std::string value(text);
@@ -77,6 +93,9 @@ std::optional<std::string> accepted(const Setting &setting, std::string_view tex
         is_good = wwn && *wwn != Wwn{}; // reserved: no switch's name
         break;
     }
+    case SettingKind::program:
+        is_good = is_program(words_of(text).at(0)); // an empty value is the default
+        break;
     case SettingKind::text:
         break;
     }
@@ -91,13 +110,14 @@ std::string what_it_must_be(const Setting &setting) {
     case SettingKind::yes_no:
         return "must be yes or no";
     case SettingKind::choice:
-        return (setting.words.find(',') == std::string_view::npos ? "must be "
-                                                                  : "must be one of ") +
-               std::string(setting.words);
+        return "must be one of " + std::string(setting.words);
     case SettingKind::list:
         return "must be " + range + " octets long";
     case SettingKind::wwn:
         return "must be a world-wide name, such as 20:00:00:00:00:00:00:01";
+    case SettingKind::program:
+        return "must begin with the absolute path of a program that exists and that this user may "
+               "run";
     case SettingKind::text:
         break;
     }
@@ -124,6 +144,7 @@ struct Contents {
     std::string unreadable; // the reason, if the file can't be read
     std::array<State, std::size(all_settings)> states;
     std::vector<std::string> problems;
+    bool lacks_program = false; // which may come without a change of the file
 };
 
 // The status of the file; empty if it does not exist. Throws std::runtime_error.
@@ -183,6 +204,7 @@ void take(Contents &contents, const Setting &setting, std::string_view text,
         }
         return;
     }
+    contents.lacks_program = contents.lacks_program || setting.kind == SettingKind::program;
     std::string problem = place + ": " + std::string(setting.name) + " = " +
                           (setting.is_secret ? "..." : shown(text)) + ": " +
                           what_it_must_be(setting) + "; ";
@@ -303,7 +325,8 @@ std::shared_ptr<const Contents> current() {
         const std::lock_guard lock(known.mutex);
         if (!known.contents || !known.was_settled || !is_current(*known.contents, path)) {
             auto fresh = std::make_shared<const Contents>(read_contents(path));
-            known.was_settled = fresh->stamp == Stamp{} || is_settled(fresh->stamp);
+            known.was_settled =
+                fresh->stamp == Stamp{} || (is_settled(fresh->stamp) && !fresh->lacks_program);
             known.contents = std::move(fresh);
             if (known.contents->stamp != known.reported_stamp ||
                 known.contents->problems != known.reported) {
@@ -356,6 +379,10 @@ std::string text_setting(TextSetting name) {
 
 bool yes_no_setting(YesNoSetting name) {
     return only_value(*name) == "yes";
+}
+
+std::vector<std::string> program_setting(ProgramSetting name) {
+    return words_of(only_value(*name));
 }
 
 std::vector<std::string> list_setting(ListSetting name) {

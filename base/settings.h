@@ -14,7 +14,8 @@
 
 namespace ulmo {
 
-enum class SettingKind { number, yes_no, choice, text, list, wwn };
+// A program is an absolute path with arguments, separated by blanks.
+enum class SettingKind { number, yes_no, choice, text, list, wwn, program };
 
 struct Setting {
     std::string_view name;
@@ -55,7 +56,16 @@ inline constexpr Setting rows[] = {
     {"management_interface", text, "", at_once},
     // The length of a vacmContextName (RFC 3415).
     {"vrf_context", list, "", on_load, nothing, 1, 32},
-    {"device_backend", choice, "embedded", at_once, both, 0, 0, "embedded"},
+    {"device_backend", choice, "embedded", at_once, both, 0, 0, "embedded, command"},
+    {"device_time_limit", number, "60", at_once, both, 1, 86400},
+    {"command_show_running", program, "", at_once, both},
+    {"command_show_startup", program, "", at_once, both},
+    {"command_check", program, "", at_once, both},
+    {"command_apply", program, "", at_once, both},
+    {"command_replace", program, "", at_once, both},
+    {"command_verify", program, "", at_once, both},
+    {"command_save", program, "", at_once, both},
+    {"command_store_startup", program, "", at_once, both},
     {"startup_copy", list, "backup.cfg", at_once},
     {"fabric_member", list, "", at_once, fabric, 0, 0, {}, true},
     {"fabric_user", text, "", at_once, fabric},
@@ -102,6 +112,7 @@ template <SettingKind... kinds> class SettingName {
 
 using NumberSetting = SettingName<SettingKind::number>;
 using TextSetting = SettingName<SettingKind::text, SettingKind::choice, SettingKind::wwn>;
+using ProgramSetting = SettingName<SettingKind::program>;
 using YesNoSetting = SettingName<SettingKind::yes_no>;
 using ListSetting = SettingName<SettingKind::list>;
 
@@ -118,6 +129,7 @@ class SettingsError : public std::runtime_error {
 std::optional<long> number_setting(NumberSetting name);
 std::string text_setting(TextSetting name);
 bool yes_no_setting(YesNoSetting name);
+std::vector<std::string> program_setting(ProgramSetting name); // its words
 std::vector<std::string> list_setting(ListSetting name);
 
 // The same for a setting of any kind: its value (`yes` or `no` for yes_no), or all values of a

@@ -24,6 +24,8 @@ bool is_allowed(const Setting &setting, const std::string &value) {
         return setting.most == 0 || (octets >= setting.least && octets <= setting.most);
     case SettingKind::wwn:
         return octets == 8 * 3 - 1;
+    case SettingKind::program:
+        return value.empty() || value.front() == '/';
     case SettingKind::text:
         break;
     }

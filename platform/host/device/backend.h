@@ -1,7 +1,8 @@
 // What a kind of device does by itself. Device (device.h) makes whole operations of it.
 //
 // To add a kind: a class in a source of its own, a line in the table of device.cpp, its word in the
-// setting `device_backend`, and a fixture for the tests that every kind passes.
+// setting `device_backend`, and a fixture for the tests that every kind passes. docs/devices.md
+// says more.
 #pragma once
 
 #include "platform/host/device/configuration_text.h"
@@ -63,5 +64,9 @@ class DeviceBackend {
 // `directory`, mode 0600. The factory default has only a host name. An invalid startup
 // configuration is an error at the start, rather than overwritten by a later save.
 std::unique_ptr<DeviceBackend> make_embedded_backend(const std::filesystem::path &directory);
+
+// A device that the programs of the settings `command_...` show and change. A program that needs
+// its text in a file finds it in `directory`. Throws SettingsError.
+std::unique_ptr<DeviceBackend> make_command_backend(const std::filesystem::path &directory);
 
 } // namespace ulmo

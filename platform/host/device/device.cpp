@@ -33,6 +33,7 @@ struct Kind {
 
 constexpr Kind kinds[] = {
     {"embedded", make_embedded_backend},
+    {"command", make_command_backend},
 };
 
 constexpr const char *no_startup = "there is no startup configuration";

@@ -21,7 +21,8 @@
 
 namespace {
 
-constexpr const char *kind_names[] = {"number", "yes_no", "choice", "text", "list", "wwn"};
+constexpr const char *kind_names[] = {"number", "yes_no", "choice", "text",
+                                      "list",   "wwn",    "program"};
 
 std::string row_of(const ulmo::Setting &setting) {
     std::string row(setting.name);

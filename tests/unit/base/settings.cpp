@@ -112,6 +112,47 @@ TEST_F(HostSettings, AMissingFileMeansDefaultsForAll) {
     EXPECT_EQ(reported, Texts{});
 }
 
+TEST_F(HostSettings, AProgramMustBeThere) {
+    const auto refused = [&](const std::string &text) {
+        return refusal([&] {
+            scratch.configure("command_apply = " + text + "\n");
+            ulmo::program_setting("command_apply");
+        });
+    };
+    const auto expected = [&](const std::string &text) {
+        return line(1) + "command_apply = " + text +
+               ": must begin with the absolute path of a program that exists and that this user "
+               "may run; copies and saves fail";
+    };
+    const std::string folder = scratch.root();
+    Scratch::write(scratch.root() / "x", "");
+    for (const std::string &text : {std::string("true"), std::string("./true x"), folder,
+                                    folder + "/absent -v", folder + "/x"}) {
+        // its text may be cut
+        EXPECT_EQ(refused(text).substr(0, 60), expected(text).substr(0, 60));
+        EXPECT_TRUE(refused(text).ends_with(expected("").substr(line(1).size() + 16))) << text;
+    }
+    EXPECT_EQ(ulmo::settings_problems().size(), 1U);
+
+    EXPECT_EQ(refused("  /bin/sh\t-c  {} "), "accepted");
+    EXPECT_EQ(ulmo::program_setting("command_apply"), (Texts{"/bin/sh", "-c", "{}"}));
+    EXPECT_EQ(refused(""), "accepted");
+    EXPECT_EQ(ulmo::program_setting("command_apply"), Texts{});
+    EXPECT_EQ(ulmo::program_setting("command_save"), Texts{});
+}
+
+TEST_F(HostSettings, AProgramMayComeLater) {
+    scratch.configure("command_apply = " + (scratch.root() / "x").string() + "\n");
+    const auto written = std::filesystem::last_write_time(file());
+    while (std::filesystem::file_time_type::clock::now() - written < std::chrono::seconds(1)) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10)); // until it counts as settled
+    }
+    EXPECT_NE(refusal([] { ulmo::program_setting("command_apply"); }), "accepted");
+    Scratch::write(scratch.root() / "x", "");
+    ASSERT_EQ(::chmod((scratch.root() / "x").c_str(), 0700), 0);
+    EXPECT_EQ(refusal([] { ulmo::program_setting("command_apply"); }), "accepted");
+}
+
 TEST_F(HostSettings, ValuesAreTakenFromTheirLines) {
     scratch.configure("# history = off\n\n  history\t=  all "
                       "\r\nmsgbus_answer_limit=007\nagent_debug_file = /a b=c\nchassis_type =\n"
@@ -200,7 +241,8 @@ TEST_F(HostSettings, ABadValueThatGuardsSomethingIsRefused) {
     EXPECT_EQ(refusal([&] { value("chassis_type", "1O"); }),
               line(1) + "chassis_type = 1O: must be a number from 0 to 2147483647; copies fail");
     EXPECT_EQ(refusal([&] { value("device_backend", "remote"); }),
-              line(1) + "device_backend = remote: must be embedded; copies and saves fail");
+              line(1) + "device_backend = remote: must be one of " +
+                  std::string(setting("device_backend").words) + "; copies and saves fail");
     EXPECT_EQ(refusal([&] { value("wwn", "00:00:00:00:00:00:00:00"); }),
               line(1) + "wwn = 00:00:00:00:00:00:00:00: must be a world-wide name, such as "
                         "20:00:00:00:00:00:00:01; saves in the fabric fail");

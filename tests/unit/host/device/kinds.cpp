@@ -1,6 +1,9 @@
 #include "tests/unit/host/device/kinds.h"
 
 #include "platform/host/device/backend.h"
+#include "tests/unit/child.h"
+
+#include <algorithm>
 
 namespace {
 
@@ -16,8 +19,34 @@ const DeviceKind embedded{
     "unknown statement 'frobnicate'",
 };
 
+// docs/examples/tiny-switch.sh
+const DeviceKind command{
+    "command",
+    [](const std::filesystem::path &directory) {
+        const std::filesystem::path root = directory.parent_path(); // of the Scratch
+        const std::string program = root / "tiny-switch";
+        std::filesystem::create_symlink(host_test::program("tiny-switch.sh"), program);
+        const std::filesystem::path files = root / "tiny";
+        std::filesystem::create_directory(files);
+        std::string settings;
+        for (const std::string task : {"show_running", "show_startup", "check", "apply", "replace",
+                                       "save", "store_startup"}) {
+            std::string action = task;
+            std::replace(action.begin(), action.end(), '_', '-');
+            settings +=
+                "command_" + task + " = " + program + " " + files.string() + " " + action + "\n";
+        }
+        Scratch::write(root / "platform.conf", settings);
+        return std::make_unique<ulmo::Device>(ulmo::make_command_backend(directory), directory);
+    },
+    "vlan 10\n",
+    "vlan 11\n",
+    "frobnicate 1\n",
+    "unknown statement 'frobnicate'",
+};
+
 } // namespace
 
 std::vector<const DeviceKind *> device_kinds() {
-    return {&embedded};
+    return {&embedded, &command};
 }
