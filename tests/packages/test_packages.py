@@ -285,6 +285,38 @@ def test_system_manager_may_do_little(switch):
     switch.run("systemd-analyze", "security", "--no-pager", "--threshold=20", "wardend.service")
 
 
+def test_device_of_programs(switch):
+    """docs/porting.md, with what it says that the unit of the system manager must allow."""
+    text = (REPOSITORY / "docs/porting.md").read_text()
+    (block,) = re.findall(r"^```\n(device_backend = command\n.*?)^```$", text, re.M | re.S)
+    (allowed,) = re.findall(r"`(ReadWritePaths=/var/lib/tiny-switch)`", text)
+    shutil.copy(REPOSITORY / "docs/examples/tiny-switch.sh", switch.root / "usr/local/sbin")
+    switch.shell("install -d -o Debian-snmp -m 700 /var/lib/tiny-switch")
+    settings = switch.root / "etc/ulmo/platform.conf"
+    before = settings.read_text()
+    settings.write_text(before + block)
+    (switch.served / "tiny.cfg").write_text("configuration replace\nhostname small\nvlan 3\n")
+    config_copy(switch, f"tftp://{SERVER}/tiny.cfg running")
+    assert cmdshell(switch, "show running-config") == "hostname small\nvlan 3\n"
+
+    ended = config_copy(switch, "running startup", check=False)
+    assert ended.returncode == 1
+    assert "Read-only file system" in cmdshell(switch, "show last-save")
+    drop_in = "/run/systemd/system/wardend.service.d"
+    switch.shell(
+        f"mkdir -p {drop_in} && printf '[Service]\n{allowed}\n' > {drop_in}/device.conf && "
+        "systemctl daemon-reload && systemctl restart wardend"
+    )
+    config_copy(switch, "running startup")
+    assert cmdshell(switch, "show startup-config") == "hostname small\nvlan 3\n"
+    assert owner(switch, "/var/lib/tiny-switch/startup") == "Debian-snmp"
+
+    settings.write_text(before)
+    switch.shell(f"rm -r {drop_in} /var/lib/tiny-switch /usr/local/sbin/tiny-switch.sh && "
+                 "systemctl daemon-reload && systemctl restart wardend")
+    config_copy(switch, "running startup")
+
+
 def test_mib_module(switch):
     names = switch.shell(
         "snmptranslate -M /usr/share/snmp/mibs:/usr/share/config-copy-mib/mibs -m CONFIG-COPY-MIB "
