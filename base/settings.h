@@ -46,6 +46,7 @@ inline constexpr std::string_view on_load = "when the agent loads the module";
 inline constexpr std::string_view nothing = {};
 inline constexpr std::string_view copies = "copies fail";
 inline constexpr std::string_view both = "copies and saves fail";
+inline constexpr std::string_view changes = "changes of the running configuration fail";
 inline constexpr std::string_view by_ssh = "copies by SFTP and SCP fail";
 inline constexpr std::string_view fabric = "saves in the fabric fail";
 
@@ -66,6 +67,8 @@ inline constexpr Setting rows[] = {
     {"command_verify", program, "", at_once, both},
     {"command_save", program, "", at_once, both},
     {"command_store_startup", program, "", at_once, both},
+    // Without it, a change that was to be undone would stay.
+    {"confirm_limit", number, "0", at_once, changes, 0, 86400},
     {"startup_copy", list, "backup.cfg", at_once},
     {"fabric_member", list, "", at_once, fabric, 0, 0, {}, true},
     {"fabric_user", text, "", at_once, fabric},

@@ -60,6 +60,23 @@ FileLock::FileLock(const std::filesystem::path &path, Mode mode, std::chrono::mi
     lock_octet(file_, path, turnstile, F_UNLCK, deadline);
 }
 
+bool is_locked(const std::filesystem::path &path) {
+    const UniqueFd file(::open(path.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));
+    if (!file) {
+        if (errno == ENOENT) {
+            return false;
+        }
+        throw_errno("cannot open", path.native());
+    }
+    struct flock request {};
+    request.l_type = F_RDLCK;
+    request.l_whence = SEEK_SET;
+    request.l_start = protected_files;
+    request.l_len = 1;
+    check(::fcntl(file.get(), F_OFD_GETLK, &request), "cannot look at the lock", path.native());
+    return request.l_type != F_UNLCK;
+}
+
 UniqueFd open_state_file(const std::filesystem::path &path, std::size_t limit) {
     UniqueFd file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (file) {

@@ -25,6 +25,10 @@ class FileLock {
     UniqueFd file_;
 };
 
+// Whether a FileLock in exclusive mode on that file is held now; no file is not locked. Throws
+// std::system_error.
+bool is_locked(const std::filesystem::path &path);
+
 // Opens a regular file of at most `limit` octets for reading, without following a link. Empty if
 // there is no such file. Throws as read_state_file().
 UniqueFd open_state_file(const std::filesystem::path &path, std::size_t limit);

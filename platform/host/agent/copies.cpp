@@ -20,7 +20,6 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -47,13 +46,6 @@ constexpr std::string_view begun_key = "begun ";
 
 std::chrono::milliseconds since(Clock::time_point began) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - began);
-}
-
-// Keeps the line and sends it to the system's log. A failure of either does not affect the copy.
-void tell(const std::string &line) {
-    // Only the priority is set: the name in that log is the one that the agent has set.
-    ::syslog(LOG_AUTHPRIV | LOG_NOTICE, "config-copy: %s", line.c_str());
-    log_failure("agent: the line of a copy can't be kept", [&] { keep_copy_line(line); });
 }
 
 void forget_report(const std::filesystem::path &report) {
@@ -266,7 +258,7 @@ void CopyWatch::end_copy(const Copy &copy, CopyEnd end) {
     if (!rows_.number(CC_COLUMN_STATE, copy.request.index) && end.reason.empty()) {
         end.reason = request_removed;
     }
-    tell(line_of(copy.request) + ' ' + line_of(end));
+    tell_line(line_of(copy.request) + ' ' + line_of(end));
     if (!copy.report.empty()) {
         forget_report(copy.report);
     }
@@ -355,8 +347,8 @@ void CopyWatch::close_unfinished() noexcept {
             CopyEnd end = end_of(read_copy_report(path));
             end.reason = "the agent ended before the copy did";
             if (text.starts_with(begun_key)) {
-                tell(text.substr(begun_key.size(), text.find('\n') - begun_key.size()) + ' ' +
-                     line_of(end));
+                tell_line(text.substr(begun_key.size(), text.find('\n') - begun_key.size()) + ' ' +
+                          line_of(end));
             }
             forget_report(path);
         }
@@ -370,7 +362,7 @@ void CopyWatch::end_save(CopyEnd end) {
     save_.reset();
     end.duration = since(save.began);
     end.reason = end.reason.substr(0, longest_reason);
-    tell(line_of(save.request) + ' ' + line_of(end));
+    tell_line(line_of(save.request) + ' ' + line_of(end));
 }
 
 void CopyWatch::save_sent() {

@@ -51,6 +51,9 @@ class DeviceBackend {
     // one or the new one. Calls `before_commit` once, when all that can fail has been done as far
     // as possible; if it throws, nothing changes.
     virtual void save(const std::function<void()> &before_commit) = 0;
+    // Whether the startup configuration is the running configuration. By default, whether both
+    // texts are the same.
+    virtual bool is_saved();
     // Checks the text and makes it the startup configuration, octet for octet.
     virtual void store_startup(std::string_view text) = 0;
 

@@ -9,6 +9,8 @@
 #include "base/text.h"
 #include "platform/host/device/backend.h"
 #include "platform/host/device/configuration_text.h"
+#include "platform/host/history/copy_record.h"
+#include "platform/host/history/log.h"
 #include "platform/system_manager.h"
 
 #include <fcntl.h>
@@ -87,20 +89,31 @@ std::optional<std::string_view> replacement(std::string_view text) {
     return text;
 }
 
+// The device has done what it was told, and still does not run what it should.
+class Differs : public std::runtime_error {
+  public:
+    Differs() : std::runtime_error("it differs") {}
+};
+
 } // namespace
 
 std::optional<std::string> DeviceBackend::show_startup() {
     return read_state_file(startup_file(), configuration_text_limit);
 }
 
+bool DeviceBackend::is_saved() {
+    return show_startup() == show_running();
+}
+
 Device::Device(std::unique_ptr<DeviceBackend> backend, std::filesystem::path directory,
-               std::chrono::milliseconds lock_wait)
-    : backend_(std::move(backend)), directory_(std::move(directory)), lock_wait_(lock_wait) {}
+               std::chrono::milliseconds lock_wait, Confirmation confirmation)
+    : backend_(std::move(backend)), directory_(std::move(directory)), lock_wait_(lock_wait),
+      confirmation_(std::move(confirmation)), way_back_(directory_) {}
 
 Device::~Device() = default;
 
 FileLock Device::locked(FileLock::Mode mode) const {
-    return {directory_ / "configuration.lock", mode, lock_wait_};
+    return {device_lock(directory_), mode, lock_wait_};
 }
 
 FileLock Device::started() {
@@ -108,7 +121,23 @@ FileLock Device::started() {
     if (!backend_->is_started()) {
         backend_->start();
     }
+    finish();
     return lock;
+}
+
+// Undoes a change that did not end. As the lock is free, the process that made it has died, or
+// could not undo it itself.
+void Device::finish() {
+    if (!way_back_.has_begun()) {
+        return;
+    }
+    if (const auto former = way_back_.unfinished()) {
+        put_back(*former, "a change of the running configuration did not end");
+        if (const auto change = way_back_.waiting(); change && change->former == *former) {
+            way_back_.confirm(); // nothing is left to undo
+        }
+    }
+    way_back_.end();
 }
 
 // Needs a lock, and a started device.
@@ -129,7 +158,7 @@ std::string Device::show(ConfigurationStore which) {
             }
             throw std::runtime_error(no_startup);
         }
-        if (backend_->is_started()) {
+        if (backend_->is_started() && !way_back_.has_begun()) {
             return running();
         }
     }
@@ -157,20 +186,40 @@ void Device::print(ConfigurationStore which, int descriptor) {
 
 void Device::apply(std::string_view text) {
     const auto whole = replacement(text);
+    const std::string_view statements = whole.value_or(text);
+    auto limit = confirmation_.limit();
     const auto lock = started();
-    if (backend_->is_atomic()) {
-        change(whole.value_or(text), whole.has_value());
+    const auto earlier = waiting();
+    if (limit.count() == 0 && earlier) {
+        limit = earlier->limit; // the setting has changed since
+    }
+    if (limit.count() == 0 && backend_->is_atomic()) {
+        change(statements, whole.has_value());
         return;
     }
-    backend_->check(whole.value_or(text));
+    if (limit.count() != 0 && !is_locked(way_back_keeper(directory_))) {
+        throw std::runtime_error("confirm_limit is set, and the system manager, which would undo "
+                                 "the change, is not running");
+    }
+    if (!backend_->is_atomic()) {
+        backend_->check(statements);
+    }
     const std::string former = running();
+    way_back_.begin(former);
     try {
-        change(whole.value_or(text), whole.has_value());
-        backend_->verify(whole.value_or(text));
+        change(statements, whole.has_value());
+        if (!backend_->is_atomic()) {
+            backend_->verify(statements);
+        }
+        if (limit.count() != 0) {
+            wait(earlier ? earlier->former : former, limit);
+        }
     } catch (const std::exception &error) {
-        restore(former, reason_of(error));
+        undo(former, reason_of(error));
+        way_back_.end();
         throw;
     }
+    way_back_.end();
 }
 
 void Device::change(std::string_view text, bool is_whole) {
@@ -181,19 +230,85 @@ void Device::change(std::string_view text, bool is_whole) {
     }
 }
 
-// After a change that failed for this reason.
-void Device::restore(const std::string &former, const std::string &reason) {
+void Device::replace_exactly(const std::string &former) {
+    if (backend_->show_running() != former) { // which may be empty half-way
+        backend_->replace(former);
+    }
+    if (running() != former) {
+        throw Differs();
+    }
+}
+
+// After a change that failed for this reason. If it throws, finish() tries again.
+void Device::undo(const std::string &former, const std::string &reason) {
     try {
-        if (running() != former) {
-            backend_->replace(former);
-        }
-        if (running() != former) {
-            throw std::runtime_error("it differs");
-        }
+        replace_exactly(former);
     } catch (const std::exception &error) {
         throw std::runtime_error(
             reason + "; the configuration before it could not be restored: " + reason_of(error));
     }
+}
+
+// Makes the former configuration the running one, and records it. Throws if the device does not
+// work, so that it makes sense to try again later.
+void Device::put_back(const std::string &former, const std::string &why) {
+    WayBackRecord record{std::time(nullptr), why, {}};
+    try {
+        replace_exactly(former);
+        log_error("the former configuration is in force again: %s", why.c_str());
+    } catch (const ConfigurationError &error) {
+        record.failure = error.what();
+    } catch (const Differs &error) {
+        record.failure = error.what();
+    } catch (const std::exception &error) {
+        throw std::runtime_error("the former configuration is not in force again yet (" + why +
+                                 "): " + reason_of(error));
+    }
+    if (!record.failure.empty()) {
+        log_error("the former configuration can't be brought back, and the running one stays as "
+                  "it is: %s: %s",
+                  why.c_str(), record.failure.c_str());
+    }
+    tell_line(line_of(record));
+}
+
+// The change that waits for a save, unless another program has saved it meanwhile.
+std::optional<WaitingChange> Device::waiting() {
+    auto change = way_back_.waiting();
+    if (!change) {
+        return change;
+    }
+    std::string mark = startup_mark();
+    if (mark == change->startup_mark) {
+        return change;
+    }
+    if (backend_->is_saved()) {
+        way_back_.confirm();
+        log_notice("the change of %s is confirmed: the startup configuration is the running one",
+                   time_text(change->made).c_str());
+        return std::nullopt;
+    }
+    change->startup_mark = std::move(mark);
+    way_back_.wait(*change);
+    return change;
+}
+
+void Device::wait(const std::string &former, std::chrono::seconds limit) {
+    if (running() == former) {
+        way_back_.confirm(); // nothing to undo
+        return;
+    }
+    way_back_.wait({former, std::time(nullptr), limit, confirmation_.clock() + limit,
+                    backend_->startup_file(), startup_mark()});
+}
+
+std::string Device::startup_mark() {
+    const std::filesystem::path file = backend_->startup_file();
+    if (!file.empty()) {
+        return mark_of(file);
+    }
+    const auto text = backend_->show_startup();
+    return text ? std::to_string(std::hash<std::string>()(*text)) : "";
 }
 
 std::string Device::read(const std::filesystem::path &file) {
@@ -235,11 +350,35 @@ void Device::save(const std::vector<std::filesystem::path> &copies,
             file.commit();
         }
     });
+    // If this fails, waiting() finds that the change was saved.
+    log_failure("a saved change still waits for a save", [this] { way_back_.confirm(); });
 }
 
 void Device::start() {
     const auto lock = locked(FileLock::Mode::exclusive);
     backend_->start();
+    way_back_.end();
+    way_back_.confirm();
+}
+
+void Device::look_back() {
+    const auto lock = started();
+    const auto change = waiting();
+    if (change && confirmation_.clock() >= change->deadline) {
+        put_back(change->former, "the change of " + time_text(change->made) +
+                                     " was not saved within " +
+                                     std::to_string(change->limit.count()) + " s");
+        way_back_.confirm();
+    }
+}
+
+std::optional<PendingChange> Device::pending() {
+    const auto lock = started();
+    const auto change = waiting();
+    if (!change) {
+        return std::nullopt;
+    }
+    return PendingChange{change->made, change->limit, change->deadline - confirmation_.clock()};
 }
 
 void Device::store_startup(std::string_view text) {
@@ -251,7 +390,12 @@ std::unique_ptr<Device> make_device() {
     const std::string chosen = text_setting("device_backend");
     for (const Kind &kind : kinds) {
         if (kind.name == chosen) {
-            return std::make_unique<Device>(kind.make(state_dir()), state_dir());
+            Confirmation confirmation;
+            confirmation.limit = [] {
+                return std::chrono::seconds(number_setting("confirm_limit").value_or(0));
+            };
+            return std::make_unique<Device>(kind.make(state_dir()), state_dir(), device_lock_wait,
+                                            std::move(confirmation));
         }
     }
     throw std::logic_error("no backend " + chosen); // the settings allow only those in the table

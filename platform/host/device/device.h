@@ -5,12 +5,16 @@
 // The device behind the CLI shell and the system manager: it stores and changes its configurations.
 #pragma once
 
+#include "base/boot.h"
 #include "base/state_file.h"
+#include "platform/host/device/way_back.h"
 
 #include <chrono>
+#include <ctime>
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -27,6 +31,20 @@ inline constexpr std::string_view replace_line = "configuration replace";
 
 inline constexpr std::chrono::milliseconds device_lock_wait{10'000};
 
+// Under which conditions a change of the running configuration stays.
+struct Confirmation {
+    // How long a change waits for a save; 0: it need not be saved.
+    std::function<std::chrono::seconds()> limit = [] { return std::chrono::seconds{0}; };
+    std::function<std::chrono::milliseconds()> clock = time_since_boot;
+};
+
+// A change that waits for a save.
+struct PendingChange {
+    std::time_t made;
+    std::chrono::seconds limit;
+    std::chrono::milliseconds left; // 0 or less: the configuration before it comes back now
+};
+
 // Every operation is atomic, for other processes and across a crash. An operation that throws has
 // changed nothing, with one exception: save() to several files commits the startup configuration
 // last, so earlier files may already have the new content. A ConfigurationError
@@ -37,7 +55,7 @@ class Device {
     // `directory` holds the lock, and the files of a relative name. An operation waits at most
     // `lock_wait` for others.
     Device(std::unique_ptr<DeviceBackend> backend, std::filesystem::path directory,
-           std::chrono::milliseconds lock_wait = device_lock_wait);
+           std::chrono::milliseconds lock_wait = device_lock_wait, Confirmation confirmation = {});
     ~Device();
 
     // The configuration as text: the running configuration in canonical form, the startup
@@ -51,6 +69,10 @@ class Device {
 
     // Checks the whole text, then executes its statements on the running configuration in order.
     // If its first line is replace_line, the rest becomes the running configuration instead.
+    // With a limit for the confirmation, the configuration before it comes back after that time
+    // unless save() is called: look_back() does it. So the change is refused unless a process holds
+    // way_back_keeper(), to show that it calls look_back(). If another change waits already, the
+    // configuration before that one is kept, and the time begins again.
     void apply(std::string_view text);
 
     // Reads a text to apply(). The name system.cfg in the directory stands for the startup
@@ -58,7 +80,8 @@ class Device {
     // Throws ConfigurationError (bad_file) if there is none.
     std::string read(const std::filesystem::path &file);
 
-    // Copies the running configuration to the startup configuration and to the files `copies`.
+    // Copies the running configuration to the startup configuration and to the files `copies`,
+    // which confirms a change that waits.
     // `before_commit`, if given, is called when all files have been written to the disk and before
     // any of them takes its name; if it throws, nothing changes.
     void save(const std::vector<std::filesystem::path> &copies,
@@ -66,8 +89,16 @@ class Device {
     void save() { save({}, {}); }
 
     // Starts the device: the startup configuration, or else the factory default, becomes the
-    // running configuration. Nothing happens to a device that starts by itself.
+    // running configuration. Nothing happens to a device that starts by itself. No change waits
+    // afterwards.
     void start();
+
+    // Undoes a change whose process has died, as all functions above do; and a change that has
+    // waited for too long. Call it when time_to_way_back() says so.
+    void look_back();
+
+    // The change that waits for a save, if there is one.
+    std::optional<PendingChange> pending();
 
     // Checks `text` and stores it as the startup configuration, octet for octet.
     void store_startup(std::string_view text);
@@ -77,11 +108,19 @@ class Device {
     [[nodiscard]] FileLock started(); // the exclusive lock of a started device
     std::string running();
     void change(std::string_view text, bool is_whole);
-    void restore(const std::string &former, const std::string &reason);
+    void undo(const std::string &former, const std::string &reason);
+    void replace_exactly(const std::string &former);
+    void put_back(const std::string &former, const std::string &why);
+    void finish();
+    std::optional<WaitingChange> waiting();
+    void wait(const std::string &former, std::chrono::seconds limit);
+    std::string startup_mark();
 
     std::unique_ptr<DeviceBackend> backend_;
     std::filesystem::path directory_;
     std::chrono::milliseconds lock_wait_;
+    Confirmation confirmation_;
+    WayBack way_back_;
 };
 
 // The device that the setting `device_backend` names, with state_dir() as its directory. Throws

@@ -2,6 +2,9 @@
 
 #include "base/folders.h"
 #include "base/state_file.h"
+#include "platform/host/history/log.h"
+
+#include <syslog.h>
 
 #include <algorithm>
 #include <array>
@@ -61,13 +64,6 @@ std::string word_if_any(std::string_view key, std::string_view value) {
     return value.empty() ? "" : word(key, value);
 }
 
-std::string time_text(std::time_t when) {
-    std::array<char, sizeof "2026-01-01T00:00:00Z"> text{};
-    std::tm utc{};
-    ::gmtime_r(&when, &utc);
-    return {text.data(), std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &utc)};
-}
-
 std::string seconds_text(std::chrono::milliseconds duration) {
     std::array<char, 32> text{};
     const double seconds = std::chrono::duration<double>(duration).count();
@@ -114,6 +110,21 @@ std::string url_of(std::string_view protocol, std::string_view user, std::string
     return url + '/' + percent_encoded(file, "/");
 }
 
+std::string time_text(std::time_t when) {
+    std::array<char, sizeof "2026-01-01T00:00:00Z"> text{};
+    std::tm utc{};
+    ::gmtime_r(&when, &utc);
+    return {text.data(), std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &utc)};
+}
+
+std::string line_of(const WayBackRecord &record) {
+    CopyEnd end;
+    end.outcome = record.failure.empty() ? CopyEnd::Outcome::successful : CopyEnd::Outcome::failed;
+    end.reason = record.failure.empty() ? record.why : record.why + ": " + record.failure;
+    return time_text(record.began) + word("from", "former") + word("to", "running") + ' ' +
+           line_of(end);
+}
+
 std::string line_of(const CopyRequest &request) {
     return time_text(request.began) + word("request", std::to_string(request.index)) +
            word("started", std::to_string(request.started)) + word("user", request.user) +
@@ -135,6 +146,10 @@ std::string line_of(const CopyEnd &end) {
 }
 
 void keep_copy_line(std::string_view line) {
+    // The agent waits for nobody: the system manager, which keeps a line, too, holds this only
+    // while it writes.
+    constexpr std::chrono::milliseconds patience{100};
+    const FileLock lock(run_dir() / "last-copies.lock", FileLock::Mode::exclusive, patience);
     std::string lines = std::string(line) + '\n' + kept_copy_lines();
     std::size_t end = 0;
     for (std::size_t count = 0; count < copies_kept && end < lines.size(); ++count) {
@@ -142,6 +157,12 @@ void keep_copy_line(std::string_view line) {
     }
     lines.resize(end);
     replace_volatile_file(kept_file(), lines);
+}
+
+void tell_line(const std::string &line) noexcept {
+    // Only the priority is set: the name in that log is the one that the process has set.
+    ::syslog(LOG_AUTHPRIV | LOG_NOTICE, "config-copy: %s", line.c_str());
+    log_failure("the line of a copy can't be kept", [&] { keep_copy_line(line); });
 }
 
 std::string kept_copy_lines() {

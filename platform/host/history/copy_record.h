@@ -39,6 +39,14 @@ struct CopyEnd {
     std::optional<std::chrono::milliseconds> duration;
 };
 
+// A change of the running configuration that was undone, or could not be.
+struct WayBackRecord {
+    std::time_t began = 0;
+    std::string why;     // the change was to be undone
+    std::string failure; // empty if it was undone
+};
+
+std::string line_of(const WayBackRecord &record);
 std::string line_of(const CopyRequest &request);
 std::string line_of(const CopyEnd &end); // appended to the request's line, after a blank
 
@@ -46,9 +54,15 @@ std::string line_of(const CopyEnd &end); // appended to the request's line, afte
 std::string url_of(std::string_view protocol, std::string_view user, std::string_view address,
                    std::string_view file);
 
+// The time in UTC as the lines have it, such as 2026-01-01T00:00:00Z.
+std::string time_text(std::time_t when);
+
 // Prepends the line to those kept in the run directory and drops the oldest. Throws
 // std::system_error.
 void keep_copy_line(std::string_view line);
+
+// Keeps the line and sends it to the system's log. A failure is logged and affects nothing else.
+void tell_line(const std::string &line) noexcept;
 
 // The kept lines, newest first, each with its newline; empty if there are none. Throws
 // std::system_error.

@@ -21,6 +21,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -96,6 +97,24 @@ void show_copies() {
     print(lines);
 }
 
+void show_pending() {
+    const auto change = ulmo::make_device()->pending();
+    if (!change) {
+        print("no change waits to be saved\n");
+        return;
+    }
+    const std::string made = "the change of " + ulmo::time_text(change->made);
+    const std::string limit = std::to_string(change->limit.count()) + " s";
+    const auto left = std::chrono::ceil<std::chrono::seconds>(change->left).count();
+    if (left <= 0) {
+        print(made + " was not saved within " + limit +
+              ": the configuration before it comes back now\n");
+        return;
+    }
+    print(made + " must be saved within " + limit + ", of which " + std::to_string(left) +
+          " s are left: otherwise the configuration before it comes back\n");
+}
+
 void copy_startup_to_running() {
     const auto device = ulmo::make_device();
     device->apply(device->show(ulmo::ConfigurationStore::startup));
@@ -143,6 +162,7 @@ constexpr Command commands[] = {
     {"show startup-config", show_startup, "print the startup configuration"},
     {"show last-save", show_last_save, "print the outcome of the last save"},
     {"show copies", show_copies, "print the last copies and saves that managers asked for"},
+    {"show pending", show_pending, "print which change waits to be saved, and how long"},
     {"show settings", show_settings, "print the settings in force, defaults with a '#' in front"},
     {"copy running-config startup-config", copy_running_to_startup,
      "save the running configuration"},

@@ -149,4 +149,13 @@ ActionOutcome perform(const Action &action, int stop) {
     }
 }
 
+ActionOutcome look_back() {
+    try {
+        make_device()->look_back();
+        return {0, {}};
+    } catch (const std::exception &error) {
+        return {warden_err_store, reason_of(error)};
+    }
+}
+
 } // namespace ulmo

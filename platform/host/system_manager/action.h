@@ -30,4 +30,8 @@ struct ActionOutcome {
 // threads and leaves behind those that do not end.
 ActionOutcome perform(const Action &action, int stop);
 
+// Undoes a change of the running configuration that did not end or was not saved in time. Returns
+// the outcome; never throws.
+ActionOutcome look_back();
+
 } // namespace ulmo

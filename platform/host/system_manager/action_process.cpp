@@ -30,7 +30,8 @@ sigset_t only(std::initializer_list<int> signals) {
     return set;
 }
 
-[[noreturn]] void run(const Action &action, int report, pid_t parent) {
+[[noreturn]] void run(const std::function<ActionOutcome(int stop)> &work, int report,
+                      pid_t parent) {
     // The parent may have ended before this call.
     if (::prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || ::getppid() != parent) {
         ::_exit(1);
@@ -50,7 +51,7 @@ sigset_t only(std::initializer_list<int> signals) {
     if (!stopped) {
         ::_exit(1);
     }
-    const ActionOutcome outcome = perform(action, stopped.get());
+    const ActionOutcome outcome = work(stopped.get());
     std::string octets(sizeof outcome.status, '\0');
     std::memcpy(octets.data(), &outcome.status, sizeof outcome.status);
     octets.append(outcome.text, 0, longest_text);
@@ -61,7 +62,7 @@ sigset_t only(std::initializer_list<int> signals) {
 
 } // namespace
 
-ActionProcess::ActionProcess(const Action &action) {
+ActionProcess::ActionProcess(const std::function<ActionOutcome(int stop)> &work) {
     std::array<int, 2> ends{};
     check(::pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK), "pipe");
     report_ = UniqueFd(ends[0]);
@@ -69,7 +70,7 @@ ActionProcess::ActionProcess(const Action &action) {
     const pid_t parent = ::getpid();
     process_ = check(::fork(), "fork");
     if (process_ == 0) {
-        run(action, to_child.get(), parent);
+        run(work, to_child.get(), parent);
     }
 }
 

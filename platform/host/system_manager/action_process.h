@@ -8,6 +8,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <functional>
 #include <optional>
 
 namespace ulmo {
@@ -17,7 +18,11 @@ class ActionProcess {
     // Starts the action. The new process inherits only the standard streams, and ends with this
     // process. Throws std::system_error. SIGTERM and SIGCHLD must be blocked in the caller, which
     // reads them from a descriptor.
-    explicit ActionProcess(const Action &action);
+    explicit ActionProcess(const Action &action)
+        : ActionProcess([&action](int stop) { return perform(action, stop); }) {}
+    // The same for other work, which is given the descriptor that becomes readable when it should
+    // stop.
+    explicit ActionProcess(const std::function<ActionOutcome(int stop)> &work);
     ~ActionProcess(); // kills an action that is still running
     ActionProcess(const ActionProcess &) = delete;
     ActionProcess &operator=(const ActionProcess &) = delete;

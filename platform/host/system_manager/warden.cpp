@@ -1,5 +1,6 @@
 #include "platform/host/system_manager/warden.h"
 
+#include "base/boot.h"
 #include "base/folders.h"
 #include "base/posix.h"
 #include "base/settings.h"
@@ -13,10 +14,10 @@
 #include <poll.h>
 #include <sys/signalfd.h>
 
+#include <algorithm>
 #include <array>
 #include <csignal>
 #include <cstring>
-#include <fstream>
 #include <string>
 #include <utility>
 
@@ -31,12 +32,6 @@ UniqueFd signals_that_are_read() {
     }
     check(::sigprocmask(SIG_BLOCK, &set, nullptr), "signals");
     return UniqueFd(check(::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK), "signals"));
-}
-
-std::string current_boot() {
-    std::string id;
-    std::getline(std::ifstream("/proc/sys/kernel/random/boot_id"), id); // random(4)
-    return id;
 }
 
 std::string text_of(const char (&field)[WARDEN_CFG_ACTION_TEXT_SIZE]) {
@@ -81,7 +76,9 @@ void drop(const Incoming &incoming, const char *why) {
 Warden::Warden() : server_(MSGBUS_SAP_WARDEN), signals_(signals_that_are_read()) {}
 
 void Warden::run() {
-    while (!is_ending_ || current_) {
+    // Before the first request: a change that was to be undone by now must not be saved.
+    look_back();
+    while (!is_ending_ || current_ || way_back_) {
         // Once the daemon is ending, new requests are not served and must not wake it either.
         std::array<pollfd, 2> sources{
             {{signals_.get(), POLLIN, 0}, {is_ending_ ? -1 : server_.fd(), POLLIN, 0}}};
@@ -94,6 +91,7 @@ void Warden::run() {
         }
         // The end of an action is handled before a request that was sent because of it.
         collect();
+        look_back();
         if (!is_ending_) {
             server_.serve([this](Incoming incoming) {
                 try {
@@ -102,8 +100,13 @@ void Warden::run() {
                     log_error("a message could not be handled: %s", error.what());
                 }
             });
-        } else if (current_) {
+            continue;
+        }
+        if (current_) {
             current_->process->give_up();
+        }
+        if (way_back_) {
+            way_back_->give_up(); // the next system manager goes on
         }
     }
 }
@@ -111,8 +114,14 @@ void Warden::run() {
 // The timeout for poll(2), in milliseconds.
 int Warden::time_to_wait() const {
     constexpr int soon = 100;
-    const bool has_deadline = current_ && (current_->is_given_up || is_ending_);
-    return has_deadline ? soon : -1;
+    if (is_ending_ || (current_ && current_->is_given_up)) {
+        return soon;
+    }
+    if (current_ || way_back_) {
+        return -1; // SIGCHLD
+    }
+    const auto time = std::chrono::ceil<std::chrono::milliseconds>(next_look_ - Clock::now());
+    return static_cast<int>(std::max<std::chrono::milliseconds::rep>(time.count(), 0));
 }
 
 void Warden::take(Incoming incoming) {
@@ -150,6 +159,9 @@ void Warden::take_request(Incoming incoming) {
     } else if (next_ || (current_ && !current_->is_given_up)) {
         refusal = warden_err_busy;
         log_error("refused: another action is in progress");
+    } else if (way_back_) {
+        refusal = warden_err_busy;
+        log_error("refused: the former configuration is being brought back");
     }
     if (refusal != 0) {
         answer(incoming, MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION, refusal);
@@ -231,10 +243,58 @@ void Warden::end(const ActionOutcome &outcome) {
     }
 }
 
+void Warden::look_back() {
+    if (way_back_) {
+        way_back_->kill_if_overdue();
+        if (const auto outcome = way_back_->outcome()) {
+            way_back_.reset();
+            if (outcome->status != 0 && !is_ending_) {
+                put_off(outcome->text);
+            } else {
+                failed_looks_ = 0;
+            }
+        }
+        return;
+    }
+    if (current_ || is_ending_ || Clock::now() < next_look_) {
+        return;
+    }
+    constexpr std::chrono::milliseconds pause{500};
+    constexpr std::chrono::milliseconds patience{100}; // with what is left of another one
+    next_look_ = Clock::now() + pause;
+    try {
+        const std::filesystem::path directory = state_dir();
+        if (!keeper_) {
+            keeper_.emplace(way_back_keeper(directory), FileLock::Mode::exclusive, patience);
+        }
+        if (const auto time = time_to_way_back(directory); !time) {
+            failed_looks_ = 0;
+        } else if (time->count() == 0) {
+            // It may take long, so it has a process of its own.
+            way_back_ = std::make_unique<ActionProcess>([](int) { return ulmo::look_back(); });
+        } else {
+            next_look_ = Clock::now() + std::min(pause, *time);
+        }
+    } catch (const std::exception &error) {
+        put_off(error.what());
+    }
+}
+
+// After a look that failed.
+void Warden::put_off(const std::string &reason) {
+    constexpr std::chrono::seconds longest{60};
+    constexpr unsigned most_doublings = 6;
+    const auto pause =
+        std::min(longest, std::chrono::seconds{1U << std::min(failed_looks_++, most_doublings)});
+    next_look_ = Clock::now() + pause;
+    log_error("the way back has failed, next attempt in %lld s: %s",
+              static_cast<long long>(pause.count()), reason.c_str());
+}
+
 void start_switch() {
     const std::filesystem::path mark = run_dir() / "started";
     constexpr std::size_t longest = 4096;
-    const std::string boot = current_boot();
+    const std::string boot = boot_id();
     if (read_state_file(mark, longest) == boot) {
         log_notice("the switch has been started before: the running configuration stays");
         return;

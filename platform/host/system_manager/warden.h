@@ -4,9 +4,13 @@
 //
 // The system manager: takes configuration actions from the message bus, one at a time, and reports
 // the outcome of each to its requester, on the connection of the request. If that connection closes
-// earlier, the requester knows that no outcome will follow.
+// earlier, the requester knows that no outcome will follow. It also has a change of the running
+// configuration undone that did not end, or was not saved in time
+// (platform/host/device/way_back.h); a save that has begun by then is waited for, and none begins
+// meanwhile.
 #pragma once
 
+#include "base/state_file.h"
 #include "base/unique_fd.h"
 #include "platform/host/bus/server.h"
 #include "platform/host/system_manager/action_process.h"
@@ -14,6 +18,7 @@
 #include <chrono>
 #include <memory>
 #include <optional>
+#include <string>
 
 namespace ulmo {
 
@@ -45,6 +50,8 @@ class Warden {
     void begin(Work &work);
     void collect();
     void end(const ActionOutcome &outcome);
+    void look_back();
+    void put_off(const std::string &reason);
     [[nodiscard]] int time_to_wait() const;
 
     MsgbusServer server_;
@@ -52,6 +59,11 @@ class Warden {
     std::optional<Work> current_;
     std::optional<Work> next_; // waits for the end of a current one that was given up
     bool is_ending_ = false;
+
+    std::optional<FileLock> keeper_; // way_back_keeper()
+    std::unique_ptr<ActionProcess> way_back_;
+    Clock::time_point next_look_ = Clock::now();
+    unsigned failed_looks_ = 0; // in a row
 };
 
 // Starts the switch: the startup configuration becomes the running configuration. Does nothing if

@@ -129,6 +129,41 @@ TEST_P(DeviceContract, SavesToOtherFilesAsWell) {
     EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), shown());
 }
 
+TEST_P(DeviceContract, AChangeThatDidNotEndIsUndone) {
+    device_->apply(kind_.one);
+    const std::string before = shown();
+    device_->apply(kind_.two);
+    ulmo::WayBack way_back(scratch_.root() / "state");
+    way_back.begin(before); // as if its process had died
+    EXPECT_EQ(shown(), before);
+    EXPECT_FALSE(way_back.has_begun());
+}
+
+TEST_P(DeviceContract, AChangeThatIsNotSavedInTimeIsUndone) {
+    using namespace std::chrono_literals;
+    device_->apply(kind_.one);
+    const std::string before = shown();
+    device_->apply(kind_.two);
+    const std::string after = shown();
+    ulmo::WayBack way_back(scratch_.root() / "state");
+    const auto wait = [&](std::chrono::milliseconds deadline) {
+        way_back.wait({before, std::time(nullptr), 60s, deadline, {}, {}});
+    };
+    wait(ulmo::time_since_boot() + 60s);
+    device_->look_back();
+    EXPECT_EQ(shown(), after);
+    EXPECT_TRUE(device_->pending());
+    wait(0ms);
+    device_->look_back();
+    EXPECT_EQ(shown(), before);
+    EXPECT_FALSE(device_->pending());
+    device_->apply(kind_.two);
+    wait(0ms);
+    device_->save();
+    device_->look_back();
+    EXPECT_EQ(shown(), after) << "a save confirms it";
+}
+
 std::string name_of(const testing::TestParamInfo<const DeviceKind *> &info) {
     return info.param->name;
 }
