@@ -8,6 +8,7 @@
 #   requests  hostile SNMP requests to an agent with sanitizers
 #   copies    copies in a row by every protocol
 #   faults    something is killed, stopped, full, read-only or cut off during a copy or save
+#   way_back  something is killed while a restore waits for its save, or is undone
 #   fabric    a switch's agent or system manager is killed during a save in the fabric
 #   servers   file servers that lie, babble, drip or say nothing
 #   users     hostile users of the switch's own machine
@@ -52,12 +53,13 @@ declare -A labs=(
     [requests]="--build-dir build/asan"
     [copies]=""
     [faults]="--small-disk 24m --server-disk 24m"
+    [way_back]=""
     [fabric]="--switches 3"
     [servers]="--small-disk 200m"
     [users]=""
     [agents]="--build-dir build/asan"
 )
-((${#campaigns[@]})) || campaigns=(requests copies faults fabric servers users agents)
+((${#campaigns[@]})) || campaigns=(requests copies faults way_back fabric servers users agents)
 builds=()
 for campaign in "${campaigns[@]}"; do
     [[ -v labs[$campaign] ]] || usage

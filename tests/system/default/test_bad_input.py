@@ -149,7 +149,7 @@ def snapshot():
                 found[path] = (status.st_size, status.st_mtime_ns)
     expected = (
         "/tmp/configcopy.txt", "/lab/switch1/run/history.log", "/lab/switch1/run/history.log.1",
-        "/lab/switch1/run/last-copies"
+        "/lab/switch1/run/last-copies", "/lab/switch1/run/last-copies.lock"
     )
     return {
         path: seen for path, seen in found.items()

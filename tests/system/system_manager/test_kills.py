@@ -224,7 +224,10 @@ def test_nothing_is_renamed_before_it_is_on_the_disk(switch, tmp_path):
     switch.startup.write_bytes(configuration(1))
     switch.start()
     switch.save()
-    starting = ["open configuration.lock", *prepared("running.cfg"), *committed("running.cfg")]
+    starting = [
+        "open configuration.lock", *prepared("running.cfg"), *committed("running.cfg"),
+        "open way-back.keeper"
+    ]
     saving = ["open configuration.lock", *prepared("system.cfg"), *committed("system.cfg")]
     assert written(log, switch.state) == starting + saving
 

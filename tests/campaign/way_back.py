@@ -1,0 +1,151 @@
+#!/usr/bin/python3
+"""A restore under confirm_limit, of which something is killed at a random moment.
+
+The running configuration is always the one before or the restored one, whole. In the end it is the
+restored one if that has been saved, and otherwise the one before."""
+
+import contextlib
+import os
+import signal
+import time
+
+from campaign import Campaign  # first: it sets the path
+
+import copy_table as ct
+import invariants
+import protocols
+import saves
+from snmp import FastManager
+
+LIMIT = 1  # second
+NOTHING_WAITS = "no change waits to be saved"
+
+
+def daemon_killed(name):
+    def kill():
+        invariants.killed(name)
+        return lambda: ct.lab_ctl(f"start-{name}")
+
+    return kill
+
+
+def children_killed(name):
+    """The worker of the agent; a save or the way back of the system manager."""
+
+    def kill():
+        for pid in ct.children(invariants.pid_of(name)):
+            with contextlib.suppress(ProcessLookupError):
+                os.kill(pid, signal.SIGKILL)
+                return lambda: None
+        return None
+
+    return kill
+
+
+VICTIMS = {
+    "agent": daemon_killed("agent"),
+    "worker": children_killed("agent"),
+    "system manager": daemon_killed("system-manager"),
+    "save or way back": children_killed("system-manager"),
+}
+# When the interesting moments are, in seconds after the activation.
+MOMENTS = ((0, 0.03), (0, LIMIT), (LIMIT - 0.02, LIMIT + 0.06))
+
+
+class Round:
+    def __init__(self, campaign, manager, chance):
+        self.campaign, self.chance = campaign, chance
+        self.former, self.saved = saves.running(), saves.startup()
+        name = f"hostname host{chance.randrange(10**9)}\n"
+        vlans = "".join(f"vlan {number}\n" for number in range(2, chance.randrange(3, 2000)))
+        ct.serve("new.cfg", f"configuration replace\n{name}{vlans}")
+        self.restored = f"{name}{vlans}end\n".encode()
+        self.restore = ct.Request(manager).create(*ct.download(ct.SERVER4, "new.cfg"))
+        self.save = saves.save(manager, notify=ct.FALSE)
+        self.victim = [*VICTIMS][campaign.round % len(VICTIMS)]
+        self.moment = chance.uniform(*chance.choice(MOMENTS))
+        # Of two rounds, one is saved; at a moment that may come too late.
+        self.save_moment = chance.uniform(0.02, LIMIT + 0.2) if chance.random() < 0.5 else None
+        campaign.doing = f"{self.victim} killed after {self.moment:.3f} s, save {self.save_moment}"
+
+    def whole(self):
+        running, startup = saves.running(), saves.startup()
+        assert running in (self.former, self.restored), (
+            f"running: {len(running)} octets that are neither configuration")
+        assert startup in (self.saved, self.former, self.restored), (
+            f"startup: {len(startup)} octets that are none of the configurations")
+
+    def play(self):
+        """Kills, and saves, when their time has come."""
+        self.restore.activate()
+        began = time.monotonic()
+        todo = [(self.moment, self.kill)]
+        if self.save_moment is not None:
+            todo.append((self.save_moment, self.begin_save))
+        for moment, act in sorted(todo, key=lambda one: one[0]):
+            while time.monotonic() < began + moment:
+                self.whole()
+                time.sleep(min(0.01, max(0, began + moment - time.monotonic())))
+            act()
+
+    def kill(self):
+        starts_again = VICTIMS[self.victim]()
+        kind = f"{self.victim} killed"
+        if starts_again is None:
+            self.campaign.figures["missed"] += 1
+            return
+        self.campaign.figures[kind] += 1
+        self.whole()
+        starts_again()
+
+    def begin_save(self):
+        # Refused while the restore runs or on the way back, not answered by a killed agent.
+        with contextlib.suppress(ct.SnmpError):
+            self.save.activate()
+
+    def comes_to_rest(self):
+        deadline = time.monotonic() + 10
+        state = saves.STATE_DIRECTORY
+        while True:
+            self.whole()
+            waits = [path.name for path in state.glob("way-back.*") if path.suffix != ".keeper"]
+            busy = [pid for name in ("agent", "system-manager")
+                    for pid in ct.children(invariants.pid_of(name))]
+            if not waits and not busy:
+                return
+            assert time.monotonic() < deadline, f"it does not come to rest: {waits} {busy}"
+            time.sleep(0.02)
+
+    def judge(self):
+        self.comes_to_rest()
+        is_saved = saves.startup() == self.restored
+        expected = self.restored if is_saved else self.former
+        assert saves.running() == expected, (
+            "what was saved is gone" if is_saved else "what was not saved is still in force")
+        pending = ct.run("cmdshell", "-c", "show pending").strip()
+        assert pending == NOTHING_WAITS, pending
+        if self.save.get(ct.STATE) == ct.STATE_SUCCESSFUL:
+            assert saves.startup() in (self.former, self.restored)
+        self.campaign.figures["kept" if is_saved else "came back"] += 1
+
+    def forget(self):
+        for request in (self.restore, self.save):
+            if request.exists():
+                request.destroy()
+
+
+def body(campaign):
+    manager = FastManager()
+    before, saved = saves.running(), saves.startup()
+    with protocols.settings(confirm_limit=LIMIT):
+        for chance in campaign.rounds():
+            one = Round(campaign, manager, chance)
+            one.play()
+            one.judge()
+            one.forget()
+    for name, content in (("running.cfg", before), ("system.cfg", saved)):
+        (ct.STATE_DIRECTORY / name).write_bytes(content)
+
+
+campaign = Campaign(__doc__)
+campaign.run(body)
