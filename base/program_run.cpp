@@ -2,6 +2,7 @@
 
 #include "base/posix.h"
 #include "base/process.h"
+#include "base/state_file.h"
 #include "base/text.h"
 #include "base/unique_fd.h"
 
@@ -96,8 +97,21 @@ void kill_children(std::optional<pid_t> session) {
     }
 }
 
+// Closes all descriptors but the standard streams and those given, which are in ascending order.
+void close_all_but(const std::vector<int> &kept) {
+    int first = first_other_descriptor;
+    for (const int file : kept) {
+        if (file > first) {
+            ::close_range(static_cast<unsigned>(first), static_cast<unsigned>(file - 1), 0);
+        }
+        first = std::max(first, file + 1);
+    }
+    ::close_range(static_cast<unsigned>(first), ~0U, 0);
+}
+
 [[noreturn]] void guard(const std::array<int, 3> &streams, char *const *argv,
-                        char *const *environment, pid_t parent, int report) {
+                        char *const *environment, pid_t parent, int report,
+                        const std::vector<int> &kept) {
     ::prctl(PR_SET_PDEATHSIG, SIGTERM);
     ::prctl(PR_SET_CHILD_SUBREAPER, 1);
     std::signal(SIGCHLD, SIG_DFL); // if it were ignored, there would be no status to wait for
@@ -116,8 +130,7 @@ void kill_children(std::optional<pid_t> session) {
         [[maybe_unused]] const ssize_t told = ::write(report, failure.data(), sizeof failure);
         ::_exit(EXIT_FAILURE);
     }
-    ::dup2(report, first_other_descriptor);
-    ::close_range(first_other_descriptor + 1, ~0U, 0);
+    close_all_but(kept);
 
     sigset_t expected;
     ::sigemptyset(&expected);
@@ -138,9 +151,7 @@ void kill_children(std::optional<pid_t> session) {
     WaitStatus status = 0;
     ::waitpid(program, &status, 0);
     kill_children(program);
-    ::_exit(::write(first_other_descriptor, &status, sizeof status) == sizeof status
-                ? EXIT_SUCCESS
-                : EXIT_FAILURE);
+    ::_exit(::write(report, &status, sizeof status) == sizeof status ? EXIT_SUCCESS : EXIT_FAILURE);
 }
 
 // The running guard, as its caller sees it.
@@ -237,6 +248,10 @@ ProgramEnd run_program(const ProgramCall &call) {
         check(::fcntl(report.writing.get(), F_DUPFD_CLOEXEC, first_other_descriptor), "pipe"));
     report.writing.reset();
 
+    std::vector<int> kept = FileLock::held(); // of the guard
+    kept.push_back(told.get());
+    std::sort(kept.begin(), kept.end());
+
     const pid_t self = ::getpid();
     pid_t process = -1;
     {
@@ -244,7 +259,7 @@ ProgramEnd run_program(const ProgramCall &call) {
         process = check(::fork(), "fork");
         if (process == 0) {
             guard({input.get(), output.writing.get(), errors.writing.get()}, argv.data(),
-                  environment.data(), self, told.get());
+                  environment.data(), self, told.get(), kept);
         }
     }
     Guard running(process);

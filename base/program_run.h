@@ -42,6 +42,8 @@ struct ProgramEnd {
 // and everything it has started are killed, daemons included. What the caller has no right to
 // signal, such as a program of another user, is not killed.
 //
+// The caller's FileLocks stay held until then, even if the caller ends earlier.
+//
 // Throws std::system_error if the program can't be run.
 ProgramEnd run_program(const ProgramCall &call);
 

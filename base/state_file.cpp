@@ -9,7 +9,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <mutex>
 #include <thread>
+#include <utility>
 
 namespace ulmo {
 namespace {
@@ -45,6 +47,18 @@ void lock_octet(const UniqueFd &file, const std::filesystem::path &path, off_t o
     }
 }
 
+// The locks, each with the process that has taken it: a forked process does not hold those of its
+// parent, even if it has the descriptor.
+struct Held {
+    std::mutex mutex;
+    std::vector<std::pair<pid_t, int>> locks;
+};
+
+Held &all_held() {
+    static Held held;
+    return held;
+}
+
 } // namespace
 
 FileLock::FileLock(const std::filesystem::path &path, Mode mode, std::chrono::milliseconds wait) {
@@ -58,6 +72,33 @@ FileLock::FileLock(const std::filesystem::path &path, Mode mode, std::chrono::mi
     lock_octet(file_, path, turnstile, F_WRLCK, deadline);
     lock_octet(file_, path, protected_files, mode == Mode::shared ? F_RDLCK : F_WRLCK, deadline);
     lock_octet(file_, path, turnstile, F_UNLCK, deadline);
+    Held &all = all_held();
+    const std::lock_guard guard(all.mutex);
+    all.locks.emplace_back(::getpid(), file_.get());
+}
+
+FileLock::~FileLock() {
+    if (file_) {
+        Held &all = all_held();
+        const std::lock_guard guard(all.mutex);
+        const auto found =
+            std::find(all.locks.begin(), all.locks.end(), std::pair(::getpid(), file_.get()));
+        if (found != all.locks.end()) {
+            all.locks.erase(found);
+        }
+    }
+}
+
+std::vector<int> FileLock::held() {
+    Held &all = all_held();
+    const std::lock_guard guard(all.mutex);
+    std::vector<int> files;
+    for (const auto &[process, file] : all.locks) {
+        if (process == ::getpid()) {
+            files.push_back(file);
+        }
+    }
+    return files;
 }
 
 bool is_locked(const std::filesystem::path &path) {

@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace ulmo {
 
@@ -20,6 +21,13 @@ class FileLock {
   public:
     enum class Mode { shared, exclusive };
     FileLock(const std::filesystem::path &path, Mode mode, std::chrono::milliseconds wait);
+    FileLock(FileLock &&) noexcept = default;
+    FileLock &operator=(FileLock &&) = delete;
+    ~FileLock();
+
+    // The descriptors of this process's locks. A lock is held as long as any process has its
+    // descriptor open.
+    static std::vector<int> held();
 
   private:
     UniqueFd file_;

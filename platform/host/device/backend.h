@@ -42,6 +42,8 @@ class DeviceBackend {
     virtual void check(std::string_view text) = 0;
     // Executes the statements of the text on the running configuration, in order.
     virtual void apply(std::string_view text) = 0;
+    // Whether replace() can work at all. If not, there is no way back from a change.
+    [[nodiscard]] virtual bool can_replace() const { return true; }
     // Makes the text the running configuration: what it does not name is removed.
     virtual void replace(std::string_view text) = 0;
     // Throws if what apply() or replace() was given is not in force now.

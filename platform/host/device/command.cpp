@@ -105,6 +105,8 @@ class CommandBackend final : public DeviceBackend {
 
     void apply(std::string_view text) override { run(apply_task, text); }
 
+    [[nodiscard]] bool can_replace() const override { return is_set(replace_task); }
+
     void replace(std::string_view text) override { run(replace_task, text); }
 
     void verify(std::string_view text) override {

@@ -1,5 +1,6 @@
 #include "platform/host/device/device.h"
 
+#include "base/c_boundary.h"
 #include "base/folders.h"
 #include "base/posix.h"
 #include "base/reason.h"
@@ -201,11 +202,17 @@ void Device::apply(std::string_view text) {
         throw std::runtime_error("confirm_limit is set, and the system manager, which would undo "
                                  "the change, is not running");
     }
+    if (limit.count() != 0 && !backend_->can_replace()) {
+        throw std::runtime_error("confirm_limit is set, and this device can't replace its "
+                                 "configuration, which undoes a change");
+    }
     if (!backend_->is_atomic()) {
         backend_->check(statements);
     }
     const std::string former = running();
-    way_back_.begin(former);
+    if (backend_->can_replace()) {
+        way_back_.begin(former);
+    }
     try {
         change(statements, whole.has_value());
         if (!backend_->is_atomic()) {
@@ -254,6 +261,10 @@ void Device::undo(const std::string &former, const std::string &reason) {
 void Device::put_back(const std::string &former, const std::string &why) {
     WayBackRecord record{std::time(nullptr), why, {}};
     try {
+        if (!backend_->can_replace()) { // since the change
+            throw ConfigurationError(ConfigurationError::Kind::bad_file,
+                                     "this device can't replace its configuration");
+        }
         replace_exactly(former);
         log_error("the former configuration is in force again: %s", why.c_str());
     } catch (const ConfigurationError &error) {
@@ -279,10 +290,13 @@ std::optional<WaitingChange> Device::waiting() {
         return change;
     }
     std::string mark = startup_mark();
-    if (mark == change->startup_mark) {
+    if (mark.empty() || mark == change->startup_mark) {
         return change;
     }
-    if (backend_->is_saved()) {
+    bool is_saved = false;
+    // The way back must not depend on it.
+    log_failure("a change may have been saved", [&] { is_saved = backend_->is_saved(); });
+    if (is_saved) {
         way_back_.confirm();
         log_notice("the change of %s is confirmed: the startup configuration is the running one",
                    time_text(change->made).c_str());
@@ -302,12 +316,14 @@ void Device::wait(const std::string &former, std::chrono::seconds limit) {
                     backend_->startup_file(), startup_mark()});
 }
 
+// Tells two startup configurations apart; empty if there is none, or it can't be read.
 std::string Device::startup_mark() {
     const std::filesystem::path file = backend_->startup_file();
     if (!file.empty()) {
         return mark_of(file);
     }
-    const auto text = backend_->show_startup();
+    std::optional<std::string> text;
+    quietly([&] { text = backend_->show_startup(); }, [](const char *) {});
     return text ? std::to_string(std::hash<std::string>()(*text)) : "";
 }
 

@@ -1,5 +1,6 @@
 // Programs that run under base/program_run.h, most of them lines of shell.
 #include "base/program_run.h"
+#include "base/state_file.h"
 #include "tests/unit/child.h"
 #include "tests/unit/scratch.h"
 
@@ -17,6 +18,7 @@
 #include <string>
 #include <system_error>
 #include <thread>
+#include <utility>
 
 using ulmo::failure_of;
 using ulmo::ProgramCall;
@@ -214,6 +216,53 @@ TEST(ProgramRun, DiesWithItsCaller) {
     ::kill(caller, SIGKILL);
     EXPECT_EQ(host_test::exit_status_of(caller), -1);
     EXPECT_TRUE(soon([&hanging] { return hanging.all_gone(3); })) << Scratch::read(hanging.pids());
+}
+
+// Otherwise the next process that takes the lock would meet a program that is still at work.
+TEST(ProgramRun, LocksOfADeadCallerStayHeldUntilTheProgramIsGone) {
+    Hanging hanging;
+    const std::filesystem::path file = hanging.pids().parent_path() / "lock";
+    ProgramCall call = hanging.call("ls -l /proc/self/fd >&2; echo $PPID $$ >>$PIDS; sleep 60");
+    call.time_limit = plenty;
+    const pid_t caller = host_test::start_child([&] {
+        const ulmo::FileLock lock(file, ulmo::FileLock::Mode::exclusive, plenty);
+        run_program(call);
+        return 0;
+    });
+    ASSERT_TRUE(soon([&] { return Scratch::read(hanging.pids()).ends_with('\n'); }));
+    const pid_t guard = std::stoi(Scratch::read(hanging.pids()));
+    ASSERT_EQ(::kill(guard, SIGSTOP), 0);
+    ::kill(caller, SIGKILL);
+    EXPECT_EQ(host_test::exit_status_of(caller), -1);
+    EXPECT_TRUE(ulmo::is_locked(file));
+    EXPECT_FALSE(hanging.all_gone(2));
+    ASSERT_EQ(::kill(guard, SIGCONT), 0);
+    EXPECT_TRUE(soon([&] { return !ulmo::is_locked(file); }));
+    EXPECT_TRUE(soon([&] { return hanging.all_gone(2); }));
+}
+
+TEST(ProgramRun, LocksThatAreFreedAreNotKept) {
+    Hanging hanging;
+    const std::filesystem::path file = hanging.pids().parent_path() / "lock";
+    const auto taken = [&file] {
+        return ulmo::FileLock(file, ulmo::FileLock::Mode::exclusive, plenty);
+    };
+    EXPECT_FALSE(ulmo::is_locked(file)) << "there is no file";
+    {
+        ulmo::FileLock first = taken();
+        const ulmo::FileLock second = std::move(first);
+        EXPECT_TRUE(ulmo::is_locked(file));
+        EXPECT_EQ(ulmo::FileLock::held().size(), 1U);
+        EXPECT_EQ(host_test::in_child([] { return ulmo::FileLock::held().empty() ? 0 : 1; }), 0)
+            << "a parent's lock";
+        EXPECT_TRUE(run_program(shell("true")).is_success());
+    }
+    EXPECT_FALSE(ulmo::is_locked(file));
+    EXPECT_TRUE(ulmo::FileLock::held().empty());
+    {
+        const ulmo::FileLock reader(file, ulmo::FileLock::Mode::shared, plenty);
+        EXPECT_FALSE(ulmo::is_locked(file));
+    }
 }
 
 TEST(ProgramRun, OutputLimit) {

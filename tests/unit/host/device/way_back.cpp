@@ -36,12 +36,14 @@ class LineByLine final : public ulmo::DeviceBackend {
         }
     }
     void apply(std::string_view text) override { add(text); }
+    [[nodiscard]] bool can_replace() const override { return can_replace_; }
     void replace(std::string_view text) override {
         check(text);
         std::ofstream(running_, std::ios::trunc).flush();
         step_();
         add(text);
     }
+    void cannot_replace() { can_replace_ = false; }
     void save(const std::function<void()> &before_commit) override {
         before_commit();
         ulmo::replace_state_file(startup_, content(running_));
@@ -63,6 +65,7 @@ class LineByLine final : public ulmo::DeviceBackend {
     std::filesystem::path running_;
     std::filesystem::path startup_;
     std::function<void()> step_;
+    bool can_replace_ = true;
 };
 
 class WayBack : public DeviceTest {
@@ -208,6 +211,30 @@ TEST_F(WayBack, WhatTheDeviceRefusesIsNotTriedForEver) {
               "configuration did not end: a bad line\"\n");
 }
 
+// Nothing is kept that could never be put back, and no operation waits for it.
+TEST_F(WayBack, ADeviceThatCannotReplaceHasNoWayBack) {
+    const auto poor = [this](ulmo::Confirmation confirmation = {}) {
+        auto backend = std::make_unique<LineByLine>(state(), [] {});
+        backend->cannot_replace();
+        return std::make_unique<ulmo::Device>(std::move(backend), state(), 1s,
+                                              std::move(confirmation));
+    };
+    poor()->apply("three\n");
+    EXPECT_EQ(runs(), "one\ntwo\nthree\n");
+    keep();
+    EXPECT_EQ(failure([&] { poor(confirmation())->apply("four\n"); }),
+              "confirm_limit is set, and this device can't replace its configuration, which undoes "
+              "a change");
+    EXPECT_EQ(runs(), "one\ntwo\nthree\n");
+    ulmo::WayBack(state()).begin(before); // it could replace when the change was made
+    EXPECT_EQ(poor()->show(ConfigurationStore::running), "one\ntwo\nthree\n");
+    EXPECT_FALSE(has_journal());
+    EXPECT_EQ(last_line(),
+              " from=former to=running outcome=failed reason=\"a change of the running "
+              "configuration did not end: this device can't replace its "
+              "configuration\"\n");
+}
+
 TEST_F(WayBack, AJournalOfAnotherBootIsDropped) {
     for (const std::string journal : {"boot another\n\nbad\n", "bad\n", ""}) {
         file("state/way-back.journal", journal);
@@ -306,6 +333,16 @@ TEST_F(WayBack, ASaveByAnotherProgramConfirms) {
     file("state/lines.startup", runs());
     EXPECT_FALSE(careful()->pending());
     EXPECT_FALSE(waits());
+}
+
+TEST_F(WayBack, AStartupConfigurationThatCannotBeReadDoesNotBarTheWay) {
+    keep();
+    careful()->apply("three\n");
+    std::filesystem::create_directory(state() / "lines.startup");
+    EXPECT_TRUE(careful()->pending());
+    now_ += 60s;
+    careful()->look_back();
+    EXPECT_EQ(runs(), before);
 }
 
 // What was saved before the change says nothing about it.
