@@ -36,6 +36,8 @@ With --switches the switches form one fabric: the settings of each one name all 
 SNMPv3 user with which their system managers reach each other. They differ only by options that
 affect one switch. The state of switch N is in /lab/switchN/disk/state.
 
+With --frr, FRR's configuration is in /etc/frr, and /usr/lib/frr/frrinit.sh stops and starts it.
+
 /tmp, /run, /etc, /var/log, /var/lib/snmp and /dev/shm belong to the lab and vanish with it; all
 other folders are the machine's. To keep a file, write it to the folder where lab.sh was called or
 to the repository.
@@ -124,6 +126,10 @@ def parse(arguments):
         "--vrf", metavar="NAME", type=vrf_name,
         help="only this VRF of the first switch, a network namespace, reaches the file server; "
         "NAME is also an SNMP context")
+    parser.add_argument(
+        "--frr", action="store_true",
+        help="the device of the first switch is FRR: zebra, staticd and bgpd, as Debian's package "
+        "starts them; its agent and system manager run as user Debian-snmp")
     parser.add_argument("--chassis-type", metavar="N", type=int, help="the switches' chassis type")
     parser.add_argument(
         "--small-disk", metavar="SIZE", type=first_switch_size, action="append", dest="small_disks",

@@ -56,9 +56,10 @@ def _assemble(source, target):
             _show(entry, place)
 
 
-def enter(visible, shown):
+def enter(visible, shown, added=()):
     """Enters the new root. The folders `visible` are visible even inside a private folder. `shown`
-    lists the folders that have a second name as well, reachable for every user."""
+    lists the folders that have a second name as well, reachable for every user. The content of the
+    folders `added`, by that name, is shown in /usr together with the machine's."""
     # Built on top of /proc: it is a mount point on every machine and in every chroot, and once it
     # is private nothing mounted there is visible outside. In a chroot whose root is only a folder
     # of a shared mount there is no other such place.
@@ -82,7 +83,10 @@ def enter(visible, shown):
     if (top / "dev/shm").is_dir():
         mount("shm", top / "dev/shm", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777")
     # A chroot may lack terminals, on which the transfer scripts run their clients.
-    if (top / "dev/pts").is_dir() and not (top / "dev/pts/ptmx").exists():
+    # With `added`, another user than root runs them.
+    ptmx = top / "dev/pts/ptmx"
+    if (top / "dev/pts").is_dir() and (
+            not ptmx.exists() or (added and ptmx.stat().st_mode & 0o006 != 0o006)):
         mount("devpts", top / "dev/pts", "devpts", MS_NOSUID | MS_NOEXEC, "mode=620,ptmxmode=666")
     for path in sorted(visible):
         place = top / path.relative_to("/")
@@ -93,6 +97,9 @@ def enter(visible, shown):
         place = top / place.relative_to("/")
         place.mkdir()
         _bind(folder, place)
+    if added:
+        layers = ":".join(str(top / folder.relative_to("/")) for folder in (*added, Path("/usr")))
+        mount("usr", top / "usr", "overlay", data=f"lowerdir={layers}")
     mount("proc", top / "proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC)
     os.chroot(top)
     os.chdir("/")

@@ -11,6 +11,7 @@ import subprocess
 import sys
 from pathlib import Path
 
+import frr
 import network
 import private_root
 from daemons import (
@@ -60,7 +61,8 @@ class Lab:
                                         for name in ("repository", "build_dir", "directory"))
         private_root.enter(
             [repository, build, directory],
-            {UNPACKED: repository / "build" / "lab", BUILD: build, SCRIPTS: repository / "lab"})
+            {UNPACKED: repository / "build" / "lab", BUILD: build, SCRIPTS: repository / "lab"},
+            frr.layers() if self.job["frr"] else ())
         socket.sethostname("lab-switch")
         for path in (LOG, LAB / "bin", LAB / "manager", Path("/ulmo/bin")):
             folder(path)
@@ -76,9 +78,13 @@ class Lab:
         self._join_switches()
         self._start_receiver()
         self._start(*self.server.daemons())
+        if self.job["frr"]:
+            frr.make_accounts()
+            frr.prepare()
+            frr.start()
         for switch in self.switches:
             switch.prepare()
-            if not self.job["no_module"]:
+            if not self.job["no_module"] and not switch.has_frr:
                 switch.seed()
         self._start(*(switch.system_manager for switch in self.switches))
         self._start(*(switch.agent for switch in self.switches))

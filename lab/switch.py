@@ -6,6 +6,7 @@ import socket
 import subprocess
 from pathlib import Path
 
+import frr
 import network
 from daemons import (
     BUILD, COMMUNITY, LAB, SCRIPTS, UNPACKED, Daemon, Failure, folder, output_of,
@@ -45,6 +46,7 @@ class Switch:
         self.work = self.disk / "work"
         self.clock = self.home / "clock"
         self.agent = self.system_manager = None
+        self.has_frr = options["frr"] and number == 1  # the only one in FRR's network
 
     def prepare(self):
         private_folder_of_size(self.disk, dict(self.options["small_disks"]).get(self.number))
@@ -56,8 +58,13 @@ class Switch:
         self._write_agent_settings()
         self.set_clock(self.options["faketime"] or "+0")
         self.agent = self._agent()
+        system_manager = ("/ulmo/bin/wardend",)
+        if self.has_frr:
+            folder(self.home / "agent-persistent", 0o700)
+            frr.give_to_agent(self.home)
+            system_manager = frr.as_agent(*system_manager)
         self.system_manager = Daemon(f"wardend{self.number}",
-                                     network.on_switch(self.number, "/ulmo/bin/wardend"),
+                                     network.on_switch(self.number, *system_manager),
                                      self._system_manager_listens,
                                      environment=environment(self.number), ends_with=(0,))
 
@@ -87,6 +94,8 @@ class Switch:
         ]
         if self.options["chassis_type"] is not None:
             lines.append(f"chassis_type = {self.options['chassis_type']}")
+        if self.has_frr:
+            lines.append("device_backend = frr")
         if self.options["vrf"]:
             lines.append(f"vrf_context = {self.options['vrf']}")
         others = [
@@ -168,7 +177,9 @@ class Switch:
             settings["LD_PRELOAD"] = ":".join(map(str, preloaded))
         command = network.on_switch(self.number, *shlex.split(self.options["agent_under"]),
                                     UNPACKED / "root-snmpd/usr/sbin/snmpd", "-f", "-Le", "-I",
-                                    "-smux,mteTrigger,mteTriggerConf")
+                                    "-smux,mteTrigger,mteTriggerConf",
+                                    *(("-u", frr.AGENT_USER, "-g", frr.AGENT_USER)
+                                      if self.has_frr else ()))
         return Daemon(f"snmpd{self.number}", command, self._agent_answers, cwd=self.work,
                       environment=settings)
 

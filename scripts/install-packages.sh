@@ -1,8 +1,9 @@
 #!/bin/bash
 # install-packages.sh [GROUP…]: installs the packages that packages.txt lists in these groups
 # (default: lab, packaging and tests) and that this machine lacks, and unpacks the daemons of the
-# lab. A group that is another machine's name (i386, arm64, s390x) also gets that machine's
-# libraries, unpacked. Does nothing, and needs no root, if nothing is missing.
+# lab. With the group frr, and for the tests, it also unpacks FRR. A group that is another machine's
+# name (i386, arm64, s390x) also gets that machine's libraries, unpacked. Does nothing, and needs no
+# root, if nothing is missing.
 set -euo pipefail
 umask 022 # the lab's daemons, which are unpacked here, run as users of their own
 
@@ -68,11 +69,15 @@ download() {
     "${fetch[@]}" || { update_lists && "${fetch[@]}"; }
 }
 
+unpacked=(unpack)
+if [[ " ${groups[*]} " =~ \ (frr|tests)\  ]]; then
+    unpacked+=(unpack-frr)
+fi
 mkdir -p "$lab"
 # shellcheck disable=SC2046 # one word a package
-candidates=$(LC_ALL=C apt-cache policy $(listed unpack) |
+candidates=$(LC_ALL=C apt-cache policy $(listed "${unpacked[@]}") |
     awk '/^[^ ]/ { name = $1 } $1 == "Candidate:" && $2 != "(none)" { print name $2 }')
-for package in $(listed unpack); do
+for package in $(listed "${unpacked[@]}"); do
     root=$lab/root-$package
     stamp=$root.version
     version=$(sed -n "s/^$package://p" <<<"$candidates")
@@ -84,6 +89,11 @@ for package in $(listed unpack); do
     echo "install-packages: unpacking $package"
     (cd "$work" && download "$package")
     dpkg -x "$work"/*.deb "$work/root"
+    if [[ -d $work/root/lib ]]; then # since Debian 12, /lib is in /usr everywhere
+        mkdir -p "$work/root/usr/lib"
+        cp -a "$work/root/lib/." "$work/root/usr/lib"
+        rm -r "$work/root/lib"
+    fi
     rm -rf "$root"
     mv "$work/root" "$root"
     dpkg-deb -f "$work"/*.deb Version >"$stamp"
@@ -134,11 +144,16 @@ for group in "${groups[@]}"; do
     fi
 done
 
+frr_libraries=$(printf '%s:' "$lab"/root-{frr,lib*}/usr/lib/*-linux-gnu{,/frr})
 # The list "lab" must include all that an unpacked daemon needs, as nothing resolves its
 # dependencies.
 for program in snmpd/usr/sbin/snmpd snmptrapd/usr/sbin/snmptrapd atftpd/usr/sbin/atftpd \
     tftpd-hpa/usr/sbin/in.tftpd vsftpd/usr/sbin/vsftpd \
-    openssh-server/usr/sbin/sshd; do
+    openssh-server/usr/sbin/sshd frr/usr/lib/frr/bgpd frr/usr/bin/vtysh; do
+    if [[ $program == frr/* ]]; then
+        [[ ${#unpacked[@]} -gt 1 ]] || continue
+        export LD_LIBRARY_PATH=$frr_libraries
+    fi
     if libraries=$(ldd "$lab/root-$program" | grep 'not found'); then
         echo "install-packages: ${program##*/} lacks" "$libraries" >&2
         exit 1

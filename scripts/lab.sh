@@ -5,6 +5,13 @@ set -euo pipefail
 
 scripts=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 if [[ ${1:-help} != help ]]; then
-    "$scripts/install-packages.sh" lab >&2
+    groups=(lab)
+    for option in "$@"; do
+        case $option in
+        --) break ;;
+        --frr) groups+=(frr) ;;
+        esac
+    done
+    "$scripts/install-packages.sh" "${groups[@]}" >&2
 fi
 exec /usr/bin/python3 -B "$(dirname "$scripts")/lab/lab.py" "$@"
