@@ -57,8 +57,11 @@ inline constexpr Setting rows[] = {
     {"management_interface", text, "", at_once},
     // The length of a vacmContextName (RFC 3415).
     {"vrf_context", list, "", on_load, nothing, 1, 32},
-    {"device_backend", choice, "embedded", at_once, both, 0, 0, "embedded, command"},
+    {"device_backend", choice, "embedded", at_once, both, 0, 0, "embedded, frr, command"},
     {"device_time_limit", number, "60", at_once, both, 1, 86400},
+    {"frr_vtysh", program, "/usr/bin/vtysh", at_once, both},
+    {"frr_config", text, "/etc/frr/frr.conf", at_once, both},
+    {"frr_reload", program, "/usr/lib/frr/frr-reload.py", at_once, both},
     {"command_show_running", program, "", at_once, both},
     {"command_show_startup", program, "", at_once, both},
     {"command_check", program, "", at_once, both},

@@ -37,6 +37,12 @@ as_root=()
 "${as_root[@]}" rm -rf "$results" # a lab's logs belong to root
 mkdir -p "$results"
 "$scripts/lab.sh" exec -- true # brings the build up to date
+if [[ " ${folders[*]} " == *" frr "* ]]; then # unit tests that run in its lab
+    top=$(dirname "$scripts")
+    { cmake "$top/build/release" -DCCM_UNIT_TESTS=ON &&
+        cmake --build "$top/build/release" --target host_tests; } >"$results/host_tests.log" 2>&1 ||
+        { cat "$results/host_tests.log"; exit 1; }
+fi
 status=0
 pytest=(env PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 -m pytest -p no:cacheprovider -q
     --durations=5 --strict-markers)

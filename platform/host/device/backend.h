@@ -74,4 +74,8 @@ std::unique_ptr<DeviceBackend> make_embedded_backend(const std::filesystem::path
 // its text in a file finds it in `directory`. Throws SettingsError.
 std::unique_ptr<DeviceBackend> make_command_backend(const std::filesystem::path &directory);
 
+// FRRouting on this machine, as the settings `frr_...` say. Keeps files of its own in `directory`
+// while it works.
+std::unique_ptr<DeviceBackend> make_frr_backend(const std::filesystem::path &directory);
+
 } // namespace ulmo

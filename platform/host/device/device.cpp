@@ -37,6 +37,7 @@ struct Kind {
 constexpr Kind kinds[] = {
     {"embedded", make_embedded_backend},
     {"command", make_command_backend},
+    {"frr", make_frr_backend},
 };
 
 constexpr const char *no_startup = "there is no startup configuration";

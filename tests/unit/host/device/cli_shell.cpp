@@ -85,7 +85,7 @@ TEST_F(CliShell, AFailureOfTheDeviceIsAnErrorOfApplying) {
     EXPECT_EQ(execute("hostname x\n"), 0x40540001U);
     EXPECT_EQ(content(output()),
               (directory_ / "new.cfg").string() + ": " + (directory_ / "platform.conf").string() +
-                  " line 1: device_backend = remote: must be one of embedded, command; copies and saves fail\n");
+                  " line 1: device_backend = remote: must be one of embedded, frr, command; copies and saves fail\n");
     file("platform.conf", "");
     file("state/running.cfg", "damaged\n");
     EXPECT_EQ(execute("hostname x\n"), 0x40540001U);
@@ -272,7 +272,7 @@ TEST_F(CmdshellProgram, SaysWhyACommandFailed) {
     expect_result(
         command("show running-config"), 1, "",
         "cmdshell: show running-config: " + (directory_ / "platform.conf").string() +
-            " line 1: device_backend = remote: must be one of embedded, command; copies and saves fail\n");
+            " line 1: device_backend = remote: must be one of embedded, frr, command; copies and saves fail\n");
 }
 
 TEST_F(CmdshellProgram, ShowsTheSettingsAndWhatIsWrongWithThem) {
@@ -296,7 +296,7 @@ TEST_F(CmdshellProgram, ShowsTheSettingsAndWhatIsWrongWithThem) {
     EXPECT_EQ(set.output.find("hush"), std::string::npos);
     EXPECT_EQ(set.errors,
               "cmdshell: " + path.string() +
-                  " line 5: device_backend = remote: must be one of embedded, command; copies and saves fail\n" +
+                  " line 5: device_backend = remote: must be one of embedded, frr, command; copies and saves fail\n" +
                   "cmdshell: " + path.string() +
                   " line 6: histori: unknown setting; the line is ignored\n" +
                   "cmdshell: " + path.string() +

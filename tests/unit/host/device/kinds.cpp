@@ -4,6 +4,7 @@
 #include "tests/unit/child.h"
 
 #include <algorithm>
+#include <cstdlib>
 
 namespace {
 
@@ -45,8 +46,29 @@ const DeviceKind command{
     "unknown statement 'frobnicate'",
 };
 
+// FRR itself, in a lab with --frr. Each test begins with what it ran at first.
+const DeviceKind frr{
+    "frr",
+    [](const std::filesystem::path &directory) {
+        auto device = std::make_unique<ulmo::Device>(ulmo::make_frr_backend(directory), directory);
+        static const std::string first = device->show(ulmo::ConfigurationStore::running);
+        std::string text(ulmo::replace_line);
+        text.append("\n").append(first);
+        device->apply(text);
+        return device;
+    },
+    "ip route 10.77.1.0/24 blackhole\n",
+    "ip route 10.77.2.0/24 blackhole\n",
+    "frobnicate 1\n",
+    "Unknown command: frobnicate 1",
+};
+
 } // namespace
 
 std::vector<const DeviceKind *> device_kinds() {
-    return {&embedded, &command};
+    std::vector<const DeviceKind *> kinds{&embedded, &command};
+    if (std::getenv("ULMO_TEST_FRR") != nullptr) {
+        kinds.push_back(&frr);
+    }
+    return kinds;
 }

@@ -1,0 +1,636 @@
+// The kind of device that is FRRouting (Debian's packages frr and frr-pythontools), by its own
+// programs: vtysh shows, checks and changes the running configuration, frr-reload finds the
+// difference between two configurations, and watchfrr writes the startup configuration. The caller
+// needs no other right than membership of the groups frrvty and frr.
+//
+// Seen with 8.4: `vtysh -f` goes on after a line that fails, and silently drops a line if the
+// daemon that it is for does not run. `vtysh -c "write integrated"` has watchfrr move the former
+// file to FILE.sav, and then write the new one line by line. `frr-reload.py --reload` starts a
+// process for each line that it removes, and saves at the end; so only its difference is used here.
+#include "platform/host/device/backend.h"
+
+#include "base/number.h"
+#include "base/posix.h"
+#include "base/program_run.h"
+#include "base/replaced_file.h"
+#include "base/settings.h"
+#include "base/state_file.h"
+#include "base/text.h"
+#include "base/unique_fd.h"
+#include "platform/host/device/configuration_text.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <map>
+#include <optional>
+#include <set>
+#include <stdexcept>
+#include <utility>
+#include <vector>
+
+namespace ulmo {
+namespace {
+
+using Kind = ConfigurationError::Kind;
+
+// vtysh reads lines of at most 4095 octets, and takes the rest of a longer one for another line.
+constexpr std::size_t longest_line = 4000;
+
+// Which daemon takes the statements that begin with these words, the abbreviated ones too. zebra
+// and staticd are not listed: they always run. Of several daemons, one is listed. vtysh keeps a few
+// statements for itself, until it ends. Tried with each daemon of 8.4 missing.
+struct Owner {
+    std::string_view words;
+    std::string_view daemon;
+};
+constexpr std::string_view shell = "vtysh";
+constexpr Owner owners[] = {
+    {"hostname", shell},
+    {"domainname", shell},
+    {"banner", shell},
+    {"username", shell},
+    {"set", "bgpd"},
+    {"match", "bgpd"},
+    {"key chain", "ripd"},
+    {"nexthop-group", "pbrd"},
+    {"debug bgp", "bgpd"},
+    {"debug ospf", "ospfd"},
+    {"debug ospf6", "ospf6d"},
+    {"debug rip", "ripd"},
+    {"debug ripng", "ripngd"},
+    {"debug isis", "isisd"},
+    {"debug pim", "pimd"},
+    {"debug bfd", "bfdd"},
+    {"router bgp", "bgpd"},
+    {"bgp", "bgpd"},
+    {"rpki", "bgpd"},
+    {"vni", "bgpd"},
+    {"router ospf", "ospfd"},
+    {"ip ospf", "ospfd"},
+    {"router ospf6", "ospf6d"},
+    {"ipv6 ospf6", "ospf6d"},
+    {"router rip", "ripd"},
+    {"ip rip", "ripd"},
+    {"router ripng", "ripngd"},
+    {"ipv6 ripng", "ripngd"},
+    {"router isis", "isisd"},
+    {"ip router isis", "isisd"},
+    {"ipv6 router isis", "isisd"},
+    {"isis", "isisd"},
+    {"router openfabric", "fabricd"},
+    {"ip router openfabric", "fabricd"},
+    {"ipv6 router openfabric", "fabricd"},
+    {"openfabric", "fabricd"},
+    {"router eigrp", "eigrpd"},
+    {"router babel", "babeld"},
+    {"babel", "babeld"},
+    {"ip pim", "pimd"},
+    {"ip igmp", "pimd"},
+    {"ip msdp", "pimd"},
+    {"ip mroute", "pimd"},
+    {"ip multicast", "pimd"},
+    {"ipv6 pim", "pim6d"},
+    {"ipv6 mld", "pim6d"},
+    {"ipv6 mroute", "pim6d"},
+    {"mpls ldp", "ldpd"},
+    {"l2vpn", "ldpd"},
+    {"ip nhrp", "nhrpd"},
+    {"ipv6 nhrp", "nhrpd"},
+    {"nhrp", "nhrpd"},
+    {"pbr-map", "pbrd"},
+    {"pbr-policy", "pbrd"},
+    {"bfd", "bfdd"},
+    {"vrrp", "vrrpd"},
+    {"segment-routing", "pathd"},
+};
+
+// The text line by line; a line end of CR LF counts as LF.
+std::vector<std::string_view> lines_of(std::string_view text) {
+    std::vector<std::string_view> lines;
+    while (!text.empty()) {
+        const std::size_t end = std::min(text.find('\n'), text.size());
+        std::string_view line = text.substr(0, end);
+        if (line.ends_with('\r')) {
+            line.remove_suffix(1);
+        }
+        lines.push_back(line);
+        text.remove_prefix(std::min(end + 1, text.size()));
+    }
+    return lines;
+}
+
+std::vector<std::string_view> words_of(std::string_view line) {
+    std::vector<std::string_view> words;
+    while (!(line = trimmed(line)).empty()) {
+        const std::size_t end = std::min(line.find_first_of(" \t"), line.size());
+        words.push_back(line.substr(0, end));
+        line.remove_prefix(end);
+    }
+    return words;
+}
+
+struct Statement {
+    std::size_t line = 0; // its number
+    bool is_outermost = false;
+    std::string text; // its words, separated by one blank each
+    std::vector<std::string_view> words;
+};
+
+// The statements of a text, without comments and without the lines that FRR shows or needs only to
+// end something or to describe itself.
+std::vector<Statement> statements_of(std::string_view text) {
+    std::vector<Statement> statements;
+    std::size_t number = 0;
+    for (const std::string_view line : lines_of(text)) {
+        ++number;
+        const auto words = words_of(line);
+        if (words.empty() || words[0].front() == '!' || words[0].front() == '#' ||
+            words[0] == "end" || words[0].starts_with("exit") ||
+            (words[0] == "frr" && words.size() > 1 && words[1] == "version") ||
+            (words[0] == "service" && words.size() > 1 && words[1] == "integrated-vtysh-config")) {
+            continue;
+        }
+        Statement statement{number, words[0].data() == line.data(), {}, words};
+        for (const std::string_view word : words) {
+            statement.text.append(statement.text.empty() ? "" : " ").append(word);
+        }
+        statements.push_back(std::move(statement));
+    }
+    return statements;
+}
+
+// The daemon that takes a statement; empty if any of those that always run does.
+std::string_view owner_of(const Statement &statement) {
+    const bool is_negated = statement.words[0] == "no";
+    const auto first = statement.words.begin() + (is_negated ? 1 : 0);
+    for (const Owner &owner : owners) {
+        const auto words = words_of(owner.words);
+        if (words.size() <= static_cast<std::size_t>(statement.words.end() - first) &&
+            std::equal(words.begin(), words.end(), first,
+                       [](std::string_view whole, std::string_view word) {
+                           return whole.starts_with(word);
+                       })) {
+            return owner.daemon;
+        }
+    }
+    return {};
+}
+
+[[noreturn]] void refuse(std::size_t line, const std::string &reason) {
+    throw ConfigurationError(Kind::bad_line, "line " + std::to_string(line) + ": " + reason);
+}
+
+// The text as vtysh and frr-reload read it, with the same numbers of lines. Throws
+// ConfigurationError for what they would misread.
+std::string legible(std::string_view text) {
+    std::string result;
+    result.reserve(text.size() + 1);
+    std::size_t number = 0;
+    for (const std::string_view line : lines_of(text)) {
+        ++number;
+        const auto is_control = [](char octet) {
+            return static_cast<unsigned char>(octet) < ' ' && octet != '\t';
+        };
+        if (std::any_of(line.begin(), line.end(), is_control)) {
+            throw ConfigurationError(Kind::bad_file, "line " + std::to_string(number) +
+                                                         ": a control character, so this is not "
+                                                         "a configuration text");
+        }
+        if (line.size() > longest_line) {
+            refuse(number, "longer than " + std::to_string(longest_line) + " octets");
+        }
+        // frr-reload reads nothing after it.
+        result.append(trimmed(line) == "end" ? "" : line).append("\n");
+    }
+    return result;
+}
+
+// What vtysh complains about, without its marks. As no one but the superuser may read /etc/shadow,
+// it begins with a warning about the account, which has no line end and no consequence.
+std::string plain(std::string_view complaint) {
+    constexpr std::string_view warning = "vtysh_pam: ";
+    if (complaint.starts_with(warning)) {
+        complaint.remove_prefix(std::min(complaint.find(')'), complaint.size() - 1) + 1);
+    }
+    std::string result(trimmed(complaint));
+    const auto drop = [&result](std::string_view mark) {
+        const std::size_t at = result.find(mark);
+        if (at != std::string::npos) {
+            result.erase(at, mark.size());
+        }
+    };
+    drop("% ");
+    const std::size_t open = result.find("Unknown command[");
+    if (open != std::string::npos) {
+        const std::size_t bracket = result.find('[', open);
+        result.erase(bracket, std::min(result.find(']', bracket), result.size() - 1) + 1 - bracket);
+    }
+    if (result.find("failed to connect to any daemons") != std::string::npos) {
+        return "FRR does not run, or this user is not in the group frrvty";
+    }
+    if (result.starts_with("Can't open configuration file")) {
+        return "this user is not in the groups frr and frrvty";
+    }
+    return result;
+}
+
+std::string first_line(std::string_view text) {
+    constexpr std::size_t longest = 200;
+    return one_line(trimmed(trimmed(text).substr(0, trimmed(text).find('\n'))), longest);
+}
+
+void sync_folder(const std::string &folder) {
+    const UniqueFd file(check(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC), folder));
+    check(::fsync(file.get()), folder);
+}
+
+// What the running configuration is, and which daemons it is from.
+struct Running {
+    std::string text;
+    std::set<std::string, std::less<>> daemons;
+};
+
+// A save that has begun: if it did not end, the file is the former one, the new one, a part of the
+// new one, or missing.
+struct BegunSave {
+    std::optional<std::string> former;
+    std::string text;
+
+    [[nodiscard]] bool is_torn(const std::optional<std::string> &file) const {
+        return file != former && (!file || (file->size() < text.size() && text.starts_with(*file)));
+    }
+};
+
+class FrrBackend final : public DeviceBackend {
+  public:
+    explicit FrrBackend(const std::filesystem::path &directory)
+        : vtysh_(program_setting("frr_vtysh")), reload_(program_setting("frr_reload")),
+          file_(text_setting("frr_config")), wanted_file_(directory / "frr-wanted.cfg"),
+          save_file_(directory / "frr-save"),
+          time_limit_(std::chrono::seconds(number_setting("device_time_limit").value())) {}
+
+    // vtysh executes line by line.
+    [[nodiscard]] bool is_atomic() const override { return false; }
+
+    std::string show_running() override { return running().text; }
+
+    // During a save there is an instant without the file: show_startup() covers it.
+    [[nodiscard]] std::filesystem::path startup_file() const override { return {}; }
+
+    std::optional<std::string> show_startup() override {
+        auto text = stored();
+        if (const auto save = begun_save(); save && save->is_torn(text)) {
+            return save->former;
+        }
+        return text;
+    }
+
+    void check(std::string_view text) override {
+        const ProgramEnd end = vtysh({"-C", "-f", "/dev/stdin"}, legible(text));
+        require_taken(end);
+    }
+
+    void apply(std::string_view text) override {
+        complaints_.clear();
+        const ProgramEnd end = vtysh({"-f", "/dev/stdin"}, legible(text));
+        require_taken(end);
+        for (const std::string_view line : lines_of(end.output)) {
+            if (line.starts_with("% ")) {
+                complaints_.push_back(plain(line));
+            }
+        }
+    }
+
+    void replace(std::string_view text) override;
+    void verify(std::string_view text) override;
+
+    void save(const std::function<void()> &before_commit) override;
+
+    void store_startup(std::string_view /*text*/) override {
+        throw std::runtime_error("only FRR itself writes its startup configuration: copy the file "
+                                 "to the running configuration, and save that");
+    }
+
+  private:
+    using Words = std::vector<std::string>;
+
+    [[nodiscard]] ProgramEnd run(const Words &program, const Words &arguments,
+                                 std::string_view input) const;
+    [[nodiscard]] ProgramEnd vtysh(const Words &arguments, std::string_view input = {}) const {
+        return run(vtysh_, arguments, input);
+    }
+    void require_taken(const ProgramEnd &end) const;
+    [[nodiscard]] Running running() const;
+    [[nodiscard]] std::string difference(const std::string &wanted) const;
+    void save_by_watchfrr(const std::optional<std::string> &former, const std::string &text,
+                          const std::function<void()> &before_commit) const;
+
+    [[nodiscard]] std::optional<std::string> stored() const {
+        return read_state_file(file_, configuration_text_limit);
+    }
+    [[nodiscard]] std::optional<BegunSave> begun_save() const;
+
+    Words vtysh_; // a program with its arguments
+    Words reload_;
+    std::filesystem::path file_;
+    std::filesystem::path wanted_file_;
+    std::filesystem::path save_file_;
+    std::chrono::milliseconds time_limit_;
+    std::vector<std::string> complaints_; // of the last apply(), which took all lines
+};
+
+ProgramEnd FrrBackend::run(const Words &program, const Words &arguments,
+                           std::string_view input) const {
+    ProgramCall call{program, input, time_limit_, configuration_text_limit};
+    call.words.insert(call.words.end(), arguments.begin(), arguments.end());
+    ProgramEnd end = run_program(call);
+    end.complaint = plain(end.complaint);
+    if (end.limit != ProgramEnd::Limit::none || end.signal != 0) {
+        throw std::runtime_error(program[0] + ": " + failure_of(call, end));
+    }
+    if (end.exit_status != 0 && end.complaint.empty()) {
+        end.complaint = end.output.empty() ? failure_of(call, end) : plain(first_line(end.output));
+    }
+    return end;
+}
+
+// Why vtysh has not taken all lines of a text. "line 3: Failure to communicate[13] to bgpd, line:
+// router bgp 65003" says that bgpd refuses the line; the reason is on standard output.
+std::string refusal_of(const ProgramEnd &end) {
+    constexpr std::string_view failure = ": Failure to communicate[";
+    constexpr std::string_view before_line = ", line:";
+    const std::string &complaint = end.complaint;
+    const std::size_t at = complaint.find(failure);
+    const std::size_t line = complaint.find(before_line);
+    if (at == std::string::npos || line == std::string::npos) {
+        return complaint;
+    }
+    const std::string why = plain(first_line(end.output));
+    return complaint.substr(0, at) + ": " + (why.empty() ? "refused" : why) + ": " +
+           std::string(trimmed(std::string_view(complaint).substr(line + before_line.size())));
+}
+
+// Throws if vtysh has not taken all lines of a text.
+void FrrBackend::require_taken(const ProgramEnd &end) const {
+    if (end.exit_status == 0) {
+        return;
+    }
+    const std::string reason = refusal_of(end);
+    if (!reason.starts_with("line ")) {
+        throw std::runtime_error(vtysh_[0] + ": " + reason);
+    }
+    throw ConfigurationError(Kind::bad_line, reason);
+}
+
+Running FrrBackend::running() const {
+    const ProgramEnd end = vtysh({"-c", "show watchfrr", "-c", "show running-config no-header"});
+    if (end.exit_status != 0) {
+        throw std::runtime_error(vtysh_[0] + ": " + end.complaint);
+    }
+    // First watchfrr's words, with a line of two blanks, name and state for each daemon.
+    constexpr std::string_view begin = "frr version ";
+    const std::string_view output = end.output;
+    const std::size_t at =
+        output.starts_with(begin) ? 0 : output.find("\n" + std::string(begin)) + 1;
+    Running running;
+    for (const std::string_view line : lines_of(output.substr(0, at))) {
+        const auto words = words_of(line);
+        if (!line.starts_with("  ") || words.size() < 2) {
+            continue;
+        }
+        // It shows no statement of a daemon that does not answer.
+        if (words[1] != "Up") {
+            throw std::runtime_error("FRR's " + std::string(words[0]) +
+                                     " does not work: watchfrr "
+                                     "says " +
+                                     std::string(words[1]));
+        }
+        running.daemons.emplace(words[0].substr(0, words[0].find('-')));
+    }
+    constexpr std::string_view finish = "\nend\n";
+    if (!output.ends_with(finish) || (at == 0 && !output.starts_with(begin))) {
+        throw std::runtime_error(vtysh_[0] + " shows no whole running configuration");
+    }
+    // without the last line, as in the startup configuration
+    running.text = output.substr(at, output.size() - at - (finish.size() - 1));
+    legible(running.text);
+    return running;
+}
+
+// What would have to be executed to make the running configuration the wanted one; empty if it is
+// that. Throws if the wanted one is not understood.
+std::string FrrBackend::difference(const std::string &wanted) const {
+    // It takes a text on standard input for an empty configuration.
+    ReplacedFile file(wanted_file_, wanted, ReplacedFile::Manner::passing);
+    file.commit();
+    const ProgramEnd end =
+        run(reload_,
+            {"--test", "--stdout", "--log-level", "error", "--bindir",
+             std::filesystem::path(vtysh_[0]).parent_path(), "--confdir", file_.parent_path(),
+             "--rundir", wanted_file_.parent_path(), wanted_file_},
+            {});
+    ::unlink(wanted_file_.c_str());
+    if (end.exit_status != 0 || !end.complaint.empty()) {
+        throw std::runtime_error(reload_[0] + ": " + end.complaint);
+    }
+    std::string result;
+    bool is_inner = false;
+    for (const std::string_view line : lines_of(end.output)) {
+        const std::string_view words = trimmed(line);
+        if (words.empty() || words.starts_with("===") || words == "Lines To Delete" ||
+            words == "Lines To Add" || words.starts_with("hostname ") ||
+            words.starts_with("no hostname ")) { // which vtysh takes from the system
+            continue;
+        }
+        const bool is_outermost = words.data() == line.data();
+        if (is_outermost && is_inner) {
+            result += "end\n"; // the words may mean something else in the context before
+        }
+        is_inner = !is_outermost;
+        result.append(line).append("\n");
+    }
+    return result;
+}
+
+// FRR removes some statements only without their value, as `no description`: a line that did not
+// remove its statement loses a word at each attempt.
+std::string shortened(std::string_view line, std::size_t words) {
+    std::string result(line.substr(0, line.find_last_not_of(" \t") + 1));
+    for (; words > 0 && words_of(result).size() > 2; --words) {
+        result.resize(result.find_last_of(" \t"));
+    }
+    return result;
+}
+
+void FrrBackend::replace(std::string_view text) {
+    constexpr int most_attempts = 8;
+    complaints_.clear();
+    const std::string wanted = legible(text);
+    std::set<std::string, std::less<>> kept; // what may not be removed
+    for (const Statement &statement : statements_of(wanted)) {
+        if (statement.is_outermost) {
+            kept.insert(statement.text);
+        }
+    }
+    std::string former;
+    std::string complaint;
+    std::size_t failures = 0;
+    for (int attempt = 0;; ++attempt) {
+        const std::string lines = difference(wanted);
+        if (lines.empty()) {
+            return;
+        }
+        const auto statements = statements_of(lines);
+        failures = lines == former ? failures + 1 : 0;
+        const bool has_removal =
+            std::any_of(statements.begin(), statements.end(),
+                        [](const Statement &statement) { return statement.words[0] == "no"; });
+        if (attempt == most_attempts || (failures > 0 && (complaint.empty() || !has_removal))) {
+            throw ConfigurationError(Kind::bad_line,
+                                     "FRR can't run exactly this text: it does not take '" +
+                                         statements.back().text + "'" +
+                                         (complaint.empty() ? "" : ": " + complaint));
+        }
+        for (const Statement &statement : statements) {
+            if (statement.is_outermost && statement.words[0] == "no" &&
+                kept.contains(std::string_view(statement.text).substr(3))) {
+                throw std::runtime_error(reload_[0] + " would remove '" + statement.text.substr(3) +
+                                         "', which the text contains");
+            }
+        }
+        std::string script;
+        for (const std::string_view line : lines_of(lines)) {
+            const bool is_removal = trimmed(line).starts_with("no ");
+            script.append(is_removal ? shortened(line, failures) : std::string(line)).append("\n");
+        }
+        const ProgramEnd end = vtysh({"-f", "/dev/stdin"}, script);
+        complaint = end.exit_status == 0 ? "" : refusal_of(end);
+        if (complaint.starts_with("line ")) { // of the script
+            complaint.erase(0, complaint.find(": ") + 2);
+        }
+        former = lines;
+    }
+}
+
+// A statement is in force if FRR shows it. FRR shows many in another form, or not at all if they
+// are the default; such a one is in force if the daemon that takes it runs, which has not refused
+// it then.
+void FrrBackend::verify(std::string_view text) {
+    const Running running = this->running();
+    std::set<std::string, std::less<>> shown;
+    std::set<std::string, std::less<>> outermost;
+    for (Statement &statement : statements_of(running.text)) {
+        if (statement.is_outermost) {
+            outermost.insert(statement.text);
+        }
+        shown.insert(std::move(statement.text));
+    }
+    const auto statements = statements_of(text);
+    std::map<std::string, std::size_t, std::less<>> last; // the line where it is for the last time
+    for (const Statement &statement : statements) {
+        last[statement.text] = statement.line;
+    }
+    std::size_t not_removed = 0;
+    const Statement *hidden = nullptr;
+    for (const Statement &statement : statements) {
+        const bool is_negated = statement.words[0] == "no" && statement.words.size() > 1;
+        if (shown.contains(statement.text)) {
+            continue;
+        }
+        if (is_negated) {
+            const std::string removed = statement.text.substr(3);
+            const auto again = last.find(removed);
+            if (statement.is_outermost && outermost.contains(removed) &&
+                (again == last.end() || again->second < statement.line)) {
+                refuse(statement.line, "FRR still shows '" + removed + "'");
+            }
+            ++not_removed;
+            continue;
+        }
+        const std::string_view owner = owner_of(statement);
+        if (owner == shell) {
+            refuse(statement.line,
+                   "FRR's shell keeps '" + statement.text + "' for itself, so it has no effect");
+        }
+        if (!owner.empty() && !running.daemons.contains(owner)) {
+            refuse(statement.line, std::string(owner) + " does not run, so FRR has ignored '" +
+                                       statement.text + "'");
+        }
+        hidden = hidden == nullptr ? &statement : hidden;
+    }
+    // Each complaint may be about something that was to be removed and did not exist.
+    if (hidden != nullptr && complaints_.size() > not_removed) {
+        refuse(hidden->line, complaints_.front() + ": " + hidden->text);
+    }
+}
+
+std::optional<BegunSave> FrrBackend::begun_save() const {
+    const auto content = read_state_file(save_file_, 2 * configuration_text_limit + 64);
+    if (!content) {
+        return std::nullopt;
+    }
+    const std::size_t end = std::min(content->find('\n'), content->size());
+    const auto size = parsed_number<long>(std::string_view(*content).substr(0, end));
+    if (!size || *size > static_cast<long>(content->size() - end - 1)) {
+        return std::nullopt; // it did not begin
+    }
+    if (*size < 0) {
+        return BegunSave{std::nullopt, content->substr(end + 1)};
+    }
+    const auto length = static_cast<std::size_t>(*size);
+    return BegunSave{content->substr(end + 1, length), content->substr(end + 1 + length)};
+}
+
+void FrrBackend::save(const std::function<void()> &before_commit) {
+    const std::string text = running().text;
+    const auto former = show_startup();
+    if (former == text && stored() == text) {
+        before_commit();
+        ::unlink(save_file_.c_str());
+        return;
+    }
+    save_by_watchfrr(former, text, before_commit);
+    ::unlink(save_file_.c_str());
+}
+
+void FrrBackend::save_by_watchfrr(const std::optional<std::string> &former, const std::string &text,
+                                  const std::function<void()> &before_commit) const {
+    const std::string size = former ? std::to_string(former->size()) : "-1";
+    replace_state_file(save_file_, size + "\n" + former.value_or("") + text);
+    const BegunSave save{former, text};
+    std::string reason;
+    try {
+        before_commit();
+        const ProgramEnd end = vtysh({"-c", "write integrated"});
+        reason = end.exit_status == 0 ? "it differs from the running configuration"
+                                      : vtysh_[0] + ": " + end.complaint;
+    } catch (...) {
+        if (!save.is_torn(stored())) {
+            ::unlink(save_file_.c_str());
+        }
+        throw;
+    }
+    const auto now = stored();
+    if (now == text) {
+        // watchfrr has synced the file, but not its name
+        sync_folder(file_.parent_path());
+        return;
+    }
+    if (!save.is_torn(now)) {
+        ::unlink(save_file_.c_str());
+        throw std::runtime_error("FRR has not saved " + file_.string() + ": " + reason);
+    }
+    throw std::runtime_error("FRR has written only a part of " + file_.string() + " (" + reason +
+                             "); the former one is " + file_.string() + ".sav");
+}
+
+} // namespace
+
+std::unique_ptr<DeviceBackend> make_frr_backend(const std::filesystem::path &directory) {
+    return std::make_unique<FrrBackend>(directory);
+}
+
+} // namespace ulmo

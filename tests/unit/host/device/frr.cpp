@@ -1,0 +1,303 @@
+// FRR's programs in a form that a test decides: tests/system/frr tests the real ones.
+#include "platform/host/device/backend.h"
+#include "platform/host/device/configuration_text.h"
+#include "platform/host/device/device.h"
+#include "tests/unit/scratch.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+
+namespace {
+
+using ulmo::ConfigurationError;
+using ulmo::ConfigurationStore;
+
+// vtysh keeps the running configuration in a file: it takes lines that begin with "ip route",
+// "router" or a blank, adds and removes them, and ignores those of ospfd. It logs its calls.
+constexpr const char *vtysh = R"sh(#!/bin/sh
+cd "$(dirname "$0")"
+echo "$*" >>calls
+[ -e hook ] && . ./hook
+case "$*" in
+*watchfrr*)
+    cat states
+    echo 'frr version 8.4.4'
+    cat running
+    echo end ;;
+*'write integrated'*)
+    mv frr.conf frr.conf.sav
+    { echo 'frr version 8.4.4'; cat running; } >frr.conf ;;
+'-C -f /dev/stdin')
+    awk '!/^(no )?(ip  ?route|ro|end|exit|!|#| |$|log|hostname|frr)/ {
+        print "line " NR ": % Unknown command[4]: " $0; exit 2 }' >&2 ;;
+'-f /dev/stdin')
+    printf 'vtysh_pam: Failed in account validation: Authentication failure(7)' >&2
+    while read -r line; do
+        case $line in
+        *refused*)
+            echo '% The reason'
+            echo "line 1: Failure to communicate[13] to zebra, line: $line" >&2
+            exit 13 ;;
+        no\ *)
+            grep -vxF "${line#no }" running >other
+            mv other running ;;
+        *ospf* | hostname* | frr* | '!'* | '#'* | end | '') ;;
+        *) grep -qxF "$line" running || echo "$line" >>running ;;
+        esac
+    done ;;
+esac
+)sh";
+
+// frr-reload compares two files without regard to blocks.
+constexpr const char *reload = R"sh(#!/bin/sh
+cd "$(dirname "$0")"
+[ -e reload-hook ] && . ./reload-hook
+for file; do :; done
+echo
+echo 'Lines To Delete'
+echo ===============
+grep -vxFf "$file" running | sed 's/^/no /'
+echo
+echo 'Lines To Add'
+echo ============
+grep -v -e '^!' -e '^$' -e '^frr ' "$file" | grep -vxFf running
+exit 0
+)sh";
+
+class FrrTest : public testing::Test {
+  protected:
+    FrrTest() {
+        program("vtysh", vtysh);
+        program("reload", reload);
+        write("running", "ip route 10.1.0.0/16 blackhole\n");
+        write("frr.conf", "frr version 8.4.4\nip route 10.9.0.0/16 blackhole\n");
+        states("Up");
+        scratch_.configure(
+            "frr_vtysh = " + file("vtysh").string() + "\nfrr_reload = " + file("reload").string() +
+            "\nfrr_config = " + file("frr.conf").string() + "\ndevice_time_limit = 20\n");
+        device_ = std::make_unique<ulmo::Device>(ulmo::make_frr_backend(scratch_.root() / "state"),
+                                                 scratch_.root() / "state");
+    }
+
+    std::filesystem::path file(const std::string &name) const { return scratch_.root() / name; }
+    void write(const std::string &name, const std::string &text) const {
+        Scratch::write(file(name), text);
+    }
+    std::string read(const std::string &name) const { return Scratch::read(file(name)); }
+    void program(const std::string &name, const std::string &text) const {
+        write(name, text);
+        ::chmod(file(name).c_str(), 0755);
+    }
+    void states(const std::string &state) const {
+        write("states",
+              "watchfrr global phase: Idle\n Start Command: \"x\"\n  zebra   Up\n  bgpd    " +
+                  state + "\n  staticd Up\n");
+    }
+    std::string running() const { return device_->show(ConfigurationStore::running); }
+    std::string startup() const { return device_->show(ConfigurationStore::startup); }
+
+    template <typename Error, typename Work> std::string error_of(const Work &work) const {
+        try {
+            work();
+        } catch (const Error &error) {
+            return error.what();
+        } catch (const std::exception &error) {
+            ADD_FAILURE() << "another kind: " << error.what();
+        }
+        return "none";
+    }
+    std::string refusal(const std::string &text) const {
+        const std::string before = running();
+        const std::string reason = error_of<ConfigurationError>([&] { device_->apply(text); });
+        EXPECT_EQ(running(), before);
+        return reason;
+    }
+    std::string failure_to_show() const {
+        return error_of<std::runtime_error>([&] { running(); });
+    }
+    std::string failure_to_save() const {
+        return error_of<std::runtime_error>([&] { device_->save(); });
+    }
+
+    const Scratch scratch_;
+    std::unique_ptr<ulmo::Device> device_;
+};
+
+constexpr const char *first = "frr version 8.4.4\nip route 10.1.0.0/16 blackhole\n";
+
+TEST_F(FrrTest, ShowsWhatTheStartupConfigurationWouldHave) {
+    EXPECT_EQ(running(), first);
+    EXPECT_EQ(startup(), "frr version 8.4.4\nip route 10.9.0.0/16 blackhole\n");
+    EXPECT_EQ(read("calls"), "-c show watchfrr -c show running-config no-header\n");
+}
+
+TEST_F(FrrTest, ShowsNothingWhileADaemonIsDown) {
+    states("Down");
+    EXPECT_EQ(failure_to_show(), "FRR's bgpd does not work: watchfrr says Down");
+}
+
+TEST_F(FrrTest, ShowsNoPartOfAConfiguration) {
+    const std::string part = file("vtysh").string() + " shows no whole running configuration";
+    write("hook", "exit 0\n");
+    EXPECT_EQ(failure_to_show(), part);
+    write("hook", "cat states; echo frr version 8; exit 0\n");
+    EXPECT_EQ(failure_to_show(), part);
+    write("hook", "echo; echo end; exit 0\n");
+    EXPECT_EQ(failure_to_show(), part);
+    write("hook", "echo frr version 8; printf 'a\\033\\nend\\n'; exit 0\n");
+    EXPECT_EQ(failure_to_show(),
+              "line 2: a control character, so this is not a configuration text");
+}
+
+TEST_F(FrrTest, SaysWhyAProgramFails) {
+    write("hook", "echo 'Exiting: failed to connect to any daemons.' >&2; exit 1\n");
+    const std::string name = file("vtysh").string() + ": ";
+    EXPECT_EQ(failure_to_show(),
+              name + "FRR does not run, or this user is not in the group frrvty");
+    write("hook", "echo \"% Can't open configuration file /etc/frr/vtysh.conf\" >&2; exit 1\n");
+    EXPECT_EQ(failure_to_show(), name + "this user is not in the groups frr and frrvty");
+    write("hook", "echo '% on standard output'; exit 1\n");
+    EXPECT_EQ(failure_to_show(), name + "on standard output");
+    write("hook", "exit 3\n");
+    EXPECT_EQ(failure_to_show(), name + "it ended with status 3 and gave no reason");
+    write("hook", "kill -KILL $$\n");
+    EXPECT_EQ(failure_to_show(), name + "signal 9 ended it");
+    write("hook", "case $* in *-C*) echo 'no reason that we know' >&2; exit 1;; esac\n");
+    EXPECT_EQ(error_of<std::runtime_error>([&] { device_->apply("ip route x\n"); }),
+              name + "no reason that we know");
+}
+
+TEST_F(FrrTest, RefusesWhatFrrRefuses) {
+    EXPECT_EQ(refusal("ip route x\nfrobnicate 1\n"), "line 2: Unknown command: frobnicate 1");
+    EXPECT_EQ(refusal("ip route x\nip route refused\n"), "line 1: The reason: ip route refused");
+    EXPECT_EQ(refusal("ip route x\n\x01\n"),
+              "line 2: a control character, so this is not a configuration text");
+    EXPECT_EQ(refusal("ip route x\nip route " + std::string(4000, 'x')),
+              "line 2: longer than 4000 octets");
+}
+
+TEST_F(FrrTest, RefusesWhatFrrDrops) {
+    EXPECT_EQ(refusal("ip route x\nrouter ospf\n"),
+              "line 2: ospfd does not run, so FRR has ignored 'router ospf'");
+    EXPECT_EQ(refusal("ip route x\nro ospf 7\n"),
+              "line 2: ospfd does not run, so FRR has ignored 'ro ospf 7'");
+    EXPECT_EQ(refusal("hostname other\n"),
+              "line 1: FRR's shell keeps 'hostname other' for itself, so it has no effect");
+    write("hook", "case $* in -f*) exit 0;; esac\n");
+    EXPECT_EQ(refusal("no ip route 10.1.0.0/16 blackhole\n"),
+              "line 1: FRR still shows 'ip route 10.1.0.0/16 blackhole'");
+    write("hook", "case $* in -f*) echo '% The reason'; exit 0;; esac\n");
+    EXPECT_EQ(refusal("ip route x\n"), "line 1: The reason: ip route x");
+}
+
+TEST_F(FrrTest, AppliesAndReplaces) {
+    device_->apply("ip route x\r\n! a comment\nend\n");
+    EXPECT_EQ(running(), std::string(first) + "ip route x\n");
+    device_->apply("no ip route x\nip route y\nno ip route y\n");
+    EXPECT_EQ(running(), first);
+    device_->apply("configuration replace\nfrr version 8.4.4\nip route z\n");
+    EXPECT_EQ(running(), "frr version 8.4.4\nip route z\n");
+    EXPECT_FALSE(std::filesystem::exists(scratch_.state("frr-wanted.cfg")));
+}
+
+TEST_F(FrrTest, DoesNotBelieveAWrongDifference) {
+    const std::string text = std::string("configuration replace\n") + first + "ip route x\n";
+    write("reload-hook", "echo 'no ip route 10.1.0.0/16 blackhole'; exit 0\n");
+    EXPECT_EQ(error_of<std::runtime_error>([&] { device_->apply(text); }),
+              file("reload").string() +
+                  " would remove 'ip route 10.1.0.0/16 blackhole', which the text contains");
+    write("reload-hook", "echo why >&2; exit 1\n");
+    EXPECT_EQ(error_of<std::runtime_error>([&] { device_->apply(text); }),
+              file("reload").string() + ": why");
+    write("reload-hook", "echo 'ip route never'; exit 0\n");
+    write("hook", "case $* in -f*) exit 0;; esac\n");
+    EXPECT_EQ(refusal(text), "FRR can't run exactly this text: it does not take 'ip route never'");
+    EXPECT_EQ(running(), first);
+}
+
+TEST_F(FrrTest, RemovesAStatementWithoutItsValueIfFrrWantsThat) {
+    write("reload-hook", "grep -q blackhole running && printf 'router x\\n no ip route "
+                         "10.1.0.0/16 blackhole\\nip route y\\n'; exit 0\n");
+    write("hook", "case $* in -f*) while read -r line; do case $line in\n"
+                  "'no ip route 10.1.0.0/16') echo 'ip route y' >running; exit 0;; esac; done\n"
+                  "echo 'line 1: % Unknown command[4]: no' >&2; exit 2;; esac\n");
+    device_->apply("configuration replace\nfrr version 8.4.4\nip route y\n");
+    EXPECT_EQ(running(), "frr version 8.4.4\nip route y\n");
+}
+
+TEST_F(FrrTest, SavesThroughWatchfrr) {
+    device_->save();
+    EXPECT_EQ(startup(), first);
+    EXPECT_EQ(read("frr.conf"), first);
+    EXPECT_FALSE(std::filesystem::exists(scratch_.state("frr-save")));
+    write("calls", "");
+    device_->save();
+    EXPECT_EQ(read("calls"), "-c show watchfrr -c show running-config no-header\n")
+        << "nothing to do";
+}
+
+TEST_F(FrrTest, SaysThatASaveFailed) {
+    const std::string name = file("frr.conf").string();
+    const std::string before = startup();
+    write("hook", "case $* in *write*) exit 0;; esac\n");
+    EXPECT_EQ(failure_to_save(),
+              "FRR has not saved " + name + ": it differs from the running configuration");
+    write("hook", "case $* in *write*) echo why >&2; exit 1;; esac\n");
+    EXPECT_EQ(failure_to_save(),
+              "FRR has not saved " + name + ": " + file("vtysh").string() + ": why");
+    EXPECT_FALSE(std::filesystem::exists(scratch_.state("frr-save")));
+    write("hook", "case $* in *write*) cp frr.conf frr.conf.sav; printf frr >frr.conf; exit 0;; "
+                  "esac\n");
+    EXPECT_EQ(failure_to_save(), "FRR has written only a part of " + name +
+                                     " (it differs from the running configuration); the former "
+                                     "one is " +
+                                     name + ".sav");
+    EXPECT_EQ(startup(), before) << "the former one";
+    states("Down");
+    EXPECT_EQ(failure_to_save(), "FRR's bgpd does not work: watchfrr says Down");
+}
+
+TEST_F(FrrTest, ASaveThatWasCutOffIsNotSeen) {
+    const std::string before = startup();
+    write("hook", "case $* in *write*) mv frr.conf frr.conf.sav; kill -KILL $$;; esac\n");
+    EXPECT_EQ(failure_to_save(), file("vtysh").string() + ": signal 9 ended it");
+    EXPECT_EQ(startup(), before) << "while there is no file";
+    write("frr.conf", "frr ver");
+    EXPECT_EQ(startup(), before);
+    write("frr.conf", first);
+    EXPECT_EQ(startup(), first) << "FRR has ended it";
+    write("frr.conf", "by hand\n");
+    EXPECT_EQ(startup(), "by hand\n");
+    write("state/frr-save", "nonsense");
+    EXPECT_EQ(startup(), "by hand\n");
+    std::filesystem::remove(file("hook"));
+    device_->save();
+    EXPECT_EQ(startup(), first);
+    EXPECT_FALSE(std::filesystem::exists(scratch_.state("frr-save")));
+}
+
+TEST_F(FrrTest, ASaveWithoutAFormerFile) {
+    std::filesystem::remove(file("frr.conf"));
+    EXPECT_EQ(error_of<std::runtime_error>([&] { startup(); }),
+              "there is no startup configuration");
+    write("hook", "case $* in *write*) printf frr >frr.conf; exit 0;; esac\n");
+    EXPECT_NE(failure_to_save(), "none");
+    EXPECT_EQ(error_of<std::runtime_error>([&] { startup(); }),
+              "there is no startup configuration");
+    std::filesystem::remove(file("hook"));
+    device_->save();
+    EXPECT_EQ(startup(), first);
+}
+
+TEST_F(FrrTest, LeavesTheStartupConfigurationToFrr) {
+    EXPECT_EQ(error_of<std::runtime_error>([&] { device_->store_startup("ip route x\n"); }),
+              "only FRR itself writes its startup configuration: copy the file to the running "
+              "configuration, and save that");
+}
+
+} // namespace
