@@ -83,9 +83,10 @@ TEST_F(CliShell, EveryRefusalHasItsCodeAndChangesNothing) {
 TEST_F(CliShell, AFailureOfTheDeviceIsAnErrorOfApplying) {
     file("platform.conf", "device_backend = remote\n");
     EXPECT_EQ(execute("hostname x\n"), 0x40540001U);
-    EXPECT_EQ(content(output()),
-              (directory_ / "new.cfg").string() + ": " + (directory_ / "platform.conf").string() +
-                  " line 1: device_backend = remote: must be one of embedded, frr, command; copies and saves fail\n");
+    EXPECT_EQ(content(output()), (directory_ / "new.cfg").string() + ": " +
+                                     (directory_ / "platform.conf").string() +
+                                     " line 1: device_backend = remote: must be one of embedded, "
+                                     "frr, command; copies and saves fail\n");
     file("platform.conf", "");
     file("state/running.cfg", "damaged\n");
     EXPECT_EQ(execute("hostname x\n"), 0x40540001U);
@@ -269,10 +270,10 @@ TEST_F(CmdshellProgram, SaysWhyACommandFailed) {
     expect_result(command(bad), 1, "", "cmdshell: " + bad + ": line 2: unknown statement 'foo'\n");
     expect_result(command("show running-config"), 0, factory, "");
     file("platform.conf", "device_backend = remote\n");
-    expect_result(
-        command("show running-config"), 1, "",
-        "cmdshell: show running-config: " + (directory_ / "platform.conf").string() +
-            " line 1: device_backend = remote: must be one of embedded, frr, command; copies and saves fail\n");
+    expect_result(command("show running-config"), 1, "",
+                  "cmdshell: show running-config: " + (directory_ / "platform.conf").string() +
+                      " line 1: device_backend = remote: must be one of embedded, frr, command; "
+                      "copies and saves fail\n");
 }
 
 TEST_F(CmdshellProgram, ShowsTheSettingsAndWhatIsWrongWithThem) {
@@ -296,7 +297,8 @@ TEST_F(CmdshellProgram, ShowsTheSettingsAndWhatIsWrongWithThem) {
     EXPECT_EQ(set.output.find("hush"), std::string::npos);
     EXPECT_EQ(set.errors,
               "cmdshell: " + path.string() +
-                  " line 5: device_backend = remote: must be one of embedded, frr, command; copies and saves fail\n" +
+                  " line 5: device_backend = remote: must be one of embedded, frr, command; copies "
+                  "and saves fail\n" +
                   "cmdshell: " + path.string() +
                   " line 6: histori: unknown setting; the line is ignored\n" +
                   "cmdshell: " + path.string() +

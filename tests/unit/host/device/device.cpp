@@ -541,7 +541,8 @@ TEST_F(Device, TheSettingChoosesTheBackend) {
     file("platform.conf", "device_backend = remote\n");
     EXPECT_EQ(failure([] { ulmo::make_device(); }),
               (directory_ / "platform.conf").string() +
-                  " line 1: device_backend = remote: must be one of embedded, frr, command; copies and saves fail");
+                  " line 1: device_backend = remote: must be one of embedded, frr, command; copies "
+                  "and saves fail");
 }
 
 TEST_F(Device, AConfigurationFileIsARegularFileOfBoundedSize) {
