@@ -4,11 +4,21 @@
 # its startup configuration to an SFTP server; then a refused request and a failed copy; then a save
 # on all three switches of a fabric, one that fails because a switch is down, and the same with the
 # manager's command. Installs and builds what it needs. Exits with 0 only if every step worked.
+#
+# `demo.sh frr` shows backup, restore and save of a switch that is a router with FRR.
 set -euo pipefail
 
 if [[ -z ${LAB_AGENT:-} ]]; then # outside: make the lab, and come back inside
     scripts=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
-    exec bash "$scripts/lab.sh" exec --switches 3 -- bash "$scripts/demo.sh"
+    case ${1:-} in
+    '') options=(--switches 3) ;;
+    frr) options=(--frr) ;;
+    *)
+        echo "demo: usage: demo.sh [frr]" >&2
+        exit 2
+        ;;
+    esac
+    exec bash "$scripts/lab.sh" exec "${options[@]}" -- bash "$scripts/demo.sh" "$@"
 fi
 
 repository=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -44,6 +54,89 @@ wait_for_end() {
 }
 
 expect_state() { [[ $state == "$1" ]] || fail "the copy ended as $state instead of $1"; }
+
+# A router with FRR as the switch.
+demo_frr() {
+    local row=0 before agent=(setpriv --reuid=Debian-snmp --regid=Debian-snmp --init-groups)
+
+    # copy STATE COLUMN TYPE VALUE…: creates a row, starts its copy and waits for that end
+    copy() {
+        local expected=$1 words=()
+        shift
+        row=$((row + 1))
+        while (($#)); do
+            words+=("$1.$row" "$2" "$3")
+            shift 3
+        done
+        run snmpset "$LAB_AGENT" "ccCopyEntryRowStatus.$row" i createAndGo "${words[@]}"
+        wait_for_end "$row"
+        expect_state "$expected"
+    }
+    restore() {
+        copy "$1" ccCopySourceFileType i networkFile ccCopyDestFileType i runningConfig \
+            ccCopyServerAddress a "$LAB_SERVER4" ccCopyFileName s "$2"
+    }
+    shows() { vtysh -c "show running-config" | grep -qxF "$1" || fail "FRR does not run '$1'"; }
+
+    title "FRR, and the user of the agent in FRR's groups"
+    run vtysh -c "show watchfrr"
+    run id -Gn Debian-snmp
+    run cat "$ULMO_CONF"
+
+    title "Back up: FRR's running configuration to the TFTP server $LAB_SERVER4"
+    copy successful ccCopySourceFileType i runningConfig ccCopyDestFileType i networkFile \
+        ccCopyServerAddress a "$LAB_SERVER4" ccCopyFileName s backup.cfg
+    run cat "$LAB_SERVER_ROOT/backup.cfg"
+
+    title "Restore: a file on the server adds a route to announce by BGP"
+    run tee "$LAB_SERVER_ROOT/bgp.cfg" <<'END'
+router bgp 65001
+ neighbor 192.0.2.77 remote-as 65002
+ address-family ipv4 unicast
+  network 203.0.113.0/24
+ exit-address-family
+exit
+END
+    restore successful bgp.cfg
+    run vtysh -c "show running-config"
+    shows "  network 203.0.113.0/24"
+
+    title "A bad file: its third line is for a daemon that does not run"
+    before=$(vtysh -c "show running-config")
+    run tee "$LAB_SERVER_ROOT/bad.cfg" <<'END'
+no router bgp 65001
+ip route 203.0.113.0/24 blackhole
+router ospf
+END
+    restore failed bad.cfg
+    run snmpget "$LAB_AGENT" ccCopyFailCause.$row
+    run cmdshell -c "show copies"
+    [[ $(vtysh -c "show running-config") == "$before" ]] || fail "FRR has changed"
+    echo "FRR runs what it ran before"
+
+    title "Save: to the startup configuration, which survives a restart of FRR"
+    copy successful ccCopySourceFileType i runningConfig ccCopyDestFileType i startupConfig
+    run ls -l /etc/frr
+    "${agent[@]}" cmdshell -c "show running-config" | cmp - /etc/frr/frr.conf ||
+        fail "the saved configuration differs"
+    run /usr/lib/frr/frrinit.sh restart
+    run vtysh -c "show running-config"
+    shows "  network 203.0.113.0/24"
+
+    title "Exactly the backup again: one line in front of it"
+    sed '1i configuration replace' "$LAB_SERVER_ROOT/backup.cfg" >"$LAB_SERVER_ROOT/exact.cfg"
+    run head -n 3 "$LAB_SERVER_ROOT/exact.cfg"
+    restore successful exact.cfg
+    "${agent[@]}" cmdshell -c "show running-config" | run cmp - "$LAB_SERVER_ROOT/backup.cfg" ||
+        fail "FRR does not run the backup"
+    echo "identical"
+}
+
+if [[ ${1:-} == frr ]]; then
+    demo_frr
+    printf '\nEvery step worked.\n'
+    exit
+fi
 
 title "The switch and what it runs"
 run /ulmo/bin/cmdshell -c "show running-config"
