@@ -7,7 +7,9 @@
 #include "base/unique_fd.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <poll.h>
+#include <pwd.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -18,6 +20,7 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
+#include <climits>
 #include <csignal>
 #include <cstring>
 #include <optional>
@@ -109,9 +112,44 @@ void close_all_but(const std::vector<int> &kept) {
     ::close_range(static_cast<unsigned>(first), ~0U, 0);
 }
 
-[[noreturn]] void guard(const std::array<int, 3> &streams, char *const *argv,
-                        char *const *environment, pid_t parent, int report,
-                        const std::vector<int> &kept) {
+struct User {
+    uid_t user;
+    gid_t group;
+    std::vector<gid_t> groups;
+};
+
+// The owner of the folder, if the caller is the superuser and the owner is not.
+std::optional<User> other_owner(const std::filesystem::path &folder) {
+    struct stat owned {};
+    if (::geteuid() != 0 || ::stat(folder.c_str(), &owned) != 0 || owned.st_uid == 0) {
+        return std::nullopt;
+    }
+    User owner{owned.st_uid, owned.st_gid, {owned.st_gid}};
+    if (const passwd *entry = ::getpwuid(owned.st_uid)) {
+        owner.group = entry->pw_gid;
+        int count = NGROUPS_MAX;
+        owner.groups.resize(static_cast<std::size_t>(count));
+        ::getgrouplist(entry->pw_name, entry->pw_gid, owner.groups.data(), &count);
+        owner.groups.resize(static_cast<std::size_t>(count));
+    }
+    return owner;
+}
+
+bool become_user(const User &user) {
+    return ::setgroups(user.groups.size(), user.groups.data()) == 0 &&
+           ::setresgid(user.group, user.group, user.group) == 0 &&
+           ::setresuid(user.user, user.user, user.user) == 0;
+}
+
+struct Start {
+    std::array<int, 3> streams;
+    char *const *argv;
+    char *const *environment;
+    std::optional<User> user;
+    std::vector<int> kept; // descriptors that the guard keeps open, in ascending order
+};
+
+[[noreturn]] void guard(const Start &start, pid_t parent, int report) {
     ::prctl(PR_SET_PDEATHSIG, SIGTERM);
     ::prctl(PR_SET_CHILD_SUBREAPER, 1);
     std::signal(SIGCHLD, SIG_DFL); // if it were ignored, there would be no status to wait for
@@ -123,14 +161,19 @@ void close_all_but(const std::vector<int> &kept) {
     const pid_t program = ::fork();
     if (program == 0) {
         ::setsid();
-        become(streams, argv, environment, self, report);
+        if (start.user && !become_user(*start.user)) {
+            const int error = errno;
+            [[maybe_unused]] const ssize_t told = ::write(report, &error, sizeof error);
+            ::_exit(EXIT_FAILURE);
+        }
+        become(start.streams, start.argv, start.environment, self, report);
     }
     if (program < 0) {
         const std::array<int, 2> failure{errno, 0};
         [[maybe_unused]] const ssize_t told = ::write(report, failure.data(), sizeof failure);
         ::_exit(EXIT_FAILURE);
     }
-    close_all_but(kept);
+    close_all_but(start.kept);
 
     sigset_t expected;
     ::sigemptyset(&expected);
@@ -248,9 +291,13 @@ ProgramEnd run_program(const ProgramCall &call) {
         check(::fcntl(report.writing.get(), F_DUPFD_CLOEXEC, first_other_descriptor), "pipe"));
     report.writing.reset();
 
-    std::vector<int> kept = FileLock::held(); // of the guard
-    kept.push_back(told.get());
-    std::sort(kept.begin(), kept.end());
+    Start start{{input.get(), output.writing.get(), errors.writing.get()},
+                argv.data(),
+                environment.data(),
+                other_owner(call.as_owner_of),
+                FileLock::held()};
+    start.kept.push_back(told.get());
+    std::sort(start.kept.begin(), start.kept.end());
 
     const pid_t self = ::getpid();
     pid_t process = -1;
@@ -258,8 +305,7 @@ ProgramEnd run_program(const ProgramCall &call) {
         const AllSignalsBlocked blocked; // no handler of the caller runs in the guard
         process = check(::fork(), "fork");
         if (process == 0) {
-            guard({input.get(), output.writing.get(), errors.writing.get()}, argv.data(),
-                  environment.data(), self, told.get(), kept);
+            guard(start, self, told.get());
         }
     }
     Guard running(process);

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <filesystem>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -19,6 +20,9 @@ struct ProgramCall {
     std::size_t output_limit;
     // NAME=VALUE, in addition to PATH and LC_ALL=C; it inherits no variable.
     std::vector<std::string> environment = {};
+    // A superuser's program runs as the owner of this folder, in that user's groups, so that it
+    // leaves no files that the owner can't open (base/ownership.h).
+    std::filesystem::path as_owner_of = {};
 };
 
 struct ProgramEnd {

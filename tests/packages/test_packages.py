@@ -299,6 +299,13 @@ def test_device_of_programs(switch):
     config_copy(switch, f"tftp://{SERVER}/tiny.cfg running")
     assert cmdshell(switch, "show running-config") == "hostname small\nvlan 3\n"
 
+    # The superuser at the command line leaves the agent its files.
+    switch.shell("echo 'vlan 4' > /root/change.cfg")
+    cmdshell(switch, "configure /root/change.cfg")
+    assert owner(switch, "/var/lib/tiny-switch/running") == "Debian-snmp"
+    config_copy(switch, f"running tftp://{SERVER}/after.cfg")
+    assert (switch.served / "after.cfg").read_text() == "hostname small\nvlan 3\nvlan 4\n"
+
     ended = config_copy(switch, "running startup", check=False)
     assert ended.returncode == 1
     assert "Read-only file system" in cmdshell(switch, "show last-save")
@@ -308,7 +315,7 @@ def test_device_of_programs(switch):
         "systemctl daemon-reload && systemctl restart wardend"
     )
     config_copy(switch, "running startup")
-    assert cmdshell(switch, "show startup-config") == "hostname small\nvlan 3\n"
+    assert cmdshell(switch, "show startup-config") == "hostname small\nvlan 3\nvlan 4\n"
     assert owner(switch, "/var/lib/tiny-switch/startup") == "Debian-snmp"
 
     settings.write_text(before)

@@ -144,7 +144,8 @@ class CommandBackend final : public DeviceBackend {
         ProgramCall call{.words = program_setting(task.program),
                          .input = text,
                          .time_limit = std::chrono::seconds(*number_setting("device_time_limit")),
-                         .output_limit = configuration_text_limit};
+                         .output_limit = configuration_text_limit,
+                         .as_owner_of = directory_};
         std::optional<NamedText> file;
         if (std::find(call.words.begin(), call.words.end(), text_file_word) != call.words.end()) {
             file.emplace(directory_, text);

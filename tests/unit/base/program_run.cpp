@@ -3,10 +3,12 @@
 #include "base/state_file.h"
 #include "tests/unit/child.h"
 #include "tests/unit/scratch.h"
+#include "tests/unit/superuser.h"
 
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -333,6 +335,72 @@ TEST(ProgramRun, NothingIsInherited) {
                       "/\n0077\nown session\n");
     EXPECT_EQ(variables, "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin\n"
                          "LC_ALL=C\nFILE=x\n");
+}
+
+TEST(ProgramRun, SuperusersProgramRunsAsAnOwner) {
+    REQUIRE_SUPERUSER("gives a folder to another user");
+    const Scratch scratch;
+    const auto ids = [&](uid_t user, gid_t group) {
+        const auto folder = scratch.root() / std::to_string(user);
+        std::filesystem::create_directory(folder);
+        EXPECT_EQ(::chown(folder.c_str(), user, group), 0);
+        ProgramCall call = shell("echo $(id -u) $(id -ru) $(id -g) $(id -G); cat; cat /dev/stdin; "
+                                 "grep CapEff /proc/self/status",
+                                 "in ");
+        call.as_owner_of = folder;
+        return run_program(call).output;
+    };
+    const passwd *nobody = ::getpwnam("nobody");
+    ASSERT_NE(nobody, nullptr);
+    const std::string group = std::to_string(nobody->pw_gid);
+    EXPECT_EQ(ids(nobody->pw_uid, 0), std::to_string(nobody->pw_uid) + " " +
+                                          std::to_string(nobody->pw_uid) + " " + group + " " +
+                                          group + "\nin in CapEff:\t0000000000000000\n");
+    EXPECT_EQ(ids(54321, 54322), "54321 54321 54322 54322\nin in CapEff:\t0000000000000000\n");
+    EXPECT_TRUE(ids(0, 54322).starts_with("0 0 0 ")) << "of its own folder";
+
+    // It is killed all the same. An ordinary user stays that user.
+    Hanging hanging;
+    std::filesystem::create_directory(scratch.root() / "x");
+    ASSERT_EQ(::chown((scratch.root() / "x").c_str(), nobody->pw_uid, 0), 0);
+    ProgramCall call = hanging.call("sleep 60 & exec sleep 60");
+    call.as_owner_of = scratch.root() / "x";
+    EXPECT_EQ(run_program(call).limit, ProgramEnd::Limit::time);
+    EXPECT_EQ(host_test::in_child([&] {
+                  if (::setuid(nobody->pw_uid) != 0) {
+                      return 1;
+                  }
+                  call.words.back() = "id -u";
+                  call.time_limit = plenty;
+                  return run_program(call).output == std::to_string(nobody->pw_uid) + "\n" ? 0 : 2;
+              }),
+              0);
+}
+
+TEST(ProgramRun, DiesAsAnotherUserWithItsGuard) {
+    REQUIRE_SUPERUSER("gives a folder to another user");
+    Hanging hanging;
+    const auto folder = hanging.pids().parent_path();
+    ASSERT_EQ(::chown(folder.c_str(), 54321, 54322), 0);
+    ProgramCall call = hanging.call("echo $$ $PPID >>$PIDS; exec sleep 60");
+    call.as_owner_of = folder;
+    call.time_limit = plenty;
+    const pid_t caller = host_test::start_child([&call] {
+        try {
+            run_program(call);
+        } catch (const std::runtime_error &error) {
+            return std::string(error.what()) == "the process that watches /bin/sh was ended" ? 0
+                                                                                             : 1;
+        }
+        return 2;
+    });
+    pid_t program = 0;
+    pid_t watching = 0;
+    EXPECT_TRUE(soon(
+        [&] { return static_cast<bool>(std::ifstream(hanging.pids()) >> program >> watching); }));
+    EXPECT_EQ(::kill(watching, SIGKILL), 0);
+    EXPECT_EQ(host_test::exit_status_of(caller), 0);
+    EXPECT_TRUE(soon([&] { return hanging.all_gone(2); }));
 }
 
 TEST(ProgramRun, CallerKeepsItsSignals) {
