@@ -344,7 +344,11 @@ class FrrBackend final : public DeviceBackend {
 
 ProgramEnd FrrBackend::run(const Words &program, const Words &arguments,
                            std::string_view input) const {
-    ProgramCall call{program, input, time_limit_, configuration_text_limit};
+    ProgramCall call{.words = program,
+                     .input = input,
+                     .time_limit = time_limit_,
+                     .output_limit = configuration_text_limit,
+                     .as_owner_of = wanted_file_.parent_path()};
     call.words.insert(call.words.end(), arguments.begin(), arguments.end());
     ProgramEnd end = run_program(call);
     end.complaint = plain(end.complaint);
