@@ -21,35 +21,16 @@ LIMIT = 1  # second
 NOTHING_WAITS = "no change waits to be saved"
 
 
-def daemon_killed(name):
-    def kill():
-        invariants.killed(name)
-        return lambda: ct.lab_ctl(f"start-{name}")
-
-    return kill
-
-
-def children_killed(name):
-    """The worker of the agent; a save or the way back of the system manager."""
-
-    def kill():
-        for pid in ct.children(invariants.pid_of(name)):
-            with contextlib.suppress(ProcessLookupError):
-                os.kill(pid, signal.SIGKILL)
-                return lambda: None
-        return None
-
-    return kill
-
-
-VICTIMS = {
-    "agent": daemon_killed("agent"),
-    "worker": children_killed("agent"),
-    "system manager": daemon_killed("system-manager"),
-    "save or way back": children_killed("system-manager"),
-}
-# When the interesting moments are, in seconds after the activation.
+# The daemons, and whose child is to be killed: the worker of the agent, and the system manager's
+# process for a save or the way back.
+DAEMONS = ("agent", "system-manager")
+PARENTS = {"worker": "agent", "save or way back": "system-manager"}
+VICTIMS = (*DAEMONS, *PARENTS)
+# When the interesting moments of a daemon are, in seconds after the activation.
 MOMENTS = ((0, 0.03), (0, LIMIT), (LIMIT - 0.02, LIMIT + 0.06))
+# How long a child has lived at most when it is killed. What comes too late makes the next one come
+# earlier.
+longest = dict.fromkeys(PARENTS, 0.005)
 
 
 class Round:
@@ -62,7 +43,7 @@ class Round:
         self.restored = f"{name}{vlans}end\n".encode()
         self.restore = ct.Request(manager).create(*ct.download(ct.SERVER4, "new.cfg"))
         self.save = saves.save(manager, notify=ct.FALSE)
-        self.victim = [*VICTIMS][campaign.round % len(VICTIMS)]
+        self.victim = VICTIMS[campaign.round % len(VICTIMS)]
         self.moment = chance.uniform(*chance.choice(MOMENTS))
         # Of two rounds, one is saved; at a moment that may come too late.
         self.save_moment = chance.uniform(0.02, LIMIT + 0.2) if chance.random() < 0.5 else None
@@ -79,24 +60,39 @@ class Round:
         """Kills, and saves, when their time has come."""
         self.restore.activate()
         began = time.monotonic()
-        todo = [(self.moment, self.kill)]
-        if self.save_moment is not None:
-            todo.append((self.save_moment, self.begin_save))
+        todo = [] if self.save_moment is None else [(self.save_moment, self.begin_save)]
+        if self.victim == "worker":
+            self.kill_child()
+        elif self.victim in DAEMONS:
+            todo.append((self.moment, self.kill_daemon))
         for moment, act in sorted(todo, key=lambda one: one[0]):
             while time.monotonic() < began + moment:
                 self.whole()
                 time.sleep(min(0.01, max(0, began + moment - time.monotonic())))
             act()
+        if self.victim == "save or way back":
+            self.kill_child()
 
-    def kill(self):
-        starts_again = VICTIMS[self.victim]()
-        kind = f"{self.victim} killed"
-        if starts_again is None:
-            self.campaign.figures["missed"] += 1
-            return
-        self.campaign.figures[kind] += 1
+    def kill_daemon(self):
+        invariants.killed(self.victim)
         self.whole()
-        starts_again()
+        ct.lab_ctl(f"start-{self.victim}")
+        self.campaign.figures[f"{self.victim} killed"] += 1
+
+    def kill_child(self):
+        """Kills the next child that appears, if it is not faster."""
+        parent = invariants.pid_of(PARENTS[self.victim])
+        deadline = time.monotonic() + LIMIT + 0.5
+        while not (children := ct.children(parent)) and time.monotonic() < deadline:
+            self.whole()
+        time.sleep(self.chance.uniform(0, longest[self.victim]))
+        hits = [pid for pid in children if ct.process_state(pid) not in (None, "Z")]
+        for pid in hits:
+            with contextlib.suppress(ProcessLookupError):
+                os.kill(pid, signal.SIGKILL)
+        self.whole()
+        longest[self.victim] *= 1.03 if hits else 0.9
+        self.campaign.figures[f"{self.victim} killed" if hits else "missed"] += 1
 
     def begin_save(self):
         # Refused while the restore runs or on the way back, not answered by a killed agent.

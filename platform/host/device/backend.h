@@ -53,6 +53,9 @@ class DeviceBackend {
     // one or the new one. Calls `before_commit` once, when all that can fail has been done as far
     // as possible; if it throws, nothing changes.
     virtual void save(const std::function<void()> &before_commit) = 0;
+    // A file that changes whenever a program stores a startup configuration, as a sign to compare
+    // it; empty if there is none. By default startup_file().
+    [[nodiscard]] virtual std::filesystem::path startup_trace() const { return startup_file(); }
     // Whether the startup configuration is the running configuration. By default, whether both
     // texts are the same.
     virtual bool is_saved();

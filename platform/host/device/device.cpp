@@ -314,12 +314,12 @@ void Device::wait(const std::string &former, std::chrono::seconds limit) {
         return;
     }
     way_back_.wait({former, std::time(nullptr), limit, confirmation_.clock() + limit,
-                    backend_->startup_file(), startup_mark()});
+                    backend_->startup_trace(), startup_mark()});
 }
 
 // Tells two startup configurations apart; empty if there is none, or it can't be read.
 std::string Device::startup_mark() {
-    const std::filesystem::path file = backend_->startup_file();
+    const std::filesystem::path file = backend_->startup_trace();
     if (!file.empty()) {
         return mark_of(file);
     }

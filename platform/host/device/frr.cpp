@@ -280,6 +280,9 @@ class FrrBackend final : public DeviceBackend {
     // During a save there is an instant without the file: show_startup() covers it.
     [[nodiscard]] std::filesystem::path startup_file() const override { return {}; }
 
+    // FRR's own shell writes it as well.
+    [[nodiscard]] std::filesystem::path startup_trace() const override { return file_; }
+
     std::optional<std::string> show_startup() override {
         auto text = stored();
         if (const auto save = begun_save(); save && save->is_torn(text)) {

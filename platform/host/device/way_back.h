@@ -18,8 +18,8 @@ struct WaitingChange {
     std::time_t made = 0;
     std::chrono::seconds limit{};
     std::chrono::milliseconds deadline{}; // time_since_boot()
-    // The file with the startup configuration, if there is one, and how it was at the change: only
-    // a startup configuration that was stored after the change can confirm it.
+    // DeviceBackend::startup_trace(), and how it was at the change: only a startup configuration
+    // that was stored after the change can confirm it.
     std::filesystem::path startup_file;
     std::string startup_mark;
 };

@@ -2,14 +2,17 @@
 and saves work as with any device; a program that misbehaves fails them with one reason, and leaves
 the device as it was."""
 
+import os
 import re
+import signal
+import time
 from pathlib import Path
 
 import pytest
 from copy_table import (
     BAD_FILE, BAD_LINE, GENERAL, LOCAL_STARTUP_TO_RUNNING, LOGS, SERVER4, SERVER_ROOT, STARTUP,
-    STATE_SUCCESSFUL, History, Request, download, run, serve, show,
-    upload, wait_for,
+    STATE_SUCCESSFUL, History, Request, agent_pid, children, download, run, serve, show, upload,
+    wait_for,
 )
 from protocols import EVERY_PROTOCOL, family, left_clean, settings
 from saves import (
@@ -99,6 +102,34 @@ def test_exact_restore(operator, device):
     serve("whole.cfg", "configuration replace\nhostname other\nvlan 3\n")
     Request(operator).create(*download(SERVER4, "whole.cfg")).copied()
     assert device.running() == "hostname other\nvlan 3\n"
+
+
+@pytest.mark.parametrize("is_destroyed", [False, True], ids=["worker killed", "row destroyed"])
+def test_change_that_is_killed_half_way(operator, device, is_destroyed):
+    serve("new.cfg", "vlan 12\n")
+    with settings(**device.broken("apply", "sleep 60")):
+        request = Request(operator).create(*download(SERVER4, "new.cfg")).activate()
+        wait_for(lambda: device.running() == BEFORE + "vlan 12\n", what="the half of the change")
+        if is_destroyed:
+            request.destroy()
+        else:
+            os.kill(children(agent_pid())[0], signal.SIGKILL)
+        wait_for(lambda: device.running() == BEFORE, 5, "the way back")
+    wait_for(lambda: " from=former to=running outcome=successful " in run(
+        "cmdshell", "-c", "show copies").splitlines()[0], what="its line")
+    assert show("running") == BEFORE
+
+
+def test_restore_that_is_not_saved_in_time(operator, device):
+    serve("new.cfg", "configuration replace\nhostname other\n")
+    with settings(confirm_limit=1):
+        Request(operator).create(*download(SERVER4, "new.cfg")).copied()
+        assert device.running() == "hostname other\n"
+        wait_for(lambda: device.running() == BEFORE, 5, "the way back")
+        Request(operator).create(*download(SERVER4, "new.cfg")).copied()
+        save(operator).copied()
+        time.sleep(1.7)
+        assert device.running() == device.startup() == "hostname other\n"
 
 
 def test_startup_to_running(operator, device):

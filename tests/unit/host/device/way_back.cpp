@@ -390,6 +390,14 @@ TEST_F(WayBack, ASecondChangeThatFailsOrDiesLeavesTheFirstOneWaiting) {
     EXPECT_EQ(runs(), before);
 }
 
+TEST_F(WayBack, AChangeThatDiesBeforeItsEndDoesNotWait) {
+    keep();
+    careful()->apply("three\n");
+    ulmo::WayBack(state()).begin(before);
+    EXPECT_EQ(careful()->show(ConfigurationStore::running), before);
+    EXPECT_FALSE(waits());
+}
+
 TEST_F(WayBack, NothingWaitsWithoutADifference) {
     keep();
     careful()->apply("configuration replace\n" + std::string(before));

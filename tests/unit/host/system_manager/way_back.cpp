@@ -159,6 +159,9 @@ TEST_F(WardenWayBack, AWayBackThatFailsIsTriedAgain) {
         logs("the way back has failed, next attempt in 1 s: the former configuration is "
              "not in force again yet (a change of the running configuration did not end): " +
              running().string() + " is not valid: line 1: unknown statement 'bogus'"));
+    const auto began = std::chrono::steady_clock::now();
+    EXPECT_TRUE(logs("the way back has failed, next attempt in 2 s: *"));
+    EXPECT_GT(std::chrono::steady_clock::now() - began, 900ms);
     file("state/running.cfg", new_text);
     EXPECT_TRUE(comes_back());
 }
