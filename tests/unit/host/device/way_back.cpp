@@ -258,7 +258,7 @@ TEST_F(WayBack, AnAtomicDeviceNeedsNoJournal) {
 
 TEST_F(WayBack, RandomKills) {
     constexpr unsigned seed = 14;
-    constexpr int rounds = 200;
+    constexpr int rounds = 100;
     std::mt19937 random(seed);
     const std::string more = "three\nfour\nfive\nsix\n";
     int undone = 0;
