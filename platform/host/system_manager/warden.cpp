@@ -1,6 +1,7 @@
 #include "platform/host/system_manager/warden.h"
 
 #include "base/boot.h"
+#include "base/c_boundary.h"
 #include "base/folders.h"
 #include "base/posix.h"
 #include "base/settings.h"
@@ -73,7 +74,10 @@ void drop(const Incoming &incoming, const char *why) {
 
 } // namespace
 
-Warden::Warden() : server_(MSGBUS_SAP_WARDEN), signals_(signals_that_are_read()) {}
+Warden::Warden() : server_(MSGBUS_SAP_WARDEN), signals_(signals_that_are_read()) {
+    // Before it is ready. look_back() reports a failure, and tries again.
+    quietly([this] { keep(state_dir()); }, [](const char *) {});
+}
 
 void Warden::run() {
     // Before the first request: a change that was to be undone by now must not be saved.
@@ -243,6 +247,14 @@ void Warden::end(const ActionOutcome &outcome) {
     }
 }
 
+// Shows that this process looks after the way back.
+void Warden::keep(const std::filesystem::path &directory) {
+    if (!keeper_) {
+        constexpr std::chrono::milliseconds patience{100}; // with what is left of another one
+        keeper_.emplace(way_back_keeper(directory), FileLock::Mode::exclusive, patience);
+    }
+}
+
 void Warden::look_back() {
     if (way_back_) {
         way_back_->kill_if_overdue();
@@ -260,13 +272,10 @@ void Warden::look_back() {
         return;
     }
     constexpr std::chrono::milliseconds pause{500};
-    constexpr std::chrono::milliseconds patience{100}; // with what is left of another one
     next_look_ = Clock::now() + pause;
     try {
         const std::filesystem::path directory = state_dir();
-        if (!keeper_) {
-            keeper_.emplace(way_back_keeper(directory), FileLock::Mode::exclusive, patience);
-        }
+        keep(directory);
         if (const auto time = time_to_way_back(directory); !time) {
             failed_looks_ = 0;
         } else if (time->count() == 0) {

@@ -16,6 +16,7 @@
 #include "platform/host/system_manager/action_process.h"
 
 #include <chrono>
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
@@ -50,6 +51,7 @@ class Warden {
     void begin(Work &work);
     void collect();
     void end(const ActionOutcome &outcome);
+    void keep(const std::filesystem::path &directory);
     void look_back();
     void put_off(const std::string &reason);
     [[nodiscard]] int time_to_wait() const;
