@@ -375,7 +375,7 @@ void Agent::end_worker(pid_t worker, int32_t status, const std::string &reason) 
     if (!workers_.take_report(worker)) {
         return;
     }
-    ::kill(worker, SIGKILL);
+    kill_with_descendants(worker);
     log_error("agent: worker %d ended: %s", worker, reason.c_str());
     deliver_status(status);
     copy_watch().ended(worker, status, reason);

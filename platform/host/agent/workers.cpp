@@ -23,6 +23,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <fstream>
 #include <memory>
 #include <utility>
 
@@ -137,6 +138,19 @@ std::string how_it_ended(int status) {
 }
 
 } // namespace
+
+void kill_with_descendants(pid_t process) noexcept {
+    // A stopped parent neither starts more children nor reaps any: their numbers stay theirs.
+    ::kill(process, SIGSTOP);
+    log_failure("worker: its programs can't be found", [process] {
+        const std::string id = std::to_string(process);
+        std::ifstream list("/proc/" + id + "/task/" + id + "/children"); // proc(5)
+        for (pid_t child = 0; list >> child;) {
+            kill_with_descendants(child);
+        }
+    });
+    ::kill(process, SIGKILL);
+}
 
 std::filesystem::path worker_directory(pid_t worker) {
     return work_root() / std::to_string(worker);

@@ -30,6 +30,10 @@ std::filesystem::path worker_directory(pid_t worker);
 // created, the process ends.
 void become_worker(pid_t agent, const std::vector<int> &foreign) noexcept;
 
+// Kills a process of the caller with all that it has started, stopped processes included. The death
+// of a worker alone would not reach a program that one of its programs has forked, and that stops.
+void kill_with_descendants(pid_t process) noexcept;
+
 // Removes the folders of workers that are gone. Does not throw.
 void sweep_worker_directories() noexcept;
 
