@@ -30,7 +30,7 @@ def run(*words, check=True, **options):
 
 def needs_of(package):
     """The Debian packages that it depends on; of alternatives, the first."""
-    needs = (need.split("|")[0].split("(")[0].strip()
+    needs = (need.split("|")[0].split("(")[0].split(":")[0].strip()
              for need in run("dpkg-deb", "-f", package, "Depends").stdout.split(","))
     return [need for need in needs if need and not need.startswith("config-copy")]
 
@@ -154,12 +154,24 @@ def packages():
 
 
 @pytest.fixture(scope="session")
-def switch(packages):
+def frr():
+    """FRR's packages. Nothing of what they need beyond Debian's own is in them."""
+    place = PLACE / "frr"
+    shutil.rmtree(place, ignore_errors=True)
+    place.mkdir(parents=True)
+    run("apt-get", "download", "-q", "-o", "APT::Sandbox::User=root", "frr", "frr-pythontools",
+        cwd=place)
+    return sorted(place.glob("*.deb"))
+
+
+@pytest.fixture(scope="session")
+def switch(packages, frr):
     PLACE.mkdir(parents=True, exist_ok=True)
     root = PLACE / "root"
     shutil.rmtree(root, ignore_errors=True)
     present = ",".join(
-        {*PRESENT, *(need for package in packages.values() for need in needs_of(package))})
+        {*PRESENT, *(need for package in (*packages.values(), *frr) for need in needs_of(package)
+                     if need != "frr")})
     root.mkdir()
     # debootstrap takes no path with blanks, so it sees the folder under another name.
     run(

@@ -324,6 +324,51 @@ def test_device_of_programs(switch):
     config_copy(switch, "running startup")
 
 
+def test_device_frr(switch, frr):
+    """docs/devices.md, with FRR as Debian installs and starts it, and the units as they are."""
+    before = cmdshell(switch, "show running-config")
+    settings = switch.root / "etc/ulmo/platform.conf"
+    before_settings = settings.read_text()
+    for package in frr:
+        shutil.copy(package, switch.root / "root")
+    # not apt-get, which would fetch what the archive has, too
+    switch.run("dpkg", "-i", *(f"/root/{package.name}" for package in frr))
+    text = (REPOSITORY / "docs/devices.md").read_text()
+    (block,) = re.findall(r"^```\napt install frr .*?\n(.*?)^```$", text, re.M | re.S)
+    assert block.count("\n") <= 10
+    shown = switch.shell(f"set -e\n{block}")
+    assert "frr version" in shown and "% " not in shown
+    wait_until(lambda: agent_answers(switch))
+
+    config_copy(switch, f"running tftp://{SERVER}/frr.cfg")
+    backup = (switch.served / "frr.cfg").read_text()
+    assert backup.startswith("frr version ")
+    (switch.served / "bgp.cfg").write_text(
+        "router bgp 65001\n neighbor 192.0.2.2 remote-as 65002\n")
+    config_copy(switch, f"tftp://{SERVER}/bgp.cfg running")
+    assert "remote-as 65002" in switch.run("vtysh", "-c", "show running-config").stdout
+    (switch.served / "bad.cfg").write_text("no router bgp 65001\nrouter ospf\n")
+    ended = config_copy(switch, f"tftp://{SERVER}/bad.cfg running", check=False)
+    assert ended.returncode == 1
+    assert "line 2: ospfd does not run" in cmdshell(switch, "show copies").splitlines()[0]
+    config_copy(switch, "running startup")  # by the system manager, with all its restrictions
+    assert "remote-as 65002" in (switch.root / "etc/frr/frr.conf").read_text()
+    assert switch.shell("stat -c '%U %G %a' /etc/frr/frr.conf") == "frr frr 640\n"
+    switch.run("systemctl", "restart", "frr")
+    assert "remote-as 65002" in switch.run("vtysh", "-c", "show running-config").stdout
+    (switch.served / "exact.cfg").write_text(f"configuration replace\n{backup}")
+    config_copy(switch, f"tftp://{SERVER}/exact.cfg running")
+    config_copy(switch, f"startup tftp://{SERVER}/startup.cfg")
+    assert "remote-as 65002" in (switch.served / "startup.cfg").read_text()
+    assert cmdshell(switch, "show running-config") == backup
+
+    settings.write_text(before_settings)
+    switch.shell("apt-get purge -y frr frr-pythontools; deluser Debian-snmp frr; "
+                 "deluser Debian-snmp frrvty; systemctl restart wardend snmpd")
+    wait_until(lambda: agent_answers(switch))
+    assert cmdshell(switch, "show running-config") == before
+
+
 def test_mib_module(switch):
     names = switch.shell(
         "snmptranslate -M /usr/share/snmp/mibs:/usr/share/config-copy-mib/mibs -m CONFIG-COPY-MIB "
