@@ -24,7 +24,7 @@ while [[ $# -gt 0 ]]; do
 done
 if [[ ${#folders[@]} -eq 0 ]]; then
     # the longest ones first, so that none is left to run alone
-    folders=(vrf default config_copy protocols transfer_scripts packages)
+    folders=(vrf default frr config_copy protocols transfer_scripts packages)
     for options in "$tests"/system/*/options; do
         folder=$(basename "$(dirname "$options")")
         [[ " ${folders[*]} " == *" $folder "* ]] || folders+=("$folder")

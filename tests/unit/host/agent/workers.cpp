@@ -25,7 +25,7 @@ TEST(Workers, AStoppedGrandchildDiesWithTheWorker) {
         if (program == 0) {
             if (::fork() == 0) {
                 ::setsid();
-                ::write(writing.get(), "!", 1);
+                [[maybe_unused]] const ssize_t told = ::write(writing.get(), "!", 1);
                 ::raise(SIGSTOP);
             }
             ::pause();
