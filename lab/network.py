@@ -59,7 +59,6 @@ def make_vrf(name):
         "netns", SERVER)
     run("ip", "-n", SERVER, "link", "set", port_name("vrf"), "master", "br0", "up")
     run("ip", "-n", name, "link", "set", "vrf0", "up")
-    ask_for_ever(lambda *words: in_namespace(name, *words), "vrf0")
     for address in (f"{IN_VRF4}/24", f"{IN_VRF6}/64"):
         run("ip", "-n", SERVER, "address", "add", address, "dev", "br0")
         run("ip", "-n", name, "address", "add", address.replace("20/", "10/"), "dev", "vrf0")
@@ -83,14 +82,17 @@ def prepare_namespace(within):
     run(*within("ip", "link", "set", "lo", "up"))
 
 
-def ask_for_ever(within, device):
+def expect_silence(number, is_cut):
     """A link that is cut looks as if it were behind a router: the switch goes on asking for the
-    other side's address, instead of reporting it as unreachable after some seconds."""
-    run(*within("sh", "-ec", f"""
-        for neighbours in /proc/sys/net/ipv[46]/neigh/{device}; do
-            echo 1000000 >$neighbours/mcast_solicit
-            echo 100 >$neighbours/retrans_time_ms
-        done"""))
+    other side's address, instead of reporting it as unreachable after some seconds. Whatever it
+    has asked so far is forgotten."""
+    probes, interval = (1_000_000, 100) if is_cut else (3, 1000)  # arp(7)
+    run(*on_switch(number, "sh", "-ec", f"""
+        for neighbours in /proc/sys/net/ipv[46]/neigh/{DEVICE}; do
+            echo {probes} >$neighbours/mcast_solicit
+            echo {interval} >$neighbours/retrans_time_ms
+        done
+        ip neigh flush dev {DEVICE}"""))
 
 
 def connect_switch(number, relayed):
@@ -104,7 +106,6 @@ def connect_switch(number, relayed):
     run("ip", "-n", SERVER, "link", "set", port, "master", "br0")
     run("ip", "-n", SERVER, "link", "set", port, "txqueuelen", "10000", "up")
     run(*on_switch(number, "ip", "link", "set", DEVICE, "txqueuelen", "10000", "up"))
-    ask_for_ever(lambda *words: on_switch(number, *words), DEVICE)
     address4, address6 = switch_addresses(number)
     run(*on_switch(number, "ip", "address", "add", f"{address4}/24", "dev", DEVICE))
     run(*on_switch(number, "ip", "address", "add", f"{address6}/64", "dev", DEVICE))
