@@ -199,7 +199,7 @@ void Device::apply(std::string_view text) {
         change(statements, whole.has_value());
         return;
     }
-    if (limit.count() != 0 && !is_locked(way_back_keeper(directory_))) {
+    if (limit.count() != 0 && !is_locked(way_back_keeper())) {
         throw std::runtime_error("confirm_limit is set, and the system manager, which would undo "
                                  "the change, is not running");
     }

@@ -1,6 +1,7 @@
 #include "platform/host/device/way_back.h"
 
 #include "base/boot.h"
+#include "base/folders.h"
 #include "base/number.h"
 #include "base/posix.h"
 #include "base/state_file.h"
@@ -150,8 +151,8 @@ std::optional<std::chrono::milliseconds> time_to_way_back(const std::filesystem:
     return std::max(change.deadline - time_since_boot(), milliseconds{0});
 }
 
-std::filesystem::path way_back_keeper(const std::filesystem::path &directory) {
-    return directory / "way-back.keeper";
+std::filesystem::path way_back_keeper() {
+    return run_dir() / "way-back.keeper";
 }
 
 std::filesystem::path device_lock(const std::filesystem::path &directory) {

@@ -56,8 +56,10 @@ std::string mark_of(const std::filesystem::path &file);
 // meanwhile; nothing if nothing waits, or while the device is in use. Does not wait for the lock.
 std::optional<std::chrono::milliseconds> time_to_way_back(const std::filesystem::path &directory);
 
-// The lock that the system manager holds to show that it looks after the way back.
-std::filesystem::path way_back_keeper(const std::filesystem::path &directory);
+// The lock that the system manager holds to show that it looks after the way back. It is in the run
+// directory: a file that is open for writing would keep the state directory from becoming
+// read-only. Throws as run_dir() does.
+std::filesystem::path way_back_keeper();
 
 // The lock of all operations on the device.
 std::filesystem::path device_lock(const std::filesystem::path &directory);

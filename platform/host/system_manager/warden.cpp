@@ -76,7 +76,7 @@ void drop(const Incoming &incoming, const char *why) {
 
 Warden::Warden() : server_(MSGBUS_SAP_WARDEN), signals_(signals_that_are_read()) {
     // Before it is ready. look_back() reports a failure, and tries again.
-    quietly([this] { keep(state_dir()); }, [](const char *) {});
+    quietly([this] { keep(); }, [](const char *) {});
 }
 
 void Warden::run() {
@@ -248,10 +248,10 @@ void Warden::end(const ActionOutcome &outcome) {
 }
 
 // Shows that this process looks after the way back.
-void Warden::keep(const std::filesystem::path &directory) {
+void Warden::keep() {
     if (!keeper_) {
         constexpr std::chrono::milliseconds patience{100}; // with what is left of another one
-        keeper_.emplace(way_back_keeper(directory), FileLock::Mode::exclusive, patience);
+        keeper_.emplace(way_back_keeper(), FileLock::Mode::exclusive, patience);
     }
 }
 
@@ -274,9 +274,8 @@ void Warden::look_back() {
     constexpr std::chrono::milliseconds pause{500};
     next_look_ = Clock::now() + pause;
     try {
-        const std::filesystem::path directory = state_dir();
-        keep(directory);
-        if (const auto time = time_to_way_back(directory); !time) {
+        keep();
+        if (const auto time = time_to_way_back(state_dir()); !time) {
             failed_looks_ = 0;
         } else if (time->count() == 0) {
             // It may take long, so it has a process of its own.

@@ -51,7 +51,7 @@ class Warden {
     void begin(Work &work);
     void collect();
     void end(const ActionOutcome &outcome);
-    void keep(const std::filesystem::path &directory);
+    void keep();
     void look_back();
     void put_off(const std::string &reason);
     [[nodiscard]] int time_to_wait() const;

@@ -225,7 +225,7 @@ def test_nothing_is_renamed_before_it_is_on_the_disk(switch, tmp_path):
     switch.start()
     switch.save()
     starting = [
-        "open way-back.keeper", "open configuration.lock", *prepared("running.cfg"),
+        "open configuration.lock", *prepared("running.cfg"),
         *committed("running.cfg")
     ]
     saving = ["open configuration.lock", *prepared("system.cfg"), *committed("system.cfg")]

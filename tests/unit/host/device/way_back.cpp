@@ -84,7 +84,7 @@ class WayBack : public DeviceTest {
         return {[this] { return limit_; }, [this] { return now_; }};
     }
     void keep() {
-        keeper_ = std::make_unique<ulmo::FileLock>(ulmo::way_back_keeper(state()),
+        keeper_ = std::make_unique<ulmo::FileLock>(ulmo::way_back_keeper(),
                                                    ulmo::FileLock::Mode::exclusive, 1s);
     }
     std::string runs() const { return content(state() / "lines.running"); }
