@@ -82,19 +82,6 @@ def prepare_namespace(within):
     run(*within("ip", "link", "set", "lo", "up"))
 
 
-def expect_silence(number, is_cut):
-    """A link that is cut looks as if it were behind a router: the switch goes on asking for the
-    other side's address, instead of reporting it as unreachable after some seconds. Whatever it
-    has asked so far is forgotten."""
-    probes, interval = (1_000_000, 100) if is_cut else (3, 1000)  # arp(7)
-    run(*on_switch(number, "sh", "-ec", f"""
-        for neighbours in /proc/sys/net/ipv[46]/neigh/{DEVICE}; do
-            echo {probes} >$neighbours/mcast_solicit
-            echo {interval} >$neighbours/retrans_time_ms
-        done
-        ip neigh flush dev {DEVICE}"""))
-
-
 def connect_switch(number, relayed):
     """Joins the switch's device to the server's bridge. With a relay both ends exist already."""
     port = port_name(number)

@@ -1,5 +1,6 @@
 """Copies that the switch gives up: all their processes end, and the next copy begins at once."""
 
+import json
 import os
 import re
 import signal
@@ -17,6 +18,17 @@ from test_settings import SETTINGS
 
 PROTOCOLS = pytest.mark.parametrize("protocol", [TFTP, FTP, SFTP, SCP],
                                     ids=["tftp", "ftp", "sftp", "scp"])
+
+
+@pytest.fixture(autouse=True)
+def known_server():
+    """The server's address stays known while the link is cut, as if the cut were behind a router:
+    otherwise the switch reports the server as unreachable after some seconds."""
+    [bridge] = json.loads(lab_ctl("server-exec", "ip", "-j", "link", "show", "br0"))
+    entry = (SERVER4, "dev", "mgmt0")
+    run("ip", "neigh", "replace", *entry, "lladdr", bridge["address"], "nud", "permanent")
+    yield
+    run("ip", "neigh", "del", *entry)
 
 
 def descendants(pid):
