@@ -65,7 +65,7 @@ step_build() {
 # In the background at idle priority: the other steps mostly wait.
 step_tidy() {
     section "clang-tidy, in the background of the next steps"
-    own_sources | grep -E '^(base|config-copy|copy_client|infra|platform|tftp)/.*\.cpp$' |
+    own_sources | grep -E '^(base|config-copy|copy_client|infra|platform|receiver|tftp)/.*\.cpp$' |
         chrt --idle 0 xargs -P "$(nproc)" -n 4 clang-tidy -p build/asan --quiet \
             >build/clang-tidy.log 2>&1 &
     tidy=$!

@@ -12,12 +12,14 @@ from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[2]
 HOST = "platform/host"
-ROOMS = {name: name for name in ("base", "tftp", "copy_client")} | {
+ROOMS = {name: name for name in ("base", "tftp", "receiver", "copy_client")} | {
     path.name: f"{HOST}/{path.name}" for path in (ROOT / HOST).iterdir() if any(path.glob("*.cpp"))
 }
 TOP = "programs"  # one source a program, without a header: may use every room
 # Used by no room.
-ALONE = {"infra": {"platform"}, "config-copy": {"base", "copy_client", "platform"}}
+ALONE = {
+    "infra": {"platform"}, "config-copy": {"base", "copy_client", "platform", "receiver"}
+}
 LINE = r"([^\n]+(?:\n//  +[^\n]+)*)\.\n"  # of a head; continuation lines are indented
 HEAD = re.compile(rf"\A// Room: {LINE}// Used by: {LINE}// May use: {LINE}")
 INCLUDE = re.compile(r'^#include "([^"]+/[^"]+)"', re.MULTILINE)
