@@ -31,6 +31,9 @@ class ReplacedFile {
 
     void append(std::string_view data);
 
+    // To write or read the content in another way; it stays this object's. -1 once committed.
+    [[nodiscard]] int descriptor() const { return file_.get(); }
+
     // Call once, after the last append().
     void finish();
 

@@ -1,8 +1,12 @@
 // config-copy: copies configurations of switches over SNMP. See config-copy(1).
 #include "config-copy/agent_session.h"
 #include "config-copy/copy_run.h"
+#include "config-copy/difference.h"
 #include "config-copy/failure.h"
 #include "config-copy/interrupt.h"
+#include "config-copy/keep.h"
+#include "config-copy/local_file.h"
+#include "config-copy/local_transfer.h"
 #include "config-copy/many_hosts.h"
 #include "config-copy/options.h"
 #include "config-copy/output.h"
@@ -20,6 +24,28 @@
 namespace config_copy {
 namespace {
 
+// Another copy from or to a file of this machine ends sooner than that.
+constexpr std::chrono::seconds wait_for_port(10);
+
+// For a copy from or to a file of this machine.
+void set_up_local(CopyJob &job, const Options &options) {
+    job.is_replacement = options.is_replacement;
+    if (options.local_address) {
+        job.local_address = parsed_address(*options.local_address);
+    }
+    for (const Endpoint *file : {&job.from, &job.to}) {
+        if (file->is_local() && (file == &job.from || job.is_diff) &&
+            !has_template(*file, "host")) {
+            job.content = std::make_shared<ulmo::UniqueFd>(
+                snapshot(local_path(*file, {"", job.date}), job.is_replacement));
+        }
+    }
+    if (!job.is_dry_run || job.from.is_local()) {
+        job.transfers = std::make_shared<LocalTransfers>(
+            std::max<std::chrono::seconds>(job.wait_turn, wait_for_port));
+    }
+}
+
 CopyJob job_of(const Options &options) {
     CopyJob job;
     job.from = options.from;
@@ -30,6 +56,12 @@ CopyJob job_of(const Options &options) {
     job.is_dry_run = options.is_dry_run;
     job.is_verbose = options.is_verbose;
     job.snmp_user = security_name(options.session);
+    job.keeping = options.keeping;
+    job.is_diff = options.command == Command::diff;
+    if (job.is_local() || job.is_diff) {
+        set_up_local(job, options);
+        return job;
+    }
     if (!job.has_file()) {
         return job;
     }
@@ -60,10 +92,13 @@ ExitStatus copy(const Options &options, const CopyJob &job, Output &output) {
             copy_on_all(options.session, options.agents, job, options.jobs, output));
     }
     const std::string &agent = options.agents.front();
-    const Outcome outcome = copy(options.session, agent, job,
-                                 [&](std::string_view state, std::chrono::seconds elapsed) {
-                                     output.progress(agent, state, elapsed);
-                                 });
+    const Progress progress = [&](std::string_view state, std::chrono::seconds elapsed) {
+        output.progress(agent, state, elapsed);
+    };
+    Outcome outcome = job.is_diff ? compare(options.session, agent, job, progress)
+                                  : copy(options.session, agent, job, progress);
+    keep(options.session, job, progress, outcome);
+    show_what_a_restore_brings(options.session, job, progress, outcome);
     output.outcome(outcome);
     return outcome.status;
 }
@@ -77,7 +112,7 @@ ExitStatus run(const Options &options, Output &output) {
         output.put("config-copy " CONFIG_COPY_VERSION "\n");
         return ExitStatus::done;
     }
-    if (options.command == Command::copy) {
+    if (options.command == Command::copy || options.command == Command::diff) {
         const CopyJob job = job_of(options);
         try {
             return copy(options, job, output);
@@ -111,13 +146,18 @@ ExitStatus run(const Options &options, Output &output) {
     return ExitStatus::done;
 }
 
-ExitStatus run(int count, char **words) {
-    std::unique_ptr<Output> output = make_output(false, asks_for_json(count, words), false);
+int run(int count, char **words) {
+    Style style;
+    style.is_json = asks_for_json(count, words);
+    std::unique_ptr<Output> output = make_output(style);
     ExitStatus status = ExitStatus::done;
     try {
         watch_signals();
         if (const std::optional<Options> options = parse_options(count, words)) {
-            output = make_output(options->is_quiet, options->is_json, options->is_verbose);
+            const bool is_output_taken = options->to.local == standard_stream;
+            style = {options->is_json, options->is_quiet || is_output_taken, options->is_verbose,
+                     options->command == Command::diff, options->hosts_file.has_value()};
+            output = make_output(style);
             status = run(*options, *output);
         }
     } catch (const Failure &failure) {
@@ -130,14 +170,14 @@ ExitStatus run(int count, char **words) {
     if (output->error() != 0) {
         std::cerr << "config-copy: standard output can't be written: "
                   << std::strerror(output->error()) << std::endl;
-        return status == ExitStatus::done ? ExitStatus::failed : status;
+        status = status == ExitStatus::done ? ExitStatus::failed : status;
     }
-    return status;
+    return exit_number(status, style.is_diff);
 }
 
 int main_of(int count, char **words) {
     try {
-        return static_cast<int>(run(count, words));
+        return run(count, words);
     } catch (const Interrupted &) {
         end_by_signal(interrupting_signal());
     }

@@ -5,6 +5,7 @@
 #include "config-copy/agent_session.h"
 #include "config-copy/copy_line.h"
 #include "config-copy/interrupt.h"
+#include "config-copy/local_copy.h"
 #include "copy_client/copy_row.h"
 
 #include <algorithm>
@@ -40,6 +41,7 @@ class Run {
     Outcome run() {
         Outcome outcome = planned(job_, session_.agent());
         try {
+            offer_file(outcome);
             start_when_it_is_our_turn(outcome);
             await_end(outcome);
         } catch (const Failure &failure) {
@@ -71,7 +73,7 @@ class Run {
             }
             outcome.text = outcome.agent + ": dry run, nothing is set: would copy " + outcome.from +
                            " to " + outcome.to;
-            if (job_.has_file()) {
+            if (!outcome.server.empty()) {
                 outcome.text += " (server " + outcome.server + ", file \"" +
                                 ulmo::one_line(outcome.file) + "\")";
             }
@@ -87,6 +89,19 @@ class Run {
 
   private:
     static constexpr const char *another_copy = "another copy is in progress";
+
+    // Finds out where the switch finds the file, or, for a file of this machine, makes it so.
+    void offer_file(Outcome &outcome) {
+        if (job_.is_local()) {
+            local_.emplace(job_, path_values_, session_.address());
+            server_ = local_->server();
+            outcome.server = address_text(server_.octets);
+            outcome.file = file_name_ = local_->name();
+        } else if (job_.has_file()) {
+            server_ = job_.server;
+            file_name_ = file_name(job_.file(), path_values_);
+        }
+    }
 
     void start_when_it_is_our_turn(Outcome &outcome) {
         const auto began = Clock::now();
@@ -151,9 +166,9 @@ class Run {
         if (job_.has_file()) {
             add(CC_COLUMN_PROTOCOL, static_cast<std::int64_t>(job_.file().protocol));
             // before the address, which is interpreted by its type
-            add(CC_COLUMN_SERVER_ADDRESS_TYPE, job_.server.type);
-            add(CC_COLUMN_SERVER_ADDRESS_REV1, job_.server.octets);
-            add(CC_COLUMN_FILE_NAME, file_name(job_.file(), path_values_));
+            add(CC_COLUMN_SERVER_ADDRESS_TYPE, server_.type);
+            add(CC_COLUMN_SERVER_ADDRESS_REV1, server_.octets);
+            add(CC_COLUMN_FILE_NAME, file_name_);
             if (!job_.file().user.empty()) {
                 add(CC_COLUMN_USER_NAME, job_.file().user);
             }
@@ -223,16 +238,26 @@ class Run {
                             : "";
         const std::string what = outcome.from + " to " + outcome.to;
         if (is_done) {
-            outcome.text = outcome.agent + ": " + what + " copied" + duration +
+            if (local_) {
+                local_->finish(outcome);
+            }
+            outcome.text = outcome.agent + ": " + what +
+                           (outcome.is_unchanged.value_or(false) ? " unchanged" : " copied") +
+                           duration +
                            (outcome.bytes ? ", " + std::to_string(*outcome.bytes) + " octets" : "");
             return;
         }
         const bool is_fabric = job_.to.type == FileType::fabric_startup;
         outcome.status = ExitStatus::failed;
         outcome.cause = cause_name(end.cause);
-        const std::string server = job_.has_file() ? job_.file().host : "";
+        const std::string server = local_            ? name_of_this_machine()
+                                   : job_.has_file() ? job_.file().host
+                                                     : "";
         outcome.text = outcome.agent + ": " + what + " failed" + duration + " (" + outcome.cause +
                        "): " + describe_cause(end.cause, server, is_fabric, outcome.reason);
+        if (const std::string trouble = local_ ? local_->trouble() : ""; !trouble.empty()) {
+            outcome.text += "; " + trouble;
+        }
         if (is_fabric && end.cause == COPY_FAIL_WARDEN_FAILED) {
             try {
                 outcome.switches = switches_of(session_, row_.index());
@@ -241,6 +266,10 @@ class Run {
                 outcome.text += failure_of(trouble, session_.agent()).what();
             }
         }
+    }
+
+    [[nodiscard]] std::string name_of_this_machine() const {
+        return "on this machine (" + address_text(server_.octets) + ')';
     }
 
     [[nodiscard]] std::string what_is_left() const {
@@ -259,6 +288,10 @@ class Run {
     const Progress &progress_;
     CopyRow row_;
     PathValues path_values_;
+    // of the file that the switch reads or writes
+    ServerAddress server_;
+    std::string file_name_;
+    std::optional<LocalCopy> local_;
 };
 
 } // namespace
@@ -266,6 +299,9 @@ class Run {
 std::string endpoint_text(const Endpoint &endpoint, const PathValues &values) {
     if (endpoint.type != FileType::network) {
         return std::string(name_of(endpoint.type));
+    }
+    if (endpoint.is_local()) {
+        return local_path(endpoint, values);
     }
     return url_text(endpoint.url.protocol, endpoint.url.user, endpoint.url.host,
                     file_name(endpoint.url, values));
@@ -313,7 +349,7 @@ Outcome planned(const CopyJob &job, const std::string &agent) {
     outcome.is_dry_run = job.is_dry_run;
     outcome.from = endpoint_text(job.from, values);
     outcome.to = endpoint_text(job.to, values);
-    if (job.has_file()) {
+    if (job.has_file() && !job.is_local()) {
         outcome.server = address_text(job.server.octets);
         outcome.file = file_name(job.file(), values);
         outcome.user = job.file().user;

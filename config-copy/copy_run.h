@@ -1,18 +1,22 @@
 // One copy on one agent, from creating the request to removing it.
 #pragma once
 
+#include "base/unique_fd.h"
 #include "config-copy/endpoint.h"
+#include "config-copy/keep.h"
 #include "config-copy/outcome.h"
 #include "config-copy/server_address.h"
 #include "copy_client/session.h"
 
 #include <chrono>
-#include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 
 namespace config_copy {
+
+class LocalTransfers;
 
 struct CopyJob {
     Endpoint from;
@@ -25,6 +29,19 @@ struct CopyJob {
     bool is_dry_run = false;            // only query, set nothing
     bool is_verbose = false;            // as for session_with()
     std::string snmp_user;              // of SNMPv3
+
+    // Only if FROM or TO is a file of this machine.
+    std::shared_ptr<LocalTransfers> transfers;
+    std::optional<ServerAddress> local_address; // of this machine as the switch sees it, if given
+    bool is_replacement = false;                // put replace_line in front of FROM
+    Keeping keeping = Keeping::no;
+    std::shared_ptr<ulmo::UniqueFd> content; // of FROM, if all agents get the same
+
+    std::shared_ptr<ulmo::UniqueFd> into; // gets what TO would get, if given
+
+    bool is_diff = false; // compare FROM and TO instead of copying
+
+    [[nodiscard]] bool is_local() const { return from.is_local() || to.is_local(); }
     [[nodiscard]] bool has_file() const {
         return from.type == FileType::network || to.type == FileType::network;
     }
@@ -32,9 +49,6 @@ struct CopyJob {
         return from.type == FileType::network ? from.url : to.url;
     }
 };
-
-// Called repeatedly during the copy with its state and the time it has spent there.
-using Progress = std::function<void(std::string_view state, std::chrono::seconds elapsed)>;
 
 // What is known about a copy on the agent before it begins.
 Outcome planned(const CopyJob &job, const std::string &agent);

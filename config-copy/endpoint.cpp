@@ -2,6 +2,7 @@
 
 #include "base/copy_names.h"
 #include "config-copy/failure.h"
+#include "config-copy/likeness.h"
 #include "config-copy/server_address.h"
 
 #include <strings.h>
@@ -94,6 +95,19 @@ std::string encoded(std::string_view text, std::string_view special) {
     return result;
 }
 
+// The value of the template that begins at path[at]; `at` moves to its last character.
+std::string filled_in(std::string_view path, std::size_t &at, const PathValues &values,
+                      const char *advice) {
+    const std::size_t end = path.find('}', at);
+    const std::string_view key =
+        path.substr(at, end == std::string_view::npos ? end : end + 1 - at);
+    if (key != "{host}" && key != "{date}") {
+        throw bad_usage(quoted(key) + " can't be filled in: {host} and {date} can" + advice);
+    }
+    at = end;
+    return key == "{host}" ? values.host : values.date;
+}
+
 void check_characters(std::string_view what, std::string_view text) {
     if (std::any_of(text.begin(), text.end(),
                     [](unsigned char c) { return c < ' ' || c == 0x7F; })) {
@@ -179,6 +193,39 @@ FileUrl parse_url(std::string_view text, std::size_t scheme_length) {
     return url;
 }
 
+constexpr std::size_t most_slips = 2; // two letters that changed places are two
+
+// A slip in one of the words must not create a file of that name.
+void check_not_misspelt(std::string_view text) {
+    if (text.find_first_of("./") != std::string_view::npos) {
+        return;
+    }
+    const auto compare = [&](std::string_view word) {
+        if (distance(text, word) <= most_slips) {
+            throw bad_usage("did you mean " + std::string(word) +
+                            "? A file of this machine named " + quoted(text) + " is written ./" +
+                            std::string(text));
+        }
+    };
+    for (const auto &known : local_files) {
+        compare(known.name);
+    }
+    for (const auto &known : synonyms) {
+        compare(known.name);
+    }
+}
+
+Endpoint parse_local(std::string_view text) {
+    if (text.empty()) {
+        throw bad_usage("FROM or TO is empty: write running, startup, a URL or a file's name");
+    }
+    check_characters("file name", text);
+    check_not_misspelt(text);
+    Endpoint endpoint{FileType::network, {}, std::string(text)};
+    local_path(endpoint, {"host", "date"}); // reports a bad template before anything is asked
+    return endpoint;
+}
+
 } // namespace
 
 std::string_view name_of(FileType type) {
@@ -202,20 +249,19 @@ std::string_view name_of(Protocol protocol) {
 Endpoint parse_endpoint(std::string_view text) {
     for (const auto &[name, value] : local_files) {
         if (text == name) {
-            return {value, {}};
+            return {value, {}, {}};
         }
     }
     for (const auto &[name, value] : synonyms) {
         if (text == name) {
-            return {value, {}};
+            return {value, {}, {}};
         }
     }
     const std::size_t scheme_length = text.find("://");
     if (scheme_length == std::string_view::npos) {
-        throw bad_usage(quoted(text) + " is neither running, startup, fabric-startup nor "
-                                       "all-startup, nor a URL such as tftp://host/path");
+        return parse_local(text);
     }
-    Endpoint endpoint{FileType::network, parse_url(text, scheme_length)};
+    Endpoint endpoint{FileType::network, parse_url(text, scheme_length), {}};
     file_name(endpoint.url, {"host", "date"}); // reports a bad name before anything is asked
     return endpoint;
 }
@@ -229,8 +275,7 @@ void check_pair(const Endpoint &from, const Endpoint &to) {
                         " can only be copied to; to copy from this switch's own, write startup");
     }
     if (from.type == FileType::network && to.type == FileType::network) {
-        throw bad_usage(
-            "FROM and TO are both files on a server: one of them must be running or startup");
+        throw bad_usage("FROM and TO are both files: one of them must be running or startup");
     }
     if (from.type == to.type) {
         throw bad_usage("from " + std::string(name_of(from.type)) + " to " +
@@ -246,6 +291,21 @@ void check_pair(const Endpoint &from, const Endpoint &to) {
     }
 }
 
+void check_comparison(const Endpoint &one, const Endpoint &other) {
+    for (const Endpoint *side : {&one, &other}) {
+        if (!side->is_local() && side->type != FileType::running &&
+            side->type != FileType::startup) {
+            throw bad_usage("diff compares running, startup and files of this machine, not " +
+                            (side->type == FileType::network ? "a file on a server"
+                                                             : std::string(name_of(side->type))));
+        }
+    }
+    if (one.is_local() ? other.is_local() : one.type == other.type) {
+        throw bad_usage("diff compares a configuration of the switch with another one or a file: "
+                        "name running or startup, and something else");
+    }
+}
+
 std::string file_name(const FileUrl &url, const PathValues &values) {
     const std::string_view path = url.path;
     std::string name;
@@ -254,15 +314,7 @@ std::string file_name(const FileUrl &url, const PathValues &values) {
             name += decoded(path, i);
             i += 2;
         } else if (path[i] == '{') {
-            const std::size_t end = path.find('}', i);
-            const std::string_view key =
-                path.substr(i, end == std::string_view::npos ? end : end + 1 - i);
-            if (key != "{host}" && key != "{date}") {
-                throw bad_usage(quoted(key) + " can't be filled in: {host} and {date} can; a brace "
-                                              "itself is written %7B or %7D");
-            }
-            name += key == "{host}" ? values.host : values.date;
-            i = end;
+            name += filled_in(path, i, values, "; a brace itself is written %7B or %7D");
         } else {
             name += path[i];
         }
@@ -279,8 +331,22 @@ std::string file_name(const FileUrl &url, const PathValues &values) {
     return name;
 }
 
-bool has_template(const FileUrl &url, std::string_view name) {
-    return url.path.find('{' + std::string(name) + '}') != std::string::npos;
+std::string local_path(const Endpoint &endpoint, const PathValues &values) {
+    const std::string_view path = endpoint.local;
+    std::string filled;
+    for (std::size_t i = 0; i < path.size(); ++i) {
+        if (path[i] == '{') {
+            filled += filled_in(path, i, values, "");
+        } else {
+            filled += path[i];
+        }
+    }
+    return filled;
+}
+
+bool has_template(const Endpoint &endpoint, std::string_view name) {
+    const std::string &path = endpoint.is_local() ? endpoint.local : endpoint.url.path;
+    return path.find('{' + std::string(name) + '}') != std::string::npos;
 }
 
 std::string host_value(std::string_view agent) {

@@ -1,5 +1,5 @@
 // FROM and TO of a copy as the user writes them: `running`, `startup`, `fabric-startup`,
-// `all-startup`, or the URL of a file.
+// `all-startup`, the URL of a file on a server, or a file of this machine.
 #pragma once
 
 #include "config-copy/copy_table.h"
@@ -19,7 +19,10 @@ struct FileUrl {
 
 struct Endpoint {
     FileType type = FileType::network;
-    FileUrl url; // only if the type is network
+    FileUrl url;       // of a file on a server
+    std::string local; // path of a file of this machine, "-" for a standard stream
+
+    [[nodiscard]] bool is_local() const { return !local.empty(); }
 };
 
 // Throws a Failure of usage that says what is wrong with the text.
@@ -27,6 +30,9 @@ Endpoint parse_endpoint(std::string_view text);
 
 // Throws a Failure of usage unless the switch can copy from one to the other.
 void check_pair(const Endpoint &from, const Endpoint &to);
+
+// The same unless both can be compared: running, startup and a file of this machine.
+void check_comparison(const Endpoint &one, const Endpoint &other);
 
 // Values for the templates of a path.
 struct PathValues {
@@ -38,8 +44,12 @@ struct PathValues {
 // decoded. Throws a Failure of usage if it is not a file name or is too long for the switch.
 std::string file_name(const FileUrl &url, const PathValues &values);
 
-// Whether the path has the template, for instance "host".
-bool has_template(const FileUrl &url, std::string_view name);
+// The path of a file of this machine with the templates filled in. Throws a Failure of usage for a
+// template that there is not.
+std::string local_path(const Endpoint &endpoint, const PathValues &values);
+
+// Whether the file's path has the template, for instance "host".
+bool has_template(const Endpoint &endpoint, std::string_view name);
 
 // The agent's name for {host}: letters, digits, dots, hyphens and underscores are kept; everything
 // else becomes a hyphen.

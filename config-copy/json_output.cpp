@@ -23,8 +23,8 @@ std::string line_of(const Json &object) {
 Json text_or_null(const std::string &text) {
     return text.empty() ? Json() : Json(text);
 }
-template <typename Number> Json number_or_null(const std::optional<Number> &number) {
-    return number ? Json(*number) : Json();
+template <typename Value> Json value_or_null(const std::optional<Value> &value) {
+    return value ? Json(*value) : Json();
 }
 
 Json seconds(double value) {
@@ -62,15 +62,17 @@ Json cell(const std::string &text, bool is_number) {
 // Everything goes to standard output.
 class JsonOutput : public Output {
   public:
+    explicit JsonOutput(bool is_diff) : is_diff_(is_diff) {}
+
     void progress(std::string_view, std::string_view, std::chrono::seconds) override {}
 
     void outcome(const Outcome &outcome) override {
         const std::lock_guard lock(mutex_);
-        put(json_of(outcome) + '\n');
+        put((is_diff_ ? json_difference(outcome) : json_of(outcome)) + '\n');
     }
 
     void summary(const std::vector<Outcome> &outcomes) override {
-        put(json_summary(outcomes) + '\n');
+        put(json_summary(outcomes, is_diff_) + '\n');
     }
 
     void table(const Table &table) override {
@@ -97,16 +99,19 @@ class JsonOutput : public Output {
         put(line_of({{"type", "error"},
                      {"agent", text_or_null(agent)},
                      {"ending", key_of(failure.status())},
-                     {"status", static_cast<int>(failure.status())},
+                     {"status", exit_number(failure.status(), is_diff_)},
                      {"text", failure.what()}}) +
             '\n');
     }
+
+  private:
+    bool is_diff_;
 };
 
 } // namespace
 
-std::unique_ptr<Output> json_output() {
-    return std::make_unique<JsonOutput>();
+std::unique_ptr<Output> json_output(const Style &style) {
+    return std::make_unique<JsonOutput>(style.is_diff);
 }
 
 std::string json_of(const Outcome &outcome) {
@@ -126,22 +131,42 @@ std::string json_of(const Outcome &outcome) {
                     {"file", text_or_null(outcome.file)},
                     {"user", text_or_null(outcome.user)},
                     {"snmp_user", text_or_null(outcome.snmp_user)},
-                    {"index", number_or_null(outcome.index)},
+                    {"index", value_or_null(outcome.index)},
                     {"start_time", text_or_null(outcome.start_time)},
                     {"state", text_or_null(outcome.state)},
                     {"cause", text_or_null(outcome.cause)},
                     {"reason", text_or_null(outcome.reason)},
                     {"seconds", outcome.seconds ? seconds(*outcome.seconds) : Json()},
-                    {"bytes", number_or_null(outcome.bytes)},
+                    {"bytes", value_or_null(outcome.bytes)},
                     {"sha256", text_or_null(outcome.sha256)},
+                    {"unchanged", value_or_null(outcome.is_unchanged)},
+                    {"saved", value_or_null(outcome.is_saved)},
+                    {"diff", outcome.difference ? Json(outcome.difference->text) : Json()},
                     {"text", outcome.text},
                     {"switches", switches}});
 }
 
-std::string json_summary(const std::vector<Outcome> &outcomes) {
+std::string json_difference(const Outcome &outcome) {
+    const auto &found = outcome.difference;
+    return line_of({{"type", "difference"},
+                    {"agent", outcome.agent},
+                    {"ending", key_of(outcome.status)},
+                    {"status", exit_number(outcome.status, true)},
+                    {"from", outcome.from},
+                    {"to", outcome.to},
+                    {"different", found ? Json(found->any()) : Json()},
+                    {"added", found ? Json(found->added) : Json()},
+                    {"removed", found ? Json(found->removed) : Json()},
+                    {"diff", found ? Json(found->text) : Json()},
+                    {"text", outcome.text}});
+}
+
+std::string json_summary(const std::vector<Outcome> &outcomes, bool is_diff) {
     Json object{{"type", "summary"}, {"agents", outcomes.size()}};
     for (const ExitStatus status : all_statuses) {
-        object[key_of(status)] = count_of(outcomes, status);
+        if (status != ExitStatus::different || is_diff) {
+            object[key_of(status)] = count_of(outcomes, status);
+        }
     }
     return line_of(object);
 }

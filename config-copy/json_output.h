@@ -5,12 +5,13 @@
 
 namespace config_copy {
 
-std::unique_ptr<Output> json_output();
+std::unique_ptr<Output> json_output(const Style &style);
 
 // Parts of the implementation.
 
 // The outcome on one line. Octets that are not UTF-8 become U+FFFD.
 std::string json_of(const Outcome &outcome);
-std::string json_summary(const std::vector<Outcome> &outcomes);
+std::string json_difference(const Outcome &outcome);
+std::string json_summary(const std::vector<Outcome> &outcomes, bool is_diff = false);
 
 } // namespace config_copy

@@ -1,6 +1,7 @@
 #include "config-copy/many_hosts.h"
 
 #include "config-copy/agent_session.h"
+#include "config-copy/difference.h"
 #include "config-copy/interrupt.h"
 
 #include <sys/resource.h>
@@ -65,7 +66,13 @@ Outcome copy_on(const netsnmp_session &defaults, const std::string &agent, const
         session.get({copy_cell(CC_COLUMN_ENTRY_ROW_STATUS, largest_index)});
         const Slot slot(slots);
         session.set_deadline(Clock::now() + job.time_limit, false);
-        return copy(session, job, [](std::string_view, std::chrono::seconds) {});
+        const Progress silent = [](std::string_view, std::chrono::seconds) {};
+        if (job.is_diff) {
+            return compare(defaults, agent, job, silent);
+        }
+        outcome = copy(session, job, silent);
+        keep(defaults, job, silent, outcome);
+        show_what_a_restore_brings(defaults, job, silent, outcome);
     } catch (const Failure &failure) {
         outcome.fail(failure);
     } catch (const Trouble &trouble) {

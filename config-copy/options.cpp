@@ -2,6 +2,9 @@
 
 #include "base/number.h"
 #include "config-copy/failure.h"
+#include "config-copy/likeness.h"
+#include "config-copy/local_file.h"
+#include "config-copy/server_address.h"
 #include "copy_client/session.h"
 #include "copy_client/user.h"
 
@@ -15,7 +18,6 @@
 #include <cstring>
 #include <fstream>
 #include <iostream>
-#include <numeric>
 #include <set>
 #include <string_view>
 #include <utility>
@@ -44,7 +46,7 @@ struct OwnOption {
     void (*take)(Options &options, std::string_view name, const std::string &value);
 };
 
-constexpr std::array<OwnOption, 13> own_options{
+constexpr std::array<OwnOption, 17> own_options{
     {{"--hosts", true,
       [](Options &options, std::string_view, const std::string &value) {
           options.hosts_file = value;
@@ -64,6 +66,22 @@ constexpr std::array<OwnOption, 13> own_options{
      {"--time-limit", true,
       [](Options &options, std::string_view name, const std::string &value) {
           options.time_limit = std::chrono::seconds(number_of(name, value, 1, longest_wait));
+      }},
+     {"--local-address", true,
+      [](Options &options, std::string_view, const std::string &value) {
+          options.local_address = value;
+      }},
+     {"--replace", false,
+      [](Options &options, std::string_view, const std::string &) {
+          options.is_replacement = true;
+      }},
+     {"--save", false,
+      [](Options &options, std::string_view, const std::string &) {
+          options.keeping = std::max(options.keeping, Keeping::save);
+      }},
+     {"--confirm", false,
+      [](Options &options, std::string_view, const std::string &) {
+          options.keeping = Keeping::confirm;
       }},
      {"--dry-run", false,
       [](Options &options, std::string_view, const std::string &) { options.is_dry_run = true; }},
@@ -86,24 +104,6 @@ constexpr std::array<OwnOption, 13> own_options{
      {"--version", false, [](Options &options, std::string_view, const std::string &) {
           options.command = Command::version;
       }}}};
-
-// The Levenshtein distance: how many letters must be changed, inserted or removed to turn one word
-// into the other. Ignores case, and takes '_' and '-' as equal.
-std::size_t distance(std::string_view a, std::string_view b) {
-    const auto plain = [](char c) {
-        return c == '_' ? '-' : static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    };
-    std::vector<std::size_t> row(b.size() + 1);
-    std::iota(row.begin(), row.end(), 0);
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        std::size_t diagonal = std::exchange(row[0], i + 1);
-        for (std::size_t j = 0; j < b.size(); ++j) {
-            const std::size_t changed = diagonal + (plain(a[i]) == plain(b[j]) ? 0 : 1);
-            diagonal = std::exchange(row[j + 1], std::min({changed, row[j] + 1, row[j + 1] + 1}));
-        }
-    }
-    return row.back();
-}
 
 // The library stores every long option as a line of snmp.conf, and only warns about one that it
 // does not know.
@@ -172,6 +172,34 @@ const std::string &agent_of(const std::string &argument) {
     return argument;
 }
 
+void check_local(const Options &options) {
+    const bool is_diff = options.command == Command::diff;
+    const bool is_local = options.from.is_local() || options.to.is_local() || is_diff;
+    if (options.local_address && (!is_local || !parsed_address(*options.local_address))) {
+        throw bad_usage("--local-address needs the IP address of this machine as the switch sees "
+                        "it, and FROM or TO that is a file of this machine");
+    }
+    if (options.keeping != Keeping::no && options.to.type != FileType::running) {
+        throw bad_usage("--save and --confirm are for copies to running");
+    }
+    if (options.is_replacement &&
+        !(options.from.is_local() && options.to.type == FileType::running)) {
+        throw bad_usage("--replace is for copies of a file of this machine to running; a file on a "
+                        "server replaces if its first line is \"" +
+                        std::string(replace_line) + '"');
+    }
+    if (options.to.local == standard_stream && !is_diff &&
+        (options.hosts_file || options.is_json)) {
+        throw bad_usage(options.is_json ? "--json prints on standard output: name a file as TO"
+                                        : "the configurations of several agents do not go to "
+                                          "standard output: name a file such as {host}.cfg as TO");
+    }
+    if (options.from.local == standard_stream && options.hosts_file == standard_stream) {
+        throw bad_usage("standard input can't hold both the agents and FROM: name a file for one "
+                        "of them");
+    }
+}
+
 void parse_copy(const std::vector<std::string> &arguments, Options &options) {
     const std::size_t expected = options.hosts_file ? 2 : 3;
     if (arguments.size() != expected) {
@@ -180,7 +208,12 @@ void parse_copy(const std::vector<std::string> &arguments, Options &options) {
     }
     options.from = parse_endpoint(arguments[expected - 2]);
     options.to = parse_endpoint(arguments[expected - 1]);
-    check_pair(options.from, options.to);
+    if (options.command == Command::diff) {
+        check_comparison(options.from, options.to);
+    } else {
+        check_pair(options.from, options.to);
+    }
+    check_local(options);
     if (!options.hosts_file) {
         options.agents = {agent_of(arguments[0])};
         return;
@@ -190,8 +223,8 @@ void parse_copy(const std::vector<std::string> &arguments, Options &options) {
                         "for one of them");
     }
     options.agents = read_hosts(*options.hosts_file);
-    if (options.to.type == FileType::network && options.agents.size() > 1 &&
-        !has_template(options.to.url, "host")) {
+    if (options.to.type == FileType::network && options.command == Command::copy &&
+        options.agents.size() > 1 && !has_template(options.to, "host")) {
         throw bad_usage("every agent would write the same file: put {host} into the path");
     }
     std::set<std::string> seen;
@@ -204,7 +237,7 @@ void parse_copy(const std::vector<std::string> &arguments, Options &options) {
 }
 
 bool is_command(const std::string &word) {
-    return word == "list" || word == "errors" || word == "abort";
+    return word == "list" || word == "errors" || word == "abort" || word == "diff";
 }
 
 void parse_arguments(std::vector<std::string> arguments, Options &options) {
@@ -216,10 +249,16 @@ void parse_arguments(std::vector<std::string> arguments, Options &options) {
         parse_copy(arguments, options);
         return;
     }
-    if (options.is_dry_run) {
-        throw bad_usage("--dry-run is for copies only");
+    if (options.is_dry_run || options.is_replacement || options.keeping != Keeping::no) {
+        throw bad_usage("--dry-run, --replace, --save and --confirm are for copies only");
     }
     const std::string name = arguments[0];
+    if (name == "diff") {
+        options.command = Command::diff;
+        arguments.erase(arguments.begin());
+        parse_copy(arguments, options);
+        return;
+    }
     options.command = name == "list"     ? Command::list
                       : name == "errors" ? Command::errors
                                          : Command::abort;
@@ -243,15 +282,18 @@ void parse_arguments(std::vector<std::string> arguments, Options &options) {
 const char *const usage_text =
     R"(usage: config-copy [OPTIONS] AGENT FROM TO
        config-copy [OPTIONS] --hosts FILE [--jobs N] FROM TO
+       config-copy [OPTIONS] diff AGENT A B
        config-copy [OPTIONS] list AGENT
        config-copy [OPTIONS] errors AGENT [INDEX]
        config-copy [OPTIONS] abort AGENT INDEX
 
 Copies the configuration of a switch over SNMP. FROM and TO are running,
 startup, fabric-startup (TO only), all-startup (TO only), or one of
+  ./FILE                 a file of this machine; - is standard input or output
   tftp://HOST/PATH       ftp://USER@HOST/PATH
   sftp://USER@HOST/PATH  scp://USER@HOST/PATH
-with percent-encoding; {host} and {date} in PATH are filled in.
+with percent-encoding; {host} and {date} in PATH and FILE are filled in.
+diff compares running, startup and files of this machine.
 
 options: those of snmpcmd(1), such as
   -v 3 -u USER -l authPriv -a SHA-256 -A PASSPHRASE -x AES -X PASSPHRASE,
@@ -261,6 +303,12 @@ whose defaults come from snmp.conf, and
   --jobs N               on up to N agents at a time (default: 50)
   --password-file FILE   the file server's password is the first line of FILE,
                          of standard input for -; otherwise it is asked for
+  --replace              FROM replaces the running configuration, instead of
+                         being merged into it
+  --save                 save the restored configuration to startup
+  --confirm              the same if the agent still answers; otherwise the
+                         switch goes back by itself (its setting confirm_limit)
+  --local-address ADDR   the address at which the switch reaches this machine
   --wait-turn SECONDS    wait up to SECONDS for another copy to end
   --time-limit SECONDS   give up a copy that takes longer (default: 600)
   --dry-run              ask the agent, print what would be done, set nothing
@@ -270,7 +318,7 @@ whose defaults come from snmp.conf, and
   -h, --help             print this
   --version              print the version
 
-exit status: 0 done, 1 the copy failed, 2 bad usage, 3 refused by the agent,
+exit status: 0 done, 1 the copy failed (diff: they differ; 6 the copy failed), 2 bad usage, 3 refused by the agent,
   4 agent not reachable or name not found, 5 another copy is in progress
 )";
 

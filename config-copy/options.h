@@ -3,6 +3,7 @@
 #pragma once
 
 #include "config-copy/endpoint.h"
+#include "config-copy/keep.h"
 
 #include <net-snmp/net-snmp-config.h>
 
@@ -17,7 +18,7 @@
 
 namespace config_copy {
 
-enum class Command { copy, list, errors, abort, help, version };
+enum class Command { copy, diff, list, errors, abort, help, version };
 
 struct Options {
     Command command = Command::copy;
@@ -31,6 +32,9 @@ struct Options {
     bool is_quiet = false;
     bool is_json = false;
     bool is_verbose = false;
+    bool is_replacement = false;   // the restored file replaces the whole configuration
+    Keeping keeping = Keeping::no; // of a restored configuration
+    std::optional<std::string> local_address;
     std::optional<std::string> password_file;
     std::chrono::seconds wait_turn{0};
     std::chrono::seconds time_limit{600};

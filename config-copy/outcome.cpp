@@ -41,8 +41,8 @@ std::string name_of_column(unsigned long column) {
 } // namespace
 
 std::string_view name_of(ExitStatus status) {
-    constexpr std::array<std::string_view, 6> names{"done",    "failed",        "usage",
-                                                    "refused", "not reachable", "busy"};
+    constexpr std::array<std::string_view, 7> names{
+        "done", "failed", "usage", "refused", "not reachable", "busy", "different"};
     return names.at(static_cast<std::size_t>(status));
 }
 
@@ -55,10 +55,12 @@ std::string seconds_text(double seconds) {
 ExitStatus status_of_all(const std::vector<Outcome> &outcomes) {
     ExitStatus all = ExitStatus::done;
     for (const Outcome &outcome : outcomes) {
-        if (outcome.status == ExitStatus::done || outcome.status == all) {
+        if (outcome.status == ExitStatus::done || outcome.status == all ||
+            (outcome.status == ExitStatus::different && all != ExitStatus::done)) {
             continue;
         }
-        all = all == ExitStatus::done ? outcome.status : ExitStatus::failed;
+        all = all == ExitStatus::done || all == ExitStatus::different ? outcome.status
+                                                                      : ExitStatus::failed;
         if (all == ExitStatus::failed) {
             break;
         }

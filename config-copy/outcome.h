@@ -4,6 +4,7 @@
 #include "base/copy_names.h"
 #include "config-copy/failure.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -17,6 +18,15 @@ struct SwitchOutcome {
     std::string address; // as text; empty if unknown
     std::string wwn;     // such as 20:00:00:00:00:00:00:01
     std::string text;
+};
+
+// What differs between two texts, by diff(1).
+struct Difference {
+    std::string text; // unified; empty if they are the same
+    std::size_t added = 0;
+    std::size_t removed = 0;
+
+    [[nodiscard]] bool any() const { return !text.empty(); }
 };
 
 // Unknown values are empty.
@@ -40,6 +50,12 @@ struct Outcome {
     std::optional<double> seconds; // duration of the copy by the agent's clock
     std::optional<std::uint64_t> bytes; // transferred
     std::string sha256;                 // of the transferred octets, in hexadecimal
+    // Whether a file of this machine had that content before; empty for any other copy.
+    std::optional<bool> is_unchanged;
+    // Whether a restored configuration was saved to startup; empty if that was not asked for.
+    std::optional<bool> is_saved;
+    // Of what was compared, by the command diff or in a dry run.
+    std::optional<Difference> difference;
     std::vector<SwitchOutcome> switches;
 
     void fail(const Failure &failure) {
@@ -51,11 +67,11 @@ struct Outcome {
 // With two decimals.
 std::string seconds_text(double seconds);
 
-// As in the summary: "done", "failed", "usage", "refused", "not reachable", "busy".
+// As in the summary: "done", "failed", "usage", "refused", "not reachable", "busy", "different".
 std::string_view name_of(ExitStatus status);
 
-// The exit status for several copies: 0 if all are done; if the others all ended alike, their
-// status; otherwise 1.
+// The status for several copies: done if all are; if the others all ended alike, their status;
+// otherwise failed. A difference counts only if nothing worse has happened.
 ExitStatus status_of_all(const std::vector<Outcome> &outcomes);
 
 // The name in the MIB, or the number if it has none.

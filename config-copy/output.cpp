@@ -21,13 +21,13 @@ void Output::put(std::string_view text) {
     }
 }
 
-std::unique_ptr<Output> make_output(bool is_quiet, bool is_json, bool is_verbose) {
-    if (is_json) {
-        return json_output();
+std::unique_ptr<Output> make_output(const Style &style) {
+    if (style.is_json) {
+        return json_output(style);
     }
     const bool is_terminal = ::isatty(STDOUT_FILENO) == 1 && ::isatty(STDERR_FILENO) == 1;
     // Verbose output would run into the live line.
-    return text_output(is_quiet, is_terminal && !is_verbose);
+    return text_output(style, is_terminal && !style.is_verbose);
 }
 
 std::size_t count_of(const std::vector<Outcome> &outcomes, ExitStatus status) {

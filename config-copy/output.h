@@ -67,12 +67,21 @@ class Output {
     int error_ = 0;
 };
 
-std::unique_ptr<Output> make_output(bool is_quiet, bool is_json, bool is_verbose);
+// How much is printed, and how.
+struct Style {
+    bool is_json = false;
+    bool is_quiet = false;        // only errors
+    bool is_verbose = false;      // messages are printed at the same time
+    bool is_diff = false;         // outcomes are of comparisons
+    bool has_many_agents = false; // a line for each
+};
+
+std::unique_ptr<Output> make_output(const Style &style);
 
 // Parts of the implementation.
 
-inline constexpr std::array<ExitStatus, 6> all_statuses{
-    ExitStatus::done,    ExitStatus::failed,      ExitStatus::usage,
+inline constexpr std::array<ExitStatus, 7> all_statuses{
+    ExitStatus::done,    ExitStatus::different,   ExitStatus::failed, ExitStatus::usage,
     ExitStatus::refused, ExitStatus::unreachable, ExitStatus::busy};
 std::size_t count_of(const std::vector<Outcome> &outcomes, ExitStatus status);
 

@@ -2,7 +2,9 @@
 #include "config-copy/text_output.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <iostream>
+#include <sstream>
 #include <utility>
 
 namespace config_copy {
@@ -22,13 +24,13 @@ std::vector<std::vector<std::string>> switch_rows(const std::vector<SwitchOutcom
 // Success goes to standard output, everything else to standard error.
 class TextOutput : public Output {
   public:
-    TextOutput(bool is_quiet, bool has_live_line)
-        : is_quiet_(is_quiet), has_live_line_(has_live_line) {}
+    TextOutput(const Style &style, bool has_live_line)
+        : style_(style), has_live_line_(has_live_line) {}
 
     // On a terminal the line is redrawn; elsewhere only changes are printed.
     void progress(std::string_view agent, std::string_view state,
                   std::chrono::seconds elapsed) override {
-        if (is_quiet_) {
+        if (style_.is_quiet) {
             return;
         }
         const std::string line = std::string(agent) + ": " + std::string(state);
@@ -44,7 +46,16 @@ class TextOutput : public Output {
     void outcome(const Outcome &outcome) override {
         const std::lock_guard lock(mutex_);
         end_live_line();
-        if (outcome.status == ExitStatus::done) {
+        if (outcome.difference && !style_.has_many_agents) {
+            const bool has_colours = has_live_line_ && std::getenv("NO_COLOR") == nullptr;
+            if (!style_.is_quiet) {
+                put(has_colours ? coloured(outcome.difference->text) : outcome.difference->text);
+            }
+            if (style_.is_diff) {
+                return; // as diff(1), it says no more
+            }
+        }
+        if (outcome.status == ExitStatus::done || outcome.status == ExitStatus::different) {
             line(outcome.text);
             return;
         }
@@ -55,7 +66,9 @@ class TextOutput : public Output {
         std::cerr << text << std::flush;
     }
 
-    void summary(const std::vector<Outcome> &outcomes) override { line(summary_of(outcomes)); }
+    void summary(const std::vector<Outcome> &outcomes) override {
+        line(summary_of(outcomes, style_.is_diff));
+    }
 
     void table(const Table &table) override {
         if (table.rows.empty()) {
@@ -81,7 +94,7 @@ class TextOutput : public Output {
 
   private:
     void line(const std::string &text) {
-        if (!is_quiet_) {
+        if (!style_.is_quiet) {
             put(text + '\n');
         }
     }
@@ -101,7 +114,7 @@ class TextOutput : public Output {
         }
     }
 
-    bool is_quiet_;
+    Style style_;
     bool has_live_line_;
     bool is_live_ = false;
     std::string last_state_;
@@ -109,20 +122,40 @@ class TextOutput : public Output {
 
 } // namespace
 
-std::unique_ptr<Output> text_output(bool is_quiet, bool has_live_line) {
-    return std::make_unique<TextOutput>(is_quiet, has_live_line);
+std::unique_ptr<Output> text_output(const Style &style, bool has_live_line) {
+    return std::make_unique<TextOutput>(style, has_live_line);
 }
 
-std::string summary_of(const std::vector<Outcome> &outcomes) {
+std::string summary_of(const std::vector<Outcome> &outcomes, bool is_diff) {
     const bool is_dry_run = !outcomes.empty() && outcomes.front().is_dry_run;
     std::string text =
         std::to_string(outcomes.size()) + (outcomes.size() == 1 ? " agent" : " agents");
     for (const ExitStatus status : all_statuses) {
         const bool is_done = status == ExitStatus::done;
         if (const std::size_t count = count_of(outcomes, status); count > 0 || is_done) {
-            text += (is_done ? ": " : ", ") + std::to_string(count) + ' ' +
-                    std::string(is_done && is_dry_run ? "ready" : name_of(status));
+            text += (is_done ? ": " : ", ") + std::to_string(count) + ' ';
+            text += is_done && is_diff ? "same" : is_done && is_dry_run ? "ready" : name_of(status);
         }
+        if (const auto unchanged = std::count_if(
+                outcomes.begin(), outcomes.end(),
+                [](const Outcome &outcome) { return outcome.is_unchanged.value_or(false); });
+            is_done && unchanged > 0) {
+            text += " (" + std::to_string(unchanged) + " unchanged)";
+        }
+    }
+    return text;
+}
+
+std::string coloured(const std::string &difference) {
+    std::string text;
+    std::istringstream lines(difference);
+    for (std::string line; std::getline(lines, line);) {
+        const char *colour = line.starts_with("---") || line.starts_with("+++") ? "\033[1m"
+                             : line.starts_with('-')                            ? "\033[31m"
+                             : line.starts_with('+')                            ? "\033[32m"
+                             : line.starts_with("@@")                           ? "\033[36m"
+                                                                                : "";
+        text += *colour == '\0' ? line + '\n' : colour + line + "\033[0m\n";
     }
     return text;
 }

@@ -123,6 +123,7 @@ class Session {
     void pause(Milliseconds time) const;
 
     [[nodiscard]] const std::string &agent() const { return peer_.name; }
+    [[nodiscard]] const std::string &address() const { return peer_.address; }
 
     // The name of an SNMPv3 security level below authPriv; otherwise empty.
     [[nodiscard]] std::string low_level() const;

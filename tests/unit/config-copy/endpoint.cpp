@@ -19,14 +19,57 @@ std::string name_in(const std::string &url) {
     return file_name(parse_endpoint(url).url, {"sw-1", "2026-11-21"});
 }
 
-TEST(Endpoint, LocalFiles) {
+TEST(Endpoint, Configurations) {
     EXPECT_EQ(FileType::running, parse_endpoint("running").type);
     EXPECT_EQ(FileType::startup, parse_endpoint("startup").type);
     EXPECT_EQ(FileType::fabric_startup, parse_endpoint("fabric-startup").type);
     EXPECT_EQ(FileType::all_startup, parse_endpoint("all-startup").type);
-    EXPECT_EQ("\"Running\" is neither running, startup, fabric-startup nor all-startup, nor a URL "
-              "such as tftp://host/path",
-              refusal("Running"));
+}
+
+TEST(Endpoint, FilesOfThisMachine) {
+    for (const char *path : {"./switch.cfg", "new.cfg", "/var/backups/sw", "backup", "-",
+                             "running.conf", "./running"}) {
+        const Endpoint endpoint = parse_endpoint(path);
+        EXPECT_EQ(FileType::network, endpoint.type);
+        EXPECT_EQ(path, endpoint.local);
+        EXPECT_TRUE(endpoint.is_local());
+    }
+    EXPECT_FALSE(parse_endpoint("running").is_local());
+    EXPECT_FALSE(parse_endpoint("tftp://h/a").is_local());
+    const Endpoint endpoint = parse_endpoint("backup/{host}-{date}%20.cfg");
+    EXPECT_EQ("backup/sw-1-2026-11-21%20.cfg", local_path(endpoint, {"sw-1", "2026-11-21"}));
+    EXPECT_TRUE(has_template(endpoint, "host"));
+    EXPECT_FALSE(has_template(parse_endpoint("tftp://h/a"), "host"));
+    EXPECT_EQ("\"{hots}\" can't be filled in: {host} and {date} can", refusal("{hots}.cfg"));
+    EXPECT_EQ("FROM or TO is empty: write running, startup, a URL or a file's name", refusal(""));
+}
+
+TEST(Endpoint, AMisspeltWordIsNoFile) {
+    for (const char *word : {"Running", "runing", "startpu", "running_config", "fabric-statup"}) {
+        EXPECT_EQ(0U, refusal(word).find("did you mean ")) << word;
+    }
+    EXPECT_EQ("did you mean running? A file of this machine named \"runing\" is written ./runing",
+              refusal("runing"));
+}
+
+TEST(Endpoint, WhatDiffCompares) {
+    const auto check = [](const char *one, const char *other) {
+        check_comparison(parse_endpoint(one), parse_endpoint(other));
+    };
+    EXPECT_NO_THROW(check("running", "startup"));
+    EXPECT_NO_THROW(check("running", "a.cfg"));
+    EXPECT_NO_THROW(check("a.cfg", "startup"));
+    const auto refused = [&](const char *one, const char *other) {
+        return usage_failure([&] { check(one, other); });
+    };
+    const std::string two = "diff compares a configuration of the switch with another one or a "
+                            "file: name running or startup, and something else";
+    EXPECT_EQ(two, refused("running", "running"));
+    EXPECT_EQ(two, refused("a.cfg", "b.cfg"));
+    EXPECT_EQ("diff compares running, startup and files of this machine, not a file on a server",
+              refused("running", "tftp://h/a"));
+    EXPECT_EQ("diff compares running, startup and files of this machine, not fabric-startup",
+              refused("fabric-startup", "running"));
 }
 
 TEST(Endpoint, Urls) {
@@ -78,9 +121,9 @@ TEST(Endpoint, Templates) {
     EXPECT_EQ(
         "\"{host\" can't be filled in: {host} and {date} can; a brace itself is written %7B or %7D",
         refusal("tftp://h/{host"));
-    EXPECT_TRUE(has_template(parse_endpoint("tftp://h/{host}").url, "host"));
-    EXPECT_FALSE(has_template(parse_endpoint("tftp://h/{date}").url, "host"));
-    EXPECT_FALSE(has_template(parse_endpoint("tftp://h/%7Bhost%7D").url, "host"));
+    EXPECT_TRUE(has_template(parse_endpoint("tftp://h/{host}"), "host"));
+    EXPECT_FALSE(has_template(parse_endpoint("tftp://h/{date}"), "host"));
+    EXPECT_FALSE(has_template(parse_endpoint("tftp://h/%7Bhost%7D"), "host"));
 }
 
 TEST(Endpoint, AValueIsNotDecoded) {
@@ -141,7 +184,7 @@ TEST(Endpoint, PairsThatAreRefused) {
               pair_refusal("running", "running"));
     EXPECT_EQ("from startup to startup copies nothing: FROM and TO must differ",
               pair_refusal("startup", "startup"));
-    EXPECT_EQ("FROM and TO are both files on a server: one of them must be running or startup",
+    EXPECT_EQ("FROM and TO are both files: one of them must be running or startup",
               pair_refusal("tftp://h/a", "tftp://h/b"));
     EXPECT_EQ(
         "the switch can't copy a file straight to startup: copy it to running, then running to "

@@ -160,8 +160,49 @@ TEST(Options, ShortNames) {
 
 TEST_F(CommandLine, DryRun) {
     EXPECT_TRUE(parse({"--dry-run", "agent", "running", "startup"})->is_dry_run);
-    EXPECT_EQ("--dry-run is for copies only", usage_failure([&] {
+    EXPECT_EQ("--dry-run, --replace, --save and --confirm are for copies only", usage_failure([&] {
                   parse({"--dry-run", "abort", "agent", "7"});
+              }));
+}
+
+TEST_F(CommandLine, Restore) {
+    const auto options =
+        parse({"--replace", "--save", "--local-address", "192.0.2.1", "agent", "a.cfg", "running"});
+    EXPECT_TRUE(options->is_replacement);
+    EXPECT_EQ(Keeping::save, options->keeping);
+    EXPECT_EQ("192.0.2.1", options->local_address);
+    EXPECT_EQ(Keeping::confirm,
+              parse({"--confirm", "--save", "agent", "a.cfg", "running"})->keeping);
+    EXPECT_EQ(Keeping::save, parse({"--save", "agent", "tftp://h/a", "running"})->keeping);
+    const auto refused = [&](std::vector<std::string> words) {
+        return usage_failure([&] { parse(std::move(words)); });
+    };
+    EXPECT_EQ("--save and --confirm are for copies to running",
+              refused({"--save", "agent", "running", "startup"}));
+    const std::string only_local =
+        "--replace is for copies of a file of this machine to running; a file on a server "
+        "replaces if its first line is \"configuration replace\"";
+    EXPECT_EQ(only_local, refused({"--replace", "agent", "tftp://h/a", "running"}));
+    EXPECT_EQ(only_local, refused({"--replace", "agent", "running", "a.cfg"}));
+    const std::string address = "--local-address needs the IP address of this machine as the "
+                                "switch sees it, and FROM or TO that is a file of this machine";
+    EXPECT_EQ(address, refused({"--local-address", "here", "agent", "a.cfg", "running"}));
+    EXPECT_EQ(address, refused({"--local-address", "::1", "agent", "running", "startup"}));
+}
+
+TEST_F(CommandLine, Diff) {
+    const auto options = parse({"diff", "agent", "running", "a.cfg"});
+    EXPECT_EQ(Command::diff, options->command);
+    EXPECT_EQ(FileType::running, options->from.type);
+    EXPECT_EQ("a.cfg", options->to.local);
+    EXPECT_EQ("name AGENT, FROM and TO (config-copy --help)", usage_failure([&] {
+                  parse({"diff", "running", "a.cfg"});
+              }));
+}
+
+TEST_F(CommandLine, StandardOutputHoldsOneThing) {
+    EXPECT_EQ("--json prints on standard output: name a file as TO", usage_failure([&] {
+                  parse({"--json", "agent", "running", "-"});
               }));
 }
 

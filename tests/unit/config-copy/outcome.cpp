@@ -136,7 +136,8 @@ TEST(Outcome, Json) {
               R"("from":null,"to":null,"server":null,)"
               R"("file":null,"user":null,"snmp_user":null,"index":null,"start_time":null,)"
               R"("state":null,"cause":null,"reason":null,)"
-              R"("seconds":null,"bytes":null,"sha256":null,"text":"a\\\n","switches":[]})",
+              R"("seconds":null,"bytes":null,"sha256":null,"unchanged":null,"saved":null,)"
+              R"("diff":null,"text":"a\\\n","switches":[]})",
               json_of(outcome));
     outcome.status = ExitStatus::unreachable;
     outcome.text = "";
@@ -155,6 +156,9 @@ TEST(Outcome, Json) {
     outcome.seconds = 1.25;
     outcome.bytes = 0x100000000;
     outcome.sha256 = "00ff";
+    outcome.is_unchanged = true;
+    outcome.is_saved = false;
+    outcome.difference = Difference{"-a\n", 0, 1};
     outcome.switches = {{"", "20:00", "saved"}, {"192.0.2.1", "20:01", "no"}};
     EXPECT_EQ(R"({"type":"copy","agent":"a\"b","ending":"not_reachable","status":4,"dry_run":true,)"
               R"("from":"running",)"
@@ -162,7 +166,8 @@ TEST(Outcome, Json) {
               R"("snmp_user":"operator","index":7,)"
               R"("start_time":"2026-11-21T09:30:00Z","state":"failed","cause":"timeout",)"
               R"("reason":"no way","seconds":1.25,)"
-              R"("bytes":4294967296,"sha256":"00ff","text":"","switches":)"
+              R"("bytes":4294967296,"sha256":"00ff","unchanged":true,"saved":false,"diff":"-a\n",)"
+              R"("text":"","switches":)"
               R"([{"address":null,"switch":"20:00","reported":"saved"},{"address":"192.0.2.1",)"
               R"("switch":"20:01","reported":"no"}]})",
               json_of(outcome));

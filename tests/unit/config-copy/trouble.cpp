@@ -83,7 +83,7 @@ TEST_F(TimeLimit, EndsAList) {
     script_.lie = Lie::endless_table;
     const ScriptedAgent agent(script_);
     Session session = session_with(settings_, agent.address(), false, 1s);
-    const auto output = make_output(true, false, false);
+    const auto output = make_output({});
     try {
         list_requests(session, *output);
         FAIL() << "listed";

@@ -1,0 +1,136 @@
+#include "config-copy/difference.h"
+
+#include "base/posix.h"
+#include "base/program_run.h"
+#include "base/text.h"
+#include "config-copy/local_file.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <sstream>
+#include <system_error>
+
+namespace config_copy {
+namespace {
+
+constexpr const char *diff_program = "/usr/bin/diff";
+constexpr std::chrono::seconds longest_comparison(60);
+
+// A file in memory as a program of ours finds it by name.
+std::string path_of(const ulmo::UniqueFd &file) {
+    return "/proc/" + std::to_string(::getpid()) + "/fd/" + std::to_string(file.get());
+}
+
+// The line is no part of a configuration, but tells what to do with it.
+std::string without_replace_line(std::string text) {
+    const std::size_t end = text.find('\n');
+    if (ulmo::trimmed(std::string_view(text).substr(0, end)) == replace_line) {
+        text.erase(0, end == std::string::npos ? end : end + 1);
+    }
+    return text;
+}
+
+// The content of FROM or TO; empty, with the outcome of the copy that failed, if it can't be had.
+std::optional<std::string> content_at(const netsnmp_session &defaults, const Endpoint &endpoint,
+                                      const CopyJob &job, const Progress &progress,
+                                      Outcome &outcome) {
+    if (endpoint.is_local()) {
+        return without_replace_line(content_of(
+            job.content
+                ? job.content->get()
+                : snapshot(local_path(endpoint, {host_value(outcome.agent), job.date}), false)
+                      .get()));
+    }
+    CopyJob fetch = job;
+    fetch.from = endpoint;
+    fetch.to = {FileType::network, {}, "this machine"};
+    fetch.is_dry_run = false;
+    fetch.into = std::make_shared<ulmo::UniqueFd>(memory_file());
+    const Outcome fetched = copy(defaults, outcome.agent, fetch, progress);
+    if (fetched.status != ExitStatus::done) {
+        outcome.status = fetched.status;
+        outcome.text = fetched.text;
+        return std::nullopt;
+    }
+    return content_of(fetch.into->get());
+}
+
+std::string count_of_lines(const Difference &difference) {
+    return std::to_string(difference.added) + " added, " + std::to_string(difference.removed) +
+           " removed";
+}
+
+// Compares, unless the outcome tells why not.
+void compare(const netsnmp_session &defaults, const CopyJob &job, const Endpoint &from,
+             const Endpoint &to, const Progress &progress, Outcome &outcome) {
+    const auto one = content_at(defaults, from, job, progress, outcome);
+    const auto other = one ? content_at(defaults, to, job, progress, outcome) : std::nullopt;
+    if (one && other) {
+        const PathValues values{host_value(outcome.agent), job.date};
+        outcome.difference =
+            difference(*one, *other, endpoint_text(from, values), endpoint_text(to, values));
+    }
+}
+
+} // namespace
+
+Difference difference(const std::string &from, const std::string &to, const std::string &from_name,
+                      const std::string &to_name) {
+    Difference found;
+    if (from == to) {
+        return found;
+    }
+    const ulmo::UniqueFd second = memory_file();
+    ulmo::write_whole(second.get(), to, to_name);
+    const ulmo::ProgramCall call{
+        {diff_program, "-a", "-u", "--label", from_name, "--label", to_name, "-", path_of(second)},
+        from,
+        longest_comparison,
+        2 * (from.size() + to.size()) + 4096};
+    const ulmo::ProgramEnd end = ulmo::run_program(call);
+    if (end.exit_status != 1) {
+        throw Failure(ExitStatus::failed,
+                      std::string(diff_program) + ": " + ulmo::failure_of(call, end));
+    }
+    found.text = end.output;
+    std::istringstream lines(found.text);
+    std::string line;
+    std::getline(lines, line); // the two headings
+    std::getline(lines, line);
+    while (std::getline(lines, line)) {
+        found.added += line.starts_with('+') ? 1 : 0;
+        found.removed += line.starts_with('-') ? 1 : 0;
+    }
+    return found;
+}
+
+Outcome compare(const netsnmp_session &defaults, const std::string &agent, const CopyJob &job,
+                const Progress &progress) {
+    Outcome outcome = planned(job, agent);
+    compare(defaults, job, job.from, job.to, progress, outcome);
+    if (outcome.difference) {
+        const bool is_different = outcome.difference->any();
+        outcome.status = is_different ? ExitStatus::different : ExitStatus::done;
+        outcome.text = agent + ": " + outcome.from + " and " + outcome.to +
+                       (is_different ? " differ: lines " + count_of_lines(*outcome.difference)
+                                     : " are the same");
+    }
+    return outcome;
+}
+
+void show_what_a_restore_brings(const netsnmp_session &defaults, const CopyJob &job,
+                                const Progress &progress, Outcome &outcome) {
+    if (!job.is_dry_run || !job.from.is_local() || outcome.status != ExitStatus::done) {
+        return;
+    }
+    const std::string planned_text = outcome.text;
+    compare(defaults, job, {FileType::running, {}, {}}, job.from, progress, outcome);
+    if (outcome.difference) {
+        outcome.text = planned_text + "; against running, its lines are " +
+                       count_of_lines(*outcome.difference);
+    }
+}
+
+} // namespace config_copy

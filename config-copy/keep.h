@@ -1,0 +1,33 @@
+// Keeping a configuration that was restored to running: saving it to startup.
+#pragma once
+
+#include "config-copy/outcome.h"
+
+#include <net-snmp/net-snmp-config.h>
+
+#include <net-snmp/net-snmp-includes.h>
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <string_view>
+
+namespace config_copy {
+
+enum class Keeping {
+    no,
+    save,    // it is saved
+    confirm, // it is saved if the agent still answers
+};
+
+struct CopyJob;
+
+// Called repeatedly during the copy with its state and the time it has spent there.
+using Progress = std::function<void(std::string_view state, std::chrono::seconds elapsed)>;
+
+// Does what the job wants of a configuration after it was restored with this outcome, and completes
+// the outcome. With Keeping::confirm, the agent has half a minute to answer. Throws as copy().
+void keep(const netsnmp_session &defaults, const CopyJob &job, const Progress &progress,
+          Outcome &outcome);
+
+} // namespace config_copy

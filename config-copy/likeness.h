@@ -1,0 +1,13 @@
+// How alike two words are, to guess what a misspelt one means.
+#pragma once
+
+#include <cstddef>
+#include <string_view>
+
+namespace config_copy {
+
+// The Levenshtein distance: how many letters must be changed, inserted or removed to turn one word
+// into the other. Ignores case, and takes '_' and '-' as equal.
+std::size_t distance(std::string_view a, std::string_view b);
+
+} // namespace config_copy
