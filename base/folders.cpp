@@ -29,7 +29,11 @@ std::filesystem::path made_directory(const std::filesystem::path &directory, mod
 } // namespace
 
 std::filesystem::path state_dir() {
-    return made_directory(from_environment("ULMO_STATE_DIR", "/var/lib/ulmo"), 0700);
+    return made_directory(state_path(), 0700);
+}
+
+std::filesystem::path state_path() {
+    return from_environment("ULMO_STATE_DIR", "/var/lib/ulmo");
 }
 
 std::filesystem::path run_dir() {

@@ -14,6 +14,9 @@ namespace ulmo {
 // missing. Throws std::system_error.
 std::filesystem::path state_dir();
 
+// The path of state_dir(), without creating it.
+std::filesystem::path state_path();
+
 // Sockets and records of the running system: $ULMO_RUN_DIR, or /run/ulmo. Created with mode 0755 if
 // missing. Throws std::system_error.
 std::filesystem::path run_dir();

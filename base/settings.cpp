@@ -2,6 +2,7 @@
 
 #include "base/folders.h"
 #include "base/number.h"
+#include "base/ownership.h"
 #include "base/posix.h"
 #include "base/text.h"
 #include "base/unique_fd.h"
@@ -60,6 +61,18 @@ bool is_program(const std::string &path) {
            ::faccessat(AT_FDCWD, path.c_str(), X_OK, AT_EACCESS) == 0;
 }
 
+// A user that is neither the agent's nor the superuser makes no transfer, and can't look into the
+// folders of the agent's user: for that user every file is good.
+bool is_private_file(const std::string &path) {
+    const uid_t user = ::geteuid();
+    const uid_t agent = owner_of(state_path()).value_or(user);
+    struct stat status {};
+    return path.starts_with('/') &&
+           ((user != 0 && user != agent) ||
+            (::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
+             status.st_uid == agent && (status.st_mode & (S_IRWXG | S_IRWXO)) == 0));
+}
+
 // The value in the form that the getters return; empty if it is not valid.
 std::optional<std::string> accepted(const Setting &setting, std::string_view text) {
     std::string value(text);
@@ -96,6 +109,9 @@ std::optional<std::string> accepted(const Setting &setting, std::string_view tex
     case SettingKind::program:
         is_good = is_program(words_of(text).at(0)); // an empty value is the default
         break;
+    case SettingKind::private_file:
+        is_good = is_private_file(value);
+        break;
     case SettingKind::text:
         break;
     }
@@ -118,6 +134,9 @@ std::string what_it_must_be(const Setting &setting) {
     case SettingKind::program:
         return "must begin with the absolute path of a program that exists and that this user may "
                "run";
+    case SettingKind::private_file:
+        return "must be the absolute path of a file that belongs to the agent's user, with mode "
+               "0600";
     case SettingKind::text:
         break;
     }
@@ -144,7 +163,7 @@ struct Contents {
     std::string unreadable; // the reason, if the file can't be read
     std::array<State, std::size(all_settings)> states;
     std::vector<std::string> problems;
-    bool lacks_program = false; // which may come without a change of the file
+    bool lacks_file = false; // which may come without a change of the settings file
 };
 
 // The status of the file; empty if it does not exist. Throws std::runtime_error.
@@ -204,7 +223,8 @@ void take(Contents &contents, const Setting &setting, std::string_view text,
         }
         return;
     }
-    contents.lacks_program = contents.lacks_program || setting.kind == SettingKind::program;
+    contents.lacks_file = contents.lacks_file || setting.kind == SettingKind::program ||
+                          setting.kind == SettingKind::private_file;
     std::string problem = place + ": " + std::string(setting.name) + " = " +
                           (setting.is_secret ? "..." : shown(text)) + ": " +
                           what_it_must_be(setting) + "; ";
@@ -326,7 +346,7 @@ std::shared_ptr<const Contents> current() {
         if (!known.contents || !known.was_settled || !is_current(*known.contents, path)) {
             auto fresh = std::make_shared<const Contents>(read_contents(path));
             known.was_settled =
-                fresh->stamp == Stamp{} || (is_settled(fresh->stamp) && !fresh->lacks_program);
+                fresh->stamp == Stamp{} || (is_settled(fresh->stamp) && !fresh->lacks_file);
             known.contents = std::move(fresh);
             if (known.contents->stamp != known.reported_stamp ||
                 known.contents->problems != known.reported) {

@@ -14,8 +14,9 @@
 
 namespace ulmo {
 
-// A program is an absolute path with arguments, separated by blanks.
-enum class SettingKind { number, yes_no, choice, text, list, wwn, program };
+// A program is an absolute path with arguments, separated by blanks. A private file belongs to the
+// agent's user, the owner of the state directory, and nobody else may read or write it.
+enum class SettingKind { number, yes_no, choice, text, list, wwn, program, private_file };
 
 struct Setting {
     std::string_view name;
@@ -85,6 +86,8 @@ inline constexpr Setting rows[] = {
     {"transfer_idle_limit", number, "30", in_transfer, nothing, 1, 999999999},
     // A wrong value could send the password to a server whose key nobody has checked.
     {"ssh_accept_new_host_keys", yes_no, "yes", in_transfer, by_ssh},
+    // A key that others may read or replace is not this switch's alone.
+    {"ssh_identity", private_file, "", in_transfer, by_ssh},
     {"history", choice, "errors", in_a_second, nothing, 0, 0, "all, errors, off"},
     {"history_kilobytes", number, "512", in_a_second, nothing, 16, 1048576},
     {"debug_print", choice, "off", in_a_second, nothing, 0, 0, "all, errors, off"},

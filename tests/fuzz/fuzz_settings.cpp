@@ -25,6 +25,7 @@ bool is_allowed(const Setting &setting, const std::string &value) {
     case SettingKind::wwn:
         return octets == 8 * 3 - 1;
     case SettingKind::program:
+    case SettingKind::private_file:
         return value.empty() || value.front() == '/';
     case SettingKind::text:
         break;

@@ -21,8 +21,8 @@
 
 namespace {
 
-constexpr const char *kind_names[] = {"number", "yes_no", "choice", "text",
-                                      "list",   "wwn",    "program"};
+constexpr const char *kind_names[] = {"number", "yes_no", "choice",  "text",
+                                      "list",   "wwn",    "program", "private_file"};
 
 std::string row_of(const ulmo::Setting &setting) {
     std::string row(setting.name);

@@ -18,7 +18,8 @@
 #
 # Every script takes the number of a VRF as optional last argument, and runs the client within it.
 #
-# Settings (platform.conf): transfer_time_limit, transfer_idle_limit, ssh_accept_new_host_keys.
+# Settings (platform.conf): transfer_time_limit, transfer_idle_limit, ssh_accept_new_host_keys,
+# ssh_identity.
 #
 # All texts are octets, one character for each in any locale: the system encoding is ISO 8859-1 once
 # take_arguments has returned.
@@ -504,6 +505,25 @@ proc own_by_folder {file} {
     }
 }
 
+# The options for how ssh logs in: by the switch's key, if it has one, and by the password. ssh would
+# ask for the passphrase of a key, so a key with one is refused before the client starts, as is a
+# file without a key.
+proc ssh_login_options {} {
+    set methods password,keyboard-interactive
+    set key [lindex [settings ssh_identity] 0]
+    if {$key eq {}} {
+        return [list PubkeyAuthentication=no PreferredAuthentications=$methods]
+    }
+    if {[catch {exec ssh-keygen -y -P {} -f $key 2>@1} said]} {
+        if {[string match "*incorrect passphrase*" $said]} {
+            set said "it has a passphrase, which nobody can type here; remove it with `ssh-keygen -p`"
+        }
+        fail use "ssh_identity = $key: [lindex [split $said \n] 0]"
+    }
+    return [list PubkeyAuthentication=yes PreferredAuthentications=publickey,$methods \
+        IdentitiesOnly=yes IdentityFile=[ssh_word $key]]
+}
+
 # The options with which ssh asks for the password on its terminal, asks nothing else, and uses none
 # of the settings of the user that runs it.
 proc ssh_options {user} {
@@ -519,8 +539,8 @@ proc ssh_options {user} {
             GlobalKnownHostsFile=/dev/null UpdateHostKeys=no \
             CheckHostIP=no HashKnownHosts=no VerifyHostKeyDNS=no \
             BatchMode=no NumberOfPasswordPrompts=1 \
-            PreferredAuthentications=password,keyboard-interactive \
-            PubkeyAuthentication=no GSSAPIAuthentication=no HostbasedAuthentication=no \
+            {*}[ssh_login_options] \
+            GSSAPIAuthentication=no HostbasedAuthentication=no \
             IdentityAgent=none AddKeysToAgent=no ForwardAgent=no ForwardX11=no \
             ClearAllForwardings=yes ProxyCommand=none ControlMaster=no ControlPath=none] {
         lappend options -o $option

@@ -2,14 +2,15 @@
 
 import contextlib
 import os
-import subprocess
 from pathlib import Path
 
 import pytest
-from copy_table import LOGS, SERVER4, SERVER_ROOT, lab_ctl, run, wait_for
+import ssh_server
+from copy_table import LOGS, SERVER4, SERVER_ROOT, STATE_DIRECTORY, lab_ctl, wait_for
 from scripts import (
-    DONE, FOREVER, FTP, FTP_SERVER, HOST_KEY, KNOWN_HOSTS, LOGIN, NAME, OTHER_HOST, SECRET,
-    SETTINGS, SFTP, SSH_SCRIPTS, USE, listening, results, set_password, settings, side_by_side,
+    DONE, FOREVER, FTP, FTP_SERVER, HOST_KEY, KNOWN_HOSTS, LOGIN, NAME, OTHER_HOST,
+    SECRET, SETTINGS, SFTP, SSH_SCRIPTS, USE, listening, results, set_password, settings,
+    side_by_side,
 )
 
 PRINTABLE = "".join(map(chr, range(32, 127)))
@@ -76,45 +77,32 @@ someone@there's password: """
 
 
 @pytest.fixture
-def ssh_server(other_host, here):
+def own_server(other_host, here):
     """An SSH server with settings of its own."""
 
     def start(*settings):
-        key, configuration = here / "key", here / "sshd_config"
-        run("ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", key)
-        configuration.write_text("\n".join([
-            f"ListenAddress {OTHER_HOST}", f"HostKey {key}", "PidFile none", "UseDNS no",
-            "PubkeyAuthentication no", "Subsystem sftp internal-sftp", *settings, ""
-        ]))
-        daemon = next(Path(os.path.realpath(f"/proc/{pid}/exe")) for pid in os.listdir("/proc")
-                      if pid.isdigit()
-                      and os.path.realpath(f"/proc/{pid}/exe").endswith("/sshd"))
-        other_host(daemon, "-D", "-f", configuration)
-        scan = ["ssh-keyscan", "-T1", OTHER_HOST]
-        wait_for(
-            lambda: subprocess.run(scan, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL).stdout,
-            what="the server")
+        ssh_server.ssh_server(other_host, OTHER_HOST, here, *settings)
 
     return start
 
 
-def test_banner_that_says_what_the_scripts_look_for(ssh_server, transfers, here):
+def test_banner_that_says_what_the_scripts_look_for(own_server, transfers, here):
     """Only the client's own words count."""
     (here / "banner").write_text(BANNER)
-    ssh_server("UsePAM no", "KbdInteractiveAuthentication no", f"Banner {here / 'banner'}")
+    own_server("UsePAM no", "KbdInteractiveAuthentication no", f"Banner {here / 'banner'}")
     every = transfers(SSH_SCRIPTS, b"text")
     assert results(every, server=OTHER_HOST) == [DONE] * 4
     assert all(transfer.target.read_bytes() == b"text" for transfer in every)
     assert results(every, server=OTHER_HOST, password="wrong") == [LOGIN] * 4
 
 
-def test_keyboard_interactive(ssh_server, here):
+def test_keyboard_interactive(own_server, here):
     """A server that sends prompts of its own (RFC 4256)."""
     Path("/etc/pam.d/sshd").write_text(
         "auth required pam_unix.so nodelay\naccount required pam_permit.so\n"
         "session required pam_permit.so\n"
     )
-    ssh_server("UsePAM yes", "PasswordAuthentication no", "KbdInteractiveAuthentication yes")
+    own_server("UsePAM yes", "PasswordAuthentication no", "KbdInteractiveAuthentication yes")
     (here / "out").write_text("text\n")
     for script in SSH_SCRIPTS:
         assert script.put(here / "out", f"asked-{script.program}", server=OTHER_HOST) == DONE
@@ -177,18 +165,19 @@ def unreadable_settings():
         SETTINGS.write_text(text)
 
 
+def reason(transfer, code=USE):
+    """Why the transfer fails."""
+    transfer.start()
+    output, error = transfer.running.process.communicate(timeout=FOREVER)
+    assert transfer.running.process.returncode == code and output == b""
+    return error.decode().partition(": ")[2]
+
+
 def test_settings_that_refuse(transfers):
     """No server is contacted if a setting that guards something is bad, or if the settings can't be
     read."""
     both, every = transfers(SSH_SCRIPTS, b"text"), [FTP, *SSH_SCRIPTS]
     before = len(SERVER_LOG.read_text())
-
-    def reason(transfer):
-        transfer.start()
-        output, error = transfer.running.process.communicate(timeout=FOREVER)
-        assert transfer.running.process.returncode == USE and output == b""
-        return error.decode().partition(": ")[2]
-
     for word in ("maybe", "", "0", "yes please"):
         settings(ssh_accept_new_host_keys=word)
         lines = len(SETTINGS.read_text().splitlines())
@@ -204,6 +193,107 @@ def test_settings_that_refuse(transfers):
                 "copies and saves fail\n"
                 .encode())
             assert done.process.returncode == USE
+    assert SERVER_LOG.read_text()[before:] == "" and not KNOWN_HOSTS.exists()
+
+
+@pytest.fixture
+def identity():
+    """Makes a key of the switch and sets it."""
+    made = []
+
+    def make(name="ssh_identity", **more):
+        made.append(ssh_server.identity(name, **more))
+        settings(ssh_identity=made[-1])
+        return made[-1]
+
+    yield make
+    for key in made:
+        ssh_server.remove(key)
+
+
+# The second name has all that a configuration line, a shell or Tcl could interpret.
+@pytest.mark.parametrize("name", ["ssh_identity", "a %h \"b'c\\d$HOME [exit] {x;y}"],
+                         ids=["plain", "hostile"])
+def test_key_instead_of_a_password(name, identity, own_server, transfers, here):
+    """The password of the request is neither asked for nor needed."""
+    ssh_server.authorize(here, identity(name))
+    own_server(*ssh_server.KEYS_ONLY)
+    every = transfers(SSH_SCRIPTS, b"text")
+    for password in ("", "wrong"):
+        assert results(every, server=OTHER_HOST, password=password) == [DONE] * 4
+        for transfer in every:
+            assert transfer.target.read_bytes() == b"text"
+            transfer.target.unlink()
+
+
+def test_key_that_the_server_refuses(identity, own_server, transfers):
+    identity()
+    own_server(*ssh_server.KEYS_ONLY)
+    every = transfers(SSH_SCRIPTS, b"text")
+    for password in ("", SECRET):
+        assert results(every, server=OTHER_HOST, password=password) == [LOGIN] * 4
+    assert not any(transfer.target.exists() for transfer in every)
+
+
+def test_password_after_a_key_that_the_server_refuses(identity, transfers):
+    identity()
+    every = transfers(SSH_SCRIPTS, b"text")
+    assert results(every) == [DONE] * 4
+    assert results(every, password="wrong") == [LOGIN] * 4
+    assert results(every, password="") == [LOGIN] * 4
+
+
+def test_key_before_the_password(identity, own_server, here):
+    """A server that wants both."""
+    ssh_server.authorize(here, identity())
+    own_server("UsePAM no", "AuthenticationMethods publickey,password")
+    (here / "out").write_text("text\n")
+    for script in SSH_SCRIPTS:
+        assert script.put(here / "out", f"both-{script.program}", server=OTHER_HOST) == DONE
+        assert script.put(here / "out", "x", server=OTHER_HOST, password="wrong") == LOGIN
+
+
+def test_no_key_without_the_setting(own_server, identity, here):
+    """No key of the agent's user is tried, wherever it is."""
+    ssh_server.authorize(here, identity())
+    settings(ssh_identity="")
+    own_server(*ssh_server.KEYS_ONLY)
+    (here / "out").write_text("text\n")
+    for script in SSH_SCRIPTS:
+        assert script.put(here / "out", "x", server=OTHER_HOST) == LOGIN
+
+
+def test_keys_that_can_not_be_used(identity, transfers):
+    """No server is contacted with a key that can't be used."""
+    both = transfers(SSH_SCRIPTS, b"text")
+    before = len(SERVER_LOG.read_text())
+
+    def refused(text):
+        assert {reason(transfer) for transfer in both} == {text}
+
+    for kind in ("ed25519", "rsa"):
+        key = identity(kind, kind=kind, passphrase="secret phrase")
+        refused(f"ssh_identity = {key}: it has a passphrase, which nobody can type here; "
+                "remove it with `ssh-keygen -p`\n")
+    key = identity()
+    key.write_text("no key\n")
+    refused(f'ssh_identity = {key}: Load key "{key}": error in libcrypto\n')
+
+    def must(file):
+        lines = len(SETTINGS.read_text().splitlines())
+        refused(f"{SETTINGS} line {lines}: ssh_identity = {file}: must be the absolute path of a "
+                "file that belongs to the agent's user, with mode 0600; copies by SFTP and SCP "
+                "fail\n")
+
+    for mode in (0o640, 0o604, 0o620, 0o610):
+        key.chmod(mode)
+        must(key)
+    key.chmod(0o600)
+    os.chown(key, 1, 1)
+    must(key)
+    for file in ("ssh_identity", "~/.ssh/id_ed25519", "/nonexistent", STATE_DIRECTORY, "yes"):
+        settings(ssh_identity=file)
+        must(file)
     assert SERVER_LOG.read_text()[before:] == "" and not KNOWN_HOSTS.exists()
 
 

@@ -1,6 +1,7 @@
 // Values from platform.conf, which of them take effect, and how problems are reported.
 #include "base/settings.h"
 
+#include "base/folders.h"
 #include "base/unique_fd.h"
 #include "tests/unit/child.h"
 #include "tests/unit/scratch.h"
@@ -151,6 +152,49 @@ TEST_F(HostSettings, AProgramMayComeLater) {
     Scratch::write(scratch.root() / "x", "");
     ASSERT_EQ(::chmod((scratch.root() / "x").c_str(), 0700), 0);
     EXPECT_EQ(refusal([] { ulmo::program_setting("command_apply"); }), "accepted");
+}
+
+TEST_F(HostSettings, APrivateFileIsNobodyElses) {
+    const std::string key = scratch.root() / "key";
+    Scratch::write(key, "");
+    const auto refused = [&](const std::string &text) {
+        scratch.configure("ssh_identity = " + text + "\n");
+        return refusal([] { ulmo::setting_values(setting("ssh_identity")); });
+    };
+    const std::string must = ": must be the absolute path of a file that belongs to the agent's "
+                             "user, with mode 0600; copies by SFTP and SCP fail";
+    for (const mode_t mode : {0700, 0600, 0400}) {
+        ASSERT_EQ(::chmod(key.c_str(), mode), 0);
+        EXPECT_EQ(refused(key), "accepted") << mode;
+    }
+    EXPECT_EQ(ulmo::setting_values(setting("ssh_identity")), Texts{key});
+    for (const mode_t mode : {0640, 0620, 0610, 0604, 0602, 0601}) {
+        ASSERT_EQ(::chmod(key.c_str(), mode), 0);
+        EXPECT_TRUE(refused(key).ends_with(must)) << mode;
+    }
+    ASSERT_EQ(::chmod(key.c_str(), 0600), 0);
+    // It may be put right without a change of the settings.
+    EXPECT_EQ(refusal([] { ulmo::setting_values(setting("ssh_identity")); }), "accepted");
+    for (const char *text : {"key", "~/key", "/absent", "/dev/null", "/tmp"}) {
+        EXPECT_EQ(refused(text), line(1) + "ssh_identity = " + text + must);
+    }
+    EXPECT_EQ(refused(""), "accepted");
+    EXPECT_EQ(ulmo::setting_values(setting("ssh_identity")), Texts{});
+}
+
+TEST_F(HostSettings, APrivateFileBelongsToTheAgentsUser) {
+    REQUIRE_SUPERUSER("gives files away");
+    const std::string key = scratch.root() / "key";
+    Scratch::write(key, "");
+    ASSERT_EQ(::chmod(key.c_str(), 0600), 0);
+    scratch.configure("ssh_identity = " + key + "\n");
+    const auto ask = [] { ulmo::setting_values(setting("ssh_identity")); };
+    ASSERT_EQ(::chown(key.c_str(), 1, 1), 0);
+    EXPECT_NE(refusal(ask), "accepted");
+    ASSERT_EQ(::chown(ulmo::state_path().c_str(), 1, 1), 0);
+    EXPECT_EQ(refusal(ask), "accepted") << "the owner of the state directory is the agent's user";
+    ASSERT_EQ(::chown(key.c_str(), 0, 0), 0);
+    EXPECT_NE(refusal(ask), "accepted");
 }
 
 TEST_F(HostSettings, ValuesAreTakenFromTheirLines) {
