@@ -1,6 +1,6 @@
 // Room: what all our programs share: system calls, texts, settings, files, processes, addresses.
-// Used by: tftp, receiver, copy_client, history, bus, vrf, device, fabric, transfer, system_manager,
-//          agent, programs.
+// Used by: tftp, receiver, copy_client, history, bus, vrf, device, fabric, transfer,
+//          system_manager, agent, programs.
 // May use: platform.
 //
 // The directories and files of the host platform.

@@ -94,7 +94,7 @@ std::optional<std::string_view> replacement(std::string_view text) {
 // The device has done what it was told, and still does not run what it should.
 class Differs : public std::runtime_error {
   public:
-    Differs() : std::runtime_error("it differs") {}
+    Differs() : std::runtime_error("the device shows another one") {}
 };
 
 } // namespace
@@ -205,7 +205,7 @@ void Device::apply(std::string_view text) {
     }
     if (limit.count() != 0 && !backend_->can_replace()) {
         throw std::runtime_error("confirm_limit is set, and this device can't replace its "
-                                 "configuration, which undoes a change");
+                                 "configuration, so it could not undo the change");
     }
     if (!backend_->is_atomic()) {
         backend_->check(statements);

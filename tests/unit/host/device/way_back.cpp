@@ -223,8 +223,8 @@ TEST_F(WayBack, ADeviceThatCannotReplaceHasNoWayBack) {
     EXPECT_EQ(runs(), "one\ntwo\nthree\n");
     keep();
     EXPECT_EQ(failure([&] { poor(confirmation())->apply("four\n"); }),
-              "confirm_limit is set, and this device can't replace its configuration, which undoes "
-              "a change");
+              "confirm_limit is set, and this device can't replace its configuration, so it could "
+              "not undo the change");
     EXPECT_EQ(runs(), "one\ntwo\nthree\n");
     ulmo::WayBack(state()).begin(before); // it could replace when the change was made
     EXPECT_EQ(poor()->show(ConfigurationStore::running), "one\ntwo\nthree\n");
