@@ -34,10 +34,9 @@ void set_up_local(CopyJob &job, const Options &options) {
         job.local_address = parsed_address(*options.local_address);
     }
     for (const Endpoint *file : {&job.from, &job.to}) {
-        if (file->is_local() && (file == &job.from || job.is_diff) &&
-            !has_template(*file, "host")) {
+        if (file->is_local() && (file == &job.from || job.is_diff) && !is_of_one_agent(*file)) {
             job.content = std::make_shared<ulmo::UniqueFd>(
-                snapshot(local_path(*file, {"", job.date}), job.is_replacement));
+                snapshot(local_path(*file, job.time), job.is_replacement));
         }
     }
     if (!job.is_dry_run || job.from.is_local()) {
@@ -50,12 +49,11 @@ CopyJob job_of(const Options &options) {
     CopyJob job;
     job.from = options.from;
     job.to = options.to;
-    job.date = date_value(std::time(nullptr));
+    job.time = values_of_time(std::time(nullptr));
     job.wait_turn = options.wait_turn;
     job.time_limit = options.time_limit;
     job.is_dry_run = options.is_dry_run;
     job.is_verbose = options.is_verbose;
-    job.snmp_user = security_name(options.session);
     job.keeping = options.keeping;
     job.is_diff = options.command == Command::diff;
     if (job.is_local() || job.is_diff) {
@@ -66,9 +64,9 @@ CopyJob job_of(const Options &options) {
         return job;
     }
     job.server = server_address(job.file().host, job.time_limit);
-    for (const std::string &agent : options.agents) {
+    for (const Agent &agent : options.agents) {
         // Reports a name that is too long before any copy begins.
-        file_name(job.file(), {host_value(agent), job.date});
+        file_name(job.file(), path_values(job, agent));
     }
     const bool is_needed = needs_password(job.file());
     // A dry run sends no password, so it does not ask for one.
@@ -77,8 +75,8 @@ CopyJob job_of(const Options &options) {
                                      !is_needed, options.hosts_file == "-");
     }
     if ((is_needed || !job.password.empty()) &&
-        std::any_of(options.agents.begin(), options.agents.end(), [&](const std::string &agent) {
-            return is_readable_on_the_way(options.session, agent);
+        std::any_of(options.agents.begin(), options.agents.end(), [](const Agent &agent) {
+            return is_readable_on_the_way(*agent.settings, agent.name);
         })) {
         std::cerr << "config-copy: warning: the password travels to the agent unencrypted: use "
                      "SNMPv3 with -l authPriv\n";
@@ -88,24 +86,22 @@ CopyJob job_of(const Options &options) {
 
 ExitStatus copy(const Options &options, const CopyJob &job, Output &output) {
     if (options.hosts_file) {
-        return status_of_all(
-            copy_on_all(options.session, options.agents, job, options.jobs, output));
+        return status_of_all(copy_on_all(options.agents, job, options.jobs, output));
     }
-    const std::string &agent = options.agents.front();
+    const Agent &agent = options.agents.front();
     const Progress progress = [&](std::string_view state, std::chrono::seconds elapsed) {
-        output.progress(agent, state, elapsed);
+        output.progress(agent.name, state, elapsed);
     };
-    Outcome outcome = job.is_diff ? compare(options.session, agent, job, progress)
-                                  : copy(options.session, agent, job, progress);
-    keep(options.session, job, progress, outcome);
-    show_what_a_restore_brings(options.session, job, progress, outcome);
+    Outcome outcome = job.is_diff ? compare(agent, job, progress) : copy(agent, job, progress);
+    keep(agent, job, progress, outcome);
+    show_what_a_restore_brings(agent, job, progress, outcome);
     output.outcome(outcome);
     return outcome.status;
 }
 
 ExitStatus run(const Options &options, Output &output) {
     if (options.command == Command::help) {
-        output.put(usage_text);
+        output.put(usage_text());
         return ExitStatus::done;
     }
     if (options.command == Command::version) {
@@ -124,10 +120,10 @@ ExitStatus run(const Options &options, Output &output) {
             throw;
         }
     }
-    const std::string &agent = options.agents.front();
+    const std::string &agent = options.agents.front().name;
     try {
-        Session session =
-            session_with(options.session, agent, options.is_verbose, options.time_limit);
+        Session session = session_with(*options.agents.front().settings, agent, options.is_verbose,
+                                       options.time_limit);
         if (options.command == Command::list) {
             list_requests(session, output);
         } else if (options.command == Command::errors) {

@@ -32,15 +32,25 @@ std::string time_text(std::time_t time) {
     return {text.data(), std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &utc)};
 }
 
+// What the copy is about, with the values filled in.
+void describe(Outcome &outcome, const CopyJob &job, const PathValues &values) {
+    outcome.from = endpoint_text(job.from, values);
+    outcome.to = endpoint_text(job.to, values);
+    if (job.has_file() && !job.is_local()) {
+        outcome.file = file_name(job.file(), values);
+    }
+}
+
 class Run {
   public:
-    Run(Session &session, const CopyJob &job, const Progress &progress)
-        : session_(session), job_(job), progress_(progress),
-          row_(session), path_values_{host_value(session.agent()), job.date} {}
+    Run(Session &session, const Agent &agent, const CopyJob &job, const Progress &progress)
+        : session_(session), agent_(agent), job_(job), progress_(progress), row_(session),
+          path_values_(path_values(job, agent)) {}
 
     Outcome run() {
-        Outcome outcome = planned(job_, session_.agent());
+        Outcome outcome = planned(job_, agent_);
         try {
+            fill_in_name(outcome);
             offer_file(outcome);
             start_when_it_is_our_turn(outcome);
             await_end(outcome);
@@ -64,9 +74,10 @@ class Run {
 
     // Only queries; sets nothing.
     Outcome rehearse() {
-        Outcome outcome = planned(job_, session_.agent());
+        Outcome outcome = planned(job_, agent_);
         try {
             check_table(session_);
+            fill_in_name(outcome);
             const std::string reason = is_any(COPY_STATE_RUNNING) ? another_copy : "";
             if (!reason.empty() && job_.wait_turn == 0s) {
                 throw busy(reason);
@@ -89,6 +100,25 @@ class Run {
 
   private:
     static constexpr const char *another_copy = "another copy is in progress";
+
+    // Fills in the switch's name if a path needs it. Two switches may have the same one.
+    void fill_in_name(Outcome &outcome) {
+        learn_name(session_, job_, agent_);
+        if (agent_.sys_name.empty()) {
+            return;
+        }
+        path_values_ = path_values(job_, agent_);
+        describe(outcome, job_, path_values_);
+        if (!has_template(job_.to, "name")) {
+            return;
+        }
+        if (const auto other = job_.file_names->taken(outcome.to, agent_.name)) {
+            throw Failure(ExitStatus::failed,
+                          agent_.name + ": its sysName makes the same file as that of " + *other +
+                              ", " + outcome.to +
+                              ": nothing is copied; rename one, or write {host}");
+        }
+    }
 
     // Finds out where the switch finds the file, or, for a file of this machine, makes it so.
     void offer_file(Outcome &outcome) {
@@ -284,6 +314,7 @@ class Run {
     }
 
     Session &session_;
+    Agent agent_;
     const CopyJob &job_;
     const Progress &progress_;
     CopyRow row_;
@@ -303,8 +334,15 @@ std::string endpoint_text(const Endpoint &endpoint, const PathValues &values) {
     if (endpoint.is_local()) {
         return local_path(endpoint, values);
     }
-    return url_text(endpoint.url.protocol, endpoint.url.user, endpoint.url.host,
-                    file_name(endpoint.url, values));
+    std::string text = url_text(endpoint.url.protocol, endpoint.url.user, endpoint.url.host,
+                                file_name(endpoint.url, values));
+    if (values.name.empty() && has_template(endpoint, "name")) {
+        constexpr std::string_view encoded = "%7Bname%7D";
+        for (std::size_t at = 0; (at = text.find(encoded, at)) != std::string::npos;) {
+            text.replace(at, encoded.size(), "{name}");
+        }
+    }
+    return text;
 }
 
 std::optional<double> seconds_between(const Value &started, const Value &completed) {
@@ -342,37 +380,56 @@ void check_table(Session &session) {
     }
 }
 
-Outcome planned(const CopyJob &job, const std::string &agent) {
-    const PathValues values{host_value(agent), job.date};
+PathValues path_values(const CopyJob &job, const Agent &agent) {
+    PathValues values = job.time;
+    values.host = host_value(agent.name);
+    values.group = agent.group;
+    values.name = agent.sys_name;
+    return values;
+}
+
+void learn_name(Session &session, const CopyJob &job, Agent &agent) {
+    if (!agent.sys_name.empty() ||
+        (!has_template(job.from, "name") && !has_template(job.to, "name"))) {
+        return;
+    }
+    const Oid sys_name{1, 3, 6, 1, 2, 1, 1, 5, 0};
+    agent.sys_name = name_value(octets(session.get({sys_name}).front()));
+    if (agent.sys_name.empty()) {
+        throw Failure(ExitStatus::failed,
+                      agent.name + ": no sysName that this user may read, so {name} can't be "
+                                   "filled in: name the switch, or write {host}");
+    }
+}
+
+Outcome planned(const CopyJob &job, const Agent &agent) {
     Outcome outcome;
-    outcome.agent = agent;
+    outcome.agent = agent.name;
+    outcome.group = agent.group;
     outcome.is_dry_run = job.is_dry_run;
-    outcome.from = endpoint_text(job.from, values);
-    outcome.to = endpoint_text(job.to, values);
+    describe(outcome, job, path_values(job, agent));
     if (job.has_file() && !job.is_local()) {
         outcome.server = address_text(job.server.octets);
-        outcome.file = file_name(job.file(), values);
         outcome.user = job.file().user;
     }
-    outcome.snmp_user = job.snmp_user;
+    outcome.snmp_user = security_name(*agent.settings);
     return outcome;
 }
 
-Outcome copy(Session &session, const CopyJob &job, const Progress &progress) {
-    Run run(session, job, progress);
+Outcome copy(Session &session, const Agent &agent, const CopyJob &job, const Progress &progress) {
+    Run run(session, agent, job, progress);
     return job.is_dry_run ? run.rehearse() : run.run();
 }
 
-Outcome copy(const netsnmp_session &defaults, const std::string &agent, const CopyJob &job,
-             const Progress &progress) {
+Outcome copy(const Agent &agent, const CopyJob &job, const Progress &progress) {
     Outcome outcome = planned(job, agent);
     try {
-        Session session = session_with(defaults, agent, job.is_verbose, job.time_limit);
-        return copy(session, job, progress);
+        Session session = session_with(*agent.settings, agent.name, job.is_verbose, job.time_limit);
+        return copy(session, agent, job, progress);
     } catch (const Failure &failure) {
         outcome.fail(failure);
     } catch (const Trouble &trouble) {
-        outcome.fail(failure_of(trouble, agent));
+        outcome.fail(failure_of(trouble, agent.name));
     }
     return outcome;
 }

@@ -2,7 +2,9 @@
 #pragma once
 
 #include "base/unique_fd.h"
+#include "config-copy/agent.h"
 #include "config-copy/endpoint.h"
+#include "config-copy/file_names.h"
 #include "config-copy/keep.h"
 #include "config-copy/outcome.h"
 #include "config-copy/server_address.h"
@@ -23,12 +25,12 @@ struct CopyJob {
     Endpoint to;
     ServerAddress server; // of the endpoint that is a file
     std::string password;
-    std::string date;                   // for {date}
+    PathValues time; // of the run, for the templates of a path
+    std::shared_ptr<FileNames> file_names = std::make_shared<FileNames>();
     std::chrono::seconds wait_turn{0};  // how long to wait while another copy is in progress
     std::chrono::seconds time_limit{0}; // how long the copy may take
     bool is_dry_run = false;            // only query, set nothing
     bool is_verbose = false;            // as for session_with()
-    std::string snmp_user;              // of SNMPv3
 
     // Only if FROM or TO is a file of this machine.
     std::shared_ptr<LocalTransfers> transfers;
@@ -50,17 +52,23 @@ struct CopyJob {
     }
 };
 
+// The values for the agent's templates; that of {name} is empty until the switch is asked.
+PathValues path_values(const CopyJob &job, const Agent &agent);
+
+// Asks for the switch's name if a path of the job needs it and it is not known yet. Throws a
+// Failure, or Trouble.
+void learn_name(Session &session, const CopyJob &job, Agent &agent);
+
 // What is known about a copy on the agent before it begins.
-Outcome planned(const CopyJob &job, const std::string &agent);
+Outcome planned(const CopyJob &job, const Agent &agent);
 
 // Does the copy; the session can't be used afterwards. Leaves no request of ours on the switch,
 // whatever happens, as long as the agent answers. A dry run only queries for conflicts. Throws only
 // Interrupted and InterruptedWithRequests.
-Outcome copy(Session &session, const CopyJob &job, const Progress &progress);
+Outcome copy(Session &session, const Agent &agent, const CopyJob &job, const Progress &progress);
 
 // The same with a session of its own.
-Outcome copy(const netsnmp_session &defaults, const std::string &agent, const CopyJob &job,
-             const Progress &progress);
+Outcome copy(const Agent &agent, const CopyJob &job, const Progress &progress);
 
 // The duration of a copy by ccCopyTimeStarted and ccCopyTimeCompleted; empty if it has not ended.
 std::optional<double> seconds_between(const Value &started, const Value &completed);
@@ -74,7 +82,7 @@ std::vector<SwitchOutcome> switches_of(Session &session, oid index,
 void check_table(Session &session);
 
 // An endpoint in the form that parse_endpoint() reads, with the templates filled in and without a
-// password.
+// password. {name} stays while the switch's name is not known.
 std::string endpoint_text(const Endpoint &endpoint, const PathValues &values);
 
 } // namespace config_copy

@@ -3,6 +3,7 @@
 #include "base/posix.h"
 #include "base/program_run.h"
 #include "base/text.h"
+#include "config-copy/agent_session.h"
 #include "config-copy/local_file.h"
 
 #include <sys/stat.h>
@@ -33,22 +34,20 @@ std::string without_replace_line(std::string text) {
 }
 
 // The content of FROM or TO; empty, with the outcome of the copy that failed, if it can't be had.
-std::optional<std::string> content_at(const netsnmp_session &defaults, const Endpoint &endpoint,
+std::optional<std::string> content_at(const Agent &agent, const Endpoint &endpoint,
                                       const CopyJob &job, const Progress &progress,
                                       Outcome &outcome) {
     if (endpoint.is_local()) {
         return without_replace_line(content_of(
-            job.content
-                ? job.content->get()
-                : snapshot(local_path(endpoint, {host_value(outcome.agent), job.date}), false)
-                      .get()));
+            job.content ? job.content->get()
+                        : snapshot(local_path(endpoint, path_values(job, agent)), false).get()));
     }
     CopyJob fetch = job;
     fetch.from = endpoint;
     fetch.to = {FileType::network, {}, "this machine"};
     fetch.is_dry_run = false;
     fetch.into = std::make_shared<ulmo::UniqueFd>(memory_file());
-    const Outcome fetched = copy(defaults, outcome.agent, fetch, progress);
+    const Outcome fetched = copy(agent, fetch, progress);
     if (fetched.status != ExitStatus::done) {
         outcome.status = fetched.status;
         outcome.text = fetched.text;
@@ -63,12 +62,27 @@ std::string count_of_lines(const Difference &difference) {
 }
 
 // Compares, unless the outcome tells why not.
-void compare(const netsnmp_session &defaults, const CopyJob &job, const Endpoint &from,
-             const Endpoint &to, const Progress &progress, Outcome &outcome) {
-    const auto one = content_at(defaults, from, job, progress, outcome);
-    const auto other = one ? content_at(defaults, to, job, progress, outcome) : std::nullopt;
+void compare(Agent agent, const CopyJob &job, const Endpoint &from, const Endpoint &to,
+             const Progress &progress, Outcome &outcome) {
+    if (has_template(from, "name") || has_template(to, "name")) {
+        try {
+            Session session =
+                session_with(*agent.settings, agent.name, job.is_verbose, job.time_limit);
+            learn_name(session, job, agent);
+        } catch (const Failure &failure) {
+            outcome.fail(failure);
+            return;
+        } catch (const Trouble &trouble) {
+            outcome.fail(failure_of(trouble, agent.name));
+            return;
+        }
+    }
+    const PathValues values = path_values(job, agent);
+    outcome.from = endpoint_text(job.from, values);
+    outcome.to = endpoint_text(job.to, values);
+    const auto one = content_at(agent, from, job, progress, outcome);
+    const auto other = one ? content_at(agent, to, job, progress, outcome) : std::nullopt;
     if (one && other) {
-        const PathValues values{host_value(outcome.agent), job.date};
         outcome.difference =
             difference(*one, *other, endpoint_text(from, values), endpoint_text(to, values));
     }
@@ -106,27 +120,26 @@ Difference difference(const std::string &from, const std::string &to, const std:
     return found;
 }
 
-Outcome compare(const netsnmp_session &defaults, const std::string &agent, const CopyJob &job,
-                const Progress &progress) {
+Outcome compare(const Agent &agent, const CopyJob &job, const Progress &progress) {
     Outcome outcome = planned(job, agent);
-    compare(defaults, job, job.from, job.to, progress, outcome);
+    compare(agent, job, job.from, job.to, progress, outcome);
     if (outcome.difference) {
         const bool is_different = outcome.difference->any();
         outcome.status = is_different ? ExitStatus::different : ExitStatus::done;
-        outcome.text = agent + ": " + outcome.from + " and " + outcome.to +
+        outcome.text = agent.name + ": " + outcome.from + " and " + outcome.to +
                        (is_different ? " differ: lines " + count_of_lines(*outcome.difference)
                                      : " are the same");
     }
     return outcome;
 }
 
-void show_what_a_restore_brings(const netsnmp_session &defaults, const CopyJob &job,
-                                const Progress &progress, Outcome &outcome) {
+void show_what_a_restore_brings(const Agent &agent, const CopyJob &job, const Progress &progress,
+                                Outcome &outcome) {
     if (!job.is_dry_run || !job.from.is_local() || outcome.status != ExitStatus::done) {
         return;
     }
     const std::string planned_text = outcome.text;
-    compare(defaults, job, {FileType::running, {}, {}}, job.from, progress, outcome);
+    compare(agent, job, {FileType::running, {}, {}}, job.from, progress, outcome);
     if (outcome.difference) {
         outcome.text = planned_text + "; against running, its lines are " +
                        count_of_lines(*outcome.difference);

@@ -3,10 +3,6 @@
 
 #include "config-copy/copy_run.h"
 
-#include <net-snmp/net-snmp-config.h>
-
-#include <net-snmp/net-snmp-includes.h>
-
 #include <string>
 
 namespace config_copy {
@@ -17,11 +13,10 @@ Difference difference(const std::string &from, const std::string &to, const std:
 
 // Compares FROM and TO of the job, each of which is running, startup or a file of this machine.
 // Throws as copy().
-Outcome compare(const netsnmp_session &defaults, const std::string &agent, const CopyJob &job,
-                const Progress &progress);
+Outcome compare(const Agent &agent, const CopyJob &job, const Progress &progress);
 
 // Adds to the outcome of a dry run in what FROM, a file of this machine, differs from running.
-void show_what_a_restore_brings(const netsnmp_session &defaults, const CopyJob &job,
-                                const Progress &progress, Outcome &outcome);
+void show_what_a_restore_brings(const Agent &agent, const CopyJob &job, const Progress &progress,
+                                Outcome &outcome);
 
 } // namespace config_copy

@@ -95,17 +95,34 @@ std::string encoded(std::string_view text, std::string_view special) {
     return result;
 }
 
+struct Template {
+    std::string_view key;
+    std::string PathValues::*value;
+};
+constexpr std::array<Template, 6> templates{{{"{host}", &PathValues::host},
+                                             {"{name}", &PathValues::name},
+                                             {"{group}", &PathValues::group},
+                                             {"{date}", &PathValues::date},
+                                             {"{time}", &PathValues::time},
+                                             {"{datetime}", &PathValues::datetime}}};
+
 // The value of the template that begins at path[at]; `at` moves to its last character.
 std::string filled_in(std::string_view path, std::size_t &at, const PathValues &values,
                       const char *advice) {
     const std::size_t end = path.find('}', at);
     const std::string_view key =
         path.substr(at, end == std::string_view::npos ? end : end + 1 - at);
-    if (key != "{host}" && key != "{date}") {
-        throw bad_usage(quoted(key) + " can't be filled in: {host} and {date} can" + advice);
+    for (const auto &[known, member] : templates) {
+        if (key == known) {
+            at = end;
+            const std::string &value = values.*member;
+            return value.empty() ? std::string(key) : value;
+        }
     }
-    at = end;
-    return key == "{host}" ? values.host : values.date;
+    throw bad_usage(quoted(key) +
+                    " can't be filled in: {host}, {name}, {group}, {date}, {time} and {datetime} "
+                    "can" +
+                    advice);
 }
 
 void check_characters(std::string_view what, std::string_view text) {
@@ -222,7 +239,7 @@ Endpoint parse_local(std::string_view text) {
     check_characters("file name", text);
     check_not_misspelt(text);
     Endpoint endpoint{FileType::network, {}, std::string(text)};
-    local_path(endpoint, {"host", "date"}); // reports a bad template before anything is asked
+    local_path(endpoint, {}); // reports a bad template before anything is asked
     return endpoint;
 }
 
@@ -262,7 +279,7 @@ Endpoint parse_endpoint(std::string_view text) {
         return parse_local(text);
     }
     Endpoint endpoint{FileType::network, parse_url(text, scheme_length), {}};
-    file_name(endpoint.url, {"host", "date"}); // reports a bad name before anything is asked
+    file_name(endpoint.url, {}); // reports a bad name before anything is asked
     return endpoint;
 }
 
@@ -349,6 +366,11 @@ bool has_template(const Endpoint &endpoint, std::string_view name) {
     return path.find('{' + std::string(name) + '}') != std::string::npos;
 }
 
+bool is_of_one_agent(const Endpoint &endpoint) {
+    return has_template(endpoint, "host") || has_template(endpoint, "name") ||
+           has_template(endpoint, "group");
+}
+
 std::string host_value(std::string_view agent) {
     std::string value;
     for (const char c : agent) {
@@ -364,11 +386,24 @@ std::string host_value(std::string_view agent) {
     return value;
 }
 
-std::string date_value(std::time_t now) {
+std::string name_value(std::string_view sys_name) {
+    constexpr std::size_t longest = 64;
+    const std::string value = host_value(sys_name);
+    const std::size_t begin = value.find_first_not_of(".-");
+    return begin == std::string::npos ? "" : value.substr(begin, longest);
+}
+
+PathValues values_of_time(std::time_t now) {
     std::tm local{};
     ::localtime_r(&now, &local);
     std::array<char, 32> text{};
-    return {text.data(), std::strftime(text.data(), text.size(), "%Y-%m-%d", &local)};
+    PathValues values;
+    values.datetime = {text.data(),
+                       std::strftime(text.data(), text.size(), "%Y-%m-%dT%H-%M-%S", &local)};
+    const std::size_t end_of_date = values.datetime.find('T');
+    values.date = values.datetime.substr(0, end_of_date);
+    values.time = values.datetime.substr(end_of_date + 1);
+    return values;
 }
 
 std::string url_text(Protocol protocol, const std::string &user, const std::string &host,

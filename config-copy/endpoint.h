@@ -34,13 +34,21 @@ void check_pair(const Endpoint &from, const Endpoint &to);
 // The same unless both can be compared: running, startup and a file of this machine.
 void check_comparison(const Endpoint &one, const Endpoint &other);
 
-// Values for the templates of a path.
+// Values for the templates of a path, in a form that is safe in a file name. A template whose value
+// is not known yet, and therefore empty, stays as it is.
 struct PathValues {
-    std::string host; // {host}: the agent, in a form that is safe in a file name
-    std::string date; // {date}: as in 2026-11-21
+    std::string host;     // {host}: the agent
+    std::string date;     // {date}: as in 2026-11-21
+    std::string time;     // {time}: as in 01-30-00
+    std::string datetime; // {datetime}: as in 2026-11-21T01-30-00
+    std::string group;    // {group}: of the agent, in the hosts file
+    std::string name;     // {name}: the switch's sysName
 };
 
-// The file's name on the server: the path with {host} and {date} filled in and percent-encoding
+// The values of the local time.
+PathValues values_of_time(std::time_t now);
+
+// The file's name on the server: the path with the templates filled in and percent-encoding
 // decoded. Throws a Failure of usage if it is not a file name or is too long for the switch.
 std::string file_name(const FileUrl &url, const PathValues &values);
 
@@ -51,11 +59,16 @@ std::string local_path(const Endpoint &endpoint, const PathValues &values);
 // Whether the file's path has the template, for instance "host".
 bool has_template(const Endpoint &endpoint, std::string_view name);
 
+// Whether the path differs from agent to agent.
+bool is_of_one_agent(const Endpoint &endpoint);
+
 // The agent's name for {host}: letters, digits, dots, hyphens and underscores are kept; everything
 // else becomes a hyphen.
 std::string host_value(std::string_view agent);
 
-std::string date_value(std::time_t now);
+// The same for {name}, at most 64 characters that do not begin with a dot or hyphen. Empty if
+// nothing of the text is left.
+std::string name_value(std::string_view sys_name);
 
 // Whether the protocol requires a password for this user, and whether it can use one.
 bool needs_password(const FileUrl &url);

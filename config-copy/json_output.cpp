@@ -122,6 +122,7 @@ std::string json_of(const Outcome &outcome) {
     }
     return line_of({{"type", "copy"},
                     {"agent", outcome.agent},
+                    {"group", text_or_null(outcome.group)},
                     {"ending", key_of(outcome.status)},
                     {"status", static_cast<int>(outcome.status)},
                     {"dry_run", outcome.is_dry_run},
@@ -150,6 +151,7 @@ std::string json_difference(const Outcome &outcome) {
     const auto &found = outcome.difference;
     return line_of({{"type", "difference"},
                     {"agent", outcome.agent},
+                    {"group", text_or_null(outcome.group)},
                     {"ending", key_of(outcome.status)},
                     {"status", exit_number(outcome.status, true)},
                     {"from", outcome.from},

@@ -18,15 +18,14 @@ constexpr const char *what_follows =
     "configuration before, otherwise when it restarts";
 
 // Throws Trouble or Failure if the agent does not answer.
-void await_answer(const netsnmp_session &defaults, const CopyJob &job, const std::string &agent,
-                  const Progress &progress) {
+void await_answer(const Agent &agent, const CopyJob &job, const Progress &progress) {
     const auto began = Clock::now();
     for (;;) {
         const auto waited = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - began);
         progress("waiting for an answer", waited);
         try {
             Session session =
-                session_with(defaults, agent, job.is_verbose,
+                session_with(*agent.settings, agent.name, job.is_verbose,
                              std::min<std::chrono::seconds>(job.time_limit, longest_silence));
             session.get({copy_cell(CC_COLUMN_ENTRY_ROW_STATUS, largest_index)});
             return;
@@ -38,31 +37,29 @@ void await_answer(const netsnmp_session &defaults, const CopyJob &job, const std
     }
 }
 
-Outcome saved(const netsnmp_session &defaults, const CopyJob &job, const std::string &agent,
-              const Progress &progress) {
+Outcome saved(const Agent &agent, const CopyJob &job, const Progress &progress) {
     CopyJob save = job;
     save.from = {FileType::running, {}, {}};
     save.to = {FileType::startup, {}, {}};
     if (job.keeping == Keeping::confirm) {
         try {
-            await_answer(defaults, job, agent, progress);
+            await_answer(agent, job, progress);
         } catch (const Failure &failure) {
             Outcome silent = planned(save, agent);
             silent.fail(failure);
             return silent;
         } catch (const Trouble &trouble) {
             Outcome silent = planned(save, agent);
-            silent.fail(failure_of(trouble, agent));
+            silent.fail(failure_of(trouble, agent.name));
             return silent;
         }
     }
-    return copy(defaults, agent, save, progress);
+    return copy(agent, save, progress);
 }
 
 } // namespace
 
-void keep(const netsnmp_session &defaults, const CopyJob &job, const Progress &progress,
-          Outcome &outcome) {
+void keep(const Agent &agent, const CopyJob &job, const Progress &progress, Outcome &outcome) {
     if (job.keeping == Keeping::no || job.is_dry_run) {
         return;
     }
@@ -74,7 +71,7 @@ void keep(const netsnmp_session &defaults, const CopyJob &job, const Progress &p
         }
         return;
     }
-    const Outcome save = saved(defaults, job, outcome.agent, progress);
+    const Outcome save = saved(agent, job, progress);
     outcome.is_saved = save.status == ExitStatus::done;
     if (*outcome.is_saved) {
         outcome.text += "; saved to startup";

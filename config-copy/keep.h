@@ -1,11 +1,8 @@
 // Keeping a configuration that was restored to running: saving it to startup.
 #pragma once
 
+#include "config-copy/agent.h"
 #include "config-copy/outcome.h"
-
-#include <net-snmp/net-snmp-config.h>
-
-#include <net-snmp/net-snmp-includes.h>
 
 #include <chrono>
 #include <functional>
@@ -27,7 +24,6 @@ using Progress = std::function<void(std::string_view state, std::chrono::seconds
 
 // Does what the job wants of a configuration after it was restored with this outcome, and completes
 // the outcome. With Keeping::confirm, the agent has half a minute to answer. Throws as copy().
-void keep(const netsnmp_session &defaults, const CopyJob &job, const Progress &progress,
-          Outcome &outcome);
+void keep(const Agent &agent, const CopyJob &job, const Progress &progress, Outcome &outcome);
 
 } // namespace config_copy

@@ -57,37 +57,35 @@ class Slot {
     std::counting_semaphore<> &slots_;
 };
 
-Outcome copy_on(const netsnmp_session &defaults, const std::string &agent, const CopyJob &job,
-                std::counting_semaphore<> &slots) {
+Outcome copy_on(const Agent &agent, const CopyJob &job, std::counting_semaphore<> &slots) {
     Outcome outcome = planned(job, agent);
     try {
-        Session session = session_with(defaults, agent, job.is_verbose, job.time_limit);
+        Session session = session_with(*agent.settings, agent.name, job.is_verbose, job.time_limit);
         // An agent that does not answer does not get a slot.
         session.get({copy_cell(CC_COLUMN_ENTRY_ROW_STATUS, largest_index)});
         const Slot slot(slots);
         session.set_deadline(Clock::now() + job.time_limit, false);
         const Progress silent = [](std::string_view, std::chrono::seconds) {};
         if (job.is_diff) {
-            return compare(defaults, agent, job, silent);
+            return compare(agent, job, silent);
         }
-        outcome = copy(session, job, silent);
-        keep(defaults, job, silent, outcome);
-        show_what_a_restore_brings(defaults, job, silent, outcome);
+        outcome = copy(session, agent, job, silent);
+        keep(agent, job, silent, outcome);
+        show_what_a_restore_brings(agent, job, silent, outcome);
     } catch (const Failure &failure) {
         outcome.fail(failure);
     } catch (const Trouble &trouble) {
-        outcome.fail(failure_of(trouble, agent));
+        outcome.fail(failure_of(trouble, agent.name));
     } catch (const std::exception &error) {
-        outcome.fail({ExitStatus::failed, agent + ": " + error.what()});
+        outcome.fail({ExitStatus::failed, agent.name + ": " + error.what()});
     }
     return outcome;
 }
 
 } // namespace
 
-std::vector<Outcome> copy_on_all(const netsnmp_session &defaults,
-                                 const std::vector<std::string> &agents, const CopyJob &job,
-                                 int jobs, Output &output) {
+std::vector<Outcome> copy_on_all(const std::vector<Agent> &agents, const CopyJob &job, int jobs,
+                                 Output &output) {
     std::vector<Outcome> outcomes(agents.size());
     std::atomic<std::size_t> next = 0;
     std::counting_semaphore<> slots(jobs);
@@ -97,7 +95,7 @@ std::vector<Outcome> copy_on_all(const netsnmp_session &defaults,
         try {
             for (std::size_t i = next++; i < agents.size() && interrupting_signal() == 0;
                  i = next++) {
-                outcomes[i] = copy_on(defaults, agents[i], job, slots);
+                outcomes[i] = copy_on(agents[i], job, slots);
                 output.outcome(outcomes[i]);
             }
         } catch (const InterruptedWithRequests &interrupted) {

@@ -4,7 +4,6 @@
 #include "config-copy/copy_run.h"
 #include "config-copy/output.h"
 
-#include <string>
 #include <vector>
 
 namespace config_copy {
@@ -14,8 +13,7 @@ namespace config_copy {
 // silent agents do not delay others. It may raise the process's soft limit of open files; a hard
 // limit that is too low reduces these numbers. Throws Interrupted after all copies that had begun
 // are cleaned up.
-std::vector<Outcome> copy_on_all(const netsnmp_session &defaults,
-                                 const std::vector<std::string> &agents, const CopyJob &job,
-                                 int jobs, Output &output);
+std::vector<Outcome> copy_on_all(const std::vector<Agent> &agents, const CopyJob &job, int jobs,
+                                 Output &output);
 
 } // namespace config_copy

@@ -2,24 +2,22 @@
 
 #include "base/number.h"
 #include "config-copy/failure.h"
+#include "config-copy/hosts_file.h"
 #include "config-copy/likeness.h"
 #include "config-copy/local_file.h"
 #include "config-copy/server_address.h"
 #include "copy_client/session.h"
-#include "copy_client/user.h"
 
 #include <strings.h>
 
 #include <algorithm>
 #include <array>
 #include <cctype>
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <iostream>
 #include <set>
 #include <string_view>
+#include <unordered_set>
 #include <utility>
 
 namespace config_copy {
@@ -38,72 +36,109 @@ long number_of(std::string_view what, std::string_view text, long least, long mo
     return *value;
 }
 
-// An option of ours. An option with a value may be given only once, because it would not be clear
-// which of two values counts.
-struct OwnOption {
-    std::string_view name;
-    bool takes_value;
-    void (*take)(Options &options, std::string_view name, const std::string &value);
-};
-
-constexpr std::array<OwnOption, 17> own_options{
-    {{"--hosts", true,
+constexpr std::array<OwnOption, 16> options_of_ours{
+    {{"hosts", 0, "FILE",
+      "copy on each agent that FILE lists, one per line;\n"
+      "standard input for -",
       [](Options &options, std::string_view, const std::string &value) {
           options.hosts_file = value;
       }},
-     {"--jobs", true,
+     {"group", 0, "NAME",
+      "only on agents of this group of the hosts file; may be\n"
+      "given several times",
+      [](Options &options, std::string_view, const std::string &value) {
+          options.groups.push_back(value);
+      }},
+     {"jobs", 0, "N", "on up to N agents at a time (default: 50)",
       [](Options &options, std::string_view name, const std::string &value) {
           options.jobs = static_cast<int>(number_of(name, value, 1, most_jobs));
       }},
-     {"--password-file", true,
+     {"password-file", 0, "FILE",
+      "the file server's password is the first line of FILE,\n"
+      "of standard input for -; otherwise it is asked for",
       [](Options &options, std::string_view, const std::string &value) {
           options.password_file = value;
       }},
-     {"--wait-turn", true,
+     {"wait-turn", 0, "SECONDS", "wait up to SECONDS for another copy to end",
       [](Options &options, std::string_view name, const std::string &value) {
           options.wait_turn = std::chrono::seconds(number_of(name, value, 0, longest_wait));
       }},
-     {"--time-limit", true,
+     {"time-limit", 0, "SECONDS", "give up a copy that takes longer (default: 600)",
       [](Options &options, std::string_view name, const std::string &value) {
           options.time_limit = std::chrono::seconds(number_of(name, value, 1, longest_wait));
       }},
-     {"--local-address", true,
-      [](Options &options, std::string_view, const std::string &value) {
-          options.local_address = value;
-      }},
-     {"--replace", false,
+     {"replace", 0, "",
+      "FROM replaces the running configuration, instead of\n"
+      "being merged into it",
       [](Options &options, std::string_view, const std::string &) {
           options.is_replacement = true;
       }},
-     {"--save", false,
+     {"save", 0, "", "save the restored configuration to startup",
       [](Options &options, std::string_view, const std::string &) {
           options.keeping = std::max(options.keeping, Keeping::save);
       }},
-     {"--confirm", false,
+     {"confirm", 0, "",
+      "the same if the agent still answers; otherwise the\n"
+      "switch goes back by itself (its setting confirm_limit)",
       [](Options &options, std::string_view, const std::string &) {
           options.keeping = Keeping::confirm;
       }},
-     {"--dry-run", false,
+     {"local-address", 0, "ADDR", "the address at which the switch reaches this machine",
+      [](Options &options, std::string_view, const std::string &value) {
+          options.local_address = value;
+      }},
+     {"dry-run", 0, "", "ask the agent, print what would be done, set nothing",
       [](Options &options, std::string_view, const std::string &) { options.is_dry_run = true; }},
-     {"--verbose", false,
+     {"quiet", 'q', "", "print errors only",
+      [](Options &options, std::string_view, const std::string &) { options.is_quiet = true; }},
+     {"verbose", 0, "", "print each SNMP message on standard error",
       [](Options &options, std::string_view, const std::string &) { options.is_verbose = true; }},
-     {"-q", false,
-      [](Options &options, std::string_view, const std::string &) { options.is_quiet = true; }},
-     {"--quiet", false,
-      [](Options &options, std::string_view, const std::string &) { options.is_quiet = true; }},
-     {"--json", false,
+     {"json", 0, "", "print JSON, one object per line",
       [](Options &options, std::string_view, const std::string &) { options.is_json = true; }},
-     {"--help", false,
+     {"help", 'h', "", "print this",
       [](Options &options, std::string_view, const std::string &) {
           options.command = Command::help;
       }},
-     {"-h", false,
+     {"version", 0, "", "print the version",
       [](Options &options, std::string_view, const std::string &) {
-          options.command = Command::help;
-      }},
-     {"--version", false, [](Options &options, std::string_view, const std::string &) {
           options.command = Command::version;
       }}}};
+
+// Our option as the user wrote it, with its hyphens; null if it is not ours.
+const OwnOption *own_option(std::string_view word) {
+    const auto *found =
+        std::find_if(options_of_ours.begin(), options_of_ours.end(), [&](const OwnOption &option) {
+            return word.starts_with("--") ? option.name == word.substr(2)
+                                          : word.size() == 2 && option.letter == word[1];
+        });
+    return found == options_of_ours.end() ? nullptr : found;
+}
+
+// The lines of the help about an option.
+std::string help_of(const OwnOption &option) {
+    constexpr std::size_t column = 25;
+    std::string line = "  ";
+    if (option.letter != 0) {
+        line += {'-', option.letter, ',', ' '};
+    }
+    line += "--" + std::string(option.name);
+    if (option.takes_value()) {
+        line += ' ' + std::string(option.argument);
+    }
+    std::string text;
+    const auto end_line = [&] { text += std::exchange(line, "") + '\n'; };
+    if (line.size() + 2 > column) {
+        end_line();
+    }
+    for (std::string_view rest = option.help; !rest.empty();) {
+        const std::size_t end = rest.find('\n');
+        line.resize(column, ' ');
+        line += rest.substr(0, end);
+        end_line();
+        rest.remove_prefix(end == std::string_view::npos ? rest.size() : end + 1);
+    }
+    return text;
+}
 
 // The library stores every long option as a line of snmp.conf, and only warns about one that it
 // does not know.
@@ -118,51 +153,77 @@ std::vector<const config_line *> library_tokens() {
     return tokens;
 }
 
-// Checks values for which the library would give a vague error, or silently do something else.
-void check_value(char letter, const std::string &value) {
-    constexpr std::size_t shortest_passphrase = 8; // RFC 3414, section 11.2
-    const std::string option = std::string("-") + letter;
-    if (letter == 'v' && value != "1" && ::strcasecmp(value.c_str(), "2c") != 0 && value != "3") {
-        throw bad_usage("-v needs the version of SNMP, 1, 2c or 3, not \"" + value + '"');
-    }
-    if (letter == 'a' && ::usm_lookup_auth_type(value.c_str()) < 0) {
-        throw bad_usage("-a needs an authentication protocol, such as SHA-256, not \"" + value +
-                        '"');
-    }
-    if (letter == 'x' && ::usm_lookup_priv_type(value.c_str()) < 0) {
-        throw bad_usage("-x needs a privacy protocol, such as AES, not \"" + value + '"');
-    }
-    if ((letter == 'A' || letter == 'X') && value.size() < shortest_passphrase) {
-        throw bad_usage(option + " needs a passphrase of at least " +
-                        std::to_string(shortest_passphrase) + " characters");
-    }
-}
-
-// Checks a word of single-letter options of the library, such as -dv2c, the last of which may have
+// Takes a word of single-letter options of the library, such as -dv2c, the last of which may have
 // its value in the next word. Returns whether it has.
-bool takes_next_word(std::string_view word, const char *next) {
-    if (word == "-Lf" || word == "-Ls") {
+bool take_letters(Words &result, char *word, char *next) {
+    const std::string_view text = word;
+    if (text == "-Lf" || text == "-Ls") {
+        result.library.push_back(word);
+        if (next != nullptr) {
+            result.library.push_back(next);
+        }
         return next != nullptr;
     }
-    const std::size_t at = word.find_first_of(letters_with_value, 1);
+    const std::size_t at = text.find_first_of(letters_with_value, 1);
     // The library would take this for a long option.
-    if (const std::size_t hyphen = word.find('-', 1); hyphen < at) {
-        throw bad_usage("in " + std::string(word.substr(0, hyphen + 1)) +
+    if (const std::size_t hyphen = text.find('-', 1); hyphen < at) {
+        throw bad_usage("in " + std::string(text.substr(0, hyphen + 1)) +
                         " a hyphen follows a letter: write a long option apart, with two hyphens");
     }
     if (at == std::string_view::npos) {
+        result.library.push_back(word);
         return false;
     }
-    const bool is_next = at + 1 == word.size();
+    const bool is_next = at + 1 == text.size();
     if (is_next && next == nullptr) {
-        throw bad_usage(std::string("-") + word[at] + " needs a value (config-copy --help)");
+        throw bad_usage(std::string("-") + text[at] + " needs a value (config-copy --help)");
     }
-    check_value(word[at], is_next ? std::string(next) : std::string(word.substr(at + 1)));
+    const char letter = text[at];
+    if (session_letters.find(letter) == std::string_view::npos) {
+        result.library.push_back(word);
+        if (is_next) {
+            result.library.push_back(next);
+        }
+        return is_next;
+    }
+    char *value = is_next ? next : word + at + 1;
+    result.session.set(letter, value);
+    if (is_secret(letter)) {
+        std::fill_n(value, std::strlen(value), '\0');
+    }
+    if (at > 1) { // the letters before it
+        word[at] = '\0';
+        result.library.push_back(word);
+    }
     return is_next;
 }
 
-std::string name_of_hosts(const std::string &file) {
-    return file == "-" ? "standard input" : "the hosts file " + file;
+// Whether something in the options needs a group of the agents.
+bool uses_groups(const Options &options) {
+    return !options.groups.empty() || has_template(options.from, "group") ||
+           has_template(options.to, "group");
+}
+
+// Each agent must have a file of its own. Switches of the same sysName are noticed later.
+void check_file_of_each(const Options &options) {
+    const std::string where = name_of_hosts(*options.hosts_file);
+    if (options.to.type == FileType::network && options.command == Command::copy &&
+        options.agents.size() > 1 && !has_template(options.to, "host") &&
+        !has_template(options.to, "name")) {
+        throw bad_usage(
+            "every agent would write the same file: put {host} or {name} into the path");
+    }
+    std::unordered_set<std::string> seen;
+    for (const Agent &agent : options.agents) {
+        if (!seen.insert(host_value(agent.name)).second) {
+            throw bad_usage(agent.name + " is listed twice in " + where +
+                            ", or looks like another agent there in a file's name");
+        }
+        if (agent.group.empty() && uses_groups(options)) {
+            throw bad_usage(agent.name + " is in no group of " + where +
+                            ", so {group} can't be filled in");
+        }
+    }
 }
 
 const std::string &agent_of(const std::string &argument) {
@@ -200,7 +261,8 @@ void check_local(const Options &options) {
     }
 }
 
-void parse_copy(const std::vector<std::string> &arguments, Options &options) {
+void parse_copy(const std::vector<std::string> &arguments, const SessionOptions &session,
+                Options &options) {
     const std::size_t expected = options.hosts_file ? 2 : 3;
     if (arguments.size() != expected) {
         throw bad_usage(options.hosts_file ? "with --hosts, name FROM and TO, and no AGENT"
@@ -215,38 +277,32 @@ void parse_copy(const std::vector<std::string> &arguments, Options &options) {
     }
     check_local(options);
     if (!options.hosts_file) {
-        options.agents = {agent_of(arguments[0])};
+        options.agents = {{agent_of(arguments[0]), "", settings_of(session), ""}};
+        if (uses_groups(options)) {
+            throw bad_usage("only the agents of a hosts file have groups: give --hosts FILE");
+        }
         return;
     }
     if (options.hosts_file == "-" && options.password_file == "-") {
         throw bad_usage("standard input can't hold both the agents and the password: name a file "
                         "for one of them");
     }
-    options.agents = read_hosts(*options.hosts_file);
-    if (options.to.type == FileType::network && options.command == Command::copy &&
-        options.agents.size() > 1 && !has_template(options.to, "host")) {
-        throw bad_usage("every agent would write the same file: put {host} into the path");
-    }
-    std::set<std::string> seen;
-    for (const std::string &agent : options.agents) {
-        if (!seen.insert(host_value(agent)).second) {
-            throw bad_usage(agent + " is listed twice in " + name_of_hosts(*options.hosts_file) +
-                            ", or looks like another agent there in a file's name");
-        }
-    }
+    options.agents = read_hosts(*options.hosts_file, options.groups, session);
+    check_file_of_each(options);
 }
 
 bool is_command(const std::string &word) {
     return word == "list" || word == "errors" || word == "abort" || word == "diff";
 }
 
-void parse_arguments(std::vector<std::string> arguments, Options &options) {
+void parse_arguments(std::vector<std::string> arguments, const SessionOptions &session,
+                     Options &options) {
     if (arguments.empty() || !is_command(arguments[0])) {
         if (arguments.size() > 1 && is_command(arguments[1])) {
             throw bad_usage("the command comes before the agent: write config-copy " +
                             arguments[1] + ' ' + arguments[0]);
         }
-        parse_copy(arguments, options);
+        parse_copy(arguments, session, options);
         return;
     }
     if (options.is_dry_run || options.is_replacement || options.keeping != Keeping::no) {
@@ -256,7 +312,7 @@ void parse_arguments(std::vector<std::string> arguments, Options &options) {
     if (name == "diff") {
         options.command = Command::diff;
         arguments.erase(arguments.begin());
-        parse_copy(arguments, options);
+        parse_copy(arguments, session, options);
         return;
     }
     options.command = name == "list"     ? Command::list
@@ -264,13 +320,14 @@ void parse_arguments(std::vector<std::string> arguments, Options &options) {
                                          : Command::abort;
     const std::size_t most = options.command == Command::list ? 2 : 3;
     const std::size_t least = options.command == Command::abort ? 3 : 2;
-    if (arguments.size() < least || arguments.size() > most || options.hosts_file) {
+    if (arguments.size() < least || arguments.size() > most || options.hosts_file ||
+        uses_groups(options)) {
         throw bad_usage("write config-copy " + name +
                         (name == "list"     ? " AGENT"
                          : name == "errors" ? " AGENT [INDEX]"
                                             : " AGENT INDEX"));
     }
-    options.agents = {agent_of(arguments[1])};
+    options.agents = {{agent_of(arguments[1]), "", settings_of(session), ""}};
     if (arguments.size() == 3) {
         options.index =
             static_cast<oid>(number_of("INDEX", arguments[2], 1, static_cast<long>(largest_index)));
@@ -279,8 +336,13 @@ void parse_arguments(std::vector<std::string> arguments, Options &options) {
 
 } // namespace
 
-const char *const usage_text =
-    R"(usage: config-copy [OPTIONS] AGENT FROM TO
+std::span<const OwnOption> own_options() {
+    return options_of_ours;
+}
+
+std::string usage_text() {
+    std::string text =
+        R"(usage: config-copy [OPTIONS] AGENT FROM TO
        config-copy [OPTIONS] --hosts FILE [--jobs N] FROM TO
        config-copy [OPTIONS] diff AGENT A B
        config-copy [OPTIONS] list AGENT
@@ -292,35 +354,23 @@ startup, fabric-startup (TO only), all-startup (TO only), or one of
   ./FILE                 a file of this machine; - is standard input or output
   tftp://HOST/PATH       ftp://USER@HOST/PATH
   sftp://USER@HOST/PATH  scp://USER@HOST/PATH
-with percent-encoding; {host} and {date} in PATH and FILE are filled in.
+with percent-encoding. {host}, {name} (the switch's sysName), {group}, {date},
+{time} and {datetime} in PATH and FILE are filled in.
 diff compares running, startup and files of this machine.
 
 options: those of snmpcmd(1), such as
   -v 3 -u USER -l authPriv -a SHA-256 -A PASSPHRASE -x AES -X PASSPHRASE,
 whose defaults come from snmp.conf, and
-  --hosts FILE           copy on each agent that FILE lists, one per line;
-                         standard input for -
-  --jobs N               on up to N agents at a time (default: 50)
-  --password-file FILE   the file server's password is the first line of FILE,
-                         of standard input for -; otherwise it is asked for
-  --replace              FROM replaces the running configuration, instead of
-                         being merged into it
-  --save                 save the restored configuration to startup
-  --confirm              the same if the agent still answers; otherwise the
-                         switch goes back by itself (its setting confirm_limit)
-  --local-address ADDR   the address at which the switch reaches this machine
-  --wait-turn SECONDS    wait up to SECONDS for another copy to end
-  --time-limit SECONDS   give up a copy that takes longer (default: 600)
-  --dry-run              ask the agent, print what would be done, set nothing
-  -q, --quiet            print errors only
-  --verbose              print each SNMP message on standard error
-  --json                 print JSON, one object per line
-  -h, --help             print this
-  --version              print the version
-
-exit status: 0 done, 1 the copy failed (diff: they differ; 6 the copy failed), 2 bad usage, 3 refused by the agent,
+)";
+    for (const OwnOption &option : options_of_ours) {
+        text += help_of(option);
+    }
+    return text + R"(
+exit status: 0 done, 1 the copy failed (diff: they differ; 6 the copy failed),
+  2 bad usage, 3 refused by the agent,
   4 agent not reachable or name not found, 5 another copy is in progress
 )";
+}
 
 Words split_words(int count, char **words, Options &options) {
     Words result;
@@ -342,16 +392,15 @@ Words split_words(int count, char **words, Options &options) {
             throw bad_usage("a password in an argument can be seen by others: use --password-file, "
                             "standard input or the prompt");
         }
-        const auto *own =
-            std::find_if(own_options.begin(), own_options.end(),
-                         [&](const OwnOption &option) { return option.name == name; });
-        if (own != own_options.end()) {
+        // An option with a value may be given only once, because it would not be clear which of two
+        // values counts.
+        if (const OwnOption *own = own_option(name)) {
             std::string value;
-            if (!own->takes_value) {
+            if (!own->takes_value()) {
                 if (equals != std::string_view::npos) {
                     throw bad_usage(std::string(name) + " takes no value");
                 }
-            } else if (!given.insert(name).second) {
+            } else if (!given.insert(name).second && own->name != "group") {
                 throw bad_usage(std::string(name) + " is given twice");
             } else if (equals != std::string_view::npos) {
                 value = word.substr(equals + 1);
@@ -365,13 +414,9 @@ Words split_words(int count, char **words, Options &options) {
         }
         if (word.starts_with("--")) {
             result.long_options.emplace_back(word.substr(0, word.find_first_of("= \t")));
-        }
-        // The words themselves, not copies: the library blanks the passphrases in them, because
-        // other users can see them.
-        result.library.push_back(words[i]);
-        if (!word.starts_with("--") &&
-            takes_next_word(word, i + 1 < count ? words[i + 1] : nullptr)) {
-            result.library.push_back(words[++i]);
+            result.library.push_back(words[i]);
+        } else if (take_letters(result, words[i], i + 1 < count ? words[i + 1] : nullptr)) {
+            ++i;
         }
     }
     return result;
@@ -393,10 +438,8 @@ void check_long_options(const std::vector<std::string> &names) {
                 nearest = known;
             }
         };
-        for (const OwnOption &option : own_options) {
-            if (option.name.starts_with("--")) {
-                consider(std::string(option.name));
-            }
+        for (const OwnOption &option : options_of_ours) {
+            consider("--" + std::string(option.name));
         }
         for (const config_line *token : tokens) {
             consider("--" + std::string(token->config_token));
@@ -412,80 +455,44 @@ bool asks_for_json(int count, char **words) {
     return std::find(words + 1, end, std::string_view("--json")) != end;
 }
 
-std::vector<std::string> read_hosts(const std::string &file) {
-    const std::string where = name_of_hosts(file);
-    std::ifstream opened;
-    if (file != "-") {
-        opened.open(file);
+// Initialises the library, with the options that are not for a session. Returns false if one of
+// them, such as -V, was all that was asked for.
+bool initialise_library(std::vector<char *> words) {
+    const bool is_answer = std::any_of(words.begin() + 1, words.end(), [](std::string_view word) {
+        return word == "-V" || word == "-H";
+    });
+    ::setenv("MIBS", "", 1); // only numbers are needed
+    if (!is_answer) {        // -V and -H answer through the log
+        ::netsnmp_register_loghandler(NETSNMP_LOGHANDLER_NONE, LOG_DEBUG);
     }
-    if (!opened) {
-        throw bad_usage(where + " can't be read: " + std::strerror(errno));
+    // It wants the options of some session, too.
+    std::array<std::string, 3> session{"-v1", "-c-", "-"};
+    for (std::string &word : session) {
+        words.push_back(word.data());
     }
-    return hosts_in(file == "-" ? std::cin : opened, where);
-}
-
-std::vector<std::string> hosts_in(std::istream &text, const std::string &where) {
-    std::vector<std::string> hosts;
-    const auto refused = [&](const std::string &line) {
-        return bad_usage("in " + where + " \"" + line +
-                         "\" is more than one agent: write one per line");
-    };
-    constexpr std::string_view blanks = " \t\r";
-    for (std::string line; std::getline(text, line);) {
-        line.erase(std::min(line.find('#'), line.size()));
-        line.erase(line.find_last_not_of(blanks) + 1);
-        line.erase(0, std::min(line.find_first_not_of(blanks), line.size()));
-        if (line.find_first_of(blanks) != std::string::npos) {
-            throw refused(line);
-        }
-        if (!line.empty()) {
-            hosts.push_back(line);
-        }
+    words.push_back(nullptr);
+    netsnmp_session unused{};
+    const int result =
+        ::netsnmp_parse_args(static_cast<int>(words.size()) - 1, words.data(), &unused, nullptr,
+                             nullptr, NETSNMP_PARSE_ARGS_NOLOGGING | NETSNMP_PARSE_ARGS_NOZERO);
+    std::free(unused.community);
+    if (result != NETSNMP_PARSE_ARGS_SUCCESS_EXIT && result < 0) {
+        throw bad_usage("the SNMP options are not as in snmpcmd(1) (config-copy --help)");
     }
-    if (hosts.empty()) {
-        throw bad_usage(where + " lists no agent: write one per line");
-    }
-    return hosts;
+    return result != NETSNMP_PARSE_ARGS_SUCCESS_EXIT;
 }
 
 std::optional<Options> parse_options(int count, char **words) {
     Options options;
-    Words split = split_words(count, words, options);
+    const Words split = split_words(count, words, options);
     if (options.command == Command::help || options.command == Command::version) {
         return options;
     }
-    const bool is_for_library =
-        std::any_of(split.library.begin() + 1, split.library.end(),
-                    [](std::string_view word) { return word == "-V" || word == "-H"; });
-    // Each session gets its agent later, but the library wants one here.
-    std::string agent = "-";
-    split.library.push_back(agent.data());
-    split.library.push_back(nullptr);
-    ::setenv("MIBS", "", 1); // only numbers are needed
-    if (!is_for_library) {   // -V and -H answer through the log
-        ::netsnmp_register_loghandler(NETSNMP_LOGHANDLER_NONE, LOG_DEBUG);
-    }
-    const int result =
-        ::netsnmp_parse_args(static_cast<int>(split.library.size()) - 1, split.library.data(),
-                             &options.session, nullptr, nullptr, NETSNMP_PARSE_ARGS_NOLOGGING);
-    options.community.reset(options.session.community, &std::free);
-    if (result == NETSNMP_PARSE_ARGS_SUCCESS_EXIT) {
+    if (!initialise_library(split.library)) {
         return std::nullopt;
     }
-    if (result < 0) {
-        throw bad_usage("the SNMP options are not as in snmpcmd(1) (config-copy --help)");
-    }
-    options.session.peername = nullptr;
     check_long_options(split.long_options);
-    parse_arguments(split.arguments, options);
-    if (options.session.version == SNMP_VERSION_3 &&
-        options.session.securityModel != SNMP_SEC_MODEL_TSM &&
-        security_name(options.session).empty()) {
-        throw bad_usage("no SNMPv3 user: give -u USER, or defSecurityName in snmp.conf");
-    }
-    if (options.hosts_file && options.session.version == SNMP_VERSION_3) {
-        keep_keys_of_settings(options.session);
-    }
+    parse_arguments(split.arguments, split.session, options);
     return options;
 }
 

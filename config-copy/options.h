@@ -2,18 +2,20 @@
 // with snmp.conf.
 #pragma once
 
+#include "config-copy/agent.h"
 #include "config-copy/endpoint.h"
 #include "config-copy/keep.h"
+#include "config-copy/session_options.h"
 
 #include <net-snmp/net-snmp-config.h>
 
 #include <net-snmp/net-snmp-includes.h>
 
 #include <chrono>
-#include <istream>
-#include <memory>
 #include <optional>
+#include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace config_copy {
@@ -22,8 +24,9 @@ enum class Command { copy, diff, list, errors, abort, help, version };
 
 struct Options {
     Command command = Command::copy;
-    std::vector<std::string> agents; // one, unless hosts_file is set
+    std::vector<Agent> agents; // one, unless hosts_file is set
     std::optional<std::string> hosts_file;
+    std::vector<std::string> groups; // of the hosts file; none: all agents
     int jobs = 50;
     Endpoint from;
     Endpoint to;
@@ -38,8 +41,6 @@ struct Options {
     std::optional<std::string> password_file;
     std::chrono::seconds wait_turn{0};
     std::chrono::seconds time_limit{600};
-    netsnmp_session session{};         // everything except the agent
-    std::shared_ptr<u_char> community; // used by the session; the library leaves it to us to free
 };
 
 // Throws a Failure of usage. Initialises the Net-SNMP library for the process. Empty if the library
@@ -49,7 +50,20 @@ std::optional<Options> parse_options(int count, char **words);
 // Whether others can read what we send to the agent.
 bool is_readable_on_the_way(const netsnmp_session &session, const std::string &agent);
 
-extern const char *const usage_text;
+std::string usage_text();
+
+// An option of ours.
+struct OwnOption {
+    std::string_view name;     // without hyphens
+    char letter;               // its short form, or 0
+    std::string_view argument; // what its value is called; empty: it takes no value
+    std::string_view help;     // one line or more
+    // `name` is how the user wrote it. Throws a Failure of usage.
+    void (*take)(Options &options, std::string_view name, const std::string &value);
+
+    [[nodiscard]] bool takes_value() const { return !argument.empty(); }
+};
+std::span<const OwnOption> own_options();
 
 // Parts of the implementation.
 
@@ -58,22 +72,18 @@ bool asks_for_json(int count, char **words);
 
 // Our own options and the arguments, separated from the library's options.
 struct Words {
-    std::vector<char *> library; // starts with the program's name
+    SessionOptions session;
+    std::vector<char *> library; // its other options, after the program's name
     std::vector<std::string>
         long_options; // names of the long ones in `library`, with their hyphens
     std::vector<std::string> arguments;
 };
+
+// Passphrases and communities are blanked in `words`, because other users can see those.
 Words split_words(int count, char **words, Options &options);
 
 // Throws a Failure of usage if the library has no such token in snmp.conf(5). The library must be
 // initialised.
 void check_long_options(const std::vector<std::string> &names);
-
-// The agents listed in a hosts file, or on standard input for "-". Throws a Failure of usage.
-std::vector<std::string> read_hosts(const std::string &file);
-
-// The agents that a text lists, one per line; blank lines and text after '#' are skipped. Throws a
-// Failure of usage that names the text's origin.
-std::vector<std::string> hosts_in(std::istream &text, const std::string &where);
 
 } // namespace config_copy

@@ -32,6 +32,7 @@ struct Difference {
 // Unknown values are empty.
 struct Outcome {
     std::string agent;
+    std::string group; // of the agent in the hosts file
     ExitStatus status = ExitStatus::done;
     std::string text; // one line: what happened, and what to do about it
     bool is_dry_run = false;

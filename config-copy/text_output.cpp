@@ -46,6 +46,8 @@ class TextOutput : public Output {
     void outcome(const Outcome &outcome) override {
         const std::lock_guard lock(mutex_);
         end_live_line();
+        const std::string told =
+            (outcome.group.empty() ? "" : '[' + outcome.group + "] ") + outcome.text;
         if (outcome.difference && !style_.has_many_agents) {
             const bool has_colours = has_live_line_ && std::getenv("NO_COLOR") == nullptr;
             if (!style_.is_quiet) {
@@ -56,10 +58,10 @@ class TextOutput : public Output {
             }
         }
         if (outcome.status == ExitStatus::done || outcome.status == ExitStatus::different) {
-            line(outcome.text);
+            line(told);
             return;
         }
-        std::string text = "config-copy: " + outcome.text + '\n';
+        std::string text = "config-copy: " + told + '\n';
         if (!outcome.switches.empty()) {
             text += lines(switch_headings, switch_rows(outcome.switches));
         }

@@ -8,7 +8,8 @@
 using namespace config_copy;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *octets, std::size_t size) {
-    const PathValues values{"switch", "2026-11-21"};
+    const PathValues values{"switch", "2026-11-21", "01-30-00", "2026-11-21T01-30-00",
+                            "core",   "spine7"};
     Endpoint endpoint;
     std::string name;
     try {

@@ -202,7 +202,8 @@ def test_agents_on_standard_input(own_agents):
 
 
 @pytest.mark.parametrize("lines, url, text", [
-    ("a\nb\n", "tftp://h/a", "every agent would write the same file: put {host} into the path"),
+    ("a\nb\n", "tftp://h/a",
+     "every agent would write the same file: put {host} or {name} into the path"),
     ("a\na\n", "tftp://h/{host}",
      "a is listed twice in the hosts file {file}, or looks like another agent there in a file's "
      "name"
@@ -211,5 +212,5 @@ def test_agents_on_standard_input(own_agents):
 def test_bad_hosts(tmp_path, lines, url, text):
     file = tmp_path / "hosts"
     file.write_text(lines)
-    done = config_copy("--hosts", file, "running", url)
+    done = config_copy("-v2c", "-clab", "--hosts", file, "running", url)
     assert (done.status, done.err) == (USAGE, f"config-copy: {text.replace('{file}', str(file))}\n")

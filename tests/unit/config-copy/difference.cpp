@@ -46,7 +46,7 @@ TEST(Differences, InSummaries) {
     EXPECT_EQ(R"({"type":"summary","agents":4,"done":1,"different":2,"failed":0,"usage":0,)"
               R"("refused":0,"not_reachable":1,"busy":0})",
               json_summary(outcomes, true));
-    EXPECT_EQ(R"({"type":"difference","agent":"b","ending":"different","status":1,)"
+    EXPECT_EQ(R"({"type":"difference","agent":"b","group":null,"ending":"different","status":1,)"
               R"("from":"running","to":"a.cfg","different":true,"added":0,"removed":1,)"
               R"("diff":"-a\n","text":""})",
               json_difference(outcomes[1]));

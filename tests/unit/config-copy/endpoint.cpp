@@ -1,8 +1,11 @@
 // FROM and TO on the command line.
 #include "config-copy/endpoint.h"
+#include "config-copy/copy_run.h"
 #include "config-copy/server_address.h"
 
 #include "tests/unit/config-copy/support.h"
+
+#include <cstdlib>
 
 namespace config_copy {
 namespace {
@@ -16,7 +19,8 @@ std::string pair_refusal(const char *from, const char *to) {
 }
 
 std::string name_in(const std::string &url) {
-    return file_name(parse_endpoint(url).url, {"sw-1", "2026-11-21"});
+    return file_name(parse_endpoint(url).url,
+                     {"sw-1", "2026-11-21", "01-30-00", "2026-11-21T01-30-00", "core", "spine.7"});
 }
 
 TEST(Endpoint, Configurations) {
@@ -37,10 +41,13 @@ TEST(Endpoint, FilesOfThisMachine) {
     EXPECT_FALSE(parse_endpoint("running").is_local());
     EXPECT_FALSE(parse_endpoint("tftp://h/a").is_local());
     const Endpoint endpoint = parse_endpoint("backup/{host}-{date}%20.cfg");
-    EXPECT_EQ("backup/sw-1-2026-11-21%20.cfg", local_path(endpoint, {"sw-1", "2026-11-21"}));
+    EXPECT_EQ("backup/sw-1-2026-11-21%20.cfg",
+              local_path(endpoint, {"sw-1", "2026-11-21", "", "", "", ""}));
     EXPECT_TRUE(has_template(endpoint, "host"));
     EXPECT_FALSE(has_template(parse_endpoint("tftp://h/a"), "host"));
-    EXPECT_EQ("\"{hots}\" can't be filled in: {host} and {date} can", refusal("{hots}.cfg"));
+    EXPECT_EQ(
+        "\"{hots}\" can't be filled in: {host}, {name}, {group}, {date}, {time} and {datetime} can",
+        refusal("{hots}.cfg"));
     EXPECT_EQ("FROM or TO is empty: write running, startup, a URL or a file's name", refusal(""));
 }
 
@@ -115,19 +122,59 @@ TEST(Endpoint, PercentEncoding) {
 
 TEST(Endpoint, Templates) {
     EXPECT_EQ("x/sw-1-2026-11-21.cfg", name_in("tftp://h/x/{host}-{date}.cfg"));
-    EXPECT_EQ("\"{hosts}\" can't be filled in: {host} and {date} can; a brace itself is written "
-              "%7B or %7D",
-              refusal("tftp://h/{hosts}"));
-    EXPECT_EQ(
-        "\"{host\" can't be filled in: {host} and {date} can; a brace itself is written %7B or %7D",
-        refusal("tftp://h/{host"));
+    EXPECT_EQ("core/spine.7_01-30-00_2026-11-21T01-30-00",
+              name_in("tftp://h/{group}/{name}_{time}_{datetime}"));
+    const std::string known = " can't be filled in: {host}, {name}, {group}, {date}, {time} and "
+                              "{datetime} can; a brace itself is written %7B or %7D";
+    EXPECT_EQ("\"{hosts}\"" + known, refusal("tftp://h/{hosts}"));
+    EXPECT_EQ("\"{host\"" + known, refusal("tftp://h/{host"));
     EXPECT_TRUE(has_template(parse_endpoint("tftp://h/{host}"), "host"));
     EXPECT_FALSE(has_template(parse_endpoint("tftp://h/{date}"), "host"));
     EXPECT_FALSE(has_template(parse_endpoint("tftp://h/%7Bhost%7D"), "host"));
 }
 
+TEST(Endpoint, AValueThatIsNotKnownYetStays) {
+    PathValues values;
+    values.host = "a";
+    EXPECT_EQ("a-{name}", file_name(parse_endpoint("tftp://h/{host}-{name}").url, values));
+    EXPECT_EQ("tftp://h/a-{name}%20{name}",
+              endpoint_text(parse_endpoint("tftp://h/{host}-{name}%20{name}"), values));
+    values.name = "b";
+    EXPECT_EQ("tftp://h/a-b%20b",
+              endpoint_text(parse_endpoint("tftp://h/{host}-{name}%20{name}"), values));
+}
+
 TEST(Endpoint, AValueIsNotDecoded) {
-    EXPECT_EQ("a%20b", file_name(parse_endpoint("tftp://h/{host}").url, {"a%20b", ""}));
+    PathValues values;
+    values.host = "a%20b";
+    EXPECT_EQ("a%20b", file_name(parse_endpoint("tftp://h/{host}").url, values));
+}
+
+TEST(Endpoint, ValueOfName) {
+    EXPECT_EQ("spine-7.example.net", name_value("spine 7.example.net"));
+    EXPECT_EQ("etc-passwd", name_value("../../etc/passwd"));
+    EXPECT_EQ("hidden", name_value(".hidden"));
+    EXPECT_EQ(std::string(64, 'x'), name_value(std::string(200, 'x')));
+    for (const char *nothing : {"", "..", "/", "\xc3\xa4", ". -"}) {
+        EXPECT_EQ("", name_value(nothing)) << nothing;
+    }
+}
+
+TEST(Endpoint, ValuesOfTime) {
+    ::setenv("TZ", "UTC0", 1);
+    ::tzset();
+    const PathValues values = values_of_time(1'795'311'000);
+    EXPECT_EQ("2026-11-22", values.date);
+    EXPECT_EQ("01-30-00", values.time);
+    EXPECT_EQ("2026-11-22T01-30-00", values.datetime);
+}
+
+TEST(Endpoint, TwoAgentsDoNotWriteOneFile) {
+    FileNames names;
+    EXPECT_EQ(std::nullopt, names.taken("a", "switch1"));
+    EXPECT_EQ(std::nullopt, names.taken("b", "switch2"));
+    EXPECT_EQ("switch1", names.taken("a", "switch2"));
+    EXPECT_EQ(std::nullopt, names.taken("a", "switch1"));
 }
 
 TEST(Endpoint, LengthOfNames) {

@@ -1,5 +1,4 @@
-// The command line, except for what the Net-SNMP library reads; hosts files; and the addresses of
-// agents and servers.
+// The command line, and the addresses of agents and servers.
 #include "config-copy/options.h"
 
 #include "config-copy/agent_address.h"
@@ -9,7 +8,6 @@
 #include "tests/unit/scratch.h"
 
 #include <cstdlib>
-#include <fstream>
 
 namespace config_copy {
 namespace {
@@ -18,8 +16,10 @@ constexpr std::chrono::seconds time_limit(10);
 
 struct Split {
     Options options;
+    std::vector<std::string> session;
     std::vector<std::string> library;
     std::vector<std::string> arguments;
+    std::vector<std::string> left; // what other users see of the words
 };
 
 Split split(std::vector<std::string> words) {
@@ -31,8 +31,10 @@ Split split(std::vector<std::string> words) {
     Split result;
     const Words parts =
         split_words(static_cast<int>(pointers.size()), pointers.data(), result.options);
+    result.session = parts.session.words();
     result.library.assign(parts.library.begin() + 1, parts.library.end());
     result.arguments = parts.arguments;
+    result.left.assign(pointers.begin() + 1, pointers.end());
     return result;
 }
 
@@ -40,8 +42,9 @@ using Texts = std::vector<std::string>;
 
 TEST(Options, OursAndTheLibrarys) {
     const Split words = split({"-v", "2c", "--quiet", "-clab", "agent", "--jobs", "7", "running",
-                               "--wait-turn=9", "startup", "-t", "--json"});
-    EXPECT_EQ((Texts{"-v", "2c", "-clab", "-t", "--json"}), words.library);
+                               "--wait-turn=9", "startup", "-Y", "--json", "-n--quiet"});
+    EXPECT_EQ((Texts{"-Y", "--json"}), words.library);
+    EXPECT_EQ((Texts{"-c", "lab", "-n", "--quiet", "-v", "2c"}), words.session);
     EXPECT_EQ((Texts{"agent", "running", "startup"}), words.arguments);
     EXPECT_TRUE(words.options.is_quiet);
     EXPECT_FALSE(words.options.is_json);
@@ -50,9 +53,22 @@ TEST(Options, OursAndTheLibrarys) {
 }
 
 TEST(Options, LettersInOneWord) {
-    EXPECT_EQ((Texts{"-dv", "1"}), split({"-dv", "1", "agent"}).library);
-    EXPECT_EQ((Texts{"-dv1"}), split({"-dv1", "agent"}).library);
+    for (const Texts &words : {Texts{"-dv", "1", "agent"}, Texts{"-dv1", "agent"}}) {
+        const Split parts = split(words);
+        EXPECT_EQ(Texts{"-d"}, parts.library);
+        EXPECT_EQ((Texts{"-v", "1"}), parts.session);
+        EXPECT_EQ(Texts{"agent"}, parts.arguments);
+    }
     EXPECT_EQ((Texts{"-Lf", "log"}), split({"-Lf", "log", "agent"}).library);
+}
+
+TEST(Options, SecretsAreBlanked) {
+    const Split words =
+        split({"-c", "community", "-Aauthentication", "-dX", "encryption", "-u", "operator"});
+    EXPECT_EQ(
+        (Texts{"-A", "authentication", "-X", "encryption", "-c", "community", "-u", "operator"}),
+        words.session);
+    EXPECT_EQ((Texts{"-c", "", "-A", "-d", "", "-u", "operator"}), words.left);
 }
 
 TEST(Options, LongOptionsOfTheLibraryStay) {
@@ -84,7 +100,7 @@ TEST(Options, MisusedOptionsAreRefused) {
     EXPECT_NO_THROW(split({"--json", "--json"}));
     EXPECT_EQ("in -d- a hyphen follows a letter: write a long option apart, with two hyphens",
               usage_failure([] { split({"-d-defVersion=1"}); }));
-    EXPECT_EQ((Texts{"-Xhyphen-ated"}), split({"-Xhyphen-ated"}).library);
+    EXPECT_EQ((Texts{"-X", "hyphen-ated"}), split({"-Xhyphen-ated"}).session);
 }
 
 // The whole command line, as the library reads it.
@@ -133,7 +149,8 @@ TEST_F(CommandLine, LongOptionsAreOursOrTokensOfSnmpConf) {
                                "--defSecurityModel tsm", "--noRangeCheck"}) {
         const auto options = parse({option, "agent", "running", "startup"});
         ASSERT_TRUE(options) << option;
-        EXPECT_EQ(Texts{"agent"}, options->agents);
+        ASSERT_EQ(1U, options->agents.size());
+        EXPECT_EQ("agent", options->agents.front().name);
     }
     EXPECT_NO_THROW(parse({"-n", "--foo", "agent", "running", "startup"})) << "a value";
 }
@@ -142,15 +159,27 @@ TEST(Options, TheLibrarysHaveTheirValues) {
     const auto refusal = [](const char *option, const char *value) {
         return usage_failure([&] { split({option, value}); });
     };
-    EXPECT_EQ("-v needs the version of SNMP, 1, 2c or 3, not \"agent\"", refusal("-v", "agent"));
-    EXPECT_EQ("-v needs the version of SNMP, 1, 2c or 3, not \"4\"", refusal("-dv4", "agent"));
+    EXPECT_EQ("-v needs the version of SNMP: 1, 2c or 3", refusal("-v", "agent"));
+    EXPECT_EQ("-v needs the version of SNMP: 1, 2c or 3", refusal("-dv4", "agent"));
     EXPECT_EQ("-v needs a value (config-copy --help)", refusal("agent", "-v"));
-    EXPECT_EQ("-a needs an authentication protocol, such as SHA-256, not \"-A\"",
-              refusal("-a", "-A"));
-    EXPECT_EQ("-x needs a privacy protocol, such as AES, not \"-X\"", refusal("-x", "-X"));
+    EXPECT_EQ("-a needs an authentication protocol, such as SHA-256", refusal("-a", "-A"));
+    EXPECT_EQ("-x needs a privacy protocol, such as AES", refusal("-x", "-X"));
     EXPECT_EQ("-X needs a passphrase of at least 8 characters", refusal("-X", "agent"));
-    EXPECT_EQ((Texts{"-v", "2C", "-aSHA", "-x", "aes", "-A", "12345678"}),
-              split({"-v", "2C", "-aSHA", "-x", "aes", "-A", "12345678"}).library);
+    EXPECT_EQ("-l needs the security level: noAuthNoPriv, authNoPriv or authPriv",
+              refusal("-l", "high"));
+    EXPECT_EQ("-t needs a time in seconds, at most 3600", refusal("-t", "0"));
+    EXPECT_EQ("-t needs a time in seconds, at most 3600", refusal("-t", "1s"));
+    EXPECT_EQ("-r needs a number of repetitions", refusal("-r", "-1"));
+    EXPECT_EQ("-e needs an engine id: 10 to 64 hexadecimal digits", refusal("-e", "0x80"));
+    EXPECT_EQ("-Z needs the engine's boots and time, separated by a comma", refusal("-Z", "7"));
+    EXPECT_EQ("-T needs a transport's setting: NAME=VALUE", refusal("-T", "cert"));
+    EXPECT_EQ("-c needs a value that is not empty", refusal("-c", ""));
+    EXPECT_EQ((Texts{"-A", "12345678", "-a", "SHA", "-v", "2C", "-x", "aes"}),
+              split({"-v", "2C", "-aSHA", "-x", "aes", "-A", "12345678"}).session);
+    EXPECT_EQ(
+        (Texts{"-E", "0x8000000001", "-T", "a=1", "-T", "b=2", "-Z", "1,2", "-t", "0.5"}),
+        split({"-T", "b=1", "-T", "a=1", "-T", "b=2", "-Z1,2", "-t.5", "-t0.5", "-E0x8000000001"})
+            .session);
 }
 
 TEST(Options, ShortNames) {
@@ -214,6 +243,29 @@ TEST_F(CommandLine, StandardInputHoldsOneThing) {
         }));
 }
 
+TEST_F(CommandLine, GroupsAreThoseOfAHostsFile) {
+    const std::string text = "only the agents of a hosts file have groups: give --hosts FILE";
+    EXPECT_EQ(text, usage_failure([&] { parse({"--group=core", "agent", "running", "startup"}); }));
+    EXPECT_EQ(text, usage_failure([&] { parse({"agent", "running", "tftp://h/{group}"}); }));
+    EXPECT_EQ("write config-copy list AGENT", usage_failure([&] {
+                  parse({"--group=core", "list", "agent"});
+              }));
+}
+
+TEST(Options, TheHelpHasEachOption) {
+    const std::string text = usage_text();
+    for (const OwnOption &option : own_options()) {
+        EXPECT_NE(std::string::npos, text.find("--" + std::string(option.name))) << option.name;
+    }
+    EXPECT_NE(std::string::npos,
+              text.find("\n  --jobs N               on up to N agents at a time (default: 50)\n"
+                        "  --password-file FILE   the file server's password is the first line of "
+                        "FILE,\n"
+                        "                         of standard input for -; otherwise it is asked "
+                        "for\n"));
+    EXPECT_NE(std::string::npos, text.find("\n  -q, --quiet            print errors only\n"));
+}
+
 TEST(Options, JsonIsSeenDespiteMistakes) {
     const auto asks = [](std::vector<std::string> words) {
         words.insert(words.begin(), "config-copy");
@@ -241,21 +293,6 @@ TEST_F(CommandLine, AnAgentHasAName) {
     EXPECT_EQ("AGENT is empty: write the switch's name or address", usage_failure([&] {
                   parse({"list", ""});
               }));
-}
-
-TEST(Options, HostsFile) {
-    const Scratch scratch;
-    const std::string file = scratch.root() / "hosts";
-    std::ofstream(file) << "# all\n switch1 # the first\r\n\n\tudp6:[::1]:161\n";
-    EXPECT_EQ((Texts{"switch1", "udp6:[::1]:161"}), read_hosts(file));
-    std::ofstream(file) << "a b\n";
-    EXPECT_EQ("in the hosts file " + file + " \"a b\" is more than one agent: write one per line",
-              usage_failure([&] { read_hosts(file); }));
-    std::ofstream(file) << "#\n";
-    EXPECT_EQ("the hosts file " + file + " lists no agent: write one per line",
-              usage_failure([&] { read_hosts(file); }));
-    EXPECT_EQ("the hosts file /nonexistent can't be read: No such file or directory",
-              usage_failure([] { read_hosts("/nonexistent"); }));
 }
 
 TEST(Agent, AsTheUserWritesIt) {

@@ -132,13 +132,14 @@ TEST(Outcome, Json) {
     Outcome outcome;
     outcome.agent = "a\"b";
     outcome.text = "a\\\n";
-    EXPECT_EQ(R"({"type":"copy","agent":"a\"b","ending":"done","status":0,"dry_run":false,)"
-              R"("from":null,"to":null,"server":null,)"
-              R"("file":null,"user":null,"snmp_user":null,"index":null,"start_time":null,)"
-              R"("state":null,"cause":null,"reason":null,)"
-              R"("seconds":null,"bytes":null,"sha256":null,"unchanged":null,"saved":null,)"
-              R"("diff":null,"text":"a\\\n","switches":[]})",
-              json_of(outcome));
+    EXPECT_EQ(
+        R"({"type":"copy","agent":"a\"b","group":null,"ending":"done","status":0,"dry_run":false,)"
+        R"("from":null,"to":null,"server":null,)"
+        R"("file":null,"user":null,"snmp_user":null,"index":null,"start_time":null,)"
+        R"("state":null,"cause":null,"reason":null,)"
+        R"("seconds":null,"bytes":null,"sha256":null,"unchanged":null,"saved":null,)"
+        R"("diff":null,"text":"a\\\n","switches":[]})",
+        json_of(outcome));
     outcome.status = ExitStatus::unreachable;
     outcome.text = "";
     outcome.is_dry_run = true;
@@ -160,23 +161,40 @@ TEST(Outcome, Json) {
     outcome.is_saved = false;
     outcome.difference = Difference{"-a\n", 0, 1};
     outcome.switches = {{"", "20:00", "saved"}, {"192.0.2.1", "20:01", "no"}};
-    EXPECT_EQ(R"({"type":"copy","agent":"a\"b","ending":"not_reachable","status":4,"dry_run":true,)"
-              R"("from":"running",)"
-              R"("to":"sftp://joe@h/x-a.cfg","server":"192.0.2.1","file":"x-a.cfg","user":"joe",)"
-              R"("snmp_user":"operator","index":7,)"
-              R"("start_time":"2026-11-21T09:30:00Z","state":"failed","cause":"timeout",)"
-              R"("reason":"no way","seconds":1.25,)"
-              R"("bytes":4294967296,"sha256":"00ff","unchanged":true,"saved":false,"diff":"-a\n",)"
-              R"("text":"","switches":)"
-              R"([{"address":null,"switch":"20:00","reported":"saved"},{"address":"192.0.2.1",)"
-              R"("switch":"20:01","reported":"no"}]})",
-              json_of(outcome));
+    EXPECT_EQ(
+        R"({"type":"copy","agent":"a\"b","group":null,"ending":"not_reachable","status":4,"dry_run":true,)"
+        R"("from":"running",)"
+        R"("to":"sftp://joe@h/x-a.cfg","server":"192.0.2.1","file":"x-a.cfg","user":"joe",)"
+        R"("snmp_user":"operator","index":7,)"
+        R"("start_time":"2026-11-21T09:30:00Z","state":"failed","cause":"timeout",)"
+        R"("reason":"no way","seconds":1.25,)"
+        R"("bytes":4294967296,"sha256":"00ff","unchanged":true,"saved":false,"diff":"-a\n",)"
+        R"("text":"","switches":)"
+        R"([{"address":null,"switch":"20:00","reported":"saved"},{"address":"192.0.2.1",)"
+        R"("switch":"20:01","reported":"no"}]})",
+        json_of(outcome));
 }
 
 TEST(Outcome, JsonOfASummary) {
     EXPECT_EQ(R"({"type":"summary","agents":2,"done":1,"failed":0,"usage":0,"refused":0,)"
               R"("not_reachable":1,"busy":0})",
               json_summary({ended(ExitStatus::unreachable), ended(ExitStatus::done)}));
+}
+
+TEST(Output, AGroupIsShownAndInJson) {
+    Outcome outcome = ended(ExitStatus::done);
+    outcome.group = "core";
+    outcome.text = "a: copied";
+    EXPECT_NE(std::string::npos, json_of(outcome).find(R"("group":"core")"));
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    const auto output = text_output(Style{}, false);
+    output->outcome(outcome);
+    outcome.status = ExitStatus::failed;
+    outcome.text = "b: not copied";
+    output->outcome(outcome);
+    EXPECT_EQ("[core] a: copied\n", testing::internal::GetCapturedStdout());
+    EXPECT_EQ("config-copy: [core] b: not copied\n", testing::internal::GetCapturedStderr());
 }
 
 TEST(Outcome, Table) {
@@ -190,7 +208,7 @@ std::string in_json(const std::string &text) {
     outcome.agent = text;
     const std::string line = json_of(outcome);
     const std::size_t begin = line.find(R"("agent":)") + std::string_view(R"("agent":)").size();
-    return line.substr(begin, line.find(R"(,"ending")") - begin);
+    return line.substr(begin, line.find(R"(,"group")") - begin);
 }
 
 TEST(Output, JsonTextsAreUtf8) {

@@ -59,6 +59,10 @@ class TimeLimit : public testing::Test {
         settings_.community_len = std::size(community_) - 1;
     }
 
+    Agent known(const std::string &address) {
+        return {address, "", {&settings_, [](const netsnmp_session *) {}}, ""};
+    }
+
     std::array<u_char, 7> community_{'p', 'u', 'b', 'l', 'i', 'c', 0};
     netsnmp_session settings_{};
     Script script_;
@@ -71,7 +75,7 @@ TEST_F(TimeLimit, EndsACopyThatRunsForEver) {
     job.from.type = FileType::running;
     job.to.type = FileType::startup;
     job.time_limit = 1s;
-    const Outcome outcome = copy(settings_, agent.address(), job, [](auto, auto) {});
+    const Outcome outcome = copy(known(agent.address()), job, [](auto, auto) {});
     EXPECT_EQ(outcome.status, ExitStatus::failed);
     EXPECT_EQ(outcome.text, agent.address() + ": not finished in 1 s, so the save was given up: "
                                               "does the system manager run? (--time-limit gives "

@@ -1,0 +1,82 @@
+#include "config-copy/text_file.h"
+
+#include "base/posix.h"
+#include "base/unique_fd.h"
+#include "config-copy/failure.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+
+namespace config_copy {
+namespace {
+
+constexpr std::string_view blanks = " \t\r";
+
+// Reads the word that begins at line[at], and moves `at` behind it.
+std::string word_of(std::string_view line, std::size_t &at) {
+    std::string word;
+    char quote = 0;
+    for (; at < line.size(); ++at) {
+        const char c = line[at];
+        const bool is_last = at + 1 == line.size();
+        if ((c >= 0 && c < ' ' && blanks.find(c) == std::string_view::npos) || c == 0x7F) {
+            throw bad_usage("there is a control character");
+        }
+        if (c == quote) {
+            quote = 0;
+        } else if (quote == '\'') {
+            word += c;
+        } else if (c == '\\' && is_last) {
+            throw bad_usage("nothing follows a '\\'");
+        } else if (c == '\\' && (quote == 0 || std::string_view("\\\"$`").find(line[at + 1]) !=
+                                                   std::string_view::npos)) {
+            word += line[++at];
+        } else if (quote == 0 && (c == '\'' || c == '"')) {
+            quote = c;
+        } else if (quote == 0 && blanks.find(c) != std::string_view::npos) {
+            break;
+        } else {
+            word += c;
+        }
+    }
+    if (quote != 0) {
+        throw bad_usage(std::string("a ") + quote + " is not closed");
+    }
+    return word;
+}
+
+} // namespace
+
+TextFile read_text_file(const std::string &name) {
+    const ulmo::UniqueFd opened(
+        name == "-" ? -1 : ulmo::check(::open(name.c_str(), O_RDONLY | O_CLOEXEC)));
+    const int descriptor = name == "-" ? STDIN_FILENO : opened.get();
+    struct stat status {};
+    ulmo::check(::fstat(descriptor, &status));
+    return {ulmo::read_whole(descriptor, name),
+            S_ISREG(status.st_mode) && (status.st_mode & (S_IRGRP | S_IROTH)) != 0};
+}
+
+std::vector<std::string> words_of(std::string_view line) {
+    std::vector<std::string> words;
+    for (std::size_t at = 0;;) {
+        at = line.find_first_not_of(blanks, at);
+        if (at == std::string_view::npos || line[at] == '#') {
+            return words;
+        }
+        words.push_back(word_of(line, at));
+    }
+}
+
+bool is_plain_name(std::string_view name) {
+    return !name.empty() && name[0] != '.' && name[0] != '-' &&
+           std::all_of(name.begin(), name.end(), [](unsigned char c) {
+               return std::isalnum(c) != 0 || c == '.' || c == '-' || c == '_';
+           });
+}
+
+} // namespace config_copy

@@ -1,0 +1,106 @@
+"""Hosts files with groups and options of their own, and the files named after the switches."""
+
+import pytest
+from command import DONE, FAILED, QUICK, UNREACHABLE, USAGE, config_copy
+from copy_table import SERVER4, SERVER_ROOT, show
+
+PASSPHRASES = ("a pass phrase", "another' one")
+V3 = (f'createUser backup SHA-256 "{PASSPHRASES[0]}" AES "{PASSPHRASES[1]}"',
+      "rwuser backup authPriv")
+
+
+def written(tmp_path, text, mode=0o600):
+    file = tmp_path / "switches"
+    file.write_text(text)
+    file.chmod(mode)
+    return file
+
+
+@pytest.fixture
+def two_groups(own_agents, tmp_path):
+    """(hosts file, the agents of SNMPv2c, that of SNMPv3)."""
+    old = own_agents(2, ("rwcommunity secret", "rwcommunity special"))
+    (new,) = own_agents(1, V3)
+    hosts = written(
+        tmp_path, f"""# everything
+[old] -v 2c -c secret
+{old[0].name}
+{old[1].name} -c special # has its own
+[new] -v 3 -u backup -l authPriv -a SHA-256 -A '{PASSPHRASES[0]}'
+{new.name} -x AES -X "{PASSPHRASES[1]}"
+""")
+    return hosts, [agent.name for agent in old], new.name
+
+
+def test_two_groups(two_groups):
+    hosts, old, new = two_groups
+    done = config_copy("--verbose", "--json", "--hosts", hosts, "running",
+                       f"tftp://{SERVER4}/{{group}}-{{host}}.cfg")
+    assert done.status == DONE, done
+    *copies, summary = done.objects()
+    assert summary["done"] == 3
+    assert {copy["agent"]: (copy["group"], copy["snmp_user"]) for copy in copies} == {
+        **{agent: ("old", None) for agent in old}, new: ("new", "backup")
+    }
+    for agent in (*old, new):
+        file = f"{'new' if agent == new else 'old'}-{agent.replace(':', '-')}.cfg"
+        assert (SERVER_ROOT / file).read_text() == show("running")
+    for secret in ("secret", "special", *PASSPHRASES):
+        assert secret not in done.out + done.err
+
+
+def test_one_group(two_groups):
+    hosts, old, new = two_groups
+    done = config_copy("--hosts", hosts, "--group", "new", "startup", "running")
+    assert done.status == DONE, done
+    assert done.out.startswith(f"[new] {new}: startup to running copied in ")
+    assert done.out.endswith("\n1 agent: 1 done\n")
+    done = config_copy("--hosts", hosts, "--group", "nev", "startup", "running")
+    assert (done.status, done.err) == (
+        USAGE, f'config-copy: there is no group "nev" in the hosts file {hosts}: there are old, '
+        "new\n")
+
+
+def test_an_option_of_the_agent_counts(two_groups, tmp_path):
+    _, (first, second), _ = two_groups
+    hosts = written(tmp_path, f"[old] -v 2c -c wrong\n{first} -c secret\n{second}\n")
+    done = config_copy(*QUICK, "--hosts", hosts, "-c", "special", "startup", "running")
+    assert done.status == UNREACHABLE, done
+    assert done.out.startswith(f"[old] {first}: startup to running copied in "), done
+    assert done.err.startswith(f"config-copy: [old] no answer from {second} in "), done
+
+
+def test_files_named_after_the_switches(own_agents, tmp_path):
+    """Two of the switches have the same name: one of the two copies is made."""
+    names = ("spine 1", "leaf/7", "leaf-7", "")
+    agents = [own_agents(1, ("rwcommunity secret", f"sysName {name}" if name else 'sysName ""'))[0]
+              for name in names]
+    hosts = written(tmp_path, "".join(f"{agent.name} -v2c -c secret\n" for agent in agents))
+    url = f"tftp://{SERVER4}/{{name}}.cfg"
+    for dry in ("--dry-run", ), ():
+        done = config_copy(*dry, "--json", "--jobs", "1", "--hosts", hosts, "running", url)
+        assert done.status == FAILED, done
+        *copies, summary = done.objects()
+        by_agent = {copy["agent"]: copy for copy in copies}
+        spine, *leaves, nameless = [by_agent[agent.name] for agent in agents]
+        assert (spine["status"], spine["file"]) == (DONE, "spine-1.cfg")
+        assert sorted(leaf["status"] for leaf in leaves) == [DONE, FAILED]
+        first, second = sorted(leaves, key=lambda copy: copy["status"])
+        assert second["text"] == (
+            f"{second['agent']}: its sysName makes the same file as that of {first['agent']}, "
+            f"tftp://{SERVER4}/leaf-7.cfg: nothing is copied; rename one, or write {{host}}")
+        assert (nameless["status"], nameless["to"]) == (FAILED, url)
+        assert nameless["text"] == (
+            f"{nameless['agent']}: no sysName that this user may read, so {{name}} can't be "
+            "filled in: name the switch, or write {host}")
+        assert bool(dry) != (SERVER_ROOT / "spine-1.cfg").exists()
+    assert sorted(file.name for file in SERVER_ROOT.iterdir()) == ["leaf-7.cfg", "spine-1.cfg"]
+
+
+def test_others_may_not_read_secrets(tmp_path):
+    hosts = written(tmp_path, "# all\nswitch1 -v2c -c secret\n", 0o644)
+    text = (f"in the hosts file {hosts}, line 2: others may read the passphrases and communities "
+            "in the file: chmod 600 it")
+    done = config_copy("--json", "--hosts", hosts, "running", "startup")
+    (error,) = done.objects()
+    assert (done.status, error["text"]) == (USAGE, text), done
