@@ -4,7 +4,7 @@
 #
 #   scripts/campaign.sh [OPTION…] MINUTES [CAMPAIGN…]
 #
-# The campaigns, each in a lab of its own, two at a time (default: all, which share the minutes):
+# The campaigns, each in a lab of its own, four at a time (default: all, which share the minutes):
 #   requests  hostile SNMP requests to an agent with sanitizers
 #   copies    copies in a row by every protocol
 #   faults    something is killed, stopped, full, read-only or cut off during a copy or save
@@ -26,7 +26,7 @@ umask 022
 
 scripts=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 repository=$(dirname "$scripts")
-readonly AT_A_TIME=2 # they mostly wait
+readonly AT_A_TIME=4 # they mostly wait
 results=$repository/build/campaign
 seed=$(date +%s) minutes='' rounds=() campaigns=()
 

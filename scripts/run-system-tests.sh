@@ -1,6 +1,6 @@
 #!/bin/bash
 # Runs the system tests: each folder of tests/system in a lab with the options of its file
-# `options`, and tests/packages, which installs the packages in a Debian of its own, two folders at
+# `options`, and tests/packages, which installs the packages in a Debian of its own, four folders at
 # a time; then tests/lab, which tests the lab itself, on this machine. The last line is "N passed, N
 # failed".
 #
@@ -24,7 +24,7 @@ while [[ $# -gt 0 ]]; do
 done
 if [[ ${#folders[@]} -eq 0 ]]; then
     # the longest ones first, so that none is left to run alone
-    folders=(vrf default frr config_copy protocols transfer_scripts packages)
+    folders=(default config_copy packages vrf transfer_scripts protocols frr)
     for options in "$tests"/system/*/options; do
         folder=$(basename "$(dirname "$options")")
         [[ " ${folders[*]} " == *" $folder "* ]] || folders+=("$folder")
@@ -74,8 +74,9 @@ run_folder() {
         "${pytest[@]}" "--junitxml=$results/$folder.xml" "$tests/system/$folder" "$@"
 } >"$results/$1.log" 2>&1
 
-# Labs do not affect each other, and their tests mostly wait: two run at a time. A folder's output
-# is shown when it has ended.
+# Labs do not affect each other, and their tests mostly wait. A folder's output is shown when it has
+# ended.
+readonly AT_A_TIME=4
 declare -A running=()
 shown=0
 show_next() {
@@ -87,7 +88,7 @@ show_next() {
 }
 for folder in "${folders[@]}"; do
     [[ $folder != lab ]] || continue
-    ((${#running[@]} < 2)) || show_next
+    ((${#running[@]} < AT_A_TIME)) || show_next
     run_folder "$folder" "$@" &
     running[$!]=$folder
 done
