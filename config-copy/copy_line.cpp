@@ -13,6 +13,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
+constexpr std::size_t longest_line = 4096; // the switch keeps no longer ones
+
 // Reads a value up to its closing quote, with `rest` starting after the opening one; `rest` then
 // starts after the closing one. Empty if there is no closing quote.
 std::optional<std::string> take_quoted(std::string_view &rest) {
@@ -81,8 +83,7 @@ Oid last_copy_line(oid number) {
 } // namespace
 
 std::optional<CopyLine> parsed_copy_line(std::string_view line, oid index, std::int64_t started) {
-    constexpr std::size_t longest = 4096; // the switch keeps no longer ones
-    if (line.size() > longest) {
+    if (line.size() > longest_line) {
         return std::nullopt;
     }
     auto fields = fields_of(line);
@@ -97,6 +98,10 @@ std::optional<CopyLine> parsed_copy_line(std::string_view line, oid index, std::
     return copy;
 }
 
+bool is_way_back(std::string_view line) {
+    return line.size() <= longest_line && fields_of(line)["from"] == "former";
+}
+
 std::optional<CopyLine> line_of_copy(Session &session, oid index, std::int64_t started) {
     // The newest lines come first, and hardly another copy has ended since.
     constexpr oid lines_looked_at = 4;
@@ -107,14 +112,17 @@ std::optional<CopyLine> line_of_copy(Session &session, oid index, std::int64_t s
             if (attempt > 0) {
                 session.pause(pause);
             }
+            bool is_undone = false;
             for (oid number = 1; number <= lines_looked_at; ++number) {
                 const std::string line = octets(session.get({last_copy_line(number)}).front());
                 if (line.empty() && number == 1) {
                     return std::nullopt;
                 }
                 if (auto found = parsed_copy_line(line, index, started)) {
+                    found->is_undone = is_undone;
                     return found;
                 }
+                is_undone = is_undone || is_way_back(line);
             }
         }
     } catch (const Trouble &) { // the outcome is known even without the line

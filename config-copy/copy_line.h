@@ -17,10 +17,14 @@ struct CopyLine {
     std::string reason; // why it failed, safe for a terminal; empty if the switch does not say
     std::optional<std::uint64_t> bytes;
     std::string sha256;
+    bool is_undone = false; // a later line says that the configuration before it came back
 };
 
 // Parses the line if it is about this request: the same index, begun at ccCopyTimeStarted.
 std::optional<CopyLine> parsed_copy_line(std::string_view line, oid index, std::int64_t started);
+
+// Whether the line is about a way back: a change that was not saved within confirm_limit.
+bool is_way_back(std::string_view line);
 
 // The switch's line about a finished copy; empty if there is none or the user may not read it. The
 // agent's lines may be a second old, so it asks again then.

@@ -257,8 +257,8 @@ class Run {
         const bool is_done = end.state == COPY_STATE_SUCCESSFUL;
         outcome.state = state_name(end.state);
         outcome.seconds = seconds_between(end.started, end.completed);
-        if (const auto line =
-                line_of_copy(session_, row_.index(), number(end.started).value_or(0))) {
+        outcome.started = number(end.started).value_or(0);
+        if (const auto line = line_of_copy(session_, row_.index(), outcome.started)) {
             outcome.reason = line->reason;
             outcome.bytes = line->bytes;
             outcome.sha256 = line->sha256;

@@ -1,7 +1,9 @@
 #include "config-copy/keep.h"
 
 #include "config-copy/agent_session.h"
+#include "config-copy/copy_line.h"
 #include "config-copy/copy_run.h"
+#include "config-copy/interrupt.h"
 
 #include <algorithm>
 
@@ -10,51 +12,69 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// For routes and neighbours to settle after the change.
+// What a change cuts off may answer for a moment longer.
+constexpr auto settling_time = 2s;
+// For routes and neighbours to come back after the change.
 constexpr auto longest_silence = 30s;
 
 constexpr const char *what_follows =
     ", so it is not saved: with the setting confirm_limit the switch goes back by itself to the "
     "configuration before, otherwise when it restarts";
+constexpr const char *went_back = ", but the switch has gone back to the configuration before: the "
+                                  "change was not saved within its confirm_limit";
 
-// Throws Trouble or Failure if the agent does not answer.
-void await_answer(const Agent &agent, const CopyJob &job, const Progress &progress) {
+// Whether the change is no longer in force, as far as the switch tells. Throws Trouble or Failure
+// if the agent does not answer.
+bool is_undone(const Agent &agent, const CopyJob &job, const Outcome &outcome) {
+    Session session = session_with(*agent.settings, agent.name, job.is_verbose,
+                                   std::min<std::chrono::seconds>(job.time_limit, longest_silence));
+    session.get({copy_cell(CC_COLUMN_ENTRY_ROW_STATUS, largest_index)});
+    const auto line = line_of_copy(session, *outcome.index, outcome.started);
+    return line && line->is_undone;
+}
+
+// The same, and repeats it while the agent does not answer.
+bool is_undone_after_silence(const Agent &agent, const CopyJob &job, const Outcome &outcome,
+                             const Progress &progress) {
+    const auto limit = std::min<std::chrono::seconds>(job.time_limit, longest_silence);
+    copy_client::pause_for(settling_time, interrupt_descriptor());
     const auto began = Clock::now();
     for (;;) {
-        const auto waited = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - began);
-        progress("waiting for an answer", waited);
+        progress("waiting for an answer",
+                 std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - began));
         try {
-            Session session =
-                session_with(*agent.settings, agent.name, job.is_verbose,
-                             std::min<std::chrono::seconds>(job.time_limit, longest_silence));
-            session.get({copy_cell(CC_COLUMN_ENTRY_ROW_STATUS, largest_index)});
-            return;
+            return is_undone(agent, job, outcome);
         } catch (const Trouble &) {
-            if (Clock::now() - began >= longest_silence) {
+            if (Clock::now() - began >= limit) {
                 throw;
             }
         }
     }
 }
 
-Outcome saved(const Agent &agent, const CopyJob &job, const Progress &progress) {
-    CopyJob save = job;
-    save.from = {FileType::running, {}, {}};
-    save.to = {FileType::startup, {}, {}};
-    if (job.keeping == Keeping::confirm) {
-        try {
-            await_answer(agent, job, progress);
-        } catch (const Failure &failure) {
-            Outcome silent = planned(save, agent);
-            silent.fail(failure);
-            return silent;
-        } catch (const Trouble &trouble) {
-            Outcome silent = planned(save, agent);
-            silent.fail(failure_of(trouble, agent.name));
-            return silent;
+// Throws Trouble or Failure if the agent does not answer.
+void save(const Agent &agent, const CopyJob &job, const Progress &progress, Outcome &outcome) {
+    const bool is_over = job.keeping == Keeping::confirm
+                             ? is_undone_after_silence(agent, job, outcome, progress)
+                             : is_undone(agent, job, outcome);
+    if (!is_over) {
+        CopyJob save = job;
+        save.from = {FileType::running, {}, {}};
+        save.to = {FileType::startup, {}, {}};
+        const Outcome saved = copy(agent, save, progress);
+        if (saved.status != ExitStatus::done) {
+            outcome.status = saved.status;
+            outcome.text += ", but " + saved.text + what_follows;
+            return;
         }
     }
-    return copy(agent, save, progress);
+    if (is_over || is_undone(agent, job, outcome)) {
+        outcome.status = ExitStatus::failed;
+        outcome.text += went_back;
+        return;
+    }
+    outcome.is_saved = true;
+    outcome.text += "; saved to startup";
 }
 
 } // namespace
@@ -71,14 +91,18 @@ void keep(const Agent &agent, const CopyJob &job, const Progress &progress, Outc
         }
         return;
     }
-    const Outcome save = saved(agent, job, progress);
-    outcome.is_saved = save.status == ExitStatus::done;
-    if (*outcome.is_saved) {
-        outcome.text += "; saved to startup";
-        return;
+    outcome.is_saved = false;
+    const auto fail = [&](const Failure &failure) {
+        outcome.status = failure.status();
+        outcome.text += std::string(", but ") + failure.what() + what_follows;
+    };
+    try {
+        save(agent, job, progress, outcome);
+    } catch (const Failure &failure) {
+        fail(failure);
+    } catch (const Trouble &trouble) {
+        fail(failure_of(trouble, agent.name));
     }
-    outcome.status = save.status;
-    outcome.text += ", but " + save.text + what_follows;
 }
 
 } // namespace config_copy

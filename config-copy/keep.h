@@ -23,7 +23,8 @@ struct CopyJob;
 using Progress = std::function<void(std::string_view state, std::chrono::seconds elapsed)>;
 
 // Does what the job wants of a configuration after it was restored with this outcome, and completes
-// the outcome. With Keeping::confirm, the agent has half a minute to answer. Throws as copy().
+// the outcome. With Keeping::confirm, the agent must answer between two seconds and half a
+// minute later. Throws as copy().
 void keep(const Agent &agent, const CopyJob &job, const Progress &progress, Outcome &outcome);
 
 } // namespace config_copy

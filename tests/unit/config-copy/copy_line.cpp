@@ -27,6 +27,15 @@ TEST(ManagerCopyLine, AnotherRequestsLineIsRefused) {
     EXPECT_FALSE(parsed_copy_line(failed, 7, 4712)); // an earlier request of that index
 }
 
+TEST(ManagerCopyLine, AWayBack) {
+    EXPECT_TRUE(config_copy::is_way_back("2026-11-22T00:15:05Z from=former to=running "
+                                         "outcome=successful reason=\"not saved\""));
+    EXPECT_FALSE(config_copy::is_way_back(failed));
+    EXPECT_FALSE(
+        config_copy::is_way_back("2026-11-22T00:15:05Z user=\"from=former\" from=startup"));
+    EXPECT_FALSE(config_copy::is_way_back(""));
+}
+
 TEST(ManagerCopyLine, AnEndlessLineIsNotRead) {
     const std::string line = "2026-11-22T00:15:02Z request=7 started=1 reason=";
     EXPECT_TRUE(parsed_copy_line(line + std::string(1000, 'x'), 7, 1));
