@@ -4,7 +4,6 @@
 #include <cctype>
 #include <numeric>
 #include <utility>
-#include <vector>
 
 namespace config_copy {
 
@@ -22,6 +21,18 @@ std::size_t distance(std::string_view a, std::string_view b) {
         }
     }
     return row.back();
+}
+
+std::string nearest(std::string_view word, const std::vector<std::string> &known) {
+    std::size_t least = 3;
+    std::string found;
+    for (const std::string &candidate : known) {
+        if (const std::size_t far = distance(word, candidate); far < least) {
+            least = far;
+            found = candidate;
+        }
+    }
+    return found;
 }
 
 } // namespace config_copy

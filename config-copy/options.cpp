@@ -5,7 +5,9 @@
 #include "config-copy/hosts_file.h"
 #include "config-copy/likeness.h"
 #include "config-copy/local_file.h"
+#include "config-copy/profiles.h"
 #include "config-copy/server_address.h"
+#include "config-copy/text_file.h"
 #include "copy_client/session.h"
 
 #include <strings.h>
@@ -40,66 +42,73 @@ constexpr std::array<OwnOption, 16> options_of_ours{
     {{"hosts", 0, "FILE",
       "copy on each agent that FILE lists, one per line;\n"
       "standard input for -",
+      Use::copies_and_diff,
       [](Options &options, std::string_view, const std::string &value) {
           options.hosts_file = value;
       }},
      {"group", 0, "NAME",
       "only on agents of this group of the hosts file; may be\n"
       "given several times",
+      Use::copies_and_diff,
       [](Options &options, std::string_view, const std::string &value) {
           options.groups.push_back(value);
       }},
-     {"jobs", 0, "N", "on up to N agents at a time (default: 50)",
+     {"jobs", 0, "N", "on up to N agents at a time (default: 50)", Use::copies_and_diff,
       [](Options &options, std::string_view name, const std::string &value) {
           options.jobs = static_cast<int>(number_of(name, value, 1, most_jobs));
       }},
      {"password-file", 0, "FILE",
       "the file server's password is the first line of FILE,\n"
       "of standard input for -; otherwise it is asked for",
+      Use::copies,
       [](Options &options, std::string_view, const std::string &value) {
           options.password_file = value;
       }},
-     {"wait-turn", 0, "SECONDS", "wait up to SECONDS for another copy to end",
+     {"wait-turn", 0, "SECONDS", "wait up to SECONDS for another copy to end", Use::copies_and_diff,
       [](Options &options, std::string_view name, const std::string &value) {
           options.wait_turn = std::chrono::seconds(number_of(name, value, 0, longest_wait));
       }},
      {"time-limit", 0, "SECONDS", "give up a copy that takes longer (default: 600)",
+      Use::everything,
       [](Options &options, std::string_view name, const std::string &value) {
           options.time_limit = std::chrono::seconds(number_of(name, value, 1, longest_wait));
       }},
      {"replace", 0, "",
       "FROM replaces the running configuration, instead of\n"
       "being merged into it",
+      Use::copies,
       [](Options &options, std::string_view, const std::string &) {
           options.is_replacement = true;
       }},
-     {"save", 0, "", "save the restored configuration to startup",
+     {"save", 0, "", "save the restored configuration to startup", Use::copies,
       [](Options &options, std::string_view, const std::string &) {
           options.keeping = std::max(options.keeping, Keeping::save);
       }},
      {"confirm", 0, "",
       "the same if the agent still answers; otherwise the\n"
       "switch goes back by itself (its setting confirm_limit)",
+      Use::copies,
       [](Options &options, std::string_view, const std::string &) {
           options.keeping = Keeping::confirm;
       }},
      {"local-address", 0, "ADDR", "the address at which the switch reaches this machine",
+      Use::copies_and_diff,
       [](Options &options, std::string_view, const std::string &value) {
           options.local_address = value;
       }},
-     {"dry-run", 0, "", "ask the agent, print what would be done, set nothing",
+     {"dry-run", 0, "", "ask the agent, print what would be done, set nothing", Use::copies,
       [](Options &options, std::string_view, const std::string &) { options.is_dry_run = true; }},
-     {"quiet", 'q', "", "print errors only",
+     {"quiet", 'q', "", "print errors only", Use::everything,
       [](Options &options, std::string_view, const std::string &) { options.is_quiet = true; }},
-     {"verbose", 0, "", "print each SNMP message on standard error",
+     {"verbose", 0, "", "print each SNMP message on standard error", Use::everything,
       [](Options &options, std::string_view, const std::string &) { options.is_verbose = true; }},
-     {"json", 0, "", "print JSON, one object per line",
+     {"json", 0, "", "print JSON, one object per line", Use::everything,
       [](Options &options, std::string_view, const std::string &) { options.is_json = true; }},
-     {"help", 'h', "", "print this",
+     {"help", 'h', "", "print this", Use::itself,
       [](Options &options, std::string_view, const std::string &) {
           options.command = Command::help;
       }},
-     {"version", 0, "", "print the version",
+     {"version", 0, "", "print the version", Use::itself,
       [](Options &options, std::string_view, const std::string &) {
           options.command = Command::version;
       }}}};
@@ -261,15 +270,59 @@ void check_local(const Options &options) {
     }
 }
 
-void parse_copy(const std::vector<std::string> &arguments, const SessionOptions &session,
-                Options &options) {
-    const std::size_t expected = options.hosts_file ? 2 : 3;
-    if (arguments.size() != expected) {
+// What the configuration files add to the options and arguments.
+struct Chosen {
+    std::string profile; // empty: none
+    SessionOptions session;
+    std::optional<Setting> from;
+    std::optional<Setting> to;
+};
+
+// Calls `take`, and adds the setting's place to a Failure of it.
+template <typename Take> void take_setting(const Setting &setting, Take take) {
+    try {
+        take();
+    } catch (const Failure &failure) {
+        throw bad_usage(location(setting) + failure.what());
+    }
+}
+
+Endpoint endpoint_in(const Setting &setting) {
+    Endpoint endpoint;
+    take_setting(setting, [&] {
+        endpoint = parse_endpoint(setting.values.front());
+        if (endpoint.is_local()) {
+            endpoint.local = file_in(setting, endpoint.local);
+        }
+    });
+    return endpoint;
+}
+
+// Takes FROM and TO from the arguments or the profile.
+void take_endpoints(const std::vector<std::string> &arguments, const Chosen &chosen,
+                    Options &options) {
+    const std::size_t agents = options.hosts_file ? 0 : 1;
+    if (arguments.size() == agents + 2) {
+        options.from = parse_endpoint(arguments[agents]);
+        options.to = parse_endpoint(arguments[agents + 1]);
+    } else if (arguments.size() == agents && chosen.from && chosen.to) {
+        options.from = endpoint_in(*chosen.from);
+        options.to = endpoint_in(*chosen.to);
+    } else if (chosen.profile.empty()) {
         throw bad_usage(options.hosts_file ? "with --hosts, name FROM and TO, and no AGENT"
                                            : "name AGENT, FROM and TO (config-copy --help)");
+    } else if (arguments.size() == agents) {
+        throw bad_usage("the profile @" + chosen.profile + " has no " +
+                        (chosen.from ? "`to`" : "`from`") + ": add it, or name FROM and TO");
+    } else {
+        throw bad_usage("behind the profile @" + chosen.profile + " name " +
+                        (options.hosts_file ? "no AGENT, as there is a hosts file" : "the AGENT") +
+                        ", and FROM and TO only in place of the profile's");
     }
-    options.from = parse_endpoint(arguments[expected - 2]);
-    options.to = parse_endpoint(arguments[expected - 1]);
+}
+
+void parse_copy(const std::vector<std::string> &arguments, const Chosen &chosen, Options &options) {
+    take_endpoints(arguments, chosen, options);
     if (options.command == Command::diff) {
         check_comparison(options.from, options.to);
     } else {
@@ -277,7 +330,7 @@ void parse_copy(const std::vector<std::string> &arguments, const SessionOptions 
     }
     check_local(options);
     if (!options.hosts_file) {
-        options.agents = {{agent_of(arguments[0]), "", settings_of(session), ""}};
+        options.agents = {{agent_of(arguments[0]), "", settings_of(chosen.session), ""}};
         if (uses_groups(options)) {
             throw bad_usage("only the agents of a hosts file have groups: give --hosts FILE");
         }
@@ -287,7 +340,7 @@ void parse_copy(const std::vector<std::string> &arguments, const SessionOptions 
         throw bad_usage("standard input can't hold both the agents and the password: name a file "
                         "for one of them");
     }
-    options.agents = read_hosts(*options.hosts_file, options.groups, session);
+    options.agents = read_hosts(*options.hosts_file, options.groups, chosen.session);
     check_file_of_each(options);
 }
 
@@ -295,14 +348,67 @@ bool is_command(const std::string &word) {
     return word == "list" || word == "errors" || word == "abort" || word == "diff";
 }
 
-void parse_arguments(std::vector<std::string> arguments, const SessionOptions &session,
-                     Options &options) {
+// Whether a setting for these runs counts in this one.
+bool counts(Use use, const std::vector<std::string> &arguments) {
+    const bool is_copy = arguments.empty() || !is_command(arguments.front());
+    return use == Use::everything || is_copy ||
+           (use == Use::copies_and_diff && arguments.front() == "diff");
+}
+
+bool is_yes(const Setting &setting) {
+    const std::string &value = setting.values.front();
+    if (value != "yes" && value != "no") {
+        throw bad_usage(setting.key + " needs yes or no");
+    }
+    return value == "yes";
+}
+
+// Takes the setting unless the command line has the option.
+void take(const Setting &setting, const Words &words, Options &options, Chosen &chosen) {
+    if (setting.key == "snmp") {
+        chosen.session = setting.session.with(words.session);
+    } else if (setting.key == "from") {
+        chosen.from = setting;
+    } else if (setting.key == "to") {
+        chosen.to = setting;
+    } else {
+        const OwnOption &option = *own_option("--" + setting.key);
+        if (words.given.contains(option.name) || !counts(option.use, words.arguments) ||
+            (!option.takes_value() && !is_yes(setting))) {
+            return;
+        }
+        for (const std::string &value : setting.values) {
+            option.take(options, setting.key,
+                        option.argument == "FILE" ? file_in(setting, value) : value);
+        }
+    }
+}
+
+// The settings of the configuration files; the profile is taken out of the arguments.
+Chosen chosen_in(Words &words, Options &options) {
+    Chosen chosen;
+    chosen.session = words.session;
+    auto &arguments = words.arguments;
+    if (!arguments.empty() && arguments.front().starts_with('@')) {
+        chosen.profile = arguments.front().substr(1);
+        if (!is_plain_name(chosen.profile)) {
+            throw bad_usage("a profile is written @NAME");
+        }
+        arguments.erase(arguments.begin());
+    }
+    for (const Setting &setting : Profiles(configuration_files()).settings(chosen.profile)) {
+        take_setting(setting, [&] { take(setting, words, options, chosen); });
+    }
+    return chosen;
+}
+
+void parse_arguments(std::vector<std::string> arguments, const Chosen &chosen, Options &options) {
     if (arguments.empty() || !is_command(arguments[0])) {
         if (arguments.size() > 1 && is_command(arguments[1])) {
             throw bad_usage("the command comes before the agent: write config-copy " +
                             arguments[1] + ' ' + arguments[0]);
         }
-        parse_copy(arguments, session, options);
+        parse_copy(arguments, chosen, options);
         return;
     }
     if (options.is_dry_run || options.is_replacement || options.keeping != Keeping::no) {
@@ -312,7 +418,7 @@ void parse_arguments(std::vector<std::string> arguments, const SessionOptions &s
     if (name == "diff") {
         options.command = Command::diff;
         arguments.erase(arguments.begin());
-        parse_copy(arguments, session, options);
+        parse_copy(arguments, chosen, options);
         return;
     }
     options.command = name == "list"     ? Command::list
@@ -327,11 +433,38 @@ void parse_arguments(std::vector<std::string> arguments, const SessionOptions &s
                          : name == "errors" ? " AGENT [INDEX]"
                                             : " AGENT INDEX"));
     }
-    options.agents = {{agent_of(arguments[1]), "", settings_of(session), ""}};
+    options.agents = {{agent_of(arguments[1]), "", settings_of(chosen.session), ""}};
     if (arguments.size() == 3) {
         options.index =
             static_cast<oid>(number_of("INDEX", arguments[2], 1, static_cast<long>(largest_index)));
     }
+}
+
+// Initialises the library, with the options that are not for a session. Returns false if one of
+// them, such as -V, was all that was asked for.
+bool initialise_library(std::vector<char *> words) {
+    const bool is_answer = std::any_of(words.begin() + 1, words.end(), [](std::string_view word) {
+        return word == "-V" || word == "-H";
+    });
+    ::setenv("MIBS", "", 1); // only numbers are needed
+    if (!is_answer) {        // -V and -H answer through the log
+        ::netsnmp_register_loghandler(NETSNMP_LOGHANDLER_NONE, LOG_DEBUG);
+    }
+    // It wants the options of some session, too.
+    std::array<std::string, 3> session{"-v1", "-c-", "-"};
+    for (std::string &word : session) {
+        words.push_back(word.data());
+    }
+    words.push_back(nullptr);
+    netsnmp_session unused{};
+    const int result =
+        ::netsnmp_parse_args(static_cast<int>(words.size()) - 1, words.data(), &unused, nullptr,
+                             nullptr, NETSNMP_PARSE_ARGS_NOLOGGING | NETSNMP_PARSE_ARGS_NOZERO);
+    std::free(unused.community);
+    if (result != NETSNMP_PARSE_ARGS_SUCCESS_EXIT && result < 0) {
+        throw bad_usage("the SNMP options are not as in snmpcmd(1) (config-copy --help)");
+    }
+    return result != NETSNMP_PARSE_ARGS_SUCCESS_EXIT;
 }
 
 } // namespace
@@ -344,6 +477,7 @@ std::string usage_text() {
     std::string text =
         R"(usage: config-copy [OPTIONS] AGENT FROM TO
        config-copy [OPTIONS] --hosts FILE [--jobs N] FROM TO
+       config-copy [OPTIONS] @PROFILE [AGENT] [FROM TO]
        config-copy [OPTIONS] diff AGENT A B
        config-copy [OPTIONS] list AGENT
        config-copy [OPTIONS] errors AGENT [INDEX]
@@ -374,7 +508,6 @@ exit status: 0 done, 1 the copy failed (diff: they differ; 6 the copy failed),
 
 Words split_words(int count, char **words, Options &options) {
     Words result;
-    std::set<std::string_view> given;
     result.library.push_back(words[0]);
     for (int i = 1; i < count; ++i) {
         const std::string_view word = words[i];
@@ -400,7 +533,7 @@ Words split_words(int count, char **words, Options &options) {
                 if (equals != std::string_view::npos) {
                     throw bad_usage(std::string(name) + " takes no value");
                 }
-            } else if (!given.insert(name).second && own->name != "group") {
+            } else if (result.given.contains(own->name) && own->name != "group") {
                 throw bad_usage(std::string(name) + " is given twice");
             } else if (equals != std::string_view::npos) {
                 value = word.substr(equals + 1);
@@ -409,6 +542,7 @@ Words split_words(int count, char **words, Options &options) {
             } else {
                 value = words[++i];
             }
+            result.given.insert(own->name);
             own->take(options, name, value);
             continue;
         }
@@ -430,23 +564,16 @@ void check_long_options(const std::vector<std::string> &names) {
             })) {
             continue;
         }
-        std::size_t least = 3; // words that differ by more are not alike
-        std::string nearest;
-        const auto consider = [&](const std::string &known) {
-            if (const std::size_t far = distance(name, known); far < least) {
-                least = far;
-                nearest = known;
-            }
-        };
+        std::vector<std::string> known;
         for (const OwnOption &option : options_of_ours) {
-            consider("--" + std::string(option.name));
+            known.push_back("--" + std::string(option.name));
         }
         for (const config_line *token : tokens) {
-            consider("--" + std::string(token->config_token));
+            known.push_back("--" + std::string(token->config_token));
         }
-        throw bad_usage(
-            "there is no option " + name +
-            (nearest.empty() ? " (config-copy --help)" : ": did you mean " + nearest + '?'));
+        const std::string like = nearest(name, known);
+        throw bad_usage("there is no option " + name +
+                        (like.empty() ? " (config-copy --help)" : ": did you mean " + like + '?'));
     }
 }
 
@@ -455,36 +582,9 @@ bool asks_for_json(int count, char **words) {
     return std::find(words + 1, end, std::string_view("--json")) != end;
 }
 
-// Initialises the library, with the options that are not for a session. Returns false if one of
-// them, such as -V, was all that was asked for.
-bool initialise_library(std::vector<char *> words) {
-    const bool is_answer = std::any_of(words.begin() + 1, words.end(), [](std::string_view word) {
-        return word == "-V" || word == "-H";
-    });
-    ::setenv("MIBS", "", 1); // only numbers are needed
-    if (!is_answer) {        // -V and -H answer through the log
-        ::netsnmp_register_loghandler(NETSNMP_LOGHANDLER_NONE, LOG_DEBUG);
-    }
-    // It wants the options of some session, too.
-    std::array<std::string, 3> session{"-v1", "-c-", "-"};
-    for (std::string &word : session) {
-        words.push_back(word.data());
-    }
-    words.push_back(nullptr);
-    netsnmp_session unused{};
-    const int result =
-        ::netsnmp_parse_args(static_cast<int>(words.size()) - 1, words.data(), &unused, nullptr,
-                             nullptr, NETSNMP_PARSE_ARGS_NOLOGGING | NETSNMP_PARSE_ARGS_NOZERO);
-    std::free(unused.community);
-    if (result != NETSNMP_PARSE_ARGS_SUCCESS_EXIT && result < 0) {
-        throw bad_usage("the SNMP options are not as in snmpcmd(1) (config-copy --help)");
-    }
-    return result != NETSNMP_PARSE_ARGS_SUCCESS_EXIT;
-}
-
 std::optional<Options> parse_options(int count, char **words) {
     Options options;
-    const Words split = split_words(count, words, options);
+    Words split = split_words(count, words, options);
     if (options.command == Command::help || options.command == Command::version) {
         return options;
     }
@@ -492,7 +592,8 @@ std::optional<Options> parse_options(int count, char **words) {
         return std::nullopt;
     }
     check_long_options(split.long_options);
-    parse_arguments(split.arguments, split.session, options);
+    const Chosen chosen = chosen_in(split, options);
+    parse_arguments(split.arguments, chosen, options);
     return options;
 }
 

@@ -13,6 +13,7 @@
 
 #include <chrono>
 #include <optional>
+#include <set>
 #include <span>
 #include <string>
 #include <string_view>
@@ -52,12 +53,16 @@ bool is_readable_on_the_way(const netsnmp_session &session, const std::string &a
 
 std::string usage_text();
 
-// An option of ours.
+// What an option of ours is for; in a configuration file it is passed over in other runs.
+enum class Use { everything, copies_and_diff, copies, itself };
+
+// An option of ours. All but those that are for themselves may stand in a configuration file.
 struct OwnOption {
     std::string_view name;     // without hyphens
     char letter;               // its short form, or 0
     std::string_view argument; // what its value is called; empty: it takes no value
     std::string_view help;     // one line or more
+    Use use;
     // `name` is how the user wrote it. Throws a Failure of usage.
     void (*take)(Options &options, std::string_view name, const std::string &value);
 
@@ -77,6 +82,7 @@ struct Words {
     std::vector<std::string>
         long_options; // names of the long ones in `library`, with their hyphens
     std::vector<std::string> arguments;
+    std::set<std::string_view> given; // names of our options
 };
 
 // Passphrases and communities are blanked in `words`, because other users can see those.

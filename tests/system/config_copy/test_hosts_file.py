@@ -1,4 +1,7 @@
-"""Hosts files with groups and options of their own, and the files named after the switches."""
+"""Hosts files with groups and options of their own, profiles, and the files named after the
+switches."""
+
+import os
 
 import pytest
 from command import DONE, FAILED, QUICK, UNREACHABLE, USAGE, config_copy
@@ -104,3 +107,28 @@ def test_others_may_not_read_secrets(tmp_path):
     done = config_copy("--json", "--hosts", hosts, "running", "startup")
     (error,) = done.objects()
     assert (done.status, error["text"]) == (USAGE, text), done
+
+
+def test_profile(two_groups, tmp_path):
+    hosts, _, new = two_groups
+    folder = tmp_path / "config"
+    folder.mkdir()
+    hosts.rename(folder / "switches")
+    (folder / "config-copy.conf").write_text(f"""[nightly]
+hosts = switches
+group = new
+from = running
+to = tftp://{SERVER4}/{{group}}-{{datetime}}-{{host}}.cfg
+json = yes
+""")
+    environment = {**os.environ, "XDG_CONFIG_HOME": str(folder)}
+    done = config_copy("@nightly", env=environment)
+    assert done.status == DONE, done
+    copy, summary = done.objects()
+    assert (copy["agent"], summary["agents"]) == (new, 1)
+    (file,) = SERVER_ROOT.iterdir()
+    assert file.name == copy["file"] and file.read_text() == show("running")
+    done = config_copy("@nightly", "startup", "running", "--group", "old", env=environment)
+    assert (done.status, done.objects()[-1]["done"]) == (DONE, 2), done
+    done = config_copy("@nigthly", env=environment)
+    assert done.status == USAGE and done.err.endswith(": there are @nightly\n"), done

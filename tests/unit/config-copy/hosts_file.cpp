@@ -121,6 +121,7 @@ class Hosts : public testing::Test {
     Hosts() {
         ::setenv("SNMPCONFPATH", scratch_.root().c_str(), 1);
         ::setenv("SNMP_PERSISTENT_DIR", scratch_.root().c_str(), 1);
+        ::setenv("XDG_CONFIG_HOME", scratch_.root().c_str(), 1);
     }
 
     void write(const std::string &text, mode_t mode = 0600) {

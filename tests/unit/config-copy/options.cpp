@@ -109,6 +109,7 @@ class CommandLine : public testing::Test {
     CommandLine() {
         ::setenv("SNMPCONFPATH", scratch_.root().c_str(), 1);
         ::setenv("SNMP_PERSISTENT_DIR", scratch_.root().c_str(), 1);
+        ::setenv("XDG_CONFIG_HOME", scratch_.root().c_str(), 1);
     }
 
     std::optional<Options> parse(std::vector<std::string> words) {
