@@ -62,6 +62,10 @@ UniqueFd open_socket(const Endpoint &server) {
                      static_cast<socklen_t>(server.device.size())) != 0) {
         throw_errno("cannot bind to", server.device);
     }
+    if (server.local.ss_family != AF_UNSPEC) {
+        check(::bind(opened.get(), plain(server.local), server.address_octets),
+              "cannot bind the socket");
+    }
     return opened;
 }
 
@@ -83,8 +87,8 @@ int without_host(int number) {
 
 } // namespace
 
-TransferError server_error(const Error &error) {
-    const std::string detail = "the server reports error " + std::to_string(error.code) +
+TransferError reported_error(const Error &error, const std::string &peer) {
+    const std::string detail = "the " + peer + " reports error " + std::to_string(error.code) +
                                (error.text.empty() ? "" : ", " + error.text);
     if (error.code == 0 || error.code > 99) {
         return {system_result(EPROTO), detail};
@@ -124,9 +128,9 @@ std::size_t path_payload(const Endpoint &server) {
 
 // The socket can't be connected, because the server answers from another port than the one for
 // requests. So the kernel must be asked to queue ICMP errors.
-Channel::Channel(const Endpoint &server)
+Channel::Channel(const Endpoint &server, bool is_transfer_id)
     : socket_(open_socket(server)), server_(server.address), server_octets_(server.address_octets),
-      buffer_(largest_packet) {
+      adopted_(is_transfer_id), buffer_(largest_packet) {
     const bool is_ipv6 = server_.ss_family == AF_INET6;
     set_option(socket_, is_ipv6 ? IPPROTO_IPV6 : IPPROTO_IP, is_ipv6 ? IPV6_RECVERR : IP_RECVERR,
                1);

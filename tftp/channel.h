@@ -1,5 +1,6 @@
-// Datagrams between this client and one server: addressing, the server's transfer id, network
-// errors, and the timer for retransmission and giving up.
+// Datagrams between us and one peer: addressing, the peer's transfer id, network errors, and the
+// timer for retransmission and giving up. Where we are the client, the peer is a server; where we
+// answer a request, it is the client, and what follows says "server" for it all the same.
 #pragma once
 
 #include "base/unique_fd.h"
@@ -12,6 +13,7 @@
 #include <limits>
 #include <optional>
 #include <stdexcept>
+#include <stop_token>
 #include <string>
 #include <vector>
 
@@ -37,9 +39,9 @@ constexpr int system_result(int number) {
     return -(100 + number);
 }
 
-// The exception for an error that the server reported. Code 0 means no more than its text, and a
-// code above 99 has no result of its own: both become EPROTO.
-TransferError server_error(const Error &error);
+// The exception for an error that the peer reported, which its text calls by that name. Code 0
+// means no more than its text, and a code above 99 has no result of its own: both become EPROTO.
+TransferError reported_error(const Error &error, const std::string &peer);
 
 constexpr std::chrono::seconds unlimited{1'000'000'000};
 
@@ -59,6 +61,10 @@ struct Endpoint {
     socklen_t address_octets = 0;
     // network device that the socket is bound to; empty: as routed
     std::string device;
+    // address that the socket is bound to, with port 0; of no family: as routed
+    sockaddr_storage local{};
+    std::string name = "server"; // in texts
+    std::stop_token stop{};      // ends the transfer with ECANCELED, within a quarter of a second
     // how long a transfer may make no progress before it is given up
     std::chrono::seconds timeout{20};
     std::uint16_t block_size = largest_block_size; // upper bounds of the requested options
@@ -76,7 +82,8 @@ std::size_t path_payload(const Endpoint &server);
 // One socket, and therefore one transfer id of this client.
 class Channel {
   public:
-    explicit Channel(const Endpoint &server);
+    // `is_transfer_id`: that is what the server's port is already.
+    explicit Channel(const Endpoint &server, bool is_transfer_id = false);
 
     // Sends to the server's transfer id if it is known, otherwise to the port for requests.
     void send(Octets packet);
@@ -102,7 +109,7 @@ class Channel {
     sockaddr_storage server_;
     socklen_t server_octets_;
     sockaddr_storage source_{};
-    bool adopted_ = false;
+    bool adopted_;
     int unreachable_ = 0;
     // an errno value that ends the transfer once there is nothing left to read from the server ...
     int final_ = 0;

@@ -5,6 +5,7 @@
 
 #include <strings.h>
 
+#include <algorithm>
 #include <limits>
 
 namespace ulmo::tftp {
@@ -14,6 +15,8 @@ constexpr std::string_view block_size_option = "blksize";
 constexpr std::string_view timeout_option = "timeout";
 constexpr std::string_view transfer_size_option = "tsize";
 constexpr std::string_view window_size_option = "windowsize";
+
+constexpr std::string_view octet_mode = "octet";
 
 constexpr std::size_t longest_text = 256;
 
@@ -40,6 +43,13 @@ void append_option(std::vector<std::uint8_t> &packet, std::string_view name,
     }
 }
 
+void append_options(std::vector<std::uint8_t> &packet, const Options &options) {
+    append_option(packet, block_size_option, options.block_size);
+    append_option(packet, timeout_option, options.timeout);
+    append_option(packet, transfer_size_option, options.transfer_size);
+    append_option(packet, window_size_option, options.window_size);
+}
+
 // Takes a NUL-terminated text off the front.
 std::optional<std::string_view> take_text(std::string_view &rest) {
     const auto end = rest.find('\0');
@@ -51,17 +61,20 @@ std::optional<std::string_view> take_text(std::string_view &rest) {
     return text;
 }
 
-std::optional<OptionAcknowledgment> decode_options(std::string_view rest) {
-    OptionAcknowledgment answer;
+// Takes options off the front, up to the end or to the first that is malformed.
+OptionTexts take_options(std::string_view &rest) {
+    OptionTexts options;
     while (!rest.empty()) {
-        const auto name = take_text(rest);
-        const auto value = name ? take_text(rest) : std::nullopt;
+        std::string_view after = rest;
+        const auto name = take_text(after);
+        const auto value = name ? take_text(after) : std::nullopt;
         if (!value) {
-            return std::nullopt;
+            break;
         }
-        answer.options.emplace_back(*name, *value);
+        options.emplace_back(*name, *value);
+        rest = after;
     }
-    return answer;
+    return options;
 }
 
 // Takes one answered value if it is a decimal number within the bounds, was requested, and was not
@@ -77,22 +90,29 @@ bool take_value(std::string_view text, const std::optional<Value> &asked, Value 
     return true;
 }
 
-bool is_option(std::string_view name, std::string_view option) {
-    return name.size() == option.size() &&
-           ::strncasecmp(name.data(), option.data(), option.size()) == 0;
+// Whether both are the same word; names of options and modes are case-insensitive.
+bool is_word(std::string_view text, std::string_view word) {
+    return text.size() == word.size() && ::strncasecmp(text.data(), word.data(), word.size()) == 0;
 }
+
+std::string_view as_text(Octets octets) {
+    return {reinterpret_cast<const char *>(octets.data()), octets.size()};
+}
+
+constexpr std::size_t opcode_octets = 2;
 
 } // namespace
 
 std::optional<Packet> decode(Octets datagram) {
-    constexpr std::size_t opcode_octets = 2;
     if (datagram.size() < opcode_octets) {
         return std::nullopt;
     }
     const auto opcode = static_cast<Opcode>(number_at(datagram, 0));
-    const std::string_view texts(reinterpret_cast<const char *>(datagram.data()), datagram.size());
+    const std::string_view texts = as_text(datagram);
     if (opcode == Opcode::option_acknowledgment) {
-        return decode_options(texts.substr(opcode_octets));
+        std::string_view rest = texts.substr(opcode_octets);
+        OptionAcknowledgment answer{take_options(rest)};
+        return rest.empty() ? std::optional<Packet>(std::move(answer)) : std::nullopt;
     }
     if (datagram.size() < header_octets) {
         return std::nullopt;
@@ -113,16 +133,31 @@ std::optional<Packet> decode(Octets datagram) {
     }
 }
 
+std::optional<Request> decode_request(Octets datagram) {
+    if (datagram.size() < opcode_octets) {
+        return std::nullopt;
+    }
+    const auto opcode = static_cast<Opcode>(number_at(datagram, 0));
+    std::string_view rest = as_text(datagram).substr(opcode_octets);
+    const auto name = take_text(rest);
+    const auto mode = name ? take_text(rest) : std::nullopt;
+    if ((opcode != Opcode::read_request && opcode != Opcode::write_request) || !mode) {
+        return std::nullopt;
+    }
+    return Request{opcode, *name, *mode, take_options(rest)};
+}
+
+bool is_octet_mode(const Request &request) {
+    return is_word(request.mode, octet_mode);
+}
+
 std::optional<std::vector<std::uint8_t>> encode_request(Opcode opcode, std::string_view file_name,
                                                         const Options &options) {
     std::vector<std::uint8_t> packet;
     append(packet, static_cast<std::uint16_t>(opcode));
     append(packet, file_name);
-    append(packet, "octet");
-    append_option(packet, block_size_option, options.block_size);
-    append_option(packet, timeout_option, options.timeout);
-    append_option(packet, transfer_size_option, options.transfer_size);
-    append_option(packet, window_size_option, options.window_size);
+    append(packet, octet_mode);
+    append_options(packet, options);
     if (packet.size() > largest_request) {
         return std::nullopt;
     }
@@ -133,6 +168,13 @@ std::vector<std::uint8_t> encode_acknowledgment(std::uint16_t block) {
     std::vector<std::uint8_t> packet;
     append(packet, static_cast<std::uint16_t>(Opcode::acknowledgment));
     append(packet, block);
+    return packet;
+}
+
+std::vector<std::uint8_t> encode_option_acknowledgment(const Options &agreed) {
+    std::vector<std::uint8_t> packet;
+    append(packet, static_cast<std::uint16_t>(Opcode::option_acknowledgment));
+    append_options(packet, agreed);
     return packet;
 }
 
@@ -161,16 +203,16 @@ std::optional<Options> agree(Opcode request, const Options &asked,
     Options agreed;
     for (const auto &[name, value] : answer.options) {
         bool good = false;
-        if (is_option(name, block_size_option)) {
+        if (is_word(name, block_size_option)) {
             good = take_value(value, asked.block_size, smallest_block_size,
                               asked.block_size.value_or(0), agreed.block_size);
-        } else if (is_option(name, timeout_option)) {
+        } else if (is_word(name, timeout_option)) {
             const std::uint8_t seconds = asked.timeout.value_or(0);
             good = take_value(value, asked.timeout, seconds, seconds, agreed.timeout);
-        } else if (is_option(name, transfer_size_option)) {
+        } else if (is_word(name, transfer_size_option)) {
             good = take_value(value, asked.transfer_size, reading ? 0 : announced,
                               reading ? any_size : announced, agreed.transfer_size);
-        } else if (is_option(name, window_size_option)) {
+        } else if (is_word(name, window_size_option)) {
             good = take_value(value, asked.window_size, std::uint16_t{1},
                               asked.window_size.value_or(0), agreed.window_size);
         }
@@ -179,6 +221,25 @@ std::optional<Options> agree(Opcode request, const Options &asked,
         }
     }
     return agreed;
+}
+
+Options asked_options(const Request &request) {
+    Options asked;
+    for (const auto &[name, value] : request.options) {
+        if (is_word(name, block_size_option) && !asked.block_size) {
+            if (const auto octets = parsed_number<std::uint64_t>(value, smallest_block_size)) {
+                asked.block_size = static_cast<std::uint16_t>(
+                    std::min<std::uint64_t>(*octets, largest_block_size));
+            }
+        } else if (is_word(name, timeout_option) && !asked.timeout) {
+            asked.timeout = parsed_number<std::uint8_t>(value, 1);
+        } else if (is_word(name, transfer_size_option) && !asked.transfer_size) {
+            asked.transfer_size = parsed_number<std::uint64_t>(value);
+        } else if (is_word(name, window_size_option) && !asked.window_size) {
+            asked.window_size = parsed_number<std::uint16_t>(value, 1);
+        }
+    }
+    return asked;
 }
 
 } // namespace ulmo::tftp

@@ -25,9 +25,11 @@ enum class Opcode : std::uint16_t {
     option_acknowledgment = 6
 };
 
-// The codes that this client itself sends (RFC 1350, appendix; 8: RFC 2347).
+// The codes that we send (RFC 1350, appendix; 8: RFC 2347).
 enum class ErrorCode : std::uint16_t {
     undefined = 0,
+    file_not_found = 1,
+    access_violation = 2,
     disk_full = 3,
     illegal_operation = 4,
     unknown_transfer_id = 5,
@@ -69,8 +71,10 @@ struct Error {
     std::string text; // one line of at most 256 octets
 };
 
+using OptionTexts = std::vector<std::pair<std::string_view, std::string_view>>; // name and value
+
 struct OptionAcknowledgment {
-    std::vector<std::pair<std::string_view, std::string_view>> options; // name and value, as sent
+    OptionTexts options; // as sent
 };
 
 // A packet from a server. The views point into the decoded octets.
@@ -79,11 +83,26 @@ using Packet = std::variant<Data, Acknowledgment, Error, OptionAcknowledgment>;
 // Decodes the octets of one datagram; empty if they are not a packet that a server may send.
 std::optional<Packet> decode(Octets datagram);
 
+// A client's request. The views point into the decoded octets.
+struct Request {
+    Opcode opcode{}; // read_request or write_request
+    std::string_view file_name;
+    std::string_view mode; // as sent; "octet" in any case is the one that we serve
+    OptionTexts options;   // as sent, up to the first that is malformed
+};
+
+// Decodes the octets of one datagram; empty if they are not a request.
+std::optional<Request> decode_request(Octets datagram);
+
+// Whether the request is for the mode that leaves each octet as it is.
+bool is_octet_mode(const Request &request);
+
 // A request in octet mode; empty if it exceeds 512 octets. The file name must not contain NUL.
 std::optional<std::vector<std::uint8_t>> encode_request(Opcode opcode, std::string_view file_name,
                                                         const Options &options);
 
 std::vector<std::uint8_t> encode_acknowledgment(std::uint16_t block);
+std::vector<std::uint8_t> encode_option_acknowledgment(const Options &agreed);
 std::vector<std::uint8_t> encode_error(ErrorCode code, std::string_view text);
 
 // Writes the header of a DATA packet into the first octets of `packet`.
@@ -94,5 +113,10 @@ void put_data_header(std::span<std::uint8_t> packet, std::uint16_t block);
 // the requested one.
 std::optional<Options> agree(Opcode request, const Options &asked,
                              const OptionAcknowledgment &answer);
+
+// The options that a client asks for, as far as RFC 2348, 2349 and 7440 allow them: others are left
+// out, and so are repeated ones. A block size beyond those RFCs is the largest one, as it may be
+// answered by a smaller one.
+Options asked_options(const Request &request);
 
 } // namespace ulmo::tftp

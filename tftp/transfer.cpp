@@ -30,6 +30,31 @@ std::uint16_t wire_number(std::uint64_t block) {
     return static_cast<std::uint16_t>(block);
 }
 
+// What a window may occupy of our socket's receive buffer, which is twice the kernel's usual
+// default at least, even if the system allows no more than that default (socket(7)).
+constexpr std::size_t own_window_octets = std::size_t{416} * 1024;
+
+// The largest window of such blocks. Each packet costs more in a buffer than its octets.
+std::uint16_t window_within(std::size_t window_octets, std::size_t block_size, std::uint16_t most) {
+    constexpr std::size_t packet_overhead = 1024;
+    return static_cast<std::uint16_t>(
+        std::clamp<std::size_t>(window_octets / (block_size + packet_overhead), 1, most));
+}
+
+// The largest block that the path takes in one packet.
+std::uint16_t block_within_path(const Endpoint &server) {
+    const std::size_t payload = std::max(path_payload(server), header_octets) - header_octets;
+    return std::min(static_cast<std::uint16_t>(
+                        std::clamp<std::size_t>(payload, default_block_size, largest_block_size)),
+                    server.block_size);
+}
+
+// Either side gives up after about so many of its timeouts.
+constexpr int usual_repetitions = 5;
+
+// How soon a transfer ends that is to stop.
+constexpr Clock::duration stop_interval = std::chrono::milliseconds(200);
+
 // Whether a transfer keeps to its time limits.
 class Pace {
   public:
@@ -71,7 +96,7 @@ class Pace {
 class Conversation {
   public:
     Conversation(const Endpoint &server, Opcode opcode, const std::string &name, std::uint64_t size)
-        : clock_(server.timeout), pace_(server.limits) {
+        : Conversation(server) {
         Options asked = options_for(server, opcode, size);
         auto request = encode_request(opcode, name, asked);
         if (!request) {
@@ -85,6 +110,40 @@ class Conversation {
         if (!open(server, opcode, *request, asked)) {
             clock_ = Retransmission(server.timeout);
             open(server, opcode, *encode_request(opcode, name, {}), {});
+        }
+    }
+
+    // One that a client has begun: answer() is next.
+    Conversation(const Endpoint &client, const Options &agreed) : Conversation(client) {
+        agreed_ = agreed;
+        channel_ = std::make_unique<Channel>(client, true);
+    }
+
+    // Answers the client's request until the client goes on. To a read request without options the
+    // first block is the answer.
+    void answer(Opcode request) {
+        const bool reads = request == Opcode::read_request;
+        if (reads && agreed_.empty()) {
+            return;
+        }
+        const auto answer =
+            agreed_.empty() ? encode_acknowledgment(0) : encode_option_acknowledgment(agreed_);
+        // Some clients say 0 for a size that they do not know.
+        if (!reads && agreed_.transfer_size == 0U) {
+            agreed_.transfer_size.reset();
+        }
+        clock_.sent();
+        send(answer);
+        for (;;) {
+            auto packet = wait();
+            if (!packet) {
+                send(answer);
+            } else if (reads ? starts_plainly(Opcode::write_request, *packet)
+                             : std::holds_alternative<Data>(*packet)) {
+                clock_.progressed();
+                first_ = std::move(*packet);
+                return;
+            }
         }
     }
 
@@ -108,9 +167,23 @@ class Conversation {
             throw_error(channel_->unreachable() != 0 ? channel_->unreachable() : ETIMEDOUT);
         }
         if (const auto *error = packet ? std::get_if<Error>(&*packet) : nullptr) {
-            throw server_error(*error);
+            throw reported_error(*error, name_);
         }
         return packet;
+    }
+
+    // The server's next packet; empty at `until`, and when the transfer is to stop.
+    std::optional<Packet> receive(Clock::time_point until) {
+        for (;;) {
+            auto packet = channel_->receive(
+                stop_.stop_possible() ? std::min(until, Clock::now() + stop_interval) : until);
+            if (stop_.stop_requested()) {
+                return std::nullopt;
+            }
+            if (packet || Clock::now() >= until) {
+                return packet;
+            }
+        }
     }
 
     void send(Octets packet) { channel_->send(packet); }
@@ -145,11 +218,18 @@ class Conversation {
     }
 
   private:
+    explicit Conversation(const Endpoint &server)
+        : clock_(server.timeout), pace_(server.limits), name_(server.name), stop_(server.stop) {}
+
     // The server's next packet; empty if it is time to repeat. Throws when a limit is exceeded.
     std::optional<Packet> next() {
         for (;;) {
             const auto until = clock_.wake();
-            auto packet = channel_->receive(std::min(until, pace_.wake()));
+            auto packet = receive(std::min(until, pace_.wake()));
+            if (stop_.stop_requested()) {
+                refuse(ErrorCode::undefined, "Transfer given up");
+                throw_error(ECANCELED);
+            }
             if (const std::string broken = pace_.broken(); !broken.empty()) {
                 refuse(ErrorCode::undefined, broken);
                 throw_error(ETIMEDOUT, broken);
@@ -181,7 +261,7 @@ class Conversation {
                     !asked.empty()) {
                     return false;
                 }
-                throw server_error(*error);
+                throw reported_error(*error, name_);
             }
             if (const auto *answer = std::get_if<OptionAcknowledgment>(&*packet)) {
                 channel_->adopt();
@@ -214,6 +294,8 @@ class Conversation {
 
     Retransmission clock_;
     Pace pace_;
+    std::string name_;
+    std::stop_token stop_;
     std::unique_ptr<Channel> channel_;
     Options agreed_;
     Packet first_;
@@ -226,14 +308,31 @@ class Receiver {
     Receiver(Conversation &conversation, std::uint64_t limit, const Sink &sink)
         : conversation_(conversation), limit_(limit), sink_(sink) {}
 
+    // Throws EFBIG if the announced file is too large.
+    void check_announced() { check_limit(conversation_.transfer_size().value_or(0)); }
+
     void run() {
-        check_limit(conversation_.transfer_size().value_or(0));
+        check_announced();
         std::optional<Packet> packet = conversation_.first();
         while (!take(packet)) {
             packet = conversation_.wait();
         }
-        // The last acknowledgment may get lost. The server then repeats its last block, meets a
+        // The last acknowledgment may get lost. A server then repeats its last block, meets a
         // closed port, and ends.
+    }
+
+    // A client must not meet that closed port: it would take the transfer for failed.
+    void answer_repetitions(Clock::duration silence) {
+        try {
+            while (const auto packet = conversation_.receive(Clock::now() + silence)) {
+                const auto *data = std::get_if<Data>(&*packet);
+                if (data != nullptr && data->block == wire_number(acknowledged_)) {
+                    send_acknowledgment();
+                }
+            }
+        } catch (const std::system_error &) {
+            // It has closed its port.
+        }
     }
 
   private:
@@ -378,6 +477,9 @@ class Sender {
         }
     }
 
+    // Whether each block was sent once at least.
+    [[nodiscard]] bool all_sent() const { return highest_ == last_; }
+
   private:
     void send_window() {
         const std::uint64_t end =
@@ -449,29 +551,44 @@ class Sender {
     std::optional<std::uint64_t> gone_back_to_;
 };
 
+// What the client asks for, within our bounds.
+Options agreed_with(const Endpoint &client, const Request &request) {
+    Options agreed = asked_options(request);
+    if (agreed.block_size) {
+        agreed.block_size = std::min(*agreed.block_size, block_within_path(client));
+    }
+    if (agreed.window_size) {
+        // What the client has room for, it says itself.
+        const std::uint16_t most =
+            request.opcode == Opcode::read_request
+                ? client.window_size
+                : window_within(own_window_octets, agreed.block_size.value_or(default_block_size),
+                                client.window_size);
+        agreed.window_size = std::min(*agreed.window_size, most);
+    }
+    return agreed;
+}
+
+// With the timeout that lets a client repeat as often as usual.
+Endpoint patient(Endpoint client, const Options &agreed) {
+    client.timeout = std::max(client.timeout,
+                              usual_repetitions * std::chrono::seconds(agreed.timeout.value_or(0)));
+    return client;
+}
+
 } // namespace
 
 Options options_for(const Endpoint &server, Opcode opcode, std::uint64_t transfer_size) {
-    // What a window may occupy of the receiver's socket buffer. Of the server's we know only the
-    // kernel's usual default of 208 KiB. Our own is at least twice as large, even if the system
-    // allows no more than that default (socket(7)). Each packet costs more there than its octets.
+    // Of a server's socket buffer we know only the kernel's usual default of 208 KiB.
     const std::size_t window_octets =
-        std::size_t{opcode == Opcode::read_request ? 416U : 160U} * 1024;
-    constexpr std::size_t packet_overhead = 1024;
-    // Servers give up after about five of their timeouts, so this makes them wait as long as we do.
-    // The measured round trip detects losses sooner.
-    constexpr int server_repetitions = 5;
-
-    const std::size_t payload = std::max(path_payload(server), header_octets) - header_octets;
+        opcode == Opcode::read_request ? own_window_octets : std::size_t{160} * 1024;
     Options options;
-    options.block_size = std::min(static_cast<std::uint16_t>(std::clamp<std::size_t>(
-                                      payload, default_block_size, largest_block_size)),
-                                  server.block_size);
+    options.block_size = block_within_path(server);
+    // This makes the server wait as long as we do. The measured round trip detects losses sooner.
     options.timeout = static_cast<std::uint8_t>(
-        std::clamp<std::chrono::seconds::rep>(server.timeout.count() / server_repetitions, 1, 255));
+        std::clamp<std::chrono::seconds::rep>(server.timeout.count() / usual_repetitions, 1, 255));
     options.transfer_size = transfer_size;
-    options.window_size = static_cast<std::uint16_t>(std::clamp<std::size_t>(
-        window_octets / (*options.block_size + packet_overhead), 1, server.window_size));
+    options.window_size = window_within(window_octets, *options.block_size, server.window_size);
     return options;
 }
 
@@ -484,6 +601,37 @@ void write_file(const Endpoint &server, const std::string &name, std::uint64_t s
 void read_file(const Endpoint &server, const std::string &name, const Sink &sink) {
     Conversation conversation(server, Opcode::read_request, name, 0);
     Receiver(conversation, server.limits.received_octets, sink).run();
+}
+
+void answer_read(const Endpoint &client, const Request &request, std::uint64_t size,
+                 const Source &source) {
+    Options agreed = agreed_with(client, request);
+    if (agreed.transfer_size) {
+        agreed.transfer_size = size;
+    }
+    Conversation conversation(patient(client, agreed), agreed);
+    conversation.answer(request.opcode);
+    Sender sender(conversation, size, source);
+    try {
+        sender.run();
+    } catch (const std::system_error &failure) {
+        if (failure.code() != std::errc::connection_refused || !sender.all_sent()) {
+            throw;
+        }
+    }
+}
+
+void answer_write(const Endpoint &client, const Request &request, const Sink &sink,
+                  const std::function<void()> &complete) {
+    const Options agreed = agreed_with(client, request);
+    const Endpoint waiting = patient(client, agreed);
+    Conversation conversation(waiting, agreed);
+    Receiver receiver(conversation, client.limits.received_octets, sink);
+    receiver.check_announced();
+    conversation.answer(request.opcode);
+    receiver.run();
+    complete();
+    receiver.answer_repetitions(waiting.timeout);
 }
 
 } // namespace ulmo::tftp

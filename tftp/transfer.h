@@ -29,6 +29,22 @@ void write_file(const Endpoint &server, const std::string &name, std::uint64_t s
 // write_file().
 void read_file(const Endpoint &server, const std::string &name, const Sink &sink);
 
+// The other side of these: answers to a client's request, in octet mode, whose transfer id
+// is the port in `client`. What the client asks for is agreed on, up to the bounds in `client`.
+// They throw as write_file() and read_file() do.
+//
+// A client may end without our learning that it has the whole file: if its port is closed after the
+// last block was sent, the file counts as sent.
+void answer_read(const Endpoint &client, const Request &request, std::uint64_t size,
+                 const Source &source);
+
+// A file that the client announces as larger than `client` permits is refused at once. Calls
+// `complete` when the sink has the whole file, and then still answers the client, whose last
+// acknowledgment may have been lost, until it has been silent for the timeout. Failures after that
+// call are none of the transfer, and are not thrown.
+void answer_write(const Endpoint &client, const Request &request, const Sink &sink,
+                  const std::function<void()> &complete);
+
 // The options that are requested from this server.
 Options options_for(const Endpoint &server, Opcode opcode, std::uint64_t transfer_size);
 

@@ -1,4 +1,5 @@
-// Feeds arbitrary datagrams to the decoder of TFTP packets and to the check of answered options.
+// Feeds arbitrary datagrams to the decoders of TFTP packets and requests, and to the checks of
+// answered and of asked options.
 #include "base/text.h"
 #include "tftp/packet.h"
 
@@ -19,9 +20,27 @@ void check(const Options &agreed, bool reading) {
             (*agreed.window_size >= 1 && *agreed.window_size <= *asked.window_size));
 }
 
+// What a request asks for is answered so that a client takes the answer.
+void check_request(Octets datagram) {
+    const auto request = decode_request(datagram);
+    if (!request) {
+        return;
+    }
+    require(request->file_name.find('\0') == std::string_view::npos);
+    const auto *begin = reinterpret_cast<const char *>(datagram.data());
+    require(request->file_name.data() >= begin &&
+            request->mode.data() + request->mode.size() < begin + datagram.size());
+    const Options wished = asked_options(*request);
+    const auto packet = encode_option_acknowledgment(wished);
+    const auto answer = decode(packet);
+    require(answer &&
+            agree(request->opcode, wished, std::get<OptionAcknowledgment>(*answer)) == wished);
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *octets, std::size_t size) {
+    check_request({octets, size});
     const auto packet = decode({octets, size});
     if (!packet) {
         return 0;

@@ -116,3 +116,58 @@ TEST(TftpPacket, TheTextOfAnErrorIsOneShortLine) {
     EXPECT_EQ(text_of("a\tb\x1b[1m~\x7f"), "a b?[1m~?");
     EXPECT_EQ(text_of(std::string(1000, 'a')).size(), 256U);
 }
+
+TEST(TftpPacket, DecodesRequests) {
+    using namespace std::string_literals;
+    const auto packet = "\0\2a b\0OCTET\0BlkSize\00099\0color\0blue\0half"s;
+    const auto request = decode_request(octets(packet));
+    ASSERT_TRUE(request);
+    EXPECT_EQ(request->opcode, Opcode::write_request);
+    EXPECT_EQ(request->file_name, "a b");
+    EXPECT_TRUE(is_octet_mode(*request));
+    EXPECT_EQ(request->options, (OptionTexts{{"BlkSize", "99"}, {"color", "blue"}}));
+    EXPECT_EQ(asked_options(*request), Options{.block_size = 99});
+    const auto text_mode = "\0\1f\0netascii\0"s;
+    EXPECT_FALSE(is_octet_mode(*decode_request(octets(text_mode))));
+    const auto longer = "\0\1f\0octets\0"s;
+    EXPECT_FALSE(is_octet_mode(*decode_request(octets(longer))));
+}
+
+TEST(TftpPacket, OtherThanRequestsAreNotDecodedAsSuch) {
+    using namespace std::string_literals;
+    for (const std::string &packet :
+         {""s, "\0"s, "\0\1"s, "\0\1f"s, "\0\1f\0"s, "\0\1f\0octet"s, "\0\3f\0octet\0"s,
+          "\0\0f\0octet\0"s, "\1\1f\0octet\0"s, "\0\6tsize\0001\0"s}) {
+        EXPECT_FALSE(decode_request(octets(packet))) << packet.size();
+    }
+}
+
+TEST(TftpPacket, AskedOptionsAreThoseThatTheStandardsAllow) {
+    const auto asked = [](const OptionTexts &options) {
+        return asked_options({Opcode::read_request, "f", "octet", options});
+    };
+    EXPECT_EQ(asked({{"blksize", "8"},
+                     {"timeout", "255"},
+                     {"tsize", "18446744073709551615"},
+                     {"windowsize", "65535"}}),
+              (Options{.block_size = 8,
+                       .timeout = 255,
+                       .transfer_size = 18446744073709551615U,
+                       .window_size = 65535}));
+    EXPECT_EQ(asked({{"blksize", "7"},
+                     {"timeout", "256"},
+                     {"tsize", "18446744073709551616"},
+                     {"windowsize", "0"},
+                     {"", ""}}),
+              Options{});
+    EXPECT_EQ(asked({{"blksize", "65465"}, {"timeout", "0"}}), Options{.block_size = 65464});
+    EXPECT_EQ(asked({{"tsize", "1"}, {"TSIZE", "2"}}), Options{.transfer_size = 1});
+}
+
+TEST(TftpPacket, AgreedOptionsAreWhatAClientReads) {
+    const auto packet = encode_option_acknowledgment(all_asked);
+    const auto decoded = decode(packet);
+    EXPECT_EQ(
+        agree(Opcode::write_request, all_asked, std::get<OptionAcknowledgment>(decoded.value())),
+        all_asked);
+}
