@@ -1,6 +1,6 @@
 // Room: the program that copies local files to and from switches by TFTP, and what it is asked.
 // Used by: config-copy.
-// May use: base.
+// May use: base, tftp.
 //
 // Orders to that program and its reports, over a Unix-domain socket of type SOCK_SEQPACKET: a
 // message each, whole or not at all. Each reader checks what it reads.

@@ -1,5 +1,5 @@
 // Room: TFTP, from the packet to a whole transfer, with nothing of a switch in it.
-// Used by: transfer.
+// Used by: receiver, transfer.
 // May use: base.
 //
 // Copies of local files to and from one TFTP server, with the results of the C interface
