@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
-# Shows the main job in a few seconds, with stock SNMP tools: a switch copies its running
-# configuration to a TFTP server and back on request by SNMP, with the notification at the end, and
-# its startup configuration to an SFTP server; then a refused request and a failed copy; then a save
-# on all three switches of a fabric, one that fails because a switch is down, and the same with the
-# manager's command. Installs and builds what it needs. Exits with 0 only if every step worked.
+# Shows the main job in a few seconds. With the manager's command: a backup to a file, what has
+# changed since, and a restore that comes back by itself unless it is confirmed. With stock SNMP
+# tools: a switch copies its running configuration to a TFTP server and back, with the notification
+# at the end, and its startup configuration to an SFTP server; then a refused request and a failed
+# copy; then a save on all three switches of a fabric, and one that fails because a switch is down.
+# Installs and builds what it needs. Exits with 0 only if every step worked.
 #
 # `demo.sh frr` shows backup, restore and save of a switch that is a router with FRR.
 set -euo pipefail
@@ -141,7 +142,36 @@ fi
 title "The switch and what it runs"
 run /ulmo/bin/cmdshell -c "show running-config"
 
-title "Back up: running configuration to the TFTP server $LAB_SERVER4"
+title "Back up, see what has changed, go back: the manager's command, without a file server"
+cd /tmp
+run config-copy "$LAB_AGENT" running ./switch.cfg
+/ulmo/bin/cmdshell -c "show running-config" | cmp - switch.cfg || fail "the backup differs"
+say "somebody changes the switch"
+run tee change.cfg <<'END'
+vlan 99
+ name forgotten
+END
+run /ulmo/bin/cmdshell -c "configure /tmp/change.cfg"
+status=0
+run config-copy diff "$LAB_AGENT" ./switch.cfg running || status=$?
+((status == 1)) || fail "the exit status of the difference is $status"
+
+say "from now on each change comes back by itself unless it is saved within 3 seconds"
+run tee -a "$ULMO_CONF" <<<"confirm_limit = 3"
+say "a restore that nobody confirms"
+run config-copy --replace "$LAB_AGENT" ./switch.cfg running
+run /ulmo/bin/cmdshell -c "show pending"
+sleep 4
+status=0
+run config-copy diff "$LAB_AGENT" ./switch.cfg running || status=$?
+((status == 1)) || fail "the change did not come back"
+say "a restore that is confirmed: the switch still answers, so it is saved"
+run config-copy --replace --confirm "$LAB_AGENT" ./switch.cfg running
+sleep 4
+run config-copy diff "$LAB_AGENT" ./switch.cfg running || fail "the restore did not last"
+sed -i '/^confirm_limit/d' "$ULMO_CONF"
+
+title "The same with stock SNMP tools: running configuration to the TFTP server $LAB_SERVER4"
 say "1. create a request in row 1 and fill in its columns"
 run snmpset "$LAB_AGENT" ccCopyEntryRowStatus.1 i createAndWait
 run snmpset "$LAB_AGENT" ccCopyProtocol.1 i tftp ccCopySourceFileType.1 i runningConfig \
@@ -251,7 +281,7 @@ errors=$(snmpwalk -Oqv "$LAB_AGENT" ccCopyErrorText | tr -d '"')
 [[ $errors == $'saved\nno answer in 10 s\nsaved' ]] || fail "the outcomes are wrong: $errors"
 run lab-ctl start-agent 2
 
-title "The same with the manager's command"
+title "The manager's command with a file server"
 run config-copy "$LAB_AGENT" running "tftp://$LAB_SERVER4/one-command.cfg"
 /ulmo/bin/cmdshell -c "show running-config" | cmp - "$LAB_SERVER_ROOT/one-command.cfg" ||
     fail "the backup differs"
