@@ -89,9 +89,7 @@ ExitStatus copy(const Options &options, const CopyJob &job, Output &output) {
         return status_of_all(copy_on_all(options.agents, job, options.jobs, output));
     }
     const Agent &agent = options.agents.front();
-    const Progress progress = [&](std::string_view state, std::chrono::seconds elapsed) {
-        output.progress(agent.name, state, elapsed);
-    };
+    const Progress progress = [&](const Step &step) { output.progress(agent.name, step); };
     Outcome outcome = job.is_diff ? compare(agent, job, progress) : copy(agent, job, progress);
     keep(agent, job, progress, outcome);
     show_what_a_restore_brings(agent, job, progress, outcome);

@@ -151,7 +151,7 @@ class Run {
             if (waited >= job_.wait_turn) {
                 throw busy(reason);
             }
-            progress_("waiting for another copy", waited);
+            progress_({"waiting for another copy", waited});
             session_.pause(some_time());
             // To wait for its turn takes nothing of the copy's time.
             session_.set_deadline(Clock::now() + job_.time_limit, false);
@@ -235,8 +235,9 @@ class Run {
         CopyState end;
         try {
             end = row_.await_end([&] {
-                progress_("copy running",
-                          std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - began));
+                progress_({"copy running",
+                           std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - began),
+                           local_ ? local_->octets_arrived() : std::nullopt});
             });
         } catch (const Trouble &trouble) {
             if (trouble.kind != TroubleKind::out_of_time) {
@@ -271,10 +272,10 @@ class Run {
             if (local_) {
                 local_->finish(outcome);
             }
-            outcome.text = outcome.agent + ": " + what +
-                           (outcome.is_unchanged.value_or(false) ? " unchanged" : " copied") +
-                           duration +
-                           (outcome.bytes ? ", " + std::to_string(*outcome.bytes) + " octets" : "");
+            outcome.text =
+                outcome.agent + ": " + what +
+                (outcome.is_unchanged.value_or(false) ? " unchanged" : " copied") + duration +
+                (outcome.bytes ? ", " + octets_text(*outcome.bytes, outcome.seconds) : "");
             return;
         }
         const bool is_fabric = job_.to.type == FileType::fabric_startup;

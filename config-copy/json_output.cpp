@@ -64,7 +64,7 @@ class JsonOutput : public Output {
   public:
     explicit JsonOutput(bool is_diff) : is_diff_(is_diff) {}
 
-    void progress(std::string_view, std::string_view, std::chrono::seconds) override {}
+    void progress(std::string_view, const Step &) override {}
 
     void outcome(const Outcome &outcome) override {
         const std::lock_guard lock(mutex_);

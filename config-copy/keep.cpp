@@ -40,8 +40,8 @@ bool is_undone_after_silence(const Agent &agent, const CopyJob &job, const Outco
     copy_client::pause_for(settling_time, interrupt_descriptor());
     const auto began = Clock::now();
     for (;;) {
-        progress("waiting for an answer",
-                 std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - began));
+        progress({"waiting for an answer",
+                  std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - began)});
         try {
             return is_undone(agent, job, outcome);
         } catch (const Trouble &) {

@@ -3,11 +3,7 @@
 
 #include "config-copy/agent.h"
 #include "config-copy/outcome.h"
-
-#include <chrono>
-#include <functional>
-#include <string>
-#include <string_view>
+#include "config-copy/progress.h"
 
 namespace config_copy {
 
@@ -18,9 +14,6 @@ enum class Keeping {
 };
 
 struct CopyJob;
-
-// Called repeatedly during the copy with its state and the time it has spent there.
-using Progress = std::function<void(std::string_view state, std::chrono::seconds elapsed)>;
 
 // Does what the job wants of a configuration after it was restored with this outcome, and completes
 // the outcome. With Keeping::confirm, the agent must answer between two seconds and half a

@@ -6,6 +6,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 
 #include <array>
 #include <cerrno>
@@ -78,21 +79,28 @@ LocalCopy::LocalCopy(const CopyJob &job, const PathValues &values, const std::st
                         std::string(server_.type == INET_ADDRESS_IPV4 ? "IPv4" : "IPv6") +
                         ", and the agent is reached by the other version: write both alike");
     }
-    int file = -1;
     if (job.into) {
-        file = job.into->get();
+        file_ = job.into->get();
     } else if (job.to.is_local()) {
         target_.emplace(local_path(job.to, values));
-        file = target_->descriptor();
+        file_ = target_->descriptor();
     } else if (job.content) {
-        file = job.content->get();
+        file_ = job.content->get();
     } else {
         content_ = snapshot(local_path(job.from, values), job.is_replacement);
-        file = content_.get();
+        file_ = content_.get();
     }
     transfer_.emplace(
-        *job.transfers, file,
+        *job.transfers, file_,
         is_download_ ? LocalTransfer::Direction::takes : LocalTransfer::Direction::sends, peer);
+}
+
+std::optional<std::uint64_t> LocalCopy::octets_arrived() const {
+    struct stat status {};
+    if (!is_download_ || ::fstat(file_, &status) != 0) {
+        return std::nullopt;
+    }
+    return static_cast<std::uint64_t>(status.st_size);
 }
 
 void LocalCopy::finish(Outcome &outcome) {

@@ -5,6 +5,7 @@
 #include "config-copy/local_file.h"
 #include "config-copy/local_transfer.h"
 
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -20,6 +21,9 @@ class LocalCopy {
     [[nodiscard]] const ServerAddress &server() const { return server_; }
     [[nodiscard]] const std::string &name() const { return transfer_->name(); }
 
+    // Of a file that is being received; empty for one that is sent.
+    [[nodiscard]] std::optional<std::uint64_t> octets_arrived() const;
+
     // Puts a file that has arrived in its place, and completes the outcome of a copy that the
     // switch calls done. Throws a Failure if the file is not whole, or can't be written.
     void finish(Outcome &outcome);
@@ -30,6 +34,7 @@ class LocalCopy {
   private:
     bool is_download_;
     ServerAddress server_;
+    int file_ = -1;          // that is offered
     ulmo::UniqueFd content_; // of FROM, if it is not shared by all copies
     std::optional<LocalTarget> target_;
     std::optional<LocalTransfer> transfer_;

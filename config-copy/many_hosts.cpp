@@ -65,7 +65,7 @@ Outcome copy_on(const Agent &agent, const CopyJob &job, std::counting_semaphore<
         session.get({copy_cell(CC_COLUMN_ENTRY_ROW_STATUS, largest_index)});
         const Slot slot(slots);
         session.set_deadline(Clock::now() + job.time_limit, false);
-        const Progress silent = [](std::string_view, std::chrono::seconds) {};
+        const Progress silent = [](const Step &) {};
         if (job.is_diff) {
             return compare(agent, job, silent);
         }

@@ -52,6 +52,17 @@ std::string seconds_text(double seconds) {
     return text.str();
 }
 
+std::string octets_text(std::uint64_t octets, std::optional<double> seconds) {
+    // The agent's clock counts hundredths, and small files take the time of a log-in.
+    constexpr double least_seconds = 0.5;
+    constexpr double mebioctet = 1024 * 1024;
+    std::string text = std::to_string(octets) + " octets";
+    if (seconds && *seconds >= least_seconds && static_cast<double>(octets) >= mebioctet) {
+        text += " (" + seconds_text(static_cast<double>(octets) / mebioctet / *seconds) + " MiB/s)";
+    }
+    return text;
+}
+
 ExitStatus status_of_all(const std::vector<Outcome> &outcomes) {
     ExitStatus all = ExitStatus::done;
     for (const Outcome &outcome : outcomes) {

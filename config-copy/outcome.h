@@ -69,6 +69,10 @@ struct Outcome {
 // With two decimals.
 std::string seconds_text(double seconds);
 
+// "16777216 octets"; with the rate, as in "16777216 octets (4.10 MiB/s)", if it took long enough to
+// tell.
+std::string octets_text(std::uint64_t octets, std::optional<double> seconds = std::nullopt);
+
 // As in the summary: "done", "failed", "usage", "refused", "not reachable", "busy", "different".
 std::string_view name_of(ExitStatus status);
 

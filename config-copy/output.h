@@ -2,9 +2,9 @@
 #pragma once
 
 #include "config-copy/outcome.h"
+#include "config-copy/progress.h"
 
 #include <array>
-#include <chrono>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -36,8 +36,7 @@ class Output {
     virtual ~Output() = default;
 
     // The state of a single copy.
-    virtual void progress(std::string_view agent, std::string_view state,
-                          std::chrono::seconds elapsed) = 0;
+    virtual void progress(std::string_view agent, const Step &step) = 0;
 
     // The outcome of a copy. Any thread may call it.
     virtual void outcome(const Outcome &outcome) = 0;

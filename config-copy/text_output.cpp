@@ -28,19 +28,19 @@ class TextOutput : public Output {
         : style_(style), has_live_line_(has_live_line) {}
 
     // On a terminal the line is redrawn; elsewhere only changes are printed.
-    void progress(std::string_view agent, std::string_view state,
-                  std::chrono::seconds elapsed) override {
+    void progress(std::string_view agent, const Step &step) override {
         if (style_.is_quiet) {
             return;
         }
-        const std::string line = std::string(agent) + ": " + std::string(state);
+        const std::string line = std::string(agent) + ": " + std::string(step.state);
         if (has_live_line_) {
-            put('\r' + line + ", " + std::to_string(elapsed.count()) + " s\033[K");
+            put('\r' + line + ", " + std::to_string(step.elapsed.count()) + " s" +
+                (step.octets ? ", " + octets_text(*step.octets) : "") + "\033[K");
             is_live_ = true;
-        } else if (state != last_state_) {
+        } else if (step.state != last_state_) {
             put(line + '\n');
         }
-        last_state_ = state;
+        last_state_ = step.state;
     }
 
     void outcome(const Outcome &outcome) override {

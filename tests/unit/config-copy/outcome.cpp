@@ -122,6 +122,13 @@ TEST(Outcome, Summary) {
     EXPECT_EQ("1 agent: 0 done, 1 busy", summary_of({ended(ExitStatus::busy)}));
 }
 
+TEST(Outcome, OctetsWithTheirRate) {
+    EXPECT_EQ("123 octets", octets_text(123));
+    EXPECT_EQ("1048575 octets", octets_text(1048575, 4));
+    EXPECT_EQ("16777216 octets", octets_text(16777216, 0.49));
+    EXPECT_EQ("16777216 octets (4.00 MiB/s)", octets_text(16777216, 4));
+}
+
 TEST(Outcome, SummaryOfADryRun) {
     Outcome ready = ended(ExitStatus::done);
     ready.is_dry_run = true;

@@ -75,7 +75,7 @@ TEST_F(TimeLimit, EndsACopyThatRunsForEver) {
     job.from.type = FileType::running;
     job.to.type = FileType::startup;
     job.time_limit = 1s;
-    const Outcome outcome = copy(known(agent.address()), job, [](auto, auto) {});
+    const Outcome outcome = copy(known(agent.address()), job, [](const auto &) {});
     EXPECT_EQ(outcome.status, ExitStatus::failed);
     EXPECT_EQ(outcome.text, agent.address() + ": not finished in 1 s, so the save was given up: "
                                               "does the system manager run? (--time-limit gives "
