@@ -37,7 +37,7 @@ class TextOutput : public Output {
             put('\r' + line + ", " + std::to_string(step.elapsed.count()) + " s" +
                 (step.octets ? ", " + octets_text(*step.octets) : "") + "\033[K");
             is_live_ = true;
-        } else if (step.state != last_state_) {
+        } else if (step.state != last_state_ && !style_.is_diff) { // whose output is the difference
             put(line + '\n');
         }
         last_state_ = step.state;

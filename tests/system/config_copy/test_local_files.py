@@ -1,0 +1,217 @@
+"""Copies from and to files of the manager, without a file server: the switch reads and writes them
+by TFTP at the manager itself."""
+
+import os
+import signal
+import socket
+import subprocess
+import time
+
+import pytest
+from command import BUSY, DONE, FAILED, UNREACHABLE, USAGE, config_copy, ended, rows, started
+from copy_table import AGENT, run, show
+from saves import running, startup
+
+SECOND = [*os.environ.get("LAB_AGENTS", "").split(), ""][1]
+DIFFERENT = 1
+
+
+@pytest.fixture(autouse=True)
+def no_row_stays(operator):
+    yield
+    assert rows(operator) == []
+
+
+@pytest.fixture
+def here(tmp_path, monkeypatch):
+    monkeypatch.chdir(tmp_path)
+    return tmp_path
+
+
+def leftovers(folder):
+    return [path.name for path in folder.iterdir() if path.name.startswith(".")]
+
+
+@pytest.mark.parametrize("agent", [AGENT, "udp6:[2001:db8::10]", SECOND],
+                         ids=["itself", "ipv6", "other"])
+def test_a_backup_without_a_file_server(agent, here):
+    done = config_copy(agent, "running", "./switch.cfg")
+    assert done.status == DONE, done
+    assert f"{agent}: running to ./switch.cfg copied in " in done.out and done.err == "", done
+    text = (here / "switch.cfg").read_text()
+    if agent != SECOND:
+        assert text == show("running")
+    assert text.endswith("\n") and len(text) > 20
+    assert (here / "switch.cfg").stat().st_mode & 0o7777 == 0o600
+    assert leftovers(here) == []
+
+
+def test_unchanged_content_leaves_the_file_alone(here):
+    assert config_copy(AGENT, "startup", "a.cfg").status == DONE
+
+    def state():
+        status = (here / "a.cfg").stat()
+        return status.st_ino, status.st_mtime_ns, status.st_ctime_ns
+
+    before = state()
+    again = config_copy("--json", AGENT, "startup", "a.cfg")
+    assert again.status == DONE and again.objects()[0]["unchanged"] is True, again
+    assert state() == before
+    assert "startup to a.cfg unchanged in " in config_copy(AGENT, "startup", "a.cfg").out
+
+
+def test_standard_output_holds_nothing_but_the_configuration():
+    done = config_copy(AGENT, "running", "-")
+    assert (done.status, done.out, done.err) == (DONE, show("running"), "")
+
+
+def test_a_reader_that_has_seen_enough():
+    done = subprocess.run(f"config-copy {AGENT} running - | true", shell=True, timeout=30,
+                          stderr=subprocess.PIPE, text=True)
+    assert (done.returncode, done.stderr) == (0, "")
+
+
+def test_restore_from_a_file_and_from_standard_input(here, lines_of):
+    (here / "new.cfg").write_text(lines_of("vlan 311"))
+    assert config_copy(AGENT, "new.cfg", "running").status == DONE
+    assert "vlan 311\n" in show("running")
+    done = config_copy(AGENT, "-", "running", stdin=lines_of("vlan 312"))
+    assert done.status == DONE, done
+    assert "vlan 311\n" in show("running") and "vlan 312\n" in show("running")
+
+
+def test_replace_is_exact_and_save_makes_it_last(here):
+    assert config_copy(AGENT, "running", "before.cfg").status == DONE
+    assert config_copy(AGENT, "-", "running", stdin="vlan 313\n").status == DONE
+    assert "vlan 313\n" in show("running")
+    done = config_copy("--replace", "--save", "--json", AGENT, "before.cfg", "running")
+    assert done.status == DONE and done.objects()[-1]["saved"] is True, done
+    assert show("running") == (here / "before.cfg").read_text()
+    assert startup() == running()
+
+
+def test_a_bad_file_says_its_line_and_is_not_saved(here):
+    (here / "bad.cfg").write_text("vlan 314\nvlna 315\n")
+    before = startup()
+    done = config_copy("--save", AGENT, "bad.cfg", "running")
+    assert done.status == FAILED and "line 2" in done.err and "saved" not in done.err, done
+    assert "vlan 314\n" not in show("running") and startup() == before
+
+
+def test_a_difference(here):
+    assert config_copy(AGENT, "running", "a.cfg").status == DONE
+    same = config_copy("diff", AGENT, "running", "a.cfg")
+    assert (same.status, same.out, same.err) == (DONE, "", ""), same
+    (here / "a.cfg").write_text((here / "a.cfg").read_text() + "vlan 316\n")
+    other = config_copy("diff", AGENT, "running", "a.cfg")
+    assert other.status == DIFFERENT and other.err == "", other
+    assert other.out.startswith("--- running\n+++ a.cfg\n@@ ") and "\n+vlan 316\n" in other.out
+    back = config_copy("diff", "--json", AGENT, "a.cfg", "running")
+    assert back.status == DIFFERENT
+    [found] = back.objects()
+    assert (found["type"], found["added"], found["removed"]) == ("difference", 0, 1), found
+    assert config_copy("diff", "-q", AGENT, "running", "a.cfg").out == ""
+
+
+def test_a_difference_that_can_not_be_seen(here):
+    (here / "a.cfg").write_text("vlan 1\n")
+    no = config_copy("diff", "-t", "0.3", "-r", "1", "192.0.2.99", "running", "a.cfg")
+    assert no.status == UNREACHABLE and "no answer" in no.err, no
+
+
+def test_a_dry_run_of_a_restore_shows_what_would_change(here):
+    (here / "new.cfg").write_text(show("running") + "vlan 317\n")
+    done = config_copy("--dry-run", AGENT, "new.cfg", "running")
+    assert done.status == DONE and "\n+vlan 317\n" in done.out, done
+    assert "lines are 1 added, 0 removed" in done.out
+    assert "vlan 317\n" not in show("running")
+    replaced = config_copy("--dry-run", "--replace", AGENT, "new.cfg", "running")
+    assert "configuration replace" not in replaced.out, replaced
+
+
+def test_many_agents_with_one_receiver(here):
+    (here / "hosts").write_text(f"{AGENT}\n{SECOND}\n")
+    (here / "backup").mkdir()
+    first = config_copy("--hosts", "hosts", "running", "backup/{host}.cfg")
+    assert first.status == DONE and first.out.endswith("2 agents: 2 done\n"), first
+    again = config_copy("--hosts", "hosts", "running", "backup/{host}.cfg")
+    assert again.out.endswith("2 agents: 2 done (2 unchanged)\n"), again
+    assert sorted(path.name for path in (here / "backup").iterdir()) == [
+        f"{AGENT}.cfg", f"{SECOND}.cfg"]
+    same = config_copy("diff", "--hosts", "hosts", "backup/{host}.cfg", "running")
+    assert same.status == DONE and same.out.endswith("2 agents: 2 same\n"), same
+    with (here / "backup" / f"{SECOND}.cfg").open("a") as file:
+        file.write("vlan 318\n")
+    other = config_copy("diff", "--hosts", "hosts", "backup/{host}.cfg", "running")
+    assert other.status == DIFFERENT, other
+    assert other.out.endswith("2 agents: 1 same, 1 different\n"), other
+    differ = f"{SECOND}: backup/{SECOND}.cfg and running differ: lines 0 added, 1 removed"
+    assert differ in other.out
+
+
+def test_two_copies_at_a_time_share_the_port(here):
+    both = [started(agent, "running", f"{agent}.cfg") for agent in (AGENT, SECOND)]
+    for process in both:
+        done = ended(process)
+        assert done.status == DONE, done
+
+
+def test_a_port_that_is_taken(here):
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as taken:
+        taken.bind(("", 69))
+        begun = time.monotonic()
+        done = config_copy(AGENT, "running", "a.cfg")
+    assert done.status == BUSY and "69" in done.err, done
+    assert 9 < time.monotonic() - begun < 30
+    assert not (here / "a.cfg").exists()
+
+
+def test_bad_places(here):
+    (here / "folder").mkdir()
+    folder = config_copy(AGENT, "running", "folder")
+    assert folder.status == USAGE and "is a folder or a device" in folder.err, folder
+    missing = config_copy(AGENT, "running", "none/a.cfg")
+    assert missing.status == FAILED and "its folder does not exist" in missing.err, missing
+    assert config_copy(AGENT, "none.cfg", "running").status == USAGE
+    full = subprocess.run(f"config-copy {AGENT} running - >/dev/full", shell=True, text=True,
+                          stderr=subprocess.PIPE, timeout=30)
+    assert full.returncode == FAILED and "standard output can't be written" in full.stderr
+
+
+def test_a_full_disk_leaves_the_old_file(here):
+    disk = here / "disk"
+    disk.mkdir()
+    run("mount", "-t", "tmpfs", "-o", "size=8k", "tmpfs", disk)
+    try:
+        (disk / "a.cfg").write_text("x" * 4096)
+        lines = "".join(f"vlan {number}\n" for number in range(1000, 2200))
+        assert config_copy("--replace", AGENT, "-", "running", stdin=lines).status == DONE
+        done = config_copy(AGENT, "running", disk / "a.cfg")
+        assert done.status == FAILED, done
+        assert "No space left on device" in done.err, done
+        assert (disk / "a.cfg").read_text() == "x" * 4096
+        assert leftovers(disk) == []
+    finally:
+        run("umount", disk)
+        config_copy(AGENT, "startup", "running")
+
+
+def test_nobody_else_gets_the_file(here):
+    """Its name is known to the switch only, and another address does not get it even with it."""
+    (here / "new.cfg").write_text("vlan 319\n")
+    done = config_copy("--json", AGENT, "new.cfg", "running")
+    [copied] = done.objects()
+    assert len(copied["file"]) == 40 and copied["server"] == AGENT, copied
+    get = subprocess.run(["curl", "--silent", "--max-time", "1",
+                          f"tftp://{AGENT}/{copied['file']}"], stdout=subprocess.PIPE, check=False)
+    assert get.stdout == b""
+
+
+def test_an_interruption_leaves_nothing(here):
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as taken:
+        taken.bind(("", 69))
+        process = started(AGENT, "running", "a.cfg")
+        time.sleep(0.5)
+        process.send_signal(signal.SIGINT)
+        assert ended(process).status == -signal.SIGINT
+    assert list(here.iterdir()) == []
