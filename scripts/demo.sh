@@ -156,18 +156,18 @@ status=0
 run config-copy diff "$LAB_AGENT" ./switch.cfg running || status=$?
 ((status == 1)) || fail "the exit status of the difference is $status"
 
-say "from now on each change comes back by itself unless it is saved within 3 seconds"
-run tee -a "$ULMO_CONF" <<<"confirm_limit = 3"
+say "from now on each change comes back by itself unless it is saved within 6 seconds"
+run tee -a "$ULMO_CONF" <<<"confirm_limit = 6"
 say "a restore that nobody confirms"
 run config-copy --replace "$LAB_AGENT" ./switch.cfg running
 run /ulmo/bin/cmdshell -c "show pending"
-sleep 4
+sleep 7
 status=0
 run config-copy diff "$LAB_AGENT" ./switch.cfg running || status=$?
 ((status == 1)) || fail "the change did not come back"
 say "a restore that is confirmed: the switch still answers, so it is saved"
 run config-copy --replace --confirm "$LAB_AGENT" ./switch.cfg running
-sleep 4
+sleep 7
 run config-copy diff "$LAB_AGENT" ./switch.cfg running || fail "the restore did not last"
 sed -i '/^confirm_limit/d' "$ULMO_CONF"
 
