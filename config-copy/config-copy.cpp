@@ -1,5 +1,6 @@
 // config-copy: copies configurations of switches over SNMP. See config-copy(1).
 #include "config-copy/agent_session.h"
+#include "config-copy/completion.h"
 #include "config-copy/copy_run.h"
 #include "config-copy/difference.h"
 #include "config-copy/failure.h"
@@ -104,6 +105,10 @@ ExitStatus run(const Options &options, Output &output) {
     }
     if (options.command == Command::version) {
         output.put("config-copy " CONFIG_COPY_VERSION "\n");
+        return ExitStatus::done;
+    }
+    if (options.command == Command::completion) {
+        output.put(completion(options.completion));
         return ExitStatus::done;
     }
     if (options.command == Command::copy || options.command == Command::diff) {

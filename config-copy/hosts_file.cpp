@@ -117,7 +117,7 @@ void check_groups(const std::vector<std::string> &wanted, const HostsFile &file,
         }
         std::string known;
         for (const std::string &name : file.groups) {
-            known += (known.empty() ? "" : ", ") + name;
+            known.append(known.empty() ? "" : ", ").append(name);
         }
         throw bad_usage("there is no group \"" + group + "\" in " + where +
                         (known.empty() ? ", which has no groups" : ": there are " + known));

@@ -25,7 +25,6 @@
 namespace config_copy {
 namespace {
 
-constexpr std::string_view letters_with_value = "YmMOIPDvrtcZeEnulxXaApT3LsS"; // as in snmpcmd(1)
 constexpr long longest_wait = 7L * 24 * 3600;
 constexpr long most_jobs = 1000;
 
@@ -38,7 +37,7 @@ long number_of(std::string_view what, std::string_view text, long least, long mo
     return *value;
 }
 
-constexpr std::array<OwnOption, 16> options_of_ours{
+constexpr std::array<OwnOption, 17> options_of_ours{
     {{"hosts", 0, "FILE",
       "copy on each agent that FILE lists, one per line;\n"
       "standard input for -",
@@ -111,6 +110,12 @@ constexpr std::array<OwnOption, 16> options_of_ours{
      {"version", 0, "", "print the version", Use::itself,
       [](Options &options, std::string_view, const std::string &) {
           options.command = Command::version;
+      }},
+     // It only helps to build and use the completions.
+     {"completion", 0, "SHELL", "", Use::itself,
+      [](Options &options, std::string_view, const std::string &value) {
+          options.command = Command::completion;
+          options.completion = value;
       }}}};
 
 // Our option as the user wrote it, with its hyphens; null if it is not ours.
@@ -497,7 +502,7 @@ options: those of snmpcmd(1), such as
 whose defaults come from snmp.conf, and
 )";
     for (const OwnOption &option : options_of_ours) {
-        text += help_of(option);
+        text += option.is_hidden() ? "" : help_of(option);
     }
     return text + R"(
 exit status: 0 done, 1 the copy failed (diff: they differ; 6 the copy failed),
@@ -565,8 +570,11 @@ void check_long_options(const std::vector<std::string> &names) {
             continue;
         }
         std::vector<std::string> known;
+        known.reserve(options_of_ours.size() + tokens.size());
         for (const OwnOption &option : options_of_ours) {
-            known.push_back("--" + std::string(option.name));
+            if (!option.is_hidden()) {
+                known.push_back("--" + std::string(option.name));
+            }
         }
         for (const config_line *token : tokens) {
             known.push_back("--" + std::string(token->config_token));
@@ -585,7 +593,8 @@ bool asks_for_json(int count, char **words) {
 std::optional<Options> parse_options(int count, char **words) {
     Options options;
     Words split = split_words(count, words, options);
-    if (options.command == Command::help || options.command == Command::version) {
+    if (options.command == Command::help || options.command == Command::version ||
+        options.command == Command::completion) {
         return options;
     }
     if (!initialise_library(split.library)) {

@@ -21,7 +21,7 @@
 
 namespace config_copy {
 
-enum class Command { copy, diff, list, errors, abort, help, version };
+enum class Command { completion, copy, diff, list, errors, abort, help, version };
 
 struct Options {
     Command command = Command::copy;
@@ -40,6 +40,7 @@ struct Options {
     Keeping keeping = Keeping::no; // of a restored configuration
     std::optional<std::string> local_address;
     std::optional<std::string> password_file;
+    std::string completion; // what is to be printed for a shell
     std::chrono::seconds wait_turn{0};
     std::chrono::seconds time_limit{600};
 };
@@ -61,14 +62,18 @@ struct OwnOption {
     std::string_view name;     // without hyphens
     char letter;               // its short form, or 0
     std::string_view argument; // what its value is called; empty: it takes no value
-    std::string_view help;     // one line or more
+    std::string_view help;     // one line or more; empty: the help leaves it out
     Use use;
     // `name` is how the user wrote it. Throws a Failure of usage.
     void (*take)(Options &options, std::string_view name, const std::string &value);
 
     [[nodiscard]] bool takes_value() const { return !argument.empty(); }
+    [[nodiscard]] bool is_hidden() const { return help.empty(); }
 };
 std::span<const OwnOption> own_options();
+
+// The letters of snmpcmd(1) that take a value.
+inline constexpr std::string_view letters_with_value = "YmMOIPDvrtcZeEnulxXaApT3LsS";
 
 // Parts of the implementation.
 

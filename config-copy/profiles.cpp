@@ -36,7 +36,7 @@ std::vector<std::string> known_keys() {
 std::string listed(const std::vector<std::string> &words) {
     std::string text;
     for (const std::string &word : words) {
-        text += (text.empty() ? "" : ", ") + word;
+        text.append(text.empty() ? "" : ", ").append(word);
     }
     return text;
 }

@@ -98,7 +98,21 @@ struct Settings {
     Settings() = default;
     Settings(const Settings &) = delete;
     Settings &operator=(const Settings &) = delete;
-    ~Settings() { std::free(session.community); }
+    ~Settings() { // the library leaves these to us
+        std::free(session.community);
+        std::free(session.securityEngineID);
+        std::free(session.contextEngineID);
+        // These are copies only if they are the library's defaults.
+        if (!has("-a")) {
+            std::free(session.securityAuthProto);
+        }
+        if (!has("-x")) {
+            std::free(session.securityPrivProto);
+        }
+    }
+    [[nodiscard]] bool has(const char *option) const {
+        return std::find(words.begin(), words.end(), option) != words.end();
+    }
 };
 
 } // namespace
@@ -165,7 +179,7 @@ std::shared_ptr<netsnmp_session> settings_of(const SessionOptions &options) {
     settings->words = options.words();
     auto &words = settings->words;
     const bool has_community =
-        std::find(words.begin(), words.end(), "-c") != words.end() ||
+        settings->has("-c") ||
         ::netsnmp_ds_get_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_COMMUNITY) != nullptr;
     words.insert(words.begin(), "config-copy");
     if (!has_community) { // the library refuses even a session that needs none

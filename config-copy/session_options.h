@@ -6,7 +6,6 @@
 
 #include <net-snmp/net-snmp-includes.h>
 
-#include <compare>
 #include <map>
 #include <memory>
 #include <string>
@@ -37,7 +36,8 @@ class SessionOptions {
     // In the order of their letters.
     [[nodiscard]] std::vector<std::string> words() const;
 
-    auto operator<=>(const SessionOptions &) const = default;
+    bool operator==(const SessionOptions &other) const { return values_ == other.values_; }
+    bool operator<(const SessionOptions &other) const { return values_ < other.values_; }
 
   private:
     // By the option, which for -T includes the name of the transport's setting.

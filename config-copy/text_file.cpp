@@ -16,24 +16,22 @@ namespace {
 
 constexpr std::string_view blanks = " \t\r";
 
+bool is_escaped_in_quotes(char c) {
+    return c == '\\' || c == '"' || c == '$' || c == '`';
+}
+
 // Reads the word that begins at line[at], and moves `at` behind it.
 std::string word_of(std::string_view line, std::size_t &at) {
     std::string word;
     char quote = 0;
     for (; at < line.size(); ++at) {
         const char c = line[at];
-        const bool is_last = at + 1 == line.size();
-        if ((c >= 0 && c < ' ' && blanks.find(c) == std::string_view::npos) || c == 0x7F) {
-            throw bad_usage("there is a control character");
-        }
+        const bool is_special = quote != '\'';
         if (c == quote) {
             quote = 0;
-        } else if (quote == '\'') {
-            word += c;
-        } else if (c == '\\' && is_last) {
+        } else if (is_special && c == '\\' && at + 1 == line.size()) {
             throw bad_usage("nothing follows a '\\'");
-        } else if (c == '\\' && (quote == 0 || std::string_view("\\\"$`").find(line[at + 1]) !=
-                                                   std::string_view::npos)) {
+        } else if (is_special && c == '\\' && (quote == 0 || is_escaped_in_quotes(line[at + 1]))) {
             word += line[++at];
         } else if (quote == 0 && (c == '\'' || c == '"')) {
             quote = c;
@@ -69,6 +67,10 @@ std::vector<std::string> words_of(std::string_view line) {
             return words;
         }
         words.push_back(word_of(line, at));
+        if (std::any_of(words.back().begin(), words.back().end(),
+                        [](unsigned char c) { return c < ' ' || c == 0x7F; })) {
+            throw bad_usage("there is a control character");
+        }
     }
 }
 

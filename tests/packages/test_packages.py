@@ -382,6 +382,9 @@ def test_manual_and_completion(switch, packages):
     for page in ("man1/config-copy.1.gz", "man1/cmdshell.1.gz", "man1/ulmo-history.1.gz",
                  "man5/config_copy_mib.5.gz", "man5/platform.conf.5.gz", "man8/wardend.8.gz"):
         assert f"./usr/share/man/{page}\n" in listed
+    for file in ("bash-completion/completions/config-copy", "zsh/vendor-completions/_config-copy",
+                 "fish/vendor_completions.d/config-copy.fish"):
+        assert f"./usr/share/{file}\n" in listed
     completed = switch.run(
         "bash", "-c",
         ". /usr/share/bash-completion/completions/config-copy; COMP_LINE='config-copy --ho' "

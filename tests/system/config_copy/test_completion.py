@@ -1,7 +1,13 @@
-"""The completion for bash. It offers every option, and the manual describes every option."""
+"""The completions for bash, zsh and fish, as they are installed. They offer every option of --help,
+and the manual describes every option."""
 
+import os
+import pty
 import re
+import select
 import shlex
+import shutil
+import time
 from pathlib import Path
 
 import pytest
@@ -9,15 +15,75 @@ from command import config_copy
 from copy_table import run
 
 REPOSITORY = Path(__file__).parents[3]
-COMPLETION = REPOSITORY / "config-copy/config-copy.bash-completion"
+COMPLETIONS = Path(shutil.which("config-copy")).resolve().parents[1] / "completions"
+TO = ["running", "startup", "fabric-startup", "all-startup"]
+URLS = ["tftp://", "ftp://", "sftp://", "scp://"]
 
 
-def completed(*words):
-    """What bash offers for the last word."""
-    script = (f"source {shlex.quote(str(COMPLETION))}; COMP_LINE=\"config-copy $*\" "
-              f"COMP_POINT=1000; _config_copy config-copy \"${{@: -1}}\" -; "
-              f"printf '%s\\n' \"${{COMPREPLY[@]}}\"")
-    return run("bash", "-c", script, "bash", *words).split()
+class Bash:
+    def completed(self, *words):
+        script = (f"source {shlex.quote(str(COMPLETIONS / 'config-copy'))}; "
+                  "COMP_LINE=\"config-copy $*\" COMP_POINT=1000; "
+                  "_config_copy config-copy \"${@: -1}\" -; printf '%s\\n' \"${COMPREPLY[@]}\"")
+        return run("bash", "-c", script, "bash", *words).split()
+
+    def end(self):
+        pass
+
+
+class Fish(Bash):
+    def completed(self, *words):
+        script = (f"source {shlex.quote(str(COMPLETIONS / 'config-copy.fish'))}; "
+                  f"complete -C {shlex.quote(' '.join(('config-copy', *words)))}")
+        return [line.split("\t")[0]
+                for line in run("fish", "--no-config", "-c", script).splitlines()]
+
+
+class Zsh:
+    """A shell on a terminal, where a key inserts all that it offers."""
+
+    def __init__(self):
+        self.pid, self.terminal = pty.fork()
+        if self.pid == 0:
+            os.environ.update(TERM="dumb", PS1="", PS2="")
+            os.execvp("zsh", ["zsh", "-f", "-i"])
+        self.ask(f"""fpath=({COMPLETIONS} $fpath); autoload -U compinit; compinit -u -D
+insert_all() {{ _main_complete; compstate[insert]=all compstate[list]= }}
+zle -C insert-all complete-word insert_all; bindkey -e; bindkey '^G' insert-all
+unsetopt nomatch
+print '<<' ready '>''>'
+""")
+
+    def ask(self, typed):
+        os.write(self.terminal, typed.encode())
+        shown, deadline = "", time.monotonic() + 20
+        while not (found := re.search(r"^<< (.*) >>\r$", shown, re.MULTILINE)):
+            assert time.monotonic() < deadline, shown
+            if select.select([self.terminal], [], [], 0.1)[0]:
+                shown += os.read(self.terminal, 4096).decode()
+        return found[1].split()
+
+    def completed(self, *words):
+        # ^A and ^E: the line is printed instead of run
+        offered = self.ask(f"config-copy {' '.join(words)}\a\x01print -r '<<' \x05 '>''>'\r")
+        offered = offered[len(words):]
+        return [] if offered == [words[-1]] else offered
+
+    def end(self):
+        os.write(self.terminal, b"exit\r")
+        os.close(self.terminal)
+        os.waitpid(self.pid, 0)
+
+
+@pytest.fixture(scope="module", params=[Bash, Zsh, Fish], ids=["bash", "zsh", "fish"])
+def shell(request, tmp_path_factory):
+    """In an empty folder, so that no file is offered by chance."""
+    before = Path.cwd()
+    os.chdir(tmp_path_factory.mktemp("empty"))
+    shell = request.param()
+    yield shell
+    shell.end()
+    os.chdir(before)
 
 
 @pytest.mark.parametrize("words, offered", [
@@ -25,30 +91,55 @@ def completed(*words):
     (("agent", "ru"), ["running"]),
     (("agent", "fab"), []),
     (("agent", "running", "fab"), ["fabric-startup"]),
-    (("agent", "running", "s"), ["startup", "sftp://", "scp://"]),
+    (("agent", "running", ""), [*TO, *URLS]),
     (("--quiet", "--jobs", "5", "-v", "2c", "agent", "tft"), ["tftp://"]),
     (("--hosts", "file", "ru"), ["running"]),
     (("--hosts", "file", "running", "all"), ["all-startup"]),
     (("--hosts", "file", "tftp://192.0.2.20/{host}", "ru"), ["running"]),
     (("udp6:[2001:db8::1]:161", "running", "fab"), ["fabric-startup"]),
+    (("@nightly", "agent", "running", "fab"), ["fabric-startup"]),
+    (("diff", "agent", "s"), ["startup"]),
+    (("diff", "agent", "running", "s"), ["startup"]),
     (("--wait",), ["--wait-turn"]),
     (("-l", "auth"), ["authNoPriv", "authPriv"]),
     (("list", "agent", "r"), []),
-    (("--jobs", ""), []),
+    (("--jobs", "r"), []),
 ])
-def test_completion(words, offered):
-    assert completed(*words) == offered
+def test_completion(shell, words, offered):
+    assert sorted(shell.completed(*words)) == sorted(offered)
 
 
-def test_files_are_completed(tmp_path):
+def test_files_are_completed(shell, tmp_path):
     (tmp_path / "switches").touch()
-    assert completed("--hosts", f"{tmp_path}/sw") == [f"{tmp_path}/switches"]
+    for words in (("--hosts",), ("agent",), ("agent", "running"), ("diff", "agent", "running")):
+        assert shell.completed(*words, f"{tmp_path}/sw") == [f"{tmp_path}/switches"], words
 
 
-def test_every_option_is_completed_and_in_the_manual():
-    options = set(re.findall(r"--[a-z-]+", config_copy("--help").out))
-    assert len(options) >= 9
+@pytest.fixture
+def profiles(tmp_path, monkeypatch):
+    """Also for a shell that runs already."""
+    folder = Path.home() / ".config"
+    monkeypatch.delenv("XDG_CONFIG_HOME", raising=False)
+    folder.mkdir(exist_ok=True)
+    file = folder / "config-copy.conf"
+    assert not file.exists()
+    file.write_text("[defaults]\n[nightly]\n[night.2]\n[weekly]\n")
+    yield
+    file.unlink()
+
+
+def test_profiles_are_completed(shell, profiles):
+    assert sorted(shell.completed("@ni")) == ["@night.2", "@nightly"]
+    assert shell.completed("--json", "@w") == ["@weekly"]
+
+
+def test_every_option_is_completed(shell):
+    options = re.findall(r"^  (?:-\w, )?(--[a-z-]+)", config_copy("--help").out, re.MULTILINE)
+    assert len(options) >= 15
+    assert sorted(shell.completed("--")) == sorted(options)
+
+
+def test_every_option_is_in_the_manual():
     manual = (REPOSITORY / "docs/man/config-copy.1").read_text()
-    for option in options:
-        assert completed(option) == [option]
+    for option in re.findall(r"--[a-z-]+", config_copy("--help").out):
         assert f"Fl -{option.removeprefix('--')}" in manual, option

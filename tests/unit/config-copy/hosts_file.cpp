@@ -43,7 +43,9 @@ TEST(Words, AsAShellSplitsThem) {
     EXPECT_EQ("a ' is not closed", usage_failure([] { words_of("a 'b"); }));
     EXPECT_EQ("a \" is not closed", usage_failure([] { words_of("a \"b\\\""); }));
     EXPECT_EQ("nothing follows a '\\'", usage_failure([] { words_of("a\\"); }));
-    EXPECT_EQ("there is a control character", usage_failure([] { words_of("a\x1b[31m"); }));
+    for (const char *control : {"a\x1b[31m", "\\\x1b", "'\x7f'", "\"a\tb\""}) {
+        EXPECT_EQ("there is a control character", usage_failure([&] { words_of(control); }));
+    }
 }
 
 TEST(HostsFile, AgentsOnly) {
@@ -254,7 +256,7 @@ TEST_F(Hosts, AFileOfEachAgent) {
 TEST_F(Hosts, SecretsAreForTheOwnerOnly) {
     for (const char *line : {"a -v1 -c lab", "a -u u -l noAuthNoPriv -A passphrase",
                              "a -u u -a SHA -X passphrase", "[g] -v1 -c lab\na"}) {
-        for (const mode_t mode : {0640, 0604}) {
+        for (const mode_t mode : {0640U, 0604U}) {
             write(std::string("#\n") + line + '\n', mode);
             EXPECT_EQ("in the hosts file " + file_ +
                           ", line 2: others may read the passphrases and communities in the file: "

@@ -129,7 +129,7 @@ TEST_F(ProfileFiles, MistakesAreToldWithTheirLine) {
 }
 
 TEST_F(ProfileFiles, SecretsAreForTheOwnerOnly) {
-    for (const mode_t mode : {0640, 0604}) {
+    for (const mode_t mode : {0640U, 0604U}) {
         write(user_, "[x]\nsnmp = -c lab\n", mode);
         EXPECT_EQ("in " + user_ +
                       ", line 2: others may read the passphrases and communities in "
