@@ -61,16 +61,10 @@ bool is_program(const std::string &path) {
            ::faccessat(AT_FDCWD, path.c_str(), X_OK, AT_EACCESS) == 0;
 }
 
-// A user that is neither the agent's nor the superuser makes no transfer, and can't look into the
-// folders of the agent's user: for that user every file is good.
 bool is_private_file(const std::string &path) {
-    const uid_t user = ::geteuid();
-    const uid_t agent = owner_of(state_path()).value_or(user);
     struct stat status {};
-    return path.starts_with('/') &&
-           ((user != 0 && user != agent) ||
-            (::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
-             status.st_uid == agent && (status.st_mode & (S_IRWXG | S_IRWXO)) == 0));
+    return path.starts_with('/') && ::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
+           status.st_uid == owner_of(state_path()) && (status.st_mode & (S_IRWXG | S_IRWXO)) == 0;
 }
 
 // The value in the form that the getters return; empty if it is not valid.
