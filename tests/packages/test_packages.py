@@ -290,8 +290,9 @@ def test_device_of_programs(switch):
     text = (REPOSITORY / "docs/porting.md").read_text()
     (block,) = re.findall(r"^```\n(device_backend = command\n.*?)^```$", text, re.M | re.S)
     (allowed,) = re.findall(r"`(ReadWritePaths=/var/lib/tiny-switch)`", text)
-    shutil.copy(REPOSITORY / "docs/examples/tiny-switch.sh", switch.root / "usr/local/sbin")
-    switch.shell("install -d -o Debian-snmp -m 700 /var/lib/tiny-switch")
+    (steps,) = re.findall(r"^```\n(install -m 755 .*?)^```$", text, re.M | re.S)
+    shutil.copy(REPOSITORY / "docs/examples/tiny-switch.sh", switch.root / "root")
+    switch.shell(steps.replace("/usr/share/doc/config-copy-mib-dev/examples/", "/root/"))
     settings = switch.root / "etc/ulmo/platform.conf"
     before = settings.read_text()
     settings.write_text(before + block)
