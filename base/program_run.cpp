@@ -125,11 +125,14 @@ std::optional<User> other_owner(const std::filesystem::path &folder) {
         return std::nullopt;
     }
     User owner{owned.st_uid, owned.st_gid, {owned.st_gid}};
-    if (const passwd *entry = ::getpwuid(owned.st_uid)) {
-        owner.group = entry->pw_gid;
+    passwd entry{};
+    passwd *found = nullptr;
+    std::array<char, 16384> texts{}; // another thread may use the buffer of getpwuid(3)
+    if (::getpwuid_r(owned.st_uid, &entry, texts.data(), texts.size(), &found) == 0 && found) {
+        owner.group = entry.pw_gid;
         int count = NGROUPS_MAX;
         owner.groups.resize(static_cast<std::size_t>(count));
-        ::getgrouplist(entry->pw_name, entry->pw_gid, owner.groups.data(), &count);
+        ::getgrouplist(entry.pw_name, entry.pw_gid, owner.groups.data(), &count);
         owner.groups.resize(static_cast<std::size_t>(count));
     }
     return owner;

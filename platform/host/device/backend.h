@@ -25,8 +25,8 @@ class DeviceBackend {
     virtual ~DeviceBackend() = default;
 
     // Whether apply() and replace() check the text, and change nothing if they throw. If not,
-    // Device calls check() before them and verify() after them, and has the former configuration
-    // replaced if one of them throws.
+    // Device calls check_and_show() before them and verify() after them, and has the former
+    // configuration replaced if one of them throws.
     [[nodiscard]] virtual bool is_atomic() const = 0;
 
     // The whole running configuration, as replace() takes it back. An empty text is a failure.
@@ -40,6 +40,8 @@ class DeviceBackend {
 
     // Throws ConfigurationError if apply() would refuse the text. Changes nothing.
     virtual void check(std::string_view text) = 0;
+    // check(), and then show_running(). A kind that can do both at the same time saves time here.
+    virtual std::string check_and_show(std::string_view text);
     // Executes the statements of the text on the running configuration, in order.
     virtual void apply(std::string_view text) = 0;
     // Whether replace() can work at all. If not, there is no way back from a change.

@@ -91,6 +91,14 @@ std::optional<std::string_view> replacement(std::string_view text) {
     return text;
 }
 
+// A running configuration as the device shows it.
+std::string whole(std::string text) {
+    if (text.empty()) {
+        throw std::runtime_error("the device shows an empty running configuration");
+    }
+    return text;
+}
+
 // The device has done what it was told, and still does not run what it should.
 class Differs : public std::runtime_error {
   public:
@@ -101,6 +109,11 @@ class Differs : public std::runtime_error {
 
 std::optional<std::string> DeviceBackend::show_startup() {
     return read_state_file(startup_file(), configuration_text_limit);
+}
+
+std::string DeviceBackend::check_and_show(std::string_view text) {
+    check(text);
+    return show_running();
 }
 
 bool DeviceBackend::is_saved() {
@@ -144,11 +157,7 @@ void Device::finish() {
 
 // Needs a lock, and a started device.
 std::string Device::running() {
-    std::string text = backend_->show_running();
-    if (text.empty()) {
-        throw std::runtime_error("the device shows an empty running configuration");
-    }
-    return text;
+    return whole(backend_->show_running());
 }
 
 std::string Device::show(ConfigurationStore which) {
@@ -187,8 +196,8 @@ void Device::print(ConfigurationStore which, int descriptor) {
 }
 
 void Device::apply(std::string_view text) {
-    const auto whole = replacement(text);
-    const std::string_view statements = whole.value_or(text);
+    const auto replacing = replacement(text);
+    const std::string_view statements = replacing.value_or(text);
     auto limit = confirmation_.limit();
     const auto lock = started();
     const auto earlier = waiting();
@@ -196,7 +205,7 @@ void Device::apply(std::string_view text) {
         limit = earlier->limit; // the setting has changed since
     }
     if (limit.count() == 0 && backend_->is_atomic()) {
-        change(statements, whole.has_value());
+        change(statements, replacing.has_value());
         return;
     }
     if (limit.count() != 0 && !is_locked(way_back_keeper())) {
@@ -207,15 +216,13 @@ void Device::apply(std::string_view text) {
         throw std::runtime_error("confirm_limit is set, and this device can't replace its "
                                  "configuration, so it could not undo the change");
     }
-    if (!backend_->is_atomic()) {
-        backend_->check(statements);
-    }
-    const std::string former = running();
+    const std::string former =
+        backend_->is_atomic() ? running() : whole(backend_->check_and_show(statements));
     if (backend_->can_replace()) {
         way_back_.begin(former);
     }
     try {
-        change(statements, whole.has_value());
+        change(statements, replacing.has_value());
         if (!backend_->is_atomic()) {
             backend_->verify(statements);
         }

@@ -24,6 +24,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <future>
 #include <map>
 #include <optional>
 #include <set>
@@ -294,6 +295,13 @@ class FrrBackend final : public DeviceBackend {
     void check(std::string_view text) override {
         const ProgramEnd end = vtysh({"-C", "-f", "/dev/stdin"}, legible(text));
         require_taken(end);
+    }
+
+    // vtysh takes some 30 ms for either.
+    std::string check_and_show(std::string_view text) override {
+        auto shown = std::async([this] { return show_running(); });
+        check(text);
+        return shown.get();
     }
 
     void apply(std::string_view text) override {

@@ -162,7 +162,7 @@ constexpr Command commands[] = {
     {"show startup-config", show_startup, "print the startup configuration"},
     {"show last-save", show_last_save, "print the outcome of the last save"},
     {"show copies", show_copies, "print the last copies and saves that managers asked for"},
-    {"show pending", show_pending, "print which change waits to be saved, and how long"},
+    {"show pending", show_pending, "print the change that must still be saved, and the time left"},
     {"show settings", show_settings, "print the settings in force, defaults with a '#' in front"},
     {"copy running-config startup-config", copy_running_to_startup,
      "save the running configuration"},

@@ -205,6 +205,20 @@ TEST_F(FrrTest, AppliesAndReplaces) {
     EXPECT_FALSE(std::filesystem::exists(scratch_.state("frr-wanted.cfg")));
 }
 
+TEST_F(FrrTest, ChecksAndShowsAtTheSameTime) {
+    // Each of the two waits until the other has begun.
+    write("hook", R"sh(
+other() { for i in $(seq 100); do grep -q -e "$1" calls && return; sleep 0.1; done; exit 9; }
+case $* in *watchfrr*) other '^-C' ;; -C*) other watchfrr ;; esac
+)sh");
+    device_->apply("ip route x\n");
+    EXPECT_EQ(running(), std::string(first) + "ip route x\n");
+    // The refusal counts, whether or not FRR can be shown meanwhile.
+    write("hook", "case $* in *watchfrr*) exit 9 ;; esac\n");
+    EXPECT_EQ(error_of<ConfigurationError>([&] { device_->apply("frobnicate 1\n"); }),
+              "line 1: Unknown command: frobnicate 1");
+}
+
 TEST_F(FrrTest, DoesNotBelieveAWrongDifference) {
     const std::string text = std::string("configuration replace\n") + first + "ip route x\n";
     write("reload-hook", "echo 'no ip route 10.1.0.0/16 blackhole'; exit 0\n");
