@@ -4,6 +4,7 @@
 
 #include <netinet/in.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <system_error>
@@ -104,6 +105,17 @@ Peer peer_of(const sockaddr_storage &address) {
         std::memcpy(&peer[before], &ipv4.sin_addr, sizeof ipv4.sin_addr);
     }
     return peer;
+}
+
+std::string_view beginning_of(std::string_view text, std::size_t most) {
+    const auto continues = [](char octet) {
+        return (static_cast<unsigned char>(octet) >> 6U) == 2;
+    };
+    std::size_t end = std::min(most, text.size());
+    while (end > 0 && end < text.size() && continues(text[end])) {
+        --end;
+    }
+    return text.substr(0, end);
 }
 
 bool send(int socket, const Order &order) {

@@ -61,10 +61,13 @@ struct Report {
     std::uint32_t unused = 0;
 };
 
+// The beginning of a UTF-8 text that has `most` octets at most, and only whole characters.
+std::string_view beginning_of(std::string_view text, std::size_t most);
+
 // Puts a text into a field of a message. What does not fit before the NUL at the end is cut off.
 template <std::size_t size> void put_text(std::array<char, size> &field, std::string_view text) {
     field.fill('\0');
-    text.substr(0, size - 1).copy(field.data(), size - 1);
+    beginning_of(text, size - 1).copy(field.data(), size - 1);
 }
 
 // Each sends one message, and waits while the socket is full. Returns false if the other side has

@@ -102,6 +102,10 @@ TEST_F(ReceiverOrders, TextsEndWithNul) {
     Order order = some_order();
     put_text(order.name, std::string(100, 'n'));
     EXPECT_EQ(std::strlen(order.name.data()), 63U);
+    put_text(order.name, std::string(62, 'n') + "\u20ac"); // not a part of a character
+    EXPECT_EQ(std::string(order.name.data()), std::string(62, 'n'));
+    put_text(order.name, std::string(60, 'n') + "\u20ac");
+    EXPECT_EQ(std::strlen(order.name.data()), 63U);
     order.name.fill('x'); // as only another program would do
     ASSERT_TRUE(send(ours.get(), order));
     EXPECT_EQ(std::string(receive_order(theirs.get())->order.name.data()), std::string(63, 'x'));
