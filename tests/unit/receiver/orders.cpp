@@ -102,10 +102,13 @@ TEST_F(ReceiverOrders, TextsEndWithNul) {
     Order order = some_order();
     put_text(order.name, std::string(100, 'n'));
     EXPECT_EQ(std::strlen(order.name.data()), 63U);
-    put_text(order.name, std::string(62, 'n') + "\u20ac"); // not a part of a character
-    EXPECT_EQ(std::string(order.name.data()), std::string(62, 'n'));
-    put_text(order.name, std::string(60, 'n') + "\u20ac");
-    EXPECT_EQ(std::strlen(order.name.data()), 63U);
+    std::string text(64, 'n');
+    text.replace(61, 3, "\u20ac"); // no room for the last of its octets
+    put_text(order.name, text);
+    EXPECT_EQ(std::string(order.name.data()), std::string(61, 'n'));
+    text.replace(60, 4, "\u20ac");
+    put_text(order.name, text);
+    EXPECT_EQ(std::string(order.name.data()), text);
     order.name.fill('x'); // as only another program would do
     ASSERT_TRUE(send(ours.get(), order));
     EXPECT_EQ(std::string(receive_order(theirs.get())->order.name.data()), std::string(63, 'x'));
