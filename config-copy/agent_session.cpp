@@ -62,18 +62,21 @@ std::string describe_silence(const Trouble &trouble) {
 
 Session session_with(const netsnmp_session &defaults, const std::string &agent, bool is_verbose,
                      std::chrono::seconds limit) {
-    const auto deadline = Clock::now() + limit;
+    const auto began = Clock::now();
+    const std::string address = reachable_address(agent, limit);
+    const auto took = std::chrono::floor<std::chrono::seconds>(Clock::now() - began);
+    return session_at(defaults, {agent, address}, is_verbose, limit - took);
+}
+
+Session session_at(const netsnmp_session &defaults, const Peer &peer, bool is_verbose,
+                   std::chrono::seconds limit) {
     Trace trace;
     if (is_verbose) { // one write: other sessions print at the same time
-        trace = [agent](const std::string &text) {
+        trace = [agent = peer.name](const std::string &text) {
             std::cerr << "config-copy: " + agent + ": " + text + '\n' << std::flush;
         };
     }
-    return {defaults,
-            {agent, reachable_address(agent, limit)},
-            interrupt_descriptor(),
-            std::move(trace),
-            deadline};
+    return {defaults, peer, interrupt_descriptor(), std::move(trace), Clock::now() + limit};
 }
 
 Failure failure_of(const Trouble &trouble, const std::string &agent) {

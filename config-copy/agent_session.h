@@ -17,6 +17,10 @@ namespace config_copy {
 Session session_with(const netsnmp_session &defaults, const std::string &agent, bool is_verbose,
                      std::chrono::seconds limit);
 
+// The same with an agent whose address is known, as from reachable_address().
+Session session_at(const netsnmp_session &defaults, const Peer &peer, bool is_verbose,
+                   std::chrono::seconds limit);
+
 Failure failure_of(const Trouble &trouble, const std::string &agent);
 
 } // namespace config_copy

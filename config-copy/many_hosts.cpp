@@ -3,32 +3,30 @@
 #include "config-copy/agent_session.h"
 #include "config-copy/difference.h"
 #include "config-copy/interrupt.h"
+#include "config-copy/scout.h"
 
 #include <sys/resource.h>
 
 #include <algorithm>
-#include <atomic>
-#include <chrono>
+#include <condition_variable>
+#include <deque>
 #include <exception>
 #include <mutex>
-#include <semaphore>
+#include <optional>
+#include <string>
 #include <thread>
+#include <utility>
 
 namespace config_copy {
 namespace {
 
-// Agents that are being contacted or wait for a slot, in addition to those that copy: as many as
-// this may be silent without delaying others.
-constexpr rlim_t most_in_advance = 512;
-
-// The number of agents to be in contact with at a time. It is limited by the files that the process
-// may open: each contact holds a socket and, while its name is looked up, one for each of up to
-// three name servers. Waiting sets no limit, because it uses poll(2) and descriptor sets of the
-// library that grow. The usual soft limit of 1024 exists for select(2), so it may be raised.
-std::size_t contacts_for(std::size_t agents, int jobs) {
+// The number of copies that run at a time. It is limited by the files that the process may open:
+// each copy holds a socket, a file of this machine, and one more for a moment. The usual soft limit
+// of 1024 exists for select(2), which nothing here uses, so it may be raised.
+std::size_t copies_at_a_time(std::size_t agents, int jobs) {
     constexpr rlim_t files_each = 3;
-    constexpr rlim_t other_files = 32;
-    const rlim_t wanted = std::min<rlim_t>(agents, static_cast<rlim_t>(jobs) + most_in_advance);
+    constexpr rlim_t other_files = 256; // of what looks up names
+    const rlim_t wanted = std::min<rlim_t>(agents, static_cast<rlim_t>(jobs));
     rlimit files{};
     ::getrlimit(RLIMIT_NOFILE, &files);
     if (const rlim_t needed = wanted * files_each + other_files; files.rlim_cur < needed) {
@@ -39,32 +37,67 @@ std::size_t contacts_for(std::size_t agents, int jobs) {
         files.rlim_cur > other_files ? (files.rlim_cur - other_files) / files_each : 0, 1, wanted));
 }
 
-// One of the copies that may run at a time; held while the object exists.
-class Slot {
+// Agents that are there and wait for their copy.
+class Queue {
   public:
-    explicit Slot(std::counting_semaphore<> &slots) : slots_(slots) {
-        while (!slots_.try_acquire_for(std::chrono::milliseconds(100))) {
-            if (interrupting_signal() != 0) {
-                throw Interrupted{};
-            }
-        }
+    struct Ready {
+        std::size_t agent;
+        std::string address;
+    };
+
+    void push(Ready ready) {
+        const std::lock_guard lock(mutex_);
+        ready_.push_back(std::move(ready));
+        news_.notify_one();
     }
-    Slot(const Slot &) = delete;
-    Slot &operator=(const Slot &) = delete;
-    ~Slot() { slots_.release(); }
+
+    // No more will be pushed.
+    void close() {
+        const std::lock_guard lock(mutex_);
+        is_closed_ = true;
+        news_.notify_all();
+    }
+
+    // Waits for the next one; empty if there is none, or the user wants to stop.
+    std::optional<Ready> pop() {
+        std::unique_lock lock(mutex_);
+        news_.wait(lock, [&] { return is_closed_ || !ready_.empty(); });
+        if (ready_.empty() || interrupting_signal() != 0) {
+            return std::nullopt;
+        }
+        Ready next = std::move(ready_.front());
+        ready_.pop_front();
+        return next;
+    }
+
+    std::size_t size() {
+        const std::lock_guard lock(mutex_);
+        return ready_.size();
+    }
 
   private:
-    std::counting_semaphore<> &slots_;
+    std::mutex mutex_;
+    std::condition_variable news_;
+    std::deque<Ready> ready_;
+    bool is_closed_ = false;
 };
 
-Outcome copy_on(const Agent &agent, const CopyJob &job, std::counting_semaphore<> &slots) {
+class Closing {
+  public:
+    explicit Closing(Queue &queue) : queue_(queue) {}
+    Closing(const Closing &) = delete;
+    Closing &operator=(const Closing &) = delete;
+    ~Closing() { queue_.close(); }
+
+  private:
+    Queue &queue_;
+};
+
+Outcome copy_on(const Agent &agent, const std::string &address, const CopyJob &job) {
     Outcome outcome = planned(job, agent);
     try {
-        Session session = session_with(*agent.settings, agent.name, job.is_verbose, job.time_limit);
-        // An agent that does not answer does not get a slot.
-        session.get({copy_cell(CC_COLUMN_ENTRY_ROW_STATUS, largest_index)});
-        const Slot slot(slots);
-        session.set_deadline(Clock::now() + job.time_limit, false);
+        Session session =
+            session_at(*agent.settings, {agent.name, address}, job.is_verbose, job.time_limit);
         const Progress silent = [](const Step &) {};
         if (job.is_diff) {
             return compare(agent, job, silent);
@@ -87,16 +120,16 @@ Outcome copy_on(const Agent &agent, const CopyJob &job, std::counting_semaphore<
 std::vector<Outcome> copy_on_all(const std::vector<Agent> &agents, const CopyJob &job, int jobs,
                                  Output &output) {
     std::vector<Outcome> outcomes(agents.size());
-    std::atomic<std::size_t> next = 0;
-    std::counting_semaphore<> slots(jobs);
+    Queue queue;
+    Scout scout(agents, job.time_limit, job.is_verbose);
     std::mutex mutex;
     std::string left;
     const auto work = [&] {
         try {
-            for (std::size_t i = next++; i < agents.size() && interrupting_signal() == 0;
-                 i = next++) {
-                outcomes[i] = copy_on(agents[i], job, slots);
-                output.outcome(outcomes[i]);
+            while (const auto ready = queue.pop()) {
+                scout.wake(); // there is room for one more
+                outcomes[ready->agent] = copy_on(agents[ready->agent], ready->address, job);
+                output.outcome(outcomes[ready->agent]);
             }
         } catch (const InterruptedWithRequests &interrupted) {
             const std::lock_guard lock(mutex);
@@ -105,10 +138,25 @@ std::vector<Outcome> copy_on_all(const std::vector<Agent> &agents, const CopyJob
         }
     };
     {
-        const std::size_t contacts = contacts_for(agents.size(), jobs);
-        std::vector<std::jthread> workers;
-        for (std::size_t i = 0; i < contacts; ++i) {
-            workers.emplace_back(work);
+        const std::size_t most = copies_at_a_time(agents.size(), jobs);
+        std::vector<std::jthread> workers; // as many as were ever needed at a time
+        const Closing closing(queue);      // before they are waited for
+        const auto found = [&](std::size_t agent, const std::string &address) {
+            queue.push({agent, address});
+            if (workers.size() < most) {
+                workers.emplace_back(work);
+            }
+        };
+        const auto missing = [&](std::size_t agent, const Failure &reason) {
+            outcomes[agent] = planned(job, agents[agent]);
+            outcomes[agent].fail(reason);
+            output.outcome(outcomes[agent]);
+        };
+        // An agent that has been found should not wait for long.
+        const auto room = [&] { return most - std::min(most, queue.size()); };
+        try {
+            scout.run({room, found, missing});
+        } catch (const Interrupted &) { // the workers clean up
         }
     }
     if (!left.empty()) {

@@ -200,18 +200,22 @@ Milliseconds Session::time_left() const {
                           Milliseconds(0));
 }
 
+Trouble silence_of(const netsnmp_session &settings, Milliseconds waited, TroubleKind kind) {
+    std::ostringstream seconds;
+    seconds << static_cast<double>(waited.count()) / 1000;
+    return Trouble(kind, settings.version, seconds.str());
+}
+
 Trouble Session::silence() const {
     Milliseconds waited = timeout_ * attempts_;
     if (time_left() == Milliseconds(0)) { // the deadline cut it short
         const auto since = std::chrono::round<std::chrono::seconds>(Clock::now() - began_);
         waited = std::min<Milliseconds>(waited, std::max(since, std::chrono::seconds(1)));
     }
-    std::ostringstream seconds;
-    seconds << static_cast<double>(waited.count()) / 1000;
-    return Trouble(has_answered_ ? TroubleKind::silent_now
-                   : is_found_   ? TroubleKind::silent_to_user
-                                 : TroubleKind::silent,
-                   session_->version, seconds.str());
+    return silence_of(*session_, waited,
+                      has_answered_ ? TroubleKind::silent_now
+                      : is_found_   ? TroubleKind::silent_to_user
+                                    : TroubleKind::silent);
 }
 
 // Calls `ask` until it has an answer: as often as the settings say, or until the deadline.

@@ -73,6 +73,10 @@ void set_up_library(const char *program);
 // More instances of an object than a switch can have: every request expires within 7 minutes.
 inline constexpr std::size_t most_instances = 100'000;
 
+// That an agent with these settings has been silent for so long.
+Trouble silence_of(const netsnmp_session &settings, Milliseconds waited,
+                   TroubleKind kind = TroubleKind::silent);
+
 class Session {
   public:
     // `settings` holds everything except the peer. Its timeout and retries apply to each request;
@@ -95,6 +99,9 @@ class Session {
 
     // From now on `stop` is ignored, and no request waits for its answer longer than `most`.
     void begin_to_clean_up(Milliseconds most);
+
+    // How long an answer is waited for.
+    [[nodiscard]] Milliseconds timeout() const { return timeout_; }
 
     // How often a request is sent before its silence counts, at least 1.
     [[nodiscard]] int attempts() const { return attempts_; }

@@ -1,0 +1,417 @@
+#include "config-copy/scout.h"
+
+#include "base/posix.h"
+#include "config-copy/agent_address.h"
+#include "config-copy/agent_session.h"
+#include "config-copy/interrupt.h"
+#include "config-copy/server_address.h"
+#include "copy_client/session.h"
+
+#include <netdb.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/random.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <iostream>
+#include <utility>
+
+namespace config_copy {
+namespace {
+
+using namespace std::chrono_literals;
+
+// Answers that may wait in a socket's buffer of the kernel's usual size, with room to spare.
+constexpr std::size_t most_asked = 2048;
+constexpr std::size_t requests_in_a_row = 64; // before answers are taken again
+constexpr std::size_t most_resolvers = 64;
+
+// BER, X.690. Tags of RFC 3417 and RFC 1157.
+constexpr char integer_tag = 0x02;
+constexpr char octets_tag = 0x04;
+constexpr char null_tag = 0x05;
+constexpr char oid_tag = 0x06;
+constexpr char sequence_tag = 0x30;
+constexpr char get_tag = static_cast<char>(0xA0);
+
+std::string ber(char tag, const std::string &content) {
+    std::string encoded(1, tag);
+    if (content.size() < 0x80) {
+        encoded += static_cast<char>(content.size());
+    } else { // up to 65535 octets, which is all that a datagram holds
+        encoded += static_cast<char>(0x82);
+        encoded += static_cast<char>(content.size() >> 8U);
+        encoded += static_cast<char>(content.size() & 0xFFU);
+    }
+    return encoded + content;
+}
+
+// Not negative.
+std::string ber(std::uint32_t number) {
+    std::string octets;
+    do {
+        octets.insert(octets.begin(), static_cast<char>(number & 0xFFU));
+        number >>= 8U;
+    } while (number != 0);
+    if ((octets[0] & 0x80) != 0) {
+        octets.insert(octets.begin(), '\0');
+    }
+    return ber(integer_tag, octets);
+}
+
+std::string get_of(std::uint32_t id, const std::string &bindings) {
+    return ber(get_tag, ber(id) + ber(0U) + ber(0U) + ber(sequence_tag, bindings));
+}
+
+std::string ber_of(const Oid &name) {
+    std::string octets(1, static_cast<char>(name[0] * 40 + name[1]));
+    for (std::size_t i = 2; i < name.size(); ++i) {
+        std::string number(1, static_cast<char>(name[i] & 0x7FU));
+        for (oid rest = name[i] >> 7U; rest != 0; rest >>= 7U) {
+            number.insert(number.begin(), static_cast<char>(0x80U | (rest & 0x7FU)));
+        }
+        octets += number;
+    }
+    return ber(oid_tag, octets);
+}
+
+// Takes a tag, a length and that many octets off the front; empty if they are not there.
+std::optional<std::pair<char, std::string_view>> take(std::string_view &rest) {
+    if (rest.size() < 2) {
+        return std::nullopt;
+    }
+    const char tag = rest[0];
+    std::size_t length = static_cast<unsigned char>(rest[1]);
+    rest.remove_prefix(2);
+    if ((length & 0x80U) != 0) {
+        const std::size_t octets = length & 0x7FU;
+        if (octets > 2 || octets > rest.size()) {
+            return std::nullopt;
+        }
+        length = 0;
+        for (std::size_t i = 0; i < octets; ++i) {
+            length = length << 8U | static_cast<unsigned char>(rest[i]);
+        }
+        rest.remove_prefix(octets);
+    }
+    if (length > rest.size()) {
+        return std::nullopt;
+    }
+    const std::string_view content = rest.substr(0, length);
+    rest.remove_prefix(length);
+    return std::pair(tag, content);
+}
+
+std::optional<std::uint32_t> take_number(std::string_view &rest) {
+    const auto taken = take(rest);
+    if (!taken || taken->first != integer_tag || taken->second.empty() ||
+        taken->second.size() > sizeof(std::uint32_t)) {
+        return std::nullopt;
+    }
+    std::uint32_t number = 0;
+    for (const char octet : taken->second) {
+        number = number << 8U | static_cast<unsigned char>(octet);
+    }
+    return number;
+}
+
+ulmo::UniqueFd socket_of(int family) {
+    // A machine may have only one of the families.
+    return ulmo::UniqueFd(::socket(family, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+}
+
+bool is_over_udp(const std::string &address) {
+    return address.starts_with("udp:") || address.starts_with("udp6:");
+}
+
+// Whether the address is known without a name server and a connection.
+bool is_at_hand(const std::string &agent) {
+    const AgentAddress parts = parse_agent(agent);
+    return !parts.is_understood ||
+           (!parts.transport.starts_with("tcp") && parsed_address(parts.host).has_value());
+}
+
+} // namespace
+
+std::optional<std::uint32_t> id_of_answer(std::string_view datagram) {
+    const auto message = take(datagram);
+    if (!message || message->first != sequence_tag) {
+        return std::nullopt;
+    }
+    std::string_view rest = message->second;
+    const auto version = take_number(rest);
+    const auto next = take(rest); // of SNMPv3 the header, otherwise the community
+    if (!version || !next) {
+        return std::nullopt;
+    }
+    if (*version == SNMP_VERSION_3) {
+        std::string_view header = next->second;
+        return take_number(header);
+    }
+    const auto pdu = take(rest);
+    if (!pdu) {
+        return std::nullopt;
+    }
+    std::string_view fields = pdu->second;
+    return take_number(fields);
+}
+
+std::string discovery_request(std::uint32_t id) {
+    constexpr std::uint32_t largest_message = 65507;
+    const std::string none = ber(octets_tag, "");
+    const std::string reportable = ber(octets_tag, "\4"); // without a user
+    const std::string header = ber(id) + ber(largest_message) + reportable +
+                               ber(static_cast<std::uint32_t>(SNMP_SEC_MODEL_USM));
+    const std::string security = none + ber(0U) + ber(0U) + none + none + none;
+    return ber(sequence_tag, ber(static_cast<std::uint32_t>(SNMP_VERSION_3)) +
+                                 ber(sequence_tag, header) +
+                                 ber(octets_tag, ber(sequence_tag, security)) +
+                                 ber(sequence_tag, none + none + get_of(id, "")));
+}
+
+std::string read_request(long version, std::string_view community, std::uint32_t id) {
+    const std::string name = ber_of(copy_cell(CC_COLUMN_ENTRY_ROW_STATUS, largest_index));
+    const std::string binding = ber(sequence_tag, name + ber(null_tag, ""));
+    return ber(sequence_tag, ber(static_cast<std::uint32_t>(version)) +
+                                 ber(octets_tag, std::string(community)) + get_of(id, binding));
+}
+
+Scout::Scout(const std::vector<Agent> &agents, std::chrono::seconds limit, bool is_verbose)
+    : agents_(agents), limit_(limit), is_verbose_(is_verbose), ipv4_(socket_of(AF_INET)),
+      ipv6_(socket_of(AF_INET6)),
+      wake_(ulmo::check(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd")),
+      left_(agents.size()) {
+    // Positive numbers of 32 bits, as request-id and msgID are.
+    ulmo::check(::getrandom(&first_id_, sizeof first_id_, 0), "getrandom");
+    first_id_ &= 0x3FFFFFFFU;
+    for (std::size_t agent = 0; agent < agents_.size(); ++agent) {
+        (is_at_hand(agents_[agent].name) ? to_ask_ : to_resolve_).push_back(agent);
+    }
+    const std::size_t resolvers = std::min(to_resolve_.size(), most_resolvers);
+    for (std::size_t i = 0; i < resolvers; ++i) {
+        resolvers_.emplace_back([this] { resolve(); });
+    }
+}
+
+Scout::~Scout() {
+    {
+        const std::lock_guard lock(mutex_);
+        is_over_ = true;
+    }
+    for (std::thread &resolver : resolvers_) {
+        resolver.join();
+    }
+}
+
+void Scout::wake() {
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const auto written = ::write(wake_.get(), &one, sizeof one);
+}
+
+// A thread that looks up names and connects over TCP.
+void Scout::resolve() {
+    for (;;) {
+        Resolved resolved{};
+        {
+            const std::lock_guard lock(mutex_);
+            if (is_over_ || to_resolve_.empty()) {
+                return;
+            }
+            resolved.agent = to_resolve_.front();
+            to_resolve_.pop_front();
+        }
+        try {
+            resolved.address = reachable_address(agents_[resolved.agent].name, limit_);
+        } catch (const Failure &failure) {
+            resolved.failure = failure;
+        } catch (const Interrupted &) {
+            return;
+        } catch (const std::exception &error) {
+            resolved.failure =
+                Failure(ExitStatus::failed, agents_[resolved.agent].name + ": " + error.what());
+        }
+        {
+            const std::lock_guard lock(mutex_);
+            resolved_.push_back(std::move(resolved));
+        }
+        wake();
+    }
+}
+
+void Scout::run(const Handlers &handlers) {
+    while (left_ > 0) {
+        if (interrupting_signal() != 0) {
+            throw Interrupted{};
+        }
+        std::deque<Resolved> resolved;
+        {
+            const std::lock_guard lock(mutex_);
+            resolved.swap(resolved_);
+        }
+        for (const Resolved &one : resolved) {
+            take(one, handlers);
+        }
+        std::size_t room = std::min(requests_in_a_row, handlers.room());
+        for (; room > 0 && !to_ask_.empty() && asked_.size() < most_asked; --room) {
+            const std::size_t agent = to_ask_.front();
+            to_ask_.pop_front();
+            ask(agent, handlers);
+        }
+        const auto now = Clock::now();
+        while (!timers_.empty() && timers_.begin()->first <= now) {
+            const std::size_t agent = timers_.extract(timers_.begin()).mapped();
+            ask_again(agent, handlers);
+        }
+        const bool is_full = room == 0 && handlers.room() > 0; // there is more to send
+        const auto until = timers_.empty() ? now + 1h : timers_.begin()->first;
+        const auto wait = std::chrono::ceil<std::chrono::milliseconds>(until - Clock::now());
+        std::array<pollfd, 4> waited{{{ipv4_.get(), POLLIN, 0},
+                                      {ipv6_.get(), POLLIN, 0},
+                                      {wake_.get(), POLLIN, 0},
+                                      {interrupt_descriptor(), POLLIN, 0}}};
+        ::poll(waited.data(), waited.size(),
+               is_full || left_ == 0 ? 0 : static_cast<int>(std::max(wait, 0ms).count()));
+        std::uint64_t count = 0;
+        [[maybe_unused]] const auto taken = ::read(wake_.get(), &count, sizeof count);
+        receive(ipv4_.get(), handlers);
+        receive(ipv6_.get(), handlers);
+    }
+}
+
+void Scout::take(const Resolved &resolved, const Handlers &handlers) {
+    if (!resolved.failure && is_over_udp(resolved.address)) {
+        asked_[resolved.agent].address = resolved.address;
+        to_ask_.push_front(resolved.agent);
+        return;
+    }
+    end(resolved.agent);
+    if (resolved.failure) {
+        handlers.missing(resolved.agent, *resolved.failure);
+    } else {
+        handlers.found(resolved.agent, resolved.address);
+    }
+}
+
+// Makes the first request due.
+void Scout::ask(std::size_t agent, const Handlers &handlers) {
+    Asked &asked = asked_[agent];
+    asked.began = Clock::now();
+    try {
+        if (asked.address.empty()) {
+            asked.address = reachable_address(agents_[agent].name, limit_);
+        }
+        timers_.emplace(asked.began, agent);
+    } catch (const Failure &failure) {
+        end(agent);
+        handlers.missing(agent, failure);
+    }
+}
+
+// Sends a request, unless the agent has been asked often enough.
+void Scout::ask_again(std::size_t agent, const Handlers &handlers) {
+    const auto found = asked_.find(agent);
+    if (found == asked_.end()) { // it has answered
+        return;
+    }
+    Asked &asked = found->second;
+    const Manner *manner = is_over_udp(asked.address) ? manner_of(agent) : nullptr;
+    if (manner == nullptr) {
+        const std::string address = asked.address;
+        end(agent);
+        handlers.found(agent, address);
+        return;
+    }
+    const auto now = Clock::now();
+    if (asked.attempts == manner->attempts || now >= asked.began + limit_) {
+        const auto waited =
+            std::min<std::chrono::milliseconds>(manner->timeout * manner->attempts, limit_);
+        end(agent);
+        say(agent, "no answer");
+        handlers.missing(
+            agent, failure_of(silence_of(*agents_[agent].settings, waited), agents_[agent].name));
+        return;
+    }
+    const bool is_sent = send_to(asked, request_to(agent));
+    ++asked.attempts;
+    say(agent, is_sent ? "asked whether it is there" : "not asked: the network refuses it");
+    timers_.emplace(std::min<Clock::time_point>(now + manner->timeout, asked.began + limit_),
+                    agent);
+}
+
+void Scout::end(std::size_t agent) {
+    asked_.erase(agent);
+    --left_;
+}
+
+// Takes the answers that have come.
+void Scout::receive(int socket, const Handlers &handlers) {
+    std::array<char, 2048> buffer{};
+    for (;;) {
+        const ssize_t octets = ::recv(socket, buffer.data(), buffer.size(), MSG_DONTWAIT);
+        if (octets < 0) {
+            return;
+        }
+        const auto id = id_of_answer({buffer.data(), static_cast<std::size_t>(octets)});
+        const auto found = id ? asked_.find(*id - first_id_) : asked_.end();
+        if (found != asked_.end()) {
+            const std::size_t agent = found->first;
+            const std::string address = found->second.address;
+            end(agent);
+            say(agent, "it is there");
+            handlers.found(agent, address);
+        }
+    }
+}
+
+// Empty if the settings make no session: then who tries to copy says why.
+const Scout::Manner *Scout::manner_of(std::size_t agent) {
+    const netsnmp_session &settings = *agents_[agent].settings;
+    const auto [known, is_new] = manners_.try_emplace(&settings);
+    if (is_new) {
+        try {
+            const Session session(settings, {agents_[agent].name, "udp:127.0.0.1:161"}, -1);
+            known->second = Manner{session.timeout(), session.attempts()};
+        } catch (const Trouble &) {
+        }
+    }
+    return known->second ? &*known->second : nullptr;
+}
+
+std::string Scout::request_to(std::size_t agent) const {
+    const netsnmp_session &settings = *agents_[agent].settings;
+    const auto id = static_cast<std::uint32_t>(first_id_ + agent);
+    return settings.version == SNMP_VERSION_3
+               ? discovery_request(id)
+               : read_request(
+                     settings.version,
+                     {reinterpret_cast<const char *>(settings.community), settings.community_len},
+                     id);
+}
+
+// Returns false if the network refuses the message.
+bool Scout::send_to(const Asked &asked, const std::string &request) const {
+    const AgentAddress parts = parse_agent(asked.address);
+    addrinfo hints{};
+    hints.ai_socktype = SOCK_DGRAM;
+    hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
+    addrinfo *list = nullptr;
+    if (::getaddrinfo(parts.host.c_str(), parts.port.c_str(), &hints, &list) != 0) {
+        return false;
+    }
+    const ssize_t sent =
+        ::sendto((list->ai_family == AF_INET6 ? ipv6_ : ipv4_).get(), request.data(),
+                 request.size(), 0, list->ai_addr, list->ai_addrlen);
+    ::freeaddrinfo(list);
+    return sent >= 0;
+}
+
+void Scout::say(std::size_t agent, const char *what) const {
+    if (is_verbose_) { // one write: other sessions print at the same time
+        std::cerr << "config-copy: " + agents_[agent].name + ": " + what + '\n' << std::flush;
+    }
+}
+
+} // namespace config_copy
