@@ -67,7 +67,8 @@ class DeviceBackend {
     // Whether there is a running configuration. A device that starts by itself always has one.
     virtual bool is_started() { return true; }
     // Makes the startup configuration, or else the factory default, the running configuration.
-    virtual void start() {}
+    // False if the device starts by itself, and nothing has been done.
+    virtual bool start() { return false; }
 };
 
 // Keeps the running configuration in running.cfg and the startup configuration in system.cfg of

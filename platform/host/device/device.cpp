@@ -378,11 +378,12 @@ void Device::save(const std::vector<std::filesystem::path> &copies,
     log_failure("a saved change still waits for a save", [this] { way_back_.confirm(); });
 }
 
-void Device::start() {
+bool Device::start() {
     const auto lock = locked(FileLock::Mode::exclusive);
-    backend_->start();
+    const bool is_done = backend_->start();
     way_back_.end();
     way_back_.confirm();
+    return is_done;
 }
 
 void Device::look_back() {

@@ -89,9 +89,9 @@ class Device {
     void save() { save({}, {}); }
 
     // Starts the device: the startup configuration, or else the factory default, becomes the
-    // running configuration. Nothing happens to a device that starts by itself. No change waits
-    // afterwards.
-    void start();
+    // running configuration. No change waits afterwards. False if the device starts by itself, and
+    // nothing has been done with it.
+    bool start();
 
     // Undoes a change whose process has died, as all functions above do; and a change that has
     // waited for too long. Call it when time_to_way_back() says so.

@@ -71,7 +71,10 @@ class EmbeddedBackend final : public DeviceBackend {
         return static_cast<bool>(open_state_file(running_file_, configuration_text_limit));
     }
 
-    void start() override { replace_state_file(running_file_, bounded_text(initial())); }
+    bool start() override {
+        replace_state_file(running_file_, bounded_text(initial()));
+        return true;
+    }
 
   private:
     static std::optional<std::string> stored(const std::filesystem::path &file) {

@@ -307,9 +307,11 @@ void start_switch() {
         log_notice("the switch has been started before: the running configuration stays");
         return;
     }
-    make_device()->start();
+    const bool is_ours = make_device()->start();
     replace_state_file(mark, boot);
-    log_notice("the switch starts: the startup configuration is the running configuration now");
+    log_notice("the switch starts: %s",
+               is_ours ? "the startup configuration is the running configuration now"
+                       : "its device starts by itself");
 }
 
 } // namespace ulmo

@@ -578,6 +578,13 @@ TEST_F(Warden, TheSwitchStartsOnceABoot) {
     EXPECT_EQ(content(startup()), old_text);
 }
 
+TEST_F(Warden, ADeviceMayStartByItself) {
+    scratch_.configure("device_backend = command\n");
+    start();
+    EXPECT_EQ(count("the switch starts: its device starts by itself"), 1U);
+    EXPECT_EQ(content(scratch_.run("started")), boot_id());
+}
+
 TEST_F(Warden, TheFirstStartIsFromTheFactoryDefault) {
     start();
     EXPECT_EQ(content(running()), "hostname switch\nend\n");
