@@ -5,11 +5,14 @@ import os
 
 import pytest
 from command import DONE, FAILED, QUICK, UNREACHABLE, USAGE, config_copy
-from copy_table import SERVER4, SERVER_ROOT, show
+from copy_table import AGENT, SERVER4, SERVER_ROOT, show
 
 PASSPHRASES = ("a pass phrase", "another' one")
 V3 = (f'createUser backup SHA-256 "{PASSPHRASES[0]}" AES "{PASSPHRASES[1]}"',
       "rwuser backup authPriv")
+
+AGENT6 = "udp6:[2001:db8::10]"
+SECOND = [*os.environ.get("LAB_AGENTS", "").split(), ""][1]
 
 
 def written(tmp_path, text, mode=0o600):
@@ -98,6 +101,28 @@ def test_files_named_after_the_switches(own_agents, tmp_path):
             "filled in: name the switch, or write {host}")
         assert bool(dry) != (SERVER_ROOT / "spine-1.cfg").exists()
     assert sorted(file.name for file in SERVER_ROOT.iterdir()) == ["leaf-7.cfg", "spine-1.cfg"]
+
+
+def test_local_files_named_after_the_switches(tmp_path):
+    """A switch with two addresses is two agents of one name: the second one overwrites nothing."""
+    hosts = written(tmp_path, f"{AGENT}\n{AGENT6}\n{SECOND}\n")
+    path = f"{tmp_path}/{{name}}.cfg"
+    done = config_copy("--jobs", "1", "--hosts", hosts, "running", path)
+    assert done.status == FAILED and done.out.endswith("\n3 agents: 2 done, 1 failed\n"), done
+    first, second = [tmp_path / f"lab-switch{number}.cfg" for number in (1, 2)]
+    assert sorted(tmp_path.glob("*.cfg")) == [first, second]
+    assert f", {first}: nothing is copied; rename one, or write {{host}}\n" in done.err
+    same = config_copy("diff", AGENT, path, "running")
+    assert (same.status, same.out) == (DONE, ""), same
+    first.write_text("hostname other\n")
+    for words in ("diff", ), ("--dry-run", ):
+        done = config_copy(*words, AGENT, path, "running")
+        assert f"{first}" in done.out and "hostname other\n" in done.out, done
+    hosts.write_text(f"{AGENT}\n{SECOND}\n")
+    *found, _ = config_copy("--json", "diff", "--hosts", hosts, "running", path).objects()
+    assert {each["agent"]: (each["different"], each["to"]) for each in found} == {
+        AGENT: (True, str(first)), SECOND: (False, str(second))
+    }
 
 
 def test_others_may_not_read_secrets(tmp_path):

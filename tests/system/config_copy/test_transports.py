@@ -63,5 +63,14 @@ def test_dtls(tmp_path):
         stranger = (*options[:-4], "-T", "our_identity=agent", "-T", "their_identity=agent")
         assert config_copy(*stranger, "-t0.5", "-r0", "dtlsudp:127.0.0.1:20992", "running",
                            f"tftp://{SERVER4}/b", env=environment).status != DONE
+        hosts = tmp_path / "hosts"
+        hosts.write_text("""[near] -T their_identity=agent
+dtlsudp:127.0.0.1:20992 -T our_identity=manager
+dtlsudp:localhost:20992 -T our_identity=agent -t 0.5 -r 0
+""")
+        done = config_copy(*options[:-4], "--hosts", hosts, "running",
+                           f"tftp://{SERVER4}/{{host}}", env=environment)
+        assert done.out.startswith("[near] dtlsudp:127.0.0.1:20992: running to "), done
+        assert done.out.endswith("\n2 agents: 1 done, 1 not reachable\n"), done
     finally:
         agent.stop()
