@@ -83,6 +83,10 @@ RequestSocket::RequestSocket(int family, std::uint16_t port)
     }
     ulmo::check(::setsockopt(socket_.get(), is_ipv6 ? IPPROTO_IPV6 : IPPROTO_IP,
                              is_ipv6 ? IPV6_RECVPKTINFO : IP_PKTINFO, &yes, sizeof yes));
+    // For many switches that ask at once; the kernel limits it to its configured maximum.
+    constexpr int receive_buffer = 512 * 1024;
+    ulmo::check(
+        ::setsockopt(socket_.get(), SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof receive_buffer));
     sockaddr_storage any{}; // the wildcard of both families
     any.ss_family = static_cast<sa_family_t>(family);
     // The port is at the same place for both address families.
