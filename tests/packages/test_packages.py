@@ -16,6 +16,19 @@ CREATE_AND_WAIT, DESTROY = C.ROW_STATUS_CREATE_AND_WAIT, C.ROW_STATUS_DESTROY
 UPTIME = ".1.3.6.1.2.1.1.3.0"
 USER = "-v3 -l authPriv -u operator -a SHA-256 -A auth-passphrase -x AES -X priv-passphrase"
 README = (REPOSITORY / "debian/config-copy-mib.README.Debian").read_text()
+RECEIVER = "/usr/libexec/config-copy-receiver"
+# Runs it with a socket for orders, and prints the kind of its first report and its capabilities.
+RUN_RECEIVER = f"""
+    use Socket;
+    socketpair(my $ours, my $theirs, AF_UNIX, SOCK_SEQPACKET, 0) or die;
+    my $pid = fork;
+    if (!$pid) {{ open(STDIN, "<&", $theirs) or die; exec "{RECEIVER}" or die }}
+    close $theirs;
+    sysread($ours, my $report, 300) or die;
+    print "report ", unpack("L", $report), "\\n";
+    open(my $status, "<", "/proc/$pid/status") or die;
+    while (<$status>) {{ print "CapEff $1\\n" if /^CapEff:\\t(.*)/ }}
+"""
 LOG_OF_BEFORE = "/var/log/snmpd-transfers.log"
 
 
@@ -101,6 +114,22 @@ def test_install(switch, packages):
         "Debian-snmp 700", "Debian-snmp 755"
     ]
     switch.install(packages["config-copy"])
+
+
+def test_receiver_of_local_files_is_for_a_group(switch):
+    """Its members may run it, and then it has the port of TFTP and no capability any more."""
+    switch.shell("useradd -G config-copy member && useradd visitor")
+    assert switch.shell(f"stat -c '%U %G %a' {RECEIVER}") == "root config-copy 750\n"
+    assert switch.run("getcap", RECEIVER).stdout == f"{RECEIVER} cap_net_bind_service=ep\n"
+    switch.run("systemctl", "stop", "tftpd-hpa")  # it has that port
+    refused = switch.run("runuser", "-u", "visitor", "--", RECEIVER, check=False)
+    assert refused.returncode != 0 and "Permission denied" in refused.stdout
+    for user in ("member", "root"):
+        assert switch.run("runuser", "-u", user, "--", "perl", "-e",
+                          RUN_RECEIVER).stdout == "report 0\nCapEff 0000000000000000\n"
+    switch.run("systemctl", "start", "tftpd-hpa")
+    taken = switch.run("runuser", "-u", "member", "--", "perl", "-e", RUN_RECEIVER).stdout
+    assert taken.startswith("report 1\n"), "it had another program's port"
 
 
 def test_backup_and_restore(switch):
@@ -381,7 +410,8 @@ def test_mib_module(switch):
 def test_manual_and_completion(switch, packages):
     listed = "".join(run("dpkg", "-c", package).stdout for package in packages.values())
     for page in ("man1/config-copy.1.gz", "man1/cmdshell.1.gz", "man1/ulmo-history.1.gz",
-                 "man5/config_copy_mib.5.gz", "man5/platform.conf.5.gz", "man8/wardend.8.gz"):
+                 "man5/config_copy_mib.5.gz", "man5/platform.conf.5.gz", "man8/wardend.8.gz",
+                 "man8/config-copy-receiver.8.gz"):
         assert f"./usr/share/man/{page}\n" in listed
     for file in ("bash-completion/completions/config-copy", "zsh/vendor-completions/_config-copy",
                  "fish/vendor_completions.d/config-copy.fish"):
@@ -444,6 +474,7 @@ def test_purge(switch):
     for path in ("var/lib/ulmo", "etc/ulmo", "usr/share/config-copy-mib",
                  "usr/share/snmp/mibs/CONFIG-COPY-MIB.txt"):
         assert not (switch.root / path).exists()
+    assert switch.run("getent", "group", "config-copy", check=False).stdout == ""
     assert agent_answers(switch)
 
 
