@@ -294,6 +294,25 @@ def test_transfer_scripts_run(switch, protocol):
     assert "secret" not in switch.shell("journalctl --no-pager")
 
 
+def test_key_instead_of_a_password(switch):
+    """docs/transfers.md, with the unit of the agent as it is: the key is taken, so that the client
+    looks for the server, and only as long as nobody else may read it."""
+    text = (REPOSITORY / "docs/transfers.md").read_text()
+    (steps,) = re.findall(r"^```\n(runuser -u Debian-snmp -- ssh-keygen .*?)^```$", text,
+                          re.M | re.S)
+    settings = switch.root / "etc/ulmo/platform.conf"
+    before = settings.read_text()
+    switch.shell(steps)
+    backup = f"--password-file /dev/null running scp://netops@{SERVER}/backup.cfg"
+    ended = config_copy(switch, backup, check=False)
+    assert f"(timeout): the file server {SERVER} did not answer the switch" in ended.stdout
+    switch.shell("chmod 644 /var/lib/ulmo/ssh_identity")
+    ended = config_copy(switch, backup, check=False)
+    assert "ssh_identity = /var/lib/ulmo/ssh_identity: must be the absolute path" in ended.stdout
+    settings.write_text(before)
+    switch.shell("rm /var/lib/ulmo/ssh_identity*")
+
+
 def test_journal_has_the_log_of_the_agent_and_not_the_lines_of_requests(switch):
     switch.shell(
         f"MIBS= snmpset {USER} 127.0.0.1 {ROW_STATUS}.2 i {CREATE_AND_WAIT} && "
