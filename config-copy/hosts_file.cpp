@@ -111,17 +111,18 @@ class Reader {
 
 void check_groups(const std::vector<std::string> &wanted, const HostsFile &file,
                   const std::string &where) {
-    for (const std::string &group : wanted) {
-        if (std::find(file.groups.begin(), file.groups.end(), group) != file.groups.end()) {
-            continue;
-        }
-        std::string known;
-        for (const std::string &name : file.groups) {
-            known.append(known.empty() ? "" : ", ").append(name);
-        }
-        throw bad_usage("there is no group \"" + group + "\" in " + where +
-                        (known.empty() ? ", which has no groups" : ": there are " + known));
+    const auto unknown = std::find_if(wanted.begin(), wanted.end(), [&](const std::string &group) {
+        return std::find(file.groups.begin(), file.groups.end(), group) == file.groups.end();
+    });
+    if (unknown == wanted.end()) {
+        return;
     }
+    std::string known;
+    for (const std::string &group : file.groups) {
+        known.append(known.empty() ? ": there are " : ", ").append(group);
+    }
+    throw bad_usage("there is no group \"" + *unknown + "\" in " + where +
+                    (known.empty() ? ", which has no groups" : known));
 }
 
 // Makes the settings of equal options once.

@@ -71,11 +71,12 @@ class ProfileFiles : public testing::Test {
 TEST_F(ProfileFiles, TheUsersCounts) {
     write(system_, "# for all\n[defaults]\ntime-limit = 60\nsnmp = -v 2c -c lab\n"
                    "[nightly]\nfrom = running\ngroup = a b\njson = yes\n");
-    write(user_, "[defaults]\njson = no\n[nightly]\n  group=c # only\n\tto= \"tftp://h/a b\"\r\n"
+    write(user_, "[defaults]\njson = no\nsnmp = -r 9\n[nightly]\n  group=c # only\n\tto= "
+                 "\"tftp://h/a b\"\r\n"
                  "snmp = -c 'an other'\n[weekly]\n");
-    EXPECT_EQ((Texts{"json=no;", "snmp=-c lab -v 2c ", "time-limit=60;"}),
+    EXPECT_EQ((Texts{"json=no;", "snmp=-c lab -r 9 -v 2c ", "time-limit=60;"}),
               settings("", {system_, user_}));
-    EXPECT_EQ((Texts{"from=running;", "group=c;", "json=yes;", "snmp=-c an other -v 2c ",
+    EXPECT_EQ((Texts{"from=running;", "group=c;", "json=yes;", "snmp=-c an other -r 9 -v 2c ",
                      "time-limit=60;", "to=tftp://h/a b;"}),
               settings("nightly", {system_, user_}));
     EXPECT_EQ(
