@@ -163,12 +163,12 @@ TEST_F(HostSettings, APrivateFileIsNobodyElses) {
     };
     const std::string must = ": must be the absolute path of a file that belongs to the agent's "
                              "user, with mode 0600; copies by SFTP and SCP fail";
-    for (const mode_t mode : {0700, 0600, 0400}) {
+    for (const mode_t mode : {0700U, 0600U, 0400U}) {
         ASSERT_EQ(::chmod(key.c_str(), mode), 0);
         EXPECT_EQ(refused(key), "accepted") << mode;
     }
     EXPECT_EQ(ulmo::setting_values(setting("ssh_identity")), Texts{key});
-    for (const mode_t mode : {0640, 0620, 0610, 0604, 0602, 0601}) {
+    for (const mode_t mode : {0640U, 0620U, 0610U, 0604U, 0602U, 0601U}) {
         ASSERT_EQ(::chmod(key.c_str(), mode), 0);
         EXPECT_TRUE(refused(key).ends_with(must)) << mode;
     }
