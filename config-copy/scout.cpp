@@ -3,6 +3,7 @@
 #include "base/posix.h"
 #include "config-copy/agent_address.h"
 #include "config-copy/agent_session.h"
+#include "config-copy/ber.h"
 #include "config-copy/interrupt.h"
 #include "config-copy/server_address.h"
 #include "copy_client/session.h"
@@ -29,93 +30,9 @@ constexpr std::size_t most_asked = 2048;
 constexpr std::size_t requests_in_a_row = 64; // before answers are taken again
 constexpr std::size_t most_resolvers = 64;
 
-// BER, X.690. Tags of RFC 3417 and RFC 1157.
-constexpr char integer_tag = 0x02;
-constexpr char octets_tag = 0x04;
-constexpr char null_tag = 0x05;
-constexpr char oid_tag = 0x06;
-constexpr char sequence_tag = 0x30;
-constexpr char get_tag = static_cast<char>(0xA0);
-
-std::string ber(char tag, const std::string &content) {
-    std::string encoded(1, tag);
-    if (content.size() < 0x80) {
-        encoded += static_cast<char>(content.size());
-    } else { // up to 65535 octets, which is all that a datagram holds
-        encoded += static_cast<char>(0x82);
-        encoded += static_cast<char>(content.size() >> 8U);
-        encoded += static_cast<char>(content.size() & 0xFFU);
-    }
-    return encoded + content;
-}
-
-// Not negative.
-std::string ber(std::uint32_t number) {
-    std::string octets;
-    do {
-        octets.insert(octets.begin(), static_cast<char>(number & 0xFFU));
-        number >>= 8U;
-    } while (number != 0);
-    if ((octets[0] & 0x80) != 0) {
-        octets.insert(octets.begin(), '\0');
-    }
-    return ber(integer_tag, octets);
-}
-
 std::string get_of(std::uint32_t id, const std::string &bindings) {
-    return ber(get_tag, ber(id) + ber(0U) + ber(0U) + ber(sequence_tag, bindings));
-}
-
-std::string ber_of(const Oid &name) {
-    std::string octets(1, static_cast<char>(name[0] * 40 + name[1]));
-    for (std::size_t i = 2; i < name.size(); ++i) {
-        std::string number(1, static_cast<char>(name[i] & 0x7FU));
-        for (oid rest = name[i] >> 7U; rest != 0; rest >>= 7U) {
-            number.insert(number.begin(), static_cast<char>(0x80U | (rest & 0x7FU)));
-        }
-        octets += number;
-    }
-    return ber(oid_tag, octets);
-}
-
-// Takes a tag, a length and that many octets off the front; empty if they are not there.
-std::optional<std::pair<char, std::string_view>> take(std::string_view &rest) {
-    if (rest.size() < 2) {
-        return std::nullopt;
-    }
-    const char tag = rest[0];
-    std::size_t length = static_cast<unsigned char>(rest[1]);
-    rest.remove_prefix(2);
-    if ((length & 0x80U) != 0) {
-        const std::size_t octets = length & 0x7FU;
-        if (octets > 2 || octets > rest.size()) {
-            return std::nullopt;
-        }
-        length = 0;
-        for (std::size_t i = 0; i < octets; ++i) {
-            length = length << 8U | static_cast<unsigned char>(rest[i]);
-        }
-        rest.remove_prefix(octets);
-    }
-    if (length > rest.size()) {
-        return std::nullopt;
-    }
-    const std::string_view content = rest.substr(0, length);
-    rest.remove_prefix(length);
-    return std::pair(tag, content);
-}
-
-std::optional<std::uint32_t> take_number(std::string_view &rest) {
-    const auto taken = take(rest);
-    if (!taken || taken->first != integer_tag || taken->second.empty() ||
-        taken->second.size() > sizeof(std::uint32_t)) {
-        return std::nullopt;
-    }
-    std::uint32_t number = 0;
-    for (const char octet : taken->second) {
-        number = number << 8U | static_cast<unsigned char>(octet);
-    }
-    return number;
+    return ber::element(ber::get_tag, ber::integer(id) + ber::integer(0) + ber::integer(0) +
+                                          ber::element(ber::sequence_tag, bindings));
 }
 
 ulmo::UniqueFd socket_of(int family) {
@@ -137,46 +54,51 @@ bool is_at_hand(const std::string &agent) {
 } // namespace
 
 std::optional<std::uint32_t> id_of_answer(std::string_view datagram) {
-    const auto message = take(datagram);
-    if (!message || message->first != sequence_tag) {
+    const auto message = ber::take(datagram);
+    if (!message || message->first != ber::sequence_tag) {
         return std::nullopt;
     }
     std::string_view rest = message->second;
-    const auto version = take_number(rest);
-    const auto next = take(rest); // of SNMPv3 the header, otherwise the community
+    const auto version = ber::take_number(rest);
+    const auto next = ber::take(rest); // of SNMPv3 the header, otherwise the community
     if (!version || !next) {
         return std::nullopt;
     }
     if (*version == SNMP_VERSION_3) {
         std::string_view header = next->second;
-        return take_number(header);
+        return ber::take_number(header);
     }
-    const auto pdu = take(rest);
+    const auto pdu = ber::take(rest);
     if (!pdu) {
         return std::nullopt;
     }
     std::string_view fields = pdu->second;
-    return take_number(fields);
+    return ber::take_number(fields);
 }
 
 std::string discovery_request(std::uint32_t id) {
     constexpr std::uint32_t largest_message = 65507;
-    const std::string none = ber(octets_tag, "");
-    const std::string reportable = ber(octets_tag, "\4"); // without a user
-    const std::string header = ber(id) + ber(largest_message) + reportable +
-                               ber(static_cast<std::uint32_t>(SNMP_SEC_MODEL_USM));
-    const std::string security = none + ber(0U) + ber(0U) + none + none + none;
-    return ber(sequence_tag, ber(static_cast<std::uint32_t>(SNMP_VERSION_3)) +
-                                 ber(sequence_tag, header) +
-                                 ber(octets_tag, ber(sequence_tag, security)) +
-                                 ber(sequence_tag, none + none + get_of(id, "")));
+    const std::string none = ber::element(ber::octets_tag, "");
+    const std::string reportable = ber::element(ber::octets_tag, "\4"); // without a user
+    const std::string header = ber::integer(id) + ber::integer(largest_message) + reportable +
+                               ber::integer(static_cast<std::uint32_t>(SNMP_SEC_MODEL_USM));
+    const std::string security = none + ber::integer(0) + ber::integer(0) + none + none + none;
+    return ber::element(
+        ber::sequence_tag,
+        ber::integer(static_cast<std::uint32_t>(SNMP_VERSION_3)) +
+            ber::element(ber::sequence_tag, header) +
+            ber::element(ber::octets_tag, ber::element(ber::sequence_tag, security)) +
+            ber::element(ber::sequence_tag, none + none + get_of(id, "")));
 }
 
 std::string read_request(long version, std::string_view community, std::uint32_t id) {
-    const std::string name = ber_of(copy_cell(CC_COLUMN_ENTRY_ROW_STATUS, largest_index));
-    const std::string binding = ber(sequence_tag, name + ber(null_tag, ""));
-    return ber(sequence_tag, ber(static_cast<std::uint32_t>(version)) +
-                                 ber(octets_tag, std::string(community)) + get_of(id, binding));
+    const std::string name = ber::name(copy_cell(CC_COLUMN_ENTRY_ROW_STATUS, largest_index));
+    const std::string binding =
+        ber::element(ber::sequence_tag, name + ber::element(ber::null_tag, ""));
+    return ber::element(ber::sequence_tag,
+                        ber::integer(static_cast<std::uint32_t>(version)) +
+                            ber::element(ber::octets_tag, std::string(community)) +
+                            get_of(id, binding));
 }
 
 Scout::Scout(const std::vector<Agent> &agents, std::chrono::seconds limit, bool is_verbose)
