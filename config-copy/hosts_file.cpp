@@ -136,9 +136,7 @@ class SettingsOfAgents {
             auto &equal = by_options_[defaults_.with(*own)];
             if (!equal) {
                 equal = settings_of(defaults_.with(*own));
-                if (equal->version == SNMP_VERSION_3) {
-                    copy_client::keep_keys_of_settings(*equal);
-                }
+                copy_client::keep_keys_of_settings(*equal);
             }
             settings = equal;
         }

@@ -23,8 +23,9 @@ struct User {
 // from a passphrase.
 void set_user(netsnmp_session &session, const User &user);
 
-// Derives the keys of the passphrases in snmp.conf, if the session uses them. Otherwise the library
-// would derive them again for each agent. Call it before any thread is started.
+// Derives the keys of the passphrases in snmp.conf. Otherwise the library would derive them again
+// for each agent, even for sessions of SNMPv1 and v2c, which do not use them. Call it before any
+// thread is started.
 void keep_keys_of_settings(netsnmp_session &session);
 
 } // namespace copy_client
