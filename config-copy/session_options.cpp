@@ -3,6 +3,7 @@
 #include "base/number.h"
 #include "config-copy/failure.h"
 #include "copy_client/session.h"
+#include "copy_client/user.h"
 
 #include <strings.h>
 
@@ -102,16 +103,6 @@ struct Settings {
         std::free(session.community);
         std::free(session.securityEngineID);
         std::free(session.contextEngineID);
-        // These are copies only if they are the library's defaults.
-        if (!has("-a")) {
-            std::free(session.securityAuthProto);
-        }
-        if (!has("-x")) {
-            std::free(session.securityPrivProto);
-        }
-    }
-    [[nodiscard]] bool has(const char *option) const {
-        return std::find(words.begin(), words.end(), option) != words.end();
     }
 };
 
@@ -174,14 +165,24 @@ std::vector<std::string> SessionOptions::words() const {
     return words;
 }
 
+const std::string *SessionOptions::value(const char *option) const {
+    const auto found = values_.find(option);
+    return found == values_.end() ? nullptr : &found->second;
+}
+
 std::shared_ptr<netsnmp_session> settings_of(const SessionOptions &options) {
     const auto settings = std::make_shared<Settings>();
-    settings->words = options.words();
     auto &words = settings->words;
+    words = {"config-copy"};
+    for (const auto &[option, value] : options.values_) {
+        // Agents share passphrases even where other options differ: their keys are made below.
+        if (option != "-A" && option != "-X") {
+            words.insert(words.end(), {option.substr(0, 2), value});
+        }
+    }
     const bool has_community =
-        settings->has("-c") ||
+        options.value("-c") != nullptr ||
         ::netsnmp_ds_get_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_COMMUNITY) != nullptr;
-    words.insert(words.begin(), "config-copy");
     if (!has_community) { // the library refuses even a session that needs none
         words.insert(words.end(), {"-c", "-"});
     }
@@ -205,6 +206,11 @@ std::shared_ptr<netsnmp_session> settings_of(const SessionOptions &options) {
     if (session.version == SNMP_VERSION_3 && session.securityModel != SNMP_SEC_MODEL_TSM &&
         copy_client::security_name(session).empty()) {
         throw bad_usage("no SNMPv3 user: give -u USER, or defSecurityName in snmp.conf");
+    }
+    const std::string *const auth = options.value("-A");
+    const std::string *const priv = options.value("-X");
+    if (auth != nullptr || priv != nullptr) {
+        copy_client::set_keys(session, auth, priv);
     }
     return {settings, &session};
 }

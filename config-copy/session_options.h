@@ -16,6 +16,12 @@ namespace config_copy {
 
 inline constexpr std::string_view session_letters = "vculaAxXeEntrZT";
 
+class SessionOptions;
+
+// What the library makes of the options and of snmp.conf: everything except the agent's address.
+// The library must be initialised. Throws a Failure of usage.
+std::shared_ptr<netsnmp_session> settings_of(const SessionOptions &options);
+
 class SessionOptions {
   public:
     SessionOptions() = default;
@@ -40,14 +46,15 @@ class SessionOptions {
     bool operator<(const SessionOptions &other) const { return values_ < other.values_; }
 
   private:
+    friend std::shared_ptr<netsnmp_session> settings_of(const SessionOptions &options);
+
+    // Null if the option is not given.
+    [[nodiscard]] const std::string *value(const char *option) const;
+
     // By the option, which for -T includes the name of the transport's setting.
     std::map<std::string, std::string> values_;
 };
 
 bool is_secret(char letter);
-
-// What the library makes of the options and of snmp.conf: everything except the agent's address.
-// The library must be initialised. Deriving keys takes milliseconds. Throws a Failure of usage.
-std::shared_ptr<netsnmp_session> settings_of(const SessionOptions &options);
 
 } // namespace config_copy

@@ -49,14 +49,31 @@ void set_user(netsnmp_session &session, const User &user) {
         ::usm_lookup_auth_type(user.auth_protocol.c_str()), &session.securityAuthProtoLen);
     session.securityPrivProto = ::sc_get_priv_oid(
         ::usm_lookup_priv_type(user.priv_protocol.c_str()), &session.securityPrivProtoLen);
+    set_keys(session, &user.auth_passphrase, &user.priv_passphrase);
+}
+
+void set_keys(netsnmp_session &session, const std::string *auth_passphrase,
+              const std::string *priv_passphrase) {
+    if (session.securityAuthProto == nullptr) {
+        session.securityAuthProto =
+            const_cast<oid *>(::get_default_authtype(&session.securityAuthProtoLen));
+    }
     const Hash hash(session.securityAuthProto,
                     session.securityAuthProto + session.securityAuthProtoLen);
-    const Key auth = key_of(hash, user.auth_passphrase);
-    const Key priv = key_of(hash, user.priv_passphrase);
-    std::copy(auth.begin(), auth.end(), session.securityAuthKey);
-    std::copy(priv.begin(), priv.end(), session.securityPrivKey);
-    session.securityAuthKeyLen = auth.size();
-    session.securityPrivKeyLen = priv.size();
+    if (auth_passphrase != nullptr) {
+        const Key key = key_of(hash, *auth_passphrase);
+        std::copy(key.begin(), key.end(), session.securityAuthKey);
+        session.securityAuthKeyLen = key.size();
+    }
+    if (priv_passphrase != nullptr) {
+        if (session.securityPrivProto == nullptr) {
+            session.securityPrivProto =
+                const_cast<oid *>(::get_default_privtype(&session.securityPrivProtoLen));
+        }
+        const Key key = key_of(hash, *priv_passphrase);
+        std::copy(key.begin(), key.end(), session.securityPrivKey);
+        session.securityPrivKeyLen = key.size();
+    }
 }
 
 // Opening a session derives them. If it can't be opened, the sessions with the agents will report

@@ -23,6 +23,12 @@ struct User {
 // from a passphrase.
 void set_user(netsnmp_session &session, const User &user);
 
+// Gives the session the keys of these passphrases; of one that is null, it keeps those it has.
+// Where the session names no protocol, that of snmp.conf counts. Throws std::runtime_error if no
+// key can be derived.
+void set_keys(netsnmp_session &session, const std::string *auth_passphrase,
+              const std::string *priv_passphrase);
+
 // Derives the keys of the passphrases in snmp.conf. Otherwise the library would derive them again
 // for each agent, even for sessions of SNMPv1 and v2c, which do not use them. Call it before any
 // thread is started.

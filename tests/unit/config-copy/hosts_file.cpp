@@ -201,6 +201,43 @@ TEST_F(Hosts, VersionsSideBySide) {
     EXPECT_EQ("other", copy_client::security_name(*found[4].settings));
 }
 
+// The keys are those that the library itself would make.
+TEST_F(Hosts, KeysOfDefaultProtocols) {
+    write("a -v 3 -u u -l authPriv -A 'a pass phrase' -X 'another one'\n"
+          "b -v 3 -u u -l authPriv -A 'a pass phrase' -X 'another one' -a MD5 -x DES\n");
+    const auto found = agents();
+    const netsnmp_session &own = *found[0].settings;
+    const netsnmp_session &named = *found[1].settings;
+    EXPECT_EQ(0, ::snmp_oid_compare(own.securityAuthProto, own.securityAuthProtoLen,
+                                    named.securityAuthProto, named.securityAuthProtoLen));
+    EXPECT_EQ(0, ::snmp_oid_compare(own.securityPrivProto, own.securityPrivProtoLen,
+                                    named.securityPrivProto, named.securityPrivProtoLen));
+    ASSERT_EQ(16U, own.securityAuthKeyLen);
+    std::array<u_char, USM_AUTH_KU_LEN> key{};
+    std::size_t length = key.size();
+    const std::string passphrase = "a pass phrase";
+    ASSERT_EQ(SNMPERR_SUCCESS,
+              ::generate_Ku(named.securityAuthProto, static_cast<u_int>(named.securityAuthProtoLen),
+                            reinterpret_cast<const u_char *>(passphrase.data()), passphrase.size(),
+                            key.data(), &length));
+    EXPECT_TRUE(std::equal(key.begin(), key.begin() + length, own.securityAuthKey));
+}
+
+TEST_F(Hosts, PassphrasesThatManyShareAreCheap) {
+    std::string text;
+    for (int i = 0; i < 1000; ++i) {
+        text += "a" + std::to_string(i) +
+                " -v 3 -u u -l authPriv -a SHA-256 -A 'a pass phrase' "
+                "-x AES -X 'another one' -n context" +
+                std::to_string(i) + '\n';
+    }
+    write(text);
+    const auto began = std::chrono::steady_clock::now();
+    EXPECT_EQ(1000U, agents().size());
+    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - began;
+    EXPECT_LT(took.count(), 2) << "deriving a thousand pairs of keys takes longer";
+}
+
 TEST_F(Hosts, SomethingIsMissing) {
     write("a -v 2c -c one\nb\n");
     EXPECT_EQ("in the hosts file " + file_ +
