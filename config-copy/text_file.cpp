@@ -3,13 +3,18 @@
 #include "base/posix.h"
 #include "base/unique_fd.h"
 #include "config-copy/failure.h"
+#include "config-copy/interrupt.h"
+#include "copy_client/waiting.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cctype>
+#include <cerrno>
+#include <chrono>
 
 namespace config_copy {
 namespace {
@@ -55,8 +60,24 @@ TextFile read_text_file(const std::string &name) {
     const int descriptor = name == "-" ? STDIN_FILENO : opened.get();
     struct stat status {};
     ulmo::check(::fstat(descriptor, &status));
-    return {ulmo::read_whole(descriptor, name),
-            S_ISREG(status.st_mode) && (status.st_mode & (S_IRGRP | S_IROTH)) != 0};
+    TextFile file;
+    file.is_readable_by_others =
+        S_ISREG(status.st_mode) && (status.st_mode & (S_IRGRP | S_IROTH)) != 0;
+    std::array<char, std::size_t{64} * 1024> part;
+    for (;;) {
+        // A pipe or a terminal may stay open for long.
+        while (!copy_client::wait_for_input(descriptor, interrupt_descriptor(),
+                                            std::chrono::hours(1))) {
+        }
+        const ssize_t count = ::read(descriptor, part.data(), part.size());
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (ulmo::check(count) == 0) {
+            return file;
+        }
+        file.text.append(part.data(), static_cast<std::size_t>(count));
+    }
 }
 
 std::vector<std::string> words_of(std::string_view line) {

@@ -12,7 +12,7 @@ struct TextFile {
     bool is_readable_by_others = false; // by the group or by everybody
 };
 
-// Reads the file, or standard input for "-". Throws std::system_error.
+// Reads the file, or standard input for "-". Throws std::system_error, and Interrupted.
 TextFile read_text_file(const std::string &name);
 
 // The words of a line, separated by blanks and quoted as for a shell, which expands nothing in

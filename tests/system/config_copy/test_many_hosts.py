@@ -5,6 +5,7 @@ import contextlib
 import resource
 import signal
 import socket
+import subprocess
 import time
 
 import pytest
@@ -199,6 +200,16 @@ def test_agents_on_standard_input(own_agents):
     done = config_copy("--hosts", "-", "running", "startup", stdin="#\n")
     assert (done.status,
             done.err) == (USAGE, "config-copy: standard input lists no agent: write one per line\n")
+
+
+def test_interruption_while_the_agents_are_read():
+    with subprocess.Popen(["config-copy", "--hosts", "-", "running", "startup"],
+                          stdin=subprocess.PIPE, text=True) as process:
+        process.stdin.write("switch1\n")
+        process.stdin.flush()
+        time.sleep(0.5)
+        process.send_signal(signal.SIGINT)
+        assert process.wait(10) == -signal.SIGINT
 
 
 @pytest.mark.parametrize("lines, url, text", [
