@@ -1,6 +1,7 @@
 // An agent, and what is needed to talk to it.
 #pragma once
 
+#include "config-copy/session_options.h"
 #include "copy_client/session.h"
 
 #include <memory>
@@ -14,6 +15,8 @@ struct Agent {
     // Everything except the agent's address. Many agents may share it.
     std::shared_ptr<const netsnmp_session> settings;
     std::string sys_name; // for {name}; empty until it is asked for
+    // Those that the hosts file gives the agent; null: none.
+    std::shared_ptr<const SessionOptions> listed_options = nullptr;
 };
 
 } // namespace config_copy

@@ -102,7 +102,7 @@ std::string for_bash() {
         for (const std::string &name : option.names) {
             names += ' ' + name;
         }
-        if (option.argument == "FILE") {
+        if (takes_file(option.argument)) {
             files += ' ' + option.names.back();
         } else if (!option.words.empty()) {
             words += "\n    [" + option.names.back() + "]=" + quoted(option.words);
@@ -130,9 +130,9 @@ std::string for_zsh() {
             spec += '[' + option.help + ']';
             if (has_value) {
                 spec += ':' + option.argument + ':' +
-                        (option.argument == "FILE" ? "_files"
-                         : option.words.empty()    ? " "
-                                                   : '(' + option.words + ')');
+                        (takes_file(option.argument) ? "_files"
+                         : option.words.empty()      ? " "
+                                                     : '(' + option.words + ')');
             }
             text += "    " + quoted(spec) + '\n';
         }
@@ -148,7 +148,7 @@ std::string for_fish() {
             text += name.starts_with("--") ? " -l " + name.substr(2) : " -s " + name.substr(1);
         }
         if (!option.argument.empty()) {
-            text += option.argument == "FILE" ? " -rF" : " -x";
+            text += takes_file(option.argument) ? " -rF" : " -x";
         }
         if (!option.words.empty()) {
             text += " -a " + quoted(option.words);

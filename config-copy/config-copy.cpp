@@ -3,12 +3,15 @@
 #include "config-copy/completion.h"
 #include "config-copy/copy_run.h"
 #include "config-copy/difference.h"
+#include "config-copy/failed_hosts.h"
 #include "config-copy/failure.h"
 #include "config-copy/interrupt.h"
 #include "config-copy/keep.h"
 #include "config-copy/local_file.h"
 #include "config-copy/local_transfer.h"
 #include "config-copy/many_hosts.h"
+#include "config-copy/metrics.h"
+#include "config-copy/on_done.h"
 #include "config-copy/options.h"
 #include "config-copy/output.h"
 #include "config-copy/password.h"
@@ -85,17 +88,56 @@ CopyJob job_of(const Options &options) {
     return job;
 }
 
-ExitStatus copy(const Options &options, const CopyJob &job, Output &output) {
-    if (options.hosts_file) {
-        return status_of_all(copy_on_all(options.agents, job, options.jobs, output));
-    }
+Outcome copy_on_one(const Options &options, const CopyJob &job, Output &output) {
     const Agent &agent = options.agents.front();
     const Progress progress = [&](const Step &step) { output.progress(agent.name, step); };
-    Outcome outcome = job.is_diff ? compare(agent, job, progress) : copy(agent, job, progress);
-    keep(agent, job, progress, outcome);
-    show_what_a_restore_brings(agent, job, progress, outcome);
-    output.outcome(outcome);
-    return outcome.status;
+    for (int attempt = 1;; ++attempt) {
+        Outcome outcome = job.is_diff ? compare(agent, job, progress) : copy(agent, job, progress);
+        keep(agent, job, progress, outcome);
+        show_what_a_restore_brings(agent, job, progress, outcome);
+        set_attempts(outcome, attempt);
+        if (attempt > options.retries || !may_pass(outcome)) {
+            output.outcome(outcome);
+            return outcome;
+        }
+    }
+}
+
+// Writes and runs what the options want after all copies. Returns whether that was done.
+bool pass_on(const Options &options, const std::vector<Outcome> &outcomes, Output &output) {
+    bool is_done = true;
+    const auto attempt = [&](const auto &step) {
+        try {
+            step();
+        } catch (const Failure &failure) {
+            is_done = false;
+            output.failure(failure, "");
+        }
+    };
+    if (options.failed_hosts) {
+        attempt([&] { write_failed_hosts(*options.failed_hosts, options.agents, outcomes); });
+    }
+    if (options.metrics) {
+        attempt([&] {
+            write_metrics(*options.metrics, options.profile, outcomes, std::time(nullptr));
+        });
+    }
+    if (options.on_done) {
+        for (const Outcome &outcome : outcomes) {
+            attempt([&] { run_on_done(*options.on_done, outcome, time_limit_of_on_done); });
+        }
+    }
+    return is_done;
+}
+
+ExitStatus copy(const Options &options, const CopyJob &job, Output &output) {
+    const std::vector<Outcome> outcomes =
+        options.hosts_file ? copy_on_all(options.agents, job, options.jobs, options.retries, output)
+                           : std::vector{copy_on_one(options, job, output)};
+    const ExitStatus status = status_of_all(outcomes);
+    // A dry run changes nothing.
+    const bool is_done = job.is_dry_run || pass_on(options, outcomes, output);
+    return is_done || status != ExitStatus::done ? status : ExitStatus::failed;
 }
 
 ExitStatus run(const Options &options, Output &output) {

@@ -193,7 +193,8 @@ std::vector<Agent> read_hosts(const std::string &file, const std::vector<std::st
             continue;
         }
         try {
-            agents.push_back({listed.name, listed.group, settings.of(listed.options), ""});
+            agents.push_back(
+                {listed.name, listed.group, settings.of(listed.options), "", listed.options});
         } catch (const Failure &failure) {
             throw bad_usage(location(where, listed.line) + listed.name + ": " + failure.what());
         }

@@ -31,13 +31,6 @@ Json seconds(double value) {
     return std::round(value * 100) / 100; // the resolution of the agent's clock
 }
 
-// The status's name without blanks.
-std::string key_of(ExitStatus status) {
-    std::string key(name_of(status));
-    std::replace(key.begin(), key.end(), ' ', '_');
-    return key;
-}
-
 std::string in_lower_case(std::string text) {
     std::transform(text.begin(), text.end(), text.begin(),
                    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
@@ -114,6 +107,16 @@ std::unique_ptr<Output> json_output(const Style &style) {
     return std::make_unique<JsonOutput>(style.is_diff);
 }
 
+std::string utf8_of(const std::string &text) {
+    return Json::parse(line_of(text)).get<std::string>();
+}
+
+std::string key_of(ExitStatus status) {
+    std::string key(name_of(status));
+    std::replace(key.begin(), key.end(), ' ', '_');
+    return key;
+}
+
 std::string json_of(const Outcome &outcome) {
     Json switches = Json::array();
     for (const auto &[address, wwn, reported] : outcome.switches) {
@@ -126,6 +129,7 @@ std::string json_of(const Outcome &outcome) {
                     {"ending", key_of(outcome.status)},
                     {"status", static_cast<int>(outcome.status)},
                     {"dry_run", outcome.is_dry_run},
+                    {"attempts", outcome.attempts},
                     {"from", text_or_null(outcome.from)},
                     {"to", text_or_null(outcome.to)},
                     {"server", text_or_null(outcome.server)},

@@ -9,6 +9,12 @@ std::unique_ptr<Output> json_output(const Style &style);
 
 // Parts of the implementation.
 
+// The text with U+FFFD for octets that are not UTF-8.
+std::string utf8_of(const std::string &text);
+
+// The name of a status without blanks, as in not_reachable.
+std::string key_of(ExitStatus status);
+
 // The outcome on one line. Octets that are not UTF-8 become U+FFFD.
 std::string json_of(const Outcome &outcome);
 std::string json_difference(const Outcome &outcome);

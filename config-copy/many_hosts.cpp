@@ -11,7 +11,9 @@
 #include <condition_variable>
 #include <deque>
 #include <exception>
+#include <functional>
 #include <mutex>
+#include <numeric>
 #include <optional>
 #include <string>
 #include <thread>
@@ -115,10 +117,11 @@ Outcome copy_on(const Agent &agent, const std::string &address, const CopyJob &j
     return outcome;
 }
 
-} // namespace
+using Report = std::function<void(const Outcome &outcome)>;
 
-std::vector<Outcome> copy_on_all(const std::vector<Agent> &agents, const CopyJob &job, int jobs,
-                                 Output &output) {
+// Tries the copy once on each agent.
+std::vector<Outcome> try_on_all(const std::vector<Agent> &agents, const CopyJob &job, int jobs,
+                                const Report &report, int attempt) {
     std::vector<Outcome> outcomes(agents.size());
     Queue queue;
     Scout scout(agents, job.time_limit, job.is_verbose);
@@ -129,7 +132,8 @@ std::vector<Outcome> copy_on_all(const std::vector<Agent> &agents, const CopyJob
             while (const auto ready = queue.pop()) {
                 scout.wake(); // there is room for one more
                 outcomes[ready->agent] = copy_on(agents[ready->agent], ready->address, job);
-                output.outcome(outcomes[ready->agent]);
+                set_attempts(outcomes[ready->agent], attempt);
+                report(outcomes[ready->agent]);
             }
         } catch (const InterruptedWithRequests &interrupted) {
             const std::lock_guard lock(mutex);
@@ -150,7 +154,8 @@ std::vector<Outcome> copy_on_all(const std::vector<Agent> &agents, const CopyJob
         const auto missing = [&](std::size_t agent, const Failure &reason) {
             outcomes[agent] = planned(job, agents[agent]);
             outcomes[agent].fail(reason);
-            output.outcome(outcomes[agent]);
+            set_attempts(outcomes[agent], attempt);
+            report(outcomes[agent]);
         };
         // An agent that has been found should not wait for long.
         const auto room = [&] { return most - std::min(most, queue.size()); };
@@ -164,6 +169,40 @@ std::vector<Outcome> copy_on_all(const std::vector<Agent> &agents, const CopyJob
     }
     if (interrupting_signal() != 0) {
         throw Interrupted{};
+    }
+    return outcomes;
+}
+
+} // namespace
+
+std::vector<Outcome> copy_on_all(const std::vector<Agent> &agents, const CopyJob &job, int jobs,
+                                 int retries, Output &output) {
+    std::vector<Outcome> outcomes(agents.size());
+    std::vector<std::size_t> open(agents.size()); // those that have no last outcome
+    std::iota(open.begin(), open.end(), 0);
+    for (int attempt = 1; !open.empty(); ++attempt) {
+        const auto is_last = [&](const Outcome &outcome) {
+            return attempt > retries || !may_pass(outcome);
+        };
+        const Report report = [&](const Outcome &outcome) {
+            if (is_last(outcome)) {
+                output.outcome(outcome);
+            }
+        };
+        std::vector<Agent> tried;
+        tried.reserve(open.size());
+        for (const std::size_t agent : open) {
+            tried.push_back(agents[agent]);
+        }
+        std::vector<Outcome> ended = try_on_all(tried, job, jobs, report, attempt);
+        std::vector<std::size_t> still_open;
+        for (std::size_t i = 0; i < open.size(); ++i) {
+            if (!is_last(ended[i])) {
+                still_open.push_back(open[i]);
+            }
+            outcomes[open[i]] = std::move(ended[i]);
+        }
+        open = std::move(still_open);
     }
     output.summary(outcomes);
     return outcomes;

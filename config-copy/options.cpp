@@ -11,12 +11,15 @@
 #include "copy_client/session.h"
 
 #include <strings.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <set>
 #include <string_view>
 #include <unordered_set>
@@ -27,6 +30,7 @@ namespace {
 
 constexpr long longest_wait = 7L * 24 * 3600;
 constexpr long most_jobs = 1000;
+constexpr long most_retries = 100;
 
 long number_of(std::string_view what, std::string_view text, long least, long most) {
     const auto value = ulmo::parsed_number(text, least, most);
@@ -37,7 +41,7 @@ long number_of(std::string_view what, std::string_view text, long least, long mo
     return *value;
 }
 
-constexpr std::array<OwnOption, 17> options_of_ours{
+constexpr std::array<OwnOption, 21> options_of_ours{
     {{"hosts", 0, "FILE",
       "copy on each agent that FILE lists, one per line;\n"
       "standard input for -",
@@ -55,6 +59,28 @@ constexpr std::array<OwnOption, 17> options_of_ours{
      {"jobs", 0, "N", "on up to N agents at a time (default: 50)", Use::copies_and_diff,
       [](Options &options, std::string_view name, const std::string &value) {
           options.jobs = static_cast<int>(number_of(name, value, 1, most_jobs));
+      }},
+     {"retries", 0, "N",
+      "try again up to N times, after the others, where the\n"
+      "cause may pass: not reachable, busy, timeout",
+      Use::copies_and_diff,
+      [](Options &options, std::string_view name, const std::string &value) {
+          options.retries = static_cast<int>(number_of(name, value, 0, most_retries));
+      }},
+     {"failed-hosts", 0, "FILE", "list the agents that failed in FILE, a hosts file", Use::copies,
+      [](Options &options, std::string_view, const std::string &value) {
+          options.failed_hosts = value;
+      }},
+     {"metrics", 0, "FILE", "write the outcomes into FILE for Prometheus", Use::copies,
+      [](Options &options, std::string_view, const std::string &value) {
+          options.metrics = value;
+      }},
+     {"on-done", 0, "PROGRAM",
+      "run PROGRAM for each agent at the end, with the outcome\n"
+      "in its environment",
+      Use::copies,
+      [](Options &options, std::string_view, const std::string &value) {
+          options.on_done = std::filesystem::absolute(value).lexically_normal();
       }},
      {"password-file", 0, "FILE",
       "the file server's password is the first line of FILE,\n"
@@ -326,8 +352,20 @@ void take_endpoints(const std::vector<std::string> &arguments, const Chosen &cho
     }
 }
 
+// It is better to learn that before all copies than after them.
+void check_results(const Options &options) {
+    if (options.failed_hosts && !options.hosts_file) {
+        throw bad_usage("--failed-hosts lists agents of a hosts file: give --hosts FILE");
+    }
+    if (options.on_done && ::access(options.on_done->c_str(), X_OK) != 0) {
+        throw bad_usage("--on-done: " + *options.on_done +
+                        " can't be run: " + std::strerror(errno));
+    }
+}
+
 void parse_copy(const std::vector<std::string> &arguments, const Chosen &chosen, Options &options) {
     take_endpoints(arguments, chosen, options);
+    check_results(options);
     if (options.command == Command::diff) {
         check_comparison(options.from, options.to);
     } else {
@@ -384,7 +422,7 @@ void take(const Setting &setting, const Words &words, Options &options, Chosen &
         }
         for (const std::string &value : setting.values) {
             option.take(options, setting.key,
-                        option.argument == "FILE" ? file_in(setting, value) : value);
+                        takes_file(option.argument) ? file_in(setting, value) : value);
         }
     }
 }
@@ -418,6 +456,9 @@ void parse_arguments(std::vector<std::string> arguments, const Chosen &chosen, O
     }
     if (options.is_dry_run || options.is_replacement || options.keeping != Keeping::no) {
         throw bad_usage("--dry-run, --replace, --save and --confirm are for copies only");
+    }
+    if (options.failed_hosts || options.metrics || options.on_done) {
+        throw bad_usage("--failed-hosts, --metrics and --on-done are for copies only");
     }
     const std::string name = arguments[0];
     if (name == "diff") {
@@ -602,6 +643,7 @@ std::optional<Options> parse_options(int count, char **words) {
     }
     check_long_options(split.long_options);
     const Chosen chosen = chosen_in(split, options);
+    options.profile = chosen.profile;
     parse_arguments(split.arguments, chosen, options);
     return options;
 }

@@ -29,6 +29,8 @@ struct Options {
     std::optional<std::string> hosts_file;
     std::vector<std::string> groups; // of the hosts file; none: all agents
     int jobs = 50;
+    int retries = 0;     // of a copy that failed for a passing cause
+    std::string profile; // empty: none
     Endpoint from;
     Endpoint to;
     std::optional<oid> index;
@@ -40,6 +42,10 @@ struct Options {
     Keeping keeping = Keeping::no; // of a restored configuration
     std::optional<std::string> local_address;
     std::optional<std::string> password_file;
+    // What is written and run after all copies.
+    std::optional<std::string> failed_hosts;
+    std::optional<std::string> metrics;
+    std::optional<std::string> on_done;
     std::string completion; // what is to be printed for a shell
     std::chrono::seconds wait_turn{0};
     std::chrono::seconds time_limit{600};
@@ -56,6 +62,11 @@ std::string usage_text();
 
 // What an option of ours is for; in a configuration file it is passed over in other runs.
 enum class Use { everything, copies_and_diff, copies, itself };
+
+// Whether an argument that is called so is the name of a file.
+constexpr bool takes_file(std::string_view argument) {
+    return argument == "FILE" || argument == "PROGRAM";
+}
 
 // An option of ours. All but those that are for themselves may stand in a configuration file.
 struct OwnOption {

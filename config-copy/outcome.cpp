@@ -79,6 +79,18 @@ ExitStatus status_of_all(const std::vector<Outcome> &outcomes) {
     return all;
 }
 
+bool may_pass(const Outcome &outcome) {
+    return outcome.status == ExitStatus::unreachable || outcome.status == ExitStatus::busy ||
+           (outcome.status == ExitStatus::failed && outcome.cause == cause_name(COPY_FAIL_TIMEOUT));
+}
+
+void set_attempts(Outcome &outcome, int attempts) {
+    outcome.attempts = attempts;
+    if (attempts > 1) {
+        outcome.text += " (attempt " + std::to_string(attempts) + ')';
+    }
+}
+
 std::string state_name(std::int64_t state) {
     constexpr std::array<std::string_view, 5> names{"", "waiting", "running", "successful",
                                                     "failed"};

@@ -36,6 +36,7 @@ struct Outcome {
     ExitStatus status = ExitStatus::done;
     std::string text; // one line: what happened, and what to do about it
     bool is_dry_run = false;
+    int attempts = 1; // how often the copy was tried
     std::string from; // as from endpoint_text()
     std::string to;
     std::string server;                 // the file server's address
@@ -79,6 +80,13 @@ std::string_view name_of(ExitStatus status);
 // The status for several copies: done if all are; if the others all ended alike, their status;
 // otherwise failed. A difference counts only if nothing worse has happened.
 ExitStatus status_of_all(const std::vector<Outcome> &outcomes);
+
+// Whether the same copy may succeed a little later: the agent was not reachable or busy, or did not
+// get an answer of the file server in time.
+bool may_pass(const Outcome &outcome);
+
+// Notes that this is the outcome of the n-th attempt.
+void set_attempts(Outcome &outcome, int attempts);
 
 // The name in the MIB, or the number if it has none.
 std::string state_name(std::int64_t state);

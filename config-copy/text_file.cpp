@@ -95,6 +95,21 @@ std::vector<std::string> words_of(std::string_view line) {
     }
 }
 
+std::string quoted(const std::string &word) {
+    const bool is_plain = !word.empty() && std::all_of(word.begin(), word.end(), [](char c) {
+        return std::isalnum(static_cast<unsigned char>(c)) != 0 ||
+               std::string_view("._-:/@%+,=").find(c) != std::string_view::npos;
+    });
+    if (is_plain) {
+        return word;
+    }
+    std::string text = "'";
+    for (const char c : word) {
+        text += c == '\'' ? std::string(R"('\'')") : std::string(1, c);
+    }
+    return text + '\'';
+}
+
 bool is_plain_name(std::string_view name) {
     return !name.empty() && name[0] != '.' && name[0] != '-' &&
            std::all_of(name.begin(), name.end(), [](unsigned char c) {

@@ -19,6 +19,9 @@ TextFile read_text_file(const std::string &name);
 // them. A '#' at the beginning of a word begins a comment. Throws a Failure of usage.
 std::vector<std::string> words_of(std::string_view line);
 
+// The word as words_of() reads it back.
+std::string quoted(const std::string &word);
+
 // Letters, digits, dots, hyphens and underscores, the first of them no dot and no hyphen: a name
 // that is safe in a file's name.
 bool is_plain_name(std::string_view name);

@@ -220,6 +220,25 @@ TEST_F(CommandLine, Restore) {
     EXPECT_EQ(address, refused({"--local-address", "::1", "agent", "running", "startup"}));
 }
 
+TEST_F(CommandLine, WhatComesAfterAllCopies) {
+    const auto options = parse(
+        {"--retries=2", "--metrics", "m", "--on-done", "/bin/true", "agent", "running", "startup"});
+    EXPECT_EQ(2, options->retries);
+    EXPECT_EQ("m", options->metrics);
+    EXPECT_EQ("/bin/true", options->on_done);
+    const auto refused = [&](std::vector<std::string> words) {
+        return usage_failure([&] { parse(std::move(words)); });
+    };
+    EXPECT_EQ("--retries needs a number from 0 to 100, not \"-1\"",
+              refused({"--retries", "-1", "agent", "running", "startup"}));
+    EXPECT_EQ("--failed-hosts lists agents of a hosts file: give --hosts FILE",
+              refused({"--failed-hosts", "f", "agent", "running", "startup"}));
+    EXPECT_EQ("--on-done: /nowhere can't be run: No such file or directory",
+              refused({"--on-done", "/nowhere", "agent", "running", "startup"}));
+    EXPECT_EQ("--failed-hosts, --metrics and --on-done are for copies only",
+              refused({"--metrics", "f", "diff", "agent", "running", "startup"}));
+}
+
 TEST_F(CommandLine, Diff) {
     const auto options = parse({"diff", "agent", "running", "a.cfg"});
     EXPECT_EQ(Command::diff, options->command);
@@ -260,12 +279,21 @@ TEST(Options, TheHelpHasEachOption) {
                   text.find("--" + std::string(option.name)) == std::string::npos)
             << option.name;
     }
-    EXPECT_NE(std::string::npos,
-              text.find("\n  --jobs N               on up to N agents at a time (default: 50)\n"
-                        "  --password-file FILE   the file server's password is the first line of "
-                        "FILE,\n"
-                        "                         of standard input for -; otherwise it is asked "
-                        "for\n"));
+    EXPECT_NE(
+        std::string::npos,
+        text.find("\n  --jobs N               on up to N agents at a time (default: 50)\n"
+                  "  --retries N            try again up to N times, after the others, where the\n"
+                  "                         cause may pass: not reachable, busy, timeout\n"
+                  "  --failed-hosts FILE    list the agents that failed in FILE, a hosts "
+                  "file\n"
+                  "  --metrics FILE         write the outcomes into FILE for Prometheus\n"
+                  "  --on-done PROGRAM      run PROGRAM for each agent at the end, with the "
+                  "outcome\n"
+                  "                         in its environment\n"
+                  "  --password-file FILE   the file server's password is the first line of "
+                  "FILE,\n"
+                  "                         of standard input for -; otherwise it is asked "
+                  "for\n"));
     EXPECT_NE(std::string::npos, text.find("\n  -q, --quiet            print errors only\n"));
 }
 

@@ -129,6 +129,30 @@ TEST(Outcome, OctetsWithTheirRate) {
     EXPECT_EQ("16777216 octets (4.00 MiB/s)", octets_text(16777216, 4));
 }
 
+TEST(Outcome, ThoseThatMayPass) {
+    EXPECT_TRUE(may_pass(ended(ExitStatus::unreachable)));
+    EXPECT_TRUE(may_pass(ended(ExitStatus::busy)));
+    for (const ExitStatus status : {ExitStatus::done, ExitStatus::failed, ExitStatus::usage,
+                                    ExitStatus::refused, ExitStatus::different}) {
+        EXPECT_FALSE(may_pass(ended(status))) << name_of(status);
+    }
+    Outcome failed = ended(ExitStatus::failed);
+    failed.cause = "timeout";
+    EXPECT_TRUE(may_pass(failed));
+    failed.cause = "badConfig";
+    EXPECT_FALSE(may_pass(failed));
+}
+
+TEST(Outcome, TheLineTellsTheAttempt) {
+    Outcome outcome;
+    outcome.text = "sw: copied";
+    set_attempts(outcome, 1);
+    EXPECT_EQ("sw: copied", outcome.text);
+    set_attempts(outcome, 3);
+    EXPECT_EQ("sw: copied (attempt 3)", outcome.text);
+    EXPECT_EQ(3, outcome.attempts);
+}
+
 TEST(Outcome, SummaryOfADryRun) {
     Outcome ready = ended(ExitStatus::done);
     ready.is_dry_run = true;
@@ -141,6 +165,7 @@ TEST(Outcome, Json) {
     outcome.text = "a\\\n";
     EXPECT_EQ(
         R"({"type":"copy","agent":"a\"b","group":null,"ending":"done","status":0,"dry_run":false,)"
+        R"("attempts":1,)"
         R"("from":null,"to":null,"server":null,)"
         R"("file":null,"user":null,"snmp_user":null,"index":null,"start_time":null,)"
         R"("state":null,"cause":null,"reason":null,)"
@@ -150,6 +175,7 @@ TEST(Outcome, Json) {
     outcome.status = ExitStatus::unreachable;
     outcome.text = "";
     outcome.is_dry_run = true;
+    outcome.attempts = 2;
     outcome.from = "running";
     outcome.to = "sftp://joe@h/x-a.cfg";
     outcome.server = "192.0.2.1";
@@ -170,6 +196,7 @@ TEST(Outcome, Json) {
     outcome.switches = {{"", "20:00", "saved"}, {"192.0.2.1", "20:01", "no"}};
     EXPECT_EQ(
         R"({"type":"copy","agent":"a\"b","group":null,"ending":"not_reachable","status":4,"dry_run":true,)"
+        R"("attempts":2,)"
         R"("from":"running",)"
         R"("to":"sftp://joe@h/x-a.cfg","server":"192.0.2.1","file":"x-a.cfg","user":"joe",)"
         R"("snmp_user":"operator","index":7,)"

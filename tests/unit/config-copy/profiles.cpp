@@ -99,7 +99,8 @@ TEST_F(ProfileFiles, MistakesAreToldWithTheirLine) {
     const std::string line2 = "in " + user_ + ", line 2: ";
     EXPECT_EQ(line2 + "there is no setting \"job\": did you mean jobs?", refusal("[x]\njob = 1\n"));
     EXPECT_EQ(line2 + "there is no setting \"help\": there are from, to, snmp, hosts, group, jobs, "
-                      "password-file, wait-turn, time-limit, replace, save, confirm, "
+                      "retries, failed-hosts, metrics, on-done, password-file, wait-turn, "
+                      "time-limit, replace, save, confirm, "
                       "local-address, dry-run, quiet, verbose, json",
               refusal("[x]\nhelp = yes\n"));
     for (const std::string key : {"from", "to", "hosts", "group"}) {
