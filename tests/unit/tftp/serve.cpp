@@ -80,7 +80,8 @@ struct Served {
                 tftp::answer_read(client, *request, content.size(),
                                   [this](std::uint64_t offset, std::span<std::uint8_t> block) {
                                       return content.copy(reinterpret_cast<char *>(block.data()),
-                                                          block.size(), offset);
+                                                          block.size(),
+                                                          static_cast<std::size_t>(offset));
                                   });
             } else {
                 tftp::answer_write(
