@@ -1,4 +1,5 @@
 // config-copy: copies configurations of switches over SNMP. See config-copy(1).
+#include "base/posix.h"
 #include "config-copy/agent_session.h"
 #include "config-copy/completion.h"
 #include "config-copy/copy_run.h"
@@ -16,6 +17,9 @@
 #include "config-copy/output.h"
 #include "config-copy/password.h"
 #include "config-copy/requests.h"
+
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
@@ -187,15 +191,28 @@ ExitStatus run(const Options &options, Output &output) {
     return ExitStatus::done;
 }
 
+// Nothing that is opened may get the number of a closed standard stream: texts for that stream
+// would be written into it. What is opened instead refuses to be used, as the closed one would.
+void reserve_standard_descriptors() {
+    for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (::fcntl(descriptor, F_GETFD) < 0) {
+            ulmo::check(::open("/dev/null",
+                               descriptor == STDIN_FILENO ? O_WRONLY : O_RDONLY)); // the lowest
+        }
+    }
+}
+
 int run(int count, char **words) {
     Style style;
     style.is_json = asks_for_json(count, words);
     std::unique_ptr<Output> output = make_output(style);
     ExitStatus status = ExitStatus::done;
     try {
+        reserve_standard_descriptors();
         watch_signals();
         if (const std::optional<Options> options = parse_options(count, words)) {
-            const bool is_output_taken = options->to.local == standard_stream;
+            const bool is_output_taken =
+                options->to.local == standard_stream && !options->is_dry_run;
             style = {options->is_json, options->is_quiet || is_output_taken, options->is_verbose,
                      options->command == Command::diff, options->hosts_file.has_value()};
             output = make_output(style);

@@ -235,7 +235,7 @@ class Run {
         CopyState end;
         try {
             end = row_.await_end([&] {
-                progress_({"copy running",
+                progress_({"copying",
                            std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - began),
                            local_ ? local_->octets_arrived() : std::nullopt});
             });

@@ -24,10 +24,14 @@ std::string path_of(const ulmo::UniqueFd &file) {
     return "/proc/" + std::to_string(::getpid()) + "/fd/" + std::to_string(file.get());
 }
 
+bool has_replace_line(std::string_view text) {
+    return ulmo::trimmed(text.substr(0, text.find('\n'))) == replace_line;
+}
+
 // The line is no part of a configuration, but tells what to do with it.
 std::string without_replace_line(std::string text) {
-    const std::size_t end = text.find('\n');
-    if (ulmo::trimmed(std::string_view(text).substr(0, end)) == replace_line) {
+    if (has_replace_line(text)) {
+        const std::size_t end = text.find('\n');
         text.erase(0, end == std::string::npos ? end : end + 1);
     }
     return text;
@@ -38,9 +42,9 @@ std::optional<std::string> content_at(const Agent &agent, const Endpoint &endpoi
                                       const CopyJob &job, const Progress &progress,
                                       Outcome &outcome) {
     if (endpoint.is_local()) {
-        return without_replace_line(content_of(
+        return content_of(
             job.content ? job.content->get()
-                        : snapshot(local_path(endpoint, path_values(job, agent)), false).get()));
+                        : snapshot(local_path(endpoint, path_values(job, agent)), false).get());
     }
     CopyJob fetch = job;
     fetch.from = endpoint;
@@ -57,12 +61,13 @@ std::optional<std::string> content_at(const Agent &agent, const Endpoint &endpoi
 }
 
 std::string count_of_lines(const Difference &difference) {
-    return std::to_string(difference.added) + " added, " + std::to_string(difference.removed) +
-           " removed";
+    return std::to_string(difference.added) + (difference.added == 1 ? " line" : " lines") +
+           " added, " + std::to_string(difference.removed) + " removed";
 }
 
-// Compares, unless the outcome tells why not.
-void compare(Agent agent, const CopyJob &job, const Endpoint &from, const Endpoint &to,
+// Compares, unless the outcome tells why not. Returns whether TO begins with the line that makes it
+// replace a configuration.
+bool compare(Agent agent, const CopyJob &job, const Endpoint &from, const Endpoint &to,
              const Progress &progress, Outcome &outcome) {
     if (has_template(from, "name") || has_template(to, "name")) {
         try {
@@ -71,10 +76,10 @@ void compare(Agent agent, const CopyJob &job, const Endpoint &from, const Endpoi
             learn_name(session, job, agent);
         } catch (const Failure &failure) {
             outcome.fail(failure);
-            return;
+            return false;
         } catch (const Trouble &trouble) {
             outcome.fail(failure_of(trouble, agent.name));
-            return;
+            return false;
         }
     }
     const PathValues values = path_values(job, agent);
@@ -82,10 +87,12 @@ void compare(Agent agent, const CopyJob &job, const Endpoint &from, const Endpoi
     outcome.to = endpoint_text(job.to, values);
     const auto one = content_at(agent, from, job, progress, outcome);
     const auto other = one ? content_at(agent, to, job, progress, outcome) : std::nullopt;
-    if (one && other) {
-        outcome.difference =
-            difference(*one, *other, endpoint_text(from, values), endpoint_text(to, values));
+    if (!one || !other) {
+        return false;
     }
+    outcome.difference = difference(without_replace_line(*one), without_replace_line(*other),
+                                    endpoint_text(from, values), endpoint_text(to, values));
+    return has_replace_line(*other);
 }
 
 } // namespace
@@ -126,9 +133,9 @@ Outcome compare(const Agent &agent, const CopyJob &job, const Progress &progress
     if (outcome.difference) {
         const bool is_different = outcome.difference->any();
         outcome.status = is_different ? ExitStatus::different : ExitStatus::done;
-        outcome.text = agent.name + ": " + outcome.from + " and " + outcome.to +
-                       (is_different ? " differ: lines " + count_of_lines(*outcome.difference)
-                                     : " are the same");
+        outcome.text =
+            agent.name + ": " + outcome.from + " and " + outcome.to +
+            (is_different ? " differ: " + count_of_lines(*outcome.difference) : " are the same");
     }
     return outcome;
 }
@@ -139,10 +146,14 @@ void show_what_a_restore_brings(const Agent &agent, const CopyJob &job, const Pr
         return;
     }
     const std::string planned_text = outcome.text;
-    compare(agent, job, {FileType::running, {}, {}}, job.from, progress, outcome);
+    const bool replaces =
+        compare(agent, job, {FileType::running, {}, {}}, job.from, progress, outcome);
     if (outcome.difference) {
-        outcome.text = planned_text + "; against running, its lines are " +
-                       count_of_lines(*outcome.difference);
+        outcome.text =
+            planned_text + "; compared with running: " + count_of_lines(*outcome.difference);
+        if (outcome.difference->removed > 0 && !replaces && !job.is_replacement) {
+            outcome.text += " (but a line that the file lacks stays, unless --replace is given)";
+        }
     }
 }
 

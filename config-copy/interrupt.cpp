@@ -26,7 +26,9 @@ extern "C" void note_signal(int number) {
 
 void watch_signals() {
     ulmo::check(::pipe2(wake.data(), O_CLOEXEC | O_NONBLOCK), "pipe2");
-    std::signal(SIGPIPE, SIG_IGN); // a closed pipe must not leave requests behind
+    // A closed pipe or a file that is too large must not leave requests behind.
+    std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
     struct sigaction action {};
     action.sa_handler = note_signal;
     action.sa_flags = static_cast<int>(SA_RESETHAND | SA_RESTART);

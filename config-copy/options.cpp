@@ -270,6 +270,9 @@ const std::string &agent_of(const std::string &argument) {
     if (argument.empty()) {
         throw bad_usage("AGENT is empty: write the switch's name or address");
     }
+    if (argument[0] == '@') {
+        throw bad_usage("a profile comes first: write config-copy " + argument + " ...");
+    }
     return argument;
 }
 
@@ -340,8 +343,9 @@ void take_endpoints(const std::vector<std::string> &arguments, const Chosen &cho
         options.from = endpoint_in(*chosen.from);
         options.to = endpoint_in(*chosen.to);
     } else if (chosen.profile.empty()) {
-        throw bad_usage(options.hosts_file ? "with --hosts, name FROM and TO, and no AGENT"
-                                           : "name AGENT, FROM and TO (config-copy --help)");
+        const std::string both = options.command == Command::diff ? "A and B" : "FROM and TO";
+        throw bad_usage(options.hosts_file ? "with --hosts, name " + both + ", and no AGENT"
+                                           : "name AGENT, " + both + " (config-copy --help)");
     } else if (arguments.size() == agents) {
         throw bad_usage("the profile @" + chosen.profile + " has no " +
                         (chosen.from ? "`to`" : "`from`") + ": add it, or name FROM and TO");
@@ -522,9 +526,9 @@ std::span<const OwnOption> own_options() {
 std::string usage_text() {
     std::string text =
         R"(usage: config-copy [OPTIONS] AGENT FROM TO
-       config-copy [OPTIONS] --hosts FILE [--jobs N] FROM TO
+       config-copy [OPTIONS] --hosts FILE [--group NAME] [--jobs N] FROM TO
        config-copy [OPTIONS] @PROFILE [AGENT] [FROM TO]
-       config-copy [OPTIONS] diff AGENT A B
+       config-copy [OPTIONS] diff [AGENT] A B
        config-copy [OPTIONS] list AGENT
        config-copy [OPTIONS] errors AGENT [INDEX]
        config-copy [OPTIONS] abort AGENT INDEX

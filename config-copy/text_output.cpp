@@ -136,7 +136,10 @@ std::string summary_of(const std::vector<Outcome> &outcomes, bool is_diff) {
         const bool is_done = status == ExitStatus::done;
         if (const std::size_t count = count_of(outcomes, status); count > 0 || is_done) {
             text += (is_done ? ": " : ", ") + std::to_string(count) + ' ';
-            text += is_done && is_diff ? "same" : is_done && is_dry_run ? "ready" : name_of(status);
+            text += is_done && is_diff            ? "same"
+                    : is_done && is_dry_run       ? "ready"
+                    : status == ExitStatus::usage ? "with unusable input"
+                                                  : name_of(status);
         }
         if (const auto unchanged = std::count_if(
                 outcomes.begin(), outcomes.end(),

@@ -34,7 +34,7 @@ def test_running_to_a_file(options, server):
     assert done.status == DONE, done
     assert (SERVER_ROOT / "up.cfg").read_text() == show("running")
     assert re.fullmatch(
-        rf"({AGENT}: copy running\n)?{AGENT}: running to tftp://{re.escape(server)}/up.cfg copied "
+        rf"({AGENT}: copying\n)?{AGENT}: running to tftp://{re.escape(server)}/up.cfg copied "
         r"in \d+\.\d\d s, \d+ octets\n",
         done.out), done
     assert done.err == ""
@@ -211,7 +211,7 @@ def test_output_that_cannot_be_written(words):
 def test_lines_without_a_terminal():
     with busy_device():
         process = started(AGENT, "running", "startup")
-        assert process.stdout.readline() == f"{AGENT}: copy running\n"
+        assert process.stdout.readline() == f"{AGENT}: copying\n"
     done = ended(process)
     assert done.status == DONE, done
     assert re.fullmatch(rf"{AGENT}: running to startup copied in \d+\.\d\d s\n", done.out), done
@@ -221,8 +221,8 @@ def test_live_line_on_a_terminal():
     with busy_device():
         status, shown, _ = on_terminal("--time-limit", "2", AGENT, "running", "startup")
     assert status == FAILED
-    assert f"\r{AGENT}: copy running, 0 s\033[K" in shown, shown
-    assert f"\r{AGENT}: copy running, 1 s\033[K" in shown, shown
+    assert f"\r{AGENT}: copying, 0 s\033[K" in shown, shown
+    assert f"\r{AGENT}: copying, 1 s\033[K" in shown, shown
     assert "\r\033[Kconfig-copy: " in shown
 
 

@@ -29,7 +29,7 @@ def no_row_stays(operator):
 
 def check(done, status, text):
     """One clear line."""
-    out = done.out.replace(f"{AGENT}: copy running\n", "")
+    out = done.out.replace(f"{AGENT}: copying\n", "")
     assert (done.status, out, done.err) == (status, "", f"config-copy: {text}\n")
 
 
@@ -109,7 +109,7 @@ def test_time_limit_of_a_transfer(words, broken_link):
 @TRANSFERS
 def test_interruption_of_a_transfer(operator, words, broken_link):
     process = started(AGENT, *words)
-    assert process.stdout.readline() == f"{AGENT}: copy running\n"
+    assert process.stdout.readline() == f"{AGENT}: copying\n"
     process.send_signal(signal.SIGINT)
     done = ended(process)
     assert (done.status, done.err) == (
@@ -433,7 +433,7 @@ def test_interruption_aborts_a_save(operator, number, lines_of, tmp_path):
     before = startup()
     with busy_device():
         process = started(AGENT, "running", "startup")
-        assert process.stdout.readline() == f"{AGENT}: copy running\n"
+        assert process.stdout.readline() == f"{AGENT}: copying\n"
         process.send_signal(number)
         done = ended(process)
         assert (done.status,

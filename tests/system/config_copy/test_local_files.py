@@ -123,10 +123,56 @@ def test_a_dry_run_of_a_restore_shows_what_would_change(here):
     (here / "new.cfg").write_text(show("running") + "vlan 317\n")
     done = config_copy("--dry-run", AGENT, "new.cfg", "running")
     assert done.status == DONE and "\n+vlan 317\n" in done.out, done
-    assert "lines are 1 added, 0 removed" in done.out
+    assert "; compared with running: 1 line added, 0 removed\n" in done.out
     assert "vlan 317\n" not in show("running")
     replaced = config_copy("--dry-run", "--replace", AGENT, "new.cfg", "running")
     assert "configuration replace" not in replaced.out, replaced
+
+
+def test_a_dry_run_says_that_a_merged_file_removes_nothing(here):
+    count = len(show("running").splitlines())
+    text = f"; compared with running: 1 line added, {count} removed"
+    stays = " (but a line that the file lacks stays, unless --replace is given)"
+    (here / "new.cfg").write_text("vlan 317\n")
+    merged = config_copy("--dry-run", AGENT, "new.cfg", "running")
+    assert merged.status == DONE and merged.out.endswith(f"{text}{stays}\n"), merged
+    replaced = config_copy("--dry-run", "--replace", AGENT, "new.cfg", "running")
+    assert replaced.status == DONE and replaced.out.endswith(f"{text}\n"), replaced
+    (here / "new.cfg").write_text("configuration replace\nvlan 317\n")
+    own_line = config_copy("--dry-run", AGENT, "new.cfg", "running")
+    assert own_line.status == DONE and own_line.out.endswith(f"{text}\n"), own_line
+
+
+def test_a_dry_run_of_a_backup_to_standard_output_says_so(here):
+    done = config_copy("--dry-run", AGENT, "running", "-")
+    assert done.status == DONE and "would copy running to -" in done.out, done
+
+
+@pytest.mark.parametrize("closed", ["", "<&-", ">&-", "2>&-", "<&- >&-", ">&- 2>&-",
+                                    "<&- >&- 2>&-"])
+def test_closed_standard_streams(here, closed):
+    """What the command opens must not get their numbers: texts would be written into it."""
+    done = subprocess.run(f"config-copy {AGENT} running a.cfg {closed}", shell=True, timeout=30,
+                          stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, check=False)
+    assert (here / "a.cfg").read_text() == show("running")
+    assert done.returncode == (FAILED if ">&-" in closed.split() else DONE), done
+    assert leftovers(here) == []
+
+
+def test_no_standard_input(here):
+    done = subprocess.run(f"config-copy {AGENT} - running <&-", shell=True, timeout=30,
+                          stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, check=False)
+    assert (done.returncode, done.stdout) == (USAGE, ""), done
+    assert done.stderr == "config-copy: standard input can't be read: Bad file descriptor\n"
+
+
+def test_a_limit_of_the_size_of_files_leaves_nothing(here):
+    """It would end the command with the request on the switch."""
+    done = subprocess.run(f"ulimit -f 0; config-copy {AGENT} running a.cfg >out", shell=True,
+                          timeout=30, stderr=subprocess.PIPE, text=True, check=False)
+    assert done.returncode == FAILED, done
+    assert "File too large" in done.stderr, done
+    assert [path.name for path in here.iterdir()] == ["out"]
 
 
 def test_many_agents_with_one_receiver(here):
@@ -145,7 +191,7 @@ def test_many_agents_with_one_receiver(here):
     other = config_copy("diff", "--hosts", "hosts", "backup/{host}.cfg", "running")
     assert other.status == DIFFERENT, other
     assert other.out.endswith("2 agents: 1 same, 1 different\n"), other
-    differ = f"{SECOND}: backup/{SECOND}.cfg and running differ: lines 0 added, 1 removed"
+    differ = f"{SECOND}: backup/{SECOND}.cfg and running differ: 0 lines added, 1 removed"
     assert differ in other.out
 
 

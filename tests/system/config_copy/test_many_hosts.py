@@ -134,7 +134,7 @@ def test_waiting_for_turns(own_agents, tmp_path, broken_link):
     busy, free = [agent.name for agent in own_agents(2, SETTINGS)]
     words = (*USER, "--hosts", hosts_file(tmp_path, [busy, free]), "startup", "running")
     hanging = started(*USER, busy, "running", f"tftp://{SERVER4}/hanging.cfg")
-    assert hanging.stdout.readline() == f"{busy}: copy running\n"
+    assert hanging.stdout.readline() == f"{busy}: copying\n"
     for options, ending in ((), ": try again later, or queue with --wait-turn SECONDS"), ((
             "--wait-turn", 1), ", and did not end in 1 s"):
         done = config_copy(*options, *words)
