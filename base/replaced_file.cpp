@@ -2,11 +2,14 @@
 
 #include "base/ownership.h"
 #include "base/posix.h"
+#include "base/text.h"
 
 #include <fcntl.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -18,11 +21,34 @@ namespace {
 
 constexpr mode_t owner_only = 0600;
 
-UniqueFd made_under_any_name(std::filesystem::path &temporary, const std::filesystem::path &path) {
+// Clears the name if the file has none. Not every file system has such files.
+UniqueFd made_under_no_name(std::filesystem::path &temporary, const std::filesystem::path &path) {
+    UniqueFd nameless(
+        ::open(path.parent_path().c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, owner_only));
+    if (nameless) {
+        temporary.clear();
+        return nameless;
+    }
     std::string name = path.parent_path() / ".new-XXXXXX";
     UniqueFd file(check(::mkostemp(name.data(), O_CLOEXEC), "cannot make", path.native()));
     temporary = name;
     return file;
+}
+
+// Gives a file without a name a temporary one in the folder.
+std::filesystem::path named(const UniqueFd &file, const std::filesystem::path &folder) {
+    const std::string itself = "/proc/self/fd/" + std::to_string(file.get());
+    for (;;) {
+        std::array<char, 8> octets{};
+        check(::getrandom(octets.data(), octets.size(), 0), "getrandom");
+        std::filesystem::path name = folder / (".new-" + in_hex({octets.data(), octets.size()}));
+        if (::linkat(AT_FDCWD, itself.c_str(), AT_FDCWD, name.c_str(), AT_SYMLINK_FOLLOW) == 0) {
+            return name;
+        }
+        if (errno != EEXIST) {
+            throw_errno("cannot make", name.native());
+        }
+    }
 }
 
 UniqueFd made_under_fixed_name(const std::filesystem::path &temporary,
@@ -40,7 +66,7 @@ UniqueFd made_under_fixed_name(const std::filesystem::path &temporary,
 ReplacedFile::ReplacedFile(std::filesystem::path path, Manner manner)
     : path_(std::move(path)), temporary_(path_.native() + ".new"), manner_(manner) {
     const ActingAsOwner owner(path_.parent_path());
-    file_ = manner_ == Manner::unlocked ? made_under_any_name(temporary_, path_)
+    file_ = manner_ == Manner::unlocked ? made_under_no_name(temporary_, path_)
                                         : made_under_fixed_name(temporary_, path_);
 }
 
@@ -51,7 +77,7 @@ ReplacedFile::ReplacedFile(std::filesystem::path path, std::string_view content,
 }
 
 ReplacedFile::~ReplacedFile() {
-    if (file_) {
+    if (file_ && !temporary_.empty()) {
         const ActingAsOwner owner(path_.parent_path());
         ::unlink(temporary_.c_str());
     }
@@ -77,6 +103,9 @@ void ReplacedFile::commit() {
     if (manner_ == Manner::lasting) {
         constexpr int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
         directory = UniqueFd(check(::open(folder.c_str(), flags), "cannot open", folder.native()));
+    }
+    if (temporary_.empty()) {
+        temporary_ = named(file_, folder);
     }
     check(std::rename(temporary_.c_str(), path_.c_str()), "cannot rename to", path_.native());
     file_.reset();

@@ -8,19 +8,21 @@
 
 namespace ulmo {
 
-// New content for the file `path`, mode 0600, kept under a temporary name in the same folder until
-// commit(). At any moment the file is the complete old one or the complete new one. All work is
-// done as the folder's owner (base/ownership.h). Throws std::system_error.
+// New content for the file `path`, mode 0600, kept in the same folder, mostly under a temporary
+// name, until commit(). At any moment the file is the complete old one or the complete new one. All
+// work is done as the folder's owner (base/ownership.h). Throws std::system_error.
 class ReplacedFile {
   public:
     enum class Manner {
-        lasting,  // finish() and commit() return when their work is on the disk
-        passing,  // no wait for the disk: the content need not survive a power failure
-        unlocked, // like passing, and others may replace the file at the same time
+        lasting, // finish() and commit() return when their work is on the disk
+        passing, // no wait for the disk: the content need not survive a power failure
+        // Like passing, and others may replace the file at the same time; the content has no name
+        // before commit(), so that a killed process leaves nothing.
+        unlocked,
     };
     // For lasting and passing files, callers exclude each other with a lock. The temporary name is
-    // then PATH.new, and a leftover of a killed process is removed. For unlocked files it is a new
-    // name each time.
+    // then PATH.new, and a leftover of a killed process is removed. Unlocked files have one only
+    // where the file system has no files without a name; it is a new name each time.
     explicit ReplacedFile(std::filesystem::path path, Manner manner = Manner::lasting);
     // The same with all of its content, finished.
     ReplacedFile(std::filesystem::path path, std::string_view content,

@@ -24,6 +24,13 @@ std::string name_of_source(const std::string &path) {
     return path == standard_stream ? "standard input" : "the file " + path;
 }
 
+bool has_changed_since(const struct stat &before, int file) {
+    struct stat now {};
+    return ::fstat(file, &now) != 0 || now.st_size != before.st_size ||
+           now.st_mtim.tv_sec != before.st_mtim.tv_sec ||
+           now.st_mtim.tv_nsec != before.st_mtim.tv_nsec;
+}
+
 std::string read_source(const std::string &path) {
     ulmo::UniqueFd opened;
     int file = STDIN_FILENO;
@@ -39,6 +46,10 @@ std::string read_source(const std::string &path) {
                               : ""));
     };
     if (file < 0) {
+        throw unreadable(errno);
+    }
+    struct stat before {};
+    if (::fstat(file, &before) != 0) {
         throw unreadable(errno);
     }
     std::string content;
@@ -57,6 +68,11 @@ std::string read_source(const std::string &path) {
             throw unreadable(errno);
         }
         if (count == 0) {
+            // Half of a configuration can be one, too.
+            if (S_ISREG(before.st_mode) && has_changed_since(before, file)) {
+                throw bad_usage(name_of_source(path) +
+                                " changed while it was read: try again when it is complete");
+            }
             return content;
         }
         content.append(buffer.data(), static_cast<std::size_t>(count));

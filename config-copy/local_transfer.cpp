@@ -28,6 +28,7 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr std::string_view program_name = "config-copy-receiver";
+constexpr const char *was_ended = "it crashed or was killed";
 constexpr auto pause_before_next_try = 200ms;
 
 // Beside this program where it was built, otherwise where it is installed.
@@ -106,8 +107,7 @@ LocalTransfers::LocalTransfers(std::chrono::seconds patience) {
             break;
         }
         stop();
-        const std::string reason =
-            first ? std::string(first->text.data()) : path_of_program() + " ended at once";
+        const std::string reason = first ? std::string(first->text.data()) : has_ended(was_ended);
         const bool is_in_use = first && first->error == EADDRINUSE;
         if (!is_in_use || std::chrono::steady_clock::now() >= until) {
             throw Failure(is_in_use ? ExitStatus::busy : ExitStatus::failed, reason);
@@ -136,7 +136,7 @@ void LocalTransfers::stop() {
 }
 
 void LocalTransfers::listen() {
-    std::string end = "for a reason that it does not tell";
+    std::string end = was_ended;
     try {
         while (const auto report = receiver::receive_report(socket_.get())) {
             const std::lock_guard lock(mutex_);

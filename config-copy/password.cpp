@@ -22,10 +22,10 @@ namespace config_copy {
 namespace {
 
 // Reads one line, octet by octet, so that the rest stays for other readers. Stops at an
-// interruption. Throws std::system_error.
+// interruption, and where the line is too long for a password. Throws std::system_error.
 std::string line_of(int descriptor) {
     std::string line;
-    for (;;) {
+    while (line.size() <= longest_password + 1) { // that may be a CR
         std::array<pollfd, 2> waited{
             {{descriptor, POLLIN, 0}, {interrupt_descriptor(), POLLIN, 0}}};
         ::poll(waited.data(), waited.size(), -1);
@@ -106,13 +106,21 @@ std::string from_file(const std::string &name) {
     }
 }
 
+std::string from_standard_input() {
+    try {
+        return line_of(STDIN_FILENO);
+    } catch (const std::system_error &error) {
+        throw bad_usage("no password can be read from standard input: " + error.code().message());
+    }
+}
+
 } // namespace
 
 std::string read_password(const std::optional<std::string> &file, const std::string &account,
                           bool may_be_empty, bool is_input_taken) {
     const bool is_standard_input =
         file ? *file == "-" : !is_input_taken && ::isatty(STDIN_FILENO) == 0;
-    std::string password = is_standard_input ? line_of(STDIN_FILENO)
+    std::string password = is_standard_input ? from_standard_input()
                            : file            ? from_file(*file)
                                              : from_terminal(account, is_input_taken);
     if (password.empty() && !may_be_empty) {

@@ -19,6 +19,9 @@
 namespace config_copy {
 namespace {
 
+// A million agents.
+constexpr std::size_t largest_file = std::size_t{64} * 1024 * 1024;
+
 constexpr std::string_view blanks = " \t\r";
 
 bool is_escaped_in_quotes(char c) {
@@ -77,6 +80,9 @@ TextFile read_text_file(const std::string &name) {
             return file;
         }
         file.text.append(part.data(), static_cast<std::size_t>(count));
+        if (file.text.size() > largest_file) {
+            ulmo::throw_error(EFBIG);
+        }
     }
 }
 

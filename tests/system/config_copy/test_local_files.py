@@ -6,10 +6,11 @@ import signal
 import socket
 import subprocess
 import time
+from pathlib import Path
 
 import pytest
 from command import BUSY, DONE, FAILED, UNREACHABLE, USAGE, config_copy, ended, rows, started
-from copy_table import AGENT, run, show
+from copy_table import AGENT, run, show, wait_for
 from saves import running, startup
 
 SECOND = [*os.environ.get("LAB_AGENTS", "").split(), ""][1]
@@ -159,6 +160,54 @@ def test_closed_standard_streams(here, closed):
     assert leftovers(here) == []
 
 
+def test_a_killed_copy_leaves_no_file(here):
+    """Its request expires by itself."""
+    for delay in (0.05, 0.1, 0.2, 0.4):
+        process = started("--wait-turn", "30", AGENT, "running", "a.cfg")
+        time.sleep(delay)
+        process.kill()
+        ended(process)
+    assert {path.name for path in here.iterdir()} <= {"a.cfg"}
+    assert config_copy("--wait-turn", "30", AGENT, "running", "a.cfg").status == DONE
+    for row in rows_of(AGENT):
+        assert config_copy("abort", AGENT, row).status == DONE
+
+
+def rows_of(agent):
+    return [request["index"] for request in config_copy("--json", "list", agent).objects()]
+
+
+def test_the_receiver_is_killed(here):
+    # It ends before or after the command has it ready, and before or after the copy.
+    for delay in (0, 0.02, 0.05, 0.1):
+        process = started("--wait-turn", "30", AGENT, "running", "a.cfg")
+        children = Path(f"/proc/{process.pid}/task/{process.pid}/children")
+        wait_for(lambda: children.read_text(), 10, "the receiver")
+        receiver = int(children.read_text())
+        time.sleep(delay)
+        os.kill(receiver, signal.SIGKILL)
+        done = ended(process)
+        if done.status == DONE:
+            assert (here / "a.cfg").read_text() == show("running")
+        else:
+            text = "config-copy-receiver has ended: it crashed or was killed\n"
+            assert done.status == FAILED and done.err.endswith(text), done
+        assert leftovers(here) == []
+
+
+@pytest.mark.parametrize("words, text", [
+    (("--hosts", "/dev/zero", "running", "{host}.cfg"),
+     "the hosts file /dev/zero can't be read: File too large"),
+    (("--password-file", "/dev/zero", AGENT, "running", f"scp://user@{AGENT}/a.cfg"),
+     "the password is longer than the "),
+    (("@", AGENT), "a profile is written @NAME"),
+    (("list", "@nightly"), "a profile comes first: write config-copy @nightly ..."),
+])
+def test_input_that_is_no_good(here, words, text):
+    done = config_copy(*words)
+    assert done.status == USAGE and text in done.err and done.err.count("\n") == 1, done
+
+
 def test_no_standard_input(here):
     done = subprocess.run(f"config-copy {AGENT} - running <&-", shell=True, timeout=30,
                           stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, check=False)
@@ -200,6 +249,18 @@ def test_two_copies_at_a_time_share_the_port(here):
     for process in both:
         done = ended(process)
         assert done.status == DONE, done
+
+
+def test_the_address_at_which_the_switch_reaches_this_machine(here):
+    given = config_copy("--json", "--local-address", AGENT, SECOND, "running", "a.cfg")
+    assert given.status == DONE and given.objects()[0]["server"] == AGENT, given
+    wrong = config_copy("--local-address", "203.0.113.1", SECOND, "running", "b.cfg")
+    assert wrong.status == FAILED, wrong
+    assert "the file server on this machine (203.0.113.1) did not answer the switch" in wrong.err
+    assert "no request of the switch has arrived at this machine" in wrong.err
+    other = config_copy("--local-address", "2001:db8::10", SECOND, "running", "b.cfg")
+    assert other.status == USAGE and "write both alike" in other.err, other
+    assert [path.name for path in here.iterdir()] == ["a.cfg"]
 
 
 def test_a_port_that_is_taken(here):

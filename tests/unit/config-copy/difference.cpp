@@ -43,6 +43,8 @@ TEST(Differences, InSummaries) {
         compared("a", ExitStatus::done), compared("b", ExitStatus::different),
         compared("c", ExitStatus::different), compared("d", ExitStatus::unreachable)};
     EXPECT_EQ("4 agents: 1 same, 2 different, 1 not reachable", summary_of(outcomes, true));
+    EXPECT_EQ("2 agents: 1 same, 1 with unusable input",
+              summary_of({outcomes[0], compared("e", ExitStatus::usage)}, true));
     EXPECT_EQ(R"({"type":"summary","agents":4,"done":1,"different":2,"failed":0,"usage":0,)"
               R"("refused":0,"not_reachable":1,"busy":0})",
               json_summary(outcomes, true));

@@ -9,7 +9,9 @@
 
 #include <filesystem>
 #include <iterator>
+#include <stop_token>
 #include <string>
+#include <thread>
 
 namespace config_copy {
 namespace {
@@ -66,6 +68,19 @@ TEST_F(LocalFile, WhatCanNotBeSent) {
                   " has more than the 134217728 octets that a switch "
                   "takes",
               refused(path("large")));
+}
+
+TEST_F(LocalFile, AFileThatChangesWhileItIsReadIsNotSent) {
+    write(path("a"), "x");
+    const std::uintmax_t size = largest_local_file / 2; // takes much longer to read than to resize
+    fs::resize_file(path("a"), size);
+    const std::jthread writer([file = path("a"), size](const std::stop_token &stop) {
+        for (std::uintmax_t less = 0; !stop.stop_requested(); ++less) {
+            fs::resize_file(file, size - less % 1024);
+        }
+    });
+    EXPECT_EQ("the file " + path("a") + " changed while it was read: try again when it is complete",
+              usage_failure([&] { snapshot(path("a"), false); }));
 }
 
 TEST_F(LocalFile, ATargetIsReplacedWhole) {

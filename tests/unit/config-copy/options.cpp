@@ -244,7 +244,7 @@ TEST_F(CommandLine, Diff) {
     EXPECT_EQ(Command::diff, options->command);
     EXPECT_EQ(FileType::running, options->from.type);
     EXPECT_EQ("a.cfg", options->to.local);
-    EXPECT_EQ("name AGENT, FROM and TO (config-copy --help)", usage_failure([&] {
+    EXPECT_EQ("name AGENT, A and B (config-copy --help)", usage_failure([&] {
                   parse({"diff", "running", "a.cfg"});
               }));
 }
