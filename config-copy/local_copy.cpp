@@ -12,12 +12,15 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <string_view>
 
 namespace config_copy {
 namespace {
 
 // The transfer's end is reported before the switch can report its own.
 constexpr std::chrono::seconds longest_delay_of_report(2);
+
+constexpr std::string_view refused_address = "127.0.0.1"; // by the agent, for every server
 
 constexpr in_port_t any_port = 69; // nothing is sent
 
@@ -78,6 +81,10 @@ LocalCopy::LocalCopy(const CopyJob &job, const PathValues &values, const std::st
         throw bad_usage("--local-address is an address of " +
                         std::string(server_.type == INET_ADDRESS_IPV4 ? "IPv4" : "IPv6") +
                         ", and the agent is reached by the other version: write both alike");
+    }
+    if (address_text(server_.octets) == refused_address) {
+        throw bad_usage("a switch does not copy files of 127.0.0.1: name the agent by another of "
+                        "its addresses");
     }
     if (job.into) {
         file_ = job.into->get();

@@ -4,7 +4,9 @@ by TFTP at the manager itself."""
 import os
 import signal
 import socket
+import stat
 import subprocess
+import tempfile
 import time
 from pathlib import Path
 
@@ -15,6 +17,7 @@ from saves import running, startup
 
 SECOND = [*os.environ.get("LAB_AGENTS", "").split(), ""][1]
 DIFFERENT = 1
+NOBODY = 65534
 
 
 @pytest.fixture(autouse=True)
@@ -283,6 +286,50 @@ def test_bad_places(here):
     full = subprocess.run(f"config-copy {AGENT} running - >/dev/full", shell=True, text=True,
                           stderr=subprocess.PIPE, timeout=30)
     assert full.returncode == FAILED and "standard output can't be written" in full.stderr
+
+
+@pytest.fixture
+def folder_of_nobody():
+    with tempfile.TemporaryDirectory(dir="/tmp") as name:
+        folder = Path(name)
+        os.chown(folder, NOBODY, NOBODY)
+        folder.chmod(0o755)
+        yield folder
+
+
+def test_a_folder_of_another_user(here, folder_of_nobody):
+    """Root writes there with that user's rights, and follows no link of that user."""
+    (here / "own").write_text("root's\n")
+    file = folder_of_nobody / "a.cfg"
+    file.symlink_to(here / "own")
+    done = config_copy(AGENT, "running", file)
+    assert done.status == DONE, done
+    status = file.lstat()
+    assert stat.S_ISREG(status.st_mode) and status.st_uid == NOBODY
+    assert file.read_text() == show("running")
+    assert (here / "own").read_text() == "root's\n"
+    assert [path.name for path in folder_of_nobody.iterdir()] == ["a.cfg"]
+
+    (folder_of_nobody / "link").symlink_to(here)
+    outside = config_copy(AGENT, "running", folder_of_nobody / "link" / "own")
+    assert outside.status == DONE and (here / "own").read_text() == show("running"), outside
+
+
+@pytest.mark.parametrize("name, file", [("../../etc/evil", "in/etc-evil"), ("..", "in/{name}"),
+                                        (".hidden", "in/hidden")])
+def test_a_name_that_tries_to_leave_the_folder(here, own_agents, name, file):
+    (agent,) = own_agents(1, ("rwcommunity secret", f"sysName {name}"))
+    done = config_copy("-v2c", "-c", "secret", "--json", agent.name, "running", "in/{name}")
+    assert done.objects()[0]["to"] == file, done
+
+
+def test_the_loopback_is_no_address_of_a_file(here, own_agents):
+    (agent,) = own_agents(1, ("rwcommunity secret",))
+    done = config_copy("-v2c", "-c", "secret", agent.name, "running", "a.cfg")
+    assert (done.status, done.out, done.err) == (
+        USAGE, "", "config-copy: a switch does not copy files of 127.0.0.1: name the agent by "
+        "another of its addresses\n")
+    assert list(here.glob("*.cfg")) == []
 
 
 def test_a_full_disk_leaves_the_old_file(here):
