@@ -105,11 +105,15 @@ Difference difference(const std::string &from, const std::string &to, const std:
     }
     const ulmo::UniqueFd second = memory_file();
     ulmo::write_whole(second.get(), to, to_name);
+    // A change between empty lines takes most: its heading with the numbers of the lines is longer
+    // than all of them.
+    const std::size_t largest =
+        8 * (from.size() + to.size()) + from_name.size() + to_name.size() + 4096;
     const ulmo::ProgramCall call{
         {diff_program, "-a", "-u", "--label", from_name, "--label", to_name, "-", path_of(second)},
         from,
         longest_comparison,
-        2 * (from.size() + to.size()) + 4096};
+        largest};
     const ulmo::ProgramEnd end = ulmo::run_program(call);
     if (end.exit_status != 1) {
         throw Failure(ExitStatus::failed,

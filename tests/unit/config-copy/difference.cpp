@@ -26,6 +26,18 @@ TEST(Differences, OfOctetsThatAreNoText) {
     EXPECT_EQ(0U, found.text.find("--- -a\n+++ --b\n"));
 }
 
+TEST(Differences, MayBeLargerThanBothTexts) {
+    std::string from;
+    std::string to;
+    for (int i = 0; i < 2000; ++i) {
+        from += "\n\n\n\n\n\n\na\n";
+        to += "\n\n\n\n\n\n\nb\n";
+    }
+    const Difference found = difference(from, to, std::string(3000, 'f'), std::string(3000, 't'));
+    EXPECT_EQ(2000U, found.added);
+    EXPECT_LT(2 * (from.size() + to.size()), found.text.size());
+}
+
 Outcome compared(const char *agent, ExitStatus status) {
     Outcome outcome;
     outcome.agent = agent;
