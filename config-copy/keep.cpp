@@ -22,6 +22,9 @@ constexpr const char *what_follows =
     "configuration before, otherwise when it restarts";
 constexpr const char *went_back = ", but the switch has gone back to the configuration before: the "
                                   "change was not saved within its confirm_limit";
+constexpr const char *perhaps_went_back =
+    "; running was saved to startup, but whether the switch had gone back to the configuration "
+    "before by then is not known: ";
 
 // Whether the change is no longer in force, as far as the switch tells. Throws Trouble or Failure
 // if the agent does not answer.
@@ -54,9 +57,9 @@ bool is_undone_after_silence(const Agent &agent, const CopyJob &job, const Outco
 
 // Throws Trouble or Failure if the agent does not answer.
 void save(const Agent &agent, const CopyJob &job, const Progress &progress, Outcome &outcome) {
-    const bool is_over = job.keeping == Keeping::confirm
-                             ? is_undone_after_silence(agent, job, outcome, progress)
-                             : is_undone(agent, job, outcome);
+    bool is_over = job.keeping == Keeping::confirm
+                       ? is_undone_after_silence(agent, job, outcome, progress)
+                       : is_undone(agent, job, outcome);
     if (!is_over) {
         CopyJob save = job;
         save.from = {FileType::running, {}, {}};
@@ -67,13 +70,15 @@ void save(const Agent &agent, const CopyJob &job, const Progress &progress, Outc
             outcome.text += ", but " + saved.text + what_follows;
             return;
         }
+        outcome.is_saved.reset(); // perhaps it was undone shortly before
+        is_over = is_undone(agent, job, outcome);
     }
-    if (is_over || is_undone(agent, job, outcome)) {
+    outcome.is_saved = !is_over;
+    if (is_over) {
         outcome.status = ExitStatus::failed;
         outcome.text += went_back;
         return;
     }
-    outcome.is_saved = true;
     outcome.text += "; saved to startup";
 }
 
@@ -94,7 +99,8 @@ void keep(const Agent &agent, const CopyJob &job, const Progress &progress, Outc
     outcome.is_saved = false;
     const auto fail = [&](const Failure &failure) {
         outcome.status = failure.status();
-        outcome.text += std::string(", but ") + failure.what() + what_follows;
+        outcome.text += outcome.is_saved ? std::string(", but ") + failure.what() + what_follows
+                                         : std::string(perhaps_went_back) + failure.what();
     };
     try {
         save(agent, job, progress, outcome);
