@@ -62,11 +62,12 @@ ServerAddress peer_address(const std::string &agent_address) {
 
 ServerAddress own_address_towards(const ServerAddress &peer) {
     sockaddr_storage storage{};
-    socklen_t length = fill(storage, peer);
+    const socklen_t peer_length = fill(storage, peer);
+    socklen_t own_length = sizeof storage;
     const ulmo::UniqueFd probe(::socket(storage.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    if (!probe || ::connect(probe.get(), reinterpret_cast<sockaddr *>(&storage), length) != 0 ||
-        ::getsockname(probe.get(), reinterpret_cast<sockaddr *>(&storage),
-                      &(length = sizeof storage)) != 0) {
+    if (!probe ||
+        ::connect(probe.get(), reinterpret_cast<sockaddr *>(&storage), peer_length) != 0 ||
+        ::getsockname(probe.get(), reinterpret_cast<sockaddr *>(&storage), &own_length) != 0) {
         throw Failure(ExitStatus::unreachable,
                       "no route to " + address_text(peer.octets) + ": " + std::strerror(errno));
     }

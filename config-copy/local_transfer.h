@@ -40,7 +40,6 @@ class LocalTransfers {
         std::string stranger;                  // another address that used the name
     };
 
-    std::string start(); // returns why the port can't be had; empty if it serves
     void stop();
     void listen();
 

@@ -46,7 +46,7 @@ struct Outcome {
     std::optional<unsigned long> index; // the last request that was created
     // UTC by this machine's clock, as in 2026-11-21T09:30:00Z; empty if the copy never ran
     std::string start_time;
-    std::int64_t started = 0;      // the same by ccCopyTimeStarted
+    std::int64_t started = 0;      // the same by ccCopyTimeStarted, in hundredths of a second
     std::string state;             // ccCopyState at the end, as text; empty if the copy never ran
     std::string cause;             // ccCopyFailCause as text; empty unless the copy failed
     std::string reason;            // the switch's own words about the failure
