@@ -278,7 +278,8 @@ void Scout::receive(int socket, const Handlers &handlers) {
         }
         const auto id = id_of_answer({buffer.data(), static_cast<std::size_t>(octets)});
         const auto found = id ? asked_.find(*id - first_id_) : asked_.end();
-        if (found != asked_.end()) {
+        // An agent knows the ids of the others, too, even of those that have not been asked yet.
+        if (found != asked_.end() && found->second.attempts > 0) {
             const std::size_t agent = found->first;
             const std::string address = found->second.address;
             end(agent);

@@ -10,7 +10,10 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <atomic>
 #include <cstring>
+#include <thread>
+#include <utility>
 
 namespace config_copy {
 namespace {
@@ -111,6 +114,20 @@ class Silent {
 
     [[nodiscard]] const std::string &name() const { return name_; }
 
+    // Waits for a request, and answers it with that id more than it has.
+    void answer_for_another(std::uint32_t more) const {
+        std::array<char, 2048> buffer{};
+        sockaddr_in manager{};
+        socklen_t length = sizeof manager;
+        const ssize_t octets =
+            ulmo::check(::recvfrom(socket_.get(), buffer.data(), buffer.size(), 0,
+                                   reinterpret_cast<sockaddr *>(&manager), &length));
+        const auto id = id_of_answer({buffer.data(), static_cast<std::size_t>(octets)});
+        const std::string answer = read_request(SNMP_VERSION_2c, "private", id.value() + more);
+        ulmo::check(::sendto(socket_.get(), answer.data(), answer.size(), 0,
+                             reinterpret_cast<sockaddr *>(&manager), length));
+    }
+
     std::size_t requests() const {
         std::array<char, 2048> buffer{};
         std::size_t count = 0;
@@ -181,6 +198,29 @@ TEST_F(ScoutTest, NobodyIsAskedWithoutRoom) {
     scout.run({[&] { return room.load(); }, [](std::size_t, const std::string &) { FAIL(); },
                [&](std::size_t, const Failure &) { ++missing; }});
     EXPECT_EQ(1U, missing);
+}
+
+TEST_F(ScoutTest, NoAgentAnswersForOneThatIsNotAskedYet) {
+    const Silent forger;
+    const Silent silent;
+    const std::string port = silent.name().substr(silent.name().find(':'));
+    agents_ = {{forger.name(), "", settings(1000, 0), ""},
+               {"localhost" + port, "", settings(100, 0), ""}};
+    Scout scout(agents_, std::chrono::seconds(10), false);
+    std::atomic<bool> is_later = false;
+    std::jthread forging([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300)); // the name is looked up
+        forger.answer_for_another(1);
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        is_later = true;
+        scout.wake();
+    });
+    std::vector<std::size_t> missing;
+    bool is_first = true;
+    scout.run({[&] { return std::exchange(is_first, false) || is_later ? 1U : 0U; },
+               [](std::size_t, const std::string &) { FAIL(); },
+               [&](std::size_t agent, const Failure &) { missing.push_back(agent); }});
+    EXPECT_EQ((std::vector<std::size_t>{1, 0}), missing);
 }
 
 } // namespace
