@@ -16,6 +16,7 @@
 #include <numeric>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -98,12 +99,12 @@ class Closing {
 Outcome copy_on(const Agent &agent, const std::string &address, const CopyJob &job) {
     Outcome outcome = planned(job, agent);
     try {
-        Session session =
-            session_at(*agent.settings, {agent.name, address}, job.is_verbose, job.time_limit);
         const Progress silent = [](const Step &) {};
         if (job.is_diff) {
             return compare(agent, job, silent);
         }
+        Session session =
+            session_at(*agent.settings, {agent.name, address}, job.is_verbose, job.time_limit);
         outcome = copy(session, agent, job, silent);
         keep(agent, job, silent, outcome);
         show_what_a_restore_brings(agent, job, silent, outcome);
@@ -148,7 +149,13 @@ std::vector<Outcome> try_on_all(const std::vector<Agent> &agents, const CopyJob 
         const auto found = [&](std::size_t agent, const std::string &address) {
             queue.push({agent, address});
             if (workers.size() < most) {
-                workers.emplace_back(work);
+                try {
+                    workers.emplace_back(work);
+                } catch (const std::system_error &) { // of those that run each does more
+                    if (workers.empty()) {
+                        throw;
+                    }
+                }
             }
         };
         const auto missing = [&](std::size_t agent, const Failure &reason) {

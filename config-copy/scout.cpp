@@ -18,6 +18,7 @@
 #include <array>
 #include <cstring>
 #include <iostream>
+#include <system_error>
 #include <utility>
 
 namespace config_copy {
@@ -114,7 +115,14 @@ Scout::Scout(const std::vector<Agent> &agents, std::chrono::seconds limit, bool 
     }
     const std::size_t resolvers = std::min(to_resolve_.size(), most_resolvers);
     for (std::size_t i = 0; i < resolvers; ++i) {
-        resolvers_.emplace_back([this] { resolve(); });
+        try {
+            resolvers_.emplace_back([this] { resolve(); });
+        } catch (const std::system_error &) { // of those that run each does more
+            if (resolvers_.empty()) {
+                throw;
+            }
+            break;
+        }
     }
 }
 
@@ -187,7 +195,7 @@ void Scout::run(const Handlers &handlers) {
             const std::size_t agent = timers_.extract(timers_.begin()).mapped();
             ask_again(agent, handlers);
         }
-        const bool is_full = room == 0 && handlers.room() > 0; // there is more to send
+        const bool may_send_more = room == 0 && handlers.room() > 0;
         const auto until = timers_.empty() ? now + 1h : timers_.begin()->first;
         const auto wait = std::chrono::ceil<std::chrono::milliseconds>(until - Clock::now());
         std::array<pollfd, 4> waited{{{ipv4_.get(), POLLIN, 0},
@@ -195,7 +203,7 @@ void Scout::run(const Handlers &handlers) {
                                       {wake_.get(), POLLIN, 0},
                                       {interrupt_descriptor(), POLLIN, 0}}};
         ::poll(waited.data(), waited.size(),
-               is_full || left_ == 0 ? 0 : static_cast<int>(std::max(wait, 0ms).count()));
+               may_send_more || left_ == 0 ? 0 : static_cast<int>(std::max(wait, 0ms).count()));
         std::uint64_t count = 0;
         [[maybe_unused]] const auto taken = ::read(wake_.get(), &count, sizeof count);
         receive(ipv4_.get(), handlers);

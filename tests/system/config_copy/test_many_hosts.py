@@ -2,6 +2,7 @@
 own, on ports of the loopback."""
 
 import contextlib
+import os
 import resource
 import signal
 import socket
@@ -14,6 +15,7 @@ from copy_table import SERVER4, SERVER_ROOT, show, wait_for
 
 ALIVE = 47
 DEAD_AFTER = 10  # seconds: two requests
+NOBODY_ELSE = 54321  # the id of a user without other processes
 USER = ("-u", "many", "-a", "SHA-256", "-A", "many-authentication", "-x", "AES", "-X",
         "many-privacy-key")
 SETTINGS = ("createUser many SHA-256 many-authentication AES many-privacy-key",
@@ -96,6 +98,28 @@ def test_more_agents_than_open_files(own_agents, tmp_path, soft, hard, count):
     assert own == 0, f"it was number {own}"
     assert all(copy["text"].startswith(f"no answer from {copy['agent']} in ")
                for copy in copies), copies
+
+
+@pytest.mark.parametrize("agent", ["unknown-{}.invalid", "unix:/nonexistent-{}"],
+                         ids=["names", "copies"])
+def test_more_agents_than_threads(tmp_path, agent):
+    """The threads that the user may have do the work of those that can't be started."""
+    count = 30
+    hosts = hosts_file(tmp_path, [agent.format(number) for number in range(count)])
+
+    def limited_user():
+        resource.setrlimit(resource.RLIMIT_NPROC, (6, 6))
+        os.setresgid(*[NOBODY_ELSE] * 3)
+        os.setresuid(*[NOBODY_ELSE] * 3)
+
+    done = config_copy(
+        *QUICK, "-v", "2c", "-c", "public", "--json", "--hosts", "-", "running", "startup",
+        stdin=hosts.read_text(), preexec_fn=limited_user, env={
+            **os.environ, "HOME": "/nonexistent"
+        })
+    assert done.status in (FAILED, UNREACHABLE), done
+    *copies, summary = done.objects()
+    assert len(copies) == summary["agents"] == count and summary["done"] == 0, done
 
 
 def test_endings_of_several_kinds(own_agents, tmp_path):
