@@ -189,8 +189,11 @@ LocalTransfer::~LocalTransfer() {
     receiver::Order order{};
     order.kind = receiver::Order::Kind::withdraw;
     order.id = id_;
-    // If the program has ended, nothing is left to withdraw.
-    [[maybe_unused]] const bool is_sent = receiver::send(transfers_.socket_.get(), order);
+    try {
+        receiver::send(transfers_.socket_.get(), order);
+    } catch (const std::system_error &) {
+        // The name stays known until the program ends.
+    }
 }
 
 std::optional<std::uint64_t> LocalTransfer::octets_moved(std::chrono::milliseconds limit) {
