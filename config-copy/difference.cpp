@@ -6,12 +6,10 @@
 #include "config-copy/agent_session.h"
 #include "config-copy/local_file.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <sstream>
-#include <system_error>
 
 namespace config_copy {
 namespace {

@@ -8,7 +8,6 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 
-#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstring>

@@ -15,12 +15,10 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <set>
 #include <string_view>
 #include <unordered_set>
 #include <utility>

@@ -10,7 +10,6 @@
 #include <array>
 #include <cstdlib>
 #include <filesystem>
-#include <set>
 #include <system_error>
 #include <utility>
 

@@ -8,10 +8,8 @@
 #include <strings.h>
 
 #include <algorithm>
-#include <array>
 #include <cctype>
 #include <cstdlib>
-#include <optional>
 
 namespace config_copy {
 namespace {

@@ -10,6 +10,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <exception>
