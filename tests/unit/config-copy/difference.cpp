@@ -69,8 +69,9 @@ TEST(Differences, InSummaries) {
 }
 
 TEST(Differences, CountOnlyIfNothingWorseHasHappened) {
-    const auto all = [](std::vector<ExitStatus> statuses) {
+    const auto all = [](const std::vector<ExitStatus> &statuses) {
         std::vector<Outcome> outcomes;
+        outcomes.reserve(statuses.size());
         for (const ExitStatus status : statuses) {
             outcomes.push_back(compared("a", status));
         }
