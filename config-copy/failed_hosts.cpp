@@ -33,7 +33,7 @@ std::string failed_hosts_text(const std::vector<Agent> &agents,
         if (outcomes[i].status == ExitStatus::done) {
             continue;
         }
-        if (agents[i].group != group) { // a group's agents stand together
+        if (agents[i].group != group) { // a group's agents follow each other
             group = agents[i].group;
             text += '[' + group + "]\n";
         }

@@ -19,7 +19,7 @@ void write_metrics(const std::string &file, const std::string &profile,
 
 // Parts of the implementation.
 
-// By labels, as they stand in the file: {agent="core1"}.
+// The times by labels, both as in the file: {agent="core1"}.
 using Successes = std::map<std::string, std::string, std::less<>>;
 Successes successes_in(std::string_view text);
 

@@ -3,6 +3,8 @@ Each test continues where the previous one ended."""
 
 import re
 import shutil
+import subprocess
+import textwrap
 import time
 
 import pytest
@@ -247,35 +249,127 @@ def test_power_cut(switch):
     assert switch.run("systemctl", "--failed", "--quiet").stdout == ""
 
 
-def test_nightly_backup(switch):
-    """The timer of docs/operations.md. The server does not exist here, so the message shows how far
-    the backup got."""
-    text = (REPOSITORY / "docs/operations.md").read_text()
-    units = {
-        name: text.split(f"# /etc/systemd/system/{name}\n")[1].split("```")[0]
-        for name in ("backup.service", "backup.timer")
-    }
-    assert "files.example.net" in units["backup.service"]
-    for name, unit in units.items():
-        (switch.root / "etc/systemd/system" / name).write_text(
-            unit.replace("files.example.net", SERVER))
-    switch.shell(
-        "echo 127.0.0.1 > /etc/switches; umask 077; echo secret > /etc/backup.password; "
-        "chown backup /etc/backup.password; umask 022; mkdir /var/backups/.snmp"
-    )
-    (switch.root / "var/backups/.snmp/snmp.conf").write_text("".join(
-        f"{line}\n"
-        for line in ("defVersion 3", "defSecurityLevel authPriv", "defSecurityName operator",
-                     "defAuthType SHA-256", "defAuthPassphrase auth-passphrase", "defPrivType AES",
-                     "defPrivPassphrase priv-passphrase")))
-    switch.shell("systemctl daemon-reload && systemctl enable --now backup.timer")
-    assert "backup.service" in switch.run("systemctl", "list-timers").stdout
-    assert switch.run("systemctl", "start", "backup", check=False).returncode != 0
+BACKUP = "config-copy-backup@nightly"
+BACKUPS = "/var/lib/config-copy/nightly"
+
+
+def git(switch, *words):
+    return switch.run("runuser", "-u", "config-copy", "--", "git", "-C", f"{BACKUPS}/switches",
+                      *words).stdout
+
+
+def backed_up(switch, succeeds=True):
+    """Runs the service; returns its journal, and the number of commits."""
+    started = switch.shell("date +%s.%N").strip()
+    ended = switch.run("systemctl", "start", BACKUP, check=False)
     switch.run("journalctl", "--sync")
-    journal = switch.run("journalctl", "-u", "backup", "-o", "cat").stdout
-    assert f"(timeout): the file server {SERVER} did not answer the switch" in journal
-    switch.run("systemctl", "disable", "--now", "backup.timer")
+    journal = switch.run("journalctl", "-u", BACKUP, "-o", "cat", "--since", f"@{started}").stdout
+    assert (ended.returncode == 0) == succeeds, journal
     switch.run("systemctl", "reset-failed")
+    return journal, int(git(switch, "rev-list", "--count", "HEAD"))
+
+
+def change(switch, name):
+    """Gives the switch another running configuration."""
+    (switch.served / "new.cfg").write_text(f"hostname {name}\n")
+    config_copy(switch, f"tftp://{SERVER}/new.cfg running")
+
+
+@pytest.fixture(scope="class")
+def nightly(switch):
+    """The profile of docs/fleet.md, with the commands as they are there. Of its two switches one is
+    this machine, the other one does not exist. Returns what the commands print."""
+    switch.run("systemctl", "stop", "tftpd-hpa")
+    with (switch.root / "etc/hosts").open("a") as hosts:
+        hosts.write(f"{SWITCH} core1\n192.0.2.99 core2\n")
+    text = (REPOSITORY / "docs/fleet.md").read_text()
+    blocks = [textwrap.dedent(block) for block in re.findall(r"^ *```sh\n(.*?)^ *```$", text,
+                                                             re.M | re.S)]
+    assert len(blocks) == 5 and "systemctl start" in blocks[2]
+    printed = [switch.run("bash", "-c", block, check=False) for block in blocks]
+    # All but the third must succeed, and that fails because one of the switches has.
+    assert [bool(block.returncode) for block in printed] == [False, False, True, False, False], [
+        block.stdout for block in printed
+    ]
+    switch.run("systemctl", "reset-failed")
+    yield [block.stdout for block in printed]
+    switch.run("systemctl", "disable", "--now", f"{BACKUP}.timer")
+    switch.run("systemctl", "start", "tftpd-hpa")
+    shutil.rmtree(switch.root / "etc/config-copy")
+
+
+class TestBackups:
+    def test_nightly_backup(self, switch, nightly):
+        assert f"{BACKUP}.service" in switch.run("systemctl", "list-timers").stdout
+        logged, restored = nightly[3:]
+        assert "no answer from core2 in " in logged
+        assert "2 agents: 1 done, 1 not reachable" in logged
+        assert "nightly: new: core1, committed as " in logged
+        assert "    nightly: new: core1\n" in logged and "core1.cfg | " in logged
+        assert restored.startswith("core1: ") and " to running copied in " in restored, restored
+        assert git(switch, "show", "HEAD:core1.cfg") == cmdshell(switch, "show running-config")
+        assert (switch.root / BACKUPS[1:] / "failed-hosts").read_text() == "core2 # not reachable\n"
+        assert switch.shell(f"stat -c '%U %a' {BACKUPS} {BACKUPS}/switches {BACKUPS}/metrics.prom "
+                            f"{BACKUPS}/switches/core1.cfg") == (
+                                "config-copy 755\nconfig-copy 700\nconfig-copy 644\n"
+                                "config-copy 600\n")
+        assert 'agent="core2",profile="nightly"' in switch.shell(
+            f"runuser -u nobody -- cat {BACKUPS}/metrics.prom")
+
+    def test_backups_commit_what_has_changed(self, switch, nightly):
+        (switch.root / "etc/config-copy/switches").write_text("core1\n")  # the other takes time
+        assert backed_up(switch)[1] == 1
+        change(switch, "other")
+        # A name is data for git, for the shell and in the message.
+        odd = "-$(touch x)`id`\" #"
+        (switch.root / BACKUPS[1:] / "switches" / f"{odd}.cfg").write_text("x\n")
+        journal, commits = backed_up(switch)
+        assert commits == 2 and "nightly: 2 switches, committed as " in journal
+        assert git(switch, "log", "-1", "--format=%B") == (
+            f"nightly: 2 switches\n\nnew: {odd}\nchanged: core1\n\n")
+        assert git(switch, "status", "--porcelain") == ""
+
+    def test_backups_that_can_not_be_committed(self, switch, nightly):
+        """The history stays whole, and the next backup commits what is missing."""
+        lock = switch.root / BACKUPS[1:] / "switches/.git/index.lock"
+        lock.touch()
+        change(switch, "locked")
+        journal, commits = backed_up(switch, succeeds=False)
+        assert commits == 2
+        assert "config-copy-backup: what has changed is not committed: fatal: " in journal
+        assert f"if no git runs there, remove {BACKUPS}/switches/.git/index.lock" in journal
+        lock.unlink()
+        assert backed_up(switch)[1] == 3
+        change(switch, "full")
+        # Objects are in a folder that is full; the rest of the history is behind it.
+        objects = f"{BACKUPS}/switches/.git/objects"
+        switch.shell(f"cp -a {objects} /root/objects && "
+                     f"mount -t tmpfs -o size=256k full {objects} && "
+                     f"cp -a /root/objects/. {objects} && chown config-copy {objects}; "
+                     f"cat /dev/zero > {objects}/rest", check=False)
+        journal, commits = backed_up(switch, succeeds=False)
+        assert commits == 3 and "No space left on device" in journal, journal
+        assert "is not committed" in journal, journal
+        git(switch, "fsck", "--strict")
+        switch.shell(f"rm {objects}/rest")
+        assert backed_up(switch)[1] == 4
+        git(switch, "fsck", "--strict")
+        switch.shell(f"rm -r /root/objects; cp -a {objects} /root/objects && umount {objects} && "
+                     f"cp -a /root/objects/. {objects}")
+
+    def test_two_backups_at_a_time(self, switch, nightly):
+        running = switch.words("flock", BACKUPS, "sleep", "60")
+        with subprocess.Popen(running) as first:
+            wait_until(
+                lambda: switch.run("flock", "-n", BACKUPS, "true", check=False).returncode)
+            journal, commits = backed_up(switch, succeeds=False)
+            first.kill()
+        assert "another backup of nightly is running, so this one ends" in journal and commits == 4
+
+    def test_service_of_backups_may_do_little(self, switch, nightly):
+        # It has 1.6.
+        switch.run("systemd-analyze", "security", "--no-pager", "--threshold=16",
+                   f"{BACKUP}.service")
 
 
 @pytest.mark.parametrize("protocol", ["ftp", "sftp", "scp"])
@@ -430,7 +524,7 @@ def test_manual_and_completion(switch, packages):
     listed = "".join(run("dpkg", "-c", package).stdout for package in packages.values())
     for page in ("man1/config-copy.1.gz", "man1/cmdshell.1.gz", "man1/ulmo-history.1.gz",
                  "man5/config_copy_mib.5.gz", "man5/platform.conf.5.gz", "man8/wardend.8.gz",
-                 "man8/config-copy-receiver.8.gz"):
+                 "man8/config-copy-receiver.8.gz", "man8/config-copy-backup.8.gz"):
         assert f"./usr/share/man/{page}\n" in listed
     for file in ("bash-completion/completions/config-copy", "zsh/vendor-completions/_config-copy",
                  "fish/vendor_completions.d/config-copy.fish"):
@@ -493,7 +587,8 @@ def test_purge(switch):
     for path in ("var/lib/ulmo", "etc/ulmo", "usr/share/config-copy-mib",
                  "usr/share/snmp/mibs/CONFIG-COPY-MIB.txt"):
         assert not (switch.root / path).exists()
-    assert switch.run("getent", "group", "config-copy", check=False).stdout == ""
+    # The history of the backups is the administrator's.
+    assert (switch.root / BACKUPS[1:] / "switches/core1.cfg").exists()
     assert agent_answers(switch)
 
 
