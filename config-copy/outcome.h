@@ -55,7 +55,8 @@ struct Outcome {
     std::string sha256;                 // of the transferred octets, in hexadecimal
     // Whether a file of this machine had that content before; empty for any other copy.
     std::optional<bool> is_unchanged;
-    // Whether a restored configuration was saved to startup; empty if that was not asked for.
+    // Whether a restored configuration was saved to startup; empty if that was not asked for, or is
+    // not known because the agent was silent after the save.
     std::optional<bool> is_saved;
     // Of what was compared, by the command diff or in a dry run.
     std::optional<Difference> difference;
