@@ -77,7 +77,9 @@ void leave_other_descriptors() {
     const int null = ulmo::check(::open("/dev/null", O_RDWR | O_CLOEXEC), "cannot open /dev/null");
     ulmo::check(::dup2(null, STDOUT_FILENO));
     ulmo::check(::dup2(null, STDERR_FILENO));
-    ::close(null);
+    if (null > STDERR_FILENO) { // otherwise it is one of those two
+        ::close(null);
+    }
     ulmo::check(::chdir("/"));
 }
 
