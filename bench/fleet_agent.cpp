@@ -6,7 +6,7 @@
 // usage: bench_fleet_agent SECONDS
 #include "base/posix.h"
 #include "base/unique_fd.h"
-#include "config-copy/ber.h"
+#include "config-copy/agents/ber.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>

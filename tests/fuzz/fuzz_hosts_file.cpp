@@ -1,7 +1,7 @@
 // Reads arbitrary hosts files. Each agent is one word, and its options, written with quotes behind
 // it, are read as the same options.
+#include "config-copy/command_line/hosts_file.h"
 #include "config-copy/failure.h"
-#include "config-copy/hosts_file.h"
 
 #include "tests/fuzz/property.h"
 

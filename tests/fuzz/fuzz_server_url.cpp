@@ -1,6 +1,6 @@
 // Reads arbitrary words as FROM or TO of a copy. An accepted file is one that a switch takes, and a
 // URL made of its parts names the same file.
-#include "config-copy/endpoint.h"
+#include "config-copy/copies/endpoint.h"
 #include "config-copy/failure.h"
 
 #include "tests/fuzz/property.h"
