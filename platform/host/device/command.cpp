@@ -36,9 +36,10 @@ constexpr Task store_task{"command_store_startup", "take a startup configuration
 // The number of the first line with a control character other than a tab, or 0.
 std::size_t line_with_control_character(std::string_view text) {
     std::size_t line = 1;
-    for (const unsigned char c : text) {
+    for (const char c : text) {
+        const auto octet = static_cast<unsigned char>(c);
         line += c == '\n' ? 1 : 0;
-        if ((c < ' ' && c != '\n' && c != '\r' && c != '\t') || c == '\x7f') {
+        if ((octet < ' ' && c != '\n' && c != '\r' && c != '\t') || c == '\x7f') {
             return line;
         }
     }
