@@ -72,9 +72,9 @@ TEST_F(LocalFile, WhatCanNotBeSent) {
 
 TEST_F(LocalFile, AFileThatChangesWhileItIsReadIsNotSent) {
     write(path("a"), "x");
-    const std::uintmax_t size = largest_local_file / 2; // takes much longer to read than to resize
+    constexpr std::uintmax_t size = largest_local_file / 2; // much longer to read than to resize
     fs::resize_file(path("a"), size);
-    const std::jthread writer([file = path("a"), size](const std::stop_token &stop) {
+    const std::jthread writer([file = path("a")](const std::stop_token &stop) {
         for (std::uintmax_t less = 0; !stop.stop_requested(); ++less) {
             fs::resize_file(file, size - less % 1024);
         }
