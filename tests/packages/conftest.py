@@ -88,6 +88,8 @@ class Switch:
         pid = self.holder.pid
         (self.init,) = Path(f"/proc/{pid}/task/{pid}/children").read_text().split()
         network = ["nsenter", "-n", "-t", self.init]
+        # The kernel may still be removing the network of a switch that was switched off.
+        run(*self.on_server(), "ip", "link", "delete", "eth0", check=False)
         run(*network, "ip", "link", "add", "eth0", "type", "veth", "peer", "name", "eth0", "netns",
             str(self.server_network.pid))
         for prefix, address in ((network, SWITCH), (self.on_server(), SERVER)):
