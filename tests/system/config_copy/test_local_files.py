@@ -11,7 +11,9 @@ import time
 from pathlib import Path
 
 import pytest
-from command import BUSY, DONE, FAILED, UNREACHABLE, USAGE, config_copy, ended, rows, started
+from command import (
+    BUSY, DONE, FAILED, UNREACHABLE, USAGE, config_copy, ended, on_terminal, rows, started,
+)
 from copy_table import AGENT, run, show, wait_for
 from saves import running, startup
 
@@ -369,3 +371,14 @@ def test_an_interruption_leaves_nothing(here):
         process.send_signal(signal.SIGINT)
         assert ended(process).status == -signal.SIGINT
     assert list(here.iterdir()) == []
+
+
+@pytest.mark.parametrize("plain", [False, True], ids=["colours", "NO_COLOR"])
+def test_colours_on_a_terminal_only(here, monkeypatch, plain):
+    if plain:
+        monkeypatch.setenv("NO_COLOR", "1")
+    (here / "a.cfg").write_text(show("running") + "vlan 320\n")
+    status, shown, _ = on_terminal("diff", AGENT, "running", "a.cfg")
+    assert status == DIFFERENT and "+vlan 320" in shown, shown
+    assert ("\033[32m+vlan 320" in shown) != plain, shown
+    assert "\033[32m" not in config_copy("diff", AGENT, "running", "a.cfg").out

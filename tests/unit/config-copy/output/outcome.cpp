@@ -143,6 +143,24 @@ TEST(Outcome, ThoseThatMayPass) {
     EXPECT_FALSE(may_pass(failed));
 }
 
+TEST(Outcome, ARestoreThatMayBeInForceIsNotTriedAgain) {
+    Outcome restore = ended(ExitStatus::unreachable);
+    restore.to = "running";
+    EXPECT_TRUE(may_pass(restore)); // it has not begun
+    restore.start_time = "2026-11-22T01:30:00Z";
+    EXPECT_FALSE(may_pass(restore));
+    restore.status = ExitStatus::busy; // the save after it
+    EXPECT_FALSE(may_pass(restore));
+    restore.status = ExitStatus::failed; // as the switch says, so nothing was applied
+    restore.cause = "timeout";
+    EXPECT_TRUE(may_pass(restore));
+    Outcome backup = restore;
+    backup.to = "tftp://192.0.2.1/a";
+    backup.status = ExitStatus::unreachable;
+    backup.cause = "";
+    EXPECT_TRUE(may_pass(backup));
+}
+
 TEST(Outcome, TheLineTellsTheAttempt) {
     Outcome outcome;
     outcome.text = "sw: copied";
