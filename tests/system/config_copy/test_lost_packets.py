@@ -65,3 +65,25 @@ def test_transfer_that_ends_between_refusal_and_question(operator, broken_link):
     done, carried = through_relay(passes, "-t", "60", "-r", "0")
     assert done.status == DONE and carried.count(SET) == 4, (done, carried)
     assert (SERVER_ROOT / "lost.cfg").read_text() == show("running")
+
+
+def test_agent_that_is_silent_after_the_save(operator, lines_of):
+    """Whether the switch had gone back by then can't be known, and that is reported."""
+    (SERVER_ROOT / "new.cfg").write_text(lines_of("vlan 316"))
+    sets, answers = [], []
+
+    def passes(kind, _):
+        if len(answers) == 6:  # three for the copy, three for the save
+            return False
+        (sets if kind == SET else answers if kind == ANSWER and len(sets) > len(answers) else
+         []).append(kind)
+        return True
+
+    done, carried = through_relay(passes, "--json", "--save", "-t", "1", "-r", "1",
+                                  words=(f"tftp://{SERVER4}/new.cfg", "running"))
+    assert carried.count(SET) == 6 and done.status == UNREACHABLE, done
+    (copy,) = done.objects()
+    assert copy["saved"] is None, done
+    assert ("; running was saved to startup, but whether the switch had gone back to the "
+            "configuration before by then is not known: no answer from ") in copy["text"], done
+    assert "vlan 316\n" in show("startup")
