@@ -14,6 +14,7 @@
 #include "config-copy/copies/local_transfer.h"
 #include "config-copy/copies/many_hosts.h"
 #include "config-copy/copies/requests.h"
+#include "config-copy/copies/retries.h"
 #include "config-copy/failure.h"
 #include "config-copy/interrupt.h"
 #include "config-copy/output/output.h"
@@ -100,10 +101,11 @@ Outcome copy_on_one(const Options &options, const CopyJob &job, Output &output) 
         keep(agent, job, progress, outcome);
         show_what_a_restore_brings(agent, job, progress, outcome);
         set_attempts(outcome, attempt);
-        if (attempt > options.retries || !may_pass(outcome)) {
+        if (attempt > options.retries.count || !may_pass(outcome)) {
             output.outcome(outcome);
             return outcome;
         }
+        wait_for_retry(1, options.retries.pause, output);
     }
 }
 

@@ -27,7 +27,8 @@ std::string nearest(std::string_view word, const std::vector<std::string> &known
     std::size_t least = 3;
     std::string found;
     for (const std::string &candidate : known) {
-        if (const std::size_t far = distance(word, candidate); far < least) {
+        if (const std::size_t far = distance(word, candidate);
+            far < std::min(least, candidate.size())) {
             least = far;
             found = candidate;
         }

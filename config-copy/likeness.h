@@ -12,7 +12,7 @@ namespace config_copy {
 // into the other. Ignores case, and takes '_' and '-' as equal.
 std::size_t distance(std::string_view a, std::string_view b);
 
-// The word that is most like this one; empty if they differ by more than two letters.
+// The word that is most like this one; empty if they differ by more than two letters, or by all.
 std::string nearest(std::string_view word, const std::vector<std::string> &known);
 
 } // namespace config_copy

@@ -19,6 +19,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <iostream>
 #include <string_view>
 #include <unordered_set>
 #include <utility>
@@ -39,7 +40,29 @@ long number_of(std::string_view what, std::string_view text, long least, long mo
     return *value;
 }
 
-constexpr std::array<OwnOption, 21> options_of_ours{
+// Which runs some options are for.
+bool has_hosts(const Options &options) {
+    return options.hosts_file.has_value();
+}
+
+bool is_to_running(const Options &options) {
+    return options.to.type == FileType::running;
+}
+
+bool is_local_to_running(const Options &options) {
+    return options.from.is_local() && is_to_running(options);
+}
+
+bool is_local(const Options &options) {
+    return options.from.is_local() || options.to.is_local() || options.command == Command::diff;
+}
+
+constexpr std::string_view for_hosts = "copies on the agents of a hosts file";
+constexpr std::string_view for_running = "copies to running";
+constexpr std::string_view for_local_to_running = "copies of a file of this machine to running";
+constexpr std::string_view for_local = "copies from or to a file of this machine";
+
+constexpr std::array<OwnOption, 23> options_of_ours{
     {{"hosts", 0, "FILE",
       "copy on each agent that FILE lists, one per line;\n"
       "standard input for -",
@@ -54,6 +77,13 @@ constexpr std::array<OwnOption, 21> options_of_ours{
       [](Options &options, std::string_view, const std::string &value) {
           options.groups.push_back(value);
       }},
+     {"to", 0, "TO",
+      "copy FROM of the profile, or running, to TO instead of\n"
+      "the profile's TO",
+      Use::copies,
+      [](Options &options, std::string_view, const std::string &value) {
+          options.other_to = value;
+      }},
      {"jobs", 0, "N", "on up to N agents at a time (default: 50)", Use::copies_and_diff,
       [](Options &options, std::string_view name, const std::string &value) {
           options.jobs = static_cast<int>(number_of(name, value, 1, most_jobs));
@@ -63,12 +93,20 @@ constexpr std::array<OwnOption, 21> options_of_ours{
       "cause may pass: not reachable, busy, timeout",
       Use::copies_and_diff,
       [](Options &options, std::string_view name, const std::string &value) {
-          options.retries = static_cast<int>(number_of(name, value, 0, most_retries));
+          options.retries.count = static_cast<int>(number_of(name, value, 0, most_retries));
+      }},
+     {"retry-pause", 0, "SECONDS",
+      "wait so long before each of these attempts (default:\n"
+      "10)",
+      Use::copies_and_diff,
+      [](Options &options, std::string_view name, const std::string &value) {
+          options.retries.pause = std::chrono::seconds(number_of(name, value, 0, longest_wait));
       }},
      {"failed-hosts", 0, "FILE", "list the agents that failed in FILE, a hosts file", Use::copies,
       [](Options &options, std::string_view, const std::string &value) {
           options.failed_hosts = value;
-      }},
+      },
+      has_hosts, for_hosts},
      {"metrics", 0, "FILE", "write the outcomes into FILE for Prometheus", Use::copies,
       [](Options &options, std::string_view, const std::string &value) {
           options.metrics = value;
@@ -102,23 +140,27 @@ constexpr std::array<OwnOption, 21> options_of_ours{
       Use::copies,
       [](Options &options, std::string_view, const std::string &) {
           options.is_replacement = true;
-      }},
+      },
+      is_local_to_running, for_local_to_running},
      {"save", 0, "", "save the restored configuration to startup", Use::copies,
       [](Options &options, std::string_view, const std::string &) {
           options.keeping = std::max(options.keeping, Keeping::save);
-      }},
+      },
+      is_to_running, for_running},
      {"confirm", 0, "",
       "the same if the agent still answers; otherwise the\n"
       "switch goes back by itself (its setting confirm_limit)",
       Use::copies,
       [](Options &options, std::string_view, const std::string &) {
           options.keeping = Keeping::confirm;
-      }},
+      },
+      is_to_running, for_running},
      {"local-address", 0, "ADDR", "the address at which the switch reaches this machine",
       Use::copies_and_diff,
       [](Options &options, std::string_view, const std::string &value) {
           options.local_address = value;
-      }},
+      },
+      is_local, for_local},
      {"dry-run", 0, "", "ask the agent, print what would be done, set nothing", Use::copies,
       [](Options &options, std::string_view, const std::string &) { options.is_dry_run = true; }},
      {"quiet", 'q', "", "print errors only", Use::everything,
@@ -150,6 +192,17 @@ const OwnOption *own_option(std::string_view word) {
                                           : word.size() == 2 && option.letter == word[1];
         });
     return found == options_of_ours.end() ? nullptr : found;
+}
+
+// The option that `word` takes back, as in --no-save; null if it takes back none.
+const OwnOption *taken_back(std::string_view word) {
+    constexpr std::string_view prefix = "--no-";
+    if (!word.starts_with(prefix)) {
+        return nullptr;
+    }
+    const OwnOption *option = own_option("--" + std::string(word.substr(prefix.size())));
+    return option == nullptr || option->takes_value() || option->use == Use::itself ? nullptr
+                                                                                    : option;
 }
 
 // The lines of the help about an option.
@@ -276,16 +329,14 @@ const std::string &agent_of(const std::string &argument) {
 
 void check_local(const Options &options) {
     const bool is_diff = options.command == Command::diff;
-    const bool is_local = options.from.is_local() || options.to.is_local() || is_diff;
-    if (options.local_address && (!is_local || !parsed_address(*options.local_address))) {
+    if (options.local_address && (!is_local(options) || !parsed_address(*options.local_address))) {
         throw bad_usage("--local-address needs the IP address of this machine as the switch sees "
                         "it, and FROM or TO that is a file of this machine");
     }
-    if (options.keeping != Keeping::no && options.to.type != FileType::running) {
+    if (options.keeping != Keeping::no && !is_to_running(options)) {
         throw bad_usage("--save and --confirm are for copies to running");
     }
-    if (options.is_replacement &&
-        !(options.from.is_local() && options.to.type == FileType::running)) {
+    if (options.is_replacement && !is_local_to_running(options)) {
         throw bad_usage("--replace is for copies of a file of this machine to running; a file on a "
                         "server replaces if its first line is \"" +
                         std::string(replace_line) + '"');
@@ -308,6 +359,7 @@ struct Chosen {
     SessionOptions session;
     std::optional<Setting> from;
     std::optional<Setting> to;
+    std::vector<Setting> for_some_runs; // that count if they apply to FROM and TO
 };
 
 // Calls `take`, and adds the setting's place to a Failure of it.
@@ -316,6 +368,13 @@ template <typename Take> void take_setting(const Setting &setting, Take take) {
         take();
     } catch (const Failure &failure) {
         throw bad_usage(location(setting) + failure.what());
+    }
+}
+
+void take_value(const Setting &setting, const OwnOption &option, Options &options) {
+    for (const std::string &value : setting.values) {
+        option.take(options, setting.key,
+                    takes_file(option.argument) ? file_in(setting, value) : value);
     }
 }
 
@@ -334,7 +393,15 @@ Endpoint endpoint_in(const Setting &setting) {
 void take_endpoints(const std::vector<std::string> &arguments, const Chosen &chosen,
                     Options &options) {
     const std::size_t agents = options.hosts_file ? 0 : 1;
-    if (arguments.size() == agents + 2) {
+    if (options.other_to && options.command == Command::copy) {
+        if (arguments.size() != agents) {
+            throw bad_usage(options.hosts_file
+                                ? "with --to name no AGENT, as there is a hosts file, and no FROM"
+                                : "with --to name the AGENT, and no FROM");
+        }
+        options.from = chosen.from ? endpoint_in(*chosen.from) : parse_endpoint("running");
+        options.to = parse_endpoint(*options.other_to);
+    } else if (arguments.size() == agents + 2) {
         options.from = parse_endpoint(arguments[agents]);
         options.to = parse_endpoint(arguments[agents + 1]);
     } else if (arguments.size() == agents && chosen.from && chosen.to) {
@@ -365,8 +432,22 @@ void check_results(const Options &options) {
     }
 }
 
+// Profiles are for copies in both directions, so a setting that does not apply is no mistake.
+void take_what_applies(const Chosen &chosen, Options &options) {
+    for (const Setting &setting : chosen.for_some_runs) {
+        const OwnOption &option = *own_option("--" + setting.key);
+        if (option.applies(options)) {
+            take_value(setting, option, options);
+        } else if (options.is_verbose) {
+            std::cerr << "config-copy: " << location(setting) << setting.key
+                      << " does not apply here: it is for " << option.applies_to << '\n';
+        }
+    }
+}
+
 void parse_copy(const std::vector<std::string> &arguments, const Chosen &chosen, Options &options) {
     take_endpoints(arguments, chosen, options);
+    take_what_applies(chosen, options);
     check_results(options);
     if (options.command == Command::diff) {
         check_comparison(options.from, options.to);
@@ -422,9 +503,10 @@ void take(const Setting &setting, const Words &words, Options &options, Chosen &
             (!option.takes_value() && !is_yes(setting))) {
             return;
         }
-        for (const std::string &value : setting.values) {
-            option.take(options, setting.key,
-                        takes_file(option.argument) ? file_in(setting, value) : value);
+        if (option.applies != nullptr) {
+            chosen.for_some_runs.push_back(setting);
+        } else {
+            take_value(setting, option, options);
         }
     }
 }
@@ -458,6 +540,9 @@ void parse_arguments(std::vector<std::string> arguments, const Chosen &chosen, O
     }
     if (options.is_dry_run || options.is_replacement || options.keeping != Keeping::no) {
         throw bad_usage("--dry-run, --replace, --save and --confirm are for copies only");
+    }
+    if (options.other_to) {
+        throw bad_usage("--to is for copies only");
     }
     if (options.failed_hosts || options.metrics || options.on_done) {
         throw bad_usage("--failed-hosts, --metrics and --on-done are for copies only");
@@ -515,6 +600,23 @@ bool initialise_library(std::vector<char *> words) {
     return result != NETSNMP_PARSE_ARGS_SUCCESS_EXIT;
 }
 
+// Options that are not to count, not even by a profile.
+void take_back(const std::set<std::string_view> &without, std::set<std::string_view> &given) {
+    const auto check = [&](std::string_view name, std::string_view other) {
+        if (given.contains(other)) {
+            throw bad_usage("--no-" + std::string(name) + " contradicts --" + std::string(other));
+        }
+    };
+    for (const std::string_view name : without) {
+        check(name, name);
+    }
+    if (without.contains("save")) {
+        check("save", "confirm"); // which saves, too
+        given.insert("confirm");
+    }
+    given.insert(without.begin(), without.end());
+}
+
 } // namespace
 
 std::span<const OwnOption> own_options() {
@@ -547,7 +649,9 @@ whose defaults come from snmp.conf, and
     for (const OwnOption &option : options_of_ours) {
         text += option.is_hidden() ? "" : help_of(option);
     }
-    return text + R"(
+    return text + R"(An option without a value takes back that of a profile with no- in front, as in
+--no-save.
+
 exit status: 0 done, 1 the copy failed (diff: they differ; 6 the copy failed),
   2 bad usage, 3 refused by the agent,
   4 agent not reachable or name not found, 5 another copy is in progress
@@ -556,6 +660,7 @@ exit status: 0 done, 1 the copy failed (diff: they differ; 6 the copy failed),
 
 Words split_words(int count, char **words, Options &options) {
     Words result;
+    std::set<std::string_view> without; // options that a profile may have
     result.library.push_back(words[0]);
     for (int i = 1; i < count; ++i) {
         const std::string_view word = words[i];
@@ -575,6 +680,13 @@ Words split_words(int count, char **words, Options &options) {
         }
         // An option with a value may be given only once, because it would not be clear which of two
         // values counts.
+        if (const OwnOption *own = taken_back(name)) {
+            if (equals != std::string_view::npos) {
+                throw bad_usage(std::string(name) + " takes no value");
+            }
+            without.insert(own->name);
+            continue;
+        }
         if (const OwnOption *own = own_option(name)) {
             std::string value;
             if (!own->takes_value()) {
@@ -601,6 +713,7 @@ Words split_words(int count, char **words, Options &options) {
             ++i;
         }
     }
+    take_back(without, result.given);
     return result;
 }
 
@@ -616,15 +729,16 @@ void check_long_options(const std::vector<std::string> &names) {
         known.reserve(options_of_ours.size() + tokens.size());
         for (const OwnOption &option : options_of_ours) {
             if (!option.is_hidden()) {
-                known.push_back("--" + std::string(option.name));
+                known.emplace_back(option.name);
             }
         }
         for (const config_line *token : tokens) {
-            known.push_back("--" + std::string(token->config_token));
+            known.emplace_back(token->config_token);
         }
-        const std::string like = nearest(name, known);
-        throw bad_usage("there is no option " + name +
-                        (like.empty() ? " (config-copy --help)" : ": did you mean " + like + '?'));
+        const std::string like = nearest(name.substr(2), known);
+        throw bad_usage(
+            "there is no option " + name +
+            (like.empty() ? " (config-copy --help)" : ": did you mean --" + like + '?'));
     }
 }
 

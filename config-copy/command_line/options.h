@@ -6,6 +6,7 @@
 #include "config-copy/command_line/session_options.h"
 #include "config-copy/copies/endpoint.h"
 #include "config-copy/copies/keep.h"
+#include "config-copy/copies/retries.h"
 
 #include <net-snmp/net-snmp-config.h>
 
@@ -29,10 +30,11 @@ struct Options {
     std::optional<std::string> hosts_file;
     std::vector<std::string> groups; // of the hosts file; none: all agents
     int jobs = 50;
-    int retries = 0;     // of a copy that failed for a passing cause
+    Retries retries;
     std::string profile; // empty: none
     Endpoint from;
     Endpoint to;
+    std::optional<std::string> other_to; // instead of the profile's
     std::optional<oid> index;
     bool is_dry_run = false;
     bool is_quiet = false;
@@ -77,6 +79,9 @@ struct OwnOption {
     Use use;
     // `name` is how the user wrote it. Throws a Failure of usage.
     void (*take)(Options &options, std::string_view name, const std::string &value);
+    // Whether it applies to the agents, FROM and TO of a copy; null: to all.
+    bool (*applies)(const Options &options) = nullptr;
+    std::string_view applies_to = {};
 
     [[nodiscard]] bool takes_value() const { return !argument.empty(); }
     [[nodiscard]] bool is_hidden() const { return help.empty(); }

@@ -23,7 +23,7 @@ constexpr std::string_view defaults = "defaults";
 constexpr std::array<std::string_view, 4> only_in_profiles{"from", "to", "hosts", "group"};
 
 std::vector<std::string> known_keys() {
-    std::vector<std::string> keys{"from", "to", "snmp"};
+    std::vector<std::string> keys{"from", "snmp"};
     for (const OwnOption &option : own_options()) {
         if (option.use != Use::itself) {
             keys.emplace_back(option.name);

@@ -183,13 +183,16 @@ std::vector<Outcome> try_on_all(const std::vector<Agent> &agents, const CopyJob 
 } // namespace
 
 std::vector<Outcome> copy_on_all(const std::vector<Agent> &agents, const CopyJob &job, int jobs,
-                                 int retries, Output &output) {
+                                 const Retries &retries, Output &output) {
     std::vector<Outcome> outcomes(agents.size());
     std::vector<std::size_t> open(agents.size()); // those that have no last outcome
     std::iota(open.begin(), open.end(), 0);
     for (int attempt = 1; !open.empty(); ++attempt) {
+        if (attempt > 1) {
+            wait_for_retry(open.size(), retries.pause, output);
+        }
         const auto is_last = [&](const Outcome &outcome) {
-            return attempt > retries || !may_pass(outcome);
+            return attempt > retries.count || !may_pass(outcome);
         };
         const Report report = [&](const Outcome &outcome) {
             if (is_last(outcome)) {

@@ -64,6 +64,8 @@ class JsonOutput : public Output {
         put((is_diff_ ? json_difference(outcome) : json_of(outcome)) + '\n');
     }
 
+    void retrying(std::size_t, std::chrono::seconds) override {}
+
     void summary(const std::vector<Outcome> &outcomes) override {
         put(json_summary(outcomes, is_diff_) + '\n');
     }

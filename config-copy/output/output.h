@@ -5,6 +5,7 @@
 #include "config-copy/output/progress.h"
 
 #include <array>
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -40,6 +41,9 @@ class Output {
 
     // The outcome of a copy. Any thread may call it.
     virtual void outcome(const Outcome &outcome) = 0;
+
+    // That so many agents are tried again after a pause.
+    virtual void retrying(std::size_t agents, std::chrono::seconds pause) = 0;
 
     // How many of several copies ended in which way.
     virtual void summary(const std::vector<Outcome> &outcomes) = 0;

@@ -68,6 +68,15 @@ class TextOutput : public Output {
         std::cerr << text << std::flush;
     }
 
+    void retrying(std::size_t agents, std::chrono::seconds pause) override {
+        end_live_line();
+        if (style_.is_diff && !style_.has_many_agents) { // whose output is the difference
+            return;
+        }
+        line(std::to_string(agents) + (agents == 1 ? " agent is" : " agents are") +
+             " tried again in " + std::to_string(pause.count()) + " s");
+    }
+
     void summary(const std::vector<Outcome> &outcomes) override {
         line(summary_of(outcomes, style_.is_diff));
     }

@@ -63,7 +63,8 @@ def one_frozen(own_agents, here):
 
 def test_tried_again_until_it_answers(one_frozen):
     hosts, alive, frozen, pid = one_frozen
-    process = started(*USER, "--json", "--retries", 30, "--hosts", hosts, "running", TO_SERVER)
+    process = started(*USER, "--json", "--retries", 30, "--retry-pause", 0, "--hosts", hosts,
+                      "running", TO_SERVER)
     assert f'"agent":"{alive}"' in process.stdout.readline()
     time.sleep(1)  # more than one attempt takes
     thaw(pid)
@@ -77,12 +78,16 @@ def test_tried_again_until_it_answers(one_frozen):
 
 def test_given_up_after_the_last_attempt(one_frozen):
     hosts, alive, frozen, _ = one_frozen
-    done = config_copy(*USER, "--retries", 2, "--hosts", hosts, "running", TO_SERVER)
-    assert done.status == UNREACHABLE, done
+    began = time.monotonic()
+    done = config_copy(*USER, "--retries", 2, "--retry-pause", 1, "--hosts", hosts, "running",
+                       TO_SERVER)
+    assert done.status == UNREACHABLE and time.monotonic() - began > 2, done
     assert done.err.startswith(f"config-copy: [edge] no answer from {frozen} in ")
     assert done.err.count("\n") == 1 and done.err.endswith(" (attempt 3)\n"), done
     assert done.out.startswith(f"[edge] {alive}: running to ") and "attempt" not in done.out, done
-    done = config_copy(*USER, "--retries", 1, frozen, "running", TO_SERVER)
+    assert done.out.splitlines()[1:3] == ["1 agent is tried again in 1 s"] * 2, done
+    done = config_copy(*USER, "--retries", 1, "--retry-pause", 0, frozen, "running", TO_SERVER)
+    assert done.out.endswith("1 agent is tried again in 0 s\n"), done
     assert done.status == UNREACHABLE and done.err.endswith(" (attempt 2)\n"), done
 
 

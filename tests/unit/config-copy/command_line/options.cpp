@@ -223,7 +223,10 @@ TEST_F(CommandLine, Restore) {
 TEST_F(CommandLine, WhatComesAfterAllCopies) {
     const auto options = parse(
         {"--retries=2", "--metrics", "m", "--on-done", "/bin/true", "agent", "running", "startup"});
-    EXPECT_EQ(2, options->retries);
+    EXPECT_EQ(2, options->retries.count);
+    EXPECT_EQ(std::chrono::seconds(10), options->retries.pause);
+    EXPECT_EQ(std::chrono::seconds(0),
+              parse({"--retry-pause=0", "agent", "running", "startup"})->retries.pause);
     EXPECT_EQ("m", options->metrics);
     EXPECT_EQ("/bin/true", options->on_done);
     const auto refused = [&](std::vector<std::string> words) {
@@ -284,6 +287,8 @@ TEST(Options, TheHelpHasEachOption) {
         text.find("\n  --jobs N               on up to N agents at a time (default: 50)\n"
                   "  --retries N            try again up to N times, after the others, where the\n"
                   "                         cause may pass: not reachable, busy, timeout\n"
+                  "  --retry-pause SECONDS  wait so long before each of these attempts (default:\n"
+                  "                         10)\n"
                   "  --failed-hosts FILE    list the agents that failed in FILE, a hosts "
                   "file\n"
                   "  --metrics FILE         write the outcomes into FILE for Prometheus\n"

@@ -98,10 +98,11 @@ TEST_F(ProfileFiles, TheUsersCounts) {
 TEST_F(ProfileFiles, MistakesAreToldWithTheirLine) {
     const std::string line2 = "in " + user_ + ", line 2: ";
     EXPECT_EQ(line2 + "there is no setting \"job\": did you mean jobs?", refusal("[x]\njob = 1\n"));
-    EXPECT_EQ(line2 + "there is no setting \"help\": there are from, to, snmp, hosts, group, jobs, "
-                      "retries, failed-hosts, metrics, on-done, password-file, wait-turn, "
-                      "time-limit, replace, save, confirm, "
-                      "local-address, dry-run, quiet, verbose, json",
+    EXPECT_EQ(line2 +
+                  "there is no setting \"help\": there are from, snmp, hosts, group, to, jobs, "
+                  "retries, retry-pause, failed-hosts, metrics, on-done, password-file, wait-turn, "
+                  "time-limit, replace, save, confirm, "
+                  "local-address, dry-run, quiet, verbose, json",
               refusal("[x]\nhelp = yes\n"));
     for (const std::string key : {"from", "to", "hosts", "group"}) {
         EXPECT_EQ(line2 + key + " belongs into a profile, not into [defaults]",
@@ -207,6 +208,82 @@ TEST_F(ProfileFiles, AProfileWithoutHosts) {
     EXPECT_EQ("behind the profile @nightly name no AGENT, as there is a hosts file, and FROM and "
               "TO only in place of the profile's",
               refused({"@nightly", "--hosts", scratch_.root() / "switches", "agent"}));
+}
+
+TEST_F(ProfileFiles, SettingsThatDoNotApplyAreNoMistake) {
+    write(user_, "[defaults]\nsnmp = -v1 -c lab\nsave = yes\nreplace = yes\nverbose = yes\n"
+                 "local-address = 192.0.2.1\nfailed-hosts = f\n");
+    ::testing::internal::CaptureStderr();
+    const Options backup = parse({"agent", "running", "tftp://h/a"});
+    const std::string line = "config-copy: in " + user_ + ", line ";
+    EXPECT_EQ(line +
+                  "7: failed-hosts does not apply here: it is for copies on the agents of a "
+                  "hosts file\n" +
+                  line +
+                  "6: local-address does not apply here: it is for copies from or to a file "
+                  "of this machine\n" +
+                  line +
+                  "4: replace does not apply here: it is for copies of a file of this "
+                  "machine to running\n" +
+                  line + "3: save does not apply here: it is for copies to running\n",
+              ::testing::internal::GetCapturedStderr());
+    EXPECT_EQ(Keeping::no, backup.keeping);
+    EXPECT_FALSE(backup.is_replacement || backup.local_address || backup.failed_hosts);
+
+    const Options restore = parse({"--no-verbose", "agent", "a.cfg", "running"});
+    EXPECT_EQ(Keeping::save, restore.keeping);
+    EXPECT_TRUE(restore.is_replacement);
+    EXPECT_EQ("192.0.2.1", restore.local_address);
+    EXPECT_FALSE(restore.is_verbose);
+    EXPECT_FALSE(
+        parse({"--no-replace", "-q", "--no-verbose", "agent", "a.cfg", "running"}).is_replacement);
+    EXPECT_EQ(Command::list, parse({"list", "agent"}).command);
+    EXPECT_EQ("--save and --confirm are for copies to running",
+              refused({"--save", "agent", "running", "startup"}));
+}
+
+TEST_F(ProfileFiles, WhatTheCommandLineTakesBack) {
+    const std::string before = "[x]\nsnmp = -v1 -c lab\n";
+    const auto keeping = [&](const std::string &settings, std::vector<std::string> words) {
+        write(user_, before + settings);
+        words.insert(words.begin(), "@x");
+        words.insert(words.end(), {"agent", "a.cfg", "running"});
+        return parse(words).keeping;
+    };
+    EXPECT_EQ(Keeping::no, keeping("save = yes\n", {"--no-save"}));
+    EXPECT_EQ(Keeping::no, keeping("confirm = yes\n", {"--no-save"}));
+    EXPECT_EQ(Keeping::no, keeping("save = yes\nconfirm = yes\n", {"--no-save"}));
+    EXPECT_EQ(Keeping::save, keeping("save = yes\nconfirm = yes\n", {"--no-confirm"}));
+    EXPECT_EQ(Keeping::save, keeping("confirm = yes\n", {"--no-confirm", "--save"}));
+    EXPECT_EQ("--no-save contradicts --save",
+              refused({"--save", "--no-save", "agent", "a.cfg", "running"}));
+    EXPECT_EQ("--no-save contradicts --confirm",
+              refused({"--no-save", "--confirm", "agent", "a.cfg", "running"}));
+    EXPECT_EQ("--no-save takes no value", refused({"--no-save=yes", "agent", "a.cfg", "running"}));
+    for (const std::string option : {"--no-jobs", "--no-help", "--no-nothing"}) {
+        const std::string said = refused({option, "agent", "a.cfg", "running"});
+        EXPECT_TRUE(said.starts_with("there is no option " + option)) << said;
+    }
+}
+
+TEST_F(ProfileFiles, AnotherTo) {
+    write(scratch_.root() / "switches", "a\n");
+    write(user_,
+          "[defaults]\nsnmp = -v1 -c lab\n[nightly]\nhosts = switches\nto = tftp://h/{host}\n"
+          "[startups]\nhosts = switches\nfrom = startup\n"
+          "[restore]\nhosts = switches\nfrom = a.cfg\n");
+    const Options nightly = parse({"@nightly", "--to", "./{host}.cfg"});
+    EXPECT_EQ(FileType::running, nightly.from.type);
+    EXPECT_EQ("./{host}.cfg", nightly.to.local);
+    EXPECT_EQ(FileType::startup, parse({"@startups", "--to", "./{host}.cfg"}).from.type);
+    EXPECT_EQ(FileType::running, parse({"--to=a.cfg", "agent"}).from.type);
+    EXPECT_EQ("with --to name no AGENT, as there is a hosts file, and no FROM",
+              refused({"@nightly", "--to", "./{host}", "running"}));
+    EXPECT_EQ("with --to name the AGENT, and no FROM",
+              refused({"--to", "a.cfg", "agent", "running"}));
+    EXPECT_EQ("--to is for copies only", refused({"--to", "a.cfg", "list", "agent"}));
+    EXPECT_EQ("--to is for copies only", refused({"--to", "a.cfg", "diff", "agent"}));
+    EXPECT_NE("", refused({"@restore", "--to", "./{host}.cfg"}));
 }
 
 TEST_F(ProfileFiles, BadValuesAreToldWithTheirLine) {
