@@ -1,9 +1,10 @@
 // A stand-in for thousands of agents: answers SNMPv2c requests to any address of this machine
 // except those of 10.128.0.0/9, which are silent, and has one row of the copy table at each. A copy
 // takes the time of the argument; one to a TFTP server at the agent's own address then writes a
-// small file there. After SIGTERM it prints how many requests it has answered.
+// small file there: what the file of that address in FOLDER holds, or else the address. After
+// SIGTERM it prints how many requests it has answered.
 //
-// usage: bench_fleet_agent SECONDS
+// usage: bench_fleet_agent SECONDS [FOLDER]
 #include "base/posix.h"
 #include "base/unique_fd.h"
 #include "config-copy/agents/ber.h"
@@ -18,11 +19,14 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <iostream>
+#include <iterator>
 #include <map>
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -54,13 +58,15 @@ struct Row {
 struct Transfer {
     ulmo::UniqueFd socket;
     in_addr_t agent = 0;
+    std::uint32_t index = 0; // of the row
     Clock::time_point began;
 };
 
 class Agents {
   public:
-    explicit Agents(Clock::duration takes)
-        : takes_(takes), socket_(ulmo::check(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0))) {
+    Agents(Clock::duration takes, std::string folder)
+        : takes_(takes), folder_(std::move(folder)),
+          socket_(ulmo::check(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0))) {
         const int on = 1;
         ::setsockopt(socket_.get(), IPPROTO_IP, IP_PKTINFO, &on, sizeof on);
         // Beyond the kernel's limit, as the superuser may.
@@ -105,9 +111,10 @@ class Agents {
 
     void end_copies() {
         while (!ends_.empty() && ends_.begin()->first <= Clock::now()) {
-            const in_addr_t agent = ends_.extract(ends_.begin()).mapped();
+            const auto [agent, index] = ends_.extract(ends_.begin()).mapped();
             const auto row = rows_.find(agent);
-            if (row == rows_.end() || row->second.state != COPY_STATE_RUNNING) {
+            if (row == rows_.end() || row->second.index != index ||
+                row->second.state != COPY_STATE_RUNNING) {
                 continue;
             }
             // The server of a file of config-copy's machine, which has all these addresses.
@@ -131,7 +138,7 @@ class Agents {
     void send_file(in_addr_t agent, const Row &row) {
         Transfer transfer{
             ulmo::UniqueFd(ulmo::check(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0))), agent,
-            Clock::now()};
+            row.index, Clock::now()};
         sockaddr_in own{};
         own.sin_family = AF_INET;
         own.sin_addr.s_addr = agent;
@@ -148,6 +155,14 @@ class Agents {
         transfers_.push_back(std::move(transfer));
     }
 
+    // Less than a block.
+    [[nodiscard]] std::string configuration(in_addr_t agent) const {
+        const std::string address = ::inet_ntoa({agent});
+        std::ifstream file(folder_ + '/' + address);
+        std::string text{std::istreambuf_iterator<char>(file), {}};
+        return file ? text : "hostname " + address + '\n';
+    }
+
     // Takes the server's acknowledgment of that transfer, or its silence.
     void go_on(std::size_t at) {
         Transfer &transfer = transfers_[at];
@@ -159,14 +174,13 @@ class Agents {
                        reinterpret_cast<sockaddr *>(&server), &length);
         const bool is_acknowledgment = octets == 4 && packet[1] == 4;
         if (is_acknowledgment && packet[3] == 0) {
-            in_addr address{transfer.agent};
-            const std::string block =
-                std::string("\0\3\0\1", 4) + "hostname " + ::inet_ntoa(address) + '\n';
+            const std::string block = std::string("\0\3\0\1", 4) + configuration(transfer.agent);
             ::sendto(transfer.socket.get(), block.data(), block.size(), 0,
                      reinterpret_cast<const sockaddr *>(&server), length);
             return;
         }
-        if (const auto row = rows_.find(transfer.agent); row != rows_.end()) {
+        if (const auto row = rows_.find(transfer.agent);
+            row != rows_.end() && row->second.index == transfer.index) {
             end(row->second, is_acknowledgment ? COPY_STATE_SUCCESSFUL : COPY_STATE_FAILED);
         }
         transfers_.erase(transfers_.begin() + static_cast<std::ptrdiff_t>(at));
@@ -327,17 +341,19 @@ class Agents {
         if (status == ROW_STATUS_ACTIVE) {
             row.state = COPY_STATE_RUNNING;
             row.started = Clock::now();
-            ends_.emplace(row.started + takes_, agent);
+            ends_.emplace(row.started + takes_, std::pair(agent, row.index));
         } else if (status == ROW_STATUS_DESTROY) {
             rows_.erase(agent);
         }
     }
 
     Clock::duration takes_;
+    std::string folder_; // of configurations
     ulmo::UniqueFd socket_;
     Clock::time_point began_ = Clock::now();
     std::unordered_map<in_addr_t, Row> rows_;
-    std::multimap<Clock::time_point, in_addr_t> ends_; // of copies
+    // Of copies: the agents and the indices of the rows.
+    std::multimap<Clock::time_point, std::pair<in_addr_t, std::uint32_t>> ends_;
     std::vector<Transfer> transfers_;
     std::uint64_t answered_ = 0;
 };
@@ -347,14 +363,14 @@ volatile std::sig_atomic_t is_over = 0;
 } // namespace
 
 int main(int count, char **words) {
-    if (count != 2) {
-        std::cerr << "usage: bench_fleet_agent SECONDS\n";
+    if (count != 2 && count != 3) {
+        std::cerr << "usage: bench_fleet_agent SECONDS [FOLDER]\n";
         return 2;
     }
     const std::chrono::duration<double> takes(std::strtod(words[1], nullptr));
     struct sigaction action {};
     action.sa_handler = [](int) { is_over = 1; };
     ::sigaction(SIGTERM, &action, nullptr);
-    Agents agents(std::chrono::duration_cast<Clock::duration>(takes));
+    Agents agents(std::chrono::duration_cast<Clock::duration>(takes), count == 3 ? words[2] : "");
     std::cout << agents.run(is_over) << '\n';
 }

@@ -43,6 +43,13 @@ if [[ " ${folders[*]} " == *" frr "* ]]; then # unit tests that run in its lab
         cmake --build "$top/build/release" --target host_tests; } >"$results/host_tests.log" 2>&1 ||
         { cat "$results/host_tests.log"; exit 1; }
 fi
+if [[ " ${folders[*]} " == *" fleet "* ]]; then # simulated agents
+    top=$(dirname "$scripts")
+    { cmake "$top/build/release" -DCCM_BENCH=ON &&
+        cmake --build "$top/build/release" --target bench_fleet_agent; } \
+        >"$results/fleet_agent.log" 2>&1 ||
+        { cat "$results/fleet_agent.log"; exit 1; }
+fi
 status=0
 pytest=(env PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 -m pytest -p no:cacheprovider -q
     --durations=5 --strict-markers)
