@@ -72,8 +72,11 @@ def read(chance, deadline):
             with contextlib.suppress(OSError):
                 if path.is_dir():
                     print("listed", path, os.listdir(path), flush=True)
-                elif path.is_file() and path.stat().st_uid != ATTACKER:
-                    print("read", path, len(path.read_bytes()), flush=True)
+                elif path.is_file():
+                    # What is there by now may be a pipe, or the attacker's own.
+                    with open(os.open(path, os.O_RDONLY | os.O_NONBLOCK), "rb") as file:
+                        if os.fstat(file.fileno()).st_uid != ATTACKER:
+                            print("read", path, len(file.read()), flush=True)
         for entry in Path("/proc").glob("[0-9]*"):
             with contextlib.suppress(OSError):
                 if SECRET in (entry / "environ").read_bytes() and (

@@ -12,6 +12,7 @@
 #include "platform/host/agent/workers.h"
 #include "platform/host/bus/observer.h"
 #include "platform/host/bus/server.h"
+#include "platform/host/fabric/status.h"
 #include "platform/host/history/log.h"
 #include "platform/system_manager.h"
 
@@ -37,7 +38,6 @@ namespace {
 // the status of a worker that ended without a report
 constexpr int32_t lost_worker_status = 1;
 constexpr uint32_t failed_outcome = 1;
-constexpr int enterprise_specific = 6;
 
 // The agent's side of the platform: one set of descriptors in the agent's loop, from the first
 // subscription to the end of the process. Modules may come and go meanwhile (SIGHUP); only their
@@ -49,6 +49,7 @@ class Agent final : public BusObserver {
     pid_t fork_worker();
     void look_after_request();
 
+    void sending(uint32_t opcode, const void *payload, uint32_t length) noexcept override;
     void sent(uint32_t opcode, int error) noexcept override;
     void answered(msgbus_msg answer, UniqueFd connection) noexcept override;
     void unanswered(uint32_t token, int error) noexcept override;
@@ -243,7 +244,8 @@ void Agent::deliver(msgbus_message &message) {
     netsnmp_variable_list *list =
         handler(&message, notification.data(), &notification_length, &send_flag);
     if (list != nullptr && send_flag == 1) {
-        enqueue_notification(enterprise_specific, notification.data(), notification_length, list);
+        enqueue_notification(SNMP_TRAP_ENTERPRISESPECIFIC, notification.data(), notification_length,
+                             list);
     } else {
         snmp_free_varbind(list);
     }
@@ -277,6 +279,20 @@ void Agent::deliver_status(int32_t status) {
 }
 
 // --- the save that the module has asked for ---
+
+// The outcomes of an earlier save of the fabric must not pass for those of this one. The system
+// manager may end before it forgets them.
+void Agent::sending(uint32_t opcode, const void *payload, uint32_t length) noexcept {
+    warden_cfg_action action{};
+    if (opcode != MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION || length != sizeof action) {
+        return;
+    }
+    std::memcpy(&action, payload, sizeof action);
+    if (action.fabric != 0) {
+        log_failure("agent: the outcomes of the last save of the fabric can't be removed",
+                    [] { write_fabric_status({}); });
+    }
+}
 
 void Agent::sent(uint32_t opcode, int error) noexcept {
     copy_watch().sent(opcode);

@@ -12,7 +12,6 @@ namespace {
 
 constexpr std::array<oid, 9> sys_up_time{1, 3, 6, 1, 2, 1, 1, 3, 0};
 constexpr std::array<oid, 11> snmp_trap_oid{1, 3, 6, 1, 6, 3, 1, 1, 4, 1, 0};
-constexpr int enterprise_specific = 6;
 constexpr uint32_t ip_address_length = 4;
 
 bool is_word_type(uint8_t type) {
@@ -68,8 +67,8 @@ netsnmp_variable_list *build_varbind(netsnmp_variable_list *previous, const void
 int enqueue_notification(int kind, const oid *notification, uint32_t notification_length,
                          netsnmp_variable_list *list) {
     int error = 0;
-    if (kind != ulmo::enterprise_specific || notification == nullptr || notification_length == 0 ||
-        notification_length > MAX_OID_LEN) {
+    if (kind != SNMP_TRAP_ENTERPRISESPECIFIC || notification == nullptr ||
+        notification_length == 0 || notification_length > MAX_OID_LEN) {
         error = EINVAL;
     } else {
         const auto up_time = static_cast<uint32_t>(netsnmp_get_agent_uptime());

@@ -243,6 +243,9 @@ int32_t msgbus_unbind(int32_t handle, int32_t) {
 
 int32_t msgbus_send(int32_t handle, uint32_t node, uint32_t sap, uint32_t opcode,
                     const void *payload, uint32_t length, msgbus_msg *store, uint32_t, uint32_t) {
+    if (ulmo::observer != nullptr) {
+        ulmo::observer->sending(opcode, payload, length);
+    }
     const int32_t result = ulmo::guarded(
         [&] { return ulmo::send_message(handle, node, sap, opcode, payload, length, store); });
     if (ulmo::observer != nullptr) {

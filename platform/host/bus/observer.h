@@ -13,6 +13,10 @@ class BusObserver {
   public:
     virtual ~BusObserver() = default;
 
+    // A message is about to be sent.
+    virtual void sending(std::uint32_t opcode, const void *payload,
+                         std::uint32_t length) noexcept = 0;
+
     // A message was sent, or failed with this errno value. Must not throw.
     virtual void sent(std::uint32_t opcode, int error) noexcept = 0;
 

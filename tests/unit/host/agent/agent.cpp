@@ -6,6 +6,7 @@
 #include "platform/host/agent/request.h"
 #include "platform/host/agent/workers.h"
 #include "platform/host/bus/server.h"
+#include "platform/host/fabric/status.h"
 #include "platform/system_manager.h"
 #include "platform/utilities.h"
 
@@ -1046,9 +1047,10 @@ class HostAgentSave : public HostAgentExtension {
         msgbus_drop(msgbus_response_q, &request_);
     }
 
-    int32_t ask() {
+    int32_t ask(bool of_fabric = false) {
         msgbus_drop(msgbus_response_q, &request_);
-        const warden_cfg_action request{};
+        warden_cfg_action request{};
+        request.fabric = htonl(of_fabric ? 1 : 0);
         return msgbus_send(msgbus_response_q, MSGBUS_NODE_LOCAL, MSGBUS_SAP_WARDEN,
                            MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION, &request, sizeof request,
                            &request_, 0, 0);
@@ -1164,6 +1166,22 @@ TEST_F(HostAgentSave, FailsWhenTheAnswerMakesNoSense) {
 TEST_F(HostAgentSave, FailsWhenTheSystemManagerEndsBeforeIt) {
     begin();
     taken_.clear();
+    expect_end(1);
+}
+
+// What the system manager knows of an earlier save must not be told of this one.
+TEST_F(HostAgentSave, OfTheFabricFailsWithoutEarlierOutcomes) {
+    const std::vector<ulmo::FabricSwitchStatus> outcomes{
+        {{1, 2, 3, 4, 5, 6, 7, 8}, true, {}, "saved"}};
+    ulmo::write_fabric_status(outcomes);
+    ASSERT_EQ(ask(), 0);
+    EXPECT_EQ(ulmo::read_fabric_status().size(), 1U) << "it is about the fabric";
+    ASSERT_EQ(ask(true), 0);
+    EXPECT_TRUE(ulmo::read_fabric_status().empty());
+    ulmo::write_fabric_status(outcomes);
+    system_manager_.reset();
+    ASSERT_EQ(ask(true), -1);
+    EXPECT_TRUE(ulmo::read_fabric_status().empty());
     expect_end(1);
 }
 
