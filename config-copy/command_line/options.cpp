@@ -395,9 +395,8 @@ void take_endpoints(const std::vector<std::string> &arguments, const Chosen &cho
     const std::size_t agents = options.hosts_file ? 0 : 1;
     if (options.other_to && options.command == Command::copy) {
         if (arguments.size() != agents) {
-            throw bad_usage(options.hosts_file
-                                ? "with --to name no AGENT, as there is a hosts file, and no FROM"
-                                : "with --to name the AGENT, and no FROM");
+            throw bad_usage(options.hosts_file ? "with --to name no FROM"
+                                               : "with --to name the AGENT, and no FROM");
         }
         options.from = chosen.from ? endpoint_in(*chosen.from) : parse_endpoint("running");
         options.to = parse_endpoint(*options.other_to);
@@ -409,15 +408,17 @@ void take_endpoints(const std::vector<std::string> &arguments, const Chosen &cho
         options.to = endpoint_in(*chosen.to);
     } else if (chosen.profile.empty()) {
         const std::string both = options.command == Command::diff ? "A and B" : "FROM and TO";
-        throw bad_usage(options.hosts_file ? "with --hosts, name " + both + ", and no AGENT"
+        throw bad_usage(options.hosts_file ? "with --hosts, name " + both +
+                                                 ", or before them one AGENT of the file"
                                            : "name AGENT, " + both + " (config-copy --help)");
     } else if (arguments.size() == agents) {
         throw bad_usage("the profile @" + chosen.profile + " has no " +
                         (chosen.from ? "`to`" : "`from`") + ": add it, or name FROM and TO");
     } else {
-        throw bad_usage("behind the profile @" + chosen.profile + " name " +
-                        (options.hosts_file ? "no AGENT, as there is a hosts file" : "the AGENT") +
-                        ", and FROM and TO only in place of the profile's");
+        throw bad_usage(
+            "behind the profile @" + chosen.profile + " name " +
+            (options.hosts_file ? "an AGENT only if it is one of the hosts file" : "the AGENT") +
+            ", and FROM and TO only in place of the profile's");
     }
 }
 
@@ -445,7 +446,32 @@ void take_what_applies(const Chosen &chosen, Options &options) {
     }
 }
 
+// The one agent of the hosts file that an argument in front of FROM and TO names, if there is one.
+std::optional<Agent> agent_of_hosts(const std::vector<std::string> &arguments, const Chosen &chosen,
+                                    const Options &options) {
+    const bool has_endpoints = options.other_to || (chosen.from && chosen.to);
+    if (!options.hosts_file || options.hosts_file == "-" ||
+        !(arguments.size() == 3 || (arguments.size() == 1 && has_endpoints))) {
+        return std::nullopt;
+    }
+    auto agents = read_hosts(*options.hosts_file, options.groups, chosen.session);
+    const auto found = std::find_if(agents.begin(), agents.end(), [&](const Agent &agent) {
+        return agent.name == arguments.front();
+    });
+    if (found == agents.end()) {
+        throw bad_usage(arguments.front() + " is not in " +
+                        (options.groups.empty() ? "" : "the chosen groups of ") +
+                        name_of_hosts(*options.hosts_file));
+    }
+    return *found;
+}
+
 void parse_copy(const std::vector<std::string> &arguments, const Chosen &chosen, Options &options) {
+    const std::optional<Agent> listed = agent_of_hosts(arguments, chosen, options);
+    if (listed) { // all else is as if the user had written its options
+        options.hosts_file.reset();
+        options.groups.clear();
+    }
     take_endpoints(arguments, chosen, options);
     take_what_applies(chosen, options);
     check_results(options);
@@ -456,8 +482,9 @@ void parse_copy(const std::vector<std::string> &arguments, const Chosen &chosen,
     }
     check_local(options);
     if (!options.hosts_file) {
-        options.agents = {{agent_of(arguments[0]), "", settings_of(chosen.session), ""}};
-        if (uses_groups(options)) {
+        options.agents = {
+            listed ? *listed : Agent{agent_of(arguments[0]), "", settings_of(chosen.session), ""}};
+        if (uses_groups(options) && options.agents.front().group.empty()) {
             throw bad_usage("only the agents of a hosts file have groups: give --hosts FILE");
         }
         return;
@@ -626,7 +653,7 @@ std::span<const OwnOption> own_options() {
 std::string usage_text() {
     std::string text =
         R"(usage: config-copy [OPTIONS] AGENT FROM TO
-       config-copy [OPTIONS] --hosts FILE [--group NAME] [--jobs N] FROM TO
+       config-copy [OPTIONS] --hosts FILE [--group NAME] [--jobs N] [AGENT] FROM TO
        config-copy [OPTIONS] @PROFILE [AGENT] [FROM TO]
        config-copy [OPTIONS] diff [AGENT] A B
        config-copy [OPTIONS] list AGENT

@@ -205,8 +205,7 @@ TEST_F(ProfileFiles, AProfileWithoutHosts) {
     EXPECT_EQ("a.cfg", parse({"@empty", "agent", "running", "a.cfg"}).to.local);
     EXPECT_EQ("a profile is written @NAME", refused({"@", "agent"}));
     write(scratch_.root() / "switches", "a\n");
-    EXPECT_EQ("behind the profile @nightly name no AGENT, as there is a hosts file, and FROM and "
-              "TO only in place of the profile's",
+    EXPECT_EQ("agent is not in the hosts file " + (scratch_.root() / "switches").native(),
               refused({"@nightly", "--hosts", scratch_.root() / "switches", "agent"}));
 }
 
@@ -266,6 +265,31 @@ TEST_F(ProfileFiles, WhatTheCommandLineTakesBack) {
     }
 }
 
+TEST_F(ProfileFiles, OneAgentOfTheHostsFile) {
+    write(scratch_.root() / "switches", "a\n[core] -r 9\nb\nc -r 8\n");
+    write(user_, "[defaults]\nsnmp = -v 2c -c lab -r 7\n[nightly]\nhosts = switches\n"
+                 "failed-hosts = failed\nfrom = running\nto = ./{host}\n"
+                 "[core]\nhosts = switches\ngroup = core\n");
+    const Options restore = parse({"@nightly", "--replace", "b", "-", "running"});
+    ASSERT_EQ(1U, restore.agents.size());
+    EXPECT_EQ("b", restore.agents[0].name);
+    EXPECT_EQ("core", restore.agents[0].group);
+    EXPECT_EQ(9, restore.agents[0].settings->retries);
+    EXPECT_EQ(FileType::running, restore.to.type);
+    EXPECT_FALSE(restore.hosts_file || restore.failed_hosts) << "as if there were none";
+    EXPECT_EQ(8, parse({"@nightly", "c"}).agents[0].settings->retries);
+    EXPECT_EQ(7,
+              parse({"@nightly", "diff", "a", "running", "startup"}).agents[0].settings->retries);
+    EXPECT_EQ("{group}", parse({"@core", "c", "running", "tftp://h/{group}"}).to.url.path);
+    const std::string where = "the hosts file " + (scratch_.root() / "switches").native();
+    EXPECT_EQ("a is not in the chosen groups of " + where,
+              refused({"@core", "a", "running", "./a.cfg"}));
+    EXPECT_EQ("only the agents of a hosts file have groups: give --hosts FILE",
+              refused({"@nightly", "a", "running", "./{group}"}));
+    EXPECT_EQ("with --hosts, name FROM and TO, or before them one AGENT of the file",
+              refused({"--hosts", scratch_.root() / "switches", "a"}));
+}
+
 TEST_F(ProfileFiles, AnotherTo) {
     write(scratch_.root() / "switches", "a\n");
     write(user_,
@@ -277,8 +301,8 @@ TEST_F(ProfileFiles, AnotherTo) {
     EXPECT_EQ("./{host}.cfg", nightly.to.local);
     EXPECT_EQ(FileType::startup, parse({"@startups", "--to", "./{host}.cfg"}).from.type);
     EXPECT_EQ(FileType::running, parse({"--to=a.cfg", "agent"}).from.type);
-    EXPECT_EQ("with --to name no AGENT, as there is a hosts file, and no FROM",
-              refused({"@nightly", "--to", "./{host}", "running"}));
+    EXPECT_EQ("a", parse({"@nightly", "--to", "./x", "a"}).agents.front().name);
+    EXPECT_EQ("with --to name no FROM", refused({"@nightly", "--to", "./{host}", "a", "running"}));
     EXPECT_EQ("with --to name the AGENT, and no FROM",
               refused({"--to", "a.cfg", "agent", "running"}));
     EXPECT_EQ("--to is for copies only", refused({"--to", "a.cfg", "list", "agent"}));
