@@ -395,8 +395,11 @@ void take_endpoints(const std::vector<std::string> &arguments, const Chosen &cho
     const std::size_t agents = options.hosts_file ? 0 : 1;
     if (options.other_to && options.command == Command::copy) {
         if (arguments.size() != agents) {
-            throw bad_usage(options.hosts_file ? "with --to name no FROM"
-                                               : "with --to name the AGENT, and no FROM");
+            const bool has_none = arguments.empty() && !chosen.profile.empty();
+            throw bad_usage(has_none ? "the profile @" + chosen.profile +
+                                           " has no `hosts`: add it, or name the AGENT"
+                            : options.hosts_file ? "with --to name no FROM"
+                                                 : "with --to name the AGENT, and no FROM");
         }
         options.from = chosen.from ? endpoint_in(*chosen.from) : parse_endpoint("running");
         options.to = parse_endpoint(*options.other_to);

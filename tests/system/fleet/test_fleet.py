@@ -24,6 +24,8 @@ replace = yes
 hosts = switches
 retries = 1
 retry-pause = 1
+# For runs by hand.
+json = yes
 [startups]
 hosts = switch
 from = startup

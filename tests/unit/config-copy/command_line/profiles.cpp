@@ -305,9 +305,13 @@ TEST_F(ProfileFiles, AnotherTo) {
     EXPECT_EQ("with --to name no FROM", refused({"@nightly", "--to", "./{host}", "a", "running"}));
     EXPECT_EQ("with --to name the AGENT, and no FROM",
               refused({"--to", "a.cfg", "agent", "running"}));
+    EXPECT_EQ("FROM and TO are both files: one of them must be running or startup",
+              refused({"@restore", "--to", "./{host}.cfg"}));
+    write(user_, "[nightly]\nsnmp = -v1 -c lab\n");
+    EXPECT_EQ("the profile @nightly has no `hosts`: add it, or name the AGENT",
+              refused({"@nightly", "--to", "./{host}"}));
     EXPECT_EQ("--to is for copies only", refused({"--to", "a.cfg", "list", "agent"}));
     EXPECT_EQ("--to is for copies only", refused({"--to", "a.cfg", "diff", "agent"}));
-    EXPECT_NE("", refused({"@restore", "--to", "./{host}.cfg"}));
 }
 
 TEST_F(ProfileFiles, BadValuesAreToldWithTheirLine) {
