@@ -359,7 +359,8 @@ struct Chosen {
     SessionOptions session;
     std::optional<Setting> from;
     std::optional<Setting> to;
-    std::vector<Setting> for_some_runs; // that count if they apply to FROM and TO
+    std::optional<std::string> hosts_file; // of the profile, also if it is not for all its agents
+    std::vector<Setting> for_some_runs;    // that count if they apply to FROM and TO
 };
 
 // Calls `take`, and adds the setting's place to a Failure of it.
@@ -449,6 +450,14 @@ void take_what_applies(const Chosen &chosen, Options &options) {
     }
 }
 
+std::optional<Agent> listed_agent(const std::string &name, const std::string &file,
+                                  const std::vector<std::string> &groups, const Chosen &chosen) {
+    const auto agents = read_hosts(file, groups, chosen.session);
+    const auto found = std::find_if(agents.begin(), agents.end(),
+                                    [&](const Agent &agent) { return agent.name == name; });
+    return found == agents.end() ? std::nullopt : std::optional(*found);
+}
+
 // The one agent of the hosts file that an argument in front of FROM and TO names, if there is one.
 std::optional<Agent> agent_of_hosts(const std::vector<std::string> &arguments, const Chosen &chosen,
                                     const Options &options) {
@@ -457,16 +466,13 @@ std::optional<Agent> agent_of_hosts(const std::vector<std::string> &arguments, c
         !(arguments.size() == 3 || (arguments.size() == 1 && has_endpoints))) {
         return std::nullopt;
     }
-    auto agents = read_hosts(*options.hosts_file, options.groups, chosen.session);
-    const auto found = std::find_if(agents.begin(), agents.end(), [&](const Agent &agent) {
-        return agent.name == arguments.front();
-    });
-    if (found == agents.end()) {
+    auto found = listed_agent(arguments.front(), *options.hosts_file, options.groups, chosen);
+    if (!found) {
         throw bad_usage(arguments.front() + " is not in " +
                         (options.groups.empty() ? "" : "the chosen groups of ") +
                         name_of_hosts(*options.hosts_file));
     }
-    return *found;
+    return found;
 }
 
 void parse_copy(const std::vector<std::string> &arguments, const Chosen &chosen, Options &options) {
@@ -528,6 +534,9 @@ void take(const Setting &setting, const Words &words, Options &options, Chosen &
     } else if (setting.key == "to") {
         chosen.to = setting;
     } else {
+        if (setting.key == "hosts") {
+            chosen.hosts_file = file_in(setting, setting.values.front());
+        }
         const OwnOption &option = *own_option("--" + setting.key);
         if (words.given.contains(option.name) || !counts(option.use, words.arguments) ||
             (!option.takes_value() && !is_yes(setting))) {
@@ -596,7 +605,12 @@ void parse_arguments(std::vector<std::string> arguments, const Chosen &chosen, O
                          : name == "errors" ? " AGENT [INDEX]"
                                             : " AGENT INDEX"));
     }
-    options.agents = {{agent_of(arguments[1]), "", settings_of(chosen.session), ""}};
+    std::optional<Agent> listed;
+    if (chosen.hosts_file && chosen.hosts_file != "-") {
+        listed = listed_agent(arguments[1], *chosen.hosts_file, {}, chosen);
+    }
+    options.agents = {listed ? *listed
+                             : Agent{agent_of(arguments[1]), "", settings_of(chosen.session), ""}};
     if (arguments.size() == 3) {
         options.index =
             static_cast<oid>(number_of("INDEX", arguments[2], 1, static_cast<long>(largest_index)));

@@ -281,6 +281,8 @@ TEST_F(ProfileFiles, OneAgentOfTheHostsFile) {
     EXPECT_EQ(7,
               parse({"@nightly", "diff", "a", "running", "startup"}).agents[0].settings->retries);
     EXPECT_EQ("{group}", parse({"@core", "c", "running", "tftp://h/{group}"}).to.url.path);
+    EXPECT_EQ(9, parse({"@core", "list", "b"}).agents[0].settings->retries);
+    EXPECT_EQ(7, parse({"@core", "list", "other"}).agents[0].settings->retries);
     const std::string where = "the hosts file " + (scratch_.root() / "switches").native();
     EXPECT_EQ("a is not in the chosen groups of " + where,
               refused({"@core", "a", "running", "./a.cfg"}));
