@@ -16,7 +16,11 @@ UNPACKED = REPOSITORY / "build/lab"
 SWITCH, SERVER = "192.0.2.1", "192.0.2.2"
 # What a switch has before our packages are installed, in addition to their dependencies, which
 # include the agent.
-PRESENT = ("systemd-sysv", "dbus", "git", "snmp", "tftpd-hpa")  # the last one for debian/tests
+PRESENT = (
+    "systemd-sysv", "dbus", "git", "snmp",
+    "tftpd-hpa",  # for debian/tests
+    "python3-apt"  # for Ansible, which installs packages
+)
 
 
 def run(*words, check=True, **options):

@@ -1,14 +1,17 @@
 """The packages on a Debian 12 with an agent: they are installed, work, are upgraded and removed.
 Each test continues where the previous one ended."""
 
+import json
+import os
 import re
+import shlex
 import shutil
 import subprocess
 import textwrap
 import time
 
 import pytest
-from conftest import PLACE, REPOSITORY, SERVER, SWITCH, run, wait_until
+from conftest import PLACE, REPOSITORY, SERVER, SWITCH, UNPACKED, run, wait_until
 from copy_numbers import COPY_ENTRY, C
 
 COPY_STATE = f"{COPY_ENTRY}.{C.CC_COLUMN_STATE}"
@@ -369,6 +372,85 @@ class TestBackups:
         # It has 1.6.
         switch.run("systemd-analyze", "security", "--no-pager", "--threshold=16",
                    f"{BACKUP}.service")
+
+
+PLAY = [{
+    "hosts": "manager", "gather_facts": False,
+    "roles": [{"role": "config_copy.switches.nightly_backup"}]
+}]
+OF_ROLE = {
+    "nightly_backup_profile": "fleet", "nightly_backup_time": "03:00",
+    "nightly_backup_settings": {"retries": 1, "json": False},
+    "nightly_backup_snmp": {
+        "version": "3", "user": "operator", "level": "authPriv", "auth_protocol": "SHA-256",
+        "auth_passphrase": "auth-passphrase", "priv_protocol": "AES",
+        "priv_passphrase": "priv-passphrase"
+    }
+}
+CHANGED = re.compile(r"changed=(\d+) .*failed=(\d+)")
+
+
+@pytest.fixture
+def play(switch, packages):
+    """Runs the role of the package config-copy-ansible, on a controller that is no part of the
+    switch, with these variables. Returns all that was printed, and how many tasks have changed
+    something and have failed."""
+    place = PLACE / "ansible"
+    shutil.rmtree(place, ignore_errors=True)
+    (package,) = (REPOSITORY / "build/packages").glob("config-copy-ansible_*_all.deb")
+    run("dpkg-deb", "-x", package, place)
+    (place / "play.json").write_text(json.dumps(PLAY))
+    (place / "hosts").write_text("manager ansible_python_interpreter=/usr/bin/python3\n")
+    ssh = place / "ssh"  # the last word is the command
+    ssh.write_text(f'#!/bin/bash\nexec {shlex.join(switch.words("sh", "-c"))} "${{@: -1}}"\n')
+    ssh.chmod(0o755)
+    paths = [UNPACKED / f"root-{name}/usr/lib/python3/dist-packages"
+             for name in ("ansible-core", "python3-jinja2", "python3-markupsafe")]
+    environment = {
+        **os.environ, "HOME": str(place), "PYTHONPATH": ":".join(map(str, paths)),
+        "ANSIBLE_COLLECTIONS_PATH": str(place / "usr/share/ansible/collections"),
+        "ANSIBLE_SSH_EXECUTABLE": str(ssh), "ANSIBLE_SSH_TRANSFER_METHOD": "piped",
+        "ANSIBLE_PIPELINING": "yes", "ANSIBLE_NOCOLOR": "1"
+    }
+
+    def play_role(*words, **variables):
+        files = [str(packages[name]) for name in ("config-copy-mib-common", "config-copy")]
+        (place / "variables.json").write_text(
+            json.dumps({**OF_ROLE, "nightly_backup_packages": files, **variables}))
+        printed = run("/usr/bin/python3", UNPACKED / "root-ansible-core/usr/bin/ansible-playbook",
+                      "-i", "hosts", "-e", "@variables.json", *words, "play.json", check=False,
+                      env=environment, cwd=place, stdin=subprocess.DEVNULL).stdout
+        recap = CHANGED.search(printed)
+        assert recap, printed
+        return printed, int(recap[1]), int(recap[2])
+
+    return play_role
+
+
+def test_role_of_ansible(switch, play):
+    timer, state = "config-copy-backup@fleet.timer", "/var/lib/config-copy/fleet"
+    switch.run("systemctl", "stop", "tftpd-hpa")
+    for name in ("-h", "a\nsnmp = -v 1"):
+        printed, changed, failed = play(nightly_backup_switches=[SWITCH, name])
+        assert (changed, failed) == (0, 1) and "a switch has a name without blanks" in printed
+    printed, changed, failed = play("--check", nightly_backup_switches=[SWITCH])
+    assert changed > 0 and failed == 0, printed
+    assert not (switch.root / "etc/config-copy").exists()
+    printed, changed, failed = play("-vvvv", "--diff", nightly_backup_switches=[SWITCH])
+    assert changed > 0 and failed == 0, printed
+    assert f"\n+{SWITCH}\n" in printed
+    assert "auth-passphrase" not in printed and "priv-passphrase" not in printed
+    printed, changed, failed = play(nightly_backup_switches=[SWITCH])
+    assert (changed, failed) == (0, 0), printed
+    assert switch.shell("stat -c '%U %a' /etc/config-copy/*") == 2 * "config-copy 600\n"
+    assert switch.run("systemctl", "is-enabled", timer).stdout == "enabled\n"
+    assert " 03:00:00 " in switch.run("systemctl", "show", "-P", "TimersCalendar", timer).stdout
+    switch.run("systemctl", "start", "config-copy-backup@fleet")
+    assert (switch.root / state[1:] / f"switches/{SWITCH}.cfg").read_text() == cmdshell(
+        switch, "show running-config")
+    switch.run("systemctl", "disable", "--now", timer)
+    switch.shell(f"rm -r /etc/config-copy /etc/systemd/system/{timer}.d {state}; "
+                 "systemctl daemon-reload; systemctl start tftpd-hpa")
 
 
 @pytest.mark.parametrize("protocol", ["ftp", "sftp", "scp"])
