@@ -670,7 +670,7 @@ std::span<const OwnOption> own_options() {
 std::string usage_text() {
     std::string text =
         R"(usage: config-copy [OPTIONS] AGENT FROM TO
-       config-copy [OPTIONS] --hosts FILE [--group NAME] [--jobs N] [AGENT] FROM TO
+       config-copy [OPTIONS] --hosts FILE [--group NAME] [AGENT] FROM TO
        config-copy [OPTIONS] @PROFILE [AGENT] [FROM TO]
        config-copy [OPTIONS] diff [AGENT] A B
        config-copy [OPTIONS] list AGENT
