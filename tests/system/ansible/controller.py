@@ -53,10 +53,14 @@ class Controller:
                               env=self.environment, cwd=self.folder, stdin=subprocess.DEVNULL,
                               stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=within)
 
-    def playbook(self, plays, hosts, *words):
-        """Runs plays on hosts, which are names with their variables; all run here."""
+    def playbook(self, plays, hosts, *words, pipelining=True):
+        """Runs plays on hosts, which are names with their variables; all run here. With pipelining,
+        Ansible makes no files with a module and its parameters, and is faster."""
         (self.folder / "plays.json").write_text(json.dumps(plays))
-        local = {"ansible_connection": "local", "ansible_python_interpreter": PYTHON}
+        local = {
+            "ansible_connection": "local", "ansible_python_interpreter": PYTHON,
+            "ansible_pipelining": pipelining
+        }
         (self.folder / "hosts.json").write_text(
             json.dumps({"switches": {"hosts": hosts, "vars": local}}))
         return self.run("ansible-playbook", "-i", "hosts.json", "-e", f"@{self.secrets}", *words,

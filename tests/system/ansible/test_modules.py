@@ -1,15 +1,17 @@
 """The modules, started as Ansible does it, and their documentation."""
 
 import ast
+import contextlib
 import json
 import os
 import re
 import shutil
 import signal
+import threading
 from pathlib import Path
 
-import command as cc
 import pytest
+from command import DONE, config_copy, freeze, rows, thaw
 from controller import COLLECTION, REPOSITORY, SECRETS, SESSION, Watch
 from copy_table import (
     ACCOUNT, AGENT, COPY_ENTRY, CREATE_AND_WAIT, ROW_STATUS, SECRET, SERVER4, SERVER_ROOT,
@@ -30,7 +32,7 @@ def back():
     """Gives the switch its configurations back."""
     before, saved = show("running"), startup()
     yield before
-    assert cc.config_copy("--replace", AGENT, "-", "running", stdin=before).status == cc.DONE
+    assert config_copy("--replace", AGENT, "-", "running", stdin=before).status == DONE
     (STATE_DIRECTORY / "system.cfg").write_bytes(saved)
 
 
@@ -102,7 +104,7 @@ def test_restore_of_what_is_there_is_not_done_but_saved(controller, back):
 def test_save(controller, back):
     save = {"agent": AGENT, "src": "running", "dest": "startup"}
     assert controller.module(**save)["changed"] is False
-    cc.config_copy("--replace", AGENT, "-", "running", stdin=changed_text(back, "unsaved"))
+    config_copy("--replace", AGENT, "-", "running", stdin=changed_text(back, "unsaved"))
     planned = controller.module(check=True, diff=True, **save)
     assert planned["changed"] and "\n+  description unsaved\n" in planned["diff"]["prepared"]
     assert startup() != running()
@@ -139,6 +141,8 @@ def test_profile_with_a_hosts_file(controller, profile):
     for check in (True, False):
         assert controller.module(check=check, diff=True, snmp=None, **backup)["changed"]
     assert controller.module(snmp={"timeout": 2}, **backup)["changed"] is False
+    found = controller.module("config_copy_info", agent=AGENT, snmp=None, profile="nightly")
+    assert found["requests"] == [], found
     failed = controller.module(**{**backup, "agent": "192.0.2.99"})
     assert failed["ending"] == "usage" and "192.0.2.99" in failed["msg"], failed
     for snmp, text in ((None, "there is no profile @weekly in "), (SESSION, "there is no weekly")):
@@ -231,28 +235,60 @@ def test_hostile_files(controller, name, traps_for_names):
         assert done["changed"] and Path(f"{folder}/{name}").read_text() == show("running")
 
 
+def modules():
+    """The processes that have started config-copy."""
+    found = []
+    for process in Path("/proc").glob("[0-9]*"):
+        with contextlib.suppress(OSError):
+            if (process / "cmdline").read_bytes().startswith(b"/ulmo/bin/config-copy\0"):
+                found.append(int(re.search(r"^PPid:\t(\d+)$", (process / "status").read_text(),
+                                           re.M)[1]))
+    return found
+
+
+@pytest.fixture
+def hanging(operator):
+    """The parameters of a copy from an agent that does not answer until the end of the test."""
+    freeze(agent_pid())
+    session = {**SESSION, "timeout": 60}
+    yield {"agent": AGENT, "src": "running", "dest": "/tmp/x.cfg", "snmp": session}
+    thaw(agent_pid())
+    assert rows(operator) == []
+
+
 @pytest.mark.parametrize("number", [signal.SIGKILL, signal.SIGTERM])
-def test_killed_module_leaves_nothing(controller, number, operator):
+def test_killed_module_leaves_nothing(controller, number, hanging):
     """Nor the command, which takes its request from the switch."""
-    os.kill(agent_pid(), signal.SIGSTOP)
-    try:
-        process = controller.start(agent=AGENT, src="running", dest="/tmp/x.cfg",
-                                   snmp=SESSION | {"timeout": 60})
-        wait_for(lambda: process.poll() is not None or commands(process.pid))
-        (command,) = commands(process.pid)
-        assert controller.leaked() == []
-        process.send_signal(number)
-        process.communicate(timeout=10)
-        wait_for(lambda: not Path(f"/proc/{command}").exists())
-    finally:
-        os.kill(agent_pid(), signal.SIGCONT)
-    assert controller.leaked() == [] and cc.rows(operator) == []
+    process = controller.start(**hanging)
+    wait_for(lambda: modules() == [process.pid])
+    assert controller.leaked() == []
+    process.send_signal(number)
+    process.communicate(timeout=10)
+    wait_for(lambda: modules() == [])
+    assert controller.leaked() == []
 
 
-def commands(pid):
-    children = Path(f"/proc/{pid}/task/{pid}/children").read_text().split()
-    return [child for child in children
-            if Path(f"/proc/{child}/cmdline").read_bytes().startswith(b"/ulmo/bin/config-copy\0")]
+def test_module_that_is_killed_below_ansible_leaves_nothing(controller, hanging):
+    hanging["snmp"] = "{{ session | combine({'timeout': 60}) }}"
+    plays = [{
+        "hosts": "switches", "gather_facts": False,
+        "tasks": [{"config_copy.switches.config_copy": hanging}]
+    }]
+    killed = []
+
+    def kill():
+        (module,) = wait_for(modules, 60)
+        os.kill(module, signal.SIGKILL)
+        killed.append(module)
+
+    killer = threading.Thread(target=kill)
+    killer.start()
+    done = controller.playbook(plays, {"switch": {}}, "-vvvv", pipelining=False)
+    killer.join()
+    wait_for(lambda: modules() == [])
+    assert killed and done.returncode == 2, done.stdout
+    assert not any(secret in done.stdout for secret in SECRETS)
+    assert controller.leaked() == []
 
 
 def test_secret_is_in_no_file(controller):
