@@ -3,6 +3,7 @@
 #include "config-copy/after/failed_hosts.h"
 #include "config-copy/after/metrics.h"
 #include "config-copy/after/on_done.h"
+#include "config-copy/after/outcome_log.h"
 #include "config-copy/agents/agent_session.h"
 #include "config-copy/command_line/completion.h"
 #include "config-copy/command_line/options.h"
@@ -18,6 +19,7 @@
 #include "config-copy/failure.h"
 #include "config-copy/interrupt.h"
 #include "config-copy/output/output.h"
+#include "config-copy/report/become_report.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -128,6 +130,9 @@ bool pass_on(const Options &options, const std::vector<Outcome> &outcomes, Outpu
             write_metrics(*options.metrics, options.profile, outcomes, std::time(nullptr));
         });
     }
+    if (options.outcomes) {
+        attempt([&] { append_outcomes(*options.outcomes, outcomes, std::time(nullptr)); });
+    }
     if (options.on_done) {
         for (const Outcome &outcome : outcomes) {
             attempt([&] { run_on_done(*options.on_done, outcome, time_limit_of_on_done); });
@@ -158,6 +163,9 @@ ExitStatus run(const Options &options, Output &output) {
     if (options.command == Command::completion) {
         output.put(completion(options.completion));
         return ExitStatus::done;
+    }
+    if (options.command == Command::report) {
+        become_report(options);
     }
     if (options.command == Command::copy || options.command == Command::diff) {
         const CopyJob job = job_of(options);

@@ -38,7 +38,7 @@ _config_copy() {
         [[ $option == --hosts* ]] && has_hosts=yes
     done
 
-    local commands='diff list errors abort'
+    local commands='diff list errors abort report'
     if [[ ${#arguments[@]} -eq 0 && $word == @* ]]; then
         _config_copy_offer "$(config-copy --completion profiles 2>/dev/null | sed 's/^/@/')"
         return
@@ -53,6 +53,7 @@ _config_copy() {
     local from='running startup' urls='tftp:// ftp:// sftp:// scp://'
     case $command.${#arguments[@]} in
         .0) mapfile -t COMPREPLY < <(compgen -W "$commands" -A hostname -- "$word") ;;
+        report.0) mapfile -t COMPREPLY < <(compgen -d -- "$word") ;;
         *.0) mapfile -t COMPREPLY < <(compgen -A hostname -- "$word") ;;
         .1) _config_copy_offer "$from $urls" ;;
         .2) _config_copy_offer "$from fabric-startup all-startup $urls" ;;

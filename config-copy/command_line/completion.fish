@@ -17,7 +17,7 @@ function __config_copy_arguments
         end
         string match -q -- '--hosts*' $word; and set agent agent
     end
-    if contains -- "$arguments[1]" diff list errors abort
+    if contains -- "$arguments[1]" diff list errors abort report
         printf '%s\n' $arguments[1] $agent $arguments[2..-1]
     else
         printf '%s\n' copy $agent $arguments
@@ -31,11 +31,13 @@ function __config_copy_is
 end
 
 complete -c config-copy -f
-complete -c config-copy -n '__config_copy_is 1 copy' -a 'diff list errors abort'
+complete -c config-copy -n '__config_copy_is 1 copy' -a 'diff list errors abort report'
 complete -c config-copy -n '__config_copy_is 1 copy' \
     -a '@(config-copy --completion profiles 2>/dev/null)'
 complete -c config-copy -n '__config_copy_is 1 copy diff list errors abort' \
     -a '(__fish_print_hostnames)'
+complete -c config-copy -n '__config_copy_is 1 report' \
+    -a '(__fish_complete_directories (commandline -ct))'
 complete -c config-copy -n '__config_copy_is 2 copy diff; or __config_copy_is 3 copy diff' \
     -F -a 'running startup'
 complete -c config-copy -n '__config_copy_is 3 copy' -a 'fabric-startup all-startup'

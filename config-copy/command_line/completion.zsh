@@ -1,6 +1,6 @@
 # Completion of config-copy(1) for zsh. The options stand above it in what is installed.
 local curcontext=$curcontext state
-local -a line commands=(diff list errors abort) from=(running startup) to arguments
+local -a line commands=(diff list errors abort report) from=(running startup) to arguments
 local -a urls=(tftp:// ftp:// sftp:// scp://)
 typeset -A opt_args
 to=($from fabric-startup all-startup)
@@ -23,6 +23,7 @@ fi
 (( ${+opt_args[--hosts]} )) && arguments=(agent $arguments)
 case $command.$#arguments in
     .0) compadd -- $commands; _hosts ;;
+    report.0) _files -/ ;;
     *.0) _hosts ;;
     .1) compadd -- $from; compadd -S '' -- $urls; _files ;;
     .2) compadd -- $to; compadd -S '' -- $urls; _files ;;

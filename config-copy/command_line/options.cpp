@@ -62,7 +62,7 @@ constexpr std::string_view for_running = "copies to running";
 constexpr std::string_view for_local_to_running = "copies of a file of this machine to running";
 constexpr std::string_view for_local = "copies from or to a file of this machine";
 
-constexpr std::array<OwnOption, 23> options_of_ours{
+constexpr std::array<OwnOption, 25> options_of_ours{
     {{"hosts", 0, "FILE",
       "copy on each agent that FILE lists, one per line;\n"
       "standard input for -",
@@ -110,6 +110,10 @@ constexpr std::array<OwnOption, 23> options_of_ours{
      {"metrics", 0, "FILE", "write the outcomes into FILE for Prometheus", Use::copies,
       [](Options &options, std::string_view, const std::string &value) {
           options.metrics = value;
+      }},
+     {"outcomes", 0, "FILE", "append the outcomes to FILE, as JSON", Use::copies,
+      [](Options &options, std::string_view, const std::string &value) {
+          options.outcomes = value;
       }},
      {"on-done", 0, "PROGRAM",
       "run PROGRAM for each agent at the end, with the outcome\n"
@@ -169,6 +173,10 @@ constexpr std::array<OwnOption, 23> options_of_ours{
       [](Options &options, std::string_view, const std::string &) { options.is_verbose = true; }},
      {"json", 0, "", "print JSON, one object per line", Use::everything,
       [](Options &options, std::string_view, const std::string &) { options.is_json = true; }},
+     {"output", 'o', "FOLDER", "the folder that report makes", Use::itself,
+      [](Options &options, std::string_view, const std::string &value) {
+          options.report_output = value;
+      }},
      {"help", 'h', "", "print this", Use::itself,
       [](Options &options, std::string_view, const std::string &) {
           options.command = Command::help;
@@ -507,7 +515,25 @@ void parse_copy(const std::vector<std::string> &arguments, const Chosen &chosen,
 }
 
 bool is_command(const std::string &word) {
-    return word == "list" || word == "errors" || word == "abort" || word == "diff";
+    return word == "list" || word == "errors" || word == "abort" || word == "diff" ||
+           word == "report";
+}
+
+constexpr const char *how_to_report = "write config-copy report FOLDER -o REPORT";
+
+// It needs no agent, no profile and nothing of the library.
+void take_report(const Words &words, Options &options) {
+    options.command = Command::report;
+    if (words.library.size() > 1 || !words.session.words().empty() ||
+        std::any_of(words.given.begin(), words.given.end(),
+                    [](std::string_view name) { return name != "output" && name != "quiet"; })) {
+        throw bad_usage("the options of report are --output and --quiet");
+    }
+    if (words.arguments.size() != 2 || words.arguments.back().empty() || !options.report_output ||
+        options.report_output->empty()) {
+        throw bad_usage(how_to_report);
+    }
+    options.report_folder = words.arguments.back();
 }
 
 // Whether a setting for these runs counts in this one.
@@ -583,10 +609,13 @@ void parse_arguments(std::vector<std::string> arguments, const Chosen &chosen, O
     if (options.other_to) {
         throw bad_usage("--to is for copies only");
     }
-    if (options.failed_hosts || options.metrics || options.on_done) {
-        throw bad_usage("--failed-hosts, --metrics and --on-done are for copies only");
+    if (options.failed_hosts || options.metrics || options.outcomes || options.on_done) {
+        throw bad_usage("--failed-hosts, --metrics, --outcomes and --on-done are for copies only");
     }
     const std::string name = arguments[0];
+    if (name == "report") { // behind a profile
+        throw bad_usage(how_to_report);
+    }
     if (name == "diff") {
         options.command = Command::diff;
         arguments.erase(arguments.begin());
@@ -676,6 +705,7 @@ std::string usage_text() {
        config-copy [OPTIONS] list AGENT
        config-copy [OPTIONS] errors AGENT [INDEX]
        config-copy [OPTIONS] abort AGENT INDEX
+       config-copy report FOLDER -o REPORT
 
 Copies the configuration of a switch over SNMP. FROM and TO are running,
 startup, fabric-startup (TO only), all-startup (TO only), or one of
@@ -684,7 +714,8 @@ startup, fabric-startup (TO only), all-startup (TO only), or one of
   sftp://USER@HOST/PATH  scp://USER@HOST/PATH
 with percent-encoding. {host}, {name} (the switch's sysName), {group}, {date},
 {time} and {datetime} in PATH and FILE are filled in.
-diff compares running, startup and files of this machine.
+diff compares running, startup and files of this machine. report makes pages
+for a browser from a folder of backups and its history.
 
 options: those of snmpcmd(1), such as
   -v 3 -u USER -l authPriv -a SHA-256 -A PASSPHRASE -x AES -X PASSPHRASE,
@@ -797,6 +828,13 @@ std::optional<Options> parse_options(int count, char **words) {
     if (options.command == Command::help || options.command == Command::version ||
         options.command == Command::completion) {
         return options;
+    }
+    if (!split.arguments.empty() && split.arguments.front() == "report") {
+        take_report(split, options);
+        return options;
+    }
+    if (options.report_output) {
+        throw bad_usage("--output is for config-copy report FOLDER");
     }
     if (!initialise_library(split.library)) {
         return std::nullopt;

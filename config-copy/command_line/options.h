@@ -22,7 +22,7 @@
 
 namespace config_copy {
 
-enum class Command { completion, copy, diff, list, errors, abort, help, version };
+enum class Command { completion, copy, diff, list, errors, abort, report, help, version };
 
 struct Options {
     Command command = Command::copy;
@@ -47,7 +47,11 @@ struct Options {
     // What is written and run after all copies.
     std::optional<std::string> failed_hosts;
     std::optional<std::string> metrics;
+    std::optional<std::string> outcomes;
     std::optional<std::string> on_done;
+    // Of the command report: what it is about, and the folder that it makes.
+    std::string report_folder;
+    std::optional<std::string> report_output;
     std::string completion; // what is to be printed for a shell
     std::chrono::seconds wait_turn{0};
     std::chrono::seconds time_limit{600};
@@ -67,7 +71,7 @@ enum class Use { everything, copies_and_diff, copies, itself };
 
 // Whether an argument that is called so is the name of a file.
 constexpr bool takes_file(std::string_view argument) {
-    return argument == "FILE" || argument == "PROGRAM";
+    return argument == "FILE" || argument == "FOLDER" || argument == "PROGRAM";
 }
 
 // An option of ours. All but those that are for themselves may stand in a configuration file.

@@ -9,7 +9,6 @@
 #include "copy_client/copy_row.h"
 
 #include <algorithm>
-#include <array>
 #include <ctime>
 #include <random>
 #include <utility>
@@ -23,13 +22,6 @@ using namespace std::chrono_literals;
 Milliseconds some_time() {
     std::random_device source;
     return Milliseconds(std::uniform_int_distribution(300, 1000)(source));
-}
-
-std::string time_text(std::time_t time) {
-    std::tm utc{};
-    ::gmtime_r(&time, &utc);
-    std::array<char, 32> text{};
-    return {text.data(), std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &utc)};
 }
 
 // What the copy is about, with the values filled in.
@@ -141,7 +133,7 @@ class Run {
             check_that_we_may_read_it();
             const std::string reason = activate() ? "" : reason_of_refusal();
             if (reason.empty()) {
-                outcome.start_time = time_text(std::time(nullptr));
+                outcome.start_time = utc_text(std::time(nullptr));
                 return;
             }
             // A request that waits as long as we may would age out.

@@ -5,6 +5,7 @@
 #include "config-copy/copies/local_file.h"
 #include "config-copy/failure.h"
 #include "config-copy/interrupt.h"
+#include "config-copy/own_program.h"
 
 #include <poll.h>
 #include <spawn.h>
@@ -17,7 +18,6 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
 #include <system_error>
 #include <tuple>
 #include <utility>
@@ -30,16 +30,6 @@ using namespace std::chrono_literals;
 constexpr std::string_view program_name = "config-copy-receiver";
 constexpr const char *was_ended = "it crashed or was killed";
 constexpr auto pause_before_next_try = 200ms;
-
-// Beside this program where it was built, otherwise where it is installed.
-std::string path_of_program() {
-    std::error_code error;
-    const auto beside =
-        std::filesystem::read_symlink("/proc/self/exe", error).parent_path() / program_name;
-    return std::filesystem::exists(beside, error)
-               ? beside.string()
-               : CONFIG_COPY_LIBEXECDIR "/" + std::string(program_name);
-}
 
 std::string not_started(const std::string &path, int error) {
     return path + " can't be started: " + std::strerror(error) +
@@ -77,7 +67,7 @@ std::pair<pid_t, ulmo::UniqueFd> started_program() {
     ulmo::check(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()), "socketpair");
     ulmo::UniqueFd ours(ends[0]);
     const ulmo::UniqueFd theirs(ends[1]);
-    std::string path = path_of_program();
+    std::string path = path_of_own_program(program_name);
     std::array<char *, 2> words{path.data(), nullptr};
     posix_spawn_file_actions_t actions;
     posix_spawnattr_t attributes;

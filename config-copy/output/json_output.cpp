@@ -7,6 +7,7 @@
 #include <cctype>
 #include <charconv>
 #include <cmath>
+#include <iterator>
 #include <optional>
 
 namespace config_copy {
@@ -151,6 +152,26 @@ std::string json_of(const Outcome &outcome) {
                     {"diff", outcome.difference ? Json(outcome.difference->text) : Json()},
                     {"text", outcome.text},
                     {"switches", switches}});
+}
+
+std::string json_record(const Outcome &outcome, std::time_t now) {
+    Json object{{"time", utc_text(now)},
+                {"agent", outcome.agent},
+                {"group", text_or_null(outcome.group)},
+                {"ending", key_of(outcome.status)},
+                {"attempts", outcome.attempts},
+                {"from", text_or_null(outcome.from)},
+                {"to", text_or_null(outcome.to)},
+                {"cause", text_or_null(outcome.cause)},
+                {"reason", text_or_null(outcome.reason)},
+                {"seconds", outcome.seconds ? seconds(*outcome.seconds) : Json()},
+                {"bytes", value_or_null(outcome.bytes)},
+                {"unchanged", value_or_null(outcome.is_unchanged)},
+                {"text", outcome.status == ExitStatus::done ? Json() : Json(outcome.text)}};
+    for (auto member = object.begin(); member != object.end();) {
+        member = member->is_null() ? object.erase(member) : std::next(member);
+    }
+    return line_of(object);
 }
 
 std::string json_difference(const Outcome &outcome) {

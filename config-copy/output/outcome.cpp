@@ -7,6 +7,7 @@
 #include <net-snmp/net-snmp-includes.h>
 
 #include <array>
+#include <ctime>
 #include <iomanip>
 #include <sstream>
 
@@ -44,6 +45,13 @@ std::string_view name_of(ExitStatus status) {
     constexpr std::array<std::string_view, 7> names{
         "done", "failed", "usage", "refused", "not reachable", "busy", "different"};
     return names.at(static_cast<std::size_t>(status));
+}
+
+std::string utc_text(std::time_t time) {
+    std::tm utc{};
+    ::gmtime_r(&time, &utc);
+    std::array<char, 32> text{};
+    return {text.data(), std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &utc)};
 }
 
 std::string seconds_text(double seconds) {

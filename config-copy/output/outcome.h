@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -44,7 +45,7 @@ struct Outcome {
     std::string user;                   // the account on the server
     std::string snmp_user;              // of SNMPv3
     std::optional<unsigned long> index; // the last request that was created
-    // UTC by this machine's clock, as in 2026-11-21T09:30:00Z; empty if the copy never ran
+    // utc_text() by this machine's clock; empty if the copy never ran
     std::string start_time;
     std::int64_t started = 0;      // the same by ccCopyTimeStarted, in hundredths of a second
     std::string state;             // ccCopyState at the end, as text; empty if the copy never ran
@@ -67,6 +68,9 @@ struct Outcome {
         text = failure.what();
     }
 };
+
+// As in 2026-11-21T09:30:00Z.
+std::string utc_text(std::time_t time);
 
 // With two decimals.
 std::string seconds_text(double seconds);

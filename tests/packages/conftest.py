@@ -17,7 +17,7 @@ SWITCH, SERVER = "192.0.2.1", "192.0.2.2"
 # What a switch has before our packages are installed, in addition to their dependencies, which
 # include the agent.
 PRESENT = (
-    "systemd-sysv", "dbus", "git", "snmp",
+    "systemd-sysv", "dbus", "git", "snmp", "python3-jinja2",
     "tftpd-hpa",  # for debian/tests
     "python3-apt"  # for Ansible, which installs packages
 )

@@ -292,10 +292,10 @@ def nightly(switch):
     text = (REPOSITORY / "docs/fleet.md").read_text()
     blocks = [textwrap.dedent(block) for block in re.findall(r"^ *```sh\n(.*?)^ *```$", text,
                                                              re.M | re.S)]
-    assert len(blocks) == 5 and "systemctl start" in blocks[2]
+    assert len(blocks) == 6 and "systemctl start" in blocks[2]
     printed = [switch.run("bash", "-c", block, check=False) for block in blocks]
     # All but the third must succeed, and that fails because one of the switches has.
-    assert [bool(block.returncode) for block in printed] == [False, False, True, False, False], [
+    assert [number for number, block in enumerate(printed) if block.returncode] == [2], [
         block.stdout for block in printed
     ]
     switch.run("systemctl", "reset-failed")
@@ -308,7 +308,8 @@ def nightly(switch):
 class TestBackups:
     def test_nightly_backup(self, switch, nightly):
         assert f"{BACKUP}.service" in switch.run("systemctl", "list-timers").stdout
-        logged, restored = nightly[3:]
+        logged, reported, restored = nightly[3:]
+        assert "/report/index.html: 2 switches, 1 of them failed" in reported
         assert "no answer from core2 in " in logged
         assert "2 agents: 1 done, 1 not reachable" in logged
         assert "nightly: new: core1, committed as " in logged
@@ -359,6 +360,22 @@ class TestBackups:
         switch.shell(f"rm -r /root/objects; cp -a {objects} /root/objects && umount {objects} && "
                      f"cp -a /root/objects/. {objects}")
 
+    def test_each_backup_makes_the_report_again(self, switch, nightly):
+        report = switch.root / BACKUPS[1:] / "report"
+        before = report.stat().st_ino
+        change(switch, "reported")
+        backed_up(switch)
+        assert report.stat().st_ino != before
+        assert "+hostname reported\n" in (report / "switches/core1.html").read_text()
+        index = (report / "index.html").read_text()
+        # The hosts file lacks the other one since then.
+        assert index.index(">core1</a>") < index.index(">core2</a>")
+        assert ">no longer listed</span>" in index
+        owner = switch.shell(f"stat -c '%U %a' {BACKUPS}/report {BACKUPS}/report/index.html "
+                             f"{BACKUPS}/outcomes {BACKUPS}/outcomes/*")
+        assert owner == ("config-copy 700\nconfig-copy 600\n"
+                         "config-copy 700\nconfig-copy 600\n")
+
     def test_two_backups_at_a_time(self, switch, nightly):
         running = switch.words("flock", BACKUPS, "sleep", "60")
         with subprocess.Popen(running) as first:
@@ -366,7 +383,7 @@ class TestBackups:
                 lambda: switch.run("flock", "-n", BACKUPS, "true", check=False).returncode)
             journal, commits = backed_up(switch, succeeds=False)
             first.kill()
-        assert "another backup of nightly is running, so this one ends" in journal and commits == 4
+        assert "another backup of nightly is running, so this one ends" in journal and commits == 5
 
     def test_service_of_backups_may_do_little(self, switch, nightly):
         # It has 1.6.

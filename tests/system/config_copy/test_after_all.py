@@ -1,5 +1,6 @@
 """Copies that are tried again, and what is written and run when all copies have ended."""
 
+import json
 import re
 import time
 
@@ -190,3 +191,41 @@ def test_what_fails_afterwards_is_in_the_exit_status(own_agents, here):
         f"config-copy: --on-done: /bin/false failed for {alive.name}: it ended with status 1 and "
         "gave no reason\n"
     ), done
+
+
+def test_outcomes(one_frozen, here):
+    """Of each run, without what is secret."""
+    hosts, alive, frozen, _ = one_frozen
+    for _ in range(2):
+        done = config_copy(*USER, "--outcomes", "log", "--hosts", hosts, "running", TO_SERVER)
+        assert done.status == UNREACHABLE, done
+    assert "lab" not in (here / "log").read_text()
+    records = [json.loads(line) for line in (here / "log").read_text().splitlines()]
+    assert [record["agent"] for record in records] == [alive, frozen] * 2
+    first, failed, second = records[:3]
+    assert first["time"] == failed["time"] <= second["time"]
+    file = f"{alive.replace(':', '-')}.cfg"
+    assert (first["ending"], first["to"]) == ("done", f"tftp://{SERVER4}/{file}")
+    assert first["seconds"] < 10
+    assert failed["ending"] == "not_reachable"
+    assert failed["text"].startswith(f"no answer from {frozen} in ")
+    assert failed.keys() == {"time", "agent", "group", "ending", "attempts", "from", "to", "text"}
+
+
+def test_report_of_the_outcomes(one_frozen, here):
+    _, _, frozen, _ = one_frozen
+    (here / "backups/outcomes").mkdir(parents=True)
+    (here / "hosts").write_text(f"{AGENT}\n{frozen}\n")
+    for _ in range(2):
+        done = config_copy(*USER, "--outcomes", "outcomes/2026-11.jsonl", "--hosts", "../hosts",
+                           "running", "./{host}.cfg", cwd=here / "backups")
+        assert done.status == UNREACHABLE, done
+    done = config_copy("report", "backups", "--output", "pages")
+    assert done.out == "pages/index.html: 2 switches, 1 of them failed in the last run\n", done
+    assert (done.status, done.err) == (DONE, "")
+    index = (here / "pages/index.html").read_text()
+    assert index.index(f">{frozen}</a>") < index.index(f">{AGENT}</a>")
+    assert f"no answer from {frozen} in " in index and ">done<" in index
+    page = (here / f"pages/switches/{AGENT}.html").read_text()
+    # The first of the two outcomes has changed the file.
+    assert page.count('<rect class="changed"') == page.count('<rect class="same"') == 1

@@ -103,6 +103,7 @@ def shell(request, tmp_path_factory):
     (("--wait",), ["--wait-turn"]),
     (("-l", "auth"), ["authNoPriv", "authPriv"]),
     (("list", "agent", "r"), []),
+    (("rep",), ["report"]),
     (("--jobs", "r"), []),
 ])
 def test_completion(shell, words, offered):
@@ -113,6 +114,13 @@ def test_files_are_completed(shell, tmp_path):
     (tmp_path / "switches").touch()
     for words in (("--hosts",), ("agent",), ("agent", "running"), ("diff", "agent", "running")):
         assert shell.completed(*words, f"{tmp_path}/sw") == [f"{tmp_path}/switches"], words
+
+
+def test_a_report_is_of_a_folder(shell, tmp_path):
+    (tmp_path / "backup.cfg").touch()
+    (tmp_path / "backups").mkdir()
+    offered = shell.completed("report", f"{tmp_path}/back")
+    assert [name.rstrip("/") for name in offered] == [f"{tmp_path}/backups"]
 
 
 @pytest.fixture

@@ -2,14 +2,17 @@
 #include "config-copy/after/failed_hosts.h"
 #include "config-copy/after/metrics.h"
 #include "config-copy/after/on_done.h"
+#include "config-copy/after/outcome_log.h"
 #include "config-copy/command_line/hosts_file.h"
 #include "config-copy/command_line/text_file.h"
 #include "tests/unit/config-copy/support.h"
 #include "tests/unit/scratch.h"
 
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <csignal>
 #include <filesystem>
 #include <functional>
 
@@ -166,6 +169,75 @@ TEST(Metrics, TheLastSuccessStaysInTheFile) {
     const std::string folder = scratch.root() / "folder";
     EXPECT_EQ("--metrics: " + folder + " can't be written: Is a directory",
               reason_of([&] { write_metrics(folder, "", {ended("a")}, 1); }));
+}
+
+TEST(OutcomeLog, KeepsWhatIsKnown) {
+    const Scratch scratch;
+    const std::string file = scratch.root() / "log";
+    Outcome done = ended("core1");
+    done.group = "core";
+    done.from = "running";
+    done.to = "./core1.cfg";
+    done.text = "core1: running to ./core1.cfg copied";
+    done.user = "netops";
+    done.seconds = 1.256;
+    done.bytes = 12345;
+    done.is_unchanged = true;
+    Outcome failed = ended("a\"b\n\xff", ExitStatus::failed);
+    failed.attempts = 3;
+    failed.cause = "timeout";
+    failed.reason = "why";
+    failed.text = "what";
+    append_outcomes(file, {done, failed}, 1000);
+    EXPECT_EQ(0600U, Scratch::status_of(file).st_mode & 07777U);
+    const std::string first =
+        R"({"time":"1970-01-01T00:16:40Z","agent":"core1","group":"core","ending":"done",)"
+        R"("attempts":1,"from":"running","to":"./core1.cfg","seconds":1.26,"bytes":12345,)"
+        R"("unchanged":true}
+{"time":"1970-01-01T00:16:40Z","agent":"a\"b\n)"
+        "\xEF\xBF\xBD"
+        R"(","ending":"failed","attempts":3,"cause":"timeout","reason":"why","text":"what"}
+)";
+    EXPECT_EQ(first, Scratch::read(file));
+    append_outcomes(file, {ended("x")}, 1001);
+    EXPECT_EQ(first + R"({"time":"1970-01-01T00:16:41Z","agent":"x","ending":"done","attempts":1})"
+                      "\n",
+              Scratch::read(file));
+}
+
+TEST(OutcomeLog, ALineThatWasCutSpoilsNoOther) {
+    const Scratch scratch;
+    const std::string file = scratch.root() / "log";
+    Scratch::write(file, R"({"time":"1970-01)");
+    append_outcomes(file, {ended("x")}, 0);
+    EXPECT_EQ(R"({"time":"1970-01
+{"time":"1970-01-01T00:00:00Z","agent":"x","ending":"done","attempts":1}
+)",
+              Scratch::read(file));
+}
+
+TEST(OutcomeLog, IsWrittenWholeOrNotAtAll) {
+    const Scratch scratch;
+    const std::string file = scratch.root() / "log";
+    const std::string before = "{}\n" + std::string(1000, ' ') + '\n';
+    Scratch::write(file, before);
+    rlimit limit{};
+    ASSERT_EQ(0, ::getrlimit(RLIMIT_FSIZE, &limit));
+    const rlimit lower{before.size() + 100, limit.rlim_max};
+    const auto handler = std::signal(SIGXFSZ, SIG_IGN);
+    ASSERT_EQ(0, ::setrlimit(RLIMIT_FSIZE, &lower));
+    const std::string reason = reason_of([&] {
+        append_outcomes(file, {ended("x"), ended("y"), ended("z")}, 0);
+    });
+    ASSERT_EQ(0, ::setrlimit(RLIMIT_FSIZE, &limit));
+    std::signal(SIGXFSZ, handler);
+    EXPECT_EQ("--outcomes: " + file + " can't be written: File too large", reason);
+    EXPECT_EQ(before, Scratch::read(file));
+    for (const std::string path : {"/dev/null", "/"}) {
+        EXPECT_EQ("--outcomes: " + path +
+                      " can't be written: " + (path == "/" ? "Is a directory" : "Invalid argument"),
+                  reason_of([&] { append_outcomes(path, {ended("x")}, 0); }));
+    }
 }
 
 std::string program_in(const Scratch &scratch, const std::string &commands) {

@@ -112,8 +112,13 @@ class CommandLine : public testing::Test {
         ::setenv("XDG_CONFIG_HOME", scratch_.root().c_str(), 1);
     }
 
-    std::optional<Options> parse(std::vector<std::string> words) {
-        words.insert(words.begin(), {"config-copy", "-v2c", "-clab"});
+    static std::optional<Options> parse(std::vector<std::string> words) {
+        words.insert(words.begin(), {"-v2c", "-clab"});
+        return parse_without_session(std::move(words));
+    }
+
+    static std::optional<Options> parse_without_session(std::vector<std::string> words) {
+        words.insert(words.begin(), "config-copy");
         std::vector<char *> pointers;
         for (std::string &word : words) {
             pointers.push_back(word.data());
@@ -238,8 +243,37 @@ TEST_F(CommandLine, WhatComesAfterAllCopies) {
               refused({"--failed-hosts", "f", "agent", "running", "startup"}));
     EXPECT_EQ("--on-done: /nowhere can't be run: No such file or directory",
               refused({"--on-done", "/nowhere", "agent", "running", "startup"}));
-    EXPECT_EQ("--failed-hosts, --metrics and --on-done are for copies only",
-              refused({"--metrics", "f", "diff", "agent", "running", "startup"}));
+    for (const std::string option : {"--metrics", "--outcomes"}) {
+        EXPECT_EQ("--failed-hosts, --metrics, --outcomes and --on-done are for copies only",
+                  refused({option, "f", "diff", "agent", "running", "startup"}));
+    }
+}
+
+TEST_F(CommandLine, Report) {
+    for (const Texts &words : {Texts{"report", "-o", "pages", "folder", "-q"},
+                               Texts{"--output=pages", "report", "folder"},
+                               Texts{"-o", "pages", "--", "report", "folder"}}) {
+        const auto options = parse_without_session(words);
+        EXPECT_EQ(Command::report, options->command);
+        EXPECT_EQ("folder", options->report_folder);
+        EXPECT_EQ("pages", options->report_output);
+    }
+    const auto refused = [&](std::vector<std::string> words) {
+        return usage_failure([&] { parse_without_session(std::move(words)); });
+    };
+    const std::string write = "write config-copy report FOLDER -o REPORT";
+    EXPECT_EQ(write, refused({"report", "folder"}));
+    EXPECT_EQ(write, refused({"report", "-o", "", "folder"}));
+    EXPECT_EQ(write, refused({"report", "-o", "pages"}));
+    EXPECT_EQ(write, refused({"report", "-o", "pages", ""}));
+    EXPECT_EQ(write, refused({"report", "-o", "pages", "folder", "other"}));
+    for (const Texts &words : {Texts{"--json"}, Texts{"-v", "2c"}, Texts{"-Y", "x"}}) {
+        Texts all{"report", "-o", "pages", "folder"};
+        all.insert(all.begin(), words.begin(), words.end());
+        EXPECT_EQ("the options of report are --output and --quiet", refused(all));
+    }
+    EXPECT_EQ("--output is for config-copy report FOLDER",
+              refused({"-o", "pages", "agent", "running", "startup"}));
 }
 
 TEST_F(CommandLine, Diff) {
@@ -292,6 +326,7 @@ TEST(Options, TheHelpHasEachOption) {
                   "  --failed-hosts FILE    list the agents that failed in FILE, a hosts "
                   "file\n"
                   "  --metrics FILE         write the outcomes into FILE for Prometheus\n"
+                  "  --outcomes FILE        append the outcomes to FILE, as JSON\n"
                   "  --on-done PROGRAM      run PROGRAM for each agent at the end, with the "
                   "outcome\n"
                   "                         in its environment\n"

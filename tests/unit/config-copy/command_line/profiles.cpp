@@ -98,11 +98,11 @@ TEST_F(ProfileFiles, TheUsersCounts) {
 TEST_F(ProfileFiles, MistakesAreToldWithTheirLine) {
     const std::string line2 = "in " + user_ + ", line 2: ";
     EXPECT_EQ(line2 + "there is no setting \"job\": did you mean jobs?", refusal("[x]\njob = 1\n"));
-    EXPECT_EQ(line2 +
-                  "there is no setting \"help\": there are from, snmp, hosts, group, to, jobs, "
-                  "retries, retry-pause, failed-hosts, metrics, on-done, password-file, wait-turn, "
-                  "time-limit, replace, save, confirm, "
-                  "local-address, dry-run, quiet, verbose, json",
+    EXPECT_EQ(line2 + "there is no setting \"help\": there are from, snmp, hosts, group, to, jobs, "
+                      "retries, retry-pause, failed-hosts, metrics, outcomes, on-done, "
+                      "password-file, wait-turn, "
+                      "time-limit, replace, save, confirm, "
+                      "local-address, dry-run, quiet, verbose, json",
               refusal("[x]\nhelp = yes\n"));
     for (const std::string key : {"from", "to", "hosts", "group"}) {
         EXPECT_EQ(line2 + key + " belongs into a profile, not into [defaults]",
