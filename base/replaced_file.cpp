@@ -19,12 +19,9 @@
 namespace ulmo {
 namespace {
 
-constexpr mode_t owner_only = 0600;
-
 // Clears the name if the file has none. Not every file system has such files.
 UniqueFd made_under_no_name(std::filesystem::path &temporary, const std::filesystem::path &path) {
-    UniqueFd nameless(
-        ::open(path.parent_path().c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, owner_only));
+    UniqueFd nameless(::open(path.parent_path().c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
     if (nameless) {
         temporary.clear();
         return nameless;
@@ -57,8 +54,7 @@ UniqueFd made_under_fixed_name(const std::filesystem::path &temporary,
         throw_errno("cannot remove", temporary.native());
     }
     constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-    return UniqueFd(
-        check(::open(temporary.c_str(), flags, owner_only), "cannot make", path.native()));
+    return UniqueFd(check(::open(temporary.c_str(), flags, 0600), "cannot make", path.native()));
 }
 
 } // namespace
@@ -89,7 +85,7 @@ void ReplacedFile::append(std::string_view data) {
 
 void ReplacedFile::finish() {
     // Independent of the umask.
-    check(::fchmod(file_.get(), owner_only), "cannot protect", path_.native());
+    check(::fchmod(file_.get(), 0600), "cannot protect", path_.native());
     if (manner_ == Manner::lasting) {
         check(::fsync(file_.get()), "cannot sync", path_.native());
     }

@@ -16,8 +16,6 @@
 namespace ulmo {
 namespace {
 
-constexpr mode_t owner_only = 0600;
-
 // The octets of the lock file that are locked; they need not exist. Everyone queues at the
 // turnstile first, so that a steady stream of readers can't keep a writer out.
 constexpr off_t turnstile = 0;
@@ -64,9 +62,9 @@ Held &all_held() {
 FileLock::FileLock(const std::filesystem::path &path, Mode mode, std::chrono::milliseconds wait) {
     {
         const ActingAsOwner owner(path.parent_path());
-        file_ = UniqueFd(
-            check(::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, owner_only),
-                  "cannot open", path.native()));
+        file_ =
+            UniqueFd(check(::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600),
+                           "cannot open", path.native()));
     }
     const auto deadline = std::chrono::steady_clock::now() + wait;
     lock_octet(file_, path, turnstile, F_WRLCK, deadline);

@@ -48,10 +48,6 @@ Trouble wrong_answer(const Oid &name) {
     return Trouble(TroubleKind::wrong_answer, 0, describe_name(name));
 }
 
-Oid name_of(const netsnmp_variable_list &variable) {
-    return {variable.name, variable.name + variable.name_length};
-}
-
 Value value_of(const netsnmp_variable_list &variable, const Oid &name) {
     Value value;
     switch (variable.type) {

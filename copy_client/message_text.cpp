@@ -29,16 +29,12 @@ constexpr std::array<Named, 13> copy_columns{
      {CC_COLUMN_SERVER_ADDRESS_TYPE, "ccCopyServerAddressType"},
      {CC_COLUMN_SERVER_ADDRESS_REV1, "ccCopyServerAddressRev1"}}};
 
-bool is_below(const Oid &name, const Oid &prefix) {
+bool begins_with(const Oid &name, const Oid &prefix) {
     return name.size() >= prefix.size() && std::equal(prefix.begin(), prefix.end(), name.begin());
 }
 
-Oid name_of(const netsnmp_variable_list &variable) {
-    return {variable.name, variable.name + variable.name_length};
-}
-
 std::string value_of(const netsnmp_variable_list &variable) {
-    if (is_below(name_of(variable), copy_column(CC_COLUMN_USER_PASSWORD))) {
+    if (begins_with(name_of(variable), copy_column(CC_COLUMN_USER_PASSWORD))) {
         return "(not shown)";
     }
     switch (variable.type) {
@@ -82,7 +78,7 @@ std::string describe_name(const Oid &name) {
     std::string text;
     std::size_t at = 0;
     for (const auto &[column, column_name] : copy_columns) {
-        if (const Oid prefix = copy_column(column); is_below(name, prefix)) {
+        if (const Oid prefix = copy_column(column); begins_with(name, prefix)) {
             text = column_name;
             at = prefix.size();
         }

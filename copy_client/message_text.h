@@ -11,6 +11,11 @@
 
 namespace copy_client {
 
+// Without its value.
+inline Oid name_of(const netsnmp_variable_list &variable) {
+    return {variable.name, variable.name + variable.name_length};
+}
+
 // Such as "ccCopyState.7"; of an object outside the copy table, its numbers.
 std::string describe_name(const Oid &name);
 

@@ -54,9 +54,9 @@ status=0
 pytest=(env PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 -m pytest -p no:cacheprovider -q
     --durations=5 --strict-markers)
 
-# The packages are made meanwhile, at idle priority: the labs mostly wait.
+# The packages are made meanwhile: the labs mostly wait.
 if [[ " ${folders[*]} " == *" packages "* ]]; then
-    { chrt --idle 0 "$scripts/package.sh" && touch "$results/package.made"; } \
+    { nice "$scripts/package.sh" && touch "$results/package.made"; } \
         >"$results/package.log" 2>&1 &
     packaging=$!
 fi

@@ -67,7 +67,7 @@ std::vector<Completed> all_options() {
 }
 
 // In quotes of any shell.
-std::string quoted(const std::string &text, std::string_view escaped = {}) {
+std::string shell_quoted(const std::string &text, std::string_view escaped = {}) {
     std::string quoted = "'";
     for (const char c : text) {
         if (c == '\'') {
@@ -105,7 +105,7 @@ std::string for_bash() {
         if (takes_file(option.argument)) {
             files += ' ' + option.names.back();
         } else if (!option.words.empty()) {
-            words += "\n    [" + option.names.back() + "]=" + quoted(option.words);
+            words += "\n    [" + option.names.back() + "]=" + shell_quoted(option.words);
         }
     }
     return "# shellcheck shell=bash disable=SC2034 # the functions below use it\n"
@@ -134,7 +134,7 @@ std::string for_zsh() {
                          : option.words.empty()      ? " "
                                                      : '(' + option.words + ')');
             }
-            text += "    " + quoted(spec) + '\n';
+            text += "    " + shell_quoted(spec) + '\n';
         }
     }
     return text + ")\n";
@@ -151,9 +151,9 @@ std::string for_fish() {
             text += takes_file(option.argument) ? " -rF" : " -x";
         }
         if (!option.words.empty()) {
-            text += " -a " + quoted(option.words);
+            text += " -a " + shell_quoted(option.words);
         }
-        text += " -d " + quoted(option.help, "\\") + '\n';
+        text += " -d " + shell_quoted(option.help, "\\") + '\n';
     }
     return text;
 }

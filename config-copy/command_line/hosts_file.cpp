@@ -14,7 +14,7 @@
 namespace config_copy {
 namespace {
 
-using Words = std::vector<std::string>;
+using LineWords = std::vector<std::string>;
 
 std::string location(const std::string &where, std::size_t line) {
     return "in " + where + ", line " + std::to_string(line) + ": ";
@@ -37,7 +37,7 @@ class Reader {
     [[nodiscard]] std::size_t line() const { return line_; }
 
   private:
-    void take(Words words) {
+    void take(LineWords words) {
         if (words.empty()) {
             return;
         }
@@ -51,7 +51,7 @@ class Reader {
         }
     }
 
-    void begin_group(const std::string &header, const Words &words) {
+    void begin_group(const std::string &header, const LineWords &words) {
         const std::string name = header.substr(1, header.size() - 2);
         if (!header.ends_with(']') || !is_plain_name(name)) {
             throw bad_usage("a group is written [NAME], of letters, digits, dots, hyphens and "
@@ -65,7 +65,7 @@ class Reader {
         of_group_ = std::make_shared<const SessionOptions>(options_of(words));
     }
 
-    void add_agent(const std::string &name, const Words &words) {
+    void add_agent(const std::string &name, const LineWords &words) {
         if (name.empty() || name[0] == '-') {
             throw bad_usage("a line begins with the agent or with [GROUP]; options follow");
         }
@@ -80,7 +80,7 @@ class Reader {
                                 words.empty() ? of_group_ : with_group(words)});
     }
 
-    std::shared_ptr<const SessionOptions> with_group(const Words &words) {
+    std::shared_ptr<const SessionOptions> with_group(const LineWords &words) {
         std::string key;
         for (const std::string &word : words) {
             key.append(word).push_back('\0');
@@ -92,7 +92,7 @@ class Reader {
         return known;
     }
 
-    SessionOptions options_of(const Words &words) {
+    SessionOptions options_of(const LineWords &words) {
         SessionOptions options(words);
         if (options.has_secret() && file_.line_of_secret == 0) {
             file_.line_of_secret = line_;

@@ -37,7 +37,7 @@ constexpr std::array<Named<FileType>, 2> synonyms{
 constexpr std::array protocols{named(Protocol::tftp), named(Protocol::ftp), named(Protocol::sftp),
                                named(Protocol::scp)};
 
-std::string quoted(std::string_view text) {
+std::string in_quotes(std::string_view text) {
     return '"' + std::string(text) + '"';
 }
 
@@ -59,7 +59,7 @@ char decoded(std::string_view text, std::size_t at) {
     const auto low = at + 2 < text.size() ? hexadecimal(text[at + 2]) : std::nullopt;
     if (!high || !low) {
         throw bad_usage(
-            "in " + quoted(text) +
+            "in " + in_quotes(text) +
             " two hexadecimal digits must follow each '%'; a '%' itself is written %25");
     }
     return static_cast<char>(*high * 16 + *low);
@@ -119,7 +119,7 @@ std::string filled_in(std::string_view path, std::size_t &at, const PathValues &
             return value.empty() ? std::string(key) : value;
         }
     }
-    throw bad_usage(quoted(key) +
+    throw bad_usage(in_quotes(key) +
                     " can't be filled in: {host}, {name}, {group}, {date}, {time} and {datetime} "
                     "can" +
                     advice);
@@ -139,17 +139,17 @@ Protocol protocol_of(std::string_view scheme) {
             return value;
         }
     }
-    throw bad_usage("unknown scheme " + quoted(scheme) + ": use tftp, ftp, sftp or scp");
+    throw bad_usage("unknown scheme " + in_quotes(scheme) + ": use tftp, ftp, sftp or scp");
 }
 
 std::string host_of(std::string_view text, std::string_view authority) {
     if (authority.starts_with('[')) {
         const std::size_t end = authority.find(']');
         if (end == std::string_view::npos) {
-            throw bad_usage("no ']' after the IPv6 address in " + quoted(text));
+            throw bad_usage("no ']' after the IPv6 address in " + in_quotes(text));
         }
         if (end + 1 != authority.size()) {
-            throw bad_usage("a port can't be chosen (" + quoted(text) +
+            throw bad_usage("a port can't be chosen (" + in_quotes(text) +
                             "): the switch uses the protocol's own, so leave it out");
         }
         return std::string(authority.substr(1, end - 1));
@@ -159,7 +159,7 @@ std::string host_of(std::string_view text, std::string_view authority) {
         throw bad_usage("write the IPv6 address in brackets, as in tftp://[2001:db8::1]/file");
     }
     if (colon != std::string_view::npos) {
-        throw bad_usage("a port can't be chosen (" + quoted(text) +
+        throw bad_usage("a port can't be chosen (" + in_quotes(text) +
                         "): the switch uses the protocol's own, so leave it out");
     }
     return decoded(authority);
@@ -183,11 +183,11 @@ FileUrl parse_url(std::string_view text, std::size_t scheme_length) {
     }
     url.host = host_of(text, authority);
     if (url.host.empty()) {
-        throw bad_usage("no host in " + quoted(text) + ": write " +
+        throw bad_usage("no host in " + in_quotes(text) + ": write " +
                         std::string(name_of(url.protocol)) + "://host/path");
     }
     if (slash == std::string_view::npos || rest.ends_with('/')) {
-        throw bad_usage("no file name in " + quoted(text) + ": write " +
+        throw bad_usage("no file name in " + in_quotes(text) + ": write " +
                         std::string(name_of(url.protocol)) + "://host/path");
     }
     url.path = std::string(rest.substr(slash + 1));
@@ -196,11 +196,11 @@ FileUrl parse_url(std::string_view text, std::size_t scheme_length) {
                         (url.path[at] == '?' ? "%3F" : "%23"));
     }
     if (url.protocol == Protocol::tftp && !url.user.empty()) {
-        throw bad_usage("TFTP has no users: leave out " + quoted(url.user + '@') +
+        throw bad_usage("TFTP has no users: leave out " + in_quotes(url.user + '@') +
                         ", or use another protocol");
     }
     if (url.protocol != Protocol::tftp && url.user.empty()) {
-        throw bad_usage("no user in " + quoted(text) + ": write " +
+        throw bad_usage("no user in " + in_quotes(text) + ": write " +
                         std::string(name_of(url.protocol)) + "://user@host/path");
     }
     if (url.user.size() > longest_user_name) {
@@ -220,7 +220,7 @@ void check_not_misspelt(std::string_view text) {
     const auto compare = [&](std::string_view word) {
         if (distance(text, word) <= most_slips) {
             throw bad_usage("did you mean " + std::string(word) +
-                            "? A file of this machine named " + quoted(text) + " is written ./" +
+                            "? A file of this machine named " + in_quotes(text) + " is written ./" +
                             std::string(text));
         }
     };
@@ -338,11 +338,11 @@ std::string file_name(const FileUrl &url, const PathValues &values) {
     }
     check_characters("file name", name);
     if (name.empty() || name.ends_with('/')) {
-        throw bad_usage("the file name " + quoted(name) +
+        throw bad_usage("the file name " + in_quotes(name) +
                         " does not name a file: write something after the last '/'");
     }
     if (name.size() > longest_file_name) {
-        throw bad_usage("the file name " + quoted(name) + " is longer than the " +
+        throw bad_usage("the file name " + in_quotes(name) + " is longer than the " +
                         std::to_string(longest_file_name) + " octets that the switch takes");
     }
     return name;

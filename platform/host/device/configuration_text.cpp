@@ -95,7 +95,7 @@ class Words {
 };
 
 // A word of the file as messages show it.
-std::string quoted(std::string_view word) {
+std::string in_quotes(std::string_view word) {
     constexpr std::size_t shown = 40;
     std::size_t length = std::min(word.size(), shown);
     while (length < word.size() && length > 0 &&
@@ -142,7 +142,7 @@ class Parser {
             refuse("indented, but no 'interface' or 'vlan' block is open");
         }
         if (!words.done()) {
-            refuse("unexpected " + quoted(words.next()));
+            refuse("unexpected " + in_quotes(words.next()));
         }
     }
 
@@ -154,7 +154,7 @@ class Parser {
 
     [[noreturn]] void refuse_keyword(std::string_view keyword, const char *where) const {
         refuse(keyword.empty() ? "'no' needs a statement"
-                               : "unknown statement " + quoted(keyword) + where);
+                               : "unknown statement " + in_quotes(keyword) + where);
     }
 
     void top_statement(std::string_view keyword, bool no, Words &words) {
@@ -233,7 +233,7 @@ class Parser {
         const std::string_view word = words.next();
         const unsigned id = number(word, vlan_last);
         if (id < vlan_first || id > vlan_last) {
-            refuse("vlan number expected, 1 to 4094, not " + quoted(word));
+            refuse("vlan number expected, 1 to 4094, not " + in_quotes(word));
         }
         if (no) {
             configuration_.vlans.erase(id);
@@ -246,7 +246,7 @@ class Parser {
         const std::string name(words.next());
         if (name.empty() || name.size() > interface_name_limit || !is_letter(name.front()) ||
             !consists_of_names(name, "/.:_-")) {
-            refuse("interface name expected, not " + quoted(name));
+            refuse("interface name expected, not " + in_quotes(name));
         }
         if (no) {
             configuration_.interfaces.erase(name);
@@ -267,7 +267,7 @@ class Parser {
     void snmp_server(bool no, Words &words) {
         const std::string_view what = words.next();
         if (what != "location" && what != "contact") {
-            refuse("'location' or 'contact' expected, not " + quoted(what));
+            refuse("'location' or 'contact' expected, not " + in_quotes(what));
         }
         set(what == "location" ? configuration_.snmp_location : configuration_.snmp_contact, no,
             words, [&] { return text(words, snmp_text_limit); });
@@ -276,7 +276,7 @@ class Parser {
     void expect(Words &words, std::string_view keyword) const {
         const std::string_view word = words.next();
         if (word != keyword) {
-            refuse(quoted(keyword) + " expected, not " + quoted(word));
+            refuse(in_quotes(keyword) + " expected, not " + in_quotes(word));
         }
     }
 
@@ -295,7 +295,7 @@ class Parser {
         std::string name(words.next());
         if (name.empty() || name.size() > account_limit ||
             !(is_letter(name.front()) || name.front() == '_') || !consists_of_names(name, "_-.")) {
-            refuse(what + (" expected, not " + quoted(name)));
+            refuse(what + (" expected, not " + in_quotes(name)));
         }
         return name;
     }
@@ -303,7 +303,7 @@ class Parser {
     std::string host_name(Words &words, std::size_t limit) const {
         std::string name(words.next());
         if (!is_host_name(name, limit)) {
-            refuse("host name expected, not " + quoted(name));
+            refuse("host name expected, not " + in_quotes(name));
         }
         return name;
     }
@@ -320,7 +320,7 @@ class Parser {
         const bool dotted = std::all_of(last.begin(), last.end(), is_digit);
         if (dotted ? inet_pton(AF_INET, address.c_str(), octets.data()) != 1
                    : !is_host_name(address, server_name_limit)) {
-            refuse("server address expected, not " + quoted(address));
+            refuse("server address expected, not " + in_quotes(address));
         }
         return address;
     }
@@ -338,7 +338,7 @@ class Parser {
             good ? number(word.substr(slash + 1), prefix_limit) : prefix_limit + 1;
         if (prefix > prefix_limit || first_octet == 0 || first_octet >= 224) {
             refuse("unicast address with prefix length expected, as in 192.0.2.1/24, not " +
-                   quoted(word));
+                   in_quotes(word));
         }
         return host + "/" + std::to_string(prefix);
     }

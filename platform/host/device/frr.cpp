@@ -35,8 +35,6 @@
 namespace ulmo {
 namespace {
 
-using Kind = ConfigurationError::Kind;
-
 // vtysh reads lines of at most 4095 octets, and takes the rest of a longer one for another line.
 constexpr std::size_t longest_line = 4000;
 
@@ -181,7 +179,8 @@ std::string_view owner_of(const Statement &statement) {
 }
 
 [[noreturn]] void refuse(std::size_t line, const std::string &reason) {
-    throw ConfigurationError(Kind::bad_line, "line " + std::to_string(line) + ": " + reason);
+    throw ConfigurationError(ConfigurationError::Kind::bad_line,
+                             "line " + std::to_string(line) + ": " + reason);
 }
 
 // The text as vtysh and frr-reload read it, with the same numbers of lines. Throws
@@ -196,9 +195,10 @@ std::string legible(std::string_view text) {
             return static_cast<unsigned char>(octet) < ' ' && octet != '\t';
         };
         if (std::any_of(line.begin(), line.end(), is_control)) {
-            throw ConfigurationError(Kind::bad_file, "line " + std::to_string(number) +
-                                                         ": a control character, so this is not "
-                                                         "a configuration text");
+            throw ConfigurationError(ConfigurationError::Kind::bad_file,
+                                     "line " + std::to_string(number) +
+                                         ": a control character, so this is not "
+                                         "a configuration text");
         }
         if (line.size() > longest_line) {
             refuse(number, "longer than " + std::to_string(longest_line) + " octets");
@@ -397,7 +397,7 @@ void FrrBackend::require_taken(const ProgramEnd &end) const {
     if (!reason.starts_with("line ")) {
         throw std::runtime_error(vtysh_[0] + ": " + reason);
     }
-    throw ConfigurationError(Kind::bad_line, reason);
+    throw ConfigurationError(ConfigurationError::Kind::bad_line, reason);
 }
 
 Running FrrBackend::running() const {
@@ -407,11 +407,10 @@ Running FrrBackend::running() const {
     }
     // First watchfrr's words, with a line of two blanks, name and state for each daemon.
     constexpr std::string_view begin = "frr version ";
-    const std::string_view output = end.output;
-    const std::size_t at =
-        output.starts_with(begin) ? 0 : output.find("\n" + std::string(begin)) + 1;
+    const std::string_view shown = end.output;
+    const std::size_t at = shown.starts_with(begin) ? 0 : shown.find("\n" + std::string(begin)) + 1;
     Running running;
-    for (const std::string_view line : lines_of(output.substr(0, at))) {
+    for (const std::string_view line : lines_of(shown.substr(0, at))) {
         const auto words = words_of(line);
         if (!line.starts_with("  ") || words.size() < 2) {
             continue;
@@ -426,11 +425,11 @@ Running FrrBackend::running() const {
         running.daemons.emplace(words[0].substr(0, words[0].find('-')));
     }
     constexpr std::string_view finish = "\nend\n";
-    if (!output.ends_with(finish) || (at == 0 && !output.starts_with(begin))) {
+    if (!shown.ends_with(finish) || (at == 0 && !shown.starts_with(begin))) {
         throw std::runtime_error(vtysh_[0] + " shows no whole running configuration");
     }
     // without the last line, as in the startup configuration
-    running.text = output.substr(at, output.size() - at - (finish.size() - 1));
+    running.text = shown.substr(at, shown.size() - at - (finish.size() - 1));
     legible(running.text);
     return running;
 }
@@ -481,7 +480,7 @@ std::string shortened(std::string_view line, std::size_t words) {
 }
 
 void FrrBackend::replace(std::string_view text) {
-    constexpr int most_attempts = 8;
+    constexpr int most_rounds = 8;
     complaints_.clear();
     const std::string wanted = legible(text);
     std::set<std::string, std::less<>> kept; // what may not be removed
@@ -503,8 +502,8 @@ void FrrBackend::replace(std::string_view text) {
         const bool has_removal =
             std::any_of(statements.begin(), statements.end(),
                         [](const Statement &statement) { return statement.words[0] == "no"; });
-        if (attempt == most_attempts || (failures > 0 && (complaint.empty() || !has_removal))) {
-            throw ConfigurationError(Kind::bad_line,
+        if (attempt == most_rounds || (failures > 0 && (complaint.empty() || !has_removal))) {
+            throw ConfigurationError(ConfigurationError::Kind::bad_line,
                                      "FRR can't run exactly this text: it does not take '" +
                                          statements.back().text + "'" +
                                          (complaint.empty() ? "" : ": " + complaint));

@@ -19,7 +19,7 @@ namespace {
 
 // A file is a head, a blank line and the former configuration. The head has lines `key value`.
 constexpr std::size_t head_limit = 8192;
-constexpr std::size_t file_limit = configuration_text_limit + head_limit;
+constexpr std::size_t journal_limit = configuration_text_limit + head_limit;
 constexpr std::string_view head_end = "\n\n";
 
 std::filesystem::path journal_in(const std::filesystem::path &directory) {
@@ -89,7 +89,7 @@ void WayBack::end() {
 }
 
 std::optional<std::string> WayBack::unfinished() const {
-    const auto content = read_state_file(journal_, file_limit);
+    const auto content = read_state_file(journal_, journal_limit);
     const auto both = content ? parts(*content) : std::nullopt;
     return both ? std::optional<std::string>(both->second) : std::nullopt;
 }
@@ -113,7 +113,7 @@ void WayBack::confirm() {
 }
 
 std::optional<WaitingChange> WayBack::waiting() const {
-    const auto content = read_state_file(waiting_, file_limit);
+    const auto content = read_state_file(waiting_, journal_limit);
     const auto both = content ? parts(*content) : std::nullopt;
     return both ? std::optional(change_of(both->first, both->second)) : std::nullopt;
 }
@@ -130,7 +130,7 @@ std::string mark_of(const std::filesystem::path &file) {
 std::optional<std::chrono::milliseconds> time_to_way_back(const std::filesystem::path &directory) {
     using std::chrono::milliseconds;
     const bool has_begun = WayBack(directory).has_begun();
-    const UniqueFd waiting = open_state_file(waiting_in(directory), file_limit);
+    const UniqueFd waiting = open_state_file(waiting_in(directory), journal_limit);
     if ((!has_begun && !waiting) || is_locked(device_lock(directory))) {
         return std::nullopt;
     }
