@@ -1,9 +1,9 @@
 #!/bin/bash
 # install-packages.sh [GROUP…]: installs the packages that packages.txt lists in these groups
 # (default: lab, packaging and tests) and that this machine lacks, and unpacks the daemons of the
-# lab. With the group frr it also unpacks FRR, for the tests also Ansible. A group that is another
-# machine's name (i386, arm64, s390x) also gets that machine's libraries, unpacked. Does nothing,
-# and needs no root, if nothing is missing.
+# lab. With the group frr it also unpacks FRR, for the tests also Ansible and Prometheus. A group
+# that is another machine's name (i386, arm64, s390x) also gets that machine's libraries, unpacked.
+# Does nothing, and needs no root, if nothing is missing.
 set -euo pipefail
 umask 022 # the lab's daemons, which are unpacked here, run as users of their own
 
@@ -74,7 +74,7 @@ if [[ " ${groups[*]} " =~ \ (frr|tests)\  ]]; then
     unpacked+=(unpack-frr)
 fi
 if [[ " ${groups[*]} " == *" tests "* ]]; then
-    unpacked+=(unpack-ansible)
+    unpacked+=(unpack-tests)
 fi
 mkdir -p "$lab"
 # shellcheck disable=SC2046 # one word a package

@@ -2,7 +2,9 @@
 
 import json
 import re
+import subprocess
 import time
+from pathlib import Path
 
 import pytest
 from command import (DONE, FAILED, QUICK, UNREACHABLE, USAGE, config_copy, ended, freeze, started,
@@ -12,6 +14,7 @@ from copy_table import AGENT, SERVER4, SERVER_ROOT, wait_for
 COMMUNITY = ("rwcommunity lab",)
 TO_SERVER = f"tftp://{SERVER4}/{{host}}.cfg"
 USER = ("-v2c", "-clab", *QUICK)
+PROMTOOL = Path(__file__).parents[3] / "build/lab/root-prometheus/usr/bin/promtool"
 PREFIX = "config_copy_"
 METRICS = {
     "last_run_timestamp_seconds", "last_success_timestamp_seconds", "outcome", "seconds", "bytes",
@@ -24,8 +27,12 @@ SAMPLE = re.compile(rf'({NAME})\{{({LABEL}(?:,{LABEL})*)\}} ([0-9]+(?:\.[0-9]+)?
 
 def metrics_in(file):
     """{(metric, agent): [(labels, value)]}. Every line must be as the text format prescribes: for
-    each metric its help, its type, then its samples, none of them twice."""
+    each metric its help, its type, then its samples, none of them twice. Prometheus' own tool has
+    nothing to say about it."""
     text = file.read_bytes().decode()
+    checked = subprocess.run([PROMTOOL, "check", "metrics"], input=text, text=True,
+                             stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+    assert (checked.returncode, checked.stdout) == (0, "")
     assert text.endswith("\n")
     found, seen, current = {}, set(), None
     lines = iter(text[:-1].split("\n"))
