@@ -318,6 +318,15 @@ def test_readers_always_see_a_whole_report(fleet):
     assert "no longer listed" in (fleet.report / "index.html").read_text()
 
 
+def test_several_at_a_time(fleet):
+    fleet.commit({f"{number}.cfg": b"1\n" for number in range(50)})
+    words = [PROGRAM, "report", "-q", "-o", fleet.report, fleet.folder]
+    for process in [subprocess.Popen(words) for _ in range(4)]:
+        assert process.wait() == 0
+    assert len(files_in(fleet.report)) == 52
+    assert sorted(os.listdir(fleet.folder)) == ["report", "switches"]
+
+
 def test_killed(fleet):
     """Leaves the former report; the next run removes what it has left."""
     fleet.commit({f"{number}.cfg": b"1\n" for number in range(200)})
