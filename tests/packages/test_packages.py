@@ -446,12 +446,14 @@ def play(switch, packages):
 
 def test_role_of_ansible(switch, play):
     timer, state = "config-copy-backup@fleet.timer", "/var/lib/config-copy/fleet"
+    switch.run("apt-get", "remove", "-y", "config-copy")
     switch.run("systemctl", "stop", "tftpd-hpa")
     for name in ("-h", "a\nsnmp = -v 1"):
         printed, changed, failed = play(nightly_backup_switches=[SWITCH, name])
         assert (changed, failed) == (0, 1) and "a switch has a name without blanks" in printed
     printed, changed, failed = play("--check", nightly_backup_switches=[SWITCH])
     assert changed > 0 and failed == 0, printed
+    assert not (switch.root / "usr/bin/config-copy").exists()
     assert not (switch.root / "etc/config-copy").exists()
     printed, changed, failed = play("-vvvv", "--diff", nightly_backup_switches=[SWITCH])
     assert changed > 0 and failed == 0, printed
