@@ -448,9 +448,8 @@ def test_role_of_ansible(switch, play):
     timer, state = "config-copy-backup@fleet.timer", "/var/lib/config-copy/fleet"
     switch.run("apt-get", "remove", "-y", "config-copy")
     switch.run("systemctl", "stop", "tftpd-hpa")
-    for name in ("-h", "a\nsnmp = -v 1"):
-        printed, changed, failed = play(nightly_backup_switches=[SWITCH, name])
-        assert (changed, failed) == (0, 1) and "a switch has a name without blanks" in printed
+    printed, changed, failed = play(nightly_backup_switches=[SWITCH, "a\nsnmp = -v 1"])
+    assert (changed, failed) == (0, 1) and "a switch has a name without blanks" in printed
     printed, changed, failed = play("--check", nightly_backup_switches=[SWITCH])
     assert changed > 0 and failed == 0, printed
     assert not (switch.root / "usr/bin/config-copy").exists()
@@ -464,6 +463,9 @@ def test_role_of_ansible(switch, play):
     assert switch.shell("stat -c '%U %a' /etc/config-copy/*") == 2 * "config-copy 600\n"
     assert switch.run("systemctl", "is-enabled", timer).stdout == "enabled\n"
     assert " 03:00:00 " in switch.run("systemctl", "show", "-P", "TimersCalendar", timer).stdout
+    printed, changed, failed = play(nightly_backup_switches=[SWITCH], nightly_backup_time="")
+    assert (changed, failed) == (2, 0), printed  # the file, and the timer
+    assert " 02:00:00 " in switch.run("systemctl", "show", "-P", "TimersCalendar", timer).stdout
     switch.run("systemctl", "start", "config-copy-backup@fleet")
     assert (switch.root / state[1:] / f"switches/{SWITCH}.cfg").read_text() == cmdshell(
         switch, "show running-config")

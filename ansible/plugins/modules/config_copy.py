@@ -1,4 +1,4 @@
-#!/usr/bin/python
+#!/usr/bin/python3
 # Copyright (c) 2026, the config_copy_mib authors
 # BSD 3-Clause License
 
