@@ -34,6 +34,7 @@ fi
 
 as_root=()
 [[ $EUID -eq 0 ]] || as_root=(sudo)
+"$scripts/install-packages.sh"
 "${as_root[@]}" rm -rf "$results" # a lab's logs belong to root
 mkdir -p "$results"
 "$scripts/lab.sh" exec -- true # brings the build up to date

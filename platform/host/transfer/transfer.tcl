@@ -424,7 +424,9 @@ proc progress_now {} {
     set seen {}
     foreach pid [family] {
         catch {lappend seen [lindex [contents /proc/$pid/io] 1]}
-        foreach link [glob -nocomplain /proc/$pid/fd/*] {
+        set links {}
+        catch {set links [glob -nocomplain /proc/$pid/fd/*]} ;# it may end meanwhile
+        foreach link $links {
             if {![catch {file readlink $link} end] && [regexp {^socket:\[(.*)\]$} $end - inode]} {
                 set sockets($inode) yes
             }

@@ -7,7 +7,7 @@ import time
 from pathlib import Path
 
 import pytest
-from copy_table import SERVER_ROOT, lab_ctl, serve, wait_for
+from copy_table import SERVER_ROOT, lab_ctl, run, serve, wait_for
 from scripts import (
     DONE, FTP, FTP_SERVER, LOST, NAME, NO_ROUTE, OTHER, OTHER_HOST, SCP, SCRIPTS, SILENT, SIZE,
     SPACE, SSH_SCRIPTS, UNREACHABLE, USE, Running, gone, listening, opened_by, results, settings,
@@ -201,6 +201,17 @@ def test_slow_is_not_idle(transfers, slow_link):
     assert results(every) == [DONE] * 6
     assert time.monotonic() - began > 6
     assert all(transfer.target.read_bytes() == content for transfer in every)
+
+
+def test_process_that_ends_while_it_is_looked_at():
+    """Tcl's glob fails if a folder is gone when it reads it."""
+    ended = f"""
+        source {{{Path(__file__).parents[3] / "platform/host/transfer/transfer.tcl"}}}
+        proc glob args {{ error "couldn't read directory" }}
+        set client_pid [pid]
+        puts [llength [progress_now]]
+    """
+    assert run("expect", "-c", ended) == "1\n"  # what the process itself has read
 
 
 def test_time_limit(transfers, slow_link):
