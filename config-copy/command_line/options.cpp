@@ -724,7 +724,7 @@ whose defaults come from snmp.conf, and
     for (const OwnOption &option : options_of_ours) {
         text += option.is_hidden() ? "" : help_of(option);
     }
-    return text + R"(An option without a value takes back that of a profile with no- in front, as in
+    return text + R"(--no-NAME takes back the option NAME of a profile if it has no value, as in
 --no-save.
 
 exit status: 0 done, 1 the copy failed (diff: they differ; 6 the copy failed),

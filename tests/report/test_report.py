@@ -12,8 +12,9 @@ from pathlib import Path
 import pytest
 from conftest import DAY, NOW, PROGRAM
 
+SOURCES = Path(__file__).parents[2] / "config-copy/report"
 NAMES = [  # of files
-    "core1", "CORE1", "a--b", "..x", "x..", "con", "-o", "a b", "a'b\"c",
+    "core1", "CORE1", "core1²", "①", "a--b", "..x", "x..", "con", "-o", "a b", "a'b\"c",
     "<script>alert(1)</script>",
     "\"onmouseover=\"alert(1)", "{{7*7}}", "{% raw %}", "line\nbreak", "tab\tx", "back\\slash",
     "&amp;", "ümläut", "\u202egfc.live", "zero\u200bwidth", "\x1b[31mred", b"\xff\xfe", "x" * 240,
@@ -37,7 +38,8 @@ def test_a_fleet(fleet):
     fleet.ended(NOW - DAY, {"agent": "core1", "bytes": 4, "seconds": 1.5, "unchanged": False},
                 {"agent": "core2", "group": "core", "ending": "failed", "cause": "timeout",
                  "reason": "the file server is silent", "text": "not this"},
-                {"agent": "new", "ending": "not_reachable", "text": "no answer from new"})
+                {"agent": "new", "ending": "not_reachable", "text": "no answer from new"},
+                {"agent": "core1", "to": "running"})  # a restore
     pages = fleet.pages()
     index = pages["index.html"]
     assert index.counts() == {
@@ -254,8 +256,8 @@ def test_folders_that_can_not_be_used(fleet, tmp_path):
 def as_nobody(fleet, **options):
     """In a folder that everybody may enter."""
     return subprocess.run(
-        ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", PROGRAM, "report", "-o",
-         options.get("output", fleet.report), fleet.folder], stdout=subprocess.PIPE,
+        ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", fleet.program, "report",
+         "-o", options.get("output", fleet.report), fleet.folder], stdout=subprocess.PIPE,
         stderr=subprocess.STDOUT, text=True, cwd="/", env={"PATH": os.environ["PATH"]})
 
 
@@ -268,12 +270,21 @@ def open_fleet(fleet, tmp_path):
     output.mkdir(mode=0o777)
     output.chmod(0o777)
     fleet.report = output / "report"
+    # Others may not enter the folder of the build.
+    programs = tmp_path / "programs"
+    programs.mkdir(mode=0o755)
+    for file in (Path(PROGRAM), *SOURCES.iterdir()):
+        (programs / file.name).write_bytes(file.read_bytes())
+    for path in (programs, *programs.iterdir()):
+        path.chmod(0o755)
+    fleet.program = programs / Path(PROGRAM).name
     return fleet
 
 
 def test_without_rights(open_fleet):
     fleet = open_fleet
     fleet.commit({"a.cfg": b"1\n"})
+    subprocess.run(["chmod", "-R", "a+rX", fleet.switches], check=True)
     assert as_nobody(fleet).stdout == (
         f"config-copy: the history in {fleet.switches} belongs to root: run the report as root "
         "(runuser -u root -- config-copy report ...)\n")

@@ -52,7 +52,7 @@ COMMON_OPTIONS = {
     "time_limit": {"type": "int"},
     "executable": {"type": "str", "default": "config-copy"},
 }
-COMMANDS = ("list", "errors", "abort", "diff")
+COMMANDS = ("list", "errors", "abort", "diff", "report")
 
 
 def one_line(text):

@@ -209,7 +209,8 @@ class Copy(Program):
         return self.object(old, new, command="diff", options=self.common)
 
     def text_of(self, configuration):
-        status, out, err = self.run(configuration, "-", options=["--quiet", *self.common])
+        status, out, err = self.run(configuration, "-",
+                                    options=["--quiet", "--no-json", *self.common])
         if status != 0:
             self.module.fail_json(msg=last_line(err) or f"{self.path} ended with status {status}")
         return out.decode("utf-8", "replace")
@@ -226,7 +227,7 @@ class Copy(Program):
             self.take(self.copy("--dry-run"))
         if self.dest == "running" and self.can_compare:
             self.restore()
-        elif self.dest == "startup":
+        elif (self.src, self.dest) == ("running", "startup"):
             self.save()
         elif self.can_compare:
             self.back_up()

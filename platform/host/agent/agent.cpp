@@ -284,7 +284,8 @@ void Agent::deliver_status(int32_t status) {
 // manager may end before it forgets them.
 void Agent::sending(uint32_t opcode, const void *payload, uint32_t length) noexcept {
     warden_cfg_action action{};
-    if (opcode != MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION || length != sizeof action) {
+    if (opcode != MSGBUS_OPC_WARDEN_CLI_SYSTEM_CFG_ACTION || payload == nullptr ||
+        length != sizeof action) {
         return;
     }
     std::memcpy(&action, payload, sizeof action);

@@ -135,7 +135,8 @@ def test_server_without_its_password(controller):
 
 def test_profile_with_a_hosts_file(controller, profile):
     """The agent's options there hold, too, and those of the task before them."""
-    profile("[nightly]\nhosts = switches\nsave = yes\n", f"{AGENT} -v 2c -c lab -t 0.3 -r 0\n")
+    profile("[nightly]\nhosts = switches\nsave = yes\njson = yes\n",
+            f"{AGENT} -v 2c -c lab -t 0.3 -r 0\n")
     file = controller.folder / "switch.cfg"
     backup = {"agent": AGENT, "src": "running", "dest": str(file), "profile": "nightly"}
     for check in (True, False):
@@ -168,6 +169,7 @@ def test_requests(controller, operator):
     ({"dest": "/tmp/{{ x }}"}, None),
     ({"src": "/nonexistent", "dest": "running"}, "the file /nonexistent can't be read: No such "
                                                  "file or directory"),
+    ({"src": "/etc/hostname", "dest": "startup"}, None),
     ({"replace": True}, None),
     ({"save": True, "confirm": True}, "parameters are mutually exclusive: save|confirm"),
     ({"time_limit": 0}, None),
@@ -206,8 +208,8 @@ def test_machine_without_the_command(controller):
 
 NAMES = [
     "'\"; touch /tmp/owned;$(touch /tmp/owned)", "{{lookup('pipe','touch${IFS}/tmp/owned')}}",
-    "a\nto = /tmp/owned", "--on-done=/ulmo/bin/owned", "@nightly", "abort", "", "../../tmp/owned",
-    "\x1b[2J\u202e"
+    "a\nto = /tmp/owned", "--on-done=/ulmo/bin/owned", "@nightly", "abort", "report", "",
+    "../../tmp/owned", "\x1b[2J\u202e"
 ]
 
 
@@ -217,7 +219,7 @@ def test_hostile_agents(controller, name, traps_for_names):
     assert failed["failed"] and failed["msg"].isprintable() and "exception" not in failed, failed
     if re.search(r"^[-@]|\s|^$|[^ -~]", name):
         assert failed["msg"].startswith("agent: "), failed
-    if name == "abort":
+    if name in ("abort", "report"):
         assert failed["ending"] == "not_reachable", failed
     assert list(controller.folder.glob("*.cfg")) == []
 
