@@ -20,8 +20,10 @@ class Account:
 
     def __init__(self, home):
         self.home = home
+        # Letters and digits in turn: a word of a message is never a part of it, which would hide
+        # the message.
         self.password = "".join(
-            secrets.choice(string.ascii_letters + string.digits) for _ in range(12))
+            secrets.choice(characters) for characters in [string.ascii_letters, string.digits] * 7)
         taken = {
             int(line.split(":")[2]) for line in Path("/etc/passwd").read_text().splitlines()
             if line.count(":") >= 6

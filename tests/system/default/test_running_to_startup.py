@@ -20,16 +20,22 @@ from saves import (
 from stand_in import ABORT, ACTION, BEGUN, DONE, INITIATED, REFUSED, SystemManager
 
 
+OUTCOMES = Path(os.environ.get("ULMO_RUN_DIR", ""), "fabric-status")
+
+
+def write_outcomes():
+    """Writes how a save went in a fabric of three, as the system manager does before it tells that
+    the save has ended. The local switch's address comes from its management port."""
+    OUTCOMES.write_text("20:00:00:00:00:00:00:01 local - saved\n"
+                        "20:00:00:00:00:00:00:02 remote 192.0.2.77 no answer in 10 s\n"
+                        "ff:00:00:00:00:00:00:03 remote 2001:db8::77 no space on device\n")
+
+
 @pytest.fixture
-def fabric():
-    """Writes the outcome of the last action in a fabric of three. The local switch's address comes
-    from its management port."""
-    file = Path(os.environ["ULMO_RUN_DIR"]) / "fabric-status"
-    file.write_text("20:00:00:00:00:00:00:01 local - saved\n"
-                    "20:00:00:00:00:00:00:02 remote 192.0.2.77 no answer in 10 s\n"
-                    "ff:00:00:00:00:00:00:03 remote 2001:db8::77 no space on device\n")
+def earlier_outcomes():
+    write_outcomes()
     yield
-    file.unlink()
+    OUTCOMES.unlink()
 
 
 @pytest.mark.parametrize("destination", [STARTUP, FABRIC_STARTUP, ALL_STARTUP])
@@ -112,7 +118,7 @@ def test_message_of_another_save_is_ignored(manager, broken_link):
 
 
 @pytest.mark.parametrize("tool", ["snmpwalk", "snmpbulkwalk"])
-def test_failed_fabric_saves_fill_the_error_table(manager, fabric, tool):
+def test_failed_fabric_saves_fill_the_error_table(manager, earlier_outcomes, tool):
     """Two failed requests and a walk over all 19 columns of both tables."""
     with SystemManager(INITIATED) as system_manager:
         requests = []
@@ -120,6 +126,8 @@ def test_failed_fabric_saves_fill_the_error_table(manager, fabric, tool):
             requests.append(save(manager, FABRIC_STARTUP, index=index))
             requests[-1].set(*server_columns(SERVER4))
             requests[-1].activate()
+            assert OUTCOMES.read_text() == ""
+            write_outcomes()
             system_manager.ended(1)
             assert requests[-1].finished() == (STATE_FAILED, SYSTEM_MANAGER_FAILED)
     walked = manager.walk(ROOT, tool)
