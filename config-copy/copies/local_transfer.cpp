@@ -39,7 +39,7 @@ std::string not_started(const std::string &path, int error) {
 }
 
 std::string has_ended(const std::string &reason) {
-    return std::string(program_name) + " has ended" + (reason.empty() ? "" : ": " + reason);
+    return std::string(program_name) + " has ended: " + reason;
 }
 
 // 160 bits.
@@ -166,7 +166,8 @@ LocalTransfer::LocalTransfer(LocalTransfers &transfers, int file, Direction dire
     }
     // Without the lock, which the listener needs to take reports.
     if (!receiver::send(transfers_.socket_.get(), order, file)) {
-        const std::lock_guard lock(transfers_.mutex_);
+        std::unique_lock lock(transfers_.mutex_);
+        transfers_.news_.wait(lock, [&] { return !transfers_.end_.empty(); }); // it comes now
         throw Failure(ExitStatus::failed, has_ended(transfers_.end_));
     }
 }
