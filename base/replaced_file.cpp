@@ -48,6 +48,10 @@ std::filesystem::path named(const UniqueFd &file, const std::filesystem::path &f
     }
 }
 
+std::filesystem::path fixed_name(const std::filesystem::path &path) {
+    return path.native() + ".new";
+}
+
 UniqueFd made_under_fixed_name(const std::filesystem::path &temporary,
                                const std::filesystem::path &path) {
     if (::unlink(temporary.c_str()) != 0 && errno != ENOENT) {
@@ -60,7 +64,7 @@ UniqueFd made_under_fixed_name(const std::filesystem::path &temporary,
 } // namespace
 
 ReplacedFile::ReplacedFile(std::filesystem::path path, Manner manner)
-    : path_(std::move(path)), temporary_(path_.native() + ".new"), manner_(manner) {
+    : path_(std::move(path)), temporary_(fixed_name(path_)), manner_(manner) {
     const ActingAsOwner owner(path_.parent_path());
     file_ = manner_ == Manner::unlocked ? made_under_no_name(temporary_, path_)
                                         : made_under_fixed_name(temporary_, path_);
@@ -77,6 +81,11 @@ ReplacedFile::~ReplacedFile() {
         const ActingAsOwner owner(path_.parent_path());
         ::unlink(temporary_.c_str());
     }
+}
+
+void ReplacedFile::remove_leftover(const std::filesystem::path &path) {
+    const ActingAsOwner owner(path.parent_path());
+    ::unlink(fixed_name(path).c_str()); // on a disk that is read-only it stays
 }
 
 void ReplacedFile::append(std::string_view data) {

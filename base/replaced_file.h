@@ -42,6 +42,10 @@ class ReplacedFile {
     // Renames the temporary file to `path`. A link of that name is replaced, not followed.
     void commit();
 
+    // Removes what a killed process may have left of a lasting or passing file, as the next one for
+    // this path does. Call it under the lock.
+    static void remove_leftover(const std::filesystem::path &path);
+
   private:
     std::filesystem::path path_;
     std::filesystem::path temporary_;

@@ -64,6 +64,9 @@ class DeviceBackend {
     // Checks the text and makes it the startup configuration, octet for octet.
     virtual void store_startup(std::string_view text) = 0;
 
+    // Removes what a killed process has left.
+    virtual void tidy() {}
+
     // Whether there is a running configuration. A device that starts by itself always has one.
     virtual bool is_started() { return true; }
     // Makes the startup configuration, or else the factory default, the running configuration.

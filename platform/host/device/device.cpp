@@ -133,6 +133,8 @@ FileLock Device::locked(FileLock::Mode mode) const {
 
 FileLock Device::started() {
     FileLock lock = locked(FileLock::Mode::exclusive);
+    backend_->tidy();
+    way_back_.tidy();
     if (!backend_->is_started()) {
         backend_->start();
     }

@@ -4,6 +4,7 @@
 #include "base/folders.h"
 #include "base/number.h"
 #include "base/posix.h"
+#include "base/replaced_file.h"
 #include "base/state_file.h"
 #include "platform/host/device/configuration_text.h"
 
@@ -79,6 +80,11 @@ void remove_file(const std::filesystem::path &file) {
 
 WayBack::WayBack(const std::filesystem::path &directory)
     : journal_(journal_in(directory)), waiting_(waiting_in(directory)) {}
+
+void WayBack::tidy() {
+    ReplacedFile::remove_leftover(journal_);
+    ReplacedFile::remove_leftover(waiting_);
+}
 
 void WayBack::begin(std::string_view former) {
     replace_state_file(journal_, "boot " + boot_id() + std::string(head_end) + std::string(former));

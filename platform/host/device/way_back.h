@@ -30,6 +30,9 @@ class WayBack {
   public:
     explicit WayBack(const std::filesystem::path &directory);
 
+    // Removes what a killed process has left.
+    void tidy();
+
     // A change begins, and ends: all of it was done, or nothing.
     void begin(std::string_view former);
     void end();

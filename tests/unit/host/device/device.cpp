@@ -290,6 +290,20 @@ TEST_F(Device, StartsFromTheFactoryDefaultWithoutAStartupConfiguration) {
     EXPECT_FALSE(std::filesystem::exists(startup()));
 }
 
+TEST_F(Device, TheNextOperationRemovesWhatAKilledOneHasLeft) {
+    device()->apply("hostname first\n");
+    const std::vector<std::string> names = {"running.cfg.new", "system.cfg.new",
+                                            "way-back.journal.new", "way-back.waiting.new"};
+    for (const std::string &name : names) {
+        file("state/" + name, "hostname unfinished\n");
+    }
+    device()->save();
+    for (const std::string &name : names) {
+        EXPECT_FALSE(std::filesystem::exists(scratch_.state(name))) << name;
+    }
+    EXPECT_EQ(content(startup()), "hostname first\nend\n");
+}
+
 TEST_F(Device, AStartupConfigurationThatIsNotValidStartsNothing) {
     device()->apply("hostname stays\n");
     file("state/system.cfg", "hostname a\nbogus\n");
