@@ -12,6 +12,8 @@
 #include <pwd.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -25,6 +27,7 @@
 #include <cstring>
 #include <optional>
 #include <stdexcept>
+#include <utility>
 
 namespace ulmo {
 namespace {
@@ -46,18 +49,6 @@ class AllSignalsBlocked {
 
   private:
     sigset_t former_{};
-};
-
-struct Pipe {
-    UniqueFd reading;
-    UniqueFd writing;
-
-    explicit Pipe() {
-        std::array<int, 2> ends{};
-        check(::pipe2(ends.data(), O_CLOEXEC), "pipe");
-        reading.reset(ends[0]);
-        writing.reset(ends[1]);
-    }
 };
 
 // A file, unlike a pipe, needs nobody that fills it, and does not complain if nobody reads it.
@@ -152,6 +143,17 @@ struct Start {
     std::vector<int> kept; // descriptors that the guard keeps open, in ascending order
 };
 
+// Programs expect no more than this. Some close all descriptors that they could have, which takes
+// long if that is a million, and select(2) fails with higher ones.
+void limit_descriptors() {
+    constexpr rlim_t usual = 1024;
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur > usual) {
+        limit.rlim_cur = usual;
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
 [[noreturn]] void guard(const Start &start, pid_t parent, int report) {
     ::prctl(PR_SET_PDEATHSIG, SIGTERM);
     ::prctl(PR_SET_CHILD_SUBREAPER, 1);
@@ -164,6 +166,7 @@ struct Start {
     const pid_t program = ::fork();
     if (program == 0) {
         ::setsid();
+        limit_descriptors();
         if (start.user && !become_user(*start.user)) {
             const int error = errno;
             [[maybe_unused]] const ssize_t told = ::write(report, &error, sizeof error);
@@ -199,30 +202,6 @@ struct Start {
     kill_children(program);
     ::_exit(::write(report, &status, sizeof status) == sizeof status ? EXIT_SUCCESS : EXIT_FAILURE);
 }
-
-// The running guard, as its caller sees it.
-class Guard {
-  public:
-    explicit Guard(pid_t process) : process_(process) {}
-    Guard(const Guard &) = delete;
-    Guard &operator=(const Guard &) = delete;
-    ~Guard() {
-        if (process_ > 0) {
-            stop();
-            wait();
-        }
-    }
-
-    void stop() const { ::kill(process_, SIGTERM); }
-    void wait() {
-        while (::waitpid(process_, nullptr, 0) < 0 && errno == EINTR) {
-        }
-        process_ = -1;
-    }
-
-  private:
-    pid_t process_;
-};
 
 std::vector<char *> pointers_to(const std::vector<std::string> &texts) {
     std::vector<char *> pointers;
@@ -277,24 +256,83 @@ class FirstLine {
 
 } // namespace
 
-ProgramEnd run_program(const ProgramCall &call) {
-    const auto deadline = Clock::now() + call.time_limit;
+// A program under its guard, with the caller's ends of its streams.
+class RunningProgram {
+  public:
+    // `speaking` is the other end of the input, if that is a socket.
+    RunningProgram(const ProgramCall &call, UniqueFd input, UniqueFd speaking = {});
+
+    // Says the question and takes what the program prints, up to and with the mark. Without a mark,
+    // or if the mark does not come, until the program ends.
+    ProgramEnd take(std::string_view question, std::string_view mark);
+
+  private:
+    struct Pipe {
+        UniqueFd reading;
+        UniqueFd writing;
+
+        explicit Pipe() {
+            std::array<int, 2> ends{};
+            check(::pipe2(ends.data(), O_CLOEXEC), "pipe");
+            reading.reset(ends[0]);
+            writing.reset(ends[1]);
+        }
+    };
+
+    // The running guard, as its caller sees it.
+    class Guard {
+      public:
+        explicit Guard(pid_t process) : process_(process) {}
+        Guard(const Guard &) = delete;
+        Guard &operator=(const Guard &) = delete;
+        ~Guard() {
+            if (process_ > 0) {
+                stop();
+                wait();
+            }
+        }
+
+        void stop() const { ::kill(process_, SIGTERM); }
+        void wait() {
+            while (::waitpid(process_, nullptr, 0) < 0 && errno == EINTR) {
+            }
+            process_ = -1;
+        }
+
+      private:
+        pid_t process_;
+    };
+
+    void say(std::string_view &question) const;
+    void finish(ProgramEnd &end) const;
+
+    std::string name_;
+    std::chrono::milliseconds time_limit_;
+    std::size_t output_limit_;
+    UniqueFd speaking_;
+    Pipe output_;
+    Pipe errors_;
+    Pipe report_;
+    std::string rest_;           // what it has printed after the last mark
+    std::string outcome_;        // what the guard has reported
+    std::optional<Guard> guard_; // ends before the streams do
+};
+
+RunningProgram::RunningProgram(const ProgramCall &call, UniqueFd input, UniqueFd speaking)
+    : name_(call.words.at(0)), time_limit_(call.time_limit), output_limit_(call.output_limit),
+      speaking_(std::move(speaking)) {
     std::vector<std::string> variables = {
         "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL=C"};
     variables.insert(variables.end(), call.environment.begin(), call.environment.end());
     const std::vector<char *> argv = pointers_to(call.words);
     const std::vector<char *> environment = pointers_to(variables);
 
-    UniqueFd input = file_of(call.input);
-    Pipe output;
-    Pipe errors;
-    Pipe report;
     // Its end may be where a standard stream is closed, which it is not to become.
-    UniqueFd told(
-        check(::fcntl(report.writing.get(), F_DUPFD_CLOEXEC, first_other_descriptor), "pipe"));
-    report.writing.reset();
+    const UniqueFd told(
+        check(::fcntl(report_.writing.get(), F_DUPFD_CLOEXEC, first_other_descriptor), "pipe"));
+    report_.writing.reset();
 
-    Start start{{input.get(), output.writing.get(), errors.writing.get()},
+    Start start{{input.get(), output_.writing.get(), errors_.writing.get()},
                 argv.data(),
                 environment.data(),
                 other_owner(call.as_owner_of),
@@ -303,45 +341,65 @@ ProgramEnd run_program(const ProgramCall &call) {
     std::sort(start.kept.begin(), start.kept.end());
 
     const pid_t self = ::getpid();
-    pid_t process = -1;
     {
         const AllSignalsBlocked blocked; // no handler of the caller runs in the guard
-        process = check(::fork(), "fork");
+        const pid_t process = check(::fork(), "fork");
         if (process == 0) {
             guard(start, self, told.get());
         }
+        guard_.emplace(process);
     }
-    Guard running(process);
-    input.reset();
-    output.writing.reset();
-    errors.writing.reset();
-    told.reset();
-    for (const UniqueFd *file : {&output.reading, &errors.reading}) {
+    output_.writing.reset();
+    errors_.writing.reset();
+    for (const UniqueFd *file : {&output_.reading, &errors_.reading}) {
         check(::fcntl(file->get(), F_SETFL, O_NONBLOCK), "pipe");
     }
+}
 
+// Writes what the socket takes of the question. A program that has closed its input needs none.
+void RunningProgram::say(std::string_view &question) const {
+    const ssize_t length =
+        ::send(speaking_.get(), question.data(), question.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (length >= 0) {
+        question.remove_prefix(static_cast<std::size_t>(length));
+    } else if (errno != EAGAIN && errno != EINTR) {
+        question = {};
+    }
+}
+
+ProgramEnd RunningProgram::take(std::string_view question, std::string_view mark) {
+    const auto deadline = Clock::now() + time_limit_;
     ProgramEnd end;
     FirstLine complaint;
-    std::string outcome;
+    bool is_answered = false;
+    std::size_t searched = 0; // before this, no mark begins
     const auto take_output = [&](std::string_view text) {
-        const std::size_t room = call.output_limit - end.output.size();
+        const std::size_t room = output_limit_ - end.output.size();
         end.output.append(text, 0, room);
         if (text.size() > room) {
             end.limit = ProgramEnd::Limit::output;
+        } else if (const std::size_t at = end.output.find(mark, searched);
+                   !mark.empty() && at != std::string::npos) {
+            rest_ = end.output.substr(at + mark.size());
+            end.output.resize(at + mark.size());
+            is_answered = true;
         }
+        searched = end.output.size() - std::min(end.output.size(), mark.size());
     };
     const auto take_error = [&](std::string_view text) { complaint.add(text); };
-    const auto take_report = [&](std::string_view text) { outcome.append(text); };
-    while (report.reading && end.limit == ProgramEnd::Limit::none) {
+    const auto take_report = [&](std::string_view text) { outcome_.append(text); };
+    take_output(std::exchange(rest_, {}));
+    while (report_.reading && !is_answered && end.limit == ProgramEnd::Limit::none) {
         constexpr std::chrono::milliseconds longest_wait = std::chrono::hours(1);
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
         if (left.count() <= 0) {
             end.limit = ProgramEnd::Limit::time;
             break;
         }
-        std::array<pollfd, 3> files{{{output.reading.get(), POLLIN, 0},
-                                     {errors.reading.get(), POLLIN, 0},
-                                     {report.reading.get(), POLLIN, 0}}};
+        std::array<pollfd, 4> files{{{output_.reading.get(), POLLIN, 0},
+                                     {errors_.reading.get(), POLLIN, 0},
+                                     {report_.reading.get(), POLLIN, 0},
+                                     {question.empty() ? -1 : speaking_.get(), POLLOUT, 0}}};
         if (::poll(files.data(), files.size(),
                    static_cast<int>(std::min(left, longest_wait).count())) < 0) {
             if (errno != EINTR) {
@@ -349,35 +407,64 @@ ProgramEnd run_program(const ProgramCall &call) {
             }
             continue;
         }
-        read_ready(output.reading, files[0], take_output);
-        read_ready(errors.reading, files[1], take_error);
-        read_ready(report.reading, files[2], take_report);
+        read_ready(output_.reading, files[0], take_output);
+        read_ready(errors_.reading, files[1], take_error);
+        read_ready(report_.reading, files[2], take_report);
+        if (files[3].revents != 0) {
+            say(question);
+        }
     }
-    if (end.limit != ProgramEnd::Limit::none) {
-        running.stop();
+    if (!is_answered) {
+        if (end.limit != ProgramEnd::Limit::none) {
+            guard_->stop();
+        }
+        guard_->wait();
+        // What it wrote last. A daemon that still has the pipes open is not waited for.
+        while (end.limit == ProgramEnd::Limit::none && !is_answered &&
+               read_some(output_.reading, take_output)) {
+        }
     }
-    running.wait();
-    // What it wrote last. A daemon that still has the pipes open is not waited for.
-    while (end.limit == ProgramEnd::Limit::none && read_some(output.reading, take_output)) {
-    }
-    read_some(errors.reading, take_error);
+    read_some(errors_.reading, take_error);
     end.complaint = complaint.text();
-    if (end.limit != ProgramEnd::Limit::none) {
-        return end;
+    if (is_answered) {
+        end.exit_status = 0;
+    } else if (end.limit == ProgramEnd::Limit::none) {
+        finish(end);
     }
+    return end;
+}
 
+// Adds how the program ended.
+void RunningProgram::finish(ProgramEnd &end) const {
     std::array<int, 2> numbers{};
-    std::memcpy(numbers.data(), outcome.data(), std::min(outcome.size(), sizeof numbers));
-    if (outcome.size() == sizeof numbers) {
-        throw_error(numbers[0], "cannot run", call.words.at(0));
+    std::memcpy(numbers.data(), outcome_.data(), std::min(outcome_.size(), sizeof numbers));
+    if (outcome_.size() == sizeof numbers) {
+        throw_error(numbers[0], "cannot run", name_);
     }
-    if (outcome.size() != sizeof(WaitStatus)) {
-        throw std::runtime_error("the process that watches " + call.words.at(0) + " was ended");
+    if (outcome_.size() != sizeof(WaitStatus)) {
+        throw std::runtime_error("the process that watches " + name_ + " was ended");
     }
     const WaitStatus status = numbers[0];
     end.exit_status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     end.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
-    return end;
+}
+
+ProgramEnd run_program(const ProgramCall &call) {
+    return RunningProgram(call, file_of(call.input)).take({}, {});
+}
+
+Conversation::Conversation(const ProgramCall &call) {
+    std::array<int, 2> ends{};
+    check(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), "socketpair");
+    UniqueFd input(ends[0]);
+    UniqueFd speaking(ends[1]);
+    program_ = std::make_unique<RunningProgram>(call, std::move(input), std::move(speaking));
+}
+
+Conversation::~Conversation() = default;
+
+ProgramEnd Conversation::ask(std::string_view question, std::string_view mark) {
+    return program_->take(question, mark);
 }
 
 std::string failure_of(const ProgramCall &call, const ProgramEnd &end) {

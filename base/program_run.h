@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstddef>
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -13,7 +14,7 @@ namespace ulmo {
 struct ProgramCall {
     // The absolute path of the program (no shell, no search in PATH), then its arguments.
     std::vector<std::string> words;
-    // What it reads on standard input, which is a file.
+    // What it reads on standard input, which is a file. A Conversation does without.
     std::string_view input;
     std::chrono::milliseconds time_limit;
     // The most octets on standard output.
@@ -39,7 +40,8 @@ struct ProgramEnd {
 };
 
 // Runs a program and waits for its end. It starts in the root folder, with the umask 077, without a
-// terminal, with no descriptor but the standard streams, and with every signal at its default.
+// terminal, with no descriptor but the standard streams, with every signal at its default, and with
+// room for 1024 descriptors or what the caller has if that is less.
 //
 // Nothing that it has started goes on when it has ended, except daemons that have a session of
 // their own. At a limit, and when the calling process or thread ends in whatever way, the program
@@ -50,6 +52,29 @@ struct ProgramEnd {
 //
 // Throws std::system_error if the program can't be run.
 ProgramEnd run_program(const ProgramCall &call);
+
+class RunningProgram;
+
+// A program that answers questions on its standard input, which is a socket. It runs as with
+// run_program(), until this object is destroyed or ask() says that it has ended, and dies with the
+// thread that made this object. The time limit and the output limit are those of each answer.
+class Conversation {
+  public:
+    // Throws std::system_error; if the program can't be run, ask() does.
+    explicit Conversation(const ProgramCall &call);
+    Conversation(const Conversation &) = delete;
+    Conversation &operator=(const Conversation &) = delete;
+    ~Conversation(); // kills it
+
+    // Writes the question to the program and takes what it prints, up to and with the mark. If the
+    // output does not end with the mark, the program has ended, or a limit has ended it: this was
+    // the last question. Otherwise the exit status is 0. The complaint is the first line of
+    // standard error since the question before.
+    ProgramEnd ask(std::string_view question, std::string_view mark);
+
+  private:
+    std::unique_ptr<RunningProgram> program_;
+};
 
 // Why the program has failed, in words, without its name: its complaint, or else how it ended.
 std::string failure_of(const ProgramCall &call, const ProgramEnd &end);

@@ -9,6 +9,7 @@
 
 #include <fcntl.h>
 #include <pwd.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -403,6 +404,136 @@ TEST(ProgramRun, DiesAsAnotherUserWithItsGuard) {
     EXPECT_TRUE(soon([&] { return hanging.all_gone(2); }));
 }
 
+// Some programs close all descriptors that they could have, and a container may allow a million.
+TEST(ProgramRun, UsualNumberOfDescriptors) {
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    const std::string hard =
+        before.rlim_max == RLIM_INFINITY ? "unlimited" : std::to_string(before.rlim_max);
+    const auto limits_with = [&](rlim_t own) {
+        const rlimit changed{own, before.rlim_max};
+        EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &changed), 0);
+        const std::string output = run_program(shell("ulimit -Sn; ulimit -Hn")).output;
+        rlimit after{};
+        EXPECT_EQ(::getrlimit(RLIMIT_NOFILE, &after), 0);
+        EXPECT_EQ(after.rlim_cur, own) << "the caller's own";
+        return output;
+    };
+    ASSERT_GE(before.rlim_max, 1025U);
+    EXPECT_EQ(limits_with(before.rlim_max), "1024\n" + hard + "\n");
+    EXPECT_EQ(limits_with(1000), "1000\n" + hard + "\n");
+    EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+}
+
+namespace {
+
+// Repeats what it reads, and whispers it, too.
+constexpr const char *parrot = "while read -r line; do echo \"$line\"; "
+                               "[ \"$line\" = quiet ] || echo \"no $line\" >&2; done";
+
+} // namespace
+
+TEST(ProgramRun, ConversationAnswersEachQuestion) {
+    ulmo::Conversation conversation(shell(parrot));
+    for (const std::string word : {"one", "two", "three"}) {
+        const ProgramEnd end = conversation.ask(word + "\n.\n", ".\n");
+        EXPECT_EQ(end.output, word + "\n.\n");
+        EXPECT_EQ(end.complaint, "no " + word);
+        EXPECT_EQ(end.exit_status, 0);
+        // What comes after the mark belongs to the next answer.
+        EXPECT_EQ(conversation.ask("a.b\n", ".").output, "a.");
+        EXPECT_EQ(conversation.ask("quiet\n", "quiet\n").output, "b\nquiet\n");
+    }
+}
+
+TEST(ProgramRun, ConversationOfLongTexts) {
+    const std::string text(3 * megabyte, 'x');
+    ProgramCall call = shell("exec cat");
+    call.output_limit = 4 * megabyte;
+    ulmo::Conversation conversation(call);
+    for (int i = 0; i < 2; ++i) { // the limit is that of each answer
+        EXPECT_EQ(conversation.ask(text + "\n", "\n").output, text + "\n");
+    }
+    call.output_limit = megabyte;
+    const ProgramEnd end = ulmo::Conversation(call).ask(text + "\n", "\n");
+    EXPECT_EQ(end.limit, ProgramEnd::Limit::output);
+    EXPECT_EQ(end.output.size(), megabyte);
+}
+
+TEST(ProgramRun, ConversationWithAProgramThatEnds) {
+    const auto answer_of = [](const std::string &line) {
+        const ProgramCall call = shell(line);
+        ulmo::Conversation conversation(call);
+        const ProgramEnd end = conversation.ask(std::string(megabyte, 'x'), "mark");
+        return end.output + "|" + (end.is_success() ? "success" : failure_of(call, end));
+    };
+    EXPECT_EQ(answer_of("echo half; exit 3"), "half\n|it ended with status 3 and gave no reason");
+    EXPECT_EQ(answer_of("echo half; echo why >&2; exit 3"), "half\n|why");
+    EXPECT_EQ(answer_of("echo half; kill -SEGV $$"), "half\n|signal 11 ended it");
+    EXPECT_EQ(answer_of("echo half"), "half\n|success");
+    EXPECT_EQ(answer_of("exec <&-; sleep 0.1; echo mark"), "mark|success");
+    EXPECT_EQ(answer_of("exec <&-; echo the; sleep 0.1; printf mark; sleep 60"),
+              "the\nmark|success");
+    // It answers and ends, and is then asked again.
+    ulmo::Conversation brief(shell("read -r line; echo mark; exit 3"));
+    EXPECT_EQ(brief.ask("one\n", "mark\n").exit_status, 0);
+    EXPECT_EQ(brief.ask("two\n", "mark\n").exit_status, 3);
+    ulmo::Conversation missing({.words = {"/nowhere/program"},
+                                .input = {},
+                                .time_limit = plenty,
+                                .output_limit = megabyte});
+    EXPECT_THROW(missing.ask("one\n", "mark"), std::system_error);
+}
+
+TEST(ProgramRun, ConversationWithAProgramThatHangs) {
+    for (const char *const end :
+         {"exec sleep 60", "exec yes oops >&2", "while :; do read -r x; done"}) {
+        Hanging hanging;
+        const ProgramCall call =
+            hanging.call(std::string("echo $$ >>$PIDS; (echo $(exec sh -c 'echo "
+                                     "$PPID') >>$PIDS; sleep 60) & read -r x; "
+                                     "echo mark; ") +
+                         end);
+        ulmo::Conversation conversation(call);
+        EXPECT_EQ(conversation.ask("one\n", "mark\n").output, "mark\n");
+        const auto begin = Clock::now();
+        const ProgramEnd answer = conversation.ask("two\n", "mark\n");
+        EXPECT_EQ(answer.limit, ProgramEnd::Limit::time);
+        EXPECT_EQ(failure_of(call, answer), "it did not end within 2 seconds and was killed");
+        EXPECT_LT(Clock::now() - begin, std::chrono::seconds(20));
+        EXPECT_TRUE(hanging.all_gone(2));
+    }
+}
+
+TEST(ProgramRun, ConversationEndsWithItsObjectAndItsCaller) {
+    Hanging hanging;
+    ProgramCall call =
+        hanging.call("trap '' TERM PIPE; echo $$ >>$PIDS; (trap '' TERM; echo $(exec sh -c "
+                     "'echo $PPID') >>$PIDS; sleep 60) & read -r x; echo mark; sleep 60");
+    call.time_limit = plenty;
+    const auto written = [&hanging](int count) {
+        const std::string pids = Scratch::read(hanging.pids());
+        return std::count(pids.begin(), pids.end(), '\n') == count;
+    };
+    {
+        ulmo::Conversation conversation(call);
+        conversation.ask("one\n", "mark\n");
+        EXPECT_TRUE(soon([&] { return written(2); }));
+        EXPECT_FALSE(hanging.all_gone(2));
+    }
+    EXPECT_TRUE(hanging.all_gone(2));
+    const pid_t caller = host_test::start_child([&] {
+        ulmo::Conversation conversation(call);
+        conversation.ask("one\n", "mark\n");
+        return ::pause();
+    });
+    EXPECT_TRUE(soon([&] { return written(4); }));
+    EXPECT_FALSE(hanging.all_gone(4));
+    ::kill(caller, SIGKILL);
+    EXPECT_EQ(host_test::exit_status_of(caller), -1);
+    EXPECT_TRUE(soon([&hanging] { return hanging.all_gone(4); }));
+}
+
 TEST(ProgramRun, CallerKeepsItsSignals) {
     std::signal(SIGCHLD, SIG_IGN);
     sigset_t before;
@@ -435,6 +566,7 @@ TEST(ProgramRun, LeavesNoDescriptorAndNoChild) {
                               .time_limit = plenty,
                               .output_limit = megabyte}),
                  std::system_error);
+    ulmo::Conversation(shell(parrot)).ask("one\n", "one\n");
     EXPECT_EQ(descriptors(), before);
     EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1);
     EXPECT_EQ(errno, ECHILD);
