@@ -2,14 +2,16 @@
 """Applies texts of 10, 1,000 and 10,000 lines to a device, and saves. Prints how long that took for
 the kinds embedded and frr, and how long FRR's own shell took for the same by hand.
 
-Run it in the lab: scripts/lab.sh exec --frr -- bench/device.py [--runs N]
+Run it in the lab: scripts/lab.sh exec --frr -- bench/device.py [--runs N] [--lines N...]
 
 Times are those of whole commands, as the agent's user. `cmdshell` applies all lines or none and
 checks that they are in force; `vtysh -f` does neither. A save changes the startup configuration by
-one line."""
+one line. Each program may have 1024 descriptors, as Debian gives to services and logins: it takes
+vtysh long to close more."""
 
 import argparse
 import os
+import resource
 import subprocess
 import sys
 import time
@@ -74,17 +76,22 @@ class ByHand:
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--runs", type=int, default=5, help="runs of each size (default: 5)")
-    runs = parser.parse_args().runs
+    parser.add_argument("--lines", type=int, nargs="+", default=SIZES, metavar="N",
+                        help="lines of the texts (default: 10 1000 10000)")
+    arguments = parser.parse_args()
+    runs = arguments.runs
     lab("LAB_AGENT")
     if subprocess.run(["vtysh", "-c", "show watchfrr"], stdout=subprocess.DEVNULL).returncode != 0:
         sys.exit("FRR does not run: make the lab with --frr")
     os.umask(0o022)
+    most = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
+    resource.setrlimit(resource.RLIMIT_NOFILE, (1024, most))
     HERE.mkdir()
     kinds = {kind: Kind(kind) for kind in STATEMENTS}
     roads = {"embedded": ("embedded", kinds["embedded"]), "frr": ("frr", kinds["frr"]),
              "vtysh by hand": ("frr", ByHand())}
     times, columns, change = {}, {}, 0
-    for size in SIZES:
+    for size in arguments.lines:
         for _ in range(runs):
             for road, (kind, device) in roads.items():
                 lines = [STATEMENTS[kind](number) for number in range(size)]

@@ -72,6 +72,16 @@ class DeviceBackend {
     // Makes the startup configuration, or else the factory default, the running configuration.
     // False if the device starts by itself, and nothing has been done.
     virtual bool start() { return false; }
+
+    // Whether a save has begun and not ended, so that mend_startup() may have something to do.
+    [[nodiscard]] virtual bool has_begun_save() const { return false; }
+    // Makes the startup configuration the former one again if a save has left a part of a file.
+    // Returns whether it had. Only while nothing of the device runs.
+    virtual bool mend_startup() { return false; }
+
+    // Ends everything that only speeds up an operation: called at the end of each one, while the
+    // lock is still held.
+    virtual void rest() {}
 };
 
 // Keeps the running configuration in running.cfg and the startup configuration in system.cfg of

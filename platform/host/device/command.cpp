@@ -1,17 +1,15 @@
 // The kind of device that programs of the administrator show and change.
 #include "platform/host/device/backend.h"
 
-#include "base/ownership.h"
 #include "base/program_run.h"
 #include "base/settings.h"
-#include "base/state_file.h"
 #include "platform/host/device/configuration_text.h"
+#include "platform/host/device/named_text.h"
 
 #include <algorithm>
 #include <chrono>
 #include <optional>
 #include <stdexcept>
-#include <system_error>
 #include <utility>
 
 namespace ulmo {
@@ -50,28 +48,6 @@ constexpr std::string_view control_character = " has a control character: this i
 
 // In the place of this argument, a program gets the name of a file with its text.
 constexpr std::string_view text_file_word = "{}";
-
-// A text that a program reads by its name. The lock of the device keeps the name for one process;
-// the next one replaces what a killed one has left.
-class NamedText {
-  public:
-    NamedText(const std::filesystem::path &directory, std::string_view text)
-        : file_(directory / "device.input") {
-        replace_volatile_file(file_, text);
-    }
-    NamedText(const NamedText &) = delete;
-    NamedText &operator=(const NamedText &) = delete;
-    ~NamedText() {
-        const ActingAsOwner owner(file_.parent_path());
-        std::error_code ignored;
-        std::filesystem::remove(file_, ignored);
-    }
-
-    [[nodiscard]] const std::string &name() const { return file_.native(); }
-
-  private:
-    std::filesystem::path file_;
-};
 
 class CommandBackend final : public DeviceBackend {
   public:
@@ -149,7 +125,7 @@ class CommandBackend final : public DeviceBackend {
                          .as_owner_of = directory_};
         std::optional<NamedText> file;
         if (std::find(call.words.begin(), call.words.end(), text_file_word) != call.words.end()) {
-            file.emplace(directory_, text);
+            file.emplace(directory_ / "device.input", text);
             std::replace(call.words.begin(), call.words.end(), std::string(text_file_word),
                          file->name());
             call.input = {};

@@ -127,12 +127,17 @@ Device::Device(std::unique_ptr<DeviceBackend> backend, std::filesystem::path dir
 
 Device::~Device() = default;
 
-FileLock Device::locked(FileLock::Mode mode) const {
-    return {device_lock(directory_), mode, lock_wait_};
+void Device::Rest::operator()(DeviceBackend *backend) const {
+    backend->rest();
 }
 
-FileLock Device::started() {
-    FileLock lock = locked(FileLock::Mode::exclusive);
+Device::Turn Device::locked(FileLock::Mode mode) const {
+    return {FileLock(device_lock(directory_), mode, lock_wait_),
+            std::unique_ptr<DeviceBackend, Rest>(backend_.get())};
+}
+
+Device::Turn Device::started() {
+    Turn lock = locked(FileLock::Mode::exclusive);
     backend_->tidy();
     way_back_.tidy();
     if (!backend_->is_started()) {
@@ -406,6 +411,14 @@ std::optional<PendingChange> Device::pending() {
         return std::nullopt;
     }
     return PendingChange{change->made, change->limit, change->deadline - confirmation_.clock()};
+}
+
+bool Device::mend_startup() {
+    if (!backend_->has_begun_save()) {
+        return false;
+    }
+    const auto lock = locked(FileLock::Mode::exclusive);
+    return backend_->mend_startup();
 }
 
 void Device::store_startup(std::string_view text) {

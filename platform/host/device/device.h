@@ -100,12 +100,25 @@ class Device {
     // The change that waits for a save, if there is one.
     std::optional<PendingChange> pending();
 
+    // Makes the startup configuration whole if a save was cut off, for a device that loads it by
+    // itself: call it before that. Returns whether it was not whole.
+    bool mend_startup();
+
     // Checks `text` and stores it as the startup configuration, octet for octet.
     void store_startup(std::string_view text);
 
   private:
-    [[nodiscard]] FileLock locked(FileLock::Mode mode) const;
-    [[nodiscard]] FileLock started(); // the exclusive lock of a started device
+    struct Rest {
+        void operator()(DeviceBackend *backend) const;
+    };
+    // The lock of an operation. The backend rests before it is freed.
+    struct Turn {
+        FileLock lock;
+        std::unique_ptr<DeviceBackend, Rest> at_work;
+    };
+
+    [[nodiscard]] Turn locked(FileLock::Mode mode) const;
+    [[nodiscard]] Turn started(); // the exclusive lock of a started device
     std::string running();
     void change(std::string_view text, bool is_whole);
     void undo(const std::string &former, const std::string &reason);

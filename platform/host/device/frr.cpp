@@ -7,9 +7,12 @@
 // daemon that it is for does not run. `vtysh -c "write integrated"` has watchfrr move the former
 // file to FILE.sav, and then write the new one line by line. `frr-reload.py --reload` starts a
 // process for each line that it removes, and saves at the end; so only its difference is used here.
+// vtysh takes some 30 ms of a processor before it does anything, so one of them answers all
+// commands of an operation at its prompt.
 #include "platform/host/device/backend.h"
 
 #include "base/number.h"
+#include "base/ownership.h"
 #include "base/posix.h"
 #include "base/program_run.h"
 #include "base/replaced_file.h"
@@ -18,12 +21,16 @@
 #include "base/text.h"
 #include "base/unique_fd.h"
 #include "platform/host/device/configuration_text.h"
+#include "platform/host/device/named_text.h"
 
 #include <fcntl.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <cstdlib>
 #include <future>
 #include <map>
 #include <optional>
@@ -217,6 +224,9 @@ std::string plain(std::string_view complaint) {
         complaint.remove_prefix(std::min(complaint.find(')'), complaint.size() - 1) + 1);
     }
     std::string result(trimmed(complaint));
+    if (result.find("] STARVATION: ") != std::string::npos) {
+        return {}; // its remark about a command that took five seconds
+    }
     const auto drop = [&result](std::string_view mark) {
         const std::size_t at = result.find(mark);
         if (at != std::string::npos) {
@@ -238,15 +248,36 @@ std::string plain(std::string_view complaint) {
     return result;
 }
 
+// The complaint about a file, for the file without its first line.
+std::string one_line_less(std::string_view complaint) {
+    constexpr std::string_view line = "line ";
+    const std::size_t end = std::min(complaint.find(':'), complaint.size());
+    if (!complaint.starts_with(line)) {
+        return std::string(complaint);
+    }
+    const auto number = parsed_number<int>(complaint.substr(line.size(), end - line.size()), 1);
+    return std::string(line) + std::to_string(number.value_or(1) - 1) +
+           std::string(complaint.substr(end));
+}
+
 std::string first_line(std::string_view text) {
     constexpr std::size_t longest = 200;
     return one_line(trimmed(trimmed(text).substr(0, trimmed(text).find('\n'))), longest);
+}
+
+// A line that an operation's vtysh takes for a comment, and that no other text contains.
+std::string new_mark() {
+    std::array<char, 16> octets{};
+    check(::getrandom(octets.data(), octets.size(), 0), "getrandom");
+    return "! " + in_hex({octets.data(), octets.size()}) + "\n";
 }
 
 void sync_folder(const std::string &folder) {
     const UniqueFd file(check(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC), folder));
     check(::fsync(file.get()), folder);
 }
+
+constexpr std::string_view no_whole_configuration = " shows no whole running configuration";
 
 // What the running configuration is, and which daemons it is from.
 struct Running {
@@ -297,16 +328,32 @@ class FrrBackend final : public DeviceBackend {
         require_taken(end);
     }
 
-    // vtysh takes some 30 ms for either.
+    // The check takes a vtysh of its own.
     std::string check_and_show(std::string_view text) override {
-        auto shown = std::async([this] { return show_running(); });
-        check(text);
-        return shown.get();
+        auto checked = std::async(std::launch::async, [&] { check(text); });
+        std::string shown;
+        try {
+            shown = show_running();
+        } catch (...) {
+            checked.get(); // a refusal counts more
+            throw;
+        }
+        checked.get();
+        require_effect(text, shown);
+        return shown;
     }
 
     void apply(std::string_view text) override {
         complaints_.clear();
-        const ProgramEnd end = vtysh({"-f", "/dev/stdin"}, legible(text));
+        // Without these lines, which vtysh adds by itself for -f, the daemons make a change of its
+        // own of each line: a thousand take half a minute.
+        const NamedText file(wanted_file_, "XFRR_start_configuration\n" + legible(text) +
+                                               "XFRR_end_configuration\n");
+        ProgramEnd end = ask("copy " + file.name() + " running-config");
+        if (!end.complaint.empty()) {
+            end.exit_status = EXIT_FAILURE;
+            end.complaint = one_line_less(end.complaint);
+        }
         require_taken(end);
         for (const std::string_view line : lines_of(end.output)) {
             if (line.starts_with("% ")) {
@@ -325,19 +372,38 @@ class FrrBackend final : public DeviceBackend {
                                  "to the running configuration, and save that");
     }
 
+    [[nodiscard]] bool has_begun_save() const override {
+        return ::access(save_file_.c_str(), F_OK) == 0;
+    }
+    bool mend_startup() override;
+
+    void tidy() override {
+        ReplacedFile::remove_leftover(wanted_file_);
+        ReplacedFile::remove_leftover(save_file_);
+        const ActingAsOwner owner(wanted_file_.parent_path());
+        ::unlink(wanted_file_.c_str());
+    }
+
+    void rest() override { talk_.reset(); }
+
   private:
     using Words = std::vector<std::string>;
 
+    [[nodiscard]] ProgramCall call_of(const Words &program, std::string_view input) const;
     [[nodiscard]] ProgramEnd run(const Words &program, const Words &arguments,
                                  std::string_view input) const;
+    [[nodiscard]] ProgramEnd ask(const std::string &command);
+    [[nodiscard]] ProgramEnd shown_at(const std::string &command);
     [[nodiscard]] ProgramEnd vtysh(const Words &arguments, std::string_view input = {}) const {
         return run(vtysh_, arguments, input);
     }
     void require_taken(const ProgramEnd &end) const;
-    [[nodiscard]] Running running() const;
+    static void require_effect(std::string_view text, std::string_view shown);
+    [[nodiscard]] Running running();
     [[nodiscard]] std::string difference(const std::string &wanted) const;
     void save_by_watchfrr(const std::optional<std::string> &former, const std::string &text,
-                          const std::function<void()> &before_commit) const;
+                          const std::function<void()> &before_commit);
+    void put_back(const std::string &former) const;
 
     [[nodiscard]] std::optional<std::string> stored() const {
         return read_state_file(file_, configuration_text_limit);
@@ -350,24 +416,65 @@ class FrrBackend final : public DeviceBackend {
     std::filesystem::path wanted_file_;
     std::filesystem::path save_file_;
     std::chrono::milliseconds time_limit_;
+    std::string mark_ = new_mark();
+    std::optional<Conversation> talk_;    // with vtysh at its prompt, until rest()
     std::vector<std::string> complaints_; // of the last apply(), which took all lines
 };
 
-ProgramEnd FrrBackend::run(const Words &program, const Words &arguments,
-                           std::string_view input) const {
-    ProgramCall call{.words = program,
-                     .input = input,
-                     .time_limit = time_limit_,
-                     .output_limit = configuration_text_limit,
-                     .as_owner_of = wanted_file_.parent_path()};
-    call.words.insert(call.words.end(), arguments.begin(), arguments.end());
-    ProgramEnd end = run_program(call);
+ProgramCall FrrBackend::call_of(const Words &program, std::string_view input) const {
+    return {.words = program,
+            .input = input,
+            .time_limit = time_limit_,
+            .output_limit = configuration_text_limit,
+            .as_owner_of = wanted_file_.parent_path()};
+}
+
+// The end with its complaint in plain words. Throws if a limit or a signal was the end.
+ProgramEnd plain(const ProgramCall &call, ProgramEnd end) {
     end.complaint = plain(end.complaint);
     if (end.limit != ProgramEnd::Limit::none || end.signal != 0) {
-        throw std::runtime_error(program[0] + ": " + failure_of(call, end));
+        throw std::runtime_error(call.words[0] + ": " + failure_of(call, end));
     }
     if (end.exit_status != 0 && end.complaint.empty()) {
         end.complaint = end.output.empty() ? failure_of(call, end) : plain(first_line(end.output));
+    }
+    return end;
+}
+
+ProgramEnd FrrBackend::run(const Words &program, const Words &arguments,
+                           std::string_view input) const {
+    ProgramCall call = call_of(program, input);
+    call.words.insert(call.words.end(), arguments.begin(), arguments.end());
+    return plain(call, run_program(call));
+}
+
+// What the operation's vtysh answers to a command. If it has ended instead, it is given up.
+ProgramEnd FrrBackend::ask(const std::string &command) {
+    ProgramCall call = call_of(vtysh_, {});
+    // It shows the lines that it reads, and would break a long one as at a terminal.
+    call.environment = {"TERM=dumb", "COLUMNS=10000", "INPUTRC=/dev/null",
+                        "VTYSH_HISTFILE=/dev/null"};
+    if (!talk_) {
+        talk_.emplace(call);
+    }
+    ProgramEnd end = talk_->ask(command + "\n" + mark_, mark_);
+    std::string &answer = end.output;
+    if (answer.ends_with(mark_)) { // behind the prompt
+        answer.erase(answer.rfind('\n', answer.size() - mark_.size()) + 1);
+    } else {
+        talk_.reset();
+    }
+    const std::size_t at = answer.find(command + "\n");
+    answer.erase(0, at == std::string::npos ? 0 : at + command.size() + 1);
+    // It says so of a command that it knows but could not execute, too.
+    const std::string unknown = "% Unknown command: " + command + "\n";
+    if (answer.ends_with(unknown)) {
+        answer.resize(answer.size() - unknown.size());
+        end.complaint = end.complaint.empty() ? unknown : end.complaint;
+    }
+    end = plain(call, std::move(end));
+    if (!talk_ && end.complaint.empty()) {
+        end.complaint = failure_of(call, end);
     }
     return end;
 }
@@ -400,17 +507,23 @@ void FrrBackend::require_taken(const ProgramEnd &end) const {
     throw ConfigurationError(ConfigurationError::Kind::bad_line, reason);
 }
 
-Running FrrBackend::running() const {
-    const ProgramEnd end = vtysh({"-c", "show watchfrr", "-c", "show running-config no-header"});
+// What vtysh shows at a command.
+ProgramEnd FrrBackend::shown_at(const std::string &command) {
+    ProgramEnd end = ask(command);
     if (end.exit_status != 0) {
         throw std::runtime_error(vtysh_[0] + ": " + end.complaint);
     }
-    // First watchfrr's words, with a line of two blanks, name and state for each daemon.
-    constexpr std::string_view begin = "frr version ";
-    const std::string_view shown = end.output;
-    const std::size_t at = shown.starts_with(begin) ? 0 : shown.find("\n" + std::string(begin)) + 1;
+    if (!talk_) {
+        throw std::runtime_error(vtysh_[0] + std::string(no_whole_configuration));
+    }
+    return end;
+}
+
+Running FrrBackend::running() {
+    // A line of two blanks, name and state for each daemon.
+    const ProgramEnd states = shown_at("show watchfrr");
     Running running;
-    for (const std::string_view line : lines_of(shown.substr(0, at))) {
+    for (const std::string_view line : lines_of(states.output)) {
         const auto words = words_of(line);
         if (!line.starts_with("  ") || words.size() < 2) {
             continue;
@@ -424,9 +537,17 @@ Running FrrBackend::running() const {
         }
         running.daemons.emplace(words[0].substr(0, words[0].find('-')));
     }
+    if (running.daemons.empty()) {
+        throw std::runtime_error(
+            vtysh_[0] + ": " +
+            (states.complaint.empty() ? plain(first_line(states.output)) : states.complaint));
+    }
+    constexpr std::string_view begin = "frr version ";
+    const std::string shown = shown_at("show running-config no-header").output;
+    const std::size_t at = shown.starts_with(begin) ? 0 : shown.find("\n" + std::string(begin)) + 1;
     constexpr std::string_view finish = "\nend\n";
     if (!shown.ends_with(finish) || (at == 0 && !shown.starts_with(begin))) {
-        throw std::runtime_error(vtysh_[0] + " shows no whole running configuration");
+        throw std::runtime_error(vtysh_[0] + std::string(no_whole_configuration));
     }
     // without the last line, as in the startup configuration
     running.text = shown.substr(at, shown.size() - at - (finish.size() - 1));
@@ -438,15 +559,13 @@ Running FrrBackend::running() const {
 // that. Throws if the wanted one is not understood.
 std::string FrrBackend::difference(const std::string &wanted) const {
     // It takes a text on standard input for an empty configuration.
-    ReplacedFile file(wanted_file_, wanted, ReplacedFile::Manner::passing);
-    file.commit();
+    const NamedText file(wanted_file_, wanted);
     const ProgramEnd end =
         run(reload_,
             {"--test", "--stdout", "--log-level", "error", "--bindir",
              std::filesystem::path(vtysh_[0]).parent_path(), "--confdir", file_.parent_path(),
-             "--rundir", wanted_file_.parent_path(), wanted_file_},
+             "--rundir", wanted_file_.parent_path(), file.name()},
             {});
-    ::unlink(wanted_file_.c_str());
     if (end.exit_status != 0 || !end.complaint.empty()) {
         throw std::runtime_error(reload_[0] + ": " + end.complaint);
     }
@@ -481,6 +600,7 @@ std::string shortened(std::string_view line, std::size_t words) {
 
 void FrrBackend::replace(std::string_view text) {
     constexpr int most_rounds = 8;
+    rest(); // that vtysh may show what it keeps for itself
     complaints_.clear();
     const std::string wanted = legible(text);
     std::set<std::string, std::less<>> kept; // what may not be removed
@@ -529,6 +649,22 @@ void FrrBackend::replace(std::string_view text) {
     }
 }
 
+// Throws if FRR's shell would keep a statement for itself, until it ends: it would then show it.
+void FrrBackend::require_effect(std::string_view text, std::string_view shown) {
+    std::set<std::string, std::less<>> known;
+    for (Statement &statement : statements_of(shown)) {
+        known.insert(std::move(statement.text));
+    }
+    for (const Statement &statement : statements_of(text)) {
+        const bool is_negated = statement.words[0] == "no" && statement.words.size() > 1;
+        const bool is_shown = known.contains(statement.text.substr(is_negated ? 3 : 0));
+        if (is_shown == is_negated && owner_of(statement) == shell) {
+            refuse(statement.line,
+                   "FRR's shell keeps '" + statement.text + "' for itself, so it has no effect");
+        }
+    }
+}
+
 // A statement is in force if FRR shows it. FRR shows many in another form, or not at all if they
 // are the default; such a one is in force if the daemon that takes it runs, which has not refused
 // it then.
@@ -565,10 +701,6 @@ void FrrBackend::verify(std::string_view text) {
             continue;
         }
         const std::string_view owner = owner_of(statement);
-        if (owner == shell) {
-            refuse(statement.line,
-                   "FRR's shell keeps '" + statement.text + "' for itself, so it has no effect");
-        }
         if (!owner.empty() && !running.daemons.contains(owner)) {
             refuse(statement.line, std::string(owner) + " does not run, so FRR has ignored '" +
                                        statement.text + "'");
@@ -582,6 +714,7 @@ void FrrBackend::verify(std::string_view text) {
 }
 
 std::optional<BegunSave> FrrBackend::begun_save() const {
+    const ActingAsOwner owner(save_file_.parent_path());
     const auto content = read_state_file(save_file_, 2 * configuration_text_limit + 64);
     if (!content) {
         return std::nullopt;
@@ -610,17 +743,49 @@ void FrrBackend::save(const std::function<void()> &before_commit) {
     ::unlink(save_file_.c_str());
 }
 
+bool FrrBackend::mend_startup() {
+    const auto save = begun_save();
+    const bool is_torn = save && save->is_torn(stored());
+    if (is_torn && save->former) {
+        put_back(*save->former);
+    } else if (is_torn) {
+        ulmo::check(::unlink(file_.c_str()), "cannot remove", file_.native());
+        sync_folder(file_.parent_path());
+    }
+    ::unlink(save_file_.c_str());
+    return is_torn;
+}
+
+// Replaces the file in one step, with the owner and the mode of the former one, which FRR has moved
+// away.
+void FrrBackend::put_back(const std::string &former) const {
+    constexpr mode_t permissions = 0777;
+    constexpr mode_t packaged = 0640;
+    struct stat like {};
+    if ((::lstat((file_.native() + ".sav").c_str(), &like) != 0 || !S_ISREG(like.st_mode)) &&
+        (::lstat(file_.c_str(), &like) != 0 || !S_ISREG(like.st_mode))) {
+        ulmo::check(::stat(file_.parent_path().c_str(), &like), "cannot find", file_.native());
+        like.st_mode = packaged;
+    }
+    ReplacedFile file(file_, former);
+    ulmo::check(::fchown(file.descriptor(), like.st_uid, like.st_gid), "cannot give away",
+                file_.native());
+    ulmo::check(::fchmod(file.descriptor(), like.st_mode & permissions), "cannot protect",
+                file_.native());
+    file.commit();
+}
+
 void FrrBackend::save_by_watchfrr(const std::optional<std::string> &former, const std::string &text,
-                                  const std::function<void()> &before_commit) const {
+                                  const std::function<void()> &before_commit) {
     const std::string size = former ? std::to_string(former->size()) : "-1";
     replace_state_file(save_file_, size + "\n" + former.value_or("") + text);
     const BegunSave save{former, text};
     std::string reason;
     try {
         before_commit();
-        const ProgramEnd end = vtysh({"-c", "write integrated"});
-        reason = end.exit_status == 0 ? "it differs from the running configuration"
-                                      : vtysh_[0] + ": " + end.complaint;
+        const ProgramEnd end = ask("write integrated");
+        reason = end.complaint.empty() ? "it differs from the running configuration"
+                                       : vtysh_[0] + ": " + end.complaint;
     } catch (...) {
         if (!save.is_torn(stored())) {
             ::unlink(save_file_.c_str());

@@ -3,14 +3,19 @@
 #include "platform/host/device/configuration_text.h"
 #include "platform/host/device/device.h"
 #include "tests/unit/scratch.h"
+#include "tests/unit/superuser.h"
 
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
 
+#include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <stdexcept>
 #include <string>
+#include <string_view>
+#include <tuple>
 
 namespace {
 
@@ -18,39 +23,58 @@ using ulmo::ConfigurationError;
 using ulmo::ConfigurationStore;
 
 // vtysh keeps the running configuration in a file: it takes lines that begin with "ip route",
-// "router" or a blank, adds and removes them, and ignores those of ospfd. It logs its calls.
+// "router" or a blank, adds and removes them, ignores those of ospfd, and keeps a host name for
+// itself. Without arguments it takes commands at a prompt. It logs its calls and its commands. A
+// hook that answers a command itself ends with `set --`.
 constexpr const char *vtysh = R"sh(#!/bin/sh
 cd "$(dirname "$0")"
+apply() {
+    number=0
+    while read -r line; do
+        number=$((number + 1))
+        case $line in
+        *refused*)
+            echo '% The reason'
+            echo "line $number: Failure to communicate[13] to zebra, line: $line" >&2
+            return 13 ;;
+        hostname*) own=$line ;;
+        no\ *)
+            grep -vxF "${line#no }" running >other
+            mv other running ;;
+        *ospf* | frr* | XFRR* | '!'* | '#'* | end | '') ;;
+        *) grep -qxF "$line" running || echo "$line" >>running ;;
+        esac
+    done
+}
+answer() {
 echo "$*" >>calls
 [ -e hook ] && . ./hook
 case "$*" in
-*watchfrr*)
-    cat states
+'show watchfrr') cat states ;;
+'show running-config no-header')
     echo 'frr version 8.4.4'
+    [ -z "$own" ] || echo "$own"
     cat running
     echo end ;;
-*'write integrated'*)
+'write integrated')
     mv frr.conf frr.conf.sav
     { echo 'frr version 8.4.4'; cat running; } >frr.conf ;;
 '-C -f /dev/stdin')
     awk '!/^(no )?(ip  ?route|ro|end|exit|!|#| |$|log|hostname|frr)/ {
         print "line " NR ": % Unknown command[4]: " $0; exit 2 }' >&2 ;;
-'-f /dev/stdin')
-    printf 'vtysh_pam: Failed in account validation: Authentication failure(7)' >&2
-    while read -r line; do
-        case $line in
-        *refused*)
-            echo '% The reason'
-            echo "line 1: Failure to communicate[13] to zebra, line: $line" >&2
-            exit 13 ;;
-        no\ *)
-            grep -vxF "${line#no }" running >other
-            mv other running ;;
-        *ospf* | hostname* | frr* | '!'* | '#'* | end | '') ;;
-        *) grep -qxF "$line" running || echo "$line" >>running ;;
-        esac
-    done ;;
+'-f /dev/stdin') apply ;;
+'copy '*' running-config') apply <"$2" ;;
 esac
+}
+printf 'vtysh_pam: Failed in account validation: Authentication failure(7)' >&2
+[ $# = 0 ] || { answer "$@"; exit; }
+echo prompt >>calls
+echo $$ >>talks
+echo 'Hello, this is FRR.'
+while printf 'frr# ' && read -r line; do
+    echo "$line"
+    case $line in '!'*) ;; *) answer $line ;; esac
+done
 )sh";
 
 // frr-reload compares two files without regard to blocks.
@@ -77,13 +101,19 @@ class FrrTest : public testing::Test {
         write("running", "ip route 10.1.0.0/16 blackhole\n");
         write("frr.conf", "frr version 8.4.4\nip route 10.9.0.0/16 blackhole\n");
         states("Up");
-        scratch_.configure(
-            "frr_vtysh = " + file("vtysh").string() + "\nfrr_reload = " + file("reload").string() +
-            "\nfrr_config = " + file("frr.conf").string() + "\ndevice_time_limit = 20\n");
+        scratch_.configure(settings() + "device_time_limit = 20\n");
+        make_device();
+    }
+
+    std::string settings() const {
+        return "frr_vtysh = " + file("vtysh").string() +
+               "\nfrr_reload = " + file("reload").string() +
+               "\nfrr_config = " + file("frr.conf").string() + "\n";
+    }
+    void make_device() {
         device_ = std::make_unique<ulmo::Device>(ulmo::make_frr_backend(scratch_.root() / "state"),
                                                  scratch_.root() / "state");
     }
-
     std::filesystem::path file(const std::string &name) const { return scratch_.root() / name; }
     void write(const std::string &name, const std::string &text) const {
         Scratch::write(file(name), text);
@@ -97,6 +127,17 @@ class FrrTest : public testing::Test {
         write("states",
               "watchfrr global phase: Idle\n Start Command: \"x\"\n  zebra   Up\n  bgpd    " +
                   state + "\n  staticd Up\n");
+    }
+    // Whether at least so many shells have taken commands at a prompt, and all have ended.
+    bool talks_are_over(int least) const {
+        std::ifstream talks(file("talks"));
+        int count = 0;
+        for (pid_t pid = 0; talks >> pid; ++count) {
+            if (::kill(pid, 0) == 0) {
+                return false;
+            }
+        }
+        return count >= least;
     }
     std::string running() const { return device_->show(ConfigurationStore::running); }
     std::string startup() const { return device_->show(ConfigurationStore::startup); }
@@ -128,17 +169,24 @@ class FrrTest : public testing::Test {
     std::unique_ptr<ulmo::Device> device_;
 };
 
+constexpr const char *show_calls = "prompt\nshow watchfrr\nshow running-config no-header\n";
 constexpr const char *first = "frr version 8.4.4\nip route 10.1.0.0/16 blackhole\n";
 
 TEST_F(FrrTest, ShowsWhatTheStartupConfigurationWouldHave) {
     EXPECT_EQ(running(), first);
     EXPECT_EQ(startup(), "frr version 8.4.4\nip route 10.9.0.0/16 blackhole\n");
-    EXPECT_EQ(read("calls"), "-c show watchfrr -c show running-config no-header\n");
+    EXPECT_EQ(read("calls"), show_calls);
+    EXPECT_TRUE(talks_are_over(1));
 }
 
 TEST_F(FrrTest, ShowsNothingWhileADaemonIsDown) {
     states("Down");
     EXPECT_EQ(failure_to_show(), "FRR's bgpd does not work: watchfrr says Down");
+    for (const std::string stream : {"1", "2"}) {
+        write("hook", "case $* in *watchfrr*) echo '% watchfrr is not running' >&" + stream +
+                          "; set -- ;; esac\n");
+        EXPECT_EQ(failure_to_show(), file("vtysh").string() + ": watchfrr is not running");
+    }
 }
 
 TEST_F(FrrTest, ShowsNoPartOfAConfiguration) {
@@ -149,7 +197,14 @@ TEST_F(FrrTest, ShowsNoPartOfAConfiguration) {
     EXPECT_EQ(failure_to_show(), part);
     write("hook", "echo; echo end; exit 0\n");
     EXPECT_EQ(failure_to_show(), part);
-    write("hook", "echo frr version 8; printf 'a\\033\\nend\\n'; exit 0\n");
+    const auto show = [this](const std::string &script) {
+        write("hook", "case $* in *running*) " + script + "; set -- ;; esac\n");
+    };
+    show("echo frr version 8");
+    EXPECT_EQ(failure_to_show(), part);
+    show("echo; echo end");
+    EXPECT_EQ(failure_to_show(), part);
+    show("echo frr version 8; printf 'a\\033\\nend\\n'");
     EXPECT_EQ(failure_to_show(),
               "line 2: a control character, so this is not a configuration text");
 }
@@ -174,7 +229,7 @@ TEST_F(FrrTest, SaysWhyAProgramFails) {
 
 TEST_F(FrrTest, RefusesWhatFrrRefuses) {
     EXPECT_EQ(refusal("ip route x\nfrobnicate 1\n"), "line 2: Unknown command: frobnicate 1");
-    EXPECT_EQ(refusal("ip route x\nip route refused\n"), "line 1: The reason: ip route refused");
+    EXPECT_EQ(refusal("ip route x\nip route refused\n"), "line 2: The reason: ip route refused");
     EXPECT_EQ(refusal("ip route x\n\x01\n"),
               "line 2: a control character, so this is not a configuration text");
     EXPECT_EQ(refusal("ip route x\nip route " + std::string(4000, 'x')),
@@ -188,11 +243,67 @@ TEST_F(FrrTest, RefusesWhatFrrDrops) {
               "line 2: ospfd does not run, so FRR has ignored 'ro ospf 7'");
     EXPECT_EQ(refusal("hostname other\n"),
               "line 1: FRR's shell keeps 'hostname other' for itself, so it has no effect");
-    write("hook", "case $* in -f*) exit 0;; esac\n");
+    write("running", "hostname frr\nip route 10.1.0.0/16 blackhole\n");
+    EXPECT_EQ(refusal("no hostname frr\n"),
+              "line 1: FRR's shell keeps 'no hostname frr' for itself, so it has no effect");
+    device_->apply("hostname frr\n");
+    write("hook", "case $* in copy*) set -- ;; esac\n");
     EXPECT_EQ(refusal("no ip route 10.1.0.0/16 blackhole\n"),
               "line 1: FRR still shows 'ip route 10.1.0.0/16 blackhole'");
-    write("hook", "case $* in -f*) echo '% The reason'; exit 0;; esac\n");
+    write("hook", "case $* in copy*) echo '% The reason'; set -- ;; esac\n");
     EXPECT_EQ(refusal("ip route x\n"), "line 1: The reason: ip route x");
+}
+
+// Each start of vtysh takes longer than most commands.
+TEST_F(FrrTest, OneShellAnswersAllCommandsOfAnOperation) {
+    const std::string wanted = scratch_.state("frr-wanted.cfg").string();
+    device_->apply("ip route x\n");
+    std::string calls = read("calls");
+    constexpr std::string_view check = "-C -f /dev/stdin\n"; // at some moment before the change
+    ASSERT_NE(calls.find(check), std::string::npos);
+    EXPECT_EQ(calls.erase(calls.find(check), check.size()), std::string(show_calls) + "copy " +
+                                                                wanted + " running-config\n" +
+                                                                std::string(show_calls).substr(7));
+    EXPECT_FALSE(std::filesystem::exists(wanted));
+    EXPECT_TRUE(talks_are_over(1));
+    write("calls", "");
+    device_->save();
+    EXPECT_EQ(read("calls"), std::string(show_calls) + "write integrated\n");
+    EXPECT_TRUE(talks_are_over(2));
+}
+
+TEST_F(FrrTest, NoShellOutlivesAnOperationThatFails) {
+    std::filesystem::create_directory(scratch_.state("way-back.journal.new"));
+    EXPECT_NE(error_of<std::runtime_error>([&] { device_->apply("ip route x\n"); }), "none");
+    EXPECT_TRUE(talks_are_over(1));
+    std::filesystem::remove(scratch_.state("way-back.journal.new"));
+    // in the middle of a change
+    write("hook", "case $* in copy*) echo 'ip route y' >>running; kill -KILL $$ ;; esac\n");
+    EXPECT_EQ(error_of<std::runtime_error>([&] { device_->apply("ip route x\n"); }),
+              file("vtysh").string() + ": signal 9 ended it");
+    EXPECT_EQ(running(), first);
+    EXPECT_FALSE(std::filesystem::exists(scratch_.state("frr-wanted.cfg")));
+    write("hook", "case $* in copy*) exit 0 ;; esac\n");
+    EXPECT_EQ(error_of<std::runtime_error>([&] { device_->apply("ip route x\n"); }),
+              file("vtysh").string() + ": it ended with status 0 and gave no reason");
+    scratch_.configure(settings() + "device_time_limit = 1\n");
+    make_device();
+    write("hook", "case $* in copy*) sleep 100 ;; esac\n");
+    EXPECT_EQ(error_of<std::runtime_error>([&] { device_->apply("ip route x\n"); }),
+              file("vtysh").string() + ": it did not end within 1 second and was killed");
+    EXPECT_EQ(running(), first);
+    EXPECT_TRUE(talks_are_over(5));
+}
+
+TEST_F(FrrTest, RemovesWhatAKilledProcessHasLeft) {
+    const char *const names[] = {"frr-wanted.cfg", "frr-wanted.cfg.new", "frr-save.new"};
+    for (const char *const name : names) {
+        write(std::string("state/") + name, "ip route x\n");
+    }
+    device_->save();
+    for (const char *const name : names) {
+        EXPECT_FALSE(std::filesystem::exists(scratch_.state(name))) << name;
+    }
 }
 
 TEST_F(FrrTest, AppliesAndReplaces) {
@@ -251,22 +362,21 @@ TEST_F(FrrTest, SavesThroughWatchfrr) {
     EXPECT_FALSE(std::filesystem::exists(scratch_.state("frr-save")));
     write("calls", "");
     device_->save();
-    EXPECT_EQ(read("calls"), "-c show watchfrr -c show running-config no-header\n")
-        << "nothing to do";
+    EXPECT_EQ(read("calls"), show_calls) << "nothing to do";
 }
 
 TEST_F(FrrTest, SaysThatASaveFailed) {
     const std::string name = file("frr.conf").string();
     const std::string before = startup();
-    write("hook", "case $* in *write*) exit 0;; esac\n");
+    write("hook", "case $* in *write*) set -- ;; esac\n");
     EXPECT_EQ(failure_to_save(),
               "FRR has not saved " + name + ": it differs from the running configuration");
     write("hook", "case $* in *write*) echo why >&2; exit 1;; esac\n");
     EXPECT_EQ(failure_to_save(),
               "FRR has not saved " + name + ": " + file("vtysh").string() + ": why");
     EXPECT_FALSE(std::filesystem::exists(scratch_.state("frr-save")));
-    write("hook", "case $* in *write*) cp frr.conf frr.conf.sav; printf frr >frr.conf; exit 0;; "
-                  "esac\n");
+    write("hook", "case $* in *write*) cp frr.conf frr.conf.sav; printf frr >frr.conf; "
+                  "set -- ;; esac\n");
     EXPECT_EQ(failure_to_save(), "FRR has written only a part of " + name +
                                      " (it differs from the running configuration); the former "
                                      "one is " +
@@ -306,6 +416,142 @@ TEST_F(FrrTest, ASaveWithoutAFormerFile) {
     std::filesystem::remove(file("hook"));
     device_->save();
     EXPECT_EQ(startup(), first);
+}
+
+// A power failure: the state of the files, and nothing runs.
+class FrrMendTest : public FrrTest {
+  protected:
+    FrrMendTest() { write("frr.conf.sav", former); }
+
+    void cut_off(const std::string &left) const {
+        write("state/frr-save", std::to_string(former.size()) + "\n" + former + wanted);
+        write("frr.conf", left);
+    }
+    bool mends() {
+        const bool is_mended = device_->mend_startup();
+        EXPECT_FALSE(std::filesystem::exists(scratch_.state("frr-save")));
+        EXPECT_FALSE(std::filesystem::exists(file("frr.conf.new")));
+        return is_mended;
+    }
+
+    const std::string former = "frr version 8.4.4\nip route 10.9.0.0/16 blackhole\n";
+    const std::string wanted = "frr version 8.4.4\nip route 10.1.0.0/16 blackhole\n";
+};
+
+TEST_F(FrrMendTest, MakesATornFileTheFormerOne) {
+    for (const std::string &left : {std::string(), wanted.substr(0, 30), wanted.substr(0, 48)}) {
+        cut_off(left);
+        EXPECT_TRUE(mends());
+        EXPECT_EQ(read("frr.conf"), former);
+        EXPECT_FALSE(mends());
+    }
+    cut_off("");
+    std::filesystem::remove(file("frr.conf"));
+    EXPECT_TRUE(mends());
+    EXPECT_EQ(read("frr.conf"), former);
+    EXPECT_EQ(read("calls"), "");
+}
+
+TEST_F(FrrMendTest, LeavesAWholeFileAlone) {
+    for (const std::string &left :
+         {former, wanted, wanted + "ip route 10.2.0.0/16 blackhole\n", std::string("by hand\n")}) {
+        cut_off(left);
+        EXPECT_FALSE(mends());
+        EXPECT_EQ(read("frr.conf"), left);
+    }
+    write("state/frr-save", "nonsense");
+    write("frr.conf", "");
+    EXPECT_FALSE(mends());
+    EXPECT_EQ(read("frr.conf"), "");
+}
+
+TEST_F(FrrMendTest, RemovesAPartIfThereWasNoFile) {
+    write("state/frr-save", "-1\n" + wanted);
+    write("frr.conf", wanted.substr(0, 30));
+    EXPECT_TRUE(mends());
+    EXPECT_FALSE(std::filesystem::exists(file("frr.conf")));
+}
+
+TEST_F(FrrMendTest, FollowsNoLinkAndReadsNoMoreThanAConfiguration) {
+    const auto fails = [&] {
+        return error_of<std::runtime_error>([&] { device_->mend_startup(); }) != "none";
+    };
+    cut_off("");
+    write("elsewhere", "");
+    std::filesystem::remove(file("frr.conf"));
+    std::filesystem::create_symlink(file("elsewhere"), file("frr.conf"));
+    EXPECT_TRUE(fails());
+    EXPECT_EQ(read("elsewhere"), "");
+    EXPECT_TRUE(std::filesystem::is_symlink(file("frr.conf")));
+    std::filesystem::remove(file("frr.conf"));
+
+    std::filesystem::rename(scratch_.state("frr-save"), file("journal"));
+    std::filesystem::create_symlink(file("journal"), scratch_.state("frr-save"));
+    EXPECT_TRUE(fails());
+    std::filesystem::remove(scratch_.state("frr-save"));
+    ASSERT_EQ(::mkfifo(scratch_.state("frr-save").c_str(), 0600), 0);
+    EXPECT_TRUE(fails());
+    std::filesystem::remove(scratch_.state("frr-save"));
+    cut_off("");
+    std::filesystem::resize_file(scratch_.state("frr-save"),
+                                 2 * ulmo::configuration_text_limit + 65);
+    EXPECT_TRUE(fails());
+    EXPECT_EQ(read("frr.conf"), "");
+
+    // The temporary name: the file that it leads to stays as it is.
+    std::filesystem::create_symlink(file("elsewhere"), file("frr.conf.new"));
+    cut_off("");
+    EXPECT_TRUE(mends());
+    EXPECT_EQ(read("frr.conf"), former);
+    EXPECT_EQ(read("elsewhere"), "");
+}
+
+TEST_F(FrrMendTest, WaitsForNobodyWithoutASave) {
+    const ulmo::FileLock lock(scratch_.state("configuration.lock"), ulmo::FileLock::Mode::exclusive,
+                              std::chrono::seconds(1));
+    EXPECT_FALSE(device_->mend_startup());
+}
+
+TEST_F(FrrMendTest, KeepsOwnerAndMode) {
+    REQUIRE_SUPERUSER("gives files to other users");
+    constexpr uid_t frr = 54321;
+    constexpr gid_t frr_group = 54322;
+    constexpr uid_t agent = 54323;
+    const auto give = [&](const std::string &name, mode_t mode) {
+        EXPECT_EQ(::chown(file(name).c_str(), frr, frr_group), 0);
+        EXPECT_EQ(::chmod(file(name).c_str(), mode), 0);
+    };
+    const auto owner_and_mode = [&] {
+        struct stat status {};
+        EXPECT_EQ(::lstat(file("frr.conf").c_str(), &status), 0);
+        return std::tuple(status.st_uid, status.st_gid, status.st_mode & 07777U);
+    };
+    ASSERT_EQ(::chmod(scratch_.root().c_str(), 0755), 0);
+    cut_off("");
+    ASSERT_EQ(::chown(scratch_.state("").c_str(), agent, agent), 0);
+    ASSERT_EQ(::chown(scratch_.state("frr-save").c_str(), agent, agent), 0);
+    give("frr.conf.sav", 0640); // the torn one is root's
+    EXPECT_TRUE(mends());
+    EXPECT_EQ(owner_and_mode(), std::tuple(frr, frr_group, 0640U));
+
+    cut_off("");
+    give("frr.conf", 0604);
+    std::filesystem::remove(file("frr.conf.sav"));
+    EXPECT_TRUE(mends());
+    EXPECT_EQ(owner_and_mode(), std::tuple(frr, frr_group, 0604U));
+
+    cut_off("");
+    std::filesystem::remove(file("frr.conf"));
+    give("", 0751);
+    EXPECT_TRUE(mends());
+    EXPECT_EQ(owner_and_mode(), std::tuple(frr, frr_group, 0640U));
+
+    // A file that the owner of the state directory may not read stays unread.
+    write("secret", "0\nsecret");
+    write("frr.conf", "");
+    std::filesystem::create_hard_link(file("secret"), scratch_.state("frr-save"));
+    ASSERT_EQ(::chmod(file("secret").c_str(), 0600), 0);
+    EXPECT_NE(error_of<std::runtime_error>([&] { device_->mend_startup(); }), "none");
 }
 
 TEST_F(FrrTest, LeavesTheStartupConfigurationToFrr) {
