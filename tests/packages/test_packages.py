@@ -601,6 +601,7 @@ def test_device_frr(switch, frr):
     assert switch.shell("stat -c '%U %G %a' /etc/frr/frr.conf") == "frr frr 640\n"
     switch.run("systemctl", "restart", "frr")
     assert "remote-as 65002" in switch.run("vtysh", "-c", "show running-config").stdout
+    power_fails_in_a_save_of_frr(switch)
     (switch.served / "exact.cfg").write_text(f"configuration replace\n{backup}")
     config_copy(switch, f"tftp://{SERVER}/exact.cfg running")
     config_copy(switch, f"startup tftp://{SERVER}/startup.cfg")
@@ -612,6 +613,26 @@ def test_device_frr(switch, frr):
                  "deluser Debian-snmp frrvty; systemctl restart wardend snmpd")
     wait_until(lambda: agent_answers(switch))
     assert cmdshell(switch, "show running-config") == before
+
+
+def power_fails_in_a_save_of_frr(switch):
+    """Nothing but files is left of FRR. systemd starts it again, after the drop-in's command."""
+    file, state = switch.root / "etc/frr/frr.conf", switch.root / "var/lib/ulmo/frr-save"
+    before = file.read_text()
+    state.write_text(f"{len(before)}\n{before}{before}ip route 10.1.0.0/16 blackhole\n")
+    switch.shell("chown Debian-snmp: /var/lib/ulmo/frr-save; cd /etc/frr; "
+                 "mv frr.conf frr.conf.sav; printf 'frr ver' >frr.conf; "
+                 "systemctl reset-failed frr")
+    restarts = "systemctl show -P NRestarts frr"
+    count = switch.shell(restarts)
+    switch.run("systemctl", "kill", "--signal=KILL", "frr")
+    wait_until(lambda: switch.shell(restarts) != count, within=60)
+    wait_until(lambda: "remote-as 65002" in switch.shell("vtysh -c 'show running-config' || true"),
+               within=60)
+    assert file.read_text() == before
+    assert switch.shell("stat -c '%U %G %a' /etc/frr/frr.conf") == "frr frr 640\n"
+    assert not state.exists()
+    assert "a save was cut off" in switch.shell("journalctl -u frr")
 
 
 def test_mib_module(switch):

@@ -120,6 +120,12 @@ void copy_startup_to_running() {
     device->apply(device->show(ulmo::ConfigurationStore::startup));
 }
 
+void mend_startup() {
+    if (ulmo::make_device()->mend_startup()) {
+        print("a save was cut off: the startup configuration is again the one before it\n");
+    }
+}
+
 std::string setting_lines(const ulmo::Setting &setting) {
     const std::string begin =
         (ulmo::is_default(setting) ? "#" : "") + std::string(setting.name) + " =";
@@ -168,6 +174,7 @@ constexpr Command commands[] = {
      "save the running configuration"},
     {"copy startup-config running-config", copy_startup_to_running,
      "apply the startup configuration"},
+    {"mend startup-config", mend_startup, "undo a save that was cut off, before the device starts"},
 };
 
 constexpr std::string_view configure = "configure";

@@ -1,9 +1,12 @@
 """At any instant the startup configuration is the old one or the new one."""
 
 import os
+import shlex
 import subprocess
 import threading
+from pathlib import Path
 
+import pytest
 import vty
 from copy_table import STATE_DIRECTORY, run
 
@@ -49,6 +52,41 @@ def test_readers_during_saves():
     assert shown <= {(0, old), (0, new)}
     assert (0, old) in shown and (0, new) in shown
     assert file_seen - {old, new}, "FRR writes the file in one step now: simplify"
+
+
+def start_frr():
+    """As frr.service does it: first the drop-in's command, as root."""
+    drop_in = Path(__file__).resolve().parents[3] / "platform/host/systemd/frr.conf"
+    (command,) = [line.removeprefix("ExecStartPre=-") for line in drop_in.read_text().splitlines()
+                  if line.startswith("ExecStartPre=-")]
+    program, *arguments = shlex.split(command)
+    printed = run(Path(program).name, *arguments)
+    vty.restart()
+    return printed
+
+
+@pytest.mark.parametrize("left", [None, "", "frr version 8.4.4\nfrr def"])
+def test_power_failure_in_a_save(left):
+    """FRR starts with the configuration before the save, all of it."""
+    assert vty.configure("ip route 10.40.0.0/16 blackhole\n") == (0, "")
+    assert vty.cmdshell("copy running-config startup-config") == (0, "")
+    old, status = vty.startup(), os.stat(vty.FILE)
+    assert vty.configure("ip route 10.41.0.0/16 blackhole\n") == (0, "")
+    mark = STATE_DIRECTORY / "frr-save"
+    mark.write_text(f"{len(old)}\n{old}{vty.running()}")
+    owner = os.stat(STATE_DIRECTORY)
+    os.chown(mark, owner.st_uid, owner.st_gid)
+    run(vty.INIT, "stop")
+    vty.FILE.rename(f"{vty.FILE}.sav")
+    if left is not None:
+        vty.FILE.write_text(left)  # root's, as FRR begins it
+    assert "a save was cut off" in start_frr()
+    assert vty.running() == vty.startup() == old
+    now = os.stat(vty.FILE)
+    assert (now.st_uid, now.st_gid, now.st_mode) == (status.st_uid, status.st_gid, status.st_mode)
+    assert not mark.exists()
+    assert start_frr() == ""
+    assert vty.running() == old
 
 
 def test_save_that_was_cut_off():
