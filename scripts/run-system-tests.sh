@@ -1,7 +1,7 @@
 #!/bin/bash
 # Runs the system tests: each folder of tests/system in a lab with the options of its file
-# `options`, and tests/packages, which installs the packages in a Debian of its own, four folders at
-# a time; then tests/lab, which tests the lab itself, on this machine. The last line is "N passed, N
+# `options`, tests/packages, which installs the packages in a Debian of its own, and tests/lab, which
+# tests the lab itself, on this machine; four folders at a time. The last line is "N passed, N
 # failed".
 #
 #   scripts/run-system-tests.sh [--results DIR] [FOLDER… [-- PYTEST ARGUMENTS…]]
@@ -56,6 +56,7 @@ pytest=(env PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 -m pytest -p no:cacheprov
     --durations=5 --strict-markers)
 
 # The packages are made meanwhile: the labs mostly wait.
+packaging=
 if [[ " ${folders[*]} " == *" packages "* ]]; then
     { nice "$scripts/package.sh" && touch "$results/package.made"; } \
         >"$results/package.log" 2>&1 &
@@ -66,14 +67,15 @@ fi
 run_folder() {
     local folder=$1 options
     shift
-    if [[ $folder == packages ]]; then
-        echo "== the packages"
-        tail --pid="$packaging" -f /dev/null
-        [[ -e $results/package.made ]] || {
+    if [[ $folder == packages || $folder == lab ]]; then
+        echo "== the ${folder/lab/lab itself}"
+        # The lab's tests copy the sources, to which packaging adds files for a while.
+        [[ -z $packaging ]] || tail --pid="$packaging" -f /dev/null
+        if [[ $folder == packages && ! -e $results/package.made ]]; then
             cat "$results/package.log"
             return 1
-        }
-        "${as_root[@]}" "${pytest[@]}" "--junitxml=$results/packages.xml" "$tests/packages" "$@"
+        fi
+        "${as_root[@]}" "${pytest[@]}" "--junitxml=$results/$folder.xml" "$tests/$folder" "$@"
         return
     fi
     read -r -a options <<<"$(<"$tests/system/$folder/options")"
@@ -95,7 +97,6 @@ show_next() {
     echo "-- $((++shown)) of ${#folders[@]} folders, $SECONDS s"
 }
 for folder in "${folders[@]}"; do
-    [[ $folder != lab ]] || continue
     ((${#running[@]} < AT_A_TIME)) || show_next
     run_folder "$folder" "$@" &
     running[$!]=$folder
@@ -103,11 +104,6 @@ done
 while ((${#running[@]})); do
     show_next
 done
-# These tests look at the whole machine, so nothing else may run.
-if [[ " ${folders[*]} " == *" lab "* ]]; then
-    echo "== the lab itself"
-    "${as_root[@]}" "${pytest[@]}" "--junitxml=$results/lab.xml" "$tests/lab" "$@" || status=1
-fi
 reports=("${folders[@]/#/$results/}")
 /usr/bin/python3 "$scripts/count-tests.py" "${reports[@]/%/.xml}" || status=1
 exit "$status"
