@@ -64,7 +64,7 @@ class Switches {
     std::atomic<std::size_t> limit_ = std::numeric_limits<std::size_t>::max();
 };
 
-Switches switches;
+Switches log_switches;
 
 // A log call has no side effect on its caller: errno is kept and no exception leaves it.
 template <typename Call> auto unnoticed(Call call) noexcept {
@@ -78,22 +78,24 @@ template <typename Call> auto unnoticed(Call call) noexcept {
 } // namespace ulmo
 
 int evtrace_hist_event_subtype_check(uint32_t /*module_id*/, uint32_t subtype) {
-    return ulmo::unnoticed([=] { return ulmo::wants(ulmo::switches.history(), subtype) ? 0 : 1; });
+    return ulmo::unnoticed(
+        [=] { return ulmo::wants(ulmo::log_switches.history(), subtype) ? 0 : 1; });
 }
 
 void evtrace_hist_event(uint32_t /*module_id*/, uint32_t subtype, uint32_t length,
                         const char *text) {
     ulmo::unnoticed([=] {
-        if (text != nullptr && ulmo::wants(ulmo::switches.history(), subtype)) {
+        if (text != nullptr && ulmo::wants(ulmo::log_switches.history(), subtype)) {
             ulmo::append_to_history(ulmo::history_line(subtype, {text, length}),
-                                    ulmo::switches.limit());
+                                    ulmo::log_switches.limit());
         }
         return true;
     });
 }
 
 int evtrace_chk_int(uint32_t subtype, int32_t /*second*/, int32_t /*third*/, int32_t /*fourth*/) {
-    return ulmo::unnoticed([=] { return ulmo::wants(ulmo::switches.print(), subtype) ? 1 : 0; });
+    return ulmo::unnoticed(
+        [=] { return ulmo::wants(ulmo::log_switches.print(), subtype) ? 1 : 0; });
 }
 
 void dbgprint(const char *format, ...) {
