@@ -70,6 +70,7 @@ tidy_runs() {
     # these two look only at the main file as well
     analyzer+=',-portability-*,-readability-*,misc-unused-using-decls,misc-unused-alias-decls'
     local others='-clang-analyzer-*,-bugprone-suspicious-include'
+    others+=',-misc-unused-using-decls,-misc-unused-alias-decls'
     local folders='base|config-copy|copy_client|infra|platform|receiver|tftp'
     local joined
     joined=$(sed -nE "s,^ *\"file\": \".*/(build/release/($folders)/.*/unity_[^/]*)\"$,\\1,p" \
