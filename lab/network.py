@@ -4,18 +4,17 @@ bridge on the server's side.
 COMMAND and the first switch are in the lab's main namespace; the others are named as for ip-netns:
 switch2, switch3 … and `server`."""
 
-import subprocess
-from pathlib import Path
-
 SERVER4, SERVER6 = "192.0.2.20", "2001:db8::20"
 # The server's addresses if it is reached within a VRF only.
 IN_VRF4, IN_VRF6 = "203.0.113.20", "2001:db8:f::20"
 SERVER = "server"
 DEVICE = "mgmt0"  # each switch's end of its link
-TUN = Path("/lab/tun")
+TUN = "/lab/tun"
 
 
 def run(*words):
+    import subprocess  # which lab-ctl often does without
+
     subprocess.run(words, check=True, stdin=subprocess.DEVNULL)
 
 
@@ -104,8 +103,7 @@ def port_name(number):
 
 def relay_command(program, options, number):
     words = [
-        program, "--tun",
-        str(TUN), "--left", DEVICE, "--right",
+        program, "--tun", TUN, "--left", DEVICE, "--right",
         port_name(number), "--delay", options["delay"], "--loss", options["loss"], "--seed",
         options["seed"]
     ]
@@ -123,6 +121,7 @@ def wants_relay(options):
 def settled(number):
     """Whether both ends are up and their IPv6 addresses are usable: a bridge needs a moment for its
     first port."""
+    import subprocess
 
     def tentative(*namespaced):
         return subprocess.run(namespaced, check=True, stdout=subprocess.PIPE).stdout
