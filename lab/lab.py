@@ -104,7 +104,8 @@ def parse(arguments):
                         default=REPOSITORY / "build" / "release",
                         help="the build to run, which is updated first (default: build/release); "
                              "one with sanitizers makes the agents run with them")
-    parser.add_argument("--no-build", action="store_true", help="do not update the build")
+    parser.add_argument("--no-build", action="store_true",
+                        help="neither update the build nor install packages")
     parser.add_argument("--no-module", action="store_true", help="run the agent without the module")
     parser.add_argument(
         "--tftp-server", choices=("atftpd", "hpa"), default="atftpd",

@@ -6,12 +6,14 @@ set -euo pipefail
 scripts=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 if [[ ${1:-help} != help ]]; then
     groups=(lab)
+    install=yes
     for option in "$@"; do
         case $option in
         --) break ;;
         --frr) groups+=(frr) ;;
+        --no-build) install= ;;
         esac
     done
-    "$scripts/install-packages.sh" "${groups[@]}" >&2
+    [[ -z $install ]] || "$scripts/install-packages.sh" "${groups[@]}" >&2
 fi
 exec /usr/bin/python3 -B "$(dirname "$scripts")/lab/lab.py" "$@"
