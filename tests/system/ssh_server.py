@@ -10,14 +10,14 @@ from copy_table import STATE_DIRECTORY, run, wait_for
 KEYS_ONLY = ("UsePAM no", "PasswordAuthentication no", "KbdInteractiveAuthentication no")
 
 
-def ssh_server(start, address, folder, *settings):
+def ssh_server(start, address, folder, *settings, sftp="internal-sftp"):
     """Has `start` run the server, and returns when it answers. Of two lines about the same thing
     the server takes the first. The keys in `folder`/authorized may log in."""
     key, configuration = new_key(folder / "host-key"), folder / "sshd_config"
     configuration.write_text("\n".join([
         *settings, f"ListenAddress {address}", f"HostKey {key}", "PidFile none", "UseDNS no",
         f"AuthorizedKeysFile {folder}/authorized", "StrictModes no",
-        "Subsystem sftp internal-sftp", ""
+        f"Subsystem sftp {sftp}", ""
     ]))
     daemon = next(path for path in (os.path.realpath(f"/proc/{pid}/exe")
                                     for pid in os.listdir("/proc") if pid.isdigit())

@@ -127,6 +127,8 @@ void enter_private_directory() {
     UniqueFd own = opened_directory(directory);
     check(::flock(own.get(), LOCK_EX | LOCK_NB), directory.native());
     check(::fchdir(own.get()), directory.native());
+    // for the temporary files of its programs, which stay if these are killed
+    check(::setenv("TMPDIR", std::filesystem::current_path().c_str(), 1), "setenv");
     static_cast<void>(own.release()); // the lock lasts until the worker ends
 }
 

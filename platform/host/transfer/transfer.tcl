@@ -585,12 +585,21 @@ proc ssh_login {user server} {
     }
 }
 
-# The client has closed its terminal: success if its status says so. Keeps a download.
+# With these, sftp and scp tell how the server answers each write of an upload. They succeed if it
+# answers the last ones well, even if others failed and the file has a hole.
+set tell_writes {-v -v -v}
+set debug_line {^(scp: )?debug[123]: }
+
+# The client has closed its terminal: success if its status says so, and if the server has written
+# everything. Keeps a download.
 proc ssh_finish {} {
-    global temporary
+    global temporary said
     set status [exit_status]
     if {$status != 0} {
         ssh_failed $status
+    }
+    if {[regexp {SSH2_FXP_STATUS ([1-9][0-9]*)\n(scp: )?debug3: In write loop, ack} $said - code]} {
+        fail space "the server has not written a part of the file: SFTP status $code"
     }
     if {$temporary ne {}} {
         keep_download
@@ -599,8 +608,8 @@ proc ssh_finish {} {
 
 # Fails for what the client has said.
 proc ssh_failed {status} {
-    global transcript
-    set transcript [join [lsearch -inline -all -not -regexp [split $transcript \n] {^(scp: )?debug[123]: }] \n]
+    global transcript debug_line
+    set transcript [join [lsearch -inline -all -not -regexp [split $transcript \n] $debug_line] \n]
     if {$status == 125} {
         fail use [last_line]
     }

@@ -2,6 +2,7 @@
 
 import contextlib
 import os
+import re
 from pathlib import Path
 
 import pytest
@@ -9,7 +10,7 @@ import ssh_server
 from copy_table import LOGS, SERVER4, SERVER_ROOT, STATE_DIRECTORY, lab_ctl, wait_for
 from scripts import (
     DONE, FOREVER, FTP, FTP_SERVER, HOST_KEY, KNOWN_HOSTS, LOGIN, NAME, OTHER_HOST,
-    SECRET, SETTINGS, SFTP, SSH_SCRIPTS, USE, listening, results, set_password, settings,
+    SECRET, SETTINGS, SFTP, SPACE, SSH_SCRIPTS, USE, listening, results, set_password, settings,
     side_by_side,
 )
 
@@ -80,8 +81,8 @@ someone@there's password: """
 def own_server(other_host, here):
     """An SSH server with settings of its own."""
 
-    def start(*settings):
-        ssh_server.ssh_server(other_host, OTHER_HOST, here, *settings)
+    def start(*settings, **more):
+        ssh_server.ssh_server(other_host, OTHER_HOST, here, *settings, **more)
 
     return start
 
@@ -94,6 +95,50 @@ def test_banner_that_says_what_the_scripts_look_for(own_server, transfers, here)
     assert results(every, server=OTHER_HOST) == [DONE] * 4
     assert all(transfer.target.read_bytes() == b"text" for transfer in every)
     assert results(every, server=OTHER_HOST, password="wrong") == [LOGIN] * 4
+
+
+# Passes SFTP on to the real server, but fails the given write and does not pass it on.
+FAILED_WRITE = """
+import struct, subprocess, sys, threading
+server = subprocess.Popen([sys.argv[1]], stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+lock = threading.Lock()
+def received(file):
+    head = file.read(4)
+    return head and head + file.read(*struct.unpack(">I", head))
+def answer(packet):
+    with lock:
+        sys.stdout.buffer.write(packet)
+        sys.stdout.buffer.flush()
+def pass_on():
+    while packet := received(server.stdout):
+        answer(packet)
+threading.Thread(target=pass_on).start()
+writes = 0
+while packet := received(sys.stdin.buffer):
+    writes += packet[4] == 6  # SSH_FXP_WRITE
+    if packet[4] == 6 and writes == int(sys.argv[2]):
+        answer(struct.pack(">IB4sIII", 17, 101, packet[5:9], 4, 0, 0))  # SSH_FX_FAILURE
+    else:
+        server.stdin.write(packet)
+        server.stdin.flush()
+server.stdin.close()
+"""
+
+
+@pytest.mark.parametrize("script", SSH_SCRIPTS, ids=lambda script: script.program)
+@pytest.mark.parametrize("number, code", [(1, SPACE), (3, SPACE), (8, SPACE), (0, DONE)])
+def test_a_write_that_fails(own_server, transfers, here, script, number, code):
+    """A disk that is full only for a moment leaves a hole. The clients pass over that."""
+    program = here / "failed-write"
+    program.write_text(FAILED_WRITE)
+    server = re.search("(?m)^Subsystem sftp (.*)", Path("/lab/server/sshd_config").read_text())[1]
+    own_server("UsePAM no", sftp=f"/usr/bin/python3 {program} {server} {number}")
+    put, _ = transfers([script], os.urandom(2_000_000))
+    assert put.moves(server=OTHER_HOST) == code
+    assert (put.target.read_bytes() == put.source.read_bytes()) == (code == DONE)
+    if number == 3:
+        assert reason(put, SPACE, server=OTHER_HOST) == (
+            "the server has not written a part of the file: SFTP status 4\n")
 
 
 def test_keyboard_interactive(own_server, here):
@@ -165,9 +210,9 @@ def unreadable_settings():
         SETTINGS.write_text(text)
 
 
-def reason(transfer, code=USE):
+def reason(transfer, code=USE, **more):
     """Why the transfer fails."""
-    transfer.start()
+    transfer.start(**more)
     output, error = transfer.running.process.communicate(timeout=FOREVER)
     assert transfer.running.process.returncode == code and output == b""
     return error.decode().partition(": ")[2]
