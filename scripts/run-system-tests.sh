@@ -24,12 +24,11 @@ while [[ $# -gt 0 ]]; do
 done
 if [[ ${#folders[@]} -eq 0 ]]; then
     # the longest ones first, so that none is left to run alone
-    folders=(default config_copy packages vrf transfer_scripts protocols frr ansible)
+    folders=(default config_copy packages vrf transfer_scripts protocols frr ansible lab way_back)
     for options in "$tests"/system/*/options; do
         folder=$(basename "$(dirname "$options")")
         [[ " ${folders[*]} " == *" $folder "* ]] || folders+=("$folder")
     done
-    folders+=(lab)
 fi
 
 as_root=()
