@@ -64,7 +64,7 @@ class DeviceBackend {
     // Checks the text and makes it the startup configuration, octet for octet.
     virtual void store_startup(std::string_view text) = 0;
 
-    // Removes what a killed process has left.
+    // Removes what a killed process has left, but for configurations that Device removes.
     virtual void tidy() {}
 
     // Whether there is a running configuration. A device that starts by itself always has one.

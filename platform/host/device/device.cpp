@@ -2,6 +2,7 @@
 
 #include "base/c_boundary.h"
 #include "base/folders.h"
+#include "base/ownership.h"
 #include "base/posix.h"
 #include "base/reason.h"
 #include "base/replaced_file.h"
@@ -91,6 +92,17 @@ std::optional<std::string_view> replacement(std::string_view text) {
     return text;
 }
 
+// Removes the parts of configurations that killed processes have left: ReplacedFile had not renamed
+// them. All of them are written under the lock of the device, whoever named the file.
+void remove_unfinished_texts(const std::filesystem::path &directory) {
+    const ActingAsOwner owner(directory);
+    for (const auto &entry : std::filesystem::directory_iterator(directory)) {
+        if (entry.path().native().ends_with(".cfg.new")) {
+            ::unlink(entry.path().c_str());
+        }
+    }
+}
+
 // A running configuration as the device shows it.
 std::string whole(std::string text) {
     if (text.empty()) {
@@ -138,6 +150,7 @@ Device::Turn Device::locked(FileLock::Mode mode) const {
 
 Device::Turn Device::started() {
     Turn lock = locked(FileLock::Mode::exclusive);
+    quietly([this] { remove_unfinished_texts(directory_); }, [](const char *) {});
     backend_->tidy();
     way_back_.tidy();
     if (!backend_->is_started()) {

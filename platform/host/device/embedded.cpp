@@ -67,11 +67,6 @@ class EmbeddedBackend final : public DeviceBackend {
         replace_state_file(startup_file_, text);
     }
 
-    void tidy() override {
-        ReplacedFile::remove_leftover(running_file_);
-        ReplacedFile::remove_leftover(startup_file_);
-    }
-
     bool is_started() override {
         return static_cast<bool>(open_state_file(running_file_, configuration_text_limit));
     }

@@ -378,7 +378,6 @@ class FrrBackend final : public DeviceBackend {
     bool mend_startup() override;
 
     void tidy() override {
-        ReplacedFile::remove_leftover(wanted_file_);
         ReplacedFile::remove_leftover(save_file_);
         const ActingAsOwner owner(wanted_file_.parent_path());
         ::unlink(wanted_file_.c_str());

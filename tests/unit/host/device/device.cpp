@@ -292,7 +292,7 @@ TEST_F(Device, StartsFromTheFactoryDefaultWithoutAStartupConfiguration) {
 
 TEST_F(Device, TheNextOperationRemovesWhatAKilledOneHasLeft) {
     device()->apply("hostname first\n");
-    const std::vector<std::string> names = {"running.cfg.new", "system.cfg.new",
+    const std::vector<std::string> names = {"running.cfg.new", "system.cfg.new", "backup.cfg.new",
                                             "way-back.journal.new", "way-back.waiting.new"};
     for (const std::string &name : names) {
         file("state/" + name, "hostname unfinished\n");
