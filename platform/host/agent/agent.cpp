@@ -407,6 +407,7 @@ void Agent::end_workers() {
     for (const pid_t worker : workers_.running_for(std::chrono::seconds(limit))) {
         end_worker(worker, COPY_FAIL_TIMEOUT,
                    "not finished within copy_time_limit, " + std::to_string(limit) + " seconds");
+        kill_with_descendants(worker); // also if it has reported, and has not ended since
     }
 }
 

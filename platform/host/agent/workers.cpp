@@ -213,7 +213,7 @@ std::vector<pid_t> WorkerTable::running_for(std::chrono::seconds time) const {
     const auto now = std::chrono::steady_clock::now();
     std::vector<pid_t> all;
     for (const auto &[pid, worker] : workers_) {
-        if (!worker.reported && now - worker.began >= time) {
+        if (now - worker.began >= time) {
             all.push_back(pid);
         }
     }

@@ -47,7 +47,7 @@ class WorkerTable {
     // Whether the process is a worker that has not reported yet; marks it as having reported.
     bool take_report(pid_t worker);
 
-    // The workers that have run for `time` or longer and have not reported.
+    // The workers that have run for `time` or longer.
     [[nodiscard]] std::vector<pid_t> running_for(std::chrono::seconds time) const;
 
     // The workers that have ended and are to be reaped. Does not block.
