@@ -18,6 +18,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <sched.h>
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/un.h>
@@ -577,6 +578,20 @@ TEST_F(HostAgentExtension, WorkerDiesWithItsAgent) {
     const pid_t next = start_worker([] { send_status(0); });
     ASSERT_TRUE(loop_until([=] { return is_reaped(next); }));
     EXPECT_FALSE(std::filesystem::exists(ulmo::worker_directory(orphan)));
+}
+
+TEST_F(HostAgentExtension, CopiesGiveWayToTheAgent) {
+    const auto file = agent_directory().path() / "program-of-a-batch-job";
+    const pid_t worker = start_worker([&] { run_for_long(file); });
+    const pid_t program = process_in(file);
+    ASSERT_GT(program, 0);
+    for (const pid_t process : {worker, program}) {
+        EXPECT_EQ(::sched_getscheduler(process), SCHED_BATCH);
+        EXPECT_GT(::getpriority(PRIO_PROCESS, static_cast<id_t>(process)),
+                  ::getpriority(PRIO_PROCESS, 0));
+    }
+    ::kill(worker, SIGKILL);
+    ASSERT_TRUE(loop_until([=] { return is_reaped(worker); }));
 }
 
 // The agent died before the worker asked the kernel to end it together with the agent.
