@@ -595,7 +595,17 @@ Options options_for(const Endpoint &server, Opcode opcode, std::uint64_t transfe
 void write_file(const Endpoint &server, const std::string &name, std::uint64_t size,
                 const Source &source) {
     Conversation conversation(server, Opcode::write_request, name, size);
-    Sender(conversation, size, source).run();
+    Sender sender(conversation, size, source);
+    try {
+        sender.run();
+    } catch (const std::system_error &failure) {
+        // This also happens if the server has all blocks and its last acknowledgment is lost.
+        if (failure.code() == std::errc::connection_refused && sender.all_sent()) {
+            throw_error(ECONNREFUSED, "the server ended without confirming the last block: its "
+                                      "file may be whole");
+        }
+        throw;
+    }
 }
 
 void read_file(const Endpoint &server, const std::string &name, const Sink &sink) {

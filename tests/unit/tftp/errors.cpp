@@ -218,6 +218,19 @@ TEST_F(TftpTest, ServerThatEndsInTheCourseOfATransfer) {
     connect(server);
     EXPECT_EQ(session.put(write("local", std::string(5000, 'x')), "remote"),
               system_result(ECONNREFUSED));
+    EXPECT_EQ(session.text(system_result(ECONNREFUSED)), "Connection refused");
+}
+
+TEST_F(TftpTest, ServerThatEndsWithoutConfirmingTheLastBlock) {
+    TestServer server([](Dialogue &dialogue) {
+        dialogue.send(ack(0));
+        EXPECT_EQ(dialogue.receive(), data(1, "x"));
+    });
+    connect(server);
+    EXPECT_EQ(session.put(write("local", "x"), "remote"), system_result(ECONNREFUSED));
+    EXPECT_EQ(session.text(system_result(ECONNREFUSED)),
+              "Connection refused (the server ended without confirming the last block: its file "
+              "may be whole)");
 }
 
 // The server's reason counts, although the report about its closed port arrives first.
