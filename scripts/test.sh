@@ -78,13 +78,15 @@ tidy_runs() {
     sed <<<"$joined" -E "s/^/-p build\/release --checks=$others /
             /infra/s/--checks=/&-readability-identifier-naming,/" # see infra/.clang-tidy
     own_sources | grep -E "^($folders)/.*\.cpp$" | paste -d ' ' - - - - |
-        sed "s/^/-p build\/asan --checks=$analyzer /"
+        sed "s/^/-p build\/clang-tidy --checks=$analyzer /"
 }
 
 # In the background at idle priority: the other steps mostly wait.
 step_tidy() {
     section "clang-tidy, in the background of the next steps"
     local runs
+    # the only step that compiles each source by itself, and so finds a missing #include
+    quietly cmake --preset asan -B build/clang-tidy -DCMAKE_UNITY_BUILD=OFF
     runs=$(tidy_runs)
     chrt --idle 0 xargs -P "$(nproc)" -L 1 clang-tidy --quiet <<<"$runs" >build/clang-tidy.log 2>&1 &
     tidy=$!
