@@ -4,13 +4,16 @@
 // needs no other right than membership of the groups frrvty and frr.
 //
 // Seen with 8.4: `vtysh -f` goes on after a line that fails, and silently drops a line if the
-// daemon that it is for does not run. `vtysh -c "write integrated"` has watchfrr move the former
-// file to FILE.sav, and then write the new one line by line. `frr-reload.py --reload` starts a
-// process for each line that it removes, and saves at the end; so only its difference is used here.
+// daemon that it is for does not run. `frr-reload.py --reload` starts a process for each line that
+// it removes, and saves at the end; so only its difference is used here. `vtysh -c "write
+// integrated"` has watchfrr move the former file to FILE.sav. The new file is root's while it is
+// written, line by line; then it gets FRR's owner, is synced, and watchfrr answers [OK], also if
+// the disk was full.
 // vtysh takes some 30 ms of a processor before it does anything, so one of them answers all
 // commands of an operation at its prompt.
 #include "platform/host/device/backend.h"
 
+#include "base/c_boundary.h"
 #include "base/number.h"
 #include "base/ownership.h"
 #include "base/posix.h"
@@ -22,6 +25,7 @@
 #include "base/unique_fd.h"
 #include "platform/host/device/configuration_text.h"
 #include "platform/host/device/named_text.h"
+#include "platform/host/device/way_back.h"
 
 #include <fcntl.h>
 #include <sys/random.h>
@@ -36,6 +40,7 @@
 #include <optional>
 #include <set>
 #include <stdexcept>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -285,14 +290,34 @@ struct Running {
     std::set<std::string, std::less<>> daemons;
 };
 
+// FRR's file. While FRR writes it, it is root's in a folder that is not root's, and no one else may
+// read it: then the text may be empty.
+struct StoredFile {
+    std::string text;
+    bool is_open = false;
+
+    // Whether FRR has written all of it, or someone else has. FRR begins each file with the header
+    // and ends it with a comment. A power failure and a full disk cut it off at the end of a block,
+    // or leave zeros. An intact file may end there, too, but rarely does.
+    [[nodiscard]] bool is_whole() const {
+        constexpr std::string_view header = "frr version ";
+        constexpr std::size_t block = 512;
+        const bool is_frrs = header.starts_with(std::string_view(text).substr(0, header.size()));
+        return text.find('\0') == std::string::npos &&
+               (!is_frrs || (!is_open && text.ends_with("!\n") && text.size() % block != 0));
+    }
+};
+
 // A save that has begun: if it did not end, the file is the former one, the new one, a part of the
 // new one, or missing.
 struct BegunSave {
     std::optional<std::string> former;
-    std::string text;
 
-    [[nodiscard]] bool is_torn(const std::optional<std::string> &file) const {
-        return file != former && (!file || (file->size() < text.size() && text.starts_with(*file)));
+    [[nodiscard]] bool is_former(const std::optional<StoredFile> &file) const {
+        return file ? file->text == former : !former;
+    }
+    [[nodiscard]] bool is_torn(const std::optional<StoredFile> &file) const {
+        return !is_former(file) && !(file && file->is_whole());
     }
 };
 
@@ -315,13 +340,7 @@ class FrrBackend final : public DeviceBackend {
     // FRR's own shell writes it as well.
     [[nodiscard]] std::filesystem::path startup_trace() const override { return file_; }
 
-    std::optional<std::string> show_startup() override {
-        auto text = stored();
-        if (const auto save = begun_save(); save && save->is_torn(text)) {
-            return save->former;
-        }
-        return text;
-    }
+    std::optional<std::string> show_startup() override;
 
     void check(std::string_view text) override {
         const ProgramEnd end = vtysh({"-C", "-f", "/dev/stdin"}, legible(text));
@@ -379,6 +398,16 @@ class FrrBackend final : public DeviceBackend {
 
     void tidy() override {
         ReplacedFile::remove_leftover(save_file_);
+        // If the file is still the former one, FRR may be about to write.
+        quietly(
+            [this] {
+                const auto save = begun_save();
+                const auto file = save ? stored() : std::nullopt;
+                if (save && !save->is_former(file) && !save->is_torn(file)) {
+                    end_save();
+                }
+            },
+            [](const char *) {});
         const ActingAsOwner owner(wanted_file_.parent_path());
         ::unlink(wanted_file_.c_str());
     }
@@ -398,16 +427,15 @@ class FrrBackend final : public DeviceBackend {
     }
     void require_taken(const ProgramEnd &end) const;
     static void require_effect(std::string_view text, std::string_view shown);
+    [[nodiscard]] std::set<std::string, std::less<>> working_daemons();
     [[nodiscard]] Running running();
     [[nodiscard]] std::string difference(const std::string &wanted) const;
-    void save_by_watchfrr(const std::optional<std::string> &former, const std::string &text,
-                          const std::function<void()> &before_commit);
-    void put_back(const std::string &former) const;
-
-    [[nodiscard]] std::optional<std::string> stored() const {
-        return read_state_file(file_, configuration_text_limit);
-    }
+    [[nodiscard]] bool is_open(const struct stat &status) const;
+    [[nodiscard]] std::optional<StoredFile> stored() const;
     [[nodiscard]] std::optional<BegunSave> begun_save() const;
+    [[nodiscard]] std::string refusal_to_write();
+    void put_back(const std::string &former) const;
+    void end_save() const;
 
     Words vtysh_; // a program with its arguments
     Words reload_;
@@ -518,29 +546,33 @@ ProgramEnd FrrBackend::shown_at(const std::string &command) {
     return end;
 }
 
-Running FrrBackend::running() {
+// Throws if watchfrr does not say that all of them work: FRR shows and writes no statement of a
+// daemon that does not answer.
+std::set<std::string, std::less<>> FrrBackend::working_daemons() {
     // A line of two blanks, name and state for each daemon.
     const ProgramEnd states = shown_at("show watchfrr");
-    Running running;
+    std::set<std::string, std::less<>> daemons;
     for (const std::string_view line : lines_of(states.output)) {
         const auto words = words_of(line);
         if (!line.starts_with("  ") || words.size() < 2) {
             continue;
         }
-        // It shows no statement of a daemon that does not answer.
         if (words[1] != "Up") {
             throw std::runtime_error("FRR's " + std::string(words[0]) +
-                                     " does not work: watchfrr "
-                                     "says " +
-                                     std::string(words[1]));
+                                     " does not work: watchfrr says " + std::string(words[1]));
         }
-        running.daemons.emplace(words[0].substr(0, words[0].find('-')));
+        daemons.emplace(words[0].substr(0, words[0].find('-')));
     }
-    if (running.daemons.empty()) {
+    if (daemons.empty()) {
         throw std::runtime_error(
             vtysh_[0] + ": " +
             (states.complaint.empty() ? plain(first_line(states.output)) : states.complaint));
     }
+    return daemons;
+}
+
+Running FrrBackend::running() {
+    Running running{{}, working_daemons()};
     constexpr std::string_view begin = "frr version ";
     const std::string shown = shown_at("show running-config no-header").output;
     const std::size_t at = shown.starts_with(begin) ? 0 : shown.find("\n" + std::string(begin)) + 1;
@@ -712,6 +744,55 @@ void FrrBackend::verify(std::string_view text) {
     }
 }
 
+bool FrrBackend::is_open(const struct stat &status) const {
+    return status.st_uid == 0 && ulmo::owner_of(file_.parent_path()).value_or(0) != 0;
+}
+
+std::optional<StoredFile> FrrBackend::stored() const {
+    struct stat status {};
+    UniqueFd file;
+    try {
+        file = open_state_file(file_, configuration_text_limit);
+    } catch (const std::system_error &) {
+        if (::lstat(file_.c_str(), &status) != 0 || !S_ISREG(status.st_mode) || !is_open(status)) {
+            throw;
+        }
+        return StoredFile{{}, true};
+    }
+    if (!file) {
+        return std::nullopt;
+    }
+    // The owner before the text: what is not open any more does not change.
+    ulmo::check(::fstat(file.get(), &status), "cannot read", file_.native());
+    return StoredFile{read_whole(file.get(), file_.native(), configuration_text_limit),
+                      is_open(status)};
+}
+
+std::optional<std::string> FrrBackend::show_startup() {
+    constexpr std::chrono::milliseconds pause{20};
+    constexpr int most_pauses = 100;
+    const auto save = begun_save();
+    for (int pauses = 0;; ++pauses) {
+        auto file = stored();
+        if (save && save->is_torn(file)) {
+            return save->former;
+        }
+        if (!file) {
+            return std::nullopt;
+        }
+        if (!file->is_open || file->is_whole()) {
+            return std::move(file->text);
+        }
+        // An administrator saves at FRR's own shell, or has put a file there as root.
+        if (pauses == most_pauses) {
+            return read_state_file(file_, configuration_text_limit);
+        }
+        std::this_thread::sleep_for(pause);
+    }
+}
+
+// The journal of a save is the size of the former text (-1 if there was no file), a line end, and
+// that text. Earlier versions added the new text.
 std::optional<BegunSave> FrrBackend::begun_save() const {
     const ActingAsOwner owner(save_file_.parent_path());
     const auto content = read_state_file(save_file_, 2 * configuration_text_limit + 64);
@@ -724,22 +805,76 @@ std::optional<BegunSave> FrrBackend::begun_save() const {
         return std::nullopt; // it did not begin
     }
     if (*size < 0) {
-        return BegunSave{std::nullopt, content->substr(end + 1)};
+        return BegunSave{};
     }
-    const auto length = static_cast<std::size_t>(*size);
-    return BegunSave{content->substr(end + 1, length), content->substr(end + 1 + length)};
+    return BegunSave{content->substr(end + 1, static_cast<std::size_t>(*size))};
+}
+
+// After it, no power failure brings the journal back.
+void FrrBackend::end_save() const {
+    if (::unlink(save_file_.c_str()) == 0) {
+        sync_folder(save_file_.parent_path());
+    }
+}
+
+// Has watchfrr write the file. The result is empty if it says that it has, or else its reason.
+// Throws if there is no answer: FRR may go on.
+std::string FrrBackend::refusal_to_write() {
+    constexpr std::chrono::milliseconds pause{20};
+    const auto deadline = std::chrono::steady_clock::now() + time_limit_;
+    for (;;) {
+        const ProgramEnd end = shown_at("write integrated");
+        std::string reason = end.complaint;
+        for (const std::string_view line : lines_of(end.output)) {
+            if (line == "[OK]") {
+                return {};
+            }
+            if (reason.empty() && line.starts_with("% ")) {
+                reason = plain(line);
+            }
+        }
+        // For another shell, or for a process of ours that was killed.
+        const bool is_busy = reason.find("already in progress") != std::string::npos;
+        if (!is_busy || std::chrono::steady_clock::now() >= deadline) {
+            return reason.empty() ? "watchfrr does not say that it has" : reason;
+        }
+        std::this_thread::sleep_for(pause);
+    }
 }
 
 void FrrBackend::save(const std::function<void()> &before_commit) {
-    const std::string text = running().text;
-    const auto former = show_startup();
-    if (former == text && stored() == text) {
+    (void)working_daemons();
+    const BegunSave save{show_startup()};
+    replace_state_file(save_file_,
+                       std::to_string(save.former ? static_cast<long>(save.former->size()) : -1) +
+                           "\n" + save.former.value_or(""));
+    try {
         before_commit();
-        ::unlink(save_file_.c_str());
-        return;
+    } catch (...) {
+        if (!save.is_torn(stored())) {
+            end_save();
+        }
+        throw;
     }
-    save_by_watchfrr(former, text, before_commit);
-    ::unlink(save_file_.c_str());
+    const std::string mark = mark_of(file_);
+    std::string reason = refusal_to_write();
+    if (reason.empty() && mark_of(file_) == mark) {
+        reason = "the file is still the former one";
+    }
+    const auto file = stored();
+    const bool is_torn = save.is_torn(file) && (!file || file->text != running().text);
+    if (is_torn) {
+        throw std::runtime_error("FRR has written only a part of " + file_.string() +
+                                 (reason.empty() ? "" : " (" + reason + ")") +
+                                 "; the former one is " + file_.string() + ".sav");
+    }
+    // watchfrr has synced the file, but not its name
+    sync_folder(file_.parent_path());
+    end_save();
+    if (!reason.empty()) {
+        throw std::runtime_error("FRR has not saved " + file_.string() + ": " + reason);
+    }
+    (void)working_daemons(); // still
 }
 
 bool FrrBackend::mend_startup() {
@@ -751,7 +886,7 @@ bool FrrBackend::mend_startup() {
         ulmo::check(::unlink(file_.c_str()), "cannot remove", file_.native());
         sync_folder(file_.parent_path());
     }
-    ::unlink(save_file_.c_str());
+    end_save();
     return is_torn;
 }
 
@@ -772,37 +907,6 @@ void FrrBackend::put_back(const std::string &former) const {
     ulmo::check(::fchmod(file.descriptor(), like.st_mode & permissions), "cannot protect",
                 file_.native());
     file.commit();
-}
-
-void FrrBackend::save_by_watchfrr(const std::optional<std::string> &former, const std::string &text,
-                                  const std::function<void()> &before_commit) {
-    const std::string size = former ? std::to_string(former->size()) : "-1";
-    replace_state_file(save_file_, size + "\n" + former.value_or("") + text);
-    const BegunSave save{former, text};
-    std::string reason;
-    try {
-        before_commit();
-        const ProgramEnd end = ask("write integrated");
-        reason = end.complaint.empty() ? "it differs from the running configuration"
-                                       : vtysh_[0] + ": " + end.complaint;
-    } catch (...) {
-        if (!save.is_torn(stored())) {
-            ::unlink(save_file_.c_str());
-        }
-        throw;
-    }
-    const auto now = stored();
-    if (now == text) {
-        // watchfrr has synced the file, but not its name
-        sync_folder(file_.parent_path());
-        return;
-    }
-    if (!save.is_torn(now)) {
-        ::unlink(save_file_.c_str());
-        throw std::runtime_error("FRR has not saved " + file_.string() + ": " + reason);
-    }
-    throw std::runtime_error("FRR has written only a part of " + file_.string() + " (" + reason +
-                             "); the former one is " + file_.string() + ".sav");
 }
 
 } // namespace

@@ -289,10 +289,10 @@ def test_save_that_frr_does_not_do(operator, program):
     with program('sed -u /^write/d | vtysh "$@"'):
         logged = len(DAEMON_LOG.read_text())
         assert save(operator).fails() == SYSTEM_MANAGER_FAILED
-    assert (f"FRR has not saved {vty.FILE}: it differs from the running configuration"
+    assert (f"FRR has not saved {vty.FILE}: watchfrr does not say that it has"
             in DAEMON_LOG.read_text()[logged:])
     assert vty.startup() == before
     assert not (STATE_DIRECTORY / "frr-save").exists()
-    for _ in range(2):  # the second one has nothing to do
+    for _ in range(2):
         assert save(operator).activate().finished() == (STATE_SUCCESSFUL, GENERAL)
         assert vty.startup() == vty.running()

@@ -54,6 +54,68 @@ def test_readers_during_saves():
     assert file_seen - {old, new}, "FRR writes the file in one step now: simplify"
 
 
+def test_disk_full():
+    """FRR says that it has saved."""
+    old, folder, small = vty.startup(), vty.FILE.parent, Path("/tmp/small")
+    assert vty.configure(LINES) == (0, "")
+    status = os.stat(folder)
+    vty.FILE.with_suffix(".conf.sav").unlink(missing_ok=True)  # of any size
+    small.mkdir()
+    run("mount", "-t", "tmpfs", "-o", f"size=48k,uid={status.st_uid},gid={status.st_gid}", "none",
+        small)
+    run("cp", "-a", f"{folder}/.", small)
+    run("mount", "--bind", small, folder)
+    try:
+        failed, output = vty.cmdshell("copy running-config startup-config")
+        assert failed and f"FRR has written only a part of {vty.FILE}; the former" in output
+        assert vty.startup().startswith("frr version "), "FRR writes a file of another sort"
+        assert vty.cmdshell("show startup-config") == (0, old)
+    finally:
+        run("umount", folder)
+        run("umount", small)
+        small.rmdir()
+    assert vty.cmdshell("copy running-config startup-config") == (0, "")
+    assert vty.startup() == vty.running()
+
+
+def test_save_beside_one_of_its_own_shell():
+    """FRR refuses the second one of two at the same time."""
+    assert vty.configure(LINES) == (0, "")
+    for _ in range(5):
+        other = subprocess.Popen(["vtysh", "-c", "write integrated"], stdout=subprocess.PIPE)
+        while other.poll() is None and vty.FILE.exists() and vty.FILE.stat().st_uid != 0:
+            pass
+        assert vty.cmdshell("copy running-config startup-config") == (0, "")
+        assert "[OK]" in other.communicate()[0].decode()
+        assert vty.startup() == vty.running()
+
+
+def test_file_that_frr_has_not_finished():
+    """It is root's. How many lines it has, and whether the last one looks like the end, does not
+    matter."""
+    old = vty.startup()
+    assert vty.configure("router bgp 65001\nexit\n" + LINES) == (0, "")
+    seen, over = set(), threading.Event()
+
+    def watch():
+        while not over.is_set():
+            try:
+                with vty.FILE.open() as file:
+                    is_open = os.fstat(file.fileno()).st_uid == 0
+                    seen.add((is_open, file.read()))
+            except FileNotFoundError:
+                pass
+
+    watcher = threading.Thread(target=watch)
+    watcher.start()
+    vty.vtysh("write integrated")
+    over.set()
+    watcher.join()
+    parts = {text for is_open, text in seen if is_open}
+    assert parts, "FRR does not write as root now: find another sign"
+    assert {text for is_open, text in seen if not is_open} <= {old, vty.running()}
+
+
 def start_frr():
     """As frr.service does it: first the drop-in's command, as root."""
     drop_in = Path(__file__).resolve().parents[3] / "platform/host/systemd/frr.conf"
@@ -65,15 +127,16 @@ def start_frr():
     return printed
 
 
-@pytest.mark.parametrize("left", [None, "", "frr version 8.4.4\nfrr def"])
-def test_power_failure_in_a_save(left):
+@pytest.mark.parametrize("left", [None, "", "frr version 8.4.4\nfrr defaults traditional\n"])
+@pytest.mark.parametrize("newer", ["", "the new text, which earlier versions kept"])
+def test_power_failure_in_a_save(left, newer):
     """FRR starts with the configuration before the save, all of it."""
     assert vty.configure("ip route 10.40.0.0/16 blackhole\n") == (0, "")
     assert vty.cmdshell("copy running-config startup-config") == (0, "")
     old, status = vty.startup(), os.stat(vty.FILE)
     assert vty.configure("ip route 10.41.0.0/16 blackhole\n") == (0, "")
     mark = STATE_DIRECTORY / "frr-save"
-    mark.write_text(f"{len(old)}\n{old}{vty.running()}")
+    mark.write_text(f"{len(old)}\n{old}{newer}")
     owner = os.stat(STATE_DIRECTORY)
     os.chown(mark, owner.st_uid, owner.st_gid)
     run(vty.INIT, "stop")
@@ -95,13 +158,18 @@ def test_save_that_was_cut_off():
     assert vty.configure("ip route 10.40.0.0/16 blackhole\n") == (0, "")
     new = vty.running()
     mark = STATE_DIRECTORY / "frr-save"
-    mark.write_text(f"{len(old)}\n{old}{new}")
+    mark.write_text(f"{len(old)}\n{old}")
     owner = os.stat(STATE_DIRECTORY)
     os.chown(mark, owner.st_uid, owner.st_gid)
     for content, expected in ((new[:100], old), ("", old), (old, old), (new, new),
-                              ("log syslog\n", "log syslog\n")):
+                              (new[:100] + "\0" * 100, old), ("log syslog\n", "log syslog\n")):
         vty.FILE.write_text(content)
         assert vty.cmdshell("show startup-config") == (0, expected)
+    status = os.stat(vty.FILE)
+    vty.FILE.write_text(new)
+    os.chown(vty.FILE, 0, 0)  # FRR has not finished it
+    assert vty.cmdshell("show startup-config") == (0, old)
+    os.chown(vty.FILE, status.st_uid, status.st_gid)
     vty.FILE.write_text(new[:100])
     assert vty.cmdshell("copy running-config startup-config") == (0, "")
     assert vty.startup() == new

@@ -9,9 +9,11 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -55,10 +57,12 @@ case "$*" in
     echo 'frr version 8.4.4'
     [ -z "$own" ] || echo "$own"
     cat running
-    echo end ;;
+    printf '!\nend\n' ;;
 'write integrated')
+    echo 'Building Configuration...'
     mv frr.conf frr.conf.sav
-    { echo 'frr version 8.4.4'; cat running; } >frr.conf ;;
+    { echo 'frr version 8.4.4'; cat running; echo '!'; } >frr.conf
+    echo '[OK]' ;;
 '-C -f /dev/stdin')
     awk '!/^(no )?(ip  ?route|ro|end|exit|!|#| |$|log|hostname|frr)/ {
         print "line " NR ": % Unknown command[4]: " $0; exit 2 }' >&2 ;;
@@ -99,7 +103,7 @@ class FrrTest : public testing::Test {
         program("vtysh", vtysh);
         program("reload", reload);
         write("running", "ip route 10.1.0.0/16 blackhole\n");
-        write("frr.conf", "frr version 8.4.4\nip route 10.9.0.0/16 blackhole\n");
+        write("frr.conf", "frr version 8.4.4\nip route 10.9.0.0/16 blackhole\n!\n");
         states("Up");
         scratch_.configure(settings() + "device_time_limit = 20\n");
         make_device();
@@ -141,6 +145,10 @@ class FrrTest : public testing::Test {
     }
     std::string running() const { return device_->show(ConfigurationStore::running); }
     std::string startup() const { return device_->show(ConfigurationStore::startup); }
+    bool has_journal() const { return std::filesystem::exists(scratch_.state("frr-save")); }
+    void on_write(const std::string &script) const {
+        write("hook", "case $* in *write*) " + script + " ;; esac\n");
+    }
 
     template <typename Error, typename Work> std::string error_of(const Work &work) const {
         try {
@@ -170,11 +178,16 @@ class FrrTest : public testing::Test {
 };
 
 constexpr const char *show_calls = "prompt\nshow watchfrr\nshow running-config no-header\n";
-constexpr const char *first = "frr version 8.4.4\nip route 10.1.0.0/16 blackhole\n";
+// A configuration as FRR shows and writes it.
+std::string text_of(const std::string &statements) {
+    return "frr version 8.4.4\n" + statements + "!\n";
+}
+
+const std::string first = text_of("ip route 10.1.0.0/16 blackhole\n");
 
 TEST_F(FrrTest, ShowsWhatTheStartupConfigurationWouldHave) {
     EXPECT_EQ(running(), first);
-    EXPECT_EQ(startup(), "frr version 8.4.4\nip route 10.9.0.0/16 blackhole\n");
+    EXPECT_EQ(startup(), text_of("ip route 10.9.0.0/16 blackhole\n"));
     EXPECT_EQ(read("calls"), show_calls);
     EXPECT_TRUE(talks_are_over(1));
 }
@@ -268,7 +281,7 @@ TEST_F(FrrTest, OneShellAnswersAllCommandsOfAnOperation) {
     EXPECT_TRUE(talks_are_over(1));
     write("calls", "");
     device_->save();
-    EXPECT_EQ(read("calls"), std::string(show_calls) + "write integrated\n");
+    EXPECT_EQ(read("calls"), "prompt\nshow watchfrr\nwrite integrated\nshow watchfrr\n");
     EXPECT_TRUE(talks_are_over(2));
 }
 
@@ -308,11 +321,11 @@ TEST_F(FrrTest, RemovesWhatAKilledProcessHasLeft) {
 
 TEST_F(FrrTest, AppliesAndReplaces) {
     device_->apply("ip route x\r\n! a comment\nend\n");
-    EXPECT_EQ(running(), std::string(first) + "ip route x\n");
+    EXPECT_EQ(running(), text_of("ip route 10.1.0.0/16 blackhole\nip route x\n"));
     device_->apply("no ip route x\nip route y\nno ip route y\n");
     EXPECT_EQ(running(), first);
     device_->apply("configuration replace\nfrr version 8.4.4\nip route z\n");
-    EXPECT_EQ(running(), "frr version 8.4.4\nip route z\n");
+    EXPECT_EQ(running(), text_of("ip route z\n"));
     EXPECT_FALSE(std::filesystem::exists(scratch_.state("frr-wanted.cfg")));
 }
 
@@ -323,7 +336,7 @@ other() { for i in $(seq 100); do grep -q -e "$1" calls && return; sleep 0.1; do
 case $* in *watchfrr*) other '^-C' ;; -C*) other watchfrr ;; esac
 )sh");
     device_->apply("ip route x\n");
-    EXPECT_EQ(running(), std::string(first) + "ip route x\n");
+    EXPECT_EQ(running(), text_of("ip route 10.1.0.0/16 blackhole\nip route x\n"));
     // The refusal counts, whether or not FRR can be shown meanwhile.
     write("hook", "case $* in *watchfrr*) exit 9 ;; esac\n");
     EXPECT_EQ(error_of<ConfigurationError>([&] { device_->apply("frobnicate 1\n"); }),
@@ -331,7 +344,7 @@ case $* in *watchfrr*) other '^-C' ;; -C*) other watchfrr ;; esac
 }
 
 TEST_F(FrrTest, DoesNotBelieveAWrongDifference) {
-    const std::string text = std::string("configuration replace\n") + first + "ip route x\n";
+    const std::string text = "configuration replace\n" + first + "ip route x\n";
     write("reload-hook", "echo 'no ip route 10.1.0.0/16 blackhole'; exit 0\n");
     EXPECT_EQ(error_of<std::runtime_error>([&] { device_->apply(text); }),
               file("reload").string() +
@@ -352,47 +365,107 @@ TEST_F(FrrTest, RemovesAStatementWithoutItsValueIfFrrWantsThat) {
                   "'no ip route 10.1.0.0/16') echo 'ip route y' >running; exit 0;; esac; done\n"
                   "echo 'line 1: % Unknown command[4]: no' >&2; exit 2;; esac\n");
     device_->apply("configuration replace\nfrr version 8.4.4\nip route y\n");
-    EXPECT_EQ(running(), "frr version 8.4.4\nip route y\n");
+    EXPECT_EQ(running(), text_of("ip route y\n"));
 }
 
 TEST_F(FrrTest, SavesThroughWatchfrr) {
-    device_->save();
-    EXPECT_EQ(startup(), first);
-    EXPECT_EQ(read("frr.conf"), first);
-    EXPECT_FALSE(std::filesystem::exists(scratch_.state("frr-save")));
-    write("calls", "");
-    device_->save();
-    EXPECT_EQ(read("calls"), show_calls) << "nothing to do";
+    for (int time = 0; time < 2; ++time) {
+        device_->save();
+        EXPECT_EQ(startup(), first);
+        EXPECT_EQ(read("frr.conf"), first);
+        EXPECT_FALSE(has_journal());
+    }
 }
 
-TEST_F(FrrTest, SaysThatASaveFailed) {
+// FRR shows a long configuration as slowly as it writes it.
+TEST_F(FrrTest, ShowsTheConfigurationAgainOnlyIfTheFileLooksTorn) {
+    const std::string beginning = "frr version 8.4.4\n!\n";
+    for (std::size_t size = 511; size <= 513; ++size) {
+        write("running", "ip route " + std::string(size - beginning.size() - 10, 'x') + "\n");
+        write("calls", "");
+        device_->save();
+        EXPECT_EQ(read("frr.conf").size(), size);
+        EXPECT_EQ(read("calls").find("running-config") != std::string::npos, size == 512);
+        EXPECT_FALSE(has_journal());
+    }
+}
+
+TEST_F(FrrTest, SaysThatFrrHasNotSaved) {
     const std::string name = file("frr.conf").string();
     const std::string before = startup();
-    write("hook", "case $* in *write*) set -- ;; esac\n");
-    EXPECT_EQ(failure_to_save(),
-              "FRR has not saved " + name + ": it differs from the running configuration");
-    write("hook", "case $* in *write*) echo why >&2; exit 1;; esac\n");
-    EXPECT_EQ(failure_to_save(),
-              "FRR has not saved " + name + ": " + file("vtysh").string() + ": why");
-    EXPECT_FALSE(std::filesystem::exists(scratch_.state("frr-save")));
-    write("hook", "case $* in *write*) cp frr.conf frr.conf.sav; printf frr >frr.conf; "
-                  "set -- ;; esac\n");
-    EXPECT_EQ(failure_to_save(), "FRR has written only a part of " + name +
-                                     " (it differs from the running configuration); the former "
-                                     "one is " +
-                                     name + ".sav");
-    EXPECT_EQ(startup(), before) << "the former one";
+    const auto reason = [&] {
+        std::string failure = failure_to_save();
+        EXPECT_EQ(startup(), before);
+        EXPECT_FALSE(has_journal());
+        const std::string begin = "FRR has not saved " + name + ": ";
+        EXPECT_TRUE(failure.starts_with(begin)) << failure;
+        return failure.substr(std::min(begin.size(), failure.size()));
+    };
+    on_write("set --");
+    EXPECT_EQ(reason(), "watchfrr does not say that it has");
+    on_write("echo '% The reason'; set --");
+    EXPECT_EQ(reason(), "The reason");
+    on_write("echo why >&2; set --");
+    EXPECT_EQ(reason(), "why");
+    // as if FRR had another file
+    on_write("echo '[OK]'; set --");
+    EXPECT_EQ(reason(), "the file is still the former one");
+    scratch_.configure(settings() + "device_time_limit = 1\n");
+    make_device();
+    on_write("echo '% Configuration write already in progress.'; set --");
+    EXPECT_EQ(reason(), "Configuration write already in progress.");
     states("Down");
+    EXPECT_EQ(failure_to_save(), "FRR's bgpd does not work: watchfrr says Down");
+    EXPECT_EQ(startup(), before);
+}
+
+TEST_F(FrrTest, WaitsForAnotherSaveOfFrr) {
+    on_write("if [ ! -e other ]; then echo >other; echo '% Configuration write already in "
+             "progress.'; set --; fi");
+    device_->save();
+    EXPECT_EQ(startup(), first);
+}
+
+// It answers [OK] even if the disk is full.
+TEST_F(FrrTest, SaysThatFrrHasWrittenOnlyAPart) {
+    const std::string before = startup();
+    const std::string name = file("frr.conf").string();
+    std::string block = text_of("ip route x\n");
+    block = text_of("ip route x\n" + std::string(512 - block.size() - 2, 'x') + "\n!\n");
+    block.resize(512);
+    for (const std::string &part :
+         {std::string(), std::string("frr "), first.substr(0, 40), block}) {
+        write("part", part);
+        on_write("cp frr.conf frr.conf.sav; rm frr.conf; cp part frr.conf; echo '[OK]'; set --");
+        EXPECT_EQ(failure_to_save(), "FRR has written only a part of " + name +
+                                         "; the former one is " + name + ".sav");
+        EXPECT_EQ(startup(), before);
+        EXPECT_TRUE(has_journal());
+    }
+    on_write("rm frr.conf; echo '% The reason'; set --");
+    EXPECT_EQ(failure_to_save(), "FRR has written only a part of " + name +
+                                     " (The reason); the former one is " + name + ".sav");
+    EXPECT_EQ(startup(), before);
+}
+
+// FRR writes none of its statements then, and says nothing.
+TEST_F(FrrTest, SaysThatADaemonEndedWhileFrrWrote) {
+    on_write("sed -i 's/bgpd .*/bgpd Down/' states");
     EXPECT_EQ(failure_to_save(), "FRR's bgpd does not work: watchfrr says Down");
 }
 
 TEST_F(FrrTest, ASaveThatWasCutOffIsNotSeen) {
     const std::string before = startup();
-    write("hook", "case $* in *write*) mv frr.conf frr.conf.sav; kill -KILL $$;; esac\n");
+    on_write("mv frr.conf frr.conf.sav; kill -KILL $$");
     EXPECT_EQ(failure_to_save(), file("vtysh").string() + ": signal 9 ended it");
     EXPECT_EQ(startup(), before) << "while there is no file";
-    write("frr.conf", "frr ver");
-    EXPECT_EQ(startup(), before);
+    for (const std::string &part : {std::string(), std::string("frr ver"), first.substr(0, 40),
+                                    std::string(first).replace(20, 3, 3, '\0')}) {
+        write("frr.conf", part);
+        EXPECT_EQ(startup(), before);
+        (void)device_->pending(); // an operation with another purpose
+        EXPECT_EQ(startup(), before);
+    }
     write("frr.conf", first);
     EXPECT_EQ(startup(), first) << "FRR has ended it";
     write("frr.conf", "by hand\n");
@@ -402,14 +475,39 @@ TEST_F(FrrTest, ASaveThatWasCutOffIsNotSeen) {
     std::filesystem::remove(file("hook"));
     device_->save();
     EXPECT_EQ(startup(), first);
-    EXPECT_FALSE(std::filesystem::exists(scratch_.state("frr-save")));
+    EXPECT_FALSE(has_journal());
+}
+
+TEST_F(FrrTest, ASaveOfAKilledProcessEndsWithTheNextOperation) {
+    const std::string before = startup();
+    on_write("kill -KILL $$"); // FRR has the command, and has not begun
+    EXPECT_NE(failure_to_save(), "none");
+    (void)device_->pending();
+    EXPECT_TRUE(has_journal());
+    std::filesystem::remove(file("frr.conf"));
+    EXPECT_EQ(startup(), before);
+    write("frr.conf", first);
+    (void)device_->pending();
+    EXPECT_FALSE(has_journal());
+    write("frr.conf", "frr version by hand\n");
+    EXPECT_EQ(startup(), "frr version by hand\n");
+}
+
+TEST_F(FrrTest, ASaveThatIsGivenUpLeavesNothing) {
+    const std::string before = startup();
+    EXPECT_EQ(error_of<std::runtime_error>(
+                  [&] { device_->save({}, [] { throw std::runtime_error("given up"); }); }),
+              "given up");
+    EXPECT_EQ(startup(), before);
+    EXPECT_FALSE(has_journal());
+    EXPECT_EQ(read("calls").find("write"), std::string::npos);
 }
 
 TEST_F(FrrTest, ASaveWithoutAFormerFile) {
     std::filesystem::remove(file("frr.conf"));
     EXPECT_EQ(error_of<std::runtime_error>([&] { startup(); }),
               "there is no startup configuration");
-    write("hook", "case $* in *write*) printf frr >frr.conf; exit 0;; esac\n");
+    on_write("printf frr >frr.conf; exit 0");
     EXPECT_NE(failure_to_save(), "none");
     EXPECT_EQ(error_of<std::runtime_error>([&] { startup(); }),
               "there is no startup configuration");
@@ -418,28 +516,65 @@ TEST_F(FrrTest, ASaveWithoutAFormerFile) {
     EXPECT_EQ(startup(), first);
 }
 
+// The file is root's until FRR has written all of it.
+TEST_F(FrrTest, AFileThatFrrWritesIsNotSeen) {
+    REQUIRE_SUPERUSER("gives files to other users");
+    constexpr uid_t frr = 54321;
+    const std::string before = startup();
+    ASSERT_EQ(::chmod(scratch_.root().c_str(), 0755), 0);
+    ASSERT_EQ(::chown(scratch_.root().c_str(), frr, frr), 0);
+    write("state/frr-save", std::to_string(before.size()) + "\n" + before);
+    write("frr.conf", first);
+    EXPECT_EQ(startup(), before);
+    ASSERT_EQ(::chown(file("frr.conf").c_str(), frr, frr), 0);
+    EXPECT_EQ(startup(), first);
+    // no save of ours
+    std::filesystem::remove(scratch_.state("frr-save"));
+    write("new", first.substr(0, 40));
+    std::filesystem::rename(file("new"), file("frr.conf"));
+    auto shown = std::async(std::launch::async, [this] { return startup(); });
+    EXPECT_EQ(shown.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
+    write("frr.conf", first);
+    ASSERT_EQ(::chown(file("frr.conf").c_str(), frr, frr), 0);
+    EXPECT_EQ(shown.get(), first);
+    for (const std::string &text : {std::string("by hand\n"), first}) {
+        write("new", text);
+        std::filesystem::rename(file("new"), file("frr.conf"));
+        EXPECT_EQ(startup(), text);
+    }
+    // an FRR without a user of its own
+    write("running", "ip route y\n");
+    on_write("rm frr.conf");
+    device_->save();
+    EXPECT_EQ(startup(), text_of("ip route y\n"));
+}
+
 // A power failure: the state of the files, and nothing runs.
 class FrrMendTest : public FrrTest {
   protected:
     FrrMendTest() { write("frr.conf.sav", former); }
 
     void cut_off(const std::string &left) const {
-        write("state/frr-save", std::to_string(former.size()) + "\n" + former + wanted);
+        write("state/frr-save", std::to_string(former.size()) + "\n" + former);
         write("frr.conf", left);
     }
     bool mends() {
         const bool is_mended = device_->mend_startup();
-        EXPECT_FALSE(std::filesystem::exists(scratch_.state("frr-save")));
+        EXPECT_FALSE(has_journal());
         EXPECT_FALSE(std::filesystem::exists(file("frr.conf.new")));
         return is_mended;
     }
 
-    const std::string former = "frr version 8.4.4\nip route 10.9.0.0/16 blackhole\n";
-    const std::string wanted = "frr version 8.4.4\nip route 10.1.0.0/16 blackhole\n";
+    const std::string former = "frr version 8.4.4\nip route 10.9.0.0/16 blackhole\n"; // no `!`
+    const std::string wanted = text_of("ip route 10.1.0.0/16 blackhole\n");
 };
 
 TEST_F(FrrMendTest, MakesATornFileTheFormerOne) {
-    for (const std::string &left : {std::string(), wanted.substr(0, 30), wanted.substr(0, 48)}) {
+    std::string zeros = wanted;
+    zeros.replace(20, 10, 10, '\0');
+    std::string block = wanted + std::string(510 - wanted.size(), '!') + "!\n";
+    for (const std::string &left : {std::string(), wanted.substr(0, 4), wanted.substr(0, 18),
+                                    wanted.substr(0, 48), zeros, std::string(600, '\0'), block}) {
         cut_off(left);
         EXPECT_TRUE(mends());
         EXPECT_EQ(read("frr.conf"), former);
@@ -453,8 +588,7 @@ TEST_F(FrrMendTest, MakesATornFileTheFormerOne) {
 }
 
 TEST_F(FrrMendTest, LeavesAWholeFileAlone) {
-    for (const std::string &left :
-         {former, wanted, wanted + "ip route 10.2.0.0/16 blackhole\n", std::string("by hand\n")}) {
+    for (const std::string &left : {former, wanted, text_of(""), std::string("by hand\n")}) {
         cut_off(left);
         EXPECT_FALSE(mends());
         EXPECT_EQ(read("frr.conf"), left);
@@ -466,6 +600,26 @@ TEST_F(FrrMendTest, LeavesAWholeFileAlone) {
 }
 
 TEST_F(FrrMendTest, RemovesAPartIfThereWasNoFile) {
+    write("state/frr-save", "-1\n");
+    write("frr.conf", wanted.substr(0, 30));
+    EXPECT_TRUE(mends());
+    EXPECT_FALSE(std::filesystem::exists(file("frr.conf")));
+}
+
+// It has the new text, too.
+TEST_F(FrrMendTest, ReadsTheJournalOfAnEarlierVersion) {
+    const auto left_by_it = [&](const std::string &left) {
+        cut_off(left);
+        write("state/frr-save", std::to_string(former.size()) + "\n" + former + wanted);
+    };
+    left_by_it(wanted.substr(0, 30));
+    EXPECT_EQ(startup(), former);
+    EXPECT_TRUE(mends());
+    EXPECT_EQ(read("frr.conf"), former);
+    left_by_it(wanted);
+    EXPECT_EQ(startup(), wanted);
+    EXPECT_FALSE(mends());
+    EXPECT_EQ(read("frr.conf"), wanted);
     write("state/frr-save", "-1\n" + wanted);
     write("frr.conf", wanted.substr(0, 30));
     EXPECT_TRUE(mends());
