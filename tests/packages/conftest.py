@@ -153,7 +153,8 @@ def packages():
     """The packages of scripts/package.sh, by name."""
     found = {
         name: list((REPOSITORY / "build/packages").glob(f"{name}_*.deb"))
-        for name in ("config-copy", "config-copy-mib", "config-copy-mib-common")
+        for name in ("config-copy", "config-copy-mib", "config-copy-mib-common",
+                     "config-copy-mib-frr")
     }
     assert all(len(files) == 1 for files in found.values()), "scripts/package.sh makes them"
     return {name: files[0] for name, files in found.items()}
@@ -175,9 +176,8 @@ def switch(packages, frr):
     PLACE.mkdir(parents=True, exist_ok=True)
     root = PLACE / "root"
     shutil.rmtree(root, ignore_errors=True)
-    present = ",".join(
-        {*PRESENT, *(need for package in (*packages.values(), *frr) for need in needs_of(package)
-                     if need != "frr")})
+    needed = {need for package in (*packages.values(), *frr) for need in needs_of(package)}
+    present = ",".join({*PRESENT, *needed} - {"frr", "frr-pythontools"})
     root.mkdir()
     # debootstrap takes no path with blanks, so it sees the folder under another name.
     run(

@@ -34,6 +34,7 @@ RUN_RECEIVER = f"""
     open(my $status, "<", "/proc/$pid/status") or die;
     while (<$status>) {{ print "CapEff $1\\n" if /^CapEff:\\t(.*)/ }}
 """
+FRR_DROP_IN = "/lib/systemd/system/frr.service.d/config-copy-mib.conf"
 LOG_OF_BEFORE = "/var/log/snmpd-transfers.log"
 
 
@@ -569,18 +570,21 @@ def test_device_of_programs(switch):
     config_copy(switch, "running startup")
 
 
-def test_device_frr(switch, frr):
+def test_device_frr(switch, packages, frr):
     """docs/devices.md, with FRR as Debian installs and starts it, and the units as they are."""
     before = cmdshell(switch, "show running-config")
     settings = switch.root / "etc/ulmo/platform.conf"
     before_settings = settings.read_text()
-    for package in frr:
-        shutil.copy(package, switch.root / "root")
-    # not apt-get, which would fetch what the archive has, too
-    switch.run("dpkg", "-i", *(f"/root/{package.name}" for package in frr))
+    agent, warden = switch.main_process("snmpd"), switch.main_process("wardend")
+    install_with_dpkg(switch, *frr, packages["config-copy-mib-frr"])
+    wait_until(lambda: agent_answers(switch))
+    assert switch.main_process("snmpd") != agent, "the agent was not restarted"
+    assert switch.main_process("wardend") != warden, "the system manager was not restarted"
+    for service in ("snmpd", "wardend"):
+        assert groups_of(switch, service) >= {"frr", "frrvty"}
     text = (REPOSITORY / "docs/devices.md").read_text()
-    (block,) = re.findall(r"^```\napt install frr .*?\n(.*?)^```$", text, re.M | re.S)
-    assert block.count("\n") <= 10
+    (block,) = re.findall(r"^```\napt install config-copy-mib-frr\n(.*?)^```$", text, re.M | re.S)
+    assert block.count("\n") <= 10 and "adduser" not in block
     shown = switch.shell(f"set -e\n{block}")
     assert "frr version" in shown and "% " not in shown
     wait_until(lambda: agent_answers(switch))
@@ -609,10 +613,50 @@ def test_device_frr(switch, frr):
     assert cmdshell(switch, "show running-config") == backup
 
     settings.write_text(before_settings)
-    switch.shell("apt-get purge -y frr frr-pythontools; deluser Debian-snmp frr; "
-                 "deluser Debian-snmp frrvty; systemctl restart wardend snmpd")
+    switch.run("apt-get", "remove", "-y", "config-copy-mib-frr")
     wait_until(lambda: agent_answers(switch))
+    assert not (switch.root / "var/lib/config-copy-mib-frr").exists()
+    for service in ("snmpd", "wardend"):
+        assert not groups_of(switch, service) & {"frr", "frrvty"}
+    assert FRR_DROP_IN not in switch.shell("systemctl show -P DropInPaths frr")
     assert cmdshell(switch, "show running-config") == before
+
+
+def install_with_dpkg(switch, *packages):
+    """Without apt-get, which would fetch what the archive has, too."""
+    for package in packages:
+        shutil.copy(package, switch.root / "root")
+    switch.run("dpkg", "-i", *(f"/root/{package.name}" for package in packages))
+
+
+def groups_of(switch, service):
+    """The groups of its process, in addition to its own."""
+    (numbers,) = re.findall(r"^Groups:(.*)", switch.shell(
+        f"cat /proc/{switch.main_process(service)}/status"), re.M)
+    return {switch.shell(f"getent group {number}").split(":")[0] for number in numbers.split()}
+
+
+def members_of(switch, group):
+    return switch.shell(f"getent group {group}").strip().rpartition(":")[2].split(",")
+
+
+def test_package_for_frr_leaves_what_it_has_not_done(switch, packages, frr):
+    """The administrator has added one membership, and has stopped the agent."""
+    switch.shell("adduser Debian-snmp frrvty && systemctl stop snmpd")
+    install_with_dpkg(switch, *frr, packages["config-copy-mib-frr"])
+    added = switch.root / "var/lib/config-copy-mib-frr/added-groups"
+    assert added.read_text() == "frr\n"
+    warden = switch.main_process("wardend")
+    install_with_dpkg(switch, packages["config-copy-mib-frr"])
+    assert added.read_text() == "frr\n"
+    assert switch.main_process("wardend") == warden, "restarted without a reason"
+    assert "Debian-snmp" in members_of(switch, "frr")
+    switch.run("apt-get", "purge", "-y", "config-copy-mib-frr", "frr", "frr-pythontools")
+    assert "Debian-snmp" in members_of(switch, "frrvty")
+    assert "Debian-snmp" not in members_of(switch, "frr")
+    assert switch.run("systemctl", "is-active", "snmpd", check=False).stdout == "inactive\n"
+    switch.shell("deluser Debian-snmp frrvty; systemctl start snmpd")
+    wait_until(lambda: agent_answers(switch))
 
 
 def power_fails_in_a_save_of_frr(switch):
@@ -770,6 +814,33 @@ def test_upgrade_from_the_package_that_kept_passwords(switch, packages):
     assert outputs_of_agent(switch) == ["/dev/null", "/dev/null"]
     assert not (switch.root / "etc/logrotate.d/config-copy-mib").exists()
     assert list((switch.root / "var/log").glob("snmpd-transfers*")) == []
+
+
+def test_drop_in_of_frr_moves_to_its_package(switch, packages, frr):
+    """The package before had it in config-copy-mib."""
+    switch.run("apt-get", "purge", "-y", "config-copy-mib", "config-copy-mib-common")
+    tree = PLACE / "before-frr"
+    shutil.rmtree(tree, ignore_errors=True)
+    run("dpkg-deb", "-R", packages["config-copy-mib"], tree)
+    control = (tree / "DEBIAN/control").read_text()
+    (tree / "DEBIAN/control").write_text(
+        re.sub(r"config-copy-mib-common \(.*?\), ", "",
+               re.sub(r"\nVersion: .*", "\nVersion: 0.1.9", control)))
+    drop_in = tree / FRR_DROP_IN[1:]
+    drop_in.parent.mkdir()
+    drop_in.write_text("[Service]\nExecStartPre=-/bin/true\n")
+    run("dpkg-deb", "--root-owner-group", "-b", tree, PLACE / "config-copy-mib_before-frr.deb")
+    switch.install(PLACE / "config-copy-mib_before-frr.deb")
+    install_with_dpkg(switch, *frr)
+    assert "/bin/true" in switch.shell("systemctl cat frr")
+    switch.install(packages["config-copy-mib-common"], packages["config-copy-mib"],
+                   packages["config-copy-mib-frr"])
+    wait_until(lambda: takes_requests(switch))
+    assert switch.run("dpkg", "-S", FRR_DROP_IN).stdout == f"config-copy-mib-frr: {FRR_DROP_IN}\n"
+    assert "mend startup-config" in switch.shell("systemctl cat frr")
+    assert "/bin/true" not in switch.shell("systemctl cat frr")
+    switch.run("apt-get", "purge", "-y", "config-copy-mib-frr", "frr", "frr-pythontools")
+    wait_until(lambda: agent_answers(switch))
 
 
 def test_manager_alone(switch, packages):

@@ -40,6 +40,7 @@
 #include <optional>
 #include <set>
 #include <stdexcept>
+#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -245,10 +246,11 @@ std::string plain(std::string_view complaint) {
         result.erase(bracket, std::min(result.find(']', bracket), result.size() - 1) + 1 - bracket);
     }
     if (result.find("failed to connect to any daemons") != std::string::npos) {
-        return "FRR does not run, or this user is not in the group frrvty";
+        return "FRR does not run, or this user is not in the group frrvty: start frr, or install "
+               "config-copy-mib-frr";
     }
     if (result.starts_with("Can't open configuration file")) {
-        return "this user is not in the groups frr and frrvty";
+        return "this user is not in the groups frr and frrvty: install config-copy-mib-frr";
     }
     return result;
 }
@@ -753,11 +755,15 @@ std::optional<StoredFile> FrrBackend::stored() const {
     UniqueFd file;
     try {
         file = open_state_file(file_, configuration_text_limit);
-    } catch (const std::system_error &) {
-        if (::lstat(file_.c_str(), &status) != 0 || !S_ISREG(status.st_mode) || !is_open(status)) {
+    } catch (const std::system_error &error) {
+        if (::lstat(file_.c_str(), &status) == 0 && S_ISREG(status.st_mode) && is_open(status)) {
+            return StoredFile{{}, true};
+        }
+        if (error.code() != std::errc::permission_denied) {
             throw;
         }
-        return StoredFile{{}, true};
+        throw std::runtime_error("this user may not read " + file_.string() +
+                                 ": install config-copy-mib-frr, or add it to the group frr");
     }
     if (!file) {
         return std::nullopt;

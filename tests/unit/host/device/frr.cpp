@@ -226,9 +226,11 @@ TEST_F(FrrTest, SaysWhyAProgramFails) {
     write("hook", "echo 'Exiting: failed to connect to any daemons.' >&2; exit 1\n");
     const std::string name = file("vtysh").string() + ": ";
     EXPECT_EQ(failure_to_show(),
-              name + "FRR does not run, or this user is not in the group frrvty");
+              name + "FRR does not run, or this user is not in the group frrvty: start frr, or "
+                     "install config-copy-mib-frr");
     write("hook", "echo \"% Can't open configuration file /etc/frr/vtysh.conf\" >&2; exit 1\n");
-    EXPECT_EQ(failure_to_show(), name + "this user is not in the groups frr and frrvty");
+    EXPECT_EQ(failure_to_show(),
+              name + "this user is not in the groups frr and frrvty: install config-copy-mib-frr");
     write("hook", "echo '% on standard output'; exit 1\n");
     EXPECT_EQ(failure_to_show(), name + "on standard output");
     write("hook", "exit 3\n");
