@@ -314,14 +314,22 @@ struct StoredFile {
 // new one, or missing.
 struct BegunSave {
     std::optional<std::string> former;
+    std::string replaced; // identity_of() the file that FRR was to replace; empty if not known
 
     [[nodiscard]] bool is_former(const std::optional<StoredFile> &file) const {
         return file ? file->text == former : !former;
     }
-    [[nodiscard]] bool is_torn(const std::optional<StoredFile> &file) const {
-        return !is_former(file) && !(file && file->is_whole());
-    }
 };
+
+// Stays the same when the file is renamed; empty if there is none.
+std::string identity_of(const std::filesystem::path &file) {
+    struct stat status {};
+    if (::lstat(file.c_str(), &status) != 0) {
+        return {};
+    }
+    return std::to_string(status.st_ino) + '.' + std::to_string(status.st_mtim.tv_sec) + '.' +
+           std::to_string(status.st_mtim.tv_nsec);
+}
 
 class FrrBackend final : public DeviceBackend {
   public:
@@ -405,7 +413,7 @@ class FrrBackend final : public DeviceBackend {
             [this] {
                 const auto save = begun_save();
                 const auto file = save ? stored() : std::nullopt;
-                if (save && !save->is_former(file) && !save->is_torn(file)) {
+                if (save && !save->is_former(file) && !is_torn(*save, file)) {
                     end_save();
                 }
             },
@@ -434,7 +442,9 @@ class FrrBackend final : public DeviceBackend {
     [[nodiscard]] std::string difference(const std::string &wanted) const;
     [[nodiscard]] bool is_open(const struct stat &status) const;
     [[nodiscard]] std::optional<StoredFile> stored() const;
+    [[nodiscard]] std::filesystem::path replaced_file() const { return file_.native() + ".sav"; }
     [[nodiscard]] std::optional<BegunSave> begun_save() const;
+    [[nodiscard]] bool is_torn(const BegunSave &save, const std::optional<StoredFile> &file) const;
     [[nodiscard]] std::string refusal_to_write();
     void put_back(const std::string &former) const;
     void end_save() const;
@@ -780,7 +790,7 @@ std::optional<std::string> FrrBackend::show_startup() {
     const auto save = begun_save();
     for (int pauses = 0;; ++pauses) {
         auto file = stored();
-        if (save && save->is_torn(file)) {
+        if (save && is_torn(*save, file)) {
             return save->former;
         }
         if (!file) {
@@ -797,8 +807,9 @@ std::optional<std::string> FrrBackend::show_startup() {
     }
 }
 
-// The journal of a save is the size of the former text (-1 if there was no file), a line end, and
-// that text. Earlier versions added the new text.
+// The journal of a save: the size of the former text (-1 if there was no file), a blank, the
+// identity of the file, a line end, and that text. Earlier versions did not name the file, and
+// added the new text.
 std::optional<BegunSave> FrrBackend::begun_save() const {
     const ActingAsOwner owner(save_file_.parent_path());
     const auto content = read_state_file(save_file_, 2 * configuration_text_limit + 64);
@@ -806,14 +817,24 @@ std::optional<BegunSave> FrrBackend::begun_save() const {
         return std::nullopt;
     }
     const std::size_t end = std::min(content->find('\n'), content->size());
-    const auto size = parsed_number<long>(std::string_view(*content).substr(0, end));
+    const std::string_view head = std::string_view(*content).substr(0, end);
+    const std::size_t blank = std::min(head.find(' '), head.size());
+    const auto size = parsed_number<long>(head.substr(0, blank));
     if (!size || *size > static_cast<long>(content->size() - end - 1)) {
         return std::nullopt; // it did not begin
     }
-    if (*size < 0) {
-        return BegunSave{};
+    BegunSave save{{}, std::string(trimmed(head.substr(blank)))};
+    if (*size >= 0) {
+        save.former = content->substr(end + 1, static_cast<std::size_t>(*size));
     }
-    return BegunSave{content->substr(end + 1, static_cast<std::size_t>(*size))};
+    return save;
+}
+
+// FRR has left a part. A file that looks like a part, but has another history, is someone else's.
+bool FrrBackend::is_torn(const BegunSave &save, const std::optional<StoredFile> &file) const {
+    return !save.is_former(file) && !(file && file->is_whole()) &&
+           (save.replaced.empty() || save.replaced == identity_of(replaced_file()) ||
+            save.replaced == identity_of(file_)); // left by an earlier save
 }
 
 // After it, no power failure brings the journal back.
@@ -850,14 +871,13 @@ std::string FrrBackend::refusal_to_write() {
 
 void FrrBackend::save(const std::function<void()> &before_commit) {
     (void)working_daemons();
-    const BegunSave save{show_startup()};
-    replace_state_file(save_file_,
-                       std::to_string(save.former ? static_cast<long>(save.former->size()) : -1) +
-                           "\n" + save.former.value_or(""));
+    const BegunSave save{show_startup(), identity_of(file_)};
+    const std::string size = save.former ? std::to_string(save.former->size()) : "-1";
+    replace_state_file(save_file_, size + " " + save.replaced + "\n" + save.former.value_or(""));
     try {
         before_commit();
     } catch (...) {
-        if (!save.is_torn(stored())) {
+        if (!is_torn(save, stored())) {
             end_save();
         }
         throw;
@@ -868,11 +888,10 @@ void FrrBackend::save(const std::function<void()> &before_commit) {
         reason = "the file is still the former one";
     }
     const auto file = stored();
-    const bool is_torn = save.is_torn(file) && (!file || file->text != running().text);
-    if (is_torn) {
+    if (is_torn(save, file) && (!file || file->text != running().text)) {
         throw std::runtime_error("FRR has written only a part of " + file_.string() +
                                  (reason.empty() ? "" : " (" + reason + ")") +
-                                 "; the former one is " + file_.string() + ".sav");
+                                 "; the former one is " + replaced_file().string());
     }
     // watchfrr has synced the file, but not its name
     sync_folder(file_.parent_path());
@@ -885,15 +904,15 @@ void FrrBackend::save(const std::function<void()> &before_commit) {
 
 bool FrrBackend::mend_startup() {
     const auto save = begun_save();
-    const bool is_torn = save && save->is_torn(stored());
-    if (is_torn && save->former) {
+    const bool was_torn = save && is_torn(*save, stored());
+    if (was_torn && save->former) {
         put_back(*save->former);
-    } else if (is_torn) {
+    } else if (was_torn) {
         ulmo::check(::unlink(file_.c_str()), "cannot remove", file_.native());
         sync_folder(file_.parent_path());
     }
     end_save();
-    return is_torn;
+    return was_torn;
 }
 
 // Replaces the file in one step, with the owner and the mode of the former one, which FRR has moved
@@ -902,7 +921,7 @@ void FrrBackend::put_back(const std::string &former) const {
     constexpr mode_t permissions = 0777;
     constexpr mode_t packaged = 0640;
     struct stat like {};
-    if ((::lstat((file_.native() + ".sav").c_str(), &like) != 0 || !S_ISREG(like.st_mode)) &&
+    if ((::lstat(replaced_file().c_str(), &like) != 0 || !S_ISREG(like.st_mode)) &&
         (::lstat(file_.c_str(), &like) != 0 || !S_ISREG(like.st_mode))) {
         ulmo::check(::stat(file_.parent_path().c_str(), &like), "cannot find", file_.native());
         like.st_mode = packaged;

@@ -438,13 +438,14 @@ TEST_F(FrrTest, SaysThatFrrHasWrittenOnlyAPart) {
     for (const std::string &part :
          {std::string(), std::string("frr "), first.substr(0, 40), block}) {
         write("part", part);
-        on_write("cp frr.conf frr.conf.sav; rm frr.conf; cp part frr.conf; echo '[OK]'; set --");
+        on_write("mv frr.conf frr.conf.sav; cp part frr.conf; echo '[OK]'; set --");
         EXPECT_EQ(failure_to_save(), "FRR has written only a part of " + name +
                                          "; the former one is " + name + ".sav");
         EXPECT_EQ(startup(), before);
         EXPECT_TRUE(has_journal());
     }
-    on_write("rm frr.conf; echo '% The reason'; set --");
+    // It looks like this at the next save, too, which is refused.
+    on_write("echo '% The reason'; set --");
     EXPECT_EQ(failure_to_save(), "FRR has written only a part of " + name +
                                      " (The reason); the former one is " + name + ".sav");
     EXPECT_EQ(startup(), before);
@@ -486,13 +487,25 @@ TEST_F(FrrTest, ASaveOfAKilledProcessEndsWithTheNextOperation) {
     EXPECT_NE(failure_to_save(), "none");
     (void)device_->pending();
     EXPECT_TRUE(has_journal());
-    std::filesystem::remove(file("frr.conf"));
+    std::filesystem::rename(file("frr.conf"), file("frr.conf.sav"));
     EXPECT_EQ(startup(), before);
     write("frr.conf", first);
     (void)device_->pending();
     EXPECT_FALSE(has_journal());
     write("frr.conf", "frr version by hand\n");
     EXPECT_EQ(startup(), "frr version by hand\n");
+}
+
+// It may look like a part of a file: an administrator adds lines at its end.
+TEST_F(FrrTest, AFileByHandAfterASaveThatFrrDidNotBegin) {
+    on_write("kill -KILL $$");
+    EXPECT_NE(failure_to_save(), "none");
+    const std::string by_hand = startup() + "ip route by hand\n";
+    write("frr.conf", by_hand);
+    EXPECT_EQ(startup(), by_hand);
+    EXPECT_FALSE(device_->mend_startup());
+    EXPECT_EQ(startup(), by_hand);
+    EXPECT_FALSE(has_journal());
 }
 
 TEST_F(FrrTest, ASaveThatIsGivenUpLeavesNothing) {
