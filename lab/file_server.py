@@ -1,7 +1,6 @@
 """The file server: TFTP, FTP and SSH on their default ports, one account, one folder that all of
 them serve."""
 
-import crypt
 import os
 import secrets
 import string
@@ -10,6 +9,7 @@ import sys
 from pathlib import Path
 
 import network
+import shadow
 from daemons import (
     LAB, SCRIPTS, SERVER_ROOT, UNPACKED, USER, Daemon, folder, output_of, private_folder_of_size,
 )
@@ -32,7 +32,7 @@ class Account:
         self._append("/etc/passwd",
                      f"{USER}:x:{self.id}:{self.id}:the lab's account:{home}:/bin/bash")
         self._append("/etc/group", f"{USER}:x:{self.id}:")
-        hashed = crypt.crypt(self.password, crypt.mksalt(crypt.METHOD_SHA512))
+        hashed = shadow.hashed(self.password)
         self._append("/etc/shadow", f"{USER}:{hashed}:19000:0:99999:7:::")
 
     @staticmethod
@@ -135,6 +135,11 @@ class FileServer:
             "KbdInteractiveAuthentication no", "UseDNS no", "PrintMotd no",
             f"Subsystem sftp {UNPACKED / 'root-openssh-sftp-server/usr/lib/openssh/sftp-server'}"
         ]
+        # Since OpenSSH 9.8 its parts are programs, which it looks for where Debian installs them.
+        for option, part in {"SshdSessionPath": "session", "SshdAuthPath": "auth"}.items():
+            program = UNPACKED / f"root-openssh-server/usr/lib/openssh/sshd-{part}"
+            if program.exists():
+                settings.append(f"{option} {program}")
         file = self.home / "sshd_config"
         file.write_text("\n".join(settings) + "\n")
         command = [UNPACKED / "root-openssh-server/usr/sbin/sshd", "-D", "-e", "-f", file]

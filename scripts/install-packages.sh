@@ -46,15 +46,23 @@ update_lists() {
     fi
 }
 
-present=$(dpkg-query -W -f '${db:Status-Status} ${Package}\n' 2>/dev/null |
-    sed -n 's/^installed //p')
-missing=()
-for package in $(listed "${groups[@]}"); do
-    grep -qxF "$package" <<<"$present" || missing+=("$package")
-done
+# The names of what is installed, also those that a newer Debian has only as other names of its
+# packages.
+present=$(dpkg-query -W -f '${db:Status-Status} ${Package}, ${Provides}\n' 2>/dev/null |
+    sed -n 's/^installed //p' | tr -s ', ' '\n')
+# The libraries of the unpacked daemons, as this machine's package lists name them.
+libraries() {
+    # shellcheck disable=SC2046 # one word a package
+    LC_ALL=C apt-cache depends --important $(listed unpack) 2>/dev/null | sed -n 's/^ *Depends: lib/lib/p'
+}
+find_missing() {
+    mapfile -t missing < <({ listed "${groups[@]}"; libraries; } | grep -vxF "$present")
+}
+find_missing
 if [[ ${#missing[@]} -gt 0 ]]; then
-    echo "install-packages: this machine lacks ${missing[*]}" | fold -s -w 100
     update_lists
+    find_missing # the libraries may be known only now
+    echo "install-packages: this machine lacks ${missing[*]}" | fold -s -w 100
     # apt-get closes the descriptor of its progress before it runs a package's scripts, so that must
     # not be their standard output; and sudo passes on only the standard descriptors.
     as_root "packages" sh -c 'exec "$@" 3>&1' sh env DEBIAN_FRONTEND=noninteractive \

@@ -5,7 +5,8 @@ from pathlib import Path
 
 import pytest
 
-sys.path.insert(0, str(Path(__file__).parent))
+HERE = Path(__file__).parent
+sys.path[:0] = [str(HERE), str(HERE.parents[2] / "lab")]  # shadow
 pytest.register_assert_rewrite("scripts")
 
 from copy_table import SERVER_ROOT, run

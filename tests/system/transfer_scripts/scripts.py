@@ -4,15 +4,11 @@ import contextlib
 import os
 import re
 import subprocess
-import warnings
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 from copy_table import SERVER4, SERVER_ROOT, STATE_DIRECTORY, run
-
-with warnings.catch_warnings():
-    warnings.simplefilter("ignore")  # it goes with Python 3.13; Debian 12 has 3.11
-    import crypt
+from shadow import hashed
 
 DONE, UNREACHABLE, NAME, SPACE, LOGIN, HOST_KEY, LOST, USE, OTHER, SIZE = range(10)
 ACCOUNT, SECRET = os.environ.get("LAB_USER", ""), os.environ.get("LAB_PASSWORD", "")
@@ -147,7 +143,7 @@ def set_password(password):
     """Gives the account another password."""
     shadow = Path("/etc/shadow")
     lines = shadow.read_text().splitlines()
-    new = crypt.crypt(password, "$5$rounds=1000$salt")
+    new = hashed(password)
     shadow.write_text("".join(
         (f"{ACCOUNT}:{new}:19000:0:99999:7:::" if line.startswith(f"{ACCOUNT}:") else line) + "\n"
         for line in lines))

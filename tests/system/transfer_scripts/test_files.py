@@ -1,6 +1,5 @@
 """Files arrive whole and under their own names."""
 
-import crypt
 import os
 from pathlib import Path
 
@@ -9,6 +8,7 @@ from copy_table import SERVER4, SERVER6, SERVER_ROOT, STATE_DIRECTORY
 from scripts import (
     DONE, SCP, SCRIPTS, SECRET, UNREACHABLE, USE, on_server, results, settings, side_by_side,
 )
+from shadow import hashed
 
 CONTENT = bytes(range(256)) * 40
 
@@ -111,7 +111,7 @@ def test_scp_takes_targets_apart(here):
     with open("/etc/passwd", "a") as passwd, open("/etc/shadow", "a") as shadow:
         number = os.stat(SERVER_ROOT).st_uid
         passwd.write(f"{user}:x:{number}:{number}::{SERVER_ROOT}:/bin/bash\n")
-        shadow.write(f"{user}:{crypt.crypt(SECRET, '$5$rounds=1000$salt')}:19000:0:99999:7:::\n")
+        shadow.write(f"{user}:{hashed(SECRET)}:19000:0:99999:7:::\n")
     assert SCP.put(here / "out", "one", user=user) == DONE
     assert SCP.put(here / "out", "2:two", server=f"[{SERVER6}]") == DONE
     assert SCP.put(here / "out", ":three", server=SERVER6) == DONE
