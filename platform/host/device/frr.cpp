@@ -35,6 +35,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdlib>
+#include <functional>
 #include <future>
 #include <map>
 #include <optional>
@@ -47,6 +48,8 @@
 
 namespace ulmo {
 namespace {
+
+using Texts = std::set<std::string, std::less<>>;
 
 // vtysh reads lines of at most 4095 octets, and takes the rest of a longer one for another line.
 constexpr std::size_t longest_line = 4000;
@@ -148,7 +151,12 @@ struct Statement {
     std::size_t line = 0; // its number
     bool is_outermost = false;
     std::string text; // its words, separated by one blank each
-    std::vector<std::string_view> words;
+
+    [[nodiscard]] bool is_negated() const { return text.starts_with("no "); }
+    // What is set, or removed.
+    [[nodiscard]] std::string_view subject() const {
+        return std::string_view(text).substr(is_negated() ? 3 : 0);
+    }
 };
 
 // The statements of a text, without comments and without the lines that FRR shows or needs only to
@@ -165,7 +173,7 @@ std::vector<Statement> statements_of(std::string_view text) {
             (words[0] == "service" && words.size() > 1 && words[1] == "integrated-vtysh-config")) {
             continue;
         }
-        Statement statement{number, words[0].data() == line.data(), {}, words};
+        Statement statement{number, words[0].data() == line.data(), {}};
         for (const std::string_view word : words) {
             statement.text.append(statement.text.empty() ? "" : " ").append(word);
         }
@@ -176,14 +184,13 @@ std::vector<Statement> statements_of(std::string_view text) {
 
 // The daemon that takes a statement; empty if any of those that always run does.
 std::string_view owner_of(const Statement &statement) {
-    const bool is_negated = statement.words[0] == "no";
-    const auto first = statement.words.begin() + (is_negated ? 1 : 0);
+    const auto words = words_of(statement.subject());
     for (const Owner &owner : owners) {
-        const auto words = words_of(owner.words);
-        if (words.size() <= static_cast<std::size_t>(statement.words.end() - first) &&
-            std::equal(words.begin(), words.end(), first,
-                       [](std::string_view whole, std::string_view word) {
-                           return whole.starts_with(word);
+        const auto whole = words_of(owner.words);
+        if (whole.size() <= words.size() &&
+            std::equal(whole.begin(), whole.end(), words.begin(),
+                       [](std::string_view name, std::string_view word) {
+                           return name.starts_with(word);
                        })) {
             return owner.daemon;
         }
@@ -284,13 +291,10 @@ void sync_folder(const std::string &folder) {
     check(::fsync(file.get()), folder);
 }
 
-constexpr std::string_view no_whole_configuration = " shows no whole running configuration";
+// FRR begins each configuration with it.
+constexpr std::string_view header = "frr version ";
 
-// What the running configuration is, and which daemons it is from.
-struct Running {
-    std::string text;
-    std::set<std::string, std::less<>> daemons;
-};
+constexpr std::string_view no_whole_configuration = " shows no whole running configuration";
 
 // FRR's file. While FRR writes it, it is root's in a folder that is not root's, and no one else may
 // read it: then the text may be empty.
@@ -302,7 +306,6 @@ struct StoredFile {
     // and ends it with a comment. A power failure and a full disk cut it off at the end of a block,
     // or leave zeros. An intact file may end there, too, but rarely does.
     [[nodiscard]] bool is_whole() const {
-        constexpr std::string_view header = "frr version ";
         constexpr std::size_t block = 512;
         const bool is_frrs = header.starts_with(std::string_view(text).substr(0, header.size()));
         return text.find('\0') == std::string::npos &&
@@ -342,7 +345,10 @@ class FrrBackend final : public DeviceBackend {
     // vtysh executes line by line.
     [[nodiscard]] bool is_atomic() const override { return false; }
 
-    std::string show_running() override { return running().text; }
+    std::string show_running() override {
+        (void)working_daemons();
+        return running();
+    }
 
     // During a save there is an instant without the file: show_startup() covers it.
     [[nodiscard]] std::filesystem::path startup_file() const override { return {}; }
@@ -437,8 +443,8 @@ class FrrBackend final : public DeviceBackend {
     }
     void require_taken(const ProgramEnd &end) const;
     static void require_effect(std::string_view text, std::string_view shown);
-    [[nodiscard]] std::set<std::string, std::less<>> working_daemons();
-    [[nodiscard]] Running running();
+    [[nodiscard]] Texts working_daemons();
+    [[nodiscard]] std::string running();
     [[nodiscard]] std::string difference(const std::string &wanted) const;
     [[nodiscard]] bool is_open(const struct stat &status) const;
     [[nodiscard]] std::optional<StoredFile> stored() const;
@@ -560,10 +566,10 @@ ProgramEnd FrrBackend::shown_at(const std::string &command) {
 
 // Throws if watchfrr does not say that all of them work: FRR shows and writes no statement of a
 // daemon that does not answer.
-std::set<std::string, std::less<>> FrrBackend::working_daemons() {
+Texts FrrBackend::working_daemons() {
     // A line of two blanks, name and state for each daemon.
     const ProgramEnd states = shown_at("show watchfrr");
-    std::set<std::string, std::less<>> daemons;
+    Texts daemons;
     for (const std::string_view line : lines_of(states.output)) {
         const auto words = words_of(line);
         if (!line.starts_with("  ") || words.size() < 2) {
@@ -583,19 +589,18 @@ std::set<std::string, std::less<>> FrrBackend::working_daemons() {
     return daemons;
 }
 
-Running FrrBackend::running() {
-    Running running{{}, working_daemons()};
-    constexpr std::string_view begin = "frr version ";
-    const std::string shown = shown_at("show running-config no-header").output;
-    const std::size_t at = shown.starts_with(begin) ? 0 : shown.find("\n" + std::string(begin)) + 1;
+// Without the last line, as in the startup configuration.
+std::string FrrBackend::running() {
     constexpr std::string_view finish = "\nend\n";
-    if (!shown.ends_with(finish) || (at == 0 && !shown.starts_with(begin))) {
+    std::string shown = shown_at("show running-config no-header").output;
+    const std::size_t at =
+        shown.starts_with(header) ? 0 : shown.find("\n" + std::string(header)) + 1;
+    if (!shown.ends_with(finish) || (at == 0 && !shown.starts_with(header))) {
         throw std::runtime_error(vtysh_[0] + std::string(no_whole_configuration));
     }
-    // without the last line, as in the startup configuration
-    running.text = shown.substr(at, shown.size() - at - (finish.size() - 1));
-    legible(running.text);
-    return running;
+    shown = shown.substr(at, shown.size() - at - (finish.size() - 1));
+    (void)legible(shown); // throws if it is none
+    return shown;
 }
 
 // What would have to be executed to make the running configuration the wanted one; empty if it is
@@ -646,7 +651,7 @@ void FrrBackend::replace(std::string_view text) {
     rest(); // that vtysh may show what it keeps for itself
     complaints_.clear();
     const std::string wanted = legible(text);
-    std::set<std::string, std::less<>> kept; // what may not be removed
+    Texts kept; // what may not be removed
     for (const Statement &statement : statements_of(wanted)) {
         if (statement.is_outermost) {
             kept.insert(statement.text);
@@ -663,8 +668,7 @@ void FrrBackend::replace(std::string_view text) {
         const auto statements = statements_of(lines);
         failures = lines == former ? failures + 1 : 0;
         const bool has_removal =
-            std::any_of(statements.begin(), statements.end(),
-                        [](const Statement &statement) { return statement.words[0] == "no"; });
+            std::any_of(statements.begin(), statements.end(), std::mem_fn(&Statement::is_negated));
         if (attempt == most_rounds || (failures > 0 && (complaint.empty() || !has_removal))) {
             throw ConfigurationError(ConfigurationError::Kind::bad_line,
                                      "FRR can't run exactly this text: it does not take '" +
@@ -672,9 +676,10 @@ void FrrBackend::replace(std::string_view text) {
                                          (complaint.empty() ? "" : ": " + complaint));
         }
         for (const Statement &statement : statements) {
-            if (statement.is_outermost && statement.words[0] == "no" &&
-                kept.contains(std::string_view(statement.text).substr(3))) {
-                throw std::runtime_error(reload_[0] + " would remove '" + statement.text.substr(3) +
+            if (statement.is_outermost && statement.is_negated() &&
+                kept.contains(statement.subject())) {
+                throw std::runtime_error(reload_[0] + " would remove '" +
+                                         std::string(statement.subject()) +
                                          "', which the text contains");
             }
         }
@@ -694,14 +699,13 @@ void FrrBackend::replace(std::string_view text) {
 
 // Throws if FRR's shell would keep a statement for itself, until it ends: it would then show it.
 void FrrBackend::require_effect(std::string_view text, std::string_view shown) {
-    std::set<std::string, std::less<>> known;
+    Texts known;
     for (Statement &statement : statements_of(shown)) {
         known.insert(std::move(statement.text));
     }
     for (const Statement &statement : statements_of(text)) {
-        const bool is_negated = statement.words[0] == "no" && statement.words.size() > 1;
-        const bool is_shown = known.contains(statement.text.substr(is_negated ? 3 : 0));
-        if (is_shown == is_negated && owner_of(statement) == shell) {
+        const bool is_shown = known.contains(statement.subject());
+        if (is_shown == statement.is_negated() && owner_of(statement) == shell) {
             refuse(statement.line,
                    "FRR's shell keeps '" + statement.text + "' for itself, so it has no effect");
         }
@@ -712,10 +716,10 @@ void FrrBackend::require_effect(std::string_view text, std::string_view shown) {
 // are the default; such a one is in force if the daemon that takes it runs, which has not refused
 // it then.
 void FrrBackend::verify(std::string_view text) {
-    const Running running = this->running();
-    std::set<std::string, std::less<>> shown;
-    std::set<std::string, std::less<>> outermost;
-    for (Statement &statement : statements_of(running.text)) {
+    const Texts daemons = working_daemons();
+    Texts shown;
+    Texts outermost;
+    for (Statement &statement : statements_of(running())) {
         if (statement.is_outermost) {
             outermost.insert(statement.text);
         }
@@ -729,12 +733,11 @@ void FrrBackend::verify(std::string_view text) {
     std::size_t not_removed = 0;
     const Statement *hidden = nullptr;
     for (const Statement &statement : statements) {
-        const bool is_negated = statement.words[0] == "no" && statement.words.size() > 1;
         if (shown.contains(statement.text)) {
             continue;
         }
-        if (is_negated) {
-            const std::string removed = statement.text.substr(3);
+        if (statement.is_negated()) {
+            const std::string removed(statement.subject());
             const auto again = last.find(removed);
             if (statement.is_outermost && outermost.contains(removed) &&
                 (again == last.end() || again->second < statement.line)) {
@@ -744,7 +747,7 @@ void FrrBackend::verify(std::string_view text) {
             continue;
         }
         const std::string_view owner = owner_of(statement);
-        if (!owner.empty() && !running.daemons.contains(owner)) {
+        if (!owner.empty() && !daemons.contains(owner)) {
             refuse(statement.line, std::string(owner) + " does not run, so FRR has ignored '" +
                                        statement.text + "'");
         }
@@ -888,7 +891,7 @@ void FrrBackend::save(const std::function<void()> &before_commit) {
         reason = "the file is still the former one";
     }
     const auto file = stored();
-    if (is_torn(save, file) && (!file || file->text != running().text)) {
+    if (is_torn(save, file) && (!file || file->text != show_running())) {
         throw std::runtime_error("FRR has written only a part of " + file_.string() +
                                  (reason.empty() ? "" : " (" + reason + ")") +
                                  "; the former one is " + replaced_file().string());
