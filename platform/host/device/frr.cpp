@@ -5,12 +5,9 @@
 //
 // Seen with 8.4: `vtysh -f` goes on after a line that fails, and silently drops a line if the
 // daemon that it is for does not run. `frr-reload.py --reload` starts a process for each line that
-// it removes, and saves at the end; so only its difference is used here. `vtysh -c "write
-// integrated"` has watchfrr move the former file to FILE.sav. The new file is root's while it is
-// written, line by line; then it gets FRR's owner, is synced, and watchfrr answers [OK], also if
-// the disk was full.
-// vtysh takes some 30 ms of a processor before it does anything, so one of them answers all
-// commands of an operation at its prompt.
+// it removes, and saves at the end; so only its difference is used here. vtysh takes some 30 ms of
+// a processor before it does anything, so one of them answers all commands of an operation at its
+// prompt.
 #include "platform/host/device/backend.h"
 
 #include "base/c_boundary.h"
@@ -18,18 +15,15 @@
 #include "base/ownership.h"
 #include "base/posix.h"
 #include "base/program_run.h"
-#include "base/replaced_file.h"
 #include "base/settings.h"
-#include "base/state_file.h"
 #include "base/text.h"
-#include "base/unique_fd.h"
 #include "platform/host/device/configuration_text.h"
+#include "platform/host/device/frr_startup.h"
 #include "platform/host/device/named_text.h"
 #include "platform/host/device/way_back.h"
 
 #include <fcntl.h>
 #include <sys/random.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -41,7 +35,6 @@
 #include <optional>
 #include <set>
 #include <stdexcept>
-#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -286,60 +279,14 @@ std::string new_mark() {
     return "! " + in_hex({octets.data(), octets.size()}) + "\n";
 }
 
-void sync_folder(const std::string &folder) {
-    const UniqueFd file(check(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC), folder));
-    check(::fsync(file.get()), folder);
-}
-
-// FRR begins each configuration with it.
-constexpr std::string_view header = "frr version ";
-
 constexpr std::string_view no_whole_configuration = " shows no whole running configuration";
-
-// FRR's file. While FRR writes it, it is root's in a folder that is not root's, and no one else may
-// read it: then the text may be empty.
-struct StoredFile {
-    std::string text;
-    bool is_open = false;
-
-    // Whether FRR has written all of it, or someone else has. FRR begins each file with the header
-    // and ends it with a comment. A power failure and a full disk cut it off at the end of a block,
-    // or leave zeros. An intact file may end there, too, but rarely does.
-    [[nodiscard]] bool is_whole() const {
-        constexpr std::size_t block = 512;
-        const bool is_frrs = header.starts_with(std::string_view(text).substr(0, header.size()));
-        return text.find('\0') == std::string::npos &&
-               (!is_frrs || (!is_open && text.ends_with("!\n") && text.size() % block != 0));
-    }
-};
-
-// A save that has begun: if it did not end, the file is the former one, the new one, a part of the
-// new one, or missing.
-struct BegunSave {
-    std::optional<std::string> former;
-    std::string replaced; // identity_of() the file that FRR was to replace; empty if not known
-
-    [[nodiscard]] bool is_former(const std::optional<StoredFile> &file) const {
-        return file ? file->text == former : !former;
-    }
-};
-
-// Stays the same when the file is renamed; empty if there is none.
-std::string identity_of(const std::filesystem::path &file) {
-    struct stat status {};
-    if (::lstat(file.c_str(), &status) != 0) {
-        return {};
-    }
-    return std::to_string(status.st_ino) + '.' + std::to_string(status.st_mtim.tv_sec) + '.' +
-           std::to_string(status.st_mtim.tv_nsec);
-}
 
 class FrrBackend final : public DeviceBackend {
   public:
     explicit FrrBackend(const std::filesystem::path &directory)
         : vtysh_(program_setting("frr_vtysh")), reload_(program_setting("frr_reload")),
-          file_(text_setting("frr_config")), wanted_file_(directory / "frr-wanted.cfg"),
-          save_file_(directory / "frr-save"),
+          startup_(text_setting("frr_config"), directory / "frr-save"),
+          wanted_file_(directory / "frr-wanted.cfg"),
           time_limit_(std::chrono::seconds(number_setting("device_time_limit").value())) {}
 
     // vtysh executes line by line.
@@ -354,9 +301,9 @@ class FrrBackend final : public DeviceBackend {
     [[nodiscard]] std::filesystem::path startup_file() const override { return {}; }
 
     // FRR's own shell writes it as well.
-    [[nodiscard]] std::filesystem::path startup_trace() const override { return file_; }
+    [[nodiscard]] std::filesystem::path startup_trace() const override { return startup_.file(); }
 
-    std::optional<std::string> show_startup() override;
+    std::optional<std::string> show_startup() override { return startup_.text(); }
 
     void check(std::string_view text) override {
         const ProgramEnd end = vtysh({"-C", "-f", "/dev/stdin"}, legible(text));
@@ -407,23 +354,11 @@ class FrrBackend final : public DeviceBackend {
                                  "to the running configuration, and save that");
     }
 
-    [[nodiscard]] bool has_begun_save() const override {
-        return ::access(save_file_.c_str(), F_OK) == 0;
-    }
-    bool mend_startup() override;
+    [[nodiscard]] bool has_begun_save() const override { return startup_.has_begun_save(); }
+    bool mend_startup() override { return startup_.mend(); }
 
     void tidy() override {
-        ReplacedFile::remove_leftover(save_file_);
-        // If the file is still the former one, FRR may be about to write.
-        quietly(
-            [this] {
-                const auto save = begun_save();
-                const auto file = save ? stored() : std::nullopt;
-                if (save && !save->is_former(file) && !is_torn(*save, file)) {
-                    end_save();
-                }
-            },
-            [](const char *) {});
+        quietly([this] { startup_.tidy(); }, [](const char *) {}); // a save says why
         const ActingAsOwner owner(wanted_file_.parent_path());
         ::unlink(wanted_file_.c_str());
     }
@@ -446,20 +381,12 @@ class FrrBackend final : public DeviceBackend {
     [[nodiscard]] Texts working_daemons();
     [[nodiscard]] std::string running();
     [[nodiscard]] std::string difference(const std::string &wanted) const;
-    [[nodiscard]] bool is_open(const struct stat &status) const;
-    [[nodiscard]] std::optional<StoredFile> stored() const;
-    [[nodiscard]] std::filesystem::path replaced_file() const { return file_.native() + ".sav"; }
-    [[nodiscard]] std::optional<BegunSave> begun_save() const;
-    [[nodiscard]] bool is_torn(const BegunSave &save, const std::optional<StoredFile> &file) const;
     [[nodiscard]] std::string refusal_to_write();
-    void put_back(const std::string &former) const;
-    void end_save() const;
 
     Words vtysh_; // a program with its arguments
     Words reload_;
-    std::filesystem::path file_;
+    FrrStartup startup_;
     std::filesystem::path wanted_file_;
-    std::filesystem::path save_file_;
     std::chrono::milliseconds time_limit_;
     std::string mark_ = new_mark();
     std::optional<Conversation> talk_;    // with vtysh at its prompt, until rest()
@@ -594,8 +521,8 @@ std::string FrrBackend::running() {
     constexpr std::string_view finish = "\nend\n";
     std::string shown = shown_at("show running-config no-header").output;
     const std::size_t at =
-        shown.starts_with(header) ? 0 : shown.find("\n" + std::string(header)) + 1;
-    if (!shown.ends_with(finish) || (at == 0 && !shown.starts_with(header))) {
+        shown.starts_with(frr_header) ? 0 : shown.find("\n" + std::string(frr_header)) + 1;
+    if (!shown.ends_with(finish) || (at == 0 && !shown.starts_with(frr_header))) {
         throw std::runtime_error(vtysh_[0] + std::string(no_whole_configuration));
     }
     shown = shown.substr(at, shown.size() - at - (finish.size() - 1));
@@ -611,8 +538,8 @@ std::string FrrBackend::difference(const std::string &wanted) const {
     const ProgramEnd end =
         run(reload_,
             {"--test", "--stdout", "--log-level", "error", "--bindir",
-             std::filesystem::path(vtysh_[0]).parent_path(), "--confdir", file_.parent_path(),
-             "--rundir", wanted_file_.parent_path(), file.name()},
+             std::filesystem::path(vtysh_[0]).parent_path(), "--confdir",
+             startup_.file().parent_path(), "--rundir", wanted_file_.parent_path(), file.name()},
             {});
     if (end.exit_status != 0 || !end.complaint.empty()) {
         throw std::runtime_error(reload_[0] + ": " + end.complaint);
@@ -759,94 +686,6 @@ void FrrBackend::verify(std::string_view text) {
     }
 }
 
-bool FrrBackend::is_open(const struct stat &status) const {
-    return status.st_uid == 0 && ulmo::owner_of(file_.parent_path()).value_or(0) != 0;
-}
-
-std::optional<StoredFile> FrrBackend::stored() const {
-    struct stat status {};
-    UniqueFd file;
-    try {
-        file = open_state_file(file_, configuration_text_limit);
-    } catch (const std::system_error &error) {
-        if (::lstat(file_.c_str(), &status) == 0 && S_ISREG(status.st_mode) && is_open(status)) {
-            return StoredFile{{}, true};
-        }
-        if (error.code() != std::errc::permission_denied) {
-            throw;
-        }
-        throw std::runtime_error("this user may not read " + file_.string() +
-                                 ": install config-copy-mib-frr, or add it to the group frr");
-    }
-    if (!file) {
-        return std::nullopt;
-    }
-    // The owner before the text: what is not open any more does not change.
-    ulmo::check(::fstat(file.get(), &status), "cannot read", file_.native());
-    return StoredFile{read_whole(file.get(), file_.native(), configuration_text_limit),
-                      is_open(status)};
-}
-
-std::optional<std::string> FrrBackend::show_startup() {
-    constexpr std::chrono::milliseconds pause{20};
-    constexpr int most_pauses = 100;
-    const auto save = begun_save();
-    for (int pauses = 0;; ++pauses) {
-        auto file = stored();
-        if (save && is_torn(*save, file)) {
-            return save->former;
-        }
-        if (!file) {
-            return std::nullopt;
-        }
-        if (!file->is_open || file->is_whole()) {
-            return std::move(file->text);
-        }
-        // An administrator saves at FRR's own shell, or has put a file there as root.
-        if (pauses == most_pauses) {
-            return read_state_file(file_, configuration_text_limit);
-        }
-        std::this_thread::sleep_for(pause);
-    }
-}
-
-// The journal of a save: the size of the former text (-1 if there was no file), a blank, the
-// identity of the file, a line end, and that text. Earlier versions did not name the file, and
-// added the new text.
-std::optional<BegunSave> FrrBackend::begun_save() const {
-    const ActingAsOwner owner(save_file_.parent_path());
-    const auto content = read_state_file(save_file_, 2 * configuration_text_limit + 64);
-    if (!content) {
-        return std::nullopt;
-    }
-    const std::size_t end = std::min(content->find('\n'), content->size());
-    const std::string_view head = std::string_view(*content).substr(0, end);
-    const std::size_t blank = std::min(head.find(' '), head.size());
-    const auto size = parsed_number<long>(head.substr(0, blank));
-    if (!size || *size > static_cast<long>(content->size() - end - 1)) {
-        return std::nullopt; // it did not begin
-    }
-    BegunSave save{{}, std::string(trimmed(head.substr(blank)))};
-    if (*size >= 0) {
-        save.former = content->substr(end + 1, static_cast<std::size_t>(*size));
-    }
-    return save;
-}
-
-// FRR has left a part. A file that looks like a part, but has another history, is someone else's.
-bool FrrBackend::is_torn(const BegunSave &save, const std::optional<StoredFile> &file) const {
-    return !save.is_former(file) && !(file && file->is_whole()) &&
-           (save.replaced.empty() || save.replaced == identity_of(replaced_file()) ||
-            save.replaced == identity_of(file_)); // left by an earlier save
-}
-
-// After it, no power failure brings the journal back.
-void FrrBackend::end_save() const {
-    if (::unlink(save_file_.c_str()) == 0) {
-        sync_folder(save_file_.parent_path());
-    }
-}
-
 // Has watchfrr write the file. The result is empty if it says that it has, or else its reason.
 // Throws if there is no answer: FRR may go on.
 std::string FrrBackend::refusal_to_write() {
@@ -874,67 +713,32 @@ std::string FrrBackend::refusal_to_write() {
 
 void FrrBackend::save(const std::function<void()> &before_commit) {
     (void)working_daemons();
-    const BegunSave save{show_startup(), identity_of(file_)};
-    const std::string size = save.former ? std::to_string(save.former->size()) : "-1";
-    replace_state_file(save_file_, size + " " + save.replaced + "\n" + save.former.value_or(""));
+    startup_.begin_save();
     try {
         before_commit();
     } catch (...) {
-        if (!is_torn(save, stored())) {
-            end_save();
+        if (!startup_.is_torn(startup_.stored())) { // by an earlier save
+            startup_.end_save();
         }
         throw;
     }
-    const std::string mark = mark_of(file_);
+    const std::string name = startup_.file().string();
+    const std::string mark = mark_of(name);
     std::string reason = refusal_to_write();
-    if (reason.empty() && mark_of(file_) == mark) {
+    if (reason.empty() && mark_of(name) == mark) {
         reason = "the file is still the former one";
     }
-    const auto file = stored();
-    if (is_torn(save, file) && (!file || file->text != show_running())) {
-        throw std::runtime_error("FRR has written only a part of " + file_.string() +
+    const auto file = startup_.stored();
+    if (startup_.is_torn(file) && (!file || file->text != show_running())) {
+        throw std::runtime_error("FRR has written only a part of " + name +
                                  (reason.empty() ? "" : " (" + reason + ")") +
-                                 "; the former one is " + replaced_file().string());
+                                 "; the former one is " + startup_.replaced_file().string());
     }
-    // watchfrr has synced the file, but not its name
-    sync_folder(file_.parent_path());
-    end_save();
+    startup_.end_save();
     if (!reason.empty()) {
-        throw std::runtime_error("FRR has not saved " + file_.string() + ": " + reason);
+        throw std::runtime_error("FRR has not saved " + name + ": " + reason);
     }
     (void)working_daemons(); // still
-}
-
-bool FrrBackend::mend_startup() {
-    const auto save = begun_save();
-    const bool was_torn = save && is_torn(*save, stored());
-    if (was_torn && save->former) {
-        put_back(*save->former);
-    } else if (was_torn) {
-        ulmo::check(::unlink(file_.c_str()), "cannot remove", file_.native());
-        sync_folder(file_.parent_path());
-    }
-    end_save();
-    return was_torn;
-}
-
-// Replaces the file in one step, with the owner and the mode of the former one, which FRR has moved
-// away.
-void FrrBackend::put_back(const std::string &former) const {
-    constexpr mode_t permissions = 0777;
-    constexpr mode_t packaged = 0640;
-    struct stat like {};
-    if ((::lstat(replaced_file().c_str(), &like) != 0 || !S_ISREG(like.st_mode)) &&
-        (::lstat(file_.c_str(), &like) != 0 || !S_ISREG(like.st_mode))) {
-        ulmo::check(::stat(file_.parent_path().c_str(), &like), "cannot find", file_.native());
-        like.st_mode = packaged;
-    }
-    ReplacedFile file(file_, former);
-    ulmo::check(::fchown(file.descriptor(), like.st_uid, like.st_gid), "cannot give away",
-                file_.native());
-    ulmo::check(::fchmod(file.descriptor(), like.st_mode & permissions), "cannot protect",
-                file_.native());
-    file.commit();
 }
 
 } // namespace

@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -555,7 +556,11 @@ TEST_F(FrrTest, AFileThatFrrWritesIsNotSeen) {
     for (const std::string &text : {std::string("by hand\n"), first}) {
         write("new", text);
         std::filesystem::rename(file("new"), file("frr.conf"));
+        const auto began = std::chrono::steady_clock::now();
         EXPECT_EQ(startup(), text);
+        // FRR has written no file without its header.
+        EXPECT_EQ(std::chrono::steady_clock::now() - began > std::chrono::seconds(1),
+                  text == first);
     }
     // an FRR without a user of its own
     write("running", "ip route y\n");
