@@ -583,7 +583,7 @@ def test_device_frr(switch, packages, frr):
     for service in ("snmpd", "wardend"):
         assert groups_of(switch, service) >= {"frr", "frrvty"}
     text = (REPOSITORY / "docs/devices.md").read_text()
-    (block,) = re.findall(r"^```\napt install config-copy-mib-frr\n(.*?)^```$", text, re.M | re.S)
+    (block,) = re.findall(r"^```\napt install \S*mib-frr.*?\n(.*?)^```$", text, re.M | re.S)
     assert block.count("\n") <= 10 and "adduser" not in block
     shown = switch.shell(f"set -e\n{block}")
     assert "frr version" in shown and "% " not in shown
@@ -612,9 +612,13 @@ def test_device_frr(switch, packages, frr):
     assert "remote-as 65002" in (switch.served / "startup.cfg").read_text()
     assert cmdshell(switch, "show running-config") == backup
 
-    settings.write_text(before_settings)
     switch.run("apt-get", "remove", "-y", "config-copy-mib-frr")
     wait_until(lambda: agent_answers(switch))
+    for what in ("running", "startup"):
+        said = switch.run("runuser", "-u", "Debian-snmp", "--", "cmdshell", "-c",
+                          f"show {what}-config", check=False).stdout
+        assert "install config-copy-mib-frr" in said
+    settings.write_text(before_settings)
     assert not (switch.root / "var/lib/config-copy-mib-frr").exists()
     for service in ("snmpd", "wardend"):
         assert not groups_of(switch, service) & {"frr", "frrvty"}
@@ -642,8 +646,10 @@ def members_of(switch, group):
 
 def test_package_for_frr_leaves_what_it_has_not_done(switch, packages, frr):
     """The administrator has added one membership, and has stopped the agent."""
+    install_with_dpkg(switch, *frr)
     switch.shell("adduser Debian-snmp frrvty && systemctl stop snmpd")
-    install_with_dpkg(switch, *frr, packages["config-copy-mib-frr"])
+    install_with_dpkg(switch, packages["config-copy-mib-frr"])
+    assert FRR_DROP_IN in switch.shell("systemctl show -P DropInPaths frr")
     added = switch.root / "var/lib/config-copy-mib-frr/added-groups"
     assert added.read_text() == "frr\n"
     warden = switch.main_process("wardend")
@@ -852,9 +858,13 @@ def test_manager_alone(switch, packages):
     assert not (switch.root / "ulmo").exists()
 
 
-def test_of_the_packages_own(switch, packages):
+def test_of_the_packages_own(switch, packages, frr):
     """debian/tests, which Debian runs where the packages are."""
     switch.install(packages["config-copy-mib"])
     shutil.copytree(REPOSITORY / "debian", switch.root / "root/debian")
     said = switch.shell("/root/debian/tests/copy")
     assert said.count("hostname after\n") == 2  # running, and saved
+    switch.run("systemctl", "reset-failed", "snmpd")  # systemd counts its many starts
+    install_with_dpkg(switch, *frr, packages["config-copy-mib-frr"])
+    said = switch.shell("/root/debian/tests/frr")
+    assert said.endswith("\nip route 203.0.113.0/24 blackhole\n")
