@@ -630,7 +630,8 @@ def install_with_dpkg(switch, *packages):
     """Without apt-get, which would fetch what the archive has, too."""
     for package in packages:
         shutil.copy(package, switch.root / "root")
-    switch.run("dpkg", "-i", *(f"/root/{package.name}" for package in packages))
+    switch.run("dpkg", "-i", "--auto-deconfigure",
+               *(f"/root/{package.name}" for package in packages))
 
 
 def groups_of(switch, service):
@@ -839,8 +840,9 @@ def test_drop_in_of_frr_moves_to_its_package(switch, packages, frr):
     switch.install(PLACE / "config-copy-mib_before-frr.deb")
     install_with_dpkg(switch, *frr)
     assert "/bin/true" in switch.shell("systemctl cat frr")
-    switch.install(packages["config-copy-mib-common"], packages["config-copy-mib"],
-                   packages["config-copy-mib-frr"])
+    # in an order in which, for a moment, both have the file
+    names = ("config-copy-mib-frr", "config-copy-mib-common", "config-copy-mib")
+    install_with_dpkg(switch, *(packages[name] for name in names))
     wait_until(lambda: takes_requests(switch))
     assert switch.run("dpkg", "-S", FRR_DROP_IN).stdout == f"config-copy-mib-frr: {FRR_DROP_IN}\n"
     assert "mend startup-config" in switch.shell("systemctl cat frr")
