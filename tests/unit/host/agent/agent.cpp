@@ -673,7 +673,7 @@ TEST(HostAgentExtensionDeathTest, AccessPointOfAnotherAgent) {
 
 // --- notifications ---
 
-constexpr std::array<oid, 4> name{1, 3, 9, 1};
+constexpr std::array<oid, 4> trap_name{1, 3, 9, 1};
 
 struct SentTrap {
     std::vector<std::vector<oid>> names;
@@ -712,7 +712,8 @@ class HostAgentNotification : public HostAgentExtension {
     }
     static netsnmp_variable_list *one_binding() {
         const int32_t value = 3;
-        return build_varbind(nullptr, &value, ASN_INTEGER, sizeof value, name.data(), name.size());
+        return build_varbind(nullptr, &value, ASN_INTEGER, sizeof value, trap_name.data(),
+                             trap_name.size());
     }
 };
 
@@ -725,8 +726,9 @@ TEST_F(HostAgentNotification, HasUpTimeAndTrapOidInFront) {
         enqueue_notification(6, notification_oid.data(), notification_oid.size(), one_binding()),
         0);
     ASSERT_EQ(sent_traps.size(), 1U);
-    EXPECT_EQ(sent_traps[0].names, (std::vector<std::vector<oid>>{
-                                       sys_up_time, snmp_trap_oid, {name.begin(), name.end()}}));
+    EXPECT_EQ(sent_traps[0].names,
+              (std::vector<std::vector<oid>>{
+                  sys_up_time, snmp_trap_oid, {trap_name.begin(), trap_name.end()}}));
     EXPECT_EQ(sent_traps[0].trap,
               std::vector<oid>(notification_oid.begin(), notification_oid.end()));
     EXPECT_NEAR(static_cast<double>(sent_traps[0].up_time), 123400, 200);
@@ -768,10 +770,11 @@ TEST_F(HostAgentNotification, DispatcherSendsWhatTheHandlerReturns) {
 TEST_F(HostAgentNotification, BindingsAreAppended) {
     const int32_t negative = -2;
     const uint32_t ticks = 0x80000001;
-    auto *first = build_varbind(nullptr, &negative, ASN_INTEGER, 4, name.data(), name.size());
+    auto *first =
+        build_varbind(nullptr, &negative, ASN_INTEGER, 4, trap_name.data(), trap_name.size());
     ASSERT_NE(first, nullptr);
-    auto *third = build_varbind(first, &ticks, ASN_TIMETICKS, 4, name.data(), 3);
-    auto *second = build_varbind(first, "text", ASN_OCTET_STR, 4, name.data(), 2);
+    auto *third = build_varbind(first, &ticks, ASN_TIMETICKS, 4, trap_name.data(), 3);
+    auto *second = build_varbind(first, "text", ASN_OCTET_STR, 4, trap_name.data(), 2);
     ASSERT_NE(second, nullptr);
     ASSERT_NE(third, nullptr);
     EXPECT_EQ(first->next_variable, second);
@@ -788,13 +791,18 @@ TEST_F(HostAgentNotification, BindingsAreAppended) {
 TEST_F(HostAgentNotification, BindingsThatCantBeBuilt) {
     auto *first = one_binding();
     const int64_t wide = 5;
-    EXPECT_EQ(build_varbind(first, &wide, ASN_INTEGER, sizeof wide, name.data(), name.size()),
+    EXPECT_EQ(
+        build_varbind(first, &wide, ASN_INTEGER, sizeof wide, trap_name.data(), trap_name.size()),
+        nullptr);
+    EXPECT_EQ(build_varbind(first, &wide, ASN_TIMETICKS, 2, trap_name.data(), trap_name.size()),
               nullptr);
-    EXPECT_EQ(build_varbind(first, &wide, ASN_TIMETICKS, 2, name.data(), name.size()), nullptr);
-    EXPECT_EQ(build_varbind(first, nullptr, ASN_INTEGER, 4, name.data(), name.size()), nullptr);
+    EXPECT_EQ(build_varbind(first, nullptr, ASN_INTEGER, 4, trap_name.data(), trap_name.size()),
+              nullptr);
     EXPECT_EQ(build_varbind(first, &wide, ASN_INTEGER, 4, nullptr, 4), nullptr);
-    EXPECT_EQ(build_varbind(first, &wide, ASN_INTEGER, 4, name.data(), MAX_OID_LEN + 1), nullptr);
-    EXPECT_EQ(build_varbind(first, &wide, ASN_IPADDRESS, 5, name.data(), name.size()), nullptr);
+    EXPECT_EQ(build_varbind(first, &wide, ASN_INTEGER, 4, trap_name.data(), MAX_OID_LEN + 1),
+              nullptr);
+    EXPECT_EQ(build_varbind(first, &wide, ASN_IPADDRESS, 5, trap_name.data(), trap_name.size()),
+              nullptr);
     EXPECT_EQ(first->next_variable, nullptr);
     snmp_free_varbind(first);
 }

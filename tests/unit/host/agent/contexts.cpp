@@ -19,8 +19,8 @@ extern "C" int __wrap_unregister_mib(oid *, size_t);
 
 namespace {
 
-oid root[] = {1, 3, 6, 1, 4, 1, 41927, 9, 95};
-oid column[] = {1, 3, 6, 1, 4, 1, 41927, 9, 95, 1, 2};
+oid registered_root[] = {1, 3, 6, 1, 4, 1, 41927, 9, 95};
+oid registered_column[] = {1, 3, 6, 1, 4, 1, 41927, 9, 95, 1, 2};
 
 unsigned char *read_nothing(struct variable *, oid *, size_t *, int, size_t *, WriteMethod **) {
     return nullptr;
@@ -31,17 +31,20 @@ class HostContexts : public testing::Test {
     static void load() {
         variable7 variables[] = {{1, ASN_INTEGER, NETSNMP_OLDAPI_RONLY, read_nothing, 2, {1, 2}}};
         ASSERT_EQ(__wrap_register_mib("test", reinterpret_cast<struct variable *>(variables),
-                                      sizeof(variable7), 1, root, std::size(root)),
+                                      sizeof(variable7), 1, registered_root,
+                                      std::size(registered_root)),
                   MIB_REGISTERED_OK);
     }
     static void unload() {
-        EXPECT_EQ(__wrap_unregister_mib(column, std::size(column)), MIB_UNREGISTERED_OK);
+        EXPECT_EQ(__wrap_unregister_mib(registered_column, std::size(registered_column)),
+                  MIB_UNREGISTERED_OK);
     }
 
     // The number of the module's registrations that a request for the column finds in that context.
     static int registrations(const char *context) {
         int count = 0;
-        netsnmp_subtree *found = netsnmp_subtree_find(column, std::size(column), nullptr, context);
+        netsnmp_subtree *found =
+            netsnmp_subtree_find(registered_column, std::size(registered_column), nullptr, context);
         for (; found != nullptr; found = found->children) {
             count += found->reginfo != nullptr && std::string(found->reginfo->handlerName) == "test"
                          ? 1

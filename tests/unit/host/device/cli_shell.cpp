@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr const char *factory = "hostname switch\nend\n";
+constexpr const char *factory_text = "hostname switch\nend\n";
 
 class CliShell : public DeviceTest {
   protected:
@@ -46,7 +46,7 @@ TEST_F(CliShell, AppliesAFile) {
 
 TEST_F(CliShell, AnEmptyFileIsAValidConfiguration) {
     EXPECT_EQ(execute(""), 0U);
-    EXPECT_EQ(content(running()), factory);
+    EXPECT_EQ(content(running()), factory_text);
 }
 
 TEST_F(CliShell, EveryRefusalHasItsCodeAndChangesNothing) {
@@ -244,7 +244,7 @@ class CmdshellProgram : public DeviceTest {
 };
 
 TEST_F(CmdshellProgram, ShowsAndCopies) {
-    expect_result(command("show running-config"), 0, factory, "");
+    expect_result(command("show running-config"), 0, factory_text, "");
     expect_result(command("show startup-config"), 1, "",
                   "cmdshell: show startup-config: there is no startup configuration\n");
     expect_result(
@@ -268,7 +268,7 @@ TEST_F(CmdshellProgram, SaysWhyACommandFailed) {
     expect_result(command("configure"), 1, "", "cmdshell: configure: a file name is missing\n");
     const std::string bad = "configure " + file("bad.cfg", "hostname x\nfoo\n").string();
     expect_result(command(bad), 1, "", "cmdshell: " + bad + ": line 2: unknown statement 'foo'\n");
-    expect_result(command("show running-config"), 0, factory, "");
+    expect_result(command("show running-config"), 0, factory_text, "");
     file("platform.conf", "device_backend = remote\n");
     expect_result(command("show running-config"), 1, "",
                   "cmdshell: show running-config: " + (directory_ / "platform.conf").string() +
@@ -340,7 +340,7 @@ TEST_F(CmdshellProgram, RefusesAWrongCall) {
 
 TEST_F(CmdshellProgram, ReadsCommandsUntilOneFails) {
     expect_result(run({}, "\n copy running-config startup-config\r\nshow startup-config"), 0,
-                  factory, "");
+                  factory_text, "");
     expect_result(run({}, "shew\nshow running-config\n"), 1, "",
                   "cmdshell: shew: unknown command; 'help' lists the commands\n");
     expect_result(run({}, "exit\nshew\n"), 0, "", "");

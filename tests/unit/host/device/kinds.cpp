@@ -8,7 +8,7 @@
 
 namespace {
 
-const DeviceKind embedded{
+const DeviceKind embedded_kind{
     "embedded",
     [](const std::filesystem::path &directory) {
         std::filesystem::create_directories(directory);
@@ -51,9 +51,9 @@ const DeviceKind frr{
     "frr",
     [](const std::filesystem::path &directory) {
         auto device = std::make_unique<ulmo::Device>(ulmo::make_frr_backend(directory), directory);
-        static const std::string first = device->show(ulmo::ConfigurationStore::running);
+        static const std::string at_first = device->show(ulmo::ConfigurationStore::running);
         std::string text(ulmo::replace_line);
-        text.append("\n").append(first);
+        text.append("\n").append(at_first);
         device->apply(text);
         return device;
     },
@@ -66,7 +66,7 @@ const DeviceKind frr{
 } // namespace
 
 std::vector<const DeviceKind *> device_kinds() {
-    std::vector<const DeviceKind *> kinds{&embedded, &command};
+    std::vector<const DeviceKind *> kinds{&embedded_kind, &command};
     if (std::getenv("ULMO_TEST_FRR") != nullptr) {
         kinds.push_back(&frr);
     }

@@ -17,7 +17,7 @@ namespace {
 constexpr const char *local = "wwn = 20:00:00:00:00:00:00:01\n";
 constexpr const char *credentials = "fabric_user = operator\nfabric_auth_passphrase = for all of "
                                     "them\nfabric_priv_passphrase = for all too\n";
-const std::string second = "20:00:00:00:00:00:00:02";
+const std::string second_wwn = "20:00:00:00:00:00:00:02";
 
 class FabricMembers : public testing::Test {
   protected:
@@ -42,7 +42,7 @@ class FabricMembers : public testing::Test {
     }
     std::string endpoint(const std::string &text) const {
         const auto all =
-            members(std::string(credentials) + "fabric_member = " + second + ' ' + text + '\n');
+            members(std::string(credentials) + "fabric_member = " + second_wwn + ' ' + text + '\n');
         char address[64] = "-";
         ip_addr_to_str(&all.at(0).address, address, sizeof address);
         return std::string(address) + ' ' + std::to_string(all[0].port);
@@ -80,7 +80,7 @@ TEST_F(FabricMembers, LineOverridesWhatHoldsForAll) {
     const auto all =
         members(std::string(credentials) +
                 "fabric_auth_protocol = SHA-512\nfabric_priv_protocol = AES-256\nfabric_member = " +
-                second +
+                second_wwn +
                 " 192.0.2.2 priv-passphrase=a=b=cdef user=second auth-passphrase=12345678 "
                 "priv-protocol=DES auth-protocol=SHA\n" +
                 "fabric_member = 20:00:00:00:00:00:00:03 192.0.2.3\n");
@@ -108,12 +108,13 @@ TEST_F(FabricMembers, InvalidAddressIsRefused) {
          {"switch2", "192.0.2", "192.0.2.2:", "192.0.2.2:0", "192.0.2.2:65536", "192.0.2.2:1x",
           "192.0.2.2:-1", "[192.0.2.2]", "[192.0.2.2]:161", "[2001:db8::2", "2001:db8::2]",
           "[2001:db8::2]161", "[2001:db8::2]:", "[", "[]", "]", ":", ":161", "user=second"}) {
-        EXPECT_EQ(refusal_of_line(second + ' ' + address),
-                  "setting fabric_member " + second +
+        EXPECT_EQ(refusal_of_line(second_wwn + ' ' + address),
+                  "setting fabric_member " + second_wwn +
                       ": the second word must be an IPv4 or IPv6 address, with or without a port")
             << address;
     }
-    EXPECT_EQ(refusal_of_line(second), "setting fabric_member " + second + ": there is no address");
+    EXPECT_EQ(refusal_of_line(second_wwn),
+              "setting fabric_member " + second_wwn + ": there is no address");
 }
 
 TEST_F(FabricMembers, InvalidOrRepeatedNameIsRefused) {
@@ -122,7 +123,7 @@ TEST_F(FabricMembers, InvalidOrRepeatedNameIsRefused) {
                   "setting fabric_member: its line 1 does not begin with a world-wide name")
             << line;
     }
-    EXPECT_EQ(refusal_of_line(second + " 192.0.2.2\nfabric_member = x 192.0.2.3"),
+    EXPECT_EQ(refusal_of_line(second_wwn + " 192.0.2.2\nfabric_member = x 192.0.2.3"),
               "setting fabric_member: its line 2 does not begin with a world-wide name");
     EXPECT_EQ(
         refusal_of_line("00:00:00:00:00:00:00:00 192.0.2.2"),
@@ -130,20 +131,22 @@ TEST_F(FabricMembers, InvalidOrRepeatedNameIsRefused) {
     EXPECT_EQ(refusal_of_line("20:00:00:00:00:00:00:01 192.0.2.2"),
               "setting fabric_member 20:00:00:00:00:00:00:01: that is this switch itself: remove "
               "the line");
-    EXPECT_EQ(refusal_of_line(second + " 192.0.2.2\nfabric_member = " + second + " 192.0.2.3"),
-              "setting fabric_member " + second + ": two lines have this name");
-    EXPECT_EQ(refusal_of_line(second +
+    EXPECT_EQ(
+        refusal_of_line(second_wwn + " 192.0.2.2\nfabric_member = " + second_wwn + " 192.0.2.3"),
+        "setting fabric_member " + second_wwn + ": two lines have this name");
+    EXPECT_EQ(refusal_of_line(second_wwn +
                               " 192.0.2.2\nfabric_member = 20:00:00:00:00:00:00:03 192.0.2.2:161"),
               "setting fabric_member 20:00:00:00:00:00:00:03: the address is also that of " +
-                  second);
-    EXPECT_EQ(refusal_of_line(second +
+                  second_wwn);
+    EXPECT_EQ(refusal_of_line(second_wwn +
                               " 192.0.2.2\nfabric_member = 20:00:00:00:00:00:00:03 192.0.2.2:162"),
               "accepted 2");
 }
 
 TEST_F(FabricMembers, InvalidLocalNameIsRefused) {
     EXPECT_EQ(
-        refusal(std::string(credentials) + "wwn = x\nfabric_member = " + second + " 192.0.2.2\n"),
+        refusal(std::string(credentials) + "wwn = x\nfabric_member = " + second_wwn +
+                " 192.0.2.2\n"),
         (scratch.root() / "platform.conf").string() +
             " line 5: wwn = x: must be a world-wide name, such as 20:00:00:00:00:00:00:01; saves "
             "in the fabric fail");
@@ -151,8 +154,8 @@ TEST_F(FabricMembers, InvalidLocalNameIsRefused) {
 
 TEST_F(FabricMembers, UnknownKeyIsRefusedAndNotQuoted) {
     for (const char *word : {"User=x", "passphrase=secret-1", "use=x", "=x", "user", "secret-1"}) {
-        EXPECT_EQ(refusal_of_line(second + " 192.0.2.2 user=second " + word),
-                  "setting fabric_member " + second +
+        EXPECT_EQ(refusal_of_line(second_wwn + " 192.0.2.2 user=second " + word),
+                  "setting fabric_member " + second_wwn +
                       ": there is an unknown key; the keys are user, auth-protocol, "
                       "auth-passphrase, priv-protocol and priv-passphrase")
             << word;
@@ -160,8 +163,8 @@ TEST_F(FabricMembers, UnknownKeyIsRefusedAndNotQuoted) {
 }
 
 TEST_F(FabricMembers, EveryCredentialIsNeeded) {
-    const std::string line = "fabric_member = " + second + " 192.0.2.2 ";
-    const std::string what = "setting fabric_member " + second + ": ";
+    const std::string line = "fabric_member = " + second_wwn + " 192.0.2.2 ";
+    const std::string what = "setting fabric_member " + second_wwn + ": ";
     EXPECT_EQ(refusal(line), what + "there is no user, neither there nor as fabric_user");
     EXPECT_EQ(refusal(line + "user=x"),
               what + "there is no auth-passphrase, neither there nor as fabric_auth_passphrase");
@@ -169,14 +172,14 @@ TEST_F(FabricMembers, EveryCredentialIsNeeded) {
               what + "there is no priv-passphrase, neither there nor as fabric_priv_passphrase");
     EXPECT_EQ(refusal(line + "user=x auth-passphrase=secret-1 priv-passphrase=secret-2"),
               "accepted 1");
-    EXPECT_EQ(refusal_of_line(second + " 192.0.2.2 auth-protocol="),
+    EXPECT_EQ(refusal_of_line(second_wwn + " 192.0.2.2 auth-protocol="),
               what + "there is no auth-protocol, neither there nor as fabric_auth_protocol");
 }
 
 TEST_F(FabricMembers, InvalidCredentialIsRefused) {
-    const std::string what = "setting fabric_member " + second + ": ";
+    const std::string what = "setting fabric_member " + second_wwn + ": ";
     const auto refused = [&](const std::string &word) {
-        return refusal_of_line(second + " 192.0.2.2 " + word);
+        return refusal_of_line(second_wwn + " 192.0.2.2 " + word);
     };
     EXPECT_EQ(refused("user=" + std::string(32, 'u')), "accepted 1");
     EXPECT_EQ(refused("user=" + std::string(33, 'u')),
@@ -201,7 +204,7 @@ TEST_F(FabricMembers, PassphrasesAreForTheOwnerOnly) {
     REQUIRE_SUPERUSER("acts in the superuser's group");
     const std::string readable = (scratch.root() / "platform.conf").string() +
                                  " holds passphrases and is readable by other users";
-    const std::string line = "fabric_member = " + second + " 192.0.2.2 ";
+    const std::string line = "fabric_member = " + second_wwn + " 192.0.2.2 ";
     for (const mode_t mode : {0640U, 0604U, 0644U}) {
         EXPECT_EQ(refusal(credentials + line, mode), readable);
         EXPECT_EQ(refusal("fabric_auth_passphrase = secret-1\n", mode), readable);
@@ -230,7 +233,7 @@ TEST_F(FabricMembers, PassphrasesMayBeForTheOwnGroupToo) {
     const std::string readable = (scratch.root() / "platform.conf").string() +
                                  " holds passphrases and is readable by other users";
     const std::string text =
-        std::string(credentials) + "fabric_member = " + second + " 192.0.2.2\n";
+        std::string(credentials) + "fabric_member = " + second_wwn + " 192.0.2.2\n";
     const ActingInGroup group(own_group);
     EXPECT_EQ(refusal(text, 0644), readable);
     EXPECT_EQ(refusal(text, 0640), "accepted 1");
