@@ -713,6 +713,7 @@ std::string FrrBackend::refusal_to_write() {
 
 void FrrBackend::save(const std::function<void()> &before_commit) {
     (void)working_daemons();
+    const bool space_was_scarce = startup_.space_is_scarce();
     startup_.begin_save();
     try {
         before_commit();
@@ -729,14 +730,22 @@ void FrrBackend::save(const std::function<void()> &before_commit) {
         reason = "the file is still the former one";
     }
     const auto file = startup_.stored();
-    if (startup_.is_torn(file) && (!file || file->text != show_running())) {
+    const bool looks_torn = startup_.is_torn(file);
+    bool is_saved = reason.empty() && file;
+    // FRR says [OK] on a full disk, too. To be shown the configuration takes as long as the save.
+    if (is_saved && (looks_torn || space_was_scarce || startup_.space_is_scarce())) {
+        is_saved = file->text == show_running();
+    }
+    if (!is_saved && looks_torn) {
         throw std::runtime_error("FRR has written only a part of " + name +
                                  (reason.empty() ? "" : " (" + reason + ")") +
                                  "; the former one is " + startup_.replaced_file().string());
     }
     startup_.end_save();
-    if (!reason.empty()) {
-        throw std::runtime_error("FRR has not saved " + name + ": " + reason);
+    if (!is_saved) {
+        throw std::runtime_error(
+            "FRR has not saved " + name + ": " +
+            (reason.empty() ? "it differs from the running configuration" : reason));
     }
     (void)working_daemons(); // still
 }

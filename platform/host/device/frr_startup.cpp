@@ -12,6 +12,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -167,6 +168,14 @@ bool FrrStartup::is_torn(const std::optional<File> &file) const {
     return save && !save->is_former(file) && !(file && is_whole(*file)) &&
            (save->replaced.empty() || save->replaced == identity_of(replaced_file()) ||
             save->replaced == identity_of(file_)); // left by an earlier save
+}
+
+bool FrrStartup::space_is_scarce() const {
+    constexpr std::uint64_t plenty = std::uint64_t{64} << 20; // no one fills so much during a save
+    struct statvfs disk {};
+    check(::statvfs(file_.parent_path().c_str(), &disk), "cannot look at the disk of",
+          file_.native());
+    return std::uint64_t{disk.f_bfree} * disk.f_frsize < plenty;
 }
 
 void FrrStartup::tidy() const {

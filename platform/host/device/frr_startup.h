@@ -47,6 +47,9 @@ class FrrStartup {
     // another history, is someone else's. A whole file may rarely look so.
     [[nodiscard]] bool is_torn(const std::optional<File> &file) const;
 
+    // Whether the disk of the file is so full that FRR may lack space while it writes.
+    [[nodiscard]] bool space_is_scarce() const;
+
     // Removes what a killed process has left, if FRR has ended its save.
     void tidy() const;
     // Makes a torn file the former one. Returns whether it was torn. Ends the save.

@@ -2,6 +2,8 @@
 #include "platform/host/device/backend.h"
 #include "platform/host/device/configuration_text.h"
 #include "platform/host/device/device.h"
+#include "tests/unit/child.h"
+#include "tests/unit/own_mounts.h"
 #include "tests/unit/scratch.h"
 #include "tests/unit/superuser.h"
 
@@ -100,7 +102,10 @@ exit 0
 
 class FrrTest : public testing::Test {
   protected:
-    FrrTest() {
+    FrrTest() { fill(); }
+
+    // FRR's programs and files, and the settings for them.
+    void fill() {
         program("vtysh", vtysh);
         program("reload", reload);
         write("running", "ip route 10.1.0.0/16 blackhole\n");
@@ -119,7 +124,7 @@ class FrrTest : public testing::Test {
         device_ = std::make_unique<ulmo::Device>(ulmo::make_frr_backend(scratch_.root() / "state"),
                                                  scratch_.root() / "state");
     }
-    std::filesystem::path file(const std::string &name) const { return scratch_.root() / name; }
+    std::filesystem::path file(const std::string &name) const { return folder_ / name; }
     void write(const std::string &name, const std::string &text) const {
         Scratch::write(file(name), text);
     }
@@ -175,6 +180,7 @@ class FrrTest : public testing::Test {
     }
 
     const Scratch scratch_;
+    std::filesystem::path folder_ = scratch_.root();
     std::unique_ptr<ulmo::Device> device_;
 };
 
@@ -391,6 +397,28 @@ TEST_F(FrrTest, ShowsTheConfigurationAgainOnlyIfTheFileLooksTorn) {
         EXPECT_EQ(read("calls").find("running-config") != std::string::npos, size == 512);
         EXPECT_FALSE(has_journal());
     }
+}
+
+// A disk that was full for a moment leaves a hole, which FRR does not notice.
+TEST_F(FrrTest, ComparesTheFileIfSpaceIsScarce) {
+    REQUIRE_SUPERUSER("mounts a small disk");
+    folder_ = file("small");
+    std::filesystem::create_directory(folder_);
+    EXPECT_EQ(host_test::in_child([this] {
+                  if (!get_own_mounts() ||
+                      ::mount("small", folder_.c_str(), "tmpfs", 0, "size=1m") != 0) {
+                      return 1;
+                  }
+                  fill();
+                  write("running", "ip route a\nip route b\nip route c\n");
+                  device_->save();
+                  on_write("mv frr.conf frr.conf.sav; grep -v 'route b' frr.conf.sav >frr.conf; "
+                           "echo '[OK]'; set --");
+                  EXPECT_EQ(failure_to_save(), "FRR has not saved " + file("frr.conf").string() +
+                                                   ": it differs from the running configuration");
+                  return HasFailure() ? 2 : 0;
+              }),
+              0);
 }
 
 TEST_F(FrrTest, SaysThatFrrHasNotSaved) {
