@@ -8,6 +8,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <atomic>
@@ -114,8 +115,14 @@ class Silent {
 
     [[nodiscard]] const std::string &name() const { return name_; }
 
-    // Waits for a request, and answers it with that id more than it has.
-    void answer_for_another(std::uint32_t more) const {
+    // Waits for a request, and answers it with that id more than it has. Returns false if none has
+    // come within a second.
+    bool answer_for_another(std::uint32_t more) const {
+        constexpr int most_milliseconds = 1000;
+        pollfd event{socket_.get(), POLLIN, 0};
+        if (ulmo::check(::poll(&event, 1, most_milliseconds)) == 0) {
+            return false;
+        }
         std::array<char, 2048> buffer{};
         sockaddr_in manager{};
         socklen_t length = sizeof manager;
@@ -126,6 +133,7 @@ class Silent {
         const std::string answer = read_request(SNMP_VERSION_2c, "private", id.value() + more);
         ulmo::check(::sendto(socket_.get(), answer.data(), answer.size(), 0,
                              reinterpret_cast<sockaddr *>(&manager), length));
+        return true;
     }
 
     std::size_t requests() const {
@@ -201,26 +209,32 @@ TEST_F(ScoutTest, NobodyIsAskedWithoutRoom) {
 }
 
 TEST_F(ScoutTest, NoAgentAnswersForOneThatIsNotAskedYet) {
-    const Silent forger;
-    const Silent silent;
-    const std::string port = silent.name().substr(silent.name().find(':'));
-    agents_ = {{forger.name(), "", settings(1000, 0), ""},
-               {"localhost" + port, "", settings(100, 0), ""}};
-    Scout scout(agents_, std::chrono::seconds(10), false);
-    std::atomic<bool> is_later = false;
-    std::jthread forging([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(300)); // the name is looked up
-        forger.answer_for_another(1);
-        std::this_thread::sleep_for(std::chrono::milliseconds(200));
-        is_later = true;
-        scout.wake();
-    });
-    std::vector<std::size_t> missing;
-    bool is_first = true;
-    scout.run({[&] { return std::exchange(is_first, false) || is_later ? 1U : 0U; },
-               [](std::size_t, const std::string &) { FAIL(); },
-               [&](std::size_t agent, const Failure &) { missing.push_back(agent); }});
-    EXPECT_EQ((std::vector<std::size_t>{1, 0}), missing);
+    // If the name is looked up before the run begins, it is asked first, and there is nothing to
+    // see.
+    bool is_forged = false;
+    for (int attempt = 0; attempt < 10 && !is_forged; ++attempt) {
+        const Silent forger;
+        const Silent silent;
+        const std::string port = silent.name().substr(silent.name().find(':'));
+        agents_ = {{forger.name(), "", settings(1000, 0), ""},
+                   {"localhost" + port, "", settings(100, 0), ""}};
+        Scout scout(agents_, std::chrono::seconds(10), false);
+        std::atomic<bool> is_later = false;
+        std::jthread forging([&] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(300)); // the name is looked up
+            is_forged = forger.answer_for_another(1);
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+            is_later = true;
+            scout.wake();
+        });
+        std::vector<std::size_t> missing;
+        bool is_first = true;
+        scout.run({[&] { return std::exchange(is_first, false) || is_later ? 1U : 0U; },
+                   [](std::size_t, const std::string &) { FAIL(); },
+                   [&](std::size_t agent, const Failure &) { missing.push_back(agent); }});
+        EXPECT_EQ((std::vector<std::size_t>{1, 0}), missing);
+    }
+    EXPECT_TRUE(is_forged);
 }
 
 } // namespace
