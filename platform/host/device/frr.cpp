@@ -191,13 +191,34 @@ std::string_view owner_of(const Statement &statement) {
     return {};
 }
 
+// Commands that vtysh itself would execute in a text, even when it only checks it: `output file`
+// overwrites any file of this user, and `configure` hides that there was an `exit` too many.
+constexpr std::string_view commands[] = {"configure", "copy",     "find",       "list", "output",
+                                         "ping",      "terminal", "traceroute", "write"};
+
+bool is_command(std::string_view word) {
+    return std::any_of(std::begin(commands), std::end(commands),
+                       [word](std::string_view command) { return command.starts_with(word); });
+}
+
+// The last line of a text, which only the configuration mode takes.
+constexpr std::string_view last_line = "XFRR_end_configuration";
+
 [[noreturn]] void refuse(std::size_t line, const std::string &reason) {
     throw ConfigurationError(ConfigurationError::Kind::bad_line,
                              "line " + std::to_string(line) + ": " + reason);
 }
 
+void require_daemon(const Statement &statement, const Texts &daemons) {
+    const std::string_view owner = owner_of(statement);
+    if (!statement.is_negated() && !owner.empty() && owner != shell && !daemons.contains(owner)) {
+        refuse(statement.line,
+               std::string(owner) + " does not run, so FRR has ignored '" + statement.text + "'");
+    }
+}
+
 // The text as vtysh and frr-reload read it, with the same numbers of lines. Throws
-// ConfigurationError for what they would misread.
+// ConfigurationError for what they would misread or execute.
 std::string legible(std::string_view text) {
     std::string result;
     result.reserve(text.size() + 1);
@@ -215,6 +236,11 @@ std::string legible(std::string_view text) {
         }
         if (line.size() > longest_line) {
             refuse(number, "longer than " + std::to_string(longest_line) + " octets");
+        }
+        const auto words = words_of(line);
+        if (!words.empty() && is_command(words[0])) {
+            refuse(number, "'" + std::string(words[0]) +
+                               "' is a command of FRR's shell, not a statement of a configuration");
         }
         // frr-reload reads nothing after it.
         result.append(trimmed(line) == "end" ? "" : line).append("\n");
@@ -240,10 +266,15 @@ std::string plain(std::string_view complaint) {
         }
     };
     drop("% ");
-    const std::size_t open = result.find("Unknown command[");
-    if (open != std::string::npos) {
-        const std::size_t bracket = result.find('[', open);
-        result.erase(bracket, std::min(result.find(']', bracket), result.size() - 1) + 1 - bracket);
+    // vtysh adds a number to each of these, and the indentation of the line.
+    for (const char *const problem :
+         {"Unknown command", "Command incomplete", "Ambiguous command"}) {
+        const std::size_t open = result.find(std::string(problem) + '[');
+        const std::size_t colon = std::min(result.find("]:", open), result.size());
+        if (open != std::string::npos && colon != result.size()) {
+            const std::string line(trimmed(std::string_view(result).substr(colon + 2)));
+            result = result.substr(0, open) + problem + ": " + line;
+        }
     }
     if (result.find("failed to connect to any daemons") != std::string::npos) {
         return "FRR does not run, or this user is not in the group frrvty: start frr, or install "
@@ -306,7 +337,14 @@ class FrrBackend final : public DeviceBackend {
     std::optional<std::string> show_startup() override { return startup_.text(); }
 
     void check(std::string_view text) override {
-        const ProgramEnd end = vtysh({"-C", "-f", "/dev/stdin"}, legible(text));
+        // After an `exit` too many, vtysh takes commands, such as `clear bgp *`, which apply()
+        // would execute.
+        const ProgramEnd end =
+            vtysh({"-C", "-f", "/dev/stdin"}, legible(text).append(last_line).append("\n"));
+        if (end.exit_status != 0 && end.complaint.find(last_line) != std::string::npos) {
+            throw ConfigurationError(ConfigurationError::Kind::bad_line,
+                                     "an 'exit' too many: it leaves the configuration mode");
+        }
         require_taken(end);
     }
 
@@ -329,8 +367,8 @@ class FrrBackend final : public DeviceBackend {
         complaints_.clear();
         // Without these lines, which vtysh adds by itself for -f, the daemons make a change of its
         // own of each line: a thousand take half a minute.
-        const NamedText file(wanted_file_, "XFRR_start_configuration\n" + legible(text) +
-                                               "XFRR_end_configuration\n");
+        const NamedText file(wanted_file_, "XFRR_start_configuration\n" +
+                                               legible(text).append(last_line).append("\n"));
         ProgramEnd end = ask("copy " + file.name() + " running-config");
         if (!end.complaint.empty()) {
             end.exit_status = EXIT_FAILURE;
@@ -597,10 +635,14 @@ void FrrBackend::replace(std::string_view text) {
         const bool has_removal =
             std::any_of(statements.begin(), statements.end(), std::mem_fn(&Statement::is_negated));
         if (attempt == most_rounds || (failures > 0 && (complaint.empty() || !has_removal))) {
-            throw ConfigurationError(ConfigurationError::Kind::bad_line,
-                                     "FRR can't run exactly this text: it does not take '" +
-                                         statements.back().text + "'" +
-                                         (complaint.empty() ? "" : ": " + complaint));
+            const auto daemons = working_daemons();
+            for (const Statement &statement : statements_of(wanted)) {
+                require_daemon(statement, daemons);
+            }
+            throw ConfigurationError(
+                ConfigurationError::Kind::bad_line,
+                "FRR can't run exactly this text: it does not take '" + statements.back().text +
+                    "'" + (complaint.empty() ? "; write it as FRR shows it" : ": " + complaint));
         }
         for (const Statement &statement : statements) {
             if (statement.is_outermost && statement.is_negated() &&

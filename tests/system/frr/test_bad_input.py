@@ -77,9 +77,28 @@ def program():
     (f"configuration replace\n{ROUTE}frobnicate 1\n", "line 3: Unknown command: frobnicate 1"),
     (f"{ROUTE}! {'x' * 5000}\n", "line 2: longer than 4000 octets"),
     (f"{ROUTE}do write file\n", "line 2: Unknown command: do write file"),
+    ("ip route 10.0.0.0/8\n", "line 1: Command incomplete: ip route 10.0.0.0/8"),
+    (f"{BGP}exit\nclear bgp *\n", "an 'exit' too many: it leaves the configuration mode"),
+    (f"{BGP}exit\nclear bgp *\nconf t\n{ROUTE}",
+     "line 6: 'conf' is a command of FRR's shell, not a statement of a configuration"),
+    (f"configuration replace\n{ROUTE}router ospf\n ospf router-id 192.0.2.1\n",
+     "line 3: ospfd does not run, so FRR has ignored 'router ospf'"),
 ])
 def test_text_that_frr_does_not_take(operator, device_unchanged, text, reason):
     assert failed_download(operator, text) == reason
+
+
+@pytest.mark.parametrize("before", ["", "exit\n", "router bgp 65001\n"])
+def test_text_that_would_overwrite_a_file(operator, device_unchanged, before):
+    """FRR's shell does so already when it checks a text."""
+    file = STATE_DIRECTORY / "precious"
+    file.write_text("precious")
+    file.chmod(0o666)
+    reason = failed_download(operator, f"{before}output file {file}\n")
+    assert reason.endswith("'output' is a command of FRR's shell, "
+                           "not a statement of a configuration")
+    assert file.read_text() == "precious"
+    file.unlink()
 
 
 def test_text_that_is_none(operator, device_unchanged):

@@ -67,7 +67,8 @@ case "$*" in
     { echo 'frr version 8.4.4'; cat running; echo '!'; } >frr.conf
     echo '[OK]' ;;
 '-C -f /dev/stdin')
-    awk '!/^(no )?(ip  ?route|ro|end|exit|!|#| |$|log|hostname|frr)/ {
+    awk '/^exit too/ { left = 1 }
+        left && /^XFRR/ || !/^(no )?(ip  ?route|ro|end|exit|!|#| [^w]|$|log|hostname|frr|XFRR)/ {
         print "line " NR ": % Unknown command[4]: " $0; exit 2 }' >&2 ;;
 '-f /dev/stdin') apply ;;
 'copy '*' running-config') apply <"$2" ;;
@@ -251,11 +252,23 @@ TEST_F(FrrTest, SaysWhyAProgramFails) {
 
 TEST_F(FrrTest, RefusesWhatFrrRefuses) {
     EXPECT_EQ(refusal("ip route x\nfrobnicate 1\n"), "line 2: Unknown command: frobnicate 1");
+    EXPECT_EQ(refusal("router x\n wrong\n"), "line 2: Unknown command: wrong");
     EXPECT_EQ(refusal("ip route x\nip route refused\n"), "line 2: The reason: ip route refused");
     EXPECT_EQ(refusal("ip route x\n\x01\n"),
               "line 2: a control character, so this is not a configuration text");
     EXPECT_EQ(refusal("ip route x\nip route " + std::string(4000, 'x')),
               "line 2: longer than 4000 octets");
+}
+
+TEST_F(FrrTest, ExecutesNoCommands) {
+    const std::string why = "' is a command of FRR's shell, not a statement of a configuration";
+    for (const std::string word : {"output", "ou", "configure", "conf", "ping", "copy", "write"}) {
+        EXPECT_EQ(refusal("router x\n exit\n " + word + " file /x\n"), "line 3: '" + word + why);
+    }
+    EXPECT_FALSE(read("calls").find("-C") != std::string::npos); // which executes them
+    EXPECT_EQ(refusal("exit too many\n"), "an 'exit' too many: it leaves the configuration mode");
+    EXPECT_EQ(read("calls").find("copy"), std::string::npos);
+    EXPECT_EQ(running(), first);
 }
 
 TEST_F(FrrTest, RefusesWhatFrrDrops) {
@@ -363,7 +376,10 @@ TEST_F(FrrTest, DoesNotBelieveAWrongDifference) {
               file("reload").string() + ": why");
     write("reload-hook", "echo 'ip route never'; exit 0\n");
     write("hook", "case $* in -f*) exit 0;; esac\n");
-    EXPECT_EQ(refusal(text), "FRR can't run exactly this text: it does not take 'ip route never'");
+    EXPECT_EQ(refusal(text), "FRR can't run exactly this text: it does not take 'ip route never'; "
+                             "write it as FRR shows it");
+    EXPECT_EQ(refusal(text + "router ospf\n"),
+              "line 6: ospfd does not run, so FRR has ignored 'router ospf'");
     EXPECT_EQ(running(), first);
 }
 
