@@ -25,9 +25,9 @@ std::filesystem::path worker_directory(pid_t worker);
 
 // Turns the calling process, just forked from `agent`, into a worker. It dies with the agent, has
 // none of its signal handlers, and runs as a batch job that gives way to it. Its sockets and the
-// descriptors in `foreign` are replaced by /dev/null, so that their numbers are not reused; standard
-// streams that lead to a local service, such as the journal, stay. Its working directory is a
-// private, locked folder; if that can't be created, the process ends.
+// descriptors in `foreign` are replaced by /dev/null, so that their numbers are not reused;
+// standard streams that lead to a local service, such as the journal, stay. Its working directory
+// is a private, locked folder; if that can't be created, the process ends.
 void become_worker(pid_t agent, const std::vector<int> &foreign) noexcept;
 
 // Kills a process of the caller with all that it has started, stopped processes included. The death
