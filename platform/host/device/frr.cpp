@@ -273,7 +273,7 @@ std::string plain(std::string_view complaint) {
         const std::size_t colon = std::min(result.find("]:", open), result.size());
         if (open != std::string::npos && colon != result.size()) {
             const std::string line(trimmed(std::string_view(result).substr(colon + 2)));
-            result = result.substr(0, open) + problem + ": " + line;
+            result.replace(open + std::string_view(problem).size(), std::string::npos, ": " + line);
         }
     }
     if (result.find("failed to connect to any daemons") != std::string::npos) {
