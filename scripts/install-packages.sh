@@ -53,7 +53,8 @@ present=$(dpkg-query -W -f '${db:Status-Status} ${Package}, ${Provides}\n' 2>/de
 # The libraries of the unpacked daemons, as this machine's package lists name them.
 libraries() {
     # shellcheck disable=SC2046 # one word a package
-    LC_ALL=C apt-cache depends --important $(listed unpack) 2>/dev/null | sed -n 's/^ *Depends: lib/lib/p'
+    LC_ALL=C apt-cache depends --important $(listed unpack) 2>/dev/null |
+        sed -n 's/^ *Depends: lib/lib/p' | sort -u
 }
 find_missing() {
     mapfile -t missing < <({ listed "${groups[@]}"; libraries; } | grep -vxF "$present")
